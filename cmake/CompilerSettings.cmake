@@ -1,0 +1,23 @@
+# Compiler settings of every target in the tree.
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+
+include(CheckPIESupported)
+check_pie_supported()
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow
+  # Source names in log lines and errors must not tell where we were built.
+  "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=")
+if(ZANCGI_WERROR)
+  add_compile_options(-Werror)
+endif()
+if(ZANCGI_SANITIZE)
+  add_compile_options(-fsanitize=${ZANCGI_SANITIZE} -fno-omit-frame-pointer
+    -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${ZANCGI_SANITIZE})
+endif()

@@ -1,0 +1,45 @@
+/// @file
+/// Private: tells whether an answer is as long as its own header promises.
+#ifndef TOV_ANSWER_LENGTH_H
+#define TOV_ANSWER_LENGTH_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tov_internal {
+
+/// Watches the bytes of an answer go by (RFC 3875 section 6.3: header lines, an
+/// empty line, the body; lines end in CR LF or LF).
+///
+/// Header lines are optional: the first line that is none ends them, and what
+/// was taken for one before it was text.
+class AnswerLength {
+ public:
+  void See(std::string_view bytes);
+
+  /// Whether not a single byte has gone by.
+  bool Nothing() const { return seen_ == 0; }
+  /// Whether the Content-Length headers, if any, are one number.
+  bool Consistent() const { return consistent_; }
+  /// Whether the body is shorter than promised.
+  bool Short() const { return promised_ && body_ < *promised_; }
+
+ private:
+  std::string_view TakeLinePart(std::string_view bytes);
+  void EndLine();
+  void NoteLength(std::string_view value);
+  void NoHeaderAfterAll();
+
+  std::uint64_t seen_ = 0;
+  std::uint64_t body_ = 0;
+  bool in_header_ = true;
+  bool consistent_ = true;
+  std::string line_;
+  std::optional<std::uint64_t> promised_;
+};
+
+}  // namespace tov_internal
+
+#endif

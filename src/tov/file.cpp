@@ -1,0 +1,334 @@
+#include <tov/err.h>
+#include <tov/file.h>
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <system_error>
+
+#include "descriptor.h"
+
+namespace tov_file {
+namespace {
+
+using tov_internal::AboveStandard;
+using tov_internal::Descriptor;
+using tov_internal::RetryInterrupted;
+using tov_internal::ThrowSystemError;
+
+constexpr char kRandomPart[] = "XXXXXX";
+constexpr std::size_t kRandomSize = sizeof(kRandomPart) - 1;
+constexpr mode_t kPermissionBits = 07777;
+
+bool MeansMissing(int error) { return error == ENOENT || error == ENOTDIR; }
+
+[[noreturn]] void ThrowFor(const char* what, const std::string& path,
+                           int error) {
+  ThrowSystemError(std::string(what) + " '" + path + "'", error);
+}
+
+Descriptor Open(const std::string& path, int flags) {
+  return AboveStandard(RetryInterrupted(
+      [&] { return ::open(path.c_str(), flags | O_CLOEXEC); }));
+}
+
+/// Opens the file itself: never what a link points to, never waiting for the
+/// other end of a FIFO.
+Descriptor OpenOwnFile(const std::string& path) {
+  return Open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+}
+
+struct stat StatusOf(int descriptor, const std::string& path) {
+  struct stat status {};
+  if (::fstat(descriptor, &status) != 0) ThrowFor("cannot read", path, errno);
+  return status;
+}
+
+bool SameFile(const struct stat& left, const struct stat& right) {
+  return left.st_dev == right.st_dev && left.st_ino == right.st_ino;
+}
+
+/// Makes a new file beside or at @p pattern, whose end is replaced.
+Descriptor MakeUnique(std::string& pattern) {
+  return AboveStandard(::mkostemp(pattern.data(), O_CLOEXEC));
+}
+
+/// A name that no file has yet, when one cannot be made to prove it.
+void FillRandomPart(std::string& pattern) {
+  constexpr char kLetters[] = "abcdefghijklmnopqrstuvwxyz0123456789";
+  unsigned char random[kRandomSize] = {};
+  RetryInterrupted([&] { return ::getrandom(random, sizeof(random), 0); });
+  char* at = pattern.data() + pattern.size() - kRandomSize;
+  for (const unsigned char byte : random) {
+    *at++ = kLetters[byte % (sizeof(kLetters) - 1)];
+  }
+}
+
+/// Renames without replacing anything. Returns 0 or the error.
+int RenameOntoNothing(const std::string& from, const std::string& to) {
+  if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(),
+                  RENAME_NOREPLACE) == 0) {
+    return 0;
+  }
+  if (errno != EINVAL && errno != ENOSYS) return errno;
+  // A file system that cannot promise it: a link is never made onto a file.
+  if (::link(from.c_str(), to.c_str()) != 0) return errno;
+  if (::unlink(from.c_str()) == 0) return 0;
+  const int error = errno;
+  ::unlink(to.c_str());
+  return error;
+}
+
+void WriteWhole(int target, const char* bytes, std::size_t size,
+                const std::string& path) {
+  for (std::size_t written = 0; written < size;) {
+    const ssize_t count = RetryInterrupted(
+        [&] { return ::write(target, bytes + written, size - written); });
+    if (count < 0) ThrowFor("cannot write", path, errno);
+    written += static_cast<std::size_t>(count);
+  }
+}
+
+void CopyBytes(int source, const std::string& from, int target,
+               const std::string& to) {
+  constexpr std::size_t kPiece = 65536;
+  const std::unique_ptr<char[]> piece(new char[kPiece]);
+  for (;;) {
+    const ssize_t count =
+        RetryInterrupted([&] { return ::read(source, piece.get(), kPiece); });
+    if (count < 0) ThrowFor("cannot read", from, errno);
+    if (count == 0) return;
+    WriteWhole(target, piece.get(), static_cast<std::size_t>(count), to);
+  }
+}
+
+void CopyWithAttributes(int source, const std::string& from, int target,
+                        const std::string& to) {
+  CopyBytes(source, from, target, to);
+  const struct stat status = StatusOf(source, from);
+  // The owner first: a change of owner takes set-id bits away.
+  if (::fchown(target, status.st_uid, status.st_gid) != 0) {
+    ThrowFor("cannot set the owner of", to, errno);
+  }
+  if (::fchmod(target, status.st_mode & kPermissionBits) != 0) {
+    ThrowFor("cannot set the permissions of", to, errno);
+  }
+  // A full disk may show only here; the source must still be there then.
+  if (::fsync(target) != 0) ThrowFor("cannot write", to, errno);
+}
+
+/// A file beside the final place that vanishes unless it is moved there.
+class Draft {
+ public:
+  explicit Draft(const std::string& beside)
+      : path_(ConcatPath(SplitPath(beside).first,
+                         std::string(".tov-") + kRandomPart)),
+        file_(MakeUnique(path_)) {
+    if (!file_) ThrowFor("cannot make a file beside", beside, errno);
+  }
+  ~Draft() {
+    if (!published_) ::unlink(path_.c_str());
+  }
+  Draft(const Draft&) = delete;
+  Draft& operator=(const Draft&) = delete;
+
+  int Get() const { return file_.Get(); }
+
+  void PublishAs(const std::string& to) {
+    const int error = RenameOntoNothing(path_, to);
+    if (error != 0) ThrowFor("cannot move a file to", to, error);
+    published_ = true;
+  }
+
+ private:
+  std::string path_;
+  Descriptor file_;
+  bool published_ = false;
+};
+
+/// Removes the source of a copy, unless another file has taken its place.
+void RemoveSource(const std::string& from, const struct stat& copied) {
+  struct stat now {};
+  if (::lstat(from.c_str(), &now) != 0) {
+    if (MeansMissing(errno)) return;
+    ThrowFor("cannot remove", from, errno);
+  }
+  if (SameFile(now, copied) && ::unlink(from.c_str()) != 0) {
+    ThrowFor("cannot remove", from, errno);
+  }
+}
+
+void CopyAcross(const std::string& from, const std::string& to,
+                const struct stat& expected) {
+  const Descriptor source = OpenOwnFile(from);
+  if (!source) ThrowFor("cannot open", from, errno);
+  const struct stat opened = StatusOf(source.Get(), from);
+  // The owner of the file may have put another one in its place.
+  if (!SameFile(opened, expected) || !S_ISREG(opened.st_mode)) {
+    throw tov_err::Error("'" + from + "' was replaced while it was moved");
+  }
+  Draft draft(to);
+  CopyWithAttributes(source.Get(), from, draft.Get(), to);
+  draft.PublishAs(to);
+  try {
+    RemoveSource(from, opened);
+  } catch (...) {
+    ::unlink(to.c_str());
+    throw;
+  }
+}
+
+std::string WithoutFinalSlash(std::string path) {
+  if (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
+/// For a path of which a part does not exist.
+std::string RealPathOfMissing(const std::string& path) {
+  namespace fs = std::filesystem;
+  std::error_code error;
+  const fs::path absolute = fs::absolute(path, error);
+  const fs::path real =
+      error ? fs::path() : fs::weakly_canonical(absolute, error);
+  if (error) ThrowFor("cannot resolve", path, error.value());
+  return WithoutFinalSlash(real.string());
+}
+
+}  // namespace
+
+bool Exists(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) == 0) return true;
+  if (!MeansMissing(errno)) ThrowFor("cannot look for", path, errno);
+  return false;
+}
+
+void RemoveFile(const std::string& path) {
+  if (::unlink(path.c_str()) != 0 && !MeansMissing(errno)) {
+    ThrowFor("cannot remove", path, errno);
+  }
+}
+
+std::pair<std::string, std::string> SplitPath(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return {"", path};
+  return {path.substr(0, slash == 0 ? 1 : slash), path.substr(slash + 1)};
+}
+
+std::string ConcatPath(const std::string& folder, const std::string& name) {
+  if (folder.empty()) return name;
+  if (name.empty()) return folder;
+  // Nothing is left of a folder or name that consists of slashes.
+  const std::size_t folder_size = folder.find_last_not_of('/') + 1;
+  const std::size_t name_begin = name.find_first_not_of('/');
+  std::string path = folder.substr(0, folder_size) + "/";
+  if (name_begin != std::string::npos) path.append(name, name_begin);
+  return path;
+}
+
+std::string RealPath(const std::string& path) {
+  if (path.empty()) throw tov_err::Value("path", path);
+  char* real = ::realpath(path.c_str(), nullptr);
+  if (real != nullptr) {
+    const std::unique_ptr<char, void (*)(void*)> owner(real, std::free);
+    return real;
+  }
+  if (!MeansMissing(errno)) ThrowFor("cannot resolve", path, errno);
+  return RealPathOfMissing(path);
+}
+
+Info::Info(const std::string& path, bool own_link) {
+  struct stat status {};
+  const int result =
+      own_link ? ::lstat(path.c_str(), &status) : ::stat(path.c_str(), &status);
+  if (result != 0) ThrowFor("cannot read the attributes of", path, errno);
+  mode_ = status.st_mode;
+}
+
+bool Info::IsDir() const { return S_ISDIR(mode_); }
+
+Attrs::Attrs(int mode)
+    : mode_(static_cast<mode_t>(mode) & kPermissionBits),
+      sets_owner_(false),
+      owner_(0),
+      group_(0) {}
+
+Attrs::Attrs(int mode, unsigned owner, unsigned group)
+    : mode_(static_cast<mode_t>(mode) & kPermissionBits),
+      sets_owner_(true),
+      owner_(owner),
+      group_(group) {}
+
+void Attrs::SafeSet(const std::string& path, bool must_exist) const {
+  const Descriptor file = OpenOwnFile(path);
+  if (!file) {
+    if (MeansMissing(errno) && !must_exist) return;
+    ThrowFor("cannot open", path, errno);
+  }
+  Apply(file.Get(), path);
+}
+
+void Attrs::Apply(int descriptor, const std::string& path) const {
+  // The owner first: a change of owner takes set-id bits away.
+  if (sets_owner_ && ::fchown(descriptor, owner_, group_) != 0) {
+    ThrowFor("cannot set the owner of", path, errno);
+  }
+  if (::fchmod(descriptor, mode_) != 0) {
+    ThrowFor("cannot set the permissions of", path, errno);
+  }
+}
+
+void MkDir(const std::string& path, const Attrs* attrs) {
+  if (::mkdir(path.c_str(), 0700) != 0) {
+    const int error = errno;
+    struct stat status {};
+    const bool directory = error == EEXIST &&
+                           ::stat(path.c_str(), &status) == 0 &&
+                           S_ISDIR(status.st_mode);
+    if (!directory) ThrowFor("cannot make directory", path, error);
+    return;
+  }
+  if (attrs == nullptr) return;
+  try {
+    const Descriptor made = Open(path, O_RDONLY | O_NOFOLLOW | O_DIRECTORY);
+    if (!made) ThrowFor("cannot open", path, errno);
+    attrs->Apply(made.Get(), path);
+  } catch (...) {
+    ::rmdir(path.c_str());
+    throw;
+  }
+}
+
+void Move(const std::string& from, const std::string& to) {
+  struct stat source {};
+  if (::lstat(from.c_str(), &source) != 0) {
+    ThrowFor("cannot move", from, errno);
+  }
+  if (!S_ISREG(source.st_mode)) {
+    throw tov_err::Error("cannot move '" + from + "': it is no regular file");
+  }
+  const int error = RenameOntoNothing(from, to);
+  if (error == EXDEV) {
+    CopyAcross(from, to, source);
+  } else if (error != 0) {
+    ThrowSystemError("cannot move '" + from + "' to '" + to + "'", error);
+  }
+}
+
+Tmp::Tmp(const std::string& prefix) : name_(prefix + kRandomPart) {
+  if (MakeUnique(name_)) return;
+  name_ = prefix + kRandomPart;
+  FillRandomPart(name_);
+}
+
+const std::string& Tmp::Name() const { return name_; }
+
+}  // namespace tov_file

@@ -1,0 +1,320 @@
+#include <tov/log.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+#include "descriptor.h"
+
+namespace tov_log {
+namespace {
+
+using tov_internal::Descriptor;
+using tov_internal::RetryInterrupted;
+
+/// Above every level, so that the first Check of the process passes the
+/// comparison and finds that nothing is set up yet.
+constexpr int kNotSetUp = INT32_MAX;
+constexpr int kDefaultThreshold = Warning;
+
+/// Not more than PIPE_BUF, so that a pipe takes a line whole or not at all.
+constexpr std::size_t kLineSize = 4096;
+constexpr int kPatience = 1000;
+
+std::atomic<int> threshold{kNotSetUp};
+
+/// errno as it was, for the program that only wanted to log.
+class ErrnoKeeper {
+ public:
+  ErrnoKeeper() : error_(errno) {}
+  ~ErrnoKeeper() { errno = error_; }
+  ErrnoKeeper(const ErrnoKeeper&) = delete;
+  ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
+
+ private:
+  int error_;
+};
+
+/// Keeps the signals of a failing write from the process.
+class WriteSignalsHeldBack {
+ public:
+  WriteSignalsHeldBack() {
+    ::sigemptyset(&signals_);
+    ::sigaddset(&signals_, SIGPIPE);
+    ::sigaddset(&signals_, SIGXFSZ);
+    sigset_t pending;
+    ::sigpending(&pending);
+    // One that waits already is the program's own and stays.
+    for (const int signal : {SIGPIPE, SIGXFSZ}) {
+      if (::sigismember(&pending, signal) == 1) ::sigdelset(&signals_, signal);
+    }
+    ::pthread_sigmask(SIG_BLOCK, &signals_, &old_mask_);
+  }
+  ~WriteSignalsHeldBack() {
+    const timespec at_once{};
+    while (::sigtimedwait(&signals_, nullptr, &at_once) > 0) {
+    }
+    ::pthread_sigmask(SIG_SETMASK, &old_mask_, nullptr);
+  }
+  WriteSignalsHeldBack(const WriteSignalsHeldBack&) = delete;
+  WriteSignalsHeldBack& operator=(const WriteSignalsHeldBack&) = delete;
+
+ private:
+  sigset_t signals_;
+  sigset_t old_mask_;
+};
+
+/// A line under construction, in the caller's memory.
+class Line {
+ public:
+  void Append(std::string_view text) {
+    for (const char byte : text) AppendByte(byte);
+  }
+
+  /// Adds text as it is, which must fit.
+  void AppendOwn(std::string_view text) { Put(text); }
+
+  void Cut() { cut_ = true; }
+
+  std::string_view Finish() {
+    if (cut_) Put("...");
+    Put("\n");
+    return {bytes_, size_};
+  }
+
+ private:
+  static constexpr std::size_t kTail = sizeof("...\n") - 1;
+
+  void AppendByte(char byte) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    const auto value = static_cast<unsigned char>(byte);
+    const char escape[] = {'\\', 'x', kDigits[value / 16], kDigits[value % 16]};
+    const bool control = value < 0x20 || value == 0x7f;
+    const std::string_view written =
+        control ? std::string_view(escape, sizeof(escape))
+                : std::string_view(&byte, 1);
+    if (cut_ || size_ + written.size() + kTail > kLineSize) {
+      cut_ = true;
+      return;
+    }
+    Put(written);
+  }
+
+  void Put(std::string_view text) {
+    std::memcpy(bytes_ + size_, text.data(), text.size());
+    size_ += text.size();
+  }
+
+  char bytes_[kLineSize];
+  std::size_t size_ = 0;
+  bool cut_ = false;
+};
+
+enum class Kind { None, Syslog, File, Stream, Socket };
+
+/// Where lines go; opened once, then left open until the process ends.
+struct Target {
+  Kind kind = Kind::None;
+  int descriptor = -1;
+};
+
+Kind KindOf(int descriptor) {
+  struct stat status {};
+  if (::fstat(descriptor, &status) != 0) return Kind::None;
+  if (S_ISREG(status.st_mode)) return Kind::File;
+  return S_ISSOCK(status.st_mode) ? Kind::Socket : Kind::Stream;
+}
+
+Target OpenSyslog() {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strcpy(address.sun_path, "/dev/log");
+  Descriptor socket = tov_internal::AboveStandard(
+      ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (!socket ||
+      ::connect(socket.Get(), reinterpret_cast<const sockaddr*>(&address),
+                sizeof(address)) != 0) {
+    return {};
+  }
+  return {Kind::Syslog, socket.Release()};
+}
+
+Target OpenFile(const char* path) {
+  // Without O_NONBLOCK a FIFO that nobody reads would block for ever.
+  Descriptor file = tov_internal::AboveStandard(
+      ::open(path,
+             O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NOCTTY |
+                 O_NONBLOCK | O_CLOEXEC,
+             0640));
+  if (!file) return {};
+  const Kind kind = KindOf(file.Get());
+  return {kind, file.Release()};
+}
+
+Target OpenTarget() {
+  const char* wanted = ::getenv("TOV_LOG");
+  const std::string_view name = wanted == nullptr ? "" : wanted;
+  Target target;
+  if (name == "syslog") {
+    target = OpenSyslog();
+  } else if (!name.empty() && name != "stderr") {
+    target = OpenFile(wanted);
+  }
+  if (target.kind != Kind::None) return target;
+  // A process may be started without standard error: what is opened as
+  // descriptor 2 later is not ours to write to.
+  return {KindOf(STDERR_FILENO), STDERR_FILENO};
+}
+
+int ConfiguredThreshold() {
+  const char* text = ::getenv("TOV_LOG_LEVEL");
+  if (text == nullptr || *text == '\0') return kDefaultThreshold;
+  const std::string_view digits = text;
+  if (digits.find_first_not_of("0123456789") != std::string_view::npos) {
+    return kDefaultThreshold;
+  }
+  return digits.size() == 1 ? digits.front() - '0' : int{Debug};
+}
+
+const Target& TheTarget() {
+  static const Target target = OpenTarget();
+  return target;
+}
+
+int SetUp() {
+  const ErrnoKeeper keeper;
+  TheTarget();
+  const int configured = ConfiguredThreshold();
+  threshold.store(configured, std::memory_order_relaxed);
+  return configured;
+}
+
+const char* NameOf(Level level) {
+  static constexpr const char* kNames[] = {
+      "emergency", "alert", "critical", "error", "warning",
+      "notice",    "info",  "query",    "trace", "debug"};
+  return kNames[std::clamp(int{level}, 0, 9)];
+}
+
+std::int64_t MillisecondsNow() {
+  timespec now{};
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+}
+
+/// Waits until the reader has made room; its patience is used up only once per
+/// process, so that a dead reader cannot slow down every line.
+bool HasRoom(int descriptor) {
+  static std::atomic<int> patience{kPatience};
+  const std::int64_t end = MillisecondsNow() + patience;
+  for (;;) {
+    const std::int64_t left =
+        std::max<std::int64_t>(end - MillisecondsNow(), 0);
+    pollfd room{descriptor, POLLOUT, 0};
+    const int ready = ::poll(&room, 1, static_cast<int>(left));
+    if (ready > 0) return (room.revents & POLLNVAL) == 0;
+    if (ready < 0 && errno == EINTR && left > 0) continue;
+    patience = 0;
+    return false;
+  }
+}
+
+void Deliver(const Target& target, std::string_view line) {
+  if (target.kind == Kind::None) return;
+  const WriteSignalsHeldBack guard;
+  if (target.kind != Kind::File && !HasRoom(target.descriptor)) return;
+  RetryInterrupted([&] {
+    return target.kind == Kind::Socket || target.kind == Kind::Syslog
+               ? ::send(target.descriptor, line.data(), line.size(),
+                        MSG_DONTWAIT | MSG_NOSIGNAL)
+               : ::write(target.descriptor, line.data(), line.size());
+  });
+}
+
+void AppendTime(Line& line) {
+  const time_t now = ::time(nullptr);
+  tm utc{};
+  ::gmtime_r(&now, &utc);
+  char text[sizeof("-2147481748-01-01T00:00:00Z ")];
+  const std::size_t size =
+      ::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ ", &utc);
+  line.AppendOwn({text, size});
+}
+
+/// RFC 3164 section 4.1.1, as local system loggers take it.
+void AppendPriority(Line& line, Level level) {
+  constexpr int kDaemon = 3;
+  char text[sizeof("<255>")];
+  const int size = std::snprintf(text, sizeof(text), "<%d>",
+                                 kDaemon * 8 + std::clamp(int{level}, 0, 7));
+  line.AppendOwn({text, static_cast<std::size_t>(size)});
+}
+
+void AppendProcess(Line& line) {
+  char text[sizeof("[2147483647] ")];
+  const int size = std::snprintf(text, sizeof(text), "[%d] ", ::getpid());
+  line.Append({text, static_cast<std::size_t>(size)});
+}
+
+void AppendMessage(Line& line, const char* format, va_list arguments) {
+  char message[kLineSize];
+  const int length =
+      std::vsnprintf(message, sizeof(message), format, arguments);
+  if (length < 0) {
+    line.Append(format);
+    return;
+  }
+  const auto size = static_cast<std::size_t>(length);
+  line.Append({message, std::min(size, sizeof(message) - 1)});
+  if (size >= sizeof(message)) line.Cut();
+}
+
+}  // namespace
+
+Module::Module(const char* name, const char* group)
+    : name_(name), group_(group) {}
+
+bool Module::Check(Level level) {
+  int limit = threshold.load(std::memory_order_relaxed);
+  if (level > limit) return false;
+  if (limit == kNotSetUp) limit = SetUp();
+  return level <= limit;
+}
+
+void Module::Write(Level level, const char* format, ...) {
+  const ErrnoKeeper keeper;
+  if (threshold.load(std::memory_order_relaxed) == kNotSetUp) SetUp();
+  const Target& target = TheTarget();
+
+  Line line;
+  if (target.kind == Kind::File) AppendTime(line);
+  if (target.kind == Kind::Syslog) AppendPriority(line, level);
+  line.Append(name_);
+  AppendProcess(line);
+  line.Append(group_);
+  line.Append(" ");
+  line.Append(NameOf(level));
+  line.Append(": ");
+  va_list arguments;
+  va_start(arguments, format);
+  AppendMessage(line, format, arguments);
+  va_end(arguments);
+  Deliver(target, line.Finish());
+}
+
+}  // namespace tov_log

@@ -1,0 +1,68 @@
+#include <tov/xml.h>
+
+#include <pugixml.hpp>
+
+namespace tov_xml {
+namespace {
+
+/// pugixml takes several document elements, and ignores text around them; with
+/// parse_fragment it shows both, so that they can be refused.
+bool HasOneElementAndNoText(const pugi::xml_document& document) {
+  int elements = 0;
+  for (const pugi::xml_node child : document.children()) {
+    switch (child.type()) {
+      case pugi::node_element:
+        ++elements;
+        break;
+      case pugi::node_pcdata:
+      case pugi::node_cdata:
+        return false;
+      default:
+        break;
+    }
+  }
+  return elements == 1;
+}
+
+}  // namespace
+
+struct Xml::Document {
+  pugi::xml_document tree;
+};
+
+XmlNode::XmlNode() : node_(nullptr) {}
+
+XmlNode::XmlNode(void* node) : node_(node) {}
+
+XmlNode::operator bool() const { return node_ != nullptr; }
+
+std::string XmlNode::GetProp(const char* name) const {
+  const pugi::xml_node node(static_cast<pugi::xml_node_struct*>(node_));
+  return node.attribute(name).value();
+}
+
+Xml::Xml() : document_(new Document) {}
+
+Xml::~Xml() = default;
+
+void Xml::LoadFromString(const std::string& text) {
+  pugi::xml_document& tree = document_->tree;
+  tree.reset();
+  // pugixml would take a zero byte for the end of the text.
+  if (text.find('\0') != std::string::npos) return;
+  const pugi::xml_parse_result result = tree.load_buffer(
+      text.data(), text.size(), pugi::parse_default | pugi::parse_fragment);
+  // After an error pugixml keeps what it had parsed until then.
+  if (!result || !HasOneElementAndNoText(tree)) tree.reset();
+}
+
+XmlNode Xml::GetNode(const std::string& xpath) const {
+  try {
+    const pugi::xpath_node found = document_->tree.select_node(xpath.c_str());
+    return XmlNode(found.node().internal_object());
+  } catch (const pugi::xpath_exception&) {
+    return {};
+  }
+}
+
+}  // namespace tov_xml

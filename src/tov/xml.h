@@ -1,0 +1,64 @@
+/// @file
+/// Reading XML documents with XPath 1.0.
+#ifndef TOV_XML_H
+#define TOV_XML_H
+
+#include <memory>
+#include <string>
+
+#include <tov/api.h>
+
+namespace tov_xml {
+
+/// A node of an Xml document, or none. Valid while its document lives and is
+/// not loaded again.
+class TOV_API XmlNode {
+ public:
+  /// No node.
+  XmlNode();
+
+  /// Whether there is a node.
+  operator bool() const;
+
+  /// Returns the value of an attribute; empty when the node has no such
+  /// attribute or there is no node.
+  std::string GetProp(const char* name) const;
+
+ private:
+  friend class Xml;
+  explicit XmlNode(void* node);
+
+  void* node_;
+};
+
+/// An XML document.
+class TOV_API Xml {
+ public:
+  /// An empty document.
+  Xml();
+  ~Xml();
+  Xml(const Xml&) = delete;
+  Xml& operator=(const Xml&) = delete;
+
+  /// Replaces the document by the one in @p text.
+  ///
+  /// Text that is not one whole XML document leaves the document empty: an
+  /// answer that was cut in the middle must not count for its first half.
+  /// That is so for every parse error, for more than one document element, for
+  /// text outside of it, and for a zero byte anywhere (hence for UTF-16).
+  /// Entities that a document type declaration defines are not expanded.
+  void LoadFromString(const std::string& text);
+
+  /// Returns the first node, in document order, that an XPath expression
+  /// selects; no node when nothing matches, the expression does not compile,
+  /// or it does not select nodes.
+  XmlNode GetNode(const std::string& xpath) const;
+
+ private:
+  struct Document;
+  std::unique_ptr<Document> document_;
+};
+
+}  // namespace tov_xml
+
+#endif
