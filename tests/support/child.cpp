@@ -1,0 +1,301 @@
+#include "support/child.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <tov/err.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <sstream>
+#include <stdexcept>
+#include <system_error>
+
+#include "support/backend.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#include <sanitizer/lsan_interface.h>
+#define __SANITIZE_ADDRESS__ 1
+#endif
+#endif
+
+namespace support {
+namespace {
+
+constexpr int kTimeLimit = 60'000;
+constexpr int kLeakStatus = 99;
+constexpr char kMark[] = "mark: ";
+constexpr std::size_t kTimeSize = sizeof("2026-11-21T12:00:00Z ") - 1;
+
+int AnonymousFile(const char* name) {
+  const int descriptor = ::memfd_create(name, MFD_CLOEXEC);
+  if (descriptor < 0) {
+    throw std::system_error(errno, std::generic_category(), "memfd_create");
+  }
+  // The body may close or reopen the low descriptors.
+  const int high = ::fcntl(descriptor, F_DUPFD_CLOEXEC, 100);
+  ::close(descriptor);
+  return high;
+}
+
+std::string ContentOf(int descriptor) {
+  std::string content;
+  char piece[65536];
+  off_t at = 0;
+  for (;;) {
+    const ssize_t count = ::pread(descriptor, piece, sizeof(piece), at);
+    if (count <= 0) break;
+    content.append(piece, static_cast<std::size_t>(count));
+    at += count;
+  }
+  ::close(descriptor);
+  return content;
+}
+
+void WriteAll(int descriptor, const std::string& text) {
+  for (std::size_t at = 0; at < text.size();) {
+    const ssize_t count =
+        ::write(descriptor, text.data() + at, text.size() - at);
+    if (count < 0) ::_exit(98);
+    at += static_cast<std::size_t>(count);
+  }
+}
+
+/// What a report consists of: "kind:name-size:value-size:name value".
+void WriteRecord(int descriptor, char kind, const std::string& name,
+                 const std::string& value) {
+  std::ostringstream record;
+  record << kind << ' ' << name.size() << ' ' << value.size() << ' ' << name
+         << value;
+  WriteAll(descriptor, record.str());
+}
+
+std::vector<std::string> OpenDescriptors() {
+  std::vector<std::string> found;
+  for (const auto& entry :
+       std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    const auto target = std::filesystem::read_symlink(entry.path(), gone);
+    if (gone) continue;  // the descriptor of this very listing
+    const std::string name = target.string();
+    if (name.find("/fd") != std::string::npos && name.find("/proc/") == 0) {
+      continue;
+    }
+    found.push_back(entry.path().filename().string() + " " + name);
+  }
+  std::sort(found.begin(), found.end());
+  return found;
+}
+
+std::vector<std::string> NewOnes(const std::vector<std::string>& before,
+                                 const std::vector<std::string>& after) {
+  std::vector<std::string> added;
+  std::set_difference(after.begin(), after.end(), before.begin(), before.end(),
+                      std::back_inserter(added));
+  return added;
+}
+
+void ReportException(int report, const std::string& type,
+                     const std::string& text) {
+  WriteRecord(report, 'e', type, text);
+}
+
+void RunGuarded(const Child::Body& body, int report) {
+  try {
+    body(Told(report));
+  } catch (const tov_err::Missed& error) {
+    ReportException(report, "tov_err::Missed", error.what());
+  } catch (const tov_err::Value& error) {
+    ReportException(report, "tov_err::Value", error.what());
+  } catch (const tov_err::AssertError& error) {
+    ReportException(report, "tov_err::AssertError", error.what());
+  } catch (const tov_err::Error& error) {
+    ReportException(report, "tov_err::Error", error.what());
+  } catch (const std::runtime_error& error) {
+    ReportException(report, "std::runtime_error", error.what());
+  } catch (const std::bad_alloc& error) {
+    ReportException(report, "std::bad_alloc", error.what());
+  } catch (const std::exception& error) {
+    ReportException(report, "std::exception", error.what());
+  }
+}
+
+bool LeaksMemory() {
+#ifdef __SANITIZE_ADDRESS__
+  return __lsan_do_recoverable_leak_check() != 0;
+#else
+  return false;
+#endif
+}
+
+void ParseReport(const std::string& report, Outcome& outcome) {
+  std::istringstream stream(report);
+  char kind;
+  std::size_t name_size;
+  std::size_t value_size;
+  while (stream >> kind >> name_size >> value_size && stream.get() == ' ') {
+    std::string name(name_size, '\0');
+    std::string value(value_size, '\0');
+    stream.read(name.data(), static_cast<std::streamsize>(name_size));
+    stream.read(value.data(), static_cast<std::streamsize>(value_size));
+    if (kind == 't') {
+      outcome.told[name] = value;
+    } else if (kind == 'e') {
+      outcome.error_type = name;
+      outcome.error = value;
+    } else {
+      outcome.leaked_descriptors.push_back(value);
+    }
+  }
+}
+
+int LevelByName(const std::string& name) {
+  static const char* const kNames[] = {
+      "emergency", "alert", "critical", "error", "warning",
+      "notice",    "info",  "query",    "trace", "debug"};
+  const auto* found = std::find(std::begin(kNames), std::end(kNames), name);
+  return found == std::end(kNames)
+             ? -2
+             : static_cast<int>(found - std::begin(kNames));
+}
+
+/// Lines of other origin, such as a sanitizer's, are no log lines.
+std::vector<LogLine> ParseLog(const std::string& text) {
+  std::vector<LogLine> log;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) {
+    if (line.starts_with(kMark)) {
+      log.push_back({-1, line.substr(sizeof(kMark) - 1)});
+      continue;
+    }
+    // A log that goes to a regular file has the time in front.
+    const std::size_t module = line.find("zancgi[");
+    const std::size_t core = line.find("] core ");
+    if (module > kTimeSize || core == std::string::npos) continue;
+    const std::size_t level = core + 7;
+    const std::size_t colon = line.find(": ", level);
+    log.push_back({LevelByName(line.substr(level, colon - level)),
+                   line.substr(colon + 2)});
+  }
+  return log;
+}
+
+int ExitStatus(int wait_status) {
+  return WIFEXITED(wait_status) ? WEXITSTATUS(wait_status)
+                                : 128 + WTERMSIG(wait_status);
+}
+
+bool WaitForExit(int process_descriptor) {
+  pollfd event{process_descriptor, POLLIN, 0};
+  return ::poll(&event, 1, kTimeLimit) == 1;
+}
+
+}  // namespace
+
+std::vector<std::string> Outcome::Logged(int level) const {
+  std::vector<std::string> texts;
+  for (const LogLine& line : log) {
+    if (line.level == level) texts.push_back(line.text);
+  }
+  return texts;
+}
+
+void Told::operator()(const std::string& name, const std::string& value) const {
+  WriteRecord(descriptor_, 't', name, value);
+}
+
+void Mark(const std::string& text) {
+  WriteAll(STDERR_FILENO, kMark + text + "\n");
+}
+
+Child& Child::Env(const std::string& name, const std::string& value) {
+  environment_.emplace_back(name, value);
+  return *this;
+}
+
+Child& Child::WorkDir(const std::string& path) {
+  work_dir_ = path;
+  return *this;
+}
+
+Child& Child::Closed(int descriptor) {
+  closed_.push_back(descriptor);
+  return *this;
+}
+
+Child& Child::LogLevel(int level) {
+  log_level_ = level;
+  return *this;
+}
+
+Child& Child::With(Backend& backend) {
+  backend_ = &backend;
+  return *this;
+}
+
+void Child::BecomeChild(const Body& body, int report,
+                        int standard_error) const {
+  ::clearenv();
+  if (backend_ != nullptr) {
+    ::setenv("TOV_RUN_DIR", backend_->RunDir().c_str(), 1);
+    Backend::Follow(backend_);
+  }
+  ::setenv("TOV_LOG_LEVEL", std::to_string(log_level_).c_str(), 1);
+  for (const auto& [name, value] : environment_) {
+    ::setenv(name.c_str(), value.c_str(), 1);
+  }
+  const int nothing = ::open("/dev/null", O_RDONLY);
+  ::dup2(nothing, STDIN_FILENO);
+  ::close(nothing);
+  ::dup2(standard_error, STDERR_FILENO);
+  ::fcntl(STDERR_FILENO, F_SETFL, O_APPEND);
+  if (!work_dir_.empty() && ::chdir(work_dir_.c_str()) != 0) ::_exit(97);
+  for (const int descriptor : closed_) ::close(descriptor);
+
+  const std::vector<std::string> before = OpenDescriptors();
+  RunGuarded(body, report);
+  for (const std::string& left : NewOnes(before, OpenDescriptors())) {
+    WriteRecord(report, 'd', "", left);
+  }
+  ::_exit(LeaksMemory() ? kLeakStatus : 0);
+}
+
+Outcome Child::Run(const Body& body) const {
+  const int report = AnonymousFile("report");
+  const int standard_error = AnonymousFile("standard error");
+  std::fflush(nullptr);
+  const pid_t process = ::fork();
+  if (process < 0) {
+    throw std::system_error(errno, std::generic_category(), "fork");
+  }
+  if (process == 0) BecomeChild(body, report, standard_error);
+
+  const int process_descriptor =
+      static_cast<int>(::syscall(SYS_pidfd_open, process, 0));
+  const bool ended = backend_ != nullptr ? backend_->ServeUntilExit(
+                                               process_descriptor, kTimeLimit)
+                                         : WaitForExit(process_descriptor);
+  if (!ended) ::kill(process, SIGKILL);
+  int wait_status = 0;
+  ::waitpid(process, &wait_status, 0);
+  ::close(process_descriptor);
+
+  Outcome outcome;
+  outcome.status = ExitStatus(wait_status);
+  ParseReport(ContentOf(report), outcome);
+  outcome.standard_error = ContentOf(standard_error);
+  outcome.log = ParseLog(outcome.standard_error);
+  return outcome;
+}
+
+}  // namespace support

@@ -1,0 +1,93 @@
+/// @file
+/// Runs a piece of a test in a process of its own, made the way a web server
+/// would make it, and brings back what happened there.
+#ifndef ZANCGI_TESTS_SUPPORT_CHILD_H
+#define ZANCGI_TESTS_SUPPORT_CHILD_H
+
+#include <functional>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace support {
+
+class Backend;
+
+/// One line of the log: its numeric level and its text behind the prefix.
+struct LogLine {
+  int level = 0;
+  std::string text;
+
+  friend bool operator==(const LogLine&, const LogLine&) = default;
+};
+
+/// What a child process has left behind.
+struct Outcome {
+  /// What the body has told, by name.
+  std::map<std::string, std::string> told;
+  /// Type of the exception that ended the body, such as "tov_err::Missed" or
+  /// "std::runtime_error"; empty when there was none.
+  std::string error_type;
+  /// Its what().
+  std::string error;
+  /// Log lines in order; marks of Mark() are among them with level -1.
+  std::vector<LogLine> log;
+  /// Everything on standard error, log lines included.
+  std::string standard_error;
+  /// Exit status; 128 and the signal's number after a death by signal.
+  int status = 0;
+  /// Descriptors that the body has left open, as listed by /proc/self/fd.
+  std::vector<std::string> leaked_descriptors;
+
+  /// The log lines of one level.
+  std::vector<std::string> Logged(int level) const;
+};
+
+/// Tells the parent something: told("param", cgi.Param("a")).
+class Told {
+ public:
+  explicit Told(int descriptor) : descriptor_(descriptor) {}
+  void operator()(const std::string& name, const std::string& value) const;
+
+ private:
+  int descriptor_;
+};
+
+/// Writes a mark among the log lines of the child, to show the order of
+/// effects; for interposed functions.
+void Mark(const std::string& text);
+
+/// A child process to come. Its environment holds only what is set here, its
+/// standard input is /dev/null, its working directory the parent's.
+class Child {
+ public:
+  using Body = std::function<void(const Told&)>;
+
+  Child& Env(const std::string& name, const std::string& value);
+  Child& WorkDir(const std::string& path);
+  /// Starts the body with this descriptor closed.
+  Child& Closed(int descriptor);
+  /// 9 unless set.
+  Child& LogLevel(int level);
+  /// Serves this back end while the child runs.
+  Child& With(Backend& backend);
+
+  /// Runs the body in the child and waits for its end (at most a minute, then
+  /// the child is ended and the status says so).
+  Outcome Run(const Body& body) const;
+
+ private:
+  [[noreturn]] void BecomeChild(const Body& body, int report,
+                                int standard_error) const;
+
+  std::vector<std::pair<std::string, std::string>> environment_;
+  std::string work_dir_;
+  std::vector<int> closed_;
+  int log_level_ = 9;
+  Backend* backend_ = nullptr;
+};
+
+}  // namespace support
+
+#endif
