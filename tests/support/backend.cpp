@@ -79,6 +79,7 @@ std::string ReadNetstring(int connection) {
 
 Request ParseRequest(const std::string& raw) {
   Request request{raw, {}};
+  if (!IsWholeNetstring(raw)) return request;
   std::size_t at = raw.find(':') + 1;
   const std::size_t end = raw.size() - 1;
   const auto take = [&] {
@@ -206,7 +207,9 @@ void Backend::ServeOne() {
 
 }  // namespace support
 
-extern "C" int connect(int fd, const sockaddr* addr, socklen_t len) {
+// Exported, or the shared libraries would not call it.
+extern "C" __attribute__((visibility("default"))) int connect(
+    int fd, const sockaddr* addr, socklen_t len) {
   using support::followed;
   const auto* local = reinterpret_cast<const sockaddr_un*>(addr);
   if (followed == nullptr || addr->sa_family != AF_UNIX ||

@@ -13,8 +13,10 @@ namespace fs = std::filesystem;
 
 namespace support {
 
-Scratch::Scratch() {
-  std::string name = fs::canonical(fs::temp_directory_path()) / "zancgi-XXXXXX";
+Scratch::Scratch() : Scratch(fs::canonical(fs::temp_directory_path())) {}
+
+Scratch::Scratch(const std::string& parent) {
+  std::string name = parent + "/zancgi-XXXXXX";
   if (::mkdtemp(name.data()) == nullptr) {
     throw std::runtime_error("no scratch directory");
   }

@@ -12,6 +12,8 @@ namespace support {
 class Scratch {
  public:
   Scratch();
+  /// Below another folder than the one for temporary files.
+  explicit Scratch(const std::string& parent);
   ~Scratch();
   Scratch(const Scratch&) = delete;
   Scratch& operator=(const Scratch&) = delete;
