@@ -1,0 +1,104 @@
+"""A headless Chromium, driven over the W3C WebDriver protocol."""
+
+import base64
+import json
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import tempfile
+import urllib.error
+import urllib.request
+
+DRIVER = shutil.which("chromedriver")
+CHROMIUM = shutil.which("chromium")
+ELEMENT = "element-6066-11e4-a52e-4f735466cecf"
+
+OPTIONS = [
+    "--headless=new",
+    "--disable-gpu",
+    "--disable-quic",
+    "--no-first-run",
+    "--disable-background-networking",
+    "--disable-component-update",
+    "--disable-sync",
+    "--disable-dev-shm-usage",
+    "--window-size=900,700",
+]
+
+
+class Browser:
+    def __init__(self):
+        self.profile = tempfile.mkdtemp(prefix="chromium-")
+        self.driver = subprocess.Popen(
+            [DRIVER, "--port=0"], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True
+        )
+        port = None
+        while port is None:
+            line = self.driver.stdout.readline()
+            if not line:
+                raise RuntimeError("chromedriver does not start")
+            found = re.search(r"started successfully on port (\d+)", line)
+            port = found and found.group(1)
+        self.base = f"http://127.0.0.1:{port}"
+        # Chromium refuses its sandbox to root.
+        sandbox = ["--no-sandbox"] if os.geteuid() == 0 else []
+        options = {
+            "binary": CHROMIUM,
+            "args": OPTIONS + sandbox + [f"--user-data-dir={self.profile}"],
+        }
+        session = self._call(
+            "POST",
+            "/session",
+            {"capabilities": {"alwaysMatch": {"goog:chromeOptions": options}}},
+        )
+        self.base += "/session/" + session["sessionId"]
+
+    def close(self):
+        self._call("DELETE", "")
+        self.driver.terminate()
+        self.driver.wait(30)
+        self.driver.stdout.close()
+        shutil.rmtree(self.profile, ignore_errors=True)
+
+    def _call(self, method, path, content=None):
+        data = None if content is None else json.dumps(content).encode()
+        request = urllib.request.Request(
+            self.base + path, data, {"Content-Type": "application/json"}, method=method
+        )
+        try:
+            with urllib.request.urlopen(request, timeout=120) as answer:
+                return json.load(answer)["value"]
+        except urllib.error.HTTPError as error:
+            raise RuntimeError(error.read().decode()) from error
+
+    def _find(self, selector):
+        found = self._call("POST", "/element", {"using": "css selector", "value": selector})
+        return "/element/" + found[ELEMENT]
+
+    def open(self, url):
+        self._call("POST", "/url", {"url": url})
+
+    def url(self):
+        return self._call("GET", "/url")
+
+    def type_into(self, selector, text):
+        self._call("POST", self._find(selector) + "/value", {"text": text})
+
+    def click(self, selector):
+        self._call("POST", self._find(selector) + "/click", {})
+
+    def click_link(self, text):
+        found = self._call("POST", "/element", {"using": "link text", "value": text})
+        self._call("POST", f"/element/{found[ELEMENT]}/click", {})
+
+    def visible_text(self):
+        """What a person can read on the page."""
+        return self._call("GET", self._find("body") + "/text")
+
+    def screenshot(self, name):
+        folder = pathlib.Path(os.environ["SCREENSHOTS"])
+        folder.mkdir(parents=True, exist_ok=True)
+        picture = base64.b64decode(self._call("GET", "/screenshot"))
+        (folder / f"{name}.png").write_bytes(picture)

@@ -1,0 +1,88 @@
+"""scripts/demo as a newcomer runs it."""
+
+import os
+import pathlib
+import shutil
+import signal
+import subprocess
+import tempfile
+import unittest
+import urllib.request
+
+DEMO = pathlib.Path(os.environ["SOURCE"]) / "scripts" / "demo"
+
+
+def processes_that_mention(text):
+    found = []
+    for command in pathlib.Path("/proc").glob("[0-9]*/environ"):
+        try:
+            if text.encode() in command.read_bytes():
+                found.append(command.parent.name)
+        except OSError:
+            pass  # gone, or another user's
+    return found
+
+
+class DemoTest(unittest.TestCase):
+    def setUp(self):
+        # Everything that the demo makes at run time lands here.
+        self.scratch = tempfile.mkdtemp(prefix="demo-")
+        self.environment = dict(os.environ, TMPDIR=self.scratch)
+
+    def tearDown(self):
+        shutil.rmtree(self.scratch)
+
+    def assert_nothing_left(self):
+        self.assertEqual(os.listdir(self.scratch), [])
+        self.assertEqual(processes_that_mention(self.scratch), [])
+
+    def start(self, *arguments):
+        return subprocess.Popen(
+            [DEMO, *arguments],
+            cwd="/",
+            env=self.environment,
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            text=True,
+        )
+
+    def test_one_visit(self):
+        with self.start("--once") as demo:
+            output, _ = demo.communicate(timeout=200)
+        self.assertEqual(demo.returncode, 0, output)
+        self.assertIn("Every step gave what it should.", output)
+        self.assert_nothing_left()
+
+    def test_serves_until_interrupted(self):
+        with self.start() as demo:
+            line = ""
+            while "The panel is at " not in line:
+                line = demo.stdout.readline()
+                self.assertTrue(line, "the demo has ended early")
+            url = line.split()[4]
+            with urllib.request.urlopen(url, timeout=30) as page:
+                self.assertIn(b"Sign in", page.read())
+            demo.send_signal(signal.SIGTERM)
+            demo.communicate(timeout=60)
+        self.assertEqual(demo.returncode, 143)
+        self.assert_nothing_left()
+
+    def test_step_that_fails_makes_the_demo_fail(self):
+        # A web server that cannot be started.
+        fakes = pathlib.Path(self.scratch) / "bin"
+        fakes.mkdir()
+        fake = fakes / "lighttpd"
+        fake.write_text("#!/bin/sh\nexit 1\n")
+        fake.chmod(0o755)
+        self.environment["PATH"] = f"{fakes}:{self.environment['PATH']}"
+        with self.start("--once") as demo:
+            output, _ = demo.communicate(timeout=200)
+        self.assertEqual(demo.returncode, 1, output)
+        self.assertIn("the panel does not start", output)
+        shutil.rmtree(fakes)
+        self.assert_nothing_left()
+
+
+if __name__ == "__main__":
+    unittest.main()
