@@ -26,7 +26,7 @@ constexpr char kCookie[] = "panelses5";
 /// A request that goes wrong must not take the machine with it.
 void LimitResources() {
   constexpr rlim_t kSeconds = 10;
-  constexpr rlim_t kMemory = 256 * 1024 * 1024;
+  constexpr rlim_t kMemory = 256UL << 20;
   const rlimit time{kSeconds, kSeconds};
   const rlimit memory{kMemory, kMemory};
   ::setrlimit(RLIMIT_CPU, &time);
@@ -59,18 +59,19 @@ std::string Row(const std::string& name, const std::string& html) {
 void ShowSignIn(const std::string& status, const std::string& problem) {
   std::string note;
   if (!problem.empty()) {
-    note = "<p class=\"problem\" role=\"alert\">" + Escape(problem) + "</p>\n";
+    note = R"(<p class="problem" role="alert">)" + Escape(problem) + "</p>\n";
   }
   SendPage(status, "Sign in",
            "<form action=\"/panel\" class=\"card\">\n" + note +
-               "<input type=\"hidden\" name=\"page\" value=\"signin\">\n"
-               "<label for=\"user\">Name</label>\n"
-               "<input id=\"user\" name=\"user\" autocomplete=\"username\" "
-               "required autofocus>\n"
-               "<label for=\"password\">Password</label>\n"
-               "<input id=\"password\" name=\"password\" type=\"password\" "
-               "autocomplete=\"current-password\" required>\n"
-               "<button>Sign in</button>\n</form>\n");
+               R"(<input type="hidden" name="page" value="signin">
+<label for="user">Name</label>
+<input id="user" name="user" autocomplete="username" required autofocus>
+<label for="password">Password</label>
+<input id="password" name="password" type="password"
+ autocomplete="current-password" required>
+<button>Sign in</button>
+</form>
+)");
 }
 
 void SignIn(Cgi& cgi) {
@@ -159,10 +160,10 @@ void ShowPage(Cgi& cgi) {
 void ShowError(const std::string& status, const char* help,
                const std::exception& error) {
   SendPage(status, status.substr(status.find(' ') + 1),
-           "<div class=\"card\"><p class=\"problem\" role=\"alert\">" +
-               Escape(error.what()) + "</p>\n<p>" + help +
-               "</p>\n<p><a href=\"/panel?page=signin\">Sign in</a></p></div>"
-               "\n");
+           R"(<div class="card"><p class="problem" role="alert">)" +
+               Escape(error.what()) + "</p>\n<p>" + help + R"(</p>
+<p><a href="/panel?page=signin">Sign in</a></p></div>
+)");
 }
 
 /// The exceptions that the library throws under its fixed messages.

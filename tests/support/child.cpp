@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -34,6 +35,7 @@ namespace {
 
 constexpr int kTimeLimit = 60'000;
 constexpr int kLeakStatus = 99;
+constexpr int kFailedStatus = 95;
 constexpr char kMark[] = "mark: ";
 constexpr std::size_t kTimeSize = sizeof("2026-11-21T12:00:00Z ") - 1;
 
@@ -266,6 +268,10 @@ void Child::BecomeChild(const Body& body, int report,
   RunGuarded(body, report);
   for (const std::string& left : NewOnes(before, OpenDescriptors())) {
     WriteRecord(report, 'd', "", left);
+  }
+  if (testing::Test::HasFailure()) {
+    std::fflush(stdout);
+    ::_exit(kFailedStatus);
   }
   ::_exit(LeaksMemory() ? kLeakStatus : 0);
 }

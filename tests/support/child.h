@@ -35,7 +35,8 @@ struct Outcome {
   std::vector<LogLine> log;
   /// Everything on standard error, log lines included.
   std::string standard_error;
-  /// Exit status; 128 and the signal's number after a death by signal.
+  /// Exit status: 0, or 95 after a failed expectation in the body, or 99 after
+  /// a memory leak; 128 and the signal's number after a death by signal.
   int status = 0;
   /// Descriptors that the body has left open, as listed by /proc/self/fd.
   std::vector<std::string> leaked_descriptors;

@@ -584,8 +584,8 @@ class LogReader : public testing::TestWithParam<MakeReader> {};
 INSTANTIATE_TEST_SUITE_P(Slow, LogReader,
                          testing::Values(&SlowReader::Pipe,
                                          &SlowReader::Socket),
-                         [](const auto& info) {
-                           return info.index == 0 ? "Pipe" : "Socket";
+                         [](const auto& kind) {
+                           return kind.index == 0 ? "Pipe" : "Socket";
                          });
 
 TEST_P(LogReader, GetsTheLine) {
@@ -685,8 +685,8 @@ TEST_P(LogReader, ThatHasGoneRaisesNoSignal) {
     told("signals", std::to_string(signals));
     told("blocked", YesNo(IsBlocked(SIGPIPE)));
   });
-  EXPECT_EQ(outcome.told["signals"], "0");
-  EXPECT_EQ(outcome.told["blocked"], "no");
+  EXPECT_EQ(outcome.told.at("signals"), "0");
+  EXPECT_EQ(outcome.told.at("blocked"), "no");
 }
 
 TEST_P(LogReader, ThatHasGoneLeavesNoSignalPending) {
@@ -698,8 +698,8 @@ TEST_P(LogReader, ThatHasGoneLeavesNoSignalPending) {
     told("pending", YesNo(IsPending(SIGPIPE)));
     told("blocked", YesNo(IsBlocked(SIGPIPE)));
   });
-  EXPECT_EQ(outcome.told["pending"], "no");
-  EXPECT_EQ(outcome.told["blocked"], "yes");
+  EXPECT_EQ(outcome.told.at("pending"), "no");
+  EXPECT_EQ(outcome.told.at("blocked"), "yes");
 }
 
 TEST_P(LogReader, ThatHasGoneLeavesTheCallersPendingSignal) {
@@ -711,7 +711,7 @@ TEST_P(LogReader, ThatHasGoneLeavesTheCallersPendingSignal) {
     WriteText("x");
     told("pending", YesNo(IsPending(SIGPIPE)));
   });
-  EXPECT_EQ(outcome.told["pending"], "yes");
+  EXPECT_EQ(outcome.told.at("pending"), "yes");
 }
 
 TEST(LogTarget, MayBeAClosedStandardError) {
