@@ -184,10 +184,12 @@ Target OpenTarget() {
 int ConfiguredThreshold() {
   const char* text = ::getenv("TOV_LOG_LEVEL");
   if (text == nullptr || *text == '\0') return kDefaultThreshold;
-  const std::string_view digits = text;
+  std::string_view digits = text;
   if (digits.find_first_not_of("0123456789") != std::string_view::npos) {
     return kDefaultThreshold;
   }
+  digits.remove_prefix(std::min(digits.find_first_not_of('0'), digits.size()));
+  if (digits.empty()) return Emergency;
   return digits.size() == 1 ? digits.front() - '0' : int{Debug};
 }
 

@@ -264,12 +264,13 @@ void Child::BecomeChild(const Body& body, int report,
   if (!work_dir_.empty() && ::chdir(work_dir_.c_str()) != 0) ::_exit(97);
   for (const int descriptor : closed_) ::close(descriptor);
 
+  const bool failed_before = testing::Test::HasFailure();
   const std::vector<std::string> before = OpenDescriptors();
   RunGuarded(body, report);
   for (const std::string& left : NewOnes(before, OpenDescriptors())) {
     WriteRecord(report, 'd', "", left);
   }
-  if (testing::Test::HasFailure()) {
+  if (testing::Test::HasFailure() && !failed_before) {
     std::fflush(stdout);
     ::_exit(kFailedStatus);
   }
