@@ -1,11 +1,10 @@
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -90,8 +89,8 @@ int ThresholdNow() {
 }
 
 int ThresholdFor(const std::string& setting) {
-  const auto outcome = RunQuietly(
-      Child().Env("TOV_LOG_LEVEL", setting), [](const Told& told) {
+  const auto outcome =
+      RunQuietly(Child().Env("TOV_LOG_LEVEL", setting), [](const Told& told) {
         told("threshold", std::to_string(ThresholdNow()));
       });
   return std::stoi(outcome.told.at("threshold"));
@@ -353,8 +352,7 @@ TEST(LogLine, EscapesAZeroByte) {
 TEST(LogLine, CannotBeForgedByAnArgument) {
   const std::string line =
       LineOfText("x\r\nzancgi[1] core error: forged\x1b[2J");
-  EXPECT_EQ(TextOf(line),
-            "x\\x0d\\x0azancgi[1] core error: forged\\x1b[2J\n");
+  EXPECT_EQ(TextOf(line), "x\\x0d\\x0azancgi[1] core error: forged\\x1b[2J\n");
 }
 
 TEST(LogLine, TakesNoFormatFromAnArgument) {
@@ -435,6 +433,18 @@ TEST(LogTarget, IsAlwaysWrittenAtItsEnd) {
   EXPECT_FALSE(Has(log, "gone")) << log;
 }
 
+TEST(LogTarget, AtItsSizeLimitRaisesNoSignal) {
+  Scratch scratch;
+  const auto outcome =
+      RunQuietly(Child().Env("TOV_LOG", scratch / "log"), [](const Told& told) {
+        const rlimit nothing{0, 0};
+        ::setrlimit(RLIMIT_FSIZE, &nothing);
+        WriteText("x");
+        told("pending", YesNo(IsPending(SIGXFSZ)));
+      });
+  EXPECT_EQ(outcome.told.at("pending"), "no");
+}
+
 TEST(LogTarget, IsNotInheritedByOtherPrograms) {
   Scratch scratch;
   const auto outcome = RunQuietly(
@@ -471,8 +481,8 @@ TEST(LogTarget, ThatCannotBeOpenedIsReplacedByStandardError) {
 TEST(LogTarget, DoesNotWaitForTheReaderOfAFifo) {
   Scratch scratch;
   ASSERT_EQ(::mkfifo((scratch / "fifo").c_str(), 0600), 0);
-  const auto outcome =
-      RunQuietly(Child().Env("TOV_LOG", scratch / "fifo"), [](const Told& told) {
+  const auto outcome = RunQuietly(
+      Child().Env("TOV_LOG", scratch / "fifo"), [](const Told& told) {
         const long waited = Milliseconds([] { WriteText("x"); });
         told("waited", std::to_string(waited));
       });
@@ -514,9 +524,8 @@ TEST(LogTarget, MayBeSyslog) {
         char message[4096];
         const ssize_t size =
             ::recv(listener, message, sizeof(message), MSG_DONTWAIT);
-        told("message",
-             std::string(message, static_cast<std::size_t>(std::max<ssize_t>(
-                                      size, 0))));
+        told("message", std::string(message, static_cast<std::size_t>(
+                                                 std::max<ssize_t>(size, 0))));
         ::close(listener);
       });
   ASSERT_TRUE(outcome.told.contains("message")) << "no private file system";
@@ -545,14 +554,13 @@ TEST(LogSetup, IsReadAtTheFirstCheck) {
 
 TEST(LogSetup, OpensTheTargetAtTheFirstCheck) {
   Scratch scratch;
-  RunQuietly(
-      Child().WorkDir(scratch.Path()).Env("TOV_LOG", "log").LogLevel(3),
-      [&](const Told&) {
-        EXPECT_FALSE(Log().Check(tov_log::Debug));
-        EXPECT_EQ(::chdir("/"), 0);
-        ::setenv("TOV_LOG", (scratch / "other").c_str(), 1);
-        WriteText("x");
-      });
+  RunQuietly(Child().WorkDir(scratch.Path()).Env("TOV_LOG", "log").LogLevel(3),
+             [&](const Told&) {
+               EXPECT_FALSE(Log().Check(tov_log::Debug));
+               EXPECT_EQ(::chdir("/"), 0);
+               ::setenv("TOV_LOG", (scratch / "other").c_str(), 1);
+               WriteText("x");
+             });
   EXPECT_EQ(scratch.List(), std::vector<std::string>{"log"});
   EXPECT_TRUE(support::ReadFile(scratch / "log").ends_with(": x\n"));
 }
@@ -582,12 +590,9 @@ using MakeReader = SlowReader (*)();
 
 class LogReader : public testing::TestWithParam<MakeReader> {};
 
-INSTANTIATE_TEST_SUITE_P(Slow, LogReader,
-                         testing::Values(&SlowReader::Pipe,
-                                         &SlowReader::Socket),
-                         [](const auto& kind) {
-                           return kind.index == 0 ? "Pipe" : "Socket";
-                         });
+INSTANTIATE_TEST_SUITE_P(
+    Slow, LogReader, testing::Values(&SlowReader::Pipe, &SlowReader::Socket),
+    [](const auto& kind) { return kind.index == 0 ? "Pipe" : "Socket"; });
 
 TEST_P(LogReader, GetsTheLine) {
   const auto outcome = RunQuietly(Child(), [&](const Told& told) {
@@ -716,8 +721,8 @@ TEST_P(LogReader, ThatHasGoneLeavesTheCallersPendingSignal) {
 }
 
 TEST(LogTarget, MayBeAClosedStandardError) {
-  const auto outcome = RunQuietly(
-      Child().Closed(0).Closed(1).Closed(2), [](const Told& told) {
+  const auto outcome =
+      RunQuietly(Child().Closed(0).Closed(1).Closed(2), [](const Told& told) {
         WriteText("x");
         told("open", OpenStandardDescriptors());
       });

@@ -101,8 +101,7 @@ TEST(GetWord, FindsADelimiterOfManyBytes) {
 }
 
 TEST(GetWord, TakesPartOfALongDelimiterForData) {
-  EXPECT_EQ(GetWord("a\r\n-b", std::string("\r\n--")),
-            (Taken{"a\r\n-b", ""}));
+  EXPECT_EQ(GetWord("a\r\n-b", std::string("\r\n--")), (Taken{"a\r\n-b", ""}));
 }
 
 TEST(GetWord, FindsALongDelimiterBehindItsOwnBeginning) {
@@ -219,14 +218,34 @@ TYPED_TEST(Integer, MayHaveWhiteSpaceAround) {
 }
 
 TYPED_TEST(Integer, IsZeroForAnythingElse) {
-  for (const char* text :
-       {"", " ", "-", "+", "--5", "+-5", "-+5", "- 5", "+ 5", "5 5", "5,5",
-        "5.0", "1e3", "0x10", "5-", "12abc", "abc", "\xa0" "5",
-        "99999999999999999999x", "-99999999999999999999-"}) {
+  for (const char* text : {"",
+                           " ",
+                           "-",
+                           "+",
+                           "--5",
+                           "+-5",
+                           "-+5",
+                           "- 5",
+                           "+ 5",
+                           "5 5",
+                           "5,5",
+                           "5.0",
+                           "1e3",
+                           "0x10",
+                           "5-",
+                           "12abc",
+                           "abc",
+                           "\xa0"
+                           "5",
+                           "99999999999999999999x",
+                           "-99999999999999999999-"}) {
     EXPECT_EQ(this->Read(text), 0) << '[' << text << ']';
   }
   EXPECT_EQ(this->Read(std::string("5\0", 2)), 0);
-  EXPECT_EQ(this->Read(std::string("5\0" "6", 3)), 0);
+  EXPECT_EQ(this->Read(std::string("5\0"
+                                   "6",
+                                   3)),
+            0);
 }
 
 TYPED_TEST(Integer, ReachesBothEndsOfItsRange) {
@@ -291,9 +310,7 @@ TEST(Split, KeepsAWordOfBlanksAsAnEmptyOne) {
   EXPECT_EQ(Split("a; ;b", ";"), (Strings{"a", "", "b"}));
 }
 
-TEST(Split, OfAnEmptyTextGivesNothing) {
-  EXPECT_EQ(Split("", ";"), Strings{});
-}
+TEST(Split, OfAnEmptyTextGivesNothing) { EXPECT_EQ(Split("", ";"), Strings{}); }
 
 TEST(Split, AppendsToWhatIsThere) {
   Strings words{"before"};
@@ -340,9 +357,8 @@ TEST(Decode, TurnsPlusIntoABlankAndLeavesOtherBytesAlone) {
 }
 
 TEST(Decode, LeavesMalformedEscapesAsTheyStand) {
-  for (const char* text :
-       {"%", "a%", "%4", "%zz", "%4z", "%z4", "%u0041", "% 41", "%-1", "%0x41",
-        "100%", "%%"}) {
+  for (const char* text : {"%", "a%", "%4", "%zz", "%4z", "%z4", "%u0041",
+                           "% 41", "%-1", "%0x41", "100%", "%%"}) {
     EXPECT_EQ(str::url::Decode(text), text);
   }
 }
