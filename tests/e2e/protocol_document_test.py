@@ -15,19 +15,19 @@ DOCUMENT = pathlib.Path(os.environ["SOURCE"]) / "docs" / "backend-protocol.md"
 TEXT = DOCUMENT.read_text()
 
 
-def indented_block_with(text):
-    blocks = re.findall(r"(?:^    .*\n)+", TEXT, re.MULTILINE)
-    (block,) = [block for block in blocks if text in block]
-    return [line[4:] for line in block.splitlines()]
+def block_that_begins_with(text):
+    (block,) = re.findall(r"^```\w*\n(" + text + r".*?)```", TEXT, re.DOTALL | re.MULTILINE)
+    return block
 
 
 def example_request():
-    return "".join(indented_block_with("167:CONTENT_LENGTH")).replace("␀", "\0").encode()
+    shown = block_that_begins_with("208:")
+    return shown.replace("\n", "").replace("<00>", "\0").encode()
 
 
 def example_answer():
-    shown = "".join(indented_block_with("Status: 200 OK"))
-    return shown.replace("␍", "\r").replace("␊", "\n").encode()
+    head, body = block_that_begins_with("Content-Type:").split("\n\n")
+    return (head.replace("\n", "\r\n") + "\r\n\r\n" + body).encode()
 
 
 def run_front(run_dir, **environment):
@@ -67,20 +67,24 @@ class ProtocolDocumentTest(unittest.TestCase):
         thread.start()
         run_front(
             self.run_dir,
-            HTTP_COOKIE="panelses5=4f1c",
-            HTTP_HOST="localhost",
-            REMOTE_ADDR="127.0.0.1",
-            SERVER_NAME="localhost",
+            HTTPS="on",
+            HTTP_COOKIE="panelses5=3f9c27d1",
+            HTTP_HOST="panel.example",
+            REMOTE_ADDR="192.0.2.7",
+            REQUEST_URI="/panel?page=start",
+            SERVER_PORT="443",
         )
         thread.join(60)
         self.assertEqual(seen, [example_request()])
 
-    def test_example_answer_keeps_its_promise(self):
+    def test_numbers_shown_are_right(self):
         head, body = example_answer().split(b"\r\n\r\n")
         self.assertIn(b"Content-Length: %d" % len(body), head)
+        self.assertIn(f"request has {len(example_request())}", TEXT)
+        self.assertIn(f"The answer has {len(example_answer())};", TEXT)
 
     def test_the_back_end_shown_works(self):
-        (program,) = re.findall(r"```python\n(.*?)```", TEXT, re.DOTALL)
+        program = block_that_begins_with("import os")
         server = subprocess.Popen([sys.executable, "-c", program], env={"TOV_RUN_DIR": self.run_dir})
         self.addCleanup(server.wait, 30)
         self.addCleanup(server.terminate)
@@ -88,11 +92,11 @@ class ProtocolDocumentTest(unittest.TestCase):
         while not os.path.exists(self.path) and time.monotonic() < end:
             time.sleep(0.05)
         time.sleep(0.1)
-        page = run_front(self.run_dir, QUERY_STRING="page=whoami&auth=x")
-        self.assertIn('<b id="name">everyone</b>', page)
-        refused = run_front(
-            self.run_dir, QUERY_STRING="page=whoami&auth=x&sfrom=y%26func%3Dz"
-        )
+        cookie = "panelses5=3f9c27d1"
+        page = run_front(self.run_dir, HTTP_COOKIE=cookie, QUERY_STRING="page=whoami")
+        self.assertIn('<b id="name">alice</b>', page)
+        injected = "page=whoami&sfrom=y%26func%3Dz"
+        refused = run_front(self.run_dir, HTTP_COOKIE=cookie, QUERY_STRING=injected)
         self.assertIn("unknown authorization error", refused)
 
 

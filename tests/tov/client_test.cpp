@@ -1,0 +1,642 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <tov/client.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/backend.h"
+#include "support/child.h"
+#include "support/scratch.h"
+
+namespace {
+
+using support::Answer;
+using support::AnswerByteByByte;
+using support::AnswerThenReset;
+using support::Backend;
+using support::Child;
+using support::CloseSilently;
+using support::Outcome;
+using support::Refuse;
+using support::Reset;
+using support::Scratch;
+using support::Step;
+using support::Told;
+using tov_client::Connect;
+using tov_client::Protocol;
+using Lines = std::vector<std::string>;
+
+/// Sockets opened so far; counted by the interposed socket(2).
+int sockets = 0;
+
+/// The whole answer, read in pieces of at most @p size bytes.
+std::string WholeAnswer(Protocol& protocol, std::size_t size) {
+  std::string answer;
+  std::string piece(size, '\0');
+  while (const unsigned long count = protocol.GetAnswer(piece.data(), size)) {
+    answer.append(piece, 0, count);
+  }
+  return answer;
+}
+
+Outcome RunCleanly(const Child& child, const Child::Body& body) {
+  Outcome outcome = child.Run(body);
+  EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
+  EXPECT_EQ(outcome.leaked_descriptors, Lines{});
+  return outcome;
+}
+
+/// One whole conversation; tells its "answer".
+Outcome Converse(Backend& backend, const Lines& lines,
+                 std::size_t piece = 4096) {
+  return RunCleanly(Child().With(backend), [&](const Told& told) {
+    const auto protocol = Connect(backend.Name(), false);
+    for (const std::string& line : lines) protocol->SendEnv(line);
+    protocol->RequestComplete();
+    told("answer", WholeAnswer(*protocol, piece));
+  });
+}
+
+Outcome ConverseWith(const Step& step, std::size_t piece = 4096) {
+  Backend backend;
+  backend.Then(step);
+  return Converse(backend, {"QUERY_STRING=func=whoami"}, piece);
+}
+
+/// The wire's bytes of a request.
+std::string WireOf(const Lines& lines) {
+  Backend backend;
+  backend.Then(Answer("x"));
+  const Outcome outcome = Converse(backend, lines);
+  EXPECT_EQ(outcome.error, "");
+  return backend.Requests().empty() ? "" : backend.Requests().front().raw;
+}
+
+testing::AssertionResult IsHandedOn(const std::string& answer) {
+  for (const Step& step : {Answer(answer), AnswerByteByByte(answer)}) {
+    const Outcome outcome = ConverseWith(step);
+    if (!outcome.error.empty()) {
+      return testing::AssertionFailure() << outcome.error;
+    }
+    if (outcome.told.at("answer") != answer) {
+      return testing::AssertionFailure() << outcome.told.at("answer");
+    }
+  }
+  return testing::AssertionSuccess();
+}
+
+testing::AssertionResult IsRefused(const std::string& answer) {
+  for (const Step& step : {Answer(answer), AnswerByteByByte(answer)}) {
+    const Outcome outcome = ConverseWith(step);
+    if (outcome.error_type != "tov_err::Error") {
+      return testing::AssertionFailure()
+             << outcome.error_type << ": " << outcome.error;
+    }
+  }
+  return testing::AssertionSuccess();
+}
+
+/// The error of connecting, and how many sockets that took.
+Outcome ConnectTo(const std::string& name, const std::string& run_dir) {
+  return RunCleanly(Child().Env("TOV_RUN_DIR", run_dir), [&](const Told& told) {
+    try {
+      Connect(name, false);
+    } catch (...) {
+      told("sockets", std::to_string(sockets));
+      throw;
+    }
+  });
+}
+
+testing::AssertionResult IsRefusedBeforeAnythingIsOpened(
+    const std::string& name) {
+  Scratch run_dir;
+  const Outcome outcome = ConnectTo(name, run_dir.Path());
+  if (outcome.error_type == "tov_err::Value" &&
+      outcome.told.at("sockets") == "0") {
+    return testing::AssertionSuccess();
+  }
+  return testing::AssertionFailure()
+         << outcome.error_type << ": " << outcome.error;
+}
+
+testing::AssertionResult LineIsRefused(const std::string& line) {
+  Backend backend;
+  backend.Then(CloseSilently());
+  const Outcome outcome = RunCleanly(Child().With(backend), [&](const Told&) {
+    Connect(backend.Name(), false)->SendEnv(line);
+  });
+  return (outcome.error_type == "tov_err::Value" ? testing::AssertionSuccess()
+                                                 : testing::AssertionFailure())
+         << outcome.error_type << ": " << outcome.error;
+}
+
+/// A name for which the socket's path has this many bytes.
+std::string NameForPathOf(std::size_t size) {
+  const Scratch alike;
+  return std::string(size - alike.Path().size() - sizeof("/.sock") + 1, 'n');
+}
+
+bool IsPending(int signal) {
+  sigset_t pending;
+  ::sigpending(&pending);
+  return ::sigismember(&pending, signal) == 1;
+}
+
+void Block(int signal) {
+  sigset_t set;
+  ::sigemptyset(&set);
+  ::sigaddset(&set, signal);
+  ::sigprocmask(SIG_BLOCK, &set, nullptr);
+}
+
+volatile sig_atomic_t alarms = 0;
+
+void CountAlarm(int) { alarms = alarms + 1; }
+
+/// From now on a signal handler runs every two milliseconds.
+void StartSignalStorm() {
+  struct sigaction action {};
+  action.sa_handler = CountAlarm;
+  ::sigaction(SIGALRM, &action, nullptr);
+  const itimerval often{{0, 2000}, {0, 2000}};
+  ::setitimer(ITIMER_REAL, &often, nullptr);
+}
+
+void Pause(int milliseconds) {
+  ::usleep(static_cast<useconds_t>(milliseconds) * 1000);
+}
+
+/// A service that takes its time for everything, in a process of its own.
+class SlowService {
+ public:
+  explicit SlowService(const std::string& socket_path) {
+    listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, socket_path.data(), socket_path.size());
+    EXPECT_EQ(::bind(listener_, reinterpret_cast<const sockaddr*>(&address),
+                     sizeof(address)),
+              0);
+    EXPECT_EQ(::listen(listener_, 1), 0);
+    process_ = ::fork();
+    if (process_ == 0) Serve();
+    ::close(listener_);
+  }
+  ~SlowService() { ::waitpid(process_, nullptr, 0); }
+
+ private:
+  [[noreturn]] void Serve() const {
+    const int connection = ::accept(listener_, nullptr, nullptr);
+    Pause(200);
+    char piece[65536];
+    ssize_t size;
+    do {
+      size = ::recv(connection, piece, sizeof(piece), 0);
+    } while (size > 0 && piece[size - 1] != ',');
+    for (const std::string text : {"first ", "second"}) {
+      Pause(200);
+      ::send(connection, text.data(), text.size(), MSG_NOSIGNAL);
+    }
+    Pause(200);
+    ::_exit(0);
+  }
+
+  int listener_;
+  pid_t process_;
+};
+
+TEST(Request, IsANetstringOfVariables) {
+  EXPECT_EQ(WireOf({"REQUEST_METHOD=GET", "EMPTY="}),
+            std::string("51:"
+                        "CONTENT_LENGTH\0"
+                        "0\0"
+                        "SCGI\0"
+                        "1\0"
+                        "REQUEST_METHOD\0"
+                        "GET\0"
+                        "EMPTY\0"
+                        "\0"
+                        ",",
+                        55));
+}
+
+TEST(Request, MayHaveNoVariables) {
+  EXPECT_EQ(WireOf({}), std::string("24:CONTENT_LENGTH\0"
+                                    "0\0"
+                                    "SCGI\0"
+                                    "1\0"
+                                    ",",
+                                    28));
+}
+
+TEST(Request, KeepsTheOrderOfItsVariables) {
+  Backend backend;
+  backend.Then(Answer("x"));
+  Converse(backend, {"B=1", "A=2", "B=3"});
+  using Variables = std::vector<std::pair<std::string, std::string>>;
+  ASSERT_EQ(backend.Requests().size(), 1u);
+  EXPECT_EQ(backend.Requests()[0].variables, (Variables{{"CONTENT_LENGTH", "0"},
+                                                        {"SCGI", "1"},
+                                                        {"B", "1"},
+                                                        {"A", "2"},
+                                                        {"B", "3"}}));
+}
+
+TEST(Request, TakesAnyByteButZeroInAValue) {
+  std::string bytes;
+  for (int byte = 1; byte < 256; ++byte) bytes += static_cast<char>(byte);
+  Backend backend;
+  backend.Then(Answer("x"));
+  Converse(backend, {"ALL=" + bytes, "EQUALS=a=b=", "od\n\xff=1"});
+  ASSERT_EQ(backend.Requests().size(), 1u);
+  EXPECT_EQ(backend.Requests()[0]["ALL"], bytes);
+  EXPECT_EQ(backend.Requests()[0]["EQUALS"], "a=b=");
+  EXPECT_EQ(backend.Requests()[0]["od\n\xff"], "1");
+}
+
+TEST(Request, MayHaveThousandsOfVariables) {
+  Lines lines;
+  for (int i = 0; i < 5000; ++i) {
+    lines.push_back("V" + std::to_string(i) + "=" + std::to_string(i));
+  }
+  Backend backend;
+  backend.Then(Answer("x"));
+  EXPECT_EQ(Converse(backend, lines).error, "");
+  ASSERT_EQ(backend.Requests().size(), 1u);
+  EXPECT_EQ(backend.Requests()[0].variables.size(), 5002u);
+  EXPECT_EQ(backend.Requests()[0]["V4999"], "4999");
+}
+
+TEST(Request, MayBeLargerThanASocketsBuffer) {
+  const std::string value(3'000'000, 'v');
+  Backend backend;
+  backend.Then(Answer("x"));
+  EXPECT_EQ(Converse(backend, {"LARGE=" + value}).error, "");
+  ASSERT_EQ(backend.Requests().size(), 1u);
+  EXPECT_TRUE(backend.Requests()[0]["LARGE"] == value);
+}
+
+TEST(Request, RefusesALineThatIsNoVariable) {
+  EXPECT_TRUE(LineIsRefused(""));
+  EXPECT_TRUE(LineIsRefused("NAME"));
+  EXPECT_TRUE(LineIsRefused("=value"));
+}
+
+TEST(Request, RefusesALineWithAZeroByte) {
+  EXPECT_TRUE(LineIsRefused(std::string("A=1\0B=2", 7)));
+  EXPECT_TRUE(LineIsRefused(std::string("A\0B=2", 5)));
+}
+
+TEST(Request, RefusesTheNamesOfTheWireFormat) {
+  EXPECT_TRUE(LineIsRefused("CONTENT_LENGTH=5"));
+  EXPECT_TRUE(LineIsRefused("CONTENT_LENGTH="));
+  EXPECT_TRUE(LineIsRefused("SCGI=1"));
+}
+
+TEST(Request, TakesNamesThatResembleThoseOfTheWireFormat) {
+  Backend backend;
+  backend.Then(Answer("x"));
+  const Outcome outcome =
+      Converse(backend, {"CONTENT_LENGTH2=1", "SCGI_X=2", "XSCGI=3"});
+  EXPECT_EQ(outcome.error, "");
+  ASSERT_EQ(backend.Requests().size(), 1u);
+  EXPECT_EQ(backend.Requests()[0].variables.size(), 5u);
+}
+
+TEST(Connect, RefusesANameThatIsNoFileName) {
+  for (const char* name :
+       {"", ".", "..", ".hidden", "../x", "a/b", "/a", "a/", "/"}) {
+    EXPECT_TRUE(IsRefusedBeforeAnythingIsOpened(name)) << name;
+  }
+}
+
+TEST(Connect, RefusesANameWithAZeroByte) {
+  EXPECT_TRUE(IsRefusedBeforeAnythingIsOpened(std::string("a\0b", 3)));
+  EXPECT_TRUE(IsRefusedBeforeAnythingIsOpened(std::string("\0", 1)));
+}
+
+TEST(Connect, RefusesANameThatIsTooLong) {
+  EXPECT_TRUE(IsRefusedBeforeAnythingIsOpened(std::string(200, 'n')));
+  EXPECT_TRUE(IsRefusedBeforeAnythingIsOpened(NameForPathOf(109)));
+}
+
+TEST(Connect, TakesTheLongestNameThatFits) {
+  Backend backend(NameForPathOf(107));
+  ASSERT_EQ(backend.SocketPath().size(), 107u);
+  backend.Then(Answer("x"));
+  EXPECT_EQ(Converse(backend, {}).told.at("answer"), "x");
+}
+
+TEST(Connect, TakesANameWithADotInside) {
+  Backend backend("a.b..c");
+  backend.Then(Answer("x"));
+  EXPECT_EQ(Converse(backend, {}).told.at("answer"), "x");
+}
+
+TEST(Connect, NamesTheSocketAndTheReasonOfAFailure) {
+  Scratch run_dir;
+  const Outcome outcome = ConnectTo("panel", run_dir.Path());
+  EXPECT_EQ(outcome.error_type, "tov_err::Error");
+  EXPECT_NE(outcome.error.find(run_dir / "panel.sock"), std::string::npos)
+      << outcome.error;
+  EXPECT_NE(outcome.error.find(std::strerror(ENOENT)), std::string::npos)
+      << outcome.error;
+}
+
+TEST(Connect, FailsWhenNobodyListens) {
+  const Outcome outcome = ConverseWith(Refuse());
+  EXPECT_EQ(outcome.error_type, "tov_err::Error");
+  EXPECT_NE(outcome.error.find(std::strerror(ECONNREFUSED)), std::string::npos)
+      << outcome.error;
+}
+
+TEST(Connect, LooksInTheDefaultDirectoryUnlessToldOtherwise) {
+  const std::string name = "no-such-service-for-tests";
+  const Outcome unset =
+      RunCleanly(Child(), [&](const Told&) { Connect(name, false); });
+  const Outcome empty = ConnectTo(name, "");
+  for (const Outcome& outcome : {unset, empty}) {
+    EXPECT_EQ(outcome.error_type, "tov_err::Error");
+    EXPECT_NE(outcome.error.find("/run/tov/" + name + ".sock"),
+              std::string::npos)
+        << outcome.error;
+  }
+}
+
+TEST(Connect, HandsOutNoStandardDescriptor) {
+  Backend backend;
+  backend.Then(Answer("x"));
+  const Outcome outcome =
+      RunCleanly(Child().With(backend).Closed(0).Closed(1).Closed(2),
+                 [&](const Told& told) {
+                   const auto protocol = Connect(backend.Name(), false);
+                   for (int descriptor = 0; descriptor <= 2; ++descriptor) {
+                     if (::fcntl(descriptor, F_GETFD) >= 0) told("open", "yes");
+                   }
+                   protocol->RequestComplete();
+                   told("answer", WholeAnswer(*protocol, 100));
+                 });
+  EXPECT_EQ(outcome.error, "");
+  EXPECT_FALSE(outcome.told.contains("open"));
+  EXPECT_EQ(outcome.told.at("answer"), "x");
+}
+
+TEST(Connect, MakesADescriptorThatIsNotInherited) {
+  Backend backend;
+  backend.Then(CloseSilently());
+  const Outcome outcome =
+      RunCleanly(Child().With(backend), [&](const Told& told) {
+        const auto protocol = Connect(backend.Name(), false);
+        for (int descriptor = 3; descriptor < 100; ++descriptor) {
+          sockaddr_un peer{};
+          socklen_t size = sizeof(peer);
+          if (::getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer),
+                            &size) == 0 &&
+              backend.SocketPath() == peer.sun_path) {
+            const bool kept_back =
+                (::fcntl(descriptor, F_GETFD) & FD_CLOEXEC) != 0;
+            told("close on exec", kept_back ? "yes" : "no");
+          }
+        }
+      });
+  EXPECT_EQ(outcome.told.at("close on exec"), "yes");
+}
+
+TEST(Connect, ClosesTheConnectionWhenDestroyed) {
+  Backend backend;
+  backend.Times(2, Answer("x"));
+  const Outcome outcome = RunCleanly(Child().With(backend), [&](const Told&) {
+    Connect(backend.Name(), false);
+    const auto protocol = Connect(backend.Name(), true);
+    protocol->SendEnv("A=1");
+    protocol->RequestComplete();
+  });
+  EXPECT_EQ(outcome.error, "");
+  ASSERT_EQ(backend.Requests().size(), 2u);
+  EXPECT_EQ(backend.Requests()[0].raw, "");
+}
+
+TEST(AnswerText, IsHandedOnByteForByte) {
+  std::string bytes;
+  for (int byte = 0; byte < 256; ++byte) bytes += static_cast<char>(byte);
+  EXPECT_TRUE(IsHandedOn("<doc/>"));
+  EXPECT_TRUE(IsHandedOn(bytes));
+  EXPECT_TRUE(IsHandedOn("\n"));
+  EXPECT_TRUE(IsHandedOn("Status: 200 OK\r\nContent-Type: text/xml\r\n\r\nx"));
+}
+
+TEST(AnswerText, MayBeLarge) {
+  std::string answer;
+  while (answer.size() < 3'000'000) answer += std::to_string(answer.size());
+  for (const std::size_t piece : {1000u, 65536u, 5'000'000u}) {
+    const Outcome outcome = ConverseWith(Answer(answer), piece);
+    EXPECT_EQ(outcome.error, "");
+    EXPECT_TRUE(outcome.told.at("answer") == answer);
+  }
+}
+
+TEST(AnswerText, MayBeTakenInSmallPieces) {
+  const Outcome outcome = ConverseWith(Answer("Status: 200\n\nabc"), 1);
+  EXPECT_EQ(outcome.told.at("answer"), "Status: 200\n\nabc");
+}
+
+TEST(AnswerText, HasEndedForGood) {
+  Backend backend;
+  backend.Then(Answer("x"));
+  const Outcome outcome =
+      RunCleanly(Child().With(backend), [&](const Told& told) {
+        const auto protocol = Connect(backend.Name(), false);
+        protocol->RequestComplete();
+        WholeAnswer(*protocol, 10);
+        told("more", WholeAnswer(*protocol, 10));
+      });
+  EXPECT_EQ(outcome.error, "");
+  EXPECT_EQ(outcome.told.at("more"), "");
+}
+
+TEST(AnswerText, WithoutASingleByteIsAnError) {
+  EXPECT_EQ(ConverseWith(CloseSilently()).error_type, "tov_err::Error");
+}
+
+TEST(AnswerText, CutByAResetIsAnError) {
+  EXPECT_EQ(ConverseWith(Reset()).error_type, "tov_err::Error");
+  EXPECT_EQ(ConverseWith(AnswerThenReset("half")).error_type, "tov_err::Error");
+  EXPECT_EQ(ConverseWith(AnswerThenReset("")).error_type, "tov_err::Error");
+}
+
+TEST(ContentLength, MayBeExact) {
+  EXPECT_TRUE(IsHandedOn("Content-Length: 5\r\n\r\nhello"));
+  EXPECT_TRUE(IsHandedOn("Content-Length: 0\r\n\r\n"));
+  EXPECT_TRUE(IsHandedOn("Content-Length: 5\n\nhello"));
+}
+
+TEST(ContentLength, ShortOfItsPromiseIsAnError) {
+  EXPECT_TRUE(IsRefused("Content-Length: 6\r\n\r\nhello"));
+  EXPECT_TRUE(IsRefused("Content-Length: 6\n\nhello"));
+  EXPECT_TRUE(IsRefused("Content-Length: 1\r\n\r\n"));
+  EXPECT_TRUE(IsRefused("Content-Length: 4294967301\r\n\r\nhello"));
+}
+
+TEST(ContentLength, BeyondItsPromiseIsHandedOn) {
+  EXPECT_TRUE(IsHandedOn("Content-Length: 4\r\n\r\nhello"));
+  EXPECT_TRUE(IsHandedOn("Content-Length: 0\r\n\r\nhello"));
+}
+
+TEST(ContentLength, IsFoundInAnyCaseAndPlace) {
+  EXPECT_TRUE(IsRefused("content-length: 6\r\n\r\nhello"));
+  EXPECT_TRUE(IsRefused("CONTENT-LENGTH:6\r\n\r\nhello"));
+  EXPECT_TRUE(
+      IsRefused("Status: 200 OK\r\nContent-Length: \t6 \r\n"
+                "Content-Type: text/xml\r\n\r\nhello"));
+  EXPECT_TRUE(IsRefused("A: 1\nContent-length:6\nB: 2\r\n\nhello"));
+}
+
+TEST(ContentLength, MayBeRepeated) {
+  const std::string twice = "Content-Length: 5\r\nContent-length:5\r\n\r\n";
+  EXPECT_TRUE(IsHandedOn(twice + "hello"));
+  EXPECT_TRUE(IsRefused(twice + "hell"));
+}
+
+TEST(ContentLength, WithTwoMeaningsIsAnError) {
+  EXPECT_TRUE(IsRefused("Content-Length: 5\r\nContent-Length: 4\r\n\r\nhello"));
+  EXPECT_TRUE(IsRefused("Content-Length: 4\r\nContent-Length: 5\r\n\r\nhello"));
+}
+
+TEST(ContentLength, ThatIsNoNumberIsAnError) {
+  for (const char* value : {"", "x", "-5", "5x", "5 5", "5,5", "0x5", "1e0",
+                            "99999999999999999999999"}) {
+    EXPECT_TRUE(
+        IsRefused(std::string("Content-Length: ") + value + "\r\n\r\nhello"))
+        << value;
+  }
+}
+
+TEST(ContentLength, OfAnotherHeaderDoesNotCount) {
+  EXPECT_TRUE(IsHandedOn("X-Content-Length: 60\r\n\r\nhello"));
+  EXPECT_TRUE(IsHandedOn("Content-Length-X: 60\r\n\r\nhello"));
+}
+
+TEST(ContentLength, CountsBeforeTheFirstLineOnlyThatIsNoHeader) {
+  EXPECT_TRUE(IsHandedOn("<doc>\nContent-Length: 100\n\n</doc>"));
+  EXPECT_TRUE(IsHandedOn("\r\nContent-Length: 100\r\n\r\nhello"));
+  EXPECT_TRUE(IsHandedOn("Status: 200\r\n\r\nContent-Length: 100\r\n\r\nx"));
+}
+
+TEST(ContentLength, IsTextWhenALineBehindItIsNoHeader) {
+  EXPECT_TRUE(IsHandedOn("Content-Length: 100\nhello world"));
+  EXPECT_TRUE(IsHandedOn("Content-Length: 100\n<doc>\n\n</doc>"));
+}
+
+TEST(ContentLength, OfAnAnswerThatEndsAmongItsHeadersIsAnError) {
+  EXPECT_TRUE(IsRefused("Content-Length: 5\r\n"));
+  EXPECT_TRUE(IsRefused("Content-Length: 5\r\nStatus: 200 OK\r\n"));
+}
+
+TEST(ContentLength, IsNotNeeded) {
+  EXPECT_TRUE(IsHandedOn("Status: 200 OK\r\n"));
+  EXPECT_TRUE(IsHandedOn("Status: 200 OK"));
+  EXPECT_TRUE(IsHandedOn("Content-Type: text/html\r\n\r\n"));
+}
+
+TEST(Signals, DoNotInterruptAConversation) {
+  Scratch run_dir;
+  const Outcome outcome = RunCleanly(
+      Child().Env("TOV_RUN_DIR", run_dir.Path()), [&](const Told& told) {
+        SlowService service(run_dir / "slow.sock");
+        StartSignalStorm();
+        const auto protocol = Connect("slow", false);
+        // More than a socket takes, so that sending has to wait as well.
+        protocol->SendEnv("X=" + std::string(2'000'000, 'x'));
+        protocol->RequestComplete();
+        told("answer", WholeAnswer(*protocol, 100));
+        told("alarms", std::to_string(alarms));
+        const itimerval never{};
+        ::setitimer(ITIMER_REAL, &never, nullptr);
+      });
+  EXPECT_EQ(outcome.error, "");
+  EXPECT_EQ(outcome.told.at("answer"), "first second");
+  EXPECT_GT(std::stoi(outcome.told.at("alarms")), 50);
+}
+
+/// Sends more than a socket takes to a back end that closes without reading.
+void SendToDeafEars(const Backend& backend) {
+  const auto protocol = Connect(backend.Name(), false);
+  protocol->SendEnv("LARGE=" + std::string(3'000'000, 'x'));
+  protocol->RequestComplete();
+}
+
+TEST(Signals, AreNotRaisedByABrokenConnection) {
+  Backend backend;
+  backend.Then(Reset());
+  // The signal's default action would end the process.
+  const Outcome outcome = RunCleanly(
+      Child().With(backend), [&](const Told&) { SendToDeafEars(backend); });
+  EXPECT_EQ(outcome.error_type, "tov_err::Error");
+}
+
+TEST(Signals, AreNotLeftPendingByABrokenConnection) {
+  Backend backend;
+  backend.Then(Reset());
+  const Outcome outcome =
+      RunCleanly(Child().With(backend), [&](const Told& told) {
+        Block(SIGPIPE);
+        EXPECT_ANY_THROW(SendToDeafEars(backend));
+        told("pending", IsPending(SIGPIPE) ? "yes" : "no");
+      });
+  EXPECT_EQ(outcome.told.at("pending"), "no");
+}
+
+using Misuse = std::function<void(Protocol&)>;
+
+testing::AssertionResult IsAnError(const Misuse& misuse) {
+  Backend backend;
+  backend.Then(Answer("x"));
+  const Outcome outcome = RunCleanly(Child().With(backend), [&](const Told&) {
+    misuse(*Connect(backend.Name(), false));
+  });
+  return (outcome.error_type.starts_with("tov_err::")
+              ? testing::AssertionSuccess()
+              : testing::AssertionFailure())
+         << outcome.error_type << ": " << outcome.error;
+}
+
+TEST(Protocol, RefusesToAnswerBeforeTheRequestIsComplete) {
+  EXPECT_TRUE(IsAnError([](Protocol& protocol) {
+    char piece[10];
+    protocol.GetAnswer(piece, sizeof(piece));
+  }));
+}
+
+TEST(Protocol, TakesNoVariableBehindTheEndOfTheRequest) {
+  EXPECT_TRUE(IsAnError([](Protocol& protocol) {
+    protocol.RequestComplete();
+    protocol.SendEnv("A=1");
+  }));
+}
+
+TEST(Protocol, CompletesARequestOnce) {
+  EXPECT_TRUE(IsAnError([](Protocol& protocol) {
+    protocol.RequestComplete();
+    protocol.RequestComplete();
+  }));
+}
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) int socket(
+    int domain, int type, int protocol) noexcept {
+  ++sockets;
+  return static_cast<int>(::syscall(SYS_socket, domain, type, protocol));
+}
