@@ -12,7 +12,6 @@ import sqlite3
 import sys
 import time
 from contextlib import closing
-from http.cookies import CookieError, SimpleCookie
 from urllib.parse import parse_qsl
 from xml.sax.saxutils import quoteattr
 
@@ -65,23 +64,26 @@ def clock(seconds):
 
 
 def query_items(environ):
-    """A name that comes twice is refused: a value that the front end adds to a
-    query unencoded could otherwise bring a second function along."""
+    """The library adds "auth" and "sfrom" at the end, unencoded: a value from the
+    browser could bring items along. So nothing may come twice, and nothing may
+    stand behind the two."""
     pairs = parse_qsl(environ.get("QUERY_STRING", ""), keep_blank_values=True)
-    items = dict(pairs)
-    if len(items) != len(pairs):
-        raise Refused("repeated")
-    return items
+    names = [name for name, _ in pairs]
+    added = [name for name in names if name in ("auth", "sfrom")]
+    at_the_end = names[len(names) - len(added):] == added == sorted(added)
+    if not at_the_end or len(set(names)) != len(names):
+        raise Refused("query")
+    return dict(pairs)
 
 
 def session_id(environ, items):
-    if "auth" in items:
-        return items["auth"]
-    try:
-        cookie = SimpleCookie(environ.get("HTTP_COOKIE", ""))
-    except CookieError:
-        return ""
-    return cookie[COOKIE].value if COOKIE in cookie else ""
+    """Reads cookies just as the front end does: the last of a name counts."""
+    session = ""
+    for piece in environ.get("HTTP_COOKIE", "").split(";"):
+        name, _, value = piece.strip().partition("=")
+        if name == COOKIE:
+            session = value
+    return items.get("auth", session)
 
 
 def own_session(database, environ, items):

@@ -1,6 +1,7 @@
 // The front end of a small administration panel: a CGI program that the web
 // server starts for each request. Copy it and change the pages.
 
+#include <stdlib.h>
 #include <sys/resource.h>
 #include <tov/err.h>
 #include <tov/str.h>
@@ -180,6 +181,10 @@ void ShowRequestError(const std::exception& error) {
   }
 }
 
+/// No proxy stands before this web server: an address that claims to have been
+/// forwarded, in whatever spelling of the header, is the browser's invention.
+void DistrustForwardedAddress() { ::unsetenv("HTTP_X_FORWARDED_FOR"); }
+
 void ServeRequest(const char* program) {
   try {
     Cgi cgi(program, kBackend);
@@ -206,5 +211,6 @@ void ServeRequest(const char* program) {
 
 int main(int argc, char** argv) {
   panel::LimitResources();
+  panel::DistrustForwardedAddress();
   panel::ServeRequest(argc > 0 ? argv[0] : "");
 }

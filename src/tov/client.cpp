@@ -84,16 +84,13 @@ class Protocol::Wire {
   void AddVariable(const std::string& line) {
     ExpectRequestOpen(true);
     const std::size_t equals = line.find('=');
-    if (equals == std::string::npos || equals == 0 ||
-        line.find('\0') != std::string::npos) {
-      throw tov_err::Value("environment line", line);
-    }
-    const std::string_view text = line;
-    const std::string_view name = text.substr(0, equals);
-    if (name == "CONTENT_LENGTH" || name == "SCGI") {
-      throw tov_err::Value("environment line", line);
-    }
-    AppendVariable(header_, name, text.substr(equals + 1));
+    const std::string name = line.substr(0, equals);
+    const bool allowed = equals != std::string::npos && !name.empty() &&
+                         name != "CONTENT_LENGTH" && name != "SCGI" &&
+                         line.find('\0') == std::string::npos;
+    // The name only: a value may hold a session id, and this text gets shown.
+    if (!allowed) throw tov_err::Value("environment variable", name);
+    AppendVariable(header_, name, std::string_view(line).substr(equals + 1));
   }
 
   void SendRequest() {

@@ -122,6 +122,22 @@ class PanelTest(unittest.TestCase):
         self.assert_page(answer, 502, "unknown authorization error")
         self.assert_page(self.panel.with_session(session, page="whoami"), 200)
 
+    def test_parameter_that_injects_another_session_is_refused(self):
+        own = self.panel.sign_in()
+        planted = self.panel.sign_in()
+        answer = self.panel.with_session(own, page="whoami", sfrom=f"x&auth={planted}")
+        self.assert_page(answer, 502, "unknown authorization error")
+
+    def test_back_end_takes_the_cookie_that_the_front_end_takes(self):
+        session = self.panel.sign_in()
+        for cookie, status in (
+            (f"other=1 panelses5={session}", 401),
+            (f"panelses5=wrong; panelses5={session}", 200),
+            (f"panelses5={session}; panelses5=wrong", 403),
+        ):
+            answer = self.panel.request(headers={"Cookie": cookie}, page="whoami")
+            self.assertEqual(answer.status, status, cookie)
+
     def test_large_cookies_reach_the_back_end(self):
         session = self.panel.sign_in()
         for size in (5_000, 20_000):
@@ -134,6 +150,7 @@ class PanelTest(unittest.TestCase):
         headers = {
             "Cookie": f"panelses5={session}",
             "X-Forwarded-For": "10.1.2.3",
+            "X_Forwarded_For": "10.1.2.3",
             "Proxy": "http://10.1.2.3/",
         }
         answer = self.panel.request(headers=headers, page="sessions")
