@@ -4,10 +4,15 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <string_view>
 
 namespace tov_env {
 
 std::string GetEnv(const std::string& name) {
+  // getenv(3) would take the name up to a zero byte, or find "A=B" in "A=B=C".
+  if (name.find_first_of(std::string_view("=\0", 2)) != std::string::npos) {
+    return {};
+  }
   const char* value = ::getenv(name.c_str());
   return value == nullptr ? std::string() : std::string(value);
 }

@@ -52,6 +52,14 @@ struct stat StatusOf(int descriptor, const std::string& path) {
   return status;
 }
 
+/// fchmod(2), also for a descriptor that was opened with O_PATH.
+int ChangeMode(int descriptor, mode_t mode) {
+  const int result = ::fchmod(descriptor, mode);
+  if (result == 0 || errno != EBADF) return result;
+  const std::string path = "/proc/self/fd/" + std::to_string(descriptor);
+  return ::chmod(path.c_str(), mode);
+}
+
 bool SameFile(const struct stat& left, const struct stat& right) {
   return left.st_dev == right.st_dev && left.st_ino == right.st_ino;
 }
@@ -268,20 +276,26 @@ Attrs::Attrs(int mode, unsigned owner, unsigned group)
       group_(group) {}
 
 void Attrs::SafeSet(const std::string& path, bool must_exist) const {
-  const Descriptor file = OpenOwnFile(path);
+  Descriptor file = OpenOwnFile(path);
+  // An owner may be allowed to change a file that it may not read.
+  if (!file && errno == EACCES) file = Open(path, O_PATH | O_NOFOLLOW);
   if (!file) {
     if (MeansMissing(errno) && !must_exist) return;
     ThrowFor("cannot open", path, errno);
+  }
+  if (S_ISLNK(StatusOf(file.Get(), path).st_mode)) {
+    ThrowFor("cannot open", path, ELOOP);
   }
   Apply(file.Get(), path);
 }
 
 void Attrs::Apply(int descriptor, const std::string& path) const {
   // The owner first: a change of owner takes set-id bits away.
-  if (sets_owner_ && ::fchown(descriptor, owner_, group_) != 0) {
+  if (sets_owner_ &&
+      ::fchownat(descriptor, "", owner_, group_, AT_EMPTY_PATH) != 0) {
     ThrowFor("cannot set the owner of", path, errno);
   }
-  if (::fchmod(descriptor, mode_) != 0) {
+  if (ChangeMode(descriptor, mode_) != 0) {
     ThrowFor("cannot set the permissions of", path, errno);
   }
 }

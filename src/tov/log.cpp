@@ -89,16 +89,22 @@ class Line {
   /// Adds text as it is, which must fit.
   void AppendOwn(std::string_view text) { Put(text); }
 
-  void Cut() { cut_ = true; }
+  /// Ends the line here, or where there was still room to say so.
+  void Cut() {
+    if (cut_) return;
+    size_ = last_place_to_cut_;
+    cut_ = true;
+  }
 
   std::string_view Finish() {
-    if (cut_) Put("...");
-    Put("\n");
+    if (cut_) Put(kCutMark);
+    Put(kLineEnd);
     return {bytes_, size_};
   }
 
  private:
-  static constexpr std::size_t kTail = sizeof("...\n") - 1;
+  static constexpr std::string_view kCutMark = "...";
+  static constexpr std::string_view kLineEnd = "\n";
 
   void AppendByte(char byte) {
     constexpr char kDigits[] = "0123456789abcdef";
@@ -108,20 +114,21 @@ class Line {
     const std::string_view written =
         control ? std::string_view(escape, sizeof(escape))
                 : std::string_view(&byte, 1);
-    if (cut_ || size_ + written.size() + kTail > kLineSize) {
-      cut_ = true;
-      return;
-    }
-    Put(written);
+    if (size_ + written.size() + kLineEnd.size() > kLineSize) Cut();
+    if (!cut_) Put(written);
   }
 
   void Put(std::string_view text) {
     std::memcpy(bytes_ + size_, text.data(), text.size());
     size_ += text.size();
+    if (size_ + kCutMark.size() + kLineEnd.size() <= kLineSize) {
+      last_place_to_cut_ = size_;
+    }
   }
 
   char bytes_[kLineSize];
   std::size_t size_ = 0;
+  std::size_t last_place_to_cut_ = 0;
   bool cut_ = false;
 };
 
