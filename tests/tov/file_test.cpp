@@ -137,10 +137,8 @@ class OpenScratch : public Scratch {
   OpenScratch() { Chmod(Path(), 0755); }
   ~OpenScratch() {
     for (const std::string& name : List()) {
-      std::error_code no_matter;
-      std::filesystem::permissions(*this / name, std::filesystem::perms::all,
-                                   std::filesystem::perm_options::nofollow,
-                                   no_matter);
+      const std::string path = *this / name;
+      if (S_ISDIR(StatOf(path).st_mode)) Chmod(path, 0700);
     }
   }
 

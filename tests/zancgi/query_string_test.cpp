@@ -1,0 +1,125 @@
+#include <gtest/gtest.h>
+#include <zancgi/zancgi.h>
+
+#include <string>
+#include <vector>
+
+#include "support/child.h"
+
+namespace {
+
+using support::Child;
+using support::Outcome;
+using support::Told;
+using zan_cgi::Cgi;
+using Strings = std::vector<std::string>;
+
+/// Tells every parameter under its name.
+Outcome Parse(const std::string& query) {
+  return Child()
+      .Env("REQUEST_METHOD", "GET")
+      .Env("QUERY_STRING", query)
+      .Run([](const Told& told) {
+        Cgi::Data request;
+        request.ParseQuery();
+        for (const auto& [name, value] : request.params) told(name, value);
+        if (!request.parsed) throw std::runtime_error("not parsed");
+      });
+}
+
+using Params = std::map<std::string, std::string>;
+
+TEST(QueryString, WhenEmptyGivesNothing) {
+  EXPECT_EQ(Parse("").told, Params{});
+  EXPECT_EQ(Parse("").error, "");
+}
+
+TEST(QueryString, SkipsEmptyItems) {
+  const Outcome outcome = Parse("&&a=1&");
+  EXPECT_EQ(outcome.told, (Params{{"a", "1"}}));
+  EXPECT_TRUE(outcome.Logged(4).empty());
+}
+
+TEST(QueryString, JoinsTheValuesOfARepeatedName) {
+  EXPECT_EQ(Parse("a=1&a=2&a=3").told, (Params{{"a", "1, 2, 3"}}));
+  EXPECT_EQ(Parse("a=1&b=2&a=3").told, (Params{{"a", "1, 3"}, {"b", "2"}}));
+  EXPECT_EQ(Parse("a=&a=2").told, (Params{{"a", ", 2"}}));
+  EXPECT_EQ(Parse("a=1&a").told, (Params{{"a", "1, "}}));
+}
+
+TEST(QueryString, SplitsAtTheFirstEqualsSign) {
+  EXPECT_EQ(Parse("a=b=c").told, (Params{{"a", "b=c"}}));
+  EXPECT_EQ(Parse("flag").told, (Params{{"flag", ""}}));
+}
+
+TEST(QueryString, SplitsBeforeItDecodes) {
+  EXPECT_EQ(Parse("x%3Dy=1%262").told, (Params{{"x=y", "1&2"}}));
+}
+
+TEST(QueryString, NeitherTrimsNorChangesCase) {
+  EXPECT_EQ(Parse("+A+=+B+").told, (Params{{" A ", " B "}}));
+}
+
+TEST(QueryString, TakesASemicolonForData) {
+  EXPECT_EQ(Parse("a=1;b=2").told, (Params{{"a", "1;b=2"}}));
+}
+
+TEST(QueryString, WarnsOfAValueWithoutAName) {
+  const Outcome outcome = Parse("=5&=a%20b");
+  EXPECT_EQ(outcome.told, Params{});
+  EXPECT_EQ(outcome.Logged(4), (Strings{"Key name is empty, value = '5'",
+                                        "Key name is empty, value = 'a%20b'"}));
+}
+
+TEST(QueryString, DropsAnEmptyPairSilently) {
+  for (const char* query : {"=", "&=&"}) {
+    const Outcome outcome = Parse(query);
+    EXPECT_EQ(outcome.told, Params{});
+    EXPECT_TRUE(outcome.Logged(4).empty());
+  }
+}
+
+TEST(QueryString, CannotForgeALogLine) {
+  const Outcome outcome =
+      Parse("=a\r\nzancgi[1] core error: forged\x1b[31m%n%s");
+  EXPECT_EQ(outcome.Logged(4),
+            Strings{"Key name is empty, value = 'a\\x0d\\x0azancgi[1] core "
+                    "error: forged\\x1b[31m%n%s'"});
+}
+
+TEST(QueryString, IsTracedAndParsedOnce) {
+  const Outcome outcome =
+      Child()
+          .Env("REQUEST_METHOD", "GET")
+          .Env("QUERY_STRING", "a=1")
+          .Run([](const Told& told) {
+            Cgi::Data request;
+            request.ParseQuery();
+            request.ParseQueryString("a=2&b=3");
+            for (const auto& [name, value] : request.params) {
+              told(name, value);
+            }
+          });
+  EXPECT_EQ(outcome.told, (Params{{"a", "1"}}));
+  EXPECT_EQ(
+      outcome.Logged(8),
+      (Strings{"void zan_cgi::Cgi::Data::ParseCookies()",
+               "void zan_cgi::Cgi::Data::ParseQuery()",
+               "void zan_cgi::Cgi::Data::ParseQueryString(std::string)",
+               "void zan_cgi::Cgi::Data::ParseQueryString(std::string)"}));
+  EXPECT_EQ(outcome.Logged(4), Strings{"attempt to reparse GET query"});
+}
+
+TEST(QueryString, OfAMegabyteIsParsedInLinearTime) {
+  // Erasing from the front would take minutes.
+  const Outcome outcome = Child().Run([](const Told& told) {
+    Cgi::Data request;
+    std::string query;
+    for (int i = 0; i < 1'500'000; ++i) query += "a=&";
+    request.ParseQueryString(query);
+    told("size", std::to_string(request.params["a"].size()));
+  });
+  EXPECT_EQ(outcome.told.at("size"), std::to_string(2 * 1'499'999));
+}
+
+}  // namespace

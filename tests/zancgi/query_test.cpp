@@ -1,0 +1,271 @@
+#include <gtest/gtest.h>
+#include <tov/err.h>
+#include <zancgi/zancgi.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "support/backend.h"
+#include "support/child.h"
+
+namespace {
+
+using support::Answer;
+using support::AnswerByteByByte;
+using support::AnswerThenReset;
+using support::Backend;
+using support::Child;
+using support::CloseSilently;
+using support::Outcome;
+using support::Refuse;
+using support::Reset;
+using support::Step;
+using support::Told;
+using zan_cgi::Cgi;
+
+Child Request() { return Child().Env("REQUEST_METHOD", "GET"); }
+
+/// Asks once; told is the "answer".
+Outcome Ask(const Child& request, const std::string& query) {
+  return request.Run([query](const Told& told) {
+    Cgi cgi("/bin/front", "backend");
+    told("answer", cgi.Query(query));
+  });
+}
+
+/// The query as the back end gets it.
+std::string Sent(const std::string& query) {
+  Backend backend;
+  backend.Then(Answer("x"));
+  const Outcome outcome = Ask(Request().With(backend), query);
+  EXPECT_EQ(outcome.error, "");
+  return backend.Requests().at(0)["QUERY_STRING"];
+}
+
+/// What the front end gets of an answer.
+std::string Received(const std::string& query, const Step& step) {
+  Backend backend;
+  backend.Then(step);
+  Outcome outcome = Ask(Request().With(backend), query);
+  EXPECT_EQ(outcome.error, "");
+  EXPECT_TRUE(outcome.leaked_descriptors.empty());
+  return outcome.told["answer"];
+}
+
+TEST(Query, AsksForXmlUnlessAFormatIsNamed) {
+  EXPECT_EQ(Sent("func=a"), "func=a&out=xml");
+  EXPECT_EQ(Sent("func=a&out=json"), "func=a&out=json");
+  EXPECT_EQ(Sent("func=whoami&out=xml"), "func=whoami&out=xml");
+  EXPECT_EQ(Sent(""), "out=xml");
+}
+
+TEST(Query, TakesAnyTextThatContainsTheItemForTheItem) {
+  EXPECT_EQ(Sent("layout=1"), "layout=1");
+}
+
+TEST(Query, CarriesSfromOnlyOnceTheParametersAreParsed) {
+  Backend backend;
+  backend.Times(3, Answer("x"));
+  Request()
+      .Env("QUERY_STRING", "sfrom=a%26b%3D1")
+      .With(backend)
+      .Run([](const Told&) {
+        Cgi cgi("/bin/front", "backend");
+        cgi.Query("func=a");
+        cgi.ParseQuery();
+        cgi.Query("func=a");
+        cgi.Query("func=a&xsfrom=2");
+      });
+  ASSERT_EQ(backend.Requests().size(), 3U);
+  EXPECT_EQ(backend.Requests()[0]["QUERY_STRING"], "func=a&out=xml");
+  EXPECT_EQ(backend.Requests()[1]["QUERY_STRING"],
+            "func=a&out=xml&sfrom=a&b=1");
+  EXPECT_EQ(backend.Requests()[2]["QUERY_STRING"], "func=a&xsfrom=2&out=xml");
+}
+
+TEST(Query, CarriesTheSessionThatCameFromTheParameters) {
+  Backend backend;
+  backend.Then(Answer(R"(<doc><user name="a" level="1"/></doc>)"))
+      .Times(2, Answer("x"));
+  Request()
+      .Env("QUERY_STRING", "auth=id%20")
+      .With(backend)
+      .Run([](const Told&) {
+        Cgi cgi("/bin/front", "backend");
+        cgi.Authorize(Cgi::AuthInfo::AuthParams);
+        cgi.Query("func=a");
+        cgi.Query("func=a&auth=other");
+      });
+  ASSERT_EQ(backend.Requests().size(), 3U);
+  EXPECT_EQ(backend.Requests()[1]["QUERY_STRING"], "func=a&out=xml&auth=id ");
+  EXPECT_EQ(backend.Requests()[2]["QUERY_STRING"], "func=a&auth=other&out=xml");
+}
+
+TEST(Query, WithItsOwnAuthIsNotRefusedForAnEmptySession) {
+  Backend backend;
+  backend.Then(Answer("x"));
+  const Outcome outcome = Request().With(backend).Run([](const Told& told) {
+    Cgi cgi("/bin/front", "backend");
+    try {
+      cgi.Authorize(Cgi::AuthInfo::AuthParams);
+    } catch (const tov_err::Value& error) {
+      told("refused", error.what());
+    }
+    told("answer", cgi.Query("func=a&auth=other"));
+    cgi.Query("func=a");
+  });
+  EXPECT_EQ(outcome.told.at("refused"), tov_err::Value("auth", "").what());
+  EXPECT_EQ(outcome.told.at("answer"), "x");
+  EXPECT_EQ(outcome.error_type, "tov_err::Value");
+  EXPECT_EQ(outcome.error, tov_err::Value("auth", "").what());
+  EXPECT_EQ(backend.Attempts(), 1U);
+}
+
+TEST(Query, ForwardsTheRequestsEnvironmentInByteOrder) {
+  Backend backend;
+  backend.Then(Answer("x"));
+  Child child;
+  for (const char* name :
+       {"HTTP_HOST", "HTTP_", "HTTPS", "REQUEST_URI", "REQUEST_",
+        "REQUEST_METHODX", "SERVER_NAME", "REMOTE_ADDR",
+        // Near misses.
+        "HTTP", "HTTPSX", "xHTTP_A", "http_host", "REQUEST", "SERVER", "REMOTE",
+        "CONTENT_LENGTH", "CONTENT_TYPE", "QUERY_STRING", "PATH_INFO",
+        "GATEWAY_INTERFACE", "PATH"}) {
+    child.Env(name, name);
+  }
+  child.Env("REQUEST_METHOD", "POST").Env("SERVER_SOFTWARE", "");
+  Ask(child.With(backend), "func=a");
+  using Variables = std::vector<std::pair<std::string, std::string>>;
+  EXPECT_EQ(backend.Requests().at(0).variables,
+            (Variables{{"CONTENT_LENGTH", "0"},
+                       {"SCGI", "1"},
+                       {"HTTPS", "HTTPS"},
+                       {"HTTP_", "HTTP_"},
+                       {"HTTP_HOST", "HTTP_HOST"},
+                       {"QUERY_STRING", "func=a&out=xml"},
+                       {"REMOTE_ADDR", "REMOTE_ADDR"},
+                       {"REQUEST_", "REQUEST_"},
+                       {"REQUEST_METHOD", "GET"},
+                       {"REQUEST_METHODX", "REQUEST_METHODX"},
+                       {"REQUEST_URI", "REQUEST_URI"},
+                       {"SERVER_NAME", "SERVER_NAME"},
+                       {"SERVER_SOFTWARE", ""}}));
+}
+
+TEST(Query, IsLoggedOnceAtLevelSeven) {
+  Backend backend;
+  backend.Times(3, Refuse()).Then(Answer("x"));
+  const Outcome outcome = Ask(Request().With(backend), "func=a");
+  EXPECT_EQ(
+      outcome.Logged(7),
+      std::vector<std::string>{"cgi.Query('func=a&out=xml') tov 'backend'"});
+  Backend quiet;
+  quiet.Then(Answer("x"));
+  EXPECT_EQ(Ask(Request().LogLevel(6).With(quiet), "func=a").standard_error,
+            "");
+}
+
+TEST(Query, WithoutABackEndNameIsNeitherLoggedNorSent) {
+  Backend backend;
+  const Outcome outcome = Request().With(backend).Run([](const Told&) {
+    Cgi cgi("/bin/front", "backend");
+    cgi.SetTovName("");
+    cgi.Query("func=a");
+  });
+  EXPECT_EQ(outcome.error_type, "tov_err::Missed");
+  EXPECT_EQ(outcome.error, tov_err::Missed("tovname", "").what());
+  EXPECT_TRUE(outcome.Logged(7).empty());
+  EXPECT_EQ(backend.Attempts(), 0U);
+}
+
+TEST(Query, GoesToTheBackEndOfTheNewName) {
+  Backend backend("other");
+  backend.Then(Answer("x"));
+  const Outcome outcome = Request().With(backend).Run([](const Told& told) {
+    Cgi cgi("/bin/front", "backend");
+    cgi.SetTovName("other");
+    told("answer", cgi.Query("func=a"));
+  });
+  EXPECT_EQ(outcome.told.at("answer"), "x");
+}
+
+TEST(Query, OfAMapEncodesValuesAndNotNames) {
+  Backend backend;
+  backend.Times(2, Answer("x"));
+  Request().With(backend).Run([](const Told&) {
+    Cgi cgi("/bin/front", "backend");
+    cgi.Query(std::map<std::string, std::string>{{"b", "x y"}, {"a&", "1&2"}});
+    cgi.Query(std::map<std::string, std::string>{});
+  });
+  EXPECT_EQ(backend.Requests().at(0)["QUERY_STRING"],
+            "a&=1%262&b=x%20y&out=xml");
+  EXPECT_EQ(backend.Requests().at(1)["QUERY_STRING"], "out=xml");
+}
+
+TEST(Answer, InXmlBeginsAtItsDeclaration) {
+  const std::string xml = "<?xml version=\"1.0\"?><doc/>\n";
+  EXPECT_EQ(Received("f=1", Answer(xml)), xml);
+  EXPECT_EQ(Received("f=1", Answer("A: b\r\n\r\n" + xml)), xml);
+  EXPECT_EQ(Received("f=1", AnswerByteByByte("A: b\r\n\r\n" + xml)), xml);
+  EXPECT_EQ(Received("f=1", Answer("A: b\r\n\r\n<doc/>")),
+            "A: b\r\n\r\n<doc/>");
+}
+
+TEST(Answer, InAnotherFormatIsHandedOnByteForByte) {
+  const std::string page("A: b\r\n\r\n\0 <?xml?>", 17);
+  EXPECT_EQ(Received("f=1&out=html", Answer(page)), page);
+}
+
+TEST(Answer, MayBeLarge) {
+  std::string large(3'000'000, 'x');
+  for (std::size_t i = 0; i < large.size(); i += 7) large[i] = '\n';
+  EXPECT_EQ(Received("f=1", Answer(large)), large);
+}
+
+TEST(Attempts, AreFourAtMost) {
+  const std::vector<Step> failures = {Refuse(), Reset(), CloseSilently(),
+                                      Answer("Content-Length: 10\r\n\r\nshort"),
+                                      AnswerThenReset("half an ans")};
+  for (const Step& failure : failures) {
+    for (std::size_t count = 0; count <= 4; ++count) {
+      Backend backend;
+      backend.Times(count, failure).Then(Answer("whole"));
+      Outcome outcome = Ask(Request().With(backend), "f=1");
+      if (count < 4) {
+        EXPECT_EQ(outcome.error, "");
+        EXPECT_EQ(outcome.told["answer"], "whole");
+        EXPECT_EQ(backend.Attempts(), count + 1);
+      } else {
+        EXPECT_EQ(outcome.error_type, "tov_err::Error");
+        EXPECT_EQ(backend.Attempts(), 4U);
+      }
+      EXPECT_TRUE(outcome.leaked_descriptors.empty());
+    }
+  }
+}
+
+TEST(Attempts, FailWithTheErrorOfTheFourth) {
+  Backend backend;
+  backend.Then(Refuse()).Then(Reset()).Then(Refuse()).Then(CloseSilently());
+  EXPECT_EQ(Ask(Request().With(backend), "f=1").error,
+            "back end 'backend' closed the connection without an answer");
+  Backend other;
+  other.Times(3, CloseSilently()).Then(Refuse());
+  EXPECT_EQ(Ask(Request().With(other), "f=1").error,
+            "cannot connect to the back end at '" + other.RunDir() +
+                "/backend.sock': Connection refused");
+}
+
+TEST(Attempts, SendTheSameRequestEachTime) {
+  Backend backend;
+  backend.Times(3, CloseSilently()).Then(Answer("x"));
+  Ask(Request().Env("HTTP_A", "1").With(backend), "f=1");
+  ASSERT_EQ(backend.Requests().size(), 4U);
+  for (const support::Request& request : backend.Requests()) {
+    EXPECT_EQ(request.raw, backend.Requests()[0].raw);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,201 @@
+#include <gtest/gtest.h>
+#include <zancgi/zancgi.h>
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "support/child.h"
+
+namespace {
+
+using support::Child;
+using support::Outcome;
+using support::Told;
+using zan_cgi::Cgi;
+using Strings = std::vector<std::string>;
+
+Child Get(const std::string& query) {
+  return Child().Env("REQUEST_METHOD", "GET").Env("QUERY_STRING", query);
+}
+
+Cgi MakeCgi() { return {"/bin/front", "backend"}; }
+
+std::string Joined(const Strings& names) {
+  std::string text;
+  for (const std::string& name : names) text += name + ";";
+  return text;
+}
+
+TEST(Param, IsParsedOnDemandAndOnce) {
+  const Outcome outcome = Get("a=1").Run([](const Told& told) {
+    Cgi cgi = MakeCgi();
+    told("a", cgi.Param("a"));
+    ::setenv("QUERY_STRING", "a=2", 1);
+    told("again", cgi.Param("a"));
+  });
+  EXPECT_EQ(outcome.told.at("a"), "1");
+  EXPECT_EQ(outcome.told.at("again"), "1");
+  EXPECT_TRUE(outcome.Logged(4).empty());
+}
+
+TEST(Param, ThatIsMissingIsEmptyAndNotInserted) {
+  const Outcome outcome = Get("a=1").Run([](const Told& told) {
+    Cgi cgi = MakeCgi();
+    told("x", cgi.Param("x"));
+    Strings names;
+    cgi.GetParams(names);
+    told("names", Joined(names));
+  });
+  EXPECT_EQ(outcome.told.at("x"), "");
+  EXPECT_EQ(outcome.told.at("names"), "a;");
+}
+
+TEST(GetParams, ReplacesTheListInByteOrder) {
+  const Outcome outcome = Get("a=1&B=2").Run([](const Told& told) {
+    Strings names = {"old"};
+    MakeCgi().GetParams(names);
+    told("names", Joined(names));
+  });
+  EXPECT_EQ(outcome.told.at("names"), "B;a;");
+}
+
+TEST(GetFileSize, OfAGetIsZeroAndParses) {
+  const Outcome outcome = Get("a=1").Run([](const Told& told) {
+    told("size", std::to_string(MakeCgi().GetFileSize()));
+  });
+  EXPECT_EQ(outcome.told.at("size"), "0");
+  EXPECT_EQ(outcome.Logged(8).size(), 3U);
+}
+
+TEST(GetFileNames, ReplacesTheListAndParses) {
+  const Outcome outcome = Get("a=1").Run([](const Told& told) {
+    Strings names = {"old"};
+    MakeCgi().GetFileNames(names);
+    told("names", Joined(names));
+  });
+  EXPECT_EQ(outcome.told.at("names"), "");
+  EXPECT_EQ(outcome.Logged(8).size(), 3U);
+}
+
+TEST(CookieAndFile, NeverParse) {
+  const Outcome outcome =
+      Get("a=1").Env("HTTP_COOKIE", "c=2").Run([](const Told& told) {
+        Cgi cgi = MakeCgi();
+        told("cookie", cgi.Cookie("c"));
+        told("none", cgi.Cookie("a"));
+        told("file", cgi.File("a"));
+      });
+  EXPECT_EQ(outcome.told.at("cookie"), "2");
+  EXPECT_EQ(outcome.told.at("none"), "");
+  EXPECT_EQ(outcome.told.at("file"), "");
+  EXPECT_EQ(outcome.Logged(8),
+            Strings{"void zan_cgi::Cgi::Data::ParseCookies()"});
+}
+
+TEST(ParseQuery, ASecondTimeOnlyWarns) {
+  const Outcome outcome = Get("a=1").Run([](const Told& told) {
+    Cgi cgi = MakeCgi();
+    cgi.ParseQuery();
+    ::setenv("QUERY_STRING", "a=2", 1);
+    cgi.ParseQuery();
+    told("a", cgi.Param("a"));
+  });
+  EXPECT_EQ(outcome.told.at("a"), "1");
+  EXPECT_EQ(outcome.Logged(4), Strings{"CGI already parsed input"});
+}
+
+TEST(ParseQuery, RefusesOtherMethodsEachTime) {
+  for (const std::string method : {"HEAD", "get", "", "PUT", "POST"}) {
+    const Outcome outcome =
+        Get("a=1").Env("REQUEST_METHOD", method).Run([](const Told& told) {
+          Cgi cgi = MakeCgi();
+          Strings names;
+          const std::vector<std::function<void()>> parsing = {
+              [&] { cgi.Param("a"); },       [&] { cgi.Param("a"); },
+              [&] { cgi.GetParams(names); }, [&] { cgi.GetFileNames(names); },
+              [&] { cgi.GetFileSize(); },    [&] { cgi.ParseQuery(); }};
+          std::string errors;
+          for (const auto& parse : parsing) {
+            try {
+              parse();
+            } catch (const std::runtime_error& error) {
+              errors += std::string(error.what()) + ";";
+            }
+          }
+          told("errors", errors);
+        });
+    const std::string error = "bad request method '" + method + "';";
+    std::string errors;
+    for (int i = 0; i < 6; ++i) errors += error;
+    EXPECT_EQ(outcome.told.at("errors"), errors);
+  }
+}
+
+TEST(ParseQuery, RefusesAnUnsetMethod) {
+  const Outcome outcome =
+      Child().Run([](const Told&) { MakeCgi().ParseQuery(); });
+  EXPECT_EQ(outcome.error_type, "std::runtime_error");
+  EXPECT_EQ(outcome.error, "bad request method ''");
+}
+
+TEST(Addresses, AreTakenAsTheyStand) {
+  const auto addresses = [](const Child& child) {
+    return child
+        .Run([](const Told& told) {
+          const Cgi::Data request;
+          told("remote", request.remote_addr);
+          told("server", request.server_addr);
+        })
+        .told;
+  };
+  const Child plain =
+      Child().Env("REMOTE_ADDR", "10.0.0.1").Env("SERVER_ADDR", "10.0.0.2");
+  EXPECT_EQ(addresses(plain).at("remote"), "10.0.0.1");
+  EXPECT_EQ(addresses(plain).at("server"), "10.0.0.2");
+  EXPECT_EQ(addresses(Child(plain).Env("HTTP_X_FORWARDED_FOR", " a, b "))
+                .at("remote"),
+            " a, b ");
+  EXPECT_EQ(
+      addresses(Child(plain).Env("HTTP_X_FORWARDED_FOR", "")).at("remote"),
+      "10.0.0.1");
+  EXPECT_EQ(addresses(Child()).at("remote"), "");
+}
+
+TEST(Copies, ShareOneRecord) {
+  const Outcome outcome = Get("a=1").Run([](const Told& told) {
+    Cgi cgi = MakeCgi();
+    Cgi copy = cgi;
+    copy.ParseQuery();
+    ::setenv("QUERY_STRING", "a=2", 1);
+    told("a", cgi.Param("a"));
+  });
+  EXPECT_EQ(outcome.told.at("a"), "1");
+}
+
+TEST(Log, BelowTheLevelIsSilent) {
+  const Outcome outcome = Get("=5").LogLevel(3).Run([](const Told&) {
+    Cgi cgi = MakeCgi();
+    cgi.ParseQuery();
+    cgi.ParseQuery();
+  });
+  EXPECT_EQ(outcome.standard_error, "");
+}
+
+TEST(Record, StartsEmpty) {
+  const Outcome outcome = Child().Run([](const Told& told) {
+    const Cgi::Data request;
+    const bool empty =
+        request.tov_name.empty() && request.tmp_dir.empty() &&
+        request.cookies.empty() && request.params.empty() &&
+        request.files.empty() && !request.parsed && !request.authorized &&
+        request.auth_info.auth.empty() && request.auth_info.name.empty() &&
+        request.auth_info.lang_rest.empty() &&
+        request.auth_info.lang_word.empty() && request.auth_info.level == 0 &&
+        request.auth_info.method == Cgi::AuthInfo::AuthAny;
+    told("empty", empty ? "yes" : "no");
+  });
+  EXPECT_EQ(outcome.told.at("empty"), "yes");
+}
+
+}  // namespace
