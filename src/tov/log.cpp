@@ -226,21 +226,28 @@ std::int64_t MillisecondsNow() {
   return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
 }
 
-/// Waits until the reader has made room; its patience is used up only once per
-/// process, so that a dead reader cannot slow down every line.
-bool HasRoom(int descriptor) {
-  static std::atomic<int> patience{kPatience};
-  const std::int64_t end = MillisecondsNow() + patience;
+bool WaitForRoom(int descriptor, std::int64_t milliseconds) {
+  const std::int64_t end = MillisecondsNow() + milliseconds;
   for (;;) {
     const std::int64_t left =
         std::max<std::int64_t>(end - MillisecondsNow(), 0);
     pollfd room{descriptor, POLLOUT, 0};
     const int ready = ::poll(&room, 1, static_cast<int>(left));
     if (ready > 0) return (room.revents & POLLNVAL) == 0;
-    if (ready < 0 && errno == EINTR && left > 0) continue;
-    patience = 0;
-    return false;
+    if (ready == 0 || errno != EINTR || left == 0) return false;
   }
+}
+
+/// Waits until the reader has made room. Patience is for the whole process, so
+/// that a dead or slow reader cannot slow down every line.
+bool HasRoom(int descriptor) {
+  static std::atomic<std::int64_t> patience{kPatience};
+  if (WaitForRoom(descriptor, 0)) return true;
+  const std::int64_t begin = MillisecondsNow();
+  const bool room = WaitForRoom(descriptor, patience);
+  const std::int64_t waited = MillisecondsNow() - begin;
+  patience = std::max<std::int64_t>(patience - waited, 0);
+  return room;
 }
 
 void Deliver(const Target& target, std::string_view line) {

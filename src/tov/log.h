@@ -52,8 +52,8 @@ class TOV_API Module {
   /// gets the time (UTC) in front. Control characters, line ends included, are
   /// written as "\xNN", so that no message can forge another one. The line is
   /// handed to the system in one piece. Neither throws, nor raises SIGPIPE,
-  /// nor waits for a reader longer than one second, once per process: a line
-  /// that cannot be written is dropped.
+  /// nor waits for slow readers longer than one second in the whole process: a
+  /// line that cannot be written is dropped.
   void Write(Level level, const char* format, ...)
       __attribute__((format(printf, 3, 4)));
 

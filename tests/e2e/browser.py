@@ -94,8 +94,14 @@ class Browser:
         self._call("POST", f"/element/{found[ELEMENT]}/click", {})
 
     def visible_text(self):
-        """What a person can read on the page."""
-        return self._call("GET", self._find("body") + "/text")
+        """What a person can read on the page; nothing while it is changing."""
+        try:
+            return self._call("GET", self._find("body") + "/text")
+        except RuntimeError:
+            return ""
+
+    def run(self, script):
+        return self._call("POST", "/execute/sync", {"script": script, "args": []})
 
     def screenshot(self, name):
         folder = pathlib.Path(os.environ["SCREENSHOTS"])
