@@ -90,7 +90,8 @@ class Protocol::Wire {
                          line.find('\0') == std::string::npos;
     // The name only: a value may hold a session id, and this text gets shown.
     if (!allowed) throw tov_err::Value("environment variable", name);
-    AppendVariable(header_, name, std::string_view(line).substr(equals + 1));
+    const std::string_view text = line;
+    AppendVariable(header_, name, text.substr(equals + 1));
   }
 
   void SendRequest() {

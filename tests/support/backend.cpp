@@ -7,6 +7,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -127,10 +128,9 @@ std::string Request::operator[](const std::string& name) const {
 }
 
 bool Request::Has(const std::string& name) const {
-  for (const auto& [key, value] : variables) {
-    if (key == name) return true;
-  }
-  return false;
+  return std::any_of(
+      variables.begin(), variables.end(),
+      [&](const auto& variable) { return variable.first == name; });
 }
 
 Backend::Backend(std::string name)
