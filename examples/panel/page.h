@@ -51,20 +51,19 @@ inline void Send(const std::string& header, const std::string& body) {
   static_cast<void>(std::fwrite(answer.data(), 1, answer.size(), stdout));
 }
 
-/// @param status  the status, further header lines behind it if there are any
 inline void SendPage(const std::string& status, const std::string& title,
-                     const std::string& content,
-                     const std::string& navigation = "") {
+                     const std::string& content) {
   Send("Status: " + status + "\r\nContent-Type: text/html; charset=utf-8\r\n",
        "<!doctype html>\n<html lang=\"en\">\n<head>\n"
-       "<meta charset=\"utf-8\">\n<meta name=\"viewport\" "
-       "content=\"width=device-width, initial-scale=1\">\n<title>" +
+       "<meta charset=\"utf-8\">\n"
+       "<meta name=\"viewport\" content=\"width=device-width\">\n"
+       "<title>" +
            Escape(title) +
            " - Panel</title>\n"
            "<link rel=\"stylesheet\" href=\"/panel.css\">\n</head>\n<body>\n"
-           "<header><a class=\"brand\" href=\"/panel\">Panel</a>\n<nav>" +
-           navigation + "</nav></header>\n<main>\n<h1>" + Escape(title) +
-           "</h1>\n" + content + "</main>\n</body>\n</html>\n");
+           "<header><a class=\"brand\" href=\"/panel\">Panel</a></header>\n"
+           "<main>\n<h1>" +
+           Escape(title) + "</h1>\n" + content + "</main>\n</body>\n</html>\n");
 }
 
 /// Sends the browser to another page and has it store a cookie. SameSite keeps
