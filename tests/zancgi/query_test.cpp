@@ -1,8 +1,13 @@
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
 #include <tov/err.h>
+#include <unistd.h>
 #include <zancgi/zancgi.h>
 
+#include <filesystem>
 #include <map>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -23,6 +28,22 @@ using support::Reset;
 using support::Step;
 using support::Told;
 using zan_cgi::Cgi;
+
+/// What the functions at the end of this file do beside their work.
+bool marks_sockets = false;
+int sockets_of_the_test = 0;
+bool receives_without_memory = false;
+
+int OpenSockets() {
+  int count = 0;
+  for (const auto& entry :
+       std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    const auto target = std::filesystem::read_symlink(entry.path(), gone);
+    if (target.string().starts_with("socket:")) ++count;
+  }
+  return count;
+}
 
 Child Request() { return Child().Env("REQUEST_METHOD", "GET"); }
 
@@ -268,4 +289,50 @@ TEST(Attempts, SendTheSameRequestEachTime) {
   }
 }
 
+TEST(Attempts, BeginAfterTheLogLineAndTheEndOfTheConnectionBefore) {
+  Backend backend;
+  backend.Then(CloseSilently()).Then(Reset()).Then(Answer("x"));
+  const Outcome outcome = Request().With(backend).Run([](const Told&) {
+    Cgi cgi("/bin/front", "backend");
+    sockets_of_the_test = OpenSockets();
+    marks_sockets = true;
+    cgi.Query("f=1");
+  });
+  std::vector<std::string> effects;
+  for (const support::LogLine& line : outcome.log) {
+    if (line.level == 7 || line.level == -1) effects.push_back(line.text);
+  }
+  EXPECT_EQ(effects,
+            (std::vector<std::string>{"cgi.Query('f=1&out=xml') tov 'backend'",
+                                      "socket, 0 open", "socket, 0 open",
+                                      "socket, 0 open"}));
+}
+
+TEST(Attempts, AreNotRepeatedAfterAnErrorOfAnotherKind) {
+  Backend backend;
+  backend.Times(4, Answer("x"));
+  const Outcome outcome = Request().With(backend).Run([](const Told&) {
+    Cgi cgi("/bin/front", "backend");
+    receives_without_memory = true;
+    cgi.Query("f=1");
+  });
+  EXPECT_EQ(outcome.error_type, "std::bad_alloc");
+  EXPECT_EQ(backend.Attempts(), 1U);
+  EXPECT_TRUE(outcome.leaked_descriptors.empty());
+}
+
 }  // namespace
+
+extern "C" int socket(int domain, int type, int protocol) {
+  if (marks_sockets) {
+    support::Mark("socket, " +
+                  std::to_string(OpenSockets() - sockets_of_the_test) +
+                  " open");
+  }
+  return static_cast<int>(::syscall(SYS_socket, domain, type, protocol));
+}
+
+extern "C" ssize_t recv(int fd, void* buf, std::size_t n, int flags) {
+  if (receives_without_memory) throw std::bad_alloc();
+  return ::syscall(SYS_recvfrom, fd, buf, n, flags, nullptr, nullptr);
+}
