@@ -572,13 +572,14 @@ TEST_P(Move, ReportsATargetFolderThatMayNotBeChanged) {
 
 TEST_P(Move, KeepsASourceWhoseFolderMayNotBeChanged) {
   const std::string source = from_.MakeFile("source", "x");
-  Chmod(source, 0644);
+  if (support::IsRoot()) Chown(source, kNobody, kNobody);
   Chmod(from_.Path(), 0555);
   const std::string error =
       ErrorAsOrdinaryUser([&] { tov_file::Move(source, Target()); });
   Chmod(from_.Path(), 0755);
   EXPECT_TRUE(error.starts_with("tov_err::Error: ")) << error;
   EXPECT_EQ(ReadFile(source), "x");
+  EXPECT_EQ(to_.List(), Names{});
 }
 
 class MoveAcross : public Move {};

@@ -94,10 +94,13 @@ TEST(Xml, ReplacesTheDocumentByTheNextOne) {
 }
 
 TEST(Xml, IsEmptyAfterABadDocumentReplacedAGoodOne) {
-  Xml xml;
-  xml.LoadFromString(kAnswer);
-  xml.LoadFromString("<doc>");
-  EXPECT_FALSE(xml.GetNode("/node()"));
+  for (const std::string& bad :
+       {std::string("<doc>"), std::string(), std::string("<doc/>\0", 7)}) {
+    Xml xml;
+    xml.LoadFromString(kAnswer);
+    xml.LoadFromString(bad);
+    EXPECT_FALSE(xml.GetNode("/node()")) << bad;
+  }
 }
 
 TEST(Xml, TakesADocumentWithAllThatMayStandAroundIt) {
