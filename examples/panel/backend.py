@@ -80,7 +80,7 @@ def session_id(environ, items):
     """Reads cookies just as the front end does: the last of a name counts."""
     session = ""
     for piece in environ.get("HTTP_COOKIE", "").split(";"):
-        name, _, value = piece.strip().partition("=")
+        name, _, value = piece.strip(" \t\r\n\v\f").partition("=")
         if name == COOKIE:
             session = value
     return items.get("auth", session)
@@ -139,7 +139,7 @@ def session_list(database, environ, items):
     return session_own(database, environ, items) + "".join(
         element("session", user=row["user"], started=clock(row["started"]),
                 address=row["address"],
-                note="this one" if row["hash"] == own["hash"] else "")
+                note="this session" if row["hash"] == own["hash"] else "")
         for row in rows
     )
 

@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <sys/resource.h>
 #include <tov/err.h>
+#include <tov/log.h>
 #include <tov/str.h>
 #include <tov/xml.h>
 #include <zancgi/zancgi.h>
@@ -24,6 +25,8 @@ using Items = std::map<std::string, std::string>;
 constexpr char kBackend[] = "panel";
 constexpr char kCookie[] = "panelses5";
 
+tov_log::Module log("panel", "front");
+
 /// A request that goes wrong must not take the machine with it.
 void LimitResources() {
   constexpr rlim_t kSeconds = 10;
@@ -34,58 +37,54 @@ void LimitResources() {
   ::setrlimit(RLIMIT_AS, &memory);
 }
 
+/// The back end does not let this caller do this. Says it in the same words as
+/// the library.
+class Refusal : public std::runtime_error {
+ public:
+  Refusal() : std::runtime_error("You do not authorized for this operation") {}
+};
+
 /// The back end's answer to a query of the front end's own.
 class Answer {
  public:
+  /// @throws Refusal when the back end refuses access
+  /// @throws std::runtime_error when it has not done what it was asked for
   Answer(Cgi& cgi, const Items& query) {
     document_.LoadFromString(cgi.Query(query));
+    if (Has("/doc/error[@type='access']")) throw Refusal();
+    if (!Has("/doc") || Has("/doc/error")) {
+      throw std::runtime_error("bad answer from '" + std::string(kBackend) +
+                               "'");
+    }
   }
 
   bool Has(const std::string& xpath) const {
     return bool{document_.GetNode(xpath)};
   }
-  /// An attribute, ready for HTML.
+  std::string Text(const std::string& xpath, const char* attribute) const {
+    return document_.GetNode(xpath).GetProp(attribute);
+  }
   std::string Html(const std::string& xpath, const char* attribute) const {
-    return Escape(document_.GetNode(xpath).GetProp(attribute));
+    return Escape(Text(xpath, attribute));
   }
 
  private:
   tov_xml::Xml document_;
 };
 
-std::string Row(const std::string& name, const std::string& html) {
-  return "<dt>" + name + "</dt><dd>" + html + "</dd>\n";
-}
-
-void ShowSignIn(const std::string& status, const std::string& problem) {
-  std::string note;
-  if (!problem.empty()) {
-    note = R"(<p class="problem" role="alert">)" + Escape(problem) + "</p>\n";
-  }
-  SendPage(status, "Sign in",
-           "<form action=\"/panel\" class=\"card\">\n" + note +
-               R"(<input type="hidden" name="page" value="signin">
-<label for="user">Name</label>
-<input id="user" name="user" autocomplete="username" required autofocus>
-<label for="password">Password</label>
-<input id="password" name="password" type="password"
- autocomplete="current-password" required>
-<button>Sign in</button>
-</form>
-)");
-}
-
 void SignIn(Cgi& cgi) {
-  if (cgi.Param("user").empty()) return ShowSignIn("200 OK", "");
-  const Answer answer(cgi, {{"func", "session.new"},
-                            {"user", cgi.Param("user")},
-                            {"password", cgi.Param("password")}});
-  const std::string session = answer.Html("/doc/session", "id");
-  if (session.empty()) {
-    return ShowSignIn("403 Forbidden", "Name or password is wrong.");
+  const std::string user = cgi.Param("user");
+  if (user.empty()) return ShowSignIn("200 OK", "", "");
+  try {
+    const Answer answer(cgi, {{"func", "session.new"},
+                              {"user", user},
+                              {"password", cgi.Param("password")}});
+    // The redirect also takes the password out of the address bar.
+    SendRedirect("/panel", std::string(kCookie) + "=" +
+                               answer.Text("/doc/session", "id"));
+  } catch (const Refusal&) {
+    ShowSignIn("403 Forbidden", "Name or password is wrong.", user);
   }
-  // The redirect also takes the password out of the address bar.
-  SendRedirect("/panel", std::string(kCookie) + "=" + session);
 }
 
 std::string Navigation(Cgi& cgi, const Answer& answer) {
@@ -95,10 +94,13 @@ std::string Navigation(Cgi& cgi, const Answer& answer) {
       user.method == Cgi::AuthInfo::AuthParams
           ? "&amp;auth=" + Escape(str::url::Encode(user.auth))
           : "";
-  return "<nav><a href=\"/panel?page=whoami" + session +
-         "\">Who am I</a> <a href=\"/panel?page=sessions" + session +
-         "\">Sessions</a> <a href=\"/panel?page=signout&amp;token=" +
-         answer.Html("/doc/own", "token") + session + "\">Sign out</a></nav>\n";
+  const bool sessions = cgi.Param("page") == "sessions";
+  return "<nav>\n" + Link("page=whoami" + session, "Who am I", !sessions) +
+         Link("page=sessions" + session, "Sessions", sessions) +
+         Link("page=signout&amp;token=" + answer.Html("/doc/own", "token") +
+                  session,
+              "Sign out", false) +
+         "</nav>\n";
 }
 
 void ShowWhoAmI(Cgi& cgi) {
@@ -106,13 +108,14 @@ void ShowWhoAmI(Cgi& cgi) {
   const Cgi::AuthInfo& user = cgi.auth();
   const bool from_cookie = user.method == Cgi::AuthInfo::AuthCookie;
   SendPage("200 OK", "Who am I",
-           Navigation(cgi, answer) + "<dl class=\"card\">\n" +
+           "<dl class=\"card\">\n" +
                Row("Name", "<b id=\"name\">" + Escape(user.name) + "</b>") +
                Row("Level", str::Str(user.level)) +
                Row("Signed in", answer.Html("/doc/own", "started")) +
                Row("Session found in",
                    from_cookie ? "the cookie" : "the parameters") +
-               "</dl>\n");
+               "</dl>\n",
+           Navigation(cgi, answer));
 }
 
 void ShowSessions(Cgi& cgi) {
@@ -121,34 +124,31 @@ void ShowSessions(Cgi& cgi) {
   for (int number = 1;; ++number) {
     const std::string session = "/doc/session[" + str::Str(number) + "]";
     if (!answer.Has(session)) break;
-    rows += "<tr><td>" + answer.Html(session, "user") + "</td><td>" +
+    rows += "<tr><td>" + answer.Html(session, "user") + " <small>" +
+            answer.Html(session, "note") + "</small></td><td>" +
             answer.Html(session, "started") + "</td><td>" +
-            answer.Html(session, "address") + "</td><td>" +
-            answer.Html(session, "note") + "</td></tr>\n";
+            answer.Html(session, "address") + "</td></tr>\n";
   }
   SendPage("200 OK", "Sessions",
-           Navigation(cgi, answer) +
-               "<table class=\"card\"><thead><tr><th>Name</th><th>Signed in"
-               "</th><th>From</th><th></th></tr></thead>\n<tbody>\n" +
-               rows + "</tbody></table>\n");
+           "<div class=\"card\"><table>\n<thead><tr><th>Name</th>"
+           "<th>Signed in</th><th>From</th></tr></thead>\n<tbody>\n" +
+               rows + "</tbody>\n</table></div>\n",
+           Navigation(cgi, answer));
 }
 
 void SignOut(Cgi& cgi) {
   // The back end compares the token, so that no other site can sign a user out.
   const Answer answer(cgi,
                       {{"func", "session.end"}, {"token", cgi.Param("token")}});
-  if (!answer.Has("/doc/ok")) {
-    throw std::runtime_error("You do not authorized for this operation");
-  }
   SendRedirect("/panel?page=signin", std::string(kCookie) + "=; Max-Age=0");
 }
 
 void ShowPage(Cgi& cgi) {
   const std::string page = cgi.Param("page");
   if (page == "signin") return SignIn(cgi);
-  if (page.empty() && cgi.Cookie(kCookie).empty() &&
-      cgi.Param("auth").empty()) {
-    return ShowSignIn("200 OK", "");
+  if (cgi.Cookie(kCookie).empty() && cgi.Param("auth").empty()) {
+    if (page.empty()) return ShowSignIn("200 OK", "", "");
+    return ShowSignIn("403 Forbidden", "Please sign in first.", "");
   }
   cgi.Authorize(Cgi::AuthInfo::AuthAny);
   if (page.empty() || page == "whoami") return ShowWhoAmI(cgi);
@@ -158,26 +158,29 @@ void ShowPage(Cgi& cgi) {
            "<p class=\"card\">There is no page of this name.</p>\n");
 }
 
-void ShowError(const std::string& status, const char* help,
-               const std::exception& error) {
-  SendPage(status, status.substr(status.find(' ') + 1),
-           R"(<div class="card"><p class="problem" role="alert">)" +
-               Escape(error.what()) + "</p>\n<p>" + help + R"(</p>
-<p><a href="/panel?page=signin">Sign in</a></p></div>
-)");
+/// A text that names paths and the like is for the administrator, who finds it
+/// in the web server's error log.
+void ReportError(const std::string& status, const std::string& problem,
+                 const std::string& help, const std::exception& error) {
+  if (log.Check(tov_log::Error)) {
+    log.Write(tov_log::Error, "%s", error.what());
+  }
+  ShowError(status, problem, help);
 }
 
 /// The exceptions that the library throws under its fixed messages.
 void ShowRequestError(const std::exception& error) {
   const std::string message = error.what();
   if (message.starts_with("bad request method")) {
-    ShowError("405 Method Not Allowed", "This panel answers GET only.", error);
-  } else if (message == "You do not authorized for this operation") {
-    ShowError("403 Forbidden", "Your session has ended, or it lacks the right.",
-              error);
+    ShowError("405 Method Not Allowed", message,
+              "This panel answers GET only.");
+  } else if (message == Refusal().what()) {
+    ShowError("403 Forbidden", message,
+              "Your session has ended, or it lacks the right.");
   } else {
-    ShowError("502 Bad Gateway", "The service behind this panel is confused.",
-              error);
+    ShowError("502 Bad Gateway", message,
+              "The service behind this panel cannot make sense of this request,"
+              " or the panel of its answer.");
   }
 }
 
@@ -190,19 +193,20 @@ void ServeRequest(const char* program) {
     Cgi cgi(program, kBackend);
     ShowPage(cgi);
   } catch (const tov_err::Value& error) {
-    ShowError("401 Unauthorized", "Please sign in first.", error);
+    ReportError("400 Bad Request", "This request cannot be passed on.",
+                "It holds a value that is not allowed.", error);
   } catch (const tov_err::AssertError& error) {
-    ShowError("500 Internal Server Error", "The panel is set up wrongly.",
-              error);
+    ReportError("500 Internal Server Error", "The panel is set up wrongly.",
+                "Please tell its administrator.", error);
   } catch (const tov_err::Error& error) {
-    ShowError("502 Bad Gateway",
-              "The service behind this panel does not answer. Please try again "
-              "in a minute.",
-              error);
+    ReportError("502 Bad Gateway",
+                "The service behind this panel does not answer.",
+                "Please try again in a minute.", error);
   } catch (const std::runtime_error& error) {
     ShowRequestError(error);
   } catch (const std::exception& error) {
-    ShowError("500 Internal Server Error", "The panel has failed.", error);
+    ReportError("500 Internal Server Error", "The panel has failed.",
+                "Please tell its administrator.", error);
   }
 }
 

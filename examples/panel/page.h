@@ -40,6 +40,8 @@ inline std::string Escape(const std::string& text) {
 inline void Send(const std::string& header, const std::string& body) {
   const std::string answer =
       header +
+      // Owed to other methods, and true for this one.
+      "Allow: GET\r\n"
       "Cache-Control: no-store\r\n"
       "Referrer-Policy: no-referrer\r\n"
       "X-Content-Type-Options: nosniff\r\n"
@@ -52,18 +54,63 @@ inline void Send(const std::string& header, const std::string& body) {
 }
 
 inline void SendPage(const std::string& status, const std::string& title,
-                     const std::string& content) {
+                     const std::string& content,
+                     const std::string& navigation = "") {
   Send("Status: " + status + "\r\nContent-Type: text/html; charset=utf-8\r\n",
        "<!doctype html>\n<html lang=\"en\">\n<head>\n"
-       "<meta charset=\"utf-8\">\n"
-       "<meta name=\"viewport\" content=\"width=device-width\">\n"
-       "<title>" +
+       "<meta charset=\"utf-8\">\n<meta name=\"viewport\" "
+       "content=\"width=device-width, initial-scale=1\">\n<title>" +
            Escape(title) +
            " - Panel</title>\n"
            "<link rel=\"stylesheet\" href=\"/panel.css\">\n</head>\n<body>\n"
-           "<header><a class=\"brand\" href=\"/panel\">Panel</a></header>\n"
-           "<main>\n<h1>" +
-           Escape(title) + "</h1>\n" + content + "</main>\n</body>\n</html>\n");
+           "<header><a class=\"brand\" href=\"/panel\">Panel</a>\n" +
+           navigation + "</header>\n<main>\n<h1>" + Escape(title) + "</h1>\n" +
+           content + "</main>\n</body>\n</html>\n");
+}
+
+/// One line of a list of properties.
+inline std::string Row(const std::string& name, const std::string& html) {
+  return "<dt>" + name + "</dt><dd>" + html + "</dd>\n";
+}
+
+/// A link of the navigation.
+inline std::string Link(const std::string& query, const char* text,
+                        bool current) {
+  return "<a href=\"/panel?" + query + "\"" +
+         (current ? " aria-current=\"page\">" : ">") + text + "</a>\n";
+}
+
+/// The form goes by GET, password and all, because the library does not read
+/// POST bodies yet. Do not offer it to a network like that.
+inline void ShowSignIn(const std::string& status, const std::string& problem,
+                       const std::string& user) {
+  std::string note;
+  if (!problem.empty()) {
+    note = R"(<p class="problem" id="problem" role="alert">)" +
+           Escape(problem) + "</p>\n";
+  }
+  SendPage(status, "Sign in",
+           "<form action=\"/panel\" class=\"card\">\n" + note +
+               R"(<input type="hidden" name="page" value="signin">
+<label for="user">Name</label>
+<input id="user" name="user" autocomplete="username" required autofocus
+ aria-describedby="problem" value=")" +
+               Escape(user) + R"(">
+<label for="password">Password</label>
+<input id="password" name="password" type="password"
+ autocomplete="current-password" required>
+<button>Sign in</button>
+</form>
+)");
+}
+
+inline void ShowError(const std::string& status, const std::string& problem,
+                      const std::string& help) {
+  SendPage(status, status.substr(status.find(' ') + 1),
+           R"(<div class="card"><p class="problem" role="alert">)" +
+               Escape(problem) + "</p>\n<p>" + help + R"(</p>
+<p><a href="/panel?page=signin">Sign in</a></p></div>
+)");
 }
 
 /// Sends the browser to another page and has it store a cookie. SameSite keeps

@@ -11,6 +11,8 @@ import tempfile
 import urllib.error
 import urllib.request
 
+# Loopback is never reached through a proxy.
+DIRECTLY = urllib.request.build_opener(urllib.request.ProxyHandler({}))
 DRIVER = shutil.which("chromedriver")
 CHROMIUM = shutil.which("chromium")
 ELEMENT = "element-6066-11e4-a52e-4f735466cecf"
@@ -23,6 +25,7 @@ OPTIONS = [
     "--disable-background-networking",
     "--disable-component-update",
     "--disable-sync",
+    "--no-proxy-server",
     "--disable-dev-shm-usage",
     "--window-size=900,700",
 ]
@@ -68,7 +71,7 @@ class Browser:
             self.base + path, data, {"Content-Type": "application/json"}, method=method
         )
         try:
-            with urllib.request.urlopen(request, timeout=120) as answer:
+            with DIRECTLY.open(request, timeout=120) as answer:
                 return json.load(answer)["value"]
         except urllib.error.HTTPError as error:
             raise RuntimeError(error.read().decode()) from error
@@ -99,6 +102,33 @@ class Browser:
             return self._call("GET", self._find("body") + "/text")
         except RuntimeError:
             return ""
+
+    def label(self, selector):
+        """What a screen reader calls an element."""
+        return self._call("GET", self._find(selector) + "/computedlabel")
+
+    def press(self, keys):
+        """Into whatever has the keyboard's focus."""
+        actions = [
+            {"type": kind, "value": key} for key in keys for kind in ("keyDown", "keyUp")
+        ]
+        source = {"type": "key", "id": "keyboard", "actions": actions}
+        self._call("POST", "/actions", {"actions": [source]})
+
+    def cookie(self, name):
+        return self._call("GET", "/cookie/" + name)
+
+    def set_cookie(self, cookie):
+        self._call("POST", "/cookie", {"cookie": cookie})
+
+    def resize(self, width, height):
+        self._call("POST", "/window/rect", {"width": width, "height": height})
+
+    def prefer(self, scheme):
+        """As if the person had chosen "dark" or "light" for her desktop."""
+        media = {"features": [{"name": "prefers-color-scheme", "value": scheme}]}
+        call = {"cmd": "Emulation.setEmulatedMedia", "params": media}
+        self._call("POST", "/goog/cdp/execute", call)
 
     def run(self, script):
         return self._call("POST", "/execute/sync", {"script": script, "args": []})

@@ -1,17 +1,22 @@
 """A person visits the panel in a browser; asserted is what she sees."""
 
+import http.server
 import re
 import sys
+import threading
 import time
 import unittest
 
 from browser import CHROMIUM, DRIVER, Browser
 from panel_server import Panel
 
+TAB = "\ue004"
+ENTER = "\ue007"
+
 
 class BrowserTest(unittest.TestCase):
     def setUp(self):
-        self.panel = Panel(user="alice", level=7)
+        self.panel = Panel()
         self.addCleanup(self.panel.stop)
         self.browser = Browser()
         self.addCleanup(self.browser.close)
@@ -29,20 +34,25 @@ class BrowserTest(unittest.TestCase):
 
     def sign_in(self, password):
         self.browser.open(self.panel.url)
-        self.browser.type_into("#user", "alice")
+        self.browser.type_into("#user", self.panel.user)
         self.browser.type_into("#password", password)
         self.browser.screenshot("sign-in")
         self.browser.click("button")
 
-    def test_a_whole_visit(self):
+    def signed_in(self):
         self.sign_in(self.panel.password)
-        self.assert_sees("Who am I", r"Name\s+alice", r"Level\s+7")
+        self.assert_sees("Who am I", rf"Name\s+{self.panel.user}")
+
+    def test_a_whole_visit(self):
+        self.signed_in()
+        self.assert_sees(rf"Level\s+{self.panel.level}\n")
         self.assert_sees(r"Session found in\s+the cookie")
         self.browser.screenshot("who-am-i")
         self.assertEqual(self.browser.url(), self.panel.url)
+        cookie = self.browser.cookie("panelses5")
 
         self.browser.click_link("Sessions")
-        self.assert_sees(r"alice .* 127\.0\.0\.1 this one")
+        self.assert_sees(rf"{self.panel.user} this session .* 127\.0\.0\.1")
         self.browser.screenshot("sessions")
 
         self.browser.click_link("Sign out")
@@ -51,25 +61,96 @@ class BrowserTest(unittest.TestCase):
         self.assert_sees("Please sign in first.")
         self.browser.screenshot("signed-out")
 
+        self.browser.set_cookie(cookie)
+        self.browser.open(self.panel.url + "?page=whoami")
+        self.assert_sees("You do not authorized for this operation", "Your session has ended")
+        self.browser.screenshot("session-ended")
+        self.browser.click_link("Sign in")
+        self.assert_sees("Password")
+
     def test_a_wrong_password_is_explained_beside_the_form(self):
         self.sign_in(self.panel.password + "x")
         self.assert_sees("Name or password is wrong.", "Password")
         self.browser.screenshot("wrong-password")
+        # The name is still there, so the password alone is enough now.
+        self.browser.type_into("#password", self.panel.password)
+        self.browser.click("button")
+        self.assert_sees(rf"Name\s+{self.panel.user}")
+
+    def test_keyboard_and_labels_are_enough(self):
+        self.browser.open(self.panel.url)
+        self.assertEqual(self.browser.label("#user"), "Name")
+        self.assertEqual(self.browser.label("#password"), "Password")
+        self.browser.press(self.panel.user + TAB + self.panel.password + ENTER)
+        self.assert_sees(rf"Name\s+{self.panel.user}")
 
     def test_scripts_cannot_read_the_session(self):
-        self.sign_in(self.panel.password)
-        self.assert_sees("Who am I")
-        cookie = self.browser.run("return document.cookie")
-        self.assertNotIn("panelses5", cookie)
+        self.signed_in()
+        self.assertNotIn("panelses5", self.browser.run("return document.cookie"))
+        cookie = self.browser.cookie("panelses5")
+        self.assertTrue(cookie["httpOnly"])
+        self.assertEqual(cookie["sameSite"], "Strict")
+
+    def test_another_site_cannot_use_the_session(self):
+        self.signed_in()
+        with OtherSite(self.panel.url + "?page=whoami") as other_site:
+            self.browser.open(other_site.url)
+            self.browser.click_link("Look at this")
+            self.assert_sees("Please sign in first.")
+        self.browser.open(self.panel.url + "?page=whoami")
+        self.assert_sees(rf"Name\s+{self.panel.user}")
 
     def test_the_service_being_away_is_readable(self):
-        self.sign_in(self.panel.password)
-        self.assert_sees("Who am I")
-        hidden = self.panel.hide_back_end()
+        self.signed_in()
+        with self.panel.back_end_away():
+            self.browser.open(self.panel.url)
+            self.assert_sees("Bad Gateway", "Please try again in a minute.")
+            self.browser.screenshot("service-away")
+
+    def test_it_fits_a_telephone_at_night(self):
+        self.browser.resize(500, 900)
+        self.browser.prefer("dark")
         self.browser.open(self.panel.url)
-        self.assert_sees("Bad Gateway", "Please try again in a minute.")
-        self.browser.screenshot("service-away")
-        self.panel.show_back_end(hidden)
+        self.assertLess(self.brightness_of_the_page(), 100)
+        self.signed_in()
+        for page in ("Who am I", "Sessions"):
+            self.browser.click_link(page)
+            self.assert_sees(page, self.panel.user)
+            self.browser.screenshot("dark-" + page.replace(" ", "-").lower())
+            overhang = "return document.scrollingElement.scrollWidth - innerWidth"
+            self.assertLessEqual(self.browser.run(overhang), 0)
+
+    def brightness_of_the_page(self):
+        color = self.browser.run("return getComputedStyle(document.body).backgroundColor")
+        return max(int(part) for part in re.findall(r"\d+", color)[:3])
+
+
+class OtherSite:
+    """A page with a link, under a host name that is not the panel's."""
+
+    def __init__(self, link):
+        class Handler(http.server.BaseHTTPRequestHandler):
+            def do_GET(self):
+                self.send_response(200)
+                self.send_header("Content-Type", "text/html")
+                self.end_headers()
+                self.wfile.write(f'<a href="{link}">Look at this</a>'.encode())
+
+            def log_message(self, *_):
+                pass
+
+        self.server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+        self.url = f"http://localhost:{self.server.server_port}/"
+        self.thread = threading.Thread(target=self.server.serve_forever)
+
+    def __enter__(self):
+        self.thread.start()
+        return self
+
+    def __exit__(self, *_):
+        self.server.shutdown()
+        self.thread.join()
+        self.server.server_close()
 
 
 if __name__ == "__main__":

@@ -1,13 +1,17 @@
 """Runs the example panel for a test, and talks to it as a client would."""
 
+import contextlib
 import http.client
 import os
 import pathlib
 import secrets
 import shutil
 import signal
+import socket
+import sqlite3
 import subprocess
 import tempfile
+import threading
 import time
 import urllib.parse
 
@@ -26,15 +30,16 @@ class Answer:
 
 
 class Panel:
-    """The panel on a free port, with one user of a given level."""
+    """The panel on a free port, with one administrator of a random name."""
 
-    def __init__(self, user="alice", level=7):
-        self.user = user
+    def __init__(self, front=os.environ["FRONT"]):
+        self.user = "user-" + secrets.token_hex(4)
+        self.level = 10 + secrets.randbelow(1000)
         self.password = secrets.token_urlsafe(12)
         self.state = pathlib.Path(tempfile.mkdtemp(prefix="panel-"))
-        self.add_user(user, level, self.password)
+        self.add_user(self.user, self.level, self.password)
         self.server = subprocess.Popen(
-            [PANEL / "serve", os.environ["FRONT"], self.state],
+            [PANEL / "serve", front, self.state],
             stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE,
             text=True,
@@ -51,6 +56,9 @@ class Panel:
         self.server.stdout.close()
         shutil.rmtree(self.state)
 
+    def database(self):
+        return sqlite3.connect(self.state / "panel.db", isolation_level=None)
+
     def add_user(self, name, level, password):
         subprocess.run(
             ["/usr/bin/python3", "-B", PANEL / "backend.py", name, str(level)],
@@ -60,11 +68,11 @@ class Panel:
             check=True,
         )
 
-    def request(self, method="GET", headers=(), body=None, raw_query="", **items):
+    def request(self, method="GET", headers=(), body=None, path="/panel", **items):
         """One request; items become the query string."""
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=60)
-        query = raw_query or urllib.parse.urlencode(items)
-        connection.request(method, "/panel?" + query, body, dict(headers))
+        query = "?" + urllib.parse.urlencode(items) if items else ""
+        connection.request(method, path + query, body, dict(headers))
         try:
             return Answer(connection.getresponse())
         finally:
@@ -84,20 +92,93 @@ class Panel:
     def logs(self):
         return {path.name: path.read_text(errors="replace") for path in self.state.glob("*.log")}
 
+    def back_end_process(self):
+        return int((self.state / "backend.pid").read_text())
+
     def kill_back_end_workers(self):
         """The workers die as by a crash; the master starts new ones."""
-        master = int((self.state / "backend.pid").read_text())
+        master = self.back_end_process()
         children = pathlib.Path(f"/proc/{master}/task/{master}/children").read_text()
         for child in children.split():
             os.kill(int(child), signal.SIGKILL)
 
-    def hide_back_end(self):
-        """Nobody listens where the front end looks."""
-        socket = self.state / "run" / "panel.sock"
-        return socket.rename(socket.with_suffix(".hidden"))
+    def kill_back_end(self):
+        os.kill(self.back_end_process(), signal.SIGKILL)
 
-    def show_back_end(self, hidden):
-        hidden.rename(self.state / "run" / "panel.sock")
+    @property
+    def socket(self):
+        return self.state / "run" / "panel.sock"
+
+    @contextlib.contextmanager
+    def back_end_away(self):
+        """Nothing is where the front end looks for the back end."""
+        hidden = self.socket.rename(self.socket.with_suffix(".hidden"))
+        try:
+            yield
+        finally:
+            hidden.rename(self.socket)
+
+    @contextlib.contextmanager
+    def scripted_back_end(self, answer):
+        """In place of the back end: answer is called with each request and
+        yields the pieces of the reply. Gives the list of the requests."""
+        requests = []
+
+        def serve(listener):
+            with contextlib.suppress(OSError):
+                while True:
+                    connection, _ = listener.accept()
+                    with connection:
+                        requests.append(connection.recv(65536).decode())
+                        for piece in answer(requests[-1]):
+                            connection.sendall(piece)
+
+        with self.back_end_away(), socket.socket(socket.AF_UNIX) as listener:
+            listener.bind(str(self.socket))
+            listener.listen()
+            thread = threading.Thread(target=serve, args=[listener])
+            thread.start()
+            try:
+                yield requests
+            finally:
+                listener.shutdown(socket.SHUT_RDWR)
+                thread.join()
+
+    def start_back_end(self, *options):
+        """Another back end of the same kind, on the socket of the first."""
+        log = self.state / "second-backend.log"
+        with log.open("ab") as output:
+            process = subprocess.Popen(
+                ["uwsgi", "--ini", PANEL / "uwsgi.ini", *options],
+                env=dict(
+                    os.environ,
+                    PANEL_HOME=str(PANEL),
+                    PANEL_DB=str(self.state / "panel.db"),
+                    TOV_RUN_DIR=str(self.socket.parent),
+                ),
+                stdin=subprocess.DEVNULL,
+                stdout=output,
+                stderr=output,
+                start_new_session=True,
+            )
+        wait_for(self.back_end_accepts)
+        return process
+
+    def back_end_accepts(self):
+        with socket.socket(socket.AF_UNIX) as client:
+            return client.connect_ex(str(self.socket)) == 0
+
+
+def run_front(run_dir, front=os.environ["FRONT"], **environment):
+    """A front end as a web server would start it; its whole answer."""
+    return subprocess.run(
+        [front],
+        env={"TOV_RUN_DIR": str(run_dir), "REQUEST_METHOD": "GET", **environment},
+        capture_output=True,
+        text=True,
+        timeout=60,
+        check=True,
+    ).stdout
 
 
 def wait_for(condition, seconds=30):
@@ -106,3 +187,9 @@ def wait_for(condition, seconds=30):
         if time.monotonic() > end:
             raise TimeoutError
         time.sleep(0.1)
+
+
+def kill(process):
+    """A crash of a server that has been started in a session of its own."""
+    os.killpg(process.pid, signal.SIGKILL)
+    process.wait(30)

@@ -1,0 +1,189 @@
+"""The panel when something behind it fails, and what the logs then hold."""
+
+import contextlib
+import html
+import socket
+import time
+import unittest
+
+from panel_server import Panel, kill, wait_for
+
+WHOAMI = b'<?xml version="1.0"?><doc><user name="eve" level="3"/></doc>'
+
+
+class FailureTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.panel = Panel()
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.panel.stop()
+
+    def setUp(self):
+        self.session = self.panel.sign_in()
+
+    def whoami(self):
+        return self.panel.with_session(self.session, page="whoami")
+
+    def assert_no_answer(self, answer):
+        """The page tells the visitor what to do, and the log the reason."""
+        self.assertEqual(answer.status, 502, answer.body)
+        self.assertIn("The service behind this panel does not answer.", answer.body)
+        self.assertNotIn(str(self.panel.state), answer.body)
+
+    def answer_of(self, back_end, **items):
+        with self.panel.scripted_back_end(back_end) as requests:
+            answer = self.panel.with_session(self.session, **items)
+        return answer, requests
+
+    def test_back_end_that_is_away(self):
+        with self.panel.back_end_away():
+            self.assert_no_answer(self.whoami())
+        self.assertIn(
+            f"cannot connect to the back end at '{self.panel.socket}'",
+            self.panel.logs()["front.log"],
+        )
+        self.assertEqual(self.whoami().status, 200)
+
+    def test_back_end_that_is_killed_and_started_again(self):
+        with self.panel.back_end_away():
+            first = self.panel.start_back_end()
+            self.assertEqual(self.whoami().status, 200)
+            kill(first)
+            # The socket's file is still there, and nobody listens.
+            self.assertTrue(self.panel.socket.exists())
+            self.assert_no_answer(self.whoami())
+            second = self.panel.start_back_end()
+            self.assertEqual(self.whoami().status, 200)
+            kill(second)
+
+    def test_workers_that_crash_are_replaced(self):
+        self.panel.kill_back_end_workers()
+        wait_for(lambda: self.whoami().status == 200)
+
+    def test_connection_closed_without_an_answer_is_tried_four_times(self):
+        answer, requests = self.answer_of(lambda _: [])
+        self.assert_no_answer(answer)
+        self.assertEqual(len(requests), 4)
+
+    def test_half_an_answer_is_none(self):
+        head = b"Content-Length: %d\r\n\r\n" % (len(WHOAMI) + 1)
+        answer, _ = self.answer_of(lambda _: [head, WHOAMI])
+        self.assert_no_answer(answer)
+
+    def test_answer_that_is_not_xml(self):
+        answer, _ = self.answer_of(lambda _: [b"<b>no XML"])
+        self.assertEqual(answer.status, 502)
+        self.assertIn("bad answer from 'panel'", html.unescape(answer.body))
+
+    def test_later_query_that_fails_does_not_pass_for_an_empty_page(self):
+        for error, status in ((b"access", 403), (b"other", 502)):
+
+            def back_end(request, error=error):
+                yield WHOAMI if "func=whoami" in request else b'<doc><error type="%s"/></doc>' % error
+
+            for page in ("whoami", "sessions", "signout"):
+                answer, _ = self.answer_of(back_end, page=page)
+                self.assertEqual(answer.status, status, (page, answer.body))
+
+    def test_answer_without_an_end_stops_at_the_memory_limit(self):
+        def endless(_):
+            with contextlib.suppress(OSError):
+                while True:
+                    yield b"x" * 65536
+
+        answer, _ = self.answer_of(endless)
+        self.assertEqual(answer.status, 500)
+        self.assertIn("The panel has failed.", answer.body)
+
+
+class LogTest(unittest.TestCase):
+    """Passwords and session ids stay out of every log."""
+
+    def setUp(self):
+        self.panel = Panel()
+        self.addCleanup(self.panel.stop)
+
+    @contextlib.contextmanager
+    def slow_back_end(self, *options):
+        """One that waits for its database, like behind a long transaction."""
+        with self.panel.back_end_away():
+            process = self.panel.start_back_end(*options)
+            with contextlib.closing(self.panel.database()) as database:
+                database.execute("begin exclusive")
+                yield
+                database.execute("rollback")
+                time.sleep(1)
+            kill(process)
+
+    def sign_in_query(self):
+        return f"func=session.new&user={self.panel.user}&password={self.panel.password}&out=xml"
+
+    def assert_logged(self, log, text):
+        self.assertIn(text, self.panel.logs()[log])
+
+    def assert_not_logged(self, *secrets):
+        for name, text in self.panel.logs().items():
+            for secret in secrets:
+                self.assertNotIn(secret, text, name)
+
+    def test_of_ordinary_visits(self):
+        session = self.panel.sign_in()
+        self.panel.request(page="signin", user=self.panel.user, password="a wrong one")
+        self.panel.request(page="whoami", auth=session)
+        self.panel.request("POST", page="whoami", auth=session)
+        with self.panel.back_end_away():
+            self.panel.request(page="whoami", auth=session)
+        self.assert_logged("front.log", "cannot connect")
+        self.assert_not_logged(self.panel.password, session, "wrong")
+
+    def test_of_a_request_that_takes_too_long(self):
+        with self.slow_back_end("--harakiri", "1"):
+            answer = self.panel.request(
+                page="signin", user=self.panel.user, password=self.panel.password
+            )
+        self.assertEqual(answer.status, 502)
+        self.assert_logged("second-backend.log", "HARAKIRI ON WORKER")
+        self.assert_not_logged(self.panel.password)
+
+    def test_of_a_caller_that_does_not_wait(self):
+        variables = {
+            "CONTENT_LENGTH": "0",
+            "SCGI": "1",
+            "REQUEST_METHOD": "GET",
+            "REMOTE_ADDR": "127.0.0.1",
+            "REQUEST_URI": f"/panel?page=signin&password={self.panel.password}",
+            "QUERY_STRING": self.sign_in_query(),
+        }
+        header = "".join(f"{name}\0{value}\0" for name, value in variables.items())
+        with self.slow_back_end():
+            with socket.socket(socket.AF_UNIX) as caller:
+                caller.connect(str(self.panel.socket))
+                caller.sendall(f"{len(header)}:{header},".encode())
+                time.sleep(0.5)
+        self.assert_logged("second-backend.log", "write error")
+        self.assert_not_logged(self.panel.password)
+
+
+class ServeTest(unittest.TestCase):
+    def test_half_a_panel_is_none(self):
+        panel = Panel()
+        self.addCleanup(panel.stop)
+        panel.kill_back_end()
+        self.assertEqual(panel.server.wait(30), 1)
+        with self.assertRaises(ConnectionRefusedError):
+            panel.request()
+
+    def test_panels_side_by_side_do_not_mix(self):
+        panels = [Panel() for _ in range(3)]
+        for panel in panels:
+            self.addCleanup(panel.stop)
+        for panel in panels:
+            answer = panel.with_session(panel.sign_in(), page="sessions")
+            self.assertEqual(answer.body.count("<tr><td>"), 1)
+            self.assertIn(panel.user, answer.body)
+
+
+if __name__ == "__main__":
+    unittest.main()
