@@ -89,16 +89,19 @@ inline void ShowSignIn(const std::string& status, const std::string& problem,
     note = R"(<p class="problem" id="problem" role="alert">)" +
            Escape(problem) + "</p>\n";
   }
+  const std::string focus_name = user.empty() ? " autofocus" : "";
+  const std::string focus_password = user.empty() ? "" : " autofocus";
   SendPage(status, "Sign in",
            "<form action=\"/panel\" class=\"card\">\n" + note +
                R"(<input type="hidden" name="page" value="signin">
 <label for="user">Name</label>
-<input id="user" name="user" autocomplete="username" required autofocus
+<input id="user" name="user" autocomplete="username" required
  aria-describedby="problem" value=")" +
-               Escape(user) + R"(">
+               Escape(user) + "\"" + focus_name + R"(>
 <label for="password">Password</label>
 <input id="password" name="password" type="password"
- autocomplete="current-password" required>
+ autocomplete="current-password" required)" +
+               focus_password + R"(>
 <button>Sign in</button>
 </form>
 )");

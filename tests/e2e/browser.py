@@ -8,6 +8,7 @@ import re
 import shutil
 import subprocess
 import tempfile
+import time
 import urllib.error
 import urllib.request
 
@@ -63,7 +64,13 @@ class Browser:
         self.driver.terminate()
         self.driver.wait(30)
         self.driver.stdout.close()
-        shutil.rmtree(self.profile, ignore_errors=True)
+        # The browser's last processes may still be writing.
+        for _ in range(100):
+            shutil.rmtree(self.profile, ignore_errors=True)
+            if not os.path.exists(self.profile):
+                return
+            time.sleep(0.1)
+        raise RuntimeError("the browser does not leave its profile")
 
     def _call(self, method, path, content=None):
         data = None if content is None else json.dumps(content).encode()

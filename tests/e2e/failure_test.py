@@ -2,13 +2,31 @@
 
 import contextlib
 import html
+import os
+import pathlib
 import socket
+import subprocess
+import tempfile
 import time
 import unittest
 
-from panel_server import Panel, kill, wait_for
+from panel_server import PANEL, Panel, kill, wait_for
 
 WHOAMI = b'<?xml version="1.0"?><doc><user name="eve" level="3"/></doc>'
+
+# Ends at the third signal.
+DEAF_BACK_END = """#!/usr/bin/python3
+import os, signal, socket
+state = os.environ["PANEL_STATE"]
+signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGTERM])
+listener = socket.socket(socket.AF_UNIX)
+listener.bind(os.environ["TOV_RUN_DIR"] + "/panel.sock")
+listener.listen()
+for _ in range(3):
+    number = signal.sigwait([signal.SIGTERM])
+    with open(state + "/signals", "a") as log:
+        log.write(str(int(number)))
+"""
 
 
 class FailureTest(unittest.TestCase):
@@ -174,6 +192,22 @@ class ServeTest(unittest.TestCase):
         self.assertEqual(panel.server.wait(30), 1)
         with self.assertRaises(ConnectionRefusedError):
             panel.request()
+
+    def test_a_back_end_that_loses_a_signal_is_told_again(self):
+        with tempfile.TemporaryDirectory(prefix="serve-") as folder:
+            state = pathlib.Path(folder)
+            fake = state / "uwsgi"
+            fake.write_text(DEAF_BACK_END)
+            fake.chmod(0o700)
+            with subprocess.Popen(
+                [PANEL / "serve", os.environ["FRONT"], state],
+                env=dict(os.environ, PATH=f"{state}:{os.environ['PATH']}"),
+                stdout=subprocess.PIPE,
+            ) as server:
+                self.assertTrue(server.stdout.readline())
+                server.terminate()
+                self.assertEqual(server.wait(30), 0)
+            self.assertEqual((state / "signals").read_text(), "15" * 3)
 
     def test_panels_side_by_side_do_not_mix(self):
         panels = [Panel() for _ in range(3)]
