@@ -89,9 +89,51 @@ class ZANCGI_API Cgi {
   void GetFileNames(std::vector<std::string>& names) const;
 
   /// Parses the request's input, once; a further call only writes a warning.
+  ///
+  /// A GET is its query string. A POST is its body, a multipart form
+  /// (RFC 7578) or, without a boundary, a query string; the uploads in it are
+  /// written to the temporary directory as they come. A POST whose declared
+  /// length is 0 stays unparsed, and the next access tries again.
   /// @throws std::runtime_error "bad request method '...'" unless
-  ///   `REQUEST_METHOD` is GET; the input then stays unparsed
+  ///   `REQUEST_METHOD` is GET or POST; the input then stays unparsed. Of a
+  ///   POST: what Data::ParseInput() throws
   void ParseQuery();
+
+  /// Reads a piece of the request's body from standard input, for front ends
+  /// that take the body as it is instead of having it parsed.
+  ///
+  /// Waits up to 30 seconds for input.
+  /// @param buffer  where the bytes go; the caller's
+  /// @param length  how many bytes to read at most
+  /// @returns the number of bytes read; 0 when there was nothing, but a further
+  ///   call may bring something (a signal came, or the descriptor is at its
+  ///   end without a hang-up); -1 when the writer has gone or reading failed
+  /// @throws std::runtime_error "timeout" when nothing came in time, after which
+  ///   standard input is closed; "polling error: ..." or "invalid polling
+  ///   request" when it cannot be waited for
+  long Read(char* buffer, long length);
+
+  /// Sets the directory in which uploads are spooled and makes it if it is
+  /// missing. To be called before the input is parsed.
+  ///
+  /// Others must not be able to rename files in it: it belongs to this program
+  /// alone, or is sticky (mode 1777) as /tmp is.
+  /// @param dir  the directory; when empty, the value of `TMP`, and failing
+  ///   that "tmp" below the current directory. The parents must exist.
+  /// @throws std::runtime_error "temp dir '...' is not a directory"
+  /// @throws tov_err::Error when it cannot be made. The name is kept in either
+  ///   case.
+  void SetTmpDir(const std::string& dir);
+
+  /// Refuses a POST body that is longer than the front end accepts, by the
+  /// length that it declares. To be called before the input is parsed; without
+  /// it there is no limit.
+  /// @param maxLength  the largest accepted length, in bytes. The declared
+  ///   length is taken as at most 2147483647, so a limit from there on refuses
+  ///   nothing.
+  /// @throws std::runtime_error "Post data too large. Max allowed length is
+  ///   ...KB", in whole units of 1024 bytes
+  void CheckContentLength(long maxLength);
 
   /// Sends a query to the back-end service and returns its whole answer.
   ///
@@ -167,6 +209,36 @@ class ZANCGI_API Cgi::Data {
 
   /// Fills #params from a query string, once per record.
   void ParseQueryString(std::string query);
+
+  /// Fills #params and #files from the body of a POST (RFC 7578), once per
+  /// record.
+  ///
+  /// Field values end at 262144 bytes a line; their line ends become LF, and
+  /// the values of a repeated field are joined by LF. Uploads with one client
+  /// file name share one entry, of which the last counts. Without a boundary
+  /// the body is a query string. Memory stays bounded, whatever the size of the
+  /// uploads.
+  /// @throws std::runtime_error "error writing temporary file", after the body
+  ///   has been read, when an upload could not be stored; "Error reading STDIN"
+  ///   and "POST read failed: CONTENT_LENGTH=..., bytes read:..." when the body
+  ///   ends early; "Element value size must be less than 262144" and "On
+  ///   getting element value element name is empty" for what the form may not
+  ///   hold; what Read() and FreeSpaceSize() throw
+  void ParseInput();
+
+  /// Cgi::Read().
+  long Read(char* buffer, long length);
+
+  /// Chooses the default when #tmp_dir is empty, and makes the directory if it
+  /// is missing.
+  /// @throws std::runtime_error "temp dir '...' is not a directory"
+  /// @throws tov_err::Error when it cannot be made
+  void CheckTmpDir();
+
+  /// Returns how many bytes are free in the file system that holds @p path,
+  /// those reserved for the superuser included.
+  /// @throws std::runtime_error "Cannot run statfs on ..."
+  std::uint64_t FreeSpaceSize(const std::string& path);
 
   /// Fills #cookies from `HTTP_COOKIE`.
   void ParseCookies();
