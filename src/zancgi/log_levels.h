@@ -9,6 +9,7 @@ namespace zan_cgi {
 
 /// By number: their names belong to the base library.
 /// @{
+constexpr auto kError = static_cast<tov_log::Level>(3);
 constexpr auto kWarning = static_cast<tov_log::Level>(4);
 constexpr auto kQuery = static_cast<tov_log::Level>(7);
 constexpr auto kTrace = static_cast<tov_log::Level>(8);

@@ -5,16 +5,32 @@
 #include <tov/err.h>
 #include <tov/file.h>
 #include <tov/log.h>
+#include <tov/proc.h>
 #include <tov/str.h>
 #include <tov/xml.h>
 
+#include <algorithm>
+#include <cstdlib>
+#include <istream>
+#include <new>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 
+#include "boundary_search.h"
+#include "disposition.h"
 #include "item_walk.h"
+#include "line_assembly.h"
 #include "log_levels.h"
+#include "separator_scan.h"
+#include "upload_file.h"
 
 namespace zan_cgi {
+
+/// std::cin under its linker name. <iostream> would set up all standard streams
+/// at every start, which costs each request more than its query string does.
+extern ZANCGI_API std::istream standard_input __asm__("_ZSt3cin");
+
 namespace {
 
 using StringMap = std::map<std::string, std::string>;
@@ -23,6 +39,9 @@ tov_log::Module log("zancgi", "core");
 
 constexpr int kAttempts = 4;
 constexpr unsigned long kAnswerPiece = 1024;
+constexpr std::uint64_t kLargestChunk = 65536;
+constexpr int kLongestLine = 262144;
+constexpr unsigned kPause = 100;
 
 /// The base name of this file, for log lines that tell where they come from.
 std::string SourceName() { return tov_file::SplitPath(__FILE__).second; }
@@ -171,6 +190,496 @@ void TakeLanguage(std::string cookie, Cgi::AuthInfo& session) {
   session.lang_rest = cookie;
 }
 
+const std::istream& StandardInput() {
+  static const std::ios_base::Init streams;
+  return standard_input;
+}
+
+const char* TrueOrFalse(bool value) { return value ? "true" : "false"; }
+
+/// The boundary as it stands in the body: "--" and the value that the content
+/// type gives, quotes included. The media type itself does not matter.
+std::string AnnouncedBoundary() {
+  std::string type = tov_env::GetEnv("CONTENT_TYPE");
+  str::GetWord(type, "boundary=");
+  std::string boundary = "--" + str::GetWord(type, ';');
+  if (log.Check(kDebug)) {
+    log.Write(kDebug, "%s:%d POST boundary detected: %s", SourceName().c_str(),
+              __LINE__, TrueOrFalse(boundary.size() > 2));
+  }
+  return boundary;
+}
+
+/// Zeroed memory for reading into. What a small body does not touch costs
+/// nothing.
+class ZeroedBuffer {
+ public:
+  explicit ZeroedBuffer(std::size_t size)
+      : data_(static_cast<char*>(std::calloc(size, 1))) {
+    if (data_ == nullptr) throw std::bad_alloc();
+  }
+  ~ZeroedBuffer() { std::free(data_); }
+  ZeroedBuffer(const ZeroedBuffer&) = delete;
+  ZeroedBuffer& operator=(const ZeroedBuffer&) = delete;
+
+  char* data() const { return data_; }
+
+ private:
+  char* data_;
+};
+
+/// Reads the body of one POST and fills the request record with it.
+///
+/// A pass over the chunks of the body with four states. Each state is a method
+/// that takes what it can from the current chunk. What comes out is our promise
+/// to the byte, also where it is odd: front ends and stored forms rely on it.
+/// Two oddities make a parse go on for ever, and both stay:
+/// - A read of no bytes in mid-body leaves an empty chunk but keeps the
+/// position,
+///   and only a position at the chunk's end has the next one read.
+/// - A first boundary in the last two bytes of a chunk sets the position beyond
+///   its end.
+/// A front end bounds both by a limit of its processor time and memory.
+class BodyParser {
+ public:
+  /// @param length    the declared length of the body, not 0
+  /// @param boundary  "--" and its value
+  BodyParser(Cgi::Data& request, std::int64_t length,
+             const std::string& boundary)
+      : request_(request),
+        length_(length),
+        capacity_(std::min(static_cast<std::uint64_t>(length), kLargestChunk)),
+        boundary_(boundary),
+        closing_boundary_(boundary + "--"),
+        // Room for the look-ahead and for what a carry copies from behind the
+        // chunk's end.
+        chunk_(capacity_ + boundary.size() + 4),
+        separator_("\r\n" + boundary),
+        carry_(separator_.size() + 1, '\0') {}
+
+  void Parse() {
+    try {
+      Prepare();
+    } catch (...) {
+      AfterFailedPreparation();
+      throw;
+    }
+    // An error in here leaves the rest of the body unread and the record
+    // unparsed; the upload's file is closed, and the record removes it.
+    do {
+      Pass();
+    } while (StandardInput().good() && HasMore());
+    Finish();
+  }
+
+ private:
+  enum class State { kSeekBoundary, kPartHeaders, kFieldValue, kFileData };
+  enum class AfterHeaders { kNone, kFieldValue, kFileData };
+
+  void Prepare() {
+    std::string& directory = request_.tmp_dir;
+    if (directory.empty()) {
+      directory = tov_env::GetEnv("TMP");
+      if (directory.empty()) directory = "/tmp";
+      if (log.Check(kDebug)) {
+        log.Write(kDebug, "%s:%d temp dir is empty, new temp dir '%s'",
+                  SourceName().c_str(), __LINE__, directory.c_str());
+      }
+    }
+    CheckFreeSpace();
+    // Cannot happen as long as two dashes stand in front. Kept, as a guard.
+    if (boundary_.empty()) {
+      throw std::runtime_error("Boundary definition not found");
+    }
+  }
+
+  /// Too little space is no error yet: a form without files needs none.
+  void CheckFreeSpace() {
+    const auto needed = static_cast<std::uint64_t>(length_);
+    const std::uint64_t free = request_.FreeSpaceSize(request_.tmp_dir);
+    if (log.Check(kDebug)) {
+      log.Write(kDebug, "%s:%d query size '%llu', free space in tmpdir '%llu'",
+                SourceName().c_str(), __LINE__,
+                static_cast<unsigned long long>(needed),
+                static_cast<unsigned long long>(free));
+    }
+    if (needed <= free) return;
+    is_short_of_space_ = true;
+    if (log.Check(kWarning)) {
+      // "enoght" stays as it is: administrators search for this text.
+      log.Write(kWarning,
+                "There is not enoght free space on '%s' to process a query",
+                request_.tmp_dir.c_str());
+    }
+  }
+
+  /// The web server must see its body taken before the request fails.
+  void AfterFailedPreparation() {
+    if (log.Check(kDebug)) {
+      log.Write(kDebug,
+                "%s:%d Reading query before processing thrown exception",
+                SourceName().c_str(), __LINE__);
+    }
+    const std::int64_t count = Drain();
+    if (log.Check(kDebug)) {
+      log.Write(kDebug, "%s:%d query bytes read on throw '%d' of '%d'",
+                SourceName().c_str(), __LINE__, static_cast<int>(count),
+                static_cast<int>(length_));
+    }
+    request_.parsed = true;
+  }
+
+  std::int64_t Drain() {
+    std::int64_t count = 0;
+    while (count < length_ && StandardInput().good()) count += ReadAfter(count);
+    return count;
+  }
+
+  /// Reads the next chunk of a body of which so many bytes have been read.
+  std::int64_t ReadAfter(std::int64_t total) {
+    const long wanted =
+        std::min(length_ - total, static_cast<std::int64_t>(capacity_));
+    // Nothing left to read is nothing read; a wait for it would not end well.
+    const long count = wanted == 0 ? 0 : request_.Read(chunk_.data(), wanted);
+    if (count < 0) throw std::runtime_error("Error reading STDIN");
+    if (count == 0) tov_proc::Sleep(kPause);
+    return count;
+  }
+
+  bool HasMore() const {
+    return position_ < size_ || static_cast<std::uint64_t>(total_) <
+                                    static_cast<std::uint64_t>(length_);
+  }
+
+  void Pass() {
+    // Once an upload has failed, the rest of each chunk is dropped.
+    if ((position_ == size_ || has_upload_failed_) && !ReadChunk()) return;
+    switch (state_) {
+      case State::kSeekBoundary:
+        return SeekBoundary();
+      case State::kPartHeaders:
+        if (CompleteLine()) TakeHeader();
+        return;
+      case State::kFieldValue:
+        if (CompleteLine()) TakeValueLine();
+        return;
+      case State::kFileData:
+        return TakeFileData();
+    }
+  }
+
+  bool ReadChunk() {
+    size_ = static_cast<std::size_t>(ReadAfter(total_));
+    // The position stays where it is, beyond the empty chunk: kept for
+    // compatibility, although nothing is ever read again then.
+    if (size_ == 0) return false;
+    total_ += static_cast<std::int64_t>(size_);
+    position_ = std::exchange(skip_, 0);
+    return true;
+  }
+
+  bool CompleteLine() {
+    if (ExtendLine(chunk_.data(), size_, position_, line_)) return true;
+    // Memory is bounded even when a line never ends.
+    if (state_ == State::kFieldValue) CheckValueLine();
+    return false;
+  }
+
+  void GoToChunkEnd() { position_ = std::max(position_, size_); }
+
+  void SeekBoundary() {
+    if (IsBoundaryAnnounced()) {
+      line_.clear();
+      const std::size_t end =
+          FindBoundaryEnd(boundary_, chunk_.data(), size_, position_);
+      if (end != std::string::npos) {
+        // Over the CR LF, unseen. In the last two bytes of a chunk this goes
+        // beyond its end; no skip is carried over here.
+        position_ = end + 2;
+        has_seen_boundary_ = true;
+        state_ = State::kPartHeaders;
+        return;
+      }
+    }
+    GoToChunkEnd();
+    if (!has_seen_boundary_) KeepRawChunk();
+  }
+
+  bool IsBoundaryAnnounced() const { return boundary_.size() > 2; }
+
+  /// As long as no boundary comes, the body may be a query string.
+  void KeepRawChunk() {
+    if (log.Check(kDebug)) {
+      log.Write(kDebug, "%s:%d appending %d chars to buff",
+                SourceName().c_str(), __LINE__, static_cast<int>(size_));
+    }
+    raw_body_.append(chunk_.data(), size_);
+  }
+
+  void TakeHeader() {
+    constexpr std::string_view kDisposition = "Content-Disposition: ";
+    if (line_.empty()) {
+      EnterAfterHeaders();
+    } else if (line_.starts_with(kDisposition)) {
+      TakeDisposition(line_.substr(kDisposition.size()));
+    }
+    // Other headers, the part's content type too, have no effect.
+    line_.clear();
+  }
+
+  void EnterAfterHeaders() {
+    switch (after_headers_) {
+      case AfterHeaders::kNone:
+        state_ = State::kSeekBoundary;
+        return;
+      case AfterHeaders::kFieldValue:
+        state_ = State::kFieldValue;
+        return;
+      case AfterHeaders::kFileData:
+        state_ = State::kFileData;
+        return;
+    }
+  }
+
+  void TakeDisposition(const std::string& value) {
+    Disposition disposition(value);
+    const std::string type = disposition.Next();
+    if (type != "form-data") {
+      if (log.Check(kDebug)) {
+        log.Write(kDebug,
+                  "%s:%d Ignoring unknown type of Content-Disposition: %s",
+                  SourceName().c_str(), __LINE__, type.c_str());
+      }
+      state_ = State::kSeekBoundary;
+      return;
+    }
+    after_headers_ = AfterHeaders::kNone;
+    // In the order sent: a file name before the name is overruled by it, and
+    // the part is then a field that holds the file's content.
+    for (;;) {
+      const std::string attribute = disposition.Next();
+      if (attribute.empty()) break;
+      TakeAttribute(attribute);
+    }
+    if (after_headers_ == AfterHeaders::kFileData) AnnounceFile();
+  }
+
+  /// Names that a part does not give are left from the part before.
+  void TakeAttribute(const std::string& attribute) {
+    if (attribute.starts_with("name")) {
+      element_name_ = QuotedValue(attribute);
+      if (element_name_.empty()) {
+        if (log.Check(kDebug)) {
+          log.Write(kDebug, "%s:%d Element with empty name found. Ignoring.",
+                    SourceName().c_str(), __LINE__);
+        }
+      } else {
+        after_headers_ = element_name_ == "filename"
+                             ? AfterHeaders::kFileData
+                             : AfterHeaders::kFieldValue;
+      }
+    } else if (attribute.starts_with("filename")) {
+      file_name_ = QuotedValue(attribute);
+      after_headers_ = AfterHeaders::kFileData;
+    }
+  }
+
+  void AnnounceFile() {
+    // Before the names are looked at: a file input left empty fails too.
+    if (is_short_of_space_) has_upload_failed_ = true;
+    if (file_name_.empty() || element_name_.empty()) {
+      if (log.Check(kDebug)) {
+        log.Write(kDebug,
+                  "%s:%d Filename not found in Content-Disposition. Ignoring "
+                  "this part",
+                  SourceName().c_str(), __LINE__);
+      }
+      after_headers_ = AfterHeaders::kNone;
+    } else {
+      request_.params[element_name_] = file_name_;
+    }
+  }
+
+  void CheckValueLine() const {
+    if (element_name_.empty()) {
+      throw std::runtime_error(
+          "On getting element value element name is empty");
+    }
+    if (line_.size() > std::size_t{kLongestLine}) {
+      throw std::runtime_error("Element value size must be less than " +
+                               str::Str(kLongestLine));
+    }
+  }
+
+  void TakeValueLine() {
+    CheckValueLine();
+    if (line_.starts_with(boundary_) || line_.starts_with(closing_boundary_)) {
+      state_ = State::kPartHeaders;
+    } else {
+      const auto [entry, inserted] =
+          request_.params.try_emplace(element_name_, line_);
+      // In place, so that a value of many lines takes linear time.
+      if (!inserted) entry->second.append("\n").append(line_);
+    }
+    line_.clear();
+  }
+
+  void TakeFileData() {
+    if (!file_.IsOpen() && !has_upload_failed_) CreateFile();
+    const char* const begin = chunk_.data() + std::min(position_, size_);
+    const SeparatorScan::Result found =
+        separator_.Scan(begin, chunk_.data() + size_);
+    // What earlier chunks ended in was data after all.
+    if (found.match_is_broken && carried_ > 0) WriteCarry();
+    const auto scanned = static_cast<std::size_t>(found.end - begin);
+    const std::size_t count = scanned - (separator_.matched() - carried_);
+    WriteFileData(begin, count);
+    if (found.is_complete) {
+      EndFile(static_cast<std::size_t>(found.end - chunk_.data()));
+    } else {
+      CarryMatch(count);
+      GoToChunkEnd();
+    }
+  }
+
+  void CreateFile() {
+    const std::string name =
+        tov_file::Tmp(tov_file::ConcatPath(request_.tmp_dir, "zantemp")).Name();
+    ReplacePath(request_.files[file_name_].path, name);
+    if (log.Check(kTrace)) {
+      log.Write(kTrace, "%s Creating new file %s", "ParseInput", name.c_str());
+    }
+    // A file that cannot be opened shows at the first write.
+    file_.Open(name);
+    tov_file::Attrs(0700).SafeSet(name, false);
+    file_size_ = 0;
+  }
+
+  /// Of two uploads with one client file name the later counts, and nothing
+  /// would name the earlier one's file any more. The entry's size stays the
+  /// earlier one's until the new upload is complete.
+  static void ReplacePath(std::string& path, const std::string& name) {
+    try {
+      if (!path.empty()) tov_file::RemoveFile(path);
+    } catch (const std::exception&) {
+      // The request can do without it: its age will have it removed.
+    }
+    path = name;
+  }
+
+  void WriteCarry() {
+    WriteFileData(carry_.data(), carried_);
+    carried_ = 0;
+  }
+
+  void WriteFileData(const char* data, std::size_t count) {
+    file_size_ += static_cast<std::int64_t>(count);
+    if (has_upload_failed_) return;
+    file_.Write(data, count);
+    if (!file_.IsBad()) return;
+    file_.Close();
+    tov_file::RemoveFile(request_.files[file_name_].path);
+    has_upload_failed_ = true;
+  }
+
+  /// Keeps the beginning of a separator that the chunk ends in: if it does not
+  /// go on in the next chunk, it is data.
+  ///
+  /// It is taken from where it would be if the scan had begun with the chunk,
+  /// and with the separator. Behind the headers in one chunk, and for a
+  /// separator that spans three, that is the wrong place, and if the match
+  /// breaks, those wrong bytes are written: kept for compatibility.
+  void CarryMatch(std::size_t count) {
+    for (; carried_ < separator_.matched(); ++carried_) {
+      carry_[carried_] = chunk_.data()[count + carried_];
+    }
+  }
+
+  /// @param end  the place behind the separator
+  void EndFile(std::size_t end) {
+    separator_.Restart();
+    carried_ = 0;
+    // Over CR LF or the "--" of the last boundary, unseen.
+    position_ = end + 2;
+    if (position_ > size_) {
+      skip_ = position_ - size_;
+      position_ = size_;
+    }
+    state_ = State::kPartHeaders;
+    if (file_.IsOpen()) StoreFile();
+  }
+
+  void StoreFile() {
+    file_.Close();
+    request_.files[file_name_].size = file_size_;
+  }
+
+  void Finish() {
+    if (!has_seen_boundary_) TakeRawBody();
+    if (file_.IsOpen()) StoreFile();
+    request_.parsed = true;
+    if (has_upload_failed_) {
+      throw std::runtime_error("error writing temporary file");
+    }
+    if (length_ > total_) {
+      throw std::runtime_error(
+          "POST read failed: CONTENT_LENGTH=" + str::Str(length_) +
+          ", bytes read:" + str::Str(total_));
+    }
+    if (log.Check(kDebug)) {
+      log.Write(kDebug,
+                "%s:%d End of stdin parsing, stdin state EOF %s, GOOD %s, read "
+                "%u of %u chars",
+                SourceName().c_str(), __LINE__,
+                TrueOrFalse(StandardInput().eof()),
+                TrueOrFalse(StandardInput().good()),
+                static_cast<unsigned>(total_), static_cast<unsigned>(length_));
+    }
+  }
+
+  /// Unlike those of a query string, keys are not decoded, and the last value
+  /// of a key counts.
+  void TakeRawBody() {
+    if (log.Check(kDebug)) {
+      log.Write(kDebug, "%s:%d no boundaries in POST data, assuming GET format",
+                SourceName().c_str(), __LINE__);
+    }
+    for (ItemWalk items(raw_body_, '&'); !items.AtEnd();) {
+      std::string rest = items.Next();
+      std::string value = str::GetWord(rest, '&');
+      const std::string key = str::GetWord(value, '=');
+      if (!key.empty()) request_.params[key] = str::url::Decode(value);
+    }
+  }
+
+  Cgi::Data& request_;
+  const std::int64_t length_;     ///< The body's, as declared.
+  const std::uint64_t capacity_;  ///< The largest chunk.
+  const std::string boundary_;
+  const std::string closing_boundary_;
+
+  ZeroedBuffer chunk_;        ///< What earlier chunks have left stays in it.
+  std::size_t size_ = 0;      ///< Length of the chunk.
+  std::size_t position_ = 0;  ///< Where to go on in it; may be beyond its end.
+  std::size_t skip_ = 0;      ///< Where to begin in the next one.
+  std::int64_t total_ = 0;    ///< Bytes read so far.
+
+  State state_ = State::kSeekBoundary;
+  AfterHeaders after_headers_ = AfterHeaders::kNone;
+  bool has_seen_boundary_ = false;
+  bool is_short_of_space_ = false;
+  bool has_upload_failed_ = false;
+  std::string line_;
+  std::string element_name_;
+  std::string file_name_;  ///< As the client sent it.
+  std::string raw_body_;
+
+  UploadFile file_;
+  std::int64_t file_size_ = 0;
+  SeparatorScan separator_;
+  std::string carry_;
+  std::size_t carried_ = 0;  ///< How much of #carry_ is in use.
+};
 }  // namespace
 
 Cgi::Data::Data() {
@@ -195,10 +704,13 @@ Cgi::Data::~Data() {
 void Cgi::Data::ParseQuery() {
   TraceEntry("void zan_cgi::Cgi::Data::ParseQuery()");
   const std::string method = tov_env::GetEnv("REQUEST_METHOD");
-  if (method != "GET") {
+  if (method == "GET") {
+    ParseQueryString(tov_env::GetEnv("QUERY_STRING"));
+  } else if (method == "POST") {
+    ParseInput();
+  } else {
     throw std::runtime_error("bad request method '" + method + "'");
   }
-  ParseQueryString(tov_env::GetEnv("QUERY_STRING"));
 }
 
 void Cgi::Data::ParseQueryString(std::string query) {
@@ -222,6 +734,36 @@ void Cgi::Data::ParseQueryString(std::string query) {
     }
   }
   parsed = true;
+}
+
+void Cgi::Data::ParseInput() {
+  TraceEntry("void zan_cgi::Cgi::Data::ParseInput()");
+  if (parsed) {
+    if (log.Check(kWarning)) {
+      log.Write(kWarning, "attempt to reparse POST query");
+    }
+    return;
+  }
+  const std::int64_t length = str::Int64(tov_env::GetEnv("CONTENT_LENGTH"));
+  if (length == 0) {
+    if (log.Check(kDebug)) {
+      log.Write(kDebug, "%s:%d CONTENT_LENGTH=0", SourceName().c_str(),
+                __LINE__);
+    }
+    return;
+  }
+  BodyParser(*this, length, AnnouncedBoundary()).Parse();
+}
+
+void Cgi::Data::CheckTmpDir() {
+  if (tmp_dir.empty()) tmp_dir = tov_env::GetEnv("TMP");
+  // The parser's own default is another one, for compatibility.
+  if (tmp_dir.empty()) tmp_dir = "tmp";
+  if (!tov_file::Exists(tmp_dir)) {
+    tov_file::MkDir(tmp_dir, nullptr);
+  } else if (!tov_file::Info(tmp_dir, false).IsDir()) {
+    throw std::runtime_error("temp dir '" + tmp_dir + "' is not a directory");
+  }
 }
 
 void Cgi::Data::ParseCookies() {
@@ -277,6 +819,24 @@ void Cgi::ParseQuery() {
     data_->ParseQuery();
   } else if (log.Check(kWarning)) {
     log.Write(kWarning, "CGI already parsed input");
+  }
+}
+
+long Cgi::Read(char* buffer, long length) {
+  return data_->Read(buffer, length);
+}
+
+void Cgi::SetTmpDir(const std::string& dir) {
+  data_->tmp_dir = dir;
+  data_->CheckTmpDir();
+}
+
+void Cgi::CheckContentLength(long maxLength) {
+  if (tov_env::GetEnv("REQUEST_METHOD") != "POST") return;
+  const int length = str::Int(tov_env::GetEnv("CONTENT_LENGTH"));
+  if (length > maxLength) {
+    throw std::runtime_error("Post data too large. Max allowed length is " +
+                             str::Str(maxLength / 1024) + "KB");
   }
 }
 

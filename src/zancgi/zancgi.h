@@ -108,7 +108,8 @@ class ZANCGI_API Cgi {
   /// @returns the number of bytes read; 0 when there was nothing, but a further
   ///   call may bring something (a signal came, or the descriptor is at its
   ///   end without a hang-up); -1 when the writer has gone or reading failed
-  /// @throws std::runtime_error "timeout" when nothing came in time, after which
+  /// @throws std::runtime_error "timeout" when nothing came in time, after
+  /// which
   ///   standard input is closed; "polling error: ..." or "invalid polling
   ///   request" when it cannot be waited for
   long Read(char* buffer, long length);

@@ -42,7 +42,8 @@ class SeamTest(unittest.TestCase):
         self.assertEqual(sorted(ours), listed)
 
     def test_system_calls_can_be_interposed(self):
-        self.assertIn("chdir", {name.split("@")[0] for name in calls()})
+        names = {name.split("@")[0] for name in calls()}
+        self.assertLessEqual({"chdir", "poll", "read", "statfs64"}, names)
 
     def test_no_checked_variant_stands_in_for_a_plain_call(self):
         plain = ("poll", "read", "statfs64", "chdir", "chroot", "setuid", "setgid")

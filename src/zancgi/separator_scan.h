@@ -1,0 +1,166 @@
+/// @file
+/// Private: finding the end of a file in the body of a form.
+#ifndef ZANCGI_SEPARATOR_SCAN_H
+#define ZANCGI_SEPARATOR_SCAN_H
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
+namespace zan_cgi {
+
+/// Searches a stream of bytes, chunk by chunk, for the separator that ends a
+/// file: CR LF "--" and the boundary value.
+///
+/// The rule, byte by byte: a byte equal to the separator's next byte extends
+/// the match; a byte that breaks a match is compared again with the separator's
+/// first byte only. Where the separator's first byte, the CR, does not come
+/// again in it, this finds exactly the occurrences of the separator: a byte
+/// inside a match is then never the beginning of another one. So any exact
+/// search may take its place, and the fast one does. Otherwise (a boundary
+/// value that holds a CR) the rule overlooks some occurrences, which is kept,
+/// so the rule itself is followed.
+class SeparatorScan {
+ public:
+  /// @param separator  CR LF "--" and any bytes
+  explicit SeparatorScan(const std::string& separator)
+      : separator_(separator),
+        begins_only_once_(separator.rfind(separator.front()) == 0) {}
+
+  /// What one chunk has brought.
+  struct Result {
+    const char* end;       ///< Behind the last byte looked at.
+    bool is_complete;      ///< The separator ends at #end.
+    bool match_is_broken;  ///< A match broke, perhaps one begun earlier.
+  };
+
+  /// Scans [begin, end) up to the separator's end, going on with a match that
+  /// the previous chunk ended in.
+  Result Scan(const char* begin, const char* end) {
+#ifdef __SSE2__
+    if (begins_only_once_) return ScanFast(begin, end);
+#endif
+    return ScanByRule(begin, end);
+  }
+
+  /// How many bytes of the separator the scanned bytes end in, all of them
+  /// after a complete match.
+  std::size_t matched() const { return matched_; }
+
+  /// Begins a new search.
+  void Restart() { matched_ = 0; }
+
+  std::size_t size() const { return separator_.size(); }
+
+ private:
+  Result ScanByRule(const char* begin, const char* end) {
+    bool is_broken = false;
+    for (const char* at = begin; at != end; ++at) {
+      if (*at != separator_[matched_] && matched_ > 0) {
+        matched_ = 0;
+        is_broken = true;
+      }
+      if (*at == separator_[matched_]) ++matched_;
+      if (matched_ == size()) return {at + 1, true, is_broken};
+    }
+    return {end, false, is_broken};
+  }
+
+#ifdef __SSE2__
+  Result ScanFast(const char* begin, const char* end) {
+    const char* at = begin;
+    bool is_broken = false;
+    if (matched_ > 0) {
+      while (at != end && matched_ < size() && *at == separator_[matched_]) {
+        ++at;
+        ++matched_;
+      }
+      if (matched_ == size()) return {at, true, false};
+      if (at == end) return {end, false, false};
+      matched_ = 0;
+      is_broken = true;
+    }
+    const char* const found = Find(at, end);
+    if (found != nullptr) {
+      matched_ = size();
+      return {found + size(), true, is_broken};
+    }
+    matched_ = MatchedAtEnd(at, end);
+    return {end, false, is_broken};
+  }
+
+  /// The first occurrence of the whole separator.
+  ///
+  /// Its first and third byte are compared at 64 places at once: both together
+  /// are rare even in data that is chosen to be slow, since the search for one
+  /// frequent byte is what a client could make slow.
+  const char* Find(const char* at, const char* end) const {
+    constexpr std::ptrdiff_t kBlock = 64;
+    const auto left = static_cast<std::ptrdiff_t>(size());
+    for (; end - at >= kBlock + left; at += kBlock) {
+      std::uint64_t places = CandidatesAt(at);
+      for (; places != 0; places &= places - 1) {
+        const char* const place = at + __builtin_ctzl(places);
+        if (IsSeparator(place)) return place;
+      }
+    }
+    for (; end - at >= left; ++at) {
+      if (*at == separator_.front() && IsSeparator(at)) return at;
+    }
+    return nullptr;
+  }
+
+  /// A bit for each of 64 places where the separator may begin.
+  std::uint64_t CandidatesAt(const char* at) const {
+    const __m128i first = _mm_set1_epi8(separator_[0]);
+    const __m128i third = _mm_set1_epi8(separator_[2]);
+    std::uint64_t places = 0;
+    for (int lane = 0; lane < 4; ++lane) {
+      const char* const block = at + 16 * lane;
+      const __m128i both =
+          _mm_and_si128(_mm_cmpeq_epi8(Load(block), first),
+                        _mm_cmpeq_epi8(Load(block + 2), third));
+      const auto found = static_cast<unsigned>(_mm_movemask_epi8(both));
+      places |= std::uint64_t{found} << (16 * lane);
+    }
+    return places;
+  }
+
+  static __m128i Load(const char* at) {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i_u*>(at));
+  }
+
+  /// With "\r\n--" at least in front, the first four bytes decide quickly in
+  /// data full of look-alikes.
+  bool IsSeparator(const char* at) const {
+    return std::memcmp(at, separator_.data(), 4) == 0 &&
+           std::memcmp(at, separator_.data(), size()) == 0;
+  }
+
+  /// The length of a match that is still open at the end. It begins at the last
+  /// CR, if at all: one before that would have been broken by it.
+  std::size_t MatchedAtEnd(const char* begin, const char* end) const {
+    const auto available = static_cast<std::size_t>(end - begin);
+    const std::size_t tail = std::min(available, size() - 1);
+    const void* const last = ::memrchr(end - tail, separator_.front(), tail);
+    if (last == nullptr) return 0;
+    const auto length =
+        static_cast<std::size_t>(end - static_cast<const char*>(last));
+    return std::memcmp(last, separator_.data(), length) == 0 ? length : 0;
+  }
+#endif
+
+  std::string separator_;
+  bool begins_only_once_;
+  std::size_t matched_ = 0;
+};
+
+}  // namespace zan_cgi
+
+#endif
