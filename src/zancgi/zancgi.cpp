@@ -381,7 +381,7 @@ class BodyParser {
   bool CompleteLine() {
     if (ExtendLine(chunk_.data(), size_, position_, line_)) return true;
     // Memory is bounded even when a line never ends.
-    if (state_ == State::kFieldValue) CheckValueLine();
+    if (state_ == State::kFieldValue && IsLineTooLong()) CheckValueLine();
     return false;
   }
 
@@ -500,12 +500,16 @@ class BodyParser {
     }
   }
 
+  bool IsLineTooLong() const {
+    return line_.size() > std::size_t{kLongestLine};
+  }
+
   void CheckValueLine() const {
     if (element_name_.empty()) {
       throw std::runtime_error(
           "On getting element value element name is empty");
     }
-    if (line_.size() > std::size_t{kLongestLine}) {
+    if (IsLineTooLong()) {
       throw std::runtime_error("Element value size must be less than " +
                                str::Str(kLongestLine));
     }

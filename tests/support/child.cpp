@@ -20,6 +20,7 @@
 #include <system_error>
 
 #include "support/backend.h"
+#include "support/input.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/lsan_interface.h>
@@ -230,6 +231,11 @@ Child& Child::WorkDir(const std::string& path) {
   return *this;
 }
 
+Child& Child::StandardInput(const Input& input) {
+  input_ = &input;
+  return *this;
+}
+
 Child& Child::Closed(int descriptor) {
   closed_.push_back(descriptor);
   return *this;
@@ -245,6 +251,16 @@ Child& Child::With(Backend& backend) {
   return *this;
 }
 
+void Child::BecomeReader() const {
+  if (input_ != nullptr) {
+    input_->BecomeStandardInput();
+    return;
+  }
+  const int nothing = ::open("/dev/null", O_RDONLY);
+  ::dup2(nothing, STDIN_FILENO);
+  ::close(nothing);
+}
+
 void Child::BecomeChild(const Body& body, int report,
                         int standard_error) const {
   ::clearenv();
@@ -256,9 +272,7 @@ void Child::BecomeChild(const Body& body, int report,
   for (const auto& [name, value] : environment_) {
     ::setenv(name.c_str(), value.c_str(), 1);
   }
-  const int nothing = ::open("/dev/null", O_RDONLY);
-  ::dup2(nothing, STDIN_FILENO);
-  ::close(nothing);
+  BecomeReader();
   ::dup2(standard_error, STDERR_FILENO);
   ::fcntl(STDERR_FILENO, F_SETFL, O_APPEND);
   if (!work_dir_.empty() && ::chdir(work_dir_.c_str()) != 0) ::_exit(97);

@@ -13,6 +13,7 @@
 namespace support {
 
 class Backend;
+class Input;
 
 /// One line of the log: its numeric level and its text behind the prefix.
 struct LogLine {
@@ -67,6 +68,8 @@ class Child {
 
   Child& Env(const std::string& name, const std::string& value);
   Child& WorkDir(const std::string& path);
+  /// What the body reads; must live until Run() has returned.
+  Child& StandardInput(const Input& input);
   /// Starts the body with this descriptor closed.
   Child& Closed(int descriptor);
   /// 9 unless set.
@@ -79,6 +82,7 @@ class Child {
   Outcome Run(const Body& body) const;
 
  private:
+  void BecomeReader() const;
   [[noreturn]] void BecomeChild(const Body& body, int report,
                                 int standard_error) const;
 
@@ -87,6 +91,7 @@ class Child {
   std::vector<int> closed_;
   int log_level_ = 9;
   Backend* backend_ = nullptr;
+  const Input* input_ = nullptr;
 };
 
 }  // namespace support

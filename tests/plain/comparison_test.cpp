@@ -1,0 +1,291 @@
+// The library's parser of POST bodies beside the plain one: by chance, and
+// bodies cut at every place.
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+
+#include "plain/body_maker.h"
+#include "plain/plain_parser.h"
+#include "plain/product.h"
+#include "support/child.h"
+#include "support/scratch.h"
+
+namespace plain {
+namespace {
+
+using support::Child;
+using support::Scratch;
+
+#ifdef __SANITIZE_ADDRESS__
+constexpr std::size_t kRandomCases = 20'000;
+#else
+constexpr std::size_t kRandomCases = 200'000;
+#endif
+constexpr std::size_t kShards = 4;
+/// Of the cases that go on for ever, every so many is shown to.
+constexpr std::size_t kSpinSample = 100;
+
+std::string FastFolder() {
+  const char* const memory = "/dev/shm";
+  return ::access(memory, W_OK) == 0
+             ? memory
+             : std::filesystem::temp_directory_path().string();
+}
+
+/// Compares case after case, and counts.
+class Comparison {
+ public:
+  explicit Comparison(const Scratch& scratch) : scratch_(scratch) {}
+
+  void Check(const Request& request) {
+    ++cases;
+    const Outcome plain = Parse(request);
+    if (plain.spins) {
+      if (spins++ % spin_sample == 0) CheckSpin(request);
+      return;
+    }
+    if (plain.error.empty() && !plain.files.empty()) ++uploads;
+    if (!plain.error.empty()) ++errors;
+    const std::string difference = Difference(plain, RunProduct(request));
+    EXPECT_EQ(difference, "") << Describe(request);
+    EXPECT_EQ(scratch_.List(), std::vector<std::string>())
+        << "left behind by " << Describe(request);
+  }
+
+  std::size_t cases = 0;
+  std::size_t spins = 0;
+  std::size_t uploads = 0;
+  std::size_t errors = 0;
+  std::size_t spin_sample = kSpinSample;
+
+ private:
+  void CheckSpin(const Request& request) {
+    EXPECT_TRUE(ProductSpins(request)) << Describe(request);
+    for (const std::string& left : scratch_.List()) {
+      std::filesystem::remove(scratch_ / left);
+    }
+  }
+
+  const Scratch& scratch_;
+};
+
+/// Runs a comparison in a child and gives what it has counted.
+template <class Body>
+support::Outcome Compare(const Body& body) {
+  const Scratch scratch(FastFolder());
+  return Child().Run([&](const support::Told& told) {
+    Comparison comparison(scratch);
+    body(comparison, scratch.Path());
+    told("cases", std::to_string(comparison.cases));
+    told("spins", std::to_string(comparison.spins));
+    told("uploads", std::to_string(comparison.uploads));
+    told("errors", std::to_string(comparison.errors));
+  });
+}
+
+std::size_t Count(const support::Outcome& outcome, const char* what) {
+  return std::stoul(outcome.told.at(what));
+}
+
+std::size_t FromEnvironment(const char* name, std::size_t otherwise) {
+  const char* const value = std::getenv(name);
+  return value == nullptr ? otherwise : std::stoul(value);
+}
+
+class RandomBodies : public testing::TestWithParam<std::size_t> {};
+
+TEST_P(RandomBodies, AreParsedAlike) {
+  const std::size_t cases =
+      FromEnvironment("ZANCGI_RANDOM_CASES", kRandomCases) / kShards;
+  const std::size_t seed =
+      FromEnvironment("ZANCGI_RANDOM_SEED", 20261121) * kShards + GetParam();
+  const support::Outcome outcome =
+      Compare([&](Comparison& comparison, const std::string& folder) {
+        BodyMaker maker(seed, folder);
+        while (comparison.cases < cases && !testing::Test::HasFailure()) {
+          comparison.Check(maker.Make());
+        }
+      });
+  ASSERT_EQ(outcome.status, 0);
+  std::cout << Count(outcome, "cases") << " cases from seed " << seed << ": "
+            << Count(outcome, "uploads") << " with uploads, "
+            << Count(outcome, "errors") << " with errors, "
+            << Count(outcome, "spins") << " without an end\n";
+  // Or the bodies would prove little.
+  EXPECT_GT(Count(outcome, "uploads"), cases / 10);
+  EXPECT_GT(Count(outcome, "errors"), cases / 50);
+  EXPECT_GT(Count(outcome, "spins"), cases / 1000);
+}
+
+INSTANTIATE_TEST_SUITE_P(Shard, RandomBodies,
+                         testing::Range(std::size_t{0}, kShards));
+
+struct NamedBody {
+  const char* name;
+  std::string content_type;
+  std::string bytes;
+};
+
+const std::string kForm = "multipart/form-data; boundary=XY";
+
+std::string Field(const std::string& name, const std::string& value) {
+  return "--XY\r\nContent-Disposition: form-data; name=\"" + name +
+         "\"\r\n\r\n" + value + "\r\n";
+}
+
+std::string Upload(const std::string& name, const std::string& file_name,
+                   const std::string& content) {
+  return "--XY\r\nContent-Disposition: form-data; name=\"" + name +
+         "\"; filename=\"" + file_name +
+         "\"\r\nContent-Type: text/plain\r\n\r\n" + content + "\r\n";
+}
+
+/// Short enough for every pair of cuts.
+const NamedBody kShortBodies[] = {
+    {"Field", kForm, Field("a", "1") + "--XY--\r\n"},
+    {"Upload", kForm, Upload("u", "f", "x\r\n-y") + "--XY--\r\n"},
+    {"QueryString", "application/x-www-form-urlencoded", "a=1&b=%41+c&=x&d"},
+    {"EmptyUpload", kForm, Upload("u", "f", "") + "--XY--\r\n"},
+    {"BoundaryWithCr", "multipart/form-data; boundary=\rX",
+     "--\rX\r\nContent-Disposition: form-data; name=\"u\"; filename=\"f\"\r\n"
+     "\r\n\r\n--\r\r\n--\rX--\r\n"},
+};
+
+const NamedBody kBodies[] = {
+    {"TwoFields", kForm, Field("a", "1\r\n2") + Field("a", "3") + "--XY--\r\n"},
+    {"Mixed", kForm,
+     Field("a", "1") + Upload("u", "f", "\r\n\r\n--X\r--XY\n") +
+         Field("b", "") + Upload("v", "g", "last") + "--XY--\r\n"},
+    {"SameFileName", kForm,
+     Upload("u", "f", "first") + Upload("v", "f", "second") + "--XY--\r\n"},
+    {"EmptyFileInput", kForm,
+     Upload("u", "", "") + Field("a", "1") + "--XY--\r\n"},
+    {"Preamble", kForm, "preamble\r\n" + Field("a", "1") + "--XY--\r\nend"},
+    {"OtherDisposition", kForm,
+     "--XY\r\nContent-Disposition: attachment; filename=\"x\"\r\n\r\nskipped"
+     "\r\n" +
+         Field("a", "1") + "--XY--\r\n"},
+    {"BehindTheEnd", kForm,
+     Upload("u", "f", "data") + "--XY--\r\n" + Upload("u", "f", "more") +
+         "--XY--\r\n"},
+    {"ManySeparatorBeginnings", kForm,
+     Upload("u", "f", "\r\r\n\r\n-\r\n--\r\n--X\r\n--X\r\n--XX\r") +
+         "--XY--\r\n"},
+};
+
+void PrintTo(const NamedBody& body, std::ostream* out) { *out << body.name; }
+
+std::string NameOf(const testing::TestParamInfo<NamedBody>& info) {
+  return info.param.name;
+}
+
+Request ToRequest(const NamedBody& body, const std::string& folder) {
+  Request request;
+  request.content_length = std::to_string(body.bytes.size());
+  request.content_type = body.content_type;
+  request.tmp_dir = folder;
+  request.input.bytes = body.bytes;
+  return request;
+}
+
+class CutBody : public testing::TestWithParam<NamedBody> {};
+
+TEST_P(CutBody, IsParsedAlikeWithOneCut) {
+  const support::Outcome outcome =
+      Compare([](Comparison& comparison, const std::string& folder) {
+        Request request = ToRequest(GetParam(), folder);
+        comparison.Check(request);
+        for (std::size_t at = 1; at < request.input.bytes.size(); ++at) {
+          request.input.reads = {at};
+          comparison.Check(request);
+        }
+      });
+  ASSERT_EQ(outcome.status, 0);
+  EXPECT_EQ(Count(outcome, "cases"), GetParam().bytes.size());
+}
+
+TEST_P(CutBody, IsParsedAlikeInPiecesOfOneSize) {
+  const support::Outcome outcome =
+      Compare([](Comparison& comparison, const std::string& folder) {
+        Request request = ToRequest(GetParam(), folder);
+        const std::size_t size = request.input.bytes.size();
+        for (std::size_t piece = 1; piece < size; ++piece) {
+          request.input.reads.assign(size / piece, piece);
+          comparison.Check(request);
+        }
+      });
+  ASSERT_EQ(outcome.status, 0);
+}
+
+TEST_P(CutBody, IsParsedAlikeWhenItEndsEarly) {
+  const support::Outcome outcome =
+      Compare([](Comparison& comparison, const std::string& folder) {
+        const Request whole = ToRequest(GetParam(), folder);
+        for (std::size_t at = 0; at < whole.input.bytes.size(); ++at) {
+          Request request = whole;
+          request.input.bytes.resize(at);
+          comparison.Check(request);
+          request.content_length = std::to_string(at);
+          comparison.Check(request);
+        }
+      });
+  ASSERT_EQ(outcome.status, 0);
+  EXPECT_EQ(Count(outcome, "cases"), 2 * GetParam().bytes.size());
+}
+
+TEST_P(CutBody, IsParsedAlikeWithAnEmptyRead) {
+  const support::Outcome outcome =
+      Compare([](Comparison& comparison, const std::string& folder) {
+        comparison.spin_sample = 10;
+        Request request = ToRequest(GetParam(), folder);
+        for (std::size_t at = 0; at <= request.input.bytes.size(); ++at) {
+          request.input.reads = at == 0 ? std::vector<std::size_t>{0}
+                                        : std::vector<std::size_t>{at, 0};
+          comparison.Check(request);
+        }
+      });
+  ASSERT_EQ(outcome.status, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Short, CutBody, testing::ValuesIn(kShortBodies),
+                         NameOf);
+INSTANTIATE_TEST_SUITE_P(Long, CutBody, testing::ValuesIn(kBodies), NameOf);
+
+class ShortBody : public testing::TestWithParam<NamedBody> {};
+
+TEST_P(ShortBody, IsParsedAlikeWithTwoCuts) {
+  const support::Outcome outcome =
+      Compare([](Comparison& comparison, const std::string& folder) {
+        Request request = ToRequest(GetParam(), folder);
+        const std::size_t size = request.input.bytes.size();
+        for (std::size_t first = 1; first < size; ++first) {
+          for (std::size_t second = 1; second < size - first; ++second) {
+            request.input.reads = {first, second};
+            comparison.Check(request);
+          }
+        }
+      });
+  ASSERT_EQ(outcome.status, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(, ShortBody, testing::ValuesIn(kShortBodies), NameOf);
+
+TEST(EmptyRead, GoesOnForEverAtEachPlaceWhereItIsSaidTo) {
+  const support::Outcome outcome =
+      Compare([](Comparison& comparison, const std::string& folder) {
+        comparison.spin_sample = 1;
+        Request request = ToRequest(kShortBodies[0], folder);
+        for (std::size_t at = 1; at < request.input.bytes.size(); ++at) {
+          request.input.reads = {at, 0};
+          comparison.Check(request);
+        }
+      });
+  ASSERT_EQ(outcome.status, 0);
+  EXPECT_EQ(Count(outcome, "spins"), kShortBodies[0].bytes.size() - 1);
+}
+
+}  // namespace
+}  // namespace plain

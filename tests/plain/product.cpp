@@ -1,0 +1,291 @@
+#include "plain/product.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <sys/vfs.h>
+#include <sys/wait.h>
+#include <tov/log.h>
+#include <tov/proc.h>
+#include <unistd.h>
+#include <zancgi/zancgi.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <sstream>
+#include <stdexcept>
+
+#include "support/scratch.h"
+
+namespace plain {
+namespace {
+
+/// What the running parse has left to read, and what it has caused.
+struct Script {
+  const Request* request = nullptr;
+  std::size_t next_read = 0;
+  Outcome* outcome = nullptr;
+};
+
+Script script;
+
+bool IsScripted(int descriptor) {
+  return script.request != nullptr && descriptor == STDIN_FILENO;
+}
+
+std::size_t BytesLeft() {
+  return script.request->input.bytes.size() - script.outcome->bytes_read;
+}
+
+bool NextReadIsEmpty() {
+  const auto& reads = script.request->input.reads;
+  return script.next_read < reads.size() && reads[script.next_read] == 0;
+}
+
+short PendingEvents() {
+  const bool hung_up =
+      BytesLeft() == 0 && !NextReadIsEmpty() && script.request->input.hangs_up;
+  return hung_up ? POLLHUP : POLLIN;
+}
+
+std::size_t TakeReadSize() {
+  const auto& reads = script.request->input.reads;
+  return script.next_read < reads.size() ? reads[script.next_read++] : SIZE_MAX;
+}
+
+ssize_t ReadScripted(char* buffer, std::size_t size) {
+  const std::size_t most = TakeReadSize();
+  if (most == 0) return 0;
+  // As the kernel does for a length that is no length.
+  if (static_cast<ssize_t>(size) < 0) {
+    errno = EFAULT;
+    return -1;
+  }
+  const std::size_t count = std::min({most, size, BytesLeft()});
+  std::memcpy(buffer,
+              script.request->input.bytes.data() + script.outcome->bytes_read,
+              count);
+  script.outcome->bytes_read += count;
+  return static_cast<ssize_t>(count);
+}
+
+/// Log lines without what differs from run to run.
+std::string Normalized(const std::string& text) {
+  constexpr char kPlace[] = "zancgi.cpp:";
+  constexpr char kNewFile[] = "ParseInput Creating new file ";
+  if (text.starts_with(kPlace)) {
+    return kPlace + ("#" + text.substr(text.find(' ')));
+  }
+  return text.starts_with(kNewFile) ? std::string(kNewFile) + "FILE" : text;
+}
+
+void SetEnvironment(const char* name, const std::string& value) {
+  if (value.empty()) {
+    ::unsetenv(name);
+  } else {
+    ::setenv(name, value.c_str(), 1);
+  }
+}
+
+void LimitFileSize(std::uint64_t limit) {
+  const rlimit limits{limit, RLIM_INFINITY};
+  ::setrlimit(RLIMIT_FSIZE, &limits);
+}
+
+void Parse(zan_cgi::Cgi::Data& record, const Request& request,
+           Outcome& outcome) {
+  if (request.file_limit != UINT64_MAX) LimitFileSize(request.file_limit);
+  script = {&request, 0, &outcome};
+  try {
+    record.ParseInput();
+  } catch (const std::runtime_error& error) {
+    outcome.error = error.what();
+  }
+  script = {};
+  if (request.file_limit != UINT64_MAX) LimitFileSize(RLIM_INFINITY);
+}
+
+}  // namespace
+
+Outcome RunProduct(const Request& request) {
+  SetEnvironment("CONTENT_LENGTH", request.content_length);
+  SetEnvironment("CONTENT_TYPE", request.content_type);
+  SetEnvironment("TMP", request.tmp);
+  ::signal(SIGXFSZ, SIG_IGN);
+  Outcome outcome;
+  zan_cgi::Cgi::Data record;
+  record.tmp_dir = request.tmp_dir;
+  Parse(record, request, outcome);
+  outcome.params = record.params;
+  outcome.parsed = record.parsed;
+  outcome.tmp_dir = record.tmp_dir;
+  for (const auto& [name, file] : record.files) {
+    const bool exists = std::filesystem::exists(file.path);
+    outcome.files[name] = {exists ? support::ReadFile(file.path) : "",
+                           file.size, exists};
+  }
+  return outcome;
+}
+
+bool ProductSpins(const Request& request) {
+  const pid_t process = ::fork();
+  if (process == 0) {
+    const itimerval twenty_milliseconds{{0, 0}, {0, 20'000}};
+    ::signal(SIGPROF, SIG_DFL);
+    ::setitimer(ITIMER_PROF, &twenty_milliseconds, nullptr);
+    RunProduct(request);
+    ::_exit(0);
+  }
+  int status = 0;
+  ::waitpid(process, &status, 0);
+  return WIFSIGNALED(status) && WTERMSIG(status) == SIGPROF;
+}
+
+namespace {
+
+std::string Quoted(const std::string& text) {
+  std::string quoted = "\"";
+  for (const char c : text) {
+    char escaped[8];
+    if (c == '\r') {
+      quoted += "\\r";
+    } else if (c == '\n') {
+      quoted += "\\n";
+    } else if (c == '"' || c == '\\') {
+      quoted += std::string("\\") + c;
+    } else if (c >= ' ' && c <= '~') {
+      quoted += c;
+    } else {
+      std::snprintf(escaped, sizeof(escaped), "\\%03o",
+                    static_cast<unsigned>(static_cast<unsigned char>(c)));
+      quoted += escaped;
+    }
+  }
+  return quoted + "\"";
+}
+
+std::string Text(const File& file) {
+  return (file.exists ? "exists, " : "missing, ") + std::to_string(file.size) +
+         " bytes: " + Quoted(file.content);
+}
+
+std::string Text(const std::string& text) { return Quoted(text); }
+
+template <class Value>
+std::string Text(const std::map<std::string, Value>& map) {
+  std::string text = "{";
+  for (const auto& [name, value] : map) {
+    text += Quoted(name) + ": " + Text(value) + "; ";
+  }
+  return text + "}";
+}
+
+std::string Text(const std::vector<std::pair<int, std::string>>& log) {
+  std::string text;
+  for (const auto& [level, line] : log) {
+    text += "\n    " + std::to_string(level) + " " + Quoted(line);
+  }
+  return text;
+}
+
+std::string Text(bool value) { return value ? "true" : "false"; }
+std::string Text(std::size_t value) { return std::to_string(value); }
+std::string Text(unsigned value) { return std::to_string(value); }
+
+template <class Value>
+void Compare(std::string& account, const char* what, const Value& plain,
+             const Value& product) {
+  if (plain == product) return;
+  account += std::string(what) + "\n  plain:   " + Text(plain) +
+             "\n  product: " + Text(product) + "\n";
+}
+
+}  // namespace
+
+std::string Difference(const Outcome& plain, const Outcome& product) {
+  std::string account;
+  Compare(account, "error", plain.error, product.error);
+  Compare(account, "params", plain.params, product.params);
+  Compare(account, "files", plain.files, product.files);
+  Compare(account, "parsed", plain.parsed, product.parsed);
+  Compare(account, "tmp_dir", plain.tmp_dir, product.tmp_dir);
+  Compare(account, "bytes_read", plain.bytes_read, product.bytes_read);
+  Compare(account, "sleeps", plain.sleeps, product.sleeps);
+  Compare(account, "log", plain.log, product.log);
+  return account;
+}
+
+std::string Describe(const Request& request) {
+  std::ostringstream text;
+  text << "content_length " << Quoted(request.content_length)
+       << ", content_type " << Quoted(request.content_type) << ", tmp_dir "
+       << Quoted(request.tmp_dir) << ", tmp " << Quoted(request.tmp)
+       << ", free_space " << request.free_space
+       << (request.free_space_fails ? " (fails)" : "")
+       << (request.files_open ? "" : ", files do not open") << ", file_limit "
+       << request.file_limit
+       << (request.input.hangs_up ? ", hangs up" : ", end of file")
+       << "\n  reads {";
+  for (const std::size_t size : request.input.reads) text << size << ", ";
+  text << "}\n  bytes " << Quoted(request.input.bytes);
+  return text.str();
+}
+
+}  // namespace plain
+
+// Under a name of its own, since <poll.h> declares that it only writes to fds.
+extern "C" int ScriptedPoll(pollfd* fds, nfds_t nfds, int timeout)
+    __asm__("poll");
+
+extern "C" int ScriptedPoll(pollfd* fds, nfds_t nfds, int timeout) {
+  if (nfds == 1 && plain::IsScripted(fds->fd)) {
+    fds->revents = plain::PendingEvents();
+    return 1;
+  }
+  return static_cast<int>(::syscall(SYS_poll, fds, nfds, timeout));
+}
+
+extern "C" ssize_t read(int fd, void* buf, std::size_t nbytes) {
+  if (plain::IsScripted(fd)) {
+    return plain::ReadScripted(static_cast<char*>(buf), nbytes);
+  }
+  return ::syscall(SYS_read, fd, buf, nbytes);
+}
+
+extern "C" int statfs64(const char* file, struct statfs64* buf) {
+  if (plain::script.request == nullptr) {
+    return static_cast<int>(::syscall(SYS_statfs, file, buf));
+  }
+  if (plain::script.request->free_space_fails) {
+    errno = EIO;
+    return -1;
+  }
+  *buf = {};
+  buf->f_bsize = 1;
+  buf->f_bfree = plain::script.request->free_space;
+  return 0;
+}
+
+void tov_proc::Sleep(unsigned milliseconds) {
+  if (plain::script.outcome != nullptr && milliseconds == 100) {
+    ++plain::script.outcome->sleeps;
+  }
+}
+
+bool tov_log::Module::Check(Level) { return plain::script.outcome != nullptr; }
+
+void tov_log::Module::Write(Level level, const char* format, ...) {
+  char text[4096];
+  va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(text, sizeof(text), format, arguments);
+  va_end(arguments);
+  plain::script.outcome->log.emplace_back(level, plain::Normalized(text));
+}

@@ -1,0 +1,122 @@
+#include "support/input.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+namespace support {
+namespace {
+
+[[noreturn]] void Fail(const char* call) {
+  throw std::system_error(errno, std::generic_category(), call);
+}
+
+/// Returns false when nobody reads any more.
+bool WriteAll(int descriptor, const std::string& bytes) {
+  for (std::size_t at = 0; at < bytes.size();) {
+    const ssize_t count =
+        ::write(descriptor, bytes.data() + at, bytes.size() - at);
+    if (count < 0) return false;
+    at += static_cast<std::size_t>(count);
+  }
+  return true;
+}
+
+/// A reader that has gone shows as EPIPE.
+void IgnoreBrokenPipes() {
+  sigset_t signals;
+  ::sigemptyset(&signals);
+  ::sigaddset(&signals, SIGPIPE);
+  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+}  // namespace
+
+Input Input::Pipe(const std::string& bytes) { return SlowPipe({bytes}, {}); }
+
+Input Input::SlowPipe(std::vector<std::string> pieces,
+                      std::chrono::milliseconds pause) {
+  int ends[2];
+  if (::pipe2(ends, O_CLOEXEC) != 0) Fail("pipe2");
+  Input input;
+  input.descriptor_ = ends[0];
+  input.writing_end_ = ends[1];
+  input.Feed(std::move(pieces), pause, true);
+  return input;
+}
+
+Input Input::SilentPipe(const std::string& bytes) {
+  int ends[2];
+  if (::pipe2(ends, O_CLOEXEC) != 0) Fail("pipe2");
+  Input input;
+  input.descriptor_ = ends[0];
+  input.writing_end_ = ends[1];
+  input.Feed({bytes}, {}, false);
+  return input;
+}
+
+Input Input::Socket(const std::string& bytes) {
+  int ends[2];
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
+    Fail("socketpair");
+  }
+  Input input;
+  input.descriptor_ = ends[0];
+  input.writing_end_ = ends[1];
+  input.Feed({bytes}, {}, true);
+  return input;
+}
+
+Input Input::File(const std::string& bytes) {
+  Input input;
+  input.descriptor_ = ::memfd_create("standard input", MFD_CLOEXEC);
+  if (input.descriptor_ < 0) Fail("memfd_create");
+  if (!WriteAll(input.descriptor_, bytes)) Fail("write");
+  ::lseek(input.descriptor_, 0, SEEK_SET);
+  return input;
+}
+
+Input::Input(Input&& other) noexcept
+    : descriptor_(std::exchange(other.descriptor_, -1)),
+      writing_end_(std::exchange(other.writing_end_, -1)),
+      writer_(std::move(other.writer_)) {}
+
+Input::~Input() {
+  // First the end that is read from, so that a writer does not wait for ever.
+  if (descriptor_ >= 0) ::close(descriptor_);
+  if (writer_.joinable()) writer_.join();
+  if (writing_end_ >= 0) ::close(writing_end_);
+}
+
+/// Hangs up by shutting down or, for a pipe, by putting another file in the
+/// descriptor's place, so that the number is not reused meanwhile.
+void Input::Feed(std::vector<std::string> pieces,
+                 std::chrono::milliseconds pause, bool hangs_up) {
+  writer_ = std::thread([pieces = std::move(pieces), pause, hangs_up,
+                         end = writing_end_] {
+    IgnoreBrokenPipes();
+    for (const std::string& piece : pieces) {
+      std::this_thread::sleep_for(pause);
+      if (!WriteAll(end, piece)) break;
+    }
+    if (!hangs_up) return;
+    const int nothing = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    ::shutdown(end, SHUT_WR);
+    ::dup2(nothing, end);
+    ::close(nothing);
+  });
+}
+
+void Input::BecomeStandardInput() const {
+  ::dup2(descriptor_, STDIN_FILENO);
+  ::close(descriptor_);
+  if (writing_end_ >= 0) ::close(writing_end_);
+}
+
+}  // namespace support

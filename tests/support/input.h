@@ -1,0 +1,46 @@
+/// @file
+/// Standard inputs for a child process, of each kind that a web server gives.
+#ifndef ZANCGI_TESTS_SUPPORT_INPUT_H
+#define ZANCGI_TESTS_SUPPORT_INPUT_H
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace support {
+
+class Input {
+ public:
+  /// A pipe whose writer hangs up behind the last byte.
+  static Input Pipe(const std::string& bytes);
+  /// The same, written piece by piece with a pause before each.
+  static Input SlowPipe(std::vector<std::string> pieces,
+                        std::chrono::milliseconds pause);
+  /// A pipe whose writer neither writes more nor hangs up.
+  static Input SilentPipe(const std::string& bytes);
+  /// A Unix socket that is shut down behind the last byte.
+  static Input Socket(const std::string& bytes);
+  /// A regular file.
+  static Input File(const std::string& bytes);
+
+  Input(Input&& other) noexcept;
+  ~Input();
+
+  /// Makes this the standard input of the calling process, a child of the one
+  /// that made it.
+  void BecomeStandardInput() const;
+
+ private:
+  Input() = default;
+  void Feed(std::vector<std::string> pieces, std::chrono::milliseconds pause,
+            bool hangs_up);
+
+  int descriptor_ = -1;
+  int writing_end_ = -1;
+  std::thread writer_;
+};
+
+}  // namespace support
+
+#endif
