@@ -81,7 +81,7 @@ std::string Normalized(const std::string& text) {
   constexpr char kPlace[] = "zancgi.cpp:";
   constexpr char kNewFile[] = "ParseInput Creating new file ";
   if (text.starts_with(kPlace)) {
-    return kPlace + ("#" + text.substr(text.find(' ')));
+    return std::string(kPlace).append("#").append(text, text.find(' '));
   }
   return text.starts_with(kNewFile) ? std::string(kNewFile) + "FILE" : text;
 }
