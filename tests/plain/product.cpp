@@ -241,8 +241,8 @@ std::string Describe(const Request& request) {
 }  // namespace plain
 
 // Under a name of its own, since <poll.h> declares that it only writes to fds.
-extern "C" int ScriptedPoll(pollfd* fds, nfds_t nfds, int timeout)
-    __asm__("poll");
+extern "C" int ScriptedPoll(pollfd* fds, nfds_t nfds,
+                            int timeout) __asm__("poll");
 
 extern "C" int ScriptedPoll(pollfd* fds, nfds_t nfds, int timeout) {
   if (nfds == 1 && plain::IsScripted(fds->fd)) {
