@@ -342,7 +342,9 @@ void Parser::PartHeader() {
     return;
   }
   if (line_.starts_with(kContentDisposition)) {
-    Disposition(std::string_view(line_).substr(kContentDisposition.size()));
+    std::string_view rest = line_;
+    rest.remove_prefix(kContentDisposition.size());
+    Disposition(rest);
   }
   line_.clear();
 }

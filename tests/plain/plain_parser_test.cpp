@@ -156,6 +156,29 @@ TEST(PlainField, OfAnotherDispositionIsSkippedWhole) {
             1);
 }
 
+TEST(PlainField, OfAnotherDispositionSkipsItsFurtherHeaders) {
+  EXPECT_EQ(Parse(Multipart("--X\r\nContent-Disposition: attachment\r\n"
+                            "Content-Disposition: form-data; name=\"a\"\r\n"
+                            "\r\nv\r\n" +
+                            std::string(kEnd)))
+                .params,
+            Params{});
+}
+
+TEST(PlainField, WithoutANameIsIgnoredEvenAfterANamedOne) {
+  EXPECT_EQ(
+      Parse(Multipart(Field("a", "v") + Head("") + "w\r\n" + kEnd)).params,
+      (Params{{"a", "v"}}));
+}
+
+TEST(PlainField, LogsADispositionUpToANul) {
+  using namespace std::string_literals;
+  EXPECT_EQ(Logged(Parse(Multipart("--X\r\nContent-Disposition: a\0b\r\n"s)), 9,
+                   "zancgi.cpp:# Ignoring unknown type of "
+                   "Content-Disposition: a"),
+            1);
+}
+
 TEST(PlainField, TakesOtherHeadersWithoutEffect) {
   EXPECT_EQ(Parse(Multipart("--X\r\nContent-Type: text/plain\r\n"
                             "content-disposition: form-data; name=\"no\"\r\n"
@@ -242,7 +265,7 @@ TEST(PlainFieldLine, WithoutAnElementNameFailsForThatFirst) {
       kNoElementName);
   EXPECT_EQ(Parse(Multipart(head + std::string(1 << 20, 'v'))).error,
             kNoElementName);
-  EXPECT_EQ(Parse(Multipart(head + "v")).error, "");
+  EXPECT_EQ(Parse(Multipart(head + std::string(kLongest, 'v'))).error, "");
 }
 
 TEST(PlainFieldLine, OfTheHeadersHasNoLimit) {
@@ -259,6 +282,23 @@ TEST(PlainUpload, KeepsItsContent) {
   EXPECT_EQ(outcome.files, (Files{{"f", Kept("1\r\n2\n")}}));
   EXPECT_EQ(outcome.error, "");
   EXPECT_TRUE(outcome.parsed);
+}
+
+TEST(PlainUpload, LogsTheFileBetweenStartAndEnd) {
+  const std::string body = Upload("a", "f", "1") + kEnd;
+  const std::string length = std::to_string(body.size());
+  Request request = Multipart(body);
+  request.free_space = 1000;
+  EXPECT_EQ(Parse(request).log,
+            (Log{{8, "void zan_cgi::Cgi::Data::ParseInput()"},
+                 {9, "zancgi.cpp:# POST boundary detected: true"},
+                 {9, "zancgi.cpp:# query size '" + length +
+                         "', free space in tmpdir '1000'"},
+                 {8, "ParseInput Creating new file FILE"},
+                 {9,
+                  "zancgi.cpp:# End of stdin parsing, stdin state EOF false, "
+                  "GOOD true, read " +
+                      length + " of " + length + " chars"}}));
 }
 
 TEST(PlainUpload, MayBeEmpty) {
@@ -383,7 +423,7 @@ TEST(PlainCarry, IsLostAtTheEndOfTheBody) {
 }
 
 TEST(PlainSkip, GoesOnInTheNextChunk) {
-  for (const std::size_t rest : {0, 1, 2}) {
+  for (const std::size_t rest : {0U, 1U, 2U}) {
     const std::string first = Upload("a", "f", "ab") + "--X";
     const std::string second = Field("b", "v").substr(3) + kEnd;
     const Outcome outcome = Parse(
@@ -639,11 +679,17 @@ TEST(PlainSeek, DoesNotLookAtTheTwoBytesAfterTheBoundary) {
 }
 
 TEST(PlainSeek, DoesNotCompareAByteAgain) {
-  const Outcome outcome = Parse(Multipart("-" + Field("a", "v")));
-  EXPECT_EQ(Logged(outcome, 9,
-                   "zancgi.cpp:# no boundaries in POST data, assuming GET "
-                   "format"),
-            1);
+  for (const char* before : {"-", "--"}) {
+    const Outcome outcome = Parse(Multipart(before + Field("a", "v")));
+    EXPECT_EQ(Logged(outcome, 9,
+                     "zancgi.cpp:# no boundaries in POST data, assuming GET "
+                     "format"),
+              1)
+        << before;
+  }
+  // The third dash breaks the match; the last two begin it anew.
+  EXPECT_EQ(Parse(Multipart("---" + Field("a", "v") + kEnd)).params,
+            (Params{{"a", "v"}}));
 }
 
 TEST(PlainSeek, DoesNotFindABoundaryInTwoChunks) {
