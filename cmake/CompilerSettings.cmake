@@ -25,3 +25,7 @@ if(ZANCGI_SANITIZE)
     add_compile_options(-Wno-maybe-uninitialized -Wno-restrict)
   endif()
 endif()
+if(ZANCGI_BUILD_FUZZERS)
+  # Coverage in everything, for the fuzz targets to steer by.
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()

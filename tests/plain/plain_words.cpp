@@ -13,12 +13,6 @@ bool IsWhiteSpace(char byte) {
 
 bool IsDigit(char byte) { return byte >= '0' && byte <= '9'; }
 
-std::string_view WithoutBlanksAround(std::string_view text) {
-  while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
-  while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
-  return text;
-}
-
 /// The value of a hexadecimal digit, or -1.
 int HexValue(char byte) {
   if (IsDigit(byte)) return byte - '0';
@@ -47,7 +41,7 @@ std::string_view Trim(std::string_view text) {
 std::int64_t Int64(std::string_view text) {
   constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
   constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
-  text = WithoutBlanksAround(text);
+  text = Trim(text);
   const bool negative = !text.empty() && text.front() == '-';
   if (negative || (!text.empty() && text.front() == '+')) text.remove_prefix(1);
   for (const char byte : text) {

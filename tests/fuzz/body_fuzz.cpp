@@ -1,0 +1,160 @@
+/// @file
+/// The body of a POST and the pieces in which it comes, compared with the
+/// plain parser.
+///
+/// An input can be read and written by hand. Its first four lines say how the
+/// body comes, the rest is the body:
+///
+/// 1. `CONTENT_TYPE`.
+/// 2. The declared length: empty when it is true, "+2" or "-1" when it is off
+///    by so much, otherwise the text of `CONTENT_LENGTH`.
+/// 3. Letters for what else happens, some with a number; see Settle().
+/// 4. One byte for the size of each read: "0" to "9" are 0 to 9, then "a" to
+///    "z" and "A" to "Z"; other bytes are larger. After these, reads give all
+///    that is asked for.
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "fuzz/harness.h"
+#include "plain/plain_parser.h"
+#include "plain/product.h"
+#include "support/scratch.h"
+
+namespace {
+
+std::uint64_t TakeNumber(std::string_view& text, std::uint64_t limit) {
+  std::uint64_t number = 0;
+  while (!text.empty() && text[0] >= '0' && text[0] <= '9') {
+    const auto digit = static_cast<std::uint64_t>(text[0] - '0');
+    number = std::min(number * 10 + digit, limit);
+    text.remove_prefix(1);
+  }
+  return number;
+}
+
+std::string UpToZero(const std::string& text) {
+  return text.substr(0, text.find('\0'));
+}
+
+std::string LengthText(const std::string& line, std::size_t true_length) {
+  const bool is_offset =
+      line.size() > 1 && (line[0] == '+' || line[0] == '-') &&
+      line.find_first_not_of("0123456789", 1) == std::string::npos;
+  if (!line.empty() && !is_offset) return UpToZero(line);
+  std::string_view digits = line;
+  if (is_offset) digits.remove_prefix(1);
+  const auto offset = static_cast<long>(TakeNumber(digits, 1'000'000'000));
+  const auto length = static_cast<long>(true_length);
+  return std::to_string(line[0] == '-' ? length - offset : length + offset);
+}
+
+std::vector<std::size_t> ReadSizes(const std::string& line) {
+  constexpr std::string_view kSmall =
+      "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
+  std::vector<std::size_t> sizes;
+  for (const char byte : line) {
+    const std::size_t found = kSmall.find(byte);
+    sizes.push_back(found != std::string_view::npos
+                        ? found
+                        : kSmall.size() + static_cast<unsigned char>(byte));
+  }
+  return sizes;
+}
+
+/// The first byte 1A of the body stands for so many "x".
+void Fill(std::string& body, std::size_t count) {
+  const std::size_t found = body.find('\x1a');
+  if (found != std::string::npos) body.replace(found, 1, count, 'x');
+}
+
+void Settle(std::string_view letters, const support::Scratch& scratch,
+            plain::Request& request) {
+  bool is_from_environment = false;
+  request.tmp_dir = scratch.Path();
+  while (!letters.empty()) {
+    const char letter = letters[0];
+    letters.remove_prefix(1);
+    switch (letter) {
+      case 'e':  // End of file instead of a hang-up.
+        request.input.hangs_up = false;
+        break;
+      case 'f':
+        request.free_space_fails = true;
+        break;
+      case 'l':
+        request.file_limit = TakeNumber(letters, 100'000);
+        break;
+      case 'm':  // The directory is missing.
+        request.tmp_dir = scratch / "missing";
+        request.files_open = false;
+        break;
+      case 's':
+        request.free_space = TakeNumber(letters, 1'000'000'000);
+        break;
+      case 't':  // The directory comes from the environment.
+        is_from_environment = true;
+        break;
+      case 'x':
+        Fill(request.input.bytes, TakeNumber(letters, 300'000));
+        break;
+      default:
+        break;
+    }
+  }
+  if (is_from_environment) request.tmp.swap(request.tmp_dir);
+}
+
+plain::Request ToRequest(std::string_view input,
+                         const support::Scratch& scratch) {
+  plain::Request request;
+  request.content_type = UpToZero(fuzz::TakeLine(input));
+  const std::string length = fuzz::TakeLine(input);
+  const std::string letters = fuzz::TakeLine(input);
+  request.input.reads = ReadSizes(fuzz::TakeLine(input));
+  request.input.bytes = input;
+  Settle(letters, scratch, request);
+  request.content_length = LengthText(length, request.input.bytes.size());
+  return request;
+}
+
+struct Counts {
+  unsigned long compared = 0;
+  unsigned long spinning = 0;
+};
+
+Counts counts;
+
+void PrintCounts() {
+  std::fprintf(stderr, "%lu bodies compared, %lu left out: they spin\n",
+               counts.compared, counts.spinning);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+  return std::atexit(PrintCounts);
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data,
+                                      std::size_t size) {
+  static const support::Scratch scratch;
+  const plain::Request request =
+      ToRequest({reinterpret_cast<const char*>(data), size}, scratch);
+  const plain::Outcome outcome = plain::Parse(request);
+  if (outcome.spins) {
+    ++counts.spinning;
+    return 0;
+  }
+  ++counts.compared;
+  const fuzz::DescriptorWatch watch;
+  std::string account = plain::Difference(outcome, plain::RunProduct(request));
+  if (!scratch.List().empty()) account += "a temporary file is left\n";
+  if (!account.empty()) {
+    fuzz::ReportFinding(account + plain::Describe(request));
+  }
+  return 0;
+}

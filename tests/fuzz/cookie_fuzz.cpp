@@ -1,0 +1,55 @@
+/// @file
+/// A Cookie header, compared with a reader of its own.
+#include <zancgi/zancgi.h>
+
+#include <string>
+#include <string_view>
+
+#include "fuzz/harness.h"
+#include "support/variable.h"
+
+namespace {
+
+using fuzz::StringMap;
+
+bool IsBlank(char byte) {
+  return byte == ' ' || (byte >= '\t' && byte <= '\r');
+}
+
+std::string_view Trimmed(std::string_view text) {
+  while (!text.empty() && IsBlank(text.front())) text.remove_prefix(1);
+  while (!text.empty() && IsBlank(text.back())) text.remove_suffix(1);
+  return text;
+}
+
+/// The last cookie of a name counts, an empty name is a name, and nothing
+/// between two semicolons is no cookie, though blanks are one.
+StringMap ExpectedOf(std::string_view header) {
+  StringMap cookies;
+  while (!header.empty()) {
+    const std::size_t end = std::min(header.find(';'), header.size());
+    const std::string_view piece = header.substr(0, end);
+    header.remove_prefix(std::min(end + 1, header.size()));
+    if (piece.empty()) continue;
+    const std::string_view cookie = Trimmed(piece);
+    const std::size_t name = std::min(cookie.find('='), cookie.size());
+    const std::size_t value = std::min(name + 1, cookie.size());
+    cookies[std::string(cookie.substr(0, name))] = cookie.substr(value);
+  }
+  return cookies;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data,
+                                      std::size_t size) {
+  // The environment ends it at a zero byte.
+  const std::string all(reinterpret_cast<const char*>(data), size);
+  const std::string header = all.substr(0, all.find('\0'));
+  support::SetVariable("HTTP_COOKIE", header);
+  const zan_cgi::Cgi::Data request;
+  fuzz::ExpectEqual("cookies", request.cookies, ExpectedOf(header));
+  fuzz::Expect(!request.parsed && request.params.empty(),
+               "cookies leave the parameters alone");
+  return 0;
+}
