@@ -98,19 +98,19 @@ Input::~Input() {
 /// descriptor's place, so that the number is not reused meanwhile.
 void Input::Feed(std::vector<std::string> pieces,
                  std::chrono::milliseconds pause, bool hangs_up) {
-  writer_ = std::thread([pieces = std::move(pieces), pause, hangs_up,
-                         end = writing_end_] {
-    IgnoreBrokenPipes();
-    for (const std::string& piece : pieces) {
-      std::this_thread::sleep_for(pause);
-      if (!WriteAll(end, piece)) break;
-    }
-    if (!hangs_up) return;
-    const int nothing = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-    ::shutdown(end, SHUT_WR);
-    ::dup2(nothing, end);
-    ::close(nothing);
-  });
+  writer_ = std::thread(
+      [pieces = std::move(pieces), pause, hangs_up, end = writing_end_] {
+        IgnoreBrokenPipes();
+        for (const std::string& piece : pieces) {
+          std::this_thread::sleep_for(pause);
+          if (!WriteAll(end, piece)) break;
+        }
+        if (!hangs_up) return;
+        const int nothing = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+        ::shutdown(end, SHUT_WR);
+        ::dup2(nothing, end);
+        ::close(nothing);
+      });
 }
 
 void Input::BecomeStandardInput() const {
