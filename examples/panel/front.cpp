@@ -3,6 +3,7 @@
 
 #include <stdlib.h>
 #include <sys/resource.h>
+#include <tov/env.h>
 #include <tov/err.h>
 #include <tov/log.h>
 #include <tov/str.h>
@@ -10,11 +11,14 @@
 #include <zancgi/zancgi.h>
 
 #include <exception>
+#include <filesystem>
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "page.h"
+#include "upload_spool.h"
 
 namespace panel {
 namespace {
@@ -27,7 +31,16 @@ constexpr char kCookie[] = "panelses5";
 
 tov_log::Module log("panel", "front");
 
+constexpr long kLargestSignIn = 4096;
+constexpr long kLargestUpload = 100L << 20;
+
 /// A request that goes wrong must not take the machine with it.
+///
+/// The library keeps some behaviour of old: a body that breaks off in certain
+/// ways, or is cut in an unlucky place, has it parsed for ever, and a field's
+/// value can grow by 87 MB a second meanwhile. The largest accepted upload
+/// takes a tenth of a second of processor time and a few megabytes of memory; a
+/// body without a boundary takes up to twice its size.
 void LimitResources() {
   constexpr rlim_t kSeconds = 10;
   constexpr rlim_t kMemory = 256UL << 20;
@@ -79,12 +92,22 @@ void SignIn(Cgi& cgi) {
     const Answer answer(cgi, {{"func", "session.new"},
                               {"user", user},
                               {"password", cgi.Param("password")}});
-    // The redirect also takes the password out of the address bar.
     SendRedirect("/panel", std::string(kCookie) + "=" +
                                answer.Text("/doc/session", "id"));
   } catch (const Refusal&) {
     ShowSignIn("403 Forbidden", "Name or password is wrong.", user);
   }
+}
+
+bool IsPost() { return tov_env::GetEnv("REQUEST_METHOD") == "POST"; }
+
+/// The page that is asked for. Of a POST it stands in the address, all of it:
+/// to know it from the body, the body would have to be read before it is known
+/// who sends it.
+std::string PageOf(Cgi& cgi) {
+  if (!IsPost()) return cgi.Param("page");
+  const std::string query = tov_env::GetEnv("QUERY_STRING");
+  return query.starts_with("page=") ? query.substr(5) : "";
 }
 
 std::string Navigation(Cgi& cgi, const Answer& answer) {
@@ -94,9 +117,15 @@ std::string Navigation(Cgi& cgi, const Answer& answer) {
       user.method == Cgi::AuthInfo::AuthParams
           ? "&amp;auth=" + Escape(str::url::Encode(user.auth))
           : "";
-  const bool sessions = cgi.Param("page") == "sessions";
-  return "<nav>\n" + Link("page=whoami" + session, "Who am I", !sessions) +
-         Link("page=sessions" + session, "Sessions", sessions) +
+  const std::string page = PageOf(cgi);
+  // An upload is authorized before its parameters are read.
+  const std::string upload =
+      session.empty() ? Link("page=upload", "Upload", page == "upload") : "";
+  return "<nav>\n" +
+         Link("page=whoami" + session, "Who am I",
+              page.empty() || page == "whoami") +
+         Link("page=sessions" + session, "Sessions", page == "sessions") +
+         upload +
          Link("page=signout&amp;token=" + answer.Html("/doc/own", "token") +
                   session,
               "Sign out", false) +
@@ -143,19 +172,88 @@ void SignOut(Cgi& cgi) {
   SendRedirect("/panel?page=signin", std::string(kCookie) + "=; Max-Age=0");
 }
 
+void ShowUpload(Cgi& cgi) {
+  const Answer answer(cgi, {{"func", "session.own"}});
+  ShowUploadForm(answer.Html("/doc/own", "token"), str::Str(kLargestUpload),
+                 Navigation(cgi, answer));
+}
+
+std::string UploadRows(Cgi& cgi) {
+  std::vector<std::string> names;
+  cgi.GetFileNames(names);
+  std::string rows;
+  for (const std::string& name : names) {
+    rows += "<tr><td>" + Escape(name) + "</td><td>" +
+            str::Str(std::filesystem::file_size(cgi.File(name))) +
+            "</td></tr>\n";
+  }
+  return rows;
+}
+
+/// Here a front end of your own would put the files where they belong. These
+/// go with the request.
+void ShowUploaded(Cgi& cgi, const Answer& answer) {
+  SendPage("200 OK", "Uploaded",
+           "<div class=\"card\"><table>\n<thead><tr><th>Name</th>"
+           "<th>Bytes</th></tr></thead>\n<tbody>\n" +
+               UploadRows(cgi) + "</tbody>\n<tfoot><tr><th>Together</th><th>" +
+               str::Str(cgi.GetFileSize()) +
+               "</th></tr></tfoot>\n</table>\n<p class=\"hint\">All has "
+               "arrived. This example keeps none of it.</p>\n<p><a "
+               "href=\"/panel?page=upload\">Upload more</a></p></div>\n",
+           Navigation(cgi, answer));
+}
+
+std::string SpoolFolder() {
+  const std::string folder = tov_env::GetEnv("PANEL_SPOOL");
+  return folder.empty() ? "/tmp" : folder;
+}
+
+/// First who, then how much, and only then the body: a stranger must not be
+/// able to fill the disk.
+void Upload(Cgi& cgi) {
+  cgi.Authorize(Cgi::AuthInfo::AuthCookie);
+  cgi.CheckContentLength(kLargestUpload);
+  const UploadSpool spool(SpoolFolder());
+  cgi.SetTmpDir(spool.Path());
+  cgi.ParseQuery();
+  // Another site could have the browser send a form, but does not know this.
+  const Answer answer(cgi, {{"func", "session.own"}});
+  if (cgi.Param("token") != answer.Text("/doc/own", "token")) throw Refusal();
+  ShowUploaded(cgi, answer);
+}
+
+void AskToSignIn() { ShowSignIn("403 Forbidden", "Please sign in first.", ""); }
+
+void ShowNotFound() {
+  SendPage("404 Not Found", "Not found",
+           "<p class=\"card\">There is no page of this name.</p>\n");
+}
+
+void TakePost(Cgi& cgi) {
+  const std::string page = PageOf(cgi);
+  if (page == "signin") {
+    cgi.CheckContentLength(kLargestSignIn);
+    return SignIn(cgi);
+  }
+  if (page != "upload") return ShowNotFound();
+  if (cgi.Cookie(kCookie).empty()) return AskToSignIn();
+  Upload(cgi);
+}
+
 void ShowPage(Cgi& cgi) {
-  const std::string page = cgi.Param("page");
-  if (page == "signin") return SignIn(cgi);
+  const std::string page = PageOf(cgi);
+  if (page == "signin") return ShowSignIn("200 OK", "", "");
   if (cgi.Cookie(kCookie).empty() && cgi.Param("auth").empty()) {
     if (page.empty()) return ShowSignIn("200 OK", "", "");
-    return ShowSignIn("403 Forbidden", "Please sign in first.", "");
+    return AskToSignIn();
   }
   cgi.Authorize(Cgi::AuthInfo::AuthAny);
   if (page.empty() || page == "whoami") return ShowWhoAmI(cgi);
   if (page == "sessions") return ShowSessions(cgi);
+  if (page == "upload") return ShowUpload(cgi);
   if (page == "signout") return SignOut(cgi);
-  SendPage("404 Not Found", "Not found",
-           "<p class=\"card\">There is no page of this name.</p>\n");
+  ShowNotFound();
 }
 
 /// A text that names paths and the like is for the administrator, who finds it
@@ -168,19 +266,45 @@ void ReportError(const std::string& status, const std::string& problem,
   ShowError(status, problem, help);
 }
 
-/// The exceptions that the library throws under its fixed messages.
+/// What a visitor is told about an exception that the library throws under a
+/// fixed message.
+struct Explanation {
+  const char* message;  ///< How the exception's text begins.
+  const char* status;
+  const char* help;
+};
+
+constexpr Explanation kExplanations[] = {
+    {"bad request method", "405 Method Not Allowed",
+     "This panel answers GET and POST only."},
+    {"You do not authorized", "403 Forbidden",
+     "Your session has ended, or it lacks the right."},
+    {"Post data too large", "413 Content Too Large",
+     "Please send less at a time."},
+    {"error writing temporary file", "507 Insufficient Storage",
+     "There is no room for your files at the moment. Please tell the panel's "
+     "administrator."},
+    {"timeout", "408 Request Timeout",
+     "Nothing more has come from you for 30 seconds. Please try again."},
+    {"Error reading STDIN", "400 Bad Request",
+     "Your request has arrived in part only. Please try again."},
+    {"POST read failed", "400 Bad Request",
+     "Your request has arrived in part only. Please try again."},
+    {"Element value size", "400 Bad Request",
+     "A line of this form is longer than this panel takes."},
+    {"On getting element value", "400 Bad Request",
+     "This form holds a value without a name."},
+    {"", "502 Bad Gateway",
+     "The service behind this panel cannot make sense of this request, or the "
+     "panel of its answer."},
+};
+
 void ShowRequestError(const std::exception& error) {
   const std::string message = error.what();
-  if (message.starts_with("bad request method")) {
-    ShowError("405 Method Not Allowed", message,
-              "This panel answers GET only.");
-  } else if (message == Refusal().what()) {
-    ShowError("403 Forbidden", message,
-              "Your session has ended, or it lacks the right.");
-  } else {
-    ShowError("502 Bad Gateway", message,
-              "The service behind this panel cannot make sense of this request,"
-              " or the panel of its answer.");
+  for (const Explanation& known : kExplanations) {
+    if (message.starts_with(known.message)) {
+      return ShowError(known.status, message, known.help);
+    }
   }
 }
 
@@ -191,7 +315,11 @@ void DistrustForwardedAddress() { ::unsetenv("HTTP_X_FORWARDED_FOR"); }
 void ServeRequest(const char* program) {
   try {
     Cgi cgi(program, kBackend);
-    ShowPage(cgi);
+    if (IsPost()) {
+      TakePost(cgi);
+    } else {
+      ShowPage(cgi);
+    }
   } catch (const tov_err::Value& error) {
     ReportError("400 Bad Request", "This request cannot be passed on.",
                 "It holds a value that is not allowed.", error);

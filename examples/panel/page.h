@@ -35,17 +35,23 @@ inline std::string Escape(const std::string& text) {
   return escaped;
 }
 
+/// What a page may do beside being looked at.
+enum class Rights { kNone, kOwnScript };
+
 /// Writes the whole answer at once, so that an error on the way to it never
 /// leaves half a page behind.
-inline void Send(const std::string& header, const std::string& body) {
+inline void Send(const std::string& header, const std::string& body,
+                 Rights rights = Rights::kNone) {
   const std::string answer =
       header +
-      // Owed to other methods, and true for this one.
-      "Allow: GET\r\n"
+      // Owed to other methods, and true for these.
+      "Allow: GET, POST\r\n"
       "Cache-Control: no-store\r\n"
       "Referrer-Policy: no-referrer\r\n"
       "X-Content-Type-Options: nosniff\r\n"
-      "Content-Security-Policy: default-src 'none'; style-src 'self'; "
+      "Content-Security-Policy: default-src 'none'; style-src 'self'; " +
+      (rights == Rights::kOwnScript ? "script-src 'self'; connect-src 'self'; "
+                                    : "") +
       "form-action 'self'; base-uri 'none'; frame-ancestors 'none'\r\n"
       "\r\n" +
       body;
@@ -55,17 +61,23 @@ inline void Send(const std::string& header, const std::string& body) {
 
 inline void SendPage(const std::string& status, const std::string& title,
                      const std::string& content,
-                     const std::string& navigation = "") {
+                     const std::string& navigation = "",
+                     const std::string& script = "") {
   Send("Status: " + status + "\r\nContent-Type: text/html; charset=utf-8\r\n",
        "<!doctype html>\n<html lang=\"en\">\n<head>\n"
        "<meta charset=\"utf-8\">\n<meta name=\"viewport\" "
        "content=\"width=device-width, initial-scale=1\">\n<title>" +
            Escape(title) +
            " - Panel</title>\n"
-           "<link rel=\"stylesheet\" href=\"/panel.css\">\n</head>\n<body>\n"
+           "<link rel=\"stylesheet\" href=\"/panel.css\">\n" +
+           (script.empty()
+                ? ""
+                : "<script src=\"" + script + "\" defer></script>\n") +
+           "</head>\n<body>\n"
            "<header><a class=\"brand\" href=\"/panel\">Panel</a>\n" +
            navigation + "</header>\n<main>\n<h1>" + Escape(title) + "</h1>\n" +
-           content + "</main>\n</body>\n</html>\n");
+           content + "</main>\n</body>\n</html>\n",
+       script.empty() ? Rights::kNone : Rights::kOwnScript);
 }
 
 /// One line of a list of properties.
@@ -80,8 +92,6 @@ inline std::string Link(const std::string& query, const char* text,
          (current ? " aria-current=\"page\">" : ">") + text + "</a>\n";
 }
 
-/// The form goes by GET, password and all, because the library does not read
-/// POST bodies yet. Do not offer it to a network like that.
 inline void ShowSignIn(const std::string& status, const std::string& problem,
                        const std::string& user) {
   std::string note;
@@ -92,9 +102,9 @@ inline void ShowSignIn(const std::string& status, const std::string& problem,
   const std::string focus_name = user.empty() ? " autofocus" : "";
   const std::string focus_password = user.empty() ? "" : " autofocus";
   SendPage(status, "Sign in",
-           "<form action=\"/panel\" class=\"card\">\n" + note +
-               R"(<input type="hidden" name="page" value="signin">
-<label for="user">Name</label>
+           R"(<form method="post" action="/panel?page=signin" class="card">)"
+           "\n" +
+               note + R"(<label for="user">Name</label>
 <input id="user" name="user" autocomplete="username" required
  aria-describedby="problem" value=")" +
                Escape(user) + "\"" + focus_name + R"(>
@@ -114,6 +124,31 @@ inline void ShowError(const std::string& status, const std::string& problem,
                Escape(problem) + "</p>\n<p>" + help + R"(</p>
 <p><a href="/panel?page=signin">Sign in</a></p></div>
 )");
+}
+
+/// The form for uploads; works without the script too.
+/// @param limit  the largest accepted body, in bytes
+inline void ShowUploadForm(const std::string& token, const std::string& limit,
+                           const std::string& navigation) {
+  SendPage("200 OK", "Upload",
+           R"(<form id="upload" class="card" method="post"
+ action="/panel?page=upload" enctype="multipart/form-data"
+ data-limit=")" +
+               limit + R"(">
+<input type="hidden" name="token" value=")" +
+               token + R"(">
+<label for="files">Files to upload</label>
+<p class="hint">Choose as many as you like, or drop them here. Of two files with
+ one name only one arrives.</p>
+<input id="files" name="files" type="file" multiple required>
+<ul id="chosen"></ul>
+<p id="message" role="status"></p>
+<progress hidden aria-label="Progress of the upload"></progress>
+<button id="send">Upload</button>
+<button id="cancel" type="button" hidden>Cancel</button>
+</form>
+)",
+           navigation, "/upload.js");
 }
 
 /// Sends the browser to another page and has it store a cookie. SameSite keeps

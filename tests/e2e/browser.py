@@ -96,6 +96,9 @@ class Browser:
     def type_into(self, selector, text):
         self._call("POST", self._find(selector) + "/value", {"text": text})
 
+    def choose_files(self, selector, *paths):
+        self.type_into(selector, "\n".join(map(str, paths)))
+
     def click(self, selector):
         self._call("POST", self._find(selector) + "/click", {})
 
@@ -133,9 +136,31 @@ class Browser:
 
     def prefer(self, scheme):
         """As if the person had chosen "dark" or "light" for her desktop."""
-        media = {"features": [{"name": "prefers-color-scheme", "value": scheme}]}
-        call = {"cmd": "Emulation.setEmulatedMedia", "params": media}
+        self.devtools(
+            "Emulation.setEmulatedMedia",
+            features=[{"name": "prefers-color-scheme", "value": scheme}],
+        )
+
+    def devtools(self, command, **parameters):
+        call = {"cmd": command, "params": parameters}
         self._call("POST", "/goog/cdp/execute", call)
+
+    def slow_down(self, bytes_per_second):
+        """As if by a slow line."""
+        self.devtools("Network.enable")
+        self.devtools(
+            "Network.emulateNetworkConditions",
+            offline=False,
+            latency=0,
+            downloadThroughput=-1,
+            uploadThroughput=bytes_per_second,
+        )
+
+    def disable_scripts(self):
+        self.devtools("Emulation.setScriptExecutionDisabled", value=True)
+
+    def is_enabled(self, selector):
+        return self._call("GET", self._find(selector) + "/enabled")
 
     def run(self, script):
         return self._call("POST", "/execute/sync", {"script": script, "args": []})

@@ -8,7 +8,7 @@ import time
 import unittest
 
 from browser import CHROMIUM, DRIVER, Browser
-from panel_server import Panel
+from panel_server import Panel, wait_for
 
 TAB = "\ue004"
 ENTER = "\ue007"
@@ -83,6 +83,86 @@ class BrowserTest(unittest.TestCase):
         self.browser.press(self.panel.user + TAB + self.panel.password + ENTER)
         self.assert_sees(rf"Name\s+{self.panel.user}")
 
+    def open_upload(self):
+        self.signed_in()
+        self.browser.click_link("Upload")
+        self.assert_sees("Files to upload")
+
+    def make_file(self, name, size):
+        path = self.panel.state / name
+        with path.open("wb") as file:
+            file.truncate(size)
+        return path
+
+    def test_an_upload_of_several_files(self):
+        self.open_upload()
+        self.assertEqual(self.browser.label("#files"), "Files to upload")
+        files = [self.make_file("report.pdf", 3_000_000), self.make_file("a<b>.txt", 12)]
+        self.browser.choose_files("#files", *files)
+        self.assert_sees("report.pdf, 2.9 MB", "a<b>.txt, 12 bytes", "Together: 2.9 MB")
+        self.browser.screenshot("upload-chosen")
+        self.browser.click("#send")
+        self.assert_sees("Uploaded", "report.pdf 3000000", "a<b>.txt 12", "Together 3000012")
+        self.browser.screenshot("uploaded")
+        self.assertEqual(self.panel.spooled(), [])
+        self.browser.click_link("Upload more")
+        self.assert_sees("Files to upload")
+
+    def test_an_upload_shows_its_progress_and_can_be_cancelled(self):
+        self.open_upload()
+        self.browser.slow_down(500_000)
+        self.browser.choose_files("#files", self.make_file("backup.tar", 20_000_000))
+        self.browser.click("#send")
+        self.assert_sees(r"\d[.]\d MB of 19[.]1 MB", "Cancel")
+        self.assertGreater(self.browser.run("return document.querySelector('progress').value"), 0)
+        self.browser.screenshot("upload-progress")
+        self.browser.click("#cancel")
+        self.assert_sees("Cancelled. Nothing was kept.")
+        wait_for(lambda: not self.panel.spooled())
+        self.browser.screenshot("upload-cancelled")
+
+    def test_an_upload_that_is_too_large_is_explained_before_it_is_sent(self):
+        self.open_upload()
+        self.browser.choose_files("#files", self.make_file("disk.img", 101 * 1024 * 1024))
+        self.assert_sees("Together these are 101.0 MB, more than the limit of 100.0 MB")
+        self.assertFalse(self.browser.is_enabled("#send"))
+        self.browser.screenshot("upload-too-large")
+
+    def test_two_dropped_files_of_one_name_both_arrive(self):
+        self.open_upload()
+        self.browser.run(
+            "const data = new DataTransfer();"
+            "for (const text of ['one', 'three'])"
+            "  data.items.add(new File([text], 'same.txt'));"
+            "document.querySelector('#upload').dispatchEvent("
+            "  new DragEvent('drop', {dataTransfer: data, cancelable: true}));"
+        )
+        self.assert_sees("same.txt, 3 bytes", "same.txt, 5 bytes")
+        self.browser.click("#send")
+        self.assert_sees(r"same \(2\)\.txt 5", r"same\.txt 3", "Together 8")
+
+    def test_an_upload_by_keyboard(self):
+        self.open_upload()
+        self.browser.choose_files("#files", self.make_file("notes.txt", 7))
+        self.browser.run("document.querySelector('#files').focus()")
+        self.browser.press(TAB + ENTER)
+        self.assert_sees("notes.txt 7")
+        self.assertEqual(self.browser.run("return document.activeElement.textContent"), "Uploaded")
+
+    def test_an_upload_without_scripts(self):
+        self.browser.disable_scripts()
+        self.open_upload()
+        self.browser.choose_files("#files", self.make_file("notes.txt", 7))
+        self.browser.click("#send")
+        self.assert_sees("Uploaded", "notes.txt 7")
+        self.browser.click_link("Upload more")
+        self.assert_sees("Files to upload")
+        # Not kept from being sent here, so the front end has to say it.
+        self.browser.choose_files("#files", self.make_file("disk.img", 101 * 1024 * 1024))
+        self.browser.click("#send")
+        self.assert_sees("Post data too large. Max allowed length is 102400KB")
+        self.browser.screenshot("upload-refused")
+
     def test_scripts_cannot_read_the_session(self):
         self.signed_in()
         self.assertNotIn("panelses5", self.browser.run("return document.cookie"))
@@ -112,9 +192,9 @@ class BrowserTest(unittest.TestCase):
         self.browser.open(self.panel.url)
         self.assertLess(self.brightness_of_the_page(), 100)
         self.signed_in()
-        for page in ("Who am I", "Sessions"):
+        for page in ("Who am I", "Sessions", "Upload"):
             self.browser.click_link(page)
-            self.assert_sees(page, self.panel.user)
+            self.assert_sees(page)
             self.browser.screenshot("dark-" + page.replace(" ", "-").lower())
             overhang = "return document.scrollingElement.scrollWidth - innerWidth"
             self.assertLessEqual(self.browser.run(overhang), 0)

@@ -148,7 +148,7 @@ class LogTest(unittest.TestCase):
 
     def test_of_ordinary_visits(self):
         session = self.panel.sign_in()
-        self.panel.request(page="signin", user=self.panel.user, password="a wrong one")
+        self.panel.send_sign_in(password="a wrong one")
         self.panel.request(page="whoami", auth=session)
         self.panel.request("POST", page="whoami", auth=session)
         with self.panel.back_end_away():
@@ -158,9 +158,7 @@ class LogTest(unittest.TestCase):
 
     def test_of_a_request_that_takes_too_long(self):
         with self.slow_back_end("--harakiri", "1"):
-            answer = self.panel.request(
-                page="signin", user=self.panel.user, password=self.panel.password
-            )
+            answer = self.panel.send_sign_in()
         self.assertEqual(answer.status, 502)
         self.assert_logged("second-backend.log", "HARAKIRI ON WORKER")
         self.assert_not_logged(self.panel.password)

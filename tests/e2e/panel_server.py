@@ -82,12 +82,23 @@ class Panel:
         cookie = {"Cookie": "panelses5=" + session}
         return self.request(headers=cookie, **items)
 
+    def post(self, page, body, headers=()):
+        return self.request("POST", headers, body, page=page)
+
+    def send_sign_in(self, user=None, password=None, **more):
+        """The sign-in form, filled in."""
+        items = {"user": user or self.user, "password": password or self.password, **more}
+        kind = {"Content-Type": "application/x-www-form-urlencoded"}
+        return self.post("signin", urllib.parse.urlencode(items), kind)
+
     def sign_in(self, user=None, password=None):
-        answer = self.request(
-            page="signin", user=user or self.user, password=password or self.password
-        )
+        answer = self.send_sign_in(user, password)
         assert answer.status == 303, answer.body
         return answer.session()
+
+    def spooled(self):
+        """What is left of uploads."""
+        return sorted(path.name for path in (self.state / "spool").iterdir())
 
     def logs(self):
         return {path.name: path.read_text(errors="replace") for path in self.state.glob("*.log")}

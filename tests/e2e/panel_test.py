@@ -45,25 +45,34 @@ class SignIn(PanelTest):
             self.assert_page(answer, 403, "Please sign in first.", 'type="password"')
 
     def test_wrong_password_is_refused(self):
-        answer = self.panel.request(page="signin", user=self.panel.user, password="no")
+        answer = self.panel.send_sign_in(password="no")
         self.assert_page(answer, 403, "Name or password is wrong.", 'type="password"')
         self.assertNotIn("Set-Cookie", answer.headers)
 
     def test_unknown_user_gets_the_same_answer(self):
-        unknown = self.panel.request(page="signin", user="nobody", password="no")
-        wrong = self.panel.request(page="signin", user=self.panel.user, password="no")
+        unknown = self.panel.send_sign_in("nobody", "no")
+        wrong = self.panel.send_sign_in(password="no")
         self.assertEqual(unknown.status, wrong.status)
         self.assertEqual(unknown.body.replace("nobody", self.panel.user), wrong.body)
 
     def test_sign_in_sets_the_cookie_and_hides_the_password(self):
-        answer = self.panel.request(
-            page="signin", user=self.panel.user, password=self.panel.password
-        )
+        answer = self.panel.send_sign_in()
         self.assertEqual(answer.status, 303)
         self.assertEqual(answer.headers["Location"], "/panel")
         name, *attributes = answer.headers["Set-Cookie"].split("; ")
         self.assertRegex(name, "^panelses5=[0-9a-f]{32}$")
         self.assertEqual(sorted(attributes), ["HttpOnly", "Path=/", "SameSite=Strict"])
+
+    def test_password_in_the_address_does_not_count(self):
+        answer = self.panel.request(
+            page="signin", user=self.panel.user, password=self.panel.password
+        )
+        self.assert_page(answer, 200, 'type="password"')
+        self.assertNotIn("Set-Cookie", answer.headers)
+
+    def test_form_of_more_than_4_kb_is_refused(self):
+        answer = self.panel.send_sign_in(password="x" * 4096)
+        self.assert_page(answer, 413, "Post data too large. Max allowed length is 4KB")
 
     def test_neither_password_nor_session_is_stored(self):
         session = self.panel.sign_in()
@@ -156,13 +165,19 @@ class SignOut(PanelTest):
 
 class Request(PanelTest):
     def test_for_an_unknown_page(self):
-        self.assert_page(self.panel.with_session(self.panel.sign_in(), page="nonsense"), 404)
+        session = self.panel.sign_in()
+        self.assert_page(self.panel.with_session(session, page="nonsense"), 404)
+        for page in ("nonsense", "whoami", "", "upload&page=signin"):
+            answer = self.panel.request(
+                "POST", {"Cookie": "panelses5=" + session}, "a=1", "/panel?page=" + page
+            )
+            self.assert_page(answer, 404)
 
     def test_by_another_method_is_refused_by_name(self):
-        for method in ("POST", "PUT", "DELETE"):
+        for method in ("PUT", "DELETE"):
             answer = self.panel.request(method, body="a=1")
             self.assertEqual(answer.status, 405)
-            self.assertEqual(answer.headers["Allow"], "GET")
+            self.assertEqual(answer.headers["Allow"], "GET, POST")
             self.assertIn(f"bad request method '{method}'", html.unescape(answer.body))
 
     def test_with_a_zero_byte_cannot_be_passed_on(self):
@@ -178,7 +193,7 @@ class Request(PanelTest):
         self.panel.add_user(name, 9, "x")
         session = self.panel.sign_in(name, "x")
         answers = [self.panel.with_session(session, page=page) for page in ("whoami", "sessions")]
-        answers.append(self.panel.request(page="signin", user=name, password="wrong"))
+        answers.append(self.panel.send_sign_in(name, "wrong"))
         for answer in answers:
             self.assertIn(name, html.unescape(answer.body))
             self.assertNotIn("<script", answer.body)
@@ -201,12 +216,7 @@ class Request(PanelTest):
         self.assert_page(answer, 502, "unknown authorization error")
 
     def test_that_injects_into_the_sign_in_is_not_blamed_on_the_password(self):
-        answer = self.panel.request(
-            page="signin",
-            user=self.panel.user,
-            password=self.panel.password,
-            sfrom="x&func=whoami",
-        )
+        answer = self.panel.send_sign_in(sfrom="x&func=whoami")
         self.assert_page(answer, 502)
         self.assertNotIn("Set-Cookie", answer.headers)
 

@@ -1,0 +1,104 @@
+/// @file
+/// A folder for the uploads of one request that is gone when the request is,
+/// however it ends.
+#ifndef PANEL_UPLOAD_SPOOL_H
+#define PANEL_UPLOAD_SPOOL_H
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+namespace panel {
+
+/// A new folder, for this process alone, with a guardian that removes it.
+///
+/// A web server ends a front end by a signal when the visitor goes away in the
+/// middle of an upload (lighttpd when it streams, Apache's mod_cgid), and the
+/// kernel does when a limit is reached. No destructor runs then, and the
+/// library's temporary files would stay. A signal handler is no way out: it may
+/// not do what removing files takes, and one that merely returns makes the
+/// interrupted read look like an empty one, after which the parse goes on for
+/// ever.
+///
+/// So a second process waits for the end of this one. It makes the folder
+/// itself: there is no moment at which nobody would remove it.
+class UploadSpool {
+ public:
+  /// @param parent  an existing folder; nobody else may rename what is in it
+  /// @throws std::runtime_error when the folder cannot be made
+  explicit UploadSpool(const std::string& parent) {
+    int ends[2];
+    if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
+      throw std::runtime_error("no socket for the guardian of uploads");
+    }
+    guardian_ = ::fork();
+    if (guardian_ == 0) {
+      ::close(ends[0]);
+      Guard(parent, ends[1]);
+    }
+    ::close(ends[1]);
+    lifeline_ = ends[0];
+    ReceivePath(parent);
+  }
+
+  /// Has the folder removed with all that is in it.
+  ~UploadSpool() { Release(); }
+
+  UploadSpool(const UploadSpool&) = delete;
+  UploadSpool& operator=(const UploadSpool&) = delete;
+
+  const std::string& Path() const { return path_; }
+
+ private:
+  static constexpr std::size_t kLongestPath = 4096;
+
+  void ReceivePath(const std::string& parent) {
+    char path[kLongestPath];
+    const ssize_t size =
+        guardian_ < 0 ? 0 : ::recv(lifeline_, path, sizeof(path), 0);
+    if (size <= 0) {
+      Release();
+      throw std::runtime_error("no folder for uploads in '" + parent + "'");
+    }
+    path_.assign(path, static_cast<std::size_t>(size));
+  }
+
+  void Release() {
+    ::close(lifeline_);
+    if (guardian_ > 0) ::waitpid(guardian_, nullptr, 0);
+  }
+
+  /// The guardian's whole life. It keeps nothing of the web server's open, or
+  /// the server would wait for it, and leaves the process group, which the
+  /// server may send signals to.
+  [[noreturn]] static void Guard(const std::string& parent, int lifeline) {
+    ::setsid();
+    const int nothing = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    for (int standard = 0; standard <= 2; ++standard) {
+      ::dup2(nothing, standard);
+    }
+    std::string path = parent + "/upload-XXXXXX";
+    if (::mkdtemp(path.data()) == nullptr) ::_exit(1);
+    ::send(lifeline, path.data(), path.size(), MSG_NOSIGNAL);
+    char nobody_writes_this;
+    ::recv(lifeline, &nobody_writes_this, 1, 0);
+    std::error_code failure;
+    std::filesystem::remove_all(path, failure);
+    ::_exit(failure ? 1 : 0);
+  }
+
+  pid_t guardian_ = -1;
+  int lifeline_ = -1;
+  std::string path_;
+};
+
+}  // namespace panel
+
+#endif
