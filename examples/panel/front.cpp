@@ -183,7 +183,7 @@ std::string UploadRows(Cgi& cgi) {
   cgi.GetFileNames(names);
   std::string rows;
   for (const std::string& name : names) {
-    rows += "<tr><td>" + Escape(name) + "</td><td>" +
+    rows += "<tr><td>" + Escape(name) + "</td><td class=\"numbers\">" +
             str::Str(std::filesystem::file_size(cgi.File(name))) +
             "</td></tr>\n";
   }
@@ -195,8 +195,9 @@ std::string UploadRows(Cgi& cgi) {
 void ShowUploaded(Cgi& cgi, const Answer& answer) {
   SendPage("200 OK", "Uploaded",
            "<div class=\"card\"><table>\n<thead><tr><th>Name</th>"
-           "<th>Bytes</th></tr></thead>\n<tbody>\n" +
-               UploadRows(cgi) + "</tbody>\n<tfoot><tr><th>Together</th><th>" +
+           "<th class=\"numbers\">Bytes</th></tr></thead>\n<tbody>\n" +
+               UploadRows(cgi) +
+               "</tbody>\n<tfoot><tr><th>Together</th><th class=\"numbers\">" +
                str::Str(cgi.GetFileSize()) +
                "</th></tr></tfoot>\n</table>\n<p class=\"hint\">All has "
                "arrived. This example keeps none of it.</p>\n<p><a "

@@ -138,8 +138,9 @@ inline void ShowUploadForm(const std::string& token, const std::string& limit,
 <input type="hidden" name="token" value=")" +
                token + R"(">
 <label for="files">Files to upload</label>
-<p class="hint">Choose as many as you like, or drop them here. Of two files with
- one name only one arrives.</p>
+<p class="hint">Choose as many as you like, or drop them here.</p>
+<noscript><p class="hint">Of two files with one name only the later
+ arrives.</p></noscript>
 <input id="files" name="files" type="file" multiple required>
 <ul id="chosen"></ul>
 <p id="message" role="status"></p>

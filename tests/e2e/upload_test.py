@@ -60,10 +60,10 @@ class UploadTest(unittest.TestCase):
 
     def assert_uploaded(self, answer, *files):
         self.assertEqual(answer.status, 200, answer.body)
-        rows = re.findall(r"<tr><td>(.*?)</td><td>(\d+)</td></tr>", answer.body)
+        rows = re.findall(r'<tr><td>(.*?)</td><td class="numbers">(\d+)</td></tr>', answer.body)
         self.assertEqual([(html.unescape(name), int(size)) for name, size in rows], list(files))
         total = sum(size for _, size in files)
-        self.assertIn(f"<th>Together</th><th>{total}</th>", answer.body)
+        self.assertIn(f'<th>Together</th><th class="numbers">{total}</th>', answer.body)
         self.assertEqual(self.panel.spooled(), [])
 
     def test_of_several_files(self):

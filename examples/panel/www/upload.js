@@ -78,7 +78,7 @@ function finish(text) {
   request = null;
   progress.hidden = true;
   cancel.hidden = true;
-  send.disabled = false;
+  send.hidden = false;
   say(text, true);
 }
 
@@ -113,7 +113,7 @@ function start(event) {
   progress.removeAttribute("value");
   progress.hidden = false;
   cancel.hidden = false;
-  send.disabled = true;
+  send.hidden = true;
   say("Sending");
   request.send(formData());
   cancel.focus();
