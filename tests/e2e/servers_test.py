@@ -1,0 +1,188 @@
+"""Uploads through real web servers: what arrives, and how."""
+
+import os
+import random
+import unittest
+
+import web_servers
+from upload_probe import (
+    Field,
+    Form,
+    Probe,
+    Received,
+    Upload,
+    content_type,
+    digest_of_file,
+)
+
+MEGABYTE = 1 << 20
+URLENCODED = "application/x-www-form-urlencoded"
+LONG = os.environ.get("ZANCGI_LONG") == "1"
+# The edges of the library's chunks.
+SIZES = (0, 1, 65_535, 65_536, 65_537)
+
+chance = random.Random(20261121)
+
+
+def without_cr(size):
+    return chance.randbytes(size).replace(b"\r", b"\n")
+
+
+def deceptive(size, boundary):
+    """Made of what a separator is made of, without ever being one."""
+    separator = b"\r\n--" + boundary
+    pieces = [separator[:length] for length in range(1, len(separator))]
+    pieces += [b"\r", b"\n", b"-", b"\0", b"\r\r\n--", b"x", b"--" + boundary[:-1] + b"\r\n"]
+    content = b""
+    while len(content) < size:
+        content += b"".join(chance.choices(pieces, k=1000))
+    return content[:size].replace(separator, b"")
+
+
+def new_boundary():
+    return b"-" * chance.randrange(20) + b"%032x" % chance.getrandbits(128)
+
+
+class UploadTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.probe = Probe(cls.kind)
+        cls.addClassCleanup(cls.probe.stop)
+
+    def assert_received(self, received, record, expected):
+        hint = f"reads {record.reads()[:100]}\n{self.probe.server.logs()}"
+        self.assertEqual(received, expected, hint)
+        self.assertEqual(os.listdir(self.probe.spool), [])
+
+    def post(self, form, boundary, pieces=None):
+        """What arrives is what was sent; what is made of it, as predicted."""
+        body = form.body(boundary)
+        if pieces is None:
+            record = self.probe.post(body, content_type(boundary))
+        else:
+            record = self.probe.post_slowly(pieces(body), content_type(boundary))
+        self.assertTrue(record.body() == body, f"other bytes than sent: {record.reads()[:100]}")
+        self.assert_received(record.received(), record, record.predicted())
+        return record
+
+    def assert_arrives_as_sent(self, form):
+        """The web server may cut the body where that changes the form. Not
+        every time, though."""
+        for _ in range(5):
+            record = self.post(form, new_boundary())
+            if not record.is_cut_where_it_hurts():
+                return self.assert_received(record.received(), record, form.as_sent())
+        return self.fail(f"cut at a line end again and again: {record.reads()[:100]}")
+
+
+class BodyOf(UploadTest):
+    def test_no_byte_holds_nothing(self):
+        record = self.probe.post(b"", URLENCODED)
+        self.assertEqual(record.answer.status, 200)
+        self.assert_received(record.received(), record, Received())
+
+    def test_one_byte_is_a_name(self):
+        record = self.probe.post(b"a", URLENCODED)
+        self.assert_received(record.received(), record, Received({b"a": b""}))
+
+    def test_any_size_of_a_query_string(self):
+        for size in SIZES[2:]:
+            value = b"x" * (size - 7 - len("%2B"))
+            record = self.probe.post(b"a=1&b=" + value + b"%2B+", URLENCODED)
+            expected = Received({b"a": b"1", b"b": value + b"+ "})
+            self.assert_received(record.received(), record, expected)
+
+    def test_any_size_of_a_form(self):
+        for size in SIZES[2:]:
+            boundary = new_boundary()
+            frame = len(Form(Upload(b"u", b"f", b""), Field(b"z", b"1")).body(boundary))
+            content = without_cr(size - frame)
+            form = Form(Upload(b"u", b"f", content), Field(b"z", b"1"))
+            self.assertEqual(len(self.post(form, boundary).body()), size)
+
+
+class File(UploadTest):
+    def test_of_any_size(self):
+        for size in SIZES:
+            with self.subTest(size=size):
+                upload = Upload(b"upload", b"random.bin", without_cr(size))
+                self.assert_arrives_as_sent(
+                    Form(Field(b"before", b"1"), upload, Field(b"after", b"2\xff"))
+                )
+
+    def test_of_20_megabytes(self):
+        upload = Upload(b"upload", b"large.bin", without_cr(20 * MEGABYTE))
+        self.assert_arrives_as_sent(Form(Field(b"a", b"1"), upload, Field(b"b", b"2")))
+
+    def test_beside_other_files(self):
+        sizes = (70_000, 0, 3, 200_000)
+        uploads = [
+            Upload(b"u%d" % number, b"file %d" % number, without_cr(size))
+            for number, size in enumerate(sizes)
+        ]
+        self.assert_arrives_as_sent(Form(*uploads, Field(b"last", b"")))
+
+    def test_that_is_made_of_separators(self):
+        boundary = new_boundary()
+        for size in (100, 65_537, MEGABYTE):
+            upload = Upload(b"upload", b"deceptive", deceptive(size, boundary))
+            self.post(Form(Field(b"a", b"1"), upload, Field(b"b", b"2")), boundary)
+
+    def test_with_line_ends(self):
+        self.post(Form(Upload(b"u", b"f", chance.randbytes(2 * MEGABYTE))), new_boundary())
+
+
+class Piece(UploadTest):
+    """A slow client has its body cut where its pieces end, or not."""
+
+    form = Form(
+        Field(b"a", b"1"),
+        Upload(b"u", b"f", b"x\r\n--y\r\n--BOUNDARX"),
+        Field(b"b", b"2"),
+    )
+    boundary = b"BOUNDARY"
+
+    def test_that_ends_anywhere(self):
+        length = len(self.form.body(self.boundary))
+        for cut in sorted(chance.sample(range(len(self.boundary) + 5, length), 25)):
+            with self.subTest(cut=cut):
+                self.post(self.form, self.boundary, lambda body: [body[:cut], body[cut:]])
+
+    def test_of_any_length(self):
+        for length in (1, 2, 7, 64):
+            with self.subTest(length=length):
+                self.post(self.form, self.boundary, lambda body: in_pieces(body, 40, length))
+
+
+def in_pieces(body, first, length):
+    """Shorter ones behind a first that holds the first boundary's line."""
+    rest = range(first, len(body), length)
+    return [body[:first], *(body[start : start + length] for start in rest)]
+
+
+class StandardInput(UploadTest):
+    def test_is_what_programs_are_told_to_expect(self):
+        kinds = [
+            self.probe.post(b"a=" + b"x" * size, URLENCODED).answer.headers["X-Standard-Input"]
+            for size in (10, 200_000)
+        ]
+        self.assertEqual(tuple(kinds), self.kind.standard_input)
+
+
+@unittest.skipUnless(LONG, "takes minutes, and gigabytes of disk: set ZANCGI_LONG=1")
+class LargeFile(UploadTest):
+    def test_of_3_gigabytes(self):
+        pass
+
+
+def load_tests(loader, _tests, _pattern):
+    suite = unittest.TestSuite()
+    for kind in web_servers.ALL:
+        for test in (BodyOf, File, Piece, StandardInput, LargeFile):
+            name = f"{test.__name__}_{kind.__name__}"
+            suite.addTests(loader.loadTestsFromTestCase(type(name, (test,), {"kind": kind})))
+    return suite
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,229 @@
+"""Sends uploads to the probe behind a web server, and says what has come of
+them: what the probe reports, and what the plain parser makes of the same
+reads."""
+
+import contextlib
+import dataclasses
+import hashlib
+import http.client
+import itertools
+import os
+import socket
+import subprocess
+import time
+
+PROBE = os.environ["UPLOAD_PROBE"]
+PREDICTION = os.environ["UPLOAD_PREDICTION"]
+
+
+@dataclasses.dataclass(frozen=True)
+class Digest:
+    size: int
+    sha256: str
+
+
+def digest(content):
+    return Digest(len(content), hashlib.sha256(content).hexdigest())
+
+
+def digest_of_file(path):
+    with path.open("rb") as file:
+        return Digest(path.stat().st_size, hashlib.file_digest(file, "sha256").hexdigest())
+
+
+@dataclasses.dataclass
+class Received:
+    """What a request held, texts as bytes."""
+
+    params: dict = dataclasses.field(default_factory=dict)
+    # Digests by client file name.
+    files: dict = dataclasses.field(default_factory=dict)
+    # Of all files, as the library counts it.
+    size: int = 0
+    error: bytes = b""
+
+
+# The probe has been ended by its limit of processor time.
+WITHOUT_END = Received(error=b"parsed for ever")
+
+
+def parse_report(report, folder, stem):
+    if report == "spins\n":
+        return WITHOUT_END
+    received = Received()
+    for line in report.splitlines():
+        kind, *words = line.split()
+        texts = [bytes.fromhex(word[1:]) for word in words if word.startswith("x")]
+        if kind == "param":
+            received.params[texts[0]] = texts[1]
+        elif kind == "file":
+            content = folder / f"{stem}-{len(received.files)}"
+            received.files[texts[0]] = digest_of_file(content)
+        elif kind == "size":
+            received.size = int(words[0])
+        else:
+            received.error = texts[0]
+    return received
+
+
+class Record:
+    """What the probe leaves behind of one request."""
+
+    def __init__(self, folder):
+        self.folder = folder
+        self.answer = None
+
+    def was_read(self):
+        return (self.folder / "reads").exists()
+
+    def reads(self):
+        return [int(line) for line in (self.folder / "reads").read_text().split()]
+
+    def body(self):
+        return (self.folder / "body").read_bytes()
+
+    def received(self):
+        if self.answer.headers["X-Standard-Input"] is None:
+            return WITHOUT_END
+        return parse_report(self.answer.body, self.folder, "file")
+
+    def predicted(self):
+        command = [PREDICTION, self.folder]
+        report = subprocess.run(command, capture_output=True, text=True, check=True).stdout
+        return parse_report(report, self.folder, "predicted")
+
+    def is_cut_where_it_hurts(self):
+        """Whether a read ended inside the first boundary's line or between CR
+        and LF: lines then run together, and a form is not received as sent.
+        Behind the last boundary nothing is left to be hurt."""
+        body = self.body()
+        first_line = body.find(b"\r\n") + 2
+        return any(
+            cut <= first_line or body[cut - 1 : cut + 1] == b"\r\n"
+            for cut in itertools.accumulate(self.reads())
+            if cut < len(body) - 2
+        )
+
+
+class Answer:
+    def __init__(self, response):
+        self.status = response.status
+        self.headers = response.headers
+        self.body = response.read().decode()
+
+
+class Probe:
+    """The probe behind a web server of the given kind."""
+
+    def __init__(self, kind):
+        self.server = kind(PROBE)
+        self.records = self.server.make_folder("records")
+        self.spool = self.server.make_folder("spool")
+        self.numbers = itertools.count()
+        self.server.start({"PROBE_RECORDS": str(self.records), "PROBE_SPOOL": str(self.spool)})
+
+    def stop(self):
+        self.server.stop()
+
+    def new_record(self, keeps_body=True):
+        """For the request that is sent to address(record)."""
+        folder = self.server.make_folder(f"records/{next(self.numbers)}")
+        if keeps_body:
+            self.server.make_file(folder / "body")
+        return Record(folder)
+
+    def path(self, record):
+        return f"{self.server.path}?{record.folder.name}"
+
+    def address(self, record):
+        return f"{self.server.url}?{record.folder.name}"
+
+    def post(self, body, content_type, keeps_body=True, **headers):
+        """A body, or the pieces of one with CONTENT_LENGTH among the headers."""
+        record = self.new_record(keeps_body)
+        headers["Content-Type"] = content_type
+        with self.connection() as connection:
+            connection.request("POST", self.path(record), body, headers)
+            record.answer = Answer(connection.getresponse())
+        return record
+
+    def post_slowly(self, pieces, content_type):
+        """With a pause before each piece, so that most servers pass it on by
+        itself."""
+        length = {"Content-Length": str(sum(map(len, pieces)))}
+        return self.post(slowly(pieces), content_type, **length)
+
+    @contextlib.contextmanager
+    def connection(self):
+        connection = http.client.HTTPConnection(self.server.host, self.server.port, timeout=120)
+        connection.connect()
+        connection.sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        try:
+            yield connection
+        finally:
+            connection.close()
+
+
+def slowly(pieces):
+    for piece in pieces:
+        time.sleep(0.02)
+        yield piece
+
+
+@dataclasses.dataclass
+class Field:
+    name: bytes
+    value: bytes
+
+    def header(self):
+        return b'Content-Disposition: form-data; name="%s"' % self.name
+
+    def content(self):
+        return self.value
+
+    def add_to(self, received):
+        received.params[self.name] = self.value
+
+
+@dataclasses.dataclass
+class Upload:
+    name: bytes
+    file_name: bytes
+    data: bytes
+
+    def header(self):
+        disposition = b'Content-Disposition: form-data; name="%s"; filename="%s"'
+        return disposition % (self.name, self.file_name) + (
+            b"\r\nContent-Type: application/octet-stream"
+        )
+
+    def content(self):
+        return self.data
+
+    def add_to(self, received):
+        received.params[self.name] = self.file_name
+        received.files[self.file_name] = digest(self.data)
+        received.size += len(self.data)
+
+
+class Form:
+    def __init__(self, *parts):
+        self.parts = parts
+
+    def body(self, boundary):
+        pieces = [
+            b"--%s\r\n%s\r\n\r\n%s\r\n" % (boundary, part.header(), part.content())
+            for part in self.parts
+        ]
+        return b"".join(pieces) + b"--%s--\r\n" % boundary
+
+    def as_sent(self):
+        """What is received of it when nothing is lost."""
+        received = Received()
+        for part in self.parts:
+            part.add_to(received)
+        return received
+
+
+def content_type(boundary):
+    return "multipart/form-data; boundary=" + boundary.decode()

@@ -1,0 +1,281 @@
+"""Real web servers with one CGI program behind them, each on a port of its own.
+
+    server = Lighttpd(program)
+    spool = server.make_folder("spool")
+    server.start({"TMP": str(spool)})
+    ...
+    server.stop()
+
+Whoever runs the tests, the servers are run by an ordinary user.
+"""
+
+import contextlib
+import os
+import pathlib
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+
+from panel_server import wait_for
+
+# What the program is linked with, wherever it has been built.
+LIBRARIES = os.environ["LIBRARIES"].split(":")
+NOBODY = 65534
+
+
+class WebServer:
+    # What the program's standard input is, for a short and for a long body.
+    standard_input = ("pipe", "pipe")
+
+    def __init__(self, program):
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="web-server-"))
+        self._give_away(self.folder)
+        self.documents = self.make_folder("www")
+        self.program = self._copy(program, self.make_folder("www/cgi-bin"))
+        self.libraries = self.make_folder("lib")
+        for library in LIBRARIES:
+            self._copy(library, self.libraries)
+        self.host, self.port = free_address()
+        self.path = "/cgi-bin/" + self.program.name
+        self.url = f"http://{self.host}:{self.port}{self.path}"
+        self.processes = []
+
+    def start(self, variables):
+        """The program gets these environment variables."""
+        self.variables = {"LD_LIBRARY_PATH": str(self.libraries), **variables}
+        try:
+            self.start_processes()
+            wait_for(self._accepts)
+        except BaseException:
+            print(self.logs())
+            self.stop()
+            raise
+
+    def stop(self):
+        for process in self.processes:
+            end_session(process)
+        wait_for(lambda: not self.running_programs())
+        shutil.rmtree(self.folder)
+
+    def make_folder(self, name):
+        """A new folder that server and program may write into."""
+        folder = self.folder / name
+        folder.mkdir()
+        self._give_away(folder)
+        return folder
+
+    def make_file(self, path):
+        """An empty one that the program may write into."""
+        path.touch()
+        self._give_away(path)
+
+    def running_programs(self):
+        """The ids of the processes that run the program."""
+        found = []
+        for link in pathlib.Path("/proc").glob("[0-9]*/exe"):
+            with contextlib.suppress(OSError):
+                if os.readlink(link) == str(self.program):
+                    found.append(int(link.parent.name))
+        return found
+
+    def logs(self):
+        logs = sorted(self.folder.glob("*.log"))
+        return "\n".join(f"{log.name}: {log.read_text(errors='replace')}" for log in logs)
+
+    def run(self, *command, **environment):
+        with (self.folder / f"{command[0]}-output.log").open("ab") as output:
+            self.processes.append(
+                subprocess.Popen(
+                    command,
+                    env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", **environment},
+                    cwd="/",
+                    stdin=subprocess.DEVNULL,
+                    stdout=output,
+                    stderr=output,
+                    start_new_session=True,
+                    **self._identity(),
+                )
+            )
+
+    def configuration(self, text):
+        path = self.folder / "server.conf"
+        path.write_text(text)
+        return path
+
+    def _accepts(self):
+        if any(has_ended(process) for process in self.processes):
+            raise RuntimeError("the web server does not start")
+        with socket.socket() as client:
+            return client.connect_ex((self.host, self.port)) == 0
+
+    def _identity(self):
+        if os.geteuid() != 0:
+            return {}
+        return {"user": NOBODY, "group": NOBODY, "extra_groups": []}
+
+    def _give_away(self, path):
+        if os.geteuid() == 0:
+            os.chown(path, NOBODY, NOBODY)
+
+    def _copy(self, source, folder):
+        copy = pathlib.Path(shutil.copy(source, folder))
+        copy.chmod(0o755)
+        return copy
+
+
+class Lighttpd(WebServer):
+    """Hands the body to the program once all of it has come."""
+
+    stream_request_body = 0
+    standard_input = ("pipe", "file")
+
+    def start_processes(self):
+        variables = ", ".join(
+            f'"{name}" => "{value}"' for name, value in self.variables.items()
+        )
+        configuration = self.configuration(
+            f"""
+            server.modules = ( "mod_setenv", "mod_cgi" )
+            server.bind = "{self.host}"
+            server.port = {self.port}
+            server.document-root = "{self.documents}"
+            server.errorlog = "{self.folder}/lighttpd.log"
+            server.upload-dirs = ( "{self.folder}" )
+            server.stream-request-body = {self.stream_request_body}
+            cgi.assign = ( "" => "" )
+            setenv.set-environment = ( {variables} )
+            """
+        )
+        self.run("lighttpd", "-D", "-f", configuration)
+
+
+class LighttpdStreaming(Lighttpd):
+    """Hands the body on while it comes, and slows the client down."""
+
+    stream_request_body = 2
+    standard_input = ("pipe", "pipe")
+
+
+class Apache(WebServer):
+    """Threads, and a daemon of its own that starts the programs."""
+
+    standard_input = ("socket", "socket")
+    modules = ("mpm_event", "authz_core", "alias", "env", "cgid")
+
+    def start_processes(self):
+        modules = "\n".join(
+            f"LoadModule {name}_module /usr/lib/apache2/modules/mod_{name}.so"
+            for name in self.modules
+        )
+        variables = "\n".join(
+            f'SetEnv "{name}" "{value}"' for name, value in self.variables.items()
+        )
+        configuration = self.configuration(
+            f"""
+            {modules}
+            ServerName {self.host}
+            Listen {self.host}:{self.port}
+            ErrorLog "{self.folder}/apache.log"
+            PidFile "{self.folder}/apache.pid"
+            DefaultRuntimeDir "{self.folder}"
+            ScriptSock "{self.folder}/cgid.sock"
+            ServerLimit 1
+            ThreadsPerChild 8
+            MaxRequestWorkers 8
+            MaxSpareThreads 8
+            LimitRequestBody 0
+            DocumentRoot "{self.documents}"
+            ScriptAlias /cgi-bin/ "{self.program.parent}/"
+            {variables}
+            """
+        )
+        self.run("apache2", "-f", configuration, "-D", "FOREGROUND")
+
+
+class Nginx(WebServer):
+    """Hands the body to the program once all of it has come."""
+
+    request_buffering = "on"
+
+    def start_processes(self):
+        variables = "\n".join(
+            f'fastcgi_param {name} "{value}";' for name, value in self.variables.items()
+        )
+        own_paths = "\n".join(
+            f'{kind}_temp_path "{self.folder}/nginx-{kind}";'
+            for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi")
+        )
+        configuration = self.configuration(
+            f"""
+            daemon off;
+            worker_processes 1;
+            pid "{self.folder}/nginx.pid";
+            events {{ }}
+            http {{
+                access_log off;
+                {own_paths}
+                client_max_body_size 0;
+                server {{
+                    listen {self.host}:{self.port};
+                    location {self.path} {{
+                        fastcgi_pass "unix:{self.folder}/fcgiwrap.sock";
+                        fastcgi_request_buffering {self.request_buffering};
+                        fastcgi_param SCRIPT_FILENAME "{self.program}";
+                        fastcgi_param QUERY_STRING $query_string;
+                        fastcgi_param REQUEST_METHOD $request_method;
+                        fastcgi_param CONTENT_TYPE $content_type;
+                        fastcgi_param CONTENT_LENGTH $content_length;
+                        fastcgi_param REMOTE_ADDR $remote_addr;
+                        fastcgi_param SERVER_ADDR $server_addr;
+                        {variables}
+                    }}
+                }}
+            }}
+            """
+        )
+        self.run("fcgiwrap", "-f", "-c", "2", "-s", f"unix:{self.folder}/fcgiwrap.sock")
+        wait_for((self.folder / "fcgiwrap.sock").exists)
+        self.run("nginx", "-e", self.folder / "nginx.log", "-c", configuration)
+
+
+class NginxStreaming(Nginx):
+    """Hands the body on while it comes."""
+
+    request_buffering = "off"
+
+
+class Busybox(WebServer):
+    """A process for each connection, and no configuration."""
+
+    def start_processes(self):
+        address = f"{self.host}:{self.port}"
+        self.run("busybox", "httpd", "-f", "-p", address, "-h", self.documents, **self.variables)
+
+
+ALL = (Lighttpd, LighttpdStreaming, Apache, Nginx, NginxStreaming, Busybox)
+
+
+def free_address():
+    """An address and port that nobody else comes by: each process has a
+    loopback address of its own."""
+    number = os.getpid()
+    host = f"127.{64 + (number >> 16)}.{number >> 8 & 255}.{number & 255}"
+    with socket.socket() as probe:
+        probe.bind((host, 0))
+        return probe.getsockname()
+
+
+def has_ended(process):
+    """It stays a zombie, so that its id is nobody else's."""
+    return os.waitid(os.P_PID, process.pid, os.WEXITED | os.WNOHANG | os.WNOWAIT)
+
+
+def end_session(process):
+    """Ends a process that leads a session, and what is left of its group."""
+    os.killpg(process.pid, signal.SIGTERM)
+    with contextlib.suppress(TimeoutError):
+        wait_for(lambda: has_ended(process))
+    os.killpg(process.pid, signal.SIGKILL)
+    process.wait(30)
