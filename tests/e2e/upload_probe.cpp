@@ -6,7 +6,8 @@
 //   reads     what each read of standard input gave, one number a line
 //   body      the bytes of all reads, only if the file is there already
 //   file-0... the uploaded files, in ascending order of their names
-// PROBE_SPOOL is the directory for uploads, in the same file system.
+// PROBE_SPOOL is the directory for uploads, in the same file system,
+// PROBE_SECONDS the most processor time that a request may take.
 
 #include <fcntl.h>
 #include <stdlib.h>
@@ -40,9 +41,9 @@ std::string Variable(const char* name) {
 
 /// There are bodies that are parsed for ever, with a field value that grows.
 void LimitResources() {
-  constexpr rlim_t kSeconds = 10;
   constexpr rlim_t kMemory = 256UL << 20;
-  const rlimit time{kSeconds, kSeconds};
+  const rlim_t seconds = std::stoul(Variable("PROBE_SECONDS"));
+  const rlimit time{seconds, seconds};
   const rlimit memory{kMemory, kMemory};
   ::setrlimit(RLIMIT_CPU, &time);
   ::setrlimit(RLIMIT_AS, &memory);

@@ -14,6 +14,8 @@ import time
 
 PROBE = os.environ["UPLOAD_PROBE"]
 PREDICTION = os.environ["UPLOAD_PREDICTION"]
+# Long enough for a web server to pass a piece on before the next one comes.
+PAUSE = 0.005
 
 
 @dataclasses.dataclass(frozen=True)
@@ -83,7 +85,7 @@ class Record:
         return (self.folder / "body").read_bytes()
 
     def received(self):
-        if self.answer.headers["X-Standard-Input"] is None:
+        if self.answer is None or "X-Standard-Input" not in self.answer.headers:
             return WITHOUT_END
         return parse_report(self.answer.body, self.folder, "file")
 
@@ -115,12 +117,19 @@ class Answer:
 class Probe:
     """The probe behind a web server of the given kind."""
 
-    def __init__(self, kind):
+    def __init__(self, kind, seconds=2):
+        """The probe is ended when it has used that many of processor time."""
         self.server = kind(PROBE)
         self.records = self.server.make_folder("records")
         self.spool = self.server.make_folder("spool")
         self.numbers = itertools.count()
-        self.server.start({"PROBE_RECORDS": str(self.records), "PROBE_SPOOL": str(self.spool)})
+        self.server.start(
+            {
+                "PROBE_RECORDS": str(self.records),
+                "PROBE_SPOOL": str(self.spool),
+                "PROBE_SECONDS": str(seconds),
+            }
+        )
 
     def stop(self):
         self.server.stop()
@@ -144,7 +153,9 @@ class Probe:
         headers["Content-Type"] = content_type
         with self.connection() as connection:
             connection.request("POST", self.path(record), body, headers)
-            record.answer = Answer(connection.getresponse())
+            # Of a probe that has been ended, not every web server says so.
+            with contextlib.suppress(http.client.RemoteDisconnected):
+                record.answer = Answer(connection.getresponse())
         return record
 
     def post_slowly(self, pieces, content_type):
@@ -166,7 +177,7 @@ class Probe:
 
 def slowly(pieces):
     for piece in pieces:
-        time.sleep(0.02)
+        time.sleep(PAUSE)
         yield piece
 
 

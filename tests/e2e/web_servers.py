@@ -23,11 +23,15 @@ from panel_server import wait_for
 # What the program is linked with, wherever it has been built.
 LIBRARIES = os.environ["LIBRARIES"].split(":")
 NOBODY = 65534
+UNLIMITED = 1 << 62
 
 
 class WebServer:
     # What the program's standard input is, for a short and for a long body.
     standard_input = ("pipe", "pipe")
+    # Whether a piece of the body reaches the program before the next has come.
+    passes_pieces_on = False
+    largest_body = UNLIMITED
 
     def __init__(self, program):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="web-server-"))
@@ -156,12 +160,14 @@ class LighttpdStreaming(Lighttpd):
 
     stream_request_body = 2
     standard_input = ("pipe", "pipe")
+    passes_pieces_on = True
 
 
 class Apache(WebServer):
     """Threads, and a daemon of its own that starts the programs."""
 
     standard_input = ("socket", "socket")
+    passes_pieces_on = True
     modules = ("mpm_event", "authz_core", "alias", "env", "cgid")
 
     def start_processes(self):
@@ -241,13 +247,16 @@ class Nginx(WebServer):
 
 
 class NginxStreaming(Nginx):
-    """Hands the body on while it comes."""
+    """Hands the body on while it comes, in pieces that fcgiwrap gathers."""
 
     request_buffering = "off"
 
 
 class Busybox(WebServer):
     """A process for each connection, and no configuration."""
+
+    passes_pieces_on = True
+    largest_body = (1 << 31) - 1
 
     def start_processes(self):
         address = f"{self.host}:{self.port}"
