@@ -85,7 +85,6 @@ class UploadTest(unittest.TestCase):
 class BodyOf(UploadTest):
     def test_no_byte_holds_nothing(self):
         record = self.probe.post(b"", URLENCODED)
-        self.assertEqual(record.answer.status, 200)
         self.assert_received(record.received(), record, Received())
 
     def test_one_byte_is_a_name(self):
@@ -185,7 +184,7 @@ def in_pieces(body, first, length):
 class StandardInput(UploadTest):
     def test_is_of_the_documented_kind(self):
         kinds = [
-            self.probe.post(b"a=" + b"x" * size, URLENCODED).answer.headers["X-Standard-Input"]
+            self.probe.post(b"a=" + b"x" * size, URLENCODED).standard_input
             for size in (10, 200_000)
         ]
         self.assertEqual(tuple(kinds), self.kind.standard_input)

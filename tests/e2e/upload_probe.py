@@ -73,10 +73,15 @@ class Record:
 
     def __init__(self, folder):
         self.folder = folder
-        self.answer = None
+        # What the client was answered; None when the probe had no answer.
+        self.report = None
+        self.standard_input = None
 
     def was_read(self):
         return (self.folder / "reads").exists()
+
+    def told_length(self):
+        return (self.folder / "content-length").read_text()
 
     def reads(self):
         return [int(line) for line in (self.folder / "reads").read_text().split()]
@@ -85,9 +90,9 @@ class Record:
         return (self.folder / "body").read_bytes()
 
     def received(self):
-        if self.answer is None or "X-Standard-Input" not in self.answer.headers:
+        if self.report is None:
             return WITHOUT_END
-        return parse_report(self.answer.body, self.folder, "file")
+        return parse_report(self.report, self.folder, "file")
 
     def predicted(self):
         command = [PREDICTION, self.folder]
@@ -105,13 +110,6 @@ class Record:
             for cut in itertools.accumulate(self.reads())
             if cut < len(body) - 2
         )
-
-
-class Answer:
-    def __init__(self, response):
-        self.status = response.status
-        self.headers = response.headers
-        self.body = response.read().decode()
 
 
 class Probe:
@@ -155,7 +153,10 @@ class Probe:
             connection.request("POST", self.path(record), body, headers)
             # Of a probe that has been ended, not every web server says so.
             with contextlib.suppress(http.client.RemoteDisconnected):
-                record.answer = Answer(connection.getresponse())
+                answer = connection.getresponse()
+                record.standard_input = answer.headers["X-Standard-Input"]
+                if record.standard_input:
+                    record.report = answer.read().decode()
         return record
 
     def post_slowly(self, pieces, content_type):

@@ -25,6 +25,12 @@ LIBRARIES = os.environ["LIBRARIES"].split(":")
 NOBODY = 65534
 UNLIMITED = 1 << 62
 
+# What becomes of a chunked body, which comes without a length. A program that
+# is not told the length sees no body.
+DECODED = "the program is told the length"
+REFUSED = "the client is told to tell the length"
+WITHOUT_LENGTH = "the program is not told the length"
+
 
 class WebServer:
     # What the program's standard input is, for a short and for a long body.
@@ -32,6 +38,7 @@ class WebServer:
     # Whether a piece of the body reaches the program before the next has come.
     passes_pieces_on = False
     largest_body = UNLIMITED
+    chunked_body = DECODED
 
     def __init__(self, program):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="web-server-"))
@@ -161,6 +168,7 @@ class LighttpdStreaming(Lighttpd):
     stream_request_body = 2
     standard_input = ("pipe", "pipe")
     passes_pieces_on = True
+    chunked_body = REFUSED
 
 
 class Apache(WebServer):
@@ -168,6 +176,7 @@ class Apache(WebServer):
 
     standard_input = ("socket", "socket")
     passes_pieces_on = True
+    chunked_body = WITHOUT_LENGTH
     modules = ("mpm_event", "authz_core", "alias", "env", "cgid")
 
     def start_processes(self):
@@ -250,6 +259,7 @@ class NginxStreaming(Nginx):
     """Hands the body on while it comes, in pieces that fcgiwrap gathers."""
 
     request_buffering = "off"
+    chunked_body = WITHOUT_LENGTH
 
 
 class Busybox(WebServer):
@@ -257,6 +267,7 @@ class Busybox(WebServer):
 
     passes_pieces_on = True
     largest_body = (1 << 31) - 1
+    chunked_body = WITHOUT_LENGTH
 
     def start_processes(self):
         address = f"{self.host}:{self.port}"
