@@ -97,8 +97,10 @@ class Backend {
       return -1;
     }
     int ends[2];
-    // Packets, so that each piece is received by itself.
-    Expect(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) == 0,
+    // Packets, so that each piece is received by itself; but only a stream
+    // raises SIGPIPE.
+    const int type = fate_ == Fate::ClosedAtOnce ? SOCK_STREAM : SOCK_SEQPACKET;
+    Expect(::socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends) == 0,
            "sockets can be made");
     Expect(::dup3(ends[0], client, O_CLOEXEC) == client,
            "a socket can be replaced");
@@ -187,6 +189,9 @@ bool IsContentLength(std::string_view name) {
          ::strncasecmp(name.data(), "Content-Length", name.size()) == 0;
 }
 
+/// So much of a header line counts.
+constexpr std::size_t kLineLimit = 1024;
+
 /// The lines of the header part, if the answer begins with one. A header part
 /// that ends in the middle is one as well: the answer was cut.
 std::optional<Header> HeaderOf(std::string_view answer) {
@@ -195,13 +200,15 @@ std::optional<Header> HeaderOf(std::string_view answer) {
     const std::size_t end = answer.find('\n', header.size);
     const bool whole = end != std::string_view::npos;
     std::string_view line = answer.substr(header.size, end - header.size);
+    line = line.substr(0, kLineLimit);
     if (whole) header.size = end + 1;
     if (whole && line.ends_with('\r')) line.remove_suffix(1);
     if (whole && line.empty()) return header;
     const std::size_t name = TokenSize(line);
     const bool named = name > 0 && name < line.size() && line[name] == ':';
     if (!whole) {
-      const bool may_become_one = named || name == line.size() || line == "\r";
+      const bool may_become_one =
+          named || (name == line.size() && name < kLineLimit) || line == "\r";
       header.size = answer.size();
       return may_become_one ? std::optional(header) : std::nullopt;
     }
