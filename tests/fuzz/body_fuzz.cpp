@@ -9,12 +9,13 @@
 /// 2. The declared length: empty when it is true, "+2" or "-1" when it is off
 ///    by so much, otherwise the text of `CONTENT_LENGTH`.
 /// 3. Letters for what else happens, some with a number; see Settle().
-/// 4. One byte for the size of each read: "0" to "9" are 0 to 9, then "a" to
-///    "z" and "A" to "Z"; other bytes are larger. After these, reads give all
-///    that is asked for.
+/// 4. Numbers: the sizes of the reads. After these, reads give all that is
+///    asked for.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <random>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -52,17 +53,14 @@ std::string LengthText(const std::string& line, std::size_t true_length) {
   return std::to_string(line[0] == '-' ? length - offset : length + offset);
 }
 
-std::vector<std::size_t> ReadSizes(const std::string& line) {
-  constexpr std::string_view kSmall =
-      "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
-  std::vector<std::size_t> sizes;
-  for (const char byte : line) {
-    const std::size_t found = kSmall.find(byte);
-    sizes.push_back(found != std::string_view::npos
-                        ? found
-                        : kSmall.size() + static_cast<unsigned char>(byte));
+std::vector<std::size_t> TakeNumbers(std::string_view text) {
+  std::vector<std::size_t> numbers;
+  for (;;) {
+    const std::size_t begin = text.find_first_of("0123456789");
+    if (begin == std::string_view::npos) return numbers;
+    text.remove_prefix(begin);
+    numbers.push_back(TakeNumber(text, 1'000'000));
   }
-  return sizes;
 }
 
 /// The first byte 1A of the body stands for so many "x".
@@ -114,11 +112,101 @@ plain::Request ToRequest(std::string_view input,
   request.content_type = UpToZero(fuzz::TakeLine(input));
   const std::string length = fuzz::TakeLine(input);
   const std::string letters = fuzz::TakeLine(input);
-  request.input.reads = ReadSizes(fuzz::TakeLine(input));
+  request.input.reads = TakeNumbers(fuzz::TakeLine(input));
   request.input.bytes = input;
   Settle(letters, scratch, request);
   request.content_length = LengthText(length, request.input.bytes.size());
   return request;
+}
+
+/// Changes an input where chance alone seldom succeeds.
+class Mutation {
+ public:
+  Mutation(std::string_view input, unsigned seed) : random_(seed) {
+    for (std::string& line : settings_) line = fuzz::TakeLine(input);
+    reads_ = TakeNumbers(fuzz::TakeLine(input));
+    body_ = input;
+  }
+
+  /// Has a read end at or near a byte of a line end or a boundary.
+  void Cut() {
+    std::vector<std::size_t> places;
+    for (std::size_t i = 0; i < body_.size(); ++i) {
+      if (body_[i] == '\r' || body_[i] == '\n' || body_[i] == '-') {
+        places.push_back(i);
+      }
+    }
+    if (places.empty()) return;
+    CutAt(places[Below(places.size())] + Below(3));
+  }
+
+  /// Repeats what stands between two line ends, several lines perhaps.
+  void Repeat() {
+    const std::size_t begin = LineBegin();
+    const std::size_t end = LineBegin();
+    if (begin < end) body_.insert(end, body_.substr(begin, end - begin));
+  }
+
+  /// Has a read find nothing, or takes one away.
+  void ChangeReads() {
+    const auto place =
+        reads_.begin() + static_cast<std::ptrdiff_t>(Below(reads_.size() + 1));
+    if (place == reads_.end() || Below(4) == 0) {
+      reads_.insert(place, 0);
+    } else {
+      reads_.erase(place);
+    }
+  }
+
+  std::string Result() const {
+    std::string result;
+    for (const std::string& line : settings_) result += line + "\n";
+    for (const std::size_t read : reads_) result += std::to_string(read) + " ";
+    return result + "\n" + body_;
+  }
+
+ private:
+  std::size_t Below(std::size_t limit) { return random_() % limit; }
+
+  std::size_t LineBegin() {
+    const std::size_t found = body_.find('\n', Below(body_.size() + 1));
+    return found == std::string::npos ? body_.size() : found + 1;
+  }
+
+  void CutAt(std::size_t place) {
+    std::size_t begin = 0;
+    for (auto read = reads_.begin(); read != reads_.end(); ++read) {
+      const std::size_t end = begin + *read;
+      if (place == end) return;
+      if (place < end) {
+        *read = end - place;
+        reads_.insert(read, place - begin);
+        return;
+      }
+      begin = end;
+    }
+    reads_.push_back(place - begin);
+  }
+
+  std::minstd_rand random_;
+  std::string settings_[3];
+  std::vector<std::size_t> reads_;
+  std::string body_;
+};
+
+std::string Mutated(std::string_view input, unsigned seed) {
+  Mutation mutation(input, seed);
+  switch (seed % 4) {
+    case 0:
+      mutation.Repeat();
+      break;
+    case 1:
+      mutation.ChangeReads();
+      break;
+    default:
+      mutation.Cut();
+  }
+  return mutation.Result();
 }
 
 struct Counts {
@@ -137,6 +225,24 @@ void PrintCounts() {
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   return std::atexit(PrintCounts);
+}
+
+extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size,
+                                        std::size_t max_size);
+
+extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data,
+                                               std::size_t size,
+                                               std::size_t max_size,
+                                               unsigned seed) {
+  if (seed % 3 == 0) {
+    const std::string mutated =
+        Mutated({reinterpret_cast<const char*>(data), size}, seed / 3);
+    if (mutated.size() <= max_size) {
+      std::memcpy(data, mutated.data(), mutated.size());
+      return mutated.size();
+    }
+  }
+  return LLVMFuzzerMutate(data, size, max_size);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data,
