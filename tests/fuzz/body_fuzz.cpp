@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <random>
 #include <string>
 #include <string_view>
@@ -238,7 +237,7 @@ extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data,
     const std::string mutated =
         Mutated({reinterpret_cast<const char*>(data), size}, seed / 3);
     if (mutated.size() <= max_size) {
-      std::memcpy(data, mutated.data(), mutated.size());
+      std::copy(mutated.begin(), mutated.end(), data);
       return mutated.size();
     }
   }

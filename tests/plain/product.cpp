@@ -16,8 +16,10 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 
@@ -280,16 +282,11 @@ void tov_proc::Sleep(unsigned milliseconds) {
 bool tov_log::Module::Check(Level) { return plain::script.outcome != nullptr; }
 
 void tov_log::Module::Write(Level level, const char* format, ...) {
+  char* text = nullptr;
   va_list arguments;
   va_start(arguments, format);
-  va_list again;
-  va_copy(again, arguments);
-  const int size = std::vsnprintf(nullptr, 0, format, arguments);
+  if (::vasprintf(&text, format, arguments) < 0) std::abort();
   va_end(arguments);
-  // With room for the zero byte that ends it.
-  std::string text(static_cast<std::size_t>(size) + 1, '\0');
-  std::vsnprintf(text.data(), text.size(), format, again);
-  va_end(again);
-  text.pop_back();
+  const std::unique_ptr<char, void (*)(void*)> owner(text, std::free);
   plain::script.outcome->log.emplace_back(level, plain::Normalized(text));
 }
