@@ -234,9 +234,8 @@ class ZeroedBuffer {
 /// that takes what it can from the current chunk. What comes out is our promise
 /// to the byte, also where it is odd: front ends and stored forms rely on it.
 /// Two oddities make a parse go on for ever, and both stay:
-/// - A read of no bytes in mid-body leaves an empty chunk but keeps the
-/// position,
-///   and only a position at the chunk's end has the next one read.
+/// - A read of no bytes in mid-body leaves an empty chunk and the position where
+///   it was, and only a position at the chunk's end has the next chunk read.
 /// - A first boundary in the last two bytes of a chunk sets the position beyond
 ///   its end.
 /// A front end bounds both by a limit of its processor time and memory.
@@ -266,6 +265,8 @@ class BodyParser {
     }
     // An error in here leaves the rest of the body unread and the record
     // unparsed; the upload's file is closed, and the record removes it.
+    // The descriptor is read past std::cin, whose state only a front end can
+    // have changed. It is asked all the same, for compatibility.
     do {
       Pass();
     } while (StandardInput().good() && HasMore());
@@ -455,7 +456,8 @@ class BodyParser {
     }
     after_headers_ = AfterHeaders::kNone;
     // In the order sent: a file name before the name is overruled by it, and
-    // the part is then a field that holds the file's content.
+    // the part is then a field that holds the file's content. An empty
+    // attribute, as between ";;", ends the list. Kept for compatibility, both.
     for (;;) {
       const std::string attribute = disposition.Next();
       if (attribute.empty()) break;
@@ -464,7 +466,9 @@ class BodyParser {
     if (after_headers_ == AfterHeaders::kFileData) AnnounceFile();
   }
 
-  /// Names that a part does not give are left from the part before.
+  /// Kept for compatibility: any attribute that begins with these letters is
+  /// one, "names" and "filename*" too; and a name that a part does not give is
+  /// left from the part before.
   void TakeAttribute(const std::string& attribute) {
     if (attribute.starts_with("name")) {
       element_name_ = QuotedValue(attribute);
@@ -474,6 +478,8 @@ class BodyParser {
                     SourceName().c_str(), __LINE__);
         }
       } else {
+        // A field of the name "filename" cannot be sent: kept for
+        // compatibility.
         after_headers_ = element_name_ == "filename"
                              ? AfterHeaders::kFileData
                              : AfterHeaders::kFieldValue;
@@ -485,7 +491,8 @@ class BodyParser {
   }
 
   void AnnounceFile() {
-    // Before the names are looked at: a file input left empty fails too.
+    // Before the names are looked at: a file input left empty fails the request
+    // too. Kept for compatibility.
     if (is_short_of_space_) has_upload_failed_ = true;
     if (file_name_.empty() || element_name_.empty()) {
       if (log.Check(kDebug)) {
@@ -500,6 +507,7 @@ class BodyParser {
     }
   }
 
+  /// By the line, not by the value: kept for compatibility.
   bool IsLineTooLong() const {
     return line_.size() > std::size_t{kLongestLine};
   }
@@ -522,7 +530,8 @@ class BodyParser {
     } else {
       const auto [entry, inserted] =
           request_.params.try_emplace(element_name_, line_);
-      // In place, so that a value of many lines takes linear time.
+      // Lines are joined by LF, and so is the value of a second field of the
+      // same name. In place, so that many lines take linear time.
       if (!inserted) entry->second.append("\n").append(line_);
     }
     line_.clear();
@@ -565,8 +574,8 @@ class BodyParser {
   static void ReplacePath(std::string& path, const std::string& name) {
     try {
       if (!path.empty()) tov_file::RemoveFile(path);
-    } catch (const std::exception&) {
-      // The request can do without it: its age will have it removed.
+    } catch (...) {
+      // Nobody waits for it: no reason to fail the request.
     }
     path = name;
   }
