@@ -70,7 +70,7 @@ class UploadSpool {
     path_.assign(path, static_cast<std::size_t>(size));
   }
 
-  void Release() {
+  void Release() const {
     ::close(lifeline_);
     if (guardian_ > 0) ::waitpid(guardian_, nullptr, 0);
   }

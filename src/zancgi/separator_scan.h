@@ -121,7 +121,7 @@ class SeparatorScan {
     const __m128i first = _mm_set1_epi8(separator_[0]);
     const __m128i third = _mm_set1_epi8(separator_[2]);
     std::uint64_t places = 0;
-    for (int lane = 0; lane < 4; ++lane) {
+    for (std::size_t lane = 0; lane < 4; ++lane) {
       const char* const block = at + 16 * lane;
       const __m128i both =
           _mm_and_si128(_mm_cmpeq_epi8(Load(block), first),

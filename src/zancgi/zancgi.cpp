@@ -234,8 +234,8 @@ class ZeroedBuffer {
 /// that takes what it can from the current chunk. What comes out is our promise
 /// to the byte, also where it is odd: front ends and stored forms rely on it.
 /// Two oddities make a parse go on for ever, and both stay:
-/// - A read of no bytes in mid-body leaves an empty chunk and the position where
-///   it was, and only a position at the chunk's end has the next chunk read.
+/// - A read of no bytes in mid-body leaves an empty chunk, and the position
+///   where it was; only a position at the chunk's end has the next one read.
 /// - A first boundary in the last two bytes of a chunk sets the position beyond
 ///   its end.
 /// A front end bounds both by a limit of its processor time and memory.

@@ -483,13 +483,13 @@ Outcome ParseWithBoundaryOfSize(std::size_t size) {
 }
 
 TEST(Boundary, MayFillTheChunk) {
-  for (const std::size_t size : {1, 70, 71, 4091, 4096, 65'532}) {
+  for (const std::size_t size : {1U, 70U, 71U, 4091U, 4096U, 65'532U}) {
     EXPECT_EQ(Of(ParseWithBoundaryOfSize(size), "param a"), "1") << size;
   }
 }
 
 TEST(Boundary, IsNotFoundWhenItIsLongerThanTheChunk) {
-  for (const std::size_t size : {65'535, 65'536, 65'540, 100'000}) {
+  for (const std::size_t size : {65'535U, 65'536U, 65'540U, 100'000U}) {
     const Outcome outcome = ParseWithBoundaryOfSize(size);
     EXPECT_EQ(Of(outcome, "param a"), "(nothing)") << size;
     EXPECT_EQ(Of(outcome, "parsed"), "true") << size;
@@ -764,7 +764,7 @@ TEST(GoesOnForEver, WhenTheFirstBoundaryEndsAChunk) {
 }
 
 TEST(GoesOnForEver, WhenTheBoundaryFillsTheChunkUpToItsLastTwoBytes) {
-  for (const std::size_t size : {65'533, 65'534}) {
+  for (const std::size_t size : {65'533U, 65'534U}) {
     EXPECT_EQ(ParseWithBoundaryOfSize(size).status, 128 + SIGPROF) << size;
   }
 }
