@@ -68,9 +68,18 @@ class UploadTest(unittest.TestCase):
             record = self.probe.post(body, content_type(boundary))
         else:
             record = self.probe.post_slowly(pieces(body), content_type(boundary))
+        predicted = record.predicted()
+        if predicted == WITHOUT_END:
+            self.take_away_what_is_left()
+            body = body[: sum(record.reads())]
         self.assertTrue(record.body() == body, f"other bytes than sent: {record.reads()[:100]}")
-        self.assert_received(record.received(), record, record.predicted())
+        self.assert_received(record.received(), record, predicted)
         return record
+
+    def take_away_what_is_left(self):
+        """The probe is ended by its limit, so that no destructor runs."""
+        for path in self.probe.spool.iterdir():
+            path.unlink()
 
     def assert_arrives_as_sent(self, form):
         """The web server may cut the body where that changes the form. Not
@@ -168,10 +177,8 @@ class Piece(UploadTest):
         if not self.kind.passes_pieces_on:
             self.skipTest("this web server gathers the pieces")
         cut = self.first_line - 2
-        body = self.form.body(self.boundary)
-        record = self.probe.post_slowly([body[:cut], body[cut:]], content_type(self.boundary))
+        record = self.post(self.form, self.boundary, lambda body: [body[:cut], body[cut:]])
         self.assertEqual(record.reads(), [cut])
-        self.assertEqual(record.predicted(), WITHOUT_END)
         self.assertEqual(record.received(), WITHOUT_END)
 
 

@@ -15,7 +15,7 @@ import time
 PROBE = os.environ["UPLOAD_PROBE"]
 PREDICTION = os.environ["UPLOAD_PREDICTION"]
 # Long enough for a web server to pass a piece on before the next one comes.
-PAUSE = 0.005
+PAUSE = 0.003
 
 
 @dataclasses.dataclass(frozen=True)

@@ -35,7 +35,9 @@ WITHOUT_LENGTH = "the program is not told the length"
 class WebServer:
     # What the program's standard input is, for a short and for a long body.
     standard_input = ("pipe", "pipe")
-    # Whether a piece of the body reaches the program before the next has come.
+    # Whether the program starts before all of the body has come, and whether a
+    # piece of it, however short, reaches the program before the next has come.
+    hands_on_early = False
     passes_pieces_on = False
     largest_body = UNLIMITED
     chunked_body = DECODED
@@ -45,6 +47,7 @@ class WebServer:
         self._give_away(self.folder)
         self.documents = self.make_folder("www")
         self.program = self._copy(program, self.make_folder("www/cgi-bin"))
+        self.bodies = self.make_folder("bodies")
         self.libraries = self.make_folder("lib")
         for library in LIBRARIES:
             self._copy(library, self.libraries)
@@ -90,6 +93,16 @@ class WebServer:
                 if os.readlink(link) == str(self.program):
                     found.append(int(link.parent.name))
         return found
+
+    def gathered_bodies(self):
+        """The sizes, so far, of the bodies that the web server collects before
+        it hands them on."""
+        sizes = []
+        for link in pathlib.Path("/proc").glob("[0-9]*/fd/*"):
+            with contextlib.suppress(OSError):
+                if os.readlink(link).startswith(f"{self.bodies}/"):
+                    sizes.append(link.stat().st_size)
+        return sizes
 
     def logs(self):
         logs = sorted(self.folder.glob("*.log"))
@@ -153,7 +166,7 @@ class Lighttpd(WebServer):
             server.port = {self.port}
             server.document-root = "{self.documents}"
             server.errorlog = "{self.folder}/lighttpd.log"
-            server.upload-dirs = ( "{self.folder}" )
+            server.upload-dirs = ( "{self.bodies}" )
             server.stream-request-body = {self.stream_request_body}
             cgi.assign = ( "" => "" )
             setenv.set-environment = ( {variables} )
@@ -167,6 +180,7 @@ class LighttpdStreaming(Lighttpd):
 
     stream_request_body = 2
     standard_input = ("pipe", "pipe")
+    hands_on_early = True
     passes_pieces_on = True
     chunked_body = REFUSED
 
@@ -175,6 +189,7 @@ class Apache(WebServer):
     """Threads, and a daemon of its own that starts the programs."""
 
     standard_input = ("socket", "socket")
+    hands_on_early = True
     passes_pieces_on = True
     chunked_body = WITHOUT_LENGTH
     modules = ("mpm_event", "authz_core", "alias", "env", "cgid")
@@ -220,7 +235,7 @@ class Nginx(WebServer):
         )
         own_paths = "\n".join(
             f'{kind}_temp_path "{self.folder}/nginx-{kind}";'
-            for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi")
+            for kind in ("proxy", "fastcgi", "uwsgi", "scgi")
         )
         configuration = self.configuration(
             f"""
@@ -231,6 +246,7 @@ class Nginx(WebServer):
             http {{
                 access_log off;
                 {own_paths}
+                client_body_temp_path "{self.bodies}";
                 client_max_body_size 0;
                 server {{
                     listen {self.host}:{self.port};
@@ -259,12 +275,14 @@ class NginxStreaming(Nginx):
     """Hands the body on while it comes, in pieces that fcgiwrap gathers."""
 
     request_buffering = "off"
+    hands_on_early = True
     chunked_body = WITHOUT_LENGTH
 
 
 class Busybox(WebServer):
     """A process for each connection, and no configuration."""
 
+    hands_on_early = True
     passes_pieces_on = True
     largest_body = (1 << 31) - 1
     chunked_body = WITHOUT_LENGTH

@@ -1,0 +1,132 @@
+"""Visitors who go away in the middle of an upload, under each web server."""
+
+import os
+import socket
+import socketserver
+import struct
+import threading
+import unittest
+
+import web_servers
+from browser import DIRECTLY
+from panel_server import wait_for
+from upload_probe import Form, Upload, content_type
+
+SIZE = 20_000_000
+SENT = 5_000_000
+# What lingers is thrown away at once: the peer sees a reset.
+NO_LINGER = struct.pack("ii", 1, 0)
+
+
+class BackEnd(socketserver.BaseRequestHandler):
+    """Knows one session, and gives one answer to all questions about it."""
+
+    def handle(self):
+        self.request.recv(65536)
+        self.request.sendall(
+            b'Content-Type: text/xml\r\n\r\n<?xml version="1.0"?>\n'
+            b'<doc><user name="visitor" level="1"/><own token="token"/></doc>'
+        )
+
+
+def close(connection):
+    connection.close()
+
+
+def reset(connection):
+    connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, NO_LINGER)
+    connection.close()
+
+
+def stop_sending(connection):
+    connection.shutdown(socket.SHUT_WR)
+
+
+class AbortTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.server = cls.kind(os.environ["FRONT"])
+        cls.addClassCleanup(cls.server.stop)
+        cls.spool = cls.server.make_folder("spool")
+        cls.start_back_end(cls.server.make_folder("run") / "panel.sock")
+        cls.server.start(
+            {"PANEL_SPOOL": str(cls.spool), "TOV_RUN_DIR": str(cls.server.folder / "run")}
+        )
+
+    @classmethod
+    def start_back_end(cls, path):
+        back_end = socketserver.ThreadingUnixStreamServer(str(path), BackEnd)
+        path.chmod(0o666)
+        thread = threading.Thread(target=back_end.serve_forever)
+        thread.start()
+        cls.addClassCleanup(thread.join)
+        cls.addClassCleanup(back_end.server_close)
+        cls.addClassCleanup(back_end.shutdown)
+
+    def begin_upload(self):
+        connection = socket.create_connection((self.server.host, self.server.port), timeout=60)
+        lines = (
+            f"POST {self.server.path}?page=upload HTTP/1.1",
+            f"Host: {self.server.host}",
+            "Cookie: panelses5=session",
+            f"Content-Type: {content_type(b'BOUNDARY')}",
+            f"Content-Length: {SIZE}",
+        )
+        connection.sendall("\r\n".join([*lines, "", ""]).encode())
+        form = Form(Upload(b"files", b"f", b"x" * SENT)).body(b"BOUNDARY")
+        connection.sendall(form[:SENT])
+        return connection
+
+    def uploads_under_way(self):
+        """As many bytes of each as have arrived, where they lie for now."""
+        if not self.kind.hands_on_early:
+            return self.server.gathered_bodies()
+        return [path.stat().st_size for path in self.spool.glob("*/zantemp*")]
+
+    def are_in_the_middle(self, uploads):
+        sizes = self.uploads_under_way()
+        return len(sizes) == uploads and all(size > SENT / 2 for size in sizes)
+
+    def is_busy(self):
+        return self.server.running_programs() or self.server.gathered_bodies()
+
+    def assert_leaves_nothing(self, go_away, uploads=1):
+        connections = [self.begin_upload() for _ in range(uploads)]
+        wait_for(lambda: self.are_in_the_middle(uploads))
+        self.assertEqual(bool(self.server.running_programs()), self.kind.hands_on_early)
+        for connection in connections:
+            go_away(connection)
+        wait_for(lambda: not self.is_busy())
+        self.assertEqual(list(self.spool.iterdir()), [], self.server.logs())
+        self.assertEqual(list(self.server.bodies.iterdir()), [])
+        for connection in connections:
+            connection.close()
+        self.assert_still_serves()
+
+    def assert_still_serves(self):
+        with DIRECTLY.open(self.server.url + "?page=signin", timeout=60) as answer:
+            self.assertIn(b"Password", answer.read())
+
+    def test_visitor_who_closes_the_connection(self):
+        self.assert_leaves_nothing(close)
+
+    def test_visitor_whose_connection_is_reset(self):
+        self.assert_leaves_nothing(reset)
+
+    def test_visitor_who_stops_sending(self):
+        self.assert_leaves_nothing(stop_sending)
+
+    def test_several_visitors_at_once(self):
+        self.assert_leaves_nothing(close, uploads=2)
+
+
+def load_tests(loader, _tests, _pattern):
+    suite = unittest.TestSuite()
+    for kind in web_servers.ALL:
+        test = type("AbortTest_" + kind.__name__, (AbortTest,), {"kind": kind})
+        suite.addTests(loader.loadTestsFromTestCase(test))
+    return suite
+
+
+if __name__ == "__main__":
+    unittest.main()
