@@ -159,11 +159,11 @@ class Probe:
                     record.report = answer.read().decode()
         return record
 
-    def post_slowly(self, pieces, content_type):
+    def post_slowly(self, pieces, content_type, pause=PAUSE):
         """With a pause before each piece, so that most servers pass it on by
         itself."""
         length = {"Content-Length": str(sum(map(len, pieces)))}
-        return self.post(slowly(pieces), content_type, **length)
+        return self.post(slowly(pieces, pause), content_type, **length)
 
     @contextlib.contextmanager
     def connection(self):
@@ -176,9 +176,9 @@ class Probe:
             connection.close()
 
 
-def slowly(pieces):
+def slowly(pieces, pause):
     for piece in pieces:
-        time.sleep(PAUSE)
+        time.sleep(pause)
         yield piece
 
 
