@@ -99,6 +99,20 @@ void SignIn(Cgi& cgi) {
   }
 }
 
+/// Without a boundary the library takes a body for a query string and makes no
+/// file: nobody else than users can have us write one. Nor does it matter to a
+/// query string how the web server cuts it.
+bool IsPlainForm() {
+  return tov_env::GetEnv("CONTENT_TYPE").find("boundary=") == std::string::npos;
+}
+
+void TakeSignIn(Cgi& cgi) {
+  cgi.CheckContentLength(kLargestSignIn);
+  if (IsPlainForm()) return SignIn(cgi);
+  ShowError("415 Unsupported Media Type", "This form cannot be read.",
+            "Please use the panel's own.");
+}
+
 bool IsPost() { return tov_env::GetEnv("REQUEST_METHOD") == "POST"; }
 
 /// The page that is asked for. Of a POST it stands in the address, all of it:
@@ -172,15 +186,25 @@ void SignOut(Cgi& cgi) {
   SendRedirect("/panel?page=signin", std::string(kCookie) + "=; Max-Age=0");
 }
 
-void ShowUpload(Cgi& cgi) {
-  const Answer answer(cgi, {{"func", "session.own"}});
-  ShowUploadForm(answer.Html("/doc/own", "token"), str::Str(kLargestUpload),
-                 Navigation(cgi, answer));
+void ShowUpload(Cgi& cgi, const Answer& answer,
+                const std::string& status = "200 OK",
+                const std::string& problem = "") {
+  ShowUploadForm(status, problem, answer.Html("/doc/own", "token"),
+                 str::Str(kLargestUpload), Navigation(cgi, answer));
 }
 
-std::string UploadRows(Cgi& cgi) {
-  std::vector<std::string> names;
-  cgi.GetFileNames(names);
+void ShowUpload(Cgi& cgi) {
+  const Answer answer(cgi, {{"func", "session.own"}});
+  if (cgi.auth().method == Cgi::AuthInfo::AuthCookie) {
+    return ShowUpload(cgi, answer);
+  }
+  SendPage(
+      "200 OK", "Upload",
+      "<p class=\"card\">To upload, please sign in with this browser.</p>\n",
+      Navigation(cgi, answer));
+}
+
+std::string UploadRows(Cgi& cgi, const std::vector<std::string>& names) {
   std::string rows;
   for (const std::string& name : names) {
     rows += "<tr><td>" + Escape(name) + "</td><td class=\"numbers\">" +
@@ -192,11 +216,12 @@ std::string UploadRows(Cgi& cgi) {
 
 /// Here a front end of your own would put the files where they belong. These
 /// go with the request.
-void ShowUploaded(Cgi& cgi, const Answer& answer) {
+void ShowUploaded(Cgi& cgi, const Answer& answer,
+                  const std::vector<std::string>& names) {
   SendPage("200 OK", "Uploaded",
            "<div class=\"card\"><table>\n<thead><tr><th>Name</th>"
            "<th class=\"numbers\">Bytes</th></tr></thead>\n<tbody>\n" +
-               UploadRows(cgi) +
+               UploadRows(cgi, names) +
                "</tbody>\n<tfoot><tr><th>Together</th><th class=\"numbers\">" +
                str::Str(cgi.GetFileSize()) +
                "</th></tr></tfoot>\n</table>\n<p class=\"hint\">All has "
@@ -210,18 +235,43 @@ std::string SpoolFolder() {
   return folder.empty() ? "/tmp" : folder;
 }
 
+/// Another site could have the browser send a form, but does not know the
+/// token.
+bool IsFromOwnPage(Cgi& cgi, const Answer& answer) {
+  const std::string token = cgi.Param("token");
+  return !token.empty() && token == answer.Text("/doc/own", "token");
+}
+
+/// How the web server cuts a body can cost parts of it. The page's script tells
+/// how much it sends, so that this does not go unnoticed.
+bool HasArrivedWhole(Cgi& cgi, std::size_t count) {
+  const std::string announced = cgi.Param("announced");
+  return announced.empty() ||
+         announced == str::Str(count) + " " + str::Str(cgi.GetFileSize());
+}
+
 /// First who, then how much, and only then the body: a stranger must not be
-/// able to fill the disk.
+/// able to fill the disk. The back end is asked for the token before that too,
+/// since parameters of the body can add to a query.
 void Upload(Cgi& cgi) {
   cgi.Authorize(Cgi::AuthInfo::AuthCookie);
+  const Answer answer(cgi, {{"func", "session.own"}});
   cgi.CheckContentLength(kLargestUpload);
   const UploadSpool spool(SpoolFolder());
   cgi.SetTmpDir(spool.Path());
-  cgi.ParseQuery();
-  // Another site could have the browser send a form, but does not know this.
-  const Answer answer(cgi, {{"func", "session.own"}});
-  if (cgi.Param("token") != answer.Text("/doc/own", "token")) throw Refusal();
-  ShowUploaded(cgi, answer);
+  if (!IsFromOwnPage(cgi, answer)) throw Refusal();
+
+  std::vector<std::string> names;
+  cgi.GetFileNames(names);
+  if (!HasArrivedWhole(cgi, names.size())) {
+    return ShowUpload(cgi, answer, "400 Bad Request",
+                      "A part was lost on the way. Please try again.");
+  }
+  if (names.empty()) {
+    return ShowUpload(cgi, answer, "400 Bad Request",
+                      "No file has been chosen.");
+  }
+  ShowUploaded(cgi, answer, names);
 }
 
 void AskToSignIn() { ShowSignIn("403 Forbidden", "Please sign in first.", ""); }
@@ -233,10 +283,7 @@ void ShowNotFound() {
 
 void TakePost(Cgi& cgi) {
   const std::string page = PageOf(cgi);
-  if (page == "signin") {
-    cgi.CheckContentLength(kLargestSignIn);
-    return SignIn(cgi);
-  }
+  if (page == "signin") return TakeSignIn(cgi);
   if (page != "upload") return ShowNotFound();
   if (cgi.Cookie(kCookie).empty()) return AskToSignIn();
   Upload(cgi);
@@ -273,7 +320,14 @@ struct Explanation {
   const char* message;  ///< How the exception's text begins.
   const char* status;
   const char* help;
+  Way way = Way::kSignIn;
 };
+
+constexpr char kInPart[] =
+    "Your request has arrived in part only. Please try again.";
+constexpr char kNotUnderstood[] =
+    "The service behind this panel cannot make sense of this request, or the "
+    "panel of its answer.";
 
 constexpr Explanation kExplanations[] = {
     {"bad request method", "405 Method Not Allowed",
@@ -281,32 +335,37 @@ constexpr Explanation kExplanations[] = {
     {"You do not authorized", "403 Forbidden",
      "Your session has ended, or it lacks the right."},
     {"Post data too large", "413 Content Too Large",
-     "Please send less at a time."},
+     "Please send less at a time.", Way::kUpload},
     {"error writing temporary file", "507 Insufficient Storage",
      "There is no room for your files at the moment. Please tell the panel's "
-     "administrator."},
+     "administrator.",
+     Way::kUpload},
     {"timeout", "408 Request Timeout",
-     "Nothing more has come from you for 30 seconds. Please try again."},
-    {"Error reading STDIN", "400 Bad Request",
-     "Your request has arrived in part only. Please try again."},
-    {"POST read failed", "400 Bad Request",
-     "Your request has arrived in part only. Please try again."},
+     "Nothing more has come from you for 30 seconds. Please try again.",
+     Way::kUpload},
+    {"Error reading STDIN", "400 Bad Request", kInPart, Way::kUpload},
+    {"POST read failed", "400 Bad Request", kInPart, Way::kUpload},
     {"Element value size", "400 Bad Request",
-     "A line of this form is longer than this panel takes."},
+     "A line of this form is longer than this panel takes.", Way::kUpload},
     {"On getting element value", "400 Bad Request",
-     "This form holds a value without a name."},
-    {"", "502 Bad Gateway",
-     "The service behind this panel cannot make sense of this request, or the "
-     "panel of its answer."},
+     "This form holds a value without a name.", Way::kUpload},
+    {"unknown authorization error", "502 Bad Gateway", kNotUnderstood},
+    {"bad answer from", "502 Bad Gateway", kNotUnderstood},
 };
+
+void ShowFailure(const std::exception& error) {
+  ReportError("500 Internal Server Error", "The panel has failed.",
+              "Please tell its administrator.", error);
+}
 
 void ShowRequestError(const std::exception& error) {
   const std::string message = error.what();
   for (const Explanation& known : kExplanations) {
     if (message.starts_with(known.message)) {
-      return ShowError(known.status, message, known.help);
+      return ShowError(known.status, message, known.help, known.way);
     }
   }
+  ShowFailure(error);
 }
 
 /// No proxy stands before this web server: an address that claims to have been
@@ -334,8 +393,7 @@ void ServeRequest(const char* program) {
   } catch (const std::runtime_error& error) {
     ShowRequestError(error);
   } catch (const std::exception& error) {
-    ReportError("500 Internal Server Error", "The panel has failed.",
-                "Please tell its administrator.", error);
+    ShowFailure(error);
   }
 }
 

@@ -92,19 +92,20 @@ inline std::string Link(const std::string& query, const char* text,
          (current ? " aria-current=\"page\">" : ">") + text + "</a>\n";
 }
 
+inline std::string Problem(const std::string& problem) {
+  if (problem.empty()) return "";
+  return R"(<p class="problem" id="problem" role="alert">)" + Escape(problem) +
+         "</p>\n";
+}
+
 inline void ShowSignIn(const std::string& status, const std::string& problem,
                        const std::string& user) {
-  std::string note;
-  if (!problem.empty()) {
-    note = R"(<p class="problem" id="problem" role="alert">)" +
-           Escape(problem) + "</p>\n";
-  }
   const std::string focus_name = user.empty() ? " autofocus" : "";
   const std::string focus_password = user.empty() ? "" : " autofocus";
   SendPage(status, "Sign in",
            R"(<form method="post" action="/panel?page=signin" class="card">)"
            "\n" +
-               note + R"(<label for="user">Name</label>
+               Problem(problem) + R"(<label for="user">Name</label>
 <input id="user" name="user" autocomplete="username" required
  aria-describedby="problem" value=")" +
                Escape(user) + "\"" + focus_name + R"(>
@@ -117,26 +118,32 @@ inline void ShowSignIn(const std::string& status, const std::string& problem,
 )");
 }
 
+/// Where a page about an error leads to.
+enum class Way { kSignIn, kUpload };
+
 inline void ShowError(const std::string& status, const std::string& problem,
-                      const std::string& help) {
+                      const std::string& help, Way way = Way::kSignIn) {
   SendPage(status, status.substr(status.find(' ') + 1),
-           R"(<div class="card"><p class="problem" role="alert">)" +
-               Escape(problem) + "</p>\n<p>" + help + R"(</p>
-<p><a href="/panel?page=signin">Sign in</a></p></div>
-)");
+           "<div class=\"card\">" + Problem(problem) + "<p>" + help +
+               "</p>\n<p>" +
+               (way == Way::kUpload
+                    ? R"(<a href="/panel?page=upload">Back to the upload</a>)"
+                    : R"(<a href="/panel?page=signin">Sign in</a>)") +
+               "</p></div>\n");
 }
 
 /// The form for uploads; works without the script too.
 /// @param limit  the largest accepted body, in bytes
-inline void ShowUploadForm(const std::string& token, const std::string& limit,
+inline void ShowUploadForm(const std::string& status,
+                           const std::string& problem, const std::string& token,
+                           const std::string& limit,
                            const std::string& navigation) {
-  SendPage("200 OK", "Upload",
+  SendPage(status, "Upload",
            R"(<form id="upload" class="card" method="post"
  action="/panel?page=upload" enctype="multipart/form-data"
  data-limit=")" +
-               limit + R"(">
-<input type="hidden" name="token" value=")" +
-               token + R"(">
+               limit + "\">\n" + Problem(problem) +
+               R"(<input type="hidden" name="token" value=")" + token + R"(">
 <label for="files">Files to upload</label>
 <p class="hint">Choose as many as you like, or drop them here.</p>
 <noscript><p class="hint">Of two files with one name only the later

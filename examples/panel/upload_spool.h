@@ -4,7 +4,7 @@
 #ifndef PANEL_UPLOAD_SPOOL_H
 #define PANEL_UPLOAD_SPOOL_H
 
-#include <fcntl.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -28,7 +28,8 @@ namespace panel {
 /// ever.
 ///
 /// So a second process waits for the end of this one. It makes the folder
-/// itself: there is no moment at which nobody would remove it.
+/// itself: there is no moment at which nobody would remove it. And it removes
+/// it itself, always: by then this process may have another identity or root.
 class UploadSpool {
  public:
   /// @param parent  an existing folder; nobody else may rename what is in it
@@ -38,11 +39,7 @@ class UploadSpool {
     if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
       throw std::runtime_error("no socket for the guardian of uploads");
     }
-    guardian_ = ::fork();
-    if (guardian_ == 0) {
-      ::close(ends[0]);
-      Guard(parent, ends[1]);
-    }
+    StartGuardian(parent, ends[1]);
     ::close(ends[1]);
     lifeline_ = ends[0];
     ReceivePath(parent);
@@ -58,6 +55,18 @@ class UploadSpool {
 
  private:
   static constexpr std::size_t kLongestPath = 4096;
+
+  /// The guardian keeps the signals blocked that are blocked when it starts:
+  /// none may reach it.
+  void StartGuardian(const std::string& parent, int lifeline) {
+    sigset_t all;
+    sigset_t before;
+    ::sigfillset(&all);
+    ::sigprocmask(SIG_BLOCK, &all, &before);
+    guardian_ = ::fork();
+    if (guardian_ == 0) Guard(parent, lifeline);
+    ::sigprocmask(SIG_SETMASK, &before, nullptr);
+  }
 
   void ReceivePath(const std::string& parent) {
     char path[kLongestPath];
@@ -76,19 +85,18 @@ class UploadSpool {
   }
 
   /// The guardian's whole life. It keeps nothing of the web server's open, or
-  /// the server would wait for it, and leaves the process group, which the
-  /// server may send signals to.
-  [[noreturn]] static void Guard(const std::string& parent, int lifeline) {
+  /// the server would wait for it.
+  [[noreturn]] static void Guard(const std::string& parent,
+                                 int lifeline) noexcept {
     ::setsid();
-    const int nothing = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-    for (int standard = 0; standard <= 2; ++standard) {
-      ::dup2(nothing, standard);
-    }
+    constexpr int kOnlyDescriptor = 0;
+    ::dup2(lifeline, kOnlyDescriptor);
+    ::close_range(kOnlyDescriptor + 1, ~0U, 0);
     std::string path = parent + "/upload-XXXXXX";
     if (::mkdtemp(path.data()) == nullptr) ::_exit(1);
-    ::send(lifeline, path.data(), path.size(), MSG_NOSIGNAL);
+    ::send(kOnlyDescriptor, path.data(), path.size(), MSG_NOSIGNAL);
     char nobody_writes_this;
-    ::recv(lifeline, &nobody_writes_this, 1, 0);
+    ::recv(kOnlyDescriptor, &nobody_writes_this, 1, 0);
     std::error_code failure;
     std::filesystem::remove_all(path, failure);
     ::_exit(failure ? 1 : 0);

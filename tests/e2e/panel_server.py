@@ -4,6 +4,7 @@ import contextlib
 import http.client
 import os
 import pathlib
+import re
 import secrets
 import shutil
 import signal
@@ -32,14 +33,14 @@ class Answer:
 class Panel:
     """The panel on a free port, with one administrator of a random name."""
 
-    def __init__(self, front=os.environ["FRONT"]):
+    def __init__(self, front=os.environ["FRONT"], home=PANEL):
         self.user = "user-" + secrets.token_hex(4)
         self.level = 10 + secrets.randbelow(1000)
         self.password = secrets.token_urlsafe(12)
         self.state = pathlib.Path(tempfile.mkdtemp(prefix="panel-"))
         self.add_user(self.user, self.level, self.password)
         self.server = subprocess.Popen(
-            [PANEL / "serve", front, self.state],
+            [home / "serve", front, self.state],
             stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE,
             text=True,
@@ -96,9 +97,31 @@ class Panel:
         assert answer.status == 303, answer.body
         return answer.session()
 
+    def token(self, session):
+        """What the panel's own pages prove themselves with."""
+        page = self.with_session(session, page="whoami")
+        return page.body.split("token=")[1].split('"')[0]
+
+    @property
+    def spool(self):
+        return self.state / "spool"
+
     def spooled(self):
         """What is left of uploads."""
-        return sorted(path.name for path in (self.state / "spool").iterdir())
+        return sorted(path.name for path in self.spool.iterdir())
+
+    def front_processes(self):
+        """The front ends at work, their guardians included, each with its
+        parent."""
+        found = {}
+        for process in pathlib.Path("/proc").glob("[0-9]*"):
+            with contextlib.suppress(OSError):  # gone, or another user's
+                if os.readlink(process / "exe") != os.path.realpath(os.environ["FRONT"]):
+                    continue
+                if os.fsencode(self.spool) in (process / "environ").read_bytes():
+                    status = (process / "status").read_text()
+                    found[int(process.name)] = int(re.search(r"PPid:\s+(\d+)", status).group(1))
+        return found
 
     def logs(self):
         return {path.name: path.read_text(errors="replace") for path in self.state.glob("*.log")}

@@ -3,6 +3,7 @@
 import html
 import pathlib
 import secrets
+import socket
 import tempfile
 import time
 import unittest
@@ -29,10 +30,6 @@ class PanelTest(unittest.TestCase):
 
     def assert_sees_own_name(self, answer, *texts):
         self.assert_page(answer, 200, f'<b id="name">{self.panel.user}</b>', *texts)
-
-    def token(self, session):
-        page = self.panel.with_session(session, page="whoami")
-        return page.body.split("token=")[1].split('"')[0]
 
 
 class SignIn(PanelTest):
@@ -73,6 +70,19 @@ class SignIn(PanelTest):
     def test_form_of_more_than_4_kb_is_refused(self):
         answer = self.panel.send_sign_in(password="x" * 4096)
         self.assert_page(answer, 413, "Post data too large. Max allowed length is 4KB")
+
+    def test_takes_any_character_in_a_password(self):
+        for password in ("a&b=c", "100%25+1", "\"<'\u00e9\u4e16 ;"):
+            self.panel.add_user("carol", 1, password)
+            self.assertEqual(self.panel.send_sign_in("carol", password).status, 303)
+
+    def test_slow_stranger_holds_no_process(self):
+        """The web server collects a form before it starts the front end."""
+        head = "POST /panel?page=signin HTTP/1.1\r\nHost: panel\r\nContent-Length: 100\r\n\r\n"
+        with socket.create_connection(("127.0.0.1", self.panel.port)) as stranger:
+            stranger.sendall(head.encode() + b"user=")
+            time.sleep(0.5)
+            self.assertEqual(self.panel.front_processes(), {})
 
     def test_neither_password_nor_session_is_stored(self):
         session = self.panel.sign_in()
@@ -150,7 +160,7 @@ class SignOut(PanelTest):
     def test_ends_the_session(self):
         session = self.panel.sign_in()
         other = self.panel.sign_in()
-        done = self.panel.with_session(session, page="signout", token=self.token(session))
+        done = self.panel.with_session(session, page="signout", token=self.panel.token(session))
         self.assertEqual(done.status, 303)
         self.assertIn("panelses5=; Max-Age=0", done.headers["Set-Cookie"])
         self.assert_refused(self.panel.with_session(session, page="whoami"))
@@ -158,7 +168,7 @@ class SignOut(PanelTest):
 
     def test_wants_the_token_of_this_session(self):
         session = self.panel.sign_in()
-        for token in ("", "wrong", self.token(self.panel.sign_in())):
+        for token in ("", "wrong", self.panel.token(self.panel.sign_in())):
             self.assert_refused(self.panel.with_session(session, page="signout", token=token))
         self.assert_sees_own_name(self.panel.with_session(session, page="whoami"))
 

@@ -1,191 +1,444 @@
-"""Uploads to the panel, driven by a plain HTTP client."""
+"""Uploads to the panel: what arrives, who is refused, and what stays behind."""
 
+import contextlib
 import html
-import http.client
 import os
 import pathlib
 import re
-import secrets
+import resource
+import shutil
 import signal
 import socket
+import subprocess
+import tempfile
 import time
 import unittest
 
-from panel_server import Panel, wait_for
+from panel_server import PANEL, Panel, wait_for
 
-BOUNDARY = "----boundary-of-the-test"
-KIND = {"Content-Type": "multipart/form-data; boundary=" + BOUNDARY}
-LIMIT = 100 * 1024 * 1024
-
-
-def part(attributes, content):
-    head = f"--{BOUNDARY}\r\nContent-Disposition: form-data; {attributes}\r\n\r\n"
-    return head.encode() + content + b"\r\n"
+FRONT = os.environ["FRONT"]
+BOUNDARY = "----a9f3boundary"
+FORM = {"Content-Type": f"multipart/form-data; boundary={BOUNDARY}"}
+LIMIT = 100 << 20
+TOO_LARGE = "Post data too large. Max allowed length is 102400KB"
 
 
-def form(token, *files):
-    body = part('name="token"', token.encode())
-    for name, content in files:
-        body += part(f'name="files"; filename="{name}"', content)
-    return body + f"--{BOUNDARY}--\r\n".encode()
+def part(name, content, attribute=""):
+    head = f'--{BOUNDARY}\r\nContent-Disposition: form-data; name="{name}"{attribute}\r\n'
+    return head.encode() + b"\r\n" + content + b"\r\n"
 
 
-def front_ends(panel):
-    """Process ids of the panel's front ends at work, guardians included."""
-    found = []
-    for folder in pathlib.Path("/proc").glob("[0-9]*"):
-        try:
-            program = os.readlink(folder / "exe")
-            environment = (folder / "environ").read_bytes().split(b"\0")
-        except OSError:
-            continue
-        spool = f"PANEL_SPOOL={panel.state}/spool"
-        if program == os.path.realpath(os.environ["FRONT"]) and spool.encode() in environment:
-            found.append(int(folder.name))
-    return sorted(found)
+def field(name, text):
+    return part(name, text.encode())
+
+
+def file(name, content):
+    return part("files", content, f'; filename="{name}"')
+
+
+def form(*parts):
+    return b"".join(parts) + f"--{BOUNDARY}--\r\n".encode()
+
+
+class Upload:
+    """An upload in progress: begun, and waiting for the rest."""
+
+    def __init__(self, panel, session, first, length):
+        self.panel = panel
+        self.client = socket.create_connection(("127.0.0.1", panel.port), timeout=60)
+        head = (
+            "POST /panel?page=upload HTTP/1.1\r\nHost: panel\r\n"
+            f"Cookie: panelses5={session}\r\nContent-Type: {FORM['Content-Type']}\r\n"
+        )
+        if length is None:
+            head += "Transfer-Encoding: chunked\r\n\r\n"
+        else:
+            head += f"Content-Length: {length}\r\n\r\n"
+        self.client.sendall(head.encode() + first)
+
+    def bytes_stored(self):
+        return sum(path.stat().st_size for path in self.panel.spool.glob("upload-*/*"))
+
+    def processes(self):
+        """The front end, and its guardian."""
+        found = self.panel.front_processes()
+        (guardian,) = [process for process, parent in found.items() if parent in found]
+        return found[guardian], guardian
+
+    def status(self):
+        line = self.client.recv(12)
+        return int(line.split()[1])
+
+    def close(self):
+        self.client.close()
 
 
 class UploadTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.panel = Panel()
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.panel.stop()
+
     def setUp(self):
-        self.panel = Panel()
-        self.addCleanup(self.panel.stop)
         self.session = self.panel.sign_in()
-        self.cookie = {"Cookie": "panelses5=" + self.session}
-        page = self.panel.with_session(self.session, page="upload")
-        self.token = re.search(r'name="token" value="(\w+)"', page.body).group(1)
+        self.token = self.panel.token(self.session)
+        self.addCleanup(self.assert_nothing_left)
 
-    def upload(self, *files, token=None, headers=None):
-        body = form(self.token if token is None else token, *files)
-        return self.panel.post("upload", body, {**KIND, **(headers or self.cookie)})
+    def assert_nothing_left(self):
+        wait_for(lambda: not self.panel.spooled() and not self.panel.front_processes())
 
-    def assert_uploaded(self, answer, *files):
+    def post(self, body, session=None, headers=None):
+        cookie = {"Cookie": f"panelses5={session or self.session}"}
+        return self.panel.request("POST", {**FORM, **cookie, **(headers or {})}, body, page="upload")
+
+    def upload(self, *parts):
+        return self.post(form(field("token", self.token), *parts))
+
+    def assert_page(self, answer, status, text):
+        self.assertEqual(answer.status, status, answer.body)
+        self.assertIn(text, html.unescape(answer.body))
+
+    def assert_received(self, answer, *files):
         self.assertEqual(answer.status, 200, answer.body)
         rows = re.findall(r'<tr><td>(.*?)</td><td class="numbers">(\d+)</td></tr>', answer.body)
         self.assertEqual([(html.unescape(name), int(size)) for name, size in rows], list(files))
         total = sum(size for _, size in files)
         self.assertIn(f'<th>Together</th><th class="numbers">{total}</th>', answer.body)
-        self.assertEqual(self.panel.spooled(), [])
 
-    def test_of_several_files(self):
-        answer = self.upload(("b.txt", b"12345"), ("a.bin", secrets.token_bytes(300_000)))
-        self.assert_uploaded(answer, ("a.bin", 300_000), ("b.txt", 5))
+    @contextlib.contextmanager
+    def spool_unused(self):
+        """That a file was made and removed again would show, too."""
+        before = self.panel.spool.stat().st_mtime_ns
+        yield
+        self.assertEqual(self.panel.spool.stat().st_mtime_ns, before)
 
-    def test_of_sizes_around_a_chunk(self):
-        for size in (0, 1, 65535, 65536, 65537, 20_000_000):
-            self.assert_uploaded(self.upload(("f", b"x" * size)), ("f", size))
+    def begin(self, content=b"x" * 100_000, before=0):
+        """A file that is on its way and never complete. So many bytes of others
+        are there before."""
+        first = field("token", self.token) + file("f", content)[:-2]
+        upload = Upload(self.panel, self.session, first, len(first) + 1_000_000)
+        self.addCleanup(upload.close)
+        expected = len(content) + before
+        wait_for(lambda: upload.bytes_stored() == expected)
+        return upload
 
-    def test_of_names_that_are_markup(self):
-        name = "<img src=x onerror=alert(1)>&amp;' \u00e4\u4e2d"
-        answer = self.upload((name, b"x"))
-        self.assert_uploaded(answer, (name.partition(";")[0], 1))
-        self.assertNotIn("<img", answer.body)
 
-    def test_with_nothing_chosen(self):
-        self.assert_uploaded(self.upload(("", b"")))
+class Received(UploadTest):
+    def test_files_of_any_size(self):
+        for size in (0, 1, 65_535, 65_536, 65_537, 3_000_000):
+            answer = self.upload(file("f", bytes(size)))
+            self.assert_received(answer, ("f", size))
 
-    def test_of_two_files_with_one_name_keeps_the_later(self):
-        self.assert_uploaded(self.upload(("f", b"first"), ("f", b"the later")), ("f", 9))
+    def test_several_files_in_order_of_their_names(self):
+        answer = self.upload(file("b", b"12"), file("a", b"1"), file("\u00e9", b"123"))
+        self.assert_received(answer, ("a", 1), ("b", 2), ("\u00e9", 3))
 
-    def test_without_a_session_is_refused_unread(self):
-        answer = self.upload(("f", b"x" * 100_000), headers={"X-None": "1"})
-        self.assertEqual(answer.status, 403)
-        self.assertIn("Please sign in first.", answer.body)
+    def test_names_stay_text(self):
+        for sent in (
+            "<b>bold</b>&amp.txt",
+            "%22quoted%22.txt",
+            "it's.txt",
+            "\u0416\u4e16\U0001f600.txt",
+            "../../etc/passwd",
+            "C:\\a.txt",
+        ):
+            answer = self.upload(file(sent, b"abc"))
+            self.assert_received(answer, (sent, 3))
+            self.assertNotIn("<b>", answer.body)
 
-    def test_with_a_made_up_session_spools_nothing(self):
-        headers = {**KIND, "Cookie": "panelses5=" + secrets.token_hex(16)}
-        request = self.begin(headers, 1000)
-        answer = request.recv(65536).decode()
-        request.close()
-        # The answer is there before the body is.
-        self.assertIn(" 403 ", answer.splitlines()[0])
-        self.assertEqual(self.panel.spooled(), [])
+    def test_a_semicolon_ends_a_name(self):
+        self.assert_received(self.upload(file("a;b.txt", b"abc")), ("a", 3))
 
-    def test_with_the_wrong_token_is_refused(self):
-        other = self.panel.sign_in()
-        page = self.panel.with_session(other, page="upload")
-        others = re.search(r'name="token" value="(\w+)"', page.body).group(1)
-        for token in ("", "wrong", others):
-            answer = self.upload(("f", b"x"), token=token)
-            self.assertEqual(answer.status, 403)
-            self.assertIn("You do not authorized for this operation", answer.body)
-            self.assertEqual(self.panel.spooled(), [])
+    def test_of_two_files_with_one_name_the_last(self):
+        answer = self.upload(file("same", b"the first"), file("same", b"second"))
+        self.assert_received(answer, ("same", 6))
 
-    def test_above_the_limit_is_refused_readably(self):
-        answer = self.upload(("f", b"x" * LIMIT))
+    def test_an_input_left_empty_beside_a_file(self):
+        answer = self.upload(file("", b""), file("a", b"1"), file("", b""))
+        self.assert_received(answer, ("a", 1))
+
+    def test_a_parameter_that_would_add_to_a_query(self):
+        parts = field("sfrom", "x&func=whoami"), file("a", b"1")
+        self.assert_received(self.upload(*parts), ("a", 1))
+
+    def test_what_the_form_has_announced(self):
+        parts = file("a", b"12"), file("b", b"3")
+        answer = self.upload(field("announced", "2 3"), *parts)
+        self.assert_received(answer, ("a", 2), ("b", 1))
+
+
+class Refused(UploadTest):
+    def test_without_a_session_before_anything_is_written(self):
+        body = form(field("token", self.token), file("a", b"1"))
+        with self.spool_unused():
+            answer = self.panel.request("POST", FORM, body, page="upload")
+            self.assert_page(answer, 403, "Please sign in first.")
+            self.assert_page(self.post(body, session="made-up"), 403, "You do not authorized")
+            answer = self.panel.request("POST", FORM, body, page="upload", auth=self.session)
+            self.assertEqual(answer.status, 404)
+
+    def test_upload_with_a_session_shows_in_the_spool(self):
+        """What the tests for an unused spool rest on."""
+        with self.assertRaises(AssertionError), self.spool_unused():
+            self.assert_received(self.upload(file("a", b"1")), ("a", 1))
+
+    def test_without_the_token_of_this_session(self):
+        other = self.panel.token(self.panel.sign_in())
+        for token in ("", "wrong", other):
+            answer = self.post(form(field("token", token), file("a", b"1")))
+            self.assert_page(answer, 403, "You do not authorized for this operation")
+        self.assert_page(self.post(form(file("a", b"1"))), 403, "You do not authorized")
+
+    def test_above_the_limit_before_anything_is_written(self):
+        body = field("token", self.token) + file("f", bytes(10_000))
+        for sent in (body, b""):
+            with self.spool_unused():
+                upload = Upload(self.panel, self.session, sent, LIMIT + 1)
+                answer = upload.client.makefile("rb").read().decode()
+                upload.close()
+            self.assertRegex(answer, "^HTTP/1.1 413 ")
+            self.assertIn(TOO_LARGE, answer)
+            self.assertIn("Please send less at a time.", answer)
+
+    def test_above_the_limit_while_the_client_is_still_sending(self):
+        with tempfile.NamedTemporaryFile() as large, self.spool_unused():
+            large.truncate(LIMIT)
+            done = subprocess.run(
+                ["curl", "-q", "--noproxy", "*", "-s", "-H", "Expect:", "-F", f"f=@{large.name}",
+                 "-b", f"panelses5={self.session}", "-w", "%{http_code}", f"{self.panel.url}?page=upload"],
+                capture_output=True,
+                check=False,
+                text=True,
+                timeout=60,
+            )
+        self.assertIn(TOO_LARGE, done.stdout)
+        self.assertRegex(done.stdout, "413$")
+
+    def test_far_above_the_limit_by_the_web_server(self):
+        with self.spool_unused():
+            upload = Upload(self.panel, self.session, b"", 20 * LIMIT)
+            answer = upload.client.makefile("rb").read().decode()
+            upload.close()
+        self.assertRegex(answer, "^HTTP/1.1 413 ")
+        self.assertIn("This is more than the panel takes at a time.", answer)
+
+    def test_without_a_file(self):
+        for parts in ([], [file("", b"")]):
+            self.assert_page(self.upload(*parts), 400, "No file has been chosen.")
+        answer = self.post(
+            f"token={self.token}&files=a.txt",
+            headers={"Content-Type": "application/x-www-form-urlencoded"},
+        )
+        self.assert_page(answer, 400, "No file has been chosen.")
+
+    def test_other_than_announced(self):
+        for announced in ("1 3", "2 2", "2", "2 3\nx"):
+            parts = field("announced", announced), file("a", b"12"), file("b", b"3")
+            self.assert_page(self.upload(*parts), 400, "A part was lost on the way.")
+
+    def test_in_pieces_of_unknown_length(self):
+        upload = Upload(self.panel, self.session, b"", None)
+        self.addCleanup(upload.close)
+        self.assertEqual(upload.status(), 411)
+
+    def test_malformed(self):
+        line = "x" * 262_145
+        self.assert_page(self.upload(field("long", line)), 400, "Element value size")
+
+    def test_sign_in_that_brings_a_file(self):
+        body = form(field("user", self.panel.user), file("a", b"1"))
+        with self.spool_unused():
+            answer = self.panel.request("POST", FORM, body, page="signin")
+        self.assertEqual(answer.status, 415)
+
+    def test_page_that_takes_no_files(self):
+        body = form(field("token", self.token), file("a", b"1"))
+        headers = {**FORM, "Cookie": f"panelses5={self.session}"}
+        with self.spool_unused():
+            for items in ({}, {"page": "whoami"}, {"page": "upload", "x": "1"}):
+                self.assertEqual(self.panel.request("POST", headers, body, **items).status, 404)
+
+    def test_large_body_to_another_page_is_not_even_collected(self):
+        answer = self.panel.request("POST", FORM, bytes(100_000), page="signin")
         self.assertEqual(answer.status, 413)
-        self.assertIn("Post data too large. Max allowed length is 102400KB", answer.body)
-        self.assertEqual(self.panel.spooled(), [])
 
-    def test_far_above_the_limit_is_refused_by_the_web_server(self):
-        request = self.begin({**KIND, **self.cookie}, 1 << 40)
-        self.assertIn(b" 413 ", request.recv(65536).splitlines()[0])
-        request.close()
 
-    def test_that_injects_into_the_query_for_the_token_is_refused(self):
-        body = part('name="sfrom"', b"x&func=whoami") + form(self.token, ("f", b"x"))
-        answer = self.panel.post("upload", body, {**KIND, **self.cookie})
-        self.assertEqual(answer.status, 502)
+class BrokenOff(UploadTest):
+    """Nothing is left, as each test asserts at its end."""
 
-    def test_without_a_boundary_holds_no_files(self):
-        body = f"token={self.token}&files=x".encode()
-        answer = self.panel.post("upload", body, self.cookie)
-        self.assert_uploaded(answer)
+    def test_by_the_client(self):
+        self.begin().close()
 
-    def test_of_a_field_line_that_is_too_long_is_explained(self):
-        body = part('name="a"', b"x" * 262_145) + form(self.token)
-        answer = self.panel.post("upload", body, {**KIND, **self.cookie})
-        self.assertEqual(answer.status, 400)
-        self.assertIn("Element value size must be less than 262144", answer.body)
+    def test_by_a_signal_to_the_front_end(self):
+        for number in (
+            signal.SIGTERM,
+            signal.SIGKILL,
+            signal.SIGXCPU,
+            signal.SIGHUP,
+            signal.SIGINT,
+            signal.SIGPIPE,
+        ):
+            upload = self.begin()
+            front, _ = upload.processes()
+            os.kill(front, number)
+            self.assertEqual(upload.status(), 500)
+            self.assert_nothing_left()
 
-    def begin(self, headers, length):
-        """A connection that has sent the header of a POST."""
-        request = socket.create_connection(("127.0.0.1", self.panel.port), timeout=60)
-        lines = ["POST /panel?page=upload HTTP/1.1", "Host: panel", f"Content-Length: {length}"]
-        lines += [f"{name}: {value}" for name, value in headers.items()]
-        request.sendall("\r\n".join([*lines, "", ""]).encode())
-        return request
+    def test_after_signals_to_the_guardian(self):
+        upload = self.begin()
+        front, guardian = upload.processes()
+        self.assertNotEqual(os.getpgid(front), os.getpgid(guardian))
+        for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGINT, signal.SIGQUIT):
+            os.kill(guardian, number)
+        upload.close()
 
-    def begin_upload(self):
-        """An upload that stops in the middle of its file."""
-        request = self.begin({**KIND, **self.cookie}, 50_000_000)
-        request.sendall(form(self.token, ("f", b"x" * 10_000_000))[:-100])
-        wait_for(self.has_spooled)
-        return request
+    def test_by_the_end_of_the_web_server(self):
+        panel = Panel()
+        self.addCleanup(panel.stop)
+        session = panel.sign_in()
+        first = field("token", panel.token(session)) + file("f", b"x" * 1000)
+        upload = Upload(panel, session, first, len(first) + 1000)
+        self.addCleanup(upload.close)
+        wait_for(lambda: upload.bytes_stored() > 0)
+        front, _ = upload.processes()
+        os.kill(panel.front_processes()[front], signal.SIGKILL)
+        wait_for(lambda: not panel.spooled())
 
-    def has_spooled(self):
-        spool = self.panel.state / "spool"
-        return any(path.stat().st_size > 1_000_000 for path in spool.glob("*/zantemp*"))
+    def test_while_another_goes_on(self):
+        broken = self.begin(b"1" * 1000)
+        other = self.begin(b"2" * 500, before=1000)
+        broken.close()
+        wait_for(lambda: other.bytes_stored() == 500)
+        other.close()
 
-    def assert_nothing_is_left(self):
-        wait_for(lambda: not self.panel.spooled() and not front_ends(self.panel))
+    def test_by_a_body_that_makes_the_parser_go_on_for_ever(self):
+        """A chunk that ends with a separator, and one of a single byte."""
+        first = field("token", self.token) + file("f", b"abc") + f"--{BOUNDARY}".encode()
+        upload = Upload(self.panel, self.session, first, len(first) + 4)
+        self.addCleanup(upload.close)
+        wait_for(lambda: upload.bytes_stored() == 3)
+        front, _ = upload.processes()
+        self.assertEqual(resource.prlimit(front, resource.RLIMIT_CPU), (10, 10))
+        # One second is enough to see it.
+        resource.prlimit(front, resource.RLIMIT_CPU, (1, 1))
+        upload.client.sendall(b"-")
+        self.assertEqual(upload.status(), 500)
 
-    def test_that_the_visitor_leaves_behind_goes_away(self):
-        request = self.begin_upload()
-        self.assertEqual(len(front_ends(self.panel)), 2)
-        request.close()
-        self.assert_nothing_is_left()
 
-    def test_whose_front_end_is_killed_goes_away(self):
-        for signal_number in (signal.SIGTERM, signal.SIGKILL):
-            request = self.begin_upload()
-            first = front_ends(self.panel)[0]
-            os.kill(first, signal_number)
-            self.assert_nothing_is_left()
-            request.close()
+class SlowUpload(unittest.TestCase):
+    def test_may_take_longer_than_other_requests(self):
+        with tempfile.TemporaryDirectory(prefix="slow-") as folder:
+            home = pathlib.Path(folder) / "panel"
+            shutil.copytree(PANEL, home)
+            settings = home / "lighttpd.conf"
+            text = settings.read_text()
+            quicker = text.replace('"read-timeout" => 60,', '"read-timeout" => 1,')
+            self.assertNotEqual(quicker, text)
+            settings.write_text(quicker)
+            panel = Panel(home=home)
+            self.addCleanup(panel.stop)
+            session = panel.sign_in()
+            body = form(field("token", panel.token(session)), file("f", b"x" * 10_000))
+            upload = Upload(panel, session, body[:5000], len(body))
+            time.sleep(4)
+            upload.client.sendall(body[5000:])
+            self.assertEqual(upload.status(), 200)
+            upload.close()
 
-    def test_that_spins_ends_by_the_limit_of_its_processor_time(self):
-        # The first boundary in the last bytes of the first chunk.
-        request = self.begin({**KIND, **self.cookie}, 1000)
-        request.sendall(b"--" + BOUNDARY.encode())
+
+class FrontEndAlone(unittest.TestCase):
+    """Without a web server, to hand it what none would."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.panel = Panel()
+        cls.session = cls.panel.sign_in()
+        cls.token = cls.panel.token(cls.session)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.panel.stop()
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="spool-")
+        self.addCleanup(folder.cleanup)
+        self.spool = folder.name
+        self.addCleanup(lambda: self.assertEqual(os.listdir(folder.name), []))
+
+    def answer_to(self, body, length=None, **options):
+        variables = {
+            "REQUEST_METHOD": "POST",
+            "QUERY_STRING": "page=upload",
+            "CONTENT_TYPE": FORM["Content-Type"],
+            "CONTENT_LENGTH": str(length or len(body)),
+            "HTTP_COOKIE": f"panelses5={self.session}",
+            "TOV_RUN_DIR": str(self.panel.socket.parent),
+            "PANEL_SPOOL": self.spool,
+        }
+        with tempfile.TemporaryFile() as stdin:
+            stdin.write(body)
+            stdin.seek(0)
+            return subprocess.run(
+                [FRONT],
+                env=variables,
+                capture_output=True,
+                check=True,
+                text=True,
+                timeout=60,
+                **{"stdin": stdin, **options},
+            )
+
+    def test_a_value_that_grows_for_ever_ends_at_the_memory_limit(self):
+        begun = field("token", self.token) + part("endless", b"x")
+        done = self.answer_to(begun, len(begun) + 1)
+        self.assertIn("Status: 500 ", done.stdout)
+        self.assertIn("The panel has failed.", done.stdout)
+
+    def test_a_body_that_is_cut_short(self):
+        begun = field("token", self.token) + file("f", b"x" * 1000)
+        reader, writer = os.pipe()
+        os.write(writer, begun)
+        os.close(writer)
+        done = self.answer_to(b"", len(begun) + 1, stdin=reader)
+        os.close(reader)
+        self.assertIn("Status: 400 ", done.stdout)
+        self.assertIn("Your request has arrived in part only.", done.stdout)
+
+    def test_a_client_that_falls_silent(self):
+        reader, writer = os.pipe()
+        os.write(writer, field("token", self.token) + file("f", b"x" * 1000))
         started = time.monotonic()
-        wait_for(lambda: len(front_ends(self.panel)) == 2)
-        self.assert_nothing_is_left()
-        self.assertGreater(time.monotonic() - started, 5)
-        response = http.client.HTTPResponse(request)
-        response.begin()
-        self.assertEqual(response.status, 500)
-        request.close()
+        done = self.answer_to(b"", 100_000, stdin=reader)
+        self.assertGreater(time.monotonic() - started, 29)
+        os.close(writer)
+        os.close(reader)
+        self.assertIn("Status: 408 ", done.stdout)
 
+    def test_a_disk_that_takes_no_more(self):
+        limit = (1000, 1000)
+        body = form(field("token", self.token), file("f", bytes(10_000)))
+        # Python has SIGXFSZ ignored; the front end is to inherit that.
+        done = self.answer_to(
+            body,
+            restore_signals=False,
+            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, limit),
+        )
+        self.assertIn("Status: 507 ", done.stdout)
+        self.assertIn("error writing temporary file", done.stdout)
+
+    def test_a_spool_that_is_not_there(self):
+        self.spool += "/gone"
+        done = self.answer_to(form(field("token", self.token)))
+        self.assertIn("Status: 500 ", done.stdout)
+        self.assertNotIn("gone", done.stdout)
+        self.assertIn(f"no folder for uploads in '{self.spool}'", done.stderr)
+
+
+# It has no tests of its own.
+del UploadTest
 
 if __name__ == "__main__":
     unittest.main()
