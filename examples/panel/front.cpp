@@ -190,7 +190,7 @@ void ShowUpload(Cgi& cgi, const Answer& answer,
                 const std::string& status = "200 OK",
                 const std::string& problem = "") {
   ShowUploadForm(status, problem, answer.Html("/doc/own", "token"),
-                 str::Str(kLargestUpload), Navigation(cgi, answer));
+                 kLargestUpload, Navigation(cgi, answer));
 }
 
 void ShowUpload(Cgi& cgi) {

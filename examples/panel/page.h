@@ -136,22 +136,25 @@ inline void ShowError(const std::string& status, const std::string& problem,
 /// @param limit  the largest accepted body, in bytes
 inline void ShowUploadForm(const std::string& status,
                            const std::string& problem, const std::string& token,
-                           const std::string& limit,
-                           const std::string& navigation) {
+                           long limit, const std::string& navigation) {
   SendPage(status, "Upload",
            R"(<form id="upload" class="card" method="post"
  action="/panel?page=upload" enctype="multipart/form-data"
  data-limit=")" +
-               limit + "\">\n" + Problem(problem) +
+               std::to_string(limit) + "\">\n" + Problem(problem) +
                R"(<input type="hidden" name="token" value=")" + token + R"(">
 <label for="files">Files to upload</label>
-<p class="hint">Choose as many as you like, or drop them here.</p>
-<noscript><p class="hint">Of two files with one name only the later
- arrives.</p></noscript>
-<input id="files" name="files" type="file" multiple required>
+<p class="hint" id="hint">Choose as many as you like, or drop them here:
+ up to )" + std::to_string(limit >> 20) +
+               R"(&nbsp;MB together.</p>
+<noscript><p class="hint">Of two files with one name only the later arrives,
+ and a semicolon ends a name.</p></noscript>
+<input id="files" name="files" type="file" multiple required
+ aria-describedby="hint">
 <ul id="chosen"></ul>
 <p id="message" role="status"></p>
-<progress hidden aria-label="Progress of the upload"></progress>
+<div id="sending" hidden><progress aria-label="Progress of the upload"></progress>
+<span id="sent"></span></div>
 <button id="send">Upload</button>
 <button id="cancel" type="button" hidden>Cancel</button>
 </form>

@@ -97,6 +97,7 @@ class BrowserTest(unittest.TestCase):
     def test_an_upload_of_several_files(self):
         self.open_upload()
         self.assertEqual(self.browser.label("#files"), "Files to upload")
+        self.assertFalse(self.browser.is_enabled("#send"))
         files = [self.make_file("report.pdf", 3_000_000), self.make_file("a<b>.txt", 12)]
         self.browser.choose_files("#files", *files)
         self.assert_sees("report.pdf, 2.9 MB", "a<b>.txt, 12 bytes", "Together: 2.9 MB")
@@ -113,11 +114,14 @@ class BrowserTest(unittest.TestCase):
         self.browser.slow_down(500_000)
         self.browser.choose_files("#files", self.make_file("backup.tar", 20_000_000))
         self.browser.click("#send")
-        self.assert_sees(r"\d[.]\d MB of 19[.]1 MB", "Cancel")
+        self.assert_sees(r"[1-9][.]\d MB of 19[.]1 MB", "Cancel")
+        self.assertFalse(self.browser.is_enabled("#files"))
         self.assertGreater(self.browser.run("return document.querySelector('progress').value"), 0)
         self.browser.screenshot("upload-progress")
-        self.browser.click("#cancel")
+        # The button has the focus.
+        self.browser.press(ENTER)
         self.assert_sees("Cancelled. Nothing was kept.")
+        self.assertEqual(self.focused(), "Upload")
         wait_for(lambda: not self.panel.spooled())
         self.browser.screenshot("upload-cancelled")
 
@@ -128,18 +132,42 @@ class BrowserTest(unittest.TestCase):
         self.assertFalse(self.browser.is_enabled("#send"))
         self.browser.screenshot("upload-too-large")
 
-    def test_two_dropped_files_of_one_name_both_arrive(self):
-        self.open_upload()
-        self.browser.run(
+    def drop_file(self, name, text):
+        """Anywhere on the page. Whether the page has taken it."""
+        return self.browser.run(
             "const data = new DataTransfer();"
-            "for (const text of ['one', 'three'])"
-            "  data.items.add(new File([text], 'same.txt'));"
-            "document.querySelector('#upload').dispatchEvent("
-            "  new DragEvent('drop', {dataTransfer: data, cancelable: true}));"
+            f"data.items.add(new File([{text!r}], {name!r}));"
+            "return !document.querySelector('header').dispatchEvent("
+            "  new DragEvent('drop', {dataTransfer: data, bubbles: true, cancelable: true}));"
         )
-        self.assert_sees("same.txt, 3 bytes", "same.txt, 5 bytes")
+
+    def test_dropped_files_of_one_name_all_arrive(self):
+        self.open_upload()
+        self.browser.choose_files("#files", self.make_file("same.txt", 1))
+        for text in ("one", "three"):
+            self.assertTrue(self.drop_file("same.txt", text))
+        self.assert_sees("same.txt, 1 byte\n", "same.txt, 3 bytes", "same.txt, 5 bytes")
         self.browser.click("#send")
-        self.assert_sees(r"same \(2\)\.txt 5", r"same\.txt 3", "Together 8")
+        self.assert_sees(
+            r"same\.txt 1", r"same \(2\)\.txt 3", r"same \(3\)\.txt 5", "Together 9"
+        )
+
+    def test_a_name_with_a_semicolon_arrives(self):
+        self.open_upload()
+        self.drop_file("x;names.txt", "abc")
+        self.browser.click("#send")
+        self.assert_sees(r"x_names\.txt 3")
+
+    def test_an_upload_after_the_session_has_ended_is_refused_readably(self):
+        self.open_upload()
+        self.browser.choose_files("#files", self.make_file("notes.txt", 7))
+        database = self.panel.database()
+        database.execute("delete from session")
+        database.close()
+        self.browser.click("#send")
+        self.assert_sees("Forbidden", "Your session has ended")
+        self.browser.click_link("Sign in")
+        self.assert_sees("Password")
 
     def test_an_upload_by_keyboard(self):
         self.open_upload()
@@ -147,7 +175,10 @@ class BrowserTest(unittest.TestCase):
         self.browser.run("document.querySelector('#files').focus()")
         self.browser.press(TAB + ENTER)
         self.assert_sees("notes.txt 7")
-        self.assertEqual(self.browser.run("return document.activeElement.textContent"), "Uploaded")
+        self.assertEqual(self.focused(), "Uploaded")
+
+    def focused(self):
+        return self.browser.run("return document.activeElement.textContent")
 
     def test_an_upload_without_scripts(self):
         self.browser.disable_scripts()
@@ -162,6 +193,13 @@ class BrowserTest(unittest.TestCase):
         self.browser.click("#send")
         self.assert_sees("Post data too large. Max allowed length is 102400KB")
         self.browser.screenshot("upload-refused")
+        self.browser.click_link("Back to the upload")
+        # The web server refuses this one by itself.
+        self.browser.choose_files("#files", self.make_file("disks.img", 1024**3))
+        self.browser.click("#send")
+        self.assert_sees("This is more than the panel takes at a time.")
+        self.browser.click_link("Back to the upload")
+        self.assert_sees("Files to upload")
 
     def test_scripts_cannot_read_the_session(self):
         self.signed_in()
@@ -195,6 +233,9 @@ class BrowserTest(unittest.TestCase):
         for page in ("Who am I", "Sessions", "Upload"):
             self.browser.click_link(page)
             self.assert_sees(page)
+            if page == "Upload":
+                long_name = "a-long-name-without-a-single-blank-" * 3 + ".tar.gz"
+                self.browser.choose_files("#files", self.make_file(long_name, 123_456))
             self.browser.screenshot("dark-" + page.replace(" ", "-").lower())
             overhang = "return document.scrollingElement.scrollWidth - innerWidth"
             self.assertLessEqual(self.browser.run(overhang), 0)
