@@ -14,8 +14,6 @@ import time
 
 PROBE = os.environ["UPLOAD_PROBE"]
 PREDICTION = os.environ["UPLOAD_PREDICTION"]
-# Long enough for a web server to pass a piece on before the next one comes.
-PAUSE = 0.003
 
 
 @dataclasses.dataclass(frozen=True)
@@ -146,24 +144,42 @@ class Probe:
         return f"{self.server.url}?{record.folder.name}"
 
     def post(self, body, content_type, keeps_body=True, **headers):
-        """A body, or the pieces of one with CONTENT_LENGTH among the headers."""
-        record = self.new_record(keeps_body)
+        """A body, or the pieces of one with its length among the headers."""
+        return self._post(self.new_record(keeps_body), body, content_type, headers)
+
+    def post_in_pieces(self, pieces, content_type):
+        """A piece at a time, so that reads end where pieces end, under a web
+        server that passes them on."""
+        record = self.new_record()
+        length = {"Content-Length": str(sum(map(len, pieces)))}
+        return self._post(record, self._one_by_one(record, pieces), content_type, length)
+
+    def _post(self, record, body, content_type, headers):
         headers["Content-Type"] = content_type
-        with self.connection() as connection:
+        # Of a probe that has been ended, not every web server says so.
+        with self.connection() as connection, contextlib.suppress(ConnectionError):
             connection.request("POST", self.path(record), body, headers)
-            # Of a probe that has been ended, not every web server says so.
-            with contextlib.suppress(http.client.RemoteDisconnected):
-                answer = connection.getresponse()
-                record.standard_input = answer.headers["X-Standard-Input"]
-                if record.standard_input:
-                    record.report = answer.read().decode()
+            answer = connection.getresponse()
+            record.standard_input = answer.headers["X-Standard-Input"]
+            if record.standard_input:
+                record.report = answer.read().decode()
         return record
 
-    def post_slowly(self, pieces, content_type, pause=PAUSE):
-        """With a pause before each piece, so that most servers pass it on by
-        itself."""
-        length = {"Content-Length": str(sum(map(len, pieces)))}
-        return self.post(slowly(pieces, pause), content_type, **length)
+    def _one_by_one(self, record, pieces):
+        sent = 0
+        are_passed_on = self.server.passes_pieces_on
+        for piece in pieces:
+            are_passed_on = are_passed_on and self._reads(record, sent)
+            yield piece
+            sent += len(piece)
+
+    def _reads(self, record, count):
+        """Waits until the probe has read so many bytes; not if it has ended."""
+        while count > 0 and not (record.was_read() and sum(record.reads()) >= count):
+            if record.was_read() and not self.server.running_programs():
+                return False
+            time.sleep(0.001)
+        return True
 
     @contextlib.contextmanager
     def connection(self):
@@ -174,12 +190,6 @@ class Probe:
             yield connection
         finally:
             connection.close()
-
-
-def slowly(pieces, pause):
-    for piece in pieces:
-        time.sleep(pause)
-        yield piece
 
 
 @dataclasses.dataclass
@@ -194,7 +204,7 @@ class Field:
         return self.value
 
     def add_to(self, received):
-        received.params[self.name] = self.value
+        received.params[self.name] = self.value.replace(b"\r\n", b"\n")
 
 
 @dataclasses.dataclass
