@@ -5,6 +5,7 @@ import hashlib
 import itertools
 import os
 import random
+import shutil
 import unittest
 
 import web_servers
@@ -236,6 +237,8 @@ class LargeFile(UploadTest):
 
         length = {"Content-Length": str(len(head) + size + len(tail))}
         record = self.probe.post(pieces(), content_type(boundary), keeps_body=False, **length)
+        # The next web server needs the room.
+        self.addCleanup(shutil.rmtree, record.folder)
         expected = Received({b"u": b"f"}, {b"f": Digest(size, sent.hexdigest())}, size)
         self.assert_received(record.received(), record, expected)
 
