@@ -300,6 +300,7 @@ Outcome Child::Run(const Body& body) const {
     throw std::system_error(errno, std::generic_category(), "fork");
   }
   if (process == 0) BecomeChild(body, report, standard_error);
+  if (input_ != nullptr) input_->Feed();
 
   const int process_descriptor =
       static_cast<int>(::syscall(SYS_pidfd_open, process, 0));

@@ -47,7 +47,8 @@ Input Input::SlowPipe(std::vector<std::string> pieces,
   Input input;
   input.descriptor_ = ends[0];
   input.writing_end_ = ends[1];
-  input.Feed(std::move(pieces), pause, true);
+  input.pieces_ = std::move(pieces);
+  input.pause_ = pause;
   return input;
 }
 
@@ -57,7 +58,8 @@ Input Input::SilentPipe(const std::string& bytes) {
   Input input;
   input.descriptor_ = ends[0];
   input.writing_end_ = ends[1];
-  input.Feed({bytes}, {}, false);
+  input.pieces_ = {bytes};
+  input.hangs_up_ = false;
   return input;
 }
 
@@ -69,7 +71,7 @@ Input Input::Socket(const std::string& bytes) {
   Input input;
   input.descriptor_ = ends[0];
   input.writing_end_ = ends[1];
-  input.Feed({bytes}, {}, true);
+  input.pieces_ = {bytes};
   return input;
 }
 
@@ -85,6 +87,9 @@ Input Input::File(const std::string& bytes) {
 Input::Input(Input&& other) noexcept
     : descriptor_(std::exchange(other.descriptor_, -1)),
       writing_end_(std::exchange(other.writing_end_, -1)),
+      pieces_(std::move(other.pieces_)),
+      pause_(other.pause_),
+      hangs_up_(other.hangs_up_),
       writer_(std::move(other.writer_)) {}
 
 Input::~Input() {
@@ -96,21 +101,21 @@ Input::~Input() {
 
 /// Hangs up by shutting down or, for a pipe, by putting another file in the
 /// descriptor's place, so that the number is not reused meanwhile.
-void Input::Feed(std::vector<std::string> pieces,
-                 std::chrono::milliseconds pause, bool hangs_up) {
-  writer_ = std::thread(
-      [pieces = std::move(pieces), pause, hangs_up, end = writing_end_] {
-        IgnoreBrokenPipes();
-        for (const std::string& piece : pieces) {
-          std::this_thread::sleep_for(pause);
-          if (!WriteAll(end, piece)) break;
-        }
-        if (!hangs_up) return;
-        const int nothing = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-        ::shutdown(end, SHUT_WR);
-        ::dup2(nothing, end);
-        ::close(nothing);
-      });
+void Input::Feed() const {
+  if (writing_end_ < 0 || writer_.joinable()) return;
+  writer_ = std::thread([pieces = pieces_, pause = pause_, hangs_up = hangs_up_,
+                         end = writing_end_] {
+    IgnoreBrokenPipes();
+    for (const std::string& piece : pieces) {
+      std::this_thread::sleep_for(pause);
+      if (!WriteAll(end, piece)) break;
+    }
+    if (!hangs_up) return;
+    const int nothing = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    ::shutdown(end, SHUT_WR);
+    ::dup2(nothing, end);
+    ::close(nothing);
+  });
 }
 
 void Input::BecomeStandardInput() const {

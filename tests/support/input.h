@@ -30,15 +30,20 @@ class Input {
   /// Makes this the standard input of the calling process, a child of the one
   /// that made it.
   void BecomeStandardInput() const;
+  /// Begins to write. To be called by the process that made it, once the child
+  /// is there: a child that is forked beside a running thread may inherit a
+  /// lock that nobody opens.
+  void Feed() const;
 
  private:
   Input() = default;
-  void Feed(std::vector<std::string> pieces, std::chrono::milliseconds pause,
-            bool hangs_up);
 
   int descriptor_ = -1;
   int writing_end_ = -1;
-  std::thread writer_;
+  std::vector<std::string> pieces_;
+  std::chrono::milliseconds pause_{};
+  bool hangs_up_ = true;
+  mutable std::thread writer_;
 };
 
 }  // namespace support

@@ -1,540 +1,802 @@
 // What is settled before the body of a POST is read: its length, the temporary
-// directory, and the room in it.
+// directory, and whether there is room.
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/vfs.h>
+#include <tov/err.h>
 #include <unistd.h>
 #include <zancgi/zancgi.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <filesystem>
-#include <optional>
 #include <regex>
+#include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/child.h"
+#include "support/form.h"
+#include "support/identity.h"
 #include "support/input.h"
 #include "support/scratch.h"
+#include "support/system_calls.h"
 
 namespace {
 
 using support::Child;
 using support::Input;
+using support::kForm;
+using support::kFormEnd;
+using support::LogLine;
 using support::Outcome;
+using support::Post;
+using support::Replace;
 using support::Scratch;
 using support::Told;
 using zan_cgi::Cgi;
 using Strings = std::vector<std::string>;
-namespace fs = std::filesystem;
+using Names = std::vector<std::string>;
 
-/// What statfs64(2) answers; the kernel when not set.
-struct Space {
-  int error = 0;
-  std::int64_t block_size = 0;
-  std::uint64_t free_blocks = 0;
-};
-std::optional<Space> scripted_space;
+/// What a child has come to, with no descriptor left open.
+Outcome Checked(const Outcome& outcome) {
+  EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
+  EXPECT_EQ(outcome.leaked_descriptors, Strings{});
+  return outcome;
+}
 
-const std::string kPassed = "(passed)";
-
-/// The error that the length check ends in, or "(passed)".
-std::string CheckLength(const Child& child, long limit) {
-  const Outcome outcome = child.Run([limit](const Told&) {
-    Cgi cgi("/bin/front", "backend");
+/// The text of the refusal; empty when the limit is kept.
+std::string Refusal(Cgi& cgi, long limit) {
+  try {
     cgi.CheckContentLength(limit);
-  });
-  EXPECT_EQ(outcome.status, 0);
-  EXPECT_EQ(outcome.Logged(4), Strings{});
-  if (outcome.error_type.empty()) return kPassed;
+    return "";
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+}
+
+std::string RefusalOf(const std::string& declared, long limit) {
+  const Outcome outcome = Checked(Post(declared).Run([&](const Told& told) {
+    Cgi cgi("/bin/front", "panel");
+    told("refusal", Refusal(cgi, limit));
+  }));
+  return outcome.told.at("refusal");
+}
+
+/// What the declared length is taken for: the smallest limit that is kept.
+std::string LengthTaken(const Child& request) {
+  const Outcome outcome = Checked(request.Run([](const Told& told) {
+    Cgi cgi("/bin/front", "panel");
+    long refused = -(1L << 40);
+    long kept = 1L << 40;
+    EXPECT_NE(Refusal(cgi, refused), "");
+    EXPECT_EQ(Refusal(cgi, kept), "");
+    while (refused + 1 < kept) {
+      const long middle = refused + (kept - refused) / 2;
+      (Refusal(cgi, middle).empty() ? kept : refused) = middle;
+    }
+    told("taken", std::to_string(kept));
+  }));
+  return outcome.told.at("taken");
+}
+
+std::string LengthTaken(const std::string& declared) {
+  return LengthTaken(Post(declared));
+}
+
+TEST(ContentLength, EqualToTheLimitPasses) {
+  EXPECT_EQ(RefusalOf("2048", 2048), "");
+  EXPECT_EQ(RefusalOf("0", 0), "");
+}
+
+TEST(ContentLength, AboveTheLimitIsRefusedAsARuntimeError) {
+  const Outcome outcome = Checked(Post("2049").Run([](const Told&) {
+    Cgi("/bin/front", "panel").CheckContentLength(2048);
+  }));
   EXPECT_EQ(outcome.error_type, "std::runtime_error");
-  return outcome.error;
+  EXPECT_EQ(outcome.error, "Post data too large. Max allowed length is 2KB");
 }
 
-Child Post(const std::string& length) {
-  return Child().Env("REQUEST_METHOD", "POST").Env("CONTENT_LENGTH", length);
-}
-
-std::string CheckLength(const std::string& length, long limit) {
-  return CheckLength(Post(length), limit);
-}
-
-std::string TooLarge(const std::string& kilobytes) {
-  return "Post data too large. Max allowed length is " + kilobytes + "KB";
-}
-
-/// Checks a temporary directory of this name, and tells the name afterwards
-/// also when the check fails.
-Outcome CheckDir(Child child, const std::string& dir) {
-  return child.Run([&](const Told& told) {
-    Cgi::Data record;
-    record.tmp_dir = dir;
-    try {
-      record.CheckTmpDir();
-    } catch (...) {
-      told("tmp_dir", record.tmp_dir);
-      throw;
-    }
-    told("tmp_dir", record.tmp_dir);
-  });
-}
-
-/// The free space of "/" when statfs64(2) answers this.
-Outcome FreeSpace(const Space& space) {
-  return Child().Run([&](const Told& told) {
-    Cgi::Data record;
-    scripted_space = space;
-    told("free", std::to_string(record.FreeSpaceSize("/")));
-  });
-}
-
-/// A POST without a boundary, in a record with this temporary directory.
-Outcome Parse(Child child, const std::string& dir, const std::string& body,
-              const Space& space) {
-  const Input input = Input::Pipe(body);
-  return child.StandardInput(input).Run([&](const Told& told) {
-    Cgi::Data record;
-    record.tmp_dir = dir;
-    scripted_space = space;
-    try {
-      record.ParseInput();
-    } catch (...) {
-      told("tmp_dir", record.tmp_dir);
-      throw;
-    }
-    told("tmp_dir", record.tmp_dir);
-  });
-}
-
-/// The texts of level 9 with "#" for line numbers.
-Strings DebugLines(const Outcome& outcome) {
-  static const std::regex place("^zancgi\\.cpp:[0-9]+ ");
-  Strings lines;
-  for (const std::string& line : outcome.Logged(9)) {
-    lines.push_back(std::regex_replace(line, place, "zancgi.cpp:# "));
-  }
-  return lines;
-}
-
-mode_t ModeOf(const std::string& path) {
-  struct stat found = {};
-  EXPECT_EQ(::stat(path.c_str(), &found), 0);
-  return found.st_mode & 07777U;
-}
-
-/// Makes the calling process one that permissions bind.
-void BecomeOrdinary() {
-  if (support::IsRoot() && ::setuid(65534) != 0) ::_exit(96);
-}
-
-TEST(LengthLimit, RefusesWhatIsLonger) {
-  EXPECT_EQ(CheckLength("2049", 2048), TooLarge("2"));
-  EXPECT_EQ(CheckLength("2147483647", 2048), TooLarge("2"));
-}
-
-TEST(LengthLimit, AcceptsAnEqualLength) {
-  EXPECT_EQ(CheckLength("2048", 2048), kPassed);
-  EXPECT_EQ(CheckLength("2047", 2048), kPassed);
-  EXPECT_EQ(CheckLength("0", 0), kPassed);
-}
-
-TEST(LengthLimit, IsReportedInWholeKilobytes) {
-  EXPECT_EQ(CheckLength("5000", 0), TooLarge("0"));
-  EXPECT_EQ(CheckLength("5000", 1023), TooLarge("0"));
-  EXPECT_EQ(CheckLength("5000", 1024), TooLarge("1"));
-  EXPECT_EQ(CheckLength("5000", 2047), TooLarge("1"));
-  EXPECT_EQ(CheckLength("2147483647", 2'147'483'646), TooLarge("2097151"));
-}
-
-TEST(LengthLimit, BelowZeroRefusesEveryPositiveLength) {
-  // Rounded towards zero.
-  EXPECT_EQ(CheckLength("0", -1), TooLarge("0"));
-  EXPECT_EQ(CheckLength("1", -1023), TooLarge("0"));
-  EXPECT_EQ(CheckLength("1", -1025), TooLarge("-1"));
-  EXPECT_EQ(CheckLength("1", LONG_MIN), TooLarge("-9007199254740992"));
-}
-
-TEST(LengthLimit, ComparesWithSign) {
-  EXPECT_EQ(CheckLength("-1", 0), kPassed);
-  EXPECT_EQ(CheckLength("-70000", 10), kPassed);
-  EXPECT_EQ(CheckLength("-5", -6), TooLarge("0"));
-}
-
-TEST(LengthLimit, HoldsForLengthsBeyond32Bits) {
-  for (const std::string length :
-       {"2147483648", "4294967296", "4294967297", "99999999999999999999"}) {
-    EXPECT_EQ(CheckLength(length, 1'048'576), TooLarge("1024")) << length;
+TEST(ContentLength, IsRefusedWithTheLimitInWholeKilobytes) {
+  const std::pair<long, std::string> texts[] = {
+      {-1, "0"},
+      {0, "0"},
+      {1, "0"},
+      {1023, "0"},
+      {1024, "1"},
+      {2047, "1"},
+      {-1023, "0"},
+      {-1024, "-1"},
+      {-2049, "-2"},
+      {1L << 20, "1024"},
+      {1'500'000, "1464"},
+      {2'147'483'646, "2097151"},
+      {LONG_MIN, "-9007199254740992"},
+  };
+  for (const auto& [limit, kilobytes] : texts) {
+    EXPECT_EQ(RefusalOf("2147483647", limit),
+              "Post data too large. Max allowed length is " + kilobytes + "KB");
   }
 }
 
-TEST(LengthLimit, Beyond31BitsRefusesNothing) {
-  for (const std::string length : {"2147483648", "99999999999999999999"}) {
-    EXPECT_EQ(CheckLength(length, INT_MAX), kPassed) << length;
-    EXPECT_EQ(CheckLength(length, LONG_MAX), kPassed) << length;
-  }
-}
-
-TEST(LengthLimit, TakesBlanksAndASignAsPartOfTheNumber) {
-  for (const std::string length : {"+5", " 5", "5 ", " +5 ", "5\r\n"}) {
-    EXPECT_EQ(CheckLength(length, 4), TooLarge("0")) << length;
-    EXPECT_EQ(CheckLength(length, 5), kPassed) << length;
-  }
-}
-
-TEST(LengthLimit, TakesWhatIsNoNumberForZero) {
-  for (const std::string length :
-       {"", "x", "0x10", "5,5", "5x", "+", "- 5", "5.0"}) {
-    EXPECT_EQ(CheckLength(length, 0), kPassed) << length;
-    EXPECT_EQ(CheckLength(length, -1), TooLarge("0")) << length;
-  }
-}
-
-TEST(LengthLimit, TakesAMissingLengthForZero) {
-  const Child child = Child().Env("REQUEST_METHOD", "POST");
-  EXPECT_EQ(CheckLength(child, 0), kPassed);
-  EXPECT_EQ(CheckLength(child, -1), TooLarge("0"));
-}
-
-TEST(LengthLimit, IsForPostAlone) {
+TEST(ContentLength, OfOtherMethodsIsNotLookedAt) {
   for (const std::string method :
-       {"GET", "post", "Post", "PUT", "POST ", " POST", "POSTS", "HEAD", ""}) {
-    EXPECT_EQ(CheckLength(Post("5000").Env("REQUEST_METHOD", method), 1),
-              kPassed)
-        << method;
+       {"GET", "HEAD", "PUT", "post", "Post", "POST ", " POST", "POSTS", ""}) {
+    const Outcome outcome = Checked(
+        Post("2147483647").Env("REQUEST_METHOD", method).Run([](const Told&) {
+          Cgi("/bin/front", "panel").CheckContentLength(LONG_MIN);
+        }));
+    EXPECT_EQ(outcome.error, "") << "'" << method << "'";
   }
-  EXPECT_EQ(CheckLength(Child().Env("CONTENT_LENGTH", "5000"), 1), kPassed);
+  EXPECT_EQ(Checked(Child().Env("CONTENT_LENGTH", "9").Run([](const Told&) {
+              Cgi("/bin/front", "panel").CheckContentLength(0);
+            })).error,
+            "");
 }
 
-TEST(LengthLimit, IsCheckedWithoutReadingTheBody) {
+TEST(ContentLength, BeyondThirtyTwoBitsNeverPassesForASmallOne) {
+  for (const std::string declared :
+       {"2147483648", "4294967295", "4294967296", "4294967297", "6442450944",
+        "9223372036854775807", "9223372036854775808", "18446744073709551617",
+        "99999999999999999999"}) {
+    EXPECT_EQ(RefusalOf(declared, 1L << 20),
+              "Post data too large. Max allowed length is 1024KB")
+        << declared;
+    EXPECT_EQ(LengthTaken(declared), "2147483647") << declared;
+  }
+}
+
+TEST(ContentLength, IsNotRefusedByALimitThatNoLengthExceeds) {
+  EXPECT_EQ(RefusalOf("99999999999999999999", 2'147'483'647), "");
+  EXPECT_EQ(RefusalOf("99999999999999999999", LONG_MAX), "");
+}
+
+TEST(ContentLength, BelowZeroIsLessThanAnyLimit) {
+  EXPECT_EQ(LengthTaken("-1"), "-1");
+  EXPECT_EQ(LengthTaken("-70000"), "-70000");
+  EXPECT_EQ(LengthTaken("-2147483648"), "-2147483648");
+  EXPECT_EQ(LengthTaken("-2147483649"), "-2147483648");
+  EXPECT_EQ(LengthTaken("-99999999999999999999"), "-2147483648");
+}
+
+TEST(ContentLength, MayHaveASignAndWhiteSpace) {
+  EXPECT_EQ(LengthTaken("+5"), "5");
+  EXPECT_EQ(LengthTaken(" 5"), "5");
+  EXPECT_EQ(LengthTaken("5 "), "5");
+  EXPECT_EQ(LengthTaken("007"), "7");
+}
+
+TEST(ContentLength, ThatIsNoNumberIsZero) {
+  for (const std::string declared :
+       {"", "0x10", "5,5", "5 5", "five", "+", "-", "+-5", "1e6", "5KB"}) {
+    EXPECT_EQ(LengthTaken(declared), "0") << declared;
+  }
+}
+
+TEST(ContentLength, ThatIsMissingIsZero) {
+  EXPECT_EQ(LengthTaken(Child().Env("REQUEST_METHOD", "POST")), "0");
+}
+
+TEST(ContentLength, IsCheckedWithoutReadingOrLogging) {
   const Input input = Input::Pipe("a=1");
   const Outcome outcome =
-      Post("3").Env("TMP", "/").StandardInput(input).Run([](const Told& told) {
-        Cgi cgi("/bin/front", "backend");
-        try {
-          cgi.CheckContentLength(2);
-        } catch (const std::runtime_error&) {
-          told("refused", "yes");
-        }
-        cgi.CheckContentLength(3);
+      Checked(Post("3", "").StandardInput(input).Run([](const Told& told) {
+        Cgi cgi("/bin/front", "panel");
+        told("refusal", Refusal(cgi, 2));
         told("a", cgi.Param("a"));
-      });
-  EXPECT_EQ(outcome.told.at("refused"), "yes");
+      }));
+  EXPECT_NE(outcome.told.at("refusal"), "");
   EXPECT_EQ(outcome.told.at("a"), "1");
+  EXPECT_TRUE(outcome.Logged(3).empty());
+  EXPECT_TRUE(outcome.Logged(4).empty());
 }
 
-TEST(TmpDir, ThatExistsIsLeftAsItIs) {
-  const Scratch scratch;
-  const std::string dir = scratch.MakeDir("dir");
-  scratch.MakeFile("dir/file");
-  ASSERT_EQ(::chmod(dir.c_str(), 0755), 0);
-  const Outcome outcome = CheckDir(Child(), dir);
-  EXPECT_EQ(outcome.error, "");
-  EXPECT_EQ(outcome.told.at("tmp_dir"), dir);
-  EXPECT_EQ(ModeOf(dir), 0755U);
-  EXPECT_TRUE(fs::exists(dir + "/file"));
-}
-
-TEST(TmpDir, ThatIsMissingIsMade) {
-  const Scratch scratch;
-  const std::string dir = scratch / "dir";
-  const Outcome outcome = CheckDir(Child(), dir);
-  EXPECT_EQ(outcome.error, "");
-  EXPECT_TRUE(fs::is_directory(dir));
-  EXPECT_EQ(ModeOf(dir), 0700U);
-  EXPECT_EQ(outcome.leaked_descriptors, Strings{});
-}
-
-TEST(TmpDir, MayBeALinkToADirectory) {
-  const Scratch scratch;
-  const std::string dir = scratch.MakeDir("dir");
-  fs::create_directory_symlink(dir, scratch / "link");
-  const Outcome outcome = CheckDir(Child(), scratch / "link");
-  EXPECT_EQ(outcome.error, "");
-  EXPECT_EQ(outcome.told.at("tmp_dir"), scratch / "link");
-}
-
-TEST(TmpDir, ThatIsNoDirectoryIsRefused) {
-  const Scratch scratch;
-  const std::string file = scratch.MakeFile("file", "x");
-  const std::string link = scratch / "link";
-  const std::string fifo = scratch / "fifo";
-  fs::create_symlink(file, link);
-  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-  for (const std::string& path : {file, link, fifo}) {
-    const Outcome outcome = CheckDir(Child(), path);
-    EXPECT_EQ(outcome.error_type, "std::runtime_error");
-    EXPECT_EQ(outcome.error, "temp dir '" + path + "' is not a directory");
-    EXPECT_EQ(outcome.told.at("tmp_dir"), path);
+/// Checks the directory; tells it as it is afterwards, and its kind.
+void CheckAndTell(const std::string& directory, const Told& told) {
+  Cgi::Data record;
+  record.tmp_dir = directory;
+  try {
+    record.CheckTmpDir();
+  } catch (...) {
+    told("tmp_dir", record.tmp_dir);
+    throw;
   }
-  EXPECT_EQ(support::ReadFile(file), "x");
+  told("tmp_dir", record.tmp_dir);
+  told("made", std::filesystem::is_directory(record.tmp_dir) ? "yes" : "no");
 }
 
-TEST(TmpDir, KeepsTheWordingForOddNames) {
-  const Scratch scratch;
-  const std::string file = scratch.MakeFile("%s 'x'");
-  EXPECT_EQ(CheckDir(Child(), file).error,
-            "temp dir '" + file + "' is not a directory");
+Outcome Check(const std::string& directory, Child child = {}) {
+  return Checked(child.Run(
+      [&directory](const Told& told) { CheckAndTell(directory, told); }));
 }
 
-/// Expects that making the directory fails, and that the name is kept.
-void ExpectCannotBeMade(Child child, const std::string& path) {
-  const Outcome outcome = CheckDir(child, path);
-  EXPECT_EQ(outcome.error_type, "tov_err::Error") << path;
+/// It was taken, and is a directory now.
+void ExpectTaken(const Outcome& outcome, const std::string& directory) {
+  EXPECT_EQ(outcome.error, "");
+  EXPECT_EQ(outcome.told.at("tmp_dir"), directory);
+  EXPECT_EQ(outcome.told.at("made"), "yes");
+}
+
+void ExpectNoDirectory(const std::string& path) {
+  const Outcome outcome = Check(path);
+  EXPECT_EQ(outcome.error_type, "std::runtime_error");
+  EXPECT_EQ(outcome.error, "temp dir '" + path + "' is not a directory");
+  EXPECT_EQ(outcome.told.at("tmp_dir"), path);
+}
+
+/// It cannot be made or looked at, but is kept.
+void ExpectSystemError(const Outcome& outcome, const std::string& path) {
+  EXPECT_EQ(outcome.error_type, "tov_err::Error");
   EXPECT_NE(outcome.error.find(path), std::string::npos) << outcome.error;
   EXPECT_EQ(outcome.told.at("tmp_dir"), path);
 }
 
-TEST(TmpDir, ThatCannotBeMadeIsAnErrorOfTheBaseLibrary) {
+TEST(TmpDir, ThatIsThereIsTakenAsItIs) {
   const Scratch scratch;
-  const std::string file = scratch.MakeFile("file");
-  const std::string dangling = scratch / "dangling";
-  fs::create_symlink(scratch / "nothing", dangling);
-  ExpectCannotBeMade(Child(), scratch / "missing/dir");
-  ExpectCannotBeMade(Child(), file + "/dir");
-  ExpectCannotBeMade(Child(), dangling);
-  ExpectCannotBeMade(Child(), scratch / std::string(300, 'x'));
-  EXPECT_EQ(scratch.List(), (Strings{"dangling", "file"}));
+  const std::string folder = scratch.MakeDir("folder");
+  ASSERT_EQ(::chmod(folder.c_str(), 0751), 0);
+  ExpectTaken(Check(folder), folder);
+  struct stat found {};
+  ASSERT_EQ(::stat(folder.c_str(), &found), 0);
+  EXPECT_EQ(found.st_mode & 07777U, 0751U);
+  EXPECT_EQ(scratch.List(), Names{"folder"});
 }
 
-TEST(TmpDir, BelowAFolderWithoutWriteRightIsAnErrorOfTheBaseLibrary) {
+TEST(TmpDir, ThatIsMissingIsMade) {
   const Scratch scratch;
-  ASSERT_EQ(::chmod(scratch.Path().c_str(), 0555), 0);
-  const std::string path = scratch / "dir";
-  const Outcome outcome = Child().Run([&](const Told& told) {
-    BecomeOrdinary();
-    Cgi::Data record;
-    record.tmp_dir = path;
-    EXPECT_FALSE(fs::exists(path));
-    try {
-      record.CheckTmpDir();
-    } catch (...) {
-      told("tmp_dir", record.tmp_dir);
-      throw;
-    }
-  });
-  EXPECT_EQ(outcome.status, 0);
-  EXPECT_EQ(outcome.error_type, "tov_err::Error");
-  EXPECT_EQ(outcome.told.at("tmp_dir"), path);
-  ASSERT_EQ(::chmod(scratch.Path().c_str(), 0755), 0);
+  ExpectTaken(Check(scratch / "new"), scratch / "new");
+  struct stat found {};
+  ASSERT_EQ(::stat((scratch / "new").c_str(), &found), 0);
+  EXPECT_EQ(found.st_mode & 07777U, 0700U);
 }
 
-TEST(TmpDir, ThatIsEmptyIsTheOneOfTheEnvironment) {
-  const Scratch scratch;
-  const std::string dir = scratch / "dir";
-  const Outcome outcome =
-      CheckDir(Child().Env("TMP", dir).WorkDir(scratch.Path()), "");
-  EXPECT_EQ(outcome.told.at("tmp_dir"), dir);
-  EXPECT_TRUE(fs::is_directory(dir));
-  EXPECT_EQ(scratch.List(), Strings{"dir"});
-}
-
-TEST(TmpDir, OfTheEnvironmentMayBeRelativeToTheCurrentDirectory) {
+TEST(TmpDir, KeepsTheSpellingThatItWasGiven) {
   const Scratch scratch;
   scratch.MakeDir("a");
-  for (const std::string name : {"dir", "./a/../dir2", ".."}) {
-    const Outcome outcome =
-        CheckDir(Child().Env("TMP", name).WorkDir(scratch.Path()), "");
-    EXPECT_EQ(outcome.error, "") << name;
-    EXPECT_EQ(outcome.told.at("tmp_dir"), name);
-  }
-  EXPECT_EQ(scratch.List(), (Strings{"a", "dir", "dir2"}));
-}
-
-TEST(TmpDir, OfTheEnvironmentIsNotAskedForWhenOneIsNamed) {
-  const Scratch scratch;
-  const std::string dir = scratch / "dir";
-  const Outcome outcome = CheckDir(Child().Env("TMP", scratch / "other"), dir);
-  EXPECT_EQ(outcome.told.at("tmp_dir"), dir);
-  EXPECT_EQ(scratch.List(), Strings{"dir"});
-}
-
-TEST(TmpDir, WithoutAnyNameIsTmpBelowTheCurrentDirectory) {
-  for (const Child& child : {Child(), Child().Env("TMP", "")}) {
-    const Scratch scratch;
-    const Outcome outcome = CheckDir(Child(child).WorkDir(scratch.Path()), "");
-    EXPECT_EQ(outcome.error, "");
-    EXPECT_EQ(outcome.told.at("tmp_dir"), "tmp");
-    EXPECT_EQ(scratch.List(), Strings{"tmp"});
-    EXPECT_EQ(ModeOf(scratch / "tmp"), 0700U);
+  for (const std::string name : {"/a/../new", "/./a/", "//a"}) {
+    ExpectTaken(Check(scratch.Path() + name), scratch.Path() + name);
   }
 }
 
-TEST(TmpDir, OfTheFrontEndIsBelowTheFolderAboveItsProgram) {
+TEST(TmpDir, MayBeALinkToADirectory) {
   const Scratch scratch;
-  const std::string program = scratch.MakeDir("site/cgi") + "/front";
-  const Outcome outcome = Child().Run([&](const Told&) {
-    Cgi cgi(program, "backend");
-    cgi.SetTmpDir("");
-  });
-  EXPECT_EQ(outcome.error, "");
-  EXPECT_TRUE(fs::is_directory(scratch / "site/tmp"));
+  std::filesystem::create_directory_symlink(scratch.MakeDir("folder"),
+                                            scratch / "link");
+  ExpectTaken(Check(scratch / "link"), scratch / "link");
 }
 
-/// Sets this directory, then parses an upload into it and tells its path.
-Outcome SetDirAndUpload(const std::string& dir) {
-  const std::string body =
-      "--XY\r\nContent-Disposition: form-data; name=\"u\"; filename=\"f\""
-      "\r\n\r\nx\r\n--XY--\r\n";
-  const Input input = Input::Pipe(body);
-  return Post(std::to_string(body.size()))
-      .Env("CONTENT_TYPE", "multipart/form-data; boundary=XY")
-      .StandardInput(input)
-      .Run([&](const Told& told) {
-        Cgi cgi("/bin/front", "backend");
-        try {
-          cgi.SetTmpDir(dir);
-        } catch (const std::exception& error) {
-          told("refused", error.what());
-        }
-        cgi.ParseQuery();
-        told("path", cgi.File("f"));
-      });
-}
-
-TEST(SetTmpDir, SaysWhereUploadsGo) {
+TEST(TmpDir, MustBeADirectory) {
   const Scratch scratch;
-  const Outcome outcome = SetDirAndUpload(scratch / "dir");
-  EXPECT_EQ(outcome.error, "");
-  EXPECT_TRUE(outcome.told.at("path").starts_with(scratch / "dir/zantemp"))
-      << outcome.told.at("path");
+  ExpectNoDirectory(scratch.MakeFile("file"));
+  std::filesystem::create_symlink(scratch / "file", scratch / "link");
+  ExpectNoDirectory(scratch / "link");
+  ASSERT_EQ(::mkfifo((scratch / "fifo").c_str(), 0600), 0);
+  ExpectNoDirectory(scratch / "fifo");
+  ExpectNoDirectory("/dev/null");
 }
 
-TEST(SetTmpDir, KeepsTheNameThatItRefuses) {
+TEST(TmpDir, IsNotMadeWithItsParents) {
+  const Scratch scratch;
+  ExpectSystemError(Check(scratch / "no/parent"), scratch / "no/parent");
+  EXPECT_EQ(scratch.List(), Names{});
+}
+
+TEST(TmpDir, IsNotMadeBehindADanglingLink) {
+  const Scratch scratch;
+  std::filesystem::create_symlink(scratch / "nowhere", scratch / "link");
+  ExpectSystemError(Check(scratch / "link"), scratch / "link");
+  EXPECT_EQ(scratch.List(), Names{"link"});
+}
+
+TEST(TmpDir, IsNotMadeBelowAFile) {
+  const Scratch scratch;
+  const std::string path = scratch.MakeFile("file") + "/new";
+  ExpectSystemError(Check(path), path);
+}
+
+TEST(TmpDir, BehindALoopOfLinksIsAnError) {
+  const Scratch scratch;
+  std::filesystem::create_symlink(scratch / "loop", scratch / "loop");
+  ExpectSystemError(Check(scratch / "loop"), scratch / "loop");
+}
+
+/// Checks the directory as an ordinary user.
+Outcome CheckAsOrdinaryUser(const std::string& directory) {
+  return Checked(Child().Run([&directory](const Told& told) {
+    support::BecomeOrdinaryUser();
+    CheckAndTell(directory, told);
+  }));
+}
+
+TEST(TmpDir, ThatMayNotBeMadeIsAnError) {
+  const Scratch scratch;
+  ASSERT_EQ(::chmod(scratch.Path().c_str(), 0555), 0);
+  ExpectSystemError(CheckAsOrdinaryUser(scratch / "new"), scratch / "new");
+  EXPECT_EQ(scratch.List(), Names{});
+}
+
+TEST(TmpDir, ThatMayNotBeLookedAtIsAnError) {
+  const Scratch scratch;
+  ASSERT_EQ(::chmod(scratch.Path().c_str(), 0755), 0);
+  const std::string closed = scratch.MakeDir("closed");
+  ASSERT_EQ(::chmod(closed.c_str(), 0), 0);
+  ExpectSystemError(CheckAsOrdinaryUser(closed + "/new"), closed + "/new");
+  ASSERT_EQ(::chmod(closed.c_str(), 0700), 0);
+}
+
+TEST(TmpDir, ThatIsEmptyIsTheEnvironments) {
+  const Scratch scratch;
+  const std::string folder = scratch / "new";
+  ExpectTaken(Check("", Child().Env("TMP", folder)), folder);
+}
+
+TEST(TmpDir, OfTheEnvironmentMustBeADirectoryToo) {
   const Scratch scratch;
   const std::string file = scratch.MakeFile("file");
-  Outcome outcome = SetDirAndUpload(file);
-  EXPECT_EQ(outcome.told["refused"],
-            "temp dir '" + file + "' is not a directory");
-  EXPECT_EQ(outcome.error, "error writing temporary file");
-  const std::string missing = scratch / "missing/dir";
-  outcome = SetDirAndUpload(missing);
-  EXPECT_NE(outcome.told["refused"], "");
-  EXPECT_EQ(outcome.error, "Cannot run statfs on " + missing);
+  const Outcome outcome = Check("", Child().Env("TMP", file));
+  EXPECT_EQ(outcome.error, "temp dir '" + file + "' is not a directory");
+  EXPECT_EQ(outcome.told.at("tmp_dir"), file);
 }
 
-TEST(FreeSpace, IsBlockSizeTimesFreeBlocksThoseOfTheSuperuserIncluded) {
-  EXPECT_EQ(FreeSpace({0, 4096, 10}).told.at("free"), "40960");
-  EXPECT_EQ(FreeSpace({0, 1, 0}).told.at("free"), "0");
-}
-
-TEST(FreeSpace, Has64Bits) {
-  EXPECT_EQ(FreeSpace({0, 4096, 0x1'0000'0001}).told.at("free"),
-            "17592186048512");
-  EXPECT_EQ(FreeSpace({0, 1, UINT64_MAX}).told.at("free"),
-            "18446744073709551615");
-}
-
-TEST(FreeSpace, FailsWithThePath) {
-  const Outcome outcome = FreeSpace({EIO, 4096, 10});
-  EXPECT_EQ(outcome.error_type, "std::runtime_error");
-  EXPECT_EQ(outcome.error, "Cannot run statfs on /");
-}
-
-TEST(FreeSpace, IsThatOfTheFileSystemOfThePath) {
-  const Outcome outcome = Child().Run([](const Told& told) {
-    Cgi::Data record;
-    told("free", std::to_string(record.FreeSpaceSize("/proc")));
-    record.FreeSpaceSize("/proc/self/nothing");
-  });
-  EXPECT_EQ(outcome.told.at("free"), "0");
-  EXPECT_EQ(outcome.error, "Cannot run statfs on /proc/self/nothing");
-}
-
-TEST(Room, IsAskedForAfterTheDefaultDirectoryIsChosen) {
-  const Outcome outcome = Parse(Post("3"), "", "a=1", {0, 10, 20});
-  const Strings lines = DebugLines(outcome);
-  ASSERT_GT(lines.size(), 2U);
-  EXPECT_EQ(lines[0], "zancgi.cpp:# POST boundary detected: false");
-  EXPECT_EQ(lines[1], "zancgi.cpp:# temp dir is empty, new temp dir '/tmp'");
-  EXPECT_EQ(lines[2],
-            "zancgi.cpp:# query size '3', free space in tmpdir '200'");
-  EXPECT_EQ(outcome.told.at("tmp_dir"), "/tmp");
-}
-
-TEST(Room, OfANamedDirectoryIsAskedForWithoutAWordAboutTheName) {
-  const Outcome outcome =
-      Parse(Post("3").Env("TMP", "/"), "/named", "a=1", {0, 10, 20});
-  EXPECT_EQ(outcome.error, "");
-  EXPECT_EQ(outcome.told.at("tmp_dir"), "/named");
-  EXPECT_EQ(DebugLines(outcome).at(1),
-            "zancgi.cpp:# query size '3', free space in tmpdir '200'");
-}
-
-TEST(Room, IsWrittenWith64Bits) {
-  const Outcome outcome = Parse(Post("3"), "/", "a=1", {0, 1, UINT64_MAX});
-  EXPECT_EQ(DebugLines(outcome).at(1),
-            "zancgi.cpp:# query size '3', free space in tmpdir "
-            "'18446744073709551615'");
-  EXPECT_EQ(outcome.Logged(4), Strings{});
-}
-
-TEST(Room, ThatCannotBeAskedForLeavesTheChosenDirectoryBehind) {
-  const Outcome outcome =
-      Parse(Post("3").Env("TMP", "/elsewhere"), "", "a=1", {EIO, 0, 0});
-  EXPECT_EQ(outcome.error, "Cannot run statfs on /elsewhere");
-  EXPECT_EQ(outcome.told.at("tmp_dir"), "/elsewhere");
-}
-
-TEST(Room, ThatIsTooSmallIsAWarningWithoutASourceName) {
-  const Outcome outcome = Parse(Post("3").LogLevel(4), "/", "a=1", {0, 1, 2});
-  EXPECT_EQ(outcome.error, "");
-  EXPECT_EQ(outcome.log,
-            (std::vector<support::LogLine>{
-                {4,
-                 "There is not enoght free space on '/' to process a "
-                 "query"}}));
-}
-
-TEST(Room, ThatIsJustEnoughIsNoMatter) {
-  const Outcome outcome = Parse(Post("3").LogLevel(4), "/", "a=1", {0, 1, 3});
-  EXPECT_EQ(outcome.log, std::vector<support::LogLine>{});
-}
-
-TEST(Room, IsComparedWithoutSignSoANegativeLengthIsTooLarge) {
-  const Outcome outcome =
-      Parse(Post("-1").LogLevel(4), "/", "a=1", {0, 1, UINT64_MAX - 1});
-  EXPECT_EQ(outcome.Logged(4),
-            Strings{"There is not enoght free space on '/' to process a "
-                    "query"});
-}
-
-TEST(Room, IsThatOfTmpWhereSetTmpDirWouldTakeTmpBelowTheCurrentDirectory) {
+TEST(TmpDir, OfTheEnvironmentIsUnusedWhenThereIsOne) {
   const Scratch scratch;
-  const std::string program = scratch.MakeDir("site/cgi") + "/front";
+  const Outcome outcome =
+      Check(scratch.Path(), Child().Env("TMP", scratch / "other"));
+  ExpectTaken(outcome, scratch.Path());
+  EXPECT_EQ(scratch.List(), Names{});
+}
+
+TEST(TmpDir, IsTmpBelowTheCurrentDirectoryFailingAll) {
+  for (Child child : {Child(), Child().Env("TMP", "")}) {
+    const Scratch scratch;
+    ExpectTaken(Check("", child.WorkDir(scratch.Path())), "tmp");
+    EXPECT_EQ(scratch.List(), Names{"tmp"});
+  }
+}
+
+TEST(TmpDir, OfTheEnvironmentMayBeRelative) {
+  const Scratch scratch;
+  scratch.MakeDir("work");
+  Child child;
+  child.WorkDir(scratch / "work").Env("TMP", "../spool");
+  ExpectTaken(Check("", child), "../spool");
+  EXPECT_EQ(scratch.List(), (Names{"spool", "work"}));
+}
+
+TEST(TmpDir, BelowACurrentDirectoryThatIsGoneIsAnError) {
+  const Scratch scratch;
+  const std::string work = scratch.MakeDir("work");
+  const Outcome outcome =
+      Checked(Child().WorkDir(work).Run([&work](const Told& told) {
+        std::filesystem::remove(work);
+        CheckAndTell("", told);
+      }));
+  ExpectSystemError(outcome, "tmp");
+}
+
+TEST(TmpDir, BelowACurrentDirectoryThatMayNotBeEnteredIsAnError) {
+  const Scratch scratch;
+  ASSERT_EQ(::chmod(scratch.Path().c_str(), 0755), 0);
+  const std::string work = scratch.MakeDir("work");
+  const Outcome outcome =
+      Checked(Child().WorkDir(work).Run([&work](const Told& told) {
+        ASSERT_EQ(::chmod(work.c_str(), 0), 0);
+        support::BecomeOrdinaryUser();
+        CheckAndTell("", told);
+      }));
+  ExpectSystemError(outcome, "tmp");
+}
+
+TEST(TmpDir, IsCheckedInSilence) {
+  const Scratch scratch;
+  const Outcome outcome = Check("", Child().WorkDir(scratch.Path()));
+  EXPECT_EQ(
+      outcome.log,
+      (std::vector<LogLine>{{8, "void zan_cgi::Cgi::Data::ParseCookies()"}}));
+}
+
+/// A front end in `scratch`, whose current directory that is.
+Cgi MakeCgi(const Scratch& scratch) { return {scratch / "cgi/front", "panel"}; }
+
+const std::string kUpload = support::Upload("u", "f", "content") + kFormEnd;
+
+/// A process that serves a POST of this body.
+Child PostOf(const std::string& body, const Input& input) {
+  Child child = Post(std::to_string(body.size()));
+  child.StandardInput(input);
+  return child;
+}
+
+TEST(SetTmpDir, MakesTheDirectoryThatUploadsGoTo) {
+  const Scratch scratch;
+  const Input input = Input::Pipe(kUpload);
+  const Outcome outcome =
+      Checked(PostOf(kUpload, input).Run([&scratch](const Told& told) {
+        Cgi cgi = MakeCgi(scratch);
+        cgi.SetTmpDir(scratch / "spool");
+        cgi.ParseQuery();
+        told("path", cgi.File("f"));
+        told("content", support::ReadFile(cgi.File("f")));
+      }));
+  EXPECT_TRUE(outcome.told.at("path").starts_with(scratch / "spool/zantemp"));
+  EXPECT_EQ(outcome.told.at("content"), "content");
+  EXPECT_TRUE(std::filesystem::is_empty(scratch / "spool"));
+}
+
+TEST(SetTmpDir, ReplacesAnEarlierOne) {
+  const Scratch scratch;
+  const Input input = Input::Pipe(kUpload);
+  const Outcome outcome =
+      Checked(PostOf(kUpload, input).Run([&scratch](const Told& told) {
+        Cgi cgi = MakeCgi(scratch);
+        cgi.SetTmpDir(scratch / "first");
+        cgi.SetTmpDir(scratch / "second");
+        cgi.ParseQuery();
+        told("path", cgi.File("f"));
+      }));
+  EXPECT_TRUE(outcome.told.at("path").starts_with(scratch / "second/zantemp"));
+}
+
+TEST(SetTmpDir, WithAnEmptyNameMakesTmpBelowTheProgramsFolder) {
+  const Scratch scratch;
+  scratch.MakeDir("cgi");
+  const Input input = Input::Pipe(kUpload);
+  const Outcome outcome =
+      Checked(PostOf(kUpload, input).Run([&scratch](const Told& told) {
+        Cgi cgi = MakeCgi(scratch);
+        cgi.SetTmpDir("");
+        cgi.ParseQuery();
+        told("path", cgi.File("f"));
+        told("content", support::ReadFile(cgi.File("f")));
+      }));
+  EXPECT_TRUE(outcome.told.at("path").starts_with("tmp/zantemp"));
+  EXPECT_EQ(outcome.told.at("content"), "content");
+  EXPECT_EQ(scratch.List(), (Names{"cgi", "tmp"}));
+}
+
+TEST(SetTmpDir, IsNotWhatAParseWithoutItUses) {
+  const Scratch scratch;
+  scratch.MakeDir("cgi");
+  const Input input = Input::Pipe(kUpload);
+  const Outcome outcome =
+      Checked(PostOf(kUpload, input).Run([&scratch](const Told& told) {
+        Cgi cgi = MakeCgi(scratch);
+        cgi.ParseQuery();
+        told("path", cgi.File("f"));
+      }));
+  EXPECT_TRUE(outcome.told.at("path").starts_with("/tmp/zantemp"));
+  EXPECT_EQ(scratch.List(), Names{"cgi"});
+}
+
+TEST(SetTmpDir, KeepsTheNameWhenTheDirectoryCannotBeMade) {
+  const Scratch scratch;
+  const Input input = Input::Pipe(kUpload);
+  const Outcome outcome =
+      Checked(PostOf(kUpload, input).Run([&scratch](const Told& told) {
+        Cgi cgi = MakeCgi(scratch);
+        EXPECT_THROW(cgi.SetTmpDir(scratch / "no/parent"), tov_err::Error);
+        std::filesystem::create_directories(scratch / "no/parent");
+        cgi.ParseQuery();
+        told("path", cgi.File("f"));
+      }));
+  EXPECT_EQ(outcome.error, "");
+  EXPECT_TRUE(
+      outcome.told.at("path").starts_with(scratch / "no/parent/zantemp"));
+}
+
+TEST(SetTmpDir, KeepsTheNameOfWhatIsNoDirectory) {
+  const Scratch scratch;
+  const std::string file = scratch.MakeFile("file");
+  const Input input = Input::Pipe(kUpload);
+  const Outcome outcome = Checked(PostOf(kUpload, input).Run([&](const Told&) {
+    Cgi cgi = MakeCgi(scratch);
+    EXPECT_THROW(cgi.SetTmpDir(file), std::runtime_error);
+    cgi.ParseQuery();
+  }));
+  EXPECT_EQ(outcome.error, "error writing temporary file");
+  EXPECT_EQ(scratch.List(), Names{"file"});
+}
+
+/// An answer to statfs64 of these numbers; all others differ from them.
+auto Having(std::int64_t block_size, std::uint64_t blocks) {
+  return [block_size, blocks](const char*, struct statfs64* found) {
+    *found = {};
+    found->f_bsize = block_size;
+    found->f_frsize = 7;
+    found->f_blocks = 11;
+    found->f_bfree = blocks;
+    found->f_bavail = 13;
+    return 0;
+  };
+}
+
+std::string FreeSpace(std::int64_t block_size, std::uint64_t blocks) {
+  const Outcome outcome = Checked(Child().Run([&](const Told& told) {
+    Replace({.statfs = Having(block_size, blocks)});
+    told("free", std::to_string(Cgi::Data().FreeSpaceSize("/any")));
+  }));
+  return outcome.told.at("free");
+}
+
+TEST(FreeSpace, IsThatOfAllFreeBlocks) {
+  EXPECT_EQ(FreeSpace(4096, 100), "409600");
+  EXPECT_EQ(FreeSpace(512, 3), "1536");
+  EXPECT_EQ(FreeSpace(4096, 0), "0");
+}
+
+TEST(FreeSpace, HasSixtyFourBitsWithoutASign) {
+  EXPECT_EQ(FreeSpace(4096, 1'048'577), "4294971392");
+  EXPECT_EQ(FreeSpace(1L << 20, 1UL << 43), "9223372036854775808");
+  EXPECT_EQ(FreeSpace(1, UINT64_MAX), "18446744073709551615");
+}
+
+TEST(FreeSpace, IsAskedOnceOfThePathAsItIs) {
+  const Outcome outcome = Checked(Child().Run([](const Told& told) {
+    std::string asked;
+    Replace({.statfs = [&](const char* path, struct statfs64* found) {
+      asked += path;
+      return Having(1, 1)(path, found);
+    }});
+    Cgi::Data().FreeSpaceSize("a/../b//");
+    told("asked", asked);
+  }));
+  EXPECT_EQ(outcome.told.at("asked"), "a/../b//");
+}
+
+TEST(FreeSpace, ThatCannotBeFoundOutIsAnError) {
+  for (const std::string path : {"/nowhere/at/all", "", "relative"}) {
+    const Outcome outcome = Checked(
+        Child().Run([&](const Told&) { Cgi::Data().FreeSpaceSize(path); }));
+    EXPECT_EQ(outcome.error_type, "std::runtime_error");
+    EXPECT_EQ(outcome.error, "Cannot run statfs on " + path);
+  }
+}
+
+TEST(FreeSpace, IsAskedOnceOnlyWhenThatFails) {
+  for (const int error : {EIO, EINTR, EOVERFLOW}) {
+    const Outcome outcome = Checked(Child().Run([error](const Told& told) {
+      int calls = 0;
+      Replace({.statfs = [&](const char*, struct statfs64*) {
+        ++calls;
+        errno = error;
+        return -1;
+      }});
+      EXPECT_THROW(Cgi::Data().FreeSpaceSize("/any"), std::runtime_error);
+      told("calls", std::to_string(calls));
+    }));
+    EXPECT_EQ(outcome.told.at("calls"), "1");
+  }
+}
+
+TEST(FreeSpace, OfARealFileSystemIsFound) {
+  // Nothing can be stored there.
+  const Outcome outcome = Checked(Child().Run([](const Told& told) {
+    told("free", std::to_string(Cgi::Data().FreeSpaceSize("/proc")));
+  }));
+  EXPECT_EQ(outcome.told.at("free"), "0");
+}
+
+TEST(FreeSpace, OfAFileSystemInMemoryIsItsSize) {
+  if (!support::IsRoot()) GTEST_SKIP() << "needs root";
+  const Scratch scratch;
+  const Outcome outcome = Checked(Child().Run([&scratch](const Told& told) {
+    support::MountPrivately(scratch.Path(), "size=1m");
+    Cgi::Data record;
+    told("empty", std::to_string(record.FreeSpaceSize(scratch.Path())));
+    scratch.MakeFile("file", std::string(4096, 'x'));
+    told("used", std::to_string(record.FreeSpaceSize(scratch / "file")));
+  }));
+  ASSERT_EQ(outcome.error, "");
+  EXPECT_EQ(outcome.told.at("empty"), "1048576");
+  EXPECT_EQ(outcome.told.at("used"), "1044480");
+}
+
+/// The lines of a parse, without place numbers.
+Strings Lines(const Outcome& outcome) {
+  const std::regex place("^zancgi\\.cpp:[0-9]+ ");
+  Strings lines;
+  for (const LogLine& line : outcome.log) {
+    lines.push_back(std::to_string(line.level) + " " +
+                    std::regex_replace(line.text, place, "zancgi.cpp:# "));
+  }
+  return lines;
+}
+
+/// The lines that a parse logs about room, when a body of this declared length
+/// has ended before its first byte.
+Strings RoomLines(const std::string& declared, std::uint64_t free_space,
+                  int level = 9) {
+  const Input input = Input::Pipe("");
+  const Outcome outcome = Checked(
+      Post(declared).LogLevel(level).StandardInput(input).Run([&](const Told&) {
+        Replace({.statfs = Having(1, free_space)});
+        Cgi::Data record;
+        record.tmp_dir = "/any";
+        record.ParseInput();
+      }));
+  EXPECT_EQ(outcome.error, "Error reading STDIN");
+  Strings found;
+  for (const std::string& line : Lines(outcome)) {
+    if (line.find("space") != std::string::npos) found.push_back(line);
+  }
+  return found;
+}
+
+std::string SizeLine(const std::string& declared, const std::string& free) {
+  return "9 zancgi.cpp:# query size '" + declared +
+         "', free space in tmpdir '" + free + "'";
+}
+
+const std::string kNoRoom =
+    "4 There is not enoght free space on '/any' to process a query";
+
+TEST(Room, IsEnoughWhenItEqualsTheDeclaredLength) {
+  EXPECT_EQ(RoomLines("1000", 1000), Strings{SizeLine("1000", "1000")});
+}
+
+TEST(Room, OfOneByteLessIsTooLittle) {
+  EXPECT_EQ(RoomLines("1000", 999),
+            (Strings{SizeLine("1000", "999"), kNoRoom}));
+}
+
+TEST(Room, IsComparedInSixtyFourBitsWithoutASign) {
+  const std::string most = "18446744073709551615";
+  EXPECT_EQ(RoomLines("5000000000", 6'000'000'000),
+            Strings{SizeLine("5000000000", "6000000000")});
+  EXPECT_EQ(RoomLines("4294967297", 2),
+            (Strings{SizeLine("4294967297", "2"), kNoRoom}));
+  EXPECT_EQ(RoomLines("99999999999999999999", UINT64_MAX),
+            Strings{SizeLine("9223372036854775807", most)});
+}
+
+TEST(Room, ForANegativeLengthIsTooLittle) {
   const Input input = Input::Pipe("a=1");
   const Outcome outcome =
-      Post("3").StandardInput(input).Run([&](const Told& told) {
-        Cgi cgi(program, "backend");
-        told("a", cgi.Param("a"));
-      });
-  EXPECT_EQ(outcome.told.at("a"), "1");
-  const Strings lines = DebugLines(outcome);
-  EXPECT_EQ(std::count(lines.begin(), lines.end(),
-                       "zancgi.cpp:# temp dir is empty, new temp dir '/tmp'"),
-            1);
-  EXPECT_FALSE(fs::exists(scratch / "site/tmp"));
+      Checked(Post("-1").StandardInput(input).Run([](const Told&) {
+        Replace({.statfs = Having(1, UINT64_MAX - 1)});
+        Cgi::Data record;
+        record.tmp_dir = "/any";
+        record.ParseInput();
+      }));
+  EXPECT_EQ(outcome.error, "Error reading STDIN");
+  EXPECT_EQ(outcome.Logged(4), Strings{kNoRoom.substr(2)});
+}
+
+TEST(Room, IsLoggedAtItsLevelsOnly) {
+  EXPECT_EQ(RoomLines("2", 1, 8), Strings{kNoRoom});
+  EXPECT_EQ(RoomLines("2", 1, 4), Strings{kNoRoom});
+  EXPECT_EQ(RoomLines("2", 1, 3), Strings{});
+}
+
+TEST(Room, ThatIsTooLittleCountsWithoutTheLogToo) {
+  const Scratch scratch;
+  const Input input = Input::Pipe(kUpload);
+  const Outcome outcome =
+      Checked(PostOf(kUpload, input).LogLevel(0).Run([&](const Told&) {
+        Replace({.statfs = Having(1, kUpload.size() - 1)});
+        Cgi::Data record;
+        record.tmp_dir = scratch.Path();
+        try {
+          record.ParseInput();
+        } catch (const std::runtime_error&) {
+          EXPECT_TRUE(record.parsed);
+          EXPECT_TRUE(record.files.empty());
+          EXPECT_EQ(scratch.List(), Names{});
+          throw;
+        }
+      }));
+  EXPECT_EQ(outcome.error, "error writing temporary file");
+}
+
+TEST(Room, IsLookedForBeforeAnyByteIsRead) {
+  const Input input = Input::Pipe("a=1");
+  const Outcome outcome =
+      Checked(Post("3").StandardInput(input).Run([](const Told&) {
+        Replace({.read =
+                     [](void* buffer, std::size_t size) {
+                       support::Mark("read");
+                       return support::RealRead(STDIN_FILENO, buffer, size);
+                     },
+                 .statfs =
+                     [](const char* path, struct statfs64* found) {
+                       support::Mark(std::string("statfs ") + path);
+                       return Having(1, 2)(path, found);
+                     }});
+        Cgi::Data record;
+        record.ParseInput();
+      }));
+  EXPECT_EQ(
+      Lines(outcome),
+      (Strings{"8 void zan_cgi::Cgi::Data::ParseCookies()",
+               "8 void zan_cgi::Cgi::Data::ParseInput()",
+               "9 zancgi.cpp:# POST boundary detected: true",
+               "9 zancgi.cpp:# temp dir is empty, new temp dir '/tmp'",
+               "-1 statfs /tmp", SizeLine("3", "2"),
+               "4 There is not enoght free space on '/tmp' to process a query",
+               "-1 read", "9 zancgi.cpp:# appending 3 chars to buff",
+               "9 zancgi.cpp:# no boundaries in POST data, assuming GET format",
+               "9 zancgi.cpp:# End of stdin parsing, stdin state EOF false, "
+               "GOOD true, read 3 of 3 chars"}));
+}
+
+/// Parses an ordinary field with this for TMP, and tells the directory.
+Outcome ParseWithTmp(const std::string& tmp, Child child = {}) {
+  const Input input = Input::Pipe("a=1");
+  return Checked(child.Env("CONTENT_LENGTH", "3")
+                     .Env("TMP", tmp)
+                     .StandardInput(input)
+                     .Run([](const Told& told) {
+                       Cgi::Data record;
+                       try {
+                         record.ParseInput();
+                       } catch (const std::runtime_error&) {
+                         told("tmp_dir", record.tmp_dir);
+                         throw;
+                       }
+                       told("tmp_dir", record.tmp_dir);
+                       told("a", record.params.at("a"));
+                     }));
+}
+
+TEST(ParsersTmpDir, IsNeitherMadeNorAskedWhatItIs) {
+  const Scratch scratch;
+  const std::string file = scratch.MakeFile("file");
+  EXPECT_EQ(ParseWithTmp(file).told.at("a"), "1");
+  const Outcome missing = ParseWithTmp(scratch / "missing");
+  EXPECT_EQ(missing.error_type, "std::runtime_error");
+  EXPECT_EQ(missing.error, "Cannot run statfs on " + scratch / "missing");
+  EXPECT_EQ(missing.told.at("tmp_dir"), scratch / "missing");
+  EXPECT_EQ(scratch.List(), Names{"file"});
+}
+
+TEST(ParsersTmpDir, MayBeRelative) {
+  const Scratch scratch;
+  scratch.MakeDir("spool");
+  Child child;
+  child.WorkDir(scratch / "spool");
+  EXPECT_EQ(ParseWithTmp("../spool", child).told.at("tmp_dir"), "../spool");
+}
+
+TEST(ParsersTmpDir, BelowACurrentDirectoryThatMayNotBeEnteredIsAnError) {
+  const Scratch scratch;
+  ASSERT_EQ(::chmod(scratch.Path().c_str(), 0755), 0);
+  const std::string work = scratch.MakeDir("work");
+  const Input input = Input::Pipe("a=1");
+  const Outcome outcome = Checked(Post("3")
+                                      .Env("TMP", "spool")
+                                      .WorkDir(work)
+                                      .StandardInput(input)
+                                      .Run([&work](const Told&) {
+                                        ASSERT_EQ(::chmod(work.c_str(), 0), 0);
+                                        support::BecomeOrdinaryUser();
+                                        Cgi::Data record;
+                                        record.ParseInput();
+                                      }));
+  EXPECT_EQ(outcome.error, "Cannot run statfs on spool");
+}
+
+TEST(ParsersTmpDir, IsLoggedFromLevelNineOnly) {
+  const std::string line = "9 zancgi.cpp:# temp dir is empty, new temp dir ";
+  EXPECT_EQ(Lines(ParseWithTmp("/")).at(3), line + "'/'");
+  const Outcome quiet = ParseWithTmp("/", Child().LogLevel(8));
+  EXPECT_EQ(quiet.told.at("tmp_dir"), "/");
+  EXPECT_TRUE(quiet.Logged(9).empty());
+}
+
+TEST(ParsersTmpDir, ThatIsSetIsNotLogged) {
+  const Input input = Input::Pipe("a=1");
+  const Outcome outcome =
+      Checked(Post("3").StandardInput(input).Run([](const Told&) {
+        Cgi::Data record;
+        record.tmp_dir = "/";
+        record.ParseInput();
+      }));
+  for (const std::string& line : Lines(outcome)) {
+    EXPECT_EQ(line.find("temp dir is empty"), std::string::npos);
+  }
 }
 
 }  // namespace
-
-extern "C" int statfs64(const char* file, struct statfs64* buf) {
-  if (!scripted_space.has_value()) {
-    return static_cast<int>(::syscall(SYS_statfs, file, buf));
-  }
-  if (scripted_space->error != 0) {
-    errno = scripted_space->error;
-    return -1;
-  }
-  *buf = {};
-  buf->f_bsize = scripted_space->block_size;
-  buf->f_bfree = scripted_space->free_blocks;
-  // None of them for ordinary users, and a size that fragments are counted in.
-  buf->f_bavail = 0;
-  buf->f_frsize = 512;
-  return 0;
-}

@@ -21,48 +21,33 @@
 #include <vector>
 
 #include "support/child.h"
+#include "support/form.h"
 #include "support/input.h"
 #include "support/scratch.h"
 
 namespace {
 
 using support::Child;
+using support::Field;
 using support::Input;
+using support::kForm;
+using support::kFormEnd;
 using support::LogLine;
 using support::Outcome;
+using support::Part;
 using support::Scratch;
 using support::Told;
+using support::Upload;
 using zan_cgi::Cgi;
 using Strings = std::vector<std::string>;
 using namespace std::chrono_literals;
 
-const std::string kForm = "multipart/form-data; boundary=XY";
-const std::string kEnd = "--XY--\r\n";
-
 /// When not negative, what every file system has free.
 std::int64_t free_bytes = -1;
 
-std::string Part(const std::string& attributes, const std::string& content) {
-  return "--XY\r\nContent-Disposition: form-data; " + attributes + "\r\n\r\n" +
-         content + "\r\n";
-}
-
-std::string Field(const std::string& name, const std::string& value) {
-  return Part("name=\"" + name + "\"", value);
-}
-
-std::string Upload(const std::string& name, const std::string& file_name,
-                   const std::string& content) {
-  return Part("name=\"" + name + "\"; filename=\"" + file_name + "\"", content);
-}
-
 /// A process that serves a POST of this body.
-Child Post(const std::string& body, const std::string& content_type = kForm) {
-  Child child;
-  child.Env("REQUEST_METHOD", "POST")
-      .Env("CONTENT_TYPE", content_type)
-      .Env("CONTENT_LENGTH", std::to_string(body.size()));
-  return child;
+Child PostOf(const std::string& body, const std::string& content_type = kForm) {
+  return support::Post(std::to_string(body.size()), content_type);
 }
 
 Cgi MakeCgi() { return {"/bin/front", "panel"}; }
@@ -97,7 +82,7 @@ Outcome Parse(const std::string& body, const std::string& content_type = kForm,
               const std::string& declared = "") {
   const Scratch scratch;
   const Input input = Input::Pipe(body);
-  Child child = Post(body, content_type);
+  Child child = PostOf(body, content_type);
   if (!declared.empty()) child.Env("CONTENT_LENGTH", declared);
   const Outcome outcome = child.StandardInput(input).Run(
       [&scratch](const Told& told) { ParseAndTell(scratch.Path(), told); });
@@ -139,32 +124,32 @@ bool HasLine(const Outcome& outcome, const std::string& line) {
 }
 
 TEST(Field, KeepsItsLinesJoinedByLf) {
-  EXPECT_EQ(Of(Parse(Field("a", "x\r\ny") + kEnd), "param a"), "x\ny");
+  EXPECT_EQ(Of(Parse(Field("a", "x\r\ny") + kFormEnd), "param a"), "x\ny");
 }
 
 TEST(Field, OfOneNameContinuesTheValue) {
-  const Outcome outcome = Parse(Field("a", "1") + Field("a", "2") + kEnd);
+  const Outcome outcome = Parse(Field("a", "1") + Field("a", "2") + kFormEnd);
   EXPECT_EQ(Of(outcome, "param a"), "1\n2");
 }
 
 TEST(Field, LosesTheLastByteOfALineThatEndsInABareLf) {
-  EXPECT_EQ(Of(Parse(Field("a", "one\ntwo") + kEnd), "param a"), "on\ntwo");
+  EXPECT_EQ(Of(Parse(Field("a", "one\ntwo") + kFormEnd), "param a"), "on\ntwo");
 }
 
 TEST(Field, MayBeEmpty) {
-  EXPECT_EQ(Of(Parse(Field("a", "") + kEnd), "param a"), "");
+  EXPECT_EQ(Of(Parse(Field("a", "") + kFormEnd), "param a"), "");
 }
 
 TEST(Field, HoldsTheContentWhenTheFileNameComesBeforeTheName) {
   const Outcome outcome =
-      Parse(Part("filename=\"f\"; name=\"a\"", "x\r\ny") + kEnd);
+      Parse(Part("filename=\"f\"; name=\"a\"", "x\r\ny") + kFormEnd);
   EXPECT_EQ(Of(outcome, "param a"), "x\ny");
   EXPECT_EQ(Of(outcome, "size f"), "(nothing)");
 }
 
 TEST(Field, NamedFilenameWithoutAFileIsIgnored) {
   const Outcome outcome =
-      Parse(Part("name=\"filename\"", "x") + Field("a", "1") + kEnd);
+      Parse(Part("name=\"filename\"", "x") + Field("a", "1") + kFormEnd);
   EXPECT_TRUE(HasLine(outcome,
                       "9 zancgi.cpp:# Filename not found in "
                       "Content-Disposition. Ignoring this part"));
@@ -173,7 +158,8 @@ TEST(Field, NamedFilenameWithoutAFileIsIgnored) {
 }
 
 TEST(Field, WithAnUnquotedNameIsIgnored) {
-  const Outcome outcome = Parse(Part("name=a", "x") + Field("b", "1") + kEnd);
+  const Outcome outcome =
+      Parse(Part("name=a", "x") + Field("b", "1") + kFormEnd);
   EXPECT_TRUE(HasLine(
       outcome, "9 zancgi.cpp:# Element with empty name found. Ignoring."));
   EXPECT_EQ(Of(outcome, "param a"), "(nothing)");
@@ -182,11 +168,12 @@ TEST(Field, WithAnUnquotedNameIsIgnored) {
 
 TEST(Field, TakesALineOf262144Bytes) {
   const std::string line(262'144, 'x');
-  EXPECT_EQ(Of(Parse(Field("a", line) + kEnd), "param a"), line);
+  EXPECT_EQ(Of(Parse(Field("a", line) + kFormEnd), "param a"), line);
 }
 
 TEST(Field, RefusesALineOf262145Bytes) {
-  const Outcome outcome = Parse(Field("a", std::string(262'145, 'x')) + kEnd);
+  const Outcome outcome =
+      Parse(Field("a", std::string(262'145, 'x')) + kFormEnd);
   EXPECT_EQ(outcome.error_type, "std::runtime_error");
   EXPECT_EQ(outcome.error, "Element value size must be less than 262144");
   EXPECT_EQ(Of(outcome, "parsed"), "false");
@@ -198,7 +185,7 @@ TEST(Field, RefusesALongLineBeforeItsEndHasCome) {
   const Input input = Input::SilentPipe(body.substr(0, body.size() - 2));
   const Scratch scratch;
   const Outcome outcome =
-      Post(body + std::string(1000, 'x'))
+      PostOf(body + std::string(1000, 'x'))
           .StandardInput(input)
           .Run([&](const Told& told) { ParseAndTell(scratch.Path(), told); });
   EXPECT_EQ(outcome.error, "Element value size must be less than 262144");
@@ -207,13 +194,13 @@ TEST(Field, RefusesALongLineBeforeItsEndHasCome) {
 TEST(Field, OfManyLinesHasNoLimit) {
   std::string value;
   for (int i = 0; i < 40; ++i) value += std::string(10'000, 'x') + "\r\n";
-  const Outcome outcome = Parse(Field("a", value) + kEnd);
+  const Outcome outcome = Parse(Field("a", value) + kFormEnd);
   EXPECT_EQ(Of(outcome, "param a").size(), 40 * 10'001U);
 }
 
 TEST(Field, WithoutANameIsAnErrorOnceItsValueComes) {
   // The second name of one line empties the first, whose state stays.
-  const Outcome outcome = Parse(Part("name=\"a\"; name=\"\"", "x") + kEnd);
+  const Outcome outcome = Parse(Part("name=\"a\"; name=\"\"", "x") + kFormEnd);
   EXPECT_EQ(outcome.error_type, "std::runtime_error");
   EXPECT_EQ(outcome.error, "On getting element value element name is empty");
   EXPECT_EQ(Of(outcome, "parsed"), "false");
@@ -222,7 +209,7 @@ TEST(Field, WithoutANameIsAnErrorOnceItsValueComes) {
 TEST(OtherDisposition, HasItsWholePartSkipped) {
   const Outcome outcome =
       Parse("--XY\r\nContent-Disposition: attachment; name=\"a\"\r\n\r\nx\r\n" +
-            Field("b", "1") + kEnd);
+            Field("b", "1") + kFormEnd);
   EXPECT_TRUE(HasLine(outcome,
                       "9 zancgi.cpp:# Ignoring unknown type of "
                       "Content-Disposition: attachment"));
@@ -235,35 +222,35 @@ TEST(Headers, AreCaseSensitiveAndWantTheirBlank) {
        {"content-disposition: ", "Content-Disposition:"}) {
     const Outcome outcome =
         Parse("--XY\r\n" + name + "form-data; name=\"a\"\r\n\r\nx\r\n" +
-              Field("b", "1") + kEnd);
+              Field("b", "1") + kFormEnd);
     EXPECT_EQ(Of(outcome, "param a"), "(nothing)") << name;
     EXPECT_EQ(Of(outcome, "param b"), "1") << name;
   }
 }
 
 TEST(Headers, EndAnAttributeAtASemicolonInsideQuotes) {
-  const Outcome outcome = Parse(Upload("u", "a;b.txt", "x") + kEnd);
+  const Outcome outcome = Parse(Upload("u", "a;b.txt", "x") + kFormEnd);
   EXPECT_EQ(Of(outcome, "param u"), "a");
   EXPECT_EQ(Of(outcome, "file a"), "x");
 }
 
 TEST(Headers, LetWhatLooksLikeANameBehindASemicolonWipeTheName) {
   const Outcome outcome =
-      Parse(Upload("u", "x;names.txt", "x") + Field("b", "1") + kEnd);
+      Parse(Upload("u", "x;names.txt", "x") + Field("b", "1") + kFormEnd);
   EXPECT_EQ(Of(outcome, "param u"), "(nothing)");
   EXPECT_EQ(Of(outcome, "size x"), "(nothing)");
   EXPECT_EQ(Of(outcome, "param b"), "1");
 }
 
 TEST(Headers, EndANameAtTheFirstQuote) {
-  const Outcome outcome = Parse(Upload("u", "a\\\"b", "x") + kEnd);
+  const Outcome outcome = Parse(Upload("u", "a\\\"b", "x") + kFormEnd);
   EXPECT_EQ(Of(outcome, "param u"), "a\\");
 }
 
 TEST(Headers, KeepNamesFromThePartBefore) {
   // The second part gives no name of its own.
   const Outcome outcome =
-      Parse(Field("a", "1") + Part("filename=\"f\"", "x") + kEnd);
+      Parse(Field("a", "1") + Part("filename=\"f\"", "x") + kFormEnd);
   EXPECT_EQ(Of(outcome, "param a"), "f");
   EXPECT_EQ(Of(outcome, "file f"), "x");
 }
@@ -271,7 +258,7 @@ TEST(Headers, KeepNamesFromThePartBefore) {
 TEST(Upload, IsStoredByteForByte) {
   std::string content("\r\n--X\r--XY\n\0\xff", 13);
   for (int i = 0; i < 256; ++i) content += static_cast<char>(i);
-  const Outcome outcome = Parse(Upload("u", "f.bin", content) + kEnd);
+  const Outcome outcome = Parse(Upload("u", "f.bin", content) + kFormEnd);
   EXPECT_EQ(Of(outcome, "param u"), "f.bin");
   EXPECT_EQ(Of(outcome, "file f.bin"), content);
   EXPECT_EQ(Of(outcome, "size f.bin"), std::to_string(content.size()));
@@ -279,20 +266,20 @@ TEST(Upload, IsStoredByteForByte) {
 }
 
 TEST(Upload, MayBeEmpty) {
-  const Outcome outcome = Parse(Upload("u", "f", "") + kEnd);
+  const Outcome outcome = Parse(Upload("u", "f", "") + kFormEnd);
   EXPECT_EQ(Of(outcome, "file f"), "");
   EXPECT_EQ(Of(outcome, "size f"), "0");
 }
 
 TEST(Upload, EndsAtTheBoundaryInItsContent) {
   const Outcome outcome =
-      Parse(Upload("u", "f", "before\r\n--XY and after") + kEnd);
+      Parse(Upload("u", "f", "before\r\n--XY and after") + kFormEnd);
   EXPECT_EQ(Of(outcome, "file f"), "before");
 }
 
 TEST(Upload, OfTheSameFileNameReplacesTheEarlierOne) {
-  const Outcome outcome =
-      Parse(Upload("u", "f", "first") + Upload("v", "f", "the second") + kEnd);
+  const Outcome outcome = Parse(Upload("u", "f", "first") +
+                                Upload("v", "f", "the second") + kFormEnd);
   EXPECT_EQ(Of(outcome, "param u"), "f");
   EXPECT_EQ(Of(outcome, "param v"), "f");
   EXPECT_EQ(Of(outcome, "file f"), "the second");
@@ -304,7 +291,7 @@ TEST(Upload, MayBeLargerThanManyChunks) {
   while (content.size() < 3'000'000) {
     content += std::to_string(content.size() * 7919) + "\r\n--X";
   }
-  const Outcome outcome = Parse(Upload("u", "f", content) + kEnd);
+  const Outcome outcome = Parse(Upload("u", "f", content) + kFormEnd);
   // What the beginning of a separator costs behind the headers in one chunk is
   // at most this one time.
   const std::string stored = Of(outcome, "file f");
@@ -315,11 +302,11 @@ TEST(Upload, MayBeLargerThanManyChunks) {
 TEST(Upload, WritesWrongBytesForABrokenSeparatorBehindHeadersInOneChunk) {
   const std::string head = Upload("u", "f", "data");
   const std::string first = head.substr(0, head.size() - 2) + "\r\n-";
-  const std::string second = "x\r\n" + kEnd;
+  const std::string second = std::string("x\r\n") + kFormEnd;
   const Input input = Input::SlowPipe({first, second}, 50ms);
   const Scratch scratch;
   const Outcome outcome =
-      Post(first + second).StandardInput(input).Run([&](const Told& told) {
+      PostOf(first + second).StandardInput(input).Run([&](const Told& told) {
         ParseAndTell(scratch.Path(), told);
       });
   // Four data bytes lie in the first chunk, so the bytes from offset 4 of the
@@ -329,10 +316,10 @@ TEST(Upload, WritesWrongBytesForABrokenSeparatorBehindHeadersInOneChunk) {
 
 TEST(Upload, IsAFileOfItsOwnInTheTemporaryDirectory) {
   const Scratch scratch;
-  const std::string body = Upload("u", "f", "x") + kEnd;
+  const std::string body = Upload("u", "f", "x") + kFormEnd;
   const Input input = Input::Pipe(body);
   const Outcome outcome =
-      Post(body).StandardInput(input).Run([&scratch](const Told& told) {
+      PostOf(body).StandardInput(input).Run([&scratch](const Told& told) {
         Cgi cgi = MakeCgi();
         cgi.SetTmpDir(scratch.Path());
         told("before", cgi.File("f"));
@@ -354,10 +341,10 @@ TEST(Upload, IsAFileOfItsOwnInTheTemporaryDirectory) {
 TEST(Upload, GoesWithTheLastCopyOfTheRequest) {
   const Scratch scratch;
   const std::string body =
-      Upload("u", "b", "12345") + Upload("v", "a", "123") + kEnd;
+      Upload("u", "b", "12345") + Upload("v", "a", "123") + kFormEnd;
   const Input input = Input::Pipe(body);
   const Outcome outcome =
-      Post(body).StandardInput(input).Run([&scratch](const Told& told) {
+      PostOf(body).StandardInput(input).Run([&scratch](const Told& told) {
         auto first = std::make_unique<Cgi>(MakeCgi());
         first->SetTmpDir(scratch.Path());
         auto second = std::make_unique<Cgi>(*first);
@@ -377,7 +364,7 @@ TEST(Upload, GoesWithTheLastCopyOfTheRequest) {
 }
 
 TEST(Upload, LogsEachStepInOrder) {
-  const std::string body = Upload("u", "f", "x") + kEnd;
+  const std::string body = Upload("u", "f", "x") + kFormEnd;
   const std::string size = std::to_string(body.size());
   Strings lines = Lines(Parse(body));
   ASSERT_EQ(lines.size(), 7U);
@@ -398,9 +385,9 @@ TEST(Upload, LogsEachStepInOrder) {
 
 TEST(Upload, LogsNothingAtTheUsualLevel) {
   const Scratch scratch;
-  const std::string body = Upload("u", "f", "x") + kEnd;
+  const std::string body = Upload("u", "f", "x") + kFormEnd;
   const Input input = Input::Pipe(body);
-  const Outcome outcome = Post(body).LogLevel(7).StandardInput(input).Run(
+  const Outcome outcome = PostOf(body).LogLevel(7).StandardInput(input).Run(
       [&](const Told& told) { ParseAndTell(scratch.Path(), told); });
   EXPECT_EQ(Of(outcome, "file f"), "x");
   EXPECT_EQ(outcome.log, std::vector<LogLine>{});
@@ -444,7 +431,7 @@ TEST(QueryStringBody, TakesTimeInProportionToItsSize) {
 }
 
 TEST(Boundary, IsTakenWithItsQuotes) {
-  const std::string body = Field("a", "1") + kEnd;
+  const std::string body = Field("a", "1") + kFormEnd;
   const Outcome outcome = Parse(body, "multipart/form-data; boundary=\"XY\"");
   EXPECT_EQ(Of(outcome, "param a"), "(nothing)");
   EXPECT_TRUE(HasLine(outcome,
@@ -454,7 +441,7 @@ TEST(Boundary, IsTakenWithItsQuotes) {
 
 TEST(Boundary, EndsAtASemicolonAndMayStandAnywhere) {
   const Outcome outcome =
-      Parse(Field("a", "1") + kEnd, "x; xboundary=XY; boundary=Z");
+      Parse(Field("a", "1") + kFormEnd, "x; xboundary=XY; boundary=Z");
   EXPECT_EQ(Of(outcome, "param a"), "1");
 }
 
@@ -472,7 +459,7 @@ Outcome ParseWithBoundaryOfSize(std::size_t size) {
                            "name=\"a\"\r\n\r\n1\r\n--" +
                            boundary + "--\r\n";
   const Input input = Input::File(body);
-  return Post(body, "multipart/form-data; boundary=" + boundary)
+  return PostOf(body, "multipart/form-data; boundary=" + boundary)
       .LogLevel(0)
       .StandardInput(input)
       .Run([](const Told& told) {
@@ -499,7 +486,7 @@ TEST(Boundary, IsNotFoundWhenItIsLongerThanTheChunk) {
 TEST(Length, OfZeroLeavesTheRecordUnparsedForALaterTry) {
   const Input input = Input::Pipe("a=1");
   const Outcome outcome =
-      Post("").StandardInput(input).Run([](const Told& told) {
+      PostOf("").StandardInput(input).Run([](const Told& told) {
         Cgi cgi = MakeCgi();
         told("first", cgi.Param("a"));
         ::setenv("CONTENT_LENGTH", "3", 1);
@@ -511,7 +498,7 @@ TEST(Length, OfZeroLeavesTheRecordUnparsedForALaterTry) {
 }
 
 TEST(Length, BeyondWhatComesIsAnError) {
-  const Outcome outcome = Parse(Field("a", "1") + kEnd, kForm, "1000");
+  const Outcome outcome = Parse(Field("a", "1") + kFormEnd, kForm, "1000");
   EXPECT_EQ(outcome.error_type, "std::runtime_error");
   EXPECT_EQ(outcome.error, "Error reading STDIN");
   EXPECT_EQ(outcome.Logged(4), Strings{"Signal HUP received"});
@@ -520,10 +507,10 @@ TEST(Length, BeyondWhatComesIsAnError) {
 }
 
 TEST(Length, LessThanWhatComesLeavesTheRestUnread) {
-  const std::string body = Field("a", "1") + kEnd;
+  const std::string body = Field("a", "1") + kFormEnd;
   const Input input = Input::Pipe(body + "rest");
   const Outcome outcome =
-      Post(body).StandardInput(input).Run([](const Told& told) {
+      PostOf(body).StandardInput(input).Run([](const Told& told) {
         Cgi::Data record;
         record.ParseInput();
         TellAll(record, told);
@@ -544,10 +531,10 @@ TEST(Length, BelowZeroFailsAtTheFirstRead) {
 }
 
 TEST(SecondParse, IsRefusedWithAWarning) {
-  const std::string body = Field("a", "1") + kEnd;
+  const std::string body = Field("a", "1") + kFormEnd;
   const Input input = Input::Pipe(body + body);
   const Outcome outcome =
-      Post(body).StandardInput(input).Run([](const Told& told) {
+      PostOf(body).StandardInput(input).Run([](const Told& told) {
         Cgi::Data record;
         record.ParseInput();
         record.ParseInput();
@@ -558,13 +545,14 @@ TEST(SecondParse, IsRefusedWithAWarning) {
 }
 
 TEST(SecondParse, OfTheFacadeIsRefusedBeforeThat) {
-  const std::string body = Field("a", "1") + kEnd;
+  const std::string body = Field("a", "1") + kFormEnd;
   const Input input = Input::Pipe(body);
-  const Outcome outcome = Post(body).StandardInput(input).Run([](const Told&) {
-    Cgi cgi = MakeCgi();
-    cgi.ParseQuery();
-    cgi.ParseQuery();
-  });
+  const Outcome outcome =
+      PostOf(body).StandardInput(input).Run([](const Told&) {
+        Cgi cgi = MakeCgi();
+        cgi.ParseQuery();
+        cgi.ParseQuery();
+      });
   EXPECT_EQ(outcome.Logged(4), Strings{"CGI already parsed input"});
 }
 
@@ -574,7 +562,7 @@ TEST(StandardInputStream, EndsTheLoopWhenItIsInAnyErrorState) {
     const std::string body = "a=1";
     const Input input = Input::Pipe(body);
     const Outcome outcome =
-        Post(body + "&b=2").StandardInput(input).Run([&](const Told& told) {
+        PostOf(body + "&b=2").StandardInput(input).Run([&](const Told& told) {
           std::cin.setstate(state);
           ParseAndTell("/tmp", told);
         });
@@ -588,7 +576,7 @@ TEST(StandardInputStream, EndsTheLoopWhenItIsInAnyErrorState) {
 TEST(StandardInputStream, IsReportedAtTheEnd) {
   const Input input = Input::Pipe("a=1");
   const Outcome outcome =
-      Post("a=1", "").StandardInput(input).Run([&](const Told& told) {
+      PostOf("a=1", "").StandardInput(input).Run([&](const Told& told) {
         std::cin.setstate(std::ios::eofbit);
         ParseAndTell("/tmp", told);
       });
@@ -599,10 +587,10 @@ TEST(StandardInputStream, IsReportedAtTheEnd) {
 
 TEST(ShortOfSpace, IsNoErrorForAFormWithoutFiles) {
   const Scratch scratch;
-  const std::string body = Field("a", "1") + kEnd;
+  const std::string body = Field("a", "1") + kFormEnd;
   const Input input = Input::Pipe(body);
   const Outcome outcome =
-      Post(body).StandardInput(input).Run([&](const Told& told) {
+      PostOf(body).StandardInput(input).Run([&](const Told& told) {
         free_bytes = static_cast<std::int64_t>(body.size()) - 1;
         ParseAndTell(scratch.Path(), told);
       });
@@ -614,13 +602,14 @@ TEST(ShortOfSpace, IsNoErrorForAFormWithoutFiles) {
 }
 
 TEST(ShortOfSpace, FailsAFormWithAFileOnceItsBodyIsRead) {
-  const std::string body = Upload("u", "f", "x") + Field("a", "1") + kEnd;
-  const std::string empty_input = Upload("u", "", "") + Field("a", "1") + kEnd;
+  const std::string body = Upload("u", "f", "x") + Field("a", "1") + kFormEnd;
+  const std::string empty_input =
+      Upload("u", "", "") + Field("a", "1") + kFormEnd;
   for (const std::string& sent : {body, empty_input}) {
     const Scratch scratch;
     const Input input = Input::Pipe(sent);
     const Outcome outcome =
-        Post(sent).StandardInput(input).Run([&](const Told& told) {
+        PostOf(sent).StandardInput(input).Run([&](const Told& told) {
           free_bytes = 0;
           try {
             ParseAndTell(scratch.Path(), told);
@@ -639,10 +628,10 @@ TEST(ShortOfSpace, FailsAFormWithAFileOnceItsBodyIsRead) {
 
 TEST(ShortOfSpace, IsNotYetAnEqualAmount) {
   const Scratch scratch;
-  const std::string body = Upload("u", "f", "x") + kEnd;
+  const std::string body = Upload("u", "f", "x") + kFormEnd;
   const Input input = Input::Pipe(body);
   const Outcome outcome =
-      Post(body).StandardInput(input).Run([&](const Told& told) {
+      PostOf(body).StandardInput(input).Run([&](const Told& told) {
         free_bytes = static_cast<std::int64_t>(body.size());
         ParseAndTell(scratch.Path(), told);
       });
@@ -654,7 +643,7 @@ TEST(FailedPreparation, HasTheBodyReadBeforeItShows) {
   const std::string body(200'000, 'x');
   const Input input = Input::Pipe(body);
   const Outcome outcome =
-      Post(body).StandardInput(input).Run([&](const Told& told) {
+      PostOf(body).StandardInput(input).Run([&](const Told& told) {
         try {
           ParseAndTell("/nowhere", told);
         } catch (const std::runtime_error&) {
@@ -678,7 +667,7 @@ TEST(FailedPreparation, HasTheBodyReadBeforeItShows) {
 TEST(FailedPreparation, IsOverruledByABodyThatEndsEarly) {
   const Input input = Input::Pipe("short");
   const Outcome outcome =
-      Post("longer than that").StandardInput(input).Run([](const Told& told) {
+      PostOf("longer than that").StandardInput(input).Run([](const Told& told) {
         ParseAndTell("/nowhere", told);
       });
   EXPECT_EQ(outcome.error, "Error reading STDIN");
@@ -689,7 +678,7 @@ TEST(FailedPreparation, IsOverruledByABodyThatEndsEarly) {
 TEST(FailedPreparation, StopsReadingWhenTheStreamIsInAnErrorState) {
   const Input input = Input::SilentPipe("");
   const Outcome outcome =
-      Post("never sent").StandardInput(input).Run([](const Told& told) {
+      PostOf("never sent").StandardInput(input).Run([](const Told& told) {
         std::cin.setstate(std::ios::eofbit);
         ParseAndTell("/nowhere", told);
       });
@@ -702,7 +691,7 @@ TEST(TemporaryDirectory, IsTmpUnlessTheEnvironmentNamesOne) {
   const Scratch scratch;
   for (const std::string& name : {scratch.Path(), std::string()}) {
     const Input input = Input::Pipe("a=1");
-    Child child = Post("a=1", "");
+    Child child = PostOf("a=1", "");
     child.StandardInput(input).Env("TMP", name);
     const Outcome outcome = child.Run([](const Told& told) {
       Cgi::Data record;
@@ -721,7 +710,7 @@ TEST(TemporaryDirectory, IsNotLookedAtBeforeAFileIsMade) {
   const Scratch scratch;
   const std::string file = scratch.MakeFile("file");
   const Input input = Input::Pipe("a=1");
-  const Outcome outcome = Post("a=1", "").StandardInput(input).Run(
+  const Outcome outcome = PostOf("a=1", "").StandardInput(input).Run(
       [&](const Told& told) { ParseAndTell(file, told); });
   EXPECT_EQ(outcome.error, "");
   EXPECT_EQ(Of(outcome, "param a"), "1");
@@ -757,7 +746,7 @@ TEST(GoesOnForEver, WhenAReadInMidBodyGivesNothing) {
 TEST(GoesOnForEver, WhenTheFirstBoundaryEndsAChunk) {
   for (const std::string behind : {"", "\r"}) {
     const Input input = Input::SlowPipe(
-        {"--XY" + behind, (Field("a", "1") + kEnd).substr(4)}, 50ms);
+        {"--XY" + behind, (Field("a", "1") + kFormEnd).substr(4)}, 50ms);
     const Outcome outcome = ParseUntilAlarm(input, "1000");
     EXPECT_EQ(outcome.status, 128 + SIGPROF) << behind.size();
   }

@@ -1,0 +1,30 @@
+/// @file
+/// Multipart forms (RFC 7578) with the boundary "XY", and requests that send
+/// them.
+#ifndef ZANCGI_TESTS_SUPPORT_FORM_H
+#define ZANCGI_TESTS_SUPPORT_FORM_H
+
+#include <string>
+
+#include "support/child.h"
+
+namespace support {
+
+/// The content type that announces the boundary.
+inline constexpr char kForm[] = "multipart/form-data; boundary=XY";
+/// The closing boundary line, behind the last part.
+inline constexpr char kFormEnd[] = "--XY--\r\n";
+
+/// A part with a disposition line of these attributes.
+std::string Part(const std::string& attributes, const std::string& content);
+std::string Field(const std::string& name, const std::string& value);
+std::string Upload(const std::string& name, const std::string& file_name,
+                   const std::string& content);
+
+/// A process that serves a POST which declares this many bytes.
+Child Post(const std::string& declared_length,
+           const std::string& content_type = kForm);
+
+}  // namespace support
+
+#endif

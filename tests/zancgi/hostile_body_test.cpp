@@ -1,0 +1,1011 @@
+// Bodies, names and files that are made to do harm. What they may cost is in
+// proportion to their size, and what is kept for compatibility stays what it
+// is.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+#include <zancgi/zancgi.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "support/child.h"
+#include "support/form.h"
+#include "support/input.h"
+#include "support/piece_input.h"
+#include "support/scratch.h"
+#include "support/system_calls.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using support::Child;
+using support::CutInto;
+using support::Field;
+using support::Input;
+using support::kForm;
+using support::kFormEnd;
+using support::Outcome;
+using support::Part;
+using support::PieceInput;
+using support::Post;
+using support::Replace;
+using support::Scratch;
+using support::Told;
+using support::Upload;
+using zan_cgi::Cgi;
+using Params = std::map<std::string, std::string>;
+using Strings = std::vector<std::string>;
+using Event = PieceInput::Event;
+
+constexpr std::size_t kChunk = 65536;
+
+/// A text again and again, up to this size.
+std::string Repeated(const std::string& text, std::size_t size) {
+  std::string result;
+  result.reserve(size + text.size());
+  while (result.size() < size) result += text;
+  result.resize(size);
+  return result;
+}
+
+/// Makes standard input give these bytes, a full chunk at each read, and then a
+/// hang-up. The text must live as long as the input is used.
+void GiveFromMemory(const std::string& bytes) {
+  ::setenv("CONTENT_LENGTH", std::to_string(bytes.size()).c_str(), 1);
+  Replace({.poll =
+               [&bytes, asked = std::size_t{0}](pollfd* entries, nfds_t,
+                                                int) mutable {
+                 entries->revents = asked < bytes.size() ? POLLIN : POLLHUP;
+                 asked += kChunk;
+                 return 1;
+               },
+           .read =
+               [&bytes, at = std::size_t{0}](void* buffer,
+                                             std::size_t size) mutable {
+                 const std::size_t count = std::min(size, bytes.size() - at);
+                 std::memcpy(buffer, bytes.data() + at, count);
+                 at += count;
+                 return static_cast<ssize_t>(count);
+               }});
+}
+
+/// A child whose every expectation holds, and which ends without an exception.
+Outcome RunCleanly(const Child& child, const Child::Body& body) {
+  const Outcome outcome = child.Run(body);
+  EXPECT_EQ(outcome.status, 0) << outcome.standard_error.substr(0, 10'000);
+  EXPECT_EQ(outcome.error, "");
+  EXPECT_EQ(outcome.leaked_descriptors, Strings{});
+  return outcome;
+}
+
+/// A place where many small files cost little.
+std::string FastFolder() {
+  const char* const memory = "/dev/shm";
+  return ::access(memory, W_OK) == 0 ? memory
+                                     : fs::temp_directory_path().string();
+}
+
+using Check = std::function<void(const Cgi::Data& record)>;
+
+/// Parses the body in chunks that are as full as can be, in a folder that must
+/// be empty afterwards.
+Outcome Parse(const std::string& body, const Check& check, Child child = {}) {
+  const Scratch scratch(FastFolder());
+  Outcome outcome =
+      RunCleanly(child.Env("CONTENT_TYPE", kForm), [&](const Told&) {
+        GiveFromMemory(body);
+        Cgi::Data record;
+        record.tmp_dir = scratch.Path();
+        record.ParseInput();
+        EXPECT_TRUE(record.parsed);
+        check(record);
+      });
+  EXPECT_EQ(scratch.List(), Strings{});
+  return outcome;
+}
+
+Outcome ParseQuietly(const std::string& body, const Check& check) {
+  return Parse(body, check, Child().LogLevel(0));
+}
+
+void ExpectParams(const std::string& body, const Params& params) {
+  ParseQuietly(
+      body, [&](const Cgi::Data& record) { EXPECT_EQ(record.params, params); });
+}
+
+double ProcessorSeconds() {
+  timespec used{};
+  ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+  return static_cast<double>(used.tv_sec) +
+         static_cast<double>(used.tv_nsec) * 1e-9;
+}
+
+/// Processor time of some work, the least of three times.
+double SecondsOf(const std::function<void()>& work) {
+  double least = 1e9;
+  for (int i = 0; i < 3; ++i) {
+    const double before = ProcessorSeconds();
+    work();
+    least = std::min(least, ProcessorSeconds() - before);
+  }
+  return least;
+}
+
+/// Four times the size takes about four times as long. What grows with the
+/// square of the size would take sixteen times as long.
+void ExpectLinear(const std::function<void(std::size_t size)>& work,
+                  std::size_t size) {
+  const double one = SecondsOf([&] { work(size); });
+  const double four = SecondsOf([&] { work(4 * size); });
+  EXPECT_LT(four, 10 * one + 0.05) << one << " s for a quarter of it";
+}
+
+/// Makes a body of about this size.
+using BodyMaker = std::function<std::string(std::size_t size)>;
+
+void ExpectLinearParse(const BodyMaker& make, std::size_t size,
+                       const std::string& content_type = kForm) {
+  const Scratch scratch(FastFolder());
+  const std::string small = make(size);
+  const std::string large = make(4 * size);
+  RunCleanly(Child().LogLevel(0).Env("CONTENT_TYPE", content_type),
+             [&](const Told&) {
+               ExpectLinear(
+                   [&](std::size_t wanted) {
+                     GiveFromMemory(wanted == size ? small : large);
+                     Cgi::Data record;
+                     record.tmp_dir = scratch.Path();
+                     record.ParseInput();
+                   },
+                   size);
+             });
+}
+
+std::string ManyUploads(std::size_t count, bool of_one_name = false) {
+  std::string body;
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::string number = std::to_string(i);
+    body += Upload("u" + number, of_one_name ? "f" : "f" + number, number);
+  }
+  return body + kFormEnd;
+}
+
+TEST(ManyUploads, TakeTimeInProportionToTheirNumber) {
+  ExpectLinearParse([](std::size_t size) { return ManyUploads(size); }, 1'000);
+}
+
+TEST(ManyUploads, AreAsManyFilesAndAreAllRemoved) {
+  static constexpr std::size_t kCount = 15'000;
+  ParseQuietly(ManyUploads(kCount), [](const Cgi::Data& record) {
+    EXPECT_EQ(record.params.size(), kCount);
+    ASSERT_EQ(record.files.size(), kCount);
+    std::map<std::string, int> paths;
+    for (const auto& [name, file] : record.files) {
+      ++paths[file.path];
+      EXPECT_EQ("f" + support::ReadFile(file.path), name);
+    }
+    EXPECT_EQ(paths.size(), kCount);
+  });
+}
+
+TEST(ManyUploads, LogTwoLinesEach) {
+  const Outcome one = Parse(ManyUploads(1), [](const Cgi::Data&) {});
+  const Outcome many = Parse(ManyUploads(201), [](const Cgi::Data&) {});
+  EXPECT_EQ(many.log.size(), one.log.size() + 200 * 2);
+}
+
+int OpenUploads() {
+  int count = 0;
+  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    const auto target = fs::read_symlink(entry.path(), gone);
+    if (target.string().find("/zantemp") != std::string::npos) ++count;
+  }
+  return count;
+}
+
+TEST(ManyUploads, AreOpenOneAtATime) {
+  const Scratch scratch;
+  // Pieces end in every part of an upload, but not between CR and LF.
+  std::string body;
+  Strings pieces;
+  for (int i = 0; i < 100; ++i) {
+    const std::string upload =
+        Upload("u", "f" + std::to_string(i), "first, second");
+    const std::size_t second = upload.find("second");
+    pieces.push_back(upload.substr(0, second));
+    pieces.push_back(upload.substr(second));
+    body += upload;
+  }
+  pieces.emplace_back(kFormEnd);
+  RunCleanly(Post(std::to_string(body.size() + pieces.back().size())),
+             [&](const Told&) {
+               int most = 0;
+               const PieceInput input(pieces, [&](std::size_t) {
+                 most = std::max(most, OpenUploads());
+                 return Event::Piece;
+               });
+               Cgi::Data record;
+               record.tmp_dir = scratch.Path();
+               record.ParseInput();
+               EXPECT_EQ(record.files.size(), 100U);
+               EXPECT_EQ(most, 1);
+             });
+}
+
+TEST(SameFileName, LeavesOneFileAtATime) {
+  const Scratch scratch;
+  Strings pieces;
+  std::size_t size = 0;
+  for (int i = 0; i < 200; ++i) {
+    pieces.push_back(Upload("u", "f", std::to_string(i)));
+    size += pieces.back().size();
+  }
+  pieces.emplace_back(kFormEnd);
+  RunCleanly(Post(std::to_string(size + pieces.back().size())),
+             [&](const Told&) {
+               const PieceInput input(pieces, [&](std::size_t wait) {
+                 EXPECT_EQ(scratch.List().size(), wait > 0 ? 1U : 0U);
+                 return Event::Piece;
+               });
+               Cgi::Data record;
+               record.tmp_dir = scratch.Path();
+               record.ParseInput();
+               EXPECT_EQ(record.files.size(), 1U);
+               EXPECT_EQ(support::ReadFile(record.files.at("f").path), "199");
+               EXPECT_EQ(record.files.at("f").size, 3);
+             });
+  EXPECT_EQ(scratch.List(), Strings{});
+}
+
+TEST(SameFileName, SwallowsAFailureToRemoveTheEarlierFile) {
+  const Scratch scratch;
+  const Strings pieces{Upload("u", "f", "first"),
+                       Upload("v", "f", "second") + kFormEnd};
+  const Outcome outcome = RunCleanly(
+      Post(std::to_string(pieces[0].size() + pieces[1].size())),
+      [&](const Told& told) {
+        Cgi::Data record;
+        record.tmp_dir = scratch.Path();
+        const PieceInput input(pieces, [&](std::size_t wait) {
+          if (wait != 1) return Event::Piece;
+          const std::string path = record.files.at("f").path;
+          fs::remove(path);
+          fs::create_directory(path);
+          told("directory", fs::path(path).filename());
+          return Event::Piece;
+        });
+        record.ParseInput();
+        EXPECT_EQ(support::ReadFile(record.files.at("f").path), "second");
+      });
+  EXPECT_EQ(outcome.Logged(4), Strings{});
+  EXPECT_EQ(outcome.Logged(3), Strings{});
+  EXPECT_EQ(scratch.List(), Strings{outcome.told.at("directory")});
+}
+
+/// A part with more header lines, then an ordinary field.
+std::string FormWithHeaders(const std::string& headers) {
+  return "--XY\r\n" + headers +
+         "Content-Disposition: form-data; name=\"a\"\r\n\r\n1\r\n" +
+         Field("b", "2") + kFormEnd;
+}
+
+const Params kBothFields{{"a", "1"}, {"b", "2"}};
+
+TEST(HeaderLines, MayBeLong) {
+  ExpectParams(FormWithHeaders("X: " + std::string(4'000'000, 'x') + "\r\n"),
+               kBothFields);
+}
+
+TEST(HeaderLines, MayBeMany) {
+  ExpectParams(FormWithHeaders(Repeated("X-y: z\r\n", 800'000)), kBothFields);
+}
+
+TEST(HeaderLines, NeedNotEnd) {
+  ExpectParams("--XY\r\n" + Repeated("X-y: z\r\n", 4'000'000), {});
+  ExpectParams("--XY\r\n" + std::string(4'000'000, 'x'), {});
+}
+
+TEST(HeaderLines, TakeTimeInProportionToTheirLength) {
+  ExpectLinearParse(
+      [](std::size_t size) {
+        return FormWithHeaders("X: " + std::string(size, 'x') + "\r\n");
+      },
+      2'000'000);
+}
+
+TEST(HeaderLines, TakeTimeInProportionToTheirNumber) {
+  ExpectLinearParse(
+      [](std::size_t size) {
+        return FormWithHeaders(Repeated("X:\r\n", size));
+      },
+      1'000'000);
+}
+
+TEST(Attributes, TakeTimeInProportionToTheirNumber) {
+  for (const std::string attribute :
+       {"; x", "; name=\"a\"", "; filename=\"f\"", "; name="}) {
+    ExpectLinearParse(
+        [&](std::size_t size) {
+          return "--XY\r\nContent-Disposition: form-data" +
+                 Repeated(attribute,
+                          size / attribute.size() * attribute.size()) +
+                 "\r\n\r\n" + kFormEnd;
+        },
+        120'000);
+  }
+}
+
+TEST(Attributes, TakeTimeInProportionToTheirLength) {
+  for (const std::string text : {"=", "\"", "=\"", " ", "a"}) {
+    ExpectLinearParse(
+        [&](std::size_t size) {
+          return Part("name=\"a\"; filename" + Repeated(text, size), "1") +
+                 kFormEnd;
+        },
+        1'000'000);
+  }
+}
+
+Strings LinesWith(const Outcome& outcome, const std::string& part) {
+  Strings found;
+  for (const std::string& line : outcome.Logged(9)) {
+    if (line.find(part) != std::string::npos) {
+      found.push_back(line.substr(line.find(' ') + 1));
+    }
+  }
+  return found;
+}
+
+TEST(Preamble, WithoutABoundaryIsAQueryStringAndALogLineForEachChunk) {
+  const std::string body = "a=" + std::string(5 * kChunk, 'x');
+  const Outcome outcome = Parse(body, [&](const Cgi::Data& record) {
+    EXPECT_EQ(record.params, (Params{{"a", body.substr(2)}}));
+  });
+  Strings lines(5, "appending 65536 chars to buff");
+  lines.emplace_back("appending 2 chars to buff");
+  EXPECT_EQ(LinesWith(outcome, "appending"), lines);
+}
+
+TEST(Preamble, BeforeABoundaryIsLoggedByChunkAndDropped) {
+  const std::string body =
+      std::string(2 * kChunk, 'x') + Field("a", "1") + kFormEnd;
+  const Outcome outcome = Parse(body, [](const Cgi::Data& record) {
+    EXPECT_EQ(record.params, (Params{{"a", "1"}}));
+  });
+  EXPECT_EQ(LinesWith(outcome, "appending"),
+            Strings(2, "appending 65536 chars to buff"));
+}
+
+TEST(Preamble, TakesTimeInProportionToItsLength) {
+  for (const std::string text : {"-", "--X", "--X\r\n", "\r\n", "x"}) {
+    ExpectLinearParse(
+        [&](std::size_t size) {
+          return Repeated(text, size) + "\r\n" + Field("a", "1") + kFormEnd;
+        },
+        1'000'000);
+  }
+}
+
+TEST(Epilogue, TakesTimeInProportionToItsLength) {
+  for (const std::string text : {"-", "--X\r\n", "\r\n", "x"}) {
+    ExpectLinearParse(
+        [&](std::size_t size) {
+          return Field("a", "1") + kFormEnd + "x" + Repeated(text, size);
+        },
+        1'000'000);
+    ExpectLinearParse(
+        [&](std::size_t size) {
+          return Upload("u", "f", "1") + kFormEnd + Repeated(text, size);
+        },
+        1'000'000);
+  }
+}
+
+TEST(Epilogue, WithAnEmptyLineContinuesTheLastField) {
+  ExpectParams(Field("a", "1") + kFormEnd + "ignored\r\n\r\nmore\r\n",
+               {{"a", "1\nmore"}});
+}
+
+TEST(Epilogue, ReplacesTheLastUpload) {
+  ParseQuietly(Upload("u", "f", "upload") + kFormEnd + "epilogue",
+               [](const Cgi::Data& record) {
+                 const auto& file = record.files.at("f");
+                 EXPECT_EQ(support::ReadFile(file.path), "epilogue");
+                 EXPECT_EQ(file.size, 8);
+               });
+}
+
+TEST(FieldLines, MayEachHave262144Bytes) {
+  const std::string line(262'144, 'x');
+  const std::string value = line + "\n" + line + "\n" + line;
+  std::string sent = line;
+  sent += "\r\n" + line + "\r\n" + line;
+  // None of these lines' ends falls between two chunks.
+  ExpectParams(Field("a", sent) + kFormEnd, {{"a", value}});
+}
+
+TEST(FieldLines, AboveThatAreRefusedHoweverManyCameBefore) {
+  const Scratch scratch;
+  const std::string body =
+      Field("a", Repeated("line\r\n", 600'000) + std::string(262'145, 'x')) +
+      kFormEnd;
+  RunCleanly(Child().LogLevel(0).Env("CONTENT_TYPE", kForm), [&](const Told&) {
+    GiveFromMemory(body);
+    Cgi::Data record;
+    record.tmp_dir = scratch.Path();
+    EXPECT_THROW(record.ParseInput(), std::runtime_error);
+    EXPECT_FALSE(record.parsed);
+    EXPECT_GE(record.params.at("a").size(), 499'000U);
+  });
+}
+
+TEST(FieldLines, TakeTimeInProportionToTheirNumber) {
+  for (const std::string line : {"\r\n", "1234567\r\n", "--X\r\n"}) {
+    ExpectLinearParse(
+        [&](std::size_t size) {
+          return Field("a", Repeated(line, size)) + kFormEnd;
+        },
+        500'000);
+  }
+}
+
+/// Parses a field of this size, of which each read gives one byte.
+void ParseFieldByteByByte(std::size_t size) {
+  const std::string form = Field("a", std::string(size, 'x')) + kFormEnd;
+  const std::size_t begin = form.find("xxx");
+  ::setenv("CONTENT_LENGTH", std::to_string(form.size()).c_str(), 1);
+  std::size_t at = 0;
+  Replace({.poll =
+               [](pollfd* entries, nfds_t, int) {
+                 entries->revents = POLLIN;
+                 return 1;
+               },
+           .read =
+               [&](void* buffer, std::size_t) {
+                 const std::size_t end = at == 0             ? begin
+                                         : at < begin + size ? at + 1
+                                                             : form.size();
+                 const std::size_t count = end - at;
+                 std::memcpy(buffer, form.data() + at, count);
+                 at = end;
+                 return static_cast<ssize_t>(count);
+               }});
+  Cgi::Data record;
+  record.tmp_dir = "/tmp";
+  record.ParseInput();
+  EXPECT_EQ(record.params.at("a").size(), size);
+}
+
+TEST(FieldLines, TakeTimeInProportionToTheirLengthByteByByteToo) {
+  RunCleanly(Child().LogLevel(0).Env("CONTENT_TYPE", kForm),
+             [](const Told&) { ExpectLinear(ParseFieldByteByByte, 50'000); });
+}
+
+TEST(RepeatedField, TakesTimeInProportionToItsNumber) {
+  ExpectLinearParse(
+      [](std::size_t size) {
+        return Repeated(Field("a", "1"), size * Field("a", "1").size()) +
+               kFormEnd;
+      },
+      10'000);
+}
+
+/// An upload whose content begins exactly with the second chunk, so that
+/// nothing of it is taken from the wrong place.
+std::string UploadBehindAChunk(const std::string& boundary,
+                               const std::string& content) {
+  const std::string begin = "--" + boundary + "\r\nX: ";
+  const std::string end =
+      "\r\nContent-Disposition: form-data; name=\"u\"; filename=\"f\"\r\n\r\n";
+  return begin + std::string(kChunk - begin.size() - end.size(), 'x') + end +
+         content + "\r\n--" + boundary + "--\r\n";
+}
+
+void ExpectExactUpload(const std::string& boundary,
+                       const std::string& content) {
+  const std::string body = UploadBehindAChunk(boundary, content);
+  const Scratch scratch;
+  RunCleanly(Child().LogLevel(0).Env("CONTENT_TYPE", "boundary=" + boundary),
+             [&](const Told&) {
+               GiveFromMemory(body);
+               Cgi::Data record;
+               record.tmp_dir = scratch.Path();
+               record.ParseInput();
+               const auto& file = record.files.at("f");
+               EXPECT_EQ(file.size, static_cast<std::int64_t>(content.size()));
+               EXPECT_TRUE(support::ReadFile(file.path) == content);
+             });
+}
+
+/// Contents that make searches for "\r\n--" and a boundary slow.
+Strings SlowContents(const std::string& boundary) {
+  const std::string separator = "\r\n--" + boundary;
+  return {"\r",
+          "\n",
+          "\r\n",
+          "\r\n--",
+          "-",
+          "--\r\n",
+          separator.substr(0, separator.size() - 1),
+          separator.substr(1),
+          "\r" + separator.substr(0, separator.size() - 1),
+          boundary,
+          std::string(1, '\0')};
+}
+
+/// Boundaries that make them slower still.
+const Strings kSlowBoundaries{"XY", "-", std::string(70, '-'),
+                              std::string(69, 'a') + "b", Repeated("ab", 70)};
+
+TEST(SlowContent, IsStoredByteForByte) {
+  for (const std::string& boundary : kSlowBoundaries) {
+    for (const std::string& text : SlowContents(boundary)) {
+      SCOPED_TRACE(testing::Message() << testing::PrintToString(text)
+                                      << ", boundary " << boundary);
+      const std::string content = Repeated(text, 300'000);
+      for (const std::string begin : {"", "x", "\r", "\r\r"}) {
+        const std::string whole = begin + content + "x";
+        // What ends the content early is another matter.
+        if (whole.find("\r\n--" + boundary) == std::string::npos) {
+          ExpectExactUpload(boundary, whole);
+        }
+      }
+    }
+  }
+}
+
+TEST(SlowContent, TakesTimeInProportionToItsLength) {
+  for (const std::string& boundary : kSlowBoundaries) {
+    for (const std::string& text : SlowContents(boundary)) {
+      SCOPED_TRACE(testing::Message() << testing::PrintToString(text)
+                                      << ", boundary " << boundary);
+      ExpectLinearParse(
+          [&](std::size_t size) {
+            return UploadBehindAChunk(boundary, Repeated(text, size));
+          },
+          200'000, "boundary=" + boundary);
+    }
+  }
+}
+
+TEST(Upload, BeginningWithALineEndIsExactAndLinear) {
+  for (const std::string begin : {"\r", "\n", "\r\n"}) {
+    ExpectExactUpload("XY", begin + std::string(2'000'000, 'x'));
+    ExpectLinearParse(
+        [&](std::size_t size) {
+          return UploadBehindAChunk("XY", begin + std::string(size, 'x'));
+        },
+        2'000'000);
+  }
+}
+
+TEST(LookAhead, BehindAFullChunkSeesNoLineEnd) {
+  // CR is the first chunk's last byte, LF the second's first.
+  const std::string head = Field("a", "").substr(0, Field("a", "").size() - 2);
+  const std::string first(kChunk - head.size() - 1, 'x');
+  ExpectParams(head + first + "\r\nsecond\r\nthird\r\n" + kFormEnd,
+               {{"a", first + "\r\nsecond\nthird"}});
+}
+
+TEST(LookAhead, BehindAShortChunkSeesWhatStoodThereBefore) {
+  const Scratch scratch;
+  const std::string head = Field("a", "").substr(0, Field("a", "").size() - 2);
+  ASSERT_EQ(head[5], '\n');
+  // Five bytes, behind which the sixth of the chunk before still stands.
+  const Strings pieces{head, "value"};
+  RunCleanly(Post(std::to_string(head.size() + 5)), [&](const Told&) {
+    const PieceInput input(pieces);
+    Cgi::Data record;
+    record.tmp_dir = scratch.Path();
+    record.ParseInput();
+    EXPECT_EQ(record.params, (Params{{"a", "valu"}}));
+  });
+}
+
+/// The parameters and client file names that a part with these attributes
+/// gives; the part has the content "1", and a field "z" follows.
+void ExpectPart(const std::string& attributes, const Params& params,
+                const Strings& files) {
+  SCOPED_TRACE(attributes.substr(0, 100));
+  ParseQuietly(
+      Part(attributes, "1") + Field("z", "2") + kFormEnd,
+      [&](const Cgi::Data& record) {
+        Params expected = params;
+        expected["z"] = "2";
+        EXPECT_EQ(record.params, expected);
+        Strings names;
+        for (const auto& [name, file] : record.files) {
+          names.push_back(name);
+          EXPECT_EQ(support::ReadFile(file.path), "1");
+          EXPECT_TRUE(
+              fs::path(file.path).filename().string().starts_with("zantemp"));
+          EXPECT_EQ(fs::path(file.path).parent_path(), record.tmp_dir);
+        }
+        EXPECT_EQ(names, files);
+      });
+}
+
+TEST(FileName, IsTakenAsItStands) {
+  for (const std::string name :
+       {"%22.txt", "\xc3\xa4\xf0\x9f\x98\x80.txt", "../../x", "/etc/passwd",
+        "C:\\dir\\f.txt", "..", ".", " ", "a b", "<b>", "x\ty", "'"}) {
+    ExpectPart("name=\"u\"; filename=\"" + name + "\"", {{"u", name}}, {name});
+  }
+}
+
+TEST(FileName, MayHoldAZeroByte) {
+  const std::string name("a\0b", 3);
+  ExpectPart("name=\"u\"; filename=\"" + name + "\"", {{"u", name}}, {name});
+}
+
+TEST(FileName, MayBeAMegabyteLong) {
+  const std::string name(1'000'000, 'n');
+  ExpectPart("name=\"u\"; filename=\"" + name + "\"", {{"u", name}}, {name});
+}
+
+TEST(FileName, GivenTwiceIsTheLast) {
+  ExpectPart("name=\"u\"; filename=\"f\"; filename=\"g\"", {{"u", "g"}}, {"g"});
+  ExpectPart("name=\"u\"; filename=\"f\"; filename*=\"g\"", {{"u", "g"}},
+             {"g"});
+}
+
+TEST(FileName, InTheExtendedFormLosesTheUpload) {
+  ExpectPart("name=\"u\"; filename=\"f\"; filename*=UTF-8''g", {}, {});
+  ExpectPart("name=\"u\"; filename*=UTF-8''g", {}, {});
+}
+
+TEST(FileName, ThatIsEmptyOrUnquotedLosesTheUpload) {
+  ExpectPart("name=\"u\"; filename=\"\"", {}, {});
+  ExpectPart("name=\"u\"; filename=f", {}, {});
+  ExpectPart("name=\"u\"; filename", {}, {});
+}
+
+TEST(ElementName, GivenTwiceIsTheLast) {
+  ExpectPart("name=\"a\"; name=\"b\"", {{"b", "1"}}, {});
+  ExpectPart("name=\"a\"; filename=\"f\"; name=\"b\"", {{"b", "1"}}, {});
+}
+
+TEST(ElementName, IsTakenFromWhateverBeginsWithIt) {
+  ExpectPart("names=\"a\"", {{"a", "1"}}, {});
+  ExpectPart("name*=\"a\"", {{"a", "1"}}, {});
+  ExpectPart("name = \"b\"; name =\"a\"", {{"a", "1"}}, {});
+  ExpectPart("name=x=\"a\"", {{"a", "1"}}, {});
+  ExpectPart("name=\"a", {{"a", "1"}}, {});
+  ExpectPart("name=\"a=\"b\"", {{"a=", "1"}}, {});
+}
+
+TEST(ElementName, IsNotFoundInOtherSpellings) {
+  ExpectPart("Name=\"a\"", {}, {});
+  ExpectPart("NAME=\"a\"", {}, {});
+  ExpectPart("x; Filename=\"f\"", {}, {});
+  ExpectPart("name= \"a\"", {}, {});
+  ExpectPart("name='a'", {}, {});
+}
+
+TEST(ElementName, BehindAnEmptyAttributeIsNotSeen) {
+  ExpectPart("; name=\"a\"", {}, {});
+  ExpectPart("name=\"a\"; ; filename=\"f\"", {{"a", "1"}}, {});
+}
+
+/// The parameters of a body of one part with these headers and the content "1",
+/// and a field "z" behind.
+void ExpectHeaders(const std::string& headers, const Params& params) {
+  SCOPED_TRACE(headers);
+  Params expected = params;
+  expected["z"] = "2";
+  ExpectParams(
+      "--XY\r\n" + headers + "\r\n\r\n1\r\n" + Field("z", "2") + kFormEnd,
+      expected);
+}
+
+TEST(Disposition, NeedsNoBlanksBetweenItsAttributes) {
+  ExpectHeaders("Content-Disposition: form-data;name=\"a\"", {{"a", "1"}});
+  ExpectHeaders("Content-Disposition:  form-data ;\t name=\"a\" ;",
+                {{"a", "1"}});
+}
+
+TEST(Disposition, OfAnotherSpellingIsIgnored) {
+  ExpectHeaders("content-disposition: form-data; name=\"a\"", {});
+  ExpectHeaders("Content-Disposition:form-data; name=\"a\"", {});
+  ExpectHeaders(" Content-Disposition: form-data; name=\"a\"", {});
+  ExpectHeaders("Content-Disposition: Form-Data; name=\"a\"", {});
+  ExpectHeaders("Content-Disposition: form-data", {});
+  ExpectHeaders("Content-Disposition: ; name=\"a\"", {});
+}
+
+TEST(Disposition, ThatIsFoldedLosesWhatIsOnItsNextLine) {
+  ExpectHeaders("Content-Disposition: form-data;\r\n name=\"a\"", {});
+  ExpectHeaders(
+      "Content-Disposition: form-data; name=\"a\";\r\n filename=\"f\"",
+      {{"a", "1"}});
+}
+
+TEST(Disposition, GivenTwiceIsTheLast) {
+  ExpectHeaders(
+      "Content-Disposition: form-data; name=\"a\"\r\n"
+      "Content-Disposition: form-data; name=\"b\"",
+      {{"b", "1"}});
+}
+
+TEST(Disposition, MayComeBehindOtherHeaders) {
+  ExpectHeaders(
+      "Content-Type: text/plain\r\nContent-Transfer-Encoding: base64\r\n"
+      "Content-Disposition: form-data; name=\"a\"",
+      {{"a", "1"}});
+}
+
+TEST(BareLineFeeds, MakeNoForm) {
+  std::string body = Field("a", "1") + Field("b", "2") + kFormEnd;
+  body.erase(std::remove(body.begin(), body.end(), '\r'), body.end());
+  ExpectParams(body, {});
+}
+
+TEST(NestedForm, IsTheValueOfItsField) {
+  const std::string inner =
+      "--IN\r\nContent-Disposition: file; filename=\"f\"\r\n\r\nx\r\n--IN--";
+  ExpectPart("name=\"a\"\r\nContent-Type: multipart/mixed; boundary=IN",
+             {{"a", "1"}}, {});
+  ExpectParams(
+      Field("a", inner) + kFormEnd,
+      {{"a", "--IN\nContent-Disposition: file; filename=\"f\"\n\nx\n--IN--"}});
+}
+
+TEST(NestedForm, WhoseBoundaryBeginsLikeTheOuterOneEndsItsField) {
+  ExpectParams(Field("a", "1\r\n--XYZ\r\nlost") + Field("b", "2") + kFormEnd,
+               {{"a", "1"}, {"b", "2"}});
+}
+
+TEST(MoreThanDeclared, StaysUnreadBehindAnUpload) {
+  const Scratch scratch;
+  const std::string body =
+      Upload("u", "f", std::string(100'000, 'x')) + kFormEnd;
+  Strings pieces = CutInto(body, kChunk);
+  pieces.back() += "GET / HTTP/1.1";
+  RunCleanly(Post(std::to_string(body.size())), [&](const Told&) {
+    const PieceInput input(pieces);
+    Cgi::Data record;
+    record.tmp_dir = scratch.Path();
+    record.ParseInput();
+    EXPECT_EQ(record.files.at("f").size, 100'000);
+    EXPECT_EQ(input.BytesUnread(), 14U);
+  });
+}
+
+TEST(WithoutContentLength, EveryAccessTriesAgainAndReadsNothing) {
+  const Input input = Input::Pipe("a=1");
+  const Outcome outcome =
+      RunCleanly(Child().Env("REQUEST_METHOD", "POST").StandardInput(input),
+                 [](const Told&) {
+                   Cgi cgi("/bin/front", "panel");
+                   Strings names{"old"};
+                   EXPECT_EQ(cgi.Param("a"), "");
+                   EXPECT_EQ(cgi.GetFileSize(), 0);
+                   cgi.GetParams(names);
+                   EXPECT_EQ(names, Strings{});
+                   cgi.GetFileNames(names);
+                   EXPECT_EQ(names, Strings{});
+                   cgi.ParseQuery();
+                   char body[4];
+                   EXPECT_EQ(::read(STDIN_FILENO, body, sizeof(body)), 3);
+                 });
+  EXPECT_EQ(LinesWith(outcome, "CONTENT_LENGTH=0").size(), 5U);
+  EXPECT_EQ(outcome.Logged(4), Strings{});
+}
+
+/// The parameters of a body that is no form.
+void ExpectQueryString(const std::string& body, const Params& params) {
+  RunCleanly(Child().LogLevel(0), [&](const Told&) {
+    GiveFromMemory(body);
+    Cgi::Data record;
+    record.tmp_dir = "/tmp";
+    record.ParseInput();
+    EXPECT_EQ(record.params, params);
+  });
+}
+
+TEST(QueryStringBody, KeepsMalformedEscapesAsTheyStand) {
+  ExpectQueryString(
+      "a=%&b=%4&c=%zz&d=%u0041&e=%4%41",
+      {{"a", "%"}, {"b", "%4"}, {"c", "%zz"}, {"d", "%u0041"}, {"e", "%4A"}});
+}
+
+TEST(QueryStringBody, DecodesEachByteOnce) {
+  ExpectQueryString("a=%00&b=+%2b&c=%2541&d=%c0%af%ff",
+                    {{"a", std::string(1, '\0')},
+                     {"b", " +"},
+                     {"c", "%41"},
+                     {"d", "\xc0\xaf\xff"}});
+}
+
+TEST(QueryStringBody, TakesASemicolonForData) {
+  ExpectQueryString("a=1;b=2", {{"a", "1;b=2"}});
+}
+
+TEST(QueryStringBody, KeepsTheLastValueOfAKey) {
+  ExpectQueryString("a=1&a=2&a", {{"a", ""}});
+}
+
+TEST(QueryStringBody, TakesTimeInProportionToItsLength) {
+  const BodyMaker makers[] = {
+      [](std::size_t size) { return Repeated("a=&", size); },
+      [](std::size_t size) { return Repeated("&", size); },
+      [](std::size_t size) { return Repeated("=", size); },
+      [](std::size_t size) { return "a=" + Repeated("%41", size); },
+      [](std::size_t size) { return "a=" + Repeated("%", size); },
+      [](std::size_t size) { return Repeated("k", size) + "=1"; },
+  };
+  for (const BodyMaker& make : makers) {
+    ExpectLinearParse(make, 500'000, "text/plain");
+  }
+}
+
+TEST(QueryStringBody, MayHaveAHundredThousandParameters) {
+  std::string body;
+  for (int i = 0; i < 100'000; ++i) {
+    body += "k" + std::to_string(i) + "=" + std::to_string(i) + "&";
+  }
+  RunCleanly(Child().LogLevel(0), [&](const Told&) {
+    GiveFromMemory(body);
+    Cgi::Data record;
+    record.tmp_dir = "/tmp";
+    record.ParseInput();
+    EXPECT_EQ(record.params.size(), 100'000U);
+    EXPECT_EQ(record.params.at("k99999"), "99999");
+  });
+}
+
+TEST(Cookies, MayBeLargeAndMany) {
+  std::string many = "large=" + std::string(65'536, 'x');
+  for (int i = 0; i < 5'000; ++i) {
+    const std::string number = std::to_string(i);
+    many += "; c" + number + "=" + number;
+  }
+  RunCleanly(Child().Env("HTTP_COOKIE", many + "; c0=last"), [](const Told&) {
+    const Cgi::Data record;
+    EXPECT_EQ(record.cookies.size(), 5'001U);
+    EXPECT_EQ(record.cookies.at("large").size(), 65'536U);
+    EXPECT_EQ(record.cookies.at("c4999"), "4999");
+    EXPECT_EQ(record.cookies.at("c0"), "last");
+  });
+}
+
+/// Parses one upload while somebody puts something in the place of its file as
+/// soon as that is made, and tells the error.
+Outcome ParseWhileFileIsReplaced(
+    const std::string& folder,
+    const std::function<void(const std::string& path)>& replace) {
+  const std::string body = Upload("u", "f", "content") + kFormEnd;
+  const Input input = Input::Pipe(body);
+  return RunCleanly(
+      Post(std::to_string(body.size())).StandardInput(input),
+      [&](const Told& told) {
+        Replace({.mkostemp = [&](char* name, int flags) {
+          const int descriptor = support::RealMkostemp(name, flags);
+          ::unlink(name);
+          replace(name);
+          return descriptor;
+        }});
+        Cgi::Data record;
+        record.tmp_dir = folder;
+        try {
+          record.ParseInput();
+        } catch (const std::runtime_error& error) {
+          told("error", error.what());
+        }
+        char next;
+        told("unread", std::to_string(::read(STDIN_FILENO, &next, 1)));
+      });
+}
+
+TEST(TemporaryFile, ReplacedByALinkIsNotFollowed) {
+  const Scratch scratch;
+  const Scratch other;
+  const std::string target = other.MakeFile("target", "kept");
+  ASSERT_EQ(::chmod(target.c_str(), 0644), 0);
+  const Outcome outcome = ParseWhileFileIsReplaced(
+      scratch.Path(),
+      [&](const std::string& path) { fs::create_symlink(target, path); });
+  EXPECT_TRUE(outcome.told.contains("error"));
+  EXPECT_EQ(support::ReadFile(target), "kept");
+  struct stat found {};
+  ASSERT_EQ(::stat(target.c_str(), &found), 0);
+  EXPECT_EQ(found.st_mode & 07777U, 0644U);
+  EXPECT_EQ(scratch.List(), Strings{});
+}
+
+TEST(TemporaryFile, ReplacedByADanglingLinkMakesNoFile) {
+  const Scratch scratch;
+  const Scratch other;
+  const Outcome outcome =
+      ParseWhileFileIsReplaced(scratch.Path(), [&](const std::string& path) {
+        fs::create_symlink(other / "new", path);
+      });
+  EXPECT_TRUE(outcome.told.contains("error"));
+  EXPECT_EQ(other.List(), Strings{});
+}
+
+TEST(TemporaryFile, ReplacedByAFifoIsNotWaitedFor) {
+  const Scratch scratch;
+  const Outcome outcome =
+      ParseWhileFileIsReplaced(scratch.Path(), [](const std::string& path) {
+        ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+      });
+  EXPECT_EQ(outcome.told.at("error"), "error writing temporary file");
+  EXPECT_EQ(outcome.told.at("unread"), "0");
+}
+
+TEST(TemporaryFile, ReplacedByADirectoryIsAnError) {
+  const Scratch scratch;
+  const Outcome outcome = ParseWhileFileIsReplaced(
+      scratch.Path(),
+      [](const std::string& path) { fs::create_directory(path); });
+  EXPECT_TRUE(outcome.told.contains("error"));
+  ASSERT_EQ(scratch.List().size(), 1U);
+  EXPECT_TRUE(fs::is_directory(scratch / scratch.List()[0]));
+}
+
+constexpr char kUnknownType[] =
+    "Ignoring unknown type of Content-Disposition: ";
+
+/// What is logged of a disposition type.
+std::string LoggedType(const std::string& type) {
+  const Outcome outcome = Parse(
+      "--XY\r\nContent-Disposition: " + type + "; name=\"a\"\r\n\r\n1\r\n" +
+          kFormEnd,
+      [](const Cgi::Data& record) { EXPECT_TRUE(record.params.empty()); });
+  const Strings lines = LinesWith(outcome, kUnknownType);
+  EXPECT_EQ(lines.size(), 1U);
+  return lines.empty() ? "" : lines[0].substr(sizeof(kUnknownType) - 1);
+}
+
+TEST(Log, HasControlCharactersOfTheClientEscaped) {
+  EXPECT_EQ(LoggedType("a\rb\x1b[31m\x07\x7f"), "a\\x0db\\x1b[31m\\x07\\x7f");
+}
+
+TEST(Log, TakesNoFormatFromTheClient) {
+  EXPECT_EQ(LoggedType("%n%s%1000000d%%"), "%n%s%1000000d%%");
+}
+
+TEST(Log, EndsATextOfTheClientAtAZeroByte) {
+  EXPECT_EQ(LoggedType(std::string("a\0b", 3)), "a");
+}
+
+TEST(Log, CutsALongTextOfTheClient) {
+  const std::string logged = LoggedType(std::string(1'000'000, 'x'));
+  EXPECT_LT(logged.size(), 4096U);
+  EXPECT_GT(logged.size(), 3900U);
+  EXPECT_TRUE(logged.ends_with("x..."));
+}
+
+TEST(Log, CannotBeForgedByALineEndBetweenTwoReads) {
+  const Scratch scratch;
+  const Strings pieces{
+      "--XY\r\nContent-Disposition: a\r",
+      std::string("\nzancgi[1] core error: forged\r\n\r\n1\r\n") + kFormEnd};
+  const Outcome outcome =
+      RunCleanly(Post(std::to_string(pieces[0].size() + pieces[1].size())),
+                 [&](const Told&) {
+                   const PieceInput input(pieces);
+                   Cgi::Data record;
+                   record.tmp_dir = scratch.Path();
+                   record.ParseInput();
+                 });
+  EXPECT_EQ(LinesWith(outcome, kUnknownType),
+            Strings{std::string(kUnknownType) +
+                    "a\\x0d\\x0azancgi[1] core error: forged"});
+  EXPECT_EQ(outcome.Logged(3), Strings{});
+}
+
+}  // namespace
