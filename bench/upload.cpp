@@ -52,7 +52,7 @@ void WriteAll(int descriptor, const char* data, std::size_t size) {
 
 /// Random bytes: CR and LF come as often in them as in compressed files.
 std::string Megabyte() {
-  std::mt19937 random(1);
+  std::mt19937 random(std::random_device{}());
   std::string bytes(kMegabyte, '\0');
   for (char& byte : bytes) byte = static_cast<char>(random());
   return bytes;
@@ -150,6 +150,11 @@ void Compare(const std::string& folder, std::size_t megabytes,
       ours.kilobytes, ours.milliseconds / loop.milliseconds);
 }
 
+int Fail(const char* text) {
+  static_cast<void>(std::fprintf(stderr, "upload_bench: %s\n", text));
+  return 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) try {
@@ -160,10 +165,9 @@ int main(int argc, char** argv) try {
   } else if (argc == 4) {
     Compare(argv[1], std::stoul(argv[2]), std::stoul(argv[3]));
   } else {
-    std::fprintf(stderr, "usage: upload_bench FOLDER MEGABYTES RUNS\n");
-    return 2;
+    return Fail("usage: upload_bench FOLDER MEGABYTES RUNS");
   }
+  return 0;
 } catch (const std::exception& error) {
-  std::fprintf(stderr, "upload_bench: %s\n", error.what());
-  return 1;
+  return Fail(error.what());
 }
