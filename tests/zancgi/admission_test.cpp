@@ -166,6 +166,7 @@ TEST(ContentLength, MayHaveASignAndWhiteSpace) {
   EXPECT_EQ(LengthTaken("+5"), "5");
   EXPECT_EQ(LengthTaken(" 5"), "5");
   EXPECT_EQ(LengthTaken("5 "), "5");
+  EXPECT_EQ(LengthTaken(" +5\r\n"), "5");
   EXPECT_EQ(LengthTaken("007"), "7");
 }
 
@@ -276,6 +277,17 @@ TEST(TmpDir, MustBeADirectory) {
   ASSERT_EQ(::mkfifo((scratch / "fifo").c_str(), 0600), 0);
   ExpectNoDirectory(scratch / "fifo");
   ExpectNoDirectory("/dev/null");
+}
+
+TEST(TmpDir, IsNamedAsItIsHoweverOdd) {
+  const Scratch scratch;
+  ExpectNoDirectory(scratch.MakeFile("%s 'x'\n"));
+}
+
+TEST(TmpDir, WithTooLongANameIsAnError) {
+  const Scratch scratch;
+  const std::string path = scratch / std::string(300, 'x');
+  ExpectSystemError(Check(path), path);
 }
 
 TEST(TmpDir, IsNotMadeWithItsParents) {

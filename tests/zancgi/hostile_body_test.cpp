@@ -554,8 +554,8 @@ TEST(SlowContent, IsStoredByteForByte) {
     for (const std::string& text : SlowContents(boundary)) {
       SCOPED_TRACE(testing::Message() << testing::PrintToString(text)
                                       << ", boundary " << boundary);
-      const std::string content = Repeated(text, 300'000);
-      for (const std::string begin : {"", "x", "\r", "\r\r"}) {
+      const std::string content = Repeated(text, 140'000);
+      for (const std::string begin : {"", "\r"}) {
         const std::string whole = begin + content + "x";
         // What ends the content early is another matter.
         if (whole.find("\r\n--" + boundary) == std::string::npos) {

@@ -420,6 +420,13 @@ TEST(Input, ThatCannotBeReadIsTheEndAndLogged) {
   }
 }
 
+TEST(Input, ThatCannotBeReadBesideAHangUpIsLoggedAsSuch) {
+  const Outcome outcome =
+      ReadWith({.poll = Finding(POLLIN | POLLHUP), .read = Failing(EIO)});
+  EXPECT_EQ(LogOf(outcome),
+            (std::vector<LogLine>{{3, "error reading stdin, code 5"}}));
+}
+
 TEST(Input, IsNotReadAgainAfterASignal) {
   const Outcome outcome = Checked(Child().Run([](const Told& told) {
     int reads = 0;
@@ -538,6 +545,24 @@ TEST(Pipe, IsReadToItsEndBeforeTheHangUpShows) {
   EXPECT_EQ(outcome.told.at("5"), "-1");
   EXPECT_EQ(LogOf(outcome), (std::vector<LogLine>{{4, "Signal HUP received"},
                                                   {4, "Signal HUP received"}}));
+}
+
+TEST(Pipe, IsAtItsEndBehindTheDeclaredBody) {
+  const Input input = Input::Pipe("a=1");
+  const Outcome outcome =
+      Checked(Child()
+                  .Env("REQUEST_METHOD", "POST")
+                  .Env("CONTENT_LENGTH", "3")
+                  .StandardInput(input)
+                  .Run([](const Told& told) {
+                    Cgi cgi("/bin/front", "");
+                    told("a", cgi.Param("a"));
+                    char next;
+                    told("next", std::to_string(cgi.Read(&next, 1)));
+                  }));
+  EXPECT_EQ(outcome.told.at("a"), "1");
+  EXPECT_EQ(outcome.told.at("next"), "-1");
+  EXPECT_EQ(outcome.Logged(4), Strings{"Signal HUP received"});
 }
 
 TEST(Pipe, WithoutAnyByteIsAtItsEndAtOnce) {
@@ -674,19 +699,32 @@ TEST(NullDevice, GivesNothingForEver) {
   EXPECT_EQ(LogOf(outcome), std::vector<LogLine>{});
 }
 
-TEST(Directory, CannotBeRead) {
-  const Outcome outcome = Checked(Child().Run([](const Told& told) {
+/// Reads from a path that is opened with these flags.
+Outcome ReadFromPath(const std::string& path, int flags) {
+  return Checked(Child().Run([&](const Told& told) {
     const int before = ::dup(STDIN_FILENO);
-    const int folder = ::open("/", O_RDONLY | O_DIRECTORY);
-    ::dup2(folder, STDIN_FILENO);
-    ::close(folder);
+    const int descriptor = ::open(path.c_str(), flags);
+    ::dup2(descriptor, STDIN_FILENO);
+    ::close(descriptor);
     ReadAndTell(told, 1);
     ::dup2(before, STDIN_FILENO);
     ::close(before);
   }));
+}
+
+TEST(Directory, CannotBeRead) {
+  const Outcome outcome = ReadFromPath("/", O_RDONLY | O_DIRECTORY);
   EXPECT_EQ(outcome.told.at("1"), "-1");
   EXPECT_EQ(outcome.Logged(3),
             Strings{"error reading stdin, code " + std::to_string(EISDIR)});
+}
+
+TEST(FileForWriting, CannotBeRead) {
+  const support::Scratch scratch;
+  const Outcome outcome = ReadFromPath(scratch.MakeFile("file", "x"), O_WRONLY);
+  EXPECT_EQ(outcome.told.at("1"), "-1");
+  EXPECT_EQ(outcome.Logged(3),
+            Strings{"error reading stdin, code " + std::to_string(EBADF)});
 }
 
 TEST(ClosedDescriptor, IsAnInvalidRequest) {
@@ -714,6 +752,24 @@ TEST(Signal, EndsTheWaitWithNothing) {
     EXPECT_EQ(outcome.told.at("1"), "0");
     EXPECT_TRUE(SaysThatTheWaitWasInterrupted(outcome));
   }
+}
+
+TEST(Signal, DuringTheReadIsAnError) {
+  // The wait is said to be over while nothing has come.
+  const Input silent = Input::SilentPipe("");
+  const Outcome outcome =
+      Checked(Child().StandardInput(silent).Run([](const Told& told) {
+        Replace({.poll = Finding(POLLIN)});
+        struct sigaction action {};
+        action.sa_handler = [](int) {};
+        ::sigaction(SIGALRM, &action, nullptr);
+        const itimerval often{{0, 20'000}, {0, 20'000}};
+        ::setitimer(ITIMER_REAL, &often, nullptr);
+        ReadAndTell(told, 1);
+      }));
+  EXPECT_EQ(outcome.told.at("1"), "-1");
+  EXPECT_EQ(LogOf(outcome),
+            (std::vector<LogLine>{{3, "error reading stdin, code 4"}}));
 }
 
 TEST(Signal, ThatIsIgnoredDoesNotEndTheWait) {
