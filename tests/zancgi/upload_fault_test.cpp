@@ -680,7 +680,7 @@ bool GoesOnForEver(const Input& input, std::size_t declared) {
 }
 
 TEST(CutBody, BehindTheFirstBoundaryIsParsedForEver) {
-  for (const std::size_t cut : {4, 5}) {
+  for (const std::size_t cut : {4U, 5U}) {
     EXPECT_TRUE(EndsBehindTheFirstBoundary(cut));
     EXPECT_TRUE(GoesOnForEver(Input::Pipe(kBody.substr(0, cut)), kBody.size()))
         << cut;
