@@ -233,12 +233,13 @@ class ZeroedBuffer {
 /// A pass over the chunks of the body with four states. Each state is a method
 /// that takes what it can from the current chunk. What comes out is our promise
 /// to the byte, also where it is odd: front ends and stored forms rely on it.
-/// Two oddities make a parse go on for ever, and both stay:
+/// Three oddities make a parse go on for ever, and all stay:
 /// - A read of no bytes in mid-body leaves an empty chunk, and the position
 ///   where it was; only a position at the chunk's end has the next one read.
 /// - A first boundary in the last two bytes of a chunk sets the position beyond
 ///   its end.
-/// A front end bounds both by a limit of its processor time and memory.
+/// - So does the skip behind a file's separator, when the next chunk is shorter.
+/// A front end bounds them by a limit of its processor time and memory.
 class BodyParser {
  public:
   /// @param length    the declared length of the body, not 0
