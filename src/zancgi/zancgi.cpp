@@ -238,7 +238,7 @@ class ZeroedBuffer {
 ///   where it was; only a position at the chunk's end has the next one read.
 /// - A first boundary in the last two bytes of a chunk sets the position beyond
 ///   its end.
-/// - So does the skip behind a file's separator, when the next chunk is shorter.
+/// - So does the skip behind a file, when the next chunk is shorter than it.
 /// A front end bounds them by a limit of its processor time and memory.
 class BodyParser {
  public:
