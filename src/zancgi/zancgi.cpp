@@ -563,10 +563,22 @@ class BodyParser {
     if (log.Check(kTrace)) {
       log.Write(kTrace, "%s Creating new file %s", "ParseInput", name.c_str());
     }
-    // A file that cannot be opened shows at the first write.
     file_.Open(name);
-    tov_file::Attrs(0700).SafeSet(name, false);
+    Attend(file_.IsOpen(),
+           [&name] { tov_file::Attrs(0700).SafeSet(name, false); });
     file_size_ = 0;
+  }
+
+  /// Does something to the upload's file. When the file could not even be
+  /// opened, a failure does not count: the first write reports it, once the
+  /// whole body is read.
+  template <class Action>
+  static void Attend(bool was_opened, const Action& action) {
+    try {
+      action();
+    } catch (...) {
+      if (was_opened) throw;
+    }
   }
 
   /// Of two uploads with one client file name the later counts, and nothing
@@ -591,8 +603,10 @@ class BodyParser {
     if (has_upload_failed_) return;
     file_.Write(data, count);
     if (!file_.IsBad()) return;
+    const bool was_opened = file_.IsOpen();
     file_.Close();
-    tov_file::RemoveFile(request_.files[file_name_].path);
+    Attend(was_opened,
+           [this] { tov_file::RemoveFile(request_.files[file_name_].path); });
     has_upload_failed_ = true;
   }
 
