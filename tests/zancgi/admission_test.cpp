@@ -29,7 +29,6 @@ namespace {
 
 using support::Child;
 using support::Input;
-using support::kForm;
 using support::kFormEnd;
 using support::LogLine;
 using support::Outcome;

@@ -36,7 +36,6 @@ using support::Input;
 using support::LogLine;
 using support::Outcome;
 using support::RealPoll;
-using support::RealRead;
 using support::Replace;
 using support::Told;
 using zan_cgi::Cgi;
@@ -51,7 +50,9 @@ std::string ReadOnce(Cgi::Data& record, long length = kSize) {
   char buffer[kSize] = {};
   const long result = record.Read(buffer, length);
   std::string text = std::to_string(result);
-  if (result > 0) text.append(" ").append(buffer, std::size_t(result));
+  if (result > 0) {
+    text.append(" ").append(buffer, static_cast<std::size_t>(result));
+  }
   return text;
 }
 
@@ -305,7 +306,8 @@ TEST(Events, AreLookedAtInOrder) {
     for (std::size_t set = 0; set < 1U << std::size(kEvents); ++set) {
       short events = 0;
       for (std::size_t i = 0; i < std::size(kEvents); ++i) {
-        if ((set >> i & 1) != 0) events = short(events | kEvents[i]);
+        if ((set >> i & 1) == 0) continue;
+        events = static_cast<short>(events | kEvents[i]);
       }
       Replace({.poll =
                    [events](pollfd* entries, nfds_t, int) {
