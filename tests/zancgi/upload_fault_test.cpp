@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -542,6 +543,19 @@ TEST(Directory, ThatIsReadOnlyIsAWriteError) {
   const Strings pieces = LargeUpload(3);
   RunCleanly(PostOf(pieces), [&](const Told&) {
     support::BecomeOrdinaryUser();
+    const PieceInput input(pieces);
+    const Result result = Parse(scratch.Path());
+    ExpectWriteError(result, input);
+    ExpectEntryWithoutFile(result, "f");
+  });
+}
+
+TEST(Directory, OnAReadOnlyFileSystemIsAWriteError) {
+  if (!support::IsRoot()) GTEST_SKIP() << "needs root";
+  const Scratch scratch;
+  const Strings pieces{Upload("u", "f", "x") + kFormEnd};
+  RunCleanly(PostOf(pieces), [&](const Told&) {
+    support::MountPrivately(scratch.Path(), "size=1m", MS_RDONLY);
     const PieceInput input(pieces);
     const Result result = Parse(scratch.Path());
     ExpectWriteError(result, input);
