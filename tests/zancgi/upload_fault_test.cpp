@@ -563,6 +563,24 @@ TEST(Directory, OnAReadOnlyFileSystemIsAWriteError) {
   });
 }
 
+TEST(Directory, ThatMayNotBeSearchedIsAWriteError) {
+  for (const mode_t mode : {0U, 0600U, 0200U}) {
+    const Scratch scratch;
+    const Strings pieces = LargeUpload(3);
+    ASSERT_EQ(::chmod(scratch.Path().c_str(), 0755), 0);
+    const std::string spool = scratch.MakeDir("spool");
+    ASSERT_EQ(::chmod(spool.c_str(), mode), 0);
+    RunCleanly(PostOf(pieces), [&](const Told&) {
+      support::BecomeOrdinaryUser();
+      const PieceInput input(pieces);
+      const Result result = Parse(spool);
+      ExpectWriteError(result, input);
+      ExpectEntryWithoutFile(result, "f");
+    });
+    ASSERT_EQ(::chmod(spool.c_str(), 0700), 0);
+  }
+}
+
 TEST(Directory, ThatIsMissingHasTheBodyReadFirst) {
   const Scratch scratch;
   const Strings pieces = LargeUpload(3);
