@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <tov/err.h>
@@ -15,9 +16,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
+#include <tuple>
 
 #include "support/backend.h"
 #include "support/input.h"
@@ -83,8 +86,12 @@ void WriteRecord(int descriptor, char kind, const std::string& name,
   WriteAll(descriptor, record.str());
 }
 
-std::vector<std::string> OpenDescriptors() {
-  std::vector<std::string> found;
+/// Which file each descriptor is open on, and how /proc/self/fd lists it. The
+/// listing alone would not do: mounting something can change it.
+using Descriptors = std::map<std::tuple<int, dev_t, ino_t>, std::string>;
+
+Descriptors OpenDescriptors() {
+  Descriptors found;
   for (const auto& entry :
        std::filesystem::directory_iterator("/proc/self/fd")) {
     std::error_code gone;
@@ -94,17 +101,21 @@ std::vector<std::string> OpenDescriptors() {
     if (name.find("/fd") != std::string::npos && name.find("/proc/") == 0) {
       continue;
     }
-    found.push_back(entry.path().filename().string() + " " + name);
+    const std::string number = entry.path().filename().string();
+    const int descriptor = std::stoi(number);
+    struct stat file {};
+    ::fstat(descriptor, &file);
+    found[{descriptor, file.st_dev, file.st_ino}] = number + " " + name;
   }
-  std::sort(found.begin(), found.end());
   return found;
 }
 
-std::vector<std::string> NewOnes(const std::vector<std::string>& before,
-                                 const std::vector<std::string>& after) {
+std::vector<std::string> NewOnes(const Descriptors& before,
+                                 const Descriptors& after) {
   std::vector<std::string> added;
-  std::set_difference(after.begin(), after.end(), before.begin(), before.end(),
-                      std::back_inserter(added));
+  for (const auto& [descriptor, listed] : after) {
+    if (!before.contains(descriptor)) added.push_back(listed);
+  }
   return added;
 }
 
@@ -279,7 +290,7 @@ void Child::BecomeChild(const Body& body, int report,
   for (const int descriptor : closed_) ::close(descriptor);
 
   const bool failed_before = testing::Test::HasFailure();
-  const std::vector<std::string> before = OpenDescriptors();
+  const Descriptors before = OpenDescriptors();
   RunGuarded(body, report);
   for (const std::string& left : NewOnes(before, OpenDescriptors())) {
     WriteRecord(report, 'd', "", left);
