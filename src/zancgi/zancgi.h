@@ -15,6 +15,9 @@
 
 #define ZANCGI_API __attribute__((visibility("default")))
 
+struct pam_message;
+struct pam_response;
+
 namespace zan_cgi {
 
 /// One request: its parameters, cookies and uploads, its conversation with the
@@ -180,6 +183,43 @@ class ZANCGI_API Cgi {
   /// @throws std::runtime_error "not authorized" before the first success
   const AuthInfo& auth() const;
 
+  /// Makes this process a system account for the rest of its life, and hands
+  /// the uploads over to it. Needs root's rights. To be called once, after the
+  /// input is parsed and before there is a second thread.
+  ///
+  /// The uploads get the account's owner and group and mode 0644 and are moved
+  /// into its home folder under their temporary names; File() returns their new
+  /// paths. Those that are still there when the last copy of this object goes
+  /// are removed. Then the process takes on the account's groups, group and
+  /// user, and enters @p dir.
+  ///
+  /// Whether the process may take on an identity is not checked: without the
+  /// rights it goes on as who it was. Ask getuid(2) and its like afterwards. Of
+  /// root, uploads stay where they are, and both flags are ignored.
+  ///
+  /// Once an exception says anything but "failed to get pw entry", the request
+  /// must end: part of the switch may have been made, and nothing is undone.
+  /// @param user        login name of the account
+  /// @param dir         the directory to enter. Confined: a path in the home
+  ///   folder as the new root, absolute; a relative one would be taken from the
+  ///   current directory, which stays outside. Unconfined: a path in the home
+  ///   folder, with or without a slash in front; empty for the home folder. Of
+  ///   root: any path; empty for root's home folder.
+  /// @param use_chroot  make the home folder the process's root directory
+  ///   (chroot(2)). Only for homes of which every component is owned by root
+  ///   and writable by no one else.
+  /// @param use_pam     open and close a PAM session of service "login". What
+  ///   fails there is a warning in the log.
+  /// @throws std::runtime_error "failed to get pw entry" when there is no such
+  ///   account; "failed to chroot to users home folder" when the home cannot be
+  ///   entered, confined or not; "no such directory '...'" when @p dir cannot
+  ///   be; "it is not your folder" when it lies outside the home; "stat error"
+  ///   when that cannot be told
+  /// @throws tov_err::Error when an upload cannot be handed over; the process
+  ///   then is who it was
+  void Su(const std::string& user, const std::string& dir, bool use_chroot,
+          bool use_pam);
+
  private:
   std::shared_ptr<Data> data_;
 };
@@ -241,6 +281,21 @@ class ZANCGI_API Cgi::Data {
   /// @throws std::runtime_error "Cannot run statfs on ..."
   std::uint64_t FreeSpaceSize(const std::string& path);
 
+  /// The first half of Cgi::Su(): hands #files over to an account and records
+  /// their new paths, confined as seen from the new root.
+  /// @param dir  not used: uploads always go to the home folder
+  /// @throws std::runtime_error "failed to get pw entry"
+  /// @throws tov_err::Error when an upload cannot be handed over. Those before
+  ///   it have been, it keeps its recorded path, and those behind it are
+  ///   untouched.
+  void DoChownFiles(const std::string& user, const std::string& dir,
+                    bool use_chroot);
+
+  /// The second half of Cgi::Su(): makes the process the account.
+  /// @throws std::runtime_error as Cgi::Su()
+  void DoSu(const std::string& user, const std::string& dir, bool use_chroot,
+            bool use_pam);
+
   /// Fills #cookies from `HTTP_COOKIE`.
   void ParseCookies();
 
@@ -259,6 +314,18 @@ class ZANCGI_API Cgi::Data {
   std::string remote_addr;  ///< The caller's address, as forwarded.
   std::string server_addr;  ///< The server's address.
 };
+
+/// Conversation function for PAM, see pam_conv(3): answers every message, of
+/// whatever style, with the same text.
+/// @param num_msg      the number of messages
+/// @param msg          the messages; not read
+/// @param resp         receives the answers, allocated with malloc(3); they are
+///   the caller's
+/// @param appdata_ptr  the text, ended by a zero byte
+/// @returns PAM_SUCCESS; PAM_CONV_ERR without a text or a message, PAM_BUF_ERR
+///   without memory, and then nothing is allocated
+ZANCGI_API int myconv(int num_msg, const pam_message** msg, pam_response** resp,
+                      void* appdata_ptr);
 
 }  // namespace zan_cgi
 

@@ -4,15 +4,27 @@
 #include <tov/file.h>
 #include <tov/log.h>
 
+#include <fcntl.h>
+#include <grp.h>
+#include <limits.h>
+#include <netdb.h>
+#include <nss.h>
 #include <poll.h>
+#include <pwd.h>
+#include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <stdexcept>
+#include <utility>
 
 #include "log_levels.h"
+#include "pam_library.h"
 
 namespace zan_cgi {
 namespace {
@@ -63,7 +75,292 @@ long ReadInput(char* buffer, long length) {
   return -1;
 }
 
+/// What the password database says of an account.
+struct Account {
+  std::string name;
+  uid_t uid;
+  gid_t gid;
+  std::string home;
+};
+
+/// Copies what it finds at once: later look-ups, those of PAM modules among
+/// them, overwrite the C library's only record.
+Account FindAccount(const std::string& user) {
+  const passwd* const entry = ::getpwnam(user.c_str());
+  if (entry == nullptr) throw std::runtime_error("failed to get pw entry");
+  return {entry->pw_name, entry->pw_uid, entry->pw_gid, entry->pw_dir};
+}
+
+/// Both "/" and "\" separate: a stored path may have come from anywhere.
+std::string FileName(const std::string& path) {
+  return path.substr(path.find_last_of("/\\") + 1);
+}
+
+/// For a call whose failure changes nothing, which is kept for compatibility: a
+/// process that may not switch goes on as who it is.
+void Unchecked(int /*result*/) {}
+
+void EnterDirectory(const std::string& path) {
+  if (::chdir(path.c_str()) != 0) {
+    throw std::runtime_error("no such directory '" + path + "'");
+  }
+}
+
+void BecomeRoot(const Account& root, const std::string& dir) {
+  Unchecked(::setgid(0));
+  Unchecked(::setuid(0));
+  EnterDirectory(dir.empty() ? root.home : dir);
+}
+
+[[noreturn]] void ThrowHomeClosed() {
+  // Says chroot in both cases: administrators know this text.
+  throw std::runtime_error("failed to chroot to users home folder");
+}
+
+/// The base group of an account is the number of its user, not of its group:
+/// kept for compatibility. They are equal where each user has a group.
+gid_t BaseGroup(const Account& account) { return account.uid; }
+
+std::vector<gid_t> GroupsOf(const Account& account) {
+  std::vector<gid_t> groups(16);
+  int count = static_cast<int>(groups.size());
+  while (::getgrouplist(account.name.c_str(), BaseGroup(account), groups.data(),
+                        &count) < 0) {
+    groups.resize(std::max(groups.size() * 2, static_cast<std::size_t>(count)));
+    count = static_cast<int>(groups.size());
+  }
+  // The kernel takes no more.
+  groups.resize(
+      static_cast<std::size_t>(std::min(count, static_cast<int>(NGROUPS_MAX))));
+  return groups;
+}
+
+void Confine(const std::string& home) {
+  // With everything that it reads and loads, while that is the system's own.
+  ::gethostbyname("localhost");
+  if (log.Check(kTrace)) log.Write(kTrace, "%s Init resolver", "ChRoot");
+  if (::chroot(home.c_str()) != 0) ThrowHomeClosed();
+  // From here on root reads what the account may have written. A configuration
+  // of look-ups in the home could name a module in the home, whose code would
+  // then run as root: groups come from files, and no configuration is read.
+  ::__nss_configure_lookup("group", "files");
+  ::__nss_configure_lookup("initgroups", "files");
+}
+
+void TakeGroups(const Account& account) {
+  ::initgroups(account.name.c_str(), BaseGroup(account));
+}
+
+void SetGroups(const std::vector<gid_t>& groups) {
+  if (::setgroups(groups.size(), groups.data()) != 0) {
+    // Better none than those that the home may have given.
+    ::setgroups(0, nullptr);
+  }
+}
+
+/// Confines the process to the account's home and takes the account's groups.
+///
+/// The group file that initgroups(3) then reads is the home's: without one the
+/// account would lose its groups, with one that it has written itself it would
+/// choose them, root's among them. So the list is made before and set after.
+void ConfineWithGroups(const Account& account) {
+  const std::vector<gid_t> groups = GroupsOf(account);
+  Confine(account.home);
+  TakeGroups(account);
+  SetGroups(groups);
+}
+
+void EnterHomeWithGroups(const Account& account) {
+  if (::chdir(account.home.c_str()) != 0) ThrowHomeClosed();
+  TakeGroups(account);
+}
+
+/// Brings the process back to its current directory when it goes: PAM modules
+/// may have moved, and what follows counts on where it is.
+class DirectoryKeeper {
+ public:
+  DirectoryKeeper() : kept_(::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
+  ~DirectoryKeeper() {
+    if (kept_ < 0) return;
+    Unchecked(::fchdir(kept_));
+    ::close(kept_);
+  }
+  DirectoryKeeper(const DirectoryKeeper&) = delete;
+  DirectoryKeeper& operator=(const DirectoryKeeper&) = delete;
+
+ private:
+  int kept_;
+};
+
+/// Whether only root can say what lies in the root directory, and so which PAM
+/// configuration and modules are found there.
+bool RootDirectoryIsRoots() {
+  struct stat status {};
+  return ::stat("/", &status) == 0 && status.st_uid == 0 &&
+         (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+/// Opens the session and closes it again, while the process is still root: none
+/// stays open for the request. Returns what pam_end(3) wants to know.
+int OpenAndCloseSession(const PamLibrary& pam, pam_handle_t* handle) {
+  int code = pam.open_session(handle, PAM_SILENT);
+  if (code != PAM_SUCCESS) {
+    if (log.Check(kWarning)) {
+      log.Write(kWarning, "PAM error %d (%s) on open_session", code,
+                pam.strerror(handle, code));
+    }
+    return code;
+  }
+  if (log.Check(kDebug)) {
+    log.Write(kDebug, "%s:%d PAM open_session - ok", SourceName().c_str(),
+              __LINE__);
+  }
+  code = pam.close_session(handle, PAM_SILENT);
+  if (code != PAM_SUCCESS) {
+    if (log.Check(kWarning)) {
+      log.Write(kWarning, "PAM error %d (%s) on close_session", code,
+                pam.strerror(handle, code));
+    }
+    return code;
+  }
+  if (log.Check(kDebug)) {
+    log.Write(kDebug, "%s:%d PAM close_session - ok", SourceName().c_str(),
+              __LINE__);
+  }
+  return PAM_SUCCESS;
+}
+
+/// Runs the session stack of service "login" once. Nothing of it fails the
+/// switch.
+/// @param trusted  whether PAM may be called at all
+void RunPamSession(const PamLibrary& pam, const std::string& user,
+                   bool trusted) {
+  const pam_conv conversation{&myconv, nullptr};
+  if (log.Check(kDebug)) {
+    log.Write(kDebug, "%s:%d starting PAM session for user '%s'",
+              SourceName().c_str(), __LINE__, user.c_str());
+  }
+  pam_handle_t* handle = nullptr;
+  if (!trusted || !pam.IsComplete() ||
+      pam.start("login", user.c_str(), &conversation, &handle) != PAM_SUCCESS) {
+    if (log.Check(kWarning)) {
+      log.Write(kWarning, "failed to start PAM session");
+    }
+    return;
+  }
+  if (log.Check(kDebug)) {
+    log.Write(kDebug, "%s:%d PAM start done", SourceName().c_str(), __LINE__);
+  }
+  pam.end(handle, OpenAndCloseSession(pam, handle));
+}
+
+/// The number of a directory's inode; none when it cannot be had.
+std::optional<ino_t> InodeOf(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) return std::nullopt;
+  return status.st_ino;
+}
+
+/// Throws unless the current directory is the home or lies below it, by the way
+/// up from where the process really is: links and ".." lead nobody out.
+///
+/// Kept for compatibility: only inode numbers are compared. A directory of
+/// another file system that has the number of the home is accepted.
+void DemandInside(std::optional<ino_t> home) {
+  std::string path = ".";
+  std::optional<ino_t> here = InodeOf(path);
+  while (!home || here != home) {
+    const std::optional<ino_t> below = here;
+    path += "/..";
+    here = InodeOf(path);
+    if (!here) throw std::runtime_error("stat error");
+    // Only the root is its own parent.
+    if (here == below) throw std::runtime_error("it is not your folder");
+  }
+}
+
+/// Enters a directory below the current one, which is the home.
+void EnterInsideHome(const std::string& dir) {
+  const std::optional<ino_t> home = InodeOf(".");
+  const std::size_t begin = std::min(dir.find_first_not_of('/'), dir.size());
+  if (begin < dir.size()) EnterDirectory(dir.substr(begin));
+  DemandInside(home);
+}
+
 }  // namespace
+
+int myconv(int num_msg, const pam_message** /*msg*/, pam_response** resp,
+           void* appdata_ptr) {
+  if (appdata_ptr == nullptr || num_msg <= 0) return PAM_CONV_ERR;
+  auto* const answers = static_cast<pam_response*>(
+      std::calloc(static_cast<std::size_t>(num_msg), sizeof(pam_response)));
+  if (answers == nullptr) return PAM_BUF_ERR;
+  for (int i = num_msg - 1; i >= 0; --i) {
+    answers[i].resp_retcode = 0;
+    // Kept for compatibility: every question has the same answer, and a copy
+    // that cannot be made is none.
+    answers[i].resp = ::strdup(static_cast<const char*>(appdata_ptr));
+  }
+  *resp = answers;
+  return PAM_SUCCESS;
+}
+
+void Cgi::Data::DoChownFiles(const std::string& user,
+                             const std::string& /*dir*/, bool use_chroot) {
+  const Account account = FindAccount(user);
+  if (account.uid == 0) return;
+  const tov_file::Attrs attributes(0644, account.uid, account.gid);
+  for (auto& [client_name, file] : files) {
+    const std::string name = FileName(file.path);
+    const std::string destination = tov_file::ConcatPath(account.home, name);
+    // The owner before the place: the file is the account's from here on, and
+    // Move() takes care that the account gains nothing by exchanging it.
+    attributes.SafeSet(file.path, false);
+    if (log.Check(kDebug)) {
+      log.Write(kDebug, "%s:%d moving file '%s' stored as '%s' to '%s'",
+                SourceName().c_str(), __LINE__, client_name.c_str(),
+                file.path.c_str(), destination.c_str());
+    }
+    tov_file::Move(file.path, destination);
+    file.path = use_chroot ? "/" + name : destination;
+  }
+}
+
+void Cgi::Data::DoSu(const std::string& user, const std::string& dir,
+                     bool use_chroot, bool use_pam) {
+  const Account account = FindAccount(user);
+  if (account.uid == 0) {
+    BecomeRoot(account, dir);
+    return;
+  }
+  // Before the account's files are in reach: as root only the system's own
+  // library may be loaded.
+  const PamLibrary pam = use_pam ? LoadPam() : PamLibrary();
+  if (use_chroot) {
+    ConfineWithGroups(account);
+  } else {
+    EnterHomeWithGroups(account);
+  }
+  Unchecked(::setgid(account.gid));
+  if (use_pam) {
+    const DirectoryKeeper keeper;
+    // Who can write the home could have any PAM configuration, and any module
+    // that it names, run as root in there.
+    RunPamSession(pam, user, !use_chroot || RootDirectoryIsRoots());
+  }
+  Unchecked(::setuid(account.uid));
+  if (use_chroot) {
+    EnterDirectory(dir);
+  } else if (!dir.empty()) {
+    EnterInsideHome(dir);
+  }
+}
+
+void Cgi::Su(const std::string& user, const std::string& dir, bool use_chroot,
+             bool use_pam) {
+  data_->DoChownFiles(user, dir, use_chroot);
+  data_->DoSu(user, dir, use_chroot, use_pam);
+}
 
 long Cgi::Data::Read(char* buffer, long length) {
   const short events = WaitForInput();
