@@ -15,8 +15,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <map>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
@@ -90,22 +90,35 @@ void WriteRecord(int descriptor, char kind, const std::string& name,
 /// listing alone would not do: mounting something can change it.
 using Descriptors = std::map<std::tuple<int, dev_t, ino_t>, std::string>;
 
-Descriptors OpenDescriptors() {
+/// The process's own listing of its descriptors, opened before the body may
+/// have shut itself off from /proc.
+int OpenListing() {
+  const int low = ::open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const int high = ::fcntl(low, F_DUPFD_CLOEXEC, 100);
+  ::close(low);
+  return high;
+}
+
+std::string TargetOf(int listing, const char* number) {
+  char target[4096];
+  const ssize_t size = ::readlinkat(listing, number, target, sizeof(target));
+  return size < 0 ? "?" : std::string(target, static_cast<std::size_t>(size));
+}
+
+Descriptors OpenDescriptors(int listing) {
   Descriptors found;
-  for (const auto& entry :
-       std::filesystem::directory_iterator("/proc/self/fd")) {
-    std::error_code gone;
-    const auto target = std::filesystem::read_symlink(entry.path(), gone);
-    if (gone) continue;  // the descriptor of this very listing
-    const std::string name = target.string();
-    if (name.find("/fd") != std::string::npos && name.find("/proc/") == 0) {
-      continue;
-    }
-    const std::string number = entry.path().filename().string();
-    const int descriptor = std::stoi(number);
+  const std::unique_ptr<DIR, int (*)(DIR*)> directory(
+      ::fdopendir(::openat(listing, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
+      ::closedir);
+  if (!directory) throw std::runtime_error("no list of descriptors");
+  while (const dirent* const entry = ::readdir(directory.get())) {
+    if (entry->d_name[0] == '.') continue;
+    const int descriptor = std::stoi(entry->d_name);
+    if (descriptor == ::dirfd(directory.get())) continue;
     struct stat file {};
     ::fstat(descriptor, &file);
-    found[{descriptor, file.st_dev, file.st_ino}] = number + " " + name;
+    found[{descriptor, file.st_dev, file.st_ino}] =
+        std::string(entry->d_name) + " " + TargetOf(listing, entry->d_name);
   }
   return found;
 }
@@ -290,9 +303,10 @@ void Child::BecomeChild(const Body& body, int report,
   for (const int descriptor : closed_) ::close(descriptor);
 
   const bool failed_before = testing::Test::HasFailure();
-  const Descriptors before = OpenDescriptors();
+  const int listing = OpenListing();
+  const Descriptors before = OpenDescriptors(listing);
   RunGuarded(body, report);
-  for (const std::string& left : NewOnes(before, OpenDescriptors())) {
+  for (const std::string& left : NewOnes(before, OpenDescriptors(listing))) {
     WriteRecord(report, 'd', "", left);
   }
   if (testing::Test::HasFailure() && !failed_before) {

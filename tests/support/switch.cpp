@@ -1,0 +1,112 @@
+#include "support/switch.h"
+
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+#include <zancgi/zancgi.h>
+
+#include <filesystem>
+#include <regex>
+#include <stdexcept>
+
+namespace support {
+namespace {
+
+constexpr char kSwitchBegins[] = "the switch begins";
+
+/// The log lines behind the mark, with a letter in place of line numbers.
+Lines LinesOfTheSwitch(const Lines& log) {
+  static const std::regex line_number("^zancgi_unix\\.cpp:[0-9]+ ");
+  Lines lines;
+  bool begun = false;
+  for (const LogLine& line : log) {
+    if (begun) {
+      lines.push_back({line.level, std::regex_replace(line.text, line_number,
+                                                      "zancgi_unix.cpp:N ")});
+    }
+    begun = begun || line == LogLine{-1, kSwitchBegins};
+  }
+  return lines;
+}
+
+}  // namespace
+
+Machine::Machine() {
+  std::filesystem::permissions(Path(), std::filesystem::perms(0755));
+  for (const char* name : {"home/www", "start/www", "other"}) MakeDir(name);
+  Give("home");
+  Give("home/www");
+}
+
+void Machine::Give(const std::string& name) const {
+  const std::string path = scratch_ / name;
+  if (IsRoot() && ::lchown(path.c_str(), kVisitor, kVisitors) != 0) {
+    throw std::runtime_error("cannot give " + path + " away");
+  }
+}
+
+void Machine::SetUp() const {
+  UseAccounts({{"visitor", kVisitor, kVisitors, Home()}},
+              {{"visitors", kVisitors, {}},
+               {"helpers", kHelpers, {"visitor"}},
+               {"strangers", kHelpers + 1, {"somebody"}}});
+  ConfigureLogin("session required pam_permit.so\n");
+}
+
+void MarkSwitch() { Mark(kSwitchBegins); }
+
+void TellIdentity(const Told& told, const Identity& identity) {
+  told("users", identity.users);
+  told("groups", identity.groups);
+  told("supplementary", identity.supplementary);
+  told("root", identity.root);
+  told("work dir", identity.work_dir);
+}
+
+Switched SwitchedOf(Outcome& outcome) {
+  EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
+  EXPECT_EQ(outcome.leaked_descriptors, std::vector<std::string>{});
+  EXPECT_TRUE(outcome.error_type.empty() ||
+              outcome.error_type == "std::runtime_error")
+      << outcome.error_type;
+  return {{outcome.told["users"], outcome.told["groups"],
+           outcome.told["supplementary"], outcome.told["root"],
+           outcome.told["work dir"]},
+          outcome.error,
+          LinesOfTheSwitch(outcome.log)};
+}
+
+Switched Switch(const Machine& machine, const Call& call,
+                const std::function<void()>& prepare) {
+  Outcome outcome = Child().WorkDir(machine.Start()).Run([&](const Told& told) {
+    machine.SetUp();
+    // Whatever groups the tests are run with.
+    if (::setgroups(0, nullptr) != 0) {
+      throw std::logic_error("cannot drop groups");
+    }
+    prepare();
+    Observer observer;
+    zan_cgi::Cgi::Data request;
+    MarkSwitch();
+    try {
+      request.DoSu(call.user, call.dir, call.use_chroot, call.use_pam);
+    } catch (...) {
+      TellIdentity(told, observer.Look());
+      throw;
+    }
+    TellIdentity(told, observer.Look());
+    EXPECT_TRUE(call.user == "root" || !CanBecomeAnother());
+  });
+  return SwitchedOf(outcome);
+}
+
+Identity Root(const std::string& work_dir) {
+  return {"0\t0\t0\t0", "0\t0\t0\t0", "", "/", work_dir};
+}
+
+Identity Visitor(const std::string& root, const std::string& work_dir) {
+  return {"54321\t54321\t54321\t54321", "54322\t54322\t54322\t54322",
+          "54321 54330", root, work_dir};
+}
+
+}  // namespace support

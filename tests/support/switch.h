@@ -1,0 +1,98 @@
+/// @file
+/// A machine with one account, and the switch to it in a child process.
+#ifndef ZANCGI_TESTS_SUPPORT_SWITCH_H
+#define ZANCGI_TESTS_SUPPORT_SWITCH_H
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "support/account.h"
+#include "support/child.h"
+#include "support/scratch.h"
+
+namespace support {
+
+using Lines = std::vector<LogLine>;
+
+/// The account "visitor": three different numbers, and a group besides.
+constexpr uid_t kVisitor = 54321;
+constexpr gid_t kVisitors = 54322;
+constexpr gid_t kHelpers = 54330;
+
+/// Folders that all can enter: "home" of the account visitor and "home/www",
+/// which belong to it; "start", in which the process starts, and "start/www";
+/// "other".
+class Machine {
+ public:
+  Machine();
+
+  const std::string& Path() const { return scratch_.Path(); }
+  std::string Home() const { return scratch_ / "home"; }
+  std::string Start() const { return scratch_ / "start"; }
+  std::string operator/(const std::string& name) const {
+    return scratch_ / name;
+  }
+  std::string MakeDir(const std::string& name) const {
+    return scratch_.MakeDir(name);
+  }
+  std::string MakeFile(const std::string& name,
+                       const std::string& content = "") const {
+    return scratch_.MakeFile(name, content);
+  }
+
+  /// Makes a file or folder the account's own. Without effect unless root.
+  void Give(const std::string& name) const;
+
+  /// For the child process, as root: puts the account in place and a PAM
+  /// configuration that lets everyone in.
+  void SetUp() const;
+
+ private:
+  Scratch scratch_;
+};
+
+/// The arguments of a switch.
+struct Call {
+  std::string user = "visitor";
+  std::string dir = {};
+  bool use_chroot = false;
+  bool use_pam = false;
+};
+
+/// What a switch has come to.
+struct Switched {
+  Identity identity;
+  std::string error;
+  /// From the switch on; "zancgi_unix.cpp:N" for source name and line.
+  Lines log;
+};
+
+/// Marks in the log where a switch begins.
+void MarkSwitch();
+
+/// Has SwitchedOf() find this identity.
+void TellIdentity(const Told& told, const Identity& identity);
+
+/// Of a child that has marked its switch and told its identity. Expects that it
+/// has ended well, or with a std::runtime_error, and left no descriptor open.
+Switched SwitchedOf(Outcome& outcome);
+
+/// Makes the switch in a child that starts in the machine's folder "start".
+/// Expects that no other identity is in reach afterwards.
+/// @param prepare  called in the child, once the account is in place
+Switched Switch(
+    const Machine& machine, const Call& call,
+    const std::function<void()>& prepare = [] {});
+
+/// Root without supplementary groups, not confined.
+Identity Root(const std::string& work_dir);
+
+/// The account with all its groups.
+Identity Visitor(const std::string& root, const std::string& work_dir);
+
+}  // namespace support
+
+#endif
