@@ -147,7 +147,7 @@ Observer::~Observer() {
   ::waitpid(process_, nullptr, 0);
 }
 
-Identity Observer::Look() {
+Identity Observer::Look() const {
   char answer[65536];
   ssize_t size = -1;
   if (::write(socket_, "?", 1) == 1) {

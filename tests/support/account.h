@@ -61,7 +61,7 @@ class Observer {
   Observer& operator=(const Observer&) = delete;
 
   /// Who the process is now.
-  Identity Look();
+  Identity Look() const;
 
  private:
   pid_t process_;

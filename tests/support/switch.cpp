@@ -32,7 +32,7 @@ Lines LinesOfTheSwitch(const Lines& log) {
 }  // namespace
 
 Machine::Machine() {
-  std::filesystem::permissions(Path(), std::filesystem::perms(0755));
+  std::filesystem::permissions(Path(), std::filesystem::perms{0755});
   for (const char* name : {"home/www", "start/www", "other"}) MakeDir(name);
   Give("home");
   Give("home/www");

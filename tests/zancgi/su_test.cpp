@@ -221,7 +221,7 @@ TEST_F(Su, TwiceGoesOnWithTheRightsThatTheFirstCallLeft) {
 }
 
 TEST_F(Su, WithoutRootStaysWhoItWasButEntersTheHome) {
-  fs::permissions(machine_.Home(), fs::perms(0755));
+  fs::permissions(machine_.Home(), fs::perms{0755});
   Outcome outcome =
       Child().WorkDir(machine_.Start()).Run([&](const Told& told) {
         machine_.SetUp();
