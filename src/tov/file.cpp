@@ -133,6 +133,11 @@ void CopyWithAttributes(int source, const std::string& from, int target,
   if (::fsync(target) != 0) ThrowFor("cannot write", to, errno);
 }
 
+[[noreturn]] void ThrowForMove(const std::string& from, const std::string& to,
+                               int error) {
+  ThrowSystemError("cannot move '" + from + "' to '" + to + "'", error);
+}
+
 /// A file beside the final place that vanishes unless it is moved there.
 class Draft {
  public:
@@ -150,10 +155,12 @@ class Draft {
 
   int Get() const { return file_.Get(); }
 
-  void PublishAs(const std::string& to) {
+  /// Gives it its final name, unless there is a file of that name. Returns 0 or
+  /// the error.
+  int PublishAs(const std::string& to) {
     const int error = RenameOntoNothing(path_, to);
-    if (error != 0) ThrowFor("cannot move a file to", to, error);
-    published_ = true;
+    published_ = error == 0;
+    return error;
   }
 
  private:
@@ -185,7 +192,8 @@ void CopyAcross(const std::string& from, const std::string& to,
   }
   Draft draft(to);
   CopyWithAttributes(source.Get(), from, draft.Get(), to);
-  draft.PublishAs(to);
+  const int error = draft.PublishAs(to);
+  if (error != 0) ThrowForMove(from, to, error);
   try {
     RemoveSource(from, opened);
   } catch (...) {
@@ -333,7 +341,7 @@ void Move(const std::string& from, const std::string& to) {
   if (error == EXDEV) {
     CopyAcross(from, to, source);
   } else if (error != 0) {
-    ThrowSystemError("cannot move '" + from + "' to '" + to + "'", error);
+    ThrowForMove(from, to, error);
   }
 }
 

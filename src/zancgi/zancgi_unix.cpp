@@ -19,6 +19,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <utility>
@@ -126,12 +127,13 @@ std::vector<gid_t> GroupsOf(const Account& account) {
   int count = static_cast<int>(groups.size());
   while (::getgrouplist(account.name.c_str(), BaseGroup(account), groups.data(),
                         &count) < 0) {
-    groups.resize(std::max(groups.size() * 2, static_cast<std::size_t>(count)));
-    count = static_cast<int>(groups.size());
+    const auto wanted = static_cast<std::size_t>(count);
+    // It also fails for want of memory, and then wants no more room.
+    if (wanted <= groups.size()) throw std::bad_alloc();
+    groups.resize(wanted);
   }
   // The kernel takes no more.
-  groups.resize(
-      static_cast<std::size_t>(std::min(count, static_cast<int>(NGROUPS_MAX))));
+  groups.resize(static_cast<std::size_t>(std::min<int>(count, NGROUPS_MAX)));
   return groups;
 }
 
@@ -143,8 +145,12 @@ void Confine(const std::string& home) {
   // From here on root reads what the account may have written. A configuration
   // of look-ups in the home could name a module in the home, whose code would
   // then run as root: groups come from files, and no configuration is read.
-  ::__nss_configure_lookup("group", "files");
-  ::__nss_configure_lookup("initgroups", "files");
+  for (const char* const database : {"group", "initgroups"}) {
+    // Fails for want of memory only.
+    if (::__nss_configure_lookup(database, "files") != 0) {
+      throw std::bad_alloc();
+    }
+  }
 }
 
 void TakeGroups(const Account& account) {
