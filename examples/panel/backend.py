@@ -1,7 +1,9 @@
 """The back end of the panel: a WSGI application over SCGI.
 
 It owns the users and their sessions (in SQLite) and answers in XML. To make a
-user: echo PASSWORD | PANEL_DB=FILE python3 backend.py NAME LEVEL
+user: echo PASSWORD | PANEL_DB=FILE python3 backend.py NAME LEVEL [ACCOUNT]
+
+ACCOUNT is the system account that the panel becomes to work for the user.
 """
 
 import hashlib
@@ -29,7 +31,8 @@ def connect():
     database.row_factory = sqlite3.Row
     database.executescript(
         """create table if not exists user
-             (name text primary key, level integer, salt blob, hash blob);
+             (name text primary key, level integer, salt blob, hash blob,
+              account text);
            create table if not exists session
              (hash text primary key, user text, token text, started integer,
               address text);"""
@@ -46,11 +49,11 @@ def hash_session(session):
     return hashlib.sha256(session.encode()).hexdigest()
 
 
-def add_user(database, name, level, password):
+def add_user(database, password, name, level, account=""):
     salt = secrets.token_bytes(16)
     database.execute(
-        "insert or replace into user values (?, ?, ?, ?)",
-        (name, level, salt, hash_password(password, salt)),
+        "insert or replace into user values (?, ?, ?, ?, ?)",
+        (name, int(level), salt, hash_password(password, salt), account),
     )
 
 
@@ -125,7 +128,8 @@ def whoami(database, environ, items):
 
 def session_own(database, environ, items):
     own = own_session(database, environ, items)
-    return element("own", token=own["token"], started=clock(own["started"]))
+    return element("own", token=own["token"], started=clock(own["started"]),
+                   account=own["account"])
 
 
 def session_list(database, environ, items):
@@ -183,4 +187,4 @@ def application(environ, start_response):
 
 if __name__ == "__main__":
     with closing(connect()) as the_database:
-        add_user(the_database, sys.argv[1], int(sys.argv[2]), sys.stdin.readline().rstrip("\n"))
+        add_user(the_database, sys.stdin.readline().rstrip("\n"), *sys.argv[1:])

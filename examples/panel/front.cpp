@@ -8,8 +8,11 @@
 #include <tov/log.h>
 #include <tov/str.h>
 #include <tov/xml.h>
+#include <unistd.h>
 #include <zancgi/zancgi.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <exception>
 #include <filesystem>
 #include <map>
@@ -17,6 +20,8 @@
 #include <string>
 #include <vector>
 
+#include "account.h"
+#include "home.h"
 #include "page.h"
 #include "upload_spool.h"
 
@@ -138,6 +143,7 @@ std::string Navigation(Cgi& cgi, const Answer& answer) {
   return "<nav>\n" +
          Link("page=whoami" + session, "Who am I",
               page.empty() || page == "whoami") +
+         Link("page=home" + session, "Home", page == "home") +
          Link("page=sessions" + session, "Sessions", page == "sessions") +
          upload +
          Link("page=signout&amp;token=" + answer.Html("/doc/own", "token") +
@@ -158,6 +164,38 @@ void ShowWhoAmI(Cgi& cgi) {
                Row("Session found in",
                    from_cookie ? "the cookie" : "the parameters") +
                "</dl>\n",
+           Navigation(cgi, answer));
+}
+
+/// The back end knows which system account a user has.
+Account AccountOf(const Answer& answer) {
+  return FindAccount(answer.Text("/doc/own", "account"));
+}
+
+std::string HomeRows(const Listing& listing) {
+  std::string rows;
+  for (const auto& [name, size_or_kind] : listing.entries) {
+    rows += "<tr><td>" + Escape(name) + "</td><td class=\"numbers\">" +
+            size_or_kind + "</td></tr>\n";
+  }
+  return rows;
+}
+
+/// All that needs the back end comes before the switch: an account may be kept
+/// from it, and a confined process cannot find it.
+void ShowHome(Cgi& cgi) {
+  const Answer answer(cgi, {{"func", "session.own"}});
+  const Account account = AccountOf(answer);
+  BecomeAccount(cgi, account);
+  const Listing listing = ListFolder();
+  SendPage("200 OK", "Home",
+           "<div class=\"card\"><table>\n<thead><tr><th>Name</th>"
+           "<th class=\"numbers\">Bytes</th></tr></thead>\n<tbody>\n" +
+               HomeRows(listing) + "</tbody>\n</table>\n" +
+               (listing.whole ? "" : "<p class=\"hint\">And more.</p>\n") +
+               "<p class=\"hint\">The home folder of <b id=\"account\">" +
+               Escape(account.name) + "</b>, seen by user " +
+               str::Str(::getuid()) + ".</p></div>\n",
            Navigation(cgi, answer));
 }
 
@@ -204,30 +242,62 @@ void ShowUpload(Cgi& cgi) {
       Navigation(cgi, answer));
 }
 
-std::string UploadRows(Cgi& cgi, const std::vector<std::string>& names) {
+/// What has become of an uploaded file.
+struct Upload {
+  std::string sent_name;
+  std::uintmax_t size;
+  std::string name;
+  std::string problem;  ///< Why it is not kept; empty when it is.
+};
+
+std::string UploadRows(const std::vector<Upload>& uploads) {
   std::string rows;
-  for (const std::string& name : names) {
-    rows += "<tr><td>" + Escape(name) + "</td><td class=\"numbers\">" +
-            str::Str(std::filesystem::file_size(cgi.File(name))) +
+  for (const Upload& upload : uploads) {
+    rows += "<tr><td>" + Escape(upload.sent_name) + "</td><td>" +
+            Escape(upload.problem.empty() ? upload.name
+                                          : "not kept: " + upload.problem) +
+            "</td><td class=\"numbers\">" + str::Str(upload.size) +
             "</td></tr>\n";
   }
   return rows;
 }
 
-/// Here a front end of your own would put the files where they belong. These
-/// go with the request.
+bool IsKept(const Upload& upload) { return upload.problem.empty(); }
+
 void ShowUploaded(Cgi& cgi, const Answer& answer,
-                  const std::vector<std::string>& names) {
-  SendPage("200 OK", "Uploaded",
+                  const std::vector<Upload>& uploads) {
+  const bool all_kept = std::all_of(uploads.begin(), uploads.end(), IsKept);
+  SendPage(all_kept ? "200 OK" : "409 Conflict",
+           all_kept ? "Uploaded" : "Not all is kept",
            "<div class=\"card\"><table>\n<thead><tr><th>Name</th>"
-           "<th class=\"numbers\">Bytes</th></tr></thead>\n<tbody>\n" +
-               UploadRows(cgi, names) +
-               "</tbody>\n<tfoot><tr><th>Together</th><th class=\"numbers\">" +
+           "<th>Kept as</th><th class=\"numbers\">Bytes</th></tr></thead>\n"
+           "<tbody>\n" +
+               UploadRows(uploads) +
+               "</tbody>\n<tfoot><tr><th>Together</th><th></th>"
+               "<th class=\"numbers\">" +
                str::Str(cgi.GetFileSize()) +
-               "</th></tr></tfoot>\n</table>\n<p class=\"hint\">All has "
-               "arrived. This example keeps none of it.</p>\n<p><a "
-               "href=\"/panel?page=upload\">Upload more</a></p></div>\n",
+               "</th></tr></tfoot>\n</table>\n<p>"
+               "<a href=\"/panel?page=upload\">Upload more</a></p></div>\n",
            Navigation(cgi, answer));
+}
+
+/// Becomes the account and moves the uploads from where the library has handed
+/// them over to the names that they are to have.
+std::vector<Upload> KeepUploads(Cgi& cgi, const Account& account,
+                                const UploadSpool& spool,
+                                const std::vector<std::string>& names) {
+  std::vector<Upload> uploads;
+  for (const std::string& name : names) {
+    const std::filesystem::path spooled = cgi.File(name);
+    uploads.push_back(
+        {name, std::filesystem::file_size(spooled), NameToKeep(name), ""});
+    spool.AlsoRemove(account.home / spooled.filename());
+  }
+  BecomeAccount(cgi, account);
+  for (Upload& upload : uploads) {
+    upload.problem = Keep(HandedOver(cgi.File(upload.sent_name)), upload.name);
+  }
+  return uploads;
 }
 
 std::string SpoolFolder() {
@@ -253,9 +323,11 @@ bool HasArrivedWhole(Cgi& cgi, std::size_t count) {
 /// First who, then how much, and only then the body: a stranger must not be
 /// able to fill the disk. The back end is asked for the token before that too,
 /// since parameters of the body can add to a query.
-void Upload(Cgi& cgi) {
+void TakeUpload(Cgi& cgi) {
   cgi.Authorize(Cgi::AuthInfo::AuthCookie);
   const Answer answer(cgi, {{"func", "session.own"}});
+  const Account account = AccountOf(answer);
+  CheckConfinement(account);
   cgi.CheckContentLength(kLargestUpload);
   const UploadSpool spool(SpoolFolder());
   cgi.SetTmpDir(spool.Path());
@@ -271,7 +343,7 @@ void Upload(Cgi& cgi) {
     return ShowUpload(cgi, answer, "400 Bad Request",
                       "No file has been chosen.");
   }
-  ShowUploaded(cgi, answer, names);
+  ShowUploaded(cgi, answer, KeepUploads(cgi, account, spool, names));
 }
 
 void AskToSignIn() { ShowSignIn("403 Forbidden", "Please sign in first.", ""); }
@@ -286,7 +358,7 @@ void TakePost(Cgi& cgi) {
   if (page == "signin") return TakeSignIn(cgi);
   if (page != "upload") return ShowNotFound();
   if (cgi.Cookie(kCookie).empty()) return AskToSignIn();
-  Upload(cgi);
+  TakeUpload(cgi);
 }
 
 void ShowPage(Cgi& cgi) {
@@ -298,6 +370,7 @@ void ShowPage(Cgi& cgi) {
   }
   cgi.Authorize(Cgi::AuthInfo::AuthAny);
   if (page.empty() || page == "whoami") return ShowWhoAmI(cgi);
+  if (page == "home") return ShowHome(cgi);
   if (page == "sessions") return ShowSessions(cgi);
   if (page == "upload") return ShowUpload(cgi);
   if (page == "signout") return SignOut(cgi);
@@ -307,11 +380,12 @@ void ShowPage(Cgi& cgi) {
 /// A text that names paths and the like is for the administrator, who finds it
 /// in the web server's error log.
 void ReportError(const std::string& status, const std::string& problem,
-                 const std::string& help, const std::exception& error) {
+                 const std::string& help, const std::exception& error,
+                 Way way = Way::kSignIn) {
   if (log.Check(tov_log::Error)) {
     log.Write(tov_log::Error, "%s", error.what());
   }
-  ShowError(status, problem, help);
+  ShowError(status, problem, help, way);
 }
 
 /// What a visitor is told about an exception that the library throws under a
@@ -380,6 +454,9 @@ void ServeRequest(const char* program) {
     } else {
       ShowPage(cgi);
     }
+  } catch (const AccountProblem& error) {
+    ReportError(error.Status(), error.Problem(),
+                "Please ask the panel's administrator.", error, Way::kPanel);
   } catch (const tov_err::Value& error) {
     ReportError("400 Bad Request", "This request cannot be passed on.",
                 "It holds a value that is not allowed.", error);

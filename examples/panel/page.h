@@ -119,17 +119,25 @@ inline void ShowSignIn(const std::string& status, const std::string& problem,
 }
 
 /// Where a page about an error leads to.
-enum class Way { kSignIn, kUpload };
+enum class Way { kSignIn, kUpload, kPanel };
+
+inline std::string LinkTo(Way way) {
+  switch (way) {
+    case Way::kUpload:
+      return R"(<a href="/panel?page=upload">Back to the upload</a>)";
+    case Way::kPanel:
+      return R"(<a href="/panel">Back to the panel</a>)";
+    case Way::kSignIn:
+      break;
+  }
+  return R"(<a href="/panel?page=signin">Sign in</a>)";
+}
 
 inline void ShowError(const std::string& status, const std::string& problem,
                       const std::string& help, Way way = Way::kSignIn) {
   SendPage(status, status.substr(status.find(' ') + 1),
            "<div class=\"card\">" + Problem(problem) + "<p>" + help +
-               "</p>\n<p>" +
-               (way == Way::kUpload
-                    ? R"(<a href="/panel?page=upload">Back to the upload</a>)"
-                    : R"(<a href="/panel?page=signin">Sign in</a>)") +
-               "</p></div>\n");
+               "</p>\n<p>" + LinkTo(way) + "</p></div>\n");
 }
 
 /// The form for uploads; works without the script too.

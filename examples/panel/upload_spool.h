@@ -14,6 +14,7 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <vector>
 
 namespace panel {
 
@@ -30,6 +31,9 @@ namespace panel {
 /// So a second process waits for the end of this one. It makes the folder
 /// itself: there is no moment at which nobody would remove it. And it removes
 /// it itself, always: by then this process may have another identity or root.
+///
+/// What is handed over to an account lies in its home from then on; the
+/// guardian removes that too, unless it has been given another name.
 class UploadSpool {
  public:
   /// @param parent  an existing folder; nobody else may rename what is in it
@@ -52,6 +56,17 @@ class UploadSpool {
   UploadSpool& operator=(const UploadSpool&) = delete;
 
   const std::string& Path() const { return path_; }
+
+  /// Has one more file removed at the end, if it is still there. To be called
+  /// before the file comes to be at that path.
+  /// @throws std::runtime_error when it cannot be promised
+  void AlsoRemove(const std::string& file) const {
+    if (file.size() > kLongestPath ||
+        ::send(lifeline_, file.data(), file.size(), MSG_NOSIGNAL) < 0) {
+      throw std::runtime_error("the guardian of uploads cannot be told of '" +
+                               file + "'");
+    }
+  }
 
  private:
   static constexpr std::size_t kLongestPath = 4096;
@@ -95,11 +110,27 @@ class UploadSpool {
     std::string path = parent + "/upload-XXXXXX";
     if (::mkdtemp(path.data()) == nullptr) ::_exit(1);
     ::send(kOnlyDescriptor, path.data(), path.size(), MSG_NOSIGNAL);
-    char nobody_writes_this;
-    ::recv(kOnlyDescriptor, &nobody_writes_this, 1, 0);
+    RemoveFiles(ReceiveToTheEnd(kOnlyDescriptor));
     std::error_code failure;
     std::filesystem::remove_all(path, failure);
     ::_exit(failure ? 1 : 0);
+  }
+
+  /// Returns when the other end is closed, which the kernel does at last.
+  static std::vector<std::string> ReceiveToTheEnd(int lifeline) {
+    std::vector<std::string> messages;
+    char message[kLongestPath];
+    for (;;) {
+      const ssize_t size = ::recv(lifeline, message, sizeof(message), 0);
+      if (size <= 0) return messages;
+      messages.emplace_back(message, static_cast<std::size_t>(size));
+    }
+  }
+
+  /// In a home the account says where a path leads, and this may be root: but
+  /// all that can go is a file with the random name of an upload.
+  static void RemoveFiles(const std::vector<std::string>& paths) {
+    for (const std::string& path : paths) ::unlink(path.c_str());
   }
 
   pid_t guardian_ = -1;
