@@ -16,6 +16,8 @@ import threading
 import time
 import urllib.parse
 
+from accounts import Accounts
+
 PANEL = pathlib.Path(os.environ["PANEL"])
 
 
@@ -31,16 +33,24 @@ class Answer:
 
 
 class Panel:
-    """The panel on a free port, with one administrator of a random name."""
+    """The panel on a free port, with one administrator of a random name, who
+    has a system account of another. Its configuration is in the environment."""
 
-    def __init__(self, front=os.environ["FRONT"], home=PANEL):
+    def __init__(self, front=os.environ["FRONT"], home=PANEL, **configuration):
         self.user = "user-" + secrets.token_hex(4)
         self.level = 10 + secrets.randbelow(1000)
         self.password = secrets.token_urlsafe(12)
+        self.account = "account-" + secrets.token_hex(4)
         self.state = pathlib.Path(tempfile.mkdtemp(prefix="panel-"))
-        self.add_user(self.user, self.level, self.password)
+        # An account finds the way to its home.
+        self.state.chmod(0o711)
+        self.accounts = Accounts(self.state / "accounts")
+        self.home = self.accounts.make_home(self.account)
+        self.add_user(self.user, self.level, self.password, self.account)
+        self.front = self.accounts.front(front)
         self.server = subprocess.Popen(
-            [home / "serve", front, self.state],
+            [home / "serve", self.front, self.state],
+            env={**os.environ, **configuration},
             stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE,
             text=True,
@@ -60,9 +70,9 @@ class Panel:
     def database(self):
         return sqlite3.connect(self.state / "panel.db", isolation_level=None)
 
-    def add_user(self, name, level, password):
+    def add_user(self, name, level, password, account=""):
         subprocess.run(
-            ["/usr/bin/python3", "-B", PANEL / "backend.py", name, str(level)],
+            ["/usr/bin/python3", "-B", PANEL / "backend.py", name, str(level), account],
             input=password + "\n",
             env={"PANEL_DB": str(self.state / "panel.db")},
             text=True,
@@ -109,6 +119,10 @@ class Panel:
     def spooled(self):
         """What is left of uploads."""
         return sorted(path.name for path in self.spool.iterdir())
+
+    def kept(self):
+        """What lies in the account's home."""
+        return {path.name: path.read_bytes() for path in self.home.iterdir()}
 
     def front_processes(self):
         """The front ends at work, their guardians included, each with its

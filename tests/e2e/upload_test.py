@@ -16,7 +16,6 @@ import unittest
 
 from panel_server import PANEL, Panel, wait_for
 
-FRONT = os.environ["FRONT"]
 BOUNDARY = "----a9f3boundary"
 FORM = {"Content-Type": f"multipart/form-data; boundary={BOUNDARY}"}
 LIMIT = 100 << 20
@@ -86,9 +85,15 @@ class UploadTest(unittest.TestCase):
         self.session = self.panel.sign_in()
         self.token = self.panel.token(self.session)
         self.addCleanup(self.assert_nothing_left)
+        self.addCleanup(self.empty_home)
+
+    def empty_home(self):
+        for path in self.panel.home.iterdir():
+            path.unlink()
 
     def assert_nothing_left(self):
         wait_for(lambda: not self.panel.spooled() and not self.panel.front_processes())
+        self.assertEqual(list(self.panel.home.glob("zantemp*")), [])
 
     def post(self, body, session=None, headers=None):
         cookie = {"Cookie": f"panelses5={session or self.session}"}
@@ -101,12 +106,17 @@ class UploadTest(unittest.TestCase):
         self.assertEqual(answer.status, status, answer.body)
         self.assertIn(text, html.unescape(answer.body))
 
+    def rows(self, answer):
+        """Of each file the name that was sent, the one that it has, the size."""
+        cells = r'<tr><td>(.*?)</td><td>(.*?)</td><td class="numbers">(\d+)</td></tr>'
+        return [tuple(map(html.unescape, row)) for row in re.findall(cells, answer.body)]
+
     def assert_received(self, answer, *files):
         self.assertEqual(answer.status, 200, answer.body)
-        rows = re.findall(r'<tr><td>(.*?)</td><td class="numbers">(\d+)</td></tr>', answer.body)
-        self.assertEqual([(html.unescape(name), int(size)) for name, size in rows], list(files))
+        received = [(sent, int(size)) for sent, _, size in self.rows(answer)]
+        self.assertEqual(received, list(files))
         total = sum(size for _, size in files)
-        self.assertIn(f'<th>Together</th><th class="numbers">{total}</th>', answer.body)
+        self.assertIn(f'<th>Together</th><th></th><th class="numbers">{total}</th>', answer.body)
 
     @contextlib.contextmanager
     def spool_unused(self):
@@ -129,8 +139,9 @@ class UploadTest(unittest.TestCase):
 class Received(UploadTest):
     def test_files_of_any_size(self):
         for size in (0, 1, 65_535, 65_536, 65_537, 3_000_000):
-            answer = self.upload(file("f", bytes(size)))
-            self.assert_received(answer, ("f", size))
+            answer = self.upload(file(f"f{size}", bytes(size)))
+            self.assert_received(answer, (f"f{size}", size))
+            self.assertEqual(self.panel.kept()[f"f{size}"], bytes(size))
 
     def test_several_files_in_order_of_their_names(self):
         answer = self.upload(file("b", b"12"), file("a", b"1"), file("\u00e9", b"123"))
@@ -382,7 +393,7 @@ class FrontEndAlone(unittest.TestCase):
             stdin.write(body)
             stdin.seek(0)
             return subprocess.run(
-                [FRONT],
+                [self.panel.front],
                 env=variables,
                 capture_output=True,
                 check=True,

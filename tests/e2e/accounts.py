@@ -1,0 +1,62 @@
+"""System accounts for the front end that the machine does not have.
+
+A wrapper library answers the front end's look-ups from files. As root its
+process really takes on their ids; as an ordinary user a second library makes it
+believe so, and the accounts have the ids of the caller.
+"""
+
+import os
+import pathlib
+import shlex
+
+IS_ROOT = os.geteuid() == 0
+# As root: ids that no account of the machine has.
+UID, GID = (54321, 54322) if IS_ROOT else (os.getuid(), os.getgid())
+FURTHER_GROUP = 54323
+NAMES_ONLY = "libnss_wrapper.so"
+NAMES_AND_IDS = "libnss_wrapper.so libuid_wrapper.so"
+
+
+class Accounts:
+    def __init__(self, folder):
+        self.folder = pathlib.Path(folder)
+        self.folder.mkdir()
+        # Read by processes that are no longer the one that made them.
+        self.folder.chmod(0o755)
+        self.users = self.folder / "passwd"
+        self.groups = self.folder / "group"
+        self.users.touch()
+        self.groups.touch()
+
+    def add(self, name, home, uid=UID, gid=GID):
+        """An account without a group beside its own, but for one as root."""
+        with self.users.open("a") as file:
+            file.write(f"{name}:x:{uid}:{gid}::{home}:/bin/sh\n")
+        if IS_ROOT and uid != 0:
+            with self.groups.open("a") as file:
+                file.write(f"further-{name}:x:{FURTHER_GROUP}:{name}\n")
+
+    def make_home(self, name):
+        """A folder that belongs to the account of that name, and an account."""
+        home = self.folder / name
+        home.mkdir(mode=0o700)
+        os.chown(home, UID, GID)
+        self.add(name, home)
+        return home
+
+    def front(self, front, wrappers=NAMES_ONLY if IS_ROOT else NAMES_AND_IDS, **more):
+        """A program that is the given one among these accounts. Nothing of it
+        comes through the web server."""
+        variables = {
+            "NSS_WRAPPER_PASSWD": self.users,
+            "NSS_WRAPPER_GROUP": self.groups,
+            "UID_WRAPPER": 1,
+            "UID_WRAPPER_ROOT": 1,
+            "LD_PRELOAD": wrappers,
+            **more,
+        }
+        settings = " ".join(f"{name}={shlex.quote(str(value))}" for name, value in variables.items())
+        program = self.folder / f"front-{len(list(self.folder.glob('front-*')))}"
+        program.write_text(f'#!/bin/sh\nexec env {settings} {shlex.quote(str(front))} "$@"\n')
+        program.chmod(0o755)
+        return program
