@@ -22,7 +22,7 @@ namespace panel {
 /// The panel does not work as a system account for this visitor.
 class AccountProblem : public std::runtime_error {
  public:
-  /// @param status   of the answer
+  /// @param status   of the answer; a constant, as is the next
   /// @param problem  for the visitor
   /// @param detail   for the administrator; becomes what()
   AccountProblem(const char* status, const char* problem,
@@ -39,6 +39,7 @@ class AccountProblem : public std::runtime_error {
 
 constexpr char kForbidden[] = "403 Forbidden";
 constexpr char kSetUpWrongly[] = "500 Internal Server Error";
+constexpr char kNotBecome[] = "The panel could not become your account.";
 
 /// What the system says of an account.
 struct Account {
@@ -157,7 +158,6 @@ inline bool HasBecome(const Account& account) {
 inline void BecomeAccount(zan_cgi::Cgi& cgi, const Account& account) {
   CheckConfinement(account);
   const std::string folder = ConfinedFolder();
-  constexpr char kNotBecome[] = "The panel could not become your account.";
   try {
     cgi.Su(account.name, folder, !folder.empty(),
            !tov_env::GetEnv("PANEL_PAM").empty());
