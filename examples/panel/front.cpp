@@ -281,6 +281,17 @@ void ShowUploaded(Cgi& cgi, const Answer& answer,
            Navigation(cgi, answer));
 }
 
+/// Where the library hands the spooled uploads over to.
+std::vector<std::string> PathsInHome(Cgi& cgi, const Account& account,
+                                     const std::vector<std::string>& names) {
+  std::vector<std::string> paths;
+  for (const std::string& name : names) {
+    const std::filesystem::path spooled = cgi.File(name);
+    paths.push_back(account.home / spooled.filename());
+  }
+  return paths;
+}
+
 /// Becomes the account and moves the uploads from where the library has handed
 /// them over to the names that they are to have.
 std::vector<Upload> KeepUploads(Cgi& cgi, const Account& account,
@@ -288,11 +299,10 @@ std::vector<Upload> KeepUploads(Cgi& cgi, const Account& account,
                                 const std::vector<std::string>& names) {
   std::vector<Upload> uploads;
   for (const std::string& name : names) {
-    const std::filesystem::path spooled = cgi.File(name);
-    uploads.push_back(
-        {name, std::filesystem::file_size(spooled), NameToKeep(name), ""});
-    spool.AlsoRemove(account.home / spooled.filename());
+    uploads.push_back({name, std::filesystem::file_size(cgi.File(name)),
+                       NameToKeep(name), ""});
   }
+  spool.AlsoRemove(PathsInHome(cgi, account, names));
   BecomeAccount(cgi, account);
   for (Upload& upload : uploads) {
     upload.problem = Keep(HandedOver(cgi.File(upload.sent_name)), upload.name);

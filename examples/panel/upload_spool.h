@@ -4,6 +4,7 @@
 #ifndef PANEL_UPLOAD_SPOOL_H
 #define PANEL_UPLOAD_SPOOL_H
 
+#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/socket.h>
@@ -57,15 +58,20 @@ class UploadSpool {
 
   const std::string& Path() const { return path_; }
 
-  /// Has one more file removed at the end, if it is still there. To be called
-  /// before the file comes to be at that path.
+  /// Has more files removed at the end, if they are still there. To be called
+  /// once, before they come to be at these paths: from then on the guardian
+  /// listens to nobody. It may be root, and who gets hold of this process when
+  /// it is an account must not tell it what to remove.
   /// @throws std::runtime_error when it cannot be promised
-  void AlsoRemove(const std::string& file) const {
-    if (file.size() > kLongestPath ||
-        ::send(lifeline_, file.data(), file.size(), MSG_NOSIGNAL) < 0) {
-      throw std::runtime_error("the guardian of uploads cannot be told of '" +
-                               file + "'");
+  void AlsoRemove(const std::vector<std::string>& files) const {
+    for (const std::string& file : files) {
+      if (file.size() > kLongestPath ||
+          ::send(lifeline_, file.data(), file.size(), MSG_NOSIGNAL) < 0) {
+        throw std::runtime_error("the guardian of uploads cannot be told of '" +
+                                 file + "'");
+      }
     }
+    ::shutdown(lifeline_, SHUT_WR);
   }
 
  private:
@@ -110,21 +116,28 @@ class UploadSpool {
     std::string path = parent + "/upload-XXXXXX";
     if (::mkdtemp(path.data()) == nullptr) ::_exit(1);
     ::send(kOnlyDescriptor, path.data(), path.size(), MSG_NOSIGNAL);
-    RemoveFiles(ReceiveToTheEnd(kOnlyDescriptor));
+    const std::vector<std::string> files = ReceiveFiles(kOnlyDescriptor);
+    WaitForTheEnd(kOnlyDescriptor);
+    RemoveFiles(files);
     std::error_code failure;
     std::filesystem::remove_all(path, failure);
     ::_exit(failure ? 1 : 0);
   }
 
-  /// Returns when the other end is closed, which the kernel does at last.
-  static std::vector<std::string> ReceiveToTheEnd(int lifeline) {
-    std::vector<std::string> messages;
-    char message[kLongestPath];
+  static std::vector<std::string> ReceiveFiles(int lifeline) {
+    std::vector<std::string> files;
+    char file[kLongestPath];
     for (;;) {
-      const ssize_t size = ::recv(lifeline, message, sizeof(message), 0);
-      if (size <= 0) return messages;
-      messages.emplace_back(message, static_cast<std::size_t>(size));
+      const ssize_t size = ::recv(lifeline, file, sizeof(file), 0);
+      if (size <= 0) return files;
+      files.emplace_back(file, static_cast<std::size_t>(size));
     }
+  }
+
+  /// Returns when the other end is closed, which the kernel does at last.
+  static void WaitForTheEnd(int lifeline) {
+    pollfd hang_up{lifeline, 0, 0};
+    ::poll(&hang_up, 1, -1);
   }
 
   /// In a home the account says where a path leads, and this may be root: but
