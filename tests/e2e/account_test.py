@@ -1,14 +1,19 @@
 """The panel as its user's system account: who it becomes, what it shows and
 keeps then, and when it refuses."""
 
+import array
 import contextlib
+import ctypes
+import fcntl
 import html
 import os
 import pathlib
 import re
+import socket
 import stat
 import subprocess
 import tempfile
+import termios
 import unittest
 
 from accounts import FURTHER_GROUP, GID, IS_ROOT, NAMES_AND_IDS, NAMES_ONLY, UID
@@ -18,6 +23,7 @@ from upload_test import FORM, field, file, form
 WRAPPERS = NAMES_ONLY if IS_ROOT else NAMES_AND_IDS
 NOT_BECOME = "The panel could not become your account."
 NOT_CONFINED = "The panel cannot be confined to your home folder"
+PIDFD_GETFD = 438  # Python has no function for it.
 needs_root = unittest.skipUnless(IS_ROOT, "needs root")
 
 
@@ -354,18 +360,54 @@ class Kept(AccountTest):
         self.assertEqual(self.kept(answer), {"a": "not kept: Permission denied"})
         self.assertEqual(list(self.home.iterdir()), [])
 
-    def test_nothing_of_an_upload_whose_front_end_is_killed_after_the_hand_over(self):
+    @contextlib.contextmanager
+    def front_after_the_hand_over(self):
+        """Stuck, since nobody reads its answer, which is more than a pipe
+        takes. None of the files can be kept."""
         taken = [f"{number:0250}" for number in range(400)]
         for name in taken:
             (self.home / name).touch()
-        body = form(
-            field("token", self.panel.token(self.session)), *(file(name, b"1") for name in taken)
-        )
-        # More than a pipe takes, and nobody reads the answer.
+        token = field("token", self.panel.token(self.session))
+        body = form(token, *(file(name, b"1") for name in taken))
         with self.start_front(body=body) as front:
-            wait_for(lambda: len(list(self.home.glob("zantemp*"))) == len(taken))
+            wait_for(lambda: len(self.handed_over()) == len(taken))
+            # The account by now, and at its answer.
+            wait_for(lambda: self.bytes_in(front.stdout) > 60_000)
+            yield front
+        for name in taken:
+            (self.home / name).unlink()
+
+    def handed_over(self):
+        return list(self.home.glob("zantemp*"))
+
+    def bytes_in(self, pipe):
+        count = array.array("i", [0])
+        fcntl.ioctl(pipe, termios.FIONREAD, count)
+        return count[0]
+
+    def test_nothing_of_an_upload_whose_front_end_is_killed_after_the_hand_over(self):
+        with self.front_after_the_hand_over() as front:
             front.kill()
-        wait_for(lambda: not list(self.home.glob("zantemp*")))
+            wait_for(lambda: not self.handed_over())
+
+    def test_nobody_tells_the_guardian_what_to_remove_after_the_hand_over(self):
+        """It may be root, and the front end is an account then."""
+        with self.front_after_the_hand_over() as front:
+            with self.lifeline_of(front) as lifeline, self.assertRaises(BrokenPipeError):
+                lifeline.send(os.fsencode(self.home / f"{0:0250}"))
+            front.kill()
+            wait_for(lambda: not self.handed_over())
+            self.assertTrue((self.home / f"{0:0250}").exists())
+
+    def lifeline_of(self, front):
+        """The socket between a front end and its guardian."""
+        links = pathlib.Path(f"/proc/{front.pid}/fd").iterdir()
+        (number,) = [int(link.name) for link in links if os.readlink(link).startswith("socket:")]
+        process = os.pidfd_open(front.pid)
+        copied = ctypes.CDLL(None, use_errno=True).syscall(PIDFD_GETFD, process, number, 0)
+        os.close(process)
+        self.assertGreaterEqual(copied, 0, os.strerror(ctypes.get_errno()))
+        return socket.socket(fileno=copied)
 
 
 class ConfinementTest(AccountTest):
@@ -395,7 +437,12 @@ class Confinement(ConfinementTest):
         self.assert_not_confined()
 
     def test_is_refused_for_a_relative_home(self):
-        self.add_account("home")
+        # It is there: the front end runs in the folder above its program's.
+        self.add_account(pathlib.Path(os.environ["FRONT"]).parent.name)
+        self.assert_not_confined()
+
+    def test_is_refused_for_a_home_that_is_a_file(self):
+        self.add_account("/etc/passwd")
         self.assert_not_confined()
 
     def test_is_refused_for_a_home_that_is_not_there(self):

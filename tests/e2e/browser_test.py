@@ -103,11 +103,45 @@ class BrowserTest(unittest.TestCase):
         self.assert_sees("report.pdf, 2.9 MB", "a<b>.txt, 12 bytes", "Together: 2.9 MB")
         self.browser.screenshot("upload-chosen")
         self.browser.click("#send")
-        self.assert_sees("Uploaded", "report.pdf 3000000", "a<b>.txt 12", "Together 3000012")
+        self.assert_sees(
+            "Uploaded",
+            "report.pdf report.pdf 3000000",
+            "a<b>.txt a<b>.txt 12",
+            "Together 3000012",
+        )
         self.browser.screenshot("uploaded")
         self.assertEqual(self.panel.spooled(), [])
         self.browser.click_link("Upload more")
         self.assert_sees("Files to upload")
+
+    def test_the_home_folder_shows_what_has_been_uploaded(self):
+        self.signed_in()
+        self.browser.click_link("Home")
+        self.assert_sees("Home", f"The home folder of {self.panel.account}")
+        self.browser.click_link("Upload")
+        self.browser.choose_files("#files", self.make_file("notes.txt", 7))
+        self.browser.click("#send")
+        self.assert_sees("Uploaded")
+        self.browser.open(self.panel.url + "?page=home")
+        self.assert_sees("notes.txt 7")
+        self.browser.screenshot("home")
+
+    def test_a_file_that_is_there_already_is_explained(self):
+        (self.panel.home / "notes.txt").touch()
+        self.open_upload()
+        self.browser.choose_files("#files", self.make_file("notes.txt", 7))
+        self.browser.click("#send")
+        self.assert_sees("Not all is kept", "not kept: there is one of this name")
+        self.browser.screenshot("not-kept")
+
+    def test_a_user_without_an_account_is_told_so(self):
+        self.panel.add_user("bob", 1, "password")
+        self.panel.user = "bob"
+        self.sign_in("password")
+        self.browser.click_link("Home")
+        self.assert_sees("Your user has no system account.")
+        self.browser.click_link("Back to the panel")
+        self.assert_sees("Who am I")
 
     def test_an_upload_shows_its_progress_and_can_be_cancelled(self):
         self.open_upload()
@@ -230,7 +264,7 @@ class BrowserTest(unittest.TestCase):
         self.browser.open(self.panel.url)
         self.assertLess(self.brightness_of_the_page(), 100)
         self.signed_in()
-        for page in ("Who am I", "Sessions", "Upload"):
+        for page in ("Who am I", "Home", "Sessions", "Upload"):
             self.browser.click_link(page)
             self.assert_sees(page)
             if page == "Upload":

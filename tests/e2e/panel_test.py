@@ -37,7 +37,7 @@ class SignIn(PanelTest):
         self.assert_page(self.panel.request(), 200, 'type="password"')
 
     def test_stranger_is_asked_to_sign_in_before_any_other_page(self):
-        for page in ("whoami", "sessions", "signout", "nonsense"):
+        for page in ("whoami", "home", "sessions", "signout", "nonsense"):
             answer = self.panel.request(page=page)
             self.assert_page(answer, 403, "Please sign in first.", 'type="password"')
 
@@ -271,6 +271,10 @@ class EnvironmentTest(unittest.TestCase):
             "Proxy": "http://10.1.2.3/",
             "Tov-Run-Dir": "/elsewhere",
             "Tov-Log-Level": "9",
+            "Ld-Preload": "/elsewhere",
+            "Nss-Wrapper-Passwd": "/elsewhere",
+            "Panel-Confine": "/",
+            "Panel-Pam": "1",
             "User-Agent": "an ordinary header",
         }
         lines = self.panel.request(headers=headers).body.splitlines()
@@ -279,6 +283,13 @@ class EnvironmentTest(unittest.TestCase):
         names = [line.partition("=")[0] for line in lines]
         self.assertNotIn("HTTP_PROXY", names)
         self.assertNotIn("TOV_LOG_LEVEL", names)
+        self.assertIn(f"NSS_WRAPPER_PASSWD={self.panel.accounts.users}", lines)
+        self.assertIn("PANEL_CONFINE=", lines)
+        self.assertIn("PANEL_PAM=", lines)
+        claimed = [line for line in lines if line.endswith("=/elsewhere")]
+        self.assertEqual(len(claimed), 3)
+        for line in claimed:
+            self.assertTrue(line.startswith("HTTP_"), line)
 
 
 # It has no tests of its own.
