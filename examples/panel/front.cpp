@@ -193,9 +193,9 @@ void ShowHome(Cgi& cgi) {
            "<th class=\"numbers\">Bytes</th></tr></thead>\n<tbody>\n" +
                HomeRows(listing) + "</tbody>\n</table>\n" +
                (listing.whole ? "" : "<p class=\"hint\">And more.</p>\n") +
-               "<p class=\"hint\">The home folder of <b id=\"account\">" +
-               Escape(account.name) + "</b>, seen by user " +
-               str::Str(::getuid()) + ".</p></div>\n",
+               "<p class=\"hint\">Seen by <b id=\"account\">" +
+               Escape(account.name) + "</b>, user " + str::Str(::getuid()) +
+               ".</p></div>\n",
            Navigation(cgi, answer));
 }
 

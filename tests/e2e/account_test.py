@@ -172,7 +172,7 @@ class Home(AccountTest):
 
     def test_tells_whose_it_is(self):
         answer = self.page(page="home")
-        self.assertIn(f'<b id="account">{self.account}</b>, seen by user {UID}.', answer.body)
+        self.assertIn(f'<b id="account">{self.account}</b>, user {UID}.', answer.body)
 
     def test_with_the_session_in_the_parameters(self):
         answer = self.panel.request(page="home", auth=self.session)
@@ -488,7 +488,7 @@ class Jail(ConfinementTest):
     def test_is_entered(self):
         answer = self.confined()
         self.assertIn('<tr><td>files</td><td class="numbers">folder</td></tr>', answer)
-        self.assertIn(f"seen by user {UID}.", answer)
+        self.assertIn(f"</b>, user {UID}.", answer)
         (self.home / "files" / "report.txt").write_bytes(b"123")
         for folder in ("/files", "/../../../files"):
             answer = self.confined(folder)
@@ -558,12 +558,12 @@ class Session(AccountTest):
         )
 
     def test_is_opened_when_asked_for(self):
-        self.assertIn("seen by user", self.run_front(PANEL_PAM="1"))
+        self.assertIn("Seen by", self.run_front(PANEL_PAM="1"))
         self.assertTrue(self.opened.exists(), self.errors)
 
     def test_is_not_opened_otherwise(self):
         for setting in ({}, {"PANEL_PAM": ""}):
-            self.assertIn("seen by user", self.run_front(**setting))
+            self.assertIn("Seen by", self.run_front(**setting))
         self.assertFalse(self.opened.exists())
 
 

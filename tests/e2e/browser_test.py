@@ -117,7 +117,7 @@ class BrowserTest(unittest.TestCase):
     def test_the_home_folder_shows_what_has_been_uploaded(self):
         self.signed_in()
         self.browser.click_link("Home")
-        self.assert_sees("Home", f"The home folder of {self.panel.account}")
+        self.assert_sees("Home", f"Seen by {self.panel.account}, user")
         self.browser.click_link("Upload")
         self.browser.choose_files("#files", self.make_file("notes.txt", 7))
         self.browser.click("#send")
