@@ -231,6 +231,10 @@ bool WaitForExit(int process_descriptor) {
 
 }  // namespace
 
+void PrintTo(const LogLine& line, std::ostream* out) {
+  *out << line.level << ' ' << line.text;
+}
+
 std::vector<std::string> Outcome::Logged(int level) const {
   std::vector<std::string> texts;
   for (const LogLine& line : log) {

@@ -5,6 +5,7 @@
 #define ZANCGI_TESTS_SUPPORT_CHILD_H
 
 #include <functional>
+#include <iosfwd>
 #include <map>
 #include <string>
 #include <utility>
@@ -22,6 +23,9 @@ struct LogLine {
 
   friend bool operator==(const LogLine&, const LogLine&) = default;
 };
+
+/// For messages of failed expectations.
+void PrintTo(const LogLine& line, std::ostream* out);
 
 /// What a child process has left behind.
 struct Outcome {
