@@ -1,18 +1,36 @@
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <security/pam_appl.h>
+#include <sys/stat.h>
+#include <tov/err.h>
 #include <unistd.h>
 #include <zancgi/zancgi.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <functional>
+#include <iterator>
+#include <regex>
+#include <stdexcept>
 #include <string>
 #include <tuple>
 #include <utility>
+#include <vector>
 
 #include "support/account.h"
 #include "support/child.h"
+#include "support/form.h"
+#include "support/identity.h"
+#include "support/input.h"
+#include "support/scratch.h"
 #include "support/switch.h"
 #include "support/switch_calls.h"
 
 namespace {
+
+namespace fs = std::filesystem;
 
 using support::Answers;
 using support::Call;
@@ -20,12 +38,15 @@ using support::Child;
 using support::FchdirTo;
 using support::Lines;
 using support::Machine;
+using support::Observer;
 using support::Outcome;
 using support::Recording;
 using support::Switched;
 using support::Told;
 using zan_cgi::Cgi;
 
+/// Marks the end of what a test looks at.
+const char kEnd[] = "the end";
 const char kHomeClosed[] = "failed to chroot to users home folder";
 
 void Add(Lines& lines, const Lines& more) {
@@ -41,15 +62,30 @@ Answers Pretended(const Machine& machine) {
                         machine.Home()}}};
 }
 
+/// Answers for a test as root: everything is made.
+Answers Made() { return {.pretend = false}; }
+
 /// Makes the switch in a child and records it.
 Switched RecordSwitch(const Machine& machine, const Call& call,
                       const Answers& answers) {
-  Outcome outcome = Child().WorkDir(machine.Start()).Run([&](const Told&) {
+  Outcome outcome = Child().WorkDir(machine.Start()).Run([&](const Told& told) {
     if (!answers.pretend) machine.SetUp();
+    // Whatever groups the tests are run with.
+    EXPECT_TRUE(!support::IsRoot() || ::setgroups(0, nullptr) == 0);
+    Observer observer;
     Cgi::Data request;
     support::MarkSwitch();
-    const Recording recording(answers);
-    request.DoSu(call.user, call.dir, call.use_chroot, call.use_pam);
+    std::string error;
+    {
+      const Recording recording(answers);
+      try {
+        request.DoSu(call.user, call.dir, call.use_chroot, call.use_pam);
+      } catch (const std::runtime_error& thrown) {
+        error = thrown.what();
+      }
+    }
+    support::TellIdentity(told, observer.Look());
+    if (!error.empty()) throw std::runtime_error(error);
   });
   return support::SwitchedOf(outcome);
 }
@@ -129,6 +165,39 @@ Lines OfSwitch(const Machine& machine, const Call& call) {
   return OfSwitch(machine, call, OfWholePam());
 }
 
+/// The way up from a directory that is so many levels above the end of it.
+Lines OfWayUp(int levels) {
+  Lines lines = {Called("stat .")};
+  std::string path = ".";
+  for (int i = 0; i < levels; ++i) {
+    path += "/..";
+    lines.push_back(Called("stat " + path));
+  }
+  return lines;
+}
+
+/// How many ".." it takes to see that the root has no parent.
+int LevelsToTheEnd(const fs::path& path) {
+  return static_cast<int>(std::distance(path.begin(), path.end()));
+}
+
+/// An unconfined switch without PAM up to the check.
+Lines OfSwitchUntilCheck(const Machine& machine) {
+  Lines lines = OfGroups(machine, false);
+  lines.push_back(Called("setuid 54321"));
+  return lines;
+}
+
+/// An unconfined switch without PAM to a directory from which the check goes up
+/// so many levels.
+Lines OfCheckedSwitch(const Machine& machine, const std::string& dir,
+                      int levels) {
+  Lines lines = OfSwitchUntilCheck(machine);
+  Add(lines, {Called("stat ."), Called("chdir " + dir)});
+  Add(lines, OfWayUp(levels));
+  return lines;
+}
+
 Lines OfRoot(const std::string& entered) {
   return {Called("getpwnam root"), Called("setgid 0"), Called("setuid 0"),
           Called("chdir " + entered)};
@@ -174,15 +243,13 @@ TEST_P(SuCallsCombination, ThatAreMadeComeInTheSameOrder) {
   if (!support::CanUseAccounts()) {
     GTEST_SKIP() << "needs root, with the right to mount";
   }
-  const Answers made = {.pretend = false};
-
   const Call as_root = CallAs("root");
-  const Switched root = RecordSwitch(machine_, as_root, made);
+  const Switched root = RecordSwitch(machine_, as_root, Made());
   EXPECT_EQ(root.error, "");
   EXPECT_EQ(root.log, OfRoot(as_root.dir.empty() ? "/" : as_root.dir));
 
   const Call call = CallAs("visitor");
-  const Switched switched = RecordSwitch(machine_, call, made);
+  const Switched switched = RecordSwitch(machine_, call, Made());
   EXPECT_EQ(switched.error, Error(call));
   // PAM is not called in a home that is the account's own.
   const Lines refused = {
@@ -190,6 +257,466 @@ TEST_P(SuCallsCombination, ThatAreMadeComeInTheSameOrder) {
       {4, "failed to start PAM session"}};
   EXPECT_EQ(switched.log,
             OfSwitch(machine_, call, call.use_chroot ? refused : OfWholePam()));
+}
+
+class SuCalls : public testing::Test {
+ protected:
+  /// Of a switch for which nobody becomes anybody.
+  Switched Pretend(const Call& call) const {
+    return RecordSwitch(machine_, call, answers_);
+  }
+
+  void FailAt(const std::string& call, const std::vector<int>& errors) {
+    answers_.failures = {{call, errors}};
+  }
+
+  Machine machine_;
+  Answers answers_ = Pretended(machine_);
+};
+
+TEST_F(SuCalls, GoUpFromTheDirectoryUntilTheHomeIsMet) {
+  machine_.MakeDir("home/www/a/b");
+  for (const auto& [dir, levels] : std::vector<std::pair<std::string, int>>{
+           {".", 0}, {"www/..", 0}, {"www/a", 2}, {"www/a/b", 3}}) {
+    const Switched switched = Pretend({.dir = dir});
+    EXPECT_EQ(switched.error, "") << dir;
+    EXPECT_EQ(switched.log, OfCheckedSwitch(machine_, dir, levels)) << dir;
+    EXPECT_EQ(switched.identity.work_dir,
+              fs::canonical(machine_.Home() + "/" + dir).string());
+  }
+}
+
+TEST_F(SuCalls, GoUpToTheRootWhenTheHomeIsNotMet) {
+  const std::string other = machine_ / "other";
+  const Switched switched = Pretend({.dir = "/../other"});
+  EXPECT_EQ(switched.error, "it is not your folder");
+  EXPECT_EQ(switched.log,
+            OfCheckedSwitch(machine_, "../other", LevelsToTheEnd(other)));
+  EXPECT_EQ(switched.identity.work_dir, other);
+}
+
+TEST_F(SuCalls, OfADirectoryWithSlashesInFrontAreThoseWithout) {
+  EXPECT_EQ(Pretend({.dir = "//www"}).log, Pretend({.dir = "www"}).log);
+  EXPECT_EQ(Pretend({.dir = "///"}).log, Pretend({.dir = "/"}).log);
+}
+
+TEST_F(SuCalls, OfAnAccountThatIsMissingAreOne) {
+  const Switched switched =
+      Pretend({.user = "nobody-here", .use_chroot = true, .use_pam = true});
+  EXPECT_EQ(switched.error, "failed to get pw entry");
+  EXPECT_EQ(switched.log, Lines{Called("getpwnam nobody-here")});
+}
+
+TEST_F(SuCalls, StopBehindTheHomeThatCannotBeEntered) {
+  for (const int error : {EPERM, EACCES, ENOENT}) {
+    FailAt("chroot " + machine_.Home(), {error});
+    const Switched confined =
+        Pretend({.dir = "/", .use_chroot = true, .use_pam = true});
+    EXPECT_EQ(confined.error, kHomeClosed);
+    Lines calls = OfSwitch(machine_, {.use_chroot = true});
+    calls.resize(5);
+    EXPECT_EQ(calls.back(), Called("chroot " + machine_.Home()));
+    EXPECT_EQ(confined.log, calls);
+    EXPECT_EQ(confined.identity.work_dir, machine_.Start());
+
+    FailAt("chdir " + machine_.Home(), {error});
+    const Switched unconfined = Pretend({.dir = "/", .use_pam = true});
+    EXPECT_EQ(unconfined.error, kHomeClosed);
+    EXPECT_EQ(unconfined.log, (Lines{Called("getpwnam visitor"),
+                                     Called("chdir " + machine_.Home())}));
+    EXPECT_EQ(unconfined.identity.work_dir, machine_.Start());
+  }
+}
+
+TEST_F(SuCalls, AreAllMadeBeforeADirectoryThatCannotBeEntered) {
+  for (const int error : {EACCES, ENOENT, ENOTDIR, ELOOP}) {
+    const Call confined = {.dir = "/", .use_chroot = true, .use_pam = true};
+    FailAt("chdir /", {error});
+    Switched switched = Pretend(confined);
+    EXPECT_EQ(switched.error, "no such directory '/'");
+    EXPECT_EQ(switched.log, OfSwitch(machine_, confined));
+
+    FailAt("chdir www", {error});
+    switched = Pretend({.dir = "//www"});
+    EXPECT_EQ(switched.error, "no such directory 'www'");
+    Lines calls = OfSwitchUntilCheck(machine_);
+    Add(calls, {Called("stat ."), Called("chdir www")});
+    EXPECT_EQ(switched.log, calls);
+    EXPECT_EQ(switched.identity.work_dir, machine_.Home());
+
+    switched = Pretend({.user = "root", .dir = "www"});
+    EXPECT_EQ(switched.error, "no such directory 'www'");
+    EXPECT_EQ(switched.log, OfRoot("www"));
+  }
+}
+
+TEST_F(SuCalls, GoOnWhenAnIdentityIsRefused) {
+  for (const char* refused :
+       {"initgroups visitor 54321", "setgid 54322", "setuid 54321"}) {
+    for (const int error : {EPERM, EAGAIN}) {
+      FailAt(refused, {error});
+      for (const bool use_chroot : {false, true}) {
+        const Call call = {
+            .dir = "/", .use_chroot = use_chroot, .use_pam = true};
+        const Switched switched = Pretend(call);
+        EXPECT_EQ(switched.error, "") << refused;
+        EXPECT_EQ(switched.log, OfSwitch(machine_, call)) << refused;
+      }
+    }
+  }
+}
+
+TEST_F(SuCalls, OfRootGoOnWhenItsIdentityIsRefused) {
+  for (const char* refused : {"setgid 0", "setuid 0"}) {
+    FailAt(refused, {EPERM});
+    const Switched switched = Pretend({.user = "root", .dir = "www"});
+    EXPECT_EQ(switched.error, "") << refused;
+    EXPECT_EQ(switched.log, OfRoot("www")) << refused;
+  }
+}
+
+TEST_F(SuCalls, TakeAwayAllGroupsWhenTheAccountsAreRefused) {
+  const Call call = {.dir = "/", .use_chroot = true};
+  Lines calls;
+  for (const support::LogLine& line : OfSwitch(machine_, call)) {
+    calls.push_back(line);
+    if (line.text == "setgroups 54321 54330") {
+      calls.push_back(Called("setgroups"));
+    }
+  }
+  for (const int error : {EPERM, EAGAIN, ENOMEM}) {
+    FailAt("setgroups 54321 54330", {error});
+    const Switched switched = Pretend(call);
+    EXPECT_EQ(switched.error, "");
+    EXPECT_EQ(switched.log, calls);
+  }
+}
+
+TEST_F(SuCalls, RefuseWhatIsOutsideWhateverIsNotKnownOfTheDirectories) {
+  const int levels = LevelsToTheEnd(machine_ / "other");
+  for (const std::vector<int>& errors :
+       {std::vector<int>{EACCES}, {0, EACCES}, {EACCES, EACCES}}) {
+    FailAt("stat .", errors);
+    const Switched switched = Pretend({.dir = "../other"});
+    EXPECT_EQ(switched.error, "it is not your folder");
+    EXPECT_EQ(switched.log, OfCheckedSwitch(machine_, "../other", levels));
+    EXPECT_EQ(switched.identity.work_dir, machine_ / "other");
+  }
+}
+
+TEST_F(SuCalls, RefuseWhatIsInsideWhenTheHomeIsNotKnown) {
+  const std::string inside = machine_.Home() + "/www";
+  for (const std::vector<int>& errors :
+       {std::vector<int>{EACCES}, {EACCES, EACCES}}) {
+    FailAt("stat .", errors);
+    const Switched switched = Pretend({.dir = "www"});
+    EXPECT_EQ(switched.error, "it is not your folder");
+    EXPECT_EQ(switched.log,
+              OfCheckedSwitch(machine_, "www", LevelsToTheEnd(inside)));
+    EXPECT_EQ(switched.identity.work_dir, inside);
+  }
+}
+
+TEST_F(SuCalls, AcceptWhatIsInsideWhenTheHomeIsMetFurtherUp) {
+  FailAt("stat .", {0, EACCES});
+  const Switched switched = Pretend({.dir = "www"});
+  EXPECT_EQ(switched.error, "");
+  EXPECT_EQ(switched.log, OfCheckedSwitch(machine_, "www", 1));
+}
+
+TEST_F(SuCalls, RefuseTheHomeItselfWhenItIsNotKnown) {
+  Lines calls = OfSwitchUntilCheck(machine_);
+  calls.push_back(Called("stat ."));
+  Add(calls, OfWayUp(LevelsToTheEnd(machine_.Home())));
+  for (const std::vector<int>& errors :
+       {std::vector<int>{EACCES}, {0, EACCES}, {EACCES, EACCES}}) {
+    FailAt("stat .", errors);
+    const Switched switched = Pretend({.dir = "/"});
+    EXPECT_EQ(switched.error, "it is not your folder");
+    EXPECT_EQ(switched.log, calls);
+    EXPECT_EQ(switched.identity.work_dir, machine_.Home());
+  }
+}
+
+TEST_F(SuCalls, StopWhereTheWayUpIsNotKnown) {
+  machine_.MakeDir("home/www/a");
+  for (const int error : {EACCES, ENOENT, EIO}) {
+    FailAt("stat ./..", {error});
+    Switched switched = Pretend({.dir = "www/a"});
+    EXPECT_EQ(switched.error, "stat error");
+    EXPECT_EQ(switched.log, OfCheckedSwitch(machine_, "www/a", 1));
+    EXPECT_EQ(switched.identity.work_dir, machine_.Home() + "/www/a");
+
+    FailAt("stat ./../..", {error});
+    switched = Pretend({.dir = "www/a"});
+    EXPECT_EQ(switched.error, "stat error");
+    EXPECT_EQ(switched.log, OfCheckedSwitch(machine_, "www/a", 2));
+  }
+}
+
+TEST_F(SuCalls, OfPamEndWithItsStartWhenThatFails) {
+  FailAt("pam_start login visitor myconv", {PAM_ABORT});
+  Lines pam = OfPamUntil("pam_start login visitor myconv");
+  pam.push_back({4, "failed to start PAM session"});
+  for (const bool use_chroot : {false, true}) {
+    const Call call = {.dir = "/", .use_chroot = use_chroot, .use_pam = true};
+    const Switched switched = Pretend(call);
+    EXPECT_EQ(switched.error, "");
+    EXPECT_EQ(switched.log, OfSwitch(machine_, call, pam));
+  }
+}
+
+TEST_F(SuCalls, OfPamAreEndedWithTheCodeOfTheSessionThatFails) {
+  for (const std::string what : {"open", "close"}) {
+    const std::string failing = "pam_" + what + "_session session silent";
+    FailAt(failing, {PAM_SESSION_ERR});
+    Lines pam = OfPamUntil(failing);
+    Add(pam, {Called("pam_strerror session 14"),
+              {4, "PAM error 14 (what it means) on " + what + "_session"},
+              Called("pam_end session 14")});
+    for (const bool use_chroot : {false, true}) {
+      const Call call = {.dir = "/", .use_chroot = use_chroot, .use_pam = true};
+      const Switched switched = Pretend(call);
+      EXPECT_EQ(switched.error, "");
+      EXPECT_EQ(switched.log, OfSwitch(machine_, call, pam));
+    }
+  }
+}
+
+TEST_F(SuCalls, OfPamAreNotMadeInARootDirectoryOfUnknownOwner) {
+  FailAt("stat /", {EACCES});
+  const Call call = {.dir = "/", .use_chroot = true, .use_pam = true};
+  const Switched switched = Pretend(call);
+  EXPECT_EQ(switched.error, "");
+  EXPECT_EQ(switched.log,
+            OfSwitch(machine_, call,
+                     {{9,
+                       "zancgi_unix.cpp:N starting PAM session for user "
+                       "'visitor'"},
+                      {4, "failed to start PAM session"}}));
+}
+
+TEST_F(SuCalls, GoOnWhereTheyWereWhenAPamModuleHasMoved) {
+  for (const char* moving :
+       {"pam_start login visitor myconv", "pam_open_session session silent",
+        "pam_close_session session silent", "pam_end session 0"}) {
+    answers_.effects = {{moving, [] { EXPECT_EQ(::chdir("/"), 0); }}};
+    Switched switched = Pretend({.dir = "www", .use_pam = true});
+    EXPECT_EQ(switched.error, "") << moving;
+    EXPECT_EQ(switched.identity.work_dir, machine_.Home() + "/www") << moving;
+
+    switched = Pretend({.dir = "www", .use_chroot = true, .use_pam = true});
+    EXPECT_EQ(switched.error, "") << moving;
+    EXPECT_EQ(switched.identity.work_dir, machine_.Start() + "/www") << moving;
+  }
+}
+
+/// Asks for another account, which overwrites the answer of the first question.
+void AskForRoot() { EXPECT_NE(::getpwnam("root"), nullptr); }
+
+/// The same with the question behind the calls that ask it.
+Lines WithQuestions(const Lines& calls, const Answers& answers) {
+  Lines lines;
+  for (const support::LogLine& line : calls) {
+    lines.push_back(line);
+    if (answers.effects.contains(line.text)) {
+      lines.push_back(Called("getpwnam root"));
+    }
+  }
+  return lines;
+}
+
+TEST_F(SuCalls, AreForTheAccountWhoeverIsAskedForMeanwhile) {
+  for (const char* asking :
+       {"gethostbyname localhost", "initgroups visitor 54321", "setgid 54322",
+        "pam_start login visitor myconv", "pam_open_session session silent",
+        "pam_end session 0"}) {
+    answers_.effects[asking] = AskForRoot;
+  }
+  for (const bool use_chroot : {false, true}) {
+    const Call call = {.dir = "/", .use_chroot = use_chroot, .use_pam = true};
+    const Switched switched = Pretend(call);
+    EXPECT_EQ(switched.error, "");
+    EXPECT_EQ(switched.log, WithQuestions(OfSwitch(machine_, call), answers_));
+  }
+}
+
+/// A POST of one upload, in a child that starts in the machine's folder, and
+/// the switch that follows it.
+class SuCallsWithUpload : public SuCalls {
+ protected:
+  /// @param end  what the child does with its request
+  Switched Upload(const std::function<void(Cgi&)>& end) const {
+    const std::string body =
+        support::Upload("field", "a.txt", "content") + support::kFormEnd;
+    const support::Input input = support::Input::Pipe(body);
+    Outcome outcome =
+        support::Post(std::to_string(body.size()))
+            .StandardInput(input)
+            .Run([&](const Told&) {
+              Cgi request(machine_ / "start/cgi/front", "backend");
+              request.SetTmpDir(machine_.MakeDir("spool"));
+              request.ParseQuery();
+              support::MarkSwitch();
+              {
+                const Recording recording(answers_);
+                end(request);
+              }
+              support::Mark(kEnd);
+            });
+    Switched switched = support::SwitchedOf(outcome);
+    Lines& log = switched.log;
+    log.erase(std::find(log.begin(), log.end(), Called(kEnd)), log.end());
+    for (support::LogLine& line : log) {
+      line.text = WithoutRandomNames(line.text);
+    }
+    return switched;
+  }
+
+  static std::string WithoutRandomNames(const std::string& text) {
+    static const std::regex name("zantemp[A-Za-z0-9]{6}");
+    return std::regex_replace(text, name, "zantempXXXXXX");
+  }
+
+  Lines OfHandOver() const {
+    const std::string file = "/zantempXXXXXX";
+    return {Called("getpwnam visitor"),
+            Called("fchownat 54321 54322"),
+            {9, "zancgi_unix.cpp:N moving file 'a.txt' stored as '" + Spool() +
+                    file + "' to '" + machine_.Home() + file + "'"},
+            Called("renameat2 " + Spool() + " " + machine_.Home())};
+  }
+
+  std::string Spool() const { return machine_ / "spool"; }
+};
+
+TEST_F(SuCallsWithUpload, HandItOverBeforeTheSwitchBegins) {
+  for (const bool use_chroot : {false, true}) {
+    const Call call = {.dir = "/", .use_chroot = use_chroot, .use_pam = true};
+    const Switched switched = Upload([&](Cgi& request) {
+      request.Su(call.user, call.dir, call.use_chroot, call.use_pam);
+    });
+    EXPECT_EQ(switched.error, "");
+    Lines calls = OfHandOver();
+    Add(calls, OfSwitch(machine_, call));
+    EXPECT_EQ(switched.log, calls);
+  }
+}
+
+TEST_F(SuCallsWithUpload, OfRootLeaveItWhereItIs) {
+  const Switched switched =
+      Upload([&](Cgi& request) { request.Su("root", "/", true, true); });
+  EXPECT_EQ(switched.error, "");
+  Lines calls = {Called("getpwnam root")};
+  Add(calls, OfRoot("/"));
+  EXPECT_EQ(switched.log, calls);
+}
+
+TEST_F(SuCallsWithUpload, EndWithAHandOverThatFails) {
+  const Lines calls = OfHandOver();
+  for (const std::size_t failing : {1U, 3U}) {
+    FailAt(calls[failing].text, {EPERM});
+    const Switched switched = Upload([&](Cgi& request) {
+      EXPECT_THROW(request.Su("visitor", "/", true, true), tov_err::Error);
+    });
+    EXPECT_EQ(switched.log,
+              Lines(calls.begin(),
+                    calls.begin() + static_cast<std::ptrdiff_t>(failing) + 1));
+  }
+}
+
+class SuFault : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!support::CanUseAccounts()) {
+      GTEST_SKIP() << "needs root, with the right to mount";
+    }
+  }
+
+  /// The identity that a switch ends with when these calls are refused.
+  support::Identity Refused(const std::string& call, bool use_chroot) const {
+    Answers answers = Made();
+    answers.failures[call] = {EPERM};
+    const Switched switched =
+        RecordSwitch(machine_, {.dir = "/", .use_chroot = use_chroot}, answers);
+    EXPECT_EQ(switched.error, "");
+    return switched.identity;
+  }
+
+  Machine machine_;
+};
+
+TEST_F(SuFault, OfOneIdentityLeavesTheOthersTaken) {
+  for (const bool use_chroot : {false, true}) {
+    support::Identity expected =
+        support::Visitor(use_chroot ? machine_.Home() : "/", machine_.Home());
+    const support::Identity whole = expected;
+
+    expected.groups = "0\t0\t0\t0";
+    EXPECT_EQ(Refused("setgid 54322", use_chroot), expected);
+
+    expected = whole;
+    expected.users = "0\t0\t0\t0";
+    EXPECT_EQ(Refused("setuid 54321", use_chroot), expected);
+
+    // Confined, the groups are set once more.
+    expected = whole;
+    if (!use_chroot) expected.supplementary = "";
+    EXPECT_EQ(Refused("initgroups visitor 54321", use_chroot), expected);
+  }
+}
+
+TEST_F(SuFault, OfTheGroupsLeavesNoneThatTheHomeNames) {
+  machine_.MakeDir("home/etc");
+  machine_.MakeFile("home/etc/group", "disk:x:6:visitor\n");
+  support::Identity expected =
+      support::Visitor(machine_.Home(), machine_.Home());
+  expected.supplementary = "";
+  EXPECT_EQ(Refused("setgroups 54321 54330", true), expected);
+}
+
+TEST_F(SuFault, OfTheHomeLeavesTheProcessWhoAndWhereItWas) {
+  for (const bool use_chroot : {false, true}) {
+    Answers answers = Made();
+    answers.failures[(use_chroot ? "chroot " : "chdir ") + machine_.Home()] = {
+        EPERM};
+    const Switched switched =
+        RecordSwitch(machine_, {.dir = "/", .use_chroot = use_chroot}, answers);
+    EXPECT_EQ(switched.error, kHomeClosed);
+    EXPECT_EQ(switched.identity, support::Root(machine_.Start()));
+  }
+}
+
+TEST_F(SuFault, OfARecordThatIsOverwrittenDoesNotMatter) {
+  Answers answers = Made();
+  answers.effects = {{"initgroups visitor 54321", AskForRoot},
+                     {"pam_open_session session silent", AskForRoot}};
+  const Call call = {.dir = "www", .use_pam = true};
+  const Switched switched = RecordSwitch(machine_, call, answers);
+  EXPECT_EQ(switched.error, "");
+  EXPECT_EQ(switched.identity, support::Visitor("/", machine_.Home() + "/www"));
+  EXPECT_EQ(switched.log, WithQuestions(OfSwitch(machine_, call), answers));
+}
+
+ino_t InodeOf(const std::string& path) {
+  struct stat status {};
+  EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
+  return status.st_ino;
+}
+
+// Kept for compatibility: only inode numbers are compared.
+TEST_F(SuFault, OfAnotherFileSystemWithTheInodeOfTheHomeIsAccepted) {
+  const std::string other = machine_.MakeDir("other/inside");
+  const Switched switched =
+      support::Switch(machine_, {.dir = "link/deeper"}, [&] {
+        support::MountPrivately(machine_.Home(), "mode=0755");
+        support::MountPrivately(other, "mode=0755");
+        ASSERT_EQ(InodeOf(machine_.Home()), InodeOf(other));
+        fs::create_directory(other + "/deeper");
+        fs::create_symlink(other, machine_.Home() + "/link");
+      });
+  EXPECT_EQ(switched.error, "");
+  EXPECT_EQ(switched.identity, support::Visitor("/", other + "/deeper"));
 }
 
 }  // namespace
