@@ -14,21 +14,6 @@ namespace {
 
 constexpr char kSwitchBegins[] = "the switch begins";
 
-/// The log lines behind the mark, with a letter in place of line numbers.
-Lines LinesOfTheSwitch(const Lines& log) {
-  static const std::regex line_number("^zancgi_unix\\.cpp:[0-9]+ ");
-  Lines lines;
-  bool begun = false;
-  for (const LogLine& line : log) {
-    if (begun) {
-      lines.push_back({line.level, std::regex_replace(line.text, line_number,
-                                                      "zancgi_unix.cpp:N ")});
-    }
-    begun = begun || line == LogLine{-1, kSwitchBegins};
-  }
-  return lines;
-}
-
 }  // namespace
 
 Machine::Machine() {
@@ -54,6 +39,20 @@ void Machine::SetUp() const {
 }
 
 void MarkSwitch() { Mark(kSwitchBegins); }
+
+Lines LinesOfTheSwitch(const Lines& log) {
+  static const std::regex line_number("^zancgi_unix\\.cpp:[0-9]+ ");
+  Lines lines;
+  bool begun = false;
+  for (const LogLine& line : log) {
+    if (begun) {
+      lines.push_back({line.level, std::regex_replace(line.text, line_number,
+                                                      "zancgi_unix.cpp:N ")});
+    }
+    begun = begun || line == LogLine{-1, kSwitchBegins};
+  }
+  return lines;
+}
 
 void TellIdentity(const Told& told, const Identity& identity) {
   told("users", identity.users);

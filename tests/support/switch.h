@@ -73,6 +73,9 @@ struct Switched {
 /// Marks in the log where a switch begins.
 void MarkSwitch();
 
+/// The log lines behind that mark, with a letter in place of line numbers.
+Lines LinesOfTheSwitch(const Lines& log);
+
 /// Has SwitchedOf() find this identity.
 void TellIdentity(const Told& told, const Identity& identity);
 

@@ -1,0 +1,115 @@
+#include "support/file_calls.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <utility>
+
+namespace support {
+namespace {
+
+/// Null until a test watches: calls happen before any constructor of this
+/// program has run.
+constinit const FileCallWatcher* watcher_in_use = nullptr;
+constinit bool is_watching = false;
+
+/// Whether the call is to be made. If not, errno says why.
+bool IsLet(const char* name, const char* path) {
+  if (watcher_in_use == nullptr || is_watching) return true;
+  const int kept = errno;
+  is_watching = true;
+  const int error = (*watcher_in_use)({name, path});
+  is_watching = false;
+  errno = error == 0 ? kept : error;
+  return error == 0;
+}
+
+/// Makes the call of that name in the library behind this program, if let.
+template <class Result, class... Arguments>
+Result Pass(const char* name, const char* path, Arguments... arguments) {
+  using Function = Result (*)(Arguments...);
+  const auto real = reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name));
+  return IsLet(name, path) ? real(arguments...) : Result{-1};
+}
+
+}  // namespace
+
+void WatchFileCalls(FileCallWatcher watcher) {
+  const FileCallWatcher* const before = std::exchange(
+      watcher_in_use,
+      watcher ? new FileCallWatcher(std::move(watcher)) : nullptr);
+  delete before;
+}
+
+}  // namespace support
+
+using support::Pass;
+
+extern "C" int open(const char* file, int oflag, ...) {
+  va_list more;
+  va_start(more, oflag);
+  const mode_t mode = (oflag & O_CREAT) != 0 ? va_arg(more, mode_t) : 0;
+  va_end(more);
+  return Pass<int>("open", file, file, oflag, mode);
+}
+
+extern "C" int mkostemp(char* name, int flags) {
+  return Pass<int>("mkostemp", name, name, flags);
+}
+
+extern "C" int lstat(const char* file, struct stat* buf) noexcept {
+  return Pass<int>("lstat", file, file, buf);
+}
+
+extern "C" int fstat(int fd, struct stat* buf) noexcept {
+  return Pass<int>("fstat", "", fd, buf);
+}
+
+// Under names of their own, since their headers declare that write does not
+// look into buf as text, and that read only writes to it.
+extern "C" ssize_t WatchedRead(int fd, void* buf, size_t size) __asm__("read");
+
+extern "C" ssize_t WatchedRead(int fd, void* buf, size_t size) {
+  return Pass<ssize_t>("read", "", fd, buf, size);
+}
+
+extern "C" ssize_t WatchedWrite(int fd, const void* buf,
+                                size_t size) __asm__("write");
+
+extern "C" ssize_t WatchedWrite(int fd, const void* buf, size_t size) {
+  return Pass<ssize_t>("write", "", fd, buf, size);
+}
+
+extern "C" int fsync(int fd) { return Pass<int>("fsync", "", fd); }
+
+extern "C" int fchown(int fd, uid_t owner, gid_t group) noexcept {
+  return Pass<int>("fchown", "", fd, owner, group);
+}
+
+extern "C" int fchownat(int fd, const char* file, uid_t owner, gid_t group,
+                        int flag) noexcept {
+  return Pass<int>("fchownat", file, fd, file, owner, group, flag);
+}
+
+extern "C" int fchmod(int fd, mode_t mode) noexcept {
+  return Pass<int>("fchmod", "", fd, mode);
+}
+
+extern "C" int link(const char* from, const char* to) noexcept {
+  return Pass<int>("link", from, from, to);
+}
+
+extern "C" int unlink(const char* name) noexcept {
+  return Pass<int>("unlink", name, name);
+}
+
+extern "C" int renameat2(int oldfd, const char* from, int newfd, const char* to,
+                         unsigned flags) noexcept {
+  return Pass<int>("renameat2", from, oldfd, from, newfd, to, flags);
+}

@@ -1,0 +1,31 @@
+/// @file
+/// A view of each call that the library makes on files, for tests that do
+/// something in between.
+///
+/// A program that uses this has file_calls.cpp among its own sources: the
+/// functions defined there would otherwise be drawn into every test program.
+#ifndef ZANCGI_TESTS_SUPPORT_FILE_CALLS_H
+#define ZANCGI_TESTS_SUPPORT_FILE_CALLS_H
+
+#include <functional>
+#include <string>
+
+namespace support {
+
+struct FileCall {
+  std::string name;  ///< Such as "renameat2".
+  std::string path;  ///< The first one; empty for a call on a descriptor.
+};
+
+/// Told of a call before it is made. Returns 0 to let it be made, or else the
+/// error with which it is to fail.
+using FileCallWatcher = std::function<int(const FileCall& call)>;
+
+/// Watches this process from now on, in a child only. What the watcher itself
+/// calls is not told. Of several watchers the last counts; an empty one ends
+/// it.
+void WatchFileCalls(FileCallWatcher watcher);
+
+}  // namespace support
+
+#endif

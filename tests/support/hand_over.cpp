@@ -1,0 +1,191 @@
+#include "support/hand_over.h"
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <zancgi/zancgi.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <regex>
+#include <sstream>
+#include <stdexcept>
+
+#include "support/switch.h"
+
+namespace fs = std::filesystem;
+
+namespace support {
+namespace {
+
+constexpr char kOtherFileSystem[] = "/dev/shm";
+
+constinit const Account* only_account = nullptr;
+constinit bool refuses_chroot = false;
+
+passwd EntryOf(const Account& account) {
+  passwd entry{};
+  // Nobody writes to them.
+  entry.pw_name = const_cast<char*>(account.name.c_str());
+  entry.pw_dir = const_cast<char*>(account.home.c_str());
+  entry.pw_uid = account.uid;
+  entry.pw_gid = account.gid;
+  return entry;
+}
+
+void Give(const std::string& path, const Account& account) {
+  if (::lchown(path.c_str(), account.uid, account.gid) != 0) {
+    throw std::runtime_error("cannot give " + path + " away");
+  }
+}
+
+void TellRecord(const Told& told, const zan_cgi::Cgi::Data& record) {
+  for (const auto& [name, file] : record.files) {
+    told("path of " + name, file.path);
+    told("size of " + name, std::to_string(file.size));
+  }
+  told("parsed", record.parsed ? "yes" : "no");
+}
+
+void HandOverInChild(const std::vector<Stored>& files, const HandOverCall& call,
+                     const Told& told) {
+  zan_cgi::Cgi::Data record;
+  for (const Stored& file : files) {
+    record.files[file.name] = {file.path, file.size};
+  }
+  MarkSwitch();
+  try {
+    record.DoChownFiles(call.user, call.dir, call.use_chroot);
+  } catch (...) {
+    TellRecord(told, record);
+    // They stay for the test to look at.
+    record.files.clear();
+    throw;
+  }
+  TellRecord(told, record);
+  record.files.clear();
+}
+
+}  // namespace
+
+void FakeAccount(const Account& account) {
+  only_account = new Account(account);
+}
+
+void RefuseChroot() { refuses_chroot = true; }
+
+struct stat StatOf(const std::string& path) {
+  struct stat found {};
+  EXPECT_EQ(::lstat(path.c_str(), &found), 0) << path;
+  return found;
+}
+
+std::string Attributes(uid_t owner, gid_t group, mode_t mode) {
+  std::ostringstream text;
+  text << owner << ':' << group << " 0" << std::oct << mode;
+  return text.str();
+}
+
+std::string AttributesOf(const std::string& path) {
+  const struct stat found = StatOf(path);
+  return Attributes(found.st_uid, found.st_gid, found.st_mode & 07777);
+}
+
+bool IsThere(const std::string& path) {
+  struct stat found;
+  return ::lstat(path.c_str(), &found) == 0;
+}
+
+bool Owners::CanBeAcross() {
+  struct stat other {};
+  if (::stat(kOtherFileSystem, &other) != 0 ||
+      ::access(kOtherFileSystem, W_OK) != 0) {
+    return false;
+  }
+  return StatOf(Scratch().Path()).st_dev != other.st_dev;
+}
+
+Owners::Owners(bool across)
+    : other_(across ? kOtherFileSystem : scratch_.Path()),
+      home_(other_.MakeDir("home")),
+      visitor_{"visitor", ::geteuid(), ::getegid(), home_} {
+  if (IsRoot()) {
+    visitor_.uid = kVisitor;
+    visitor_.gid = kVisitors;
+  }
+  // As /tmp is.
+  fs::permissions(scratch_.MakeDir("spool"), fs::perms(01777));
+  for (const Scratch* scratch : {&scratch_, &other_}) {
+    fs::permissions(scratch->Path(), fs::perms(0755));
+  }
+  Give(home_, visitor_);
+}
+
+std::string Owners::MakeUpload(const std::string& name,
+                               const std::string& content) const {
+  const std::string path = scratch_.MakeFile("spool/" + name, content);
+  fs::permissions(path, fs::perms(0600));
+  return path;
+}
+
+std::vector<std::string> Owners::NamesIn(const std::string& folder) {
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(folder)) {
+    names.push_back(entry.path().filename());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::string Owners::AttributesBefore() const {
+  return Attributes(::geteuid(), ::getegid(), 0600);
+}
+
+std::string Owners::AttributesAfter() const {
+  return Attributes(visitor_.uid, visitor_.gid, 0644);
+}
+
+HandedOver HandOver(const Owners& owners, const std::vector<Stored>& files,
+                    const HandOverCall& call,
+                    const std::function<void()>& prepare) {
+  Outcome outcome = call.child.Run([&](const Told& told) {
+    FakeAccount(owners.Visitor());
+    prepare();
+    HandOverInChild(files, call, told);
+  });
+  EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
+  EXPECT_EQ(outcome.leaked_descriptors, std::vector<std::string>{});
+  HandedOver result;
+  result.error_type = outcome.error_type;
+  result.error = outcome.error;
+  result.parsed = outcome.told["parsed"] == "yes";
+  for (const Stored& file : files) {
+    result.paths[file.name] = outcome.told["path of " + file.name];
+    result.sizes[file.name] = outcome.told["size of " + file.name];
+  }
+  result.log = LinesOfTheSwitch(outcome.log);
+  return result;
+}
+
+}  // namespace support
+
+extern "C" passwd* getpwnam(const char* name) {
+  using Function = passwd* (*)(const char*);
+  static passwd found;
+  if (support::only_account == nullptr) {
+    return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, "getpwnam"))(name);
+  }
+  found = support::EntryOf(*support::only_account);
+  return support::only_account->name == name ? &found : nullptr;
+}
+
+extern "C" int chroot(const char* path) noexcept {
+  if (!support::refuses_chroot) {
+    return static_cast<int>(::syscall(SYS_chroot, path));
+  }
+  errno = EPERM;
+  return -1;
+}

@@ -1,0 +1,115 @@
+/// @file
+/// Uploads that are handed over to an account, by root to another one or by an
+/// ordinary user to itself.
+///
+/// A program that uses this has hand_over.cpp and file_calls.cpp among its own
+/// sources: the functions defined there would otherwise be drawn into every
+/// test program.
+#ifndef ZANCGI_TESTS_SUPPORT_HAND_OVER_H
+#define ZANCGI_TESTS_SUPPORT_HAND_OVER_H
+
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "support/account.h"
+#include "support/child.h"
+#include "support/scratch.h"
+
+namespace support {
+
+/// The only account that getpwnam(3) knows in this process from now on. Call
+/// it in a child only.
+void FakeAccount(const Account& account);
+
+/// Has chroot(2) fail in this process, as it does without the capability.
+void RefuseChroot();
+
+/// The attributes of a file itself; fails the test when there is none.
+struct stat StatOf(const std::string& path);
+/// "owner:group mode", the mode in octal with a 0 in front.
+std::string AttributesOf(const std::string& path);
+/// What attributes look like there.
+std::string Attributes(uid_t owner, gid_t group, mode_t mode);
+/// Whether anything is there, be it a link to nothing.
+bool IsThere(const std::string& path);
+
+/// An upload in a record: the client's name, and where its bytes lie.
+struct Stored {
+  std::string name;
+  std::string path;
+  std::int64_t size = 0;
+};
+
+/// What a hand-over has come to.
+struct HandedOver {
+  std::string error_type;
+  std::string error;
+  /// What is recorded for each upload, by the client's name.
+  std::map<std::string, std::string> paths;
+  std::map<std::string, std::string> sizes;
+  bool parsed = false;
+  /// From the hand-over on; "zancgi_unix.cpp:N" for source name and line.
+  std::vector<LogLine> log;
+};
+
+/// The folder "spool", in which uploads lie, and the account "visitor" with its
+/// home.
+class Owners {
+ public:
+  /// @param across  whether the home lies in another file system
+  explicit Owners(bool across = false);
+
+  /// Whether there is another file system to be had.
+  static bool CanBeAcross();
+
+  std::string Spool() const { return scratch_ / "spool"; }
+  std::string Home() const { return home_; }
+  const Account& Visitor() const { return visitor_; }
+  std::string operator/(const std::string& name) const {
+    return scratch_ / name;
+  }
+  /// Puts a home of this path into the password database.
+  void MoveHome(const std::string& path) { visitor_.home = path; }
+
+  /// Makes a file of mode 0600 in the spool folder and returns its path.
+  std::string MakeUpload(const std::string& name,
+                         const std::string& content = "x") const;
+  std::vector<std::string> InHome() const { return NamesIn(home_); }
+  std::vector<std::string> InSpool() const { return NamesIn(Spool()); }
+
+  /// Of a file that has not been handed over, and of one that has.
+  std::string AttributesBefore() const;
+  std::string AttributesAfter() const;
+
+ private:
+  static std::vector<std::string> NamesIn(const std::string& folder);
+
+  Scratch scratch_;
+  Scratch other_;
+  std::string home_;
+  Account visitor_;
+};
+
+/// The arguments of a hand-over, and where it takes place.
+struct HandOverCall {
+  std::string user = "visitor";
+  std::string dir = {};
+  bool use_chroot = false;
+  Child child = Child();
+};
+
+/// Hands over in a child, which leaves the files where they then are.
+/// @param prepare  called in the child, directly before
+HandedOver HandOver(
+    const Owners& owners, const std::vector<Stored>& files,
+    const HandOverCall& call = {},
+    const std::function<void()>& prepare = [] {});
+
+}  // namespace support
+
+#endif
