@@ -13,6 +13,7 @@
 #include <regex>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 
 #include "support/switch.h"
 
@@ -72,7 +73,7 @@ void HandOverInChild(const std::vector<Stored>& files, const HandOverCall& call,
 }  // namespace
 
 void FakeAccount(const Account& account) {
-  only_account = new Account(account);
+  delete std::exchange(only_account, new Account(account));
 }
 
 void RefuseChroot() { refuses_chroot = true; }

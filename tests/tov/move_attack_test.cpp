@@ -1,0 +1,417 @@
+// An account that attacks the hand-over of its uploads.
+//
+// Root gives a file in a sticky folder to an account and then moves it into the
+// account's home. From the first step on the account owns the file, and it owns
+// the home: it can exchange whatever lies under either name at any moment. Here
+// it does so before each single call that the move consists of.
+
+#include <fcntl.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <tov/file.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <ostream>
+#include <sstream>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "support/child.h"
+#include "support/file_calls.h"
+#include "support/scratch.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using support::Child;
+using support::FileCall;
+using support::Outcome;
+using support::ReadFile;
+using support::Scratch;
+using support::Told;
+using Strings = std::vector<std::string>;
+
+constexpr uid_t kAccount = 54321;
+constexpr gid_t kGroup = 54322;
+constexpr char kOtherFileSystem[] = "/dev/shm";
+constexpr char kSecret[] = "secret";
+/// Longer than what is copied in one piece.
+constexpr std::size_t kSize = 100'000;
+
+bool IsAnotherFileSystem(const std::string& path) {
+  struct stat here {};
+  struct stat there {};
+  return ::stat(fs::temp_directory_path().c_str(), &here) == 0 &&
+         ::stat(path.c_str(), &there) == 0 && here.st_dev != there.st_dev;
+}
+
+std::string Describe(const std::string& path) {
+  struct stat found {};
+  if (::lstat(path.c_str(), &found) != 0) return path + " is gone";
+  std::ostringstream text;
+  text << path << ' ' << found.st_uid << ':' << found.st_gid << ' ' << std::oct
+       << found.st_mode << ' '
+       << (S_ISREG(found.st_mode) ? ReadFile(path) : "");
+  return text.str();
+}
+
+/// How a file is moved.
+enum class Way {
+  kRename,  ///< Within one file system.
+  kLink,    ///< Within one that cannot rename without replacing.
+  kCopy,    ///< From one to another.
+};
+
+/// The folders "spool", which is as /tmp is, "vault", which is root's, and
+/// "home", which is the account's.
+class Place {
+ public:
+  explicit Place(bool across)
+      : other_(across ? kOtherFileSystem : scratch_.Path()) {
+    for (const Scratch* scratch : {&scratch_, &other_}) {
+      fs::permissions(scratch->Path(), fs::perms(0755));
+    }
+    fs::permissions(scratch_.MakeDir("spool"), fs::perms(01777));
+    Give(other_.MakeDir("home"));
+    MakeVault(scratch_);
+    MakeVault(other_);
+    scratch_.MakeFile("spool/upload", std::string(kSize, 'u'));
+    fs::permissions(Source(), fs::perms(0600));
+  }
+
+  std::string Spool() const { return scratch_ / "spool"; }
+  std::string Source() const { return scratch_ / "spool/upload"; }
+  std::string Home() const { return other_ / "home"; }
+  std::string Target() const { return Home() + "/upload"; }
+  /// On the file system of the source, and on that of the target.
+  std::string Vault() const { return scratch_ / "vault"; }
+  std::string HomeVault() const { return other_ / "vault"; }
+
+  /// Where the file lies that the move makes beside its target; empty when
+  /// there is none.
+  std::string Draft() const {
+    for (const auto& entry : fs::directory_iterator(Home())) {
+      if (entry.path().filename().string().starts_with(".tov-")) {
+        return entry.path();
+      }
+    }
+    return "";
+  }
+
+  /// All that is root's, as it is.
+  Strings RootsFiles() const {
+    Strings files;
+    for (const std::string& vault : {Vault(), HomeVault()}) {
+      for (const auto& entry : fs::recursive_directory_iterator(vault)) {
+        files.push_back(Describe(entry.path()));
+      }
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+  }
+
+ private:
+  static void MakeVault(const Scratch& scratch) {
+    fs::permissions(scratch.MakeDir("vault/folder"), fs::perms(0755));
+    fs::permissions(scratch.MakeFile("vault/secret", kSecret), fs::perms(0600));
+    fs::permissions(scratch.MakeFile("vault/folder/upload", kSecret),
+                    fs::perms(0600));
+    fs::permissions(scratch.MakeFile("vault/program", "program"),
+                    fs::perms(06755));
+  }
+
+  static void Give(const std::string& path) {
+    ASSERT_EQ(::chown(path.c_str(), kAccount, kGroup), 0);
+  }
+
+  Scratch scratch_;
+  Scratch other_;
+};
+
+/// What another process of the account does. Returns whether that worked.
+bool AsAccount(const std::function<bool()>& deed) {
+  const pid_t process = ::fork();
+  if (process == 0) {
+    const bool worked = ::setgroups(0, nullptr) == 0 && ::setgid(kGroup) == 0 &&
+                        ::setuid(kAccount) == 0 && deed();
+    ::_exit(worked ? 0 : 1);
+  }
+  int status = 1;
+  return ::waitpid(process, &status, 0) == process && status == 0;
+}
+
+bool PutFile(const std::string& path) {
+  const int file = ::open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY, 0644);
+  return file >= 0 && ::write(file, "own", 3) == 3 && ::close(file) == 0;
+}
+
+/// As the account; by root where the kernel does not let the account link to a
+/// file that it cannot write (fs.protected_hardlinks), which not all do.
+bool PutHardLink(const std::string& victim, const std::string& path) {
+  return AsAccount([&] { return ::link(victim.c_str(), path.c_str()) == 0; }) ||
+         ::link(victim.c_str(), path.c_str()) == 0;
+}
+
+/// What the account puts in the place of a file.
+struct Bait {
+  const char* name;
+  /// @param vault  root's folder on the same file system
+  bool (*put)(const std::string& path, const std::string& vault);
+};
+
+void PrintTo(const Bait& bait, std::ostream* out) { *out << bait.name; }
+
+bool PutLink(const std::string& target, const std::string& path) {
+  return AsAccount(
+      [&] { return ::symlink(target.c_str(), path.c_str()) == 0; });
+}
+
+const Bait kLinkToSecret = {
+    "LinkToASecret", [](const std::string& path, const std::string& vault) {
+      return PutLink(vault + "/secret", path);
+    }};
+const Bait kLinkToFolder = {
+    "LinkToAFolder", [](const std::string& path, const std::string& vault) {
+      return PutLink(vault + "/folder", path);
+    }};
+const Bait kLinkToNothing = {
+    "LinkToNothing", [](const std::string& path, const std::string& vault) {
+      return PutLink(vault + "/new", path);
+    }};
+const Bait kHardLinkToSecret = {
+    "HardLinkToASecret", [](const std::string& path, const std::string& vault) {
+      return PutHardLink(vault + "/secret", path);
+    }};
+const Bait kHardLinkToProgram = {
+    "HardLinkToASetIdProgram",
+    [](const std::string& path, const std::string& vault) {
+      return PutHardLink(vault + "/program", path);
+    }};
+const Bait kFifo = {
+    "Fifo", [](const std::string& path, const std::string& /*vault*/) {
+      return AsAccount([&] { return ::mkfifo(path.c_str(), 0666) == 0; });
+    }};
+const Bait kFolder = {
+    "Folder", [](const std::string& path, const std::string& /*vault*/) {
+      return AsAccount([&] { return ::mkdir(path.c_str(), 0777) == 0; });
+    }};
+const Bait kFile = {"File",
+                    [](const std::string& path, const std::string& /*vault*/) {
+                      return AsAccount([&] { return PutFile(path); });
+                    }};
+const Bait kNothing = {
+    "Nothing", [](const std::string& /*path*/, const std::string& /*vault*/) {
+      return true;
+    }};
+
+/// Does something before the call of this number and counts the calls.
+class Interruption {
+ public:
+  Interruption(int at, Way way, std::function<void()> deed)
+      : at_(at), way_(way), deed_(std::move(deed)) {}
+
+  int Before(const FileCall& call) {
+    if (calls_++ == at_) deed_();
+    return way_ == Way::kLink && call.name == "renameat2" ? EINVAL : 0;
+  }
+  int Calls() const { return calls_; }
+
+ private:
+  int at_;
+  Way way_;
+  std::function<void()> deed_;
+  int calls_ = 0;
+};
+
+struct Attacked {
+  std::string error_type;
+  std::string error;
+  int calls = 0;
+  /// Whether the account could do what it wanted.
+  bool done = false;
+};
+
+void HandOver(const Place& place) {
+  tov_file::Attrs(0644, kAccount, kGroup).SafeSet(place.Source(), false);
+  tov_file::Move(place.Source(), place.Target());
+}
+
+/// Hands over as root while the account acts before one call.
+Attacked Attack(const Place& place, Way way, int at,
+                const std::function<bool()>& deed) {
+  const Outcome outcome = Child().Run([&](const Told& told) {
+    // A process that waits for the other end of a FIFO does so for ever.
+    ::alarm(10);
+    Interruption interruption(at, way,
+                              [&] { told("done", deed() ? "yes" : "no"); });
+    support::WatchFileCalls(
+        [&](const FileCall& call) { return interruption.Before(call); });
+    std::exception_ptr failure;
+    try {
+      HandOver(place);
+    } catch (...) {
+      failure = std::current_exception();
+    }
+    support::WatchFileCalls(nullptr);
+    told("calls", std::to_string(interruption.Calls()));
+    if (failure) std::rethrow_exception(failure);
+  });
+  EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
+  EXPECT_EQ(outcome.leaked_descriptors, Strings{});
+  Attacked attacked;
+  attacked.error_type = outcome.error_type;
+  attacked.error = outcome.error;
+  if (outcome.told.contains("calls")) {
+    attacked.calls = std::stoi(outcome.told.at("calls"));
+  }
+  attacked.done =
+      outcome.told.contains("done") && outcome.told.at("done") == "yes";
+  return attacked;
+}
+
+/// Whether the account may read a file that lies in a folder of its own.
+bool AccountMayRead(const struct stat& file) {
+  if (file.st_uid == kAccount) return (file.st_mode & S_IRUSR) != 0;
+  if (file.st_gid == kGroup) return (file.st_mode & S_IRGRP) != 0;
+  return (file.st_mode & S_IROTH) != 0;
+}
+
+/// That nothing within the account's reach tells a secret or gives it root's
+/// rights.
+void ExpectNoGainIn(const std::string& folder) {
+  for (const auto& entry : fs::directory_iterator(folder)) {
+    struct stat found {};
+    ASSERT_EQ(::lstat(entry.path().c_str(), &found), 0);
+    if (!S_ISREG(found.st_mode)) continue;
+    const bool secret = ReadFile(entry.path()) == kSecret;
+    EXPECT_FALSE(secret && AccountMayRead(found)) << entry.path();
+    const bool copy = found.st_nlink == 1;
+    EXPECT_FALSE(copy && found.st_uid == 0 &&
+                 (found.st_mode & (S_ISUID | S_ISGID)) != 0)
+        << entry.path();
+  }
+}
+
+void ExpectNoGain(const Place& place, const Strings& roots_files) {
+  EXPECT_EQ(place.RootsFiles(), roots_files);
+  ExpectNoGainIn(place.Spool());
+  ExpectNoGainIn(place.Home());
+}
+
+void ExpectAFailureOfOurs(const Attacked& attacked) {
+  EXPECT_TRUE(attacked.error_type.empty() ||
+              attacked.error_type == "tov_err::Error")
+      << attacked.error_type << ": " << attacked.error;
+}
+
+/// The ways that this machine has.
+std::vector<Way> Ways() {
+  std::vector<Way> ways = {Way::kRename, Way::kLink};
+  if (IsAnotherFileSystem(kOtherFileSystem)) ways.push_back(Way::kCopy);
+  return ways;
+}
+
+std::string NameOf(const testing::TestParamInfo<std::tuple<Way, Bait>>& info) {
+  static const std::map<Way, std::string> kNames = {{Way::kRename, "Renaming"},
+                                                    {Way::kLink, "Linking"},
+                                                    {Way::kCopy, "Copying"}};
+  return kNames.at(std::get<0>(info.param)) + std::get<1>(info.param).name;
+}
+
+class MoveUnderAttack : public testing::TestWithParam<std::tuple<Way, Bait>> {
+ protected:
+  void SetUp() override {
+    if (!support::IsRoot()) GTEST_SKIP() << "needs root";
+  }
+
+  static Way TheWay() { return std::get<0>(GetParam()); }
+  static const Bait& TheBait() { return std::get<1>(GetParam()); }
+
+  /// Runs the attack once before each call.
+  /// @param path  what the account exchanges; empty when it is not there yet
+  void AttackEverywhere(
+      const std::function<std::string(const Place&)>& path) const {
+    int calls = 1;
+    int done = 0;
+    for (int at = 0; at < calls; ++at) {
+      SCOPED_TRACE("before call " + std::to_string(at));
+      const Place place(TheWay() == Way::kCopy);
+      const Strings roots_files = place.RootsFiles();
+      const Attacked attacked = Attack(
+          place, TheWay(), at, [&] { return Exchange(path(place), place); });
+      calls = std::max(calls, attacked.calls);
+      done += attacked.done ? 1 : 0;
+      ExpectAFailureOfOurs(attacked);
+      ExpectNoGain(place, roots_files);
+    }
+    EXPECT_GT(done, 0) << "the account had no opportunity";
+  }
+
+ private:
+  static bool Exchange(const std::string& path, const Place& place) {
+    if (path.empty()) return false;
+    const bool gone = AsAccount(
+        [&] { return ::unlink(path.c_str()) == 0 || errno == ENOENT; });
+    const bool at_home = path.starts_with(place.Home());
+    return gone &&
+           TheBait().put(path, at_home ? place.HomeVault() : place.Vault());
+  }
+};
+
+class SourceUnderAttack : public MoveUnderAttack {};
+
+INSTANTIATE_TEST_SUITE_P(
+    Baits, SourceUnderAttack,
+    testing::Combine(testing::ValuesIn(Ways()),
+                     testing::Values(kLinkToSecret, kLinkToFolder,
+                                     kLinkToNothing, kHardLinkToSecret, kFifo,
+                                     kFolder, kFile, kNothing)),
+    NameOf);
+
+TEST_P(SourceUnderAttack, GivesNothingAway) {
+  AttackEverywhere([](const Place& place) { return place.Source(); });
+}
+
+class TargetUnderAttack : public MoveUnderAttack {};
+
+INSTANTIATE_TEST_SUITE_P(
+    Baits, TargetUnderAttack,
+    testing::Combine(testing::ValuesIn(Ways()),
+                     testing::Values(kLinkToSecret, kLinkToFolder,
+                                     kLinkToNothing, kHardLinkToSecret,
+                                     kHardLinkToProgram, kFifo, kFolder, kFile,
+                                     kNothing)),
+    NameOf);
+
+TEST_P(TargetUnderAttack, GivesNothingAway) {
+  AttackEverywhere([](const Place& place) { return place.Target(); });
+}
+
+class DraftUnderAttack : public MoveUnderAttack {};
+
+INSTANTIATE_TEST_SUITE_P(
+    Baits, DraftUnderAttack,
+    testing::Combine(testing::Values(Way::kCopy),
+                     testing::Values(kLinkToSecret, kLinkToFolder,
+                                     kLinkToNothing, kHardLinkToSecret,
+                                     kHardLinkToProgram, kFifo, kFolder, kFile,
+                                     kNothing)),
+    NameOf);
+
+TEST_P(DraftUnderAttack, GivesNothingAway) {
+  if (!IsAnotherFileSystem(kOtherFileSystem)) {
+    GTEST_SKIP() << "needs another file system at " << kOtherFileSystem;
+  }
+  AttackEverywhere([](const Place& place) { return place.Draft(); });
+}
+
+}  // namespace
