@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -127,6 +128,10 @@ class Place {
                     fs::perms(0600));
     fs::permissions(scratch.MakeFile("vault/program", "program"),
                     fs::perms(06755));
+    // Kept from others by the folder only.
+    fs::permissions(scratch.MakeDir("vault/closed"), fs::perms(0700));
+    fs::permissions(scratch.MakeFile("vault/closed/secret", kSecret),
+                    fs::perms(0644));
   }
 
   static void Give(const std::string& path) {
@@ -179,6 +184,16 @@ const Bait kLinkToSecret = {
     "LinkToASecret", [](const std::string& path, const std::string& vault) {
       return PutLink(vault + "/secret", path);
     }};
+const Bait kLinkToHidden = {
+    "LinkToAFileInAClosedFolder",
+    [](const std::string& path, const std::string& vault) {
+      return PutLink(vault + "/closed/secret", path);
+    }};
+const Bait kLinkToProgram = {
+    "LinkToASetIdProgram",
+    [](const std::string& path, const std::string& vault) {
+      return PutLink(vault + "/program", path);
+    }};
 const Bait kLinkToFolder = {
     "LinkToAFolder", [](const std::string& path, const std::string& vault) {
       return PutLink(vault + "/folder", path);
@@ -213,22 +228,34 @@ const Bait kNothing = {
       return true;
     }};
 
-/// Does something before the call of this number and counts the calls.
+/// When the account acts: before the call of this number, counted from the one
+/// behind the first of this name.
+struct Moment {
+  int at = 0;
+  std::string behind = {};
+};
+
+/// Does something at that moment and counts the calls up to the end.
 class Interruption {
  public:
-  Interruption(int at, Way way, std::function<void()> deed)
-      : at_(at), way_(way), deed_(std::move(deed)) {}
+  Interruption(Moment moment, Way way, std::function<void()> deed)
+      : moment_(std::move(moment)),
+        way_(way),
+        deed_(std::move(deed)),
+        counts_(moment_.behind.empty()) {}
 
   int Before(const FileCall& call) {
-    if (calls_++ == at_) deed_();
+    if (counts_ && calls_++ == moment_.at) deed_();
+    counts_ = counts_ || call.name == moment_.behind;
     return way_ == Way::kLink && call.name == "renameat2" ? EINVAL : 0;
   }
   int Calls() const { return calls_; }
 
  private:
-  int at_;
+  Moment moment_;
   Way way_;
   std::function<void()> deed_;
+  bool counts_;
   int calls_ = 0;
 };
 
@@ -245,13 +272,13 @@ void HandOver(const Place& place) {
   tov_file::Move(place.Source(), place.Target());
 }
 
-/// Hands over as root while the account acts before one call.
-Attacked Attack(const Place& place, Way way, int at,
+/// Hands over as root while the account acts at one moment.
+Attacked Attack(const Place& place, Way way, const Moment& moment,
                 const std::function<bool()>& deed) {
   const Outcome outcome = Child().Run([&](const Told& told) {
     // A process that waits for the other end of a FIFO does so for ever.
     ::alarm(10);
-    Interruption interruption(at, way,
+    Interruption interruption(moment, way,
                               [&] { told("done", deed() ? "yes" : "no"); });
     support::WatchFileCalls(
         [&](const FileCall& call) { return interruption.Before(call); });
@@ -337,17 +364,19 @@ class MoveUnderAttack : public testing::TestWithParam<std::tuple<Way, Bait>> {
   static const Bait& TheBait() { return std::get<1>(GetParam()); }
 
   /// Runs the attack once before each call.
-  /// @param path  what the account exchanges; empty when it is not there yet
-  void AttackEverywhere(
-      const std::function<std::string(const Place&)>& path) const {
+  /// @param path    what the account exchanges; empty when it is not there yet
+  /// @param behind  the call behind which it begins; from the first on if empty
+  void AttackEverywhere(const std::function<std::string(const Place&)>& path,
+                        const std::string& behind = "") const {
     int calls = 1;
     int done = 0;
     for (int at = 0; at < calls; ++at) {
       SCOPED_TRACE("before call " + std::to_string(at));
       const Place place(TheWay() == Way::kCopy);
       const Strings roots_files = place.RootsFiles();
-      const Attacked attacked = Attack(
-          place, TheWay(), at, [&] { return Exchange(path(place), place); });
+      const Attacked attacked = Attack(place, TheWay(), {at, behind}, [&] {
+        return Exchange(path(place), place);
+      });
       calls = std::max(calls, attacked.calls);
       done += attacked.done ? 1 : 0;
       ExpectAFailureOfOurs(attacked);
@@ -372,7 +401,8 @@ class SourceUnderAttack : public MoveUnderAttack {};
 INSTANTIATE_TEST_SUITE_P(
     Baits, SourceUnderAttack,
     testing::Combine(testing::ValuesIn(Ways()),
-                     testing::Values(kLinkToSecret, kLinkToFolder,
+                     testing::Values(kLinkToSecret, kLinkToHidden,
+                                     kLinkToProgram, kLinkToFolder,
                                      kLinkToNothing, kHardLinkToSecret, kFifo,
                                      kFolder, kFile, kNothing)),
     NameOf);
@@ -381,12 +411,25 @@ TEST_P(SourceUnderAttack, GivesNothingAway) {
   AttackEverywhere([](const Place& place) { return place.Source(); });
 }
 
+// From when on the move knows which file it is to move.
+class KnownSourceUnderAttack : public MoveUnderAttack {};
+
+INSTANTIATE_TEST_SUITE_P(Baits, KnownSourceUnderAttack,
+                         testing::Combine(testing::ValuesIn(Ways()),
+                                          testing::Values(kHardLinkToProgram)),
+                         NameOf);
+
+TEST_P(KnownSourceUnderAttack, GivesNothingAway) {
+  AttackEverywhere([](const Place& place) { return place.Source(); }, "lstat");
+}
+
 class TargetUnderAttack : public MoveUnderAttack {};
 
 INSTANTIATE_TEST_SUITE_P(
     Baits, TargetUnderAttack,
     testing::Combine(testing::ValuesIn(Ways()),
-                     testing::Values(kLinkToSecret, kLinkToFolder,
+                     testing::Values(kLinkToSecret, kLinkToHidden,
+                                     kLinkToProgram, kLinkToFolder,
                                      kLinkToNothing, kHardLinkToSecret,
                                      kHardLinkToProgram, kFifo, kFolder, kFile,
                                      kNothing)),
@@ -401,7 +444,8 @@ class DraftUnderAttack : public MoveUnderAttack {};
 INSTANTIATE_TEST_SUITE_P(
     Baits, DraftUnderAttack,
     testing::Combine(testing::Values(Way::kCopy),
-                     testing::Values(kLinkToSecret, kLinkToFolder,
+                     testing::Values(kLinkToSecret, kLinkToHidden,
+                                     kLinkToProgram, kLinkToFolder,
                                      kLinkToNothing, kHardLinkToSecret,
                                      kHardLinkToProgram, kFifo, kFolder, kFile,
                                      kNothing)),
@@ -412,6 +456,45 @@ TEST_P(DraftUnderAttack, GivesNothingAway) {
     GTEST_SKIP() << "needs another file system at " << kOtherFileSystem;
   }
   AttackEverywhere([](const Place& place) { return place.Draft(); });
+}
+
+class MoveAndAttack : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!support::IsRoot()) GTEST_SKIP() << "needs root";
+    if (!IsAnotherFileSystem(kOtherFileSystem)) {
+      GTEST_SKIP() << "needs another file system at " << kOtherFileSystem;
+    }
+  }
+};
+
+TEST_F(MoveAndAttack, LeavesWhatHasTakenThePlaceOfACopiedSource) {
+  const Place place(true);
+  const Attacked attacked = Attack(place, Way::kCopy, {0, "fsync"}, [&] {
+    return AsAccount([&] {
+      return ::unlink(place.Source().c_str()) == 0 && PutFile(place.Source());
+    });
+  });
+  EXPECT_TRUE(attacked.done);
+  EXPECT_EQ(attacked.error, "");
+  EXPECT_EQ(ReadFile(place.Source()), "own");
+  EXPECT_EQ(ReadFile(place.Target()), std::string(kSize, 'u'));
+}
+
+// To open a file can have effects, that of a tape or a FIFO for instance.
+TEST_F(MoveAndAttack, DoesNotOpenWhatALinkPointsTo) {
+  const Place place(true);
+  const std::string fifo = place.Vault() + "/fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  const Attacked attacked = Attack(place, Way::kCopy, {0, "renameat2"}, [&] {
+    return AsAccount([&] {
+      return ::unlink(place.Source().c_str()) == 0 &&
+             ::symlink(fifo.c_str(), place.Source().c_str()) == 0;
+    });
+  });
+  EXPECT_TRUE(attacked.done);
+  EXPECT_NE(attacked.error.find(std::strerror(ELOOP)), std::string::npos)
+      << attacked.error;
 }
 
 }  // namespace
