@@ -260,6 +260,9 @@ void RunPamSession(const PamLibrary& pam, const std::string& user,
   pam.end(handle, OpenAndCloseSession(pam, handle));
 }
 
+/// A number that no inode has.
+constexpr auto kNoInode = static_cast<ino_t>(-1);
+
 /// The number of a directory's inode; none when it cannot be had.
 std::optional<ino_t> InodeOf(const std::string& path) {
   struct stat status {};
@@ -275,7 +278,7 @@ std::optional<ino_t> InodeOf(const std::string& path) {
 void DemandInside(std::optional<ino_t> home) {
   std::string path = ".";
   std::optional<ino_t> here = InodeOf(path);
-  while (!home || here != home) {
+  while (here != home) {
     const std::optional<ino_t> below = here;
     path += "/..";
     here = InodeOf(path);
@@ -287,9 +290,14 @@ void DemandInside(std::optional<ino_t> home) {
 
 /// Enters a directory below the current one, which is the home.
 void EnterInsideHome(const std::string& dir) {
-  const std::optional<ino_t> home = InodeOf(".");
+  // A home that the account may not search tells no number, neither now nor, if
+  // the process stays in it, later.
+  std::optional<ino_t> home = InodeOf(".");
   const std::size_t begin = std::min(dir.find_first_not_of('/'), dir.size());
-  if (begin < dir.size()) EnterDirectory(dir.substr(begin));
+  if (begin < dir.size()) {
+    EnterDirectory(dir.substr(begin));
+    if (!home) home = kNoInode;
+  }
   DemandInside(home);
 }
 

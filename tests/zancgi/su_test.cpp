@@ -187,6 +187,18 @@ TEST_F(Su, UnconfinedFollowsALinkThatStaysInside) {
   EXPECT_EQ(switched.identity, Visitor("/", machine_ / "home/www"));
 }
 
+TEST_F(Su, UnconfinedStaysInAHomeThatItsAccountMayNotSearch) {
+  fs::permissions(machine_.Home(), fs::perms{0600});
+  for (const char* dir : {"", "/"}) {
+    const Switched switched = Switch(machine_, {.dir = dir});
+    EXPECT_EQ(switched.error, "");
+    EXPECT_EQ(switched.identity, Visitor("/", machine_.Home()));
+  }
+  const Switched switched = Switch(machine_, {.dir = "/www"});
+  EXPECT_EQ(switched.error, "no such directory 'www'");
+  EXPECT_EQ(switched.identity, Visitor("/", machine_.Home()));
+}
+
 TEST_F(Su, UnconfinedSaysWhenTheWayUpIsLongerThanAPathMayBe) {
   // A path has 4095 bytes at most, and the way up needs three for each level.
   constexpr int kLevels = 4094 / 3;
