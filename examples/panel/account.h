@@ -131,7 +131,7 @@ inline bool HasNoOtherGroups(const Account& account) {
   std::vector<gid_t> groups(static_cast<std::size_t>(std::max(count, 0)));
   if (::getgroups(count, groups.data()) != count) return false;
   return std::all_of(groups.begin(), groups.end(), [&](gid_t group) {
-    return account.groups.count(group) != 0;
+    return account.groups.contains(group);
   });
 }
 

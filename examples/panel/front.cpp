@@ -193,7 +193,7 @@ void ShowHome(Cgi& cgi) {
            "<th class=\"numbers\">Bytes</th></tr></thead>\n<tbody>\n" +
                HomeRows(listing) + "</tbody>\n</table>\n" +
                (listing.whole ? "" : "<p class=\"hint\">And more.</p>\n") +
-               "<p class=\"hint\">Seen by <b id=\"account\">" +
+               R"(<p class="hint">Seen by <b id="account">)" +
                Escape(account.name) + "</b>, user " + str::Str(::getuid()) +
                ".</p></div>\n",
            Navigation(cgi, answer));
@@ -298,6 +298,7 @@ std::vector<Upload> KeepUploads(Cgi& cgi, const Account& account,
                                 const UploadSpool& spool,
                                 const std::vector<std::string>& names) {
   std::vector<Upload> uploads;
+  uploads.reserve(names.size());
   for (const std::string& name : names) {
     uploads.push_back({name, std::filesystem::file_size(cgi.File(name)),
                        NameToKeep(name), ""});
