@@ -9,12 +9,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <exception>
 #include <filesystem>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
 
+#include "support/file_calls.h"
 #include "support/switch.h"
 
 namespace fs = std::filesystem;
@@ -43,6 +45,30 @@ void Give(const std::string& path, const Account& account) {
   }
 }
 
+std::vector<std::string> NamesIn(const std::string& folder) {
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(folder)) {
+    names.push_back(entry.path().filename());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::string Joined(const std::vector<std::string>& names) {
+  std::string text;
+  for (const std::string& name : names) text += name + "/";
+  return text;
+}
+
+std::vector<std::string> Split(const std::string& text) {
+  std::vector<std::string> names;
+  std::istringstream stream(text);
+  for (std::string name; std::getline(stream, name, '/');) {
+    names.push_back(name);
+  }
+  return names;
+}
+
 void TellRecord(const Told& told, const zan_cgi::Cgi::Data& record) {
   for (const auto& [name, file] : record.files) {
     told("path of " + name, file.path);
@@ -51,23 +77,27 @@ void TellRecord(const Told& told, const zan_cgi::Cgi::Data& record) {
   told("parsed", record.parsed ? "yes" : "no");
 }
 
-void HandOverInChild(const std::vector<Stored>& files, const HandOverCall& call,
-                     const Told& told) {
+void HandOverInChild(const Owners& owners, const std::vector<Stored>& files,
+                     const HandOverCall& call, const Told& told) {
   zan_cgi::Cgi::Data record;
   for (const Stored& file : files) {
     record.files[file.name] = {file.path, file.size};
   }
   MarkSwitch();
+  std::exception_ptr failure;
   try {
     record.DoChownFiles(call.user, call.dir, call.use_chroot);
   } catch (...) {
-    TellRecord(told, record);
-    // They stay for the test to look at.
-    record.files.clear();
-    throw;
+    failure = std::current_exception();
   }
+  WatchFileCalls(nullptr);
   TellRecord(told, record);
+  if (fs::is_directory(owners.Home())) {
+    told("in home", Joined(owners.InHome()));
+  }
+  // They stay for the test to look at.
   record.files.clear();
+  if (failure) std::rethrow_exception(failure);
 }
 
 }  // namespace
@@ -132,14 +162,9 @@ std::string Owners::MakeUpload(const std::string& name,
   return path;
 }
 
-std::vector<std::string> Owners::NamesIn(const std::string& folder) {
-  std::vector<std::string> names;
-  for (const auto& entry : fs::directory_iterator(folder)) {
-    names.push_back(entry.path().filename());
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
+std::vector<std::string> Owners::InHome() const { return NamesIn(home_); }
+
+std::vector<std::string> Owners::InSpool() const { return NamesIn(Spool()); }
 
 std::string Owners::AttributesBefore() const {
   return Attributes(::geteuid(), ::getegid(), 0600);
@@ -155,7 +180,7 @@ HandedOver HandOver(const Owners& owners, const std::vector<Stored>& files,
   Outcome outcome = call.child.Run([&](const Told& told) {
     FakeAccount(owners.Visitor());
     prepare();
-    HandOverInChild(files, call, told);
+    HandOverInChild(owners, files, call, told);
   });
   EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
   EXPECT_EQ(outcome.leaked_descriptors, std::vector<std::string>{});
@@ -163,6 +188,7 @@ HandedOver HandOver(const Owners& owners, const std::vector<Stored>& files,
   result.error_type = outcome.error_type;
   result.error = outcome.error;
   result.parsed = outcome.told["parsed"] == "yes";
+  result.in_home = Split(outcome.told["in home"]);
   for (const Stored& file : files) {
     result.paths[file.name] = outcome.told["path of " + file.name];
     result.sizes[file.name] = outcome.told["size of " + file.name];

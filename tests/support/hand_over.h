@@ -53,6 +53,8 @@ struct HandedOver {
   std::map<std::string, std::string> paths;
   std::map<std::string, std::string> sizes;
   bool parsed = false;
+  /// What then lies in the home as the child sees it, none if it cannot.
+  std::vector<std::string> in_home;
   /// From the hand-over on; "zancgi_unix.cpp:N" for source name and line.
   std::vector<LogLine> log;
 };
@@ -79,16 +81,14 @@ class Owners {
   /// Makes a file of mode 0600 in the spool folder and returns its path.
   std::string MakeUpload(const std::string& name,
                          const std::string& content = "x") const;
-  std::vector<std::string> InHome() const { return NamesIn(home_); }
-  std::vector<std::string> InSpool() const { return NamesIn(Spool()); }
+  std::vector<std::string> InHome() const;
+  std::vector<std::string> InSpool() const;
 
   /// Of a file that has not been handed over, and of one that has.
   std::string AttributesBefore() const;
   std::string AttributesAfter() const;
 
  private:
-  static std::vector<std::string> NamesIn(const std::string& folder);
-
   Scratch scratch_;
   Scratch other_;
   std::string home_;
