@@ -411,6 +411,14 @@ TEST_P(SourceUnderAttack, GivesNothingAway) {
   AttackEverywhere([](const Place& place) { return place.Source(); });
 }
 
+// A hard link to a set-id program of root's, in the place of the file before
+// the move has looked at it: a copy of the program, on another file system,
+// would outlive the program's own removal or repair.
+INSTANTIATE_TEST_SUITE_P(Programs, SourceUnderAttack,
+                         testing::Combine(testing::ValuesIn(Ways()),
+                                          testing::Values(kHardLinkToProgram)),
+                         NameOf);
+
 // From when on the move knows which file it is to move.
 class KnownSourceUnderAttack : public MoveUnderAttack {};
 

@@ -223,6 +223,15 @@ TEST_P(NameInTheHome, IsNeverReplacedNorFollowed) {
   EXPECT_EQ(after.st_mtim.tv_nsec, before.st_mtim.tv_nsec);
 }
 
+TEST_P(NameInTheHome, IsRefusedWithBothPaths) {
+  const Owners owners(Across());
+  const std::string upload = owners.MakeUpload("upload", "content");
+  const std::string target = owners.Home() + "/upload";
+  std::get<1>(GetParam()).put(owners, target);
+  const HandedOver done = HandOver(owners, {{"a", upload}});
+  EXPECT_TRUE(Says(done, {upload, target}, EEXIST));
+}
+
 constexpr std::size_t kLarge = 1'000'000;
 
 /// A child that hands over one large upload into a home across file systems.
