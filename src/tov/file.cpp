@@ -122,11 +122,13 @@ void CopyWithAttributes(int source, const std::string& from, int target,
                         const std::string& to) {
   CopyBytes(source, from, target, to);
   const struct stat status = StatusOf(source, from);
-  // The owner first: a change of owner takes set-id bits away.
   if (::fchown(target, status.st_uid, status.st_gid) != 0) {
     ThrowFor("cannot set the owner of", to, errno);
   }
-  if (::fchmod(target, status.st_mode & kPermissionBits) != 0) {
+  // Somebody may have put a hard link to a set-id program of another owner in
+  // the source's place. A copy would outlive the removal of that program.
+  constexpr mode_t kSetId = S_ISUID | S_ISGID;
+  if (::fchmod(target, status.st_mode & kPermissionBits & ~kSetId) != 0) {
     ThrowFor("cannot set the permissions of", to, errno);
   }
   // A full disk may show only here; the source must still be there then.

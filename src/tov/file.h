@@ -94,9 +94,10 @@ TOV_API void MkDir(const std::string& path, const Attrs* attrs);
 
 /// Moves a regular file, across file systems too.
 ///
-/// Mode and owner are kept. Nothing existing is ever replaced and no symbolic
-/// link is followed at either end. A file never stands half under its final
-/// name, and after a failure the source is still there.
+/// Mode and owner are kept, but what is copied to another file system loses its
+/// set-user-id and set-group-id bits. Nothing existing is ever replaced and no
+/// symbolic link is followed at either end. A file never stands half under its
+/// final name, and after a failure the source is still there.
 /// @throws tov_err::Error on failure; an existing @p to is one
 TOV_API void Move(const std::string& from, const std::string& to);
 
