@@ -17,7 +17,6 @@
 #include <utility>
 
 #include "support/child.h"
-#include "support/switch.h"
 
 namespace support {
 namespace {
@@ -122,11 +121,13 @@ passwd* PretendedEntry(const std::string& user) {
 }
 
 int PretendedGroups(gid_t base, gid_t* groups, int* count) {
-  const int capacity = std::exchange(*count, 2);
-  if (capacity < 2) return -1;
-  groups[0] = base;
-  groups[1] = kHelpers;
-  return 2;
+  const std::vector<gid_t>& others = recorded->groups;
+  const int capacity =
+      std::exchange(*count, static_cast<int>(others.size()) + 1);
+  if (capacity < *count) return -1;
+  *groups = base;
+  std::copy(others.begin(), others.end(), groups + 1);
+  return *count;
 }
 
 std::string FchdirToInode(const struct stat& directory) {

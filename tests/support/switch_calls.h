@@ -7,6 +7,8 @@
 #ifndef ZANCGI_TESTS_SUPPORT_SWITCH_CALLS_H
 #define ZANCGI_TESTS_SUPPORT_SWITCH_CALLS_H
 
+#include <sys/types.h>
+
 #include <functional>
 #include <map>
 #include <string>
@@ -22,8 +24,10 @@ struct Answers {
   /// Nobody becomes anybody: calls that take root's rights or ask who is who
   /// succeed without being made, and PAM is not there. The others are made.
   bool pretend = true;
-  /// The accounts that then exist. Each is a member of group kHelpers.
+  /// The accounts that then exist.
   std::vector<Account> accounts = {};
+  /// The groups that each of them is a member of, besides its base group.
+  std::vector<gid_t> groups = {};
   /// What a call gives instead of being made: errno, or the code of a PAM
   /// function. One number for each time that it is called, 0 for as usual;
   /// later calls are as usual.

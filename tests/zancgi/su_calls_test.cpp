@@ -1,5 +1,6 @@
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <pwd.h>
 #include <security/pam_appl.h>
 #include <sys/stat.h>
@@ -59,7 +60,8 @@ support::LogLine Called(const std::string& call) { return {-1, call}; }
 Answers Pretended(const Machine& machine) {
   return {.accounts = {{"root", 0, 0, machine.Start()},
                        {"visitor", support::kVisitor, support::kVisitors,
-                        machine.Home()}}};
+                        machine.Home()}},
+          .groups = {support::kHelpers}};
 }
 
 /// Answers for a test as root: everything is made.
@@ -390,6 +392,38 @@ TEST_F(SuCalls, TakeAwayAllGroupsWhenTheAccountsAreRefused) {
     EXPECT_EQ(switched.error, "");
     EXPECT_EQ(switched.log, calls);
   }
+}
+
+TEST_F(SuCalls, AskOnceMoreForTheGroupsOfAnAccountThatHasMany) {
+  const auto first = static_cast<gid_t>(support::kVisitor) + 1;
+  std::string all = "setgroups 54321";
+  answers_.groups.clear();
+  for (gid_t group = first; group < first + 40; ++group) {
+    answers_.groups.push_back(group);
+    all += " " + std::to_string(group);
+  }
+  const Call call = {.dir = "/", .use_chroot = true};
+  Lines calls = OfSwitch(machine_, call);
+  calls.insert(calls.begin() + 1, calls[1]);
+  std::replace(calls.begin(), calls.end(), Called("setgroups 54321 54330"),
+               Called(all));
+  const Switched switched = Pretend(call);
+  EXPECT_EQ(switched.error, "");
+  EXPECT_EQ(switched.log, calls);
+}
+
+TEST_F(SuCalls, SetNoMoreGroupsThanTheKernelTakes) {
+  std::string most = "setgroups";
+  answers_.groups.clear();
+  for (gid_t group = 1000; answers_.groups.size() < NGROUPS_MAX; ++group) {
+    if (group != support::kVisitor) answers_.groups.push_back(group);
+  }
+  std::vector<gid_t> taken(answers_.groups.begin(), answers_.groups.end() - 1);
+  taken.push_back(support::kVisitor);
+  std::sort(taken.begin(), taken.end());
+  for (const gid_t group : taken) most += " " + std::to_string(group);
+  const Lines log = Pretend({.dir = "/", .use_chroot = true}).log;
+  EXPECT_NE(std::find(log.begin(), log.end(), Called(most)), log.end());
 }
 
 TEST_F(SuCalls, RefuseWhatIsOutsideWhateverIsNotKnownOfTheDirectories) {
