@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <utility>
 
 namespace support {
@@ -51,11 +50,12 @@ void WatchFileCalls(FileCallWatcher watcher) {
 
 using support::Pass;
 
-extern "C" int open(const char* file, int oflag, ...) {
-  va_list more;
-  va_start(more, oflag);
-  const mode_t mode = (oflag & O_CREAT) != 0 ? va_arg(more, mode_t) : 0;
-  va_end(more);
+// Under a name of its own, since it takes the mode like any other argument,
+// which comes the same way.
+extern "C" int WatchedOpen(const char* file, int oflag,
+                           mode_t mode) __asm__("open");
+
+extern "C" int WatchedOpen(const char* file, int oflag, mode_t mode) {
   return Pass<int>("open", file, file, oflag, mode);
 }
 
@@ -99,6 +99,14 @@ extern "C" int fchownat(int fd, const char* file, uid_t owner, gid_t group,
 
 extern "C" int fchmod(int fd, mode_t mode) noexcept {
   return Pass<int>("fchmod", "", fd, mode);
+}
+
+extern "C" int chown(const char* file, uid_t owner, gid_t group) noexcept {
+  return Pass<int>("chown", file, file, owner, group);
+}
+
+extern "C" int chmod(const char* file, mode_t mode) noexcept {
+  return Pass<int>("chmod", file, file, mode);
 }
 
 extern "C" int link(const char* from, const char* to) noexcept {

@@ -148,9 +148,9 @@ Owners::Owners(bool across)
     visitor_.gid = kVisitors;
   }
   // As /tmp is.
-  fs::permissions(scratch_.MakeDir("spool"), fs::perms(01777));
+  fs::permissions(scratch_.MakeDir("spool"), fs::perms{01777});
   for (const Scratch* scratch : {&scratch_, &other_}) {
-    fs::permissions(scratch->Path(), fs::perms(0755));
+    fs::permissions(scratch->Path(), fs::perms{0755});
   }
   Give(home_, visitor_);
 }
@@ -158,7 +158,7 @@ Owners::Owners(bool across)
 std::string Owners::MakeUpload(const std::string& name,
                                const std::string& content) const {
   const std::string path = scratch_.MakeFile("spool/" + name, content);
-  fs::permissions(path, fs::perms(0600));
+  fs::permissions(path, fs::perms{0600});
   return path;
 }
 

@@ -79,14 +79,14 @@ class Place {
   explicit Place(bool across)
       : other_(across ? kOtherFileSystem : scratch_.Path()) {
     for (const Scratch* scratch : {&scratch_, &other_}) {
-      fs::permissions(scratch->Path(), fs::perms(0755));
+      fs::permissions(scratch->Path(), fs::perms{0755});
     }
-    fs::permissions(scratch_.MakeDir("spool"), fs::perms(01777));
+    fs::permissions(scratch_.MakeDir("spool"), fs::perms{01777});
     Give(other_.MakeDir("home"));
     MakeVault(scratch_);
     MakeVault(other_);
     scratch_.MakeFile("spool/upload", std::string(kSize, 'u'));
-    fs::permissions(Source(), fs::perms(0600));
+    fs::permissions(Source(), fs::perms{0600});
   }
 
   std::string Spool() const { return scratch_ / "spool"; }
@@ -122,16 +122,16 @@ class Place {
 
  private:
   static void MakeVault(const Scratch& scratch) {
-    fs::permissions(scratch.MakeDir("vault/folder"), fs::perms(0755));
-    fs::permissions(scratch.MakeFile("vault/secret", kSecret), fs::perms(0600));
+    fs::permissions(scratch.MakeDir("vault/folder"), fs::perms{0755});
+    fs::permissions(scratch.MakeFile("vault/secret", kSecret), fs::perms{0600});
     fs::permissions(scratch.MakeFile("vault/folder/upload", kSecret),
-                    fs::perms(0600));
+                    fs::perms{0600});
     fs::permissions(scratch.MakeFile("vault/program", "program"),
-                    fs::perms(06755));
+                    fs::perms{06755});
     // Kept from others by the folder only.
-    fs::permissions(scratch.MakeDir("vault/closed"), fs::perms(0700));
+    fs::permissions(scratch.MakeDir("vault/closed"), fs::perms{0700});
     fs::permissions(scratch.MakeFile("vault/closed/secret", kSecret),
-                    fs::perms(0644));
+                    fs::perms{0644});
   }
 
   static void Give(const std::string& path) {

@@ -135,7 +135,7 @@ TEST_P(HomeOfVisitor, ThatIsAFileRefuses) {
 }
 
 TEST_P(HomeOfVisitor, WithoutTheRightToWriteRefuses) {
-  fs::permissions(Home(), fs::perms(0555));
+  fs::permissions(Home(), fs::perms{0555});
   if (support::IsRoot()) {
     ASSERT_EQ(::chown(upload_.c_str(), kOrdinary, kOrdinary), 0);
   }
@@ -143,7 +143,7 @@ TEST_P(HomeOfVisitor, WithoutTheRightToWriteRefuses) {
     support::BecomeOrdinaryUser();
     support::FakeAccount({"visitor", ::geteuid(), ::getegid(), Home()});
   });
-  fs::permissions(Home(), fs::perms(0755));
+  fs::permissions(Home(), fs::perms{0755});
   EXPECT_TRUE(Says(done, {Target()}, EACCES));
   ExpectKept(done);
   EXPECT_EQ(owners_->InHome(), Strings{});
@@ -275,25 +275,34 @@ TEST_F(CopyIntoTheHome, ThatIsKilledLeavesNoHalfFileUnderTheName) {
             owners_->AttributesBefore());
 }
 
-/// Calls of the copy, each with an error that it may well have.
-const std::pair<const char*, int> kFaults[] = {
+/// A call of the copy and an error that it may well have.
+struct Fault {
+  const char* call;
+  int error;
+};
+
+const Fault kFaults[] = {
     {"open", EMFILE},  {"mkostemp", ENOSPC}, {"read", EIO},
     {"write", ENOSPC}, {"write", EDQUOT},    {"write", EFBIG},
     {"fchown", EPERM}, {"fchmod", EPERM},    {"fsync", EIO}};
 
-TEST_F(CopyIntoTheHome, ThatFailsInAnyCallLeavesNothingAndKeepsTheSource) {
-  for (const auto& [failing, error] : kFaults) {
-    bool moves = false;
-    const HandedOver done = HandOver(*owners_, {{"a", upload_}}, {}, [&] {
-      support::WatchFileCalls([&](const FileCall& call) {
-        const bool fails = moves && call.name == failing;
-        moves = moves || call.name == "renameat2";
-        return fails ? error : 0;
+/// Has the call fail once the copy has begun.
+void Inject(const Fault& fault) {
+  support::WatchFileCalls(
+      [fault, copies = false](const FileCall& call) mutable {
+        const bool fails = copies && call.name == fault.call;
+        copies = copies || call.name == "renameat2";
+        return fails ? fault.error : 0;
       });
-    });
-    EXPECT_TRUE(Says(done, {}, error)) << failing;
-    EXPECT_EQ(done.paths, (Paths{{"a", upload_}})) << failing;
-    EXPECT_EQ(owners_->InHome(), Strings{}) << failing;
+}
+
+TEST_F(CopyIntoTheHome, ThatFailsInAnyCallLeavesNothingAndKeepsTheSource) {
+  for (const Fault& fault : kFaults) {
+    const HandedOver done =
+        HandOver(*owners_, {{"a", upload_}}, {}, [&] { Inject(fault); });
+    EXPECT_TRUE(Says(done, {}, fault.error)) << fault.call;
+    EXPECT_EQ(done.paths, (Paths{{"a", upload_}})) << fault.call;
+    EXPECT_EQ(owners_->InHome(), Strings{}) << fault.call;
     ExpectSourceKept();
   }
 }

@@ -186,7 +186,7 @@ TEST_P(UploadsOfARequest, InAHomeWithoutTheRightToWriteStayWithAWarning) {
     const std::string home = Confined() ? "/" : owners_.Home();
     EXPECT_EQ(::chmod(home.c_str(), 0555), 0);
   });
-  fs::permissions(owners_.Home(), fs::perms(0755));
+  fs::permissions(owners_.Home(), fs::perms{0755});
   EXPECT_EQ(
       TearDownLogged(outcome, 4),
       (Strings{Warning(outcome.told.at("a")), Warning(outcome.told.at("b")),
@@ -268,8 +268,8 @@ TEST_P(FailedSwitch, InTheHandOverKeepsTheIdentity) {
 class BareRoot {
  public:
   BareRoot() {
-    fs::permissions(scratch_.Path(), fs::perms(0755));
-    fs::permissions(scratch_.MakeDir("tmp"), fs::perms(01777));
+    fs::permissions(scratch_.Path(), fs::perms{0755});
+    fs::permissions(scratch_.MakeDir("tmp"), fs::perms{01777});
     scratch_.MakeDir("etc");
     scratch_.MakeFile("etc/hosts", "127.0.0.1 localhost\n");
     scratch_.MakeFile("etc/nsswitch.conf", "hosts: files\ngroup: files\n");

@@ -101,7 +101,7 @@ TEST_P(HandOverOf, AnUploadGivesMode0644WhateverItWasAndWhateverTheUmask) {
   for (const mode_t mode : {0400u, 0666u, 06777u}) {
     const std::string name = std::to_string(mode);
     const std::string path = owners_.MakeUpload(name);
-    fs::permissions(path, fs::perms(mode));
+    fs::permissions(path, fs::perms{mode});
     const HandedOver done =
         HandOver(owners_, {{"a", path}}, {.use_chroot = Confined()},
                  [] { ::umask(0777); });
