@@ -84,7 +84,6 @@ class SwitchTest(unittest.TestCase):
             "UID_WRAPPER_ROOT": "1",
             "PAM_WRAPPER": "1",
             "PAM_WRAPPER_SERVICE_DIR": str(self.folder / "pam.d"),
-            "PAM_WRAPPER_RUNTIME_DIR": str(self.folder / "pam"),
             "PAM_WRAPPER_DEBUGLEVEL": "4",
         }
         process = subprocess.run(
