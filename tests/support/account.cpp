@@ -1,5 +1,6 @@
 #include "support/account.h"
 
+#include <fcntl.h>
 #include <grp.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -139,7 +140,9 @@ Observer::Observer() {
     Observe(observed, sockets[1]);
   }
   ::close(sockets[1]);
-  socket_ = sockets[0];
+  // The observed may close the low descriptors.
+  socket_ = ::fcntl(sockets[0], F_DUPFD_CLOEXEC, 100);
+  ::close(sockets[0]);
 }
 
 Observer::~Observer() {

@@ -1,0 +1,260 @@
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <security/pam_appl.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <zancgi/zancgi.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+#include "session.h"
+#include "support/account.h"
+#include "support/child.h"
+#include "support/switch.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using support::Call;
+using support::Child;
+using support::ConfigureLogin;
+using support::Lines;
+using support::Machine;
+using support::Outcome;
+using support::Switch;
+using support::Switched;
+using support::Told;
+using support::Visitor;
+using zan_cgi::Cgi;
+
+const Call kUnconfined{.dir = "www", .use_pam = true};
+
+constexpr char kToldOfBoth[] =
+    "open: service login, user visitor, flags 32768, as 0\n"
+    "close: service login, user visitor, flags 32768, as 0";
+static_assert(PAM_SILENT == 32768);
+
+class PamSession : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!support::CanUseAccounts()) {
+      GTEST_SKIP() << "needs root, with the right to mount";
+    }
+  }
+
+  /// Unconfined, with this configuration of service "login".
+  Switched SwitchWith(const std::string& configuration) const {
+    return Switch(machine_, kUnconfined,
+                  [&] { ConfigureLogin(configuration); });
+  }
+
+  Switched SwitchWithModule(const std::string& deeds) const {
+    return SwitchWith(module_.Line(deeds));
+  }
+
+  /// Has the process look at itself after a switch with such a session.
+  Outcome LookAfter(const std::string& deeds, const Child::Body& look) const {
+    return Child().WorkDir(machine_.Start()).Run([&](const Told& told) {
+      machine_.SetUp();
+      ConfigureLogin(module_.Line(deeds));
+      Cgi::Data request;
+      request.DoSu("visitor", "www", false, true);
+      look(told);
+    });
+  }
+
+  void ExpectSwitchedAllTheSame(const Switched& switched) const {
+    EXPECT_EQ(switched.error, "");
+    EXPECT_EQ(switched.identity, Visitor("/", machine_.Home() + "/www"));
+  }
+
+  Machine machine_;
+  SessionModule module_{machine_};
+};
+
+TEST_F(PamSession, IsOpenedAndClosedAsRootWithoutAnyItem) {
+  const Switched switched = SwitchWithModule("");
+  ExpectSwitchedAllTheSame(switched);
+  EXPECT_EQ(switched.log, (Lines{kStarting, kStarted, kOpened, kClosed}));
+  EXPECT_EQ(module_.Told(), kToldOfBoth);
+}
+
+TEST_F(PamSession, ThatIsDeniedIsNotClosed) {
+  const Switched switched =
+      SwitchWith(module_.Line() + "session required pam_deny.so\n");
+  ExpectSwitchedAllTheSame(switched);
+  EXPECT_EQ(switched.log,
+            (Lines{kStarting,
+                   kStarted,
+                   {4,
+                    "PAM error 14 (Cannot make/remove an entry for the "
+                    "specified session) on open_session"}}));
+  EXPECT_EQ(module_.Told(),
+            "open: service login, user visitor, flags 32768, as 0");
+}
+
+TEST_F(PamSession, ThatCannotBeOpenedTellsTheReasonOfTheModule) {
+  const Switched switched =
+      SwitchWithModule("fail_open=" + std::to_string(PAM_PERM_DENIED));
+  ExpectSwitchedAllTheSame(switched);
+  EXPECT_EQ(switched.log,
+            (Lines{kStarting,
+                   kStarted,
+                   {4, "PAM error 6 (Permission denied) on open_session"}}));
+}
+
+TEST_F(PamSession, ThatCannotBeClosedTellsTheReasonOfTheModule) {
+  const Switched switched =
+      SwitchWithModule("fail_close=" + std::to_string(PAM_SYSTEM_ERR));
+  ExpectSwitchedAllTheSame(switched);
+  EXPECT_EQ(switched.log,
+            (Lines{kStarting,
+                   kStarted,
+                   kOpened,
+                   {4, "PAM error 4 (System error) on close_session"}}));
+  EXPECT_EQ(module_.Told(), kToldOfBoth);
+}
+
+TEST_F(PamSession, WithAModuleThatIsMissingCannotBeOpened) {
+  const Switched switched = SwitchWith("session required /missing.so\n");
+  ExpectSwitchedAllTheSame(switched);
+  EXPECT_EQ(switched.log,
+            (Lines{kStarting,
+                   kStarted,
+                   {4, "PAM error 28 (Module is unknown) on open_session"}}));
+}
+
+TEST_F(PamSession, WithoutAConfigurationOfLoginTakesThatOfOther) {
+  const Switched switched = Switch(machine_, kUnconfined, [&] {
+    fs::rename("/etc/pam.d/login", "/etc/pam.d/other");
+  });
+  ExpectSwitchedAllTheSame(switched);
+  EXPECT_EQ(switched.log, (Lines{kStarting, kStarted, kOpened, kClosed}));
+}
+
+TEST_F(PamSession, WithoutAnyConfigurationIsNotStarted) {
+  const Switched switched =
+      Switch(machine_, kUnconfined, [] { fs::remove_all("/etc/pam.d"); });
+  ExpectSwitchedAllTheSame(switched);
+  EXPECT_EQ(switched.log, (Lines{kStarting, kNotStarted}));
+}
+
+/// Which file the process would load PAM from.
+std::string PamLibraryPath() {
+  Outcome outcome = Child().Run([](const Told& told) {
+    void* const library = ::dlopen("libpam.so.0", RTLD_NOW);
+    Dl_info found{};
+    if (library == nullptr ||
+        ::dladdr(::dlsym(library, "pam_start"), &found) == 0) {
+      throw std::logic_error("no PAM on this machine");
+    }
+    told("path", fs::canonical(found.dli_fname));
+  });
+  return outcome.told["path"];
+}
+
+TEST_F(PamSession, WithoutThePamLibraryIsNotStarted) {
+  const std::string library = PamLibraryPath();
+  const std::string empty = machine_.MakeFile("empty");
+  const Switched switched = Switch(machine_, kUnconfined, [&] {
+    ASSERT_EQ(::mount(empty.c_str(), library.c_str(), "", MS_BIND, ""), 0);
+  });
+  ExpectSwitchedAllTheSame(switched);
+  EXPECT_EQ(switched.log, (Lines{kStarting, kNotStarted}));
+}
+
+TEST_F(PamSession, RefusesEveryConversation) {
+  for (const int style : {PAM_PROMPT_ECHO_OFF, PAM_PROMPT_ECHO_ON,
+                          PAM_ERROR_MSG, PAM_TEXT_INFO}) {
+    fs::remove(machine_ / "told");
+    const Switched switched = SwitchWithModule("ask=" + std::to_string(style));
+    ExpectSwitchedAllTheSame(switched);
+    EXPECT_EQ(switched.log, (Lines{kStarting, kStarted, kOpened, kClosed}));
+    EXPECT_EQ(module_.Told(),
+              "open: service login, user visitor, flags 32768, as 0\n"
+              "asked: 19 without answers\n"
+              "close: service login, user visitor, flags 32768, as 0");
+  }
+  static_assert(PAM_CONV_ERR == 19);
+}
+
+TEST_F(PamSession, ThatLooksUpRootDoesNotMakeTheProcessRoot) {
+  const Switched switched = SwitchWithModule("look_up=root");
+  ExpectSwitchedAllTheSame(switched);
+  EXPECT_NE(module_.Told().find("\nfound user 0\n"), std::string::npos);
+}
+
+TEST_F(PamSession, ThatMovesLeavesTheProcessInTheHome) {
+  const Switched switched = SwitchWithModule("enter=" + (machine_ / "other"));
+  ExpectSwitchedAllTheSame(switched);
+  EXPECT_EQ(module_.Told(), kToldOfBoth);
+}
+
+TEST_F(PamSession, ThatMovesToAPlaceWithAFolderOfTheSameNameIsNotFollowed) {
+  machine_.MakeDir("other/www");
+  ExpectSwitchedAllTheSame(SwitchWithModule("enter=" + (machine_ / "other")));
+}
+
+TEST_F(PamSession, ThatLimitsProcessesDoesNotStopTheSwitch) {
+  const Switched switched = SwitchWithModule("limit_processes=0");
+  ExpectSwitchedAllTheSame(switched);
+  EXPECT_EQ(module_.Told(), kToldOfBoth);
+}
+
+TEST_F(PamSession, LeavesLimitsAndTheMaskAsTheModuleSetsThem) {
+  Outcome outcome =
+      LookAfter("limit_processes=17 umask=027", [](const Told& told) {
+        rlimit limits{};
+        ::getrlimit(RLIMIT_NPROC, &limits);
+        told("processes", std::to_string(limits.rlim_max));
+        told("mask", std::to_string(::umask(0)));
+      });
+  EXPECT_EQ(outcome.error, "");
+  EXPECT_EQ(outcome.told["processes"], "17");
+  EXPECT_EQ(outcome.told["mask"], std::to_string(027));
+}
+
+TEST_F(PamSession, ThatChangesTheEnvironmentOrSignalsDoesNotStopTheSwitch) {
+  const std::string ignore = "ignore_signal=" + std::to_string(SIGTERM);
+  for (const std::string& deeds : {std::string("set_variable=PLANTED"),
+                                   std::string("clear_variables"), ignore}) {
+    const Switched switched = SwitchWithModule(deeds);
+    ExpectSwitchedAllTheSame(switched);
+    EXPECT_EQ(switched.log, (Lines{kStarting, kStarted, kOpened, kClosed}));
+  }
+}
+
+TEST_F(PamSession, ThatClosesDescriptorsDoesNotStopTheSwitch) {
+  const Switched switched = SwitchWithModule("close_descriptors");
+  ExpectSwitchedAllTheSame(switched);
+  EXPECT_EQ(switched.log, (Lines{kStarting, kStarted, kOpened, kClosed}));
+}
+
+TEST_F(PamSession, ThatEndsTheProcessEndsItForGood) {
+  Outcome outcome =
+      LookAfter("exit=3", [](const Told& told) { told("went on", "yes"); });
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_FALSE(outcome.told.contains("went on"));
+  ASSERT_EQ(outcome.Logged(9).size(), 2U);
+  EXPECT_TRUE(outcome.Logged(9)[1].ends_with(" PAM start done"));
+}
+
+TEST_F(PamSession, ThatBecomesSomebodyLeavesTheProcessThatUser) {
+  // Nobody without root's rights can become the account, and that changes
+  // nothing: the process goes on as who it is.
+  const Switched switched = SwitchWithModule("become=65534");
+  EXPECT_EQ(switched.error, "");
+  EXPECT_EQ(switched.identity.users, "65534\t65534\t65534\t65534");
+  EXPECT_EQ(switched.identity.groups, "54322\t54322\t54322\t54322");
+  EXPECT_EQ(switched.identity.work_dir, machine_.Home() + "/www");
+  EXPECT_EQ(switched.log, (Lines{kStarting, kStarted, kOpened, kClosed}));
+}
+
+}  // namespace

@@ -1,0 +1,40 @@
+/// @file
+/// What the log says of PAM sessions, and a PAM module to run in them.
+#ifndef ZANCGI_TESTS_ZANCGI_SESSION_H
+#define ZANCGI_TESTS_ZANCGI_SESSION_H
+
+#include <string>
+
+#include "support/child.h"
+#include "support/switch.h"
+
+inline const support::LogLine kStarting{
+    9, "zancgi_unix.cpp:N starting PAM session for user 'visitor'"};
+inline const support::LogLine kNotStarted{4, "failed to start PAM session"};
+inline const support::LogLine kStarted{9, "zancgi_unix.cpp:N PAM start done"};
+inline const support::LogLine kOpened{
+    9, "zancgi_unix.cpp:N PAM open_session - ok"};
+inline const support::LogLine kClosed{
+    9, "zancgi_unix.cpp:N PAM close_session - ok"};
+
+/// A PAM module in a machine's folder, which tells what it did in a file there.
+class SessionModule {
+ public:
+  /// @param root  name of the folder that is the root directory when the module
+  ///     runs; by default there is no other
+  explicit SessionModule(const support::Machine& machine,
+                         const std::string& root = "");
+
+  /// The line of a PAM configuration that runs it.
+  /// @param deeds  see session_module.cpp
+  std::string Line(const std::string& deeds = "") const;
+
+  /// What it has told, without its last line end; empty when it did not run.
+  std::string Told() const;
+
+ private:
+  std::string outer_;
+  std::string inner_;
+};
+
+#endif
