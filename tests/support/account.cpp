@@ -52,6 +52,15 @@ std::string GroupFile(const std::vector<Group>& groups) {
   return file.str();
 }
 
+/// What PAM says of a test is for nobody, and the C library would leave a
+/// socket open.
+void HideSystemLog() {
+  if (!fs::exists("/dev/log")) return;
+  if (::mount("/dev/null", "/dev/log", nullptr, MS_BIND, nullptr) != 0) {
+    throw std::runtime_error("cannot hide the system's log");
+  }
+}
+
 /// What follows a name and a tab in a process's status.
 std::string StatusOf(pid_t process, const std::string& name) {
   std::ifstream status("/proc/" + std::to_string(process) + "/status");
@@ -108,6 +117,7 @@ void UseAccounts(const std::vector<Account>& accounts,
   // Knows where libraries are.
   const std::string library_cache = ReadFile("/etc/ld.so.cache");
   MountPrivately("/etc", "mode=0755");
+  HideSystemLog();
   WriteFile("/etc/ld.so.cache", library_cache);
   WriteFile("/etc/passwd", PasswordFile(accounts));
   WriteFile("/etc/group", GroupFile(groups));
