@@ -8,7 +8,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -105,23 +107,28 @@ void WriteWhole(int target, const char* bytes, std::size_t size,
   }
 }
 
+/// Copies no more than this many bytes: the owner of the source could have it
+/// grow as fast as it is read.
 void CopyBytes(int source, const std::string& from, int target,
-               const std::string& to) {
-  constexpr std::size_t kPiece = 65536;
+               const std::string& to, std::uintmax_t size) {
+  constexpr std::uintmax_t kPiece = 65536;
   const std::unique_ptr<char[]> piece(new char[kPiece]);
-  for (;;) {
+  while (size > 0) {
+    const auto wanted = static_cast<std::size_t>(std::min(size, kPiece));
     const ssize_t count =
-        RetryInterrupted([&] { return ::read(source, piece.get(), kPiece); });
+        RetryInterrupted([&] { return ::read(source, piece.get(), wanted); });
     if (count < 0) ThrowFor("cannot read", from, errno);
     if (count == 0) return;
     WriteWhole(target, piece.get(), static_cast<std::size_t>(count), to);
+    size -= static_cast<std::uintmax_t>(count);
   }
 }
 
 void CopyWithAttributes(int source, const std::string& from, int target,
                         const std::string& to) {
-  CopyBytes(source, from, target, to);
   const struct stat status = StatusOf(source, from);
+  CopyBytes(source, from, target, to,
+            static_cast<std::uintmax_t>(status.st_size));
   if (::fchown(target, status.st_uid, status.st_gid) != 0) {
     ThrowFor("cannot set the owner of", to, errno);
   }
@@ -293,8 +300,13 @@ void Attrs::SafeSet(const std::string& path, bool must_exist) const {
     if (MeansMissing(errno) && !must_exist) return;
     ThrowFor("cannot open", path, errno);
   }
-  if (S_ISLNK(StatusOf(file.Get(), path).st_mode)) {
-    ThrowFor("cannot open", path, ELOOP);
+  const struct stat status = StatusOf(file.Get(), path);
+  if (S_ISLNK(status.st_mode)) ThrowFor("cannot open", path, ELOOP);
+  // One of the names may be somebody's hard link to a file of another owner,
+  // made in a folder in which anybody may write.
+  if (sets_owner_ && S_ISREG(status.st_mode) && status.st_nlink > 1) {
+    throw tov_err::Error("cannot give '" + path +
+                         "' away: it has more than one name");
   }
   Apply(file.Get(), path);
 }

@@ -66,7 +66,8 @@ class TOV_API Attrs {
   /// Gives the file these attributes, the owner before the mode.
   ///
   /// Works on the file itself, never on what a symbolic link at @p path points
-  /// to: a link is an error. A missing file is not.
+  /// to: a link is an error. So is a file of several names (hard links) when
+  /// the owner is to be set. A missing file is not.
   /// @param path       the file
   /// @param must_exist  whether a missing file is an error after all
   /// @throws tov_err::Error on failure

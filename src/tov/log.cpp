@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -262,14 +263,22 @@ void Deliver(const Target& target, std::string_view line) {
   });
 }
 
+/// The time as in RFC 3339, by arithmetic alone. The C library would first read
+/// the time zone, from a root directory that may be somebody else's by now.
 void AppendTime(Line& line) {
-  const time_t now = ::time(nullptr);
-  tm utc{};
-  ::gmtime_r(&now, &utc);
-  char text[sizeof("-2147481748-01-01T00:00:00Z ")];
-  const std::size_t size =
-      ::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ ", &utc);
-  line.AppendOwn({text, size});
+  using namespace std::chrono;
+  const auto now = floor<seconds>(system_clock::now());
+  const auto midnight = floor<days>(now);
+  const year_month_day date(midnight);
+  const hh_mm_ss<seconds> time(now - midnight);
+  char text[sizeof("-32767-01-01T00:00:00Z ")];
+  const int size = std::snprintf(
+      text, sizeof(text), "%04d-%02u-%02uT%02d:%02d:%02dZ ", int{date.year()},
+      unsigned{date.month()}, unsigned{date.day()},
+      static_cast<int>(time.hours().count()),
+      static_cast<int>(time.minutes().count()),
+      static_cast<int>(time.seconds().count()));
+  line.AppendOwn({text, static_cast<std::size_t>(size)});
 }
 
 /// RFC 3164 section 4.1.1, as local system loggers take it.

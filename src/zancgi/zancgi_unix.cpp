@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <limits.h>
+#include <linux/magic.h>
 #include <netdb.h>
 #include <nss.h>
 #include <poll.h>
@@ -138,7 +139,7 @@ std::vector<gid_t> GroupsOf(const Account& account) {
 }
 
 void Confine(const std::string& home) {
-  // With everything that it reads and loads, while that is the system's own.
+  // While its configuration and what that names are the system's own.
   ::gethostbyname("localhost");
   if (log.Check(kTrace)) log.Write(kTrace, "%s Init resolver", "ChRoot");
   if (::chroot(home.c_str()) != 0) ThrowHomeClosed();
@@ -185,25 +186,47 @@ void EnterHomeWithGroups(const Account& account) {
 /// may have moved, and what follows counts on where it is.
 class DirectoryKeeper {
  public:
-  DirectoryKeeper() : kept_(::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
+  /// @param path  the way there, should a module have closed all descriptors;
+  ///   empty when there is none
+  explicit DirectoryKeeper(std::string path)
+      : path_(std::move(path)),
+        descriptor_(::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC)),
+        is_open_(::fstat(descriptor_, &directory_) == 0) {}
   ~DirectoryKeeper() {
-    if (kept_ < 0) return;
-    Unchecked(::fchdir(kept_));
-    ::close(kept_);
+    if (IsStillOpen()) {
+      Unchecked(::fchdir(descriptor_));
+      ::close(descriptor_);
+    } else if (!path_.empty()) {
+      Unchecked(::chdir(path_.c_str()));
+    }
   }
   DirectoryKeeper(const DirectoryKeeper&) = delete;
   DirectoryKeeper& operator=(const DirectoryKeeper&) = delete;
 
  private:
-  int kept_;
+  /// A module may even have opened something else under the same number.
+  bool IsStillOpen() const {
+    struct stat now {};
+    return is_open_ && ::fstat(descriptor_, &now) == 0 &&
+           now.st_dev == directory_.st_dev && now.st_ino == directory_.st_ino;
+  }
+
+  std::string path_;
+  struct stat directory_ {};
+  int descriptor_;
+  bool is_open_;
 };
 
 /// Whether only root can say what lies in the root directory, and so which PAM
 /// configuration and modules are found there.
 bool RootDirectoryIsRoots() {
   struct stat status {};
+  struct statfs64 file_system {};
   return ::stat("/", &status) == 0 && status.st_uid == 0 &&
-         (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+         (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 &&
+         // What a program of the account serves can say anything of itself.
+         ::statfs64("/", &file_system) == 0 &&
+         file_system.f_type != FUSE_SUPER_MAGIC;
 }
 
 /// Opens the session and closes it again, while the process is still root: none
@@ -327,6 +350,7 @@ void Cgi::Data::DoChownFiles(const std::string& user,
   for (auto& [client_name, file] : files) {
     const std::string name = FileName(file.path);
     const std::string destination = tov_file::ConcatPath(account.home, name);
+    std::string recorded = use_chroot ? "/" + name : destination;
     // The owner before the place: the file is the account's from here on, and
     // Move() takes care that the account gains nothing by exchanging it.
     attributes.SafeSet(file.path, false);
@@ -336,7 +360,7 @@ void Cgi::Data::DoChownFiles(const std::string& user,
                 file.path.c_str(), destination.c_str());
     }
     tov_file::Move(file.path, destination);
-    file.path = use_chroot ? "/" + name : destination;
+    file.path = std::move(recorded);
   }
 }
 
@@ -357,7 +381,8 @@ void Cgi::Data::DoSu(const std::string& user, const std::string& dir,
   }
   Unchecked(::setgid(account.gid));
   if (use_pam) {
-    const DirectoryKeeper keeper;
+    // A confined process has no way back to a directory outside.
+    const DirectoryKeeper keeper(use_chroot ? "" : account.home);
     // Who can write the home could have any PAM configuration, and any module
     // that it names, run as root in there.
     RunPamSession(pam, user, !use_chroot || RootDirectoryIsRoots());
