@@ -1,0 +1,373 @@
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gnu/libc-version.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <zancgi/zancgi.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <ios>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "session.h"
+#include "support/account.h"
+#include "support/backend.h"
+#include "support/child.h"
+#include "support/scratch.h"
+#include "support/switch.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using support::Backend;
+using support::Call;
+using support::Child;
+using support::Identity;
+using support::Lines;
+using support::LogLine;
+using support::Machine;
+using support::Observer;
+using support::Outcome;
+using support::Switch;
+using support::Switched;
+using support::Told;
+using support::Visitor;
+using zan_cgi::Cgi;
+
+const Call kConfined{.dir = "/", .use_chroot = true};
+const Call kConfinedWithPam{.dir = "/", .use_chroot = true, .use_pam = true};
+
+const LogLine kConfining{8, "ChRoot Init resolver"};
+
+/// What setgroups(2) answers to a list that is not empty, in this process.
+bool groups_cannot_be_set = false;
+
+class Confinement : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!support::CanUseAccounts()) {
+      GTEST_SKIP() << "needs root, with the right to mount";
+    }
+  }
+
+  /// Leaves a file in the home, as its owner may.
+  void Plant(const std::string& name, const std::string& content) const {
+    const fs::path parent = fs::path("home/" + name).parent_path();
+    machine_.MakeDir(parent);
+    machine_.MakeFile("home/" + name, content);
+  }
+
+  /// The switch, confined and, as nobody would make it, without our guards:
+  /// shows that what the test has planted does harm.
+  /// @param prepare  called in the child, once the account is in place
+  Identity ConfineCarelessly(const std::function<void()>& prepare = [] {}) {
+    Outcome outcome = Child().Run([&](const Told& told) {
+      machine_.SetUp();
+      prepare();
+      const Observer observer;
+      ASSERT_EQ(::chroot(machine_.Home().c_str()), 0);
+      ::initgroups("visitor", support::kVisitor);
+      support::TellIdentity(told, observer.Look());
+    });
+    return support::SwitchedOf(outcome).identity;
+  }
+
+  void ExpectConfinedAsTheAccount(const Switched& switched) const {
+    EXPECT_EQ(switched.error, "");
+    EXPECT_EQ(switched.identity, Visitor(machine_.Home(), machine_.Home()));
+  }
+
+  Machine machine_;
+};
+
+class PlantedGroups : public Confinement {
+ protected:
+  void SetUp() override {
+    Confinement::SetUp();
+    Plant("etc/group", "root:x:0:visitor\ndisk:x:6:visitor\n");
+  }
+};
+
+TEST_F(PlantedGroups, WouldBeTaken) {
+  EXPECT_EQ(ConfineCarelessly().supplementary, "0 6 54321");
+}
+
+TEST_F(PlantedGroups, AreNotTaken) {
+  ExpectConfinedAsTheAccount(Switch(machine_, kConfined));
+}
+
+TEST_F(PlantedGroups, AreDroppedWhenThoseOfTheAccountCannotBeSet) {
+  const Switched switched =
+      Switch(machine_, kConfined, [] { groups_cannot_be_set = true; });
+  Identity without_groups = Visitor(machine_.Home(), machine_.Home());
+  without_groups.supplementary = "";
+  EXPECT_EQ(switched.error, "");
+  EXPECT_EQ(switched.identity, without_groups);
+}
+
+TEST_F(Confinement, WithoutAGroupFileInTheHomeLosesNoGroup) {
+  ExpectConfinedAsTheAccount(Switch(machine_, kConfined));
+}
+
+TEST_F(Confinement, WithoutAGroupFileInTheHomeWouldLoseGroups) {
+  EXPECT_EQ(ConfineCarelessly().supplementary, "54321");
+}
+
+/// Where libraries are looked for, as far as that does not depend on files.
+std::vector<std::string> LibraryFolders() {
+  Dl_info library{};
+  if (::dladdr(reinterpret_cast<void*>(&::gnu_get_libc_version), &library) ==
+      0) {
+    throw std::logic_error("no C library");
+  }
+  const std::string its_own =
+      fs::canonical(library.dli_fname).parent_path().string();
+  const std::string name = fs::path(its_own).filename();
+  return {its_own,         "/lib/" + name, "/usr/lib/" + name, "/lib",
+          "/usr/lib",      "/lib64",       "/usr/lib64",       "/",
+          "/usr/local/lib"};
+}
+
+/// A home with a module for look-ups, for the configurations that name it.
+class PlantedLookUp : public Confinement {
+ protected:
+  void SetUp() override {
+    Confinement::SetUp();
+    for (const std::string& folder : LibraryFolders()) {
+      fs::create_directories(machine_.Home() + folder);
+      fs::copy_file(PLANTED_LIBRARY,
+                    machine_.Home() + folder + "/libnss_evil.so.2",
+                    fs::copy_options::skip_existing);
+    }
+  }
+
+  /// Says as whom a planted library has been loaded, if one has.
+  std::string Harm() const {
+    return support::ReadFile(machine_ / "home/loaded");
+  }
+};
+
+class PlantedConfiguration : public PlantedLookUp,
+                             public testing::WithParamInterface<std::string> {};
+
+INSTANTIATE_TEST_SUITE_P(
+    All, PlantedConfiguration,
+    testing::Values("group: evil\n", "initgroups: evil\n",
+                    "passwd: evil\ngroup: evil\n",
+                    "passwd: evil\ngroup: evil\ninitgroups: evil\n"
+                    "hosts: evil\nshadow: evil\nservices: evil\n"));
+
+TEST_P(PlantedConfiguration, WouldRunCodeAsRoot) {
+  Plant("etc/nsswitch.conf", GetParam());
+  ConfineCarelessly();
+  EXPECT_EQ(Harm(), "loaded as 0");
+}
+
+TEST_P(PlantedConfiguration, RunsNoCode) {
+  Plant("etc/nsswitch.conf", GetParam());
+  for (const Call& call : {kConfined, kConfinedWithPam}) {
+    ExpectConfinedAsTheAccount(Switch(machine_, call));
+    EXPECT_EQ(Harm(), "");
+  }
+}
+
+/// A service that the machine's own configuration names, and asks only about
+/// those who have no group.
+void AskAnotherServiceForGroups() {
+  std::ofstream("/etc/nsswitch.conf")
+      << "passwd: files\ngroup: files\ninitgroups: files evil\n";
+}
+
+TEST_F(PlantedLookUp, OfTheMachinesOwnServiceWouldRunCodeAsRoot) {
+  ConfineCarelessly([] {
+    AskAnotherServiceForGroups();
+    // Reads the configuration.
+    ::getpwnam("visitor");
+  });
+  EXPECT_EQ(Harm(), "loaded as 0");
+}
+
+TEST_F(PlantedLookUp, OfTheMachinesOwnServiceRunsNoCode) {
+  ExpectConfinedAsTheAccount(
+      Switch(machine_, kConfined, AskAnotherServiceForGroups));
+  EXPECT_EQ(Harm(), "");
+}
+
+/// A home with a PAM configuration and a module of its own.
+class ConfinedSession : public Confinement {
+ protected:
+  void SetUp() override {
+    Confinement::SetUp();
+    Configure("");
+  }
+
+  void Configure(const std::string& deeds) const {
+    Plant("etc/pam.d/login", module_.Line(deeds));
+  }
+
+  void SetHome(uid_t owner, mode_t mode) const {
+    ASSERT_EQ(::chown(machine_.Home().c_str(), owner, owner), 0);
+    ASSERT_EQ(::chmod(machine_.Home().c_str(), mode), 0);
+  }
+
+  SessionModule module_{machine_, "home"};
+};
+
+TEST_F(ConfinedSession, RunsInAHomeThatOnlyRootCanWrite) {
+  for (const mode_t mode : {0755U, 0711U, 0555U, 01755U}) {
+    fs::remove(machine_ / "home/told");
+    SetHome(0, mode);
+    const Switched switched = Switch(machine_, kConfinedWithPam);
+    ExpectConfinedAsTheAccount(switched);
+    EXPECT_EQ(switched.log,
+              (Lines{kConfining, kStarting, kStarted, kOpened, kClosed}));
+    EXPECT_EQ(module_.Told(),
+              "open: service login, user visitor, flags 32768, as 0\n"
+              "close: service login, user visitor, flags 32768, as 0");
+  }
+}
+
+TEST_F(ConfinedSession, DoesNotRunInAHomeThatOthersCanWrite) {
+  const std::vector<std::pair<uid_t, mode_t>> homes = {
+      {support::kVisitor, 0755},
+      {support::kVisitor, 0700},
+      {support::kVisitor, 0555},
+      {support::kVisitor + 1, 0755},
+      {0, 0775},
+      {0, 0757},
+      {0, 0777},
+      {0, 01777},
+  };
+  for (const auto& [owner, mode] : homes) {
+    SetHome(owner, mode);
+    const Switched switched = Switch(machine_, kConfinedWithPam);
+    EXPECT_EQ(switched.log, (Lines{kConfining, kStarting, kNotStarted}));
+    EXPECT_EQ(module_.Told(), "") << owner << ' ' << std::oct << mode;
+    EXPECT_EQ(switched.identity.root, machine_.Home());
+    EXPECT_EQ(switched.identity.users, Visitor("", "").users);
+  }
+}
+
+TEST_F(ConfinedSession, DoesNotRunInTheAccountsOwnFolderBehindALinkOfRoot) {
+  fs::create_symlink(machine_.Home(), machine_ / "link");
+  const Switched switched = Switch(machine_, kConfinedWithPam, [&] {
+    support::UseAccounts(
+        {{"visitor", support::kVisitor, support::kVisitors, machine_ / "link"}},
+        {});
+  });
+  EXPECT_EQ(switched.log, (Lines{kConfining, kStarting, kNotStarted}));
+  EXPECT_EQ(module_.Told(), "");
+}
+
+TEST_F(ConfinedSession, ThatMovesLeavesTheProcessWhereItWas) {
+  SetHome(0, 0755);
+  Configure("enter=/www");
+  const Switched switched =
+      Switch(machine_, {.dir = "www", .use_chroot = true, .use_pam = true});
+  EXPECT_EQ(switched.error, "");
+  // Outside, since the root directory changes but not the current one.
+  EXPECT_EQ(switched.identity,
+            Visitor(machine_.Home(), machine_.Start() + "/www"));
+  EXPECT_NE(module_.Told(), "");
+}
+
+TEST_F(ConfinedSession, ThatFailsDoesNotStopTheSwitch) {
+  SetHome(0, 0755);
+  Configure("fail_open=6");
+  const Switched switched = Switch(machine_, kConfinedWithPam);
+  ExpectConfinedAsTheAccount(switched);
+  EXPECT_EQ(switched.log,
+            (Lines{kConfining,
+                   kStarting,
+                   kStarted,
+                   {4, "PAM error 6 (Permission denied) on open_session"}}));
+}
+
+TEST_F(Confinement, OfAnAccountGivesItTheGroupWithTheNumberOfItsUser) {
+  for (const bool use_chroot : {false, true}) {
+    const Switched switched =
+        Switch(machine_, {.dir = "/", .use_chroot = use_chroot}, [&] {
+          support::UseAccounts({{"visitor", 6, 100, machine_.Home()}},
+                               {{"disk", 6, {}}, {"users", 100, {}}});
+        });
+    EXPECT_EQ(switched.error, "");
+    EXPECT_EQ(switched.identity.users, "6\t6\t6\t6");
+    EXPECT_EQ(switched.identity.groups, "100\t100\t100\t100");
+    EXPECT_EQ(switched.identity.supplementary, "6");
+  }
+}
+
+struct OpenDescriptors {
+  int count = 0;
+  int folders = 0;
+  int inherited = 0;
+};
+
+/// Of the process, without those that tests keep for themselves from 100 on.
+OpenDescriptors Count() {
+  OpenDescriptors found;
+  for (int descriptor = 3; descriptor < 100; ++descriptor) {
+    struct stat status {};
+    if (::fstat(descriptor, &status) != 0) continue;
+    ++found.count;
+    if (S_ISDIR(status.st_mode)) ++found.folders;
+    const int flags = ::fcntl(descriptor, F_GETFD);
+    if ((flags & FD_CLOEXEC) == 0) ++found.inherited;
+  }
+  return found;
+}
+
+TEST_F(Confinement, KeepsNoFolderOpenAndNothingForOtherPrograms) {
+  for (const bool use_chroot : {false, true}) {
+    for (const bool use_pam : {false, true}) {
+      Backend backend;
+      backend.Then(support::Answer("<doc/>"));
+      const std::string log = machine_.MakeFile("log");
+      Outcome outcome =
+          Child()
+              .Env("REQUEST_METHOD", "GET")
+              .Env("TOV_LOG", log)
+              .With(backend)
+              .Run([&](const Told& told) {
+                machine_.SetUp();
+                const OpenDescriptors before = Count();
+                Cgi cgi("/bin/front", backend.Name());
+                told("answer", cgi.Query("func=whoami"));
+                cgi.Su("visitor", "/", use_chroot, use_pam);
+                const OpenDescriptors after = Count();
+                told("opened", std::to_string(after.count - before.count));
+                told("folders", std::to_string(after.folders));
+                told("inherited",
+                     std::to_string(after.inherited - before.inherited));
+              });
+      EXPECT_EQ(outcome.error, "");
+      EXPECT_EQ(outcome.told["answer"], "<doc/>");
+      // The log.
+      EXPECT_EQ(outcome.told["opened"], "1");
+      EXPECT_EQ(outcome.told["folders"], "0");
+      EXPECT_EQ(outcome.told["inherited"], "0");
+      EXPECT_NE(support::ReadFile(log), "");
+    }
+  }
+}
+
+}  // namespace
+
+extern "C" int setgroups(std::size_t n, const gid_t* groups) noexcept {
+  if (groups_cannot_be_set && n > 0) {
+    errno = EPERM;
+    return -1;
+  }
+  return static_cast<int>(::syscall(SYS_setgroups, n, groups));
+}
