@@ -64,6 +64,10 @@ class Told {
 /// effects; for interposed functions.
 void Mark(const std::string& text);
 
+/// For a child in which another library leaks, or which may not have the thread
+/// that the check needs: leaves the check for leaks out of this process.
+void LeaveOutLeakCheck();
+
 /// A child process to come. Its environment holds only what is set here, its
 /// standard input is /dev/null, its working directory the parent's.
 class Child {
