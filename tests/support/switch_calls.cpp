@@ -7,6 +7,7 @@
 #include <pwd.h>
 #include <security/pam_appl.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 #include <zancgi/zancgi.h>
 
@@ -218,6 +219,8 @@ int RecordedSetgroups(std::size_t count,
 int RecordedSetgid(gid_t group) __asm__("setgid");
 int RecordedSetuid(uid_t user) __asm__("setuid");
 int RecordedStat(const char* path, struct stat* found) __asm__("stat");
+int RecordedStatfs(const char* path,
+                   struct statfs64* found) __asm__("statfs64");
 int RecordedFchownat(int folder, const char* path, uid_t user, gid_t group,
                      int flags) __asm__("fchownat");
 int RecordedRenameat2(int from_folder, const char* from, int to_folder,
@@ -309,6 +312,16 @@ int RecordedSetgid(gid_t group) {
 int RecordedSetuid(uid_t user) {
   return support::Privileged("setuid " + support::Number(user), [&] {
     return support::Real<decltype(&setuid)>("setuid")(user);
+  });
+}
+
+int RecordedStatfs(const char* path, struct statfs64* found) {
+  const long told = recorded == nullptr ? 0 : recorded->file_system;
+  return support::Recorded(std::string("statfs ") + path, [&] {
+    const int result =
+        support::Real<decltype(&RecordedStatfs)>("statfs64")(path, found);
+    if (told != 0) found->f_type = told;
+    return result;
   });
 }
 

@@ -32,6 +32,8 @@ struct Answers {
   /// function. One number for each time that it is called, 0 for as usual;
   /// later calls are as usual.
   std::map<std::string, std::vector<int>> failures = {};
+  /// The type that statfs(2) tells of every file system; 0 for the true one.
+  long file_system = 0;
   /// What happens besides, each time, before the call is made or answered.
   std::map<std::string, std::function<void()>> effects = {};
 };

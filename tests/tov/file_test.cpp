@@ -759,6 +759,23 @@ TEST(SafeSet, RefusesALink) {
   EXPECT_EQ(ModeOf(file), 0600u);
 }
 
+TEST(SafeSet, GivesNoFileAwayThatHasMoreThanOneName) {
+  const Scratch scratch;
+  const std::string file = scratch.MakeFile("file");
+  const std::string owner = OwnerOf(file);
+  Chmod(file, 0600);
+  std::filesystem::create_hard_link(file, scratch / "link");
+  const std::string error = ErrorOf([&] {
+    Attrs(0644, ::geteuid(), ::getegid()).SafeSet(scratch / "link", false);
+  });
+  EXPECT_NE(error.find(scratch / "link"), std::string::npos) << error;
+  EXPECT_EQ(ModeOf(file), 0600u);
+  EXPECT_EQ(OwnerOf(file), owner);
+
+  Do([&] { Attrs(0640).SafeSet(scratch / "link", false); });
+  EXPECT_EQ(ModeOf(file), 0640u) << "the owner is left alone";
+}
+
 TEST(SafeSet, LeavesAMissingFileUnlessItMustExist) {
   Scratch scratch;
   for (const std::string& path :

@@ -17,6 +17,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <ostream>
@@ -486,6 +487,19 @@ TEST_F(MoveAndAttack, LeavesWhatHasTakenThePlaceOfACopiedSource) {
   EXPECT_TRUE(attacked.done);
   EXPECT_EQ(attacked.error, "");
   EXPECT_EQ(ReadFile(place.Source()), "own");
+  EXPECT_EQ(ReadFile(place.Target()), std::string(kSize, 'u'));
+}
+
+TEST_F(MoveAndAttack, CopiesNoMoreThanThereWasAtTheBeginning) {
+  const Place place(true);
+  const Attacked attacked = Attack(place, Way::kCopy, {0, "write"}, [&] {
+    return AsAccount([&] {
+      std::ofstream source(place.Source(), std::ios::app);
+      return bool{source << std::string(kSize, 'x') << std::flush};
+    });
+  });
+  EXPECT_TRUE(attacked.done);
+  EXPECT_EQ(attacked.error, "");
   EXPECT_EQ(ReadFile(place.Target()), std::string(kSize, 'u'));
 }
 

@@ -243,6 +243,20 @@ TEST_F(PamSession, ThatClosesDescriptorsDoesNotStopTheSwitch) {
   EXPECT_EQ(switched.log, (Lines{kStarting, kStarted, kOpened, kClosed}));
 }
 
+TEST_F(PamSession, ThatMovesAndClosesDescriptorsLeavesTheProcessInTheHome) {
+  const std::string other = machine_ / "other";
+  machine_.MakeDir("other/www");
+  const std::string moved = "enter=" + other + " close_descriptors";
+  for (const std::string& deeds :
+       {moved, moved + " open_directories=" + other}) {
+    Outcome outcome = LookAfter(deeds, [](const Told& told) {
+      told("place", fs::current_path().string());
+    });
+    EXPECT_EQ(outcome.error, "");
+    EXPECT_EQ(outcome.told["place"], machine_.Home() + "/www");
+  }
+}
+
 TEST_F(PamSession, ThatEndsTheProcessEndsItForGood) {
   Outcome outcome =
       LookAfter("exit=3", [](const Told& told) { told("went on", "yes"); });

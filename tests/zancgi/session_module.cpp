@@ -1,6 +1,7 @@
 /// @file
 /// A PAM module that does what its arguments say, in their order, when a
 /// session is opened. Each is "name" or "name=value"; see kDeeds.
+#include <fcntl.h>
 #include <pwd.h>
 #include <security/pam_modules.h>
 #include <signal.h>
@@ -102,6 +103,10 @@ const std::map<std::string, void (*)(Session&, const std::string&)> kDeeds = {
     // The test keeps what it needs itself above these.
     {"close_descriptors",
      [](Session&, const std::string&) { close_range(3, 99, 0); }},
+    {"open_directories",
+     [](Session&, const std::string& directory) {
+       for (int i = 0; i < 20; ++i) open(directory.c_str(), O_RDONLY);
+     }},
     {"limit_processes", LimitProcesses},
     {"become",
      [](Session& session, const std::string& user) {

@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <zancgi/zancgi.h>
 
 #include <filesystem>
@@ -252,6 +254,22 @@ TEST_F(Su, WithoutRootStaysWhoItWasButEntersTheHome) {
   EXPECT_EQ(switched.identity.work_dir, machine_.Home());
   EXPECT_EQ(switched.error, "failed to chroot to users home folder");
   EXPECT_EQ(switched.log, (Lines{{8, "ChRoot Init resolver"}}));
+}
+
+// A FIFO that nobody writes to would stop whoever reads it, as root, for good.
+TEST_F(Su, ConfinedWritesTheTimeOfALogLineWithoutReadingTheHome) {
+  machine_.MakeDir("home/etc");
+  ASSERT_EQ(::mkfifo((machine_ / "home/etc/localtime").c_str(), 0644), 0);
+  const Outcome outcome =
+      Child().LogLevel(4).WorkDir(machine_.Start()).Run([&](const Told&) {
+        machine_.SetUp();
+        ::alarm(10);
+        Cgi::Data request;
+        request.DoSu("visitor", "/", true, true);
+      });
+  EXPECT_EQ(outcome.status, 0);
+  const Lines warning = {{4, "failed to start PAM session"}};
+  EXPECT_EQ(outcome.log, warning);
 }
 
 TEST_F(Su, LeavesNoTraceOfAFailedSessionBelowTheLevelOfWarnings) {
