@@ -4,8 +4,10 @@
 #define PANEL_ACCOUNT_H
 
 #include <grp.h>
+#include <linux/magic.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <tov/env.h>
 #include <unistd.h>
 #include <zancgi/zancgi.h>
@@ -85,6 +87,13 @@ inline Account FindAccount(const std::string& name) {
           GroupsOf(*entry)};
 }
 
+/// A file system that an ordinary user can mount says of itself what it likes.
+inline bool IsServedByAProgram(const std::filesystem::path& folder) {
+  struct statfs status {};
+  return ::statfs(folder.c_str(), &status) != 0 ||
+         status.f_type == FUSE_SUPER_MAGIC;
+}
+
 /// Whether nobody but root can change what lies under this path, or put another
 /// folder in its place: every component is a folder (no link), owned by root
 /// and writable by no one else.
@@ -95,7 +104,8 @@ inline bool BelongsToRootAllTheWay(const std::filesystem::path& path) {
     way /= component;
     struct stat status {};
     if (::lstat(way.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) ||
-        status.st_uid != 0 || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        status.st_uid != 0 || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 ||
+        IsServedByAProgram(way)) {
       return false;
     }
   }

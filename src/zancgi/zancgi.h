@@ -185,7 +185,8 @@ class ZANCGI_API Cgi {
 
   /// Makes this process a system account for the rest of its life, and hands
   /// the uploads over to it. Needs root's rights. To be called once, after the
-  /// input is parsed and before there is a second thread.
+  /// input is parsed and before there is a second thread. Every folder above
+  /// the account's home must be root's.
   ///
   /// The uploads get the account's owner and group and mode 0644 and are moved
   /// into its home folder under their temporary names; File() returns their new
