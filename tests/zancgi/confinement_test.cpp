@@ -174,12 +174,21 @@ TEST_P(PlantedConfiguration, WouldRunCodeAsRoot) {
   EXPECT_EQ(Harm(), "loaded as 0");
 }
 
+// A C library that has read one configuration may leave another root's alone by
+// itself; the switch does not count on that.
 TEST_P(PlantedConfiguration, RunsNoCode) {
   Plant("etc/nsswitch.conf", GetParam());
   for (const Call& call : {kConfined, kConfinedWithPam}) {
     ExpectConfinedAsTheAccount(Switch(machine_, call));
     EXPECT_EQ(Harm(), "");
   }
+}
+
+TEST_P(PlantedConfiguration, RunsNoCodeOnAMachineThatHasNone) {
+  Plant("etc/nsswitch.conf", GetParam());
+  ExpectConfinedAsTheAccount(
+      Switch(machine_, kConfined, [] { fs::remove("/etc/nsswitch.conf"); }));
+  EXPECT_EQ(Harm(), "");
 }
 
 /// A service that the machine's own configuration names, and asks only about
@@ -201,6 +210,18 @@ TEST_F(PlantedLookUp, OfTheMachinesOwnServiceWouldRunCodeAsRoot) {
 TEST_F(PlantedLookUp, OfTheMachinesOwnServiceRunsNoCode) {
   ExpectConfinedAsTheAccount(
       Switch(machine_, kConfined, AskAnotherServiceForGroups));
+  EXPECT_EQ(Harm(), "");
+}
+
+TEST_F(PlantedLookUp, OfAGroupByAPamModuleRunsNoCode) {
+  const SessionModule module(machine_, "home");
+  Plant("etc/pam.d/login", module.Line("look_up_group=missing"));
+  ASSERT_EQ(::chown(machine_.Home().c_str(), 0, 0), 0);
+  ExpectConfinedAsTheAccount(Switch(machine_, kConfinedWithPam, [] {
+    std::ofstream("/etc/nsswitch.conf")
+        << "passwd: files\ngroup: files evil\ninitgroups: files\n";
+  }));
+  EXPECT_NE(module.Told().find("\nno such group\n"), std::string::npos);
   EXPECT_EQ(Harm(), "");
 }
 

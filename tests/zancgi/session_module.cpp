@@ -2,6 +2,7 @@
 /// A PAM module that does what its arguments say, in their order, when a
 /// session is opened. Each is "name" or "name=value"; see kDeeds.
 #include <fcntl.h>
+#include <grp.h>
 #include <pwd.h>
 #include <security/pam_modules.h>
 #include <signal.h>
@@ -85,6 +86,10 @@ const std::map<std::string, void (*)(Session&, const std::string&)> kDeeds = {
      }},
     {"ask", Ask},
     {"look_up", LookUp},
+    {"look_up_group",
+     [](Session& session, const std::string& name) {
+       if (getgrnam(name.c_str()) == nullptr) Record(session, "no such group");
+     }},
     {"enter",
      [](Session& session, const std::string& directory) {
        if (chdir(directory.c_str()) != 0) Record(session, "not entered");
