@@ -69,7 +69,7 @@ void ExpectAnswers(int count, std::string data) {
   std::set<const char*> places = {data.data()};
   for (int i = 0; i < count; ++i) {
     EXPECT_EQ(answers[i].resp_retcode, 0);
-    EXPECT_EQ(answers[i].resp, std::string(data.c_str()));
+    EXPECT_STREQ(answers[i].resp, data.c_str());
     EXPECT_TRUE(places.insert(answers[i].resp).second);
   }
   for (int i = 0; i < count; ++i) std::free(answers[i].resp);
@@ -129,17 +129,18 @@ TEST(Conversation, ThatIsTooLongForTheMemoryIsRefusedWithoutAnAnswer) {
 
 #ifndef __SANITIZE_ADDRESS__
 
-extern "C" void* __libc_malloc(std::size_t size);
-extern "C" void* __libc_calloc(std::size_t count, std::size_t size);
+extern "C" void* RealMalloc(std::size_t size) __asm__("__libc_malloc");
+extern "C" void* RealCalloc(std::size_t count,
+                            std::size_t size) __asm__("__libc_calloc");
 
 extern "C" void* malloc(std::size_t size) {
   ++allocations;
-  return __libc_malloc(size);
+  return RealMalloc(size);
 }
 
 extern "C" void* calloc(std::size_t count, std::size_t size) {
   ++allocations;
-  return __libc_calloc(count, size);
+  return RealCalloc(count, size);
 }
 
 #endif
