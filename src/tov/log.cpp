@@ -266,11 +266,11 @@ void Deliver(const Target& target, std::string_view line) {
 /// The time as in RFC 3339, by arithmetic alone. The C library would first read
 /// the time zone, from a root directory that may be somebody else's by now.
 void AppendTime(Line& line) {
-  using namespace std::chrono;
-  const auto now = floor<seconds>(system_clock::now());
-  const auto midnight = floor<days>(now);
-  const year_month_day date(midnight);
-  const hh_mm_ss<seconds> time(now - midnight);
+  namespace chrono = std::chrono;
+  const auto now = chrono::floor<chrono::seconds>(chrono::system_clock::now());
+  const auto midnight = chrono::floor<chrono::days>(now);
+  const chrono::year_month_day date(midnight);
+  const chrono::hh_mm_ss<chrono::seconds> time(now - midnight);
   char text[sizeof("-32767-01-01T00:00:00Z ")];
   const int size = std::snprintf(
       text, sizeof(text), "%04d-%02u-%02uT%02d:%02d:%02dZ ", int{date.year()},
