@@ -83,9 +83,20 @@ class Browser:
         except urllib.error.HTTPError as error:
             raise RuntimeError(error.read().decode()) from error
 
-    def _find(self, selector):
-        found = self._call("POST", "/element", {"using": "css selector", "value": selector})
-        return "/element/" + found[ELEMENT]
+    def _on_element(self, strategy, value, method, action, content=None):
+        found = self._call("POST", "/element", {"using": strategy, "value": value})
+        return self._call(method, f"/element/{found[ELEMENT]}/{action}", content)
+
+    def _do(self, strategy, value, action, content):
+        """Waits for the element: the page may still be on its way."""
+        end = time.monotonic() + 10
+        while True:
+            try:
+                return self._on_element(strategy, value, "POST", action, content)
+            except RuntimeError:
+                if time.monotonic() > end:
+                    raise
+            time.sleep(0.1)
 
     def open(self, url):
         self._call("POST", "/url", {"url": url})
@@ -94,28 +105,27 @@ class Browser:
         return self._call("GET", "/url")
 
     def type_into(self, selector, text):
-        self._call("POST", self._find(selector) + "/value", {"text": text})
+        self._do("css selector", selector, "value", {"text": text})
 
     def choose_files(self, selector, *paths):
         self.type_into(selector, "\n".join(map(str, paths)))
 
     def click(self, selector):
-        self._call("POST", self._find(selector) + "/click", {})
+        self._do("css selector", selector, "click", {})
 
     def click_link(self, text):
-        found = self._call("POST", "/element", {"using": "link text", "value": text})
-        self._call("POST", f"/element/{found[ELEMENT]}/click", {})
+        self._do("link text", text, "click", {})
 
     def visible_text(self):
         """What a person can read on the page; nothing while it is changing."""
         try:
-            return self._call("GET", self._find("body") + "/text")
+            return self._on_element("css selector", "body", "GET", "text")
         except RuntimeError:
             return ""
 
     def label(self, selector):
         """What a screen reader calls an element."""
-        return self._call("GET", self._find(selector) + "/computedlabel")
+        return self._on_element("css selector", selector, "GET", "computedlabel")
 
     def press(self, keys):
         """Into whatever has the keyboard's focus."""
@@ -160,7 +170,7 @@ class Browser:
         self.devtools("Emulation.setScriptExecutionDisabled", value=True)
 
     def is_enabled(self, selector):
-        return self._call("GET", self._find(selector) + "/enabled")
+        return self._on_element("css selector", selector, "GET", "enabled")
 
     def run(self, script):
         return self._call("POST", "/execute/sync", {"script": script, "args": []})

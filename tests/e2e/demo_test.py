@@ -25,6 +25,13 @@ def processes_that_mention(text):
     return found
 
 
+def as_from_a_terminal():
+    """A shell cannot catch what is ignored when it starts, as these signals are
+    when the tests run in the background."""
+    for number in (signal.SIGINT, signal.SIGQUIT, signal.SIGHUP):
+        signal.signal(number, signal.SIG_DFL)
+
+
 class DemoTest(unittest.TestCase):
     def setUp(self):
         # Everything that the demo makes at run time lands here.
@@ -57,14 +64,15 @@ class DemoTest(unittest.TestCase):
             stderr=subprocess.STDOUT,
             text=True,
             start_new_session=True,
+            preexec_fn=as_from_a_terminal,
         )
 
     def read_to(self, demo, text):
-        line = ""
-        while text not in line:
-            line = demo.stdout.readline()
-            self.assertTrue(line, "the demo has ended early")
-        return line
+        lines = [""]
+        while text not in lines[-1]:
+            lines.append(demo.stdout.readline())
+            self.assertTrue(lines[-1], "ended early:\n" + "".join(lines))
+        return lines[-1]
 
     def assert_passes(self, demo):
         output, _ = demo.communicate(timeout=200)
