@@ -475,8 +475,9 @@ class Jail(ConfinementTest):
 
     def setUp(self):
         super().setUp()
-        # Below /tmp all may write.
-        folder = tempfile.TemporaryDirectory(dir="/run", prefix="jail-")
+        # Below /tmp all may write, and in some containers below /run.
+        place = next(dir for dir in ("/run", "/var/lib") if not os.stat(dir).st_mode & 0o022)
+        folder = tempfile.TemporaryDirectory(dir=place, prefix="jail-")
         self.addCleanup(folder.cleanup)
         self.jail = pathlib.Path(folder.name)
         self.jail.chmod(0o755)
