@@ -476,7 +476,7 @@ class Jail(ConfinementTest):
     def setUp(self):
         super().setUp()
         # Below /tmp all may write, and in some containers below /run.
-        place = next(dir for dir in ("/run", "/var/lib") if not os.stat(dir).st_mode & 0o022)
+        place = next(each for each in ("/run", "/var/lib") if not os.stat(each).st_mode & 0o022)
         folder = tempfile.TemporaryDirectory(dir=place, prefix="jail-")
         self.addCleanup(folder.cleanup)
         self.jail = pathlib.Path(folder.name)
