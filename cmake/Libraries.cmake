@@ -1,8 +1,11 @@
-# add_library_pair(NAME SOURCES ...): builds the shared library NAME and the
-# static library NAME_static from the same objects. What the shared one exports
-# is listed in NAME.map beside its sources.
+# add_library_pair(NAME SOURCES ... PUBLIC_HEADERS ...): builds the shared
+# library NAME and the static library NAME_static from the same objects. What
+# the shared one exports is listed in NAME.map beside its sources. Both have
+# the names under which other projects find them installed, NAME::NAME and
+# NAME::NAME_static.
 function(add_library_pair name)
-  cmake_parse_arguments(ARG "" "" "SOURCES" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "SOURCES;PUBLIC_HEADERS" ${ARGN})
+  list(TRANSFORM ARG_PUBLIC_HEADERS PREPEND "${CMAKE_CURRENT_SOURCE_DIR}/")
   set(map "${CMAKE_CURRENT_SOURCE_DIR}/${name}.map")
 
   add_library(${name}_objects OBJECT ${ARG_SOURCES})
@@ -12,7 +15,8 @@ function(add_library_pair name)
   set_target_properties(${name} PROPERTIES
     VERSION ${PROJECT_VERSION}
     SOVERSION 1
-    LINK_DEPENDS "${map}")
+    LINK_DEPENDS "${map}"
+    PUBLIC_HEADER "${ARG_PUBLIC_HEADERS}")
   target_link_options(${name} PRIVATE
     "LINKER:--version-script=${map}" "LINKER:--as-needed")
   if(NOT ZANCGI_SANITIZE)
@@ -23,7 +27,9 @@ function(add_library_pair name)
   set_target_properties(${name}_static PROPERTIES OUTPUT_NAME ${name})
 
   foreach(library ${name} ${name}_static)
-    target_link_libraries(${library} PRIVATE ${name}_objects)
-    target_include_directories(${library} PUBLIC "${PROJECT_SOURCE_DIR}/src")
+    target_sources(${library} PRIVATE $<TARGET_OBJECTS:${name}_objects>)
+    target_include_directories(${library} PUBLIC
+      "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src>")
+    add_library(${name}::${library} ALIAS ${library})
   endforeach()
 endfunction()

@@ -1,0 +1,62 @@
+# Where things go, and how other projects find them there. Whatever is installed
+# finds its neighbours by the way to them, so that the folder can be moved.
+include(CMakePackageConfigHelpers)
+
+set(packaging_dir "${PROJECT_SOURCE_DIR}/packaging")
+set(pkgconfig_dir "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+
+# install_library_pair(NAME): what add_library_pair has made, with its public
+# headers and its CMake package. The component NAME is what front ends need to
+# run, NAME-dev what is needed to build them.
+function(install_library_pair name)
+  set(cmake_dir "${CMAKE_INSTALL_LIBDIR}/cmake/${name}")
+
+  install(TARGETS ${name} ${name}_static EXPORT ${name}
+    LIBRARY
+      DESTINATION "${CMAKE_INSTALL_LIBDIR}"
+      COMPONENT ${name}
+      NAMELINK_COMPONENT ${name}-dev
+    ARCHIVE
+      DESTINATION "${CMAKE_INSTALL_LIBDIR}"
+      COMPONENT ${name}-dev
+    PUBLIC_HEADER
+      DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/${name}"
+      COMPONENT ${name}-dev
+    INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+  install(EXPORT ${name}
+    FILE ${name}-targets.cmake
+    NAMESPACE ${name}::
+    DESTINATION "${cmake_dir}"
+    COMPONENT ${name}-dev)
+
+  set(version_file "${PROJECT_BINARY_DIR}/packaging/${name}-config-version.cmake")
+  # Until 1.0 anything may change between minor versions.
+  write_basic_package_version_file("${version_file}"
+    COMPATIBILITY SameMinorVersion)
+  install(FILES "${packaging_dir}/${name}-config.cmake" "${version_file}"
+    DESTINATION "${cmake_dir}"
+    COMPONENT ${name}-dev)
+endfunction()
+
+# The way from a pkg-config file to the root of the installation.
+file(RELATIVE_PATH way_to_prefix "/${pkgconfig_dir}" "/")
+string(REGEX REPLACE "/$" "" way_to_prefix "${way_to_prefix}")
+
+# install_pkgconfig(NAME COMPONENT): packaging/NAME.pc.in with its holes filled.
+function(install_pkgconfig name component)
+  foreach(library zancgi zancgi_static)
+    get_target_property(options ${library} INTERFACE_LINK_OPTIONS)
+    list(JOIN options " " ${library}_options)
+  endforeach()
+  set(file "${PROJECT_BINARY_DIR}/packaging/${name}.pc")
+  configure_file("${packaging_dir}/${name}.pc.in" "${file}" @ONLY)
+  install(FILES "${file}"
+    DESTINATION "${pkgconfig_dir}"
+    COMPONENT ${component})
+endfunction()
+
+install_library_pair(tov)
+install_pkgconfig(tov tov-dev)
+install_library_pair(zancgi)
+install_pkgconfig(zancgi zancgi-dev)
+install_pkgconfig(zancgi-static zancgi-dev)
