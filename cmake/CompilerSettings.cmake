@@ -11,8 +11,10 @@ include(CheckPIESupported)
 check_pie_supported()
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow
-  # Source names in log lines and errors must not tell where we were built.
-  "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=")
+  # Source names in log lines and errors, and what debuggers are told, must not
+  # tell where we were built.
+  "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/="
+  "-ffile-prefix-map=${PROJECT_BINARY_DIR}=.")
 if(ZANCGI_WERROR)
   add_compile_options(-Werror)
 endif()

@@ -1,0 +1,259 @@
+"""The libraries as somebody outside of the tree uses them."""
+
+import os
+import pathlib
+import re
+import shutil
+import socketserver
+import subprocess
+import sys
+import tempfile
+import threading
+import unittest
+
+CMAKE = os.environ["CMAKE"]
+CXX = os.environ["CXX"]
+BUILD = pathlib.Path(os.environ["BUILD"])
+SOURCE = pathlib.Path(os.environ["SOURCE"])
+VERSION = os.environ["VERSION"]
+FRONT_END = pathlib.Path(os.environ["FRONT_END"])
+HERE = pathlib.Path(__file__).parent
+STANDARDS = (11, 20)
+OF_THE_C_LIBRARY = {"libc.so.6", "ld-linux-x86-64.so.2"}
+
+
+def run(*command, **options):
+    """What a command prints; its complaints, when it fails."""
+    done = subprocess.run(command, capture_output=True, text=True, timeout=500, **options)
+    if done.returncode != 0:
+        raise AssertionError(f"{command} failed:\n{done.stdout}{done.stderr}")
+    return done.stdout
+
+
+def dynamic_section(file):
+    return run("readelf", "--dynamic", "--wide", file)
+
+
+def needed(file):
+    return set(re.findall(r"\(NEEDED\).*\[(.*)\]", dynamic_section(file)))
+
+
+class Alice(socketserver.StreamRequestHandler):
+    """A back end to whom everybody is alice."""
+
+    def handle(self):
+        self.connection.recv(65536)
+        self.wfile.write(
+            b"Content-Type: text/xml\r\n\r\n"
+            b'<?xml version="1.0"?><doc><user name="alice" level="7"/></doc>'
+        )
+
+
+class InstallTest(unittest.TestCase):
+    """Has a folder for each class, and the libraries installed below it: not
+    where their prefix says, so that nothing can rest on that."""
+
+    @classmethod
+    def setUpClass(cls):
+        folder = tempfile.TemporaryDirectory(prefix="install-")
+        cls.addClassCleanup(folder.cleanup)
+        cls.folder = pathlib.Path(folder.name)
+        cls.root = cls.install("root")
+
+    @classmethod
+    def install(cls, name, *options):
+        run(
+            CMAKE, "--install", BUILD, "--prefix", "/opt/zancgi", *options,
+            env={**os.environ, "DESTDIR": str(cls.folder / name)},
+        )  # fmt: skip
+        return cls.folder / name / "opt" / "zancgi"
+
+    def installed(self, name):
+        (path,) = self.root.rglob(name)
+        return path
+
+
+class FilesTest(InstallTest):
+    maxDiff = None
+
+    def files(self, root):
+        return [path for path in root.rglob("*") if not path.is_dir()]
+
+    def test_headers_are_the_public_ones(self):
+        headers = {str(path.relative_to(self.root / "include")) for path in self.root.rglob("*.h")}
+        ours = ("api", "client", "env", "err", "file", "log", "proc", "str", "xml")
+        self.assertEqual(headers, {"zancgi/zancgi.h", *(f"tov/{name}.h" for name in ours)})
+
+    def test_headers_are_complete(self):
+        everything = self.folder / "everything.cpp"
+        headers = self.root.rglob("*.h")
+        everything.write_text("".join(f'#include "{path}"\n' for path in headers))
+        include = f"-I{self.root}/include"
+        run(CXX, "-std=c++11", "-fsyntax-only", "-Wall", "-Werror", include, everything)
+
+    def test_nothing_tells_where_it_was_built(self):
+        for path in self.files(self.root):
+            content = path.read_bytes()
+            for place in (SOURCE, BUILD, self.folder):
+                self.assertNotIn(str(place).encode(), content, path)
+
+    def test_shared_libraries_carry_their_version(self):
+        for name in ("zancgi", "tov"):
+            library = self.installed(f"lib{name}.so")
+            soname = f"lib{name}.so.1"
+            self.assertIn(f"[{soname}]", dynamic_section(library))
+            self.assertTrue((library.parent / soname).exists())
+            self.assertEqual(library.resolve().name, f"lib{name}.so.{VERSION}")
+
+    def test_a_machine_that_only_runs_front_ends_gets_the_shared_libraries_alone(self):
+        for name in ("zancgi", "tov"):
+            root = self.install(f"run-{name}", "--component", name)
+            names = {path.name for path in self.files(root)}
+            self.assertEqual(names, {f"lib{name}.so.1", f"lib{name}.so.{VERSION}"})
+
+
+class FrontEndTest(InstallTest):
+    def assert_works(self, program):
+        self.assertIn("You are alice.", self.answer_of_back_end_to(program))
+        refused = self.answer(program, self.folder)
+        self.assertIn("403 Forbidden", refused)
+        self.assertIn("panel.sock", refused)
+
+    def answer_of_back_end_to(self, program):
+        with tempfile.TemporaryDirectory(dir=self.folder) as run_dir:
+            with socketserver.UnixStreamServer(f"{run_dir}/panel.sock", Alice) as server:
+                thread = threading.Thread(target=server.serve_forever)
+                thread.start()
+                try:
+                    return self.answer(program, run_dir)
+                finally:
+                    server.shutdown()
+                    thread.join()
+
+    def answer(self, program, run_dir):
+        # Nothing else: what it needs it must find by itself.
+        return run(
+            program,
+            env={
+                "REQUEST_METHOD": "GET",
+                "HTTP_COOKIE": "panelses5=3f9c27d1",
+                "TOV_RUN_DIR": str(run_dir),
+            },
+        )
+
+    def assert_hardened(self, program):
+        section = dynamic_section(program)
+        self.assertRegex(section, r"FLAGS_1.*\bPIE\b")
+        self.assertRegex(section, r"FLAGS.*\bBIND_NOW\b")
+        segments = run("readelf", "--program-headers", "--wide", program)
+        self.assertRegex(segments, "GNU_RELRO")
+        self.assertRegex(segments, r"GNU_STACK.* RW ")
+
+    def check_shared(self, program):
+        self.assertIn("libzancgi.so.1", needed(program))
+        self.assert_hardened(program)
+        self.assert_works(program)
+
+    def check_static(self, program):
+        self.assertLessEqual(needed(program), OF_THE_C_LIBRARY)
+        self.assertIn("libc.so.6", needed(program))
+        self.assert_hardened(program)
+        self.assert_works(program)
+
+    def check_base_user(self, program):
+        self.assertIn("libtov.so.1", needed(program))
+        self.assertEqual(run(program), "one%20%26%20two\n")
+
+
+class PkgConfigTest(FrontEndTest):
+    PACKAGES = ("zancgi", "zancgi-static", "tov")
+
+    def pkg_config(self, *arguments):
+        known = str(self.installed("zancgi.pc").parent)
+        return run("pkg-config", *arguments, env={**os.environ, "PKG_CONFIG_LIBDIR": known}).split()
+
+    def build(self, source, package, standard):
+        program = self.folder / f"{package}-{standard}"
+        run(
+            CXX, f"-std=c++{standard}", source, "-o", program,
+            *self.pkg_config("--cflags", "--libs", package),
+            *(f"-Wl,-rpath,{path}" for path in self.pkg_config("--variable=libdir", package)),
+        )  # fmt: skip
+        return program
+
+    def test_version(self):
+        for package in self.PACKAGES:
+            self.assertEqual(self.pkg_config("--modversion", package), [VERSION])
+
+    def test_shared(self):
+        for standard in STANDARDS:
+            self.check_shared(self.build(FRONT_END, "zancgi", standard))
+
+    def test_static(self):
+        for standard in STANDARDS:
+            self.check_static(self.build(FRONT_END, "zancgi-static", standard))
+
+    def test_base_library(self):
+        for standard in STANDARDS:
+            self.check_base_user(self.build(HERE / "base_user.cpp", "tov", standard))
+
+
+class CMakeTests:
+    """For classes that say where the project finds the libraries."""
+
+    @classmethod
+    def build_project(cls, *options):
+        cls.build = cls.folder / "build"
+        run(
+            CMAKE, "-S", HERE / "project", "-B", cls.build, "-G", "Ninja",
+            f"-DCMAKE_CXX_COMPILER={CXX}", f"-DFRONT_END={FRONT_END}", *options,
+        )  # fmt: skip
+        run(CMAKE, "--build", cls.build)
+
+    def test_shared(self):
+        for standard in STANDARDS:
+            self.check_shared(self.build / f"zancgi-{standard}")
+
+    def test_static(self):
+        for standard in STANDARDS:
+            self.check_static(self.build / f"zancgi_static-{standard}")
+
+    def test_base_library(self):
+        for standard in STANDARDS:
+            self.check_base_user(self.build / f"tov-{standard}")
+
+
+class FindPackageTest(CMakeTests, FrontEndTest):
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.build_project(f"-DCMAKE_PREFIX_PATH={cls.root}", f"-DVERSION={VERSION}")
+
+    def test_packages_are_the_installed_ones(self):
+        cache = (self.build / "CMakeCache.txt").read_text()
+        for name in ("zancgi", "tov"):
+            self.assertIn(f"{name}_DIR:PATH={self.root}/", cache)
+
+
+class AddSubdirectoryTest(CMakeTests, FrontEndTest):
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.build_project(f"-DTREE={SOURCE}")
+
+    def test_project_installs_nothing_of_ours(self):
+        prefix = self.folder / "project"
+        run(CMAKE, "--install", self.build, "--prefix", prefix)
+        self.assertFalse(prefix.exists())
+
+
+def missing_programs():
+    programs = {CXX} | ({"pkg-config"} if "PkgConfigTest" in sys.argv else set())
+    return sorted(program for program in programs if not shutil.which(program))
+
+
+if __name__ == "__main__":
+    if missing_programs():
+        print("skipped: not installed:", *missing_programs())
+        sys.exit(77)
+    unittest.main()
