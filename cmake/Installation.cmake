@@ -3,6 +3,7 @@
 include(CMakePackageConfigHelpers)
 
 set(packaging_dir "${PROJECT_SOURCE_DIR}/packaging")
+set(configured_dir "${PROJECT_BINARY_DIR}/packaging")
 set(pkgconfig_dir "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 
 # install_library_pair(NAME): what add_library_pair has made, with its public
@@ -29,7 +30,7 @@ function(install_library_pair name)
     DESTINATION "${cmake_dir}"
     COMPONENT ${name}-dev)
 
-  set(version_file "${PROJECT_BINARY_DIR}/packaging/${name}-config-version.cmake")
+  set(version_file "${configured_dir}/${name}-config-version.cmake")
   # Until 1.0 anything may change between minor versions.
   write_basic_package_version_file("${version_file}"
     COMPATIBILITY SameMinorVersion)
@@ -48,7 +49,7 @@ function(install_pkgconfig name component)
     get_target_property(options ${library} INTERFACE_LINK_OPTIONS)
     list(JOIN options " " ${library}_options)
   endforeach()
-  set(file "${PROJECT_BINARY_DIR}/packaging/${name}.pc")
+  set(file "${configured_dir}/${name}.pc")
   configure_file("${packaging_dir}/${name}.pc.in" "${file}" @ONLY)
   install(FILES "${file}"
     DESTINATION "${pkgconfig_dir}"
