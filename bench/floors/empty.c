@@ -1,0 +1,3 @@
+// The least that a program can do.
+
+int main(void) { return 0; }

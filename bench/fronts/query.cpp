@@ -1,0 +1,19 @@
+// Forwards its query string to the back end and prints the answer's size.
+
+#include <zancgi/zancgi.h>
+
+#include <cstdlib>
+#include <exception>
+#include <string>
+
+#include "answer.h"
+
+int main(int /*argc*/, char** argv) try {
+  const char* query = std::getenv("QUERY_STRING");
+  if (query == nullptr) return 1;
+  zan_cgi::Cgi cgi(argv[0], "bench");
+  const std::string answer = cgi.Query(std::string(query));
+  return bench::Answer().Add(std::to_string(answer.size())).Add("\n").Send();
+} catch (const std::exception&) {
+  return 1;
+}

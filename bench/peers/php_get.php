@@ -1,0 +1,7 @@
+<?php
+// fronts/get.cpp on PHP.
+header('Content-Type: text/plain');
+foreach (['a', 'b', 'c'] as $name) {
+    echo $name, '=', $_GET[$name], "\n";
+}
+echo 'session=', $_COOKIE['session'], "\n";
