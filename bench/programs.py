@@ -3,61 +3,199 @@
 A program does one workload and prints the answer of that workload, whatever it
 is built on:
 
-get     A GET. QUERY_STRING has the parameters a, b and c, HTTP_COOKIE the cookie
-        "session". Prints "a=...", "b=...", "c=..." and "session=...", a line
-        each.
+get     A GET. QUERY_STRING has the parameters a, b and c, HTTP_COOKIE the
+        cookie "session". Prints "a=...", "b=...", "c=..." and "session=...",
+        a line each.
 form    A POST of the fields f0, f1 and so on, in this order. Prints their
         number, the size of their values together and the FNV-1a hash (64 bits,
-        decimal) of these values one behind the other. With HASH=no in its
-        environment it leaves out the hash, which takes longer than the request.
-upload  A POST (multipart/form-data) with a file in the field "u". Keeps the file
-        as $STORE, a path in the folder {folder}, and prints its size.
+        in 16 hexadecimal digits) of the values one behind the other. With
+        HASH=no in its environment it leaves out the hash, which takes longer
+        than the request.
+upload  A POST (multipart/form-data) with a file in the field "u". Keeps the
+        file as $STORE, a path in the folder {folder}, and prints its size. The
+        floor keeps the whole body.
 query   Asks the SCGI server at $TOV_RUN_DIR/bench.sock for QUERY_STRING and
         prints the size of what it sends, header lines included.
-empty   Nothing: how long a process takes.
+empty   Nothing: what a process takes. Prints nothing.
 
-Before the answer stands "Content-Type: text/plain" and an empty line, with CR LF.
+Before an answer stands "Content-Type: text/plain" and an empty line, both with
+CR LF.
 """
 
 import dataclasses
+import os
+import shutil
 import sys
 
-PYTHON = sys.executable
+# What every server gives, and what some of the programs cannot do without.
+SERVER_VARIABLES = {
+    "GATEWAY_INTERFACE": "CGI/1.1",
+    "HTTP_HOST": "localhost",
+    "PATH": "/usr/bin:/bin",
+    "REMOTE_ADDR": "127.0.0.1",
+    "SCRIPT_NAME": "/bench",
+    "SERVER_ADDR": "127.0.0.1",
+    "SERVER_NAME": "localhost",
+    "SERVER_PORT": "80",
+    "SERVER_PROTOCOL": "HTTP/1.1",
+}
 
 
 @dataclasses.dataclass(frozen=True)
 class Program:
-    """How to start a program. In its strings {programs} stands for the folder of
-    the built ones, {bench} for the one that this file is in, and {folder} for
-    the one in which uploads are kept."""
+    """How to start a program. In command and environment {built} stands for the
+    folder of the built programs, {bench} for the one that this file is in, and
+    {folder} for the one in which uploads are kept."""
 
     name: str
     workload: str
     title: str
     command: tuple
     environment: dict = dataclasses.field(default_factory=dict)
-    # A floor does less than its workload asks for; see its title.
+    is_ours: bool = False
     is_floor: bool = False
 
     def argv(self, **folders):
         return [word.format(**folders) for word in self.command]
 
     def variables(self, **folders):
+        """What the program needs besides SERVER_VARIABLES and its request."""
         return {
             name: value.format(**folders)
             for name, value in self.environment.items()
         }
 
+    def is_there(self, **folders):
+        """Whether it was built, or its interpreter is installed."""
+        return shutil.which(self.argv(**folders)[0]) is not None
 
-# What every server gives, and what some of the programs cannot do without.
-REQUEST = {
-    "GATEWAY_INTERFACE": "CGI/1.1",
-    "SERVER_PROTOCOL": "HTTP/1.1",
-    "SERVER_NAME": "localhost",
-    "SERVER_PORT": "80",
-    "SERVER_ADDR": "127.0.0.1",
-    "REMOTE_ADDR": "127.0.0.1",
-    "HTTP_HOST": "localhost",
-    "SCRIPT_NAME": "/bench",
-    "PATH": "/usr/bin:/bin",
-}
+
+def ours(workload, build, title):
+    return Program(
+        f"{workload}_{build}",
+        workload,
+        title,
+        ("{built}/" + f"{workload}_{build}",),
+        is_ours=True,
+    )
+
+
+def floor(name, workload, title):
+    return Program(
+        name, workload, title, ("{built}/" + name,), is_floor=True
+    )
+
+
+def built_peer(name, workload, title, **environment):
+    return Program(
+        f"{name}_{workload}",
+        workload,
+        title,
+        ("{built}/" + f"{name}_{workload}",),
+        environment,
+    )
+
+
+def go(workload):
+    return Program(
+        f"go_{workload}",
+        workload,
+        "Go",
+        ("{built}/go/" + workload,),
+        # Its default limit is 1000 fields.
+        {"GODEBUG": "multipartmaxparts=1000000"},
+    )
+
+
+def script(name, workload, title, interpreter, suffix, environment=None):
+    path = "{bench}/peers/" + f"{name}_{workload}.{suffix}"
+    return Program(
+        f"{name}_{workload}",
+        workload,
+        title,
+        (*interpreter, path),
+        environment or {},
+    )
+
+
+def cgi_pm(workload):
+    return script(
+        "cgi_pm",
+        workload,
+        "CGI.pm",
+        ("/usr/bin/perl",),
+        "pl",
+        {"TMPDIR": "{folder}"},
+    )
+
+
+def python(workload):
+    # The module "cgi" is deprecated and says so at each start.
+    return script(
+        "python",
+        workload,
+        "Python",
+        ("/usr/bin/python3", "-W", "ignore"),
+        "py",
+        {"TMPDIR": "{folder}"},
+    )
+
+
+def php(workload):
+    settings = {
+        "default_charset": "",
+        "expose_php": "0",
+        "max_input_vars": "1000000",
+        "post_max_size": "8G",
+        "upload_max_filesize": "8G",
+        "upload_tmp_dir": "{folder}",
+    }
+    options = [
+        word
+        for name, value in settings.items()
+        for word in ("-d", f"{name}={value}")
+    ]
+    return Program(
+        f"php_{workload}",
+        workload,
+        "php-cgi -n",
+        ("/usr/bin/php-cgi", "-n", *options),
+        {
+            # It takes its script from here, and refuses to without the status.
+            "SCRIPT_FILENAME": "{bench}/peers/" + f"php_{workload}.php",
+            "REDIRECT_STATUS": "200",
+        },
+    )
+
+
+SHARED = "shared libraries"
+ARCHIVES = "archives"
+
+PROGRAMS = (
+    floor("empty_c", "empty", "empty C program"),
+    floor("empty_cpp", "empty", "empty C++ program"),
+    ours("get", "shared", SHARED),
+    ours("get", "archive", ARCHIVES),
+    ours("get", "archive_nopie", "archives, without PIE"),
+    ours("form", "shared", SHARED),
+    ours("form", "archive", ARCHIVES),
+    ours("upload", "shared", SHARED),
+    ours("upload", "archive", ARCHIVES),
+    floor("copy", "upload", "plain read and write loop"),
+    ours("query", "shared", SHARED),
+    ours("query", "archive", ARCHIVES),
+    floor("exchange", "query", "bare socket loop"),
+    built_peer("fcgi", "get", "libfcgi"),
+    *(
+        peer(workload)
+        for workload in ("get", "form", "upload")
+        for peer in (
+            lambda workload: built_peer("cgicc", workload, "libcgicc"),
+            lambda workload: built_peer("rude", workload, "librudecgi"),
+            cgi_pm,
+            php,
+            python,
+            go,
+        )
+    ),
+)

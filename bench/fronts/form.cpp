@@ -1,0 +1,24 @@
+// Answers a POST of the fields f0, f1, ... with a summary of their values.
+
+#include <zancgi/zancgi.h>
+
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "../field_summary.h"
+#include "answer.h"
+
+int main(int /*argc*/, char** argv) try {
+  zan_cgi::Cgi cgi(argv[0], "bench");
+  std::vector<std::string> names;
+  cgi.GetParams(names);
+  bench::FieldSummary fields;
+  // The names themselves come in byte order, f10 before f2.
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    fields.Add(cgi.Param("f" + std::to_string(i)));
+  }
+  return bench::Answer().Add(fields.Line()).Send();
+} catch (const std::exception&) {
+  return 1;
+}

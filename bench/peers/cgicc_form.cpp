@@ -1,0 +1,21 @@
+// fronts/form.cpp on libcgicc. It keeps the fields as a list in the order of
+// their coming, which is walked: each look-up by name would search it.
+
+#include <cgicc/Cgicc.h>
+
+#include <exception>
+#include <iostream>
+
+#include "../field_summary.h"
+
+int main() try {
+  const cgicc::Cgicc cgi;
+  bench::FieldSummary fields;
+  for (const cgicc::FormEntry& entry : cgi.getElements()) {
+    fields.Add(entry.getValue());
+  }
+  std::cout << "Content-Type: text/plain\r\n\r\n" << fields.Line();
+  return std::cout.flush() ? 0 : 1;
+} catch (const std::exception&) {
+  return 1;
+}

@@ -1,0 +1,21 @@
+// fronts/form.cpp on librudecgi. It keeps the fields as a list in the order of
+// their coming, which is walked: each look-up by name would search it.
+
+#include <rude/cgi.h>
+
+#include <exception>
+#include <iostream>
+
+#include "../field_summary.h"
+
+int main() try {
+  const rude::CGI cgi;
+  bench::FieldSummary fields;
+  for (int i = 0; i < cgi.numValues(); ++i) {
+    fields.Add({cgi.value(i), static_cast<std::size_t>(cgi.length(i))});
+  }
+  std::cout << "Content-Type: text/plain\r\n\r\n" << fields.Line();
+  return std::cout.flush() ? 0 : 1;
+} catch (const std::exception&) {
+  return 1;
+}
