@@ -11,7 +11,7 @@ int main() try {
   const char* store = std::getenv("STORE");
   if (store == nullptr) return 1;
   const cgicc::Cgicc cgi;
-  const cgicc::const_file_iterator upload = cgi.getFile("u");
+  const auto upload = cgi.getFile("u");
   if (upload == cgi.getFiles().end()) return 1;
   std::ofstream file(store, std::ios::binary);
   upload->writeToStream(file);
