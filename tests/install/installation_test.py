@@ -21,6 +21,14 @@ HERE = pathlib.Path(__file__).parent
 STANDARDS = (11, 20)
 OF_THE_C_LIBRARY = {"libc.so.6", "ld-linux-x86-64.so.2"}
 
+BASE_USER = """\
+#include <tov/str.h>
+
+#include <cstdio>
+
+int main() { std::puts(str::url::Encode("one & two").c_str()); }
+"""
+
 
 def run(*command, **options):
     """What a command prints; its complaints, when it fails."""
@@ -59,6 +67,8 @@ class InstallTest(unittest.TestCase):
         cls.addClassCleanup(folder.cleanup)
         cls.folder = pathlib.Path(folder.name)
         cls.root = cls.install("root")
+        cls.base_user = cls.folder / "base_user.cpp"
+        cls.base_user.write_text(BASE_USER)
 
     @classmethod
     def install(cls, name, *options):
@@ -195,7 +205,7 @@ class PkgConfigTest(FrontEndTest):
 
     def test_base_library(self):
         for standard in STANDARDS:
-            self.check_base_user(self.build(HERE / "base_user.cpp", "tov", standard))
+            self.check_base_user(self.build(self.base_user, "tov", standard))
 
 
 class CMakeTests:
@@ -206,7 +216,8 @@ class CMakeTests:
         cls.build = cls.folder / "build"
         run(
             CMAKE, "-S", HERE / "project", "-B", cls.build, "-G", "Ninja",
-            f"-DCMAKE_CXX_COMPILER={CXX}", f"-DFRONT_END={FRONT_END}", *options,
+            f"-DCMAKE_CXX_COMPILER={CXX}", f"-DFRONT_END={FRONT_END}",
+            f"-DBASE_USER={cls.base_user}", *options,
         )  # fmt: skip
         run(CMAKE, "--build", cls.build)
 
