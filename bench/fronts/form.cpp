@@ -14,10 +14,7 @@ int main(int /*argc*/, char** argv) try {
   std::vector<std::string> names;
   cgi.GetParams(names);
   bench::FieldSummary fields;
-  // The names themselves come in byte order, f10 before f2.
-  for (std::size_t i = 0; i < names.size(); ++i) {
-    fields.Add(cgi.Param("f" + std::to_string(i)));
-  }
+  for (const std::string& name : names) fields.Add(cgi.Param(name));
   return bench::Answer().Add(fields.Line()).Send();
 } catch (const std::exception&) {
   return 1;

@@ -1,26 +1,34 @@
 #include <tov/str.h>
 
+#include <algorithm>
 #include <charconv>
 #include <limits>
 #include <string_view>
+#include <utility>
 
 namespace str {
 namespace {
 
-constexpr char kWhiteSpace[] = " \t\r\n\v\f";
-
-std::string_view TrimView(std::string_view text) {
-  const std::size_t begin = text.find_first_not_of(kWhiteSpace);
-  if (begin == std::string_view::npos) return {};
-  const std::size_t end = text.find_last_not_of(kWhiteSpace);
-  return text.substr(begin, end - begin + 1);
+bool IsWhiteSpace(char byte) {
+  return byte == ' ' || (byte >= '\t' && byte <= '\r');
 }
 
+std::string_view TrimView(std::string_view text) {
+  while (!text.empty() && IsWhiteSpace(text.front())) text.remove_prefix(1);
+  while (!text.empty() && IsWhiteSpace(text.back())) text.remove_suffix(1);
+  return text;
+}
+
+/// Takes the first @p word bytes off the text, and what follows them up to
+/// @p taken.
 std::string TakeFront(std::string& text, std::size_t word, std::size_t taken) {
   std::string front = text.substr(0, word);
   text.erase(0, taken);
   return front;
 }
+
+/// Takes all of the text, without a copy.
+std::string TakeAll(std::string& text) { return std::exchange(text, {}); }
 
 template <class Integer>
 Integer ParseInteger(const std::string& text) {
@@ -57,6 +65,36 @@ int HexDigit(char digit) {
   return -1;
 }
 
+/// The byte that two hexadecimal digits tell; -1 when there are none.
+int EscapedByte(const std::string& text, std::size_t digits) {
+  if (text.size() - digits < 2) return -1;
+  const int high = HexDigit(text[digits]);
+  const int low = HexDigit(text[digits + 1]);
+  return high < 0 || low < 0 ? -1 : high * 16 + low;
+}
+
+/// Where a byte comes next in a text. Each part of the text is searched once,
+/// however often this is asked.
+class NextOf {
+ public:
+  NextOf(const std::string& text, char byte) : text_(text), byte_(byte) {}
+
+  /// The place from @p begin on, or the text's size. Places asked for ascend.
+  std::size_t From(std::size_t begin) {
+    if (!is_known_ || place_ < begin) {
+      place_ = std::min(text_.find(byte_, begin), text_.size());
+      is_known_ = true;
+    }
+    return place_;
+  }
+
+ private:
+  const std::string& text_;
+  const char byte_;
+  std::size_t place_ = 0;
+  bool is_known_ = false;
+};
+
 bool IsUnreserved(char byte) {
   return (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
          (byte >= '0' && byte <= '9') || byte == '-' || byte == '_' ||
@@ -67,23 +105,20 @@ bool IsUnreserved(char byte) {
 
 std::string GetWord(std::string& text, char delimiter) {
   const std::size_t found = text.find(delimiter);
-  if (found == std::string::npos)
-    return TakeFront(text, text.size(), text.size());
+  if (found == std::string::npos) return TakeAll(text);
   return TakeFront(text, found, found + 1);
 }
 
 std::string GetWord(std::string& text, const std::string& delimiter) {
   const std::size_t found =
       delimiter.empty() ? std::string::npos : text.find(delimiter);
-  if (found == std::string::npos)
-    return TakeFront(text, text.size(), text.size());
+  if (found == std::string::npos) return TakeAll(text);
   return TakeFront(text, found, found + delimiter.size());
 }
 
 std::string RGetWord(std::string& text, char delimiter) {
   const std::size_t found = text.rfind(delimiter);
-  if (found == std::string::npos)
-    return TakeFront(text, text.size(), text.size());
+  if (found == std::string::npos) return TakeAll(text);
   std::string word = text.substr(found + 1);
   text.resize(found);
   return word;
@@ -119,20 +154,21 @@ namespace url {
 std::string Decode(const std::string& text) {
   std::string decoded;
   decoded.reserve(text.size());
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '+') {
+  NextOf percent(text, '%');
+  NextOf plus(text, '+');
+  for (std::size_t at = 0; at < text.size();) {
+    const std::size_t special = std::min(percent.From(at), plus.From(at));
+    decoded.append(text, at, special - at);
+    if (special == text.size()) break;
+    at = special + 1;
+    if (text[special] == '+') {
       decoded += ' ';
-      continue;
+    } else if (const int byte = EscapedByte(text, at); byte >= 0) {
+      decoded += static_cast<char>(byte);
+      at += 2;
+    } else {
+      decoded += '%';
     }
-    const bool escape = text[i] == '%' && text.size() - i > 2;
-    const int high = escape ? HexDigit(text[i + 1]) : -1;
-    const int low = escape ? HexDigit(text[i + 2]) : -1;
-    if (high < 0 || low < 0) {
-      decoded += text[i];
-      continue;
-    }
-    decoded += static_cast<char>(high * 16 + low);
-    i += 2;
   }
   return decoded;
 }

@@ -36,12 +36,12 @@ inline bool ExtendLine(const char* chunk, std::size_t size,
   // dropped.
   const void* const found = std::memchr(begin + 1, '\n', size - position);
   if (found == nullptr) {
-    line.append(begin, chunk + size);
+    line.append(begin, size - position);
     position = size;
     return false;
   }
   const char* const line_feed = static_cast<const char*>(found);
-  line.append(begin, line_feed - 1);
+  line.append(begin, static_cast<std::size_t>(line_feed - 1 - begin));
   position = static_cast<std::size_t>(line_feed + 1 - chunk);
   return true;
 }

@@ -59,16 +59,44 @@ template <class Value>
 void ListKeys(const std::map<std::string, Value>& map,
               std::vector<std::string>& keys) {
   keys.clear();
+  keys.reserve(map.size());
   for (const auto& entry : map) keys.push_back(entry.first);
 }
 
-/// Joins the values of a repeated parameter. Appends in place: a name that
-/// comes a hundred thousand times must not copy its value as often.
-void AddParameter(StringMap& params, const std::string& name,
-                  const std::string& value) {
-  const auto [entry, inserted] = params.try_emplace(name, value);
-  if (!inserted) entry->second.append(", ").append(value);
-}
+/// Fills a map from a request. The fields of a large form mostly come in the
+/// order of their names, so each is looked for behind the one before it first.
+class MapFiller {
+ public:
+  /// @param map  nothing may be removed from it as long as this object is used
+  explicit MapFiller(StringMap& map) : map_(map), last_(map.end()) {}
+
+  /// Adds a value, or joins it to the one that the name has. Appends in place:
+  /// a name that comes a hundred thousand times must not copy its value as
+  /// often.
+  void Join(const std::string& name, const char* glue,
+            const std::string& value) {
+    if (!GoTo(name)) last_->second.append(glue);
+    last_->second.append(value);
+  }
+
+  /// Adds a value, or replaces the one that the name has.
+  void Set(const std::string& name, std::string value) {
+    GoTo(name);
+    last_->second = std::move(value);
+  }
+
+ private:
+  /// Goes to the value of a name. Says whether it is new, and empty.
+  bool GoTo(const std::string& name) {
+    const std::size_t size = map_.size();
+    const auto behind = last_ == map_.end() ? last_ : std::next(last_);
+    last_ = map_.try_emplace(behind, name);
+    return map_.size() != size;
+  }
+
+  StringMap& map_;
+  StringMap::iterator last_;  ///< Where the last value went.
+};
 
 void RemoveUpload(const std::string& path) {
   if (!tov_file::Exists(path)) return;
@@ -247,6 +275,7 @@ class BodyParser {
   BodyParser(Cgi::Data& request, std::int64_t length,
              const std::string& boundary)
       : request_(request),
+        params_(request.params),
         length_(length),
         capacity_(std::min(static_cast<std::uint64_t>(length), kLargestChunk)),
         boundary_(boundary),
@@ -415,7 +444,15 @@ class BodyParser {
       log.Write(kDebug, "%s:%d appending %d chars to buff",
                 SourceName().c_str(), __LINE__, static_cast<int>(size_));
     }
+    if (raw_body_.empty()) raw_body_.reserve(RawBodyReserve());
     raw_body_.append(chunk_.data(), size_);
+  }
+
+  /// Room for the body as it was declared. Copies to ever more room would cost
+  /// more than the parsing; but no client gets gigabytes for a mere promise.
+  std::size_t RawBodyReserve() const {
+    constexpr std::uint64_t kMostOnTrust = 16 * 1024 * 1024;
+    return std::min(static_cast<std::uint64_t>(length_), kMostOnTrust);
   }
 
   void TakeHeader() {
@@ -504,7 +541,7 @@ class BodyParser {
       }
       after_headers_ = AfterHeaders::kNone;
     } else {
-      request_.params[element_name_] = file_name_;
+      params_.Set(element_name_, file_name_);
     }
   }
 
@@ -529,11 +566,8 @@ class BodyParser {
     if (line_.starts_with(boundary_) || line_.starts_with(closing_boundary_)) {
       state_ = State::kPartHeaders;
     } else {
-      const auto [entry, inserted] =
-          request_.params.try_emplace(element_name_, line_);
-      // Lines are joined by LF, and so is the value of a second field of the
-      // same name. In place, so that many lines take linear time.
-      if (!inserted) entry->second.append("\n").append(line_);
+      // The lines of a value, and the values of a repeated field.
+      params_.Join(element_name_, "\n", line_);
     }
     line_.clear();
   }
@@ -676,11 +710,12 @@ class BodyParser {
       std::string rest = items.Next();
       std::string value = str::GetWord(rest, '&');
       const std::string key = str::GetWord(value, '=');
-      if (!key.empty()) request_.params[key] = str::url::Decode(value);
+      if (!key.empty()) params_.Set(key, str::url::Decode(value));
     }
   }
 
   Cgi::Data& request_;
+  MapFiller params_;              ///< Fills the request's parameters.
   const std::int64_t length_;     ///< The body's, as declared.
   const std::uint64_t capacity_;  ///< The largest chunk.
   const std::string boundary_;
@@ -749,6 +784,7 @@ void Cgi::Data::ParseQueryString(std::string query) {
     }
     return;
   }
+  MapFiller filler(params);
   for (ItemWalk items(query, '&'); !items.AtEnd();) {
     std::string rest = items.Next();
     std::string value = str::GetWord(rest, '&');
@@ -756,7 +792,7 @@ void Cgi::Data::ParseQueryString(std::string query) {
     // Split before decoding: an encoded "&" or "=" is data.
     const std::string name = str::url::Decode(str::GetWord(value, '='));
     if (!name.empty()) {
-      AddParameter(params, name, str::url::Decode(value));
+      filler.Join(name, ", ", str::url::Decode(value));
     } else if (!value.empty() && log.Check(kWarning)) {
       log.Write(kWarning, "Key name is empty, value = '%s'", value.c_str());
     }
