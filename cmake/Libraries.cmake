@@ -1,14 +1,21 @@
-# add_library_pair(NAME SOURCES ... PUBLIC_HEADERS ...): builds the shared
-# library NAME and the static library NAME_static from the same objects. What
-# the shared one exports is listed in NAME.map beside its sources. Both have
-# the names under which other projects find them installed, NAME::NAME and
-# NAME::NAME_static.
+# add_library_pair(NAME SOURCES ... SMALL_SOURCES ... PUBLIC_HEADERS ...): builds
+# the shared library NAME and the static library NAME_static from the same
+# objects. What the shared one exports is listed in NAME.map beside its sources.
+# Both have the names under which other projects find them installed, NAME::NAME
+# and NAME::NAME_static.
+#
+# SOURCES are those that work on each byte of a request and are made fast; the
+# others are made small, since the pages that they take cost more than they do.
 function(add_library_pair name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;PUBLIC_HEADERS" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "SOURCES;SMALL_SOURCES;PUBLIC_HEADERS" ${ARGN})
   list(TRANSFORM ARG_PUBLIC_HEADERS PREPEND "${CMAKE_CURRENT_SOURCE_DIR}/")
   set(map "${CMAKE_CURRENT_SOURCE_DIR}/${name}.map")
 
-  add_library(${name}_objects OBJECT ${ARG_SOURCES})
+  add_library(${name}_objects OBJECT ${ARG_SOURCES} ${ARG_SMALL_SOURCES})
+  set_source_files_properties(${ARG_SOURCES}
+    PROPERTIES COMPILE_OPTIONS "$<$<CONFIG:Release>:-O2>")
+  set_source_files_properties(${ARG_SMALL_SOURCES}
+    PROPERTIES COMPILE_OPTIONS "$<$<CONFIG:Release>:-Os>")
   target_include_directories(${name}_objects PUBLIC "${PROJECT_SOURCE_DIR}/src")
 
   add_library(${name} SHARED)
@@ -20,9 +27,9 @@ function(add_library_pair name)
   target_link_options(${name} PRIVATE
     "LINKER:--version-script=${map}" "LINKER:--as-needed"
     # A front end is started for each request, and what a start costs is page
-    # faults and looking symbols up: fewer segments, and calls within the
-    # library that go to it without being looked up.
-    "LINKER:-z,noseparate-code" "LINKER:-Bsymbolic-functions"
+    # faults and looking symbols up: fewer segments, and what the library has
+    # itself is not looked up elsewhere.
+    "LINKER:-z,noseparate-code" "LINKER:-Bsymbolic"
     # A front end may be root for a while: the addresses of what the library
     # calls cannot be overwritten.
     "LINKER:-z,relro,-z,now")

@@ -1,10 +1,10 @@
 #include "descriptor.h"
 
 #include <fcntl.h>
+#include <string.h>
 #include <tov/err.h>
 #include <unistd.h>
 
-#include <system_error>
 #include <utility>
 
 namespace tov_internal {
@@ -27,7 +27,9 @@ Descriptor AboveStandard(int fresh) {
 }
 
 void ThrowSystemError(const std::string& context, int error) {
-  throw tov_err::Error(context + ": " + std::generic_category().message(error));
+  char text[128];
+  throw tov_err::Error(context + ": " +
+                       ::strerror_r(error, text, sizeof(text)));
 }
 
 }  // namespace tov_internal

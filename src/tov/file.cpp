@@ -12,9 +12,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
-#include <system_error>
 
 #include "descriptor.h"
 
@@ -211,20 +209,44 @@ void CopyAcross(const std::string& from, const std::string& to,
   }
 }
 
-std::string WithoutFinalSlash(std::string path) {
-  if (path.size() > 1 && path.back() == '/') path.pop_back();
-  return path;
+/// What realpath(3) makes of a path; empty, with errno set, when it fails.
+std::string RealPathOfExisting(const std::string& path) {
+  char* real = ::realpath(path.c_str(), nullptr);
+  if (real == nullptr) return {};
+  const std::unique_ptr<char, void (*)(void*)> owner(real, std::free);
+  return real;
 }
 
-/// For a path of which a part does not exist.
+/// Goes on from a real path by components as they are written.
+std::string FollowAsWritten(std::string real, const std::string& components) {
+  for (std::size_t at = 0; at < components.size();) {
+    const std::size_t end =
+        std::min(components.find('/', at), components.size());
+    const std::string name = components.substr(at, end - at);
+    if (name == "..") {
+      real.resize(std::max<std::size_t>(real.rfind('/'), 1));
+    } else if (!name.empty() && name != ".") {
+      real = ConcatPath(real, name);
+    }
+    at = end + 1;
+  }
+  return real;
+}
+
+/// For a path of which a part does not exist. Not by the standard library,
+/// whose paths bring all its locales into a front end that is linked from
+/// archives.
 std::string RealPathOfMissing(const std::string& path) {
-  namespace fs = std::filesystem;
-  std::error_code error;
-  const fs::path absolute = fs::absolute(path, error);
-  const fs::path real =
-      error ? fs::path() : fs::weakly_canonical(absolute, error);
-  if (error) ThrowFor("cannot resolve", path, error.value());
-  return WithoutFinalSlash(real.string());
+  for (std::size_t end = path.size(); end > 0;) {
+    const std::size_t slash = path.rfind('/', end - 1);
+    end = slash == std::string::npos ? 0 : slash;
+    std::string existing = path.substr(0, end);
+    if (end == 0) existing = slash == 0 ? "/" : ".";
+    const std::string real = RealPathOfExisting(existing);
+    if (!real.empty()) return FollowAsWritten(real, path.substr(end));
+    if (!MeansMissing(errno)) break;
+  }
+  ThrowFor("cannot resolve", path, errno);
 }
 
 }  // namespace
@@ -261,11 +283,8 @@ std::string ConcatPath(const std::string& folder, const std::string& name) {
 
 std::string RealPath(const std::string& path) {
   if (path.empty()) throw tov_err::Value("path", path);
-  char* real = ::realpath(path.c_str(), nullptr);
-  if (real != nullptr) {
-    const std::unique_ptr<char, void (*)(void*)> owner(real, std::free);
-    return real;
-  }
+  const std::string real = RealPathOfExisting(path);
+  if (!real.empty()) return real;
   if (!MeansMissing(errno)) ThrowFor("cannot resolve", path, errno);
   return RealPathOfMissing(path);
 }

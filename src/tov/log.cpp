@@ -133,7 +133,7 @@ class Line {
   bool cut_ = false;
 };
 
-enum class Kind { None, Syslog, File, Stream, Socket };
+enum class Kind { None, Unseen, Syslog, File, Stream, Socket };
 
 /// Where lines go; opened once, then left open until the process ends.
 struct Target {
@@ -185,8 +185,10 @@ Target OpenTarget() {
   }
   if (target.kind != Kind::None) return target;
   // A process may be started without standard error: what is opened as
-  // descriptor 2 later is not ours to write to.
-  return {KindOf(STDERR_FILENO), STDERR_FILENO};
+  // descriptor 2 later is not ours to write to. What it is can wait until there
+  // is a line, since most requests have none.
+  const bool is_open = ::fcntl(STDERR_FILENO, F_GETFD) >= 0;
+  return {is_open ? Kind::Unseen : Kind::None, STDERR_FILENO};
 }
 
 int ConfiguredThreshold() {
@@ -324,7 +326,8 @@ bool Module::Check(Level level) {
 void Module::Write(Level level, const char* format, ...) {
   const ErrnoKeeper keeper;
   if (threshold.load(std::memory_order_relaxed) == kNotSetUp) SetUp();
-  const Target& target = TheTarget();
+  Target target = TheTarget();
+  if (target.kind == Kind::Unseen) target.kind = KindOf(target.descriptor);
 
   Line line;
   if (target.kind == Kind::File) AppendTime(line);

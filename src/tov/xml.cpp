@@ -2,6 +2,15 @@
 
 #include <pugixml.hpp>
 
+#include <cstdlib>
+
+/// Stands for what pugixml would need of streams and files, see
+/// embed_pugixml.sh. Nothing here calls it.
+extern "C" [[noreturn]] __attribute__((visibility("hidden"), used)) void
+tov_internal_absent() {
+  std::abort();
+}
+
 namespace tov_xml {
 namespace {
 

@@ -27,9 +27,18 @@
 
 namespace zan_cgi {
 
-/// std::cin under its linker name. <iostream> would set up all standard streams
-/// at every start, which costs each request more than its query string does.
-extern ZANCGI_API std::istream standard_input __asm__("_ZSt3cin");
+/// std::cin, and what sets the standard streams up and flushes them, under
+/// their linker names. <iostream> would set them up at every start, which costs
+/// each request more than its query string does. Weak, so that a front end that
+/// is linked from archives has them only if it uses them itself.
+/// @{
+extern ZANCGI_API std::istream standard_input
+    __asm__("_ZSt3cin") __attribute__((weak));
+ZANCGI_API void SetUpStreams(void* init)
+    __asm__("_ZNSt8ios_base4InitC1Ev") __attribute__((weak));
+ZANCGI_API void FlushStreams(void* init)
+    __asm__("_ZNSt8ios_base4InitD1Ev") __attribute__((weak));
+/// @}
 
 namespace {
 
@@ -218,9 +227,30 @@ void TakeLanguage(std::string cookie, Cgi::AuthInfo& session) {
   session.lang_rest = cookie;
 }
 
-const std::istream& StandardInput() {
-  static const std::ios_base::Init streams;
-  return standard_input;
+/// The user of the standard streams that <iostream> makes of each source file.
+class StreamsUser {
+ public:
+  StreamsUser() { SetUpStreams(this); }
+  ~StreamsUser() { FlushStreams(this); }
+  StreamsUser(const StreamsUser&) = delete;
+  StreamsUser& operator=(const StreamsUser&) = delete;
+};
+
+/// std::cin, or null in a program that has none.
+const std::istream* StandardInput() {
+  if (&standard_input == nullptr) return nullptr;
+  static const StreamsUser user;
+  return &standard_input;
+}
+
+bool IsInputGood() {
+  const std::istream* const input = StandardInput();
+  return input == nullptr || input->good();
+}
+
+bool IsInputAtEnd() {
+  const std::istream* const input = StandardInput();
+  return input != nullptr && input->eof();
 }
 
 const char* TrueOrFalse(bool value) { return value ? "true" : "false"; }
@@ -299,7 +329,7 @@ class BodyParser {
     // have changed. It is asked all the same, for compatibility.
     do {
       Pass();
-    } while (StandardInput().good() && HasMore());
+    } while (IsInputGood() && HasMore());
     Finish();
   }
 
@@ -362,7 +392,7 @@ class BodyParser {
 
   std::int64_t Drain() {
     std::int64_t count = 0;
-    while (count < length_ && StandardInput().good()) count += ReadAfter(count);
+    while (count < length_ && IsInputGood()) count += ReadAfter(count);
     return count;
   }
 
@@ -692,10 +722,9 @@ class BodyParser {
       log.Write(kDebug,
                 "%s:%d End of stdin parsing, stdin state EOF %s, GOOD %s, read "
                 "%u of %u chars",
-                SourceName().c_str(), __LINE__,
-                TrueOrFalse(StandardInput().eof()),
-                TrueOrFalse(StandardInput().good()),
-                static_cast<unsigned>(total_), static_cast<unsigned>(length_));
+                SourceName().c_str(), __LINE__, TrueOrFalse(IsInputAtEnd()),
+                TrueOrFalse(IsInputGood()), static_cast<unsigned>(total_),
+                static_cast<unsigned>(length_));
     }
   }
 

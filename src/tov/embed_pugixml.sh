@@ -1,0 +1,46 @@
+#!/bin/sh
+# Makes one object of our XML code and of the pugixml that it rests on.
+#
+#   embed_pugixml.sh OUTPUT XML_OBJECT PUGIXML_ARCHIVE
+#
+# The tools are AR, LD, NM and OBJCOPY from the environment.
+#
+# pugixml becomes private: a front end may have another one of its own. And what
+# it has beside its parser and XPath goes, as each start of a front end would
+# pay for it:
+# - Reading and writing of streams and files is never called here. It would
+#   bring all of the standard library's streams and locales into a front end
+#   that is linked from archives, and more symbols to look up into the others.
+# - Its one static object, an empty set of nodes, serves XPath variables of the
+#   wrong type. We have no variables.
+set -eu
+
+output=$1
+xml_object=$2
+archive=$3
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+(cd "$work" && "$AR" x "$archive" pugixml.cpp.o)
+pugixml=$work/pugixml.cpp.o
+
+if "$NM" "$pugixml" | grep ' [bB] ' | grep -qv dummy_node_set; then
+  echo "embed_pugixml.sh: this pugixml has another static object" >&2
+  exit 1
+fi
+"$OBJCOPY" --remove-section=.init_array --remove-section=.rela.init_array \
+  "$pugixml"
+
+# std::istream, std::ostream and their wide kin, std::wstring, and stdio.
+unused=$("$NM" "$pugixml" | sed -n -E 's/^ +U //p' | grep -E \
+  '^_ZN(S[io]|St13basic_[io]streamIw|St9basic_iosI|St7__cxx1112basic_stringIw)|^f(close|error|flush|open|read|seek|tell|write)$')
+
+absent=tov_internal_absent
+set --
+for symbol in $unused; do set -- "$@" "--defsym=$symbol=$absent"; done
+"$LD" -r -o "$work/joined.o" "$xml_object" "$pugixml" "$@"
+
+set -- '--localize-symbol=*4pugi*' "--localize-symbol=$absent"
+for symbol in $unused; do set -- "$@" "--localize-symbol=$symbol"; done
+"$OBJCOPY" --wildcard "$@" "$work/joined.o" "$output"
