@@ -25,9 +25,8 @@ CR LF.
 """
 
 import dataclasses
-import os
 import shutil
-import sys
+import subprocess
 
 # What every server gives, and what some of the programs cannot do without.
 SERVER_VARIABLES = {
@@ -56,6 +55,10 @@ class Program:
     environment: dict = dataclasses.field(default_factory=dict)
     is_ours: bool = False
     is_floor: bool = False
+    # So slow that fewer runs must do.
+    is_slow: bool = False
+    # A command that succeeds if what else the program needs is there.
+    probe: tuple = ()
 
     def argv(self, **folders):
         return [word.format(**folders) for word in self.command]
@@ -68,8 +71,13 @@ class Program:
         }
 
     def is_there(self, **folders):
-        """Whether it was built, or its interpreter is installed."""
-        return shutil.which(self.argv(**folders)[0]) is not None
+        """Whether it was built, or what interprets it is installed."""
+        if shutil.which(self.argv(**folders)[0]) is None:
+            return False
+        if not self.probe:
+            return True
+        done = subprocess.run(self.probe, capture_output=True, check=False)
+        return done.returncode == 0
 
 
 def ours(workload, build, title):
@@ -109,14 +117,16 @@ def go(workload):
     )
 
 
-def script(name, workload, title, interpreter, suffix, environment=None):
+def script(name, workload, title, interpreter, suffix, probe=()):
     path = "{bench}/peers/" + f"{name}_{workload}.{suffix}"
     return Program(
         f"{name}_{workload}",
         workload,
         title,
         (*interpreter, path),
-        environment or {},
+        {"TMPDIR": "{folder}"},
+        is_slow=True,
+        probe=probe,
     )
 
 
@@ -127,7 +137,7 @@ def cgi_pm(workload):
         "CGI.pm",
         ("/usr/bin/perl",),
         "pl",
-        {"TMPDIR": "{folder}"},
+        probe=("/usr/bin/perl", "-MCGI", "-e1"),
     )
 
 
@@ -139,7 +149,6 @@ def python(workload):
         "Python",
         ("/usr/bin/python3", "-W", "ignore"),
         "py",
-        {"TMPDIR": "{folder}"},
     )
 
 
@@ -167,18 +176,19 @@ def php(workload):
             "SCRIPT_FILENAME": "{bench}/peers/" + f"php_{workload}.php",
             "REDIRECT_STATUS": "200",
         },
+        is_slow=True,
     )
 
 
-SHARED = "shared libraries"
-ARCHIVES = "archives"
+SHARED = "libzancgi, shared"
+ARCHIVES = "libzancgi, archives"
 
 PROGRAMS = (
     floor("empty_c", "empty", "empty C program"),
     floor("empty_cpp", "empty", "empty C++ program"),
     ours("get", "shared", SHARED),
     ours("get", "archive", ARCHIVES),
-    ours("get", "archive_nopie", "archives, without PIE"),
+    ours("get", "archive_nopie", f"{ARCHIVES}, not PIE"),
     ours("form", "shared", SHARED),
     ours("form", "archive", ARCHIVES),
     ours("upload", "shared", SHARED),

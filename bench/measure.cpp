@@ -1,0 +1,397 @@
+// Runs programs in turn, as a web server would start them, and says what each
+// run took.
+//
+//   bench_measure <PLAN
+//
+// The plan is lines of a word, a blank and a value:
+//
+//   rounds N            how often each program is run
+//   program NAME        what follows is about this program
+//   every N             run it in each Nth round only
+//   argument TEXT       the first is the path of the program
+//   variable NAME=TEXT  its environment holds these, and nothing else
+//   input PATH          its standard input, opened anew for each run
+//   piece N PATH        instead: a pipe, through which these bytes come N times
+//   output PATH         its standard output
+//   stored N PATH       the run leaves a file of N bytes here, which is removed
+//
+// Standard input and output are /dev/null unless told otherwise. Each round
+// begins with the next program, and a first round is not counted. A line of
+// JSON for each run goes to standard output, then one about this program: the
+// kernel counts the memory of whoever starts a program as the program's peak,
+// so no smaller peak than ours can be seen. That is why this is linked
+// statically and holds little.
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+namespace {
+
+struct Piece {
+  std::size_t count;
+  std::string path;
+};
+
+struct StoredFile {
+  off_t size;
+  std::string path;
+};
+
+struct Program {
+  std::string name;
+  std::size_t every = 1;
+  std::vector<std::string> arguments;
+  std::vector<std::string> variables;
+  std::string input = "/dev/null";
+  std::vector<Piece> pieces;
+  std::string output = "/dev/null";
+  std::vector<StoredFile> stored;
+};
+
+struct Plan {
+  std::size_t rounds = 1;
+  std::vector<Program> programs;
+};
+
+[[noreturn]] void ThrowErrno(const std::string& what) {
+  throw std::system_error(errno, std::generic_category(), what);
+}
+
+class Descriptor {
+ public:
+  explicit Descriptor(int number) : number_(number) {}
+  Descriptor(Descriptor&& other) noexcept
+      : number_(std::exchange(other.number_, -1)) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() {
+    if (number_ >= 0) ::close(number_);
+  }
+  int Number() const { return number_; }
+
+ private:
+  int number_;
+};
+
+Descriptor Open(const std::string& path) {
+  const int number = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (number < 0) ThrowErrno(path);
+  return Descriptor(number);
+}
+
+std::size_t Number(const std::string& text) {
+  std::size_t end = 0;
+  const unsigned long number = std::stoul(text, &end);
+  if (end != text.size()) throw std::runtime_error("no number: " + text);
+  return number;
+}
+
+/// "N PATH"
+std::pair<std::size_t, std::string> NumberAndPath(const std::string& text) {
+  const std::size_t blank = text.find(' ');
+  if (blank == std::string::npos) {
+    throw std::runtime_error("no number and path: " + text);
+  }
+  return {Number(text.substr(0, blank)), text.substr(blank + 1)};
+}
+
+void ReadProgramLine(const std::string& word, const std::string& value,
+                     Program& program) {
+  if (word == "every") {
+    program.every = Number(value);
+  } else if (word == "argument") {
+    program.arguments.push_back(value);
+  } else if (word == "variable") {
+    program.variables.push_back(value);
+  } else if (word == "input") {
+    program.input = value;
+  } else if (word == "piece") {
+    const auto [count, path] = NumberAndPath(value);
+    program.pieces.push_back({count, path});
+  } else if (word == "output") {
+    program.output = value;
+  } else if (word == "stored") {
+    const auto [size, path] = NumberAndPath(value);
+    program.stored.push_back({static_cast<off_t>(size), path});
+  } else {
+    throw std::runtime_error("unknown word in the plan: " + word);
+  }
+}
+
+void ReadLine(const std::string& line, Plan& plan) {
+  const std::size_t blank = line.find(' ');
+  const std::string word = line.substr(0, blank);
+  const std::string value =
+      blank == std::string::npos ? "" : line.substr(blank + 1);
+  if (word == "rounds") {
+    plan.rounds = Number(value);
+  } else if (word == "program") {
+    plan.programs.emplace_back().name = value;
+  } else if (plan.programs.empty()) {
+    throw std::runtime_error("no program yet: " + line);
+  } else {
+    ReadProgramLine(word, value, plan.programs.back());
+  }
+}
+
+Plan ReadPlan() {
+  Plan plan;
+  char* line = nullptr;
+  std::size_t room = 0;
+  ssize_t length = 0;
+  while ((length = ::getline(&line, &room, stdin)) > 0) {
+    if (line[length - 1] == '\n') --length;
+    ReadLine(std::string(line, static_cast<std::size_t>(length)), plan);
+  }
+  std::free(line);
+  return plan;
+}
+
+void WriteAll(int descriptor, const char* data, std::size_t size) {
+  while (size > 0) {
+    const ssize_t count = ::write(descriptor, data, size);
+    if (count < 0) ThrowErrno("cannot feed a program");
+    data += count;
+    size -= static_cast<std::size_t>(count);
+  }
+}
+
+void FeedPiece(const Piece& piece, int descriptor) {
+  const Descriptor file = Open(piece.path);
+  struct stat status {};
+  if (::fstat(file.Number(), &status) != 0) ThrowErrno(piece.path);
+  const auto size = static_cast<std::size_t>(status.st_size);
+  if (size == 0) return;
+  void* const bytes = ::mmap(nullptr, size, PROT_READ,
+                             MAP_PRIVATE | MAP_POPULATE, file.Number(), 0);
+  if (bytes == MAP_FAILED) ThrowErrno(piece.path);
+  for (std::size_t i = 0; i < piece.count; ++i) {
+    WriteAll(descriptor, static_cast<const char*>(bytes), size);
+  }
+  ::munmap(bytes, size);
+}
+
+[[noreturn]] void Feed(const std::vector<Piece>& pieces, int descriptor) try {
+  for (const Piece& piece : pieces) FeedPiece(piece, descriptor);
+  ::_exit(0);
+} catch (const std::exception& error) {
+  static_cast<void>(std::fprintf(stderr, "bench_measure: %s\n", error.what()));
+  ::_exit(1);
+}
+
+/// The writing end of a program's standard input, in a process of its own so
+/// that the pieces count as nobody's memory.
+class Feeder {
+ public:
+  Feeder(const std::vector<Piece>& pieces, const Descriptor& reading,
+         const Descriptor& writing)
+      : process_(::fork()) {
+    if (process_ < 0) ThrowErrno("cannot start a feeder");
+    if (process_ == 0) {
+      // Or it would never learn that the program has gone.
+      ::close(reading.Number());
+      Feed(pieces, writing.Number());
+    }
+  }
+
+  /// A program need not read all. It may have ended before.
+  void Finish() const {
+    int status = 0;
+    if (::waitpid(process_, &status, 0) != process_) ThrowErrno("no feeder");
+    const bool cut = WIFSIGNALED(status) && WTERMSIG(status) == SIGPIPE;
+    if (status != 0 && !cut) throw std::runtime_error("a feeder has failed");
+  }
+
+ private:
+  pid_t process_;
+};
+
+struct Pipe {
+  Descriptor reading;
+  Descriptor writing;
+};
+
+Pipe MakePipe() {
+  int ends[2];
+  if (::pipe2(ends, O_CLOEXEC) != 0) ThrowErrno("no pipe");
+  return {Descriptor(ends[0]), Descriptor(ends[1])};
+}
+
+/// As execve(2) takes it; valid as long as @p texts.
+std::vector<char*> Pointers(std::vector<std::string>& texts) {
+  std::vector<char*> pointers;
+  for (std::string& text : texts) pointers.push_back(text.data());
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+class FileActions {
+ public:
+  FileActions(int input, const std::string& output) {
+    Check(::posix_spawn_file_actions_init(&actions_));
+    Check(::posix_spawn_file_actions_adddup2(&actions_, input, STDIN_FILENO));
+    Check(::posix_spawn_file_actions_addopen(
+        &actions_, STDOUT_FILENO, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+        0644));
+  }
+  FileActions(const FileActions&) = delete;
+  FileActions& operator=(const FileActions&) = delete;
+  ~FileActions() { ::posix_spawn_file_actions_destroy(&actions_); }
+  const posix_spawn_file_actions_t* Get() const { return &actions_; }
+
+ private:
+  static void Check(int error) {
+    if (error != 0) throw std::system_error(error, std::generic_category());
+  }
+
+  posix_spawn_file_actions_t actions_{};
+};
+
+struct Run {
+  double wall_ms;
+  rusage usage;
+};
+
+void ThrowUnlessSuccess(const Program& program, int status) {
+  if (WIFSIGNALED(status)) {
+    throw std::runtime_error(program.name + ": ended by signal " +
+                             std::to_string(WTERMSIG(status)));
+  }
+  if (status != 0) {
+    throw std::runtime_error(program.name + ": exit status " +
+                             std::to_string(WEXITSTATUS(status)));
+  }
+}
+
+Run Start(Program& program, const Descriptor& input) {
+  const FileActions actions(input.Number(), program.output);
+  const std::vector<char*> arguments = Pointers(program.arguments);
+  const std::vector<char*> variables = Pointers(program.variables);
+  Run run{};
+  pid_t process = 0;
+  int status = 0;
+  const auto begin = std::chrono::steady_clock::now();
+  const int error = ::posix_spawn(&process, arguments[0], actions.Get(),
+                                  nullptr, arguments.data(), variables.data());
+  if (error != 0) {
+    throw std::system_error(error, std::generic_category(), program.name);
+  }
+  if (::wait4(process, &status, 0, &run.usage) != process) {
+    ThrowErrno(program.name);
+  }
+  const std::chrono::duration<double, std::milli> time =
+      std::chrono::steady_clock::now() - begin;
+  ThrowUnlessSuccess(program, status);
+  run.wall_ms = time.count();
+  return run;
+}
+
+Run StartFed(Program& program) {
+  Pipe pipe = MakePipe();
+  const Feeder feeder(program.pieces, pipe.reading, pipe.writing);
+  const Run run = [&] {
+    const Descriptor input = std::move(pipe.reading);
+    // Or the program would see no end.
+    static_cast<void>(Descriptor(std::move(pipe.writing)));
+    return Start(program, input);
+  }();
+  feeder.Finish();
+  return run;
+}
+
+void RemoveStored(const Program& program) {
+  for (const StoredFile& file : program.stored) {
+    struct stat status {};
+    if (::stat(file.path.c_str(), &status) != 0) ThrowErrno(program.name);
+    if (status.st_size != file.size) {
+      throw std::runtime_error(program.name + ": has stored " +
+                               std::to_string(status.st_size) + " bytes of " +
+                               std::to_string(file.size));
+    }
+    if (::unlink(file.path.c_str()) != 0) ThrowErrno(program.name);
+  }
+}
+
+Run RunOnce(Program& program) {
+  const Run run = program.pieces.empty() ? Start(program, Open(program.input))
+                                         : StartFed(program);
+  RemoveStored(program);
+  return run;
+}
+
+double Milliseconds(const timeval& time) {
+  return static_cast<double>(time.tv_sec) * 1e3 +
+         static_cast<double>(time.tv_usec) / 1e3;
+}
+
+void Print(const Program& program, const Run& run) {
+  std::printf(
+      "{\"program\": \"%s\", \"wall_ms\": %.6f, \"cpu_ms\": %.3f, "
+      "\"minor_faults\": %ld, \"major_faults\": %ld, \"peak_kb\": %ld}\n",
+      program.name.c_str(), run.wall_ms,
+      Milliseconds(run.usage.ru_utime) + Milliseconds(run.usage.ru_stime),
+      run.usage.ru_minflt, run.usage.ru_majflt, run.usage.ru_maxrss);
+}
+
+/// As the kernel counts it for this program alone: getrusage(2) would tell the
+/// peak of whoever has started it as well.
+long OwnPeak() {
+  std::FILE* const file = std::fopen("/proc/self/status", "re");
+  if (file == nullptr) ThrowErrno("no /proc/self/status");
+  char line[256];
+  long peak = 0;
+  while (std::fgets(line, sizeof(line), file) != nullptr) {
+    if (std::strncmp(line, "VmHWM:", 6) == 0) {
+      peak = std::strtol(line + 6, nullptr, 10);
+    }
+  }
+  std::fclose(file);
+  return peak;
+}
+
+void RunRound(std::vector<Program>& programs, std::size_t round, bool counted) {
+  for (std::size_t i = 0; i < programs.size(); ++i) {
+    Program& program = programs[(round + i) % programs.size()];
+    if (round % program.every != 0) continue;
+    const Run run = RunOnce(program);
+    if (counted) Print(program, run);
+  }
+}
+
+void RunAll(Plan plan) {
+  RunRound(plan.programs, 0, false);
+  for (std::size_t round = 0; round < plan.rounds; ++round) {
+    RunRound(plan.programs, round, true);
+  }
+  std::printf("{\"least_peak_kb\": %ld}\n", OwnPeak());
+}
+
+}  // namespace
+
+int main() try {
+  // A feeder is to end when its program has.
+  ::signal(SIGPIPE, SIG_DFL);
+  RunAll(ReadPlan());
+  return 0;
+} catch (const std::exception& error) {
+  static_cast<void>(std::fprintf(stderr, "bench_measure: %s\n", error.what()));
+  return 1;
+}

@@ -1,0 +1,109 @@
+"""The tables of a run, and the same as JSON."""
+
+import dataclasses
+import json
+from collections.abc import Iterable, Iterator, Mapping, Sequence
+
+from frame import Experiment
+from programs import PROGRAMS
+from summary import Summaries
+from targets import Verdict
+
+# Heading and digits behind the point, in the order of the columns.
+QUANTITIES = {
+    "wall_ms": ("time, ms", 3),
+    "requests_per_second": ("requests/s", 0),
+    "gigabytes_per_second": ("GB/s", 2),
+    "cpu_ms": ("processor, ms", 3),
+    "minor_faults": ("page faults", 0),
+    "peak_kb": ("peak memory, KB", 0),
+}
+
+TITLES = {program.name: program.title for program in PROGRAMS}
+
+VERDICTS = {True: "met", False: "MISSED", None: "not measured"}
+
+
+def table(heading: Sequence[str], rows: Iterable[Sequence[str]]) -> str:
+    """In Markdown, the first column aligned to the left, others to the right."""
+    lines = [list(heading), *map(list, rows)]
+    widths = [max(len(line[i]) for line in lines) for i in range(len(heading))]
+    rule = ["-" * widths[0], *("-" * (width - 1) + ":" for width in widths[1:])]
+    lines.insert(1, rule)
+    return "".join(
+        "| "
+        + " | ".join(
+            cell.rjust(width) if i else cell.ljust(width)
+            for i, (cell, width) in enumerate(zip(line, widths))
+        )
+        + " |\n"
+        for line in lines
+    )
+
+
+def experiment_table(experiment: Experiment) -> str:
+    summaries = experiment.summaries
+    quantities = [
+        quantity for quantity in QUANTITIES if any(quantity in of for of in summaries.values())
+    ]
+    references = [name for name in experiment.references if name in summaries]
+    heading = [
+        experiment.title,
+        *(QUANTITIES[quantity][0] for quantity in quantities),
+        *(f"/ {TITLES.get(name, name)}" for name in references),
+    ]
+    rows = [
+        [
+            TITLES.get(name, name),
+            *(number(of, quantity) for quantity in quantities),
+            *(ratio(of, summaries[reference], experiment.quantity) for reference in references),
+        ]
+        for name, of in summaries.items()
+    ]
+    return table(heading, rows)
+
+
+def number(summaries: Summaries, quantity: str) -> str:
+    if quantity not in summaries:
+        return "-"
+    return f"{summaries[quantity].median:.{QUANTITIES[quantity][1]}f}"
+
+
+def ratio(summaries: Summaries, reference: Summaries, quantity: str) -> str:
+    return f"{summaries[quantity].median / reference[quantity].median:.3f}"
+
+
+def verdict_table(verdicts: Iterable[Verdict]) -> str:
+    rows = [
+        [
+            verdict.target.group,
+            verdict.text(),
+            f"{'>=' if verdict.target.at_least else '<='} {verdict.target.limit:g}",
+            "-" if verdict.value is None else f"{verdict.value:.3f}",
+            VERDICTS[verdict.is_met],
+        ]
+        for verdict in verdicts
+    ]
+    return table(["Target", "what", "limit", "value", ""], rows)
+
+
+def as_json(
+    experiments: Sequence[Experiment],
+    verdicts: Sequence[Verdict],
+    facts: Mapping[str, object],
+) -> str:
+    told = {
+        **facts,
+        "experiments": [dataclasses.asdict(experiment) for experiment in experiments],
+        "targets": [dict(verdict_facts(verdict)) for verdict in verdicts],
+    }
+    return json.dumps(told, indent=1) + "\n"
+
+
+def verdict_facts(verdict: Verdict) -> Iterator[tuple[str, object]]:
+    yield "target", verdict.target.group
+    yield "what", verdict.text()
+    yield "limit", verdict.target.limit
+    yield "at_least", verdict.target.at_least
+    yield "value", verdict.value
+    yield "met", verdict.is_met
