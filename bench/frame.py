@@ -13,7 +13,8 @@ targets.py finds it:
                             references=("empty-c", "cgicc")))
 
 `measure` checks each case before it times any: answer, exit status and stored
-bytes. One that fails is reported, left out, and fails the whole benchmark.
+bytes. One that fails is reported, left out, and fails the whole benchmark. The
+check is the warm-up, too.
 With `--check` nothing is timed and nothing recorded: `measure` returns
 nothing, and `record` does nothing with that. A group that measures by other
 means than `measure` asks `bench.check(case)` itself, and returns early if
@@ -178,8 +179,7 @@ class Bench:
     def _run_checked(self, case: Case) -> None:
         with tempfile.TemporaryDirectory(dir=self.memory) as folder:
             output = pathlib.Path(folder) / "answer"
-            # The round that does not count is enough.
-            self._spawner.run([self._start(case, output=output)], 0, SECONDS)
+            self._spawner.run([self._start(case, output=output)], 1, SECONDS)
             if case.answer is not None:
                 check_answer(case, output.read_bytes())
         if case.stored is not None:

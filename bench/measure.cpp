@@ -16,11 +16,10 @@
 //   stored N PATH       the run leaves a file of N bytes here, which is removed
 //
 // Standard input and output are /dev/null unless told otherwise. Each round
-// begins with the next program, and a first round is not counted. A line of
-// JSON for each run goes to standard output, then one about this program: the
-// kernel counts the memory of whoever starts a program as the program's peak,
-// so no smaller peak than ours can be seen. That is why this is linked
-// statically and holds little.
+// begins with the next program. A line of JSON for each run goes to standard
+// output, then one about this program: the kernel counts the memory of whoever
+// starts a program as the program's peak, so no smaller peak than ours can be
+// seen. That is why this is linked statically and holds little.
 
 #include <fcntl.h>
 #include <signal.h>
@@ -367,19 +366,17 @@ long OwnPeak() {
   return peak;
 }
 
-void RunRound(std::vector<Program>& programs, std::size_t round, bool counted) {
+void RunRound(std::vector<Program>& programs, std::size_t round) {
   for (std::size_t i = 0; i < programs.size(); ++i) {
     Program& program = programs[(round + i) % programs.size()];
     if (round % program.every != 0) continue;
-    const Run run = RunOnce(program);
-    if (counted) Print(program, run);
+    Print(program, RunOnce(program));
   }
 }
 
 void RunAll(Plan plan) {
-  RunRound(plan.programs, 0, false);
   for (std::size_t round = 0; round < plan.rounds; ++round) {
-    RunRound(plan.programs, round, true);
+    RunRound(plan.programs, round);
   }
   std::printf("{\"least_peak_kb\": %ld}\n", OwnPeak());
 }

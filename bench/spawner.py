@@ -41,7 +41,6 @@ class Spawner:
         self.program = program
 
     def run(self, starts: Sequence[Start], rounds: int, seconds: float) -> Outcome:
-        """One round more than that is run, and not counted."""
         with subprocess.Popen(
             [self.program],
             stdin=subprocess.PIPE,
