@@ -32,7 +32,8 @@ from request import Piece, Request
 from spawner import Failed, Spawner, Start
 from summary import Summaries, summarize
 
-# No run takes as long.
+# So long no checked run takes, and no measurement.
+CHECK_SECONDS = 60
 SECONDS = 600
 
 SOURCE = pathlib.Path(__file__).parent
@@ -107,20 +108,25 @@ class Bench:
         self.memory = memory
         self.disk = disk
         self.experiments: list[Experiment] = []
-        self.absent: list[str] = []
+        # Names of peers that are not installed.
+        self.absent: set[str] = set()
+        # What has failed; and how many checks have not.
         self.broken: list[str] = []
+        self.right = 0
         self._spawner = Spawner(built / "bench_measure")
 
     def programs_of(self, workload: str) -> list[Program]:
-        """Those that are there. The others will be named."""
+        """Those that are there. Peers may be absent, which will be told."""
         there = []
         for program in PROGRAMS:
             if program.workload != workload:
                 continue
             if program.is_there(**self._folders()):
                 there.append(program)
+            elif program.is_ours or program.is_floor:
+                self.report_broken(f"{program.name}: not built")
             else:
-                self.absent.append(program.name)
+                self.absent.add(program.name)
         return there
 
     def check(self, case: Case) -> bool:
@@ -130,12 +136,14 @@ class Bench:
         except Failed as failure:
             self.report_broken(str(failure))
             return False
+        self.right += 1
         return True
 
     def report_broken(self, text: str) -> None:
         """The benchmark goes on, and fails at its end."""
-        print(f"BROKEN: {text}")
-        self.broken.append(text)
+        if text not in self.broken:
+            print(f"BROKEN: {text}")
+            self.broken.append(text)
 
     def measure(self, cases: Sequence[Case], rounds: int) -> dict[str, Summaries]:
         """Checks all, then runs all in turn, so many times."""
@@ -179,7 +187,7 @@ class Bench:
     def _run_checked(self, case: Case) -> None:
         with tempfile.TemporaryDirectory(dir=self.memory) as folder:
             output = pathlib.Path(folder) / "answer"
-            self._spawner.run([self._start(case, output=output)], 1, SECONDS)
+            self._spawner.run([self._start(case, output=output)], 1, CHECK_SECONDS)
             if case.answer is not None:
                 check_answer(case, output.read_bytes())
         if case.stored is not None:

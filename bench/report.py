@@ -24,21 +24,20 @@ TITLES = {program.name: program.title for program in PROGRAMS}
 VERDICTS = {True: "met", False: "MISSED", None: "not measured"}
 
 
-def table(heading: Sequence[str], rows: Iterable[Sequence[str]]) -> str:
-    """In Markdown, the first column aligned to the left, others to the right."""
+def table(heading: Sequence[str], rows: Iterable[Sequence[str]], texts: int = 1) -> str:
+    """In Markdown. So many columns are texts, and those behind them numbers."""
     lines = [list(heading), *map(list, rows)]
     widths = [max(len(line[i]) for line in lines) for i in range(len(heading))]
-    rule = ["-" * widths[0], *("-" * (width - 1) + ":" for width in widths[1:])]
+    rule = [
+        "-" * width if i < texts else "-" * (width - 1) + ":" for i, width in enumerate(widths)
+    ]
     lines.insert(1, rule)
-    return "".join(
-        "| "
-        + " | ".join(
-            cell.rjust(width) if i else cell.ljust(width)
-            for i, (cell, width) in enumerate(zip(line, widths))
-        )
-        + " |\n"
-        for line in lines
-    )
+    return "".join(f"| {' | '.join(cells(line, widths, texts))} |\n" for line in lines)
+
+
+def cells(line: Sequence[str], widths: Sequence[int], texts: int) -> Iterator[str]:
+    for i, (cell, width) in enumerate(zip(line, widths)):
+        yield cell.ljust(width) if i < texts else cell.rjust(width)
 
 
 def experiment_table(experiment: Experiment) -> str:
@@ -76,15 +75,15 @@ def ratio(summaries: Summaries, reference: Summaries, quantity: str) -> str:
 def verdict_table(verdicts: Iterable[Verdict]) -> str:
     rows = [
         [
-            verdict.target.group,
+            verdict.target.title,
             verdict.text(),
             f"{'>=' if verdict.target.at_least else '<='} {verdict.target.limit:g}",
-            "-" if verdict.value is None else f"{verdict.value:.3f}",
+            "-" if verdict.value is None else f"{verdict.value:.4g}",
             VERDICTS[verdict.is_met],
         ]
         for verdict in verdicts
     ]
-    return table(["Target", "what", "limit", "value", ""], rows)
+    return table(["Target", "Of what", "limit", "value", ""], rows, texts=2)
 
 
 def as_json(
@@ -101,7 +100,7 @@ def as_json(
 
 
 def verdict_facts(verdict: Verdict) -> Iterator[tuple[str, object]]:
-    yield "target", verdict.target.group
+    yield "target", verdict.target.title
     yield "what", verdict.text()
     yield "limit", verdict.target.limit
     yield "at_least", verdict.target.at_least

@@ -19,7 +19,7 @@ import plots
 import report
 from frame import Bench, Experiment
 from spawner import Failed
-from targets import judge
+from targets import Verdict, judge
 
 GROUPS = ("startup", "requests", "upload", "scan", "memory", "forms", "exchange")
 
@@ -49,19 +49,21 @@ def run_groups(bench: Bench, names: list[str]) -> None:
 
 
 def write_results(
-    folder: pathlib.Path, experiments: list[Experiment], facts: dict[str, object]
+    folder: pathlib.Path,
+    experiments: list[Experiment],
+    verdicts: list[Verdict],
+    facts: dict[str, object],
 ) -> None:
-    verdicts = list(judge(experiments))
-    targets = report.verdict_table(verdicts)
-    print(targets)
     tables = [report.experiment_table(experiment) for experiment in experiments]
-    (folder / "results.md").write_text("\n".join([*tables, targets]))
+    tables.append(report.verdict_table(verdicts))
+    (folder / "results.md").write_text("\n".join(tables))
     (folder / "results.json").write_text(report.as_json(experiments, verdicts, facts))
     plots.draw(experiments, folder / "plots")
 
 
 def main() -> int:
     arguments = parse_arguments()
+    groups = arguments.groups or list(GROUPS)
     facts = machine.facts(arguments.build)
     with (
         tempfile.TemporaryDirectory(dir="/dev/shm", prefix="bench-") as memory,
@@ -71,16 +73,20 @@ def main() -> int:
             arguments.build.resolve() / "bench",
             pathlib.Path(memory),
             pathlib.Path(disk).resolve(),
-            arguments.quick,
-            arguments.check,
+            # A check is as good with a small input.
+            quick=arguments.quick or arguments.check,
+            only_checks=arguments.check,
         )
-        run_groups(bench, arguments.groups or list(GROUPS))
+        run_groups(bench, groups)
+    print(f"{bench.right} programs and inputs checked and right")
     if bench.absent:
-        print("Left out, because they are not built:", ", ".join(bench.absent))
+        print("Left out, because they are not there:", ", ".join(sorted(bench.absent)))
     if not arguments.check:
-        facts.update(quick=arguments.quick, absent=bench.absent, broken=bench.broken)
+        facts.update(quick=arguments.quick, absent=sorted(bench.absent), broken=bench.broken)
         facts["load_at_end"] = machine.load()
-        write_results(arguments.build, bench.experiments, facts)
+        verdicts = list(judge(bench.experiments, groups))
+        print(report.verdict_table(verdicts))
+        write_results(arguments.build, bench.experiments, verdicts, facts)
     return 1 if bench.broken else 0
 
 

@@ -2,7 +2,7 @@
 
 import dataclasses
 import fnmatch
-from collections.abc import Iterator, Sequence
+from collections.abc import Collection, Iterator, Sequence
 
 from frame import Experiment
 
@@ -14,7 +14,7 @@ class Target:
     less that of the same program in another experiment; with `over`, divided
     by that."""
 
-    group: str
+    title: str
     experiments: str  # a pattern: "upload/*"
     program: str
     limit: float
@@ -97,13 +97,12 @@ class Verdict:
 
     def text(self) -> str:
         target = self.target
-        other = target.against
-        if target.over:
-            other = f"{target.over}"
-        name = target.program if other is None else f"{target.program} / {other}"
+        text = f"{self.experiment}: {target.program}"
         if target.since:
-            name += f" - {target.since}"
-        return f"{self.experiment}: {name}, {target.quantity}"
+            text += f" - {target.since}"
+        elif target.against or target.over:
+            text += f" / {target.against or target.over}"
+        return f"{text}, {target.quantity}"
 
 
 class Medians:
@@ -132,10 +131,12 @@ class Medians:
         return value
 
 
-def judge(experiments: Sequence[Experiment]) -> Iterator[Verdict]:
-    """Each target in each experiment that it is about."""
+def judge(experiments: Sequence[Experiment], groups: Collection[str]) -> Iterator[Verdict]:
+    """Each target of these groups in each experiment that it is about."""
     medians = Medians(experiments)
     for target in TARGETS:
+        if target.experiments.partition("/")[0] not in groups:
+            continue
         matching = fnmatch.filter(medians.experiments, target.experiments)
         for name in matching or [target.experiments]:
             yield Verdict(target, name, medians.value(target, name))

@@ -1,0 +1,37 @@
+"""What an upload takes of memory, and whether that grows with the upload."""
+
+import dataclasses
+import pathlib
+import tempfile
+
+from frame import Bench, Experiment
+from groups.upload import Uploads
+
+# Too little to differ from an upload of any other size but by what grows.
+SMALL = 1
+
+
+def run(bench: Bench) -> None:
+    with tempfile.TemporaryDirectory(dir=bench.memory) as inputs:
+        uploads = Uploads(pathlib.Path(inputs))
+        compare(bench, uploads, "small", SMALL)
+        compare(bench, uploads, "large", 64 if bench.quick else 4096)
+
+
+def compare(bench: Bench, uploads: Uploads, size: str, megabytes: int) -> None:
+    """On a disk: not every machine has the memory for so much."""
+    store = bench.disk / "upload"
+    cases = []
+    for program in bench.programs_of("upload"):
+        if program.is_ours or program.is_floor:
+            case = uploads.case(program, megabytes, "pipe", store)
+            trial = uploads.case(program, SMALL, "pipe", store)
+            cases.append(dataclasses.replace(case, trial=trial))
+    bench.record(
+        Experiment(
+            f"memory/{size}",
+            f"Memory for an upload of {megabytes} MB",
+            bench.measure(cases, rounds=3),
+            quantity="peak_kb",
+        )
+    )
