@@ -1,10 +1,14 @@
-"""A bar chart of each experiment, as SVG."""
+"""A chart of each experiment, as SVG."""
 
 import pathlib
 from collections.abc import Sequence
 
 from frame import Experiment
+from programs import PROGRAMS
 from report import QUANTITIES, TITLES
+
+OURS = {program.name for program in PROGRAMS if program.is_ours} | {"scan"}
+FLOORS = {program.name for program in PROGRAMS if program.is_floor} | {"plain"}
 
 
 def draw(experiments: Sequence[Experiment], folder: pathlib.Path) -> None:
@@ -22,23 +26,48 @@ def draw(experiments: Sequence[Experiment], folder: pathlib.Path) -> None:
 
 
 def draw_one(experiment: Experiment, path: pathlib.Path) -> None:
+    """Medians, with a line from one quartile to the other."""
     from matplotlib import pyplot
 
-    names = list(experiment.summaries)
-    summaries = [experiment.summaries[name][experiment.quantity] for name in names]
-    medians = [summary.median for summary in summaries]
-    whiskers = [
-        [summary.median - summary.quartiles[0] for summary in summaries],
-        [summary.quartiles[1] - summary.median for summary in summaries],
-    ]
-    figure, axes = pyplot.subplots(figsize=(8, 0.8 + 0.35 * len(names)))
-    axes.barh([TITLES.get(name, name) for name in names], medians, xerr=whiskers, color="#4477aa")
-    axes.invert_yaxis()
-    # Else the short bars could not be told apart.
-    if max(medians) > 20 * min(medians):
-        axes.set_xscale("log")
+    shown = {
+        name: summaries[experiment.quantity]
+        for name, summaries in experiment.summaries.items()
+        if experiment.quantity in summaries
+    }
+    heading, digits = QUANTITIES[experiment.quantity]
+    figure, axes = pyplot.subplots(figsize=(8, 1.2 + 0.32 * len(shown)))
+    for row, (name, summary) in enumerate(shown.items()):
+        axes.plot(summary.quartiles, (row, row), color=color(name), linewidth=2)
+        axes.plot(summary.median, row, "o", color=color(name))
+        axes.annotate(
+            f"{summary.median:.{digits}f}",
+            (summary.median, row),
+            xytext=(0, 6),
+            textcoords="offset points",
+            horizontalalignment="center",
+            fontsize=8,
+        )
+    axes.set_yticks(range(len(shown)), [TITLES.get(name, name) for name in shown])
+    axes.set_ylim(len(shown) - 0.5, -0.8)
+    scale(axes, [summary.median for summary in shown.values()])
+    axes.grid(axis="x", color="#dddddd")
+    axes.set_axisbelow(True)
     axes.set_title(experiment.title)
-    axes.set_xlabel(QUANTITIES[experiment.quantity][0])
+    axes.set_xlabel(heading)
     figure.tight_layout()
     figure.savefig(path, metadata={"Date": None})
     pyplot.close(figure)
+
+
+def color(name: str) -> str:
+    if name in OURS:
+        return "#0044aa"
+    return "#999999" if name in FLOORS else "#cc5500"
+
+
+def scale(axes, medians: Sequence[float]) -> None:
+    """Logarithmic if the small ones could not be told apart otherwise."""
+    if max(medians) > 10 * min(medians):
+        axes.set_xscale("log")
+    else:
+        axes.set_xlim(left=0)
