@@ -86,6 +86,21 @@ def verdict_table(verdicts: Iterable[Verdict]) -> str:
     return table(["Target", "Of what", "limit", "value", ""], rows, texts=2)
 
 
+def facts_text(facts: Mapping[str, object]) -> str:
+    packages = ", ".join(f"{name} {version}" for name, version in facts["packages"].items())
+    lines = [
+        f"{facts['processors']} x {facts['processor']}, Linux {facts['kernel']}, "
+        f"{facts['compiler']}.",
+        f"{packages}.",
+        f"Load {facts['load_at_begin']} at the beginning, {facts['load_at_end']} at the end.",
+    ]
+    if facts["quick"]:
+        lines.append("A quick run: few rounds, small inputs.")
+    if facts["absent"]:
+        lines.append(f"Not there: {', '.join(facts['absent'])}.")
+    return "\n".join(lines) + "\n"
+
+
 def as_json(
     experiments: Sequence[Experiment],
     verdicts: Sequence[Verdict],

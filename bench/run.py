@@ -54,9 +54,12 @@ def write_results(
     verdicts: list[Verdict],
     facts: dict[str, object],
 ) -> None:
-    tables = [report.experiment_table(experiment) for experiment in experiments]
-    tables.append(report.verdict_table(verdicts))
-    (folder / "results.md").write_text("\n".join(tables))
+    texts = [
+        report.facts_text(facts),
+        *map(report.experiment_table, experiments),
+        report.verdict_table(verdicts),
+    ]
+    (folder / "results.md").write_text("\n".join(texts))
     (folder / "results.json").write_text(report.as_json(experiments, verdicts, facts))
     plots.draw(experiments, folder / "plots")
 

@@ -1,0 +1,221 @@
+"""That the benchmark sees what a program does wrong, and times none that does."""
+
+import contextlib
+import io
+import os
+import pathlib
+import shutil
+import tempfile
+import unittest
+
+import plots
+import report
+from frame import Bench, Case, Experiment, Stored
+from programs import Program
+from request import Piece, get, post
+from spawner import Failed
+from summary import Summaries, Summary
+from targets import Medians, Target, Verdict
+
+BUILT = pathlib.Path(os.environ["BUILT"])
+
+RIGHT = r"printf 'Content-Type: text/plain\r\n\r\n'; echo right"
+
+
+class FrameTest(unittest.TestCase):
+    def setUp(self) -> None:
+        self.folder = pathlib.Path(tempfile.mkdtemp())
+        self.addCleanup(shutil.rmtree, self.folder)
+        self.bench = self.make_bench()
+
+    def make_bench(self, only_checks: bool = False) -> Bench:
+        return Bench(BUILT, self.folder, self.folder, quick=True, only_checks=only_checks)
+
+    def case(self, script: str, name: str = "program", **options) -> Case:
+        program = Program(name, "test", name, ("/bin/sh", "-c", script))
+        return Case(program, **{"request": get("", ""), "answer": b"right\n", **options})
+
+    def measure(self, *cases: Case, rounds: int = 1) -> dict[str, Summaries]:
+        with contextlib.redirect_stdout(io.StringIO()):
+            return self.bench.measure(cases, rounds)
+
+    def file(self, name: str, content: bytes) -> pathlib.Path:
+        path = self.folder / name
+        path.write_bytes(content)
+        return path
+
+    def assert_broken(self, text: str, *cases: Case) -> None:
+        self.assertEqual(self.measure(*cases), {})
+        (broken,) = self.bench.broken
+        self.assertIn(text, broken)
+
+
+class Checks(FrameTest):
+    def test_a_right_answer(self) -> None:
+        self.assertIn("program", self.measure(self.case(RIGHT)))
+        self.assertEqual(self.bench.broken, [])
+
+    def test_a_wrong_answer(self) -> None:
+        self.assert_broken("answers b'right\\nmore\\n'", self.case(f"{RIGHT}; echo more"))
+
+    def test_an_answer_without_a_header(self) -> None:
+        self.assert_broken("no header", self.case("echo right"))
+
+    def test_a_failure_after_the_answer(self) -> None:
+        self.assert_broken("exit status 3", self.case(f"{RIGHT}; exit 3"))
+
+    def test_a_signal(self) -> None:
+        self.assert_broken("signal 9", self.case(f"{RIGHT}; kill -9 $$"))
+
+    def test_a_program_that_cannot_be_run(self) -> None:
+        program = Program("gone", "test", "gone", (str(self.folder / "gone"),))
+        self.assert_broken("gone", Case(program, get("", ""), b""))
+
+    def test_only_the_wrong_one_is_left_out(self) -> None:
+        measured = self.measure(self.case(RIGHT), self.case("exit 1", name="wrong"))
+        self.assertEqual(list(measured), ["program"])
+        self.assertEqual(len(self.bench.broken), 1)
+
+    def test_nothing_is_timed_when_only_checking(self) -> None:
+        self.bench = self.make_bench(only_checks=True)
+        self.assertEqual(self.measure(self.case(RIGHT)), {})
+        self.assertEqual((self.bench.right, self.bench.broken), (1, []))
+
+
+class StoredFiles(FrameTest):
+    def setUp(self) -> None:
+        super().setUp()
+        self.store = self.folder / "stored"
+        piece = Piece(self.file("piece", b"abc"), 2)
+        self.options = {
+            "stored": Stored(self.store, (piece,)),
+            "request": post("text/plain", (piece,)),
+        }
+
+    def stores(self, script: str, **options) -> Case:
+        return self.case(f"{script} > {self.store}; {RIGHT}", **self.options, **options)
+
+    def test_the_same_bytes(self) -> None:
+        self.assertIn("program", self.measure(self.stores("cat"), rounds=2))
+        self.assertFalse(self.store.exists())
+
+    def test_other_bytes(self) -> None:
+        self.assert_broken("other bytes", self.stores("tr b x"))
+
+    def test_more_bytes(self) -> None:
+        self.assert_broken("other bytes", self.stores("(cat; echo)"))
+
+    def test_fewer_bytes(self) -> None:
+        self.assert_broken("other bytes", self.stores("head -c 5"))
+
+    def test_no_file(self) -> None:
+        self.assert_broken("stored nothing", self.case(RIGHT, **self.options))
+
+    def test_a_file_of_another_size_in_a_timed_run(self) -> None:
+        case = self.stores("head -c 5", trial=self.case(RIGHT))
+        with self.assertRaisesRegex(Failed, "stored 5 bytes of 6"):
+            self.measure(case)
+
+
+class Runs(FrameTest):
+    def test_a_body_from_a_file_and_through_a_pipe(self) -> None:
+        body = self.file("body", b"right\n")
+        header = r"printf 'Content-Type: text/plain\n\n'; cat"
+        for request in post("text/plain", body), post("text/plain", (Piece(body),)):
+            self.measure(self.case(header, request=request))
+            self.assertEqual(self.bench.broken, [])
+
+    def test_only_the_variables_of_the_request(self) -> None:
+        os.environ["FROM_OUTSIDE"] = "1"
+        self.addCleanup(os.environ.pop, "FROM_OUTSIDE")
+        self.measure(self.case(f'test -z "$FROM_OUTSIDE$HOME" && {RIGHT}'))
+        self.assertEqual(self.bench.broken, [])
+
+    def test_programs_take_turns(self) -> None:
+        log = self.folder / "log"
+        cases = [
+            self.case(f"echo {name} >> {log}; {RIGHT}", name=name, every=every)
+            for name, every in (("a", 1), ("b", 1), ("c", 2))
+        ]
+        measured = self.measure(*cases, rounds=3)
+        # The first three are the checks.
+        self.assertEqual(log.read_text().split(), "a b c  a b c  b a  c a b".split())
+        self.assertEqual([measured[name]["wall_ms"].runs for name in "abc"], [3, 3, 2])
+
+    def test_time_and_processor_time(self) -> None:
+        measured = self.measure(self.case(f"sleep 0.2; {RIGHT}"))["program"]
+        self.assertGreater(measured["wall_ms"].median, 200)
+        self.assertLess(measured["cpu_ms"].median, 100)
+
+    def test_the_peak_is_that_of_the_program(self) -> None:
+        small = self.case(RIGHT, name="small")
+        large = self.case(f"x=$(head -c 20000000 /dev/zero | tr '\\0' x); {RIGHT}", name="large")
+        held = bytearray(b"x" * 50_000_000)
+        measured = self.measure(small, large)
+        del held
+        self.assertLess(measured["small"]["peak_kb"].median, 5_000)
+        self.assertGreater(measured["large"]["peak_kb"].median, 20_000)
+
+
+class Targets(unittest.TestCase):
+    def setUp(self) -> None:
+        self.medians = Medians(
+            [
+                Experiment("few", "few", self.summaries(ours=2, other=8)),
+                Experiment("many", "many", self.summaries(ours=20, other=10)),
+            ]
+        )
+
+    def summaries(self, **medians: float) -> dict[str, Summaries]:
+        return {name: {"wall_ms": Summary.of([median])} for name, median in medians.items()}
+
+    def value(self, **relation: str) -> float | None:
+        return self.medians.value(Target("", "many", "ours", 1, **relation), "many")
+
+    def test_relations(self) -> None:
+        self.assertEqual(self.value(), 20)
+        self.assertEqual(self.value(against="other"), 2)
+        self.assertEqual(self.value(over="few"), 10)
+        self.assertEqual(self.value(since="few"), 18)
+
+    def test_what_was_not_measured(self) -> None:
+        for relation in ({"against": "x"}, {"over": "x"}, {"since": "x"}, {"quantity": "x"}):
+            self.assertIsNone(self.value(**relation))
+        self.assertIsNone(Verdict(Target("", "many", "ours", 1), "many", None).is_met)
+
+    def test_limits(self) -> None:
+        for at_least, expected in (False, [True, True, False]), (True, [False, True, True]):
+            target = Target("", "many", "ours", 2, at_least=at_least)
+            verdicts = [Verdict(target, "many", value).is_met for value in (1.9, 2, 2.1)]
+            self.assertEqual(verdicts, expected)
+
+
+class Reports(FrameTest):
+    def setUp(self) -> None:
+        super().setUp()
+        summaries = {
+            "get_shared": {"wall_ms": Summary.of([1, 2, 4]), "peak_kb": Summary.of([3000])},
+            "cgicc_get": {"wall_ms": Summary.of([4, 4, 4])},
+        }
+        self.experiment = Experiment("a/b", "Title", summaries, ("cgicc_get", "absent"))
+
+    def test_a_table(self) -> None:
+        lines = report.experiment_table(self.experiment).splitlines()
+        cells = [[cell.strip() for cell in line.split("|")[1:-1]] for line in lines]
+        self.assertEqual(cells[0], ["Title", "time, ms", "peak memory, KB", "/ libcgicc"])
+        self.assertEqual(cells[2], ["libzancgi, shared", "2.000", "3000", "0.500"])
+        self.assertEqual(cells[3], ["libcgicc", "4.000", "-", "1.000"])
+
+    def test_a_plot(self) -> None:
+        with contextlib.redirect_stdout(io.StringIO()) as output:
+            plots.draw([self.experiment], self.folder / "plots")
+        if output.getvalue():
+            self.skipTest(output.getvalue())
+        self.assertIn("<svg", (self.folder / "plots/a-b.svg").read_text())
+
+
+# It has no tests of its own.
+del FrameTest
+
+if __name__ == "__main__":
+    unittest.main()
