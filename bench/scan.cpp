@@ -1,7 +1,7 @@
 // How fast the end of a file is found in the body of a form, in the worst case
 // above all: a client chooses both the boundary and the data.
 //
-//   bench_scan [--quick]
+//   scan [--quick | --check]
 //
 // Runs the library's scan, the plain rule that it stands for, and other ways of
 // searching on the same data in 64 KB chunks, as an upload is read. Prints a
@@ -9,6 +9,9 @@
 //
 //   {"kind": KIND, "boundary": B, "data": D, "chunk": N,
 //    "gbps": {WAY: [GB/s in each round], ...}, "ratio": R}
+//
+// All data is scanned for comparison of the results first; with --check nothing
+// else is done.
 //
 // The ratio is the scan's time by the plain rule's: the median over the rounds.
 // The kinds:
@@ -620,6 +623,17 @@ void ShowWorst(const std::string& kind, std::vector<Case> cases,
   for (const Case& one : cases) Print(kind, one);
 }
 
+/// Throws unless scan and rule agree on everything.
+void CheckAll(const Budget& budget) {
+  for (const std::string& boundary : SystematicBoundaries(budget.is_quick)) {
+    const std::vector<Data> all =
+        SystematicData(SeparatorOf(boundary), budget.is_quick);
+    for (const std::size_t chunk : {std::size_t{1}, std::size_t{100}, kChunk}) {
+      static_cast<void>(CasesOf(boundary, all, chunk, budget));
+    }
+  }
+}
+
 void RunAll(const Budget& budget) {
   ShowUsualBoundary(budget);
   std::vector<Case> cases = Screen(budget);
@@ -635,14 +649,19 @@ void RunAll(const Budget& budget) {
 }  // namespace
 
 int main(int argc, char** argv) try {
-  const bool is_quick = argc == 2 && std::strcmp(argv[1], "--quick") == 0;
-  if (argc != 1 && !is_quick) {
-    static_cast<void>(std::fprintf(stderr, "usage: bench_scan [--quick]\n"));
+  const std::string option = argc > 1 ? argv[1] : "";
+  if (argc > 2 || (argc == 2 && option != "--quick" && option != "--check")) {
+    static_cast<void>(
+        std::fprintf(stderr, "usage: scan [--quick | --check]\n"));
     return 2;
   }
-  RunAll(BudgetFor(is_quick));
+  if (option == "--check") {
+    CheckAll(BudgetFor(true));
+  } else {
+    RunAll(BudgetFor(option == "--quick"));
+  }
   return 0;
 } catch (const std::exception& error) {
-  static_cast<void>(std::fprintf(stderr, "bench_scan: %s\n", error.what()));
+  static_cast<void>(std::fprintf(stderr, "scan: %s\n", error.what()));
   return 1;
 }

@@ -1,0 +1,55 @@
+"""What it costs to ask a back end over a Unix socket, start-up included."""
+
+import contextlib
+import dataclasses
+import pathlib
+import subprocess
+import tempfile
+from collections.abc import Iterator
+
+from frame import Bench, Case, Experiment
+from request import get
+from spawner import Failed
+
+# Bytes, and how often each program is to ask for them.
+ANSWERS = {"1KB": (1000, 600), "10MB": (10_000_000, 120)}
+
+
+def run(bench: Bench) -> None:
+    with tempfile.TemporaryDirectory(dir=bench.memory) as folder:
+        with back_end(bench, pathlib.Path(folder)):
+            for name, (size, rounds) in ANSWERS.items():
+                compare(bench, name, size, rounds // 6 if bench.quick else rounds, folder)
+
+
+@contextlib.contextmanager
+def back_end(bench: Bench, folder: pathlib.Path) -> Iterator[None]:
+    """It ends when its standard input does, however this process may end."""
+    with subprocess.Popen(
+        [bench.built / "scgi_echo", folder / "bench.sock"],
+        stdin=subprocess.PIPE,
+        stdout=subprocess.PIPE,
+        # Not to be interrupted before those who ask it.
+        start_new_session=True,
+    ) as process:
+        if not process.stdout.readline():
+            raise Failed("the back end does not start")
+        yield
+
+
+def compare(bench: Bench, name: str, size: int, rounds: int, run_dir: str) -> None:
+    request = get(f"func={size}", "")
+    request = dataclasses.replace(
+        request, variables={**request.variables, "TOV_RUN_DIR": run_dir}
+    )
+    cases = [
+        Case(program, request, b"%d\n" % size) for program in bench.programs_of("query")
+    ]
+    bench.record(
+        Experiment(
+            f"exchange/{name}",
+            f"Query with an answer of {name}",
+            bench.measure(cases, rounds),
+            references=("exchange",),
+        )
+    )

@@ -1,0 +1,163 @@
+// A back end that answers "func=N" with a document of N bytes.
+//
+//   scgi_echo SOCKET
+//
+// Serves one connection after the other at the Unix socket, with as few system
+// calls as an answer can be sent with. Prints a line when it listens, and ends
+// when its standard input does, so that it does not outlive whoever has started
+// it.
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+namespace {
+
+[[noreturn]] void ThrowErrno(const char* what) {
+  throw std::system_error(errno, std::generic_category(), what);
+}
+
+class Descriptor {
+ public:
+  explicit Descriptor(int number) : number_(number) {
+    if (number < 0) ThrowErrno("no descriptor");
+  }
+  Descriptor(Descriptor&& other) noexcept
+      : number_(std::exchange(other.number_, -1)) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() {
+    if (number_ >= 0) ::close(number_);
+  }
+  int Number() const { return number_; }
+
+ private:
+  int number_;
+};
+
+Descriptor Listen(std::string_view path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof(address.sun_path)) {
+    throw std::runtime_error("the path of the socket is too long");
+  }
+  path.copy(address.sun_path, path.size());
+  Descriptor listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (::bind(listener.Number(), reinterpret_cast<const sockaddr*>(&address),
+             sizeof(address)) != 0) {
+    ThrowErrno("cannot bind");
+  }
+  if (::listen(listener.Number(), SOMAXCONN) != 0) ThrowErrno("cannot listen");
+  return listener;
+}
+
+/// The variables of a request: the inside of the netstring. Empty unless the
+/// request is whole.
+std::string_view Variables(std::string_view received) {
+  const std::size_t colon = received.find(':');
+  if (colon == std::string_view::npos) return {};
+  const std::size_t size = std::stoul(std::string(received.substr(0, colon)));
+  const std::string_view rest = received.substr(colon + 1);
+  return rest.size() > size ? rest.substr(0, size) : std::string_view();
+}
+
+std::string ReadVariables(const Descriptor& connection) {
+  std::string received;
+  std::array<char, 65536> piece;
+  while (Variables(received).empty()) {
+    const ssize_t count =
+        ::recv(connection.Number(), piece.data(), piece.size(), 0);
+    if (count <= 0) throw std::runtime_error("a request is cut");
+    received.append(piece.data(), static_cast<std::size_t>(count));
+  }
+  return std::string(Variables(received));
+}
+
+/// N of "func=N", with which the query begins.
+std::size_t WantedSize(const std::string& variables) {
+  constexpr char kBefore[] = "\0QUERY_STRING\0func=";
+  constexpr std::size_t kSize = sizeof(kBefore) - 1;
+  const std::size_t found = variables.find(kBefore, 0, kSize);
+  if (found == std::string::npos) throw std::runtime_error("no \"func\"");
+  return std::stoul(variables.substr(found + kSize));
+}
+
+std::string MakeDocument(std::size_t size) {
+  constexpr std::string_view kBegin = "<?xml version=\"1.0\"?>\n<doc>";
+  constexpr std::string_view kEnd = "</doc>\n";
+  constexpr std::string_view kRow = "<row name=\"value\"/>\n";
+  if (size < kBegin.size() + kEnd.size()) {
+    throw std::runtime_error("no document is as short");
+  }
+  std::string document(kBegin);
+  while (document.size() < size) document += kRow;
+  document.resize(size - kEnd.size());
+  return document.append(kEnd);
+}
+
+/// Made once for each size.
+const std::string& Document(std::size_t size) {
+  static std::map<std::size_t, std::string> documents;
+  std::string& document = documents[size];
+  if (document.empty()) document = MakeDocument(size);
+  return document;
+}
+
+void Send(const Descriptor& connection, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t count =
+        ::send(connection.Number(), text.data(), text.size(), MSG_NOSIGNAL);
+    if (count < 0) ThrowErrno("cannot send");
+    text.remove_prefix(static_cast<std::size_t>(count));
+  }
+}
+
+void Serve(const Descriptor& connection) try {
+  Send(connection, Document(WantedSize(ReadVariables(connection))));
+} catch (const std::exception& error) {
+  static_cast<void>(std::fprintf(stderr, "scgi_echo: %s\n", error.what()));
+}
+
+/// Whether a connection has come before the end of standard input.
+bool HasConnection(const Descriptor& listener) {
+  std::array<pollfd, 2> events = {
+      {{STDIN_FILENO, POLLIN, 0}, {listener.Number(), POLLIN, 0}}};
+  if (::poll(events.data(), events.size(), -1) < 0) ThrowErrno("cannot wait");
+  return events[0].revents == 0;
+}
+
+void ServeAll(const Descriptor& listener) {
+  std::puts("listening");
+  static_cast<void>(std::fflush(stdout));
+  while (HasConnection(listener)) {
+    Serve(Descriptor(
+        ::accept4(listener.Number(), nullptr, nullptr, SOCK_CLOEXEC)));
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+  if (argc != 2) {
+    static_cast<void>(std::fprintf(stderr, "usage: scgi_echo SOCKET\n"));
+    return 2;
+  }
+  ServeAll(Listen(argv[1]));
+  return 0;
+} catch (const std::exception& error) {
+  static_cast<void>(std::fprintf(stderr, "scgi_echo: %s\n", error.what()));
+  return 1;
+}
