@@ -237,6 +237,7 @@ Pipe MakePipe() {
 /// As execve(2) takes it; valid as long as @p texts.
 std::vector<char*> Pointers(std::vector<std::string>& texts) {
   std::vector<char*> pointers;
+  pointers.reserve(texts.size() + 1);
   for (std::string& text : texts) pointers.push_back(text.data());
   pointers.push_back(nullptr);
   return pointers;
@@ -362,7 +363,7 @@ long OwnPeak() {
       peak = std::strtol(line + 6, nullptr, 10);
     }
   }
-  std::fclose(file);
+  static_cast<void>(std::fclose(file));
   return peak;
 }
 
@@ -385,7 +386,7 @@ void RunAll(Plan plan) {
 
 int main() try {
   // A feeder is to end when its program has.
-  ::signal(SIGPIPE, SIG_DFL);
+  static_cast<void>(::signal(SIGPIPE, SIG_DFL));
   RunAll(ReadPlan());
   return 0;
 } catch (const std::exception& error) {
