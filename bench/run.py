@@ -11,6 +11,7 @@ targets.py.
 import argparse
 import importlib
 import pathlib
+import signal
 import sys
 import tempfile
 
@@ -66,6 +67,8 @@ def write_results(
 
 def main() -> int:
     arguments = parse_arguments()
+    # As on Ctrl-C, what was started is ended, and what was written removed.
+    signal.signal(signal.SIGTERM, signal.default_int_handler)
     groups = arguments.groups or list(GROUPS)
     facts = machine.facts(arguments.build)
     with (

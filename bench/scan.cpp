@@ -303,6 +303,9 @@ std::vector<Data> LookAlikes(const std::string& separator, bool is_quick) {
     all.push_back(Repeated(beginning + "_"));
     all.push_back(Mixed(beginning + " and CR mixed", {beginning, "\r"}));
   }
+  // If it holds its CR twice, the rule may overlook one that begins in a match.
+  all.push_back(
+      Repeated(separator.substr(0, separator.rfind('\r')) + separator));
   all.push_back(Repeated(WithOneByteWrong(separator, separator.size() - 1)));
   all.push_back(Repeated(WithOneByteWrong(separator, separator.size() / 2)));
   all.push_back(Mixed("all its beginnings mixed", beginnings));

@@ -44,6 +44,7 @@ def run_scan(bench: Bench) -> str:
     done = subprocess.run(command, capture_output=True, text=True, check=False)
     if done.returncode != 0:
         raise Failed(done.stderr.strip())
+    bench.right += 1
     return done.stdout
 
 
