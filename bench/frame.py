@@ -10,7 +10,7 @@ targets.py finds it:
              for program in bench.programs_of("get")]
     bench.record(Experiment("startup/get", "GET with three parameters",
                             bench.measure(cases, rounds=400),
-                            references=("empty-c", "cgicc")))
+                            references=("empty_c", "cgicc_get")))
 
 `measure` checks each case before it times any: answer, exit status and stored
 bytes. One that fails is reported, left out, and fails the whole benchmark. The

@@ -88,7 +88,7 @@ def main() -> int:
     if bench.absent:
         print("Left out, because they are not there:", ", ".join(sorted(bench.absent)))
     if not arguments.check:
-        facts.update(quick=arguments.quick, absent=sorted(bench.absent), broken=bench.broken)
+        facts.update(quick=arguments.quick, absent=sorted(bench.absent), broken=len(bench.broken))
         facts["load_at_end"] = machine.load()
         verdicts = list(judge(bench.experiments, groups))
         print(report.verdict_table(verdicts))
