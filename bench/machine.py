@@ -52,7 +52,7 @@ def package_versions() -> dict[str, str]:
 
 
 def file_system(path: str) -> str:
-    return first_line("stat", "--file-system", "--format=%T", path)
+    return first_line("findmnt", "--noheadings", "--output", "FSTYPE", "--target", path)
 
 
 def first_line(*command: str) -> str:
