@@ -1,11 +1,11 @@
 #include <tov/str.h>
 
-#include <algorithm>
-#include <array>
 #include <charconv>
 #include <limits>
 #include <string_view>
 #include <utility>
+
+#include "url_decoder.h"
 
 namespace str {
 namespace {
@@ -57,107 +57,6 @@ std::string FormatInteger(Integer value) {
   const auto result = std::to_chars(digits, digits + sizeof(digits), value);
   return {digits, result.ptr};
 }
-
-/// The values of hexadecimal digits; -1 for all other bytes.
-constexpr std::array<signed char, 256> HexDigits() {
-  std::array<signed char, 256> values{};
-  values.fill(-1);
-  for (int i = 0; i < 10; ++i) values['0' + i] = static_cast<signed char>(i);
-  for (int i = 0; i < 6; ++i) {
-    values['a' + i] = values['A' + i] = static_cast<signed char>(10 + i);
-  }
-  return values;
-}
-
-int HexDigit(char digit) {
-  static constexpr auto kValues = HexDigits();
-  return kValues[static_cast<unsigned char>(digit)];
-}
-
-/// Where a byte comes next in a text. Each part of the text is searched once,
-/// however often this is asked.
-class NextOf {
- public:
-  NextOf(const std::string& text, char byte) : text_(text), byte_(byte) {}
-
-  /// The place from @p begin on, or the text's size. Places asked for ascend.
-  std::size_t From(std::size_t begin) {
-    if (!is_known_ || place_ < begin) {
-      place_ = std::min(text_.find(byte_, begin), text_.size());
-      is_known_ = true;
-    }
-    return place_;
-  }
-
- private:
-  const std::string& text_;
-  const char byte_;
-  std::size_t place_ = 0;
-  bool is_known_ = false;
-};
-
-/// Decodes a text that was URL-encoded.
-class UrlDecoder {
- public:
-  explicit UrlDecoder(const std::string& text)
-      : text_(text), percent_(text, '%'), plus_(text, '+') {}
-
-  std::string Run() {
-    decoded_.reserve(text_.size());
-    // Byte by byte while there is much to decode, by runs where there is not:
-    // either way alone is several times slower on the other kind of text.
-    while (at_ < text_.size()) {
-      DecodeBytes();
-      CopyRun();
-    }
-    return std::move(decoded_);
-  }
-
- private:
-  /// Goes on until nothing was encoded for a while.
-  void DecodeBytes() {
-    constexpr int kLongRun = 32;
-    char buffer[1024];
-    char* out = buffer;
-    for (int plain = 0; plain < kLongRun && at_ < text_.size();) {
-      const char byte = text_[at_++];
-      if (byte == '%') {
-        *out++ = TakeEscape();
-        plain = 0;
-      } else {
-        *out++ = byte == '+' ? ' ' : byte;
-        ++plain;
-      }
-      if (out == buffer + sizeof(buffer)) {
-        decoded_.append(buffer, sizeof(buffer));
-        out = buffer;
-      }
-    }
-    decoded_.append(buffer, static_cast<std::size_t>(out - buffer));
-  }
-
-  /// The byte that two digits tell; the "%" itself when there are none.
-  char TakeEscape() {
-    if (text_.size() - at_ < 2) return '%';
-    const int high = HexDigit(text_[at_]);
-    const int low = HexDigit(text_[at_ + 1]);
-    if ((high | low) < 0) return '%';
-    at_ += 2;
-    return static_cast<char>(high * 16 + low);
-  }
-
-  void CopyRun() {
-    const std::size_t end = std::min(percent_.From(at_), plus_.From(at_));
-    decoded_.append(text_, at_, end - at_);
-    at_ = end;
-  }
-
-  const std::string& text_;
-  NextOf percent_;
-  NextOf plus_;
-  std::size_t at_ = 0;
-  std::string decoded_;
-};
 
 bool IsUnreserved(char byte) {
   return (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
@@ -217,7 +116,9 @@ std::string Str(unsigned long long value) { return FormatInteger(value); }
 
 namespace url {
 
-std::string Decode(const std::string& text) { return UrlDecoder(text).Run(); }
+std::string Decode(const std::string& text) {
+  return tov_internal::UrlDecoder(text).Run();
+}
 
 std::string Encode(const std::string& text) {
   constexpr char kDigits[] = "0123456789ABCDEF";

@@ -4,10 +4,12 @@
 #define ZANCGI_SEPARATOR_SCAN_H
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #ifdef __SSE2__
 #include <emmintrin.h>
@@ -31,7 +33,10 @@ class SeparatorScan {
   /// @param separator  CR LF "--" and any bytes
   explicit SeparatorScan(const std::string& separator)
       : separator_(separator),
-        begins_only_once_(separator.rfind(separator.front()) == 0) {}
+        begins_only_once_(separator.rfind(separator.front()) == 0) {
+    const std::size_t known = separator_.copy(beginning_.data(), kKnown);
+    needed_ = (1U << known) - 1;
+  }
 
   /// What one chunk has brought.
   struct Result {
@@ -60,15 +65,19 @@ class SeparatorScan {
 
  private:
   Result ScanByRule(const char* begin, const char* end) {
+    const char* const separator = separator_.data();
+    const std::size_t size = separator_.size();
+    std::size_t matched = std::exchange(matched_, size);
     bool is_broken = false;
     for (const char* at = begin; at != end; ++at) {
-      if (*at != separator_[matched_] && matched_ > 0) {
-        matched_ = 0;
-        is_broken = true;
+      if (*at == separator[matched]) {
+        if (++matched == size) return {at + 1, true, is_broken};
+      } else {
+        is_broken |= matched > 0;
+        matched = *at == separator[0] ? 1 : 0;
       }
-      if (*at == separator_[matched_]) ++matched_;
-      if (matched_ == size()) return {at + 1, true, is_broken};
     }
+    matched_ = matched;
     return {end, false, is_broken};
   }
 
@@ -103,11 +112,15 @@ class SeparatorScan {
   const char* Find(const char* at, const char* end) const {
     constexpr std::ptrdiff_t kBlock = 64;
     const auto left = static_cast<std::ptrdiff_t>(size());
-    for (; end - at >= kBlock + left; at += kBlock) {
+    // So far behind each place in the block the bytes can be read.
+    const auto reach = std::max<std::ptrdiff_t>(left, sizeof(__m128i));
+    for (; end - at >= kBlock + reach; at += kBlock) {
       std::uint64_t places = CandidatesAt(at);
-      for (; places != 0; places &= places - 1) {
+      for (int seen = 0; places != 0; places &= places - 1) {
+        if (++seen > kFew) places = ThinOut(at, places);
+        if (places == 0) break;
         const char* const place = at + __builtin_ctzl(places);
-        if (IsSeparator(place)) return place;
+        if (MayBeSeparator(place) && IsSeparator(place)) return place;
       }
     }
     for (; end - at >= left; ++at) {
@@ -120,14 +133,40 @@ class SeparatorScan {
   std::uint64_t CandidatesAt(const char* at) const {
     const __m128i first = _mm_set1_epi8(separator_[0]);
     const __m128i third = _mm_set1_epi8(separator_[2]);
+    return PlacesWhere([&](std::size_t lane) {
+      return _mm_and_si128(_mm_cmpeq_epi8(Load(at + lane), first),
+                           _mm_cmpeq_epi8(Load(at + lane + 2), third));
+    });
+  }
+
+  /// Compares further bytes at all places, as long as there are many. A CR
+  /// comes only once in the separator, so where two places are N bytes apart,
+  /// the first fails at its byte N: what is left lies apart. From the eighth
+  /// byte downwards, since the wider apart, the fewer there are anyway.
+  std::uint64_t ThinOut(const char* at, std::uint64_t places) const {
+    for (std::size_t i = std::min<std::size_t>(size(), 8) - 1;
+         i > 0 && HasMany(places); --i) {
+      const __m128i byte = _mm_set1_epi8(separator_[i]);
+      places &= PlacesWhere([&](std::size_t lane) {
+        return _mm_cmpeq_epi8(Load(at + lane + i), byte);
+      });
+    }
+    return places;
+  }
+
+  static bool HasMany(std::uint64_t places) {
+    for (int i = 0; i < 3; ++i) places &= places - 1;
+    return places != 0;
+  }
+
+  /// A bit for each of 64 places, from what is found in 16 of them at once.
+  template <class Compare>
+  static std::uint64_t PlacesWhere(const Compare& compare) {
     std::uint64_t places = 0;
-    for (std::size_t lane = 0; lane < 4; ++lane) {
-      const char* const block = at + 16 * lane;
-      const __m128i both =
-          _mm_and_si128(_mm_cmpeq_epi8(Load(block), first),
-                        _mm_cmpeq_epi8(Load(block + 2), third));
-      const auto found = static_cast<unsigned>(_mm_movemask_epi8(both));
-      places |= std::uint64_t{found} << (16 * lane);
+    for (std::size_t lane = 0; lane < 64; lane += 16) {
+      const auto found =
+          static_cast<unsigned>(_mm_movemask_epi8(compare(lane)));
+      places |= std::uint64_t{found} << lane;
     }
     return places;
   }
@@ -136,11 +175,16 @@ class SeparatorScan {
     return _mm_loadu_si128(reinterpret_cast<const __m128i_u*>(at));
   }
 
-  /// With "\r\n--" at least in front, the first four bytes decide quickly in
-  /// data full of look-alikes.
+  /// Compares the first 16 bytes. In data full of look-alikes this decides
+  /// nearly always, without a call; and a client cannot make many places pass
+  /// it, because the next CR is 16 bytes away then.
+  bool MayBeSeparator(const char* at) const {
+    const __m128i alike = _mm_cmpeq_epi8(Load(at), Load(beginning_.data()));
+    return (~static_cast<unsigned>(_mm_movemask_epi8(alike)) & needed_) == 0;
+  }
+
   bool IsSeparator(const char* at) const {
-    return std::memcmp(at, separator_.data(), 4) == 0 &&
-           std::memcmp(at, separator_.data(), size()) == 0;
+    return std::memcmp(at, separator_.data(), size()) == 0;
   }
 
   /// The length of a match that is still open at the end. It begins at the last
@@ -156,8 +200,14 @@ class SeparatorScan {
   }
 #endif
 
+  /// So many look-alikes in 64 bytes are compared one by one at once.
+  static constexpr int kFew = 6;
+  static constexpr std::size_t kKnown = 16;
+
   std::string separator_;
   bool begins_only_once_;
+  std::array<char, kKnown> beginning_{};  ///< The separator's first bytes.
+  unsigned needed_ = 0;  ///< A bit for each of them that there is.
   std::size_t matched_ = 0;
 };
 

@@ -117,6 +117,21 @@ TEST(SeparatorScan, IsNotDeceivedByItsBeginnings) {
   }
 }
 
+TEST(SeparatorScan, IsNotDeceivedByManyLookAlikes) {
+  for (const std::size_t length : {1U, 2U, 3U, 4U, 5U, 9U, 20U, 70U}) {
+    const std::string separator = "\r\n--" + std::string(length, 'X');
+    // As close together as they can be, and the separator among them.
+    for (std::size_t period = 1; period <= 20; ++period) {
+      std::string pattern = separator.substr(0, period);
+      pattern.resize(period, 'x');
+      for (std::size_t before = 0; before < 70; before += 3) {
+        Compare(separator, {std::string(before, 'x') + Repeat(pattern, 40) +
+                            separator + Repeat(pattern, 40)});
+      }
+    }
+  }
+}
+
 TEST(SeparatorScan, FollowsTheRuleWhereASeparatorHoldsItsFirstByteAgain) {
   // An exact search would find "\r\n--\r\n--X" behind one "\r\n--" more.
   Compare("\r\n--\r\n--X", {"\r\n--\r\n--\r\n--X"});
