@@ -16,7 +16,8 @@ form    A POST of the fields f0, f1 and so on, in this order. Prints their
         is cut in two for a part of the line.
 upload  A POST (multipart/form-data) with a file in the field "u". Keeps the
         file as $STORE, a path in the folder {folder}, and prints its size. The
-        floor keeps the whole body.
+        floors keep the rest of the body as well, one of them all but its first
+        $SKIP bytes: what is written then no longer lies as it was read.
 query   Asks the SCGI server at $TOV_RUN_DIR/bench.sock for QUERY_STRING and
         prints the size of what it sends, header lines included.
 empty   Nothing: what a process takes. Prints nothing.
@@ -195,6 +196,13 @@ PROGRAMS = (
     ours("upload", "shared", SHARED),
     ours("upload", "archive", ARCHIVES),
     floor("copy", "upload", "plain read and write loop"),
+    Program(
+        "copy_shifted",
+        "upload",
+        "plain loop, without the beginning",
+        ("{built}/copy", "shifted"),
+        is_floor=True,
+    ),
     ours("query", "shared", SHARED),
     ours("query", "archive", ARCHIVES),
     floor("exchange", "query", "bare socket loop"),

@@ -42,7 +42,7 @@ class SeparatorScan {
   struct Result {
     const char* end;       ///< Behind the last byte looked at.
     bool is_complete;      ///< The separator ends at #end.
-    bool match_is_broken;  ///< A match broke, perhaps one begun earlier.
+    bool match_is_broken;  ///< The match that went on from before broke.
   };
 
   /// Scans [begin, end) up to the separator's end, going on with a match that
@@ -65,20 +65,26 @@ class SeparatorScan {
 
  private:
   Result ScanByRule(const char* begin, const char* end) {
+    const std::size_t known = matched_;
+    const char* const stop = FollowRule(begin, end);
+    // Unbroken, it has grown by each byte.
+    const auto scanned = static_cast<std::size_t>(stop - begin);
+    return {stop, matched_ == size(), known > 0 && matched_ != known + scanned};
+  }
+
+  const char* FollowRule(const char* begin, const char* end) {
     const char* const separator = separator_.data();
     const std::size_t size = separator_.size();
     std::size_t matched = std::exchange(matched_, size);
-    bool is_broken = false;
     for (const char* at = begin; at != end; ++at) {
       if (*at == separator[matched]) {
-        if (++matched == size) return {at + 1, true, is_broken};
+        if (++matched == size) return at + 1;
       } else {
-        is_broken |= matched > 0;
         matched = *at == separator[0] ? 1 : 0;
       }
     }
     matched_ = matched;
-    return {end, false, is_broken};
+    return end;
   }
 
 #ifdef __SSE2__
@@ -133,10 +139,14 @@ class SeparatorScan {
   std::uint64_t CandidatesAt(const char* at) const {
     const __m128i first = _mm_set1_epi8(separator_[0]);
     const __m128i third = _mm_set1_epi8(separator_[2]);
-    return PlacesWhere([&](std::size_t lane) {
+    const auto compare = [&](std::size_t lane) {
       return _mm_and_si128(_mm_cmpeq_epi8(Load(at + lane), first),
                            _mm_cmpeq_epi8(Load(at + lane + 2), third));
-    });
+    };
+    // Mostly there is none, which is found out without the bits.
+    const __m128i any = _mm_or_si128(_mm_or_si128(compare(0), compare(16)),
+                                     _mm_or_si128(compare(32), compare(48)));
+    return _mm_movemask_epi8(any) == 0 ? 0 : PlacesWhere(compare);
   }
 
   /// Compares further bytes at all places, as long as there are many. A CR

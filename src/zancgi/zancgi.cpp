@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <istream>
+#include <memory>
 #include <new>
 #include <stdexcept>
 #include <string_view>
@@ -32,12 +33,12 @@ namespace zan_cgi {
 /// each request more than its query string does. Weak, so that a front end that
 /// is linked from archives has them only if it uses them itself.
 /// @{
-extern ZANCGI_API std::istream standard_input
-    __asm__("_ZSt3cin") __attribute__((weak));
-ZANCGI_API void SetUpStreams(void* init)
-    __asm__("_ZNSt8ios_base4InitC1Ev") __attribute__((weak));
-ZANCGI_API void FlushStreams(void* init)
-    __asm__("_ZNSt8ios_base4InitD1Ev") __attribute__((weak));
+extern ZANCGI_API std::istream standard_input __asm__("_ZSt3cin")
+    __attribute__((weak));
+ZANCGI_API void SetUpStreams(void* init) __asm__("_ZNSt8ios_base4InitC1Ev")
+    __attribute__((weak));
+ZANCGI_API void FlushStreams(void* init) __asm__("_ZNSt8ios_base4InitD1Ev")
+    __attribute__((weak));
 /// @}
 
 namespace {
@@ -269,21 +270,26 @@ std::string AnnouncedBoundary() {
 }
 
 /// Zeroed memory for reading into. What a small body does not touch costs
-/// nothing.
+/// nothing. It begins with a cache line, where the kernel copies fastest.
 class ZeroedBuffer {
  public:
   explicit ZeroedBuffer(std::size_t size)
-      : data_(static_cast<char*>(std::calloc(size, 1))) {
-    if (data_ == nullptr) throw std::bad_alloc();
+      : memory_(std::calloc(size + kCacheLine, 1)), data_(memory_) {
+    if (memory_ == nullptr) throw std::bad_alloc();
+    std::size_t space = size + kCacheLine;
+    std::align(kCacheLine, size, data_, space);
   }
-  ~ZeroedBuffer() { std::free(data_); }
+  ~ZeroedBuffer() { std::free(memory_); }
   ZeroedBuffer(const ZeroedBuffer&) = delete;
   ZeroedBuffer& operator=(const ZeroedBuffer&) = delete;
 
-  char* data() const { return data_; }
+  char* data() const { return static_cast<char*>(data_); }
 
  private:
-  char* data_;
+  static constexpr std::size_t kCacheLine = 64;
+
+  void* memory_;
+  void* data_;
 };
 
 /// Reads the body of one POST and fills the request record with it.
