@@ -188,6 +188,7 @@ ARCHIVES = "libzancgi, archives"
 PROGRAMS = (
     floor("empty_c", "empty", "empty C program"),
     floor("empty_cpp", "empty", "empty C++ program"),
+    floor("empty_cpp_two", "empty", "the same with two empty shared libraries"),
     ours("get", "shared", SHARED),
     ours("get", "archive", ARCHIVES),
     ours("get", "archive_nopie", f"{ARCHIVES}, not PIE"),

@@ -14,7 +14,7 @@ from summary import Summary
 # of the group "scan" are compared with the target.
 WORST = {
     "worst": "scan/worst",
-    "worst-cr": "scan/worst-boundary-with-cr",
+    "worst-cr": "scan-with-cr/worst",
     "worst-chunks": "scan-chunks/worst",
 }
 

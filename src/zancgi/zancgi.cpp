@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <istream>
 #include <memory>
 #include <new>
@@ -28,18 +29,12 @@
 
 namespace zan_cgi {
 
-/// std::cin, and what sets the standard streams up and flushes them, under
-/// their linker names. <iostream> would set them up at every start, which costs
-/// each request more than its query string does. Weak, so that a front end that
-/// is linked from archives has them only if it uses them itself.
-/// @{
-extern ZANCGI_API std::istream standard_input __asm__("_ZSt3cin")
+/// The memory of std::cin, under its linker name. <iostream> would have the
+/// standard streams set up at every start, which costs each request more than
+/// its query string does. Weak, so that a front end that is linked from
+/// archives has them only if it uses them itself.
+extern ZANCGI_API const unsigned char standard_input[] __asm__("_ZSt3cin")
     __attribute__((weak));
-ZANCGI_API void SetUpStreams(void* init) __asm__("_ZNSt8ios_base4InitC1Ev")
-    __attribute__((weak));
-ZANCGI_API void FlushStreams(void* init) __asm__("_ZNSt8ios_base4InitD1Ev")
-    __attribute__((weak));
-/// @}
 
 namespace {
 
@@ -228,20 +223,16 @@ void TakeLanguage(std::string cookie, Cgi::AuthInfo& session) {
   session.lang_rest = cookie;
 }
 
-/// The user of the standard streams that <iostream> makes of each source file.
-class StreamsUser {
- public:
-  StreamsUser() { SetUpStreams(this); }
-  ~StreamsUser() { FlushStreams(this); }
-  StreamsUser(const StreamsUser&) = delete;
-  StreamsUser& operator=(const StreamsUser&) = delete;
-};
-
-/// std::cin, or null in a program that has none.
+/// std::cin, or null as long as nobody has set it up: nothing can have changed
+/// its state then. Until then its memory is zero, and then it begins with the
+/// pointer that objects with virtual functions begin with.
 const std::istream* StandardInput() {
-  if (&standard_input == nullptr) return nullptr;
-  static const StreamsUser user;
-  return &standard_input;
+  const unsigned char* const memory = standard_input;
+  if (memory == nullptr) return nullptr;
+  const void* first = nullptr;
+  std::memcpy(&first, memory, sizeof(first));
+  return first == nullptr ? nullptr
+                          : reinterpret_cast<const std::istream*>(memory);
 }
 
 bool IsInputGood() {

@@ -115,6 +115,11 @@ class FilesTest(InstallTest):
             self.assertTrue((library.parent / soname).exists())
             self.assertEqual(library.resolve().name, f"lib{name}.so.{VERSION}")
 
+    def test_the_archive_keeps_its_pugixml_to_itself(self):
+        symbols = run("nm", "--extern-only", "--demangle", self.installed("libtov.a"))
+        self.assertIn("tov_xml::Xml::GetNode", symbols)
+        self.assertNotIn("pugi", symbols)
+
     def test_a_machine_that_only_runs_front_ends_gets_the_shared_libraries_alone(self):
         for name in ("zancgi", "tov"):
             root = self.install(f"run-{name}", "--component", name)

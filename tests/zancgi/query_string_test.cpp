@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <zancgi/zancgi.h>
 
+#include <algorithm>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -45,6 +47,28 @@ TEST(QueryString, JoinsTheValuesOfARepeatedName) {
   EXPECT_EQ(Parse("a=1&b=2&a=3").told, (Params{{"a", "1, 3"}, {"b", "2"}}));
   EXPECT_EQ(Parse("a=&a=2").told, (Params{{"a", ", 2"}}));
   EXPECT_EQ(Parse("a=1&a").told, (Params{{"a", "1, "}}));
+}
+
+TEST(QueryString, TakesNamesInWhateverOrderTheyCome) {
+  std::vector<int> numbers(200);
+  for (std::size_t i = 0; i < numbers.size(); ++i) {
+    // Each name twice.
+    numbers[i] = static_cast<int>(i / 2);
+  }
+  std::mt19937 random(11);
+  for (int round = 0; round < 20; ++round) {
+    std::string query;
+    Params expected;
+    for (std::size_t i = 0; i < numbers.size(); ++i) {
+      const std::string name = "f" + std::to_string(numbers[i]);
+      const std::string value = std::to_string(i);
+      query += name + "=" + value + "&";
+      std::string& values = expected[name];
+      values += (values.empty() ? "" : ", ") + value;
+    }
+    EXPECT_EQ(Parse(query).told, expected);
+    std::shuffle(numbers.begin(), numbers.end(), random);
+  }
 }
 
 TEST(QueryString, SplitsAtTheFirstEqualsSign) {
