@@ -283,7 +283,7 @@ std::string ConcatPath(const std::string& folder, const std::string& name) {
 
 std::string RealPath(const std::string& path) {
   if (path.empty()) throw tov_err::Value("path", path);
-  const std::string real = RealPathOfExisting(path);
+  std::string real = RealPathOfExisting(path);
   if (!real.empty()) return real;
   if (!MeansMissing(errno)) ThrowFor("cannot resolve", path, errno);
   return RealPathOfMissing(path);

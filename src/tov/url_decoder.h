@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #ifdef __SSE2__
@@ -18,9 +19,14 @@ namespace tov_internal {
 constexpr std::array<signed char, 256> HexDigits() {
   std::array<signed char, 256> values{};
   values.fill(-1);
-  for (int i = 0; i < 10; ++i) values['0' + i] = static_cast<signed char>(i);
-  for (int i = 0; i < 6; ++i) {
-    values['a' + i] = values['A' + i] = static_cast<signed char>(10 + i);
+  signed char value = 0;
+  for (const char digit : std::string_view("0123456789")) {
+    values[static_cast<unsigned char>(digit)] = value++;
+  }
+  for (const char digit : std::string_view("abcdef")) {
+    const auto lower = static_cast<unsigned char>(digit);
+    values[lower] = value;
+    values[lower - 'a' + 'A'] = value++;
   }
   return values;
 }

@@ -478,7 +478,7 @@ class BodyParser {
   /// Room for the body as it was declared. Copies to ever more room would cost
   /// more than the parsing; but no client gets gigabytes for a mere promise.
   std::size_t RawBodyReserve() const {
-    constexpr std::uint64_t kMostOnTrust = 16 * 1024 * 1024;
+    constexpr std::uint64_t kMostOnTrust = std::uint64_t{16} << 20;
     return std::min(static_cast<std::uint64_t>(length_), kMostOnTrust);
   }
 
