@@ -13,6 +13,10 @@
 #   that is linked from archives, and more symbols to look up into the others.
 # - Its one static object, an empty set of nodes, serves XPath variables of the
 #   wrong type. We have no variables.
+#
+# Its groups of sections that are linked only once are dissolved, too. A linker
+# goes by the name of such a group alone: it would keep either ours or those of
+# the front end's pugixml, and the other one would lack them.
 set -eu
 
 output=$1
@@ -25,7 +29,8 @@ trap 'rm -rf "$work"' EXIT
 (cd "$work" && "$AR" x "$archive" pugixml.cpp.o)
 pugixml=$work/pugixml.cpp.o
 
-if "$NM" "$pugixml" | grep ' [bB] ' | grep -qv dummy_node_set; then
+symbols=$("$NM" "$pugixml")
+if echo "$symbols" | grep ' [bB] ' | grep -qv dummy_node_set; then
   echo "embed_pugixml.sh: this pugixml has another static object" >&2
   exit 1
 fi
@@ -33,13 +38,14 @@ fi
   "$pugixml"
 
 # std::istream, std::ostream and their wide kin, std::wstring, and stdio.
-unused=$("$NM" "$pugixml" | sed -n -E 's/^ +U //p' | grep -E \
+unused=$(echo "$symbols" | sed -n -E 's/^ +U //p' | grep -E \
   '^_ZN(S[io]|St13basic_[io]streamIw|St9basic_iosI|St7__cxx1112basic_stringIw)|^f(close|error|flush|open|read|seek|tell|write)$')
 
 absent=tov_internal_absent
 set --
 for symbol in $unused; do set -- "$@" "--defsym=$symbol=$absent"; done
-"$LD" -r -o "$work/joined.o" "$xml_object" "$pugixml" "$@"
+"$LD" -r --force-group-allocation -o "$work/joined.o" \
+  "$xml_object" "$pugixml" "$@"
 
 set -- '--localize-symbol=*4pugi*' "--localize-symbol=$absent"
 for symbol in $unused; do set -- "$@" "--localize-symbol=$symbol"; done
