@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -101,38 +102,31 @@ class SeparatorScan {
       matched_ = 0;
       is_broken = true;
     }
-    const char* const found = Find(at, end);
-    if (found != nullptr) {
-      matched_ = size();
-      return {found + size(), true, is_broken};
-    }
-    matched_ = MatchedAtEnd(at, end);
-    return {end, false, is_broken};
+    const char* const stop = FollowRule(PassBlocks(at, end), end);
+    return {stop, matched_ == size(), is_broken};
   }
 
-  /// The first occurrence of the whole separator.
+  /// Passes over blocks in which no separator begins. Returns where the first
+  /// one begins, or where what is left is too short for a block; no match is
+  /// open there, so the rule can go on from either.
   ///
-  /// Its first and third byte are compared at 64 places at once: both together
-  /// are rare even in data that is chosen to be slow, since the search for one
+  /// First and third byte are compared at 64 places at once: both together are
+  /// rare even in data that is chosen to be slow, since the search for one
   /// frequent byte is what a client could make slow.
-  const char* Find(const char* at, const char* end) const {
+  const char* PassBlocks(const char* at, const char* end) const {
     constexpr std::ptrdiff_t kBlock = 64;
-    const auto left = static_cast<std::ptrdiff_t>(size());
     // So far behind each place in the block the bytes can be read.
-    const auto reach = std::max<std::ptrdiff_t>(left, sizeof(__m128i));
+    const auto reach = static_cast<std::ptrdiff_t>(std::max(size(), kKnown));
     for (; end - at >= kBlock + reach; at += kBlock) {
       std::uint64_t places = CandidatesAt(at);
       for (int seen = 0; places != 0; places &= places - 1) {
         if (++seen > kFew) places = ThinOut(at, places);
         if (places == 0) break;
-        const char* const place = at + __builtin_ctzl(places);
+        const char* const place = at + std::countr_zero(places);
         if (MayBeSeparator(place) && IsSeparator(place)) return place;
       }
     }
-    for (; end - at >= left; ++at) {
-      if (*at == separator_.front() && IsSeparator(at)) return at;
-    }
-    return nullptr;
+    return at;
   }
 
   /// A bit for each of 64 places where the separator may begin.
@@ -195,18 +189,6 @@ class SeparatorScan {
 
   bool IsSeparator(const char* at) const {
     return std::memcmp(at, separator_.data(), size()) == 0;
-  }
-
-  /// The length of a match that is still open at the end. It begins at the last
-  /// CR, if at all: one before that would have been broken by it.
-  std::size_t MatchedAtEnd(const char* begin, const char* end) const {
-    const auto available = static_cast<std::size_t>(end - begin);
-    const std::size_t tail = std::min(available, size() - 1);
-    const void* const last = ::memrchr(end - tail, separator_.front(), tail);
-    if (last == nullptr) return 0;
-    const auto length =
-        static_cast<std::size_t>(end - static_cast<const char*>(last));
-    return std::memcmp(last, separator_.data(), length) == 0 ? length : 0;
   }
 #endif
 
