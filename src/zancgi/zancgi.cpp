@@ -80,8 +80,7 @@ class MapFiller {
   /// often.
   void Join(const std::string& name, const char* glue,
             const std::string& value) {
-    if (!GoTo(name)) last_->second.append(glue);
-    last_->second.append(value);
+    if (!GoTo(name, value)) last_->second.append(glue).append(value);
   }
 
   /// Adds a value, or replaces the one that the name has.
@@ -91,11 +90,13 @@ class MapFiller {
   }
 
  private:
-  /// Goes to the value of a name. Says whether it is new, and empty.
-  bool GoTo(const std::string& name) {
+  /// Goes to the value of a name. Says whether the name is new, and its value
+  /// the one given, or empty. Where memory ends, no name stays without value.
+  template <class... Value>
+  bool GoTo(const std::string& name, const Value&... value) {
     const std::size_t size = map_.size();
     const auto behind = last_ == map_.end() ? last_ : std::next(last_);
-    last_ = map_.try_emplace(behind, name);
+    last_ = map_.try_emplace(behind, name, value...);
     return map_.size() != size;
   }
 
