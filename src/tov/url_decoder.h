@@ -4,6 +4,7 @@
 #define TOV_URL_DECODER_H
 
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -102,7 +103,7 @@ class UrlDecoder {
     auto places = static_cast<unsigned>(_mm_movemask_epi8(percents));
     const char* const block = at_;
     for (; places != 0; places &= places - 1) {
-      const char* const place = block + __builtin_ctz(places);
+      const char* const place = block + std::countr_zero(places);
       // A digit of an escape is no "%", so none is passed over.
       CopyUpTo(place);
       ++at_;
