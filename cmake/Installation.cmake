@@ -39,6 +39,12 @@ function(install_library_pair name)
     COMPONENT ${name}-dev)
 endfunction()
 
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}" OR
+    IS_ABSOLUTE "${CMAKE_INSTALL_INCLUDEDIR}")
+  message(FATAL_ERROR "CMAKE_INSTALL_LIBDIR and CMAKE_INSTALL_INCLUDEDIR must be "
+    "relative: what is installed can be moved as a whole")
+endif()
+
 # The way from a pkg-config file to the root of the installation.
 file(RELATIVE_PATH way_to_prefix "/${pkgconfig_dir}" "/")
 string(REGEX REPLACE "/$" "" way_to_prefix "${way_to_prefix}")

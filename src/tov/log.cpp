@@ -133,6 +133,7 @@ class Line {
   bool cut_ = false;
 };
 
+/// What is unseen is open, but nobody has looked yet what it is.
 enum class Kind { None, Unseen, Syslog, File, Stream, Socket };
 
 /// Where lines go; opened once, then left open until the process ends.

@@ -144,7 +144,7 @@ class UrlDecoder {
   const char* at_;
   const char* const end_;
   std::string decoded_;
-  /// A block more than fits, and what is written too much behind it.
+  /// A block begins below kFull, and writes no more than two blocks.
   char buffer_[kFull + 2 * kBlock];
   char* out_ = buffer_;
 };

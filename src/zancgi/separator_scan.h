@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
-#include <utility>
 
 #ifdef __SSE2__
 #include <emmintrin.h>
@@ -35,8 +34,8 @@ class SeparatorScan {
   explicit SeparatorScan(const std::string& separator)
       : separator_(separator),
         begins_only_once_(separator.rfind(separator.front()) == 0) {
-    const std::size_t known = separator_.copy(beginning_.data(), kKnown);
-    needed_ = (1U << known) - 1;
+    const std::size_t count = separator_.copy(beginning_.data(), kBeginning);
+    needed_ = (1U << count) - 1;
   }
 
   /// What one chunk has brought.
@@ -76,10 +75,13 @@ class SeparatorScan {
   const char* FollowRule(const char* begin, const char* end) {
     const char* const separator = separator_.data();
     const std::size_t size = separator_.size();
-    std::size_t matched = std::exchange(matched_, size);
+    std::size_t matched = matched_;
     for (const char* at = begin; at != end; ++at) {
       if (*at == separator[matched]) {
-        if (++matched == size) return at + 1;
+        if (++matched == size) {
+          matched_ = size;
+          return at + 1;
+        }
       } else {
         matched = *at == separator[0] ? 1 : 0;
       }
@@ -116,7 +118,8 @@ class SeparatorScan {
   const char* PassBlocks(const char* at, const char* end) const {
     constexpr std::ptrdiff_t kBlock = 64;
     // So far behind each place in the block the bytes can be read.
-    const auto reach = static_cast<std::ptrdiff_t>(std::max(size(), kKnown));
+    const auto reach =
+        static_cast<std::ptrdiff_t>(std::max(size(), kBeginning));
     for (; end - at >= kBlock + reach; at += kBlock) {
       std::uint64_t places = CandidatesAt(at);
       for (int seen = 0; places != 0; places &= places - 1) {
@@ -192,13 +195,14 @@ class SeparatorScan {
   }
 #endif
 
-  /// So many look-alikes in 64 bytes are compared one by one at once.
+  /// So many look-alikes in 64 bytes are compared one by one before all others
+  /// are thinned out together.
   static constexpr int kFew = 6;
-  static constexpr std::size_t kKnown = 16;
+  static constexpr std::size_t kBeginning = 16;
 
   std::string separator_;
   bool begins_only_once_;
-  std::array<char, kKnown> beginning_{};  ///< The separator's first bytes.
+  std::array<char, kBeginning> beginning_{};  ///< The separator's first bytes.
   unsigned needed_ = 0;  ///< A bit for each of them that there is.
   std::size_t matched_ = 0;
 };

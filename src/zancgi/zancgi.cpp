@@ -262,7 +262,8 @@ std::string AnnouncedBoundary() {
 }
 
 /// Zeroed memory for reading into. What a small body does not touch costs
-/// nothing. It begins with a cache line, where the kernel copies fastest.
+/// nothing. It begins where a cache line does, as the kernel then copies
+/// faster.
 class ZeroedBuffer {
  public:
   explicit ZeroedBuffer(std::size_t size)

@@ -21,6 +21,67 @@ HERE = pathlib.Path(__file__).parent
 STANDARDS = (11, 20)
 OF_THE_C_LIBRARY = {"libc.so.6", "ld-linux-x86-64.so.2"}
 
+# Tells the field "a" of a form.
+POST_READER = r"""
+#include <zancgi/zancgi.h>
+
+#include <cstdio>
+#include <exception>
+#ifdef WITH_STREAMS
+#include <iostream>
+#endif
+
+int main(int, char** argv) {
+#ifdef WITH_STREAMS
+  std::cout << "by std::cout";
+#endif
+#ifdef AT_END
+  std::cin.setstate(std::ios::eofbit);
+#endif
+  try {
+    zan_cgi::Cgi cgi(argv[0], "");
+    std::printf("%s\n", cgi.Param("a").c_str());
+  } catch (const std::exception& error) {
+    std::printf("%s\n", error.what());
+  }
+}
+"""
+
+# Has a pugixml of its own, and uses of it what ours is without.
+PUGIXML_USER = r"""
+#include <pugixml.hpp>
+#include <tov/xml.h>
+#include <zancgi/zancgi.h>
+
+#include <cstdio>
+#include <sstream>
+
+struct Counter : pugi::xml_tree_walker {
+  int count = 0;
+  bool for_each(pugi::xml_node&) override { return ++count > 0; }
+};
+
+int main(int argc, char** argv) {
+  if (argc > 1) zan_cgi::Cgi(argv[0], "");
+  std::istringstream text("<a><b/><c/></a>");
+  pugi::xml_document document;
+  document.load(text);
+  Counter counter;
+  document.traverse(counter);
+  bool is_refused = false;
+  try {
+    document.select_node("///[");
+  } catch (const pugi::xpath_exception&) {
+    is_refused = true;
+  }
+  tov_xml::Xml xml;
+  xml.LoadFromString("<doc><user name='alice'/></doc>");
+  std::printf("%d %d %s %d\n", counter.count, is_refused,
+              xml.GetNode("/doc/user").GetProp("name").c_str(),
+              static_cast<bool>(xml.GetNode("///[")));
+}
+"""
+
 BASE_USER = """\
 #include <tov/str.h>
 
@@ -211,6 +272,41 @@ class PkgConfigTest(FrontEndTest):
     def test_base_library(self):
         for standard in STANDARDS:
             self.check_base_user(self.build(self.base_user, "tov", standard))
+
+    def link(self, name, text, package, *options):
+        source = self.folder / f"{name}.cpp"
+        source.write_text(text)
+        program = self.folder / f"{name}-{package}"
+        libdir = self.pkg_config("--variable=libdir", package)[0]
+        run(
+            CXX, "-std=c++20", source, "-o", program, *options[:1],
+            *self.pkg_config("--cflags", "--libs", package), *options[1:],
+            f"-Wl,-rpath,{libdir}",
+        )  # fmt: skip
+        return program
+
+    def test_std_cin_is_asked_where_a_front_end_uses_it(self):
+        whole = {"REQUEST_METHOD": "POST", "CONTENT_LENGTH": "3"}
+        cut = {"REQUEST_METHOD": "POST", "CONTENT_LENGTH": "5"}
+        closed = "Error reading STDIN\n"
+        at_end = "POST read failed: CONTENT_LENGTH=5, bytes read:3\n"
+        for package in ("zancgi", "zancgi-static"):
+            for options, error, streamed in (
+                (["-DNO_STREAMS"], closed, ""),
+                (["-DWITH_STREAMS"], closed, "by std::cout"),
+                (["-DWITH_STREAMS", "-DAT_END"], at_end, "by std::cout"),
+            ):
+                program = self.link("post", POST_READER, package, *options)
+                with self.subTest(package=package, options=options):
+                    self.assertEqual(run(program, env=whole, input="a=1"), f"{streamed}1\n")
+                    self.assertEqual(run(program, env=cut, input="a=1"), f"{streamed}{error}")
+
+    def test_a_front_end_may_have_a_pugixml_of_its_own(self):
+        for package in ("zancgi", "zancgi-static"):
+            base = ["-ltov"] if package == "zancgi" else []
+            for first, last in (("-DNONE", "-l:libpugixml.a"), ("-l:libpugixml.a", "-DNONE")):
+                program = self.link("pugixml", PUGIXML_USER, package, first, last, *base)
+                self.assertEqual(run(program), "3 1 alice 0\n")
 
 
 class CMakeTests:

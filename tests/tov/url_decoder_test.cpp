@@ -1,0 +1,73 @@
+#include "tov/url_decoder.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+
+namespace {
+
+/// The rule, byte by byte.
+std::string DecodePlainly(const std::string& text) {
+  std::string decoded;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const std::string digits = text.substr(i + 1, 2);
+    const bool is_escape =
+        text[i] == '%' && digits.size() == 2 &&
+        digits.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+    if (is_escape) {
+      decoded += static_cast<char>(std::stoi(digits, nullptr, 16));
+      i += 2;
+    } else {
+      decoded += text[i] == '+' ? ' ' : text[i];
+    }
+  }
+  return decoded;
+}
+
+void Compare(std::string text) {
+  // Without room behind it, so that a sanitizer sees a byte read beyond it.
+  text.shrink_to_fit();
+  ASSERT_EQ(tov_internal::UrlDecoder(text).Run(), DecodePlainly(text)) << text;
+}
+
+TEST(UrlDecoder, FollowsTheRuleAtEachPlaceOfALongText) {
+  for (const std::string piece : {"%41", "%", "%4", "%%41", "%4%41", "%g1",
+                                  "%1g", "+", "%2B%25+", "\x80%ff\xff"}) {
+    for (std::size_t before = 0; before < 80; ++before) {
+      for (std::size_t behind = 0; behind < 50; ++behind) {
+        Compare(std::string(before, 'x') + piece + std::string(behind, 'y'));
+        if (HasFatalFailure()) return;
+      }
+    }
+  }
+}
+
+TEST(UrlDecoder, FollowsTheRuleAroundTheSizeOfItsBuffer) {
+  for (std::size_t size = 1000; size < 1080; ++size) {
+    Compare(std::string(size, 'x'));
+    Compare(std::string(size, '%'));
+    Compare(std::string(size, 'x') + "%41%" + std::string(40, '+'));
+    std::string escapes;
+    for (std::size_t i = 0; i < size; ++i) escapes += "%41";
+    Compare(escapes + "%4");
+    if (HasFatalFailure()) return;
+  }
+}
+
+TEST(UrlDecoder, FollowsTheRuleInWhateverComes) {
+  std::mt19937 random(3);
+  const std::string letters("%%%%0123456789abcdefABCDEFg+xyz\0\x80\xff", 34);
+  for (int round = 0; round < 3000; ++round) {
+    std::string text(random() % 3000, 'x');
+    // From texts full of escapes to texts with hardly any.
+    const auto rarity = 1 + random() % 60;
+    for (char& byte : text) {
+      if (random() % rarity == 0) byte = letters[random() % letters.size()];
+    }
+    Compare(text);
+    if (HasFatalFailure()) return;
+  }
+}
+
+}  // namespace
