@@ -38,9 +38,10 @@
 #include <exception>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 #include <utility>
 #include <vector>
+
+#include "descriptor.h"
 
 namespace {
 
@@ -70,30 +71,11 @@ struct Plan {
   std::vector<Program> programs;
 };
 
-[[noreturn]] void ThrowErrno(const std::string& what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
-
-class Descriptor {
- public:
-  explicit Descriptor(int number) : number_(number) {}
-  Descriptor(Descriptor&& other) noexcept
-      : number_(std::exchange(other.number_, -1)) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (number_ >= 0) ::close(number_);
-  }
-  int Number() const { return number_; }
-
- private:
-  int number_;
-};
+using bench::Descriptor;
+using bench::ThrowErrno;
 
 Descriptor Open(const std::string& path) {
-  const int number = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (number < 0) ThrowErrno(path);
-  return Descriptor(number);
+  return Descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC), path);
 }
 
 std::size_t Number(const std::string& text) {

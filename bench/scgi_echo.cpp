@@ -21,32 +21,14 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <utility>
+
+#include "descriptor.h"
 
 namespace {
 
-[[noreturn]] void ThrowErrno(const char* what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
-
-class Descriptor {
- public:
-  explicit Descriptor(int number) : number_(number) {
-    if (number < 0) ThrowErrno("no descriptor");
-  }
-  Descriptor(Descriptor&& other) noexcept
-      : number_(std::exchange(other.number_, -1)) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (number_ >= 0) ::close(number_);
-  }
-  int Number() const { return number_; }
-
- private:
-  int number_;
-};
+using bench::Descriptor;
+using bench::ThrowErrno;
 
 Descriptor Listen(std::string_view path) {
   sockaddr_un address{};

@@ -123,7 +123,7 @@ class SeparatorScan {
     for (; end - at >= kBlock + reach; at += kBlock) {
       std::uint64_t places = CandidatesAt(at);
       for (int seen = 0; places != 0; places &= places - 1) {
-        if (++seen > kFew) places = ThinOut(at, places);
+        if (++seen == kFew + 1) places = ThinOut(at, places);
         if (places == 0) break;
         const char* const place = at + std::countr_zero(places);
         if (MayBeSeparator(place) && IsSeparator(place)) return place;

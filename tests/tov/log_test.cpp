@@ -382,6 +382,38 @@ TEST(LogTarget, MayBeAFile) {
   EXPECT_TRUE(line_with_time.Matches(log)) << log;
 }
 
+/// Has this file as standard error from now on.
+void TakeForStandardError(const std::string& path) {
+  const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+  ASSERT_GE(file, 0);
+  if (file == STDERR_FILENO) return;
+  ASSERT_EQ(::dup2(file, STDERR_FILENO), STDERR_FILENO);
+  ::close(file);
+}
+
+TEST(LogTarget, ThatIsStandardErrorAndAFileHasTheTime) {
+  Scratch scratch;
+  RunQuietly(Child(), [&](const Told&) {
+    TakeForStandardError(scratch / "errors");
+    WriteText("x");
+  });
+  const testing::Matcher<std::string> line_with_time =
+      testing::MatchesRegex("[0-9]{4}-.*Z zancgi\\[[0-9]+\\] core error: x\n");
+  const std::string log = support::ReadFile(scratch / "errors");
+  EXPECT_TRUE(line_with_time.Matches(log)) << log;
+}
+
+TEST(LogTarget, IsNotWhatIsOpenedLaterAsStandardError) {
+  Scratch scratch;
+  RunQuietly(Child().Closed(2), [&](const Told&) {
+    WriteText("x");
+    TakeForStandardError(scratch / "precious");
+    WriteText("y");
+    ::close(STDERR_FILENO);
+  });
+  EXPECT_EQ(support::ReadFile(scratch / "precious"), "");
+}
+
 TEST(LogTarget, OfAFileHasTheTimeInUtc) {
   Scratch scratch;
   RunQuietly(Child().Env("TOV_LOG", scratch / "log").Env("TZ", "XXX-7"),

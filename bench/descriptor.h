@@ -1,0 +1,42 @@
+// Descriptors and errors of the system, for the programs that drive others.
+#ifndef BENCH_DESCRIPTOR_H
+#define BENCH_DESCRIPTOR_H
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+#include <system_error>
+#include <utility>
+
+namespace bench {
+
+[[noreturn]] inline void ThrowErrno(const std::string& what) {
+  throw std::system_error(errno, std::generic_category(), what);
+}
+
+/// Owns a descriptor and closes it.
+class Descriptor {
+ public:
+  /// @param number  what the system has returned; an error is thrown with
+  ///   @p what in front
+  explicit Descriptor(int number, const std::string& what = "no descriptor")
+      : number_(number) {
+    if (number < 0) ThrowErrno(what);
+  }
+  Descriptor(Descriptor&& other) noexcept
+      : number_(std::exchange(other.number_, -1)) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() {
+    if (number_ >= 0) ::close(number_);
+  }
+  int Number() const { return number_; }
+
+ private:
+  int number_;
+};
+
+}  // namespace bench
+
+#endif
