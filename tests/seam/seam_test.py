@@ -80,6 +80,29 @@ class SeamTest(unittest.TestCase):
         }
         self.assertEqual(foreign, {"TOV_1"})
 
+    def test_libraries_load_fast_and_leave_no_address_to_overwrite(self):
+        for library in (os.environ["LIBZANCGI"], os.environ["LIBTOV"]):
+            with self.subTest(library=library):
+                told = read_elf(library, "--program-headers", "--dynamic")
+                # Code with constants, and what is written at the start.
+                self.assertEqual(len(re.findall(r"^ +LOAD ", told, re.MULTILINE)), 2)
+                self.assertIn("GNU_RELRO", told)
+                self.assertRegex(told, r"FLAGS\b.*\bBIND_NOW\b")
+                self.assertNotIn("libpam", told)
+                self.assertNotIn("libpugixml", told)
+
+    def test_base_library_has_nothing_to_set_up_at_each_start(self):
+        sections = read_elf(os.environ["LIBTOV"], "--section-headers")
+        (size,) = re.findall(r"\.init_array +INIT_ARRAY +\w+ \w+ (\w+)", sections)
+        # What the compiler puts into each shared library, and no more.
+        self.assertEqual(int(size, 16), 8)
+
+
+def read_elf(library, *selection):
+    return subprocess.run(
+        ["readelf", "--wide", *selection, library], capture_output=True, text=True, check=True
+    ).stdout
+
 
 if __name__ == "__main__":
     unittest.main()

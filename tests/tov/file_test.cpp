@@ -299,6 +299,24 @@ TEST(RealPath, RemovesDotsBehindMissingComponents) {
   EXPECT_EQ(tov_file::RealPath(scratch / "x/."), scratch / "x");
 }
 
+TEST(RealPath, GoesOnBehindWhatIsNoFolder) {
+  Scratch scratch;
+  scratch.MakeFile("file");
+  EXPECT_EQ(tov_file::RealPath(scratch / "file/"), scratch / "file");
+  EXPECT_EQ(tov_file::RealPath(scratch / "file/x"), scratch / "file/x");
+  EXPECT_EQ(tov_file::RealPath(scratch / "file/.."), scratch.Path());
+  Link(scratch, "dangling", "nowhere");
+  EXPECT_EQ(tov_file::RealPath(scratch / "dangling/x"), scratch / "dangling/x");
+}
+
+TEST(RealPath, TakesManySlashesForOne) {
+  Scratch scratch;
+  EXPECT_EQ(tov_file::RealPath("//missing"), "/missing");
+  EXPECT_EQ(tov_file::RealPath(scratch / "x//y//"), scratch / "x/y");
+  EXPECT_EQ(tov_file::RealPath(scratch / "x//..//y"), scratch / "y");
+  EXPECT_EQ(tov_file::RealPath("/missing/../../.."), "/");
+}
+
 TEST(RealPath, RefusesALoopOfLinks) {
   Scratch scratch;
   const std::string loop = Link(scratch, "loop", "loop");

@@ -522,6 +522,17 @@ TEST(Length, LessThanWhatComesLeavesTheRestUnread) {
   EXPECT_EQ(Of(outcome, "rest"), "rest");
 }
 
+TEST(Length, TakesNoMemoryByItself) {
+  // No machine has so much.
+  const std::string length = "9000000000000000";
+  const Input input = Input::Pipe("a=1");
+  const Outcome outcome =
+      support::Post(length, "").StandardInput(input).Run([](const Told&) {
+        MakeCgi().ParseQuery();
+      });
+  EXPECT_EQ(outcome.error, "Error reading STDIN");
+}
+
 TEST(Length, BelowZeroFailsAtTheFirstRead) {
   for (const std::string length : {"-1", "-70000", "-99999999999999999999"}) {
     const Outcome outcome = Parse("a=1", "text/plain", length);
