@@ -12,12 +12,14 @@
 #include <zancgi/zancgi.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <filesystem>
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "account.h"
@@ -282,7 +284,7 @@ void ShowUploaded(Cgi& cgi, const Answer& answer,
 }
 
 /// Where the library hands the spooled uploads over to.
-std::vector<std::string> PathsInHome(Cgi& cgi, const Account& account,
+std::vector<std::string> PathsInHome(const Cgi& cgi, const Account& account,
                                      const std::vector<std::string>& names) {
   std::vector<std::string> paths;
   for (const std::string& name : names) {

@@ -3,6 +3,7 @@
 #include <charconv>
 #include <limits>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "url_decoder.h"

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <istream>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <stdexcept>

@@ -12,18 +12,25 @@
 #include <nss.h>
 #include <poll.h>
 #include <pwd.h>
+#include <security/pam_appl.h>
 #include <sys/stat.h>
-#include <sys/vfs.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
+#include <map>
+#include <memory>
 #include <new>
 #include <optional>
 #include <stdexcept>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "log_levels.h"
 #include "pam_library.h"
