@@ -34,3 +34,20 @@ if(ZANCGI_BUILD_FUZZERS)
   # Coverage in everything, for the fuzz targets to steer by.
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
+if(ZANCGI_COVERAGE)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "Counting lines needs Clang: use the preset coverage")
+  endif()
+  # The counters live in a mapped file: they count whatever way a process ends,
+  # and behind chroot(2) and setuid(2), too. Whoever a process is by then, it
+  # may make its file.
+  set(profiles_dir "${PROJECT_BINARY_DIR}/profiles")
+  file(MAKE_DIRECTORY "${profiles_dir}")
+  file(CHMOD "${profiles_dir}"
+    PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_WRITE
+      GROUP_EXECUTE WORLD_READ WORLD_WRITE WORLD_EXECUTE)
+  add_compile_options(-fcoverage-mapping
+    "-fprofile-instr-generate=${profiles_dir}/%p-%m%c.profraw"
+    "SHELL:-mllvm -runtime-counter-relocation")
+  add_link_options(-fprofile-instr-generate)
+endif()
