@@ -31,9 +31,8 @@ function(install_library_pair name)
     COMPONENT ${name}-dev)
 
   set(version_file "${configured_dir}/${name}-config-version.cmake")
-  # Until 1.0 anything may change between minor versions.
   write_basic_package_version_file("${version_file}"
-    COMPATIBILITY SameMinorVersion)
+    COMPATIBILITY SameMajorVersion)
   install(FILES "${packaging_dir}/${name}-config.cmake" "${version_file}"
     DESTINATION "${cmake_dir}"
     COMPONENT ${name}-dev)

@@ -21,7 +21,7 @@ function(add_library_pair name)
   add_library(${name} SHARED)
   set_target_properties(${name} PROPERTIES
     VERSION ${PROJECT_VERSION}
-    SOVERSION 1
+    SOVERSION ${PROJECT_VERSION_MAJOR}
     LINK_DEPENDS "${map}"
     PUBLIC_HEADER "${ARG_PUBLIC_HEADERS}")
   target_link_options(${name} PRIVATE

@@ -1,7 +1,23 @@
 /// @file
-/// Marks what libtov.so exports.
+/// What all headers of the base library share: its version, and the mark of
+/// what libtov.so exports.
 #ifndef TOV_API_H
 #define TOV_API_H
+
+// Tells which standard library this is.
+#include <cstddef>
+
+#if defined(_GLIBCXX_USE_CXX11_ABI) && !_GLIBCXX_USE_CXX11_ABI
+#error "libtov needs C++11's std::string: use -D_GLIBCXX_USE_CXX11_ABI=1"
+#endif
+
+#define TOV_VERSION_MAJOR 1
+#define TOV_VERSION_MINOR 0
+#define TOV_VERSION_PATCH 0
+
+/// The version as one number, to be compared: 1002003 is version 1.2.3.
+#define TOV_VERSION \
+  (TOV_VERSION_MAJOR * 1000000 + TOV_VERSION_MINOR * 1000 + TOV_VERSION_PATCH)
 
 #define TOV_API __attribute__((visibility("default")))
 

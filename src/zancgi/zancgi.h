@@ -13,6 +13,27 @@
 #include <string>
 #include <vector>
 
+#if defined(_GLIBCXX_USE_CXX11_ABI) && !_GLIBCXX_USE_CXX11_ABI
+#error "libzancgi needs C++11's std::string: use -D_GLIBCXX_USE_CXX11_ABI=1"
+#endif
+
+#define ZANCGI_VERSION_MAJOR 1
+#define ZANCGI_VERSION_MINOR 0
+#define ZANCGI_VERSION_PATCH 0
+
+/// The version as one number, to be compared: 1002003 is version 1.2.3.
+#define ZANCGI_VERSION                                            \
+  (ZANCGI_VERSION_MAJOR * 1000000 + ZANCGI_VERSION_MINOR * 1000 + \
+   ZANCGI_VERSION_PATCH)
+
+/// The version as people write it.
+#define ZANCGI_VERSION_STRING                               \
+  ZANCGI_DOTTED(ZANCGI_VERSION_MAJOR, ZANCGI_VERSION_MINOR, \
+                ZANCGI_VERSION_PATCH)
+#define ZANCGI_DOTTED(major, minor, patch) \
+  ZANCGI_QUOTED(major) "." ZANCGI_QUOTED(minor) "." ZANCGI_QUOTED(patch)
+#define ZANCGI_QUOTED(number) #number
+
 #define ZANCGI_API __attribute__((visibility("default")))
 
 struct pam_message;
