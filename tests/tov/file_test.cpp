@@ -441,6 +441,17 @@ TEST(MkDir, ReportsWhatIsNotAllowed) {
   Chmod(scratch.Path(), 0755);
 }
 
+TEST(MkDir, LeavesNoneThatCannotBeGivenItsOwner) {
+  OpenScratch scratch;
+  Chmod(scratch.Path(), 0777);
+  const Attrs of_root(0750, 0, 0);
+  const std::string path = scratch / "new";
+  EXPECT_TRUE(
+      Blames(ErrorAsOrdinaryUser([&] { tov_file::MkDir(path, &of_root); }),
+             path, EPERM));
+  EXPECT_EQ(scratch.List(), Names{});
+}
+
 /// Moves within a file system and across two.
 class Move : public testing::TestWithParam<bool> {
  protected:

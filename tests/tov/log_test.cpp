@@ -343,6 +343,15 @@ TEST(LogLine, EscapesEveryControlCharacter) {
   }
 }
 
+TEST(LogLine, ShowsTheFormatOfWhatCannotBeFormatted) {
+  const std::wstring beyond_the_c_locale(1, wchar_t{0x20ac});
+  EXPECT_EQ(TextOf(LineOf([&] {
+              Log().Write(tov_log::Error, "costs %ls",
+                          beyond_the_c_locale.c_str());
+            })),
+            "costs %ls\n");
+}
+
 TEST(LogLine, EscapesAZeroByte) {
   EXPECT_EQ(TextOf(LineOf([] { Log().Write(tov_log::Error, "a%cb", '\0'); })),
             "a\\x00b\n");

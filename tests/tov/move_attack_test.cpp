@@ -519,4 +519,28 @@ TEST_F(MoveAndAttack, DoesNotOpenWhatALinkPointsTo) {
       << attacked.error;
 }
 
+TEST(CopyingMove, IsTakenBackWhenTheSourceCannotBeLookedAtAnyMore) {
+  if (!IsAnotherFileSystem(kOtherFileSystem)) {
+    GTEST_SKIP() << "needs another file system at " << kOtherFileSystem;
+  }
+  const Scratch from;
+  const Scratch to(kOtherFileSystem);
+  const std::string source = from.MakeFile("source", "x");
+  const Outcome outcome = Child().Run([&](const Told&) {
+    bool is_copied = false;
+    support::WatchFileCalls([&](const FileCall& call) {
+      if (call.name == "fsync") is_copied = true;
+      const bool is_last_look = call.name == "lstat" && call.path == source;
+      return is_copied && is_last_look ? EIO : 0;
+    });
+    tov_file::Move(source, to / "target");
+  });
+  EXPECT_EQ(outcome.error_type, "tov_err::Error");
+  EXPECT_EQ(outcome.error,
+            "cannot remove '" + source + "': " + std::strerror(EIO));
+  EXPECT_EQ(ReadFile(source), "x");
+  EXPECT_EQ(to.List(), Strings{});
+  EXPECT_EQ(outcome.leaked_descriptors, Strings{});
+}
+
 }  // namespace
