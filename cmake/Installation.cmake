@@ -7,8 +7,9 @@ set(configured_dir "${PROJECT_BINARY_DIR}/packaging")
 set(pkgconfig_dir "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 
 # install_library_pair(NAME): what add_library_pair has made, with its public
-# headers and its CMake package. The component NAME is what front ends need to
-# run, NAME-dev what is needed to build them.
+# headers, its CMake package, and the rules for the folders that it uses. The
+# component NAME is what front ends need to run, NAME-dev what is needed to build
+# them.
 function(install_library_pair name)
   set(cmake_dir "${CMAKE_INSTALL_LIBDIR}/cmake/${name}")
 
@@ -36,6 +37,14 @@ function(install_library_pair name)
   install(FILES "${packaging_dir}/${name}-config.cmake" "${version_file}"
     DESTINATION "${cmake_dir}"
     COMPONENT ${name}-dev)
+
+  # Its name changes with the library's, so that two can be installed side by
+  # side.
+  get_target_property(soversion ${name} SOVERSION)
+  install(FILES "${packaging_dir}/tmpfiles/${name}.conf"
+    DESTINATION lib/tmpfiles.d
+    RENAME lib${name}${soversion}.conf
+    COMPONENT ${name})
 endfunction()
 
 if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}" OR
@@ -66,3 +75,42 @@ install_pkgconfig(tov tov-dev)
 install_library_pair(zancgi)
 install_pkgconfig(zancgi zancgi-dev)
 install_pkgconfig(zancgi-static zancgi-dev)
+
+# The licence of pugixml, which is inside, wants to go with every copy.
+foreach(component tov tov-dev)
+  install(FILES "${packaging_dir}/LICENSE.pugixml"
+    DESTINATION "${CMAKE_INSTALL_DOCDIR}"
+    COMPONENT ${component})
+endforeach()
+foreach(component tov tov-dev zancgi zancgi-dev zancgi-doc zancgi-tools)
+  install(FILES "${PROJECT_SOURCE_DIR}/LICENSE"
+    DESTINATION "${CMAKE_INSTALL_DOCDIR}"
+    COMPONENT ${component})
+endforeach()
+
+# install_matching(PATTERN DESTINATION COMPONENT [PROGRAMS]): the tree's files
+# that match.
+function(install_matching pattern destination component)
+  set(kind FILES)
+  if("PROGRAMS" IN_LIST ARGN)
+    set(kind PROGRAMS)
+  endif()
+  file(GLOB files CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${pattern}")
+  install(${kind} ${files}
+    DESTINATION "${destination}"
+    COMPONENT ${component})
+endfunction()
+
+install_matching(tools/zancgi-* "${CMAKE_INSTALL_BINDIR}" zancgi-tools PROGRAMS)
+install_matching(docs/man/*.1 "${CMAKE_INSTALL_MANDIR}/man1" zancgi-tools)
+install_matching(docs/man/*.3 "${CMAKE_INSTALL_MANDIR}/man3" zancgi-dev)
+
+# As they lie in the tree, since they point to one another.
+install_matching(*.md "${CMAKE_INSTALL_DOCDIR}" zancgi-doc)
+install_matching(docs/*.md "${CMAKE_INSTALL_DOCDIR}/docs" zancgi-doc)
+install_matching(docs/plots/* "${CMAKE_INSTALL_DOCDIR}/docs/plots" zancgi-doc)
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/examples/panel"
+  DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples"
+  COMPONENT zancgi-doc
+  USE_SOURCE_PERMISSIONS
+  PATTERN __pycache__ EXCLUDE)
