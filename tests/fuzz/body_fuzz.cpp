@@ -11,6 +11,8 @@
 /// 3. Letters for what else happens, some with a number; see Settle().
 /// 4. Numbers: the sizes of the reads. After these, reads give all that is
 ///    asked for.
+#include <zancgi/testing/scratch.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -22,7 +24,6 @@
 #include "fuzz/harness.h"
 #include "plain/plain_parser.h"
 #include "plain/product.h"
-#include "support/scratch.h"
 
 namespace {
 
@@ -68,7 +69,7 @@ void Fill(std::string& body, std::size_t count) {
   if (found != std::string::npos) body.replace(found, 1, count, 'x');
 }
 
-void Settle(std::string_view letters, const support::Scratch& scratch,
+void Settle(std::string_view letters, const zan_cgi::testing::Scratch& scratch,
             plain::Request& request) {
   bool is_from_environment = false;
   request.tmp_dir = scratch.Path();
@@ -106,7 +107,7 @@ void Settle(std::string_view letters, const support::Scratch& scratch,
 }
 
 plain::Request ToRequest(std::string_view input,
-                         const support::Scratch& scratch) {
+                         const zan_cgi::testing::Scratch& scratch) {
   plain::Request request;
   request.content_type = UpToZero(fuzz::TakeLine(input));
   const std::string length = fuzz::TakeLine(input);
@@ -246,7 +247,7 @@ extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data,
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data,
                                       std::size_t size) {
-  static const support::Scratch scratch;
+  static const zan_cgi::testing::Scratch scratch;
   const plain::Request request =
       ToRequest({reinterpret_cast<const char*>(data), size}, scratch);
   const plain::Outcome outcome = plain::Parse(request);

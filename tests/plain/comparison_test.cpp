@@ -2,6 +2,8 @@
 // bodies cut at every place.
 
 #include <gtest/gtest.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/scratch.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -10,14 +12,12 @@
 #include "plain/body_maker.h"
 #include "plain/plain_parser.h"
 #include "plain/product.h"
-#include "support/child.h"
-#include "support/scratch.h"
 
 namespace plain {
 namespace {
 
-using support::Child;
-using support::Scratch;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Scratch;
 
 #ifdef __SANITIZE_ADDRESS__
 constexpr std::size_t kRandomCases = 20'000;
@@ -74,9 +74,9 @@ class Comparison {
 
 /// Runs a comparison in a child and gives what it has counted.
 template <class Body>
-support::Outcome Compare(const Body& body) {
+zan_cgi::testing::Outcome Compare(const Body& body) {
   const Scratch scratch(FastFolder());
-  return Child().Run([&](const support::Told& told) {
+  return Child().Run([&](const zan_cgi::testing::Told& told) {
     Comparison comparison(scratch);
     body(comparison, scratch.Path());
     told("cases", std::to_string(comparison.cases));
@@ -86,7 +86,7 @@ support::Outcome Compare(const Body& body) {
   });
 }
 
-std::size_t Count(const support::Outcome& outcome, const char* what) {
+std::size_t Count(const zan_cgi::testing::Outcome& outcome, const char* what) {
   return std::stoul(outcome.told.at(what));
 }
 
@@ -102,7 +102,7 @@ TEST_P(RandomBodies, AreParsedAlike) {
       FromEnvironment("ZANCGI_RANDOM_CASES", kRandomCases) / kShards;
   const std::size_t seed =
       FromEnvironment("ZANCGI_RANDOM_SEED", 20261121) * kShards + GetParam();
-  const support::Outcome outcome =
+  const zan_cgi::testing::Outcome outcome =
       Compare([&](Comparison& comparison, const std::string& folder) {
         BodyMaker maker(seed, folder);
         while (comparison.cases < cases && !testing::Test::HasFailure()) {
@@ -194,7 +194,7 @@ Request ToRequest(const NamedBody& body, const std::string& folder) {
 class CutBody : public testing::TestWithParam<NamedBody> {};
 
 TEST_P(CutBody, IsParsedAlikeWithOneCut) {
-  const support::Outcome outcome =
+  const zan_cgi::testing::Outcome outcome =
       Compare([](Comparison& comparison, const std::string& folder) {
         Request request = ToRequest(GetParam(), folder);
         comparison.Check(request);
@@ -208,7 +208,7 @@ TEST_P(CutBody, IsParsedAlikeWithOneCut) {
 }
 
 TEST_P(CutBody, IsParsedAlikeInPiecesOfOneSize) {
-  const support::Outcome outcome =
+  const zan_cgi::testing::Outcome outcome =
       Compare([](Comparison& comparison, const std::string& folder) {
         Request request = ToRequest(GetParam(), folder);
         const std::size_t size = request.input.bytes.size();
@@ -221,7 +221,7 @@ TEST_P(CutBody, IsParsedAlikeInPiecesOfOneSize) {
 }
 
 TEST_P(CutBody, IsParsedAlikeWhenItEndsEarly) {
-  const support::Outcome outcome =
+  const zan_cgi::testing::Outcome outcome =
       Compare([](Comparison& comparison, const std::string& folder) {
         const Request whole = ToRequest(GetParam(), folder);
         for (std::size_t at = 0; at < whole.input.bytes.size(); ++at) {
@@ -237,7 +237,7 @@ TEST_P(CutBody, IsParsedAlikeWhenItEndsEarly) {
 }
 
 TEST_P(CutBody, IsParsedAlikeWithAnEmptyRead) {
-  const support::Outcome outcome =
+  const zan_cgi::testing::Outcome outcome =
       Compare([](Comparison& comparison, const std::string& folder) {
         comparison.spin_sample = 10;
         Request request = ToRequest(GetParam(), folder);
@@ -257,7 +257,7 @@ INSTANTIATE_TEST_SUITE_P(Long, CutBody, testing::ValuesIn(kBodies), NameOf);
 class ShortBody : public testing::TestWithParam<NamedBody> {};
 
 TEST_P(ShortBody, IsParsedAlikeWithTwoCuts) {
-  const support::Outcome outcome =
+  const zan_cgi::testing::Outcome outcome =
       Compare([](Comparison& comparison, const std::string& folder) {
         Request request = ToRequest(GetParam(), folder);
         const std::size_t size = request.input.bytes.size();
@@ -274,7 +274,7 @@ TEST_P(ShortBody, IsParsedAlikeWithTwoCuts) {
 INSTANTIATE_TEST_SUITE_P(, ShortBody, testing::ValuesIn(kShortBodies), NameOf);
 
 TEST(EmptyRead, GoesOnForEverAtEachPlaceWhereItIsSaidTo) {
-  const support::Outcome outcome =
+  const zan_cgi::testing::Outcome outcome =
       Compare([](Comparison& comparison, const std::string& folder) {
         comparison.spin_sample = 1;
         Request request = ToRequest(kShortBodies[0], folder);

@@ -10,6 +10,7 @@
 #include <tov/log.h>
 #include <tov/proc.h>
 #include <unistd.h>
+#include <zancgi/testing/scratch.h>
 #include <zancgi/zancgi.h>
 
 #include <algorithm>
@@ -23,7 +24,6 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "support/scratch.h"
 #include "support/variable.h"
 
 namespace plain {
@@ -124,7 +124,7 @@ Outcome RunProduct(const Request& request) {
   outcome.tmp_dir = record.tmp_dir;
   for (const auto& [name, file] : record.files) {
     const bool exists = std::filesystem::exists(file.path);
-    outcome.files[name] = {exists ? support::ReadFile(file.path) : "",
+    outcome.files[name] = {exists ? zan_cgi::testing::ReadFile(file.path) : "",
                            file.size, exists};
   }
   return outcome;

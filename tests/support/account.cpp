@@ -1,4 +1,5 @@
 #include "support/account.h"
+#include "support/mount.h"
 
 #include <fcntl.h>
 #include <grp.h>
@@ -8,6 +9,8 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <zancgi/testing/identity.h>
+#include <zancgi/testing/scratch.h>
 
 #include <filesystem>
 #include <fstream>
@@ -15,13 +18,13 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "support/identity.h"
-#include "support/scratch.h"
-
 namespace fs = std::filesystem;
 
 namespace support {
 namespace {
+
+using zan_cgi::testing::IsRoot;
+using zan_cgi::testing::ReadFile;
 
 void WriteFile(const std::string& path, const std::string& content) {
   if (!(std::ofstream(path) << content).flush()) {

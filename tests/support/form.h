@@ -4,11 +4,13 @@
 #ifndef ZANCGI_TESTS_SUPPORT_FORM_H
 #define ZANCGI_TESTS_SUPPORT_FORM_H
 
+#include <zancgi/testing/child.h>
+
 #include <string>
 
-#include "support/child.h"
-
 namespace support {
+
+using zan_cgi::testing::Child;
 
 /// The content type that announces the boundary.
 inline constexpr char kForm[] = "multipart/form-data; boundary=XY";

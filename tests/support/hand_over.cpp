@@ -5,6 +5,7 @@
 #include <pwd.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <zancgi/testing/identity.h>
 #include <zancgi/zancgi.h>
 
 #include <algorithm>
@@ -23,6 +24,8 @@ namespace fs = std::filesystem;
 
 namespace support {
 namespace {
+
+using zan_cgi::testing::IsRoot;
 
 constexpr char kOtherFileSystem[] = "/dev/shm";
 

@@ -9,6 +9,8 @@
 #define ZANCGI_TESTS_SUPPORT_HAND_OVER_H
 
 #include <sys/stat.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/scratch.h>
 
 #include <cstdint>
 #include <functional>
@@ -17,10 +19,12 @@
 #include <vector>
 
 #include "support/account.h"
-#include "support/child.h"
-#include "support/scratch.h"
 
 namespace support {
+
+using zan_cgi::testing::Child;
+using zan_cgi::testing::LogLine;
+using zan_cgi::testing::Scratch;
 
 /// The only account that getpwnam(3) knows in this process from now on. Call
 /// it in a child only.

@@ -3,6 +3,7 @@
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
+#include <zancgi/testing/identity.h>
 #include <zancgi/zancgi.h>
 
 #include <filesystem>
@@ -11,6 +12,10 @@
 
 namespace support {
 namespace {
+
+using zan_cgi::testing::Child;
+using zan_cgi::testing::IsRoot;
+using zan_cgi::testing::Mark;
 
 constexpr char kSwitchBegins[] = "the switch begins";
 

@@ -4,16 +4,21 @@
 #define ZANCGI_TESTS_SUPPORT_SWITCH_H
 
 #include <sys/types.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/scratch.h>
 
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "support/account.h"
-#include "support/child.h"
-#include "support/scratch.h"
 
 namespace support {
+
+using zan_cgi::testing::LogLine;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Scratch;
+using zan_cgi::testing::Told;
 
 using Lines = std::vector<LogLine>;
 

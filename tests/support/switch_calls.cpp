@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
+#include <zancgi/testing/child.h>
 #include <zancgi/zancgi.h>
 
 #include <algorithm>
@@ -17,10 +18,10 @@
 #include <stdexcept>
 #include <utility>
 
-#include "support/child.h"
-
 namespace support {
 namespace {
+
+using zan_cgi::testing::Mark;
 
 /// Null while nothing is recorded: some of these calls happen before any
 /// constructor of this program has run.

@@ -8,6 +8,8 @@
 #include <sys/wait.h>
 #include <tov/client.h>
 #include <unistd.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/scratch.h>
 
 #include <cstring>
 #include <functional>
@@ -16,25 +18,23 @@
 #include <vector>
 
 #include "support/backend.h"
-#include "support/child.h"
-#include "support/scratch.h"
 
 namespace {
 
-using support::Answer;
-using support::AnswerByteByByte;
-using support::AnswerThenReset;
 using support::Backend;
-using support::Child;
-using support::CloseSilently;
-using support::Outcome;
-using support::Refuse;
-using support::Reset;
-using support::Scratch;
-using support::Step;
-using support::Told;
 using tov_client::Connect;
 using tov_client::Protocol;
+using zan_cgi::testing::Answer;
+using zan_cgi::testing::AnswerByteByByte;
+using zan_cgi::testing::AnswerThenReset;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::CloseSilently;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Refuse;
+using zan_cgi::testing::Reset;
+using zan_cgi::testing::Scratch;
+using zan_cgi::testing::Step;
+using zan_cgi::testing::Told;
 using Lines = std::vector<std::string>;
 
 /// Sockets opened so far; counted by the interposed socket(2).
@@ -80,7 +80,7 @@ std::string WireOf(const Lines& lines) {
   backend.Then(Answer("x"));
   const Outcome outcome = Converse(backend, lines);
   EXPECT_EQ(outcome.error, "");
-  return backend.Requests().empty() ? "" : backend.Requests().front().raw;
+  return backend.Queries().empty() ? "" : backend.Queries().front().raw;
 }
 
 testing::AssertionResult IsHandedOn(const std::string& answer) {
@@ -247,12 +247,12 @@ TEST(Request, KeepsTheOrderOfItsVariables) {
   backend.Then(Answer("x"));
   Converse(backend, {"B=1", "A=2", "B=3"});
   using Variables = std::vector<std::pair<std::string, std::string>>;
-  ASSERT_EQ(backend.Requests().size(), 1u);
-  EXPECT_EQ(backend.Requests()[0].variables, (Variables{{"CONTENT_LENGTH", "0"},
-                                                        {"SCGI", "1"},
-                                                        {"B", "1"},
-                                                        {"A", "2"},
-                                                        {"B", "3"}}));
+  ASSERT_EQ(backend.Queries().size(), 1u);
+  EXPECT_EQ(backend.Queries()[0].variables, (Variables{{"CONTENT_LENGTH", "0"},
+                                                       {"SCGI", "1"},
+                                                       {"B", "1"},
+                                                       {"A", "2"},
+                                                       {"B", "3"}}));
 }
 
 TEST(Request, TakesAnyByteButZeroInAValue) {
@@ -261,10 +261,10 @@ TEST(Request, TakesAnyByteButZeroInAValue) {
   Backend backend;
   backend.Then(Answer("x"));
   Converse(backend, {"ALL=" + bytes, "EQUALS=a=b=", "od\n\xff=1"});
-  ASSERT_EQ(backend.Requests().size(), 1u);
-  EXPECT_EQ(backend.Requests()[0]["ALL"], bytes);
-  EXPECT_EQ(backend.Requests()[0]["EQUALS"], "a=b=");
-  EXPECT_EQ(backend.Requests()[0]["od\n\xff"], "1");
+  ASSERT_EQ(backend.Queries().size(), 1u);
+  EXPECT_EQ(backend.Queries()[0]["ALL"], bytes);
+  EXPECT_EQ(backend.Queries()[0]["EQUALS"], "a=b=");
+  EXPECT_EQ(backend.Queries()[0]["od\n\xff"], "1");
 }
 
 TEST(Request, MayHaveThousandsOfVariables) {
@@ -276,9 +276,9 @@ TEST(Request, MayHaveThousandsOfVariables) {
   Backend backend;
   backend.Then(Answer("x"));
   EXPECT_EQ(Converse(backend, lines).error, "");
-  ASSERT_EQ(backend.Requests().size(), 1u);
-  EXPECT_EQ(backend.Requests()[0].variables.size(), 5002u);
-  EXPECT_EQ(backend.Requests()[0]["V4999"], "4999");
+  ASSERT_EQ(backend.Queries().size(), 1u);
+  EXPECT_EQ(backend.Queries()[0].variables.size(), 5002u);
+  EXPECT_EQ(backend.Queries()[0]["V4999"], "4999");
 }
 
 TEST(Request, MayBeLargerThanASocketsBuffer) {
@@ -286,8 +286,8 @@ TEST(Request, MayBeLargerThanASocketsBuffer) {
   Backend backend;
   backend.Then(Answer("x"));
   EXPECT_EQ(Converse(backend, {"LARGE=" + value}).error, "");
-  ASSERT_EQ(backend.Requests().size(), 1u);
-  EXPECT_TRUE(backend.Requests()[0]["LARGE"] == value);
+  ASSERT_EQ(backend.Queries().size(), 1u);
+  EXPECT_TRUE(backend.Queries()[0]["LARGE"] == value);
 }
 
 TEST(Request, RefusesALineThatIsNoVariable) {
@@ -313,8 +313,8 @@ TEST(Request, TakesNamesThatResembleThoseOfTheWireFormat) {
   const Outcome outcome =
       Converse(backend, {"CONTENT_LENGTH2=1", "SCGI_X=2", "XSCGI=3"});
   EXPECT_EQ(outcome.error, "");
-  ASSERT_EQ(backend.Requests().size(), 1u);
-  EXPECT_EQ(backend.Requests()[0].variables.size(), 5u);
+  ASSERT_EQ(backend.Queries().size(), 1u);
+  EXPECT_EQ(backend.Queries()[0].variables.size(), 5u);
 }
 
 TEST(Connect, RefusesANameThatIsNoFileName) {
@@ -426,8 +426,8 @@ TEST(Connect, ClosesTheConnectionWhenDestroyed) {
     protocol->RequestComplete();
   });
   EXPECT_EQ(outcome.error, "");
-  ASSERT_EQ(backend.Requests().size(), 2u);
-  EXPECT_EQ(backend.Requests()[0].raw, "");
+  ASSERT_EQ(backend.Queries().size(), 2u);
+  EXPECT_EQ(backend.Queries()[0].raw, "");
 }
 
 TEST(AnswerText, IsHandedOnByteForByte) {

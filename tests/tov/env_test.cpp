@@ -2,16 +2,15 @@
 #include <stdlib.h>
 #include <tov/env.h>
 #include <unistd.h>
+#include <zancgi/testing/child.h>
 
 #include <map>
 #include <string>
 
-#include "support/child.h"
-
 namespace {
 
-using support::Child;
-using support::Told;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Told;
 using Variables = std::map<std::string, std::string>;
 
 std::string AsText(const Variables& variables) {

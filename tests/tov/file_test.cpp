@@ -8,6 +8,9 @@
 #include <tov/err.h>
 #include <tov/file.h>
 #include <unistd.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/identity.h>
+#include <zancgi/testing/scratch.h>
 
 #include <cerrno>
 #include <cstring>
@@ -17,17 +20,14 @@
 #include <utility>
 #include <vector>
 
-#include "support/child.h"
-#include "support/scratch.h"
-
 namespace {
 
-using support::Child;
-using support::Outcome;
-using support::ReadFile;
-using support::Scratch;
-using support::Told;
 using tov_file::Attrs;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::ReadFile;
+using zan_cgi::testing::Scratch;
+using zan_cgi::testing::Told;
 using Names = std::vector<std::string>;
 
 constexpr uid_t kNobody = 65534;
@@ -78,7 +78,7 @@ std::string Fifo(const Scratch& scratch, const std::string& name) {
 }
 
 void BecomeOrdinaryUser() {
-  if (!support::IsRoot()) return;
+  if (!zan_cgi::testing::IsRoot()) return;
   if (::setgroups(0, nullptr) != 0 || ::setgid(kNobody) != 0 ||
       ::setuid(kNobody) != 0) {
     throw std::runtime_error("cannot become an ordinary user");
@@ -145,7 +145,7 @@ class OpenScratch : public Scratch {
   /// A directory that an ordinary user may neither search nor change.
   std::string MakeClosedDir(const std::string& name) const {
     const std::string path = MakeDir(name);
-    Chmod(path, support::IsRoot() ? 0700 : 0000);
+    Chmod(path, zan_cgi::testing::IsRoot() ? 0700 : 0000);
     return path;
   }
 };
@@ -395,7 +395,7 @@ TEST(MkDir, GivesItTheAttributesWhateverTheUmask) {
 }
 
 TEST(MkDir, GivesItItsOwner) {
-  if (!support::IsRoot()) GTEST_SKIP() << "needs root";
+  if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
   Scratch scratch;
   const Attrs attrs(0750, 1234, 1235);
   tov_file::MkDir(scratch / "new", &attrs);
@@ -496,7 +496,7 @@ TEST_P(Move, KeepsTheMode) {
   for (const mode_t mode : {0640u, 0400u, 0777u, 0000u}) {
     const std::string source = from_.MakeFile("source", "x");
     Chmod(source, mode);
-    if (mode == 0 && Across() && !support::IsRoot()) continue;
+    if (mode == 0 && Across() && !zan_cgi::testing::IsRoot()) continue;
     const std::string target = to_ / std::to_string(mode);
     Do([&] {
       ::umask(077);
@@ -507,7 +507,7 @@ TEST_P(Move, KeepsTheMode) {
 }
 
 TEST_P(Move, KeepsTheOwnerAndMakesNoSetIdCopy) {
-  if (!support::IsRoot()) GTEST_SKIP() << "needs root";
+  if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
   const std::string source = from_.MakeFile("source", "x");
   Chown(source, 1234, 1235);
   Chmod(source, 06751);
@@ -601,7 +601,7 @@ TEST_P(Move, ReportsATargetFolderThatMayNotBeChanged) {
 
 TEST_P(Move, KeepsASourceWhoseFolderMayNotBeChanged) {
   const std::string source = from_.MakeFile("source", "x");
-  if (support::IsRoot()) Chown(source, kNobody, kNobody);
+  if (zan_cgi::testing::IsRoot()) Chown(source, kNobody, kNobody);
   Chmod(from_.Path(), 0555);
   const std::string error =
       ErrorAsOrdinaryUser([&] { tov_file::Move(source, Target()); });
@@ -616,7 +616,7 @@ class MoveAcross : public Move {};
 INSTANTIATE_TEST_SUITE_P(File, MoveAcross, testing::Values(true));
 
 TEST_P(MoveAcross, FailsWhenTheOwnerCannotBeKept) {
-  if (!support::IsRoot()) GTEST_SKIP() << "needs root";
+  if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
   const std::string source = from_.MakeFile("source", "x");
   Chown(source, 1234, 1235);
   Chmod(source, 0644);
@@ -628,7 +628,7 @@ TEST_P(MoveAcross, FailsWhenTheOwnerCannotBeKept) {
 }
 
 TEST_P(MoveAcross, LosesNothingOnAFullDisk) {
-  if (!support::IsRoot()) GTEST_SKIP() << "needs root";
+  if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
   const std::string content(1'000'000, 'x');
   const std::string source = from_.MakeFile("source", content);
   const auto outcome = RunCleanly(Child(), [&](const Told& told) {
@@ -755,7 +755,7 @@ TEST(SafeSet, SetsTheModeOfADirectory) {
 }
 
 TEST(SafeSet, SetsTheOwnerBeforeTheMode) {
-  if (!support::IsRoot()) GTEST_SKIP() << "needs root";
+  if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
   Scratch scratch;
   const std::string file = scratch.MakeFile("file");
   // A change of the owner would take the special bits away again.
@@ -765,7 +765,7 @@ TEST(SafeSet, SetsTheOwnerBeforeTheMode) {
 }
 
 TEST(SafeSet, LeavesTheOwnerAloneWithoutOne) {
-  if (!support::IsRoot()) GTEST_SKIP() << "needs root";
+  if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
   Scratch scratch;
   const std::string file = scratch.MakeFile("file");
   Chown(file, 1234, 1235);
@@ -836,7 +836,7 @@ TEST(SafeSet, WorksOnAFileThatItsOwnerMayNotRead) {
 }
 
 TEST(SafeSet, ReportsWhatIsNotAllowed) {
-  if (!support::IsRoot()) GTEST_SKIP() << "needs root";
+  if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
   OpenScratch scratch;
   const std::string file = scratch.MakeFile("file");
   Chmod(file, 0644);

@@ -13,6 +13,9 @@
 #include <sys/un.h>
 #include <tov/log.h>
 #include <unistd.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/identity.h>
+#include <zancgi/testing/scratch.h>
 
 #include <array>
 #include <atomic>
@@ -23,15 +26,12 @@
 #include <thread>
 #include <vector>
 
-#include "support/child.h"
-#include "support/scratch.h"
-
 namespace {
 
-using support::Child;
-using support::Outcome;
-using support::Scratch;
-using support::Told;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Scratch;
+using zan_cgi::testing::Told;
 using Clock = std::chrono::steady_clock;
 
 /// How often something was handed to the system for writing; -1 while nobody
@@ -387,7 +387,7 @@ TEST(LogTarget, MayBeAFile) {
   const testing::Matcher<std::string> line_with_time = testing::MatchesRegex(
       "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}Z "
       "zancgi\\[[0-9]+\\] core error: in a file\n");
-  const std::string log = support::ReadFile(scratch / "log");
+  const std::string log = zan_cgi::testing::ReadFile(scratch / "log");
   EXPECT_TRUE(line_with_time.Matches(log)) << log;
 }
 
@@ -408,7 +408,7 @@ TEST(LogTarget, ThatIsStandardErrorAndAFileHasTheTime) {
   });
   const testing::Matcher<std::string> line_with_time =
       testing::MatchesRegex("[0-9]{4}-.*Z zancgi\\[[0-9]+\\] core error: x\n");
-  const std::string log = support::ReadFile(scratch / "errors");
+  const std::string log = zan_cgi::testing::ReadFile(scratch / "errors");
   EXPECT_TRUE(line_with_time.Matches(log)) << log;
 }
 
@@ -420,7 +420,7 @@ TEST(LogTarget, IsNotWhatIsOpenedLaterAsStandardError) {
     WriteText("y");
     ::close(STDERR_FILENO);
   });
-  EXPECT_EQ(support::ReadFile(scratch / "precious"), "");
+  EXPECT_EQ(zan_cgi::testing::ReadFile(scratch / "precious"), "");
 }
 
 TEST(LogTarget, OfAFileHasTheTimeInUtc) {
@@ -431,7 +431,7 @@ TEST(LogTarget, OfAFileHasTheTimeInUtc) {
                WriteText("x");
              });
   std::tm written{};
-  ASSERT_NE(::strptime(support::ReadFile(scratch / "log").c_str(),
+  ASSERT_NE(::strptime(zan_cgi::testing::ReadFile(scratch / "log").c_str(),
                        "%Y-%m-%dT%H:%M:%SZ", &written),
             nullptr);
   EXPECT_NEAR(std::difftime(std::time(nullptr), ::timegm(&written)), 0, 60);
@@ -455,7 +455,7 @@ TEST(LogTarget, IsAppendedTo) {
     WriteText("first");
     WriteText("second");
   });
-  const std::string log = support::ReadFile(scratch / "log");
+  const std::string log = zan_cgi::testing::ReadFile(scratch / "log");
   EXPECT_TRUE(log.starts_with("before\n")) << log;
   EXPECT_TRUE(log.ends_with("second\n")) << log;
   EXPECT_TRUE(Has(log, "first\n")) << log;
@@ -468,7 +468,7 @@ TEST(LogTarget, IsAlwaysWrittenAtItsEnd) {
     EXPECT_EQ(::truncate((scratch / "log").c_str(), 0), 0);
     WriteText("kept");
   });
-  const std::string log = support::ReadFile(scratch / "log");
+  const std::string log = zan_cgi::testing::ReadFile(scratch / "log");
   EXPECT_TRUE(std::isdigit(log[0])) << log;
   EXPECT_FALSE(Has(log, "gone")) << log;
 }
@@ -508,7 +508,7 @@ TEST(LogTarget, IsNeverAStandardDescriptor) {
         told("open", OpenStandardDescriptors());
       });
   EXPECT_EQ(outcome.told.at("open"), "");
-  EXPECT_TRUE(support::ReadFile(scratch / "log").ends_with(": x\n"));
+  EXPECT_TRUE(zan_cgi::testing::ReadFile(scratch / "log").ends_with(": x\n"));
 }
 
 TEST(LogTarget, ThatCannotBeOpenedIsReplacedByStandardError) {
@@ -558,7 +558,7 @@ int ListenAsSyslog() {
 }
 
 TEST(LogTarget, MayBeSyslog) {
-  if (!support::IsRoot()) GTEST_SKIP() << "needs root";
+  if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
   const auto outcome =
       RunQuietly(Child().Env("TOV_LOG", "syslog"), [](const Told& told) {
         const int listener = ListenAsSyslog();
@@ -604,7 +604,7 @@ TEST(LogSetup, OpensTheTargetAtTheFirstCheck) {
                WriteText("x");
              });
   EXPECT_EQ(scratch.List(), std::vector<std::string>{"log"});
-  EXPECT_TRUE(support::ReadFile(scratch / "log").ends_with(": x\n"));
+  EXPECT_TRUE(zan_cgi::testing::ReadFile(scratch / "log").ends_with(": x\n"));
 }
 
 TEST(LogSetup, OpensTheTargetAtTheFirstWrite) {
@@ -615,7 +615,8 @@ TEST(LogSetup, OpensTheTargetAtTheFirstWrite) {
     WriteText("second");
   });
   EXPECT_EQ(scratch.List(), std::vector<std::string>{"log"});
-  EXPECT_TRUE(support::ReadFile(scratch / "log").ends_with("second\n"));
+  EXPECT_TRUE(
+      zan_cgi::testing::ReadFile(scratch / "log").ends_with("second\n"));
 }
 
 TEST(LogSetup, DoesNotReopenAFileThatIsGone) {

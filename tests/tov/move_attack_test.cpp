@@ -12,6 +12,9 @@
 #include <sys/wait.h>
 #include <tov/file.h>
 #include <unistd.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/identity.h>
+#include <zancgi/testing/scratch.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -26,20 +29,18 @@
 #include <tuple>
 #include <vector>
 
-#include "support/child.h"
 #include "support/file_calls.h"
-#include "support/scratch.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-using support::Child;
 using support::FileCall;
-using support::Outcome;
-using support::ReadFile;
-using support::Scratch;
-using support::Told;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::ReadFile;
+using zan_cgi::testing::Scratch;
+using zan_cgi::testing::Told;
 using Strings = std::vector<std::string>;
 
 constexpr uid_t kAccount = 54321;
@@ -358,7 +359,7 @@ std::string NameOf(const testing::TestParamInfo<std::tuple<Way, Bait>>& info) {
 class MoveUnderAttack : public testing::TestWithParam<std::tuple<Way, Bait>> {
  protected:
   void SetUp() override {
-    if (!support::IsRoot()) GTEST_SKIP() << "needs root";
+    if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
   }
 
   static Way TheWay() { return std::get<0>(GetParam()); }
@@ -470,7 +471,7 @@ TEST_P(DraftUnderAttack, GivesNothingAway) {
 class MoveAndAttack : public testing::Test {
  protected:
   void SetUp() override {
-    if (!support::IsRoot()) GTEST_SKIP() << "needs root";
+    if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
     if (!IsAnotherFileSystem(kOtherFileSystem)) {
       GTEST_SKIP() << "needs another file system at " << kOtherFileSystem;
     }

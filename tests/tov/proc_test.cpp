@@ -2,16 +2,15 @@
 #include <signal.h>
 #include <sys/time.h>
 #include <tov/proc.h>
+#include <zancgi/testing/child.h>
 
 #include <chrono>
 #include <string>
 
-#include "support/child.h"
-
 namespace {
 
-using support::Child;
-using support::Told;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Told;
 using Clock = std::chrono::steady_clock;
 
 volatile sig_atomic_t alarms = 0;

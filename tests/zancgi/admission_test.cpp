@@ -6,6 +6,10 @@
 #include <sys/vfs.h>
 #include <tov/err.h>
 #include <unistd.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/identity.h>
+#include <zancgi/testing/input.h>
+#include <zancgi/testing/scratch.h>
 #include <zancgi/zancgi.h>
 
 #include <cerrno>
@@ -18,25 +22,22 @@
 #include <utility>
 #include <vector>
 
-#include "support/child.h"
 #include "support/form.h"
-#include "support/identity.h"
-#include "support/input.h"
-#include "support/scratch.h"
+#include "support/mount.h"
 #include "support/system_calls.h"
 
 namespace {
 
-using support::Child;
-using support::Input;
 using support::kFormEnd;
-using support::LogLine;
-using support::Outcome;
 using support::Post;
 using support::Replace;
-using support::Scratch;
-using support::Told;
 using zan_cgi::Cgi;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Input;
+using zan_cgi::testing::LogLine;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Scratch;
+using zan_cgi::testing::Told;
 using Strings = std::vector<std::string>;
 using Names = std::vector<std::string>;
 
@@ -317,7 +318,7 @@ TEST(TmpDir, BehindALoopOfLinksIsAnError) {
 /// Checks the directory as an ordinary user.
 Outcome CheckAsOrdinaryUser(const std::string& directory) {
   return Checked(Child().Run([&directory](const Told& told) {
-    support::BecomeOrdinaryUser();
+    zan_cgi::testing::BecomeOrdinaryUser();
     CheckAndTell(directory, told);
   }));
 }
@@ -395,7 +396,7 @@ TEST(TmpDir, BelowACurrentDirectoryThatMayNotBeEnteredIsAnError) {
   const Outcome outcome =
       Checked(Child().WorkDir(work).Run([&work](const Told& told) {
         ASSERT_EQ(::chmod(work.c_str(), 0), 0);
-        support::BecomeOrdinaryUser();
+        zan_cgi::testing::BecomeOrdinaryUser();
         CheckAndTell("", told);
       }));
   ExpectSystemError(outcome, "tmp");
@@ -430,7 +431,7 @@ TEST(SetTmpDir, MakesTheDirectoryThatUploadsGoTo) {
         cgi.SetTmpDir(scratch / "spool");
         cgi.ParseQuery();
         told("path", cgi.File("f"));
-        told("content", support::ReadFile(cgi.File("f")));
+        told("content", zan_cgi::testing::ReadFile(cgi.File("f")));
       }));
   EXPECT_TRUE(outcome.told.at("path").starts_with(scratch / "spool/zantemp"));
   EXPECT_EQ(outcome.told.at("content"), "content");
@@ -461,7 +462,7 @@ TEST(SetTmpDir, WithAnEmptyNameMakesTmpBelowTheProgramsFolder) {
         cgi.SetTmpDir("");
         cgi.ParseQuery();
         told("path", cgi.File("f"));
-        told("content", support::ReadFile(cgi.File("f")));
+        told("content", zan_cgi::testing::ReadFile(cgi.File("f")));
       }));
   EXPECT_TRUE(outcome.told.at("path").starts_with("tmp/zantemp"));
   EXPECT_EQ(outcome.told.at("content"), "content");
@@ -591,7 +592,7 @@ TEST(FreeSpace, OfARealFileSystemIsFound) {
 }
 
 TEST(FreeSpace, OfAFileSystemInMemoryIsItsSize) {
-  if (!support::IsRoot()) GTEST_SKIP() << "needs root";
+  if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
   const Scratch scratch;
   const Outcome outcome = Checked(Child().Run([&scratch](const Told& told) {
     support::MountPrivately(scratch.Path(), "size=1m");
@@ -708,12 +709,12 @@ TEST(Room, IsLookedForBeforeAnyByteIsRead) {
       Checked(Post("3").StandardInput(input).Run([](const Told&) {
         Replace({.read =
                      [](void* buffer, std::size_t size) {
-                       support::Mark("read");
+                       zan_cgi::testing::Mark("read");
                        return support::RealRead(STDIN_FILENO, buffer, size);
                      },
                  .statfs =
                      [](const char* path, struct statfs64* found) {
-                       support::Mark(std::string("statfs ") + path);
+                       zan_cgi::testing::Mark(std::string("statfs ") + path);
                        return Having(1, 2)(path, found);
                      }});
         Cgi::Data record;
@@ -782,7 +783,7 @@ TEST(ParsersTmpDir, BelowACurrentDirectoryThatMayNotBeEnteredIsAnError) {
                                       .StandardInput(input)
                                       .Run([&work](const Told&) {
                                         ASSERT_EQ(::chmod(work.c_str(), 0), 0);
-                                        support::BecomeOrdinaryUser();
+                                        zan_cgi::testing::BecomeOrdinaryUser();
                                         Cgi::Data record;
                                         record.ParseInput();
                                       }));

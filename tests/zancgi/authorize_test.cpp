@@ -1,21 +1,21 @@
 #include <gtest/gtest.h>
 #include <tov/err.h>
+#include <zancgi/testing/child.h>
 #include <zancgi/zancgi.h>
 
 #include <string>
 #include <vector>
 
 #include "support/backend.h"
-#include "support/child.h"
 
 namespace {
 
-using support::Answer;
 using support::Backend;
-using support::Child;
-using support::Outcome;
-using support::Told;
 using zan_cgi::Cgi;
+using zan_cgi::testing::Answer;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Told;
 using AuthMethod = Cgi::AuthInfo::AuthMethod;
 
 constexpr char kAlice[] = R"(<doc><user name="alice" level="7"/></doc>)";
@@ -53,7 +53,7 @@ std::string ErrorFor(const std::string& answer) {
 }
 
 std::string QueryOf(const Backend& backend, std::size_t number = 0) {
-  return backend.Requests().at(number)["QUERY_STRING"];
+  return backend.Queries().at(number)["QUERY_STRING"];
 }
 
 TEST(Authorize, TakesTheSessionFromTheCookie) {

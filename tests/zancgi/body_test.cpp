@@ -8,6 +8,9 @@
 #include <sys/time.h>
 #include <sys/vfs.h>
 #include <unistd.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/input.h>
+#include <zancgi/testing/scratch.h>
 #include <zancgi/zancgi.h>
 
 #include <algorithm>
@@ -20,25 +23,22 @@
 #include <string>
 #include <vector>
 
-#include "support/child.h"
 #include "support/form.h"
-#include "support/input.h"
-#include "support/scratch.h"
 
 namespace {
 
-using support::Child;
 using support::Field;
-using support::Input;
 using support::kForm;
 using support::kFormEnd;
-using support::LogLine;
-using support::Outcome;
 using support::Part;
-using support::Scratch;
-using support::Told;
 using support::Upload;
 using zan_cgi::Cgi;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Input;
+using zan_cgi::testing::LogLine;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Scratch;
+using zan_cgi::testing::Told;
 using Strings = std::vector<std::string>;
 using namespace std::chrono_literals;
 
@@ -58,7 +58,7 @@ void TellAll(const Cgi::Data& record, const Told& told) {
   for (const auto& [name, file] : record.files) {
     told("size " + name, std::to_string(file.size));
     if (std::filesystem::exists(file.path)) {
-      told("file " + name, support::ReadFile(file.path));
+      told("file " + name, zan_cgi::testing::ReadFile(file.path));
     }
   }
   told("parsed", record.parsed ? "true" : "false");

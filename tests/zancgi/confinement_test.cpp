@@ -7,6 +7,8 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/scratch.h>
 #include <zancgi/zancgi.h>
 
 #include <cerrno>
@@ -22,8 +24,6 @@
 #include "session.h"
 #include "support/account.h"
 #include "support/backend.h"
-#include "support/child.h"
-#include "support/scratch.h"
 #include "support/switch.h"
 
 namespace {
@@ -32,18 +32,18 @@ namespace fs = std::filesystem;
 
 using support::Backend;
 using support::Call;
-using support::Child;
 using support::Identity;
 using support::Lines;
-using support::LogLine;
 using support::Machine;
 using support::Observer;
-using support::Outcome;
 using support::Switch;
 using support::Switched;
-using support::Told;
 using support::Visitor;
 using zan_cgi::Cgi;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::LogLine;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Told;
 
 const Call kConfined{.dir = "/", .use_chroot = true};
 const Call kConfinedWithPam{.dir = "/", .use_chroot = true, .use_pam = true};
@@ -154,7 +154,7 @@ class PlantedLookUp : public Confinement {
 
   /// Says as whom a planted library has been loaded, if one has.
   std::string Harm() const {
-    return support::ReadFile(machine_ / "home/loaded");
+    return zan_cgi::testing::ReadFile(machine_ / "home/loaded");
   }
 };
 
@@ -353,7 +353,7 @@ TEST_F(Confinement, KeepsNoFolderOpenAndNothingForOtherPrograms) {
   for (const bool use_chroot : {false, true}) {
     for (const bool use_pam : {false, true}) {
       Backend backend;
-      backend.Then(support::Answer("<doc/>"));
+      backend.Then(zan_cgi::testing::Answer("<doc/>"));
       const std::string log = machine_.MakeFile("log");
       Outcome outcome =
           Child()
@@ -378,7 +378,7 @@ TEST_F(Confinement, KeepsNoFolderOpenAndNothingForOtherPrograms) {
       EXPECT_EQ(outcome.told["opened"], "1");
       EXPECT_EQ(outcome.told["folders"], "0");
       EXPECT_EQ(outcome.told["inherited"], "0");
-      EXPECT_NE(support::ReadFile(log), "");
+      EXPECT_NE(zan_cgi::testing::ReadFile(log), "");
     }
   }
 }

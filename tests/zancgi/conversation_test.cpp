@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <security/pam_appl.h>
 #include <sys/resource.h>
+#include <zancgi/testing/child.h>
 #include <zancgi/zancgi.h>
 
 #include <climits>
@@ -9,14 +10,12 @@
 #include <string>
 #include <vector>
 
-#include "support/child.h"
-
 namespace {
 
-using support::Child;
-using support::Outcome;
-using support::Told;
 using zan_cgi::myconv;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Told;
 
 /// One message of every style, and of none.
 const std::vector<pam_message> kMessages = {

@@ -1,17 +1,16 @@
 #include <gtest/gtest.h>
+#include <zancgi/testing/child.h>
 #include <zancgi/zancgi.h>
 
 #include <map>
 #include <string>
 
-#include "support/child.h"
-
 namespace {
 
-using support::Child;
-using support::Outcome;
-using support::Told;
 using zan_cgi::Cgi;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Told;
 using Cookies = std::map<std::string, std::string>;
 
 Outcome Construct(const Child& child) {
@@ -61,8 +60,8 @@ TEST(Cookies, KeepTheEmptyName) {
 TEST(Cookies, AreTracedAndNothingElseIsLogged) {
   const Outcome outcome = Construct(Child().Env("HTTP_COOKIE", "=x; ;a"));
   ASSERT_EQ(outcome.log.size(), 1U);
-  EXPECT_EQ(outcome.log[0],
-            (support::LogLine{8, "void zan_cgi::Cgi::Data::ParseCookies()"}));
+  EXPECT_EQ(outcome.log[0], (zan_cgi::testing::LogLine{
+                                8, "void zan_cgi::Cgi::Data::ParseCookies()"}));
 }
 
 TEST(Cookies, InLargeNumberAreParsedInLinearTime) {

@@ -7,6 +7,9 @@
 #include <sys/stat.h>
 #include <tov/file.h>
 #include <unistd.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/identity.h>
+#include <zancgi/testing/scratch.h>
 
 #include <cerrno>
 #include <cstring>
@@ -21,25 +24,23 @@
 #include <vector>
 
 #include "support/account.h"
-#include "support/child.h"
 #include "support/file_calls.h"
 #include "support/hand_over.h"
-#include "support/identity.h"
-#include "support/scratch.h"
+#include "support/mount.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
 using support::AttributesOf;
-using support::Child;
 using support::FileCall;
 using support::HandedOver;
 using support::HandOver;
-using support::Outcome;
 using support::Owners;
-using support::ReadFile;
-using support::Told;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::ReadFile;
+using zan_cgi::testing::Told;
 using Paths = std::map<std::string, std::string>;
 using Strings = std::vector<std::string>;
 
@@ -136,11 +137,11 @@ TEST_P(HomeOfVisitor, ThatIsAFileRefuses) {
 
 TEST_P(HomeOfVisitor, WithoutTheRightToWriteRefuses) {
   fs::permissions(Home(), fs::perms{0555});
-  if (support::IsRoot()) {
+  if (zan_cgi::testing::IsRoot()) {
     ASSERT_EQ(::chown(upload_.c_str(), kOrdinary, kOrdinary), 0);
   }
   const HandedOver done = HandOver(*owners_, {{"a", upload_}}, {}, [&] {
-    support::BecomeOrdinaryUser();
+    zan_cgi::testing::BecomeOrdinaryUser();
     support::FakeAccount({"visitor", ::geteuid(), ::getegid(), Home()});
   });
   fs::permissions(Home(), fs::perms{0755});

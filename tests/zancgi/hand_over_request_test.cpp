@@ -4,6 +4,10 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/identity.h>
+#include <zancgi/testing/input.h>
+#include <zancgi/testing/scratch.h>
 #include <zancgi/zancgi.h>
 
 #include <algorithm>
@@ -15,11 +19,8 @@
 #include <vector>
 
 #include "support/account.h"
-#include "support/child.h"
 #include "support/form.h"
 #include "support/hand_over.h"
-#include "support/input.h"
-#include "support/scratch.h"
 #include "support/switch.h"
 
 namespace {
@@ -28,16 +29,16 @@ namespace fs = std::filesystem;
 
 using support::AttributesOf;
 using support::Identity;
-using support::Input;
-using support::LogLine;
 using support::Observer;
-using support::Outcome;
 using support::Owners;
-using support::ReadFile;
-using support::Scratch;
-using support::Told;
 using support::Upload;
 using zan_cgi::Cgi;
+using zan_cgi::testing::Input;
+using zan_cgi::testing::LogLine;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::ReadFile;
+using zan_cgi::testing::Scratch;
+using zan_cgi::testing::Told;
 using Strings = std::vector<std::string>;
 
 constexpr char kTearDownBegins[] = "the request ends";
@@ -80,7 +81,7 @@ Outcome Serve(const std::string& spool,
         cgi.SetTmpDir(spool);
         cgi.ParseQuery();
         use(cgi, told);
-        support::Mark(kTearDownBegins);
+        zan_cgi::testing::Mark(kTearDownBegins);
       });
 }
 
@@ -93,7 +94,7 @@ void ExpectCleanEnd(const Outcome& outcome) {
 class UploadsOfARequest : public testing::TestWithParam<bool> {
  protected:
   void SetUp() override {
-    if (Confined() && !support::IsRoot()) GTEST_SKIP() << "needs root";
+    if (Confined() && !zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
   }
 
   static bool Confined() { return GetParam(); }
@@ -197,7 +198,7 @@ TEST_P(UploadsOfARequest, InAHomeWithoutTheRightToWriteStayWithAWarning) {
 /// As homes are that are safe to confine to: root hands over where the account
 /// may not write.
 TEST_P(UploadsOfARequest, InAHomeOfRootsAreReadAndStayWithAWarning) {
-  if (!support::IsRoot()) GTEST_SKIP() << "needs root";
+  if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
   ASSERT_EQ(::chown(owners_.Home().c_str(), 0, 0), 0);
   const Outcome outcome = ServeAsAccount([](Cgi& cgi, const Told& told) {
     told("content of a", ReadFile(cgi.File("a")));
@@ -295,7 +296,7 @@ class BareRoot {
 // The path is recorded for the root that was to come. That of the root which
 // there still is then names another file, or none.
 TEST(FailedChroot, LeavesUploadsInTheHomeAndRemovesWhatHasTheirNameInTheRoot) {
-  if (!support::IsRoot()) GTEST_SKIP() << "needs root";
+  if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
   const BareRoot root;
   const Outcome outcome = Serve(
       "/tmp",

@@ -3,6 +3,10 @@
 
 #include <gtest/gtest.h>
 #include <unistd.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/identity.h>
+#include <zancgi/testing/input.h>
+#include <zancgi/testing/scratch.h>
 #include <zancgi/zancgi.h>
 
 #include <cerrno>
@@ -14,32 +18,28 @@
 #include <vector>
 
 #include "support/account.h"
-#include "support/child.h"
 #include "support/file_calls.h"
 #include "support/form.h"
 #include "support/hand_over.h"
-#include "support/identity.h"
-#include "support/input.h"
-#include "support/scratch.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
 using support::AttributesOf;
-using support::Child;
 using support::FileCall;
 using support::HandedOver;
 using support::HandOver;
 using support::HandOverCall;
-using support::LogLine;
-using support::Mark;
-using support::Outcome;
 using support::Owners;
-using support::ReadFile;
 using support::Stored;
-using support::Told;
 using zan_cgi::Cgi;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::LogLine;
+using zan_cgi::testing::Mark;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::ReadFile;
+using zan_cgi::testing::Told;
 using Lines = std::vector<LogLine>;
 using Strings = std::vector<std::string>;
 using Paths = std::map<std::string, std::string>;
@@ -264,7 +264,7 @@ TEST_P(HandOverOf, NoUploadsStillLooksForTheAccount) {
 TEST_P(HandOverOf, ARequestThatIsNotParsedLeavesItUnparsed) {
   const std::string body =
       support::Upload("file", "a", "content") + support::kFormEnd;
-  const support::Input input = support::Input::File(body);
+  const zan_cgi::testing::Input input = zan_cgi::testing::Input::File(body);
   const Outcome outcome =
       support::Post(std::to_string(body.size()))
           .StandardInput(input)
@@ -341,7 +341,7 @@ TEST_P(HandOverOf, AnUploadToAnotherWithoutRootIsRefused) {
   const HandedOver done =
       HandOver(owners_, {{"a", one}}, {.use_chroot = Confined()}, [&] {
         support::FakeAccount(stranger);
-        support::BecomeOrdinaryUser();
+        zan_cgi::testing::BecomeOrdinaryUser();
       });
   EXPECT_EQ(done.error_type, "tov_err::Error");
   EXPECT_NE(done.error.find(one), std::string::npos) << done.error;

@@ -8,6 +8,9 @@
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/input.h>
+#include <zancgi/testing/scratch.h>
 #include <zancgi/zancgi.h>
 
 #include <algorithm>
@@ -19,31 +22,28 @@
 #include <string>
 #include <vector>
 
-#include "support/child.h"
 #include "support/form.h"
-#include "support/input.h"
 #include "support/piece_input.h"
-#include "support/scratch.h"
 #include "support/system_calls.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using support::Child;
 using support::CutInto;
 using support::Field;
-using support::Input;
 using support::kForm;
 using support::kFormEnd;
-using support::Outcome;
 using support::Part;
 using support::PieceInput;
 using support::Post;
 using support::Replace;
-using support::Scratch;
-using support::Told;
 using support::Upload;
 using zan_cgi::Cgi;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Input;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Scratch;
+using zan_cgi::testing::Told;
 using Params = std::map<std::string, std::string>;
 using Strings = std::vector<std::string>;
 using Event = PieceInput::Event;
@@ -193,7 +193,7 @@ TEST(ManyUploads, AreAsManyFilesAndAreAllRemoved) {
     std::map<std::string, int> paths;
     for (const auto& [name, file] : record.files) {
       ++paths[file.path];
-      EXPECT_EQ("f" + support::ReadFile(file.path), name);
+      EXPECT_EQ("f" + zan_cgi::testing::ReadFile(file.path), name);
     }
     EXPECT_EQ(paths.size(), kCount);
   });
@@ -253,19 +253,19 @@ TEST(SameFileName, LeavesOneFileAtATime) {
     size += pieces.back().size();
   }
   pieces.emplace_back(kFormEnd);
-  RunCleanly(Post(std::to_string(size + pieces.back().size())),
-             [&](const Told&) {
-               const PieceInput input(pieces, [&](std::size_t wait) {
-                 EXPECT_EQ(scratch.List().size(), wait > 0 ? 1U : 0U);
-                 return Event::Piece;
-               });
-               Cgi::Data record;
-               record.tmp_dir = scratch.Path();
-               record.ParseInput();
-               EXPECT_EQ(record.files.size(), 1U);
-               EXPECT_EQ(support::ReadFile(record.files.at("f").path), "199");
-               EXPECT_EQ(record.files.at("f").size, 3);
-             });
+  RunCleanly(
+      Post(std::to_string(size + pieces.back().size())), [&](const Told&) {
+        const PieceInput input(pieces, [&](std::size_t wait) {
+          EXPECT_EQ(scratch.List().size(), wait > 0 ? 1U : 0U);
+          return Event::Piece;
+        });
+        Cgi::Data record;
+        record.tmp_dir = scratch.Path();
+        record.ParseInput();
+        EXPECT_EQ(record.files.size(), 1U);
+        EXPECT_EQ(zan_cgi::testing::ReadFile(record.files.at("f").path), "199");
+        EXPECT_EQ(record.files.at("f").size, 3);
+      });
   EXPECT_EQ(scratch.List(), Strings{});
 }
 
@@ -287,7 +287,8 @@ TEST(SameFileName, SwallowsAFailureToRemoveTheEarlierFile) {
           return Event::Piece;
         });
         record.ParseInput();
-        EXPECT_EQ(support::ReadFile(record.files.at("f").path), "second");
+        EXPECT_EQ(zan_cgi::testing::ReadFile(record.files.at("f").path),
+                  "second");
       });
   EXPECT_EQ(outcome.Logged(4), Strings{});
   EXPECT_EQ(outcome.Logged(3), Strings{});
@@ -422,7 +423,7 @@ TEST(Epilogue, ReplacesTheLastUpload) {
   ParseQuietly(Upload("u", "f", "upload") + kFormEnd + "epilogue",
                [](const Cgi::Data& record) {
                  const auto& file = record.files.at("f");
-                 EXPECT_EQ(support::ReadFile(file.path), "epilogue");
+                 EXPECT_EQ(zan_cgi::testing::ReadFile(file.path), "epilogue");
                  EXPECT_EQ(file.size, 8);
                });
 }
@@ -525,7 +526,7 @@ void ExpectExactUpload(const std::string& boundary,
                record.ParseInput();
                const auto& file = record.files.at("f");
                EXPECT_EQ(file.size, static_cast<std::int64_t>(content.size()));
-               EXPECT_TRUE(support::ReadFile(file.path) == content);
+               EXPECT_TRUE(zan_cgi::testing::ReadFile(file.path) == content);
              });
 }
 
@@ -628,7 +629,7 @@ void ExpectPart(const std::string& attributes, const Params& params,
         Strings names;
         for (const auto& [name, file] : record.files) {
           names.push_back(name);
-          EXPECT_EQ(support::ReadFile(file.path), "1");
+          EXPECT_EQ(zan_cgi::testing::ReadFile(file.path), "1");
           EXPECT_TRUE(
               fs::path(file.path).filename().string().starts_with("zantemp"));
           EXPECT_EQ(fs::path(file.path).parent_path(), record.tmp_dir);
@@ -918,7 +919,7 @@ TEST(TemporaryFile, ReplacedByALinkIsNotFollowed) {
       scratch.Path(),
       [&](const std::string& path) { fs::create_symlink(target, path); });
   EXPECT_TRUE(outcome.told.contains("error"));
-  EXPECT_EQ(support::ReadFile(target), "kept");
+  EXPECT_EQ(zan_cgi::testing::ReadFile(target), "kept");
   struct stat found {};
   ASSERT_EQ(::stat(target.c_str(), &found), 0);
   EXPECT_EQ(found.st_mode & 07777U, 0644U);

@@ -1,28 +1,28 @@
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <security/pam_appl.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/identity.h>
+#include <zancgi/testing/scratch.h>
 #include <zancgi/zancgi.h>
 
 #include <filesystem>
 #include <string>
 
 #include "session.h"
-#include "support/child.h"
-#include "support/identity.h"
-#include "support/scratch.h"
 #include "support/switch.h"
 
 namespace {
 
-using support::Child;
 using support::Lines;
 using support::LinesOfTheSwitch;
-using support::LogLine;
-using support::Mark;
-using support::Outcome;
-using support::Scratch;
-using support::Told;
 using zan_cgi::Cgi;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::LogLine;
+using zan_cgi::testing::Mark;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Scratch;
+using zan_cgi::testing::Told;
 
 /// What the functions of PAM at the end of this file return.
 struct Results {
@@ -67,7 +67,7 @@ Lines CallsOfASwitch(const Results& wanted, int log_level = 9,
       Child().LogLevel(log_level).Run([&](const Told& told) {
         results = wanted;
         home = scratch.Path();
-        support::BecomeOrdinaryUser();
+        zan_cgi::testing::BecomeOrdinaryUser();
         Cgi::Data request;
         support::MarkSwitch();
         request.DoSu("visitor", "", false, use_pam);
@@ -149,10 +149,10 @@ TEST(PamCalls, ThatFailLeaveNoTraceBelowTheLevelOfWarnings) {
 TEST(PamCalls, GoToTheProgramsOwnFunctionsWithoutLoadingAnother) {
   const Outcome outcome = Child().Run([](const Told& told) {
     home = "/";
-    support::BecomeOrdinaryUser();
+    zan_cgi::testing::BecomeOrdinaryUser();
     Cgi::Data request;
     request.DoSu("visitor", "", false, true);
-    told("loaded", support::ReadFile("/proc/self/maps"));
+    told("loaded", zan_cgi::testing::ReadFile("/proc/self/maps"));
   });
   EXPECT_EQ(outcome.told.at("loaded").find("libpam"), std::string::npos);
   EXPECT_NE(outcome.told.at("loaded").find("libzancgi"), std::string::npos);
@@ -162,7 +162,7 @@ TEST(PamCalls, GoToTheProgramsOwnFunctionsWithoutLoadingAnother) {
 TEST(PamCalls, NameTheUserAsGiven) {
   const Outcome outcome = Child().Run([](const Told&) {
     home = "/";
-    support::BecomeOrdinaryUser();
+    zan_cgi::testing::BecomeOrdinaryUser();
     Cgi::Data request;
     support::MarkSwitch();
     request.DoSu("VISITOR", "", false, true);

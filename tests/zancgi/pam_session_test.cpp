@@ -4,6 +4,7 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <zancgi/testing/child.h>
 #include <zancgi/zancgi.h>
 
 #include <csignal>
@@ -15,7 +16,6 @@
 
 #include "session.h"
 #include "support/account.h"
-#include "support/child.h"
 #include "support/switch.h"
 
 namespace {
@@ -23,16 +23,16 @@ namespace {
 namespace fs = std::filesystem;
 
 using support::Call;
-using support::Child;
 using support::ConfigureLogin;
 using support::Lines;
 using support::Machine;
-using support::Outcome;
 using support::Switch;
 using support::Switched;
-using support::Told;
 using support::Visitor;
 using zan_cgi::Cgi;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Told;
 
 const Call kUnconfined{.dir = "www", .use_pam = true};
 
@@ -143,7 +143,7 @@ TEST_F(PamSession, WithoutAnyConfigurationIsNotStarted) {
   const Switched switched = Switch(machine_, kUnconfined, [] {
     fs::remove_all("/etc/pam.d");
     // PAM loses its own handle then.
-    support::LeaveOutLeakCheck();
+    zan_cgi::testing::LeaveOutLeakCheck();
   });
   ExpectSwitchedAllTheSame(switched);
   EXPECT_EQ(switched.log, (Lines{kStarting, kNotStarted}));
@@ -208,7 +208,7 @@ TEST_F(PamSession, ThatMovesToAPlaceWithAFolderOfTheSameNameIsNotFollowed) {
 TEST_F(PamSession, ThatLimitsProcessesDoesNotStopTheSwitch) {
   const Switched switched = Switch(machine_, kUnconfined, [&] {
     ConfigureLogin(module_.Line("limit_processes=0"));
-    support::LeaveOutLeakCheck();
+    zan_cgi::testing::LeaveOutLeakCheck();
   });
   ExpectSwitchedAllTheSame(switched);
   EXPECT_EQ(module_.Told(), kToldOfBoth);

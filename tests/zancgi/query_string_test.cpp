@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <zancgi/testing/child.h>
 #include <zancgi/zancgi.h>
 
 #include <algorithm>
@@ -6,14 +7,12 @@
 #include <string>
 #include <vector>
 
-#include "support/child.h"
-
 namespace {
 
-using support::Child;
-using support::Outcome;
-using support::Told;
 using zan_cgi::Cgi;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Told;
 using Strings = std::vector<std::string>;
 
 /// Tells every parameter under its name.

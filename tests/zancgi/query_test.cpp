@@ -3,6 +3,7 @@
 #include <sys/syscall.h>
 #include <tov/err.h>
 #include <unistd.h>
+#include <zancgi/testing/child.h>
 #include <zancgi/zancgi.h>
 
 #include <filesystem>
@@ -12,22 +13,21 @@
 #include <vector>
 
 #include "support/backend.h"
-#include "support/child.h"
 
 namespace {
 
-using support::Answer;
-using support::AnswerByteByByte;
-using support::AnswerThenReset;
 using support::Backend;
-using support::Child;
-using support::CloseSilently;
-using support::Outcome;
-using support::Refuse;
-using support::Reset;
-using support::Step;
-using support::Told;
 using zan_cgi::Cgi;
+using zan_cgi::testing::Answer;
+using zan_cgi::testing::AnswerByteByByte;
+using zan_cgi::testing::AnswerThenReset;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::CloseSilently;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Refuse;
+using zan_cgi::testing::Reset;
+using zan_cgi::testing::Step;
+using zan_cgi::testing::Told;
 
 /// What the functions at the end of this file do beside their work.
 bool marks_sockets = false;
@@ -61,7 +61,7 @@ std::string Sent(const std::string& query) {
   backend.Then(Answer("x"));
   const Outcome outcome = Ask(Request().With(backend), query);
   EXPECT_EQ(outcome.error, "");
-  return backend.Requests().at(0)["QUERY_STRING"];
+  return backend.Queries().at(0)["QUERY_STRING"];
 }
 
 /// What the front end gets of an answer.
@@ -98,11 +98,10 @@ TEST(Query, CarriesSfromOnlyOnceTheParametersAreParsed) {
         cgi.Query("func=a");
         cgi.Query("func=a&xsfrom=2");
       });
-  ASSERT_EQ(backend.Requests().size(), 3U);
-  EXPECT_EQ(backend.Requests()[0]["QUERY_STRING"], "func=a&out=xml");
-  EXPECT_EQ(backend.Requests()[1]["QUERY_STRING"],
-            "func=a&out=xml&sfrom=a&b=1");
-  EXPECT_EQ(backend.Requests()[2]["QUERY_STRING"], "func=a&xsfrom=2&out=xml");
+  ASSERT_EQ(backend.Queries().size(), 3U);
+  EXPECT_EQ(backend.Queries()[0]["QUERY_STRING"], "func=a&out=xml");
+  EXPECT_EQ(backend.Queries()[1]["QUERY_STRING"], "func=a&out=xml&sfrom=a&b=1");
+  EXPECT_EQ(backend.Queries()[2]["QUERY_STRING"], "func=a&xsfrom=2&out=xml");
 }
 
 TEST(Query, CarriesTheSessionThatCameFromTheParameters) {
@@ -118,9 +117,9 @@ TEST(Query, CarriesTheSessionThatCameFromTheParameters) {
         cgi.Query("func=a");
         cgi.Query("func=a&auth=other");
       });
-  ASSERT_EQ(backend.Requests().size(), 3U);
-  EXPECT_EQ(backend.Requests()[1]["QUERY_STRING"], "func=a&out=xml&auth=id ");
-  EXPECT_EQ(backend.Requests()[2]["QUERY_STRING"], "func=a&auth=other&out=xml");
+  ASSERT_EQ(backend.Queries().size(), 3U);
+  EXPECT_EQ(backend.Queries()[1]["QUERY_STRING"], "func=a&out=xml&auth=id ");
+  EXPECT_EQ(backend.Queries()[2]["QUERY_STRING"], "func=a&auth=other&out=xml");
 }
 
 TEST(Query, WithItsOwnAuthIsNotRefusedForAnEmptySession) {
@@ -159,7 +158,7 @@ TEST(Query, ForwardsTheRequestsEnvironmentInByteOrder) {
   child.Env("REQUEST_METHOD", "POST").Env("SERVER_SOFTWARE", "");
   Ask(child.With(backend), "func=a");
   using Variables = std::vector<std::pair<std::string, std::string>>;
-  EXPECT_EQ(backend.Requests().at(0).variables,
+  EXPECT_EQ(backend.Queries().at(0).variables,
             (Variables{{"CONTENT_LENGTH", "0"},
                        {"SCGI", "1"},
                        {"HTTPS", "HTTPS"},
@@ -220,9 +219,9 @@ TEST(Query, OfAMapEncodesValuesAndNotNames) {
     cgi.Query(std::map<std::string, std::string>{{"b", "x y"}, {"a&", "1&2"}});
     cgi.Query(std::map<std::string, std::string>{});
   });
-  EXPECT_EQ(backend.Requests().at(0)["QUERY_STRING"],
+  EXPECT_EQ(backend.Queries().at(0)["QUERY_STRING"],
             "a&=1%262&b=x%20y&out=xml");
-  EXPECT_EQ(backend.Requests().at(1)["QUERY_STRING"], "out=xml");
+  EXPECT_EQ(backend.Queries().at(1)["QUERY_STRING"], "out=xml");
 }
 
 TEST(Answer, InXmlBeginsAtItsDeclaration) {
@@ -283,9 +282,9 @@ TEST(Attempts, SendTheSameRequestEachTime) {
   Backend backend;
   backend.Times(3, CloseSilently()).Then(Answer("x"));
   Ask(Request().Env("HTTP_A", "1").With(backend), "f=1");
-  ASSERT_EQ(backend.Requests().size(), 4U);
-  for (const support::Request& request : backend.Requests()) {
-    EXPECT_EQ(request.raw, backend.Requests()[0].raw);
+  ASSERT_EQ(backend.Queries().size(), 4U);
+  for (const zan_cgi::testing::Query& request : backend.Queries()) {
+    EXPECT_EQ(request.raw, backend.Queries()[0].raw);
   }
 }
 
@@ -299,7 +298,7 @@ TEST(Attempts, BeginAfterTheLogLineAndTheEndOfTheConnectionBefore) {
     cgi.Query("f=1");
   });
   std::vector<std::string> effects;
-  for (const support::LogLine& line : outcome.log) {
+  for (const zan_cgi::testing::LogLine& line : outcome.log) {
     if (line.level == 7 || line.level == -1) effects.push_back(line.text);
   }
   EXPECT_EQ(effects,
@@ -325,9 +324,9 @@ TEST(Attempts, AreNotRepeatedAfterAnErrorOfAnotherKind) {
 
 extern "C" int socket(int domain, int type, int protocol) {
   if (marks_sockets) {
-    support::Mark("socket, " +
-                  std::to_string(OpenSockets() - sockets_of_the_test) +
-                  " open");
+    zan_cgi::testing::Mark("socket, " +
+                           std::to_string(OpenSockets() - sockets_of_the_test) +
+                           " open");
   }
   return static_cast<int>(::syscall(SYS_socket, domain, type, protocol));
 }

@@ -10,6 +10,9 @@
 #include <tov/client.h>
 #include <tov/file.h>
 #include <unistd.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/input.h>
+#include <zancgi/testing/scratch.h>
 #include <zancgi/zancgi.h>
 
 #include <cerrno>
@@ -24,21 +27,18 @@
 #include <vector>
 
 #include "support/backend.h"
-#include "support/child.h"
-#include "support/input.h"
-#include "support/scratch.h"
 #include "support/system_calls.h"
 
 namespace {
 
-using support::Child;
-using support::Input;
-using support::LogLine;
-using support::Outcome;
 using support::RealPoll;
 using support::Replace;
-using support::Told;
 using zan_cgi::Cgi;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Input;
+using zan_cgi::testing::LogLine;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Told;
 using Strings = std::vector<std::string>;
 using namespace std::chrono_literals;
 
@@ -259,8 +259,8 @@ TEST(TimeOut, IsCountedFromEachCallAnew) {
 
 TEST(TimeOut, LetsNothingBecomeStandardInputAfterwards) {
   support::Backend backend;
-  backend.Times(2, support::Answer("x"));
-  const support::Scratch scratch;
+  backend.Times(2, zan_cgi::testing::Answer("x"));
+  const zan_cgi::testing::Scratch scratch;
   const Input silent = Input::SilentPipe("");
   const Outcome outcome =
       Checked(Child()
@@ -722,7 +722,7 @@ TEST(Directory, CannotBeRead) {
 }
 
 TEST(FileForWriting, CannotBeRead) {
-  const support::Scratch scratch;
+  const zan_cgi::testing::Scratch scratch;
   const Outcome outcome = ReadFromPath(scratch.MakeFile("file", "x"), O_WRONLY);
   EXPECT_EQ(outcome.told.at("1"), "-1");
   EXPECT_EQ(outcome.Logged(3),

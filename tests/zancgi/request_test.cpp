@@ -1,18 +1,17 @@
 #include <gtest/gtest.h>
+#include <zancgi/testing/child.h>
 #include <zancgi/zancgi.h>
 
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "support/child.h"
-
 namespace {
 
-using support::Child;
-using support::Outcome;
-using support::Told;
 using zan_cgi::Cgi;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Told;
 using Strings = std::vector<std::string>;
 
 Child Get(const std::string& query) {

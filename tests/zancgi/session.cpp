@@ -1,8 +1,8 @@
 #include "session.h"
 
-#include <filesystem>
+#include <zancgi/testing/scratch.h>
 
-#include "support/scratch.h"
+#include <filesystem>
 
 SessionModule::SessionModule(const support::Machine& machine,
                              const std::string& root)
@@ -16,7 +16,7 @@ std::string SessionModule::Line(const std::string& deeds) const {
 }
 
 std::string SessionModule::Told() const {
-  std::string told = support::ReadFile(outer_ + "/told");
+  std::string told = zan_cgi::testing::ReadFile(outer_ + "/told");
   if (!told.empty()) told.pop_back();
   return told;
 }

@@ -3,18 +3,21 @@
 #ifndef ZANCGI_TESTS_ZANCGI_SESSION_H
 #define ZANCGI_TESTS_ZANCGI_SESSION_H
 
+#include <zancgi/testing/child.h>
+
 #include <string>
 
-#include "support/child.h"
 #include "support/switch.h"
 
-inline const support::LogLine kStarting{
+inline const zan_cgi::testing::LogLine kStarting{
     9, "zancgi_unix.cpp:N starting PAM session for user 'visitor'"};
-inline const support::LogLine kNotStarted{4, "failed to start PAM session"};
-inline const support::LogLine kStarted{9, "zancgi_unix.cpp:N PAM start done"};
-inline const support::LogLine kOpened{
+inline const zan_cgi::testing::LogLine kNotStarted{
+    4, "failed to start PAM session"};
+inline const zan_cgi::testing::LogLine kStarted{
+    9, "zancgi_unix.cpp:N PAM start done"};
+inline const zan_cgi::testing::LogLine kOpened{
     9, "zancgi_unix.cpp:N PAM open_session - ok"};
-inline const support::LogLine kClosed{
+inline const zan_cgi::testing::LogLine kClosed{
     9, "zancgi_unix.cpp:N PAM close_session - ok"};
 
 /// A PAM module in a machine's folder, which tells what it did in a file there.

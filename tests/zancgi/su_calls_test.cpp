@@ -7,6 +7,10 @@
 #include <sys/stat.h>
 #include <tov/err.h>
 #include <unistd.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/identity.h>
+#include <zancgi/testing/input.h>
+#include <zancgi/testing/scratch.h>
 #include <zancgi/zancgi.h>
 
 #include <algorithm>
@@ -22,11 +26,8 @@
 #include <vector>
 
 #include "support/account.h"
-#include "support/child.h"
 #include "support/form.h"
-#include "support/identity.h"
-#include "support/input.h"
-#include "support/scratch.h"
+#include "support/mount.h"
 #include "support/switch.h"
 #include "support/switch_calls.h"
 
@@ -36,16 +37,16 @@ namespace fs = std::filesystem;
 
 using support::Answers;
 using support::Call;
-using support::Child;
 using support::FchdirTo;
 using support::Lines;
 using support::Machine;
 using support::Observer;
-using support::Outcome;
 using support::Recording;
 using support::Switched;
-using support::Told;
 using zan_cgi::Cgi;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Told;
 
 /// Marks the end of what a test looks at.
 const char kEnd[] = "the end";
@@ -55,7 +56,7 @@ void Add(Lines& lines, const Lines& more) {
   lines.insert(lines.end(), more.begin(), more.end());
 }
 
-support::LogLine Called(const std::string& call) { return {-1, call}; }
+zan_cgi::testing::LogLine Called(const std::string& call) { return {-1, call}; }
 
 /// Answers for a machine on which nobody becomes anybody.
 Answers Pretended(const Machine& machine) {
@@ -74,7 +75,7 @@ Switched RecordSwitch(const Machine& machine, const Call& call,
   Outcome outcome = Child().WorkDir(machine.Start()).Run([&](const Told& told) {
     if (!answers.pretend) machine.SetUp();
     // Whatever groups the tests are run with.
-    EXPECT_TRUE(!support::IsRoot() || ::setgroups(0, nullptr) == 0);
+    EXPECT_TRUE(!zan_cgi::testing::IsRoot() || ::setgroups(0, nullptr) == 0);
     Observer observer;
     Cgi::Data request;
     support::MarkSwitch();
@@ -119,7 +120,7 @@ Lines OfGroups(const Machine& machine, bool use_chroot) {
 
 Lines OfPamUntil(const std::string& last) {
   Lines lines;
-  for (const support::LogLine& line :
+  for (const zan_cgi::testing::LogLine& line :
        Lines{{9, "zancgi_unix.cpp:N starting PAM session for user 'visitor'"},
              Called("pam_start login visitor myconv"),
              {9, "zancgi_unix.cpp:N PAM start done"},
@@ -395,7 +396,7 @@ TEST_F(SuCalls, OfPamAreNotMadeWhereAProgramServesTheRootDirectory) {
 TEST_F(SuCalls, TakeAwayAllGroupsWhenTheAccountsAreRefused) {
   const Call call = {.dir = "/", .use_chroot = true};
   Lines calls;
-  for (const support::LogLine& line : OfSwitch(machine_, call)) {
+  for (const zan_cgi::testing::LogLine& line : OfSwitch(machine_, call)) {
     calls.push_back(line);
     if (line.text == "setgroups 54321 54330") {
       calls.push_back(Called("setgroups"));
@@ -573,7 +574,7 @@ void AskForRoot() { EXPECT_NE(::getpwnam("root"), nullptr); }
 /// The same with the question behind the calls that ask it.
 Lines WithQuestions(const Lines& calls, const Answers& answers) {
   Lines lines;
-  for (const support::LogLine& line : calls) {
+  for (const zan_cgi::testing::LogLine& line : calls) {
     lines.push_back(line);
     if (answers.effects.contains(line.text)) {
       lines.push_back(Called("getpwnam root"));
@@ -605,7 +606,7 @@ class SuCallsWithUpload : public SuCalls {
   Switched Upload(const std::function<void(Cgi&)>& end) const {
     const std::string body =
         support::Upload("field", "a.txt", "content") + support::kFormEnd;
-    const support::Input input = support::Input::Pipe(body);
+    const zan_cgi::testing::Input input = zan_cgi::testing::Input::Pipe(body);
     Outcome outcome =
         support::Post(std::to_string(body.size()))
             .StandardInput(input)
@@ -618,12 +619,12 @@ class SuCallsWithUpload : public SuCalls {
                 const Recording recording(answers_);
                 end(request);
               }
-              support::Mark(kEnd);
+              zan_cgi::testing::Mark(kEnd);
             });
     Switched switched = support::SwitchedOf(outcome);
     Lines& log = switched.log;
     log.erase(std::find(log.begin(), log.end(), Called(kEnd)), log.end());
-    for (support::LogLine& line : log) {
+    for (zan_cgi::testing::LogLine& line : log) {
       line.text = WithoutRandomNames(line.text);
     }
     return switched;

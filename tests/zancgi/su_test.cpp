@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/identity.h>
 #include <zancgi/zancgi.h>
 
 #include <filesystem>
@@ -10,25 +12,23 @@
 #include <vector>
 
 #include "support/account.h"
-#include "support/child.h"
-#include "support/identity.h"
 #include "support/switch.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-using support::Child;
 using support::Lines;
 using support::Machine;
 using support::Observer;
-using support::Outcome;
 using support::Root;
 using support::Switch;
 using support::Switched;
-using support::Told;
 using support::Visitor;
 using zan_cgi::Cgi;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Told;
 
 class SuCombination
     : public testing::TestWithParam<std::tuple<std::string, bool, bool>> {
@@ -240,7 +240,7 @@ TEST_F(Su, WithoutRootStaysWhoItWasButEntersTheHome) {
       Child().WorkDir(machine_.Start()).Run([&](const Told& told) {
         machine_.SetUp();
         Observer observer;
-        support::BecomeOrdinaryUser();
+        zan_cgi::testing::BecomeOrdinaryUser();
         Cgi::Data request;
         support::MarkSwitch();
         request.DoSu("visitor", "", false, false);

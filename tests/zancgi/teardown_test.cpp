@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/identity.h>
+#include <zancgi/testing/scratch.h>
 #include <zancgi/zancgi.h>
 
 #include <filesystem>
@@ -9,16 +12,13 @@
 #include <string>
 #include <vector>
 
-#include "support/child.h"
-#include "support/scratch.h"
-
 namespace {
 
-using support::Child;
-using support::Outcome;
-using support::Scratch;
-using support::Told;
 using zan_cgi::Cgi;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Scratch;
+using zan_cgi::testing::Told;
 using Strings = std::vector<std::string>;
 
 /// Ends a record that holds these uploads, client name to path.
@@ -84,7 +84,7 @@ TEST(TearDown, WithoutTheRightToRemoveWarns) {
   const std::string file = scratch.MakeFile("folder/file");
   ASSERT_EQ(::chmod(folder.c_str(), 0555), 0);
   const Outcome outcome = Child().Run([&](const Told&) {
-    if (support::IsRoot() && ::setuid(65534) != 0) ::_exit(96);
+    if (zan_cgi::testing::IsRoot() && ::setuid(65534) != 0) ::_exit(96);
     Cgi::Data request;
     request.files["a"].path = file;
   });

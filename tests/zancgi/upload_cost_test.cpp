@@ -5,23 +5,22 @@
 #include <poll.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/input.h>
+#include <zancgi/testing/scratch.h>
 #include <zancgi/zancgi.h>
 
 #include <fstream>
 #include <sstream>
 #include <string>
 
-#include "support/child.h"
-#include "support/input.h"
-#include "support/scratch.h"
-
 namespace {
 
-using support::Child;
-using support::Input;
-using support::Outcome;
-using support::Scratch;
-using support::Told;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Input;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Scratch;
+using zan_cgi::testing::Told;
 
 constexpr std::size_t kChunk = 65536;
 

@@ -12,6 +12,10 @@
 #include <sys/vfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/identity.h>
+#include <zancgi/testing/input.h>
+#include <zancgi/testing/scratch.h>
 #include <zancgi/zancgi.h>
 
 #include <algorithm>
@@ -27,29 +31,26 @@
 #include <utility>
 #include <vector>
 
-#include "support/child.h"
 #include "support/form.h"
-#include "support/identity.h"
-#include "support/input.h"
+#include "support/mount.h"
 #include "support/piece_input.h"
-#include "support/scratch.h"
 #include "support/system_calls.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using support::Child;
 using support::CutInto;
 using support::Field;
-using support::Input;
 using support::kFormEnd;
-using support::Outcome;
 using support::PieceInput;
 using support::Post;
-using support::Scratch;
-using support::Told;
 using support::Upload;
 using zan_cgi::Cgi;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Input;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Scratch;
+using zan_cgi::testing::Told;
 using Strings = std::vector<std::string>;
 using Event = PieceInput::Event;
 
@@ -113,7 +114,7 @@ Result ResultOf(const Cgi::Data& record) {
     std::error_code closed;
     const bool exists = fs::is_regular_file(file.path, closed);
     result.files[name] = {file.path, file.size, exists,
-                          exists ? support::ReadFile(file.path) : ""};
+                          exists ? zan_cgi::testing::ReadFile(file.path) : ""};
   }
   result.names = NamesIn(record.tmp_dir);
   return result;
@@ -234,7 +235,7 @@ class SmallDisk {
 class FullDisk : public testing::Test {
  protected:
   void SetUp() override {
-    if (!support::IsRoot()) GTEST_SKIP() << "needs root";
+    if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
   }
 
   /// Parses the pieces on a disk that has but this many bytes left when the
@@ -486,7 +487,8 @@ TEST(Directory, ThatIsRenamedInMidUploadTakesTheFileAlong) {
                            Before(3, [&] { fs::rename(spool, other); }));
     EXPECT_EQ(Parse(spool).error, "");
     ASSERT_EQ(NamesIn(other).size(), 1U);
-    told("content", support::ReadFile(other + "/" + NamesIn(other)[0]));
+    told("content",
+         zan_cgi::testing::ReadFile(other + "/" + NamesIn(other)[0]));
   });
   EXPECT_EQ(outcome.told.at("content"), DataOf(pieces));
   EXPECT_EQ(outcome.Logged(4), Strings{});
@@ -534,7 +536,7 @@ TEST(Directory, ThatIsARegularFileIsAWriteError) {
     ExpectWriteError(result, input);
     ExpectEntryWithoutFile(result, "f");
   });
-  EXPECT_EQ(support::ReadFile(file), "kept");
+  EXPECT_EQ(zan_cgi::testing::ReadFile(file), "kept");
 }
 
 TEST(Directory, ThatIsReadOnlyIsAWriteError) {
@@ -542,7 +544,7 @@ TEST(Directory, ThatIsReadOnlyIsAWriteError) {
   ASSERT_EQ(::chmod(scratch.Path().c_str(), 0555), 0);
   const Strings pieces = LargeUpload(3);
   RunCleanly(PostOf(pieces), [&](const Told&) {
-    support::BecomeOrdinaryUser();
+    zan_cgi::testing::BecomeOrdinaryUser();
     const PieceInput input(pieces);
     const Result result = Parse(scratch.Path());
     ExpectWriteError(result, input);
@@ -551,7 +553,7 @@ TEST(Directory, ThatIsReadOnlyIsAWriteError) {
 }
 
 TEST(Directory, OnAReadOnlyFileSystemIsAWriteError) {
-  if (!support::IsRoot()) GTEST_SKIP() << "needs root";
+  if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
   const Scratch scratch;
   const Strings pieces{Upload("u", "f", "x") + kFormEnd};
   RunCleanly(PostOf(pieces), [&](const Told&) {
@@ -571,7 +573,7 @@ TEST(Directory, ThatMayNotBeSearchedIsAWriteError) {
     const std::string spool = scratch.MakeDir("spool");
     ASSERT_EQ(::chmod(spool.c_str(), mode), 0);
     RunCleanly(PostOf(pieces), [&](const Told&) {
-      support::BecomeOrdinaryUser();
+      zan_cgi::testing::BecomeOrdinaryUser();
       const PieceInput input(pieces);
       const Result result = Parse(spool);
       ExpectWriteError(result, input);
@@ -817,7 +819,7 @@ TEST(SilentWriter, OverrulesAWriteError) {
 /// Each wait up to this one brings a piece, this one a signal.
 PieceInput::Events SignalAt(std::size_t when) {
   return [when](std::size_t wait) {
-    support::Mark("wait " + std::to_string(wait));
+    zan_cgi::testing::Mark("wait " + std::to_string(wait));
     return wait == when ? Event::Signal : Event::Piece;
   };
 }
@@ -1025,7 +1027,7 @@ TEST(TearDown, LeavesAnUploadThatWasMovedAway) {
       EndRequestAfter(spool, [&](const std::string& f, const std::string&) {
         fs::rename(f, store / "kept");
       });
-  EXPECT_EQ(support::ReadFile(store / "kept"), "first");
+  EXPECT_EQ(zan_cgi::testing::ReadFile(store / "kept"), "first");
   EXPECT_EQ(spool.List(), Strings{});
   EXPECT_EQ(outcome.Logged(4), Strings{});
 }
@@ -1051,7 +1053,7 @@ TEST(TearDown, RemovesALinkInAnUploadsPlaceButNotItsTarget) {
         fs::remove(f);
         fs::create_symlink(target, f);
       });
-  EXPECT_EQ(support::ReadFile(target), "kept");
+  EXPECT_EQ(zan_cgi::testing::ReadFile(target), "kept");
   EXPECT_EQ(spool.List(), Strings{});
   EXPECT_EQ(outcome.Logged(4), Strings{});
 }
@@ -1063,7 +1065,7 @@ Outcome EndRequestWithSpoolOfMode(const Scratch& spool, mode_t mode) {
   // The descriptor that root changes the mode by later.
   return EndRequestAfter(spool, [&](const std::string&, const std::string&) {
     EXPECT_EQ(::chmod(spool.Path().c_str(), mode), 0);
-    support::BecomeOrdinaryUser();
+    zan_cgi::testing::BecomeOrdinaryUser();
   });
 }
 

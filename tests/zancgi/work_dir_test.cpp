@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/scratch.h>
 #include <zancgi/zancgi.h>
 
 #include <cerrno>
@@ -9,16 +11,13 @@
 #include <string>
 #include <vector>
 
-#include "support/child.h"
-#include "support/scratch.h"
-
 namespace {
 
-using support::Child;
-using support::Outcome;
-using support::Scratch;
-using support::Told;
 using zan_cgi::Cgi;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Scratch;
+using zan_cgi::testing::Told;
 
 enum class Chdir { Real, Marked, Refused };
 Chdir chdir_mode = Chdir::Real;
@@ -76,7 +75,8 @@ TEST(WorkDir, IsEnteredAfterItWasLogged) {
   ASSERT_TRUE(std::regex_match(outcome.log[1].text, match, line))
       << outcome.log[1].text;
   EXPECT_EQ(match[1], scratch / "x");
-  EXPECT_EQ(outcome.log[2], (support::LogLine{-1, "chdir " + scratch / "x"}));
+  EXPECT_EQ(outcome.log[2],
+            (zan_cgi::testing::LogLine{-1, "chdir " + scratch / "x"}));
 }
 
 TEST(WorkDir, ThatCannotBeEnteredIsNoError) {
@@ -129,6 +129,7 @@ extern "C" int chdir(const char* path) {
     errno = EACCES;
     return -1;
   }
-  if (chdir_mode == Chdir::Marked) support::Mark(std::string("chdir ") + path);
+  if (chdir_mode == Chdir::Marked)
+    zan_cgi::testing::Mark(std::string("chdir ") + path);
   return static_cast<int>(::syscall(SYS_chdir, path));
 }

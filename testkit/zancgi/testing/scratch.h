@@ -1,12 +1,12 @@
 /// @file
 /// A directory that lives as long as a test.
-#ifndef ZANCGI_TESTS_SUPPORT_SCRATCH_H
-#define ZANCGI_TESTS_SUPPORT_SCRATCH_H
+#ifndef ZANCGI_TESTING_SCRATCH_H
+#define ZANCGI_TESTING_SCRATCH_H
 
 #include <string>
 #include <vector>
 
-namespace support {
+namespace zan_cgi::testing {
 
 /// A new directory, removed with all that is in it by the destructor.
 class Scratch {
@@ -37,9 +37,6 @@ class Scratch {
 /// The whole content of a file.
 std::string ReadFile(const std::string& path);
 
-/// Who owns the test: what needs root says so when it is skipped.
-bool IsRoot();
-
-}  // namespace support
+}  // namespace zan_cgi::testing
 
 #endif

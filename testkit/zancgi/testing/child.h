@@ -1,9 +1,10 @@
 /// @file
 /// Runs a piece of a test in a process of its own, made the way a web server
 /// would make it, and brings back what happened there.
-#ifndef ZANCGI_TESTS_SUPPORT_CHILD_H
-#define ZANCGI_TESTS_SUPPORT_CHILD_H
+#ifndef ZANCGI_TESTING_CHILD_H
+#define ZANCGI_TESTING_CHILD_H
 
+#include <chrono>
 #include <functional>
 #include <iosfwd>
 #include <map>
@@ -11,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-namespace support {
+namespace zan_cgi::testing {
 
 class Backend;
 class Input;
@@ -21,7 +22,9 @@ struct LogLine {
   int level = 0;
   std::string text;
 
-  friend bool operator==(const LogLine&, const LogLine&) = default;
+  friend bool operator==(const LogLine& a, const LogLine& b) {
+    return a.level == b.level && a.text == b.text;
+  }
 };
 
 /// For messages of failed expectations.
@@ -40,8 +43,9 @@ struct Outcome {
   std::vector<LogLine> log;
   /// Everything on standard error, log lines included.
   std::string standard_error;
-  /// Exit status: 0, or 95 after a failed expectation in the body, or 99 after
-  /// a memory leak; 128 and the signal's number after a death by signal.
+  /// Exit status: 0, or 95 after a failed expectation in the body (see
+  /// NoticeFailuresBy()), or 99 after a memory leak; 128 and the signal's
+  /// number after a death by signal.
   int status = 0;
   /// Descriptors that the body has left open, as listed by /proc/self/fd.
   std::vector<std::string> leaked_descriptors;
@@ -59,6 +63,14 @@ class Told {
  private:
   int descriptor_;
 };
+
+/// For test frameworks whose expectations do not throw: tells how to find out
+/// whether one has failed in this process so far. With GoogleTest:
+///
+///     NoticeFailuresBy([] { return ::testing::Test::HasFailure(); });
+///
+/// Without it, a child's body that only notes a failure ends well.
+void NoticeFailuresBy(bool (*has_failed)());
 
 /// Writes a mark among the log lines of the child, to show the order of
 /// effects; for interposed functions.
@@ -84,9 +96,10 @@ class Child {
   Child& LogLevel(int level);
   /// Serves this back end while the child runs.
   Child& With(Backend& backend);
+  /// A minute unless set. Then the child is ended, and the status says so.
+  Child& TimeLimit(std::chrono::milliseconds limit);
 
-  /// Runs the body in the child and waits for its end (at most a minute, then
-  /// the child is ended and the status says so).
+  /// Runs the body in the child and waits for its end.
   Outcome Run(const Body& body) const;
 
  private:
@@ -98,10 +111,11 @@ class Child {
   std::string work_dir_;
   std::vector<int> closed_;
   int log_level_ = 9;
+  std::chrono::milliseconds time_limit_ = std::chrono::minutes(1);
   Backend* backend_ = nullptr;
   const Input* input_ = nullptr;
 };
 
-}  // namespace support
+}  // namespace zan_cgi::testing
 
 #endif

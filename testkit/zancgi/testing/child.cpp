@@ -1,16 +1,18 @@
-#include "support/child.h"
+#include <zancgi/testing/child.h>
 
+#include <cxxabi.h>
 #include <dirent.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
+#include <sanitizer/lsan_interface.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <tov/err.h>
 #include <unistd.h>
+#include <zancgi/testing/backend.h>
+#include <zancgi/testing/input.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -22,22 +24,12 @@
 #include <system_error>
 #include <tuple>
 
-#include "support/backend.h"
-#include "support/input.h"
+// Only a program that is built with the sanitizer has it.
+#pragma weak __lsan_do_recoverable_leak_check
 
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/lsan_interface.h>
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#include <sanitizer/lsan_interface.h>
-#define __SANITIZE_ADDRESS__ 1
-#endif
-#endif
-
-namespace support {
+namespace zan_cgi::testing {
 namespace {
 
-constexpr int kTimeLimit = 60'000;
 constexpr int kLeakStatus = 99;
 constexpr int kFailedStatus = 95;
 constexpr char kMark[] = "mark: ";
@@ -137,37 +129,37 @@ void ReportException(int report, const std::string& type,
   WriteRecord(report, 'e', type, text);
 }
 
+/// The type of the exception that is being handled.
+std::string TypeOfException() {
+  int failure = 0;
+  const std::unique_ptr<char, void (*)(void*)> name(
+      abi::__cxa_demangle(abi::__cxa_current_exception_type()->name(), nullptr,
+                          nullptr, &failure),
+      std::free);
+  return failure == 0 ? name.get() : "?";
+}
+
 void RunGuarded(const Child::Body& body, int report) {
   try {
     body(Told(report));
-  } catch (const tov_err::Missed& error) {
-    ReportException(report, "tov_err::Missed", error.what());
-  } catch (const tov_err::Value& error) {
-    ReportException(report, "tov_err::Value", error.what());
-  } catch (const tov_err::AssertError& error) {
-    ReportException(report, "tov_err::AssertError", error.what());
-  } catch (const tov_err::Error& error) {
-    ReportException(report, "tov_err::Error", error.what());
-  } catch (const std::runtime_error& error) {
-    ReportException(report, "std::runtime_error", error.what());
-  } catch (const std::bad_alloc& error) {
-    ReportException(report, "std::bad_alloc", error.what());
   } catch (const std::exception& error) {
-    ReportException(report, "std::exception", error.what());
+    ReportException(report, TypeOfException(), error.what());
+  } catch (...) {
+    ReportException(report, TypeOfException(), "");
   }
 }
+
+bool (*has_failed)() = [] { return false; };
 
 bool leak_check_left_out = false;
 
 bool LeaksMemory() {
-#ifdef __SANITIZE_ADDRESS__
-  if (leak_check_left_out) return false;
+  if (leak_check_left_out || __lsan_do_recoverable_leak_check == nullptr) {
+    return false;
+  }
   // The check cannot be made by a process that has shut itself off from /proc.
   if (::access("/proc/self/task", F_OK) != 0) return false;
   return __lsan_do_recoverable_leak_check() != 0;
-#else
-  return false;
-#endif
 }
 
 void ParseReport(const std::string& report, Outcome& outcome) {
@@ -227,9 +219,9 @@ int ExitStatus(int wait_status) {
                                 : 128 + WTERMSIG(wait_status);
 }
 
-bool WaitForExit(int process_descriptor) {
+bool WaitForExit(int process_descriptor, std::chrono::milliseconds limit) {
   pollfd event{process_descriptor, POLLIN, 0};
-  return ::poll(&event, 1, kTimeLimit) == 1;
+  return ::poll(&event, 1, static_cast<int>(limit.count())) == 1;
 }
 
 }  // namespace
@@ -253,6 +245,8 @@ void Told::operator()(const std::string& name, const std::string& value) const {
 void Mark(const std::string& text) {
   WriteAll(STDERR_FILENO, kMark + text + "\n");
 }
+
+void NoticeFailuresBy(bool (*has_failed_now)()) { has_failed = has_failed_now; }
 
 void LeaveOutLeakCheck() { leak_check_left_out = true; }
 
@@ -281,6 +275,11 @@ Child& Child::LogLevel(int level) {
   return *this;
 }
 
+Child& Child::TimeLimit(std::chrono::milliseconds limit) {
+  time_limit_ = limit;
+  return *this;
+}
+
 Child& Child::With(Backend& backend) {
   backend_ = &backend;
   return *this;
@@ -301,7 +300,7 @@ void Child::BecomeChild(const Body& body, int report,
   ::clearenv();
   if (backend_ != nullptr) {
     ::setenv("TOV_RUN_DIR", backend_->RunDir().c_str(), 1);
-    Backend::Follow(backend_);
+    backend_->BecomeClient();
   }
   ::setenv("TOV_LOG_LEVEL", std::to_string(log_level_).c_str(), 1);
   for (const auto& [name, value] : environment_) {
@@ -313,14 +312,14 @@ void Child::BecomeChild(const Body& body, int report,
   if (!work_dir_.empty() && ::chdir(work_dir_.c_str()) != 0) ::_exit(97);
   for (const int descriptor : closed_) ::close(descriptor);
 
-  const bool failed_before = testing::Test::HasFailure();
+  const bool failed_before = has_failed();
   const int listing = OpenListing();
   const Descriptors before = OpenDescriptors(listing);
   RunGuarded(body, report);
   for (const std::string& left : NewOnes(before, OpenDescriptors(listing))) {
     WriteRecord(report, 'd', "", left);
   }
-  if (testing::Test::HasFailure() && !failed_before) {
+  if (has_failed() && !failed_before) {
     std::fflush(stdout);
     ::_exit(kFailedStatus);
   }
@@ -331,6 +330,7 @@ Outcome Child::Run(const Body& body) const {
   const int report = AnonymousFile("report");
   const int standard_error = AnonymousFile("standard error");
   std::fflush(nullptr);
+  if (backend_ != nullptr) backend_->BeginRun();
   const pid_t process = ::fork();
   if (process < 0) {
     throw std::system_error(errno, std::generic_category(), "fork");
@@ -340,13 +340,15 @@ Outcome Child::Run(const Body& body) const {
 
   const int process_descriptor =
       static_cast<int>(::syscall(SYS_pidfd_open, process, 0));
-  const bool ended = backend_ != nullptr ? backend_->ServeUntilExit(
-                                               process_descriptor, kTimeLimit)
-                                         : WaitForExit(process_descriptor);
+  const bool ended =
+      backend_ != nullptr
+          ? backend_->ServeUntilExit(process_descriptor, time_limit_)
+          : WaitForExit(process_descriptor, time_limit_);
   if (!ended) ::kill(process, SIGKILL);
   int wait_status = 0;
   ::waitpid(process, &wait_status, 0);
   ::close(process_descriptor);
+  if (backend_ != nullptr) backend_->EndRun();
 
   Outcome outcome;
   outcome.status = ExitStatus(wait_status);
@@ -356,4 +358,4 @@ Outcome Child::Run(const Body& body) const {
   return outcome;
 }
 
-}  // namespace support
+}  // namespace zan_cgi::testing

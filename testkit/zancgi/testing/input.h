@@ -1,14 +1,14 @@
 /// @file
 /// Standard inputs for a child process, of each kind that a web server gives.
-#ifndef ZANCGI_TESTS_SUPPORT_INPUT_H
-#define ZANCGI_TESTS_SUPPORT_INPUT_H
+#ifndef ZANCGI_TESTING_INPUT_H
+#define ZANCGI_TESTING_INPUT_H
 
 #include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
 
-namespace support {
+namespace zan_cgi::testing {
 
 class Input {
  public:
@@ -46,6 +46,6 @@ class Input {
   mutable std::thread writer_;
 };
 
-}  // namespace support
+}  // namespace zan_cgi::testing
 
 #endif

@@ -1,4 +1,4 @@
-#include "support/input.h"
+#include <zancgi/testing/input.h>
 
 #include <fcntl.h>
 #include <signal.h>
@@ -10,7 +10,7 @@
 #include <system_error>
 #include <utility>
 
-namespace support {
+namespace zan_cgi::testing {
 namespace {
 
 [[noreturn]] void Fail(const char* call) {
@@ -124,4 +124,4 @@ void Input::BecomeStandardInput() const {
   if (writing_end_ >= 0) ::close(writing_end_);
 }
 
-}  // namespace support
+}  // namespace zan_cgi::testing

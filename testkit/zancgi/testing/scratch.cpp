@@ -1,4 +1,4 @@
-#include "support/scratch.h"
+#include <zancgi/testing/scratch.h>
 
 #include <stdlib.h>
 #include <unistd.h>
@@ -11,7 +11,7 @@
 
 namespace fs = std::filesystem;
 
-namespace support {
+namespace zan_cgi::testing {
 
 Scratch::Scratch() : Scratch(fs::canonical(fs::temp_directory_path())) {}
 
@@ -59,6 +59,4 @@ std::string ReadFile(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-bool IsRoot() { return ::geteuid() == 0; }
-
-}  // namespace support
+}  // namespace zan_cgi::testing
