@@ -34,7 +34,11 @@ function(install_library_pair name)
   set(version_file "${configured_dir}/${name}-config-version.cmake")
   write_basic_package_version_file("${version_file}"
     COMPATIBILITY SameMajorVersion)
-  install(FILES "${packaging_dir}/${name}-config.cmake" "${version_file}"
+  install(FILES "${packaging_dir}/${name}-config${config_variant}.cmake"
+    DESTINATION "${cmake_dir}"
+    RENAME ${name}-config.cmake
+    COMPONENT ${name}-dev)
+  install(FILES "${version_file}" ${config_helpers}
     DESTINATION "${cmake_dir}"
     COMPONENT ${name}-dev)
 
@@ -64,14 +68,55 @@ function(install_pkgconfig name component)
     list(JOIN options " " ${library}_options)
   endforeach()
   set(file "${configured_dir}/${name}.pc")
-  configure_file("${packaging_dir}/${name}.pc.in" "${file}" @ONLY)
+  configure_file("${packaging_dir}/${name}.pc.in" "${file}.in" @ONLY)
+  file(GENERATE OUTPUT "${file}" INPUT "${file}.in")
   install(FILES "${file}"
     DESTINATION "${pkgconfig_dir}"
     COMPONENT ${component})
 endfunction()
 
-install_library_pair(tov)
-install_pkgconfig(tov tov-dev)
+# Names the base library of the system to those who look for ours.
+function(refer_to_base_library_of_the_system)
+  set(config_variant -system PARENT_SCOPE)
+  set(config_helpers "${packaging_dir}/find-base-library.cmake" PARENT_SCOPE)
+
+  find_package(PkgConfig QUIET)
+  if(PKG_CONFIG_FOUND)
+    pkg_check_modules(ZANCGI_TOV_PC QUIET tov)
+  endif()
+  if(ZANCGI_TOV_PC_FOUND)
+    set(base_package tov PARENT_SCOPE)
+    set(base_package_of_archive tov PARENT_SCOPE)
+  endif()
+
+  set(library tov::tov)
+  if(TARGET tov::tov_static)
+    set(library tov::tov_static)
+  endif()
+  set(words "$<TARGET_FILE:${library}>")
+  get_property(needs TARGET ${library} PROPERTY INTERFACE_LINK_LIBRARIES)
+  foreach(need ${needs})
+    if(need MATCHES "^[-/]")
+      list(APPEND words "${need}")
+    elseif(need MATCHES "^[A-Za-z0-9_+.-]+$" AND NOT TARGET ${need})
+      list(APPEND words "-l${need}")
+    else()
+      message(WARNING "zancgi-static.pc cannot tell that ${library} needs "
+        "${need}")
+    endif()
+  endforeach()
+  list(JOIN words " " line)
+  set(base_link_line "${line}" PARENT_SCOPE)
+endfunction()
+
+if(ZANCGI_TOV STREQUAL "system")
+  refer_to_base_library_of_the_system()
+else()
+  set(base_package tov)
+  set(base_link_line "-l:libtov.a -l:libm.a")
+  install_library_pair(tov)
+  install_pkgconfig(tov tov-dev)
+endif()
 install_library_pair(zancgi)
 install_pkgconfig(zancgi zancgi-dev)
 install_pkgconfig(zancgi-static zancgi-dev)

@@ -16,7 +16,7 @@ function(add_library_pair name)
     PROPERTIES COMPILE_OPTIONS "$<$<CONFIG:Release>:-O2>")
   set_source_files_properties(${ARG_SMALL_SOURCES}
     PROPERTIES COMPILE_OPTIONS "$<$<CONFIG:Release>:-Os>")
-  target_include_directories(${name}_objects PUBLIC "${PROJECT_SOURCE_DIR}/src")
+  target_include_directories(${name}_objects PUBLIC "${ZANCGI_INCLUDE_DIR}")
 
   add_library(${name} SHARED)
   set_target_properties(${name} PROPERTIES
@@ -43,7 +43,7 @@ function(add_library_pair name)
   foreach(library ${name} ${name}_static)
     target_sources(${library} PRIVATE $<TARGET_OBJECTS:${name}_objects>)
     target_include_directories(${library} PUBLIC
-      "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src>")
+      "$<BUILD_INTERFACE:${ZANCGI_INCLUDE_DIR}>")
     add_library(${name}::${library} ALIAS ${library})
   endforeach()
 endfunction()

@@ -18,8 +18,3 @@ function(read_version variable header prefix)
 endfunction()
 
 read_version(version src/zancgi/zancgi.h ZANCGI)
-read_version(tov_version src/tov/api.h TOV)
-if(NOT version VERSION_EQUAL tov_version)
-  message(FATAL_ERROR "Both libraries are released together, but zancgi.h says "
-    "${version} and tov/api.h ${tov_version}")
-endif()

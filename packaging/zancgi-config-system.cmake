@@ -1,0 +1,7 @@
+include("${CMAKE_CURRENT_LIST_DIR}/find-base-library.cmake")
+if(NOT TARGET tov::tov)
+  set(zancgi_FOUND FALSE)
+  set(zancgi_NOT_FOUND_MESSAGE "There is no base library \"tov\".")
+  return()
+endif()
+include("${CMAKE_CURRENT_LIST_DIR}/zancgi-targets.cmake")

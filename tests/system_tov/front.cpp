@@ -1,0 +1,58 @@
+// A front end that tells what it was given, one thing a line.
+#include <tov/err.h>
+#include <zancgi/zancgi.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+void Tell(const char* what, const std::string& value) {
+  std::printf("%s=%s\n", what, value.c_str());
+}
+
+std::streamoff SizeOf(const std::string& path) {
+  return std::ifstream(path, std::ios::ate).tellg();
+}
+
+void TellRequest(zan_cgi::Cgi& cgi) {
+  std::vector<std::string> names;
+  cgi.GetParams(names);
+  for (const std::string& name : names) Tell(name.c_str(), cgi.Param(name));
+  Tell("cookie", cgi.Cookie("second"));
+  cgi.GetFileNames(names);
+  for (const std::string& name : names) {
+    Tell("path", cgi.File(name));
+    Tell("size", std::to_string(SizeOf(cgi.File(name))));
+  }
+}
+
+void TellCaller(zan_cgi::Cgi& cgi) {
+  cgi.Authorize(zan_cgi::Cgi::AuthInfo::AuthAny);
+  Tell("user", cgi.auth().name);
+  Tell("level", std::to_string(cgi.auth().level));
+  Tell("language", cgi.auth().lang_word);
+  Tell("answer", cgi.Query({{"func", "a list"}}));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    zan_cgi::Cgi cgi(argv[0], argc > 1 ? argv[1] : "panel");
+    cgi.SetTmpDir("");
+    cgi.CheckContentLength(argc > 2 ? std::stol(argv[2]) : 100000);
+    TellRequest(cgi);
+    TellCaller(cgi);
+  } catch (const tov_err::Missed& error) {
+    Tell("missed", error.what());
+  } catch (const tov_err::Value& error) {
+    Tell("value", error.what());
+  } catch (const tov_err::Error& error) {
+    Tell("error", error.what());
+  } catch (const std::exception& error) {
+    Tell("exception", error.what());
+  }
+}

@@ -1,0 +1,53 @@
+#ifndef SITE_ERR_H
+#define SITE_ERR_H
+
+#include <exception>
+#include <string>
+
+#include <tov/site.h>
+
+namespace tov_err {
+
+/// No std::runtime_error.
+class Error : public std::exception {
+ public:
+  explicit Error(const std::string& text) : text_(text) {}
+  const char* what() const noexcept override { return text_.c_str(); }
+
+ private:
+  site::Room room_;
+  std::string text_;
+};
+
+class Value : public Error {
+ public:
+  Value(const std::string& name, const std::string& value);
+  ~Value() override;
+
+ private:
+  site::Room room_;
+};
+
+class Missed : public Error {
+ public:
+  Missed(const std::string& name, const std::string& value);
+  ~Missed() override;
+
+ private:
+  site::Room room_;
+};
+
+/// Reports, and lets the caller go on.
+class AssertError : public Error {
+ public:
+  static void Raise(const char* file, int line, const char* function,
+                    const std::string& message);
+};
+
+}  // namespace tov_err
+
+#ifdef SITE_INLINE
+#include <tov/inline/err.h>
+#endif
+
+#endif

@@ -1,0 +1,43 @@
+#ifndef SITE_XML_H
+#define SITE_XML_H
+
+#include <string>
+
+#include <tov/site.h>
+
+namespace tov_xml {
+
+/// A copy of an element's tag.
+class XmlNode {
+ public:
+  operator bool() const;
+  std::string GetProp(const char* name) const;
+
+ private:
+  friend class Xml;
+  explicit XmlNode(const std::string& tag) : tag_(tag) {}
+
+  site::Room room_;
+  std::string tag_;
+};
+
+/// The text of a document.
+class Xml {
+ public:
+  Xml();
+  ~Xml();
+  bool LoadFromString(const std::string& text);
+  XmlNode GetNode(const std::string& path) const;
+
+ private:
+  site::Room room_;
+  std::string text_;
+};
+
+}  // namespace tov_xml
+
+#ifdef SITE_INLINE
+#include <tov/inline/xml.h>
+#endif
+
+#endif

@@ -1,0 +1,324 @@
+"""The product on a base library that is not ours: other headers, larger
+classes, other functions inline, and not one name beyond those that the product
+asks for. The product is built from a tree without our own."""
+
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+CMAKE = os.environ["CMAKE"]
+CXX = os.environ["CXX"]
+SOURCE = pathlib.Path(os.environ["SOURCE"])
+SEAM = pathlib.Path(os.environ["SEAM"])
+HERE = pathlib.Path(__file__).parent
+SITE = HERE / "site"
+FRONT_END = HERE / "front.cpp"
+OF_THE_BASE_LIBRARY = re.compile(r"(typeinfo for )?(str|tov_\w+)::")
+
+SITE_PC = """\
+Name: tov
+Description: Base library of this site
+Version: 5.2
+Cflags: -I{prefix}/include -DSITE_INLINE
+Libs: -L{prefix}/lib -ltov
+"""
+
+SITE_PACKAGE = """\
+foreach(library tov tov_static)
+  add_library(tov::${library} STATIC IMPORTED)
+  set_target_properties(tov::${library} PROPERTIES
+    IMPORTED_LOCATION "${CMAKE_CURRENT_LIST_DIR}/../../libtov.a"
+    INTERFACE_INCLUDE_DIRECTORIES "${CMAKE_CURRENT_LIST_DIR}/../../../include")
+endforeach()
+"""
+
+PAGE = {
+    "REQUEST_METHOD": "GET",
+    "QUERY_STRING": "a=1&b=two%20%26+three&a=4",
+    "HTTP_COOKIE": "first=x; second=y=z; panelses5=3f9c27d1; panellang5=de:en",
+    "REMOTE_ADDR": "192.0.2.7",
+}
+
+
+def run(*command, **options):
+    """What a command prints; its complaints, when it fails."""
+    done = subprocess.run(command, capture_output=True, text=True, timeout=500, **options)
+    if done.returncode != 0:
+        raise AssertionError(f"{command} failed:\n{done.stdout}{done.stderr}")
+    return done.stdout
+
+
+def base_symbols(library, selection):
+    names = run("nm", "--dynamic", "--demangle", selection, library).splitlines()
+    names = (re.sub(r"^[0-9a-f]*\s+\w ", "", name).replace("[abi:cxx11]", "") for name in names)
+    string = "std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >"
+    names = (name.replace(string, "std::string") for name in names)
+    return {name for name in names if OF_THE_BASE_LIBRARY.match(name)}
+
+
+class SystemTovTest(unittest.TestCase):
+    """Has a folder for each class with the other base library in "site" and the
+    product in "product"."""
+
+    maxDiff = None
+    product_options = ()
+
+    @classmethod
+    def setUpClass(cls):
+        folder = tempfile.TemporaryDirectory(prefix="system-tov-")
+        cls.addClassCleanup(folder.cleanup)
+        cls.folder = pathlib.Path(folder.name)
+        cls.site = cls.folder / "site"
+        cls.product = cls.folder / "product"
+        cls.install_site()
+        cls.install_product()
+        cls.shared, cls.static = cls.build_front_ends()
+
+    @classmethod
+    def compile_site(cls, *options):
+        (cls.site / "lib").mkdir(parents=True)
+        shutil.copytree(SITE / "include", cls.site / "include")
+        run(
+            CXX, "-std=c++20", "-O1", "-fPIC", "-fvisibility-inlines-hidden", *options,
+            "-c", SITE / "site.cpp", f"-I{SITE / 'include'}", "-o", cls.folder / "site.o",
+        )  # fmt: skip
+
+    @classmethod
+    def make_shared_library(cls):
+        library = cls.site / "lib" / "libtov.so"
+        soname = "-Wl,-soname,libtov.so.5"
+        run(CXX, "-shared", "-o", library, cls.folder / "site.o", soname)
+        (library.parent / "libtov.so.5").symlink_to(library.name)
+
+    @classmethod
+    def make_archive(cls):
+        run("ar", "rc", cls.site / "lib" / "libtov.a", cls.folder / "site.o")
+
+    @classmethod
+    def install_product(cls):
+        tree = cls.folder / "tree"
+        without = shutil.ignore_patterns("build", ".*", "node_modules")
+        shutil.copytree(SOURCE, tree, ignore=without)
+        shutil.rmtree(tree / "src" / "tov")
+        cls.build = cls.folder / "build"
+        run(
+            CMAKE, "-S", tree, "-B", cls.build, "-G", "Ninja", "-DZANCGI_TOV=system",
+            f"-DCMAKE_CXX_COMPILER={CXX}", f"-DCMAKE_PREFIX_PATH={cls.site}", "-DZANCGI_WERROR=ON",
+            *cls.product_options,
+        )  # fmt: skip
+        run(CMAKE, "--build", cls.build)
+        run(CMAKE, "--install", cls.build, "--prefix", cls.product)
+
+    @classmethod
+    def pkg_config(cls, *arguments):
+        known = [path.parent for path in cls.folder.glob("*/lib/**/*.pc")]
+        known = ":".join(map(str, sorted(set(known))))
+        return run("pkg-config", *arguments, env={**os.environ, "PKG_CONFIG_LIBDIR": known}).split()
+
+    @classmethod
+    def compile_front_ends(cls, *options):
+        front_ends = []
+        for package in ("zancgi", "zancgi-static"):
+            libdir = cls.pkg_config("--variable=libdir", package)[0]
+            front_ends.append(cls.folder / f"{package}-front")
+            run(
+                CXX, "-std=c++20", FRONT_END, "-o", front_ends[-1],
+                *cls.pkg_config("--cflags", "--libs", package), *options, f"-Wl,-rpath,{libdir}",
+            )  # fmt: skip
+        return front_ends
+
+    def library(self):
+        (library,) = self.product.rglob("libzancgi.so")
+        return library
+
+    def answer(self, front_end, environment, *arguments, body=b""):
+        """What the front end tells, and its log."""
+        done = subprocess.run(
+            [front_end, *arguments],
+            env={"TMP": str(self.folder), **environment},
+            input=body,
+            capture_output=True,
+            timeout=60,
+            check=True,
+        )
+        told = dict(line.split("=", 1) for line in done.stdout.decode().splitlines())
+        return told, done.stderr.decode()
+
+    def test_request_is_served(self):
+        for front_end in (self.shared, self.static):
+            with self.subTest(front_end=front_end.name):
+                told, log = self.answer(front_end, PAGE)
+                self.assertEqual(log, "")
+                self.assertEqual((told["a"], told["b"]), ("1, 4", "two & three"))
+                self.assertEqual(told["cookie"], "y=z")
+                self.assertEqual((told["user"], told["level"]), ("alice", "7"))
+                self.assertEqual(told["language"], "en")
+                self.assertTrue(told["answer"].startswith("<?xml"), told["answer"])
+                self.assertIn("QUERY_STRING=func=a%20list&out=xml;", told["answer"])
+                self.assertIn("REMOTE_ADDR=192.0.2.7;", told["answer"])
+                self.assertTrue(told["answer"].endswith("</doc>"))
+
+    def test_upload_is_stored_and_taken_away_again(self):
+        content = "a line\n" * 20000
+        body = (
+            '--X\r\nContent-Disposition: form-data; name="field"\r\n\r\nvalue\r\n'
+            '--X\r\nContent-Disposition: form-data; name="file"; filename="f.txt"\r\n\r\n'
+            f"{content}\r\n--X--\r\n"
+        ).encode()
+        environment = {
+            **PAGE,
+            "REQUEST_METHOD": "POST",
+            "CONTENT_TYPE": "multipart/form-data; boundary=X",
+            "CONTENT_LENGTH": str(len(body)),
+        }
+        for front_end in (self.shared, self.static):
+            with self.subTest(front_end=front_end.name):
+                refused, _ = self.answer(front_end, environment, body=body)
+                self.assertIn("Post data too large", refused["exception"])
+                told, _ = self.answer(front_end, environment, "panel", "200000", body=body)
+                self.assertEqual(told["field"], "value")
+                self.assertEqual(told["file"], "f.txt")
+                self.assertEqual(told["size"], str(len(content)))
+                self.assertRegex(told["path"], f"^{self.folder}/zantemp-site-[0-9]+$")
+                self.assertEqual(told["user"], "alice")
+                self.assertEqual(list(self.folder.glob("zantemp*")), [])
+
+    def test_errors_are_the_other_library_s(self):
+        for front_end in (self.shared, self.static):
+            with self.subTest(front_end=front_end.name):
+                told, _ = self.answer(front_end, PAGE, "")
+                self.assertEqual(told["missed"], "site: no tovname []")
+                strangers = {**PAGE, "HTTP_COOKIE": ""}
+                told, _ = self.answer(front_end, strangers)
+                self.assertEqual(told["value"], "site: bad auth []")
+                tried, _ = self.answer(front_end, {**PAGE, "SITE_FAILURES": "3"})
+                self.assertEqual(tried["user"], "alice")
+                told, _ = self.answer(front_end, {**PAGE, "SITE_FAILURES": "4"})
+                self.assertEqual(told["error"], "site: no connection to panel")
+
+    def test_log_is_the_other_library_s(self):
+        for front_end in (self.shared, self.static):
+            with self.subTest(front_end=front_end.name):
+                _, log = self.answer(front_end, {**PAGE, "SITE_LOG": "9", "TOV_LOG_LEVEL": "9"})
+                self.assertIn("site: zancgi/core 7: cgi.Query('func=whoami&out=xml')", log)
+                self.assertIn("site: zancgi/core 9: zancgi_unix.cpp:", log)
+                foreign = [line for line in log.splitlines() if not line.startswith("site: ")]
+                self.assertEqual(foreign, [])
+
+    def test_nothing_of_ours_bears_the_name(self):
+        installed = [path for path in self.product.rglob("*") if not path.is_dir()]
+        self.assertIn("zancgi.h", {path.name for path in installed})
+        self.assertEqual([path for path in installed if "tov" in path.name], [])
+        for path in self.build.rglob("libtov*"):
+            self.fail(f"built: {path}")
+
+
+class PlainTest(SystemTovTest):
+    """Headers and libraries, and no word of them to anybody."""
+
+    product_options = ("-DZANCGI_BUILD_TESTS=ON",)
+
+    @classmethod
+    def install_site(cls):
+        cls.compile_site()
+        cls.make_shared_library()
+
+    @classmethod
+    def build_front_ends(cls):
+        site = cls.site
+        return cls.compile_front_ends(f"-I{site}/include", f"-L{site}/lib", "-ltov", f"-Wl,-rpath,{site}/lib")
+
+    def test_the_other_library_has_no_name_but_those_asked_for(self):
+        listed = set(SEAM.read_text().splitlines())
+        had = base_symbols(self.site / "lib" / "libtov.so", "--defined-only")
+        # One that virtual functions bring along, and nobody calls.
+        self.assertEqual(had - {"typeinfo for tov_client::Protocol"}, listed)
+        # The other one that all of Error's users have, since all is inline.
+        taken = base_symbols(self.library(), "--undefined-only")
+        self.assertEqual(taken, listed - {"typeinfo for tov_err::Error"})
+
+    def test_what_is_installed_refers_to_the_other_library(self):
+        dynamic = run("readelf", "--dynamic", "--wide", self.library())
+        self.assertIn("Shared library: [libtov.so.5]", dynamic)
+        self.assertIn(f"{self.site}/lib", re.search("RUNPATH.*", dynamic)[0])
+        libraries = self.pkg_config("--libs", "zancgi-static")
+        self.assertIn(f"{self.site}/lib/libtov.so", libraries)
+        self.assertNotIn("-static-libstdc++", libraries)
+
+    def test_its_own_tests_pass(self):
+        told = run(CMAKE.replace("cmake", "ctest"), "--test-dir", self.build)
+        self.assertRegex(told, "100% tests passed.* out of [1-9]")
+
+
+class PkgConfigTest(SystemTovTest):
+    """Known to pkg-config, by which it is told that its functions are inline."""
+
+    @classmethod
+    def install_site(cls):
+        cls.compile_site("-DSITE_INLINE")
+        cls.make_shared_library()
+        cls.make_archive()
+        file = cls.site / "lib" / "pkgconfig" / "tov.pc"
+        file.parent.mkdir()
+        file.write_text(SITE_PC.format(prefix=cls.site))
+
+    @classmethod
+    def build_front_ends(cls):
+        return cls.compile_front_ends()
+
+    def test_inline_functions_are_those_of_the_other_library(self):
+        listed = set(SEAM.read_text().splitlines())
+        taken = base_symbols(self.library(), "--undefined-only")
+        self.assertLess(taken, listed)
+        for name in ("tov_err::Missed::~Missed()", "tov_log::Module::Check(tov_log::Level)"):
+            self.assertNotIn(name, taken)
+
+    def test_what_is_installed_refers_to_the_other_library(self):
+        self.assertIn("-DSITE_INLINE", self.pkg_config("--cflags", "zancgi"))
+        self.assertIn("tov", self.pkg_config("--print-requires-private", "zancgi"))
+        libraries = self.pkg_config("--libs", "zancgi-static")
+        self.assertIn(f"{self.site}/lib/libtov.a", libraries)
+        needed = run("readelf", "--dynamic", "--wide", self.static)
+        self.assertNotIn("libtov", needed)
+        self.assertNotIn("libstdc++", needed)
+
+
+class PackageTest(SystemTovTest):
+    """A CMake package of an archive alone."""
+
+    @classmethod
+    def install_site(cls):
+        cls.compile_site()
+        cls.make_archive()
+        file = cls.site / "lib" / "cmake" / "tov" / "tov-config.cmake"
+        file.parent.mkdir(parents=True)
+        file.write_text(SITE_PACKAGE)
+
+    @classmethod
+    def build_front_ends(cls):
+        build = cls.folder / "front"
+        run(
+            CMAKE, "-S", HERE / "project", "-B", build, "-G", "Ninja",
+            f"-DCMAKE_CXX_COMPILER={CXX}", f"-DFRONT_END={FRONT_END}",
+            f"-DCMAKE_PREFIX_PATH={cls.product};{cls.site}", "-DCMAKE_CXX_STANDARD=20",
+        )  # fmt: skip
+        run(CMAKE, "--build", build)
+        return [build / f"{library}-front" for library in ("zancgi", "zancgi_static")]
+
+    def test_the_archive_is_inside_and_stays_there(self):
+        self.assertEqual(base_symbols(self.library(), "--undefined-only"), set())
+        self.assertEqual(base_symbols(self.library(), "--defined-only"), set())
+
+
+if __name__ == "__main__":
+    missing = [program for program in (CXX, "pkg-config", "ninja") if not shutil.which(program)]
+    if missing:
+        print("skipped: not installed:", *missing)
+        sys.exit(77)
+    del SystemTovTest
+    unittest.main()
