@@ -1,0 +1,189 @@
+"""The manual pages say what the header and the sources say."""
+
+import os
+import pathlib
+import re
+import subprocess
+import unittest
+
+SOURCE = pathlib.Path(os.environ["SOURCE"])
+PAGES = {path.stem: path for path in sorted((SOURCE / "docs" / "man").glob("*.3"))}
+OPERATION_PAGES = {name: path for name, path in PAGES.items() if name != "zancgi"}
+HEADER = SOURCE / "src" / "zancgi" / "zancgi.h"
+
+PAGES_OF_THE_SYSTEM = {
+    "chroot(2)", "initgroups(3)", "malloc(3)", "nsswitch.conf(5)", "pam_conv(3)",
+    "pam_open_session(3)", "pam_start(3)", "rename(2)", "setrlimit(2)", "setuid(2)",
+    "tmpfiles.d(5)",
+}  # fmt: skip
+SECTIONS = ["NAME", "SYNOPSIS", "DESCRIPTION", "RETURN VALUES", "EXAMPLES", "ERRORS", "SEE ALSO"]
+# A guard against what cannot happen.
+NEVER_THROWN = {"Boundary definition not found"}
+
+
+def section(page, title):
+    found = re.search(
+        rf"^\.Sh {title}\n(.*?)(?=^\.Sh |\Z)", page.read_text(), re.DOTALL | re.MULTILINE
+    )
+    return found[1] if found else ""
+
+
+def statements(text):
+    """Splits declarations at each ";" that stands in no braces."""
+    depth = 0
+    begin = 0
+    for i, character in enumerate(text):
+        depth += (character == "{") - (character == "}")
+        if character == ";" and depth == 0:
+            yield text[begin : i + 1]
+            begin = i + 1
+
+
+def body(text):
+    return text[text.index("{") + 1 : text.rindex("}")]
+
+
+def normalised(declaration):
+    """Without layout, and without what a place in the header says anyway."""
+    declaration = re.sub(r"\b(zan_cgi|Cgi|AuthInfo)::", "", declaration)
+    declaration = re.sub(r"\b(ZANCGI_API|public:)", " ", declaration)
+    return re.sub(r"\s*([(){};,])\s*|\s+", lambda m: m[1] or " ", declaration).strip()
+
+
+def header_declarations():
+    text = re.sub(r"//[^\n]*", "", HEADER.read_text())
+    text = re.sub(r"^#(?:[^\n]*\\\n)*[^\n]*", "", text, flags=re.MULTILINE)
+    namespace = body(text[text.index("namespace zan_cgi") :])
+    request, record, *functions = (
+        statement for statement in statements(namespace) if not statement.lstrip().startswith("using ")
+    )
+    public = body(request).split("private:")[0]
+    caller, _, *operations = statements(public)
+    method, *fields = statements(body(caller))
+    yield normalised(method)
+    yield normalised("struct AuthInfo {" + "".join(fields) + "};")
+    yield from map(normalised, [*operations, record, *functions])
+
+
+def page_declarations(page):
+    for display in re.findall(r"^\.Bd [^\n]*\n(.*?)^\.Ed", section(page, "SYNOPSIS"), re.S | re.M):
+        yield from map(normalised, statements(display))
+
+
+def source_texts():
+    """The string literals of the sources, those side by side as one, cut where
+    something is filled in."""
+    for path in [*(SOURCE / "src").glob("*/*.cpp"), *(SOURCE / "src").glob("*/*.h")]:
+        for literals in re.findall(r'"(?:\\.|[^"\\\n])*"(?:\s*"(?:\\.|[^"\\\n])*")*', path.read_text()):
+            text = re.sub(r'"\s*"', "", literals)[1:-1]
+            yield from re.split(r"%\w+", text)
+
+
+def fixed_parts(text):
+    """What a message says whatever it is about."""
+    value = re.fullmatch(r"(bad value ').*?(' of ')(.*)'", text)
+    missed = re.fullmatch(r"(missing value of ')(.*)'", text)
+    if value or missed:
+        return (value or missed).groups()
+    return [part for part in re.split(r"\.\.\.|\d+", text) if part.strip()]
+
+
+def messages(page):
+    for title in ("ERRORS", "DIAGNOSTICS"):
+        yield from re.findall(r'^\.It [^\n]*Li "([^\n]*)"$', section(page, title), re.MULTILINE)
+
+
+class ManualTest(unittest.TestCase):
+    def test_pages_are_clean(self):
+        for name, page in PAGES.items():
+            with self.subTest(page=name):
+                run = subprocess.run(
+                    ["mandoc", "-T", "lint", "-W", "style", page], capture_output=True, text=True
+                )
+                # Which pages of others this machine has does not matter here.
+                complaints = [
+                    line for line in run.stdout.splitlines() if "referenced manual not found" not in line
+                ]
+                self.assertEqual(complaints, [])
+                self.assertLess(run.returncode, 2, run.stderr)
+
+    def test_pages_have_all_sections(self):
+        for name, page in PAGES.items():
+            with self.subTest(page=name):
+                titles = re.findall(r"^\.Sh (.*)$", page.read_text(), re.MULTILINE)
+                wanted = [title for title in SECTIONS if name != "zancgi" or title != "RETURN VALUES"]
+                self.assertEqual([title for title in titles if title in SECTIONS], wanted)
+
+    def test_pages_are_found_by_their_names(self):
+        for name, page in PAGES.items():
+            with self.subTest(page=name):
+                text = page.read_text()
+                self.assertIn(f"\n.Dt {name.upper()} 3\n", text)
+                self.assertRegex(section(page, "NAME"), rf"\A\.Nm {name}\b")
+
+    def test_each_declaration_of_the_header_has_a_page(self):
+        shown = [
+            declaration for page in OPERATION_PAGES.values() for declaration in page_declarations(page)
+        ]
+        self.assertEqual(sorted(shown), sorted(header_declarations()))
+
+    def test_declarations_stand_in_the_page_of_their_name(self):
+        for name, page in OPERATION_PAGES.items():
+            with self.subTest(page=name):
+                operation = name.removeprefix("zancgi_")
+                first = next(page_declarations(page))
+                self.assertRegex(first, rf"\b{operation}[({{]")
+
+    def test_references_lead_somewhere(self):
+        ours = {f"{name}(3)" for name in PAGES}
+        for name, page in PAGES.items():
+            with self.subTest(page=name):
+                references = {
+                    f"{target}({number})"
+                    for target, number in re.findall(
+                        r"^\.(?:[^\n]*\s)?Xr (\S+) (\d)", page.read_text(), re.MULTILINE
+                    )
+                }
+                self.assertTrue(references)
+                self.assertLessEqual(references, ours | PAGES_OF_THE_SYSTEM)
+                self.assertIn("zancgi(3)", references | {f"{name}(3)"})
+
+    def test_overview_lists_all_pages(self):
+        listed = re.findall(r"^\.It Xr (\S+) 3 Ta", PAGES["zancgi"].read_text(), re.MULTILINE)
+        self.assertEqual(sorted(listed), sorted(OPERATION_PAGES))
+
+    def test_overview_summarises_as_the_pages_do(self):
+        overview = dict(re.findall(r"^\.It Xr (\S+) 3 Ta (.*)$", PAGES["zancgi"].read_text(), re.M))
+        for name, page in OPERATION_PAGES.items():
+            with self.subTest(page=name):
+                self.assertIn(f".Nd {overview[name]}\n", page.read_text())
+
+    def test_messages_are_those_of_the_sources(self):
+        texts = list(source_texts())
+        count = 0
+        for name, page in PAGES.items():
+            with self.subTest(page=name):
+                for message in messages(page):
+                    for part in fixed_parts(message):
+                        found = any(part in text or part.strip() == text.strip() for text in texts)
+                        self.assertTrue(found, f"'{part}' of '{message}'")
+                    count += 1
+        self.assertGreater(count, 40)
+
+    def test_no_exception_is_left_out(self):
+        thrown = {
+            re.sub(r'"\s*"', "", literal)
+            for path in (SOURCE / "src" / "zancgi").glob("*.cpp")
+            for literal in re.findall(
+                r'runtime_error\(\s*(?:std::string\(\s*)?"((?:[^"]|"\s*")*)"', path.read_text()
+            )
+        }
+        self.assertGreater(len(thrown), 15)
+        told = [message for page in PAGES.values() for message in messages(page)]
+        for text in sorted(thrown - NEVER_THROWN):
+            with self.subTest(text=text):
+                self.assertTrue(any(text in message for message in told))
+
+
+if __name__ == "__main__":
+    unittest.main()
