@@ -11,14 +11,18 @@
 #error "libtov needs C++11's std::string: use -D_GLIBCXX_USE_CXX11_ABI=1"
 #endif
 
+/// A part of the version.
+/// @{
 #define TOV_VERSION_MAJOR 1
 #define TOV_VERSION_MINOR 0
 #define TOV_VERSION_PATCH 0
+/// @}
 
 /// The version as one number, to be compared: 1002003 is version 1.2.3.
 #define TOV_VERSION \
   (TOV_VERSION_MAJOR * 1000000 + TOV_VERSION_MINOR * 1000 + TOV_VERSION_PATCH)
 
+/// Has what it marks exported.
 #define TOV_API __attribute__((visibility("default")))
 
 #endif

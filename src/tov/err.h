@@ -16,9 +16,13 @@ namespace tov_err {
 /// the system refused something, the system's reason.
 class TOV_API Error : public std::runtime_error {
  public:
+  /// @param message  what what() returns
   explicit Error(const std::string& message);
+  /// Copies the message.
+  /// @{
   Error(const Error&) noexcept;
   Error& operator=(const Error&) noexcept;
+  /// @}
   ~Error() override;
 };
 
@@ -28,8 +32,11 @@ class TOV_API Value : public Error {
   /// @param name   what the value is for
   /// @param value  the value that was given; may be empty
   Value(const std::string& name, const std::string& value);
+  /// Copies the message.
+  /// @{
   Value(const Value&) noexcept;
   Value& operator=(const Value&) noexcept;
+  /// @}
   ~Value() override;
 };
 
@@ -39,17 +46,24 @@ class TOV_API Missed : public Error {
   /// @param name   what the value is for
   /// @param value  more about what was looked for; may be empty
   Missed(const std::string& name, const std::string& value);
+  /// Copies the message.
+  /// @{
   Missed(const Missed&) noexcept;
   Missed& operator=(const Missed&) noexcept;
+  /// @}
   ~Missed() override;
 };
 
 /// A violated precondition: a mistake in the calling program.
 class TOV_API AssertError : public Error {
  public:
+  /// @param message  what what() returns
   explicit AssertError(const std::string& message);
+  /// Copies the message.
+  /// @{
   AssertError(const AssertError&) noexcept;
   AssertError& operator=(const AssertError&) noexcept;
+  /// @}
   ~AssertError() override;
 
   /// Throws an AssertError that names the message and the place.

@@ -50,6 +50,7 @@ class TOV_API Info {
   /// @throws tov_err::Error when there is no such file
   Info(const std::string& path, bool own_link);
 
+  /// Says whether it is a directory.
   bool IsDir() const;
 
  private:
@@ -61,6 +62,7 @@ class TOV_API Attrs {
  public:
   /// Permissions only; setting them leaves owner and group alone.
   explicit Attrs(int mode);
+  /// Permissions, owner and group.
   Attrs(int mode, unsigned owner, unsigned group);
 
   /// Gives the file these attributes, the owner before the mode.
@@ -113,6 +115,7 @@ class TOV_API Tmp {
   /// @param prefix  folder and beginning of the name; six characters follow
   explicit Tmp(const std::string& prefix);
 
+  /// Returns the path of the file.
   const std::string& Name() const;
 
  private:

@@ -17,9 +17,12 @@
 #error "libzancgi needs C++11's std::string: use -D_GLIBCXX_USE_CXX11_ABI=1"
 #endif
 
+/// A part of the version.
+/// @{
 #define ZANCGI_VERSION_MAJOR 1
 #define ZANCGI_VERSION_MINOR 0
 #define ZANCGI_VERSION_PATCH 0
+/// @}
 
 /// The version as one number, to be compared: 1002003 is version 1.2.3.
 #define ZANCGI_VERSION                                            \
@@ -30,10 +33,14 @@
 #define ZANCGI_VERSION_STRING                               \
   ZANCGI_DOTTED(ZANCGI_VERSION_MAJOR, ZANCGI_VERSION_MINOR, \
                 ZANCGI_VERSION_PATCH)
+/// What the former is made with.
+/// @{
 #define ZANCGI_DOTTED(major, minor, patch) \
   ZANCGI_QUOTED(major) "." ZANCGI_QUOTED(minor) "." ZANCGI_QUOTED(patch)
 #define ZANCGI_QUOTED(number) #number
+/// @}
 
+/// Has what it marks exported.
 #define ZANCGI_API __attribute__((visibility("default")))
 
 struct pam_message;
@@ -133,8 +140,7 @@ class ZANCGI_API Cgi {
   ///   call may bring something (a signal came, or the descriptor is at its
   ///   end without a hang-up); -1 when the writer has gone or reading failed
   /// @throws std::runtime_error "timeout" when nothing came in time, after
-  /// which
-  ///   standard input is closed; "polling error: ..." or "invalid polling
+  ///   which standard input is closed; "polling error: ..." or "invalid polling
   ///   request" when it cannot be waited for
   long Read(char* buffer, long length);
 
@@ -304,8 +310,10 @@ class ZANCGI_API Cgi::Data {
   std::uint64_t FreeSpaceSize(const std::string& path);
 
   /// The first half of Cgi::Su(): hands #files over to an account and records
-  /// their new paths, confined as seen from the new root.
-  /// @param dir  not used: uploads always go to the home folder
+  /// their new paths.
+  /// @param user        login name of the account
+  /// @param dir         not used: uploads always go to the home folder
+  /// @param use_chroot  record the paths as seen from the new root
   /// @throws std::runtime_error "failed to get pw entry"
   /// @throws tov_err::Error when an upload cannot be handed over. Those before
   ///   it have been, it keeps its recorded path, and those behind it are

@@ -1,0 +1,96 @@
+#!/usr/bin/python3
+"""Prints a Markdown document of this tree as Doxygen understands it.
+
+usage: markdown_for_doxygen.py DOCUMENT
+
+The documents are written for readers of plain Markdown, where headings are
+targets of links by their text, a link may lead to any file of the tree, and a
+backslash is a backslash.
+"""
+
+import pathlib
+import re
+import sys
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+FENCED = re.compile(r"^(?P<indent>[ \t]*)```.*?^(?P=indent)```[ \t]*$", re.DOTALL | re.MULTILINE)
+CODE = re.compile(r"`([^`]+)`")
+HEADING = re.compile(r"^(#+) (.*)$", re.MULTILINE)
+LINK = re.compile(r"(?P<picture>!?)\[(?P<text>[^\]]*)\]\((?P<target>[^)\s]+)\)")
+
+
+def page_id(path):
+    """The name of a document among Doxygen's pages."""
+    name = path.relative_to(ROOT).with_suffix("").as_posix()
+    return name.replace("/", "_").replace("-", "_").lower()
+
+
+def is_page(path):
+    return path == ROOT / "README.md" or (path.suffix == ".md" and path.parent == ROOT / "docs")
+
+
+def anchor(heading):
+    """The anchor that Markdown readers give to a heading."""
+    return re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-")
+
+
+def label(path, fragment):
+    return f"{page_id(path)}_{fragment}" if fragment else page_id(path)
+
+
+def translated_link(document, link):
+    text, target = link["text"], link["target"]
+    if re.match(r"[a-z]+:", target):
+        return link[0]
+    name, _, fragment = target.partition("#")
+    path = (document.parent / name).resolve() if name else document
+    if link["picture"]:
+        return f"![{text}]({path.name})"
+    if is_page(path):
+        return f"[{text}](@ref {label(path, fragment)})"
+    if path.suffix == ".h" and path.is_relative_to(ROOT / "src"):
+        return f'@ref {path.name} "{text}"'
+    # Not among the pages: named, but no way there.
+    return text
+
+
+def translated_code(code):
+    """Behind two backticks an apostrophe ends nothing, and as an entity a quote
+    begins nothing."""
+    return "``" + code[1].replace('"', "&quot;") + "``"
+
+
+class Headings:
+    """Gives each heading its label; the first one is the page's title."""
+
+    def __init__(self, document):
+        self.document = document
+        self.is_first = True
+
+    def __call__(self, heading):
+        marks, text = heading.groups()
+        fragment = "" if self.is_first else anchor(text)
+        self.is_first = False
+        return f"{marks} {text} {{#{label(self.document, fragment)}}}"
+
+
+def translated_text(document, headings, text):
+    text = CODE.sub(translated_code, text.replace("\\", "\\\\"))
+    text = HEADING.sub(headings, text)
+    return LINK.sub(lambda link: translated_link(document, link), text)
+
+
+def translated(document):
+    document = document.resolve()
+    text = document.read_text()
+    headings = Headings(document)
+    result = ""
+    end = 0
+    for block in FENCED.finditer(text):
+        result += translated_text(document, headings, text[end : block.start()]) + block[0]
+        end = block.end()
+    return result + translated_text(document, headings, text[end:])
+
+
+if __name__ == "__main__":
+    sys.stdout.write(translated(pathlib.Path(sys.argv[1])))
