@@ -1,0 +1,340 @@
+"""A site on several hosts: web servers with the front end, and back ends, with
+the configuration of docs/scaling.md between them."""
+
+import collections
+import contextlib
+import dataclasses
+import grp
+import http.client
+import itertools
+import os
+import pathlib
+import pwd
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import threading
+import time
+
+from panel_server import kill, wait_for
+from scaling_hosts import BOUND_TO_US, new_network
+from web_servers import LIBRARIES, end_session
+
+HERE = pathlib.Path(__file__).resolve().parent
+DOCUMENT = pathlib.Path(os.environ["SOURCE"]) / "docs" / "scaling.md"
+FRONT = os.environ["README_FRONT"]
+BACK_ENDS = ("back1", "back2", "back3")
+WEB_HOSTS = 2
+# Of the servers that need no rights of their own.
+ACCOUNT = "www-data"
+PORT = 9000
+SESSIONS = itertools.count()
+# What only root may ask for.
+FOR_ROOT = re.compile(r"^ *(?:chroot|user|group) .*\n", re.M)
+
+
+def block(language, number=0):
+    """The configuration that the document shows."""
+    found = re.findall(rf"^```{language}\n(.*?)^```", DOCUMENT.read_text(), re.S | re.M)
+    return found[number]
+
+
+def replaced(text, replacements):
+    """Each must be there: what the document shows is what runs."""
+    for shown, actual in replacements.items():
+        if shown not in text:
+            raise ValueError(f"docs/scaling.md does not show {shown}")
+        text = text.replace(shown, str(actual))
+    return text
+
+
+class Service:
+    """A server process on a host, with what it has started."""
+
+    def __init__(self, host, folder, name, command, as_root=False, **environment):
+        run_as = list(BOUND_TO_US)
+        if os.geteuid() == 0 and not as_root:
+            account = pwd.getpwnam(ACCOUNT)
+            run_as += [f"--reuid={account.pw_uid}", f"--regid={account.pw_gid}", "--clear-groups"]
+        log = folder / f"{name}-output.log"
+        with log.open("ab") as output:
+            self.process = subprocess.Popen(
+                [*host.enter, *run_as, *map(str, command)],
+                env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", **environment},
+                cwd="/",
+                stdin=subprocess.DEVNULL,
+                stdout=output,
+                stderr=output,
+                start_new_session=True,
+            )
+
+    def kill(self):
+        kill(self.process)
+
+    def signal(self, number):
+        os.killpg(self.process.pid, number)
+
+    def stop(self):
+        if self.process.returncode is None:
+            self.signal(signal.SIGCONT)
+            end_session(self.process)
+
+
+class BackEnd:
+    def __init__(self, site, number, seconds):
+        self.name = BACK_ENDS[number]
+        self.host = site.network.add_host(11 + number)
+        self.port = self.host.free_port(PORT)
+        self.site = site
+        self.folder = site.make_folder(self.name)
+        self.seconds = seconds
+        shown = {
+            f"192.0.2.11:{PORT}": f"{self.host.address}:{self.port}",
+            "/srv/panel/backend.py": HERE / "scaling_backend.py",
+        }
+        self.configuration = self.folder / "uwsgi.ini"
+        self.configuration.write_text(replaced(block("ini"), shown))
+        self.start()
+
+    def start(self):
+        self.service = self.site.start_service(
+            self.host,
+            self.folder,
+            "uwsgi",
+            ["uwsgi", "--ini", self.configuration],
+            HOST=self.name,
+            ASKED=str(self.folder / "asked"),
+            SECONDS=str(self.seconds),
+        )
+
+    def asked(self):
+        """The sessions that it has been asked about, one for each time."""
+        path = self.folder / "asked"
+        return path.read_text().split() if path.exists() else []
+
+
+class WebHost:
+    """A web server with the front end, and HAProxy on the back end's socket."""
+
+    def __init__(self, site, number, back_ends):
+        self.host = site.network.add_host(21 + number)
+        self.site = site
+        self.folder = site.make_folder(f"web{number + 1}")
+        self.run_dir = site.make_folder(f"web{number + 1}/run")
+        self.admin_socket = self.folder / "admin.sock"
+        self.socket = self.folder / "http.sock"
+        self.proxy_configuration = self.folder / "haproxy.cfg"
+        self.proxy_configuration.write_text(self._proxy_configuration(back_ends))
+        self.proxy = self._start_proxy()
+        wait_for(lambda: self.back_ends_up() == len(back_ends))
+        self.web_server = self._start_web_server()
+        wait_for(self.socket.exists)
+
+    def _proxy_configuration(self, back_ends):
+        text = replaced(
+            block("haproxy"),
+            {
+                "/run/tov/": f"{self.run_dir}/",
+                "/run/haproxy/admin.sock": self.admin_socket,
+                **{
+                    f"{name} 192.0.2.{number}:{PORT}": f"{name} {end.host.address}:{end.port}"
+                    for number, (name, end) in enumerate(zip(BACK_ENDS, back_ends), 11)
+                },
+            },
+        )
+        if os.geteuid() == 0:
+            return text
+        own_group = grp.getgrgid(os.getegid()).gr_name
+        return replaced(FOR_ROOT.sub("", text), {"group www-data": f"group {own_group}"})
+
+    def _start_proxy(self):
+        command = ["haproxy", "-W", "-f", self.proxy_configuration]
+        return self.site.start_service(
+            self.host, self.folder, "haproxy", command, as_root=True
+        )
+
+    def _start_web_server(self):
+        configuration = self.folder / "lighttpd.conf"
+        configuration.write_text(
+            f"""
+            server.modules = ( "mod_setenv", "mod_cgi" )
+            server.bind = "{self.socket}"
+            server.document-root = "{self.site.documents}"
+            server.errorlog = "{self.folder}/lighttpd.log"
+            server.upload-dirs = ( "{self.folder}" )
+            cgi.assign = ( "" => "" )
+            setenv.set-environment = ( "TOV_RUN_DIR" => "{self.run_dir}",
+                                       "LD_LIBRARY_PATH" => "{self.site.libraries}" )
+            """
+        )
+        command = ["lighttpd", "-D", "-f", configuration]
+        return self.site.start_service(self.host, self.folder, "lighttpd", command)
+
+    def proxy_command(self, text):
+        """What HAProxy answers on its socket."""
+        with socket.socket(socket.AF_UNIX) as client:
+            client.connect(str(self.admin_socket))
+            client.sendall(text.encode() + b"\n")
+            with client.makefile() as answer:
+                return answer.read()
+
+    def proxy_state(self, back_end):
+        """The line of statistics on a back end, by column."""
+        lines = self.proxy_command("show stat").lstrip("# ").splitlines()
+        columns = lines[0].split(",")
+        for line in lines[1:]:
+            state = dict(zip(columns, line.split(",")))
+            if state.get("svname") == back_end:
+                return state
+        raise KeyError(back_end)
+
+    def back_ends_up(self):
+        with contextlib.suppress(OSError):
+            return sum(self.proxy_state(name)["status"] == "UP" for name in BACK_ENDS)
+        return 0
+
+
+@dataclasses.dataclass
+class Site:
+    """Of all that runs, nothing is left after stop."""
+
+    seconds: float = 0.03
+
+    def __post_init__(self):
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="scaling-"))
+        self.folder.chmod(0o755)
+        self.network = new_network()
+        self.services = []
+        self.back_ends = []
+        self.web_hosts = []
+        try:
+            self._start()
+        except BaseException:
+            print(self.logs())
+            self.stop()
+            raise
+
+    def _start(self):
+        self.documents = self.make_folder("www")
+        self.libraries = self.make_folder("lib")
+        shutil.copy(FRONT, self.documents / "whoami")
+        for library in LIBRARIES:
+            shutil.copy(library, self.libraries)
+        for number in range(len(BACK_ENDS)):
+            self.back_ends.append(BackEnd(self, number, self.seconds))
+        for number in range(WEB_HOSTS):
+            self.web_hosts.append(WebHost(self, number, self.back_ends))
+
+    def make_folder(self, name):
+        folder = self.folder / name
+        folder.mkdir()
+        if os.geteuid() == 0:
+            shutil.chown(folder, ACCOUNT)
+        return folder
+
+    def start_service(self, *what, **how):
+        self.services.append(Service(*what, **how))
+        return self.services[-1]
+
+    def logs(self):
+        logs = sorted(self.folder.glob("*/*.log"))
+        return "\n".join(f"{log}: {log.read_text(errors='replace')}" for log in logs)
+
+    def stop(self):
+        for service in reversed(self.services):
+            service.stop()
+        self.network.remove()
+        shutil.rmtree(self.folder)
+
+    def asked(self):
+        """How often the back ends have been asked about each session."""
+        return collections.Counter(
+            itertools.chain.from_iterable(end.asked() for end in self.back_ends)
+        )
+
+
+class UnixConnection(http.client.HTTPConnection):
+    def __init__(self, path):
+        super().__init__("panel.example", timeout=60)
+        self.path = str(path)
+
+    def connect(self):
+        self.sock = socket.socket(socket.AF_UNIX)
+        self.sock.settimeout(self.timeout)
+        self.sock.connect(self.path)
+
+
+@dataclasses.dataclass
+class Visit:
+    session: str
+    began: float
+    ended: float
+    status: int
+    page: str
+
+    @property
+    def seconds(self):
+        return self.ended - self.began
+
+    @property
+    def back_end(self):
+        """The one that has answered; nothing when the visit has failed."""
+        found = re.search(r"You are (\w+)\.$", self.page)
+        return found.group(1) if found and self.status == 200 else None
+
+
+class Load:
+    """Visitors who ask, each for one page after another, until told to stop."""
+
+    def __init__(self, site, visitors=32):
+        self.site = site
+        self.visits = []
+        self.stopped = threading.Event()
+        self.threads = [
+            threading.Thread(target=self._visit_until_stopped, args=[number])
+            for number in range(visitors)
+        ]
+        for thread in self.threads:
+            thread.start()
+
+    def wait_for(self, condition):
+        wait_for(lambda: condition() or self._nobody_is_left(), 60)
+
+    def wait_for_visits(self, count):
+        """So many more from now on."""
+        goal = len(self.visits) + count
+        self.wait_for(lambda: len(self.visits) >= goal)
+
+    def stop(self):
+        """All visits, in the order in which they have ended."""
+        self.stopped.set()
+        for thread in self.threads:
+            thread.join()
+        return self.visits
+
+    def _nobody_is_left(self):
+        if any(thread.is_alive() for thread in self.threads):
+            return False
+        raise RuntimeError("no visitor is left")
+
+    def _visit_until_stopped(self, number):
+        web_host = self.site.web_hosts[number % len(self.site.web_hosts)]
+        while not self.stopped.is_set():
+            session = f"visit-{next(SESSIONS)}"
+            began = time.monotonic()
+            status, page = visit(web_host, session)
+            self.visits.append(Visit(session, began, time.monotonic(), status, page))
+
+
+def visit(web_host, session):
+    """The status, or 0 with an exception's text."""
+    try:
+        with contextlib.closing(UnixConnection(web_host.socket)) as connection:
+            connection.request("GET", "/whoami", headers={"Cookie": f"panelses5={session}"})
+            response = connection.getresponse()
+            return response.status, response.read().decode()
+    except (OSError, http.client.HTTPException) as error:
+        return 0, repr(error)

@@ -1,0 +1,133 @@
+"""Back ends that die, hang and go away while a site is under load: no visitor
+may notice more than a delay."""
+
+import signal
+import time
+import unittest
+
+from panel_server import wait_for
+from scaling_hosts import can_make_namespaces
+from scaling_site import Load, Site, visit
+
+VISITS = 5_000
+FEWER_VISITS = 1_500
+
+
+class ScalingTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.site = Site()
+        cls.addClassCleanup(cls.site.stop)
+
+    def setUp(self):
+        self.back_end = self.site.back_ends[0]
+        self.wait_until_up()
+        self.load = Load(self.site)
+        self.addCleanup(self.load.stop)
+
+    def wait_until_up(self):
+        for web_host in self.site.web_hosts:
+            wait_for(lambda: web_host.back_ends_up() == len(self.site.back_ends))
+
+    def answered_since(self, moment, back_end):
+        return any(
+            visit.began > moment and visit.back_end == back_end.name
+            for visit in self.load.visits
+        )
+
+    def wait_until_used(self, back_end):
+        now = time.monotonic()
+        self.load.wait_for(lambda: self.answered_since(now, back_end))
+
+    def assert_none_failed(self):
+        visits = self.load.stop()
+        failed = [visit for visit in visits if visit.back_end is None]
+        self.assertEqual(failed, [], f"{len(failed)} of {len(visits)}\n{self.site.logs()}")
+        asked = self.site.asked()
+        repeated = sum(asked[visit.session] > 1 for visit in visits)
+        longest = max(visit.seconds for visit in visits)
+        rate = len(visits) / (visits[-1].ended - visits[0].began)
+        print(
+            f"{len(visits)} visits, {rate:.0f} a second, {repeated} with a query carried"
+            f" out more than once, the longest {longest:.2f} s",
+            flush=True,
+        )
+        return longest, repeated
+
+    def test_a_back_end_is_killed_and_started_again(self):
+        self.load.wait_for_visits(VISITS // 3)
+        self.wait_until_used(self.back_end)
+        self.back_end.service.kill()
+        dead_since = time.monotonic()
+        self.load.wait_for_visits(VISITS // 3)
+        self.assertFalse(self.answered_since(dead_since, self.back_end))
+        self.back_end.start()
+        self.load.wait_for_visits(VISITS // 3)
+        self.wait_until_used(self.back_end)
+        longest, repeated = self.assert_none_failed()
+        self.assertGreaterEqual(len(self.load.visits), VISITS)
+        # It has been killed with queries in hand.
+        self.assertGreater(repeated, 0)
+        self.assertLess(longest, 5)
+
+    def test_a_back_end_hangs_and_goes_on(self):
+        self.load.wait_for_visits(FEWER_VISITS // 3)
+        self.back_end.service.signal(signal.SIGSTOP)
+        hanging_since = time.monotonic()
+        wait_for(lambda: all(host.back_ends_up() == 2 for host in self.site.web_hosts))
+        self.load.wait_for_visits(FEWER_VISITS // 3)
+        self.assertFalse(self.answered_since(hanging_since, self.back_end))
+        self.back_end.service.signal(signal.SIGCONT)
+        self.wait_until_used(self.back_end)
+        self.load.wait_for_visits(FEWER_VISITS // 3)
+        longest, _ = self.assert_none_failed()
+        # Some have waited for it.
+        self.assertGreater(longest, 1)
+        self.assertLess(longest, 10)
+
+    @unittest.skipUnless(can_make_namespaces(), "to unplug a host wants network namespaces")
+    def test_a_host_is_unplugged(self):
+        self.load.wait_for_visits(FEWER_VISITS // 3)
+        self.back_end.host.cut_off()
+        cut_off_since = time.monotonic()
+        wait_for(lambda: all(host.back_ends_up() == 2 for host in self.site.web_hosts))
+        self.load.wait_for_visits(FEWER_VISITS // 3)
+        self.assertFalse(self.answered_since(cut_off_since, self.back_end))
+        self.back_end.host.plug_in()
+        self.wait_until_used(self.back_end)
+        self.load.wait_for_visits(FEWER_VISITS // 3)
+        longest, _ = self.assert_none_failed()
+        self.assertLess(longest, 10)
+
+    def test_a_back_end_is_drained_for_an_upgrade(self):
+        self.load.wait_for_visits(FEWER_VISITS // 3)
+        self.set_state("drain")
+        for web_host in self.site.web_hosts:
+            self.load.wait_for(
+                lambda: web_host.proxy_state(self.back_end.name)["scur"] == "0"
+            )
+        self.back_end.service.stop()
+        self.load.wait_for_visits(FEWER_VISITS // 3)
+        self.back_end.start()
+        self.set_state("ready")
+        self.wait_until_used(self.back_end)
+        self.load.wait_for_visits(FEWER_VISITS // 3)
+        _, repeated = self.assert_none_failed()
+        self.assertEqual(repeated, 0)
+
+    def set_state(self, state):
+        for web_host in self.site.web_hosts:
+            answer = web_host.proxy_command(f"set server panel/{self.back_end.name} state {state}")
+            self.assertEqual(answer.strip(), "")
+
+    def test_haproxy_gets_a_new_configuration(self):
+        for web_host in self.site.web_hosts:
+            self.load.wait_for_visits(FEWER_VISITS // 3)
+            web_host.proxy.process.send_signal(signal.SIGUSR2)
+        self.load.wait_for_visits(FEWER_VISITS // 3)
+        _, repeated = self.assert_none_failed()
+        self.assertEqual(repeated, 0)
+
+
+if __name__ == "__main__":
+    unittest.main()
