@@ -192,8 +192,9 @@ class WebHost:
         raise KeyError(back_end)
 
     def back_ends_up(self):
+        """How many HAProxy uses: one that has failed its first check is "UP 1/2"."""
         with contextlib.suppress(OSError):
-            return sum(self.proxy_state(name)["status"] == "UP" for name in BACK_ENDS)
+            return sum(self.proxy_state(name)["status"].startswith("UP") for name in BACK_ENDS)
         return 0
 
 
