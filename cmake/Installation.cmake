@@ -121,13 +121,17 @@ install_library_pair(zancgi)
 install_pkgconfig(zancgi zancgi-dev)
 install_pkgconfig(zancgi-static zancgi-dev)
 
-# The licence of pugixml, which is inside, wants to go with every copy.
-foreach(component tov tov-dev)
-  install(FILES "${packaging_dir}/LICENSE.pugixml"
-    DESTINATION "${CMAKE_INSTALL_DOCDIR}"
-    COMPONENT ${component})
-endforeach()
-foreach(component tov tov-dev zancgi zancgi-dev zancgi-doc zancgi-tools)
+# Every copy wants its licence, and ours has pugixml inside.
+set(components zancgi zancgi-dev zancgi-doc zancgi-tools)
+if(ZANCGI_TOV STREQUAL "bundled")
+  foreach(component tov tov-dev)
+    list(APPEND components ${component})
+    install(FILES "${packaging_dir}/LICENSE.pugixml"
+      DESTINATION "${CMAKE_INSTALL_DOCDIR}"
+      COMPONENT ${component})
+  endforeach()
+endif()
+foreach(component ${components})
   install(FILES "${PROJECT_SOURCE_DIR}/LICENSE"
     DESTINATION "${CMAKE_INSTALL_DOCDIR}"
     COMPONENT ${component})
@@ -159,3 +163,8 @@ install(DIRECTORY "${PROJECT_SOURCE_DIR}/examples/panel"
   COMPONENT zancgi-doc
   USE_SOURCE_PERMISSIONS
   PATTERN __pycache__ EXCLUDE)
+# Made by the target of this name, which wants Doxygen.
+install(DIRECTORY "${PROJECT_BINARY_DIR}/documentation/html"
+  DESTINATION "${CMAKE_INSTALL_DOCDIR}"
+  COMPONENT zancgi-doc
+  OPTIONAL)

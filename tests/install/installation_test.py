@@ -13,8 +13,11 @@ import unittest
 
 CMAKE = os.environ["CMAKE"]
 CXX = os.environ["CXX"]
-BUILD = pathlib.Path(os.environ["BUILD"])
-SOURCE = pathlib.Path(os.environ["SOURCE"])
+# Of packages that are installed there is neither.
+BUILD = pathlib.Path(os.environ.get("BUILD", "/nonexistent"))
+SOURCE = pathlib.Path(os.environ.get("SOURCE", "/nonexistent"))
+# The packages' prefix, or nothing, and the build is installed.
+INSTALLED = os.environ.get("INSTALLED")
 VERSION = os.environ["VERSION"]
 FRONT_END = pathlib.Path(os.environ["FRONT_END"])
 HERE = pathlib.Path(__file__).parent
@@ -119,15 +122,16 @@ class Alice(socketserver.StreamRequestHandler):
 
 
 class InstallTest(unittest.TestCase):
-    """Has a folder for each class, and the libraries installed below it: not
-    where their prefix says, so that nothing can rest on that."""
+    """Has a folder for each class, and the libraries installed below it, unless
+    they are installed already: not where their prefix says, so that nothing can
+    rest on that."""
 
     @classmethod
     def setUpClass(cls):
         folder = tempfile.TemporaryDirectory(prefix="install-")
         cls.addClassCleanup(folder.cleanup)
         cls.folder = pathlib.Path(folder.name)
-        cls.root = cls.install("root")
+        cls.root = pathlib.Path(INSTALLED) if INSTALLED else cls.install("root")
         cls.base_user = cls.folder / "base_user.cpp"
         cls.base_user.write_text(BASE_USER)
 
@@ -151,13 +155,14 @@ class FilesTest(InstallTest):
         return [path for path in root.rglob("*") if not path.is_dir()]
 
     def test_headers_are_the_public_ones(self):
-        headers = {str(path.relative_to(self.root / "include")) for path in self.root.rglob("*.h")}
+        include = self.root / "include"
+        headers = {str(path.relative_to(include)) for path in include.rglob("*.h")}
         ours = ("api", "client", "env", "err", "file", "log", "proc", "str", "xml")
         self.assertEqual(headers, {"zancgi/zancgi.h", *(f"tov/{name}.h" for name in ours)})
 
     def test_headers_are_complete(self):
         everything = self.folder / "everything.cpp"
-        headers = self.root.rglob("*.h")
+        headers = (self.root / "include").rglob("*.h")
         everything.write_text("".join(f'#include "{path}"\n' for path in headers))
         include = f"-I{self.root}/include"
         run(CXX, "-std=c++11", "-fsyntax-only", "-Wall", "-Werror", include, everything)
@@ -181,11 +186,48 @@ class FilesTest(InstallTest):
         self.assertIn("tov_xml::Xml::GetNode", symbols)
         self.assertNotIn("pugi", symbols)
 
-    def test_a_machine_that_only_runs_front_ends_gets_the_shared_libraries_alone(self):
-        for name in ("zancgi", "tov"):
-            root = self.install(f"run-{name}", "--component", name)
-            names = {path.name for path in self.files(root)}
-            self.assertEqual(names, {f"lib{name}.so.1", f"lib{name}.so.{VERSION}"})
+    def files_of(self, component):
+        root = self.install(component, "--component", component)
+        return {str(path.relative_to(root)) for path in self.files(root)}
+
+    def test_a_machine_that_only_runs_front_ends_gets_what_they_run_with_alone(self):
+        for name, licences in (("zancgi", ["LICENSE"]), ("tov", ["LICENSE", "LICENSE.pugixml"])):
+            self.assertEqual(
+                self.files_of(name),
+                {
+                    *(f"share/doc/zancgi/{licence}" for licence in licences),
+                    f"lib/lib{name}.so.1",
+                    f"lib/lib{name}.so.{VERSION}",
+                    f"lib/tmpfiles.d/lib{name}1.conf",
+                },
+            )
+
+    def test_manual_pages_go_with_what_they_describe(self):
+        for component, section in (("zancgi-dev", 3), ("zancgi-tools", 1)):
+            pages = {path.name for path in (SOURCE / "docs" / "man").glob(f"*.{section}")}
+            self.assertTrue(pages)
+            man = f"share/man/man{section}/"
+            files = self.files_of(component)
+            self.assertEqual({name[len(man) :] for name in files if name.startswith(man)}, pages)
+
+    def test_tools_are_programs_with_a_manual_page_each(self):
+        files = self.files_of("zancgi-tools")
+        names = {pathlib.Path(name).name for name in files if name.startswith("bin/")}
+        self.assertTrue(names)
+        for name in names:
+            self.assertIn(f"share/man/man1/{name}.1", files)
+            self.assertTrue(os.access(self.root / "bin" / name, os.X_OK))
+
+    def test_links_between_documents_lead_to_what_is_installed_with_them(self):
+        self.files_of("zancgi-doc")
+        root = self.folder / "zancgi-doc" / "opt" / "zancgi" / "share" / "doc" / "zancgi"
+        documents = [path for path in root.rglob("*.md")]
+        self.assertIn(root / "docs" / "guide.md", documents)
+        for document in documents:
+            for link in re.findall(r"\]\(([^)#:]+)[^):]*\)", document.read_text()):
+                target = (document.parent / link).resolve().relative_to(root)
+                if target.parts[0] in ("docs", "examples"):
+                    self.assertTrue((root / target).exists(), f"{document.name}: {link}")
 
 
 class FrontEndTest(InstallTest):

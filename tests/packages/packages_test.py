@@ -1,0 +1,250 @@
+#!/usr/bin/python3
+"""The Debian packages, on a Debian that has nothing else.
+
+Made by debootstrap from the mirror of the machine's own apt, or from
+ZANCGI_DEBIAN_MIRROR, in a folder and mounts of this process's own.
+PACKAGES=FOLDER takes packages that scripts/package has left there.
+"""
+
+import os
+import pathlib
+import re
+import shutil
+import stat
+import subprocess
+import sys
+import tempfile
+import unittest
+
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
+SUITE = "bookworm"
+NEEDED = ("debootstrap", "git", "unshare")
+IN_MOUNTS_OF_ITS_OWN = "ZANCGI_PACKAGES_TEST"
+
+OURS = {
+    "libtov-dev", "libtov1", "libzancgi-dev", "libzancgi1", "zancgi-doc", "zancgi-tools",
+}  # fmt: skip
+# Not for installing, but for whoever looks into a core.
+OF_DEBUGGERS = {"libtov1-dbgsym", "libzancgi1-dbgsym"}
+
+# What any work with apt changes.
+OF_APT = ("var/cache", "var/lib/apt", "var/lib/dpkg", "var/log", "tmp", "var/tmp")
+
+
+def run(*command, **options):
+    """What a command prints; its complaints, when it fails."""
+    done = subprocess.run(
+        command, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=1500, **options
+    )
+    if done.returncode != 0:
+        raise AssertionError(f"{command} failed:\n{done.stdout}{done.stderr}")
+    return done.stdout
+
+
+def fields_of(package):
+    """The control fields of a package's file."""
+    text = run("dpkg-deb", "--field", package)
+    return dict(re.findall(r"^([\w-]+): (.*)$", text, re.MULTILINE))
+
+
+def mirror():
+    given = os.environ.get("ZANCGI_DEBIAN_MIRROR")
+    if given:
+        return given
+    run("apt-get", "update")
+    known = run(
+        "apt-get", "indextargets", "--format", "$(REPO_URI)",
+        "Created-By: Packages", "Label: Debian", f"Codename: {SUITE}", "Component: main",
+    ).split()  # fmt: skip
+    if not known:
+        raise AssertionError(f"apt knows no mirror of {SUITE}: name one by ZANCGI_DEBIAN_MIRROR")
+    return known[0]
+
+
+class Machine:
+    """A fresh Debian in a folder."""
+
+    def __init__(self, folder):
+        self.root = folder
+        # What the machine's apt needs to reach its mirror, this one's does.
+        ways = run("apt-config", "dump", "Acquire::http", "Acquire::https", "Acquire::Retries",
+                   "Acquire::Check-Valid-Until", "Acquire::Check-Date")  # fmt: skip
+        proxy = re.search(r'^Acquire::http::Proxy "(.+)";', ways, re.MULTILINE)
+        proxies = {"http_proxy": proxy[1]} if proxy else {}
+        run("debootstrap", "--variant=minbase", SUITE, str(folder), mirror(),
+            env={**proxies, **os.environ})  # fmt: skip
+        (folder / "etc" / "apt" / "apt.conf.d" / "90way").write_text(ways)
+        for kind, name in (("proc", "proc"), ("tmpfs", "run")):
+            run("mount", "-t", kind, "none", str(folder / name))
+
+    def close(self):
+        for name in ("run", "proc"):
+            run("umount", str(self.root / name))
+
+    def run(self, *command):
+        proxies = {name: value for name, value in os.environ.items() if "_proxy" in name.lower()}
+        return run(
+            "chroot", str(self.root), *command,
+            env={
+                **proxies,
+                "DEBIAN_FRONTEND": "noninteractive",
+                "HOME": "/root",
+                "LC_ALL": "C.UTF-8",
+                "PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+            },
+        )  # fmt: skip
+
+    def install(self, *packages):
+        self.run("apt-get", "install", "--yes", "--no-install-recommends", *packages)
+
+    def purge(self, *packages):
+        self.run("apt-get", "purge", "--yes", *packages)
+
+    def add(self, source, target):
+        """A copy of a file or folder."""
+        target = self.root / target
+        if source.is_dir():
+            shutil.copytree(source, target, symlinks=True)
+        else:
+            shutil.copy(source, target)
+
+    def files(self):
+        """Every path but those that apt itself changes."""
+        found = set()
+        for folder, folders, names in os.walk(self.root):
+            below = pathlib.Path(folder).relative_to(self.root)
+            kept = [n for n in folders if str(below / n) not in (*OF_APT, "proc", "sys", "dev")]
+            folders[:] = kept
+            found |= {str(below / name) for name in (*kept, *names)}
+        return found
+
+
+class PackagesTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        folder = tempfile.TemporaryDirectory(prefix="packages-")
+        cls.addClassCleanup(folder.cleanup)
+        cls.folder = pathlib.Path(folder.name)
+        given = os.environ.get("PACKAGES")
+        cls.made = pathlib.Path(given) if given else cls.folder / "made"
+        if not given:
+            run(str(SOURCE / "scripts" / "package"), str(cls.made))
+        cls.debs = {path.name.partition("_")[0]: path for path in cls.made.glob("*.deb")}
+
+    def contents(self, name):
+        listing = run("dpkg-deb", "--contents", str(self.debs[name]))
+        return set(re.findall(r"^-\S+ .* \./(\S+)", listing, re.MULTILINE))
+
+
+class FilesTest(PackagesTest):
+    def test_packages_are_the_promised_ones(self):
+        self.assertEqual(set(self.debs), OURS | OF_DEBUGGERS)
+
+    def test_every_package_has_the_licences_of_what_is_in_it(self):
+        for name in OURS:
+            where = f"./usr/share/doc/{name}/copyright"
+            with self.subTest(name):
+                files = subprocess.run(
+                    ["dpkg-deb", "--fsys-tarfile", self.debs[name]],
+                    capture_output=True, check=True, timeout=60,
+                ).stdout  # fmt: skip
+                text = subprocess.run(
+                    ["tar", "--extract", "--to-stdout", where],
+                    input=files, capture_output=True, check=True, timeout=60,
+                ).stdout.decode()  # fmt: skip
+                self.assertIn("the libzancgi authors", text)
+                self.assertIn("Permission is hereby granted", text)
+                self.assertIn("Arseny Kapoulkine", text)
+
+    def test_what_has_pugixml_inside_says_of_which_version(self):
+        for name in ("libtov1", "libtov-dev"):
+            built_using = fields_of(self.debs[name])["Built-Using"]
+            self.assertRegex(built_using, r"^pugixml \(= \S+\)$")
+
+    def test_two_versions_of_a_library_could_lie_side_by_side(self):
+        for name in ("libtov1", "libzancgi1"):
+            for file in self.contents(name):
+                if not file.startswith(f"usr/share/doc/{name}/"):
+                    self.assertRegex(file, rf"{name[:-1]}(1|\.so\.1)", name)
+
+
+@unittest.skipUnless(os.geteuid() == 0, "only root makes a fresh Debian")
+class FreshMachineTest(PackagesTest):
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.machine = Machine(cls.folder / "machine")
+        cls.addClassCleanup(cls.machine.close)
+        cls.machine.run("apt-get", "update")
+        # Stands in for systemd; and what tests call.
+        cls.machine.install("systemd-standalone-tmpfiles", "autopkgtest")
+        (cls.machine.root / "debs").mkdir()
+        for name in OURS:
+            cls.machine.add(cls.debs[name], f"debs/{name}.deb")
+
+    def setUp(self):
+        self.before = self.machine.files()
+        self.machine.install(*(f"/debs/{name}.deb" for name in OURS))
+
+    def tearDown(self):
+        self.machine.purge(*OURS)
+        self.machine.run("apt-get", "autopurge", "--yes")
+
+    def assert_folder(self, name, mode):
+        status = (self.machine.root / name).lstat()
+        self.assertEqual(stat.filemode(status.st_mode), mode)
+        self.assertEqual((status.st_uid, status.st_gid), (0, 0))
+
+    def test_installing_makes_the_folders_of_sockets_and_uploads(self):
+        self.assert_folder("run/tov", "drwxr-xr-x")
+        self.assert_folder("var/spool/zancgi", "drwx-wx-wt")
+
+    def test_purging_leaves_nothing_behind(self):
+        (self.machine.root / "var/spool/zancgi/zantempAAAAAA").touch()
+        self.tearDown()
+        self.assertEqual(self.machine.files() - self.before, set())
+
+    def test_removing_keeps_uploads_and_running_back_ends(self):
+        upload = self.machine.root / "var/spool/zancgi/zantempAAAAAA"
+        socket = self.machine.root / "run/tov/panel.sock"
+        for path in (upload, socket):
+            path.touch()
+        self.machine.run("apt-get", "remove", "--yes", *OURS)
+        self.assertTrue(upload.exists() and socket.exists())
+        self.machine.purge(*OURS)
+        self.assertFalse(upload.exists())
+        self.assertTrue(socket.exists())
+        socket.unlink()
+
+    def test_front_ends_are_built_and_run_and_the_tools_work(self):
+        tree = self.folder / "tree"
+        tree.mkdir()
+        run("dpkg-source", "--extract", *map(str, self.made.glob("*.dsc")), str(tree / "zancgi"))
+        self.machine.add(tree / "zancgi", "zancgi")
+        # Prints what has failed.
+        self.machine.run("autopkgtest", "--no-built-binaries", "/zancgi", "--", "null")
+
+
+def reenter_in_mounts_of_its_own():
+    os.execvpe(
+        "unshare",
+        ["unshare", "--mount", "--propagation", "private", "--pid", "--fork", "--kill-child",
+         "--mount-proc", sys.executable, "-B", *sys.argv],
+        {**os.environ, IN_MOUNTS_OF_ITS_OWN: "1"},
+    )  # fmt: skip
+
+
+def reason_to_skip():
+    if "CTEST" in os.environ and os.environ.get("ZANCGI_LONG") != "1":
+        return "builds packages and a Debian to install them on: set ZANCGI_LONG=1"
+    missing = [name for name in NEEDED if not shutil.which(name)]
+    return f"not installed: {' '.join(missing)}" if missing else ""
+
+
+if __name__ == "__main__":
+    if reason_to_skip():
+        print("skipped:", reason_to_skip())
+        sys.exit(77)
+    if os.geteuid() == 0 and IN_MOUNTS_OF_ITS_OWN not in os.environ:
+        reenter_in_mounts_of_its_own()
+    unittest.main()

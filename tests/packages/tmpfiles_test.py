@@ -1,0 +1,175 @@
+#!/usr/bin/python3
+"""The rules for the folders of sockets and uploads, as systemd-tmpfiles reads
+them, in a root directory of their own."""
+
+import os
+import pathlib
+import shutil
+import stat
+import subprocess
+import sys
+import tempfile
+import unittest
+
+RULES = pathlib.Path(__file__).resolve().parents[2] / "packaging" / "tmpfiles"
+INTERRUPTED_UPLOAD = os.environ["INTERRUPTED_UPLOAD"]
+NOBODY = 65534
+ANOTHER = 65533
+
+FORM = (
+    b"--x\r\n"
+    b'Content-Disposition: form-data; name="a"; filename="a.txt"\r\n'
+    b"Content-Type: text/plain\r\n"
+    b"\r\n"
+    b"text\r\n"
+    b"--x--\r\n"
+)
+
+
+class TmpfilesTest(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="tmpfiles-")
+        self.addCleanup(folder.cleanup)
+        self.root = pathlib.Path(folder.name)
+        self.root.chmod(0o755)
+        rules = self.root / "usr" / "lib" / "tmpfiles.d"
+        rules.mkdir(parents=True)
+        for name in ("tov", "zancgi"):
+            shutil.copy(RULES / f"{name}.conf", rules / f"lib{name}1.conf")
+        for name in ("tmp", "var/tmp"):
+            (self.root / name).mkdir(parents=True)
+        self.spool = self.root / "var" / "spool" / "zancgi"
+
+    def apply(self, *options, later=None):
+        """Has the rules obeyed, now or at a later time by the clock."""
+        clock = ["faketime", "-f", f"+{later}"] if later else []
+        done = subprocess.run(
+            [*clock, "systemd-tmpfiles", f"--root={self.root}", *options],
+            # Else files would become younger by as much.
+            env={**os.environ, "NO_FAKE_STAT": "1"},
+            capture_output=True, text=True, timeout=60,
+        )  # fmt: skip
+        self.assertEqual((done.returncode, done.stdout, done.stderr), (0, "", ""))
+
+    def make(self, *names):
+        for name in names:
+            path = self.root / name
+            path.parent.mkdir(parents=True, exist_ok=True)
+            path.write_text("text")
+
+    def left(self, folder):
+        return sorted(os.listdir(self.root / folder))
+
+    def assert_folder(self, name, mode):
+        status = (self.root / name).lstat()
+        self.assertEqual(stat.filemode(status.st_mode), mode)
+        self.assertEqual((status.st_uid, status.st_gid), (0, 0))
+
+    def upload_until_killed(self, user):
+        program = self.root / "front"
+        shutil.copy(INTERRUPTED_UPLOAD, program)
+        done = subprocess.run(
+            [program],
+            env={
+                "TMP": str(self.spool),
+                "REQUEST_METHOD": "POST",
+                "CONTENT_TYPE": "multipart/form-data; boundary=x",
+                "CONTENT_LENGTH": str(len(FORM)),
+            },
+            input=FORM, user=user, group=user, extra_groups=[], timeout=60,
+        )  # fmt: skip
+        self.assertEqual(done.returncode, -9)
+
+    def test_only_root_puts_sockets_into_the_folder_of_sockets(self):
+        self.apply("--create")
+        self.assert_folder("run/tov", "drwxr-xr-x")
+
+    def test_everybody_uploads_and_only_root_looks_at_them_all(self):
+        self.apply("--create")
+        self.assert_folder("var/spool/zancgi", "drwx-wx-wt")
+
+    def test_a_folder_that_was_there_before_is_put_right(self):
+        self.spool.mkdir(parents=True)
+        os.chown(self.spool, NOBODY, NOBODY)
+        self.spool.chmod(0o777)
+        self.apply("--create")
+        self.assert_folder("var/spool/zancgi", "drwx-wx-wt")
+
+    def test_an_upload_whose_front_end_was_killed_goes_after_a_day(self):
+        self.apply("--create")
+        self.upload_until_killed(NOBODY)
+        (upload,) = self.spool.iterdir()
+        self.assertRegex(upload.name, r"^zantemp\w{6}$")
+        self.assertEqual(upload.read_bytes(), b"text")
+        self.apply("--clean", later="23h")
+        self.assertTrue(upload.exists())
+        self.apply("--clean", later="25h")
+        self.assertEqual(self.left("var/spool/zancgi"), [])
+
+    def test_no_other_account_can_touch_an_upload(self):
+        self.apply("--create")
+        self.upload_until_killed(NOBODY)
+        (upload,) = self.spool.iterdir()
+        attempts = (
+            f"import os; os.listdir({str(self.spool)!r})",
+            f"import os; os.unlink({str(upload)!r})",
+            f"import os; os.rename({str(upload)!r}, {str(self.spool / 'zantempAAAAAA')!r})",
+            f"open({str(upload)!r})",
+        )
+        for attempt in attempts:
+            with self.subTest(attempt):
+                done = subprocess.run(
+                    [sys.executable, "-c", attempt],
+                    user=ANOTHER, group=ANOTHER, extra_groups=[],
+                    capture_output=True, text=True, timeout=60,
+                )  # fmt: skip
+                self.assertRegex(done.stderr, "PermissionError|not permitted")
+        self.assertTrue(upload.exists())
+
+    def test_an_upload_that_is_still_written_stays(self):
+        self.apply("--create")
+        self.make("var/spool/zancgi/zantempAAAAAA")
+        an_hour_ago_by_then = os.stat(self.root).st_mtime + 24 * 3600
+        os.utime(self.spool / "zantempAAAAAA", (0, an_hour_ago_by_then))
+        self.apply("--clean", later="25h")
+        self.assertEqual(self.left("var/spool/zancgi"), ["zantempAAAAAA"])
+
+    def test_folders_of_single_requests_go_with_what_is_in_them(self):
+        self.apply("--create")
+        self.make("var/spool/zancgi/upload-AAAAAA/zantempAAAAAA")
+        self.apply("--clean", later="25h")
+        self.assertEqual(self.left("var/spool/zancgi"), [])
+
+    def test_sockets_stay_whatever_their_age(self):
+        self.apply("--create")
+        self.make("run/tov/panel.sock")
+        self.apply("--clean", later="9000h")
+        self.assertEqual(self.left("run/tov"), ["panel.sock"])
+
+    def test_at_boot_uploads_go_from_the_shared_folders_and_nothing_else(self):
+        for folder in ("tmp", "var/tmp"):
+            self.make(*(f"{folder}/{name}" for name in ("zantempAAAAAA", "zantmp", "other")))
+        self.apply("--remove", "--boot")
+        for folder in ("tmp", "var/tmp"):
+            self.assertEqual(self.left(folder), ["other", "zantmp"])
+
+    def test_while_the_machine_runs_uploads_in_the_shared_folders_stay(self):
+        for folder in ("tmp", "var/tmp"):
+            self.make(f"{folder}/zantempAAAAAA")
+        self.apply("--create", "--remove", "--clean", later="9000h")
+        for folder in ("tmp", "var/tmp"):
+            self.assertEqual(self.left(folder), ["zantempAAAAAA"])
+
+
+def reason_to_skip():
+    missing = [name for name in ("systemd-tmpfiles", "faketime") if not shutil.which(name)]
+    if missing:
+        return f"not installed: {' '.join(missing)}"
+    return "" if os.geteuid() == 0 else "only root gives folders away"
+
+
+if __name__ == "__main__":
+    if reason_to_skip():
+        print("skipped:", reason_to_skip())
+        sys.exit(77)
+    unittest.main()
