@@ -9,7 +9,8 @@ in.
 
 A block is a whole program if it includes something; else it is wrapped into a
 function in which "cgi" is the request. Its first line may be "// NAME.cpp",
-which names the file, and may add a standard: "// NAME.cpp (C++17)".
+which names the file, and may add a standard: "// NAME.cpp (C++17)". A block that
+begins "// NAME.h" is a header that the others include.
 """
 
 import pathlib
@@ -24,7 +25,7 @@ FENCE = re.compile(
 )
 EXAMPLES = re.compile(r"^\.Sh EXAMPLES\n(.*?)^\.Sh ", re.DOTALL | re.MULTILINE)
 DISPLAY = re.compile(r"^\.Bd [^\n]*\n(.*?)^\.Ed$", re.DOTALL | re.MULTILINE)
-TITLE = re.compile(r"// (?P<name>[\w-]+)\.cpp(?: \(C\+\+(?P<standard>\d+)\))?\b")
+TITLE = re.compile(r"// (?P<name>[\w-]+)\.(?P<suffix>cpp|h)(?: \(C\+\+(?P<standard>\d+)\))?$", re.M)
 LOWEST_STANDARD = "11"
 
 FRAGMENT = """\
@@ -63,10 +64,20 @@ def blocks(path):
     ]
 
 
+def headers(path):
+    """Yields file name and text of each."""
+    for block in blocks(path):
+        title = TITLE.match(block)
+        if title and title["suffix"] == "h":
+            yield f"{title['name']}.h", block
+
+
 def programs(path):
     """Yields name, standard and text of each."""
     for number, block in enumerate(blocks(path), 1):
         title = TITLE.match(block)
+        if title and title["suffix"] == "h":
+            continue
         name = title["name"] if title else str(number)
         standard = title and title["standard"] or LOWEST_STANDARD
         if "#include" not in block:
@@ -83,6 +94,8 @@ def main(folder, *documents):
     folder = pathlib.Path(folder)
     folder.mkdir(parents=True, exist_ok=True)
     for document in documents:
+        for name, text in headers(pathlib.Path(document)):
+            write_if_changed(folder / name, text)
         for name, standard, text in programs(pathlib.Path(document)):
             path = folder / f"{name}.cpp"
             write_if_changed(path, text)
