@@ -26,7 +26,8 @@ def page_id(path):
 
 
 def is_page(path):
-    return path == ROOT / "README.md" or (path.suffix == ".md" and path.parent == ROOT / "docs")
+    in_place = path == ROOT / "README.md" or path.parent == ROOT / "docs"
+    return in_place and path.suffix == ".md" and path.exists()
 
 
 def anchor(heading):

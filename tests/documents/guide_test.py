@@ -11,7 +11,7 @@ import time
 import unittest
 
 GUIDE = (pathlib.Path(os.environ["SOURCE"]) / "docs" / "guide.md").read_text()
-PROGRAMS = pathlib.Path(os.environ["PROGRAMS"])
+PROGRAMS = pathlib.Path(os.environ["GUIDE_PROGRAMS"])
 
 # They want accounts, or folders of the system's; the example panel's tests do
 # the same with both.

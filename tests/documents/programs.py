@@ -2,10 +2,10 @@
 
 usage: programs.py FOLDER DOCUMENT...
 
-Writes each block that a Markdown document marks as C++, and each display in the
-section EXAMPLES of a manual page, to a file of its own below FOLDER, and prints
-one line "PATH STANDARD" for each: the standard is the lowest that it compiles
-in.
+Leaves nothing else in FOLDER. Writes each block that a Markdown document marks as C++, and each display in the
+section EXAMPLES of a manual page, to a file of its own, and prints one
+line "PATH STANDARD" for each program: the standard is the lowest that it
+compiles in.
 
 A block is a whole program if it includes something; else it is wrapped into a
 function in which "cgi" is the request. Its first line may be "// NAME.cpp",
@@ -64,25 +64,18 @@ def blocks(path):
     ]
 
 
-def headers(path):
-    """Yields file name and text of each."""
-    for block in blocks(path):
-        title = TITLE.match(block)
-        if title and title["suffix"] == "h":
-            yield f"{title['name']}.h", block
-
-
-def programs(path):
-    """Yields name, standard and text of each."""
+def files(path):
+    """Yields file name, standard and text of each block."""
     for number, block in enumerate(blocks(path), 1):
         title = TITLE.match(block)
         if title and title["suffix"] == "h":
+            yield f"{title['name']}.h", None, block
             continue
         name = title["name"] if title else str(number)
         standard = title and title["standard"] or LOWEST_STANDARD
         if "#include" not in block:
             block = FRAGMENT.format(text=textwrap.indent(block, "  "))
-        yield f"{path.stem}_{name}", standard, block
+        yield f"{path.stem}_{name}.cpp", standard, block
 
 
 def write_if_changed(path, text):
@@ -93,13 +86,18 @@ def write_if_changed(path, text):
 def main(folder, *documents):
     folder = pathlib.Path(folder)
     folder.mkdir(parents=True, exist_ok=True)
+    written = set()
     for document in documents:
-        for name, text in headers(pathlib.Path(document)):
-            write_if_changed(folder / name, text)
-        for name, standard, text in programs(pathlib.Path(document)):
-            path = folder / f"{name}.cpp"
+        for name, standard, text in files(pathlib.Path(document)):
+            path = folder / name
+            if path in written:
+                sys.exit(f"programs.py: {document} shows a second {name}")
+            written.add(path)
             write_if_changed(path, text)
-            print(path, standard)
+            if standard:
+                print(path, standard)
+    for path in set(folder.iterdir()) - written:
+        path.unlink()
 
 
 if __name__ == "__main__":
