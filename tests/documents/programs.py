@@ -2,10 +2,10 @@
 
 usage: programs.py FOLDER DOCUMENT...
 
-Leaves nothing else in FOLDER. Writes each block that a Markdown document marks as C++, and each display in the
-section EXAMPLES of a manual page, to a file of its own, and prints one
-line "PATH STANDARD" for each program: the standard is the lowest that it
-compiles in.
+Writes each block that a Markdown document marks as C++, and each display in the
+section EXAMPLES of a manual page, to a file of its own, and leaves nothing else
+in FOLDER. Prints one line "PATH STANDARD" for each program: the standard is the
+lowest that it compiles in.
 
 A block is a whole program if it includes something; else it is wrapped into a
 function in which "cgi" is the request. Its first line may be "// NAME.cpp",
