@@ -107,6 +107,14 @@ class ManualTest(unittest.TestCase):
                 self.assertEqual(complaints, [])
                 self.assertLess(run.returncode, 2, run.stderr)
 
+    def test_pages_are_set_without_warnings(self):
+        for name, page in PAGES.items():
+            with self.subTest(page=name):
+                run = subprocess.run(
+                    ["groff", "-mdoc", "-ww", "-z", "-Tutf8", page], capture_output=True, text=True
+                )
+                self.assertEqual((run.returncode, run.stderr), (0, ""))
+
     def test_pages_have_all_sections(self):
         for name, page in PAGES.items():
             with self.subTest(page=name):
@@ -149,11 +157,11 @@ class ManualTest(unittest.TestCase):
                 self.assertIn("zancgi(3)", references | {f"{name}(3)"})
 
     def test_overview_lists_all_pages(self):
-        listed = re.findall(r"^\.It Xr (\S+) 3 Ta", PAGES["zancgi"].read_text(), re.MULTILINE)
+        listed = re.findall(r"^\.It Xr (\S+) 3$", PAGES["zancgi"].read_text(), re.MULTILINE)
         self.assertEqual(sorted(listed), sorted(OPERATION_PAGES))
 
     def test_overview_summarises_as_the_pages_do(self):
-        overview = dict(re.findall(r"^\.It Xr (\S+) 3 Ta (.*)$", PAGES["zancgi"].read_text(), re.M))
+        overview = dict(re.findall(r"^\.It Xr (\S+) 3\n(.*)$", PAGES["zancgi"].read_text(), re.M))
         for name, page in OPERATION_PAGES.items():
             with self.subTest(page=name):
                 self.assertIn(f".Nd {overview[name]}\n", page.read_text())
