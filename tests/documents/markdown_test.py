@@ -19,7 +19,8 @@ def documents():
             name
             for name in folders
             # What is built is not written.
-            if not name.startswith(".") and not (pathlib.Path(folder) / name / "CMakeCache.txt").exists()
+            if not name.startswith(".")
+            and not pathlib.Path(folder, name, "CMakeCache.txt").exists()
         ]
         yield from (pathlib.Path(folder) / name for name in files if name.endswith(".md"))
 
