@@ -1,0 +1,625 @@
+"""The configurations of docs/deployment.md, each taken out of the document and
+run with the real servers: limits, what arrives, and what stays behind."""
+
+import concurrent.futures
+import contextlib
+import functools
+import grp
+import hashlib
+import http.client
+import json
+import os
+import pathlib
+import pwd
+import re
+import secrets
+import shlex
+import shutil
+import socket
+import subprocess
+import tempfile
+import time
+import unittest
+import urllib.parse
+
+from accounts import IS_ROOT, NAMES_AND_IDS, NAMES_ONLY, Accounts
+from panel_server import PANEL, wait_for
+from upload_test import FORM, field, file, form
+from web_servers import LIBRARIES, end_session, free_address, has_ended
+
+DOCUMENT = pathlib.Path(os.environ["SOURCE"]) / "docs" / "deployment.md"
+BLOCK = re.compile(r"^```(\w+) (/\S+)\n(.*?)^```$", re.MULTILINE | re.DOTALL)
+# What the test puts elsewhere: folders that are the panel's or a server's own,
+# and the port. What Debian's packages bring stays where it is.
+PLACES = re.compile(r"(?<![\w./])/(?:opt|run|var|etc/(?:panel|apache2))(?=/|\b)")
+PORTS = {
+    "/etc/lighttpd/lighttpd.conf": (
+        "server.port = 80\n",
+        'server.bind = "{host}"\nserver.port = {port}\n',
+    ),
+    "/etc/apache2/apache2.conf": ("Listen 80\n", "Listen {host}:{port}\n"),
+    "/etc/nginx/nginx.conf": ("listen 80;", "listen {host}:{port};"),
+    "/etc/systemd/system/panel-httpd.service": (" -p 80 ", " -p {host}:{port} "),
+}
+MODES = {"/opt/panel/cgi/panel": 0o755}
+WEB = "www-data"
+# The document's account of the back end is nobody's on this machine.
+USERS = {"panel": "nobody", WEB: WEB, "root": "root"}
+GROUPS = {"panel": "nogroup", WEB: WEB, "root": "root"}
+
+# Where bodies are written to, by front ends and by servers.
+BODY_FOLDERS = ("/var/spool/panel", "/var/cache/lighttpd/uploads", "/var/lib/nginx/body")
+
+BODY_LIMIT = 134217728
+TIME_LIMIT = 60
+PROCESSOR_LIMIT = 10
+HARAKIRI = 10
+ATTEMPTS = 4
+
+# Stands where the front end would, and does what the query says.
+PROBE = """
+import hashlib, json, os, signal, sys, time
+
+def env():
+    return json.dumps(dict(os.environ))
+
+def body():
+    content = sys.stdin.buffer.read(int(os.environ["CONTENT_LENGTH"]))
+    return hashlib.sha256(content).hexdigest()
+
+def memory():
+    try:
+        return str(len(bytearray(1 << 30)))
+    except MemoryError:
+        return "refused"
+
+def wait():
+    note("begun")
+    time.sleep(1000)
+
+def wait_stubbornly():
+    signal.signal(signal.SIGTERM, signal.SIG_IGN)
+    wait()
+
+def spin():
+    while True:
+        note(str(time.process_time()))
+        for _ in range(1000000):
+            pass
+
+def note(text):
+    with open(sys.argv[1] + "/" + value, "w") as notes:
+        notes.write(f"{os.getpid()} {text}")
+
+action, _, value = os.environ["QUERY_STRING"].removeprefix("probe=").partition("&")
+answer = globals()[action]()
+print("Content-Type: text/plain\\r\\n\\r\\n" + answer, end="")
+"""
+
+# The panel's back end, which does not answer one kind of visitor.
+SLOW_BACK_END = """
+answers = application
+
+def application(environ, start_response):
+    if environ.get("HTTP_USER_AGENT") == "patient":
+        time.sleep(1000)
+    return answers(environ, start_response)
+"""
+
+
+def documented_files():
+    """The text of each file that the document shows, by its path."""
+    found = {path: text for _, path, text in BLOCK.findall(DOCUMENT.read_text())}
+    if not found:
+        raise RuntimeError("the document shows no file")
+    return found
+
+
+class Unit:
+    """What a unit file says; of a setting that comes twice, every value."""
+
+    def __init__(self, text):
+        self.settings = {}
+        for name, value in re.findall(r"^(\w+)=(.*)$", text, re.MULTILINE):
+            self.settings.setdefault(name, []).append(value)
+
+    def __getitem__(self, name):
+        (value,) = self.settings[name]
+        return value
+
+    def get(self, name, default=None):
+        return self[name] if name in self.settings else default
+
+    def all(self, name):
+        return self.settings.get(name, [])
+
+
+class Machine:
+    """The document's files in a folder of their own, with everything that they
+    name, and the servers that run on them."""
+
+    def __init__(self):
+        self.root = pathlib.Path(tempfile.mkdtemp(prefix="deploy-"))
+        self.root.chmod(0o755)
+        self.processes = []
+        self.listeners = {}
+        self.addresses = {}
+        self.files = {path: self._adapted(path, text) for path, text in documented_files().items()}
+        self._make_folders()
+        for path, text in self.files.items():
+            target = self.at(path)
+            target.parent.mkdir(parents=True, exist_ok=True)
+            target.write_text(text)
+            target.chmod(MODES.get(path, 0o644))
+        self._install_panel()
+
+    def at(self, path):
+        """Where a path of the document is on this machine."""
+        return self.root / path.lstrip("/")
+
+    def address(self, path):
+        """Host and port of the server with this configuration."""
+        return self.addresses[path]
+
+    def stop(self):
+        for process in reversed(self.processes):
+            end_session(process)
+        for listener in self.listeners.values():
+            listener.close()
+        wait_for(lambda: not self.programs())
+        shutil.rmtree(self.root)
+
+    def programs(self):
+        """The processes of requests: front ends, launchers and probes."""
+        mine = os.fsencode(self.at("/var/spool/panel"))
+        found = []
+        for process in pathlib.Path("/proc").glob("[0-9]*"):
+            with contextlib.suppress(OSError):
+                if b"PANEL_SPOOL=" + mine in (process / "environ").read_bytes().split(b"\0"):
+                    found.append(int(process.name))
+        return found
+
+    def logs(self):
+        paths = [*self.root.glob("*.log"), *self.root.glob("var/log/*/*")]
+        return "\n".join(f"{path}: {path.read_text(errors='replace')}" for path in paths)
+
+    def run(self, command, **options):
+        name = pathlib.Path(command[0]).name
+        with (self.root / f"{name}-{len(self.processes)}.log").open("ab") as output:
+            process = subprocess.Popen(
+                command,
+                stdin=subprocess.DEVNULL,
+                stdout=output,
+                stderr=output,
+                cwd="/",
+                start_new_session=True,
+                **{"env": {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}, **options},
+            )
+        self.processes.append(process)
+        return process
+
+    def end(self, process):
+        end_session(process)
+        self.processes.remove(process)
+
+    def unit(self, name):
+        return Unit(self.files["/etc/systemd/system/" + name])
+
+    def listen(self, name):
+        """What systemd does for a socket unit."""
+        unit = self.unit(name)
+        path = unit["ListenStream"]
+        pathlib.Path(path).parent.mkdir(parents=True, exist_ok=True)
+        listener = socket.socket(socket.AF_UNIX)
+        listener.bind(path)
+        os.chmod(path, int(unit["SocketMode"], 8))
+        self._give(path, unit["SocketUser"], unit["SocketGroup"])
+        listener.listen(int(unit.get("Backlog", "4096")))
+        self.listeners[name] = listener
+
+    def start_service(self, name):
+        """What systemd does for a service unit, as far as an ordinary process
+        can: account, environment, capabilities and the socket of its name."""
+        unit = self.unit(name)
+        environment = dict(item.split("=", 1) for item in unit.all("Environment"))
+        environment["PATH"] = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
+        listener = self.listeners.get(name.replace(".service", ".socket"))
+        command = [*confinement(unit), *shlex.split(unit["ExecStart"])]
+        options = {"env": environment}
+        if listener:
+            options["pass_fds"] = [listener.fileno()]
+            # Becomes descriptor 3 of a process that is told its own number.
+            takeover = f'LISTEN_PID=$$ LISTEN_FDS=1 exec "$@" 3<&{listener.fileno()}'
+            command = ["/bin/sh", "-c", takeover, "sh", *command]
+        return self.run(command, **options)
+
+    def _adapted(self, path, text):
+        text = PLACES.sub(lambda place: str(self.root) + place.group(), text)
+        if path in PORTS:
+            documented, mine = PORTS[path]
+            host, port = self.addresses[path] = free_address()
+            if text.count(documented) != 1:
+                raise RuntimeError(f"no port in {path}")
+            text = text.replace(documented, mine.format(host=host, port=port))
+        return text
+
+    def _make_folders(self):
+        for path in (
+            "/opt/panel/bin", "/opt/panel/cgi", "/opt/panel/www", "/opt/panel/busybox/cgi-bin",
+            "/etc/apache2", "/etc/nginx", "/run/apache2", "/var/log/apache2", "/var/lib/nginx",
+        ):
+            self.at(path).mkdir(parents=True)
+        for path in (
+            "/var/spool/panel", "/var/log/panel", "/var/log/lighttpd", "/var/log/nginx",
+            "/var/cache/lighttpd/uploads", "/var/lib/nginx/body", "/notes",
+        ):
+            self.at(path).mkdir(parents=True)
+            self._give(self.at(path), WEB, WEB)
+        self.at("/var/lib/panel").mkdir(mode=0o700)
+        self._give(self.at("/var/lib/panel"), "panel", "panel")
+
+    def _install_panel(self):
+        libraries = self.at("/opt/panel/lib")
+        libraries.mkdir()
+        for library in LIBRARIES:
+            shutil.copy(library, libraries)
+        front = shutil.copy(os.environ["FRONT"], self.at("/opt/panel/lib/front"))
+        shutil.copytree(PANEL / "www", self.at("/opt/panel/www"), dirs_exist_ok=True)
+        back_end = self.at("/opt/panel/backend.py")
+        back_end.write_text((PANEL / "backend.py").read_text() + SLOW_BACK_END)
+        self.accounts = Accounts(self.at("/home"))
+        wrappers = NAMES_ONLY if IS_ROOT else NAMES_AND_IDS
+        front = self.accounts.front(front, wrappers, LD_LIBRARY_PATH=libraries)
+        (self.root / "probe.py").write_text(PROBE)
+        program = self.at("/opt/panel/bin/panel")
+        program.write_text(
+            f"""#!/bin/sh
+case $QUERY_STRING in
+  probe=*) exec /usr/bin/python3 -IB {self.root}/probe.py {self.at('/notes')} ;;
+  *) exec {front} ;;
+esac
+"""
+        )
+        program.chmod(0o755)
+        self.at("/opt/panel/busybox/cgi-bin/panel").symlink_to("../../cgi/panel")
+
+    def make_home(self, name, uid, gid):
+        home = self.at("/home") / name
+        home.mkdir(mode=0o700)
+        if IS_ROOT:
+            os.chown(home, uid, gid)
+        self.accounts.add(name, home, uid, gid)
+        return home
+
+    def add_user(self, name, password, account):
+        """As the administrator of the back end does."""
+        subprocess.run(
+            [
+                *confinement(self.unit("panel-backend.service")),
+                *("/usr/bin/python3", "-B", self.at("/opt/panel/backend.py"), name, "7", account),
+            ],
+            input=password + "\n",
+            env={"PANEL_DB": str(self.at("/var/lib/panel/panel.db"))},
+            text=True,
+            check=True,
+        )
+
+    def _give(self, path, user, group):
+        if IS_ROOT:
+            shutil.chown(path, USERS[user], GROUPS[group])
+
+
+def web_ids():
+    """Those of the web server's account, which unprivileged front ends have."""
+    if not IS_ROOT:
+        return os.getuid(), os.getgid()
+    account = pwd.getpwnam(WEB)
+    return account.pw_uid, account.pw_gid
+
+
+def confinement(unit):
+    """The command that takes on a unit's account, and its bounds if it keeps
+    root's."""
+    if not IS_ROOT:
+        return []
+    user = pwd.getpwnam(USERS[unit.get("User", "root")])
+    group = grp.getgrnam(GROUPS[unit.get("Group", "root")])
+    command = ["setpriv", f"--reuid={user.pw_uid}", f"--regid={group.gr_gid}", "--clear-groups"]
+    if bounds := unit.get("CapabilityBoundingSet"):
+        kept = "".join(f",+{name.removeprefix('CAP_').lower()}" for name in bounds.split())
+        command.append("--bounding-set=-all" + kept)
+    if unit.get("NoNewPrivileges") == "yes":
+        command.append("--no-new-privs")
+    return command
+
+
+class Answer:
+    def __init__(self, response):
+        self.status = response.status
+        self.headers = response.headers
+        self.body = response.read().decode()
+
+
+class Site:
+    """The panel behind one of the document's web servers."""
+
+    path = "/panel"
+    services = ()
+
+    def __init__(self, machine):
+        self.machine = machine
+        for name in self.services:
+            machine.listen(name + ".socket")
+            machine.start_service(name + ".service")
+        self.start(machine.at(self.configuration))
+        self.host, self.port = machine.address(self.configuration)
+        wait_for(self.accepts)
+
+    def accepts(self):
+        if ended := [process.args for process in self.machine.processes if has_ended(process)]:
+            raise RuntimeError(f"does not start: {ended}\n{self.machine.logs()}")
+        with socket.socket() as client:
+            return client.connect_ex((self.host, self.port)) == 0
+
+    def request(self, method, query, headers=(), body=None, path=None):
+        connection = http.client.HTTPConnection(self.host, self.port, timeout=150)
+        try:
+            connection.request(method, f"{path or self.path}?{query}", body, dict(headers))
+            return Answer(connection.getresponse())
+        finally:
+            connection.close()
+
+    def get(self, query, **headers):
+        return self.request("GET", query, headers)
+
+    def begin_upload(self, query, headers, sent, length):
+        """A connection on which so much of the body has come."""
+        client = socket.create_connection((self.host, self.port), timeout=60)
+        head = f"POST {self.path}?{query} HTTP/1.1\r\nHost: panel\r\nContent-Length: {length}\r\n"
+        head += "".join(f"{name}: {value}\r\n" for name, value in headers.items())
+        client.sendall(head.encode() + b"\r\n" + sent)
+        return client
+
+
+class LighttpdSite(Site):
+    configuration = "/etc/lighttpd/lighttpd.conf"
+
+    def start(self, path):
+        self.machine.run(["lighttpd", "-D", "-f", path])
+
+
+class ApacheSite(Site):
+    configuration = "/etc/apache2/apache2.conf"
+
+    def start(self, path):
+        self.machine.run(["apache2", "-f", path, "-D", "FOREGROUND"])
+
+
+class NginxSite(Site):
+    configuration = "/etc/nginx/nginx.conf"
+    services = ("panel-fcgi",)
+
+    def start(self, path):
+        shutil.copy("/etc/nginx/mime.types", path.parent)
+        if not IS_ROOT:
+            # Debian's folders for what this server does not do are root's.
+            own = "".join(
+                f"{kind}_temp_path {self.machine.at('/var/lib/nginx')}/{kind};\n"
+                for kind in ("proxy", "fastcgi", "uwsgi", "scgi")
+            )
+            path.write_text(path.read_text().replace("http {\n", "http {\n" + own))
+        self.machine.run(["nginx", "-c", path, "-g", "daemon off;"])
+
+
+class BusyboxSite(Site):
+    configuration = "/etc/systemd/system/panel-httpd.service"
+    path = "/cgi-bin/panel"
+
+    def start(self, path):
+        self.machine.start_service(path.name)
+
+
+SITES = (LighttpdSite, ApacheSite, NginxSite, BusyboxSite)
+
+
+@functools.cache
+def machine():
+    the_machine = Machine()
+    unittest.addModuleCleanup(the_machine.stop)
+    the_machine.listen("panel-backend.socket")
+    the_machine.start_service("panel-backend.service")
+    return the_machine
+
+
+@functools.cache
+def site(kind):
+    return kind(machine())
+
+
+class Visitor:
+    """Somebody with a user of the panel's, and with an account of the machine's
+    that is the one given."""
+
+    def __init__(self, the_site, uid, gid):
+        self.site = the_site
+        self.name = "user-" + secrets.token_hex(4)
+        self.account = "account-" + secrets.token_hex(4)
+        self.home = machine().make_home(self.account, uid, gid)
+        machine().add_user(self.name, "password", self.account)
+        form_type = {"Content-Type": "application/x-www-form-urlencoded"}
+        items = urllib.parse.urlencode({"user": self.name, "password": "password"})
+        answer = the_site.request("POST", "page=signin", form_type, items)
+        if answer.status != 303:
+            raise RuntimeError(f"{answer.status}: {answer.body}\n{machine().logs()}")
+        self.cookie = answer.headers["Set-Cookie"].split(";")[0]
+        self.token = self.page("whoami").body.split("token=")[1].split('"')[0]
+
+    def page(self, name, **headers):
+        return self.site.get("page=" + name, Cookie=self.cookie, **headers)
+
+    def form(self, content):
+        return form(field("token", self.token), file("kept", content))
+
+    def upload(self, content):
+        headers = {**FORM, "Cookie": self.cookie}
+        return self.site.request("POST", "page=upload", headers, self.form(content))
+
+
+def open_files(folder):
+    """What processes have open below a folder, even if it has no name there any
+    more."""
+    found = []
+    for link in pathlib.Path("/proc").glob("[0-9]*/fd/*"):
+        with contextlib.suppress(OSError):
+            if os.readlink(link).startswith(f"{folder}/"):
+                found.append(link)
+    return found
+
+
+class SiteTest:
+    """What every configuration has to give."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.site = site(cls.kind)
+        cls.visitor = Visitor(cls.site, *web_ids())
+
+    def test_a_user_with_large_cookies_is_known(self):
+        cookies = "other=" + "y" * 5000 + "; " + self.visitor.cookie
+        answer = self.site.get("page=whoami", Cookie=cookies)
+        self.assertEqual(answer.status, 200, answer.body)
+        self.assertIn(f'<b id="name">{self.visitor.name}</b>', answer.body)
+
+    def test_an_upload_arrives(self):
+        content = secrets.token_bytes(2 << 20).replace(b"\r", b"\n")
+        answer = self.visitor.upload(content)
+        self.assertEqual(answer.status, 200, answer.body + machine().logs())
+        self.assertEqual((self.visitor.home / "kept").read_bytes(), content)
+        self.assert_nothing_left()
+
+    def test_a_body_arrives_as_it_was_sent(self):
+        body = secrets.token_bytes(300_000)
+        answer = self.site.request("POST", "probe=body", {}, body)
+        self.assertEqual(answer.body, hashlib.sha256(body).hexdigest())
+
+    def test_a_body_beyond_the_limit_is_refused(self):
+        client = self.site.begin_upload("probe=body", {}, b"x", BODY_LIMIT + 1)
+        with client, client.makefile("rb") as answer:
+            self.assertIn(b" 413 ", answer.readline())
+
+    def test_headers_that_pass_for_variables_do_not_arrive(self):
+        headers = {
+            "Proxy": "http://evil.example/",
+            "X-Forwarded-For": "192.0.2.1",
+            "X_Forwarded_For": "192.0.2.2",
+            "X.Forwarded.For": "192.0.2.3",
+        }
+        variables = json.loads(self.site.get("probe=env", **headers).body)
+        self.assertEqual(variables.get("HTTP_PROXY"), None)
+        self.assertEqual(variables.get("HTTP_X_FORWARDED_FOR"), None)
+        self.assertEqual(variables["TOV_RUN_DIR"], str(machine().at("/run/tov")))
+
+    def test_memory_is_bounded(self):
+        self.assertEqual(self.site.get("probe=memory").body, "refused")
+
+    def test_a_visitor_who_leaves_in_an_upload_leaves_nothing_behind(self):
+        body = self.visitor.form(b"x" * (4 << 20))
+        headers = {**FORM, "Cookie": self.visitor.cookie}
+        client = self.site.begin_upload("page=upload", headers, body[: 2 << 20], len(body))
+        with client:
+            wait_for(self.bodies)
+        wait_for(lambda: not self.bodies())
+        self.assert_nothing_left()
+
+    def bodies(self):
+        """Where a body is being written to: by the front end or the server."""
+        return [found for folder in BODY_FOLDERS for found in open_files(machine().at(folder))]
+
+    def assert_nothing_left(self):
+        folders = [machine().at(folder) for folder in BODY_FOLDERS]
+        wait_for(lambda: not any(os.listdir(folder) for folder in folders))
+
+    def test_a_program_that_never_ends_is_ended(self):
+        for action in ("wait", "wait_stubbornly"):
+            with self.subTest(action):
+                run = slow_runs()[self.kind, action].result()
+                self.assertGreater(run.seconds, TIME_LIMIT - 1)
+                self.assertLess(run.seconds, TIME_LIMIT + 20)
+                self.assertIn(run.status, self.statuses_at_the_end)
+                self.assertTrue(run.has_ended)
+
+    def test_a_program_that_spins_is_ended_by_its_processor_time(self):
+        run = slow_runs()[self.kind, "spin"].result()
+        # The kernel counts in ticks, and less exactly than the program.
+        self.assertGreater(float(run.note), PROCESSOR_LIMIT * 0.5)
+        self.assertLess(float(run.note), PROCESSOR_LIMIT * 1.5)
+        self.assertIn(run.status, self.statuses_at_the_end)
+        self.assertTrue(run.has_ended)
+
+
+class SlowRun:
+    """A request that the probe would never answer."""
+
+    def __init__(self, the_site, action):
+        name = f"{type(the_site).__name__}-{action}"
+        started = time.monotonic()
+        try:
+            self.status = the_site.get(f"probe={action}&{name}").status
+        except (http.client.HTTPException, OSError):
+            self.status = None
+        self.seconds = time.monotonic() - started
+        process, self.note = (machine().at("/notes") / name).read_text().split()
+        with contextlib.suppress(TimeoutError):
+            wait_for(lambda: int(process) not in machine().programs(), 20)
+        self.has_ended = int(process) not in machine().programs()
+
+
+@functools.cache
+def slow_runs():
+    """All of them side by side: each takes as long as the limits are."""
+    actions = ("wait", "wait_stubbornly", "spin")
+    workers = concurrent.futures.ThreadPoolExecutor(len(SITES) * len(actions))
+    runs = {
+        (kind, action): workers.submit(SlowRun, site(kind), action)
+        for kind in SITES
+        for action in actions
+    }
+    workers.shutdown(wait=False)
+    return runs
+
+
+class LighttpdTest(SiteTest, unittest.TestCase):
+    kind = LighttpdSite
+    statuses_at_the_end = (500,)
+
+
+class ApacheTest(SiteTest, unittest.TestCase):
+    kind = ApacheSite
+    statuses_at_the_end = (500, 504)
+
+
+class NginxTest(SiteTest, unittest.TestCase):
+    kind = NginxSite
+    statuses_at_the_end = (502,)
+
+
+class BusyboxTest(SiteTest, unittest.TestCase):
+    kind = BusyboxSite
+    statuses_at_the_end = (None,)
+
+
+class BackEndTest(unittest.TestCase):
+    def test_one_that_never_answers_is_given_up_in_time(self):
+        visitor = Visitor(site(LighttpdSite), *web_ids())
+        started = time.monotonic()
+        answer = visitor.page("whoami", **{"User-Agent": "patient"})
+        seconds = time.monotonic() - started
+        self.assertEqual(answer.status, 502)
+        self.assertIn("The service behind this panel does not answer.", answer.body)
+        self.assertGreater(seconds, ATTEMPTS * HARAKIRI - 2)
+        self.assertLess(seconds, TIME_LIMIT - 5)
+        print(f"{seconds:.1f} s for {ATTEMPTS} attempts", end=" ", flush=True)
+
+
+if __name__ == "__main__":
+    unittest.main()
