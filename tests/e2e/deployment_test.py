@@ -116,22 +116,22 @@ def documented_files():
 
 
 class Unit:
-    """What a unit file says; of a setting that comes twice, every value."""
+    """What unit files say: of some settings all values count, of others the
+    last."""
 
-    def __init__(self, text):
+    def __init__(self, *texts):
         self.settings = {}
-        for name, value in re.findall(r"^(\w+)=(.*)$", text, re.MULTILINE):
+        for name, value in re.findall(r"^(\w+)=(.*)$", "".join(texts), re.MULTILINE):
             self.settings.setdefault(name, []).append(value)
 
     def __getitem__(self, name):
-        (value,) = self.settings[name]
-        return value
+        return self.settings[name][-1]
 
-    def get(self, name, default=None):
-        return self[name] if name in self.settings else default
+    def get(self, name):
+        return self[name] if name in self.settings else None
 
-    def all(self, name):
-        return self.settings.get(name, [])
+    def words(self, name):
+        return " ".join(self.settings.get(name, [])).split()
 
 
 class Machine:
@@ -214,14 +214,14 @@ class Machine:
         listener.bind(path)
         os.chmod(path, int(unit["SocketMode"], 8))
         self._give(path, unit["SocketUser"], unit["SocketGroup"])
-        listener.listen(int(unit.get("Backlog", "4096")))
+        listener.listen(int(unit.get("Backlog") or 4096))
         self.listeners[name] = listener
 
     def start_service(self, name):
         """What systemd does for a service unit, as far as an ordinary process
         can: account, environment, capabilities and the socket of its name."""
         unit = self.unit(name)
-        environment = dict(item.split("=", 1) for item in unit.all("Environment"))
+        environment = dict(item.split("=", 1) for item in unit.words("Environment"))
         environment["PATH"] = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
         listener = self.listeners.get(name.replace(".service", ".socket"))
         command = [*confinement(unit), *shlex.split(unit["ExecStart"])]
@@ -317,20 +317,68 @@ def web_ids():
     return account.pw_uid, account.pw_gid
 
 
+# Allows a command these system calls only, and sockets of these families only.
+FILTER = """
+import ctypes, errno, os, socket, sys
+
+ALLOW, DENY = 0x7fff0000, 0x00050000 | errno.EPERM
+EQUAL = 4
+
+class Comparison(ctypes.Structure):
+    _fields_ = [("argument", ctypes.c_uint), ("operator", ctypes.c_int),
+                ("value", ctypes.c_uint64), ("unused", ctypes.c_uint64)]
+
+families, calls, command = sys.argv[1].split(), sys.argv[2].split(), sys.argv[3:]
+library = ctypes.CDLL("libseccomp.so.2")
+library.seccomp_init.restype = ctypes.c_void_p
+context = ctypes.c_void_p(library.seccomp_init(DENY))
+
+def allow(name, *comparisons):
+    number = library.seccomp_syscall_resolve_name(name.encode())
+    if number >= 0:
+        array = (Comparison * len(comparisons))(*comparisons)
+        if library.seccomp_rule_add_array(context, ALLOW, number, len(comparisons), array):
+            sys.exit("no rule for " + name)
+
+for name in calls:
+    if name != "socket":
+        allow(name)
+for family in families:
+    allow("socket", Comparison(0, EQUAL, getattr(socket, family), 0))
+if library.seccomp_load(context):
+    sys.exit("no filter")
+os.execvp(command[0], command)
+"""
+
+
+@functools.cache
+def system_calls(name):
+    """Those of a group of systemd's, or the one of this name."""
+    if not name.startswith("@"):
+        return frozenset({name})
+    listing = subprocess.run(
+        ["systemd-analyze", "syscall-filter", name], capture_output=True, text=True, check=True
+    )
+    members = [line.strip() for line in listing.stdout.splitlines() if line.startswith("    ")]
+    return frozenset().union(*(system_calls(item) for item in members if item[0] != "#"))
+
+
 def confinement(unit):
-    """The command that takes on a unit's account, and its bounds if it keeps
-    root's."""
+    """The command that runs another one as a unit would be: as its account, with
+    its capabilities and its system calls, and without network. Needs root."""
     if not IS_ROOT:
         return []
-    user = pwd.getpwnam(USERS[unit.get("User", "root")])
-    group = grp.getgrnam(GROUPS[unit.get("Group", "root")])
-    command = ["setpriv", f"--reuid={user.pw_uid}", f"--regid={group.gr_gid}", "--clear-groups"]
-    if bounds := unit.get("CapabilityBoundingSet"):
-        kept = "".join(f",+{name.removeprefix('CAP_').lower()}" for name in bounds.split())
-        command.append("--bounding-set=-all" + kept)
-    if unit.get("NoNewPrivileges") == "yes":
-        command.append("--no-new-privs")
-    return command
+    user = pwd.getpwnam(USERS[unit["User"]])
+    group = grp.getgrnam(GROUPS[unit["Group"]])
+    bounds = [name.removeprefix("CAP_").lower() for name in unit.words("CapabilityBoundingSet")]
+    calls = frozenset().union(*map(system_calls, unit.words("SystemCallFilter")))
+    return [
+        *(["unshare", "--net"] if unit.get("PrivateNetwork") == "yes" else []),
+        *("setpriv", f"--reuid={user.pw_uid}", f"--regid={group.gr_gid}", "--clear-groups"),
+        *("--no-new-privs", ",+".join(["--bounding-set=-all", *bounds])),
+        *("/usr/bin/python3", "-IBc", FILTER),
+        *(" ".join(unit.words("RestrictAddressFamilies")), " ".join(calls)),
+    ]
 
 
 class Answer:
@@ -469,10 +517,10 @@ def open_files(folder):
     """What processes have open below a folder, even if it has no name there any
     more."""
     found = []
-    for link in pathlib.Path("/proc").glob("[0-9]*/fd/*"):
-        with contextlib.suppress(OSError):
-            if os.readlink(link).startswith(f"{folder}/"):
-                found.append(link)
+    for descriptors in pathlib.Path("/proc").glob("[0-9]*/fd"):
+        with contextlib.suppress(OSError):  # gone, or another user's
+            files = [os.readlink(link) for link in descriptors.iterdir()]
+            found += [file for file in files if file.startswith(f"{folder}/")]
     return found
 
 
