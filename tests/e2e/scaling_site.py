@@ -30,16 +30,33 @@ BACK_ENDS = ("back1", "back2", "back3")
 WEB_HOSTS = 2
 # Of the servers that need no rights of their own.
 ACCOUNT = "www-data"
-PORT = 9000
+# As in the document.
+CLEAR_PORT = 9000
+SECURE_PORT = 9443
+NEW_KEY = ("-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days", "2")
 SESSIONS = itertools.count()
 # What only root may ask for.
 FOR_ROOT = re.compile(r"^ *(?:chroot|user|group) .*\n", re.M)
 
 
 def block(language, number=0):
-    """The configuration that the document shows."""
+    """A configuration that the document shows."""
     found = re.findall(rf"^```{language}\n(.*?)^```", DOCUMENT.read_text(), re.S | re.M)
     return found[number]
+
+
+def proxy_configuration(is_secure):
+    """The one of a web host."""
+    clear = block("haproxy")
+    if not is_secure:
+        return clear
+    return re.sub(r"(?:^ +server .*\n)+", lambda _: block("haproxy", 1), clear, flags=re.M)
+
+
+def as_whoever_runs_this(text):
+    if os.geteuid() == 0:
+        return text
+    return FOR_ROOT.sub("", text)
 
 
 def replaced(text, replacements):
@@ -49,6 +66,10 @@ def replaced(text, replacements):
             raise ValueError(f"docs/scaling.md does not show {shown}")
         text = text.replace(shown, str(actual))
     return text
+
+
+def openssl(*words):
+    subprocess.run(["openssl", *words], stdin=subprocess.DEVNULL, capture_output=True, check=True)
 
 
 class Service:
@@ -84,30 +105,53 @@ class Service:
 
 
 class BackEnd:
-    def __init__(self, site, number, seconds):
+    """uWSGI, and when it is to be secure HAProxy in front of it."""
+
+    def __init__(self, site, number):
         self.name = BACK_ENDS[number]
-        self.host = site.network.add_host(11 + number)
-        self.port = self.host.free_port(PORT)
         self.site = site
+        self.host = site.network.add_host(11 + number)
         self.folder = site.make_folder(self.name)
-        self.seconds = seconds
-        shown = {
-            f"192.0.2.11:{PORT}": f"{self.host.address}:{self.port}",
-            "/srv/panel/backend.py": HERE / "scaling_backend.py",
-        }
-        self.configuration = self.folder / "uwsgi.ini"
-        self.configuration.write_text(replaced(block("ini"), shown))
+        self.port = self.host.free_port(CLEAR_PORT)
         self.start()
+        if site.is_secure:
+            self.secure_port = self.host.free_port(SECURE_PORT)
+            self.start_proxy(site.certificate(self.name))
+
+    @property
+    def public_address(self):
+        port = self.secure_port if self.site.is_secure else self.port
+        return f"{self.host.address}:{port}"
 
     def start(self):
+        shown = {
+            f"192.0.2.11:{CLEAR_PORT}": f"{self._inner_address()}:{self.port}",
+            "/srv/panel/backend.py": HERE / "scaling_backend.py",
+        }
+        configuration = self.folder / "uwsgi.ini"
+        configuration.write_text(replaced(block("ini"), shown))
         self.service = self.site.start_service(
             self.host,
             self.folder,
             "uwsgi",
-            ["uwsgi", "--ini", self.configuration],
+            ["uwsgi", "--ini", configuration],
             HOST=self.name,
             ASKED=str(self.folder / "asked"),
-            SECONDS=str(self.seconds),
+            SECONDS=str(self.site.seconds),
+        )
+
+    def start_proxy(self, certificate):
+        shown = {
+            f"192.0.2.11:{SECURE_PORT}": self.public_address,
+            f"127.0.0.1:{CLEAR_PORT}": f"{self._inner_address()}:{self.port}",
+            "/etc/haproxy/tls/host.pem": certificate,
+            "/etc/haproxy/tls/ca.pem": self.site.authority,
+        }
+        configuration = self.folder / "haproxy.cfg"
+        configuration.write_text(as_whoever_runs_this(replaced(block("haproxy", 2), shown)))
+        command = ["haproxy", "-W", "-f", configuration]
+        self.proxy = self.site.start_service(
+            self.host, self.folder, "haproxy", command, as_root=True
         )
 
     def asked(self):
@@ -115,11 +159,17 @@ class BackEnd:
         path = self.folder / "asked"
         return path.read_text().split() if path.exists() else []
 
+    def _inner_address(self):
+        """A namespace has a loopback address of its own."""
+        if self.site.is_secure and self.host.enter:
+            return "127.0.0.1"
+        return self.host.address
+
 
 class WebHost:
     """A web server with the front end, and HAProxy on the back end's socket."""
 
-    def __init__(self, site, number, back_ends):
+    def __init__(self, site, number):
         self.host = site.network.add_host(21 + number)
         self.site = site
         self.folder = site.make_folder(f"web{number + 1}")
@@ -127,28 +177,28 @@ class WebHost:
         self.admin_socket = self.folder / "admin.sock"
         self.socket = self.folder / "http.sock"
         self.proxy_configuration = self.folder / "haproxy.cfg"
-        self.proxy_configuration.write_text(self._proxy_configuration(back_ends))
+        self.proxy_configuration.write_text(self._proxy_configuration())
         self.proxy = self._start_proxy()
-        wait_for(lambda: self.back_ends_up() == len(back_ends))
+        wait_for(lambda: self.back_ends_up() == len(BACK_ENDS))
         self.web_server = self._start_web_server()
         wait_for(self.socket.exists)
 
-    def _proxy_configuration(self, back_ends):
-        text = replaced(
-            block("haproxy"),
-            {
-                "/run/tov/": f"{self.run_dir}/",
-                "/run/haproxy/admin.sock": self.admin_socket,
-                **{
-                    f"{name} 192.0.2.{number}:{PORT}": f"{name} {end.host.address}:{end.port}"
-                    for number, (name, end) in enumerate(zip(BACK_ENDS, back_ends), 11)
-                },
-            },
-        )
-        if os.geteuid() == 0:
-            return text
-        own_group = grp.getgrgid(os.getegid()).gr_name
-        return replaced(FOR_ROOT.sub("", text), {"group www-data": f"group {own_group}"})
+    def _proxy_configuration(self):
+        is_secure = self.site.is_secure
+        shown = {
+            "/run/tov/": f"{self.run_dir}/",
+            "/run/haproxy/admin.sock": self.admin_socket,
+        }
+        if is_secure:
+            shown["/etc/haproxy/tls/host.pem"] = self.site.certificate("web")
+            shown["/etc/haproxy/tls/ca.pem"] = self.site.authority
+        port = SECURE_PORT if is_secure else CLEAR_PORT
+        for number, back_end in enumerate(self.site.back_ends, 11):
+            line = f"server {back_end.name} "
+            shown[f"{line}192.0.2.{number}:{port}"] = line + back_end.public_address
+        if os.geteuid() != 0:
+            shown["group www-data"] = f"group {grp.getgrgid(os.getegid()).gr_name}"
+        return as_whoever_runs_this(replaced(proxy_configuration(is_secure), shown))
 
     def _start_proxy(self):
         command = ["haproxy", "-W", "-f", self.proxy_configuration]
@@ -203,6 +253,7 @@ class Site:
     """Of all that runs, nothing is left after stop."""
 
     seconds: float = 0.03
+    is_secure: bool = False
 
     def __post_init__(self):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="scaling-"))
@@ -224,10 +275,12 @@ class Site:
         shutil.copy(FRONT, self.documents / "whoami")
         for library in LIBRARIES:
             shutil.copy(library, self.libraries)
+        if self.is_secure:
+            self.authority = self.new_authority("authority")
         for number in range(len(BACK_ENDS)):
-            self.back_ends.append(BackEnd(self, number, self.seconds))
+            self.back_ends.append(BackEnd(self, number))
         for number in range(WEB_HOSTS):
-            self.web_hosts.append(WebHost(self, number, self.back_ends))
+            self.web_hosts.append(WebHost(self, number))
 
     def make_folder(self, name):
         folder = self.folder / name
@@ -235,6 +288,25 @@ class Site:
         if os.geteuid() == 0:
             shutil.chown(folder, ACCOUNT)
         return folder
+
+    def new_authority(self, name):
+        """The certificate of a new authority, self-made."""
+        file = self.folder / f"{name}.pem"
+        openssl("req", "-x509", *NEW_KEY, "-subj", f"/CN={name}", "-keyout", f"{file}.key",
+                "-out", file)
+        return file
+
+    def certificate(self, name, authority=None):
+        """A file with a new certificate for NAME.example, and its key."""
+        authority = authority or self.authority
+        file = self.folder / f"{name}-by-{authority.stem}.pem"
+        openssl("req", "-x509", *NEW_KEY, "-CA", authority, "-CAkey", f"{authority}.key",
+                "-subj", f"/CN={name}", "-addext", f"subjectAltName=DNS:{name}.example",
+                "-addext", "basicConstraints=critical,CA:FALSE", "-keyout", f"{file}.key",
+                "-out", file)
+        with file.open("a") as both:
+            both.write(pathlib.Path(f"{file}.key").read_text())
+        return file
 
     def start_service(self, *what, **how):
         self.services.append(Service(*what, **how))

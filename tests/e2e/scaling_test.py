@@ -1,22 +1,28 @@
 """Back ends that die, hang and go away while a site is under load: no visitor
 may notice more than a delay."""
 
+import re
 import signal
+import subprocess
 import time
 import unittest
 
 from panel_server import wait_for
 from scaling_hosts import can_make_namespaces
-from scaling_site import Load, Site, visit
+from scaling_site import Load, Site, block
 
 VISITS = 5_000
 FEWER_VISITS = 1_500
+# What HAProxy asks to see whether a back end is well.
+CHECK = bytes.fromhex(re.search(r"send-binary ([0-9a-f]+)$", block("haproxy"), re.M).group(1))
 
 
-class ScalingTest(unittest.TestCase):
+class SiteTest(unittest.TestCase):
+    is_secure = False
+
     @classmethod
     def setUpClass(cls):
-        cls.site = Site()
+        cls.site = Site(is_secure=cls.is_secure)
         cls.addClassCleanup(cls.site.stop)
 
     def setUp(self):
@@ -54,21 +60,26 @@ class ScalingTest(unittest.TestCase):
         )
         return longest, repeated
 
-    def test_a_back_end_is_killed_and_started_again(self):
-        self.load.wait_for_visits(VISITS // 3)
+    def kill_and_start_again(self, visits):
+        self.load.wait_for_visits(visits // 3)
         self.wait_until_used(self.back_end)
         self.back_end.service.kill()
         dead_since = time.monotonic()
-        self.load.wait_for_visits(VISITS // 3)
+        self.load.wait_for_visits(visits // 3)
         self.assertFalse(self.answered_since(dead_since, self.back_end))
         self.back_end.start()
-        self.load.wait_for_visits(VISITS // 3)
+        self.load.wait_for_visits(visits // 3)
         self.wait_until_used(self.back_end)
         longest, repeated = self.assert_none_failed()
-        self.assertGreaterEqual(len(self.load.visits), VISITS)
+        self.assertGreaterEqual(len(self.load.visits), visits)
         # It has been killed with queries in hand.
         self.assertGreater(repeated, 0)
         self.assertLess(longest, 5)
+
+
+class ScalingTest(SiteTest):
+    def test_a_back_end_is_killed_and_started_again(self):
+        self.kill_and_start_again(VISITS)
 
     def test_a_back_end_hangs_and_goes_on(self):
         self.load.wait_for_visits(FEWER_VISITS // 3)
@@ -128,6 +139,59 @@ class ScalingTest(unittest.TestCase):
         self.load.wait_for_visits(FEWER_VISITS // 3)
         _, repeated = self.assert_none_failed()
         self.assertEqual(repeated, 0)
+
+
+class SecureScalingTest(SiteTest):
+    """The same with TLS between the hosts."""
+
+    is_secure = True
+
+    def test_a_back_end_is_killed_and_started_again(self):
+        self.kill_and_start_again(VISITS)
+
+    def test_a_stranger_in_place_of_a_back_end_is_asked_nothing(self):
+        for certificate in (
+            self.site.certificate(self.back_end.name, self.site.new_authority("stranger")),
+            self.site.certificate("back2"),
+        ):
+            self.back_end.proxy.stop()
+            self.back_end.start_proxy(certificate)
+            for web_host in self.site.web_hosts:
+                wait_for(lambda: self.reason(web_host) == "L6RSP")
+            asked = self.back_end.asked()
+            self.load.wait_for_visits(FEWER_VISITS // 3)
+            self.assertEqual(self.back_end.asked(), asked)
+        self.back_end.proxy.stop()
+        self.back_end.start_proxy(self.site.certificate(self.back_end.name))
+        self.wait_until_used(self.back_end)
+        self.assert_none_failed()
+
+    def reason(self, web_host):
+        """Why the back end is not used."""
+        state = web_host.proxy_state(self.back_end.name)
+        return state["status"] == "DOWN" and state["check_status"]
+
+    def test_who_has_no_certificate_is_not_answered(self):
+        self.load.stop()
+        self.assertIn(b"access", self.answer_to(self.site.certificate("web")))
+        self.assertEqual(self.answer_to(None), b"")
+        stranger = self.site.new_authority("other-stranger")
+        self.assertEqual(self.answer_to(self.site.certificate("web", stranger)), b"")
+
+    def answer_to(self, certificate):
+        identity = ["-cert", certificate] if certificate else []
+        done = subprocess.run(
+            [
+                *self.back_end.host.enter,
+                *("openssl", "s_client", "-quiet", "-connect", self.back_end.public_address),
+                *("-CAfile", self.site.authority, *identity),
+            ],
+            input=CHECK,
+            capture_output=True,
+            timeout=30,
+            check=False,
+        )
+        return done.stdout
 
 
 if __name__ == "__main__":
