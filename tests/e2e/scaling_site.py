@@ -166,6 +166,43 @@ class BackEnd:
         return self.host.address
 
 
+class WebServer:
+    """It starts the front end for each visit."""
+
+    def __init__(self, site, host, folder, run_dir):
+        self.socket = folder / "http.sock"
+        configuration = folder / "lighttpd.conf"
+        configuration.write_text(
+            f"""
+            server.modules = ( "mod_setenv", "mod_cgi" )
+            server.bind = "{self.socket}"
+            server.document-root = "{site.documents}"
+            server.errorlog = "{folder}/lighttpd.log"
+            server.upload-dirs = ( "{folder}" )
+            cgi.assign = ( "" => "" )
+            setenv.set-environment = ( "TOV_RUN_DIR" => "{run_dir}",
+                                       "LD_LIBRARY_PATH" => "{site.libraries}" )
+            """
+        )
+        command = ["lighttpd", "-D", "-f", configuration]
+        self.service = site.start_service(host, folder, "lighttpd", command)
+        wait_for(self._accepts)
+
+    def _accepts(self):
+        with socket.socket(socket.AF_UNIX) as client:
+            return client.connect_ex(str(self.socket)) == 0
+
+    def visit(self, session):
+        """The status and the page, or 0 and an exception's text."""
+        try:
+            with contextlib.closing(UnixConnection(self.socket)) as connection:
+                connection.request("GET", "/whoami", headers={"Cookie": f"panelses5={session}"})
+                response = connection.getresponse()
+                return response.status, response.read().decode()
+        except (OSError, http.client.HTTPException) as error:
+            return 0, repr(error)
+
+
 class WebHost:
     """A web server with the front end, and HAProxy on the back end's socket."""
 
@@ -175,13 +212,11 @@ class WebHost:
         self.folder = site.make_folder(f"web{number + 1}")
         self.run_dir = site.make_folder(f"web{number + 1}/run")
         self.admin_socket = self.folder / "admin.sock"
-        self.socket = self.folder / "http.sock"
         self.proxy_configuration = self.folder / "haproxy.cfg"
         self.proxy_configuration.write_text(self._proxy_configuration())
         self.proxy = self._start_proxy()
         wait_for(lambda: self.back_ends_up() == len(BACK_ENDS))
-        self.web_server = self._start_web_server()
-        wait_for(self.socket.exists)
+        self.web_server = WebServer(site, self.host, self.folder, self.run_dir)
 
     def _proxy_configuration(self):
         is_secure = self.site.is_secure
@@ -205,23 +240,6 @@ class WebHost:
         return self.site.start_service(
             self.host, self.folder, "haproxy", command, as_root=True
         )
-
-    def _start_web_server(self):
-        configuration = self.folder / "lighttpd.conf"
-        configuration.write_text(
-            f"""
-            server.modules = ( "mod_setenv", "mod_cgi" )
-            server.bind = "{self.socket}"
-            server.document-root = "{self.site.documents}"
-            server.errorlog = "{self.folder}/lighttpd.log"
-            server.upload-dirs = ( "{self.folder}" )
-            cgi.assign = ( "" => "" )
-            setenv.set-environment = ( "TOV_RUN_DIR" => "{self.run_dir}",
-                                       "LD_LIBRARY_PATH" => "{self.site.libraries}" )
-            """
-        )
-        command = ["lighttpd", "-D", "-f", configuration]
-        return self.site.start_service(self.host, self.folder, "lighttpd", command)
 
     def proxy_command(self, text):
         """What HAProxy answers on its socket."""
@@ -252,7 +270,8 @@ class WebHost:
 class Site:
     """Of all that runs, nothing is left after stop."""
 
-    seconds: float = 0.03
+    # How long a back end takes for a query.
+    seconds: float
     is_secure: bool = False
 
     def __post_init__(self):
@@ -288,6 +307,13 @@ class Site:
         if os.geteuid() == 0:
             shutil.chown(folder, ACCOUNT)
         return folder
+
+    def wait_until_up(self):
+        for web_host in self.web_hosts:
+            wait_for(lambda host=web_host: host.back_ends_up() == len(BACK_ENDS))
+
+    def web_servers(self):
+        return [web_host.web_server for web_host in self.web_hosts]
 
     def new_authority(self, name):
         """The certificate of a new authority, self-made."""
@@ -362,8 +388,8 @@ class Visit:
 class Load:
     """Visitors who ask, each for one page after another, until told to stop."""
 
-    def __init__(self, site, visitors=32):
-        self.site = site
+    def __init__(self, web_servers, visitors):
+        self.web_servers = web_servers
         self.visits = []
         self.stopped = threading.Event()
         self.threads = [
@@ -394,20 +420,9 @@ class Load:
         raise RuntimeError("no visitor is left")
 
     def _visit_until_stopped(self, number):
-        web_host = self.site.web_hosts[number % len(self.site.web_hosts)]
+        web_server = self.web_servers[number % len(self.web_servers)]
         while not self.stopped.is_set():
             session = f"visit-{next(SESSIONS)}"
             began = time.monotonic()
-            status, page = visit(web_host, session)
+            status, page = web_server.visit(session)
             self.visits.append(Visit(session, began, time.monotonic(), status, page))
-
-
-def visit(web_host, session):
-    """The status, or 0 with an exception's text."""
-    try:
-        with contextlib.closing(UnixConnection(web_host.socket)) as connection:
-            connection.request("GET", "/whoami", headers={"Cookie": f"panelses5={session}"})
-            response = connection.getresponse()
-            return response.status, response.read().decode()
-    except (OSError, http.client.HTTPException) as error:
-        return 0, repr(error)

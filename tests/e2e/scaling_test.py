@@ -12,28 +12,27 @@ from scaling_hosts import can_make_namespaces
 from scaling_site import Load, Site, block
 
 VISITS = 5_000
-FEWER_VISITS = 1_500
+FEWER_VISITS = 900
 # What HAProxy asks to see whether a back end is well.
 CHECK = bytes.fromhex(re.search(r"send-binary ([0-9a-f]+)$", block("haproxy"), re.M).group(1))
 
 
 class SiteTest(unittest.TestCase):
     is_secure = False
+    # How long a back end takes for a query.
+    seconds = 0.03
+    visitors = 32
 
     @classmethod
     def setUpClass(cls):
-        cls.site = Site(is_secure=cls.is_secure)
+        cls.site = Site(cls.seconds, cls.is_secure)
         cls.addClassCleanup(cls.site.stop)
 
     def setUp(self):
         self.back_end = self.site.back_ends[0]
-        self.wait_until_up()
-        self.load = Load(self.site)
+        self.site.wait_until_up()
+        self.load = Load(self.site.web_servers(), self.visitors)
         self.addCleanup(self.load.stop)
-
-    def wait_until_up(self):
-        for web_host in self.site.web_hosts:
-            wait_for(lambda: web_host.back_ends_up() == len(self.site.back_ends))
 
     def answered_since(self, moment, back_end):
         return any(
@@ -141,13 +140,28 @@ class ScalingTest(SiteTest):
         self.assertEqual(repeated, 0)
 
 
+class OverloadTest(SiteTest):
+    # Three times as many as there are workers in the back ends.
+    seconds = 0.3
+    visitors = 72
+
+    def test_visitors_wait_and_no_back_end_is_given_up(self):
+        self.load.wait_for_visits(FEWER_VISITS // 3)
+        longest, repeated = self.assert_none_failed()
+        self.assertEqual(repeated, 0)
+        self.assertGreater(longest, 2 * self.seconds)
+        for web_host in self.site.web_hosts:
+            for back_end in self.site.back_ends:
+                self.assertEqual(web_host.proxy_state(back_end.name)["chkdown"], "0")
+
+
 class SecureScalingTest(SiteTest):
     """The same with TLS between the hosts."""
 
     is_secure = True
 
     def test_a_back_end_is_killed_and_started_again(self):
-        self.kill_and_start_again(VISITS)
+        self.kill_and_start_again(FEWER_VISITS)
 
     def test_a_stranger_in_place_of_a_back_end_is_asked_nothing(self):
         for certificate in (
@@ -155,10 +169,10 @@ class SecureScalingTest(SiteTest):
             self.site.certificate("back2"),
         ):
             self.back_end.proxy.stop()
+            asked = self.back_end.asked()
             self.back_end.start_proxy(certificate)
             for web_host in self.site.web_hosts:
                 wait_for(lambda: self.reason(web_host) == "L6RSP")
-            asked = self.back_end.asked()
             self.load.wait_for_visits(FEWER_VISITS // 3)
             self.assertEqual(self.back_end.asked(), asked)
         self.back_end.proxy.stop()

@@ -1,0 +1,320 @@
+"""Measures what docs/scaling.md tells. Each comparison takes turns in one run."""
+
+import contextlib
+import hashlib
+import importlib
+import os
+import pathlib
+import re
+import secrets
+import socket
+import sqlite3
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+from panel_server import PANEL, wait_for
+from scaling_hosts import NamespaceHost
+from scaling_site import HERE, Load, Site, WebServer, block, replaced
+
+ROUNDS = 10
+VISITS_PER_ROUND = 400
+QUERIES_PER_ROUND = 500
+SESSIONS = 1_000_000
+CONNECTIONS = 1_000
+
+QUERY = (
+    b"CONTENT_LENGTH\0" b"0\0" b"SCGI\0" b"1\0"
+    b"HTTP_COOKIE\0panelses5=visit-0\0"
+    b"QUERY_STRING\0func=whoami&out=xml\0"
+    b"REQUEST_METHOD\0GET\0"
+)
+REQUEST = b"%d:%s," % (len(QUERY), QUERY)
+
+
+class NearBackEnd:
+    """Without HAProxy: uWSGI on the front end's socket, on the same host."""
+
+    def __init__(self, site):
+        self.run_dir = site.make_folder("near")
+        self.socket = self.run_dir / "panel.sock"
+        shown = {
+            "192.0.2.11:9000": self.socket,
+            "/srv/panel/backend.py": HERE / "scaling_backend.py",
+        }
+        configuration = self.run_dir / "uwsgi.ini"
+        configuration.write_text(replaced(block("ini"), shown))
+        host = site.web_hosts[0].host
+        self.service = site.start_service(
+            host,
+            self.run_dir,
+            "uwsgi",
+            ["uwsgi", "--ini", configuration],
+            HOST="near",
+            ASKED=str(self.run_dir / "asked"),
+            SECONDS="0",
+        )
+        wait_for(self.socket.exists)
+        self.web_server = WebServer(site, host, self.run_dir, self.run_dir)
+
+
+def tell(what, value):
+    print(f"{what}: {value}", flush=True)
+
+
+def spread(values, form):
+    low, middle, high = statistics.quantiles(values, n=4)
+    return f"{middle:{form}} ({low:{form}} to {high:{form}})"
+
+
+def ask(path):
+    """One query as the library makes it; how long it has taken."""
+    began = time.perf_counter()
+    with socket.socket(socket.AF_UNIX) as client:
+        client.connect(str(path))
+        client.sendall(REQUEST)
+        answer = b""
+        while piece := client.recv(65536):
+            answer += piece
+    if b"<user" not in answer:
+        raise RuntimeError(f"answer {answer}")
+    return time.perf_counter() - began
+
+
+def visits_per_second(web_server):
+    load = Load([web_server], 8)
+    load.wait_for_visits(VISITS_PER_ROUND)
+    visits = load.stop()
+    if any(visit.back_end is None for visit in visits):
+        raise RuntimeError("a visit has failed")
+    return len(visits) / (visits[-1].ended - visits[0].began)
+
+
+def processes_of(service):
+    """Their ids: all that belong to its session."""
+    done = subprocess.run(
+        ["ps", "-o", "pid=", "-s", str(service.process.pid)],
+        capture_output=True, text=True, check=True,
+    )
+    return [int(word) for word in done.stdout.split()]
+
+
+def processor_seconds(service):
+    """Of the processes that run, to the nanosecond, without those that have
+    ended."""
+    total = 0
+    for process in processes_of(service):
+        for task in pathlib.Path(f"/proc/{process}/task").glob("*/schedstat"):
+            total += int(task.read_text().split()[0])
+    return total / 1e9
+
+
+def processor_seconds_of_children(service):
+    """Of those that have ended."""
+    fields = pathlib.Path(f"/proc/{service.process.pid}/stat").read_text().rpartition(")")[2].split()
+    return (int(fields[13]) + int(fields[14])) / os.sysconf("SC_CLK_TCK")
+
+
+def memory_kilobytes(service):
+    total = 0
+    for process in processes_of(service):
+        rollup = pathlib.Path(f"/proc/{process}/smaps_rollup").read_text()
+        total += int(re.search(r"^Pss: +(\d+)", rollup, re.M).group(1))
+    return total
+
+
+def compare_ways(near, clear, secure):
+    ways = {
+        "without HAProxy": near.web_server,
+        "HAProxy": clear.web_hosts[0].web_server,
+        "HAProxy, TLS": secure.web_hosts[0].web_server,
+    }
+    sockets = {
+        "without HAProxy": near.socket,
+        "HAProxy": clear.web_hosts[0].run_dir / "panel.sock",
+        "HAProxy, TLS": secure.web_hosts[0].run_dir / "panel.sock",
+    }
+    rates = {way: [] for way in ways}
+    seconds = {way: [] for way in ways}
+    for _ in range(ROUNDS):
+        for way, web_server in ways.items():
+            rates[way].append(visits_per_second(web_server))
+            seconds[way] += [ask(sockets[way]) for _ in range(QUERIES_PER_ROUND)]
+    for way in ways:
+        tell(f"visits a second, {way}", spread(rates[way], ".0f"))
+        tell(f"microseconds a query, {way}", spread([1e6 * s for s in seconds[way]], ".0f"))
+
+
+def tell_processor_time(site, kind):
+    web_host = site.web_hosts[0]
+    services = {
+        "lighttpd": web_host.web_server.service,
+        "HAProxy": web_host.proxy,
+        "uWSGI": site.back_ends[0].service,
+    }
+    before = {name: processor_seconds(service) for name, service in services.items()}
+    children = processor_seconds_of_children(services["lighttpd"])
+    asked = len(site.back_ends[0].asked())
+    load = Load([web_host.web_server], 8)
+    load.wait_for_visits(ROUNDS * VISITS_PER_ROUND)
+    visits = len(load.stop())
+    asked = len(site.back_ends[0].asked()) - asked
+    for name, service in services.items():
+        spent = processor_seconds(service) - before[name]
+        count = asked if name == "uWSGI" else visits
+        tell(f"processor microseconds a visit, {name}, {kind}", f"{1e6 * spent / count:.0f}")
+    spent = processor_seconds_of_children(services["lighttpd"]) - children
+    tell(f"processor microseconds a visit, front end, {kind}", f"{1e6 * spent / visits:.0f}")
+
+
+def tell_checks(site, kind):
+    """What HAProxy and a back end do when nobody comes."""
+    proxy, back_end = site.web_hosts[0].proxy, site.back_ends[0].service
+    before = processor_seconds(proxy), processor_seconds(back_end)
+    seconds = 20
+    time.sleep(seconds)
+    checks = 3 * seconds
+    spent = processor_seconds(proxy) - before[0]
+    tell(f"HAProxy's processor microseconds a check, {kind}", f"{1e6 * spent / checks:.0f}")
+    spent = processor_seconds(back_end) - before[1]
+    checks = len(site.web_hosts) * seconds
+    tell(f"uWSGI's processor microseconds a check, {kind}", f"{1e6 * spent / checks:.0f}")
+
+
+def tell_resumption(site):
+    web_host = site.web_hosts[0]
+    reused = sum(int(web_host.proxy_state(end.name)["ssl_reused_sess"]) for end in site.back_ends)
+    new = sum(int(web_host.proxy_state(end.name)["ssl_sess"]) for end in site.back_ends)
+    tell("TLS sessions resumed", f"{reused} of {reused + new}")
+
+
+def tell_traffic(site):
+    web_host = site.web_hosts[0]
+    before = {end.name: web_host.proxy_state(end.name) for end in site.back_ends}
+    load = Load([web_host.web_server], 8)
+    load.wait_for_visits(VISITS_PER_ROUND)
+    visits = len(load.stop())
+    for column, direction in (("bin", "to"), ("bout", "from")):
+        total = sum(
+            int(web_host.proxy_state(name)[column]) - int(state[column])
+            for name, state in before.items()
+        )
+        tell(f"bytes a query {direction} the back end", f"{total / visits:.0f}")
+
+
+def waiting_connections(host):
+    done = subprocess.run(
+        [*host.enter, "ss", "-Htan", "state", "time-wait"],
+        capture_output=True, text=True, check=True,
+    )
+    return len(done.stdout.splitlines())
+
+
+def tell_ports(site):
+    """Many queries from few ports."""
+    web_host = site.web_hosts[0]
+    if not isinstance(web_host.host, NamespaceHost):
+        tell("ports", "not measured without network namespaces")
+        return
+    path = "/proc/sys/net/ipv4/ip_local_port_range"
+    command = f"echo 40000 40099 > {path}"
+    subprocess.run([*web_host.host.enter, "sh", "-c", command], check=True)
+    socket_path = web_host.run_dir / "panel.sock"
+    seconds = [ask(socket_path) for _ in range(5_000)]
+    tell("5,000 queries from 100 ports, longest, milliseconds", f"{1e3 * max(seconds):.0f}")
+    tell("connections in TIME_WAIT, web host", waiting_connections(web_host.host))
+    tell("connections in TIME_WAIT, back end", waiting_connections(site.back_ends[0].host))
+
+
+def tell_memory(site):
+    web_host = site.web_hosts[0]
+    tell("KB of uWSGI with 8 workers", memory_kilobytes(site.back_ends[0].service))
+    before = memory_kilobytes(web_host.proxy)
+    tell("KB of HAProxy", before)
+    with contextlib.ExitStack() as open_clients:
+        for _ in range(CONNECTIONS):
+            client = open_clients.enter_context(socket.socket(socket.AF_UNIX))
+            client.connect(str(web_host.run_dir / "panel.sock"))
+            client.sendall(REQUEST[:10])
+        time.sleep(1)
+        grown = memory_kilobytes(web_host.proxy) - before
+    tell("KB of HAProxy a connection", f"{grown / CONNECTIONS:.1f}")
+    # Half requests keep workers from the checks until uWSGI gives them up.
+    site.wait_until_up()
+
+
+def tell_sessions():
+    """The example panel's store with a million sessions."""
+    sys.path.insert(0, str(PANEL))
+    backend = importlib.import_module("backend")
+    with tempfile.TemporaryDirectory(prefix="sessions-") as folder:
+        os.environ["PANEL_DB"] = f"{folder}/panel.db"
+        with contextlib.closing(backend.connect()) as database:
+            fill(backend, database)
+            size = os.path.getsize(os.environ["PANEL_DB"])
+            tell("bytes a session in the store", f"{size / SESSIONS:.0f}")
+        tell("processor microseconds a whoami", f"{1e6 * seconds_each(backend, whoami, 5_000):.0f}")
+        tell("processor milliseconds a sign-in", f"{1e3 * seconds_each(backend, sign_in, 20):.1f}")
+
+
+def session_name(number):
+    return hashlib.md5(b"%d" % number).hexdigest()
+
+
+def fill(backend, database):
+    backend.add_user(database, "password", "somebody", 5)
+    now = int(time.time())
+    database.execute("begin")
+    database.executemany(
+        "insert into session values (?, 'somebody', ?, ?, '192.0.2.77')",
+        (
+            (backend.hash_session(session_name(number)), secrets.token_hex(16), now)
+            for number in range(SESSIONS)
+        ),
+    )
+    database.execute("commit")
+
+
+def seconds_each(backend, query, count):
+    began = time.process_time()
+    for number in range(count):
+        answer = query(backend, number)
+        if "error" in answer:
+            raise RuntimeError(answer)
+    return (time.process_time() - began) / count
+
+
+def whoami(backend, number):
+    session = session_name(secrets.randbelow(SESSIONS))
+    return backend.answer(
+        {"QUERY_STRING": "func=whoami&out=xml", "HTTP_COOKIE": f"panelses5={session}"}
+    )
+
+
+def sign_in(backend, number):
+    return backend.answer({"QUERY_STRING": "func=session.new&user=somebody&password=password&out=xml"})
+
+
+def main():
+    tell("load at the beginning", os.getloadavg()[0])
+    tell_sessions()
+    with contextlib.ExitStack() as sites:
+        clear = Site(seconds=0)
+        sites.callback(clear.stop)
+        secure = Site(seconds=0, is_secure=True)
+        sites.callback(secure.stop)
+        compare_ways(NearBackEnd(clear), clear, secure)
+        for site, kind in ((clear, "clear"), (secure, "TLS")):
+            tell_processor_time(site, kind)
+            tell_checks(site, kind)
+        tell_resumption(secure)
+        tell_traffic(clear)
+        tell_memory(clear)
+        tell_ports(clear)
+    tell("load at the end", os.getloadavg()[0])
+
+
+if __name__ == "__main__":
+    main()
