@@ -29,10 +29,9 @@ function(add_library_pair name)
     # A front end is started for each request, and what a start costs is page
     # faults and looking symbols up: fewer segments, and what the library has
     # itself is not looked up elsewhere.
-    "LINKER:-z,noseparate-code" "LINKER:-Bsymbolic"
-    # A front end may be root for a while: the addresses of what the library
-    # calls cannot be overwritten.
-    "LINKER:-z,relro,-z,now")
+    "LINKER:-z,noseparate-code" "LINKER:-Bsymbolic")
+  harden(${name}_objects)
+  harden_linking(${name})
   if(NOT ZANCGI_SANITIZE)
     target_link_options(${name} PRIVATE "LINKER:-z,defs")
   endif()

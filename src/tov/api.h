@@ -1,5 +1,5 @@
 /// @file
-/// What all headers of the base library share: its version, and the mark of
+/// What all headers of the base library share: its version, and the marks of
 /// what libtov.so exports.
 #ifndef TOV_API_H
 #define TOV_API_H
@@ -24,5 +24,9 @@
 
 /// Has what it marks exported.
 #define TOV_API __attribute__((visibility("default")))
+
+/// Marks what of an exported class nobody outside can call, so that it may
+/// change.
+#define TOV_INTERNAL __attribute__((visibility("hidden")))
 
 #endif

@@ -46,7 +46,7 @@ class TOV_API Protocol {
   friend TOV_API std::unique_ptr<Protocol> Connect(const std::string& name,
                                                    bool reserved);
   class Wire;
-  explicit Protocol(std::unique_ptr<Wire> wire);
+  TOV_INTERNAL explicit Protocol(std::unique_ptr<Wire> wire);
 
   std::unique_ptr<Wire> wire_;
 };

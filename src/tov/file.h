@@ -78,7 +78,7 @@ class TOV_API Attrs {
  private:
   friend TOV_API void MkDir(const std::string& path, const Attrs* attrs);
 
-  void Apply(int descriptor, const std::string& path) const;
+  TOV_INTERNAL void Apply(int descriptor, const std::string& path) const;
 
   mode_t mode_;
   bool sets_owner_;

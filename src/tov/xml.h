@@ -26,7 +26,7 @@ class TOV_API XmlNode {
 
  private:
   friend class Xml;
-  explicit XmlNode(void* node);
+  TOV_INTERNAL explicit XmlNode(void* node);
 
   void* node_;
 };

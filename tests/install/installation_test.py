@@ -266,6 +266,7 @@ class FrontEndTest(InstallTest):
         segments = run("readelf", "--program-headers", "--wide", program)
         self.assertRegex(segments, "GNU_RELRO")
         self.assertRegex(segments, r"GNU_STACK.* RW ")
+        self.assertNotIn("TEXTREL", section)
 
     def check_shared(self, program):
         self.assertIn("libzancgi.so.1", needed(program))

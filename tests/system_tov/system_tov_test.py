@@ -11,6 +11,8 @@ import sys
 import tempfile
 import unittest
 
+import elf
+
 CMAKE = os.environ["CMAKE"]
 CXX = os.environ["CXX"]
 SOURCE = pathlib.Path(os.environ["SOURCE"])
@@ -54,11 +56,7 @@ def run(*command, **options):
 
 
 def base_symbols(library, selection):
-    names = run("nm", "--dynamic", "--demangle", selection, library).splitlines()
-    names = (re.sub(r"^[0-9a-f]*\s+\w ", "", name).replace("[abi:cxx11]", "") for name in names)
-    string = "std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >"
-    names = (name.replace(string, "std::string") for name in names)
-    return {name for name in names if OF_THE_BASE_LIBRARY.match(name)}
+    return {name for name in elf.symbols(library, selection) if OF_THE_BASE_LIBRARY.match(name)}
 
 
 class SystemTovTest(unittest.TestCase):

@@ -1,0 +1,153 @@
+"""That the libraries are hardened, read back from the built files; and where
+their code does not show it, from how it was compiled."""
+
+import json
+import os
+import pathlib
+import re
+import shlex
+import subprocess
+import unittest
+
+import elf
+
+BUILD = pathlib.Path(os.environ["BUILD"])
+SOURCE = pathlib.Path(os.environ["SOURCE"])
+SHARED = os.environ["SHARED"].split()
+ARCHIVES = os.environ["ARCHIVES"].split()
+IS_OPTIMISED = os.environ["BUILD_TYPE"] != "Debug"
+HAS_BASE_LIBRARY = any("libtov" in library for library in SHARED)
+
+
+def without_variant(name):
+    """Of constructors and destructors there are several, mostly at one address,
+    of which a disassembly names one."""
+    return re.sub(r"([CD])[0-2]E", r"\1E", name)
+
+
+def exported_functions(file, *options):
+    listed = elf.run("nm", "--defined-only", *options, file)
+    names = (name.split("@")[0] for name in re.findall(r"^[0-9a-f]+ T (\S+)$", listed, re.M))
+    return {without_variant(name) for name in names}
+
+
+def functions_by_mark(file):
+    """Those where an indirect jump may land, and those where it may not."""
+    code = elf.run("objdump", "--disassemble", "--no-show-raw-insn", file)
+    marked, unmarked = set(), set()
+    for name, word in re.findall(r"^[0-9a-f]+ <(\S+)>:\n +[0-9a-f]+:\t(\w+)", code, re.M):
+        (marked if word == "endbr64" else unmarked).add(without_variant(name))
+    return marked, unmarked
+
+
+def compile_commands():
+    """Those of the libraries' sources."""
+    commands = json.loads((BUILD / "compile_commands.json").read_text())
+    for command in commands:
+        source = pathlib.Path(command["file"])
+        if source.is_relative_to(SOURCE / "src"):
+            yield source, command
+
+
+def macros(command):
+    """What the compiler defines as it compiles a source."""
+    words = shlex.split(command["command"])
+    words = words[: words.index("-o")]
+    told = subprocess.run(
+        [*words, "-dM", "-E", command["file"]],
+        cwd=command["directory"],
+        capture_output=True,
+        text=True,
+        check=True,
+    )
+    return dict(re.findall(r"^#define (\w+) (.+)$", told.stdout, re.M))
+
+
+class SharedLibraryTest(unittest.TestCase):
+    def test_there_are_libraries(self):
+        self.assertTrue(SHARED)
+        self.assertEqual(len(SHARED), len(ARCHIVES))
+
+    def test_addresses_of_calls_cannot_be_overwritten(self):
+        for library in SHARED:
+            told = elf.read_elf(library, "--dynamic", "--program-headers", "--section-headers")
+            self.assertRegex(told, r"\(FLAGS\).*\bBIND_NOW\b", library)
+            self.assertRegex(told, r"\(FLAGS_1\).*\bNOW\b", library)
+            self.assertIn("GNU_RELRO", told, library)
+            # What is looked up later would lie behind what is protected.
+            self.assertNotIn(".got.plt", told, library)
+
+    def test_nothing_can_be_both_written_and_run(self):
+        for library in SHARED:
+            told = elf.read_elf(library, "--dynamic", "--program-headers")
+            self.assertRegex(told, r"GNU_STACK .* RW +0x", library)
+            segments = re.findall(r"^ +LOAD .*0x\w+ ([RWE ]{3}) 0x\w+$", told, re.M)
+            self.assertTrue(segments, library)
+            self.assertEqual([flags for flags in segments if "W" in flags and "E" in flags], [])
+            self.assertNotIn("TEXTREL", told, library)
+
+    def test_jumps_land_where_functions_begin(self):
+        # The file's own mark is lost, since the start files and pugixml lack it.
+        for library in SHARED:
+            functions = exported_functions(library, "--dynamic")
+            self.assertTrue(functions, library)
+            marked, unmarked = functions_by_mark(library)
+            self.assertEqual((functions - marked, functions & unmarked), (set(), set()), library)
+
+    def test_overrun_stack_ends_the_process(self):
+        for library in SHARED:
+            self.assertIn("__stack_chk_fail", elf.run("nm", "--dynamic", "--undefined-only", library))
+
+    @unittest.skipUnless(IS_OPTIMISED and HAS_BASE_LIBRARY, "nothing to be checked there")
+    def test_overrun_buffer_ends_the_process(self):
+        (library,) = (name for name in SHARED if "libtov" in name)
+        calls = elf.run("nm", "--dynamic", "--undefined-only", library)
+        self.assertIn("__vsnprintf_chk", calls)
+
+    @unittest.skipUnless(IS_OPTIMISED and HAS_BASE_LIBRARY, "nothing large on the stack")
+    def test_large_stack_frames_are_touched_page_by_page(self):
+        (library,) = (name for name in SHARED if "libtov" in name)
+        code = elf.run("objdump", "--disassemble", "--no-show-raw-insn", library)
+        touch = r"sub +\$0x1000,%rsp\n.*\t(orq|movq) +\$0x0,(0x0)?\(%rsp\)"
+        self.assertRegex(code, touch)
+
+
+class ArchiveTest(unittest.TestCase):
+    def test_code_can_lie_anywhere(self):
+        for archive in ARCHIVES:
+            told = elf.read_elf(archive, "--relocs")
+            self.assertIn("R_X86_64_PLT32", told)
+            self.assertNotRegex(told, r"R_X86_64_(32S?|16|8)\b", archive)
+
+    def test_stack_cannot_be_run(self):
+        for archive in ARCHIVES:
+            sections = elf.read_elf(archive, "--section-headers")
+            files = len(elf.run("ar", "t", archive).split())
+            marks = re.findall(r"\.note\.GNU-stack +PROGBITS +\w+ \w+ \w+ \w+ +([A-Z]*) ", sections)
+            self.assertEqual(marks, [""] * files, archive)
+
+    def test_jumps_land_where_functions_begin(self):
+        for archive in ARCHIVES:
+            functions = exported_functions(archive, "--extern-only")
+            self.assertTrue(functions, archive)
+            marked, unmarked = functions_by_mark(archive)
+            self.assertEqual((functions - marked, functions & unmarked), (set(), set()), archive)
+
+
+class CompilationTest(unittest.TestCase):
+    def test_every_source_is_compiled_so(self):
+        commands = list(compile_commands())
+        self.assertIn("zancgi_unix.cpp", {source.name for source, _ in commands})
+        for source, command in commands:
+            with self.subTest(source=source.name):
+                defined = macros(command)
+                self.assertEqual(defined["__CET__"], "3")
+                self.assertIn("__SSP_STRONG__", defined)
+                self.assertEqual(defined["__PIC__"], "2")
+                self.assertIn(" -fstack-clash-protection ", command["command"])
+                if IS_OPTIMISED:
+                    self.assertIn(defined.get("_FORTIFY_SOURCE"), ("2", "3"))
+
+
+if __name__ == "__main__":
+    unittest.main()
