@@ -23,6 +23,7 @@ import unittest
 import unittest.mock
 
 DOCTOR = pathlib.Path(os.environ["SOURCE"]) / "tools" / "zancgi-doctor"
+MANUAL = pathlib.Path(os.environ["SOURCE"]) / "docs" / "man" / "zancgi-doctor.1"
 IS_ROOT = os.geteuid() == 0
 # Ids that no account of the machine has.
 STRANGER = 54321
@@ -190,6 +191,8 @@ class CommandLineTest(DoctorTest):
         self.assertEqual(set(found), {"version", "state", "checks"})
         self.assertEqual(found["version"], 1)
         self.assertIn(found["state"], ("ok", "warning", "failure", "unchecked"))
+        keys = [(check["name"], check["subject"]) for check in found["checks"]]
+        self.assertEqual(len(keys), len(set(keys)))
         for check in found["checks"]:
             self.assertEqual(set(check), {"name", "subject", "state", "message", "remedy"})
             self.assertTrue(all(isinstance(value, str) for value in check.values()))
@@ -266,6 +269,48 @@ class CommandLineTest(DoctorTest):
                 check=False,
             )
         self.assertNotEqual(run.returncode, 0)
+
+
+class ManualTest(unittest.TestCase):
+    TEXT = MANUAL.read_text()
+
+    def test_has_every_check_with_its_sentence(self):
+        shown = re.findall(r"^\.It Cm ([a-z-]+\.[a-z-]+)\n(.*)$", self.TEXT, re.MULTILINE)
+        expected = [
+            (f"{group}.{name}", sentence)
+            for group, checks in doctor.KNOWN.items()
+            for name, sentence in checks.items()
+        ]
+        self.assertEqual(shown, expected)
+
+    def test_has_every_option(self):
+        """In the synopsis and in the list."""
+        synopsis, _, listed = self.TEXT.partition(".Sh DESCRIPTION")
+        for action in doctor.make_parser()._actions:
+            option = action.option_strings[-1]
+            if option == "--help":
+                continue
+            flag = f"Fl {option[1:]}\\b"
+            self.assertRegex(listed, rf"\.It {flag}|, {flag[3:]}")
+            short = rf"Fl [qv]*{action.option_strings[0][1:]}"
+            self.assertRegex(synopsis, rf"{flag}|{short}")
+
+    def test_has_every_state(self):
+        for state in doctor.STATES:
+            self.assertIn(f".It Cm {state}\n", self.TEXT)
+
+    def test_is_well_formed(self):
+        lint = subprocess.run(
+            ["mandoc", "-T", "lint", "-W", "style", MANUAL],
+            capture_output=True,
+            text=True,
+            check=False,
+        )
+        # Where the library's own pages are not installed they are not found.
+        complaints = [
+            line for line in lint.stdout.splitlines() if "referenced manual not found" not in line
+        ]
+        self.assertEqual(complaints, [])
 
 
 class IdentityTest(DoctorTest):
