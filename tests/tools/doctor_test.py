@@ -24,6 +24,8 @@ import unittest.mock
 
 DOCTOR = pathlib.Path(os.environ["SOURCE"]) / "tools" / "zancgi-doctor"
 MANUAL = pathlib.Path(os.environ["SOURCE"]) / "docs" / "man" / "zancgi-doctor.1"
+# The README's, which tells its caller who they are.
+FRONT = os.environ["README_FRONT"]
 IS_ROOT = os.geteuid() == 0
 # Ids that no account of the machine has.
 STRANGER = 54321
@@ -342,7 +344,7 @@ class IdentityTest(DoctorTest):
             return [*os.getresuid(), *os.getresgid(), *os.getgroups()]
 
         self.assertEqual(
-            doctor.children.run(5, ids, identity=identity),
+            doctor.run_in_child(5, ids, identity=identity),
             [STRANGER] * 3 + [STRANGER + 1] * 3 + [STRANGER + 2],
         )
 
@@ -1141,6 +1143,84 @@ class BackEndTest(ServiceTest):
         self.expect(report, "back-end.large-request", "unchecked", message)
 
 
+class AgainstTheLibraryTest(ServiceTest):
+    """A real front end must see the back end as the doctor does."""
+
+    def run_front(self, **environment):
+        return subprocess.run(
+            [FRONT],
+            env={"TOV_RUN_DIR": str(self.run_dir), **environment},
+            stdin=subprocess.DEVNULL,
+            capture_output=True,
+            timeout=60,
+            check=True,
+        ).stdout
+
+    def test_same_request(self):
+        listener = self.listen(answering(REFUSAL))
+        self.ask("back-end", "--session", "a1")
+        (of_doctor, _) = listener.requests
+        self.run_front(
+            HTTP_COOKIE="panelses5=a1",
+            HTTP_HOST="localhost",
+            HTTP_USER_AGENT="zancgi-doctor",
+            REMOTE_ADDR="127.0.0.1",
+            REQUEST_METHOD="GET",
+            REQUEST_URI="/zancgi-doctor",
+            SERVER_ADDR="127.0.0.1",
+        )
+        self.assertEqual(listener.requests[-1], of_doctor)
+
+    def test_same_verdict(self):
+        user = b'<doc><user name="alice" level="7"/></doc>'
+        declared = b'<?xml version="1.0"?>' + user
+        answers = [
+            user,
+            declared,
+            with_length(declared),
+            with_length(user),
+            b"Noise: x\nmore\n" + declared,
+            b"noise " + user,
+            b"A: b\n\n" + user,
+            declared + b" \n",
+            declared + b"x",
+            declared + b"\0",
+            declared + user,
+            declared[:-1],
+            b"\xef\xbb\xbf" + user,
+            b"<doc><a/><!-- --><user name='alice'/></doc>",
+            b"<doc><a><user name='alice'/></a></doc>",
+            b"<DOC><user name='alice'/></DOC>",
+            b"<doc><user name='alice'/><error/></doc>",
+            b"<doc/>",
+            b"Content-Length: 5\r\n\r\n" + declared,
+            b"Content-Length: 500\r\n\r\n" + declared,
+            b"Content-Length: x\r\n\r\n" + declared,
+            b"Content-Length: 5\ncontent-length: 6\n\n" + declared,
+            b"content-length:\t0000000000000000000000005 \nContent-Length: 5\n\n" + declared,
+            b"Content-Length: 99999999999999999999\n\n" + declared,
+            b"Content-Length: 18446744073709551615\n\n" + declared,
+            b"Content-Length: 500\nno header\n\n" + declared,
+            b"Content-Length: 500\n" + declared,
+            b"Content-Length: 500",
+            b"Content-Length",
+            b" \r\n\r\n" + declared,
+            b"\r\n" + declared,
+            b"\r",
+            b":\n\n" + declared,
+        ]
+        verdicts = set()
+        for data in answers:
+            self.listen(answering(data))
+            answer = self.run_front(REQUEST_METHOD="GET", HTTP_COOKIE="panelses5=a1")
+            accepted = answer.endswith(b"<p>You are alice.")
+            (found,) = self.ask("back-end.answer", "--session", "a1").findings("back-end.answer")
+            self.assertEqual(found["state"] != "failure", accepted, (data, answer, found))
+            verdicts.add(accepted)
+            self.path.unlink()
+        self.assertEqual(verdicts, {True, False})
+
+
 class RealBackEndTest(ServiceTest):
     def start(self, *command):
         process = subprocess.Popen(
@@ -1601,7 +1681,7 @@ class ProgramTest(DoctorTest):
         home.chmod(0o700)
         site = unittest.mock.Mock(program=str(bin_dir / "panel"))
         site.who.return_value = "user 'x'"
-        site.as_front_end.side_effect = lambda function, *arguments: doctor.children.run(
+        site.as_front_end.side_effect = lambda function, *arguments: doctor.run_in_child(
             5, function, *arguments, identity=doctor.Identity("x", STRANGER, STRANGER, [])
         )
         found = doctor.program_work_dir(site)
@@ -2133,7 +2213,7 @@ class ProcessTest(DoctorTest):
     def test_processor(self):
         for limit, state in ((30, "ok"), (4, "warning")):
             report = self.with_limit(resource.RLIMIT_CPU, limit)
-            message = f"The limit of seconds of processor time is {limit}."
+            message = f"The limit of processor time is {limit} seconds."
             self.expect(report, "limits.processor", state, message)
 
     def test_file_size(self):
@@ -2388,14 +2468,14 @@ class ClockTest(unittest.TestCase):
 
 class ChildrenTest(unittest.TestCase):
     def test_values(self):
-        self.assertEqual(doctor.children.run(5, lambda a, b: [a, b], 1, "é"), [1, "é"])
+        self.assertEqual(doctor.run_in_child(5, lambda a, b: [a, b], 1, "é"), [1, "é"])
 
     def test_large_value(self):
-        self.assertEqual(len(doctor.children.run(5, lambda: "x" * 1_000_000)), 1_000_000)
+        self.assertEqual(len(doctor.run_in_child(5, lambda: "x" * 1_000_000)), 1_000_000)
 
     def reason(self, seconds, function, *arguments):
         with self.assertRaises(doctor.NoResult) as caught:
-            doctor.children.run(seconds, function, *arguments)
+            doctor.run_in_child(seconds, function, *arguments)
         return str(caught.exception)
 
     def test_time_is_up(self):
@@ -2409,7 +2489,7 @@ class ChildrenTest(unittest.TestCase):
                 pathlib.Path(folder, str(os.getpid())).touch()
                 time.sleep(60)
 
-            self.reason(0.5, lambda: doctor.children.run(60, sleep))
+            self.reason(0.5, lambda: doctor.run_in_child(60, sleep))
             (pid,) = map(int, os.listdir(folder))
             self.assertTrue(self.ends(pid))
 
