@@ -15,20 +15,23 @@ import re
 import secrets
 import shlex
 import shutil
+import signal
 import socket
+import struct
 import subprocess
 import tempfile
+import threading
 import time
 import unittest
 import urllib.parse
 
-from accounts import IS_ROOT, NAMES_AND_IDS, NAMES_ONLY, Accounts
+from accounts import GID, IS_ROOT, NAMES_AND_IDS, NAMES_ONLY, UID, Accounts
 from panel_server import PANEL, wait_for
 from upload_test import FORM, field, file, form
 from web_servers import LIBRARIES, end_session, free_address, has_ended
 
-DOCUMENT = pathlib.Path(os.environ["SOURCE"]) / "docs" / "deployment.md"
-BLOCK = re.compile(r"^```(\w+) (/\S+)\n(.*?)^```$", re.MULTILINE | re.DOTALL)
+TEXT = (pathlib.Path(os.environ["SOURCE"]) / "docs" / "deployment.md").read_text()
+PART = re.MULTILINE | re.DOTALL
 # What the test puts elsewhere: folders that are the panel's or a server's own,
 # and the port. What Debian's packages bring stays where it is.
 PLACES = re.compile(r"(?<![\w./])/(?:opt|run|var|etc/(?:panel|apache2))(?=/|\b)")
@@ -41,7 +44,9 @@ PORTS = {
     "/etc/nginx/nginx.conf": ("listen 80;", "listen {host}:{port};"),
     "/etc/systemd/system/panel-httpd.service": (" -p 80 ", " -p {host}:{port} "),
 }
-MODES = {"/opt/panel/cgi/panel": 0o755}
+LAUNCHER = "/opt/panel/cgi/panel"
+MODES = {LAUNCHER: 0o755}
+needs_root = unittest.skipUnless(IS_ROOT, "needs root")
 WEB = "www-data"
 # The document's account of the back end is nobody's on this machine.
 USERS = {"panel": "nobody", WEB: WEB, "root": "root"}
@@ -87,32 +92,41 @@ def spin():
         for _ in range(1000000):
             pass
 
+def become():
+    uid, gid = map(int, value.split("&"))
+    note("begun")
+    os.setgroups([])
+    os.setgid(gid)
+    os.setuid(uid)
+    time.sleep(1000)
+
 def note(text):
-    with open(sys.argv[1] + "/" + value, "w") as notes:
+    with open(sys.argv[1] + "/" + name, "w") as notes:
         notes.write(f"{os.getpid()} {text}")
 
 action, _, value = os.environ["QUERY_STRING"].removeprefix("probe=").partition("&")
+name, _, value = value.partition("&")
 answer = globals()[action]()
 print("Content-Type: text/plain\\r\\n\\r\\n" + answer, end="")
 """
 
-# The panel's back end, which does not answer one kind of visitor.
+# The panel's back end, which takes its time for some visitors.
 SLOW_BACK_END = """
 answers = application
 
 def application(environ, start_response):
-    if environ.get("HTTP_USER_AGENT") == "patient":
-        time.sleep(1000)
+    manner = environ.get("HTTP_USER_AGENT")
+    if manner in ("never", "slowly"):
+        with open("{notes}/" + manner, "a") as executions:
+            executions.write(".")
+        time.sleep(1000 if manner == "never" else 3)
     return answers(environ, start_response)
 """
 
 
 def documented_files():
     """The text of each file that the document shows, by its path."""
-    found = {path: text for _, path, text in BLOCK.findall(DOCUMENT.read_text())}
-    if not found:
-        raise RuntimeError("the document shows no file")
-    return found
+    return dict(re.findall(r"^```\w+ (/\S+)\n(.*?)^```$", TEXT, PART))
 
 
 class Unit:
@@ -134,15 +148,24 @@ class Unit:
         return " ".join(self.settings.get(name, [])).split()
 
 
+def place():
+    """A folder in which homes can be root's all the way, if root runs this."""
+    if not IS_ROOT:
+        return None
+    return next(each for each in ("/var/lib", "/opt") if not os.stat(each).st_mode & 0o022)
+
+
 class Machine:
     """The document's files in a folder of their own, with everything that they
     name, and the servers that run on them."""
 
-    def __init__(self):
-        self.root = pathlib.Path(tempfile.mkdtemp(prefix="deploy-"))
+    def __init__(self, front_ends_of_root=False):
+        self.front_ends_of_root = front_ends_of_root
+        self.root = pathlib.Path(tempfile.mkdtemp(prefix="deploy-", dir=place()))
         self.root.chmod(0o755)
         self.processes = []
         self.listeners = {}
+        self.services = {}
         self.addresses = {}
         self.files = {path: self._adapted(path, text) for path, text in documented_files().items()}
         self._make_folders()
@@ -160,6 +183,11 @@ class Machine:
     def address(self, path):
         """Host and port of the server with this configuration."""
         return self.addresses[path]
+
+    def part(self, language):
+        """What the document puts in place of running the program directly."""
+        found = re.search(rf"^```{language} with fcgiwrap\n(.*?)^```$", TEXT, PART)
+        return self._moved(found.group(1))
 
     def stop(self):
         for process in reversed(self.processes):
@@ -203,7 +231,35 @@ class Machine:
         self.processes.remove(process)
 
     def unit(self, name):
-        return Unit(self.files["/etc/systemd/system/" + name])
+        path = "/etc/systemd/system/" + name
+        drop_in = self.files.get(path + ".d/root.conf", "") if self.front_ends_of_root else ""
+        return Unit(self.files[path], drop_in)
+
+    def edit(self, path, text, replacement):
+        """What an administrator does to a file of the document."""
+        file = self.at(path)
+        before = file.read_text()
+        if before.count(text) != 1:
+            raise RuntimeError(f"not once in {path}: {text}")
+        file.write_text(before.replace(text, replacement))
+
+    def activate(self, name):
+        """Has a service of this name run on a socket of this name."""
+        if name not in self.services:
+            self.listen(name + ".socket")
+            self.services[name] = self.start_service(name + ".service")
+
+    def restart(self, name, number):
+        """What systemd does when a service has ended, or is to: its socket
+        stays."""
+        process = self.services[name]
+        if self.unit(name + ".service").get("KillMode") == "mixed":
+            process.send_signal(number)
+        else:
+            os.killpg(process.pid, number)
+        wait_for(lambda: has_ended(process))
+        self.end(process)
+        self.services[name] = self.start_service(name + ".service")
 
     def listen(self, name):
         """What systemd does for a socket unit."""
@@ -233,8 +289,11 @@ class Machine:
             command = ["/bin/sh", "-c", takeover, "sh", *command]
         return self.run(command, **options)
 
+    def _moved(self, text):
+        return PLACES.sub(lambda found: str(self.root) + found.group(), text)
+
     def _adapted(self, path, text):
-        text = PLACES.sub(lambda place: str(self.root) + place.group(), text)
+        text = self._moved(text)
         if path in PORTS:
             documented, mine = PORTS[path]
             host, port = self.addresses[path] = free_address()
@@ -250,11 +309,17 @@ class Machine:
         ):
             self.at(path).mkdir(parents=True)
         for path in (
-            "/var/spool/panel", "/var/log/panel", "/var/log/lighttpd", "/var/log/nginx",
-            "/var/cache/lighttpd/uploads", "/var/lib/nginx/body", "/notes",
+            "/var/log/lighttpd", "/var/log/nginx", "/var/cache/lighttpd/uploads",
+            "/var/lib/nginx/body",
         ):
             self.at(path).mkdir(parents=True)
             self._give(self.at(path), WEB, WEB)
+        self.at("/notes").mkdir()
+        self.at("/notes").chmod(0o777)
+        owner = "root" if self.front_ends_of_root else WEB
+        for path in ("/var/spool/panel", "/var/log/panel"):
+            self.at(path).mkdir(mode=0o700, parents=True)
+            self._give(self.at(path), owner, owner)
         self.at("/var/lib/panel").mkdir(mode=0o700)
         self._give(self.at("/var/lib/panel"), "panel", "panel")
 
@@ -266,7 +331,7 @@ class Machine:
         front = shutil.copy(os.environ["FRONT"], self.at("/opt/panel/lib/front"))
         shutil.copytree(PANEL / "www", self.at("/opt/panel/www"), dirs_exist_ok=True)
         back_end = self.at("/opt/panel/backend.py")
-        back_end.write_text((PANEL / "backend.py").read_text() + SLOW_BACK_END)
+        back_end.write_text((PANEL / "backend.py").read_text() + SLOW_BACK_END.replace("{notes}", str(self.at("/notes"))))
         self.accounts = Accounts(self.at("/home"))
         wrappers = NAMES_ONLY if IS_ROOT else NAMES_AND_IDS
         front = self.accounts.front(front, wrappers, LD_LIBRARY_PATH=libraries)
@@ -321,8 +386,9 @@ def web_ids():
 FILTER = """
 import ctypes, errno, os, socket, sys
 
-ALLOW, DENY = 0x7fff0000, 0x00050000 | errno.EPERM
+ALLOW, DENY = 0x7fff0000, 0x00050000
 EQUAL = 4
+FAMILIES = 46
 
 class Comparison(ctypes.Structure):
     _fields_ = [("argument", ctypes.c_uint), ("operator", ctypes.c_int),
@@ -331,20 +397,22 @@ class Comparison(ctypes.Structure):
 families, calls, command = sys.argv[1].split(), sys.argv[2].split(), sys.argv[3:]
 library = ctypes.CDLL("libseccomp.so.2")
 library.seccomp_init.restype = ctypes.c_void_p
-context = ctypes.c_void_p(library.seccomp_init(DENY))
+context = ctypes.c_void_p(library.seccomp_init(DENY | errno.EPERM))
 
-def allow(name, *comparisons):
+def rule(action, name, *comparisons):
     number = library.seccomp_syscall_resolve_name(name.encode())
     if number >= 0:
         array = (Comparison * len(comparisons))(*comparisons)
-        if library.seccomp_rule_add_array(context, ALLOW, number, len(comparisons), array):
+        if library.seccomp_rule_add_array(context, action, number, len(comparisons), array):
             sys.exit("no rule for " + name)
 
 for name in calls:
     if name != "socket":
-        allow(name)
-for family in families:
-    allow("socket", Comparison(0, EQUAL, getattr(socket, family), 0))
+        rule(ALLOW, name)
+known = [getattr(socket, name) for name in families]
+for family in range(FAMILIES):
+    action = ALLOW if family in known else DENY | errno.EAFNOSUPPORT
+    rule(action, "socket", Comparison(0, EQUAL, family, 0))
 if library.seccomp_load(context):
     sys.exit("no filter")
 os.execvp(command[0], command)
@@ -397,8 +465,7 @@ class Site:
     def __init__(self, machine):
         self.machine = machine
         for name in self.services:
-            machine.listen(name + ".socket")
-            machine.start_service(name + ".service")
+            machine.activate(name)
         self.start(machine.at(self.configuration))
         self.host, self.port = machine.address(self.configuration)
         wait_for(self.accepts)
@@ -467,21 +534,46 @@ class BusyboxSite(Site):
         self.machine.start_service(path.name)
 
 
+class LighttpdWithFcgiwrap(LighttpdSite):
+    services = ("panel-fcgi",)
+
+    def start(self, path):
+        text = path.read_text().replace('"mod_cgi"', '"mod_fastcgi"')
+        path.write_text(text[: text.index("$HTTP[")] + self.machine.part("lighttpd"))
+        super().start(path)
+
+
+class ApacheWithFcgiwrap(ApacheSite):
+    services = ("panel-fcgi",)
+
+    def start(self, path):
+        text = path.read_text()
+        text = "".join(line for line in text.splitlines(True) if "cgid" not in line)
+        path.write_text(text[: text.index("ScriptAlias")] + self.machine.part("apache"))
+        super().start(path)
+
+
 SITES = (LighttpdSite, ApacheSite, NginxSite, BusyboxSite)
+# Of these the front ends are started by root, if root runs the tests.
+PRIVILEGED_SITES = (NginxSite, LighttpdWithFcgiwrap, ApacheWithFcgiwrap)
 
 
 @functools.cache
-def machine():
-    the_machine = Machine()
+def machine(front_ends_of_root=False):
+    the_machine = Machine(front_ends_of_root)
     unittest.addModuleCleanup(the_machine.stop)
-    the_machine.listen("panel-backend.socket")
-    the_machine.start_service("panel-backend.service")
+    the_machine.activate("panel-backend")
     return the_machine
 
 
 @functools.cache
 def site(kind):
     return kind(machine())
+
+
+@functools.cache
+def privileged_site(kind):
+    return kind(machine(front_ends_of_root=True))
 
 
 class Visitor:
@@ -492,13 +584,13 @@ class Visitor:
         self.site = the_site
         self.name = "user-" + secrets.token_hex(4)
         self.account = "account-" + secrets.token_hex(4)
-        self.home = machine().make_home(self.account, uid, gid)
-        machine().add_user(self.name, "password", self.account)
+        self.home = the_site.machine.make_home(self.account, uid, gid)
+        the_site.machine.add_user(self.name, "password", self.account)
         form_type = {"Content-Type": "application/x-www-form-urlencoded"}
         items = urllib.parse.urlencode({"user": self.name, "password": "password"})
         answer = the_site.request("POST", "page=signin", form_type, items)
         if answer.status != 303:
-            raise RuntimeError(f"{answer.status}: {answer.body}\n{machine().logs()}")
+            raise RuntimeError(f"{answer.status}: {answer.body}\n{the_site.machine.logs()}")
         self.cookie = answer.headers["Set-Cookie"].split(";")[0]
         self.token = self.page("whoami").body.split("token=")[1].split('"')[0]
 
@@ -527,13 +619,16 @@ def open_files(folder):
 class SiteTest:
     """What every configuration has to give."""
 
+    room_for_cookies = 30_000
+
     @classmethod
     def setUpClass(cls):
         cls.site = site(cls.kind)
+        cls.machine = cls.site.machine
         cls.visitor = Visitor(cls.site, *web_ids())
 
     def test_a_user_with_large_cookies_is_known(self):
-        cookies = "other=" + "y" * 5000 + "; " + self.visitor.cookie
+        cookies = "other=" + "y" * self.room_for_cookies + "; " + self.visitor.cookie
         answer = self.site.get("page=whoami", Cookie=cookies)
         self.assertEqual(answer.status, 200, answer.body)
         self.assertIn(f'<b id="name">{self.visitor.name}</b>', answer.body)
@@ -541,7 +636,7 @@ class SiteTest:
     def test_an_upload_arrives(self):
         content = secrets.token_bytes(2 << 20).replace(b"\r", b"\n")
         answer = self.visitor.upload(content)
-        self.assertEqual(answer.status, 200, answer.body + machine().logs())
+        self.assertEqual(answer.status, 200, answer.body + self.machine.logs())
         self.assertEqual((self.visitor.home / "kept").read_bytes(), content)
         self.assert_nothing_left()
 
@@ -565,7 +660,7 @@ class SiteTest:
         variables = json.loads(self.site.get("probe=env", **headers).body)
         self.assertEqual(variables.get("HTTP_PROXY"), None)
         self.assertEqual(variables.get("HTTP_X_FORWARDED_FOR"), None)
-        self.assertEqual(variables["TOV_RUN_DIR"], str(machine().at("/run/tov")))
+        self.assertEqual(variables["TOV_RUN_DIR"], str(self.machine.at("/run/tov")))
 
     def test_memory_is_bounded(self):
         self.assertEqual(self.site.get("probe=memory").body, "refused")
@@ -581,10 +676,10 @@ class SiteTest:
 
     def bodies(self):
         """Where a body is being written to: by the front end or the server."""
-        return [found for folder in BODY_FOLDERS for found in open_files(machine().at(folder))]
+        return [found for folder in BODY_FOLDERS for found in open_files(self.machine.at(folder))]
 
     def assert_nothing_left(self):
-        folders = [machine().at(folder) for folder in BODY_FOLDERS]
+        folders = [self.machine.at(folder) for folder in BODY_FOLDERS]
         wait_for(lambda: not any(os.listdir(folder) for folder in folders))
 
     def test_a_program_that_never_ends_is_ended(self):
@@ -608,18 +703,19 @@ class SiteTest:
 class SlowRun:
     """A request that the probe would never answer."""
 
-    def __init__(self, the_site, action):
+    def __init__(self, the_site, action, value=""):
         name = f"{type(the_site).__name__}-{action}"
+        machine = the_site.machine
         started = time.monotonic()
         try:
-            self.status = the_site.get(f"probe={action}&{name}").status
+            self.status = the_site.get(f"probe={action}&{name}&{value}").status
         except (http.client.HTTPException, OSError):
             self.status = None
         self.seconds = time.monotonic() - started
-        process, self.note = (machine().at("/notes") / name).read_text().split()
+        process, self.note = (machine.at("/notes") / name).read_text().split()
         with contextlib.suppress(TimeoutError):
-            wait_for(lambda: int(process) not in machine().programs(), 20)
-        self.has_ended = int(process) not in machine().programs()
+            wait_for(lambda: int(process) not in machine.programs(), 20)
+        self.has_ended = int(process) not in machine.programs()
 
 
 @functools.cache
@@ -653,20 +749,253 @@ class NginxTest(SiteTest, unittest.TestCase):
 
 class BusyboxTest(SiteTest, unittest.TestCase):
     kind = BusyboxSite
+    # A longer line is cut.
+    room_for_cookies = 8000
     statuses_at_the_end = (None,)
 
 
+class PrivilegedSiteTest:
+    """Front ends that become the visitor's account."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.site = privileged_site(cls.kind)
+        cls.machine = cls.site.machine
+
+    def setUp(self):
+        self.visitor = Visitor(self.site, UID, GID)
+
+    def test_the_front_end_becomes_the_account(self):
+        answer = self.visitor.page("home")
+        self.assertEqual(answer.status, 200, answer.body + self.machine.logs())
+        self.assertIn(f'{self.visitor.account}</b>, user {UID}.', answer.body)
+
+    def test_an_upload_is_handed_over(self):
+        answer = self.visitor.upload(b"content")
+        self.assertEqual(answer.status, 200, answer.body + self.machine.logs())
+        kept = self.visitor.home / "kept"
+        self.assertEqual(kept.read_bytes(), b"content")
+        self.assertEqual((kept.stat().st_uid, kept.stat().st_gid), (UID, GID))
+
+    def test_headers_that_pass_for_variables_do_not_arrive(self):
+        headers = {"Proxy": "http://evil.example/", "X-Forwarded-For": "192.0.2.1"}
+        variables = json.loads(self.site.get("probe=env", **headers).body)
+        self.assertNotIn("HTTP_PROXY", variables)
+        self.assertNotIn("HTTP_X_FORWARDED_FOR", variables)
+
+
+class PrivilegedLighttpdTest(PrivilegedSiteTest, unittest.TestCase):
+    kind = LighttpdWithFcgiwrap
+
+
+class PrivilegedApacheTest(PrivilegedSiteTest, unittest.TestCase):
+    kind = ApacheWithFcgiwrap
+
+
+class PrivilegedNginxTest(PrivilegedSiteTest, unittest.TestCase):
+    kind = NginxSite
+
+    @needs_root
+    def test_the_account_can_be_confined_and_have_a_session(self):
+        self.machine.edit(LAUNCHER, "PANEL_CONFINE= PANEL_PAM= ", "PANEL_CONFINE=/files PANEL_PAM=1 ")
+        self.addCleanup(
+            self.machine.edit, LAUNCHER, "PANEL_CONFINE=/files PANEL_PAM=1 ", "PANEL_CONFINE= PANEL_PAM= "
+        )
+        home = self.visitor.home
+        os.chown(home, 0, 0)
+        home.chmod(0o755)
+        (home / "files").mkdir()
+        os.chown(home / "files", UID, GID)
+        answer = self.visitor.upload(b"content")
+        self.assertEqual(answer.status, 200, answer.body + self.machine.logs())
+        self.assertEqual((home / "files" / "kept").read_bytes(), b"content")
+
+    @needs_root
+    def test_a_session_is_opened(self):
+        self.machine.edit(LAUNCHER, " PANEL_PAM= ", " PANEL_PAM=1 ")
+        self.addCleanup(self.machine.edit, LAUNCHER, " PANEL_PAM=1 ", " PANEL_PAM= ")
+        self.assertEqual(self.visitor.page("home").status, 200)
+        self.assertNotIn("PAM", self.machine.at("/var/log/panel/front.log").read_text())
+
+    @needs_root
+    def test_one_that_has_become_an_account_and_never_ends_is_ended(self):
+        run = SlowRun(self.site, "become", f"{UID}&{GID}")
+        self.assertGreater(run.seconds, TIME_LIMIT - 1)
+        self.assertLess(run.seconds, TIME_LIMIT + 20)
+        self.assertTrue(run.has_ended)
+
+    @needs_root
+    def test_only_the_web_server_may_connect(self):
+        path = self.machine.at("/run/panel-fcgi.sock")
+        connect = "import socket, sys; socket.socket(socket.AF_UNIX).connect(sys.argv[1])"
+        for user, may in (("nobody", False), (WEB, True)):
+            command = ["setpriv", f"--reuid={user}", "--clear-groups"]
+            done = subprocess.run(
+                [*command, "/usr/bin/python3", "-c", connect, path], capture_output=True, text=True
+            )
+            self.assertEqual(done.returncode == 0, may, done.stderr)
+
+    def test_who_may_connect_chooses_neither_program_nor_loader(self):
+        launcher = str(self.machine.at(LAUNCHER))
+        request = {"REQUEST_METHOD": "GET", "QUERY_STRING": "probe=env"}
+        evil = {"LD_PRELOAD": "/evil.so", "TOV_RUN_DIR": "/evil", "ENV": "/evil", "PATH": "/evil"}
+        answer = self.ask({"SCRIPT_FILENAME": launcher, **request, **evil})
+        self.assertIn("TOV_RUN_DIR", answer)
+        self.assertNotIn("evil", answer)
+        program = str(self.machine.at("/opt/panel/bin/panel"))
+        answer = self.ask({"SCRIPT_FILENAME": program, **request})
+        self.assertIn("403", answer)
+        self.assertNotIn("TOV_RUN_DIR", answer)
+
+    def ask(self, variables):
+        """One request in FastCGI; everything that comes back."""
+        content = b"".join(
+            struct.pack(">II", len(name) | 1 << 31, len(value) | 1 << 31) + (name + value).encode()
+            for name, value in variables.items()
+        )
+        records = ((1, b"\0\1" + bytes(6)), (4, content), (4, b""), (5, b""))
+        with socket.socket(socket.AF_UNIX) as client:
+            client.connect(str(self.machine.at("/run/panel-fcgi.sock")))
+            for kind, data in records:
+                client.sendall(struct.pack(">BBHHBx", 1, kind, 1, len(data), 0) + data)
+            with client.makefile("rb") as answer:
+                return answer.read().decode(errors="replace")
+
+
 class BackEndTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.visitor = Visitor(site(LighttpdSite), *web_ids())
+
+    def visit(self, manner):
+        return self.visitor.page("whoami", **{"User-Agent": manner})
+
+    def executions(self, manner):
+        notes = machine().at("/notes") / manner
+        return len(notes.read_text()) if notes.exists() else 0
+
     def test_one_that_never_answers_is_given_up_in_time(self):
-        visitor = Visitor(site(LighttpdSite), *web_ids())
         started = time.monotonic()
-        answer = visitor.page("whoami", **{"User-Agent": "patient"})
+        answer = self.visit("never")
         seconds = time.monotonic() - started
         self.assertEqual(answer.status, 502)
         self.assertIn("The service behind this panel does not answer.", answer.body)
-        self.assertGreater(seconds, ATTEMPTS * HARAKIRI - 2)
+        self.assertEqual(self.executions("never"), ATTEMPTS)
+        self.assertGreater(seconds, ATTEMPTS * HARAKIRI - 4)
         self.assertLess(seconds, TIME_LIMIT - 5)
         print(f"{seconds:.1f} s for {ATTEMPTS} attempts", end=" ", flush=True)
+
+    def test_a_restart_finishes_what_is_under_way(self):
+        with concurrent.futures.ThreadPoolExecutor() as workers:
+            visit = workers.submit(self.visit, "slowly")
+            wait_for(lambda: self.executions("slowly") == 1)
+            machine().restart("panel-backend", signal.SIGTERM)
+            self.assertEqual(visit.result().status, 200)
+        # The page asks twice: who it is, and for the session's data.
+        self.assertEqual(self.executions("slowly"), 2)
+
+    def test_restarts_and_crashes_lose_no_request(self):
+        for number in (signal.SIGTERM, signal.SIGKILL):
+            with self.subTest(number):
+                statuses, restarted = [], threading.Event()
+
+                def visit_on():
+                    while not restarted.is_set():
+                        statuses.append(self.visit("").status)
+
+                with concurrent.futures.ThreadPoolExecutor() as workers:
+                    visits = [workers.submit(visit_on) for _ in range(4)]
+                    for _ in range(3):
+                        time.sleep(1)
+                        machine().restart("panel-backend", number)
+                    restarted.set()
+                for visit in visits:
+                    visit.result()
+                self.assertGreater(len(statuses), 20)
+                self.assertEqual(set(statuses), {200})
+
+
+class SystemdTest(unittest.TestCase):
+    def units(self):
+        folder = tempfile.TemporaryDirectory(prefix="units-")
+        self.addCleanup(folder.cleanup)
+        for path, text in documented_files().items():
+            if path.startswith("/etc/systemd/system/"):
+                unit = pathlib.Path(folder.name) / path.removeprefix("/etc/systemd/system/")
+                unit.parent.mkdir(exist_ok=True)
+                unit.write_text(text)
+        return pathlib.Path(folder.name)
+
+    def analyze(self, folder, *arguments):
+        return subprocess.run(
+            ["systemd-analyze", *arguments],
+            env={"PATH": os.environ["PATH"], "SYSTEMD_UNIT_PATH": f"{folder}:"},
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            text=True,
+        )
+
+    def test_the_units_are_sound(self):
+        folder = self.units()
+        units = [*folder.glob("*.service"), *folder.glob("*.socket")]
+        self.assertEqual(len(units), 5)
+        done = self.analyze(folder, "verify", *units)
+        self.assertEqual((done.returncode, done.stdout), (0, ""))
+
+    def test_the_services_are_confined(self):
+        folder = self.units()
+        for unit in folder.glob("*.service"):
+            with self.subTest(unit.name):
+                done = self.analyze(folder, "security", "--offline=yes", "--threshold=35", unit)
+                self.assertEqual(done.returncode, 0, done.stdout)
+
+
+
+class FolderTest(unittest.TestCase):
+    """Those of uploads and logs, as rules of the document make and keep them."""
+
+    def setUp(self):
+        self.spool = machine().at("/var/spool/panel")
+        self.logs = machine().at("/var/log/panel")
+
+    @needs_root
+    def test_are_made(self):
+        rules = machine().at("/etc/tmpfiles.d/panel.conf")
+        subprocess.run(["systemd-tmpfiles", "--create", rules], check=True)
+        for folder, mode in ((self.spool, 0o700), (self.logs, 0o750)):
+            self.assertEqual(folder.stat().st_mode & 0o7777, mode)
+            self.assertEqual((folder.owner(), folder.group()), (WEB, WEB))
+
+    @needs_root
+    def test_lose_what_is_old(self):
+        rules = machine().root / "older-than-a-second.conf"
+        text = machine().files["/etc/tmpfiles.d/panel.conf"]
+        self.assertEqual(text.count(" 1d\n"), 1)
+        rules.write_text(text.replace(" 1d\n", " 1s\n"))
+        left = self.spool / "upload-OLDOLD"
+        left.mkdir()
+        (left / "zantempOLDOLD").write_text("left behind")
+        time.sleep(2)
+        subprocess.run(["systemd-tmpfiles", "--clean", rules], check=True)
+        self.assertFalse(left.exists())
+
+    @needs_root
+    def test_have_the_log_rotated(self):
+        site(BusyboxSite)
+        log = self.logs / "front.log"
+        self.assertEqual(self.provoke_message(), 1)
+        state = machine().root / "logrotate.state"
+        rules = machine().at("/etc/logrotate.d/panel")
+        subprocess.run(["logrotate", "--force", "--state", state, rules], check=True)
+        self.assertEqual((self.logs / "front.log.1").owner(), WEB)
+        self.assertFalse(log.exists())
+        self.assertEqual(self.provoke_message(), 1)
+
+    def provoke_message(self):
+        """Gives the number of times that it is in the log then."""
+        name = secrets.token_hex(8)
+        site(BusyboxSite).get("=" + name)
+        return (self.logs / "front.log").read_text().count(name)
 
 
 if __name__ == "__main__":
