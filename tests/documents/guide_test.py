@@ -10,7 +10,8 @@ import tempfile
 import time
 import unittest
 
-GUIDE = (pathlib.Path(os.environ["SOURCE"]) / "docs" / "guide.md").read_text()
+SOURCE = pathlib.Path(os.environ["SOURCE"])
+GUIDE = (SOURCE / "docs" / "guide.md").read_text()
 PROGRAMS = pathlib.Path(os.environ["GUIDE_PROGRAMS"])
 
 # They want accounts, or folders of the system's; the example panel's tests do
@@ -49,7 +50,10 @@ class Shell:
         self.process = subprocess.Popen(
             ["bash", "--norc"],
             cwd=self.cgi,
-            env={"PATH": os.environ["PATH"], "TMPDIR": str(self.folder)},
+            env={
+                "PATH": f"{SOURCE / 'tools'}:{os.environ['PATH']}",
+                "TMPDIR": str(self.folder),
+            },
             stdin=subprocess.PIPE,
             stdout=subprocess.PIPE,
             stderr=subprocess.STDOUT,
@@ -65,7 +69,8 @@ class Shell:
         self.process.stdout.close()
 
     def answer_to(self, command):
-        self.process.stdin.write(f"{command}\necho '{END}'\n")
+        # The next command may ask for the status of this one.
+        self.process.stdin.write(f"{command}\nstatus=$?; echo '{END}'; (exit $status)\n")
         self.process.stdin.flush()
         answer = ""
         while not answer.endswith(f"{END}\n"):
