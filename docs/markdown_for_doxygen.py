@@ -15,6 +15,7 @@ import sys
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 FENCED = re.compile(r"^(?P<indent>[ \t]*)```.*?^(?P=indent)```[ \t]*$", re.DOTALL | re.MULTILINE)
 CODE = re.compile(r"`([^`]+)`")
+STRONG = re.compile(r"\*\*(?=\S)(.+?)(?<=\S)\*\*", re.DOTALL)
 HEADING = re.compile(r"^(#+) (.*)$", re.MULTILINE)
 LINK = re.compile(r"(?P<picture>!?)\[(?P<text>[^\]]*)\]\((?P<target>[^)\s]+)\)")
 
@@ -77,6 +78,8 @@ class Headings:
 
 def translated_text(document, headings, text):
     text = CODE.sub(translated_code, text.replace("\\", "\\\\"))
+    # Between two asterisks it sees no code.
+    text = STRONG.sub(r"<b>\1</b>", text)
     text = HEADING.sub(headings, text)
     return LINK.sub(lambda link: translated_link(document, link), text)
 
