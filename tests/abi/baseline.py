@@ -34,8 +34,8 @@ def build(source, folder):
     run(
         os.environ["CMAKE"], "-S", source, "-B", folder, "-G", "Ninja",
         f"-DCMAKE_CXX_COMPILER={os.environ['CXX']}", "-DCMAKE_BUILD_TYPE=Release",
-        "-DCMAKE_CXX_FLAGS=-g", "-DZANCGI_BUILD_TESTS=OFF", "-DZANCGI_BUILD_EXAMPLES=OFF",
-        "-DZANCGI_INSTALL=OFF",
+        "-DCMAKE_CXX_FLAGS=-g", "-DZANCGI_INSTALL=OFF", "-DZANCGI_BUILD_TESTS=OFF",
+        "-DZANCGI_BUILD_EXAMPLES=OFF", "-DZANCGI_BUILD_TESTKIT=OFF",
     )  # fmt: skip
     run(os.environ["CMAKE"], "--build", folder, "--target", *LIBRARIES)
     return {name: pathlib.Path(folder) / "src" / name / f"lib{name}.so" for name in LIBRARIES}
