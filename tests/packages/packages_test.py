@@ -27,6 +27,16 @@ OURS = {
 # Not for installing, but for whoever looks into a core.
 OF_DEBUGGERS = {"libtov1-dbgsym", "libzancgi1-dbgsym"}
 
+# A package of a base library that is not ours.
+SITE = "site-tov"
+SITE_CONTROL = f"""\
+Package: {SITE}
+Version: 5.2
+Architecture: amd64
+Maintainer: the site <site@example.org>
+Description: base library of this site
+"""
+
 # What any work with apt changes.
 OF_APT = ("var/cache", "var/lib/apt", "var/lib/dpkg", "var/log", "tmp", "var/tmp")
 
@@ -97,16 +107,25 @@ class Machine:
     def install(self, *packages):
         self.run("apt-get", "install", "--yes", "--no-install-recommends", *packages)
 
+    def installed(self):
+        listing = self.run("dpkg-query", "--show", "--showformat=${Package} ${db:Status-Status}\n")
+        return set(re.findall(r"^(\S+) installed$", listing, re.MULTILINE))
+
     def purge(self, *packages):
-        self.run("apt-get", "purge", "--yes", *packages)
+        """Of packages that are not there, nothing."""
+        self.run("dpkg", "--purge", *packages)
+
+    def shell(self, commands):
+        self.run("sh", "-ec", commands)
+
+    def build(self, tree, profiles):
+        """Has packages built with what they ask for, and no more."""
+        self.run("apt-get", "build-dep", "--yes", "--no-install-recommends",
+                 "--build-profiles", profiles, tree)  # fmt: skip
+        self.shell(f"cd {tree} && dpkg-buildpackage --build=binary --build-profiles={profiles}")
 
     def add(self, source, target):
-        """A copy of a file or folder."""
-        target = self.root / target
-        if source.is_dir():
-            shutil.copytree(source, target, symlinks=True)
-        else:
-            shutil.copy(source, target)
+        shutil.copy(source, self.root / target)
 
     def files(self):
         """Every path but those that apt itself changes."""
@@ -187,8 +206,7 @@ class FreshMachineTest(PackagesTest):
         self.machine.install(*(f"/debs/{name}.deb" for name in OURS))
 
     def tearDown(self):
-        self.machine.purge(*OURS)
-        self.machine.run("apt-get", "autopurge", "--yes")
+        self.machine.purge(*OURS, SITE)
 
     def assert_folder(self, name, mode):
         status = (self.machine.root / name).lstat()
@@ -201,7 +219,7 @@ class FreshMachineTest(PackagesTest):
 
     def test_purging_leaves_nothing_behind(self):
         (self.machine.root / "var/spool/zancgi/zantempAAAAAA").touch()
-        self.tearDown()
+        self.machine.run("apt-get", "purge", "--yes", *OURS)
         self.assertEqual(self.machine.files() - self.before, set())
 
     def test_removing_keeps_uploads_and_running_back_ends(self):
@@ -216,11 +234,69 @@ class FreshMachineTest(PackagesTest):
         self.assertTrue(socket.exists())
         socket.unlink()
 
+    def test_a_base_library_of_the_site_takes_the_place_of_ours(self):
+        self.install_site("Provides: libtov-implementation-dev", "Conflicts: libtov-implementation-dev")
+        # Front ends run on.
+        kept = OURS - {"libtov-dev", "libzancgi-dev"} | {SITE}
+        self.assertEqual(self.machine.installed() & (OURS | {SITE}), kept)
+
+    def test_of_two_base_libraries_with_one_soname_one_is_installed(self):
+        self.install_site("Provides: libtov-implementation-1", "Conflicts: libtov-implementation-1")
+        kept = {SITE, "zancgi-doc", "zancgi-tools"}
+        self.assertEqual(self.machine.installed() & (OURS | {SITE}), kept)
+
+    def test_the_product_is_packaged_on_a_base_library_of_the_site(self):
+        self.machine.install("build-essential")
+        self.install_site("Provides: libtov-implementation-dev", "Conflicts: libtov-implementation-dev")
+        build = self.machine.root / "site-build"
+        self.extract_source(build / "zancgi")
+        changelog = build / "zancgi" / "debian" / "changelog"
+        text = changelog.read_text()
+        changelog.write_text(text.replace("-1)", "-1+site)", 1))
+        self.machine.build("/site-build/zancgi", "pkg.zancgi.systemtov,nocheck")
+
+        made = {path.name.partition("_")[0]: path for path in build.glob("*.deb")}
+        self.assertEqual(set(made) & OURS, OURS - {"libtov1", "libtov-dev"})
+        self.machine.install(*(f"/site-build/{made[name].name}" for name in set(made) & OURS))
+        self.assertIn("libtov1", self.machine.installed())
+        self.machine.purge("libtov1")
+        self.assertIn(SITE, fields_of(made["libzancgi1"])["Depends"])
+
+        front = SOURCE / "tests" / "packages" / "interrupted_upload.cpp"
+        self.machine.add(front, "site-build/front.cpp")
+        self.machine.shell(
+            "cd /site-build && g++ front.cpp -o front $(pkg-config --cflags --libs zancgi)"
+        )
+        libraries = self.machine.run("ldd", "/site-build/front")
+        self.assertRegex(libraries, r"libtov\.so\.5 => /")
+        self.assertNotIn("libtov.so.1", libraries)
+
+    def install_site(self, *fields):
+        """A package of another base library, with these fields of its own."""
+        tree = self.machine.root / "site"
+        self.addCleanup(shutil.rmtree, tree)
+        (tree / "DEBIAN").mkdir(parents=True)
+        (tree / "DEBIAN" / "control").write_text(SITE_CONTROL + "".join(f"{f}\n" for f in fields))
+        (tree / "DEBIAN" / "shlibs").write_text(f"libtov 5 {SITE}\n")
+        library = tree / "usr" / "lib" / "x86_64-linux-gnu"
+        library.mkdir(parents=True)
+        source = SOURCE / "tests" / "system_tov" / "site"
+        shutil.copytree(source / "include", tree / "usr" / "include")
+        run("g++", "-std=c++20", "-shared", "-fPIC", "-fvisibility-inlines-hidden",
+            f"-I{source / 'include'}", str(source / "site.cpp"),
+            "-Wl,-soname,libtov.so.5", "-o", str(library / "libtov.so.5"))  # fmt: skip
+        (library / "libtov.so").symlink_to("libtov.so.5")
+        run("dpkg-deb", "--root-owner-group", "--build", str(tree),
+            str(self.machine.root / "debs" / "site.deb"))  # fmt: skip
+        self.machine.install("/debs/site.deb")
+
+    def extract_source(self, folder):
+        folder.parent.mkdir(exist_ok=True)
+        (description,) = self.made.glob("*.dsc")
+        run("dpkg-source", "--extract", str(description), str(folder))
+
     def test_front_ends_are_built_and_run_and_the_tools_work(self):
-        tree = self.folder / "tree"
-        tree.mkdir()
-        run("dpkg-source", "--extract", *map(str, self.made.glob("*.dsc")), str(tree / "zancgi"))
-        self.machine.add(tree / "zancgi", "zancgi")
+        self.extract_source(self.machine.root / "zancgi")
         # Prints what has failed.
         self.machine.run("autopkgtest", "--no-built-binaries", "/zancgi", "--", "null")
 
