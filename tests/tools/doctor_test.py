@@ -335,6 +335,24 @@ class IdentityTest(DoctorTest):
         message = f"What user 'root' may do cannot be checked with the rights of user {name}."
         self.expect(report, "identity.rights", "unchecked", message, "Run zancgi-doctor as root.")
 
+    @AS_OTHERS
+    def test_hidden_from_oneself(self):
+        """The front end's user may see what the caller does not."""
+        path = self.make_folder("closed", 0) / "file"
+        for check, option in (
+            ("run-dir.exists", "--run-dir"),
+            ("tmp-dir.exists", "--tmp-dir"),
+            ("program.file", "--program"),
+        ):
+            group = check.partition(".")[0]
+            report = self.examine(group, option, path, "--as", "root")
+            message = f"'{path}' cannot be looked at: Permission denied."
+            self.expect(report, check, "unchecked", message, "Run zancgi-doctor as root.")
+            states = {found["state"] for found in report.json["checks"]}
+            self.assertLessEqual(states, {"ok", "unchecked"})
+            report = self.examine(check, option, path)
+            self.assertEqual(report.findings(check)[0]["state"], "failure")
+
     @AS_ROOT
     def test_rights_are_really_given_up(self):
         """Group and further groups too."""
