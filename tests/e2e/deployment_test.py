@@ -101,8 +101,10 @@ def become():
     time.sleep(1000)
 
 def note(text):
-    with open(sys.argv[1] + "/" + name, "w") as notes:
+    path = sys.argv[1] + "/" + name
+    with open(path + ".new", "w") as notes:
         notes.write(f"{os.getpid()} {text}")
+    os.rename(path + ".new", path)
 
 action, _, value = os.environ["QUERY_STRING"].removeprefix("probe=").partition("&")
 name, _, value = value.partition("&")
@@ -284,9 +286,8 @@ class Machine:
         options = {"env": environment}
         if listener:
             options["pass_fds"] = [listener.fileno()]
-            # Becomes descriptor 3 of a process that is told its own number.
-            takeover = f'LISTEN_PID=$$ LISTEN_FDS=1 exec "$@" 3<&{listener.fileno()}'
-            command = ["/bin/sh", "-c", takeover, "sh", *command]
+            taker = ("/usr/bin/python3", "-IBc", TAKE_SOCKET, str(listener.fileno()))
+            command = [*taker, *command]
         return self.run(command, **options)
 
     def _moved(self, text):
@@ -381,6 +382,15 @@ def web_ids():
     account = pwd.getpwnam(WEB)
     return account.pw_uid, account.pw_gid
 
+
+# Runs a command with a socket of systemd's, which has one number for it.
+TAKE_SOCKET = """
+import os, sys
+number, command = int(sys.argv[1]), sys.argv[2:]
+os.dup2(number, 3)
+os.environ.update(LISTEN_FDS="1", LISTEN_PID=str(os.getpid()))
+os.execvp(command[0], command)
+"""
 
 # Allows a command these system calls only, and sockets of these families only.
 FILTER = """
@@ -695,7 +705,7 @@ class SiteTest:
         run = slow_runs()[self.kind, "spin"].result()
         # The kernel counts in ticks, and less exactly than the program.
         self.assertGreater(float(run.note), PROCESSOR_LIMIT * 0.5)
-        self.assertLess(float(run.note), PROCESSOR_LIMIT * 1.5)
+        self.assertLess(run.seconds, TIME_LIMIT - 1)
         self.assertIn(run.status, self.statuses_at_the_end)
         self.assertTrue(run.has_ended)
 
@@ -721,14 +731,20 @@ class SlowRun:
 @functools.cache
 def slow_runs():
     """All of them side by side: each takes as long as the limits are."""
-    actions = ("wait", "wait_stubbornly", "spin")
-    workers = concurrent.futures.ThreadPoolExecutor(len(SITES) * len(actions))
+    workers = concurrent.futures.ThreadPoolExecutor(len(SITES) * 2 + 1)
     runs = {
         (kind, action): workers.submit(SlowRun, site(kind), action)
         for kind in SITES
-        for action in actions
+        for action in ("wait", "wait_stubbornly")
     }
-    workers.shutdown(wait=False)
+    if IS_ROOT:
+        ids = f"{UID}&{GID}"
+        runs["become"] = workers.submit(SlowRun, privileged_site(NginxSite), "become", ids)
+    # One after the other: it takes them longer side by side.
+    spinner = concurrent.futures.ThreadPoolExecutor(1)
+    runs |= {(kind, "spin"): spinner.submit(SlowRun, site(kind), "spin") for kind in SITES}
+    for pool in (workers, spinner):
+        pool.shutdown(wait=False)
     return runs
 
 
@@ -819,7 +835,7 @@ class PrivilegedNginxTest(PrivilegedSiteTest, unittest.TestCase):
 
     @needs_root
     def test_one_that_has_become_an_account_and_never_ends_is_ended(self):
-        run = SlowRun(self.site, "become", f"{UID}&{GID}")
+        run = slow_runs()["become"].result()
         self.assertGreater(run.seconds, TIME_LIMIT - 1)
         self.assertLess(run.seconds, TIME_LIMIT + 20)
         self.assertTrue(run.has_ended)
