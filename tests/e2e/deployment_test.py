@@ -360,7 +360,8 @@ class Machine:
         front = shutil.copy(os.environ["FRONT"], self.at("/opt/panel/lib/front"))
         shutil.copytree(PANEL / "www", self.at("/opt/panel/www"), dirs_exist_ok=True)
         back_end = self.at("/opt/panel/backend.py")
-        back_end.write_text((PANEL / "backend.py").read_text() + SLOW_BACK_END.replace("{notes}", str(self.at("/notes"))))
+        slow = SLOW_BACK_END.replace("{notes}", str(self.at("/notes")))
+        back_end.write_text((PANEL / "backend.py").read_text() + slow)
         self.accounts = Accounts(self.at("/home"))
         wrappers = NAMES_ONLY if IS_ROOT else NAMES_AND_IDS
         front = self.accounts.front(front, wrappers, LD_LIBRARY_PATH=libraries)
@@ -880,12 +881,14 @@ class PrivilegedApacheTest(PrivilegedSiteTest, unittest.TestCase):
 class PrivilegedNginxTest(PrivilegedSiteTest, unittest.TestCase):
     kind = NginxSite
 
+    def set_up_panel(self, variables):
+        documented = "PANEL_CONFINE= PANEL_PAM= "
+        self.machine.edit(LAUNCHER, documented, variables)
+        self.addCleanup(self.machine.edit, LAUNCHER, variables, documented)
+
     @needs_root
     def test_the_account_can_be_confined_and_have_a_session(self):
-        self.machine.edit(LAUNCHER, "PANEL_CONFINE= PANEL_PAM= ", "PANEL_CONFINE=/files PANEL_PAM=1 ")
-        self.addCleanup(
-            self.machine.edit, LAUNCHER, "PANEL_CONFINE=/files PANEL_PAM=1 ", "PANEL_CONFINE= PANEL_PAM= "
-        )
+        self.set_up_panel("PANEL_CONFINE=/files PANEL_PAM=1 ")
         home = self.visitor.home
         os.chown(home, 0, 0)
         home.chmod(0o755)
@@ -897,8 +900,7 @@ class PrivilegedNginxTest(PrivilegedSiteTest, unittest.TestCase):
 
     @needs_root
     def test_a_session_is_opened(self):
-        self.machine.edit(LAUNCHER, " PANEL_PAM= ", " PANEL_PAM=1 ")
-        self.addCleanup(self.machine.edit, LAUNCHER, " PANEL_PAM=1 ", " PANEL_PAM= ")
+        self.set_up_panel("PANEL_CONFINE= PANEL_PAM=1 ")
         log = self.machine.at("/var/log/panel/front.log")
         before = log.read_text()
         self.assertEqual(self.visitor.page("home").status, 200)
