@@ -17,7 +17,7 @@ import time
 
 from panel_server import PANEL, wait_for
 from scaling_hosts import NamespaceHost
-from scaling_site import HERE, Load, Site, WebServer, block, replaced
+from scaling_site import Load, Site, WebServer, back_end_command
 
 ROUNDS = 10
 VISITS_PER_ROUND = 400
@@ -40,18 +40,12 @@ class NearBackEnd:
     def __init__(self, site):
         self.run_dir = site.make_folder("near")
         self.socket = self.run_dir / "panel.sock"
-        shown = {
-            "192.0.2.11:9000": self.socket,
-            "/srv/panel/backend.py": HERE / "scaling_backend.py",
-        }
-        configuration = self.run_dir / "uwsgi.ini"
-        configuration.write_text(replaced(block("ini"), shown))
         host = site.web_hosts[0].host
         self.service = site.start_service(
             host,
             self.run_dir,
             "uwsgi",
-            ["uwsgi", "--ini", configuration],
+            back_end_command(self.socket, self.run_dir),
             HOST="near",
             ASKED=str(self.run_dir / "asked"),
             SECONDS="0",
@@ -154,6 +148,8 @@ def tell_processor_time(site, kind):
         "HAProxy": web_host.proxy,
         "uWSGI": site.back_ends[0].service,
     }
+    if site.is_secure:
+        services["HAProxy of the back end"] = site.back_ends[0].proxy
     before = {name: processor_seconds(service) for name, service in services.items()}
     children = processor_seconds_of_children(services["lighttpd"])
     asked = len(site.back_ends[0].asked())
@@ -163,7 +159,7 @@ def tell_processor_time(site, kind):
     asked = len(site.back_ends[0].asked()) - asked
     for name, service in services.items():
         spent = processor_seconds(service) - before[name]
-        count = asked if name == "uWSGI" else visits
+        count = visits if service in (web_host.web_server.service, web_host.proxy) else asked
         tell(f"processor microseconds a visit, {name}, {kind}", f"{1e6 * spent / count:.0f}")
     spent = processor_seconds_of_children(services["lighttpd"]) - children
     tell(f"processor microseconds a visit, front end, {kind}", f"{1e6 * spent / visits:.0f}")

@@ -24,10 +24,11 @@ from scaling_hosts import BOUND_TO_US, new_network
 from web_servers import LIBRARIES, end_session
 
 HERE = pathlib.Path(__file__).resolve().parent
-DOCUMENT = pathlib.Path(os.environ["SOURCE"]) / "docs" / "scaling.md"
+DOCUMENTS = pathlib.Path(os.environ["SOURCE"]) / "docs"
 FRONT = os.environ["README_FRONT"]
 BACK_ENDS = ("back1", "back2", "back3")
 WEB_HOSTS = 2
+WORKERS = "8"
 # Of the servers that need no rights of their own.
 ACCOUNT = "www-data"
 # As in the document.
@@ -39,10 +40,27 @@ SESSIONS = itertools.count()
 FOR_ROOT = re.compile(r"^ *(?:chroot|user|group) .*\n", re.M)
 
 
-def block(language, number=0):
-    """A configuration that the document shows."""
-    found = re.findall(rf"^```{language}\n(.*?)^```", DOCUMENT.read_text(), re.S | re.M)
-    return found[number]
+def document(name):
+    return (DOCUMENTS / f"{name}.md").read_text()
+
+
+def block(label, number=0, name="scaling"):
+    """A configuration that a document shows: of those that are labelled so, the
+    one with the number."""
+    pattern = rf"^```{re.escape(label)}\b[^\n]*\n(.*?)^```"
+    return re.findall(pattern, document(name), re.S | re.M)[number]
+
+
+def back_end_command(socket_path, folder):
+    """uWSGI with the configuration that the document on deployment shows, and
+    the socket that systemd would hand it."""
+    configuration = folder / "uwsgi.ini"
+    shown = {"/opt/panel/backend.py": HERE / "scaling_backend.py"}
+    configuration.write_text(replaced(block("uwsgi", 0, "deployment"), shown))
+    unit = block("systemd /etc/systemd/system/panel-backend.socket.d")
+    backlog = re.search(r"^Backlog=(\d+)$", unit, re.M).group(1)
+    own = ["--socket", socket_path, "--listen", backlog, "--workers", WORKERS, "--no-orphans"]
+    return ["uwsgi", "--ini", configuration, *own]
 
 
 def proxy_configuration(is_secure):
@@ -124,17 +142,11 @@ class BackEnd:
         return f"{self.host.address}:{port}"
 
     def start(self):
-        shown = {
-            f"192.0.2.11:{CLEAR_PORT}": f"{self._inner_address()}:{self.port}",
-            "/srv/panel/backend.py": HERE / "scaling_backend.py",
-        }
-        configuration = self.folder / "uwsgi.ini"
-        configuration.write_text(replaced(block("ini"), shown))
         self.service = self.site.start_service(
             self.host,
             self.folder,
             "uwsgi",
-            ["uwsgi", "--ini", configuration],
+            back_end_command(f"{self._inner_address()}:{self.port}", self.folder),
             HOST=self.name,
             ASKED=str(self.folder / "asked"),
             SECONDS=str(self.site.seconds),

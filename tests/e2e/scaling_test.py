@@ -9,7 +9,7 @@ import unittest
 
 from panel_server import wait_for
 from scaling_hosts import can_make_namespaces
-from scaling_site import Load, Site, block
+from scaling_site import Load, Site, block, document
 
 VISITS = 5_000
 FEWER_VISITS = 900
@@ -137,6 +137,20 @@ class ScalingTest(SiteTest):
             answer = web_host.proxy_command(f"set server panel/{self.back_end.name} state {state}")
             self.assertEqual(answer.strip(), "")
 
+    def test_without_any_back_end_visitors_are_told_at_once(self):
+        self.load.stop()
+        for back_end in self.site.back_ends:
+            back_end.service.kill()
+        for web_host in self.site.web_hosts:
+            wait_for(lambda: web_host.back_ends_up() == 0)
+            began = time.monotonic()
+            status, page = web_host.web_server.visit("visit-in-vain")
+            self.assertEqual(status, 403)
+            self.assertIn("back end &#39;panel&#39;", page)
+            self.assertLess(time.monotonic() - began, 2)
+        for back_end in self.site.back_ends:
+            back_end.start()
+
     def test_haproxy_gets_a_new_configuration(self):
         for web_host in self.site.web_hosts:
             self.load.wait_for_visits(FEWER_VISITS // 3)
@@ -144,6 +158,13 @@ class ScalingTest(SiteTest):
         self.load.wait_for_visits(FEWER_VISITS // 3)
         _, repeated = self.assert_none_failed()
         self.assertEqual(repeated, 0)
+
+
+class DocumentTest(unittest.TestCase):
+    def test_the_check_is_what_the_command_shown_makes(self):
+        command = re.search(r"^ *printf .*? tr .*?$", document("scaling"), re.S | re.M).group()
+        done = subprocess.run(["sh", "-c", command], capture_output=True, text=True, check=True)
+        self.assertEqual(done.stdout, CHECK.hex())
 
 
 class OverloadTest(SiteTest):
