@@ -12,7 +12,6 @@ import pathlib
 import pwd
 import re
 import shutil
-import signal
 import socket
 import subprocess
 import tempfile
@@ -110,16 +109,17 @@ class Service:
                 start_new_session=True,
             )
 
-    def kill(self):
-        kill(self.process)
-
     def signal(self, number):
         os.killpg(self.process.pid, number)
 
-    def stop(self):
+    def kill(self):
+        """Once is enough: then the number may be another process's."""
         if self.process.returncode is None:
-            self.signal(signal.SIGCONT)
-            end_session(self.process)
+            kill(self.process)
+
+    def stop(self):
+        """As for an upgrade."""
+        end_session(self.process)
 
 
 class BackEnd:
@@ -356,7 +356,7 @@ class Site:
 
     def stop(self):
         for service in reversed(self.services):
-            service.stop()
+            service.kill()
         self.network.remove()
         shutil.rmtree(self.folder)
 

@@ -1,9 +1,13 @@
 """Back ends that die, hang and go away while a site is under load: no visitor
 may notice more than a delay."""
 
+import os
+import pathlib
 import re
+import shutil
 import signal
 import subprocess
+import tempfile
 import time
 import unittest
 
@@ -165,6 +169,30 @@ class DocumentTest(unittest.TestCase):
         command = re.search(r"^ *printf .*? tr .*?$", document("scaling"), re.S | re.M).group()
         done = subprocess.run(["sh", "-c", command], capture_output=True, text=True, check=True)
         self.assertEqual(done.stdout, CHECK.hex())
+
+    def test_systemd_understands_the_drop_ins(self):
+        with tempfile.TemporaryDirectory(prefix="units-") as folder:
+            for path, text in shown_units():
+                file = pathlib.Path(folder, path)
+                file.parent.mkdir(exist_ok=True)
+                file.write_text(text)
+            shutil.copy("/lib/systemd/system/haproxy.service", folder)
+            done = subprocess.run(
+                ["systemd-analyze", "verify", "panel-backend.socket", "haproxy.service"],
+                env={**os.environ, "SYSTEMD_UNIT_PATH": f"{folder}:"},
+                capture_output=True,
+                text=True,
+                check=False,
+            )
+        complaints = [line for line in done.stderr.splitlines() if folder in line]
+        self.assertEqual(complaints, [])
+
+
+def shown_units():
+    """Paths below systemd's folder, and texts."""
+    pattern = r"^```systemd /etc/systemd/system/(\S+)\n(.*?)^```"
+    for name in ("deployment", "scaling"):
+        yield from re.findall(pattern, document(name), re.S | re.M)
 
 
 class OverloadTest(SiteTest):
