@@ -1554,18 +1554,19 @@ class TmpDirTest(DoctorTest):
         )
 
 
-def elf_file(needed=(), runpath="", rpath="", strings_at=None):
+def elf_file(needed=(), runpath="", rpath="", behind_the_end=()):
     """A 64-bit ELF file that has a dynamic section and nothing else."""
     strings = b"\0"
     entries = []
-    for tag, text in [(1, name) for name in needed] + [(29, runpath), (15, rpath)]:
+    wanted = [(1, name) for name in needed] + [(29, runpath), (15, rpath)]
+    for tag, text in [*wanted, (0, "end"), *((1, name) for name in behind_the_end)]:
         if text:
             entries.append((tag, len(strings)))
             strings += text.encode() + b"\0"
     table_at = 64 + 2 * 56
-    size = 16 * (len(entries) + 2)
-    entries.append((5, table_at + size if strings_at is None else strings_at))
-    table = b"".join(struct.pack("<qQ", *entry) for entry in [*entries, (0, 0)])
+    size = 16 * (len(entries) + 1)
+    entries.insert(0, (5, table_at + size))
+    table = b"".join(struct.pack("<qQ", *entry) for entry in entries)
     whole = table_at + size + len(strings)
     header = b"\x7fELF\x02\x01\x01" + bytes(9)
     header += struct.pack("<HHIQQQIHHHHHH", 3, 62, 1, 0, 64, 0, 0, 64, 56, 2, 0, 0, 0)
@@ -1772,6 +1773,11 @@ class ProgramTest(DoctorTest):
         )
         report = self.program_check("libraries")
         self.assertEqual(report.findings("program.libraries")[0]["state"], "failure")
+
+    def test_nothing_is_needed_behind_the_end_of_the_table(self):
+        self.program.write_bytes(elf_file(["libc.so.6"], behind_the_end=["libnone.so.9"]))
+        report = self.program_check("libraries")
+        self.assertEqual(report.findings("program.libraries")[0]["state"], "ok")
 
     def test_library_by_its_path(self):
         """Such a name is looked for nowhere else."""
