@@ -2,3 +2,13 @@ include(CMakeFindDependencyMacro)
 # The one that was installed with it, rather than another on the machine.
 find_dependency(tov CONFIG HINTS "${CMAKE_CURRENT_LIST_DIR}/../tov")
 include("${CMAKE_CURRENT_LIST_DIR}/zancgi-targets.cmake")
+# What front ends are tested with: zancgi::testing, where it was installed too.
+include("${CMAKE_CURRENT_LIST_DIR}/zancgi-testing-targets.cmake" OPTIONAL)
+foreach(component IN LISTS zancgi_FIND_COMPONENTS)
+  if(TARGET zancgi::${component})
+    set(zancgi_${component}_FOUND TRUE)
+  elseif(zancgi_FIND_REQUIRED_${component})
+    set(zancgi_FOUND FALSE)
+    set(zancgi_NOT_FOUND_MESSAGE "there is no zancgi::${component} in it")
+  endif()
+endforeach()

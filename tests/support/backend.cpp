@@ -13,8 +13,6 @@
 namespace support {
 namespace {
 
-using zan_cgi::testing::Step;
-
 Backend* followed = nullptr;
 
 [[noreturn]] void Fail(const std::string& what) {
@@ -65,9 +63,7 @@ void Backend::BecomeClient() {
 
 std::string Backend::TakeAttempt() {
   const std::size_t attempt = (*attempts_)++;
-  const bool refused = attempt >= Script().size() ||
-                       Script()[attempt].kind == Step::Kind::Refuse;
-  return refused ? deaf_path_ : SocketPath();
+  return RefusesAt(attempt) ? deaf_path_ : SocketPath();
 }
 
 }  // namespace support

@@ -1,22 +1,23 @@
 #include <zancgi/testing/backend.h>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <zancgi/testing/request.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
-#include <system_error>
+
+#include "system.h"
 
 namespace zan_cgi::testing {
 namespace {
-
-[[noreturn]] void Fail(const std::string& what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
 
 sockaddr_un AddressOf(const std::string& path) {
   sockaddr_un address{};
@@ -28,62 +29,68 @@ sockaddr_un AddressOf(const std::string& path) {
   return address;
 }
 
+/// A socket that a front end of any identity may connect to.
 int BoundSocket(const std::string& path) {
-  const int descriptor = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (descriptor < 0) Fail("socket");
+  Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!socket) Fail("socket");
   const sockaddr_un address = AddressOf(path);
-  if (::bind(descriptor, reinterpret_cast<const sockaddr*>(&address),
+  if (::bind(socket.Get(), reinterpret_cast<const sockaddr*>(&address),
              sizeof(address)) != 0) {
     Fail("bind " + path);
   }
-  return descriptor;
+  ::chmod(path.c_str(), 0777);
+  return socket.Release();
 }
 
-bool IsWholeNetstring(const std::string& text) {
-  const std::size_t colon = text.find(':');
-  if (colon == std::string::npos) return false;
-  return text.size() >= colon + 1 + std::stoul(text.substr(0, colon)) + 1;
-}
-
-/// Waits for a whole query and leaves it unread.
-std::string PeekNetstring(int connection) {
-  std::string text;
-  while (!IsWholeNetstring(text)) {
-    text.resize(text.size() + 65536);
-    const ssize_t count =
-        ::recv(connection, text.data(), text.size(), MSG_PEEK);
-    if (count <= 0) return "";
-    text.resize(static_cast<std::size_t>(count));
+/// Reads the length of a netstring and the colon behind it.
+std::string ReadLength(int connection) {
+  std::string length;
+  char byte;
+  while (::read(connection, &byte, 1) == 1) {
+    length.push_back(byte);
+    if (byte == ':') break;
   }
+  return length;
+}
+
+/// Reads a netstring up to its comma, which is awaited and stays: who closes a
+/// Unix socket with a byte unread resets its peer. What breaks off is returned
+/// as far as it came.
+std::string ReadUpToComma(int connection) {
+  std::string text = ReadLength(connection);
+  std::size_t left = std::strtoul(text.c_str(), nullptr, 10);
+  char piece[65536];
+  while (left > 0) {
+    const ssize_t count =
+        ::read(connection, piece, std::min(left, sizeof(piece)));
+    if (count <= 0) return text;
+    text.append(piece, static_cast<std::size_t>(count));
+    left -= static_cast<std::size_t>(count);
+  }
+  char comma;
+  if (::recv(connection, &comma, 1, MSG_PEEK) == 1) text.push_back(comma);
   return text;
 }
 
-/// Reads up to and including one netstring.
-std::string ReadNetstring(int connection) {
-  std::string text;
-  char piece[65536];
-  for (;;) {
-    if (IsWholeNetstring(text)) return text;
-    const ssize_t count = ::read(connection, piece, sizeof(piece));
-    if (count <= 0) return text;
-    text.append(piece, static_cast<std::size_t>(count));
-  }
+void TakeComma(int connection) {
+  char comma;
+  static_cast<void>(::recv(connection, &comma, 1, MSG_DONTWAIT));
 }
 
 Query ParseQuery(const std::string& raw) {
   Query query{raw, {}};
-  if (!IsWholeNetstring(raw)) return query;
+  if (raw.empty() || raw.back() != ',') return query;
   std::size_t at = raw.find(':') + 1;
   const std::size_t end = raw.size() - 1;
   const auto take = [&] {
-    const std::size_t zero = raw.find('\0', at);
+    const std::size_t zero = std::min(raw.find('\0', at), end);
     const std::string item = raw.substr(at, zero - at);
     at = zero + 1;
     return item;
   };
   while (at < end) {
     std::string name = take();
-    std::string value = take();
+    std::string value = at < end ? take() : "";
     query.variables.emplace_back(std::move(name), std::move(value));
   }
   return query;
@@ -104,6 +111,7 @@ void SendAll(int connection, const std::string& text, std::size_t piece) {
 Step Refuse() { return {Step::Kind::Refuse, ""}; }
 Step Reset() { return {Step::Kind::Reset, ""}; }
 Step CloseSilently() { return {Step::Kind::CloseSilently, ""}; }
+Step StaySilent() { return {Step::Kind::StaySilent, ""}; }
 Step Answer(std::string text) { return {Step::Kind::Answer, std::move(text)}; }
 Step AnswerByteByByte(std::string text) {
   return {Step::Kind::AnswerByteByByte, std::move(text)};
@@ -125,8 +133,19 @@ bool Query::Has(const std::string& name) const {
       [&](const auto& variable) { return variable.first == name; });
 }
 
+std::string Query::Item(const std::string& name) const {
+  for (const auto& [key, value] : FromUrlEncoded((*this)["QUERY_STRING"])) {
+    if (key == name) return value;
+  }
+  return "";
+}
+
 Backend::Backend(std::string name)
-    : name_(std::move(name)), socket_path_(run_dir_ / (name_ + ".sock")) {}
+    : name_(std::move(name)), socket_path_(run_dir_ / (name_ + ".sock")) {
+  ::chmod(run_dir_.Path().c_str(), 0755);
+  // As of a service that has crashed: there, but nobody listens.
+  ::close(BoundSocket(socket_path_));
+}
 
 Backend::~Backend() { StopListening(); }
 
@@ -140,8 +159,30 @@ Backend& Backend::Times(std::size_t count, const Step& step) {
   return *this;
 }
 
-bool Backend::Refuses() const {
-  return next_ == script_.size() || script_[next_].kind == Step::Kind::Refuse;
+Backend& Backend::On(const std::string& function, Step step) {
+  if (step.kind == Step::Kind::Refuse) {
+    throw std::invalid_argument("a query that is read cannot be refused");
+  }
+  rules_.insert_or_assign(function, std::move(step));
+  return *this;
+}
+
+Backend& Backend::Otherwise(std::function<Step(const Query&)> rule) {
+  otherwise_ = std::move(rule);
+  return *this;
+}
+
+bool Backend::RefusesAt(std::size_t step) const {
+  return step < script_.size() ? script_[step].kind == Step::Kind::Refuse
+                               : !HasRules();
+}
+
+Step Backend::RuleFor(const Query& query) {
+  const auto rule = rules_.find(query.Item("func"));
+  if (rule != rules_.end()) return rule->second;
+  if (otherwise_) return otherwise_(query);
+  unexpected_.push_back(query);
+  return CloseSilently();
 }
 
 void Backend::Listen() {
@@ -151,13 +192,12 @@ void Backend::Listen() {
 }
 
 void Backend::StopListening() {
-  if (listener_ < 0) return;
-  ::close(listener_);
+  if (listener_ >= 0) ::close(listener_);
   listener_ = -1;
 }
 
 void Backend::BeginRun() {
-  if (!ClosesToRefuse() || !Refuses()) Listen();
+  if (!ClosesToRefuse() || !RefusesAt(next_)) Listen();
 }
 
 void Backend::BecomeClient() {
@@ -166,42 +206,57 @@ void Backend::BecomeClient() {
 
 void Backend::EndRun() {
   StopListening();
-  if (ClosesToRefuse() && Refuses() && next_ < script_.size()) ++next_;
+  for (const int connection : silent_) ::close(connection);
+  silent_.clear();
+  const bool has_refused = next_ < script_.size() && RefusesAt(next_);
+  if (ClosesToRefuse() && has_refused) ++next_;
 }
 
-bool Backend::ServeUntilExit(int process_descriptor,
-                             std::chrono::milliseconds limit) {
+void Backend::ServeUntil(int descriptor) {
   for (;;) {
     // A descriptor below 0 is none to poll(2).
-    pollfd events[] = {{listener_, POLLIN, 0}, {process_descriptor, POLLIN, 0}};
-    if (::poll(events, 2, static_cast<int>(limit.count())) <= 0) return false;
+    pollfd events[] = {{listener_, POLLIN, 0}, {descriptor, POLLIN, 0}};
+    if (::poll(events, 2, -1) < 0 && errno != EINTR) Fail("poll");
     if ((events[0].revents & POLLIN) != 0) {
       ServeOne();
-    } else if ((events[1].revents & POLLIN) != 0) {
-      return true;
+    } else if (events[1].revents != 0) {
+      return;
     }
   }
 }
 
 void Backend::ServeOne() {
-  while (script_.at(next_).kind == Step::Kind::Refuse) ++next_;
-  const Step& step = script_[next_++];
-  const int connection = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-  if (connection < 0) Fail("accept");
-  // Before the client can come again.
-  if (ClosesToRefuse() && Refuses()) StopListening();
-  if (step.kind == Step::Kind::Reset) {
-    // A Unix socket resets its peer when it is closed with data unread.
-    pollfd readable{connection, POLLIN, 0};
-    ::poll(&readable, 1, -1);
-  } else {
-    const bool unread = step.kind == Step::Kind::AnswerThenReset;
-    queries_.push_back(ParseQuery(unread ? PeekNetstring(connection)
-                                         : ReadNetstring(connection)));
-    const bool bytewise = step.kind == Step::Kind::AnswerByteByByte;
-    SendAll(connection, step.answer, bytewise ? 1 : 65536);
+  while (next_ < script_.size() && RefusesAt(next_)) ++next_;
+  const Descriptor connection(
+      ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC));
+  if (!connection) Fail("accept");
+  if (next_ == script_.size()) {
+    queries_.push_back(ParseQuery(ReadUpToComma(connection.Get())));
+    return Treat(RuleFor(queries_.back()), connection.Get());
   }
-  ::close(connection);
+  const Step& step = script_[next_++];
+  // Before the client can come again.
+  if (ClosesToRefuse() && RefusesAt(next_)) StopListening();
+  if (step.kind == Step::Kind::Reset) {
+    pollfd readable{connection.Get(), POLLIN, 0};
+    ::poll(&readable, 1, -1);
+    return;
+  }
+  queries_.push_back(ParseQuery(ReadUpToComma(connection.Get())));
+  Treat(step, connection.Get());
+}
+
+/// With the comma of the query still unread.
+void Backend::Treat(const Step& step, int connection) {
+  const bool resets = step.kind == Step::Kind::Reset ||
+                      step.kind == Step::Kind::AnswerThenReset;
+  if (!resets) TakeComma(connection);
+  if (step.kind == Step::Kind::StaySilent) {
+    silent_.push_back(::fcntl(connection, F_DUPFD_CLOEXEC, 0));
+    return;
+  }
+  const bool bytewise = step.kind == Step::Kind::AnswerByteByByte;
+  SendAll(connection, step.answer, bytewise ? 1 : 65536);
 }
 
 }  // namespace zan_cgi::testing

@@ -3,26 +3,22 @@
 #include <cxxabi.h>
 #include <dirent.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <sanitizer/lsan_interface.h>
-#include <signal.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <zancgi/testing/backend.h>
 #include <zancgi/testing/input.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
-#include <system_error>
 #include <tuple>
+
+#include "supervision.h"
+#include "system.h"
 
 // Only a program that is built with the sanitizer has it.
 #pragma weak __lsan_do_recoverable_leak_check
@@ -32,42 +28,7 @@ namespace {
 
 constexpr int kLeakStatus = 99;
 constexpr int kFailedStatus = 95;
-constexpr char kMark[] = "mark: ";
-constexpr std::size_t kTimeSize = sizeof("2026-11-21T12:00:00Z ") - 1;
-
-int AnonymousFile(const char* name) {
-  const int descriptor = ::memfd_create(name, MFD_CLOEXEC);
-  if (descriptor < 0) {
-    throw std::system_error(errno, std::generic_category(), "memfd_create");
-  }
-  // The body may close or reopen the low descriptors.
-  const int high = ::fcntl(descriptor, F_DUPFD_CLOEXEC, 100);
-  ::close(descriptor);
-  return high;
-}
-
-std::string ContentOf(int descriptor) {
-  std::string content;
-  char piece[65536];
-  off_t at = 0;
-  for (;;) {
-    const ssize_t count = ::pread(descriptor, piece, sizeof(piece), at);
-    if (count <= 0) break;
-    content.append(piece, static_cast<std::size_t>(count));
-    at += count;
-  }
-  ::close(descriptor);
-  return content;
-}
-
-void WriteAll(int descriptor, const std::string& text) {
-  for (std::size_t at = 0; at < text.size();) {
-    const ssize_t count =
-        ::write(descriptor, text.data() + at, text.size() - at);
-    if (count < 0) ::_exit(98);
-    at += static_cast<std::size_t>(count);
-  }
-}
+constexpr int kUnreportedStatus = 98;
 
 /// What a report consists of: "kind:name-size:value-size:name value".
 void WriteRecord(int descriptor, char kind, const std::string& name,
@@ -75,7 +36,7 @@ void WriteRecord(int descriptor, char kind, const std::string& name,
   std::ostringstream record;
   record << kind << ' ' << name.size() << ' ' << value.size() << ' ' << name
          << value;
-  WriteAll(descriptor, record.str());
+  if (!WriteAll(descriptor, record.str())) ::_exit(kUnreportedStatus);
 }
 
 /// Which file each descriptor is open on, and how /proc/self/fd lists it. The
@@ -183,67 +144,14 @@ void ParseReport(const std::string& report, Outcome& outcome) {
   }
 }
 
-int LevelByName(const std::string& name) {
-  static const char* const kNames[] = {
-      "emergency", "alert", "critical", "error", "warning",
-      "notice",    "info",  "query",    "trace", "debug"};
-  const auto* found = std::find(std::begin(kNames), std::end(kNames), name);
-  return found == std::end(kNames)
-             ? -2
-             : static_cast<int>(found - std::begin(kNames));
-}
-
-/// Lines of other origin, such as a sanitizer's, are no log lines.
-std::vector<LogLine> ParseLog(const std::string& text) {
-  std::vector<LogLine> log;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) {
-    if (line.starts_with(kMark)) {
-      log.push_back({-1, line.substr(sizeof(kMark) - 1)});
-      continue;
-    }
-    // A log that goes to a regular file has the time in front.
-    const std::size_t module = line.find("zancgi[");
-    const std::size_t core = line.find("] core ");
-    if (module > kTimeSize || core == std::string::npos) continue;
-    const std::size_t level = core + 7;
-    const std::size_t colon = line.find(": ", level);
-    log.push_back({LevelByName(line.substr(level, colon - level)),
-                   line.substr(colon + 2)});
-  }
-  return log;
-}
-
-int ExitStatus(int wait_status) {
-  return WIFEXITED(wait_status) ? WEXITSTATUS(wait_status)
-                                : 128 + WTERMSIG(wait_status);
-}
-
-bool WaitForExit(int process_descriptor, std::chrono::milliseconds limit) {
-  pollfd event{process_descriptor, POLLIN, 0};
-  return ::poll(&event, 1, static_cast<int>(limit.count())) == 1;
-}
-
 }  // namespace
 
-void PrintTo(const LogLine& line, std::ostream* out) {
-  *out << line.level << ' ' << line.text;
-}
-
 std::vector<std::string> Outcome::Logged(int level) const {
-  std::vector<std::string> texts;
-  for (const LogLine& line : log) {
-    if (line.level == level) texts.push_back(line.text);
-  }
-  return texts;
+  return TextsOf(log, level);
 }
 
 void Told::operator()(const std::string& name, const std::string& value) const {
   WriteRecord(descriptor_, 't', name, value);
-}
-
-void Mark(const std::string& text) {
-  WriteAll(STDERR_FILENO, kMark + text + "\n");
 }
 
 void NoticeFailuresBy(bool (*has_failed_now)()) { has_failed = has_failed_now; }
@@ -252,6 +160,12 @@ void LeaveOutLeakCheck() { leak_check_left_out = true; }
 
 Child& Child::Env(const std::string& name, const std::string& value) {
   environment_.emplace_back(name, value);
+  return *this;
+}
+
+Child& Child::Serve(const Request& request) {
+  for (const auto& [name, value] : request.Environment()) Env(name, value);
+  request_ = request;
   return *this;
 }
 
@@ -285,17 +199,7 @@ Child& Child::With(Backend& backend) {
   return *this;
 }
 
-void Child::BecomeReader() const {
-  if (input_ != nullptr) {
-    input_->BecomeStandardInput();
-    return;
-  }
-  const int nothing = ::open("/dev/null", O_RDONLY);
-  ::dup2(nothing, STDIN_FILENO);
-  ::close(nothing);
-}
-
-void Child::BecomeChild(const Body& body, int report,
+void Child::BecomeChild(const Body& body, const Input& input, int report,
                         int standard_error) const {
   ::clearenv();
   if (backend_ != nullptr) {
@@ -306,7 +210,7 @@ void Child::BecomeChild(const Body& body, int report,
   for (const auto& [name, value] : environment_) {
     ::setenv(name.c_str(), value.c_str(), 1);
   }
-  BecomeReader();
+  input.BecomeStandardInput();
   ::dup2(standard_error, STDERR_FILENO);
   ::fcntl(STDERR_FILENO, F_SETFL, O_APPEND);
   if (!work_dir_.empty() && ::chdir(work_dir_.c_str()) != 0) ::_exit(97);
@@ -327,33 +231,20 @@ void Child::BecomeChild(const Body& body, int report,
 }
 
 Outcome Child::Run(const Body& body) const {
-  const int report = AnonymousFile("report");
-  const int standard_error = AnonymousFile("standard error");
-  std::fflush(nullptr);
-  if (backend_ != nullptr) backend_->BeginRun();
-  const pid_t process = ::fork();
-  if (process < 0) {
-    throw std::system_error(errno, std::generic_category(), "fork");
-  }
-  if (process == 0) BecomeChild(body, report, standard_error);
-  if (input_ != nullptr) input_->Feed();
-
-  const int process_descriptor =
-      static_cast<int>(::syscall(SYS_pidfd_open, process, 0));
-  const bool ended =
-      backend_ != nullptr
-          ? backend_->ServeUntilExit(process_descriptor, time_limit_)
-          : WaitForExit(process_descriptor, time_limit_);
-  if (!ended) ::kill(process, SIGKILL);
-  int wait_status = 0;
-  ::waitpid(process, &wait_status, 0);
-  ::close(process_descriptor);
-  if (backend_ != nullptr) backend_->EndRun();
+  const Descriptor report = AnonymousFile("report");
+  const Descriptor standard_error = AnonymousFile("standard error");
+  const Input own = request_ ? request_->StandardInput() : Input::Nothing();
+  const Input& input = input_ != nullptr ? *input_ : own;
+  const Ending ending = Supervise({backend_, &input, time_limit_}, [&] {
+    BecomeChild(body, input, report.Get(), standard_error.Get());
+  });
 
   Outcome outcome;
-  outcome.status = ExitStatus(wait_status);
-  ParseReport(ContentOf(report), outcome);
-  outcome.standard_error = ContentOf(standard_error);
+  outcome.status = ending.status;
+  outcome.timed_out = ending.timed_out;
+  outcome.left_processes = ending.left_processes;
+  ParseReport(ContentOf(report.Get()), outcome);
+  outcome.standard_error = ContentOf(standard_error.Get());
   outcome.log = ParseLog(outcome.standard_error);
   return outcome;
 }

@@ -4,10 +4,13 @@
 #ifndef ZANCGI_TESTING_CHILD_H
 #define ZANCGI_TESTING_CHILD_H
 
+#include <zancgi/testing/log.h>
+#include <zancgi/testing/request.h>
+
 #include <chrono>
 #include <functional>
-#include <iosfwd>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,20 +18,6 @@
 namespace zan_cgi::testing {
 
 class Backend;
-class Input;
-
-/// One line of the log: its numeric level and its text behind the prefix.
-struct LogLine {
-  int level = 0;
-  std::string text;
-
-  friend bool operator==(const LogLine& a, const LogLine& b) {
-    return a.level == b.level && a.text == b.text;
-  }
-};
-
-/// For messages of failed expectations.
-void PrintTo(const LogLine& line, std::ostream* out);
 
 /// What a child process has left behind.
 struct Outcome {
@@ -40,17 +29,22 @@ struct Outcome {
   /// Its what().
   std::string error;
   /// Log lines in order; marks of Mark() are among them with level -1.
-  std::vector<LogLine> log;
+  Log log;
   /// Everything on standard error, log lines included.
   std::string standard_error;
   /// Exit status: 0, or 95 after a failed expectation in the body (see
   /// NoticeFailuresBy()), or 99 after a memory leak; 128 and the signal's
   /// number after a death by signal.
   int status = 0;
+  /// Whether the child has been ended because its time was up.
+  bool timed_out = false;
   /// Descriptors that the body has left open, as listed by /proc/self/fd.
   std::vector<std::string> leaked_descriptors;
+  /// Processes that the body has started and left behind, such as
+  /// "1234 sleep". They have been ended.
+  std::vector<std::string> left_processes;
 
-  /// The log lines of one level.
+  /// The texts that were logged at one level.
   std::vector<std::string> Logged(int level) const;
 };
 
@@ -72,10 +66,6 @@ class Told {
 /// Without it, a child's body that only notes a failure ends well.
 void NoticeFailuresBy(bool (*has_failed)());
 
-/// Writes a mark among the log lines of the child, to show the order of
-/// effects; for interposed functions.
-void Mark(const std::string& text);
-
 /// For a child in which another library leaks, or which may not have the thread
 /// that the check needs: leaves the check for leaks out of this process.
 void LeaveOutLeakCheck();
@@ -87,6 +77,9 @@ class Child {
   using Body = std::function<void(const Told&)>;
 
   Child& Env(const std::string& name, const std::string& value);
+  /// Sets the environment and the standard input that a web server makes of
+  /// this request.
+  Child& Serve(const Request& request);
   Child& WorkDir(const std::string& path);
   /// What the body reads; must live until Run() has returned.
   Child& StandardInput(const Input& input);
@@ -103,9 +96,8 @@ class Child {
   Outcome Run(const Body& body) const;
 
  private:
-  void BecomeReader() const;
-  [[noreturn]] void BecomeChild(const Body& body, int report,
-                                int standard_error) const;
+  [[noreturn]] void BecomeChild(const Body& body, const Input& input,
+                                int report, int standard_error) const;
 
   std::vector<std::pair<std::string, std::string>> environment_;
   std::string work_dir_;
@@ -114,6 +106,7 @@ class Child {
   std::chrono::milliseconds time_limit_ = std::chrono::minutes(1);
   Backend* backend_ = nullptr;
   const Input* input_ = nullptr;
+  std::optional<Request> request_;
 };
 
 }  // namespace zan_cgi::testing

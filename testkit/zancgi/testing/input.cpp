@@ -6,27 +6,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <system_error>
 #include <utility>
+
+#include "system.h"
 
 namespace zan_cgi::testing {
 namespace {
-
-[[noreturn]] void Fail(const char* call) {
-  throw std::system_error(errno, std::generic_category(), call);
-}
-
-/// Returns false when nobody reads any more.
-bool WriteAll(int descriptor, const std::string& bytes) {
-  for (std::size_t at = 0; at < bytes.size();) {
-    const ssize_t count =
-        ::write(descriptor, bytes.data() + at, bytes.size() - at);
-    if (count < 0) return false;
-    at += static_cast<std::size_t>(count);
-  }
-  return true;
-}
 
 /// A reader that has gone shows as EPIPE.
 void IgnoreBrokenPipes() {
@@ -37,6 +22,13 @@ void IgnoreBrokenPipes() {
 }
 
 }  // namespace
+
+Input Input::Nothing() {
+  Input input;
+  input.descriptor_ = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  if (input.descriptor_ < 0) Fail("open /dev/null");
+  return input;
+}
 
 Input Input::Pipe(const std::string& bytes) { return SlowPipe({bytes}, {}); }
 

@@ -10,8 +10,11 @@
 
 namespace zan_cgi::testing {
 
+/// What a child process is to read. Serves one process.
 class Input {
  public:
+  /// /dev/null.
+  static Input Nothing();
   /// A pipe whose writer hangs up behind the last byte.
   static Input Pipe(const std::string& bytes);
   /// The same, written piece by piece with a pause before each.

@@ -1,0 +1,112 @@
+// A piece of a test in a process of its own.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+#include <zancgi/testing/backend.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/log.h>
+#include <zancgi/testing/request.h>
+#include <zancgi/zancgi.h>
+
+#include <chrono>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace {
+
+using std::chrono::milliseconds;
+using zan_cgi::Cgi;
+using zan_cgi::testing::Answer;
+using zan_cgi::testing::Backend;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::LogLine;
+using zan_cgi::testing::Mark;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::ParseLog;
+using zan_cgi::testing::Post;
+using zan_cgi::testing::Refuse;
+using zan_cgi::testing::Told;
+
+TEST(Child, ServesARequest) {
+  Backend backend;
+  backend.Then(Answer("<doc/>"));
+  Outcome outcome = Child()
+                        .Serve(Post("/panel").Fields({{"a", "1"}}))
+                        .With(backend)
+                        .Run([](const Told& told) {
+                          Cgi cgi("a/front", "backend");
+                          told("a", cgi.Param("a"));
+                          told("answer", cgi.Query(std::string("func=b")));
+                        });
+  EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
+  EXPECT_EQ(outcome.told["a"], "1");
+  EXPECT_EQ(outcome.told["answer"], "<doc/>");
+}
+
+TEST(Child, TellsWhatHasEndedIt) {
+  struct Own : std::runtime_error {
+    using std::runtime_error::runtime_error;
+  };
+  Outcome outcome =
+      Child().Run([](const Told&) { throw std::logic_error("a"); });
+  EXPECT_EQ(outcome.error_type, "std::logic_error");
+  EXPECT_EQ(outcome.error, "a");
+  outcome = Child().Run([](const Told&) { throw 1; });
+  EXPECT_EQ(outcome.error_type, "int");
+  outcome = Child().Run([](const Told&) { throw Own("b"); });
+  EXPECT_NE(outcome.error_type.find("Own"), std::string::npos);
+}
+
+TEST(Child, ReportsAFailedExpectation) {
+  const Outcome outcome = Child().Run([](const Told&) {
+    ::dup2(STDERR_FILENO, STDOUT_FILENO);
+    ADD_FAILURE() << "as it should";
+  });
+  EXPECT_EQ(outcome.status, 95);
+}
+
+TEST(Child, ThatHangsIsEnded) {
+  const Outcome outcome =
+      Child().TimeLimit(milliseconds(200)).Run([](const Told&) { ::pause(); });
+  EXPECT_TRUE(outcome.timed_out);
+  EXPECT_EQ(outcome.status, 128 + SIGKILL);
+}
+
+TEST(Child, ThatLeavesAProcessIsToldOf) {
+  const Outcome outcome = Child().Run([](const Told&) {
+    if (::fork() == 0) ::pause();
+  });
+  EXPECT_EQ(outcome.status, 0);
+  ASSERT_EQ(outcome.left_processes.size(), 1U);
+  EXPECT_NE(::kill(std::stoi(outcome.left_processes.front()), 0), 0);
+}
+
+TEST(Child, ThatLeavesADescriptorIsToldOf) {
+  const Outcome outcome = Child().Run([](const Told&) { ::dup(0); });
+  ASSERT_EQ(outcome.leaked_descriptors.size(), 1U);
+}
+
+TEST(Child, IsRefusedToTheEndOfItsRun) {
+  Backend backend;
+  backend.Then(Refuse()).Then(Answer("x"));
+  const auto ask = [](const Told& told) {
+    Cgi cgi("a/front", "backend");
+    told("answer", cgi.Query(std::string("func=b")));
+  };
+  EXPECT_EQ(Child().With(backend).Run(ask).error_type, "tov_err::Error");
+  EXPECT_EQ(Child().With(backend).Run(ask).told["answer"], "x");
+}
+
+TEST(Log, HoldsTheLinesOfAllModulesAndMarks) {
+  Outcome outcome = Child().Run([](const Told&) { Mark("here"); });
+  EXPECT_EQ(outcome.log, (std::vector<LogLine>{{-1, "here"}}));
+  EXPECT_EQ(ParseLog("zancgi[12] core error: a: b\n"
+                     "2026-11-21T12:00:00Z panel[1] front debug: \n"
+                     "==12==ERROR: not ours\n"
+                     "zancgi[12] core loud: not ours\n"),
+            (std::vector<LogLine>{{3, "a: b"}, {9, "", "panel", "front"}}));
+}
+
+}  // namespace
