@@ -143,7 +143,7 @@ void KeepOnly(int lifeline, int report) {
   ::waitpid(process, &status, 0);
   std::ostringstream text;
   text << StatusOf(status) << ' ' << !in_time << '\n';
-  if (!AllEndWithin(in_time ? kGrace : milliseconds{})) {
+  if (!AllEndWithin(kGrace)) {
     for (const std::string& ended : EndChildren()) text << ended << '\n';
   }
   WriteAll(report, text.str());

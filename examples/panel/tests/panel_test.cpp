@@ -1,0 +1,240 @@
+// The panel's front end, request by request, with a scripted back end.
+
+#include <gtest/gtest.h>
+#include <zancgi/testing/backend.h>
+#include <zancgi/testing/form.h>
+#include <zancgi/testing/identity.h>
+#include <zancgi/testing/program.h>
+#include <zancgi/testing/request.h>
+#include <zancgi/testing/scratch.h>
+
+#include <chrono>
+#include <filesystem>
+#include <string>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using zan_cgi::testing::Answer;
+using zan_cgi::testing::AnswerThenReset;
+using zan_cgi::testing::Backend;
+using zan_cgi::testing::CloseSilently;
+using zan_cgi::testing::Delivery;
+using zan_cgi::testing::Form;
+using zan_cgi::testing::Get;
+using zan_cgi::testing::IsRoot;
+using zan_cgi::testing::Post;
+using zan_cgi::testing::Program;
+using zan_cgi::testing::Refuse;
+using zan_cgi::testing::Request;
+using zan_cgi::testing::Response;
+using zan_cgi::testing::Scratch;
+using zan_cgi::testing::StaySilent;
+using zan_cgi::testing::Step;
+
+constexpr int kLogError = 3;
+
+Step Document(const std::string& content) {
+  return Answer("Content-Type: text/xml\r\n\r\n<?xml version=\"1.0\"?>\n<doc>" +
+                content + "</doc>\n");
+}
+
+Step NoAccess() { return Document(R"(<error type="access"/>)"); }
+
+bool Holds(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+/// The front end as whoever runs the tests or, for root, also as an ordinary
+/// user, with a back end at which alice is signed in.
+class Panel : public testing::TestWithParam<bool> {
+ protected:
+  Panel() : backend_("panel"), front_(Place()) {
+    front_.With(backend_)
+        .Env("LD_LIBRARY_PATH", folder_.Path())
+        .Env("PANEL_SPOOL", front_.TmpDir());
+    backend_.On("whoami", Document(R"(<user name="alice" level="7"/>)"))
+        .On("session.own", Document(R"(<own started="today" token="t0k3n")"
+                                    R"( account="nobody"/>)"));
+  }
+
+  void SetUp() override {
+    if (!GetParam()) return;
+    if (!IsRoot()) GTEST_SKIP() << "root alone can become another user";
+    constexpr uid_t kNobody = 65534;
+    front_.As(kNobody, kNobody);
+  }
+
+  /// Every answer must be a whole page, and nothing may be left.
+  Response Serve(const Request& request) {
+    Response response = front_.Run(request);
+    EXPECT_EQ(response.Complaints(), "") << response.standard_error;
+    EXPECT_TRUE(response.body.empty() || Holds(response.body, "</html>\n"))
+        << response.body;
+    return response;
+  }
+
+  static Request SignedIn(Request request) {
+    return request.Cookie("panelses5", "5e55");
+  }
+
+  static Request SignIn(const std::string& user, const std::string& password) {
+    return Post("/panel", "page=signin")
+        .Fields({{"user", user}, {"password", password}});
+  }
+
+  static Request Upload(const std::string& token, const std::string& content) {
+    return SignedIn(
+        Post("/panel", "page=upload")
+            .Multipart(Form()
+                           .Field("token", token)
+                           .File("files", "a.txt", content, "text/plain")));
+  }
+
+  Backend backend_;
+
+ private:
+  /// Where everybody can run it.
+  std::string Place() {
+    fs::permissions(folder_.Path(), fs::perms{0755});
+    for (const char* library : LIBRARIES) {
+      fs::copy_file(library, folder_ / fs::path(library).filename());
+    }
+    fs::copy_file(FRONT, folder_ / "front");
+    return folder_ / "front";
+  }
+
+  Scratch folder_;
+
+ protected:
+  Program front_;
+};
+
+INSTANTIATE_TEST_SUITE_P(As, Panel, testing::Bool(), [](const auto& tested) {
+  return tested.param ? "OrdinaryUser" : "Caller";
+});
+
+TEST_P(Panel, ShowsTheSignInPageWithoutAskingAnyone) {
+  for (const char* query : {"", "page=signin"}) {
+    const Response response = Serve(Get("/panel", query));
+    EXPECT_EQ(response.status, 200);
+    EXPECT_EQ(response.Header("Content-Type"), "text/html; charset=utf-8");
+    EXPECT_EQ(response.Header("Cache-Control"), "no-store");
+    EXPECT_TRUE(Holds(response.body, R"(action="/panel?page=signin")"));
+  }
+  EXPECT_EQ(backend_.Queries().size(), 0U);
+}
+
+TEST_P(Panel, SignsIn) {
+  backend_.On("session.new", Document(R"(<session id="5e55"/>)"));
+  const Response response = Serve(SignIn("alice", "a b&c=d"));
+  EXPECT_EQ(response.status, 303);
+  EXPECT_EQ(response.Header("Location"), "/panel");
+  EXPECT_EQ(response.Cookie("panelses5"), "5e55");
+  EXPECT_TRUE(Holds(response.Header("Set-Cookie"), "HttpOnly"));
+  EXPECT_TRUE(Holds(response.Header("Set-Cookie"), "SameSite=Strict"));
+  ASSERT_EQ(backend_.Queries().size(), 1U);
+  EXPECT_EQ(backend_.Queries()[0].Item("user"), "alice");
+  EXPECT_EQ(backend_.Queries()[0].Item("password"), "a b&c=d");
+}
+
+TEST_P(Panel, TellsOfAWrongPasswordAndKeepsTheNameHarmless) {
+  backend_.On("session.new", NoAccess());
+  const Response response = Serve(SignIn("<b>\"al'&", "wrong"));
+  EXPECT_EQ(response.status, 403);
+  EXPECT_EQ(response.Cookie("panelses5"), "");
+  EXPECT_TRUE(Holds(response.body, "Name or password is wrong."));
+  EXPECT_TRUE(Holds(response.body, "&lt;b&gt;&quot;al&#39;&amp;"));
+  EXPECT_FALSE(Holds(response.body, "<b>"));
+}
+
+TEST_P(Panel, TakesNoSignInThatIsLargerThanOneCanBe) {
+  const Response response = Serve(SignIn("alice", std::string(5000, 'x')));
+  EXPECT_EQ(response.status, 413);
+  EXPECT_EQ(backend_.Queries().size(), 0U);
+}
+
+TEST_P(Panel, ShowsWhoIsSignedInWithoutBelievingTheBackEnd) {
+  backend_.On("whoami", Document(R"(<user name="&lt;i>al&quot;" level="7"/>)"));
+  const Response response = Serve(SignedIn(Get("/panel")));
+  EXPECT_EQ(response.status, 200);
+  EXPECT_TRUE(Holds(response.body, "&lt;i&gt;al&quot;"));
+  EXPECT_FALSE(Holds(response.body, "<i>"));
+}
+
+TEST_P(Panel, TurnsARefusedSessionAway) {
+  backend_.On("whoami", NoAccess());
+  for (const Request& request :
+       {SignedIn(Get("/panel")), SignedIn(Get("/panel", "page=upload")),
+        Upload("t0k3n", "content")}) {
+    const Response response = Serve(request);
+    EXPECT_EQ(response.status, 403);
+    EXPECT_TRUE(Holds(response.body, "page=signin"));
+  }
+  for (const auto& query : backend_.Queries()) {
+    EXPECT_EQ(query.Item("func"), "whoami");
+  }
+}
+
+TEST_P(Panel, TakesNoUploadAboveItsLimitAndReadsNoneOfIt) {
+  const Response response = Serve(Upload("t0k3n", "begin")
+                                      .Header("Content-Length", "104857601")
+                                      .By(Delivery::StallingPipe));
+  EXPECT_EQ(response.status, 413);
+  EXPECT_TRUE(Holds(response.body, "Post data too large"));
+}
+
+TEST_P(Panel, TakesNoUploadFromAnotherSite) {
+  const Response response = Serve(Upload("guessed", "content"));
+  EXPECT_EQ(response.status, 403);
+}
+
+TEST_P(Panel, LeavesNothingOfAnUploadThatStallsUntilItIsEnded) {
+  front_.TimeLimit(std::chrono::seconds(1));
+  const Response response =
+      front_.Run(Upload("t0k3n", std::string(300'000, 'x'))
+                     .Header("Content-Length", "1000000")
+                     .By(Delivery::StallingPipe));
+  EXPECT_TRUE(response.timed_out);
+  EXPECT_EQ(response.left_files.size(), 0U) << response.left_files.front();
+  EXPECT_EQ(response.left_processes.size(), 0U);
+}
+
+TEST_P(Panel, TellsOnlyTheAdministratorAboutItsSetUp) {
+  front_.Env("PANEL_SPOOL", "/nowhere/<b>");
+  const Response response = Serve(Upload("t0k3n", "content"));
+  EXPECT_EQ(response.status, 500);
+  EXPECT_FALSE(Holds(response.body, "nowhere"));
+  ASSERT_EQ(response.Logged(kLogError).size(), 1U);
+  EXPECT_TRUE(Holds(response.Logged(kLogError).front(), "/nowhere/<b>"));
+}
+
+TEST_P(Panel, SaysSoWhenItsBackEndIsDown) {
+  backend_.Then(Refuse());
+  const Response response = Serve(SignedIn(Get("/panel")));
+  EXPECT_EQ(response.status, 502);
+  EXPECT_FALSE(Holds(response.body, backend_.RunDir()));
+  EXPECT_TRUE(Holds(response.standard_error, "Connection refused"));
+}
+
+TEST_P(Panel, SaysSoWhenItsBackEndBreaksOff) {
+  for (const Step& step : {CloseSilently(), AnswerThenReset("<?xml versi")}) {
+    backend_.Times(4, step);
+    EXPECT_EQ(Serve(SignedIn(Get("/panel"))).status, 502);
+  }
+}
+
+TEST_P(Panel, SaysSoWhenItsBackEndTalksNonsense) {
+  for (const char* answer : {"", "nonsense", "<doc", "<html/>"}) {
+    backend_.On("whoami", Answer(answer));
+    EXPECT_EQ(Serve(SignedIn(Get("/panel"))).status, 502) << answer;
+  }
+}
+
+TEST_P(Panel, GoesOnWhenOneAttemptFails) {
+  backend_.Then(CloseSilently());
+  EXPECT_EQ(Serve(SignedIn(Get("/panel"))).status, 200);
+}
+
+}  // namespace
