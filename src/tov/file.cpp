@@ -35,8 +35,10 @@ bool MeansMissing(int error) { return error == ENOENT || error == ENOTDIR; }
 }
 
 Descriptor Open(const std::string& path, int flags) {
+  // No file is made. Without a mode, hardening would call something else in
+  // place of open(2), and tests could not stand in for it.
   return AboveStandard(RetryInterrupted(
-      [&] { return ::open(path.c_str(), flags | O_CLOEXEC); }));
+      [&] { return ::open(path.c_str(), flags | O_CLOEXEC, 0); }));
 }
 
 /// Opens the file itself: never what a link points to, never waiting for the
