@@ -1109,7 +1109,14 @@ class FolderTest(unittest.TestCase):
         self.assertEqual(self.provoke_message(), 1)
         state = machine().root / "logrotate.state"
         rules = machine().at("/etc/logrotate.d/panel")
-        subprocess.run(["logrotate", "--force", "--state", state, rules], check=True)
+        done = subprocess.run(
+            ["logrotate", "--verbose", "--force", "--state", state, rules],
+            capture_output=True,
+            text=True,
+            check=True,
+        )
+        # Root must not rename where another can put links.
+        self.assertIn(f"switching euid from 0 to {pwd.getpwnam(WEB).pw_uid}", done.stderr)
         self.assertEqual((self.logs / "front.log.1").owner(), WEB)
         self.assertFalse(log.exists())
         self.assertEqual(self.provoke_message(), 1)
