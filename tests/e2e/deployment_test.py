@@ -202,6 +202,10 @@ class Machine:
             end_session(process)
         for listener in self.listeners.values():
             listener.close()
+        # Those that no limit has ended, if there are any, have failed a test.
+        for process in self.programs():
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(process, signal.SIGKILL)
         wait_for(lambda: not self.programs())
         shutil.rmtree(self.root)
 
@@ -545,10 +549,10 @@ class Site:
         with socket.socket() as client:
             return client.connect_ex((self.host, self.port)) == 0
 
-    def request(self, method, query, headers=(), body=None, path=None):
+    def request(self, method, query, headers=(), body=None):
         connection = http.client.HTTPConnection(self.host, self.port, timeout=150)
         try:
-            connection.request(method, f"{path or self.path}?{query}", body, dict(headers))
+            connection.request(method, f"{self.path}?{query}", body, dict(headers))
             return Answer(connection.getresponse())
         finally:
             connection.close()
@@ -584,7 +588,6 @@ class NginxSite(Site):
     services = ("panel-fcgi",)
 
     def start(self, path):
-        shutil.copy("/etc/nginx/mime.types", path.parent)
         if not IS_ROOT:
             # Debian's folders for what this server does not do are root's.
             own = "".join(
