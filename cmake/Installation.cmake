@@ -118,6 +118,9 @@ else()
   install_pkgconfig(tov tov-dev)
 endif()
 install_library_pair(zancgi)
+install(FILES "${packaging_dir}/zancgi-components.cmake"
+  DESTINATION "${CMAKE_INSTALL_LIBDIR}/cmake/zancgi"
+  COMPONENT zancgi-dev)
 install_pkgconfig(zancgi zancgi-dev)
 install_pkgconfig(zancgi-static zancgi-dev)
 

@@ -20,8 +20,10 @@ SOURCE = pathlib.Path(os.environ.get("SOURCE", "/nonexistent"))
 INSTALLED = os.environ.get("INSTALLED")
 VERSION = os.environ["VERSION"]
 FRONT_END = pathlib.Path(os.environ["FRONT_END"])
+FRONT_END_TEST = pathlib.Path(os.environ.get("FRONT_END_TEST", "/nonexistent"))
 HERE = pathlib.Path(__file__).parent
 STANDARDS = (11, 20)
+USES_PKG_CONFIG = {"PkgConfigTest", "TestKitTest"}
 OF_THE_C_LIBRARY = {"libc.so.6", "ld-linux-x86-64.so.2"}
 
 # Tells the field "a" of a form.
@@ -158,14 +160,23 @@ class FilesTest(InstallTest):
         include = self.root / "include"
         headers = {str(path.relative_to(include)) for path in include.rglob("*.h")}
         ours = ("api", "client", "env", "err", "file", "log", "proc", "str", "xml")
-        self.assertEqual(headers, {"zancgi/zancgi.h", *(f"tov/{name}.h" for name in ours)})
+        kit = "backend child form identity input log program request response scratch".split()
+        self.assertEqual(
+            headers,
+            {
+                "zancgi/zancgi.h",
+                *(f"tov/{name}.h" for name in ours),
+                *(f"zancgi/testing/{name}.h" for name in kit),
+            },
+        )
 
     def test_headers_are_complete(self):
         everything = self.folder / "everything.cpp"
-        headers = (self.root / "include").rglob("*.h")
-        everything.write_text("".join(f'#include "{path}"\n' for path in headers))
+        kit = set(self.root.rglob("testing/*.h"))
         include = f"-I{self.root}/include"
-        run(CXX, "-std=c++11", "-fsyntax-only", "-Wall", "-Werror", include, everything)
+        for standard, headers in ((11, set((self.root / "include").rglob("*.h")) - kit), (17, kit)):
+            everything.write_text("".join(f'#include "{path}"\n' for path in headers))
+            run(CXX, f"-std=c++{standard}", "-fsyntax-only", "-Wall", "-Werror", include, everything)
 
     def test_nothing_tells_where_it_was_built(self):
         for path in self.files(self.root):
@@ -230,6 +241,12 @@ class FilesTest(InstallTest):
                     self.assertTrue((root / target).exists(), f"{document.name}: {link}")
 
 
+class PackagesUser(InstallTest):
+    def pkg_config(self, *arguments):
+        known = str(self.installed("zancgi.pc").parent)
+        return run("pkg-config", *arguments, env={**os.environ, "PKG_CONFIG_LIBDIR": known}).split()
+
+
 class FrontEndTest(InstallTest):
     def assert_works(self, program):
         self.assertIn("You are alice.", self.answer_of_back_end_to(program))
@@ -284,12 +301,8 @@ class FrontEndTest(InstallTest):
         self.assertEqual(run(program), "one%20%26%20two\n")
 
 
-class PkgConfigTest(FrontEndTest):
-    PACKAGES = ("zancgi", "zancgi-static", "tov")
-
-    def pkg_config(self, *arguments):
-        known = str(self.installed("zancgi.pc").parent)
-        return run("pkg-config", *arguments, env={**os.environ, "PKG_CONFIG_LIBDIR": known}).split()
+class PkgConfigTest(PackagesUser, FrontEndTest):
+    PACKAGES = ("zancgi", "zancgi-static", "tov", "zancgi-testing")
 
     def build(self, source, package, standard):
         program = self.folder / f"{package}-{standard}"
@@ -402,8 +415,53 @@ class AddSubdirectoryTest(CMakeTests, FrontEndTest):
         self.assertFalse(prefix.exists())
 
 
+class TestKitTest(PackagesUser):
+    """A front end and its test, which know the installation only."""
+
+    def assert_passes(self, program, front_end):
+        printed = run(program, env={"FRONT": str(front_end)})
+        self.assertRegex(printed, r"\[  PASSED  \] [1-9]\d* tests")
+        self.assertNotIn("FAILED", printed)
+
+    def test_with_pkg_config(self):
+        libdir = self.pkg_config("--variable=libdir", "zancgi")[0]
+        front_end = self.folder / "front"
+        run(
+            CXX, FRONT_END, "-o", front_end,
+            *self.pkg_config("--cflags", "--libs", "zancgi"), f"-Wl,-rpath,{libdir}",
+        )  # fmt: skip
+        for standard in (17, 20):
+            program = self.folder / f"front_test-{standard}"
+            run(
+                CXX, f"-std=c++{standard}", FRONT_END_TEST, "-o", program,
+                *self.pkg_config("--cflags", "--libs", "zancgi-testing"),
+                "-lgtest", "-lgtest_main",
+            )  # fmt: skip
+            self.assert_passes(program, front_end)
+
+    def configure(self, name, *options):
+        build = self.folder / name
+        run(
+            CMAKE, "-S", HERE / "test_project", "-B", build, "-G", "Ninja",
+            f"-DCMAKE_CXX_COMPILER={CXX}", f"-DCMAKE_PREFIX_PATH={self.root}",
+            f"-DFRONT_END={FRONT_END}", f"-DFRONT_END_TEST={FRONT_END_TEST}", *options,
+        )  # fmt: skip
+        return build
+
+    def test_with_find_package(self):
+        build = self.configure("build", "-DCOMPONENT=testing")
+        run(CMAKE, "--build", build)
+        self.assert_passes(build / "front_test", build / "front")
+        symbols = run("nm", "--demangle", build / "front")
+        self.assertNotIn("zan_cgi::testing", symbols)
+
+    def test_a_component_that_does_not_exist_is_missed(self):
+        with self.assertRaisesRegex(AssertionError, "there is no zancgi::nonsense in it"):
+            self.configure("missing", "-DCOMPONENT=nonsense")
+
+
 def missing_programs():
-    programs = {CXX} | ({"pkg-config"} if "PkgConfigTest" in sys.argv else set())
+    programs = {CXX} | ({"pkg-config"} if USES_PKG_CONFIG & set(sys.argv) else set())
     return sorted(program for program in programs if not shutil.which(program))
 
 
