@@ -80,7 +80,7 @@ def replaced(text, replacements):
     """Each must be there: what the document shows is what runs."""
     for shown, actual in replacements.items():
         if shown not in text:
-            raise ValueError(f"docs/scaling.md does not show {shown}")
+            raise ValueError(f"the document does not show {shown}")
         text = text.replace(shown, str(actual))
     return text
 
@@ -287,9 +287,9 @@ class Site:
     is_secure: bool = False
 
     def __post_init__(self):
+        self.network = new_network()
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="scaling-"))
         self.folder.chmod(0o755)
-        self.network = new_network()
         self.services = []
         self.back_ends = []
         self.web_hosts = []
