@@ -38,7 +38,7 @@ static_assert(Cgi::AuthInfo::AuthParams == 2);
                 ((end) + alignof(type) - 1) / alignof(type) * alignof(type))
 #define ZANCGI_FIELD_BEHIND(record, field, type, before) \
   ZANCGI_FIELD_AT(record, field, type,                   \
-                  offsetof(record, before) + sizeof(record::before))
+                  offsetof(record, before) + sizeof(decltype(record::before)))
 
 using Text = std::string;
 using Texts = std::map<std::string, std::string>;

@@ -298,15 +298,22 @@ class PackageTest(SystemTovTest):
         file.write_text(SITE_PACKAGE)
 
     @classmethod
-    def build_front_ends(cls):
-        build = cls.folder / "front"
+    def configure_project(cls, name, *options):
         run(
-            CMAKE, "-S", HERE / "project", "-B", build, "-G", "Ninja",
+            CMAKE, "-S", HERE / "project", "-B", cls.folder / name, "-G", "Ninja",
             f"-DCMAKE_CXX_COMPILER={CXX}", f"-DFRONT_END={FRONT_END}",
-            f"-DCMAKE_PREFIX_PATH={cls.product};{cls.site}", "-DCMAKE_CXX_STANDARD=20",
+            f"-DCMAKE_PREFIX_PATH={cls.product};{cls.site}", "-DCMAKE_CXX_STANDARD=20", *options,
         )  # fmt: skip
+        return cls.folder / name
+
+    @classmethod
+    def build_front_ends(cls):
+        build = cls.configure_project("front")
         run(CMAKE, "--build", build)
         return [build / f"{library}-front" for library in ("zancgi", "zancgi_static")]
+
+    def test_a_project_can_have_the_product_as_a_part(self):
+        self.configure_project("whole", f"-DTREE={self.folder}/tree", "-DZANCGI_TOV=system")
 
     def test_the_archive_is_inside_and_stays_there(self):
         self.assertEqual(base_symbols(self.library(), "--undefined-only"), set())

@@ -66,8 +66,10 @@ std::string Append(const std::string& text, const std::string& part,
   return text.empty() ? part : text + separator + part;
 }
 
-int Int(const std::string& text) { return std::atoi(text.c_str()); }
-std::int64_t Int64(const std::string& text) { return std::atol(text.c_str()); }
+int Int(const std::string& text) { return static_cast<int>(Int64(text)); }
+std::int64_t Int64(const std::string& text) {
+  return std::strtol(text.c_str(), nullptr, 10);
+}
 std::string Str(int value) { return std::to_string(value); }
 std::string Str(long value) { return std::to_string(value); }
 

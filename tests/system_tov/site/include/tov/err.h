@@ -3,6 +3,7 @@
 
 #include <exception>
 #include <string>
+#include <utility>
 
 #include <tov/site.h>
 
@@ -11,7 +12,7 @@ namespace tov_err {
 /// No std::runtime_error.
 class Error : public std::exception {
  public:
-  explicit Error(const std::string& text) : text_(text) {}
+  explicit Error(std::string text) : text_(std::move(text)) {}
   const char* what() const noexcept override { return text_.c_str(); }
 
  private:

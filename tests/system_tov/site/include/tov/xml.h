@@ -2,6 +2,7 @@
 #define SITE_XML_H
 
 #include <string>
+#include <utility>
 
 #include <tov/site.h>
 
@@ -15,7 +16,7 @@ class XmlNode {
 
  private:
   friend class Xml;
-  explicit XmlNode(const std::string& tag) : tag_(tag) {}
+  explicit XmlNode(std::string tag) : tag_(std::move(tag)) {}
 
   site::Room room_;
   std::string tag_;

@@ -9,7 +9,7 @@ SITE_FUNCTION Module::Module(const char* name, const char* group)
 
 SITE_FUNCTION bool Module::Check(Level level) {
   const char* const threshold = std::getenv("SITE_LOG");
-  return threshold != nullptr && level <= std::atoi(threshold);
+  return threshold != nullptr && level <= std::strtol(threshold, nullptr, 10);
 }
 
 }  // namespace tov_log
