@@ -115,9 +115,11 @@ class SharedLibraryTest(unittest.TestCase):
 class ArchiveTest(unittest.TestCase):
     def test_code_can_lie_anywhere(self):
         for archive in ARCHIVES:
-            told = elf.read_elf(archive, "--relocs")
-            self.assertIn("R_X86_64_PLT32", told)
-            self.assertNotRegex(told, r"R_X86_64_(32S?|16|8)\b", archive)
+            sections = elf.read_elf(archive, "--relocs").split("Relocation section '.rela.")
+            # What debuggers read is loaded nowhere.
+            loaded = "".join(part for part in sections if not part.startswith("debug_"))
+            self.assertIn("R_X86_64_PLT32", loaded)
+            self.assertNotRegex(loaded, r"R_X86_64_(32S?|16|8)\b", archive)
 
     def test_stack_cannot_be_run(self):
         for archive in ARCHIVES:
@@ -141,9 +143,9 @@ class CompilationTest(unittest.TestCase):
         for source, command in commands:
             with self.subTest(source=source.name):
                 defined = macros(command)
-                self.assertEqual(defined["__CET__"], "3")
+                self.assertEqual(defined.get("__CET__"), "3")
                 self.assertIn("__SSP_STRONG__", defined)
-                self.assertEqual(defined["__PIC__"], "2")
+                self.assertEqual(defined.get("__PIC__"), "2")
                 self.assertIn(" -fstack-clash-protection ", command["command"])
                 if IS_OPTIMISED:
                     self.assertIn(defined.get("_FORTIFY_SOURCE"), ("2", "3"))
