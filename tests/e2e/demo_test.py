@@ -1,5 +1,6 @@
 """scripts/demo as a newcomer runs it."""
 
+import glob
 import os
 import pathlib
 import shutil
@@ -16,7 +17,7 @@ DIRECTLY = urllib.request.build_opener(urllib.request.ProxyHandler({}))
 
 def processes_that_mention(text):
     found = []
-    for command in pathlib.Path("/proc").glob("[0-9]*/environ"):
+    for command in map(pathlib.Path, glob.iglob("/proc/[0-9]*/environ")):
         try:
             if text.encode() in command.read_bytes():
                 found.append(command.parent.name)

@@ -4,6 +4,7 @@ run with the real servers: limits, what arrives, and what stays behind."""
 import concurrent.futures
 import contextlib
 import functools
+import glob
 import grp
 import hashlib
 import http.client
@@ -681,7 +682,7 @@ def open_files(folder):
     """What processes have open below a folder, even if it has no name there any
     more."""
     found = []
-    for descriptors in pathlib.Path("/proc").glob("[0-9]*/fd"):
+    for descriptors in map(pathlib.Path, glob.iglob("/proc/[0-9]*/fd")):
         with contextlib.suppress(OSError):  # gone, or another user's
             files = [os.readlink(link) for link in descriptors.iterdir()]
             found += [file for file in files if file.startswith(f"{folder}/")]

@@ -10,6 +10,7 @@ Whoever runs the tests, the servers are run by an ordinary user.
 """
 
 import contextlib
+import glob
 import os
 import pathlib
 import shutil
@@ -88,7 +89,7 @@ class WebServer:
     def running_programs(self):
         """The ids of the processes that run the program."""
         found = []
-        for link in pathlib.Path("/proc").glob("[0-9]*/exe"):
+        for link in map(pathlib.Path, glob.iglob("/proc/[0-9]*/exe")):
             with contextlib.suppress(OSError):
                 if os.readlink(link) == str(self.program):
                     found.append(int(link.parent.name))
@@ -98,7 +99,7 @@ class WebServer:
         """The sizes, so far, of the bodies that the web server collects before
         it hands them on."""
         sizes = []
-        for link in pathlib.Path("/proc").glob("[0-9]*/fd/*"):
+        for link in map(pathlib.Path, glob.iglob("/proc/[0-9]*/fd/*")):
             with contextlib.suppress(OSError):
                 if os.readlink(link).startswith(f"{self.bodies}/"):
                     sizes.append(link.stat().st_size)
