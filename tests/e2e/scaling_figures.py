@@ -8,7 +8,6 @@ import pathlib
 import re
 import secrets
 import socket
-import sqlite3
 import statistics
 import subprocess
 import sys

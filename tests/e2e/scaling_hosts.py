@@ -4,9 +4,7 @@ A namespace lives as long as a process in it, and with it go its interfaces: the
 machine's own network is never touched, and nothing is left, however a test ends.
 """
 
-import contextlib
 import os
-import pathlib
 import socket
 import subprocess
 
