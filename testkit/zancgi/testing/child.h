@@ -51,7 +51,9 @@ struct Outcome {
 /// Tells the parent something: told("param", cgi.Param("a")).
 class Told {
  public:
+  /// @param descriptor  where to
   explicit Told(int descriptor) : descriptor_(descriptor) {}
+  /// Of several values of one name the last counts.
   void operator()(const std::string& name, const std::string& value) const;
 
  private:
@@ -74,12 +76,15 @@ void LeaveOutLeakCheck();
 /// standard input is /dev/null, its working directory the parent's.
 class Child {
  public:
+  /// What runs there.
   using Body = std::function<void(const Told&)>;
 
+  /// Sets an environment variable.
   Child& Env(const std::string& name, const std::string& value);
   /// Sets the environment and the standard input that a web server makes of
   /// this request.
   Child& Serve(const Request& request);
+  /// The directory that it starts in.
   Child& WorkDir(const std::string& path);
   /// What the body reads; must live until Run() has returned.
   Child& StandardInput(const Input& input);

@@ -27,6 +27,7 @@ class Input {
   /// A regular file.
   static Input File(const std::string& bytes);
 
+  /// Takes over what the other is.
   Input(Input&& other) noexcept;
   ~Input();
 

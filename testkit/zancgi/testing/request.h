@@ -38,8 +38,9 @@ enum class Delivery {
 /// A request to come.
 class Request {
  public:
-  /// @param path   of the front end, such as "/panel"
-  /// @param query  behind the question mark, encoded
+  /// @param method  such as "PUT"; for most, Get() and Post() do
+  /// @param path    of the front end, such as "/panel"
+  /// @param query   behind the question mark, encoded
   Request(std::string method, std::string path, std::string query = "");
 
   /// Sets a header. What it becomes for the front end is HTTP_NAME, except for
