@@ -1166,10 +1166,15 @@ class PanelTest(RequestTest):
         cls.panel = Panel()
         cls.addClassCleanup(cls.panel.stop)
 
+    def setUp(self):
+        super().setUp()
+        self.spool = self.folder / "spool"
+        self.spool.mkdir()
+
     def front(self, *arguments):
         return run(
             self.panel.front, "--env", f"LD_LIBRARY_PATH={LIBRARY_PATH}",
-            "--run-dir", self.panel.state / "run", "--env", f"PANEL_SPOOL={self.folder}",
+            "--run-dir", self.panel.state / "run", "--env", f"PANEL_SPOOL={self.spool}",
             "--server", "lighttpd", "-i", *arguments,
         )  # fmt: skip
 
@@ -1183,7 +1188,7 @@ class PanelTest(RequestTest):
 
     def sign_in(self):
         result = self.front(
-            "--data-urlencode", f"name={self.panel.user}",
+            "--data-urlencode", f"user={self.panel.user}",
             "--data-urlencode", f"password={self.panel.password}", "/panel?page=signin",
         )  # fmt: skip
         self.assertEqual((result.status, result.errors), (0, ""))
@@ -1204,9 +1209,29 @@ class PanelTest(RequestTest):
         self.assertTrue(result.output.endswith(b"\r\n\r\n" + self.by_curl(*cookie, "/panel")))
 
     def test_strangers_are_refused(self):
-        self.assertIn(self.front("/panel?page=home").status, (0, 4))
-        result = self.front("-d", "name=nobody&password=wrong", "/panel?page=signin")
+        result = self.front("-d", "user=nobody&password=wrong", "/panel?page=signin")
         self.assertEqual(result.status, 4)
+        self.assertEqual(self.front("-F", "a=1", "/panel?page=upload").status, 4)
+
+    def upload(self, *arguments):
+        cookie = self.sign_in()
+        self.file("f", b"x" * 3 * MEGABYTE)
+        return self.front(
+            "-b", cookie, "-F", f"token={self.panel.token(cookie.partition('=')[2])}",
+            "-F", f"files=@{self.folder}/f", "/panel?page=upload", *arguments,
+        )  # fmt: skip
+
+    def test_upload(self):
+        result = self.upload()
+        self.assertEqual((result.status, result.errors), (0, ""))
+        self.assertEqual(list(self.spool.iterdir()), [])
+
+    def test_upload_of_a_client_who_goes_away(self):
+        for more in ((), ("--abort-signal", "TERM"), ("--abort-signal", "KILL")):
+            result = self.upload("--abort-after", 2 * MEGABYTE, *more)
+            self.assertEqual((result.status, result.output), (0, b""), more)
+            self.assertNotIn("zancgi-request", result.errors)
+            self.assertEqual(list(self.spool.iterdir()), [])
 
 
 # ---- the manual
