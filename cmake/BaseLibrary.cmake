@@ -9,8 +9,8 @@ elseif(ZANCGI_TOV STREQUAL "system")
   endif()
   include(packaging/find-base-library.cmake)
   if(NOT TARGET tov::tov)
-    message(FATAL_ERROR "There is no base library on the system: neither a CMake "
-      "package \"tov\", nor a header <tov/str.h> with a library \"tov\" where "
+    message(FATAL_ERROR "There is no base library on the system: neither a "
+      "CMake package \"tov\", nor a header <tov/str.h> with a library \"tov\" where "
       "pkg-config says or where compilers look. Name its place by "
       "CMAKE_PREFIX_PATH, or build with ZANCGI_TOV=bundled.")
   endif()

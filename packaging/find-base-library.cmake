@@ -1,7 +1,7 @@
-# Looks for a base library on the system, whoever has made it: by a CMake package
-# "tov", or by its headers <tov/...> and a library "tov", where pkg-config says
-# or where compilers look. Made known as tov::tov, its archive as
-# tov::tov_static; neither, where there is none.
+# Looks for a base library on the system, whoever has made it: by a CMake
+# package "tov", or by its headers <tov/...> and a library "tov", where
+# pkg-config says or where compilers look. Made known as tov::tov, its archive
+# as tov::tov_static; neither, where there is none.
 #
 # Our builds use this file, and so does the package that they install: who links
 # a front end finds the base library as we did.

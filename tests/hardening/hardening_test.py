@@ -96,7 +96,8 @@ class SharedLibraryTest(unittest.TestCase):
 
     def test_overrun_stack_ends_the_process(self):
         for library in SHARED:
-            self.assertIn("__stack_chk_fail", elf.run("nm", "--dynamic", "--undefined-only", library))
+            calls = elf.run("nm", "--dynamic", "--undefined-only", library)
+            self.assertIn("__stack_chk_fail", calls)
 
     @unittest.skipUnless(IS_OPTIMISED and HAS_BASE_LIBRARY, "nothing to be checked there")
     def test_overrun_buffer_ends_the_process(self):

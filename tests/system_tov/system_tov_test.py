@@ -64,7 +64,7 @@ class SystemTovTest(unittest.TestCase):
     product in "product"."""
 
     maxDiff = None
-    product_options = ()
+    product_options = ("-DZANCGI_BUILD_TESTS=OFF", "-DZANCGI_BUILD_TESTKIT=OFF")
 
     @classmethod
     def setUpClass(cls):
@@ -228,8 +228,10 @@ class PlainTest(SystemTovTest):
 
     @classmethod
     def build_front_ends(cls):
-        site = cls.site
-        return cls.compile_front_ends(f"-I{site}/include", f"-L{site}/lib", "-ltov", f"-Wl,-rpath,{site}/lib")
+        libraries = cls.site / "lib"
+        return cls.compile_front_ends(
+            f"-I{cls.site}/include", f"-L{libraries}", "-ltov", f"-Wl,-rpath,{libraries}"
+        )
 
     def test_the_other_library_has_no_name_but_those_asked_for(self):
         listed = set(SEAM.read_text().splitlines())
