@@ -154,6 +154,13 @@ function(install_matching pattern destination component)
 endfunction()
 
 install_matching(tools/zancgi-* "${CMAKE_INSTALL_BINDIR}" zancgi-tools PROGRAMS)
+# The modules of the tools, which look for them from where they are themselves.
+cmake_path(SET modules_dir NORMALIZE
+  "${CMAKE_INSTALL_BINDIR}/../share/zancgi-tools")
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/tools/zancgi_doctor"
+  DESTINATION "${modules_dir}"
+  COMPONENT zancgi-tools
+  PATTERN __pycache__ EXCLUDE)
 install_matching(docs/man/*.1 "${CMAKE_INSTALL_MANDIR}/man1" zancgi-tools)
 install_matching(docs/man/*.3 "${CMAKE_INSTALL_MANDIR}/man3" zancgi-dev)
 

@@ -228,6 +228,15 @@ class FilesTest(InstallTest):
         for name in names:
             self.assertIn(f"share/man/man1/{name}.1", files)
             self.assertTrue(os.access(self.root / "bin" / name, os.X_OK))
+            self.assertIn(name, run(self.root / "bin" / name, "--help"))
+
+    def test_tools_have_their_modules(self):
+        modules = SOURCE / "tools" / "zancgi_doctor"
+        expected = {str(path.relative_to(modules)) for path in modules.rglob("*.py")}
+        self.assertIn("cli.py", expected)
+        where = "share/zancgi-tools/zancgi_doctor/"
+        files = {name for name in self.files_of("zancgi-tools") if name.startswith("share/zancgi-")}
+        self.assertEqual(files, {where + name for name in expected})
 
     def test_links_between_documents_lead_to_what_is_installed_with_them(self):
         self.files_of("zancgi-doc")

@@ -2,8 +2,6 @@
 that people look for; and nothing that it looks at may harm or stop it."""
 
 import contextlib
-import importlib.machinery
-import importlib.util
 import json
 import os
 import pathlib
@@ -22,7 +20,21 @@ import time
 import unittest
 import unittest.mock
 
+from zancgi_doctor.catalogue import KNOWN
+from zancgi_doctor.checks import accounts, clock, nss, pam, program, tmp_dir
+from zancgi_doctor.children import NoResult, run_in_child
+from zancgi_doctor.cli import make_parser
+from zancgi_doctor.elf import NotElf
+from zancgi_doctor.examination import run_job
+from zancgi_doctor.files import text_or_nothing
+from zancgi_doctor.findings import STATES, ok
+from zancgi_doctor.identities import Identity, find_user
+from zancgi_doctor.libraries import LibrarySearch
+from zancgi_doctor.mounts import Mount, mount_of
+from zancgi_doctor.texts import group_name, printable, user_name
+
 DOCTOR = pathlib.Path(os.environ["SOURCE"]) / "tools" / "zancgi-doctor"
+MODULES = DOCTOR.with_name("zancgi_doctor")
 MANUAL = pathlib.Path(os.environ["SOURCE"]) / "docs" / "man" / "zancgi-doctor.1"
 # The README's, which tells its caller who they are.
 FRONT = os.environ["README_FRONT"]
@@ -40,19 +52,6 @@ def application(environ, start_response):
     start_response("200 OK", [("Content-Length", str(len(body)))])
     return [body]
 """
-
-
-def load_doctor():
-    loader = importlib.machinery.SourceFileLoader("zancgi_doctor", str(DOCTOR))
-    spec = importlib.util.spec_from_loader(loader.name, loader)
-    module = importlib.util.module_from_spec(spec)
-    sys.modules[loader.name] = module  # dataclasses look for it there
-    sys.dont_write_bytecode = True
-    loader.exec_module(module)
-    return module
-
-
-doctor = load_doctor()
 
 
 def with_length(body):
@@ -175,13 +174,14 @@ class CommandLineTest(DoctorTest):
         report = self.doctor("--list")
         self.assertEqual(report.status, 0)
         names = [line.split()[0] for line in report.output.splitlines()]
-        expected = [f"{group}.{name}" for group, checks in doctor.KNOWN.items() for name in checks]
+        expected = [f"{group}.{name}" for group, checks in KNOWN.items() for name in checks]
         self.assertEqual(names, expected)
 
     def test_source_uses_listed_names_only_and_all_of_them(self):
-        quoted = set(re.findall(r'"([a-z-]+\.[a-z-]+)"', DOCTOR.read_text()))
-        listed = {f"{group}.{name}" for group, checks in doctor.KNOWN.items() for name in checks}
-        self.assertEqual({name for name in quoted if name.split(".")[0] in doctor.KNOWN}, listed)
+        source = "".join(path.read_text() for path in MODULES.rglob("*.py"))
+        quoted = set(re.findall(r'"([a-z-]+\.[a-z-]+)"', source))
+        listed = {f"{group}.{name}" for group, checks in KNOWN.items() for name in checks}
+        self.assertEqual({name for name in quoted if name.split(".")[0] in KNOWN}, listed)
 
     def test_only_the_wanted_check_is_reported(self):
         report = self.examine("run-dir.length", "--run-dir", self.run_dir)
@@ -249,17 +249,18 @@ class CommandLineTest(DoctorTest):
         self.assertIn(r"/no\x7cne", report.output)
 
     def test_output_of_foreign_text_without_utf8(self):
+        """As in a locale of another encoding, of which the machine may have none."""
         run_dir = self.make_folder("é")
-        report = self.doctor(
-            "-v",
-            "--check",
-            "run-dir.exists",
-            "--run-dir",
-            run_dir,
-            environment={"LC_ALL": "POSIX", "PYTHONCOERCECLOCALE": "0", "PYTHONUTF8": "0"},
+        run = subprocess.run(
+            [sys.executable, "-IBXutf8=0", DOCTOR, "-v", "--check", "run-dir.exists"]
+            + ["--run-dir", run_dir],
+            env={"LC_ALL": "POSIX"},
+            capture_output=True,
+            timeout=60,
+            check=False,
         )
-        self.assertEqual(report.status, 0, report.all())
-        self.assertIn(r"\xc3\xa9", report.output)
+        self.assertEqual(run.returncode, 0, run.stderr)
+        self.assertIn(rb"\xc3\xa9", run.stdout)
 
     def test_output_that_cannot_be_written_is_no_success(self):
         with open("/dev/full", "w") as full:
@@ -273,6 +274,58 @@ class CommandLineTest(DoctorTest):
         self.assertNotEqual(run.returncode, 0)
 
 
+class LauncherTest(DoctorTest):
+    """The program finds its modules, and takes no others."""
+
+    def setUp(self):
+        super().setUp()
+        self.installed = self.make_folder("bin") / "zancgi-doctor"
+        shutil.copy(DOCTOR, self.installed)
+        self.share = self.make_folder("share")
+
+    def install_modules(self):
+        folder = self.share / "zancgi-tools" / "zancgi_doctor"
+        shutil.copytree(MODULES, folder, ignore=shutil.ignore_patterns("__pycache__"))
+
+    def list_checks(self, program, **options):
+        run = subprocess.run(
+            [program, "--list"], capture_output=True, text=True, timeout=60, **options
+        )
+        self.assertEqual((run.returncode, run.stderr), (0, ""))
+        self.assertEqual(run.stdout, self.doctor("--list").output)
+
+    def test_is_found_where_it_is_installed(self):
+        self.install_modules()
+        self.list_checks(self.installed)
+        link = self.folder / "link"
+        link.symlink_to("bin/zancgi-doctor")
+        self.list_checks(link)
+        self.list_checks("bin/zancgi-doctor", cwd=self.folder)
+
+    def test_leaves_no_compiled_files(self):
+        self.install_modules()
+        before = sorted(self.folder.rglob("*"))
+        self.list_checks(self.installed)
+        self.assertEqual(sorted(self.folder.rglob("*")), before)
+
+    def test_nobody_else_chooses_the_modules(self):
+        self.install_modules()
+        evil = self.make_folder("evil")
+        for name in ("zancgi_doctor", "json", "argparse", "sitecustomize"):
+            (evil / f"{name}.py").write_text("raise SystemExit('taken in')\n")
+        for tool in (DOCTOR, self.installed):
+            environment = {**os.environ, "PYTHONPATH": str(evil), "PYTHONUSERBASE": str(evil)}
+            self.list_checks(tool, cwd=evil, env=environment)
+
+    def test_modules_that_are_missing(self):
+        run = subprocess.run(
+            [self.installed, "--list"], capture_output=True, text=True, timeout=60, check=False
+        )
+        self.assertEqual(run.returncode, 3)
+        message = f"zancgi-doctor: its modules are not in {self.share}/zancgi-tools\n"
+        self.assertEqual((run.stdout, run.stderr), ("", message))
+
+
 class ManualTest(unittest.TestCase):
     TEXT = MANUAL.read_text()
 
@@ -280,7 +333,7 @@ class ManualTest(unittest.TestCase):
         shown = re.findall(r"^\.It Cm ([a-z-]+\.[a-z-]+)\n(.*)$", self.TEXT, re.MULTILINE)
         expected = [
             (f"{group}.{name}", sentence)
-            for group, checks in doctor.KNOWN.items()
+            for group, checks in KNOWN.items()
             for name, sentence in checks.items()
         ]
         self.assertEqual(shown, expected)
@@ -288,7 +341,7 @@ class ManualTest(unittest.TestCase):
     def test_has_every_option(self):
         """In the synopsis and in the list."""
         synopsis, _, listed = self.TEXT.partition(".Sh DESCRIPTION")
-        for action in doctor.make_parser()._actions:
+        for action in make_parser()._actions:
             option = action.option_strings[-1]
             if option == "--help":
                 continue
@@ -298,7 +351,7 @@ class ManualTest(unittest.TestCase):
             self.assertRegex(synopsis, rf"{flag}|{short}")
 
     def test_has_every_state(self):
-        for state in doctor.STATES:
+        for state in STATES:
             self.assertIn(f".It Cm {state}\n", self.TEXT)
 
     def test_is_well_formed(self):
@@ -318,7 +371,7 @@ class ManualTest(unittest.TestCase):
 class IdentityTest(DoctorTest):
     def test_own_rights(self):
         report = self.examine("identity")
-        name = doctor.find_user(str(os.geteuid()))[0]
+        name = find_user(str(os.geteuid()))[0]
         message = f"What the front end may do is checked with the rights of user '{name}'."
         self.expect(report, "identity.rights", "ok", message)
 
@@ -331,7 +384,7 @@ class IdentityTest(DoctorTest):
     @AS_OTHERS
     def test_another_user_without_rights(self):
         report = self.examine("identity", "--as", "root")
-        name = doctor.user_name(os.geteuid())
+        name = user_name(os.geteuid())
         message = f"What user 'root' may do cannot be checked with the rights of user {name}."
         self.expect(report, "identity.rights", "unchecked", message, "Run zancgi-doctor as root.")
 
@@ -356,13 +409,13 @@ class IdentityTest(DoctorTest):
     @AS_ROOT
     def test_rights_are_really_given_up(self):
         """Group and further groups too."""
-        identity = doctor.Identity("someone", STRANGER, STRANGER + 1, [STRANGER + 2])
+        identity = Identity("someone", STRANGER, STRANGER + 1, [STRANGER + 2])
 
         def ids():
             return [*os.getresuid(), *os.getresgid(), *os.getgroups()]
 
         self.assertEqual(
-            doctor.run_in_child(5, ids, identity=identity),
+            run_in_child(5, ids, identity=identity),
             [STRANGER] * 3 + [STRANGER + 1] * 3 + [STRANGER + 2],
         )
 
@@ -419,7 +472,7 @@ class RunDirTest(DoctorTest):
     @AS_OTHERS
     def test_cannot_be_searched_by_oneself(self):
         self.run_dir.chmod(0o600)
-        name = doctor.user_name(os.geteuid())
+        name = user_name(os.geteuid())
         self.expect(
             self.run_dir_check("exists"),
             "run-dir.exists",
@@ -438,12 +491,12 @@ class RunDirTest(DoctorTest):
             self.expect(self.run_dir_check("length", path), "run-dir.length", state, message)
 
     def test_is_safe(self):
-        owner = doctor.user_name(os.geteuid())
+        owner = user_name(os.geteuid())
         message = f"Only root and user {owner} can replace a socket."
         self.expect(self.run_dir_check("safe"), "run-dir.safe", "ok", message)
 
     def test_is_writable_by_everybody_or_a_group(self):
-        group = doctor.group_name(os.getegid() or STRANGER)
+        group = group_name(os.getegid() or STRANGER)
         if IS_ROOT:
             os.chown(self.run_dir, 0, STRANGER)
         # A sticky one as well: anybody can come before the back end.
@@ -507,7 +560,7 @@ class RunDirTest(DoctorTest):
 
     def test_outlasts_a_reboot_on_disk(self):
         message = f"'{self.run_dir}' is on a disk and outlasts a reboot."
-        if doctor.mount_of(self.run_dir).kind in ("tmpfs", "ramfs"):
+        if mount_of(self.run_dir).kind in ("tmpfs", "ramfs"):
             self.skipTest("the temporary directory is in memory")
         self.expect(self.run_dir_check("reboot"), "run-dir.reboot", "ok", message)
 
@@ -759,7 +812,7 @@ class SocketTest(ServiceTest):
 
     def test_may_connect(self):
         self.bind()
-        name = doctor.user_name(os.geteuid())
+        name = user_name(os.geteuid())
         message = f"User {name} may connect to '{self.path}'."
         self.expect(self.ask("socket.access"), "socket.access", "ok", message)
 
@@ -790,7 +843,7 @@ class SocketTest(ServiceTest):
     def test_oneself_may_not_connect(self):
         self.bind()
         self.path.chmod(0)
-        self.refused(doctor.user_name(os.geteuid()))
+        self.refused(user_name(os.geteuid()))
 
     @AS_OTHERS
     def test_access_of_another_is_not_known(self):
@@ -1344,7 +1397,7 @@ class TmpDirTest(DoctorTest):
         self.expect(self.tmp_check("exists", path), "tmp-dir.exists", "failure", message)
 
     def test_writable(self):
-        name = doctor.user_name(os.geteuid())
+        name = user_name(os.geteuid())
         message = f"User {name} may write in '{self.tmp}'."
         self.expect(self.tmp_check("writable"), "tmp-dir.writable", "ok", message)
 
@@ -1363,7 +1416,7 @@ class TmpDirTest(DoctorTest):
     @AS_OTHERS
     def test_not_writable_by_oneself(self):
         self.tmp.chmod(0o500)
-        name = doctor.user_name(os.geteuid())
+        name = user_name(os.geteuid())
         message = f"User {name} cannot write in '{self.tmp}': Permission denied."
         self.expect(self.tmp_check("writable"), "tmp-dir.writable", "failure", message)
 
@@ -1406,7 +1459,7 @@ class TmpDirTest(DoctorTest):
         self.expect(report, "tmp-dir.safe", "ok", message)
 
     def test_file_system(self):
-        kind = doctor.mount_of(self.tmp).kind
+        kind = mount_of(self.tmp).kind
         if kind in ("tmpfs", "ramfs"):
             self.skipTest("the temporary directory is in memory")
         message = f"'{self.tmp}' is on a file system of type '{kind}'."
@@ -1436,9 +1489,9 @@ class TmpDirTest(DoctorTest):
             ),
         ):
             site = unittest.mock.Mock(tmp_dir="/x", who=lambda: "user 'www'")
-            mount = doctor.Mount("/x", kind, options)
-            with unittest.mock.patch.object(doctor, "mount_of", return_value=mount):
-                found = doctor.tmp_dir_file_system(site)
+            mount = Mount("/x", kind, options)
+            with unittest.mock.patch.object(tmp_dir, "mount_of", return_value=mount):
+                found = tmp_dir.tmp_dir_file_system(site)
             self.assertEqual((found.state, found.message), (state, message))
 
     def in_file_system(self, options, check, *arguments, then="true"):
@@ -1477,7 +1530,7 @@ class TmpDirTest(DoctorTest):
         for uid, message in ((0, "10.0 KB are free"), (33, "5.0 KB are free")):
             site = unittest.mock.Mock(tmp_dir="/x", min_free=0)
             site.identity.uid = uid
-            self.assertIn(message, doctor.tmp_dir_space(site, blocks).message)
+            self.assertIn(message, tmp_dir.tmp_dir_space(site, blocks).message)
 
     @AS_ROOT
     def test_inodes(self):
@@ -1492,7 +1545,7 @@ class TmpDirTest(DoctorTest):
             self.expect(report, "tmp-dir.inodes", state, message)
 
     def test_inodes_without_a_number(self):
-        found = doctor.tmp_dir_inodes("/x", unittest.mock.Mock(f_files=0))
+        found = tmp_dir.tmp_dir_inodes("/x", unittest.mock.Mock(f_files=0))
         message = "The file system of '/x' has no fixed number of inodes."
         self.assertEqual((found.state, found.message), ("ok", message))
 
@@ -1582,7 +1635,7 @@ class ProgramTest(DoctorTest):
         self.program = self.bin / "panel"
         shutil.copyfile("/bin/true", self.program)
         self.program.chmod(0o755)
-        self.me = doctor.user_name(os.geteuid())
+        self.me = user_name(os.geteuid())
 
     def program_check(self, name, path=None, *arguments, **options):
         return self.examine(
@@ -1702,10 +1755,10 @@ class ProgramTest(DoctorTest):
         home.chmod(0o700)
         site = unittest.mock.Mock(program=str(bin_dir / "panel"))
         site.who.return_value = "user 'x'"
-        site.as_front_end.side_effect = lambda function, *arguments: doctor.run_in_child(
-            5, function, *arguments, identity=doctor.Identity("x", STRANGER, STRANGER, [])
+        site.as_front_end.side_effect = lambda function, *arguments: run_in_child(
+            5, function, *arguments, identity=Identity("x", STRANGER, STRANGER, [])
         )
-        found = doctor.program_work_dir(site)
+        found = program.program_work_dir(site)
         self.assertEqual(found.state, "warning")
         self.assertEqual(
             found.message,
@@ -1732,7 +1785,7 @@ class ProgramTest(DoctorTest):
             for line in listing.splitlines()
             if "=>" in line
         }
-        search = doctor.LibrarySearch({})
+        search = LibrarySearch({})
         search.search(os.path.realpath(sys.executable))
         self.assertEqual(search.missing, [])
         found = {name: path for name, path in search.found.items() if not name.startswith("ld-")}
@@ -1812,8 +1865,8 @@ class ProgramTest(DoctorTest):
             data[position : position + 8] = b"\xff" * 8
             self.program.write_bytes(data)
             try:
-                doctor.LibrarySearch({}).search(str(self.program))
-            except doctor.NotElf:
+                LibrarySearch({}).search(str(self.program))
+            except NotElf:
                 pass
 
     def test_program_is_not_run(self):
@@ -1861,8 +1914,8 @@ class PamTest(DoctorTest):
         self.expect(report, "pam.library", "ok", "libpam.so.0 can be loaded.")
 
     def test_no_library(self):
-        with unittest.mock.patch.object(doctor.ctypes, "CDLL", side_effect=OSError("no file")):
-            found = doctor.pam_library()
+        with unittest.mock.patch.object(pam.ctypes, "CDLL", side_effect=OSError("no file")):
+            found = pam.pam_library()
         self.assertEqual(found.state, "warning")
         self.assertEqual(
             found.message,
@@ -2062,7 +2115,7 @@ class AccountTest(DoctorTest):
     def test_home_cannot_be_looked_at(self):
         closed = self.make_folder("closed", 0)
         entry = unittest.mock.Mock(pw_dir=str(closed / "home"), pw_name="alice")
-        found = doctor.account_home(entry)
+        found = accounts.account_home(entry)
         message = f"The home '{closed}/home' cannot be looked at: Permission denied."
         self.assertEqual((found.state, found.message), ("unchecked", message))
 
@@ -2102,10 +2155,10 @@ class AccountTest(DoctorTest):
     @AS_ROOT
     def test_confinement_to_fuse_and_nfs(self):
         for kind in ("fuse.bindfs", "fuseblk", "nfs4"):
-            mount = doctor.Mount("/", kind, set())
-            with unittest.mock.patch.object(doctor, "mount_of", return_value=mount):
+            mount = Mount("/", kind, set())
+            with unittest.mock.patch.object(accounts, "mount_of", return_value=mount):
                 self.assertEqual(
-                    doctor.why_not_confine("/usr"),
+                    accounts.why_not_confine("/usr"),
                     f"'/usr' is on a file system of type '{kind}'",
                 )
 
@@ -2134,9 +2187,9 @@ class AccountTest(DoctorTest):
                 "The home '/home/alice' is on 'fuse.sshfs', which mostly does not let root in.",
             ),
         ):
-            mount = doctor.Mount("/home", kind, set())
-            with unittest.mock.patch.object(doctor, "mount_of", return_value=mount):
-                found = doctor.account_hand_over(None, entry)
+            mount = Mount("/home", kind, set())
+            with unittest.mock.patch.object(accounts, "mount_of", return_value=mount):
+                found = accounts.account_hand_over(None, entry)
             self.assertEqual((found.state, found.message), ("warning", message))
 
     def hand_over_with(self, error):
@@ -2144,7 +2197,7 @@ class AccountTest(DoctorTest):
         site.identity.uid = 0
         site.as_front_end.return_value = error
         entry = unittest.mock.Mock(pw_dir=str(self.folder), pw_name="alice")
-        found = doctor.account_hand_over(site, entry)
+        found = accounts.account_hand_over(site, entry)
         return found.state, found.message
 
     def test_hand_over_that_root_is_refused(self):
@@ -2200,8 +2253,8 @@ class NssTest(DoctorTest):
 
     def test_no_file(self):
         error = FileNotFoundError(2, "No such file or directory")
-        with unittest.mock.patch.object(doctor, "read_text", side_effect=error):
-            (found,) = doctor.check_nss(None)
+        with unittest.mock.patch.object(nss, "read_text", side_effect=error):
+            (found,) = nss.check_nss(None)
         message = "'/etc/nsswitch.conf' cannot be read: No such file or directory."
         self.assertEqual((found.state, found.message), ("warning", message))
 
@@ -2361,7 +2414,7 @@ class LogTest(DoctorTest):
 
     def setUp(self):
         super().setUp()
-        self.me = doctor.user_name(os.geteuid())
+        self.me = user_name(os.geteuid())
 
     def test_standard_error(self):
         message = "Messages go to standard error, the web server's error log."
@@ -2493,9 +2546,9 @@ class LogTest(DoctorTest):
 
 class ClockTest(unittest.TestCase):
     def clock(self, seconds, state):
-        with unittest.mock.patch.object(doctor.time, "time", return_value=seconds):
-            with unittest.mock.patch.object(doctor, "clock_state", return_value=state):
-                (found,) = doctor.check_clock(None)
+        with unittest.mock.patch.object(clock.time, "time", return_value=seconds):
+            with unittest.mock.patch.object(clock, "clock_state", return_value=state):
+                (found,) = clock.check_clock(None)
         return found.state, found.message
 
     def test_states(self):
@@ -2503,24 +2556,24 @@ class ClockTest(unittest.TestCase):
         message = "The clock is synchronised."
         self.assertEqual(self.clock(now, 0), ("ok", message))
         message = "The clock is not synchronised, so sessions may end early or late."
-        self.assertEqual(self.clock(now, doctor.TIME_ERROR), ("warning", message))
+        self.assertEqual(self.clock(now, clock.TIME_ERROR), ("warning", message))
         message = "The clock says 1970-01-02."
         self.assertEqual(self.clock(86400, 0), ("failure", message))
 
     def test_the_kernel_is_asked(self):
-        self.assertIn(doctor.clock_state(), range(6))
+        self.assertIn(clock.clock_state(), range(6))
 
 
 class ChildrenTest(unittest.TestCase):
     def test_values(self):
-        self.assertEqual(doctor.run_in_child(5, lambda a, b: [a, b], 1, "é"), [1, "é"])
+        self.assertEqual(run_in_child(5, lambda a, b: [a, b], 1, "é"), [1, "é"])
 
     def test_large_value(self):
-        self.assertEqual(len(doctor.run_in_child(5, lambda: "x" * 1_000_000)), 1_000_000)
+        self.assertEqual(len(run_in_child(5, lambda: "x" * 1_000_000)), 1_000_000)
 
     def reason(self, seconds, function, *arguments):
-        with self.assertRaises(doctor.NoResult) as caught:
-            doctor.run_in_child(seconds, function, *arguments)
+        with self.assertRaises(NoResult) as caught:
+            run_in_child(seconds, function, *arguments)
         return str(caught.exception)
 
     def test_time_is_up(self):
@@ -2534,14 +2587,14 @@ class ChildrenTest(unittest.TestCase):
                 pathlib.Path(folder, str(os.getpid())).touch()
                 time.sleep(60)
 
-            self.reason(0.5, lambda: doctor.run_in_child(60, sleep))
+            self.reason(0.5, lambda: run_in_child(60, sleep))
             (pid,) = map(int, os.listdir(folder))
             self.assertTrue(self.ends(pid))
 
     def ends(self, pid):
         end = time.monotonic() + 10
         while time.monotonic() < end:
-            status = doctor.text_or_nothing(f"/proc/{pid}/status")
+            status = text_or_nothing(f"/proc/{pid}/status")
             if not status or re.search(r"State:\s+Z", status):
                 return True
             time.sleep(0.05)
@@ -2559,10 +2612,10 @@ class ChildrenTest(unittest.TestCase):
         site = unittest.mock.Mock(timeout=1, has_rights=False)
 
         def check(_site):
-            yield doctor.ok("clock.time", "x", "Well.")
+            yield ok("clock.time", "x", "Well.")
             raise OSError(5, "Input/output error", "/x")
 
-        found = doctor.run_job(site, "clock", check, ())
+        found = run_job(site, "clock", check, ())
         self.assertEqual([finding.state for finding in found], ["ok", "unchecked"])
         message = "The rest could not be checked: Input/output error: '/x'."
         self.assertEqual((found[1].name, found[1].message), ("clock", message))
@@ -2595,10 +2648,10 @@ class HostileTextTest(ServiceTest):
 
     def test_escapes(self):
         self.assertEqual(
-            doctor.printable("aé \\\n\x1b\udcff\u202e\U000e0001"),
+            printable("aé \\\n\x1b\udcff\u202e\U000e0001"),
             (r"aé \\\x0a\x1b\xff\u202e\U000e0001"),
         )
-        self.assertEqual(doctor.printable("x" * 300), "x" * 200 + "...")
+        self.assertEqual(printable("x" * 300), "x" * 200 + "...")
 
 
 if __name__ == "__main__":

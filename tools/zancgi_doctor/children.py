@@ -1,0 +1,82 @@
+"""Work in child processes, which may have other rights and are ended in time."""
+
+import contextlib
+import ctypes
+import json
+import os
+import select
+import signal
+import time
+
+from zancgi_doctor.identities import Unknown
+from zancgi_doctor.texts import describe_error, printable
+
+PR_SET_PDEATHSIG = 1
+
+
+class NoResult(Exception):
+    """A child has not told what it was asked for."""
+
+
+def run_in_child(seconds, function, *arguments, identity=None):
+    """What a function returns in a forked process, read as JSON."""
+    reader, writer = os.pipe()
+    child = os.fork()
+    if child == 0:
+        be_child(writer, function, arguments, identity)
+    os.close(writer)
+    try:
+        text = read_until(reader, time.monotonic() + seconds)
+    finally:
+        os.close(reader)
+        end_child(child)
+    if text is None:
+        raise NoResult(f"it took longer than {seconds:g} seconds")
+    try:
+        result = json.loads(text)
+    except ValueError:
+        raise NoResult("the checking process has ended early") from None
+    if "error" in result:
+        raise NoResult(result["error"])
+    return result["value"]
+
+
+def be_child(writer, function, arguments, identity):
+    """Does not return, nor raise, nor run what the parent has planned."""
+    try:
+        if identity is not None:
+            identity.take_on()
+        # A child that hangs must not outlive a doctor who has been ended.
+        ctypes.CDLL(None).prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
+        result = {"value": function(*arguments)}
+    except OSError as error:
+        result = {"error": describe_error(error)}
+    except (NoResult, Unknown) as error:
+        result = {"error": str(error)}
+    except BaseException as error:  # whatever it is, the parent says it
+        result = {"error": printable(f"{type(error).__name__}: {error}")}
+    with contextlib.suppress(BaseException), os.fdopen(writer, "w") as stream:
+        json.dump(result, stream)
+    os._exit(0)
+
+
+def read_until(reader, deadline):
+    """All there is; nothing if its end does not come in time."""
+    pieces = []
+    while True:
+        left = max(deadline - time.monotonic(), 0)
+        if not select.select([reader], [], [], left)[0]:
+            return None
+        piece = os.read(reader, 65536)
+        if not piece:
+            return b"".join(pieces)
+        pieces.append(piece)
+
+
+def end_child(child):
+    os.kill(child, signal.SIGKILL)
+    # One that hangs in the kernel is left to end when it can.
+    for _ in range(100):
+        if os.waitpid(child, os.WNOHANG)[0]:
+            return
+        time.sleep(0.01)

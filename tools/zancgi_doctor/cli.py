@@ -1,0 +1,220 @@
+"""The command line: its options, and the deployment that they describe."""
+
+import argparse
+import contextlib
+import os
+import re
+import sys
+
+from zancgi_doctor.catalogue import KNOWN
+from zancgi_doctor.children import NoResult, run_in_child
+from zancgi_doctor.deployment import Site
+from zancgi_doctor.examination import examine
+from zancgi_doctor.files import read_text
+from zancgi_doctor.identities import Identity, resolve_identity
+from zancgi_doctor.report import json_report, overall, text_report
+from zancgi_doctor.texts import MEBIBYTE, describe_error, printable
+
+EXIT_STATUS = {"ok": 0, "warning": 1, "failure": 2, "unchecked": 3}
+USAGE_ERROR = 3
+
+
+class Parser(argparse.ArgumentParser):
+    def error(self, message):
+        self.print_usage(sys.stderr)
+        self.exit(USAGE_ERROR, f"{self.prog}: {printable(message)}\n")
+
+
+def parse_size(text):
+    match = re.fullmatch(r"(\d{1,15})([KMGT]?)", text, re.I)
+    if not match:
+        raise argparse.ArgumentTypeError(f"no size: {text}")
+    return int(match[1]) << {"": 0, "K": 10, "M": 20, "G": 30, "T": 40}[match[2].upper()]
+
+
+def parse_seconds(text):
+    with contextlib.suppress(ValueError):
+        if 0 < float(text) <= 3600:
+            return float(text)
+    raise argparse.ArgumentTypeError(f"no number of seconds from 0 to 3600: {text}")
+
+
+def parse_pid(text):
+    if not re.fullmatch("[1-9][0-9]{0,9}", text):
+        raise argparse.ArgumentTypeError(f"no process number: {text}")
+    return int(text)
+
+
+def parse_check(text):
+    group, dot, name = text.partition(".")
+    if group in KNOWN and (not dot or name in KNOWN[group]):
+        return text
+    raise argparse.ArgumentTypeError(f"no such check: {text} (see --list)")
+
+
+def parse_session(text):
+    if not re.fullmatch(r"[!-:<-~]+", text):
+        raise argparse.ArgumentTypeError("a session is printable and has no blank or semicolon")
+    return text
+
+
+def make_parser():
+    parser = Parser(
+        prog="zancgi-doctor",
+        allow_abbrev=False,
+        description="Checks a deployment of front ends made with libzancgi.",
+        epilog="Exit status: 0 all is well, 1 warnings, 2 failures, 3 something was not checked.",
+    )
+    parser.add_argument(
+        "--service",
+        action="append",
+        default=[],
+        metavar="NAME",
+        help="a back end (default: all that have a socket)",
+    )
+    parser.add_argument("--program", default="", metavar="FILE", help="the front end's program")
+    parser.add_argument(
+        "--as",
+        dest="user",
+        default="",
+        metavar="USER[:GROUP]",
+        help="the user that front ends run as (default: yourself)",
+    )
+    parser.add_argument("--run-dir", default="", metavar="DIR", help="the folder of the sockets")
+    parser.add_argument("--tmp-dir", default="", metavar="DIR", help="the folder of uploads")
+    parser.add_argument(
+        "--account",
+        action="append",
+        default=[],
+        metavar="NAME",
+        help="an account that front ends become",
+    )
+    parser.add_argument(
+        "--confined", action="store_true", help="the accounts are confined to their homes"
+    )
+    parser.add_argument(
+        "--session",
+        type=parse_session,
+        metavar="ID",
+        help="a session that the service knows (visible to other users)",
+    )
+    parser.add_argument(
+        "--session-file",
+        default="",
+        metavar="FILE",
+        help="a file whose first line is such a session",
+    )
+    parser.add_argument(
+        "--pid",
+        type=parse_pid,
+        default=0,
+        metavar="PID",
+        help="the web server's process, whose environment and limits count",
+    )
+    parser.add_argument(
+        "--timeout",
+        type=parse_seconds,
+        default=5.0,
+        metavar="S",
+        help="seconds to wait for an answer (5)",
+    )
+    parser.add_argument(
+        "--min-free",
+        type=parse_size,
+        default=100 * MEBIBYTE,
+        metavar="SIZE",
+        help="space that must be free for uploads (100M)",
+    )
+    parser.add_argument(
+        "--check",
+        action="append",
+        type=parse_check,
+        default=[],
+        metavar="NAME",
+        help="only this check or group of checks",
+    )
+    parser.add_argument("--list", action="store_true", help="list the checks")
+    parser.add_argument("--json", action="store_true", help="report as JSON")
+    parser.add_argument("-q", "--quiet", action="store_true", help="print the first line only")
+    parser.add_argument("-v", "--verbose", action="store_true", help="show what is well, too")
+    return parser
+
+
+def read_environment(pid):
+    if not pid:
+        return dict(os.environ)
+    variables = read_text(f"/proc/{pid}/environ").split("\0")
+    return dict(line.split("=", 1) for line in variables if "=" in line)
+
+
+def read_session(options):
+    if not options.session_file:
+        return options.session or ""
+    line = read_text(options.session_file).partition("\n")[0].strip()
+    return parse_session(line)
+
+
+def find_closed_streams():
+    """Asked first of all: pipes and sockets land there later."""
+    closed = []
+    for number in range(3):
+        try:
+            os.fstat(number)
+        except OSError:
+            closed.append(number)
+    return closed
+
+
+def make_site(options, closed_streams):
+    identity = Identity(*run_in_child(options.timeout, resolve_identity, options.user))
+    environment = read_environment(options.pid)
+    return Site(
+        run_dir=options.run_dir or environment.get("TOV_RUN_DIR", "") or "/run/tov",
+        services=options.service,
+        program=options.program,
+        identity=identity,
+        tmp_dir=options.tmp_dir or environment.get("TMP", "") or "/tmp",
+        accounts=options.account,
+        confined=options.confined,
+        session=read_session(options),
+        timeout=options.timeout,
+        min_free=options.min_free,
+        pid=options.pid,
+        environment=environment,
+        has_rights=os.geteuid() == 0 or identity.is_own(),
+        closed_streams=closed_streams,
+    )
+
+
+def refuse(message):
+    print(f"zancgi-doctor: {message}", file=sys.stderr)
+    return USAGE_ERROR
+
+
+def print_list():
+    for group, checks in KNOWN.items():
+        for name, description in checks.items():
+            print(f"{group}.{name:<{24 - len(group)}} {description}")
+
+
+def main():
+    closed_streams = find_closed_streams()
+    parser = make_parser()
+    options = parser.parse_args()
+    if sys.stdout is not None:
+        sys.stdout.reconfigure(errors="backslashreplace")
+    if options.list:
+        print_list()
+        return 0
+    if (options.session or options.session_file) and len(options.service) != 1:
+        return refuse("a session belongs to one service: name it with --service")
+    try:
+        site = make_site(options, closed_streams)
+    except (NoResult, OSError, argparse.ArgumentTypeError) as error:
+        return refuse(describe_error(error) if isinstance(error, OSError) else error)
+    findings = examine(site, options.check)
+    if options.json:
+        print(json_report(findings))
+    else:
+        print("\n".join(text_report(findings, options.quiet, options.verbose)))
+    return EXIT_STATUS[overall(findings)]

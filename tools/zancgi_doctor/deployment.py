@@ -1,0 +1,84 @@
+"""The deployment that is looked at, and where its sockets are."""
+
+import dataclasses
+import errno
+import os
+
+from zancgi_doctor.children import run_in_child
+from zancgi_doctor.findings import BECOME_ROOT, unchecked
+from zancgi_doctor.identities import Identity
+from zancgi_doctor.texts import quote, reason
+
+SUN_PATH_LIMIT = 107
+
+
+@dataclasses.dataclass
+class Site:
+    run_dir: str
+    services: list
+    program: str
+    identity: Identity
+    tmp_dir: str
+    accounts: list
+    confined: bool
+    session: str
+    timeout: float
+    min_free: int
+    pid: int
+    environment: dict
+    has_rights: bool
+    closed_streams: list
+
+    def who(self):
+        return f"user {quote(self.identity.name)}"
+
+    def who_first(self):
+        """The same at the beginning of a sentence."""
+        return f"User {quote(self.identity.name)}"
+
+    def as_front_end(self, function, *arguments):
+        """What the front end's user would get; nothing if that cannot be said."""
+        if not self.has_rights:
+            return None
+        return run_in_child(self.timeout, function, *arguments, identity=self.identity)
+
+
+def not_seen(site, finding, path, error):
+    """A finding that something is missing, unless it is only hidden from one
+    who is not the front end's user."""
+    if error.errno != errno.EACCES or site.has_rights:
+        return finding
+    message = f"{quote(path)} cannot be looked at: {reason(error)}."
+    return unchecked(finding.name, finding.subject, message, BECOME_ROOT)
+
+
+def services_of(site):
+    """Those that were named, or all that have a socket."""
+    if site.services:
+        return site.services
+    try:
+        names = os.listdir(site.run_dir)
+    except OSError:
+        return []
+    return sorted(
+        name[: -len(".sock")]
+        for name in names
+        if name.endswith(".sock") and not name.startswith(".")
+    )
+
+
+def socket_path(site, service):
+    return f"{site.run_dir}/{service}.sock"
+
+
+def name_error(site, service):
+    if not service:
+        return "it is empty"
+    if service.startswith("."):
+        return "it begins with a dot"
+    if "/" in service:
+        return "it contains a slash"
+    length = len(os.fsencode(socket_path(site, service)))
+    if length > SUN_PATH_LIMIT:
+        return f"the path of its socket has {length} bytes, more than {SUN_PATH_LIMIT}"
+    return ""

@@ -1,0 +1,114 @@
+"""Which checks are made of a deployment, each group in a process of its own."""
+
+import dataclasses
+
+from zancgi_doctor.checks.accounts import check_account
+from zancgi_doctor.checks.back_end import check_back_end
+from zancgi_doctor.checks.clock import check_clock
+from zancgi_doctor.checks.identity import check_identity
+from zancgi_doctor.checks.log import check_log
+from zancgi_doctor.checks.nss import check_nss
+from zancgi_doctor.checks.pam import check_pam
+from zancgi_doctor.checks.process import check_limits, check_process
+from zancgi_doctor.checks.program import check_program
+from zancgi_doctor.checks.run_dir import check_run_dir
+from zancgi_doctor.checks.sockets import check_socket
+from zancgi_doctor.checks.tmp_dir import check_tmp_dir
+from zancgi_doctor.children import NoResult, run_in_child
+from zancgi_doctor.deployment import services_of
+from zancgi_doctor.findings import Finding, skipped, unchecked, warning
+from zancgi_doctor.texts import describe_error, quote
+
+
+def is_wanted(name, wanted):
+    return not wanted or name in wanted or name.partition(".")[0] in wanted
+
+
+def jobs(site):
+    """Groups of checks, each with what it looks at."""
+    services = services_of(site)
+    yield "identity", check_identity, ()
+    yield "run-dir", check_run_dir, ()
+    if not services:
+        yield "socket", no_service, ()
+    for service in services:
+        yield "socket", check_socket, (service,)
+        yield "back-end", check_back_end, (service,)
+    yield "tmp-dir", check_tmp_dir, ()
+    if site.program:
+        yield "program", check_program, ()
+    else:
+        yield "program", no_program, ()
+    yield "pam", check_pam, ()
+    if not site.accounts:
+        yield "account", no_account, ()
+    for account in site.accounts:
+        yield "account", check_account, (account,)
+    yield "nss", check_nss, ()
+    yield "limits", check_limits, ()
+    yield "process", check_process, ()
+    yield "log", check_log, ()
+    yield "clock", check_clock, ()
+
+
+def no_service(site):
+    yield warning(
+        "socket.kind",
+        site.run_dir,
+        f"There is no socket in {quote(site.run_dir)}.",
+        "Start the back end, or name its service with --service.",
+    )
+
+
+def no_program(_site):
+    yield skipped("program.file", "", "No front end was named with --program.")
+
+
+def no_account(_site):
+    yield skipped("account.exists", "", "No account was named with --account.")
+
+
+def run_job(site, group, function, arguments):
+    """The findings of one group; what goes wrong is a finding as well."""
+    subject = arguments[0] if arguments else ""
+
+    def give_up(error):
+        return unchecked(
+            group,
+            subject,
+            f"The rest could not be checked: {error}.",
+            "See what keeps it, or run zancgi-doctor as root.",
+        )
+
+    def work():
+        findings = []
+        try:
+            for finding in function(site, *arguments):
+                findings.append(finding)
+        except NoResult as error:
+            findings.append(give_up(error))
+        except OSError as error:
+            findings.append(give_up(describe_error(error)))
+        return [dataclasses.asdict(finding) for finding in findings]
+
+    # Several steps of one group may each take their time.
+    seconds = 4 * site.timeout + 5
+    identity = site.identity if group == "back-end" and site.has_rights else None
+    try:
+        found = run_in_child(seconds, work, identity=identity)
+    except NoResult as error:
+        return [give_up(error)]
+    return [Finding(**finding) for finding in found]
+
+
+def examine(site, wanted):
+    findings = []
+    groups = {name.partition(".")[0] for name in wanted}
+    for group, function, arguments in jobs(site):
+        if not groups or group in groups:
+            findings += run_job(site, group, function, arguments)
+    return [
+        finding
+        for finding in findings
+        if is_wanted(finding.name, wanted) or "." not in finding.name
+    ]

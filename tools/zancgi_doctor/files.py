@@ -1,0 +1,118 @@
+"""Files, the way to them, and who can change what lies there."""
+
+import dataclasses
+import errno
+import os
+import stat
+
+from zancgi_doctor.texts import group_name, quote, reason, user_name
+
+FILE_LIMIT = 1 << 20
+
+
+def read_file(path):
+    """The beginning of a regular file; whatever else it is counts as empty."""
+    descriptor = os.open(path, os.O_RDONLY | os.O_NONBLOCK | os.O_NOCTTY | os.O_CLOEXEC)
+    with os.fdopen(descriptor, "rb") as stream:
+        if not stat.S_ISREG(os.fstat(descriptor).st_mode):
+            return b""
+        return stream.read(FILE_LIMIT)
+
+
+def read_text(path):
+    return os.fsdecode(read_file(path))
+
+
+def text_or_nothing(path):
+    try:
+        return read_text(path)
+    except OSError:
+        return ""
+
+
+def kind_of(mode):
+    kinds = {
+        stat.S_ISDIR: "a folder",
+        stat.S_ISREG: "a regular file",
+        stat.S_ISSOCK: "a socket",
+        stat.S_ISFIFO: "a FIFO",
+        stat.S_ISLNK: "a symbolic link",
+        stat.S_ISCHR: "a device",
+        stat.S_ISBLK: "a device",
+    }
+    return next(kind for is_kind, kind in kinds.items() if is_kind(mode))
+
+
+def access_error(path, mode):
+    """Why a path cannot be used; empty if it can."""
+    if os.access(path, mode, effective_ids=True):
+        return ""
+    try:
+        os.stat(path)
+    except OSError as error:
+        return reason(error)
+    if mode & os.W_OK and os.statvfs(path).f_flag & os.ST_RDONLY:
+        return "the file system is mounted read-only"
+    return "Permission denied"
+
+
+@dataclasses.dataclass
+class Step:
+    """What is met on the way to a file."""
+
+    path: str
+    status: os.stat_result
+
+    def is_link(self):
+        return stat.S_ISLNK(self.status.st_mode)
+
+
+def way_to(path):
+    """Every folder and link that is passed on the way to a file, and the file."""
+    here = Step("/", os.lstat("/"))
+    steps = [here]
+    to_go = [part for part in os.path.abspath(path).split("/") if part]
+    links = 0
+    while to_go:
+        part = to_go.pop(0)
+        if part in ("", "."):
+            continue
+        if part == "..":
+            here = Step(os.path.dirname(here.path), os.lstat(os.path.dirname(here.path)))
+            continue
+        next_path = os.path.join(here.path, part)
+        step = Step(next_path, os.lstat(next_path))
+        steps.append(step)
+        if not step.is_link():
+            here = step
+            continue
+        links += 1
+        if links > 40:
+            raise OSError(errno.ELOOP, os.strerror(errno.ELOOP), path)
+        target = os.readlink(next_path)
+        if target.startswith("/"):
+            here = steps[0]
+        to_go = target.split("/") + to_go
+    return steps
+
+
+def who_can_change(step, trusted, allows_sticky=True):
+    """Why what lies in a folder, or a link, is in the wrong hands; or nothing."""
+    status = step.status
+    if status.st_uid not in trusted:
+        return f"belongs to user {user_name(status.st_uid)}"
+    if step.is_link() or (allows_sticky and status.st_mode & stat.S_ISVTX):
+        return ""
+    if status.st_mode & stat.S_IWOTH:
+        return "is writable by everybody"
+    if status.st_mode & stat.S_IWGRP and status.st_gid != 0:
+        return f"is writable by group {group_name(status.st_gid)}"
+    return ""
+
+
+def first_unsafe(steps, trusted, **options):
+    for step in steps:
+        why = who_can_change(step, trusted, **options)
+        if why:
+            return f"{quote(step.path)} {why}"
+    return ""

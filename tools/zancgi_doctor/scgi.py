@@ -1,0 +1,93 @@
+"""One request to a back end over its socket, and what comes of it."""
+
+import dataclasses
+import os
+import socket
+import struct
+import time
+
+from zancgi_doctor.files import text_or_nothing
+from zancgi_doctor.texts import reason
+
+ANSWER_LIMIT = 1 << 20
+
+
+@dataclasses.dataclass
+class Answer:
+    """What has come of one request."""
+
+    end: str = "closed"
+    error: str = ""
+    data: bytes = b""
+    connect_seconds: float = 0
+    seconds: float = 0
+    listener: str = ""
+
+
+def scgi_request(variables):
+    pairs = [("CONTENT_LENGTH", "0"), ("SCGI", "1"), *sorted(variables.items())]
+    header = b"".join(os.fsencode(f"{name}\0{value}\0") for name, value in pairs)
+    return b"%d:%s," % (len(header), header)
+
+
+def listener_of(client):
+    """The program at the other end, if that can be seen."""
+    credentials = client.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, 12)
+    pid, _, _ = struct.unpack("iII", credentials)
+    return text_or_nothing(f"/proc/{pid}/comm").strip() if pid > 0 else ""
+
+
+def connect(client, path, seconds):
+    """Waits for room in the listener's queue, as the library does."""
+    whole = int(seconds)
+    limit = struct.pack("ll", whole, int((seconds - whole) * 1e6) or 1)
+    client.setsockopt(socket.SOL_SOCKET, socket.SO_SNDTIMEO, limit)
+    client.connect(path)
+
+
+def exchange(path, request, seconds):
+    """One request, its answer, and how it ended."""
+    answer = Answer()
+    begin = time.monotonic()
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as client:
+        try:
+            connect(client, path, seconds)
+        except BlockingIOError:
+            answer.end = "no connection"
+            answer.error = "its queue is full"
+            return answer
+        except OSError as error:
+            answer.end = "no connection"
+            answer.error = reason(error)
+            return answer
+        answer.connect_seconds = time.monotonic() - begin
+        answer.listener = listener_of(client)
+        deadline = begin + seconds
+        try:
+            client.settimeout(seconds)
+            client.sendall(request)
+            receive(client, answer, deadline)
+        except TimeoutError:
+            answer.end = "timeout"
+        except OSError as error:
+            answer.end = "reset"
+            answer.error = reason(error)
+    answer.seconds = time.monotonic() - begin
+    return answer
+
+
+def receive(client, answer, deadline):
+    pieces = bytearray()
+    try:
+        while len(pieces) <= ANSWER_LIMIT:
+            left = deadline - time.monotonic()
+            if left <= 0:
+                raise TimeoutError
+            client.settimeout(left)
+            piece = client.recv(65536)
+            if not piece:
+                return
+            pieces += piece
+        answer.end = "too long"
+    finally:
+        answer.data = bytes(pieces)

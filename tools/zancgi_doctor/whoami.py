@@ -1,0 +1,118 @@
+"""The request for whoami, and its answer as Authorize reads it."""
+
+import re
+import xml.parsers.expat
+
+from zancgi_doctor.scgi import scgi_request
+from zancgi_doctor.texts import printable, quote
+
+
+def whoami_request(service, session, cookie=""):
+    cookies = [f"{service}ses5={session}"] if session else []
+    if cookie:
+        cookies.append(cookie)
+    variables = {
+        "HTTP_HOST": "localhost",
+        "HTTP_USER_AGENT": "zancgi-doctor",
+        "QUERY_STRING": "func=whoami&out=xml",
+        "REMOTE_ADDR": "127.0.0.1",
+        "REQUEST_METHOD": "GET",
+        "REQUEST_URI": "/zancgi-doctor",
+        "SERVER_ADDR": "127.0.0.1",
+    }
+    if cookies:
+        variables["HTTP_COOKIE"] = "; ".join(cookies)
+    return scgi_request(variables)
+
+
+TOKEN = re.compile(rb"[!#$%&'*+\-.^_`|~0-9A-Za-z]+")
+
+
+def split_answer(data):
+    """Header lines, if there are any, and the body."""
+    headers = []
+    position = 0
+    while position < len(data):
+        end = data.find(b"\n", position)
+        line = data[position : len(data) if end < 0 else end].removesuffix(b"\r")
+        if end >= 0 and not line:
+            return headers, data[end + 1 :]
+        name, colon, value = line.partition(b":")
+        if not TOKEN.fullmatch(name) or not (colon or end < 0):
+            return [], data
+        if colon:
+            headers.append((name.lower(), value.strip(b" \t")))
+        position = len(data) if end < 0 else end + 1
+    return headers, b""
+
+
+def parse_length(value):
+    """A number of 64 bits; nothing if it is none."""
+    digits = value.lstrip(b"0") or b"0"
+    if not re.fullmatch(rb"[0-9]{1,20}", digits) or not value or int(digits) >= 1 << 64:
+        return None
+    return int(digits)
+
+
+def length_error(data):
+    """What is wrong with the announced length; and whether there is one."""
+    headers, body = split_answer(data)
+    announced = {parse_length(value) for name, value in headers if name == b"content-length"}
+    if not announced:
+        return "", False
+    if len(announced) > 1 or None in announced:
+        return "its Content-Length makes no sense", True
+    (length,) = announced
+    if len(body) < length:
+        return f"it has {len(body)} bytes, but announces {length}", True
+    return "", True
+
+
+class NotAnAnswer(Exception):
+    """Why Authorize would not understand it."""
+
+
+class WhoamiReader:
+    """Reads /doc/user and /doc/error without building a tree."""
+
+    def __init__(self):
+        self.depth = 0
+        self.found = {}
+        self.parser = xml.parsers.expat.ParserCreate()
+        self.parser.StartElementHandler = self._start
+        self.parser.EndElementHandler = self._end
+        self.parser.StartDoctypeDeclHandler = self._doctype
+
+    def read(self, text):
+        try:
+            self.parser.Parse(text, True)
+        except xml.parsers.expat.ExpatError as error:
+            raise NotAnAnswer(f"it is no well-formed XML ({printable(str(error))})") from None
+        return self.found
+
+    def _start(self, name, attributes):
+        self.depth += 1
+        if self.depth == 1 and name != "doc":
+            raise NotAnAnswer(f"its document element is {quote(name)}, not 'doc'")
+        if self.depth == 2 and name in ("error", "user"):
+            self.found.setdefault(name, attributes)
+
+    def _end(self, _name):
+        self.depth -= 1
+
+    def _doctype(self, *_):
+        raise NotAnAnswer("it has a document type declaration, which is not read here")
+
+
+def read_whoami(data):
+    """What the answer says: the attributes of error and user."""
+    begin = data.find(b"<?xml")
+    text = data[max(begin, 0) :]
+    if begin < 0 and split_answer(data)[0]:
+        raise NotAnAnswer("it has header lines, but no '<?xml' behind them")
+    if b"\0" in text:
+        raise NotAnAnswer("it contains a zero byte")
+    found = WhoamiReader().read(text)
+    if not found:
+        raise NotAnAnswer("it has neither /doc/user nor /doc/error")
+    return found
