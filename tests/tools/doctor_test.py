@@ -2,6 +2,7 @@
 that people look for; and nothing that it looks at may harm or stop it."""
 
 import contextlib
+import errno
 import json
 import os
 import pathlib
@@ -535,6 +536,20 @@ class RunDirTest(DoctorTest):
             f"Others can pose as a back end: '{self.folder}/open' is writable by everybody.",
         )
 
+    def test_way_back_from_the_target_of_a_link(self):
+        """Where two dots lead, the kernel decides after the link."""
+        target = self.make_folder("open", 0o777) / "target"
+        target.mkdir(0o755)
+        (self.folder / "link").symlink_to(target)
+        (self.folder / "back").symlink_to("open/target/..")
+        for way in ("link/..", "back"):
+            self.expect(
+                self.run_dir_check("safe", f"{self.folder}/{way}"),
+                "run-dir.safe",
+                "failure",
+                f"Others can pose as a back end: '{self.folder}/open' is writable by everybody.",
+            )
+
     @AS_ROOT
     def test_link_of_a_stranger_in_a_sticky_folder(self):
         link = self.make_folder("sticky", 0o1777) / "link"
@@ -1027,6 +1042,13 @@ class BackEndTest(ServiceTest):
                 self.assertIn("(session)", report.output)
             self.path.unlink()
 
+    def test_session_of_digits_is_not_shown_in_part(self):
+        session = "1234567890123456"
+        body = f'<doc><user name="alice" level="{session}"/></doc>'.encode()
+        report = self.answer(body, "--session", session)
+        message = "It knows the session as user 'alice', level (session)."
+        self.expect(report, "back-end.answer", "ok", message)
+
     def not_understood(self, data, why):
         self.expect(
             self.answer(data),
@@ -1048,6 +1070,15 @@ class BackEndTest(ServiceTest):
     def test_two_documents(self):
         why = "it is no well-formed XML (junk after document element: line 1, column 6)"
         self.not_understood(b"<doc/><doc/>", why)
+
+    def test_unknown_encodings(self):
+        for encoding, why in (
+            ("x-none", "unknown encoding: x-none"),
+            ("shift_jis", "multi-byte encodings are not supported"),
+        ):
+            body = f'<?xml version="1.0" encoding="{encoding}"?><doc/>'.encode()
+            self.not_understood(body, f"its encoding is not read here ({why})")
+            self.path.unlink()
 
     def test_other_document(self):
         self.not_understood(b"<html/>", "its document element is 'html', not 'doc'")
@@ -2527,6 +2558,7 @@ class LogTest(DoctorTest):
             ("", "ok", "Messages are written up to level 4, warnings."),
             ("6", "ok", "Messages are written up to level 6."),
             ("004", "ok", "Messages are written up to level 4."),
+            ("0" * 30 + "4", "ok", "Messages are written up to level 4."),
             ("3", "warning", "At level 3 warnings are not logged."),
             (
                 "7",
@@ -2562,6 +2594,16 @@ class ClockTest(unittest.TestCase):
 
     def test_the_kernel_is_asked(self):
         self.assertIn(clock.clock_state(), range(6))
+
+    def test_the_kernel_does_not_tell(self):
+        """As in a container that may not ask."""
+        library = unittest.mock.Mock()
+        library.adjtimex.return_value = -1
+        with unittest.mock.patch.object(clock.ctypes, "CDLL", return_value=library):
+            with unittest.mock.patch.object(clock.ctypes, "get_errno", return_value=errno.EPERM):
+                with self.assertRaises(PermissionError) as caught:
+                    clock.clock_state()
+        self.assertEqual(caught.exception.strerror, "Operation not permitted")
 
 
 class ChildrenTest(unittest.TestCase):

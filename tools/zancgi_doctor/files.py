@@ -71,7 +71,9 @@ def way_to(path):
     """Every folder and link that is passed on the way to a file, and the file."""
     here = Step("/", os.lstat("/"))
     steps = [here]
-    to_go = [part for part in os.path.abspath(path).split("/") if part]
+    if not path.startswith("/"):
+        path = os.path.join(os.getcwd(), path)
+    to_go = path.split("/")
     links = 0
     while to_go:
         part = to_go.pop(0)
@@ -93,6 +95,8 @@ def way_to(path):
         if target.startswith("/"):
             here = steps[0]
         to_go = target.split("/") + to_go
+    if steps[-1] is not here:  # it led back
+        steps.append(here)
     return steps
 
 

@@ -19,7 +19,6 @@ class Answer:
     end: str = "closed"
     error: str = ""
     data: bytes = b""
-    connect_seconds: float = 0
     seconds: float = 0
     listener: str = ""
 
@@ -60,7 +59,6 @@ def exchange(path, request, seconds):
             answer.end = "no connection"
             answer.error = reason(error)
             return answer
-        answer.connect_seconds = time.monotonic() - begin
         answer.listener = listener_of(client)
         deadline = begin + seconds
         try:

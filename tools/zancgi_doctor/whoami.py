@@ -88,6 +88,9 @@ class WhoamiReader:
             self.parser.Parse(text, True)
         except xml.parsers.expat.ExpatError as error:
             raise NotAnAnswer(f"it is no well-formed XML ({printable(str(error))})") from None
+        except (LookupError, ValueError) as error:
+            why = printable(str(error))
+            raise NotAnAnswer(f"its encoding is not read here ({why})") from None
         return self.found
 
     def _start(self, name, attributes):

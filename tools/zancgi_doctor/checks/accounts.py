@@ -99,7 +99,7 @@ def account_home(entry):
         return failure(
             name,
             subject,
-            f"The home {quote(path)} of account {quote(subject)} is " f"{kind_of(status.st_mode)}.",
+            f"The home {quote(path)} of account {quote(subject)} is {kind_of(status.st_mode)}.",
             remedy,
         )
     return ok(name, subject, f"The home {quote(path)} exists.")
@@ -174,7 +174,7 @@ def account_hand_over(site, entry):
         return failure(
             name,
             subject,
-            f"Uploads cannot be put into {quote(path)}: the file system is " "mounted read-only.",
+            f"Uploads cannot be put into {quote(path)}: the file system is mounted read-only.",
             "Mount it writable.",
         )
     if site.identity.uid != 0:
@@ -207,7 +207,7 @@ def account_space(site, entry):
         return unchecked(
             name,
             subject,
-            "Whether uploads have to be copied is not known: " f"{reason(error)}.",
+            f"Whether uploads have to be copied is not known: {reason(error)}.",
             "Mend the temporary directory first.",
         )
     if together:

@@ -179,7 +179,7 @@ def judge_user(site, service, user):
             "Let the attribute level be a decimal number.",
         )
     return ok(
-        name, service, f"It knows the session as user {shown}, level {hide(site, level[:12])}."
+        name, service, f"It knows the session as user {shown}, level {hide(site, level)[:12]}."
     )
 
 

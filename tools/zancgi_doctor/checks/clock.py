@@ -1,6 +1,7 @@
 """The clock, by which sessions end."""
 
 import ctypes
+import os
 import time
 
 from zancgi_doctor.findings import failure, ok, warning
@@ -11,8 +12,11 @@ TIME_ERROR = 5
 
 def clock_state():
     """What the kernel says of its clock; TIME_ERROR if nobody keeps it right."""
-    library = ctypes.CDLL(None)
-    return library.adjtimex(ctypes.create_string_buffer(1024))  # all zero: only reads
+    library = ctypes.CDLL(None, use_errno=True)
+    state = library.adjtimex(ctypes.create_string_buffer(1024))  # all zero: only reads
+    if state < 0:
+        raise OSError(ctypes.get_errno(), os.strerror(ctypes.get_errno()))
+    return state
 
 
 def check_clock(_site):

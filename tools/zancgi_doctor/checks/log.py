@@ -118,15 +118,16 @@ def log_level(site):
         return warning(
             name,
             "TOV_LOG_LEVEL",
-            f"TOV_LOG_LEVEL is {quote(text)}, which is no number and " "counts as 4.",
+            f"TOV_LOG_LEVEL is {quote(text)}, which is no number and counts as 4.",
             "Set it to a number from 0 to 9.",
         )
-    level = min(int(text[-20:]) if len(text) <= 20 else 9, 9)
+    digits = text.lstrip("0")
+    level = int(digits or "0") if len(digits) <= 1 else 9
     if level >= 7:
         return warning(
             name,
             "TOV_LOG_LEVEL",
-            f"At level {level} the log holds queries, and with them " "session ids and passwords.",
+            f"At level {level} the log holds queries, and with them session ids and passwords.",
             "Set TOV_LOG_LEVEL to 6 or less.",
         )
     if level < 4:

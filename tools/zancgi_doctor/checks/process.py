@@ -86,7 +86,7 @@ def process_streams(site):
         return unchecked(
             name,
             subject,
-            f"The descriptors of {subject} cannot be seen: " f"{reason(error)}.",
+            f"The descriptors of {subject} cannot be seen: {reason(error)}.",
             BECOME_ROOT,
         )
     if closed:
@@ -94,7 +94,7 @@ def process_streams(site):
         return warning(
             name,
             subject,
-            f"Of the descriptors 0, 1 and 2 of {subject}, {numbers} cannot be used: " "closed.",
+            f"Of the descriptors 0, 1 and 2 of {subject}, {numbers} cannot be used: closed.",
             "Start the web server with all three open, at least to /dev/null.",
         )
     if target == "/dev/null" and site.environment.get("TOV_LOG", "") in ("", "stderr"):

@@ -142,7 +142,7 @@ def libraries_found(program, search):
         return failure(
             name,
             program,
-            f"The program needs shared libraries that are not found: " f"{listed(search.missing)}.",
+            f"The program needs shared libraries that are not found: {listed(search.missing)}.",
             "Install the packages that have them; behind an installation of your own run ldconfig.",
         )
     own = [path for library, path in search.found.items() if library.startswith("libzancgi.so")]
@@ -150,7 +150,7 @@ def libraries_found(program, search):
     return ok(
         name,
         program,
-        "The shared libraries of the program are found " f"({len(search.found)}); {version}.",
+        f"The shared libraries of the program are found ({len(search.found)}); {version}.",
     )
 
 

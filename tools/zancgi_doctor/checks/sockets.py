@@ -76,7 +76,7 @@ def socket_access(site, service):
         return unchecked(
             name,
             service,
-            f"Whether {site.who()} may connect to {quote(path)} is not " "known.",
+            f"Whether {site.who()} may connect to {quote(path)} is not known.",
             BECOME_ROOT,
         )
     if error:
