@@ -59,14 +59,6 @@ extern "C" int WatchedOpen(const char* file, int oflag, mode_t mode) {
   return Pass<int>("open", file, file, oflag, mode);
 }
 
-// What hardened code calls in its place, where it tells no mode.
-extern "C" int WatchedOpenWithoutMode(const char* file,
-                                      int oflag) __asm__("__open_2");
-
-extern "C" int WatchedOpenWithoutMode(const char* file, int oflag) {
-  return WatchedOpen(file, oflag, 0);
-}
-
 extern "C" int mkostemp(char* name, int flags) {
   return Pass<int>("mkostemp", name, name, flags);
 }
