@@ -244,7 +244,8 @@ class FilesTest(InstallTest):
         documents = [path for path in root.rglob("*.md")]
         self.assertIn(root / "docs" / "guide.md", documents)
         for document in documents:
-            for link in re.findall(r"\]\(([^)#:]+)[^):]*\)", document.read_text()):
+            prose = re.sub(r"^```.*?^```$", "", document.read_text(), flags=re.DOTALL | re.MULTILINE)
+            for link in re.findall(r"\]\(([^)#:]+)[^):]*\)", prose):
                 target = (document.parent / link).resolve().relative_to(root)
                 if target.parts[0] in ("docs", "examples"):
                     self.assertTrue((root / target).exists(), f"{document.name}: {link}")
