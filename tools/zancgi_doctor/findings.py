@@ -3,6 +3,7 @@
 import dataclasses
 
 STATES = ("failure", "warning", "unchecked", "ok", "skipped")
+BECOME_ROOT = "Run zancgi-doctor as root."
 
 
 @dataclasses.dataclass
@@ -32,6 +33,3 @@ def unchecked(name, subject, message, remedy):
 
 def skipped(name, subject, message):
     return Finding(name, subject, "skipped", message)
-
-
-BECOME_ROOT = "Run zancgi-doctor as root."
