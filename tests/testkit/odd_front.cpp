@@ -28,7 +28,8 @@ void Answer(const std::string& text) {
 
 void ShowEnvironment() {
   std::vector<std::string> lines;
-  for (char** line = environ; *line != nullptr; ++line) lines.push_back(*line);
+  for (char** line = environ; *line != nullptr; ++line)
+    lines.emplace_back(*line);
   std::sort(lines.begin(), lines.end());
   std::string text;
   for (const std::string& line : lines) text += line + "\n";

@@ -84,7 +84,7 @@ Query ParseQuery(const std::string& raw) {
   const std::size_t end = raw.size() - 1;
   const auto take = [&] {
     const std::size_t zero = std::min(raw.find('\0', at), end);
-    const std::string item = raw.substr(at, zero - at);
+    std::string item = raw.substr(at, zero - at);
     at = zero + 1;
     return item;
   };

@@ -224,7 +224,7 @@ void Child::BecomeChild(const Body& body, const Input& input, int report,
     WriteRecord(report, 'd', "", left);
   }
   if (has_failed() && !failed_before) {
-    std::fflush(stdout);
+    static_cast<void>(std::fflush(stdout));
     ::_exit(kFailedStatus);
   }
   ::_exit(LeaksMemory() ? kLeakStatus : 0);

@@ -53,7 +53,11 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
 
 /// What was ignored or blocked here is not to be so in a front end.
 void ResetSignals() {
-  for (int signal = 1; signal < NSIG; ++signal) ::signal(signal, SIG_DFL);
+  struct sigaction usual {};
+  usual.sa_handler = SIG_DFL;
+  for (int signal = 1; signal < NSIG; ++signal) {
+    ::sigaction(signal, &usual, nullptr);
+  }
   sigset_t none;
   ::sigemptyset(&none);
   ::sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -136,6 +140,7 @@ void Program::Become(const std::map<std::string, std::string>& environment,
                      int standard_error, int failure) const {
   std::vector<std::string> arguments{name_};
   std::vector<std::string> variables;
+  variables.reserve(environment.size());
   for (const auto& [name, value] : environment) {
     variables.push_back(std::string(name).append("=").append(value));
   }

@@ -33,14 +33,14 @@ std::string Scratch::operator/(const std::string& name) const {
 }
 
 std::string Scratch::MakeDir(const std::string& name) const {
-  const std::string path = *this / name;
+  std::string path = *this / name;
   fs::create_directories(path);
   return path;
 }
 
 std::string Scratch::MakeFile(const std::string& name,
                               const std::string& content) const {
-  const std::string path = *this / name;
+  std::string path = *this / name;
   std::ofstream(path, std::ios::binary) << content;
   return path;
 }

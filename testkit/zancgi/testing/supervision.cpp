@@ -55,7 +55,7 @@ std::vector<std::pair<pid_t, std::string>> Children() {
                                                       ::closedir);
   if (!processes) return children;
   while (const dirent* const entry = ::readdir(processes.get())) {
-    const pid_t process =
+    const auto process =
         static_cast<pid_t>(std::strtol(entry->d_name, nullptr, 10));
     if (process <= 0) continue;
     // "1234 (name) S 1 ...", and a name may hold anything.
@@ -228,7 +228,7 @@ Ending Supervise(const Surroundings& with,
   const Descriptor lifeline = Raised(Descriptor(ends[0]));
   Descriptor kept = Raised(Descriptor(ends[1]));
   const BackendRun run(with.backend);
-  std::fflush(nullptr);
+  static_cast<void>(std::fflush(nullptr));
   const pid_t process = ::fork();
   if (process < 0) Fail("fork");
   if (process == 0) {
