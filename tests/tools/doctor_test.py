@@ -146,6 +146,12 @@ class DoctorTest(unittest.TestCase):
 
 
 class CommandLineTest(DoctorTest):
+    def test_what_stops_a_check_is_told_in_its_place(self):
+        report = self.examine("tmp-dir.space", "--tmp-dir", self.folder / "none")
+        self.assertEqual(report.status, 2)
+        names = [check["name"] for check in report.json["checks"]]
+        self.assertEqual(names, ["tmp-dir.exists"])
+
     def test_usage_errors_end_with_3(self):
         for arguments in (
             ["--no-such-option"],
@@ -750,7 +756,7 @@ class SocketTest(ServiceTest):
             )
             report = self.examine("back-end", "--run-dir", self.run_dir, "--service", service)
             message = "The library refuses the service's name."
-            self.expect(report, "back-end.connect", "skipped", message)
+            self.expect(report, "back-end.connect", "unchecked", message)
 
     def test_longest_name(self):
         service = "x" * (107 - len(f"{self.run_dir}/.sock"))
@@ -778,7 +784,12 @@ class SocketTest(ServiceTest):
                 "Start the back end, and see that it makes its socket there.",
             )
             message = "There is no socket to connect to."
-            self.expect(self.ask(), "back-end.connect", "skipped", message)
+            self.expect(self.ask(), "back-end.connect", "unchecked", message)
+
+    def test_a_back_end_that_could_not_be_asked_is_not_fine(self):
+        report = self.ask("back-end.time")
+        self.assertEqual(report.status, 3)
+        self.expect(report, "back-end.connect", "unchecked", "There is no socket to connect to.")
 
     def test_is_something_else(self):
         for make, what in (
@@ -790,7 +801,7 @@ class SocketTest(ServiceTest):
             message = f"'{self.path}' is {what}, not a socket."
             self.expect(self.ask("socket.kind"), "socket.kind", "failure", message)
             message = "There is no socket to connect to."
-            self.expect(self.ask(), "back-end.connect", "skipped", message)
+            self.expect(self.ask(), "back-end.connect", "unchecked", message)
             self.path.rmdir() if self.path.is_dir() else self.path.unlink()
 
     @AS_OTHERS

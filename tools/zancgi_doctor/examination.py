@@ -101,14 +101,21 @@ def run_job(site, group, function, arguments):
     return [Finding(**finding) for finding in found]
 
 
+def chosen(found, wanted):
+    """What was asked for of a group; if it came to nothing of that, what has
+    stopped it."""
+    asked = [
+        finding
+        for finding in found
+        if is_wanted(finding.name, wanted) or "." not in finding.name
+    ]
+    return asked or [finding for finding in found if finding.state != "ok"]
+
+
 def examine(site, wanted):
     findings = []
     groups = {name.partition(".")[0] for name in wanted}
     for group, function, arguments in jobs(site):
         if not groups or group in groups:
-            findings += run_job(site, group, function, arguments)
-    return [
-        finding
-        for finding in findings
-        if is_wanted(finding.name, wanted) or "." not in finding.name
-    ]
+            findings += chosen(run_job(site, group, function, arguments), wanted)
+    return findings

@@ -6,7 +6,7 @@ import re
 import stat
 
 from zancgi_doctor.deployment import name_error, socket_path
-from zancgi_doctor.findings import failure, ok, skipped, unchecked, warning
+from zancgi_doctor.findings import failure, ok, unchecked, warning
 from zancgi_doctor.scgi import ANSWER_LIMIT, exchange
 from zancgi_doctor.texts import printable, quote, size_text, time_text
 from zancgi_doctor.whoami import NotAnAnswer, length_error, read_whoami, whoami_request
@@ -59,11 +59,21 @@ def end_of(answer):
 
 def check_back_end(site, service):
     if name_error(site, service):
-        yield skipped("back-end.connect", service, "The library refuses the service's name.")
+        yield unchecked(
+            "back-end.connect",
+            service,
+            "The library refuses the service's name.",
+            "See what the check socket.name says.",
+        )
         return
     path = socket_path(site, service)
     if not is_socket(path):
-        yield skipped("back-end.connect", service, "There is no socket to connect to.")
+        yield unchecked(
+            "back-end.connect",
+            service,
+            "There is no socket to connect to.",
+            "See what the check socket.kind says.",
+        )
         return
     answer = exchange(path, whoami_request(service, site.session), site.timeout)
     if answer.end == "no connection":
