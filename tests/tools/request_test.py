@@ -543,7 +543,7 @@ class StandardInputTest(RequestTest):
             self.assertEqual((told.body, told.polled), (b"abc", []), kind)
 
     def test_held_open_costs_nothing(self):
-        program = self.program("exec >&- <&-; sleep 2")
+        program = self.program("head -c 3 >&2; exec >&- <&-; sleep 2")
         for kind in ("pipe", "socket"):
             before = os.times()
             run(program, "--stdin", kind, "--hold-open", "-d", "abc")
