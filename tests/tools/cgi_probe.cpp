@@ -11,11 +11,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -74,7 +76,8 @@ std::vector<int> OpenDescriptors() {
   std::vector<int> found;
   DIR* folder = ::opendir("/proc/self/fd");
   while (const dirent* entry = ::readdir(folder)) {
-    const int descriptor = std::atoi(entry->d_name);
+    const auto descriptor =
+        static_cast<int>(std::strtol(entry->d_name, nullptr, 10));
     if (entry->d_name[0] != '.' && descriptor != ::dirfd(folder)) {
       found.push_back(descriptor);
     }
