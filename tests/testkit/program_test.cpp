@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <zancgi/testing/backend.h>
+#include <zancgi/testing/child.h>
 #include <zancgi/testing/form.h>
 #include <zancgi/testing/identity.h>
 #include <zancgi/testing/program.h>
@@ -26,11 +27,13 @@ using std::chrono::milliseconds;
 using zan_cgi::testing::Answer;
 using zan_cgi::testing::AnswerThenReset;
 using zan_cgi::testing::Backend;
+using zan_cgi::testing::Child;
 using zan_cgi::testing::CloseSilently;
 using zan_cgi::testing::Delivery;
 using zan_cgi::testing::Form;
 using zan_cgi::testing::Get;
 using zan_cgi::testing::IsRoot;
+using zan_cgi::testing::Outcome;
 using zan_cgi::testing::Post;
 using zan_cgi::testing::Program;
 using zan_cgi::testing::Query;
@@ -41,6 +44,7 @@ using zan_cgi::testing::Response;
 using zan_cgi::testing::Scratch;
 using zan_cgi::testing::StaySilent;
 using zan_cgi::testing::Step;
+using zan_cgi::testing::Told;
 
 std::vector<std::string> Names(const std::string& folder) {
   std::vector<std::string> names;
@@ -209,6 +213,17 @@ TEST(Program, ThatWaitsForAStallingVisitorIsEndedToo) {
                                          .Body("half", "text/plain")
                                          .By(Delivery::StallingPipe));
   EXPECT_TRUE(response.timed_out);
+}
+
+TEST(Program, GoesWithATestThatIsEnded) {
+  const Outcome outcome =
+      Child().TimeLimit(milliseconds(500)).Run([](const Told& told) {
+        told("runs", "1");
+        Do("hang");
+      });
+  EXPECT_TRUE(outcome.timed_out);
+  EXPECT_EQ(outcome.told.at("runs"), "1");
+  EXPECT_EQ(outcome.left_processes, std::vector<std::string>{});
 }
 
 TEST(Program, ThatLeavesAProcessIsToldOf) {

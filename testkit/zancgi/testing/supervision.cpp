@@ -34,6 +34,8 @@ using Clock = std::chrono::steady_clock;
 /// How long a process that goes on behind the end of its parent may take to
 /// finish by itself.
 constexpr milliseconds kGrace{2000};
+/// The same when the test has gone, which may be supervised itself.
+constexpr milliseconds kGraceAlone{500};
 constexpr milliseconds kPause{5};
 
 int StatusOf(int wait_status) {
@@ -107,8 +109,10 @@ std::vector<std::string> EndChildren() {
   return ended;
 }
 
-/// Whether the process ends in time, and while anybody wants to know.
-bool EndsInTime(pid_t process, int lifeline, milliseconds limit) {
+enum class Event { kEnd, kTimeUp, kAlone };
+
+/// Waits for the end of the process, of its time or of the test.
+Event WaitForEvent(pid_t process, int lifeline, milliseconds limit) {
   const Descriptor observed = Observe(process);
   pollfd events[] = {{observed.Get(), POLLIN, 0}, {lifeline, 0, 0}};
   const Clock::time_point end = Clock::now() + limit;
@@ -118,7 +122,8 @@ bool EndsInTime(pid_t process, int lifeline, milliseconds limit) {
     const int ready = ::poll(
         events, 2, static_cast<int>(std::max(left, milliseconds::rep{})));
     if (ready < 0 && errno == EINTR) continue;
-    return ready > 0 && events[0].revents != 0;
+    if (ready <= 0) return Event::kTimeUp;
+    return events[0].revents != 0 ? Event::kEnd : Event::kAlone;
   }
 }
 
@@ -136,14 +141,14 @@ void KeepOnly(int lifeline, int report) {
                           milliseconds limit) {
   // Others wait for the end of what it would hold open.
   KeepOnly(lifeline, report);
-  const bool in_time = EndsInTime(process, lifeline, limit);
+  const Event event = WaitForEvent(process, lifeline, limit);
   // What has another identity may be out of reach.
-  if (!in_time && ::kill(process, SIGKILL) != 0) ::_exit(1);
+  if (event != Event::kEnd && ::kill(process, SIGKILL) != 0) ::_exit(1);
   int status = 0;
   ::waitpid(process, &status, 0);
   std::ostringstream text;
-  text << StatusOf(status) << ' ' << !in_time << '\n';
-  if (!AllEndWithin(kGrace)) {
+  text << StatusOf(status) << ' ' << (event == Event::kTimeUp) << '\n';
+  if (!AllEndWithin(event == Event::kAlone ? kGraceAlone : kGrace)) {
     for (const std::string& ended : EndChildren()) text << ended << '\n';
   }
   WriteAll(report, text.str());
@@ -203,9 +208,10 @@ void WaitFor(int descriptor) {
   }
 }
 
-[[noreturn]] void BecomeSupervisor(const Surroundings& with, int lifeline,
-                                   int report,
-                                   const std::function<void()>& become) {
+/// Nothing that is thrown may lead back into a second copy of the test.
+[[noreturn]] void BecomeSupervisor(
+    const Surroundings& with, int lifeline, int report,
+    const std::function<void()>& become) noexcept {
   ::prctl(PR_SET_CHILD_SUBREAPER, 1);
   const pid_t process = ::fork();
   if (process == 0) {
