@@ -30,7 +30,6 @@ using zan_cgi::testing::Refuse;
 using zan_cgi::testing::Request;
 using zan_cgi::testing::Response;
 using zan_cgi::testing::Scratch;
-using zan_cgi::testing::StaySilent;
 using zan_cgi::testing::Step;
 
 constexpr int kLogError = 3;
