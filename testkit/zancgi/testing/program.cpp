@@ -27,7 +27,8 @@ namespace {
 /// Paths of all that is below a folder, relative to it, sorted.
 std::vector<std::string> FilesIn(const std::string& folder) {
   std::vector<std::string> files;
-  for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+  for (const auto& entry : fs::recursive_directory_iterator(
+           folder, fs::directory_options::skip_permission_denied)) {
     files.push_back(entry.path().lexically_relative(folder));
   }
   std::sort(files.begin(), files.end());
