@@ -955,6 +955,41 @@ class PrivilegedNginxTest(PrivilegedSiteTest, unittest.TestCase):
                 return answer.read().decode(errors="replace")
 
 
+class LauncherTest(unittest.TestCase):
+    def run_with(self, *command, **variables):
+        done = subprocess.run(
+            [*command, "/bin/busybox", "sh", machine().at(LAUNCHER)],
+            env={"REQUEST_METHOD": "GET", "QUERY_STRING": "probe=env", **variables},
+            stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=60,
+        )  # fmt: skip
+        return done.stdout
+
+    def test_what_only_the_visitor_knows_is_no_argument_of_a_command(self):
+        steps = ["set startup-with-shell off", "catch exec", "run"]
+        steps += ["info proc cmdline", "continue"] * 4
+        debugger = ["gdb", "-nx", "-batch", *(f"--eval-command={step}" for step in steps), "--args"]
+        told = self.run_with(*debugger, HTTP_COOKIE="panelses5=secret")
+        commands = re.findall("^cmdline = '(.*)'$", told, re.MULTILINE)
+        self.assertTrue([each for each in commands if "timeout" in each], told)
+        self.assertEqual([each for each in commands if "secret" in each], [])
+
+    def test_variables_pass_by_their_names_whatever_their_values_are(self):
+        agent = "it's *\nexport HTTP_COOKIE='x'\nHTTP_HOST\n1\nIFS\nname\n$(exit 3)"
+        answer = self.run_with(
+            HTTP_USER_AGENT=agent, HTTP_COOKIE="a=b", HTTP_HOST="panel.example",
+            body_limit="x", IFS="x", SHLVL="3", HTTP_PROXY="x", LD_PRELOAD="/x",
+            **{"HTTP_X.FORWARDED.FOR": "x"},
+        )  # fmt: skip
+        variables = json.loads(answer.partition("\n\n")[2])
+        for name, value in (
+            ("HTTP_USER_AGENT", agent), ("HTTP_COOKIE", "a=b"), ("HTTP_HOST", "panel.example"),
+        ):  # fmt: skip
+            self.assertEqual(variables.pop(name), value)
+        self.assertEqual(variables.pop("QUERY_STRING"), "probe=env")
+        given = {"HTTP_PROXY", "HTTP_X.FORWARDED.FOR", "IFS", "LD_PRELOAD", "SHLVL", "body_limit"}
+        self.assertEqual(given & set(variables), set())
+
+
 class BackEndTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
