@@ -15,6 +15,7 @@ BUILD = pathlib.Path(os.environ["BUILD"])
 SOURCE = pathlib.Path(os.environ["SOURCE"])
 SHARED = os.environ["SHARED"].split()
 ARCHIVES = os.environ["ARCHIVES"].split()
+PROGRAMS = os.environ["PROGRAMS"].split()
 IS_OPTIMISED = os.environ["BUILD_TYPE"] != "Debug"
 HAS_BASE_LIBRARY = any("libtov" in library for library in SHARED)
 
@@ -135,6 +136,18 @@ class ArchiveTest(unittest.TestCase):
             self.assertTrue(functions, archive)
             marked, unmarked = functions_by_mark(archive)
             self.assertEqual((functions - marked, functions & unmarked), (set(), set()), archive)
+
+
+@unittest.skipUnless(HAS_BASE_LIBRARY, "there are none")
+class FrontEndTest(unittest.TestCase):
+    def test_each_start_has_addresses_of_its_own_that_cannot_be_overwritten(self):
+        self.assertEqual(len(PROGRAMS), 2)
+        for program in PROGRAMS:
+            told = elf.read_elf(program, "--dynamic", "--program-headers")
+            self.assertRegex(told, r"\(FLAGS_1\).*\bNOW PIE\b", program)
+            self.assertIn("GNU_RELRO", told, program)
+            self.assertRegex(told, r"GNU_STACK .* RW +0x", program)
+            self.assertNotIn("TEXTREL", told, program)
 
 
 class CompilationTest(unittest.TestCase):
