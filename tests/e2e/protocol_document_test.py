@@ -4,6 +4,7 @@ import os
 import pathlib
 import re
 import socket
+import stat
 import subprocess
 import sys
 import tempfile
@@ -74,15 +75,36 @@ class ProtocolDocumentTest(unittest.TestCase):
         self.assertIn(f"request has {len(example_request())}", TEXT)
         self.assertIn(f"The answer has {len(example_answer())};", TEXT)
 
-    def test_the_back_end_shown_works(self):
-        program = block_that_begins_with("import os")
-        server = subprocess.Popen([sys.executable, "-c", program], env={"TOV_RUN_DIR": self.run_dir})
+    def start(self, *command, **options):
+        """Waits until it listens; at the end it has to end when asked to."""
+        server = subprocess.Popen(command, **options)
+        self.addCleanup(server.kill)
         self.addCleanup(server.wait, 30)
         self.addCleanup(server.terminate)
         end = time.monotonic() + 30
         while not os.path.exists(self.path) and time.monotonic() < end:
             time.sleep(0.05)
         time.sleep(0.1)
+
+    def test_the_back_end_shown_works(self):
+        program = block_that_begins_with("import os")
+        self.start(sys.executable, "-c", program, env={"TOV_RUN_DIR": self.run_dir})
+        self.assert_it_serves()
+
+    def test_the_back_end_shown_works_under_uwsgi(self):
+        files = {
+            "backend.py": block_that_begins_with("import os"),
+            "wsgi.py": block_that_begins_with(r"# wsgi\.py"),
+            "uwsgi.ini": block_that_begins_with(r"\[uwsgi\]").replace("/run/tov", self.run_dir),
+        }
+        for name, text in files.items():
+            (pathlib.Path(self.run_dir) / name).write_text(text)
+        self.start("uwsgi", "--ini", "uwsgi.ini", cwd=self.run_dir, stderr=subprocess.DEVNULL)
+        self.assert_it_serves()
+        # The configuration's socket, not one that the program has put there.
+        self.assertEqual(stat.S_IMODE(os.stat(self.path).st_mode), 0o660)
+
+    def assert_it_serves(self):
         cookie = "panelses5=3f9c27d1"
         page = run_front(self.run_dir, os.environ["README_FRONT"], HTTP_COOKIE=cookie)
         self.assertIn("You are alice.", page)
