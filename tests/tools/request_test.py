@@ -967,6 +967,17 @@ class EndTest(RequestTest):
             self.assertEqual(tool.wait(30), 128 + number)
             self.assertFalse(is_running(name))
 
+    def test_signal_that_comes_again_does_not_keep_the_program_from_its_end(self):
+        name = self.sleeper()
+        program = self.program(f"trap '' TERM INT; ./{name} 100; ./{name} 100")
+        tool = subprocess.Popen([TOOL, program], env=ENVIRONMENT)
+        wait_for(lambda: is_running(name))
+        tool.send_signal(signal.SIGINT)
+        time.sleep(0.3)
+        tool.send_signal(signal.SIGINT)
+        self.assertEqual(tool.wait(30), 128 + signal.SIGINT)
+        self.assertFalse(is_running(name))
+
     def test_processes_left_behind(self):
         name = self.sleeper()
         for start in (f"./{name} 2", f"setsid ./{name} 2"):
@@ -1108,6 +1119,21 @@ class DebuggerTest(RequestTest):
     def test_other_programs_in_front_hand_standard_input_on(self):
         told = self.given("-d", "a=1", "--debugger", "env FRONT=1")
         self.assertEqual((told.body, told.variables["FRONT"]), (b"a=1", "1"))
+
+    def test_interrupt_ends_other_programs_in_front(self):
+        program = self.program("exec sleep 100")
+        tool = subprocess.Popen([TOOL, "--debugger", "env", program], env=ENVIRONMENT)
+        self.addCleanup(tool.wait)
+        self.addCleanup(tool.terminate)
+        children = pathlib.Path(f"/proc/{tool.pid}/task/{tool.pid}/children")
+        wait_for(lambda: children.read_text())
+        tool.send_signal(signal.SIGINT)
+        self.assertEqual(tool.wait(10), 128 + signal.SIGINT)
+
+    def test_other_programs_in_front_ignore_no_signals(self):
+        program = self.program(f"printf '{TEXT}\\n'; exec grep SigIgn: /proc/self/status")
+        result = run("--debugger", "env", program)
+        self.assertEqual(result.output.split(), [b"SigIgn:", b"0" * 16])
 
     def test_valgrind(self):
         told = self.given("-d", "a=1", "--valgrind")
