@@ -302,7 +302,8 @@ class BodiesAsThroughLighttpd(ThroughServer):
 
     def test_data_urlencoded(self):
         self.file("lines", b"l1\r\nl2\0\xff")
-        for text in ("a b&c", "=a b=c", "n m=a b/~-_.\u00fc", "@lines", "n@lines", "a=@lines", "="):
+        for text in ("a b&c", "=a b=c", "n m=a b/~-_.\u00fc", "@lines", "n@lines", "a=@lines", "=",
+                     "a@b=c", "a=b@c"):  # fmt: skip
             self.assert_same("--data-urlencode", text)
 
     def test_json(self):
@@ -336,6 +337,7 @@ class BodiesAsThroughLighttpd(ThroughServer):
             self.assert_same("-F", field)
         self.assert_same("--form-string", "a=@p.txt;type=x", "-F", "b=1", "-F", "c=@file")
         self.assert_same("--form-escape", "-F", 'a"\\=@a"b\\c.HTML')
+        self.assert_same("-F", "a=1", "-H", "Content-Type: multipart/form-data; charset=utf-8")
         self.assert_same("-F", "a=@-", stdin=b"abc")
         self.assert_same("-F", "a=@-;filename=x.txt", stdin=b"abc")
         self.assert_same("-F", "a=<-", stdin=b"abc")
@@ -565,6 +567,7 @@ class StandardInputTest(RequestTest):
             (("--content-length", "none"), None, b""),
             (("--content-length", "many"), "many", b""),
             (("-H", "Content-Length: 2"), "2", b"ab"),
+            (("-H", "Content-Length:"), None, b""),
         ):
             told = self.given("-d", "abc", *arguments)
             self.assertEqual(told.variables.get("CONTENT_LENGTH"), length, arguments)
