@@ -315,7 +315,11 @@ class PackageTest(SystemTovTest):
         return [build / f"{library}-front" for library in ("zancgi", "zancgi_static")]
 
     def test_a_project_can_have_the_product_as_a_part(self):
-        self.configure_project("whole", f"-DTREE={self.folder}/tree", "-DZANCGI_TOV=system")
+        build = self.configure_project("whole", f"-DTREE={self.folder}/tree", "-DZANCGI_TOV=system")
+        run(CMAKE, "--build", build)
+        for library in ("zancgi", "zancgi_static"):
+            told, _ = self.answer(build / f"{library}-front", PAGE)
+            self.assertEqual(told["user"], "alice")
 
     def test_the_archive_is_inside_and_stays_there(self):
         self.assertEqual(base_symbols(self.library(), "--undefined-only"), set())
