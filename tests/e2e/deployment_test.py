@@ -1033,10 +1033,13 @@ class BackEndTest(unittest.TestCase):
 
                 with concurrent.futures.ThreadPoolExecutor() as workers:
                     visits = [workers.submit(visit_on) for _ in range(4)]
-                    for _ in range(3):
-                        time.sleep(1)
-                        machine().restart("panel-backend", number)
-                    restarted.set()
+                    try:
+                        for _ in range(3):
+                            time.sleep(1)
+                            machine().restart("panel-backend", number)
+                    finally:
+                        # Else the visitors would go on for ever.
+                        restarted.set()
                 for visit in visits:
                     visit.result()
                 self.assertGreater(len(statuses), 20)
