@@ -174,6 +174,17 @@ class FilesTest(PackagesTest):
                 self.assertIn("the libzancgi authors", text)
                 self.assertIn("Permission is hereby granted", text)
                 self.assertIn("Arseny Kapoulkine", text)
+                for author in self.authors_of_scripts(name):
+                    self.assertIn(author, text)
+
+    def authors_of_scripts(self, name):
+        """Of those that Doxygen adds to its pages."""
+        with tempfile.TemporaryDirectory(dir=self.folder) as tree:
+            run("dpkg-deb", "--extract", str(self.debs[name]), tree)
+            scripts = [path.read_text() for path in pathlib.Path(tree).rglob("html/*.js")]
+        self.assertEqual(bool(scripts), name == "zancgi-doc")
+        notice = r"(?:Copyright|\(c\)) (?:\([cC]\) )?[-–\d, ]*(?:by )?((?:[A-Z]\w+ ?)+)"
+        return {author.strip() for text in scripts for author in re.findall(notice, text)}
 
     def test_what_has_pugixml_inside_says_of_which_version(self):
         for name in ("libtov1", "libtov-dev"):
