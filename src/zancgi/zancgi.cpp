@@ -23,7 +23,7 @@
 #include "boundary_search.h"
 #include "disposition.h"
 #include "item_walk.h"
-#include "layout.h"
+#include "layout.h"  // IWYU pragma: keep
 #include "line_assembly.h"
 #include "log_levels.h"
 #include "separator_scan.h"

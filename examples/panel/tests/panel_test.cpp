@@ -6,11 +6,14 @@
 #include <zancgi/testing/identity.h>
 #include <zancgi/testing/program.h>
 #include <zancgi/testing/request.h>
+#include <zancgi/testing/response.h>
 #include <zancgi/testing/scratch.h>
 
 #include <chrono>
 #include <filesystem>
+#include <initializer_list>
 #include <string>
+#include <vector>
 
 namespace fs = std::filesystem;
 

@@ -7,6 +7,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 #include <zancgi/testing/request.h>
+#include <zancgi/testing/scratch.h>
 
 #include <algorithm>
 #include <cerrno>

@@ -8,14 +8,18 @@
 #include <unistd.h>
 #include <zancgi/testing/backend.h>
 #include <zancgi/testing/input.h>
+#include <zancgi/testing/log.h>
+#include <zancgi/testing/request.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <map>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <tuple>
+#include <typeinfo>
 
 #include "supervision.h"
 #include "system.h"

@@ -4,6 +4,7 @@
 #ifndef ZANCGI_TESTING_CHILD_H
 #define ZANCGI_TESTING_CHILD_H
 
+#include <zancgi/testing/input.h>
 #include <zancgi/testing/log.h>
 #include <zancgi/testing/request.h>
 

@@ -4,15 +4,17 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <zancgi/testing/backend.h>
 #include <zancgi/testing/input.h>
+#include <zancgi/testing/log.h>
+#include <zancgi/testing/request.h>
+#include <zancgi/testing/response.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <initializer_list>
 #include <iterator>
-#include <stdexcept>
 #include <system_error>
 #include <vector>
 

@@ -4,6 +4,7 @@
 #define ZANCGI_TESTING_PROGRAM_H
 
 #include <sys/types.h>
+#include <zancgi/testing/input.h>
 #include <zancgi/testing/request.h>
 #include <zancgi/testing/response.h>
 #include <zancgi/testing/scratch.h>

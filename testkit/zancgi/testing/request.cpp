@@ -1,3 +1,5 @@
+#include <zancgi/testing/form.h>
+#include <zancgi/testing/input.h>
 #include <zancgi/testing/request.h>
 
 #include <algorithm>

@@ -1,9 +1,12 @@
+#include <zancgi/testing/log.h>
 #include <zancgi/testing/response.h>
 
 #include <strings.h>
 
 #include <algorithm>
 #include <cctype>
+#include <cstddef>
+#include <initializer_list>
 #include <ostream>
 
 namespace zan_cgi::testing {

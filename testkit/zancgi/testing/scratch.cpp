@@ -1,13 +1,13 @@
 #include <zancgi/testing/scratch.h>
 
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
+#include <system_error>
 
 namespace fs = std::filesystem;
 

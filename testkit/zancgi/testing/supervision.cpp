@@ -6,7 +6,6 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
-#include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <zancgi/testing/backend.h>
@@ -15,6 +14,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <compare>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
