@@ -837,6 +837,23 @@ class AnswerTest(RequestTest):
         self.assertEqual((result.status, result.output), (139, b"body"))
         self.assertIn("was ended by signal 11 (SIGSEGV)", result.errors)
 
+    def test_end_by_a_signal_where_ends_of_children_are_ignored(self):
+        program = self.program("kill -SEGV $$")
+        done = subprocess.run(
+            [TOOL, program],
+            capture_output=True,
+            check=False,
+            preexec_fn=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN),
+        )
+        self.assertEqual(done.returncode, 128 + signal.SIGSEGV)
+
+    def test_output_that_is_closed(self):
+        program = self.program(f"printf '{TEXT}\\nbody'")
+        closing = f"exec '{TOOL}' '{program}' >&-"
+        done = subprocess.run(["/bin/sh", "-c", closing], capture_output=True, check=False)
+        self.assertEqual(done.returncode, 23)
+        self.assertIn(b"standard output is closed", done.stderr)
+
     def test_exit_status_of_the_program(self):
         result = run(self.program(f"printf '{TEXT}\\nbody'; exit 3"))
         self.assertEqual((result.status, result.output), (0, b"body"))
@@ -1052,6 +1069,8 @@ class RefusalTest(RequestTest):
             (("-b", "file", PROBE), "it reads no files"),
             (("-m", "-1", PROBE), "-m cannot be '-1'"),
             (("-m", "nan", PROBE), "cannot be 'nan'"),
+            (("-m", "inf", PROBE), "cannot be 'inf'"),
+            (("--pause", "1e300", PROBE), "cannot be '1e300'"),
             (("--chunk", "0", PROBE), "--chunk cannot be"),
             (("--chunk", "1,x", PROBE), "--chunk cannot be"),
             (("--stdin", "tape", PROBE), "pipe, socket, file, closed, null"),
