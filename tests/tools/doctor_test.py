@@ -1053,6 +1053,14 @@ class BackEndTest(ServiceTest):
                 self.assertIn("(session)", report.output)
             self.path.unlink()
 
+    def test_long_session_is_not_shown_in_part(self):
+        session = "s3f9c27d1" * 40
+        for answer in (f"<{session}/>", f'<?xml version="1.0" encoding="{session}"?><doc/>'):
+            report = self.answer(answer.encode(), "--session", session)
+            self.assertNotIn("s3f9c27d1", report.all())
+            self.assertIn("(session)", report.output)
+            self.path.unlink()
+
     def test_session_of_digits_is_not_shown_in_part(self):
         session = "1234567890123456"
         body = f'<doc><user name="alice" level="{session}"/></doc>'.encode()

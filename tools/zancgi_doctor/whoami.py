@@ -4,7 +4,6 @@ import re
 import xml.parsers.expat
 
 from zancgi_doctor.scgi import scgi_request
-from zancgi_doctor.texts import printable, quote
 
 
 def whoami_request(service, session, cookie=""):
@@ -69,7 +68,7 @@ def length_error(data):
 
 
 class NotAnAnswer(Exception):
-    """Why Authorize would not understand it."""
+    """Why Authorize would not understand it, in words of the answer too."""
 
 
 class WhoamiReader:
@@ -87,16 +86,15 @@ class WhoamiReader:
         try:
             self.parser.Parse(text, True)
         except xml.parsers.expat.ExpatError as error:
-            raise NotAnAnswer(f"it is no well-formed XML ({printable(str(error))})") from None
+            raise NotAnAnswer(f"it is no well-formed XML ({error})") from None
         except (LookupError, ValueError) as error:
-            why = printable(str(error))
-            raise NotAnAnswer(f"its encoding is not read here ({why})") from None
+            raise NotAnAnswer(f"its encoding is not read here ({error})") from None
         return self.found
 
     def _start(self, name, attributes):
         self.depth += 1
         if self.depth == 1 and name != "doc":
-            raise NotAnAnswer(f"its document element is {quote(name)}, not 'doc'")
+            raise NotAnAnswer(f"its document element is '{name}', not 'doc'")
         if self.depth == 2 and name in ("error", "user"):
             self.found.setdefault(name, attributes)
 

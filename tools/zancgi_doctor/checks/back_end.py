@@ -135,7 +135,7 @@ def judge_answer(site, service, answer):
         return failure(
             name,
             service,
-            f"Its answer to whoami cannot be understood: {hide(site, str(error))}.",
+            f"Its answer to whoami cannot be understood: {printable(hide(site, str(error)))}.",
             "Let it answer func=whoami with an XML document in UTF-8 that has /doc/user or "
             "/doc/error.",
         )
@@ -145,7 +145,8 @@ def judge_answer(site, service, answer):
 
 
 def hide(site, text):
-    """An answer may quote the session, which belongs into no log."""
+    """An answer may quote the session, which belongs into no log. To be called
+    before a text is shortened, lest a part of it remain."""
     return text.replace(site.session, "(session)") if site.session else text
 
 
