@@ -177,6 +177,21 @@ class CommandLineTest(DoctorTest):
         self.assertEqual(report.status, 3)
         self.assertIn("zancgi-doctor: there is no group 'no-such-group'\n", report.errors)
 
+    def test_numbers_that_nobody_can_have(self):
+        for text in ("4294967295", "4294967295:33", "99999999999", "33:4294967295"):
+            report = self.doctor("--as", text)
+            self.assertEqual(report.status, 3, text)
+            self.assertRegex(report.errors, "there is no (user|group) '[0-9]+'")
+
+    def test_caller_who_ignores_the_end_of_children(self):
+        report = self.doctor(
+            "--check",
+            "process",
+            "-v",
+            preexec_fn=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN),
+        )
+        self.assertIn("process.streams", report.output)
+
     def test_list_names_every_check(self):
         report = self.doctor("--list")
         self.assertEqual(report.status, 0)

@@ -4,6 +4,7 @@ import argparse
 import contextlib
 import os
 import re
+import signal
 import sys
 
 from zancgi_doctor.catalogue import KNOWN
@@ -199,6 +200,8 @@ def print_list():
 
 def main():
     closed_streams = find_closed_streams()
+    # Where it is ignored, nobody can wait for a child.
+    signal.signal(signal.SIGCHLD, signal.SIG_DFL)
     parser = make_parser()
     options = parser.parse_args()
     if sys.stdout is not None:

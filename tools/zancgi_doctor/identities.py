@@ -5,8 +5,13 @@ import dataclasses
 import grp
 import os
 import pwd
+import re
 
 from zancgi_doctor.texts import quote
+
+
+# The highest number means nobody: who takes it on stays who they are.
+NOBODY = 0xFFFFFFFF
 
 
 class Unknown(Exception):
@@ -31,19 +36,28 @@ class Identity:
         os.setresuid(self.uid, self.uid, self.uid)
 
 
+def as_number(text):
+    """The number of a user or group; nothing for a name."""
+    if re.fullmatch("[0-9]{1,10}", text) and int(text) < NOBODY:
+        return int(text)
+    return None
+
+
 def find_user(text):
     """Name, number and group of a user, who may be a number only."""
+    number = as_number(text)
     with contextlib.suppress(KeyError):
-        entry = pwd.getpwuid(int(text)) if text.isdecimal() else pwd.getpwnam(text)
+        entry = pwd.getpwnam(text) if number is None else pwd.getpwuid(number)
         return entry.pw_name, entry.pw_uid, entry.pw_gid
-    if text.isdecimal():
-        return text, int(text), int(text)
+    if number is not None:
+        return text, number, number
     raise Unknown(f"there is no user {quote(text)}")
 
 
 def find_group(text):
-    if text.isdecimal():
-        return int(text)
+    number = as_number(text)
+    if number is not None:
+        return number
     with contextlib.suppress(KeyError):
         return grp.getgrnam(text).gr_gid
     raise Unknown(f"there is no group {quote(text)}")
