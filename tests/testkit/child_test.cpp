@@ -74,6 +74,13 @@ TEST(Child, ThatHangsIsEnded) {
   EXPECT_EQ(outcome.status, 128 + SIGKILL);
 }
 
+TEST(Child, TellsHowItHasEndedAlsoWhereTheEndsOfChildrenAreIgnored) {
+  const auto before = ::signal(SIGCHLD, SIG_IGN);
+  const Outcome outcome = Child().Run([](const Told&) { ::raise(SIGKILL); });
+  EXPECT_EQ(outcome.status, 128 + SIGKILL);
+  EXPECT_EQ(::signal(SIGCHLD, before), SIG_IGN);
+}
+
 TEST(Child, ThatLeavesAProcessIsToldOf) {
   const Outcome outcome = Child().Run([](const Told&) {
     if (::fork() == 0) ::pause();

@@ -168,6 +168,23 @@ Ending ParseReport(const std::string& report) {
   return ending;
 }
 
+/// Meanwhile the ends of children can be waited for, whatever the program that
+/// runs the tests has been started with, and nothing else waits for them.
+class OwnChildren {
+ public:
+  OwnChildren() {
+    struct sigaction usual {};
+    usual.sa_handler = SIG_DFL;
+    ::sigaction(SIGCHLD, &usual, &before_);
+  }
+  ~OwnChildren() { ::sigaction(SIGCHLD, &before_, nullptr); }
+  OwnChildren(const OwnChildren&) = delete;
+  OwnChildren& operator=(const OwnChildren&) = delete;
+
+ private:
+  struct sigaction before_ {};
+};
+
 /// A process that is waited for, whatever happens.
 class Supervisor {
  public:
@@ -234,6 +251,7 @@ Ending Supervise(const Surroundings& with,
   const Descriptor lifeline = Raised(Descriptor(ends[0]));
   Descriptor kept = Raised(Descriptor(ends[1]));
   const BackendRun run(with.backend);
+  const OwnChildren children;
   static_cast<void>(std::fflush(nullptr));
   const pid_t process = ::fork();
   if (process < 0) Fail("fork");
