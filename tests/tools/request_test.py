@@ -435,6 +435,11 @@ class VariablesTest(RequestTest):
         ):
             self.assertEqual(told.variables.get(name), value, name)
 
+    def test_run_dir_is_the_callers(self):
+        for text, path in (("run", f"{self.folder}/run"), ("/run", "/run"), ("", "")):
+            told = self.given("--run-dir", text)
+            self.assertEqual(told.variables["TOV_RUN_DIR"], path)
+
     def test_header_proxy_names_no_proxy(self):
         proxy = ("-H", "Proxy: http://attacker/")
         for server in ("rfc3875", "lighttpd", "apache", "nginx-fcgiwrap", "busybox"):
