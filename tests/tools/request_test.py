@@ -3,9 +3,11 @@ wrong. Where it has curl's options, they must mean what they mean to curl."""
 
 import contextlib
 import dataclasses
+import importlib.machinery
 import os
 import pathlib
 import re
+import select
 import shutil
 import signal
 import socketserver
@@ -14,7 +16,9 @@ import sys
 import tempfile
 import threading
 import time
+import types
 import unittest
+import unittest.mock
 
 SOURCE = pathlib.Path(os.environ["SOURCE"])
 sys.path.insert(0, str(SOURCE / "tests" / "e2e"))
@@ -509,6 +513,21 @@ class StandardInputTest(RequestTest):
                 self.assertEqual(told.polled, polled)
                 self.assertEqual(told.variables["CONTENT_LENGTH"], "3")
                 self.assertEqual(told.body, b"a=1" if reads == [3] else b"")
+
+    def test_body_has_ended_before_the_program_starts(self):
+        loader = importlib.machinery.SourceFileLoader("zancgi_request", str(TOOL))
+        tool = types.ModuleType(loader.name)
+        with unittest.mock.patch.dict(sys.modules, {loader.name: tool}):
+            loader.exec_module(tool)
+        for kind in ("pipe", "socket"):
+            for body in (None, tool.Body([b"abc"])):
+                channel = tool.Channel(kind, body)
+                self.addCleanup(channel.hang_up)
+                self.addCleanup(channel.give_away)
+                tool.Feeder(channel, body, tool.Settings()).fill()
+                os.set_blocking(channel.stdin, False)
+                self.assertEqual(os.read(channel.stdin, 9), b"abc" if body else b"")
+                self.assertEqual(select.select([channel.stdin], [], [], 0)[0], [channel.stdin])
 
     def test_body_ends_also_for_who_reads_on(self):
         for kind in ("pipe", "socket", "file"):
