@@ -1046,6 +1046,15 @@ class BackEndTest(ServiceTest):
             report = self.ask("back-end", "--session-file", self.folder / path)
             self.assertEqual(report.status, 3)
 
+    def test_session_from_standard_input(self):
+        listener = self.listen(answering(REFUSAL))
+        reading, writing = os.pipe()
+        os.write(writing, b"3f9c27d1\n")
+        os.close(writing)
+        with os.fdopen(reading) as stream:
+            self.ask("back-end", "--session-file", "-", stdin=stream)
+        self.assertIn(b"panelses5=3f9c27d1\0", listener.requests[0])
+
     def test_session_is_never_shown(self):
         session = "s3f9c27d1secret"
         for body in (

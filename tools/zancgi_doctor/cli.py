@@ -18,6 +18,7 @@ from zancgi_doctor.texts import MEBIBYTE, describe_error, printable
 
 EXIT_STATUS = {"ok": 0, "warning": 1, "failure": 2, "unchecked": 3}
 USAGE_ERROR = 3
+SESSION_LINE_LIMIT = 1 << 16
 
 
 class Parser(argparse.ArgumentParser):
@@ -103,7 +104,7 @@ def make_parser():
         "--session-file",
         default="",
         metavar="FILE",
-        help="a file whose first line is such a session",
+        help="a file whose first line is such a session; - for standard input",
     )
     parser.add_argument(
         "--pid",
@@ -151,8 +152,11 @@ def read_environment(pid):
 def read_session(options):
     if not options.session_file:
         return options.session or ""
-    line = read_text(options.session_file).partition("\n")[0].strip()
-    return parse_session(line)
+    if options.session_file == "-":
+        line = sys.stdin.readline(SESSION_LINE_LIMIT)
+    else:
+        line = read_text(options.session_file).partition("\n")[0]
+    return parse_session(line.strip())
 
 
 def find_closed_streams():
