@@ -186,6 +186,12 @@ class FilesTest(PackagesTest):
         notice = r"(?:Copyright|\(c\)) (?:\([cC]\) )?[-–\d, ]*(?:by )?((?:[A-Z]\w+ ?)+)"
         return {author.strip() for text in scripts for author in re.findall(notice, text)}
 
+    def test_the_example_has_the_files_that_the_documents_name(self):
+        names = run("git", "-C", str(SOURCE), "ls-files", "examples/panel").split()
+        self.assertIn("examples/panel/front.cpp", names)
+        installed = {f"usr/share/doc/zancgi/{name}" for name in names}
+        self.assertEqual(installed - self.contents("zancgi-doc"), set())
+
     def test_what_has_pugixml_inside_says_of_which_version(self):
         for name in ("libtov1", "libtov-dev"):
             built_using = fields_of(self.debs[name])["Built-Using"]
