@@ -412,6 +412,21 @@ class FindPackageTest(CMakeTests, FrontEndTest):
         for name in ("zancgi", "tov"):
             self.assertIn(f"{name}_DIR:PATH={self.root}/", cache)
 
+    def test_a_copy_of_the_example_can_be_built(self):
+        example = self.root / "share" / "doc" / "zancgi" / "examples" / "panel"
+        if not example.exists():
+            self.skipTest("the documents are not installed")
+        copy = shutil.copytree(example, self.folder / "panel")
+        run(
+            CMAKE, "-S", copy, "-B", copy / "build", "-G", "Ninja",
+            f"-DCMAKE_CXX_COMPILER={CXX}", f"-DCMAKE_PREFIX_PATH={self.root}",
+        )  # fmt: skip
+        run(CMAKE, "--build", copy / "build")
+        request = {"REQUEST_METHOD": "GET", "QUERY_STRING": "page=signin"}
+        page = run(copy / "build" / "front", env=request)
+        self.assertIn("Status: 200 OK", page)
+        self.assertIn("<form", page)
+
 
 class AddSubdirectoryTest(CMakeTests, FrontEndTest):
     @classmethod
