@@ -19,6 +19,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <tuple>
+#include <type_traits>
 #include <typeinfo>
 
 #include "supervision.h"

@@ -3,6 +3,8 @@
 #ifndef ZANCGI_TESTING_LOG_H
 #define ZANCGI_TESTING_LOG_H
 
+// Of the comparison that the compiler makes.
+// IWYU pragma: no_include <algorithm>
 #include <iosfwd>
 #include <string>
 #include <vector>

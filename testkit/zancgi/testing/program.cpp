@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <grp.h>
+#include <linux/close_range.h>
 #include <signal.h>
 #include <unistd.h>
 #include <zancgi/testing/backend.h>

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
+#include <type_traits>
 
 namespace zan_cgi::testing {
 namespace {

@@ -5,7 +5,8 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
-#include <sys/syscall.h>
+// IWYU pragma: no_include <syscall.h>
+#include <sys/syscall.h>  // IWYU pragma: keep
 #include <sys/wait.h>
 #include <unistd.h>
 #include <zancgi/testing/backend.h>
