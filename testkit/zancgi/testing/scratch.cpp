@@ -12,6 +12,21 @@
 namespace fs = std::filesystem;
 
 namespace zan_cgi::testing {
+namespace {
+
+/// Lets the folders be emptied that a test has locked.
+void Unlock(const fs::path& folder) {
+  std::error_code error;
+  fs::permissions(folder, fs::perms::owner_all, error);
+  fs::directory_iterator entry(folder, error);
+  for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
+    std::error_code ignored;
+    const fs::file_status status = entry->symlink_status(ignored);
+    if (fs::is_directory(status)) Unlock(entry->path());
+  }
+}
+
+}  // namespace
 
 Scratch::Scratch() : Scratch(fs::canonical(fs::temp_directory_path())) {}
 
@@ -24,8 +39,11 @@ Scratch::Scratch(const std::string& parent) {
 }
 
 Scratch::~Scratch() {
-  std::error_code ignored;
-  fs::remove_all(path_, ignored);
+  std::error_code error;
+  fs::remove_all(path_, error);
+  if (!error) return;
+  Unlock(path_);
+  fs::remove_all(path_, error);
 }
 
 std::string Scratch::operator/(const std::string& name) const {

@@ -1,0 +1,53 @@
+#include <gtest/gtest.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/identity.h>
+#include <zancgi/testing/scratch.h>
+
+#include <filesystem>
+#include <string>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Scratch;
+using zan_cgi::testing::Told;
+
+TEST(Scratch, GoesWithFoldersThatATestHasLocked) {
+  const Outcome outcome = Child().Run([](const Told& told) {
+    zan_cgi::testing::BecomeOrdinaryUser();
+    const Scratch scratch;
+    told("path", scratch.Path());
+    scratch.MakeDir("closed/inner");
+    scratch.MakeFile("closed/inner/file");
+    fs::permissions(scratch / "closed/inner", fs::perms{0555});
+    fs::permissions(scratch / "closed", fs::perms::none);
+  });
+  EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
+  ASSERT_NE(outcome.told.at("path"), "");
+  EXPECT_FALSE(fs::exists(outcome.told.at("path")));
+}
+
+TEST(Scratch, LeavesAloneWhatItsLinksPointTo) {
+  const Outcome outcome = Child().Run([](const Told& told) {
+    zan_cgi::testing::BecomeOrdinaryUser();
+    const Scratch other;
+    const std::string folder = other.MakeDir("folder");
+    fs::permissions(folder, fs::perms{0500});
+    {
+      const Scratch scratch;
+      fs::create_directory_symlink(folder, scratch / "link");
+      fs::permissions(scratch.MakeDir("closed/inner"), fs::perms::none);
+      scratch.MakeFile("closed/file");
+      fs::permissions(scratch / "closed", fs::perms{0500});
+    }
+    const bool has_its_mode =
+        fs::status(folder).permissions() == fs::perms{0500};
+    told("left alone", has_its_mode ? "yes" : "no");
+  });
+  EXPECT_EQ(outcome.told.at("left alone"), "yes");
+}
+
+}  // namespace
