@@ -2081,6 +2081,8 @@ class PamTest(DoctorTest):
 class AccountTest(DoctorTest):
     def setUp(self):
         super().setUp()
+        if DOCTOR.is_relative_to("/srv"):
+            self.skipTest("the tools lie below /srv, where the accounts of this test have homes")
         self.tmp = self.make_folder("tmp", 0o700)
         self.uid = self.gid = STRANGER
         self.group_line = f"alice:x:{STRANGER}:"
