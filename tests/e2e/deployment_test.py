@@ -152,9 +152,10 @@ class Unit:
         return " ".join(self.settings.get(name, [])).split()
 
 
-def program_of(process):
+def runs(process, program):
+    """Whatever the path is by which the process sees the program."""
     with contextlib.suppress(OSError):  # gone, or not ours to look at
-        return os.readlink(f"/proc/{process}/exe")
+        return os.path.samefile(f"/proc/{process}/exe", program)
 
 
 def place():
@@ -304,8 +305,8 @@ class Machine:
             taker = ("/usr/bin/python3", "-IBc", TAKE_SOCKET, str(listener.fileno()))
             command = [*taker, *command]
         process = self.run(command, **options)
-        program = os.path.realpath(shlex.split(unit["ExecStart"])[0])
-        wait_for(lambda: has_ended(process) or program_of(process.pid) == program)
+        program = shlex.split(unit["ExecStart"])[0]
+        wait_for(lambda: has_ended(process) or runs(process.pid, program))
         return process
 
     def _namespaces(self, unit):
