@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/time.h>
 #include <unistd.h>
 #include <zancgi/testing/backend.h>
 #include <zancgi/testing/child.h>
@@ -12,6 +13,7 @@
 #include <chrono>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -43,6 +45,46 @@ TEST(Child, ServesARequest) {
   EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
   EXPECT_EQ(outcome.told["a"], "1");
   EXPECT_EQ(outcome.told["answer"], "<doc/>");
+}
+
+/// Has this process, a child, handle a signal every so often, whatever it is
+/// doing.
+void InterruptEvery(std::chrono::microseconds pause) {
+  struct sigaction action {};
+  action.sa_handler = [](int) {};
+  ASSERT_EQ(::sigaction(SIGALRM, &action, nullptr), 0);
+  const itimerval timer{{0, pause.count()}, {0, pause.count()}};
+  ASSERT_EQ(::setitimer(ITIMER_REAL, &timer, nullptr), 0);
+}
+
+TEST(Child, IsServedWholeByATestThatHandlesSignals) {
+  const Outcome outcome = Child().Run([](const Told& told) {
+    InterruptEvery(std::chrono::microseconds(200));
+    const std::string large(8'000'000, 'x');
+    Backend backend;
+    backend.Then(Answer(large));
+    Outcome inner =
+        Child()
+            .Serve(Post("/panel").Fields({{"a", large}}))
+            .With(backend)
+            .Run([](const Told& tell) {
+              Cgi cgi("a/front", "backend");
+              // Let the writers meet full buffers.
+              std::this_thread::sleep_for(milliseconds(50));
+              tell("body", std::to_string(cgi.Param("a").size()));
+              const std::string query(100'000, 'q');
+              tell("answer", std::to_string(cgi.Query(query).size()));
+            });
+    told("body", inner.told["body"]);
+    told("answer", inner.told["answer"]);
+    told("query", std::to_string(backend.Queries().at(0).raw.size() / 100'000));
+    told("error", inner.error);
+  });
+  EXPECT_EQ(outcome.error, "");
+  EXPECT_EQ(outcome.told.at("error"), "");
+  EXPECT_EQ(outcome.told.at("body"), "8000000");
+  EXPECT_EQ(outcome.told.at("answer"), "8000000");
+  EXPECT_EQ(outcome.told.at("query"), "1");
 }
 
 TEST(Child, TellsWhatHasEndedIt) {

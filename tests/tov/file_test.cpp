@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <grp.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -16,6 +15,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -23,6 +23,7 @@
 namespace {
 
 using tov_file::Attrs;
+using zan_cgi::testing::BecomeOrdinaryUser;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::Outcome;
 using zan_cgi::testing::ReadFile;
@@ -75,14 +76,6 @@ std::string Link(const Scratch& scratch, const std::string& name,
 std::string Fifo(const Scratch& scratch, const std::string& name) {
   EXPECT_EQ(::mkfifo((scratch / name).c_str(), 0600), 0);
   return scratch / name;
-}
-
-void BecomeOrdinaryUser() {
-  if (!zan_cgi::testing::IsRoot()) return;
-  if (::setgroups(0, nullptr) != 0 || ::setgid(kNobody) != 0 ||
-      ::setuid(kNobody) != 0) {
-    throw std::runtime_error("cannot become an ordinary user");
-  }
 }
 
 Outcome RunCleanly(const Child& child, const Child::Body& body) {

@@ -48,7 +48,7 @@ int BoundSocket(const std::string& path) {
 std::string ReadLength(int connection) {
   std::string length;
   char byte;
-  while (::read(connection, &byte, 1) == 1) {
+  while (RetryInterrupted([&] { return ::read(connection, &byte, 1); }) == 1) {
     length.push_back(byte);
     if (byte == ':') break;
   }
@@ -63,14 +63,16 @@ std::string ReadUpToComma(int connection) {
   std::size_t left = std::strtoul(text.c_str(), nullptr, 10);
   char piece[65536];
   while (left > 0) {
-    const ssize_t count =
-        ::read(connection, piece, std::min(left, sizeof(piece)));
+    const ssize_t count = RetryInterrupted([&] {
+      return ::read(connection, piece, std::min(left, sizeof(piece)));
+    });
     if (count <= 0) return text;
     text.append(piece, static_cast<std::size_t>(count));
     left -= static_cast<std::size_t>(count);
   }
   char comma;
-  if (::recv(connection, &comma, 1, MSG_PEEK) == 1) text.push_back(comma);
+  const auto peek = [&] { return ::recv(connection, &comma, 1, MSG_PEEK); };
+  if (RetryInterrupted(peek) == 1) text.push_back(comma);
   return text;
 }
 
@@ -101,8 +103,9 @@ Query ParseQuery(const std::string& raw) {
 void SendAll(int connection, const std::string& text, std::size_t piece) {
   for (std::size_t at = 0; at < text.size();) {
     const std::size_t size = std::min(piece, text.size() - at);
-    const ssize_t sent =
-        ::send(connection, text.data() + at, size, MSG_NOSIGNAL);
+    const ssize_t sent = RetryInterrupted([&] {
+      return ::send(connection, text.data() + at, size, MSG_NOSIGNAL);
+    });
     if (sent < 0) return;
     at += static_cast<std::size_t>(sent);
   }
@@ -229,8 +232,8 @@ void Backend::ServeUntil(int descriptor) {
 
 void Backend::ServeOne() {
   while (next_ < script_.size() && RefusesAt(next_)) ++next_;
-  const Descriptor connection(
-      ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC));
+  const Descriptor connection(RetryInterrupted(
+      [&] { return ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC); }));
   if (!connection) Fail("accept");
   if (next_ == script_.size()) {
     queries_.push_back(ParseQuery(ReadUpToComma(connection.Get())));
@@ -241,7 +244,7 @@ void Backend::ServeOne() {
   if (ClosesToRefuse() && RefusesAt(next_)) StopListening();
   if (step.kind == Step::Kind::Reset) {
     pollfd readable{connection.Get(), POLLIN, 0};
-    ::poll(&readable, 1, -1);
+    RetryInterrupted([&] { return ::poll(&readable, 1, -1); });
     return;
   }
   queries_.push_back(ParseQuery(ReadUpToComma(connection.Get())));

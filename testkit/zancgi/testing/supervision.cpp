@@ -222,8 +222,7 @@ class BackendRun {
 
 void WaitFor(int descriptor) {
   pollfd event{descriptor, POLLIN, 0};
-  while (::poll(&event, 1, -1) < 0 && errno == EINTR) {
-  }
+  RetryInterrupted([&] { return ::poll(&event, 1, -1); });
 }
 
 /// Nothing that is thrown may lead back into a second copy of the test.

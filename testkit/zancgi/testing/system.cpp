@@ -16,8 +16,9 @@ void Fail(const std::string& what) {
 
 bool WriteAll(int descriptor, const std::string& bytes) {
   for (std::size_t at = 0; at < bytes.size();) {
-    const ssize_t count =
-        ::write(descriptor, bytes.data() + at, bytes.size() - at);
+    const ssize_t count = RetryInterrupted([&] {
+      return ::write(descriptor, bytes.data() + at, bytes.size() - at);
+    });
     if (count < 0) return false;
     at += static_cast<std::size_t>(count);
   }

@@ -3,6 +3,7 @@
 #ifndef ZANCGI_TESTING_SYSTEM_H
 #define ZANCGI_TESTING_SYSTEM_H
 
+#include <cerrno>
 #include <string>
 #include <utility>
 
@@ -10,6 +11,15 @@ namespace zan_cgi::testing {
 
 /// @throws std::system_error with errno
 [[noreturn]] void Fail(const std::string& what);
+
+/// A test may handle signals, and what it calls is then broken off.
+template <class Call>
+auto RetryInterrupted(Call call) {
+  for (;;) {
+    const auto result = call();
+    if (result >= 0 || errno != EINTR) return result;
+  }
+}
 
 /// Returns false when that cannot be, as when nobody reads any more.
 bool WriteAll(int descriptor, const std::string& bytes);
