@@ -70,38 +70,44 @@ void ListKeys(const std::map<std::string, Value>& map,
   for (const auto& entry : map) keys.push_back(entry.first);
 }
 
-/// Fills a map from a request. The fields of a large form mostly come in the
-/// order of their names, so each is looked for behind the one before it first.
+/// Fills a map from a request. Large forms usually arrive sorted by name, so
+/// the previous entry is the hint for the next one.
 class MapFiller {
  public:
+  /// The value of a name, which stays where it is as long as the map lives.
+  struct Place {
+    std::string& value;
+    bool is_new;
+  };
+
   /// @param map  nothing may be removed from it as long as this object is used
   explicit MapFiller(StringMap& map) : map_(map), last_(map.end()) {}
+
+  /// Returns the value of a name. A new name gets the value given, or an empty
+  /// one; if memory ends, it is not inserted.
+  template <class... Value>
+  Place FindOrInsert(const std::string& name, const Value&... value) {
+    const std::size_t size = map_.size();
+    const auto hint = last_ == map_.end() ? last_ : std::next(last_);
+    last_ = map_.try_emplace(hint, name, value...);
+    return {last_->second, map_.size() != size};
+  }
 
   /// Adds a value, or joins it to the one that the name has. Appends in place:
   /// a name that comes a hundred thousand times must not copy its value as
   /// often.
   void Join(const std::string& name, const char* glue,
             const std::string& value) {
-    if (!GoTo(name, value)) last_->second.append(glue).append(value);
+    const Place place = FindOrInsert(name, value);
+    if (!place.is_new) place.value.append(glue).append(value);
   }
 
   /// Adds a value, or replaces the one that the name has.
   void Set(const std::string& name, std::string value) {
-    GoTo(name);
-    last_->second = std::move(value);
+    FindOrInsert(name).value = std::move(value);
   }
 
  private:
-  /// Goes to the value of a name. Says whether the name is new, and its value
-  /// the one given, or empty. Where memory ends, no name stays without value.
-  template <class... Value>
-  bool GoTo(const std::string& name, const Value&... value) {
-    const std::size_t size = map_.size();
-    const auto behind = last_ == map_.end() ? last_ : std::next(last_);
-    last_ = map_.try_emplace(behind, name, value...);
-    return map_.size() != size;
-  }
-
   StringMap& map_;
   StringMap::iterator last_;  ///< Where the last value went.
 };
@@ -292,13 +298,17 @@ class ZeroedBuffer {
 /// A pass over the chunks of the body with four states. Each state is a method
 /// that takes what it can from the current chunk. What comes out is our promise
 /// to the byte, also where it is odd: front ends and stored forms rely on it.
-/// Three oddities make a parse go on for ever, and all stay:
-/// - A read of no bytes in mid-body leaves an empty chunk, and the position
-///   where it was; only a position at the chunk's end has the next one read.
-/// - A first boundary in the last two bytes of a chunk sets the position beyond
-///   its end.
-/// - So does the skip behind a file, when the next chunk is shorter than it.
-/// A front end bounds them by a limit of its processor time and memory.
+/// The next chunk is read only from a position at the end of the last one, so
+/// some bodies are never parsed to their end. These stay:
+/// - With an announced boundary, a read of no bytes after the first chunk
+///   leaves an empty chunk and the position where it was.
+/// - A boundary that is searched for, the first or one after an ignored part,
+///   sets the position beyond the chunk when it ends in its last two bytes.
+/// - So does the skip after a file when the next chunk is shorter than it.
+/// - As long as nothing has been read, and while a body is drained, reads of no
+///   bytes are repeated for ever, with a pause after each.
+/// A front end bounds the first three by a limit of its processor time and
+/// memory; only a limit of real time, such as alarm(2), ends the last.
 class BodyParser {
  public:
   /// @param length    the declared length of the body, not 0
@@ -433,7 +443,8 @@ class BodyParser {
   bool ReadChunk() {
     size_ = static_cast<std::size_t>(ReadAfter(total_));
     // The position stays where it is, beyond the empty chunk: kept for
-    // compatibility, although nothing is ever read again then.
+    // compatibility, although with an announced boundary nothing is ever read
+    // again then.
     if (size_ == 0) return false;
     total_ += static_cast<std::int64_t>(size_);
     position_ = std::exchange(skip_, 0);
@@ -450,21 +461,28 @@ class BodyParser {
   void GoToChunkEnd() { position_ = std::max(position_, size_); }
 
   void SeekBoundary() {
-    if (IsBoundaryAnnounced()) {
-      line_.clear();
-      const std::size_t end =
-          FindBoundaryEnd(boundary_, chunk_.data(), size_, position_);
-      if (end != std::string::npos) {
-        // Over the CR LF, unseen. In the last two bytes of a chunk this goes
-        // beyond its end; no skip is carried over here.
-        position_ = end + 2;
-        has_seen_boundary_ = true;
-        state_ = State::kPartHeaders;
-        return;
-      }
+    if (!IsBoundaryAnnounced()) {
+      // Also back from beyond an empty chunk, so that the next one is read.
+      position_ = size_;
+    } else if (FindBoundary()) {
+      return;
+    } else {
+      GoToChunkEnd();
     }
-    GoToChunkEnd();
     if (!has_seen_boundary_) KeepRawChunk();
+  }
+
+  bool FindBoundary() {
+    line_.clear();
+    const std::size_t end =
+        FindBoundaryEnd(boundary_, chunk_.data(), size_, position_);
+    if (end == std::string::npos) return false;
+    // Over the CR LF, unseen. In the last two bytes of a chunk this goes beyond
+    // its end; no skip is carried over here.
+    position_ = end + 2;
+    has_seen_boundary_ = true;
+    state_ = State::kPartHeaders;
+    return true;
   }
 
   bool IsBoundaryAnnounced() const { return boundary_.size() > 2; }
@@ -540,7 +558,7 @@ class BodyParser {
   /// left from the part before.
   void TakeAttribute(const std::string& attribute) {
     if (attribute.starts_with("name")) {
-      element_name_ = QuotedValue(attribute);
+      SetElementName(QuotedValue(attribute));
       if (element_name_.empty()) {
         if (log.Check(kDebug)) {
           log.Write(kDebug, "%s:%d Element with empty name found. Ignoring.",
@@ -554,9 +572,44 @@ class BodyParser {
                              : AfterHeaders::kFieldValue;
       }
     } else if (attribute.starts_with("filename")) {
-      file_name_ = QuotedValue(attribute);
+      SetFileName(QuotedValue(attribute));
       after_headers_ = AfterHeaders::kFileData;
     }
+  }
+
+  void SetElementName(std::string name) {
+    element_ = nullptr;
+    element_name_ = std::move(name);
+  }
+
+  void SetFileName(std::string name) {
+    upload_ = nullptr;
+    named_in_ = nullptr;
+    file_name_ = std::move(name);
+  }
+
+  /// The parameter of the element name; a new one gets the value given. Looked
+  /// up once for each name sent: a name may be long, and its value may have as
+  /// many lines.
+  MapFiller::Place Element(const std::string& value) {
+    if (element_ != nullptr) return {*element_, false};
+    const MapFiller::Place place = params_.FindOrInsert(element_name_, value);
+    element_ = &place.value;
+    return place;
+  }
+
+  /// The entry of the client's file name, looked up once for each name sent.
+  Cgi::Data::FileInfo& Upload() {
+    if (upload_ == nullptr) upload_ = &request_.files[file_name_];
+    return *upload_;
+  }
+
+  /// Makes the client's file name the value of the element. A name that stays
+  /// for many parts is not copied for each of them.
+  void NameFileInElement() {
+    const auto [value, is_new] = Element(file_name_);
+    if (!is_new && &value != named_in_) value = file_name_;
+    named_in_ = &value;
   }
 
   void AnnounceFile() {
@@ -572,7 +625,7 @@ class BodyParser {
       }
       after_headers_ = AfterHeaders::kNone;
     } else {
-      params_.Set(element_name_, file_name_);
+      NameFileInElement();
     }
   }
 
@@ -597,10 +650,16 @@ class BodyParser {
     if (line_.starts_with(boundary_) || line_.starts_with(closing_boundary_)) {
       state_ = State::kPartHeaders;
     } else {
-      // The lines of a value, and the values of a repeated field.
-      params_.Join(element_name_, "\n", line_);
+      JoinToElement();
     }
     line_.clear();
+  }
+
+  /// The lines of a value, and the values of a repeated field.
+  void JoinToElement() {
+    const auto [value, is_new] = Element(line_);
+    if (!is_new) value.append("\n").append(line_);
+    if (&value == named_in_) named_in_ = nullptr;
   }
 
   void TakeFileData() {
@@ -624,7 +683,7 @@ class BodyParser {
   void CreateFile() {
     const std::string name =
         tov_file::Tmp(tov_file::ConcatPath(request_.tmp_dir, "zantemp")).Name();
-    ReplacePath(request_.files[file_name_].path, name);
+    ReplacePath(Upload().path, name);
     if (log.Check(kTrace)) {
       log.Write(kTrace, "%s Creating new file %s", "ParseInput", name.c_str());
     }
@@ -670,8 +729,7 @@ class BodyParser {
     if (!file_.IsBad()) return;
     const bool was_opened = file_.IsOpen();
     file_.Close();
-    Attend(was_opened,
-           [this] { tov_file::RemoveFile(request_.files[file_name_].path); });
+    Attend(was_opened, [this] { tov_file::RemoveFile(Upload().path); });
     has_upload_failed_ = true;
   }
 
@@ -704,7 +762,7 @@ class BodyParser {
 
   void StoreFile() {
     file_.Close();
-    request_.files[file_name_].size = file_size_;
+    Upload().size = file_size_;
   }
 
   void Finish() {
@@ -764,7 +822,11 @@ class BodyParser {
   bool has_upload_failed_ = false;
   std::string line_;
   std::string element_name_;
-  std::string file_name_;  ///< As the client sent it.
+  std::string* element_ = nullptr;         ///< Its parameter, once looked up.
+  std::string file_name_;                  ///< As the client sent it.
+  Cgi::Data::FileInfo* upload_ = nullptr;  ///< Its entry, once looked up.
+  /// The parameter that was last set to the file name, and still holds it.
+  std::string* named_in_ = nullptr;
   std::string raw_body_;
 
   UploadFile file_;
@@ -957,9 +1019,15 @@ std::string Cgi::Query(const std::map<std::string, std::string>& params) {
   for (const auto& [name, value] : params) {
     std::string item = name;
     item.append("=").append(str::url::Encode(value));
-    query = str::Append(query, item, "&");
+    // What an empty query does to the separator is the base library's to say;
+    // after that the items are added in place, or each would copy them all.
+    if (query.empty()) {
+      query = str::Append(query, item, "&");
+    } else {
+      query.append("&").append(item);
+    }
   }
-  return Query(query);
+  return Query(std::move(query));
 }
 
 void Cgi::SetTovName(const std::string& name) { data_->tov_name = name; }

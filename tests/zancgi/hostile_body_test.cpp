@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 #include <zancgi/testing/child.h>
@@ -14,6 +15,8 @@
 #include <zancgi/zancgi.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -836,6 +839,77 @@ TEST(QueryStringBody, TakesASemicolonForData) {
 
 TEST(QueryStringBody, KeepsTheLastValueOfAKey) {
   ExpectQueryString("a=1&a=2&a", {{"a", ""}});
+}
+
+/// A way in which a wait for the body or a read of it gives nothing.
+struct Nothing {
+  const char* name;
+  int poll_error;
+  int read_error;
+  const char* line;  ///< What is logged of it.
+};
+
+class ReadOfNothing : public testing::TestWithParam<Nothing> {};
+
+INSTANTIATE_TEST_SUITE_P(
+    All, ReadOfNothing,
+    testing::Values(Nothing{"Signal", EINTR, 0,
+                            " poll interrupted, trying again"},
+                    Nothing{"WouldBlock", 0, EAGAIN, nullptr},
+                    Nothing{"EndOfFile", 0, 0, nullptr}),
+    [](const auto& nothing) { return nothing.param.name; });
+
+// With an announced boundary nothing would ever be read again.
+TEST_P(ReadOfNothing, DoesNotEndABodyWithoutABoundary) {
+  const Nothing& nothing = GetParam();
+  const Strings pieces = {"", "a=1&", "", "", "b=2"};
+  std::size_t at = 0;
+  const Outcome outcome =
+      RunCleanly(Child().Env("CONTENT_LENGTH", "7"), [&](const Told& /*told*/) {
+        const itimerval soon{{0, 0}, {1, 0}};
+        ::setitimer(ITIMER_PROF, &soon, nullptr);
+        Replace({.poll =
+                     [&](pollfd* entries, nfds_t, int) {
+                       entries->revents = POLLIN;
+                       if (nothing.poll_error == 0 || !pieces[at].empty()) {
+                         return 1;
+                       }
+                       ++at;
+                       errno = nothing.poll_error;
+                       return -1;
+                     },
+                 .read = [&](void* buffer, std::size_t size) -> ssize_t {
+                   const std::string& piece = pieces[at++];
+                   if (piece.empty() && nothing.read_error != 0) {
+                     errno = nothing.read_error;
+                     return -1;
+                   }
+                   return static_cast<ssize_t>(
+                       piece.copy(static_cast<char*>(buffer), size));
+                 }});
+        Cgi::Data record;
+        record.tmp_dir = "/tmp";
+        record.ParseInput();
+        EXPECT_EQ(record.params, (Params{{"a", "1"}, {"b", "2"}}));
+        EXPECT_TRUE(record.parsed);
+      });
+  // Of several reads of nothing in a row the first leaves an empty chunk.
+  Strings expected = {" appending 4 chars to buff",
+                      " appending 0 chars to buff",
+                      " appending 3 chars to buff"};
+  if (nothing.line != nullptr) {
+    for (const std::ptrdiff_t read : {0, 2, 4}) {
+      expected.insert(expected.begin() + read, nothing.line);
+    }
+  }
+  Strings lines;
+  for (const std::string& line : outcome.Logged(9)) {
+    if (line.find(" appending ") != std::string::npos ||
+        line.find(" poll interrupted") != std::string::npos) {
+      lines.push_back(line.substr(line.find(' ')));
+    }
+  }
+  EXPECT_EQ(lines, expected);
 }
 
 TEST(QueryStringBody, TakesTimeInProportionToItsLength) {
