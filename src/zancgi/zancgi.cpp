@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <istream>
 #include <iterator>
 #include <memory>
@@ -21,23 +20,17 @@
 #include <utility>
 
 #include "boundary_search.h"
+#include "confinement.h"
 #include "disposition.h"
 #include "item_walk.h"
 #include "layout.h"  // IWYU pragma: keep
 #include "line_assembly.h"
 #include "log_levels.h"
 #include "separator_scan.h"
+#include "standard_input.h"
 #include "upload_file.h"
 
 namespace zan_cgi {
-
-/// The memory of std::cin, under its linker name. <iostream> would have the
-/// standard streams set up at every start, which costs each request more than
-/// its query string does. Weak, so that a front end that is linked from
-/// archives has them only if it uses them itself.
-extern ZANCGI_API const unsigned char standard_input[] __asm__("_ZSt3cin")
-    __attribute__((weak));
-
 namespace {
 
 using StringMap = std::map<std::string, std::string>;
@@ -129,6 +122,17 @@ void WarnOfUploadLeft(const std::string& path) noexcept {
     }
   } catch (...) {
     // Nobody is left to be told.
+  }
+}
+
+/// Throws unless there is a back end that may be asked. Inside an account's
+/// folder the account could have put its own socket in the back end's place,
+/// which would get the visitor's session and could answer that he is root.
+void RequireBackEnd(const std::string& tov_name) {
+  if (tov_name.empty()) throw tov_err::Missed("tovname", "");
+  if (IsInsideAccountsFolder()) {
+    throw std::runtime_error(
+        "the back end cannot be asked from inside an account's folder");
   }
 }
 
@@ -230,18 +234,6 @@ void TakeLanguage(std::string cookie, Cgi::AuthInfo& session) {
   if (!Contains(cookie, ":")) return;
   session.lang_word = str::RGetWord(cookie, ':');
   session.lang_rest = cookie;
-}
-
-/// std::cin, or null as long as nobody has set it up: nothing can have changed
-/// its state then. Until then its memory is zero, and then it begins with the
-/// pointer that objects with virtual functions begin with.
-const std::istream* StandardInput() {
-  const unsigned char* const memory = standard_input;
-  if (memory == nullptr) return nullptr;
-  const void* first = nullptr;
-  std::memcpy(&first, memory, sizeof(first));
-  return first == nullptr ? nullptr
-                          : reinterpret_cast<const std::istream*>(memory);
 }
 
 bool IsInputGood() {
@@ -998,7 +990,7 @@ void Cgi::CheckContentLength(long maxLength) {
 
 std::string Cgi::Query(std::string query) {
   const std::string& tov_name = data_->tov_name;
-  if (tov_name.empty()) throw tov_err::Missed("tovname", "");
+  RequireBackEnd(tov_name);
   CompleteQuery(*data_, query);
   const StringMap environment = BackendEnvironment(query);
   if (log.Check(kQuery)) {
@@ -1035,7 +1027,7 @@ void Cgi::SetTovName(const std::string& name) { data_->tov_name = name; }
 void Cgi::Authorize(AuthInfo::AuthMethod method) {
   const std::string& tov_name = data_->tov_name;
   AuthInfo& session = data_->auth_info;
-  if (tov_name.empty()) throw tov_err::Missed("tovname", "");
+  RequireBackEnd(tov_name);
 
   const bool looks_in_cookie =
       method == AuthInfo::AuthAny || method == AuthInfo::AuthCookie;

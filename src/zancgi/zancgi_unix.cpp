@@ -32,6 +32,8 @@
 #include <utility>
 #include <vector>
 
+#include "confinement.h"
+#include "descriptor.h"
 #include "log_levels.h"
 #include "pam_library.h"
 
@@ -77,9 +79,11 @@ long ReadInput(char* buffer, long length) {
   const ssize_t count =
       ::read(STDIN_FILENO, buffer, static_cast<std::size_t>(length));
   if (count >= 0) return count;
-  if (errno == EAGAIN) return 0;
+  const int error = errno;
+  if (error == EAGAIN) return 0;
+  // The log may have changed errno by now.
   if (log.Check(kError)) {
-    log.Write(kError, "error reading stdin, code %d", errno);
+    log.Write(kError, "error reading stdin, code %d", error);
   }
   return -1;
 }
@@ -145,11 +149,27 @@ std::vector<gid_t> GroupsOf(const Account& account) {
   return groups;
 }
 
+/// Whether only root can say what lies in the root directory: which PAM
+/// configuration and modules, and which sockets, are found there.
+bool RootDirectoryIsRoots() {
+  struct stat status {};
+  struct statfs64 file_system {};
+  return ::stat("/", &status) == 0 && status.st_uid == 0 &&
+         (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 &&
+         // What a program of the account serves can say anything of itself.
+         ::statfs64("/", &file_system) == 0 &&
+         file_system.f_type != FUSE_SUPER_MAGIC;
+}
+
+/// Of the process, like the root directory itself: there is no way back.
+bool is_inside_accounts_folder = false;
+
 void Confine(const std::string& home) {
   // While its configuration and what that names are the system's own.
   ::gethostbyname("localhost");
   if (log.Check(kTrace)) log.Write(kTrace, "%s Init resolver", "ChRoot");
   if (::chroot(home.c_str()) != 0) ThrowHomeClosed();
+  if (!RootDirectoryIsRoots()) is_inside_accounts_folder = true;
   // From here on root reads what the account may have written. A configuration
   // of look-ups in the home could name a module in the home, whose code would
   // then run as root: groups come from files, and no configuration is read.
@@ -161,14 +181,25 @@ void Confine(const std::string& home) {
   }
 }
 
-void TakeGroups(const Account& account) {
-  ::initgroups(account.name.c_str(), BaseGroup(account));
+/// Returns whether the account's groups are now those of the process.
+bool TakeGroups(const Account& account) {
+  return ::initgroups(account.name.c_str(), BaseGroup(account)) == 0;
 }
 
+/// Sets these groups, failing that none: better none than those of root, or
+/// those that the home may have given.
 void SetGroups(const std::vector<gid_t>& groups) {
   if (::setgroups(groups.size(), groups.data()) != 0) {
-    // Better none than those that the home may have given.
     ::setgroups(0, nullptr);
+  }
+}
+
+/// The account's groups, none when they cannot be had.
+std::vector<gid_t> GroupsOrNone(const Account& account) {
+  try {
+    return GroupsOf(account);
+  } catch (const std::bad_alloc&) {
+    return {};
   }
 }
 
@@ -180,13 +211,14 @@ void SetGroups(const std::vector<gid_t>& groups) {
 void ConfineWithGroups(const Account& account) {
   const std::vector<gid_t> groups = GroupsOf(account);
   Confine(account.home);
-  TakeGroups(account);
+  Unchecked(TakeGroups(account));
   SetGroups(groups);
 }
 
 void EnterHomeWithGroups(const Account& account) {
   if (::chdir(account.home.c_str()) != 0) ThrowHomeClosed();
-  TakeGroups(account);
+  // A failure is no error, but the process must not keep root's groups.
+  if (!TakeGroups(account)) SetGroups(GroupsOrNone(account));
 }
 
 /// Brings the process back to its current directory when it goes: PAM modules
@@ -197,7 +229,8 @@ class DirectoryKeeper {
   ///   empty when there is none
   explicit DirectoryKeeper(std::string path)
       : path_(std::move(path)),
-        descriptor_(::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC)),
+        descriptor_(
+            MoveAboveStdio(::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC))),
         is_open_(::fstat(descriptor_, &directory_) == 0) {}
   ~DirectoryKeeper() {
     if (IsStillOpen()) {
@@ -223,18 +256,6 @@ class DirectoryKeeper {
   int descriptor_;
   bool is_open_;
 };
-
-/// Whether only root can say what lies in the root directory, and so which PAM
-/// configuration and modules are found there.
-bool RootDirectoryIsRoots() {
-  struct stat status {};
-  struct statfs64 file_system {};
-  return ::stat("/", &status) == 0 && status.st_uid == 0 &&
-         (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 &&
-         // What a program of the account serves can say anything of itself.
-         ::statfs64("/", &file_system) == 0 &&
-         file_system.f_type != FUSE_SUPER_MAGIC;
-}
 
 /// Opens the session and closes it again, while the process is still root: none
 /// stays open for the request. Returns what pam_end(3) wants to know.
@@ -333,6 +354,8 @@ void EnterInsideHome(const std::string& dir) {
 
 }  // namespace
 
+bool IsInsideAccountsFolder() { return is_inside_accounts_folder; }
+
 int myconv(int num_msg, const pam_message** /*msg*/, pam_response** resp,
            void* appdata_ptr) {
   if (appdata_ptr == nullptr || num_msg <= 0) return PAM_CONV_ERR;
@@ -392,7 +415,7 @@ void Cgi::Data::DoSu(const std::string& user, const std::string& dir,
     const DirectoryKeeper keeper(use_chroot ? "" : account.home);
     // Who can write the home could have any PAM configuration, and any module
     // that it names, run as root in there.
-    RunPamSession(pam, user, !use_chroot || RootDirectoryIsRoots());
+    RunPamSession(pam, user, !IsInsideAccountsFolder());
   }
   Unchecked(::setuid(account.uid));
   if (use_chroot) {

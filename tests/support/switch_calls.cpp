@@ -257,8 +257,9 @@ int RecordedGetgrouplist(const char* user, gid_t group, gid_t* groups,
                          int* count) {
   const auto real = support::Real<decltype(&getgrouplist)>("getgrouplist");
   if (recorded == nullptr) return real(user, group, groups, count);
-  support::Enter(std::string("getgrouplist ") + user + " " +
-                 support::Number(group));
+  const int failure = support::Enter(std::string("getgrouplist ") + user + " " +
+                                     support::Number(group));
+  if (failure != 0) return support::Fail(failure);
   if (recorded->pretend) {
     return support::PretendedGroups(group, groups, count);
   }

@@ -3,7 +3,9 @@
 #include <gnu/libc-version.h>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <linux/securebits.h>
 #include <pwd.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -86,6 +88,11 @@ class Confinement : public testing::Test {
   void ExpectConfinedAsTheAccount(const Switched& switched) const {
     EXPECT_EQ(switched.error, "");
     EXPECT_EQ(switched.identity, Visitor(machine_.Home(), machine_.Home()));
+  }
+
+  void SetHome(uid_t owner, mode_t mode) const {
+    ASSERT_EQ(::chown(machine_.Home().c_str(), owner, owner), 0);
+    ASSERT_EQ(::chmod(machine_.Home().c_str(), mode), 0);
   }
 
   Machine machine_;
@@ -237,11 +244,6 @@ class ConfinedSession : public Confinement {
     Plant("etc/pam.d/login", module_.Line(deeds));
   }
 
-  void SetHome(uid_t owner, mode_t mode) const {
-    ASSERT_EQ(::chown(machine_.Home().c_str(), owner, owner), 0);
-    ASSERT_EQ(::chmod(machine_.Home().c_str(), mode), 0);
-  }
-
   SessionModule module_{machine_, "home"};
 };
 
@@ -327,6 +329,109 @@ TEST_F(Confinement, OfAnAccountGivesItTheGroupWithTheNumberOfItsUser) {
     EXPECT_EQ(switched.identity.groups, "100\t100\t100\t100");
     EXPECT_EQ(switched.identity.supplementary, "6");
   }
+}
+
+/// An account that has put a socket of its own in the back end's place, where
+/// the process finds it once it is confined to the home.
+class PlantedBackEnd : public Confinement {
+ protected:
+  void SetUp() override {
+    Confinement::SetUp();
+    backend_.Otherwise([](const zan_cgi::testing::Query& /*query*/) {
+      return zan_cgi::testing::Answer(
+          "<doc><user name=\"root\" level=\"99\"/></doc>");
+    });
+  }
+
+  /// Has the process become the account and then ask the back end.
+  /// @param prepare  called in the child before the switch
+  Outcome AskAfterTheSwitch(
+      const std::function<void(Cgi&)>& ask,
+      const std::function<void()>& prepare = [] {}, bool use_chroot = true) {
+    return Child()
+        .Env("REQUEST_METHOD", "GET")
+        .Env("HTTP_COOKIE", backend_.Name() + "ses5=secret")
+        .With(backend_)
+        .Run([&](const Told& told) {
+          machine_.SetUp();
+          PlantSocket();
+          prepare();
+          Cgi cgi("/bin/front", backend_.Name());
+          cgi.Su("visitor", "/", use_chroot, false);
+          try {
+            ask(cgi);
+          } catch (const std::runtime_error& error) {
+            told("error", error.what());
+          }
+          try {
+            told("name", cgi.auth().name);
+          } catch (const std::runtime_error& error) {
+            told("name", error.what());
+          }
+        });
+  }
+
+  void PlantSocket() const {
+    const std::string planted = machine_.Home() + backend_.SocketPath();
+    fs::create_directories(fs::path(planted).parent_path());
+    fs::remove(planted);
+    fs::create_hard_link(backend_.SocketPath(), planted);
+  }
+
+  Backend backend_;
+};
+
+const char kNotFromInside[] =
+    "the back end cannot be asked from inside an account's folder";
+
+void Authorize(Cgi& cgi) { cgi.Authorize(Cgi::AuthInfo::AuthCookie); }
+
+TEST_F(PlantedBackEnd, IsNotAsked) {
+  const std::vector<std::pair<uid_t, mode_t>> homes = {
+      {support::kVisitor, 0700}, {0, 0775}, {0, 0757}};
+  for (const auto& [owner, mode] : homes) {
+    SetHome(owner, mode);
+    for (const auto& ask : std::vector<std::function<void(Cgi&)>>{
+             Authorize, [](Cgi& cgi) { cgi.Query("func=list"); },
+             [](Cgi& cgi) {
+               cgi.Query({{"func", "list"}});
+             }}) {
+      Outcome outcome = AskAfterTheSwitch(ask);
+      EXPECT_EQ(outcome.error, "");
+      EXPECT_EQ(outcome.told["error"], kNotFromInside);
+      EXPECT_EQ(outcome.told["name"], "not authorized");
+    }
+  }
+  EXPECT_TRUE(backend_.Queries().empty());
+}
+
+TEST_F(PlantedBackEnd, IsAskedInAJailThatIsRoots) {
+  SetHome(0, 0755);
+  Outcome outcome = AskAfterTheSwitch(Authorize);
+  EXPECT_EQ(outcome.error, "");
+  EXPECT_EQ(outcome.told["error"], "");
+  EXPECT_EQ(outcome.told["name"], "root");
+}
+
+TEST_F(PlantedBackEnd, DoesNotMatterToAProcessThatIsNotConfined) {
+  Outcome outcome = AskAfterTheSwitch(
+      Authorize, [] {}, false);
+  EXPECT_EQ(outcome.told["error"], "");
+  EXPECT_EQ(outcome.told["name"], "root");
+}
+
+// A process that has kept root's rights could go on into a jail that the
+// account has been given, but whoever owns the way there could exchange it.
+TEST_F(PlantedBackEnd, IsNotAskedFromAJailInsideTheHome) {
+  machine_.MakeDir("home/jail");
+  Plant("etc/passwd", "visitor:x:54321:54322::/jail:\n");
+  Outcome outcome = AskAfterTheSwitch(
+      [](Cgi& cgi) {
+        cgi.Su("visitor", "/", true, false);
+        Authorize(cgi);
+      },
+      [] { ASSERT_EQ(::prctl(PR_SET_SECUREBITS, SECBIT_NO_SETUID_FIXUP), 0); });
+  EXPECT_EQ(outcome.told["error"], kNotFromInside);
 }
 
 struct OpenDescriptors {

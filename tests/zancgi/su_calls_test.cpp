@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <limits.h>
@@ -5,6 +6,7 @@
 #include <pwd.h>
 #include <security/pam_appl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <tov/err.h>
 #include <unistd.h>
 #include <zancgi/testing/child.h>
@@ -50,6 +52,7 @@ using zan_cgi::testing::Told;
 
 /// Marks the end of what a test looks at.
 const char kEnd[] = "the end";
+const char kInitgroups[] = "initgroups visitor 54321";
 const char kHomeClosed[] = "failed to chroot to users home folder";
 
 void Add(Lines& lines, const Lines& more) {
@@ -99,6 +102,8 @@ Lines OfConfinement(const Machine& machine) {
           Called("gethostbyname localhost"),
           {8, "ChRoot Init resolver"},
           Called("chroot " + machine.Home()),
+          Called("stat /"),
+          Called("statfs /"),
           Called("__nss_configure_lookup group files"),
           Called("__nss_configure_lookup initgroups files")};
 }
@@ -146,9 +151,7 @@ Lines OfNoPam() {
 /// With this for the PAM part, when it is wanted; the directory that is kept
 /// across it included.
 Lines OfSession(const Machine& machine, bool use_chroot, const Lines& pam) {
-  Lines lines;
-  if (use_chroot) Add(lines, {Called("stat /"), Called("statfs /")});
-  Add(lines, pam);
+  Lines lines = pam;
   lines.push_back(
       Called(FchdirTo(use_chroot ? machine.Start() : machine.Home())));
   return lines;
@@ -206,6 +209,14 @@ Lines OfCheckedSwitch(const Machine& machine, const std::string& dir,
   Add(lines, {Called("stat ."), Called("chdir " + dir)});
   Add(lines, OfWayUp(levels));
   return lines;
+}
+
+/// Adds what an unconfined process does besides when initgroups(3) fails.
+void AddGroupsSetByHand(Lines& calls) {
+  const auto failed =
+      std::find(calls.begin(), calls.end(), Called(kInitgroups));
+  calls.insert(std::next(failed), {Called("getgrouplist visitor 54321"),
+                                   Called("setgroups 54321 54330")});
 }
 
 Lines OfRoot(const std::string& entered) {
@@ -360,16 +371,18 @@ TEST_F(SuCalls, AreAllMadeBeforeADirectoryThatCannotBeEntered) {
 }
 
 TEST_F(SuCalls, GoOnWhenAnIdentityIsRefused) {
-  for (const char* refused :
-       {"initgroups visitor 54321", "setgid 54322", "setuid 54321"}) {
+  for (const std::string refused :
+       {kInitgroups, "setgid 54322", "setuid 54321"}) {
     for (const int error : {EPERM, EAGAIN}) {
       FailAt(refused, {error});
       for (const bool use_chroot : {false, true}) {
         const Call call = {
             .dir = "/", .use_chroot = use_chroot, .use_pam = true};
         const Switched switched = Pretend(call);
+        Lines calls = OfSwitch(machine_, call);
+        if (refused == kInitgroups && !use_chroot) AddGroupsSetByHand(calls);
         EXPECT_EQ(switched.error, "") << refused;
-        EXPECT_EQ(switched.log, OfSwitch(machine_, call)) << refused;
+        EXPECT_EQ(switched.log, calls) << refused;
       }
     }
   }
@@ -568,6 +581,24 @@ TEST_F(SuCalls, GoOnWhereTheyWereWhenAPamModuleHasMoved) {
   }
 }
 
+// After a time-out of the reader standard input is closed.
+TEST_F(SuCalls, OpenNothingInPlaceOfAClosedStandardStream) {
+  answers_.effects = {{"getpwnam visitor",
+                       [] {
+                         ::close(STDIN_FILENO);
+                         ::close(STDOUT_FILENO);
+                       }},
+                      {"pam_open_session session silent", [] {
+                         EXPECT_LT(::fcntl(STDIN_FILENO, F_GETFD), 0);
+                         EXPECT_LT(::fcntl(STDOUT_FILENO, F_GETFD), 0);
+                       }}};
+  for (const bool use_chroot : {false, true}) {
+    const Switched switched =
+        Pretend({.dir = "/", .use_chroot = use_chroot, .use_pam = true});
+    EXPECT_EQ(switched.error, "");
+  }
+}
+
 /// Asks for another account, which overwrites the answer of the first question.
 void AskForRoot() { EXPECT_NE(::getpwnam("root"), nullptr); }
 
@@ -716,10 +747,27 @@ TEST_F(SuFault, OfOneIdentityLeavesTheOthersTaken) {
     expected.users = "0\t0\t0\t0";
     EXPECT_EQ(Refused("setuid 54321", use_chroot), expected);
 
-    // Confined, the groups are set once more.
-    expected = whole;
-    if (!use_chroot) expected.supplementary = "";
-    EXPECT_EQ(Refused("initgroups visitor 54321", use_chroot), expected);
+    EXPECT_EQ(Refused(kInitgroups, use_chroot), whole);
+  }
+}
+
+TEST_F(SuFault, OfTheGroupsLeavesNoneOfRoots) {
+  const auto take_part_in_disk = [] {
+    const gid_t disk = 6;
+    EXPECT_EQ(::syscall(SYS_setgroups, 1, &disk), 0);
+  };
+  // Without a list of the account's groups, nobody is confined.
+  for (const auto& [refused, use_chroot] :
+       {std::pair("setgroups 54321 54330", false),
+        std::pair("setgroups 54321 54330", true),
+        std::pair("getgrouplist visitor 54321", false)}) {
+    Answers answers = Made();
+    answers.failures = {{kInitgroups, {ENOMEM}}, {refused, {ENOMEM}}};
+    answers.effects = {{"getpwnam visitor", take_part_in_disk}};
+    const Switched switched =
+        RecordSwitch(machine_, {.dir = "/", .use_chroot = use_chroot}, answers);
+    EXPECT_EQ(switched.error, "");
+    EXPECT_EQ(switched.identity.supplementary, "") << refused;
   }
 }
 

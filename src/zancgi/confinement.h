@@ -1,0 +1,15 @@
+/// @file
+/// Private: what a confined process must not do any more.
+#ifndef ZANCGI_CONFINEMENT_H
+#define ZANCGI_CONFINEMENT_H
+
+namespace zan_cgi {
+
+/// Returns whether the process has been confined to a root directory that is
+/// not root's own, so that somebody else decides what is found there: a PAM
+/// configuration, a socket in the back end's place.
+bool IsInsideAccountsFolder();
+
+}  // namespace zan_cgi
+
+#endif
