@@ -5,18 +5,44 @@
 #
 # Our builds use this file, and so does the package that they install: who links
 # a front end finds the base library as we did.
+#
+# A place that the user names, such as by CMAKE_PREFIX_PATH, comes before all
+# that is installed elsewhere, in whichever of these forms the library is there.
+set(only_named_places NO_CMAKE_PACKAGE_REGISTRY NO_CMAKE_SYSTEM_PACKAGE_REGISTRY
+  NO_SYSTEM_ENVIRONMENT_PATH NO_CMAKE_SYSTEM_PATH)
 if(NOT TARGET tov::tov)
-  find_package(tov CONFIG QUIET)
+  find_package(tov CONFIG QUIET ${only_named_places})
 endif()
+if(NOT TARGET tov::tov)
+  find_path(ZANCGI_TOV_NAMED_PLACE tov/str.h
+    NO_SYSTEM_ENVIRONMENT_PATH NO_CMAKE_SYSTEM_PATH)
+  mark_as_advanced(ZANCGI_TOV_NAMED_PLACE)
+  if(NOT ZANCGI_TOV_NAMED_PLACE)
+    find_package(tov CONFIG QUIET)
+  endif()
+endif()
+unset(only_named_places)
 if(NOT TARGET tov::tov)
   find_package(PkgConfig QUIET)
   if(PKG_CONFIG_FOUND)
+    set(ZANCGI_PKG_CONFIG_LIBDIR "$ENV{PKG_CONFIG_LIBDIR}")
+    if(ZANCGI_TOV_NAMED_PLACE)
+      # Else it would go on to its own folders.
+      set(ENV{PKG_CONFIG_LIBDIR} "${ZANCGI_TOV_NAMED_PLACE}")
+    endif()
     pkg_check_modules(ZANCGI_TOV_PC QUIET tov)
+    set(ENV{PKG_CONFIG_LIBDIR} "${ZANCGI_PKG_CONFIG_LIBDIR}")
+    unset(ZANCGI_PKG_CONFIG_LIBDIR)
   endif()
   find_path(ZANCGI_TOV_INCLUDE_DIR tov/str.h
     HINTS ${ZANCGI_TOV_PC_INCLUDE_DIRS})
   find_library(ZANCGI_TOV_LIBRARY tov HINTS ${ZANCGI_TOV_PC_LIBRARY_DIRS})
-  find_library(ZANCGI_TOV_ARCHIVE libtov.a HINTS ${ZANCGI_TOV_PC_LIBRARY_DIRS})
+  if(ZANCGI_TOV_LIBRARY)
+    # Of another folder it would be another library's.
+    cmake_path(GET ZANCGI_TOV_LIBRARY PARENT_PATH ZANCGI_TOV_FOLDER)
+    find_library(ZANCGI_TOV_ARCHIVE libtov.a
+      PATHS "${ZANCGI_TOV_FOLDER}" NO_DEFAULT_PATH)
+  endif()
   mark_as_advanced(
     ZANCGI_TOV_INCLUDE_DIR ZANCGI_TOV_LIBRARY ZANCGI_TOV_ARCHIVE)
 
