@@ -77,11 +77,17 @@ void Settle(std::string_view letters, const zan_cgi::testing::Scratch& scratch,
     const char letter = letters[0];
     letters.remove_prefix(1);
     switch (letter) {
+      case 'b':  // Reads that find nothing would block.
+        request.input.nothing = plain::Nothing::kWouldBlock;
+        break;
       case 'e':  // End of file instead of a hang-up.
         request.input.hangs_up = false;
         break;
       case 'f':
         request.free_space_fails = true;
+        break;
+      case 'i':  // Reads that find nothing are interrupted.
+        request.input.nothing = plain::Nothing::kSignal;
         break;
       case 'l':
         request.file_limit = TakeNumber(letters, 100'000);

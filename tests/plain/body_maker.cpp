@@ -12,7 +12,7 @@ Request BodyMaker::Make() {
   Request request;
   request.content_type = "multipart/form-data; boundary=" + boundary_;
   if (Chance(3)) request.content_type += "; charset=utf-8";
-  if (Chance(2)) request.content_type = "application/x-www-form-urlencoded";
+  if (Chance(4)) request.content_type = "application/x-www-form-urlencoded";
   request.tmp_dir = directory_;
   if (Chance(3)) {
     request.tmp_dir.clear();
@@ -21,7 +21,10 @@ Request BodyMaker::Make() {
   request.input.bytes = Chance(4) ? QueryString() : Body();
   if (Chance(20)) Damage(request.input.bytes);
   request.input.hangs_up = Chance(95);
-  CutIntoReads(request.input);
+  const bool has_boundary =
+      !boundary_.empty() &&
+      request.content_type.find("boundary=") != std::string::npos;
+  CutIntoReads(has_boundary, request.input);
   DeclareLength(request);
   DisturbStorage(request);
   return request;
@@ -148,16 +151,24 @@ void BodyMaker::Damage(std::string& body) {
   }
 }
 
-void BodyMaker::CutIntoReads(Input& input) {
+void BodyMaker::CutIntoReads(bool has_boundary, Input& input) {
   if (Chance(20)) return;
   const std::size_t most = Chance(75) ? 1 + Below(400) : 1 + Below(8);
-  const bool has_pauses = Chance(8);
+  const unsigned pause = PauseChance(has_boundary);
+  input.nothing = static_cast<Nothing>(Below(3));
   std::size_t covered = 0;
   while (covered < input.bytes.size() && input.reads.size() < 2000) {
-    if (has_pauses && Chance(4)) input.reads.push_back(0);
+    while (Chance(pause)) input.reads.push_back(0);
     input.reads.push_back(1 + Below(most));
     covered += input.reads.back();
   }
+}
+
+/// How many of a hundred reads are to find nothing. With a boundary the first
+/// such read seldom leaves anything to compare.
+unsigned BodyMaker::PauseChance(bool has_boundary) {
+  if (has_boundary) return Chance(8) ? 4 : 0;
+  return Chance(50) ? 1 + static_cast<unsigned>(Below(60)) : 0;
 }
 
 void BodyMaker::DeclareLength(Request& request) {

@@ -36,7 +36,8 @@ class BodyMaker {
   std::string Piece();
   std::string QueryString();
   void Damage(std::string& body);
-  void CutIntoReads(Input& input);
+  void CutIntoReads(bool has_boundary, Input& input);
+  unsigned PauseChance(bool has_boundary);
   void DeclareLength(Request& request);
   void DisturbStorage(Request& request);
 

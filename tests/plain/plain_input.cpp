@@ -16,7 +16,10 @@ std::int64_t StandardInput::Read(char* buffer, std::int64_t length) {
   if (next_read_ < input_.reads.size()) {
     const std::size_t given = input_.reads[next_read_++];
     // The wait brought nothing, so neither hang-up nor length come into play.
-    if (given == 0) return 0;
+    if (given == 0) {
+      LogNothing();
+      return 0;
+    }
     most = std::min(given, left);
   }
   if (left == 0 && input_.hangs_up) {
@@ -32,6 +35,13 @@ std::int64_t StandardInput::Read(char* buffer, std::int64_t length) {
   const std::size_t count = std::min(most, static_cast<std::size_t>(length));
   Copy(buffer, count);
   return static_cast<std::int64_t>(count);
+}
+
+void StandardInput::LogNothing() {
+  if (input_.nothing == Nothing::kSignal) {
+    outcome_.log.emplace_back(
+        9, "zancgi_unix.cpp:# poll interrupted, trying again");
+  }
 }
 
 void StandardInput::Copy(char* buffer, std::size_t count) {

@@ -28,6 +28,7 @@ class StandardInput {
   std::int64_t Read(char* buffer, std::int64_t length);
 
  private:
+  void LogNothing();
   void Copy(char* buffer, std::size_t count);
 
   const Input& input_;

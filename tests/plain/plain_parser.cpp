@@ -302,7 +302,10 @@ void Parser::SeekBoundary() {
       return;
     }
   }
-  position_ = std::max(position_, chunk_length_);
+  // Kept for compatibility: while a boundary is looked for, an empty chunk
+  // leaves the position beyond its end, and nothing is read again.
+  position_ =
+      boundary_announced_ ? std::max(position_, chunk_length_) : chunk_length_;
   if (!boundary_seen_) {
     raw_body_.append(chunk_, 0, static_cast<std::size_t>(chunk_length_));
     LogWithPlace("appending " + Signed32(chunk_length_) + " chars to buff");

@@ -14,6 +14,16 @@
 
 namespace plain {
 
+/// Why a read finds nothing.
+enum class Nothing {
+  /// The read itself gives 0 bytes.
+  kRead,
+  /// The read would block (EAGAIN).
+  kWouldBlock,
+  /// A signal interrupts the wait (EINTR).
+  kSignal,
+};
+
 /// What standard input gives.
 struct Input {
   std::string bytes;
@@ -21,6 +31,8 @@ struct Input {
   /// than are asked for and left; 0 is a read that finds nothing. After these,
   /// reads give as much as is asked for and left.
   std::vector<std::size_t> reads;
+  /// The reason for each 0 among the reads.
+  Nothing nothing = Nothing::kRead;
   /// What a read gives when no bytes are left: -1 after a hang-up, otherwise 0,
   /// for ever.
   bool hangs_up = true;
@@ -69,7 +81,7 @@ struct Outcome {
   /// Calls of Sleep(100).
   unsigned sleeps = 0;
   /// Level and text of each log line, in order, all levels being enabled. The
-  /// place of a statement is "zancgi.cpp:#", a temporary file's name is "FILE".
+  /// line in "zancgi.cpp:1" is "#", a temporary file's name is "FILE".
   std::vector<std::pair<int, std::string>> log;
 };
 

@@ -13,12 +13,14 @@
 namespace {
 
 using plain::File;
+using plain::Nothing;
 using plain::Outcome;
 using plain::Parse;
 using plain::Request;
 using Files = std::map<std::string, File>;
 using Log = std::vector<std::pair<int, std::string>>;
 using Params = std::map<std::string, std::string>;
+using Strings = std::vector<std::string>;
 
 constexpr const char* kEnd = "--X--\r\n";
 constexpr const char* kUploadFailed = "error writing temporary file";
@@ -751,6 +753,19 @@ TEST(PlainPosition, BeyondTheChunkOfTheBoundarySpins) {
 
 // Reads of nothing.
 
+/// The lengths of the chunks that became part of a body without a boundary.
+Strings Appended(const Outcome& outcome) {
+  const std::string begin = "zancgi.cpp:# appending ";
+  const std::string end = " chars to buff";
+  Strings lengths;
+  for (const auto& [level, line] : outcome.log) {
+    if (!line.starts_with(begin) || !line.ends_with(end)) continue;
+    const std::size_t size = line.size() - begin.size() - end.size();
+    lengths.push_back(line.substr(begin.size(), size));
+  }
+  return lengths;
+}
+
 TEST(PlainReadOfNothing, BeforeAllOthersIsRepeated) {
   const Outcome outcome = Parse(Multipart(Field("a", "v") + kEnd, {0, 0, 0}));
   EXPECT_EQ(outcome.params, (Params{{"a", "v"}}));
@@ -762,6 +777,63 @@ TEST(PlainReadOfNothing, InTheSearchForTheBoundarySpins) {
   EXPECT_TRUE(outcome.spins);
   EXPECT_FALSE(outcome.parsed);
   EXPECT_EQ(outcome.sleeps, 1U);
+}
+
+TEST(PlainReadOfNothing, WithoutABoundaryDelaysTheBodyOnly) {
+  Request request = QueryString("a=1&b=2");
+  request.input.reads = {3, 0, 4};
+  const Outcome outcome = Parse(request);
+  EXPECT_FALSE(outcome.spins);
+  EXPECT_EQ(outcome.error, "");
+  EXPECT_TRUE(outcome.parsed);
+  EXPECT_EQ(outcome.params, (Params{{"a", "1"}, {"b", "2"}}));
+  EXPECT_EQ(outcome.bytes_read, 7U);
+  EXPECT_EQ(outcome.sleeps, 1U);
+  EXPECT_EQ(Appended(outcome), (Strings{"3", "0", "4"}));
+}
+
+TEST(PlainReadOfNothing, WithoutABoundaryMayComeAnyNumberOfTimes) {
+  Request request = QueryString("a=1&b=2");
+  request.input.reads = {0, 0, 1, 0, 0, 0, 5, 0, 1};
+  const Outcome outcome = Parse(request);
+  EXPECT_EQ(outcome.params, (Params{{"a", "1"}, {"b", "2"}}));
+  EXPECT_EQ(outcome.sleeps, 6U);
+  // An empty chunk at position 0 has been consumed already.
+  EXPECT_EQ(Appended(outcome), (Strings{"1", "0", "5", "0", "1"}));
+}
+
+TEST(PlainReadOfNothing, WithoutABoundaryBeforeAHangUpFails) {
+  Request request = QueryString("a=1");
+  request.content_length = "4";
+  request.input.reads = {3, 0};
+  const Outcome outcome = Parse(request);
+  EXPECT_EQ(outcome.error, kReadFailed);
+  EXPECT_EQ(outcome.sleeps, 1U);
+  EXPECT_EQ(Appended(outcome), (Strings{"3", "0"}));
+}
+
+TEST(PlainReadOfNothing, AtTheEndOfAFileWithoutABoundaryIsRepeatedForEver) {
+  Request request = QueryString("a=1");
+  request.content_length = "4";
+  request.input.hangs_up = false;
+  const Outcome outcome = Parse(request);
+  EXPECT_TRUE(outcome.spins);
+  EXPECT_EQ(Appended(outcome), (Strings{"3", "0"}));
+}
+
+TEST(PlainReadOfNothing, IsLoggedWhenASignalIsTheReason) {
+  for (const auto& [nothing, lines] :
+       {std::pair(Nothing::kRead, 0), std::pair(Nothing::kWouldBlock, 0),
+        std::pair(Nothing::kSignal, 2)}) {
+    Request request = QueryString("a=1");
+    request.input.reads = {0, 1, 0, 2};
+    request.input.nothing = nothing;
+    const Outcome outcome = Parse(request);
+    EXPECT_EQ(outcome.params, (Params{{"a", "1"}}));
+    EXPECT_EQ(
+        Logged(outcome, 9, "zancgi_unix.cpp:# poll interrupted, trying again"),
+        lines);
+  }
 }
 
 TEST(PlainReadOfNothing, CompletesALineOfAFieldAndSpins) {

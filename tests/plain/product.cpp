@@ -29,6 +29,12 @@
 namespace plain {
 namespace {
 
+/// More log lines than any request has whose parse ends.
+constexpr std::size_t kTooManyLines = 20'000;
+
+/// Thrown at so many lines, before they fill the memory.
+struct TooManyLines {};
+
 /// What the running parse has left to read, and what it has caused.
 struct Script {
   const Request* request = nullptr;
@@ -51,6 +57,13 @@ bool NextReadIsEmpty() {
   return script.next_read < reads.size() && reads[script.next_read] == 0;
 }
 
+bool TakeSignal() {
+  const bool is_interrupted =
+      NextReadIsEmpty() && script.request->input.nothing == Nothing::kSignal;
+  if (is_interrupted) ++script.next_read;
+  return is_interrupted;
+}
+
 short PendingEvents() {
   const bool hung_up =
       BytesLeft() == 0 && !NextReadIsEmpty() && script.request->input.hangs_up;
@@ -64,7 +77,11 @@ std::size_t TakeReadSize() {
 
 ssize_t ReadScripted(char* buffer, std::size_t size) {
   const std::size_t most = TakeReadSize();
-  if (most == 0) return 0;
+  if (most == 0) {
+    if (script.request->input.nothing == Nothing::kRead) return 0;
+    errno = EAGAIN;
+    return -1;
+  }
   // As the kernel does for a length that is no length.
   if (static_cast<ssize_t>(size) < 0) {
     errno = EFAULT;
@@ -82,10 +99,9 @@ ssize_t ReadScripted(char* buffer, std::size_t size) {
 
 /// Log lines without what differs from run to run.
 std::string Normalized(const std::string& text) {
-  constexpr char kPlace[] = "zancgi.cpp:";
   constexpr char kNewFile[] = "ParseInput Creating new file ";
-  if (text.starts_with(kPlace)) {
-    return std::string(kPlace).append("#").append(text, text.find(' '));
+  for (const std::string unit : {"zancgi.cpp:", "zancgi_unix.cpp:"}) {
+    if (text.starts_with(unit)) return unit + "#" + text.substr(text.find(' '));
   }
   return text.starts_with(kNewFile) ? std::string(kNewFile) + "FILE" : text;
 }
@@ -103,6 +119,8 @@ void Parse(zan_cgi::Cgi::Data& record, const Request& request,
     record.ParseInput();
   } catch (const std::runtime_error& error) {
     outcome.error = error.what();
+  } catch (const TooManyLines&) {
+    outcome.spins = true;
   }
   script = {};
   if (request.file_limit != UINT64_MAX) LimitFileSize(RLIM_INFINITY);
@@ -136,12 +154,12 @@ bool ProductSpins(const Request& request) {
     const itimerval twenty_milliseconds{{0, 0}, {0, 20'000}};
     ::signal(SIGPROF, SIG_DFL);
     ::setitimer(ITIMER_PROF, &twenty_milliseconds, nullptr);
-    RunProduct(request);
-    ::_exit(0);
+    ::_exit(RunProduct(request).spins ? EXIT_SUCCESS : EXIT_FAILURE);
   }
   int status = 0;
   ::waitpid(process, &status, 0);
-  return WIFSIGNALED(status) && WTERMSIG(status) == SIGPROF;
+  return WIFEXITED(status) ? WEXITSTATUS(status) == EXIT_SUCCESS
+                           : WTERMSIG(status) == SIGPROF;
 }
 
 namespace {
@@ -191,6 +209,18 @@ std::string Text(const std::vector<std::pair<int, std::string>>& log) {
   return text;
 }
 
+std::string Text(Nothing nothing) {
+  switch (nothing) {
+    case Nothing::kRead:
+      return "an empty read";
+    case Nothing::kWouldBlock:
+      return "EAGAIN";
+    case Nothing::kSignal:
+      return "a signal";
+  }
+  return "";
+}
+
 std::string Text(bool value) { return value ? "true" : "false"; }
 std::string Text(std::size_t value) { return std::to_string(value); }
 std::string Text(unsigned value) { return std::to_string(value); }
@@ -207,6 +237,7 @@ void Compare(std::string& account, const char* what, const Value& plain,
 
 std::string Difference(const Outcome& plain, const Outcome& product) {
   std::string account;
+  if (product.spins) return "the library's parser does not come to an end\n";
   Compare(account, "error", plain.error, product.error);
   Compare(account, "params", plain.params, product.params);
   Compare(account, "files", plain.files, product.files);
@@ -228,6 +259,7 @@ std::string Describe(const Request& request) {
        << (request.files_open ? "" : ", files do not open") << ", file_limit "
        << request.file_limit
        << (request.input.hangs_up ? ", hangs up" : ", end of file")
+       << ", nothing because of " << Text(request.input.nothing)
        << "\n  reads {";
   for (const std::size_t size : request.input.reads) text << size << ", ";
   text << "}\n  bytes " << Quoted(request.input.bytes);
@@ -243,6 +275,10 @@ extern "C" int ScriptedPoll(pollfd* fds, nfds_t nfds,
 
 extern "C" int ScriptedPoll(pollfd* fds, nfds_t nfds, int timeout) {
   if (nfds == 1 && plain::IsScripted(fds->fd)) {
+    if (plain::TakeSignal()) {
+      errno = EINTR;
+      return -1;
+    }
     fds->revents = plain::PendingEvents();
     return 1;
   }
@@ -288,5 +324,7 @@ void tov_log::Module::Write(Level level, const char* format, ...) {
   if (::vasprintf(&text, format, arguments) < 0) std::abort();
   va_end(arguments);
   const std::unique_ptr<char, void (*)(void*)> owner(text, std::free);
-  plain::script.outcome->log.emplace_back(level, plain::Normalized(text));
+  auto& log = plain::script.outcome->log;
+  if (log.size() == plain::kTooManyLines) throw plain::TooManyLines();
+  log.emplace_back(level, plain::Normalized(text));
 }

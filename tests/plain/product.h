@@ -12,11 +12,12 @@
 
 namespace plain {
 
-/// Runs Data::ParseInput() to its end. Never call it for what goes on for ever.
+/// Runs Data::ParseInput() to its end. It may spin only where each pass writes
+/// a log line, since only that is noticed.
 Outcome RunProduct(const Request& request);
 
-/// Says whether the parser is still busy after 20 ms of processor time, in a
-/// process of its own.
+/// Returns whether the parser writes log lines without end or is still busy
+/// after 20 ms of processor time, in a process of its own.
 bool ProductSpins(const Request& request);
 
 /// A readable account of what differs; empty when nothing does.
