@@ -1,13 +1,11 @@
-// Bodies, names and files that are made to do harm. What they may cost is in
-// proportion to their size, and what is kept for compatibility stays what it
-// is.
+// Bodies, names and files that are made to do harm. What is kept for
+// compatibility stays what it is.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <sys/time.h>
-#include <time.h>
 #include <unistd.h>
 #include <zancgi/testing/child.h>
 #include <zancgi/testing/input.h>
@@ -27,6 +25,7 @@
 
 #include "support/form.h"
 #include "support/piece_input.h"
+#include "support/slow_content.h"
 #include "support/system_calls.h"
 
 namespace {
@@ -127,65 +126,13 @@ void ExpectParams(const std::string& body, const Params& params) {
       body, [&](const Cgi::Data& record) { EXPECT_EQ(record.params, params); });
 }
 
-double ProcessorSeconds() {
-  timespec used{};
-  ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
-  return static_cast<double>(used.tv_sec) +
-         static_cast<double>(used.tv_nsec) * 1e-9;
-}
-
-/// Processor time of some work, the least of three times.
-double SecondsOf(const std::function<void()>& work) {
-  double least = 1e9;
-  for (int i = 0; i < 3; ++i) {
-    const double before = ProcessorSeconds();
-    work();
-    least = std::min(least, ProcessorSeconds() - before);
-  }
-  return least;
-}
-
-/// Four times the size takes about four times as long. What grows with the
-/// square of the size would take sixteen times as long.
-void ExpectLinear(const std::function<void(std::size_t size)>& work,
-                  std::size_t size) {
-  const double one = SecondsOf([&] { work(size); });
-  const double four = SecondsOf([&] { work(4 * size); });
-  EXPECT_LT(four, 10 * one + 0.05) << one << " s for a quarter of it";
-}
-
-/// Makes a body of about this size.
-using BodyMaker = std::function<std::string(std::size_t size)>;
-
-void ExpectLinearParse(const BodyMaker& make, std::size_t size,
-                       const std::string& content_type = kForm) {
-  const Scratch scratch(FastFolder());
-  const std::string small = make(size);
-  const std::string large = make(4 * size);
-  RunCleanly(Child().LogLevel(0).Env("CONTENT_TYPE", content_type),
-             [&](const Told&) {
-               ExpectLinear(
-                   [&](std::size_t wanted) {
-                     GiveFromMemory(wanted == size ? small : large);
-                     Cgi::Data record;
-                     record.tmp_dir = scratch.Path();
-                     record.ParseInput();
-                   },
-                   size);
-             });
-}
-
-std::string ManyUploads(std::size_t count, bool of_one_name = false) {
+std::string ManyUploads(std::size_t count) {
   std::string body;
   for (std::size_t i = 0; i < count; ++i) {
     const std::string number = std::to_string(i);
-    body += Upload("u" + number, of_one_name ? "f" : "f" + number, number);
+    body += Upload("u" + number, "f" + number, number);
   }
   return body + kFormEnd;
-}
-
-TEST(ManyUploads, TakeTimeInProportionToTheirNumber) {
-  ExpectLinearParse([](std::size_t size) { return ManyUploads(size); }, 1'000);
 }
 
 TEST(ManyUploads, AreAsManyFilesAndAreAllRemoved) {
@@ -321,47 +268,6 @@ TEST(HeaderLines, NeedNotEnd) {
   ExpectParams("--XY\r\n" + std::string(4'000'000, 'x'), {});
 }
 
-TEST(HeaderLines, TakeTimeInProportionToTheirLength) {
-  ExpectLinearParse(
-      [](std::size_t size) {
-        return FormWithHeaders("X: " + std::string(size, 'x') + "\r\n");
-      },
-      2'000'000);
-}
-
-TEST(HeaderLines, TakeTimeInProportionToTheirNumber) {
-  ExpectLinearParse(
-      [](std::size_t size) {
-        return FormWithHeaders(Repeated("X:\r\n", size));
-      },
-      1'000'000);
-}
-
-TEST(Attributes, TakeTimeInProportionToTheirNumber) {
-  for (const std::string attribute :
-       {"; x", "; name=\"a\"", "; filename=\"f\"", "; name="}) {
-    ExpectLinearParse(
-        [&](std::size_t size) {
-          return "--XY\r\nContent-Disposition: form-data" +
-                 Repeated(attribute,
-                          size / attribute.size() * attribute.size()) +
-                 "\r\n\r\n" + kFormEnd;
-        },
-        120'000);
-  }
-}
-
-TEST(Attributes, TakeTimeInProportionToTheirLength) {
-  for (const std::string text : {"=", "\"", "=\"", " ", "a"}) {
-    ExpectLinearParse(
-        [&](std::size_t size) {
-          return Part("name=\"a\"; filename" + Repeated(text, size), "1") +
-                 kFormEnd;
-        },
-        1'000'000);
-  }
-}
-
 Strings LinesWith(const Outcome& outcome, const std::string& part) {
   Strings found;
   for (const std::string& line : outcome.Logged(9)) {
@@ -390,31 +296,6 @@ TEST(Preamble, BeforeABoundaryIsLoggedByChunkAndDropped) {
   });
   EXPECT_EQ(LinesWith(outcome, "appending"),
             Strings(2, "appending 65536 chars to buff"));
-}
-
-TEST(Preamble, TakesTimeInProportionToItsLength) {
-  for (const std::string text : {"-", "--X", "--X\r\n", "\r\n", "x"}) {
-    ExpectLinearParse(
-        [&](std::size_t size) {
-          return Repeated(text, size) + "\r\n" + Field("a", "1") + kFormEnd;
-        },
-        1'000'000);
-  }
-}
-
-TEST(Epilogue, TakesTimeInProportionToItsLength) {
-  for (const std::string text : {"-", "--X\r\n", "\r\n", "x"}) {
-    ExpectLinearParse(
-        [&](std::size_t size) {
-          return Field("a", "1") + kFormEnd + "x" + Repeated(text, size);
-        },
-        1'000'000);
-    ExpectLinearParse(
-        [&](std::size_t size) {
-          return Upload("u", "f", "1") + kFormEnd + Repeated(text, size);
-        },
-        1'000'000);
-  }
 }
 
 TEST(Epilogue, WithAnEmptyLineContinuesTheLastField) {
@@ -455,71 +336,9 @@ TEST(FieldLines, AboveThatAreRefusedHoweverManyCameBefore) {
   });
 }
 
-TEST(FieldLines, TakeTimeInProportionToTheirNumber) {
-  for (const std::string line : {"\r\n", "1234567\r\n", "--X\r\n"}) {
-    ExpectLinearParse(
-        [&](std::size_t size) {
-          return Field("a", Repeated(line, size)) + kFormEnd;
-        },
-        500'000);
-  }
-}
-
-/// Parses a field of this size, of which each read gives one byte.
-void ParseFieldByteByByte(std::size_t size) {
-  const std::string form = Field("a", std::string(size, 'x')) + kFormEnd;
-  const std::size_t begin = form.find("xxx");
-  ::setenv("CONTENT_LENGTH", std::to_string(form.size()).c_str(), 1);
-  std::size_t at = 0;
-  Replace({.poll =
-               [](pollfd* entries, nfds_t, int) {
-                 entries->revents = POLLIN;
-                 return 1;
-               },
-           .read =
-               [&](void* buffer, std::size_t) {
-                 const std::size_t end = at == 0             ? begin
-                                         : at < begin + size ? at + 1
-                                                             : form.size();
-                 const std::size_t count = end - at;
-                 std::memcpy(buffer, form.data() + at, count);
-                 at = end;
-                 return static_cast<ssize_t>(count);
-               }});
-  Cgi::Data record;
-  record.tmp_dir = "/tmp";
-  record.ParseInput();
-  EXPECT_EQ(record.params.at("a").size(), size);
-}
-
-TEST(FieldLines, TakeTimeInProportionToTheirLengthByteByByteToo) {
-  RunCleanly(Child().LogLevel(0).Env("CONTENT_TYPE", kForm),
-             [](const Told&) { ExpectLinear(ParseFieldByteByByte, 50'000); });
-}
-
-TEST(RepeatedField, TakesTimeInProportionToItsNumber) {
-  ExpectLinearParse(
-      [](std::size_t size) {
-        return Repeated(Field("a", "1"), size * Field("a", "1").size()) +
-               kFormEnd;
-      },
-      10'000);
-}
-
-/// An upload whose content begins exactly with the second chunk, so that
-/// nothing of it is taken from the wrong place.
-std::string UploadBehindAChunk(const std::string& boundary,
-                               const std::string& content) {
-  const std::string begin = "--" + boundary + "\r\nX: ";
-  const std::string end =
-      "\r\nContent-Disposition: form-data; name=\"u\"; filename=\"f\"\r\n\r\n";
-  return begin + std::string(kChunk - begin.size() - end.size(), 'x') + end +
-         content + "\r\n--" + boundary + "--\r\n";
-}
-
 void ExpectExactUpload(const std::string& boundary,
                        const std::string& content) {
-  const std::string body = UploadBehindAChunk(boundary, content);
+  const std::string body = support::UploadBehindAChunk(boundary, content);
   const Scratch scratch;
   RunCleanly(Child().LogLevel(0).Env("CONTENT_TYPE", "boundary=" + boundary),
              [&](const Told&) {
@@ -533,29 +352,9 @@ void ExpectExactUpload(const std::string& boundary,
              });
 }
 
-/// Contents that make searches for "\r\n--" and a boundary slow.
-Strings SlowContents(const std::string& boundary) {
-  const std::string separator = "\r\n--" + boundary;
-  return {"\r",
-          "\n",
-          "\r\n",
-          "\r\n--",
-          "-",
-          "--\r\n",
-          separator.substr(0, separator.size() - 1),
-          separator.substr(1),
-          "\r" + separator.substr(0, separator.size() - 1),
-          boundary,
-          std::string(1, '\0')};
-}
-
-/// Boundaries that make them slower still.
-const Strings kSlowBoundaries{"XY", "-", std::string(70, '-'),
-                              std::string(69, 'a') + "b", Repeated("ab", 70)};
-
 TEST(SlowContent, IsStoredByteForByte) {
-  for (const std::string& boundary : kSlowBoundaries) {
-    for (const std::string& text : SlowContents(boundary)) {
+  for (const auto& [name, boundary] : support::SlowBoundaries()) {
+    for (const std::string& text : support::SlowContents(boundary)) {
       SCOPED_TRACE(testing::Message() << testing::PrintToString(text)
                                       << ", boundary " << boundary);
       const std::string content = Repeated(text, 140'000);
@@ -570,28 +369,9 @@ TEST(SlowContent, IsStoredByteForByte) {
   }
 }
 
-TEST(SlowContent, TakesTimeInProportionToItsLength) {
-  for (const std::string& boundary : kSlowBoundaries) {
-    for (const std::string& text : SlowContents(boundary)) {
-      SCOPED_TRACE(testing::Message() << testing::PrintToString(text)
-                                      << ", boundary " << boundary);
-      ExpectLinearParse(
-          [&](std::size_t size) {
-            return UploadBehindAChunk(boundary, Repeated(text, size));
-          },
-          200'000, "boundary=" + boundary);
-    }
-  }
-}
-
-TEST(Upload, BeginningWithALineEndIsExactAndLinear) {
+TEST(Upload, BeginningWithALineEndIsExact) {
   for (const std::string begin : {"\r", "\n", "\r\n"}) {
     ExpectExactUpload("XY", begin + std::string(2'000'000, 'x'));
-    ExpectLinearParse(
-        [&](std::size_t size) {
-          return UploadBehindAChunk("XY", begin + std::string(size, 'x'));
-        },
-        2'000'000);
   }
 }
 
@@ -910,20 +690,6 @@ TEST_P(ReadOfNothing, DoesNotEndABodyWithoutABoundary) {
     }
   }
   EXPECT_EQ(lines, expected);
-}
-
-TEST(QueryStringBody, TakesTimeInProportionToItsLength) {
-  const BodyMaker makers[] = {
-      [](std::size_t size) { return Repeated("a=&", size); },
-      [](std::size_t size) { return Repeated("&", size); },
-      [](std::size_t size) { return Repeated("=", size); },
-      [](std::size_t size) { return "a=" + Repeated("%41", size); },
-      [](std::size_t size) { return "a=" + Repeated("%", size); },
-      [](std::size_t size) { return Repeated("k", size) + "=1"; },
-  };
-  for (const BodyMaker& make : makers) {
-    ExpectLinearParse(make, 500'000, "text/plain");
-  }
 }
 
 TEST(QueryStringBody, MayHaveAHundredThousandParameters) {
