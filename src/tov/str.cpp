@@ -11,8 +11,11 @@
 namespace str {
 namespace {
 
+/// Not vertical tabs and form feeds: browsers take them for part of a cookie's
+/// name, so a page of another host could set one whose name is ours when
+/// trimmed.
 bool IsWhiteSpace(char byte) {
-  return byte == ' ' || (byte >= '\t' && byte <= '\r');
+  return byte == ' ' || byte == '\t' || byte == '\r' || byte == '\n';
 }
 
 std::string_view TrimView(std::string_view text) {

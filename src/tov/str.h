@@ -35,8 +35,7 @@ TOV_API std::string GetWord(std::string& text, const std::string& delimiter);
 /// left empty.
 TOV_API std::string RGetWord(std::string& text, char delimiter);
 
-/// Returns @p text without leading and trailing blanks, tabs, CR, LF, vertical
-/// tabs and form feeds.
+/// Returns @p text without leading and trailing blanks, tabs, CR and LF.
 TOV_API std::string Trim(const std::string& text);
 
 /// Joins two pieces of a list: @p text, @p separator, @p part.
@@ -47,7 +46,8 @@ TOV_API std::string Append(const std::string& text, const std::string& part,
 
 /// Reads a decimal integer.
 ///
-/// White space around the number and one sign in front of it are allowed.
+/// Blanks, tabs, CR and LF around the number and one sign in front of it are
+/// allowed.
 /// Anything else, an empty text included, gives 0. A number out of range gives
 /// the nearest one in range, so that a huge length never passes as a small one.
 TOV_API int Int(const std::string& text);

@@ -9,6 +9,7 @@
 #include <limits>
 #include <locale>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -137,7 +138,7 @@ TEST(RGetWord, DoesNotTrim) {
 }
 
 TEST(Trim, RemovesAllKindsOfBlanksAtBothEnds) {
-  EXPECT_EQ(str::Trim(" \t\r\n\v\fa \t\r\n\v\f"), "a");
+  EXPECT_EQ(str::Trim(" \t\r\na \t\r\n"), "a");
 }
 
 TEST(Trim, KeepsBlanksInTheMiddle) {
@@ -145,13 +146,16 @@ TEST(Trim, KeepsBlanksInTheMiddle) {
 }
 
 TEST(Trim, LeavesNothingOfBlanks) {
-  EXPECT_EQ(str::Trim(" \t\r\n\v\f"), "");
+  EXPECT_EQ(str::Trim(" \t\r\n"), "");
   EXPECT_EQ(str::Trim(""), "");
 }
 
 TEST(Trim, RemovesNoOtherByte) {
   for (int byte = 0; byte < 256; ++byte) {
-    if (byte == ' ' || (byte >= '\t' && byte <= '\r')) continue;
+    if (std::string_view(" \t\r\n").find(static_cast<char>(byte)) !=
+        std::string_view::npos) {
+      continue;
+    }
     const std::string text = {static_cast<char>(byte), 'a',
                               static_cast<char>(byte)};
     EXPECT_EQ(str::Trim(text), text) << "byte " << byte;
@@ -214,7 +218,7 @@ TYPED_TEST(Integer, MayHaveOneSign) {
 TYPED_TEST(Integer, MayHaveWhiteSpaceAround) {
   EXPECT_EQ(this->Read(" 5"), 5);
   EXPECT_EQ(this->Read("5 "), 5);
-  EXPECT_EQ(this->Read(" \t\r\n\v\f-5 \t\r\n\v\f"), -5);
+  EXPECT_EQ(this->Read(" \t\r\n-5 \t\r\n"), -5);
 }
 
 TYPED_TEST(Integer, IsZeroForAnythingElse) {
@@ -237,6 +241,8 @@ TYPED_TEST(Integer, IsZeroForAnythingElse) {
                            "abc",
                            "\xa0"
                            "5",
+                           "\v5",
+                           "5\f",
                            "99999999999999999999x",
                            "-99999999999999999999-"}) {
     EXPECT_EQ(this->Read(text), 0) << '[' << text << ']';

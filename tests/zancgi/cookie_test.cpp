@@ -52,6 +52,16 @@ TEST(Cookies, AreTrimmedAsAWhole) {
   EXPECT_EQ(Parse("\t a = 1 \t;b=2"), (Cookies{{"a ", " 1"}, {"b", "2"}}));
 }
 
+// A browser protects the cookie of that very name from other hosts, but not one
+// whose name begins with another byte.
+TEST(Cookies, WithAVerticalTabOrAFormFeedInFrontHaveAnotherName) {
+  for (const std::string byte : {"\v", "\f"}) {
+    const std::string name = byte + "__Host-panelses5";
+    EXPECT_EQ(Parse(name + "=1; " + name + "x=2"),
+              (Cookies{{name, "1"}, {name + "x", "2"}}));
+  }
+}
+
 TEST(Cookies, KeepTheEmptyName) {
   EXPECT_EQ(Parse("=x"), (Cookies{{"", "x"}}));
   EXPECT_EQ(Parse("; ;"), (Cookies{{"", ""}}));
