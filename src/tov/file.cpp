@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
+#include <utility>
 
 #include "descriptor.h"
 
@@ -106,8 +107,8 @@ void WriteWhole(int target, const char* bytes, std::size_t size,
   }
 }
 
-/// Copies no more than this many bytes: the owner of the source could have it
-/// grow as fast as it is read.
+/// Copies exactly this many bytes. Not to the end of the file: its owner could
+/// have it grow as fast as it is read, or shorten it.
 void CopyBytes(int source, const std::string& from, int target,
                const std::string& to, std::uintmax_t size) {
   constexpr std::uintmax_t kPiece = 65536;
@@ -117,28 +118,12 @@ void CopyBytes(int source, const std::string& from, int target,
     const ssize_t count =
         RetryInterrupted([&] { return ::read(source, piece.get(), wanted); });
     if (count < 0) ThrowFor("cannot read", from, errno);
-    if (count == 0) return;
+    if (count == 0) {
+      throw tov_err::Error("'" + from + "' became shorter while it was moved");
+    }
     WriteWhole(target, piece.get(), static_cast<std::size_t>(count), to);
     size -= static_cast<std::uintmax_t>(count);
   }
-}
-
-void CopyWithAttributes(int source, const std::string& from, int target,
-                        const std::string& to) {
-  const struct stat status = StatusOf(source, from);
-  CopyBytes(source, from, target, to,
-            static_cast<std::uintmax_t>(status.st_size));
-  if (::fchown(target, status.st_uid, status.st_gid) != 0) {
-    ThrowFor("cannot set the owner of", to, errno);
-  }
-  // Somebody may have put a hard link to a set-id program of another owner in
-  // the source's place. A copy would outlive the removal of that program.
-  constexpr mode_t kSetId = S_ISUID | S_ISGID;
-  if (::fchmod(target, status.st_mode & kPermissionBits & ~kSetId) != 0) {
-    ThrowFor("cannot set the permissions of", to, errno);
-  }
-  // A full disk may show only here; the source must still be there then.
-  if (::fsync(target) != 0) ThrowFor("cannot write", to, errno);
 }
 
 [[noreturn]] void ThrowForMove(const std::string& from, const std::string& to,
@@ -146,20 +131,88 @@ void CopyWithAttributes(int source, const std::string& from, int target,
   ThrowSystemError("cannot move '" + from + "' to '" + to + "'", error);
 }
 
-/// A file beside the final place that vanishes unless it is moved there.
-class Draft {
+/// A file that is to be moved, opened.
+struct Source {
+  std::string path;
+  Descriptor file;
+  struct stat status;
+};
+
+Source OpenSource(const std::string& path, const struct stat& expected) {
+  Descriptor file = OpenOwnFile(path);
+  if (!file) ThrowFor("cannot open", path, errno);
+  const struct stat opened = StatusOf(file.Get(), path);
+  // The owner of the file may have put another one in its place.
+  if (!SameFile(opened, expected) || !S_ISREG(opened.st_mode)) {
+    throw tov_err::Error("'" + path + "' was replaced while it was moved");
+  }
+  return {path, std::move(file), opened};
+}
+
+void CopyWithAttributes(const Source& source, int target,
+                        const std::string& to) {
+  CopyBytes(source.file.Get(), source.path, target, to,
+            static_cast<std::uintmax_t>(source.status.st_size));
+  if (::fchown(target, source.status.st_uid, source.status.st_gid) != 0) {
+    ThrowFor("cannot set the owner of", to, errno);
+  }
+  // Somebody may have put a hard link to a set-id program of another owner in
+  // the source's place. A copy would outlive the removal of that program.
+  constexpr mode_t kSetId = S_ISUID | S_ISGID;
+  if (::fchmod(target, source.status.st_mode & kPermissionBits & ~kSetId) !=
+      0) {
+    ThrowFor("cannot set the permissions of", to, errno);
+  }
+  // A full disk may show only here; the source must still be there then.
+  if (::fsync(target) != 0) ThrowFor("cannot write", to, errno);
+}
+
+/// Makes a file without a name, which is gone when the process is killed. Not
+/// every file system has such files.
+Descriptor MakeUnnamed(const std::string& folder) {
+  const std::string path = folder.empty() ? "." : folder;
+  return AboveStandard(RetryInterrupted([&] {
+    return ::open(path.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
+  }));
+}
+
+/// Gives such a file a name, unless there is a file of that name. Returns 0 or
+/// the error.
+int LinkUnnamed(int file, const std::string& to) {
+  // By the descriptor alone: that needs no /proc, but a capability.
+  if (::linkat(file, "", AT_FDCWD, to.c_str(), AT_EMPTY_PATH) == 0) return 0;
+  const std::string path = "/proc/self/fd/" + std::to_string(file);
+  return ::linkat(AT_FDCWD, path.c_str(), AT_FDCWD, to.c_str(),
+                  AT_SYMLINK_FOLLOW) == 0
+             ? 0
+             : errno;
+}
+
+/// Copies by way of a file without a name. Returns whether that can be done.
+bool CopyUnnamed(const Source& source, const std::string& to) {
+  const Descriptor draft = MakeUnnamed(SplitPath(to).first);
+  if (!draft) return false;
+  CopyWithAttributes(source, draft.Get(), to);
+  const int error = LinkUnnamed(draft.Get(), to);
+  if (error == EEXIST) ThrowForMove(source.path, to, error);
+  return error == 0;
+}
+
+/// A file beside its final place that vanishes unless it is moved there, but
+/// stays when the process is killed.
+class NamedDraft {
  public:
-  explicit Draft(const std::string& beside)
+  explicit NamedDraft(const std::string& beside)
       : path_(ConcatPath(SplitPath(beside).first,
                          std::string(".tov-") + kRandomPart)),
         file_(MakeUnique(path_)) {
     if (!file_) ThrowFor("cannot make a file beside", beside, errno);
   }
-  ~Draft() {
+  ~NamedDraft() {
     if (!published_) ::unlink(path_.c_str());
   }
-  Draft(const Draft&) = delete;
-  Draft& operator=(const Draft&) = delete;
+  NamedDraft(const NamedDraft&) = delete;
+  NamedDraft& operator=(const NamedDraft&) = delete;
 
   int Get() const { return file_.Get(); }
 
@@ -177,6 +230,13 @@ class Draft {
   bool published_ = false;
 };
 
+void CopyNamed(const Source& source, const std::string& to) {
+  NamedDraft draft(to);
+  CopyWithAttributes(source, draft.Get(), to);
+  const int error = draft.PublishAs(to);
+  if (error != 0) ThrowForMove(source.path, to, error);
+}
+
 /// Removes the source of a copy, unless another file has taken its place.
 void RemoveSource(const std::string& from, const struct stat& copied) {
   struct stat now {};
@@ -184,26 +244,18 @@ void RemoveSource(const std::string& from, const struct stat& copied) {
     if (MeansMissing(errno)) return;
     ThrowFor("cannot remove", from, errno);
   }
-  if (SameFile(now, copied) && ::unlink(from.c_str()) != 0) {
-    ThrowFor("cannot remove", from, errno);
-  }
+  if (SameFile(now, copied)) RemoveFile(from);
 }
 
 void CopyAcross(const std::string& from, const std::string& to,
                 const struct stat& expected) {
-  const Descriptor source = OpenOwnFile(from);
-  if (!source) ThrowFor("cannot open", from, errno);
-  const struct stat opened = StatusOf(source.Get(), from);
-  // The owner of the file may have put another one in its place.
-  if (!SameFile(opened, expected) || !S_ISREG(opened.st_mode)) {
-    throw tov_err::Error("'" + from + "' was replaced while it was moved");
+  // If the first cannot be done, for whatever reason, the second is tried and
+  // reports what is wrong.
+  if (!CopyUnnamed(OpenSource(from, expected), to)) {
+    CopyNamed(OpenSource(from, expected), to);
   }
-  Draft draft(to);
-  CopyWithAttributes(source.Get(), from, draft.Get(), to);
-  const int error = draft.PublishAs(to);
-  if (error != 0) ThrowForMove(from, to, error);
   try {
-    RemoveSource(from, opened);
+    RemoveSource(from, expected);
   } catch (...) {
     ::unlink(to.c_str());
     throw;

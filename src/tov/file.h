@@ -101,6 +101,11 @@ TOV_API void MkDir(const std::string& path, const Attrs* attrs);
 /// set-user-id and set-group-id bits. Nothing existing is ever replaced and no
 /// symbolic link is followed at either end. A file never stands half under its
 /// final name, and after a failure the source is still there.
+///
+/// A process that is killed while it copies leaves nothing of the copy if the
+/// target's file system has unnamed files (open(2), O_TMPFILE). On others it
+/// leaves a file ".tov-XXXXXX" beside @p to, with six other characters in place
+/// of the X.
 /// @throws tov_err::Error on failure; an existing @p to is one
 TOV_API void Move(const std::string& from, const std::string& to);
 

@@ -153,6 +153,19 @@ class TmpfilesTest(unittest.TestCase):
         for folder in ("tmp", "var/tmp"):
             self.assertEqual(self.left(folder), ["other", "zantmp"])
 
+    def test_at_boot_unfinished_copies_go_from_the_homes_and_nothing_else(self):
+        others = [".tov-", ".tov-AAAAA", ".tov-AAAAAAA", "tov-AAAAAA"]
+        self.make(*(f"home/alice/{name}" for name in (".tov-AAAAAA", ".tov-zzz123", *others)))
+        self.make("home/alice/sub/.tov-AAAAAA")
+        self.apply("--remove", "--boot")
+        self.assertEqual(self.left("home/alice"), sorted([*others, "sub"]))
+        self.assertEqual(self.left("home/alice/sub"), [".tov-AAAAAA"])
+
+    def test_while_the_machine_runs_unfinished_copies_in_homes_stay(self):
+        self.make("home/alice/.tov-AAAAAA")
+        self.apply("--create", "--remove", "--clean", later="9000h")
+        self.assertEqual(self.left("home/alice"), [".tov-AAAAAA"])
+
     def test_while_the_machine_runs_uploads_in_the_shared_folders_stay(self):
         for folder in ("tmp", "var/tmp"):
             self.make(f"{folder}/zantempAAAAAA")

@@ -29,12 +29,17 @@ bool IsLet(const char* name, const char* path) {
   return error == 0;
 }
 
-/// Makes the call of that name in the library behind this program, if let.
+/// Calls the function in the library behind this program.
+template <class Result, class... Arguments>
+Result CallReal(const char* function, Arguments... arguments) {
+  using Function = Result (*)(Arguments...);
+  return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, function))(arguments...);
+}
+
+/// Makes the call of that name, if let.
 template <class Result, class... Arguments>
 Result Pass(const char* name, const char* path, Arguments... arguments) {
-  using Function = Result (*)(Arguments...);
-  const auto real = reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name));
-  return IsLet(name, path) ? real(arguments...) : Result{-1};
+  return IsLet(name, path) ? CallReal<Result>(name, arguments...) : Result{-1};
 }
 
 }  // namespace
@@ -48,6 +53,8 @@ void WatchFileCalls(FileCallWatcher watcher) {
 
 }  // namespace support
 
+using support::CallReal;
+using support::IsLet;
 using support::Pass;
 
 // Under a name of its own, since it takes the mode like any other argument,
@@ -56,7 +63,10 @@ extern "C" int WatchedOpen(const char* file, int oflag,
                            mode_t mode) __asm__("open");
 
 extern "C" int WatchedOpen(const char* file, int oflag, mode_t mode) {
-  return Pass<int>("open", file, file, oflag, mode);
+  const bool is_unnamed = (oflag & O_TMPFILE) == O_TMPFILE;
+  return IsLet(is_unnamed ? "O_TMPFILE" : "open", file)
+             ? CallReal<int>("open", file, oflag, mode)
+             : -1;
 }
 
 extern "C" int mkostemp(char* name, int flags) {
@@ -111,6 +121,11 @@ extern "C" int chmod(const char* file, mode_t mode) noexcept {
 
 extern "C" int link(const char* from, const char* to) noexcept {
   return Pass<int>("link", from, from, to);
+}
+
+extern "C" int linkat(int fromfd, const char* from, int tofd, const char* to,
+                      int flags) noexcept {
+  return Pass<int>("linkat", from, fromfd, from, tofd, to, flags);
 }
 
 extern "C" int unlink(const char* name) noexcept {

@@ -13,7 +13,8 @@
 namespace support {
 
 struct FileCall {
-  std::string name;  ///< Such as "renameat2".
+  /// Such as "renameat2"; "O_TMPFILE" for open(2) of a file without a name.
+  std::string name;
   std::string path;  ///< The first one; empty for a call on a descriptor.
 };
 

@@ -15,10 +15,14 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "support/scarce_memory.h"
+#include "support/terminal.h"
 
 namespace {
 
@@ -40,6 +44,9 @@ struct {
   std::function<void()> before;
   int calls = 0;
 } renaming;
+
+/// Whether an interposed open(2) makes no files without a name.
+bool has_no_unnamed_files = false;
 
 struct stat StatOf(const std::string& path) {
   struct stat found {};
@@ -419,7 +426,8 @@ TEST(MkDir, RefusesAnythingElseAtItsPlace) {
   const std::string dangling = Link(scratch, "dangling", "missing");
   for (const std::string& path :
        {scratch.MakeFile("file"), Fifo(scratch, "fifo"), dangling}) {
-    EXPECT_TRUE(Blames(ErrorOf([&] { tov_file::MkDir(path, nullptr); }), path));
+    EXPECT_TRUE(
+        Blames(ErrorOf([&] { tov_file::MkDir(path, nullptr); }), path, EEXIST));
   }
   EXPECT_EQ(scratch.List(), (Names{"dangling", "fifo", "file"}));
 }
@@ -445,18 +453,26 @@ TEST(MkDir, LeavesNoneThatCannotBeGivenItsOwner) {
   EXPECT_EQ(scratch.List(), Names{});
 }
 
+enum class Way {
+  kRename,
+  kCopy,
+  kCopyByName,  ///< Where there are no files without a name.
+};
+
 /// Moves within a file system and across two.
-class Move : public testing::TestWithParam<bool> {
+class Move : public testing::TestWithParam<Way> {
  protected:
   void SetUp() override {
     if (Across() && StatOf(from_.Path()).st_dev == StatOf(to_.Path()).st_dev) {
       GTEST_SKIP() << "needs another file system at " << kOtherFileSystem;
     }
+    has_no_unnamed_files = GetParam() == Way::kCopyByName;
     Chmod(from_.Path(), 0777);
     Chmod(to_.Path(), 0777);
   }
+  void TearDown() override { has_no_unnamed_files = false; }
 
-  static bool Across() { return GetParam(); }
+  static bool Across() { return GetParam() != Way::kRename; }
   std::string Target() const { return to_ / "target"; }
 
   Scratch from_;
@@ -464,9 +480,18 @@ class Move : public testing::TestWithParam<bool> {
                        : std::filesystem::temp_directory_path().string()};
 };
 
-INSTANTIATE_TEST_SUITE_P(File, Move, testing::Bool(), [](const auto& kind) {
-  return kind.param ? "AcrossFileSystems" : "WithinAFileSystem";
-});
+std::string NameOf(const testing::TestParamInfo<Way>& way) {
+  const std::map<Way, std::string> kNames = {
+      {Way::kRename, "WithinAFileSystem"},
+      {Way::kCopy, "AcrossFileSystems"},
+      {Way::kCopyByName, "AcrossFileSystemsByName"}};
+  return kNames.at(way.param);
+}
+
+INSTANTIATE_TEST_SUITE_P(File, Move,
+                         testing::Values(Way::kRename, Way::kCopy,
+                                         Way::kCopyByName),
+                         NameOf);
 
 TEST_P(Move, TakesTheContentAlong) {
   std::string content;
@@ -606,7 +631,8 @@ TEST_P(Move, KeepsASourceWhoseFolderMayNotBeChanged) {
 
 class MoveAcross : public Move {};
 
-INSTANTIATE_TEST_SUITE_P(File, MoveAcross, testing::Values(true));
+INSTANTIATE_TEST_SUITE_P(File, MoveAcross,
+                         testing::Values(Way::kCopy, Way::kCopyByName), NameOf);
 
 TEST_P(MoveAcross, FailsWhenTheOwnerCannotBeKept) {
   if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
@@ -694,12 +720,33 @@ TEST_P(MoveAcross, DoesNotWaitForAFifoThatReplacesTheSource) {
   EXPECT_EQ(to_.List(), Names{});
 }
 
-/// A file system whose rename cannot refuse to replace.
-class MoveByLink : public testing::Test {
+TEST_P(Move, WithoutMemoryLeavesNothing) {
+  std::string error;
+  int allocations = 0;
+  do {
+    SCOPED_TRACE("allocation " + std::to_string(allocations));
+    const std::string source = from_.MakeFile("source", "x");
+    error = ErrorOf([&] {
+      const std::string target = Target();
+      const support::ScarceMemory memory(allocations);
+      tov_file::Move(source, target);
+    });
+    if (error == ": ") break;
+    EXPECT_TRUE(error.starts_with("std::bad_alloc: ")) << error;
+    EXPECT_EQ(ReadFile(source), "x");
+    EXPECT_EQ(to_.List(), Names{});
+    ++allocations;
+  } while (!HasFailure());
+  EXPECT_EQ(ReadFile(Target()), "x");
+  EXPECT_GT(allocations, Across() ? 2 : -1);
+}
+
+/// A file system, or a kernel, whose rename cannot refuse to replace.
+class MoveByLink : public testing::TestWithParam<int> {
  protected:
   std::string ErrorOfMove() {
     return ErrorOf([&] {
-      renaming.error = EINVAL;
+      renaming.error = GetParam();
       tov_file::Move(scratch_ / "source", scratch_ / "target");
       EXPECT_GT(renaming.calls, 0);
     });
@@ -708,7 +755,9 @@ class MoveByLink : public testing::Test {
   Scratch scratch_;
 };
 
-TEST_F(MoveByLink, TakesTheFileAlong) {
+INSTANTIATE_TEST_SUITE_P(File, MoveByLink, testing::Values(EINVAL, ENOSYS));
+
+TEST_P(MoveByLink, TakesTheFileAlong) {
   scratch_.MakeFile("source", "x");
   const ino_t inode = StatOf(scratch_ / "source").st_ino;
   EXPECT_EQ(ErrorOfMove(), ": ");
@@ -716,7 +765,7 @@ TEST_F(MoveByLink, TakesTheFileAlong) {
   EXPECT_EQ(StatOf(scratch_ / "target").st_ino, inode);
 }
 
-TEST_F(MoveByLink, RefusesAnExistingTarget) {
+TEST_P(MoveByLink, RefusesAnExistingTarget) {
   scratch_.MakeFile("source", "new");
   scratch_.MakeFile("target", "old");
   EXPECT_TRUE(Blames(ErrorOfMove(), scratch_ / "target", EEXIST));
@@ -724,7 +773,7 @@ TEST_F(MoveByLink, RefusesAnExistingTarget) {
   EXPECT_EQ(ReadFile(scratch_ / "source"), "new");
 }
 
-TEST_F(MoveByLink, RefusesALinkAtTheTarget) {
+TEST_P(MoveByLink, RefusesALinkAtTheTarget) {
   scratch_.MakeFile("source", "new");
   Link(scratch_, "target", "missing");
   EXPECT_TRUE(Blames(ErrorOfMove(), scratch_ / "target", EEXIST));
@@ -814,6 +863,12 @@ TEST(SafeSet, DoesNotWaitForTheOtherEndOfAFifo) {
   const std::string fifo = Fifo(scratch, "fifo");
   Do([&] { Attrs(0644).SafeSet(fifo, false); });
   EXPECT_EQ(ModeOf(fifo), 0644u);
+}
+
+TEST(SafeSet, TakesNoTerminalForItsOwn) {
+  if (!support::CanTakeTerminals()) GTEST_SKIP() << "needs terminals";
+  EXPECT_FALSE(support::TakesTerminal(
+      [](const std::string& path) { Attrs(0600).SafeSet(path, true); }));
 }
 
 TEST(SafeSet, WorksOnAFileThatItsOwnerMayNotRead) {
@@ -925,9 +980,10 @@ TEST(Tmp, WorksWithoutStandardDescriptors) {
 
 }  // namespace
 
-extern "C" __attribute__((visibility("default"))) int renameat2(
-    int oldfd, const char* old, int newfd, const char* newp,
-    unsigned flags) noexcept {
+#define EXPORTED __attribute__((visibility("default")))
+
+extern "C" EXPORTED int renameat2(int oldfd, const char* old, int newfd,
+                                  const char* newp, unsigned flags) noexcept {
   ++renaming.calls;
   if (renaming.before) renaming.before();
   if (renaming.error == EXDEV && renaming.calls > 1) renaming.error = 0;
@@ -937,4 +993,17 @@ extern "C" __attribute__((visibility("default"))) int renameat2(
   }
   return static_cast<int>(
       ::syscall(SYS_renameat2, oldfd, old, newfd, newp, flags));
+}
+
+// Under a name of its own, since it takes the mode like any other argument,
+// which comes the same way.
+extern "C" int OpenNamed(const char* file, int oflag,
+                         mode_t mode) __asm__("open");
+
+extern "C" EXPORTED int OpenNamed(const char* file, int oflag, mode_t mode) {
+  if (has_no_unnamed_files && (oflag & O_TMPFILE) == O_TMPFILE) {
+    errno = EOPNOTSUPP;
+    return -1;
+  }
+  return static_cast<int>(::syscall(SYS_openat, AT_FDCWD, file, oflag, mode));
 }

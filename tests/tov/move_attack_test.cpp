@@ -72,7 +72,11 @@ enum class Way {
   kRename,  ///< Within one file system.
   kLink,    ///< Within one that cannot rename without replacing.
   kCopy,    ///< From one to another.
+  /// The same where there are no files without a name.
+  kCopyByName,
 };
+
+bool IsCopy(Way way) { return way == Way::kCopy || way == Way::kCopyByName; }
 
 /// The folders "spool", which is as /tmp is, "vault", which is root's, and
 /// "home", which is the account's.
@@ -249,7 +253,9 @@ class Interruption {
   int Before(const FileCall& call) {
     if (counts_ && calls_++ == moment_.at) deed_();
     counts_ = counts_ || call.name == moment_.behind;
-    return way_ == Way::kLink && call.name == "renameat2" ? EINVAL : 0;
+    if (way_ == Way::kLink && call.name == "renameat2") return EINVAL;
+    const bool named = way_ == Way::kCopyByName && call.name == "O_TMPFILE";
+    return named ? EOPNOTSUPP : 0;
   }
   int Calls() const { return calls_; }
 
@@ -345,14 +351,18 @@ void ExpectAFailureOfOurs(const Attacked& attacked) {
 /// The ways that this machine has.
 std::vector<Way> Ways() {
   std::vector<Way> ways = {Way::kRename, Way::kLink};
-  if (IsAnotherFileSystem(kOtherFileSystem)) ways.push_back(Way::kCopy);
+  if (IsAnotherFileSystem(kOtherFileSystem)) {
+    ways.insert(ways.end(), {Way::kCopy, Way::kCopyByName});
+  }
   return ways;
 }
 
 std::string NameOf(const testing::TestParamInfo<std::tuple<Way, Bait>>& info) {
-  static const std::map<Way, std::string> kNames = {{Way::kRename, "Renaming"},
-                                                    {Way::kLink, "Linking"},
-                                                    {Way::kCopy, "Copying"}};
+  static const std::map<Way, std::string> kNames = {
+      {Way::kRename, "Renaming"},
+      {Way::kLink, "Linking"},
+      {Way::kCopy, "Copying"},
+      {Way::kCopyByName, "CopyingByName"}};
   return kNames.at(std::get<0>(info.param)) + std::get<1>(info.param).name;
 }
 
@@ -374,7 +384,7 @@ class MoveUnderAttack : public testing::TestWithParam<std::tuple<Way, Bait>> {
     int done = 0;
     for (int at = 0; at < calls; ++at) {
       SCOPED_TRACE("before call " + std::to_string(at));
-      const Place place(TheWay() == Way::kCopy);
+      const Place place(IsCopy(TheWay()));
       const Strings roots_files = place.RootsFiles();
       const Attacked attacked = Attack(place, TheWay(), {at, behind}, [&] {
         return Exchange(path(place), place);
@@ -453,7 +463,7 @@ class DraftUnderAttack : public MoveUnderAttack {};
 
 INSTANTIATE_TEST_SUITE_P(
     Baits, DraftUnderAttack,
-    testing::Combine(testing::Values(Way::kCopy),
+    testing::Combine(testing::Values(Way::kCopyByName),
                      testing::Values(kLinkToSecret, kLinkToHidden,
                                      kLinkToProgram, kLinkToFolder,
                                      kLinkToNothing, kHardLinkToSecret,

@@ -19,6 +19,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -38,7 +39,6 @@ using support::HandedOver;
 using support::HandOver;
 using support::Owners;
 using zan_cgi::testing::Child;
-using zan_cgi::testing::Outcome;
 using zan_cgi::testing::ReadFile;
 using zan_cgi::testing::Told;
 using Paths = std::map<std::string, std::string>;
@@ -252,21 +252,40 @@ class CopyIntoTheHome : public testing::Test {
     EXPECT_TRUE(ReadFile(upload_) == std::string(kLarge, 'u'));
   }
 
+  /// The status of a child that is killed while it writes the copy.
+  int KillWhileItWrites(const support::FileCallWatcher& watcher) const {
+    return Child()
+        .Run([&](const Told&) {
+          support::FakeAccount(owners_->Visitor());
+          int writes = 0;
+          support::WatchFileCalls([&](const FileCall& call) {
+            if (call.name == "write" && ++writes == 3) ::raise(SIGKILL);
+            return watcher(call);
+          });
+          tov_file::Move(upload_, Target());
+        })
+        .status;
+  }
+
   std::unique_ptr<Owners> owners_;
   std::string upload_;
 };
 
-TEST_F(CopyIntoTheHome, ThatIsKilledLeavesNoHalfFileUnderTheName) {
-  int writes = 0;
-  const Outcome outcome = Child().Run([&](const Told&) {
-    support::FakeAccount(owners_->Visitor());
-    support::WatchFileCalls([&](const FileCall& call) {
-      if (call.name == "write" && ++writes == 3) ::raise(SIGKILL);
-      return 0;
-    });
-    tov_file::Move(upload_, Target());
-  });
-  EXPECT_EQ(outcome.status, 128 + SIGKILL);
+/// Fails the making of a file without a name, as file systems do that have
+/// none.
+int FailWithoutName(const FileCall& call) {
+  return call.name == "O_TMPFILE" ? EOPNOTSUPP : 0;
+}
+
+TEST_F(CopyIntoTheHome, ThatIsKilledLeavesNothing) {
+  EXPECT_EQ(KillWhileItWrites([](const FileCall& /*call*/) { return 0; }),
+            128 + SIGKILL);
+  ExpectSourceKept();
+  EXPECT_EQ(owners_->InHome(), Strings{});
+}
+
+TEST_F(CopyIntoTheHome, ByNameThatIsKilledLeavesNoHalfFileUnderTheFinalName) {
+  EXPECT_EQ(KillWhileItWrites(FailWithoutName), 128 + SIGKILL);
   ExpectSourceKept();
   // What is left was being written, and nobody else could read it.
   ASSERT_EQ(owners_->InHome().size(), 1U);
@@ -289,12 +308,15 @@ const Fault kFaults[] = {
 
 /// Has the call fail once the copy has begun.
 void Inject(const Fault& fault) {
-  support::WatchFileCalls(
-      [fault, copies = false](const FileCall& call) mutable {
-        const bool fails = copies && call.name == fault.call;
-        copies = copies || call.name == "renameat2";
-        return fails ? fault.error : 0;
-      });
+  support::WatchFileCalls([fault,
+                           copies = false](const FileCall& call) mutable {
+    // Neither without a name nor, if that is tried then, with one.
+    const bool fails = copies && (call.name == fault.call ||
+                                  (call.name == "O_TMPFILE" &&
+                                   fault.call == std::string_view("mkostemp")));
+    copies = copies || call.name == "renameat2";
+    return fails ? fault.error : 0;
+  });
 }
 
 TEST_F(CopyIntoTheHome, ThatFailsInAnyCallLeavesNothingAndKeepsTheSource) {

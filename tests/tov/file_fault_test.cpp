@@ -1,0 +1,541 @@
+// What happens when something fails, or somebody acts, between two calls on
+// files.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <tov/err.h>
+#include <tov/file.h>
+#include <unistd.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/identity.h>
+#include <zancgi/testing/scratch.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <set>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "support/file_calls.h"
+#include "support/mount.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using support::FileCall;
+using support::FileCallWatcher;
+using tov_file::Attrs;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::ReadFile;
+using zan_cgi::testing::Scratch;
+using zan_cgi::testing::Told;
+using Names = std::vector<std::string>;
+
+constexpr char kInMemory[] = "/dev/shm";
+/// What is copied in one piece.
+constexpr std::size_t kPiece = 65536;
+
+std::string Content() {
+  std::string content;
+  while (content.size() < 150'000) content += std::to_string(content.size());
+  return content;
+}
+
+dev_t FileSystemOf(const std::string& path) {
+  struct stat found {};
+  EXPECT_EQ(::stat(path.c_str(), &found), 0) << path;
+  return found.st_dev;
+}
+
+mode_t ModeOf(const std::string& path) {
+  struct stat found {};
+  EXPECT_EQ(::lstat(path.c_str(), &found), 0) << path;
+  return found.st_mode & 07777;
+}
+
+bool HasUnnamedFiles(const std::string& folder) {
+  const int file = ::open(folder.c_str(), O_TMPFILE | O_WRONLY, 0600);
+  return file >= 0 && ::close(file) == 0;
+}
+
+bool IsDraft(const std::string& name) {
+  return testing::Matcher<std::string>(
+             testing::MatchesRegex("\\.tov-[A-Za-z0-9]{6}"))
+      .Matches(name);
+}
+
+/// Has the call of this number, from 0, fail or end the process.
+FileCallWatcher At(int number, std::function<int()> deed) {
+  return [=, count = 0](const FileCall& /*call*/) mutable {
+    return count++ == number ? deed() : 0;
+  };
+}
+
+/// Has the first call of this name fail.
+FileCallWatcher FirstFails(const std::string& name, int error) {
+  return [=, failed = false](const FileCall& call) mutable {
+    const bool fails = !failed && call.name == name;
+    failed = failed || fails;
+    return fails ? error : 0;
+  };
+}
+
+/// Does something before the first call of this name.
+FileCallWatcher Before(const std::string& name, std::function<void()> deed) {
+  return [=, done = false](const FileCall& call) mutable {
+    if (!done && call.name == name) {
+      done = true;
+      deed();
+    }
+    return 0;
+  };
+}
+
+int LetAll(const FileCall& /*call*/) { return 0; }
+
+/// Watches the calls on files while it lives.
+class Watch {
+ public:
+  explicit Watch(FileCallWatcher watcher) {
+    support::WatchFileCalls(std::move(watcher));
+  }
+  ~Watch() { support::WatchFileCalls(nullptr); }
+  Watch(const Watch&) = delete;
+  Watch& operator=(const Watch&) = delete;
+};
+
+/// A move from one file system to another: onto a disk or into memory; by way
+/// of a file without a name or of one with a name.
+class CopyingMove : public testing::TestWithParam<std::tuple<bool, bool>> {
+ protected:
+  void SetUp() override {
+    if (FileSystemOf(disk_.Path()) == FileSystemOf(memory_.Path())) {
+      GTEST_SKIP() << "needs another file system at " << kInMemory;
+    }
+    if (!ByName() && !HasUnnamedFiles(Folder().Path())) {
+      GTEST_SKIP() << "needs O_TMPFILE in " << Folder().Path();
+    }
+    MakeSource();
+  }
+
+  static bool OntoDisk() { return std::get<0>(GetParam()); }
+  static bool ByName() { return std::get<1>(GetParam()); }
+
+  const Scratch& Folder() const { return OntoDisk() ? disk_ : memory_; }
+  const Scratch& SourceFolder() const { return OntoDisk() ? memory_ : disk_; }
+  std::string Source() const { return SourceFolder() / "source"; }
+  std::string Target() const { return Folder() / "target"; }
+
+  void MakeSource() const { SourceFolder().MakeFile("source", content_); }
+
+  /// Runs the move in a child, tells "drafts": files with a name that it made.
+  Outcome Run(const FileCallWatcher& watcher) const {
+    return Child().Run([&](const Told& told) { RunHere(watcher, told); });
+  }
+
+  void RunHere(const FileCallWatcher& watcher, const Told& told,
+               const std::string& target) const {
+    int drafts = 0;
+    told("drafts", "0");
+    const Watch watch([&](const FileCall& call) {
+      if (call.name == "mkostemp") told("drafts", std::to_string(++drafts));
+      if (ByName() && call.name == "O_TMPFILE") return EOPNOTSUPP;
+      return watcher(call);
+    });
+    tov_file::Move(Source(), target);
+  }
+
+  void RunHere(const FileCallWatcher& watcher, const Told& told) const {
+    RunHere(watcher, told, Target());
+  }
+
+  void ExpectMoved(const Outcome& outcome) const {
+    EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
+    EXPECT_EQ(outcome.error, "");
+    EXPECT_EQ(outcome.leaked_descriptors, Names{});
+    EXPECT_TRUE(ReadFile(Target()) == content_);
+    EXPECT_EQ(Folder().List(), Names{"target"});
+    EXPECT_EQ(SourceFolder().List(), Names{});
+  }
+
+  void ExpectNotMoved(const Outcome& outcome) const {
+    EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
+    EXPECT_EQ(outcome.error_type, "tov_err::Error");
+    EXPECT_EQ(outcome.leaked_descriptors, Names{});
+    EXPECT_EQ(Folder().List(), Names{});
+    EXPECT_TRUE(ReadFile(Source()) == content_);
+  }
+
+  /// Whether the copy was made by way of the kind of file that is wanted.
+  void ExpectWay(const Outcome& outcome) const {
+    EXPECT_EQ(outcome.told.at("drafts"), ByName() ? "1" : "0");
+  }
+
+  void ExpectNothingLost() const {
+    const bool has_target = fs::exists(Target());
+    if (has_target) {
+      EXPECT_TRUE(ReadFile(Target()) == content_);
+    }
+    if (!has_target || fs::exists(Source())) {
+      EXPECT_TRUE(ReadFile(Source()) == content_);
+    }
+  }
+
+  /// What is there besides the target.
+  Names Leftovers() const {
+    Names names = Folder().List();
+    std::erase(names, "target");
+    return names;
+  }
+
+  void StartAgain() const {
+    for (const Scratch* scratch : {&disk_, &memory_}) {
+      for (const std::string& name : scratch->List()) {
+        fs::remove(*scratch / name);
+      }
+    }
+    MakeSource();
+  }
+
+ private:
+  const std::string content_ = Content();
+  Scratch disk_;
+  Scratch memory_{kInMemory};
+};
+
+std::string NameOf(
+    const testing::TestParamInfo<std::tuple<bool, bool>>& information) {
+  const auto [onto_disk, by_name] = information.param;
+  return std::string(onto_disk ? "OntoDisk" : "IntoMemory") +
+         (by_name ? "ByName" : "Unnamed");
+}
+
+INSTANTIATE_TEST_SUITE_P(File, CopyingMove,
+                         testing::Combine(testing::Bool(), testing::Bool()),
+                         NameOf);
+
+TEST_P(CopyingMove, ShowsAFileMeanwhileOnlyWhereItMust) {
+  Names seen;
+  const Outcome outcome = Child().Run([&](const Told& told) {
+    RunHere(Before("write", [&] { seen = Folder().List(); }), told);
+    ASSERT_EQ(seen.size(), ByName() ? 1U : 0U);
+    if (ByName()) {
+      EXPECT_TRUE(IsDraft(seen[0])) << seen[0];
+    }
+  });
+  ExpectMoved(outcome);
+  ExpectWay(outcome);
+}
+
+TEST_P(CopyingMove, TakesATargetWithoutAFolder) {
+  const Outcome outcome =
+      Child().WorkDir(Folder().Path()).Run([&](const Told& told) {
+        RunHere(LetAll, told, "target");
+      });
+  ExpectMoved(outcome);
+  ExpectWay(outcome);
+}
+
+TEST_P(CopyingMove, ThatIsKilledAtAnyCallLosesNothing) {
+  int kills = 0;
+  for (;; ++kills) {
+    SCOPED_TRACE("before call " + std::to_string(kills));
+    const Outcome outcome = Run(At(kills, [] { return ::raise(SIGKILL); }));
+    if (outcome.status == 0) break;
+    ASSERT_EQ(outcome.status, 128 + SIGKILL);
+    ExpectNothingLost();
+    const Names left = Leftovers();
+    ASSERT_LE(left.size(), ByName() ? 1U : 0U) << left[0];
+    if (!left.empty()) {
+      EXPECT_TRUE(IsDraft(left[0])) << left[0];
+    }
+    StartAgain();
+  }
+  EXPECT_GT(kills, 12);
+}
+
+TEST_P(CopyingMove, LeavesNothingWhateverCallFails) {
+  int calls = 0;
+  for (bool failed = true; failed; ++calls) {
+    SCOPED_TRACE("call " + std::to_string(calls));
+    failed = false;
+    const Outcome outcome = Child().Run([&](const Told& told) {
+      RunHere(At(calls,
+                 [&] {
+                   told("failed", "yes");
+                   return EIO;
+                 }),
+              told);
+    });
+    failed = outcome.told.contains("failed");
+    if (outcome.error.empty()) {
+      ExpectMoved(outcome);
+    } else {
+      ExpectNotMoved(outcome);
+      EXPECT_TRUE(outcome.error.ends_with(std::strerror(EIO))) << outcome.error;
+    }
+    StartAgain();
+  }
+  EXPECT_GT(calls, 12);
+}
+
+TEST_P(CopyingMove, GoesOnAfterASignal) {
+  for (const char* name : {"open", "O_TMPFILE", "read", "write"}) {
+    SCOPED_TRACE(name);
+    const Outcome outcome = Run(FirstFails(name, EINTR));
+    ExpectMoved(outcome);
+    ExpectWay(outcome);
+    StartAgain();
+  }
+}
+
+TEST_P(CopyingMove, RefusesASourceThatHasBecomeShorter) {
+  for (const char* moment : {ByName() ? "mkostemp" : "O_TMPFILE", "write"}) {
+    SCOPED_TRACE(moment);
+    const Outcome outcome = Run(Before(
+        moment, [&] { ASSERT_EQ(::truncate(Source().c_str(), kPiece), 0); }));
+    EXPECT_EQ(outcome.error_type, "tov_err::Error");
+    EXPECT_EQ(outcome.error,
+              "'" + Source() + "' became shorter while it was moved");
+    EXPECT_EQ(outcome.leaked_descriptors, Names{});
+    EXPECT_EQ(ReadFile(Source()).size(), kPiece);
+    EXPECT_EQ(Folder().List(), Names{});
+    StartAgain();
+  }
+}
+
+TEST_P(CopyingMove, RefusesATargetThatHasAppearedMeanwhile) {
+  const Outcome outcome =
+      Run(Before("fsync", [&] { Folder().MakeFile("target", "other"); }));
+  EXPECT_EQ(outcome.error, "cannot move '" + Source() + "' to '" + Target() +
+                               "': " + std::strerror(EEXIST));
+  EXPECT_EQ(outcome.leaked_descriptors, Names{});
+  ExpectWay(outcome);
+  EXPECT_EQ(ReadFile(Target()), "other");
+  EXPECT_EQ(Leftovers(), Names{});
+  EXPECT_TRUE(fs::exists(Source()));
+}
+
+// Else the file would be lost: the copy would be taken back.
+TEST_P(CopyingMove, IsDoneWhenSomebodyElseRemovesTheSource) {
+  for (const char* moment : {"fsync", "unlink"}) {
+    SCOPED_TRACE(moment);
+    ExpectMoved(Run(Before(moment, [&] { fs::remove(Source()); })));
+    StartAgain();
+  }
+}
+
+std::set<int> OpenDescriptors() {
+  std::set<int> open;
+  for (int descriptor = 0; descriptor < 256; ++descriptor) {
+    if (::fcntl(descriptor, F_GETFD) >= 0) open.insert(descriptor);
+  }
+  return open;
+}
+
+/// That others can neither inherit nor open it, nor take it for their input or
+/// output.
+void ExpectPrivate(int descriptor) {
+  EXPECT_GT(descriptor, STDERR_FILENO);
+  EXPECT_EQ(::fcntl(descriptor, F_GETFD), FD_CLOEXEC);
+  struct stat file {};
+  EXPECT_EQ(::fstat(descriptor, &file), 0);
+  EXPECT_EQ(file.st_mode & 07777, 0600U);
+}
+
+TEST_P(CopyingMove, HasItsFilesForItself) {
+  for (Child child : {Child(), Child().Closed(0).Closed(1).Closed(2)}) {
+    fs::permissions(Source(), fs::perms{0600});
+    const Outcome outcome = child.Run([&](const Told& told) {
+      ::umask(0);
+      const std::set<int> before = OpenDescriptors();
+      std::size_t most = 0;
+      RunHere(
+          [&](const FileCall& call) {
+            SCOPED_TRACE("before " + call.name);
+            const std::set<int> now = OpenDescriptors();
+            most = std::max(most, now.size() - before.size());
+            for (const int descriptor : now) {
+              if (!before.contains(descriptor)) ExpectPrivate(descriptor);
+            }
+            return 0;
+          },
+          told);
+      EXPECT_EQ(most, 2U);
+    });
+    ExpectMoved(outcome);
+    StartAgain();
+  }
+}
+
+class UnnamedCopy : public CopyingMove {};
+
+INSTANTIATE_TEST_SUITE_P(File, UnnamedCopy,
+                         testing::Combine(testing::Bool(),
+                                          testing::Values(false)),
+                         NameOf);
+
+TEST_P(UnnamedCopy, GetsANameWhereThereAreNoUnnamedFiles) {
+  for (const int error : {EOPNOTSUPP, EISDIR, ENOENT, EINVAL}) {
+    SCOPED_TRACE(std::strerror(error));
+    const Outcome outcome = Run(FirstFails("O_TMPFILE", error));
+    ExpectMoved(outcome);
+    EXPECT_EQ(outcome.told.at("drafts"), "1");
+    StartAgain();
+  }
+}
+
+/// As it is without the capability to link by a descriptor.
+int FailToLinkByDescriptor(const FileCall& call) {
+  return call.name == "linkat" && call.path.empty() ? ENOENT : 0;
+}
+
+TEST_P(UnnamedCopy, IsLinkedByItsPathInProcWithoutTheCapability) {
+  const Outcome outcome = Run(FailToLinkByDescriptor);
+  ExpectMoved(outcome);
+  ExpectWay(outcome);
+}
+
+TEST_P(UnnamedCopy, IsMadeAgainWithANameWhenItCannotBeLinked) {
+  const Outcome outcome = Run(
+      [](const FileCall& call) { return call.name == "linkat" ? ENOENT : 0; });
+  ExpectMoved(outcome);
+  EXPECT_EQ(outcome.told.at("drafts"), "1");
+}
+
+TEST_P(UnnamedCopy, RefusesATargetThatAppearsAtTheLastMoment) {
+  const Outcome outcome = Run([&](const FileCall& call) {
+    const int error = FailToLinkByDescriptor(call);
+    if (error != 0) Folder().MakeFile("target", "other");
+    return error;
+  });
+  EXPECT_EQ(outcome.error, "cannot move '" + Source() + "' to '" + Target() +
+                               "': " + std::strerror(EEXIST));
+  ExpectWay(outcome);
+  EXPECT_EQ(ReadFile(Target()), "other");
+  EXPECT_EQ(Leftovers(), Names{});
+}
+
+TEST_P(UnnamedCopy, NeedsNoProc) {
+  if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
+  const Outcome outcome = Child().Run([&](const Told& told) {
+    support::MountPrivately("/proc", "size=4k");
+    RunHere(LetAll, told);
+  });
+  ExpectMoved(outcome);
+  ExpectWay(outcome);
+}
+
+TEST_P(UnnamedCopy, OrOneWithANameNeedsNoProcAsAnOrdinaryUser) {
+  if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
+  for (const Scratch* scratch : {&Folder(), &SourceFolder()}) {
+    fs::permissions(scratch->Path(), fs::perms{0777});
+  }
+  ASSERT_EQ(::chown(Source().c_str(), 65534, 65534), 0);
+  const Outcome outcome = Child().Run([&](const Told& told) {
+    support::MountPrivately("/proc", "size=4k");
+    zan_cgi::testing::BecomeOrdinaryUser();
+    RunHere(LetAll, told);
+  });
+  ExpectMoved(outcome);
+}
+
+/// A file system whose rename cannot refuse to replace, and which does not let
+/// the source be removed.
+class FailingMoveByLink : public testing::Test {
+ protected:
+  std::string ErrorOfMove(int error_of_taking_back) const {
+    scratch_.MakeFile("source", "x");
+    const Outcome outcome = Child().Run([&](const Told&) {
+      const Watch watch([&](const FileCall& call) {
+        if (call.name == "renameat2") return EINVAL;
+        if (call.name != "unlink") return 0;
+        return call.path == source_ ? EPERM : error_of_taking_back;
+      });
+      tov_file::Move(source_, target_);
+    });
+    return outcome.error;
+  }
+
+  const std::string& Source() const { return source_; }
+  const std::string& Target() const { return target_; }
+  Names Files() const { return scratch_.List(); }
+
+ private:
+  Scratch scratch_;
+  std::string source_ = scratch_ / "source";
+  std::string target_ = scratch_ / "target";
+};
+
+TEST_F(FailingMoveByLink, TakesTheNewNameBack) {
+  EXPECT_EQ(ErrorOfMove(0), "cannot move '" + Source() + "' to '" + Target() +
+                                "': " + std::strerror(EPERM));
+  EXPECT_EQ(Files(), Names{"source"});
+}
+
+TEST_F(FailingMoveByLink, ReportsTheReasonAndNotWhatFollowed) {
+  EXPECT_TRUE(ErrorOfMove(EIO).ends_with(std::strerror(EPERM)));
+}
+
+/// What an account puts in the place of a directory that root has just made in
+/// its home, for root to change the attributes of.
+struct Bait {
+  const char* name;
+  int (*put)(const std::string& victim, const std::string& path);
+};
+
+void PrintTo(const Bait& bait, std::ostream* out) { *out << bait.name; }
+
+class MkDirUnderAttack : public testing::TestWithParam<Bait> {};
+
+INSTANTIATE_TEST_SUITE_P(
+    Baits, MkDirUnderAttack,
+    testing::Values(
+        Bait{"LinkToAFolder",
+             [](const std::string& victim, const std::string& path) {
+               fs::create_directory(victim);
+               return ::symlink(victim.c_str(), path.c_str());
+             }},
+        Bait{"HardLinkToAFile",
+             [](const std::string& victim, const std::string& path) {
+               const int file = ::creat(victim.c_str(), 0600);
+               return ::close(file) | ::link(victim.c_str(), path.c_str());
+             }},
+        Bait{"Fifo",
+             [](const std::string& victim, const std::string& path) {
+               return ::mkfifo(victim.c_str(), 0600) |
+                      ::link(victim.c_str(), path.c_str());
+             }}),
+    [](const auto& bait) { return bait.param.name; });
+
+TEST_P(MkDirUnderAttack, ChangesNothingElse) {
+  const Scratch scratch;
+  const std::string victim = scratch / "victim";
+  const std::string path = scratch / "new";
+  const Outcome outcome = Child().Run([&](const Told&) {
+    // To open a FIFO can take for ever.
+    ::alarm(10);
+    const Watch watch(Before("open", [&] {
+      ASSERT_EQ(::rmdir(path.c_str()), 0);
+      ASSERT_EQ(GetParam().put(victim, path), 0);
+      ASSERT_EQ(::chmod(victim.c_str(), 0700), 0);
+    }));
+    const Attrs attrs(0755);
+    tov_file::MkDir(path, &attrs);
+  });
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.error,
+            "cannot open '" + path + "': " + std::strerror(ENOTDIR));
+  EXPECT_EQ(ModeOf(victim), 0700U);
+}
+
+}  // namespace
