@@ -17,22 +17,28 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 #include <string_view>
 
 #include "descriptor.h"
+#include "log_limit.h"
 
 namespace tov_log {
 namespace {
 
 using tov_internal::Descriptor;
+using tov_internal::kMostPerFormat;
 using tov_internal::RetryInterrupted;
+using tov_internal::UsedFormat;
 
 /// Above every level, so that the first Check of the process passes the
 /// comparison and finds that nothing is set up yet.
 constexpr int kNotSetUp = INT32_MAX;
 constexpr int kDefaultThreshold = Warning;
+/// Who sets a higher threshold wants all that there is.
+constexpr int kLastLimitedLevel = Warning;
 
 /// Not more than PIPE_BUF, so that a pipe takes a line whole or not at all.
 constexpr std::size_t kLineSize = 4096;
@@ -91,13 +97,6 @@ class Line {
   /// Adds text as it is, which must fit.
   void AppendOwn(std::string_view text) { Put(text); }
 
-  /// Ends the line here, or where there was still room to say so.
-  void Cut() {
-    if (cut_) return;
-    size_ = last_place_to_cut_;
-    cut_ = true;
-  }
-
   std::string_view Finish() {
     if (cut_) Put(kCutMark);
     Put(kLineEnd);
@@ -118,6 +117,12 @@ class Line {
                 : std::string_view(&byte, 1);
     if (size_ + written.size() + kLineEnd.size() > kLineSize) Cut();
     if (!cut_) Put(written);
+  }
+
+  /// Ends the line where there was still room to say so.
+  void Cut() {
+    size_ = last_place_to_cut_;
+    cut_ = true;
   }
 
   void Put(std::string_view text) {
@@ -165,12 +170,11 @@ Target OpenSyslog() {
 }
 
 Target OpenFile(const char* path) {
-  // Without O_NONBLOCK a FIFO that nobody reads would block for ever.
-  Descriptor file = tov_internal::AboveStandard(
-      ::open(path,
-             O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NOCTTY |
-                 O_NONBLOCK | O_CLOEXEC,
-             0640));
+  // Without O_NONBLOCK a FIFO that nobody reads would block for ever. A
+  // terminal that is opened for writing only does not become the process's own.
+  Descriptor file = tov_internal::AboveStandard(::open(
+      path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+      0640));
   if (!file) return {};
   const Kind kind = KindOf(file.Get());
   return {kind, file.Release()};
@@ -237,7 +241,9 @@ bool WaitForRoom(int descriptor, std::int64_t milliseconds) {
     const std::int64_t left =
         std::max<std::int64_t>(end - MillisecondsNow(), 0);
     pollfd room{descriptor, POLLOUT, 0};
-    const int ready = ::poll(&room, 1, static_cast<int>(left));
+    const timespec limit{left / 1000, left % 1000 * 1'000'000};
+    // Not by poll(2), which tests of the product replace.
+    const int ready = ::ppoll(&room, 1, &limit, nullptr);
     if (ready > 0) return (room.revents & POLLNVAL) == 0;
     if (ready == 0 || errno != EINTR || left == 0) return false;
   }
@@ -308,9 +314,68 @@ void AppendMessage(Line& line, const char* format, va_list arguments) {
     line.Append(format);
     return;
   }
+  // What does not fit here does not fit into the line either, which says so.
   const auto size = static_cast<std::size_t>(length);
   line.Append({message, std::min(size, sizeof(message) - 1)});
-  if (size >= sizeof(message)) line.Cut();
+}
+
+struct Origin {
+  const char* name;
+  const char* group;
+  Level level;
+};
+
+void WriteLine(const Origin& origin, const char* format, va_list arguments) {
+  Target target = TheTarget();
+  if (target.kind == Kind::Unseen) target.kind = KindOf(target.descriptor);
+
+  Line line;
+  if (target.kind == Kind::File) AppendTime(line);
+  if (target.kind == Kind::Syslog) AppendPriority(line, origin.level);
+  line.Append(origin.name);
+  AppendProcess(line);
+  line.Append(origin.group);
+  line.Append(" ");
+  line.Append(NameOf(origin.level));
+  line.Append(": ");
+  AppendMessage(line, format, arguments);
+  Deliver(target, line.Finish());
+}
+
+__attribute__((format(printf, 2, 3))) void WriteAbout(const UsedFormat& used,
+                                                      const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  WriteLine({used.name, used.group, static_cast<Level>(used.level)}, format,
+            arguments);
+  va_end(arguments);
+}
+
+void AnnounceDropping(const UsedFormat& used) {
+  WriteAbout(used, "further messages are dropped after %u of \"%s\"",
+             kMostPerFormat, used.text);
+}
+
+std::atomic<bool> will_report{false};
+
+/// At the end of the process, or when the library is unloaded.
+void ReportDropped() {
+  // What is dropped even later has itself reported once more.
+  will_report = false;
+  tov_internal::ReportDropped([](const UsedFormat& used) {
+    WriteAbout(used, "messages dropped: %lu of \"%s\"", used.dropped,
+               used.text);
+  });
+}
+
+bool IsDropped(const Origin& origin, const char* format) {
+  if (origin.level > kLastLimitedLevel) return false;
+  if (tov_internal::MayWrite({origin.name, origin.group, origin.level, format},
+                             AnnounceDropping)) {
+    return false;
+  }
+  if (!will_report.exchange(true)) std::atexit(ReportDropped);
+  return true;
 }
 
 }  // namespace
@@ -328,23 +393,12 @@ bool Module::Check(Level level) {
 void Module::Write(Level level, const char* format, ...) {
   const ErrnoKeeper keeper;
   if (threshold.load(std::memory_order_relaxed) == kNotSetUp) SetUp();
-  Target target = TheTarget();
-  if (target.kind == Kind::Unseen) target.kind = KindOf(target.descriptor);
-
-  Line line;
-  if (target.kind == Kind::File) AppendTime(line);
-  if (target.kind == Kind::Syslog) AppendPriority(line, level);
-  line.Append(name_);
-  AppendProcess(line);
-  line.Append(group_);
-  line.Append(" ");
-  line.Append(NameOf(level));
-  line.Append(": ");
+  const Origin origin{name_, group_, level};
+  if (IsDropped(origin, format)) return;
   va_list arguments;
   va_start(arguments, format);
-  AppendMessage(line, format, arguments);
+  WriteLine(origin, format, arguments);
   va_end(arguments);
-  Deliver(target, line.Finish());
 }
 
 }  // namespace tov_log

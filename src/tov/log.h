@@ -9,9 +9,21 @@
 ///   file, which is made with mode 0640 and appended to. A target that cannot
 ///   be opened is replaced by standard error.
 ///
-/// Both are read, and the target is opened, at the first Module::Check or
-/// Module::Write of the process and never again: a later moment could be
-/// inside the home of an account, still as root.
+/// Of the levels up to Warning at most 100 messages of one format are written
+/// in one process, so that a client cannot fill the log. The next one is
+/// replaced by the line `further messages are dropped after 100 of "<format>"`.
+/// When the process ends by exit(3), or the library is unloaded, the line
+/// `messages dropped: <number> of "<format>"` follows, and again if a later
+/// handler of the exit logs more of them. Both lines have the name, part and
+/// level of the first message that was dropped. Formats are compared by their
+/// text, of which the first 175 bytes count; from the 32nd format on, all
+/// further ones are counted and reported together as "(other formats)". A child
+/// process counts for itself. A message that a signal handler or another thread
+/// writes while one is being counted is not counted.
+///
+/// Both variables are read, and the target is opened, at the first
+/// Module::Check or Module::Write of the process and never again: a later
+/// moment could be inside the home of an account, still as root.
 #ifndef TOV_LOG_H
 #define TOV_LOG_H
 
@@ -45,7 +57,8 @@ class TOV_API Module {
   /// a comparison.
   bool Check(Level level);
 
-  /// Writes a message made as by printf(3), whatever its level.
+  /// Writes a message made as by printf(3), whatever its level, unless too many
+  /// of its format were written before.
   ///
   /// The line is "name[process id] group level: message", at most 4096 bytes
   /// with its line end; a longer one is cut and ends in "...". A file also

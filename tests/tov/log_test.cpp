@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -11,6 +12,7 @@
 #include <sys/time.h>
 #include <sys/uio.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <tov/log.h>
 #include <unistd.h>
 #include <zancgi/testing/child.h>
@@ -26,6 +28,8 @@
 #include <thread>
 #include <vector>
 
+#include "support/terminal.h"
+
 namespace {
 
 using zan_cgi::testing::Child;
@@ -37,6 +41,9 @@ using Clock = std::chrono::steady_clock;
 /// How often something was handed to the system for writing; -1 while nobody
 /// counts.
 std::atomic<int> writes{-1};
+
+/// Whether an interposed poll(2) says at once that its time is up.
+std::atomic<bool> polls_time_out{false};
 
 void CountWrite() {
   if (writes >= 0) ++writes;
@@ -363,6 +370,27 @@ TEST(LogLine, CannotBeForgedByAnArgument) {
   EXPECT_EQ(TextOf(line), "x\\x0d\\x0azancgi[1] core error: forged\\x1b[2J\n");
 }
 
+/// errno after a deed that began with 4711.
+std::string ErrnoAfter(const std::function<void()>& deed) {
+  errno = 4711;
+  deed();
+  return std::to_string(errno);
+}
+
+TEST(LogLine, LeavesErrnoAlone) {
+  const Scratch scratch;
+  const auto outcome =
+      RunQuietly(Child().Env("TOV_LOG", scratch.Path()), [](const Told& told) {
+        told("check", ErrnoAfter([] { Log().Check(tov_log::Error); }));
+        SlowReader reader = SlowReader::Pipe();
+        reader.Close();
+        // To a pipe that nobody reads.
+        told("write", ErrnoAfter([] { WriteText("x"); }));
+      });
+  EXPECT_EQ(outcome.told.at("check"), "4711");
+  EXPECT_EQ(outcome.told.at("write"), "4711");
+}
+
 TEST(LogLine, TakesNoFormatFromAnArgument) {
   EXPECT_EQ(TextOf(LineOfText("%n%s%d")), "%n%s%d\n");
 }
@@ -557,26 +585,105 @@ int ListenAsSyslog() {
              : -1;
 }
 
-TEST(LogTarget, MayBeSyslog) {
-  if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
-  const auto outcome =
-      RunQuietly(Child().Env("TOV_LOG", "syslog"), [](const Told& told) {
-        const int listener = ListenAsSyslog();
-        if (listener < 0) return;
-        Log().Write(tov_log::Warning, "for syslog");
-        char message[4096];
-        const ssize_t size =
-            ::recv(listener, message, sizeof(message), MSG_DONTWAIT);
-        told("message", std::string(message, static_cast<std::size_t>(
-                                                 std::max<ssize_t>(size, 0))));
-        ::close(listener);
-      });
-  ASSERT_TRUE(outcome.told.contains("message")) << "no private file system";
-  const std::string& message = outcome.told.at("message");
+class Syslog : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
+  }
+
+  static Outcome RunWithSyslog(
+      const std::function<void(int listener, const Told&)>& body) {
+    return RunQuietly(Child().Env("TOV_LOG", "syslog"), [&](const Told& told) {
+      const int listener = ListenAsSyslog();
+      ASSERT_GE(listener, 0) << "no private file system";
+      body(listener, told);
+      ::close(listener);
+    });
+  }
+
+  static std::string Receive(int listener) {
+    char message[4096];
+    const ssize_t size =
+        ::recv(listener, message, sizeof(message), MSG_DONTWAIT);
+    return {message, static_cast<std::size_t>(std::max<ssize_t>(size, 0))};
+  }
+};
+
+TEST_F(Syslog, GetsEachMessageWithItsPriority) {
+  const auto outcome = RunWithSyslog([](int listener, const Told& told) {
+    for (int level = 0; level <= 9; ++level) {
+      Log().Write(static_cast<tov_log::Level>(level), "for syslog");
+      told(std::to_string(level), Receive(listener));
+    }
+  });
   EXPECT_EQ(outcome.standard_error, "");
-  EXPECT_TRUE(Has(message, "for syslog")) << message;
-  ASSERT_TRUE(message.starts_with("<")) << message;
-  EXPECT_EQ(std::stoi(message.substr(1)) % 8, 4) << message;
+  for (int level = 0; level <= 9; ++level) {
+    const std::string& message = outcome.told.at(std::to_string(level));
+    // Facility 3 is that of daemons; 7 is the last priority.
+    const int priority = 3 * 8 + std::min(level, 7);
+    EXPECT_TRUE(
+        message.starts_with("<" + std::to_string(priority) + ">zancgi["))
+        << message;
+    EXPECT_TRUE(message.ends_with(": for syslog\n")) << message;
+  }
+}
+
+TEST_F(Syslog, SocketIsNotInheritedByOtherPrograms) {
+  const auto outcome = RunWithSyslog([](int /*listener*/, const Told& told) {
+    WriteText("x");
+    for (int descriptor = 3; descriptor < 100; ++descriptor) {
+      sockaddr_un peer{};
+      socklen_t size = sizeof(peer);
+      if (::getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer),
+                        &size) == 0 &&
+          std::string(peer.sun_path) == "/dev/log") {
+        told("flags", std::to_string(::fcntl(descriptor, F_GETFD)));
+      }
+    }
+  });
+  EXPECT_EQ(outcome.told.at("flags"), std::to_string(FD_CLOEXEC));
+}
+
+/// Runs a process in which descriptors are closed from this one on, and returns
+/// what its body does.
+bool HoldsWithClosed(unsigned first, const std::function<bool()>& body) {
+  const pid_t process = ::fork();
+  if (process == 0) {
+    ::close_range(first, ~0U, 0);
+    ::_exit(body() ? 0 : 1);
+  }
+  int status = 1;
+  return ::waitpid(process, &status, 0) == process && status == 0;
+}
+
+TEST(LogTarget, IsTheFirstDescriptorAboveTheStandardOnes) {
+  const Scratch scratch;
+  const std::string path = scratch / "log";
+  for (const unsigned first : {0U, 1U, 2U, 3U}) {
+    EXPECT_TRUE(HoldsWithClosed(
+        first,
+        [&] {
+          ::setenv("TOV_LOG", path.c_str(), 1);
+          WriteText("x");
+          bool as_before = true;
+          for (int low = 0; low < 3; ++low) {
+            const bool is_open = ::fcntl(low, F_GETFD) >= 0;
+            as_before = as_before && is_open == (low < static_cast<int>(first));
+          }
+          return as_before && ::fcntl(3, F_GETFD) == FD_CLOEXEC &&
+                 ::fcntl(4, F_GETFD) < 0;
+        }))
+        << "closed from " << first;
+    EXPECT_TRUE(zan_cgi::testing::ReadFile(path).ends_with(": x\n"));
+  }
+}
+
+TEST(LogTarget, IsNotTakenForAControllingTerminal) {
+  if (!support::CanTakeTerminals()) GTEST_SKIP() << "needs terminals";
+  EXPECT_FALSE(support::TakesTerminal([](const std::string& path) {
+    ::setenv("TOV_LOG", path.c_str(), 1);
+    WriteText("x");
+  }));
 }
 
 TEST(LogSetup, IsReadAtTheFirstCheck) {
@@ -644,6 +751,18 @@ INSTANTIATE_TEST_SUITE_P(Slow, LogReader, testing::Bool(),
 
 TEST_P(LogReader, GetsTheLine) {
   const auto outcome = RunQuietly(Child(), [&](const Told& told) {
+    SlowReader reader = MakeReader();
+    WriteText("x");
+    told("got", reader.Drain());
+    reader.Close();
+  });
+  EXPECT_EQ(TextOf(outcome.told.at("got")), "x\n");
+}
+
+// Tests of front ends replace poll(2) to play with standard input.
+TEST_P(LogReader, GetsTheLineWhateverPollSays) {
+  const auto outcome = RunQuietly(Child(), [&](const Told& told) {
+    polls_time_out = true;
     SlowReader reader = MakeReader();
     WriteText("x");
     told("got", reader.Drain());
@@ -720,6 +839,24 @@ TEST_P(LogReader, IsNotWaitedForAgainAndAgain) {
     reader.Close();
   });
   EXPECT_LT(std::stoi(outcome.told.at("waited")), 1600);
+}
+
+TEST_P(LogReader, IsWaitedForTheRestOfTheSecondLater) {
+  const auto outcome = RunQuietly(Child(), [&](const Told& told) {
+    SlowReader reader = MakeReader();
+    reader.Fill();
+    std::thread waking([&] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(300));
+      reader.Drain();
+    });
+    long waited = Milliseconds([] { WriteText("x"); });
+    waking.join();
+    reader.Fill();
+    waited += Milliseconds([] { WriteText("x"); });
+    told("waited", std::to_string(waited));
+    reader.Close();
+  });
+  EXPECT_GE(std::stoi(outcome.told.at("waited")), 900);
 }
 
 TEST_P(LogReader, GetsLaterLinesAfterItHasWokenUp) {
@@ -813,4 +950,14 @@ EXPORTED ssize_t writev(int fd, const iovec* iovec, int count) {
 EXPORTED ssize_t send(int fd, const void* buf, size_t n, int flags) {
   CountWrite();
   return ::syscall(SYS_sendto, fd, buf, n, flags, nullptr, 0);
+}
+
+// Under a name of its own, since its header declares that it only writes to
+// fds.
+extern "C" int TimedOutPoll(pollfd* fds, nfds_t nfds,
+                            int timeout) __asm__("poll");
+
+EXPORTED int TimedOutPoll(pollfd* fds, nfds_t nfds, int timeout) {
+  if (polls_time_out) return 0;
+  return static_cast<int>(::syscall(SYS_poll, fds, nfds, timeout));
 }

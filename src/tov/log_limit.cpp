@@ -1,0 +1,125 @@
+#include "log_limit.h"
+
+#include <sys/mman.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstring>
+#include <span>
+
+namespace tov_internal {
+namespace {
+
+/// A program has few formats for what goes wrong.
+constexpr std::size_t kFormats = 31;
+
+/// None until there is a message. As part of the library's own memory they
+/// would cost a page fault at each start: they would move other variables
+/// apart.
+std::span<UsedFormat> formats;
+
+/// All formats for which there was no room, as texts made by chance might be.
+UsedFormat others;
+constexpr char kOthers[] = "(other formats)";
+
+pid_t counting_process = 0;
+std::atomic_flag in_use;
+
+/// The table, for one user at a time. Who comes second does not wait: it may be
+/// a signal handler that has interrupted the first.
+class Table {
+ public:
+  Table() : is_ours_(!in_use.test_and_set(std::memory_order_acquire)) {}
+  ~Table() {
+    if (is_ours_) in_use.clear(std::memory_order_release);
+  }
+  Table(const Table&) = delete;
+  Table& operator=(const Table&) = delete;
+
+  explicit operator bool() const { return is_ours_; }
+
+ private:
+  bool is_ours_;
+};
+
+/// Forgets what the parent process has counted.
+void StartAgainInChild() {
+  const pid_t process = ::getpid();
+  if (process == counting_process) return;
+  counting_process = process;
+  others = {};
+  for (UsedFormat& used : formats) used = {};
+}
+
+void MakeFormats() {
+  void* memory =
+      ::mmap(nullptr, kFormats * sizeof(UsedFormat), PROT_READ | PROT_WRITE,
+             MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (memory != MAP_FAILED) {
+    formats = {static_cast<UsedFormat*>(memory), kFormats};
+  }
+}
+
+template <std::size_t kSize>
+void CopyBeginning(char (&to)[kSize], const char* from) {
+  const std::size_t size = ::strnlen(from, kSize - 1);
+  std::memcpy(to, from, size);
+  to[size] = '\0';
+}
+
+UsedFormat& EntryOf(const char* format) {
+  if (formats.empty()) MakeFormats();
+  for (UsedFormat& used : formats) {
+    if (used.written == 0) {
+      CopyBeginning(used.text, format);
+      return used;
+    }
+    if (std::strncmp(used.text, format, sizeof(used.text) - 1) == 0) {
+      return used;
+    }
+  }
+  CopyBeginning(others.text, kOthers);
+  return others;
+}
+
+void Announce(UsedFormat& used, const LimitedMessage& message,
+              Report announce) {
+  used.announced = true;
+  CopyBeginning(used.name, message.name);
+  CopyBeginning(used.group, message.group);
+  used.level = message.level;
+  announce(used);
+}
+
+void ReportDroppedOf(UsedFormat& used, Report report) {
+  if (used.dropped > 0) report(used);
+  used.dropped = 0;
+}
+
+}  // namespace
+
+bool MayWrite(const LimitedMessage& message, Report announce) {
+  const Table table;
+  if (!table) return true;
+  StartAgainInChild();
+  UsedFormat& used = EntryOf(message.format);
+  if (used.written < kMostPerFormat) {
+    ++used.written;
+    return true;
+  }
+  ++used.dropped;
+  if (!used.announced) Announce(used, message, announce);
+  return false;
+}
+
+void ReportDropped(Report report) {
+  const Table table;
+  if (!table) return;
+  StartAgainInChild();
+  for (UsedFormat& used : formats) ReportDroppedOf(used, report);
+  ReportDroppedOf(others, report);
+}
+
+}  // namespace tov_internal

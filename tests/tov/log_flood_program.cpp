@@ -1,0 +1,3 @@
+extern "C" void FloodLog();
+
+int main() { FloodLog(); }
