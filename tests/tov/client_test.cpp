@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -15,6 +16,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/backend.h"
@@ -132,14 +134,20 @@ testing::AssertionResult IsRefusedBeforeAnythingIsOpened(
          << outcome.error_type << ": " << outcome.error;
 }
 
-testing::AssertionResult LineIsRefused(const std::string& line) {
+/// @param name  what of the line the error is to show
+testing::AssertionResult LineIsRefused(const std::string& line,
+                                       const std::string& name) {
   Backend backend;
   backend.Then(CloseSilently());
   const Outcome outcome = RunCleanly(Child().With(backend), [&](const Told&) {
     Connect(backend.Name(), false)->SendEnv(line);
   });
-  return (outcome.error_type == "tov_err::Value" ? testing::AssertionSuccess()
-                                                 : testing::AssertionFailure())
+  const std::string error =
+      "bad value '" + name + "' of 'environment variable'";
+  // A text of what() ends at a zero byte.
+  const bool good =
+      outcome.error_type == "tov_err::Value" && outcome.error == error.c_str();
+  return (good ? testing::AssertionSuccess() : testing::AssertionFailure())
          << outcome.error_type << ": " << outcome.error;
 }
 
@@ -179,18 +187,91 @@ void Pause(int milliseconds) {
   ::usleep(static_cast<useconds_t>(milliseconds) * 1000);
 }
 
+/// A socket of this name on which this process listens.
+int Listen(const std::string& socket_path, int backlog) {
+  const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, socket_path.data(), socket_path.size());
+  EXPECT_EQ(::bind(listener, reinterpret_cast<const sockaddr*>(&address),
+                   sizeof(address)),
+            0);
+  EXPECT_EQ(::listen(listener, backlog), 0);
+  return listener;
+}
+
+/// A service in the client's own process: it does nothing unless it is told to.
+class OwnService {
+ public:
+  OwnService() : listener_(Listen(run_dir_ / "own.sock", 1)) {
+    ::setenv("TOV_RUN_DIR", run_dir_.Path().c_str(), 1);
+    protocol_ = Connect("own", false);
+    connection_ = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    protocol_->RequestComplete();
+  }
+  ~OwnService() {
+    Close();
+    ::close(listener_);
+  }
+
+  Protocol& Client() { return *protocol_; }
+
+  /// Sends a piece, and has the client take it before it returns.
+  std::string Pass(const std::string& piece) {
+    ::send(connection_, piece.data(), piece.size(), MSG_NOSIGNAL);
+    std::string taken;
+    std::string room(piece.size(), '\0');
+    while (taken.size() < piece.size()) {
+      const auto count = Client().GetAnswer(room.data(), room.size());
+      taken.append(room, 0, count);
+    }
+    return taken;
+  }
+  void EndAnswer() { ::shutdown(connection_, SHUT_WR); }
+  /// Without having read the request.
+  void Close() { ::close(std::exchange(connection_, -1)); }
+
+ private:
+  Scratch run_dir_;
+  int listener_;
+  int connection_ = -1;
+  std::unique_ptr<Protocol> protocol_;
+};
+
+/// An answer that arrives in exactly these pieces.
+Outcome AnswerInPieces(const Lines& pieces) {
+  return RunCleanly(Child(), [&](const Told& told) {
+    OwnService service;
+    std::string answer;
+    for (const std::string& piece : pieces) answer += service.Pass(piece);
+    service.EndAnswer();
+    told("answer", answer + WholeAnswer(service.Client(), 100));
+  });
+}
+
+testing::AssertionResult PiecesAreHandedOn(const Lines& pieces) {
+  const Outcome outcome = AnswerInPieces(pieces);
+  return (outcome.error.empty() && outcome.told.contains("answer")
+              ? testing::AssertionSuccess()
+              : testing::AssertionFailure())
+         << outcome.error;
+}
+
+testing::AssertionResult PiecesAreRefused(const Lines& pieces) {
+  const Outcome outcome = AnswerInPieces(pieces);
+  return (outcome.error ==
+                  "the answer of back end 'own' is shorter than its "
+                  "Content-Length"
+              ? testing::AssertionSuccess()
+              : testing::AssertionFailure())
+         << outcome.error;
+}
+
 /// A service that takes its time for everything, in a process of its own.
 class SlowService {
  public:
-  explicit SlowService(const std::string& socket_path) {
-    listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, socket_path.data(), socket_path.size());
-    EXPECT_EQ(::bind(listener_, reinterpret_cast<const sockaddr*>(&address),
-                     sizeof(address)),
-              0);
-    EXPECT_EQ(::listen(listener_, 1), 0);
+  explicit SlowService(const std::string& socket_path)
+      : listener_(Listen(socket_path, 1)) {
     process_ = ::fork();
     if (process_ == 0) Serve();
     ::close(listener_);
@@ -291,20 +372,20 @@ TEST(Request, MayBeLargerThanASocketsBuffer) {
 }
 
 TEST(Request, RefusesALineThatIsNoVariable) {
-  EXPECT_TRUE(LineIsRefused(""));
-  EXPECT_TRUE(LineIsRefused("NAME"));
-  EXPECT_TRUE(LineIsRefused("=value"));
+  EXPECT_TRUE(LineIsRefused("", ""));
+  EXPECT_TRUE(LineIsRefused("NAME", "NAME"));
+  EXPECT_TRUE(LineIsRefused("=value", ""));
 }
 
 TEST(Request, RefusesALineWithAZeroByte) {
-  EXPECT_TRUE(LineIsRefused(std::string("A=1\0B=2", 7)));
-  EXPECT_TRUE(LineIsRefused(std::string("A\0B=2", 5)));
+  EXPECT_TRUE(LineIsRefused(std::string("A=1\0B=2", 7), "A"));
+  EXPECT_TRUE(LineIsRefused(std::string("A\0B=2", 5), std::string("A\0B", 3)));
 }
 
 TEST(Request, RefusesTheNamesOfTheWireFormat) {
-  EXPECT_TRUE(LineIsRefused("CONTENT_LENGTH=5"));
-  EXPECT_TRUE(LineIsRefused("CONTENT_LENGTH="));
-  EXPECT_TRUE(LineIsRefused("SCGI=1"));
+  EXPECT_TRUE(LineIsRefused("CONTENT_LENGTH=5", "CONTENT_LENGTH"));
+  EXPECT_TRUE(LineIsRefused("CONTENT_LENGTH=", "CONTENT_LENGTH"));
+  EXPECT_TRUE(LineIsRefused("SCGI=1", "SCGI"));
 }
 
 TEST(Request, TakesNamesThatResembleThoseOfTheWireFormat) {
@@ -332,6 +413,8 @@ TEST(Connect, RefusesANameWithAZeroByte) {
 TEST(Connect, RefusesANameThatIsTooLong) {
   EXPECT_TRUE(IsRefusedBeforeAnythingIsOpened(std::string(200, 'n')));
   EXPECT_TRUE(IsRefusedBeforeAnythingIsOpened(NameForPathOf(109)));
+  // As many bytes as an address has, which leaves none for the final zero.
+  EXPECT_TRUE(IsRefusedBeforeAnythingIsOpened(NameForPathOf(108)));
 }
 
 TEST(Connect, TakesTheLongestNameThatFits) {
@@ -468,6 +551,20 @@ TEST(AnswerText, HasEndedForGood) {
   EXPECT_EQ(outcome.told.at("more"), "");
 }
 
+// The kernel reports a peer that has not read everything once it has closed.
+TEST(AnswerText, IsNotReadOnAfterItsEnd) {
+  const Outcome outcome = RunCleanly(Child(), [](const Told& told) {
+    OwnService service;
+    std::string answer = service.Pass("x");
+    service.EndAnswer();
+    answer += WholeAnswer(service.Client(), 100);
+    service.Close();
+    told("answer", answer + WholeAnswer(service.Client(), 100));
+  });
+  EXPECT_EQ(outcome.error, "");
+  EXPECT_EQ(outcome.told.at("answer"), "x");
+}
+
 TEST(AnswerText, WithoutASingleByteIsAnError) {
   EXPECT_EQ(ConverseWith(CloseSilently()).error_type, "tov_err::Error");
 }
@@ -514,6 +611,9 @@ TEST(ContentLength, MayBeRepeated) {
 TEST(ContentLength, WithTwoMeaningsIsAnError) {
   EXPECT_TRUE(IsRefused("Content-Length: 5\r\nContent-Length: 4\r\n\r\nhello"));
   EXPECT_TRUE(IsRefused("Content-Length: 4\r\nContent-Length: 5\r\n\r\nhello"));
+  EXPECT_TRUE(
+      IsRefused("Content-Length: 5\nContent-Length: 4\nContent-Length: 4\n"
+                "\nhello"));
 }
 
 TEST(ContentLength, ThatIsNoNumberIsAnError) {
@@ -539,6 +639,41 @@ TEST(ContentLength, CountsBeforeTheFirstLineOnlyThatIsNoHeader) {
 TEST(ContentLength, IsTextWhenALineBehindItIsNoHeader) {
   EXPECT_TRUE(IsHandedOn("Content-Length: 100\nhello world"));
   EXPECT_TRUE(IsHandedOn("Content-Length: 100\n<doc>\n\n</doc>"));
+}
+
+TEST(ContentLength, WithoutAMeaningIsTextWhenALineBehindItIsNoHeader) {
+  EXPECT_TRUE(IsHandedOn("Content-Length: x\nhello world"));
+  EXPECT_TRUE(IsHandedOn("Content-Length: 5\nContent-Length: 4\n<doc/>\n"));
+}
+
+TEST(ContentLength, IsFoundWhereverTheAnswerIsCut) {
+  EXPECT_TRUE(PiecesAreRefused({"Content-Length: 6\r\n\r", "\nhello"}));
+  EXPECT_TRUE(PiecesAreRefused({"Content-Length: 6\r\n", "\r", "\nhello"}));
+  EXPECT_TRUE(PiecesAreRefused({"Content-Length: 6\r", "\n\r\nhello"}));
+  EXPECT_TRUE(PiecesAreRefused({"Content-Len", "gth: 6\n", "\nhello"}));
+  EXPECT_TRUE(PiecesAreHandedOn({"Content-Length: 5\r\n\r", "\nhello"}));
+  EXPECT_TRUE(PiecesAreHandedOn({"Content-Length: 60\r\n\r", "hello"}));
+}
+
+TEST(ContentLength, CountsWhileTheNextLineMayBecomeAHeader) {
+  const std::string length = "Content-Length: 2000\n";
+  EXPECT_TRUE(IsRefused(length + std::string(1023, 'n')));
+  EXPECT_TRUE(IsHandedOn(length + std::string(1024, 'n')));
+  EXPECT_TRUE(IsRefused(length + "\r"));
+  EXPECT_TRUE(IsHandedOn(length + "n\r"));
+}
+
+TEST(ContentLength, CountsAfterAHeaderOfWhatLengthEver) {
+  const std::string rest = "\nContent-Length: 6\n\nhello";
+  EXPECT_TRUE(IsRefused("X: " + std::string(3000, 'x') + rest));
+  EXPECT_TRUE(IsRefused(std::string(1023, 'n') + ":" + rest));
+}
+
+TEST(ContentLength, DoesNotCountAfterANameOfMoreThanALine) {
+  const std::string rest = ": x\nContent-Length: 6\n\nhello";
+  EXPECT_TRUE(IsHandedOn(std::string(1024, 'n') + rest));
+  EXPECT_TRUE(PiecesAreHandedOn(
+      {std::string(1000, 'n'), std::string(100, 'n') + rest}));
 }
 
 TEST(ContentLength, OfAnAnswerThatEndsAmongItsHeadersIsAnError) {
@@ -570,6 +705,32 @@ TEST(Signals, DoNotInterruptAConversation) {
   EXPECT_EQ(outcome.error, "");
   EXPECT_EQ(outcome.told.at("answer"), "first second");
   EXPECT_GT(std::stoi(outcome.told.at("alarms")), 50);
+}
+
+TEST(Signals, DoNotInterruptAConnectionThatHasToWait) {
+  const Scratch run_dir;
+  const Outcome outcome = RunCleanly(
+      Child().Env("TOV_RUN_DIR", run_dir.Path()), [](const Told& told) {
+        const int listener =
+            Listen(std::string(::getenv("TOV_RUN_DIR")) + "/busy.sock", 0);
+        // As many as may wait.
+        const auto first = Connect("busy", false);
+        StartSignalStorm();
+        const pid_t service = ::fork();
+        if (service == 0) {
+          Pause(200);
+          ::accept(listener, nullptr, nullptr);
+          Pause(10'000);
+          ::_exit(0);
+        }
+        const auto second = Connect("busy", false);
+        told("alarms", std::to_string(alarms));
+        ::kill(service, SIGKILL);
+        ::waitpid(service, nullptr, 0);
+        ::close(listener);
+      });
+  EXPECT_EQ(outcome.error, "");
+  EXPECT_GT(std::stoi(outcome.told.at("alarms")), 10);
 }
 
 /// Sends more than a socket takes to a back end that closes without reading.
