@@ -66,9 +66,17 @@ bool SameFile(const struct stat& left, const struct stat& right) {
   return left.st_dev == right.st_dev && left.st_ino == right.st_ino;
 }
 
-/// Makes a new file beside or at @p pattern, whose end is replaced.
+/// Makes a new file beside or at @p pattern, whose end is replaced. Where it
+/// returns no descriptor, it leaves no file.
 Descriptor MakeUnique(std::string& pattern) {
-  return AboveStandard(::mkostemp(pattern.data(), O_CLOEXEC));
+  const int made = ::mkostemp(pattern.data(), O_CLOEXEC);
+  Descriptor file = AboveStandard(made);
+  if (made >= 0 && !file) {
+    const int error = errno;
+    ::unlink(pattern.c_str());
+    errno = error;
+  }
+  return file;
 }
 
 /// A name that no file has yet, when one cannot be made to prove it.

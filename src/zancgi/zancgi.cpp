@@ -673,16 +673,44 @@ class BodyParser {
   }
 
   void CreateFile() {
-    const std::string name =
-        tov_file::Tmp(tov_file::ConcatPath(request_.tmp_dir, "zantemp")).Name();
-    ReplacePath(Upload().path, name);
+    const std::string& path = MakeFile();
     if (log.Check(kTrace)) {
-      log.Write(kTrace, "%s Creating new file %s", "ParseInput", name.c_str());
+      log.Write(kTrace, "%s Creating new file %s", "ParseInput", path.c_str());
     }
-    file_.Open(name);
+    file_.Open(path);
     Attend(file_.IsOpen(),
-           [&name] { tov_file::Attrs(0700).SafeSet(name, false); });
+           [&path] { tov_file::Attrs(0700).SafeSet(path, false); });
     file_size_ = 0;
+  }
+
+  /// Makes a file and the entry that names it, and returns the entry's path. A
+  /// file without an entry would never be removed, so it does not outlive a
+  /// failure to make one.
+  ///
+  /// Of two uploads with one client file name the later counts. The entry's
+  /// size stays the earlier one's until the new upload is complete.
+  const std::string& MakeFile() {
+    const tov_file::Tmp made(tov_file::ConcatPath(request_.tmp_dir, "zantemp"));
+    try {
+      std::string other = made.Name();
+      std::string& path = Upload().path;
+      path.swap(other);
+      if (!other.empty()) RemoveIfPossible(other);
+      return path;
+    } catch (...) {
+      RemoveIfPossible(made.Name());
+      throw;
+    }
+  }
+
+  /// For a file whose removal nothing depends on: no reason to fail the
+  /// request, nor to hide why it fails.
+  static void RemoveIfPossible(const std::string& path) noexcept {
+    try {
+      tov_file::RemoveFile(path);
+    } catch (...) {
+      // It stays.
+    }
   }
 
   /// Does something to the upload's file. When the file could not even be
@@ -695,18 +723,6 @@ class BodyParser {
     } catch (...) {
       if (was_opened) throw;
     }
-  }
-
-  /// Of two uploads with one client file name the later counts, and nothing
-  /// would name the earlier one's file any more. The entry's size stays the
-  /// earlier one's until the new upload is complete.
-  static void ReplacePath(std::string& path, const std::string& name) {
-    try {
-      if (!path.empty()) tov_file::RemoveFile(path);
-    } catch (...) {
-      // Nobody waits for it: no reason to fail the request.
-    }
-    path = name;
   }
 
   void WriteCarry() {

@@ -2,9 +2,11 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -81,8 +83,8 @@ extern "C" int fstat(int fd, struct stat* buf) noexcept {
   return Pass<int>("fstat", "", fd, buf);
 }
 
-// Under names of their own, since their headers declare that write does not
-// look into buf as text, and that read only writes to it.
+// Under names of their own: their headers declare that write does not look into
+// buf as text, that read and poll only write to it, and any arguments of fcntl.
 extern "C" ssize_t WatchedRead(int fd, void* buf, size_t size) __asm__("read");
 
 extern "C" ssize_t WatchedRead(int fd, void* buf, size_t size) {
@@ -94,6 +96,24 @@ extern "C" ssize_t WatchedWrite(int fd, const void* buf,
 
 extern "C" ssize_t WatchedWrite(int fd, const void* buf, size_t size) {
   return Pass<ssize_t>("write", "", fd, buf, size);
+}
+
+extern "C" int WatchedPoll(pollfd* fds, nfds_t nfds,
+                           int timeout) __asm__("poll");
+
+extern "C" int WatchedPoll(pollfd* fds, nfds_t nfds, int timeout) {
+  return Pass<int>("poll", "", fds, nfds, timeout);
+}
+
+extern "C" int WatchedFcntl(int fd, int command,
+                            long argument) __asm__("fcntl");
+
+extern "C" int WatchedFcntl(int fd, int command, long argument) {
+  return Pass<int>("fcntl", "", fd, command, argument);
+}
+
+extern "C" int statfs64(const char* file, struct statfs64* buf) {
+  return Pass<int>("statfs64", file, file, buf);
 }
 
 extern "C" int fsync(int fd) { return Pass<int>("fsync", "", fd); }

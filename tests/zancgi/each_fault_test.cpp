@@ -1,0 +1,355 @@
+// One fault after the other: each allocation and each call of the system that
+// the parse of a form makes, and each allocation of a hand-over and of an
+// authorization. Nothing may be left behind, and nobody authorized.
+
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <tov/proc.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/identity.h>
+#include <zancgi/testing/input.h>
+#include <zancgi/testing/scratch.h>
+#include <zancgi/zancgi.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <exception>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/account.h"
+#include "support/allocations.h"
+#include "support/backend.h"
+#include "support/file_calls.h"
+#include "support/form.h"
+#include "support/hand_over.h"
+
+namespace {
+
+using support::Backend;
+using support::FileCall;
+using support::Owners;
+using support::Shortage;
+using zan_cgi::Cgi;
+using zan_cgi::testing::Answer;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Input;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::ReadFile;
+using zan_cgi::testing::Scratch;
+using zan_cgi::testing::Told;
+using Strings = std::vector<std::string>;
+using Texts = std::map<std::string, std::string>;
+
+/// A piece of work in which faults are made to happen.
+using Work = std::function<void()>;
+
+/// Does the work while faults happen, tells how many calls were open to them,
+/// and gives its exception back.
+using Faults = std::function<std::exception_ptr(const Work&, const Told&)>;
+
+std::exception_ptr FailureOf(const Work& work) {
+  try {
+    work();
+  } catch (...) {
+    return std::current_exception();
+  }
+  return nullptr;
+}
+
+Faults Without(const Shortage& shortage) {
+  return [shortage](const Work& work, const Told& told) {
+    support::BeginAllocations(shortage);
+    const std::exception_ptr failure = FailureOf(work);
+    const support::Allocations made = support::EndAllocations();
+    told("calls", std::to_string(made.count));
+    return failure;
+  };
+}
+
+/// Has the call of this number fail, counted from 1, with this error.
+Faults FailingCall(std::size_t number, int error) {
+  return [=](const Work& work, const Told& told) {
+    std::size_t count = 0;
+    support::WatchFileCalls([&](const FileCall& call) {
+      if (++count == number) told("failed call", call.name);
+      return count == number ? error : 0;
+    });
+    const std::exception_ptr failure = FailureOf(work);
+    support::WatchFileCalls(nullptr);
+    told("calls", std::to_string(count));
+    return failure;
+  };
+}
+
+/// Has a run meet its first fault, then its second, until it has none to meet.
+/// @param run  makes the run and returns what its child has come to
+template <class Run>
+void MeetEach(const std::function<Faults(std::size_t)>& faults,
+              const Run& run) {
+  for (std::size_t number = 1;; ++number) {
+    SCOPED_TRACE("fault " + std::to_string(number));
+    Outcome outcome = run(faults(number));
+    ASSERT_EQ(outcome.status, 0) << outcome.standard_error;
+    ASSERT_FALSE(outcome.timed_out);
+    EXPECT_EQ(outcome.leaked_descriptors, Strings{});
+    ASSERT_NE(outcome.told["calls"], "");
+    if (std::stoul(outcome.told["calls"]) < number) {
+      EXPECT_EQ(outcome.error, "");
+      EXPECT_GT(number, 10U);
+      return;
+    }
+  }
+}
+
+/// The same with each allocation: it alone fails, or all from there on.
+template <class Run>
+void MeetEachShortage(const Run& run) {
+  for (const bool lasts : {false, true}) {
+    SCOPED_TRACE(lasts ? "for good" : "once");
+    MeetEach([=](std::size_t number) { return Without({number, lasts}); }, run);
+  }
+}
+
+/// Names longer than a std::string holds without memory.
+const std::string kFirst = "the first of all holiday pictures.jpeg";
+const std::string kSecond = "the second of all holiday pictures.jpeg";
+const std::string kField = "a field with a name that is long";
+
+const std::string kLong(100'000, 'x');
+
+/// Two uploads have the same name. The data of one spans chunks, one of which
+/// ends in the beginning of a separator.
+const std::string kForm =
+    support::Field(kField, "a value that is long enough") +
+    support::Upload("picture", kFirst, "replaced") +
+    support::Upload("another picture of the holidays", kSecond, kLong) +
+    support::Upload("picture", kFirst, "kept\r\n--X") + support::kFormEnd;
+
+const Texts kParams = {{kField, "a value that is long enough"},
+                       {"picture", kFirst},
+                       {"another picture of the holidays", kSecond}};
+
+void ExpectWhole(const Cgi::Data& record) {
+  EXPECT_EQ(record.params, kParams);
+  ASSERT_EQ(record.files.size(), 2U);
+  const std::pair<std::string, std::string> files[] = {{kFirst, "kept\r\n--X"},
+                                                       {kSecond, kLong}};
+  for (const auto& [name, content] : files) {
+    const Cgi::Data::FileInfo& file = record.files.at(name);
+    EXPECT_EQ(file.size, static_cast<std::int64_t>(content.size()));
+    EXPECT_TRUE(ReadFile(file.path) == content);
+  }
+}
+
+/// An entry either names a file of this parse or none.
+void ExpectOwnPaths(const Cgi::Data& record, const std::string& spool) {
+  for (const auto& [name, file] : record.files) {
+    EXPECT_TRUE(file.path.starts_with(spool + "/zantemp")) << file.path;
+  }
+}
+
+class EachFaultOfAParse : public testing::Test {
+ protected:
+  /// Parses the form and expects that it leaves nothing behind.
+  Outcome Parse(const Faults& faults, Child child = Child()) const {
+    const Input input = Input::File(kForm);
+    child.Env("CONTENT_TYPE", support::kForm)
+        .Env("CONTENT_LENGTH", std::to_string(kForm.size()))
+        .StandardInput(input);
+    const Outcome outcome = child.Run([&](const Told& told) {
+      std::exception_ptr failure;
+      {
+        Cgi::Data record;
+        record.tmp_dir = spool_.Path();
+        failure = faults([&record] { record.ParseInput(); }, told);
+        ExpectOwnPaths(record, spool_.Path());
+        if (!failure) ExpectWhole(record);
+      }
+      if (failure) std::rethrow_exception(failure);
+    });
+    ExpectNothingLeft(outcome);
+    return outcome;
+  }
+
+ private:
+  void ExpectNothingLeft(const Outcome& outcome) const {
+    const Strings left = spool_.List();
+    for (const std::string& name : left) {
+      std::filesystem::remove(spool_ / name);
+    }
+    // What failed may have been the removal of the file that was replaced.
+    const auto failed = outcome.told.find("failed call");
+    const bool is_removal =
+        failed != outcome.told.end() && failed->second == "unlink";
+    EXPECT_EQ(left.size(), is_removal ? 1U : 0U);
+  }
+
+  Scratch spool_;
+};
+
+TEST_F(EachFaultOfAParse, InItsMemoryLeavesNothingBehind) {
+  MeetEachShortage([&](const Faults& faults) {
+    Outcome outcome = Parse(faults);
+    EXPECT_TRUE(outcome.error_type.empty() ||
+                outcome.error_type == "std::bad_alloc")
+        << outcome.error_type;
+    return outcome;
+  });
+}
+
+TEST_F(EachFaultOfAParse, InItsCallsLeavesNothingBehind) {
+  for (const int error : {EIO, EACCES}) {
+    SCOPED_TRACE(error);
+    const auto failing_call = [error](std::size_t number) {
+      return FailingCall(number, error);
+    };
+    MeetEach(failing_call, [&](const Faults& faults) { return Parse(faults); });
+    // The upload's file is moved to a higher descriptor then.
+    MeetEach(failing_call, [&](const Faults& faults) {
+      return Parse(faults, Child().LogLevel(0).Closed(1).Closed(2));
+    });
+  }
+}
+
+class EachFaultOfAHandOver : public testing::TestWithParam<bool> {
+ protected:
+  void SetUp() override {
+    if (GetParam() && !Owners::CanBeAcross()) {
+      GTEST_SKIP() << "needs another file system";
+    }
+  }
+
+  /// Hands two uploads over, to a real account where that can be made.
+  Outcome HandOver(const Faults& faults) const {
+    const Owners owners(GetParam());
+    const Strings paths = {owners.MakeUpload("zantempAbCdEf"),
+                           owners.MakeUpload("zantempGhIjKl")};
+    const Outcome outcome = Child().Run([&](const Told& told) {
+      if (support::CanUseAccounts()) {
+        support::UseAccounts({owners.Visitor()}, {});
+      } else {
+        support::FakeAccount(owners.Visitor());
+      }
+      // The C library crashes when memory ends in the first look-up of all.
+      ::getpwnam("visitor");
+      std::exception_ptr failure;
+      {
+        Cgi::Data record;
+        AddUploads(paths, record);
+        failure = faults(
+            [&record] { record.DoChownFiles("visitor", "", false); }, told);
+        if (!failure) ExpectHandedOver(owners);
+      }
+      if (failure) std::rethrow_exception(failure);
+    });
+    EXPECT_EQ(owners.InSpool(), Strings{});
+    EXPECT_EQ(owners.InHome(), Strings{});
+    return outcome;
+  }
+
+ private:
+  static void AddUploads(const Strings& paths, Cgi::Data& record) {
+    for (const std::string& path : paths) {
+      record.files["picture that lies at " + path] = {path, 1};
+    }
+  }
+
+  static void ExpectHandedOver(const Owners& owners) {
+    EXPECT_EQ(owners.InHome(), (Strings{"zantempAbCdEf", "zantempGhIjKl"}));
+    for (const std::string& name : owners.InHome()) {
+      EXPECT_EQ(support::AttributesOf(owners.Home() + "/" + name),
+                owners.AttributesAfter());
+    }
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(ToAnotherFileSystem, EachFaultOfAHandOver,
+                         testing::Bool());
+
+TEST_P(EachFaultOfAHandOver, InItsMemoryLeavesNothingBehind) {
+  MeetEachShortage([&](const Faults& faults) {
+    Outcome outcome = HandOver(faults);
+    EXPECT_TRUE(outcome.error_type.empty() ||
+                outcome.error_type == "std::bad_alloc" ||
+                outcome.error == "failed to get pw entry")
+        << outcome.error_type << ": " << outcome.error;
+    return outcome;
+  });
+}
+
+/// Asks a back end that gives this answer whose session it is, and tells what
+/// auth() then says.
+Outcome Authorize(const Faults& faults, const std::string& answer) {
+  Backend backend;
+  backend.Then(Answer(answer));
+  return Child()
+      .Env("REQUEST_METHOD", "GET")
+      .Env("HTTP_COOKIE",
+           "backendses5=a session id that is long; "
+           "backendlang5=a language cookie that is long:its last word, too")
+      .With(backend)
+      .Run([&](const Told& told) {
+        Cgi cgi("/bin/front", "backend");
+        const std::exception_ptr failure =
+            faults([&cgi] { cgi.Authorize(Cgi::AuthInfo::AuthAny); }, told);
+        try {
+          told("name", cgi.auth().name);
+          told("level", std::to_string(cgi.auth().level));
+          told("session", cgi.auth().auth);
+          told("language", cgi.auth().lang_rest + ":" + cgi.auth().lang_word);
+        } catch (const std::runtime_error& error) {
+          told("refused", error.what());
+        }
+        if (failure) std::rethrow_exception(failure);
+      });
+}
+
+void ExpectNobodyAuthorized(Outcome& outcome) {
+  EXPECT_NE(outcome.error, "");
+  EXPECT_EQ(outcome.told["refused"], "not authorized");
+  EXPECT_FALSE(outcome.told.contains("name"));
+}
+
+TEST(EachFaultOfAnAuthorization, InItsMemoryAuthorizesNobody) {
+  const std::string name = "a user with a name that is long";
+  MeetEachShortage([&](const Faults& faults) {
+    Outcome outcome = Authorize(
+        faults, "<doc><user name=\"" + name + "\" level=\"7\"/></doc>");
+    if (outcome.error.empty()) {
+      EXPECT_EQ(outcome.told["name"], name);
+      EXPECT_EQ(outcome.told["level"], "7");
+      EXPECT_EQ(outcome.told["session"], "a session id that is long");
+      EXPECT_EQ(outcome.told["language"],
+                "a language cookie that is long:its last word, too");
+    } else {
+      ExpectNobodyAuthorized(outcome);
+    }
+    return outcome;
+  });
+}
+
+TEST(EachFaultOfAnAuthorization, ThatIsRefusedAuthorizesNobodyEither) {
+  for (const std::string answer :
+       {R"(<doc><user name="a" level="7"/><error type="access"/></doc>)",
+        R"(<doc><error type="other"/></doc>)", "<doc/>", "no answer"}) {
+    SCOPED_TRACE(answer);
+    MeetEachShortage([&](const Faults& faults) {
+      Outcome outcome = Authorize(faults, answer);
+      ExpectNobodyAuthorized(outcome);
+      // The refusal is no failure of the run that meets no fault.
+      outcome.error.clear();
+      return outcome;
+    });
+  }
+}
+
+}  // namespace
+
+// What the parser waits for after a read of nothing does not come sooner.
+void tov_proc::Sleep(unsigned /*milliseconds*/) {}
