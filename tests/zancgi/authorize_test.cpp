@@ -3,6 +3,8 @@
 #include <zancgi/testing/child.h>
 #include <zancgi/zancgi.h>
 
+#include <exception>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -13,8 +15,13 @@ namespace {
 using support::Backend;
 using zan_cgi::Cgi;
 using zan_cgi::testing::Answer;
+using zan_cgi::testing::AnswerThenReset;
 using zan_cgi::testing::Child;
+using zan_cgi::testing::CloseSilently;
 using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Refuse;
+using zan_cgi::testing::Reset;
+using zan_cgi::testing::Step;
 using zan_cgi::testing::Told;
 using AuthMethod = Cgi::AuthInfo::AuthMethod;
 
@@ -185,6 +192,55 @@ TEST(Authorize, NamesTheRefusal) {
   EXPECT_EQ(ErrorFor(R"(<doc><error type="other"/></doc>)"),
             "unknown authorization error");
   EXPECT_EQ(ErrorFor("<doc><error/></doc>"), "unknown authorization error");
+}
+
+/// What auth() says after an authorization that fails.
+std::string AuthAfterFailure(const Child& request, AuthMethod method,
+                             const std::string& tov_name = "backend") {
+  const Outcome outcome = request.Run([&](const Told& told) {
+    Cgi cgi("/bin/front", tov_name);
+    try {
+      cgi.Authorize(method);
+    } catch (const std::exception& error) {
+      told("failed", error.what());
+    }
+    try {
+      told("name", cgi.auth().name);
+    } catch (const std::runtime_error& error) {
+      told("auth", error.what());
+    }
+  });
+  EXPECT_TRUE(outcome.told.contains("failed"));
+  EXPECT_FALSE(outcome.told.contains("name"));
+  return outcome.told.at("auth");
+}
+
+TEST(Authorize, ThatTheBackEndRefusesAuthorizesNobody) {
+  for (const Step& step :
+       {Answer(R"(<doc><error type="access"/></doc>)"),
+        Answer(R"(<doc><error type="other"/></doc>)"),
+        Answer(
+            R"(<doc><user name="a" level="7"/><error type="access"/></doc>)"),
+        Answer("<doc/>"), Answer("no xml"), Answer(""), Refuse(), Reset(),
+        CloseSilently(), AnswerThenReset(kAlice)}) {
+    Backend backend;
+    backend.Times(4, step);
+    EXPECT_EQ(AuthAfterFailure(
+                  Request().Env("HTTP_COOKIE", "backendses5=s").With(backend),
+                  Cgi::AuthInfo::AuthAny),
+              "not authorized")
+        << step.answer;
+  }
+}
+
+TEST(Authorize, ThatAsksNoBackEndAuthorizesNobody) {
+  EXPECT_EQ(AuthAfterFailure(Request().Env("HTTP_COOKIE", "ses5=s"),
+                             Cgi::AuthInfo::AuthAny, ""),
+            "not authorized");
+  for (const AuthMethod method :
+       {Cgi::AuthInfo::AuthAny, Cgi::AuthInfo::AuthParams}) {
+    EXPECT_EQ(AuthAfterFailure(Request(), method), "not authorized");
+  }
 }
 
 TEST(Authorize, NamesABadAnswer) {

@@ -11,6 +11,7 @@
 
 #include "session.h"
 #include "support/switch.h"
+#include "zancgi/pam_library.h"
 
 namespace {
 
@@ -156,6 +157,23 @@ TEST(PamCalls, GoToTheProgramsOwnFunctionsWithoutLoadingAnother) {
   });
   EXPECT_EQ(outcome.told.at("loaded").find("libpam"), std::string::npos);
   EXPECT_NE(outcome.told.at("loaded").find("libzancgi"), std::string::npos);
+}
+
+TEST(PamLibrary, IsCompleteWithEachFunctionOnly) {
+  const zan_cgi::PamLibrary complete{::pam_start, ::pam_open_session,
+                                     ::pam_close_session, ::pam_end,
+                                     ::pam_strerror};
+  EXPECT_TRUE(complete.IsComplete());
+  const auto without = [&complete](auto zan_cgi::PamLibrary::*function) {
+    zan_cgi::PamLibrary library = complete;
+    library.*function = nullptr;
+    return library;
+  };
+  EXPECT_FALSE(without(&zan_cgi::PamLibrary::start).IsComplete());
+  EXPECT_FALSE(without(&zan_cgi::PamLibrary::open_session).IsComplete());
+  EXPECT_FALSE(without(&zan_cgi::PamLibrary::close_session).IsComplete());
+  EXPECT_FALSE(without(&zan_cgi::PamLibrary::end).IsComplete());
+  EXPECT_FALSE(without(&zan_cgi::PamLibrary::strerror).IsComplete());
 }
 
 /// The session is that of the name that was given, not of the account's.

@@ -16,6 +16,7 @@
 
 #include "session.h"
 #include "support/account.h"
+#include "support/mount.h"
 #include "support/switch.h"
 
 namespace {
@@ -60,9 +61,12 @@ class PamSession : public testing::Test {
   }
 
   /// Has the process look at itself after a switch with such a session.
-  Outcome LookAfter(const std::string& deeds, const Child::Body& look) const {
+  Outcome LookAfter(
+      const std::string& deeds, const Child::Body& look,
+      const std::function<void()>& prepare = [] {}) const {
     return Child().WorkDir(machine_.Start()).Run([&](const Told& told) {
       machine_.SetUp();
+      prepare();
       ConfigureLogin(module_.Line(deeds));
       Cgi::Data request;
       request.DoSu("visitor", "www", false, true);
@@ -255,6 +259,29 @@ TEST_F(PamSession, ThatMovesAndClosesDescriptorsLeavesTheProcessInTheHome) {
     EXPECT_EQ(outcome.error, "");
     EXPECT_EQ(outcome.told["place"], machine_.Home() + "/www");
   }
+}
+
+TEST_F(PamSession, ThatOpensAFolderOfTheHomesNumberLeavesTheProcessInTheHome) {
+  const std::string other = machine_ / "other";
+  // The top of each file system in memory has the same number.
+  const auto mount = [&] {
+    struct stat found[2] = {};
+    const std::string folders[] = {machine_.Home(), other};
+    for (int i = 0; i < 2; ++i) {
+      support::MountPrivately(folders[i], "mode=0755");
+      fs::create_directory(folders[i] + "/www");
+      ASSERT_EQ(::stat(folders[i].c_str(), &found[i]), 0);
+    }
+    ASSERT_EQ(found[0].st_ino, found[1].st_ino);
+    ASSERT_NE(found[0].st_dev, found[1].st_dev);
+  };
+  Outcome outcome = LookAfter(
+      "enter=" + other + " close_descriptors open_directories=" + other,
+      [](const Told& told) { told("place", fs::current_path().string()); },
+      mount);
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.error, "");
+  EXPECT_EQ(outcome.told["place"], machine_.Home() + "/www");
 }
 
 TEST_F(PamSession, ThatEndsTheProcessEndsItForGood) {

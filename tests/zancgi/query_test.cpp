@@ -231,6 +231,8 @@ TEST(Answer, InXmlBeginsAtItsDeclaration) {
   EXPECT_EQ(Received("f=1", AnswerByteByByte("A: b\r\n\r\n" + xml)), xml);
   EXPECT_EQ(Received("f=1", Answer("A: b\r\n\r\n<doc/>")),
             "A: b\r\n\r\n<doc/>");
+  const std::string twice = xml + "<!-- <?xml version=\"1.0\"?> -->";
+  EXPECT_EQ(Received("f=1", Answer("A: b\r\n\r\n" + twice)), twice);
 }
 
 TEST(Answer, InAnotherFormatIsHandedOnByteForByte) {

@@ -10,9 +10,14 @@
 #include <zancgi/testing/scratch.h>
 #include <zancgi/zancgi.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 #include <string>
+
+#include "support/allocations.h"
 
 namespace {
 
@@ -69,6 +74,38 @@ TEST(Upload, CostsOneWaitOneReadAndOneWriteForAChunk) {
   EXPECT_EQ(outcome.told.at("polls"), chunks);
   EXPECT_EQ(outcome.told.at("reads"), chunks);
   EXPECT_EQ(outcome.told.at("writes"), chunks);
+}
+
+/// The largest piece of memory that a query string of 100,000 bytes asks for
+/// when this length is declared for it.
+std::size_t LargestAllocation(std::uint64_t declared) {
+  const Input input = Input::Pipe(std::string(100'000, 'x'));
+  Outcome outcome =
+      Child()
+          .Env("CONTENT_LENGTH", std::to_string(declared))
+          .StandardInput(input)
+          .Run([](const Told& told) {
+            zan_cgi::Cgi::Data record;
+            support::BeginAllocations();
+            try {
+              record.ParseInput();
+            } catch (const std::runtime_error& error) {
+              told("error", error.what());
+            }
+            told("largest", std::to_string(support::EndAllocations().largest));
+          });
+  EXPECT_EQ(outcome.told["error"],
+            declared == 100'000 ? "" : "Error reading STDIN");
+  return std::stoul(outcome.told["largest"]);
+}
+
+TEST(QueryString, TakesRoomForTheDeclaredLengthUpTo16Megabytes) {
+  // With the zero byte at the end of a std::string.
+  EXPECT_EQ(LargestAllocation(100'000), 100'001U);
+  EXPECT_EQ(LargestAllocation(1 << 20), (1U << 20) + 1);
+  EXPECT_EQ(LargestAllocation(16 << 20), (16U << 20) + 1);
+  EXPECT_EQ(LargestAllocation((16 << 20) + 1), (16U << 20) + 1);
+  EXPECT_EQ(LargestAllocation(std::uint64_t{1} << 40), (16U << 20) + 1);
 }
 
 #ifndef __SANITIZE_ADDRESS__  // It keeps memory of its own.

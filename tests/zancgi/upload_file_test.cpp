@@ -1,0 +1,250 @@
+#include "zancgi/upload_file.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/scratch.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <functional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using zan_cgi::UploadFile;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::ReadFile;
+using zan_cgi::testing::Scratch;
+using zan_cgi::testing::Told;
+using Strings = std::vector<std::string>;
+
+/// What one call of write(2) is to do: to fail with an error, or to write so
+/// many bytes at most.
+struct Step {
+  int error = 0;
+  std::size_t most = 0;
+};
+
+/// What the next calls are to do, and how many there have been; further ones do
+/// what they always do. Null for most tests.
+struct Script {
+  std::vector<Step> steps;
+  std::size_t calls = 0;
+};
+Script* script = nullptr;
+
+/// A child that starts with these descriptors closed. Every expectation in it
+/// must hold.
+void RunWithout(const std::vector<int>& closed,
+                const std::function<void()>& body) {
+  Child child;
+  for (const int descriptor : closed) child.Closed(descriptor);
+  const Outcome outcome = child.Run([&](const Told&) { body(); });
+  EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
+  EXPECT_EQ(outcome.error, "");
+  EXPECT_EQ(outcome.leaked_descriptors, Strings{});
+}
+
+const std::vector<int> kClosedSets[] = {{},     {0},    {1},    {2},
+                                        {0, 1}, {0, 2}, {1, 2}, {0, 1, 2}};
+
+/// The number of the descriptor that is open on a file; -1 when there is none.
+int DescriptorOf(const std::string& path) {
+  for (int descriptor = 0; descriptor < 1000; ++descriptor) {
+    std::error_code closed;
+    const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
+    if (fs::read_symlink(link, closed) == path) return descriptor;
+  }
+  return -1;
+}
+
+/// Has descriptor 3 closed for as long as it lives.
+class ThirdClosed {
+ public:
+  ThirdClosed() : kept_(::fcntl(3, F_DUPFD_CLOEXEC, 200)) { ::close(3); }
+  ~ThirdClosed() {
+    if (kept_ < 0) return;
+    ::dup3(kept_, 3, O_CLOEXEC);
+    ::close(kept_);
+  }
+  ThirdClosed(const ThirdClosed&) = delete;
+  ThirdClosed& operator=(const ThirdClosed&) = delete;
+
+ private:
+  int kept_;
+};
+
+TEST(UploadFile,
+     HasTheLowestDescriptorAboveStandardErrorAndHandsItToNoProgram) {
+  for (const std::vector<int>& closed : kClosedSets) {
+    const Scratch scratch;
+    RunWithout(closed, [&] {
+      const ThirdClosed third;
+      UploadFile file;
+      file.Open(scratch / "file");
+      EXPECT_TRUE(file.IsOpen());
+      EXPECT_EQ(DescriptorOf(scratch / "file"), 3);
+      EXPECT_EQ(::fcntl(3, F_GETFD), FD_CLOEXEC);
+    });
+  }
+}
+
+TEST(UploadFile, IsNotOpenWhereNoDescriptorAboveStandardErrorIsLeft) {
+  for (const std::vector<int>& closed : kClosedSets) {
+    const Scratch scratch;
+    RunWithout(closed, [&] {
+      rlimit limit{};
+      ::getrlimit(RLIMIT_NOFILE, &limit);
+      limit.rlim_cur = 3;
+      ::setrlimit(RLIMIT_NOFILE, &limit);
+      UploadFile file;
+      file.Open(scratch / "file");
+      limit.rlim_cur = limit.rlim_max;
+      ::setrlimit(RLIMIT_NOFILE, &limit);
+      EXPECT_FALSE(file.IsOpen());
+      EXPECT_TRUE(file.IsBad());
+      EXPECT_EQ(DescriptorOf(scratch / "file"), -1);
+    });
+  }
+}
+
+TEST(UploadFile, ThatItMakesIsItsOwnersOnly) {
+  const Scratch scratch;
+  RunWithout({}, [&] {
+    ::umask(0);
+    UploadFile file;
+    file.Open(scratch / "file");
+    struct stat found {};
+    ASSERT_EQ(::stat((scratch / "file").c_str(), &found), 0);
+    EXPECT_EQ(found.st_mode & 07777U, 0600U);
+  });
+}
+
+TEST(UploadFile, GrowsAtItsEnd) {
+  const Scratch scratch;
+  const std::string path = scratch.MakeFile("file", "there");
+  UploadFile file;
+  EXPECT_FALSE(file.IsOpen());
+  file.Open(path);
+  file.Write(", new", 5);
+  file.Close();
+  EXPECT_FALSE(file.IsOpen());
+  EXPECT_FALSE(file.IsBad());
+  EXPECT_EQ(ReadFile(path), "there, new");
+}
+
+TEST(UploadFile, IsNotFoundByALink) {
+  const Scratch scratch;
+  const std::string target = scratch.MakeFile("target", "kept");
+  for (const std::string& aim : {target, scratch / "missing"}) {
+    const std::string link = scratch / "link";
+    fs::create_symlink(aim, link);
+    UploadFile file;
+    file.Open(link);
+    EXPECT_FALSE(file.IsOpen());
+    file.Write("lost", 4);
+    EXPECT_TRUE(file.IsBad());
+    fs::remove(link);
+  }
+  EXPECT_EQ(ReadFile(target), "kept");
+  EXPECT_EQ(scratch.List(), Strings{"target"});
+}
+
+bool HasControllingTerminal() {
+  const int terminal = ::open("/dev/tty", O_RDWR | O_CLOEXEC);
+  ::close(terminal);
+  return terminal >= 0;
+}
+
+TEST(UploadFile, DoesNotBecomeTheTerminalOfTheProcess) {
+  RunWithout({}, [] {
+    ::setsid();
+    ASSERT_EQ(::getsid(0), ::getpid());
+    const int leader = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    char path[100];
+    ASSERT_EQ(::grantpt(leader), 0);
+    ASSERT_EQ(::unlockpt(leader), 0);
+    ASSERT_EQ(::ptsname_r(leader, path, sizeof(path)), 0);
+    UploadFile file;
+    file.Open(path);
+    EXPECT_TRUE(file.IsOpen());
+    EXPECT_FALSE(HasControllingTerminal());
+    // Any other program would now have one.
+    const int follower = ::open(path, O_RDWR | O_CLOEXEC);
+    EXPECT_TRUE(HasControllingTerminal());
+    ::signal(SIGHUP, SIG_IGN);
+    ::close(follower);
+    file.Close();
+    ::close(leader);
+  });
+}
+
+/// What has come of two writes of five digits each.
+struct Written {
+  std::string content;
+  bool is_bad;
+  std::size_t calls;
+
+  friend bool operator==(const Written&, const Written&) = default;
+};
+
+void PrintTo(const Written& written, std::ostream* out) {
+  *out << written.content << (written.is_bad ? ", bad" : "") << ", "
+       << written.calls << " calls";
+}
+
+Written WriteDigits(const std::vector<Step>& steps) {
+  const Scratch scratch;
+  Script followed{steps};
+  UploadFile file;
+  file.Open(scratch / "file");
+  script = &followed;
+  file.Write("01234", 5);
+  file.Write("56789", 5);
+  script = nullptr;
+  return {ReadFile(scratch / "file"), file.IsBad(), followed.calls};
+}
+
+TEST(UploadFile, IsWrittenOnAfterASignalAndAfterAPart) {
+  EXPECT_EQ(WriteDigits({}), (Written{"0123456789", false, 2}));
+  EXPECT_EQ(WriteDigits({{.error = EINTR}, {.error = EINTR}}),
+            (Written{"0123456789", false, 4}));
+  EXPECT_EQ(WriteDigits({{.most = 3}, {.error = EINTR}, {.most = 1}}),
+            (Written{"0123456789", false, 5}));
+}
+
+TEST(UploadFile, IsBadAndLeftAloneOnceAWriteHasFailed) {
+  for (const int error : {ENOSPC, EIO, EAGAIN, EFBIG}) {
+    EXPECT_EQ(WriteDigits({{.most = 3}, {.error = error}}),
+              (Written{"012", true, 2}));
+  }
+  // A write of nothing is never the last one before the end.
+  EXPECT_EQ(WriteDigits({{.most = 5}, {.most = 0}}),
+            (Written{"01234", true, 2}));
+}
+
+}  // namespace
+
+extern "C" ssize_t write(int fd, const void* buf, std::size_t n) {
+  Step step{.most = n};
+  if (script != nullptr && script->calls++ < script->steps.size()) {
+    step = script->steps[script->calls - 1];
+  }
+  errno = step.error;
+  return step.error != 0
+             ? -1
+             : ::syscall(SYS_write, fd, buf, std::min(n, step.most));
+}
