@@ -26,10 +26,11 @@ class UploadFile {
   UploadFile& operator=(const UploadFile&) = delete;
 
   /// Opens a file. Does not follow a link that somebody has put in its place,
-  /// nor wait for the reader of a FIFO.
+  /// nor wait for the reader of a FIFO. A terminal in its place does not become
+  /// that of the process, because it is opened for writing only.
   void Open(const std::string& path) {
-    constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC |
-                           O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+    constexpr int kFlags =
+        O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
     descriptor_ = AboveStandard(::open(path.c_str(), kFlags, 0600));
     is_bad_ = descriptor_ < 0;
   }
