@@ -10,6 +10,8 @@
 #include <cstddef>
 #include <string>
 
+#include "descriptor.h"
+
 namespace zan_cgi {
 
 /// An output stream that appends to a file and holds nothing back: a full disk
@@ -31,7 +33,7 @@ class UploadFile {
   void Open(const std::string& path) {
     constexpr int kFlags =
         O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
-    descriptor_ = AboveStandard(::open(path.c_str(), kFlags, 0600));
+    descriptor_ = MoveAboveStdio(::open(path.c_str(), kFlags, 0600));
     is_bad_ = descriptor_ < 0;
   }
 
@@ -56,13 +58,6 @@ class UploadFile {
   }
 
  private:
-  static int AboveStandard(int descriptor) {
-    if (descriptor < 0 || descriptor > STDERR_FILENO) return descriptor;
-    const int higher = ::fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    ::close(descriptor);
-    return higher;
-  }
-
   int descriptor_ = -1;
   bool is_bad_ = false;
 };
