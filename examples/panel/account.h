@@ -4,15 +4,18 @@
 #define PANEL_ACCOUNT_H
 
 #include <grp.h>
+#include <linux/capability.h>
 #include <linux/magic.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/vfs.h>
 #include <tov/env.h>
 #include <unistd.h>
 #include <zancgi/zancgi.h>
 
 #include <algorithm>
+#include <climits>
 #include <filesystem>
 #include <set>
 #include <stdexcept>
@@ -52,8 +55,9 @@ struct Account {
   std::set<gid_t> groups;
 };
 
-/// All groups that a process of the account may be in. The library takes the
-/// number of the user for the base group.
+/// The supplementary groups that a process of the account has. The library
+/// takes the number of the user for the base group. To be called before Su: a
+/// confined process would read the files of the home.
 inline std::set<gid_t> GroupsOf(const passwd& entry) {
   const gid_t base = entry.pw_uid;
   std::vector<gid_t> groups(16);
@@ -62,9 +66,7 @@ inline std::set<gid_t> GroupsOf(const passwd& entry) {
     groups.resize(std::max(groups.size() * 2, static_cast<std::size_t>(count)));
     count = static_cast<int>(groups.size());
   }
-  std::set<gid_t> all(groups.begin(), groups.begin() + count);
-  all.insert(entry.pw_gid);
-  return all;
+  return {groups.begin(), groups.begin() + count};
 }
 
 /// @param name  as the back end has told it; empty when the user has none
@@ -135,28 +137,34 @@ inline void CheckConfinement(const Account& account) {
   }
 }
 
-/// Whether the groups of this process are the account's only.
-inline bool HasNoOtherGroups(const Account& account) {
-  const int count = ::getgroups(0, nullptr);
-  std::vector<gid_t> groups(static_cast<std::size_t>(std::max(count, 0)));
-  if (::getgroups(count, groups.data()) != count) return false;
-  return std::all_of(groups.begin(), groups.end(), [&](gid_t group) {
-    return account.groups.contains(group);
-  });
-}
-
-/// Whether this process is the account and nobody else, for good.
+/// Whether this process is the account and nobody else, for good: all its ids
+/// and exactly its groups, without a capability, and unable to become root.
 inline bool HasBecome(const Account& account) {
   uid_t user, effective_user, saved_user;
   gid_t group, effective_group, saved_group;
-  return ::getresuid(&user, &effective_user, &saved_user) == 0 &&
-         ::getresgid(&group, &effective_group, &saved_group) == 0 &&
-         user == account.uid && effective_user == account.uid &&
-         saved_user == account.uid && group == account.gid &&
-         effective_group == account.gid && saved_group == account.gid &&
-         HasNoOtherGroups(account) &&
-         // Who can become root again has not ceased to be.
-         ::setuid(0) != 0;
+  if (::getresuid(&user, &effective_user, &saved_user) != 0 ||
+      ::getresgid(&group, &effective_group, &saved_group) != 0 ||
+      user != account.uid || effective_user != account.uid ||
+      saved_user != account.uid || group != account.gid ||
+      effective_group != account.gid || saved_group != account.gid) {
+    return false;
+  }
+
+  std::vector<gid_t> groups(NGROUPS_MAX);
+  const int count = ::getgroups(NGROUPS_MAX, groups.data());
+  if (count < 0 || std::set<gid_t>(groups.begin(), groups.begin() + count) !=
+                       account.groups) {
+    return false;
+  }
+
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct capabilities[_LINUX_CAPABILITY_U32S_3] = {};
+  if (::syscall(SYS_capget, &header, capabilities) != 0) return false;
+  for (const __user_cap_data_struct& each : capabilities) {
+    if ((each.effective | each.permitted | each.inheritable) != 0) return false;
+  }
+
+  return ::setuid(0) != 0;
 }
 
 /// Makes this process the account, with the uploads handed over, in the home

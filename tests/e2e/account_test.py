@@ -224,31 +224,53 @@ class NotBecome(AccountTest):
         self.assertIn("Status: 500 ", answer)
         self.assertIn(NOT_BECOME, answer)
         self.assertNotIn("report.txt", answer)
+        self.assertIn(f"not the account '{self.account}' after Su", self.errors)
 
     def setUp(self):
         super().setUp()
         (self.home / "report.txt").touch()
+
+    def use_faults(self):
+        wrappers = f"{os.environ['SWITCH_FAULTS']} {WRAPPERS}"
+        self.front = self.panel.accounts.front(os.environ["FRONT"], wrappers)
 
     def test_page_shows_when_it_has(self):
         """What the other tests rest on."""
         self.assertIn("report.txt", self.run_front())
 
     def test_when_a_call_of_the_switch_fails(self):
-        wrappers = f"{os.environ['SWITCH_FAULTS']} {WRAPPERS}"
-        self.front = self.panel.accounts.front(os.environ["FRONT"], wrappers)
+        self.use_faults()
         self.assertIn("report.txt", self.run_front())
-        for call in ("setuid", "setgid"):
-            self.assert_not_become(self.run_front(FAILING_CALL=call))
-            self.assertIn(f"not the account '{self.account}' after Su", self.errors)
+        for call in (" setuid ", " setgid "):
+            self.assert_not_become(self.run_front(FAILING_CALLS=call))
 
     @needs_root
     def test_when_groups_of_before_stay(self):
-        wrappers = f"{os.environ['SWITCH_FAULTS']} {WRAPPERS}"
-        self.front = self.panel.accounts.front(os.environ["FRONT"], wrappers)
-        for groups in ([0], [FURTHER_GROUP, 6]):
+        """Others, more, or fewer than the account has."""
+        self.use_faults()
+        for groups in ([], [0], [FURTHER_GROUP], [UID, FURTHER_GROUP, 6]):
             self.assertIn("report.txt", self.run_front(identity={"extra_groups": groups}))
-            answer = self.run_front(identity={"extra_groups": groups}, FAILING_CALL="initgroups")
+            answer = self.run_front(
+                identity={"extra_groups": groups}, FAILING_CALLS=" initgroups setgroups "
+            )
             self.assert_not_become(answer)
+
+    @needs_root
+    def test_when_one_of_the_ids_stays(self):
+        self.use_faults()
+        for variable in ("USER_LEFT", "GROUP_LEFT"):
+            for left in ("real", "effective", "saved"):
+                self.assert_not_become(self.run_front(**{variable: left}))
+
+    def test_when_the_process_is_let_become_root_again(self):
+        self.use_faults()
+        self.assert_not_become(self.run_front(ROOT_FOR_ALL="1"))
+
+    @needs_root
+    def test_when_a_capability_stays(self):
+        self.use_faults()
+        self.assert_not_become(self.run_front(KEEP_CAPABILITIES="1"))
+        self.assert_not_become(self.run_front("setpriv", "--inh-caps=+chown"))
 
     @needs_root
     def test_when_the_process_could_become_root_again(self):
@@ -265,7 +287,6 @@ class NotBecome(AccountTest):
         self.addCleanup(self.home.chmod, 0o700)
         with self.front_for_all():
             self.assert_not_become(self.run_front(identity=ordinary))
-        self.assertIn("after Su", self.errors)
 
     @contextlib.contextmanager
     def front_for_all(self):
@@ -494,6 +515,16 @@ class Jail(ConfinementTest):
         for folder in ("/files", "/../../../files"):
             answer = self.confined(folder)
             self.assertIn('<tr><td>report.txt</td><td class="numbers">3</td></tr>', answer)
+
+    def test_is_left_when_the_groups_are_not_the_accounts(self):
+        wrappers = f"{os.environ['SWITCH_FAULTS']} {WRAPPERS}"
+        self.front = self.panel.accounts.front(os.environ["FRONT"], wrappers)
+        (self.home / "etc").mkdir()
+        (self.home / "etc" / "group").write_text(f"disk:x:6:{self.account}\n")
+        self.assertIn("Seen by", self.confined())
+        answer = self.run_front(PANEL_CONFINE="/", FAILING_CALLS=" setgroups ")
+        self.assertIn("Status: 500 ", answer)
+        self.assertIn(NOT_BECOME, answer)
 
     def test_keeps_uploads_in_the_folder_of_the_account(self):
         answer = self.confined("/files", self.upload_body(file("a.txt", b"content")))
