@@ -1,14 +1,16 @@
 """The back end of the panel: a WSGI application over SCGI.
 
-It owns the users and their sessions (in SQLite) and answers in XML. To make a
-user: echo PASSWORD | PANEL_DB=FILE python3 backend.py NAME LEVEL [ACCOUNT]
+It owns the users and their sessions (in SQLite) and answers in XML. To make or
+change a user: echo PASSWORD | PANEL_DB=FILE python3 backend.py NAME LEVEL [ACCOUNT]
 
-ACCOUNT is the system account that the panel becomes to work for the user.
+ACCOUNT is the system account that the panel becomes to work for the user. The
+user's sessions end.
 """
 
 import hashlib
 import hmac
 import os
+import re
 import secrets
 import sqlite3
 import sys
@@ -19,6 +21,8 @@ from xml.sax.saxutils import quoteattr
 
 COOKIE = "panelses5"
 SESSION_SECONDS = 8 * 3600
+SESSIONS_PER_USER = 20
+SESSIONS_PER_PAGE = 100
 ADMINISTRATOR = 5
 
 
@@ -26,8 +30,17 @@ class Refused(Exception):
     """Carries the type of the error element."""
 
 
+def make_file(path):
+    """For this user alone. SQLite gives its journals the mode of the database."""
+    os.makedirs(os.path.dirname(os.path.abspath(path)), mode=0o700, exist_ok=True)
+    os.close(os.open(path, os.O_CREAT | os.O_WRONLY, 0o600))
+
+
 def connect():
-    database = sqlite3.connect(os.environ["PANEL_DB"], isolation_level=None)
+    path = os.environ["PANEL_DB"]
+    if not os.path.exists(path):
+        make_file(path)
+    database = sqlite3.connect(path, isolation_level=None)
     database.row_factory = sqlite3.Row
     database.executescript(
         """create table if not exists user
@@ -46,15 +59,17 @@ def hash_password(password, salt):
 
 def hash_session(session):
     """Only hashes are stored: who reads the database gets no session."""
-    return hashlib.sha256(session.encode()).hexdigest()
+    return hashlib.sha256(session.encode(errors="replace")).hexdigest()
 
 
 def add_user(database, password, name, level, account=""):
+    """Ends all sessions of the user: whoever knew the old password may hold one."""
     salt = secrets.token_bytes(16)
-    database.execute(
-        "insert or replace into user values (?, ?, ?, ?, ?)",
-        (name, int(level), salt, hash_password(password, salt), account),
-    )
+    row = (name, int(level), salt, hash_password(password, salt), account)
+    with database:
+        database.execute("begin immediate")
+        database.execute("insert or replace into user values (?, ?, ?, ?, ?)", row)
+        database.execute("delete from session where user = ?", (name,))
 
 
 def element(tag, /, **attributes):
@@ -69,8 +84,9 @@ def clock(seconds):
 def query_items(environ):
     """The library adds "auth" and "sfrom" at the end, unencoded: a value from the
     browser could bring items along. So nothing may come twice, and nothing may
-    stand behind the two."""
-    pairs = parse_qsl(environ.get("QUERY_STRING", ""), keep_blank_values=True)
+    stand behind the two. What is no text is replaced, and matches nothing."""
+    query = environ.get("QUERY_STRING", "").encode("ascii", "replace").decode()
+    pairs = parse_qsl(query, keep_blank_values=True)
     names = [name for name, _ in pairs]
     added = [name for name in names if name in ("auth", "sfrom")]
     at_the_end = names[len(names) - len(added):] == added == sorted(added)
@@ -113,10 +129,19 @@ def session_new(database, environ, items):
     database.execute(
         "delete from session where started <= ?", (time.time() - SESSION_SECONDS,)
     )
+    # Unless the password has been changed meanwhile.
+    made = database.execute(
+        "insert into session select ?, name, ?, ?, ? from user"
+        " where name = ? and hash = ?",
+        (hash_session(session), secrets.token_hex(16), int(time.time()),
+         environ.get("REMOTE_ADDR", ""), row["name"], expected),
+    )
+    if made.rowcount != 1:
+        raise Refused("access")
     database.execute(
-        "insert into session values (?, ?, ?, ?, ?)",
-        (hash_session(session), row["name"], secrets.token_hex(16),
-         int(time.time()), environ.get("REMOTE_ADDR", "")),
+        "delete from session where user = ?1 and rowid not in (select rowid"
+        " from session where user = ?1 order by rowid desc limit ?2)",
+        (row["name"], SESSIONS_PER_USER),
     )
     return element("session", id=session)
 
@@ -133,24 +158,32 @@ def session_own(database, environ, items):
 
 
 def session_list(database, environ, items):
+    """The newest first, one page from the number "from" on: the front end looks
+    for each of them in the whole answer."""
     own = own_session(database, environ, items)
     everyone = own["level"] >= ADMINISTRATOR
+    asked = items.get("from", "")
+    first = int(asked) if re.fullmatch("[0-9]{1,10}", asked) else 0
     rows = database.execute(
         "select * from session where (user = ? or ?) and started > ?"
-        " order by started, rowid",
-        (own["name"], everyone, time.time() - SESSION_SECONDS),
-    )
-    return session_own(database, environ, items) + "".join(
+        " order by rowid desc limit ? offset ?",
+        (own["name"], everyone, time.time() - SESSION_SECONDS,
+         SESSIONS_PER_PAGE + 1, first),
+    ).fetchall()
+    elements = [
         element("session", user=row["user"], started=clock(row["started"]),
                 address=row["address"],
                 note="this session" if row["hash"] == own["hash"] else "")
-        for row in rows
-    )
+        for row in rows[:SESSIONS_PER_PAGE]
+    ]
+    if len(rows) > SESSIONS_PER_PAGE:
+        elements.append(element("older", number=first + SESSIONS_PER_PAGE))
+    return session_own(database, environ, items) + "".join(elements)
 
 
 def session_end(database, environ, items):
     own = own_session(database, environ, items)
-    if not hmac.compare_digest(own["token"], items.get("token", "")):
+    if not hmac.compare_digest(own["token"].encode(), items.get("token", "").encode()):
         raise Refused("access")
     database.execute("delete from session where token = ?", (own["token"],))
     return element("ok")
@@ -185,6 +218,20 @@ def application(environ, start_response):
     return [data]
 
 
+def main(name, level, account=""):
+    password = sys.stdin.buffer.readline().rstrip(b"\n").decode()
+    if not name or not (name + account).isprintable():
+        raise ValueError("a name holds printable characters only")
+    if not re.fullmatch("[0-9]{1,9}", level):
+        raise ValueError("a level is a number from 0 to 999999999")
+    with closing(connect()) as database:
+        add_user(database, password, name, level, account)
+
+
 if __name__ == "__main__":
-    with closing(connect()) as the_database:
-        add_user(the_database, sys.stdin.readline().rstrip("\n"), *sys.argv[1:])
+    if not 3 <= len(sys.argv) <= 4:
+        sys.exit("usage: echo PASSWORD | PANEL_DB=FILE python3 backend.py NAME LEVEL [ACCOUNT]")
+    try:
+        main(*sys.argv[1:])
+    except ValueError as problem:
+        sys.exit(f"backend.py: {problem}")
