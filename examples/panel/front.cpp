@@ -38,7 +38,7 @@ constexpr char kCookie[] = "panelses5";
 
 tov_log::Module log("panel", "front");
 
-constexpr long kLargestSignIn = 4096;
+constexpr long kLargestForm = 4096;
 constexpr long kLargestUpload = 100L << 20;
 
 /// A request that goes wrong must not take the machine with it.
@@ -113,11 +113,16 @@ bool IsPlainForm() {
   return tov_env::GetEnv("CONTENT_TYPE").find("boundary=") == std::string::npos;
 }
 
-void TakeSignIn(Cgi& cgi) {
-  cgi.CheckContentLength(kLargestSignIn);
-  if (IsPlainForm()) return SignIn(cgi);
-  ShowError("415 Unsupported Media Type", "This form cannot be read.",
-            "Please use the panel's own.");
+/// Whether no page of another site has made the browser send this request.
+/// Browsers add Sec-Fetch-Site under encryption only. A client that sends
+/// neither header is no browser.
+bool IsFromOwnSite() {
+  const std::string site = tov_env::GetEnv("HTTP_SEC_FETCH_SITE");
+  if (!site.empty()) return site == "same-origin" || site == "none";
+  const std::string origin = tov_env::GetEnv("HTTP_ORIGIN");
+  const std::string host = tov_env::GetEnv("HTTP_HOST");
+  return origin.empty() || origin == "http://" + host ||
+         origin == "https://" + host;
 }
 
 bool IsPost() { return tov_env::GetEnv("REQUEST_METHOD") == "POST"; }
@@ -131,13 +136,16 @@ std::string PageOf(Cgi& cgi) {
   return query.starts_with("page=") ? query.substr(5) : "";
 }
 
-std::string Navigation(Cgi& cgi, const Answer& answer) {
+/// Who came with the session in the parameters goes on with it.
+std::string SessionItem(const Cgi& cgi) {
   const Cgi::AuthInfo& user = cgi.auth();
-  // Who came with the session in the parameters goes on with it.
-  const std::string session =
-      user.method == Cgi::AuthInfo::AuthParams
-          ? "&amp;auth=" + Escape(str::url::Encode(user.auth))
-          : "";
+  return user.method == Cgi::AuthInfo::AuthParams
+             ? "&amp;auth=" + Escape(str::url::Encode(user.auth))
+             : "";
+}
+
+std::string Navigation(Cgi& cgi, const Answer& answer) {
+  const std::string session = SessionItem(cgi);
   const std::string page = PageOf(cgi);
   // An upload is authorized before its parameters are read.
   const std::string upload =
@@ -148,9 +156,8 @@ std::string Navigation(Cgi& cgi, const Answer& answer) {
          Link("page=home" + session, "Home", page == "home") +
          Link("page=sessions" + session, "Sessions", page == "sessions") +
          upload +
-         Link("page=signout&amp;token=" + answer.Html("/doc/own", "token") +
-                  session,
-              "Sign out", false) +
+         SignOutButton(answer.Html("/doc/own", "token"),
+                       session.empty() ? "" : Escape(cgi.auth().auth)) +
          "</nav>\n";
 }
 
@@ -201,8 +208,19 @@ void ShowHome(Cgi& cgi) {
            Navigation(cgi, answer));
 }
 
+std::string LinkToOlder(Cgi& cgi, const Answer& answer) {
+  if (!answer.Has("/doc/older")) return "";
+  return "<p>" +
+         Link("page=sessions&amp;from=" + answer.Html("/doc/older", "number") +
+                  SessionItem(cgi),
+              "Older sessions", false) +
+         "</p>\n";
+}
+
 void ShowSessions(Cgi& cgi) {
-  const Answer answer(cgi, {{"func", "session.list"}});
+  // A number, whatever the visitor has sent.
+  const std::string from = str::Str(str::Int(cgi.Param("from")));
+  const Answer answer(cgi, {{"func", "session.list"}, {"from", from}});
   std::string rows;
   for (int number = 1;; ++number) {
     const std::string session = "/doc/session[" + str::Str(number) + "]";
@@ -215,12 +233,14 @@ void ShowSessions(Cgi& cgi) {
   SendPage("200 OK", "Sessions",
            "<div class=\"card\"><table>\n<thead><tr><th>Name</th>"
            "<th>Signed in</th><th>From</th></tr></thead>\n<tbody>\n" +
-               rows + "</tbody>\n</table></div>\n",
+               rows + "</tbody>\n</table>\n" + LinkToOlder(cgi, answer) +
+               "</div>\n",
            Navigation(cgi, answer));
 }
 
+/// The back end compares the token.
 void SignOut(Cgi& cgi) {
-  // The back end compares the token, so that no other site can sign a user out.
+  cgi.Authorize(Cgi::AuthInfo::AuthAny);
   const Answer answer(cgi,
                       {{"func", "session.end"}, {"token", cgi.Param("token")}});
   SendRedirect("/panel?page=signin", std::string(kCookie) + "=; Max-Age=0");
@@ -318,8 +338,7 @@ std::string SpoolFolder() {
   return folder.empty() ? "/tmp" : folder;
 }
 
-/// Another site could have the browser send a form, but does not know the
-/// token.
+/// No other site knows the token.
 bool IsFromOwnPage(Cgi& cgi, const Answer& answer) {
   const std::string token = cgi.Param("token");
   return !token.empty() && token == answer.Text("/doc/own", "token");
@@ -359,6 +378,10 @@ void TakeUpload(Cgi& cgi) {
   ShowUploaded(cgi, answer, KeepUploads(cgi, account, spool, names));
 }
 
+bool HasSession(Cgi& cgi) {
+  return !cgi.Cookie(kCookie).empty() || !cgi.Param("auth").empty();
+}
+
 void AskToSignIn() { ShowSignIn("403 Forbidden", "Please sign in first.", ""); }
 
 void ShowNotFound() {
@@ -368,25 +391,34 @@ void ShowNotFound() {
 
 void TakePost(Cgi& cgi) {
   const std::string page = PageOf(cgi);
-  if (page == "signin") return TakeSignIn(cgi);
-  if (page != "upload") return ShowNotFound();
-  if (cgi.Cookie(kCookie).empty()) return AskToSignIn();
-  TakeUpload(cgi);
+  if (!IsFromOwnSite()) {
+    return ShowError("403 Forbidden", "Another site has sent this request.",
+                     "Nothing has been done.", Way::kPanel);
+  }
+  if (page == "upload") {
+    return cgi.Cookie(kCookie).empty() ? AskToSignIn() : TakeUpload(cgi);
+  }
+  if (page != "signin" && page != "signout") return ShowNotFound();
+  cgi.CheckContentLength(kLargestForm);
+  if (!IsPlainForm()) {
+    return ShowError("415 Unsupported Media Type", "This form cannot be read.",
+                     "Please use the panel's own.");
+  }
+  if (page == "signin") return SignIn(cgi);
+  HasSession(cgi) ? SignOut(cgi) : AskToSignIn();
 }
 
 void ShowPage(Cgi& cgi) {
   const std::string page = PageOf(cgi);
   if (page == "signin") return ShowSignIn("200 OK", "", "");
-  if (cgi.Cookie(kCookie).empty() && cgi.Param("auth").empty()) {
-    if (page.empty()) return ShowSignIn("200 OK", "", "");
-    return AskToSignIn();
+  if (!HasSession(cgi)) {
+    return page.empty() ? ShowSignIn("200 OK", "", "") : AskToSignIn();
   }
   cgi.Authorize(Cgi::AuthInfo::AuthAny);
   if (page.empty() || page == "whoami") return ShowWhoAmI(cgi);
   if (page == "home") return ShowHome(cgi);
   if (page == "sessions") return ShowSessions(cgi);
   if (page == "upload") return ShowUpload(cgi);
-  if (page == "signout") return SignOut(cgi);
   ShowNotFound();
 }
 
@@ -418,7 +450,7 @@ constexpr char kNotUnderstood[] =
 
 constexpr Explanation kExplanations[] = {
     {"bad request method", "405 Method Not Allowed",
-     "This panel answers GET and POST only."},
+     "This panel answers GET, HEAD and POST only."},
     {"You do not authorized", "403 Forbidden",
      "Your session has ended, or it lacks the right."},
     {"Post data too large", "413 Content Too Large",
@@ -459,6 +491,11 @@ void ShowRequestError(const std::exception& error) {
 /// forwarded, in whatever spelling of the header, is the browser's invention.
 void DistrustForwardedAddress() { ::unsetenv("HTTP_X_FORWARDED_FOR"); }
 
+/// The library knows GET and POST only.
+void TakeHeadForGet() {
+  if (IsHead()) ::setenv("REQUEST_METHOD", "GET", 1);
+}
+
 void ServeRequest(const char* program) {
   try {
     Cgi cgi(program, kBackend);
@@ -493,5 +530,6 @@ void ServeRequest(const char* program) {
 int main(int argc, char** argv) {
   panel::LimitResources();
   panel::DistrustForwardedAddress();
+  panel::TakeHeadForGet();
   panel::ServeRequest(argc > 0 ? argv[0] : "");
 }

@@ -3,6 +3,11 @@
 #ifndef PANEL_PAGE_H
 #define PANEL_PAGE_H
 
+#include <poll.h>
+#include <tov/env.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <cstdio>
 #include <string>
 
@@ -38,23 +43,48 @@ inline std::string Escape(const std::string& text) {
 /// What a page may do beside being looked at.
 enum class Rights { kNone, kOwnScript };
 
+/// Whether the visitor wants the header of the answer only.
+inline bool IsHead() {
+  static const bool head = tov_env::GetEnv("REQUEST_METHOD") == "HEAD";
+  return head;
+}
+
+/// Some web servers lose an answer that comes before the body has been read. A
+/// slow visitor is not waited for.
+inline void ReadRestOfBody() {
+  using std::chrono::steady_clock;
+  const auto end = steady_clock::now() + std::chrono::seconds(5);
+  pollfd input{STDIN_FILENO, POLLIN, 0};
+  char piece[65536];
+  do {
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(end - steady_clock::now());
+    if (left.count() <= 0 ||
+        ::poll(&input, 1, static_cast<int>(left.count())) <= 0) {
+      return;
+    }
+  } while (::read(STDIN_FILENO, piece, sizeof(piece)) > 0);
+}
+
 /// Writes the whole answer at once, so that an error on the way to it never
 /// leaves half a page behind.
 inline void Send(const std::string& header, const std::string& body,
                  Rights rights = Rights::kNone) {
+  if (tov_env::GetEnv("REQUEST_METHOD") != "GET") ReadRestOfBody();
   const std::string answer =
       header +
       // Owed to other methods, and true for these.
-      "Allow: GET, POST\r\n"
+      "Allow: GET, HEAD, POST\r\n"
       "Cache-Control: no-store\r\n"
-      "Referrer-Policy: no-referrer\r\n"
+      // With no-referrer the panel's own forms would have no origin.
+      "Referrer-Policy: same-origin\r\n"
       "X-Content-Type-Options: nosniff\r\n"
       "Content-Security-Policy: default-src 'none'; style-src 'self'; " +
       (rights == Rights::kOwnScript ? "script-src 'self'; connect-src 'self'; "
                                     : "") +
       "form-action 'self'; base-uri 'none'; frame-ancestors 'none'\r\n"
       "\r\n" +
-      body;
+      (IsHead() ? "" : body);
   // That the visitor has gone meanwhile is no error.
   static_cast<void>(std::fwrite(answer.data(), 1, answer.size(), stdout));
 }
@@ -90,6 +120,18 @@ inline std::string Link(const std::string& query, const char* text,
                         bool current) {
   return "<a href=\"/panel?" + query + "\"" +
          (current ? " aria-current=\"page\">" : ">") + text + "</a>\n";
+}
+
+/// @param session  that came in the parameters; empty when the cookie has it
+inline std::string SignOutButton(const std::string& token,
+                                 const std::string& session) {
+  return R"(<form method="post" action="/panel?page=signout">)"
+         R"(<input type="hidden" name="token" value=")" +
+         token + "\">" +
+         (session.empty() ? ""
+                          : R"(<input type="hidden" name="auth" value=")" +
+                                session + "\">") +
+         "<button>Sign out</button></form>\n";
 }
 
 inline std::string Problem(const std::string& problem) {
@@ -171,11 +213,14 @@ inline void ShowUploadForm(const std::string& status,
 }
 
 /// Sends the browser to another page and has it store a cookie. SameSite keeps
-/// the cookie away from requests that other sites cause.
+/// the cookie away from requests that other sites cause, Secure from requests
+/// without encryption.
 inline void SendRedirect(const std::string& location,
                          const std::string& cookie) {
-  Send("Status: 303 See Other\r\nLocation: " + location + "\r\nSet-Cookie: " +
-           cookie + "; Path=/; HttpOnly; SameSite=Strict\r\n",
+  const bool is_encrypted = tov_env::GetEnv("HTTPS") == "on";
+  Send("Status: 303 See Other\r\nLocation: " + location +
+           "\r\nSet-Cookie: " + cookie + "; Path=/; HttpOnly; SameSite=Strict" +
+           (is_encrypted ? "; Secure" : "") + "\r\n",
        "");
 }
 

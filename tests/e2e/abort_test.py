@@ -1,5 +1,8 @@
-"""Visitors who go away in the middle of an upload, under each web server."""
+"""Visitors who go away in the middle of an upload, and those who are refused
+before it, under each web server."""
 
+import contextlib
+import http.client
 import os
 import socket
 import socketserver
@@ -108,6 +111,28 @@ class AbortTest(unittest.TestCase):
     def assert_still_serves(self):
         with DIRECTLY.open(self.server.url + "?page=signin", timeout=60) as answer:
             self.assertIn(b"Password", answer.read())
+
+    def answer_to(self, query, size, **headers):
+        connection = http.client.HTTPConnection(self.server.host, self.server.port, timeout=60)
+        with contextlib.closing(connection):
+            body = b"x" * size
+            connection.request("POST", f"{self.server.path}?{query}", body, headers)
+            answer = connection.getresponse()
+            return answer.status, answer.read()
+
+    def test_refusals_arrive_whatever_has_been_sent(self):
+        session = {"Cookie": "panelses5=session"}
+        for query, headers, status, text in (
+            ("page=upload", {}, 403, b"Please sign in first."),
+            ("page=nonsense", {}, 404, b"There is no page of this name."),
+            ("page=signin", {}, 413, b"Post data too large."),
+            ("page=signout", session, 413, b"Post data too large."),
+            ("page=upload", {**session, "Origin": "null"}, 403, b"Another site has sent"),
+        ):
+            for size in (100_000, 1_000_000):
+                answer = self.answer_to(query, size, **headers)
+                self.assertEqual(answer[0], status, (query, size, answer))
+                self.assertIn(text, answer[1])
 
     def test_visitor_who_closes_the_connection(self):
         self.assert_leaves_nothing(close)

@@ -27,6 +27,8 @@ OPTIONS = [
     "--disable-component-update",
     "--disable-sync",
     "--no-proxy-server",
+    # Hosts without encryption that the browser does not take for this machine.
+    "--host-resolver-rules=MAP *.test 127.0.0.1",
     "--disable-dev-shm-usage",
     "--window-size=900,700",
 ]

@@ -33,7 +33,10 @@ class BrowserTest(unittest.TestCase):
             time.sleep(0.1)
 
     def sign_in(self, password):
-        self.browser.open(self.panel.url)
+        self.open_sign_in(self.panel.url, password)
+
+    def open_sign_in(self, url, password):
+        self.browser.open(url)
         self.browser.type_into("#user", self.panel.user)
         self.browser.type_into("#password", password)
         self.browser.screenshot("sign-in")
@@ -55,7 +58,7 @@ class BrowserTest(unittest.TestCase):
         self.assert_sees(rf"{self.panel.user} this session .* 127\.0\.0\.1")
         self.browser.screenshot("sessions")
 
-        self.browser.click_link("Sign out")
+        self.browser.click("nav button")
         self.assert_sees("Password")
         self.browser.open(self.panel.url + "?page=whoami")
         self.assert_sees("Please sign in first.")
@@ -244,12 +247,41 @@ class BrowserTest(unittest.TestCase):
 
     def test_another_site_cannot_use_the_session(self):
         self.signed_in()
-        with OtherSite(self.panel.url + "?page=whoami") as other_site:
-            self.browser.open(other_site.url)
+        link = f'<a href="{self.panel.url}?page=whoami">Look at this</a>'
+        with OtherSite(link) as port:
+            self.browser.open(f"http://localhost:{port}/")
             self.browser.click_link("Look at this")
             self.assert_sees("Please sign in first.")
         self.browser.open(self.panel.url + "?page=whoami")
         self.assert_sees(rf"Name\s+{self.panel.user}")
+
+    def form_of_another_site(self, url):
+        """Signs a visitor in under a name that is not his."""
+        items = {"user": self.panel.user, "password": self.panel.password}
+        inputs = "".join(f'<input name="{name}" value="{items[name]}">' for name in items)
+        return f'<form method="post" action="{url}?page=signin">{inputs}<button>Win</button></form>'
+
+    def assert_cannot_sign_in(self, url, host):
+        with OtherSite(self.form_of_another_site(url)) as port:
+            self.browser.open(f"http://{host}:{port}/")
+            self.browser.click("button")
+            self.assert_sees("Another site has sent this request.")
+        self.browser.open(url + "?page=whoami")
+        self.assert_sees("Please sign in first.")
+
+    def test_another_site_cannot_sign_a_visitor_in(self):
+        # Another port of the same host counts as the same site.
+        for host in ("localhost", "127.0.0.1"):
+            self.assert_cannot_sign_in(self.panel.url, host)
+
+    def test_forms_work_where_the_browser_names_no_site(self):
+        """Under plain HTTP it does so for this machine only."""
+        url = self.panel.url.replace("127.0.0.1", "panel.test")
+        self.open_sign_in(url, self.panel.password)
+        self.assert_sees("Who am I")
+        self.browser.click("nav button")
+        self.assert_sees("Password")
+        self.assert_cannot_sign_in(url, "other.test")
 
     def test_the_service_being_away_is_readable(self):
         self.signed_in()
@@ -280,26 +312,25 @@ class BrowserTest(unittest.TestCase):
 
 
 class OtherSite:
-    """A page with a link, under a host name that is not the panel's."""
+    """A page with this markup, on a port of its own, which "with" gives."""
 
-    def __init__(self, link):
+    def __init__(self, markup):
         class Handler(http.server.BaseHTTPRequestHandler):
             def do_GET(self):
                 self.send_response(200)
                 self.send_header("Content-Type", "text/html")
                 self.end_headers()
-                self.wfile.write(f'<a href="{link}">Look at this</a>'.encode())
+                self.wfile.write(markup.encode())
 
             def log_message(self, *_):
                 pass
 
         self.server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
-        self.url = f"http://localhost:{self.server.server_port}/"
         self.thread = threading.Thread(target=self.server.serve_forever)
 
     def __enter__(self):
         self.thread.start()
-        return self
+        return self.server.server_port
 
     def __exit__(self, *_):
         self.server.shutdown()

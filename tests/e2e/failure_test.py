@@ -101,8 +101,8 @@ class FailureTest(unittest.TestCase):
             def back_end(request, error=error):
                 yield WHOAMI if "func=whoami" in request else b'<doc><error type="%s"/></doc>' % error
 
-            for page in ("whoami", "sessions", "signout"):
-                answer, _ = self.answer_of(back_end, page=page)
+            for method, page in (("GET", "whoami"), ("GET", "sessions"), ("POST", "signout")):
+                answer, _ = self.answer_of(back_end, method=method, page=page)
                 self.assertEqual(answer.status, status, (page, answer.body))
 
     def test_answer_without_an_end_stops_at_the_memory_limit(self):

@@ -25,11 +25,15 @@ class Answer:
     def __init__(self, response):
         self.status = response.status
         self.headers = response.headers
-        self.body = response.read().decode()
+        self.body = response.read().decode(errors="replace")
 
     def session(self):
         """The session id that the answer's cookie carries."""
         return self.headers["Set-Cookie"].split(";")[0].partition("=")[2]
+
+    def token(self):
+        """What the panel's own pages prove themselves with."""
+        return self.body.split('name="token" value="')[1].split('"')[0]
 
 
 class Panel:
@@ -96,21 +100,25 @@ class Panel:
     def post(self, page, body, headers=()):
         return self.request("POST", headers, body, page=page)
 
-    def send_sign_in(self, user=None, password=None, **more):
-        """The sign-in form, filled in."""
-        items = {"user": user or self.user, "password": password or self.password, **more}
+    def send_form(self, page, headers=(), **items):
         kind = {"Content-Type": "application/x-www-form-urlencoded"}
-        return self.post("signin", urllib.parse.urlencode(items), kind)
+        return self.post(page, urllib.parse.urlencode(items), {**kind, **dict(headers)})
+
+    def send_sign_in(self, user=None, password=None, headers=(), **more):
+        """The sign-in form, filled in."""
+        items = {"user": user or self.user, "password": password or self.password}
+        return self.send_form("signin", headers, **items, **more)
 
     def sign_in(self, user=None, password=None):
         answer = self.send_sign_in(user, password)
         assert answer.status == 303, answer.body
         return answer.session()
 
+    def sign_out(self, session, token, headers=()):
+        return self.send_form("signout", {"Cookie": "panelses5=" + session, **dict(headers)}, token=token)
+
     def token(self, session):
-        """What the panel's own pages prove themselves with."""
-        page = self.with_session(session, page="whoami")
-        return page.body.split("token=")[1].split('"')[0]
+        return self.with_session(session, page="whoami").token()
 
     @property
     def spool(self):

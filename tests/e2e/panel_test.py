@@ -1,14 +1,30 @@
 """The panel behind lighttpd and uWSGI, driven by a plain HTTP client."""
 
+import contextlib
 import html
+import importlib
+import os
 import pathlib
+import re
 import secrets
 import socket
+import stat
+import subprocess
+import sys
 import tempfile
 import time
 import unittest
+import unittest.mock
+import urllib.parse
 
-from panel_server import Panel, run_front
+from panel_server import PANEL, Panel, run_front
+
+sys.path.insert(0, str(PANEL))
+backend = importlib.import_module("backend")
+
+
+# What no name, password, session or token is.
+ODD = ("\u00e9", b"\xff", b"\xed\xa0\x80", b"a\0b", "9" * 1000, "\ufffd", "\u0661", "'", "%", "&")
 
 
 class PanelTest(unittest.TestCase):
@@ -37,8 +53,9 @@ class SignIn(PanelTest):
         self.assert_page(self.panel.request(), 200, 'type="password"')
 
     def test_stranger_is_asked_to_sign_in_before_any_other_page(self):
-        for page in ("whoami", "home", "sessions", "signout", "nonsense"):
-            answer = self.panel.request(page=page)
+        answers = [self.panel.request(page=page) for page in ("whoami", "home", "sessions", "nonsense")]
+        answers.append(self.panel.send_form("signout"))
+        for answer in answers:
             self.assert_page(answer, 403, "Please sign in first.", 'type="password"')
 
     def test_wrong_password_is_refused(self):
@@ -147,6 +164,56 @@ class ListOfSessions(PanelTest):
         self.assertNotIn(first, answer.body)
         self.assertNotIn(second, answer.body)
 
+    def add_sessions(self, count):
+        """One for each of so many users."""
+        row = "insert into session values (?, ?, 'token', ?, '192.0.2.7')"
+        with contextlib.closing(self.panel.database()) as database:
+            for number in range(count):
+                name = f"user number {number}"
+                database.execute(row, (secrets.token_hex(32), name, int(time.time())))
+
+    def pages_of_names(self, session):
+        query = {"page": "sessions"}
+        while query:
+            answer = self.panel.with_session(session, **query)
+            self.assert_page(answer, 200)
+            yield re.findall("<tr><td>(.*?) <small>", answer.body)
+            older = re.search(r'page=sessions&amp;from=(\d+)">Older sessions', answer.body)
+            query = {"page": "sessions", "from": older.group(1)} if older else None
+
+    def test_is_shown_by_the_hundred_with_the_newest_first(self):
+        session = self.panel.sign_in()
+        self.add_sessions(250)
+        first, second, third, *more = self.pages_of_names(session)
+        self.assertEqual((len(first), len(second), more), (100, 100, []))
+        names = [f"user number {number}" for number in range(250)]
+        self.assertEqual((first + second + third)[:250], names[::-1])
+        self.assertEqual(third[50], self.panel.user)
+
+    def test_begins_at_the_newest_when_asked_for_no_number(self):
+        session = self.panel.sign_in()
+        whole = self.panel.with_session(session, page="sessions")
+        for number in ("", "-1", "x", "\u0661", "1e3"):
+            answer = self.panel.with_session(session, page="sessions", **{"from": number})
+            self.assert_page(answer, 200, "this session")
+            self.assertEqual(answer.body, whole.body)
+
+    def test_ends_somewhere(self):
+        session = self.panel.sign_in()
+        for number in ("1000000", "9" * 30):
+            answer = self.panel.with_session(session, page="sessions", **{"from": number})
+            self.assert_page(answer, 200)
+            self.assertNotIn("<tr><td>", answer.body)
+
+    def test_keeps_the_twenty_newest_of_a_user(self):
+        self.panel.add_user("dave", 1, "password")
+        bystander = self.panel.sign_in()
+        sessions = [self.panel.sign_in("dave", "password") for _ in range(21)]
+        self.assert_refused(self.panel.with_session(sessions[0]))
+        for session in sessions[1:]:
+            self.assert_page(self.panel.with_session(session), 200, "dave")
+        self.assert_sees_own_name(self.panel.with_session(bystander))
+
     def test_shows_ordinary_users_their_own_only(self):
         self.panel.sign_in()
         self.panel.add_user("bob", 1, "bobs password")
@@ -160,7 +227,7 @@ class SignOut(PanelTest):
     def test_ends_the_session(self):
         session = self.panel.sign_in()
         other = self.panel.sign_in()
-        done = self.panel.with_session(session, page="signout", token=self.panel.token(session))
+        done = self.panel.sign_out(session, self.panel.token(session))
         self.assertEqual(done.status, 303)
         self.assertIn("panelses5=; Max-Age=0", done.headers["Set-Cookie"])
         self.assert_refused(self.panel.with_session(session, page="whoami"))
@@ -168,9 +235,52 @@ class SignOut(PanelTest):
 
     def test_wants_the_token_of_this_session(self):
         session = self.panel.sign_in()
-        for token in ("", "wrong", self.panel.token(self.panel.sign_in())):
-            self.assert_refused(self.panel.with_session(session, page="signout", token=token))
+        for token in ("", "wrong", self.panel.token(self.panel.sign_in()), *ODD):
+            self.assert_refused(self.panel.sign_out(session, token))
         self.assert_sees_own_name(self.panel.with_session(session, page="whoami"))
+
+    def test_is_no_matter_of_a_link(self):
+        session = self.panel.sign_in()
+        token = self.panel.token(session)
+        answer = self.panel.with_session(session, page="signout", token=token)
+        self.assert_page(answer, 404)
+        self.assert_sees_own_name(self.panel.with_session(session, page="whoami"))
+
+    def test_with_the_session_in_the_parameters(self):
+        session = self.panel.sign_in()
+        token = self.panel.request(page="whoami", auth=session).token()
+        done = self.panel.send_form("signout", token=token, auth=session)
+        self.assertEqual(done.status, 303)
+        self.assert_refused(self.panel.request(page="whoami", auth=session))
+
+
+class NewPassword(PanelTest):
+    def test_ends_all_sessions_of_the_user(self):
+        self.panel.add_user("erin", 1, "old")
+        sessions = [self.panel.sign_in("erin", "old") for _ in range(2)]
+        bystander = self.panel.sign_in()
+        self.panel.add_user("erin", 1, "new")
+        for session in sessions:
+            self.assert_refused(self.panel.with_session(session))
+        self.assert_sees_own_name(self.panel.with_session(bystander))
+        self.assertEqual(self.panel.send_sign_in("erin", "old").status, 403)
+        self.assertEqual(self.panel.send_sign_in("erin", "new").status, 303)
+
+
+class OtherSite(PanelTest):
+    def test_can_neither_sign_in_nor_out(self):
+        session = self.panel.sign_in()
+        token = self.panel.token(session)
+        for headers in ({"Sec-Fetch-Site": "cross-site"}, {"Origin": "http://elsewhere"}):
+            for answer in (
+                self.panel.send_sign_in(headers=headers),
+                self.panel.sign_out(session, token, headers),
+            ):
+                self.assert_page(answer, 403, "Another site has sent this request.")
+                self.assertNotIn("Set-Cookie", answer.headers)
+        self.assert_sees_own_name(self.panel.with_session(session))
+        own = {"Origin": f"http://127.0.0.1:{self.panel.port}"}
+        self.assertEqual(self.panel.sign_out(session, token, own).status, 303)
 
 
 class Request(PanelTest):
@@ -187,8 +297,35 @@ class Request(PanelTest):
         for method in ("PUT", "DELETE"):
             answer = self.panel.request(method, body="a=1")
             self.assertEqual(answer.status, 405)
-            self.assertEqual(answer.headers["Allow"], "GET, POST")
+            self.assertEqual(answer.headers["Allow"], "GET, HEAD, POST")
             self.assertIn(f"bad request method '{method}'", html.unescape(answer.body))
+
+    def test_by_head_gets_the_header(self):
+        cookie = {"Cookie": "panelses5=" + self.panel.sign_in()}
+        for headers, query, status in (({}, "", 200), ({}, "home", 403), (cookie, "whoami", 200)):
+            answer = self.panel.request("HEAD", headers, page=query)
+            self.assert_page(answer, status)
+            self.assertEqual(answer.headers["Content-Type"], "text/html; charset=utf-8")
+
+    def test_with_odd_text_anywhere_is_answered(self):
+        session = self.panel.sign_in()
+        for odd in ODD:
+            for answer in (
+                self.panel.send_sign_in(user=odd),
+                self.panel.send_sign_in(password=odd),
+                self.panel.sign_out(session, odd),
+            ):
+                self.assert_page(answer, 403)
+            # Of these lighttpd refuses some by itself.
+            encoded = urllib.parse.quote(odd)
+            for request in (
+                {"HTTP_COOKIE": b"panelses5=" + urllib.parse.unquote_to_bytes(encoded)},
+                {"QUERY_STRING": f"auth={encoded}"},
+            ):
+                if "%00" not in encoded:
+                    answer = run_front(self.panel.socket.parent, **request)
+                    self.assertIn("Status: 403 Forbidden\n", answer)
+        self.assertNotIn("Traceback", self.panel.logs()["backend.log"])
 
     def test_with_a_zero_byte_cannot_be_passed_on(self):
         self.assertEqual(self.panel.request(auth="\0").status, 400)
@@ -245,13 +382,120 @@ class Page(PanelTest):
         for answer in (self.panel.request(), self.panel.request("POST")):
             self.assertIn("default-src 'none'", answer.headers["Content-Security-Policy"])
             self.assertEqual(answer.headers["Cache-Control"], "no-store")
-            self.assertEqual(answer.headers["Referrer-Policy"], "no-referrer")
+            self.assertEqual(answer.headers["Referrer-Policy"], "same-origin")
 
     def test_is_at_one_address_only(self):
         for path in ("/panelx", "/panel/", "/panel/x", "/panel../front"):
             self.assertIn(self.panel.request(path=path).status, (403, 404), path)
         self.assertEqual(self.panel.request(path="/").headers["Location"], "/panel")
         self.assertEqual(self.panel.request(path="/panel.css").status, 200)
+
+
+class BackEnd(unittest.TestCase):
+    """Asked without a front end, and so for what a front end never asks."""
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="back-end-")
+        self.addCleanup(folder.cleanup)
+        self.file = pathlib.Path(folder.name) / "new" / "panel.db"
+        variable = unittest.mock.patch.dict(os.environ, PANEL_DB=str(self.file))
+        variable.start()
+        self.addCleanup(variable.stop)
+
+    def add_user(self, password):
+        with contextlib.closing(backend.connect()) as database:
+            backend.add_user(database, password, "user", 1)
+
+    def sign_in(self, password):
+        return self.ask(f"func=session.new&user=user&password={password}")
+
+    def ask(self, query, cookie=""):
+        return backend.answer({"QUERY_STRING": query, "HTTP_COOKIE": cookie})
+
+    def command(self, *arguments, password=b"password\n", umask=0o022):
+        return subprocess.run(
+            ["/usr/bin/python3", "-B", PANEL / "backend.py", *arguments],
+            input=password,
+            capture_output=True,
+            check=False,
+            umask=umask,
+        )
+
+    def test_refuses_odd_items(self):
+        self.add_user("password")
+        session = re.search('id="(.*)"', self.sign_in("password")).group(1)
+        cookie = "panelses5=" + session
+        self.assertIn("<own ", self.ask("func=session.own", cookie))
+        no_access, no_query, no_function = (
+            f'<error type="{kind}"/>' for kind in ("access", "query", "function")
+        )
+        for odd in ("", "%C3%A9", "%FF", "%00", "%ED%A0%80", "\xe9", "\udce9", "9" * 5000, "%"):
+            for query, refusal in (
+                (f"func=session.end&token={odd}", no_access),
+                (f"func=session.new&user={odd}&password=password", no_access),
+                (f"func=session.new&user=user&password={odd}", no_access),
+                (f"func=whoami&auth={odd}", no_access),
+                (f"func={odd}", no_function),
+                (f"func=session.own&{odd}=1&{odd}=2", no_query),
+            ):
+                self.assertEqual(self.ask(query, cookie), refusal, query)
+            self.assertEqual(self.ask("func=whoami", "panelses5=" + odd), no_access)
+            self.assertIn("<session ", self.ask(f"func=session.list&from={odd}", cookie))
+        for query, refusal in (
+            ("", no_function),
+            ("func=session.end", no_access),
+            ("func=session.new", no_access),
+            ("func=session.new&user=user", no_access),
+            ("func=session.end&token=a&token=b", no_query),
+        ):
+            self.assertEqual(self.ask(query, cookie), refusal, query)
+        self.assertEqual(backend.answer({}), no_function)
+        self.assertIn("<session ", self.ask("func=session.list", cookie))
+
+    def test_signs_nobody_in_whose_password_changes_meanwhile(self):
+        self.add_user("old")
+        hash_password = backend.hash_password
+
+        def slow(*arguments):
+            with unittest.mock.patch.object(backend, "hash_password", hash_password):
+                self.add_user("new")
+            return hash_password(*arguments)
+
+        with unittest.mock.patch.object(backend, "hash_password", slow):
+            self.assertEqual(self.sign_in("old"), '<error type="access"/>')
+        self.assertIn("<session ", self.sign_in("new"))
+
+    def test_keeps_its_files_to_itself_whatever_the_umask(self):
+        done = self.command("user", "1", umask=0)
+        self.assertEqual((done.returncode, done.stderr), (0, b""))
+        with contextlib.closing(backend.connect()) as database:
+            database.execute("begin")
+            database.execute("insert into session values ('', 'user', '', 0, '')")
+            modes = {path.name: stat.S_IMODE(path.stat().st_mode) for path in self.file.parent.iterdir()}
+        self.assertEqual(modes, {"panel.db": 0o600, "panel.db-journal": 0o600})
+        self.assertEqual(stat.S_IMODE(self.file.parent.stat().st_mode), 0o700)
+
+    def test_says_what_is_wrong_with_a_new_user(self):
+        usage = b"usage: echo PASSWORD | PANEL_DB=FILE python3 backend.py NAME LEVEL [ACCOUNT]\n"
+        name = b"backend.py: a name holds printable characters only\n"
+        level = b"backend.py: a level is a number from 0 to 999999999\n"
+        for arguments, message in (
+            ([], usage),
+            (["user"], usage),
+            (["user", "1", "account", "more"], usage),
+            (["", "1"], name),
+            ([b"\xff", "1"], name),
+            (["a\nb", "1"], name),
+            (["user", "1", "a\x01"], name),
+            (["user", "x"], level),
+            (["user", "-1"], level),
+            (["user", "9" * 30], level),
+        ):
+            done = self.command(*arguments)
+            self.assertEqual((done.returncode, done.stderr), (1, message), arguments)
+        done = self.command("user", "1", password=b"\xff\n")
+        self.assertEqual(done.returncode, 1)
+        self.assertRegex(done.stderr, b"^backend.py: .*can't decode byte 0xff.*\n$")
 
 
 class EnvironmentTest(unittest.TestCase):

@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <initializer_list>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -86,6 +87,10 @@ class Panel : public testing::TestWithParam<bool> {
         .Fields({{"user", user}, {"password", password}});
   }
 
+  static Request SignOut() {
+    return Post("/panel", "page=signout").Fields({{"token", "t0k3n"}});
+  }
+
   static Request Upload(const std::string& token, const std::string& content) {
     return SignedIn(
         Post("/panel", "page=upload")
@@ -141,6 +146,112 @@ TEST_P(Panel, SignsIn) {
   EXPECT_EQ(backend_.Queries()[0].Item("password"), "a b&c=d");
 }
 
+TEST_P(Panel, SetsASecureCookieUnderEncryptionOnly) {
+  backend_.On("session.new", Document(R"(<session id="5e55"/>)"));
+  const std::string plain = "panelses5=5e55; Path=/; HttpOnly; SameSite=Strict";
+  for (const auto& [https, cookie] :
+       {std::pair("on", plain + "; Secure"), {"off", plain}, {"", plain}}) {
+    const Response response =
+        Serve(SignIn("alice", "password").Variable("HTTPS", https));
+    EXPECT_EQ(response.Header("Set-Cookie"), cookie) << https;
+  }
+}
+
+TEST_P(Panel, SignsOutByPost) {
+  backend_.On("session.end", Document("<ok/>"));
+  const Response response = Serve(SignedIn(SignOut()));
+  EXPECT_EQ(response.status, 303);
+  EXPECT_EQ(response.Header("Set-Cookie"),
+            "panelses5=; Max-Age=0; Path=/; HttpOnly; SameSite=Strict");
+  ASSERT_EQ(backend_.Queries().size(), 2U);
+  EXPECT_EQ(backend_.Queries().back().Item("token"), "t0k3n");
+}
+
+TEST_P(Panel, DoesNotSignOutByGet) {
+  backend_.On("session.end", Document("<ok/>"));
+  const Response response =
+      Serve(SignedIn(Get("/panel", "page=signout&token=t0k3n")));
+  EXPECT_EQ(response.status, 404);
+  for (const auto& query : backend_.Queries()) {
+    EXPECT_EQ(query.Item("func"), "whoami");
+  }
+}
+
+TEST_P(Panel, RefusesRequestsThatOtherSitesHaveCaused) {
+  for (const auto& [header, value] :
+       {std::pair("Sec-Fetch-Site", "cross-site"),
+        {"Sec-Fetch-Site", "same-site"},
+        {"Sec-Fetch-Site", "same-origin, cross-site"},
+        {"Origin", "null"},
+        {"Origin", "http://elsewhere"},
+        {"Origin", "http://localhost:81"},
+        {"Origin", "localhost"}}) {
+    for (Request request : {SignIn("alice", "password"), SignedIn(SignOut()),
+                            Upload("t0k3n", "content")}) {
+      request.Header("Host", "localhost").Header(header, value);
+      const Response response = Serve(request);
+      EXPECT_EQ(response.status, 403) << header << ": " << value;
+      EXPECT_TRUE(Holds(response.body, "Another site has sent this request."));
+    }
+  }
+  EXPECT_EQ(backend_.Queries().size(), 0U);
+}
+
+TEST_P(Panel, TakesRequestsOfItsOwnPagesAndOfClientsThatAreNoBrowsers) {
+  backend_.On("session.new", Document(R"(<session id="5e55"/>)"));
+  for (const auto& [header, value] :
+       {std::pair("Sec-Fetch-Site", "same-origin"),
+        {"Sec-Fetch-Site", "none"},
+        {"Origin", "http://localhost:81"},
+        {"Origin", "https://localhost:81"},
+        {"Accept", "*/*"}}) {
+    Request request = SignIn("alice", "password");
+    request.Header("Host", "localhost:81").Header(header, value);
+    EXPECT_EQ(Serve(request).status, 303) << header << ": " << value;
+  }
+}
+
+TEST_P(Panel, AsksVisitorsWithoutASessionToSignIn) {
+  for (const Request& request :
+       {Get("/panel", "page=whoami"), Get("/panel", "page=home&auth="),
+        Get("/panel", "page=sessions").Cookie("panelses5", ""), SignOut(),
+        SignOut().Cookie("panelses5", ""),
+        Upload("t0k3n", "content").Cookie("panelses5", "")}) {
+    const Response response = Serve(request);
+    EXPECT_EQ(response.status, 403);
+    EXPECT_TRUE(Holds(response.body, "Please sign in first."));
+    EXPECT_TRUE(Holds(response.body, "type=\"password\""));
+  }
+  EXPECT_EQ(backend_.Queries().size(), 0U);
+}
+
+TEST_P(Panel, AnswersAHeadWithTheHeaderOfItsPage) {
+  for (const char* query : {"", "page=whoami", "page=nonsense"}) {
+    const Response page = Serve(SignedIn(Get("/panel", query)));
+    const Response head = Serve(SignedIn(Request("HEAD", "/panel", query)));
+    EXPECT_EQ(head.fields, page.fields) << query;
+    EXPECT_EQ(head.body, "");
+  }
+}
+
+TEST_P(Panel, ShowsSessionsPageByPage) {
+  backend_.On(
+      "session.list",
+      Document(R"(<own token="t0k3n"/><session user="bob" note="" )"
+               R"(started="now" address="::1"/><older number="300"/>)"));
+  for (const auto& [from, asked] : {std::pair("200", "200"),
+                                    {"", "0"},
+                                    {"-1", "-1"},
+                                    {"x%C3%A9", "0"},
+                                    {"99999999999999999999", "2147483647"}}) {
+    const Response response = Serve(
+        SignedIn(Get("/panel", std::string("page=sessions&from=") + from)));
+    EXPECT_TRUE(Holds(response.body, "<td>bob "));
+    EXPECT_TRUE(Holds(response.body, "page=sessions&amp;from=300\""));
+    EXPECT_EQ(backend_.Queries().back().Item("from"), asked);
+  }
+}
+
 TEST_P(Panel, TellsOfAWrongPasswordAndKeepsTheNameHarmless) {
   backend_.On("session.new", NoAccess());
   const Response response = Serve(SignIn("<b>\"al'&", "wrong"));
@@ -179,7 +290,7 @@ TEST_P(Panel, TurnsARefusedSessionAway) {
   }
 }
 
-TEST_P(Panel, TakesNoUploadAboveItsLimitAndReadsNoneOfIt) {
+TEST_P(Panel, RefusesAnUploadAboveItsLimitBeforeAllOfItHasCome) {
   const Response response = Serve(Upload("t0k3n", "begin")
                                       .Header("Content-Length", "104857601")
                                       .By(Delivery::StallingPipe));
