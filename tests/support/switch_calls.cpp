@@ -132,6 +132,13 @@ int PretendedGroups(gid_t base, gid_t* groups, int* count) {
   return *count;
 }
 
+/// None of them for others than root.
+void TellFreeBlocks(long count, struct statfs64* found) {
+  found->f_bsize = 512;
+  found->f_bfree = static_cast<fsblkcnt64_t>(count);
+  found->f_bavail = 0;
+}
+
 std::string FchdirToInode(const struct stat& directory) {
   return "fchdir inode " + Number(directory.st_ino);
 }
@@ -318,11 +325,13 @@ int RecordedSetuid(uid_t user) {
 }
 
 int RecordedStatfs(const char* path, struct statfs64* found) {
-  const long told = recorded == nullptr ? 0 : recorded->file_system;
+  const support::Answers told =
+      recorded == nullptr ? support::Answers() : *recorded;
   return support::Recorded(std::string("statfs ") + path, [&] {
     const int result =
         support::Real<decltype(&RecordedStatfs)>("statfs64")(path, found);
-    if (told != 0) found->f_type = told;
+    if (told.file_system != 0) found->f_type = told.file_system;
+    if (told.free_blocks >= 0) support::TellFreeBlocks(told.free_blocks, found);
     return result;
   });
 }

@@ -1,0 +1,409 @@
+// Queries and authorization.
+
+#include <gtest/gtest.h>
+#include <tov/err.h>
+#include <zancgi/zancgi.h>
+
+#include <map>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/record.h"
+#include "trace/scenario.h"
+
+namespace {
+
+using support::RecordOf;
+using trace::Act;
+using trace::Effect;
+using trace::ExpectTrace;
+using trace::Fail;
+using trace::Get;
+using trace::Result;
+using trace::Script;
+using trace::Serve;
+using trace::Throw;
+using zan_cgi::Cgi;
+using AuthMethod = Cgi::AuthInfo::AuthMethod;
+using Map = std::map<std::string, std::string>;
+
+/// Asks once; the answer is the result.
+Act Ask(const std::string& query) {
+  return Serve([query](Cgi& cgi) { Result(cgi.Query(query)); });
+}
+
+TEST(Query, SendsWhatConcernsTheBackEndInOrder) {
+  ExpectTrace({.environment = {{"AUTH_TYPE", "no"},
+                               {"CONTENT_LENGTH", "no"},
+                               {"CONTENT_TYPE", "no"},
+                               {"HTTP", "no"},
+                               {"HTTPS", "on"},
+                               {"HTTPS2", "no"},
+                               {"HTTP_", "x"},
+                               {"HTTP_COOKIE", "a=1"},
+                               {"QUERY_STRING", "no"},
+                               {"REMOTE_ADDR", "r"},
+                               {"REQUEST", "no"},
+                               {"REQUEST_METHOD", "POST"},
+                               {"REQUEST_METHOD2", "x"},
+                               {"REQUEST_URI", "/u=v"},
+                               {"SERVER_NAME", ""},
+                               {"http_lower", "no"}},
+               .answers = {"one\n<?xml?>" + std::string(1024, 'x') + "\nend"}},
+              Serve([](Cgi& cgi) {
+                Result(std::to_string(cgi.Query("func=a").size()));
+              }),
+              R"(
+    Append('func=a', 'out=xml', '&')
+    GetAllEnvs()
+    zancgi 7: cgi.Query('func=a&out=xml') tov 'panel'
+    Connect('panel', false)
+    SendEnv('HTTPS=on')
+    SendEnv('HTTP_=x')
+    SendEnv('HTTP_COOKIE=a=1')
+    SendEnv('QUERY_STRING=func=a&out=xml')
+    SendEnv('REMOTE_ADDR=r')
+    SendEnv('REQUEST_METHOD=GET')
+    SendEnv('REQUEST_METHOD2=x')
+    SendEnv('REQUEST_URI=/u=v')
+    SendEnv('SERVER_NAME=')
+    RequestComplete()
+    GetAnswer(1024)
+    GetAnswer(1024)
+    GetAnswer(1024)
+    GetAnswer(1024)
+    GetAnswer(1024)
+    ~Protocol()
+    = 1035
+  )");
+}
+
+TEST(Query, WithAllItsItemsAppendsNone) {
+  ExpectTrace({.answers = {"a<?xml?>"}}, Ask("layout=1&auth=2&sfrom=3"), R"(
+    GetAllEnvs()
+    zancgi 7: cgi.Query('layout=1&auth=2&sfrom=3') tov 'panel'
+    Connect('panel', false)
+    SendEnv('QUERY_STRING=layout=1&auth=2&sfrom=3')
+    SendEnv('REQUEST_METHOD=GET')
+    RequestComplete()
+    GetAnswer(1024)
+    GetAnswer(1024)
+    ~Protocol()
+    = a<?xml?>
+  )");
+}
+
+TEST(Query, AppendsFormatThenSessionThenSender) {
+  ExpectTrace({.answers = {"a<?xml?>"}}, Serve([](Cgi& cgi) {
+                RecordOf(cgi).auth_info.method = Cgi::AuthInfo::AuthParams;
+                RecordOf(cgi).auth_info.auth = "i d";
+                RecordOf(cgi).params["sfrom"] = "x&y";
+                cgi.SetTovName("other");
+                Result(cgi.Query(""));
+              }),
+              R"(
+    Append('', 'out=xml', '&')
+    Append('&out=xml', 'auth=i d', '&')
+    Append('&out=xml&auth=i d', 'sfrom=x&y', '&')
+    GetAllEnvs()
+    zancgi 7: cgi.Query('&out=xml&auth=i d&sfrom=x&y') tov 'other'
+    Connect('other', false)
+    SendEnv('QUERY_STRING=&out=xml&auth=i d&sfrom=x&y')
+    SendEnv('REQUEST_METHOD=GET')
+    RequestComplete()
+    GetAnswer(1024)
+    GetAnswer(1024)
+    ~Protocol()
+    = <?xml?>
+  )");
+}
+
+TEST(Query, OfAMapEncodesTheValuesInOrderOfTheNames) {
+  ExpectTrace({.answers = {"x"}}, Serve([](Cgi& cgi) {
+                Result(cgi.Query(Map{{"b &", "x y"}, {"a", "1&2"}}));
+              }),
+              R"(
+    Encode('1&2')
+    Append('', 'a=[1&2]', '&')
+    Encode('x y')
+    Append('&a=[1&2]', 'b &=[x y]', '&')
+    Append('&a=[1&2]&b &=[x y]', 'out=xml', '&')
+    GetAllEnvs()
+    zancgi 7: cgi.Query('&a=[1&2]&b &=[x y]&out=xml') tov 'panel'
+    Connect('panel', false)
+    SendEnv('QUERY_STRING=&a=[1&2]&b &=[x y]&out=xml')
+    SendEnv('REQUEST_METHOD=GET')
+    RequestComplete()
+    GetAnswer(1024)
+    GetAnswer(1024)
+    ~Protocol()
+    = x
+  )");
+}
+
+TEST(Query, WithoutANameOrSessionMakesNoCall) {
+  ExpectTrace({}, Serve([](Cgi& cgi) {
+                cgi.SetTovName("");
+                cgi.Query("func=a");
+              }),
+              "throws tov_err::Missed: Missed(\"tovname\", \"\")");
+  ExpectTrace({}, Serve([](Cgi& cgi) {
+                RecordOf(cgi).auth_info.method = Cgi::AuthInfo::AuthParams;
+                cgi.Query("out=json");
+              }),
+              "throws tov_err::Value: Value(\"auth\", \"\")");
+}
+
+/// The calls of one attempt to ask "out=" in an empty environment.
+const std::vector<std::string> kAttempt = {"Connect('panel', false)",
+                                           "SendEnv('QUERY_STRING=out=')",
+                                           "SendEnv('REQUEST_METHOD=GET')",
+                                           "RequestComplete()",
+                                           "GetAnswer(1024)",
+                                           "GetAnswer(1024)",
+                                           "GetAnswer(1024)"};
+
+const std::string kBeforeAttempts =
+    "GetAllEnvs()\nzancgi 7: cgi.Query('out=') tov 'panel'\n";
+
+/// The trace of an attempt that fails at its call of this number.
+std::string AttemptUpTo(std::size_t last) {
+  std::string text;
+  for (std::size_t i = 0; i <= last; ++i) text += kAttempt[i] + "\n";
+  return text + (last == 0 ? "" : "~Protocol()\n");
+}
+
+/// A script in which some attempts fail at the call of this number, the last of
+/// them with this effect, and a whole one is answered by two lines.
+Script FailingAt(std::size_t call, std::size_t count, const Effect& last) {
+  const std::string line = kAttempt[call];
+  const std::string function = line.substr(0, line.find('('));
+  std::size_t before = 0;
+  std::size_t all = 0;
+  for (std::size_t i = 0; i < kAttempt.size(); ++i) {
+    const bool is_same = kAttempt[i].starts_with(function + "(");
+    if (is_same && i < call) ++before;
+    if (is_same) ++all;
+  }
+  Script script{.answers = std::vector<std::string>(5, "a\nb")};
+  std::vector<Effect>& effects = script.effects[function];
+  for (std::size_t attempt = 1; attempt <= count; ++attempt) {
+    effects.resize(effects.size() + before);
+    effects.push_back(attempt < count ? Fail("early") : last);
+  }
+  return script;
+}
+
+TEST(Attempts, AreFourWhateverCallFails) {
+  for (std::size_t call = 0; call < kAttempt.size(); ++call) {
+    SCOPED_TRACE(kAttempt[call] + ", call " + std::to_string(call));
+    std::string trace = kBeforeAttempts;
+    for (int attempt = 0; attempt < 3; ++attempt) trace += AttemptUpTo(call);
+    ExpectTrace(FailingAt(call, 3, Fail()), Ask("out="),
+                trace + AttemptUpTo(kAttempt.size() - 1) + "= a\\nb");
+    ExpectTrace(FailingAt(call, 4, Throw(tov_err::Value("v", "last"))),
+                Ask("out="),
+                trace + AttemptUpTo(call) +
+                    "throws tov_err::Value: Value(\"v\", \"last\")");
+  }
+}
+
+TEST(Attempts, EndWithAnErrorOfAnotherType) {
+  for (std::size_t call = 0; call < kAttempt.size(); ++call) {
+    SCOPED_TRACE(kAttempt[call]);
+    ExpectTrace(FailingAt(call, 1, Throw(std::runtime_error("other"))),
+                Ask("out="),
+                kBeforeAttempts + AttemptUpTo(call) +
+                    "throws std::runtime_error: other");
+    ExpectTrace(FailingAt(call, 2, Throw(std::bad_alloc())), Ask("out="),
+                kBeforeAttempts + AttemptUpTo(call) + AttemptUpTo(call) +
+                    "throws std::bad_alloc: std::bad_alloc");
+  }
+}
+
+const char kCookies[] = "panelses5=s; panellang5=a:b:c";
+const char kAlice[] = R"(<doc><user name="alice" level="7"/></doc>)";
+
+/// Authorizes; what the record then has to say is the result.
+Act Authorize(AuthMethod method) {
+  return Serve([method](Cgi& cgi) {
+    trace::Try([&] { cgi.Authorize(method); });
+    const Cgi::AuthInfo& session = RecordOf(cgi).auth_info;
+    Result("session '" + session.auth + "' by " +
+           std::to_string(session.method));
+    Result(cgi.auth().name + " " + std::to_string(session.level) + " " +
+           session.lang_word + " " + session.lang_rest);
+  });
+}
+
+/// The trace of the query for a session, and of its answer's first look.
+/// @param query  what is sent
+/// @param lines  the environment before it, as it is sent
+std::string Whoami(const std::string& query, const std::string& lines,
+                   const std::string& answer) {
+  return R"(
+    GetAllEnvs()
+    zancgi 7: cgi.Query(')" +
+         query + R"(') tov 'panel'
+    Connect('panel', false)
+    )" + lines +
+         R"(
+    SendEnv('QUERY_STRING=)" +
+         query + R"(')
+    SendEnv('REQUEST_METHOD=GET')
+    RequestComplete()
+    GetAnswer(1024)
+    GetAnswer(1024)
+    ~Protocol()
+    LoadFromString(')" +
+         answer + R"(')
+    GetNode('/doc/error')
+)";
+}
+
+/// The same of a session in the cookie.
+std::string WhoamiByCookie(const std::string& answer) {
+  return "zancgi 9: [zancgi.cpp]:# session cookie found\n" +
+         Whoami("func=whoami&out=xml",
+                std::string("SendEnv('HTTP_COOKIE=") + kCookies + "')", answer);
+}
+
+/// Of the user's attributes either may be read first.
+const char kUser[] = R"(
+    GetNode('/doc/user')
+    | /doc/user.GetProp('name')
+    | /doc/user.GetProp('level')
+    | Int('7')
+)";
+
+TEST(Authorize, ByTheCookieAlsoReadsTheLanguage) {
+  for (const AuthMethod method :
+       {Cgi::AuthInfo::AuthAny, Cgi::AuthInfo::AuthCookie}) {
+    ExpectTrace(
+        {.environment = {{"HTTP_COOKIE", kCookies}}, .answers = {kAlice}},
+        Authorize(method), WhoamiByCookie(kAlice) + kUser + R"(
+    RGetWord('a:b:c', ':')
+    = session 's' by 1
+    = alice 7 c a:b
+  )");
+  }
+}
+
+TEST(Authorize, ByAParameterParsesTheRequestFirst) {
+  Script script = Get("auth=p&sfrom=x");
+  script.answers = {kAlice};
+  const std::string trace = R"(
+    zancgi 9: [zancgi.cpp]:# session cookie not found, trying params
+    zancgi 8: void zan_cgi::Cgi::Data::ParseQuery()
+    zancgi 8: void zan_cgi::Cgi::Data::ParseQueryString(std::string)
+    Append('func=whoami&out=xml', 'auth=p', '&')
+    Append('func=whoami&out=xml&auth=p', 'sfrom=x', '&')
+  )" + Whoami("func=whoami&out=xml&auth=p&sfrom=x", "", kAlice) +
+                            kUser;
+  const std::string result = R"(
+    = session 'p' by 2
+    = alice 7  
+  )";
+  ExpectTrace(script, Authorize(Cgi::AuthInfo::AuthAny), trace + result);
+  ExpectTrace(script, Authorize(Cgi::AuthInfo::AuthParams), trace + result);
+}
+
+TEST(Authorize, WithoutASessionSendsNothing) {
+  ExpectTrace(Get(""), Authorize(Cgi::AuthInfo::AuthAny), R"(
+    zancgi 9: [zancgi.cpp]:# session cookie not found, trying params
+    zancgi 8: void zan_cgi::Cgi::Data::ParseQuery()
+    zancgi 8: void zan_cgi::Cgi::Data::ParseQueryString(std::string)
+    throws tov_err::Value: Value("auth", "")
+    = session '' by 2
+    throws std::runtime_error: not authorized
+  )");
+}
+
+TEST(Authorize, ByAMissingCookieAsksForAnEmptySession) {
+  for (const auto method :
+       {Cgi::AuthInfo::AuthCookie, static_cast<AuthMethod>(3)}) {
+    ExpectTrace({.answers = {kAlice}}, Authorize(method),
+                "zancgi 9: [zancgi.cpp]:# session cookie found\n" +
+                    Whoami("func=whoami&out=xml", "", kAlice) + kUser + R"(
+    = session '' by 1
+    = alice 7  
+  )");
+  }
+}
+
+TEST(Authorize, WithoutAServiceMakesNoCall) {
+  ExpectTrace({.environment = {{"HTTP_COOKIE", "ses5=s"}}}, Serve([](Cgi& cgi) {
+                cgi.SetTovName("");
+                cgi.Authorize(Cgi::AuthInfo::AuthAny);
+              }),
+              "throws tov_err::Missed: Missed(\"tovname\", \"\")");
+}
+
+TEST(Authorize, NamesTheRefusalBeforeItLooksForTheUser) {
+  struct Case {
+    const char* answer;
+    const char* calls;
+    const char* error;
+  };
+  const char kType[] = "/doc/error.GetProp('type')\n";
+  for (const Case& refused :
+       {Case{R"(<doc><user name="a" level="9"/><error type="access"/></doc>)",
+             kType, "You do not authorized for this operation"},
+        Case{R"(<doc><error type="other"/></doc>)", kType,
+             "unknown authorization error"},
+        Case{R"(<doc><error code="access"/></doc>)", kType,
+             "unknown authorization error"},
+        Case{"<doc/>", "GetNode('/doc/user')\n", "bad answer from 'panel'"}}) {
+    ExpectTrace({.environment = {{"HTTP_COOKIE", kCookies}},
+                 .answers = {refused.answer}},
+                Authorize(Cgi::AuthInfo::AuthAny),
+                WhoamiByCookie(refused.answer) + refused.calls +
+                    "throws std::runtime_error: " + refused.error + R"(
+    = session 's' by 1
+    throws std::runtime_error: not authorized
+  )");
+  }
+}
+
+TEST(Authorize, IsNotDoneWhereAnAnswerCannotBeRead) {
+  for (const auto& [function, calls] : {std::pair("Int", std::string(kUser)),
+                                        std::pair("GetNode", std::string())}) {
+    Script script{.environment = {{"HTTP_COOKIE", kCookies}},
+                  .answers = {kAlice}};
+    script.effects[function] = {Fail("unreadable")};
+    ExpectTrace(script, Authorize(Cgi::AuthInfo::AuthAny),
+                WhoamiByCookie(kAlice) + calls + R"(
+    throws tov_err::Error: unreadable
+    = session 's' by 1
+    throws std::runtime_error: not authorized
+  )");
+  }
+}
+
+TEST(Authorize, ASecondTimeTakesTheSessionForACookie) {
+  Script script = Get("auth=p");
+  script.answers = {"<doc/>", "<doc/>"};
+  const std::string refusal = R"(
+    GetNode('/doc/user')
+    throws std::runtime_error: bad answer from 'panel'
+  )";
+  ExpectTrace(script, Serve([](Cgi& cgi) {
+                trace::Try([&] { cgi.Authorize(Cgi::AuthInfo::AuthParams); });
+                trace::Try([&] { cgi.Authorize(Cgi::AuthInfo::AuthParams); });
+              }),
+              R"(
+    zancgi 9: [zancgi.cpp]:# session cookie not found, trying params
+    zancgi 8: void zan_cgi::Cgi::Data::ParseQuery()
+    zancgi 8: void zan_cgi::Cgi::Data::ParseQueryString(std::string)
+    Append('func=whoami&out=xml', 'auth=p', '&')
+  )" + Whoami("func=whoami&out=xml&auth=p", "", "<doc/>") +
+                  refusal + R"(
+    zancgi 9: [zancgi.cpp]:# session cookie found
+  )" + Whoami("func=whoami&out=xml", "", "<doc/>") +
+                  refusal);
+}
+
+}  // namespace

@@ -1,0 +1,38 @@
+// What happens when the library is loaded and unloaded.
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "trace/scenario.h"
+
+namespace {
+
+using trace::ExpectTrace;
+using trace::Result;
+
+TEST(Library, MakesItsLogModulesWhenItIsLoadedAndTakesThemAway) {
+  ExpectTrace(
+      {},
+      [] {
+        // This program has the library loaded under its own name.
+        std::filesystem::copy_file(TRACED_ZANCGI, "copy.so");
+        trace::Start();
+        void* const library = ::dlopen("./copy.so", RTLD_NOW);
+        ASSERT_NE(library, nullptr) << ::dlerror();
+        Result("loaded");
+        ::dlclose(library);
+        Result("unloaded");
+      },
+      R"(
+    Module('zancgi', 'core')
+    Module('zancgi', 'core')
+    = loaded
+    ~Module()
+    ~Module()
+    = unloaded
+  )");
+}
+
+}  // namespace

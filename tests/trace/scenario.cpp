@@ -1,0 +1,200 @@
+#include "trace/scenario.h"
+
+#include <cxxabi.h>
+#include <gtest/gtest.h>
+#include <tov/err.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/scratch.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <exception>
+#include <iterator>
+#include <memory>
+#include <regex>
+#include <sstream>
+#include <typeinfo>
+#include <vector>
+
+#include "support/switch_calls.h"
+
+namespace trace {
+namespace {
+
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Input;
+using zan_cgi::testing::LogLine;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Scratch;
+using zan_cgi::testing::Told;
+using Lines = std::vector<std::string>;
+
+const char kAnyOrder[] = "| ";
+
+/// Of other calls of the system nothing is said.
+bool IsListed(const std::string& line) {
+  static const std::regex open(
+      "(fchdir|getgrouplist|gethostbyname|setgroups|stat|"
+      "__nss_configure_lookup) .*");
+  return !std::regex_match(line, open);
+}
+
+bool IsOfTheLog(const std::string& line) {
+  return line.starts_with("zancgi ") || line.starts_with("unix ");
+}
+
+Lines LinesOf(const std::string& text) {
+  Lines lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream >> std::ws, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+Lines TraceOf(Script script, const Act& act) {
+  const Scratch folder;
+  folder.MakeDir("spool");
+  const Input input = Input::File(script.input);
+  const Outcome outcome =
+      Child().WorkDir(folder.Path()).StandardInput(input).Run([&](const Told&) {
+        const support::Recording recording(
+            {.accounts = {{"alice", 1001, 1002, "."}, {"root", 0, 0, "."}},
+             .free_blocks = script.free_blocks});
+        Follow(script);
+        act();
+      });
+  EXPECT_EQ(outcome.error, "");
+  EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
+  for (const std::string& descriptor : outcome.leaked_descriptors) {
+    // A standard input that the act has put in the place of ours.
+    EXPECT_TRUE(descriptor.starts_with("0 ")) << descriptor;
+  }
+  Lines trace;
+  for (const LogLine& line : outcome.log) {
+    if (line.text == kStart) {
+      trace.clear();
+    } else if (IsListed(line.text)) {
+      trace.push_back(line.text);
+    }
+  }
+  return trace;
+}
+
+std::string Joined(const Lines& lines) {
+  std::string text;
+  for (const std::string& line : lines) text += line + "\n";
+  return text;
+}
+
+/// Brings the calls that may come in any order into that of their texts.
+/// @param like  the lines that say which these are
+Lines Settled(Lines lines, const Lines& like) {
+  const auto is_open = [](const std::string& line) {
+    return line.starts_with(kAnyOrder);
+  };
+  if (lines.size() < like.size()) return lines;
+  for (auto end = like.begin(); end != like.end();) {
+    const auto begin = std::find_if(end, like.end(), is_open);
+    end = std::find_if_not(begin, like.end(), is_open);
+    std::sort(lines.begin() + (begin - like.begin()),
+              lines.begin() + (end - like.begin()));
+  }
+  return lines;
+}
+
+void ExpectLines(Lines trace, const Lines& expected) {
+  Lines plain = expected;
+  for (std::string& line : plain) {
+    if (line.starts_with(kAnyOrder)) line.erase(0, sizeof(kAnyOrder) - 1);
+  }
+  trace = Settled(std::move(trace), expected);
+  plain = Settled(std::move(plain), expected);
+  EXPECT_EQ(Joined(trace), Joined(plain));
+}
+
+std::string NameOf(const std::exception& error) {
+  const std::unique_ptr<char, decltype(&std::free)> name(
+      abi::__cxa_demangle(typeid(error).name(), nullptr, nullptr, nullptr),
+      &std::free);
+  return name.get();
+}
+
+}  // namespace
+
+void ExpectTrace(const Script& script, const Act& act,
+                 const std::string& expected) {
+  Lines lines = LinesOf(expected);
+  ExpectLines(TraceOf(script, act), lines);
+  Script silent = script;
+  silent.logs = false;
+  std::erase_if(lines, IsOfTheLog);
+  SCOPED_TRACE("with the log switched off");
+  ExpectLines(TraceOf(silent, act), lines);
+}
+
+Act Serve(const std::function<void(zan_cgi::Cgi&)>& work) {
+  return [work] {
+    zan_cgi::Cgi cgi("cgi/front", "panel");
+    Start();
+    Try([&] { work(cgi); });
+  };
+}
+
+void Try(const Act& work) {
+  try {
+    work();
+  } catch (const std::exception& error) {
+    Note("throws " + NameOf(error) + ": " + error.what());
+  } catch (...) {
+    Note("throws something else");
+  }
+}
+
+void Result(const std::string& text) { Note("= " + text); }
+
+void TellParams(zan_cgi::Cgi& cgi) {
+  Lines names;
+  cgi.GetParams(names);
+  for (const std::string& name : names) Result(name + ": " + cgi.Param(name));
+}
+
+Script Get(const std::string& query) {
+  return {.environment = {{"REQUEST_METHOD", "GET"}, {"QUERY_STRING", query}}};
+}
+
+Script Post(const std::string& body, const std::string& content_type) {
+  return {.environment = {{"REQUEST_METHOD", "POST"},
+                          {"CONTENT_TYPE", content_type},
+                          {"CONTENT_LENGTH", std::to_string(body.size())},
+                          {"TMP", "spool"}},
+          .input = body};
+}
+
+std::string Admission(const std::string& body) {
+  const std::string size = std::to_string(body.size());
+  return R"(
+    zancgi 8: void zan_cgi::Cgi::Data::ParseQuery()
+    zancgi 8: void zan_cgi::Cgi::Data::ParseInput()
+    Int64(')" +
+         size + R"(')
+    zancgi 9: [zancgi.cpp]:# POST boundary detected: true
+    zancgi 9: [zancgi.cpp]:# temp dir is empty, new temp dir 'spool'
+    statfs spool
+    zancgi 9: [zancgi.cpp]:# query size ')" +
+         size +
+         R"(', free space in tmpdir '512000'
+)";
+}
+
+std::string End(const std::string& body) {
+  const std::string size = std::to_string(body.size());
+  return "zancgi 9: [zancgi.cpp]:# End of stdin parsing, stdin state EOF "
+         "false, "
+         "GOOD true, read " +
+         size + " of " + size + " chars\n";
+}
+
+Effect Fail(const std::string& text) { return Throw(tov_err::Error(text)); }
+
+}  // namespace trace

@@ -1,0 +1,73 @@
+/// @file
+/// What a front end does, and what of it the base library must see.
+#ifndef ZANCGI_TESTS_TRACE_SCENARIO_H
+#define ZANCGI_TESTS_TRACE_SCENARIO_H
+
+#include <zancgi/zancgi.h>
+
+#include <functional>
+#include <string>
+
+#include "support/form.h"
+#include "trace/script.h"
+
+namespace trace {
+
+/// What a front end does.
+using Act = std::function<void()>;
+
+/// Expects that an act, in a child process of its own, makes these calls, one a
+/// line, and those alone. Blanks at the beginning of a line do not count.
+///
+/// Consecutive lines with "| " in front may come in any order. Among the calls
+/// are those of the system that find and become accounts, change the directory
+/// or ask for free space, as support::Recording writes them.
+///
+/// The act is repeated with the log switched off, when all but the log's lines
+/// must be the same.
+///
+/// The process begins in an empty folder with a folder "spool". It knows the
+/// accounts "alice", of the numbers 1001 and 1002, and "root"; the home of both
+/// is ".".
+void ExpectTrace(const Script& script, const Act& act,
+                 const std::string& expected);
+
+/// Serves a request: the trace begins after the construction, and the end of
+/// the request belongs to it.
+Act Serve(const std::function<void(zan_cgi::Cgi&)>& work);
+
+/// Does the work. An exception becomes a line "throws type: text".
+void Try(const Act& work);
+
+/// Writes a line "= text" into the trace.
+void Result(const std::string& text);
+
+/// Writes each parameter's name and value as results.
+void TellParams(zan_cgi::Cgi& cgi);
+
+/// A GET of this query string.
+Script Get(const std::string& query);
+
+/// A POST of this body, whose uploads go to the folder "spool".
+Script Post(const std::string& body,
+            const std::string& content_type = support::kForm);
+
+/// The trace of the first parse of such a multipart form, up to where its body
+/// is read.
+std::string Admission(const std::string& body);
+
+/// What a complete body ends with.
+std::string End(const std::string& body);
+
+/// An effect that throws.
+template <class Error>
+Effect Throw(const Error& error) {
+  return [error] { throw error; };
+}
+
+/// The same of the base library's error.
+Effect Fail(const std::string& text = "no");
+
+}  // namespace trace
+
+#endif

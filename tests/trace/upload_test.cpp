@@ -1,0 +1,313 @@
+// Requests with uploads, up to the removal of what is left of them.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+#include <zancgi/zancgi.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "support/form.h"
+#include "support/record.h"
+#include "trace/scenario.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using support::Field;
+using support::kFormEnd;
+using support::RecordOf;
+using support::Upload;
+using trace::Admission;
+using trace::End;
+using trace::ExpectTrace;
+using trace::Fail;
+using trace::Post;
+using trace::Result;
+using trace::Script;
+using trace::Serve;
+using trace::TellParams;
+using zan_cgi::Cgi;
+
+/// Whether the file of an upload is there, and who has it open.
+void TellFile() {
+  const fs::path file = fs::absolute("spool/zantemp-1");
+  std::string state = fs::exists(file) ? "made" : "missing";
+  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    if (fs::read_symlink(entry, gone) == file) state += ", open";
+  }
+  Result(state);
+}
+
+/// What the record says of the upload "f".
+void TellUpload(Cgi& cgi) {
+  const bool is_parsed = RecordOf(cgi).parsed;
+  Result(cgi.File("f") + ", " + std::to_string(RecordOf(cgi).files["f"].size) +
+         " bytes, " + (is_parsed ? "parsed" : "not parsed"));
+}
+
+/// Parses, and tells what has become of the upload, whatever happens.
+void ParseAndTell(Cgi& cgi) {
+  trace::Try([&] { cgi.ParseQuery(); });
+  TellUpload(cgi);
+}
+
+TEST(Upload, IsMadeProtectedAndRemoved) {
+  const std::string body =
+      Field("a", "b") + Upload("u", "f", "content") + kFormEnd;
+  Script script = Post(body);
+  script.effects["SafeSet"] = {TellFile};
+  script.effects["RemoveFile"] = {TellFile};
+  ExpectTrace(script, Serve([](Cgi& cgi) {
+                ParseAndTell(cgi);
+                TellParams(cgi);
+              }),
+              Admission(body) + R"(
+    ConcatPath('spool', 'zantemp')
+    Tmp('spool/zantemp')
+    zancgi 8: ParseInput Creating new file spool/zantemp-1
+    Attrs(0700)
+    Attrs(0700).SafeSet('spool/zantemp-1', false)
+    = made, open
+  )" + End(body) + R"(
+    = spool/zantemp-1, 7 bytes, parsed
+    = a: b
+    = u: f
+    Exists('spool/zantemp-1')
+    zancgi 9: [zancgi.cpp]:# dropping temporary file 'spool/zantemp-1'
+    RemoveFile('spool/zantemp-1')
+    = made
+  )");
+}
+
+TEST(Upload, IsMadeAnewForEach) {
+  const std::string body =
+      Upload("u", "f", "first") + Upload("v", "e", "2") + kFormEnd;
+  ExpectTrace(Post(body), Serve(ParseAndTell), Admission(body) + R"(
+    ConcatPath('spool', 'zantemp')
+    Tmp('spool/zantemp')
+    zancgi 8: ParseInput Creating new file spool/zantemp-1
+    Attrs(0700)
+    Attrs(0700).SafeSet('spool/zantemp-1', false)
+    ConcatPath('spool', 'zantemp')
+    Tmp('spool/zantemp')
+    zancgi 8: ParseInput Creating new file spool/zantemp-2
+    Attrs(0700)
+    Attrs(0700).SafeSet('spool/zantemp-2', false)
+  )" + End(body) + R"(
+    = spool/zantemp-1, 5 bytes, parsed
+    Exists('spool/zantemp-2')
+    zancgi 9: [zancgi.cpp]:# dropping temporary file 'spool/zantemp-2'
+    RemoveFile('spool/zantemp-2')
+    Exists('spool/zantemp-1')
+    zancgi 9: [zancgi.cpp]:# dropping temporary file 'spool/zantemp-1'
+    RemoveFile('spool/zantemp-1')
+  )");
+}
+
+TEST(Upload, ThatCannotBeProtectedEndsTheParse) {
+  const std::string body = Upload("u", "f", "content") + kFormEnd;
+  Script script = Post(body);
+  script.effects["SafeSet"] = {Fail("not permitted")};
+  ExpectTrace(script, Serve([](Cgi& cgi) {
+                ParseAndTell(cgi);
+                TellFile();
+              }),
+              Admission(body) + R"(
+    ConcatPath('spool', 'zantemp')
+    Tmp('spool/zantemp')
+    zancgi 8: ParseInput Creating new file spool/zantemp-1
+    Attrs(0700)
+    Attrs(0700).SafeSet('spool/zantemp-1', false)
+    throws tov_err::Error: not permitted
+    = spool/zantemp-1, 0 bytes, not parsed
+    = made
+    Exists('spool/zantemp-1')
+    zancgi 9: [zancgi.cpp]:# dropping temporary file 'spool/zantemp-1'
+    RemoveFile('spool/zantemp-1')
+  )");
+}
+
+/// The rest of the body is dropped by a further read of nothing.
+const char kWriteError[] = R"(
+    Sleep(100)
+    throws std::runtime_error: error writing temporary file
+)";
+
+TEST(Upload, ThatCannotBeOpenedFailsAtItsFirstWrite) {
+  const std::string body = Upload("u", "f", "content") + kFormEnd;
+  Script script = Post(body);
+  script.effects["Tmp"] = {[] { fs::remove("spool"); }};
+  ExpectTrace(script, Serve(ParseAndTell), Admission(body) + R"(
+    ConcatPath('spool', 'zantemp')
+    Tmp('spool/zantemp')
+    zancgi 8: ParseInput Creating new file spool/zantemp-1
+    Attrs(0700)
+    Attrs(0700).SafeSet('spool/zantemp-1', false)
+    RemoveFile('spool/zantemp-1')
+  )" + kWriteError + R"(
+    = spool/zantemp-1, 0 bytes, parsed
+    Exists('spool/zantemp-1')
+  )");
+}
+
+/// Makes the file of the upload as large as a file may be.
+void FillTheDisk() {
+  constexpr rlimit kLimit{1 << 20, 1 << 20};
+  ::signal(SIGXFSZ, SIG_IGN);
+  EXPECT_EQ(::truncate("spool/zantemp-1", 1 << 20), 0);
+  EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &kLimit), 0);
+}
+
+TEST(Upload, ThatCannotBeWrittenIsClosedAndRemoved) {
+  const std::string body = Upload("u", "f", "content") + kFormEnd;
+  Script script = Post(body);
+  script.effects["SafeSet"] = {FillTheDisk};
+  script.effects["RemoveFile"] = {TellFile};
+  ExpectTrace(script, Serve(ParseAndTell), Admission(body) + R"(
+    ConcatPath('spool', 'zantemp')
+    Tmp('spool/zantemp')
+    zancgi 8: ParseInput Creating new file spool/zantemp-1
+    Attrs(0700)
+    Attrs(0700).SafeSet('spool/zantemp-1', false)
+    RemoveFile('spool/zantemp-1')
+    = made
+  )" + kWriteError + R"(
+    = spool/zantemp-1, 0 bytes, parsed
+    Exists('spool/zantemp-1')
+  )");
+}
+
+TEST(Upload, ThatCannotBeRemovedEitherEndsTheParse) {
+  const std::string body = Upload("u", "f", "content") + kFormEnd;
+  Script script = Post(body);
+  script.effects["SafeSet"] = {FillTheDisk};
+  script.effects["RemoveFile"] = {Fail("busy"), Fail("still busy")};
+  ExpectTrace(script, Serve(ParseAndTell), Admission(body) + R"(
+    ConcatPath('spool', 'zantemp')
+    Tmp('spool/zantemp')
+    zancgi 8: ParseInput Creating new file spool/zantemp-1
+    Attrs(0700)
+    Attrs(0700).SafeSet('spool/zantemp-1', false)
+    RemoveFile('spool/zantemp-1')
+    throws tov_err::Error: busy
+    = spool/zantemp-1, 0 bytes, not parsed
+    Exists('spool/zantemp-1')
+    zancgi 9: [zancgi.cpp]:# dropping temporary file 'spool/zantemp-1'
+    RemoveFile('spool/zantemp-1')
+    zancgi 4: failed to remove tamporary file 'spool/zantemp-1'
+  )");
+}
+
+TEST(UploadWithoutRoom, IsNotMade) {
+  const std::string body = Upload("u", "f", "content") + kFormEnd;
+  Script script = Post(body);
+  script.free_blocks = 0;
+  const std::string size = std::to_string(body.size());
+  ExpectTrace(script, Serve([](Cgi& cgi) {
+                trace::Try([&] { cgi.ParseQuery(); });
+                TellParams(cgi);
+              }),
+              R"(
+    zancgi 8: void zan_cgi::Cgi::Data::ParseQuery()
+    zancgi 8: void zan_cgi::Cgi::Data::ParseInput()
+    Int64(')" + size +
+                  R"(')
+    zancgi 9: [zancgi.cpp]:# POST boundary detected: true
+    zancgi 9: [zancgi.cpp]:# temp dir is empty, new temp dir 'spool'
+    statfs spool
+    zancgi 9: [zancgi.cpp]:# query size ')" +
+                  size + R"(', free space in tmpdir '0'
+    zancgi 4: There is not enoght free space on 'spool' to process a query
+  )" + kWriteError +
+                  R"(
+    = u: f
+  )");
+}
+
+TEST(UploadWithoutRoom, IsNoneForFields) {
+  const std::string body(513, 'x');
+  Script script = Post(body);
+  script.free_blocks = 1;
+  script.environment["CONTENT_TYPE"] = "";
+  ExpectTrace(script, Serve([](Cgi& cgi) { cgi.ParseQuery(); }), R"(
+    zancgi 8: void zan_cgi::Cgi::Data::ParseQuery()
+    zancgi 8: void zan_cgi::Cgi::Data::ParseInput()
+    Int64('513')
+    zancgi 9: [zancgi.cpp]:# POST boundary detected: false
+    zancgi 9: [zancgi.cpp]:# temp dir is empty, new temp dir 'spool'
+    statfs spool
+    zancgi 9: [zancgi.cpp]:# query size '513', free space in tmpdir '512'
+    zancgi 4: There is not enoght free space on 'spool' to process a query
+    zancgi 9: [zancgi.cpp]:# appending 513 chars to buff
+    zancgi 9: [zancgi.cpp]:# no boundaries in POST data, assuming GET format
+  )" + End(body));
+}
+
+/// A request with the uploads "B", "a" and "c" at "spool/1" to "spool/3", of
+/// which the second is not there.
+void EndWithThreeUploads(Cgi& cgi) {
+  auto& files = RecordOf(cgi).files;
+  files["c"].path = "spool/3";
+  files["B"].path = "spool/1";
+  files["a"].path = "spool/2";
+  for (const char* path : {"spool/1", "spool/3"}) std::ofstream(path).put('x');
+}
+
+TEST(TearDown, RemovesTheUploadsThatAreThere) {
+  ExpectTrace({}, Serve(EndWithThreeUploads), R"(
+    Exists('spool/1')
+    zancgi 9: [zancgi.cpp]:# dropping temporary file 'spool/1'
+    RemoveFile('spool/1')
+    Exists('spool/2')
+    Exists('spool/3')
+    zancgi 9: [zancgi.cpp]:# dropping temporary file 'spool/3'
+    RemoveFile('spool/3')
+  )");
+}
+
+TEST(TearDown, GoesOnAfterAFailureOfAnyType) {
+  ExpectTrace({.effects = {{"Exists", {nullptr, trace::Throw(1)}},
+                           {"RemoveFile", {Fail()}}}},
+              Serve(EndWithThreeUploads), R"(
+    Exists('spool/1')
+    zancgi 9: [zancgi.cpp]:# dropping temporary file 'spool/1'
+    RemoveFile('spool/1')
+    zancgi 4: failed to remove tamporary file 'spool/1'
+    Exists('spool/2')
+    zancgi 4: failed to remove tamporary file 'spool/2'
+    Exists('spool/3')
+    zancgi 9: [zancgi.cpp]:# dropping temporary file 'spool/3'
+    RemoveFile('spool/3')
+  )");
+}
+
+TEST(TearDown, WaitsForTheLastCopy) {
+  ExpectTrace({}, Serve([](Cgi& cgi) {
+                const Cgi copy = cgi;
+                cgi = Cgi("cgi/front", "panel");
+                EndWithThreeUploads(const_cast<Cgi&>(copy));
+                Result("end");
+              }),
+              R"(
+    zancgi 8: void zan_cgi::Cgi::Data::ParseCookies()
+    RealPath('cgi/..')
+    unix 9: [zancgi_unix.cpp]:# set working directory to '[cgi/..]'
+    chdir [cgi/..]
+    = end
+    Exists('spool/1')
+    zancgi 9: [zancgi.cpp]:# dropping temporary file 'spool/1'
+    RemoveFile('spool/1')
+    Exists('spool/2')
+    Exists('spool/3')
+    zancgi 9: [zancgi.cpp]:# dropping temporary file 'spool/3'
+    RemoveFile('spool/3')
+  )");
+}
+
+}  // namespace
