@@ -34,8 +34,8 @@ void Free(void* memory) noexcept {
 }  // namespace
 
 void FailAllocation(std::size_t number) {
+  if (number > 0) has_failed = false;
   left_until_failure = number;
-  has_failed = false;
 }
 
 bool AllocationHasFailed() { return has_failed; }

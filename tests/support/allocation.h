@@ -11,10 +11,10 @@
 namespace support {
 
 /// Has the allocation of this number, counted from 1 from now on, fail, and no
-/// other. 0 for none.
+/// other; 0 for none.
 void FailAllocation(std::size_t number);
 
-/// Whether the allocation that was to fail has come.
+/// Whether the last allocation that was to fail has come.
 bool AllocationHasFailed();
 
 /// How many allocations have not been freed.

@@ -4,6 +4,7 @@
 #include <zancgi/zancgi.h>
 
 #include <exception>
+#include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -337,6 +338,44 @@ TEST(Auth, OfAFreshObjectIsRefused) {
   });
   EXPECT_EQ(outcome.error_type, "std::runtime_error");
   EXPECT_EQ(outcome.error, "not authorized");
+}
+
+TEST(Authorize, WithAnEmptyCookieTakesTheSessionFromTheParameters) {
+  Backend backend;
+  backend.Then(Answer(kAlice));
+  Outcome outcome = Authorize(Request()
+                                  .Env("QUERY_STRING", "auth=xyz")
+                                  .Env("HTTP_COOKIE", "backendses5=; a=b")
+                                  .With(backend),
+                              Cgi::AuthInfo::AuthAny);
+  EXPECT_EQ(outcome.told["auth"], "xyz");
+  EXPECT_EQ(outcome.told["method"], "2");
+  EXPECT_EQ(QueryOf(backend), "func=whoami&out=xml&auth=xyz");
+}
+
+TEST(Authorize, LeavesAnEarlierLanguageWithoutAColon) {
+  Backend backend;
+  backend.Times(3, Answer(kAlice));
+  // The back end under other names, which other cookies are named after.
+  for (const std::string name : {"one", "none"}) {
+    std::filesystem::create_symlink(backend.SocketPath(),
+                                    backend.RunDir() + "/" + name + ".sock");
+  }
+  const Outcome outcome =
+      Request()
+          .Env("HTTP_COOKIE", "backendses5=s; backendlang5=x:y; onelang5=en")
+          .With(backend)
+          .Run([](const Told& told) {
+            Cgi cgi("/bin/front", "backend");
+            cgi.Authorize(Cgi::AuthInfo::AuthAny);
+            for (const char* const name : {"one", "none"}) {
+              cgi.SetTovName(name);
+              cgi.Authorize(Cgi::AuthInfo::AuthAny);
+              told(name, cgi.auth().lang_word + " " + cgi.auth().lang_rest);
+            }
+          });
+  EXPECT_EQ(outcome.told.at("one"), "y x");
+  EXPECT_EQ(outcome.told.at("none"), "y x");
 }
 
 }  // namespace

@@ -3,9 +3,13 @@
 #include <zancgi/zancgi.h>
 
 #include <algorithm>
+#include <iterator>
+#include <new>
 #include <random>
 #include <string>
 #include <vector>
+
+#include "support/allocation.h"
 
 namespace {
 
@@ -131,6 +135,50 @@ TEST(QueryString, IsTracedAndParsedOnce) {
                "void zan_cgi::Cgi::Data::ParseQueryString(std::string)",
                "void zan_cgi::Cgi::Data::ParseQueryString(std::string)"}));
   EXPECT_EQ(outcome.Logged(4), Strings{"attempt to reparse GET query"});
+}
+
+/// How many of four parameters a parse adds that lacks the memory for its
+/// allocation of this number. The others must not be there in part.
+std::size_t AddedWithoutAllocation(std::size_t number) {
+  Params expected;
+  std::string query;
+  for (const char letter : {'a', 'b', 'c', 'd'}) {
+    const std::string text(50, letter);
+    expected[text] = text;
+    query.append(text).append("=").append(text).append("&");
+  }
+  Cgi::Data request;
+  std::string given = query;
+  bool has_thrown = false;
+  support::FailAllocation(number);
+  try {
+    request.ParseQueryString(std::move(given));
+  } catch (const std::bad_alloc&) {
+    has_thrown = true;
+  }
+  support::FailAllocation(0);
+  const std::size_t added = request.params.size();
+  EXPECT_EQ(has_thrown, support::AllocationHasFailed());
+  EXPECT_NE(has_thrown, request.parsed);
+  expected.erase(std::next(expected.begin(), static_cast<long>(added)),
+                 expected.end());
+  EXPECT_EQ(request.params, expected);
+  return added;
+}
+
+TEST(QueryString, KeepsWhatWasAddedBeforeMemoryEnded) {
+  const Outcome outcome = Child().Run([](const Told&) {
+    std::vector<std::size_t> counts;
+    for (std::size_t number = 1; counts.empty() || counts.back() < 4;
+         ++number) {
+      counts.push_back(AddedWithoutAllocation(number));
+    }
+    EXPECT_TRUE(std::is_sorted(counts.begin(), counts.end()));
+    for (const std::size_t count : {0U, 1U, 2U, 3U}) {
+      EXPECT_GT(std::count(counts.begin(), counts.end(), count), 0) << count;
+    }
+  });
+  EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
 }
 
 }  // namespace

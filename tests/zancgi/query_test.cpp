@@ -7,12 +7,14 @@
 #include <zancgi/zancgi.h>
 
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <new>
 #include <string>
 #include <vector>
 
 #include "support/backend.h"
+#include "support/record.h"
 
 namespace {
 
@@ -233,6 +235,56 @@ TEST(Answer, InXmlBeginsAtItsDeclaration) {
             "A: b\r\n\r\n<doc/>");
   const std::string twice = xml + "<!-- <?xml version=\"1.0\"?> -->";
   EXPECT_EQ(Received("f=1", Answer("A: b\r\n\r\n" + twice)), twice);
+}
+
+/// A record of which no field is as it was at first.
+void FillRecord(Cgi::Data& record) {
+  record.tmp_dir = "spool";
+  record.files["f"] = {"/nowhere/f", 5};
+  record.authorized = true;
+  record.auth_info = {"id", "alice", "x", "y", 7, Cgi::AuthInfo::AuthParams};
+}
+
+/// Asks a back end that does this each time, and tells the record before and
+/// after.
+Outcome AskWithFullRecord(const Step& step,
+                          const std::function<void(Cgi::Data&)>& change) {
+  Backend backend;
+  backend.Times(4, step);
+  return Request()
+      .Env("QUERY_STRING", "sfrom=a")
+      .Env("HTTP_COOKIE", "c=d")
+      .Env("REMOTE_ADDR", "r")
+      .Env("SERVER_ADDR", "s")
+      .With(backend)
+      .Run([&](const Told& told) {
+        Cgi cgi("/bin/front", "backend");
+        cgi.ParseQuery();
+        FillRecord(support::RecordOf(cgi));
+        change(support::RecordOf(cgi));
+        told("before", support::Describe(support::RecordOf(cgi)));
+        try {
+          told("answer", cgi.Query({{"func", "a"}}));
+        } catch (const tov_err::Error& error) {
+          told("error", error.what());
+        }
+        told("after", support::Describe(support::RecordOf(cgi)));
+      });
+}
+
+TEST(Query, ChangesNothingInTheRecord) {
+  const auto nothing = [](Cgi::Data&) {};
+  const Outcome answered = AskWithFullRecord(Answer("x"), nothing);
+  EXPECT_EQ(answered.told.count("answer"), 1U);
+  EXPECT_EQ(answered.told.at("after"), answered.told.at("before"));
+  const std::function<void(Cgi::Data&)> changes[] = {
+      nothing, [](Cgi::Data& record) { record.tov_name.clear(); },
+      [](Cgi::Data& record) { record.auth_info.auth.clear(); }};
+  for (const auto& change : changes) {
+    const Outcome failed = AskWithFullRecord(CloseSilently(), change);
+    EXPECT_EQ(failed.told.count("error"), 1U);
+    EXPECT_EQ(failed.told.at("after"), failed.told.at("before"));
+  }
 }
 
 TEST(Answer, InAnotherFormatIsHandedOnByteForByte) {

@@ -1,15 +1,22 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 #include <zancgi/testing/child.h>
+#include <zancgi/testing/input.h>
 #include <zancgi/zancgi.h>
 
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "support/allocation.h"
+#include "support/form.h"
 
 namespace {
 
 using zan_cgi::Cgi;
 using zan_cgi::testing::Child;
+using zan_cgi::testing::Input;
 using zan_cgi::testing::Outcome;
 using zan_cgi::testing::Told;
 using Strings = std::vector<std::string>;
@@ -195,6 +202,73 @@ TEST(Record, StartsEmpty) {
     told("empty", empty ? "yes" : "no");
   });
   EXPECT_EQ(outcome.told.at("empty"), "yes");
+}
+
+/// Parses a request that has both a query string and a body, by one method and
+/// then by the other.
+Outcome ParseByBoth(const std::string& first, const std::string& second) {
+  const Input body = Input::File("a=body");
+  return support::Post("6", "")
+      .Env("REQUEST_METHOD", first)
+      .Env("QUERY_STRING", "a=query")
+      .StandardInput(body)
+      .Run([&](const Told& told) {
+        Cgi::Data request;
+        request.ParseQuery();
+        ::setenv("REQUEST_METHOD", second.c_str(), 1);
+        request.ParseQuery();
+        told("a", request.params.at("a"));
+        told("read", std::to_string(::lseek(STDIN_FILENO, 0, SEEK_CUR)));
+      });
+}
+
+TEST(Record, IsParsedOnceWhateverTheMethod) {
+  const Outcome body_first = ParseByBoth("POST", "GET");
+  EXPECT_EQ(body_first.told.at("a"), "body");
+  EXPECT_EQ(body_first.Logged(4), Strings{"attempt to reparse GET query"});
+  const Outcome query_first = ParseByBoth("GET", "POST");
+  EXPECT_EQ(query_first.told.at("a"), "query");
+  EXPECT_EQ(query_first.told.at("read"), "0");
+  EXPECT_EQ(query_first.Logged(4), Strings{"attempt to reparse POST query"});
+}
+
+/// Constructs a request and ends it. Returns how many allocations then are left
+/// over.
+long LeftAfter(const std::string& program, const std::string& service) {
+  const long before = support::LiveAllocations();
+  try {
+    const Cgi cgi(program, service);
+  } catch (const std::exception&) {
+  }
+  support::FailAllocation(0);
+  return support::LiveAllocations() - before;
+}
+
+TEST(Record, IsReleasedByAConstructionThatFails) {
+  const Child child =
+      Child()
+          .Env("HTTP_COOKIE",
+               std::string(50, 'a') + "=1; b=" + std::string(50, 'b'))
+          .Env("REMOTE_ADDR", std::string(50, 'r'))
+          .Env("SERVER_ADDR", std::string(50, 's'));
+  const Outcome outcome = child.Run([](const Told&) {
+    const std::string program = "/bin/" + std::string(50, 'f');
+    const std::string service(50, 'x');
+    // What is made once in a process is not counted.
+    LeftAfter(program, service);
+    LeftAfter("", service);
+    EXPECT_EQ(LeftAfter("", service), 0);
+    std::size_t failures = 0;
+    for (std::size_t number = 1;; ++number) {
+      support::FailAllocation(number);
+      EXPECT_EQ(LeftAfter(program, service), 0) << number;
+      if (!support::AllocationHasFailed()) break;
+      ++failures;
+    }
+    // The record, what owns it, the cookies, the names and the addresses.
+    EXPECT_GT(failures, 8U);
+  });
+  EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
 }
 
 }  // namespace
