@@ -10,8 +10,8 @@
 #include <string>
 #include <utility>
 
-#include "support/allocation.h"
 #include "support/form.h"
+#include "support/new_operator.h"
 #include "support/record.h"
 #include "trace/scenario.h"
 
@@ -108,12 +108,14 @@ TEST(Construction, WithoutANameGoesOnWhereAnAssertionReturns) {
 }
 
 /// Throws, after it has given the record that is being constructed an upload by
-/// which its destructor shows.
+/// which its destructor shows. Its service is a result.
 Effect PlantAnUploadAndThrow() {
   support::LastAllocationOf(sizeof(Cgi::Data));
   return [] {
     void* const memory = support::LastAllocationOf(sizeof(Cgi::Data));
-    static_cast<Cgi::Data*>(memory)->files["f"].path = "spool/f";
+    auto& record = *static_cast<Cgi::Data*>(memory);
+    Result(record.tov_name);
+    record.files["f"].path = "spool/f";
     throw std::logic_error("no");
   };
 }
@@ -123,6 +125,7 @@ TEST(Construction, ThatFailsReleasesTheRecord) {
               Construct(""), R"(
     zancgi 8: void zan_cgi::Cgi::Data::ParseCookies()
     Raise('zancgi_unix.cpp', 'void zan_cgi::Cgi::Data::SetWorkDir(const string&)', 'passed binary name is empty')
+    = panel
     Exists('spool/f')
     throws std::logic_error: no
   )");
@@ -130,6 +133,7 @@ TEST(Construction, ThatFailsReleasesTheRecord) {
               Construct("cgi/front"), R"(
     zancgi 8: void zan_cgi::Cgi::Data::ParseCookies()
     RealPath('cgi/..')
+    = panel
     Exists('spool/f')
     throws std::logic_error: no
   )");
@@ -259,8 +263,15 @@ TEST(PostOfAnotherDisposition, SkipsThePart) {
   )");
 }
 
-/// Puts an empty file in the place of standard input, and returns an effect
-/// that fills it.
+TEST(PostOfALongLine, IsRefused) {
+  const std::string body = Field("a", std::string(262'145, 'x')) + kFormEnd;
+  ExpectTrace(Post(body), Serve([](Cgi& cgi) { cgi.ParseQuery(); }),
+              trace::Admission(body) + R"(
+    throws std::runtime_error: Element value size must be less than [262144]
+  )");
+}
+
+/// Puts an empty file in the place of standard input; as an effect, fills it.
 struct LateInput {
   std::string body;
 

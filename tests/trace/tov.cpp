@@ -127,7 +127,11 @@ void Start() {
 }
 
 void Note(const std::string& line) {
-  if (is_recording) zan_cgi::testing::Mark(WithoutLineEnds(line));
+  static int count = 0;
+  if (!is_recording) return;
+  zan_cgi::testing::Mark(WithoutLineEnds(line));
+  // It would go on for ever.
+  if (++count == 1000) ::_exit(97);
 }
 
 }  // namespace trace

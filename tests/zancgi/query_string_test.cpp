@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "support/allocation.h"
+#include "support/new_operator.h"
 
 namespace {
 

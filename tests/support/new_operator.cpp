@@ -1,4 +1,4 @@
-#include "support/allocation.h"
+#include "support/new_operator.h"
 
 #include <cstdlib>
 #include <new>

@@ -1,10 +1,10 @@
 /// @file
 /// The memory that a program takes by new.
 ///
-/// A program that uses this has allocation.cpp among its own sources: the
+/// A program that uses this has new_operator.cpp among its own sources: the
 /// operators defined there would otherwise be drawn into every test program.
-#ifndef ZANCGI_TESTS_SUPPORT_ALLOCATION_H
-#define ZANCGI_TESTS_SUPPORT_ALLOCATION_H
+#ifndef ZANCGI_TESTS_SUPPORT_NEW_OPERATOR_H
+#define ZANCGI_TESTS_SUPPORT_NEW_OPERATOR_H
 
 #include <cstddef>
 
