@@ -325,13 +325,16 @@ int RecordedSetuid(uid_t user) {
 }
 
 int RecordedStatfs(const char* path, struct statfs64* found) {
-  const support::Answers told =
-      recorded == nullptr ? support::Answers() : *recorded;
+  // Not to be found while the call is made.
+  const support::Answers* const told = recorded;
   return support::Recorded(std::string("statfs ") + path, [&] {
     const int result =
         support::Real<decltype(&RecordedStatfs)>("statfs64")(path, found);
-    if (told.file_system != 0) found->f_type = told.file_system;
-    if (told.free_blocks >= 0) support::TellFreeBlocks(told.free_blocks, found);
+    if (told == nullptr) return result;
+    if (told->file_system != 0) found->f_type = told->file_system;
+    if (told->free_blocks >= 0) {
+      support::TellFreeBlocks(told->free_blocks, found);
+    }
     return result;
   });
 }
