@@ -1,5 +1,5 @@
 /// @file
-/// The request record behind a Cgi, and all that is in it.
+/// The request record of a Cgi, and all that is in it.
 #ifndef ZANCGI_TESTS_SUPPORT_RECORD_H
 #define ZANCGI_TESTS_SUPPORT_RECORD_H
 

@@ -132,8 +132,8 @@ int PretendedGroups(gid_t base, gid_t* groups, int* count) {
   return *count;
 }
 
-/// None of them for others than root.
-void TellFreeBlocks(long count, struct statfs64* found) {
+/// Only root may use them.
+void SetFreeBlocks(long count, struct statfs64* found) {
   found->f_bsize = 512;
   found->f_bfree = static_cast<fsblkcnt64_t>(count);
   found->f_bavail = 0;
@@ -333,7 +333,7 @@ int RecordedStatfs(const char* path, struct statfs64* found) {
     if (told == nullptr) return result;
     if (told->file_system != 0) found->f_type = told->file_system;
     if (told->free_blocks >= 0) {
-      support::TellFreeBlocks(told->free_blocks, found);
+      support::SetFreeBlocks(told->free_blocks, found);
     }
     return result;
   });

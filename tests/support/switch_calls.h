@@ -34,8 +34,8 @@ struct Answers {
   std::map<std::string, std::vector<int>> failures = {};
   /// The type that statfs(2) tells of every file system; 0 for the true one.
   long file_system = 0;
-  /// How many blocks of 512 bytes it tells to be free in each; below 0 for the
-  /// true number.
+  /// How many blocks of 512 bytes are then free in each; below 0 for the true
+  /// number.
   long free_blocks = -1;
   /// What happens besides, each time, before the call is made or answered.
   std::map<std::string, std::function<void()>> effects = {};

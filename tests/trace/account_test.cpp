@@ -21,8 +21,8 @@ using trace::Script;
 using trace::Serve;
 using zan_cgi::Cgi;
 
-/// Hands the uploads "B", "a" and "c" over, none of which is there, and tells
-/// where they then are.
+/// Hands over the uploads "B", "a" and "c", whose files do not exist. Their
+/// paths afterwards are the result.
 auto HandOver(const std::string& user, bool use_chroot = false) {
   return Serve([=](Cgi& cgi) {
     auto& record = RecordOf(cgi);

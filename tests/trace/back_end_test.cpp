@@ -30,7 +30,7 @@ using zan_cgi::Cgi;
 using AuthMethod = Cgi::AuthInfo::AuthMethod;
 using Map = std::map<std::string, std::string>;
 
-/// Asks once; the answer is the result.
+/// Sends one query; the answer is the result.
 Act Ask(const std::string& query) {
   return Serve([query](Cgi& cgi) { Result(cgi.Query(query)); });
 }
@@ -227,7 +227,7 @@ TEST(Attempts, EndWithAnErrorOfAnotherType) {
 const char kCookies[] = "panelses5=s; panellang5=a:b:c";
 const char kAlice[] = R"(<doc><user name="alice" level="7"/></doc>)";
 
-/// Authorizes; what the record then has to say is the result.
+/// Authorizes; the session in the record is the result.
 Act Authorize(AuthMethod method) {
   return Serve([method](Cgi& cgi) {
     trace::Try([&] { cgi.Authorize(method); });
@@ -239,7 +239,7 @@ Act Authorize(AuthMethod method) {
   });
 }
 
-/// The trace of the query for a session, and of its answer's first look.
+/// The trace of the query for a session, up to the first look at its answer.
 /// @param query  what is sent
 /// @param lines  the environment before it, as it is sent
 std::string Whoami(const std::string& query, const std::string& lines,

@@ -27,10 +27,10 @@ using trace::ExpectTrace;
 using trace::Fail;
 using trace::Get;
 using trace::Post;
+using trace::ReportParams;
 using trace::Result;
 using trace::Script;
 using trace::Serve;
-using trace::TellParams;
 using zan_cgi::Cgi;
 
 /// The construction itself; the addresses and cookies are results.
@@ -141,7 +141,7 @@ TEST(Construction, ThatFailsReleasesTheRecord) {
 
 TEST(Get, IsParsedOnceAndJoinsWhatIsRepeated) {
   ExpectTrace(Get("&a=1&b=x=y&a=&a=3&&c%3D=%26"), Serve([](Cgi& cgi) {
-                TellParams(cgi);
+                ReportParams(cgi);
                 cgi.ParseQuery();
                 Result(std::to_string(cgi.GetFileSize()) + cgi.File("a"));
               }),
@@ -157,7 +157,7 @@ TEST(Get, IsParsedOnceAndJoinsWhatIsRepeated) {
 }
 
 TEST(Get, WarnsOfAValueWithoutAName) {
-  ExpectTrace(Get("=5%25&=&=%s&&a"), Serve(TellParams), R"(
+  ExpectTrace(Get("=5%25&=&=%s&&a"), Serve(ReportParams), R"(
     zancgi 8: void zan_cgi::Cgi::Data::ParseQuery()
     zancgi 8: void zan_cgi::Cgi::Data::ParseQueryString(std::string)
     zancgi 4: Key name is empty, value = '5%25'
@@ -174,7 +174,7 @@ TEST(Get, KeepsWhatWasDecodedBeforeAnError) {
                 for (const auto& [name, value] : RecordOf(cgi).params) {
                   Result(name + ": " + value);
                 }
-                TellParams(cgi);
+                ReportParams(cgi);
               }),
               R"(
     zancgi 8: void zan_cgi::Cgi::Data::ParseQuery()
@@ -206,7 +206,8 @@ TEST(OtherMethod, IsRefusedEachTime) {
 }
 
 TEST(PostWithoutABoundary, IsAQueryStringWhoseNamesStayAsSent) {
-  ExpectTrace(Post("a+b=1+2&=x&c=3&c=4&d", "text/plain"), Serve(TellParams), R"(
+  ExpectTrace(Post("a+b=1+2&=x&c=3&c=4&d", "text/plain"), Serve(ReportParams),
+              R"(
     zancgi 8: void zan_cgi::Cgi::Data::ParseQuery()
     zancgi 8: void zan_cgi::Cgi::Data::ParseInput()
     Int64('20')
@@ -244,7 +245,7 @@ TEST(PostOfFields, MakesNoCallForOne) {
   const std::string body = Field("a", "x\r\ny") + Field("a", "z") +
                            Part("name=b", "dropped") +
                            Field("filename", "dropped") + kFormEnd;
-  ExpectTrace(Post(body), Serve(TellParams), trace::Admission(body) + R"(
+  ExpectTrace(Post(body), Serve(ReportParams), trace::Admission(body) + R"(
     zancgi 9: [zancgi.cpp]:# Element with empty name found. Ignoring.
     zancgi 9: [zancgi.cpp]:# Filename not found in Content-Disposition. Ignoring this part
   )" + trace::End(body) + R"(
@@ -256,7 +257,7 @@ TEST(PostOfAnotherDisposition, SkipsThePart) {
   const std::string body =
       "--XY\r\nContent-Disposition: attachment; name=\"a\"\r\n\r\nb\r\n" +
       Field("c", "d") + kFormEnd;
-  ExpectTrace(Post(body), Serve(TellParams), trace::Admission(body) + R"(
+  ExpectTrace(Post(body), Serve(ReportParams), trace::Admission(body) + R"(
     zancgi 9: [zancgi.cpp]:# Ignoring unknown type of Content-Disposition: attachment
   )" + trace::End(body) + R"(
     = c: d
@@ -292,7 +293,7 @@ TEST(PostThatIsLate, IsWaitedForInSleepsOfOneHundred) {
   script.effects["Sleep"] = {nullptr, input};
   ExpectTrace(script, Serve([&](Cgi& cgi) {
                 input.Begin();
-                TellParams(cgi);
+                ReportParams(cgi);
               }),
               trace::Admission(input.body) + R"(
     Sleep(100)

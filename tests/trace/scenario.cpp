@@ -31,11 +31,11 @@ using Lines = std::vector<std::string>;
 
 const char kAnyOrder[] = "| ";
 
-/// Of other calls of the system nothing is said.
+/// Other calls of the system are open.
 bool IsListed(const std::string& line) {
   static const std::regex open(
       "(fchdir|getgrouplist|gethostbyname|setgroups|stat|"
-      "__nss_configure_lookup) .*");
+      "__nss_configure_lookup) .*|statfs /");
   return !std::regex_match(line, open);
 }
 
@@ -153,7 +153,7 @@ void Try(const Act& work) {
 
 void Result(const std::string& text) { Note("= " + text); }
 
-void TellParams(zan_cgi::Cgi& cgi) {
+void ReportParams(zan_cgi::Cgi& cgi) {
   Lines names;
   cgi.GetParams(names);
   for (const std::string& name : names) Result(name + ": " + cgi.Param(name));

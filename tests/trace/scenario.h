@@ -19,9 +19,9 @@ using Act = std::function<void()>;
 /// Expects that an act, in a child process of its own, makes these calls, one a
 /// line, and those alone. Blanks at the beginning of a line do not count.
 ///
-/// Consecutive lines with "| " in front may come in any order. Among the calls
-/// are those of the system that find and become accounts, change the directory
-/// or ask for free space, as support::Recording writes them.
+/// Consecutive lines that begin with "| " may come in any order. Among the
+/// calls are those of the system that find and become accounts, change the
+/// directory or ask for free space, as support::Recording writes them.
 ///
 /// The act is repeated with the log switched off, when all but the log's lines
 /// must be the same.
@@ -43,7 +43,7 @@ void Try(const Act& work);
 void Result(const std::string& text);
 
 /// Writes each parameter's name and value as results.
-void TellParams(zan_cgi::Cgi& cgi);
+void ReportParams(zan_cgi::Cgi& cgi);
 
 /// A GET of this query string.
 Script Get(const std::string& query);

@@ -9,8 +9,8 @@
 /// brackets.
 ///
 /// A log line becomes "zancgi 9: text" or "unix 9: text", after the source unit
-/// whose module it came through; its line number is "#". A line that was
-/// written without a check of its module and level just before says so.
+/// whose module it came through; its line number is "#". A line ends in
+/// UNCHECKED when no Check of its module and level came just before.
 #ifndef ZANCGI_TESTS_TRACE_SCRIPT_H
 #define ZANCGI_TESTS_TRACE_SCRIPT_H
 
@@ -38,7 +38,7 @@ struct Script {
   std::map<std::string, std::vector<Effect>> effects = {};
   /// How many blocks of 512 bytes are free in every file system.
   long free_blocks = 1000;
-  /// Whether Check() says yes.
+  /// What Check() returns.
   bool logs = true;
 };
 

@@ -36,7 +36,7 @@ std::string WithoutLineEnds(std::string text) {
   return text;
 }
 
-/// Lets the script have its effect at a call.
+/// Runs the effect that the script has for this call.
 void Affect(const std::string& function) {
   if (!is_recording) return;
   std::vector<Effect>& effects = script->effects[function];
@@ -79,19 +79,19 @@ void EnterFree(const std::string& function, const Arguments&... arguments) {
 
 std::string InBrackets(const std::string& text) { return "[" + text + "]"; }
 
-/// By which name lines of a module go. The first to be asked is the one of the
-/// unit that reads the cookies.
+/// The name of a module's source unit. The unit that reads the cookies uses its
+/// module first.
 std::string NameOf(const tov_log::Module* module) {
   static const tov_log::Module* const first = module;
   return module == first ? "zancgi" : "unix";
 }
 
-/// What was asked last of a module, until it has written.
-struct Asked {
+/// The last Check(), until a line is written.
+struct LastCheck {
   const tov_log::Module* module = nullptr;
   int level = -1;
 };
-constinit Asked asked;
+constinit LastCheck last_check;
 
 /// The node that was looked up last.
 std::string looked_up;
@@ -130,7 +130,7 @@ void Note(const std::string& line) {
   static int count = 0;
   if (!is_recording) return;
   zan_cgi::testing::Mark(WithoutLineEnds(line));
-  // It would go on for ever.
+  // The product loops for ever.
   if (++count == 1000) ::_exit(97);
 }
 
@@ -246,7 +246,7 @@ Module::~Module() { EnterFree("~Module"); }
 
 bool Module::Check(Level level) {
   trace::NameOf(this);
-  trace::asked = {this, level};
+  trace::last_check = {this, level};
   return script->logs;
 }
 
@@ -257,8 +257,8 @@ void Module::Write(Level level, const char* format, ...) {
   std::vsnprintf(text, sizeof(text), format, arguments);
   va_end(arguments);
   const bool is_checked =
-      trace::asked.module == this && trace::asked.level == level;
-  trace::asked = {};
+      trace::last_check.module == this && trace::last_check.level == level;
+  trace::last_check = {};
   trace::Note(trace::NameOf(this) + ' ' + std::to_string(level) + ": " +
               trace::WithoutLineNumber(text) +
               (is_checked ? "" : " UNCHECKED"));

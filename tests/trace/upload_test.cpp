@@ -27,14 +27,14 @@ using trace::End;
 using trace::ExpectTrace;
 using trace::Fail;
 using trace::Post;
+using trace::ReportParams;
 using trace::Result;
 using trace::Script;
 using trace::Serve;
-using trace::TellParams;
 using zan_cgi::Cgi;
 
-/// Whether the file of an upload is there, and who has it open.
-void TellFile() {
+/// Whether the file of the first upload exists and is open.
+void ReportFile() {
   const fs::path file = fs::absolute("spool/zantemp-1");
   std::string state = fs::exists(file) ? "made" : "missing";
   for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
@@ -44,28 +44,28 @@ void TellFile() {
   Result(state);
 }
 
-/// What the record says of the upload "f".
-void TellUpload(Cgi& cgi) {
+/// The entry of the upload "f", and whether the request is parsed.
+void ReportUpload(Cgi& cgi) {
   const bool is_parsed = RecordOf(cgi).parsed;
   Result(cgi.File("f") + ", " + std::to_string(RecordOf(cgi).files["f"].size) +
          " bytes, " + (is_parsed ? "parsed" : "not parsed"));
 }
 
-/// Parses, and tells what has become of the upload, whatever happens.
-void ParseAndTell(Cgi& cgi) {
+/// Parses, and reports the upload even after an exception.
+void ParseAndReport(Cgi& cgi) {
   trace::Try([&] { cgi.ParseQuery(); });
-  TellUpload(cgi);
+  ReportUpload(cgi);
 }
 
 TEST(Upload, IsMadeProtectedAndRemoved) {
   const std::string body =
       Field("a", "b") + Upload("u", "f", "content") + kFormEnd;
   Script script = Post(body);
-  script.effects["SafeSet"] = {TellFile};
-  script.effects["RemoveFile"] = {TellFile};
+  script.effects["SafeSet"] = {ReportFile};
+  script.effects["RemoveFile"] = {ReportFile};
   ExpectTrace(script, Serve([](Cgi& cgi) {
-                ParseAndTell(cgi);
-                TellParams(cgi);
+                ParseAndReport(cgi);
+                ReportParams(cgi);
               }),
               Admission(body) + R"(
     ConcatPath('spool', 'zantemp')
@@ -88,7 +88,7 @@ TEST(Upload, IsMadeProtectedAndRemoved) {
 TEST(Upload, IsMadeAnewForEach) {
   const std::string body =
       Upload("u", "f", "first") + Upload("v", "e", "2") + kFormEnd;
-  ExpectTrace(Post(body), Serve(ParseAndTell), Admission(body) + R"(
+  ExpectTrace(Post(body), Serve(ParseAndReport), Admission(body) + R"(
     ConcatPath('spool', 'zantemp')
     Tmp('spool/zantemp')
     zancgi 8: ParseInput Creating new file spool/zantemp-1
@@ -115,8 +115,8 @@ TEST(Upload, ThatCannotBeProtectedEndsTheParse) {
   Script script = Post(body);
   script.effects["SafeSet"] = {Fail("not permitted")};
   ExpectTrace(script, Serve([](Cgi& cgi) {
-                ParseAndTell(cgi);
-                TellFile();
+                ParseAndReport(cgi);
+                ReportFile();
               }),
               Admission(body) + R"(
     ConcatPath('spool', 'zantemp')
@@ -143,7 +143,7 @@ TEST(Upload, ThatCannotBeOpenedFailsAtItsFirstWrite) {
   const std::string body = Upload("u", "f", "content") + kFormEnd;
   Script script = Post(body);
   script.effects["Tmp"] = {[] { fs::remove("spool"); }};
-  ExpectTrace(script, Serve(ParseAndTell), Admission(body) + R"(
+  ExpectTrace(script, Serve(ParseAndReport), Admission(body) + R"(
     ConcatPath('spool', 'zantemp')
     Tmp('spool/zantemp')
     zancgi 8: ParseInput Creating new file spool/zantemp-1
@@ -168,8 +168,8 @@ TEST(Upload, ThatCannotBeWrittenIsClosedAndRemoved) {
   const std::string body = Upload("u", "f", "content") + kFormEnd;
   Script script = Post(body);
   script.effects["SafeSet"] = {FillTheDisk};
-  script.effects["RemoveFile"] = {TellFile};
-  ExpectTrace(script, Serve(ParseAndTell), Admission(body) + R"(
+  script.effects["RemoveFile"] = {ReportFile};
+  ExpectTrace(script, Serve(ParseAndReport), Admission(body) + R"(
     ConcatPath('spool', 'zantemp')
     Tmp('spool/zantemp')
     zancgi 8: ParseInput Creating new file spool/zantemp-1
@@ -188,7 +188,7 @@ TEST(Upload, ThatCannotBeRemovedEitherEndsTheParse) {
   Script script = Post(body);
   script.effects["SafeSet"] = {FillTheDisk};
   script.effects["RemoveFile"] = {Fail("busy"), Fail("still busy")};
-  ExpectTrace(script, Serve(ParseAndTell), Admission(body) + R"(
+  ExpectTrace(script, Serve(ParseAndReport), Admission(body) + R"(
     ConcatPath('spool', 'zantemp')
     Tmp('spool/zantemp')
     zancgi 8: ParseInput Creating new file spool/zantemp-1
@@ -211,7 +211,7 @@ TEST(UploadWithoutRoom, IsNotMade) {
   const std::string size = std::to_string(body.size());
   ExpectTrace(script, Serve([](Cgi& cgi) {
                 trace::Try([&] { cgi.ParseQuery(); });
-                TellParams(cgi);
+                ReportParams(cgi);
               }),
               R"(
     zancgi 8: void zan_cgi::Cgi::Data::ParseQuery()

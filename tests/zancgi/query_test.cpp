@@ -245,8 +245,8 @@ void FillRecord(Cgi::Data& record) {
   record.auth_info = {"id", "alice", "x", "y", 7, Cgi::AuthInfo::AuthParams};
 }
 
-/// Asks a back end that does this each time, and tells the record before and
-/// after.
+/// Sends a query to a back end that takes this step at each attempt. Told are
+/// the record before and after it.
 Outcome AskWithFullRecord(const Step& step,
                           const std::function<void(Cgi::Data&)>& change) {
   Backend backend;
