@@ -140,27 +140,35 @@ foreach(component ${components})
     COMPONENT ${component})
 endforeach()
 
-# install_matching(PATTERN DESTINATION COMPONENT [PROGRAMS]): the tree's files
-# that match.
+# install_matching(PATTERN DESTINATION COMPONENT): the tree's files that match.
 function(install_matching pattern destination component)
-  set(kind FILES)
-  if("PROGRAMS" IN_LIST ARGN)
-    set(kind PROGRAMS)
-  endif()
   file(GLOB files CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${pattern}")
-  install(${kind} ${files}
+  install(FILES ${files}
     DESTINATION "${destination}"
     COMPONENT ${component})
 endfunction()
 
-install_matching(tools/zancgi-* "${CMAKE_INSTALL_BINDIR}" zancgi-tools PROGRAMS)
+# The tools are told their version, which they read from the header in the tree.
+set(versioned_dir "${PROJECT_BINARY_DIR}/tools")
+foreach(file zancgi-request zancgi_doctor/version.py)
+  configure_file("${PROJECT_SOURCE_DIR}/tools/${file}" "${versioned_dir}/${file}"
+    @ONLY)
+endforeach()
+install(PROGRAMS
+  "${PROJECT_SOURCE_DIR}/tools/zancgi-doctor" "${versioned_dir}/zancgi-request"
+  DESTINATION "${CMAKE_INSTALL_BINDIR}"
+  COMPONENT zancgi-tools)
 # The modules of the tools, which look for them from where they are themselves.
 cmake_path(SET modules_dir NORMALIZE
   "${CMAKE_INSTALL_BINDIR}/../share/zancgi-tools")
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/tools/zancgi_doctor"
   DESTINATION "${modules_dir}"
   COMPONENT zancgi-tools
-  PATTERN __pycache__ EXCLUDE)
+  PATTERN __pycache__ EXCLUDE
+  PATTERN version.py EXCLUDE)
+install(FILES "${versioned_dir}/zancgi_doctor/version.py"
+  DESTINATION "${modules_dir}/zancgi_doctor"
+  COMPONENT zancgi-tools)
 install_matching(docs/man/*.1 "${CMAKE_INSTALL_MANDIR}/man1" zancgi-tools)
 install_matching(docs/man/*.3 "${CMAKE_INSTALL_MANDIR}/man3" zancgi-dev)
 

@@ -229,6 +229,7 @@ class FilesTest(InstallTest):
             self.assertIn(f"share/man/man1/{name}.1", files)
             self.assertTrue(os.access(self.root / "bin" / name, os.X_OK))
             self.assertIn(name, run(self.root / "bin" / name, "--help"))
+            self.assertEqual(run(self.root / "bin" / name, "--version"), f"{name} {VERSION}\n")
 
     def test_tools_have_their_modules(self):
         modules = SOURCE / "tools" / "zancgi_doctor"

@@ -3,9 +3,12 @@ that people look for; and nothing that it looks at may harm or stop it."""
 
 import contextlib
 import errno
+import grp
+import itertools
 import json
 import os
 import pathlib
+import pwd
 import re
 import resource
 import shlex
@@ -22,12 +25,12 @@ import unittest
 import unittest.mock
 
 from zancgi_doctor.catalogue import KNOWN
-from zancgi_doctor.checks import accounts, clock, nss, pam, program, tmp_dir
+from zancgi_doctor.checks import accounts, back_end, clock, nss, pam, program, tmp_dir
 from zancgi_doctor.children import NoResult, run_in_child
 from zancgi_doctor.cli import make_parser
 from zancgi_doctor.elf import NotElf
 from zancgi_doctor.examination import run_job
-from zancgi_doctor.files import text_or_nothing
+from zancgi_doctor.files import first_unsafe, text_or_nothing, way_to
 from zancgi_doctor.findings import STATES, ok
 from zancgi_doctor.identities import Identity, find_user
 from zancgi_doctor.libraries import LibrarySearch
@@ -40,10 +43,36 @@ MANUAL = pathlib.Path(os.environ["SOURCE"]) / "docs" / "man" / "zancgi-doctor.1"
 # The README's, which tells its caller who they are.
 FRONT = os.environ["README_FRONT"]
 IS_ROOT = os.geteuid() == 0
-# Ids that no account of the machine has.
-STRANGER = 54321
+# As the doctor names it.
+ME = f"'{find_user(str(os.geteuid()))[0]}'"
+# Seconds that nothing here takes, however busy the machine is.
+LONG = 300
+os.umask(0o022)
+
+
+def free_number():
+    """This and the next two are of no user and no group of the machine."""
+
+    def is_free(number):
+        for look_up in (pwd.getpwuid, grp.getgrgid):
+            with contextlib.suppress(KeyError):
+                look_up(number)
+                return False
+        return True
+
+    return next(n for n in itertools.count(54321) if all(map(is_free, range(n, n + 3))))
+
+
+def may_mount():
+    command = ["unshare", "--mount", "--propagation", "private", "true"]
+    return subprocess.run(command, stderr=subprocess.DEVNULL, check=False).returncode == 0
+
+
+STRANGER = free_number()
 REFUSAL = b'<?xml version="1.0" encoding="UTF-8"?>\n<doc><error type="access"/></doc>\n'
-AS_ROOT = unittest.skipUnless(IS_ROOT, "only root may take on other ids, mount, or see all")
+AS_ROOT = unittest.skipUnless(
+    IS_ROOT and may_mount(), "only root with all rights may take on other ids, mount, or see all"
+)
 AS_OTHERS = unittest.skipIf(IS_ROOT, "root may do everything")
 
 # A back end as people write them.
@@ -109,7 +138,7 @@ class DoctorTest(unittest.TestCase):
 
     def doctor(self, *arguments, before="", environment=(), **options):
         """Runs it; before is what a shell does first, root in mounts of its own."""
-        command = [str(DOCTOR), *map(str, arguments)]
+        command = [str(DOCTOR), "--timeout", str(LONG), *map(str, arguments)]
         if before:
             script = f"set -e; {before}; exec {shlex.join(command)}"
             command = ["/bin/sh", "-c", script]
@@ -125,7 +154,7 @@ class DoctorTest(unittest.TestCase):
                 stdout=subprocess.PIPE,
                 stderr=subprocess.PIPE,
                 text=True,
-                timeout=60,
+                timeout=LONG,
                 check=False,
                 **options,
             )
@@ -278,7 +307,7 @@ class CommandLineTest(DoctorTest):
             + ["--run-dir", run_dir],
             env={"LC_ALL": "POSIX"},
             capture_output=True,
-            timeout=60,
+            timeout=LONG,
             check=False,
         )
         self.assertEqual(run.returncode, 0, run.stderr)
@@ -290,10 +319,28 @@ class CommandLineTest(DoctorTest):
                 [DOCTOR, "--check", "run-dir.exists", "--run-dir", self.run_dir],
                 stdout=full,
                 stderr=subprocess.PIPE,
-                timeout=60,
+                timeout=LONG,
                 check=False,
             )
         self.assertNotEqual(run.returncode, 0)
+
+
+class VersionTest(DoctorTest):
+    def test_is_the_projects(self):
+        for option in ("-V", "--version"):
+            report = self.doctor(option)
+            self.assertEqual(report.output, f"zancgi-doctor {os.environ['VERSION']}\n")
+            self.assertEqual(report.status, 0)
+
+    def test_is_the_one_that_the_installation_has_filled_in(self):
+        for filled_in, shown in (("12.3.4", "12.3.4"), ("@PROJECT_VERSION@", "unknown")):
+            folder = self.make_folder(shown)
+            shutil.copytree(MODULES, folder / "zancgi_doctor")
+            shutil.copy(DOCTOR, folder)
+            file = folder / "zancgi_doctor" / "version.py"
+            file.write_text(file.read_text().replace("@PROJECT_VERSION@", filled_in))
+            run = subprocess.run([folder / "zancgi-doctor", "-V"], capture_output=True, check=True)
+            self.assertEqual(run.stdout.decode(), f"zancgi-doctor {shown}\n")
 
 
 class LauncherTest(DoctorTest):
@@ -311,7 +358,7 @@ class LauncherTest(DoctorTest):
 
     def list_checks(self, program, **options):
         run = subprocess.run(
-            [program, "--list"], capture_output=True, text=True, timeout=60, **options
+            [program, "--list"], capture_output=True, text=True, timeout=LONG, **options
         )
         self.assertEqual((run.returncode, run.stderr), (0, ""))
         self.assertEqual(run.stdout, self.doctor("--list").output)
@@ -341,7 +388,7 @@ class LauncherTest(DoctorTest):
 
     def test_modules_that_are_missing(self):
         run = subprocess.run(
-            [self.installed, "--list"], capture_output=True, text=True, timeout=60, check=False
+            [self.installed, "--list"], capture_output=True, text=True, timeout=LONG, check=False
         )
         self.assertEqual(run.returncode, 3)
         message = f"zancgi-doctor: its modules are not in {self.share}/zancgi-tools\n"
@@ -437,8 +484,44 @@ class IdentityTest(DoctorTest):
             return [*os.getresuid(), *os.getresgid(), *os.getgroups()]
 
         self.assertEqual(
-            run_in_child(5, ids, identity=identity),
+            run_in_child(LONG, ids, identity=identity),
             [STRANGER] * 3 + [STRANGER + 1] * 3 + [STRANGER + 2],
+        )
+
+
+# Nothing of what is installed on this machine for systemd.
+WITHOUT_CONFIGURATION = [
+    "mount -t tmpfs none /run",
+    "mkdir -p /etc/tmpfiles.d /etc/systemd/system",
+    "for folder in /etc /usr/local/lib /usr/lib /lib; do "
+    "for kind in tmpfiles.d systemd/system; do "
+    "if [ -d $folder/$kind ]; then mount -t tmpfs none $folder/$kind; fi; done; done",
+]
+
+
+class MachineTest(DoctorTest):
+    """With accounts of its own, and none of this machine's: alice, bob and root."""
+
+    def setUp(self):
+        super().setUp()
+        self.uid = self.gid = STRANGER
+        self.group_line = f"alice:x:{STRANGER}:"
+        self.password_file = self.make_file("passwd")
+        self.group_file = self.make_file("group")
+        self.sources = self.make_file("nsswitch.conf", "passwd: files\ngroup: files\n")
+
+    def accounts(self, home="/srv/alice"):
+        """What makes them, before the doctor is run."""
+        self.password_file.write_text(
+            f"root:x:0:0::/root:/bin/sh\nalice:x:{self.uid}:{self.gid}::{home}:/bin/sh\n"
+            f"bob:x:{STRANGER + 1}:{STRANGER + 1}::/srv/bob:/bin/sh\n"
+        )
+        self.group_file.write_text(
+            f"root:x:0:\ndisk:x:6:\nusers:x:100:\nbob:x:{STRANGER + 1}:\n{self.group_line}\n"
+        )
+        return "; ".join(
+            f"mount --bind {file} /etc/{file.name}"
+            for file in (self.password_file, self.group_file, self.sources)
         )
 
 
@@ -494,7 +577,7 @@ class RunDirTest(DoctorTest):
     @AS_OTHERS
     def test_cannot_be_searched_by_oneself(self):
         self.run_dir.chmod(0o600)
-        name = user_name(os.geteuid())
+        name = ME
         self.expect(
             self.run_dir_check("exists"),
             "run-dir.exists",
@@ -602,10 +685,7 @@ class RunDirTest(DoctorTest):
 
     def in_memory(self, *more):
         """A run directory /run/tov in memory, on a machine as more makes it."""
-        mounts = ["mount -t tmpfs none /run", "mkdir -m 755 /run/tov"]
-        for folder in ("/etc/tmpfiles.d", "/usr/lib/tmpfiles.d", "/etc/systemd/system"):
-            mounts.append(f"mkdir -p {folder}; mount -t tmpfs none {folder}")
-        before = "; ".join([*mounts, *more])
+        before = "; ".join([*WITHOUT_CONFIGURATION, "mkdir -m 755 /run/tov", *more])
         return self.run_dir_check("reboot", "/run/tov", before=before)
 
     @AS_ROOT
@@ -624,7 +704,7 @@ class RunDirTest(DoctorTest):
 
     @AS_ROOT
     def test_is_made_by_nothing(self):
-        rule = "echo 'd /run/tov' > /usr/lib/tmpfiles.d/tov.conf"
+        rule = "mkdir /run/tmpfiles.d; echo 'd /run/tov' > /run/tmpfiles.d/tov.conf"
         mask = "ln -s /dev/null /etc/tmpfiles.d/tov.conf"
         comment = "echo '# d /run/tov' > /etc/tmpfiles.d/x.conf"
         other = "echo 'd /run/tov2' > /etc/tmpfiles.d/y.conf"
@@ -744,6 +824,12 @@ class ServiceTest(DoctorTest):
             check, "--run-dir", self.run_dir, "--service", "panel", *arguments, **options
         )
 
+    def assert_well(self, report):
+        """But for the time, which a busy machine takes."""
+        states = {check["name"]: check["state"] for check in report.json["checks"]}
+        self.assertIn(states.pop("back-end.time"), ("ok", "warning"))
+        self.assertEqual(set(states.values()), {"ok"}, report.all())
+
     def bind(self):
         """A socket that nobody listens on."""
         with socket.socket(socket.AF_UNIX) as left_behind:
@@ -853,7 +939,7 @@ class SocketTest(ServiceTest):
 
     def test_may_connect(self):
         self.bind()
-        name = user_name(os.geteuid())
+        name = ME
         message = f"User {name} may connect to '{self.path}'."
         self.expect(self.ask("socket.access"), "socket.access", "ok", message)
 
@@ -884,7 +970,7 @@ class SocketTest(ServiceTest):
     def test_oneself_may_not_connect(self):
         self.bind()
         self.path.chmod(0)
-        self.refused(user_name(os.geteuid()))
+        self.refused(ME)
 
     @AS_OTHERS
     def test_access_of_another_is_not_known(self):
@@ -921,10 +1007,13 @@ class BackEndTest(ServiceTest):
         message = "It answers, and refuses a request without a session."
         self.expect(report, "back-end.answer", "ok", message)
         self.expect(report, "back-end.length", "ok", "The answer tells its length.")
-        self.assertEqual(report.findings("back-end.time")[0]["state"], "ok")
         message = "A cookie of 8.0 KB is no trouble."
         self.expect(report, "back-end.large-request", "ok", message)
-        self.assertEqual(report.status, 0)
+        self.assert_well(report)
+
+    def test_quick_answer(self):
+        for seconds, state in ((0.5, "ok"), (1.5, "warning")):
+            self.assertEqual(back_end.answer_time("panel", seconds).state, state)
 
     def test_request_byte_for_byte(self):
         listener = self.listen(answering(with_length(REFUSAL)))
@@ -965,8 +1054,8 @@ class BackEndTest(ServiceTest):
         """The library would wait; the doctor waits for its time."""
         self.bind_with_full_queue()
         begin = time.monotonic()
-        report = self.ask("back-end", "--timeout", "0.5")
-        self.assertGreaterEqual(time.monotonic() - begin, 0.5)
+        report = self.ask("back-end", "--timeout", "2")
+        self.assertGreaterEqual(time.monotonic() - begin, 2)
         message = f"'{self.path}' cannot be connected to: its queue is full."
         self.expect(report, "back-end.connect", "failure", message)
 
@@ -1077,6 +1166,51 @@ class BackEndTest(ServiceTest):
                 self.assertIn("(session)", report.output)
             self.path.unlink()
 
+    def not_sent(self, unsafe):
+        """Nobody has even connected."""
+        connections = []
+        self.listen(lambda _, connection: connections.append(connection))
+        for check in ("back-end", "back-end.answer"):
+            report = self.ask(check, "--session", "3f9c27d1")
+            self.expect(
+                report,
+                "back-end.session",
+                "failure",
+                f"The session was not sent to '{self.path}', nor anything else asked there, since "
+                f"others could be listening: {unsafe}.",
+                "Mend what the checks run-dir.safe and socket.safe say first. Replace the session "
+                "if it has been sent there before.",
+            )
+            self.assertEqual((report.status, len(report.json["checks"])), (2, 1))
+        self.assertEqual(connections, [])
+
+    def test_session_is_not_sent_into_an_unsafe_folder(self):
+        self.run_dir.chmod(0o777)
+        self.not_sent(f"'{self.run_dir}' is writable by everybody")
+
+    def test_session_is_not_sent_by_an_unsafe_link(self):
+        other = self.make_folder("panel")
+        self.path.symlink_to(other / "panel.sock")
+        self.path = other / "panel.sock"
+        listener = self.listen(answering(REFUSAL))
+        self.path = self.run_dir / "panel.sock"
+        report = self.ask("back-end", "--session", "3f9c27d1")
+        self.assertEqual(report.findings("back-end.session")[0]["state"], "ok")
+        self.assertEqual(len(listener.requests), 2)
+        other.chmod(0o777)
+        report = self.ask("back-end", "--session", "3f9c27d1")
+        (found,) = report.findings("back-end.session")
+        self.assertEqual(found["state"], "failure")
+        self.assertIn(f"'{other}' is writable by everybody", found["message"])
+        self.assertEqual(len(listener.requests), 2)
+
+    def test_without_a_session_an_unsafe_socket_is_asked(self):
+        self.run_dir.chmod(0o777)
+        report = self.answer(REFUSAL)
+        message = "It answers, and refuses a request without a session."
+        self.expect(report, "back-end.answer", "ok", message)
+        self.assertEqual(report.findings("back-end.session"), [])
+
     def test_long_session_is_not_shown_in_part(self):
         session = "s3f9c27d1" * 40
         for answer in (f"<{session}/>", f'<?xml version="1.0" encoding="{session}"?><doc/>'):
@@ -1144,9 +1278,7 @@ class BackEndTest(ServiceTest):
         )
         bomb = b'<?xml version="1.0"?><!DOCTYPE doc [' + entities + b"]><doc>&a9;</doc>"
         why = "it has a document type declaration, which is not read here"
-        begin = time.monotonic()
         self.not_understood(bomb, why)
-        self.assertLess(time.monotonic() - begin, 10)
 
     def test_deep_document(self):
         depth = 100_000
@@ -1208,15 +1340,13 @@ class BackEndTest(ServiceTest):
         )
 
     def test_never_answers(self):
-        begin = time.monotonic()
         self.broken(
             lambda listener, connection: connection.recv(1 << 20) and connection.recv(1),
             "It took the connection but has not answered in time.",
             None,
             "--timeout",
-            "0.5",
+            "2",
         )
-        self.assertLess(time.monotonic() - begin, 5)
 
     def test_never_closes(self):
         def answer(listener, connection):
@@ -1224,7 +1354,7 @@ class BackEndTest(ServiceTest):
             connection.recv(1)
 
         message = "It has begun to answer but did not close the connection in time."
-        self.broken(answer, message, None, "--timeout", "0.5")
+        self.broken(answer, message, None, "--timeout", "2")
 
     def test_trickle(self):
         """The time is for the whole answer, not for each byte."""
@@ -1234,10 +1364,8 @@ class BackEndTest(ServiceTest):
                 connection.sendall(b"x")
                 time.sleep(0.1)
 
-        begin = time.monotonic()
         message = "It has begun to answer but did not close the connection in time."
-        self.broken(answer, message, None, "--timeout", "1")
-        self.assertLess(time.monotonic() - begin, 10)
+        self.broken(answer, message, None, "--timeout", "2")
 
     def test_endless_answer_in_bounded_memory(self):
         def answer(listener, connection):
@@ -1259,7 +1387,7 @@ class BackEndTest(ServiceTest):
         self.listen(answer)
         (found,) = self.ask().findings("back-end.time")
         self.assertEqual(found["state"], "warning")
-        self.assertRegex(found["message"], r"^The answer to whoami has taken 1\.\d s\.$")
+        self.assertRegex(found["message"], r"^The answer to whoami has taken \d+\.\d s\.$")
 
     def test_large_request_is_not_answered(self):
         def answer(listener, connection):
@@ -1299,7 +1427,7 @@ class AgainstTheLibraryTest(ServiceTest):
             env={"TOV_RUN_DIR": str(self.run_dir), **environment},
             stdin=subprocess.DEVNULL,
             capture_output=True,
-            timeout=60,
+            timeout=LONG,
             check=True,
         ).stdout
 
@@ -1370,6 +1498,8 @@ class AgainstTheLibraryTest(ServiceTest):
 
 class RealBackEndTest(ServiceTest):
     def start(self, *command):
+        if not shutil.which(command[0]):
+            self.skipTest(f"there is no {command[0]} on this machine")
         process = subprocess.Popen(
             command,
             stdin=subprocess.DEVNULL,
@@ -1379,7 +1509,7 @@ class RealBackEndTest(ServiceTest):
         )
         self.addCleanup(process.wait, 30)
         self.addCleanup(os.killpg, process.pid, signal.SIGKILL)
-        end = time.monotonic() + 30
+        end = time.monotonic() + LONG
         with socket.socket(socket.AF_UNIX) as client:
             while client.connect_ex(str(self.path)) != 0:
                 self.assertLess(time.monotonic(), end, "the server does not start")
@@ -1401,7 +1531,7 @@ class RealBackEndTest(ServiceTest):
     def test_uwsgi(self):
         self.start_uwsgi("--buffer-size=65535")
         report = self.ask()
-        self.assertEqual(report.status, 0, report.all())
+        self.assert_well(report)
         message = f"Somebody listens on '{self.path}' (uwsgi)."
         self.expect(report, "back-end.connect", "ok", message)
 
@@ -1430,7 +1560,161 @@ class RealBackEndTest(ServiceTest):
         )
 
 
-class TmpDirTest(DoctorTest):
+class FcgiTest(MachineTest):
+    REMEDY = (
+        "Let it belong to the web server's user with mode 0600 (SocketUser= and SocketMode=0600 in "
+        "its socket unit)."
+    )
+
+    def setUp(self):
+        super().setUp()
+        self.path = self.folder / "fcgi.sock"
+
+    def bind(self, mode=0o600):
+        with socket.socket(socket.AF_UNIX) as left_behind:
+            left_behind.bind(str(self.path))
+        self.path.chmod(mode)
+
+    def fcgi_check(self, *arguments, check="fcgi", **options):
+        return self.examine(check, "--fcgi-socket", self.path, *arguments, **options)
+
+    def test_all_is_well(self):
+        self.bind()
+        report = self.fcgi_check()
+        self.expect(report, "fcgi.kind", "ok", f"'{self.path}' is a socket.")
+        message = f"Nobody else can replace the socket '{self.path}'."
+        if IS_ROOT:
+            self.expect(report, "fcgi.safe", "ok", message)
+        who = "root" if IS_ROOT else ME
+        message = f"Only {who} may connect to '{self.path}'."
+        self.expect(report, "fcgi.strangers", "ok", message)
+
+    def test_is_missing_or_something_else(self):
+        self.expect(
+            self.fcgi_check(),
+            "fcgi.kind",
+            "failure",
+            f"There is no socket at '{self.path}': No such file or directory.",
+            "Start fcgiwrap, and see that it makes its socket there.",
+        )
+        os.mkfifo(self.path)
+        self.expect(
+            self.fcgi_check(),
+            "fcgi.kind",
+            "failure",
+            f"'{self.path}' is a FIFO, not a socket.",
+            "Remove it and start fcgiwrap again.",
+        )
+
+    def test_everybody_may_connect(self):
+        for mode in (0o666, 0o602):
+            self.bind(mode)
+            self.expect(
+                self.fcgi_check(),
+                "fcgi.strangers",
+                "failure",
+                f"Every local user may connect to '{self.path}', and so start front ends as user "
+                f"{ME} with any variables.",
+                self.REMEDY,
+            )
+            self.path.unlink()
+
+    def test_everybody_may_connect_but_cannot_get_there(self):
+        self.path = self.make_folder("closed", 0o700) / "fcgi.sock"
+        self.bind(0o666)
+        (found,) = self.fcgi_check().findings("fcgi.strangers")
+        self.assertNotEqual(found["state"], "failure")
+
+    @AS_ROOT
+    def test_web_server_may_connect(self):
+        for mode, owner, group in ((0o600, STRANGER, 0), (0o660, 0, STRANGER),
+                                   (0o660, STRANGER, STRANGER)):  # fmt: skip
+            self.bind(mode)
+            os.chown(self.path, owner, group)
+            report = self.fcgi_check(before=self.accounts())
+            message = f"Only 'alice' may connect to '{self.path}'."
+            self.expect(report, "fcgi.strangers", "ok", message)
+            self.path.unlink()
+
+    @AS_ROOT
+    def test_several_accounts_may_connect(self):
+        for owner, group_line in ((0, f"alice:x:{STRANGER}:bob"),
+                                  (STRANGER + 1, f"alice:x:{STRANGER}:")):  # fmt: skip
+            self.group_line = group_line
+            self.bind(0o660)
+            os.chown(self.path, owner, STRANGER)
+            self.expect(
+                self.fcgi_check("--as", "bob", before=self.accounts()),
+                "fcgi.strangers",
+                "warning",
+                f"Not only the web server may connect to '{self.path}' and start front ends as "
+                "user 'bob', but all of 'alice', 'bob'.",
+                self.REMEDY,
+            )
+            self.path.unlink()
+
+    def test_can_be_replaced(self):
+        folder = self.make_folder("open", 0o777)
+        self.path = folder / "fcgi.sock"
+        self.bind()
+        self.expect(
+            self.fcgi_check(),
+            "fcgi.safe",
+            "failure",
+            "Others can listen in place of fcgiwrap, and get the sessions of all visitors: "
+            f"'{folder}' is writable by everybody.",
+            "Put the socket into a folder that only root can change, such as /run.",
+        )
+
+    def found(self, *more):
+        """Where it is looked for, on a machine as more makes it."""
+        bind = "import socket, sys\nfor path in sys.argv[1:]:\n socket.socket(1).bind(path)"
+        paths = [f"/run/{name}" for name in ("fcgiwrap.socket", "a.sock", "b.sock", "c.sock")]
+        make = shlex.join([sys.executable, "-c", bind, *paths])
+        before = "; ".join([*WITHOUT_CONFIGURATION, make, *more])
+        report = self.examine("fcgi.kind", before=before)
+        return [(check["subject"], check["state"]) for check in report.json["checks"]]
+
+    def unit(self, name, text):
+        path = f"/etc/systemd/system/{name}"
+        return f"mkdir -p {os.path.dirname(path)}; printf %s {shlex.quote(text)} > {path}"
+
+    @AS_ROOT
+    def test_is_found_where_the_package_puts_it(self):
+        self.assertEqual(self.found(), [("/run/fcgiwrap.socket", "ok")])
+        self.assertEqual(self.found("rm /run/fcgiwrap.socket"), [("", "skipped")])
+
+    @AS_ROOT
+    def test_is_found_by_units(self):
+        runs = "[Service]\nExecStart=/usr/sbin/fcgiwrap -f -c 8\n"
+        listens = "[Socket]\nListenStream=/run/{}.sock\n"
+        default = ("/run/fcgiwrap.socket", "ok")
+        for units, expected in (
+            ({"panel.service": runs, "panel.socket": listens.format("a")}, ["a"]),
+            (
+                {
+                    "panel.service": "[Service]\nExecStart=-/x/fcgiwrap -s unix:/run/b.sock -c 1\n",
+                    "other.service": "[Service]\nExecStart=/usr/sbin/fcgiwrapper\n",
+                    "other.socket": listens.format("a"),
+                },
+                ["b"],
+            ),
+            (
+                {
+                    "panel.service": runs,
+                    "web.socket": listens.format("c") + "Service=panel.service\n",
+                    "panel.socket.d/more.conf": listens.format("a"),
+                },
+                ["c", "a"],
+            ),
+            ({"panel.service": runs, "panel.socket": listens.format("none")}, []),
+        ):
+            found = self.found(*(self.unit(name, text) for name, text in units.items()))
+            paths = [(f"/run/{name}.sock", "ok") for name in expected]
+            self.assertEqual(sorted(found), sorted([default, *paths]), units)
+
+
+class TmpDirTest(MachineTest):
     def setUp(self):
         super().setUp()
         self.tmp = self.make_folder("tmp", 0o700)
@@ -1471,7 +1755,7 @@ class TmpDirTest(DoctorTest):
         self.expect(self.tmp_check("exists", path), "tmp-dir.exists", "failure", message)
 
     def test_writable(self):
-        name = user_name(os.geteuid())
+        name = ME
         message = f"User {name} may write in '{self.tmp}'."
         self.expect(self.tmp_check("writable"), "tmp-dir.writable", "ok", message)
 
@@ -1490,7 +1774,7 @@ class TmpDirTest(DoctorTest):
     @AS_OTHERS
     def test_not_writable_by_oneself(self):
         self.tmp.chmod(0o500)
-        name = user_name(os.geteuid())
+        name = ME
         message = f"User {name} cannot write in '{self.tmp}': Permission denied."
         self.expect(self.tmp_check("writable"), "tmp-dir.writable", "failure", message)
 
@@ -1514,9 +1798,63 @@ class TmpDirTest(DoctorTest):
             "failure",
             "Others can exchange uploads for files of their own: "
             f"'{self.tmp}' is writable by everybody.",
-            "Let it belong to the front end's user with mode 0700, or to root with mode 1777 "
-            "(chmod +t).",
+            "Let it belong to the front end's user with mode 0700, or to root with mode 1733 "
+            "for front ends of several users.",
         )
+
+    def expect_listed_by(self, readers, *arguments, **options):
+        self.expect(
+            self.tmp_check("listing", None, *arguments, **options),
+            "tmp-dir.listing",
+            "warning",
+            f"{readers} can list '{self.tmp}', and read an upload there while it is handed over: "
+            "it has mode 0644 before it is moved.",
+            "Set its mode to 0700, or for front ends of several users to 1733, owned by root, as "
+            "the package's /var/spool/zancgi.",
+        )
+
+    def test_listing(self):
+        for mode in (0o1777, 0o755, 0o704):
+            self.tmp.chmod(mode)
+            self.expect_listed_by("Every local user")
+        message = f"Nobody else can list the uploads in '{self.tmp}'."
+        for mode in (0o700, 0o1733, 0o711):
+            self.tmp.chmod(mode)
+            self.expect(self.tmp_check("listing"), "tmp-dir.listing", "ok", message)
+        self.tmp.chmod(0o1777)
+        self.folder.chmod(0o700)
+        self.expect(self.tmp_check("listing"), "tmp-dir.listing", "ok", message)
+
+    @AS_ROOT
+    def test_listing_by_a_group(self):
+        os.chown(self.tmp, STRANGER, STRANGER)
+        self.tmp.chmod(0o750)
+        options = {"before": self.accounts()}
+        message = f"Nobody else can list the uploads in '{self.tmp}'."
+        report = self.tmp_check("listing", None, "--as", "alice", **options)
+        self.expect(report, "tmp-dir.listing", "ok", message)
+        self.expect_listed_by("Group 'alice' ('alice')", "--as", "bob", **options)
+        self.group_line = f"alice:x:{STRANGER}:alice,bob"
+        options = {"before": self.accounts()}
+        self.expect_listed_by("Group 'alice' ('bob')", "--as", "alice", **options)
+        self.tmp.chmod(0o730)
+        report = self.tmp_check("listing", None, "--as", "alice", **options)
+        self.expect(report, "tmp-dir.listing", "ok", message)
+
+    def test_listing_of_the_folder_of_everybody(self):
+        """Its mode must stay."""
+        for path in ("/tmp", "/tmp/"):
+            site = unittest.mock.Mock(tmp_dir=path)
+            with unittest.mock.patch.object(tmp_dir, "has_others", return_value=True):
+                found = tmp_dir.tmp_dir_listing(site)
+            self.assertEqual(
+                (found.state, found.remedy),
+                (
+                    "warning",
+                    "Set TMP to a folder of the front ends' own with mode 0700, or to the "
+                    "package's /var/spool/zancgi; without TMP uploads go to /tmp.",
+                ),
+            )
 
     @AS_ROOT
     def test_belongs_to_a_stranger(self):
@@ -1536,10 +1874,15 @@ class TmpDirTest(DoctorTest):
         kind = mount_of(self.tmp).kind
         if kind in ("tmpfs", "ramfs"):
             self.skipTest("the temporary directory is in memory")
-        message = f"'{self.tmp}' is on a file system of type '{kind}'."
-        self.expect(self.tmp_check("file-system"), "tmp-dir.file-system", "ok", message)
+        (found,) = self.tmp_check("file-system").findings("tmp-dir.file-system")
+        self.assertEqual(found["state"], "ok")
+        # It may have quotas.
+        message = f"'{self.tmp}' is on a file system of type '{kind}'"
+        self.assertEqual(found["message"][: len(message)], message)
 
     def test_in_memory(self):
+        if mount_of("/dev/shm").kind != "tmpfs":
+            self.skipTest("/dev/shm is not in memory here")
         for min_free, state in (("0", "ok"), ("999T", "warning")):
             report = self.tmp_check("file-system", "/dev/shm", "--min-free", min_free)
             (found,) = report.findings("tmp-dir.file-system")
@@ -1640,11 +1983,22 @@ class TmpDirTest(DoctorTest):
         self.expect(self.tmp_check("leftovers"), "tmp-dir.leftovers", "ok", message)
         self.make_upload("zantempBBBBBB", 2048, 50 * 3600)
         self.make_upload("zantempCCCCCC", 1024, 30 * 3600)
+        self.make_upload(".tov-AbC12", 1024, 99 * 3600)
+        self.make_upload(".tov-AbC1234", 1024, 99 * 3600)
         self.expect(
             self.tmp_check("leftovers"),
             "tmp-dir.leftovers",
             "warning",
             f"In '{self.tmp}' 2 uploads are left over, 3.0 KB in all, the oldest 50 hours old.",
+        )
+        self.make_upload(".tov-AbC123", 1024, 60 * 3600)
+        self.expect(
+            self.tmp_check("leftovers"),
+            "tmp-dir.leftovers",
+            "warning",
+            f"In '{self.tmp}' 3 uploads are left over, 4.0 KB in all, the oldest 60 hours old.",
+            "Remove files named zantemp* and .tov-?????? that are older than a day, and have that "
+            "done by a tmpfiles.d rule; see why front ends are killed.",
         )
 
     @AS_OTHERS
@@ -1654,9 +2008,8 @@ class TmpDirTest(DoctorTest):
         self.expect(self.tmp_check("leftovers"), "tmp-dir.leftovers", "unchecked", message)
 
     def ageing(self, rule, then="mkdir -p /run/systemd/system"):
-        before = "mount -t tmpfs none /run; mkdir -p /etc/tmpfiles.d; "
-        before += "mount -t tmpfs none /etc/tmpfiles.d; mount -t tmpfs none /usr/lib/tmpfiles.d; "
-        before += f"echo {shlex.quote(rule)} > /etc/tmpfiles.d/x.conf; {then}"
+        before = "; ".join(WITHOUT_CONFIGURATION)
+        before += f"; echo {shlex.quote(rule)} > /etc/tmpfiles.d/x.conf; {then}"
         return self.tmp_check("ageing", before=before)
 
     @AS_ROOT
@@ -1709,7 +2062,9 @@ class ProgramTest(DoctorTest):
         self.program = self.bin / "panel"
         shutil.copyfile("/bin/true", self.program)
         self.program.chmod(0o755)
-        self.me = user_name(os.geteuid())
+        self.me = ME
+        if "noexec" in mount_of(self.folder).options:
+            self.skipTest("no program below /tmp may be run here")
 
     def program_check(self, name, path=None, *arguments, **options):
         return self.examine(
@@ -1830,7 +2185,7 @@ class ProgramTest(DoctorTest):
         site = unittest.mock.Mock(program=str(bin_dir / "panel"))
         site.who.return_value = "user 'x'"
         site.as_front_end.side_effect = lambda function, *arguments: run_in_child(
-            5, function, *arguments, identity=Identity("x", STRANGER, STRANGER, [])
+            LONG, function, *arguments, identity=Identity("x", STRANGER, STRANGER, [])
         )
         found = program.program_work_dir(site)
         self.assertEqual(found.state, "warning")
@@ -1852,7 +2207,11 @@ class ProgramTest(DoctorTest):
     def test_libraries_are_those_of_the_linker(self):
         """The linker's own answer, for a program that may be run."""
         listing = subprocess.run(
-            ["ldd", sys.executable], capture_output=True, text=True, check=True
+            ["ldd", sys.executable],
+            env={"PATH": os.environ["PATH"]},
+            capture_output=True,
+            text=True,
+            check=True,
         ).stdout
         expected = {
             line.split()[0]: os.path.realpath(line.split()[2])
@@ -1894,9 +2253,10 @@ class ProgramTest(DoctorTest):
         self.assertEqual(report.findings("program.libraries")[0]["state"], "failure")
         report = self.program_check("libraries", environment={"LD_LIBRARY_PATH": str(lib)})
         self.expect(report, "program.libraries", "ok", message)
-        # With a RUNPATH the RPATH does not count at all.
+        # With a RUNPATH the RPATH does not count at all. By a name that is not
+        # installed on any machine.
         self.program.write_bytes(
-            elf_file(["libzancgi.so.1"], runpath="/none", rpath="$ORIGIN/../lib")
+            elf_file(["libnone.so.9"], runpath="/none", rpath="$ORIGIN/../lib")
         )
         report = self.program_check("libraries")
         self.assertEqual(report.findings("program.libraries")[0]["state"], "failure")
@@ -1921,7 +2281,6 @@ class ProgramTest(DoctorTest):
 
     def test_no_elf_file(self):
         for data, what in (
-            (b"#!/bin/sh\n", "is a script"),
             (b"\x7fELF\x01\x01" + bytes(99), "is no 64-bit program"),
             (b"", "is no 64-bit program"),
             (elf_file(["libc.so.6"])[:100], "is cut short"),
@@ -1930,6 +2289,78 @@ class ProgramTest(DoctorTest):
             message = f"'{self.program}' {what}: what it needs was not looked for."
             report = self.program_check("libraries")
             self.expect(report, "program.libraries", "skipped", message)
+
+    def script(self, text):
+        path = self.bin / "launcher"
+        path.write_text("#!/bin/sh\n" + text)
+        path.chmod(0o755)
+        return path
+
+    def test_script_that_names_its_program(self):
+        """As the launcher of the documents: variables, limits, then a timer."""
+        for line in (
+            "exec /usr/bin/timeout --kill-after=2 $seconds {}",
+            "exec {}",
+            '  exec {} "$@"',
+            "exec /usr/bin/env A=b \\\n  '{}' # /bin/false",
+            "exec {} /etc/passwd; exit",
+            "exec 2>>/var/log/none\nexec {}",
+        ):
+            path = self.script(line.format(self.program) + "\n")
+            report = self.doctor("--json", "--check", "program", "--program", path)
+            self.expect(
+                report,
+                "program.launcher",
+                "ok",
+                f"'{path}' is a script that starts '{self.program}', which is checked as well; the "
+                "variables and limits that the script sets are not known.",
+            )
+            found = {check["name"]: check["subject"] for check in report.json["checks"]}
+            for check in ("work-dir", "libraries", "search-path"):
+                self.assertEqual(found[f"program.{check}"], str(self.program))
+            subjects = [check["subject"] for check in report.findings("program.safe")]
+            self.assertEqual(subjects, [str(path), str(self.program)])
+
+    def test_program_of_a_script_is_judged(self):
+        path = self.script(f"exec {self.program}\n")
+        self.program.chmod(0o777)
+        report = self.doctor("--json", "--check", "program", "--program", path)
+        found = {check["subject"]: check["state"] for check in report.findings("program.safe")}
+        self.assertEqual(found[str(self.program)], "failure")
+
+    def test_script_that_does_not_name_its_program(self):
+        other = self.script(f"exec {self.program}\n").rename(self.bin / "other")
+        for text in (
+            "",
+            f"{self.program}\n",
+            'exec "$PROGRAM"\n',
+            f"# exec {self.program}\n",
+            "exec ./panel\n",
+            f"exec {self.folder}/none\n",
+            f"exec {other}\n",
+            f"case $a in\n b)\nexec {self.program} ;;\nesac\nexec /bin/true\n",
+            "exec 'unfinished\n",
+        ):
+            path = self.script(text)
+            report = self.doctor("--json", "--check", "program", "--program", path)
+            self.expect(
+                report,
+                "program.launcher",
+                "unchecked",
+                f"'{path}' is a script, and the program that it starts is not plain from it: its "
+                "libraries and its working directory were not looked at.",
+                "Name the front end's own program with --program.",
+            )
+            self.assertEqual(report.findings("program.work-dir"), [], text)
+
+    def test_launcher_of_the_documents(self):
+        """With its program's path only another one."""
+        document = (DOCTOR.parents[1] / "docs" / "deployment.md").read_text()
+        text = re.search(r"(?ms)^```sh /opt/panel/cgi/panel\n(.*?)^```", document)
+        path = self.script("")
+        path.write_text(text[1].replace("/opt/panel/bin/panel", str(self.program)))
+        report = self.doctor("--json", "--check", "program", "--program", path)
+        self.assertEqual(report.findings("program.launcher")[0]["state"], "ok", report.all())
 
     def test_damaged_elf_files(self):
         """Whatever the bytes, there is a finding and no end by a fault."""
@@ -2000,6 +2431,8 @@ class PamTest(DoctorTest):
     def test_service_of_this_machine(self):
         if not os.path.exists("/etc/pam.d/login"):
             self.skipTest("the package login is not installed")
+        if first_unsafe(way_to("/etc/pam.d/login"), {0}, allows_sticky=False):
+            self.skipTest("others than root can change /etc/pam.d/login on this machine")
         report = self.examine("pam")
         message = "The PAM service 'login' is configured."
         self.expect(report, "pam.service", "ok", message)
@@ -2078,25 +2511,18 @@ class PamTest(DoctorTest):
         )
 
 
-class AccountTest(DoctorTest):
+class AccountTest(MachineTest):
     def setUp(self):
         super().setUp()
         if DOCTOR.is_relative_to("/srv"):
             self.skipTest("the tools lie below /srv, where the accounts of this test have homes")
         self.tmp = self.make_folder("tmp", 0o700)
-        self.uid = self.gid = STRANGER
-        self.group_line = f"alice:x:{STRANGER}:"
 
     def account_check(self, name, home, *arguments, then="true", confined=False):
-        """An account alice, in a machine of its own below /mnt and /srv."""
-        line = f"alice:x:{self.uid}:{self.gid}::{home}:/bin/sh"
-        users = self.make_file("passwd", pathlib.Path("/etc/passwd").read_text() + line + "\n")
-        groups = self.make_file(
-            "group", pathlib.Path("/etc/group").read_text() + self.group_line + "\n"
-        )
-        before = (
-            f"mount --bind {users} /etc/passwd; mount --bind {groups} /etc/group; "
-            f"mount -t tmpfs -o mode=755 none /srv; mkdir -p /srv/alice; {then}"
+        """An account alice, in a machine of its own, which has no accounts of this
+        machine's, and with homes below /srv."""
+        before = self.accounts(home) + (
+            f"; mount -t tmpfs -o mode=755 none /srv; mkdir -p /srv/alice; {then}"
         )
         if confined:
             arguments = (*arguments, "--confined")
@@ -2228,6 +2654,110 @@ class AccountTest(DoctorTest):
             report = self.account_check("confinement", "/srv/alice", then=then)
             self.expect(report, "account.confinement", "skipped", message)
 
+    def folder_check(self, then):
+        return self.account_check("folder", "/srv/alice", then=then, confined=True)
+
+    @AS_ROOT
+    def test_folder(self):
+        files = f"install -d -o alice -m 700 /srv/alice/files"
+        for then, folder in (
+            (files, "/srv/alice/files"),
+            ("mkdir -p /srv/alice/a/b; install -d -o alice /srv/alice/a/c", "/srv/alice/a/c"),
+            ("install -d -g alice -m 770 /srv/alice/shared", "/srv/alice/shared"),
+            ("chown alice /srv/alice", "/srv/alice"),
+            # A confined process need not get there from outside.
+            (f"{files}; chmod 700 /srv", "/srv/alice/files"),
+        ):
+            message = f"The account 'alice' may write in '{folder}'."
+            self.expect(self.folder_check(then), "account.folder", "ok", message)
+
+    @AS_ROOT
+    def test_no_folder(self):
+        for then in (
+            "true",
+            "mkdir -p /srv/alice/a/b; install -d -o bob /srv/alice/c",
+            "install -d -o alice -m 500 /srv/alice/files",
+            "install -d -o alice /srv/files; ln -s ../files /srv/alice/files",
+            "mkdir -m 700 /srv/alice/closed; install -d -o alice /srv/alice/closed/files",
+        ):
+            report = self.folder_check(then)
+            self.expect(
+                report,
+                "account.folder",
+                "failure",
+                "Confined to '/srv/alice', the account 'alice' may write in no folder there, so "
+                "its front ends cannot keep a file, nor rename or remove what was uploaded.",
+                "Make a folder inside that belongs to the account, for instance 'install -d -o "
+                "alice -m 0700 /srv/alice/files'.",
+            )
+            self.assertEqual(report.status, 2)
+
+    @AS_ROOT
+    def test_folder_of_an_account_that_is_not_confined(self):
+        report = self.account_check("folder", "/srv/alice")
+        self.assertEqual(report.findings("account.folder"), [])
+
+    def test_folder_is_not_known(self):
+        entry = unittest.mock.Mock(pw_dir="/srv/alice", pw_name="alice")
+        with unittest.mock.patch.object(accounts.os, "geteuid", return_value=STRANGER):
+            found = accounts.account_folder(None, entry)
+        message = "Where account 'alice' may write is not known."
+        self.assertEqual((found.state, found.message), ("unchecked", message))
+
+    @AS_ROOT
+    def test_session_of_a_confined_account(self):
+        login = "mkdir -p /srv/alice/etc/pam.d; touch /srv/alice/etc/pam.d/login"
+        start = "Confined to '/srv/alice', "
+        for then, why in (
+            ("true", "'/srv/alice/etc/pam.d/login' does not exist, where PAM then looks"),
+            (f"{login}; chown alice /srv/alice", "'/srv/alice' belongs to user 'alice'"),
+            (f"{login}; chmod 775 /srv/alice", "'/srv/alice' is writable by others than its owner"),
+        ):
+            message = start + f"the account 'alice' gets no PAM session: {why}."
+            report = self.account_check("session", "/srv/alice", then=then, confined=True)
+            self.expect(report, "account.session", "skipped", message)
+            report = self.account_check("session", "/srv/alice", "--pam", then=then, confined=True)
+            self.expect(
+                report,
+                "account.session",
+                "warning",
+                message,
+                "Ask for use_chroot or for use_pam, not for both; or keep in the home, which must "
+                "be root's own, a configuration of PAM and the modules that it names.",
+            )
+            report = self.account_check("session", "/srv/alice", "--pam", then=then)
+            self.assertEqual(report.findings("account.session"), [])
+        report = self.account_check("session", "/srv/alice", "--pam", then=login, confined=True)
+        message = start + "PAM finds '/srv/alice/etc/pam.d/login'."
+        self.expect(report, "account.session", "ok", message)
+
+    @AS_ROOT
+    def test_leftovers(self):
+        """Copies that are root's, and no others."""
+        files = (
+            "cd /srv/alice; head -c 9 /dev/zero > .tov-fresh1; head -c 99 /dev/zero > theirs; "
+            "cp theirs .tov-theirs; cp theirs .tov-short; cp theirs .tov-too-long; "
+            "mkdir .tov-folder; chown alice .tov-theirs; touch -d '-99 hours' .tov-* theirs; touch .tov-fresh1; cd /"
+        )
+        message = "1 copy of an upload is in '/srv/alice', none older than a day."
+        report = self.account_check("leftovers", "/srv/alice", then=files)
+        self.expect(report, "account.leftovers", "ok", message)
+        files += (
+            "; head -c 2048 /dev/zero > /srv/alice/.tov-AbC123; cp /srv/alice/.tov-A* "
+            "/srv/alice/.tov-000000; touch -d '-30 hours' /srv/alice/.tov-A*; "
+            "touch -d '-50 hours' /srv/alice/.tov-0*"
+        )
+        self.expect(
+            self.account_check("leftovers", "/srv/alice", then=files),
+            "account.leftovers",
+            "warning",
+            "In '/srv/alice' 2 copies of uploads are left over, 4.0 KB in all, the oldest 50 "
+            "hours old.",
+            "They are root's and count in no quota of the account. Remove them: find '/srv/alice' "
+            "-maxdepth 1 -name '.tov-??????' -user root -mtime +0 -delete; and see why front ends "
+            "are killed while they copy.",
+        )
+
     @AS_ROOT
     def test_confinement_to_fuse_and_nfs(self):
         for kind in ("fuse.bindfs", "fuseblk", "nfs4"):
@@ -2338,11 +2868,16 @@ class NssTest(DoctorTest):
 class ProcessTest(DoctorTest):
     def with_limit(self, which, soft, *arguments):
         _, hard = resource.getrlimit(which)
+        if hard != resource.RLIM_INFINITY and not 0 <= soft <= hard:
+            self.skipTest("whoever runs the tests has limited them further")
         return self.examine(
             "limits",
             *arguments,
             preexec_fn=lambda: resource.setrlimit(which, (soft, hard)),
         )
+
+    def without_limit(self, which):
+        return self.with_limit(which, resource.RLIM_INFINITY)
 
     def test_descriptors(self):
         for limit, state in ((64, "ok"), (63, "warning"), (15, "failure")):
@@ -2355,7 +2890,7 @@ class ProcessTest(DoctorTest):
         message = "The limit of memory is 256.0 MB."
         self.expect(report, "limits.memory", "ok", message)
         message = "There is no limit of memory; front ends have to set one themselves."
-        self.expect(self.examine("limits"), "limits.memory", "ok", message)
+        self.expect(self.without_limit(resource.RLIMIT_AS), "limits.memory", "ok", message)
 
     def test_low_memory(self):
         """The doctor itself could not run so: another process has the limit."""
@@ -2374,7 +2909,7 @@ class ProcessTest(DoctorTest):
                 resource.setrlimit(which, (limit, limit))
 
         sleeper = subprocess.Popen(
-            ["sleep", "60"],
+            ["sleep", "3600"],
             preexec_fn=set_limit,
             stdin=subprocess.DEVNULL,
             stdout=subprocess.DEVNULL,
@@ -2392,7 +2927,7 @@ class ProcessTest(DoctorTest):
 
     def test_file_size(self):
         message = "There is no limit of the size of files."
-        self.expect(self.examine("limits"), "limits.file-size", "ok", message)
+        self.expect(self.without_limit(resource.RLIMIT_FSIZE), "limits.file-size", "ok", message)
         report = self.with_limit(resource.RLIMIT_FSIZE, 1 << 20)
         message = (
             "The limit of the size of files is 1.0 MB: a larger upload kills the front end, and "
@@ -2433,6 +2968,9 @@ class ProcessTest(DoctorTest):
 
     @AS_OTHERS
     def test_process_of_another(self):
+        with contextlib.suppress(OSError), open("/proc/1/environ") as readable:
+            readable.close()
+            self.skipTest("the first process of this machine is the caller's own")
         report = self.examine("process", "--pid", "1")
         self.assertEqual(report.status, 3)
         self.assertIn("Permission denied", report.all())
@@ -2490,7 +3028,7 @@ class LogTest(DoctorTest):
 
     def setUp(self):
         super().setUp()
-        self.me = user_name(os.geteuid())
+        self.me = ME
 
     def test_standard_error(self):
         message = "Messages go to standard error, the web server's error log."
@@ -2653,10 +3191,10 @@ class ClockTest(unittest.TestCase):
 
 class ChildrenTest(unittest.TestCase):
     def test_values(self):
-        self.assertEqual(run_in_child(5, lambda a, b: [a, b], 1, "é"), [1, "é"])
+        self.assertEqual(run_in_child(LONG, lambda a, b: [a, b], 1, "é"), [1, "é"])
 
     def test_large_value(self):
-        self.assertEqual(len(run_in_child(5, lambda: "x" * 1_000_000)), 1_000_000)
+        self.assertEqual(len(run_in_child(LONG, lambda: "x" * 1_000_000)), 1_000_000)
 
     def reason(self, seconds, function, *arguments):
         with self.assertRaises(NoResult) as caught:
@@ -2664,7 +3202,7 @@ class ChildrenTest(unittest.TestCase):
         return str(caught.exception)
 
     def test_time_is_up(self):
-        self.assertEqual(self.reason(0.2, time.sleep, 60), "it took longer than 0.2 seconds")
+        self.assertEqual(self.reason(0.2, time.sleep, LONG), "it took longer than 0.2 seconds")
 
     def test_time_is_up_for_children_of_children(self):
         """None of them stays behind."""
@@ -2672,14 +3210,17 @@ class ChildrenTest(unittest.TestCase):
 
             def sleep():
                 pathlib.Path(folder, str(os.getpid())).touch()
-                time.sleep(60)
+                time.sleep(LONG)
 
-            self.reason(0.5, lambda: run_in_child(60, sleep))
-            (pid,) = map(int, os.listdir(folder))
-            self.assertTrue(self.ends(pid))
+            # On a busy machine it may not have begun.
+            seconds = 0.5
+            while not os.listdir(folder):
+                self.reason(seconds, lambda: run_in_child(LONG, sleep))
+                seconds *= 2
+            self.assertTrue(all(self.ends(int(pid)) for pid in os.listdir(folder)))
 
     def ends(self, pid):
-        end = time.monotonic() + 10
+        end = time.monotonic() + LONG / 2
         while time.monotonic() < end:
             status = text_or_nothing(f"/proc/{pid}/status")
             if not status or re.search(r"State:\s+Z", status):
@@ -2688,15 +3229,15 @@ class ChildrenTest(unittest.TestCase):
         return False
 
     def test_faults(self):
-        self.assertEqual(self.reason(5, lambda: 1 / 0), "ZeroDivisionError: division by zero")
+        self.assertEqual(self.reason(LONG, lambda: 1 / 0), "ZeroDivisionError: division by zero")
         self.assertEqual(
-            self.reason(5, os.stat, "/no\x1bne"), "No such file or directory: '/no\\x1bne'"
+            self.reason(LONG, os.stat, "/no\x1bne"), "No such file or directory: '/no\\x1bne'"
         )
-        self.assertEqual(self.reason(5, os._exit, 0), "the checking process has ended early")
-        self.assertEqual(self.reason(5, sys.exit, 0), "SystemExit: 0")
+        self.assertEqual(self.reason(LONG, os._exit, 0), "the checking process has ended early")
+        self.assertEqual(self.reason(LONG, sys.exit, 0), "SystemExit: 0")
 
     def test_fault_of_a_check_is_a_finding(self):
-        site = unittest.mock.Mock(timeout=1, has_rights=False)
+        site = unittest.mock.Mock(timeout=LONG, has_rights=False)
 
         def check(_site):
             yield ok("clock.time", "x", "Well.")

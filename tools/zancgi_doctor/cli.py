@@ -15,6 +15,7 @@ from zancgi_doctor.files import read_text
 from zancgi_doctor.identities import Identity, resolve_identity
 from zancgi_doctor.report import json_report, overall, text_report
 from zancgi_doctor.texts import MEBIBYTE, describe_error, printable
+from zancgi_doctor.version import version
 
 EXIT_STATUS = {"ok": 0, "warning": 1, "failure": 2, "unchecked": 3}
 USAGE_ERROR = 3
@@ -74,6 +75,13 @@ def make_parser():
         metavar="NAME",
         help="a back end (default: all that have a socket)",
     )
+    parser.add_argument(
+        "--fcgi-socket",
+        action="append",
+        default=[],
+        metavar="PATH",
+        help="a socket of fcgiwrap (default: those found)",
+    )
     parser.add_argument("--program", default="", metavar="FILE", help="the front end's program")
     parser.add_argument(
         "--as",
@@ -93,6 +101,9 @@ def make_parser():
     )
     parser.add_argument(
         "--confined", action="store_true", help="the accounts are confined to their homes"
+    )
+    parser.add_argument(
+        "--pam", action="store_true", help="the accounts are given PAM sessions"
     )
     parser.add_argument(
         "--session",
@@ -139,6 +150,7 @@ def make_parser():
     parser.add_argument("--json", action="store_true", help="report as JSON")
     parser.add_argument("-q", "--quiet", action="store_true", help="print the first line only")
     parser.add_argument("-v", "--verbose", action="store_true", help="show what is well, too")
+    parser.add_argument("-V", "--version", action="version", version=f"%(prog)s {version()}")
     return parser
 
 
@@ -176,11 +188,13 @@ def make_site(options, closed_streams):
     return Site(
         run_dir=options.run_dir or environment.get("TOV_RUN_DIR", "") or "/run/tov",
         services=options.service,
+        fcgi_sockets=options.fcgi_socket,
         program=options.program,
         identity=identity,
         tmp_dir=options.tmp_dir or environment.get("TMP", "") or "/tmp",
         accounts=options.account,
         confined=options.confined,
+        pam=options.pam,
         session=read_session(options),
         timeout=options.timeout,
         min_free=options.min_free,

@@ -7,20 +7,25 @@ import os
 from zancgi_doctor.children import run_in_child
 from zancgi_doctor.findings import BECOME_ROOT, unchecked
 from zancgi_doctor.identities import Identity
+from zancgi_doctor.systemd import sockets_of_program
 from zancgi_doctor.texts import quote, reason
 
 SUN_PATH_LIMIT = 107
+# Where packages put it.
+FCGI_SOCKETS = ("/run/fcgiwrap.socket", "/run/fcgiwrap.sock")
 
 
 @dataclasses.dataclass
 class Site:
     run_dir: str
     services: list
+    fcgi_sockets: list
     program: str
     identity: Identity
     tmp_dir: str
     accounts: list
     confined: bool
+    pam: bool
     session: str
     timeout: float
     min_free: int
@@ -65,6 +70,14 @@ def services_of(site):
         for name in names
         if name.endswith(".sock") and not name.startswith(".")
     )
+
+
+def fcgi_sockets_of(site):
+    """Those that were named, or all that lie where fcgiwrap is configured."""
+    if site.fcgi_sockets:
+        return site.fcgi_sockets
+    places = [*FCGI_SOCKETS, *sockets_of_program("fcgiwrap")]
+    return [path for path in dict.fromkeys(places) if os.path.lexists(path)]
 
 
 def socket_path(site, service):

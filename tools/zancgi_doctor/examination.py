@@ -5,6 +5,7 @@ import dataclasses
 from zancgi_doctor.checks.accounts import check_account
 from zancgi_doctor.checks.back_end import check_back_end
 from zancgi_doctor.checks.clock import check_clock
+from zancgi_doctor.checks.fcgi import check_fcgi
 from zancgi_doctor.checks.identity import check_identity
 from zancgi_doctor.checks.log import check_log
 from zancgi_doctor.checks.nss import check_nss
@@ -15,7 +16,7 @@ from zancgi_doctor.checks.run_dir import check_run_dir
 from zancgi_doctor.checks.sockets import check_socket
 from zancgi_doctor.checks.tmp_dir import check_tmp_dir
 from zancgi_doctor.children import NoResult, run_in_child
-from zancgi_doctor.deployment import services_of
+from zancgi_doctor.deployment import fcgi_sockets_of, services_of
 from zancgi_doctor.findings import Finding, skipped, unchecked, warning
 from zancgi_doctor.texts import describe_error, quote
 
@@ -34,6 +35,11 @@ def jobs(site):
     for service in services:
         yield "socket", check_socket, (service,)
         yield "back-end", check_back_end, (service,)
+    fcgi_sockets = fcgi_sockets_of(site)
+    if not fcgi_sockets:
+        yield "fcgi", no_fcgi_socket, ()
+    for path in fcgi_sockets:
+        yield "fcgi", check_fcgi, (path,)
     yield "tmp-dir", check_tmp_dir, ()
     if site.program:
         yield "program", check_program, ()
@@ -57,6 +63,12 @@ def no_service(site):
         site.run_dir,
         f"There is no socket in {quote(site.run_dir)}.",
         "Start the back end, or name its service with --service.",
+    )
+
+
+def no_fcgi_socket(_site):
+    yield skipped(
+        "fcgi.kind", "", "No socket of fcgiwrap was found, and none named with --fcgi-socket."
     )
 
 

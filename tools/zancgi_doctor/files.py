@@ -100,6 +100,12 @@ def way_to(path):
     return steps
 
 
+def has_others(steps, right):
+    """Whether everybody has a right at the end of a path, and can get there."""
+    reachable = all(step.is_link() or step.status.st_mode & stat.S_IXOTH for step in steps[:-1])
+    return bool(reachable and steps[-1].status.st_mode & right)
+
+
 def who_can_change(step, trusted, allows_sticky=True):
     """Why what lies in a folder, or a link, is in the wrong hands; or nothing."""
     status = step.status

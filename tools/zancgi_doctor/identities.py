@@ -36,6 +36,14 @@ class Identity:
         os.setresuid(self.uid, self.uid, self.uid)
 
 
+def accounts_of_group(gid):
+    """By name: those whose group it is, and its further members."""
+    accounts = {entry.pw_name for entry in pwd.getpwall() if entry.pw_gid == gid}
+    with contextlib.suppress(KeyError):
+        accounts.update(grp.getgrgid(gid).gr_mem)
+    return accounts
+
+
 def as_number(text):
     """The number of a user or group; nothing for a name."""
     if re.fullmatch("[0-9]{1,10}", text) and int(text) < NOBODY:

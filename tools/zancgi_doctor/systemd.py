@@ -1,4 +1,4 @@
-"""What systemd has been told to make and to remove: rules of tmpfiles.d and units."""
+"""What systemd is configured to make, to remove and to run: tmpfiles.d and units."""
 
 import contextlib
 import fnmatch
@@ -45,14 +45,44 @@ def makes_folder(path):
     for kind, rule_path, *_ in tmpfiles_rules():
         if kind[0] in "dDvqQ" and re.sub("^/var/run/", "/run/", rule_path).rstrip("/") == path:
             return "a tmpfiles.d rule"
-    for unit in unit_files():
-        for names in re.findall(r"^\s*RuntimeDirectory\s*=(.*)$", text_or_nothing(unit), re.M):
+    for unit in unit_files("service"):
+        for names in settings("RuntimeDirectory", unit):
             if path in [f"/run/{name.partition(':')[0]}" for name in names.split()]:
                 return f"the unit {quote(unit)}"
     return ""
 
 
-def unit_files():
+def settings(name, unit):
+    """The values that a setting is given in the file of a unit."""
+    return re.findall(rf"^[ \t]*{name}[ \t]*=(.*)$", text_or_nothing(unit), re.M)
+
+
+def unit_name(path):
+    """The unit that a file is about: it, or the one whose drop-in it is."""
+    folder, name = os.path.split(path)
+    return os.path.basename(folder).removesuffix(".d") if name.endswith(".conf") else name
+
+
+def sockets_of_program(program):
+    """The paths where systemd, or the program itself, listens for a program."""
+    services = {}
+    for unit in unit_files("service"):
+        for line in settings("ExecStart", unit):
+            if re.match(rf"[-@:+!]*/(\S*/)?{program}(\s|$)", line.strip()):
+                services.setdefault(unit_name(unit), []).extend(
+                    re.findall(r"\s-s\s*unix:(/\S+)", line)
+                )
+    paths = [path for found in services.values() for path in found]
+    served = {name.replace(".service", ".socket"): name for name in services}
+    for unit in unit_files("socket"):
+        served |= {unit_name(unit): name.strip() for name in settings("Service", unit)}
+    for unit in unit_files("socket"):
+        if served.get(unit_name(unit)) in services:
+            paths += [path.strip() for path in settings("ListenStream", unit)]
+    return [path for path in dict.fromkeys(paths) if path.startswith("/")]
+
+
+def unit_files(kind):
     folders = (
         "/etc/systemd/system",
         "/run/systemd/system",
@@ -60,9 +90,9 @@ def unit_files():
         "/usr/lib/systemd/system",
         "/lib/systemd/system",
     )
-    yield from configuration_files(folders, "*.service")
+    yield from configuration_files(folders, f"*.{kind}")
     for folder in folders:
-        for drop_ins in configuration_files([folder], "*.service.d"):
+        for drop_ins in configuration_files([folder], f"*.{kind}.d"):
             yield from configuration_files([drop_ins], "*.conf")
 
 

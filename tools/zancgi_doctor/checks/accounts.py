@@ -5,11 +5,13 @@ import os
 import pwd
 import stat
 
-from zancgi_doctor.checks.tmp_dir import judge_space
+from zancgi_doctor.checks.tmp_dir import COPY, files_in, judge_leftovers, judge_space
+from zancgi_doctor.children import run_in_child
 from zancgi_doctor.files import access_error, first_unsafe, kind_of, way_to
 from zancgi_doctor.findings import BECOME_ROOT, failure, ok, skipped, unchecked, warning
+from zancgi_doctor.identities import Identity
 from zancgi_doctor.mounts import mount_of
-from zancgi_doctor.texts import group_name, quote, reason, size_text, user_name
+from zancgi_doctor.texts import group_name, printable, quote, reason, size_text, user_name
 
 
 def check_account(site, account):
@@ -30,8 +32,12 @@ def check_account(site, account):
     if home.state == "ok" and entry.pw_uid != 0:
         yield account_way(entry)
         yield account_confinement(site, entry)
+        if site.confined:
+            yield account_folder(site, entry)
+            yield account_session(site, entry)
         yield account_hand_over(site, entry)
         yield account_space(site, entry)
+        yield account_leftovers(entry)
 
 
 def account_numbers(entry):
@@ -122,12 +128,19 @@ def account_way(entry):
 
 def why_not_confine(path):
     """Why a process must not be confined to a folder; empty if it may."""
-    for step in way_to(path):
-        mode = step.status.st_mode
-        if step.status.st_uid != 0:
-            return f"{quote(step.path)} belongs to user {user_name(step.status.st_uid)}"
-        if not step.is_link() and mode & (stat.S_IWGRP | stat.S_IWOTH):
-            return f"{quote(step.path)} is writable by others than its owner"
+    return next(filter(None, map(why_not_roots, way_to(path))), "") or why_not_local(path)
+
+
+def why_not_roots(step):
+    mode = step.status.st_mode
+    if step.status.st_uid != 0:
+        return f"{quote(step.path)} belongs to user {user_name(step.status.st_uid)}"
+    if not step.is_link() and mode & (stat.S_IWGRP | stat.S_IWOTH):
+        return f"{quote(step.path)} is writable by others than its owner"
+    return ""
+
+
+def why_not_local(path):
     mount = mount_of(path)
     if mount.is_fuse() or mount.is_remote():
         return f"{quote(path)} is on a file system of type {quote(mount.kind)}"
@@ -148,6 +161,65 @@ def account_confinement(site, entry):
         message,
         "Let the home and every folder above it belong to root with mode 755 on a local file "
         "system, and give the account a folder inside; or do not ask for use_chroot.",
+    )
+
+
+def account_folder(site, entry):
+    name, subject, path = "account.folder", entry.pw_name, entry.pw_dir
+    if os.geteuid() != 0:
+        return unchecked(
+            name, subject, f"Where account {quote(subject)} may write is not known.", BECOME_ROOT
+        )
+    folder = run_in_child(site.timeout, find_writable_folder, path, identity_after_su(entry))
+    if folder:
+        return ok(name, subject, f"The account {quote(subject)} may write in {quote(folder)}.")
+    return failure(
+        name,
+        subject,
+        f"Confined to {quote(path)}, the account {quote(subject)} may write in no folder there, so "
+        "its front ends cannot keep a file, nor rename or remove what was uploaded.",
+        "Make a folder inside that belongs to the account, for instance "
+        f"'install -d -o {printable(subject)} -m 0700 {printable(path)}/files'.",
+    )
+
+
+def identity_after_su(entry):
+    """The library takes the user's number for the first of the groups."""
+    groups = os.getgrouplist(entry.pw_name, entry.pw_uid)
+    return Identity(entry.pw_name, entry.pw_uid, entry.pw_gid, groups)
+
+
+def find_writable_folder(home, identity):
+    """A folder below the home, or the home itself, in which an identity may
+    write that need not reach the home from outside; empty if there is none."""
+    os.chdir(home)
+    identity.take_on()
+    for folder, folders, _ in os.walk("."):
+        if access_error(folder, os.W_OK | os.X_OK) == "":
+            return os.path.normpath(os.path.join(home, folder))
+        folders.sort()
+    return ""
+
+
+def account_session(site, entry):
+    """PAM is called after the confinement, and only in a root directory that is
+    root's own."""
+    name, subject, path = "account.session", entry.pw_name, entry.pw_dir
+    why = why_not_roots(way_to(path)[-1]) or why_not_local(path)
+    login = os.path.join(path, "etc/pam.d/login")
+    if not why and not os.path.exists(login):
+        why = f"{quote(login)} does not exist, where PAM then looks"
+    if not why:
+        return ok(name, subject, f"Confined to {quote(path)}, PAM finds {quote(login)}.")
+    message = f"Confined to {quote(path)}, the account {quote(subject)} gets no PAM session: {why}."
+    if not site.pam:
+        return skipped(name, subject, message)
+    return warning(
+        name,
+        subject,
+        message,
+        "Ask for use_chroot or for use_pam, not for both; or keep in the home, which must be "
+        "root's own, a configuration of PAM and the modules that it names.",
     )
 
 
@@ -220,3 +292,18 @@ def account_space(site, entry):
         f"which {size_text(free)} are free."
     )
     return finding
+
+
+def account_leftovers(entry):
+    """Copies that root had begun, beside which the home has the account's own files."""
+    path = entry.pw_dir
+    return judge_leftovers(
+        "account.leftovers",
+        entry.pw_name,
+        path,
+        lambda: (status for status in files_in(path, COPY) if status.st_uid == 0),
+        ("copy of an upload", "copies of uploads"),
+        "They are root's and count in no quota of the account. Remove them: find "
+        f"{quote(path)} -maxdepth 1 -name '.tov-??????' -user root -mtime +0 -delete; and see why "
+        "front ends are killed while they copy.",
+    )

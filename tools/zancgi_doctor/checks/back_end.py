@@ -7,6 +7,7 @@ import stat
 
 from zancgi_doctor.deployment import name_error, socket_path
 from zancgi_doctor.findings import failure, ok, unchecked, warning
+from zancgi_doctor.impostors import why_not_trust_folder, why_not_trust_link
 from zancgi_doctor.scgi import ANSWER_LIMIT, exchange
 from zancgi_doctor.texts import printable, quote, size_text, time_text
 from zancgi_doctor.whoami import NotAnAnswer, length_error, read_whoami, whoami_request
@@ -75,6 +76,11 @@ def check_back_end(site, service):
             "See what the check socket.kind says.",
         )
         return
+    if site.session:
+        session = session_kept(site, service, path)
+        yield session
+        if session.state != "ok":
+            return
     answer = exchange(path, whoami_request(service, site.session), site.timeout)
     if answer.end == "no connection":
         yield cannot_connect(service, path, answer.error)
@@ -97,6 +103,21 @@ def is_socket(path):
         return stat.S_ISSOCK(os.stat(path).st_mode)
     except OSError as error:
         return error.errno == errno.EACCES
+
+
+def session_kept(site, service, path):
+    name = "back-end.session"
+    unsafe = why_not_trust_folder(site.run_dir) or why_not_trust_link(site, service)
+    if unsafe:
+        return failure(
+            name,
+            service,
+            f"The session was not sent to {quote(path)}, nor anything else asked there, since "
+            f"others could be listening: {unsafe}.",
+            "Mend what the checks run-dir.safe and socket.safe say first. Replace the session if "
+            "it has been sent there before.",
+        )
+    return ok(name, service, "The session is sent to a socket that nobody else can replace.")
 
 
 def cannot_connect(service, path, error):

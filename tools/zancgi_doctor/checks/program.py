@@ -1,11 +1,14 @@
 """The front end's program, its folder and its shared libraries."""
 
+import contextlib
+import dataclasses
 import os
+import shlex
 import stat
 
 from zancgi_doctor.deployment import not_seen
 from zancgi_doctor.elf import NotElf, dynamic_of
-from zancgi_doctor.files import access_error, first_unsafe, kind_of, way_to
+from zancgi_doctor.files import access_error, first_unsafe, kind_of, read_file, read_text, way_to
 from zancgi_doctor.findings import BECOME_ROOT, failure, ok, skipped, unchecked, warning
 from zancgi_doctor.libraries import LibrarySearch, expand
 from zancgi_doctor.mounts import mount_of
@@ -20,8 +23,56 @@ def check_program(site):
     path = os.path.realpath(site.program)
     yield program_safe(site, path)
     yield program_set_id(site, path)
+    if is_script(path):
+        yield from check_launcher(site, path)
+        return
     yield program_work_dir(site)
     yield from program_libraries(site, path)
+
+
+def check_launcher(site, path):
+    """A script that the web server starts in place of the front end."""
+    name, programs = "program.launcher", programs_started_by(path)
+    if len(programs) != 1 or is_script(programs[0]):
+        yield unchecked(
+            name,
+            site.program,
+            f"{quote(path)} is a script, and the program that it starts is not plain from it: its "
+            "libraries and its working directory were not looked at.",
+            "Name the front end's own program with --program.",
+        )
+        return
+    (program,) = programs
+    yield ok(
+        name,
+        site.program,
+        f"{quote(path)} is a script that starts {quote(program)}, which is checked as well; the "
+        "variables and limits that the script sets are not known.",
+    )
+    yield from check_program(dataclasses.replace(site, program=program))
+
+
+def is_script(path):
+    try:
+        return read_file(path).startswith(b"#!")
+    except OSError:
+        return False
+
+
+def programs_started_by(script):
+    """What its lines "exec" start: the last word of each that is the whole path
+    of a program, since one that starts another program comes before it."""
+    programs = []
+    for line in read_text(script).replace("\\\n", " ").splitlines():
+        with contextlib.suppress(ValueError):  # quotes that do not end there
+            words = shlex.split(line, comments=True)
+            if words[:1] == ["exec"]:
+                programs += [word for word in words if is_program(word)][-1:]
+    return list(dict.fromkeys(programs))
+
+
+def is_program(path):
+    return path.startswith("/") and os.path.isfile(path) and os.access(path, os.X_OK)
 
 
 def program_file(site):

@@ -4,8 +4,9 @@ import os
 import stat
 
 from zancgi_doctor.deployment import SUN_PATH_LIMIT, not_seen
-from zancgi_doctor.files import access_error, first_unsafe, kind_of, way_to
+from zancgi_doctor.files import access_error, kind_of
 from zancgi_doctor.findings import BECOME_ROOT, failure, ok, skipped, unchecked, warning
+from zancgi_doctor.impostors import why_not_trust_folder
 from zancgi_doctor.mounts import mount_of
 from zancgi_doctor.systemd import makes_folder, systemd_runs
 from zancgi_doctor.texts import counted, listed, printable, quote, reason, user_name
@@ -80,16 +81,14 @@ def run_dir_length(path):
 
 def run_dir_safe(site):
     name, path = "run-dir.safe", site.run_dir
-    steps = way_to(path)
-    owner = steps[-1].status.st_uid
+    owner = os.stat(path).st_uid
     remedy = (
         "Let it and every folder above it be writable by root and the back end's user only "
         "(chown, chmod go-w)."
     )
-    above = first_unsafe(steps[:-1], {0, owner})
-    here = first_unsafe(steps[-1:], {0, owner}, allows_sticky=False)
-    if above or here:
-        return failure(name, path, f"Others can pose as a back end: {above or here}.", remedy)
+    unsafe = why_not_trust_folder(path)
+    if unsafe:
+        return failure(name, path, f"Others can pose as a back end: {unsafe}.", remedy)
     # Who checks as themself has not said that front ends run so.
     is_other = site.has_rights and not site.identity.is_own()
     if is_other and site.as_front_end(access_error, path, os.W_OK) == "":

@@ -4,8 +4,9 @@ import os
 import stat
 
 from zancgi_doctor.deployment import name_error, socket_path
-from zancgi_doctor.files import access_error, first_unsafe, kind_of, way_to
+from zancgi_doctor.files import access_error, has_others, kind_of, way_to
 from zancgi_doctor.findings import BECOME_ROOT, failure, ok, unchecked, warning
+from zancgi_doctor.impostors import why_not_trust_link
 from zancgi_doctor.texts import quote, reason
 
 
@@ -20,7 +21,7 @@ def check_socket(site, service):
         )
         return
     yield ok("socket.name", service, f"The service name {quote(service)} is accepted.")
-    kind = socket_kind(site, service)
+    kind = socket_kind("socket.kind", service, socket_path(site, service), "the back end")
     yield kind
     if kind.state == "ok":
         yield socket_safe(site, service)
@@ -28,38 +29,35 @@ def check_socket(site, service):
         yield socket_strangers(site, service)
 
 
-def socket_kind(site, service):
-    name, path = "socket.kind", socket_path(site, service)
+def socket_kind(name, subject, path, listener):
     try:
         status = os.stat(path)
     except PermissionError as error:
         return unchecked(
-            name, service, f"{quote(path)} cannot be looked at: {reason(error)}.", BECOME_ROOT
+            name, subject, f"{quote(path)} cannot be looked at: {reason(error)}.", BECOME_ROOT
         )
     except OSError as error:
         return failure(
             name,
-            service,
+            subject,
             f"There is no socket at {quote(path)}: {reason(error)}.",
-            "Start the back end, and see that it makes its socket there.",
+            f"Start {listener}, and see that it makes its socket there.",
         )
     if not stat.S_ISSOCK(status.st_mode):
         return failure(
             name,
-            service,
+            subject,
             f"{quote(path)} is {kind_of(status.st_mode)}, not a socket.",
-            "Remove it and start the back end again.",
+            f"Remove it and start {listener} again.",
         )
-    return ok(name, service, f"{quote(path)} is a socket.")
+    return ok(name, subject, f"{quote(path)} is a socket.")
 
 
 def socket_safe(site, service):
-    """The run directory is looked at elsewhere; a link may lead anywhere."""
+    """The run directory is looked at elsewhere."""
     name, path = "socket.safe", socket_path(site, service)
-    steps = way_to(path)
-    owner = steps[-1].status.st_uid
-    unsafe = first_unsafe(steps[:-1], {0, owner, os.stat(site.run_dir).st_uid})
-    if os.path.islink(path) and unsafe:
+    unsafe = why_not_trust_link(site, service)
+    if unsafe:
         return failure(
             name,
             service,
@@ -92,9 +90,7 @@ def socket_access(site, service):
 
 def socket_strangers(site, service):
     name, path = "socket.strangers", socket_path(site, service)
-    steps = way_to(path)
-    reachable = all(step.is_link() or step.status.st_mode & stat.S_IXOTH for step in steps[:-1])
-    if reachable and steps[-1].status.st_mode & stat.S_IWOTH:
+    if has_others(way_to(path), stat.S_IWOTH):
         return warning(
             name,
             service,

@@ -7,14 +7,20 @@ import stat
 import time
 
 from zancgi_doctor.deployment import not_seen
-from zancgi_doctor.files import access_error, first_unsafe, kind_of, read_text, way_to
+from zancgi_doctor.files import access_error, first_unsafe, has_others, kind_of, read_text, way_to
 from zancgi_doctor.findings import BECOME_ROOT, failure, ok, skipped, unchecked, warning
+from zancgi_doctor.identities import accounts_of_group
 from zancgi_doctor.mounts import mount_of
 from zancgi_doctor.systemd import is_aged, systemd_runs
-from zancgi_doctor.texts import counted, quote, reason, size_text, time_text
+from zancgi_doctor.texts import counted, group_name, listed, quote, reason, size_text, time_text
 
 ENTRY_LIMIT = 100_000
 OLD_SECONDS = 24 * 3600
+# The names of uploads, and of their copies on the way to another file system.
+UPLOAD = "zantemp.*"
+COPY = r"\.tov-[0-9A-Za-z]{6}"
+# Those of everybody, whose mode must stay.
+PUBLIC_FOLDERS = ("/tmp", "/var/tmp", "/dev/shm")
 
 
 def check_tmp_dir(site):
@@ -25,6 +31,7 @@ def check_tmp_dir(site):
     path = site.tmp_dir
     yield tmp_dir_writable(site)
     yield tmp_dir_safe(site)
+    yield tmp_dir_listing(site)
     yield tmp_dir_file_system(site)
     file_system = os.statvfs(path)
     yield tmp_dir_space(site, file_system)
@@ -91,10 +98,44 @@ def tmp_dir_safe(site):
             name,
             path,
             f"Others can exchange uploads for files of their own: {unsafe}.",
-            "Let it belong to the front end's user with mode 0700, or to root with mode 1777 "
-            "(chmod +t).",
+            "Let it belong to the front end's user with mode 0700, or to root with mode 1733 "
+            "for front ends of several users.",
         )
     return ok(name, path, f"Nobody else can exchange uploads in {quote(path)}.")
+
+
+def tmp_dir_listing(site):
+    name, path = "tmp-dir.listing", site.tmp_dir
+    readers = who_can_list(site, way_to(path))
+    if not readers:
+        return ok(name, path, f"Nobody else can list the uploads in {quote(path)}.")
+    remedy = (
+        "Set its mode to 0700, or for front ends of several users to 1733, owned by root, as the "
+        "package's /var/spool/zancgi."
+    )
+    if os.path.realpath(path) in PUBLIC_FOLDERS:
+        remedy = (
+            "Set TMP to a folder of the front ends' own with mode 0700, or to the package's "
+            "/var/spool/zancgi; without TMP uploads go to /tmp."
+        )
+    return warning(
+        name,
+        path,
+        f"{readers} can list {quote(path)}, and read an upload there while it is handed over: it "
+        "has mode 0644 before it is moved.",
+        remedy,
+    )
+
+
+def who_can_list(site, steps):
+    """At the beginning of a sentence; empty if only root and the front end can."""
+    if has_others(steps, stat.S_IROTH):
+        return "Every local user"
+    status = steps[-1].status
+    if not status.st_mode & stat.S_IRGRP:
+        return ""
+    others = accounts_of_group(status.st_gid) - {"root", site.identity.name}
+    return f"Group {group_name(status.st_gid)} ({listed(sorted(others))})" if others else ""
 
 
 def tmp_dir_file_system(site):
@@ -167,43 +208,58 @@ def tmp_dir_inodes(path, file_system):
     return ok(name, path, message)
 
 
-def uploads_in(path):
-    """What front ends have left: files of their names, not followed or opened."""
+def files_in(path, pattern):
+    """The status of each regular file of such a name, not followed or opened."""
     with os.scandir(path) as entries:
         for _, entry in zip(range(ENTRY_LIMIT), entries):
-            if entry.name.startswith("zantemp"):
+            if re.fullmatch(pattern, entry.name, re.DOTALL):
                 with contextlib.suppress(OSError):  # gone meanwhile
                     status = entry.stat(follow_symlinks=False)
                     if stat.S_ISREG(status.st_mode):
                         yield status
 
 
-def tmp_dir_leftovers(path):
-    name = "tmp-dir.leftovers"
+def judge_leftovers(name, subject, path, find, nouns, remedy):
+    """Of what find() returns, the status of each file, those that have been left
+    by killed front ends."""
+
+    def number_of(files):
+        return counted(len(files), f"{nouns[0]} is", f"{nouns[1]} are")
+
     try:
-        uploads = list(uploads_in(path))
+        files = list(find())
     except OSError as error:
         return unchecked(
-            name, path, f"{quote(path)} cannot be listed: {reason(error)}.", BECOME_ROOT
+            name, subject, f"{quote(path)} cannot be listed: {reason(error)}.", BECOME_ROOT
         )
     now = time.time()
-    old = [status for status in uploads if now - status.st_mtime > OLD_SECONDS]
+    old = [status for status in files if now - status.st_mtime > OLD_SECONDS]
     if not old:
         return ok(
             name,
-            path,
-            f"{counted(len(uploads), 'upload is', 'uploads are')} in "
-            f"{quote(path)}, none older than a day.",
+            subject,
+            f"{number_of(files)} in {quote(path)}, none older than a day.",
         )
     size = sum(status.st_size for status in old)
     age = now - min(status.st_mtime for status in old)
     return warning(
         name,
+        subject,
+        f"In {quote(path)} {number_of(old)} left over, {size_text(size)} in all, "
+        f"the oldest {time_text(age)} old.",
+        remedy,
+    )
+
+
+def tmp_dir_leftovers(path):
+    return judge_leftovers(
+        "tmp-dir.leftovers",
         path,
-        f"In {quote(path)} {counted(len(old), 'upload is', 'uploads are')} left over, "
-        f"{size_text(size)} in all, the oldest {time_text(age)} old.",
-        "Remove files named zantemp* that are older than a day, and have that done by a tmpfiles.d "
-        "rule; see why front ends are killed.",
+        path,
+        lambda: files_in(path, f"{UPLOAD}|{COPY}"),
+        ("upload", "uploads"),
+        "Remove files named zantemp* and .tov-?????? that are older than a day, and have that done "
+        "by a tmpfiles.d rule; see why front ends are killed.",
     )
 
 
