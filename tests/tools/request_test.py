@@ -19,6 +19,7 @@ import time
 import types
 import unittest
 import unittest.mock
+import urllib.parse
 
 SOURCE = pathlib.Path(os.environ["SOURCE"])
 sys.path.insert(0, str(SOURCE / "tests" / "e2e"))
@@ -33,6 +34,11 @@ README_FRONT = os.environ["README_FRONT"]
 LIBRARY_PATH = ":".join(sorted({os.path.dirname(p) for p in os.environ["LIBRARIES"].split(":")}))
 PATH = "/usr/bin:/bin"
 MEGABYTE = 1 << 20
+# Seconds that nothing here takes, however busy the machine is.
+LONG = 300
+os.umask(0o022)
+# Seconds that no test takes: what sleeps so long has to be ended.
+AGES = 3600
 # No proxy, and no configuration of whoever runs the tests.
 ENVIRONMENT = {"PATH": PATH, "LC_ALL": "C.UTF-8", "FOREIGN": "not for the program"}
 
@@ -44,7 +50,7 @@ class Result:
     errors: str
 
 
-def run(*arguments, folder=None, stdin=b"", seconds=60, **variables):
+def run(*arguments, folder=None, stdin=b"", seconds=LONG, **variables):
     done = subprocess.run(
         [TOOL, *map(str, arguments)],
         input=stdin,
@@ -132,16 +138,28 @@ OF_THE_SERVER = {"DOCUMENT_ROOT", "PATH_TRANSLATED", "PATH", "LD_LIBRARY_PATH",
 ASKED_BEFORE = {"HTTP_EXPECT"}
 NOT_COMPARED = DIFFERENT_PORT | OF_THE_SERVER | ASKED_BEFORE
 
-FASTCGI_PARAMETERS = {
-    name: value
-    for name, value in re.findall(
-        r"^fastcgi_param\s+(\w+)\s+(\S+);", pathlib.Path("/etc/nginx/fastcgi_params").read_text(),
-        re.MULTILINE,
-    )
+
+def fastcgi_parameters():
+    """The package's; nginx, without which there are none, is looked for later."""
+    path = pathlib.Path("/etc/nginx/fastcgi_params")
+    text = path.read_text() if path.exists() else ""
+    found = dict(re.findall(r"^fastcgi_param\s+(\w+)\s+(\S+);", text, re.MULTILINE))
     # These are in the tests' configuration already.
-    if name not in ("QUERY_STRING", "REQUEST_METHOD", "CONTENT_TYPE", "CONTENT_LENGTH",
-                    "REMOTE_ADDR", "SERVER_ADDR", "HTTPS")
-}  # fmt: skip
+    for name in ("QUERY_STRING", "REQUEST_METHOD", "CONTENT_TYPE", "CONTENT_LENGTH", "REMOTE_ADDR",
+                 "SERVER_ADDR", "HTTPS"):  # fmt: skip
+        found.pop(name, None)
+    return found
+
+
+def start_server(test, kind, program, *needed, **variables):
+    """For all tests of a class, which are skipped where a program is missing."""
+    for name in needed:
+        if not shutil.which(name, path="/usr/sbin:/usr/bin:/sbin:/bin"):
+            raise unittest.SkipTest(f"there is no {name} on this machine")
+    test.server = kind(program)
+    test.addClassCleanup(test.server.stop)
+    test.server.start(variables)
+
 
 BOUNDARY = re.compile(rb"-{24}[0-9a-f]{16}")
 
@@ -161,9 +179,7 @@ class ThroughServer(RequestTest):
 
     @classmethod
     def setUpClass(cls):
-        cls.server = cls.kind(PROBE)
-        cls.addClassCleanup(cls.server.stop)
-        cls.server.start(cls.variables)
+        start_server(cls, cls.kind, PROBE, *cls.programs, **cls.variables)
 
     def by_curl(self, arguments, url, stdin):
         done = subprocess.run(
@@ -172,7 +188,7 @@ class ThroughServer(RequestTest):
             capture_output=True,
             cwd=self.folder,
             env=ENVIRONMENT,
-            timeout=60,
+            timeout=LONG,
             check=True,
         )
         return done.stdout
@@ -292,6 +308,7 @@ class AsThroughServer(ThroughServer):
 
 class AsThroughLighttpd(AsThroughServer):
     kind = web_servers.Lighttpd
+    programs = ["lighttpd"]
     name = "lighttpd"
 
     def test_address_is_normalized(self):
@@ -300,6 +317,7 @@ class AsThroughLighttpd(AsThroughServer):
 
 class BodiesAsThroughLighttpd(ThroughServer):
     kind = web_servers.Lighttpd
+    programs = ["lighttpd"]
     name = "lighttpd"
 
     # What curl makes of it does not depend on the web server.
@@ -349,6 +367,7 @@ class BodiesAsThroughLighttpd(ThroughServer):
 
 class AsThroughApache(AsThroughServer):
     kind = web_servers.Apache
+    programs = ["apache2"]
     name = "apache"
 
     def normalize(self, variables):
@@ -358,12 +377,14 @@ class AsThroughApache(AsThroughServer):
 
 class AsThroughNginx(AsThroughServer):
     kind = web_servers.Nginx
+    programs = ["nginx", "fcgiwrap"]
     name = "nginx-fcgiwrap"
-    variables = FASTCGI_PARAMETERS
+    variables = fastcgi_parameters()
 
 
 class AsThroughBusybox(AsThroughServer):
     kind = web_servers.Busybox
+    programs = ["busybox"]
     name = "busybox"
 
     def comparable(self, output):
@@ -492,9 +513,399 @@ class VariablesTest(RequestTest):
         self.assertTrue(told.body.startswith(b"--B\r\n"))
         self.assertTrue(told.body.endswith(b"\r\n--B--\r\n"))
 
+    def test_line_ends_of_texts_are_those_of_browsers(self):
+        """Files stay as they are."""
+        self.file("file", b"l1\nl2\r\nl3\rl4")
+        text = "l1\nl2\r\nl3\rl4\n\n"
+        sent = b"l1\r\nl2\r\nl3\r\nl4\r\n\r\n"
+        for form, head, content in (
+            (("-F", f"a={text}"), b'name="a"', sent),
+            (("-F", f"a={text};type=text/q"), b'name="a"\r\nContent-Type: text/q', sent),
+            (("--form-string", f"a={text}"), b'name="a"', sent),
+            (("-F", "a\nb=c"), b'name="a%0D%0Ab"', b"c"),
+            (("-F", f"a={text};filename=x"), b'name="a"; filename="x"', text.encode()),
+            (("-F", "a=<file"), b'name="a"', b"l1\nl2\r\nl3\rl4"),
+            (
+                ("-F", "a=@file"),
+                b'name="a"; filename="file"\r\nContent-Type: application/octet-stream',
+                b"l1\nl2\r\nl3\rl4",
+            ),
+        ):
+            with self.subTest(form=form):
+                expected = b"--B\r\nContent-Disposition: form-data; %s\r\n\r\n%s\r\n--B--\r\n"
+                told = self.given("--boundary", "B", *form)
+                self.assertEqual(told.body, expected % (head, content))
+
     def test_boundary_is_another_each_time(self):
         types = {self.given("-F", "a=1").variables["CONTENT_TYPE"] for _ in range(3)}
         self.assertEqual(len(types), 3)
+
+
+# Sends the lines that the query names as its header, and tells what it was asked.
+GUEST = """#!/usr/bin/python3
+import os, sys, urllib.parse
+lines = urllib.parse.parse_qs(os.environ["QUERY_STRING"], encoding="latin-1").get("line", [])
+head = "".join(line + "\\r\\n" for line in lines) + "Content-Type: text/plain\\r\\n\\r\\n"
+names = ("REQUEST_METHOD", "REQUEST_URI", "HTTP_COOKIE", "HTTP_REFERER", "CONTENT_TYPE")
+told = [name + "=" + os.environ.get(name, "") for name in names]
+body = sys.stdin.read(int(os.environ.get("CONTENT_LENGTH") or 0))
+sys.stdout.write(head + "\\n".join([*told, "body=" + body, ""]))
+"""
+
+
+def asking_for(*lines, path=""):
+    return path + "?" + urllib.parse.urlencode([("line", line) for line in lines])
+
+
+class GuestTest(RequestTest):
+    """Plays each visit both ways, by curl through a web server."""
+
+    @classmethod
+    def setUpClass(cls):
+        folder = tempfile.TemporaryDirectory(prefix="request-")
+        cls.addClassCleanup(folder.cleanup)
+        guest = pathlib.Path(folder.name) / "guest"
+        guest.write_text(GUEST)
+        start_server(cls, web_servers.Lighttpd, guest, "lighttpd")
+
+    def address(self, path, host=None):
+        return f"http://{host or self.server.host}:{self.server.port}{self.server.path}{path}"
+
+    def by_curl(self, *arguments, path="", host="localhost"):
+        return subprocess.run(
+            ["curl", "-q", "-s", "--resolve", f"{host}:{self.server.port}:{self.server.host}",
+             *arguments, self.address(path, host)],
+            capture_output=True, cwd=self.folder, env=ENVIRONMENT, timeout=LONG, check=True,
+        ).stdout  # fmt: skip
+
+    def by_tool(self, *arguments, path="", host="localhost"):
+        result = self.run_in_folder(self.server.program, *arguments, self.address(path, host))
+        self.assertEqual((result.status, result.errors), (0, ""))
+        return result.output
+
+    def assert_same(self, *arguments, **where):
+        with self.subTest(arguments=arguments, **where):
+            told = self.by_tool(*arguments, **where)
+            self.assertEqual(told, self.by_curl(*arguments, **where))
+            return told
+
+
+class CookieTest(GuestTest):
+    def jar(self, name):
+        """Its cookies as the fields of their lines; a path with or without a slash
+        at its end is for the same pages, a domain has no case."""
+        lines = (self.folder / name).read_text().splitlines()
+        cookies = [line.split("\t") for line in lines if line.count("\t") == 6]
+        for fields in cookies:
+            fields[0] = fields[0].lower()
+            fields[2] = fields[2].rstrip("/") or "/"
+        return sorted(cookies)
+
+    def cookies(self, told):
+        found = re.search(rb"HTTP_COOKIE=(.*)", told)[1].decode()
+        return sorted(found.split("; ")) if found else []
+
+    def assert_same_jar(self, *cookies, host="localhost", path="/x/y"):
+        path = asking_for(*(f"Set-Cookie: {text}" for text in cookies), path=path)
+        with self.subTest(cookies=cookies, host=host):
+            self.by_curl("-c", "of-curl", path=path, host=host)
+            self.by_tool("-c", "of-tool", path=path, host=host)
+            of_curl, of_tool = self.jar("of-curl"), self.jar("of-tool")
+            for ours, theirs in zip(of_tool, of_curl):
+                if re.search('max-age="?1000', cookies[0].lower()):
+                    # Counted from when each of them was run.
+                    self.assertLess(abs(int(ours[4]) - int(theirs[4])), 900)
+                    ours[4] = theirs[4]
+            self.assertEqual(of_tool, of_curl)
+            return of_tool
+
+    def test_what_is_set_is_kept_as_by_curl(self):
+        for text in (
+            "a=1", "a=1=2", "a=", 'a="b c"', "  a = b c  ; ", "a=1; HttpOnly",
+            "a=1;httponly;secure", "a=1; Path=/", "a=1; Path=/x/y/z", "a=1; path=/x",
+            "a=1; Max-Age=1000", 'a=1; max-age="1000"',
+            "a=1; Max-Age=1000; Expires=Thu, 01 Jan 1981 00:00:00 GMT", "a=1; Expires=Wed, 01 Jan 2098 01:02:03 GMT",
+            "a=1; expires=Friday, 01-Jan-49 01:02:03 GMT",
+            "a=1; Expires=Wed Jan  1 01:02:03 2098",
+            "__Secure-a=1; Secure", "__Secure-a=1", "__Host-a=1; Secure; Path=/",
+            "__Host-a=1; Secure; Path=/x", "__Host-a=1; Path=/",
+            "__Host-a=1; Secure; Path=/; Domain=localhost", "a=1; SameSite=Strict; Odd=1",
+        ):  # fmt: skip
+            self.assert_same_jar(text)
+
+    def test_path_that_is_none_does_not_count(self):
+        """In a browser; curl keeps it, and sends the cookie nowhere or everywhere."""
+        for attribute in ("Path=x", "Path=", "Path"):
+            self.by_tool("-c", "jar", path=asking_for(f"Set-Cookie: a=1; {attribute}", path="/x/y"))
+            self.assertEqual([fields[2] for fields in self.jar("jar")], ["/cgi-bin/guest/x"])
+
+    def test_what_is_ignored_is_ignored_by_curl(self):
+        for text in ("a", "=1", "", "a=\t1\t2", "a=1; Domain=other.example", "a=1; Max-Age=0",
+                     "a=1; Max-Age=-5", "a=1; Expires=Thu, 01 Jan 1981 00:00:00 GMT",
+                     "a=1; Max-Age=0; Expires=Wed, 01 Jan 2098 01:02:03 GMT"):  # fmt: skip
+            self.assertEqual(self.assert_same_jar(text), [])
+
+    def test_domains_as_by_curl(self):
+        for host, domain, is_kept in (
+            ("www.panel.example", "panel.example", True),
+            ("www.panel.example", ".Panel.Example", True),
+            ("www.panel.example", "www.panel.example", True),
+            ("www.panel.example", "example", False),
+            ("www.panel.example", "other.panel.example", False),
+            ("www.panel.example", "anel.example", False),
+            ("panel.example", "www.panel.example", False),
+            (self.server.host, self.server.host, True),
+            (self.server.host, "0.0.1", False),
+        ):
+            kept = self.assert_same_jar(f"a=1; Domain={domain}", host=host)
+            self.assertEqual(bool(kept), is_kept, (host, domain))
+        # Whoever is not to be trusted cannot set what is to be secret.
+        self.assertEqual(self.assert_same_jar("a=1; Secure", host="panel.example"), [])
+
+    def test_same_cookie_is_replaced_and_removed(self):
+        kept = self.assert_same_jar("a=1", "b=2", "a=3", "a=4; Path=/", "a=5; Domain=localhost")
+        self.assertEqual(len(kept), 4)
+        self.assertEqual(self.assert_same_jar("a=1", "a=; Max-Age=0"), [])
+        self.assertEqual(len(self.assert_same_jar("a=1", "a=; Max-Age=0; Path=/")), 1)
+
+    JAR = """# Netscape HTTP Cookie File
+
+localhost\tFALSE\t/\tFALSE\t0\troot\t1
+#HttpOnly_localhost\tFALSE\t/\tFALSE\t4000000000\thidden\t2
+localhost\tFALSE\t/\tTRUE\t0\tsecret\t3
+localhost\tFALSE\t/\tFALSE\t1000000000\tlong-gone\t4
+localhost\tFALSE\t/cgi-bin/guest/x\tFALSE\t0\tinside\t5
+localhost\tFALSE\t/cgi-bin/guest/x/\tFALSE\t0\tslash\t6
+localhost\tFALSE\t/cgi-bin/gu\tFALSE\t0\tbeside\t7
+.panel.example\tTRUE\t/\tFALSE\t0\tall\t8
+panel.example\tFALSE\t/\tFALSE\t0\tone\t9
+panel.example\tFALSE\t/\tTRUE\t0\tsafe\t10
+#localhost\tFALSE\t/\tFALSE\t0\tcomment\t11
+localhost\tFALSE\t/\tFALSE\t0\tempty\t
+too\tfew\tfields
+127.0.0.1\tFALSE\t/\tFALSE\t0\taddress\t12
+"""
+
+    def test_jar_is_sent_as_by_curl(self):
+        self.file("jar", self.JAR.encode())
+        for host, path, names in (
+            ("localhost", "", {"root", "hidden", "secret", "empty"}),
+            ("localhost", "/x", {"root", "hidden", "secret", "empty", "inside", "slash"}),
+            ("localhost", "/x/y?z=/", {"root", "hidden", "secret", "empty", "inside", "slash"}),
+            ("localhost", "/xx", {"root", "hidden", "secret", "empty"}),
+            ("panel.example", "", {"all", "one"}),
+            ("www.panel.example", "", {"all"}),
+            ("xpanel.example", "", set()),
+        ):
+            with self.subTest(host=host, path=path):
+                sent = self.cookies(self.by_tool("-b", "jar", path=path, host=host))
+                expected = self.by_curl("-b", "jar", path=path, host=host)
+                self.assertEqual(sent, self.cookies(expected))
+                self.assertEqual({text.partition("=")[0] for text in sent}, names)
+
+    def test_secure_cookies_are_sent_by_https(self):
+        self.file("jar", self.JAR.encode())
+        result = self.run_in_folder(self.server.program, "-b", "jar", "https://panel.example/")
+        self.assertEqual(self.cookies(result.output), ["all=8", "one=9", "safe=10"])
+
+    def test_the_longest_path_comes_first(self):
+        lines = [f"localhost\tFALSE\t{path}\tFALSE\t0\ta\t{value}"
+                 for value, path in enumerate(("/", "/cgi-bin/guest", "/cgi-bin"))]  # fmt: skip
+        self.file("jar", "\n".join(lines).encode())
+        self.assertIn(b"HTTP_COOKIE=a=1; a=2; a=0\n", self.assert_same("-b", "jar"))
+
+    def test_jars_are_read_by_each_other(self):
+        path = asking_for("Set-Cookie: a=1; HttpOnly", "Set-Cookie: b=2; Path=/; Max-Age=1000",
+                          "Set-Cookie: c=3; Domain=localhost; Secure")  # fmt: skip
+        for make, read in ((self.by_curl, self.by_tool), (self.by_tool, self.by_curl)):
+            make("-c", "jar", path=path)
+            self.assertEqual(self.cookies(read("-b", "jar")), ["a=1", "b=2", "c=3"])
+
+    def test_a_visit_with_one_jar(self):
+        """The jar need not be there at first; what is in it goes on."""
+        both = ("-b", "jar", "-c", "jar")
+        self.by_tool(*both, path=asking_for("Set-Cookie: a=1"))
+        self.by_tool(*both, path=asking_for("Set-Cookie: b=2"))
+        self.assertEqual(self.cookies(self.by_tool(*both)), ["a=1", "b=2"])
+        self.by_tool(*both, path=asking_for("Set-Cookie: a=; Max-Age=0"))
+        self.assertEqual(self.cookies(self.by_tool(*both)), ["b=2"])
+
+    def test_jar_that_is_only_written_begins_empty(self):
+        self.file("jar", self.JAR.encode())
+        self.assertEqual(self.cookies(self.by_tool("-c", "jar")), [])
+        self.assertEqual(self.jar("jar"), [])
+
+    def test_data_is_sent_beside_the_jar_and_not_kept(self):
+        self.file("jar", b"localhost\tFALSE\t/\tFALSE\t0\ta\t1\n")
+        told = self.assert_same("-b", "jar", "-b", "b=2; c=3", "-c", "new")
+        self.assertIn(b"HTTP_COOKIE=a=1; b=2; c=3\n", told)
+        self.assertEqual([fields[5:] for fields in self.jar("new")], [["a", "1"]])
+        self.assert_same("-b", "jar", "-b", "b=2", "-H", "Cookie: d=4")
+        self.assertEqual(self.cookies(self.assert_same("-b", "none")), [])
+
+    def test_jar_is_nobody_elses(self):
+        self.by_tool("-c", "jar", "-o", "output")
+        modes = [(self.folder / name).stat().st_mode & 0o777 for name in ("jar", "output")]
+        self.assertEqual(modes, [0o600, 0o644])
+
+    def test_jar_on_standard_output(self):
+        output = self.by_tool("-c", "-", path=asking_for("Set-Cookie: a=1"))
+        self.assertTrue(output.endswith(b"localhost\tFALSE\t/cgi-bin\tFALSE\t0\ta\t1\n"), output)
+
+    def test_repeated_requests_have_the_cookies_of_those_before(self):
+        path = asking_for("Set-Cookie: a=1")
+        result = self.run_in_folder(
+            self.server.program, "--repeat", "2", "-c", "jar", self.address(path)
+        )
+        self.assertEqual(re.findall(rb"HTTP_COOKIE=(.*)", result.output), [b"", b"a=1"])
+
+
+class RedirectTest(GuestTest):
+    """The address of the server stands in some of the answers."""
+
+    def redirect(self, status, location, *more):
+        return asking_for(f"Status: {status}", f"Location: {location}", *more, path="/from")
+
+    def to(self, path):
+        return self.server.path + path
+
+    def test_methods_and_bodies_as_by_curl(self):
+        self.file("f", b"content")
+        for status in (301, 302, 303, 307, 308):
+            path = self.redirect(status, self.to("/to?a=1"))
+            for arguments in ((), ("-d", "x=1"), ("-T", "f"), ("-X", "DELETE"),
+                              ("-d", "x", "-H", "X-A: 1", "-e", "http://r/;auto")):  # fmt: skip
+                if arguments == ("-X", "DELETE") and status == 303:
+                    continue  # curl asks by DELETE once more
+                told = self.assert_same("-L", *arguments, path=path)
+                self.assertIn(b"REQUEST_URI=/cgi-bin/guest/to?a=1\n", told)
+
+    def test_what_a_form_becomes(self):
+        for status, method, content_type, body in (
+            (302, b"GET", b"", b""),
+            (307, b"POST", b"application/x-www-form-urlencoded", b"x=1"),
+        ):
+            told = self.by_tool("-L", "-d", "x=1", path=self.redirect(status, self.to("/to")))
+            for line in (b"REQUEST_METHOD=" + method, b"CONTENT_TYPE=" + content_type,
+                         b"body=" + body):  # fmt: skip
+                self.assertIn(line, told.splitlines())
+
+    def test_after_303_everything_is_asked_by_get(self):
+        path = self.redirect(303, self.to("/to"))
+        for method in ("POST", "PUT", "DELETE"):
+            told = self.by_tool("-L", "-X", method, path=path)
+            self.assertIn(b"REQUEST_METHOD=GET\n", told)
+
+    def test_head_stays_head(self):
+        path = self.address(self.redirect(303, self.to("/to")))
+        output = self.run_in_folder(self.server.program, "-L", "-I", path).output
+        self.assertEqual(re.findall(rb"^HTTP/1.1 (\d+)", output, re.MULTILINE), [b"303", b"200"])
+
+    def test_body_is_sent_again_from_its_beginning(self):
+        self.file("f", b"content")
+        for arguments in (("--data-binary", "@f"), ("--data-binary", "@-"), ("-F", "a=@f")):
+            result = self.run_in_folder(
+                self.server.program, "-L", *arguments, "--boundary", "B",
+                self.address(self.redirect(307, self.to("/to"))), stdin=b"content",
+            )  # fmt: skip
+            self.assertEqual((result.status, result.errors), (0, ""))
+            self.assertIn(b"content", result.output.partition(b"body=")[2])
+
+    def test_is_not_followed_without_being_asked(self):
+        told = self.assert_same(path=self.redirect(302, self.to("/to")))
+        self.assertIn(b"REQUEST_URI=/cgi-bin/guest/from?", told)
+
+    def test_only_the_last_body_is_shown_and_all_headers(self):
+        path = self.redirect(302, self.to("/to"))
+        output = self.by_tool("-L", "-i", "-D", "head", path=path)
+        self.assertEqual(output.count(b"HTTP/1.1 "), 2)
+        self.assertEqual(output.count(b"REQUEST_URI="), 1)
+        head = (self.folder / "head").read_bytes()
+        self.assertEqual(re.findall(rb"^HTTP/1.1 (\d+)", head, re.MULTILINE), [b"302", b"200"])
+
+    def test_cookies_go_along_when_there_is_a_jar(self):
+        path = self.redirect(302, self.to("/to"), "Set-Cookie: a=1")
+        self.assertIn(b"HTTP_COOKIE=a=1; b=2\n", self.assert_same("-L", "-b", "", "-b", "b=2",
+                                                                  path=path))  # fmt: skip
+        self.assertIn(b"HTTP_COOKIE=\n", self.assert_same("-L", path=path))
+
+    def test_whole_addresses_of_the_program(self):
+        for location in (self.address("/to", "localhost"), self.address("/to", "LOCALHOST")):
+            told = self.by_tool("-L", path=self.redirect(302, location))
+            self.assertIn(b"REQUEST_URI=/cgi-bin/guest/to\n", told)
+        result = self.run_in_folder(
+            self.server.program, "-L", "http://panel.example"
+            + self.server.path + self.redirect(301, "https://panel.example" + self.server.path),
+        )  # fmt: skip
+        self.assertEqual((result.status, result.errors), (0, ""))
+        self.assertIn(b"REQUEST_URI=/cgi-bin/guest\n", result.output)
+
+    def test_what_leads_away_is_not_followed(self):
+        for location in ("/", "/cgi-bin/guests", "http://other.example" + self.server.path,
+                         f"http://localhost:{self.server.port + 1}{self.server.path}",
+                         "mailto:joe@panel.example", "ftp://localhost/"):  # fmt: skip
+            with self.subTest(location=location):
+                path = self.redirect(302, location)
+                result = self.run_in_folder(
+                    self.server.program, "-L", self.address(path, "localhost")
+                )
+                self.assertEqual(
+                    (result.status, result.errors),
+                    (0, f"zancgi-request: '{location}' is not followed: it leads away from the "
+                        "program\n"),
+                )  # fmt: skip
+                self.assertIn(b"REQUEST_URI=/cgi-bin/guest/from?", result.output)
+
+    def test_paths_below_a_program_that_the_url_names(self):
+        program = self.program(
+            "case $REQUEST_URI in\n"
+            '*/end) printf "Content-Type: a/b\\n\\n$SCRIPT_NAME $PATH_INFO";;\n'
+            '*) printf "Status: 302 Found\\nLocation: /panel/end\\n\\n";; esac\n'
+        )
+        for arguments, output in (
+            (("--script-name", "/panel"), b"/panel /end"),
+            (("--script-name", "/panel", "--path-info", "/begin"), b"/panel /end"),
+            (("/panel",), b"/panel/end "),
+        ):
+            self.assertEqual(run(program, "-L", *arguments).output, output)
+
+    def test_limit(self):
+        program = self.program('printf "Status: 302 Found\\nLocation: /loop\\n\\n"; echo >> visits')
+        for arguments, most in ((("--max-redirs", "2"), 2), (("--max-redirs", "0"), 0), ((), 50)):
+            result = run(program, "-L", *arguments, "/loop", "-w", "%{num_redirects}")
+            message = f"zancgi-request: there are more than {most} redirects\n"
+            self.assertEqual((result.status, result.errors), (47, message))
+            self.assertEqual(result.output, str(most).encode())
+            visits = self.folder / "visits"
+            self.assertEqual(visits.read_text().count("\n"), most + 1)
+            visits.unlink()
+
+    def test_time_limit_is_for_all_of_them(self):
+        program = self.program(
+            'printf "Status: 302 Found\\nLocation: /loop\\n\\n"; exec sleep 0.3'
+        )
+        self.assertEqual(run(program, "-L", "-m", "1", "/loop").status, 28)
+
+    def test_what_is_wrong_is_not_followed(self):
+        program = self.program('printf "Status: 302 Found\\nLocation: /x\\nnonsense\\n\\n"')
+        self.assertEqual(run(program, "-L", "/x").status, 8)
+
+    def test_write_out(self):
+        path = self.redirect(302, self.to("/to?a=b"))
+        form = "%{http_code} %{num_redirects} %{url_effective}\\n"
+        self.assert_same("-L", "-o", "body", "-w", form, path=path)
+
+
+class VersionTest(RequestTest):
+    def test_is_the_projects(self):
+        result = run("--version")
+        self.assertEqual(result.output.decode(), f"zancgi-request {os.environ['VERSION']}\n")
+
+    def test_is_the_one_that_the_installation_has_filled_in(self):
+        for version, shown in (("12.3.4", "12.3.4"), ("@PROJECT_VERSION@", "unknown")):
+            copy = self.program(TOOL.read_text().replace("@PROJECT_VERSION@", version))
+            done = subprocess.run([copy, "-V"], capture_output=True, text=True, check=True)
+            self.assertEqual(done.stdout, f"zancgi-request {shown}\n")
 
 
 class StandardInputTest(RequestTest):
@@ -517,6 +928,7 @@ class StandardInputTest(RequestTest):
     def test_body_has_ended_before_the_program_starts(self):
         loader = importlib.machinery.SourceFileLoader("zancgi_request", str(TOOL))
         tool = types.ModuleType(loader.name)
+        tool.__file__ = str(TOOL)
         with unittest.mock.patch.dict(sys.modules, {loader.name: tool}):
             loader.exec_module(tool)
         for kind in ("pipe", "socket"):
@@ -569,15 +981,22 @@ class StandardInputTest(RequestTest):
             self.assertEqual((told.body, told.polled), (b"abc", []), kind)
 
     def test_held_open_costs_nothing(self):
-        program = self.program("head -c 3 >&2; exec >&- <&-; sleep 2")
-        for kind in ("pipe", "socket"):
+        """Beside what it costs to hold nothing open, which depends on the machine."""
+        program = self.program("head -c 3 >&2; exec >&- <&-; sleep $SECONDS")
+
+        def processor_time(*arguments):
             before = os.times()
-            run(program, "--stdin", kind, "--hold-open", "-d", "abc")
+            run(program, "-d", "abc", *arguments)
             after = os.times()
-            self.assertLess(
+            return (
                 after.children_user + after.children_system
-                - before.children_user - before.children_system, 0.25, kind,
+                - before.children_user - before.children_system
             )  # fmt: skip
+
+        for kind in ("pipe", "socket"):
+            least = processor_time("--stdin", kind, "--env", "SECONDS=0")
+            held = processor_time("--stdin", kind, "--env", "SECONDS=3", "--hold-open")
+            self.assertLess(held, 4 * least + 0.5, kind)
 
     def test_who_reads_on_waits_for_what_is_held_open(self):
         result = run(PROBE, "--hold-open", "-d", "abc", "?to-the-end", "-m", "0.5")
@@ -622,7 +1041,7 @@ class StandardInputTest(RequestTest):
         tool.stdin.close()
         self.assertEqual(tool.stdout.read(), b"")
         tool.stdout.close()
-        self.assertEqual(tool.wait(30), 0)
+        self.assertEqual(tool.wait(LONG), 0)
 
     def test_servers_own_ways(self):
         large = self.file("f", b"x" * 65537)
@@ -660,7 +1079,7 @@ class StandardInputTest(RequestTest):
                 self.assertEqual(len(tool.stdout.read(49_000_000)), 49_000_000)
                 status = pathlib.Path(f"/proc/{tool.pid}/status").read_text()
                 self.assertEqual(len(tool.stdout.read()), 1_000_000)
-            self.assertEqual(tool.wait(30), 0)
+            self.assertEqual(tool.wait(LONG), 0)
             self.assertLess(int(re.search(r"VmHWM:\s+(\d+) kB", status)[1]), 40_000, kind)
 
 
@@ -695,22 +1114,27 @@ time.sleep(float(os.environ.get("SLEEP", "0")))
         self.assertEqual(self.outcome("read"), "3")
 
     def test_with_a_signal(self):
+        """A program that has not begun in a second, on a busy machine, is ended."""
         program = self.program(self.witness)
-        result = run(program, "-d", "x" * 1000, "--abort-after", "300", "--abort-signal", "TERM")
-        self.assertEqual((result.status, result.errors), (0, ""))
+        for _ in range(20):
+            result = run(
+                program, "-d", "x" * 1000, "--abort-after", "300", "--abort-signal", "TERM"
+            )
+            self.assertEqual((result.status, result.errors), (0, ""))
+            if self.outcome("signal"):
+                break
         self.assertEqual((self.outcome("signal"), self.outcome("read")), ("TERM", None))
 
     def test_program_may_heed_the_signal_by_its_end(self):
-        program = self.program("cat; sleep 20")
+        program = self.program(f"cat; sleep {AGES}")
         for name in ("TERM", "SIGTERM", "15", "KILL"):
-            result = run(
-                program, "-d", "xyz", "--abort-after", "2", "--abort-signal", name, seconds=15
-            )
+            result = run(program, "-d", "xyz", "--abort-after", "2", "--abort-signal", name)
             self.assertEqual((result.status, result.errors), (0, ""), name)
 
     def test_program_must_end_nevertheless(self):
         program = self.program(self.witness)
-        result = run(program, "-d", "xyz", "--abort-after", "2", "--env", "SLEEP=20", "-m", "1")
+        result = run(program, "-d", "xyz", "--abort-after", "2", "--env", f"SLEEP={AGES}",
+                     "-m", "10")  # fmt: skip
         self.assertEqual(result.status, 28)
         self.assertEqual(self.outcome("read"), "2")
 
@@ -721,7 +1145,7 @@ time.sleep(float(os.environ.get("SLEEP", "0")))
         self.assertIn("signal 11 (SIGSEGV)", result.errors)
 
     def test_program_that_does_not_read_is_left_too(self):
-        program = self.program("exec sleep 20")
+        program = self.program(f"exec sleep {AGES}")
         result = run(program, "-d", "xyz", "--abort-after", "2", "--abort-signal", "TERM")
         self.assertEqual(result.status, 0)
 
@@ -913,7 +1337,7 @@ class AnswerTest(RequestTest):
         tool.stdout.close()
         self.assertIn(b"cannot write the answer", tool.stderr.read())
         tool.stderr.close()
-        self.assertEqual(tool.wait(30), 23)
+        self.assertEqual(tool.wait(LONG), 23)
 
     def test_write_out(self):
         form = "%{http_code} %{content_type} %{size_download} %{size_upload} %{method}%%\\t|\\n"
@@ -923,7 +1347,7 @@ class AnswerTest(RequestTest):
         )  # fmt: skip
         result = self.answer(TEXT + "\n", "-w", "%{time_starttransfer} %{time_total}")
         first, last = map(float, result.output.split())
-        self.assertTrue(0 < first <= last < 60)
+        self.assertTrue(0 < first <= last)
         self.assertEqual(self.answer("", "-w", "%{http_code} %{exitcode}").output, b"000 52")
 
     def test_verbose(self):
@@ -981,16 +1405,14 @@ class EndTest(RequestTest):
 
     def test_time_limit_ends_all_processes(self):
         name = self.sleeper()
-        program = self.program(f"./{name} 100 & ./{name} 100")
-        begun = time.monotonic()
+        program = self.program(f"./{name} {AGES} & ./{name} {AGES}")
         result = run(program, "-m", "0.5")
         self.assertEqual(result.status, 28)
-        self.assertLess(time.monotonic() - begun, 10)
         self.assertFalse(is_running(name))
 
     def test_time_limit_ends_who_does_not_heed_it(self):
         name = self.sleeper()
-        result = run(self.program(f"trap '' TERM; ./{name} 100"), "-m", "0.5")
+        result = run(self.program(f"trap '' TERM; ./{name} {AGES}"), "-m", "0.5")
         self.assertEqual(result.status, 28)
         self.assertFalse(is_running(name))
 
@@ -998,47 +1420,60 @@ class EndTest(RequestTest):
         program = self.program(f"printf '{TEXT}\\n'; exec cat /dev/zero")
         tool = subprocess.Popen([TOOL, program, "-sm", "0.5"], stdout=subprocess.PIPE,
                                 env=ENVIRONMENT)  # fmt: skip
-        self.assertEqual(tool.wait(30), 28)
+        self.assertEqual(tool.wait(LONG), 28)
         tool.stdout.close()
 
     def test_signal_ends_the_program_too(self):
         name = self.sleeper()
-        program = self.program(f"./{name} 100")
+        program = self.program(f"./{name} {AGES}")
         for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
             tool = subprocess.Popen([TOOL, program], env=ENVIRONMENT)
-            wait_for(lambda: is_running(name))
+            wait_for(lambda: is_running(name), LONG)
             tool.send_signal(number)
-            self.assertEqual(tool.wait(30), 128 + number)
+            self.assertEqual(tool.wait(LONG), 128 + number)
             self.assertFalse(is_running(name))
 
     def test_signal_that_comes_again_does_not_keep_the_program_from_its_end(self):
         name = self.sleeper()
-        program = self.program(f"trap '' TERM INT; ./{name} 100; ./{name} 100")
+        program = self.program(f"trap '' TERM INT; ./{name} {AGES}; ./{name} {AGES}")
         tool = subprocess.Popen([TOOL, program], env=ENVIRONMENT)
-        wait_for(lambda: is_running(name))
+        wait_for(lambda: is_running(name), LONG)
         tool.send_signal(signal.SIGINT)
         time.sleep(0.3)
         tool.send_signal(signal.SIGINT)
-        self.assertEqual(tool.wait(30), 128 + signal.SIGINT)
+        self.assertEqual(tool.wait(LONG), 128 + signal.SIGINT)
         self.assertFalse(is_running(name))
 
     def test_processes_left_behind(self):
         name = self.sleeper()
-        for start in (f"./{name} 2", f"setsid ./{name} 2"):
+        for start in (f"./{name} {AGES}", f"setsid ./{name} {AGES}"):
             program = self.program(f"{start} >&- 2>&- <&- & printf '{TEXT}\\nbody'")
             result = run(program)
             self.assertEqual((result.status, result.output), (0, b"body"))
-            self.assertRegex(result.errors, rf"has left behind: {name} \(\d+\)")
-            wait_for(lambda: not is_running(name))
+            left = re.search(rf"has left behind: {name} \((\d+)\)", result.errors)
+            self.assertIsNotNone(left, result.errors)
+            os.kill(int(left[1]), signal.SIGKILL)
+            wait_for(lambda: not is_running(name), LONG)
 
     def test_process_that_cleans_up_is_not_left_behind(self):
-        result = run(self.program(f"sleep 0.2 >&- 2>&- <&- & printf '{TEXT}\\nbody'"))
-        self.assertEqual(result, Result(0, b"body", ""))
+        """It has a second, which on a busy machine it may not get."""
+        program = self.program(f"sleep 0.2 >&- 2>&- <&- & printf '{TEXT}\\nbody'")
+        results = (run(program) for _ in range(20))
+        self.assertIn(Result(0, b"body", ""), results)
 
     def test_output_held_open_is_waited_for(self):
         name = self.sleeper()
-        program = self.program(f"printf '{TEXT}\\nbody'; (./{name} 2; echo late) 2>&- <&- &")
-        result = run(program)
+        # Until it has been said that it is waited for.
+        program = self.program(
+            f"printf '{TEXT}\\nbody'\n"
+            f"(while ! [ -e said ]; do ./{name} 0.1; done; echo late) 2>&- <&- &"
+        )
+        tool = subprocess.Popen([TOOL, program], env=ENVIRONMENT, stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE)  # fmt: skip
+        said = tool.stderr.readline()
+        self.file("said", b"")
+        output, errors = tool.communicate(timeout=LONG)
+        result = Result(tool.returncode, output, (said + errors).decode())
         self.assertEqual((result.status, result.output), (0, b"bodylate\n"))
         self.assertIn("holds its standard output open", result.errors)
 
@@ -1051,7 +1486,9 @@ class EndTest(RequestTest):
             (("-T", "-"), 0),
             (("--stdin", "file", "-F", "f=@f", "--env", "SLOW=1", "-m", "0.3"), 28),
         ):
-            program = self.program(f"printf '{TEXT}\\n'; cat >&-; [ -z \"$SLOW\" ] || exec sleep 9")
+            program = self.program(
+                f"printf '{TEXT}\\n'; cat >&-; [ -z \"$SLOW\" ] || exec sleep {AGES}"
+            )
             result = self.run_in_folder(program, *arguments, stdin=b"abc", TMPDIR=str(temporary))
             self.assertEqual(result.status, status, arguments)
             self.assertEqual(list(temporary.iterdir()), [])
@@ -1094,7 +1531,9 @@ class RefusalTest(RequestTest):
             (("-b", "a=1\nY: b", PROBE), "no control characters"),
             (("-e", "a\x7f", PROBE), "no control characters"),
             (("-X", "GET /\r\n", PROBE), "no method"),
-            (("-b", "file", PROBE), "it reads no files"),
+            (("-L", "--abort-after", "1", PROBE), "either --location or --abort-after"),
+            (("-L", "-T", "-", "--content-length", "none", PROBE), "sent again"),
+            (("--max-redirs", "-1", PROBE), "--max-redirs cannot be '-1'"),
             (("-m", "-1", PROBE), "-m cannot be '-1'"),
             (("-m", "nan", PROBE), "cannot be 'nan'"),
             (("-m", "inf", PROBE), "cannot be 'inf'"),
@@ -1126,7 +1565,8 @@ class RefusalTest(RequestTest):
     def test_files_that_cannot_be_read(self):
         for arguments in (("-d", "@none"), ("--data-binary", "@none"), ("-F", "a=@none"),
                           ("-T", "none"), ("-F", "a=<."), ("-T", "/"),
-                          ("--data-urlencode", "@none"), ("-H", "@none")):  # fmt: skip
+                          ("--data-urlencode", "@none"), ("-H", "@none"),
+                          ("-b", ".")):  # fmt: skip
             result = self.run_in_folder(PROBE, *arguments)
             self.assertEqual(result.status, 26, arguments)
             self.assertIn("cannot read", result.errors)
@@ -1161,7 +1601,7 @@ class DebuggerTest(RequestTest):
 
     def test_time_limit_ends_gdb(self):
         copy = shutil.copy(PROBE, self.folder / "cgi_probe_copy")
-        result = run(copy, "?to-the-end", "--hold-open", "-m", "3", "--debugger",
+        result = run(copy, "?to-the-end", "--hold-open", "-m", "10", "--debugger",
                      "gdb -batch -ex run")  # fmt: skip
         self.assertEqual(result.status, 28)
         self.assertFalse(is_running("cgi_probe_copy"))
@@ -1171,14 +1611,14 @@ class DebuggerTest(RequestTest):
         self.assertEqual((told.body, told.variables["FRONT"]), (b"a=1", "1"))
 
     def test_interrupt_ends_other_programs_in_front(self):
-        program = self.program("exec sleep 100")
+        program = self.program(f"exec sleep {AGES}")
         tool = subprocess.Popen([TOOL, "--debugger", "env", program], env=ENVIRONMENT)
         self.addCleanup(tool.wait)
         self.addCleanup(tool.terminate)
         children = pathlib.Path(f"/proc/{tool.pid}/task/{tool.pid}/children")
-        wait_for(lambda: children.read_text())
+        wait_for(lambda: children.read_text(), LONG)
         tool.send_signal(signal.SIGINT)
-        self.assertEqual(tool.wait(10), 128 + signal.SIGINT)
+        self.assertEqual(tool.wait(LONG), 128 + signal.SIGINT)
 
     def test_other_programs_in_front_ignore_no_signals(self):
         program = self.program(f"printf '{TEXT}\\n'; exec grep SigIgn: /proc/self/status")
@@ -1272,7 +1712,7 @@ class PanelTest(RequestTest):
         *options, path = arguments
         done = subprocess.run(
             ["curl", "-q", "-sS", *options, self.panel.url.removesuffix("/panel") + path],
-            capture_output=True, env=ENVIRONMENT, check=True, timeout=60,
+            capture_output=True, env=ENVIRONMENT, check=True, timeout=LONG,
         )  # fmt: skip
         return done.stdout
 
@@ -1370,7 +1810,7 @@ class ManualTest(RequestTest):
             with self.subTest(command=command):
                 done = subprocess.run(
                     ["sh", "-c", command], cwd=self.folder, capture_output=True, check=False,
-                    input=b"run\nquit\n", timeout=60,
+                    input=b"run\nquit\n", timeout=LONG,
                     env={**ENVIRONMENT, "PATH": f"{self.folder}/bin:{PATH}"},
                 )  # fmt: skip
                 # The one of a client that never hangs up is about its time limit.
