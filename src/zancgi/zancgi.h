@@ -68,7 +68,7 @@ class ZANCGI_API Cgi {
     std::string auth;             ///< The session id.
     std::string name;             ///< The user's name.
     std::string lang_rest;        ///< The language cookie before its last ":".
-    std::string lang_word;        ///< The language cookie behind its last ":".
+    std::string lang_word;        ///< The language cookie after its last ":".
     std::int32_t level = 0;       ///< The user's access level.
     AuthMethod method = AuthAny;  ///< Where the session id was found.
   };
@@ -87,8 +87,10 @@ class ZANCGI_API Cgi {
 
   /// Returns the value of a request parameter; empty when there is none.
   ///
-  /// The values of a repeated parameter are joined by ", ". Parses the input
-  /// first if that has not happened yet.
+  /// The values of a parameter that is repeated in a query string are joined by
+  /// ", ", those of a repeated field in a multipart form by LF. Of any other
+  /// body the last value counts, and its names are not decoded. Parses the
+  /// input first if that has not happened yet.
   /// @throws std::runtime_error as ParseQuery()
   std::string Param(const std::string& name);
 
@@ -125,6 +127,9 @@ class ZANCGI_API Cgi {
   /// (RFC 7578) or, without a boundary, a query string; the uploads in it are
   /// written to the temporary directory as they come. A POST whose declared
   /// length is 0 stays unparsed, and the next access tries again.
+  ///
+  /// Some bodies are parsed for ever, with all the processor time there is or
+  /// asleep, and some forms come out wrong; docs/security.md lists both.
   /// @throws std::runtime_error "bad request method '...'" unless
   ///   `REQUEST_METHOD` is GET or POST; the input then stays unparsed. Of a
   ///   POST: what Data::ParseInput() throws
@@ -147,8 +152,10 @@ class ZANCGI_API Cgi {
   /// Sets the directory in which uploads are spooled and makes it if it is
   /// missing. To be called before the input is parsed.
   ///
-  /// Others must not be able to rename files in it: it belongs to this program
-  /// alone, or is sticky (mode 1777) as /tmp is.
+  /// It should belong to this program alone, with mode 0700, or be sticky and
+  /// listable by nobody (mode 1733). Whoever may rename files in it can
+  /// exchange an upload; whoever can list it, as everybody can /tmp, can read
+  /// an upload while Su() hands it over.
   /// @param dir  the directory; when empty, the value of `TMP`, and failing
   ///   that "tmp" below the current directory. The parents must exist.
   /// @throws std::runtime_error "temp dir '...' is not a directory"
@@ -173,12 +180,16 @@ class ZANCGI_API Cgi {
   /// "sfrom" as far as it has been parsed. Values are added as they are, not
   /// encoded. Of an answer in XML, everything before "<?xml" is dropped. A
   /// failing back end is tried four times without a pause, so a query may be
-  /// carried out more than once. Waits for as long as the back end takes.
+  /// carried out more than once. Waits for as long as the back end takes. To be
+  /// called before Su().
   /// @param query  items "name=value", encoded and joined by "&"
   /// @throws tov_err::Missed when the service has no name
   /// @throws tov_err::Value when the session should have come from the
   ///   parameters but did not
   /// @throws tov_err::Error of the fourth attempt when all have failed
+  /// @throws std::runtime_error "the back end cannot be asked from inside an
+  ///   account's folder" when the process is confined to a folder that is not
+  ///   root's own; nothing is sent then
   std::string Query(std::string query);
 
   /// The same for a map of parameters, sent in ascending byte order of their
@@ -191,7 +202,7 @@ class ZANCGI_API Cgi {
 
   /// Finds the session id and asks the back end whose session it is.
   ///
-  /// The session cookie is named after the service, with "ses5" behind; the
+  /// The session cookie is named after the service, with "ses5" appended; the
   /// language cookie likewise with "lang5". Session id and method keep their
   /// new values even when the call fails.
   /// @param method  where to look for the session id. AuthCookie asks the back
@@ -202,7 +213,8 @@ class ZANCGI_API Cgi {
   /// @throws tov_err::Error when the back end cannot be reached
   /// @throws std::runtime_error "You do not authorized for this operation" when
   ///   the back end refuses access, "unknown authorization error" when it
-  ///   reports another error, "bad answer from '...'" when its answer is none
+  ///   reports another error, "bad answer from '...'" when its answer is none;
+  ///   as Query()
   void Authorize(AuthInfo::AuthMethod method);
 
   /// Returns what the last successful Authorize() has found. The reference is
@@ -219,11 +231,12 @@ class ZANCGI_API Cgi {
   /// into its home folder under their temporary names; File() returns their new
   /// paths. Those that are still there when the last copy of this object goes
   /// are removed. Then the process takes on the account's groups, group and
-  /// user, and enters @p dir.
+  /// user, and enters @p dir. Its session keyring stays what it was.
   ///
   /// Whether the process may take on an identity is not checked: without the
-  /// rights it goes on as who it was. Ask getuid(2) and its like afterwards. Of
-  /// root, uploads stay where they are, and both flags are ignored.
+  /// rights it goes on as who it was. Compare ids, groups and capabilities
+  /// afterwards, as docs/guide.md does. Of root, uploads stay where they are,
+  /// and both flags are ignored.
   ///
   /// Once an exception says anything but "failed to get pw entry", the request
   /// must end: part of the switch may have been made, and nothing is undone.

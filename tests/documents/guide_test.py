@@ -17,6 +17,22 @@ PROGRAMS = pathlib.Path(os.environ["GUIDE_PROGRAMS"])
 # They want accounts, or folders of the system's; the example panel's tests do
 # the same with both.
 NOT_PLAYED = {"account", "spool"}
+# What each answers to who has no session, and no cookie at all.
+TO_A_STRANGER = {
+    "account": "400 Bad Request",
+    "body": "400 Bad Request",
+    "domains": "403 Forbidden",
+    "errors": "403 Forbidden",
+    # The same program, but that it takes a session from the parameters too.
+    "errors_any": "403 Forbidden",
+    "hello": "200 OK",
+    "login": "200 OK",
+    "parameters": "200 OK",
+    "spool": "400 Bad Request",
+    "theme": "200 OK",
+    "upload": "400 Bad Request",
+    "whoami": "403 Forbidden",
+}
 END = "--- end of the answer ---"
 
 
@@ -80,6 +96,26 @@ class Shell:
             answer += line
         return answer.removesuffix(f"{END}\n")
 
+    def start_back_end(self):
+        for command, _ in commands():
+            if "TOV_RUN_DIR" in command or "backend.py" in command:
+                self.answer_to(command)
+        self.wait_for_back_end()
+
+    def ask(self, program, method, **variables):
+        """The header and the body of the answer to who has no session."""
+        run_dir = next(self.folder.glob("*/panel.sock")).parent
+        answer = subprocess.run(
+            [self.cgi / program],
+            cwd=self.cgi,
+            env={"REQUEST_METHOD": method, "TOV_RUN_DIR": str(run_dir), **variables},
+            capture_output=True,
+            text=True,
+            timeout=60,
+        ).stdout
+        head, _, body = answer.partition("\n\n")
+        return head, body
+
     def wait_for_back_end(self):
         end = time.monotonic() + 30
         while not list(self.folder.glob("*/panel.sock")):
@@ -105,6 +141,42 @@ class GuideTest(unittest.TestCase):
             played += 1
         self.assertGreater(played, 15)
 
+    def shell_with_back_end(self):
+        folder = tempfile.TemporaryDirectory(prefix="guide-")
+        self.addCleanup(folder.cleanup)
+        shell = Shell(folder.name)
+        self.addCleanup(shell.end)
+        shell.start_back_end()
+        return shell
+
+    def test_each_program_knows_a_stranger(self):
+        shell = self.shell_with_back_end()
+        for program, status in TO_A_STRANGER.items():
+            with self.subTest(program=program):
+                head, body = shell.ask(program, "GET")
+                answered = re.match(r"Status: (.*)", head)
+                self.assertEqual(answered[1] if answered else "200 OK", status)
+                self.assertTrue(body)
+                for text in ("bad value", "bad request method"):
+                    self.assertNotIn(text, body)
+
+    def test_head_is_answered_like_get_without_a_body(self):
+        shell = self.shell_with_back_end()
+        for program in TO_A_STRANGER.keys() - {"hello"}:
+            with self.subTest(program=program):
+                head, _ = shell.ask(program, "GET", QUERY_STRING="a=1")
+                self.assertEqual(shell.ask(program, "HEAD", QUERY_STRING="a=1"), (head, ""))
+
+    def test_first_program_refuses_head_as_the_guide_says(self):
+        self.assertIn("gets 400 from this program", GUIDE)
+        head, body = self.shell_with_back_end().ask("hello", "HEAD")
+        self.assertTrue(head.startswith("Status: 400 "))
+        self.assertEqual(body, "bad request method 'HEAD'\n")
+
+    def test_no_program_is_left_out_for_strangers(self):
+        shown = set(re.findall(r"^// (\w+)\.cpp\b", GUIDE, re.MULTILINE))
+        self.assertEqual(set(TO_A_STRANGER) - {"errors_any"}, shown)
+
     def test_each_program_is_played(self):
         shown = set(re.findall(r"^// (\w+)\.cpp\b", GUIDE, re.MULTILINE))
         played = set(re.findall(r"\./(\w+)", "".join(command for command, _ in commands())))
@@ -115,6 +187,56 @@ class GuideTest(unittest.TestCase):
     def test_each_program_has_a_name(self):
         for text in blocks("cpp"):
             self.assertRegex(text, r"\A// \w+\.(cpp|h)\b")
+
+
+@unittest.skipUnless(os.geteuid() == 0, "needs root")
+class AccountProgramTest(unittest.TestCase):
+    """The account of the guide's user, for one process: its folder for uploads
+    is in mounts of its own."""
+
+    USER, GROUP = 54321, 54322
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="guide-")
+        self.addCleanup(folder.cleanup)
+        self.shell = Shell(folder.name)
+        self.addCleanup(self.shell.end)
+        self.shell.folder.chmod(0o755)
+        self.home = self.shell.folder / "alice"
+        self.home.mkdir()
+        os.chown(self.home, self.USER, self.GROUP)
+        passwd = self.shell.folder / "passwd"
+        passwd.write_text(f"alice:x:{self.USER}:{self.GROUP}::{self.home}:/bin/sh\n")
+        group = self.shell.folder / "group"
+        group.write_text(f"further:x:54323:alice\nothers:x:{self.USER}:\n")
+        self.variables = (
+            f"--env NSS_WRAPPER_PASSWD={passwd} --env NSS_WRAPPER_GROUP={group} "
+            "--env LD_PRELOAD=libnss_wrapper.so"
+        )
+        for command, _ in commands():
+            if re.match("export|python3|play\\(|play -i -d|SESSION=|echo 'Dear", command):
+                self.shell.answer_to(command)
+            if command.rstrip().endswith("&"):
+                self.shell.wait_for_back_end()
+
+    def answer(self, under=""):
+        mounts = """unshare --mount sh -c 'mount -t tmpfs tmpfs /var/tmp && exec "$@"' sh"""
+        return self.shell.answer_to(
+            f"{mounts} {under} zancgi-request --env TOV_RUN_DIR {self.variables} "
+            '-b "$SESSION" -F backup=@notes.txt ./account'
+        )
+
+    def test_keeps_the_upload_as_the_account(self):
+        self.assertEqual(self.answer(), "<!doctype html><title>Panel</title><p>Kept.\n")
+        kept = self.home / "backup"
+        self.assertEqual(kept.read_text(), "Dear diary\n")
+        self.assertEqual((kept.stat().st_uid, kept.stat().st_gid), (self.USER, self.GROUP))
+
+    def test_notices_what_is_left_of_root(self):
+        for left in ("--securebits=+no_setuid_fixup", "--inh-caps=+chown"):
+            with self.subTest(left=left):
+                self.assertIn("the switch failed", self.answer(f"setpriv {left}"))
+                self.assertFalse((self.home / "backup").exists())
 
 
 if __name__ == "__main__":

@@ -12,9 +12,9 @@ OPERATION_PAGES = {name: path for name, path in PAGES.items() if name != "zancgi
 HEADER = SOURCE / "src" / "zancgi" / "zancgi.h"
 
 PAGES_OF_THE_SYSTEM = {
-    "chroot(2)", "initgroups(3)", "malloc(3)", "nsswitch.conf(5)", "pam_conv(3)",
-    "pam_open_session(3)", "pam_start(3)", "rename(2)", "setrlimit(2)", "setuid(2)",
-    "tmpfiles.d(5)",
+    "alarm(2)", "chroot(2)", "getgrouplist(3)", "initgroups(3)", "malloc(3)",
+    "nsswitch.conf(5)", "pam_conv(3)", "pam_open_session(3)", "pam_start(3)", "rename(2)",
+    "session-keyring(7)", "setrlimit(2)", "setuid(2)", "tmpfiles.d(5)",
 }  # fmt: skip
 SECTIONS = ["NAME", "SYNOPSIS", "DESCRIPTION", "RETURN VALUES", "EXAMPLES", "ERRORS", "SEE ALSO"]
 # String literals, those side by side as one.

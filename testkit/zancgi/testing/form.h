@@ -1,5 +1,7 @@
 /// @file
-/// Multipart forms (RFC 7578), as browsers send them.
+/// Multipart forms (RFC 7578), in the spelling of browsers: their headers and
+/// their order, their escapes in names. Values are sent as they are given;
+/// browsers would make every line end in them CR LF.
 #ifndef ZANCGI_TESTING_FORM_H
 #define ZANCGI_TESTING_FORM_H
 
@@ -13,8 +15,8 @@ class Form {
  public:
   /// Adds a field.
   Form& Field(const std::string& name, const std::string& value);
-  /// Adds a file. In names, the bytes that would break the header are escaped
-  /// as browsers do.
+  /// Adds a file. In names, double quote, CR and LF are escaped, each byte by
+  /// itself, as %22, %0D and %0A.
   Form& File(const std::string& name, const std::string& file_name,
              const std::string& content,
              const std::string& content_type = "application/octet-stream");
