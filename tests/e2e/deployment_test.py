@@ -14,6 +14,7 @@ import pathlib
 import pwd
 import re
 import secrets
+import select
 import shlex
 import shutil
 import signal
@@ -60,6 +61,8 @@ BODY_LIMIT = 134217728
 TIME_LIMIT = 60
 PROCESSOR_LIMIT = 10
 HARAKIRI = 10
+# More than what server and kernel keep for a client that takes its time.
+DOWNLOAD = 32 << 20
 ATTEMPTS = 4
 
 # Stands where the front end would, and does what the query says.
@@ -93,6 +96,38 @@ def spin():
         for _ in range(1000000):
             pass
 
+def refuse():
+    print("Status: 413 Content Too Large\\r\\n\\r\\nToo much.", end="", flush=True)
+    os._exit(0)
+
+def send():
+    size, promised = value.split("&")
+    print("Content-Type: application/octet-stream\\r")
+    if promised:
+        print(f"Content-Length: {promised}\\r")
+    print("\\r", flush=True)
+    note("begun")
+    for _ in range(int(size) >> 16):
+        sys.stdout.buffer.write(bytes(65536))
+    sys.stdout.flush()
+
+def send_all():
+    send()
+    os._exit(0)
+
+def send_part():
+    send()
+    os.kill(os.getpid(), signal.SIGTERM)
+
+def parent():
+    with open(f"/proc/{os.getppid()}/comm") as name:
+        return name.read().strip()
+
+def end():
+    if name == "signal":
+        os.kill(os.getpid(), int(value))
+    sys.exit(int(value))
+
 def become():
     uid, gid = map(int, value.split("&"))
     note("begun")
@@ -107,7 +142,8 @@ def note(text):
         notes.write(f"{os.getpid()} {text}")
     os.rename(path + ".new", path)
 
-action, _, value = os.environ["QUERY_STRING"].removeprefix("probe=").partition("&")
+_, _, request = os.environ["QUERY_STRING"].partition("probe=")
+action, _, value = request.partition("&")
 name, _, value = value.partition("&")
 answer = globals()[action]()
 print("Content-Type: text/plain\\r\\n\\r\\n" + answer, end="")
@@ -193,9 +229,9 @@ class Machine:
         """Host and port of the server with this configuration."""
         return self.addresses[path]
 
-    def part(self, language):
+    def part(self, heading):
         """What the document puts in place of running the program directly."""
-        found = re.search(rf"^```{language} with fcgiwrap\n(.*?)^```$", TEXT, PART)
+        found = re.search(rf"^```{heading}\n(.*?)^```$", TEXT, PART)
         return self._moved(found.group(1))
 
     def stop(self):
@@ -375,7 +411,7 @@ class Machine:
         program.write_text(
             f"""#!/bin/sh
 case $QUERY_STRING in
-  probe=*) exec /usr/bin/python3 -IB {self.root}/probe.py {self.at('/notes')} ;;
+  *probe=*) exec /usr/bin/python3 -IB {self.root}/probe.py {self.at('/notes')} ;;
   *) exec {front} ;;
 esac
 """
@@ -561,6 +597,19 @@ class Site:
     def get(self, query, **headers):
         return self.request("GET", query, headers)
 
+    def begin_download(self, query):
+        """A connection on which an answer has begun, with little room for it on
+        this side."""
+        client = socket.socket()
+        client.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, PIPE)
+        client.settimeout(150)
+        client.connect((self.host, self.port))
+        client.sendall(f"GET {self.path}?{query} HTTP/1.1\r\nHost: panel\r\n\r\n".encode())
+        answer = http.client.HTTPResponse(client)
+        client.close()  # the answer keeps it open
+        answer.begin()
+        return answer
+
     def begin_upload(self, query, headers, sent, length):
         """A connection on which so much of the body has come."""
         client = socket.create_connection((self.host, self.port), timeout=60)
@@ -612,17 +661,48 @@ class LighttpdWithFcgiwrap(LighttpdSite):
 
     def start(self, path):
         text = path.read_text().replace('"mod_cgi"', '"mod_fastcgi"')
-        path.write_text(text[: text.index("$HTTP[")] + self.machine.part("lighttpd"))
+        path.write_text(text[: text.index("$HTTP[")] + self.machine.part("lighttpd with fcgiwrap"))
         super().start(path)
 
 
-class ApacheWithFcgiwrap(ApacheSite):
-    services = ("panel-fcgi",)
+class OtherApacheSite(ApacheSite):
+    """One for which the document has another last part."""
 
     def start(self, path):
-        text = path.read_text()
-        text = "".join(line for line in text.splitlines(True) if "mod_cgi" not in line)
-        path.write_text(text[: text.index("ScriptAlias")] + self.machine.part("apache"))
+        lines = path.read_text().splitlines(True)
+        text = "".join(line for line in lines if not any(each in line for each in self.replaced))
+        path.write_text(text[: text.index("ScriptAlias")] + self.machine.part(self.part))
+        super().start(path)
+
+
+class ApacheWithFcgiwrap(OtherApacheSite):
+    services = ("panel-fcgi",)
+    replaced = ("mod_cgi",)
+    part = "apache with fcgiwrap"
+
+
+class ApacheWithThreads(OtherApacheSite):
+    replaced = ("mod_cgi", "mpm_prefork")
+    part = "apache with threads"
+
+
+class StreamingLighttpdSite(LighttpdSite):
+    """Passes a body on while it comes."""
+
+    def start(self, path):
+        self.machine.edit(
+            self.configuration, "server.stream-request-body = 0", "server.stream-request-body = 1"
+        )
+        super().start(path)
+
+
+class StreamingNginxSite(NginxSite):
+    def start(self, path):
+        self.machine.edit(
+            self.configuration,
+            "fastcgi_read_timeout 70s;\n",
+            "fastcgi_read_timeout 70s;\nfastcgi_request_buffering off;\n",
+        )
         super().start(path)
 
 
@@ -631,12 +711,26 @@ SITES = (LighttpdSite, ApacheSite, NginxSite, BusyboxSite)
 PRIVILEGED_SITES = (NginxSite, LighttpdWithFcgiwrap, ApacheWithFcgiwrap)
 
 
-@functools.cache
-def machine(front_ends_of_root=False):
+# What the document says of them in passing: not all of the panel is tried.
+OTHER_SITES = (StreamingLighttpdSite, ApacheWithThreads, StreamingNginxSite)
+
+
+def new_machine(front_ends_of_root=False):
     the_machine = Machine(front_ends_of_root)
     unittest.addModuleCleanup(the_machine.stop)
+    return the_machine
+
+
+@functools.cache
+def machine(front_ends_of_root=False):
+    the_machine = new_machine(front_ends_of_root)
     the_machine.activate("panel-backend")
     return the_machine
+
+
+@functools.cache
+def machine_of_other_sites():
+    return new_machine()
 
 
 @functools.cache
@@ -647,6 +741,11 @@ def site(kind):
 @functools.cache
 def privileged_site(kind):
     return kind(machine(front_ends_of_root=True))
+
+
+@functools.cache
+def other_site(kind):
+    return kind(machine_of_other_sites())
 
 
 class Visitor:
@@ -689,7 +788,52 @@ def open_files(folder):
     return found
 
 
-class SiteTest:
+class RefusalTest:
+    def test_a_refusal_arrives_though_the_body_is_not_read(self):
+        for size in (1000, 1 << 20, 20 << 20):
+            answer = self.site.request("POST", "probe=refuse", {}, b"\0" * size)
+            self.assertEqual((answer.status, answer.body), (413, "Too much."), self.machine.logs())
+        self.assert_nothing_left()
+
+    def assert_nothing_left(self):
+        folders = [self.machine.at(folder) for folder in BODY_FOLDERS]
+        wait_for(lambda: not any(os.listdir(folder) for folder in folders))
+
+
+class AnswerTest(RefusalTest):
+    """What becomes of an answer that comes early, or not whole."""
+
+    # Whether the front end gets rid of an answer at the client's pace only, and
+    # is ended with it by the launcher's limit for a page.
+    ends_slow_downloads = False
+
+    def test_a_download_that_is_cut_off_shows_only_if_its_length_was_sent(self):
+        for promised, expected in (("", None), (2 << 20, 1 << 20)):
+            query = f"probe=send_part&{type(self).__name__}&{1 << 20}&{promised}"
+            with self.site.begin_download(query) as answer:
+                self.assertEqual(answer.status, 200)
+                try:
+                    content, missing = answer.read(), None
+                except http.client.IncompleteRead as error:
+                    content, missing = error.partial, error.expected
+            self.assertEqual((len(content), missing), (1 << 20, expected))
+
+    def test_a_slow_client_gets_a_download_whole(self):
+        run = slow_runs()[self.kind, "download"].result()
+        self.assertEqual((run.announced, run.received), (DOWNLOAD, DOWNLOAD))
+        self.assertGreater(run.seconds, TIME_LIMIT)
+
+    def test_a_slow_client_gets_a_page_as_far_as_the_time_goes(self):
+        run = slow_runs()[self.kind, "page"].result()
+        self.assertEqual(run.announced, DOWNLOAD)
+        self.assertEqual(run.received < DOWNLOAD, self.ends_slow_downloads)
+
+    def test_a_client_that_takes_nothing_keeps_no_front_end(self):
+        run = slow_runs()[self.kind, "stall"].result()
+        self.assertTrue(run.has_ended)
+
+
+class SiteTest(AnswerTest):
     """What every configuration has to give."""
 
     room_for_cookies = 30_000
@@ -758,10 +902,6 @@ class SiteTest:
         """Where a body is being written to: by the front end or the server."""
         return [found for folder in BODY_FOLDERS for found in open_files(self.machine.at(folder))]
 
-    def assert_nothing_left(self):
-        folders = [self.machine.at(folder) for folder in BODY_FOLDERS]
-        wait_for(lambda: not any(os.listdir(folder) for folder in folders))
-
     def test_a_program_that_never_ends_is_ended(self):
         for action in ("wait", "wait_stubbornly"):
             with self.subTest(action):
@@ -780,17 +920,14 @@ class SiteTest:
         self.assertTrue(run.has_ended)
 
 
-class SlowRun:
-    """A request that the probe would never answer."""
+class Run:
+    """A request that takes its time, and what becomes of the probe."""
 
-    def __init__(self, the_site, action, value=""):
+    def __init__(self, the_site, action, *arguments):
         name = f"{type(the_site).__name__}-{action}"
         machine = the_site.machine
         started = time.monotonic()
-        try:
-            self.status = the_site.get(f"probe={action}&{name}&{value}").status
-        except (http.client.HTTPException, OSError):
-            self.status = None
+        self.make(the_site, name, action, *arguments)
         self.seconds = time.monotonic() - started
         process, self.note = (machine.at("/notes") / name).read_text().split()
         with contextlib.suppress(TimeoutError):
@@ -798,21 +935,69 @@ class SlowRun:
         self.has_ended = int(process) not in machine.programs()
 
 
+class SlowRun(Run):
+    """A request that the probe would never answer."""
+
+    def make(self, the_site, name, action, value=""):
+        try:
+            self.status = the_site.get(f"probe={action}&{name}&{value}").status
+        except (http.client.HTTPException, OSError):
+            self.status = None
+
+
+class SlowDownload(Run):
+    """One that takes the client longer than a page may take."""
+
+    def make(self, the_site, name, action):
+        query = f"probe=send_all&{name}&{DOWNLOAD}&{DOWNLOAD}"
+        with the_site.begin_download(f"page={action}&{query}") as answer:
+            self.announced = answer.length
+            self.received = sum(map(len, self.pieces(answer)))
+
+    def pieces(self, answer):
+        until = time.monotonic() + TIME_LIMIT + 5
+        with contextlib.suppress(http.client.IncompleteRead, ConnectionError):
+            while piece := answer.read(PIPE):
+                yield piece
+                if time.monotonic() < until:
+                    time.sleep(1)
+
+
+class StalledDownload(SlowDownload):
+    """One of which the client takes the beginning only, and stays."""
+
+    def pieces(self, answer):
+        yield answer.read(PIPE)
+        time.sleep(TIME_LIMIT + 10)
+
+
 @functools.cache
 def slow_runs():
     """All of them side by side: each takes as long as the limits are."""
-    workers = concurrent.futures.ThreadPoolExecutor(len(SITES) * 2 + 1)
+    sites = {kind: site(kind) for kind in SITES}
+    all_sites = sites | {kind: other_site(kind) for kind in OTHER_SITES}
+    workers = concurrent.futures.ThreadPoolExecutor(len(sites) * 2 + len(all_sites) * 3 + 1)
     runs = {
-        (kind, action): workers.submit(SlowRun, site(kind), action)
-        for kind in SITES
+        (kind, action): workers.submit(SlowRun, the_site, action)
+        for kind, the_site in sites.items()
         for action in ("wait", "wait_stubbornly")
     }
+    runs |= {
+        (kind, action): workers.submit(run, the_site, action)
+        for kind, the_site in all_sites.items()
+        for run, action in (
+            (SlowDownload, "download"), (SlowDownload, "page"), (StalledDownload, "stall"),
+        )
+    }  # fmt: skip
     if IS_ROOT:
         ids = f"{UID}&{GID}"
         runs["become"] = workers.submit(SlowRun, privileged_site(NginxSite), "become", ids)
     # One after the other: it takes them longer side by side.
     spinner = concurrent.futures.ThreadPoolExecutor(1)
-    runs |= {(kind, "spin"): spinner.submit(SlowRun, site(kind), "spin") for kind in SITES}
+    runs |= {
+        (kind, "spin"): spinner.submit(SlowRun, the_site, "spin")
+        for kind, the_site in sites.items()
+    }
     for pool in (workers, spinner):
         pool.shutdown(wait=False)
     return runs
@@ -838,9 +1023,30 @@ class BusyboxTest(SiteTest, unittest.TestCase):
     # A longer line is cut.
     room_for_cookies = 8000
     statuses_at_the_end = (None,)
+    ends_slow_downloads = True
 
 
-class PrivilegedSiteTest:
+class OtherSiteTest(AnswerTest):
+    @classmethod
+    def setUpClass(cls):
+        cls.site = other_site(cls.kind)
+        cls.machine = cls.site.machine
+
+
+class StreamingLighttpdTest(OtherSiteTest, unittest.TestCase):
+    kind = StreamingLighttpdSite
+
+
+class ApacheWithThreadsTest(OtherSiteTest, unittest.TestCase):
+    kind = ApacheWithThreads
+    ends_slow_downloads = True
+
+
+class StreamingNginxTest(OtherSiteTest, unittest.TestCase):
+    kind = StreamingNginxSite
+
+
+class PrivilegedSiteTest(RefusalTest):
     """Front ends that become the visitor's account."""
 
     @classmethod
@@ -882,7 +1088,7 @@ class PrivilegedNginxTest(PrivilegedSiteTest, unittest.TestCase):
     kind = NginxSite
 
     def set_up_panel(self, variables):
-        documented = "PANEL_CONFINE= PANEL_PAM= "
+        documented = "PANEL_CONFINE='' PANEL_PAM='' "
         self.machine.edit(LAUNCHER, documented, variables)
         self.addCleanup(self.machine.edit, LAUNCHER, variables, documented)
 
@@ -952,38 +1158,209 @@ class PrivilegedNginxTest(PrivilegedSiteTest, unittest.TestCase):
 
 
 class LauncherTest(unittest.TestCase):
-    def run_with(self, *command, **variables):
-        done = subprocess.run(
+    def start(self, *command, query="probe=env", **variables):
+        environment = {"REQUEST_METHOD": "GET", "QUERY_STRING": query, **variables}
+        process = subprocess.Popen(
             [*command, "/bin/busybox", "sh", machine().at(LAUNCHER)],
-            env={"REQUEST_METHOD": "GET", "QUERY_STRING": "probe=env", **variables},
-            stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=60,
+            env=environment, stdin=self.standard_input, stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE, text=True,
         )  # fmt: skip
-        return done.stdout
+        self.addCleanup(self.give_up, process)
+        return process
+
+    def give_up(self, process):
+        """Though what it has started may hold its output open."""
+        process.kill()
+        process.stdout.close()
+        process.stderr.close()
+        process.wait(60)
+
+    def run_with(self, *command, **variables):
+        process = self.start(*command, **variables)
+        output, self.errors = process.communicate(timeout=60)
+        self.returned = process.returncode
+        return output
+
+    def post(self, query, **variables):
+        return self.run_with(query=query, REQUEST_METHOD="POST", **variables)
+
+    def setUp(self):
+        self.standard_input = subprocess.DEVNULL
+
+    def change(self, text, replacement):
+        machine().edit(LAUNCHER, text, replacement)
+        self.addCleanup(machine().edit, LAUNCHER, replacement, text)
+
+    def open_pipe(self):
+        """Has standard input be a pipe that does not end. Returns its other end."""
+        self.standard_input, other_end = os.pipe()
+        self.addCleanup(self.close_standard_input)
+        self.addCleanup(os.close, other_end)
+        return other_end
+
+    def feed(self, size):
+        """Has standard input be a pipe with so much to read. The result is how
+        much of it was taken."""
+        sent = concurrent.futures.Future()
+
+        def write(end):
+            count = 0
+            with contextlib.suppress(OSError), open(end, "wb", 0) as pipe:
+                while count < size:
+                    count += pipe.write(bytes(PIPE))
+            sent.set_result(count)
+
+        self.standard_input, end = os.pipe()
+        threading.Thread(target=write, args=[end]).start()
+        self.addCleanup(sent.result)
+        self.addCleanup(self.close_standard_input)
+        return sent
+
+    def close_standard_input(self):
+        """Here: what has been started may have it open."""
+        if self.standard_input is not None:
+            os.close(self.standard_input)
+        self.standard_input = None
 
     def test_what_only_the_visitor_knows_is_no_argument_of_a_command(self):
         steps = ["set startup-with-shell off", "catch exec", "run"]
         steps += ["info proc cmdline", "continue"] * 4
         debugger = ["gdb", "-nx", "-batch", *(f"--eval-command={step}" for step in steps), "--args"]
-        told = self.run_with(*debugger, HTTP_COOKIE="panelses5=secret")
-        commands = re.findall("^cmdline = '(.*)'$", told, re.MULTILINE)
-        self.assertTrue([each for each in commands if "timeout" in each], told)
-        self.assertEqual([each for each in commands if "secret" in each], [])
+        for method in ("GET", "POST"):
+            told = self.run_with(*debugger, REQUEST_METHOD=method, HTTP_COOKIE="panelses5=secret")
+            commands = re.findall("^cmdline = '(.*)'$", told, re.MULTILINE | re.DOTALL)
+            self.assertTrue([each for each in commands if "timeout" in each], told)
+            self.assertEqual([each for each in commands if "secret" in each], [])
 
     def test_variables_pass_by_their_names_whatever_their_values_are(self):
+        names = {}
         agent = "it's *\nexport HTTP_COOKIE='x'\nHTTP_HOST\n1\nIFS\nname\n$(exit 3)"
-        answer = self.run_with(
-            HTTP_USER_AGENT=agent, HTTP_COOKIE="a=b", HTTP_HOST="panel.example",
-            body_limit="x", IFS="x", SHLVL="3", HTTP_PROXY="x", LD_PRELOAD="/x",
-            **{"HTTP_X.FORWARDED.FOR": "x"},
-        )  # fmt: skip
-        variables = json.loads(answer.partition("\n\n")[2])
-        for name, value in (
-            ("HTTP_USER_AGENT", agent), ("HTTP_COOKIE", "a=b"), ("HTTP_HOST", "panel.example"),
+        for method in ("GET", "POST"):
+            answer = self.run_with(
+                REQUEST_METHOD=method,
+                HTTP_USER_AGENT=agent, HTTP_COOKIE="a=b", HTTP_HOST="panel.example",
+                body_limit="x", IFS="x", SHLVL="3", HTTP_PROXY="x", LD_PRELOAD="/x",
+                stopped="x", status="x", **{"HTTP_X.FORWARDED.FOR": "x"},
+            )  # fmt: skip
+            variables = json.loads(answer.partition("\n\n")[2])
+            for name, value in (
+                ("HTTP_USER_AGENT", agent), ("HTTP_COOKIE", "a=b"), ("HTTP_HOST", "panel.example"),
+            ):  # fmt: skip
+                self.assertEqual(variables.pop(name), value)
+            self.assertEqual(variables.pop("QUERY_STRING"), "probe=env")
+            given = {"HTTP_PROXY", "HTTP_X.FORWARDED.FOR", "IFS", "LD_PRELOAD", "SHLVL"}
+            given |= {"body_limit", "status", "stopped"}
+            self.assertEqual(given & set(variables), set())
+            names[method] = set(variables)
+        self.assertEqual(names["GET"], names["POST"])
+
+    def test_a_page_costs_no_process_but_the_time_limit_s(self):
+        for method, length, parent in (
+            ("GET", "", "timeout"), ("HEAD", "0", "timeout"), ("GET", "1", "busybox"),
+            ("POST", "", "busybox"),
         ):  # fmt: skip
-            self.assertEqual(variables.pop(name), value)
-        self.assertEqual(variables.pop("QUERY_STRING"), "probe=env")
-        given = {"HTTP_PROXY", "HTTP_X.FORWARDED.FOR", "IFS", "LD_PRELOAD", "SHLVL", "body_limit"}
-        self.assertEqual(given & set(variables), set())
+            answer = self.run_with(
+                query="probe=parent", REQUEST_METHOD=method, CONTENT_LENGTH=length
+            )
+            self.assertEqual(answer.partition("\n\n")[2], parent)
+
+    def test_the_end_is_that_of_the_front_end(self):
+        for query, returned in (
+            ("status&0", 0), ("status&7", 7), ("status&255", 255),
+            *((f"signal&{number}", -number) for number in (
+                signal.SIGTERM, signal.SIGKILL, signal.SIGXCPU, signal.SIGSEGV)),
+        ):  # fmt: skip
+            for method in ("GET", "POST"):
+                with self.subTest(query, method=method):
+                    self.run_with(query="probe=end&" + query, REQUEST_METHOD=method)
+                    self.assertEqual(self.returned, returned, self.errors)
+
+    def test_what_a_front_end_has_not_read_is_read(self):
+        sent = self.feed(1 << 20)
+        self.assertIn("Too much.", self.post("probe=refuse", CONTENT_LENGTH=str(1 << 20)))
+        self.close_standard_input()
+        self.assertEqual((sent.result(), self.returned), (1 << 20, 0))
+
+    def test_what_a_front_end_has_not_read_of_a_file_is_read(self):
+        with tempfile.TemporaryFile() as body:
+            body.write(bytes(1 << 20))
+            body.seek(0)
+            self.standard_input = body.fileno()
+            self.assertIn("Too much.", self.post("probe=refuse", CONTENT_LENGTH=str(1 << 20)))
+            self.assertEqual(os.lseek(body.fileno(), 0, os.SEEK_CUR), 1 << 20)
+
+    def test_a_body_beyond_the_limit_is_read_before_its_refusal_ends(self):
+        self.change(f"body_limit={BODY_LIMIT}\n", f"body_limit={1 << 20}\n")
+        sent = self.feed(1 << 20)
+        answer = self.post("probe=env", CONTENT_LENGTH=str((1 << 20) + 1))
+        self.assertEqual(
+            answer,
+            "Status: 413 Content Too Large\n"
+            "Content-Type: text/plain\n\n"
+            "That is more than this server takes.\n",
+        )
+        self.close_standard_input()
+        self.assertEqual((sent.result(), self.returned), (1 << 20, 0))
+
+    def test_no_more_than_the_limit_is_read_for_a_refusal(self):
+        self.change(f"body_limit={BODY_LIMIT}\n", f"body_limit={1 << 20}\n")
+        sent = self.feed(16 << 20)
+        self.post("probe=refuse")
+        self.close_standard_input()
+        self.assertLess(sent.result(), 2 << 20)
+
+    def test_a_body_that_does_not_come_is_not_waited_for(self):
+        self.change("--foreground 30 ", "--foreground 1 ")
+        self.open_pipe()
+        started = time.monotonic()
+        self.assertIn("Too much.", self.post("probe=refuse", CONTENT_LENGTH="1"))
+        self.assertGreater(time.monotonic() - started, 0.9)
+        self.assertEqual(self.returned, 0)
+
+    def test_the_time_limit_ends_the_wait_for_a_body_too(self):
+        self.change("seconds=3600 ", "seconds=3 ")
+        body = select.poll()
+        body.register(self.open_pipe(), 0)
+        self.post("probe=refuse", CONTENT_LENGTH="1")
+        self.assertEqual(self.returned, 124)
+        self.assertEqual(body.poll(0), [])
+        self.close_standard_input()
+        self.assertEqual([event for _, event in body.poll(10_000)], [select.POLLERR])
+
+    def test_one_that_ignores_the_time_limit_s_signal_is_ended(self):
+        self.change("seconds=3600 ", "seconds=3 ")
+        self.post("probe=wait_stubbornly&stubborn")
+        process, _ = (machine().at("/notes") / "stubborn").read_text().split()
+        wait_for(lambda: int(process) not in machine().programs())
+
+    def test_a_front_end_that_a_signal_ends_has_nothing_read_for_it(self):
+        os.write(self.open_pipe(), b"body")
+        process = self.start(query="probe=wait&launcher", REQUEST_METHOD="POST")
+        wait_for((machine().at("/notes") / "launcher").exists)
+        process.terminate()
+        self.assertEqual(process.wait(60), -signal.SIGTERM)
+        self.assertEqual(os.read(self.standard_input, 10), b"body")
+
+    def test_one_that_sleeps_over_its_body_for_ever_is_ended(self):
+        """Standard input is at its end before the first read."""
+        self.change("seconds=3600 ", "seconds=3 ")
+        form_type = "application/x-www-form-urlencoded"
+        self.post("page=signin", CONTENT_TYPE=form_type, CONTENT_LENGTH="10")
+        self.assertEqual(self.returned, 124, self.errors)
+
+    def test_is_sound(self):
+        if not shutil.which("shellcheck"):
+            self.skipTest("not installed: shellcheck")
+        text = machine().files[LAUNCHER]
+        inner = text.partition("/bin/busybox sh -c '")[2].partition("\n' launcher")[0]
+        self.assertIn("exit", inner)
+        for script in (text, inner):
+            # busybox's shell has "read -t", others like it do not.
+            done = subprocess.run(
+                ["shellcheck", "--shell=dash", "--severity=warning", "--exclude=SC3045", "-"],
+                input=script, text=True, capture_output=True,
+            )  # fmt: skip
+            self.assertEqual(done.stdout, "")
 
 
 class BackEndTest(unittest.TestCase):

@@ -4,6 +4,8 @@ them, in a root directory of their own."""
 
 import os
 import pathlib
+import re
+import shlex
 import shutil
 import stat
 import subprocess
@@ -11,7 +13,9 @@ import sys
 import tempfile
 import unittest
 
-RULES = pathlib.Path(__file__).resolve().parents[2] / "packaging" / "tmpfiles"
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
+RULES = SOURCE / "packaging" / "tmpfiles"
+DEPLOYMENT = (SOURCE / "docs" / "deployment.md").read_text()
 INTERRUPTED_UPLOAD = os.environ["INTERRUPTED_UPLOAD"]
 NOBODY = 65534
 ANOTHER = 65533
@@ -64,6 +68,14 @@ class TmpfilesTest(unittest.TestCase):
         status = (self.root / name).lstat()
         self.assertEqual(stat.filemode(status.st_mode), mode)
         self.assertEqual((status.st_uid, status.st_gid), (0, 0))
+
+    def as_another(self, program):
+        """What another account sees of a Python program's errors."""
+        return subprocess.run(
+            [sys.executable, "-c", program],
+            user=ANOTHER, group=ANOTHER, extra_groups=[],
+            capture_output=True, text=True, timeout=60,
+        ).stderr  # fmt: skip
 
     def upload_until_killed(self, user):
         program = self.root / "front"
@@ -118,13 +130,21 @@ class TmpfilesTest(unittest.TestCase):
         )
         for attempt in attempts:
             with self.subTest(attempt):
-                done = subprocess.run(
-                    [sys.executable, "-c", attempt],
-                    user=ANOTHER, group=ANOTHER, extra_groups=[],
-                    capture_output=True, text=True, timeout=60,
-                )  # fmt: skip
-                self.assertRegex(done.stderr, "PermissionError|not permitted")
+                self.assertRegex(self.as_another(attempt), "PermissionError|not permitted")
         self.assertTrue(upload.exists())
+
+    def test_an_upload_on_its_way_to_an_account_is_found_only_where_the_spool_can_be_listed(self):
+        self.apply("--create")
+        self.upload_until_killed(NOBODY)
+        (upload,) = self.spool.iterdir()
+        upload.chmod(0o644)
+        watch = f"import os; [open(each).close() for each in os.scandir({str(self.spool)!r})]"
+        for mode, finds in ((None, False), (0o700, False), (0o1777, True)):
+            with self.subTest(mode=mode):
+                if mode is not None:
+                    self.spool.chmod(mode)
+                errors = self.as_another(watch)
+                self.assertEqual("PermissionError" not in errors, finds, errors)
 
     def test_an_upload_that_is_still_written_stays(self):
         self.apply("--create")
@@ -153,18 +173,45 @@ class TmpfilesTest(unittest.TestCase):
         for folder in ("tmp", "var/tmp"):
             self.assertEqual(self.left(folder), ["other", "zantmp"])
 
-    def test_at_boot_unfinished_copies_go_from_the_homes_and_nothing_else(self):
-        others = [".tov-", ".tov-AAAAA", ".tov-AAAAAAA", "tov-AAAAAA"]
-        self.make(*(f"home/alice/{name}" for name in (".tov-AAAAAA", ".tov-zzz123", *others)))
-        self.make("home/alice/sub/.tov-AAAAAA")
-        self.apply("--remove", "--boot")
-        self.assertEqual(self.left("home/alice"), sorted([*others, "sub"]))
-        self.assertEqual(self.left("home/alice/sub"), [".tov-AAAAAA"])
+    drafts = ("home/alice/.tov-aB3dE6", "home/bob/.tov-AAAAAA")
+    others = (
+        "home/alice/.tov-AAAAA", "home/alice/.tov-AAAAAAA", "home/alice/tov-AAAAAA",
+        "home/alice/mail/.tov-AAAAAA", "home/alice/zantempAAAAAA",
+    )  # fmt: skip
 
-    def test_while_the_machine_runs_unfinished_copies_in_homes_stay(self):
-        self.make("home/alice/.tov-AAAAAA")
+    def left_in_homes(self):
+        return sorted(name for name in (*self.drafts, *self.others) if (self.root / name).exists())
+
+    def test_homes_are_not_the_package_s(self):
+        self.make(*self.drafts, *self.others)
+        self.apply("--create", "--remove", "--clean", "--boot", later="9000h")
+        self.assertEqual(self.left_in_homes(), sorted((*self.drafts, *self.others)))
+
+    def test_a_rule_of_the_administrator_s_clears_homes_of_what_killed_copies_left_at_boot(self):
+        self.make(*self.drafts, *self.others)
+        (rule,) = re.findall("^#(r.*)$", (RULES / "zancgi.conf").read_text(), re.MULTILINE)
+        self.assertIn(f"```tmpfiles\n{rule}\n```", DEPLOYMENT)
+        rules = self.root / "etc" / "tmpfiles.d"
+        rules.mkdir(parents=True)
+        (rules / "homes.conf").write_text(rule + "\n")
         self.apply("--create", "--remove", "--clean", later="9000h")
-        self.assertEqual(self.left("home/alice"), [".tov-AAAAAA"])
+        self.assertEqual(self.left_in_homes(), sorted((*self.drafts, *self.others)))
+        self.apply("--remove", "--boot")
+        self.assertEqual(self.left_in_homes(), sorted(self.others))
+
+    def test_the_documented_command_finds_what_killed_copies_left_in_homes_a_day_ago(self):
+        self.make(*self.drafts, *self.others)
+        old, young = (self.root / name for name in self.drafts)
+        os.utime(old, (0, 0))
+        another_s = self.root / "home" / "alice" / ".tov-BBBBBB"
+        self.make(another_s)
+        os.utime(another_s, (0, 0))
+        os.chown(another_s, ANOTHER, ANOTHER)
+        (command,) = re.findall("^find /home .*$", DEPLOYMENT, re.MULTILINE)
+        command = command.replace("/home", str(self.root / "home"))
+        found = subprocess.run(shlex.split(command), capture_output=True, text=True, check=True)
+        self.assertEqual(found.stdout, f"{old}\n")
+        self.assertTrue(young.exists())
 
     def test_while_the_machine_runs_uploads_in_the_shared_folders_stay(self):
         for folder in ("tmp", "var/tmp"):
