@@ -97,7 +97,8 @@ def spin():
             pass
 
 def refuse():
-    print("Status: 413 Content Too Large\\r\\n\\r\\nToo much.", end="", flush=True)
+    print("Status: 413 Content Too Large\\r\\n\\r\\nToo much.", end="")
+    print("." * int(value or 0), end="", flush=True)
     os._exit(0)
 
 def send():
@@ -283,6 +284,14 @@ class Machine:
         path = "/etc/systemd/system/" + name
         drop_in = self.files.get(path + ".d/root.conf", "") if self.front_ends_of_root else ""
         return Unit(self.files[path], drop_in)
+
+    @contextlib.contextmanager
+    def edited(self, path, text, replacement):
+        self.edit(path, text, replacement)
+        try:
+            yield
+        finally:
+            self.edit(path, replacement, text)
 
     def edit(self, path, text, replacement):
         """What an administrator does to a file of the document."""
@@ -803,9 +812,15 @@ class RefusalTest:
 class AnswerTest(RefusalTest):
     """What becomes of an answer that comes early, or not whole."""
 
+    status_of_a_body_unread = 413
     # Whether the front end gets rid of an answer at the client's pace only, and
     # is ended with it by the launcher's limit for a page.
     ends_slow_downloads = False
+
+    def test_a_refusal_without_a_launcher_that_reads_the_body(self):
+        with self.machine.edited(LAUNCHER, "GET:0 | HEAD:0)", "GET:0 | HEAD:0 | *)"):
+            answer = self.site.request("POST", "probe=refuse", {}, bytes(1 << 20))
+        self.assertEqual(answer.status, self.status_of_a_body_unread)
 
     def test_a_download_that_is_cut_off_shows_only_if_its_length_was_sent(self):
         for promised, expected in (("", None), (2 << 20, 1 << 20)):
@@ -924,7 +939,7 @@ class Run:
     """A request that takes its time, and what becomes of the probe."""
 
     def __init__(self, the_site, action, *arguments):
-        name = f"{type(the_site).__name__}-{action}"
+        name = f"{type(the_site).__name__}-{type(self).__name__}-{action}"
         machine = the_site.machine
         started = time.monotonic()
         self.make(the_site, name, action, *arguments)
@@ -938,11 +953,20 @@ class Run:
 class SlowRun(Run):
     """A request that the probe would never answer."""
 
+    method = "GET"
+
     def make(self, the_site, name, action, value=""):
         try:
-            self.status = the_site.get(f"probe={action}&{name}&{value}").status
+            query = f"probe={action}&{name}&{value}"
+            self.status = the_site.request(self.method, query).status
         except (http.client.HTTPException, OSError):
             self.status = None
+
+
+class SlowPost(SlowRun):
+    """The launcher gives it an hour."""
+
+    method = "POST"
 
 
 class SlowDownload(Run):
@@ -976,7 +1000,7 @@ def slow_runs():
     """All of them side by side: each takes as long as the limits are."""
     sites = {kind: site(kind) for kind in SITES}
     all_sites = sites | {kind: other_site(kind) for kind in OTHER_SITES}
-    workers = concurrent.futures.ThreadPoolExecutor(len(sites) * 2 + len(all_sites) * 3 + 1)
+    workers = concurrent.futures.ThreadPoolExecutor(len(sites) * 2 + len(all_sites) * 3 + 3)
     runs = {
         (kind, action): workers.submit(SlowRun, the_site, action)
         for kind, the_site in sites.items()
@@ -989,6 +1013,10 @@ def slow_runs():
             (SlowDownload, "download"), (SlowDownload, "page"), (StalledDownload, "stall"),
         )
     }  # fmt: skip
+    runs |= {
+        (kind, "post"): workers.submit(SlowPost, sites[kind], "wait_stubbornly")
+        for kind in (ApacheSite, NginxSite)
+    }
     if IS_ROOT:
         ids = f"{UID}&{GID}"
         runs["become"] = workers.submit(SlowRun, privileged_site(NginxSite), "become", ids)
@@ -1003,6 +1031,22 @@ def slow_runs():
     return runs
 
 
+class PostTest(unittest.TestCase):
+    """One that never ends: the launcher gives it an hour, and the server less."""
+
+    def test_is_ended_by_apache_s_limit(self):
+        self.assert_ended(ApacheSite, (500, 504), True)
+
+    def test_is_given_up_by_nginx_and_goes_on(self):
+        self.assert_ended(NginxSite, (504,), False)
+
+    def assert_ended(self, kind, statuses, expected):
+        run = slow_runs()[kind, "post"].result()
+        self.assertIn(run.status, statuses)
+        self.assertLess(run.seconds, TIME_LIMIT + 40)
+        self.assertEqual(run.has_ended, expected)
+
+
 class LighttpdTest(SiteTest, unittest.TestCase):
     kind = LighttpdSite
     statuses_at_the_end = (500,)
@@ -1015,13 +1059,22 @@ class ApacheTest(SiteTest, unittest.TestCase):
 
 class NginxTest(SiteTest, unittest.TestCase):
     kind = NginxSite
+    status_of_a_body_unread = 502
     statuses_at_the_end = (502,)
+
+    def test_an_early_answer_that_a_pipe_cannot_hold_waits_for_the_time_limit(self):
+        with self.machine.edited(LAUNCHER, "seconds=3600 ", "seconds=3 "):
+            query = f"probe=refuse&long&{2 * PIPE}"
+            answer = self.site.request("POST", query, {}, bytes(1 << 20))
+        self.assertEqual(answer.status, 502)
 
 
 class BusyboxTest(SiteTest, unittest.TestCase):
     kind = BusyboxSite
     # A longer line is cut.
     room_for_cookies = 8000
+    # By chance: whoever goes on sending sees the connection closed.
+    test_a_refusal_without_a_launcher_that_reads_the_body = None
     statuses_at_the_end = (None,)
     ends_slow_downloads = True
 
@@ -1039,11 +1092,14 @@ class StreamingLighttpdTest(OtherSiteTest, unittest.TestCase):
 
 class ApacheWithThreadsTest(OtherSiteTest, unittest.TestCase):
     kind = ApacheWithThreads
+    # By chance: the answer is often lost.
+    test_a_refusal_without_a_launcher_that_reads_the_body = None
     ends_slow_downloads = True
 
 
 class StreamingNginxTest(OtherSiteTest, unittest.TestCase):
     kind = StreamingNginxSite
+    status_of_a_body_unread = 502
 
 
 class PrivilegedSiteTest(RefusalTest):
@@ -1089,8 +1145,7 @@ class PrivilegedNginxTest(PrivilegedSiteTest, unittest.TestCase):
 
     def set_up_panel(self, variables):
         documented = "PANEL_CONFINE='' PANEL_PAM='' "
-        self.machine.edit(LAUNCHER, documented, variables)
-        self.addCleanup(self.machine.edit, LAUNCHER, variables, documented)
+        self.enterContext(self.machine.edited(LAUNCHER, documented, variables))
 
     @needs_root
     def test_the_account_can_be_confined_and_have_a_session(self):
@@ -1188,8 +1243,7 @@ class LauncherTest(unittest.TestCase):
         self.standard_input = subprocess.DEVNULL
 
     def change(self, text, replacement):
-        machine().edit(LAUNCHER, text, replacement)
-        self.addCleanup(machine().edit, LAUNCHER, replacement, text)
+        self.enterContext(machine().edited(LAUNCHER, text, replacement))
 
     def open_pipe(self):
         """Has standard input be a pipe that does not end. Returns its other end."""
@@ -1345,7 +1399,12 @@ class LauncherTest(unittest.TestCase):
         """Standard input is at its end before the first read."""
         self.change("seconds=3600 ", "seconds=3 ")
         form_type = "application/x-www-form-urlencoded"
-        self.post("page=signin", CONTENT_TYPE=form_type, CONTENT_LENGTH="10")
+        # The log is this account's.
+        as_web = ["setpriv", f"--reuid={WEB}", f"--regid={WEB}", "--clear-groups"]
+        self.run_with(
+            *(as_web if IS_ROOT else ()), query="page=signin", REQUEST_METHOD="POST",
+            CONTENT_TYPE=form_type, CONTENT_LENGTH="10",
+        )  # fmt: skip
         self.assertEqual(self.returned, 124, self.errors)
 
     def test_is_sound(self):
