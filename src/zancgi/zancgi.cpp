@@ -313,9 +313,10 @@ class BodyParser {
         capacity_(std::min(static_cast<std::uint64_t>(length), kLargestChunk)),
         boundary_(boundary),
         closing_boundary_(boundary + "--"),
-        // Room for the look-ahead and for what a carry copies from behind the
-        // chunk's end.
-        chunk_(capacity_ + boundary.size() + 4),
+        // The look-ahead reads the byte after a full chunk. A carry may copy
+        // from beyond a short one, but never beyond a full one, since some
+        // chunk has held the whole boundary.
+        chunk_(capacity_ + 1),
         separator_("\r\n" + boundary),
         carry_(separator_.size() + 1, '\0') {}
 

@@ -7,8 +7,7 @@ namespace plain {
 namespace {
 
 bool IsWhiteSpace(char byte) {
-  return byte == ' ' || byte == '\t' || byte == '\r' || byte == '\n' ||
-         byte == '\v' || byte == '\f';
+  return byte == ' ' || byte == '\t' || byte == '\r' || byte == '\n';
 }
 
 bool IsDigit(char byte) { return byte >= '0' && byte <= '9'; }
