@@ -42,11 +42,12 @@ def functions_by_mark(file):
 
 
 def compile_commands():
-    """Those of the libraries' sources."""
+    """Those of the libraries' sources, but not of what tests make of them."""
     commands = json.loads((BUILD / "compile_commands.json").read_text())
     for command in commands:
         source = pathlib.Path(command["file"])
-        if source.is_relative_to(SOURCE / "src"):
+        for_library = "_objects.dir/" in command["command"]
+        if for_library and source.is_relative_to(SOURCE / "src"):
             yield source, command
 
 

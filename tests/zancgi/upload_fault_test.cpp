@@ -665,8 +665,14 @@ TEST(CutBody, FromAPipeIsAnErrorAtEveryByte) {
           ExpectUploadCutAt(result, cut);
         }
       });
-  EXPECT_EQ(outcome.Logged(4),
-            Strings(kBody.size() - 2, "Signal HUP received"));
+  // As often as the log says the same in one process.
+  Strings expected(100, "Signal HUP received");
+  expected.push_back(
+      "further messages are dropped after 100 of \"Signal HUP received\"");
+  Strings logged = outcome.Logged(4);
+  ASSERT_GE(logged.size(), expected.size());
+  logged.resize(expected.size());
+  EXPECT_EQ(logged, expected);
 }
 
 TEST(CutBody, FromAPipeIsAnErrorAtEveryByteOfADrain) {
@@ -896,17 +902,19 @@ TEST(Signal, InALaterWaitMakesTheParseGoOnForEver) {
   }
 }
 
-TEST(Signal, InALaterWaitMakesAQueryStringGoOnForEver) {
+TEST(Signal, InALaterWaitDelaysAQueryStringOnly) {
   const Strings pieces{"a=1", "&b=2", "&c=3"};
   for (std::size_t when = 1; when < pieces.size(); ++when) {
-    const Outcome outcome = Post("11", "").LogLevel(0).Run([&](const Told&) {
+    RunCleanly(Post("11", "").LogLevel(0), [&](const Told&) {
       const PieceInput input(pieces, [when](std::size_t wait) {
         if (wait == when) EndAfterProcessorTime(20'000);
-        return wait == when ? Event::Signal : Event::Piece;
+        return SignalAt(when)(wait);
       });
-      Parse("/tmp", true);
+      const Result result = Parse("/tmp", true);
+      EXPECT_EQ(result.error, "");
+      EXPECT_EQ(result.params, (std::map<std::string, std::string>{
+                                   {"a", "1"}, {"b", "2"}, {"c", "3"}}));
     });
-    EXPECT_EQ(outcome.status, 128 + SIGPROF) << when;
   }
 }
 
