@@ -403,6 +403,7 @@ class FrontEndAlone(unittest.TestCase):
             )
 
     def test_a_value_that_grows_for_ever_ends_at_the_memory_limit(self):
+        """Needs a fifth of the ten seconds of processor time that the panel has."""
         begun = field("token", self.token) + part("endless", b"x")
         done = self.answer_to(begun, len(begun) + 1)
         self.assertIn("Status: 500 ", done.stdout)
