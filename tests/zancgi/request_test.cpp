@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "support/new_operator.h"
 #include "support/form.h"
+#include "support/new_operator.h"
 
 namespace {
 
