@@ -211,7 +211,7 @@ std::vector<gid_t> GroupsOrNone(const Account& account) {
 void ConfineWithGroups(const Account& account) {
   const std::vector<gid_t> groups = GroupsOf(account);
   Confine(account.home);
-  Unchecked(TakeGroups(account));
+  TakeGroups(account);
   SetGroups(groups);
 }
 
