@@ -47,7 +47,7 @@ constexpr long kLargestUpload = 100L << 20;
 /// ways, or is cut in an unlucky place, has it parsed for ever, and a field's
 /// value can grow by 87 MB a second meanwhile. The largest accepted upload
 /// takes a tenth of a second of processor time and a few megabytes of memory; a
-/// body without a boundary takes up to twice its size.
+/// body without a boundary takes up to three times its size.
 void LimitResources() {
   constexpr rlim_t kSeconds = 10;
   constexpr rlim_t kMemory = 256UL << 20;

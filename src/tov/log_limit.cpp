@@ -20,15 +20,15 @@ constexpr std::size_t kFormats = 31;
 /// apart.
 std::span<UsedFormat> formats;
 
-/// All formats for which there was no room, as texts made by chance might be.
+/// Counts all formats for which there is no room, such as generated texts.
 UsedFormat others;
 constexpr char kOthers[] = "(other formats)";
 
 pid_t counting_process = 0;
 std::atomic_flag in_use;
 
-/// The table, for one user at a time. Who comes second does not wait: it may be
-/// a signal handler that has interrupted the first.
+/// The table, for one user at a time. A second one does not wait: it may be a
+/// signal handler that has interrupted the first.
 class Table {
  public:
   Table() : is_ours_(!in_use.test_and_set(std::memory_order_acquire)) {}

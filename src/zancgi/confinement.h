@@ -1,5 +1,5 @@
 /// @file
-/// Private: what a confined process must not do any more.
+/// Private: whether the process is confined to an account's folder.
 #ifndef ZANCGI_CONFINEMENT_H
 #define ZANCGI_CONFINEMENT_H
 

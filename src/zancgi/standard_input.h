@@ -15,8 +15,8 @@ namespace zan_cgi {
 /// its query string does. Weak, so that a front end that is linked from
 /// archives has them only if it uses them itself.
 ///
-/// Not const: a compiler could then take two looks at it for one, although the
-/// streams may have been set up between them.
+/// Not const: a compiler could then merge two reads of it, although the streams
+/// may have been set up between them.
 extern ZANCGI_API unsigned char standard_input[] __asm__("_ZSt3cin")
     __attribute__((weak));
 

@@ -128,8 +128,8 @@ class ZANCGI_API Cgi {
   /// written to the temporary directory as they come. A POST whose declared
   /// length is 0 stays unparsed, and the next access tries again.
   ///
-  /// Some bodies are parsed for ever, with all the processor time there is or
-  /// asleep, and some forms come out wrong; docs/security.md lists both.
+  /// Some bodies are parsed for ever, using all the processor time or sleeping,
+  /// and some forms come out wrong; docs/security.md lists both.
   /// @throws std::runtime_error "bad request method '...'" unless
   ///   `REQUEST_METHOD` is GET or POST; the input then stays unparsed. Of a
   ///   POST: what Data::ParseInput() throws

@@ -1,5 +1,5 @@
 /// @file
-/// Memory that ends where a test says.
+/// Allocations that fail where a test says.
 ///
 /// A program that uses this has allocations.cpp among its own sources: the
 /// functions defined there would otherwise be drawn into every test program.

@@ -1,5 +1,5 @@
 // Looks at std::cin twice, and in between has it set up, as a front end may
-// between two reads. A compiler must not take both looks for one.
+// between two reads. A compiler must not merge the two looks.
 #include <zancgi/standard_input.h>
 
 #include <cstdio>
