@@ -889,6 +889,13 @@ class SiteTest(AnswerTest):
             self.assertEqual(answer.status, 403, answer.body)
         self.assert_nothing_left()
 
+    def test_a_form_of_another_site_is_refused(self):
+        for header in ({"Origin": "http://elsewhere.test"}, {"Sec-Fetch-Site": "cross-site"}):
+            headers = {"Content-Type": "application/x-www-form-urlencoded", **header}
+            answer = self.site.request("POST", "page=signin", headers, "user=x&password=y")
+            self.assertEqual(answer.status, 403, answer.body)
+            self.assertIn("Another site has sent this request.", answer.body)
+
     def test_headers_that_pass_for_variables_do_not_arrive(self):
         headers = {
             "Proxy": "http://evil.example/",

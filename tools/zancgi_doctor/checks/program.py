@@ -3,6 +3,7 @@
 import contextlib
 import dataclasses
 import os
+import re
 import shlex
 import stat
 
@@ -60,14 +61,16 @@ def is_script(path):
 
 
 def programs_started_by(script):
-    """What its lines "exec" start: the last word of each that is the whole path
-    of a program, since one that starts another program comes before it."""
+    """What its commands "exec" start: the last word of each that is the whole path
+    of a program, since one that starts another program comes before it. A
+    variable stands for the path that a line of the script gives it."""
+    text = read_text(script).replace("\\\n", " ")
+    paths = dict(re.findall(r"^\s*(\w+)=(/\S+)$", text, re.MULTILINE))
     programs = []
-    for line in read_text(script).replace("\\\n", " ").splitlines():
+    for line in re.findall(r"^(?:.*[);]\s*)?\s*exec\s+(.*)", text, re.MULTILINE):
         with contextlib.suppress(ValueError):  # quotes that do not end there
-            words = shlex.split(line, comments=True)
-            if words[:1] == ["exec"]:
-                programs += [word for word in words if is_program(word)][-1:]
+            words = [paths.get(word.strip("${}"), word) for word in shlex.split(line, comments=True)]
+            programs += [word for word in words if is_program(word)][-1:]
     return list(dict.fromkeys(programs))
 
 
