@@ -148,7 +148,7 @@ function(install_matching pattern destination component)
     COMPONENT ${component})
 endfunction()
 
-# The tools are told their version, which they read from the header in the tree.
+# Installed, the tools carry their version; in the tree they read the header.
 set(versioned_dir "${PROJECT_BINARY_DIR}/tools")
 foreach(file zancgi-request zancgi_doctor/version.py)
   configure_file("${PROJECT_SOURCE_DIR}/tools/${file}" "${versioned_dir}/${file}"

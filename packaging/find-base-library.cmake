@@ -25,14 +25,16 @@ unset(only_named_places)
 if(NOT TARGET tov::tov)
   find_package(PkgConfig QUIET)
   if(PKG_CONFIG_FOUND)
-    set(ZANCGI_PKG_CONFIG_LIBDIR "$ENV{PKG_CONFIG_LIBDIR}")
-    if(ZANCGI_TOV_NAMED_PLACE)
-      # Else it would go on to its own folders.
-      set(ENV{PKG_CONFIG_LIBDIR} "${ZANCGI_TOV_NAMED_PLACE}")
-    endif()
     pkg_check_modules(ZANCGI_TOV_PC QUIET tov)
-    set(ENV{PKG_CONFIG_LIBDIR} "${ZANCGI_PKG_CONFIG_LIBDIR}")
-    unset(ZANCGI_PKG_CONFIG_LIBDIR)
+    if(ZANCGI_TOV_NAMED_PLACE
+        AND NOT ZANCGI_TOV_NAMED_PLACE IN_LIST ZANCGI_TOV_PC_INCLUDE_DIRS
+        AND NOT ZANCGI_TOV_NAMED_PLACE IN_LIST
+          CMAKE_CXX_IMPLICIT_INCLUDE_DIRECTORIES)
+      # It knows another one only.
+      foreach(result INCLUDE_DIRS LIBRARY_DIRS STATIC_LIBRARIES CFLAGS_OTHER)
+        unset(ZANCGI_TOV_PC_${result} CACHE)
+      endforeach()
+    endif()
   endif()
   find_path(ZANCGI_TOV_INCLUDE_DIR tov/str.h
     HINTS ${ZANCGI_TOV_PC_INCLUDE_DIRS})

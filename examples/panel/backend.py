@@ -99,7 +99,7 @@ def session_id(environ, items):
     """Reads cookies just as the front end does: the last of a name counts."""
     session = ""
     for piece in environ.get("HTTP_COOKIE", "").split(";"):
-        name, _, value = piece.strip(" \t\r\n\v\f").partition("=")
+        name, _, value = piece.strip(" \t\r\n").partition("=")
         if name == COOKIE:
             session = value
     return items.get("auth", session)

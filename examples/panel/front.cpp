@@ -92,8 +92,15 @@ class Answer {
   tov_xml::Xml document_;
 };
 
+/// The value of a field of the form, for which the body is read.
+std::string FieldOf(Cgi& cgi, const std::string& name) {
+  std::string value = cgi.Param(name);
+  is_body_read = true;
+  return value;
+}
+
 void SignIn(Cgi& cgi) {
-  const std::string user = cgi.Param("user");
+  const std::string user = FieldOf(cgi, "user");
   if (user.empty()) return ShowSignIn("200 OK", "", "");
   try {
     const Answer answer(cgi, {{"func", "session.new"},
@@ -241,8 +248,8 @@ void ShowSessions(Cgi& cgi) {
 /// The back end compares the token.
 void SignOut(Cgi& cgi) {
   cgi.Authorize(Cgi::AuthInfo::AuthAny);
-  const Answer answer(cgi,
-                      {{"func", "session.end"}, {"token", cgi.Param("token")}});
+  const Answer answer(
+      cgi, {{"func", "session.end"}, {"token", FieldOf(cgi, "token")}});
   SendRedirect("/panel?page=signin", std::string(kCookie) + "=; Max-Age=0");
 }
 
@@ -340,7 +347,7 @@ std::string SpoolFolder() {
 
 /// No other site knows the token.
 bool IsFromOwnPage(Cgi& cgi, const Answer& answer) {
-  const std::string token = cgi.Param("token");
+  const std::string token = FieldOf(cgi, "token");
   return !token.empty() && token == answer.Text("/doc/own", "token");
 }
 
@@ -379,7 +386,7 @@ void TakeUpload(Cgi& cgi) {
 }
 
 bool HasSession(Cgi& cgi) {
-  return !cgi.Cookie(kCookie).empty() || !cgi.Param("auth").empty();
+  return !cgi.Cookie(kCookie).empty() || !FieldOf(cgi, "auth").empty();
 }
 
 void AskToSignIn() { ShowSignIn("403 Forbidden", "Please sign in first.", ""); }

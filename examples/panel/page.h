@@ -5,9 +5,13 @@
 
 #include <poll.h>
 #include <tov/env.h>
+#include <tov/str.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <string>
 
@@ -49,28 +53,39 @@ inline bool IsHead() {
   return head;
 }
 
+/// Whether the library has read the body to its end.
+inline bool is_body_read = false;
+
 /// Some web servers lose an answer that comes before the body has been read. A
-/// slow visitor is not waited for.
+/// slow visitor is not waited for, and nothing is read beyond the body's length
+/// (RFC 3875 section 4.2), where a server may keep the input open.
 inline void ReadRestOfBody() {
   using std::chrono::steady_clock;
   const auto end = steady_clock::now() + std::chrono::seconds(5);
   pollfd input{STDIN_FILENO, POLLIN, 0};
   char piece[65536];
-  do {
+  auto unread = str::Int64(tov_env::GetEnv("CONTENT_LENGTH"));
+  while (unread > 0) {
     const auto left =
         std::chrono::ceil<std::chrono::milliseconds>(end - steady_clock::now());
     if (left.count() <= 0 ||
         ::poll(&input, 1, static_cast<int>(left.count())) <= 0) {
       return;
     }
-  } while (::read(STDIN_FILENO, piece, sizeof(piece)) > 0);
+    const auto wanted =
+        std::min<std::int64_t>(unread, std::int64_t{sizeof(piece)});
+    const ssize_t count =
+        ::read(STDIN_FILENO, piece, static_cast<std::size_t>(wanted));
+    if (count <= 0) return;
+    unread -= count;
+  }
 }
 
 /// Writes the whole answer at once, so that an error on the way to it never
 /// leaves half a page behind.
 inline void Send(const std::string& header, const std::string& body,
                  Rights rights = Rights::kNone) {
-  if (tov_env::GetEnv("REQUEST_METHOD") != "GET") ReadRestOfBody();
+  if (!is_body_read) ReadRestOfBody();
   const std::string answer =
       header +
       // Owed to other methods, and true for these.

@@ -37,7 +37,7 @@ using tov_internal::UsedFormat;
 /// comparison and finds that nothing is set up yet.
 constexpr int kNotSetUp = INT32_MAX;
 constexpr int kDefaultThreshold = Warning;
-/// Who sets a higher threshold wants all that there is.
+/// Messages above it are written only where somebody has asked for them.
 constexpr int kLastLimitedLevel = Warning;
 
 /// Not more than PIPE_BUF, so that a pipe takes a line whole or not at all.

@@ -297,8 +297,9 @@ class ZeroedBuffer {
 /// - A boundary that is searched for, the first or one after an ignored part,
 ///   sets the position beyond the chunk when it ends in its last two bytes.
 /// - So does the skip after a file when the next chunk is shorter than it.
-/// - As long as nothing has been read, and while a body is drained, reads of no
-///   bytes are repeated for ever, with a pause after each.
+/// - As long as nothing has been read, in a body without a boundary, and while
+///   a body is drained, reads of no bytes are repeated for ever, with a pause
+///   after each.
 /// A front end bounds the first three by a limit of its processor time and
 /// memory; only a limit of real time, such as alarm(2), ends the last.
 class BodyParser {

@@ -421,6 +421,14 @@ class BackEnd(unittest.TestCase):
             umask=umask,
         )
 
+    def test_sees_the_cookies_of_the_front_end(self):
+        """One that begins with a vertical tab or a form feed has another name."""
+        self.add_user("password")
+        session = re.search('id="(.*)"', self.sign_in("password")).group(1)
+        for odd in ("\v", "\f", "\x85", "\xa0"):
+            cookie = f"panelses5={session}; {odd}panelses5=planted"
+            self.assertIn("<own ", self.ask("func=session.own", cookie), repr(odd))
+
     def test_refuses_odd_items(self):
         self.add_user("password")
         session = re.search('id="(.*)"', self.sign_in("password")).group(1)
