@@ -215,7 +215,7 @@ void ShowHome(Cgi& cgi) {
            Navigation(cgi, answer));
 }
 
-std::string LinkToOlder(Cgi& cgi, const Answer& answer) {
+std::string LinkToOlder(const Cgi& cgi, const Answer& answer) {
   if (!answer.Has("/doc/older")) return "";
   return "<p>" +
          Link("page=sessions&amp;from=" + answer.Html("/doc/older", "number") +

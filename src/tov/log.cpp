@@ -17,7 +17,6 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 #include <string_view>
@@ -377,7 +376,7 @@ bool IsDropped(const Origin& origin, const char* format) {
                              AnnounceDropping)) {
     return false;
   }
-  if (!will_report.exchange(true) && std::atexit(ReportDropped) != 0) {
+  if (!will_report.exchange(true) && ::atexit(ReportDropped) != 0) {
     will_report = false;
   }
   return true;

@@ -1,11 +1,9 @@
 #include "log_limit.h"
 
 #include <sys/mman.h>
-#include <sys/types.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cstddef>
 #include <cstring>
 #include <span>
 

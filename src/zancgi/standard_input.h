@@ -32,6 +32,7 @@ inline bool IsStandardInputConstructed() {
 /// Returns std::cin; null where there is none, or none yet: nothing can have
 /// changed its state then.
 inline const std::istream* StandardInput() {
+  // cppcheck-suppress knownConditionTrueFalse  ; it is weak
   if (standard_input == nullptr || !IsStandardInputConstructed()) {
     return nullptr;
   }

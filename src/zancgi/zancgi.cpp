@@ -69,7 +69,7 @@ class MapFiller {
  public:
   /// The value of a name, which stays where it is as long as the map lives.
   struct Place {
-    std::string& value;
+    std::string* value;
     bool is_new;
   };
 
@@ -83,7 +83,7 @@ class MapFiller {
     const std::size_t size = map_.size();
     const auto hint = last_ == map_.end() ? last_ : std::next(last_);
     last_ = map_.try_emplace(hint, name, value...);
-    return {last_->second, map_.size() != size};
+    return {&last_->second, map_.size() != size};
   }
 
   /// Adds a value, or joins it to the one that the name has. Appends in place:
@@ -92,12 +92,12 @@ class MapFiller {
   void Join(const std::string& name, const char* glue,
             const std::string& value) {
     const Place place = FindOrInsert(name, value);
-    if (!place.is_new) place.value.append(glue).append(value);
+    if (!place.is_new) place.value->append(glue).append(value);
   }
 
   /// Adds a value, or replaces the one that the name has.
   void Set(const std::string& name, std::string value) {
-    FindOrInsert(name).value = std::move(value);
+    *FindOrInsert(name).value = std::move(value);
   }
 
  private:
@@ -586,9 +586,9 @@ class BodyParser {
   /// up once for each name sent: a name may be long, and its value may have as
   /// many lines.
   MapFiller::Place Element(const std::string& value) {
-    if (element_ != nullptr) return {*element_, false};
+    if (element_ != nullptr) return {element_, false};
     const MapFiller::Place place = params_.FindOrInsert(element_name_, value);
-    element_ = &place.value;
+    element_ = place.value;
     return place;
   }
 
@@ -602,8 +602,8 @@ class BodyParser {
   /// for many parts is not copied for each of them.
   void NameFileInElement() {
     const auto [value, is_new] = Element(file_name_);
-    if (!is_new && &value != named_in_) value = file_name_;
-    named_in_ = &value;
+    if (!is_new && value != named_in_) *value = file_name_;
+    named_in_ = value;
   }
 
   void AnnounceFile() {
@@ -652,8 +652,8 @@ class BodyParser {
   /// The lines of a value, and the values of a repeated field.
   void JoinToElement() {
     const auto [value, is_new] = Element(line_);
-    if (!is_new) value.append("\n").append(line_);
-    if (&value == named_in_) named_in_ = nullptr;
+    if (!is_new) value->append("\n").append(line_);
+    if (value == named_in_) named_in_ = nullptr;
   }
 
   void TakeFileData() {
