@@ -594,7 +594,7 @@ class CookieTest(GuestTest):
     def jar(self, name):
         """Its cookies as the fields of their lines; a path with or without a slash
         at its end is for the same pages, a domain has no case."""
-        lines = (self.folder / name).read_text().splitlines()
+        lines = (self.folder / name).read_text().split("\n")
         cookies = [line.split("\t") for line in lines if line.count("\t") == 6]
         for fields in cookies:
             fields[0] = fields[0].lower()
@@ -625,6 +625,7 @@ class CookieTest(GuestTest):
             "a=1;httponly;secure", "a=1; Path=/", "a=1; Path=/x/y/z", "a=1; path=/x",
             "a=1; Max-Age=1000", 'a=1; max-age="1000"',
             "a=1; Max-Age=1000; Expires=Thu, 01 Jan 1981 00:00:00 GMT", "a=1; Expires=Wed, 01 Jan 2098 01:02:03 GMT",
+            "a=1; Max-Age=" + "9" * 4000, "a=1; Max-Age=1" + "0" * 19,
             "a=1; expires=Friday, 01-Jan-49 01:02:03 GMT",
             "a=1; Expires=Wed Jan  1 01:02:03 2098",
             "__Secure-a=1; Secure", "__Secure-a=1", "__Host-a=1; Secure; Path=/",
@@ -638,6 +639,13 @@ class CookieTest(GuestTest):
         for attribute in ("Path=x", "Path=", "Path"):
             self.by_tool("-c", "jar", path=asking_for(f"Set-Cookie: a=1; {attribute}", path="/x/y"))
             self.assertEqual([fields[2] for fields in self.jar("jar")], ["/cgi-bin/guest/x"])
+
+    def test_age_of_thousands_of_digits(self):
+        """In a browser; curl ignores so long a cookie."""
+        last = str((1 << 63) - 1)
+        for age, times in (("9" * 5000, [last]), ("0" * 5000, []), ("-" + "9" * 5000, [])):
+            self.by_tool("-c", "jar", path=asking_for(f"Set-Cookie: a=1; Max-Age={age}"))
+            self.assertEqual([fields[4] for fields in self.jar("jar")], times)
 
     def test_what_is_ignored_is_ignored_by_curl(self):
         for text in ("a", "=1", "", "a=\t1\t2", "a=1; Domain=other.example", "a=1; Max-Age=0",
@@ -703,6 +711,24 @@ too\tfew\tfields
                 self.assertEqual(sent, self.cookies(expected))
                 self.assertEqual({text.partition("=")[0] for text in sent}, names)
 
+    def test_times_of_a_jar_as_by_curl(self):
+        last = str((1 << 63) - 1)
+        lines = [f"localhost\tFALSE\t/\tFALSE\t{seconds}\t{name}\t1"
+                 for name, seconds in (("last", last), ("zeros", "0" * 4400 + last),
+                                       ("more", str(1 << 63)), ("most", "9" * 4500))]  # fmt: skip
+        self.file("jar", "\n".join(lines).encode())
+        for sent in (self.by_tool("-b", "jar"), self.by_curl("-b", "jar")):
+            self.assertEqual(self.cookies(sent), ["last=1", "zeros=1"])
+
+    def test_lines_of_a_jar_end_as_by_curl(self):
+        values = ["1\x852", "3\u20284\u20295", "6"]
+        lines = [f"localhost\tFALSE\t/\tFALSE\t0\t{name}\t{value}\r\n"
+                 for name, value in zip("abc", values)]  # fmt: skip
+        self.file("jar", "".join(lines).encode())
+        for sent in (self.by_tool("-b", "jar", "-c", "new"), self.by_curl("-b", "jar")):
+            self.assertEqual(self.cookies(sent), [f"{n}={v}" for n, v in zip("abc", values)])
+        self.assertEqual([fields[6] for fields in self.jar("new")], values)
+
     def test_secure_cookies_are_sent_by_https(self):
         self.file("jar", self.JAR.encode())
         result = self.run_in_folder(self.server.program, "-b", "jar", "https://panel.example/")
@@ -744,13 +770,42 @@ too\tfew\tfields
         self.assertEqual(self.cookies(self.assert_same("-b", "none")), [])
 
     def test_jar_is_nobody_elses(self):
+        self.file("old", b"").chmod(0o644)
         self.by_tool("-c", "jar", "-o", "output")
-        modes = [(self.folder / name).stat().st_mode & 0o777 for name in ("jar", "output")]
-        self.assertEqual(modes, [0o600, 0o644])
+        self.by_tool("-c", "old", "-o", "output")
+        modes = [(self.folder / name).stat().st_mode & 0o777 for name in ("jar", "old", "output")]
+        self.assertEqual(modes, [0o600, 0o600, 0o644])
+
+    def test_jar_that_cannot_be_written_stays_as_it_was(self):
+        jar = self.file("jar", self.JAR.encode())
+        done = subprocess.run(
+            ["sh", "-c", 'ulimit -f 0; exec "$@"', "sh",
+             TOOL, "-b", "jar", "-c", "jar", self.server.program],
+            capture_output=True, cwd=self.folder, env=ENVIRONMENT, timeout=LONG, check=False,
+        )  # fmt: skip
+        message = b"zancgi-request: cannot write jar: File too large\n"
+        self.assertEqual((done.returncode, done.stderr), (23, message))
+        self.assertEqual(jar.read_text(), self.JAR)
+        self.assertEqual(os.listdir(self.folder), ["jar"])
+
+    def test_jar_is_kept_when_the_request_fails(self):
+        address = self.address(asking_for("Set-Cookie: a=1"))
+        for jar in ("jar", "none/jar"):
+            result = self.run_in_folder(
+                self.server.program, "-c", jar, "-o", "none/output", address
+            )
+            message = "zancgi-request: cannot write none/output: No such file or directory\n"
+            self.assertEqual((result.status, result.errors), (23, message))
+        self.assertEqual([fields[5:] for fields in self.jar("jar")], [["a", "1"]])
 
     def test_jar_on_standard_output(self):
-        output = self.by_tool("-c", "-", path=asking_for("Set-Cookie: a=1"))
-        self.assertTrue(output.endswith(b"localhost\tFALSE\t/cgi-bin\tFALSE\t0\ta\t1\n"), output)
+        link = self.folder / "link"
+        link.symlink_to("/dev/stdout")
+        for jar in ("-", "link"):
+            output = self.by_tool("-c", jar, path=asking_for("Set-Cookie: a=1"))
+            line = "localhost\tFALSE\t/cgi-bin\tFALSE\t0\ta\t1\n"
+            self.assertTrue(output.endswith(line.encode()), output)
+        self.assertTrue(link.is_symlink())
 
     def test_repeated_requests_have_the_cookies_of_those_before(self):
         path = asking_for("Set-Cookie: a=1")
