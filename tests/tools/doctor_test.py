@@ -1653,18 +1653,57 @@ class FcgiTest(MachineTest):
             )
             self.path.unlink()
 
-    def test_can_be_replaced(self):
-        folder = self.make_folder("open", 0o777)
-        self.path = folder / "fcgi.sock"
-        self.bind()
+    def expect_unsafe(self, why):
         self.expect(
             self.fcgi_check(),
             "fcgi.safe",
             "failure",
-            "Others can listen in place of fcgiwrap, and get the sessions of all visitors: "
-            f"'{folder}' is writable by everybody.",
+            f"Others can listen in place of fcgiwrap, and get the sessions of all visitors: {why}.",
             "Put the socket into a folder that only root can change, such as /run.",
         )
+
+    def test_can_be_replaced(self):
+        # A sticky folder as well: anybody can come before fcgiwrap.
+        for mode in (0o777, 0o1777):
+            folder = self.make_folder(f"open-{mode:o}", mode)
+            self.path = folder / "fcgi.sock"
+            self.bind()
+            self.expect_unsafe(f"'{folder}' is writable by everybody")
+
+    def test_link_to_a_socket(self):
+        link = self.path
+        for mode in (0o755, 0o777, 0o1777):
+            folder = self.make_folder(f"other-{mode:o}", mode)
+            self.path = folder / "fcgi.sock"
+            self.bind()
+            link.symlink_to(self.path)
+            self.path = link
+            if mode != 0o755:
+                self.expect_unsafe(f"'{folder}' is writable by everybody")
+            elif IS_ROOT:
+                (found,) = self.fcgi_check().findings("fcgi.safe")
+                self.assertEqual(found["state"], "ok")
+            link.unlink()
+
+    def test_link_that_others_can_exchange(self):
+        """Though it leads to where nobody can write, and over one more link."""
+        self.bind()
+        folder = self.make_folder("open", 0o1777)
+        (folder / "link").symlink_to(self.path)
+        self.path = self.make_folder("closed") / "link"
+        self.path.symlink_to("../open/link")
+        self.expect_unsafe(f"'{folder}' is writable by everybody")
+
+    @AS_ROOT
+    def test_folder_of_another_account(self):
+        folder = self.make_folder("others")
+        os.chown(folder, STRANGER, STRANGER)
+        self.path = folder / "fcgi.sock"
+        self.bind()
+        self.expect_unsafe(f"'{folder}' belongs to user number {STRANGER}")
+        os.chown(self.path, STRANGER, STRANGER)
+        (found,) = self.fcgi_check().findings("fcgi.safe")
+        self.assertEqual(found["state"], "ok")
 
     def found(self, *more):
         """Where it is looked for, on a machine as more makes it."""

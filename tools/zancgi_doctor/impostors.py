@@ -16,6 +16,18 @@ def why_not_trust_folder(path):
     )
 
 
+def why_not_trust_socket(path):
+    """The same of one socket, wherever links lead, by others than root and its own
+    owner."""
+    steps = way_to(path)
+    trusted = {0, steps[-1].status.st_uid}
+    ends = [step for step in steps if step.is_link()] + steps[-1:]
+    holders = {os.path.dirname(step.path) for step in ends}
+    return first_unsafe(steps[:-1], trusted) or first_unsafe(
+        [step for step in steps if step.path in holders], trusted, allows_sticky=False
+    )
+
+
 def why_not_trust_link(site, service):
     """The same of a link to a socket, which may lead anywhere."""
     path = socket_path(site, service)

@@ -1,13 +1,12 @@
 """The socket of fcgiwrap, which starts front ends for whoever may connect."""
 
-import os
 import stat
 
 from zancgi_doctor.checks.sockets import socket_kind
 from zancgi_doctor.files import has_others, way_to
 from zancgi_doctor.findings import failure, ok, warning
 from zancgi_doctor.identities import accounts_of_group, find_user
-from zancgi_doctor.impostors import why_not_trust_folder
+from zancgi_doctor.impostors import why_not_trust_socket
 from zancgi_doctor.texts import listed, quote
 
 
@@ -21,7 +20,7 @@ def check_fcgi(site, path):
 
 def fcgi_safe(path):
     name = "fcgi.safe"
-    unsafe = why_not_trust_folder(os.path.dirname(path) or ".")
+    unsafe = why_not_trust_socket(path)
     if unsafe:
         return failure(
             name,
