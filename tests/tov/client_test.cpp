@@ -602,6 +602,18 @@ TEST(ContentLength, IsFoundInAnyCaseAndPlace) {
   EXPECT_TRUE(IsRefused("A: 1\nContent-length:6\nB: 2\r\n\nhello"));
 }
 
+TEST(ContentLength, MayHaveBlanksAndTabsAround) {
+  for (const std::string blanks : {" ", "\t", " \t", "\t "}) {
+    const std::string length = "Content-Length:" + blanks + "5" + blanks;
+    EXPECT_TRUE(IsHandedOn(length + "\r\n\r\nhello")) << blanks;
+    EXPECT_TRUE(IsRefused(length + "\r\n\r\nhell")) << blanks;
+  }
+}
+
+TEST(ContentLength, IsTextAfterAHeaderWithoutAName) {
+  EXPECT_TRUE(IsHandedOn(":x\nContent-Length: 100\n\nshort"));
+}
+
 TEST(ContentLength, MayBeRepeated) {
   const std::string twice = "Content-Length: 5\r\nContent-length:5\r\n\r\n";
   EXPECT_TRUE(IsHandedOn(twice + "hello"));

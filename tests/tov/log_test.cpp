@@ -251,6 +251,14 @@ TEST(LogLevel, IsFourWhenNotANumber) {
   }
 }
 
+TEST(LogLevel, MayHaveLeadingZeros) {
+  for (const auto& [setting, level] :
+       {std::pair("000", 0), std::pair("03", 3), std::pair("007", 7),
+        std::pair("010", 9)}) {
+    EXPECT_EQ(ThresholdFor(setting), level) << setting;
+  }
+}
+
 TEST(LogLevel, IsNineBeyondNine) {
   for (const char* setting : {"10", "4294967296", "99999999999999999999"}) {
     EXPECT_EQ(ThresholdFor(setting), 9) << setting;

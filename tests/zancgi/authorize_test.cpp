@@ -96,6 +96,22 @@ TEST(Authorize, TakesTheSessionFromTheParametersWithoutACookie) {
       " session cookie not found, trying params"));
 }
 
+// The parameters are read before the method is noted.
+TEST(Authorize, ThatCannotReadTheParametersLeavesTheMethodOpen) {
+  Backend backend;
+  backend.Then(Answer("<doc/>"));
+  const Outcome outcome =
+      Child().Env("REQUEST_METHOD", "HEAD").With(backend).Run([](const Told&) {
+        Cgi cgi("/bin/front", "backend");
+        EXPECT_THROW(cgi.Authorize(Cgi::AuthInfo::AuthParams),
+                     std::runtime_error);
+        EXPECT_EQ(cgi.Query("func=list"), "<doc/>");
+      });
+  EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
+  EXPECT_EQ(outcome.error, "");
+  EXPECT_EQ(QueryOf(backend), "func=list&out=xml");
+}
+
 TEST(Authorize, WithParamsOnlyDoesNotReadTheCookie) {
   Backend backend;
   backend.Then(Answer(kAlice));

@@ -631,6 +631,25 @@ TEST(ShortOfSpace, FailsAFormWithAFileOnceItsBodyIsRead) {
   }
 }
 
+// The parser comes to the data only where a chunk begins with them.
+TEST(ShortOfSpace, LeavesNoEntryForAFileThatIsNotMade) {
+  const Scratch scratch;
+  const std::string body = Upload("u", "f", "data") + kFormEnd;
+  const std::size_t data = body.find("\r\n\r\n") + 4;
+  const Input input = Input::SlowPipe(
+      {body.substr(0, data - 2), "\r\n", body.substr(data)}, 50ms);
+  const Outcome outcome =
+      PostOf(body).StandardInput(input).Run([&](const Told&) {
+        free_bytes = 0;
+        Cgi::Data record;
+        record.tmp_dir = scratch.Path();
+        EXPECT_THROW(record.ParseInput(), std::runtime_error);
+        EXPECT_TRUE(record.files.empty());
+      });
+  EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
+  EXPECT_EQ(scratch.List(), Strings{});
+}
+
 TEST(ShortOfSpace, IsNotYetAnEqualAmount) {
   const Scratch scratch;
   const std::string body = Upload("u", "f", "x") + kFormEnd;
