@@ -599,7 +599,8 @@ class BodyParser {
   }
 
   /// Makes the client's file name the value of the element. A name that stays
-  /// for many parts is not copied for each of them.
+  /// for many parts is not copied for each of them: such a part's element is
+  /// "filename", to which no field is ever joined.
   void NameFileInElement() {
     const auto [value, is_new] = Element(file_name_);
     if (!is_new && value != named_in_) *value = file_name_;
@@ -653,7 +654,6 @@ class BodyParser {
   void JoinToElement() {
     const auto [value, is_new] = Element(line_);
     if (!is_new) value->append("\n").append(line_);
-    if (value == named_in_) named_in_ = nullptr;
   }
 
   void TakeFileData() {
@@ -835,7 +835,7 @@ class BodyParser {
   std::string* element_ = nullptr;         ///< Its parameter, once looked up.
   std::string file_name_;                  ///< As the client sent it.
   Cgi::Data::FileInfo* upload_ = nullptr;  ///< Its entry, once looked up.
-  /// The parameter that was last set to the file name, and still holds it.
+  /// The parameter that was last set to the file name.
   std::string* named_in_ = nullptr;
   std::string raw_body_;
 

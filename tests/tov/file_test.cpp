@@ -955,7 +955,7 @@ TEST(Tmp, HasAFreshNameWhenTheFileCannotBeMade) {
   }
   EXPECT_NE(one, other);
   EXPECT_EQ(scratch.List(), Names{});
-  for (int i = 0; i < 1000; ++i) {
+  for (int i = 0; i < 100; ++i) {
     const std::string name = TmpName(prefix);
     EXPECT_EQ(name.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789",
                                      prefix.size()),
