@@ -79,7 +79,7 @@ class ProtocolDocumentTest(unittest.TestCase):
         """Waits until it listens; at the end it has to end when asked to."""
         server = subprocess.Popen(command, **options)
         self.addCleanup(server.kill)
-        self.addCleanup(server.wait, 30)
+        self.addCleanup(server.wait, 300)
         self.addCleanup(server.terminate)
         end = time.monotonic() + 30
         while not os.path.exists(self.path) and time.monotonic() < end:
