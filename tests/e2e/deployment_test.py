@@ -57,6 +57,7 @@ GROUPS = {"panel": "nogroup", WEB: WEB, "root": "root"}
 # Where bodies are written to, by front ends and by servers.
 BODY_FOLDERS = ("/var/spool/panel", "/var/cache/lighttpd/uploads", "/var/lib/nginx/body")
 
+PIPE = 65536
 BODY_LIMIT = 134217728
 TIME_LIMIT = 60
 PROCESSOR_LIMIT = 10
@@ -1266,10 +1267,12 @@ class LauncherTest(unittest.TestCase):
 
         def write(end):
             count = 0
-            with contextlib.suppress(OSError), open(end, "wb", 0) as pipe:
-                while count < size:
-                    count += pipe.write(bytes(PIPE))
-            sent.set_result(count)
+            try:
+                with contextlib.suppress(OSError), open(end, "wb", 0) as pipe:
+                    while count < size:
+                        count += pipe.write(bytes(PIPE))
+            finally:
+                sent.set_result(count)
 
         self.standard_input, end = os.pipe()
         threading.Thread(target=write, args=[end]).start()
