@@ -137,18 +137,21 @@ inline void CheckConfinement(const Account& account) {
   }
 }
 
+/// Whether all ids of this process are the account's.
+inline bool HasIdsOf(const Account& account) {
+  uid_t user, effective_user, saved_user;
+  gid_t group, effective_group, saved_group;
+  return ::getresuid(&user, &effective_user, &saved_user) == 0 &&
+         ::getresgid(&group, &effective_group, &saved_group) == 0 &&
+         user == account.uid && effective_user == account.uid &&
+         saved_user == account.uid && group == account.gid &&
+         effective_group == account.gid && saved_group == account.gid;
+}
+
 /// Whether this process is the account and nobody else, for good: all its ids
 /// and exactly its groups, without a capability, and unable to become root.
 inline bool HasBecome(const Account& account) {
-  uid_t user, effective_user, saved_user;
-  gid_t group, effective_group, saved_group;
-  if (::getresuid(&user, &effective_user, &saved_user) != 0 ||
-      ::getresgid(&group, &effective_group, &saved_group) != 0 ||
-      user != account.uid || effective_user != account.uid ||
-      saved_user != account.uid || group != account.gid ||
-      effective_group != account.gid || saved_group != account.gid) {
-    return false;
-  }
+  if (!HasIdsOf(account)) return false;
 
   std::vector<gid_t> groups(NGROUPS_MAX);
   const int count = ::getgroups(NGROUPS_MAX, groups.data());
@@ -176,13 +179,15 @@ inline bool HasBecome(const Account& account) {
 inline void BecomeAccount(zan_cgi::Cgi& cgi, const Account& account) {
   CheckConfinement(account);
   const std::string folder = ConfinedFolder();
+  const bool was_account = HasIdsOf(account);
   try {
     cgi.Su(account.name, folder, !folder.empty(),
            !tov_env::GetEnv("PANEL_PAM").empty());
   } catch (const std::exception& error) {
     throw AccountProblem(kSetUpWrongly, kNotBecome, error.what());
   }
-  if (!HasBecome(account)) {
+  // Who was the account before has not switched, and keeps its groups.
+  if (!(was_account ? HasIdsOf(account) : HasBecome(account))) {
     throw AccountProblem(kSetUpWrongly, kNotBecome,
                          "not the account '" + account.name + "' after Su");
   }
