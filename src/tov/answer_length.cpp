@@ -51,7 +51,7 @@ std::string_view WithoutBlanks(std::string_view text) {
 
 }  // namespace
 
-void AnswerLength::See(std::string_view bytes) {
+void AnswerLength::Feed(std::string_view bytes) {
   seen_ += bytes.size();
   while (in_header_ && !bytes.empty()) bytes = TakeLinePart(bytes);
   body_ += bytes.size();
@@ -63,7 +63,7 @@ std::string_view AnswerLength::TakeLinePart(std::string_view bytes) {
   line_.append(part.substr(0, kLineLimit - line_.size()));
   if (end == std::string_view::npos) {
     const bool maybe_end = line_ == "\r";
-    if (!maybe_end && !MayBeHeader(line_)) NoHeaderAfterAll();
+    if (!maybe_end && !MayBeHeader(line_)) TreatAsBody();
     return {};
   }
   EndLine();
@@ -77,7 +77,7 @@ void AnswerLength::EndLine() {
   if (line.empty()) {
     in_header_ = false;
   } else if (colon == std::string_view::npos || !MayBeHeader(line)) {
-    NoHeaderAfterAll();
+    TreatAsBody();
   } else if (EqualIgnoringCase(line.substr(0, colon), "Content-Length")) {
     NoteLength(WithoutBlanks(line.substr(colon + 1)));
   }
@@ -93,7 +93,7 @@ void AnswerLength::NoteLength(std::string_view value) {
   promised_ = length;
 }
 
-void AnswerLength::NoHeaderAfterAll() {
+void AnswerLength::TreatAsBody() {
   in_header_ = false;
   consistent_ = true;
   promised_.reset();

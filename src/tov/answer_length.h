@@ -17,20 +17,20 @@ namespace tov_internal {
 /// was taken for one before it was text.
 class AnswerLength {
  public:
-  void See(std::string_view bytes);
+  void Feed(std::string_view bytes);
 
   /// Whether not a single byte has gone by.
-  bool Nothing() const { return seen_ == 0; }
+  bool IsEmpty() const { return seen_ == 0; }
   /// Whether the Content-Length headers, if any, are one number.
-  bool Consistent() const { return consistent_; }
+  bool IsConsistent() const { return consistent_; }
   /// Whether the body is shorter than promised.
-  bool Short() const { return promised_ && body_ < *promised_; }
+  bool IsTruncated() const { return promised_ && body_ < *promised_; }
 
  private:
   std::string_view TakeLinePart(std::string_view bytes);
   void EndLine();
   void NoteLength(std::string_view value);
-  void NoHeaderAfterAll();
+  void TreatAsBody();
 
   std::uint64_t seen_ = 0;
   std::uint64_t body_ = 0;

@@ -45,7 +45,7 @@ sockaddr_un AddressOf(const std::string& path) {
 }
 
 Descriptor OpenSocket() {
-  return tov_internal::AboveStandard(
+  return tov_internal::MoveAboveStdio(
       ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
 }
 
@@ -147,7 +147,7 @@ class Protocol::Wire {
     begin_ = 0;
     end_ = static_cast<std::size_t>(count);
     if (count > 0) {
-      length_.See({ahead_.get(), end_});
+      length_.Feed({ahead_.get(), end_});
     } else {
       ended_ = true;
       CheckWholeAnswerCame();
@@ -156,15 +156,15 @@ class Protocol::Wire {
   }
 
   void CheckWholeAnswerCame() const {
-    if (length_.Nothing()) {
+    if (length_.IsEmpty()) {
       throw tov_err::Error("back end '" + name_ +
                            "' closed the connection without an answer");
     }
-    if (!length_.Consistent()) {
+    if (!length_.IsConsistent()) {
       throw tov_err::Error("back end '" + name_ +
                            "' sent a Content-Length that makes no sense");
     }
-    if (length_.Short()) {
+    if (length_.IsTruncated()) {
       throw tov_err::Error("the answer of back end '" + name_ +
                            "' is shorter than its Content-Length");
     }

@@ -20,7 +20,7 @@ Descriptor::~Descriptor() {
 
 int Descriptor::Release() { return std::exchange(descriptor_, -1); }
 
-Descriptor AboveStandard(int fresh) {
+Descriptor MoveAboveStdio(int fresh) {
   if (fresh < 0 || fresh > STDERR_FILENO) return Descriptor(fresh);
   const Descriptor low(fresh);
   return Descriptor(::fcntl(fresh, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));

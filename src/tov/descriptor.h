@@ -32,7 +32,7 @@ class Descriptor {
 /// be read as the request's body or written to as its answer.
 ///
 /// A negative @p fresh gives no descriptor; errno is kept.
-Descriptor AboveStandard(int fresh);
+Descriptor MoveAboveStdio(int fresh);
 
 /// Throws a tov_err::Error: "<context>: <the system's reason>".
 [[noreturn]] void ThrowSystemError(const std::string& context, int error);

@@ -19,8 +19,8 @@
 namespace tov_file {
 namespace {
 
-using tov_internal::AboveStandard;
 using tov_internal::Descriptor;
+using tov_internal::MoveAboveStdio;
 using tov_internal::RetryInterrupted;
 using tov_internal::ThrowSystemError;
 
@@ -38,13 +38,13 @@ bool MeansMissing(int error) { return error == ENOENT || error == ENOTDIR; }
 Descriptor Open(const std::string& path, int flags) {
   // No file is made. Without a mode, hardening would call something else in
   // place of open(2), and tests could not stand in for it.
-  return AboveStandard(RetryInterrupted(
+  return MoveAboveStdio(RetryInterrupted(
       [&] { return ::open(path.c_str(), flags | O_CLOEXEC, 0); }));
 }
 
 /// Opens the file itself: never what a link points to, never waiting for the
 /// other end of a FIFO.
-Descriptor OpenOwnFile(const std::string& path) {
+Descriptor OpenNoFollow(const std::string& path) {
   return Open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
 }
 
@@ -70,7 +70,7 @@ bool SameFile(const struct stat& left, const struct stat& right) {
 /// returns no descriptor, it leaves no file.
 Descriptor MakeUnique(std::string& pattern) {
   const int made = ::mkostemp(pattern.data(), O_CLOEXEC);
-  Descriptor file = AboveStandard(made);
+  Descriptor file = MoveAboveStdio(made);
   if (made >= 0 && !file) {
     const int error = errno;
     ::unlink(pattern.c_str());
@@ -91,7 +91,7 @@ void FillRandomPart(std::string& pattern) {
 }
 
 /// Renames without replacing anything. Returns 0 or the error.
-int RenameOntoNothing(const std::string& from, const std::string& to) {
+int RenameNoReplace(const std::string& from, const std::string& to) {
   if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(),
                   RENAME_NOREPLACE) == 0) {
     return 0;
@@ -147,7 +147,7 @@ struct Source {
 };
 
 Source OpenSource(const std::string& path, const struct stat& expected) {
-  Descriptor file = OpenOwnFile(path);
+  Descriptor file = OpenNoFollow(path);
   if (!file) ThrowFor("cannot open", path, errno);
   const struct stat opened = StatusOf(file.Get(), path);
   // The owner of the file may have put another one in its place.
@@ -179,7 +179,7 @@ void CopyWithAttributes(const Source& source, int target,
 /// every file system has such files.
 Descriptor MakeUnnamed(const std::string& folder) {
   const std::string path = folder.empty() ? "." : folder;
-  return AboveStandard(RetryInterrupted([&] {
+  return MoveAboveStdio(RetryInterrupted([&] {
     return ::open(path.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
   }));
 }
@@ -198,36 +198,36 @@ int LinkUnnamed(int file, const std::string& to) {
 
 /// Copies by way of a file without a name. Returns whether that can be done.
 bool CopyUnnamed(const Source& source, const std::string& to) {
-  const Descriptor draft = MakeUnnamed(SplitPath(to).first);
-  if (!draft) return false;
-  CopyWithAttributes(source, draft.Get(), to);
-  const int error = LinkUnnamed(draft.Get(), to);
+  const Descriptor copy = MakeUnnamed(SplitPath(to).first);
+  if (!copy) return false;
+  CopyWithAttributes(source, copy.Get(), to);
+  const int error = LinkUnnamed(copy.Get(), to);
   if (error == EEXIST) ThrowForMove(source.path, to, error);
   return error == 0;
 }
 
 /// A file beside its final place that vanishes unless it is moved there, but
 /// stays when the process is killed.
-class NamedDraft {
+class TempSibling {
  public:
-  explicit NamedDraft(const std::string& beside)
+  explicit TempSibling(const std::string& beside)
       : path_(ConcatPath(SplitPath(beside).first,
                          std::string(".tov-") + kRandomPart)),
         file_(MakeUnique(path_)) {
     if (!file_) ThrowFor("cannot make a file beside", beside, errno);
   }
-  ~NamedDraft() {
+  ~TempSibling() {
     if (!published_) ::unlink(path_.c_str());
   }
-  NamedDraft(const NamedDraft&) = delete;
-  NamedDraft& operator=(const NamedDraft&) = delete;
+  TempSibling(const TempSibling&) = delete;
+  TempSibling& operator=(const TempSibling&) = delete;
 
   int Get() const { return file_.Get(); }
 
   /// Gives it its final name, unless there is a file of that name. Returns 0 or
   /// the error.
   int PublishAs(const std::string& to) {
-    const int error = RenameOntoNothing(path_, to);
+    const int error = RenameNoReplace(path_, to);
     published_ = error == 0;
     return error;
   }
@@ -239,9 +239,9 @@ class NamedDraft {
 };
 
 void CopyNamed(const Source& source, const std::string& to) {
-  NamedDraft draft(to);
-  CopyWithAttributes(source, draft.Get(), to);
-  const int error = draft.PublishAs(to);
+  TempSibling copy(to);
+  CopyWithAttributes(source, copy.Get(), to);
+  const int error = copy.PublishAs(to);
   if (error != 0) ThrowForMove(source.path, to, error);
 }
 
@@ -373,7 +373,7 @@ Attrs::Attrs(int mode, unsigned owner, unsigned group)
       group_(group) {}
 
 void Attrs::SafeSet(const std::string& path, bool must_exist) const {
-  Descriptor file = OpenOwnFile(path);
+  Descriptor file = OpenNoFollow(path);
   // An owner may be allowed to change a file that it may not read.
   if (!file && errno == EACCES) file = Open(path, O_PATH | O_NOFOLLOW);
   if (!file) {
@@ -431,7 +431,7 @@ void Move(const std::string& from, const std::string& to) {
   if (!S_ISREG(source.st_mode)) {
     throw tov_err::Error("cannot move '" + from + "': it is no regular file");
   }
-  const int error = RenameOntoNothing(from, to);
+  const int error = RenameNoReplace(from, to);
   if (error == EXDEV) {
     CopyAcross(from, to, source);
   } else if (error != 0) {

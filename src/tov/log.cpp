@@ -41,26 +41,26 @@ constexpr int kLastLimitedLevel = Warning;
 
 /// Not more than PIPE_BUF, so that a pipe takes a line whole or not at all.
 constexpr std::size_t kLineSize = 4096;
-constexpr int kPatience = 1000;
+constexpr int kMostWaitingMs = 1000;
 
 std::atomic<int> threshold{kNotSetUp};
 
 /// errno as it was, for the program that only wanted to log.
-class ErrnoKeeper {
+class ScopedErrno {
  public:
-  ErrnoKeeper() : error_(errno) {}
-  ~ErrnoKeeper() { errno = error_; }
-  ErrnoKeeper(const ErrnoKeeper&) = delete;
-  ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
+  ScopedErrno() : error_(errno) {}
+  ~ScopedErrno() { errno = error_; }
+  ScopedErrno(const ScopedErrno&) = delete;
+  ScopedErrno& operator=(const ScopedErrno&) = delete;
 
  private:
   int error_;
 };
 
 /// Keeps the signals of a failing write from the process.
-class WriteSignalsHeldBack {
+class ScopedSignalBlock {
  public:
-  WriteSignalsHeldBack() {
+  ScopedSignalBlock() {
     ::sigemptyset(&signals_);
     ::sigaddset(&signals_, SIGPIPE);
     ::sigaddset(&signals_, SIGXFSZ);
@@ -72,14 +72,14 @@ class WriteSignalsHeldBack {
     }
     ::pthread_sigmask(SIG_BLOCK, &signals_, &old_mask_);
   }
-  ~WriteSignalsHeldBack() {
+  ~ScopedSignalBlock() {
     const timespec at_once{};
     while (::sigtimedwait(&signals_, nullptr, &at_once) > 0) {
     }
     ::pthread_sigmask(SIG_SETMASK, &old_mask_, nullptr);
   }
-  WriteSignalsHeldBack(const WriteSignalsHeldBack&) = delete;
-  WriteSignalsHeldBack& operator=(const WriteSignalsHeldBack&) = delete;
+  ScopedSignalBlock(const ScopedSignalBlock&) = delete;
+  ScopedSignalBlock& operator=(const ScopedSignalBlock&) = delete;
 
  private:
   sigset_t signals_;
@@ -158,7 +158,7 @@ Target OpenSyslog() {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::strcpy(address.sun_path, "/dev/log");
-  Descriptor socket = tov_internal::AboveStandard(
+  Descriptor socket = tov_internal::MoveAboveStdio(
       ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (!socket ||
       ::connect(socket.Get(), reinterpret_cast<const sockaddr*>(&address),
@@ -171,7 +171,7 @@ Target OpenSyslog() {
 Target OpenFile(const char* path) {
   // Without O_NONBLOCK a FIFO that nobody reads would block for ever. A
   // terminal that is opened for writing only does not become the process's own.
-  Descriptor file = tov_internal::AboveStandard(::open(
+  Descriptor file = tov_internal::MoveAboveStdio(::open(
       path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
       0640));
   if (!file) return {};
@@ -214,7 +214,7 @@ const Target& TheTarget() {
 }
 
 int SetUp() {
-  const ErrnoKeeper keeper;
+  const ScopedErrno keeper;
   TheTarget();
   const int configured = ConfiguredThreshold();
   threshold.store(configured, std::memory_order_relaxed);
@@ -248,21 +248,21 @@ bool WaitForRoom(int descriptor, std::int64_t milliseconds) {
   }
 }
 
-/// Waits until the reader has made room. Patience is for the whole process, so
+/// Waits until the reader has made room. The limit is for the whole process, so
 /// that a dead or slow reader cannot slow down every line.
 bool HasRoom(int descriptor) {
-  static std::atomic<std::int64_t> patience{kPatience};
+  static std::atomic<std::int64_t> left_ms{kMostWaitingMs};
   if (WaitForRoom(descriptor, 0)) return true;
   const std::int64_t begin = MillisecondsNow();
-  const bool room = WaitForRoom(descriptor, patience);
+  const bool room = WaitForRoom(descriptor, left_ms);
   const std::int64_t waited = MillisecondsNow() - begin;
-  patience = std::max<std::int64_t>(patience - waited, 0);
+  left_ms = std::max<std::int64_t>(left_ms - waited, 0);
   return room;
 }
 
 void Deliver(const Target& target, std::string_view line) {
   if (target.kind == Kind::None) return;
-  const WriteSignalsHeldBack guard;
+  const ScopedSignalBlock guard;
   if (target.kind != Kind::File && !HasRoom(target.descriptor)) return;
   RetryInterrupted([&] {
     return target.kind == Kind::Socket || target.kind == Kind::Syslog
@@ -395,7 +395,7 @@ bool Module::Check(Level level) {
 }
 
 void Module::Write(Level level, const char* format, ...) {
-  const ErrnoKeeper keeper;
+  const ScopedErrno keeper;
   if (threshold.load(std::memory_order_relaxed) == kNotSetUp) SetUp();
   const Origin origin{name_, group_, level};
   if (IsDropped(origin, format)) return;

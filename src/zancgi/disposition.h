@@ -9,7 +9,7 @@
 #include <string>
 #include <utility>
 
-#include "item_walk.h"
+#include "field_cursor.h"
 
 namespace zan_cgi {
 
@@ -31,7 +31,7 @@ class Disposition {
   }
 
  private:
-  ItemWalk words_;
+  FieldCursor words_;
 };
 
 /// Returns the value of an attribute such as 'name="a"': what stands between

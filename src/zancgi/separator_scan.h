@@ -123,7 +123,7 @@ class SeparatorScan {
     for (; end - at >= kBlock + reach; at += kBlock) {
       std::uint64_t places = CandidatesAt(at);
       for (int seen = 0; places != 0; places &= places - 1) {
-        if (++seen == kFew + 1) places = ThinOut(at, places);
+        if (++seen == kMostComparedSingly + 1) places = ThinOut(at, places);
         if (places == 0) break;
         const char* const place = at + std::countr_zero(places);
         if (MayBeSeparator(place) && IsSeparator(place)) return place;
@@ -197,7 +197,7 @@ class SeparatorScan {
 
   /// So many look-alikes in 64 bytes are compared one by one before all others
   /// are thinned out together.
-  static constexpr int kFew = 6;
+  static constexpr int kMostComparedSingly = 6;
   static constexpr std::size_t kBeginning = 16;
 
   std::string separator_;

@@ -22,10 +22,10 @@
 #include "boundary_search.h"
 #include "confinement.h"
 #include "disposition.h"
-#include "item_walk.h"
+#include "field_cursor.h"
 #include "layout.h"  // IWYU pragma: keep
 #include "line_assembly.h"
-#include "log_levels.h"
+#include "log_line.h"
 #include "separator_scan.h"
 #include "standard_input.h"
 #include "upload_file.h"
@@ -37,22 +37,36 @@ using StringMap = std::map<std::string, std::string>;
 
 tov_log::Module log("zancgi", "core");
 
-constexpr int kAttempts = 4;
-constexpr unsigned long kAnswerPiece = 1024;
-constexpr std::uint64_t kLargestChunk = 65536;
-constexpr int kLongestLine = 262144;
-constexpr unsigned kPause = 100;
-
-/// The base name of this file, for log lines that tell where they come from.
-std::string SourceName() { return tov_file::SplitPath(__FILE__).second; }
-
-void TraceEntry(const char* signature) {
-  if (log.Check(kTrace)) log.Write(kTrace, "%s", signature);
-}
+void TraceEntry(const char* signature) { ZANCGI_LOG(kTrace, "%s", signature); }
 
 std::string ValueOrEmpty(const StringMap& values, const std::string& name) {
   const auto found = values.find(name);
   return found == values.end() ? std::string() : found->second;
+}
+
+bool Contains(const std::string& text, const char* part) {
+  return text.find(part) != std::string::npos;
+}
+
+}  // namespace
+
+// The record of a request: its life, and what front ends ask of it.
+
+namespace {
+
+void RemoveUpload(const std::string& path) {
+  if (!tov_file::Exists(path)) return;
+  ZANCGI_LOG_HERE(kDebug, "dropping temporary file '%s'", path.c_str());
+  tov_file::RemoveFile(path);
+}
+
+void WarnOfUploadLeft(const std::string& path) noexcept {
+  try {
+    // "tamporary" stays as it is: administrators search for this text.
+    ZANCGI_LOG(kWarning, "failed to remove tamporary file '%s'", path.c_str());
+  } catch (...) {
+    // Nobody is left to be told.
+  }
 }
 
 template <class Value>
@@ -62,6 +76,84 @@ void ListKeys(const std::map<std::string, Value>& map,
   keys.reserve(map.size());
   for (const auto& entry : map) keys.push_back(entry.first);
 }
+
+}  // namespace
+
+Cgi::Data::Data() {
+  ParseCookies();
+  // As it was forwarded: neither split at commas nor trimmed.
+  remote_addr = tov_env::GetEnv("HTTP_X_FORWARDED_FOR");
+  if (remote_addr.empty()) remote_addr = tov_env::GetEnv("REMOTE_ADDR");
+  server_addr = tov_env::GetEnv("SERVER_ADDR");
+}
+
+Cgi::Data::~Data() {
+  for (const auto& entry : files) {
+    const std::string& path = entry.second.path;
+    try {
+      RemoveUpload(path);
+    } catch (...) {
+      WarnOfUploadLeft(path);
+    }
+  }
+}
+
+void Cgi::Data::CheckTmpDir() {
+  if (tmp_dir.empty()) tmp_dir = tov_env::GetEnv("TMP");
+  // The parser's own default is another one, for compatibility.
+  if (tmp_dir.empty()) tmp_dir = "tmp";
+  if (!tov_file::Exists(tmp_dir)) {
+    tov_file::MkDir(tmp_dir, nullptr);
+  } else if (!tov_file::Info(tmp_dir, false).IsDir()) {
+    throw std::runtime_error("temp dir '" + tmp_dir + "' is not a directory");
+  }
+}
+
+Cgi::Cgi(const std::string& binary_name, const std::string& tov_name)
+    : data_(std::shared_ptr<Data>(new Data)) {
+  data_->tov_name = tov_name;
+  data_->SetWorkDir(binary_name);
+}
+
+void Cgi::SetTmpDir(const std::string& dir) {
+  data_->tmp_dir = dir;
+  data_->CheckTmpDir();
+}
+
+std::string Cgi::Param(const std::string& name) {
+  if (!data_->parsed) data_->ParseQuery();
+  return ValueOrEmpty(data_->params, name);
+}
+
+std::string Cgi::Cookie(const std::string& name) {
+  return ValueOrEmpty(data_->cookies, name);
+}
+
+std::string Cgi::File(const std::string& name) const {
+  const auto found = data_->files.find(name);
+  return found == data_->files.end() ? std::string() : found->second.path;
+}
+
+std::int64_t Cgi::GetFileSize() const {
+  if (!data_->parsed) data_->ParseQuery();
+  std::int64_t size = 0;
+  for (const auto& entry : data_->files) size += entry.second.size;
+  return size;
+}
+
+void Cgi::GetParams(std::vector<std::string>& names) const {
+  if (!data_->parsed) data_->ParseQuery();
+  ListKeys(data_->params, names);
+}
+
+void Cgi::GetFileNames(std::vector<std::string>& names) const {
+  if (!data_->parsed) data_->ParseQuery();
+  ListKeys(data_->files, names);
+}
+
+// The query string and the cookies.
+
+namespace {
 
 /// Fills a map from a request. Large forms usually arrive sorted by name, so
 /// the previous entry is the hint for the next one.
@@ -105,136 +197,79 @@ class MapFiller {
   StringMap::iterator last_;  ///< Where the last value went.
 };
 
-void RemoveUpload(const std::string& path) {
-  if (!tov_file::Exists(path)) return;
-  if (log.Check(kDebug)) {
-    log.Write(kDebug, "%s:%d dropping temporary file '%s'",
-              SourceName().c_str(), __LINE__, path.c_str());
-  }
-  tov_file::RemoveFile(path);
-}
+}  // namespace
 
-void WarnOfUploadLeft(const std::string& path) noexcept {
-  try {
-    if (log.Check(kWarning)) {
-      // "tamporary" stays as it is: administrators search for this text.
-      log.Write(kWarning, "failed to remove tamporary file '%s'", path.c_str());
+void Cgi::Data::ParseQueryString(std::string query) {
+  TraceEntry("void zan_cgi::Cgi::Data::ParseQueryString(std::string)");
+  if (parsed) {
+    ZANCGI_LOG(kWarning, "attempt to reparse GET query");
+    return;
+  }
+  MapFiller filler(params);
+  for (FieldCursor items(query, '&'); !items.AtEnd();) {
+    std::string rest = items.Next();
+    std::string value = str::GetWord(rest, '&');
+    if (value.empty()) continue;
+    // Split before decoding: an encoded "&" or "=" is data.
+    const std::string name = str::url::Decode(str::GetWord(value, '='));
+    if (!name.empty()) {
+      filler.Join(name, ", ", str::url::Decode(value));
+    } else if (!value.empty()) {
+      ZANCGI_LOG(kWarning, "Key name is empty, value = '%s'", value.c_str());
     }
-  } catch (...) {
-    // Nobody is left to be told.
+  }
+  parsed = true;
+}
+
+void Cgi::Data::ParseCookies() {
+  TraceEntry("void zan_cgi::Cgi::Data::ParseCookies()");
+  std::vector<std::string> pieces;
+  str::Split(tov_env::GetEnv("HTTP_COOKIE"), ";", pieces);
+  for (std::string& piece : pieces) {
+    const std::string name = str::GetWord(piece, '=');
+    // Unlike a parameter, the last cookie of a name counts.
+    cookies[name] = piece;
   }
 }
 
-/// Throws unless there is a back end that may be asked. Inside an account's
-/// folder the account could have put its own socket in the back end's place,
-/// which would get the visitor's session and could answer that he is root.
-void RequireBackEnd(const std::string& tov_name) {
-  if (tov_name.empty()) throw tov_err::Missed("tovname", "");
-  if (IsInsideAccountsFolder()) {
-    throw std::runtime_error(
-        "the back end cannot be asked from inside an account's folder");
+// What is parsed, and how long a body may be.
+
+void Cgi::Data::ParseQuery() {
+  TraceEntry("void zan_cgi::Cgi::Data::ParseQuery()");
+  const std::string method = tov_env::GetEnv("REQUEST_METHOD");
+  if (method == "GET") {
+    ParseQueryString(tov_env::GetEnv("QUERY_STRING"));
+  } else if (method == "POST") {
+    ParseInput();
+  } else {
+    throw std::runtime_error("bad request method '" + method + "'");
   }
 }
 
-bool Contains(const std::string& text, const char* part) {
-  return text.find(part) != std::string::npos;
-}
-
-bool IsForwarded(const std::string& name) {
-  const auto begins_with = [&name](const char* prefix, std::size_t size) {
-    return name.compare(0, size, prefix) == 0;
-  };
-  return begins_with("HTTP_", 5) ||
-         (begins_with("REQUEST_", 8) && name != "REQUEST_METHOD") ||
-         begins_with("SERVER_", 7) || begins_with("REMOTE_", 7) ||
-         name == "HTTPS";
-}
-
-/// The environment that the back end gets to see. It always sees a GET of the
-/// composed query, whatever the browser has sent.
-StringMap BackendEnvironment(const std::string& query) {
-  StringMap all;
-  tov_env::GetAllEnvs(all);
-  StringMap forwarded;
-  for (auto& [name, value] : all) {
-    if (IsForwarded(name)) forwarded.emplace(name, std::move(value));
-  }
-  forwarded["REQUEST_METHOD"] = "GET";
-  forwarded["QUERY_STRING"] = query;
-  return forwarded;
-}
-
-/// Adds output format, session and "sfrom" to a query. That an item is there
-/// already is decided by a plain search: "layout=1" counts as "out=", which
-/// front ends rely on. Values are added without encoding, likewise.
-void CompleteQuery(const Cgi::Data& request, std::string& query) {
-  if (!Contains(query, "out=")) {
-    query = str::Append(query, "out=xml", "&");
-  }
-  // A session from the cookie travels inside the forwarded HTTP_COOKIE.
-  const Cgi::AuthInfo& session = request.auth_info;
-  if (session.method == Cgi::AuthInfo::AuthParams &&
-      !Contains(query, "auth=")) {
-    if (session.auth.empty()) throw tov_err::Value("auth", "");
-    query = str::Append(query, "auth=" + session.auth, "&");
-  }
-  const auto sfrom = request.params.find("sfrom");
-  if (!Contains(query, "sfrom=") && sfrom != request.params.end()) {
-    query = str::Append(query, "sfrom=" + sfrom->second, "&");
+void Cgi::ParseQuery() {
+  if (!data_->parsed) {
+    data_->ParseQuery();
+  } else {
+    ZANCGI_LOG(kWarning, "CGI already parsed input");
   }
 }
 
-std::string ReadAnswer(tov_client::Protocol& connection) {
-  std::string answer;
-  char piece[kAnswerPiece];
-  for (;;) {
-    const unsigned long count = connection.GetAnswer(piece, kAnswerPiece);
-    if (count == 0) return answer;
-    answer.append(piece, count);
+void Cgi::CheckContentLength(long maxLength) {
+  if (tov_env::GetEnv("REQUEST_METHOD") != "POST") return;
+  const int length = str::Int(tov_env::GetEnv("CONTENT_LENGTH"));
+  if (length > maxLength) {
+    throw std::runtime_error("Post data too large. Max allowed length is " +
+                             str::Str(maxLength / 1024) + "KB");
   }
 }
 
-void DropTextBeforeXml(std::string& answer) {
-  const std::size_t declaration = answer.find("<?xml");
-  if (declaration != std::string::npos) answer.erase(0, declaration);
-}
+// The body of a POST.
 
-/// One attempt: a connection of its own, closed again however it ends.
-std::string Exchange(const std::string& tov_name, const StringMap& environment,
-                     const std::string& query) {
-  const std::unique_ptr<tov_client::Protocol> connection =
-      tov_client::Connect(tov_name, false);
-  for (const auto& [name, value] : environment) {
-    std::string line = name;
-    line.append("=").append(value);
-    connection->SendEnv(line);
-  }
-  connection->RequestComplete();
-  std::string answer = ReadAnswer(*connection);
-  if (Contains(query, "out=xml")) DropTextBeforeXml(answer);
-  return answer;
-}
+namespace {
 
-void ThrowUnlessConfirmed(const tov_xml::Xml& answer,
-                          const std::string& tov_name) {
-  // The error first: an answer that holds both is a refusal.
-  const tov_xml::XmlNode error = answer.GetNode("/doc/error");
-  if (error) {
-    if (error.GetProp("type") == "access") {
-      throw std::runtime_error("You do not authorized for this operation");
-    }
-    throw std::runtime_error("unknown authorization error");
-  }
-  if (!answer.GetNode("/doc/user")) {
-    throw std::runtime_error("bad answer from '" + tov_name + "'");
-  }
-}
-
-void TakeLanguage(std::string cookie, Cgi::AuthInfo& session) {
-  if (!Contains(cookie, ":")) return;
-  session.lang_word = str::RGetWord(cookie, ':');
-  session.lang_rest = cookie;
-}
+constexpr std::uint64_t kLargestChunk = 65536;
+constexpr int kLongestLine = 262144;
+constexpr unsigned kEmptyReadPauseMs = 100;
 
 bool IsInputGood() {
   const std::istream* const input = StandardInput();
@@ -254,10 +289,8 @@ std::string AnnouncedBoundary() {
   std::string type = tov_env::GetEnv("CONTENT_TYPE");
   str::GetWord(type, "boundary=");
   std::string boundary = "--" + str::GetWord(type, ';');
-  if (log.Check(kDebug)) {
-    log.Write(kDebug, "%s:%d POST boundary detected: %s", SourceName().c_str(),
-              __LINE__, TrueOrFalse(boundary.size() > 2));
-  }
+  ZANCGI_LOG_HERE(kDebug, "POST boundary detected: %s",
+                  TrueOrFalse(boundary.size() > 2));
   return boundary;
 }
 
@@ -267,21 +300,22 @@ std::string AnnouncedBoundary() {
 class ZeroedBuffer {
  public:
   explicit ZeroedBuffer(std::size_t size)
-      : memory_(std::calloc(size + kCacheLine, 1)), data_(memory_) {
+      : memory_(std::calloc(size + kCacheLine, 1)), data_(memory_.get()) {
     if (memory_ == nullptr) throw std::bad_alloc();
     std::size_t space = size + kCacheLine;
     std::align(kCacheLine, size, data_, space);
   }
-  ~ZeroedBuffer() { std::free(memory_); }
-  ZeroedBuffer(const ZeroedBuffer&) = delete;
-  ZeroedBuffer& operator=(const ZeroedBuffer&) = delete;
 
   char* data() const { return static_cast<char*>(data_); }
 
  private:
   static constexpr std::size_t kCacheLine = 64;
 
-  void* memory_;
+  struct Free {
+    void operator()(void* memory) const { std::free(memory); }
+  };
+
+  std::unique_ptr<void, Free> memory_;
   void* data_;
 };
 
@@ -347,10 +381,8 @@ class BodyParser {
     if (directory.empty()) {
       directory = tov_env::GetEnv("TMP");
       if (directory.empty()) directory = "/tmp";
-      if (log.Check(kDebug)) {
-        log.Write(kDebug, "%s:%d temp dir is empty, new temp dir '%s'",
-                  SourceName().c_str(), __LINE__, directory.c_str());
-      }
+      ZANCGI_LOG_HERE(kDebug, "temp dir is empty, new temp dir '%s'",
+                      directory.c_str());
     }
     CheckFreeSpace();
     // Cannot happen as long as two dashes stand in front. Kept, as a guard.
@@ -363,35 +395,23 @@ class BodyParser {
   void CheckFreeSpace() {
     const auto needed = static_cast<std::uint64_t>(length_);
     const std::uint64_t free = request_.FreeSpaceSize(request_.tmp_dir);
-    if (log.Check(kDebug)) {
-      log.Write(kDebug, "%s:%d query size '%llu', free space in tmpdir '%llu'",
-                SourceName().c_str(), __LINE__,
-                static_cast<unsigned long long>(needed),
-                static_cast<unsigned long long>(free));
-    }
+    ZANCGI_LOG_HERE(kDebug, "query size '%llu', free space in tmpdir '%llu'",
+                    static_cast<unsigned long long>(needed),
+                    static_cast<unsigned long long>(free));
     if (needed <= free) return;
     is_short_of_space_ = true;
-    if (log.Check(kWarning)) {
-      // "enoght" stays as it is: administrators search for this text.
-      log.Write(kWarning,
-                "There is not enoght free space on '%s' to process a query",
-                request_.tmp_dir.c_str());
-    }
+    // "enoght" stays as it is: administrators search for this text.
+    ZANCGI_LOG(kWarning,
+               "There is not enoght free space on '%s' to process a query",
+               request_.tmp_dir.c_str());
   }
 
   /// The web server must see its body taken before the request fails.
   void AfterFailedPreparation() {
-    if (log.Check(kDebug)) {
-      log.Write(kDebug,
-                "%s:%d Reading query before processing thrown exception",
-                SourceName().c_str(), __LINE__);
-    }
+    ZANCGI_LOG_HERE(kDebug, "Reading query before processing thrown exception");
     const std::int64_t count = Drain();
-    if (log.Check(kDebug)) {
-      log.Write(kDebug, "%s:%d query bytes read on throw '%d' of '%d'",
-                SourceName().c_str(), __LINE__, static_cast<int>(count),
-                static_cast<int>(length_));
-    }
+    ZANCGI_LOG_HERE(kDebug, "query bytes read on throw '%d' of '%d'",
+                    static_cast<int>(count), static_cast<int>(length_));
     request_.parsed = true;
   }
 
@@ -408,7 +428,7 @@ class BodyParser {
     // Nothing left to read is nothing read; a wait for it would not end well.
     const long count = wanted == 0 ? 0 : request_.Read(chunk_.data(), wanted);
     if (count < 0) throw std::runtime_error("Error reading STDIN");
-    if (count == 0) tov_proc::Sleep(kPause);
+    if (count == 0) tov_proc::Sleep(kEmptyReadPauseMs);
     return count;
   }
 
@@ -483,10 +503,8 @@ class BodyParser {
 
   /// As long as no boundary comes, the body may be a query string.
   void KeepRawChunk() {
-    if (log.Check(kDebug)) {
-      log.Write(kDebug, "%s:%d appending %d chars to buff",
-                SourceName().c_str(), __LINE__, static_cast<int>(size_));
-    }
+    ZANCGI_LOG_HERE(kDebug, "appending %d chars to buff",
+                    static_cast<int>(size_));
     if (raw_body_.empty()) raw_body_.reserve(RawBodyReserve());
     raw_body_.append(chunk_.data(), size_);
   }
@@ -527,11 +545,9 @@ class BodyParser {
     Disposition disposition(value);
     const std::string type = disposition.Next();
     if (type != "form-data") {
-      if (log.Check(kDebug)) {
-        log.Write(kDebug,
-                  "%s:%d Ignoring unknown type of Content-Disposition: %s",
-                  SourceName().c_str(), __LINE__, type.c_str());
-      }
+      ZANCGI_LOG_HERE(kDebug,
+                      "Ignoring unknown type of Content-Disposition: %s",
+                      type.c_str());
       state_ = State::kSeekBoundary;
       return;
     }
@@ -554,10 +570,7 @@ class BodyParser {
     if (attribute.starts_with("name")) {
       SetElementName(QuotedValue(attribute));
       if (element_name_.empty()) {
-        if (log.Check(kDebug)) {
-          log.Write(kDebug, "%s:%d Element with empty name found. Ignoring.",
-                    SourceName().c_str(), __LINE__);
-        }
+        ZANCGI_LOG_HERE(kDebug, "Element with empty name found. Ignoring.");
       } else {
         // A field of the name "filename" cannot be sent: kept for
         // compatibility.
@@ -612,12 +625,9 @@ class BodyParser {
     // too. Kept for compatibility.
     if (is_short_of_space_) has_upload_failed_ = true;
     if (file_name_.empty() || element_name_.empty()) {
-      if (log.Check(kDebug)) {
-        log.Write(kDebug,
-                  "%s:%d Filename not found in Content-Disposition. Ignoring "
-                  "this part",
-                  SourceName().c_str(), __LINE__);
-      }
+      ZANCGI_LOG_HERE(
+          kDebug,
+          "Filename not found in Content-Disposition. Ignoring this part");
       after_headers_ = AfterHeaders::kNone;
     } else {
       NameFileInElement();
@@ -676,12 +686,11 @@ class BodyParser {
 
   void CreateFile() {
     const std::string& path = MakeFile();
-    if (log.Check(kTrace)) {
-      log.Write(kTrace, "%s Creating new file %s", "ParseInput", path.c_str());
-    }
+    ZANCGI_LOG(kTrace, "%s Creating new file %s", "ParseInput", path.c_str());
     file_.Open(path);
-    Attend(file_.IsOpen(),
-           [&path] { tov_file::Attrs(0700).SafeSet(path, false); });
+    IgnoreErrorsUnlessOpened(file_.IsOpen(), [&path] {
+      tov_file::Attrs(0700).SafeSet(path, false);
+    });
     file_size_ = 0;
   }
 
@@ -719,7 +728,7 @@ class BodyParser {
   /// opened, a failure does not count: the first write reports it, once the
   /// whole body is read.
   template <class Action>
-  static void Attend(bool was_opened, const Action& action) {
+  static void IgnoreErrorsUnlessOpened(bool was_opened, const Action& action) {
     try {
       action();
     } catch (...) {
@@ -739,7 +748,8 @@ class BodyParser {
     if (!file_.IsBad()) return;
     const bool was_opened = file_.IsOpen();
     file_.Close();
-    Attend(was_opened, [this] { tov_file::RemoveFile(Upload().path); });
+    IgnoreErrorsUnlessOpened(was_opened,
+                             [this] { tov_file::RemoveFile(Upload().path); });
     has_upload_failed_ = true;
   }
 
@@ -787,24 +797,19 @@ class BodyParser {
           "POST read failed: CONTENT_LENGTH=" + str::Str(length_) +
           ", bytes read:" + str::Str(total_));
     }
-    if (log.Check(kDebug)) {
-      log.Write(kDebug,
-                "%s:%d End of stdin parsing, stdin state EOF %s, GOOD %s, read "
-                "%u of %u chars",
-                SourceName().c_str(), __LINE__, TrueOrFalse(IsInputAtEnd()),
-                TrueOrFalse(IsInputGood()), static_cast<unsigned>(total_),
-                static_cast<unsigned>(length_));
-    }
+    ZANCGI_LOG_HERE(kDebug,
+                    "End of stdin parsing, stdin state EOF %s, GOOD %s, read "
+                    "%u of %u chars",
+                    TrueOrFalse(IsInputAtEnd()), TrueOrFalse(IsInputGood()),
+                    static_cast<unsigned>(total_),
+                    static_cast<unsigned>(length_));
   }
 
   /// Unlike those of a query string, keys are not decoded, and the last value
   /// of a key counts.
   void TakeRawBody() {
-    if (log.Check(kDebug)) {
-      log.Write(kDebug, "%s:%d no boundaries in POST data, assuming GET format",
-                SourceName().c_str(), __LINE__);
-    }
-    for (ItemWalk items(raw_body_, '&'); !items.AtEnd();) {
+    ZANCGI_LOG_HERE(kDebug, "no boundaries in POST data, assuming GET format");
+    for (FieldCursor items(raw_body_, '&'); !items.AtEnd();) {
       std::string rest = items.Next();
       std::string value = str::GetWord(rest, '&');
       const std::string key = str::GetWord(value, '=');
@@ -845,181 +850,131 @@ class BodyParser {
   std::string carry_;
   std::size_t carried_ = 0;  ///< How much of #carry_ is in use.
 };
+
 }  // namespace
-
-Cgi::Data::Data() {
-  ParseCookies();
-  // As it was forwarded: neither split at commas nor trimmed.
-  remote_addr = tov_env::GetEnv("HTTP_X_FORWARDED_FOR");
-  if (remote_addr.empty()) remote_addr = tov_env::GetEnv("REMOTE_ADDR");
-  server_addr = tov_env::GetEnv("SERVER_ADDR");
-}
-
-Cgi::Data::~Data() {
-  for (const auto& entry : files) {
-    const std::string& path = entry.second.path;
-    try {
-      RemoveUpload(path);
-    } catch (...) {
-      WarnOfUploadLeft(path);
-    }
-  }
-}
-
-void Cgi::Data::ParseQuery() {
-  TraceEntry("void zan_cgi::Cgi::Data::ParseQuery()");
-  const std::string method = tov_env::GetEnv("REQUEST_METHOD");
-  if (method == "GET") {
-    ParseQueryString(tov_env::GetEnv("QUERY_STRING"));
-  } else if (method == "POST") {
-    ParseInput();
-  } else {
-    throw std::runtime_error("bad request method '" + method + "'");
-  }
-}
-
-void Cgi::Data::ParseQueryString(std::string query) {
-  TraceEntry("void zan_cgi::Cgi::Data::ParseQueryString(std::string)");
-  if (parsed) {
-    if (log.Check(kWarning)) {
-      log.Write(kWarning, "attempt to reparse GET query");
-    }
-    return;
-  }
-  MapFiller filler(params);
-  for (ItemWalk items(query, '&'); !items.AtEnd();) {
-    std::string rest = items.Next();
-    std::string value = str::GetWord(rest, '&');
-    if (value.empty()) continue;
-    // Split before decoding: an encoded "&" or "=" is data.
-    const std::string name = str::url::Decode(str::GetWord(value, '='));
-    if (!name.empty()) {
-      filler.Join(name, ", ", str::url::Decode(value));
-    } else if (!value.empty() && log.Check(kWarning)) {
-      log.Write(kWarning, "Key name is empty, value = '%s'", value.c_str());
-    }
-  }
-  parsed = true;
-}
 
 void Cgi::Data::ParseInput() {
   TraceEntry("void zan_cgi::Cgi::Data::ParseInput()");
   if (parsed) {
-    if (log.Check(kWarning)) {
-      log.Write(kWarning, "attempt to reparse POST query");
-    }
+    ZANCGI_LOG(kWarning, "attempt to reparse POST query");
     return;
   }
   const std::int64_t length = str::Int64(tov_env::GetEnv("CONTENT_LENGTH"));
   if (length == 0) {
-    if (log.Check(kDebug)) {
-      log.Write(kDebug, "%s:%d CONTENT_LENGTH=0", SourceName().c_str(),
-                __LINE__);
-    }
+    ZANCGI_LOG_HERE(kDebug, "CONTENT_LENGTH=0");
     return;
   }
   BodyParser(*this, length, AnnouncedBoundary()).Parse();
-}
-
-void Cgi::Data::CheckTmpDir() {
-  if (tmp_dir.empty()) tmp_dir = tov_env::GetEnv("TMP");
-  // The parser's own default is another one, for compatibility.
-  if (tmp_dir.empty()) tmp_dir = "tmp";
-  if (!tov_file::Exists(tmp_dir)) {
-    tov_file::MkDir(tmp_dir, nullptr);
-  } else if (!tov_file::Info(tmp_dir, false).IsDir()) {
-    throw std::runtime_error("temp dir '" + tmp_dir + "' is not a directory");
-  }
-}
-
-void Cgi::Data::ParseCookies() {
-  TraceEntry("void zan_cgi::Cgi::Data::ParseCookies()");
-  std::vector<std::string> pieces;
-  str::Split(tov_env::GetEnv("HTTP_COOKIE"), ";", pieces);
-  for (std::string& piece : pieces) {
-    const std::string name = str::GetWord(piece, '=');
-    // Unlike a parameter, the last cookie of a name counts.
-    cookies[name] = piece;
-  }
-}
-
-Cgi::Cgi(const std::string& binary_name, const std::string& tov_name)
-    : data_(std::shared_ptr<Data>(new Data)) {
-  data_->tov_name = tov_name;
-  data_->SetWorkDir(binary_name);
-}
-
-std::string Cgi::Param(const std::string& name) {
-  if (!data_->parsed) data_->ParseQuery();
-  return ValueOrEmpty(data_->params, name);
-}
-
-std::string Cgi::Cookie(const std::string& name) {
-  return ValueOrEmpty(data_->cookies, name);
-}
-
-std::string Cgi::File(const std::string& name) const {
-  const auto found = data_->files.find(name);
-  return found == data_->files.end() ? std::string() : found->second.path;
-}
-
-std::int64_t Cgi::GetFileSize() const {
-  if (!data_->parsed) data_->ParseQuery();
-  std::int64_t size = 0;
-  for (const auto& entry : data_->files) size += entry.second.size;
-  return size;
-}
-
-void Cgi::GetParams(std::vector<std::string>& names) const {
-  if (!data_->parsed) data_->ParseQuery();
-  ListKeys(data_->params, names);
-}
-
-void Cgi::GetFileNames(std::vector<std::string>& names) const {
-  if (!data_->parsed) data_->ParseQuery();
-  ListKeys(data_->files, names);
-}
-
-void Cgi::ParseQuery() {
-  if (!data_->parsed) {
-    data_->ParseQuery();
-  } else if (log.Check(kWarning)) {
-    log.Write(kWarning, "CGI already parsed input");
-  }
 }
 
 long Cgi::Read(char* buffer, long length) {
   return data_->Read(buffer, length);
 }
 
-void Cgi::SetTmpDir(const std::string& dir) {
-  data_->tmp_dir = dir;
-  data_->CheckTmpDir();
-}
+// Queries to the back end.
 
-void Cgi::CheckContentLength(long maxLength) {
-  if (tov_env::GetEnv("REQUEST_METHOD") != "POST") return;
-  const int length = str::Int(tov_env::GetEnv("CONTENT_LENGTH"));
-  if (length > maxLength) {
-    throw std::runtime_error("Post data too large. Max allowed length is " +
-                             str::Str(maxLength / 1024) + "KB");
+namespace {
+
+/// Throws unless there is a back end that may be asked. Inside an account's
+/// folder the account could have put its own socket in the back end's place,
+/// which would get the visitor's session and could answer that he is root.
+void RequireBackEnd(const std::string& tov_name) {
+  if (tov_name.empty()) throw tov_err::Missed("tovname", "");
+  if (IsInsideAccountsFolder()) {
+    throw std::runtime_error(
+        "the back end cannot be asked from inside an account's folder");
   }
 }
+
+bool IsForwarded(const std::string& name) {
+  return name.starts_with("HTTP_") ||
+         (name.starts_with("REQUEST_") && name != "REQUEST_METHOD") ||
+         name.starts_with("SERVER_") || name.starts_with("REMOTE_") ||
+         name == "HTTPS";
+}
+
+/// The environment that the back end gets to see. It always sees a GET of the
+/// composed query, whatever the browser has sent.
+StringMap BackendEnvironment(const std::string& query) {
+  StringMap all;
+  tov_env::GetAllEnvs(all);
+  StringMap forwarded;
+  for (auto& [name, value] : all) {
+    if (IsForwarded(name)) forwarded.emplace(name, std::move(value));
+  }
+  forwarded["REQUEST_METHOD"] = "GET";
+  forwarded["QUERY_STRING"] = query;
+  return forwarded;
+}
+
+/// Adds output format, session and "sfrom" to a query. That an item is there
+/// already is decided by a plain search: "layout=1" counts as "out=", which
+/// front ends rely on. Values are added without encoding, likewise.
+void AddImplicitItems(const Cgi::Data& request, std::string& query) {
+  if (!Contains(query, "out=")) {
+    query = str::Append(query, "out=xml", "&");
+  }
+  // A session from the cookie travels inside the forwarded HTTP_COOKIE.
+  const Cgi::AuthInfo& session = request.auth_info;
+  if (session.method == Cgi::AuthInfo::AuthParams &&
+      !Contains(query, "auth=")) {
+    if (session.auth.empty()) throw tov_err::Value("auth", "");
+    query = str::Append(query, "auth=" + session.auth, "&");
+  }
+  const auto sfrom = request.params.find("sfrom");
+  if (!Contains(query, "sfrom=") && sfrom != request.params.end()) {
+    query = str::Append(query, "sfrom=" + sfrom->second, "&");
+  }
+}
+
+std::string ReadAnswer(tov_client::Protocol& connection) {
+  std::string answer;
+  char piece[1024];
+  for (;;) {
+    const unsigned long count = connection.GetAnswer(piece, sizeof(piece));
+    if (count == 0) return answer;
+    answer.append(piece, count);
+  }
+}
+
+void DropTextBeforeXml(std::string& answer) {
+  const std::size_t declaration = answer.find("<?xml");
+  if (declaration != std::string::npos) answer.erase(0, declaration);
+}
+
+/// One attempt: a connection of its own, closed again however it ends.
+std::string Exchange(const std::string& tov_name, const StringMap& environment,
+                     const std::string& query) {
+  const std::unique_ptr<tov_client::Protocol> connection =
+      tov_client::Connect(tov_name, false);
+  for (const auto& [name, value] : environment) {
+    std::string line = name;
+    line.append("=").append(value);
+    connection->SendEnv(line);
+  }
+  connection->RequestComplete();
+  std::string answer = ReadAnswer(*connection);
+  if (Contains(query, "out=xml")) DropTextBeforeXml(answer);
+  return answer;
+}
+
+}  // namespace
+
+void Cgi::SetTovName(const std::string& name) { data_->tov_name = name; }
 
 std::string Cgi::Query(std::string query) {
   const std::string& tov_name = data_->tov_name;
   RequireBackEnd(tov_name);
-  CompleteQuery(*data_, query);
+  AddImplicitItems(*data_, query);
   const StringMap environment = BackendEnvironment(query);
-  if (log.Check(kQuery)) {
-    log.Write(kQuery, "cgi.Query('%s') tov '%s'", query.c_str(),
-              tov_name.c_str());
-  }
-  for (int attempts = kAttempts;;) {
+  ZANCGI_LOG(kQuery, "cgi.Query('%s') tov '%s'", query.c_str(),
+             tov_name.c_str());
+  constexpr int kAttempts = 4;
+  for (int attempt = 1;; ++attempt) {
     try {
       return Exchange(tov_name, environment, query);
     } catch (const tov_err::Error&) {
-      if (--attempts == 0) throw;
+      if (attempt == kAttempts) throw;
     }
   }
 }
@@ -1040,45 +995,71 @@ std::string Cgi::Query(const std::map<std::string, std::string>& params) {
   return Query(std::move(query));
 }
 
-void Cgi::SetTovName(const std::string& name) { data_->tov_name = name; }
+// Authorization.
 
-void Cgi::Authorize(AuthInfo::AuthMethod method) {
-  const std::string& tov_name = data_->tov_name;
-  AuthInfo& session = data_->auth_info;
-  RequireBackEnd(tov_name);
+namespace {
 
-  const bool looks_in_cookie =
-      method == AuthInfo::AuthAny || method == AuthInfo::AuthCookie;
-  const bool looks_in_params =
-      method == AuthInfo::AuthAny || method == AuthInfo::AuthParams;
-  if (session.auth.empty() && looks_in_cookie) {
-    session.auth = Cookie(tov_name + "ses5");
+/// Puts the session's id into the record, and where it came from. An id that is
+/// known from an earlier call stays.
+void FindSession(Cgi& cgi, Cgi::AuthInfo::AuthMethod method,
+                 Cgi::Data& record) {
+  using Auth = Cgi::AuthInfo;
+  Auth& session = record.auth_info;
+  const auto looks_in = [&](Auth::AuthMethod place) {
+    return session.auth.empty() && (method == Auth::AuthAny || method == place);
+  };
+  if (looks_in(Auth::AuthCookie)) {
+    session.auth = cgi.Cookie(record.tov_name + "ses5");
   }
-  if (session.auth.empty() && looks_in_params) {
-    if (log.Check(kDebug)) {
-      log.Write(kDebug, "%s:%d session cookie not found, trying params",
-                SourceName().c_str(), __LINE__);
-    }
-    session.auth = Param("auth");
-    session.method = AuthInfo::AuthParams;
+  if (looks_in(Auth::AuthParams)) {
+    ZANCGI_LOG_HERE(kDebug, "session cookie not found, trying params");
+    session.auth = cgi.Param("auth");
+    session.method = Auth::AuthParams;
   } else {
     // Also for a session that is known from an earlier call, and for a missing
     // cookie where only the cookie counts: kept for compatibility. The back end
     // then answers for an empty session.
-    if (log.Check(kDebug)) {
-      log.Write(kDebug, "%s:%d session cookie found", SourceName().c_str(),
-                __LINE__);
-    }
-    session.method = AuthInfo::AuthCookie;
+    ZANCGI_LOG_HERE(kDebug, "session cookie found");
+    session.method = Auth::AuthCookie;
   }
+}
 
-  tov_xml::Xml answer;
-  answer.LoadFromString(Query("func=whoami&out=xml"));
-  ThrowUnlessConfirmed(answer, tov_name);
-  const tov_xml::XmlNode user = answer.GetNode("/doc/user");
+void ThrowUnlessConfirmed(const tov_xml::Xml& answer,
+                          const std::string& tov_name) {
+  // The error first: an answer that holds both is a refusal.
+  const tov_xml::XmlNode error = answer.GetNode("/doc/error");
+  if (error) {
+    if (error.GetProp("type") == "access") {
+      throw std::runtime_error("You do not authorized for this operation");
+    }
+    throw std::runtime_error("unknown authorization error");
+  }
+  if (!answer.GetNode("/doc/user")) {
+    throw std::runtime_error("bad answer from '" + tov_name + "'");
+  }
+}
+
+void TakeUser(const tov_xml::XmlNode& user, Cgi::AuthInfo& session) {
   session.name = user.GetProp("name");
   session.level = str::Int(user.GetProp("level"));
-  TakeLanguage(Cookie(tov_name + "lang5"), session);
+}
+
+void TakeLanguage(std::string cookie, Cgi::AuthInfo& session) {
+  if (!Contains(cookie, ":")) return;
+  session.lang_word = str::RGetWord(cookie, ':');
+  session.lang_rest = cookie;
+}
+
+}  // namespace
+
+void Cgi::Authorize(AuthInfo::AuthMethod method) {
+  RequireBackEnd(data_->tov_name);
+  FindSession(*this, method, *data_);
+  tov_xml::Xml answer;
+  answer.LoadFromString(Query("func=whoami&out=xml"));
+  ThrowUnlessConfirmed(answer, data_->tov_name);
+  TakeUser(answer.GetNode("/doc/user"), data_->auth_info);
+  TakeLanguage(Cookie(data_->tov_name + "lang5"), data_->auth_info);
   data_->authorized = true;
 }
 

@@ -34,59 +34,13 @@
 
 #include "confinement.h"
 #include "descriptor.h"
-#include "log_levels.h"
+#include "log_line.h"
 #include "pam_library.h"
 
 namespace zan_cgi {
 namespace {
 
 tov_log::Module log("zancgi", "core");
-
-std::string SourceName() { return tov_file::SplitPath(__FILE__).second; }
-
-/// Everything before the last "/"; only the forward slash counts.
-std::string FolderOf(const std::string& program) {
-  const std::size_t slash = program.rfind('/');
-  return slash == std::string::npos ? "." : program.substr(0, slash);
-}
-
-constexpr int kInputTimeout = 30'000;
-
-/// Waits for something to happen to standard input and returns what; 0 when a
-/// signal came first.
-short WaitForInput() {
-  pollfd input{STDIN_FILENO, POLLIN, 0};
-  const int count = ::poll(&input, 1, kInputTimeout);
-  if (count < 0) {
-    if (errno != EINTR) {
-      throw std::runtime_error(std::string("polling error: ") +
-                               std::strerror(errno));
-    }
-    if (log.Check(kDebug)) {
-      log.Write(kDebug, "%s:%d poll interrupted, trying again",
-                SourceName().c_str(), __LINE__);
-    }
-    return 0;
-  }
-  if (count == 0) {
-    ::close(STDIN_FILENO);
-    throw std::runtime_error("timeout");
-  }
-  return input.revents;
-}
-
-long ReadInput(char* buffer, long length) {
-  const ssize_t count =
-      ::read(STDIN_FILENO, buffer, static_cast<std::size_t>(length));
-  if (count >= 0) return count;
-  const int error = errno;
-  if (error == EAGAIN) return 0;
-  // The log may have changed errno by now.
-  if (log.Check(kError)) {
-    log.Write(kError, "error reading stdin, code %d", error);
-  }
-  return -1;
-}
 
 /// What the password database says of an account.
 struct Account {
@@ -104,10 +58,139 @@ Account FindAccount(const std::string& user) {
   return {entry->pw_name, entry->pw_uid, entry->pw_gid, entry->pw_dir};
 }
 
+}  // namespace
+
+// Reading the body.
+
+namespace {
+
+constexpr int kInputTimeoutMs = 30'000;
+
+/// Waits for something to happen to standard input and returns what; 0 when a
+/// signal came first.
+short WaitForInput() {
+  pollfd input{STDIN_FILENO, POLLIN, 0};
+  const int count = ::poll(&input, 1, kInputTimeoutMs);
+  if (count < 0) {
+    if (errno != EINTR) {
+      throw std::runtime_error(std::string("polling error: ") +
+                               std::strerror(errno));
+    }
+    ZANCGI_LOG_HERE(kDebug, "poll interrupted, trying again");
+    return 0;
+  }
+  if (count == 0) {
+    ::close(STDIN_FILENO);
+    throw std::runtime_error("timeout");
+  }
+  return input.revents;
+}
+
+long ReadInput(char* buffer, long length) {
+  const ssize_t count =
+      ::read(STDIN_FILENO, buffer, static_cast<std::size_t>(length));
+  if (count >= 0) return count;
+  // Kept, since the log may change it.
+  const int error = errno;
+  if (error == EAGAIN) return 0;
+  ZANCGI_LOG(kError, "error reading stdin, code %d", error);
+  return -1;
+}
+
+}  // namespace
+
+long Cgi::Data::Read(char* buffer, long length) {
+  const short events = WaitForInput();
+  if ((events & POLLNVAL) != 0) {
+    throw std::runtime_error("invalid polling request");
+  }
+  if ((events & POLLERR) != 0) {
+    // The number of whatever call has failed last, since poll() has not: kept
+    // for compatibility.
+    throw std::runtime_error(std::string("polling error: ") +
+                             std::strerror(errno));
+  }
+  // Before the hang-up: what the writer has left is read first.
+  if ((events & POLLIN) != 0) return ReadInput(buffer, length);
+  if ((events & POLLHUP) != 0) {
+    // No signal, although it says so: administrators know this text.
+    ZANCGI_LOG(kWarning, "Signal HUP received");
+    return -1;
+  }
+  return 0;
+}
+
+std::uint64_t Cgi::Data::FreeSpaceSize(const std::string& path) {
+  struct statfs64 file_system;
+  if (::statfs64(path.c_str(), &file_system) != 0) {
+    throw std::runtime_error("Cannot run statfs on " + path);
+  }
+  // All free blocks, those kept for the superuser too: that is who writes.
+  return static_cast<std::uint64_t>(file_system.f_bsize) *
+         static_cast<std::uint64_t>(file_system.f_bfree);
+}
+
+// The working directory.
+
+namespace {
+
+/// Everything before the last "/"; only the forward slash counts.
+std::string FolderOf(const std::string& program) {
+  const std::size_t slash = program.rfind('/');
+  return slash == std::string::npos ? "." : program.substr(0, slash);
+}
+
+}  // namespace
+
+void Cgi::Data::SetWorkDir(const std::string& binary_name) {
+  if (binary_name.empty()) {
+    tov_err::AssertError::Raise(
+        __FILE__, __LINE__,
+        "void zan_cgi::Cgi::Data::SetWorkDir(const string&)",
+        "passed binary name is empty");
+  }
+  const std::string work_dir =
+      tov_file::RealPath(FolderOf(binary_name) + "/..");
+  ZANCGI_LOG_HERE(kDebug, "set working directory to '%s'", work_dir.c_str());
+  // Kept for compatibility: a directory that cannot be entered is no error, and
+  // the process stays where it is.
+  if (::chdir(work_dir.c_str()) != 0) return;
+}
+
+// Handing uploads over to an account.
+
+namespace {
+
 /// Both "/" and "\" separate: a stored path may have come from anywhere.
 std::string FileName(const std::string& path) {
   return path.substr(path.find_last_of("/\\") + 1);
 }
+
+}  // namespace
+
+void Cgi::Data::DoChownFiles(const std::string& user,
+                             const std::string& /*dir*/, bool use_chroot) {
+  const Account account = FindAccount(user);
+  if (account.uid == 0) return;
+  const tov_file::Attrs attributes(0644, account.uid, account.gid);
+  for (auto& [client_name, file] : files) {
+    const std::string name = FileName(file.path);
+    const std::string destination = tov_file::ConcatPath(account.home, name);
+    std::string recorded = use_chroot ? "/" + name : destination;
+    // The owner before the place: the file is the account's from here on, and
+    // Move() takes care that the account gains nothing by exchanging it.
+    attributes.SafeSet(file.path, false);
+    ZANCGI_LOG_HERE(kDebug, "moving file '%s' stored as '%s' to '%s'",
+                    client_name.c_str(), file.path.c_str(),
+                    destination.c_str());
+    tov_file::Move(file.path, destination);
+    file.path = std::move(recorded);
+  }
+}
+
+// Becoming the account.
+
+namespace {
 
 /// For a call whose failure changes nothing, which is kept for compatibility: a
 /// process that may not switch goes on as who it is.
@@ -132,12 +215,12 @@ void BecomeRoot(const Account& root, const std::string& dir) {
 
 /// The base group of an account is the number of its user, not of its group:
 /// kept for compatibility. They are equal where each user has a group.
-gid_t BaseGroup(const Account& account) { return account.uid; }
+gid_t UidAsGid(const Account& account) { return account.uid; }
 
 std::vector<gid_t> GroupsOf(const Account& account) {
   std::vector<gid_t> groups(16);
   int count = static_cast<int>(groups.size());
-  while (::getgrouplist(account.name.c_str(), BaseGroup(account), groups.data(),
+  while (::getgrouplist(account.name.c_str(), UidAsGid(account), groups.data(),
                         &count) < 0) {
     const auto wanted = static_cast<std::size_t>(count);
     // It also fails for want of memory, and then wants no more room.
@@ -167,7 +250,7 @@ bool is_inside_accounts_folder = false;
 void Confine(const std::string& home) {
   // While its configuration and what that names are the system's own.
   ::gethostbyname("localhost");
-  if (log.Check(kTrace)) log.Write(kTrace, "%s Init resolver", "ChRoot");
+  ZANCGI_LOG(kTrace, "%s Init resolver", "ChRoot");
   if (::chroot(home.c_str()) != 0) ThrowHomeClosed();
   if (!RootDirectoryIsRoots()) is_inside_accounts_folder = true;
   // From here on root reads what the account may have written. A configuration
@@ -182,13 +265,13 @@ void Confine(const std::string& home) {
 }
 
 /// Returns whether the account's groups are now those of the process.
-bool TakeGroups(const Account& account) {
-  return ::initgroups(account.name.c_str(), BaseGroup(account)) == 0;
+bool InitGroups(const Account& account) {
+  return ::initgroups(account.name.c_str(), UidAsGid(account)) == 0;
 }
 
 /// Sets these groups, failing that none: better none than those of root, or
 /// those that the home may have given.
-void SetGroups(const std::vector<gid_t>& groups) {
+void SetGroupsOrNone(const std::vector<gid_t>& groups) {
   if (::setgroups(groups.size(), groups.data()) != 0) {
     ::setgroups(0, nullptr);
   }
@@ -211,28 +294,29 @@ std::vector<gid_t> GroupsOrNone(const Account& account) {
 void ConfineWithGroups(const Account& account) {
   const std::vector<gid_t> groups = GroupsOf(account);
   Confine(account.home);
-  TakeGroups(account);
-  SetGroups(groups);
+  InitGroups(account);
+  SetGroupsOrNone(groups);
 }
 
 void EnterHomeWithGroups(const Account& account) {
   if (::chdir(account.home.c_str()) != 0) ThrowHomeClosed();
   // A failure is no error, but the process must not keep root's groups.
-  if (!TakeGroups(account)) SetGroups(GroupsOrNone(account));
+  if (!InitGroups(account)) SetGroupsOrNone(GroupsOrNone(account));
 }
 
 /// Brings the process back to its current directory when it goes: PAM modules
 /// may have moved, and what follows counts on where it is.
-class DirectoryKeeper {
+class ScopedCwd {
  public:
-  /// @param path  the way there, should a module have closed all descriptors;
+  /// @param path  that of the directory, should a module have closed all
+  /// descriptors;
   ///   empty when there is none
-  explicit DirectoryKeeper(std::string path)
+  explicit ScopedCwd(std::string path)
       : path_(std::move(path)),
         descriptor_(
             MoveAboveStdio(::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC))),
         is_open_(::fstat(descriptor_, &directory_) == 0) {}
-  ~DirectoryKeeper() {
+  ~ScopedCwd() {
     if (IsStillOpen()) {
       Unchecked(::fchdir(descriptor_));
       ::close(descriptor_);
@@ -240,8 +324,8 @@ class DirectoryKeeper {
       Unchecked(::chdir(path_.c_str()));
     }
   }
-  DirectoryKeeper(const DirectoryKeeper&) = delete;
-  DirectoryKeeper& operator=(const DirectoryKeeper&) = delete;
+  ScopedCwd(const ScopedCwd&) = delete;
+  ScopedCwd& operator=(const ScopedCwd&) = delete;
 
  private:
   /// A module may even have opened something else under the same number.
@@ -257,34 +341,28 @@ class DirectoryKeeper {
   bool is_open_;
 };
 
+using PamStep = int (*)(pam_handle_t*, int);
+
+int RunSessionStep(const PamLibrary& pam, pam_handle_t* handle,
+                   const char* name, PamStep step) {
+  const int code = step(handle, PAM_SILENT);
+  if (code == PAM_SUCCESS) {
+    ZANCGI_LOG_HERE(kDebug, "PAM %s - ok", name);
+  } else {
+    ZANCGI_LOG(kWarning, "PAM error %d (%s) on %s", code,
+               pam.strerror(handle, code), name);
+  }
+  return code;
+}
+
 /// Opens the session and closes it again, while the process is still root: none
 /// stays open for the request. Returns what pam_end(3) wants to know.
 int OpenAndCloseSession(const PamLibrary& pam, pam_handle_t* handle) {
-  int code = pam.open_session(handle, PAM_SILENT);
-  if (code != PAM_SUCCESS) {
-    if (log.Check(kWarning)) {
-      log.Write(kWarning, "PAM error %d (%s) on open_session", code,
-                pam.strerror(handle, code));
-    }
-    return code;
-  }
-  if (log.Check(kDebug)) {
-    log.Write(kDebug, "%s:%d PAM open_session - ok", SourceName().c_str(),
-              __LINE__);
-  }
-  code = pam.close_session(handle, PAM_SILENT);
-  if (code != PAM_SUCCESS) {
-    if (log.Check(kWarning)) {
-      log.Write(kWarning, "PAM error %d (%s) on close_session", code,
-                pam.strerror(handle, code));
-    }
-    return code;
-  }
-  if (log.Check(kDebug)) {
-    log.Write(kDebug, "%s:%d PAM close_session - ok", SourceName().c_str(),
-              __LINE__);
-  }
-  return PAM_SUCCESS;
+  const int code =
+      RunSessionStep(pam, handle, "open_session", pam.open_session);
+  return code == PAM_SUCCESS
+             ? RunSessionStep(pam, handle, "close_session", pam.close_session)
+             : code;
 }
 
 /// Runs the session stack of service "login" once. Nothing of it fails the
@@ -293,22 +371,32 @@ int OpenAndCloseSession(const PamLibrary& pam, pam_handle_t* handle) {
 void RunPamSession(const PamLibrary& pam, const std::string& user,
                    bool trusted) {
   const pam_conv conversation{&myconv, nullptr};
-  if (log.Check(kDebug)) {
-    log.Write(kDebug, "%s:%d starting PAM session for user '%s'",
-              SourceName().c_str(), __LINE__, user.c_str());
-  }
+  ZANCGI_LOG_HERE(kDebug, "starting PAM session for user '%s'", user.c_str());
   pam_handle_t* handle = nullptr;
   if (!trusted || !pam.IsComplete() ||
       pam.start("login", user.c_str(), &conversation, &handle) != PAM_SUCCESS) {
-    if (log.Check(kWarning)) {
-      log.Write(kWarning, "failed to start PAM session");
-    }
+    ZANCGI_LOG(kWarning, "failed to start PAM session");
     return;
   }
-  if (log.Check(kDebug)) {
-    log.Write(kDebug, "%s:%d PAM start done", SourceName().c_str(), __LINE__);
-  }
+  ZANCGI_LOG_HERE(kDebug, "PAM start done");
   pam.end(handle, OpenAndCloseSession(pam, handle));
+}
+
+/// Takes the account's group, runs its session, and takes its user: no way back
+/// is left after that.
+/// @param pam   none when no session is wanted
+/// @param path  that of the current directory; empty when it cannot be reached
+void TakeIdentity(const Account& account, const std::string& user,
+                  const std::optional<PamLibrary>& pam,
+                  const std::string& path) {
+  Unchecked(::setgid(account.gid));
+  if (pam) {
+    const ScopedCwd cwd(path);
+    // Who can write the home could have any PAM configuration, and any module
+    // that it names, run as root in there.
+    RunPamSession(*pam, user, !IsInsideAccountsFolder());
+  }
+  Unchecked(::setuid(account.uid));
 }
 
 /// A number that no inode has.
@@ -326,7 +414,7 @@ std::optional<ino_t> InodeOf(const std::string& path) {
 ///
 /// Kept for compatibility: only inode numbers are compared. A directory of
 /// another file system that has the number of the home is accepted.
-void DemandInside(std::optional<ino_t> home) {
+void RequireInsideHome(std::optional<ino_t> home) {
   std::string path = ".";
   std::optional<ino_t> here = InodeOf(path);
   while (here != home) {
@@ -349,7 +437,7 @@ void EnterInsideHome(const std::string& dir) {
     EnterDirectory(dir.substr(begin));
     if (!home) home = kNoInode;
   }
-  DemandInside(home);
+  RequireInsideHome(home);
 }
 
 }  // namespace
@@ -372,28 +460,6 @@ int myconv(int num_msg, const pam_message** /*msg*/, pam_response** resp,
   return PAM_SUCCESS;
 }
 
-void Cgi::Data::DoChownFiles(const std::string& user,
-                             const std::string& /*dir*/, bool use_chroot) {
-  const Account account = FindAccount(user);
-  if (account.uid == 0) return;
-  const tov_file::Attrs attributes(0644, account.uid, account.gid);
-  for (auto& [client_name, file] : files) {
-    const std::string name = FileName(file.path);
-    const std::string destination = tov_file::ConcatPath(account.home, name);
-    std::string recorded = use_chroot ? "/" + name : destination;
-    // The owner before the place: the file is the account's from here on, and
-    // Move() takes care that the account gains nothing by exchanging it.
-    attributes.SafeSet(file.path, false);
-    if (log.Check(kDebug)) {
-      log.Write(kDebug, "%s:%d moving file '%s' stored as '%s' to '%s'",
-                SourceName().c_str(), __LINE__, client_name.c_str(),
-                file.path.c_str(), destination.c_str());
-    }
-    tov_file::Move(file.path, destination);
-    file.path = std::move(recorded);
-  }
-}
-
 void Cgi::Data::DoSu(const std::string& user, const std::string& dir,
                      bool use_chroot, bool use_pam) {
   const Account account = FindAccount(user);
@@ -403,25 +469,17 @@ void Cgi::Data::DoSu(const std::string& user, const std::string& dir,
   }
   // Before the account's files are in reach: as root only the system's own
   // library may be loaded.
-  const PamLibrary pam = use_pam ? LoadPam() : PamLibrary();
+  std::optional<PamLibrary> pam;
+  if (use_pam) pam = LoadPam();
   if (use_chroot) {
     ConfineWithGroups(account);
+    // A confined process has no way back to a directory outside.
+    TakeIdentity(account, user, pam, "");
+    EnterDirectory(dir);
   } else {
     EnterHomeWithGroups(account);
-  }
-  Unchecked(::setgid(account.gid));
-  if (use_pam) {
-    // A confined process has no way back to a directory outside.
-    const DirectoryKeeper keeper(use_chroot ? "" : account.home);
-    // Who can write the home could have any PAM configuration, and any module
-    // that it names, run as root in there.
-    RunPamSession(pam, user, !IsInsideAccountsFolder());
-  }
-  Unchecked(::setuid(account.uid));
-  if (use_chroot) {
-    EnterDirectory(dir);
-  } else if (!dir.empty()) {
-    EnterInsideHome(dir);
+    TakeIdentity(account, user, pam, account.home);
+    if (!dir.empty()) EnterInsideHome(dir);
   }
 }
 
@@ -429,55 +487,6 @@ void Cgi::Su(const std::string& user, const std::string& dir, bool use_chroot,
              bool use_pam) {
   data_->DoChownFiles(user, dir, use_chroot);
   data_->DoSu(user, dir, use_chroot, use_pam);
-}
-
-long Cgi::Data::Read(char* buffer, long length) {
-  const short events = WaitForInput();
-  if ((events & POLLNVAL) != 0) {
-    throw std::runtime_error("invalid polling request");
-  }
-  if ((events & POLLERR) != 0) {
-    // The number of whatever call has failed last, since poll() has not: kept
-    // for compatibility.
-    throw std::runtime_error(std::string("polling error: ") +
-                             std::strerror(errno));
-  }
-  // Before the hang-up: what the writer has left is read first.
-  if ((events & POLLIN) != 0) return ReadInput(buffer, length);
-  if ((events & POLLHUP) != 0) {
-    // No signal, although it says so: administrators know this text.
-    if (log.Check(kWarning)) log.Write(kWarning, "Signal HUP received");
-    return -1;
-  }
-  return 0;
-}
-
-std::uint64_t Cgi::Data::FreeSpaceSize(const std::string& path) {
-  struct statfs64 file_system;
-  if (::statfs64(path.c_str(), &file_system) != 0) {
-    throw std::runtime_error("Cannot run statfs on " + path);
-  }
-  // All free blocks, those kept for the superuser too: that is who writes.
-  return static_cast<std::uint64_t>(file_system.f_bsize) *
-         static_cast<std::uint64_t>(file_system.f_bfree);
-}
-
-void Cgi::Data::SetWorkDir(const std::string& binary_name) {
-  if (binary_name.empty()) {
-    tov_err::AssertError::Raise(
-        __FILE__, __LINE__,
-        "void zan_cgi::Cgi::Data::SetWorkDir(const string&)",
-        "passed binary name is empty");
-  }
-  const std::string work_dir =
-      tov_file::RealPath(FolderOf(binary_name) + "/..");
-  if (log.Check(kDebug)) {
-    log.Write(kDebug, "%s:%d set working directory to '%s'",
-              SourceName().c_str(), __LINE__, work_dir.c_str());
-  }
-  // Kept for compatibility: a directory that cannot be entered is no error, and
-  // the process stays where it is.
-  if (::chdir(work_dir.c_str()) != 0) return;
 }
 
 }  // namespace zan_cgi

@@ -1,4 +1,4 @@
-#include "zancgi/item_walk.h"
+#include "zancgi/field_cursor.h"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@ namespace {
 
 std::vector<std::string> Items(const std::string& text) {
   std::vector<std::string> items;
-  for (zan_cgi::ItemWalk walk(text, '&'); !walk.AtEnd();) {
+  for (zan_cgi::FieldCursor walk(text, '&'); !walk.AtEnd();) {
     items.push_back(walk.Next());
   }
   return items;
@@ -17,21 +17,21 @@ std::vector<std::string> Items(const std::string& text) {
 
 using Strings = std::vector<std::string>;
 
-TEST(ItemWalk, HasNoItemsInAnEmptyText) { EXPECT_EQ(Items(""), Strings{}); }
+TEST(FieldCursor, HasNoItemsInAnEmptyText) { EXPECT_EQ(Items(""), Strings{}); }
 
-TEST(ItemWalk, HandsOutEachItemWithItsSeparator) {
+TEST(FieldCursor, HandsOutEachItemWithItsSeparator) {
   EXPECT_EQ(Items("a&bc&d"), (Strings{"a&", "bc&", "d"}));
 }
 
-TEST(ItemWalk, EndsBehindASeparatorAtTheEnd) {
+TEST(FieldCursor, EndsBehindASeparatorAtTheEnd) {
   EXPECT_EQ(Items("a&"), Strings{"a&"});
 }
 
-TEST(ItemWalk, HandsOutEmptyItems) {
+TEST(FieldCursor, HandsOutEmptyItems) {
   EXPECT_EQ(Items("&&a"), (Strings{"&", "&", "a"}));
 }
 
-TEST(ItemWalk, TakesZeroBytesForData) {
+TEST(FieldCursor, TakesZeroBytesForData) {
   const std::string text("a\0b&c", 5);
   EXPECT_EQ(Items(text), (Strings{std::string("a\0b&", 4), "c"}));
 }
