@@ -294,32 +294,24 @@ std::string AnnouncedBoundary() {
   return boundary;
 }
 
-/// Zeroed memory for reading into. What a small body does not touch costs
-/// nothing. It begins where a cache line does, as the kernel then copies
-/// faster.
-class ZeroedBuffer {
- public:
-  explicit ZeroedBuffer(std::size_t size)
-      : memory_(std::calloc(size + kCacheLine, 1)), data_(memory_.get()) {
-    if (memory_ == nullptr) throw std::bad_alloc();
-    std::size_t space = size + kCacheLine;
-    std::align(kCacheLine, size, data_, space);
-  }
-
-  char* data() const { return static_cast<char*>(data_); }
-
- private:
-  static constexpr std::size_t kCacheLine = 64;
-
-  struct Free {
-    void operator()(void* memory) const { std::free(memory); }
-  };
-
-  std::unique_ptr<void, Free> memory_;
-  void* data_;
+struct FreeMemory {
+  void operator()(char* memory) const { std::free(memory); }
 };
+using ZeroedBuffer = std::unique_ptr<char[], FreeMemory>;
+
+/// Makes zeroed memory for reading into. What a small body does not touch costs
+/// nothing.
+ZeroedBuffer MakeZeroedBuffer(std::size_t size) {
+  ZeroedBuffer buffer(static_cast<char*>(std::calloc(size, 1)));
+  if (!buffer) throw std::bad_alloc();
+  return buffer;
+}
 
 /// Reads the body of one POST and fills the request record with it.
+///
+/// Three words are told apart: the boundary is "--" and the value that the
+/// content type gives; the separator, which ends a file, is CR LF and the
+/// boundary; a delimiter is what stands between words, such as ";".
 ///
 /// A pass over the chunks of the body with four states. Each state is a method
 /// that takes what it can from the current chunk. What comes out is our promise
@@ -351,7 +343,7 @@ class BodyParser {
         // The look-ahead reads the byte after a full chunk. A carry may copy
         // from beyond a short one, but never beyond a full one, since some
         // chunk has held the whole boundary.
-        chunk_(capacity_ + 1),
+        chunk_(MakeZeroedBuffer(capacity_ + 1)),
         separator_("\r\n" + boundary),
         carry_(separator_.size() + 1, '\0') {}
 
@@ -426,7 +418,7 @@ class BodyParser {
     const long wanted =
         std::min(length_ - total, static_cast<std::int64_t>(capacity_));
     // Nothing left to read is nothing read; a wait for it would not end well.
-    const long count = wanted == 0 ? 0 : request_.Read(chunk_.data(), wanted);
+    const long count = wanted == 0 ? 0 : request_.Read(chunk_.get(), wanted);
     if (count < 0) throw std::runtime_error("Error reading STDIN");
     if (count == 0) tov_proc::Sleep(kEmptyReadPauseMs);
     return count;
@@ -466,7 +458,7 @@ class BodyParser {
   }
 
   bool CompleteLine() {
-    if (ExtendLine(chunk_.data(), size_, position_, line_)) return true;
+    if (ExtendLine(chunk_.get(), size_, position_, line_)) return true;
     // Memory is bounded even when a line never ends.
     if (state_ == State::kFieldValue && IsLineTooLong()) CheckValueLine();
     return false;
@@ -489,7 +481,7 @@ class BodyParser {
   bool FindBoundary() {
     line_.clear();
     const std::size_t end =
-        FindBoundaryEnd(boundary_, chunk_.data(), size_, position_);
+        FindBoundaryEnd(boundary_, chunk_.get(), size_, position_);
     if (end == std::string::npos) return false;
     // Over the CR LF, unseen. In the last two bytes of a chunk this goes beyond
     // its end; no skip is carried over here.
@@ -506,7 +498,7 @@ class BodyParser {
     ZANCGI_LOG_HERE(kDebug, "appending %d chars to buff",
                     static_cast<int>(size_));
     if (raw_body_.empty()) raw_body_.reserve(RawBodyReserve());
-    raw_body_.append(chunk_.data(), size_);
+    raw_body_.append(chunk_.get(), size_);
   }
 
   /// Room for the body as it was declared. Copies to ever more room would cost
@@ -668,16 +660,16 @@ class BodyParser {
 
   void TakeFileData() {
     if (!file_.IsOpen() && !has_upload_failed_) CreateFile();
-    const char* const begin = chunk_.data() + std::min(position_, size_);
+    const char* const begin = chunk_.get() + std::min(position_, size_);
     const SeparatorScan::Result found =
-        separator_.Scan(begin, chunk_.data() + size_);
+        separator_.Scan(begin, chunk_.get() + size_);
     // What earlier chunks ended in was data after all.
     if (found.match_is_broken && carried_ > 0) WriteCarry();
     const auto scanned = static_cast<std::size_t>(found.end - begin);
     const std::size_t count = scanned - (separator_.matched() - carried_);
     WriteFileData(begin, count);
     if (found.is_complete) {
-      EndFile(static_cast<std::size_t>(found.end - chunk_.data()));
+      EndFile(static_cast<std::size_t>(found.end - chunk_.get()));
     } else {
       CarryMatch(count);
       GoToChunkEnd();
@@ -762,7 +754,7 @@ class BodyParser {
   /// breaks, those wrong bytes are written: kept for compatibility.
   void CarryMatch(std::size_t count) {
     for (; carried_ < separator_.matched(); ++carried_) {
-      carry_[carried_] = chunk_.data()[count + carried_];
+      carry_[carried_] = chunk_.get()[count + carried_];
     }
   }
 
