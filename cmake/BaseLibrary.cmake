@@ -7,7 +7,7 @@ elseif(ZANCGI_TOV STREQUAL "system")
   if(TARGET tov::tov)
     set(is_known TRUE)
   endif()
-  include(packaging/find-base-library.cmake)
+  include(cmake/find-base-library.cmake)
   if(NOT TARGET tov::tov)
     message(FATAL_ERROR "There is no base library on the system: neither a "
       "CMake package \"tov\", nor a header <tov/str.h> with a library \"tov\" where "

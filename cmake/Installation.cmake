@@ -2,8 +2,8 @@
 # finds its neighbours by the way to them, so that the folder can be moved.
 include(CMakePackageConfigHelpers)
 
-set(packaging_dir "${PROJECT_SOURCE_DIR}/packaging")
-set(configured_dir "${PROJECT_BINARY_DIR}/packaging")
+set(package_dir "${PROJECT_SOURCE_DIR}/cmake/package")
+set(configured_dir "${PROJECT_BINARY_DIR}/package")
 set(pkgconfig_dir "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 
 # install_library_pair(NAME): what add_library_pair has made, with its public
@@ -34,7 +34,7 @@ function(install_library_pair name)
   set(version_file "${configured_dir}/${name}-config-version.cmake")
   write_basic_package_version_file("${version_file}"
     COMPATIBILITY SameMajorVersion)
-  install(FILES "${packaging_dir}/${name}-config${config_variant}.cmake"
+  install(FILES "${package_dir}/${name}-config${config_variant}.cmake"
     DESTINATION "${cmake_dir}"
     RENAME ${name}-config.cmake
     COMPONENT ${name}-dev)
@@ -45,7 +45,7 @@ function(install_library_pair name)
   # Its name changes with the library's, so that two can be installed side by
   # side.
   get_target_property(soversion ${name} SOVERSION)
-  install(FILES "${packaging_dir}/tmpfiles/${name}.conf"
+  install(FILES "${PROJECT_SOURCE_DIR}/src/${name}/tmpfiles.conf"
     DESTINATION lib/tmpfiles.d
     RENAME lib${name}${soversion}.conf
     COMPONENT ${name})
@@ -61,14 +61,15 @@ endif()
 file(RELATIVE_PATH way_to_prefix "/${pkgconfig_dir}" "/")
 string(REGEX REPLACE "/$" "" way_to_prefix "${way_to_prefix}")
 
-# install_pkgconfig(NAME COMPONENT): packaging/NAME.pc.in with its holes filled.
+# install_pkgconfig(NAME COMPONENT): cmake/package/NAME.pc.in with its holes
+# filled.
 function(install_pkgconfig name component)
   foreach(library zancgi zancgi_static)
     get_target_property(options ${library} INTERFACE_LINK_OPTIONS)
     list(JOIN options " " ${library}_options)
   endforeach()
   set(file "${configured_dir}/${name}.pc")
-  configure_file("${packaging_dir}/${name}.pc.in" "${file}.in" @ONLY)
+  configure_file("${package_dir}/${name}.pc.in" "${file}.in" @ONLY)
   file(GENERATE OUTPUT "${file}" INPUT "${file}.in")
   install(FILES "${file}"
     DESTINATION "${pkgconfig_dir}"
@@ -78,7 +79,8 @@ endfunction()
 # Names the base library of the system to those who look for ours.
 function(refer_to_base_library_of_the_system)
   set(config_variant -system PARENT_SCOPE)
-  set(config_helpers "${packaging_dir}/find-base-library.cmake" PARENT_SCOPE)
+  set(config_helpers
+    "${PROJECT_SOURCE_DIR}/cmake/find-base-library.cmake" PARENT_SCOPE)
 
   find_package(PkgConfig QUIET)
   if(PKG_CONFIG_FOUND)
@@ -118,7 +120,7 @@ else()
   install_pkgconfig(tov tov-dev)
 endif()
 install_library_pair(zancgi)
-install(FILES "${packaging_dir}/zancgi-components.cmake"
+install(FILES "${package_dir}/zancgi-components.cmake"
   DESTINATION "${CMAKE_INSTALL_LIBDIR}/cmake/zancgi"
   COMPONENT zancgi-dev)
 install_pkgconfig(zancgi zancgi-dev)
@@ -129,7 +131,7 @@ set(components zancgi zancgi-dev zancgi-doc zancgi-tools)
 if(ZANCGI_TOV STREQUAL "bundled")
   foreach(component tov tov-dev)
     list(APPEND components ${component})
-    install(FILES "${packaging_dir}/LICENSE.pugixml"
+    install(FILES "${PROJECT_SOURCE_DIR}/src/tov/LICENSE.pugixml"
       DESTINATION "${CMAKE_INSTALL_DOCDIR}"
       COMPONENT ${component})
   endforeach()

@@ -14,7 +14,7 @@ import tempfile
 import unittest
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
-RULES = SOURCE / "packaging" / "tmpfiles"
+RULES = {name: SOURCE / "src" / name / "tmpfiles.conf" for name in ("tov", "zancgi")}
 DEPLOYMENT = (SOURCE / "docs" / "deployment.md").read_text()
 INTERRUPTED_UPLOAD = os.environ["INTERRUPTED_UPLOAD"]
 NOBODY = 65534
@@ -38,8 +38,8 @@ class TmpfilesTest(unittest.TestCase):
         self.root.chmod(0o755)
         rules = self.root / "usr" / "lib" / "tmpfiles.d"
         rules.mkdir(parents=True)
-        for name in ("tov", "zancgi"):
-            shutil.copy(RULES / f"{name}.conf", rules / f"lib{name}1.conf")
+        for name, file in RULES.items():
+            shutil.copy(file, rules / f"lib{name}1.conf")
         for name in ("tmp", "var/tmp"):
             (self.root / name).mkdir(parents=True)
         self.spool = self.root / "var" / "spool" / "zancgi"
@@ -189,7 +189,7 @@ class TmpfilesTest(unittest.TestCase):
 
     def test_a_rule_of_the_administrator_s_clears_homes_of_what_killed_copies_left_at_boot(self):
         self.make(*self.drafts, *self.others)
-        (rule,) = re.findall("^#(r.*)$", (RULES / "zancgi.conf").read_text(), re.MULTILINE)
+        (rule,) = re.findall("^#(r.*)$", RULES["zancgi"].read_text(), re.MULTILINE)
         self.assertIn(f"```tmpfiles\n{rule}\n```", DEPLOYMENT)
         rules = self.root / "etc" / "tmpfiles.d"
         rules.mkdir(parents=True)
