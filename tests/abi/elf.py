@@ -12,15 +12,23 @@ def read_elf(file, *selection):
     return run("readelf", "--wide", *selection, file)
 
 
+def nm(library, *selection):
+    """A line for each symbol that the loader knows."""
+    return run("nm", "--dynamic", *selection, library).splitlines()
+
+
 def symbols(library, selection):
-    """Demangled names, without the compiler's notes on the string type and
-    without versions."""
-    names = set()
-    for line in run("nm", "--dynamic", "--demangle", selection, library).splitlines():
-        name = re.sub(r"^[0-9a-f]*\s+\w ", "", line)
-        name = re.sub(r"@@?[A-Z_0-9.]+$", "", name).replace("[abi:cxx11]", "")
-        names.add(shorten(name))
-    return names
+    """Demangled names."""
+    return set(demangled(line.split()[-1] for line in nm(library, selection)).values())
+
+
+def demangled(names):
+    """What each name is in C++, without versions and without the compiler's
+    notes on the string type."""
+    names = list(names)
+    text = run("c++filt", *(re.sub(r"@.*", "", name) for name in names))
+    lines = text.replace("[abi:cxx11]", "").splitlines()
+    return {name: shorten(line) for name, line in zip(names, lines, strict=True)}
 
 
 def shorten(name):
