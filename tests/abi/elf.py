@@ -4,8 +4,12 @@ import re
 import subprocess
 
 
-def run(*command):
-    return subprocess.run(command, capture_output=True, text=True, check=True).stdout
+def run(*command, **options):
+    """What a command prints; its complaints, when it fails."""
+    done = subprocess.run(command, capture_output=True, text=True, timeout=500, **options)
+    if done.returncode != 0:
+        raise AssertionError(f"{command} failed:\n{done.stdout}{done.stderr}")
+    return done.stdout
 
 
 def read_elf(file, *selection):

@@ -1,5 +1,6 @@
 """The libraries as somebody outside of the tree uses them."""
 
+import functools
 import os
 import pathlib
 import re
@@ -24,6 +25,10 @@ FRONT_END_TEST = pathlib.Path(os.environ.get("FRONT_END_TEST", "/nonexistent"))
 HERE = pathlib.Path(__file__).parent
 STANDARDS = (11, 20)
 USES_PKG_CONFIG = {"PkgConfigTest", "TestKitTest"}
+# Nothing rests on more here.
+QUICKLY_BUILT = ("-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0")
+# A page of the panel.
+SIGN_IN = {"REQUEST_METHOD": "GET", "QUERY_STRING": "page=signin"}
 OF_THE_C_LIBRARY = {"libc.so.6", "ld-linux-x86-64.so.2"}
 
 # Tells the field "a" of a form.
@@ -257,8 +262,31 @@ class PackagesUser(InstallTest):
         known = str(self.installed("zancgi.pc").parent)
         return run("pkg-config", *arguments, env={**os.environ, "PKG_CONFIG_LIBDIR": known}).split()
 
+    @functools.cache
+    def compiled(self, source, standard, *options):
+        """An object, for every package: the options for compiling are the same."""
+        name = f"{source.stem}-{standard}{''.join(options)}.o"
+        flags = self.pkg_config("--cflags", "zancgi")
+        run(CXX, f"-std=c++{standard}", *options, "-c", source, "-o", self.folder / name, *flags)
+        return self.folder / name
+
+    def linked(self, package, *words):
+        """A program of what the linker is given; "PACKAGE" stands for the options
+        of the package."""
+        program = self.folder / f"program-{package}"
+        libdir = self.pkg_config("--variable=libdir", package)[0]
+        at = words.index("PACKAGE")
+        run(
+            CXX, "-o", program, *words[:at], *self.pkg_config("--libs", package), *words[at + 1 :],
+            f"-Wl,-rpath,{libdir}",
+        )  # fmt: skip
+        return program
+
 
 class FrontEndTest(InstallTest):
+    """For classes that say how a program comes about, of a library and for a
+    standard."""
+
     def assert_works(self, program):
         self.assertIn("You are alice.", self.answer_of_back_end_to(program))
         refused = self.answer(program, self.folder)
@@ -278,14 +306,8 @@ class FrontEndTest(InstallTest):
 
     def answer(self, program, run_dir):
         # Nothing else: what it needs it must find by itself.
-        return run(
-            program,
-            env={
-                "REQUEST_METHOD": "GET",
-                "HTTP_COOKIE": "panelses5=3f9c27d1",
-                "TOV_RUN_DIR": str(run_dir),
-            },
-        )
+        request = {"REQUEST_METHOD": "GET", "HTTP_COOKIE": "panelses5=3f9c27d1"}
+        return run(program, env={**request, "TOV_RUN_DIR": str(run_dir)})
 
     def assert_hardened(self, program):
         section = dynamic_section(program)
@@ -296,89 +318,80 @@ class FrontEndTest(InstallTest):
         self.assertRegex(segments, r"GNU_STACK.* RW ")
         self.assertNotIn("TEXTREL", section)
 
-    def check_shared(self, program):
-        self.assertIn("libzancgi.so.1", needed(program))
-        self.assert_hardened(program)
-        self.assert_works(program)
+    def test_shared(self):
+        for standard in STANDARDS:
+            program = self.program("zancgi", standard)
+            self.assertIn("libzancgi.so.1", needed(program))
+            self.assert_hardened(program)
+            self.assert_works(program)
 
-    def check_static(self, program):
-        self.assertLessEqual(needed(program), OF_THE_C_LIBRARY)
-        self.assertIn("libc.so.6", needed(program))
-        self.assert_hardened(program)
-        self.assert_works(program)
+    def test_static(self):
+        for standard in STANDARDS:
+            program = self.program("zancgi_static", standard)
+            self.assertLessEqual(needed(program), OF_THE_C_LIBRARY)
+            self.assertIn("libc.so.6", needed(program))
+            self.assert_hardened(program)
+            self.assert_works(program)
 
-    def check_base_user(self, program):
-        self.assertIn("libtov.so.1", needed(program))
-        self.assertEqual(run(program), "one%20%26%20two\n")
+    def test_base_library(self):
+        for standard in STANDARDS:
+            program = self.program("tov", standard)
+            self.assertIn("libtov.so.1", needed(program))
+            self.assertEqual(run(program), "one%20%26%20two\n")
 
 
 class PkgConfigTest(PackagesUser, FrontEndTest):
     PACKAGES = ("zancgi", "zancgi-static", "tov", "zancgi-testing")
 
-    def build(self, source, package, standard):
-        program = self.folder / f"{package}-{standard}"
-        run(
-            CXX, f"-std=c++{standard}", source, "-o", program,
-            *self.pkg_config("--cflags", "--libs", package),
-            *(f"-Wl,-rpath,{path}" for path in self.pkg_config("--variable=libdir", package)),
-        )  # fmt: skip
-        return program
-
     def test_version(self):
         for package in self.PACKAGES:
             self.assertEqual(self.pkg_config("--modversion", package), [VERSION])
 
-    def test_shared(self):
-        for standard in STANDARDS:
-            self.check_shared(self.build(FRONT_END, "zancgi", standard))
+    def test_one_object_can_be_linked_with_each_of_the_packages(self):
+        (flag,) = self.pkg_config("--cflags", "zancgi")
+        self.assertTrue(pathlib.Path(flag.removeprefix("-I")).samefile(self.root / "include"))
+        for package in self.PACKAGES:
+            self.assertEqual(self.pkg_config("--cflags", package), [flag])
 
-    def test_static(self):
-        for standard in STANDARDS:
-            self.check_static(self.build(FRONT_END, "zancgi-static", standard))
+    def built(self, package, source, standard, *options):
+        return self.linked(package, self.compiled(source, standard, *options), "PACKAGE")
 
-    def test_base_library(self):
-        for standard in STANDARDS:
-            self.check_base_user(self.build(self.base_user, "tov", standard))
+    def program(self, library, standard):
+        source = self.base_user if library == "tov" else FRONT_END
+        return self.built(library.replace("_", "-"), source, standard)
 
-    def link(self, name, text, package, *options):
-        source = self.folder / f"{name}.cpp"
-        source.write_text(text)
-        program = self.folder / f"{name}-{package}"
-        libdir = self.pkg_config("--variable=libdir", package)[0]
-        run(
-            CXX, "-std=c++20", source, "-o", program, *options[:1],
-            *self.pkg_config("--cflags", "--libs", package), *options[1:],
-            f"-Wl,-rpath,{libdir}",
-        )  # fmt: skip
-        return program
+    def written(self, name, text):
+        (self.folder / name).write_text(text)
+        return self.folder / name
 
     def test_std_cin_is_asked_where_a_front_end_uses_it(self):
+        source = self.written("post.cpp", POST_READER)
         whole = {"REQUEST_METHOD": "POST", "CONTENT_LENGTH": "3"}
         cut = {"REQUEST_METHOD": "POST", "CONTENT_LENGTH": "5"}
         closed = "Error reading STDIN\n"
         at_end = "POST read failed: CONTENT_LENGTH=5, bytes read:3\n"
-        for package in ("zancgi", "zancgi-static"):
-            for options, error, streamed in (
-                (["-DNO_STREAMS"], closed, ""),
-                (["-DWITH_STREAMS"], closed, "by std::cout"),
-                (["-DWITH_STREAMS", "-DAT_END"], at_end, "by std::cout"),
-            ):
-                program = self.link("post", POST_READER, package, *options)
+        for options, error, streamed in (
+            ([], closed, ""),
+            (["-DWITH_STREAMS"], closed, "by std::cout"),
+            (["-DWITH_STREAMS", "-DAT_END"], at_end, "by std::cout"),
+        ):
+            for package in ("zancgi", "zancgi-static"):
                 with self.subTest(package=package, options=options):
+                    program = self.built(package, source, 20, *options)
                     self.assertEqual(run(program, env=whole, input="a=1"), f"{streamed}1\n")
                     self.assertEqual(run(program, env=cut, input="a=1"), f"{streamed}{error}")
 
     def test_a_front_end_may_have_a_pugixml_of_its_own(self):
-        for package in ("zancgi", "zancgi-static"):
-            base = ["-ltov"] if package == "zancgi" else []
-            for first, last in (("-DNONE", "-l:libpugixml.a"), ("-l:libpugixml.a", "-DNONE")):
-                program = self.link("pugixml", PUGIXML_USER, package, first, last, *base)
-                self.assertEqual(run(program), "3 1 alice 0\n")
+        user = self.compiled(self.written("pugixml.cpp", PUGIXML_USER), 20)
+        of_its_own = "-l:libpugixml.a"
+        for package, base in (("zancgi", ["-ltov"]), ("zancgi-static", [])):
+            for words in ([of_its_own, "PACKAGE"], ["PACKAGE", of_its_own]):
+                with self.subTest(package=package, words=words):
+                    program = self.linked(package, user, *words, *base)
+                    self.assertEqual(run(program), "3 1 alice 0\n")
 
 
-class CMakeTests:
-    """For classes that say where the project finds the libraries."""
-
+class CMakeTest(FrontEndTest):
     @classmethod
     def build_project(cls, *options):
         cls.build = cls.folder / "build"
@@ -389,20 +402,11 @@ class CMakeTests:
         )  # fmt: skip
         run(CMAKE, "--build", cls.build)
 
-    def test_shared(self):
-        for standard in STANDARDS:
-            self.check_shared(self.build / f"zancgi-{standard}")
-
-    def test_static(self):
-        for standard in STANDARDS:
-            self.check_static(self.build / f"zancgi_static-{standard}")
-
-    def test_base_library(self):
-        for standard in STANDARDS:
-            self.check_base_user(self.build / f"tov-{standard}")
+    def program(self, library, standard):
+        return self.build / f"{library}-{standard}"
 
 
-class FindPackageTest(CMakeTests, FrontEndTest):
+class FindPackageTest(CMakeTest):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
@@ -423,17 +427,16 @@ class FindPackageTest(CMakeTests, FrontEndTest):
             f"-DCMAKE_CXX_COMPILER={CXX}", f"-DCMAKE_PREFIX_PATH={self.root}",
         )  # fmt: skip
         run(CMAKE, "--build", copy / "build")
-        request = {"REQUEST_METHOD": "GET", "QUERY_STRING": "page=signin"}
-        page = run(copy / "build" / "front", env=request)
+        page = run(copy / "build" / "front", env=SIGN_IN)
         self.assertIn("Status: 200 OK", page)
         self.assertIn("<form", page)
 
 
-class AddSubdirectoryTest(CMakeTests, FrontEndTest):
+class AddSubdirectoryTest(CMakeTest):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.build_project(f"-DTREE={SOURCE}")
+        cls.build_project(f"-DTREE={SOURCE}", *QUICKLY_BUILT)
 
     def test_project_installs_nothing_of_ours(self):
         prefix = self.folder / "project"
@@ -444,46 +447,68 @@ class AddSubdirectoryTest(CMakeTests, FrontEndTest):
 class TestKitTest(PackagesUser):
     """A front end and its test, which know the installation only."""
 
+    def configure(self, component):
+        run(
+            CMAKE, "-S", HERE / "test_project", "-B", self.folder / component, "-G", "Ninja",
+            f"-DCMAKE_CXX_COMPILER={CXX}", f"-DCMAKE_PREFIX_PATH={self.root}",
+            f"-DFRONT_END={FRONT_END}", f"-DFRONT_END_TEST={FRONT_END_TEST}",
+            f"-DCOMPONENT={component}", "-DCMAKE_CXX_STANDARD=20",
+        )  # fmt: skip
+        return self.folder / component
+
     def assert_passes(self, program, front_end):
         printed = run(program, env={"FRONT": str(front_end)})
         self.assertRegex(printed, r"\[  PASSED  \] [1-9]\d* tests")
         self.assertNotIn("FAILED", printed)
 
-    def test_with_pkg_config(self):
-        libdir = self.pkg_config("--variable=libdir", "zancgi")[0]
-        front_end = self.folder / "front"
-        run(
-            CXX, FRONT_END, "-o", front_end,
-            *self.pkg_config("--cflags", "--libs", "zancgi"), f"-Wl,-rpath,{libdir}",
-        )  # fmt: skip
-        for standard in (17, 20):
-            program = self.folder / f"front_test-{standard}"
-            run(
-                CXX, f"-std=c++{standard}", FRONT_END_TEST, "-o", program,
-                *self.pkg_config("--cflags", "--libs", "zancgi-testing"),
-                "-lgtest", "-lgtest_main",
-            )  # fmt: skip
-            self.assert_passes(program, front_end)
-
-    def configure(self, name, *options):
-        build = self.folder / name
-        run(
-            CMAKE, "-S", HERE / "test_project", "-B", build, "-G", "Ninja",
-            f"-DCMAKE_CXX_COMPILER={CXX}", f"-DCMAKE_PREFIX_PATH={self.root}",
-            f"-DFRONT_END={FRONT_END}", f"-DFRONT_END_TEST={FRONT_END_TEST}", *options,
-        )  # fmt: skip
-        return build
-
-    def test_with_find_package(self):
-        build = self.configure("build", "-DCOMPONENT=testing")
+    def test_front_ends_are_tested_with_find_package_and_with_pkg_config(self):
+        build = self.configure("testing")
         run(CMAKE, "--build", build)
         self.assert_passes(build / "front_test", build / "front")
         symbols = run("nm", "--demangle", build / "front")
         self.assertNotIn("zan_cgi::testing", symbols)
 
+        test = self.compiled(FRONT_END_TEST, 17)
+        words = (test, "PACKAGE", "-lgtest", "-lgtest_main")
+        self.assert_passes(self.linked("zancgi-testing", *words), build / "front")
+
     def test_a_component_that_does_not_exist_is_missed(self):
         with self.assertRaisesRegex(AssertionError, "there is no zancgi::nonsense in it"):
-            self.configure("missing", "-DCOMPONENT=nonsense")
+            self.configure("nonsense")
+
+
+class BareMachineTest(unittest.TestCase):
+    """Builds the tree where there is a compiler, and of all else only what the
+    libraries are built with."""
+
+    PROGRAMS = "ar as awk basename c++ cat cmake g++ grep ld make mktemp nm objcopy ranlib rm sed sh"
+    LEFT_OUT = {
+        "No Doxygen": 'the target "documentation" is',
+        "No GoogleTest": "the tests are",
+        "No Python in /usr/bin": "the tests are",
+    }
+
+    def test_what_is_missing_is_left_out_and_named_in_a_line(self):
+        folder = tempfile.TemporaryDirectory(prefix="bare-")
+        self.addCleanup(folder.cleanup)
+        programs = pathlib.Path(folder.name)
+        for name in self.PROGRAMS.split():
+            (programs / name).symlink_to(shutil.which(name))
+        environment = {"PATH": str(programs), "HOME": "/nonexistent"}
+        # The kit takes as long as all the rest and has no conditions of its own.
+        build = programs / "build"
+        told = run(
+            CMAKE, "-S", SOURCE, "-B", build, "-G", "Unix Makefiles",
+            *QUICKLY_BUILT, "-DZANCGI_BUILD_TESTKIT=OFF",
+            "-DCMAKE_IGNORE_PATH=/usr/bin;/bin", "-DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON",
+            env=environment,
+        )  # fmt: skip
+        for missing, what in self.LEFT_OUT.items():
+            self.assertIn(f"\n-- {missing}: {what} left out\n", told)
+        run(CMAKE, "--build", build, "--parallel", "2", env=environment)
+        page = run(build / "examples" / "panel" / "front", env=SIGN_IN)
+        self.assertIn("<form", page)
+        self.assertNotIn("documentation:", run(CMAKE, "--build", build, "--target", "help"))
 
 
 def missing_programs():

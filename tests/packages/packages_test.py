@@ -6,6 +6,7 @@ ZANCGI_DEBIAN_MIRROR, in a folder and mounts of this process's own.
 PACKAGES=FOLDER takes packages that scripts/package has left there.
 """
 
+import functools
 import os
 import pathlib
 import re
@@ -138,17 +139,24 @@ class Machine:
         return found
 
 
+@functools.cache
+def packages():
+    """The folder of the packages, which are made once."""
+    if "PACKAGES" in os.environ:
+        return pathlib.Path(os.environ["PACKAGES"])
+    folder = tempfile.TemporaryDirectory(prefix="packages-")
+    unittest.addModuleCleanup(folder.cleanup)
+    run(str(SOURCE / "scripts" / "package"), folder.name)
+    return pathlib.Path(folder.name)
+
+
 class PackagesTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         folder = tempfile.TemporaryDirectory(prefix="packages-")
         cls.addClassCleanup(folder.cleanup)
         cls.folder = pathlib.Path(folder.name)
-        given = os.environ.get("PACKAGES")
-        cls.made = pathlib.Path(given) if given else cls.folder / "made"
-        if not given:
-            run(str(SOURCE / "scripts" / "package"), str(cls.made))
-        cls.debs = {path.name.partition("_")[0]: path for path in cls.made.glob("*.deb")}
+        cls.debs = {path.name.partition("_")[0]: path for path in packages().glob("*.deb")}
 
     def contents(self, name):
         listing = run("dpkg-deb", "--contents", str(self.debs[name]))
@@ -161,28 +169,20 @@ class FilesTest(PackagesTest):
 
     def test_every_package_has_the_licences_of_what_is_in_it(self):
         for name in OURS:
-            where = f"./usr/share/doc/{name}/copyright"
             with self.subTest(name):
-                files = subprocess.run(
-                    ["dpkg-deb", "--fsys-tarfile", self.debs[name]],
-                    capture_output=True, check=True, timeout=60,
-                ).stdout  # fmt: skip
-                text = subprocess.run(
-                    ["tar", "--extract", "--to-stdout", where],
-                    input=files, capture_output=True, check=True, timeout=60,
-                ).stdout.decode()  # fmt: skip
+                tree = self.folder / name
+                run("dpkg-deb", "--extract", str(self.debs[name]), str(tree))
+                text = (tree / "usr" / "share" / "doc" / name / "copyright").read_text()
                 self.assertIn("the libzancgi authors", text)
                 self.assertIn("Permission is hereby granted", text)
                 self.assertIn("Arseny Kapoulkine", text)
-                for author in self.authors_of_scripts(name):
+                for author in self.authors_of_scripts(tree):
                     self.assertIn(author, text)
 
-    def authors_of_scripts(self, name):
+    def authors_of_scripts(self, tree):
         """Of those that Doxygen adds to its pages."""
-        with tempfile.TemporaryDirectory(dir=self.folder) as tree:
-            run("dpkg-deb", "--extract", str(self.debs[name]), tree)
-            scripts = [path.read_text() for path in pathlib.Path(tree).rglob("html/*.js")]
-        self.assertEqual(bool(scripts), name == "zancgi-doc")
+        scripts = [path.read_text() for path in tree.rglob("html/*.js")]
+        self.assertEqual(bool(scripts), tree.name == "zancgi-doc")
         notice = r"(?:Copyright|\(c\)) (?:\([cC]\) )?[-–\d, ]*(?:by )?((?:[A-Z]\w+ ?)+)"
         return {author.strip() for text in scripts for author in re.findall(notice, text)}
 
@@ -196,6 +196,16 @@ class FilesTest(PackagesTest):
         for name in ("libtov1", "libtov-dev"):
             built_using = fields_of(self.debs[name])["Built-Using"]
             self.assertRegex(built_using, r"^pugixml \(= \S+\)$")
+
+    def test_libraries_promise_the_symbols_that_are_recorded(self):
+        for name in ("libtov1", "libzancgi1"):
+            promised = run("dpkg-deb", "--info", str(self.debs[name]), "symbols")
+            recorded = (SOURCE / "debian" / f"{name}.symbols").read_text()
+            recorded, promised = (
+                set(re.findall(r"^ .+", text, re.MULTILINE)) for text in (recorded, promised)
+            )
+            self.assertTrue(recorded)
+            self.assertEqual(promised, recorded)
 
     def test_two_versions_of_a_library_could_lie_side_by_side(self):
         for name in ("libtov1", "libzancgi1"):
@@ -309,7 +319,7 @@ class FreshMachineTest(PackagesTest):
 
     def extract_source(self, folder):
         folder.parent.mkdir(exist_ok=True)
-        (description,) = self.made.glob("*.dsc")
+        (description,) = packages().glob("*.dsc")
         run("dpkg-source", "--extract", str(description), str(folder))
 
     def test_front_ends_are_built_and_run_and_the_tools_work(self):

@@ -92,12 +92,9 @@ class TmpfilesTest(unittest.TestCase):
         )  # fmt: skip
         self.assertEqual(done.returncode, -9)
 
-    def test_only_root_puts_sockets_into_the_folder_of_sockets(self):
+    def test_only_root_puts_sockets_into_their_folder_and_everybody_uploads(self):
         self.apply("--create")
         self.assert_folder("run/tov", "drwxr-xr-x")
-
-    def test_everybody_uploads_and_only_root_looks_at_them_all(self):
-        self.apply("--create")
         self.assert_folder("var/spool/zancgi", "drwx-wx-wt")
 
     def test_a_folder_that_was_there_before_is_put_right(self):
@@ -154,24 +151,28 @@ class TmpfilesTest(unittest.TestCase):
         self.apply("--clean", later="25h")
         self.assertEqual(self.left("var/spool/zancgi"), ["zantempAAAAAA"])
 
-    def test_folders_of_single_requests_go_with_what_is_in_them(self):
-        self.apply("--create")
-        self.make("var/spool/zancgi/upload-AAAAAA/zantempAAAAAA")
-        self.apply("--clean", later="25h")
-        self.assertEqual(self.left("var/spool/zancgi"), [])
+    def test_folders_of_single_requests_go_and_sockets_stay(self):
+        for folder, name, later, left in (
+            ("var/spool/zancgi", "upload-AAAAAA/zantempAAAAAA", "25h", []),
+            ("run/tov", "panel.sock", "9000h", ["panel.sock"]),
+        ):
+            with self.subTest(name):
+                self.apply("--create")
+                self.make(f"{folder}/{name}")
+                self.apply("--clean", later=later)
+                self.assertEqual(self.left(folder), left)
 
-    def test_sockets_stay_whatever_their_age(self):
-        self.apply("--create")
-        self.make("run/tov/panel.sock")
-        self.apply("--clean", later="9000h")
-        self.assertEqual(self.left("run/tov"), ["panel.sock"])
-
-    def test_at_boot_uploads_go_from_the_shared_folders_and_nothing_else(self):
-        for folder in ("tmp", "var/tmp"):
-            self.make(*(f"{folder}/{name}" for name in ("zantempAAAAAA", "zantmp", "other")))
-        self.apply("--remove", "--boot")
-        for folder in ("tmp", "var/tmp"):
-            self.assertEqual(self.left(folder), ["other", "zantmp"])
+    def test_uploads_go_from_the_shared_folders_at_boot_and_nothing_else(self):
+        names = ["other", "zantempAAAAAA", "zantmp"]
+        for options, later, left in (
+            (("--create", "--remove", "--clean"), "9000h", names),
+            (("--remove", "--boot"), None, ["other", "zantmp"]),
+        ):
+            for folder in ("tmp", "var/tmp"):
+                with self.subTest(options=options, folder=folder):
+                    self.make(*(f"{folder}/{name}" for name in names))
+                    self.apply(*options, later=later)
+                    self.assertEqual(self.left(folder), left)
 
     drafts = ("home/alice/.tov-aB3dE6", "home/bob/.tov-AAAAAA")
     others = (
@@ -212,13 +213,6 @@ class TmpfilesTest(unittest.TestCase):
         found = subprocess.run(shlex.split(command), capture_output=True, text=True, check=True)
         self.assertEqual(found.stdout, f"{old}\n")
         self.assertTrue(young.exists())
-
-    def test_while_the_machine_runs_uploads_in_the_shared_folders_stay(self):
-        for folder in ("tmp", "var/tmp"):
-            self.make(f"{folder}/zantempAAAAAA")
-        self.apply("--create", "--remove", "--clean", later="9000h")
-        for folder in ("tmp", "var/tmp"):
-            self.assertEqual(self.left(folder), ["zantempAAAAAA"])
 
 
 def reason_to_skip():
