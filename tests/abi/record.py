@@ -81,9 +81,13 @@ class Description:
         """Its name as C++ has it, with what the name itself does not say."""
         if symbol in self.sizes:
             return f"{name}, {self.sizes[symbol]} bytes"
-        returned = self.functions.get(symbol, ElementTree.Element("")).find("return")
-        is_a_function = returned is not None and self.type_name(returned) != "void"
-        return f"{self.type_name(returned)} {name}" if is_a_function else name
+        function = self.functions.get(symbol)
+        if function is None:
+            return name
+        is_static = self.parents[function].get("static") == "yes"
+        returned = self.type_name(function.find("return"))
+        words = ["static"] * is_static + [returned] * (returned != "void") + [name]
+        return " ".join(words)
 
     def type_name(self, element):
         """Of the type that an element speaks of, as the demangler writes it."""
@@ -164,7 +168,9 @@ class Description:
             return "  {} {} {}".format(" ".join(how), self.type_name(field), field.get("name"))
         if "vtable-offset" in member.attrib:
             (function,) = member
-            return f"  virtual {member.get('vtable-offset')} {' '.join(how)} {self.name(function)}"
+            (signature,) = elf.demangled([function.get("mangled-name")]).values()
+            how += [self.type_name(function.find("return")), signature]
+            return f"  virtual {member.get('vtable-offset')} {' '.join(how)}"
         return ""
 
     def size(self, element):
