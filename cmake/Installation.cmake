@@ -151,25 +151,42 @@ function(install_matching pattern destination component)
 endfunction()
 
 # Installed, the tools carry their version; in the tree they read the header.
-set(versioned_dir "${PROJECT_BINARY_DIR}/tools")
-foreach(file zancgi-request zancgi_doctor/version.py)
-  configure_file("${PROJECT_SOURCE_DIR}/tools/${file}" "${versioned_dir}/${file}"
-    @ONLY)
-endforeach()
-install(PROGRAMS
-  "${PROJECT_SOURCE_DIR}/tools/zancgi-doctor" "${versioned_dir}/zancgi-request"
+set(tools_dir "${PROJECT_SOURCE_DIR}/tools")
+set(packed_dir "${PROJECT_BINARY_DIR}/tools")
+configure_file("${tools_dir}/zancgi_tools/version.py"
+  "${packed_dir}/zancgi_tools/version.py" @ONLY)
+
+# zancgi-request is one file, so that it can be copied to a server.
+find_program(PYTHON_OF_THE_SYSTEM python3 PATHS /usr/bin NO_DEFAULT_PATH)
+if(PYTHON_OF_THE_SYSTEM)
+  file(GLOB packed_modules CONFIGURE_DEPENDS
+    "${tools_dir}/zancgi_request/*.py" "${tools_dir}/zancgi_tools/*.py")
+  add_custom_command(OUTPUT "${packed_dir}/zancgi-request"
+    COMMAND "${PYTHON_OF_THE_SYSTEM}" -IB "${tools_dir}/pack.py"
+      "${PROJECT_VERSION}" "${packed_dir}/zancgi-request"
+    DEPENDS "${tools_dir}/pack.py" "${tools_dir}/zancgi-request" ${packed_modules}
+    VERBATIM)
+  add_custom_target(zancgi_request ALL DEPENDS "${packed_dir}/zancgi-request")
+  install(PROGRAMS "${packed_dir}/zancgi-request"
+    DESTINATION "${CMAKE_INSTALL_BINDIR}"
+    COMPONENT zancgi-tools)
+else()
+  message(STATUS "zancgi-request is left out: there is no /usr/bin/python3")
+endif()
+
+install(PROGRAMS "${tools_dir}/zancgi-doctor"
   DESTINATION "${CMAKE_INSTALL_BINDIR}"
   COMPONENT zancgi-tools)
-# The modules of the tools, which look for them from where they are themselves.
+# The doctor's modules, which it looks for from where it is itself.
 cmake_path(SET modules_dir NORMALIZE
   "${CMAKE_INSTALL_BINDIR}/../share/zancgi-tools")
-install(DIRECTORY "${PROJECT_SOURCE_DIR}/tools/zancgi_doctor"
+install(DIRECTORY "${tools_dir}/zancgi_doctor" "${tools_dir}/zancgi_tools"
   DESTINATION "${modules_dir}"
   COMPONENT zancgi-tools
   PATTERN __pycache__ EXCLUDE
   PATTERN version.py EXCLUDE)
-install(FILES "${versioned_dir}/zancgi_doctor/version.py"
-  DESTINATION "${modules_dir}/zancgi_doctor"
+install(FILES "${packed_dir}/zancgi_tools/version.py"
+  DESTINATION "${modules_dir}/zancgi_tools"
   COMPONENT zancgi-tools)
 install_matching(docs/man/*.1 "${CMAKE_INSTALL_MANDIR}/man1" zancgi-tools)
 install_matching(docs/man/*.3 "${CMAKE_INSTALL_MANDIR}/man3" zancgi-dev)

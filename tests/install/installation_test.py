@@ -237,12 +237,18 @@ class FilesTest(InstallTest):
             self.assertEqual(run(self.root / "bin" / name, "--version"), f"{name} {VERSION}\n")
 
     def test_tools_have_their_modules(self):
-        modules = SOURCE / "tools" / "zancgi_doctor"
-        expected = {str(path.relative_to(modules)) for path in modules.rglob("*.py")}
-        self.assertIn("cli.py", expected)
-        where = "share/zancgi-tools/zancgi_doctor/"
+        tools = SOURCE / "tools"
+        packages = [tools / "zancgi_doctor", tools / "zancgi_tools"]
+        paths = [path for package in packages for path in package.rglob("*.[ip][ny]*")]
+        expected = {f"share/zancgi-tools/{path.relative_to(tools)}" for path in paths}
+        self.assertIn("share/zancgi-tools/zancgi_doctor/cli.py", expected)
         files = {name for name in self.files_of("zancgi-tools") if name.startswith("share/zancgi-")}
-        self.assertEqual(files, {where + name for name in expected})
+        self.assertEqual(files, {name for name in expected if "__pycache__" not in name})
+
+    def test_a_copy_of_zancgi_request_needs_no_other_file(self):
+        self.files_of("zancgi-tools")
+        copy = shutil.copy(self.root / "bin" / "zancgi-request", self.folder / "copy")
+        self.assertEqual(run(copy, "--version"), f"zancgi-request {VERSION}\n")
 
     def test_links_between_documents_lead_to_what_is_installed_with_them(self):
         self.files_of("zancgi-doc")

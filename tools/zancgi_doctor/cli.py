@@ -15,7 +15,7 @@ from zancgi_doctor.files import read_text
 from zancgi_doctor.identities import Identity, resolve_identity
 from zancgi_doctor.report import json_report, overall, text_report
 from zancgi_doctor.texts import MEBIBYTE, describe_error, printable
-from zancgi_doctor.version import version
+from zancgi_tools.version import version
 
 EXIT_STATUS = {"ok": 0, "warning": 1, "failure": 2, "unchecked": 3}
 USAGE_ERROR = 3

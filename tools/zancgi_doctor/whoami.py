@@ -4,6 +4,7 @@ import re
 import xml.parsers.expat
 
 from zancgi_doctor.scgi import scgi_request
+from zancgi_tools.answers import TOKEN, parse_length
 
 
 def whoami_request(service, session, cookie=""):
@@ -24,9 +25,6 @@ def whoami_request(service, session, cookie=""):
     return scgi_request(variables)
 
 
-TOKEN = re.compile(rb"[!#$%&'*+\-.^_`|~0-9A-Za-z]+")
-
-
 def split_answer(data):
     """Header lines, if there are any, and the body."""
     headers = []
@@ -37,7 +35,7 @@ def split_answer(data):
         if end >= 0 and not line:
             return headers, data[end + 1 :]
         name, colon, value = line.partition(b":")
-        if not TOKEN.fullmatch(name) or not (colon or end < 0):
+        if not re.fullmatch(TOKEN.encode(), name) or not (colon or end < 0):
             return [], data
         if colon:
             headers.append((name.lower(), value.strip(b" \t")))
@@ -45,18 +43,10 @@ def split_answer(data):
     return headers, b""
 
 
-def parse_length(value):
-    """A number of 64 bits; nothing if it is none."""
-    digits = value.lstrip(b"0") or b"0"
-    if not re.fullmatch(rb"[0-9]{1,20}", digits) or not value or int(digits) >= 1 << 64:
-        return None
-    return int(digits)
-
-
 def length_error(data):
     """What is wrong with the announced length; and whether there is one."""
     headers, body = split_answer(data)
-    announced = {parse_length(value) for name, value in headers if name == b"content-length"}
+    announced = {parse_length(value.decode("latin-1")) for name, value in headers if name == b"content-length"}
     if not announced:
         return "", False
     if len(announced) > 1 or None in announced:

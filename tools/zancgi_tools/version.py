@@ -1,9 +1,8 @@
 """Which version this is."""
 
+import contextlib
 import pathlib
 import re
-
-from zancgi_doctor.files import text_or_nothing
 
 # Filled in by the installation.
 VERSION = "@PROJECT_VERSION@"
@@ -11,8 +10,10 @@ VERSION = "@PROJECT_VERSION@"
 HEADER = pathlib.Path(__file__).parents[2] / "src" / "zancgi" / "zancgi.h"
 
 
-def version():
+def version() -> str:
     if VERSION[0].isdecimal():
         return VERSION
-    parts = re.findall(r"#define ZANCGI_VERSION_[A-Z]+ (\d+)\n", text_or_nothing(HEADER))
-    return ".".join(parts) or "unknown"
+    with contextlib.suppress(OSError):
+        parts = re.findall(r"#define ZANCGI_VERSION_[A-Z]+ (\d+)\n", HEADER.read_text())
+        return ".".join(parts)
+    return "unknown"

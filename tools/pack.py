@@ -1,0 +1,47 @@
+"""Packs zancgi-request and its modules into one file, which can be copied.
+
+    pack.py VERSION FILE
+
+The same modules make the same file, byte for byte: no time and no mode of the
+machine is in it, and its names are sorted.
+"""
+
+import io
+import pathlib
+import sys
+import zipapp
+import zipfile
+
+TOOLS = pathlib.Path(__file__).parent
+
+
+def members(version):
+    """What the archive holds, by name."""
+    found = {"__main__.py": (TOOLS / "zancgi-request").read_text()}
+    for package in ("zancgi_request", "zancgi_tools"):
+        for path in (TOOLS / package).glob("*.py"):
+            found[f"{package}/{path.name}"] = path.read_text()
+    name = "zancgi_tools/version.py"
+    found[name] = found[name].replace("@PROJECT_VERSION@", version)
+    return found
+
+
+def archive(version):
+    stream = io.BytesIO()
+    with zipfile.ZipFile(stream, "w") as file:
+        for name, text in sorted(members(version).items()):
+            entry = zipfile.ZipInfo(name)  # of 1980, the first year that there is
+            entry.external_attr = 0o644 << 16
+            file.writestr(entry, text)
+    stream.seek(0)
+    return stream
+
+
+def main():
+    version, target = sys.argv[1:]
+    zipapp.create_archive(archive(version), target, interpreter="/usr/bin/python3 -I")
+    pathlib.Path(target).chmod(0o755)
+
+
+if __name__ == "__main__":
+    main()

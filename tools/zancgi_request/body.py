@@ -1,0 +1,150 @@
+"""The body of a request, in memory and in files."""
+
+import os
+import stat
+import sys
+import tempfile
+import urllib.parse
+from collections.abc import Iterator
+from typing import BinaryIO
+
+from zancgi_request.failures import CANNOT_READ, Failure
+
+PIECE = 65536
+
+
+class FilePiece:
+    """What is left to read of an open regular file."""
+
+    def __init__(self, file: BinaryIO):
+        self.file = file
+        self.start = file.tell()
+        self.size = os.fstat(file.fileno()).st_size - self.start
+
+
+class Body:
+    """Bytes in memory and in files; of the latter, little is in memory."""
+
+    def __init__(self, pieces: list[bytes | FilePiece]):
+        self.pieces = pieces
+        self.length = sum(
+            piece.size if isinstance(piece, FilePiece) else len(piece) for piece in pieces
+        )
+        self.rewind()
+
+    def rewind(self) -> None:
+        self._blocks = self._read_blocks()
+        self._rest = b""
+
+    def read(self, count: int) -> bytes:
+        """As many bytes as that; fewer at the end only."""
+        gathered = [self._rest]
+        missing = count - len(self._rest)
+        while missing > 0:
+            block = next(self._blocks, b"")
+            if not block:
+                break
+            gathered.append(block)
+            missing -= len(block)
+        taken = b"".join(gathered)
+        self._rest = taken[count:]
+        return taken[:count]
+
+    def _read_blocks(self) -> Iterator[bytes]:
+        for piece in self.pieces:
+            if isinstance(piece, FilePiece):
+                yield from self._blocks_of(piece)
+            elif piece:
+                yield piece
+
+    @staticmethod
+    def _blocks_of(piece: FilePiece) -> Iterator[bytes]:
+        left = piece.size
+        while left:
+            block = os.pread(piece.file.fileno(), min(left, PIECE), piece.start + piece.size - left)
+            if not block:
+                raise Failure(CANNOT_READ, f"{piece.file.name} has become shorter")
+            left -= len(block)
+            yield block
+
+
+class Stream:
+    """A body of unknown length, read from standard input while it is sent."""
+
+    length = None
+
+    def fileno(self) -> int:
+        return sys.stdin.fileno()
+
+    def read(self, count: int) -> bytes:
+        return os.read(self.fileno(), count)
+
+
+def open_to_read(path: str) -> BinaryIO:
+    if path == "-" and sys.stdin is None:
+        raise Failure(CANNOT_READ, "cannot read standard input: it is closed")
+    if path == "-":
+        return sys.stdin.buffer
+    try:
+        return open(path, "rb")
+    except OSError as error:
+        raise Failure(CANNOT_READ, f"cannot read {path}: {error.strerror}") from None
+
+
+def read_file(path: str) -> bytes:
+    try:
+        return open_to_read(path).read()
+    except OSError as error:
+        raise Failure(CANNOT_READ, f"cannot read {path}: {error.strerror}") from None
+
+
+def spooled(file: BinaryIO) -> BinaryIO:
+    """A nameless copy of what can be read only once, so that its length is known."""
+    copy = tempfile.TemporaryFile()
+    while block := file.read(PIECE):
+        copy.write(block)
+    copy.flush()
+    copy.seek(0)
+    return copy  # type: ignore[return-value]
+
+
+def file_piece(path: str) -> FilePiece:
+    file = open_to_read(path)
+    kind = os.fstat(file.fileno()).st_mode
+    if stat.S_ISDIR(kind):
+        raise Failure(CANNOT_READ, f"cannot read {path}: it is a folder")
+    return FilePiece(file if stat.S_ISREG(kind) else spooled(file))
+
+
+def without_line_ends(content: bytes) -> bytes:
+    return content.translate(None, b"\r\n\0")
+
+
+def url_encoded(text: str) -> bytes:
+    """As curl does it: a value, =VALUE, NAME=VALUE, @FILE or NAME@FILE."""
+    sign = "=" if "=" in text else "@"
+    name, found, rest = text.partition(sign)
+    if not found:
+        name, rest = "", name
+    value = read_file(rest) if found == "@" else os.fsencode(rest)
+    encoded = urllib.parse.quote_from_bytes(value, safe="~").replace("%20", "+").encode()
+    return os.fsencode(name) + b"=" + encoded if name else encoded
+
+
+def data_piece(option: str, value: str) -> bytes | FilePiece:
+    if option == "urlencode":
+        return url_encoded(value)
+    if option == "raw" or not value.startswith("@"):
+        return os.fsencode(value)
+    if option == "data":
+        return without_line_ends(read_file(value[1:]))
+    return file_piece(value[1:])
+
+
+def data_body(given: list[tuple[str, str]]) -> Body:
+    pieces: list[bytes | FilePiece] = []
+    for number, (option, value) in enumerate(given):
+        if number and option != "json":
+            pieces.append(b"&")
+        pieces.append(data_piece(option, value))
+    return Body(pieces)

@@ -1,0 +1,33 @@
+"""The program zancgi-request."""
+
+import signal
+import sys
+
+from zancgi_request.exchange import adopt_orphans
+from zancgi_request.failures import CANNOT_RUN, SIGNALLED, USAGE, Failure
+from zancgi_request.options import parse_command_line
+from zancgi_request.player import Player
+from zancgi_request.settings import NAME, Settings
+from zancgi_request.signals import Interrupted, catch_signals
+
+
+def main(arguments: list[str]) -> int:
+    settings = Settings()
+    # Where it is ignored, nobody is told how a child has ended.
+    signal.signal(signal.SIGCHLD, signal.SIG_DFL)
+    try:
+        settings = parse_command_line(arguments)
+        catch_signals(is_interactive=False)
+        adopt_orphans()
+        return Player(settings).play()
+    except Failure as failure:
+        if failure.status == USAGE or not settings.silent or settings.show_error:
+            print(f"{NAME}: {failure}", file=sys.stderr)
+        if failure.status == USAGE:
+            print(f"Try '{NAME} --help'.", file=sys.stderr)
+        return failure.status
+    except OSError as error:
+        print(f"{NAME}: {error}", file=sys.stderr)
+        return CANNOT_RUN
+    except Interrupted as interruption:
+        return SIGNALLED + interruption.number

@@ -1,0 +1,53 @@
+"""What stands in front of the program, such as gdb."""
+
+import os
+import shlex
+
+from zancgi_request.failures import CANNOT_RUN, Failure, MEMORY_ERRORS
+from zancgi_request.feeder import Channel
+from zancgi_request.servers import Variables
+from zancgi_request.settings import Settings
+
+
+class Debugger:
+    """What stands in front of the program."""
+
+    def __init__(self, settings: Settings):
+        self.words = settings.debugger
+        if settings.valgrind:
+            self.words = ["valgrind", "-q", f"--error-exitcode={MEMORY_ERRORS}"]
+        # It is talked to, so that the terminal is its own and not the program's.
+        self.is_interactive = bool(self.words) and "gdb" in os.path.basename(self.words[0])
+        # The shell that gdb starts the program with knows low descriptors only.
+        self.reserved = [
+            os.open(os.devnull, os.O_RDWR | os.O_CLOEXEC) for _ in range(2 * self.is_interactive)
+        ]
+        if any(descriptor > 9 for descriptor in self.reserved):
+            raise Failure(CANNOT_RUN, "too many descriptors are open for a debugger")
+
+    def command(self, argument: str, variables: Variables) -> list[str]:
+        if not self.is_interactive:
+            return [*self.words, argument]
+        environment = " ".join(shlex.quote(f"{n}={v}") for n, v in sorted(variables.items()))
+        return [
+            self.words[0],
+            "-ex",
+            f"set exec-wrapper env -i {environment}",
+            "-ex",
+            f"set args {self._redirections}",
+            *self.words[1:],
+            argument,
+        ]
+
+    def lend(self, channel: Channel) -> None:
+        """gdb hands these down, and the program's shell puts them in place."""
+        stdin, stdout = self.reserved
+        self._redirections = f"<&- >&{stdout}"
+        if channel.stdin is not None:
+            os.dup2(channel.stdin, stdin)
+            self._redirections = f"<&{stdin} >&{stdout}"
+        os.dup2(channel.stdout, stdout)
+
+    def take_back(self) -> None:
+        for descriptor in self.reserved:
+            os.close(descriptor)

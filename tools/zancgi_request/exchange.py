@@ -1,0 +1,205 @@
+"""One run of the program."""
+
+import contextlib
+import ctypes
+import errno
+import os
+import select
+import signal
+import subprocess
+import sys
+import time
+
+from zancgi_request.answer import Answer
+from zancgi_request.body import PIECE
+from zancgi_request.debugger import Debugger
+from zancgi_request.failures import CANNOT_RUN, Failure, NOT_FOUND
+from zancgi_request.feeder import Channel, Feeder
+from zancgi_request.report import Report
+from zancgi_request.servers import Variables
+
+# Processes that clean up behind the program may outlive it by so many seconds.
+CLEAN_UP_SECONDS = 1.0
+
+
+# How long a program may take to heed SIGTERM, in seconds.
+HEED_SIGTERM_SECONDS = 2.0
+
+
+def find_program(path: str) -> str:
+    program = os.path.abspath(path)
+    if not os.path.exists(program):
+        raise Failure(NOT_FOUND, f"there is no program {path}")
+    if os.path.isdir(program):
+        raise Failure(CANNOT_RUN, f"{path} is a folder")
+    if not os.access(program, os.X_OK):
+        raise Failure(CANNOT_RUN, f"{path} may not be executed: see chmod(1)")
+    return program
+
+
+def start(
+    program: str, argument: str, variables: Variables, channel: Channel, debugger: Debugger
+) -> subprocess.Popen[bytes]:
+    folder = os.path.dirname(program)
+    try:
+        if debugger.is_interactive:
+            debugger.lend(channel)
+            return subprocess.Popen(
+                debugger.command(program, variables),
+                cwd=folder,
+                stdout=sys.stderr.fileno(),
+                pass_fds=debugger.reserved,
+            )
+        return subprocess.Popen(
+            debugger.command(program if debugger.words else argument, variables),
+            executable=None if debugger.words else program,
+            cwd=folder,
+            env={os.fsencode(n): os.fsencode(v) for n, v in variables.items()},
+            stdin=subprocess.DEVNULL if channel.stdin is None else channel.stdin,
+            stdout=channel.stdout,
+            start_new_session=True,
+            preexec_fn=close_standard_input if channel.stdin is None else None,
+        )
+    except OSError as error:
+        words = {errno.ENOEXEC: "it is no program, and begins with no #! line"}
+        reason = words.get(error.errno, error.strerror)
+        what = debugger.words[0] if debugger.words else program
+        raise Failure(CANNOT_RUN, f"cannot run {what}: {reason}") from None
+    finally:
+        debugger.take_back()
+        channel.give_away()
+
+
+def close_standard_input() -> None:
+    os.close(0)
+
+
+class Exchange:
+    """One run of the program: feeds it, takes its answer, sees to its end."""
+
+    def __init__(
+        self,
+        process: subprocess.Popen[bytes],
+        channel: Channel,
+        feeder: Feeder,
+        answer: Answer,
+        report: Report,
+    ):
+        self.process = process
+        self.channel = channel
+        self.feeder = feeder
+        self.answer = answer
+        self.report = report
+        self.has_terminal = os.getpgid(process.pid) == os.getpgid(0)
+        self.ended: int | None = None
+        self.ended_at = 0.0
+
+    def run(self, abort_signal: int) -> None:
+        watch = os.pidfd_open(self.process.pid)
+        try:
+            while self.ended is None or self.channel.reader is not None:
+                self._wait(watch)
+                if self.feeder.goes_away:
+                    self.feeder.goes_away = False
+                    self._go_away(abort_signal)
+        finally:
+            os.close(watch)
+
+    def _wait(self, watch: int) -> None:
+        poll = select.poll()
+        timeout = None
+        wish = self.feeder.next_event(time.monotonic())
+        if self.feeder.goes_away:
+            return
+        events: dict[int, int] = {}
+        if wish is not None:
+            descriptor, events[descriptor], timeout = wish
+        if self.channel.reader is not None:
+            events[self.channel.reader] = events.get(self.channel.reader, 0) | select.POLLIN
+        if self.ended is None:
+            events[watch] = select.POLLIN
+        elif not self.report.has_told_of_open_output:
+            left = max(0.0, self.ended_at + CLEAN_UP_SECONDS - time.monotonic())
+            timeout = left if timeout is None else min(timeout, left)
+            if left == 0.0:
+                self.report.tell_of_open_output(children())
+                timeout = None
+        for descriptor, mask in events.items():
+            poll.register(descriptor, mask)
+        for descriptor, got in poll.poll(None if timeout is None else timeout * 1000 + 0.5):
+            self._handle(descriptor, got, watch, wish)
+
+    def _handle(
+        self, descriptor: int, got: int, watch: int, wish: tuple[int, int, float | None] | None
+    ) -> None:
+        if descriptor == watch:
+            self.ended = self.process.wait()
+            self.ended_at = time.monotonic()
+        if descriptor == self.channel.reader and got & ~select.POLLOUT:
+            self._read()
+        if wish is not None and descriptor == wish[0]:
+            mine = got & (wish[1] | select.POLLERR | select.POLLHUP)
+            if mine and self.channel.writer is not None:
+                self.feeder.handle(descriptor, mine)
+
+    def _read(self) -> None:
+        try:
+            content = os.read(self.channel.reader, PIECE)
+        except BlockingIOError:
+            return
+        except ConnectionResetError:
+            # The program has left something unread.
+            content = b""
+        if content:
+            self.answer.feed(content)
+        else:
+            self.channel.end_output()
+
+    def _go_away(self, number: int) -> None:
+        self.report.has_gone_away = True
+        self.report.sent_signal = number
+        if number:
+            self.send(number)
+        self.channel.hang_up()
+
+    def send(self, number: int) -> None:
+        with contextlib.suppress(ProcessLookupError):
+            if self.has_terminal:
+                self.process.send_signal(number)
+            else:
+                os.killpg(self.process.pid, number)
+
+    def end(self) -> None:
+        """Ends what still runs of it."""
+        self.send(signal.SIGTERM)
+        with contextlib.suppress(subprocess.TimeoutExpired):
+            self.process.wait(HEED_SIGTERM_SECONDS)
+        self.send(signal.SIGKILL)
+        self.process.wait()
+
+
+def adopt_orphans() -> None:
+    """What the program leaves running becomes a child of this process."""
+    pr_set_child_subreaper = 36
+    ctypes.CDLL(None).prctl(pr_set_child_subreaper, 1, 0, 0, 0)
+
+
+def children() -> list[str]:
+    """Those that have not ended, as "NAME (ID)"."""
+    with contextlib.suppress(ChildProcessError):
+        while os.waitpid(-1, os.WNOHANG)[0]:
+            pass
+    found = []
+    with contextlib.suppress(OSError), open(f"/proc/self/task/{os.getpid()}/children") as file:
+        for number in file.read().split():
+            with contextlib.suppress(OSError), open(f"/proc/{number}/comm") as comm:
+                found.append(f"{comm.read().strip()} ({number})")
+    return found
+
+
+def left_behind() -> list[str]:
+    """The processes that are still there when it is time that they were gone."""
+    deadline = time.monotonic() + CLEAN_UP_SECONDS
+    while (found := children()) and time.monotonic() < deadline:
+        time.sleep(0.01)
+    return found

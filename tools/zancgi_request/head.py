@@ -1,0 +1,121 @@
+"""The header of an answer, and what is wrong with it."""
+
+import re
+
+from zancgi_tools.answers import TOKEN, parse_length
+
+# A server that has not seen the end of the header by then gives up.
+LONGEST_HEAD = 65536
+ONLY_ONCE = ("status", "content-type", "content-length", "location")
+BODYLESS = (204, 304)
+HTTP_LINE = re.compile(r"HTTP/\d(?:\.\d)? (\d{3})(?: (.*))?")
+# Of those that programs often send.
+REASONS = {
+    200: "OK", 201: "Created", 202: "Accepted", 204: "No Content", 206: "Partial Content",
+    301: "Moved Permanently", 302: "Found", 303: "See Other", 304: "Not Modified",
+    307: "Temporary Redirect", 308: "Permanent Redirect", 400: "Bad Request",
+    401: "Unauthorized", 403: "Forbidden", 404: "Not Found", 405: "Method Not Allowed",
+    409: "Conflict", 410: "Gone", 413: "Payload Too Large", 415: "Unsupported Media Type",
+    429: "Too Many Requests", 500: "Internal Server Error", 501: "Not Implemented",
+    502: "Bad Gateway", 503: "Service Unavailable", 504: "Gateway Timeout",
+}  # fmt: skip
+
+
+class Head:
+    """The header of an answer, and what is wrong with it."""
+
+    def __init__(self, raw: bytes, is_raw_http: bool):
+        self.fields: list[tuple[str, str]] = []
+        self.problems: list[str] = []
+        self.notes: list[str] = []
+        self.status = 200
+        self.reason = ""
+        lines = re.split(r"\r?\n", raw.decode(errors="surrogateescape"))
+        if is_raw_http:
+            self._parse_status_line(lines.pop(0))
+        for line in lines:
+            if line:
+                self._parse_line(line)
+        # Nothing can be made of it: it is not even a header.
+        self.is_none = bool(lines) and not self.fields and bool(self.problems)
+        self._check_repeated()
+        if not is_raw_http:
+            self._interpret()
+
+    def get(self, name: str) -> str | None:
+        return next((v for n, v in self.fields if n.lower() == name), None)
+
+    def content_length(self) -> int | None:
+        length = self.get("content-length")
+        return parse_length(length) if length is not None else None
+
+    def as_http(self) -> str:
+        lines = [f"HTTP/1.1 {self.status} {self.reason}".rstrip()]
+        lines += [f"{name}: {value}" for name, value in self.fields if name.lower() != "status"]
+        return "\r\n".join([*lines, "", ""])
+
+    def _parse_status_line(self, line: str) -> None:
+        parsed = HTTP_LINE.fullmatch(line)
+        if not parsed:
+            self.problems.append(
+                f"a program named nph-... begins its answer with HTTP/1.1 and a status, "
+                f"not with {shown(line)}"
+            )
+            return
+        self.status, self.reason = int(parsed[1]), parsed[2] or ""
+
+    def _parse_line(self, line: str) -> None:
+        if HTTP_LINE.fullmatch(line) and not self.fields:
+            self.problems.append(
+                f"the answer begins with {shown(line)}, as those of programs named nph-... do; "
+                f"other programs send a field Status"
+            )
+            return
+        parsed = re.fullmatch(f"({TOKEN}):(.*)", line)
+        if not parsed:
+            self.problems.append(f"a line of the header is no NAME: VALUE: {shown(line)}")
+            return
+        value = parsed[2].strip(" \t")
+        if re.search(r"[\x00-\x08\x0a-\x1f\x7f]", value):
+            self.problems.append(f"a line of the header has control characters: {shown(line)}")
+        self.fields.append((parsed[1], value))
+
+    def _check_repeated(self) -> None:
+        names = [name.lower() for name, _ in self.fields]
+        for name in ONLY_ONCE:
+            if names.count(name) > 1:
+                self.problems.append(f"the header has {names.count(name)} fields {name.title()}")
+        length = self.get("content-length")
+        if length is not None and self.content_length() is None:
+            self.problems.append(f"Content-Length is no number of 64 bits: {shown(length)}")
+
+    def _interpret(self) -> None:
+        status = self.get("status")
+        location = self.get("location")
+        if status is None:
+            self.status = 200 if location is None else 302
+        elif parsed := re.fullmatch(r"([1-9]\d\d)(?: (.*))?", status):
+            self.status, self.reason = int(parsed[1]), parsed[2] or ""
+        else:
+            self.status = 500
+            self.problems.append(f"Status is no number of three digits: {shown(status)}")
+        self.reason = self.reason or REASONS.get(self.status, "")
+        if location is not None:
+            self._check_location(location, status is None)
+
+    def _check_location(self, location: str, is_local_possible: bool) -> None:
+        if location.startswith("/") and not location.startswith("//") and is_local_possible:
+            self.notes.append(
+                f"{shown(location)} is a local redirect: some web servers answer what they have "
+                f"there, others send the client there, as here"
+            )
+        elif not re.match("/|[A-Za-z][A-Za-z0-9+.-]*:", location):
+            self.problems.append(
+                f"Location is neither a whole URL nor a path from the root: {shown(location)}"
+            )
+
+
+def shown(text: str) -> str:
+    """Quoted, harmless to a terminal, and not too long."""
+    quoted = ascii(text)
+    return quoted if len(quoted) <= 80 else quoted[:76] + "...'"

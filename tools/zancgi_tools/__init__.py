@@ -1,0 +1,1 @@
+"""What zancgi-request and zancgi-doctor have in common."""
