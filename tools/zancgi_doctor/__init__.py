@@ -6,6 +6,6 @@ could block is done in child processes that are ended when their time is up.
 
 cli reads the command line and describes the deployment; examination has it
 checked, one module of checks after the other; report shows what was found.
-catalogue lists every check. To add one, list it there, and yield a finding of
-its name in the module of its group.
+checks.ini lists every check and all that it may say. To add one, write it there,
+and yield a finding of its name in the module of its group.
 """

@@ -7,7 +7,7 @@ import re
 import signal
 import sys
 
-from zancgi_doctor.catalogue import KNOWN
+from zancgi_doctor.catalogue import CHECKS, GROUPS
 from zancgi_doctor.children import NoResult, run_in_child
 from zancgi_doctor.deployment import Site
 from zancgi_doctor.examination import examine
@@ -49,8 +49,7 @@ def parse_pid(text):
 
 
 def parse_check(text):
-    group, dot, name = text.partition(".")
-    if group in KNOWN and (not dot or name in KNOWN[group]):
+    if text in CHECKS or text in GROUPS:
         return text
     raise argparse.ArgumentTypeError(f"no such check: {text} (see --list)")
 
@@ -211,9 +210,8 @@ def refuse(message):
 
 
 def print_list():
-    for group, checks in KNOWN.items():
-        for name, description in checks.items():
-            print(f"{group}.{name:<{24 - len(group)}} {description}")
+    for name, check in CHECKS.items():
+        print(f"{name:<25} {check.about}")
 
 
 def main():

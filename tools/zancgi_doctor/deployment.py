@@ -3,12 +3,13 @@
 import dataclasses
 import errno
 import os
+import stat
 
 from zancgi_doctor.children import run_in_child
-from zancgi_doctor.findings import BECOME_ROOT, unchecked
+from zancgi_doctor.files import kind_of
 from zancgi_doctor.identities import Identity
 from zancgi_doctor.systemd import sockets_of_program
-from zancgi_doctor.texts import quote, reason
+from zancgi_doctor.texts import reason
 
 SUN_PATH_LIMIT = 107
 # Where packages put it.
@@ -34,13 +35,6 @@ class Site:
     has_rights: bool
     closed_streams: list
 
-    def who(self):
-        return f"user {quote(self.identity.name)}"
-
-    def who_first(self):
-        """The same at the beginning of a sentence."""
-        return f"User {quote(self.identity.name)}"
-
     def as_front_end(self, function, *arguments):
         """What the front end's user would get; nothing if that cannot be said."""
         if not self.has_rights:
@@ -48,13 +42,22 @@ class Site:
         return run_in_child(self.timeout, function, *arguments, identity=self.identity)
 
 
-def not_seen(site, finding, path, error):
-    """A finding that something is missing, unless it is only hidden from one
+def cannot_see(site, say, error, outcome="unchecked"):
+    """The finding that something is missing, unless it is only hidden from one
     who is not the front end's user."""
-    if error.errno != errno.EACCES or site.has_rights:
-        return finding
-    message = f"{quote(path)} cannot be looked at: {reason(error)}."
-    return unchecked(finding.name, finding.subject, message, BECOME_ROOT)
+    is_hidden = error.errno == errno.EACCES and not site.has_rights
+    return say(outcome if is_hidden else "failure missing", error=reason(error))
+
+
+def folder_error(site, say, path):
+    """What is wrong with a folder by its path alone; nothing if all is well."""
+    if not path.startswith("/"):
+        return say("failure relative")
+    try:
+        mode = os.stat(path).st_mode
+    except OSError as error:
+        return cannot_see(site, say, error)
+    return None if stat.S_ISDIR(mode) else say("failure kind", kind=kind_of(mode))
 
 
 def services_of(site):

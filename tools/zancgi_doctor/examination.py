@@ -4,7 +4,6 @@ import dataclasses
 
 from zancgi_doctor.checks.accounts import check_account
 from zancgi_doctor.checks.back_end import check_back_end
-from zancgi_doctor.checks.clock import check_clock
 from zancgi_doctor.checks.fcgi import check_fcgi
 from zancgi_doctor.checks.identity import check_identity
 from zancgi_doctor.checks.log import check_log
@@ -17,8 +16,8 @@ from zancgi_doctor.checks.sockets import check_socket
 from zancgi_doctor.checks.tmp_dir import check_tmp_dir
 from zancgi_doctor.children import NoResult, run_in_child
 from zancgi_doctor.deployment import fcgi_sockets_of, services_of
-from zancgi_doctor.findings import Finding, skipped, unchecked, warning
-from zancgi_doctor.texts import describe_error, quote
+from zancgi_doctor.findings import Finding, finding
+from zancgi_doctor.texts import describe_error
 
 
 def is_wanted(name, wanted):
@@ -31,53 +30,36 @@ def jobs(site):
     yield "identity", check_identity, ()
     yield "run-dir", check_run_dir, ()
     if not services:
-        yield "socket", no_service, ()
+        yield "socket", nothing("socket.kind", "warning none", site.run_dir), ()
     for service in services:
         yield "socket", check_socket, (service,)
         yield "back-end", check_back_end, (service,)
     fcgi_sockets = fcgi_sockets_of(site)
     if not fcgi_sockets:
-        yield "fcgi", no_fcgi_socket, ()
+        yield "fcgi", nothing("fcgi.kind", "skipped"), ()
     for path in fcgi_sockets:
         yield "fcgi", check_fcgi, (path,)
     yield "tmp-dir", check_tmp_dir, ()
-    if site.program:
-        yield "program", check_program, ()
-    else:
-        yield "program", no_program, ()
+    no_program = nothing("program.file", "skipped")
+    yield "program", check_program if site.program else no_program, ()
     yield "pam", check_pam, ()
     if not site.accounts:
-        yield "account", no_account, ()
+        yield "account", nothing("account.exists", "skipped"), ()
     for account in site.accounts:
         yield "account", check_account, (account,)
     yield "nss", check_nss, ()
     yield "limits", check_limits, ()
     yield "process", check_process, ()
     yield "log", check_log, ()
-    yield "clock", check_clock, ()
 
 
-def no_service(site):
-    yield warning(
-        "socket.kind",
-        site.run_dir,
-        f"There is no socket in {quote(site.run_dir)}.",
-        "Start the back end, or name its service with --service.",
-    )
+def nothing(check, outcome, subject=""):
+    """In place of checks of which nothing was named or found."""
 
+    def only_say_so(_site):
+        yield finding(check, subject, outcome)
 
-def no_fcgi_socket(_site):
-    yield skipped(
-        "fcgi.kind", "", "No socket of fcgiwrap was found, and none named with --fcgi-socket."
-    )
-
-
-def no_program(_site):
-    yield skipped("program.file", "", "No front end was named with --program.")
-
-
-def no_account(_site):
-    yield skipped("account.exists", "", "No account was named with --account.")
+    return only_say_so
 
 
 def run_job(site, group, function, arguments):
@@ -85,9 +67,10 @@ def run_job(site, group, function, arguments):
     subject = arguments[0] if arguments else ""
 
     def give_up(error):
-        return unchecked(
+        return Finding(
             group,
             subject,
+            "unchecked",
             f"The rest could not be checked: {error}.",
             "See what keeps it, or run zancgi-doctor as root.",
         )
@@ -95,13 +78,13 @@ def run_job(site, group, function, arguments):
     def work():
         findings = []
         try:
-            for finding in function(site, *arguments):
-                findings.append(finding)
+            for found in function(site, *arguments):
+                findings.append(found)
         except NoResult as error:
             findings.append(give_up(error))
         except OSError as error:
             findings.append(give_up(describe_error(error)))
-        return [dataclasses.asdict(finding) for finding in findings]
+        return [dataclasses.asdict(found) for found in findings]
 
     # Several steps of one group may each take their time.
     seconds = 4 * site.timeout + 5
@@ -110,18 +93,14 @@ def run_job(site, group, function, arguments):
         found = run_in_child(seconds, work, identity=identity)
     except NoResult as error:
         return [give_up(error)]
-    return [Finding(**finding) for finding in found]
+    return [Finding(**fields) for fields in found]
 
 
 def chosen(found, wanted):
     """What was asked for of a group; if it came to nothing of that, what has
     stopped it."""
-    asked = [
-        finding
-        for finding in found
-        if is_wanted(finding.name, wanted) or "." not in finding.name
-    ]
-    return asked or [finding for finding in found if finding.state != "ok"]
+    asked = [each for each in found if is_wanted(each.name, wanted) or "." not in each.name]
+    return asked or [each for each in found if each.state != "ok"]
 
 
 def examine(site, wanted):

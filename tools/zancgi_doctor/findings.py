@@ -1,9 +1,11 @@
 """What a check has found out, and the states that it may be in."""
 
 import dataclasses
+import functools
+
+from zancgi_doctor.catalogue import sentences
 
 STATES = ("failure", "warning", "unchecked", "ok", "skipped")
-BECOME_ROOT = "Run zancgi-doctor as root."
 
 
 @dataclasses.dataclass
@@ -15,21 +17,25 @@ class Finding:
     remedy: str = ""
 
 
-def ok(name, subject, message):
-    return Finding(name, subject, "ok", message)
+def finding(check, subject, outcome, **values):
+    """One of the outcomes that the catalogue has for the check."""
+    state = outcome.partition(" ")[0]
+    return Finding(check, subject, state, *sentences(check, outcome, {"subject": subject, **values}))
 
 
-def warning(name, subject, message, remedy):
-    return Finding(name, subject, "warning", message, remedy)
+def sayer(check, subject, **values):
+    """Makes the findings of one check and subject."""
+    return functools.partial(finding, check, subject, **values)
 
 
-def failure(name, subject, message, remedy):
-    return Finding(name, subject, "failure", message, remedy)
+def by_access(say, error):
+    """The finding of an attempt with the front end's rights, which may be unknown."""
+    if error is None:
+        return say("unchecked")
+    return say("failure", error=error) if error else say("ok")
 
 
-def unchecked(name, subject, message, remedy):
-    return Finding(name, subject, "unchecked", message, remedy)
-
-
-def skipped(name, subject, message):
-    return Finding(name, subject, "skipped", message)
+def by_amount(say, amount, too_few, few):
+    if amount < too_few:
+        return say("failure")
+    return say("warning") if amount < few else say("ok")

@@ -6,8 +6,8 @@ import re
 import stat
 
 from zancgi_doctor.files import first_unsafe, kind_of, read_file, text_or_nothing, way_to
-from zancgi_doctor.findings import BECOME_ROOT, failure, ok, unchecked, warning
-from zancgi_doctor.texts import counted, listed, printable, quote, reason
+from zancgi_doctor.findings import finding, sayer
+from zancgi_doctor.texts import counted, listed, reason
 
 PAM_FOLDERS = (
     "/lib/x86_64-linux-gnu/security",
@@ -17,7 +17,6 @@ PAM_FOLDERS = (
     "/lib/security",
     "/usr/lib/security",
 )
-NO_SESSION = "the switch to an account goes on without a session"
 
 
 def check_pam(_site):
@@ -29,51 +28,30 @@ def check_pam(_site):
 
 
 def pam_library():
-    name, subject = "pam.library", "libpam.so.0"
+    name = "libpam.so.0"
     try:
-        ctypes.CDLL(subject)
+        ctypes.CDLL(name)
     except OSError as error:
-        return warning(
-            name,
-            subject,
-            f"libpam.so.0 cannot be loaded ({printable(str(error))}), so {NO_SESSION}.",
-            "Install the package libpam0g, if a front end asks for PAM sessions.",
-        )
-    return ok(name, subject, "libpam.so.0 can be loaded.")
+        return finding("pam.library", name, "warning", error=str(error))
+    return finding("pam.library", name, "ok")
 
 
 def pam_service(path):
-    name = "pam.service"
+    say = sayer("pam.service", path)
     try:
         status = os.stat(path)
     except OSError as error:
-        return warning(
-            name,
-            path,
-            f"The PAM service 'login' is not configured ({reason(error)}), so PAM takes "
-            "the service 'other', which mostly refuses.",
-            "Install the package login, or write /etc/pam.d/login with a session stack.",
-        )
+        return say("warning", error=reason(error))
     if not stat.S_ISREG(status.st_mode):
-        return failure(
-            name,
-            path,
-            f"{quote(path)} is {kind_of(status.st_mode)}.",
-            "Replace it by the file of the package login.",
-        )
+        return say("failure kind", kind=kind_of(status.st_mode))
     unsafe = first_unsafe(way_to(path), {0}, allows_sticky=False)
     if unsafe:
-        return failure(
-            name,
-            path,
-            f"Others can choose what PAM runs as root: {unsafe}.",
-            "Let it and every folder above it belong to root, writable by root only.",
-        )
+        return say("failure", unsafe=unsafe)
     try:
         read_file(path)
     except OSError as error:
-        return unchecked(name, path, f"{quote(path)} cannot be read: {reason(error)}.", BECOME_ROOT)
-    return ok(name, path, "The PAM service 'login' is configured.")
+        return say("unchecked", error=reason(error))
+    return say("ok")
 
 
 def session_modules(path, seen):
@@ -100,29 +78,13 @@ def find_module(module):
 
 
 def pam_modules(path):
-    name = "pam.modules"
+    say = sayer("pam.modules", path)
     modules = list(dict.fromkeys(session_modules(path, set())))
     missing = [module for module in modules if find_module(module) is None]
     if missing:
-        return warning(
-            name,
-            path,
-            f"The session stack of 'login' names modules that are not there: "
-            f"{listed(missing)}.",
-            f"Install the packages that have them, or take the lines out; if one fails, "
-            f"{NO_SESSION}.",
-        )
+        return say("warning", names=listed(missing))
     for module in modules:
         unsafe = first_unsafe(way_to(find_module(module)), {0}, allows_sticky=False)
         if unsafe:
-            return failure(
-                name,
-                path,
-                f"Others can change a PAM module, which runs as root: {unsafe}.",
-                "Let modules and every folder above belong to root, writable by root only.",
-            )
-    return ok(
-        name,
-        path,
-        f"{counted(len(modules), 'module')} of the session stack of 'login' can be found.",
-    )
+            return say("failure", unsafe=unsafe)
+    return say("ok", count=counted(len(modules), "module"))

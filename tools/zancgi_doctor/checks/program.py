@@ -7,10 +7,10 @@ import re
 import shlex
 import stat
 
-from zancgi_doctor.deployment import not_seen
+from zancgi_doctor.deployment import cannot_see
 from zancgi_doctor.elf import NotElf, dynamic_of
 from zancgi_doctor.files import access_error, first_unsafe, kind_of, read_file, read_text, way_to
-from zancgi_doctor.findings import BECOME_ROOT, failure, ok, skipped, unchecked, warning
+from zancgi_doctor.findings import by_access, finding, sayer
 from zancgi_doctor.libraries import LibrarySearch, expand
 from zancgi_doctor.mounts import mount_of
 from zancgi_doctor.texts import listed, quote, reason
@@ -33,24 +33,13 @@ def check_program(site):
 
 def check_launcher(site, path):
     """A script that the web server starts in place of the front end."""
-    name, programs = "program.launcher", programs_started_by(path)
+    say = sayer("program.launcher", site.program, path=path)
+    programs = programs_started_by(path)
     if len(programs) != 1 or is_script(programs[0]):
-        yield unchecked(
-            name,
-            site.program,
-            f"{quote(path)} is a script, and the program that it starts is not plain from it: its "
-            "libraries and its working directory were not looked at.",
-            "Name the front end's own program with --program.",
-        )
+        yield say("unchecked")
         return
-    (program,) = programs
-    yield ok(
-        name,
-        site.program,
-        f"{quote(path)} is a script that starts {quote(program)}, which is checked as well; the "
-        "variables and limits that the script sets are not known.",
-    )
-    yield from check_program(dataclasses.replace(site, program=program))
+    yield say("ok", program=programs[0])
+    yield from check_program(dataclasses.replace(site, program=programs[0]))
 
 
 def is_script(path):
@@ -79,147 +68,78 @@ def is_program(path):
 
 
 def program_file(site):
-    name, path = "program.file", site.program
-    remedy = "Name the file that the web server starts, and make it executable (chmod 755)."
+    path = site.program
+    say = sayer("program.file", path, user=site.identity.name)
     try:
-        status = os.stat(path)
+        mode = os.stat(path).st_mode
     except OSError as error:
-        missing = failure(
-            name, path, f"The program {quote(path)} cannot be found: {reason(error)}.", remedy
-        )
-        return not_seen(site, missing, path, error)
-    if not stat.S_ISREG(status.st_mode):
-        return failure(
-            name, path, f"The program {quote(path)} is {kind_of(status.st_mode)}.", remedy
-        )
+        return cannot_see(site, say, error, "unchecked hidden")
+    if not stat.S_ISREG(mode):
+        return say("failure kind", kind=kind_of(mode))
     error = site.as_front_end(access_error, path, os.X_OK)
-    if error is None:
-        return unchecked(
-            name, path, f"Whether {site.who()} may run {quote(path)} is not known.", BECOME_ROOT
-        )
-    if error:
-        return failure(
-            name, path, f"{site.who_first()} may not run {quote(path)}: {error}.", remedy
-        )
-    if "noexec" in mount_of(path).options:
-        return failure(
-            name,
-            path,
-            f"{quote(path)} is on a file system that is mounted noexec.",
-            "Put the program elsewhere, or mount that file system without noexec.",
-        )
-    return ok(name, path, f"{site.who_first()} may run {quote(path)}.")
+    if error == "" and "noexec" in mount_of(path).options:
+        return say("failure noexec")
+    return by_access(say, error)
 
 
 def program_safe(site, path):
-    name = "program.safe"
+    say = sayer("program.safe", site.program, path=path, user=site.identity.name)
     steps = way_to(site.program)
     owner = steps[-1].status.st_uid
     trusted = {0} if site.identity.uid == 0 else {0, owner}
     unsafe = first_unsafe(steps[:-1], trusted) or first_unsafe(
         steps[-1:], trusted, allows_sticky=False
     )
-    remedy = "Let the program and every folder above it belong to root, writable by root only."
     if unsafe:
-        return failure(name, site.program, f"Others can replace the program: {unsafe}.", remedy)
-    if owner == site.identity.uid != 0:
-        return warning(
-            name,
-            site.program,
-            f"The program belongs to the {site.who()} that it runs as, who can change it.",
-            remedy,
-        )
-    return ok(name, site.program, f"Only root and its owner can change {quote(path)}.")
+        return say("failure", unsafe=unsafe)
+    return say("warning" if owner == site.identity.uid != 0 else "ok")
 
 
 def program_set_id(site, path):
-    name, mode = "program.set-id", os.stat(path).st_mode
-    if mode & (stat.S_ISUID | stat.S_ISGID):
-        bit = "set-uid" if mode & stat.S_ISUID else "set-gid"
-        return warning(
-            name,
-            site.program,
-            f"The program has the {bit} bit: whoever may run it chooses its environment, "
-            "TOV_RUN_DIR and TOV_LOG included.",
-            "Take the bit away (chmod ug-s) and have the web server start it as the right user.",
-        )
-    return ok(name, site.program, "The program has no set-uid or set-gid bit.")
+    mode = os.stat(path).st_mode
+    bit = "set-uid" if mode & stat.S_ISUID else "set-gid" if mode & stat.S_ISGID else ""
+    return finding("program.set-id", site.program, "warning" if bit else "ok", bit=bit)
 
 
 def program_work_dir(site):
     """The folder above the program's folder, to which the constructor goes."""
-    name = "program.work-dir"
     folder = os.path.dirname(site.program) or "."
     path = os.path.realpath(os.path.join(folder, ".."))
+    say = sayer("program.work-dir", site.program, path=path, user=site.identity.name)
     error = site.as_front_end(access_error, path, os.X_OK)
-    if error is None:
-        return unchecked(
-            name,
-            site.program,
-            f"Whether {site.who()} may enter {quote(path)} is not known.",
-            BECOME_ROOT,
-        )
-    if error:
-        return warning(
-            name,
-            site.program,
-            f"The program's working directory {quote(path)} cannot be entered by {site.who()}: "
-            f"{error}; it stays where the web server starts it.",
-            "Let that user search the folder and all folders above it (chmod +x).",
-        )
-    return ok(name, site.program, f"The program's working directory will be {quote(path)}.")
+    return say("warning", error=error) if error else by_access(say, error)
 
 
 def program_libraries(site, path):
-    name = "program.libraries"
+    say = sayer("program.libraries", site.program, path=path)
     try:
         dynamic = dynamic_of(path)
         search = LibrarySearch(site.environment)
         search.search(path)
     except NotElf as error:
-        yield skipped(
-            name, site.program, f"{quote(path)} {error}: what it needs was not looked for."
-        )
+        yield say("skipped", error=error)
         return
     except OSError as error:
-        yield unchecked(
-            name, site.program, f"{quote(path)} cannot be read: {reason(error)}.", BECOME_ROOT
-        )
+        yield say("unchecked", error=reason(error))
         return
-    yield libraries_found(site.program, search)
+    own = [path for library, path in search.found.items() if library.startswith("libzancgi.so")]
+    yield say(
+        "failure" if search.missing else "ok",
+        names=listed(search.missing),
+        count=len(search.found),
+        own=f"libzancgi is {quote(own[0])}" if own else "libzancgi, if any, is linked in",
+    )
     yield search_path_safe(site, path, dynamic)
 
 
-def libraries_found(program, search):
-    name = "program.libraries"
-    if search.missing:
-        return failure(
-            name,
-            program,
-            f"The program needs shared libraries that are not found: {listed(search.missing)}.",
-            "Install the packages that have them; behind an installation of your own run ldconfig.",
-        )
-    own = [path for library, path in search.found.items() if library.startswith("libzancgi.so")]
-    version = f"libzancgi is {quote(own[0])}" if own else "libzancgi, if any, is linked in"
-    return ok(
-        name,
-        program,
-        f"The shared libraries of the program are found ({len(search.found)}); {version}.",
-    )
-
-
 def search_path_safe(site, path, dynamic):
-    name, origin = "program.search-path", os.path.dirname(path)
+    say = sayer("program.search-path", site.program)
+    origin = os.path.dirname(path)
     for item in expand(dynamic.rpath, origin) + expand(dynamic.runpath, origin):
-        why = unsafe_folder(item, {0, os.stat(path).st_uid})
-        if why:
-            return failure(
-                name,
-                site.program,
-                f"Shared libraries are looked for where others can put them: {why}.",
-                "Link the program without that -rpath, or make the folder root's.",
-            )
-    return ok(name, site.program, "Shared libraries are looked for in trusted folders only.")
+        unsafe = unsafe_folder(item, {0, os.stat(path).st_uid})
+        if unsafe:
+            return say("failure", unsafe=unsafe)
+    return say("ok")
 
 
 def unsafe_folder(path, trusted):

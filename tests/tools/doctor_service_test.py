@@ -1,0 +1,832 @@
+"""What zancgi-doctor says of run directories, of sockets and of back ends."""
+
+import contextlib
+import os
+import pathlib
+import re
+import resource
+import shlex
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import time
+import unittest
+
+from doctor_support import (
+    AS_OTHERS,
+    AS_ROOT,
+    DENIED,
+    IS_ROOT,
+    LONG,
+    ME,
+    NOT_THERE,
+    OWN_NAME,
+    REFUSAL,
+    STRANGER,
+    STRANGERS_NAME,
+    WITHOUT_CONFIGURATION,
+    DoctorTest,
+    MachineTest,
+    ServiceTest,
+    answering,
+    with_length,
+)
+from zancgi_doctor.checks import back_end
+from zancgi_doctor.mounts import mount_of
+from zancgi_doctor.texts import group_name, user_name
+from zancgi_doctor.whoami import length_error
+
+# The README's, which tells its caller who they are.
+FRONT = os.environ["README_FRONT"]
+LARGE = "8.0 KB"
+# A back end as people write them.
+APPLICATION = """
+def application(environ, start_response):
+    body = b'<?xml version="1.0"?><doc><error type="access"/></doc>'
+    start_response("200 OK", [("Content-Length", str(len(body)))])
+    return [body]
+"""
+
+
+class RunDirTest(DoctorTest):
+    def judge(self, check, outcome, path=None, *arguments, before="", **values):
+        path = path or self.run_dir
+        check = f"run-dir.{check}"
+        report = self.examine(check, "--run-dir", path, *arguments, before=before)
+        self.expect(report, check, outcome, path, **values)
+        return report
+
+    def test_exists(self):
+        self.judge("exists", "ok")
+
+    def test_comes_from_the_environment(self):
+        report = self.examine("run-dir.exists", environment={"TOV_RUN_DIR": str(self.run_dir)})
+        self.expect(report, "run-dir.exists", "ok", self.run_dir)
+        for environment in ({}, {"TOV_RUN_DIR": ""}):
+            report = self.examine("run-dir.length", environment=environment)
+            self.assertEqual(report.checks[0]["subject"], "/run/tov")
+
+    def test_is_none(self):
+        missing = self.folder / "none"
+        report = self.judge("exists", "failure missing", missing, error=NOT_THERE)
+        self.assertEqual(report.status, 2)
+        self.judge("exists", "failure relative", "run")
+        self.judge("exists", "failure kind", self.make_fifo(), kind="a FIFO")
+
+    @AS_ROOT
+    def test_cannot_be_searched(self):
+        self.run_dir.chmod(0o750)
+        self.judge("exists", "failure search", None, "--as", STRANGER,
+                   user=STRANGERS_NAME, error=DENIED)  # fmt: skip
+
+    @AS_OTHERS
+    def test_cannot_be_searched_by_oneself(self):
+        self.run_dir.chmod(0o600)
+        self.judge("exists", "failure search", user=OWN_NAME, error=DENIED)
+
+    def test_length(self):
+        for room, outcome, shown in (
+            (16, "ok", "16 bytes"),
+            (15, "warning", "15 bytes"),
+            (1, "warning", "1 byte"),
+            (0, "failure", "0 bytes"),
+        ):
+            path = "/" + "x" * (107 - len("/.sock") - room - 1)
+            self.judge("length", outcome, path, room=shown)
+
+    def test_is_safe(self):
+        self.judge("safe", "ok", owner=user_name(os.geteuid()))
+
+    def test_is_writable_by_everybody_or_a_group(self):
+        group = group_name(os.getegid() or STRANGER)
+        if IS_ROOT:
+            os.chown(self.run_dir, 0, STRANGER)
+        # A sticky one as well: anybody can come before the back end.
+        for mode, who in ((0o777, "everybody"), (0o1777, "everybody"), (0o775, f"group {group}")):
+            self.run_dir.chmod(mode)
+            self.judge("safe", "failure", unsafe=f"'{self.run_dir}' is writable by {who}")
+
+    def test_a_folder_on_the_path_is_writable(self):
+        """The kernel decides after a link where two dots lead."""
+        opened = self.make_folder("open", 0o777)
+        (opened / "run").mkdir(0o755)
+        (opened / "link").symlink_to(self.run_dir)
+        (self.folder / "link").symlink_to(opened / "run")
+        (self.folder / "back").symlink_to("open/run/..")
+        for path in ("open/run", "open/link", "link/..", "back"):
+            with self.subTest(path=path):
+                unsafe = f"'{opened}' is writable by everybody"
+                self.judge("safe", "failure", f"{self.folder}/{path}", unsafe=unsafe)
+
+    @AS_ROOT
+    def test_link_of_a_stranger_in_a_sticky_folder(self):
+        link = self.make_folder("sticky", 0o1777) / "link"
+        link.symlink_to(self.run_dir)
+        os.lchown(link, STRANGER, STRANGER)
+        self.judge("safe", "failure", link, unsafe=f"'{link}' belongs to user number {STRANGER}")
+
+    @AS_ROOT
+    def test_front_end_may_write_there(self):
+        os.chown(self.run_dir, STRANGER, STRANGER)
+        self.judge("safe", "warning", None, "--as", STRANGER, user=STRANGERS_NAME)
+
+    def test_outlasts_a_reboot_on_disk(self):
+        if mount_of(self.run_dir).kind in ("tmpfs", "ramfs"):
+            self.skipTest("the temporary directory is in memory")
+        self.judge("reboot", "ok disk")
+
+    @AS_ROOT
+    def test_in_memory(self):
+        unit = "/etc/systemd/system/panel.service"
+        rule = "mkdir /run/tmpfiles.d; echo 'd /run/tov' > /run/tmpfiles.d/tov.conf"
+        mask = "ln -s /dev/null /etc/tmpfiles.d/tov.conf"
+        comment = "echo '# d /run/tov' > /etc/tmpfiles.d/x.conf"
+        other = "echo 'd /run/tov2' > /etc/tmpfiles.d/y.conf"
+        fifo = "mkfifo /etc/tmpfiles.d/z.conf"
+        systemd = "mkdir -p /run/systemd/system"
+        by_rule = "echo 'd {} 0755 root root -' > /etc/tmpfiles.d/tov.conf"
+        for more, outcome, maker in (
+            ([by_rule.format("/run/tov")], "ok made", "a tmpfiles.d rule"),
+            ([by_rule.format("/var/run/tov/")], "ok made", "a tmpfiles.d rule"),
+            (
+                [f"printf '[Service]\\nRuntimeDirectory=a tov\\n' > {unit}"],
+                "ok made",
+                f"the unit '{unit}'",
+            ),
+            ([systemd], "warning", None),
+            ([systemd, rule, mask], "warning", None),
+            ([systemd, comment, other, fifo], "warning", None),
+            ([], "skipped", None),
+        ):
+            with self.subTest(more=more):
+                before = "; ".join([*WITHOUT_CONFIGURATION, "mkdir -m 755 /run/tov", *more])
+                report = self.judge("reboot", outcome, "/run/tov", before=before, maker=maker)
+                self.assertEqual(report.status, 1 if outcome == "warning" else 0)
+
+    def test_names(self):
+        for names, outcome, shown in (
+            (("panel.pid", "panel.lock"), "ok", None),
+            ([f"note{n}" for n in range(5)], "warning others", "'note0', 'note1', 'note2' and 2 more"),
+            ((".panel.sock",), "warning hidden", "'.panel.sock'"),
+        ):
+            for name in names:
+                (self.run_dir / name).touch()
+            self.judge("names", outcome, names=shown)
+
+    @AS_OTHERS
+    def test_cannot_be_listed(self):
+        self.run_dir.chmod(0o311)
+        report = self.judge("names", "unchecked", error=DENIED)
+        self.assertEqual(report.status, 3)
+
+
+class SocketTest(ServiceTest):
+    def judge(self, check, outcome, *arguments, **values):
+        values.setdefault("user", OWN_NAME)
+        report = self.ask(check, *arguments)
+        self.expect(report, check, outcome, "panel", path=str(self.path), **values)
+        return report
+
+    def test_names(self):
+        long = "x" * (107 - len(f"{self.run_dir}/.sock") + 1)
+        for service, error in (
+            ("", "it is empty"),
+            (".panel", "it begins with a dot"),
+            ("a/b", "it contains a slash"),
+            (long, "the path of its socket has 108 bytes, more than 107"),
+        ):
+            arguments = ("--run-dir", self.run_dir, "--service", service)
+            report = self.examine("socket", *arguments)
+            self.expect(report, "socket.name", "failure", service, error=error)
+            report = self.examine("back-end", *arguments)
+            self.expect(report, "back-end.connect", "unchecked name", service)
+
+    def test_longest_name(self):
+        service = "x" * (107 - len(f"{self.run_dir}/.sock"))
+        self.path = self.run_dir / f"{service}.sock"
+        self.listen(answering(with_length(REFUSAL)))
+        report = self.doctor("--json", "--run-dir", self.run_dir, "--service", service)
+        self.expect(report, "socket.name", "ok", service)
+        self.expect(report, "back-end.answer", "ok refuses", service)
+
+    def test_is_a_socket(self):
+        self.bind(self.path, 0o660)
+        self.judge("socket.kind", "ok")
+
+    def test_is_none(self):
+        for make, outcome, values in (
+            (lambda path: None, "failure missing", {"error": NOT_THERE}),
+            (lambda path: path.symlink_to("none"), "failure missing", {"error": NOT_THERE}),
+            (os.mkfifo, "failure kind", {"kind": "a FIFO"}),
+            (pathlib.Path.touch, "failure kind", {"kind": "a regular file"}),
+            (os.mkdir, "failure kind", {"kind": "a folder"}),
+        ):
+            make(self.path)
+            self.judge("socket.kind", outcome, listener="the back end", **values)
+            report = self.ask("back-end.time")
+            self.assertEqual(report.status, 3)
+            self.expect(report, "back-end.connect", "unchecked kind", "panel")
+            if os.path.lexists(self.path):
+                self.path.rmdir() if self.path.is_dir() else self.path.unlink()
+
+    @AS_OTHERS
+    def test_cannot_be_looked_at(self):
+        self.run_dir.chmod(0o600)
+        self.judge("socket.kind", "unchecked", error=DENIED)
+
+    def test_no_socket_at_all(self):
+        report = self.examine("socket", "--run-dir", self.run_dir)
+        self.expect(report, "socket.kind", "warning none", self.run_dir)
+
+    def test_link_to_a_socket(self):
+        other = self.make_folder("panel")
+        self.path.symlink_to(other / "panel.sock")
+        self.bind(other / "panel.sock", 0o660)
+        self.judge("socket.safe", "ok")
+        other.chmod(0o777)
+        self.judge("socket.safe", "failure", unsafe=f"'{other}' is writable by everybody")
+
+    def test_access(self):
+        self.bind(self.path, 0o660)
+        self.judge("socket.access", "ok")
+
+    @AS_ROOT
+    def test_access_of_another(self):
+        self.bind(self.path, 0o660)
+        name = STRANGERS_NAME
+        self.judge("socket.access", "failure", "--as", name, user=name, error=DENIED)
+        os.chown(self.path, 0, STRANGER + 1)
+        self.judge("socket.access", "ok", "--as", f"{STRANGER}:{STRANGER + 1}", user=name)
+
+    @AS_OTHERS
+    def test_oneself_may_not_connect(self):
+        self.bind(self.path, 0)
+        self.judge("socket.access", "failure", error=DENIED)
+
+    @AS_OTHERS
+    def test_access_of_another_is_not_known(self):
+        self.bind(self.path, 0o660)
+        self.judge("socket.access", "unchecked", "--as", "root", user="root")
+
+    def test_strangers(self):
+        self.bind(self.path, 0o660)
+        self.judge("socket.strangers", "ok")
+        self.path.chmod(0o666)
+        self.judge("socket.strangers", "warning")
+        self.run_dir.chmod(0o750)
+        self.judge("socket.strangers", "ok")
+
+
+class PanelTest(ServiceTest):
+    def answer(self, data, *arguments):
+        self.listen(answering(data))
+        return self.ask("back-end", *arguments)
+
+    def judge(self, report, check, outcome, **values):
+        self.expect(report, f"back-end.{check}", outcome, "panel", path=str(self.path), **values)
+
+    def assert_well(self, report):
+        """But for the time, which a busy machine takes."""
+        states = {check["name"]: check["state"] for check in report.checks}
+        self.assertIn(states.pop("back-end.time"), ("ok", "warning"))
+        self.assertEqual(set(states.values()), {"ok"}, report.all())
+
+
+class BackEndTest(PanelTest):
+    def test_all_is_well(self):
+        report = self.answer(with_length(REFUSAL))
+        name = pathlib.Path("/proc/self/comm").read_text().strip()
+        self.judge(report, "connect", "ok", listener=f" ({name})")
+        self.judge(report, "answer", "ok refuses")
+        self.judge(report, "length", "ok")
+        self.judge(report, "large-request", "ok", size=LARGE)
+        self.assert_well(report)
+
+    def test_time_of_an_answer(self):
+        for seconds, state, shown in ((0.5, "ok", "500.0 ms"), (0.9999, "ok", "999.9 ms"),
+                                      (1, "warning", "1.0 s"), (1.5, "warning", "1.5 s")):  # fmt: skip
+            found = back_end.answer_time("panel", seconds)
+            message = f"The answer to whoami has taken {shown}."
+            self.assertEqual((found.state, found.message), (state, message))
+
+    def test_slow_answer(self):
+        def answer(listener, connection):
+            listener.read(connection)
+            time.sleep(1.1)
+            connection.sendall(REFUSAL)
+
+        self.listen(answer)
+        (found,) = self.ask().findings("back-end.time")
+        self.assertEqual(found["state"], "warning")
+        self.assertRegex(found["message"], r"^The answer to whoami has taken \d+\.\d s\.$")
+
+    def test_request_byte_for_byte(self):
+        listener = self.listen(answering(with_length(REFUSAL)))
+        self.ask("back-end", "--session", "a1")
+        header = (
+            b"CONTENT_LENGTH\0000\0SCGI\0001\0HTTP_COOKIE\0panelses5=a1\0HTTP_HOST\0localhost\0"
+            b"HTTP_USER_AGENT\0zancgi-doctor\0QUERY_STRING\0func=whoami&out=xml\0"
+            b"REMOTE_ADDR\000127.0.0.1\0REQUEST_METHOD\0GET\0REQUEST_URI\0/zancgi-doctor\0"
+            b"SERVER_ADDR\000127.0.0.1\0"
+        )
+        self.assertEqual(listener.requests[0], b"%d:%s," % (len(header), header))
+        cookie = re.search(rb"HTTP_COOKIE\0([^\0]*)\0", listener.requests[1])[1]
+        self.assertEqual(cookie, b"panelses5=a1; zancgi-doctor=" + b"x" * 8192)
+
+    def test_services_are_found_by_their_sockets(self):
+        self.listen(answering(with_length(REFUSAL)))
+        self.bind(self.run_dir / "mail.sock", 0o660)
+        (self.run_dir / ".hidden.sock").touch()
+        report = self.examine("back-end.connect", "--run-dir", self.run_dir)
+        found = [(check["subject"], check["state"]) for check in report.checks]
+        self.assertEqual(found, [("mail", "failure"), ("panel", "ok")])
+
+    def test_nobody_listens(self):
+        self.bind(self.path, 0o660)
+        self.judge(self.ask(), "connect", "failure left")
+
+    def test_full_queue(self):
+        """The library would wait; the doctor waits for its time."""
+        listener = socket.socket(socket.AF_UNIX)
+        self.addCleanup(listener.close)
+        listener.bind(str(self.path))
+        listener.listen(0)
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                client = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM | socket.SOCK_NONBLOCK)
+                self.addCleanup(client.close)
+                client.connect(str(self.path))
+        begin = time.monotonic()
+        report = self.ask("back-end", "--timeout", "0.5")
+        self.assertGreaterEqual(time.monotonic() - begin, 0.5)
+        self.judge(report, "connect", "failure", error="its queue is full")
+
+    @AS_ROOT
+    def test_connects_as_the_front_end(self):
+        self.listen(answering(with_length(REFUSAL)))
+        self.path.chmod(0o660)
+        report = self.ask("back-end", "--as", STRANGER)
+        self.judge(report, "connect", "failure", error=DENIED)
+
+    def test_what_authorize_would_make_of_the_answer(self):
+        session = ("--session", "a1")
+        alice = b'<doc><user name="alice" level="%s"/></doc>'
+        both = b'<doc><user name="x" level="1"/><error type="access"/></doc>'
+        odd = REFUSAL.replace(b"access", b"se&#10;ssion")
+        untyped = REFUSAL.replace(b' type="access"', b"")
+        for body, arguments, outcome, values in (
+            (odd, (), "warning refuses", {"kind": "'se\\x0assion'"}),
+            (untyped, (), "warning refuses", {"kind": "none"}),
+            (REFUSAL, session, "failure refuses", {"kind": "'access'"}),
+            (b'<doc><user name="guest" level="0"/></doc>', (), "warning accepts", {"name": "guest"}),
+            (alice % b"7", session, "ok", {"name": "alice", "level": "7"}),
+            (alice % b"-12", session, "ok", {"name": "alice", "level": "-12"}),
+            (alice % b"high", session, "warning level", {"name": "alice", "level": "high"}),
+            (both, (), "ok refuses", {}),
+        ):
+            with self.subTest(body=body):
+                self.judge(self.answer(body, *arguments), "answer", outcome, **values)
+
+    def test_session_from_a_file_or_standard_input(self):
+        listener = self.listen(answering(REFUSAL))
+        file = self.make_file("session", "3f9c27d1\nmore\n")
+        self.ask("back-end", "--session-file", file)
+        with open(file) as stream:
+            self.ask("back-end", "--session-file", "-", stdin=stream)
+        for request in (listener.requests[0], listener.requests[2]):
+            self.assertIn(b"panelses5=3f9c27d1\0", request)
+        for text in ("", "a b\n"):
+            file.write_text(text)
+            self.assertEqual(self.ask("back-end", "--session-file", file).status, 3)
+        for path in (self.folder / "none", self.make_fifo()):
+            self.assertEqual(self.ask("back-end", "--session-file", path).status, 3)
+
+    def test_session_is_never_shown_nor_a_part_of_it(self):
+        short, long = "s3f9c27d1secret", "s3f9c27d1" * 40
+        for session, body in (
+            (short, f'<doc><user name="{short}" level="{short}"/></doc>'),
+            (short, f'<doc><error type="{short}"/></doc>'),
+            (short, f"<{short}/>"),
+            (long, f"<{long}/>"),
+            (long, f'<?xml version="1.0" encoding="{long}"?><doc/>'),
+        ):
+            self.listen(answering(body.encode()))
+            for option in ("-v", "--json"):
+                report = self.doctor(
+                    option, "--run-dir", self.run_dir, "--service", "panel", "--session", session
+                )
+                self.assertNotIn("s3f9c27d1", report.all())
+                self.assertIn("(session)", report.output)
+
+    def test_session_of_digits_is_not_shown_in_part(self):
+        session = "1234567890123456"
+        body = f'<doc><user name="alice" level="{session}"/></doc>'.encode()
+        report = self.answer(body, "--session", session)
+        self.judge(report, "answer", "ok", name="alice", level="(session)")
+
+    def test_session_is_not_sent_into_an_unsafe_folder(self):
+        """Nobody has even connected."""
+        connections = []
+        self.run_dir.chmod(0o777)
+        self.listen(lambda _, connection: connections.append(connection))
+        for check in ("back-end", "back-end.answer"):
+            report = self.ask(check, "--session", "3f9c27d1")
+            unsafe = f"'{self.run_dir}' is writable by everybody"
+            self.judge(report, "session", "failure", unsafe=unsafe)
+            self.assertEqual((report.status, len(report.checks)), (2, 1))
+        self.assertEqual(connections, [])
+
+    def test_session_is_not_sent_by_an_unsafe_link(self):
+        other = self.make_folder("panel")
+        link, self.path = self.path, other / "panel.sock"
+        link.symlink_to(self.path)
+        listener = self.listen(answering(REFUSAL))
+        self.path = link
+        self.judge(self.ask("back-end", "--session", "3f9c27d1"), "session", "ok")
+        self.assertEqual(len(listener.requests), 2)
+        other.chmod(0o777)
+        report = self.ask("back-end", "--session", "3f9c27d1")
+        self.judge(report, "session", "failure", unsafe=f"'{other}' is writable by everybody")
+        self.assertEqual(len(listener.requests), 2)
+
+    def test_without_a_session_an_unsafe_socket_is_asked(self):
+        self.run_dir.chmod(0o777)
+        report = self.answer(REFUSAL)
+        self.judge(report, "answer", "ok refuses")
+        self.assertEqual(report.findings("back-end.session"), [])
+
+    def test_answers_that_are_not_understood(self):
+        ill = "it is no well-formed XML ({})".format
+        unread = "its encoding is not read here ({})".format
+        neither = "it has neither /doc/user nor /doc/error"
+        # Entities that grow a billionfold are not even declared.
+        entities = b'<!ENTITY a0 "ha">' + b"".join(
+            b'<!ENTITY a%d "%s">' % (i, b"&a%d;" % (i - 1) * 10) for i in range(1, 10)
+        )
+        bomb = b'<?xml version="1.0"?><!DOCTYPE doc [' + entities + b"]><doc>&a9;</doc>"
+        encoded = '<?xml version="1.0" encoding="{}"?><doc/>'.format
+        for data, why in (
+            (b"hello", ill("syntax error: line 1, column 0")),
+            (b'<doc><user name="a" level="7', ill("unclosed token: line 1, column 5")),
+            (b"<doc/><doc/>", ill("junk after document element: line 1, column 6")),
+            (encoded("x-none").encode(), unread("unknown encoding: x-none")),
+            (encoded("shift_jis").encode(), unread("multi-byte encodings are not supported")),
+            (b"<html/>", "its document element is 'html', not 'doc'"),
+            (b'<doc><a><user name="x"/></a></doc>', neither),
+            (b"<doc>" + b"<a>" * 100_000 + b"</a>" * 100_000 + b"</doc>", neither),
+            (REFUSAL + b"\0", "it contains a zero byte"),
+            (with_length(b"<doc><error/></doc>"), "it has header lines, but no '<?xml' behind them"),
+            (bomb, "it has a document type declaration, which is not read here"),
+        ):
+            with self.subTest(why=why, data=data[:60]):
+                self.judge(self.answer(data), "answer", "failure document", error=why)
+
+    def test_text_before_the_declaration(self):
+        report = self.answer(b"Noise\n" + REFUSAL)
+        self.judge(report, "answer", "ok refuses")
+        self.judge(report, "length", "warning")
+
+    def test_length_of_the_answer(self):
+        senseless = "its Content-Length makes no sense"
+        for head, error in (
+            (b"99\r\n\r\n<doc/>", "it has 6 bytes, but announces 99"),
+            (b"99\r\nX: y", "it has 0 bytes, but announces 99"),
+            (b"many\r\n\r\n<doc/>", senseless),
+            (b"-1\r\n\r\n<doc/>", senseless),
+            (b"\r\n\r\n<doc/>", senseless),
+            (b"5\r\nContent-Length: 6\r\n\r\n<doc/>", senseless),
+            (b"9" * 5000 + b"\r\n\r\n<doc/>", senseless),
+            (b"18446744073709551616\r\n\r\n<doc/>", senseless),
+        ):
+            with self.subTest(head=head[:60]):
+                report = self.answer(b"Content-Length: " + head)
+                self.judge(report, "answer", "failure length", error=error)
+                self.assertEqual(report.findings("back-end.length"), [])
+        for length in (b"5", b"6", b"0" * 5000 + b"6", b"0"):
+            error = length_error(b"Content-Length: " + length + b"\r\n\r\n<doc/>")
+            self.assertEqual(error, ("", True))
+
+    def test_back_ends_that_fail(self):
+        def trickle(_, connection):
+            """The time is for the whole answer, not for each byte."""
+            while True:
+                connection.sendall(b"x")
+                time.sleep(0.05)
+
+        def never_closes(listener, connection):
+            answering(with_length(REFUSAL))(listener, connection)
+            connection.recv(1)
+
+        short = ("--timeout", "1")
+        for answer, outcome, arguments in (
+            (lambda listener, connection: listener.read(connection), "failure closed", ()),
+            # With part of the request unread.
+            (lambda _, connection: connection.recv(5), "failure reset", ()),
+            (lambda _, connection: connection.recv(1 << 20) and connection.recv(1),
+             "failure timeout", short),
+            (never_closes, "failure timeout half-way", short),
+            (trickle, "failure timeout half-way", short),
+        ):  # fmt: skip
+            with self.subTest(outcome=outcome):
+                self.listen(answer)
+                report = self.ask("back-end", *arguments)
+                self.judge(report, "answer", outcome)
+                self.assertEqual(report.findings("back-end.large-request"), [])
+
+    def test_endless_answer_in_bounded_memory(self):
+        def answer(listener, connection):
+            while True:
+                connection.sendall(b"x" * 65536)
+
+        self.listen(answer)
+        limit = 128 << 20
+        report = self.program(
+            "--json", "--check", "back-end", "--run-dir", self.run_dir, "--service", "panel",
+            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_AS, (limit, limit)),
+        )  # fmt: skip
+        self.judge(report, "answer", "failure too long", limit="1.0 MB")
+
+    def test_large_request_is_not_answered(self):
+        def answer(listener, connection):
+            listener.read(connection)
+            if len(listener.requests[-1]) < 8192:
+                connection.sendall(REFUSAL)
+
+        self.listen(answer)
+        self.judge(self.ask(), "large-request", "failure", size=LARGE)
+
+    def test_ends_between_two_requests(self):
+        def answer(listener, connection):
+            answering(REFUSAL)(listener, connection)
+            listener.socket.shutdown(socket.SHUT_RDWR)
+
+        self.listen(answer)
+        self.judge(self.ask(), "large-request", "unchecked", error="Connection refused")
+
+
+class AgainstTheLibraryTest(ServiceTest):
+    """A real front end must see the back end as the doctor does."""
+
+    def run_front(self, **environment):
+        return subprocess.run(
+            [FRONT],
+            env={"TOV_RUN_DIR": str(self.run_dir), **environment},
+            stdin=subprocess.DEVNULL,
+            capture_output=True,
+            timeout=LONG,
+            check=True,
+        ).stdout
+
+    def test_same_request(self):
+        listener = self.listen(answering(REFUSAL))
+        self.ask("back-end", "--session", "a1")
+        (of_doctor, _) = listener.requests
+        self.run_front(
+            HTTP_COOKIE="panelses5=a1",
+            HTTP_HOST="localhost",
+            HTTP_USER_AGENT="zancgi-doctor",
+            REMOTE_ADDR="127.0.0.1",
+            REQUEST_METHOD="GET",
+            REQUEST_URI="/zancgi-doctor",
+            SERVER_ADDR="127.0.0.1",
+        )
+        self.assertEqual(listener.requests[-1], of_doctor)
+
+    def test_same_verdict(self):
+        user = b'<doc><user name="alice" level="7"/></doc>'
+        declared = b'<?xml version="1.0"?>' + user
+        answers = [
+            user,
+            declared,
+            with_length(declared),
+            with_length(user),
+            b"Noise: x\nmore\n" + declared,
+            b"noise " + user,
+            b"A: b\n\n" + user,
+            declared + b" \n",
+            declared + b"x",
+            declared + b"\0",
+            declared + user,
+            declared[:-1],
+            b"\xef\xbb\xbf" + user,
+            b"<doc><a/><!-- --><user name='alice'/></doc>",
+            b"<doc><a><user name='alice'/></a></doc>",
+            b"<DOC><user name='alice'/></DOC>",
+            b"<doc><user name='alice'/><error/></doc>",
+            b"<doc/>",
+            b"Content-Length: 5\r\n\r\n" + declared,
+            b"Content-Length: 500\r\n\r\n" + declared,
+            b"Content-Length: x\r\n\r\n" + declared,
+            b"Content-Length: 5\ncontent-length: 6\n\n" + declared,
+            b"content-length:\t0000000000000000000000005 \nContent-Length: 5\n\n" + declared,
+            b"Content-Length: 99999999999999999999\n\n" + declared,
+            b"Content-Length: 18446744073709551615\n\n" + declared,
+            b"Content-Length: 500\nno header\n\n" + declared,
+            b"Content-Length: 500\n" + declared,
+            b"Content-Length: 500",
+            b"Content-Length",
+            b" \r\n\r\n" + declared,
+            b"\r\n" + declared,
+            b"\r",
+            b":\n\n" + declared,
+        ]
+        verdicts = set()
+        for data in answers:
+            self.listen(answering(data))
+            answer = self.run_front(REQUEST_METHOD="GET", HTTP_COOKIE="panelses5=a1")
+            accepted = answer.endswith(b"<p>You are alice.")
+            state = self.ask("back-end.answer", "--session", "a1").state("back-end.answer")
+            self.assertEqual(state != "failure", accepted, (data, answer, state))
+            verdicts.add(accepted)
+        self.assertEqual(verdicts, {True, False})
+
+
+class RealBackEndTest(PanelTest):
+    def start(self, *command):
+        if not shutil.which(command[0]):
+            self.skipTest(f"there is no {command[0]} on this machine")
+        process = subprocess.Popen(
+            command,
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.DEVNULL,
+            stderr=subprocess.DEVNULL,
+            start_new_session=True,
+        )
+        self.addCleanup(process.wait, 30)
+        self.addCleanup(os.killpg, process.pid, signal.SIGKILL)
+        end = time.monotonic() + LONG
+        with socket.socket(socket.AF_UNIX) as client:
+            while client.connect_ex(str(self.path)) != 0:
+                self.assertLess(time.monotonic(), end, "the server does not start")
+                time.sleep(0.02)
+
+    def start_uwsgi(self, *options):
+        application = self.make_file("application.py", APPLICATION)
+        self.start(
+            "uwsgi", "--need-plugin=python3", f"--scgi-socket={self.path}",
+            f"--wsgi-file={application}", "--master", "--workers=1", "--need-app", *options,
+        )  # fmt: skip
+
+    def test_uwsgi(self):
+        self.start_uwsgi("--buffer-size=65535")
+        report = self.ask()
+        self.assert_well(report)
+        self.judge(report, "connect", "ok", listener=" (uwsgi)")
+
+    def test_uwsgi_with_its_own_buffer(self):
+        self.start_uwsgi()
+        report = self.ask()
+        self.judge(report, "answer", "ok refuses")
+        self.judge(report, "large-request", "failure", size=LARGE)
+
+    def test_haproxy_with_all_servers_down(self):
+        configuration = self.make_file(
+            "haproxy.cfg",
+            "defaults\n mode tcp\n timeout connect 1s\n timeout client 9s\n timeout server 9s\n"
+            f"listen panel\n bind unix@{self.path}\n server a unix@{self.folder}/none\n",
+        )
+        self.start("haproxy", "-db", "-f", str(configuration))
+        self.judge(self.ask(), "answer", "failure no server")
+
+
+class FcgiTest(MachineTest):
+    def setUp(self):
+        super().setUp()
+        self.path = self.folder / "fcgi.sock"
+
+    def judge(self, check, outcome, *arguments, before="", **values):
+        check = f"fcgi.{check}"
+        report = self.examine("fcgi", "--fcgi-socket", self.path, *arguments, before=before)
+        values.setdefault("user", OWN_NAME)
+        self.expect(report, check, outcome, self.path, path=str(self.path), **values)
+
+    def state(self, check):
+        return self.examine("fcgi", "--fcgi-socket", self.path).state(f"fcgi.{check}")
+
+    def test_all_is_well(self):
+        self.bind(self.path, 0o600)
+        self.judge("kind", "ok")
+        if IS_ROOT:
+            self.judge("safe", "ok")
+        self.judge("strangers", "ok", accounts="root" if IS_ROOT else ME)
+
+    def test_is_missing_or_something_else(self):
+        self.judge("kind", "failure missing", error=NOT_THERE, listener="fcgiwrap")
+        os.mkfifo(self.path)
+        self.judge("kind", "failure kind", kind="a FIFO", listener="fcgiwrap")
+
+    def test_everybody_may_connect(self):
+        for mode in (0o666, 0o602):
+            self.bind(self.path, mode)
+            self.judge("strangers", "failure")
+            self.path.unlink()
+
+    def test_everybody_may_connect_but_cannot_get_there(self):
+        self.path = self.make_folder("closed", 0o700) / "fcgi.sock"
+        self.bind(self.path, 0o666)
+        self.assertNotEqual(self.state("strangers"), "failure")
+
+    @AS_ROOT
+    def test_accounts_that_may_connect(self):
+        alone, both = f"alice:x:{STRANGER}:", f"alice:x:{STRANGER}:bob"
+        for mode, owner, group, group_line, outcome, accounts in (
+            (0o600, STRANGER, 0, alone, "ok", "'alice'"),
+            (0o660, 0, STRANGER, alone, "ok", "'alice'"),
+            (0o660, STRANGER, STRANGER, alone, "ok", "'alice'"),
+            (0o660, 0, STRANGER, both, "warning", "'alice', 'bob'"),
+            (0o660, STRANGER + 1, STRANGER, alone, "warning", "'alice', 'bob'"),
+        ):
+            with self.subTest(mode=mode, owner=owner, group=group, group_line=group_line):
+                self.group_line = group_line
+                self.bind(self.path, mode)
+                os.chown(self.path, owner, group)
+                self.judge("strangers", outcome, "--as", "bob", before=self.accounts(),
+                           user="bob", accounts=accounts)  # fmt: skip
+                self.path.unlink()
+
+    def test_can_be_replaced(self):
+        """By a link as well, and in a sticky folder: anybody can come before fcgiwrap."""
+        link = self.path
+        for mode in (0o755, 0o777, 0o1777):
+            folder = self.make_folder(f"open-{mode:o}", mode)
+            self.path = folder / "fcgi.sock"
+            self.bind(self.path, 0o600)
+            link.symlink_to(self.path)
+            for self.path in (self.path, link):
+                if mode != 0o755:
+                    self.judge("safe", "failure", unsafe=f"'{folder}' is writable by everybody")
+                elif IS_ROOT:
+                    self.assertEqual(self.state("safe"), "ok")
+            link.unlink()
+
+    def test_link_that_others_can_exchange(self):
+        """Though it leads to where nobody can write, and over one more link."""
+        self.bind(self.path, 0o600)
+        folder = self.make_folder("open", 0o1777)
+        (folder / "link").symlink_to(self.path)
+        self.path = self.make_folder("closed") / "link"
+        self.path.symlink_to("../open/link")
+        self.judge("safe", "failure", unsafe=f"'{folder}' is writable by everybody")
+
+    @AS_ROOT
+    def test_folder_of_another_account(self):
+        folder = self.make_folder("others")
+        os.chown(folder, STRANGER, STRANGER)
+        self.path = folder / "fcgi.sock"
+        self.bind(self.path, 0o600)
+        self.judge("safe", "failure", unsafe=f"'{folder}' belongs to user number {STRANGER}")
+        os.chown(self.path, STRANGER, STRANGER)
+        self.assertEqual(self.state("safe"), "ok")
+
+    def found(self, *more):
+        """Where it is looked for, on a machine as more makes it."""
+        bind = "import socket, sys\nfor path in sys.argv[1:]:\n socket.socket(1).bind(path)"
+        paths = [f"/run/{name}" for name in ("fcgiwrap.socket", "a.sock", "b.sock", "c.sock")]
+        make = shlex.join([sys.executable, "-ISc", bind, *paths])
+        before = "; ".join([*WITHOUT_CONFIGURATION, make, *more])
+        report = self.examine("fcgi.kind", before=before)
+        return [(check["subject"], check["state"]) for check in report.checks]
+
+    def unit(self, name, text):
+        path = f"/etc/systemd/system/{name}"
+        return f"mkdir -p {os.path.dirname(path)}; printf %s {shlex.quote(text)} > {path}"
+
+    @AS_ROOT
+    def test_is_found_where_the_package_puts_it(self):
+        self.assertEqual(self.found(), [("/run/fcgiwrap.socket", "ok")])
+        self.assertEqual(self.found("rm /run/fcgiwrap.socket"), [("", "skipped")])
+
+    @AS_ROOT
+    def test_is_found_by_units(self):
+        runs = "[Service]\nExecStart=/usr/sbin/fcgiwrap -f -c 8\n"
+        listens = "[Socket]\nListenStream=/run/{}.sock\n"
+        default = ("/run/fcgiwrap.socket", "ok")
+        for units, expected in (
+            ({"panel.service": runs, "panel.socket": listens.format("a")}, ["a"]),
+            (
+                {
+                    "panel.service": "[Service]\nExecStart=-/x/fcgiwrap -s unix:/run/b.sock -c 1\n",
+                    "other.service": "[Service]\nExecStart=/usr/sbin/fcgiwrapper\n",
+                    "other.socket": listens.format("a"),
+                },
+                ["b"],
+            ),
+            (
+                {
+                    "panel.service": runs,
+                    "web.socket": listens.format("c") + "Service=panel.service\n",
+                    "panel.socket.d/more.conf": listens.format("a"),
+                },
+                ["c", "a"],
+            ),
+            ({"panel.service": runs, "panel.socket": listens.format("none")}, []),
+        ):
+            found = self.found(*(self.unit(name, text) for name, text in units.items()))
+            paths = [(f"/run/{name}.sock", "ok") for name in expected]
+            self.assertEqual(sorted(found), sorted([default, *paths]), units)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,306 @@
+"""What the tests of zancgi-doctor have in common: a folder, the doctor, and what
+it is to have found."""
+
+import contextlib
+import ctypes
+import dataclasses
+import grp
+import importlib
+import itertools
+import json
+import os
+import pathlib
+import pwd
+import shlex
+import shutil
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+import unittest
+
+from zancgi_doctor.cli import main
+from zancgi_doctor.findings import finding
+from zancgi_doctor.identities import find_user
+from zancgi_doctor.texts import printable
+
+SOURCE = pathlib.Path(os.environ["SOURCE"])
+DOCTOR = SOURCE / "tools" / "zancgi-doctor"
+IS_ROOT = os.geteuid() == 0
+OWN_NAME = find_user(str(os.geteuid()))[0]
+# As the doctor names it.
+ME = f"'{OWN_NAME}'"
+# Seconds that nothing here takes, however busy the machine is.
+LONG = 300
+CLONE_NEWNS, MS_REC, MS_PRIVATE = 0x20000, 0x4000, 0x40000
+os.umask(0o022)
+# So that not every run of the doctor loads it.
+importlib.import_module("elftools.elf.elffile")
+
+
+def free_number():
+    """This and the next two are of no user and no group of the machine."""
+
+    def is_free(number):
+        for look_up in (pwd.getpwuid, grp.getgrgid):
+            with contextlib.suppress(KeyError):
+                look_up(number)
+                return False
+        return True
+
+    return next(n for n in itertools.count(54321) if all(map(is_free, range(n, n + 3))))
+
+
+def may_mount():
+    command = ["unshare", "--mount", "--propagation", "private", "true"]
+    return subprocess.run(command, stderr=subprocess.DEVNULL, check=False).returncode == 0
+
+
+STRANGER = free_number()
+STRANGERS_NAME = str(STRANGER)
+NOT_THERE = "No such file or directory"
+DENIED = "Permission denied"
+AS_ROOT = unittest.skipUnless(
+    IS_ROOT and may_mount(), "only root with all rights may take on other ids, mount, or see all"
+)
+AS_OTHERS = unittest.skipIf(IS_ROOT, "root may do everything")
+
+# Nothing of what is installed on this machine for systemd.
+WITHOUT_CONFIGURATION = [
+    "mount -t tmpfs none /run",
+    "mkdir -p /etc/tmpfiles.d /etc/systemd/system",
+    "for folder in /etc /usr/local/lib /usr/lib /lib; do "
+    "for kind in tmpfiles.d systemd/system; do "
+    "if [ -d $folder/$kind ]; then mount -t tmpfs none $folder/$kind; fi; done; done",
+]
+
+
+@dataclasses.dataclass
+class Report:
+    """What one run has said."""
+
+    status: int
+    output: str
+    errors: str
+
+    @property
+    def checks(self):
+        return json.loads(self.output)["checks"]
+
+    def findings(self, name):
+        return [check for check in self.checks if check["name"] == name]
+
+    def state(self, name):
+        (found,) = self.findings(name)
+        return found["state"]
+
+    def all(self):
+        return self.output + self.errors
+
+
+def enter_own_mounts():
+    library = ctypes.CDLL(None, use_errno=True)
+    if library.unshare(CLONE_NEWNS) or library.mount(b"", b"/", None, MS_REC | MS_PRIVATE, None):
+        raise OSError(ctypes.get_errno(), "mounts of its own")
+
+
+def be_doctor(arguments, environment, before, streams):
+    """In a child process: what the program does, without loading Python again."""
+    status = 70
+    try:
+        if before:
+            enter_own_mounts()
+            subprocess.run(["/bin/sh", "-c", f"set -e; {before}"], check=True)
+        for number, stream in enumerate(streams):
+            os.dup2(stream.fileno(), number)
+        os.environ.clear()
+        os.environ.update(environment)
+        sys.argv = ["zancgi-doctor", *arguments]
+        sys.stdin, sys.stdout, sys.stderr = open(0), open(1, "w"), open(2, "w")
+        status = main()
+    except SystemExit as end:
+        status = end.code
+    finally:
+        sys.stdout.flush()
+        sys.stderr.flush()
+        os._exit(status)
+
+
+class DoctorTest(unittest.TestCase):
+    maxDiff = None
+
+    def setUp(self):
+        # Short: the path of a socket has 107 bytes.
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="doctor-", dir="/tmp"))
+        self.folder.chmod(0o755)
+        self.addCleanup(self.remove_folder)
+        self.run_dir = self.make_folder("run")
+
+    def remove_folder(self):
+        for path in [self.folder, *self.folder.rglob("*")]:
+            if path.is_dir() and not path.is_symlink():
+                path.chmod(0o700)
+        shutil.rmtree(self.folder)
+
+    def make_folder(self, name, mode=0o755):
+        path = self.folder / name
+        path.mkdir()
+        path.chmod(mode)
+        return path
+
+    def make_file(self, name, text="", mode=0o644):
+        path = self.folder / name
+        path.write_text(text)
+        path.chmod(mode)
+        return path
+
+    def make_fifo(self):
+        path = self.folder / "fifo"
+        os.mkfifo(path)
+        return path
+
+    def bind(self, path, mode):
+        """A socket that nobody listens on."""
+        with socket.socket(socket.AF_UNIX) as left_behind:
+            left_behind.bind(str(path))
+        path.chmod(mode)
+
+    @staticmethod
+    def command_line(arguments, environment):
+        variables = {"PATH": os.environ["PATH"], "LANG": "C.UTF-8", **dict(environment)}
+        return ["--timeout", str(LONG), *map(str, arguments)], variables
+
+    def doctor(self, *arguments, before="", environment=(), stdin=None):
+        """One run; before is what a shell does first, as root in mounts of its own."""
+        arguments, variables = self.command_line(arguments, environment)
+        with contextlib.ExitStack() as files:
+            # No user of the machine's may be able to tell what the files are like.
+            null = files.enter_context(open(os.devnull))
+            output, errors = (files.enter_context(tempfile.TemporaryFile()) for _ in range(2))
+            child = os.fork()
+            if child == 0:
+                be_doctor(arguments, variables, before, [stdin or null, output, errors])
+            status = os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])
+            texts = [os.pread(file.fileno(), 1 << 24, 0).decode() for file in (output, errors)]
+        return Report(status, *texts)
+
+    def program(self, *arguments, before="", environment=(), **options):
+        """One run of the program itself; before is what a shell does first."""
+        arguments, variables = self.command_line(arguments, environment)
+        command = [str(DOCTOR), *arguments]
+        if before:
+            command = ["/bin/sh", "-c", f"set -e; {before}; exec {shlex.join(command)}"]
+        done = subprocess.run(
+            command, env=variables, stdin=subprocess.DEVNULL, capture_output=True, text=True,
+            timeout=LONG, check=False, **options,
+        )  # fmt: skip
+        return Report(done.returncode, done.stdout, done.stderr)
+
+    def examine(self, check, *arguments, **options):
+        return self.doctor("--json", "--check", check, *arguments, **options)
+
+    def expect(self, report, check, outcome, subject, **values):
+        """The one finding of a check, word for word."""
+        wanted = dataclasses.asdict(finding(check, str(subject), outcome, **values))
+        wanted["subject"] = printable(wanted["subject"])
+        self.assertEqual(report.findings(check), [wanted])
+        self.assertEqual(bool(wanted["remedy"]), wanted["state"] not in ("ok", "skipped"))
+
+
+class MachineTest(DoctorTest):
+    """With accounts of its own, and none of this machine's: alice, bob and root."""
+
+    def setUp(self):
+        super().setUp()
+        self.uid = self.gid = STRANGER
+        self.group_line = f"alice:x:{STRANGER}:"
+        self.password_file = self.make_file("passwd")
+        self.group_file = self.make_file("group")
+        self.sources = self.make_file("nsswitch.conf", "passwd: files\ngroup: files\n")
+
+    def accounts(self, home="/srv/alice"):
+        """What makes them, before the doctor is run."""
+        self.password_file.write_text(
+            f"root:x:0:0::/root:/bin/sh\nalice:x:{self.uid}:{self.gid}::{home}:/bin/sh\n"
+            f"bob:x:{STRANGER + 1}:{STRANGER + 1}::/srv/bob:/bin/sh\n"
+        )
+        self.group_file.write_text(
+            f"root:x:0:\ndisk:x:6:\nusers:x:100:\nbob:x:{STRANGER + 1}:\n{self.group_line}\n"
+        )
+        return "; ".join(
+            f"mount --bind {file} /etc/{file.name}"
+            for file in (self.password_file, self.group_file, self.sources)
+        )
+
+
+class Listener:
+    """A back end that answers each request as a function says."""
+
+    def __init__(self, path, answer):
+        self.requests = []
+        self.answer = answer
+        self.socket = socket.socket(socket.AF_UNIX)
+        self.socket.bind(str(path))
+        self.socket.listen()
+        self.thread = threading.Thread(target=self.serve)
+        self.thread.start()
+
+    def serve(self):
+        with contextlib.suppress(OSError):
+            while True:
+                connection, _ = self.socket.accept()
+                with connection, contextlib.suppress(OSError):
+                    self.answer(self, connection)
+
+    def read(self, connection):
+        digits = b""
+        while not digits.endswith(b":"):
+            digits += connection.recv(1)
+        left = int(digits[:-1]) + 1
+        request = b""
+        while len(request) < left:
+            request += connection.recv(left - len(request))
+        self.requests.append(digits + request)
+
+    def stop(self):
+        with contextlib.suppress(OSError):
+            self.socket.shutdown(socket.SHUT_RDWR)
+        self.thread.join(30)
+        self.socket.close()
+
+
+def answering(data):
+    def answer(listener, connection):
+        listener.read(connection)
+        connection.sendall(data)
+
+    return answer
+
+
+REFUSAL = b'<?xml version="1.0" encoding="UTF-8"?>\n<doc><error type="access"/></doc>\n'
+
+
+def with_length(body):
+    return b"Status: 200 OK\r\nContent-Length: %d\r\n\r\n%s" % (len(body), body)
+
+
+class ServiceTest(DoctorTest):
+    """A back end, the service panel."""
+
+    def setUp(self):
+        super().setUp()
+        self.path = self.run_dir / "panel.sock"
+
+    def listen(self, answer):
+        """In place of whoever listened before."""
+        self.path.unlink(missing_ok=True)
+        listener = Listener(self.path, answer)
+        self.addCleanup(listener.stop)
+        self.path.chmod(0o666)
+        return listener
+
+    def ask(self, check="back-end", *arguments, **options):
+        return self.examine(
+            check, "--run-dir", self.run_dir, "--service", "panel", *arguments, **options
+        )
