@@ -671,8 +671,11 @@ class AccountTest(MachineTest):
     @AS_ROOT
     def test_numbers(self):
         self.judge("numbers", "ok")
-        for uid, outcome, group in ((6, "warning low", "'disk'"), (999, "warning low", "number 999"),
-                                    (1000, "ok", None)):  # fmt: skip
+        for uid, outcome, group in (
+            (6, "warning low", "'disk'"),
+            (999, "warning low", "number 999"),
+            (1000, "ok", None),
+        ):
             self.uid = uid
             self.judge("numbers", outcome, uid=uid, group=group)
 

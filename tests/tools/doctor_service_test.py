@@ -166,9 +166,10 @@ class RunDirTest(DoctorTest):
                 self.assertEqual(report.status, 1 if outcome == "warning" else 0)
 
     def test_names(self):
+        notes = [f"note{n}" for n in range(5)]
         for names, outcome, shown in (
             (("panel.pid", "panel.lock"), "ok", None),
-            ([f"note{n}" for n in range(5)], "warning others", "'note0', 'note1', 'note2' and 2 more"),
+            (notes, "warning others", "'note0', 'note1', 'note2' and 2 more"),
             ((".panel.sock",), "warning hidden", "'.panel.sock'"),
         ):
             for name in names:
@@ -305,8 +306,12 @@ class BackEndTest(PanelTest):
         self.assert_well(report)
 
     def test_time_of_an_answer(self):
-        for seconds, state, shown in ((0.5, "ok", "500.0 ms"), (0.9999, "ok", "999.9 ms"),
-                                      (1, "warning", "1.0 s"), (1.5, "warning", "1.5 s")):  # fmt: skip
+        for seconds, state, shown in (
+            (0.5, "ok", "500.0 ms"),
+            (0.9999, "ok", "999.9 ms"),
+            (1, "warning", "1.0 s"),
+            (1.5, "warning", "1.5 s"),
+        ):
             found = back_end.answer_time("panel", seconds)
             message = f"The answer to whoami has taken {shown}."
             self.assertEqual((found.state, found.message), (state, message))
@@ -374,13 +379,14 @@ class BackEndTest(PanelTest):
         session = ("--session", "a1")
         alice = b'<doc><user name="alice" level="%s"/></doc>'
         both = b'<doc><user name="x" level="1"/><error type="access"/></doc>'
+        guest = b'<doc><user name="guest" level="0"/></doc>'
         odd = REFUSAL.replace(b"access", b"se&#10;ssion")
         untyped = REFUSAL.replace(b' type="access"', b"")
         for body, arguments, outcome, values in (
             (odd, (), "warning refuses", {"kind": "'se\\x0assion'"}),
             (untyped, (), "warning refuses", {"kind": "none"}),
             (REFUSAL, session, "failure refuses", {"kind": "'access'"}),
-            (b'<doc><user name="guest" level="0"/></doc>', (), "warning accepts", {"name": "guest"}),
+            (guest, (), "warning accepts", {"name": "guest"}),
             (alice % b"7", session, "ok", {"name": "alice", "level": "7"}),
             (alice % b"-12", session, "ok", {"name": "alice", "level": "-12"}),
             (alice % b"high", session, "warning level", {"name": "alice", "level": "high"}),
@@ -460,6 +466,7 @@ class BackEndTest(PanelTest):
     def test_answers_that_are_not_understood(self):
         ill = "it is no well-formed XML ({})".format
         unread = "its encoding is not read here ({})".format
+        headed = "it has header lines, but no '<?xml' behind them"
         neither = "it has neither /doc/user nor /doc/error"
         # Entities that grow a billionfold are not even declared.
         entities = b'<!ENTITY a0 "ha">' + b"".join(
@@ -477,7 +484,7 @@ class BackEndTest(PanelTest):
             (b'<doc><a><user name="x"/></a></doc>', neither),
             (b"<doc>" + b"<a>" * 100_000 + b"</a>" * 100_000 + b"</doc>", neither),
             (REFUSAL + b"\0", "it contains a zero byte"),
-            (with_length(b"<doc><error/></doc>"), "it has header lines, but no '<?xml' behind them"),
+            (with_length(b"<doc><error/></doc>"), headed),
             (bomb, "it has a document type declaration, which is not read here"),
         ):
             with self.subTest(why=why, data=data[:60]):

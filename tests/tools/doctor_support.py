@@ -15,11 +15,11 @@ import shlex
 import shutil
 import socket
 import subprocess
-import sys
 import tempfile
 import threading
 import unittest
 
+from forked import run_forked
 from zancgi_doctor.cli import main
 from zancgi_doctor.findings import finding
 from zancgi_doctor.identities import find_user
@@ -105,26 +105,10 @@ def enter_own_mounts():
         raise OSError(ctypes.get_errno(), "mounts of its own")
 
 
-def be_doctor(arguments, environment, before, streams):
-    """In a child process: what the program does, without loading Python again."""
-    status = 70
-    try:
-        if before:
-            enter_own_mounts()
-            subprocess.run(["/bin/sh", "-c", f"set -e; {before}"], check=True)
-        for number, stream in enumerate(streams):
-            os.dup2(stream.fileno(), number)
-        os.environ.clear()
-        os.environ.update(environment)
-        sys.argv = ["zancgi-doctor", *arguments]
-        sys.stdin, sys.stdout, sys.stderr = open(0), open(1, "w"), open(2, "w")
-        status = main()
-    except SystemExit as end:
-        status = end.code
-    finally:
-        sys.stdout.flush()
-        sys.stderr.flush()
-        os._exit(status)
+def prepare_machine(before):
+    if before:
+        enter_own_mounts()
+        subprocess.run(["/bin/sh", "-c", f"set -e; {before}"], check=True)
 
 
 class DoctorTest(unittest.TestCase):
@@ -171,19 +155,17 @@ class DoctorTest(unittest.TestCase):
         variables = {"PATH": os.environ["PATH"], "LANG": "C.UTF-8", **dict(environment)}
         return ["--timeout", str(LONG), *map(str, arguments)], variables
 
-    def doctor(self, *arguments, before="", environment=(), stdin=None):
+    def doctor(self, *arguments, before="", environment=(), stdin=b""):
         """One run; before is what a shell does first, as root in mounts of its own."""
         arguments, variables = self.command_line(arguments, environment)
-        with contextlib.ExitStack() as files:
-            # No user of the machine's may be able to tell what the files are like.
-            null = files.enter_context(open(os.devnull))
-            output, errors = (files.enter_context(tempfile.TemporaryFile()) for _ in range(2))
-            child = os.fork()
-            if child == 0:
-                be_doctor(arguments, variables, before, [stdin or null, output, errors])
-            status = os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])
-            texts = [os.pread(file.fileno(), 1 << 24, 0).decode() for file in (output, errors)]
-        return Report(status, *texts)
+        ended = run_forked(
+            main,
+            ["zancgi-doctor", *arguments],
+            variables,
+            stdin,
+            lambda: prepare_machine(before),
+        )
+        return Report(ended.status, ended.output.decode(), ended.errors)
 
     def program(self, *arguments, before="", environment=(), **options):
         """One run of the program itself; before is what a shell does first."""

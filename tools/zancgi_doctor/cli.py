@@ -67,89 +67,38 @@ def make_parser():
         description="Checks a deployment of front ends made with libzancgi.",
         epilog="Exit status: 0 all is well, 1 warnings, 2 failures, 3 something was not checked.",
     )
-    parser.add_argument(
-        "--service",
-        action="append",
-        default=[],
-        metavar="NAME",
-        help="a back end (default: all that have a socket)",
-    )
-    parser.add_argument(
-        "--fcgi-socket",
-        action="append",
-        default=[],
-        metavar="PATH",
-        help="a socket of fcgiwrap (default: those found)",
-    )
-    parser.add_argument("--program", default="", metavar="FILE", help="the front end's program")
-    parser.add_argument(
-        "--as",
-        dest="user",
-        default="",
-        metavar="USER[:GROUP]",
-        help="the user that front ends run as (default: yourself)",
-    )
-    parser.add_argument("--run-dir", default="", metavar="DIR", help="the folder of the sockets")
-    parser.add_argument("--tmp-dir", default="", metavar="DIR", help="the folder of uploads")
-    parser.add_argument(
-        "--account",
-        action="append",
-        default=[],
-        metavar="NAME",
-        help="an account that front ends become",
-    )
-    parser.add_argument(
-        "--confined", action="store_true", help="the accounts are confined to their homes"
-    )
-    parser.add_argument(
-        "--pam", action="store_true", help="the accounts are given PAM sessions"
-    )
-    parser.add_argument(
-        "--session",
-        type=parse_session,
-        metavar="ID",
-        help="a session that the service knows (visible to other users)",
-    )
-    parser.add_argument(
-        "--session-file",
-        default="",
-        metavar="FILE",
-        help="a file whose first line is such a session; - for standard input",
-    )
-    parser.add_argument(
-        "--pid",
-        type=parse_pid,
-        default=0,
-        metavar="PID",
-        help="the web server's process, whose environment and limits count",
-    )
-    parser.add_argument(
-        "--timeout",
-        type=parse_seconds,
-        default=5.0,
-        metavar="S",
-        help="seconds to wait for an answer (5)",
-    )
-    parser.add_argument(
-        "--min-free",
-        type=parse_size,
-        default=100 * MEBIBYTE,
-        metavar="SIZE",
-        help="space that must be free for uploads (100M)",
-    )
-    parser.add_argument(
-        "--check",
-        action="append",
-        type=parse_check,
-        default=[],
-        metavar="NAME",
-        help="only this check or group of checks",
-    )
-    parser.add_argument("--list", action="store_true", help="list the checks")
-    parser.add_argument("--json", action="store_true", help="report as JSON")
-    parser.add_argument("-q", "--quiet", action="store_true", help="print the first line only")
-    parser.add_argument("-v", "--verbose", action="store_true", help="show what is well, too")
-    parser.add_argument("-V", "--version", action="version", version=f"%(prog)s {version()}")
+    add = parser.add_argument
+    flag = {"action": "store_true"}
+    several = {"action": "append", "default": []}
+    text = {"default": ""}
+    add("--service", metavar="NAME", help="a back end (default: all that have a socket)", **several)
+    add("--fcgi-socket", metavar="PATH", **several,
+        help="a socket of fcgiwrap (default: those found)")
+    add("--program", metavar="FILE", help="the front end's program", **text)
+    add("--as", dest="user", metavar="USER[:GROUP]", **text,
+        help="the user that front ends run as (default: yourself)")
+    add("--run-dir", metavar="DIR", help="the folder of the sockets", **text)
+    add("--tmp-dir", metavar="DIR", help="the folder of uploads", **text)
+    add("--account", metavar="NAME", help="an account that front ends become", **several)
+    add("--confined", help="the accounts are confined to their homes", **flag)
+    add("--pam", help="the accounts are given PAM sessions", **flag)
+    add("--session", type=parse_session, metavar="ID",
+        help="a session that the service knows (visible to other users)")
+    add("--session-file", metavar="FILE", **text,
+        help="a file whose first line is such a session; - for standard input")
+    add("--pid", type=parse_pid, default=0, metavar="PID",
+        help="the web server's process, whose environment and limits count")
+    add("--timeout", type=parse_seconds, default=5.0, metavar="S",
+        help="seconds to wait for an answer (5)")
+    add("--min-free", type=parse_size, default=100 * MEBIBYTE, metavar="SIZE",
+        help="space that must be free for uploads (100M)")
+    add("--check", type=parse_check, metavar="NAME", **several,
+        help="only this check or group of checks")
+    add("--list", help="list the checks", **flag)
+    add("--json", help="report as JSON", **flag)
+    add("-q", "--quiet", help="print the first line only", **flag)
+    add("-v", "--verbose", help="show what is well, too", **flag)
+    add("-V", "--version", action="version", version=f"%(prog)s {version()}")
     return parser
 
 

@@ -20,7 +20,8 @@ class Finding:
 def finding(check, subject, outcome, **values):
     """One of the outcomes that the catalogue has for the check."""
     state = outcome.partition(" ")[0]
-    return Finding(check, subject, state, *sentences(check, outcome, {"subject": subject, **values}))
+    message, remedy = sentences(check, outcome, {"subject": subject, **values})
+    return Finding(check, subject, state, message, remedy)
 
 
 def sayer(check, subject, **values):

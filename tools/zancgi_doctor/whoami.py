@@ -46,7 +46,8 @@ def split_answer(data):
 def length_error(data):
     """What is wrong with the announced length; and whether there is one."""
     headers, body = split_answer(data)
-    announced = {parse_length(value.decode("latin-1")) for name, value in headers if name == b"content-length"}
+    lengths = [value.decode("latin-1") for name, value in headers if name == b"content-length"]
+    announced = set(map(parse_length, lengths))
     if not announced:
         return "", False
     if len(announced) > 1 or None in announced:

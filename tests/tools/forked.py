@@ -1,0 +1,65 @@
+"""Runs a tool in a child process, without loading Python again for each run."""
+
+import dataclasses
+import os
+import sys
+import tempfile
+import warnings
+
+# What a pipe takes without a reader.
+PIPE_CAPACITY = 65536
+
+
+@dataclasses.dataclass
+class Ended:
+    status: int
+    output: bytes
+    errors: str
+
+
+def pipe_with(content):
+    """The end to read from, with nothing to come after that."""
+    assert len(content) <= PIPE_CAPACITY
+    reader, writer = os.pipe()
+    os.write(writer, content)
+    os.close(writer)
+    return reader
+
+
+def be_tool(main, arguments, environment, prepare, descriptors):
+    """Does not return."""
+    status = 70
+    try:
+        # Those that unittest wants to see of a test are not of the tool.
+        warnings.simplefilter("ignore")
+        prepare()
+        for number, descriptor in enumerate(descriptors):
+            os.dup2(descriptor, number)
+        os.environ.clear()
+        os.environ.update(environment)
+        sys.argv = arguments
+        sys.stdin, sys.stdout = open(0), open(1, "w")
+        sys.stderr = open(2, "w", errors="backslashreplace", buffering=1)
+        status = main()
+    except SystemExit as end:
+        status = end.code
+    finally:
+        sys.stdout.flush()
+        sys.stderr.flush()
+        os._exit(status)
+
+
+def run_forked(main, arguments, environment, stdin=b"", prepare=lambda: None):
+    """The end of one run, by its main function; prepare is called in the child first."""
+    reader, writer = os.pipe()
+    given = pipe_with(stdin) if isinstance(stdin, bytes) else os.dup(stdin.fileno())
+    with tempfile.TemporaryFile() as errors:
+        child = os.fork()
+        if child == 0:
+            be_tool(main, arguments, environment, prepare, [given, writer, errors.fileno()])
+        os.close(writer)
+        os.close(given)
+        with os.fdopen(reader, "rb") as stream:
+            output = stream.read()
+        status = os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])
+        return Ended(status, output, os.pread(errors.fileno(), 1 << 24, 0).decode())

@@ -1,0 +1,118 @@
+"""What the tests of zancgi-request have in common: runs of it, and programs that
+tell what they were given."""
+
+import dataclasses
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+import unittest
+
+from forked import Ended, run_forked
+from zancgi_request.cli import main
+
+SOURCE = pathlib.Path(os.environ["SOURCE"])
+# Where web_servers and panel_server are.
+sys.path.insert(0, str(SOURCE / "tests" / "e2e"))
+TOOL = SOURCE / "tools" / "zancgi-request"
+PACK = TOOL.with_name("pack.py")
+MANUAL = SOURCE / "docs" / "man" / "zancgi-request.1"
+PROBE = os.environ["CGI_PROBE"]
+README_FRONT = os.environ["README_FRONT"]
+LIBRARY_PATH = ":".join(sorted({os.path.dirname(p) for p in os.environ["LIBRARIES"].split(":")}))
+PATH = "/usr/bin:/bin"
+MEGABYTE = 1 << 20
+# Seconds that nothing here takes, however busy the machine is.
+LONG = 300
+os.umask(0o022)
+# Seconds that no test takes: what sleeps so long has to be ended.
+AGES = 3600
+# No proxy, and no configuration of whoever runs the tests.
+ENVIRONMENT = {"PATH": PATH, "LC_ALL": "C.UTF-8", "FOREIGN": "not for the program"}
+
+
+def run(*arguments, folder=None, stdin=b"", **variables):
+    arguments = list(map(str, arguments))
+    return run_forked(
+        lambda: main(arguments),
+        [str(TOOL), *arguments],
+        {**ENVIRONMENT, **variables},
+        stdin,
+        lambda: folder and os.chdir(folder),
+    )
+
+
+def run_program(*arguments, folder=None, stdin=b"", **options):
+    """The same by the program itself."""
+    done = subprocess.run(
+        [TOOL, *map(str, arguments)], input=stdin, capture_output=True, cwd=folder,
+        env=ENVIRONMENT, timeout=LONG, check=False, **options,
+    )  # fmt: skip
+    return Ended(done.returncode, done.stdout, done.stderr.decode())
+
+
+@dataclasses.dataclass
+class Given:
+    """What the probe was given, as it tells."""
+
+    arguments: list
+    folder: str
+    variables: dict
+    # Of standard input and output.
+    kinds: list
+    open: list
+    reads: list
+    # What poll told at the end of the body.
+    polled: list
+    body: bytes
+
+
+def given(output):
+    head, _, body = output.partition(b"\n\n")
+    told = {}
+    for line in head.decode().splitlines():
+        what, _, text = line.partition(" ")
+        told.setdefault(what, []).append(os.fsdecode(bytes.fromhex(text)))
+    variables = {}
+    for text in told["variable"]:
+        name, _, value = text.partition("=")
+        # As getenv finds them.
+        variables.setdefault(name, value)
+    return Given(
+        told["argument"],
+        told["folder"][0],
+        variables,
+        told["kind"],
+        sorted(map(int, told["open"])),
+        list(map(int, told.get("read", []))),
+        told["polled"][0].split(),
+        body,
+    )
+
+
+class RequestTest(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="request-")
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+
+    def program(self, text, name="program"):
+        """A shell script, unless it says otherwise."""
+        path = self.folder / name
+        path.write_text(text if text.startswith("#!") else "#!/bin/sh\n" + text)
+        path.chmod(0o755)
+        return path
+
+    def file(self, name, content):
+        path = self.folder / name
+        path.write_bytes(content)
+        return path
+
+    def run_in_folder(self, *arguments, **more):
+        return run(*arguments, folder=self.folder, **more)
+
+    def given(self, *arguments, program=PROBE, **more):
+        result = self.run_in_folder(program, *arguments, **more)
+        self.assertEqual((result.status, result.errors), (0, ""))
+        return given(result.output)
