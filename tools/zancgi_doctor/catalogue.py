@@ -36,9 +36,8 @@ def read_outcomes(options):
         message, _, remedy = (part.strip() for part in text.replace("\n", " ").partition(" | "))
         for outcome in words.split(", "):
             state = outcome.partition(" ")[0]
-            if state == "unchecked":
-                remedy = remedy or BECOME_ROOT
-            yield outcome, (message, "" if state in ("ok", "skipped") else remedy)
+            default = BECOME_ROOT if state == "unchecked" else ""
+            yield outcome, (message, "" if state in ("ok", "skipped") else remedy or default)
 
 
 def read_catalogue():

@@ -1,5 +1,6 @@
 """The program's answer, as a client would see it."""
 
+import dataclasses
 import re
 import sys
 import time
@@ -11,31 +12,24 @@ from zancgi_request.output import Output
 from zancgi_request.settings import Settings
 
 
+@dataclasses.dataclass
 class Answer:
     """Takes what the program writes, and hands it on as a client would see it."""
 
-    def __init__(
-        self,
-        settings: Settings,
-        request: Request,
-        is_raw_http: bool,
-        output: Output,
-        header_output: Output,
-        find_next: Callable[[Head], Request | None],
-    ):
-        self.settings = settings
-        self.is_raw_http = is_raw_http
-        self.has_no_body = request.method == "HEAD"
-        self.output = output
-        self.header_output = header_output
-        self.find_next = find_next
-        # What a redirect asks for.
-        self.next_request: Request | None = None
-        self.head: Head | None = None
-        self.unparsed = b""
-        # Of the body, as the program wrote it.
-        self.size = 0
-        self.begun: float | None = None
+    settings: Settings
+    is_raw_http: bool
+    # To a request by HEAD.
+    has_no_body: bool
+    output: Output
+    header_output: Output
+    find_next: Callable[[Head], Request | None]
+    # What a redirect asks for.
+    next_request: Request | None = None
+    head: Head | None = None
+    unparsed: bytes = b""
+    # Of the body, as the program wrote it.
+    size: int = 0
+    begun: float | None = None
 
     def feed(self, content: bytes) -> None:
         if self.begun is None:

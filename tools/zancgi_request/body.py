@@ -8,7 +8,7 @@ import urllib.parse
 from collections.abc import Iterator
 from typing import BinaryIO
 
-from zancgi_request.failures import CANNOT_READ, Failure
+from zancgi_request.failures import Failure, Status
 
 PIECE = 65536
 
@@ -63,7 +63,7 @@ class Body:
         while left:
             block = os.pread(piece.file.fileno(), min(left, PIECE), piece.start + piece.size - left)
             if not block:
-                raise Failure(CANNOT_READ, f"{piece.file.name} has become shorter")
+                raise Failure(Status.CANNOT_READ, f"{piece.file.name} has become shorter")
             left -= len(block)
             yield block
 
@@ -82,20 +82,20 @@ class Stream:
 
 def open_to_read(path: str) -> BinaryIO:
     if path == "-" and sys.stdin is None:
-        raise Failure(CANNOT_READ, "cannot read standard input: it is closed")
+        raise Failure(Status.CANNOT_READ, "cannot read standard input: it is closed")
     if path == "-":
         return sys.stdin.buffer
     try:
         return open(path, "rb")
     except OSError as error:
-        raise Failure(CANNOT_READ, f"cannot read {path}: {error.strerror}") from None
+        raise Failure(Status.CANNOT_READ, f"cannot read {path}: {error.strerror}") from None
 
 
 def read_file(path: str) -> bytes:
     try:
         return open_to_read(path).read()
     except OSError as error:
-        raise Failure(CANNOT_READ, f"cannot read {path}: {error.strerror}") from None
+        raise Failure(Status.CANNOT_READ, f"cannot read {path}: {error.strerror}") from None
 
 
 def spooled(file: BinaryIO) -> BinaryIO:
@@ -112,7 +112,7 @@ def file_piece(path: str) -> FilePiece:
     file = open_to_read(path)
     kind = os.fstat(file.fileno()).st_mode
     if stat.S_ISDIR(kind):
-        raise Failure(CANNOT_READ, f"cannot read {path}: it is a folder")
+        raise Failure(Status.CANNOT_READ, f"cannot read {path}: it is a folder")
     return FilePiece(file if stat.S_ISREG(kind) else spooled(file))
 
 

@@ -4,7 +4,7 @@ import signal
 import sys
 
 from zancgi_request.exchange import adopt_orphans
-from zancgi_request.failures import CANNOT_RUN, SIGNALLED, USAGE, Failure
+from zancgi_request.failures import Failure, Status
 from zancgi_request.options import parse_command_line
 from zancgi_request.player import Player
 from zancgi_request.settings import NAME, Settings
@@ -21,13 +21,13 @@ def main(arguments: list[str]) -> int:
         adopt_orphans()
         return Player(settings).play()
     except Failure as failure:
-        if failure.status == USAGE or not settings.silent or settings.show_error:
+        if failure.status == Status.USAGE or not settings.silent or settings.show_error:
             print(f"{NAME}: {failure}", file=sys.stderr)
-        if failure.status == USAGE:
+        if failure.status == Status.USAGE:
             print(f"Try '{NAME} --help'.", file=sys.stderr)
         return failure.status
     except OSError as error:
         print(f"{NAME}: {error}", file=sys.stderr)
-        return CANNOT_RUN
+        return Status.CANNOT_RUN
     except Interrupted as interruption:
-        return SIGNALLED + interruption.number
+        return Status.SIGNALLED + interruption.number

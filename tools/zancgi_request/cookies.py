@@ -11,7 +11,7 @@ import tempfile
 import time
 
 from zancgi_request.body import read_file
-from zancgi_request.failures import CANNOT_WRITE, Failure
+from zancgi_request.failures import Failure, Status
 from zancgi_request.head import Head
 from zancgi_request.output import Output
 from zancgi_request.settings import NAME, Settings
@@ -218,7 +218,7 @@ def replace_file(path: str, content: bytes) -> None:
             os.unlink(new)
             raise
     except OSError as error:
-        raise Failure(CANNOT_WRITE, f"cannot write {path}: {error.strerror}") from None
+        raise Failure(Status.CANNOT_WRITE, f"cannot write {path}: {error.strerror}") from None
 
 
 class Jar:

@@ -3,7 +3,7 @@
 import os
 import shlex
 
-from zancgi_request.failures import CANNOT_RUN, Failure, MEMORY_ERRORS
+from zancgi_request.failures import Failure, Status
 from zancgi_request.feeder import Channel
 from zancgi_request.servers import Variables
 from zancgi_request.settings import Settings
@@ -15,7 +15,7 @@ class Debugger:
     def __init__(self, settings: Settings):
         self.words = settings.debugger
         if settings.valgrind:
-            self.words = ["valgrind", "-q", f"--error-exitcode={MEMORY_ERRORS}"]
+            self.words = ["valgrind", "-q", f"--error-exitcode={Status.MEMORY_ERRORS}"]
         # It is talked to, so that the terminal is its own and not the program's.
         self.is_interactive = bool(self.words) and "gdb" in os.path.basename(self.words[0])
         # The shell that gdb starts the program with knows low descriptors only.
@@ -23,7 +23,7 @@ class Debugger:
             os.open(os.devnull, os.O_RDWR | os.O_CLOEXEC) for _ in range(2 * self.is_interactive)
         ]
         if any(descriptor > 9 for descriptor in self.reserved):
-            raise Failure(CANNOT_RUN, "too many descriptors are open for a debugger")
+            raise Failure(Status.CANNOT_RUN, "too many descriptors are open for a debugger")
 
     def command(self, argument: str, variables: Variables) -> list[str]:
         if not self.is_interactive:

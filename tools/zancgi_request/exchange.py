@@ -2,6 +2,7 @@
 
 import contextlib
 import ctypes
+import dataclasses
 import errno
 import os
 import select
@@ -13,15 +14,13 @@ import time
 from zancgi_request.answer import Answer
 from zancgi_request.body import PIECE
 from zancgi_request.debugger import Debugger
-from zancgi_request.failures import CANNOT_RUN, Failure, NOT_FOUND
+from zancgi_request.failures import Failure, Status
 from zancgi_request.feeder import Channel, Feeder
 from zancgi_request.report import Report
 from zancgi_request.servers import Variables
 
 # Processes that clean up behind the program may outlive it by so many seconds.
 CLEAN_UP_SECONDS = 1.0
-
-
 # How long a program may take to heed SIGTERM, in seconds.
 HEED_SIGTERM_SECONDS = 2.0
 
@@ -29,11 +28,11 @@ HEED_SIGTERM_SECONDS = 2.0
 def find_program(path: str) -> str:
     program = os.path.abspath(path)
     if not os.path.exists(program):
-        raise Failure(NOT_FOUND, f"there is no program {path}")
+        raise Failure(Status.NOT_FOUND, f"there is no program {path}")
     if os.path.isdir(program):
-        raise Failure(CANNOT_RUN, f"{path} is a folder")
+        raise Failure(Status.CANNOT_RUN, f"{path} is a folder")
     if not os.access(program, os.X_OK):
-        raise Failure(CANNOT_RUN, f"{path} may not be executed: see chmod(1)")
+        raise Failure(Status.CANNOT_RUN, f"{path} may not be executed: see chmod(1)")
     return program
 
 
@@ -64,7 +63,7 @@ def start(
         words = {errno.ENOEXEC: "it is no program, and begins with no #! line"}
         reason = words.get(error.errno, error.strerror)
         what = debugger.words[0] if debugger.words else program
-        raise Failure(CANNOT_RUN, f"cannot run {what}: {reason}") from None
+        raise Failure(Status.CANNOT_RUN, f"cannot run {what}: {reason}") from None
     finally:
         debugger.take_back()
         channel.give_away()
@@ -74,25 +73,20 @@ def close_standard_input() -> None:
     os.close(0)
 
 
+@dataclasses.dataclass
 class Exchange:
     """One run of the program: feeds it, takes its answer, sees to its end."""
 
-    def __init__(
-        self,
-        process: subprocess.Popen[bytes],
-        channel: Channel,
-        feeder: Feeder,
-        answer: Answer,
-        report: Report,
-    ):
-        self.process = process
-        self.channel = channel
-        self.feeder = feeder
-        self.answer = answer
-        self.report = report
-        self.has_terminal = os.getpgid(process.pid) == os.getpgid(0)
-        self.ended: int | None = None
-        self.ended_at = 0.0
+    process: subprocess.Popen[bytes]
+    channel: Channel
+    feeder: Feeder
+    answer: Answer
+    report: Report
+    ended: int | None = None
+    ended_at: float = 0.0
+
+    def __post_init__(self) -> None:
+        self.has_terminal = os.getpgid(self.process.pid) == os.getpgid(0)
 
     def run(self, abort_signal: int) -> None:
         watch = os.pidfd_open(self.process.pid)

@@ -9,7 +9,7 @@ import sys
 from collections.abc import Callable
 from typing import Any, NoReturn
 
-from zancgi_request.failures import SUCCESS, misused
+from zancgi_request.failures import Status, misused
 from zancgi_request.settings import NAME, NAME_AND_VERSION, Settings, Store, is_written
 
 # Within what the system's timers can hold, in seconds.
@@ -213,7 +213,7 @@ def help_text() -> str:
 
 def print_and_leave(text: str) -> NoReturn:
     sys.stdout.write(text)
-    sys.exit(SUCCESS)
+    sys.exit(Status.SUCCESS)
 
 
 def parse_command_line(arguments: list[str]) -> Settings:

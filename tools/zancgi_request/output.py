@@ -4,7 +4,7 @@ import os
 import sys
 from typing import BinaryIO
 
-from zancgi_request.failures import CANNOT_WRITE, Failure
+from zancgi_request.failures import Failure, Status
 
 
 class Output:
@@ -24,17 +24,17 @@ class Output:
             while view:
                 view = view[os.write(self.file.fileno(), view) :]
         except OSError as error:
-            raise Failure(CANNOT_WRITE, f"cannot write {self}: {error.strerror}") from None
+            raise Failure(Status.CANNOT_WRITE, f"cannot write {self}: {error.strerror}") from None
 
     def open(self) -> None:
         if self.file is not None:
             return
         if self.path == "-" and sys.stdout is None:
-            raise Failure(CANNOT_WRITE, f"cannot write {self}: standard output is closed")
+            raise Failure(Status.CANNOT_WRITE, f"cannot write {self}: standard output is closed")
         try:
             self.file = sys.stdout.buffer if self.path == "-" else self._make()
         except OSError as error:
-            raise Failure(CANNOT_WRITE, f"cannot write {self}: {error.strerror}") from None
+            raise Failure(Status.CANNOT_WRITE, f"cannot write {self}: {error.strerror}") from None
 
     def _make(self) -> BinaryIO:
         return open(self.path, "wb", opener=lambda path, flags: os.open(path, flags, self.mode))

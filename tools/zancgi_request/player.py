@@ -14,13 +14,7 @@ from zancgi_request.body import Body, Stream
 from zancgi_request.cookies import Jar
 from zancgi_request.debugger import Debugger
 from zancgi_request.exchange import Exchange, find_program, left_behind, start
-from zancgi_request.failures import (
-    Failure,
-    SUCCESS,
-    TIMED_OUT,
-    TOO_MANY_REDIRECTS,
-    misused,
-)
+from zancgi_request.failures import Failure, Status, misused
 from zancgi_request.feeder import Channel, Feeder
 from zancgi_request.head import Head
 from zancgi_request.headers import Request
@@ -66,7 +60,7 @@ class Player:
         return status
 
     def _play_all(self) -> int:
-        status = SUCCESS
+        status = Status.SUCCESS
         for number in range(self.settings.repeat):
             if number and self.jar.is_used:
                 # There may be other cookies now.
@@ -87,7 +81,7 @@ class Player:
                 break
             if redirects == self.settings.most_redirects:
                 Report(self.settings).tell(f"there are more than {redirects} redirects")
-                outcome.status = TOO_MANY_REDIRECTS
+                outcome.status = Status.TOO_MANY_REDIRECTS
                 break
         if self.settings.write_out:
             outcome.begun = begun
@@ -125,21 +119,17 @@ class Player:
         channel = Channel(kind, request.body)
         feeder = Feeder(channel, request.body, settings)
         find_next = functools.partial(self._find_next, request)
+        is_head = request.method == "HEAD"
         answer = Answer(
-            settings, request, self.is_raw_http, self.output, self.header_output, find_next
+            settings, self.is_raw_http, is_head, self.output, self.header_output, find_next
         )
         variables = self._variables(request)
         if settings.verbose:
             self._show_request(request, variables, kind)
         feeder.fill()
         begun = time.monotonic()
-        process = start(
-            self.program,
-            self.server.argument(self.program),
-            variables,
-            channel,
-            self.debugger,
-        )
+        argument = self.server.argument(self.program)
+        process = start(self.program, argument, variables, channel, self.debugger)
         exchange = Exchange(process, channel, feeder, answer, report)
         status = self._see_through(exchange)
         if status is None:
@@ -170,7 +160,7 @@ class Player:
             exchange.report.tell(
                 f"the program has not come to an end in {settings.max_time:g} seconds"
             )
-            return TIMED_OUT
+            return Status.TIMED_OUT
         except BaseException:
             signal.setitimer(signal.ITIMER_REAL, 0)
             exchange.end()

@@ -8,17 +8,7 @@ import time
 
 from zancgi_request.answer import Answer
 from zancgi_request.body import Body, Stream
-from zancgi_request.failures import (
-    BROKEN_ANSWER,
-    CLIENT_ERROR,
-    HTTP_ERROR,
-    MEMORY_ERRORS,
-    NO_ANSWER,
-    SERVER_ERROR,
-    SHORT_ANSWER,
-    SIGNALLED,
-    SUCCESS,
-)
+from zancgi_request.failures import Status
 from zancgi_request.feeder import Feeder
 from zancgi_request.headers import Request
 from zancgi_request.settings import NAME, Settings
@@ -59,43 +49,43 @@ class Report:
             return self._status_without_client(ended)
         if ended < 0:
             self.tell(f"the program was ended by {signal_name(-ended)}")
-        elif valgrind and ended == MEMORY_ERRORS:
+        elif valgrind and ended == Status.MEMORY_ERRORS:
             self.tell("valgrind has found errors")
         elif ended > 0 and not answer.settings.debugger:
             self.tell(f"the program ended with exit status {ended}, which web servers ignore")
         status = self._status_of_answer(answer)
         if ended < 0:
-            return SIGNALLED - ended
-        return MEMORY_ERRORS if valgrind and ended == MEMORY_ERRORS else status
+            return Status.SIGNALLED - ended
+        return Status.MEMORY_ERRORS if valgrind and ended == Status.MEMORY_ERRORS else status
 
     def _status_without_client(self, ended: int) -> int:
         expected = (self.sent_signal, signal.SIGPIPE)
         if ended < 0 and -ended not in expected:
             self.tell(f"the client went away, and the program was ended by {signal_name(-ended)}")
-            return SIGNALLED - ended
-        return SUCCESS
+            return Status.SIGNALLED - ended
+        return Status.SUCCESS
 
     def _status_of_answer(self, answer: Answer) -> int:
         if answer.head is None:
             self.tell("the program has answered nothing at all")
-            return NO_ANSWER
+            return Status.NO_ANSWER
         for text in answer.head.problems + answer.head.notes:
             self.tell(text)
         if answer.head.problems:
-            return BROKEN_ANSWER
+            return Status.BROKEN_ANSWER
         if answer.missing():
             length = answer.head.content_length()
             self.tell(f"of the {length} bytes of Content-Length {answer.missing()} are missing")
-            return SHORT_ANSWER
+            return Status.SHORT_ANSWER
         return self._status_of_http(answer.head.status)
 
     def _status_of_http(self, status: int) -> int:
         if status < 400:
-            return SUCCESS
+            return Status.SUCCESS
         if self.settings.fail:
             self.tell(f"the program has answered {status}")
-            return HTTP_ERROR
-        return CLIENT_ERROR if status < 500 else SERVER_ERROR
+            return Status.HTTP_ERROR
+        return Status.CLIENT_ERROR if status < 500 else Status.SERVER_ERROR
 
 
 def signal_name(number: int) -> str:

@@ -5,7 +5,7 @@ import os
 import re
 import urllib.parse
 
-from zancgi_request.failures import BAD_URL, Failure
+from zancgi_request.failures import Failure, Status
 from zancgi_request.settings import Settings
 
 
@@ -53,9 +53,9 @@ def without_dots(path: str) -> str:
 
 def check_characters(text: str) -> None:
     if re.search(r"[\x00-\x20\x7f]", text):
-        raise Failure(BAD_URL, f"a URL has no blanks and control characters: {text!r}")
+        raise Failure(Status.BAD_URL, f"a URL has no blanks and control characters: {text!r}")
     if "%00" in text.partition("?")[0]:
-        raise Failure(BAD_URL, f"web servers refuse a path with NUL: {text!r}")
+        raise Failure(Status.BAD_URL, f"web servers refuse a path with NUL: {text!r}")
 
 
 def parse_url(text: str) -> Url:
@@ -65,7 +65,7 @@ def parse_url(text: str) -> Url:
     scheme, _, rest = text.rpartition("://") if "://" not in text else text.partition("://")
     scheme = scheme.lower() or "http"
     if scheme not in ("http", "https"):
-        raise Failure(BAD_URL, f"a URL of http or https is wanted: {text!r}")
+        raise Failure(Status.BAD_URL, f"a URL of http or https is wanted: {text!r}")
     rest = rest.partition("#")[0]
     authority, path, query = re.fullmatch("([^/?]*)([^?]*)(.*)", rest).groups()
     host, port = parse_authority(authority.rpartition("@")[2], scheme)
@@ -81,7 +81,7 @@ def usual_port(scheme: str) -> int:
 def parse_authority(text: str, scheme: str) -> tuple[str, int]:
     parsed = re.fullmatch(r"(\[[0-9A-Fa-f:.]+\]|[^:\[\]]+)(?::(\d{1,5}))?", text)
     if not parsed:
-        raise Failure(BAD_URL, f"no host and port: {text!r}")
+        raise Failure(Status.BAD_URL, f"no host and port: {text!r}")
     return parsed[1], int(parsed[2] or usual_port(scheme))
 
 
