@@ -17,10 +17,10 @@ TOOLS = pathlib.Path(__file__).parent
 
 def members(version):
     """What the archive holds, by name."""
-    found = {"__main__.py": (TOOLS / "zancgi-request").read_text()}
+    found = {"__main__.py": (TOOLS / "zancgi-request").read_text("utf-8")}
     for package in ("zancgi_request", "zancgi_tools"):
         for path in (TOOLS / package).glob("*.py"):
-            found[f"{package}/{path.name}"] = path.read_text()
+            found[f"{package}/{path.name}"] = path.read_text("utf-8")
     name = "zancgi_tools/version.py"
     found[name] = found[name].replace("@PROJECT_VERSION@", version)
     return found

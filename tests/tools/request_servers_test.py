@@ -598,6 +598,8 @@ class RedirectTest(GuestTest):
         path = self.address(self.redirect(303, self.to("/to")))
         output = self.run_in_folder(self.server.program, "-L", "-I", path).output
         self.assertEqual(re.findall(rb"^HTTP/1.1 (\d+)", output, re.MULTILINE), [b"303", b"200"])
+        # The answer to GET would have come with its body.
+        self.assertNotIn(b"REQUEST_METHOD=", output)
 
     def test_body_is_sent_again_from_its_beginning(self):
         self.file("f", b"content")

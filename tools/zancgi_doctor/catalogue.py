@@ -47,7 +47,7 @@ def read_catalogue():
         interpolation=configparser.ExtendedInterpolation(),
     )
     parser.optionxform = str
-    parser.read_string(pathlib.Path(__file__).with_name("checks.ini").read_text())
+    parser.read_string(pathlib.Path(__file__).with_name("checks.ini").read_text("utf-8"))
     checks = {}
     for name in parser.sections():
         options = dict(parser[name])
