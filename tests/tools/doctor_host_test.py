@@ -471,6 +471,13 @@ class ProgramTest(DoctorTest):
             except NotElf:
                 pass
 
+    def test_that_cannot_be_read(self):
+        error = PermissionError(13, DENIED)
+        with unittest.mock.patch.object(program, "dynamic_of", side_effect=error):
+            (found,) = program.program_libraries(site_of(program="/x"), "/x")
+        expected = finding("program.libraries", "/x", "unchecked", path="/x", error=DENIED)
+        self.assertEqual(found, expected)
+
     def script(self, text):
         path = self.bin / "launcher"
         path.write_text("#!/bin/sh\n" + text)
@@ -572,6 +579,13 @@ class PamTest(DoctorTest):
         with unittest.mock.patch.object(pam.ctypes, "CDLL", side_effect=OSError("no file")):
             found = pam.pam_library()
         self.assertEqual(found, finding("pam.library", "libpam.so.0", "warning", error="no file"))
+
+    def test_service_that_cannot_be_read(self):
+        no_reading = unittest.mock.Mock(side_effect=PermissionError(13, DENIED))
+        is_safe = unittest.mock.Mock(return_value="")
+        with unittest.mock.patch.multiple(pam, read_file=no_reading, first_unsafe=is_safe):
+            found = pam.pam_service("/etc/passwd")
+        self.assertEqual(found, finding("pam.service", "/etc/passwd", "unchecked", error=DENIED))
 
     def test_service_of_this_machine(self):
         if not os.path.exists("/etc/pam.d/login"):
@@ -790,6 +804,11 @@ class AccountTest(MachineTest):
         )
         self.judge("leftovers", "warning", then=files, count="2 copies of uploads are",
                    size="4.0 KB", age="50 hours")  # fmt: skip
+
+    def test_leftovers_that_cannot_be_listed(self):
+        entry = unittest.mock.Mock(pw_dir="/none", pw_name="alice")
+        expected = finding("account.leftovers", "alice", "unchecked", path="/none", error=NOT_THERE)
+        self.assertEqual(accounts.account_leftovers(entry), expected)
 
     @AS_ROOT
     def test_confinement_to_fuse_and_nfs(self):

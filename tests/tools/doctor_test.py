@@ -35,6 +35,7 @@ from doctor_support import (
     answering,
 )
 from zancgi_doctor.catalogue import CHECKS, GROUPS, sentences
+from zancgi_doctor.checks import process
 from zancgi_doctor.children import NoResult, run_in_child
 from zancgi_doctor.cli import make_parser
 from zancgi_doctor.examination import run_job
@@ -402,6 +403,12 @@ class ProcessTest(DoctorTest):
             arguments, name = self.sleeper(stderr=subprocess.DEVNULL, env=environment)
             report = self.examine("process.streams", *arguments)
             self.expect(report, "process.streams", outcome, name)
+
+    def test_streams_that_cannot_be_seen(self):
+        error = PermissionError(13, DENIED)
+        with unittest.mock.patch.object(process.os, "listdir", side_effect=error):
+            found = process.process_streams(unittest.mock.Mock(pid=7))
+        self.assertEqual(found, finding("process.streams", "process 7", "unchecked", error=DENIED))
 
     @AS_OTHERS
     def test_process_of_another(self):
