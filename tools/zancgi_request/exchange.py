@@ -19,7 +19,7 @@ from zancgi_request.feeder import Channel, Feeder
 from zancgi_request.report import Report
 from zancgi_request.servers import Variables
 
-# Processes that clean up behind the program may outlive it by so many seconds.
+# Processes that clean up after the program may outlive it by so many seconds.
 CLEAN_UP_SECONDS = 1.0
 # How long a program may take to heed SIGTERM, in seconds.
 HEED_SIGTERM_SECONDS = 2.0
