@@ -20,10 +20,12 @@
 #include <vector>
 
 #include "support/backend.h"
+#include "support/clean_run.h"
 
 namespace {
 
 using support::Backend;
+using support::RunWithoutLeak;
 using tov_client::Connect;
 using tov_client::Protocol;
 using zan_cgi::testing::Answer;
@@ -52,17 +54,10 @@ std::string WholeAnswer(Protocol& protocol, std::size_t size) {
   return answer;
 }
 
-Outcome RunCleanly(const Child& child, const Child::Body& body) {
-  Outcome outcome = child.Run(body);
-  EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
-  EXPECT_EQ(outcome.leaked_descriptors, Lines{});
-  return outcome;
-}
-
 /// One whole conversation; tells its "answer".
 Outcome Converse(Backend& backend, const Lines& lines,
                  std::size_t piece = 4096) {
-  return RunCleanly(Child().With(backend), [&](const Told& told) {
+  return RunWithoutLeak(Child().With(backend), [&](const Told& told) {
     const auto protocol = Connect(backend.Name(), false);
     for (const std::string& line : lines) protocol->SendEnv(line);
     protocol->RequestComplete();
@@ -111,15 +106,16 @@ testing::AssertionResult IsRefused(const std::string& answer) {
 
 /// The error of connecting, and how many sockets that took.
 Outcome ConnectTo(const std::string& name, const std::string& run_dir) {
-  return RunCleanly(Child().Env("TOV_RUN_DIR", run_dir), [&](const Told& told) {
-    sockets = 0;
-    try {
-      Connect(name, false);
-    } catch (...) {
-      told("sockets", std::to_string(sockets));
-      throw;
-    }
-  });
+  return RunWithoutLeak(Child().Env("TOV_RUN_DIR", run_dir),
+                        [&](const Told& told) {
+                          sockets = 0;
+                          try {
+                            Connect(name, false);
+                          } catch (...) {
+                            told("sockets", std::to_string(sockets));
+                            throw;
+                          }
+                        });
 }
 
 testing::AssertionResult IsRefusedBeforeAnythingIsOpened(
@@ -139,9 +135,9 @@ testing::AssertionResult LineIsRefused(const std::string& line,
                                        const std::string& name) {
   Backend backend;
   backend.Then(CloseSilently());
-  const Outcome outcome = RunCleanly(Child().With(backend), [&](const Told&) {
-    Connect(backend.Name(), false)->SendEnv(line);
-  });
+  const Outcome outcome = RunWithoutLeak(
+      Child().With(backend),
+      [&](const Told&) { Connect(backend.Name(), false)->SendEnv(line); });
   const std::string error =
       "bad value '" + name + "' of 'environment variable'";
   // A text of what() ends at a zero byte.
@@ -240,7 +236,7 @@ class OwnService {
 
 /// An answer that arrives in exactly these pieces.
 Outcome AnswerInPieces(const Lines& pieces) {
-  return RunCleanly(Child(), [&](const Told& told) {
+  return RunWithoutLeak(Child(), [&](const Told& told) {
     OwnService service;
     std::string answer;
     for (const std::string& piece : pieces) answer += service.Pass(piece);
@@ -450,7 +446,7 @@ TEST(Connect, FailsWhenNobodyListens) {
 TEST(Connect, LooksInTheDefaultDirectoryUnlessToldOtherwise) {
   const std::string name = "no-such-service-for-tests";
   const Outcome unset =
-      RunCleanly(Child(), [&](const Told&) { Connect(name, false); });
+      RunWithoutLeak(Child(), [&](const Told&) { Connect(name, false); });
   const Outcome empty = ConnectTo(name, "");
   for (const Outcome& outcome : {unset, empty}) {
     EXPECT_EQ(outcome.error_type, "tov_err::Error");
@@ -464,15 +460,16 @@ TEST(Connect, HandsOutNoStandardDescriptor) {
   Backend backend;
   backend.Then(Answer("x"));
   const Outcome outcome =
-      RunCleanly(Child().With(backend).Closed(0).Closed(1).Closed(2),
-                 [&](const Told& told) {
-                   const auto protocol = Connect(backend.Name(), false);
-                   for (int descriptor = 0; descriptor <= 2; ++descriptor) {
-                     if (::fcntl(descriptor, F_GETFD) >= 0) told("open", "yes");
-                   }
-                   protocol->RequestComplete();
-                   told("answer", WholeAnswer(*protocol, 100));
-                 });
+      RunWithoutLeak(Child().With(backend).Closed(0).Closed(1).Closed(2),
+                     [&](const Told& told) {
+                       const auto protocol = Connect(backend.Name(), false);
+                       for (int descriptor = 0; descriptor <= 2; ++descriptor) {
+                         if (::fcntl(descriptor, F_GETFD) >= 0)
+                           told("open", "yes");
+                       }
+                       protocol->RequestComplete();
+                       told("answer", WholeAnswer(*protocol, 100));
+                     });
   EXPECT_EQ(outcome.error, "");
   EXPECT_FALSE(outcome.told.contains("open"));
   EXPECT_EQ(outcome.told.at("answer"), "x");
@@ -482,7 +479,7 @@ TEST(Connect, MakesADescriptorThatIsNotInherited) {
   Backend backend;
   backend.Then(CloseSilently());
   const Outcome outcome =
-      RunCleanly(Child().With(backend), [&](const Told& told) {
+      RunWithoutLeak(Child().With(backend), [&](const Told& told) {
         const auto protocol = Connect(backend.Name(), false);
         for (int descriptor = 3; descriptor < 100; ++descriptor) {
           sockaddr_un peer{};
@@ -502,12 +499,13 @@ TEST(Connect, MakesADescriptorThatIsNotInherited) {
 TEST(Connect, ClosesTheConnectionWhenDestroyed) {
   Backend backend;
   backend.Times(2, Answer("x"));
-  const Outcome outcome = RunCleanly(Child().With(backend), [&](const Told&) {
-    Connect(backend.Name(), false);
-    const auto protocol = Connect(backend.Name(), true);
-    protocol->SendEnv("A=1");
-    protocol->RequestComplete();
-  });
+  const Outcome outcome =
+      RunWithoutLeak(Child().With(backend), [&](const Told&) {
+        Connect(backend.Name(), false);
+        const auto protocol = Connect(backend.Name(), true);
+        protocol->SendEnv("A=1");
+        protocol->RequestComplete();
+      });
   EXPECT_EQ(outcome.error, "");
   ASSERT_EQ(backend.Queries().size(), 2u);
   EXPECT_EQ(backend.Queries()[0].raw, "");
@@ -541,7 +539,7 @@ TEST(AnswerText, HasEndedForGood) {
   Backend backend;
   backend.Then(Answer("x"));
   const Outcome outcome =
-      RunCleanly(Child().With(backend), [&](const Told& told) {
+      RunWithoutLeak(Child().With(backend), [&](const Told& told) {
         const auto protocol = Connect(backend.Name(), false);
         protocol->RequestComplete();
         WholeAnswer(*protocol, 10);
@@ -553,7 +551,7 @@ TEST(AnswerText, HasEndedForGood) {
 
 // The kernel reports a peer that has not read everything once it has closed.
 TEST(AnswerText, IsNotReadOnAfterItsEnd) {
-  const Outcome outcome = RunCleanly(Child(), [](const Told& told) {
+  const Outcome outcome = RunWithoutLeak(Child(), [](const Told& told) {
     OwnService service;
     std::string answer = service.Pass("x");
     service.EndAnswer();
@@ -701,7 +699,7 @@ TEST(ContentLength, IsNotNeeded) {
 
 TEST(Signals, DoNotInterruptAConversation) {
   Scratch run_dir;
-  const Outcome outcome = RunCleanly(
+  const Outcome outcome = RunWithoutLeak(
       Child().Env("TOV_RUN_DIR", run_dir.Path()), [&](const Told& told) {
         SlowService service(run_dir / "slow.sock");
         StartSignalStorm();
@@ -721,7 +719,7 @@ TEST(Signals, DoNotInterruptAConversation) {
 
 TEST(Signals, DoNotInterruptAConnectionThatHasToWait) {
   const Scratch run_dir;
-  const Outcome outcome = RunCleanly(
+  const Outcome outcome = RunWithoutLeak(
       Child().Env("TOV_RUN_DIR", run_dir.Path()), [](const Told& told) {
         const int listener =
             Listen(std::string(::getenv("TOV_RUN_DIR")) + "/busy.sock", 0);
@@ -756,7 +754,7 @@ TEST(Signals, AreNotRaisedByABrokenConnection) {
   Backend backend;
   backend.Then(Reset());
   // The signal's default action would end the process.
-  const Outcome outcome = RunCleanly(
+  const Outcome outcome = RunWithoutLeak(
       Child().With(backend), [&](const Told&) { SendToDeafEars(backend); });
   EXPECT_EQ(outcome.error_type, "tov_err::Error");
 }
@@ -765,7 +763,7 @@ TEST(Signals, AreNotLeftPendingByABrokenConnection) {
   Backend backend;
   backend.Then(Reset());
   const Outcome outcome =
-      RunCleanly(Child().With(backend), [&](const Told& told) {
+      RunWithoutLeak(Child().With(backend), [&](const Told& told) {
         Block(SIGPIPE);
         EXPECT_ANY_THROW(SendToDeafEars(backend));
         told("pending", IsPending(SIGPIPE) ? "yes" : "no");
@@ -778,9 +776,9 @@ using Misuse = std::function<void(Protocol&)>;
 testing::AssertionResult IsAnError(const Misuse& misuse) {
   Backend backend;
   backend.Then(Answer("x"));
-  const Outcome outcome = RunCleanly(Child().With(backend), [&](const Told&) {
-    misuse(*Connect(backend.Name(), false));
-  });
+  const Outcome outcome = RunWithoutLeak(
+      Child().With(backend),
+      [&](const Told&) { misuse(*Connect(backend.Name(), false)); });
   return (outcome.error_type.starts_with("tov_err::")
               ? testing::AssertionSuccess()
               : testing::AssertionFailure())

@@ -21,11 +21,13 @@
 #include <utility>
 #include <vector>
 
+#include "support/clean_run.h"
 #include "support/new_operator.h"
 #include "support/terminal.h"
 
 namespace {
 
+using support::RunWithoutLeak;
 using tov_file::Attrs;
 using zan_cgi::testing::BecomeOrdinaryUser;
 using zan_cgi::testing::Child;
@@ -85,21 +87,14 @@ std::string Fifo(const Scratch& scratch, const std::string& name) {
   return scratch / name;
 }
 
-Outcome RunCleanly(const Child& child, const Child::Body& body) {
-  Outcome outcome = child.Run(body);
-  EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
-  EXPECT_EQ(outcome.leaked_descriptors, Names{});
-  return outcome;
-}
-
 /// Runs something that must work, in a process of its own.
 void Do(const std::function<void()>& work) {
-  EXPECT_EQ(RunCleanly(Child(), [&](const Told&) { work(); }).error, "");
+  EXPECT_EQ(RunWithoutLeak(Child(), [&](const Told&) { work(); }).error, "");
 }
 
 /// The error that an ordinary user gets, with its type in front.
 std::string ErrorAsOrdinaryUser(const std::function<void()>& work) {
-  const Outcome outcome = RunCleanly(Child(), [&](const Told&) {
+  const Outcome outcome = RunWithoutLeak(Child(), [&](const Told&) {
     BecomeOrdinaryUser();
     work();
   });
@@ -107,7 +102,7 @@ std::string ErrorAsOrdinaryUser(const std::function<void()>& work) {
 }
 
 std::string ErrorOf(const std::function<void()>& work) {
-  const Outcome outcome = RunCleanly(Child(), [&](const Told&) { work(); });
+  const Outcome outcome = RunWithoutLeak(Child(), [&](const Told&) { work(); });
   return outcome.error_type + ": " + outcome.error;
 }
 
@@ -271,7 +266,7 @@ TEST(RealPath, StartsFromTheCurrentDirectory) {
   Scratch scratch;
   scratch.MakeDir("a/b");
   const auto outcome =
-      RunCleanly(Child().WorkDir(scratch / "a"), [](const Told& told) {
+      RunWithoutLeak(Child().WorkDir(scratch / "a"), [](const Told& told) {
         told("b", tov_file::RealPath("b"));
         told("dot", tov_file::RealPath("."));
         told("up", tov_file::RealPath("./.."));
@@ -537,8 +532,8 @@ TEST_P(Move, KeepsTheOwnerAndMakesNoSetIdCopy) {
 TEST_P(Move, WorksWithoutStandardDescriptors) {
   const std::string source = from_.MakeFile("source", "x");
   const auto outcome =
-      RunCleanly(Child().Closed(0).Closed(1).Closed(2),
-                 [&](const Told&) { tov_file::Move(source, Target()); });
+      RunWithoutLeak(Child().Closed(0).Closed(1).Closed(2),
+                     [&](const Told&) { tov_file::Move(source, Target()); });
   EXPECT_EQ(outcome.error, "");
   EXPECT_EQ(ReadFile(Target()), "x");
 }
@@ -650,7 +645,7 @@ TEST_P(MoveAcross, LosesNothingOnAFullDisk) {
   if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
   const std::string content(1'000'000, 'x');
   const std::string source = from_.MakeFile("source", content);
-  const auto outcome = RunCleanly(Child(), [&](const Told& told) {
+  const auto outcome = RunWithoutLeak(Child(), [&](const Told& told) {
     // Private to this process, so that nothing stays behind.
     if (::unshare(CLONE_NEWNS) != 0 ||
         ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
@@ -899,19 +894,19 @@ TEST(SafeSet, WorksWithoutStandardDescriptors) {
   Scratch scratch;
   const std::string file = scratch.MakeFile("file");
   const auto outcome =
-      RunCleanly(Child().Closed(0).Closed(1).Closed(2),
-                 [&](const Told&) { Attrs(0606).SafeSet(file, true); });
+      RunWithoutLeak(Child().Closed(0).Closed(1).Closed(2),
+                     [&](const Told&) { Attrs(0606).SafeSet(file, true); });
   EXPECT_EQ(outcome.error, "");
   EXPECT_EQ(ModeOf(file), 0606u);
 }
 
 /// The name of a new temporary file.
 std::string TmpName(const std::string& prefix) {
-  return RunCleanly(Child(),
-                    [&](const Told& told) {
-                      ::umask(0);
-                      told("name", tov_file::Tmp(prefix).Name());
-                    })
+  return RunWithoutLeak(Child(),
+                        [&](const Told& told) {
+                          ::umask(0);
+                          told("name", tov_file::Tmp(prefix).Name());
+                        })
       .told.at("name");
 }
 
@@ -966,7 +961,7 @@ TEST(Tmp, HasAFreshNameWhenTheFileCannotBeMade) {
 TEST(Tmp, HasAFreshNameInAFolderThatMayNotBeChanged) {
   OpenScratch scratch;
   Chmod(scratch.Path(), 0555);
-  const auto outcome = RunCleanly(Child(), [&](const Told& told) {
+  const auto outcome = RunWithoutLeak(Child(), [&](const Told& told) {
     BecomeOrdinaryUser();
     told("one", tov_file::Tmp(scratch / "upload").Name());
     told("other", tov_file::Tmp(scratch / "upload").Name());
@@ -978,8 +973,8 @@ TEST(Tmp, HasAFreshNameInAFolderThatMayNotBeChanged) {
 
 TEST(Tmp, WorksWithoutStandardDescriptors) {
   Scratch scratch;
-  const auto outcome =
-      RunCleanly(Child().Closed(0).Closed(1).Closed(2), [&](const Told& told) {
+  const auto outcome = RunWithoutLeak(
+      Child().Closed(0).Closed(1).Closed(2), [&](const Told& told) {
         told("name", tov_file::Tmp(scratch / "upload").Name());
       });
   EXPECT_TRUE(IsThere(outcome.told.at("name")));

@@ -28,10 +28,12 @@
 #include <thread>
 #include <vector>
 
+#include "support/clean_run.h"
 #include "support/terminal.h"
 
 namespace {
 
+using support::RunWithoutError;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::Outcome;
 using zan_cgi::testing::Scratch;
@@ -58,16 +60,9 @@ void WriteText(const std::string& text) {
   Log().Write(tov_log::Error, "%s", text.c_str());
 }
 
-Outcome RunQuietly(const Child& child, const Child::Body& body) {
-  Outcome outcome = child.Run(body);
-  EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
-  EXPECT_EQ(outcome.error, "");
-  return outcome;
-}
-
 /// What one message leaves on standard error.
 std::string LineOf(const std::function<void()>& write) {
-  return RunQuietly(Child(), [&](const Told&) { write(); }).standard_error;
+  return RunWithoutError(Child(), [&](const Told&) { write(); }).standard_error;
 }
 
 std::string LineOfText(const std::string& text) {
@@ -95,8 +90,8 @@ int ThresholdNow() {
 }
 
 int ThresholdFor(const std::string& setting) {
-  const auto outcome =
-      RunQuietly(Child().Env("TOV_LOG_LEVEL", setting), [](const Told& told) {
+  const auto outcome = RunWithoutError(
+      Child().Env("TOV_LOG_LEVEL", setting), [](const Told& told) {
         told("threshold", std::to_string(ThresholdNow()));
       });
   return std::stoi(outcome.told.at("threshold"));
@@ -238,7 +233,7 @@ TEST(LogLevel, IsTheSettingForEveryLevel) {
 }
 
 TEST(LogLevel, IsFourWhenUnset) {
-  const auto outcome = RunQuietly(Child(), [](const Told& told) {
+  const auto outcome = RunWithoutError(Child(), [](const Told& told) {
     ::unsetenv("TOV_LOG_LEVEL");
     told("threshold", std::to_string(ThresholdNow()));
   });
@@ -266,7 +261,7 @@ TEST(LogLevel, IsNineBeyondNine) {
 }
 
 TEST(LogLine, NamesProgramProcessPartAndLevel) {
-  const auto outcome = RunQuietly(Child(), [](const Told& told) {
+  const auto outcome = RunWithoutError(Child(), [](const Told& told) {
     SlowReader reader = SlowReader::Pipe();
     tov_log::Module module("name", "group");
     module.Write(tov_log::Warning, "%s is %d", "this", 5);
@@ -279,7 +274,7 @@ TEST(LogLine, NamesProgramProcessPartAndLevel) {
 }
 
 TEST(LogLine, NamesEveryLevel) {
-  const auto outcome = RunQuietly(Child(), [](const Told&) {
+  const auto outcome = RunWithoutError(Child(), [](const Told&) {
     for (int level = 0; level <= 9; ++level) {
       Log().Write(static_cast<tov_log::Level>(level), "x");
     }
@@ -292,12 +287,12 @@ TEST(LogLine, NamesEveryLevel) {
 
 TEST(LogLine, IsWrittenWhateverItsLevel) {
   const auto outcome =
-      RunQuietly(Child().LogLevel(0), [](const Told&) { WriteText("x"); });
+      RunWithoutError(Child().LogLevel(0), [](const Told&) { WriteText("x"); });
   EXPECT_EQ(outcome.Logged(3), std::vector<std::string>{"x"});
 }
 
 TEST(LogLine, IsHandedToTheSystemInOnePiece) {
-  const auto outcome = RunQuietly(Child(), [](const Told& told) {
+  const auto outcome = RunWithoutError(Child(), [](const Told& told) {
     Log().Check(tov_log::Error);
     writes = 0;
     Log().Write(tov_log::Error, "%s %d\n%s", "several", 2,
@@ -313,7 +308,7 @@ TEST(LogLine, IsHandedToTheSystemInOnePiece) {
 }
 
 TEST(LogLine, IsNotCutAtExactlyTheMostBytes) {
-  const auto outcome = RunQuietly(Child(), [](const Told& told) {
+  const auto outcome = RunWithoutError(Child(), [](const Told& told) {
     WriteText("");
     struct stat before;
     ::fstat(STDERR_FILENO, &before);
@@ -387,8 +382,8 @@ std::string ErrnoAfter(const std::function<void()>& deed) {
 
 TEST(LogLine, LeavesErrnoAlone) {
   const Scratch scratch;
-  const auto outcome =
-      RunQuietly(Child().Env("TOV_LOG", scratch.Path()), [](const Told& told) {
+  const auto outcome = RunWithoutError(
+      Child().Env("TOV_LOG", scratch.Path()), [](const Told& told) {
         told("check", ErrnoAfter([] { Log().Check(tov_log::Error); }));
         SlowReader reader = SlowReader::Pipe();
         reader.Close();
@@ -409,16 +404,17 @@ TEST(LogLine, KeepsUtf8) {
 
 TEST(LogTarget, IsStandardErrorUnlessSet) {
   for (const char* target : {"", "stderr"}) {
-    const auto outcome = RunQuietly(Child().Env("TOV_LOG", target),
-                                    [](const Told&) { WriteText("x"); });
+    const auto outcome = RunWithoutError(Child().Env("TOV_LOG", target),
+                                         [](const Told&) { WriteText("x"); });
     EXPECT_EQ(outcome.Logged(3), std::vector<std::string>{"x"});
   }
 }
 
 TEST(LogTarget, MayBeAFile) {
   Scratch scratch;
-  const auto outcome = RunQuietly(Child().Env("TOV_LOG", scratch / "log"),
-                                  [](const Told&) { WriteText("in a file"); });
+  const auto outcome =
+      RunWithoutError(Child().Env("TOV_LOG", scratch / "log"),
+                      [](const Told&) { WriteText("in a file"); });
   EXPECT_EQ(outcome.standard_error, "");
   const testing::Matcher<std::string> line_with_time = testing::MatchesRegex(
       "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}Z "
@@ -438,7 +434,7 @@ void TakeForStandardError(const std::string& path) {
 
 TEST(LogTarget, ThatIsStandardErrorAndAFileHasTheTime) {
   Scratch scratch;
-  RunQuietly(Child(), [&](const Told&) {
+  RunWithoutError(Child(), [&](const Told&) {
     TakeForStandardError(scratch / "errors");
     WriteText("x");
   });
@@ -450,7 +446,7 @@ TEST(LogTarget, ThatIsStandardErrorAndAFileHasTheTime) {
 
 TEST(LogTarget, IsNotWhatIsOpenedLaterAsStandardError) {
   Scratch scratch;
-  RunQuietly(Child().Closed(2), [&](const Told&) {
+  RunWithoutError(Child().Closed(2), [&](const Told&) {
     WriteText("x");
     TakeForStandardError(scratch / "precious");
     WriteText("y");
@@ -461,11 +457,11 @@ TEST(LogTarget, IsNotWhatIsOpenedLaterAsStandardError) {
 
 TEST(LogTarget, OfAFileHasTheTimeInUtc) {
   Scratch scratch;
-  RunQuietly(Child().Env("TOV_LOG", scratch / "log").Env("TZ", "XXX-7"),
-             [](const Told&) {
-               ::tzset();
-               WriteText("x");
-             });
+  RunWithoutError(Child().Env("TOV_LOG", scratch / "log").Env("TZ", "XXX-7"),
+                  [](const Told&) {
+                    ::tzset();
+                    WriteText("x");
+                  });
   std::tm written{};
   ASSERT_NE(::strptime(zan_cgi::testing::ReadFile(scratch / "log").c_str(),
                        "%Y-%m-%dT%H:%M:%SZ", &written),
@@ -475,7 +471,7 @@ TEST(LogTarget, OfAFileHasTheTimeInUtc) {
 
 TEST(LogTarget, MakesTheFileForOwnerAndGroup) {
   Scratch scratch;
-  RunQuietly(Child().Env("TOV_LOG", scratch / "log"), [](const Told&) {
+  RunWithoutError(Child().Env("TOV_LOG", scratch / "log"), [](const Told&) {
     ::umask(0);
     WriteText("x");
   });
@@ -487,7 +483,7 @@ TEST(LogTarget, MakesTheFileForOwnerAndGroup) {
 TEST(LogTarget, IsAppendedTo) {
   Scratch scratch;
   scratch.MakeFile("log", "before\n");
-  RunQuietly(Child().Env("TOV_LOG", scratch / "log"), [](const Told&) {
+  RunWithoutError(Child().Env("TOV_LOG", scratch / "log"), [](const Told&) {
     WriteText("first");
     WriteText("second");
   });
@@ -499,7 +495,7 @@ TEST(LogTarget, IsAppendedTo) {
 
 TEST(LogTarget, IsAlwaysWrittenAtItsEnd) {
   Scratch scratch;
-  RunQuietly(Child().Env("TOV_LOG", scratch / "log"), [&](const Told&) {
+  RunWithoutError(Child().Env("TOV_LOG", scratch / "log"), [&](const Told&) {
     WriteText("gone");
     EXPECT_EQ(::truncate((scratch / "log").c_str(), 0), 0);
     WriteText("kept");
@@ -511,8 +507,8 @@ TEST(LogTarget, IsAlwaysWrittenAtItsEnd) {
 
 TEST(LogTarget, AtItsSizeLimitRaisesNoSignal) {
   Scratch scratch;
-  const auto outcome =
-      RunQuietly(Child().Env("TOV_LOG", scratch / "log"), [](const Told& told) {
+  const auto outcome = RunWithoutError(
+      Child().Env("TOV_LOG", scratch / "log"), [](const Told& told) {
         const rlimit nothing{0, RLIM_INFINITY};
         const rlimit everything{RLIM_INFINITY, RLIM_INFINITY};
         ::setrlimit(RLIMIT_FSIZE, &nothing);
@@ -526,7 +522,7 @@ TEST(LogTarget, AtItsSizeLimitRaisesNoSignal) {
 
 TEST(LogTarget, IsNotInheritedByOtherPrograms) {
   Scratch scratch;
-  const auto outcome = RunQuietly(
+  const auto outcome = RunWithoutError(
       Child().Env("TOV_LOG", scratch / "log"), [&](const Told& told) {
         WriteText("x");
         const int flags = FlagsOf(scratch / "log", F_GETFD);
@@ -537,7 +533,7 @@ TEST(LogTarget, IsNotInheritedByOtherPrograms) {
 
 TEST(LogTarget, IsNeverAStandardDescriptor) {
   Scratch scratch;
-  const auto outcome = RunQuietly(
+  const auto outcome = RunWithoutError(
       Child().Env("TOV_LOG", scratch / "log").Closed(0).Closed(1).Closed(2),
       [](const Told& told) {
         WriteText("x");
@@ -551,8 +547,8 @@ TEST(LogTarget, ThatCannotBeOpenedIsReplacedByStandardError) {
   Scratch scratch;
   for (const std::string& target :
        {scratch.Path(), scratch / "missing/log", scratch / ""}) {
-    const auto outcome = RunQuietly(Child().Env("TOV_LOG", target),
-                                    [](const Told&) { WriteText("x"); });
+    const auto outcome = RunWithoutError(Child().Env("TOV_LOG", target),
+                                         [](const Told&) { WriteText("x"); });
     EXPECT_EQ(outcome.Logged(3), std::vector<std::string>{"x"}) << target;
   }
 }
@@ -560,7 +556,7 @@ TEST(LogTarget, ThatCannotBeOpenedIsReplacedByStandardError) {
 TEST(LogTarget, DoesNotWaitForTheReaderOfAFifo) {
   Scratch scratch;
   ASSERT_EQ(::mkfifo((scratch / "fifo").c_str(), 0600), 0);
-  const auto outcome = RunQuietly(
+  const auto outcome = RunWithoutError(
       Child().Env("TOV_LOG", scratch / "fifo"), [](const Told& told) {
         const long waited = Milliseconds([] { WriteText("x"); });
         told("waited", std::to_string(waited));
@@ -573,8 +569,8 @@ TEST(LogTarget, SyslogIsReplacedByStandardErrorWhenNobodyListens) {
   if (::access("/dev/log", F_OK) == 0) {
     GTEST_SKIP() << "needs a system without /dev/log";
   }
-  const auto outcome = RunQuietly(Child().Env("TOV_LOG", "syslog"),
-                                  [](const Told&) { WriteText("x"); });
+  const auto outcome = RunWithoutError(Child().Env("TOV_LOG", "syslog"),
+                                       [](const Told&) { WriteText("x"); });
   EXPECT_EQ(outcome.Logged(3), std::vector<std::string>{"x"});
 }
 
@@ -601,12 +597,13 @@ class Syslog : public testing::Test {
 
   static Outcome RunWithSyslog(
       const std::function<void(int listener, const Told&)>& body) {
-    return RunQuietly(Child().Env("TOV_LOG", "syslog"), [&](const Told& told) {
-      const int listener = ListenAsSyslog();
-      ASSERT_GE(listener, 0) << "no private file system";
-      body(listener, told);
-      ::close(listener);
-    });
+    return RunWithoutError(Child().Env("TOV_LOG", "syslog"),
+                           [&](const Told& told) {
+                             const int listener = ListenAsSyslog();
+                             ASSERT_GE(listener, 0) << "no private file system";
+                             body(listener, told);
+                             ::close(listener);
+                           });
   }
 
   static std::string Receive(int listener) {
@@ -695,7 +692,7 @@ TEST(LogTarget, IsNotTakenForAControllingTerminal) {
 }
 
 TEST(LogSetup, IsReadAtTheFirstCheck) {
-  const auto outcome = RunQuietly(Child(), [](const Told& told) {
+  const auto outcome = RunWithoutError(Child(), [](const Told& told) {
     tov_log::Module module("zancgi", "core");
     ::setenv("TOV_LOG_LEVEL", "3", 1);
     told("info", YesNo(module.Check(tov_log::Info)));
@@ -711,20 +708,21 @@ TEST(LogSetup, IsReadAtTheFirstCheck) {
 
 TEST(LogSetup, OpensTheTargetAtTheFirstCheck) {
   Scratch scratch;
-  RunQuietly(Child().WorkDir(scratch.Path()).Env("TOV_LOG", "log").LogLevel(3),
-             [&](const Told&) {
-               EXPECT_FALSE(Log().Check(tov_log::Debug));
-               EXPECT_EQ(::chdir("/"), 0);
-               ::setenv("TOV_LOG", (scratch / "other").c_str(), 1);
-               WriteText("x");
-             });
+  RunWithoutError(
+      Child().WorkDir(scratch.Path()).Env("TOV_LOG", "log").LogLevel(3),
+      [&](const Told&) {
+        EXPECT_FALSE(Log().Check(tov_log::Debug));
+        EXPECT_EQ(::chdir("/"), 0);
+        ::setenv("TOV_LOG", (scratch / "other").c_str(), 1);
+        WriteText("x");
+      });
   EXPECT_EQ(scratch.List(), std::vector<std::string>{"log"});
   EXPECT_TRUE(zan_cgi::testing::ReadFile(scratch / "log").ends_with(": x\n"));
 }
 
 TEST(LogSetup, OpensTheTargetAtTheFirstWrite) {
   Scratch scratch;
-  RunQuietly(Child().Env("TOV_LOG", scratch / "log"), [&](const Told&) {
+  RunWithoutError(Child().Env("TOV_LOG", scratch / "log"), [&](const Told&) {
     WriteText("first");
     ::setenv("TOV_LOG", (scratch / "other").c_str(), 1);
     WriteText("second");
@@ -736,7 +734,7 @@ TEST(LogSetup, OpensTheTargetAtTheFirstWrite) {
 
 TEST(LogSetup, DoesNotReopenAFileThatIsGone) {
   Scratch scratch;
-  RunQuietly(Child().Env("TOV_LOG", scratch / "log"), [&](const Told&) {
+  RunWithoutError(Child().Env("TOV_LOG", scratch / "log"), [&](const Told&) {
     WriteText("first");
     EXPECT_EQ(::unlink((scratch / "log").c_str()), 0);
     WriteText("second");
@@ -758,7 +756,7 @@ INSTANTIATE_TEST_SUITE_P(Slow, LogReader, testing::Bool(),
                          });
 
 TEST_P(LogReader, GetsTheLine) {
-  const auto outcome = RunQuietly(Child(), [&](const Told& told) {
+  const auto outcome = RunWithoutError(Child(), [&](const Told& told) {
     SlowReader reader = MakeReader();
     WriteText("x");
     told("got", reader.Drain());
@@ -769,7 +767,7 @@ TEST_P(LogReader, GetsTheLine) {
 
 // Tests of front ends replace poll(2) to play with standard input.
 TEST_P(LogReader, GetsTheLineWhateverPollSays) {
-  const auto outcome = RunQuietly(Child(), [&](const Told& told) {
+  const auto outcome = RunWithoutError(Child(), [&](const Told& told) {
     polls_time_out = true;
     SlowReader reader = MakeReader();
     WriteText("x");
@@ -780,7 +778,7 @@ TEST_P(LogReader, GetsTheLineWhateverPollSays) {
 }
 
 TEST_P(LogReader, IsWaitedForOneSecondOnce) {
-  const auto outcome = RunQuietly(Child(), [&](const Told& told) {
+  const auto outcome = RunWithoutError(Child(), [&](const Told& told) {
     SlowReader reader = MakeReader();
     reader.Fill();
     told("first", std::to_string(Milliseconds([] { WriteText("a"); })));
@@ -798,7 +796,7 @@ TEST_P(LogReader, IsWaitedForOneSecondOnce) {
 }
 
 TEST_P(LogReader, IsWaitedForOneSecondInASignalStorm) {
-  const auto outcome = RunQuietly(Child(), [&](const Told& told) {
+  const auto outcome = RunWithoutError(Child(), [&](const Told& told) {
     SlowReader reader = MakeReader();
     reader.Fill();
     CountSignals(SIGALRM);
@@ -814,7 +812,7 @@ TEST_P(LogReader, IsWaitedForOneSecondInASignalStorm) {
 }
 
 TEST_P(LogReader, GetsTheLineWhenItWakesUpInTime) {
-  const auto outcome = RunQuietly(Child(), [&](const Told& told) {
+  const auto outcome = RunWithoutError(Child(), [&](const Told& told) {
     SlowReader reader = MakeReader();
     reader.Fill();
     std::string got;
@@ -831,7 +829,7 @@ TEST_P(LogReader, GetsTheLineWhenItWakesUpInTime) {
 }
 
 TEST_P(LogReader, IsNotWaitedForAgainAndAgain) {
-  const auto outcome = RunQuietly(Child(), [&](const Told& told) {
+  const auto outcome = RunWithoutError(Child(), [&](const Told& told) {
     SlowReader reader = MakeReader();
     long waited = 0;
     for (int line = 0; line < 4; ++line) {
@@ -850,7 +848,7 @@ TEST_P(LogReader, IsNotWaitedForAgainAndAgain) {
 }
 
 TEST_P(LogReader, IsWaitedForTheRestOfTheSecondLater) {
-  const auto outcome = RunQuietly(Child(), [&](const Told& told) {
+  const auto outcome = RunWithoutError(Child(), [&](const Told& told) {
     SlowReader reader = MakeReader();
     reader.Fill();
     std::thread waking([&] {
@@ -868,7 +866,7 @@ TEST_P(LogReader, IsWaitedForTheRestOfTheSecondLater) {
 }
 
 TEST_P(LogReader, GetsLaterLinesAfterItHasWokenUp) {
-  const auto outcome = RunQuietly(Child(), [&](const Told& told) {
+  const auto outcome = RunWithoutError(Child(), [&](const Told& told) {
     SlowReader reader = MakeReader();
     reader.Fill();
     WriteText("dropped");
@@ -882,7 +880,7 @@ TEST_P(LogReader, GetsLaterLinesAfterItHasWokenUp) {
 
 // Other processes write to the same open file.
 TEST_P(LogReader, KeepsItsBlockingMode) {
-  const auto outcome = RunQuietly(Child(), [&](const Told& told) {
+  const auto outcome = RunWithoutError(Child(), [&](const Told& told) {
     SlowReader reader = MakeReader();
     reader.Fill();
     WriteText("x");
@@ -894,7 +892,7 @@ TEST_P(LogReader, KeepsItsBlockingMode) {
 }
 
 TEST_P(LogReader, ThatHasGoneRaisesNoSignal) {
-  const auto outcome = RunQuietly(Child(), [&](const Told& told) {
+  const auto outcome = RunWithoutError(Child(), [&](const Told& told) {
     SlowReader reader = MakeReader();
     reader.Close();
     WriteText("x");
@@ -908,7 +906,7 @@ TEST_P(LogReader, ThatHasGoneRaisesNoSignal) {
 }
 
 TEST_P(LogReader, ThatHasGoneLeavesNoSignalPending) {
-  const auto outcome = RunQuietly(Child(), [&](const Told& told) {
+  const auto outcome = RunWithoutError(Child(), [&](const Told& told) {
     SlowReader reader = MakeReader();
     reader.Close();
     Block(SIGPIPE);
@@ -921,7 +919,7 @@ TEST_P(LogReader, ThatHasGoneLeavesNoSignalPending) {
 }
 
 TEST_P(LogReader, ThatHasGoneLeavesTheCallersPendingSignal) {
-  const auto outcome = RunQuietly(Child(), [&](const Told& told) {
+  const auto outcome = RunWithoutError(Child(), [&](const Told& told) {
     SlowReader reader = MakeReader();
     reader.Close();
     Block(SIGPIPE);
@@ -933,8 +931,8 @@ TEST_P(LogReader, ThatHasGoneLeavesTheCallersPendingSignal) {
 }
 
 TEST(LogTarget, MayBeAClosedStandardError) {
-  const auto outcome =
-      RunQuietly(Child().Closed(0).Closed(1).Closed(2), [](const Told& told) {
+  const auto outcome = RunWithoutError(
+      Child().Closed(0).Closed(1).Closed(2), [](const Told& told) {
         WriteText("x");
         told("open", OpenStandardDescriptors());
       });
