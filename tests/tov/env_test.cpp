@@ -6,6 +6,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -13,7 +14,9 @@ using zan_cgi::testing::Child;
 using zan_cgi::testing::Told;
 using Variables = std::map<std::string, std::string>;
 
-std::string AsText(const Variables& variables) {
+std::string AllEnvs() {
+  Variables variables;
+  tov_env::GetAllEnvs(variables);
   std::string text;
   for (const auto& [name, value] : variables) {
     text += '[' + name + "=" + value + ']';
@@ -22,15 +25,16 @@ std::string AsText(const Variables& variables) {
 }
 
 /// All variables of a process whose whole environment is @p entries.
-std::string AllEnvsOf(char** entries) {
+std::string AllEnvsOf(std::vector<std::string> entries) {
+  std::vector<char*> pointers;
+  for (std::string& entry : entries) pointers.push_back(entry.data());
+  pointers.push_back(nullptr);
   return Child()
       .Run([&](const Told& told) {
-        environ = entries;
-        Variables variables;
-        tov_env::GetAllEnvs(variables);
-        told("all", AsText(variables));
+        environ = pointers.data();
+        told("all", AllEnvs());
       })
-      .told["all"];
+      .told.at("all");
 }
 
 std::string ValueOf(const std::string& name) {
@@ -38,22 +42,18 @@ std::string ValueOf(const std::string& name) {
       .Env("SERVER_NAME", "a=b c\nd")
       .Env("EMPTY", "")
       .Run([&](const Told& told) { told("value", tov_env::GetEnv(name)); })
-      .told["value"];
+      .told.at("value");
 }
 
-TEST(GetEnv, ReturnsTheValue) { EXPECT_EQ(ValueOf("SERVER_NAME"), "a=b c\nd"); }
-
-TEST(GetEnv, IsEmptyForAnUnsetVariable) { EXPECT_EQ(ValueOf("MISSING"), ""); }
-
-TEST(GetEnv, IsEmptyForAnEmptyVariable) { EXPECT_EQ(ValueOf("EMPTY"), ""); }
-
-TEST(GetEnv, IsEmptyForAnEmptyName) { EXPECT_EQ(ValueOf(""), ""); }
-
-TEST(GetEnv, ComparesTheWholeName) {
-  EXPECT_EQ(ValueOf("SERVER"), "");
-  EXPECT_EQ(ValueOf("SERVER_NAME2"), "");
-  EXPECT_EQ(ValueOf("server_name"), "");
-  EXPECT_EQ(ValueOf(std::string("SERVER_NAME\0x", 13)), "");
+TEST(GetEnv, ReturnsTheValueOfTheWholeName) {
+  EXPECT_EQ(ValueOf("SERVER_NAME"), "a=b c\nd");
+  for (const std::string& name :
+       {std::string("MISSING"), std::string("EMPTY"), std::string(),
+        std::string("SERVER"), std::string("SERVER_NAME2"),
+        std::string("server_name"), std::string("SERVER_NAME=a"),
+        std::string("SERVER_NAME\0x", 13)}) {
+    EXPECT_EQ(ValueOf(name), "") << name;
+  }
 }
 
 TEST(GetEnv, SeesLaterChanges) {
@@ -67,33 +67,24 @@ TEST(GetEnv, SeesLaterChanges) {
 }
 
 TEST(GetAllEnvs, GivesEveryVariable) {
-  char a[] = "A=1";
-  char b[] = "B=2=3";
-  char c[] = "C=";
-  char* entries[] = {b, a, c, nullptr};
-  EXPECT_EQ(AllEnvsOf(entries), "[A=1][B=2=3][C=]");
+  EXPECT_EQ(AllEnvsOf({"B=2=3", "A=1", "C="}), "[A=1][B=2=3][C=]");
+  EXPECT_EQ(AllEnvsOf({}), "");
 }
 
 TEST(GetAllEnvs, SkipsEntriesWithoutANameOrAnEqualsSign) {
-  char no_sign[] = "A";
-  char no_name[] = "=1";
-  char nothing[] = "";
-  char b[] = "B=2";
-  char* entries[] = {no_sign, no_name, nothing, b, nullptr};
-  EXPECT_EQ(AllEnvsOf(entries), "[B=2]");
+  EXPECT_EQ(AllEnvsOf({"A", "=1", "", "B=2"}), "[B=2]");
 }
 
 TEST(GetAllEnvs, TakesTheFirstOfTwoEntriesWithOneName) {
-  char first[] = "A=first";
-  char second[] = "A=second";
-  char* entries[] = {first, second, nullptr};
-  EXPECT_EQ(AllEnvsOf(entries), "[A=first]");
+  EXPECT_EQ(AllEnvsOf({"A=first", "A=second"}), "[A=first]");
 }
 
-TEST(GetAllEnvs, IsEmptyForAnEmptyEnvironment) {
-  char* entries[] = {nullptr};
-  EXPECT_EQ(AllEnvsOf(entries), "");
-  EXPECT_EQ(AllEnvsOf(nullptr), "");
+TEST(GetAllEnvs, IsEmptyWithoutAnEnvironment) {
+  const auto outcome = Child().Run([](const Told& told) {
+    environ = nullptr;
+    told("all", AllEnvs());
+  });
+  EXPECT_EQ(outcome.told.at("all"), "");
 }
 
 TEST(GetAllEnvs, ReplacesWhatWasInTheMap) {

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 #include <tov/str.h>
 
-#include <array>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
@@ -10,32 +9,30 @@
 #include <locale>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace {
 
 using Strings = std::vector<std::string>;
 
-/// A word that was taken off a text, and what stayed there.
-struct Taken {
+/// A word that is taken off a text, and what stays there.
+struct Row {
+  const char* what;
+  std::string text;
+  std::string delimiter;
   std::string word;
   std::string rest;
-
-  friend bool operator==(const Taken&, const Taken&) = default;
-  friend void PrintTo(const Taken& taken, std::ostream* out) {
-    *out << '[' << taken.word << "] leaving [" << taken.rest << ']';
-  }
 };
 
-template <class Delimiter>
-Taken GetWord(std::string text, const Delimiter& delimiter) {
-  std::string word = str::GetWord(text, delimiter);
-  return {word, text};
-}
-
-Taken RGetWord(std::string text, char delimiter) {
-  std::string word = str::RGetWord(text, delimiter);
-  return {word, text};
+template <class TakeWord>
+void ExpectRows(const std::vector<Row>& rows, const TakeWord& take_word) {
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    std::string text = row.text;
+    EXPECT_EQ(take_word(text, row.delimiter), row.word);
+    EXPECT_EQ(text, row.rest);
+  }
 }
 
 Strings Split(const std::string& text, const std::string& separator) {
@@ -67,85 +64,54 @@ double ProcessorSeconds() {
 }
 
 TEST(GetWord, TakesTheFirstWordAndItsDelimiter) {
-  EXPECT_EQ(GetWord("a&b&c", '&'), (Taken{"a", "b&c"}));
+  const std::string with_zero("a\0b=c", 5);
+  const std::vector<Row> rows = {
+      {"three words", "a&b&c", "&", "a", "b&c"},
+      {"no delimiter", "abc", "&", "abc", ""},
+      {"an empty text", "", "&", "", ""},
+      {"a leading delimiter", "&a", "&", "", "a"},
+      {"a trailing delimiter", "a&", "&", "a", ""},
+      {"blanks", " a &\tb ", "&", " a ", "\tb "},
+      {"a zero byte in the word", with_zero, "=", {"a\0b", 3}, "c"},
+      {"a zero byte as delimiter", with_zero, {"\0", 1}, "a", "b=c"},
+  };
+  ExpectRows(rows, [](std::string& text, const std::string& delimiter) {
+    return str::GetWord(text, delimiter[0]);
+  });
+  ExpectRows(rows, [](std::string& text, const std::string& delimiter) {
+    return str::GetWord(text, delimiter);
+  });
 }
 
-TEST(GetWord, TakesAllWithoutADelimiter) {
-  EXPECT_EQ(GetWord("abc", '&'), (Taken{"abc", ""}));
-}
-
-TEST(GetWord, OfAnEmptyTextIsEmpty) {
-  EXPECT_EQ(GetWord("", '&'), (Taken{"", ""}));
-}
-
-TEST(GetWord, IsEmptyBeforeALeadingDelimiter) {
-  EXPECT_EQ(GetWord("&a", '&'), (Taken{"", "a"}));
-}
-
-TEST(GetWord, LeavesNothingBehindATrailingDelimiter) {
-  EXPECT_EQ(GetWord("a&", '&'), (Taken{"a", ""}));
-}
-
-TEST(GetWord, DoesNotTrim) {
-  EXPECT_EQ(GetWord(" a &\tb ", '&'), (Taken{" a ", "\tb "}));
-}
-
-TEST(GetWord, TakesZeroBytesForDataAndForADelimiter) {
-  const std::string text("a\0b=c", 5);
-  EXPECT_EQ(GetWord(text, '='), (Taken{std::string("a\0b", 3), "c"}));
-  EXPECT_EQ(GetWord(text, '\0'), (Taken{"a", "b=c"}));
-}
-
-TEST(GetWord, FindsADelimiterOfManyBytes) {
-  EXPECT_EQ(GetWord("a\r\n--x\r\n--y", std::string("\r\n--")),
-            (Taken{"a", "x\r\n--y"}));
-}
-
-TEST(GetWord, TakesPartOfALongDelimiterForData) {
-  EXPECT_EQ(GetWord("a\r\n-b", std::string("\r\n--")), (Taken{"a\r\n-b", ""}));
-}
-
-TEST(GetWord, FindsALongDelimiterBehindItsOwnBeginning) {
-  EXPECT_EQ(GetWord("aaab", std::string("aab")), (Taken{"a", ""}));
-}
-
-TEST(GetWord, NeverFindsAnEmptyDelimiter) {
-  EXPECT_EQ(GetWord("abc", std::string()), (Taken{"abc", ""}));
+TEST(GetWord, TakesALongDelimiterAsAWhole) {
+  const std::vector<Row> rows = {
+      {"twice", "a\r\n--x\r\n--y", "\r\n--", "a", "x\r\n--y"},
+      {"only a part", "a\r\n-b", "\r\n--", "a\r\n-b", ""},
+      {"after its own beginning", "aaab", "aab", "a", ""},
+      {"empty, which is nowhere", "abc", "", "abc", ""},
+  };
+  ExpectRows(rows, [](std::string& text, const std::string& delimiter) {
+    return str::GetWord(text, delimiter);
+  });
 }
 
 TEST(RGetWord, TakesTheLastWordAndItsDelimiter) {
-  EXPECT_EQ(RGetWord("a:b:c", ':'), (Taken{"c", "a:b"}));
-}
-
-TEST(RGetWord, TakesAllWithoutADelimiter) {
-  EXPECT_EQ(RGetWord("abc", ':'), (Taken{"abc", ""}));
-}
-
-TEST(RGetWord, OfAnEmptyTextIsEmpty) {
-  EXPECT_EQ(RGetWord("", ':'), (Taken{"", ""}));
-}
-
-TEST(RGetWord, IsEmptyBehindATrailingDelimiter) {
-  EXPECT_EQ(RGetWord("a:", ':'), (Taken{"", "a"}));
-}
-
-TEST(RGetWord, LeavesNothingBeforeALeadingDelimiter) {
-  EXPECT_EQ(RGetWord(":a", ':'), (Taken{"a", ""}));
-}
-
-TEST(RGetWord, DoesNotTrim) {
-  EXPECT_EQ(RGetWord(" a : b ", ':'), (Taken{" b ", " a "}));
+  const std::vector<Row> rows = {
+      {"three words", "a:b:c", ":", "c", "a:b"},
+      {"no delimiter", "abc", ":", "abc", ""},
+      {"an empty text", "", ":", "", ""},
+      {"a trailing delimiter", "a:", ":", "", "a"},
+      {"a leading delimiter", ":a", ":", "a", ""},
+      {"blanks", " a : b ", ":", " b ", " a "},
+  };
+  ExpectRows(rows, [](std::string& text, const std::string& delimiter) {
+    return str::RGetWord(text, delimiter[0]);
+  });
 }
 
 TEST(Trim, RemovesAllKindsOfBlanksAtBothEnds) {
   EXPECT_EQ(str::Trim(" \t\r\na \t\r\n"), "a");
-}
-
-TEST(Trim, KeepsBlanksInTheMiddle) {
   EXPECT_EQ(str::Trim(" a \t b "), "a \t b");
-}
-
-TEST(Trim, LeavesNothingOfBlanks) {
   EXPECT_EQ(str::Trim(" \t\r\n"), "");
   EXPECT_EQ(str::Trim(""), "");
 }
@@ -162,39 +128,22 @@ TEST(Trim, RemovesNoOtherByte) {
   }
 }
 
-TEST(Append, PutsTheSeparatorBetween) {
+TEST(Append, PutsTheSeparatorAfterATextThatIsNotEmpty) {
   EXPECT_EQ(str::Append("a=1", "b=2", "&"), "a=1&b=2");
-}
-
-TEST(Append, WritesNoSeparatorAfterAnEmptyText) {
   EXPECT_EQ(str::Append("", "b=2", "&"), "b=2");
-}
-
-TEST(Append, WritesTheSeparatorBeforeAnEmptyPart) {
   EXPECT_EQ(str::Append("a=1", "", ", "), "a=1, ");
-}
-
-TEST(Append, JoinsWithoutASeparator) {
   EXPECT_EQ(str::Append("a", "b", ""), "ab");
 }
 
-template <class Number>
-struct Reader;
-template <>
-struct Reader<int> {
-  static int Read(const std::string& text) { return str::Int(text); }
-};
-template <>
-struct Reader<std::int64_t> {
-  static std::int64_t Read(const std::string& text) { return str::Int64(text); }
-};
+int ReadAs(const std::string& text, int /*type*/) { return str::Int(text); }
+std::int64_t ReadAs(const std::string& text, std::int64_t /*type*/) {
+  return str::Int64(text);
+}
 
 template <class Number>
 class Integer : public testing::Test {
  protected:
-  static Number Read(const std::string& text) {
-    return Reader<Number>::Read(text);
-  }
+  static Number Read(const std::string& text) { return ReadAs(text, Number()); }
   static constexpr Number kMost = std::numeric_limits<Number>::max();
   static constexpr Number kLeast = std::numeric_limits<Number>::min();
 };
@@ -202,50 +151,47 @@ class Integer : public testing::Test {
 using IntegerTypes = testing::Types<int, std::int64_t>;
 TYPED_TEST_SUITE(Integer, IntegerTypes, );
 
-TYPED_TEST(Integer, IsReadInDecimal) {
-  EXPECT_EQ(this->Read("0"), 0);
-  EXPECT_EQ(this->Read("1234567890"), 1234567890);
-  EXPECT_EQ(this->Read("010"), 10);
-  EXPECT_EQ(this->Read("0000000000000000000000000000000000005"), 5);
-}
-
-TYPED_TEST(Integer, MayHaveOneSign) {
-  EXPECT_EQ(this->Read("+5"), 5);
-  EXPECT_EQ(this->Read("-5"), -5);
-  EXPECT_EQ(this->Read("-0"), 0);
-}
-
-TYPED_TEST(Integer, MayHaveWhiteSpaceAround) {
-  EXPECT_EQ(this->Read(" 5"), 5);
-  EXPECT_EQ(this->Read("5 "), 5);
-  EXPECT_EQ(this->Read(" \t\r\n-5 \t\r\n"), -5);
+TYPED_TEST(Integer, IsReadInDecimalWithOneSignAndWhiteSpaceAround) {
+  for (const auto& [text, value] :
+       {std::pair("0", 0),
+        {"1234567890", 1234567890},
+        {"010", 10},
+        {"0000000000000000000000000000000000005", 5},
+        {"+5", 5},
+        {"-5", -5},
+        {"-0", 0},
+        {" 5", 5},
+        {"5 ", 5},
+        {" \t\r\n-5 \t\r\n", -5}}) {
+    EXPECT_EQ(this->Read(text), value) << text;
+  }
 }
 
 TYPED_TEST(Integer, IsZeroForAnythingElse) {
-  for (const char* text : {"",
-                           " ",
-                           "-",
-                           "+",
-                           "--5",
-                           "+-5",
-                           "-+5",
-                           "- 5",
-                           "+ 5",
-                           "5 5",
-                           "5,5",
-                           "5.0",
-                           "1e3",
-                           "0x10",
-                           "5-",
-                           "12abc",
-                           "abc",
-                           "\xa0"
-                           "5",
-                           "\v5",
-                           "5\f",
-                           "99999999999999999999x",
-                           "-99999999999999999999-"}) {
-    EXPECT_EQ(this->Read(text), 0) << '[' << text << ']';
+  for (const std::string_view text : {"",
+                                      " ",
+                                      "-",
+                                      "+",
+                                      "--5",
+                                      "+-5",
+                                      "-+5",
+                                      "- 5",
+                                      "+ 5",
+                                      "5 5",
+                                      "5,5",
+                                      "5.0",
+                                      "1e3",
+                                      "0x10",
+                                      "5-",
+                                      "12abc",
+                                      "abc",
+                                      "\xa0"
+                                      "5",
+                                      "\v5",
+                                      "5\f",
+                                      "99999999999999999999x",
+                                      "-99999999999999999999-"}) {
+    EXPECT_EQ(this->Read(std::string(text)), 0) << '[' << text << ']';
   }
   EXPECT_EQ(this->Read(std::string("5\0", 2)), 0);
   EXPECT_EQ(this->Read(std::string("5\0"
@@ -267,14 +213,11 @@ TYPED_TEST(Integer, OutOfRangeIsTheNearestInRange) {
   EXPECT_EQ(this->Read("-" + std::string(1000, '9')), this->kLeast);
 }
 
-TEST(Int, SaturatesDirectlyBeyondItsRange) {
+TEST(IntAndInt64, SaturatesDirectlyBeyondItsRange) {
   EXPECT_EQ(str::Int("2147483648"), INT_MAX);
   EXPECT_EQ(str::Int("-2147483649"), INT_MIN);
   EXPECT_EQ(str::Int("4294967297"), INT_MAX);
   EXPECT_EQ(str::Int("3221225472"), INT_MAX);
-}
-
-TEST(Int64, SaturatesDirectlyBeyondItsRange) {
   EXPECT_EQ(str::Int64("9223372036854775808"), INT64_MAX);
   EXPECT_EQ(str::Int64("-9223372036854775809"), INT64_MIN);
 }
@@ -304,19 +247,13 @@ TEST(Str, DoesNotHeedTheLocale) {
   std::locale::global(before);
 }
 
-TEST(Split, TrimsEachWord) {
+TEST(Split, TrimsEachWordAndSkipsEmptyOnes) {
   EXPECT_EQ(Split("a=1; b=2 ;\tc=3", ";"), (Strings{"a=1", "b=2", "c=3"}));
-}
-
-TEST(Split, SkipsEmptyWords) {
   EXPECT_EQ(Split(";;a;;b;", ";"), (Strings{"a", "b"}));
-}
-
-TEST(Split, KeepsAWordOfBlanksAsAnEmptyOne) {
+  EXPECT_EQ(Split("", ";"), Strings{});
+  // A word of blanks is none of them.
   EXPECT_EQ(Split("a; ;b", ";"), (Strings{"a", "", "b"}));
 }
-
-TEST(Split, OfAnEmptyTextGivesNothing) { EXPECT_EQ(Split("", ";"), Strings{}); }
 
 TEST(Split, AppendsToWhatIsThere) {
   Strings words{"before"};
@@ -324,19 +261,9 @@ TEST(Split, AppendsToWhatIsThere) {
   EXPECT_EQ(words, (Strings{"before", "a", "b"}));
 }
 
-TEST(Split, TakesASeparatorOfManyBytes) {
+TEST(Split, TakesASeparatorAsAWholeAndAllWithoutOne) {
   EXPECT_EQ(Split("a, b,c, ", ", "), (Strings{"a", "b,c"}));
-}
-
-TEST(Split, TakesAllForOneWordWithoutASeparator) {
   EXPECT_EQ(Split(" a;b ", ""), Strings{"a;b"});
-}
-
-TEST(Split, LeavesTheCallersTextAlone) {
-  std::string text = "a;b";
-  Strings words;
-  str::Split(text, ";", words);
-  EXPECT_EQ(text, "a;b");
 }
 
 // Erasing each of them from the front would take minutes.
@@ -369,18 +296,13 @@ TEST(Decode, LeavesMalformedEscapesAsTheyStand) {
   }
 }
 
-TEST(Decode, GoesOnBehindAMalformedEscape) {
+TEST(Decode, TakesEachEscapeOnceAndAsItIs) {
   EXPECT_EQ(str::url::Decode("%zz%41+%4"), "%zzA %4");
   EXPECT_EQ(str::url::Decode("%%41"), "%A");
+  EXPECT_EQ(str::url::Decode("%2541"), "%41");
+  EXPECT_EQ(str::url::Decode("%C0%AF"), "\xC0\xAF") << "overlong UTF-8";
+  EXPECT_EQ(str::url::Decode(""), "");
 }
-
-TEST(Decode, DecodesOnce) { EXPECT_EQ(str::url::Decode("%2541"), "%41"); }
-
-TEST(Decode, PassesOverlongUtf8On) {
-  EXPECT_EQ(str::url::Decode("%C0%AF"), "\xC0\xAF");
-}
-
-TEST(Decode, OfAnEmptyTextIsEmpty) { EXPECT_EQ(str::url::Decode(""), ""); }
 
 TEST(Encode, EscapesEveryByteButTheUnreserved) {
   for (int byte = 0; byte < 256; ++byte) {
@@ -390,10 +312,9 @@ TEST(Encode, EscapesEveryByteButTheUnreserved) {
   }
 }
 
-TEST(Encode, OfAnEmptyTextIsEmpty) { EXPECT_EQ(str::url::Encode(""), ""); }
-
 TEST(Encode, IsUndoneByDecode) {
   EXPECT_EQ(str::url::Decode(str::url::Encode(AllBytes())), AllBytes());
+  EXPECT_EQ(str::url::Encode(""), "");
 }
 
 }  // namespace
