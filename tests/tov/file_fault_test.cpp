@@ -23,6 +23,8 @@
 #include <utility>
 #include <vector>
 
+#include "attributes.h"
+#include "support/clean_run.h"
 #include "support/file_calls.h"
 #include "support/mount.h"
 
@@ -30,8 +32,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
+using attributes::kOtherFileSystem;
+using attributes::ModeOf;
 using support::FileCall;
 using support::FileCallWatcher;
+using support::RunWithoutLeak;
 using tov_file::Attrs;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::Outcome;
@@ -40,7 +45,6 @@ using zan_cgi::testing::Scratch;
 using zan_cgi::testing::Told;
 using Names = std::vector<std::string>;
 
-constexpr char kInMemory[] = "/dev/shm";
 /// What is copied in one piece.
 constexpr std::size_t kPiece = 65536;
 
@@ -48,18 +52,6 @@ std::string Content() {
   std::string content;
   while (content.size() < 150'000) content += std::to_string(content.size());
   return content;
-}
-
-dev_t FileSystemOf(const std::string& path) {
-  struct stat found {};
-  EXPECT_EQ(::stat(path.c_str(), &found), 0) << path;
-  return found.st_dev;
-}
-
-mode_t ModeOf(const std::string& path) {
-  struct stat found {};
-  EXPECT_EQ(::lstat(path.c_str(), &found), 0) << path;
-  return found.st_mode & 07777;
 }
 
 bool HasUnnamedFiles(const std::string& folder) {
@@ -118,8 +110,8 @@ class Watch {
 class CopyingMove : public testing::TestWithParam<std::tuple<bool, bool>> {
  protected:
   void SetUp() override {
-    if (FileSystemOf(disk_.Path()) == FileSystemOf(memory_.Path())) {
-      GTEST_SKIP() << "needs another file system at " << kInMemory;
+    if (!attributes::IsOtherFileSystemAnother()) {
+      GTEST_SKIP() << "needs another file system at " << kOtherFileSystem;
     }
     if (!ByName() && !HasUnnamedFiles(Folder().Path())) {
       GTEST_SKIP() << "needs O_TMPFILE in " << Folder().Path();
@@ -158,19 +150,33 @@ class CopyingMove : public testing::TestWithParam<std::tuple<bool, bool>> {
     RunHere(watcher, told, Target());
   }
 
-  void ExpectMoved(const Outcome& outcome) const {
+  static void ExpectCleanEnd(const Outcome& outcome) {
     EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
-    EXPECT_EQ(outcome.error, "");
     EXPECT_EQ(outcome.leaked_descriptors, Names{});
+  }
+
+  /// The move has been refused, since the target was there by then.
+  void ExpectTargetKept(const Outcome& outcome) const {
+    ExpectCleanEnd(outcome);
+    EXPECT_EQ(outcome.error, "cannot move '" + Source() + "' to '" + Target() +
+                                 "': " + std::strerror(EEXIST));
+    ExpectWay(outcome);
+    EXPECT_EQ(ReadFile(Target()), "other");
+    EXPECT_EQ(Leftovers(), Names{});
+    EXPECT_TRUE(fs::exists(Source()));
+  }
+
+  void ExpectMoved(const Outcome& outcome) const {
+    ExpectCleanEnd(outcome);
+    EXPECT_EQ(outcome.error, "");
     EXPECT_TRUE(ReadFile(Target()) == content_);
     EXPECT_EQ(Folder().List(), Names{"target"});
     EXPECT_EQ(SourceFolder().List(), Names{});
   }
 
   void ExpectNotMoved(const Outcome& outcome) const {
-    EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
+    ExpectCleanEnd(outcome);
     EXPECT_EQ(outcome.error_type, "tov_err::Error");
-    EXPECT_EQ(outcome.leaked_descriptors, Names{});
     EXPECT_EQ(Folder().List(), Names{});
     EXPECT_TRUE(ReadFile(Source()) == content_);
   }
@@ -209,7 +215,7 @@ class CopyingMove : public testing::TestWithParam<std::tuple<bool, bool>> {
  private:
   const std::string content_ = Content();
   Scratch disk_;
-  Scratch memory_{kInMemory};
+  Scratch memory_{kOtherFileSystem};
 };
 
 std::string NameOf(
@@ -314,15 +320,8 @@ TEST_P(CopyingMove, RefusesASourceThatHasBecomeShorter) {
 }
 
 TEST_P(CopyingMove, RefusesATargetThatHasAppearedMeanwhile) {
-  const Outcome outcome =
-      Run(Before("fsync", [&] { Folder().MakeFile("target", "other"); }));
-  EXPECT_EQ(outcome.error, "cannot move '" + Source() + "' to '" + Target() +
-                               "': " + std::strerror(EEXIST));
-  EXPECT_EQ(outcome.leaked_descriptors, Names{});
-  ExpectWay(outcome);
-  EXPECT_EQ(ReadFile(Target()), "other");
-  EXPECT_EQ(Leftovers(), Names{});
-  EXPECT_TRUE(fs::exists(Source()));
+  ExpectTargetKept(
+      Run(Before("fsync", [&] { Folder().MakeFile("target", "other"); })));
 }
 
 // Else the file would be lost: the copy would be taken back.
@@ -415,16 +414,11 @@ TEST_P(UnnamedCopy, IsMadeAgainWithANameWhenItCannotBeLinked) {
 }
 
 TEST_P(UnnamedCopy, RefusesATargetThatAppearsAtTheLastMoment) {
-  const Outcome outcome = Run([&](const FileCall& call) {
+  ExpectTargetKept(Run([&](const FileCall& call) {
     const int error = FailToLinkByDescriptor(call);
     if (error != 0) Folder().MakeFile("target", "other");
     return error;
-  });
-  EXPECT_EQ(outcome.error, "cannot move '" + Source() + "' to '" + Target() +
-                               "': " + std::strerror(EEXIST));
-  ExpectWay(outcome);
-  EXPECT_EQ(ReadFile(Target()), "other");
-  EXPECT_EQ(Leftovers(), Names{});
+  }));
 }
 
 TEST_P(UnnamedCopy, NeedsNoProc) {
@@ -451,93 +445,71 @@ TEST_P(UnnamedCopy, OrOneWithANameNeedsNoProcAsAnOrdinaryUser) {
   ExpectMoved(outcome);
 }
 
-/// A file system whose rename cannot refuse to replace, and which does not let
-/// the source be removed.
-class FailingMoveByLink : public testing::Test {
- protected:
-  std::string ErrorOfMove(int error_of_taking_back) const {
-    scratch_.MakeFile("source", "x");
-    const Outcome outcome = Child().Run([&](const Told&) {
+// On a file system whose rename cannot refuse to replace, and which does not
+// let the source be removed.
+TEST(FailingMoveByLink, TakesTheNewNameBackAndReportsTheReason) {
+  for (const int error_of_taking_back : {0, EIO}) {
+    const Scratch scratch;
+    const std::string source = scratch.MakeFile("source", "x");
+    const std::string target = scratch / "target";
+    const Outcome outcome = RunWithoutLeak(Child(), [&](const Told&) {
       const Watch watch([&](const FileCall& call) {
         if (call.name == "renameat2") return EINVAL;
         if (call.name != "unlink") return 0;
-        return call.path == source_ ? EPERM : error_of_taking_back;
+        return call.path == source ? EPERM : error_of_taking_back;
       });
-      tov_file::Move(source_, target_);
+      tov_file::Move(source, target);
     });
-    return outcome.error;
+    EXPECT_EQ(outcome.error, "cannot move '" + source + "' to '" + target +
+                                 "': " + std::strerror(EPERM));
+    EXPECT_EQ(scratch.List(), error_of_taking_back == 0
+                                  ? Names{"source"}
+                                  : (Names{"source", "target"}));
   }
-
-  const std::string& Source() const { return source_; }
-  const std::string& Target() const { return target_; }
-  Names Files() const { return scratch_.List(); }
-
- private:
-  Scratch scratch_;
-  std::string source_ = scratch_ / "source";
-  std::string target_ = scratch_ / "target";
-};
-
-TEST_F(FailingMoveByLink, TakesTheNewNameBack) {
-  EXPECT_EQ(ErrorOfMove(0), "cannot move '" + Source() + "' to '" + Target() +
-                                "': " + std::strerror(EPERM));
-  EXPECT_EQ(Files(), Names{"source"});
 }
 
-TEST_F(FailingMoveByLink, ReportsTheReasonAndNotWhatFollowed) {
-  EXPECT_TRUE(ErrorOfMove(EIO).ends_with(std::strerror(EPERM)));
-}
-
-/// What an account puts in the place of a directory that root has just made in
-/// its home, for root to change the attributes of.
-struct Bait {
-  const char* name;
-  int (*put)(const std::string& victim, const std::string& path);
-};
-
-void PrintTo(const Bait& bait, std::ostream* out) { *out << bait.name; }
-
-class MkDirUnderAttack : public testing::TestWithParam<Bait> {};
-
-INSTANTIATE_TEST_SUITE_P(
-    Baits, MkDirUnderAttack,
-    testing::Values(
-        Bait{"LinkToAFolder",
-             [](const std::string& victim, const std::string& path) {
-               fs::create_directory(victim);
-               return ::symlink(victim.c_str(), path.c_str());
-             }},
-        Bait{"HardLinkToAFile",
-             [](const std::string& victim, const std::string& path) {
-               const int file = ::creat(victim.c_str(), 0600);
-               return ::close(file) | ::link(victim.c_str(), path.c_str());
-             }},
-        Bait{"Fifo",
-             [](const std::string& victim, const std::string& path) {
-               return ::mkfifo(victim.c_str(), 0600) |
-                      ::link(victim.c_str(), path.c_str());
-             }}),
-    [](const auto& bait) { return bait.param.name; });
-
-TEST_P(MkDirUnderAttack, ChangesNothingElse) {
-  const Scratch scratch;
-  const std::string victim = scratch / "victim";
-  const std::string path = scratch / "new";
-  const Outcome outcome = Child().Run([&](const Told&) {
-    // To open a FIFO can take for ever.
-    ::alarm(10);
-    const Watch watch(Before("open", [&] {
-      ASSERT_EQ(::rmdir(path.c_str()), 0);
-      ASSERT_EQ(GetParam().put(victim, path), 0);
-      ASSERT_EQ(::chmod(victim.c_str(), 0700), 0);
-    }));
-    const Attrs attrs(0755);
-    tov_file::MkDir(path, &attrs);
-  });
-  EXPECT_EQ(outcome.status, 0);
-  EXPECT_EQ(outcome.error,
-            "cannot open '" + path + "': " + std::strerror(ENOTDIR));
-  EXPECT_EQ(ModeOf(victim), 0700U);
+// An account puts something else in the place of a directory that root has just
+// made in its home, for root to change the attributes of.
+TEST(MkDirUnderAttack, ChangesNothingElse) {
+  using Put = int (*)(const std::string& victim, const std::string& path);
+  const Put put_link_to_folder = [](const std::string& victim,
+                                    const std::string& path) {
+    fs::create_directory(victim);
+    return ::symlink(victim.c_str(), path.c_str());
+  };
+  const Put put_hard_link = [](const std::string& victim,
+                               const std::string& path) {
+    const int file = ::creat(victim.c_str(), 0600);
+    return ::close(file) | ::link(victim.c_str(), path.c_str());
+  };
+  const Put put_fifo = [](const std::string& victim, const std::string& path) {
+    return ::mkfifo(victim.c_str(), 0600) |
+           ::link(victim.c_str(), path.c_str());
+  };
+  for (const auto& [bait, put] :
+       {std::pair("link to a folder", put_link_to_folder),
+        {"hard link to a file", put_hard_link},
+        {"FIFO", put_fifo}}) {
+    SCOPED_TRACE(bait);
+    const Scratch scratch;
+    const std::string victim = scratch / "victim";
+    const std::string path = scratch / "new";
+    const Outcome outcome = Child().Run([&, put = put](const Told&) {
+      // To open a FIFO can take for ever.
+      ::alarm(10);
+      const Watch watch(Before("open", [&] {
+        ASSERT_EQ(::rmdir(path.c_str()), 0);
+        ASSERT_EQ(put(victim, path), 0);
+        ASSERT_EQ(::chmod(victim.c_str(), 0700), 0);
+      }));
+      const Attrs attrs(0755);
+      tov_file::MkDir(path, &attrs);
+    });
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.error,
+              "cannot open '" + path + "': " + std::strerror(ENOTDIR));
+    EXPECT_EQ(ModeOf(victim), 0700U);
+  }
 }
 
 }  // namespace

@@ -20,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "attributes.h"
 #include "support/clean_run.h"
 #include "support/mount.h"
 #include "support/new_operator.h"
@@ -27,6 +28,9 @@
 
 namespace {
 
+using attributes::kOtherFileSystem;
+using attributes::ModeOf;
+using attributes::StatOf;
 using support::RunWithoutLeak;
 using tov_file::Attrs;
 using zan_cgi::testing::BecomeOrdinaryUser;
@@ -38,7 +42,6 @@ using zan_cgi::testing::Told;
 using Names = std::vector<std::string>;
 
 constexpr uid_t kNobody = 65534;
-constexpr char kOtherFileSystem[] = "/dev/shm";
 
 /// What an interposed renameat2(2) does instead of renaming; inactive at first.
 struct {
@@ -49,14 +52,6 @@ struct {
 
 /// Whether an interposed open(2) makes no files without a name.
 bool has_no_unnamed_files = false;
-
-struct stat StatOf(const std::string& path) {
-  struct stat found {};
-  EXPECT_EQ(::lstat(path.c_str(), &found), 0) << path;
-  return found;
-}
-
-mode_t ModeOf(const std::string& path) { return StatOf(path).st_mode & 07777; }
 
 std::string OwnerOf(const std::string& path) {
   const struct stat found = StatOf(path);
@@ -423,7 +418,7 @@ enum class Way {
 class Move : public testing::TestWithParam<Way> {
  protected:
   void SetUp() override {
-    if (Across() && StatOf(from_.Path()).st_dev == StatOf(to_.Path()).st_dev) {
+    if (Across() && !attributes::IsOtherFileSystemAnother()) {
       GTEST_SKIP() << "needs another file system at " << kOtherFileSystem;
     }
     has_no_unnamed_files = GetParam() == Way::kCopyByName;
