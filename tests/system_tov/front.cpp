@@ -1,9 +1,10 @@
 // A front end that tells what it was given, one thing a line.
+#include <sys/stat.h>
 #include <tov/err.h>
 #include <zancgi/zancgi.h>
 
 #include <cstdio>
-#include <fstream>
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -13,8 +14,9 @@ void Tell(const char* what, const std::string& value) {
   std::printf("%s=%s\n", what, value.c_str());
 }
 
-std::streamoff SizeOf(const std::string& path) {
-  return std::ifstream(path, std::ios::ate).tellg();
+long SizeOf(const std::string& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0 ? status.st_size : -1;
 }
 
 void TellRequest(zan_cgi::Cgi& cgi) {

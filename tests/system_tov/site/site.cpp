@@ -1,3 +1,8 @@
+// What is small is defined here where no header defines it.
+#ifndef SITE_INLINE
+#define SITE_DEFINES_SMALL
+#endif
+
 #include <tov/client.h>
 #include <tov/env.h>
 #include <tov/err.h>
@@ -11,31 +16,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <cctype>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-
-#ifndef SITE_INLINE
-#include <tov/inline/err.h>
-#include <tov/inline/file.h>
-#include <tov/inline/log.h>
-#include <tov/inline/xml.h>
-#endif
 
 namespace str {
-namespace {
-
-constexpr const char* kWhite = " \t\r\n\v\f";
-constexpr const char* kDigits = "0123456789ABCDEF";
-
-bool IsPlain(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
-         (c >= '0' && c <= '9');
-}
-
-}  // namespace
 
 std::string GetWord(std::string& text, char delimiter) {
   return GetWord(text, std::string(1, delimiter));
@@ -56,6 +42,7 @@ std::string RGetWord(std::string& text, char delimiter) {
 }
 
 std::string Trim(const std::string& text) {
+  constexpr const char* kWhite = " \t\r\n\v\f";
   const std::size_t begin = text.find_first_not_of(kWhite);
   if (begin == std::string::npos) return "";
   return text.substr(begin, text.find_last_not_of(kWhite) + 1 - begin);
@@ -92,12 +79,11 @@ std::string Encode(const std::string& text) {
   std::string encoded;
   for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
-    if (IsPlain(c)) {
-      encoded += c;
-    } else {
-      encoded.append("%").append(1, kDigits[byte >> 4]);
-      encoded.append(1, kDigits[byte & 15]);
+    char escape[4] = {c};
+    if (std::isalnum(byte) == 0) {
+      std::snprintf(escape, sizeof(escape), "%%%02X", unsigned{byte});
     }
+    encoded += escape;
   }
   return encoded;
 }
@@ -168,9 +154,11 @@ XmlNode Xml::GetNode(const std::string& path) const {
 
 namespace tov_file {
 
-bool Exists(const std::string& path) { return std::filesystem::exists(path); }
+bool Exists(const std::string& path) {
+  return ::access(path.c_str(), F_OK) == 0;
+}
 
-void RemoveFile(const std::string& path) { std::filesystem::remove(path); }
+void RemoveFile(const std::string& path) { ::unlink(path.c_str()); }
 
 std::pair<std::string, std::string> SplitPath(const std::string& path) {
   std::string folder = path;
@@ -183,11 +171,16 @@ std::string ConcatPath(const std::string& folder, const std::string& name) {
 }
 
 std::string RealPath(const std::string& path) {
-  return std::filesystem::weakly_canonical(path);
+  char* const real = ::realpath(path.c_str(), nullptr);
+  const std::string copy = real == nullptr ? path : real;
+  std::free(real);
+  return copy;
 }
 
-Info::Info(const std::string& path, bool)
-    : is_dir_(std::filesystem::is_directory(path)) {}
+Info::Info(const std::string& path, bool) {
+  struct stat status {};
+  is_dir_ = ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
 
 void Attrs::SafeSet(const std::string& path, bool) const {
   if (owner_ != ~0U && ::chown(path.c_str(), owner_, group_) != 0) {
@@ -205,7 +198,9 @@ void MkDir(const std::string& path, const Attrs*) {
 }
 
 void Move(const std::string& from, const std::string& to) {
-  std::filesystem::rename(from, to);
+  if (std::rename(from.c_str(), to.c_str()) != 0) {
+    throw tov_err::Error("site: cannot move " + from);
+  }
 }
 
 Tmp::Tmp(const std::string& prefix)

@@ -1,5 +1,4 @@
-#ifndef SITE_CLIENT_H
-#define SITE_CLIENT_H
+#pragma once
 
 #include <cstddef>
 #include <memory>
@@ -31,5 +30,3 @@ class Protocol {
 std::unique_ptr<Protocol> Connect(const std::string& name, bool again = true);
 
 }  // namespace tov_client
-
-#endif

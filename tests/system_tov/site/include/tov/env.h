@@ -1,5 +1,4 @@
-#ifndef SITE_ENV_H
-#define SITE_ENV_H
+#pragma once
 
 #include <map>
 #include <string>
@@ -10,5 +9,3 @@ std::string GetEnv(const std::string& name);
 void GetAllEnvs(std::map<std::string, std::string>& variables);
 
 }  // namespace tov_env
-
-#endif

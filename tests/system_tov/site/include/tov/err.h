@@ -1,5 +1,4 @@
-#ifndef SITE_ERR_H
-#define SITE_ERR_H
+#pragma once
 
 #include <exception>
 #include <string>
@@ -45,10 +44,14 @@ class AssertError : public Error {
                     const std::string& message);
 };
 
+#ifdef SITE_DEFINES_SMALL
+SITE_FUNCTION Value::Value(const std::string& name, const std::string& value)
+    : Error("site: bad " + name + " [" + value + "]") {}
+SITE_FUNCTION Value::~Value() = default;
+
+SITE_FUNCTION Missed::Missed(const std::string& name, const std::string& value)
+    : Error("site: no " + name + " [" + value + "]") {}
+SITE_FUNCTION Missed::~Missed() = default;
+#endif
+
 }  // namespace tov_err
-
-#ifdef SITE_INLINE
-#include <tov/inline/err.h>
-#endif
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef SITE_FILE_H
-#define SITE_FILE_H
+#pragma once
 
 #include <string>
 #include <utility>
@@ -51,10 +50,14 @@ class Tmp {
   std::string name_;
 };
 
+#ifdef SITE_DEFINES_SMALL
+SITE_FUNCTION Attrs::Attrs(int mode) : mode_(mode), owner_(~0U), group_(~0U) {}
+SITE_FUNCTION Attrs::Attrs(int mode, unsigned owner, unsigned group)
+    : mode_(mode), owner_(owner), group_(group) {}
+
+SITE_FUNCTION bool Info::IsDir() const { return is_dir_; }
+
+SITE_FUNCTION const std::string& Tmp::Name() const { return name_; }
+#endif
+
 }  // namespace tov_file
-
-#ifdef SITE_INLINE
-#include <tov/inline/file.h>
-#endif
-
-#endif

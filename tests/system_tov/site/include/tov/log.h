@@ -1,6 +1,6 @@
-#ifndef SITE_LOG_H
-#define SITE_LOG_H
+#pragma once
 
+#include <cstdlib>
 #include <string>
 
 #include <tov/site.h>
@@ -21,10 +21,14 @@ class Module {
   std::string name_;
 };
 
+#ifdef SITE_DEFINES_SMALL
+SITE_FUNCTION Module::Module(const char* name, const char* group)
+    : name_(std::string(name) + "/" + group) {}
+
+SITE_FUNCTION bool Module::Check(Level level) {
+  const char* const threshold = std::getenv("SITE_LOG");
+  return threshold != nullptr && level <= std::strtol(threshold, nullptr, 10);
+}
+#endif
+
 }  // namespace tov_log
-
-#ifdef SITE_INLINE
-#include <tov/inline/log.h>
-#endif
-
-#endif

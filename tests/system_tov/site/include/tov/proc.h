@@ -1,10 +1,7 @@
-#ifndef SITE_PROC_H
-#define SITE_PROC_H
+#pragma once
 
 namespace tov_proc {
 
 void Sleep(unsigned milliseconds);
 
 }  // namespace tov_proc
-
-#endif

@@ -1,11 +1,12 @@
 /// @file
 /// What this base library, another one than ours, chooses at compile time.
-#ifndef SITE_H
-#define SITE_H
+#pragma once
 
+// What is small is defined in the headers, either there for all or once, in
+// site.cpp.
 #ifdef SITE_INLINE
-/// What is small stands in the headers.
 #define SITE_FUNCTION inline
+#define SITE_DEFINES_SMALL
 #else
 #define SITE_FUNCTION
 #endif
@@ -18,5 +19,3 @@ struct Room {
 };
 
 }  // namespace site
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef SITE_STR_H
-#define SITE_STR_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -32,5 +31,3 @@ std::string Encode(const std::string& text);
 
 }  // namespace url
 }  // namespace str
-
-#endif

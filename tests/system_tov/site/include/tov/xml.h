@@ -1,5 +1,4 @@
-#ifndef SITE_XML_H
-#define SITE_XML_H
+#pragma once
 
 #include <string>
 #include <utility>
@@ -35,10 +34,11 @@ class Xml {
   std::string text_;
 };
 
+#ifdef SITE_DEFINES_SMALL
+SITE_FUNCTION XmlNode::operator bool() const { return !tag_.empty(); }
+
+SITE_FUNCTION Xml::Xml() : text_("nothing yet") {}
+SITE_FUNCTION Xml::~Xml() { text_.clear(); }
+#endif
+
 }  // namespace tov_xml
-
-#ifdef SITE_INLINE
-#include <tov/inline/xml.h>
-#endif
-
-#endif
