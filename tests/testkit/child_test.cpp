@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/time.h>
 #include <unistd.h>
 #include <zancgi/testing/backend.h>
 #include <zancgi/testing/child.h>
@@ -15,6 +14,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "support/signals.h"
 
 namespace {
 
@@ -47,19 +48,9 @@ TEST(Child, ServesARequest) {
   EXPECT_EQ(outcome.told["answer"], "<doc/>");
 }
 
-/// Has this process, a child, handle a signal every so often, whatever it is
-/// doing.
-void InterruptEvery(std::chrono::microseconds pause) {
-  struct sigaction action {};
-  action.sa_handler = [](int) {};
-  ASSERT_EQ(::sigaction(SIGALRM, &action, nullptr), 0);
-  const itimerval timer{{0, pause.count()}, {0, pause.count()}};
-  ASSERT_EQ(::setitimer(ITIMER_REAL, &timer, nullptr), 0);
-}
-
 TEST(Child, IsServedWholeByATestThatHandlesSignals) {
   const Outcome outcome = Child().Run([](const Told& told) {
-    InterruptEvery(std::chrono::microseconds(200));
+    support::StartSignalStorm(200);
     const std::string large(8'000'000, 'x');
     Backend backend;
     backend.Then(Answer(large));
@@ -123,18 +114,15 @@ TEST(Child, TellsHowItHasEndedAlsoWhereTheEndsOfChildrenAreIgnored) {
   EXPECT_EQ(::signal(SIGCHLD, before), SIG_IGN);
 }
 
-TEST(Child, ThatLeavesAProcessIsToldOf) {
+TEST(Child, ThatLeavesAProcessOrADescriptorIsToldOf) {
   const Outcome outcome = Child().Run([](const Told&) {
+    ::dup(0);
     if (::fork() == 0) ::pause();
   });
   EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.leaked_descriptors.size(), 1U);
   ASSERT_EQ(outcome.left_processes.size(), 1U);
   EXPECT_NE(::kill(std::stoi(outcome.left_processes.front()), 0), 0);
-}
-
-TEST(Child, ThatLeavesADescriptorIsToldOf) {
-  const Outcome outcome = Child().Run([](const Told&) { ::dup(0); });
-  ASSERT_EQ(outcome.leaked_descriptors.size(), 1U);
 }
 
 TEST(Child, IsRefusedToTheEndOfItsRun) {

@@ -632,7 +632,7 @@ TEST(Signals, DoNotInterruptAConversation) {
       });
   EXPECT_EQ(outcome.error, "");
   EXPECT_EQ(outcome.told.at("answer"), "first second");
-  EXPECT_GT(std::stoi(outcome.told.at("alarms")), 50);
+  EXPECT_GT(std::stoi(outcome.told.at("alarms")), 10);
 }
 
 TEST(Signals, DoNotInterruptAConnectionThatHasToWait) {
@@ -658,7 +658,7 @@ TEST(Signals, DoNotInterruptAConnectionThatHasToWait) {
         ::close(listener);
       });
   EXPECT_EQ(outcome.error, "");
-  EXPECT_GT(std::stoi(outcome.told.at("alarms")), 10);
+  EXPECT_GT(std::stoi(outcome.told.at("alarms")), 3);
 }
 
 /// Sends more than a socket takes to a back end that closes without reading.

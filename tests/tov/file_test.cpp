@@ -175,6 +175,7 @@ TEST(RemoveFile, TakesAMissingFileForRemoved) {
   const Scratch scratch;
   EXPECT_NO_THROW(tov_file::RemoveFile(scratch / "missing"));
   EXPECT_NO_THROW(tov_file::RemoveFile(scratch / "missing/file"));
+  EXPECT_NO_THROW(tov_file::RemoveFile(scratch.MakeFile("file") + "/file"));
 }
 
 TEST(RemoveFile, DoesNotRemoveADirectory) {

@@ -1,0 +1,124 @@
+// Requests and forms, as a browser and a web server would make them, and what a
+// web server makes of the answers of CGI programs.
+
+#include <gtest/gtest.h>
+#include <zancgi/testing/form.h>
+#include <zancgi/testing/request.h>
+#include <zancgi/testing/response.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using zan_cgi::testing::Form;
+using zan_cgi::testing::FromUrlEncoded;
+using zan_cgi::testing::Items;
+using zan_cgi::testing::ParseResponse;
+using zan_cgi::testing::Post;
+using zan_cgi::testing::Response;
+using zan_cgi::testing::UrlEncoded;
+
+TEST(UrlEncoded, IsWhatBrowsersSend) {
+  EXPECT_EQ(UrlEncoded({{"a b", "1&2=3"}, {"c", "\xc3\xbc~-._*"}}),
+            "a+b=1%262%3D3&c=%C3%BC%7E-._*");
+  EXPECT_EQ(UrlEncoded({}), "");
+}
+
+TEST(FromUrlEncoded, IsTheWayBack) {
+  std::string all;
+  for (int byte = 0; byte < 256; ++byte) all += static_cast<char>(byte);
+  const Items items{{all, all}, {"", "x"}, {"x", ""}};
+  EXPECT_EQ(FromUrlEncoded(UrlEncoded(items)), items);
+}
+
+TEST(FromUrlEncoded, TakesOddItems) {
+  EXPECT_EQ(FromUrlEncoded("a&&b=1=2&%4&%zz=%"),
+            (Items{{"a", ""}, {"b", "1=2"}, {"%4", ""}, {"%zz", "%"}}));
+}
+
+TEST(Request, DeclaresTheLengthOfItsBodyUnlessToldAnother) {
+  EXPECT_EQ(Post("/").Environment().count("CONTENT_LENGTH"), 0U);
+  auto environment = Post("/").Body("abc", "a/b").Environment();
+  EXPECT_EQ(environment["CONTENT_LENGTH"], "3");
+  EXPECT_EQ(environment["CONTENT_TYPE"], "a/b");
+  environment =
+      Post("/").Header("content-length", "9").Body("abc", "a/b").Environment();
+  EXPECT_EQ(environment["CONTENT_LENGTH"], "9");
+}
+
+TEST(Form, IsWhatBrowsersSend) {
+  const Form form = Form().Field("a", "1").File("b\"", "c\r\n.txt", "2", "d/e");
+  EXPECT_EQ(form.ContentType(),
+            "multipart/form-data; boundary=----ZancgiTesting");
+  EXPECT_EQ(form.Body(),
+            "------ZancgiTesting\r\n"
+            "Content-Disposition: form-data; name=\"a\"\r\n\r\n1\r\n"
+            "------ZancgiTesting\r\n"
+            "Content-Disposition: form-data; name=\"b%22\"; "
+            "filename=\"c%0D%0A.txt\"\r\n"
+            "Content-Type: d/e\r\n\r\n2\r\n"
+            "------ZancgiTesting--\r\n");
+}
+
+TEST(Form, HasABoundaryThatIsInNoPart) {
+  const std::string boundary = Form().Boundary();
+  const Form form =
+      Form().Field("a", "--" + boundary).Field("b", boundary + "X");
+  EXPECT_EQ(form.Boundary(), boundary + "XX");
+}
+
+TEST(ParseResponse, FindsHeaderAndBody) {
+  const Response response = ParseResponse(
+      "Content-Type: text/html\r\nX-A:  b \r\nx-a: c\r\n\r\n<p>\r\n\r\n");
+  EXPECT_EQ(response.malformed, "");
+  EXPECT_EQ(response.status, 200);
+  EXPECT_EQ(response.Header("content-type"), "text/html");
+  EXPECT_EQ(response.Headers("X-a"), (std::vector<std::string>{"b", "c"}));
+  EXPECT_EQ(response.Header("X-B"), "");
+  EXPECT_EQ(response.body, "<p>\r\n\r\n");
+}
+
+TEST(ParseResponse, TakesLinesThatEndWithoutReturn) {
+  const Response response = ParseResponse("Content-Type: a\nX-B: c\n\nbody");
+  EXPECT_EQ(response.Header("x-b"), "c");
+  EXPECT_EQ(response.body, "body");
+}
+
+TEST(ParseResponse, FindsTheStatus) {
+  const Response response =
+      ParseResponse("status: 404 Not Found\nContent-Type: a\n\n");
+  EXPECT_EQ(response.status, 404);
+  EXPECT_EQ(response.reason, "Not Found");
+  EXPECT_EQ(ParseResponse("Status: 204\n\n").status, 204);
+  EXPECT_EQ(ParseResponse("Location: /elsewhere\n\n").status, 302);
+}
+
+TEST(ParseResponse, FindsCookies) {
+  const Response response = ParseResponse(
+      "Content-Type: a\nSet-Cookie: a=1; Path=/\nSet-Cookie: b=2\n\n");
+  EXPECT_EQ(response.Cookie("a"), "1");
+  EXPECT_EQ(response.Cookie("b"), "2");
+  EXPECT_EQ(response.Cookie("c"), "");
+}
+
+TEST(ParseResponse, SaysWhatIsNoAnswer) {
+  for (const auto& [answer, complaint] :
+       {std::pair("", "no empty line behind the header"),
+        {"Content-Type: a\r\n", "no empty line behind the header"},
+        {"hello\n\n", "no header field: 'hello'"},
+        {"a b: c\n\n", "no header field: 'a b: c'"},
+        {"X: y\n\n", "neither Content-Type nor Location"},
+        {"Status: 200\n\nbody", "neither Content-Type nor Location"},
+        {"Status: 20\nContent-Type: a\n\n", "no status: '20'"},
+        {"Status: 2000\nContent-Type: a\n\n", "no status: '2000'"},
+        {"Status: OK\nContent-Type: a\n\n", "no status: 'OK'"},
+        {"Content-Type: a\nContent-Type: a\n\n",
+         "more than one field Content-Type"}}) {
+    EXPECT_EQ(ParseResponse(answer).malformed, complaint) << answer;
+  }
+  EXPECT_EQ(ParseResponse("hello\n\n").status, 0);
+}
+
+}  // namespace
