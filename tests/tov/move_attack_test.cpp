@@ -72,6 +72,9 @@ enum class Way {
   kCopyByName,
 };
 
+constexpr Way kWays[] = {Way::kRename, Way::kLink, Way::kCopy,
+                         Way::kCopyByName};
+
 bool IsCopy(Way way) { return way == Way::kCopy || way == Way::kCopyByName; }
 
 /// The folders "spool", which is as /tmp is, "vault", which is root's, and
@@ -326,56 +329,38 @@ void ExpectAFailureOfOurs(const Attacked& attacked) {
       << attacked.error_type << ": " << attacked.error;
 }
 
-/// The ways that this machine has.
-std::vector<Way> Ways() {
-  std::vector<Way> ways = {Way::kRename, Way::kLink};
-  if (IsOtherFileSystemAnother()) {
-    ways.insert(ways.end(), {Way::kCopy, Way::kCopyByName});
-  }
-  return ways;
-}
+/// What the account exchanges, and from when on.
+struct Aim {
+  /// Where it is; empty while it is not there yet.
+  std::string (Place::*path)() const;
+  /// The call behind which the account begins; from the first on if empty.
+  const char* behind = "";
+};
 
-std::string NameOf(const testing::TestParamInfo<std::tuple<Way, Bait>>& info) {
+using Scenario = std::tuple<Way, Bait, Aim>;
+
+std::string NameOf(const testing::TestParamInfo<Scenario>& info) {
   static const std::map<Way, std::string> kNames = {
       {Way::kRename, "Renaming"},
       {Way::kLink, "Linking"},
       {Way::kCopy, "Copying"},
       {Way::kCopyByName, "CopyingByName"}};
-  return kNames.at(std::get<0>(info.param)) + std::get<1>(info.param).name;
+  return kNames.at(std::get<Way>(info.param)) + std::get<Bait>(info.param).name;
 }
 
-class MoveUnderAttack : public testing::TestWithParam<std::tuple<Way, Bait>> {
+class MoveUnderAttack : public testing::TestWithParam<Scenario> {
  protected:
   void SetUp() override {
     if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
-  }
-
-  static Way TheWay() { return std::get<0>(GetParam()); }
-  static const Bait& TheBait() { return std::get<1>(GetParam()); }
-
-  /// Runs the attack once before each call.
-  /// @param path    what the account exchanges; empty when it is not there yet
-  /// @param behind  the call behind which it begins; from the first on if empty
-  void AttackEverywhere(const std::function<std::string(const Place&)>& path,
-                        const std::string& behind = "") const {
-    int calls = 1;
-    int done = 0;
-    for (int at = 0; at < calls; ++at) {
-      SCOPED_TRACE("before call " + std::to_string(at));
-      const Place place(IsCopy(TheWay()));
-      const Strings roots_files = place.RootsFiles();
-      const Attacked attacked = Attack(place, TheWay(), {at, behind}, [&] {
-        return Exchange(path(place), place);
-      });
-      calls = std::max(calls, attacked.calls);
-      done += attacked.done ? 1 : 0;
-      ExpectAFailureOfOurs(attacked);
-      ExpectNoGain(place, roots_files);
+    if (IsCopy(TheWay()) && !IsOtherFileSystemAnother()) {
+      GTEST_SKIP() << "needs another file system at " << kOtherFileSystem;
     }
-    EXPECT_GT(done, 0) << "the account had no opportunity";
   }
 
- private:
+  static Way TheWay() { return std::get<Way>(GetParam()); }
+  static const Bait& TheBait() { return std::get<Bait>(GetParam()); }
+  static const Aim& TheAim() { return std::get<Aim>(GetParam()); }
+
   static bool Exchange(const std::string& path, const Place& place) {
     if (path.empty()) return false;
     const bool gone = AsAccount(
@@ -386,52 +371,49 @@ class MoveUnderAttack : public testing::TestWithParam<std::tuple<Way, Bait>> {
   }
 };
 
-class SourceUnderAttack : public MoveUnderAttack {};
-
-INSTANTIATE_TEST_SUITE_P(Baits, SourceUnderAttack,
-                         testing::Combine(testing::ValuesIn(Ways()),
-                                          testing::ValuesIn(kBaits)),
+INSTANTIATE_TEST_SUITE_P(AtSource, MoveUnderAttack,
+                         testing::Combine(testing::ValuesIn(kWays),
+                                          testing::ValuesIn(kBaits),
+                                          testing::Values(Aim{&Place::Source})),
                          NameOf);
-
-TEST_P(SourceUnderAttack, GivesNothingAway) {
-  AttackEverywhere([](const Place& place) { return place.Source(); });
-}
 
 // From when on the move knows which file it is to move.
-class KnownSourceUnderAttack : public MoveUnderAttack {};
-
-INSTANTIATE_TEST_SUITE_P(Baits, KnownSourceUnderAttack,
-                         testing::Combine(testing::ValuesIn(Ways()),
-                                          testing::Values(kHardLinkToProgram)),
+INSTANTIATE_TEST_SUITE_P(AtKnownSource, MoveUnderAttack,
+                         testing::Combine(testing::ValuesIn(kWays),
+                                          testing::Values(kHardLinkToProgram),
+                                          testing::Values(Aim{&Place::Source,
+                                                              "lstat"})),
                          NameOf);
 
-TEST_P(KnownSourceUnderAttack, GivesNothingAway) {
-  AttackEverywhere([](const Place& place) { return place.Source(); }, "lstat");
-}
-
-class TargetUnderAttack : public MoveUnderAttack {};
-
-INSTANTIATE_TEST_SUITE_P(Baits, TargetUnderAttack,
-                         testing::Combine(testing::ValuesIn(Ways()),
-                                          testing::ValuesIn(kBaits)),
+INSTANTIATE_TEST_SUITE_P(AtTarget, MoveUnderAttack,
+                         testing::Combine(testing::ValuesIn(kWays),
+                                          testing::ValuesIn(kBaits),
+                                          testing::Values(Aim{&Place::Target})),
                          NameOf);
 
-TEST_P(TargetUnderAttack, GivesNothingAway) {
-  AttackEverywhere([](const Place& place) { return place.Target(); });
-}
-
-class DraftUnderAttack : public MoveUnderAttack {};
-
-INSTANTIATE_TEST_SUITE_P(Baits, DraftUnderAttack,
+INSTANTIATE_TEST_SUITE_P(AtDraft, MoveUnderAttack,
                          testing::Combine(testing::Values(Way::kCopyByName),
-                                          testing::ValuesIn(kBaits)),
+                                          testing::ValuesIn(kBaits),
+                                          testing::Values(Aim{&Place::Draft})),
                          NameOf);
 
-TEST_P(DraftUnderAttack, GivesNothingAway) {
-  if (!IsOtherFileSystemAnother()) {
-    GTEST_SKIP() << "needs another file system at " << kOtherFileSystem;
+// The attack comes once before each call.
+TEST_P(MoveUnderAttack, GivesNothingAway) {
+  int calls = 1;
+  int done = 0;
+  for (int at = 0; at < calls; ++at) {
+    SCOPED_TRACE("before call " + std::to_string(at));
+    const Place place(IsCopy(TheWay()));
+    const Strings roots_files = place.RootsFiles();
+    const Attacked attacked =
+        Attack(place, TheWay(), {at, TheAim().behind},
+               [&] { return Exchange((place.*TheAim().path)(), place); });
+    calls = std::max(calls, attacked.calls);
+    done += attacked.done ? 1 : 0;
+    ExpectAFailureOfOurs(attacked);
+    ExpectNoGain(place, roots_files);
   }
-  AttackEverywhere([](const Place& place) { return place.Draft(); });
+  EXPECT_GT(done, 0) << "the account had no opportunity";
 }
 
 class MoveAndAttack : public testing::Test {
