@@ -104,62 +104,65 @@ TEST(HandOver, OfNothingLooksTheAccountUp) {
   )");
 }
 
-/// What a POST with the upload "f" comes to, before what happens to it.
+/// A body with the upload "f", and what a POST of it comes to.
 const std::string kBody = Upload("u", "f", "content") + kFormEnd;
 std::string Uploaded() {
-  return trace::Admission(kBody) + R"(
-    ConcatPath('spool', 'zantemp')
-    Tmp('spool/zantemp')
-    zancgi 8: ParseInput Creating new file spool/zantemp-1
-    Attrs(0700)
-    Attrs(0700).SafeSet('spool/zantemp-1', false)
-  )" + trace::End(kBody);
+  return trace::Admission(kBody) + trace::Making(1) + trace::End(kBody);
 }
 
 /// Parses such a request and becomes the account in its home.
-auto UploadAndBecome(const std::string& user) {
-  return Serve([user](Cgi& cgi) {
+auto UploadAndBecome(const std::string& user, bool use_chroot = false) {
+  return Serve([=](Cgi& cgi) {
     cgi.ParseQuery();
-    cgi.Su(user, "", false, false);
+    cgi.Su(user, use_chroot ? "/" : "", use_chroot, false);
     Result(cgi.File("f"));
   });
 }
 
-TEST(Su, HandsTheUploadsOverBeforeTheSwitch) {
-  ExpectTrace(trace::Post(kBody), UploadAndBecome("alice"), Uploaded() + R"(
+/// The trace of the hand-over of the upload to "alice".
+const char kHandOver[] = R"(
     getpwnam alice
     Attrs(0644, 1001, 1002)
     ConcatPath('.', 'zantemp-1')
     Attrs(0644, 1001, 1002).SafeSet('spool/zantemp-1', false)
     unix 9: [zancgi_unix.cpp]:# moving file 'f' stored as 'spool/zantemp-1' to './zantemp-1'
     Move('spool/zantemp-1', './zantemp-1')
+)";
+
+TEST(Su, HandsTheUploadsOverBeforeTheSwitch) {
+  ExpectTrace(trace::Post(kBody), UploadAndBecome("alice"),
+              Uploaded() + kHandOver + R"(
     getpwnam alice
     chdir .
     initgroups alice 1001
     setgid 1002
     setuid 1001
     = ./zantemp-1
-    Exists('./zantemp-1')
-    zancgi 9: [zancgi.cpp]:# dropping temporary file './zantemp-1'
-    RemoveFile('./zantemp-1')
+  )" + trace::Dropping("./zantemp-1"));
+}
+
+TEST(Su, HandsTheUploadsOverAndWarmsTheResolverUpBeforeItConfines) {
+  // The root directory stays as it was here, and has no such file.
+  ExpectTrace(trace::Post(kBody), UploadAndBecome("alice", true),
+              Uploaded() + kHandOver + R"(
+    getpwnam alice
+    unix 8: ChRoot Init resolver
+    chroot .
+    initgroups alice 1001
+    setgid 1002
+    setuid 1001
+    chdir /
+    = /zantemp-1
+    Exists('/zantemp-1')
   )");
 }
 
 TEST(Su, IsNotTriedAfterAHandOverThatFails) {
   Script script = trace::Post(kBody);
   script.effects["Move"] = {Fail("no room")};
-  ExpectTrace(script, UploadAndBecome("alice"), Uploaded() + R"(
-    getpwnam alice
-    Attrs(0644, 1001, 1002)
-    ConcatPath('.', 'zantemp-1')
-    Attrs(0644, 1001, 1002).SafeSet('spool/zantemp-1', false)
-    unix 9: [zancgi_unix.cpp]:# moving file 'f' stored as 'spool/zantemp-1' to './zantemp-1'
-    Move('spool/zantemp-1', './zantemp-1')
-    throws tov_err::Error: no room
-    Exists('spool/zantemp-1')
-    zancgi 9: [zancgi.cpp]:# dropping temporary file 'spool/zantemp-1'
-    RemoveFile('spool/zantemp-1')
-  )");
+  ExpectTrace(script, UploadAndBecome("alice"),
+              Uploaded() + kHandOver + "throws tov_err::Error: no room\n" +
+                  trace::Dropping("spool/zantemp-1"));
 }
 
 TEST(Su, ToRootLeavesTheUploadsAndEntersHisHome) {
@@ -170,25 +173,64 @@ TEST(Su, ToRootLeavesTheUploadsAndEntersHisHome) {
     setuid 0
     chdir .
     = spool/zantemp-1
-    Exists('spool/zantemp-1')
-    zancgi 9: [zancgi.cpp]:# dropping temporary file 'spool/zantemp-1'
-    RemoveFile('spool/zantemp-1')
-  )");
+  )" + trace::Dropping("spool/zantemp-1"));
 }
 
-TEST(Su, WarmsTheResolverUpBeforeItConfines) {
-  ExpectTrace({}, Serve([](Cgi& cgi) { cgi.Su("alice", "/", true, false); }),
-              R"(
-    getpwnam alice
-    Attrs(0644, 1001, 1002)
-    getpwnam alice
-    unix 8: ChRoot Init resolver
-    chroot .
-    initgroups alice 1001
-    setgid 1002
-    setuid 1001
-    chdir /
-  )");
+/// Becomes "alice", with a session.
+/// @param session  the trace of the session
+void ExpectSession(const Script& script, const std::string& session) {
+  for (const bool use_chroot : {false, true}) {
+    ExpectTrace(script, Serve([=](Cgi& cgi) {
+                  RecordOf(cgi).DoSu("alice", use_chroot ? "/" : "", use_chroot,
+                                     true);
+                }),
+                std::string("getpwnam alice\n") +
+                    (use_chroot ? "unix 8: ChRoot Init resolver\nchroot .\n"
+                                : "chdir .\n") +
+                    "initgroups alice 1001\nsetgid 1002\n"
+                    "unix 9: [zancgi_unix.cpp]:# starting PAM session for user "
+                    "'alice'\npam_start login alice myconv\n" +
+                    session + "setuid 1001\n" + (use_chroot ? "chdir /" : ""));
+  }
+}
+
+const char kStarted[] = R"(
+    unix 9: [zancgi_unix.cpp]:# PAM start done
+    pam_open_session session silent
+)";
+
+const char kOpened[] = R"(
+    unix 9: [zancgi_unix.cpp]:# PAM open_session - ok
+    pam_close_session session silent
+)";
+
+TEST(Session, IsOpenedAndClosedBeforeTheProcessIsTheUser) {
+  ExpectSession({}, std::string(kStarted) + kOpened + R"(
+    unix 9: [zancgi_unix.cpp]:# PAM close_session - ok
+    pam_end session 0
+)");
+}
+
+TEST(Session, ThatFailsToStartIsNotEnded) {
+  for (const int code : {4, 5, 26, -1, 1000}) {
+    ExpectSession({.failures = {{"pam_start login alice myconv", {code}}}},
+                  "unix 4: failed to start PAM session\n");
+  }
+}
+
+TEST(Session, EndsWithTheCodeOfWhatFails) {
+  for (const int code : {6, 14, -1, 1000}) {
+    const std::string number = std::to_string(code);
+    const auto failing = [&](const std::string& what) {
+      return "pam_strerror session " + number + "\nunix 4: PAM error " +
+             number + " (what it means) on " + what + "\npam_end session " +
+             number + "\n";
+    };
+    ExpectSession({.failures = {{"pam_open_session session silent", {code}}}},
+                  kStarted + failing("open_session"));
+    ExpectSession({.failures = {{"pam_close_session session silent", {code}}}},
+                  kStarted + (kOpened + failing("close_session")));
+  }
 }
 
 }  // namespace

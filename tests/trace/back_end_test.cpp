@@ -39,19 +39,26 @@ TEST(Query, SendsWhatConcernsTheBackEndInOrder) {
   ExpectTrace({.environment = {{"AUTH_TYPE", "no"},
                                {"CONTENT_LENGTH", "no"},
                                {"CONTENT_TYPE", "no"},
+                               {"GATEWAY_INTERFACE", "no"},
                                {"HTTP", "no"},
                                {"HTTPS", "on"},
                                {"HTTPS2", "no"},
                                {"HTTP_", "x"},
                                {"HTTP_COOKIE", "a=1"},
+                               {"PATH", "no"},
+                               {"PATH_INFO", "no"},
                                {"QUERY_STRING", "no"},
+                               {"REMOTE", "no"},
                                {"REMOTE_ADDR", "r"},
                                {"REQUEST", "no"},
+                               {"REQUEST_", "x"},
                                {"REQUEST_METHOD", "POST"},
                                {"REQUEST_METHOD2", "x"},
                                {"REQUEST_URI", "/u=v"},
+                               {"SERVER", "no"},
                                {"SERVER_NAME", ""},
-                               {"http_lower", "no"}},
+                               {"http_lower", "no"},
+                               {"xHTTP_A", "no"}},
                .answers = {"one\n<?xml?>" + std::string(1024, 'x') + "\nend"}},
               Serve([](Cgi& cgi) {
                 Result(std::to_string(cgi.Query("func=a").size()));
@@ -66,6 +73,7 @@ TEST(Query, SendsWhatConcernsTheBackEndInOrder) {
     SendEnv('HTTP_COOKIE=a=1')
     SendEnv('QUERY_STRING=func=a&out=xml')
     SendEnv('REMOTE_ADDR=r')
+    SendEnv('REQUEST_=x')
     SendEnv('REQUEST_METHOD=GET')
     SendEnv('REQUEST_METHOD2=x')
     SendEnv('REQUEST_URI=/u=v')
@@ -81,19 +89,24 @@ TEST(Query, SendsWhatConcernsTheBackEndInOrder) {
   )");
 }
 
-TEST(Query, WithAllItsItemsAppendsNone) {
-  ExpectTrace({.answers = {"a<?xml?>"}}, Ask("layout=1&auth=2&sfrom=3"), R"(
-    GetAllEnvs()
-    zancgi 7: cgi.Query('layout=1&auth=2&sfrom=3') tov 'panel'
-    Connect('panel', false)
-    SendEnv('QUERY_STRING=layout=1&auth=2&sfrom=3')
+/// The trace of a query that is answered by one line.
+/// @param lines  the environment before it, as it is sent
+std::string Asked(const std::string& query, const std::string& lines = "",
+                  const std::string& service = "panel") {
+  return "GetAllEnvs()\nzancgi 7: cgi.Query('" + query + "') tov '" + service +
+         "'\nConnect('" + service + "', false)\n" + lines +
+         "SendEnv('QUERY_STRING=" + query + R"(')
     SendEnv('REQUEST_METHOD=GET')
     RequestComplete()
     GetAnswer(1024)
     GetAnswer(1024)
     ~Protocol()
-    = a<?xml?>
-  )");
+)";
+}
+
+TEST(Query, WithAllItsItemsAppendsNone) {
+  ExpectTrace({.answers = {"a<?xml?>"}}, Ask("layout=1&auth=2&sfrom=3"),
+              Asked("layout=1&auth=2&sfrom=3") + "= a<?xml?>");
 }
 
 TEST(Query, AppendsFormatThenSessionThenSender) {
@@ -108,17 +121,8 @@ TEST(Query, AppendsFormatThenSessionThenSender) {
     Append('', 'out=xml', '&')
     Append('&out=xml', 'auth=i d', '&')
     Append('&out=xml&auth=i d', 'sfrom=x&y', '&')
-    GetAllEnvs()
-    zancgi 7: cgi.Query('&out=xml&auth=i d&sfrom=x&y') tov 'other'
-    Connect('other', false)
-    SendEnv('QUERY_STRING=&out=xml&auth=i d&sfrom=x&y')
-    SendEnv('REQUEST_METHOD=GET')
-    RequestComplete()
-    GetAnswer(1024)
-    GetAnswer(1024)
-    ~Protocol()
-    = <?xml?>
-  )");
+  )" + Asked("&out=xml&auth=i d&sfrom=x&y", "", "other") +
+                  "= <?xml?>");
 }
 
 TEST(Query, OfAMapEncodesTheValuesInOrderOfTheNames) {
@@ -130,17 +134,8 @@ TEST(Query, OfAMapEncodesTheValuesInOrderOfTheNames) {
     Append('', 'a=[1&2]', '&')
     Encode('x y')
     Append('&a=[1&2]&b &=[x y]', 'out=xml', '&')
-    GetAllEnvs()
-    zancgi 7: cgi.Query('&a=[1&2]&b &=[x y]&out=xml') tov 'panel'
-    Connect('panel', false)
-    SendEnv('QUERY_STRING=&a=[1&2]&b &=[x y]&out=xml')
-    SendEnv('REQUEST_METHOD=GET')
-    RequestComplete()
-    GetAnswer(1024)
-    GetAnswer(1024)
-    ~Protocol()
-    = x
-  )");
+  )" + Asked("&a=[1&2]&b &=[x y]&out=xml") +
+                  "= x");
 }
 
 TEST(Query, WithoutANameOrSessionMakesNoCall) {
@@ -239,35 +234,18 @@ Act Authorize(AuthMethod method) {
 }
 
 /// The trace of the query for a session, up to the first look at its answer.
-/// @param query  what is sent
-/// @param lines  the environment before it, as it is sent
 std::string Whoami(const std::string& query, const std::string& lines,
                    const std::string& answer) {
-  return R"(
-    GetAllEnvs()
-    zancgi 7: cgi.Query(')" +
-         query + R"(') tov 'panel'
-    Connect('panel', false)
-    )" + lines +
-         R"(
-    SendEnv('QUERY_STRING=)" +
-         query + R"(')
-    SendEnv('REQUEST_METHOD=GET')
-    RequestComplete()
-    GetAnswer(1024)
-    GetAnswer(1024)
-    ~Protocol()
-    LoadFromString(')" +
-         answer + R"(')
-    GetNode('/doc/error')
-)";
+  return Asked(query, lines) + "LoadFromString('" + answer +
+         "')\nGetNode('/doc/error')\n";
 }
 
 /// The same of a session in the cookie.
 std::string WhoamiByCookie(const std::string& answer) {
   return "zancgi 9: [zancgi.cpp]:# session cookie found\n" +
          Whoami("func=whoami&out=xml",
-                std::string("SendEnv('HTTP_COOKIE=") + kCookies + "')", answer);
+                std::string("SendEnv('HTTP_COOKIE=") + kCookies + "')\n",
+                answer);
 }
 
 /// Of the user's attributes either may be read first.
@@ -292,26 +270,40 @@ TEST(Authorize, ByTheCookieAlsoReadsTheLanguage) {
 }
 
 TEST(Authorize, ByAParameterParsesTheRequestFirst) {
-  Script script = Get("auth=p&sfrom=x");
-  script.answers = {kAlice};
-  const std::string trace = R"(
+  struct Case {
+    AuthMethod method;
+    /// None that counts.
+    std::string cookies;
+  };
+  for (const Case& by : {Case{Cgi::AuthInfo::AuthAny, ""},
+                         {Cgi::AuthInfo::AuthAny, "panelses5=; a=b"},
+                         {Cgi::AuthInfo::AuthParams, "panelses5=s"}}) {
+    Script script = Get("auth=p&sfrom=x");
+    script.answers = {kAlice};
+    std::string lines;
+    if (!by.cookies.empty()) {
+      script.environment["HTTP_COOKIE"] = by.cookies;
+      lines = "SendEnv('HTTP_COOKIE=" + by.cookies + "')\n";
+    }
+    ExpectTrace(script, Authorize(by.method),
+                R"(
     zancgi 9: [zancgi.cpp]:# session cookie not found, trying params
     zancgi 8: void zan_cgi::Cgi::Data::ParseQuery()
     zancgi 8: void zan_cgi::Cgi::Data::ParseQueryString(std::string)
     Append('func=whoami&out=xml', 'auth=p', '&')
     Append('func=whoami&out=xml&auth=p', 'sfrom=x', '&')
-  )" + Whoami("func=whoami&out=xml&auth=p&sfrom=x", "", kAlice) +
-                            kUser;
-  const std::string result = R"(
+  )" + Whoami("func=whoami&out=xml&auth=p&sfrom=x", lines, kAlice) +
+                    kUser + R"(
     = session 'p' by 2
     = alice 7  
-  )";
-  ExpectTrace(script, Authorize(Cgi::AuthInfo::AuthAny), trace + result);
-  ExpectTrace(script, Authorize(Cgi::AuthInfo::AuthParams), trace + result);
+  )");
+  }
 }
 
 TEST(Authorize, WithoutASessionSendsNothing) {
-  ExpectTrace(Get(""), Authorize(Cgi::AuthInfo::AuthAny), R"(
+  for (const AuthMethod method :
+       {Cgi::AuthInfo::AuthAny, Cgi::AuthInfo::AuthParams}) {
+    ExpectTrace(Get(""), Authorize(method), R"(
     zancgi 9: [zancgi.cpp]:# session cookie not found, trying params
     zancgi 8: void zan_cgi::Cgi::Data::ParseQuery()
     zancgi 8: void zan_cgi::Cgi::Data::ParseQueryString(std::string)
@@ -319,14 +311,22 @@ TEST(Authorize, WithoutASessionSendsNothing) {
     = session '' by 2
     throws std::runtime_error: not authorized
   )");
+  }
 }
 
 TEST(Authorize, ByAMissingCookieAsksForAnEmptySession) {
-  for (const auto method :
-       {Cgi::AuthInfo::AuthCookie, static_cast<AuthMethod>(3)}) {
-    ExpectTrace({.answers = {kAlice}}, Authorize(method),
+  // A method beyond the named ones does not even read the cookie.
+  for (const auto& [method, cookie] :
+       {std::pair(Cgi::AuthInfo::AuthCookie, "other=s"),
+        std::pair(static_cast<AuthMethod>(3), "panelses5=s")}) {
+    Script script = Get("auth=p");
+    script.environment["HTTP_COOKIE"] = cookie;
+    script.answers = {kAlice};
+    const std::string line =
+        std::string("SendEnv('HTTP_COOKIE=") + cookie + "')\n";
+    ExpectTrace(script, Authorize(method),
                 "zancgi 9: [zancgi.cpp]:# session cookie found\n" +
-                    Whoami("func=whoami&out=xml", "", kAlice) + kUser + R"(
+                    Whoami("func=whoami&out=xml", line, kAlice) + kUser + R"(
     = session '' by 1
     = alice 7  
   )");
@@ -336,9 +336,13 @@ TEST(Authorize, ByAMissingCookieAsksForAnEmptySession) {
 TEST(Authorize, WithoutAServiceMakesNoCall) {
   ExpectTrace({.environment = {{"HTTP_COOKIE", "ses5=s"}}}, Serve([](Cgi& cgi) {
                 cgi.SetTovName("");
-                cgi.Authorize(Cgi::AuthInfo::AuthAny);
+                trace::Try([&] { cgi.Authorize(Cgi::AuthInfo::AuthAny); });
+                cgi.auth();
               }),
-              "throws tov_err::Missed: Missed(\"tovname\", \"\")");
+              R"(
+    throws tov_err::Missed: Missed("tovname", "")
+    throws std::runtime_error: not authorized
+  )");
 }
 
 TEST(Authorize, NamesTheRefusalBeforeItLooksForTheUser) {

@@ -33,6 +33,14 @@ using trace::Script;
 using trace::Serve;
 using zan_cgi::Cgi;
 
+/// The trace of a construction that enters this folder.
+std::string Constructing(const std::string& folder) {
+  return "zancgi 8: void zan_cgi::Cgi::Data::ParseCookies()\nRealPath('" +
+         folder +
+         "')\nunix 9: [zancgi_unix.cpp]:# set working directory to '[" +
+         folder + "]'\nchdir [" + folder + "]\n";
+}
+
 /// The construction itself; the addresses and cookies are results.
 Act Construct(const std::string& program) {
   return [program] {
@@ -53,11 +61,7 @@ TEST(Construction, ReadsTheEnvironmentThenChangesTheDirectory) {
                                {"HTTP_X_FORWARDED_FOR", "p, q"},
                                {"REMOTE_ADDR", "r"},
                                {"SERVER_ADDR", "s"}}},
-              Construct("cgi/front"), R"(
-    zancgi 8: void zan_cgi::Cgi::Data::ParseCookies()
-    RealPath('cgi/..')
-    unix 9: [zancgi_unix.cpp]:# set working directory to '[cgi/..]'
-    chdir [cgi/..]
+              Construct("cgi/front"), Constructing("cgi/..") + R"(
     = a: 1
     = b: x=%41
     = c: 
@@ -67,11 +71,7 @@ TEST(Construction, ReadsTheEnvironmentThenChangesTheDirectory) {
 
 TEST(Construction, WithoutCookiesIsTheSame) {
   ExpectTrace({.environment = {{"REMOTE_ADDR", "r"}}}, Construct("/a/b/front"),
-              R"(
-    zancgi 8: void zan_cgi::Cgi::Data::ParseCookies()
-    RealPath('/a/b/..')
-    unix 9: [zancgi_unix.cpp]:# set working directory to '[/a/b/..]'
-    chdir [/a/b/..]
+              Constructing("/a/b/..") + R"(
     = from 'r' to ''
   )");
 }
@@ -82,17 +82,7 @@ TEST(Construction, ResolvesTheFolderAboveTheProgramsFolder) {
                                         {"a/b/", "a/b/.."},
                                         {"a\\b", "./.."}}) {
     ExpectTrace({}, Construct(program),
-                "zancgi 8: void zan_cgi::Cgi::Data::ParseCookies()\n"
-                "RealPath('" +
-                    std::string(folder) +
-                    "')\n"
-                    "unix 9: [zancgi_unix.cpp]:# set working directory to '[" +
-                    folder +
-                    "]'\n"
-                    "chdir [" +
-                    folder +
-                    "]\n"
-                    "= from '' to ''\n");
+                Constructing(folder) + "= from '' to ''");
   }
 }
 
@@ -206,18 +196,13 @@ TEST(OtherMethod, IsRefusedEachTime) {
 }
 
 TEST(PostWithoutABoundary, IsAQueryStringWhoseNamesStayAsSent) {
-  ExpectTrace(Post("a+b=1+2&=x&c=3&c=4&d", "text/plain"), Serve(ReportParams),
-              R"(
-    zancgi 8: void zan_cgi::Cgi::Data::ParseQuery()
-    zancgi 8: void zan_cgi::Cgi::Data::ParseInput()
-    Int64('20')
-    zancgi 9: [zancgi.cpp]:# POST boundary detected: false
-    zancgi 9: [zancgi.cpp]:# temp dir is empty, new temp dir 'spool'
-    statfs spool
-    zancgi 9: [zancgi.cpp]:# query size '20', free space in tmpdir '512000'
+  const std::string body = "a+b=1+2&=x&c=3&c=4&d";
+  ExpectTrace(
+      Post(body, "text/plain"),
+      Serve(ReportParams), trace::Admission(body, {.is_multipart = false}) + R"(
     zancgi 9: [zancgi.cpp]:# appending 20 chars to buff
     zancgi 9: [zancgi.cpp]:# no boundaries in POST data, assuming GET format
-    zancgi 9: [zancgi.cpp]:# End of stdin parsing, stdin state EOF false, GOOD true, read 20 of 20 chars
+  )" + trace::End(body) + R"(
     = a+b: [1+2]
     = c: 4
     = d: 
@@ -309,19 +294,14 @@ TEST(PostWithoutASpool, IsReadToItsEndAndFails) {
   Script script = Post(input.body);
   script.environment["TMP"] = "missing";
   script.effects["Sleep"] = {nullptr, input};
-  ExpectTrace(script, Serve([&](Cgi& cgi) {
-                input.Begin();
-                trace::Try([&] { cgi.ParseQuery(); });
-                cgi.ParseQuery();
-                Result(cgi.Param("a"));
-              }),
-              R"(
-    zancgi 8: void zan_cgi::Cgi::Data::ParseQuery()
-    zancgi 8: void zan_cgi::Cgi::Data::ParseInput()
-    Int64('7')
-    zancgi 9: [zancgi.cpp]:# POST boundary detected: true
-    zancgi 9: [zancgi.cpp]:# temp dir is empty, new temp dir 'missing'
-    statfs missing
+  ExpectTrace(
+      script, Serve([&](Cgi& cgi) {
+        input.Begin();
+        trace::Try([&] { cgi.ParseQuery(); });
+        cgi.ParseQuery();
+        Result(cgi.Param("a"));
+      }),
+      trace::Admission(input.body, {.spool = "missing", .free_space = ""}) + R"(
     zancgi 9: [zancgi.cpp]:# Reading query before processing thrown exception
     Sleep(100)
     Sleep(100)

@@ -40,7 +40,9 @@ bool IsListed(const std::string& line) {
 }
 
 bool IsOfTheLog(const std::string& line) {
-  return line.starts_with("zancgi ") || line.starts_with("unix ");
+  return line.starts_with("zancgi ") || line.starts_with("unix ") ||
+         // Gives words for a line.
+         line.starts_with("pam_strerror ");
 }
 
 Lines LinesOf(const std::string& text) {
@@ -60,6 +62,7 @@ Lines TraceOf(Script script, const Act& act) {
       Child().WorkDir(folder.Path()).StandardInput(input).Run([&](const Told&) {
         const support::Recording recording(
             {.accounts = {{"alice", 1001, 1002, "."}, {"root", 0, 0, "."}},
+             .failures = script.failures,
              .free_blocks = script.free_blocks});
         Follow(script);
         act();
@@ -171,20 +174,36 @@ Script Post(const std::string& body, const std::string& content_type) {
           .input = body};
 }
 
-std::string Admission(const std::string& body) {
+std::string Admission(const std::string& body, const Admitted& admitted) {
   const std::string size = std::to_string(body.size());
-  return R"(
+  const std::string& spool = admitted.spool;
+  std::string text = R"(
     zancgi 8: void zan_cgi::Cgi::Data::ParseQuery()
     zancgi 8: void zan_cgi::Cgi::Data::ParseInput()
-    Int64(')" +
-         size + R"(')
-    zancgi 9: [zancgi.cpp]:# POST boundary detected: true
-    zancgi 9: [zancgi.cpp]:# temp dir is empty, new temp dir 'spool'
-    statfs spool
-    zancgi 9: [zancgi.cpp]:# query size ')" +
-         size +
-         R"(', free space in tmpdir '512000'
 )";
+  text += "Int64('" + size + "')\n";
+  text += "zancgi 9: [zancgi.cpp]:# POST boundary detected: ";
+  text += admitted.is_multipart ? "true\n" : "false\n";
+  text += "zancgi 9: [zancgi.cpp]:# temp dir is empty, new temp dir '" + spool +
+          "'\nstatfs " + spool + "\n";
+  if (admitted.free_space.empty()) return text;
+  return text + "zancgi 9: [zancgi.cpp]:# query size '" + size +
+         "', free space in tmpdir '" + admitted.free_space + "'\n";
+}
+
+std::string Making(int number) {
+  const std::string path = "spool/zantemp-" + std::to_string(number);
+  return "ConcatPath('spool', 'zantemp')\n"
+         "Tmp('spool/zantemp')\n"
+         "zancgi 8: ParseInput Creating new file " +
+         path + "\nAttrs(0700)\nAttrs(0700).SafeSet('" + path + "', false)\n";
+}
+
+std::string Dropping(const std::string& path) {
+  const std::string quoted = "'" + path + "'";
+  return "Exists(" + quoted +
+         ")\nzancgi 9: [zancgi.cpp]:# dropping temporary file " + quoted +
+         "\nRemoveFile(" + quoted + ")\n";
 }
 
 std::string End(const std::string& body) {

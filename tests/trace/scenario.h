@@ -52,9 +52,22 @@ Script Get(const std::string& query);
 Script Post(const std::string& body,
             const std::string& content_type = support::kForm);
 
-/// The trace of the first parse of such a multipart form, up to where its body
-/// is read.
-std::string Admission(const std::string& body);
+/// What a request is admitted with.
+struct Admitted {
+  bool is_multipart = true;
+  std::string spool = "spool";
+  /// In bytes; empty when that cannot be found out.
+  std::string free_space = "512000";
+};
+
+/// The trace of the first parse of such a body, up to where it is read.
+std::string Admission(const std::string& body, const Admitted& admitted = {});
+
+/// The same of the making of an upload's file, which is the nth.
+std::string Making(int number);
+
+/// The same of the removal of an upload that is there.
+std::string Dropping(const std::string& path);
 
 /// What a complete body ends with.
 std::string End(const std::string& body);

@@ -36,6 +36,8 @@ struct Script {
   /// By function, what happens at its first call, its second, and so on. Calls
   /// of Decode without anything to decode do not count.
   std::map<std::string, std::vector<Effect>> effects = {};
+  /// How calls of the system fail: see support::Answers.
+  std::map<std::string, std::vector<int>> failures = {};
   /// How many blocks of 512 bytes are free in every file system.
   long free_blocks = 1000;
   /// What Check() returns.

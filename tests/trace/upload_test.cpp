@@ -23,15 +23,20 @@ using support::kFormEnd;
 using support::RecordOf;
 using support::Upload;
 using trace::Admission;
+using trace::Dropping;
 using trace::End;
 using trace::ExpectTrace;
 using trace::Fail;
+using trace::Making;
 using trace::Post;
 using trace::ReportParams;
 using trace::Result;
 using trace::Script;
 using trace::Serve;
 using zan_cgi::Cgi;
+
+/// A body with one upload.
+const std::string kBody = Upload("u", "f", "content") + kFormEnd;
 
 /// Whether the file of the first upload exists and is open.
 void ReportFile() {
@@ -67,20 +72,14 @@ TEST(Upload, IsMadeProtectedAndRemoved) {
                 ParseAndReport(cgi);
                 ReportParams(cgi);
               }),
-              Admission(body) + R"(
-    ConcatPath('spool', 'zantemp')
-    Tmp('spool/zantemp')
-    zancgi 8: ParseInput Creating new file spool/zantemp-1
-    Attrs(0700)
-    Attrs(0700).SafeSet('spool/zantemp-1', false)
+              Admission(body) + Making(1) + R"(
     = made, open
   )" + End(body) + R"(
     = spool/zantemp-1, 7 bytes, parsed
     = a: b
     = u: f
-    Exists('spool/zantemp-1')
-    zancgi 9: [zancgi.cpp]:# dropping temporary file 'spool/zantemp-1'
-    RemoveFile('spool/zantemp-1')
+  )" + Dropping("spool/zantemp-1") +
+                  R"(
     = made
   )");
 }
@@ -88,49 +87,25 @@ TEST(Upload, IsMadeProtectedAndRemoved) {
 TEST(Upload, IsMadeAnewForEach) {
   const std::string body =
       Upload("u", "f", "first") + Upload("v", "e", "2") + kFormEnd;
-  ExpectTrace(Post(body), Serve(ParseAndReport), Admission(body) + R"(
-    ConcatPath('spool', 'zantemp')
-    Tmp('spool/zantemp')
-    zancgi 8: ParseInput Creating new file spool/zantemp-1
-    Attrs(0700)
-    Attrs(0700).SafeSet('spool/zantemp-1', false)
-    ConcatPath('spool', 'zantemp')
-    Tmp('spool/zantemp')
-    zancgi 8: ParseInput Creating new file spool/zantemp-2
-    Attrs(0700)
-    Attrs(0700).SafeSet('spool/zantemp-2', false)
-  )" + End(body) + R"(
+  ExpectTrace(Post(body), Serve(ParseAndReport),
+              Admission(body) + Making(1) + Making(2) + End(body) + R"(
     = spool/zantemp-1, 5 bytes, parsed
-    Exists('spool/zantemp-2')
-    zancgi 9: [zancgi.cpp]:# dropping temporary file 'spool/zantemp-2'
-    RemoveFile('spool/zantemp-2')
-    Exists('spool/zantemp-1')
-    zancgi 9: [zancgi.cpp]:# dropping temporary file 'spool/zantemp-1'
-    RemoveFile('spool/zantemp-1')
-  )");
+  )" + Dropping("spool/zantemp-2") +
+                  Dropping("spool/zantemp-1"));
 }
 
 TEST(Upload, ThatCannotBeProtectedEndsTheParse) {
-  const std::string body = Upload("u", "f", "content") + kFormEnd;
-  Script script = Post(body);
+  Script script = Post(kBody);
   script.effects["SafeSet"] = {Fail("not permitted")};
   ExpectTrace(script, Serve([](Cgi& cgi) {
                 ParseAndReport(cgi);
                 ReportFile();
               }),
-              Admission(body) + R"(
-    ConcatPath('spool', 'zantemp')
-    Tmp('spool/zantemp')
-    zancgi 8: ParseInput Creating new file spool/zantemp-1
-    Attrs(0700)
-    Attrs(0700).SafeSet('spool/zantemp-1', false)
+              Admission(kBody) + Making(1) + R"(
     throws tov_err::Error: not permitted
     = spool/zantemp-1, 0 bytes, not parsed
     = made
-    Exists('spool/zantemp-1')
-    zancgi 9: [zancgi.cpp]:# dropping temporary file 'spool/zantemp-1'
-    RemoveFile('spool/zantemp-1')
-  )");
+  )" + Dropping("spool/zantemp-1"));
 }
 
 /// The rest of the body is dropped by a further read of nothing.
@@ -140,15 +115,9 @@ const char kWriteError[] = R"(
 )";
 
 TEST(Upload, ThatCannotBeOpenedFailsAtItsFirstWrite) {
-  const std::string body = Upload("u", "f", "content") + kFormEnd;
-  Script script = Post(body);
+  Script script = Post(kBody);
   script.effects["Tmp"] = {[] { fs::remove("spool"); }};
-  ExpectTrace(script, Serve(ParseAndReport), Admission(body) + R"(
-    ConcatPath('spool', 'zantemp')
-    Tmp('spool/zantemp')
-    zancgi 8: ParseInput Creating new file spool/zantemp-1
-    Attrs(0700)
-    Attrs(0700).SafeSet('spool/zantemp-1', false)
+  ExpectTrace(script, Serve(ParseAndReport), Admission(kBody) + Making(1) + R"(
     RemoveFile('spool/zantemp-1')
   )" + kWriteError + R"(
     = spool/zantemp-1, 0 bytes, parsed
@@ -165,16 +134,10 @@ void FillTheDisk() {
 }
 
 TEST(Upload, ThatCannotBeWrittenIsClosedAndRemoved) {
-  const std::string body = Upload("u", "f", "content") + kFormEnd;
-  Script script = Post(body);
+  Script script = Post(kBody);
   script.effects["SafeSet"] = {FillTheDisk};
   script.effects["RemoveFile"] = {ReportFile};
-  ExpectTrace(script, Serve(ParseAndReport), Admission(body) + R"(
-    ConcatPath('spool', 'zantemp')
-    Tmp('spool/zantemp')
-    zancgi 8: ParseInput Creating new file spool/zantemp-1
-    Attrs(0700)
-    Attrs(0700).SafeSet('spool/zantemp-1', false)
+  ExpectTrace(script, Serve(ParseAndReport), Admission(kBody) + Making(1) + R"(
     RemoveFile('spool/zantemp-1')
     = made
   )" + kWriteError + R"(
@@ -184,66 +147,39 @@ TEST(Upload, ThatCannotBeWrittenIsClosedAndRemoved) {
 }
 
 TEST(Upload, ThatCannotBeRemovedEitherEndsTheParse) {
-  const std::string body = Upload("u", "f", "content") + kFormEnd;
-  Script script = Post(body);
+  Script script = Post(kBody);
   script.effects["SafeSet"] = {FillTheDisk};
   script.effects["RemoveFile"] = {Fail("busy"), Fail("still busy")};
-  ExpectTrace(script, Serve(ParseAndReport), Admission(body) + R"(
-    ConcatPath('spool', 'zantemp')
-    Tmp('spool/zantemp')
-    zancgi 8: ParseInput Creating new file spool/zantemp-1
-    Attrs(0700)
-    Attrs(0700).SafeSet('spool/zantemp-1', false)
+  ExpectTrace(script, Serve(ParseAndReport), Admission(kBody) + Making(1) + R"(
     RemoveFile('spool/zantemp-1')
     throws tov_err::Error: busy
     = spool/zantemp-1, 0 bytes, not parsed
-    Exists('spool/zantemp-1')
-    zancgi 9: [zancgi.cpp]:# dropping temporary file 'spool/zantemp-1'
-    RemoveFile('spool/zantemp-1')
+  )" + Dropping("spool/zantemp-1") + R"(
     zancgi 4: failed to remove tamporary file 'spool/zantemp-1'
   )");
 }
 
+const char kNoRoom[] =
+    "zancgi 4: There is not enoght free space on 'spool' to process a query\n";
+
 TEST(UploadWithoutRoom, IsNotMade) {
-  const std::string body = Upload("u", "f", "content") + kFormEnd;
-  Script script = Post(body);
+  Script script = Post(kBody);
   script.free_blocks = 0;
-  const std::string size = std::to_string(body.size());
-  ExpectTrace(script, Serve([](Cgi& cgi) {
-                trace::Try([&] { cgi.ParseQuery(); });
-                ReportParams(cgi);
-              }),
-              R"(
-    zancgi 8: void zan_cgi::Cgi::Data::ParseQuery()
-    zancgi 8: void zan_cgi::Cgi::Data::ParseInput()
-    Int64(')" + size +
-                  R"(')
-    zancgi 9: [zancgi.cpp]:# POST boundary detected: true
-    zancgi 9: [zancgi.cpp]:# temp dir is empty, new temp dir 'spool'
-    statfs spool
-    zancgi 9: [zancgi.cpp]:# query size ')" +
-                  size + R"(', free space in tmpdir '0'
-    zancgi 4: There is not enoght free space on 'spool' to process a query
-  )" + kWriteError +
-                  R"(
-    = u: f
-  )");
+  ExpectTrace(
+      script, Serve([](Cgi& cgi) {
+        trace::Try([&] { cgi.ParseQuery(); });
+        ReportParams(cgi);
+      }),
+      Admission(kBody, {.free_space = "0"}) + kNoRoom + kWriteError + "= u: f");
 }
 
 TEST(UploadWithoutRoom, IsNoneForFields) {
   const std::string body(513, 'x');
-  Script script = Post(body);
+  Script script = Post(body, "");
   script.free_blocks = 1;
-  script.environment["CONTENT_TYPE"] = "";
-  ExpectTrace(script, Serve([](Cgi& cgi) { cgi.ParseQuery(); }), R"(
-    zancgi 8: void zan_cgi::Cgi::Data::ParseQuery()
-    zancgi 8: void zan_cgi::Cgi::Data::ParseInput()
-    Int64('513')
-    zancgi 9: [zancgi.cpp]:# POST boundary detected: false
-    zancgi 9: [zancgi.cpp]:# temp dir is empty, new temp dir 'spool'
-    statfs spool
-    zancgi 9: [zancgi.cpp]:# query size '513', free space in tmpdir '512'
-    zancgi 4: There is not enoght free space on 'spool' to process a query
+  ExpectTrace(script, Serve([](Cgi& cgi) { cgi.ParseQuery(); }),
+              Admission(body, {.is_multipart = false, .free_space = "512"}) +
+                  kNoRoom + R"(
     zancgi 9: [zancgi.cpp]:# appending 513 chars to buff
     zancgi 9: [zancgi.cpp]:# no boundaries in POST data, assuming GET format
   )" + End(body));
@@ -260,31 +196,19 @@ void EndWithThreeUploads(Cgi& cgi) {
 }
 
 TEST(TearDown, RemovesTheUploadsThatAreThere) {
-  ExpectTrace({}, Serve(EndWithThreeUploads), R"(
-    Exists('spool/1')
-    zancgi 9: [zancgi.cpp]:# dropping temporary file 'spool/1'
-    RemoveFile('spool/1')
+  ExpectTrace({}, Serve(EndWithThreeUploads), Dropping("spool/1") + R"(
     Exists('spool/2')
-    Exists('spool/3')
-    zancgi 9: [zancgi.cpp]:# dropping temporary file 'spool/3'
-    RemoveFile('spool/3')
-  )");
+  )" + Dropping("spool/3"));
 }
 
 TEST(TearDown, GoesOnAfterAFailureOfAnyType) {
   ExpectTrace({.effects = {{"Exists", {nullptr, trace::Throw(1)}},
                            {"RemoveFile", {Fail()}}}},
-              Serve(EndWithThreeUploads), R"(
-    Exists('spool/1')
-    zancgi 9: [zancgi.cpp]:# dropping temporary file 'spool/1'
-    RemoveFile('spool/1')
+              Serve(EndWithThreeUploads), Dropping("spool/1") + R"(
     zancgi 4: failed to remove tamporary file 'spool/1'
     Exists('spool/2')
     zancgi 4: failed to remove tamporary file 'spool/2'
-    Exists('spool/3')
-    zancgi 9: [zancgi.cpp]:# dropping temporary file 'spool/3'
-    RemoveFile('spool/3')
-  )");
+  )" + Dropping("spool/3"));
 }
 
 TEST(TearDown, WaitsForTheLastCopy) {
@@ -300,14 +224,10 @@ TEST(TearDown, WaitsForTheLastCopy) {
     unix 9: [zancgi_unix.cpp]:# set working directory to '[cgi/..]'
     chdir [cgi/..]
     = end
-    Exists('spool/1')
-    zancgi 9: [zancgi.cpp]:# dropping temporary file 'spool/1'
-    RemoveFile('spool/1')
+  )" + Dropping("spool/1") +
+                  R"(
     Exists('spool/2')
-    Exists('spool/3')
-    zancgi 9: [zancgi.cpp]:# dropping temporary file 'spool/3'
-    RemoveFile('spool/3')
-  )");
+  )" + Dropping("spool/3"));
 }
 
 }  // namespace

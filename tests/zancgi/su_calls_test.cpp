@@ -7,11 +7,9 @@
 #include <security/pam_appl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <tov/err.h>
 #include <unistd.h>
 #include <zancgi/testing/child.h>
 #include <zancgi/testing/identity.h>
-#include <zancgi/testing/input.h>
 #include <zancgi/testing/scratch.h>
 #include <zancgi/zancgi.h>
 
@@ -20,7 +18,6 @@
 #include <filesystem>
 #include <functional>
 #include <iterator>
-#include <regex>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -28,7 +25,6 @@
 #include <vector>
 
 #include "support/account.h"
-#include "support/form.h"
 #include "support/mount.h"
 #include "support/switch.h"
 #include "support/switch_calls.h"
@@ -50,8 +46,6 @@ using zan_cgi::testing::Child;
 using zan_cgi::testing::Outcome;
 using zan_cgi::testing::Told;
 
-/// Marks the end of what a test looks at.
-const char kEnd[] = "the end";
 const char kInitgroups[] = "initgroups visitor 54321";
 const char kHomeClosed[] = "failed to chroot to users home folder";
 
@@ -123,24 +117,16 @@ Lines OfGroups(const Machine& machine, bool use_chroot) {
   return lines;
 }
 
-Lines OfPamUntil(const std::string& last) {
-  Lines lines;
-  for (const zan_cgi::testing::LogLine& line :
-       Lines{{9, "zancgi_unix.cpp:N starting PAM session for user 'visitor'"},
-             Called("pam_start login visitor myconv"),
-             {9, "zancgi_unix.cpp:N PAM start done"},
-             Called("pam_open_session session silent"),
-             {9, "zancgi_unix.cpp:N PAM open_session - ok"},
-             Called("pam_close_session session silent"),
-             {9, "zancgi_unix.cpp:N PAM close_session - ok"},
-             Called("pam_end session 0")}) {
-    lines.push_back(line);
-    if (line.text == last) break;
-  }
-  return lines;
+Lines OfWholePam() {
+  return {{9, "zancgi_unix.cpp:N starting PAM session for user 'visitor'"},
+          Called("pam_start login visitor myconv"),
+          {9, "zancgi_unix.cpp:N PAM start done"},
+          Called("pam_open_session session silent"),
+          {9, "zancgi_unix.cpp:N PAM open_session - ok"},
+          Called("pam_close_session session silent"),
+          {9, "zancgi_unix.cpp:N PAM close_session - ok"},
+          Called("pam_end session 0")};
 }
-
-Lines OfWholePam() { return OfPamUntil("pam_end session 0"); }
 
 /// Where PAM is not called.
 Lines OfNoPam() {
@@ -206,7 +192,8 @@ Lines OfSwitchUntilCheck(const Machine& machine) {
 Lines OfCheckedSwitch(const Machine& machine, const std::string& dir,
                       int levels) {
   Lines lines = OfSwitchUntilCheck(machine);
-  Add(lines, {Called("stat ."), Called("chdir " + dir)});
+  lines.push_back(Called("stat ."));
+  if (dir != "/") lines.push_back(Called("chdir " + dir));
   Add(lines, OfWayUp(levels));
   return lines;
 }
@@ -260,25 +247,6 @@ TEST_P(SuCallsCombination, OfAnAccountComeInTheirOrder) {
   EXPECT_EQ(switched.log, OfSwitch(machine_, call));
 }
 
-TEST_P(SuCallsCombination, ThatAreMadeComeInTheSameOrder) {
-  if (!support::CanUseAccounts()) {
-    GTEST_SKIP() << "needs root, with the right to mount";
-  }
-  const Call as_root = CallAs("root");
-  const Switched root = RecordSwitch(machine_, as_root, Made());
-  EXPECT_EQ(root.error, "");
-  EXPECT_EQ(root.log, OfRoot(as_root.dir.empty() ? "/" : as_root.dir));
-
-  const Call call = CallAs("visitor");
-  const Switched switched = RecordSwitch(machine_, call, Made());
-  EXPECT_EQ(switched.error, Error(call));
-  // PAM is not called in a home that is the account's own.
-  Lines calls =
-      OfSwitch(machine_, call, call.use_chroot ? OfNoPam() : OfWholePam());
-  std::erase(calls, Called("statfs /"));
-  EXPECT_EQ(switched.log, calls);
-}
-
 class SuCalls : public testing::Test {
  protected:
   /// Of a switch for which nobody becomes anybody.
@@ -294,30 +262,47 @@ class SuCalls : public testing::Test {
   Answers answers_ = Pretended(machine_);
 };
 
+/// A directory to enter, and how far up the home is looked for.
+struct Checked {
+  std::string dir;
+  /// How many levels above it the home is met; below 0 for never.
+  int levels;
+  /// How it fails to look at the home, then at the directory.
+  std::vector<int> errors = {};
+};
+
 TEST_F(SuCalls, GoUpFromTheDirectoryUntilTheHomeIsMet) {
   machine_.MakeDir("home/www/a/b");
-  for (const auto& [dir, levels] : std::vector<std::pair<std::string, int>>{
-           {".", 0}, {"www/..", 0}, {"www/a", 2}, {"www/a/b", 3}}) {
-    const Switched switched = Pretend({.dir = dir});
-    EXPECT_EQ(switched.error, "") << dir;
-    EXPECT_EQ(switched.log, OfCheckedSwitch(machine_, dir, levels)) << dir;
-    EXPECT_EQ(switched.identity.work_dir,
-              fs::canonical(machine_.Home() + "/" + dir).string());
+  for (const Checked& checked :
+       std::vector<Checked>{{"/", 0},
+                            {".", 0},
+                            {"www/..", 0},
+                            {"www/a", 2},
+                            {"www/a/b", 3},
+                            {"../other", -1},
+                            // What is not known is not the home, unless neither
+                            // is known and the process stays in the home.
+                            {"../other", -1, {EACCES}},
+                            {"../other", -1, {0, EACCES}},
+                            {"../other", -1, {EACCES, EACCES}},
+                            {"www", -1, {EACCES}},
+                            {"www", -1, {EACCES, EACCES}},
+                            {"www", 1, {0, EACCES}},
+                            {"/", -1, {EACCES}},
+                            {"/", -1, {0, EACCES}},
+                            {"/", 0, {EACCES, EACCES}}}) {
+    SCOPED_TRACE(checked.dir + testing::PrintToString(checked.errors));
+    FailAt("stat .", checked.errors);
+    const Switched switched = Pretend({.dir = checked.dir});
+    const bool is_inside = checked.levels >= 0;
+    const fs::path entered = fs::canonical(machine_.Home() + "/" + checked.dir);
+    EXPECT_EQ(switched.error, is_inside ? "" : "it is not your folder");
+    EXPECT_EQ(
+        switched.log,
+        OfCheckedSwitch(machine_, checked.dir,
+                        is_inside ? checked.levels : LevelsToTheEnd(entered)));
+    EXPECT_EQ(switched.identity.work_dir, entered);
   }
-}
-
-TEST_F(SuCalls, GoUpToTheRootWhenTheHomeIsNotMet) {
-  const std::string other = machine_ / "other";
-  const Switched switched = Pretend({.dir = "/../other"});
-  EXPECT_EQ(switched.error, "it is not your folder");
-  EXPECT_EQ(switched.log,
-            OfCheckedSwitch(machine_, "../other", LevelsToTheEnd(other)));
-  EXPECT_EQ(switched.identity.work_dir, other);
-}
-
-TEST_F(SuCalls, OfADirectoryWithSlashesInFrontAreThoseWithout) {
-  EXPECT_EQ(Pretend({.dir = "//www"}).log, Pretend({.dir = "www"}).log);
-  EXPECT_EQ(Pretend({.dir = "///"}).log, Pretend({.dir = "/"}).log);
 }
 
 TEST_F(SuCalls, OfAnAccountThatIsMissingAreOne) {
@@ -455,62 +440,6 @@ TEST_F(SuCalls, SetNoMoreGroupsThanTheKernelTakes) {
   EXPECT_NE(std::find(log.begin(), log.end(), Called(most)), log.end());
 }
 
-TEST_F(SuCalls, RefuseWhatIsOutsideWhateverIsNotKnownOfTheDirectories) {
-  const int levels = LevelsToTheEnd(machine_ / "other");
-  for (const std::vector<int>& errors :
-       {std::vector<int>{EACCES}, {0, EACCES}, {EACCES, EACCES}}) {
-    FailAt("stat .", errors);
-    const Switched switched = Pretend({.dir = "../other"});
-    EXPECT_EQ(switched.error, "it is not your folder");
-    EXPECT_EQ(switched.log, OfCheckedSwitch(machine_, "../other", levels));
-    EXPECT_EQ(switched.identity.work_dir, machine_ / "other");
-  }
-}
-
-TEST_F(SuCalls, RefuseWhatIsInsideWhenTheHomeIsNotKnown) {
-  const std::string inside = machine_.Home() + "/www";
-  for (const std::vector<int>& errors :
-       {std::vector<int>{EACCES}, {EACCES, EACCES}}) {
-    FailAt("stat .", errors);
-    const Switched switched = Pretend({.dir = "www"});
-    EXPECT_EQ(switched.error, "it is not your folder");
-    EXPECT_EQ(switched.log,
-              OfCheckedSwitch(machine_, "www", LevelsToTheEnd(inside)));
-    EXPECT_EQ(switched.identity.work_dir, inside);
-  }
-}
-
-TEST_F(SuCalls, AcceptWhatIsInsideWhenTheHomeIsMetFurtherUp) {
-  FailAt("stat .", {0, EACCES});
-  const Switched switched = Pretend({.dir = "www"});
-  EXPECT_EQ(switched.error, "");
-  EXPECT_EQ(switched.log, OfCheckedSwitch(machine_, "www", 1));
-}
-
-TEST_F(SuCalls, StayInAHomeThatTellsNothingBothTimes) {
-  FailAt("stat .", {EACCES, EACCES});
-  const Switched switched = Pretend({.dir = "/"});
-  EXPECT_EQ(switched.error, "");
-  Lines calls = OfSwitchUntilCheck(machine_);
-  Add(calls, {Called("stat ."), Called("stat .")});
-  EXPECT_EQ(switched.log, calls);
-  EXPECT_EQ(switched.identity.work_dir, machine_.Home());
-}
-
-TEST_F(SuCalls, RefuseTheHomeItselfWhenItIsKnownOnlyOnce) {
-  Lines calls = OfSwitchUntilCheck(machine_);
-  calls.push_back(Called("stat ."));
-  Add(calls, OfWayUp(LevelsToTheEnd(machine_.Home())));
-  for (const std::vector<int>& errors :
-       {std::vector<int>{EACCES}, {0, EACCES}}) {
-    FailAt("stat .", errors);
-    const Switched switched = Pretend({.dir = "/"});
-    EXPECT_EQ(switched.error, "it is not your folder");
-    EXPECT_EQ(switched.log, calls);
-    EXPECT_EQ(switched.identity.work_dir, machine_.Home());
-  }
-}
-
 TEST_F(SuCalls, StopWhereTheWayUpIsNotKnown) {
   machine_.MakeDir("home/www/a");
   for (const int error : {EACCES, ENOENT, EIO}) {
@@ -524,35 +453,6 @@ TEST_F(SuCalls, StopWhereTheWayUpIsNotKnown) {
     switched = Pretend({.dir = "www/a"});
     EXPECT_EQ(switched.error, "stat error");
     EXPECT_EQ(switched.log, OfCheckedSwitch(machine_, "www/a", 2));
-  }
-}
-
-TEST_F(SuCalls, OfPamEndWithItsStartWhenThatFails) {
-  FailAt("pam_start login visitor myconv", {PAM_ABORT});
-  Lines pam = OfPamUntil("pam_start login visitor myconv");
-  pam.push_back({4, "failed to start PAM session"});
-  for (const bool use_chroot : {false, true}) {
-    const Call call = {.dir = "/", .use_chroot = use_chroot, .use_pam = true};
-    const Switched switched = Pretend(call);
-    EXPECT_EQ(switched.error, "");
-    EXPECT_EQ(switched.log, OfSwitch(machine_, call, pam));
-  }
-}
-
-TEST_F(SuCalls, OfPamAreEndedWithTheCodeOfTheSessionThatFails) {
-  for (const std::string what : {"open", "close"}) {
-    const std::string failing = "pam_" + what + "_session session silent";
-    FailAt(failing, {PAM_SESSION_ERR});
-    Lines pam = OfPamUntil(failing);
-    Add(pam, {Called("pam_strerror session 14"),
-              {4, "PAM error 14 (what it means) on " + what + "_session"},
-              Called("pam_end session 14")});
-    for (const bool use_chroot : {false, true}) {
-      const Call call = {.dir = "/", .use_chroot = use_chroot, .use_pam = true};
-      const Switched switched = Pretend(call);
-      EXPECT_EQ(switched.error, "");
-      EXPECT_EQ(switched.log, OfSwitch(machine_, call, pam));
-    }
   }
 }
 
@@ -629,90 +529,6 @@ TEST_F(SuCalls, AreForTheAccountWhoeverIsAskedForMeanwhile) {
   }
 }
 
-/// A POST of one upload, in a child that starts in the machine's folder, and
-/// the switch that follows it.
-class SuCallsWithUpload : public SuCalls {
- protected:
-  /// @param end  what the child does with its request
-  Switched Upload(const std::function<void(Cgi&)>& end) const {
-    const std::string body =
-        support::Upload("field", "a.txt", "content") + support::kFormEnd;
-    const zan_cgi::testing::Input input = zan_cgi::testing::Input::Pipe(body);
-    Outcome outcome =
-        support::Post(std::to_string(body.size()))
-            .StandardInput(input)
-            .Run([&](const Told&) {
-              Cgi request(machine_ / "start/cgi/front", "backend");
-              request.SetTmpDir(machine_.MakeDir("spool"));
-              request.ParseQuery();
-              support::MarkSwitch();
-              {
-                const Recording recording(answers_);
-                end(request);
-              }
-              zan_cgi::testing::Mark(kEnd);
-            });
-    Switched switched = support::SwitchedOf(outcome);
-    Lines& log = switched.log;
-    log.erase(std::find(log.begin(), log.end(), Called(kEnd)), log.end());
-    for (zan_cgi::testing::LogLine& line : log) {
-      line.text = WithoutRandomNames(line.text);
-    }
-    return switched;
-  }
-
-  static std::string WithoutRandomNames(const std::string& text) {
-    static const std::regex name("zantemp[A-Za-z0-9]{6}");
-    return std::regex_replace(text, name, "zantempXXXXXX");
-  }
-
-  Lines OfHandOver() const {
-    const std::string file = "/zantempXXXXXX";
-    return {Called("getpwnam visitor"),
-            Called("fchownat 54321 54322"),
-            {9, "zancgi_unix.cpp:N moving file 'a.txt' stored as '" + Spool() +
-                    file + "' to '" + machine_.Home() + file + "'"},
-            Called("renameat2 " + Spool() + " " + machine_.Home())};
-  }
-
-  std::string Spool() const { return machine_ / "spool"; }
-};
-
-TEST_F(SuCallsWithUpload, HandItOverBeforeTheSwitchBegins) {
-  for (const bool use_chroot : {false, true}) {
-    const Call call = {.dir = "/", .use_chroot = use_chroot, .use_pam = true};
-    const Switched switched = Upload([&](Cgi& request) {
-      request.Su(call.user, call.dir, call.use_chroot, call.use_pam);
-    });
-    EXPECT_EQ(switched.error, "");
-    Lines calls = OfHandOver();
-    Add(calls, OfSwitch(machine_, call));
-    EXPECT_EQ(switched.log, calls);
-  }
-}
-
-TEST_F(SuCallsWithUpload, OfRootLeaveItWhereItIs) {
-  const Switched switched =
-      Upload([&](Cgi& request) { request.Su("root", "/", true, true); });
-  EXPECT_EQ(switched.error, "");
-  Lines calls = {Called("getpwnam root")};
-  Add(calls, OfRoot("/"));
-  EXPECT_EQ(switched.log, calls);
-}
-
-TEST_F(SuCallsWithUpload, EndWithAHandOverThatFails) {
-  const Lines calls = OfHandOver();
-  for (const std::size_t failing : {1U, 3U}) {
-    FailAt(calls[failing].text, {EPERM});
-    const Switched switched = Upload([&](Cgi& request) {
-      EXPECT_THROW(request.Su("visitor", "/", true, true), tov_err::Error);
-    });
-    EXPECT_EQ(switched.log,
-              Lines(calls.begin(),
-                    calls.begin() + static_cast<std::ptrdiff_t>(failing) + 1));
-  }
-}
-
 class SuFault : public testing::Test {
  protected:
   void SetUp() override {
@@ -778,29 +594,6 @@ TEST_F(SuFault, OfTheGroupsLeavesNoneThatTheHomeNames) {
       support::Visitor(machine_.Home(), machine_.Home());
   expected.supplementary = "";
   EXPECT_EQ(Refused("setgroups 54321 54330", true), expected);
-}
-
-TEST_F(SuFault, OfTheHomeLeavesTheProcessWhoAndWhereItWas) {
-  for (const bool use_chroot : {false, true}) {
-    Answers answers = Made();
-    answers.failures[(use_chroot ? "chroot " : "chdir ") + machine_.Home()] = {
-        EPERM};
-    const Switched switched =
-        RecordSwitch(machine_, {.dir = "/", .use_chroot = use_chroot}, answers);
-    EXPECT_EQ(switched.error, kHomeClosed);
-    EXPECT_EQ(switched.identity, support::Root(machine_.Start()));
-  }
-}
-
-TEST_F(SuFault, OfARecordThatIsOverwrittenDoesNotMatter) {
-  Answers answers = Made();
-  answers.effects = {{"initgroups visitor 54321", AskForRoot},
-                     {"pam_open_session session silent", AskForRoot}};
-  const Call call = {.dir = "www", .use_pam = true};
-  const Switched switched = RecordSwitch(machine_, call, answers);
-  EXPECT_EQ(switched.error, "");
-  EXPECT_EQ(switched.identity, support::Visitor("/", machine_.Home() + "/www"));
-  EXPECT_EQ(switched.log, WithQuestions(OfSwitch(machine_, call), answers));
 }
 
 ino_t InodeOf(const std::string& path) {
