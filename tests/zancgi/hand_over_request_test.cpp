@@ -126,7 +126,7 @@ class UploadsOfARequest : public testing::TestWithParam<bool> {
 
 INSTANTIATE_TEST_SUITE_P(Confined, UploadsOfARequest, testing::Bool());
 
-TEST_P(UploadsOfARequest, AreTheAccountsToRead) {
+TEST_P(UploadsOfARequest, AreTheAccountsToReadAndToRemove) {
   const Outcome outcome = ServeAsAccount([&](Cgi& cgi, const Told& told) {
     EXPECT_EQ(::geteuid(), owners_.Visitor().uid);
     for (const char* name : {"a", "b", "c"}) {
@@ -146,12 +146,6 @@ TEST_P(UploadsOfARequest, AreTheAccountsToRead) {
     EXPECT_EQ(fs::path(Outside(outcome.told.at(name))).parent_path(),
               owners_.Home());
   }
-}
-
-TEST_P(UploadsOfARequest, AreRemovedByTheAccount) {
-  const Outcome outcome = ServeAsAccount([&](Cgi&, const Told&) {
-    EXPECT_EQ(owners_.Visitor().uid, ::geteuid());
-  });
   EXPECT_EQ(owners_.InHome(), Strings{});
   EXPECT_EQ(owners_.InSpool(), Strings{});
   EXPECT_EQ(TearDownLogged(outcome, 4), Strings{});
