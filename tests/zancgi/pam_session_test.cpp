@@ -13,6 +13,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "session.h"
 #include "support/account.h"
@@ -32,13 +33,15 @@ using support::Switched;
 using support::Visitor;
 using zan_cgi::Cgi;
 using zan_cgi::testing::Child;
+using zan_cgi::testing::LogLine;
 using zan_cgi::testing::Outcome;
 using zan_cgi::testing::Told;
 
 const Call kUnconfined{.dir = "www", .use_pam = true};
 
-constexpr char kToldOfBoth[] =
-    "open: service login, user visitor, flags 32768, as 0\n"
+const std::string kOpening =
+    "open: service login, user visitor, flags 32768, as 0\n";
+const std::string kClosing =
     "close: service login, user visitor, flags 32768, as 0";
 static_assert(PAM_SILENT == 32768);
 
@@ -83,56 +86,60 @@ class PamSession : public testing::Test {
   SessionModule module_{machine_};
 };
 
-TEST_F(PamSession, IsOpenedAndClosedAsRootWithoutAnyItem) {
-  const Switched switched = SwitchWithModule("");
-  ExpectSwitchedAllTheSame(switched);
-  EXPECT_EQ(switched.log, (Lines{kStarting, kStarted, kOpened, kClosed}));
-  EXPECT_EQ(module_.Told(), kToldOfBoth);
-}
+LogLine PamError(const std::string& text) { return {4, "PAM error " + text}; }
 
-TEST_F(PamSession, ThatIsDeniedIsNotClosed) {
-  const Switched switched =
-      SwitchWith(module_.Line() + "session required pam_deny.so\n");
-  ExpectSwitchedAllTheSame(switched);
-  EXPECT_EQ(switched.log,
-            (Lines{kStarting,
-                   kStarted,
-                   {4,
-                    "PAM error 14 (Cannot make/remove an entry for the "
-                    "specified session) on open_session"}}));
-  EXPECT_EQ(module_.Told(),
-            "open: service login, user visitor, flags 32768, as 0");
-}
-
-TEST_F(PamSession, ThatCannotBeOpenedTellsTheReasonOfTheModule) {
-  const Switched switched =
-      SwitchWithModule("fail_open=" + std::to_string(PAM_PERM_DENIED));
-  ExpectSwitchedAllTheSame(switched);
-  EXPECT_EQ(switched.log,
-            (Lines{kStarting,
-                   kStarted,
-                   {4, "PAM error 6 (Permission denied) on open_session"}}));
-}
-
-TEST_F(PamSession, ThatCannotBeClosedTellsTheReasonOfTheModule) {
-  const Switched switched =
-      SwitchWithModule("fail_close=" + std::to_string(PAM_SYSTEM_ERR));
-  ExpectSwitchedAllTheSame(switched);
-  EXPECT_EQ(switched.log,
-            (Lines{kStarting,
-                   kStarted,
-                   kOpened,
-                   {4, "PAM error 4 (System error) on close_session"}}));
-  EXPECT_EQ(module_.Told(), kToldOfBoth);
-}
-
-TEST_F(PamSession, WithAModuleThatIsMissingCannotBeOpened) {
-  const Switched switched = SwitchWith("session required /missing.so\n");
-  ExpectSwitchedAllTheSame(switched);
-  EXPECT_EQ(switched.log,
-            (Lines{kStarting,
-                   kStarted,
-                   {4, "PAM error 28 (Module is unknown) on open_session"}}));
+TEST_F(PamSession, IsOpenedAndClosedAsRootAndNeverStopsTheSwitch) {
+  const Lines whole = {kOpened, kClosed};
+  struct Stack {
+    std::string configuration;
+    /// After its start.
+    Lines log;
+    /// What the module tells.
+    std::string told;
+  };
+  std::vector<Stack> stacks = {
+      {module_.Line() + "session required pam_deny.so\n",
+       {PamError("14 (Cannot make/remove an entry for the specified session) "
+                 "on open_session")},
+       kOpening},
+      {module_.Line("fail_open=6"),
+       {PamError("6 (Permission denied) on open_session")},
+       kOpening},
+      {module_.Line("fail_close=4"),
+       {kOpened, PamError("4 (System error) on close_session")},
+       kOpening + kClosing},
+      {"session required /missing.so\n",
+       {PamError("28 (Module is unknown) on open_session")},
+       ""},
+      {module_.Line("look_up=root"), whole,
+       kOpening + "found user 0\n" + kClosing}};
+  // Every conversation is refused.
+  for (const int style : {PAM_PROMPT_ECHO_OFF, PAM_PROMPT_ECHO_ON,
+                          PAM_ERROR_MSG, PAM_TEXT_INFO}) {
+    stacks.push_back({module_.Line("ask=" + std::to_string(style)), whole,
+                      kOpening + "asked: 19 without answers\n" + kClosing});
+  }
+  static_assert(PAM_CONV_ERR == 19);
+  for (const std::string& deeds :
+       {std::string(), "enter=" + (machine_ / "other"),
+        std::string("set_variable=PLANTED"), std::string("clear_variables"),
+        "ignore_signal=" + std::to_string(SIGTERM),
+        std::string("close_descriptors")}) {
+    stacks.push_back({module_.Line(deeds), whole, kOpening + kClosing});
+  }
+  // Where a module may have moved to, but the process does not stay.
+  machine_.MakeDir("other/www");
+  for (const Stack& stack : stacks) {
+    SCOPED_TRACE(stack.configuration);
+    fs::remove(machine_ / "told");
+    const Switched switched = SwitchWith(stack.configuration);
+    ExpectSwitchedAllTheSame(switched);
+    Lines log = {kStarting, kStarted};
+    log.insert(log.end(), stack.log.begin(), stack.log.end());
+    EXPECT_EQ(switched.log, log);
+    EXPECT_EQ(module_.Told(),
+              stack.told.substr(0, stack.told.find_last_not_of('\n') + 1));
+  }
 }
 
 TEST_F(PamSession, WithoutAConfigurationOfLoginTakesThatOfOther) {
@@ -177,45 +184,13 @@ TEST_F(PamSession, WithoutThePamLibraryIsNotStarted) {
   EXPECT_EQ(switched.log, (Lines{kStarting, kNotStarted}));
 }
 
-TEST_F(PamSession, RefusesEveryConversation) {
-  for (const int style : {PAM_PROMPT_ECHO_OFF, PAM_PROMPT_ECHO_ON,
-                          PAM_ERROR_MSG, PAM_TEXT_INFO}) {
-    fs::remove(machine_ / "told");
-    const Switched switched = SwitchWithModule("ask=" + std::to_string(style));
-    ExpectSwitchedAllTheSame(switched);
-    EXPECT_EQ(switched.log, (Lines{kStarting, kStarted, kOpened, kClosed}));
-    EXPECT_EQ(module_.Told(),
-              "open: service login, user visitor, flags 32768, as 0\n"
-              "asked: 19 without answers\n"
-              "close: service login, user visitor, flags 32768, as 0");
-  }
-  static_assert(PAM_CONV_ERR == 19);
-}
-
-TEST_F(PamSession, ThatLooksUpRootDoesNotMakeTheProcessRoot) {
-  const Switched switched = SwitchWithModule("look_up=root");
-  ExpectSwitchedAllTheSame(switched);
-  EXPECT_NE(module_.Told().find("\nfound user 0\n"), std::string::npos);
-}
-
-TEST_F(PamSession, ThatMovesLeavesTheProcessInTheHome) {
-  const Switched switched = SwitchWithModule("enter=" + (machine_ / "other"));
-  ExpectSwitchedAllTheSame(switched);
-  EXPECT_EQ(module_.Told(), kToldOfBoth);
-}
-
-TEST_F(PamSession, ThatMovesToAPlaceWithAFolderOfTheSameNameIsNotFollowed) {
-  machine_.MakeDir("other/www");
-  ExpectSwitchedAllTheSame(SwitchWithModule("enter=" + (machine_ / "other")));
-}
-
 TEST_F(PamSession, ThatLimitsProcessesDoesNotStopTheSwitch) {
   const Switched switched = Switch(machine_, kUnconfined, [&] {
     ConfigureLogin(module_.Line("limit_processes=0"));
     zan_cgi::testing::LeaveOutLeakCheck();
   });
   ExpectSwitchedAllTheSame(switched);
-  EXPECT_EQ(module_.Told(), kToldOfBoth);
+  EXPECT_EQ(module_.Told(), kOpening + kClosing);
 }
 
 TEST_F(PamSession, LeavesLimitsAndTheMaskAsTheModuleSetsThem) {
@@ -229,22 +204,6 @@ TEST_F(PamSession, LeavesLimitsAndTheMaskAsTheModuleSetsThem) {
   EXPECT_EQ(outcome.error, "");
   EXPECT_EQ(outcome.told["processes"], "17");
   EXPECT_EQ(outcome.told["mask"], std::to_string(027));
-}
-
-TEST_F(PamSession, ThatChangesTheEnvironmentOrSignalsDoesNotStopTheSwitch) {
-  const std::string ignore = "ignore_signal=" + std::to_string(SIGTERM);
-  for (const std::string& deeds : {std::string("set_variable=PLANTED"),
-                                   std::string("clear_variables"), ignore}) {
-    const Switched switched = SwitchWithModule(deeds);
-    ExpectSwitchedAllTheSame(switched);
-    EXPECT_EQ(switched.log, (Lines{kStarting, kStarted, kOpened, kClosed}));
-  }
-}
-
-TEST_F(PamSession, ThatClosesDescriptorsDoesNotStopTheSwitch) {
-  const Switched switched = SwitchWithModule("close_descriptors");
-  ExpectSwitchedAllTheSame(switched);
-  EXPECT_EQ(switched.log, (Lines{kStarting, kStarted, kOpened, kClosed}));
 }
 
 TEST_F(PamSession, ThatMovesAndClosesDescriptorsLeavesTheProcessInTheHome) {
