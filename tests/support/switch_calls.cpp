@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <filesystem>
 #include <stdexcept>
 #include <utility>
 
@@ -27,16 +26,18 @@ using zan_cgi::testing::Mark;
 /// constructor of this program has run.
 constinit Answers* recorded = nullptr;
 
-/// The function that a program without this file would call.
-template <class Function>
-Function Real(const char* name) {
-  return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name));
+/// Calls the function that a program without this file would call.
+template <class Result, class... Arguments>
+Result CallReal(const char* function, Arguments... arguments) {
+  using Function = Result (*)(Arguments...);
+  return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, function))(arguments...);
 }
 
-template <class Function>
-Function RealPam(const char* name) {
-  return reinterpret_cast<Function>(
-      ::dlsym(::dlopen("libpam.so.0", RTLD_NOW), name));
+template <class Result, class... Arguments>
+Result CallRealPam(const char* function, Arguments... arguments) {
+  using Function = Result (*)(Arguments...);
+  void* const library = ::dlopen("libpam.so.0", RTLD_NOW);
+  return reinterpret_cast<Function>(::dlsym(library, function))(arguments...);
 }
 
 /// Makes a call for real. What it calls in turn is not recorded: that is the
@@ -71,36 +72,46 @@ int Fail(int error) {
 
 /// For a call that anybody may make.
 template <class Call>
-int Recorded(const std::string& name, const Call& real) {
+int Recorded(const std::string& line, const Call& real) {
   if (recorded == nullptr) return real();
-  const int failure = Enter(name);
+  const int failure = Enter(line);
   return failure != 0 ? Fail(failure) : Make(real);
 }
 
 /// For a call that only root may make.
-template <class Call>
-int Privileged(const std::string& name, const Call& real) {
-  if (recorded == nullptr) return real();
-  const bool pretend = recorded->pretend;
-  return Recorded(name, [&] { return pretend ? 0 : real(); });
+/// @param arguments  as they are recorded, each after a blank
+template <class... Arguments>
+int Privileged(const std::string& function, const std::string& recorded_as,
+               Arguments... arguments) {
+  const bool pretend = recorded != nullptr && recorded->pretend;
+  return Recorded(function + recorded_as, [&] {
+    return pretend ? 0 : CallReal<int>(function.c_str(), arguments...);
+  });
 }
 
 /// For a function of PAM that gives a code.
-template <class Call>
-int PamCall(const std::string& name, const Call& real) {
+template <class... Arguments>
+int PamCall(const std::string& function, const std::string& recorded_as,
+            Arguments... arguments) {
+  const auto real = [&] {
+    return CallRealPam<int>(function.c_str(), arguments...);
+  };
   if (recorded == nullptr) return real();
-  const int failure = Enter(name);
+  const int failure = Enter(function + recorded_as);
   if (failure != 0) return failure;
   return recorded->pretend ? PAM_SUCCESS : Make(real);
 }
 
-std::string Number(unsigned long number) { return std::to_string(number); }
+std::string Blank(const std::string& argument) { return " " + argument; }
+std::string Blank(unsigned long argument) {
+  return " " + std::to_string(argument);
+}
 
 std::string Joined(const gid_t* groups, std::size_t count) {
   std::vector<gid_t> sorted(groups, groups + count);
   std::sort(sorted.begin(), sorted.end());
   std::string text;
-  for (const gid_t group : sorted) text += " " + Number(group);
+  for (const gid_t group : sorted) text += Blank(group);
   return text;
 }
 
@@ -122,8 +133,8 @@ passwd* PretendedEntry(const std::string& user) {
   return &entry;
 }
 
-int PretendedGroups(gid_t base, gid_t* groups, int* count) {
-  const std::vector<gid_t>& others = recorded->groups;
+int PretendedGroups(const std::vector<gid_t>& others, gid_t base, gid_t* groups,
+                    int* count) {
   const int capacity =
       std::exchange(*count, static_cast<int>(others.size()) + 1);
   if (capacity < *count) return -1;
@@ -140,7 +151,7 @@ void SetFreeBlocks(long count, struct statfs64* found) {
 }
 
 std::string FchdirToInode(const struct stat& directory) {
-  return "fchdir inode " + Number(directory.st_ino);
+  return "fchdir inode" + Blank(directory.st_ino);
 }
 
 /// A descriptor that a program started meanwhile would inherit says so.
@@ -170,24 +181,6 @@ std::string Conversation(const pam_conv* conversation) {
          (without_data ? "" : " with data");
 }
 
-int StartPam(const char* service, const char* user,
-             const pam_conv* conversation, pam_handle_t** handle) {
-  static char meaningless;
-  const int result =
-      PamCall(std::string("pam_start ") + service + " " + user + " " +
-                  Conversation(conversation),
-              [&] {
-                return RealPam<decltype(&pam_start)>("pam_start")(
-                    service, user, conversation, handle);
-              });
-  if (result != PAM_SUCCESS || recorded == nullptr) return result;
-  if (recorded->pretend) {
-    *handle = reinterpret_cast<pam_handle_t*>(&meaningless);
-  }
-  session = *handle;
-  return result;
-}
-
 }  // namespace
 
 Recording::Recording(Answers answers) : answers_(std::move(answers)) {
@@ -206,206 +199,140 @@ std::string FchdirTo(const std::string& path) {
 
 }  // namespace support
 
+using support::Blank;
+using support::CallReal;
+using support::PamCall;
+using support::Privileged;
 using support::recorded;
+using support::Recorded;
 
-// Under names of their own, since their headers declare them with attributes
-// and parameter names of their own.
-extern "C" {
-
-passwd* RecordedGetpwnam(const char* name) __asm__("getpwnam");
-hostent* RecordedGethostbyname(const char* name) __asm__("gethostbyname");
-int RecordedGetgrouplist(const char* user, gid_t group, gid_t* groups,
-                         int* count) __asm__("getgrouplist");
-int RecordedChroot(const char* path) __asm__("chroot");
-int RecordedChdir(const char* path) __asm__("chdir");
-int RecordedFchdir(int descriptor) __asm__("fchdir");
-int RecordedConfigureLookup(const char* database, const char* services) __asm__(
-    "__nss_configure_lookup");
-int RecordedInitgroups(const char* user, gid_t group) __asm__("initgroups");
-int RecordedSetgroups(std::size_t count,
-                      const gid_t* groups) __asm__("setgroups");
-int RecordedSetgid(gid_t group) __asm__("setgid");
-int RecordedSetuid(uid_t user) __asm__("setuid");
-int RecordedStat(const char* path, struct stat* found) __asm__("stat");
-int RecordedStatfs(const char* path,
-                   struct statfs64* found) __asm__("statfs64");
-int RecordedFchownat(int folder, const char* path, uid_t user, gid_t group,
-                     int flags) __asm__("fchownat");
-int RecordedRenameat2(int from_folder, const char* from, int to_folder,
-                      const char* to, unsigned flags) __asm__("renameat2");
-int RecordedPamStart(const char* service, const char* user,
-                     const pam_conv* conversation,
-                     pam_handle_t** handle) __asm__("pam_start");
-int RecordedPamOpenSession(pam_handle_t* handle,
-                           int flags) __asm__("pam_open_session");
-int RecordedPamCloseSession(pam_handle_t* handle,
-                            int flags) __asm__("pam_close_session");
-int RecordedPamEnd(pam_handle_t* handle, int code) __asm__("pam_end");
-const char* RecordedPamStrerror(pam_handle_t* handle,
-                                int code) __asm__("pam_strerror");
-
-passwd* RecordedGetpwnam(const char* name) {
-  const auto real = support::Real<decltype(&getpwnam)>("getpwnam");
-  if (recorded == nullptr) return real(name);
-  support::Enter(std::string("getpwnam ") + name);
+extern "C" passwd* getpwnam(const char* name) {
+  const auto real = [&] { return CallReal<passwd*>("getpwnam", name); };
+  if (recorded == nullptr) return real();
+  support::Enter("getpwnam" + Blank(name));
   return recorded->pretend ? support::PretendedEntry(name)
-                           : support::Make([&] { return real(name); });
+                           : support::Make(real);
 }
 
-hostent* RecordedGethostbyname(const char* name) {
-  const auto real = support::Real<decltype(&gethostbyname)>("gethostbyname");
-  if (recorded == nullptr) return real(name);
-  support::Enter(std::string("gethostbyname ") + name);
-  if (recorded->pretend) return nullptr;
-  return support::Make([&] { return real(name); });
+extern "C" hostent* gethostbyname(const char* name) {
+  const auto real = [&] { return CallReal<hostent*>("gethostbyname", name); };
+  if (recorded == nullptr) return real();
+  support::Enter("gethostbyname" + Blank(name));
+  return recorded->pretend ? nullptr : support::Make(real);
 }
 
-int RecordedGetgrouplist(const char* user, gid_t group, gid_t* groups,
-                         int* count) {
-  const auto real = support::Real<decltype(&getgrouplist)>("getgrouplist");
-  if (recorded == nullptr) return real(user, group, groups, count);
-  const int failure = support::Enter(std::string("getgrouplist ") + user + " " +
-                                     support::Number(group));
-  if (failure != 0) return support::Fail(failure);
-  if (recorded->pretend) {
-    return support::PretendedGroups(group, groups, count);
-  }
-  return support::Make([&] { return real(user, group, groups, count); });
-}
-
-int RecordedChroot(const char* path) {
-  return support::Privileged(std::string("chroot ") + path, [&] {
-    return support::Real<decltype(&chroot)>("chroot")(path);
+extern "C" int getgrouplist(const char* user, gid_t group, gid_t* groups,
+                            int* ngroups) {
+  const bool pretend = recorded != nullptr && recorded->pretend;
+  const support::Answers* const answers = recorded;
+  return Recorded("getgrouplist" + Blank(user) + Blank(group), [&] {
+    return pretend
+               ? support::PretendedGroups(answers->groups, group, groups,
+                                          ngroups)
+               : CallReal<int>("getgrouplist", user, group, groups, ngroups);
   });
 }
 
-int RecordedChdir(const char* path) {
-  return support::Recorded(std::string("chdir ") + path, [&] {
-    return support::Real<decltype(&chdir)>("chdir")(path);
-  });
+extern "C" int chroot(const char* path) noexcept {
+  return Privileged("chroot", Blank(path), path);
 }
 
-int RecordedFchdir(int descriptor) {
-  return support::Recorded(support::FchdirOf(descriptor), [&] {
-    return support::Real<decltype(&fchdir)>("fchdir")(descriptor);
-  });
+extern "C" int chdir(const char* path) noexcept {
+  return Recorded("chdir" + Blank(path),
+                  [&] { return CallReal<int>("chdir", path); });
 }
 
-int RecordedConfigureLookup(const char* database, const char* services) {
-  return support::Privileged(
-      std::string("__nss_configure_lookup ") + database + " " + services, [&] {
-        return support::Real<decltype(&RecordedConfigureLookup)>(
-            "__nss_configure_lookup")(database, services);
-      });
+extern "C" int fchdir(int fd) noexcept {
+  return Recorded(support::FchdirOf(fd),
+                  [&] { return CallReal<int>("fchdir", fd); });
 }
 
-int RecordedInitgroups(const char* user, gid_t group) {
-  return support::Privileged(
-      std::string("initgroups ") + user + " " + support::Number(group), [&] {
-        return support::Real<decltype(&initgroups)>("initgroups")(user, group);
-      });
+// Under a name of its own, since its own is the C library's alone.
+extern "C" int RecordedConfigureLookup(
+    const char* database,
+    const char* services) __asm__("__nss_configure_lookup");
+
+extern "C" int RecordedConfigureLookup(const char* database,
+                                       const char* services) {
+  return Privileged("__nss_configure_lookup", Blank(database) + Blank(services),
+                    database, services);
 }
 
-int RecordedSetgroups(std::size_t count, const gid_t* groups) {
-  return support::Privileged("setgroups" + support::Joined(groups, count), [&] {
-    return support::Real<decltype(&setgroups)>("setgroups")(count, groups);
-  });
+extern "C" int initgroups(const char* user, gid_t group) {
+  return Privileged("initgroups", Blank(user) + Blank(group), user, group);
 }
 
-int RecordedSetgid(gid_t group) {
-  return support::Privileged("setgid " + support::Number(group), [&] {
-    return support::Real<decltype(&setgid)>("setgid")(group);
-  });
+extern "C" int setgroups(std::size_t n, const gid_t* groups) noexcept {
+  return Privileged("setgroups", support::Joined(groups, n), n, groups);
 }
 
-int RecordedSetuid(uid_t user) {
-  return support::Privileged("setuid " + support::Number(user), [&] {
-    return support::Real<decltype(&setuid)>("setuid")(user);
-  });
+extern "C" int setgid(gid_t gid) noexcept {
+  return Privileged("setgid", Blank(gid), gid);
 }
 
-int RecordedStatfs(const char* path, struct statfs64* found) {
+extern "C" int setuid(uid_t uid) noexcept {
+  return Privileged("setuid", Blank(uid), uid);
+}
+
+extern "C" int stat(const char* file, struct stat* buf) noexcept {
+  return Recorded("stat" + Blank(file),
+                  [&] { return CallReal<int>("stat", file, buf); });
+}
+
+extern "C" int statfs64(const char* file, struct statfs64* buf) noexcept {
   // Not to be found while the call is made.
   const support::Answers* const told = recorded;
-  return support::Recorded(std::string("statfs ") + path, [&] {
-    const int result =
-        support::Real<decltype(&RecordedStatfs)>("statfs64")(path, found);
+  return Recorded("statfs" + Blank(file), [&] {
+    const int result = CallReal<int>("statfs64", file, buf);
     if (told == nullptr) return result;
-    if (told->file_system != 0) found->f_type = told->file_system;
+    if (told->file_system != 0) buf->f_type = told->file_system;
     if (told->free_blocks >= 0) {
-      support::SetFreeBlocks(told->free_blocks, found);
+      support::SetFreeBlocks(told->free_blocks, buf);
     }
     return result;
   });
 }
 
-int RecordedStat(const char* path, struct stat* found) {
-  return support::Recorded(std::string("stat ") + path, [&] {
-    return support::Real<decltype(&RecordedStat)>("stat")(path, found);
-  });
+extern "C" int pam_start(const char* service_name, const char* user,
+                         const pam_conv* pam_conversation,
+                         pam_handle_t** pamh) {
+  static char meaningless;
+  const int result = PamCall("pam_start",
+                             Blank(service_name) + Blank(user) +
+                                 Blank(support::Conversation(pam_conversation)),
+                             service_name, user, pam_conversation, pamh);
+  if (recorded == nullptr) return result;
+  // A start that fails may leave anything here.
+  if (recorded->pretend) *pamh = reinterpret_cast<pam_handle_t*>(&meaningless);
+  if (result == PAM_SUCCESS) support::session = *pamh;
+  return result;
 }
 
-int RecordedFchownat(int folder, const char* path, uid_t user, gid_t group,
-                     int flags) {
-  return support::Privileged(
-      "fchownat " + support::Number(user) + " " + support::Number(group), [&] {
-        return support::Real<decltype(&fchownat)>("fchownat")(
-            folder, path, user, group, flags);
-      });
+extern "C" int pam_open_session(pam_handle_t* pamh, int flags) {
+  return PamCall("pam_open_session",
+                 Blank(support::Session(pamh)) + Blank(support::Flags(flags)),
+                 pamh, flags);
 }
 
-int RecordedRenameat2(int from_folder, const char* from, int to_folder,
-                      const char* to, unsigned flags) {
-  const auto folder = [](const char* path) {
-    return std::filesystem::path(path).parent_path().string();
-  };
-  return support::Recorded("renameat2 " + folder(from) + " " + folder(to), [&] {
-    return support::Real<decltype(&RecordedRenameat2)>("renameat2")(
-        from_folder, from, to_folder, to, flags);
-  });
+extern "C" int pam_close_session(pam_handle_t* pamh, int flags) {
+  return PamCall("pam_close_session",
+                 Blank(support::Session(pamh)) + Blank(support::Flags(flags)),
+                 pamh, flags);
 }
 
-int RecordedPamStart(const char* service, const char* user,
-                     const pam_conv* conversation, pam_handle_t** handle) {
-  return support::StartPam(service, user, conversation, handle);
+extern "C" int pam_end(pam_handle_t* pamh, int pam_status) {
+  return PamCall(
+      "pam_end",
+      Blank(support::Session(pamh)) + Blank(std::to_string(pam_status)), pamh,
+      pam_status);
 }
 
-int RecordedPamOpenSession(pam_handle_t* handle, int flags) {
-  return support::PamCall(
-      "pam_open_session " + support::Session(handle) + " " +
-          support::Flags(flags),
-      [&] {
-        return support::RealPam<decltype(&pam_open_session)>(
-            "pam_open_session")(handle, flags);
-      });
-}
-
-int RecordedPamCloseSession(pam_handle_t* handle, int flags) {
-  return support::PamCall(
-      "pam_close_session " + support::Session(handle) + " " +
-          support::Flags(flags),
-      [&] {
-        return support::RealPam<decltype(&pam_close_session)>(
-            "pam_close_session")(handle, flags);
-      });
-}
-
-int RecordedPamEnd(pam_handle_t* handle, int code) {
-  return support::PamCall(
-      "pam_end " + support::Session(handle) + " " + std::to_string(code), [&] {
-        return support::RealPam<decltype(&pam_end)>("pam_end")(handle, code);
-      });
-}
-
-const char* RecordedPamStrerror(pam_handle_t* handle, int code) {
+extern "C" const char* pam_strerror(pam_handle_t* pamh, int errnum) {
   const auto real = [&] {
-    return support::RealPam<decltype(&pam_strerror)>("pam_strerror")(handle,
-                                                                     code);
+    return support::CallRealPam<const char*>("pam_strerror", pamh, errnum);
   };
   if (recorded == nullptr) return real();
-  support::Enter("pam_strerror " + support::Session(handle) + " " +
-                 std::to_string(code));
+  support::Enter("pam_strerror" + Blank(support::Session(pamh)) +
+                 Blank(std::to_string(errnum)));
   return recorded->pretend ? "what it means" : support::Make(real);
 }
-
-}  // extern "C"
