@@ -12,12 +12,10 @@
 #include <cerrno>
 #include <exception>
 #include <filesystem>
-#include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
 
-#include "support/file_calls.h"
 #include "support/switch.h"
 
 namespace fs = std::filesystem;
@@ -57,31 +55,15 @@ std::vector<std::string> NamesIn(const std::string& folder) {
   return names;
 }
 
-std::string Joined(const std::vector<std::string>& names) {
-  std::string text;
-  for (const std::string& name : names) text += name + "/";
-  return text;
-}
-
-std::vector<std::string> Split(const std::string& text) {
-  std::vector<std::string> names;
-  std::istringstream stream(text);
-  for (std::string name; std::getline(stream, name, '/');) {
-    names.push_back(name);
-  }
-  return names;
-}
-
 void TellRecord(const Told& told, const zan_cgi::Cgi::Data& record) {
   for (const auto& [name, file] : record.files) {
     told("path of " + name, file.path);
     told("size of " + name, std::to_string(file.size));
   }
-  told("parsed", record.parsed ? "yes" : "no");
 }
 
-void HandOverInChild(const Owners& owners, const std::vector<Stored>& files,
-                     const HandOverCall& call, const Told& told) {
+void HandOverInChild(const std::vector<Stored>& files, const HandOverCall& call,
+                     const Told& told) {
   zan_cgi::Cgi::Data record;
   for (const Stored& file : files) {
     record.files[file.name] = {file.path, file.size};
@@ -93,11 +75,7 @@ void HandOverInChild(const Owners& owners, const std::vector<Stored>& files,
   } catch (...) {
     failure = std::current_exception();
   }
-  WatchFileCalls(nullptr);
   TellRecord(told, record);
-  if (fs::is_directory(owners.Home())) {
-    told("in home", Joined(owners.InHome()));
-  }
   // They stay for the test to look at.
   record.files.clear();
   if (failure) std::rethrow_exception(failure);
@@ -183,15 +161,13 @@ HandedOver HandOver(const Owners& owners, const std::vector<Stored>& files,
   Outcome outcome = call.child.Run([&](const Told& told) {
     FakeAccount(owners.Visitor());
     prepare();
-    HandOverInChild(owners, files, call, told);
+    HandOverInChild(files, call, told);
   });
   EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
   EXPECT_EQ(outcome.leaked_descriptors, std::vector<std::string>{});
   HandedOver result;
   result.error_type = outcome.error_type;
   result.error = outcome.error;
-  result.parsed = outcome.told["parsed"] == "yes";
-  result.in_home = Split(outcome.told["in home"]);
   for (const Stored& file : files) {
     result.paths[file.name] = outcome.told["path of " + file.name];
     result.sizes[file.name] = outcome.told["size of " + file.name];

@@ -2,9 +2,8 @@
 /// Uploads that are handed over to an account, by root to another one or by an
 /// ordinary user to itself.
 ///
-/// A program that uses this has hand_over.cpp and file_calls.cpp among its own
-/// sources: the functions defined there would otherwise be drawn into every
-/// test program.
+/// A program that uses this has hand_over.cpp among its own sources: the
+/// functions defined there would otherwise be drawn into every test program.
 #ifndef ZANCGI_TESTS_SUPPORT_HAND_OVER_H
 #define ZANCGI_TESTS_SUPPORT_HAND_OVER_H
 
@@ -56,9 +55,6 @@ struct HandedOver {
   /// What is recorded for each upload, by the client's name.
   std::map<std::string, std::string> paths;
   std::map<std::string, std::string> sizes;
-  bool parsed = false;
-  /// What then lies in the home as the child sees it, none if it cannot.
-  std::vector<std::string> in_home;
   /// From the hand-over on; "zancgi_unix.cpp:N" for source name and line.
   std::vector<LogLine> log;
 };

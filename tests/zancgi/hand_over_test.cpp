@@ -2,6 +2,7 @@
 // which order, and what a failure leaves behind.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <zancgi/testing/child.h>
 #include <zancgi/testing/identity.h>
@@ -248,6 +249,112 @@ TEST_P(HandOverOf, AnUploadThatIsGoneSaysSo) {
   EXPECT_EQ(owners_.InHome(), Strings{});
   EXPECT_EQ(done.log,
             (Lines{Moving("a", missing, owners_.Home() + "/missing")}));
+}
+
+/// A home that does not take an upload, and why not.
+struct Home {
+  const char* name;
+  int reason;
+  /// Makes it so.
+  /// @param target  where the upload would go
+  void (*spoil)(const Owners& owners, const std::string& target);
+};
+
+const Home kRefusing[] = {
+    {"Gone", ENOENT,
+     [](const Owners& owners, const std::string& /*target*/) {
+       fs::remove(owners.Home());
+     }},
+    {"LinkToNothing", ENOENT,
+     [](const Owners& owners, const std::string& /*target*/) {
+       fs::remove(owners.Home());
+       fs::create_symlink("missing", owners.Home());
+     }},
+    {"File", ENOTDIR,
+     [](const Owners& owners, const std::string& /*target*/) {
+       fs::remove(owners.Home());
+       std::ofstream(owners.Home()) << "file";
+     }},
+    {"WithAFileOfTheName", EEXIST,
+     [](const Owners& /*owners*/, const std::string& target) {
+       std::ofstream(target) << "mine";
+     }},
+    {"WithALinkToAFile", EEXIST,
+     [](const Owners& owners, const std::string& target) {
+       fs::create_symlink(owners.MakeUpload("other", "other"), target);
+     }},
+    {"WithALinkToAFolder", EEXIST,
+     [](const Owners& owners, const std::string& target) {
+       fs::create_directory_symlink(owners.Spool(), target);
+     }},
+    {"WithALinkToNothing", EEXIST,
+     [](const Owners& owners, const std::string& target) {
+       fs::create_symlink(owners.Spool() + "/new", target);
+     }},
+    {"WithAFifo", EEXIST,
+     [](const Owners& /*owners*/, const std::string& target) {
+       ASSERT_EQ(::mkfifo(target.c_str(), 0600), 0);
+     }},
+    {"WithAFolder", EEXIST,
+     [](const Owners& /*owners*/, const std::string& target) {
+       fs::create_directory(target);
+     }},
+};
+
+/// What would change with a file; empty for none.
+std::string Look(const std::string& path) {
+  struct stat found {};
+  if (::lstat(path.c_str(), &found) != 0) return "";
+  return AttributesOf(path) + " " + std::to_string(found.st_ino) + " " +
+         std::to_string(found.st_size) + " " +
+         std::to_string(found.st_mtim.tv_nsec);
+}
+
+/// By whether the home lies in another file system.
+class HomeOfVisitor : public testing::TestWithParam<bool> {
+ protected:
+  void SetUp() override {
+    if (GetParam() && !Owners::CanBeAcross()) {
+      GTEST_SKIP() << "needs a second file system at /dev/shm";
+    }
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(Across, HomeOfVisitor, testing::Bool());
+
+TEST_P(HomeOfVisitor, ThatIsALinkTakesTheUploadWhereItLeads) {
+  Owners owners(GetParam());
+  const std::string link = owners / "link";
+  fs::create_directory_symlink(owners.Home(), link);
+  owners.MoveHome(link);
+  const HandedOver done =
+      HandOver(owners, {{"a", owners.MakeUpload("upload", "content")}});
+  EXPECT_EQ(done.error, "");
+  EXPECT_EQ(done.paths, (Paths{{"a", link + "/upload"}}));
+  const std::string target = owners.Home() + "/upload";
+  EXPECT_EQ(ReadFile(target), "content");
+  EXPECT_EQ(AttributesOf(target), owners.AttributesAfter());
+  EXPECT_EQ(owners.InSpool(), Strings{});
+  EXPECT_TRUE(fs::is_symlink(link));
+}
+
+TEST_P(HomeOfVisitor, ThatDoesNotTakeTheUploadChangesNothing) {
+  for (const Home& home : kRefusing) {
+    SCOPED_TRACE(home.name);
+    const Owners owners(GetParam());
+    const std::string upload = owners.MakeUpload("upload", "content");
+    const std::string target = owners.Home() + "/upload";
+    home.spoil(owners, target);
+    const Strings in_spool = owners.InSpool();
+    const std::string before = Look(owners.Home()) + Look(target);
+
+    const HandedOver done = HandOver(owners, {{"a", upload}});
+    EXPECT_TRUE(NamesBoth(done, upload, target, home.reason));
+    EXPECT_EQ(done.paths, (Paths{{"a", upload}}));
+    EXPECT_EQ(ReadFile(upload), "content");
+    EXPECT_EQ(owners.InSpool(), in_spool);
+    EXPECT_EQ(Look(owners.Home()) + Look(target), before);
+  }
 }
 
 }  // namespace
