@@ -3,6 +3,7 @@
 #ifndef ZANCGI_TESTS_SUPPORT_SWITCH_H
 #define ZANCGI_TESTS_SUPPORT_SWITCH_H
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 #include <zancgi/testing/child.h>
 #include <zancgi/testing/scratch.h>
@@ -57,6 +58,19 @@ class Machine {
 
  private:
   Scratch scratch_;
+};
+
+/// A test with such a machine, in which accounts can be used.
+template <class Base = testing::Test>
+class MachineTest : public Base {
+ protected:
+  void SetUp() override {
+    static const bool can_use_accounts = CanUseAccounts();
+    if (!can_use_accounts)
+      GTEST_SKIP() << "needs root, with the right to mount";
+  }
+
+  Machine machine_;
 };
 
 /// The arguments of a switch.

@@ -34,7 +34,6 @@ using support::Backend;
 using support::Call;
 using support::Identity;
 using support::Lines;
-using support::Machine;
 using support::Observer;
 using support::Switch;
 using support::Switched;
@@ -50,14 +49,8 @@ const Call kConfinedWithPam{.dir = "/", .use_chroot = true, .use_pam = true};
 
 const LogLine kConfining{8, "ChRoot Init resolver"};
 
-class Confinement : public testing::Test {
+class Confinement : public support::MachineTest<> {
  protected:
-  void SetUp() override {
-    if (!support::CanUseAccounts()) {
-      GTEST_SKIP() << "needs root, with the right to mount";
-    }
-  }
-
   /// Leaves a file in the home, as its owner may.
   void Plant(const std::string& name, const std::string& content) const {
     const fs::path parent = fs::path("home/" + name).parent_path();
@@ -89,8 +82,6 @@ class Confinement : public testing::Test {
     ASSERT_EQ(::chown(machine_.Home().c_str(), owner, owner), 0);
     ASSERT_EQ(::chmod(machine_.Home().c_str(), mode), 0);
   }
-
-  Machine machine_;
 };
 
 TEST_F(Confinement, TakesNoGroupsFromTheHome) {

@@ -27,7 +27,6 @@ namespace fs = std::filesystem;
 using support::Call;
 using support::ConfigureLogin;
 using support::Lines;
-using support::Machine;
 using support::Switch;
 using support::Switched;
 using support::Visitor;
@@ -45,14 +44,8 @@ const std::string kClosing =
     "close: service login, user visitor, flags 32768, as 0";
 static_assert(PAM_SILENT == 32768);
 
-class PamSession : public testing::Test {
+class PamSession : public support::MachineTest<> {
  protected:
-  void SetUp() override {
-    if (!support::CanUseAccounts()) {
-      GTEST_SKIP() << "needs root, with the right to mount";
-    }
-  }
-
   /// Unconfined, with this configuration of service "login".
   Switched SwitchWith(const std::string& configuration) const {
     return Switch(machine_, kUnconfined,
@@ -81,8 +74,6 @@ class PamSession : public testing::Test {
     EXPECT_EQ(switched.error, "");
     EXPECT_EQ(switched.identity, Visitor("/", machine_.Home() + "/www"));
   }
-
-  Machine machine_;
   SessionModule module_{machine_};
 };
 

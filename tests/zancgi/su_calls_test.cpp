@@ -529,14 +529,8 @@ TEST_F(SuCalls, AreForTheAccountWhoeverIsAskedForMeanwhile) {
   }
 }
 
-class SuFault : public testing::Test {
+class SuFault : public support::MachineTest<> {
  protected:
-  void SetUp() override {
-    if (!support::CanUseAccounts()) {
-      GTEST_SKIP() << "needs root, with the right to mount";
-    }
-  }
-
   /// The identity that a switch ends with when these calls are refused.
   support::Identity Refused(const std::string& call, bool use_chroot) const {
     Answers answers = Made();
@@ -546,8 +540,6 @@ class SuFault : public testing::Test {
     EXPECT_EQ(switched.error, "");
     return switched.identity;
   }
-
-  Machine machine_;
 };
 
 TEST_F(SuFault, OfOneIdentityLeavesTheOthersTaken) {

@@ -8,8 +8,6 @@
 #include <filesystem>
 #include <string>
 #include <tuple>
-#include <utility>
-#include <vector>
 
 #include "support/account.h"
 #include "support/switch.h"
@@ -19,7 +17,6 @@ namespace {
 namespace fs = std::filesystem;
 
 using support::Lines;
-using support::Machine;
 using support::Observer;
 using support::Root;
 using support::Switch;
@@ -31,14 +28,9 @@ using zan_cgi::testing::Outcome;
 using zan_cgi::testing::Told;
 
 class SuCombination
-    : public testing::TestWithParam<std::tuple<std::string, bool, bool>> {
+    : public support::MachineTest<
+          testing::TestWithParam<std::tuple<std::string, bool, bool>>> {
  protected:
-  void SetUp() override {
-    if (!support::CanUseAccounts()) {
-      GTEST_SKIP() << "needs root, with the right to mount";
-    }
-  }
-
   Switched SwitchTo(const std::string& user) const {
     const auto& [dir, use_chroot, use_pam] = GetParam();
     return Switch(machine_, {user, dir, use_chroot, use_pam});
@@ -47,8 +39,6 @@ class SuCombination
   static std::string Dir() { return std::get<0>(GetParam()); }
   static bool UsesChroot() { return std::get<1>(GetParam()); }
   static bool UsesPam() { return std::get<2>(GetParam()); }
-
-  Machine machine_;
 };
 
 INSTANTIATE_TEST_SUITE_P(All, SuCombination,
@@ -98,29 +88,13 @@ TEST_P(SuCombination, OfAnAccountEndsWithItsIdentity) {
   }
 }
 
-class Su : public testing::Test {
- protected:
-  void SetUp() override {
-    if (!support::CanUseAccounts()) {
-      GTEST_SKIP() << "needs root, with the right to mount";
-    }
-  }
-
-  Machine machine_;
-};
+class Su : public support::MachineTest<> {};
 
 TEST_F(Su, OfAnAccountThatIsMissingChangesNothing) {
   const Switched switched = Switch(machine_, {.user = "nobody-here"});
   EXPECT_EQ(switched.error, "failed to get pw entry");
   EXPECT_EQ(switched.identity, Root(machine_.Start()));
   EXPECT_EQ(switched.log, Lines{});
-}
-
-TEST_F(Su, OfRootToAMissingDirectoryQuotesItAsItIs) {
-  const Switched switched = Switch(
-      machine_, {.user = "root", .dir = "//missing", .use_chroot = true});
-  EXPECT_EQ(switched.error, "no such directory '//missing'");
-  EXPECT_EQ(switched.identity, Root(machine_.Start()));
 }
 
 TEST_F(Su, ToAHomeThatIsGoneKeepsTheIdentityAndThePlace) {
@@ -135,58 +109,52 @@ TEST_F(Su, ToAHomeThatIsGoneKeepsTheIdentityAndThePlace) {
   }
 }
 
-TEST_F(Su, ConfinedToAMissingDirectoryHasAlreadySwitched) {
-  const Switched switched =
-      Switch(machine_, {.dir = "/missing", .use_chroot = true});
-  EXPECT_EQ(switched.error, "no such directory '/missing'");
-  EXPECT_EQ(switched.identity, Visitor(machine_.Home(), machine_.Start()));
-}
-
-TEST_F(Su, UnconfinedTakesSlashesInFrontForNone) {
-  for (const char* dir : {"/www", "www", "//www", "www/", "/www/."}) {
-    const Switched switched = Switch(machine_, {.dir = dir});
-    EXPECT_EQ(switched.error, "") << dir;
-    EXPECT_EQ(switched.identity, Visitor("/", machine_.Home() + "/www")) << dir;
-  }
-  for (const char* dir : {"///", ".", "/./", "www/.."}) {
-    const Switched switched = Switch(machine_, {.dir = dir});
-    EXPECT_EQ(switched.error, "") << dir;
-    EXPECT_EQ(switched.identity, Visitor("/", machine_.Home())) << dir;
-  }
-}
-
-TEST_F(Su, UnconfinedToAMissingDirectoryQuotesItWithoutSlashes) {
-  for (const char* dir : {"/missing/a", "missing/a", "//missing/a"}) {
-    const Switched switched = Switch(machine_, {.dir = dir});
-    EXPECT_EQ(switched.error, "no such directory 'missing/a'");
-    EXPECT_EQ(switched.identity, Visitor("/", machine_.Home()));
-  }
-}
-
-TEST_F(Su, UnconfinedLeavesTheHomeByNoWayAndStaysInTheRefusedDirectory) {
+// The directory is entered last: the process is the account then, and stays in
+// a directory that is refused.
+TEST_F(Su, EntersADirectoryAsTheAccount) {
   fs::create_symlink(machine_ / "other", machine_ / "home/link");
   fs::create_symlink("/", machine_ / "home/root");
-  const std::vector<std::pair<std::string, std::string>> ways = {
-      {"../other", machine_ / "other"},
-      {"/../other", machine_ / "other"},
-      {"www/../../other", machine_ / "other"},
-      {"link", machine_ / "other"},
-      {"/link/", machine_ / "other"},
-      {"..", machine_.Path()},
-      {"root", "/"},
+  fs::create_symlink(machine_ / "home/www", machine_ / "home/inside");
+  const std::string home = machine_.Home();
+  const std::string www = home + "/www";
+  const std::string other = machine_ / "other";
+  const std::string outside = "it is not your folder";
+  const std::string missing = "no such directory 'missing/a'";
+  struct Directory {
+    std::string dir, error, entered;
   };
-  for (const auto& [dir, place] : ways) {
+  for (const auto& [dir, error, entered] : {Directory{"/www", "", www},
+                                            {"www", "", www},
+                                            {"//www", "", www},
+                                            {"www/", "", www},
+                                            {"/www/.", "", www},
+                                            {"inside", "", www},
+                                            {"///", "", home},
+                                            {".", "", home},
+                                            {"/./", "", home},
+                                            {"www/..", "", home},
+                                            {"/missing/a", missing, home},
+                                            {"missing/a", missing, home},
+                                            {"//missing/a", missing, home},
+                                            {"../other", outside, other},
+                                            {"/../other", outside, other},
+                                            {"www/../../other", outside, other},
+                                            {"link", outside, other},
+                                            {"/link/", outside, other},
+                                            {"..", outside, machine_.Path()},
+                                            {"root", outside, "/"}}) {
     const Switched switched = Switch(machine_, {.dir = dir});
-    EXPECT_EQ(switched.error, "it is not your folder") << dir;
-    EXPECT_EQ(switched.identity, Visitor("/", place)) << dir;
+    EXPECT_EQ(switched.error, error) << dir;
+    EXPECT_EQ(switched.identity, Visitor("/", entered)) << dir;
   }
-}
-
-TEST_F(Su, UnconfinedFollowsALinkThatStaysInside) {
-  fs::create_symlink(machine_ / "home/www", machine_ / "home/link");
-  const Switched switched = Switch(machine_, {.dir = "link"});
-  EXPECT_EQ(switched.error, "");
-  EXPECT_EQ(switched.identity, Visitor("/", machine_ / "home/www"));
+  const Switched confined =
+      Switch(machine_, {.dir = "/missing", .use_chroot = true});
+  EXPECT_EQ(confined.error, "no such directory '/missing'");
+  EXPECT_EQ(confined.identity, Visitor(home, machine_.Start()));
+  const Switched root = Switch(
+      machine_, {.user = "root", .dir = "//missing", .use_chroot = true});
+  EXPECT_EQ(root.error, "no such directory '//missing'");
+  EXPECT_EQ(root.identity, Root(machine_.Start()));
 }
 
 TEST_F(Su, UnconfinedStaysInAHomeThatItsAccountMayNotSearch) {
@@ -270,20 +238,6 @@ TEST_F(Su, ConfinedWritesTheTimeOfALogLineWithoutReadingTheHome) {
   EXPECT_EQ(outcome.status, 0);
   const Lines warning = {{4, "failed to start PAM session"}};
   EXPECT_EQ(outcome.log, warning);
-}
-
-TEST_F(Su, LeavesNoTraceOfAFailedSessionBelowTheLevelOfWarnings) {
-  for (const int level : {3, 4}) {
-    const Outcome outcome =
-        Child().LogLevel(level).WorkDir(machine_.Start()).Run([&](const Told&) {
-          machine_.SetUp();
-          Cgi::Data request;
-          request.DoSu("visitor", "/", true, true);
-        });
-    EXPECT_EQ(outcome.error, "");
-    const Lines warning = {{4, "failed to start PAM session"}};
-    EXPECT_EQ(outcome.log, level == 3 ? Lines{} : warning);
-  }
 }
 
 }  // namespace
