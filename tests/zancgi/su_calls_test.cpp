@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <functional>
 #include <iterator>
+#include <numeric>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -247,11 +248,26 @@ TEST_P(SuCallsCombination, OfAnAccountComeInTheirOrder) {
   EXPECT_EQ(switched.log, OfSwitch(machine_, call));
 }
 
+/// A switch of the account, with all that belongs to it.
+Call Whole(bool use_chroot) {
+  return {.dir = "/", .use_chroot = use_chroot, .use_pam = true};
+}
+
 class SuCalls : public testing::Test {
  protected:
   /// Of a switch for which nobody becomes anybody.
   Switched Pretend(const Call& call) const {
     return RecordSwitch(machine_, call, answers_);
+  }
+
+  /// Expects that it makes these calls. Returns where the process then is.
+  std::string Expect(const Call& call, const Lines& calls,
+                     const std::string& error = "") const {
+    const Switched switched = Pretend(call);
+    const std::string failures = testing::PrintToString(answers_.failures);
+    EXPECT_EQ(switched.error, error) << failures;
+    EXPECT_EQ(switched.log, calls) << failures;
+    return switched.identity.work_dir;
   }
 
   void FailAt(const std::string& call, const std::vector<int>& errors) {
@@ -306,164 +322,125 @@ TEST_F(SuCalls, GoUpFromTheDirectoryUntilTheHomeIsMet) {
 }
 
 TEST_F(SuCalls, OfAnAccountThatIsMissingAreOne) {
-  const Switched switched =
-      Pretend({.user = "nobody-here", .use_chroot = true, .use_pam = true});
-  EXPECT_EQ(switched.error, "failed to get pw entry");
-  EXPECT_EQ(switched.log, Lines{Called("getpwnam nobody-here")});
+  Call call = Whole(true);
+  call.user = "nobody-here";
+  Expect(call, {Called("getpwnam nobody-here")}, "failed to get pw entry");
 }
 
 TEST_F(SuCalls, StopBehindTheHomeThatCannotBeEntered) {
   for (const int error : {EPERM, EACCES, ENOENT}) {
-    FailAt("chroot " + machine_.Home(), {error});
-    const Switched confined =
-        Pretend({.dir = "/", .use_chroot = true, .use_pam = true});
-    EXPECT_EQ(confined.error, kHomeClosed);
-    Lines calls = OfSwitch(machine_, {.use_chroot = true});
-    calls.resize(5);
-    EXPECT_EQ(calls.back(), Called("chroot " + machine_.Home()));
-    EXPECT_EQ(confined.log, calls);
-    EXPECT_EQ(confined.identity.work_dir, machine_.Start());
-
-    FailAt("chdir " + machine_.Home(), {error});
-    const Switched unconfined = Pretend({.dir = "/", .use_pam = true});
-    EXPECT_EQ(unconfined.error, kHomeClosed);
-    EXPECT_EQ(unconfined.log, (Lines{Called("getpwnam visitor"),
-                                     Called("chdir " + machine_.Home())}));
-    EXPECT_EQ(unconfined.identity.work_dir, machine_.Start());
+    for (const bool use_chroot : {false, true}) {
+      const std::string entering =
+          (use_chroot ? "chroot " : "chdir ") + machine_.Home();
+      FailAt(entering, {error});
+      Lines calls = OfSwitch(machine_, {.use_chroot = use_chroot});
+      const auto last = std::find(calls.begin(), calls.end(), Called(entering));
+      ASSERT_NE(last, calls.end());
+      calls.erase(std::next(last), calls.end());
+      EXPECT_EQ(Expect(Whole(use_chroot), calls, kHomeClosed),
+                machine_.Start());
+    }
   }
 }
 
 TEST_F(SuCalls, AreAllMadeBeforeADirectoryThatCannotBeEntered) {
   for (const int error : {EACCES, ENOENT, ENOTDIR, ELOOP}) {
-    const Call confined = {.dir = "/", .use_chroot = true, .use_pam = true};
     FailAt("chdir /", {error});
-    Switched switched = Pretend(confined);
-    EXPECT_EQ(switched.error, "no such directory '/'");
-    EXPECT_EQ(switched.log, OfSwitch(machine_, confined));
+    Expect(Whole(true), OfSwitch(machine_, Whole(true)),
+           "no such directory '/'");
 
     FailAt("chdir www", {error});
-    switched = Pretend({.dir = "//www"});
-    EXPECT_EQ(switched.error, "no such directory 'www'");
     Lines calls = OfSwitchUntilCheck(machine_);
     Add(calls, {Called("stat ."), Called("chdir www")});
-    EXPECT_EQ(switched.log, calls);
-    EXPECT_EQ(switched.identity.work_dir, machine_.Home());
-
-    switched = Pretend({.user = "root", .dir = "www"});
-    EXPECT_EQ(switched.error, "no such directory 'www'");
-    EXPECT_EQ(switched.log, OfRoot("www"));
+    const std::string missing = "no such directory 'www'";
+    EXPECT_EQ(Expect({.dir = "//www"}, calls, missing), machine_.Home());
+    Expect({.user = "root", .dir = "www"}, OfRoot("www"), missing);
   }
 }
 
 TEST_F(SuCalls, GoOnWhenAnIdentityIsRefused) {
-  for (const std::string refused :
-       {kInitgroups, "setgid 54322", "setuid 54321"}) {
-    for (const int error : {EPERM, EAGAIN}) {
+  for (const int error : {EPERM, EAGAIN}) {
+    for (const std::string refused :
+         {kInitgroups, "setgid 54322", "setuid 54321"}) {
       FailAt(refused, {error});
       for (const bool use_chroot : {false, true}) {
-        const Call call = {
-            .dir = "/", .use_chroot = use_chroot, .use_pam = true};
-        const Switched switched = Pretend(call);
-        Lines calls = OfSwitch(machine_, call);
+        Lines calls = OfSwitch(machine_, Whole(use_chroot));
         if (refused == kInitgroups && !use_chroot) AddGroupsSetByHand(calls);
-        EXPECT_EQ(switched.error, "") << refused;
-        EXPECT_EQ(switched.log, calls) << refused;
+        Expect(Whole(use_chroot), calls);
       }
+    }
+    for (const char* refused : {"setgid 0", "setuid 0"}) {
+      FailAt(refused, {error});
+      Expect({.user = "root", .dir = "www"}, OfRoot("www"));
     }
   }
 }
 
-TEST_F(SuCalls, OfRootGoOnWhenItsIdentityIsRefused) {
-  for (const char* refused : {"setgid 0", "setuid 0"}) {
-    FailAt(refused, {EPERM});
-    const Switched switched = Pretend({.user = "root", .dir = "www"});
-    EXPECT_EQ(switched.error, "") << refused;
-    EXPECT_EQ(switched.log, OfRoot("www")) << refused;
-  }
-}
-
-// It could say of itself that it is root's.
-TEST_F(SuCalls, OfPamAreNotMadeWhereAProgramServesTheRootDirectory) {
-  const Call call = {.dir = "/", .use_chroot = true, .use_pam = true};
+TEST_F(SuCalls, OfPamAreNotMadeInARootDirectoryThatMayNotBeRoots) {
+  Lines calls = OfSwitch(machine_, Whole(true), OfNoPam());
+  // A program that serves it could say of itself that it is root's.
   answers_.file_system = FUSE_SUPER_MAGIC;
-  const Switched switched = Pretend(call);
-  EXPECT_EQ(switched.error, "");
-  EXPECT_EQ(switched.log, OfSwitch(machine_, call, OfNoPam()));
+  Expect(Whole(true), calls);
+  answers_.file_system = 0;
+  FailAt("statfs /", {EIO});
+  Expect(Whole(true), calls);
+  FailAt("stat /", {EIO});
+  std::erase(calls, Called("statfs /"));
+  Expect(Whole(true), calls);
 }
 
 TEST_F(SuCalls, TakeAwayAllGroupsWhenTheAccountsAreRefused) {
   const Call call = {.dir = "/", .use_chroot = true};
-  Lines calls;
-  for (const zan_cgi::testing::LogLine& line : OfSwitch(machine_, call)) {
-    calls.push_back(line);
-    if (line.text == "setgroups 54321 54330") {
-      calls.push_back(Called("setgroups"));
-    }
-  }
+  const std::string setting = "setgroups 54321 54330";
+  Lines calls = OfSwitch(machine_, call);
+  calls.insert(
+      std::next(std::find(calls.begin(), calls.end(), Called(setting))),
+      Called("setgroups"));
   for (const int error : {EPERM, EAGAIN, ENOMEM}) {
-    FailAt("setgroups 54321 54330", {error});
-    const Switched switched = Pretend(call);
-    EXPECT_EQ(switched.error, "");
-    EXPECT_EQ(switched.log, calls);
+    FailAt(setting, {error});
+    Expect(call, calls);
   }
+}
+
+/// Has the account be in so many groups. Returns how they are set.
+std::string Join(std::vector<gid_t>& groups, std::size_t count) {
+  groups.resize(count);
+  std::iota(groups.begin(), groups.end(), support::kVisitor + 1);
+  std::string setting = "setgroups 54321";
+  for (const gid_t group : groups) setting += " " + std::to_string(group);
+  return setting;
 }
 
 TEST_F(SuCalls, AskOnceMoreForTheGroupsOfAnAccountThatHasMany) {
-  const auto first = static_cast<gid_t>(support::kVisitor) + 1;
-  std::string all = "setgroups 54321";
-  answers_.groups.clear();
-  for (gid_t group = first; group < first + 40; ++group) {
-    answers_.groups.push_back(group);
-    all += " " + std::to_string(group);
-  }
   const Call call = {.dir = "/", .use_chroot = true};
-  Lines calls = OfSwitch(machine_, call);
-  calls.insert(calls.begin() + 1, calls[1]);
-  std::replace(calls.begin(), calls.end(), Called("setgroups 54321 54330"),
-               Called(all));
-  const Switched switched = Pretend(call);
-  EXPECT_EQ(switched.error, "");
-  EXPECT_EQ(switched.log, calls);
-}
-
-TEST_F(SuCalls, SetNoMoreGroupsThanTheKernelTakes) {
-  std::string most = "setgroups";
-  answers_.groups.clear();
-  for (gid_t group = 1000; answers_.groups.size() < NGROUPS_MAX; ++group) {
-    if (group != support::kVisitor) answers_.groups.push_back(group);
+  // No more than the kernel takes.
+  const std::string most = Join(answers_.groups, NGROUPS_MAX - 1);
+  for (const auto& [count, setting] :
+       {std::pair<std::size_t, std::string>(40, Join(answers_.groups, 40)),
+        {NGROUPS_MAX - 1, most},
+        {NGROUPS_MAX, most},
+        {NGROUPS_MAX + 1, most}}) {
+    Join(answers_.groups, count);
+    Lines calls = OfSwitch(machine_, call);
+    calls.insert(calls.begin() + 1, calls[1]);
+    std::replace(calls.begin(), calls.end(), Called("setgroups 54321 54330"),
+                 Called(setting));
+    Expect(call, calls);
   }
-  std::vector<gid_t> taken(answers_.groups.begin(), answers_.groups.end() - 1);
-  taken.push_back(support::kVisitor);
-  std::sort(taken.begin(), taken.end());
-  for (const gid_t group : taken) most += " " + std::to_string(group);
-  const Lines log = Pretend({.dir = "/", .use_chroot = true}).log;
-  EXPECT_NE(std::find(log.begin(), log.end(), Called(most)), log.end());
 }
 
 TEST_F(SuCalls, StopWhereTheWayUpIsNotKnown) {
-  machine_.MakeDir("home/www/a");
+  const std::string entered = machine_.MakeDir("home/www/a");
   for (const int error : {EACCES, ENOENT, EIO}) {
-    FailAt("stat ./..", {error});
-    Switched switched = Pretend({.dir = "www/a"});
-    EXPECT_EQ(switched.error, "stat error");
-    EXPECT_EQ(switched.log, OfCheckedSwitch(machine_, "www/a", 1));
-    EXPECT_EQ(switched.identity.work_dir, machine_.Home() + "/www/a");
-
-    FailAt("stat ./../..", {error});
-    switched = Pretend({.dir = "www/a"});
-    EXPECT_EQ(switched.error, "stat error");
-    EXPECT_EQ(switched.log, OfCheckedSwitch(machine_, "www/a", 2));
+    int levels = 0;
+    for (const char* above : {"stat ./..", "stat ./../.."}) {
+      FailAt(above, {error});
+      EXPECT_EQ(
+          Expect({.dir = "www/a"}, OfCheckedSwitch(machine_, "www/a", ++levels),
+                 "stat error"),
+          entered);
+    }
   }
-}
-
-TEST_F(SuCalls, OfPamAreNotMadeInARootDirectoryOfUnknownOwner) {
-  const Call call = {.dir = "/", .use_chroot = true, .use_pam = true};
-  Lines calls = OfSwitch(machine_, call, OfNoPam());
-  FailAt("statfs /", {EIO});
-  EXPECT_EQ(Pretend(call).log, calls);
-  FailAt("stat /", {EIO});
-  std::erase(calls, Called("statfs /"));
-  EXPECT_EQ(Pretend(call).log, calls);
 }
 
 TEST_F(SuCalls, GoOnWhereTheyWereWhenAPamModuleHasMoved) {
@@ -471,13 +448,16 @@ TEST_F(SuCalls, GoOnWhereTheyWereWhenAPamModuleHasMoved) {
        {"pam_start login visitor myconv", "pam_open_session session silent",
         "pam_close_session session silent", "pam_end session 0"}) {
     answers_.effects = {{moving, [] { EXPECT_EQ(::chdir("/"), 0); }}};
-    Switched switched = Pretend({.dir = "www", .use_pam = true});
-    EXPECT_EQ(switched.error, "") << moving;
-    EXPECT_EQ(switched.identity.work_dir, machine_.Home() + "/www") << moving;
-
-    switched = Pretend({.dir = "www", .use_chroot = true, .use_pam = true});
-    EXPECT_EQ(switched.error, "") << moving;
-    EXPECT_EQ(switched.identity.work_dir, machine_.Start() + "/www") << moving;
+    for (const bool use_chroot : {false, true}) {
+      const Call call = {
+          .dir = "www", .use_chroot = use_chroot, .use_pam = true};
+      Lines calls = OfSwitch(machine_, call);
+      calls.insert(
+          std::next(std::find(calls.begin(), calls.end(), Called(moving))),
+          Called("chdir /"));
+      EXPECT_EQ(Expect(call, calls),
+                (use_chroot ? machine_.Start() : machine_.Home()) + "/www");
+    }
   }
 }
 
@@ -493,9 +473,7 @@ TEST_F(SuCalls, OpenNothingInPlaceOfAClosedStandardStream) {
                          EXPECT_LT(::fcntl(STDOUT_FILENO, F_GETFD), 0);
                        }}};
   for (const bool use_chroot : {false, true}) {
-    const Switched switched =
-        Pretend({.dir = "/", .use_chroot = use_chroot, .use_pam = true});
-    EXPECT_EQ(switched.error, "");
+    EXPECT_EQ(Pretend(Whole(use_chroot)).error, "");
   }
 }
 
@@ -522,10 +500,8 @@ TEST_F(SuCalls, AreForTheAccountWhoeverIsAskedForMeanwhile) {
     answers_.effects[asking] = AskForRoot;
   }
   for (const bool use_chroot : {false, true}) {
-    const Call call = {.dir = "/", .use_chroot = use_chroot, .use_pam = true};
-    const Switched switched = Pretend(call);
-    EXPECT_EQ(switched.error, "");
-    EXPECT_EQ(switched.log, WithQuestions(OfSwitch(machine_, call), answers_));
+    Expect(Whole(use_chroot),
+           WithQuestions(OfSwitch(machine_, Whole(use_chroot)), answers_));
   }
 }
 
