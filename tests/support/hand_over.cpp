@@ -3,13 +3,11 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 #include <zancgi/testing/identity.h>
 #include <zancgi/zancgi.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <exception>
 #include <filesystem>
 #include <sstream>
@@ -28,7 +26,6 @@ using zan_cgi::testing::IsRoot;
 constexpr char kOtherFileSystem[] = "/dev/shm";
 
 constinit const Account* only_account = nullptr;
-constinit bool refuses_chroot = false;
 
 passwd EntryOf(const Account& account) {
   passwd entry{};
@@ -86,8 +83,6 @@ void HandOverInChild(const std::vector<Stored>& files, const HandOverCall& call,
 void FakeAccount(const Account& account) {
   delete std::exchange(only_account, new Account(account));
 }
-
-void RefuseChroot() { refuses_chroot = true; }
 
 struct stat StatOf(const std::string& path) {
   struct stat found {};
@@ -186,12 +181,4 @@ extern "C" passwd* getpwnam(const char* name) {
   }
   found = support::EntryOf(*support::only_account);
   return support::only_account->name == name ? &found : nullptr;
-}
-
-extern "C" int chroot(const char* path) noexcept {
-  if (!support::refuses_chroot) {
-    return static_cast<int>(::syscall(SYS_chroot, path));
-  }
-  errno = EPERM;
-  return -1;
 }

@@ -29,9 +29,6 @@ using zan_cgi::testing::Scratch;
 /// it in a child only.
 void FakeAccount(const Account& account);
 
-/// Has chroot(2) fail in this process, as it does without the capability.
-void RefuseChroot();
-
 /// The attributes of a file itself; fails the test when there is none.
 struct stat StatOf(const std::string& path);
 /// "owner:group mode", the mode in octal with a 0 in front.

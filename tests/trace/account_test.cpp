@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <zancgi/zancgi.h>
 
+#include <cerrno>
 #include <string>
 
 #include "support/form.h"
@@ -163,6 +164,21 @@ TEST(Su, IsNotTriedAfterAHandOverThatFails) {
   ExpectTrace(script, UploadAndBecome("alice"),
               Uploaded() + kHandOver + "throws tov_err::Error: no room\n" +
                   trace::Dropping("spool/zantemp-1"));
+}
+
+// The path is recorded for the root directory that was to come. In the one that
+// there still is, it leads to another file or to none, and the upload stays.
+TEST(Su, ThatCannotConfineLooksForTheUploadsInTheRootThatThereIs) {
+  Script script = trace::Post(kBody);
+  script.failures["chroot ."] = {EPERM};
+  ExpectTrace(script, UploadAndBecome("alice", true),
+              Uploaded() + kHandOver + R"(
+    getpwnam alice
+    unix 8: ChRoot Init resolver
+    chroot .
+    throws std::runtime_error: failed to chroot to users home folder
+    Exists('/zantemp-1')
+  )");
 }
 
 TEST(Su, ToRootLeavesTheUploadsAndEntersHisHome) {
