@@ -36,48 +36,38 @@ auto HandOver(const std::string& user, bool use_chroot = false) {
   });
 }
 
+/// The trace of the beginning of a hand-over to "alice", and of that of one
+/// upload up to the move.
+const std::string kBegin = "getpwnam alice\nAttrs(0644, 1001, 1002)\n";
+std::string Giving(const std::string& from, const std::string& name) {
+  return "ConcatPath('.', '" + name + "')\nAttrs(0644, 1001, 1002).SafeSet('" +
+         from + "', false)\n";
+}
+std::string Moving(const std::string& client_name, const std::string& from,
+                   const std::string& name) {
+  return Giving(from, name) + "unix 9: [zancgi_unix.cpp]:# moving file '" +
+         client_name + "' stored as '" + from + "' to './" + name +
+         "'\nMove('" + from + "', './" + name + "')\n";
+}
+
 TEST(HandOver, GivesEachUploadAwayAndMovesIt) {
-  ExpectTrace({}, HandOver("alice"), R"(
-    getpwnam alice
-    Attrs(0644, 1001, 1002)
-    ConcatPath('.', '1')
-    Attrs(0644, 1001, 1002).SafeSet('spool/1', false)
-    unix 9: [zancgi_unix.cpp]:# moving file 'B' stored as 'spool/1' to './1'
-    Move('spool/1', './1')
-    ConcatPath('.', '2')
-    Attrs(0644, 1001, 1002).SafeSet('spool/2', false)
-    unix 9: [zancgi_unix.cpp]:# moving file 'a' stored as 'spool/2' to './2'
-    Move('spool/2', './2')
-    ConcatPath('.', '3')
-    Attrs(0644, 1001, 1002).SafeSet('spool/x\3', false)
-    unix 9: [zancgi_unix.cpp]:# moving file 'c' stored as 'spool/x\3' to './3'
-    Move('spool/x\3', './3')
-    = ./1 ./2 ./3
-  )");
+  ExpectTrace({}, HandOver("alice"),
+              kBegin + Moving("B", "spool/1", "1") +
+                  Moving("a", "spool/2", "2") + Moving("c", "spool/x\\3", "3") +
+                  "= ./1 ./2 ./3");
 }
 
 TEST(HandOver, ThatFailsLeavesTheOthersWhereTheyAre) {
   ExpectTrace({.effects = {{"SafeSet", {nullptr, Fail("no owner")}}}},
-              HandOver("alice", true), R"(
-    getpwnam alice
-    Attrs(0644, 1001, 1002)
-    ConcatPath('.', '1')
-    Attrs(0644, 1001, 1002).SafeSet('spool/1', false)
-    unix 9: [zancgi_unix.cpp]:# moving file 'B' stored as 'spool/1' to './1'
-    Move('spool/1', './1')
-    ConcatPath('.', '2')
-    Attrs(0644, 1001, 1002).SafeSet('spool/2', false)
+              HandOver("alice", true),
+              kBegin + Moving("B", "spool/1", "1") + Giving("spool/2", "2") +
+                  R"(
     throws tov_err::Error: no owner
     = /1 spool/2 spool/x\3
   )");
   ExpectTrace({.effects = {{"Move", {Fail("no room")}}}},
-              HandOver("alice", true), R"(
-    getpwnam alice
-    Attrs(0644, 1001, 1002)
-    ConcatPath('.', '1')
-    Attrs(0644, 1001, 1002).SafeSet('spool/1', false)
-    unix 9: [zancgi_unix.cpp]:# moving file 'B' stored as 'spool/1' to './1'
-    Move('spool/1', './1')
+              HandOver("alice", true),
+              kBegin + Moving("B", "spool/1", "1") + R"(
     throws tov_err::Error: no room
     = spool/1 spool/2 spool/x\3
   )");
@@ -99,10 +89,7 @@ TEST(HandOver, OfNothingLooksTheAccountUp) {
   ExpectTrace({}, Serve([](Cgi& cgi) {
                 RecordOf(cgi).DoChownFiles("alice", "", false);
               }),
-              R"(
-    getpwnam alice
-    Attrs(0644, 1001, 1002)
-  )");
+              kBegin);
 }
 
 /// A body with the upload "f", and what a POST of it comes to.
@@ -120,15 +107,9 @@ auto UploadAndBecome(const std::string& user, bool use_chroot = false) {
   });
 }
 
-/// The trace of the hand-over of the upload to "alice".
-const char kHandOver[] = R"(
-    getpwnam alice
-    Attrs(0644, 1001, 1002)
-    ConcatPath('.', 'zantemp-1')
-    Attrs(0644, 1001, 1002).SafeSet('spool/zantemp-1', false)
-    unix 9: [zancgi_unix.cpp]:# moving file 'f' stored as 'spool/zantemp-1' to './zantemp-1'
-    Move('spool/zantemp-1', './zantemp-1')
-)";
+/// The trace of the hand-over of the upload.
+const std::string kHandOver =
+    kBegin + Moving("f", "spool/zantemp-1", "zantemp-1");
 
 TEST(Su, HandsTheUploadsOverBeforeTheSwitch) {
   ExpectTrace(trace::Post(kBody), UploadAndBecome("alice"),
