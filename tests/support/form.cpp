@@ -2,18 +2,29 @@
 
 namespace support {
 
+std::string Head(const std::string& attributes) {
+  return "--XY\r\nContent-Disposition: form-data; " + attributes + "\r\n\r\n";
+}
+
+std::string FieldHead(const std::string& name) {
+  return Head("name=\"" + name + "\"");
+}
+
+std::string UploadHead(const std::string& name, const std::string& file_name) {
+  return Head("name=\"" + name + "\"; filename=\"" + file_name + "\"");
+}
+
 std::string Part(const std::string& attributes, const std::string& content) {
-  return "--XY\r\nContent-Disposition: form-data; " + attributes + "\r\n\r\n" +
-         content + "\r\n";
+  return Head(attributes) + content + "\r\n";
 }
 
 std::string Field(const std::string& name, const std::string& value) {
-  return Part("name=\"" + name + "\"", value);
+  return FieldHead(name) + value + "\r\n";
 }
 
 std::string Upload(const std::string& name, const std::string& file_name,
                    const std::string& content) {
-  return Part("name=\"" + name + "\"; filename=\"" + file_name + "\"", content);
+  return UploadHead(name, file_name) + content + "\r\n";
 }
 
 Child Post(const std::string& declared_length,
@@ -23,6 +34,10 @@ Child Post(const std::string& declared_length,
       .Env("CONTENT_TYPE", content_type)
       .Env("CONTENT_LENGTH", declared_length);
   return child;
+}
+
+Child PostOf(const std::string& body, const std::string& content_type) {
+  return Post(std::to_string(body.size()), content_type);
 }
 
 }  // namespace support

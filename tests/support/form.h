@@ -14,10 +14,14 @@ using zan_cgi::testing::Child;
 
 /// The content type that announces the boundary.
 inline constexpr char kForm[] = "multipart/form-data; boundary=XY";
-/// The closing boundary line, behind the last part.
+/// The closing boundary line, after the last part.
 inline constexpr char kFormEnd[] = "--XY--\r\n";
 
-/// A part with a disposition line of these attributes.
+/// A part up to its content, with a disposition line of these attributes.
+std::string Head(const std::string& attributes);
+std::string FieldHead(const std::string& name);
+std::string UploadHead(const std::string& name, const std::string& file_name);
+/// The same with the content, and the line end that closes it.
 std::string Part(const std::string& attributes, const std::string& content);
 std::string Field(const std::string& name, const std::string& value);
 std::string Upload(const std::string& name, const std::string& file_name,
@@ -26,6 +30,8 @@ std::string Upload(const std::string& name, const std::string& file_name,
 /// A process that serves a POST which declares this many bytes.
 Child Post(const std::string& declared_length,
            const std::string& content_type = kForm);
+/// A process that serves a POST of this body.
+Child PostOf(const std::string& body, const std::string& content_type = kForm);
 
 }  // namespace support
 
