@@ -12,10 +12,18 @@
 #include "plain/body_maker.h"
 #include "plain/plain_parser.h"
 #include "plain/product.h"
+#include "support/clean_run.h"
+#include "support/fast_folder.h"
+#include "support/form.h"
 
 namespace plain {
 namespace {
 
+using support::Field;
+using support::kForm;
+using support::kFormEnd;
+using support::Part;
+using support::Upload;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::Scratch;
 
@@ -27,13 +35,6 @@ constexpr std::size_t kRandomCases = 200'000;
 constexpr std::size_t kShards = 4;
 /// Of the cases that go on for ever, every so many is shown to.
 constexpr std::size_t kSpinSample = 100;
-
-std::string FastFolder() {
-  const char* const memory = "/dev/shm";
-  return ::access(memory, W_OK) == 0
-             ? memory
-             : std::filesystem::temp_directory_path().string();
-}
 
 /// Compares case after case, and counts.
 class Comparison {
@@ -80,8 +81,8 @@ class Comparison {
 /// Runs a comparison in a child and gives what it has counted.
 template <class Body>
 zan_cgi::testing::Outcome Compare(const Body& body) {
-  const Scratch scratch(FastFolder());
-  return Child().Run([&](const zan_cgi::testing::Told& told) {
+  const Scratch scratch(support::FastFolder());
+  return support::RunCleanly(Child(), [&](const zan_cgi::testing::Told& told) {
     Comparison comparison(scratch);
     body(comparison, scratch.Path());
     told("cases", std::to_string(comparison.cases));
@@ -115,7 +116,6 @@ TEST_P(RandomBodies, AreParsedAlike) {
           comparison.Check(maker.Make());
         }
       });
-  ASSERT_EQ(outcome.status, 0);
   std::cout << Count(outcome, "cases") << " cases from seed " << seed << ": "
             << Count(outcome, "uploads") << " with uploads, "
             << Count(outcome, "errors") << " with errors, "
@@ -137,51 +137,36 @@ struct NamedBody {
   std::string bytes;
 };
 
-const std::string kForm = "multipart/form-data; boundary=XY";
-
-std::string Field(const std::string& name, const std::string& value) {
-  return "--XY\r\nContent-Disposition: form-data; name=\"" + name +
-         "\"\r\n\r\n" + value + "\r\n";
-}
-
-std::string Upload(const std::string& name, const std::string& file_name,
-                   const std::string& content) {
-  return "--XY\r\nContent-Disposition: form-data; name=\"" + name +
-         "\"; filename=\"" + file_name +
-         "\"\r\nContent-Type: text/plain\r\n\r\n" + content + "\r\n";
-}
-
 /// Short enough for every pair of cuts.
 const NamedBody kShortBodies[] = {
-    {"Field", kForm, Field("a", "1") + "--XY--\r\n"},
-    {"Upload", kForm, Upload("u", "f", "x\r\n-y") + "--XY--\r\n"},
+    {"Field", kForm, Field("a", "1") + kFormEnd},
+    {"Upload", kForm,
+     Part("name=\"u\"; filename=\"f\"\r\nContent-Type: text/plain", "x\r\n-y") +
+         kFormEnd},
     {"QueryString", "application/x-www-form-urlencoded", "a=1&b=%41+c&=x&d"},
-    {"EmptyUpload", kForm, Upload("u", "f", "") + "--XY--\r\n"},
+    {"EmptyUpload", kForm, Upload("u", "f", "") + kFormEnd},
     {"BoundaryWithCr", "multipart/form-data; boundary=\rX",
      "--\rX\r\nContent-Disposition: form-data; name=\"u\"; filename=\"f\"\r\n"
      "\r\n\r\n--\r\r\n--\rX--\r\n"},
 };
 
 const NamedBody kBodies[] = {
-    {"TwoFields", kForm, Field("a", "1\r\n2") + Field("a", "3") + "--XY--\r\n"},
+    {"TwoFields", kForm, Field("a", "1\r\n2") + Field("a", "3") + kFormEnd},
     {"Mixed", kForm,
      Field("a", "1") + Upload("u", "f", "\r\n\r\n--X\r--XY\n") +
-         Field("b", "") + Upload("v", "g", "last") + "--XY--\r\n"},
+         Field("b", "") + Upload("v", "g", "last") + kFormEnd},
     {"SameFileName", kForm,
-     Upload("u", "f", "first") + Upload("v", "f", "second") + "--XY--\r\n"},
-    {"EmptyFileInput", kForm,
-     Upload("u", "", "") + Field("a", "1") + "--XY--\r\n"},
-    {"Preamble", kForm, "preamble\r\n" + Field("a", "1") + "--XY--\r\nend"},
+     Upload("u", "f", "first") + Upload("v", "f", "second") + kFormEnd},
+    {"EmptyFileInput", kForm, Upload("u", "", "") + Field("a", "1") + kFormEnd},
+    {"Preamble", kForm, "preamble\r\n" + Field("a", "1") + kFormEnd + "end"},
     {"OtherDisposition", kForm,
      "--XY\r\nContent-Disposition: attachment; filename=\"x\"\r\n\r\nskipped"
      "\r\n" +
-         Field("a", "1") + "--XY--\r\n"},
+         Field("a", "1") + kFormEnd},
     {"BehindTheEnd", kForm,
-     Upload("u", "f", "data") + "--XY--\r\n" + Upload("u", "f", "more") +
-         "--XY--\r\n"},
+     Upload("u", "f", "data") + kFormEnd + Upload("u", "f", "more") + kFormEnd},
     {"ManySeparatorBeginnings", kForm,
-     Upload("u", "f", "\r\r\n\r\n-\r\n--\r\n--X\r\n--X\r\n--XX\r") +
-         "--XY--\r\n"},
+     Upload("u", "f", "\r\r\n\r\n-\r\n--\r\n--X\r\n--X\r\n--XX\r") + kFormEnd},
 };
 
 void PrintTo(const NamedBody& body, std::ostream* out) { *out << body.name; }
@@ -211,21 +196,18 @@ TEST_P(CutBody, IsParsedAlikeWithOneCut) {
           comparison.Check(request);
         }
       });
-  ASSERT_EQ(outcome.status, 0);
   EXPECT_EQ(Count(outcome, "cases"), GetParam().bytes.size());
 }
 
 TEST_P(CutBody, IsParsedAlikeInPiecesOfOneSize) {
-  const zan_cgi::testing::Outcome outcome =
-      Compare([](Comparison& comparison, const std::string& folder) {
-        Request request = ToRequest(GetParam(), folder);
-        const std::size_t size = request.input.bytes.size();
-        for (std::size_t piece = 1; piece < size; ++piece) {
-          request.input.reads.assign(size / piece, piece);
-          comparison.Check(request);
-        }
-      });
-  ASSERT_EQ(outcome.status, 0);
+  Compare([](Comparison& comparison, const std::string& folder) {
+    Request request = ToRequest(GetParam(), folder);
+    const std::size_t size = request.input.bytes.size();
+    for (std::size_t piece = 1; piece < size; ++piece) {
+      request.input.reads.assign(size / piece, piece);
+      comparison.Check(request);
+    }
+  });
 }
 
 TEST_P(CutBody, IsParsedAlikeWhenItEndsEarly) {
@@ -240,22 +222,19 @@ TEST_P(CutBody, IsParsedAlikeWhenItEndsEarly) {
           comparison.Check(request);
         }
       });
-  ASSERT_EQ(outcome.status, 0);
   EXPECT_EQ(Count(outcome, "cases"), 2 * GetParam().bytes.size());
 }
 
 TEST_P(CutBody, IsParsedAlikeWithAnEmptyRead) {
-  const zan_cgi::testing::Outcome outcome =
-      Compare([](Comparison& comparison, const std::string& folder) {
-        comparison.spin_sample = 10;
-        Request request = ToRequest(GetParam(), folder);
-        for (std::size_t at = 0; at <= request.input.bytes.size(); ++at) {
-          request.input.reads = at == 0 ? std::vector<std::size_t>{0}
-                                        : std::vector<std::size_t>{at, 0};
-          comparison.Check(request);
-        }
-      });
-  ASSERT_EQ(outcome.status, 0);
+  Compare([](Comparison& comparison, const std::string& folder) {
+    comparison.spin_sample = 10;
+    Request request = ToRequest(GetParam(), folder);
+    for (std::size_t at = 0; at <= request.input.bytes.size(); ++at) {
+      request.input.reads = at == 0 ? std::vector<std::size_t>{0}
+                                    : std::vector<std::size_t>{at, 0};
+      comparison.Check(request);
+    }
+  });
 }
 
 INSTANTIATE_TEST_SUITE_P(Short, CutBody, testing::ValuesIn(kShortBodies),
@@ -265,18 +244,16 @@ INSTANTIATE_TEST_SUITE_P(Long, CutBody, testing::ValuesIn(kBodies), NameOf);
 class ShortBody : public testing::TestWithParam<NamedBody> {};
 
 TEST_P(ShortBody, IsParsedAlikeWithTwoCuts) {
-  const zan_cgi::testing::Outcome outcome =
-      Compare([](Comparison& comparison, const std::string& folder) {
-        Request request = ToRequest(GetParam(), folder);
-        const std::size_t size = request.input.bytes.size();
-        for (std::size_t first = 1; first < size; ++first) {
-          for (std::size_t second = 1; second < size - first; ++second) {
-            request.input.reads = {first, second};
-            comparison.Check(request);
-          }
-        }
-      });
-  ASSERT_EQ(outcome.status, 0);
+  Compare([](Comparison& comparison, const std::string& folder) {
+    Request request = ToRequest(GetParam(), folder);
+    const std::size_t size = request.input.bytes.size();
+    for (std::size_t first = 1; first < size; ++first) {
+      for (std::size_t second = 1; second < size - first; ++second) {
+        request.input.reads = {first, second};
+        comparison.Check(request);
+      }
+    }
+  });
 }
 
 INSTANTIATE_TEST_SUITE_P(, ShortBody, testing::ValuesIn(kShortBodies), NameOf);
@@ -305,7 +282,6 @@ TEST_P(ReadOfNothing, WithoutABoundaryDelaysTheBodyOnly) {
           }
         }
       });
-  ASSERT_EQ(outcome.status, 0);
   EXPECT_EQ(Count(outcome, "pauses"), Count(outcome, "cases"));
 }
 
@@ -323,7 +299,6 @@ TEST(EmptyRead, GoesOnForEverAtEachPlaceWhereItIsSaidTo) {
           comparison.Check(request);
         }
       });
-  ASSERT_EQ(outcome.status, 0);
   EXPECT_EQ(Count(outcome, "spins"), kShortBodies[0].bytes.size() - 1);
 }
 

@@ -4,74 +4,70 @@
 
 #include <map>
 #include <string>
+#include <utility>
+
+#include "support/clean_run.h"
 
 namespace {
 
 using zan_cgi::Cgi;
 using zan_cgi::testing::Child;
-using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Log;
 using zan_cgi::testing::Told;
 using Cookies = std::map<std::string, std::string>;
 
-Outcome Construct(const Child& child) {
-  return child.Run([](const Told& told) {
-    Cgi::Data request;
-    for (const auto& [name, value] : request.cookies) told(name, value);
-  });
-}
-
-Cookies Parse(const std::string& cookies) {
-  return Construct(Child().Env("HTTP_COOKIE", cookies)).told;
-}
-
-TEST(Cookies, OfNoHeaderAreNone) {
-  EXPECT_EQ(Construct(Child()).told, Cookies{});
-  EXPECT_EQ(Parse(""), Cookies{});
-}
-
-TEST(Cookies, AreSeparatedBySemicolonsOnly) {
-  EXPECT_EQ(Parse("a=1; b=2"), (Cookies{{"a", "1"}, {"b", "2"}}));
-  EXPECT_EQ(Parse("a=1,b=2"), (Cookies{{"a", "1,b=2"}}));
-}
-
-TEST(Cookies, WithOneNameLeaveTheLast) {
-  EXPECT_EQ(Parse("a=1;;a=2"), (Cookies{{"a", "2"}}));
-}
-
-TEST(Cookies, AreSplitAtTheFirstEqualsSign) {
-  EXPECT_EQ(Parse("sid=x=y"), (Cookies{{"sid", "x=y"}}));
-  EXPECT_EQ(Parse("flag"), (Cookies{{"flag", ""}}));
-}
-
-TEST(Cookies, StayAsTheyWereSent) {
-  EXPECT_EQ(Parse("a=%41; b=\"x\"; c=1+2"),
-            (Cookies{{"a", "%41"}, {"b", "\"x\""}, {"c", "1+2"}}));
-}
-
-TEST(Cookies, AreTrimmedAsAWhole) {
-  EXPECT_EQ(Parse("\t a = 1 \t;b=2"), (Cookies{{"a ", " 1"}, {"b", "2"}}));
-}
-
-// A browser protects the cookie of that very name from other hosts, but not one
-// whose name begins with another byte.
-TEST(Cookies, WithAVerticalTabOrAFormFeedInFrontHaveAnotherName) {
-  for (const std::string byte : {"\v", "\f"}) {
-    const std::string name = byte + "__Host-panelses5";
-    EXPECT_EQ(Parse(name + "=1; " + name + "x=2"),
-              (Cookies{{name, "1"}, {name + "x", "2"}}));
+TEST(Cookies, AreTakenFromTheirHeaderAndOnlyTraced) {
+  const std::pair<std::string, Cookies> headers[] = {
+      {"", {}},
+      // Separated by semicolons only.
+      {"a=1; b=2", {{"a", "1"}, {"b", "2"}}},
+      {"a=1,b=2", {{"a", "1,b=2"}}},
+      // Of one name the last.
+      {"a=1;;a=2", {{"a", "2"}}},
+      // Split at the first equals sign.
+      {"sid=x=y", {{"sid", "x=y"}}},
+      {"flag", {{"flag", ""}}},
+      // As they were sent.
+      {"a=%41; b=\"x\"; c=1+2", {{"a", "%41"}, {"b", "\"x\""}, {"c", "1+2"}}},
+      // Trimmed as a whole.
+      {"\t a = 1 \t;b=2", {{"a ", " 1"}, {"b", "2"}}},
+      // A browser protects the cookie of that very name from other hosts, but
+      // not one whose name begins with another byte.
+      {"\v__Host-x=1; \v__Host-y=2",
+       {{"\v__Host-x", "1"}, {"\v__Host-y", "2"}}},
+      {"\f__Host-x=1; \f__Host-y=2",
+       {{"\f__Host-x", "1"}, {"\f__Host-y", "2"}}},
+      // The empty name is one.
+      {"=x; ;a", {{"", ""}, {"a", ""}}},
+      {"=x", {{"", "x"}}},
+      {"; ;", {{"", ""}}}};
+  for (const auto& [header, cookies] : headers) {
+    const auto outcome = support::RunCleanly(
+        Child().Env("HTTP_COOKIE", header), [&](const Told&) {
+          EXPECT_EQ(Cgi::Data().cookies, cookies) << header;
+        });
+    EXPECT_EQ(outcome.log,
+              (Log{{8, "void zan_cgi::Cgi::Data::ParseCookies()"}}));
   }
 }
 
-TEST(Cookies, KeepTheEmptyName) {
-  EXPECT_EQ(Parse("=x"), (Cookies{{"", "x"}}));
-  EXPECT_EQ(Parse("; ;"), (Cookies{{"", ""}}));
+TEST(Cookies, OfNoHeaderAreNone) {
+  support::RunCleanly(
+      Child(), [](const Told&) { EXPECT_EQ(Cgi::Data().cookies, Cookies{}); });
 }
 
-TEST(Cookies, AreTracedAndNothingElseIsLogged) {
-  const Outcome outcome = Construct(Child().Env("HTTP_COOKIE", "=x; ;a"));
-  ASSERT_EQ(outcome.log.size(), 1U);
-  EXPECT_EQ(outcome.log[0], (zan_cgi::testing::LogLine{
-                                8, "void zan_cgi::Cgi::Data::ParseCookies()"}));
+TEST(Cookies, MayBeLargeAndMany) {
+  Cookies expected{{"large", std::string(65'536, 'x')}};
+  std::string header = "large=" + expected["large"];
+  for (int i = 0; i < 5'000; ++i) {
+    const std::string number = std::to_string(i);
+    header += "; c" + number + "=" + number;
+    expected["c" + number] = number;
+  }
+  expected["c0"] = "last";
+  support::RunCleanly(
+      Child().Env("HTTP_COOKIE", header + "; c0=last"),
+      [&](const Told&) { EXPECT_TRUE(Cgi::Data().cookies == expected); });
 }
 
 }  // namespace

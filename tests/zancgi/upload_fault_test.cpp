@@ -23,6 +23,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <map>
 #include <regex>
@@ -31,6 +32,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/clean_run.h"
 #include "support/form.h"
 #include "support/mount.h"
 #include "support/piece_input.h"
@@ -44,6 +46,7 @@ using support::Field;
 using support::kFormEnd;
 using support::PieceInput;
 using support::Post;
+using support::RunCleanly;
 using support::Upload;
 using zan_cgi::Cgi;
 using zan_cgi::testing::Child;
@@ -146,28 +149,17 @@ Result Parse(const std::string& folder, bool files_stay = false) {
   return result;
 }
 
-/// A child whose every expectation holds, and which ends without an exception.
-Outcome RunCleanly(const Child& child, const Child::Body& body) {
-  const Outcome outcome = child.Run(body);
-  EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
-  EXPECT_EQ(outcome.error, "");
-  EXPECT_EQ(outcome.leaked_descriptors, Strings{});
-  return outcome;
-}
-
 /// A process that serves a POST of these pieces. It gets them by PieceInput.
-Child PostOf(const Strings& pieces) {
-  return Post(std::to_string(Joined(pieces).size()));
-}
+Child PostOf(const Strings& pieces) { return support::PostOf(Joined(pieces)); }
 
-/// The upload could not be stored: the body is read, the flag is set, and the
-/// entry stays while the file has gone.
+/// An upload could not be stored: the body is read and the flag is set.
 void ExpectWriteError(const Result& result, const PieceInput& input) {
   EXPECT_EQ(result.error, kWriteError);
   EXPECT_TRUE(result.parsed);
   EXPECT_EQ(input.BytesUnread(), 0U);
 }
 
+/// The entry stays while the file has gone.
 void ExpectEntryWithoutFile(const Result& result, const std::string& name) {
   ASSERT_TRUE(result.files.contains(name));
   EXPECT_NE(result.files.at(name).path, "");
@@ -176,8 +168,7 @@ void ExpectEntryWithoutFile(const Result& result, const std::string& name) {
 
 /// One upload whose data comes in full chunks of their own.
 Strings LargeUpload(std::size_t chunks) {
-  const std::string form = Upload("u", "f", "");
-  Strings pieces{form.substr(0, form.size() - 2)};
+  Strings pieces{support::UploadHead("u", "f")};
   for (std::size_t i = 0; i < chunks; ++i) {
     pieces.emplace_back(kChunk, static_cast<char>('a' + i % 26));
   }
@@ -256,38 +247,32 @@ class FullDisk : public testing::Test {
   Scratch scratch_;
 };
 
-TEST_F(FullDisk, IsNoticedWithASmallFile) {
-  const Outcome outcome =
-      ParseOnFullDisk({Upload("u", "f", "0123456789") + kFormEnd}, 0, 0,
-                      [](const Result& result, const PieceInput& input) {
-                        ExpectWriteError(result, input);
-                        ExpectEntryWithoutFile(result, "f");
-                        EXPECT_EQ(result.files.at("f").size, 0);
-                        EXPECT_EQ(result.params.at("u"), "f");
-                        EXPECT_EQ(result.names, Strings{});
-                      });
-  EXPECT_EQ(outcome.Logged(4), Strings{});
-  EXPECT_EQ(outcome.Logged(3), Strings{});
-}
-
-TEST_F(FullDisk, IsNoticedWithALargeFile) {
-  const Strings pieces = LargeUpload(10);
-  for (std::size_t wait = 1; wait < pieces.size() - 1; ++wait) {
-    ParseOnFullDisk(pieces, wait, 0,
-                    [](const Result& result, const PieceInput& input) {
-                      ExpectWriteError(result, input);
-                      ExpectEntryWithoutFile(result, "f");
-                      EXPECT_EQ(result.names, Strings{});
-                    });
+TEST_F(FullDisk, IsNoticedAtEachWrite) {
+  struct Row {
+    Strings pieces;
+    std::size_t wait;
+    off_t free_bytes;
+  };
+  std::vector<Row> rows = {{{Upload("u", "f", "0123456789") + kFormEnd}, 0, 0},
+                           // Part of a chunk still fits.
+                           {LargeUpload(3), 2, 8192}};
+  for (std::size_t wait = 1; wait <= 10; ++wait) {
+    rows.push_back({LargeUpload(10), wait, 0});
   }
-}
-
-TEST_F(FullDisk, IsNoticedWhenPartOfAChunkStillFits) {
-  ParseOnFullDisk(LargeUpload(3), 2, 8192,
-                  [](const Result& result, const PieceInput& input) {
-                    ExpectWriteError(result, input);
-                    ExpectEntryWithoutFile(result, "f");
-                  });
+  for (const auto& [pieces, wait, free_bytes] : rows) {
+    SCOPED_TRACE(testing::Message() << pieces.size() << " pieces, " << wait);
+    const Outcome outcome =
+        ParseOnFullDisk(pieces, wait, free_bytes,
+                        [](const Result& result, const PieceInput& input) {
+                          ExpectWriteError(result, input);
+                          ExpectEntryWithoutFile(result, "f");
+                          EXPECT_EQ(result.files.at("f").size, 0);
+                          EXPECT_EQ(result.params.at("u"), "f");
+                          EXPECT_EQ(result.names, Strings{});
+                        });
+    EXPECT_EQ(outcome.Logged(4), Strings{});
+    EXPECT_EQ(outcome.Logged(3), Strings{});
+  }
 }
 
 TEST_F(FullDisk, GetsItsSpaceBackAtOnce) {
@@ -401,36 +386,23 @@ void ParseUnderLimit(const std::string& folder, std::size_t size,
   }
 }
 
-TEST(FileSizeLimit, WithItsSignalIgnoredCountsAsAFullDisk) {
+TEST(FileSizeLimit, WithItsSignalIgnoredOrHandledCountsAsAFullDisk) {
   const Scratch scratch;
-  // Log lines are limited as well.
-  RunCleanly(Post("").LogLevel(0), [&](const Told&) {
-    ::signal(SIGXFSZ, SIG_IGN);
-    for (const std::size_t limit :
-         {0UL, 1UL, 4095UL, 4096UL, 65'536UL, 100'000UL}) {
-      ParseUnderLimit(scratch.Path(), limit, limit);
-      ParseUnderLimit(scratch.Path(), limit + 1, limit);
-    }
-  });
-}
-
-TEST(FileSizeLimit, IsNoticedAtEachWrite) {
-  const Scratch scratch;
-  RunCleanly(Post("").LogLevel(0), [&](const Told&) {
-    ::signal(SIGXFSZ, SIG_IGN);
-    for (std::size_t chunk = 0; chunk < 6; ++chunk) {
-      ParseUnderLimit(scratch.Path(), 6 * kChunk, chunk * kChunk);
-      ParseUnderLimit(scratch.Path(), 6 * kChunk, chunk * kChunk + 100);
-    }
-  });
-}
-
-TEST(FileSizeLimit, WithASignalHandlerCountsAsAFullDiskToo) {
-  const Scratch scratch;
-  RunCleanly(Post("").LogLevel(0), [&](const Told&) {
-    ::signal(SIGXFSZ, [](int) {});
-    ParseUnderLimit(scratch.Path(), 100'000, 70'000);
-  });
+  for (const sighandler_t handler : {SIG_IGN, sighandler_t{[](int) {}}}) {
+    // Log lines are limited as well.
+    RunCleanly(Post("").LogLevel(0), [&](const Told&) {
+      ::signal(SIGXFSZ, handler);
+      for (const std::size_t limit :
+           {0UL, 1UL, 4095UL, 4096UL, 65'536UL, 100'000UL}) {
+        ParseUnderLimit(scratch.Path(), limit, limit);
+        ParseUnderLimit(scratch.Path(), limit + 1, limit);
+      }
+      for (std::size_t chunk = 0; chunk < 6; ++chunk) {
+        ParseUnderLimit(scratch.Path(), 6 * kChunk, chunk * kChunk);
+        ParseUnderLimit(scratch.Path(), 6 * kChunk, chunk * kChunk + 100);
+      }
+    });
+  }
 }
 
 TEST(FileSizeLimit, KillsTheProcessUnlessItsSignalIsIgnored) {
@@ -449,18 +421,80 @@ TEST(FileSizeLimit, KillsTheProcessUnlessItsSignalIsIgnored) {
   EXPECT_TRUE(scratch.List()[0].starts_with("zantemp"));
 }
 
-TEST(Directory, ThatGoesAwayBeforeTheFileIsAWriteError) {
+/// What is done to the temporary directory in the child: before the body
+/// comes, or before the piece with the upload does.
+struct UnusableDirectory {
+  const char* name;
+  std::function<void(const std::string& spool)> at_start;
+  std::function<void(const std::string& spool)> at_upload;
+  /// What is then in the folder above, unless the directory itself stays.
+  Strings left = {"spool"};
+  bool needs_root = false;
+};
+
+void DoNothing(const std::string& /*spool*/) {}
+
+void BecomeFile(const std::string& spool) {
+  fs::remove(spool);
+  std::ofstream(spool) << "kept";
+}
+
+/// Gives it a mode that counts for the process from then on.
+auto GetMode(mode_t mode) {
+  return [mode](const std::string& spool) {
+    EXPECT_EQ(::chmod(spool.c_str(), mode), 0);
+    zan_cgi::testing::BecomeOrdinaryUser();
+  };
+}
+
+const UnusableDirectory kUnusableDirectories[] = {
+    {"ThatGoesAwayBeforeTheFile",
+     DoNothing,
+     [](const std::string& spool) { fs::remove_all(spool); },
+     {}},
+    {"ThatBecomesAFile", DoNothing, BecomeFile},
+    {"ThatIsARegularFile", BecomeFile, DoNothing},
+    {"ThatIsReadOnly", GetMode(0555), DoNothing},
+    {"ThatMayNotBeRead", GetMode(0), DoNothing},
+    {"ThatMayNotBeSearched", GetMode(0600), DoNothing},
+    {"ThatMayNotBeListedNorSearched", GetMode(0200), DoNothing},
+    {"OnAReadOnlyFileSystem",
+     [](const std::string& spool) {
+       support::MountPrivately(spool, "size=1m", MS_RDONLY);
+     },
+     DoNothing,
+     {"spool"},
+     true}};
+
+class Unusable : public testing::TestWithParam<UnusableDirectory> {};
+
+INSTANTIATE_TEST_SUITE_P(Directory, Unusable,
+                         testing::ValuesIn(kUnusableDirectories),
+                         [](const auto& row) { return row.param.name; });
+
+TEST_P(Unusable, IsAWriteError) {
+  if (GetParam().needs_root && !zan_cgi::testing::IsRoot()) {
+    GTEST_SKIP() << "needs root";
+  }
   const Scratch scratch;
+  ASSERT_EQ(::chmod(scratch.Path().c_str(), 0755), 0);
   const std::string spool = scratch.MakeDir("spool");
-  const Strings pieces{Field("a", "1"), Upload("u", "f", "x") + kFormEnd};
+  Strings pieces = LargeUpload(3);
+  pieces.insert(pieces.begin(), Field("a", "1"));
   RunCleanly(PostOf(pieces), [&](const Told&) {
-    const PieceInput input(pieces, Before(1, [&] { fs::remove_all(spool); }));
+    GetParam().at_start(spool);
+    const PieceInput input(pieces,
+                           Before(1, [&] { GetParam().at_upload(spool); }));
     const Result result = Parse(spool);
     ExpectWriteError(result, input);
     ExpectEntryWithoutFile(result, "f");
     EXPECT_EQ(result.params.at("a"), "1");
   });
-  EXPECT_EQ(scratch.List(), Strings{});
+  EXPECT_EQ(scratch.List(), GetParam().left);
+  if (fs::is_regular_file(spool)) {
+    EXPECT_EQ(zan_cgi::testing::ReadFile(spool), "kept");
+  }
+  ::chmod(spool.c_str(), 0700);
 }
 
 TEST(Directory, ThatGoesAwayInMidUploadIsNoError) {
@@ -510,79 +544,6 @@ TEST(Directory, ThatGoesAwayBetweenTwoFilesFailsTheSecond) {
   });
 }
 
-TEST(Directory, ThatBecomesAFileIsAWriteError) {
-  const Scratch scratch;
-  const std::string spool = scratch.MakeDir("spool");
-  const Strings pieces{Upload("u", "f", "x") + kFormEnd};
-  RunCleanly(PostOf(pieces), [&](const Told&) {
-    const PieceInput input(pieces, Before(0, [&] {
-                             fs::remove(spool);
-                             scratch.MakeFile("spool");
-                           }));
-    const Result result = Parse(spool);
-    ExpectWriteError(result, input);
-    ExpectEntryWithoutFile(result, "f");
-  });
-  EXPECT_EQ(scratch.List(), Strings{"spool"});
-}
-
-TEST(Directory, ThatIsARegularFileIsAWriteError) {
-  const Scratch scratch;
-  const std::string file = scratch.MakeFile("file", "kept");
-  const Strings pieces = LargeUpload(3);
-  RunCleanly(PostOf(pieces), [&](const Told&) {
-    const PieceInput input(pieces);
-    const Result result = Parse(file);
-    ExpectWriteError(result, input);
-    ExpectEntryWithoutFile(result, "f");
-  });
-  EXPECT_EQ(zan_cgi::testing::ReadFile(file), "kept");
-}
-
-TEST(Directory, ThatIsReadOnlyIsAWriteError) {
-  const Scratch scratch;
-  ASSERT_EQ(::chmod(scratch.Path().c_str(), 0555), 0);
-  const Strings pieces = LargeUpload(3);
-  RunCleanly(PostOf(pieces), [&](const Told&) {
-    zan_cgi::testing::BecomeOrdinaryUser();
-    const PieceInput input(pieces);
-    const Result result = Parse(scratch.Path());
-    ExpectWriteError(result, input);
-    ExpectEntryWithoutFile(result, "f");
-  });
-}
-
-TEST(Directory, OnAReadOnlyFileSystemIsAWriteError) {
-  if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
-  const Scratch scratch;
-  const Strings pieces{Upload("u", "f", "x") + kFormEnd};
-  RunCleanly(PostOf(pieces), [&](const Told&) {
-    support::MountPrivately(scratch.Path(), "size=1m", MS_RDONLY);
-    const PieceInput input(pieces);
-    const Result result = Parse(scratch.Path());
-    ExpectWriteError(result, input);
-    ExpectEntryWithoutFile(result, "f");
-  });
-}
-
-TEST(Directory, ThatMayNotBeSearchedIsAWriteError) {
-  for (const mode_t mode : {0U, 0600U, 0200U}) {
-    const Scratch scratch;
-    const Strings pieces = LargeUpload(3);
-    ASSERT_EQ(::chmod(scratch.Path().c_str(), 0755), 0);
-    const std::string spool = scratch.MakeDir("spool");
-    ASSERT_EQ(::chmod(spool.c_str(), mode), 0);
-    RunCleanly(PostOf(pieces), [&](const Told&) {
-      zan_cgi::testing::BecomeOrdinaryUser();
-      const PieceInput input(pieces);
-      const Result result = Parse(spool);
-      ExpectWriteError(result, input);
-      ExpectEntryWithoutFile(result, "f");
-    });
-    ASSERT_EQ(::chmod(spool.c_str(), 0700), 0);
-  }
-}
-
 TEST(Directory, ThatIsMissingHasTheBodyReadFirst) {
   const Scratch scratch;
   const Strings pieces = LargeUpload(3);
@@ -630,7 +591,7 @@ bool EndsBehindTheFirstBoundary(std::size_t cut) {
 /// Behind these bytes the field's value is complete.
 const std::size_t kValueEnd = kFieldPart.size();
 const std::size_t kDataBegin =
-    kFieldPart.size() + kUploadPart.size() - kContent.size() - 2;
+    kFieldPart.size() + support::UploadHead("u", "f").size();
 const std::size_t kDataEnd = kDataBegin + kContent.size();
 /// Behind these the upload is complete.
 const std::size_t kSeparatorEnd = kDataEnd + 6;
@@ -745,81 +706,76 @@ TEST(CutBody, FromAFileIsParsedForEverFromTheFirstByteOn) {
   }
 }
 
-TEST(CutBody, FromAFileWithoutAnyByteIsAskedForAgainAndAgain) {
-  for (const bool is_socket : {false, true}) {
-    const Input input = is_socket ? Input::Socket("") : Input::File("");
+TEST(CutBody, FromAFileIsAskedForAgainAndAgainWhereNothingElseCounts) {
+  struct Row {
+    Input input;
+    const char* folder;
+  };
+  Row rows[] = {{Input::File(""), "/tmp"},
+                {Input::Socket(""), "/tmp"},
+                // A drain.
+                {Input::File("12345"), "/nowhere/at/all"}};
+  for (const auto& [input, folder] : rows) {
     RunCleanly(Post("10").StandardInput(input), [&](const Told&) {
       int sleeps = 0;
       support::Replace({.sleep = [&](unsigned milliseconds) {
         EXPECT_EQ(milliseconds, 100U);
         if (++sleeps == 50) throw std::runtime_error("slept enough");
       }});
-      EXPECT_EQ(Parse("/tmp", true).error, "slept enough");
+      EXPECT_EQ(Parse(folder, true).error, "slept enough");
     });
   }
 }
 
-/// Parses in a folder of its own while the writer falls silent at one wait.
-template <class Check>
-void ParseFromSilentWriter(const Strings& pieces, std::size_t silent,
-                           const Check& check) {
-  const Scratch scratch;
-  RunCleanly(PostOf(pieces), [&](const Told&) {
-    const PieceInput input(pieces, [silent](std::size_t wait) {
-      return wait < silent ? Event::Piece : Event::Silence;
-    });
-    const Result result = Parse(scratch.Path());
-    EXPECT_EQ(result.error, "timeout");
-    EXPECT_FALSE(result.parsed);
-    EXPECT_EQ(::fcntl(STDIN_FILENO, F_GETFD), -1);
-    EXPECT_EQ(input.Waits(), silent + 1);
-    check(result);
-    // There is no standard input any more.
-    EXPECT_EQ(Parse(scratch.Path()).error, "invalid polling request");
+/// Parses while the writer falls silent at one wait.
+Result ParseFromSilentWriter(const std::string& folder, const Strings& pieces,
+                             std::size_t silent) {
+  const PieceInput input(pieces, [silent](std::size_t wait) {
+    return wait < silent ? Event::Piece : Event::Silence;
   });
+  const Result result = Parse(folder, true);
+  EXPECT_EQ(result.error, "timeout");
+  EXPECT_FALSE(result.parsed);
+  EXPECT_EQ(::fcntl(STDIN_FILENO, F_GETFD), -1);
+  EXPECT_EQ(input.Waits(), silent + 1);
+  // There is no standard input any more.
+  EXPECT_EQ(Parse(folder, true).error, "invalid polling request");
+  return result;
 }
 
-TEST(SilentWriter, EndsTheParseAtEachWait) {
+TEST(SilentWriter, EndsTheParseAndADrainAtEachWait) {
+  const Scratch scratch;
   const Strings pieces = CutInto(kBody, kValueEnd);
-  for (std::size_t wait = 0; wait < pieces.size(); ++wait) {
-    ParseFromSilentWriter(pieces, wait, [](const Result&) {});
+  for (const std::string& folder :
+       {scratch.Path(), std::string("/nowhere/at/all")}) {
+    for (std::size_t wait = 0; wait < pieces.size(); ++wait) {
+      RunCleanly(PostOf(pieces), [&](const Told&) {
+        ParseFromSilentWriter(folder, pieces, wait);
+      });
+      EXPECT_EQ(scratch.List(), Strings{});
+    }
   }
 }
 
 TEST(SilentWriter, LeavesPartOfAFileForTheTearDown) {
+  const Scratch scratch;
   const Strings pieces = LargeUpload(4);
-  ParseFromSilentWriter(pieces, 3, [](const Result& result) {
+  RunCleanly(PostOf(pieces), [&](const Told&) {
+    const Result result = ParseFromSilentWriter(scratch.Path(), pieces, 3);
     EXPECT_EQ(result.files.at("f").content,
               std::string(kChunk, 'a') + std::string(kChunk, 'b'));
     EXPECT_EQ(result.files.at("f").size, 0);
     EXPECT_EQ(result.names.size(), 1U);
   });
-}
-
-TEST(SilentWriter, EndsADrain) {
-  const Strings pieces = CutInto(kBody, 40);
-  RunCleanly(PostOf(pieces), [&](const Told&) {
-    const PieceInput input(pieces, [](std::size_t wait) {
-      return wait == 2 ? Event::Silence : Event::Piece;
-    });
-    const Result result = Parse("/nowhere/at/all");
-    EXPECT_EQ(result.error, "timeout");
-    EXPECT_FALSE(result.parsed);
-  });
+  EXPECT_EQ(scratch.List(), Strings{});
 }
 
 TEST(SilentWriter, OverrulesAWriteError) {
   const Scratch scratch;
   const std::string file = scratch.MakeFile("file");
   const Strings pieces = LargeUpload(4);
-  RunCleanly(PostOf(pieces), [&](const Told&) {
-    const PieceInput input(pieces, [](std::size_t wait) {
-      return wait == 3 ? Event::Silence : Event::Piece;
-    });
-    const Result result = Parse(file);
-    EXPECT_EQ(result.error, "timeout");
-    EXPECT_FALSE(result.parsed);
-  });
+  RunCleanly(PostOf(pieces),
+             [&](const Told&) { ParseFromSilentWriter(file, pieces, 3); });
 }
 
 /// Each wait up to this one brings a piece, this one a signal.
@@ -864,25 +820,18 @@ void ExpectWholeForm(const Result& result) {
   EXPECT_EQ(result.files.at("f").size, 11);
 }
 
-TEST(Signal, DoesNotComeWithoutBeingSent) {
-  const Scratch scratch;
-  const Outcome outcome = RunCleanly(PostOf(kPieces), [&](const Told&) {
-    const PieceInput input(kPieces);
-    ExpectWholeForm(Parse(scratch.Path()));
-    EXPECT_EQ(input.Waits(), kPieces.size());
-  });
-  EXPECT_EQ(Count(outcome, kInterrupted), 0);
-}
-
 TEST(Signal, BeforeTheFirstPieceDoesNoHarm) {
   const Scratch scratch;
-  const Outcome outcome = RunCleanly(PostOf(kPieces), [&](const Told&) {
-    const PieceInput input(kPieces, SignalAt(0));
-    ExpectWholeForm(Parse(scratch.Path()));
-    EXPECT_EQ(PieceInput::SignalsHandled(), 1);
-    EXPECT_EQ(input.Waits(), kPieces.size() + 1);
-  });
-  EXPECT_EQ(Count(outcome, kInterrupted), 1);
+  for (const std::size_t signals : {0U, 1U}) {
+    const Outcome outcome = RunCleanly(PostOf(kPieces), [&](const Told&) {
+      const PieceInput input(kPieces,
+                             signals > 0 ? SignalAt(0) : PieceInput::Events{});
+      ExpectWholeForm(Parse(scratch.Path()));
+      EXPECT_EQ(PieceInput::SignalsHandled(), static_cast<int>(signals));
+      EXPECT_EQ(input.Waits(), kPieces.size() + signals);
+    });
+    EXPECT_EQ(Count(outcome, kInterrupted), static_cast<int>(signals));
+  }
 }
 
 TEST(Signal, InALaterWaitMakesTheParseGoOnForEver) {
@@ -899,22 +848,6 @@ TEST(Signal, InALaterWaitMakesTheParseGoOnForEver) {
     EXPECT_EQ(outcome.status, 128 + SIGPROF) << when;
     EXPECT_EQ(Count(outcome, kInterrupted), 1) << when;
     EXPECT_EQ(outcome.Logged(-1).back(), "wait " + std::to_string(when));
-  }
-}
-
-TEST(Signal, InALaterWaitDelaysAQueryStringOnly) {
-  const Strings pieces{"a=1", "&b=2", "&c=3"};
-  for (std::size_t when = 1; when < pieces.size(); ++when) {
-    RunCleanly(Post("11", "").LogLevel(0), [&](const Told&) {
-      const PieceInput input(pieces, [when](std::size_t wait) {
-        if (wait == when) EndAfterProcessorTime(20'000);
-        return SignalAt(when)(wait);
-      });
-      const Result result = Parse("/tmp", true);
-      EXPECT_EQ(result.error, "");
-      EXPECT_EQ(result.params, (std::map<std::string, std::string>{
-                                   {"a", "1"}, {"b", "2"}, {"c", "3"}}));
-    });
   }
 }
 
@@ -936,7 +869,7 @@ TEST(Signal, DoesNotDisturbADrain) {
 TEST(Signal, DoesNotDisturbTheReadingAfterAWriteError) {
   const Scratch scratch;
   const std::string file = scratch.MakeFile("file");
-  const Strings pieces{Upload("u", "f", "data").substr(0, 70), "data", "data",
+  const Strings pieces{support::UploadHead("u", "f") + "d", "data", "data",
                        std::string("\r\n") + kFormEnd};
   for (std::size_t when = 2; when < pieces.size(); ++when) {
     const Outcome outcome = RunCleanly(PostOf(pieces), [&](const Told&) {
@@ -1028,59 +961,57 @@ std::string CannotRemove(const std::string& path) {
   return "failed to remove tamporary file '" + path + "'";
 }
 
-TEST(TearDown, LeavesAnUploadThatWasMovedAway) {
-  const Scratch spool;
-  const Scratch store;
-  const Outcome outcome =
-      EndRequestAfter(spool, [&](const std::string& f, const std::string&) {
-        fs::rename(f, store / "kept");
-      });
-  EXPECT_EQ(zan_cgi::testing::ReadFile(store / "kept"), "first");
-  EXPECT_EQ(spool.List(), Strings{});
-  EXPECT_EQ(outcome.Logged(4), Strings{});
-}
+/// What has been put in an upload's place, and what stays of it.
+struct Place {
+  const char* name;
+  std::function<void(const std::string& upload, const Scratch& store)> put;
+  bool stays = false;
+};
 
-TEST(TearDown, WarnsOfADirectoryInAnUploadsPlaceAndRemovesTheOthers) {
-  const Scratch spool;
-  const Outcome outcome =
-      EndRequestAfter(spool, [](const std::string& f, const std::string&) {
-        fs::remove(f);
-        fs::create_directory(f);
-      });
-  const std::string place = outcome.told.at("f");
-  EXPECT_EQ(outcome.Logged(4), Strings{CannotRemove(place)});
-  EXPECT_EQ(spool.List(), Strings{fs::path(place).filename()});
-}
-
-TEST(TearDown, RemovesALinkInAnUploadsPlaceButNotItsTarget) {
-  const Scratch spool;
-  const Scratch store;
-  const std::string target = store.MakeFile("target", "kept");
-  const Outcome outcome =
-      EndRequestAfter(spool, [&](const std::string& f, const std::string&) {
-        fs::remove(f);
-        fs::create_symlink(target, f);
-      });
-  EXPECT_EQ(zan_cgi::testing::ReadFile(target), "kept");
-  EXPECT_EQ(spool.List(), Strings{});
-  EXPECT_EQ(outcome.Logged(4), Strings{});
-}
-
-/// Parses the two uploads and ends the request as an ordinary user, for whom
-/// the spool has meanwhile got this mode.
-Outcome EndRequestWithSpoolOfMode(const Scratch& spool, mode_t mode) {
-  EXPECT_EQ(::chmod(spool.Path().c_str(), 0777), 0);
-  // The descriptor that root changes the mode by later.
-  return EndRequestAfter(spool, [&](const std::string&, const std::string&) {
-    EXPECT_EQ(::chmod(spool.Path().c_str(), mode), 0);
-    zan_cgi::testing::BecomeOrdinaryUser();
-  });
+TEST(TearDown, RemovesWhatIsInAnUploadsPlaceAndTheOthers) {
+  const Place places[] = {{"moved away",
+                           [](const std::string& upload, const Scratch& store) {
+                             fs::rename(upload, store / "kept");
+                           }},
+                          {"a directory",
+                           [](const std::string& upload, const Scratch&) {
+                             fs::remove(upload);
+                             fs::create_directory(upload);
+                           },
+                           true},
+                          {"a link, whose target stays",
+                           [](const std::string& upload, const Scratch& store) {
+                             fs::rename(upload, store / "kept");
+                             fs::create_symlink(store / "kept", upload);
+                           }}};
+  for (const Place& place : places) {
+    SCOPED_TRACE(place.name);
+    const Scratch spool;
+    const Scratch store;
+    const Outcome outcome = EndRequestAfter(
+        spool,
+        [&](const std::string& f, const std::string&) { place.put(f, store); });
+    const std::string upload = outcome.told.at("f");
+    if (place.stays) {
+      EXPECT_EQ(outcome.Logged(4), Strings{CannotRemove(upload)});
+      EXPECT_EQ(spool.List(), Strings{fs::path(upload).filename()});
+    } else {
+      EXPECT_EQ(outcome.Logged(4), Strings{});
+      EXPECT_EQ(spool.List(), Strings{});
+      EXPECT_EQ(zan_cgi::testing::ReadFile(store / "kept"), "first");
+    }
+  }
 }
 
 TEST(TearDown, WithoutTheRightToRemoveWarnsOfEach) {
   for (const mode_t mode : {0555U, 0U}) {
     const Scratch spool;
-    const Outcome outcome = EndRequestWithSpoolOfMode(spool, mode);
+    ASSERT_EQ(::chmod(spool.Path().c_str(), 0777), 0);
+    const Outcome outcome =
+        EndRequestAfter(spool, [&](const std::string&, const std::string&) {
+          EXPECT_EQ(::chmod(spool.Path().c_str(), mode), 0);
+          zan_cgi::testing::BecomeOrdinaryUser();
+        });
     EXPECT_EQ(outcome.Logged(4), (Strings{CannotRemove(outcome.told.at("f")),
                                           CannotRemove(outcome.told.at("g"))}));
     EXPECT_EQ(::chmod(spool.Path().c_str(), 0700), 0);
@@ -1091,7 +1022,7 @@ TEST(TearDown, WithoutTheRightToRemoveWarnsOfEach) {
 TEST(TearDown, RemovesTheFilesOfAParseThatWasGivenUp) {
   const Scratch scratch;
   const Strings pieces{Upload("u", "f", "whole"),
-                       Upload("v", "g", "in part").substr(0, 70)};
+                       support::UploadHead("v", "g") + "in part"};
   RunCleanly(Post("1000"), [&](const Told&) {
     const PieceInput input(pieces);
     const Result result = Parse(scratch.Path());
