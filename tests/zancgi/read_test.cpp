@@ -19,7 +19,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstring>
-#include <initializer_list>
+#include <functional>
 #include <iterator>
 #include <regex>
 #include <stdexcept>
@@ -27,15 +27,19 @@
 #include <vector>
 
 #include "support/backend.h"
+#include "support/clean_run.h"
 #include "support/system_calls.h"
 
 namespace {
 
 using support::RealPoll;
 using support::Replace;
+using support::RunCleanly;
+using support::SystemCalls;
 using zan_cgi::Cgi;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::Input;
+using zan_cgi::testing::Log;
 using zan_cgi::testing::LogLine;
 using zan_cgi::testing::Outcome;
 using zan_cgi::testing::Told;
@@ -43,47 +47,49 @@ using Strings = std::vector<std::string>;
 using namespace std::chrono_literals;
 
 constexpr std::size_t kSize = 8;
-const LogLine kConstruction{8, "void zan_cgi::Cgi::Data::ParseCookies()"};
+const LogLine kHangUp{4, "Signal HUP received"};
 
-/// The result of one read, with the bytes that it gave: "3 abc".
+/// The result of one read with the bytes that it gave, "3 abc", or the text of
+/// its error.
 std::string ReadOnce(Cgi::Data& record, long length = kSize) {
   char buffer[kSize] = {};
-  const long result = record.Read(buffer, length);
-  std::string text = std::to_string(result);
-  if (result > 0) {
-    text.append(" ").append(buffer, static_cast<std::size_t>(result));
+  try {
+    const long result = record.Read(buffer, length);
+    const std::string bytes(buffer, result > 0 && result <= long{kSize}
+                                        ? static_cast<std::size_t>(result)
+                                        : 0);
+    return std::to_string(result) + (bytes.empty() ? "" : " " + bytes);
+  } catch (const std::runtime_error& error) {
+    return error.what();
   }
-  return text;
 }
 
-/// Reads this often; each result is told under its number, from 1.
-void ReadAndTell(const Told& told, int times) {
+Strings ReadTimes(std::size_t times) {
   Cgi::Data record;
-  for (int i = 1; i <= times; ++i) told(std::to_string(i), ReadOnce(record));
+  Strings results;
+  while (results.size() < times) results.push_back(ReadOnce(record));
+  return results;
 }
 
-/// What a child that reads has told, with nothing else left behind.
-Outcome Checked(const Outcome& outcome) {
-  EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
-  EXPECT_EQ(outcome.leaked_descriptors, Strings{});
-  return outcome;
+/// The log, but for the construction of the record, with "#" in place of line
+/// numbers.
+Log LogOf(const Outcome& outcome) {
+  Log log = outcome.log;
+  if (!log.empty() &&
+      log.front() == LogLine{8, "void zan_cgi::Cgi::Data::ParseCookies()"}) {
+    log.erase(log.begin());
+  }
+  for (LogLine& line : log) {
+    line.text = std::regex_replace(
+        line.text, std::regex("^zancgi_unix\\.cpp:\\d+ "), "unix:# ");
+  }
+  return log;
 }
 
-Outcome Read(const Child& child, int times = 1) {
-  return Checked(
-      child.Run([times](const Told& told) { ReadAndTell(told, times); }));
-}
-
-Outcome ReadFrom(const Input& input, int times) {
-  return Read(Child().StandardInput(input), times);
-}
-
-/// Reads with these calls in place of the system's.
-Outcome ReadWith(const support::SystemCalls& calls, Child child = {}) {
-  return Checked(child.Run([&calls](const Told& told) {
-    Replace(calls);
-    ReadAndTell(told, 1);
-  }));
+/// Does the work in a child that reads this input. Returns what that logs.
+Log Reading(const Input& input, const std::function<void()>& work) {
+  return LogOf(
+      RunCleanly(Child().StandardInput(input), [&](const Told&) { work(); }));
 }
 
 /// A wait that ends with these events.
@@ -102,95 +108,137 @@ auto Failing(int error) {
   };
 }
 
-/// What the log holds besides the construction of the record.
-std::vector<LogLine> LogOf(const Outcome& outcome) {
-  std::vector<LogLine> log = outcome.log;
-  EXPECT_FALSE(log.empty());
-  if (!log.empty() && log.front() == kConstruction) log.erase(log.begin());
-  return log;
-}
-
-testing::AssertionResult SaysThatTheWaitWasInterrupted(const Outcome& outcome) {
-  const std::vector<LogLine> log = LogOf(outcome);
-  const std::regex text(
-      R"(zancgi_unix\.cpp:\d+ poll interrupted, trying again)");
-  const bool good = log.size() == 1 && log[0].level == 9 &&
-                    std::regex_match(log[0].text, text);
-  return (good ? testing::AssertionSuccess() : testing::AssertionFailure())
-         << outcome.standard_error;
-}
-
-void ExpectError(const Outcome& outcome, const std::string& text) {
-  EXPECT_EQ(outcome.error_type, "std::runtime_error");
-  EXPECT_EQ(outcome.error, text);
-  EXPECT_EQ(LogOf(outcome), std::vector<LogLine>{});
+/// A read that a wait must not be followed by.
+ssize_t MustNotRead(void* /*buffer*/, std::size_t /*size*/) {
+  ADD_FAILURE() << "read after all";
+  return 0;
 }
 
 std::string PollingError(int error) {
   return std::string("polling error: ") + std::strerror(error);
 }
 
-TEST(Wait, IsOneForInputOnStandardInputForThirtySeconds) {
-  const Outcome outcome = Checked(Child().Run([](const Told& told) {
-    int waits = 0;
-    Replace({.poll =
-                 [&](pollfd* entries, nfds_t count, int milliseconds) {
-                   ++waits;
-                   told("entries", std::to_string(count));
-                   told("descriptor", std::to_string(entries->fd));
-                   told("events", std::to_string(entries->events));
-                   told("returned", std::to_string(entries->revents));
-                   told("milliseconds", std::to_string(milliseconds));
-                   entries->revents = POLLIN;
-                   return 1;
-                 },
-             .read = [](void*, std::size_t) { return ssize_t{1}; }});
-    ReadAndTell(told, 1);
-    told("waits", std::to_string(waits));
-  }));
-  EXPECT_EQ(outcome.told.at("entries"), "1");
-  EXPECT_EQ(outcome.told.at("descriptor"), "0");
-  EXPECT_EQ(outcome.told.at("events"), std::to_string(POLLIN));
-  EXPECT_EQ(outcome.told.at("returned"), "0");
-  EXPECT_EQ(outcome.told.at("milliseconds"), "30000");
-  EXPECT_EQ(outcome.told.at("waits"), "1");
-}
+/// What the calls of the system bring, what a read then gives, and the line
+/// that it logs.
+struct Row {
+  SystemCalls calls;
+  std::string result;
+  Log log = {};
+};
 
-TEST(Wait, InterruptedByASignalGivesNothing) {
-  const Outcome outcome = ReadWith({.poll = Failing(EINTR)});
-  EXPECT_EQ(outcome.told.at("1"), "0");
-  EXPECT_TRUE(SaysThatTheWaitWasInterrupted(outcome));
-}
-
-TEST(Wait, InterruptedIsNeitherRepeatedNorFollowedByARead) {
-  const Outcome outcome = Checked(Child().Run([](const Told& told) {
-    int waits = 0;
-    int reads = 0;
-    Replace({.poll =
-                 [&](pollfd*, nfds_t, int) {
-                   ++waits;
-                   errno = EINTR;
-                   return -1;
-                 },
-             .read = [&](void*, std::size_t) { return ssize_t{++reads}; }});
-    ReadAndTell(told, 1);
-    told("calls", std::to_string(waits) + " and " + std::to_string(reads));
-  }));
-  EXPECT_EQ(outcome.told.at("calls"), "1 and 0");
-}
-
-TEST(Wait, ThatFailsOtherwiseIsAnErrorWithTheSystemsText) {
+std::vector<Row> Rows() {
+  std::vector<Row> rows = {
+      {{.poll = Failing(EINTR), .read = MustNotRead},
+       "0",
+       {{9, "unix:# poll interrupted, trying again"}}},
+      // poll(2) refuses more entries than descriptors are allowed.
+      {{.poll = [](pollfd* entries, nfds_t,
+                   int) { return RealPoll(entries, 10'000'000, 0); }},
+       PollingError(EINVAL)},
+      {{.poll = Finding(POLLNVAL), .read = MustNotRead},
+       "invalid polling request"},
+      {{.poll = Finding(POLLHUP), .read = MustNotRead}, "-1", {kHangUp}},
+      {{.poll = Finding(POLLIN), .read = Failing(EAGAIN)}, "0"},
+      {{.poll = Finding(POLLIN | POLLHUP), .read = Failing(EIO)},
+       "-1",
+       {{3, "error reading stdin, code 5"}}},
+  };
   for (const int error : {EAGAIN, EINVAL, ENOMEM, EFAULT, EIO}) {
-    ExpectError(ReadWith({.poll = Failing(error)}), PollingError(error));
+    rows.push_back({{.poll = Failing(error)}, PollingError(error)});
+  }
+  // Any other kind of event gives nothing.
+  for (const int events : {POLLPRI, int{POLLRDHUP}, POLLOUT, 0}) {
+    rows.push_back(
+        {{.poll = Finding(static_cast<short>(events)), .read = MustNotRead},
+         "0"});
+  }
+  // A signal here is an error, unlike one that ends the wait.
+  for (const int error : {EINTR, EIO, EBADF, EISDIR, ECONNRESET, 133}) {
+    rows.push_back(
+        {{.poll = Finding(POLLIN), .read = Failing(error)},
+         "-1",
+         {{3, "error reading stdin, code " + std::to_string(error)}}});
+  }
+  for (const ssize_t count : {0L, 5'000'000'000L}) {
+    rows.push_back({{.poll = Finding(POLLIN),
+                     .read = [count](void*, std::size_t) { return count; }},
+                    std::to_string(count)});
+  }
+  return rows;
+}
+
+TEST(Read, ComesToWhatTheSystemSaysWhateverTheLogLevel) {
+  for (const Row& row : Rows()) {
+    const int threshold = row.log.empty() ? 9 : row.log[0].level;
+    for (const int level : {0, threshold - 1, threshold, 9}) {
+      const Outcome outcome =
+          RunCleanly(Child().LogLevel(level), [&](const Told&) {
+            Replace(row.calls);
+            EXPECT_EQ(ReadTimes(1), Strings{row.result});
+          });
+      EXPECT_EQ(LogOf(outcome), level < threshold ? Log{} : row.log)
+          << row.result;
+    }
   }
 }
 
-TEST(Wait, ThatFailsWithoutMemoryForReal) {
-  // poll(2) refuses more entries than descriptors are allowed.
-  const Outcome outcome = ReadWith({.poll = [](pollfd* entries, nfds_t, int) {
-    return RealPoll(entries, 10'000'000, 0);
-  }});
-  ExpectError(outcome, PollingError(EINVAL));
+TEST(Read, FailsByARuntimeError) {
+  const Outcome outcome =
+      support::RunWithoutLeak(Child().Closed(0), [](const Told&) {
+        char byte;
+        Cgi::Data().Read(&byte, 1);
+      });
+  EXPECT_EQ(outcome.error_type, "std::runtime_error");
+  EXPECT_EQ(outcome.error, "invalid polling request");
+  EXPECT_EQ(LogOf(outcome), Log{});
+}
+
+TEST(Read, WaitsOnceForThirtySecondsAndReadsOnceForAtMostTheLength) {
+  RunCleanly(Child(), [](const Told&) {
+    char buffer[kSize];
+    int waits = 0;
+    int reads = 0;
+    Replace({.poll =
+                 [&](pollfd* entries, nfds_t count, int milliseconds) {
+                   ++waits;
+                   EXPECT_EQ(count, 1U);
+                   EXPECT_EQ(entries->fd, 0);
+                   EXPECT_EQ(entries->events, POLLIN);
+                   EXPECT_EQ(entries->revents, 0);
+                   EXPECT_EQ(milliseconds, 30'000);
+                   entries->revents = POLLIN;
+                   return 1;
+                 },
+             .read =
+                 [&](void* to, std::size_t size) {
+                   ++reads;
+                   EXPECT_EQ(size, 5U);
+                   EXPECT_EQ(to, buffer);
+                   return ssize_t{0};
+                 }});
+    EXPECT_EQ(Cgi::Data().Read(buffer, 5), 0);
+    EXPECT_EQ(waits, 1);
+    EXPECT_EQ(reads, 1);
+  });
+}
+
+TEST(Read, IsRepeatedAfterNoSignal) {
+  RunCleanly(Child(), [](const Told&) {
+    int waits = 0;
+    int reads = 0;
+    const auto interrupted = [](int& calls) {
+      ++calls;
+      errno = EINTR;
+      return -1;
+    };
+    Replace({.poll = [&](auto...) { return interrupted(waits); }});
+    EXPECT_EQ(ReadTimes(1), Strings{"0"});
+    Replace({.poll = Finding(POLLIN),
+             .read = [&](auto...) { return interrupted(reads); }});
+    EXPECT_EQ(ReadTimes(1), Strings{"-1"});
+    EXPECT_EQ(waits, 1);
+    EXPECT_EQ(reads, 1);
+  });
 }
 
 /// Waits 10 ms where the library asks for 30 seconds.
@@ -198,63 +246,30 @@ int WaitBriefly(pollfd* entries, nfds_t count, int milliseconds) {
   return RealPoll(entries, count, milliseconds == 30'000 ? 10 : milliseconds);
 }
 
-std::string IsOpen(int descriptor) {
-  return ::fcntl(descriptor, F_GETFD) < 0 ? "closed" : "open";
-}
+bool IsOpen(int descriptor) { return ::fcntl(descriptor, F_GETFD) >= 0; }
 
-TEST(TimeOut, ClosesStandardInputAndIsAnError) {
-  const Input silent = Input::SilentPipe("");
-  const Outcome outcome =
-      Checked(Child().StandardInput(silent).Run([](const Told& told) {
-        Replace({.poll = WaitBriefly});
-        try {
-          ReadAndTell(told, 1);
-        } catch (const std::runtime_error&) {
-          told("0", IsOpen(0));
-          told("1", IsOpen(1));
-          told("2", IsOpen(2));
-          throw;
-        }
-      }));
-  ExpectError(outcome, "timeout");
-  EXPECT_EQ(outcome.told.at("0"), "closed");
-  EXPECT_EQ(outcome.told.at("1"), "open");
-  EXPECT_EQ(outcome.told.at("2"), "open");
-}
-
-TEST(TimeOut, IsTheEndOfStandardInputForGood) {
-  const Input silent = Input::SilentPipe("");
-  const Outcome outcome =
-      Checked(Child().StandardInput(silent).Run([](const Told& told) {
-        Replace({.poll = WaitBriefly});
-        Cgi::Data record;
-        for (const std::string call : {"first", "second", "third"}) {
-          try {
-            told(call, ReadOnce(record));
-          } catch (const std::runtime_error& error) {
-            told(call, error.what());
-          }
-        }
-      }));
-  EXPECT_EQ(outcome.told.at("first"), "timeout");
-  EXPECT_EQ(outcome.told.at("second"), "invalid polling request");
-  EXPECT_EQ(outcome.told.at("third"), "invalid polling request");
-  EXPECT_EQ(LogOf(outcome), std::vector<LogLine>{});
+TEST(TimeOut, ClosesStandardInputForGood) {
+  const Log log = Reading(Input::SilentPipe(""), [] {
+    Replace({.poll = WaitBriefly});
+    EXPECT_EQ(ReadTimes(3), (Strings{"timeout", "invalid polling request",
+                                     "invalid polling request"}));
+    EXPECT_FALSE(IsOpen(0));
+    EXPECT_TRUE(IsOpen(1));
+    EXPECT_TRUE(IsOpen(2));
+  });
+  EXPECT_EQ(log, Log{});
 }
 
 TEST(TimeOut, IsCountedFromEachCallAnew) {
-  const Input slow = Input::SlowPipe({"a", "b"}, 15ms);
-  const Outcome outcome =
-      Checked(Child().StandardInput(slow).Run([](const Told& told) {
-        std::string asked;
-        Replace({.poll = [&](pollfd* entries, nfds_t count, int milliseconds) {
-          asked += std::to_string(milliseconds) + " ";
-          return RealPoll(entries, count, milliseconds);
-        }});
-        ReadAndTell(told, 2);
-        told("asked", asked);
-      }));
-  EXPECT_EQ(outcome.told.at("asked"), "30000 30000 ");
+  Reading(Input::SlowPipe({"a", "b"}, 15ms), [] {
+    std::vector<int> asked;
+    Replace({.poll = [&](pollfd* entries, nfds_t count, int milliseconds) {
+      asked.push_back(milliseconds);
+      return RealPoll(entries, count, milliseconds);
+    }});
+    EXPECT_EQ(ReadTimes(2), (Strings{"1 a", "1 b"}));
+    EXPECT_EQ(asked, (std::vector<int>{30'000, 30'000}));
+  });
 }
 
 TEST(TimeOut, LetsNothingBecomeStandardInputAfterwards) {
@@ -262,37 +277,31 @@ TEST(TimeOut, LetsNothingBecomeStandardInputAfterwards) {
   backend.Times(2, zan_cgi::testing::Answer("x"));
   const zan_cgi::testing::Scratch scratch;
   const Input silent = Input::SilentPipe("");
-  const Outcome outcome =
-      Checked(Child()
-                  .Env("REQUEST_METHOD", "GET")
-                  .StandardInput(silent)
-                  .With(backend)
-                  .Run([&scratch](const Told& told) {
-                    Replace({.poll = WaitBriefly});
-                    Cgi cgi("/bin/front", "backend");
-                    char byte;
-                    EXPECT_THROW(cgi.Read(&byte, 1), std::runtime_error);
-                    cgi.SetTmpDir(scratch / "new");
-                    told("answer", cgi.Query("func=a"));
-                    const auto protocol = tov_client::Connect("backend", false);
-                    told("0 while connected", IsOpen(0));
-                    protocol->RequestComplete();
-                    const tov_file::Tmp file(scratch / "file");
-                    told("0 at the end", IsOpen(0));
-                    EXPECT_THROW(cgi.Read(&byte, 1), std::runtime_error);
-                  }));
-  EXPECT_EQ(outcome.error, "");
-  EXPECT_EQ(outcome.told.at("answer"), "x");
-  EXPECT_EQ(outcome.told.at("0 while connected"), "closed");
-  EXPECT_EQ(outcome.told.at("0 at the end"), "closed");
+  Child child;
+  child.Env("REQUEST_METHOD", "GET").StandardInput(silent).With(backend);
+  RunCleanly(child, [&scratch](const Told&) {
+    Replace({.poll = WaitBriefly});
+    Cgi cgi("/bin/front", "backend");
+    char byte;
+    EXPECT_THROW(cgi.Read(&byte, 1), std::runtime_error);
+    cgi.SetTmpDir(scratch / "new");
+    EXPECT_EQ(cgi.Query("func=a"), "x");
+    const auto protocol = tov_client::Connect("backend", false);
+    EXPECT_FALSE(IsOpen(0));
+    protocol->RequestComplete();
+    const tov_file::Tmp file(scratch / "file");
+    EXPECT_FALSE(IsOpen(0));
+    EXPECT_THROW(cgi.Read(&byte, 1), std::runtime_error);
+  });
 }
 
 /// What a read must come to by the events that its wait found, if a read from
-/// the descriptor gives 7.
-std::string ExpectedOf(short events) {
+/// the descriptor gives 7. The wait itself has succeeded and has left errno
+/// alone.
+std::string ExpectedOf(short events, int last_error) {
   if ((events & POLLNVAL) != 0) return "invalid polling request";
-  if ((events & POLLERR) != 0) return PollingError(EXDEV);
-  if ((events & POLLIN) != 0) return "7";
+  if ((events & POLLERR) != 0) return PollingError(last_error);
+  if ((events & POLLIN) != 0) return "7 1234567";
   return (events & POLLHUP) != 0 ? "-1" : "0";
 }
 
@@ -300,490 +309,237 @@ constexpr short kEvents[] = {POLLNVAL, POLLERR, POLLIN,
                              POLLHUP,  POLLPRI, POLLRDHUP};
 
 TEST(Events, AreLookedAtInOrder) {
-  const Outcome outcome = Checked(Child().LogLevel(0).Run([](const Told&) {
+  RunCleanly(Child().LogLevel(0), [](const Told&) {
     Cgi::Data record;
-    char buffer[kSize];
     for (std::size_t set = 0; set < 1U << std::size(kEvents); ++set) {
       short events = 0;
       for (std::size_t i = 0; i < std::size(kEvents); ++i) {
         if ((set >> i & 1) == 0) continue;
         events = static_cast<short>(events | kEvents[i]);
       }
+      const int last_error = set % 2 == 0 ? EXDEV : ENOENT;
       Replace({.poll =
-                   [events](pollfd* entries, nfds_t, int) {
+                   [&](pollfd* entries, nfds_t, int) {
                      entries->revents = events;
-                     errno = EXDEV;
+                     errno = last_error;
                      return 1;
                    },
-               .read = [](void*, std::size_t) { return ssize_t{7}; }});
-      std::string result;
-      try {
-        result = std::to_string(record.Read(buffer, sizeof(buffer)));
-      } catch (const std::runtime_error& error) {
-        result = error.what();
-      }
-      EXPECT_EQ(result, ExpectedOf(events)) << "events " << events;
+               .read =
+                   [](void* buffer, std::size_t) {
+                     std::memcpy(buffer, "1234567", 7);
+                     return ssize_t{7};
+                   }});
+      EXPECT_EQ(ReadOnce(record), ExpectedOf(events, last_error))
+          << "events " << events;
     }
-  }));
-  EXPECT_EQ(outcome.error, "");
-}
-
-TEST(Events, OfAnInvalidDescriptorAreAnError) {
-  ExpectError(ReadWith({.poll = Finding(POLLNVAL)}), "invalid polling request");
-}
-
-TEST(Events, OfAnErrorTellWhateverFailedLast) {
-  // The wait itself has succeeded and has left errno alone.
-  for (const int error : {ENOENT, EBUSY}) {
-    const Outcome outcome =
-        ReadWith({.poll = [error](pollfd* entries, nfds_t, int) {
-          entries->revents = POLLERR | POLLIN;
-          errno = error;
-          return 1;
-        }});
-    ExpectError(outcome, PollingError(error));
-  }
-}
-
-TEST(Events, OfAHangUpWithNothingPendingAreTheEnd) {
-  const Outcome outcome = ReadWith(
-      {.poll = Finding(POLLHUP), .read = [](void*, std::size_t) -> ssize_t {
-         throw std::logic_error("must not read");
-       }});
-  EXPECT_EQ(outcome.error, "");
-  EXPECT_EQ(outcome.told.at("1"), "-1");
-  EXPECT_EQ(LogOf(outcome), (std::vector<LogLine>{{4, "Signal HUP received"}}));
-}
-
-TEST(Events, OfOtherKindsGiveNothing) {
-  for (const short events :
-       std::initializer_list<short>{POLLPRI, POLLRDHUP, POLLOUT, 0}) {
-    const Outcome outcome = ReadWith(
-        {.poll = Finding(events), .read = [](void*, std::size_t) -> ssize_t {
-           throw std::logic_error("must not read");
-         }});
-    EXPECT_EQ(outcome.error, "");
-    EXPECT_EQ(outcome.told.at("1"), "0") << events;
-    EXPECT_EQ(LogOf(outcome), std::vector<LogLine>{});
-  }
-}
-
-TEST(Input, IsReadOnceIntoTheBufferForAtMostTheLength) {
-  const Outcome outcome = Checked(Child().Run([](const Told& told) {
-    char buffer[kSize];
-    int reads = 0;
-    Replace({.poll = Finding(POLLIN), .read = [&](void* to, std::size_t size) {
-               ++reads;
-               told("size", std::to_string(size));
-               told("place", to == buffer ? "start" : "elsewhere");
-               return ssize_t{0};
-             }});
-    Cgi::Data record;
-    told("result", std::to_string(record.Read(buffer, 5)));
-    told("reads", std::to_string(reads));
-  }));
-  EXPECT_EQ(outcome.told.at("size"), "5");
-  EXPECT_EQ(outcome.told.at("place"), "start");
-  EXPECT_EQ(outcome.told.at("result"), "0");
-  EXPECT_EQ(outcome.told.at("reads"), "1");
-}
-
-TEST(Input, IsReportedAsTheReadReportsIt) {
-  for (const ssize_t count : {0L, 1L, 8L, 5'000'000'000L}) {
-    const Outcome outcome = Checked(Child().Run([count](const Told& told) {
-      Replace({.poll = Finding(POLLIN),
-               .read = [count](void*, std::size_t) { return count; }});
-      Cgi::Data record;
-      char buffer[kSize];
-      told("result", std::to_string(record.Read(buffer, kSize)));
-    }));
-    EXPECT_EQ(outcome.told.at("result"), std::to_string(count));
-    EXPECT_EQ(LogOf(outcome), std::vector<LogLine>{});
-  }
-}
-
-TEST(Input, ThatWouldBlockGivesNothing) {
-  const Outcome outcome =
-      ReadWith({.poll = Finding(POLLIN), .read = Failing(EAGAIN)});
-  EXPECT_EQ(outcome.told.at("1"), "0");
-  EXPECT_EQ(LogOf(outcome), std::vector<LogLine>{});
-}
-
-TEST(Input, ThatCannotBeReadIsTheEndAndLogged) {
-  // A signal here is an error, unlike one that ends the wait.
-  for (const int error : {EINTR, EIO, EBADF, EISDIR, ECONNRESET, 133}) {
-    const Outcome outcome =
-        ReadWith({.poll = Finding(POLLIN), .read = Failing(error)});
-    EXPECT_EQ(outcome.error, "");
-    EXPECT_EQ(outcome.told.at("1"), "-1");
-    EXPECT_EQ(LogOf(outcome),
-              (std::vector<LogLine>{
-                  {3, "error reading stdin, code " + std::to_string(error)}}));
-  }
-}
-
-TEST(Input, ThatCannotBeReadBesideAHangUpIsLoggedAsSuch) {
-  const Outcome outcome =
-      ReadWith({.poll = Finding(POLLIN | POLLHUP), .read = Failing(EIO)});
-  EXPECT_EQ(LogOf(outcome),
-            (std::vector<LogLine>{{3, "error reading stdin, code 5"}}));
-}
-
-TEST(Input, IsNotReadAgainAfterASignal) {
-  const Outcome outcome = Checked(Child().Run([](const Told& told) {
-    int reads = 0;
-    Replace({.poll = Finding(POLLIN), .read = [&](void*, std::size_t) {
-               ++reads;
-               errno = EINTR;
-               return ssize_t{-1};
-             }});
-    ReadAndTell(told, 1);
-    told("reads", std::to_string(reads));
-  }));
-  EXPECT_EQ(outcome.told.at("reads"), "1");
-}
-
-/// The lines that a read with these calls logs when the level is this.
-std::vector<LogLine> LoggedAt(int level, const support::SystemCalls& calls) {
-  return ReadWith(calls, Child().LogLevel(level)).log;
-}
-
-TEST(Log, HasTheInterruptedWaitFromLevelNineOnly) {
-  EXPECT_EQ(LoggedAt(8, {.poll = Failing(EINTR)}),
-            std::vector<LogLine>{kConstruction});
-  EXPECT_EQ(LoggedAt(9, {.poll = Failing(EINTR)}).size(), 2U);
-}
-
-TEST(Log, HasTheHangUpFromLevelFourOnly) {
-  EXPECT_EQ(LoggedAt(3, {.poll = Finding(POLLHUP)}), std::vector<LogLine>{});
-  EXPECT_EQ(LoggedAt(4, {.poll = Finding(POLLHUP)}).size(), 1U);
-}
-
-TEST(Log, HasTheReadErrorFromLevelThreeOnly) {
-  const support::SystemCalls calls{.poll = Finding(POLLIN),
-                                   .read = Failing(EIO)};
-  EXPECT_EQ(LoggedAt(2, calls), std::vector<LogLine>{});
-  EXPECT_EQ(LoggedAt(3, calls).size(), 1U);
-}
-
-TEST(Log, MakesNoDifferenceToTheResult) {
-  EXPECT_EQ(
-      ReadWith({.poll = Failing(EINTR)}, Child().LogLevel(0)).told.at("1"),
-      "0");
-  EXPECT_EQ(
-      ReadWith({.poll = Finding(POLLHUP)}, Child().LogLevel(0)).told.at("1"),
-      "-1");
-  EXPECT_EQ(ReadWith({.poll = Finding(POLLIN), .read = Failing(EIO)},
-                     Child().LogLevel(0))
-                .told.at("1"),
-            "-1");
+  });
 }
 
 TEST(Facade, HandsLengthAndResultOnUnchanged) {
-  for (const long length : {0L, 1L, 1L << 33, -1L}) {
-    const Outcome outcome = Checked(Child().Run([length](const Told& told) {
-      Replace({.poll = Finding(POLLIN), .read = [&](void*, std::size_t size) {
-                 told("size", std::to_string(size));
-                 return ssize_t{1} << 34;
-               }});
-      Cgi cgi("/bin/front", "");
+  RunCleanly(Child(), [](const Told&) {
+    Cgi cgi("/bin/front", "");
+    for (const long length : {0L, 1L, 1L << 33, -1L}) {
+      Replace(
+          {.poll = Finding(POLLIN), .read = [length](void*, std::size_t size) {
+             EXPECT_EQ(size, static_cast<std::size_t>(length));
+             return ssize_t{1} << 34;
+           }});
       char buffer[kSize];
-      told("result", std::to_string(cgi.Read(buffer, length)));
-    }));
-    EXPECT_EQ(outcome.told.at("size"),
-              std::to_string(static_cast<std::size_t>(length)));
-    EXPECT_EQ(outcome.told.at("result"), std::to_string(1L << 34));
+      EXPECT_EQ(cgi.Read(buffer, length), 1L << 34);
+    }
+  });
+}
+
+TEST(Facade, ReadsTheBodyAsItIsOrWhatComesAfterIt) {
+  for (const bool is_parsed : {false, true}) {
+    const Input input = Input::Pipe("a=1");
+    Child child;
+    child.Env("REQUEST_METHOD", "POST").Env("CONTENT_LENGTH", "3");
+    const Outcome outcome =
+        RunCleanly(child.StandardInput(input), [&](const Told&) {
+          Cgi cgi("/bin/front", "");
+          char buffer[kSize] = {};
+          if (is_parsed) {
+            EXPECT_EQ(cgi.Param("a"), "1");
+            EXPECT_EQ(cgi.Read(buffer, 1), -1);
+          } else {
+            EXPECT_EQ(cgi.Read(buffer, sizeof(buffer)), 3);
+            EXPECT_STREQ(buffer, "a=1");
+          }
+        });
+    EXPECT_EQ(outcome.Logged(4), Strings(is_parsed ? 1 : 0, kHangUp.text));
   }
 }
 
-TEST(Facade, ReadsTheBodyAsItIs) {
-  const Input input = Input::Pipe("a=1");
-  const Outcome outcome = Checked(
-      Child()
-          .Env("REQUEST_METHOD", "POST")
-          .Env("CONTENT_LENGTH", "3")
-          .StandardInput(input)
-          .Run([](const Told& told) {
-            Cgi cgi("/bin/front", "");
-            char buffer[kSize];
-            const long count = cgi.Read(buffer, sizeof(buffer));
-            told("body", std::string(buffer, static_cast<std::size_t>(count)));
-          }));
-  EXPECT_EQ(outcome.told.at("body"), "a=1");
-}
-
 TEST(Record, IsNotTouchedByReading) {
-  const Input input = Input::Pipe("x");
-  const Outcome outcome =
-      Checked(Child().StandardInput(input).Run([](const Told&) {
-        Cgi::Data record;
-        EXPECT_EQ(ReadOnce(record), "1 x");
-        EXPECT_EQ(ReadOnce(record), "-1");
-        EXPECT_FALSE(record.parsed);
-        EXPECT_FALSE(record.authorized);
-        EXPECT_TRUE(record.params.empty());
-        EXPECT_TRUE(record.files.empty());
-        EXPECT_TRUE(record.cookies.empty());
-        EXPECT_EQ(record.tmp_dir + record.tov_name + record.remote_addr +
-                      record.server_addr,
-                  "");
-      }));
-  EXPECT_EQ(outcome.error, "");
+  Reading(Input::Pipe("x"), [] {
+    Cgi::Data record;
+    EXPECT_EQ(ReadOnce(record), "1 x");
+    EXPECT_EQ(ReadOnce(record), "-1");
+    EXPECT_FALSE(record.parsed);
+    EXPECT_FALSE(record.authorized);
+    EXPECT_TRUE(record.params.empty());
+    EXPECT_TRUE(record.files.empty());
+    EXPECT_TRUE(record.cookies.empty());
+    EXPECT_EQ(record.tmp_dir + record.tov_name + record.remote_addr +
+                  record.server_addr,
+              "");
+  });
 }
 
 TEST(Pipe, IsReadToItsEndBeforeTheHangUpShows) {
   // Everything is written, and the writer gone, before the first read.
-  const Input input = Input::Pipe("0123456789abcdefXYZ");
-  const Outcome outcome =
-      Checked(Child().StandardInput(input).Run([](const Told& told) {
-        pollfd entry{STDIN_FILENO, 0, 0};
-        while ((entry.revents & POLLHUP) == 0) RealPoll(&entry, 1, -1);
-        ReadAndTell(told, 5);
-      }));
-  EXPECT_EQ(outcome.told.at("1"), "8 01234567");
-  EXPECT_EQ(outcome.told.at("2"), "8 89abcdef");
-  EXPECT_EQ(outcome.told.at("3"), "3 XYZ");
-  EXPECT_EQ(outcome.told.at("4"), "-1");
-  EXPECT_EQ(outcome.told.at("5"), "-1");
-  EXPECT_EQ(LogOf(outcome), (std::vector<LogLine>{{4, "Signal HUP received"},
-                                                  {4, "Signal HUP received"}}));
+  const Log log = Reading(Input::Pipe("0123456789abcdefXYZ"), [] {
+    pollfd entry{STDIN_FILENO, 0, 0};
+    while ((entry.revents & POLLHUP) == 0) RealPoll(&entry, 1, -1);
+    EXPECT_EQ(ReadTimes(5),
+              (Strings{"8 01234567", "8 89abcdef", "3 XYZ", "-1", "-1"}));
+  });
+  EXPECT_EQ(log, (Log{kHangUp, kHangUp}));
 }
 
-TEST(Pipe, IsAtItsEndBehindTheDeclaredBody) {
-  const Input input = Input::Pipe("a=1");
-  const Outcome outcome =
-      Checked(Child()
-                  .Env("REQUEST_METHOD", "POST")
-                  .Env("CONTENT_LENGTH", "3")
-                  .StandardInput(input)
-                  .Run([](const Told& told) {
-                    Cgi cgi("/bin/front", "");
-                    told("a", cgi.Param("a"));
-                    char next;
-                    told("next", std::to_string(cgi.Read(&next, 1)));
-                  }));
-  EXPECT_EQ(outcome.told.at("a"), "1");
-  EXPECT_EQ(outcome.told.at("next"), "-1");
-  EXPECT_EQ(outcome.Logged(4), Strings{"Signal HUP received"});
+/// Where input comes from, and what reads give one after another.
+struct Source {
+  Input input;
+  Strings results;
+  Log log = {};
+};
+
+TEST(Input, GivesWhatComesAndItsEnd) {
+  const Source sources[] = {
+      {Input::Pipe(""), {"-1"}, {kHangUp}},
+      {Input::SlowPipe({"late"}, 30ms), {"4 late", "-1"}, {kHangUp}},
+      // No hang-up is ever seen behind the readable end of these.
+      {Input::Socket("abc"), {"3 abc", "0", "0", "0"}},
+      {Input::File("0123456789"), {"8 01234567", "2 89", "0", "0", "0"}},
+      {Input::Nothing(), {"0", "0", "0"}}};
+  for (const Source& source : sources) {
+    const Log log = Reading(source.input, [&] {
+      EXPECT_EQ(ReadTimes(source.results.size()), source.results);
+    });
+    EXPECT_EQ(log, source.log) << source.results[0];
+  }
 }
 
-TEST(Pipe, WithoutAnyByteIsAtItsEndAtOnce) {
-  const Outcome outcome = ReadFrom(Input::Pipe(""), 1);
-  EXPECT_EQ(outcome.told.at("1"), "-1");
-}
-
-TEST(Pipe, GivesWhatComesDuringTheWait) {
-  const Outcome outcome = ReadFrom(Input::SlowPipe({"late"}, 30ms), 2);
-  EXPECT_EQ(outcome.told.at("1"), "4 late");
-  EXPECT_EQ(outcome.told.at("2"), "-1");
-}
-
-TEST(Pipe, GivesNothingForALengthOfZeroAndKeepsItsBytes) {
-  const Input input = Input::Pipe("abc");
-  const Outcome outcome =
-      Checked(Child().StandardInput(input).Run([](const Told& told) {
-        Cgi::Data record;
-        told("nothing", ReadOnce(record, 0));
-        told("all", ReadOnce(record));
-      }));
-  EXPECT_EQ(outcome.told.at("nothing"), "0");
-  EXPECT_EQ(outcome.told.at("all"), "3 abc");
-}
-
-TEST(Pipe, RefusesANegativeLength) {
-  const Input input = Input::Pipe("abc");
-  const Outcome outcome =
-      Checked(Child().StandardInput(input).Run([](const Told& told) {
-        Cgi::Data record;
-        told("refused", ReadOnce(record, -1));
-        told("all", ReadOnce(record));
-      }));
-  EXPECT_EQ(outcome.told.at("refused"), "-1");
-  EXPECT_EQ(outcome.told.at("all"), "3 abc");
-  EXPECT_EQ(outcome.Logged(3), Strings{"error reading stdin, code 14"});
+TEST(Pipe, KeepsItsBytesForALengthOfZeroOrLess) {
+  const Log log = Reading(Input::Pipe("abc"), [] {
+    Cgi::Data record;
+    EXPECT_EQ(ReadOnce(record, 0), "0");
+    EXPECT_EQ(ReadOnce(record, -1), "-1");
+    EXPECT_EQ(ReadOnce(record), "3 abc");
+  });
+  EXPECT_EQ(log, (Log{{3, "error reading stdin, code 14"}}));
 }
 
 TEST(Pipe, ThatWouldBlockAfterAllGivesNothing) {
-  const Input silent = Input::SilentPipe("");
-  const Outcome outcome =
-      Checked(Child().StandardInput(silent).Run([](const Told& told) {
-        ::fcntl(STDIN_FILENO, F_SETFL, O_NONBLOCK);
-        Replace({.poll = Finding(POLLIN)});
-        ReadAndTell(told, 1);
-      }));
-  EXPECT_EQ(outcome.told.at("1"), "0");
-  EXPECT_EQ(LogOf(outcome), std::vector<LogLine>{});
+  const Log log = Reading(Input::SilentPipe(""), [] {
+    ::fcntl(STDIN_FILENO, F_SETFL, O_NONBLOCK);
+    Replace({.poll = Finding(POLLIN)});
+    EXPECT_EQ(ReadTimes(1), Strings{"0"});
+  });
+  EXPECT_EQ(log, Log{});
+}
+
+/// Reads from a descriptor that is closed then. `work` is done in between.
+Strings ReadFrom(
+    int descriptor, std::size_t times,
+    const std::function<void()>& work = [] {}) {
+  const int before = ::dup(STDIN_FILENO);
+  ::dup2(descriptor, STDIN_FILENO);
+  ::close(descriptor);
+  work();
+  const Strings results = ReadTimes(times);
+  ::dup2(before, STDIN_FILENO);
+  ::close(before);
+  return results;
 }
 
 TEST(Pipe, OfWhichItHoldsTheWritingEndIsAnErrorOnceNobodyReads) {
-  const Outcome outcome = Checked(Child().Run([](const Told& told) {
+  Reading(Input::Nothing(), [] {
     int ends[2];
     ASSERT_EQ(::pipe(ends), 0);
     ::close(ends[0]);
-    const int before = ::dup(STDIN_FILENO);
-    ::dup2(ends[1], STDIN_FILENO);
-    ::close(ends[1]);
-    try {
-      ReadAndTell(told, 1);
-    } catch (const std::runtime_error& error) {
-      told("error", error.what());
-    }
-    ::dup2(before, STDIN_FILENO);
-    ::close(before);
-  }));
-  EXPECT_TRUE(outcome.told.at("error").starts_with("polling error: "));
-}
-
-TEST(Socket, ThatIsShutDownGivesNothingForEver) {
-  // No hang-up is ever seen behind its readable end.
-  const Outcome outcome = ReadFrom(Input::Socket("abc"), 4);
-  EXPECT_EQ(outcome.told.at("1"), "3 abc");
-  EXPECT_EQ(outcome.told.at("2"), "0");
-  EXPECT_EQ(outcome.told.at("3"), "0");
-  EXPECT_EQ(outcome.told.at("4"), "0");
-  EXPECT_EQ(LogOf(outcome), std::vector<LogLine>{});
-}
-
-/// Reads from one end of a pair of connected sockets after `work` was done with
-/// the other end.
-template <class Work>
-Outcome ReadFromSocketAfter(const Work& work) {
-  return Checked(Child().Run([&work](const Told& told) {
-    int ends[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    const int before = ::dup(STDIN_FILENO);
-    ::dup2(ends[0], STDIN_FILENO);
-    ::close(ends[0]);
-    work(ends[1]);
-    try {
-      ReadAndTell(told, 2);
-    } catch (const std::runtime_error& error) {
-      told("error", error.what());
-    }
-    ::dup2(before, STDIN_FILENO);
-    ::close(before);
-    ::close(ends[1]);
-  }));
+    EXPECT_TRUE(ReadFrom(ends[1], 1)[0].starts_with("polling error: "));
+  });
 }
 
 TEST(Socket, ThatIsShutDownInOneDirectionOnlyGivesNothingToo) {
-  const Outcome outcome =
-      ReadFromSocketAfter([](int peer) { ::shutdown(peer, SHUT_WR); });
-  EXPECT_EQ(outcome.told.at("1"), "0");
-  EXPECT_EQ(outcome.told.at("2"), "0");
+  Reading(Input::Nothing(), [] {
+    int ends[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    ::shutdown(ends[1], SHUT_WR);
+    EXPECT_EQ(ReadFrom(ends[0], 2), (Strings{"0", "0"}));
+    ::close(ends[1]);
+  });
 }
 
 TEST(Socket, WhosePeerHasResetItIsAnError) {
-  const Outcome outcome = ReadFromSocketAfter([](int peer) {
-    ASSERT_EQ(::write(STDIN_FILENO, "unread", 6), 6);
-    const int nothing = ::open("/dev/null", O_RDONLY);
-    ::dup2(nothing, peer);
-    ::close(nothing);
+  Reading(Input::Nothing(), [] {
+    int ends[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    const Strings results = ReadFrom(ends[0], 1, [&] {
+      ASSERT_EQ(::write(STDIN_FILENO, "unread", 6), 6);
+      ::close(ends[1]);
+    });
+    EXPECT_TRUE(results[0].starts_with("polling error: ")) << results[0];
   });
-  EXPECT_TRUE(outcome.told.at("error").starts_with("polling error: "));
-  EXPECT_EQ(outcome.told.count("1"), 0U);
 }
 
-TEST(RegularFile, GivesNothingForEverAtItsEnd) {
-  const Outcome outcome = ReadFrom(Input::File("0123456789"), 5);
-  EXPECT_EQ(outcome.told.at("1"), "8 01234567");
-  EXPECT_EQ(outcome.told.at("2"), "2 89");
-  EXPECT_EQ(outcome.told.at("3"), "0");
-  EXPECT_EQ(outcome.told.at("4"), "0");
-  EXPECT_EQ(outcome.told.at("5"), "0");
-  EXPECT_EQ(LogOf(outcome), std::vector<LogLine>{});
-}
-
-TEST(NullDevice, GivesNothingForEver) {
-  const Outcome outcome = Read(Child(), 3);
-  EXPECT_EQ(outcome.told.at("1"), "0");
-  EXPECT_EQ(outcome.told.at("3"), "0");
-  EXPECT_EQ(LogOf(outcome), std::vector<LogLine>{});
-}
-
-/// Reads from a path that is opened with these flags.
-Outcome ReadFromPath(const std::string& path, int flags) {
-  return Checked(Child().Run([&](const Told& told) {
-    const int before = ::dup(STDIN_FILENO);
-    const int descriptor = ::open(path.c_str(), flags);
-    ::dup2(descriptor, STDIN_FILENO);
-    ::close(descriptor);
-    ReadAndTell(told, 1);
-    ::dup2(before, STDIN_FILENO);
-    ::close(before);
-  }));
-}
-
-TEST(Directory, CannotBeRead) {
-  const Outcome outcome = ReadFromPath("/", O_RDONLY | O_DIRECTORY);
-  EXPECT_EQ(outcome.told.at("1"), "-1");
-  EXPECT_EQ(outcome.Logged(3),
-            Strings{"error reading stdin, code " + std::to_string(EISDIR)});
-}
-
-TEST(FileForWriting, CannotBeRead) {
+TEST(Path, ThatCannotBeReadIsTheEndAndLogged) {
   const zan_cgi::testing::Scratch scratch;
-  const Outcome outcome = ReadFromPath(scratch.MakeFile("file", "x"), O_WRONLY);
-  EXPECT_EQ(outcome.told.at("1"), "-1");
-  EXPECT_EQ(outcome.Logged(3),
-            Strings{"error reading stdin, code " + std::to_string(EBADF)});
+  struct Path {
+    std::string path;
+    int flags;
+    int error;
+  };
+  const Path paths[] = {{"/", O_RDONLY | O_DIRECTORY, EISDIR},
+                        {scratch.MakeFile("file", "x"), O_WRONLY, EBADF}};
+  for (const auto& [path, flags, error] : paths) {
+    const Log log = Reading(Input::Nothing(), [&, flags = flags] {
+      EXPECT_EQ(ReadFrom(::open(path.c_str(), flags), 1), Strings{"-1"});
+    });
+    EXPECT_EQ(log,
+              (Log{{3, "error reading stdin, code " + std::to_string(error)}}));
+  }
 }
 
-TEST(ClosedDescriptor, IsAnInvalidRequest) {
-  ExpectError(Read(Child().Closed(0)), "invalid polling request");
+/// Has SIGALRM handled, and sent each time that so many microseconds pass.
+void SendSignalEvery(int microseconds, void (*handler)(int), int flags = 0) {
+  struct sigaction action {};
+  action.sa_handler = handler;
+  action.sa_flags = flags;
+  ::sigaction(SIGALRM, &action, nullptr);
+  const itimerval often{{0, microseconds}, {0, microseconds}};
+  ::setitimer(ITIMER_REAL, &often, nullptr);
 }
 
-/// Reads from a silent pipe while a real timer's signal is handled.
-Outcome ReadWithSignal(int handler_flags) {
-  const Input silent = Input::SilentPipe("");
-  return Checked(
-      Child().StandardInput(silent).Run([handler_flags](const Told& told) {
-        struct sigaction action {};
-        action.sa_handler = [](int) {};
-        action.sa_flags = handler_flags;
-        ::sigaction(SIGALRM, &action, nullptr);
-        const itimerval soon{{0, 0}, {0, 20'000}};
-        ::setitimer(ITIMER_REAL, &soon, nullptr);
-        ReadAndTell(told, 1);
-      }));
-}
+void Ignore(int /*signal*/) {}
 
 TEST(Signal, EndsTheWaitWithNothing) {
   for (const int flags : {0, SA_RESTART}) {
-    const Outcome outcome = ReadWithSignal(flags);
-    EXPECT_EQ(outcome.told.at("1"), "0");
-    EXPECT_TRUE(SaysThatTheWaitWasInterrupted(outcome));
+    const Log log = Reading(Input::SilentPipe(""), [flags] {
+      SendSignalEvery(20'000, Ignore, flags);
+      EXPECT_EQ(ReadTimes(1), Strings{"0"});
+    });
+    EXPECT_EQ(log, (Log{{9, "unix:# poll interrupted, trying again"}}));
   }
 }
 
 TEST(Signal, DuringTheReadIsAnError) {
   // The wait is said to be over while nothing has come.
-  const Input silent = Input::SilentPipe("");
-  const Outcome outcome =
-      Checked(Child().StandardInput(silent).Run([](const Told& told) {
-        Replace({.poll = Finding(POLLIN)});
-        struct sigaction action {};
-        action.sa_handler = [](int) {};
-        ::sigaction(SIGALRM, &action, nullptr);
-        const itimerval often{{0, 20'000}, {0, 20'000}};
-        ::setitimer(ITIMER_REAL, &often, nullptr);
-        ReadAndTell(told, 1);
-      }));
-  EXPECT_EQ(outcome.told.at("1"), "-1");
-  EXPECT_EQ(LogOf(outcome),
-            (std::vector<LogLine>{{3, "error reading stdin, code 4"}}));
+  const Log log = Reading(Input::SilentPipe(""), [] {
+    Replace({.poll = Finding(POLLIN)});
+    SendSignalEvery(20'000, Ignore);
+    EXPECT_EQ(ReadTimes(1), Strings{"-1"});
+  });
+  EXPECT_EQ(log, (Log{{3, "error reading stdin, code 4"}}));
 }
 
 TEST(Signal, ThatIsIgnoredDoesNotEndTheWait) {
-  const Input slow = Input::SlowPipe({"late"}, 60ms);
-  const Outcome outcome =
-      Checked(Child().StandardInput(slow).Run([](const Told& told) {
-        ::signal(SIGALRM, SIG_IGN);
-        const itimerval soon{{0, 0}, {0, 5'000}};
-        ::setitimer(ITIMER_REAL, &soon, nullptr);
-        ReadAndTell(told, 1);
-      }));
-  EXPECT_EQ(outcome.told.at("1"), "4 late");
+  Reading(Input::SlowPipe({"late"}, 60ms), [] {
+    SendSignalEvery(5'000, SIG_IGN);
+    EXPECT_EQ(ReadTimes(1), Strings{"4 late"});
+  });
 }
 
 }  // namespace
