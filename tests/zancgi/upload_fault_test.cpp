@@ -92,36 +92,17 @@ bool HasChildProcesses() {
   return ::waitpid(-1, nullptr, WNOHANG) >= 0 || errno != ECHILD;
 }
 
-struct StoredFile {
-  std::string path;
-  std::int64_t size = 0;
-  bool exists = false;
-  std::string content;
-};
-
 /// What a parse has come to, while its record still lived.
 struct Result {
   std::string error;
   bool parsed = false;
   std::map<std::string, std::string> params;
-  std::map<std::string, StoredFile> files;
+  std::map<std::string, Cgi::Data::FileInfo> files;
+  /// What those files held that were there.
+  std::map<std::string, std::string> contents;
   /// What was in the temporary directory.
   Strings names;
 };
-
-Result ResultOf(const Cgi::Data& record) {
-  Result result;
-  result.parsed = record.parsed;
-  result.params = record.params;
-  for (const auto& [name, file] : record.files) {
-    std::error_code closed;
-    const bool exists = fs::is_regular_file(file.path, closed);
-    result.files[name] = {file.path, file.size, exists,
-                          exists ? zan_cgi::testing::ReadFile(file.path) : ""};
-  }
-  result.names = NamesIn(record.tmp_dir);
-  return result;
-}
 
 /// Parses standard input into a record that is gone afterwards, and makes sure
 /// that nothing else of it stays: no descriptor, no process and, unless said
@@ -138,8 +119,14 @@ Result Parse(const std::string& folder, bool files_stay = false) {
     } catch (const std::runtime_error& caught) {
       error = caught.what();
     }
-    result = ResultOf(record);
-    result.error = error;
+    result = {error, record.parsed,  record.params, record.files,
+              {},    NamesIn(folder)};
+    for (const auto& [name, file] : record.files) {
+      std::error_code closed;
+      if (fs::is_regular_file(file.path, closed)) {
+        result.contents[name] = zan_cgi::testing::ReadFile(file.path);
+      }
+    }
   }
   const Strings after = OpenDescriptors();
   EXPECT_TRUE(
@@ -163,7 +150,7 @@ void ExpectWriteError(const Result& result, const PieceInput& input) {
 void ExpectEntryWithoutFile(const Result& result, const std::string& name) {
   ASSERT_TRUE(result.files.contains(name));
   EXPECT_NE(result.files.at(name).path, "");
-  EXPECT_FALSE(result.files.at(name).exists);
+  EXPECT_FALSE(result.contents.contains(name));
 }
 
 /// One upload whose data comes in full chunks of their own.
@@ -178,6 +165,22 @@ Strings LargeUpload(std::size_t chunks) {
 
 std::string DataOf(const Strings& large_upload) {
   return Joined({large_upload.begin() + 1, large_upload.end() - 1});
+}
+
+using Check =
+    std::function<void(const Result& result, const PieceInput& input)>;
+
+/// Parses pieces, which a child gets by PieceInput.
+Outcome ParsePieces(const Strings& pieces, const std::string& folder,
+                    const Check& check, const PieceInput::Events& events = {},
+                    Child child = {}) {
+  child.Env("REQUEST_METHOD", "POST")
+      .Env("CONTENT_TYPE", support::kForm)
+      .Env("CONTENT_LENGTH", std::to_string(Joined(pieces).size()));
+  return RunCleanly(child, [&](const Told&) {
+    const PieceInput input(pieces, events);
+    check(Parse(folder), input);
+  });
 }
 
 /// Does something before the piece of one wait comes.
@@ -231,7 +234,6 @@ class FullDisk : public testing::Test {
 
   /// Parses the pieces on a disk that has but this many bytes left when the
   /// piece of this wait comes.
-  template <class Check>
   Outcome ParseOnFullDisk(const Strings& pieces, std::size_t wait,
                           off_t free_bytes, const Check& check) {
     return RunCleanly(PostOf(pieces), [&](const Told&) {
@@ -301,9 +303,9 @@ TEST_F(FullDisk, SparesTheFilesBefore) {
   ParseOnFullDisk(pieces, 2, 0,
                   [](const Result& result, const PieceInput& input) {
                     ExpectWriteError(result, input);
-                    EXPECT_EQ(result.files.at("first").content, "one");
+                    EXPECT_EQ(result.contents.at("first"), "one");
                     EXPECT_EQ(result.files.at("first").size, 3);
-                    EXPECT_EQ(result.files.at("second").content, "two");
+                    EXPECT_EQ(result.contents.at("second"), "two");
                     EXPECT_EQ(result.files.at("second").size, 3);
                     ExpectEntryWithoutFile(result, "third");
                     EXPECT_EQ(result.names.size(), 2U);
@@ -315,7 +317,7 @@ TEST_F(FullDisk, IsNoErrorForAnUploadThatFits) {
   ParseOnFullDisk(pieces, 1, 2 * kChunk,
                   [&](const Result& result, const PieceInput&) {
                     EXPECT_EQ(result.error, "");
-                    EXPECT_EQ(result.files.at("f").content, DataOf(pieces));
+                    EXPECT_EQ(result.contents.at("f"), DataOf(pieces));
                   });
 }
 
@@ -382,7 +384,7 @@ void ParseUnderLimit(const std::string& folder, std::size_t size,
     ExpectEntryWithoutFile(result, "f");
   } else {
     EXPECT_EQ(result.error, "") << size << " bytes of " << limit;
-    EXPECT_EQ(result.files.at("f").content, content);
+    EXPECT_EQ(result.contents.at("f"), content);
   }
 }
 
@@ -500,63 +502,62 @@ TEST_P(Unusable, IsAWriteError) {
 TEST(Directory, ThatGoesAwayInMidUploadIsNoError) {
   const Scratch scratch;
   const std::string spool = scratch.MakeDir("spool");
-  const Strings pieces = LargeUpload(4);
-  const Outcome outcome = RunCleanly(PostOf(pieces), [&](const Told&) {
-    const PieceInput input(pieces, Before(3, [&] { fs::remove_all(spool); }));
-    const Result result = Parse(spool);
-    EXPECT_EQ(result.error, "");
-    EXPECT_EQ(result.files.at("f").size, 4 * static_cast<int>(kChunk));
-    ExpectEntryWithoutFile(result, "f");
-  });
+  const Outcome outcome = ParsePieces(
+      LargeUpload(4), spool,
+      [](const Result& result, const PieceInput&) {
+        EXPECT_EQ(result.error, "");
+        EXPECT_EQ(result.files.at("f").size, 4 * static_cast<int>(kChunk));
+        ExpectEntryWithoutFile(result, "f");
+      },
+      Before(3, [&] { fs::remove_all(spool); }));
   EXPECT_EQ(outcome.Logged(4), Strings{});
 }
 
 TEST(Directory, ThatIsRenamedInMidUploadTakesTheFileAlong) {
   const Scratch scratch;
   const std::string spool = scratch.MakeDir("spool");
-  const std::string other = scratch / "other";
   const Strings pieces = LargeUpload(4);
-  const Outcome outcome = RunCleanly(PostOf(pieces), [&](const Told& told) {
-    const PieceInput input(pieces,
-                           Before(3, [&] { fs::rename(spool, other); }));
-    EXPECT_EQ(Parse(spool).error, "");
-    ASSERT_EQ(NamesIn(other).size(), 1U);
-    told("content",
-         zan_cgi::testing::ReadFile(other + "/" + NamesIn(other)[0]));
-  });
-  EXPECT_EQ(outcome.told.at("content"), DataOf(pieces));
+  const Outcome outcome = ParsePieces(
+      pieces, spool,
+      [](const Result& result, const PieceInput&) {
+        EXPECT_EQ(result.error, "");
+      },
+      Before(3, [&] { fs::rename(spool, scratch / "other"); }));
+  ASSERT_EQ(NamesIn(scratch / "other").size(), 1U);
+  EXPECT_EQ(zan_cgi::testing::ReadFile(
+                scratch / ("other/" + NamesIn(scratch / "other")[0])),
+            DataOf(pieces));
   EXPECT_EQ(outcome.Logged(4), Strings{});
 }
 
 TEST(Directory, ThatGoesAwayBetweenTwoFilesFailsTheSecond) {
   const Scratch scratch;
   const std::string spool = scratch.MakeDir("spool");
-  const Strings pieces{Upload("u", "first", "1"),
-                       Upload("v", "second", "2") + kFormEnd};
-  RunCleanly(PostOf(pieces), [&](const Told&) {
-    const PieceInput input(pieces, Before(1, [&] { fs::remove_all(spool); }));
-    const Result result = Parse(spool);
-    ExpectWriteError(result, input);
-    ExpectEntryWithoutFile(result, "first");
-    EXPECT_EQ(result.files.at("first").size, 1);
-    ExpectEntryWithoutFile(result, "second");
-    EXPECT_EQ(result.files.at("second").size, 0);
-  });
+  ParsePieces(
+      {Upload("u", "first", "1"), Upload("v", "second", "2") + kFormEnd}, spool,
+      [](const Result& result, const PieceInput& input) {
+        ExpectWriteError(result, input);
+        ExpectEntryWithoutFile(result, "first");
+        EXPECT_EQ(result.files.at("first").size, 1);
+        ExpectEntryWithoutFile(result, "second");
+        EXPECT_EQ(result.files.at("second").size, 0);
+      },
+      Before(1, [&] { fs::remove_all(spool); }));
 }
 
 TEST(Directory, ThatIsMissingHasTheBodyReadFirst) {
   const Scratch scratch;
+  const std::string missing = scratch / "missing";
   const Strings pieces = LargeUpload(3);
-  RunCleanly(PostOf(pieces), [&](const Told&) {
-    const PieceInput input(pieces);
-    const Result result = Parse(scratch / "missing");
-    EXPECT_EQ(result.error, "Cannot run statfs on " + scratch / "missing");
-    EXPECT_TRUE(result.parsed);
-    EXPECT_TRUE(result.params.empty());
-    EXPECT_TRUE(result.files.empty());
-    EXPECT_EQ(input.BytesUnread(), 0U);
-    EXPECT_EQ(input.Waits(), pieces.size());
-  });
+  ParsePieces(pieces, missing,
+              [&](const Result& result, const PieceInput& input) {
+                EXPECT_EQ(result.error, "Cannot run statfs on " + missing);
+                EXPECT_TRUE(result.parsed);
+                EXPECT_TRUE(result.params.empty());
+                EXPECT_TRUE(result.files.empty());
+                EXPECT_EQ(input.BytesUnread(), 0U);
+                EXPECT_EQ(input.Waits(), pieces.size());
+              });
 }
 
 TEST(Directory, OnAnotherFileSystemIsAsGood) {
@@ -569,13 +570,12 @@ TEST(Directory, OnAnotherFileSystemIsAsGood) {
   }
   const Scratch scratch(other);
   const Strings pieces = LargeUpload(3);
-  RunCleanly(PostOf(pieces), [&](const Told&) {
-    const PieceInput input(pieces);
-    const Result result = Parse(scratch.Path());
-    EXPECT_EQ(result.error, "");
-    EXPECT_EQ(result.files.at("f").content, DataOf(pieces));
-    EXPECT_EQ(result.files.at("f").size, 3 * static_cast<int>(kChunk));
-  });
+  ParsePieces(
+      pieces, scratch.Path(), [&](const Result& result, const PieceInput&) {
+        EXPECT_EQ(result.error, "");
+        EXPECT_EQ(result.contents.at("f"), DataOf(pieces));
+        EXPECT_EQ(result.files.at("f").size, 3 * static_cast<int>(kChunk));
+      });
 }
 
 /// A form with both kinds of parts, and the places in it.
@@ -601,12 +601,10 @@ const std::size_t kSeparatorEnd = kDataEnd + 6;
 void ExpectUploadCutAt(const Result& result, std::size_t cut) {
   EXPECT_EQ(result.files.contains("f"), cut > kDataBegin);
   if (cut <= kDataBegin) return;
-  const StoredFile& file = result.files.at("f");
-  EXPECT_TRUE(file.exists);
-  EXPECT_EQ(file.content, kContent.substr(0, cut - kDataBegin));
-  EXPECT_EQ(file.size, cut >= kSeparatorEnd
-                           ? static_cast<std::int64_t>(kContent.size())
-                           : 0);
+  EXPECT_EQ(result.contents.at("f"), kContent.substr(0, cut - kDataBegin));
+  EXPECT_EQ(
+      result.files.at("f").size,
+      cut >= kSeparatorEnd ? static_cast<std::int64_t>(kContent.size()) : 0);
 }
 
 TEST(CutBody, FromAPipeIsAnErrorAtEveryByte) {
@@ -762,7 +760,7 @@ TEST(SilentWriter, LeavesPartOfAFileForTheTearDown) {
   const Strings pieces = LargeUpload(4);
   RunCleanly(PostOf(pieces), [&](const Told&) {
     const Result result = ParseFromSilentWriter(scratch.Path(), pieces, 3);
-    EXPECT_EQ(result.files.at("f").content,
+    EXPECT_EQ(result.contents.at("f"),
               std::string(kChunk, 'a') + std::string(kChunk, 'b'));
     EXPECT_EQ(result.files.at("f").size, 0);
     EXPECT_EQ(result.names.size(), 1U);
@@ -816,7 +814,7 @@ void ExpectWholeForm(const Result& result) {
   EXPECT_EQ(result.params,
             (std::map<std::string, std::string>{
                 {"a", "1\nlonger value"}, {"b", "2"}, {"u", "f"}}));
-  EXPECT_EQ(result.files.at("f").content, "the content");
+  EXPECT_EQ(result.contents.at("f"), "the content");
   EXPECT_EQ(result.files.at("f").size, 11);
 }
 
@@ -854,14 +852,15 @@ TEST(Signal, InALaterWaitMakesTheParseGoOnForEver) {
 TEST(Signal, DoesNotDisturbADrain) {
   const Strings pieces = CutInto(kBody, 40);
   for (std::size_t when = 0; when < pieces.size(); ++when) {
-    const Outcome outcome = RunCleanly(PostOf(pieces), [&](const Told&) {
-      const PieceInput input(pieces, SignalAt(when));
-      const Result result = Parse("/nowhere/at/all");
-      EXPECT_EQ(result.error, "Cannot run statfs on /nowhere/at/all");
-      EXPECT_TRUE(result.parsed);
-      EXPECT_EQ(input.BytesUnread(), 0U);
-      EXPECT_EQ(input.Waits(), pieces.size() + 1);
-    });
+    const Outcome outcome = ParsePieces(
+        pieces, "/nowhere/at/all",
+        [&](const Result& result, const PieceInput& input) {
+          EXPECT_EQ(result.error, "Cannot run statfs on /nowhere/at/all");
+          EXPECT_TRUE(result.parsed);
+          EXPECT_EQ(input.BytesUnread(), 0U);
+          EXPECT_EQ(input.Waits(), pieces.size() + 1);
+        },
+        SignalAt(when));
     EXPECT_EQ(Count(outcome, kInterrupted), 1);
   }
 }
@@ -872,11 +871,13 @@ TEST(Signal, DoesNotDisturbTheReadingAfterAWriteError) {
   const Strings pieces{support::UploadHead("u", "f") + "d", "data", "data",
                        std::string("\r\n") + kFormEnd};
   for (std::size_t when = 2; when < pieces.size(); ++when) {
-    const Outcome outcome = RunCleanly(PostOf(pieces), [&](const Told&) {
-      const PieceInput input(pieces, SignalAt(when));
-      ExpectWriteError(Parse(file), input);
-      EXPECT_EQ(input.Waits(), pieces.size() + 1);
-    });
+    const Outcome outcome = ParsePieces(
+        pieces, file,
+        [&](const Result& result, const PieceInput& input) {
+          ExpectWriteError(result, input);
+          EXPECT_EQ(input.Waits(), pieces.size() + 1);
+        },
+        SignalAt(when));
     EXPECT_EQ(Count(outcome, kInterrupted), 1);
   }
 }
@@ -890,13 +891,18 @@ std::string OpenStandardDescriptors() {
   return open;
 }
 
+/// A child that starts with these descriptors closed.
+Child Without(const std::vector<int>& closed) {
+  Child child;
+  for (const int descriptor : closed) child.Closed(descriptor);
+  return child;
+}
+
 TEST(StandardDescriptors, WithoutTheFirstThereIsNoBody) {
   for (const std::vector<int>& closed :
        {std::vector{0}, {0, 1}, {0, 2}, {0, 1, 2}}) {
     const Scratch scratch;
-    Child child = Post(std::to_string(kBody.size()));
-    for (const int descriptor : closed) child.Closed(descriptor);
-    RunCleanly(child, [&](const Told&) {
+    RunCleanly(Without(closed).Env("CONTENT_LENGTH", "1000"), [&](const Told&) {
       const std::string open = OpenStandardDescriptors();
       const Result result = Parse(scratch.Path());
       EXPECT_EQ(result.error, "invalid polling request");
@@ -909,34 +915,31 @@ TEST(StandardDescriptors, WithoutTheFirstThereIsNoBody) {
 
 TEST(StandardDescriptors, AreNeverAnUploadsFile) {
   const Strings pieces = LargeUpload(3);
-  for (const std::vector<int>& closed : {std::vector{1}, {2}, {1, 2}}) {
+  const std::pair<std::vector<int>, std::string> sets[] = {
+      {{1}, "02"}, {{2}, "01"}, {{1, 2}, "0"}};
+  for (const auto& [closed, open] : sets) {
     const Scratch scratch;
-    Child child = PostOf(pieces);
-    for (const int descriptor : closed) child.Closed(descriptor);
-    RunCleanly(child, [&](const Told&) {
-      const std::string open = OpenStandardDescriptors();
-      const PieceInput input(pieces, [&](std::size_t wait) {
-        EXPECT_EQ(OpenStandardDescriptors(), open);
-        // From the first data on the file is open.
-        EXPECT_EQ(NamesIn(scratch.Path()).size(), wait > 1 ? 1U : 0U);
-        return Event::Piece;
-      });
-      const Result result = Parse(scratch.Path());
-      EXPECT_EQ(result.error, "");
-      EXPECT_EQ(result.files.at("f").content, DataOf(pieces));
-      EXPECT_EQ(OpenStandardDescriptors(), open);
-    });
+    ParsePieces(
+        pieces, scratch.Path(),
+        [&, open = open](const Result& result, const PieceInput&) {
+          EXPECT_EQ(result.error, "");
+          EXPECT_EQ(result.contents.at("f"), DataOf(pieces));
+          EXPECT_EQ(OpenStandardDescriptors(), open);
+        },
+        [&, open = open](std::size_t wait) {
+          EXPECT_EQ(OpenStandardDescriptors(), open);
+          // From the first data on the file is open.
+          EXPECT_EQ(NamesIn(scratch.Path()).size(), wait > 1 ? 1U : 0U);
+          return Event::Piece;
+        },
+        Without(closed));
   }
 }
 
 TEST(StandardDescriptors, AreNotNeededForAWriteError) {
   const Scratch scratch;
-  const std::string file = scratch.MakeFile("file");
-  const Strings pieces = LargeUpload(2);
-  RunCleanly(PostOf(pieces).Closed(1).Closed(2), [&](const Told&) {
-    const PieceInput input(pieces);
-    ExpectWriteError(Parse(file), input);
-  });
+  ParsePieces(LargeUpload(2), scratch.MakeFile("file"), ExpectWriteError, {},
+              Without({1, 2}));
 }
 
 /// Parses two uploads, "f" and "g", then lets the front end do something with
@@ -1027,9 +1030,9 @@ TEST(TearDown, RemovesTheFilesOfAParseThatWasGivenUp) {
     const PieceInput input(pieces);
     const Result result = Parse(scratch.Path());
     EXPECT_EQ(result.error, "Error reading STDIN");
-    EXPECT_EQ(result.files.at("f").content, "whole");
+    EXPECT_EQ(result.contents.at("f"), "whole");
     EXPECT_EQ(result.files.at("f").size, 5);
-    EXPECT_TRUE(result.files.at("g").exists);
+    EXPECT_EQ(result.contents.at("g"), "in part");
     EXPECT_EQ(result.files.at("g").size, 0);
     EXPECT_EQ(result.names.size(), 2U);
   });
