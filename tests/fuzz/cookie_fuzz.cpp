@@ -6,21 +6,12 @@
 #include <string_view>
 
 #include "fuzz/harness.h"
+#include "plain/plain_words.h"
 #include "support/variable.h"
 
 namespace {
 
 using fuzz::StringMap;
-
-bool IsBlank(char byte) {
-  return byte == ' ' || (byte >= '\t' && byte <= '\r');
-}
-
-std::string_view Trimmed(std::string_view text) {
-  while (!text.empty() && IsBlank(text.front())) text.remove_prefix(1);
-  while (!text.empty() && IsBlank(text.back())) text.remove_suffix(1);
-  return text;
-}
 
 /// The last cookie of a name counts, an empty name is a name, and nothing
 /// between two semicolons is no cookie, though blanks are one.
@@ -31,7 +22,7 @@ StringMap ExpectedOf(std::string_view header) {
     const std::string_view piece = header.substr(0, end);
     header.remove_prefix(std::min(end + 1, header.size()));
     if (piece.empty()) continue;
-    const std::string_view cookie = Trimmed(piece);
+    const std::string_view cookie = plain::Trim(piece);
     const std::size_t name = std::min(cookie.find('='), cookie.size());
     const std::size_t value = std::min(name + 1, cookie.size());
     cookies[std::string(cookie.substr(0, name))] = cookie.substr(value);

@@ -7,13 +7,13 @@
 #include <unistd.h>
 #include <zancgi/zancgi.h>
 
-#include <cctype>
 #include <filesystem>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "fuzz/harness.h"
+#include "plain/plain_words.h"
 #include "support/variable.h"
 
 namespace {
@@ -23,23 +23,6 @@ using fuzz::ExpectEqual;
 using fuzz::StringMap;
 using Strings = std::vector<std::string>;
 
-std::string Decoded(std::string_view text) {
-  std::string decoded;
-  while (!text.empty()) {
-    std::size_t taken = 1;
-    char byte = text[0] == '+' ? ' ' : text[0];
-    if (byte == '%' && text.size() >= 3 &&
-        std::isxdigit(static_cast<unsigned char>(text[1])) &&
-        std::isxdigit(static_cast<unsigned char>(text[2]))) {
-      byte = static_cast<char>(std::stoi(std::string(text, 1, 2), nullptr, 16));
-      taken = 3;
-    }
-    decoded += byte;
-    text.remove_prefix(taken);
-  }
-  return decoded;
-}
-
 struct Expected {
   StringMap params;
   Strings warnings;
@@ -47,7 +30,7 @@ struct Expected {
 
 void AddPair(std::string_view item, Expected& expected) {
   const std::size_t equals = std::min(item.find('='), item.size());
-  const std::string name = Decoded(item.substr(0, equals));
+  const std::string name = plain::UrlDecode(item.substr(0, equals));
   const std::string_view value = item.substr(std::min(equals + 1, item.size()));
   if (name.empty()) {
     if (value.empty()) return;
@@ -56,9 +39,9 @@ void AddPair(std::string_view item, Expected& expected) {
                                 std::string(value.substr(0, value.find('\0'))) +
                                 "'");
   } else if (expected.params.contains(name)) {
-    expected.params[name] += ", " + Decoded(value);
+    expected.params[name] += ", " + plain::UrlDecode(value);
   } else {
-    expected.params[name] = Decoded(value);
+    expected.params[name] = plain::UrlDecode(value);
   }
 }
 

@@ -15,7 +15,7 @@ namespace plain {
 /// delimiter with it; all of it when there is no delimiter.
 std::string_view TakeWord(std::string_view& source, std::string_view delimiter);
 
-/// Without blanks, tabs, CR, LF, VT and FF at both ends.
+/// Without blanks, tabs, CR and LF at both ends.
 std::string_view Trim(std::string_view text);
 
 /// A decimal number with an optional sign and blanks around it; 0 for anything

@@ -373,6 +373,7 @@ TEST(Rules, OfAttributes) {
       // An empty attribute ends the list.
       {"; name=\"a\"", "z=2"},
       {"name=\"a\";; name=\"b\"", "a=1; z=2"},
+      {"name=\"a\";; x; name=\"b\"", "a=1; z=2"},
       {"name=\"a\"; ; filename=\"f\"", "a=1; z=2"},
       {Repeated(";a", 100'000), "z=2"},
   };

@@ -13,14 +13,17 @@
 #include <cstddef>
 #include <cstdint>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "support/allocations.h"
+#include "support/clean_run.h"
+#include "support/form.h"
 
 namespace {
 
+using support::RunCleanly;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::Input;
 using zan_cgi::testing::Outcome;
@@ -39,73 +42,54 @@ struct Calls {
 Calls* counted = nullptr;
 
 std::string Form(std::size_t size) {
-  return "--XY\r\nContent-Disposition: form-data; name=\"u\"; "
-         "filename=\"f\"\r\n\r\n" +
-         std::string(size, 'x') + "\r\n--XY--\r\n";
-}
-
-Child Post(const std::string& body, const Input& input) {
-  Child child;
-  child.LogLevel(0)
-      .Env("CONTENT_TYPE", "multipart/form-data; boundary=XY")
-      .Env("CONTENT_LENGTH", std::to_string(body.size()))
-      .StandardInput(input);
-  return child;
+  return support::Upload("u", "f", std::string(size, 'x')) + support::kFormEnd;
 }
 
 TEST(Upload, CostsOneWaitOneReadAndOneWriteForAChunk) {
   const Scratch scratch;
   const std::string body = Form(10 * kChunk);
   const Input input = Input::File(body);
-  const Outcome outcome = Post(body, input).Run([&](const Told& told) {
+  Child child = support::PostOf(body).LogLevel(0);
+  RunCleanly(child.StandardInput(input), [&](const Told&) {
     zan_cgi::Cgi::Data record;
     record.tmp_dir = scratch.Path();
     Calls calls;
     counted = &calls;
     record.ParseInput();
     counted = nullptr;
-    told("polls", std::to_string(calls.polls));
-    told("reads", std::to_string(calls.reads));
-    told("writes", std::to_string(calls.writes));
-    told("size", std::to_string(record.files["f"].size));
+    EXPECT_EQ(record.files.at("f").size, static_cast<long>(10 * kChunk));
+    const auto chunks = static_cast<int>((body.size() - 1) / kChunk + 1);
+    EXPECT_EQ(calls.polls, chunks);
+    EXPECT_EQ(calls.reads, chunks);
+    EXPECT_EQ(calls.writes, chunks);
   });
-  EXPECT_EQ(outcome.told.at("size"), std::to_string(10 * kChunk));
-  const std::string chunks = std::to_string((body.size() - 1) / kChunk + 1);
-  EXPECT_EQ(outcome.told.at("polls"), chunks);
-  EXPECT_EQ(outcome.told.at("reads"), chunks);
-  EXPECT_EQ(outcome.told.at("writes"), chunks);
-}
-
-/// The largest piece of memory that a query string of 100,000 bytes asks for
-/// when this length is declared for it.
-std::size_t LargestAllocation(std::uint64_t declared) {
-  const Input input = Input::Pipe(std::string(100'000, 'x'));
-  Outcome outcome =
-      Child()
-          .Env("CONTENT_LENGTH", std::to_string(declared))
-          .StandardInput(input)
-          .Run([](const Told& told) {
-            zan_cgi::Cgi::Data record;
-            support::BeginAllocations();
-            try {
-              record.ParseInput();
-            } catch (const std::runtime_error& error) {
-              told("error", error.what());
-            }
-            told("largest", std::to_string(support::EndAllocations().largest));
-          });
-  EXPECT_EQ(outcome.told["error"],
-            declared == 100'000 ? "" : "Error reading STDIN");
-  return std::stoul(outcome.told["largest"]);
 }
 
 TEST(QueryString, TakesRoomForTheDeclaredLengthUpTo16Megabytes) {
   // With the zero byte at the end of a std::string.
-  EXPECT_EQ(LargestAllocation(100'000), 100'001U);
-  EXPECT_EQ(LargestAllocation(1 << 20), (1U << 20) + 1);
-  EXPECT_EQ(LargestAllocation(16 << 20), (16U << 20) + 1);
-  EXPECT_EQ(LargestAllocation((16 << 20) + 1), (16U << 20) + 1);
-  EXPECT_EQ(LargestAllocation(std::uint64_t{1} << 40), (16U << 20) + 1);
+  const std::pair<std::uint64_t, std::size_t> largest[] = {
+      {100'000, 100'001},
+      {1 << 20, (1 << 20) + 1},
+      {16 << 20, (16 << 20) + 1},
+      {(16 << 20) + 1, (16 << 20) + 1},
+      {std::uint64_t{1} << 40, (16 << 20) + 1}};
+  for (const auto& [declared, allocated] : largest) {
+    const Input input = Input::Pipe(std::string(100'000, 'x'));
+    Child child = support::Post(std::to_string(declared), "");
+    const Outcome outcome = support::RunWithoutLeak(
+        child.StandardInput(input), [allocated = allocated](const Told&) {
+          zan_cgi::Cgi::Data record;
+          support::BeginAllocations();
+          try {
+            record.ParseInput();
+          } catch (const std::runtime_error&) {
+            EXPECT_EQ(support::EndAllocations().largest, allocated);
+            throw;
+          }
+          EXPECT_EQ(support::EndAllocations().largest, allocated);
+        });
+    EXPECT_EQ(outcome.error, declared == 100'000 ? "" : "Error reading STDIN");
+  }
 }
 
 #ifndef __SANITIZE_ADDRESS__  // It keeps memory of its own.
@@ -127,7 +111,9 @@ long Growth(std::size_t size) {
   const Scratch scratch;
   const std::string body = Form(size);
   const Input input = Input::Pipe(body);
-  const Outcome outcome = Post(body, input).Run([&](const Told& told) {
+  Child child = support::PostOf(body).LogLevel(0);
+  child.StandardInput(input);
+  const Outcome outcome = RunCleanly(child, [&](const Told& told) {
     zan_cgi::Cgi::Data record;
     record.tmp_dir = scratch.Path();
     // Makes the present size the largest one.
@@ -135,9 +121,8 @@ long Growth(std::size_t size) {
     const long before = Status("VmRSS");
     record.ParseInput();
     told("growth", std::to_string(Status("VmHWM") - before));
-    told("size", std::to_string(record.files["f"].size));
+    EXPECT_EQ(record.files.at("f").size, static_cast<long>(size));
   });
-  EXPECT_EQ(outcome.told.at("size"), std::to_string(size));
   return std::stol(outcome.told.at("growth"));
 }
 

@@ -19,13 +19,14 @@
 #include <string>
 #include <vector>
 
+#include "support/clean_run.h"
+
 namespace {
 
 namespace fs = std::filesystem;
 
 using zan_cgi::UploadFile;
 using zan_cgi::testing::Child;
-using zan_cgi::testing::Outcome;
 using zan_cgi::testing::ReadFile;
 using zan_cgi::testing::Scratch;
 using zan_cgi::testing::Told;
@@ -52,10 +53,7 @@ void RunWithout(const std::vector<int>& closed,
                 const std::function<void()>& body) {
   Child child;
   for (const int descriptor : closed) child.Closed(descriptor);
-  const Outcome outcome = child.Run([&](const Told&) { body(); });
-  EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
-  EXPECT_EQ(outcome.error, "");
-  EXPECT_EQ(outcome.leaked_descriptors, Strings{});
+  support::RunCleanly(child, [&](const Told&) { body(); });
 }
 
 const std::vector<int> kClosedSets[] = {{},     {0},    {1},    {2},
