@@ -293,7 +293,7 @@ TEST(Rules, OfFields) {
 
 TEST(Rules, OfLongLines) {
   const std::string line(kLongestLine, 'v');
-  const std::string megabyte(1 << 20, 'v');
+  const std::string endless(400'000, 'v');
   const std::string chunk(kChunk, 'v');
   const std::string head = FieldHead("a");
   const std::string no_name = Head("name=\"a\"; name=\"\"");
@@ -306,9 +306,9 @@ TEST(Rules, OfLongLines) {
        "a=" + line + "\n" + line + "\n" + line},
       {"AreRefusedAboveThat", Form(Field("a", line + "v")), kLineTooLong},
       {"AreRefusedAboveThatHoweverManyCameBefore",
-       Body({head + Repeated("line\r\n", 100'000) + line + "v\r\n"}),
-       "a=" + Repeated("line\n", 99'999) + "line; " + kLineTooLong},
-      {"AreRefusedBeforeTheirEndIsSeen", Body({head + megabyte}),
+       Body({head + Repeated("line\r\n", 50'000) + line + "v\r\n"}),
+       "a=" + Repeated("line\n", 49'999) + "line; " + kLineTooLong},
+      {"AreRefusedBeforeTheirEndIsSeen", Body({head + endless}),
        kLineTooLong + after_five_chunks},
       {"AreRefusedAtTheEndOfAnyChunk",
        Body({head, chunk, chunk, chunk, chunk, "v", "v"}),
@@ -319,17 +319,16 @@ TEST(Rules, OfLongLines) {
       {"FailForAMissingElementNameFirst", Body({no_name + line + "v\r\n"}),
        "no name; " + kNoElementName},
       {"FailForAMissingElementNameBeforeTheirEndIsSeen",
-       Body({no_name + megabyte}),
+       Body({no_name + endless}),
        "no name; " + kNoElementName + after_five_chunks},
       {"NeedNoElementNameBeforeThat", Body({no_name + line}), "no name"},
       {"OfHeadersHaveNoLimit",
-       Form("--XY\r\nX: " + Repeated("x", 1'000'000) + "\r\n" + field), "a=v"},
+       Form("--XY\r\nX: " + Repeated("x", 400'000) + "\r\n" + field), "a=v"},
       {"OfHeadersMayBeMany",
-       Form("--XY\r\n" + Repeated("X-y: z\r\n", 100'000) + field), "a=v"},
-      {"OfHeadersNeedNotEnd", Body({"--XY\r\n" + Repeated("x", 1'000'000)}),
-       ""},
+       Form("--XY\r\n" + Repeated("X-y: z\r\n", 50'000) + field), "a=v"},
+      {"OfHeadersNeedNotEnd", Body({"--XY\r\n" + Repeated("x", 400'000)}), ""},
       {"OfHeadersMayBeAllThatComes",
-       Body({"--XY\r\n" + Repeated("X-y: z\r\n", 100'000)}), ""},
+       Body({"--XY\r\n" + Repeated("X-y: z\r\n", 50'000)}), ""},
   });
 }
 
@@ -647,6 +646,10 @@ TEST(Rules, OfTheFirstBoundary) {
        OfType("text/plain;boundary=\"X\";boundary=Y",
               Body({"--\"X\"\r\n" + Field("a", "v").substr(6)})),
        "a=v"},
+      {"TakeItWithItsBlanks",
+       OfType("text/plain; boundary= X ",
+              Body({"-- X \r\n" + Field("a", "v").substr(6)})),
+       "a=v"},
       {"MissItWithoutTheQuotesOfItsAnnouncement",
        OfType("multipart/form-data; boundary=\"XY\"", Body({field})),
        AsQueryString(field)},
@@ -763,7 +766,7 @@ TEST(Rules, OfReadsOfNothing) {
 TEST(Rules, OfQueryStrings) {
   std::map<std::string, std::string> sorted;
   std::string many;
-  for (int i = 0; i < 20'000; ++i) {
+  for (int i = 0; i < 10'000; ++i) {
     const std::string item = "k" + std::to_string(i) + "=" + std::to_string(i);
     many += item + "&";
     sorted[item.substr(0, item.find('='))] = item + "; ";
