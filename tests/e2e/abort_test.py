@@ -5,14 +5,13 @@ import contextlib
 import http.client
 import os
 import socket
-import socketserver
 import struct
-import threading
 import unittest
 
 import web_servers
+from back_end import scripted_back_end
 from browser import DIRECTLY
-from panel_server import wait_for
+from processes import wait_for
 from upload_probe import Form, Upload, content_type
 
 SIZE = 20_000_000
@@ -21,17 +20,14 @@ SENT = 5_000_000
 NO_LINGER = struct.pack("ii", 1, 0)
 
 
-class BackEnd(socketserver.BaseRequestHandler):
+def answer(_):
     """Knows one session, and gives one answer to all questions about it."""
-
-    def handle(self):
-        self.request.recv(65536)
-        self.request.sendall(
-            b'Content-Type: text/xml\r\n\r\n<?xml version="1.0"?>\n'
-            b'<doc><user name="visitor" level="1"/>'
-            # The uploads break off before anybody becomes this account.
-            b'<own token="token" account="nobody"/></doc>'
-        )
+    yield (
+        b'Content-Type: text/xml\r\n\r\n<?xml version="1.0"?>\n'
+        b'<doc><user name="visitor" level="1"/>'
+        # The uploads break off before anybody becomes this account.
+        b'<own token="token" account="nobody"/></doc>'
+    )
 
 
 def close(connection):
@@ -53,20 +49,11 @@ class AbortTest(unittest.TestCase):
         cls.server = cls.kind(os.environ["FRONT"])
         cls.addClassCleanup(cls.server.stop)
         cls.spool = cls.server.make_folder("spool")
-        cls.start_back_end(cls.server.make_folder("run") / "panel.sock")
+        path = cls.server.make_folder("run") / "panel.sock"
+        cls.enterClassContext(scripted_back_end(path, answer))
         cls.server.start(
             {"PANEL_SPOOL": str(cls.spool), "TOV_RUN_DIR": str(cls.server.folder / "run")}
         )
-
-    @classmethod
-    def start_back_end(cls, path):
-        back_end = socketserver.ThreadingUnixStreamServer(str(path), BackEnd)
-        path.chmod(0o666)
-        thread = threading.Thread(target=back_end.serve_forever)
-        thread.start()
-        cls.addClassCleanup(thread.join)
-        cls.addClassCleanup(back_end.server_close)
-        cls.addClassCleanup(back_end.shutdown)
 
     def begin_upload(self):
         connection = socket.create_connection((self.server.host, self.server.port), timeout=60)

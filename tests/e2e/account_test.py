@@ -9,16 +9,16 @@ import html
 import os
 import pathlib
 import re
+import shutil
 import socket
 import stat
-import subprocess
 import tempfile
 import termios
 import unittest
 
 from accounts import FURTHER_GROUP, GID, IS_ROOT, NAMES_AND_IDS, NAMES_ONLY, UID
-from panel_server import Panel, wait_for
-from upload_test import FORM, field, file, form
+from panel_server import FORM, PanelTest, field, file, form
+from processes import wait_for
 
 WRAPPERS = NAMES_ONLY if IS_ROOT else NAMES_AND_IDS
 NOT_BECOME = "The panel could not become your account."
@@ -27,30 +27,23 @@ PIDFD_GETFD = 438  # Python has no function for it.
 needs_root = unittest.skipUnless(IS_ROOT, "needs root")
 
 
-class AccountTest(unittest.TestCase):
-    configuration = {}
-
-    @classmethod
-    def setUpClass(cls):
-        cls.panel = Panel(**cls.configuration)
-        cls.addClassCleanup(cls.panel.stop)
-        cls.made = 0
+class AccountTest(PanelTest):
+    made = 0
 
     def setUp(self):
-        self.session = self.panel.sign_in()
+        self.session = self.panel.new_session(self.panel.user)
+        self.addCleanup(self.empty_home)
         self.account, self.home = self.panel.account, self.panel.home
         self.front = self.panel.front
 
     def use_account(self, account):
         """From here on the visitor is another one, with this account."""
-        name = "visitor of " + account
-        self.panel.add_user(name, 1, "password", account)
-        self.session = self.panel.sign_in(name, "password")
+        AccountTest.made += 1
+        self.session = self.panel.new_session(f"visitor {self.made}", account)
         self.account = account
 
     def add_account(self, home, **ids):
         """An account with this home; the visitor has it from here on."""
-        type(self).made += 1
         self.use_account(f"account{self.made}")
         self.home = pathlib.Path(home)
         self.panel.accounts.add(self.account, home, **ids)
@@ -63,35 +56,11 @@ class AccountTest(unittest.TestCase):
         headers = {**FORM, "Cookie": f"panelses5={self.session}"}
         return self.panel.post("upload", form(*parts), headers)
 
-    @contextlib.contextmanager
-    def start_front(self, *prefix, body=b"", identity=None, **more):
-        """A front end as the web server would start it."""
-        variables = {
-            "REQUEST_METHOD": "POST" if body else "GET",
-            "QUERY_STRING": "page=upload" if body else "page=home",
-            "CONTENT_TYPE": FORM["Content-Type"],
-            "CONTENT_LENGTH": str(len(body)),
-            "HTTP_COOKIE": f"panelses5={self.session}",
-            "TOV_RUN_DIR": str(self.panel.socket.parent),
-            "PANEL_SPOOL": str(self.panel.spool),
-            "PATH": os.environ["PATH"],
-        }
-        with tempfile.TemporaryFile() as stdin:
-            stdin.write(body)
-            stdin.seek(0)
-            with subprocess.Popen(
-                [*prefix, self.front],
-                env={**variables, **more},
-                stdin=stdin,
-                stdout=subprocess.PIPE,
-                stderr=subprocess.PIPE,
-                **(identity or {}),
-            ) as front:
-                yield front
-
-    def run_front(self, *prefix, **more):
+    def run_front(self, *prefix, body=b"", identity=(), **variables):
         """What a front end answers; what it logs is kept."""
-        with self.start_front(*prefix, **more) as front:
+        with self.panel.start_front(
+            self.session, *prefix, body=body, front=self.front, options=identity, **variables
+        ) as front:
             answer, errors = front.communicate(timeout=60)
         self.assertEqual(front.returncode, 0, errors)
         self.errors = errors.decode()
@@ -108,22 +77,12 @@ class AccountTest(unittest.TestCase):
         cells = r'<tr><td>(.*?)</td><td>(.*?)</td><td class="numbers">\d+</td></tr>'
         return {html.unescape(a): html.unescape(b) for a, b in re.findall(cells, answer.body)}
 
-    def assert_page(self, answer, status, text):
-        self.assertEqual(answer.status, status, answer.body)
-        self.assertIn(text, html.unescape(answer.body))
-
     def assert_nothing_left(self):
-        wait_for(lambda: not self.panel.spooled() and not self.panel.front_processes())
+        super().assert_nothing_left()
         if self.home.exists():
             self.assertEqual(list(self.home.glob("zantemp*")), [])
 
-    @contextlib.contextmanager
-    def spool_unused(self):
-        before = self.panel.spool.stat().st_mtime_ns
-        yield
-        self.assertEqual(self.panel.spool.stat().st_mtime_ns, before)
-
-    def assert_refused(self, status, text):
+    def assert_turned_away(self, status, text):
         """The home page, and an upload before any of it is stored."""
         self.assert_page(self.page(page="home"), status, text)
         with self.spool_unused():
@@ -195,20 +154,18 @@ class Home(AccountTest):
 class Refused(AccountTest):
     def test_user_without_an_account(self):
         self.use_account("")
-        self.assert_refused(403, "Your user has no system account.")
+        self.assert_turned_away(403, "Your user has no system account.")
 
     def test_account_that_does_not_exist(self):
         self.use_account("unheard-of")
-        self.assert_refused(500, "Your system account does not exist.")
+        self.assert_turned_away(500, "Your system account does not exist.")
 
-    def test_root(self):
+    def test_root_by_any_name(self):
         self.add_account("/", uid=0, gid=0)
-        self.assert_refused(403, "The panel does not become root.")
-
-    def test_root_by_its_own_name(self):
+        self.assert_turned_away(403, "The panel does not become root.")
         self.panel.accounts.add("root", "/root", uid=0, gid=0)
         self.use_account("root")
-        self.assert_refused(403, "The panel does not become root.")
+        self.assert_turned_away(403, "The panel does not become root.")
 
     def test_page_stays_usable(self):
         self.use_account("")
@@ -280,7 +237,7 @@ class NotBecome(AccountTest):
         """An ordinary user cannot become somebody else."""
         self.add_account(self.home, uid=UID + 1)
         self.front = self.panel.accounts.front(os.environ["FRONT"], NAMES_ONLY)
-        ordinary = {"user": UID, "group": GID, "extra_groups": []} if IS_ROOT else None
+        ordinary = {"user": UID, "group": GID, "extra_groups": []} if IS_ROOT else ()
         os.chmod(self.panel.socket, 0o777)
         os.chmod(self.panel.socket.parent, 0o711)
         self.home.chmod(0o777)
@@ -295,12 +252,9 @@ class NotBecome(AccountTest):
             folder = pathlib.Path(name)
             folder.chmod(0o755)
             for path in (os.environ["FRONT"], *os.environ["LIBRARIES"].split(":")):
-                copy = folder / os.path.basename(path)
-                copy.write_bytes(pathlib.Path(path).read_bytes())
-                copy.chmod(0o755)
-            self.front = self.panel.accounts.front(
-                folder / "front", NAMES_ONLY, LD_LIBRARY_PATH=folder
-            )
+                pathlib.Path(shutil.copyfile(path, folder / os.path.basename(path))).chmod(0o755)
+            more = {"LD_LIBRARY_PATH": folder}
+            self.front = self.panel.accounts.front(folder / "front", NAMES_ONLY, **more)
             yield
 
 
@@ -390,7 +344,7 @@ class Kept(AccountTest):
             (self.home / name).touch()
         token = field("token", self.panel.token(self.session))
         body = form(token, *(file(name, b"1") for name in taken))
-        with self.start_front(body=body) as front:
+        with self.panel.start_front(self.session, body=body) as front:
             wait_for(lambda: len(self.handed_over()) == len(taken))
             # The account by now, and at its answer.
             wait_for(lambda: self.bytes_in(front.stdout) > 60_000)
@@ -457,24 +411,19 @@ class Confinement(ConfinementTest):
     def test_is_refused_for_a_home_of_the_account(self):
         self.assert_not_confined()
 
-    def test_is_refused_for_a_relative_home(self):
-        # It is there: the front end runs in the folder above its program's.
-        self.add_account(pathlib.Path(os.environ["FRONT"]).parent.name)
-        self.assert_not_confined()
-
-    def test_is_refused_for_a_home_that_is_a_file(self):
-        self.add_account("/etc/passwd")
-        self.assert_not_confined()
-
-    def test_is_refused_for_a_home_that_is_not_there(self):
-        self.add_account("/nonexistent")
-        self.assert_not_confined()
+    def test_is_refused_for_a_home_that_is_no_folder_from_the_root_on(self):
+        # The first is there: the front end runs in the folder above its program's.
+        relative = pathlib.Path(os.environ["FRONT"]).parent.name
+        for home in (relative, "/etc/passwd", "/nonexistent"):
+            with self.subTest(home):
+                self.add_account(home)
+                self.assert_not_confined()
 
     def test_is_refused_below_a_folder_that_all_may_write(self):
-        with tempfile.TemporaryDirectory(dir="/tmp", prefix="jail-") as home:
-            os.chmod(home, 0o755)
-            self.add_account(home)
-            self.assert_not_confined()
+        home = self.enterContext(tempfile.TemporaryDirectory(dir="/tmp", prefix="jail-"))
+        os.chmod(home, 0o755)
+        self.add_account(home)
+        self.assert_not_confined()
 
     def test_needs_a_folder_as_seen_from_the_home(self):
         for folder in ("1", "files", "../etc"):
@@ -498,9 +447,8 @@ class Jail(ConfinementTest):
         super().setUp()
         # Below /tmp all may write, and in some containers below /run.
         place = next(each for each in ("/run", "/var/lib") if not os.stat(each).st_mode & 0o022)
-        folder = tempfile.TemporaryDirectory(dir=place, prefix="jail-")
-        self.addCleanup(folder.cleanup)
-        self.jail = pathlib.Path(folder.name)
+        folder = self.enterContext(tempfile.TemporaryDirectory(dir=place, prefix="jail-"))
+        self.jail = pathlib.Path(folder)
         self.jail.chmod(0o755)
         (self.jail / "home").mkdir(mode=0o755)
         (self.jail / "home" / "files").mkdir()
@@ -566,7 +514,7 @@ class Configuration(AccountTest):
     configuration = {"PANEL_CONFINE": "/"}
 
     def test_reaches_the_front_end_from_the_administrator(self):
-        self.assert_refused(500, NOT_CONFINED)
+        self.assert_turned_away(500, NOT_CONFINED)
 
 
 class Session(AccountTest):
@@ -574,10 +522,9 @@ class Session(AccountTest):
 
     def setUp(self):
         super().setUp()
-        folder = tempfile.TemporaryDirectory(prefix="pam-")
-        self.addCleanup(folder.cleanup)
-        self.opened = pathlib.Path(folder.name) / "opened"
-        services = pathlib.Path(folder.name) / "services"
+        folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory(prefix="pam-")))
+        self.opened = folder / "opened"
+        services = folder / "services"
         services.mkdir()
         (services / "login").write_text(
             f"session required pam_exec.so seteuid /usr/bin/touch {self.opened}\n"
@@ -598,9 +545,6 @@ class Session(AccountTest):
             self.assertIn("Seen by", self.run_front(**setting))
         self.assertFalse(self.opened.exists())
 
-
-# They have no tests of their own.
-del AccountTest, ConfinementTest
 
 if __name__ == "__main__":
     unittest.main()

@@ -61,6 +61,15 @@ class Browser:
         )
         self.base += "/session/" + session["sessionId"]
 
+    def reset(self):
+        """As before the first visit."""
+        self.open("about:blank")
+        self.devtools("Network.clearBrowserCookies")
+        self.slow_down(-1)
+        self.devtools("Emulation.setScriptExecutionDisabled", value=False)
+        self.devtools("Emulation.setEmulatedMedia", features=[])
+        self.resize(900, 700)
+
     def close(self):
         self._call("DELETE", "")
         self.driver.terminate()

@@ -8,43 +8,49 @@ import time
 import unittest
 
 from browser import CHROMIUM, DRIVER, Browser
-from panel_server import Panel, wait_for
+from panel_server import PanelTest
+from processes import wait_for
 
 TAB = "\ue004"
 ENTER = "\ue007"
 
 
-class BrowserTest(unittest.TestCase):
+class BrowserTest(PanelTest):
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.browser = Browser()
+        cls.addClassCleanup(cls.browser.close)
+
     def setUp(self):
-        self.panel = Panel()
-        self.addCleanup(self.panel.stop)
-        self.browser = Browser()
-        self.addCleanup(self.browser.close)
+        self.user = self.panel.user
+        self.addCleanup(self.empty_home)
+        self.addCleanup(self.browser.reset)
 
     def assert_sees(self, *patterns):
         """The page may still be on its way after a click."""
         end = time.monotonic() + 30
-        while True:
-            text = self.browser.visible_text()
-            missing = [pattern for pattern in patterns if not re.search(pattern, text)]
-            if not missing:
-                return
-            self.assertLess(time.monotonic(), end, f"{missing} not in: {text}")
-            time.sleep(0.1)
+        while missing := self.missing(patterns):
+            self.assertLess(time.monotonic(), end, f"{missing} not in: {self.seen}")
+            time.sleep(0.05)
+
+    def missing(self, patterns):
+        self.seen = self.browser.visible_text()
+        return [pattern for pattern in patterns if not re.search(pattern, self.seen)]
 
     def sign_in(self, password):
         self.open_sign_in(self.panel.url, password)
 
     def open_sign_in(self, url, password):
         self.browser.open(url)
-        self.browser.type_into("#user", self.panel.user)
+        self.browser.type_into("#user", self.user)
         self.browser.type_into("#password", password)
         self.browser.screenshot("sign-in")
         self.browser.click("button")
 
     def signed_in(self):
         self.sign_in(self.panel.password)
-        self.assert_sees("Who am I", rf"Name\s+{self.panel.user}")
+        self.assert_sees("Who am I", rf"Name\s+{self.user}")
 
     def test_a_whole_visit(self):
         self.signed_in()
@@ -55,7 +61,7 @@ class BrowserTest(unittest.TestCase):
         cookie = self.browser.cookie("panelses5")
 
         self.browser.click_link("Sessions")
-        self.assert_sees(rf"{self.panel.user} this session .* 127\.0\.0\.1")
+        self.assert_sees(rf"{self.user} this session .* 127\.0\.0\.1")
         self.browser.screenshot("sessions")
 
         self.browser.click("nav button")
@@ -77,14 +83,14 @@ class BrowserTest(unittest.TestCase):
         self.browser.screenshot("wrong-password")
         # The name is still there, and the password has the focus.
         self.browser.press(self.panel.password + ENTER)
-        self.assert_sees(rf"Name\s+{self.panel.user}")
+        self.assert_sees(rf"Name\s+{self.user}")
 
     def test_keyboard_and_labels_are_enough(self):
         self.browser.open(self.panel.url)
         self.assertEqual(self.browser.label("#user"), "Name")
         self.assertEqual(self.browser.label("#password"), "Password")
-        self.browser.press(self.panel.user + TAB + self.panel.password + ENTER)
-        self.assert_sees(rf"Name\s+{self.panel.user}")
+        self.browser.press(self.user + TAB + self.panel.password + ENTER)
+        self.assert_sees(rf"Name\s+{self.user}")
 
     def open_upload(self):
         self.signed_in()
@@ -139,7 +145,7 @@ class BrowserTest(unittest.TestCase):
 
     def test_a_user_without_an_account_is_told_so(self):
         self.panel.add_user("bob", 1, "password")
-        self.panel.user = "bob"
+        self.user = "bob"
         self.sign_in("password")
         self.browser.click_link("Home")
         self.assert_sees("Your user has no system account.")
@@ -253,11 +259,11 @@ class BrowserTest(unittest.TestCase):
             self.browser.click_link("Look at this")
             self.assert_sees("Please sign in first.")
         self.browser.open(self.panel.url + "?page=whoami")
-        self.assert_sees(rf"Name\s+{self.panel.user}")
+        self.assert_sees(rf"Name\s+{self.user}")
 
     def form_of_another_site(self, url):
         """Signs a visitor in under a name that is not his."""
-        items = {"user": self.panel.user, "password": self.panel.password}
+        items = {"user": self.user, "password": self.panel.password}
         inputs = "".join(f'<input name="{name}" value="{items[name]}">' for name in items)
         return f'<form method="post" action="{url}?page=signin">{inputs}<button>Win</button></form>'
 

@@ -1,6 +1,9 @@
 """Runs the example panel for a test, and talks to it as a client would."""
 
 import contextlib
+import functools
+import hashlib
+import html
 import http.client
 import os
 import pathlib
@@ -8,17 +11,37 @@ import re
 import secrets
 import shutil
 import signal
-import socket
 import sqlite3
 import subprocess
 import tempfile
-import threading
 import time
+import unittest
 import urllib.parse
 
 from accounts import Accounts
+from processes import listens, start, wait_for
 
 PANEL = pathlib.Path(os.environ["PANEL"])
+URLENCODED = {"Content-Type": "application/x-www-form-urlencoded"}
+BOUNDARY = "----a9f3boundary"
+FORM = {"Content-Type": f"multipart/form-data; boundary={BOUNDARY}"}
+
+
+def part(name, content, attribute=""):
+    head = f'--{BOUNDARY}\r\nContent-Disposition: form-data; name="{name}"{attribute}\r\n'
+    return head.encode() + b"\r\n" + content + b"\r\n"
+
+
+def field(name, text):
+    return part(name, text.encode())
+
+
+def file(name, content):
+    return part("files", content, f'; filename="{name}"')
+
+
+def form(*parts):
+    return b"".join(parts) + f"--{BOUNDARY}--\r\n".encode()
 
 
 class Answer:
@@ -83,6 +106,19 @@ class Panel:
             check=True,
         )
 
+    def new_session(self, user, account=None):
+        """As a sign-in leaves one behind, without the password's hash, which takes
+        its time. With an account the user is made, too."""
+        session = secrets.token_hex(16)
+        row = (hashlib.sha256(session.encode()).hexdigest(), user, secrets.token_hex(16))
+        with contextlib.closing(self.database()) as database:
+            if account is not None:
+                row_of_user = (user, 1, b"", b"", account)
+                database.execute("insert into user values (?, ?, ?, ?, ?)", row_of_user)
+            row += (int(time.time()), "192.0.2.7")
+            database.execute("insert into session values (?, ?, ?, ?, ?)", row)
+        return session
+
     def request(self, method="GET", headers=(), body=None, path="/panel", **items):
         """One request; items become the query string."""
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=60)
@@ -101,8 +137,7 @@ class Panel:
         return self.request("POST", headers, body, page=page)
 
     def send_form(self, page, headers=(), **items):
-        kind = {"Content-Type": "application/x-www-form-urlencoded"}
-        return self.post(page, urllib.parse.urlencode(items), {**kind, **dict(headers)})
+        return self.post(page, urllib.parse.urlencode(items), {**URLENCODED, **dict(headers)})
 
     def send_sign_in(self, user=None, password=None, headers=(), **more):
         """The sign-in form, filled in."""
@@ -115,7 +150,8 @@ class Panel:
         return answer.session()
 
     def sign_out(self, session, token, headers=()):
-        return self.send_form("signout", {"Cookie": "panelses5=" + session, **dict(headers)}, token=token)
+        cookie = {"Cookie": "panelses5=" + session}
+        return self.send_form("signout", {**cookie, **dict(headers)}, token=token)
 
     def token(self, session):
         return self.with_session(session, page="whoami").token()
@@ -174,55 +210,85 @@ class Panel:
         finally:
             hidden.rename(self.socket)
 
-    @contextlib.contextmanager
-    def scripted_back_end(self, answer):
-        """In place of the back end: answer is called with each request and
-        yields the pieces of the reply. Gives the list of the requests."""
-        requests = []
-
-        def serve(listener):
-            with contextlib.suppress(OSError):
-                while True:
-                    connection, _ = listener.accept()
-                    with connection:
-                        requests.append(connection.recv(65536).decode())
-                        for piece in answer(requests[-1]):
-                            connection.sendall(piece)
-
-        with self.back_end_away(), socket.socket(socket.AF_UNIX) as listener:
-            listener.bind(str(self.socket))
-            listener.listen()
-            thread = threading.Thread(target=serve, args=[listener])
-            thread.start()
-            try:
-                yield requests
-            finally:
-                listener.shutdown(socket.SHUT_RDWR)
-                thread.join()
-
     def start_back_end(self, *options):
         """Another back end of the same kind, on the socket of the first."""
-        log = self.state / "second-backend.log"
-        with log.open("ab") as output:
-            process = subprocess.Popen(
-                ["uwsgi", "--ini", PANEL / "uwsgi.ini", *options],
-                env=dict(
-                    os.environ,
-                    PANEL_HOME=str(PANEL),
-                    PANEL_DB=str(self.state / "panel.db"),
-                    TOV_RUN_DIR=str(self.socket.parent),
-                ),
-                stdin=subprocess.DEVNULL,
-                stdout=output,
-                stderr=output,
-                start_new_session=True,
-            )
-        wait_for(self.back_end_accepts)
+        environment = dict(
+            os.environ,
+            PANEL_HOME=str(PANEL),
+            PANEL_DB=str(self.state / "panel.db"),
+            TOV_RUN_DIR=str(self.socket.parent),
+        )
+        command = ["uwsgi", "--ini", PANEL / "uwsgi.ini", *options]
+        process = start(command, self.state / "second-backend.log", env=environment)
+        wait_for(lambda: listens(self.socket))
         return process
 
-    def back_end_accepts(self):
-        with socket.socket(socket.AF_UNIX) as client:
-            return client.connect_ex(str(self.socket)) == 0
+    @contextlib.contextmanager
+    def start_front(self, session, *prefix, body=b"", front=None, options=(), **variables):
+        """A front end as the web server would start it, for an upload if there is a
+        body, else for the home page."""
+        environment = {
+            "REQUEST_METHOD": "POST" if body else "GET",
+            "QUERY_STRING": "page=upload" if body else "page=home",
+            "CONTENT_TYPE": FORM["Content-Type"],
+            "CONTENT_LENGTH": str(len(body)),
+            "HTTP_COOKIE": f"panelses5={session}",
+            "TOV_RUN_DIR": str(self.socket.parent),
+            "PANEL_SPOOL": str(self.spool),
+            "PATH": os.environ["PATH"],
+            **variables,
+        }
+        with tempfile.TemporaryFile() as stdin:
+            stdin.write(body)
+            stdin.seek(0)
+            pipes = {"stdin": stdin, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE}
+            command = [*prefix, front or self.front]
+            with subprocess.Popen(command, env=environment, **{**pipes, **dict(options)}) as process:
+                yield process
+
+
+@functools.cache
+def shared_panel(**configuration):
+    """One for all tests of a module that want this configuration."""
+    panel = Panel(**configuration)
+    unittest.addModuleCleanup(panel.stop)
+    return panel
+
+
+class PanelTest(unittest.TestCase):
+    configuration = {}
+
+    @classmethod
+    def setUpClass(cls):
+        cls.panel = shared_panel(**cls.configuration)
+
+    def assert_page(self, answer, status, *texts):
+        """With each text in it, with or without its entities resolved."""
+        shown = html.unescape(answer.body)
+        missing = [text for text in texts if text not in answer.body and text not in shown]
+        if answer.status != status or missing:
+            self.fail(f"{shown}\nexpected {status} and {missing}, came {answer.status}")
+
+    def assert_refused(self, answer):
+        self.assert_page(answer, 403, "You do not authorized for this operation")
+
+    @contextlib.contextmanager
+    def spool_unused(self):
+        """That a file was made and removed again would show, too."""
+        before = self.panel.spool.stat().st_mtime_ns
+        yield
+        self.assertEqual(self.panel.spool.stat().st_mtime_ns, before, "the spool was used")
+
+    def empty_home(self):
+        for path in self.panel.home.iterdir():
+            if path.is_dir() and not path.is_symlink():
+                shutil.rmtree(path)
+            else:
+                path.unlink()
+
+    def assert_nothing_left(self):
+        wait_for(lambda: not self.panel.spooled() and not self.panel.front_processes())
+        self.assertEqual(list(self.panel.home.glob("zantemp*")), [])
 
 
 def run_front(run_dir, front=os.environ["FRONT"], **environment):
@@ -235,17 +301,3 @@ def run_front(run_dir, front=os.environ["FRONT"], **environment):
         timeout=60,
         check=True,
     ).stdout
-
-
-def wait_for(condition, seconds=30):
-    end = time.monotonic() + seconds
-    while not condition():
-        if time.monotonic() > end:
-            raise TimeoutError
-        time.sleep(0.1)
-
-
-def kill(process):
-    """A crash of a server that has been started in a session of its own."""
-    os.killpg(process.pid, signal.SIGKILL)
-    process.wait(30)

@@ -3,16 +3,15 @@
 import os
 import pathlib
 import re
-import socket
 import stat
 import subprocess
 import sys
 import tempfile
-import threading
-import time
 import unittest
 
+from back_end import scripted_back_end
 from panel_server import run_front
+from processes import listens, wait_for
 
 DOCUMENT = pathlib.Path(os.environ["SOURCE"]) / "docs" / "backend-protocol.md"
 TEXT = DOCUMENT.read_text()
@@ -35,28 +34,16 @@ def example_answer():
 
 class ProtocolDocumentTest(unittest.TestCase):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory(prefix="document-")
-        self.addCleanup(folder.cleanup)
-        self.run_dir = folder.name
+        self.run_dir = self.enterContext(tempfile.TemporaryDirectory(prefix="document-"))
         self.path = os.path.join(self.run_dir, "panel.sock")
 
     def test_example_request_is_what_the_library_sends(self):
-        server = socket.socket(socket.AF_UNIX)
-        self.addCleanup(server.close)
-        server.bind(self.path)
-        server.listen()
-        seen = []
+        # The page wants more: the second answer is for nobody.
+        with scripted_back_end(self.path, lambda _: [example_answer()]) as requests:
+            self.run_example()
+        self.assertEqual(requests[0], example_request())
 
-        def serve():
-            connection, _ = server.accept()
-            # The page wants more, which is refused: one answer is enough here.
-            server.close()
-            with connection:
-                seen.append(connection.recv(65536))
-                connection.sendall(example_answer())
-
-        thread = threading.Thread(target=serve)
-        thread.start()
+    def run_example(self):
         run_front(
             self.run_dir,
             HTTPS="on",
@@ -66,8 +53,6 @@ class ProtocolDocumentTest(unittest.TestCase):
             REQUEST_URI="/panel?page=start",
             SERVER_PORT="443",
         )
-        thread.join(60)
-        self.assertEqual(seen, [example_request()])
 
     def test_numbers_shown_are_right(self):
         head, body = example_answer().split(b"\r\n\r\n")
@@ -81,10 +66,7 @@ class ProtocolDocumentTest(unittest.TestCase):
         self.addCleanup(server.kill)
         self.addCleanup(server.wait, 300)
         self.addCleanup(server.terminate)
-        end = time.monotonic() + 30
-        while not os.path.exists(self.path) and time.monotonic() < end:
-            time.sleep(0.05)
-        time.sleep(0.1)
+        wait_for(lambda: os.path.exists(self.path) and listens(self.path))
 
     def test_the_back_end_shown_works(self):
         program = block_that_begins_with("import os")

@@ -8,7 +8,7 @@ import os
 import socket
 import subprocess
 
-from panel_server import wait_for
+from processes import wait_for
 
 # It dies when the thread that has started it ends.
 BOUND_TO_US = ("setpriv", "--pdeathsig", "KILL")

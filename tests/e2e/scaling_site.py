@@ -18,9 +18,9 @@ import tempfile
 import threading
 import time
 
-from panel_server import kill, wait_for
+from processes import DIRECTORIES, end_session, kill, listens, start, wait_for
 from scaling_hosts import BOUND_TO_US, new_network
-from web_servers import LIBRARIES, end_session
+from web_servers import LIBRARIES
 
 HERE = pathlib.Path(__file__).resolve().parent
 DOCUMENTS = pathlib.Path(os.environ["SOURCE"]) / "docs"
@@ -97,17 +97,11 @@ class Service:
         if os.geteuid() == 0 and not as_root:
             account = pwd.getpwnam(ACCOUNT)
             run_as += [f"--reuid={account.pw_uid}", f"--regid={account.pw_gid}", "--clear-groups"]
-        log = folder / f"{name}-output.log"
-        with log.open("ab") as output:
-            self.process = subprocess.Popen(
-                [*host.enter, *run_as, *map(str, command)],
-                env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", **environment},
-                cwd="/",
-                stdin=subprocess.DEVNULL,
-                stdout=output,
-                stderr=output,
-                start_new_session=True,
-            )
+        self.process = start(
+            [*host.enter, *run_as, *command],
+            folder / f"{name}-output.log",
+            env={"PATH": DIRECTORIES, **environment},
+        )
 
     def signal(self, number):
         os.killpg(self.process.pid, number)
@@ -198,11 +192,7 @@ class WebServer:
         )
         command = ["lighttpd", "-D", "-f", configuration]
         self.service = site.start_service(host, folder, "lighttpd", command)
-        wait_for(self._accepts)
-
-    def _accepts(self):
-        with socket.socket(socket.AF_UNIX) as client:
-            return client.connect_ex(str(self.socket)) == 0
+        wait_for(lambda: listens(self.socket))
 
     def visit(self, session):
         """The status and the page, or 0 and an exception's text."""

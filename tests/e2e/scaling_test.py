@@ -7,16 +7,18 @@ import re
 import shutil
 import signal
 import subprocess
+import sys
 import tempfile
 import time
 import unittest
 
-from panel_server import wait_for
+from processes import wait_for
 from scaling_hosts import can_make_namespaces
 from scaling_site import Load, Site, block, document
 
 VISITS = 5_000
 FEWER_VISITS = 900
+SOURCE = pathlib.Path(os.environ["SOURCE"])
 # What HAProxy asks to see whether a back end is well.
 CHECK = bytes.fromhex(re.search(r"send-binary ([0-9a-f]+)$", block("haproxy"), re.M).group(1))
 
@@ -86,8 +88,27 @@ class SiteTest(unittest.TestCase):
         return sum(int(state["wredis"]) + int(state["wretr"]) for state in states)
 
 
-class ScalingTest(SiteTest):
+class KilledTest(SiteTest):
     def test_a_back_end_is_killed_and_started_again(self):
+        self.kill_and_start_again(FEWER_VISITS)
+
+    def test_without_any_back_end_visitors_are_told_at_once(self):
+        self.load.stop()
+        for back_end in self.site.back_ends:
+            back_end.service.kill()
+        for web_host in self.site.web_hosts:
+            wait_for(lambda: web_host.back_ends_up() == 0)
+            began = time.monotonic()
+            status, page = web_host.web_server.visit("visit-in-vain")
+            self.assertEqual(status, 403)
+            self.assertIn("back end &#39;panel&#39;", page)
+            self.assertLess(time.monotonic() - began, 2)
+        for back_end in self.site.back_ends:
+            back_end.start()
+
+
+class ScalingTest(SiteTest):
+    def test_many_visits_see_a_back_end_killed_and_started_again(self):
         self.kill_and_start_again(VISITS)
 
     def test_a_back_end_hangs_and_goes_on(self):
@@ -141,20 +162,6 @@ class ScalingTest(SiteTest):
             answer = web_host.proxy_command(f"set server panel/{self.back_end.name} state {state}")
             self.assertEqual(answer.strip(), "")
 
-    def test_without_any_back_end_visitors_are_told_at_once(self):
-        self.load.stop()
-        for back_end in self.site.back_ends:
-            back_end.service.kill()
-        for web_host in self.site.web_hosts:
-            wait_for(lambda: web_host.back_ends_up() == 0)
-            began = time.monotonic()
-            status, page = web_host.web_server.visit("visit-in-vain")
-            self.assertEqual(status, 403)
-            self.assertIn("back end &#39;panel&#39;", page)
-            self.assertLess(time.monotonic() - began, 2)
-        for back_end in self.site.back_ends:
-            back_end.start()
-
     def test_haproxy_gets_a_new_configuration(self):
         for web_host in self.site.web_hosts:
             self.load.wait_for_visits(FEWER_VISITS // 3)
@@ -193,6 +200,26 @@ def shown_units():
     pattern = r"^```systemd /etc/systemd/system/(\S+)\n(.*?)^```"
     for name in ("deployment", "scaling"):
         yield from re.findall(pattern, document(name), re.S | re.M)
+
+
+class FiguresTest(unittest.TestCase):
+    def test_each_part_of_the_measuring_runs(self):
+        done = subprocess.run(
+            [sys.executable, "-B", SOURCE / "bench" / "scaling_figures.py", "--quick"],
+            capture_output=True,
+            text=True,
+            timeout=300,
+        )
+        self.assertEqual(done.returncode, 0, done.stderr)
+        for figure in (
+            "bytes a session in the store", "processor microseconds a whoami",
+            "processor milliseconds a sign_in", "visits a second, without HAProxy",
+            "microseconds a query, HAProxy, TLS", "processor microseconds a visit, uWSGI, TLS",
+            "uWSGI's processor microseconds a check, TLS", "TLS sessions resumed",
+            "bytes a query from the back end", "KB of HAProxy a connection",
+            "connections in TIME_WAIT, back end" if can_make_namespaces() else "ports",
+        ):  # fmt: skip
+            self.assertRegex(done.stdout, rf"(?m)^{figure}: .*\d|^ports: not measured")
 
 
 class OverloadTest(SiteTest):

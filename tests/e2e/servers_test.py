@@ -59,7 +59,7 @@ def probe_behind(kind, seconds):
 
 class UploadTest(unittest.TestCase):
     # Of processor time, for each request.
-    seconds = 2
+    seconds = 1
 
     @classmethod
     def setUpClass(cls):

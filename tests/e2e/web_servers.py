@@ -14,12 +14,9 @@ import glob
 import os
 import pathlib
 import shutil
-import signal
-import socket
-import subprocess
 import tempfile
 
-from panel_server import wait_for
+from processes import DIRECTORIES, end_session, free_address, has_ended, listens, start, wait_for
 
 # What the program is linked with, wherever it has been built.
 LIBRARIES = os.environ["LIBRARIES"].split(":")
@@ -110,19 +107,9 @@ class WebServer:
         return "\n".join(f"{log.name}: {log.read_text(errors='replace')}" for log in logs)
 
     def run(self, *command, **environment):
-        with (self.folder / f"{command[0]}-output.log").open("ab") as output:
-            self.processes.append(
-                subprocess.Popen(
-                    command,
-                    env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", **environment},
-                    cwd="/",
-                    stdin=subprocess.DEVNULL,
-                    stdout=output,
-                    stderr=output,
-                    start_new_session=True,
-                    **self._identity(),
-                )
-            )
+        log = self.folder / f"{command[0]}-output.log"
+        environment = {"PATH": DIRECTORIES, **environment}
+        self.processes.append(start(command, log, env=environment, **self._identity()))
 
     def configuration(self, text):
         path = self.folder / "server.conf"
@@ -132,8 +119,7 @@ class WebServer:
     def _accepts(self):
         if any(has_ended(process) for process in self.processes):
             raise RuntimeError("the web server does not start")
-        with socket.socket() as client:
-            return client.connect_ex((self.host, self.port)) == 0
+        return listens((self.host, self.port))
 
     def _identity(self):
         if os.geteuid() != 0:
@@ -294,27 +280,3 @@ class Busybox(WebServer):
 
 
 ALL = (Lighttpd, LighttpdStreaming, Apache, Nginx, NginxStreaming, Busybox)
-
-
-def free_address():
-    """An address and port that nobody else comes by: each process has a
-    loopback address of its own."""
-    number = os.getpid()
-    host = f"127.{64 + (number >> 16)}.{number >> 8 & 255}.{number & 255}"
-    with socket.socket() as probe:
-        probe.bind((host, 0))
-        return probe.getsockname()
-
-
-def has_ended(process):
-    """It stays a zombie, so that its id is nobody else's."""
-    return os.waitid(os.P_PID, process.pid, os.WEXITED | os.WNOHANG | os.WNOWAIT)
-
-
-def end_session(process):
-    """Ends a process that leads a session, and what is left of its group."""
-    os.killpg(process.pid, signal.SIGTERM)
-    with contextlib.suppress(TimeoutError):
-        wait_for(lambda: has_ended(process))
-    os.killpg(process.pid, signal.SIGKILL)
-    process.wait(30)

@@ -37,6 +37,8 @@ using zan_cgi::testing::Scratch;
 using zan_cgi::testing::Step;
 
 constexpr int kLogError = 3;
+constexpr const char* kNoAnswer =
+    "The service behind this panel does not answer.";
 
 Step Document(const std::string& content) {
   return Answer("Content-Type: text/xml\r\n\r\n<?xml version=\"1.0\"?>\n<doc>" +
@@ -123,11 +125,13 @@ INSTANTIATE_TEST_SUITE_P(As, Panel, testing::Bool(), [](const auto& tested) {
 });
 
 TEST_P(Panel, ShowsTheSignInPageWithoutAskingAnyone) {
-  for (const char* query : {"", "page=signin"}) {
+  for (const char* query :
+       {"", "page=signin", "page=signin&user=alice&password=secret"}) {
     const Response response = Serve(Get("/panel", query));
     EXPECT_EQ(response.status, 200);
     EXPECT_EQ(response.Header("Content-Type"), "text/html; charset=utf-8");
     EXPECT_EQ(response.Header("Cache-Control"), "no-store");
+    EXPECT_EQ(response.Header("Set-Cookie"), "");
     EXPECT_TRUE(Holds(response.body, R"(action="/panel?page=signin")"));
   }
   EXPECT_EQ(backend_.Queries().size(), 0U);
@@ -214,7 +218,8 @@ TEST_P(Panel, TakesRequestsOfItsOwnPagesAndOfClientsThatAreNoBrowsers) {
 TEST_P(Panel, AsksVisitorsWithoutASessionToSignIn) {
   for (const Request& request :
        {Get("/panel", "page=whoami"), Get("/panel", "page=home&auth="),
-        Get("/panel", "page=sessions").Cookie("panelses5", ""), SignOut(),
+        Get("/panel", "page=sessions").Cookie("panelses5", ""),
+        Get("/panel", "page=nonsense"), SignOut(),
         SignOut().Cookie("panelses5", ""),
         Upload("t0k3n", "content").Cookie("panelses5", "")}) {
     const Response response = Serve(request);
@@ -229,6 +234,7 @@ TEST_P(Panel, AnswersAHeadWithTheHeaderOfItsPage) {
   for (const char* query : {"", "page=whoami", "page=nonsense"}) {
     const Response page = Serve(SignedIn(Get("/panel", query)));
     const Response head = Serve(SignedIn(Request("HEAD", "/panel", query)));
+    EXPECT_EQ(head.status, page.status) << query;
     EXPECT_EQ(head.fields, page.fields) << query;
     EXPECT_EQ(head.body, "");
   }
@@ -263,8 +269,10 @@ TEST_P(Panel, TellsOfAWrongPasswordAndKeepsTheNameHarmless) {
 }
 
 TEST_P(Panel, TakesNoSignInThatIsLargerThanOneCanBe) {
-  const Response response = Serve(SignIn("alice", std::string(5000, 'x')));
+  const Response response = Serve(SignIn("alice", std::string(4096, 'x')));
   EXPECT_EQ(response.status, 413);
+  EXPECT_TRUE(
+      Holds(response.body, "Post data too large. Max allowed length is 4KB"));
   EXPECT_EQ(backend_.Queries().size(), 0U);
 }
 
@@ -288,6 +296,17 @@ TEST_P(Panel, TurnsARefusedSessionAway) {
   for (const auto& query : backend_.Queries()) {
     EXPECT_EQ(query.Item("func"), "whoami");
   }
+}
+
+TEST_P(Panel, DoesNotBelieveTheAddressThatAClientClaims) {
+  Serve(SignedIn(Get("/panel"))
+            .Variable("REMOTE_ADDR", "127.0.0.1")
+            .Header("X-Forwarded-For", "10.1.2.3")
+            .Header("X-Other", "10.1.2.4"));
+  const auto& query = backend_.Queries().at(0);
+  EXPECT_EQ(query["REMOTE_ADDR"], "127.0.0.1");
+  EXPECT_EQ(query["HTTP_X_OTHER"], "10.1.2.4");
+  EXPECT_FALSE(Holds(query.raw, "10.1.2.3"));
 }
 
 TEST_P(Panel, RefusesAnUploadAboveItsLimitBeforeAllOfItHasCome) {
@@ -327,21 +346,50 @@ TEST_P(Panel, SaysSoWhenItsBackEndIsDown) {
   backend_.Then(Refuse());
   const Response response = Serve(SignedIn(Get("/panel")));
   EXPECT_EQ(response.status, 502);
+  EXPECT_TRUE(Holds(response.body, kNoAnswer));
   EXPECT_FALSE(Holds(response.body, backend_.RunDir()));
   EXPECT_TRUE(Holds(response.standard_error, "Connection refused"));
 }
 
-TEST_P(Panel, SaysSoWhenItsBackEndBreaksOff) {
-  for (const Step& step : {CloseSilently(), AnswerThenReset("<?xml versi")}) {
+TEST_P(Panel, SaysSoWhenItsBackEndBreaksOffFourTimes) {
+  for (const Step& step : {CloseSilently(), AnswerThenReset("<?xml versi"),
+                           Answer("Content-Length: 12\r\n\r\n<doc></doc>")}) {
     backend_.Times(4, step);
-    EXPECT_EQ(Serve(SignedIn(Get("/panel"))).status, 502);
+    const Response response = Serve(SignedIn(Get("/panel")));
+    EXPECT_EQ(response.status, 502);
+    EXPECT_TRUE(Holds(response.body, kNoAnswer));
+    EXPECT_FALSE(Holds(response.body, backend_.RunDir()));
+    EXPECT_EQ(backend_.StepsLeft(), 0U);
   }
 }
 
 TEST_P(Panel, SaysSoWhenItsBackEndTalksNonsense) {
-  for (const char* answer : {"", "nonsense", "<doc", "<html/>"}) {
+  constexpr const char* kBadAnswer = "bad answer from &#39;panel&#39;";
+  for (const auto& [answer, text] : {std::pair("", kNoAnswer),
+                                     {"nonsense", kBadAnswer},
+                                     {"<b>no XML", kBadAnswer},
+                                     {"<doc", kBadAnswer},
+                                     {"<html/>", kBadAnswer}}) {
     backend_.On("whoami", Answer(answer));
-    EXPECT_EQ(Serve(SignedIn(Get("/panel"))).status, 502) << answer;
+    const Response response = Serve(SignedIn(Get("/panel")));
+    EXPECT_EQ(response.status, 502) << answer;
+    EXPECT_TRUE(Holds(response.body, text)) << answer << response.body;
+  }
+}
+
+TEST_P(Panel, DoesNotTakeTheRefusalOfALaterQueryForAnEmptyPage) {
+  for (const auto& [error, status] :
+       {std::pair("access", 403), {"other", 502}}) {
+    const Step refusal =
+        Document(std::string("<error type=\"") + error + "\"/>");
+    for (const char* function :
+         {"session.own", "session.list", "session.end"}) {
+      backend_.On(function, refusal);
+    }
+    for (const Request& request : {Get("/panel", "page=whoami"),
+                                   Get("/panel", "page=sessions"), SignOut()}) {
+      EXPECT_EQ(Serve(SignedIn(request)).status, status) << error;
+    }
   }
 }
 

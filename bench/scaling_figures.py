@@ -1,4 +1,9 @@
-"""Measures what docs/scaling.md tells. Each comparison takes turns in one run."""
+"""Measures what docs/scaling.md tells. Each comparison takes turns in one run.
+
+usage: scaling_figures.py [--quick]
+
+--quick shows only that each part runs.
+"""
 
 import contextlib
 import hashlib
@@ -14,15 +19,18 @@ import sys
 import tempfile
 import time
 
-from panel_server import PANEL, wait_for
+sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "tests" / "e2e"))
+
+from panel_server import PANEL
+from processes import wait_for
 from scaling_hosts import NamespaceHost
 from scaling_site import Load, Site, WebServer, back_end_command
 
-ROUNDS = 10
-VISITS_PER_ROUND = 400
-QUERIES_PER_ROUND = 500
-SESSIONS = 1_000_000
-CONNECTIONS = 1_000
+ROUNDS, VISITS_PER_ROUND, QUERIES_PER_ROUND = 10, 400, 500
+SESSIONS, PASSWORDS, CONNECTIONS, IDLE_SECONDS = 1_000_000, 20, 1_000, 20
+if "--quick" in sys.argv:
+    ROUNDS, VISITS_PER_ROUND, QUERIES_PER_ROUND = 2, 20, 20
+    SESSIONS, PASSWORDS, CONNECTIONS, IDLE_SECONDS = 1_000, 1, 10, 1
 
 QUERY = (
     b"CONTENT_LENGTH\0" b"0\0" b"SCGI\0" b"1\0"
@@ -169,13 +177,12 @@ def tell_checks(site, kind):
     """What HAProxy and a back end do when nobody comes."""
     proxy, back_end = site.web_hosts[0].proxy, site.back_ends[0].service
     before = processor_seconds(proxy), processor_seconds(back_end)
-    seconds = 20
-    time.sleep(seconds)
-    checks = 3 * seconds
+    time.sleep(IDLE_SECONDS)
+    checks = 3 * IDLE_SECONDS
     spent = processor_seconds(proxy) - before[0]
     tell(f"HAProxy's processor microseconds a check, {kind}", f"{1e6 * spent / checks:.0f}")
     spent = processor_seconds(back_end) - before[1]
-    checks = len(site.web_hosts) * seconds
+    checks = len(site.web_hosts) * IDLE_SECONDS
     tell(f"uWSGI's processor microseconds a check, {kind}", f"{1e6 * spent / checks:.0f}")
 
 
@@ -218,8 +225,8 @@ def tell_ports(site):
     command = f"echo 40000 40099 > {path}"
     subprocess.run([*web_host.host.enter, "sh", "-c", command], check=True)
     socket_path = web_host.run_dir / "panel.sock"
-    seconds = [ask(socket_path) for _ in range(5_000)]
-    tell("5,000 queries from 100 ports, longest, milliseconds", f"{1e3 * max(seconds):.0f}")
+    seconds = [ask(socket_path) for _ in range(10 * QUERIES_PER_ROUND)]
+    tell(f"{len(seconds):,} queries from 100 ports, longest, milliseconds", f"{1e3 * max(seconds):.0f}")
     tell("connections in TIME_WAIT, web host", waiting_connections(web_host.host))
     tell("connections in TIME_WAIT, back end", waiting_connections(site.back_ends[0].host))
 
@@ -249,9 +256,9 @@ def tell_sessions():
             fill(backend, database)
             size = os.path.getsize(os.environ["PANEL_DB"])
             tell("bytes a session in the store", f"{size / SESSIONS:.0f}")
-        tell("processor microseconds a whoami", f"{1e6 * seconds_each(backend, whoami, 5_000):.0f}")
+        tell("processor microseconds a whoami", f"{1e6 * seconds_each(backend, whoami, 10 * QUERIES_PER_ROUND):.0f}")
         for query in (password, sign_in):
-            milliseconds = 1e3 * seconds_each(backend, query, 20)
+            milliseconds = 1e3 * seconds_each(backend, query, PASSWORDS)
             tell(f"processor milliseconds a {query.__name__}", f"{milliseconds:.1f}")
 
 
