@@ -9,24 +9,8 @@ import time
 import unittest
 
 from accounts import GID, IS_ROOT, UID
-from deployment import (
-    HARAKIRI,
-    OTHER_SITES,
-    PIPE,
-    PROCESSOR_LIMIT,
-    SITES,
-    TIME_LIMIT,
-    ApacheSite,
-    ApacheWithThreads,
-    BusyboxSite,
-    LighttpdSite,
-    NginxSite,
-    Visitor,
-    machine,
-    needs_root,
-    site,
-    web_ids,
-)
+import deployment
+from deployment import HARAKIRI, PROCESSOR_LIMIT, TIME_LIMIT, machine, site
 from processes import wait_for
 
 # More than what server and kernel keep for a client that takes its time.
@@ -34,14 +18,14 @@ DOWNLOAD = 32 << 20
 ATTEMPTS = 4
 # What the client of a front end that is ended sees; None: no answer.
 STATUSES_AT_THE_END = {
-    LighttpdSite: (500,),
-    ApacheSite: (500, 504),
-    NginxSite: (502,),
-    BusyboxSite: (None,),
+    deployment.LighttpdSite: (500,),
+    deployment.ApacheSite: (500, 504),
+    deployment.NginxSite: (502,),
+    deployment.BusyboxSite: (None,),
 }
 # The front end gets rid of an answer at the client's pace only, and is ended with
 # it by the launcher's limit for a page.
-ENDING_SLOW_DOWNLOADS = (BusyboxSite, ApacheWithThreads)
+ENDING_SLOW_DOWNLOADS = (deployment.BusyboxSite, deployment.ApacheWithThreads)
 
 
 class Run:
@@ -83,14 +67,14 @@ class SlowDownload(Run):
 
     def make(self, the_site, name, action):
         query = f"probe=send_all&{name}&{DOWNLOAD}&{DOWNLOAD}"
-        with the_site.begin_download(f"page={action}&{query}", PIPE) as answer:
+        with the_site.begin_download(f"page={action}&{query}", deployment.PIPE) as answer:
             self.announced = answer.length
             self.received = sum(map(len, self.pieces(answer)))
 
     def pieces(self, answer):
         until = time.monotonic() + TIME_LIMIT + 5
         with contextlib.suppress(http.client.IncompleteRead, ConnectionError):
-            while piece := answer.read(PIPE):
+            while piece := answer.read(deployment.PIPE):
                 yield piece
                 if time.monotonic() < until:
                     # As much in the time limit, whichever it is.
@@ -101,15 +85,15 @@ class StalledDownload(SlowDownload):
     """One of which the client takes the beginning only, and stays."""
 
     def pieces(self, answer):
-        yield answer.read(PIPE)
+        yield answer.read(deployment.PIPE)
         time.sleep(TIME_LIMIT + 10)
 
 
 @functools.cache
 def slow_runs():
     """All of them side by side: each takes as long as the limits are."""
-    sites = {kind: site(kind) for kind in SITES}
-    all_sites = sites | {kind: site(kind, "other") for kind in OTHER_SITES}
+    sites = {kind: site(kind) for kind in deployment.SITES}
+    all_sites = sites | {kind: site(kind, "other") for kind in deployment.OTHER_SITES}
     workers = concurrent.futures.ThreadPoolExecutor(len(sites) * 2 + len(all_sites) * 3 + 3)
     runs = {
         (kind, action): workers.submit(SlowRun, the_site, action)
@@ -125,11 +109,11 @@ def slow_runs():
     }  # fmt: skip
     runs |= {
         (kind, "post"): workers.submit(SlowPost, sites[kind], "wait_stubbornly")
-        for kind in (ApacheSite, NginxSite)
+        for kind in (deployment.ApacheSite, deployment.NginxSite)
     }
     if IS_ROOT:
         ids = f"{UID}&{GID}"
-        runs["become"] = workers.submit(SlowRun, site(NginxSite, "root"), "become", ids)
+        runs["become"] = workers.submit(SlowRun, site(deployment.NginxSite, "root"), "become", ids)
     # One after the other: it takes them longer side by side.
     spinner = concurrent.futures.ThreadPoolExecutor(1)
     runs |= {
@@ -162,7 +146,7 @@ class LimitTest(unittest.TestCase):
             self.assertIn(run.status, STATUSES_AT_THE_END[kind])
 
         for action in ("wait", "wait_stubbornly"):
-            self.check_each(action, SITES, check)
+            self.check_each(action, deployment.SITES, check)
 
     def test_a_program_that_spins_is_ended_by_its_processor_time(self):
         def check(kind, run):
@@ -172,9 +156,9 @@ class LimitTest(unittest.TestCase):
             self.assertIn(run.status, STATUSES_AT_THE_END[kind])
             self.assertTrue(run.has_ended)
 
-        self.check_each("spin", SITES, check)
+        self.check_each("spin", deployment.SITES, check)
 
-    @needs_root
+    @deployment.needs_root
     def test_one_that_has_become_an_account_and_never_ends_is_ended(self):
         self.assert_ended_by_the_time_limit(slow_runs()["become"].result())
 
@@ -183,25 +167,25 @@ class LimitTest(unittest.TestCase):
             self.assertEqual((run.announced, run.received), (DOWNLOAD, DOWNLOAD))
             self.assertGreater(run.seconds, TIME_LIMIT)
 
-        self.check_each("download", SITES + OTHER_SITES, check)
+        self.check_each("download", deployment.SITES + deployment.OTHER_SITES, check)
 
     def test_a_slow_client_gets_a_page_as_far_as_the_time_goes(self):
         def check(kind, run):
             self.assertEqual(run.announced, DOWNLOAD)
             self.assertEqual(run.received < DOWNLOAD, kind in ENDING_SLOW_DOWNLOADS)
 
-        self.check_each("page", SITES + OTHER_SITES, check)
+        self.check_each("page", deployment.SITES + deployment.OTHER_SITES, check)
 
     def test_a_client_that_takes_nothing_keeps_no_front_end(self):
         self.check_each(
-            "stall", SITES + OTHER_SITES, lambda _, run: self.assertTrue(run.has_ended)
+            "stall", deployment.SITES + deployment.OTHER_SITES, lambda _, run: self.assertTrue(run.has_ended)
         )
 
     def test_a_post_that_never_ends_is_ended_by_apache_and_given_up_by_nginx(self):
         """The launcher gives it an hour, and the server less."""
         for kind, statuses, has_ended in (
-            (ApacheSite, (500, 504), True),
-            (NginxSite, (504,), False),
+            (deployment.ApacheSite, (500, 504), True),
+            (deployment.NginxSite, (504,), False),
         ):
             run = slow_runs()[kind, "post"].result()
             with self.subTest(kind.__name__):
@@ -210,7 +194,7 @@ class LimitTest(unittest.TestCase):
                 self.assertEqual(run.has_ended, has_ended)
 
     def test_a_back_end_that_never_answers_is_given_up_in_time(self):
-        visitor = Visitor(site(LighttpdSite), *web_ids())
+        visitor = deployment.Visitor(site(deployment.LighttpdSite), *deployment.web_ids())
         started = time.monotonic()
         answer = visitor.page("whoami", **{"User-Agent": "never"})
         seconds = time.monotonic() - started

@@ -23,29 +23,8 @@ import time
 import unittest
 
 from accounts import GID, IS_ROOT, UID
-from deployment import (
-    BODY_LIMIT,
-    LAUNCHER,
-    PIPE,
-    WEB,
-    ApacheSite,
-    ApacheWithFcgiwrap,
-    ApacheWithThreads,
-    BusyboxSite,
-    LighttpdSite,
-    LighttpdWithFcgiwrap,
-    NginxSite,
-    StreamingLighttpdSite,
-    StreamingNginxSite,
-    Visitor,
-    documented_files,
-    machine,
-    may_have_namespaces,
-    needs_root,
-    open_files,
-    site,
-    web_ids,
-)
+import deployment
+from deployment import LAUNCHER, PIPE, WEB, Visitor, machine, needs_root, site, web_ids
 from panel_server import FORM, URLENCODED, file, form
 from processes import wait_for
 
@@ -129,7 +108,7 @@ class SiteTest(AnswerTest):
         self.assertEqual(answer.body, hashlib.sha256(body).hexdigest())
 
     def test_a_body_beyond_the_limit_is_refused(self):
-        client = self.site.begin_upload("probe=body", {}, b"x", BODY_LIMIT + 1)
+        client = self.site.begin_upload("probe=body", {}, b"x", deployment.BODY_LIMIT + 1)
         with client, client.makefile("rb") as answer:
             self.assertIn(b" 413 ", answer.readline())
 
@@ -172,19 +151,19 @@ class SiteTest(AnswerTest):
 
     def bodies(self):
         """Where a body is being written to: by the front end or the server."""
-        return [found for folder in BODY_FOLDERS for found in open_files(self.machine.at(folder))]
+        return [found for folder in BODY_FOLDERS for found in deployment.open_files(self.machine.at(folder))]
 
 
 class LighttpdTest(SiteTest, unittest.TestCase):
-    kind = LighttpdSite
+    kind = deployment.LighttpdSite
 
 
 class ApacheTest(SiteTest, unittest.TestCase):
-    kind = ApacheSite
+    kind = deployment.ApacheSite
 
 
 class NginxTest(SiteTest, unittest.TestCase):
-    kind = NginxSite
+    kind = deployment.NginxSite
     status_of_a_body_unread = 502
 
     def test_an_early_answer_that_a_pipe_cannot_hold_waits_for_the_time_limit(self):
@@ -195,7 +174,7 @@ class NginxTest(SiteTest, unittest.TestCase):
 
 
 class BusyboxTest(SiteTest, unittest.TestCase):
-    kind = BusyboxSite
+    kind = deployment.BusyboxSite
     # A longer line is cut.
     room_for_cookies = 8000
     # By chance: whoever goes on sending sees the connection closed.
@@ -207,17 +186,17 @@ class OtherSiteTest(AnswerTest):
 
 
 class StreamingLighttpdTest(OtherSiteTest, unittest.TestCase):
-    kind = StreamingLighttpdSite
+    kind = deployment.StreamingLighttpdSite
 
 
 class ApacheWithThreadsTest(OtherSiteTest, unittest.TestCase):
-    kind = ApacheWithThreads
+    kind = deployment.ApacheWithThreads
     # By chance: the answer is often lost.
     test_a_refusal_without_a_launcher_that_reads_the_body = None
 
 
 class StreamingNginxTest(OtherSiteTest, unittest.TestCase):
-    kind = StreamingNginxSite
+    kind = deployment.StreamingNginxSite
     status_of_a_body_unread = 502
 
 
@@ -247,15 +226,15 @@ class PrivilegedSiteTest(SiteOfKindTest):
 
 
 class PrivilegedLighttpdTest(PrivilegedSiteTest, unittest.TestCase):
-    kind = LighttpdWithFcgiwrap
+    kind = deployment.LighttpdWithFcgiwrap
 
 
 class PrivilegedApacheTest(PrivilegedSiteTest, unittest.TestCase):
-    kind = ApacheWithFcgiwrap
+    kind = deployment.ApacheWithFcgiwrap
 
 
 class PrivilegedNginxTest(PrivilegedSiteTest, unittest.TestCase):
-    kind = NginxSite
+    kind = deployment.NginxSite
 
     def set_up_panel(self, variables):
         documented = "PANEL_CONFINE='' PANEL_PAM='' "
@@ -452,7 +431,7 @@ class LauncherTest(unittest.TestCase):
             self.assertEqual(os.lseek(body.fileno(), 0, os.SEEK_CUR), 1 << 20)
 
     def test_a_body_beyond_the_limit_is_read_before_its_refusal_ends(self):
-        self.change(f"body_limit={BODY_LIMIT}\n", f"body_limit={1 << 20}\n")
+        self.change(f"body_limit={deployment.BODY_LIMIT}\n", f"body_limit={1 << 20}\n")
         sent = self.feed(1 << 20)
         answer = self.post("probe=env", CONTENT_LENGTH=str((1 << 20) + 1))
         self.assertEqual(
@@ -465,7 +444,7 @@ class LauncherTest(unittest.TestCase):
         self.assertEqual((sent.result(), self.returned), (1 << 20, 0))
 
     def test_no_more_than_the_limit_is_read_for_a_refusal(self):
-        self.change(f"body_limit={BODY_LIMIT}\n", f"body_limit={1 << 20}\n")
+        self.change(f"body_limit={deployment.BODY_LIMIT}\n", f"body_limit={1 << 20}\n")
         sent = self.feed(16 << 20)
         self.post("probe=refuse")
         self.close_standard_input()
@@ -532,7 +511,7 @@ class LauncherTest(unittest.TestCase):
 class BackEndTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.visitor = Visitor(site(LighttpdSite), *web_ids())
+        cls.visitor = Visitor(site(deployment.LighttpdSite), *web_ids())
 
     def visit(self, manner):
         return self.visitor.page("whoami", **{"User-Agent": manner})
@@ -581,7 +560,7 @@ class SystemdTest(unittest.TestCase):
     def units(self):
         folder = tempfile.TemporaryDirectory(prefix="units-")
         self.addCleanup(folder.cleanup)
-        for path, text in documented_files().items():
+        for path, text in deployment.documented_files().items():
             if path.startswith("/etc/systemd/system/"):
                 unit = pathlib.Path(folder.name) / path.removeprefix("/etc/systemd/system/")
                 unit.parent.mkdir(exist_ok=True)
@@ -622,7 +601,7 @@ class ConfinementTest(unittest.TestCase):
 
     @needs_root
     def test_takes_rights_away(self):
-        site(NginxSite)
+        site(deployment.NginxSite)
         status = self.status(machine().services["panel-fcgi"])
         self.assertEqual((status["NoNewPrivs"], status["Seccomp"]), ("1", "2"))
         self.assertEqual(int(status["CapBnd"], 16), 0)
@@ -630,13 +609,13 @@ class ConfinementTest(unittest.TestCase):
 
     @needs_root
     def test_leaves_root_what_the_switch_takes(self):
-        site(NginxSite, "root")
+        site(deployment.NginxSite, "root")
         status = self.status(machine("root").services["panel-fcgi"])
         self.assertEqual((status["NoNewPrivs"], status["Seccomp"]), ("1", "2"))
         self.assertEqual(int(status["CapBnd"], 16).bit_count(), 7)
         self.assertEqual(set(status["Uid"].split()), {"0"})
 
-    @unittest.skipUnless(may_have_namespaces(), "needs root, with the right to namespaces")
+    @unittest.skipUnless(deployment.may_have_namespaces(), "needs root, with the right to namespaces")
     def test_takes_network_and_files_away(self):
         process = machine().services["panel-backend"]
         own, its = (os.readlink(f"/proc/{each}/ns/net") for each in ("self", process.pid))
@@ -677,7 +656,7 @@ class FolderTest(unittest.TestCase):
 
     @needs_root
     def test_have_the_log_rotated(self):
-        site(BusyboxSite)
+        site(deployment.BusyboxSite)
         log = self.logs / "front.log"
         self.assertEqual(self.provoke_message(), 1)
         state = machine().root / "logrotate.state"
@@ -697,7 +676,7 @@ class FolderTest(unittest.TestCase):
     def provoke_message(self):
         """Gives the number of times that it is in the log then."""
         name = secrets.token_hex(8)
-        site(BusyboxSite).get("=" + name)
+        site(deployment.BusyboxSite).get("=" + name)
         return (self.logs / "front.log").read_text().count(name)
 
 

@@ -290,6 +290,13 @@ class PanelTest(unittest.TestCase):
         wait_for(lambda: not self.panel.spooled() and not self.panel.front_processes())
         self.assertEqual(list(self.panel.home.glob("zantemp*")), [])
 
+    def rows(self, answer):
+        """What is in the cells of each row of a page's table."""
+        rows = re.findall(r"<tr>(<td>.*?)</tr>", answer.body)
+        return [
+            tuple(map(html.unescape, re.findall("<td[^>]*>(.*?)</td>", row))) for row in rows
+        ]
+
 
 def run_front(run_dir, front=os.environ["FRONT"], **environment):
     """A front end as a web server would start it; its whole answer."""

@@ -46,6 +46,9 @@ class SiteTest(unittest.TestCase):
             for visit in self.load.visits
         )
 
+    def visit_on(self):
+        self.load.wait_for_visits(FEWER_VISITS // 3)
+
     def wait_until_used(self, back_end):
         now = time.monotonic()
         self.load.wait_for(lambda: self.answered_since(now, back_end))
@@ -111,49 +114,47 @@ class ScalingTest(SiteTest):
     def test_many_visits_see_a_back_end_killed_and_started_again(self):
         self.kill_and_start_again(VISITS)
 
-    def test_a_back_end_hangs_and_goes_on(self):
-        self.load.wait_for_visits(FEWER_VISITS // 3)
-        self.back_end.service.signal(signal.SIGSTOP)
-        hanging_since = time.monotonic()
+    def lose_and_regain(self, lose, regain):
+        """The longest visit, and how many queries were carried out twice."""
+        self.visit_on()
+        lose()
+        lost_since = time.monotonic()
         wait_for(lambda: all(host.back_ends_up() == 2 for host in self.site.web_hosts))
-        self.load.wait_for_visits(FEWER_VISITS // 3)
-        self.assertFalse(self.answered_since(hanging_since, self.back_end))
-        self.back_end.service.signal(signal.SIGCONT)
+        self.visit_on()
+        self.assertFalse(self.answered_since(lost_since, self.back_end))
+        regain()
         self.wait_until_used(self.back_end)
-        self.load.wait_for_visits(FEWER_VISITS // 3)
+        self.visit_on()
         longest, repeated = self.assert_none_failed()
+        self.assertLess(longest, 10)
+        return longest, repeated
+
+    def test_a_back_end_hangs_and_goes_on(self):
+        send = self.back_end.service.signal
+        longest, repeated = self.lose_and_regain(
+            lambda: send(signal.SIGSTOP), lambda: send(signal.SIGCONT)
+        )
         # Some have waited for it, and then have been sent elsewhere.
         self.assertGreater(longest, 1)
         self.assertGreater(repeated, 0)
-        self.assertLess(longest, 10)
 
     @unittest.skipUnless(can_make_namespaces(), "to unplug a host wants network namespaces")
     def test_a_host_is_unplugged(self):
-        self.load.wait_for_visits(FEWER_VISITS // 3)
-        self.back_end.host.cut_off()
-        cut_off_since = time.monotonic()
-        wait_for(lambda: all(host.back_ends_up() == 2 for host in self.site.web_hosts))
-        self.load.wait_for_visits(FEWER_VISITS // 3)
-        self.assertFalse(self.answered_since(cut_off_since, self.back_end))
-        self.back_end.host.plug_in()
-        self.wait_until_used(self.back_end)
-        self.load.wait_for_visits(FEWER_VISITS // 3)
-        longest, _ = self.assert_none_failed()
-        self.assertLess(longest, 10)
+        self.lose_and_regain(self.back_end.host.cut_off, self.back_end.host.plug_in)
 
     def test_a_back_end_is_drained_for_an_upgrade(self):
-        self.load.wait_for_visits(FEWER_VISITS // 3)
+        self.visit_on()
         self.set_state("drain")
         for web_host in self.site.web_hosts:
             self.load.wait_for(
                 lambda: web_host.proxy_state(self.back_end.name)["scur"] == "0"
             )
         self.back_end.service.stop()
-        self.load.wait_for_visits(FEWER_VISITS // 3)
+        self.visit_on()
         self.back_end.start()
         self.set_state("ready")
         self.wait_until_used(self.back_end)
-        self.load.wait_for_visits(FEWER_VISITS // 3)
+        self.visit_on()
         _, repeated = self.assert_none_failed()
         self.assertEqual(repeated, 0)
 
@@ -164,9 +165,9 @@ class ScalingTest(SiteTest):
 
     def test_haproxy_gets_a_new_configuration(self):
         for web_host in self.site.web_hosts:
-            self.load.wait_for_visits(FEWER_VISITS // 3)
+            self.visit_on()
             web_host.proxy.process.send_signal(signal.SIGUSR2)
-        self.load.wait_for_visits(FEWER_VISITS // 3)
+        self.visit_on()
         _, repeated = self.assert_none_failed()
         self.assertEqual(repeated, 0)
 
@@ -228,7 +229,7 @@ class OverloadTest(SiteTest):
     visitors = 72
 
     def test_visitors_wait_and_no_back_end_is_given_up(self):
-        self.load.wait_for_visits(FEWER_VISITS // 3)
+        self.visit_on()
         longest, repeated = self.assert_none_failed()
         self.assertEqual(repeated, 0)
         self.assertGreater(longest, 2 * self.seconds)
@@ -255,7 +256,7 @@ class SecureScalingTest(SiteTest):
             self.back_end.start_proxy(certificate)
             for web_host in self.site.web_hosts:
                 wait_for(lambda: self.reason(web_host) == "L6RSP")
-            self.load.wait_for_visits(FEWER_VISITS // 3)
+            self.visit_on()
             self.assertEqual(self.back_end.asked(), asked)
         self.back_end.proxy.stop()
         self.back_end.start_proxy(self.site.certificate(self.back_end.name))
