@@ -8,6 +8,7 @@ import re
 import unittest
 
 from probe import END, FORM, Arrived, field, part, post, run, upload
+from verdict import main
 
 SECURITY = (pathlib.Path(os.environ["SOURCE"]) / "docs" / "security.md").read_text()
 URL_ENCODED = "application/x-www-form-urlencoded"
@@ -313,4 +314,4 @@ class EndlessTest(Rows):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    main()

@@ -10,6 +10,7 @@ import tempfile
 import unittest
 
 from processes import wait_for
+from verdict import main
 
 SOURCE = pathlib.Path(os.environ["SOURCE"])
 GUIDE = (SOURCE / "docs" / "guide.md").read_text()
@@ -231,4 +232,4 @@ class AccountProgramTest(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    main()

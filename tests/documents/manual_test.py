@@ -6,6 +6,8 @@ import re
 import subprocess
 import unittest
 
+from verdict import main
+
 SOURCE = pathlib.Path(os.environ["SOURCE"])
 PAGES = {path.stem: path for path in sorted((SOURCE / "docs" / "man").glob("*.3"))}
 OPERATION_PAGES = {name: path for name, path in PAGES.items() if name != "zancgi"}
@@ -198,4 +200,4 @@ class ManualTest(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    main()

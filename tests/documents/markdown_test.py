@@ -6,6 +6,8 @@ import re
 import sys
 import unittest
 
+from verdict import main
+
 SOURCE = pathlib.Path(os.environ["SOURCE"])
 PROGRAMS = pathlib.Path(os.environ["PROGRAMS"])
 
@@ -64,4 +66,4 @@ class MarkdownTest(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    main()

@@ -11,7 +11,8 @@ import tempfile
 import termios
 import time
 
-PROBE = os.environ["UPLOAD_PROBE"]
+from upload_probe import PROBE, parse_report
+
 FORM = "multipart/form-data; boundary=XY"
 # Of processor time, in seconds.
 LIMIT = 1
@@ -71,20 +72,6 @@ def write_pieces(process, pieces):
             time.sleep(0.0005)
 
 
-def report(lines, folder):
-    arrived = Arrived()
-    for line in lines:
-        kind, *words = line.split()
-        texts = [bytes.fromhex(word[1:]) for word in words if word.startswith("x")]
-        if kind == "param":
-            arrived.params[texts[0]] = texts[1]
-        elif kind == "file":
-            arrived.files[texts[0]] = (folder / f"file-{len(arrived.files)}").read_bytes()
-        elif kind == "error":
-            arrived.error = texts[0].decode()
-    return arrived
-
-
 def processor_time(process):
     """In seconds, so far."""
     fields = pathlib.Path(f"/proc/{process.pid}/stat").read_text().rpartition(")")[2].split()
@@ -137,9 +124,11 @@ def post(body, content_type=FORM, length=None, patience=60):
         answer = run(PROBE, body, environment, patience)
         if isinstance(answer, Arrived):
             return answer
-        arrived = report(answer.split("\r\n\r\n", 1)[1].splitlines(), folder / "record")
-        if arrived.error == "std::bad_alloc":
+        report = answer.split("\r\n\r\n", 1)[1]
+        received = parse_report(report, folder / "record", "file", pathlib.Path.read_bytes)
+        if received.error == b"std::bad_alloc":
             return Arrived(spins=True)
         log = folder / "log"
-        arrived.logged = log.exists() and log.stat().st_size > 0
-        return arrived
+        logged = log.exists() and log.stat().st_size > 0
+        error = received.error.decode()
+        return Arrived(received.params, received.files, error, logged=logged)

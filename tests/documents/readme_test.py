@@ -8,6 +8,7 @@ import tempfile
 import unittest
 
 from back_end import scripted_back_end
+from verdict import main
 
 SOURCE = pathlib.Path(os.environ["SOURCE"])
 README = (SOURCE / "README.md").read_text()
@@ -55,4 +56,4 @@ class ReadmeTest(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    main()

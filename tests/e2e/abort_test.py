@@ -13,6 +13,7 @@ from back_end import scripted_back_end
 from browser import DIRECTLY
 from processes import wait_for
 from upload_probe import Form, Upload, content_type
+from verdict import main
 
 SIZE = 20_000_000
 SENT = 5_000_000
@@ -143,4 +144,4 @@ def load_tests(loader, _tests, _pattern):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    main()

@@ -18,6 +18,7 @@ import unittest
 from accounts import FURTHER_GROUP, GID, IS_ROOT, NAMES_AND_IDS, NAMES_ONLY, UID
 from panel_server import FORM, PanelTest, field, file, form
 from processes import wait_for
+from verdict import main
 
 WRAPPERS = NAMES_ONLY if IS_ROOT else NAMES_AND_IDS
 NOT_BECOME = "The panel could not become your account."
@@ -532,4 +533,4 @@ class Session(AccountTest):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    main()

@@ -1,9 +1,7 @@
 """A headless Chromium, driven over the W3C WebDriver protocol."""
 
-import base64
 import json
 import os
-import pathlib
 import re
 import shutil
 import subprocess
@@ -185,9 +183,3 @@ class Browser:
 
     def run(self, script):
         return self._call("POST", "/execute/sync", {"script": script, "args": []})
-
-    def screenshot(self, name):
-        folder = pathlib.Path(os.environ["SCREENSHOTS"])
-        folder.mkdir(parents=True, exist_ok=True)
-        picture = base64.b64decode(self._call("GET", "/screenshot"))
-        (folder / f"{name}.png").write_bytes(picture)

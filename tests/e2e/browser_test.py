@@ -5,11 +5,11 @@ import re
 import sys
 import threading
 import time
-import unittest
 
 from browser import CHROMIUM, DRIVER, Browser
 from panel_server import PanelTest
 from processes import wait_for
+from verdict import main
 
 TAB = "\ue004"
 ENTER = "\ue007"
@@ -45,7 +45,6 @@ class BrowserTest(PanelTest):
         self.browser.open(url)
         self.browser.type_into("#user", self.user)
         self.browser.type_into("#password", password)
-        self.browser.screenshot("sign-in")
         self.browser.click("button")
 
     def signed_in(self):
@@ -56,31 +55,26 @@ class BrowserTest(PanelTest):
         self.signed_in()
         self.assert_sees(rf"Level\s+{self.panel.level}\n")
         self.assert_sees(r"Session found in\s+the cookie")
-        self.browser.screenshot("who-am-i")
         self.assertEqual(self.browser.url(), self.panel.url)
         cookie = self.browser.cookie("panelses5")
 
         self.browser.click_link("Sessions")
         self.assert_sees(rf"{self.user} this session .* 127\.0\.0\.1")
-        self.browser.screenshot("sessions")
 
         self.browser.click("nav button")
         self.assert_sees("Password")
         self.browser.open(self.panel.url + "?page=whoami")
         self.assert_sees("Please sign in first.")
-        self.browser.screenshot("signed-out")
 
         self.browser.set_cookie(cookie)
         self.browser.open(self.panel.url + "?page=whoami")
         self.assert_sees("You do not authorized for this operation", "Your session has ended")
-        self.browser.screenshot("session-ended")
         self.browser.click_link("Sign in")
         self.assert_sees("Password")
 
     def test_a_wrong_password_is_explained_beside_the_form(self):
         self.sign_in(self.panel.password + "x")
         self.assert_sees("Name or password is wrong.", "Password")
-        self.browser.screenshot("wrong-password")
         # The name is still there, and the password has the focus.
         self.browser.press(self.panel.password + ENTER)
         self.assert_sees(rf"Name\s+{self.user}")
@@ -97,51 +91,41 @@ class BrowserTest(PanelTest):
         self.browser.click_link("Upload")
         self.assert_sees("Files to upload")
 
-    def make_file(self, name, size):
-        path = self.panel.state / name
-        with path.open("wb") as file:
-            file.truncate(size)
-        return path
+    def choose(self, *files):
+        """Files of these names and sizes."""
+        paths = [self.panel.state / name for name, _ in files]
+        for path, (_, size) in zip(paths, files):
+            with path.open("wb") as file:
+                file.truncate(size)
+        self.browser.choose_files("#files", *paths)
 
     def test_an_upload_of_several_files(self):
         self.open_upload()
         self.assertEqual(self.browser.label("#files"), "Files to upload")
         self.assertFalse(self.browser.is_enabled("#send"))
-        files = [self.make_file("report.pdf", 3_000_000), self.make_file("a<b>.txt", 12)]
-        self.browser.choose_files("#files", *files)
+        self.choose(("report.pdf", 3_000_000), ("a<b>.txt", 12))
         self.assert_sees("report.pdf, 2.9 MB", "a<b>.txt, 12 bytes", "Together: 2.9 MB")
-        self.browser.screenshot("upload-chosen")
         self.browser.click("#send")
-        self.assert_sees(
-            "Uploaded",
-            "report.pdf report.pdf 3000000",
-            "a<b>.txt a<b>.txt 12",
-            "Together 3000012",
-        )
-        self.browser.screenshot("uploaded")
+        rows = ("report.pdf report.pdf 3000000", "a<b>.txt a<b>.txt 12", "Together 3000012")
+        self.assert_sees("Uploaded", *rows)
         self.assertEqual(self.panel.spooled(), [])
         self.browser.click_link("Upload more")
         self.assert_sees("Files to upload")
 
-    def test_the_home_folder_shows_what_has_been_uploaded(self):
+    def test_the_home_folder_shows_what_has_been_uploaded_and_keeps_it(self):
         self.signed_in()
         self.browser.click_link("Home")
         self.assert_sees("Home", f"Seen by {self.panel.account}, user")
         self.browser.click_link("Upload")
-        self.browser.choose_files("#files", self.make_file("notes.txt", 7))
+        self.choose(("notes.txt", 7))
         self.browser.click("#send")
         self.assert_sees("Uploaded")
         self.browser.open(self.panel.url + "?page=home")
         self.assert_sees("notes.txt 7")
-        self.browser.screenshot("home")
-
-    def test_a_file_that_is_there_already_is_explained(self):
-        (self.panel.home / "notes.txt").touch()
-        self.open_upload()
-        self.browser.choose_files("#files", self.make_file("notes.txt", 7))
+        self.browser.click_link("Upload")
+        self.choose(("notes.txt", 7))
         self.browser.click("#send")
         self.assert_sees("Not all is kept", "not kept: there is one of this name")
-        self.browser.screenshot("not-kept")
 
     def test_a_user_without_an_account_is_told_so(self):
         self.panel.add_user("bob", 1, "password")
@@ -155,25 +139,22 @@ class BrowserTest(PanelTest):
     def test_an_upload_shows_its_progress_and_can_be_cancelled(self):
         self.open_upload()
         self.browser.slow_down(500_000)
-        self.browser.choose_files("#files", self.make_file("backup.tar", 20_000_000))
+        self.choose(("backup.tar", 20_000_000))
         self.browser.click("#send")
         self.assert_sees(r"[1-9][.]\d MB of 19[.]1 MB", "Cancel")
         self.assertFalse(self.browser.is_enabled("#files"))
         self.assertGreater(self.browser.run("return document.querySelector('progress').value"), 0)
-        self.browser.screenshot("upload-progress")
         # The button has the focus.
         self.browser.press(ENTER)
         self.assert_sees("Cancelled. Nothing was kept.")
         self.assertEqual(self.focused(), "Upload")
         wait_for(lambda: not self.panel.spooled())
-        self.browser.screenshot("upload-cancelled")
 
     def test_an_upload_that_is_too_large_is_explained_before_it_is_sent(self):
         self.open_upload()
-        self.browser.choose_files("#files", self.make_file("disk.img", 101 * 1024 * 1024))
+        self.choose(("disk.img", 101 * 1024 * 1024))
         self.assert_sees("Together these are 101.0 MB, more than the limit of 100.0 MB")
         self.assertFalse(self.browser.is_enabled("#send"))
-        self.browser.screenshot("upload-too-large")
 
     def drop_file(self, name, text):
         """Anywhere on the page. Whether the page has taken it."""
@@ -186,7 +167,7 @@ class BrowserTest(PanelTest):
 
     def test_dropped_files_of_one_name_all_arrive(self):
         self.open_upload()
-        self.browser.choose_files("#files", self.make_file("same.txt", 1))
+        self.choose(("same.txt", 1))
         for text in ("one", "three"):
             self.assertTrue(self.drop_file("same.txt", text))
         self.assert_sees("same.txt, 1 byte\n", "same.txt, 3 bytes", "same.txt, 5 bytes")
@@ -203,7 +184,7 @@ class BrowserTest(PanelTest):
 
     def test_an_upload_after_the_session_has_ended_is_refused_readably(self):
         self.open_upload()
-        self.browser.choose_files("#files", self.make_file("notes.txt", 7))
+        self.choose(("notes.txt", 7))
         database = self.panel.database()
         database.execute("delete from session")
         database.close()
@@ -214,7 +195,7 @@ class BrowserTest(PanelTest):
 
     def test_an_upload_by_keyboard(self):
         self.open_upload()
-        self.browser.choose_files("#files", self.make_file("notes.txt", 7))
+        self.choose(("notes.txt", 7))
         self.browser.run("document.querySelector('#files').focus()")
         self.browser.press(TAB + ENTER)
         self.assert_sees("notes.txt 7")
@@ -226,19 +207,18 @@ class BrowserTest(PanelTest):
     def test_an_upload_without_scripts(self):
         self.browser.disable_scripts()
         self.open_upload()
-        self.browser.choose_files("#files", self.make_file("notes.txt", 7))
+        self.choose(("notes.txt", 7))
         self.browser.click("#send")
         self.assert_sees("Uploaded", "notes.txt 7")
         self.browser.click_link("Upload more")
         self.assert_sees("Files to upload")
         # Not kept from being sent here, so the front end has to say it.
-        self.browser.choose_files("#files", self.make_file("disk.img", 101 * 1024 * 1024))
+        self.choose(("disk.img", 101 * 1024 * 1024))
         self.browser.click("#send")
         self.assert_sees("Post data too large. Max allowed length is 102400KB")
-        self.browser.screenshot("upload-refused")
         self.browser.click_link("Back to the upload")
         # The web server refuses this one by itself.
-        self.browser.choose_files("#files", self.make_file("disks.img", 1024**3))
+        self.choose(("disks.img", 1024**3))
         self.browser.click("#send")
         self.assert_sees("This is more than the panel takes at a time.")
         self.browser.click_link("Back to the upload")
@@ -294,8 +274,7 @@ class BrowserTest(PanelTest):
         with self.panel.back_end_away():
             self.browser.open(self.panel.url)
             self.assert_sees("Bad Gateway", "Please try again in a minute.")
-            self.browser.screenshot("service-away")
-
+    
     def test_it_fits_a_telephone_at_night(self):
         self.browser.resize(500, 900)
         self.browser.prefer("dark")
@@ -307,9 +286,8 @@ class BrowserTest(PanelTest):
             self.assert_sees(page)
             if page == "Upload":
                 long_name = "a-long-name-without-a-single-blank-" * 3 + ".tar.gz"
-                self.browser.choose_files("#files", self.make_file(long_name, 123_456))
-            self.browser.screenshot("dark-" + page.replace(" ", "-").lower())
-            overhang = "return document.scrollingElement.scrollWidth - innerWidth"
+                self.choose((long_name, 123_456))
+                overhang = "return document.scrollingElement.scrollWidth - innerWidth"
             self.assertLessEqual(self.browser.run(overhang), 0)
 
     def brightness_of_the_page(self):
@@ -348,4 +326,4 @@ if __name__ == "__main__":
     if not (CHROMIUM and DRIVER):
         print("skipped: chromium or chromium-driver is not installed")
         sys.exit(77)
-    unittest.main()
+    main()

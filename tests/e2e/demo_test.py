@@ -11,6 +11,8 @@ import time
 import unittest
 import urllib.request
 
+from verdict import main
+
 DEMO = pathlib.Path(os.environ["SOURCE"]) / "scripts" / "demo"
 DIRECTLY = urllib.request.build_opener(urllib.request.ProxyHandler({}))
 
@@ -129,4 +131,4 @@ class DemoTest(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    main()

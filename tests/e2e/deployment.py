@@ -524,7 +524,9 @@ class Site:
             client.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, room)
         client.settimeout(150)
         client.connect((self.host, self.port))
-        client.sendall(f"GET {self.path}?{query} HTTP/1.1\r\nHost: panel\r\n\r\n".encode())
+        # Else a server that has sent too little may wait for another request.
+        head = f"GET {self.path}?{query} HTTP/1.1\r\nHost: panel\r\nConnection: close\r\n\r\n"
+        client.sendall(head.encode())
         answer = http.client.HTTPResponse(client)
         client.close()  # the answer keeps it open
         answer.begin()

@@ -12,6 +12,7 @@ import unittest
 from back_end import scripted_back_end
 from panel_server import PANEL, Panel, PanelTest
 from processes import kill, wait_for
+from verdict import main
 
 # Ends at the third signal.
 DEAF_BACK_END = """#!/usr/bin/python3
@@ -176,4 +177,4 @@ class ServeTest(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    main()

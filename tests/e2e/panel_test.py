@@ -18,6 +18,7 @@ import unittest.mock
 import urllib.parse
 
 from panel_server import PANEL, Panel, PanelTest, run_front
+from verdict import main
 
 sys.path.insert(0, str(PANEL))
 backend = importlib.import_module("backend")
@@ -457,4 +458,4 @@ class EnvironmentTest(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    main()

@@ -12,6 +12,7 @@ import unittest
 from back_end import scripted_back_end
 from panel_server import run_front
 from processes import listens, wait_for
+from verdict import main
 
 DOCUMENT = pathlib.Path(os.environ["SOURCE"]) / "docs" / "backend-protocol.md"
 TEXT = DOCUMENT.read_text()
@@ -96,4 +97,4 @@ class ProtocolDocumentTest(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    main()

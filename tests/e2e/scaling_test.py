@@ -15,6 +15,7 @@ import unittest
 from processes import wait_for
 from scaling_hosts import can_make_namespaces
 from scaling_site import Load, Site, block, document
+from verdict import main
 
 VISITS = 5_000
 FEWER_VISITS = 900
@@ -292,4 +293,4 @@ class SecureScalingTest(SiteTest):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    main()

@@ -19,6 +19,7 @@ from upload_probe import (
     WITHOUT_END,
     content_type,
 )
+from verdict import main
 from web_servers import UNLIMITED
 
 MEGABYTE = 1 << 20
@@ -148,14 +149,6 @@ class File(UploadTest):
         upload = Upload(b"upload", b"large.bin", without_cr(20 * MEGABYTE))
         self.assert_arrives_as_sent(Form(Field(b"a", b"1"), upload, Field(b"b", b"2")))
 
-    def test_beside_other_files(self):
-        sizes = (70_000, 0, 3, 200_000)
-        uploads = [
-            Upload(b"u%d" % number, b"file %d" % number, without_cr(size))
-            for number, size in enumerate(sizes)
-        ]
-        self.assert_arrives_as_sent(Form(*uploads, Field(b"last", b"")))
-
     def test_that_is_made_of_separators(self):
         boundary = new_boundary()
         for size in (100, 65_537, MEGABYTE):
@@ -260,4 +253,4 @@ def load_tests(loader, _tests, _pattern):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    main()

@@ -13,7 +13,6 @@ import subprocess
 import time
 
 PROBE = os.environ["UPLOAD_PROBE"]
-PREDICTION = os.environ["UPLOAD_PREDICTION"]
 
 
 @dataclasses.dataclass(frozen=True)
@@ -47,7 +46,7 @@ class Received:
 WITHOUT_END = Received(error=b"parsed for ever")
 
 
-def parse_report(report, folder, stem):
+def parse_report(report, folder, stem, read=digest_of_file):
     if report == "spins\n":
         return WITHOUT_END
     received = Received()
@@ -57,8 +56,7 @@ def parse_report(report, folder, stem):
         if kind == "param":
             received.params[texts[0]] = texts[1]
         elif kind == "file":
-            content = folder / f"{stem}-{len(received.files)}"
-            received.files[texts[0]] = digest_of_file(content)
+            received.files[texts[0]] = read(folder / f"{stem}-{len(received.files)}")
         elif kind == "size":
             received.size = int(words[0])
         else:
@@ -93,7 +91,7 @@ class Record:
         return parse_report(self.report, self.folder, "file")
 
     def predicted(self):
-        command = [PREDICTION, self.folder]
+        command = [os.environ["UPLOAD_PREDICTION"], self.folder]
         report = subprocess.run(command, capture_output=True, text=True, check=True).stdout
         return parse_report(report, self.folder, "predicted")
 

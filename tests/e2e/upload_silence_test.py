@@ -2,9 +2,9 @@
 
 import os
 import time
-import unittest
 
 from panel_server import PanelTest, field, file
+from verdict import main
 
 
 class Silence(PanelTest):
@@ -26,4 +26,4 @@ class Silence(PanelTest):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    main()

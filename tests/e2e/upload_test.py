@@ -9,7 +9,6 @@ import socket
 import subprocess
 import tempfile
 import time
-import unittest
 
 from panel_server import (
     BOUNDARY,
@@ -24,6 +23,7 @@ from panel_server import (
     part,
 )
 from processes import wait_for
+from verdict import main
 
 LIMIT = 100 << 20
 TOO_LARGE = "Post data too large. Max allowed length is 102400KB"
@@ -379,4 +379,4 @@ class FrontEndAlone(PanelTest):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    main()
