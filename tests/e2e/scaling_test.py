@@ -207,7 +207,7 @@ def shown_units():
 class FiguresTest(unittest.TestCase):
     def test_each_part_of_the_measuring_runs(self):
         done = subprocess.run(
-            [sys.executable, "-B", SOURCE / "bench" / "scaling_figures.py", "--quick"],
+            [sys.executable, "-B", SOURCE / "bench" / "scaling" / "scaling_figures.py", "--quick"],
             capture_output=True,
             text=True,
             timeout=300,

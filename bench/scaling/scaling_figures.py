@@ -19,7 +19,7 @@ import sys
 import tempfile
 import time
 
-sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "tests" / "e2e"))
+sys.path.insert(0, str(pathlib.Path(__file__).parents[2] / "tests" / "e2e"))
 
 from panel_server import PANEL
 from processes import wait_for
