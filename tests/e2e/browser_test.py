@@ -274,7 +274,7 @@ class BrowserTest(PanelTest):
         with self.panel.back_end_away():
             self.browser.open(self.panel.url)
             self.assert_sees("Bad Gateway", "Please try again in a minute.")
-    
+
     def test_it_fits_a_telephone_at_night(self):
         self.browser.resize(500, 900)
         self.browser.prefer("dark")
@@ -287,7 +287,7 @@ class BrowserTest(PanelTest):
             if page == "Upload":
                 long_name = "a-long-name-without-a-single-blank-" * 3 + ".tar.gz"
                 self.choose((long_name, 123_456))
-                overhang = "return document.scrollingElement.scrollWidth - innerWidth"
+            overhang = "return document.scrollingElement.scrollWidth - innerWidth"
             self.assertLessEqual(self.browser.run(overhang), 0)
 
     def brightness_of_the_page(self):

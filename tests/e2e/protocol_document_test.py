@@ -65,8 +65,8 @@ class ProtocolDocumentTest(unittest.TestCase):
         """Waits until it listens; at the end it has to end when asked to."""
         server = subprocess.Popen(command, **options)
         self.addCleanup(server.kill)
-        self.addCleanup(server.wait, 300)
-        self.addCleanup(server.terminate)
+        # Again and again: uWSGI loses a signal that comes early in its start.
+        self.addCleanup(wait_for, lambda: server.terminate() or server.poll() is not None, 300)
         wait_for(lambda: os.path.exists(self.path) and listens(self.path))
 
     def test_the_back_end_shown_works(self):
