@@ -21,9 +21,10 @@ class NoResult(Exception):
 def run_in_child(seconds, function, *arguments, identity=None):
     """What a function returns in a forked process, read as JSON."""
     reader, writer = os.pipe()
+    parent = os.getpid()
     child = os.fork()
     if child == 0:
-        be_child(writer, function, arguments, identity)
+        be_child(parent, writer, function, arguments, identity)
     os.close(writer)
     try:
         text = read_until(reader, time.monotonic() + seconds)
@@ -41,13 +42,15 @@ def run_in_child(seconds, function, *arguments, identity=None):
     return result["value"]
 
 
-def be_child(writer, function, arguments, identity):
+def be_child(parent, writer, function, arguments, identity):
     """Does not return, nor raise, nor run what the parent has planned."""
     try:
         if identity is not None:
             identity.take_on()
         # A child that hangs must not outlive a doctor who has been ended.
         ctypes.CDLL(None).prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
+        if os.getppid() != parent:  # it had ended before
+            os._exit(0)
         result = {"value": function(*arguments)}
     except OSError as error:
         result = {"error": describe_error(error)}
