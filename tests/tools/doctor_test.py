@@ -380,13 +380,24 @@ class ProcessTest(DoctorTest):
             (resource.RLIMIT_CPU, "limits.processor", 5, "ok", "5 seconds"),
             (resource.RLIMIT_CPU, "limits.processor", 4, "warning", "4 seconds"),
             (resource.RLIMIT_CPU, "limits.processor", 1, "warning", "1 second"),
-            (resource.RLIMIT_CPU, "limits.processor", 0, "failure", "0 seconds"),
         ):
             with self.subTest(check=check, limit=limit):
                 arguments, name = self.sleeper(which, limit)
                 self.expect(
                     self.examine("limits", *arguments), check, outcome, name, limit=shown
                 )
+
+    def test_limits_under_which_no_process_lives(self):
+        rows = ("Max open files", "Max address space", "Max cpu time", "Max file size")
+        limits = {**dict.fromkeys(rows), "Max cpu time": 0}
+        with unittest.mock.patch.object(process, "soft_limits", return_value=limits):
+            found = list(process.check_limits(unittest.mock.Mock(pid=0)))
+        me = "this process"
+        for expected in (
+            finding("limits.processor", me, "failure", limit="0 seconds"),
+            finding("limits.descriptors", me, "ok none"),
+        ):
+            self.assertIn(expected, found)
 
     def test_no_such_process(self):
         self.assertEqual(self.examine("limits", "--pid", str(1 << 30)).status, 3)
