@@ -2,6 +2,7 @@
 /// A Cookie header, compared with a reader of its own.
 #include <zancgi/zancgi.h>
 
+#include <algorithm>
 #include <string>
 #include <string_view>
 

@@ -8,6 +8,7 @@
 #include <unistd.h>
 #include <zancgi/zancgi.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <string_view>

@@ -23,6 +23,7 @@
 #include <memory>
 #include <sstream>
 #include <stdexcept>
+#include <typeinfo>
 
 #include "support/variable.h"
 
@@ -118,7 +119,9 @@ void Parse(zan_cgi::Cgi::Data& record, const Request& request,
   try {
     record.ParseInput();
   } catch (const std::runtime_error& error) {
-    outcome.error = error.what();
+    outcome.error = typeid(error) == typeid(std::runtime_error)
+                        ? error.what()
+                        : std::string("of another type: ") + error.what();
   } catch (const TooManyLines&) {
     outcome.spins = true;
   }

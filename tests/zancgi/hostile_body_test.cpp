@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -38,7 +39,6 @@ using support::Replace;
 using support::RunCleanly;
 using support::Upload;
 using zan_cgi::Cgi;
-using zan_cgi::testing::Child;
 using zan_cgi::testing::Input;
 using zan_cgi::testing::Outcome;
 using zan_cgi::testing::ReadFile;

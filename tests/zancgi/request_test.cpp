@@ -5,7 +5,6 @@
 #include <zancgi/zancgi.h>
 
 #include <functional>
-#include <new>
 #include <stdexcept>
 #include <string>
 #include <vector>
