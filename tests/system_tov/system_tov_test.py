@@ -77,7 +77,7 @@ class SystemTovTest(unittest.TestCase):
         cls.build = cls.folder / "build"
         cls.tree = cls.folder / "tree"
         without = shutil.ignore_patterns("build", ".*", "node_modules")
-        shutil.copytree(SOURCE, cls.tree, ignore=without)
+        shutil.copytree(SOURCE, cls.tree, symlinks=True, ignore=without)
         shutil.rmtree(cls.tree / "src" / "tov")
         cls.install_site()
         cls.install_product()
@@ -266,7 +266,7 @@ class PlainTest(SystemTovTest):
 
     def test_its_own_tests_pass(self):
         run(CMAKE, "-DZANCGI_BUILD_TESTS=ON", self.build)
-        told = run(CMAKE.replace("cmake", "ctest"), "--test-dir", self.build)
+        told = run(CMAKE.replace("cmake", "ctest"), "--test-dir", self.build, "--output-on-failure")
         self.assertRegex(told, "100% tests passed.* out of [1-9]")
 
 
