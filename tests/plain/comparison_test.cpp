@@ -82,19 +82,20 @@ class Comparison {
 template <class Body>
 zan_cgi::testing::Outcome Compare(const Body& body) {
   const Scratch scratch(support::FastFolder());
-  return support::RunCleanly(Child(), [&](const zan_cgi::testing::Told& told) {
-    Comparison comparison(scratch);
-    body(comparison, scratch.Path());
-    told("cases", std::to_string(comparison.cases));
-    told("spins", std::to_string(comparison.spins));
-    told("uploads", std::to_string(comparison.uploads));
-    told("errors", std::to_string(comparison.errors));
-    told("pauses", std::to_string(comparison.pauses));
-  });
+  return support::RunCleanly(
+      Child(), [&](const zan_cgi::testing::Reporter& report) {
+        Comparison comparison(scratch);
+        body(comparison, scratch.Path());
+        report("cases", std::to_string(comparison.cases));
+        report("spins", std::to_string(comparison.spins));
+        report("uploads", std::to_string(comparison.uploads));
+        report("errors", std::to_string(comparison.errors));
+        report("pauses", std::to_string(comparison.pauses));
+      });
 }
 
 std::size_t Count(const zan_cgi::testing::Outcome& outcome, const char* what) {
-  return std::stoul(outcome.told.at(what));
+  return std::stoul(outcome.reported.at(what));
 }
 
 std::size_t FromEnvironment(const char* name, std::size_t otherwise) {

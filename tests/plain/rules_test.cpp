@@ -32,8 +32,8 @@ using support::Part;
 using support::Upload;
 using support::UploadHead;
 using zan_cgi::testing::Child;
+using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Scratch;
-using zan_cgi::testing::Told;
 using Strings = std::vector<std::string>;
 
 constexpr std::size_t kChunk = 65536;
@@ -232,7 +232,7 @@ std::string AccountOfBoth(Request request, const Scratch& scratch) {
 
 void Follow(const std::vector<Rule>& rules) {
   const Scratch scratch(support::FastFolder());
-  support::RunCleanly(Child(), [&](const Told&) {
+  support::RunCleanly(Child(), [&](const Reporter&) {
     for (const Rule& rule : rules) {
       SCOPED_TRACE(rule.name);
       EXPECT_EQ(AccountOfBoth(rule.request, scratch), rule.account);

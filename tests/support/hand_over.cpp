@@ -52,15 +52,15 @@ std::vector<std::string> NamesIn(const std::string& folder) {
   return names;
 }
 
-void TellRecord(const Told& told, const zan_cgi::Cgi::Data& record) {
+void TellRecord(const Reporter& report, const zan_cgi::Cgi::Data& record) {
   for (const auto& [name, file] : record.files) {
-    told("path of " + name, file.path);
-    told("size of " + name, std::to_string(file.size));
+    report("path of " + name, file.path);
+    report("size of " + name, std::to_string(file.size));
   }
 }
 
 void HandOverInChild(const std::vector<Stored>& files, const HandOverCall& call,
-                     const Told& told) {
+                     const Reporter& report) {
   zan_cgi::Cgi::Data record;
   for (const Stored& file : files) {
     record.files[file.name] = {file.path, file.size};
@@ -72,7 +72,7 @@ void HandOverInChild(const std::vector<Stored>& files, const HandOverCall& call,
   } catch (...) {
     failure = std::current_exception();
   }
-  TellRecord(told, record);
+  TellRecord(report, record);
   // They stay for the test to look at.
   record.files.clear();
   if (failure) std::rethrow_exception(failure);
@@ -153,10 +153,10 @@ std::string Owners::AttributesAfter() const {
 HandedOver HandOver(const Owners& owners, const std::vector<Stored>& files,
                     const HandOverCall& call,
                     const std::function<void()>& prepare) {
-  Outcome outcome = call.child.Run([&](const Told& told) {
+  Outcome outcome = call.child.Run([&](const Reporter& report) {
     FakeAccount(owners.Visitor());
     prepare();
-    HandOverInChild(files, call, told);
+    HandOverInChild(files, call, report);
   });
   EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
   EXPECT_EQ(outcome.leaked_descriptors, std::vector<std::string>{});
@@ -164,8 +164,8 @@ HandedOver HandOver(const Owners& owners, const std::vector<Stored>& files,
   result.error_type = outcome.error_type;
   result.error = outcome.error;
   for (const Stored& file : files) {
-    result.paths[file.name] = outcome.told["path of " + file.name];
-    result.sizes[file.name] = outcome.told["size of " + file.name];
+    result.paths[file.name] = outcome.reported["path of " + file.name];
+    result.sizes[file.name] = outcome.reported["size of " + file.name];
   }
   result.log = LinesOfTheSwitch(outcome.log);
   return result;

@@ -59,12 +59,12 @@ Lines LinesOfTheSwitch(const Lines& log) {
   return lines;
 }
 
-void TellIdentity(const Told& told, const Identity& identity) {
-  told("users", identity.users);
-  told("groups", identity.groups);
-  told("supplementary", identity.supplementary);
-  told("root", identity.root);
-  told("work dir", identity.work_dir);
+void TellIdentity(const Reporter& report, const Identity& identity) {
+  report("users", identity.users);
+  report("groups", identity.groups);
+  report("supplementary", identity.supplementary);
+  report("root", identity.root);
+  report("work dir", identity.work_dir);
 }
 
 Switched SwitchedOf(Outcome& outcome) {
@@ -73,34 +73,35 @@ Switched SwitchedOf(Outcome& outcome) {
   EXPECT_TRUE(outcome.error_type.empty() ||
               outcome.error_type == "std::runtime_error")
       << outcome.error_type;
-  return {{outcome.told["users"], outcome.told["groups"],
-           outcome.told["supplementary"], outcome.told["root"],
-           outcome.told["work dir"]},
+  return {{outcome.reported["users"], outcome.reported["groups"],
+           outcome.reported["supplementary"], outcome.reported["root"],
+           outcome.reported["work dir"]},
           outcome.error,
           LinesOfTheSwitch(outcome.log)};
 }
 
 Switched Switch(const Machine& machine, const Call& call,
                 const std::function<void()>& prepare) {
-  Outcome outcome = Child().WorkDir(machine.Start()).Run([&](const Told& told) {
-    machine.SetUp();
-    // Whatever groups the tests are run with.
-    if (::setgroups(0, nullptr) != 0) {
-      throw std::logic_error("cannot drop groups");
-    }
-    prepare();
-    Observer observer;
-    zan_cgi::Cgi::Data request;
-    MarkSwitch();
-    try {
-      request.DoSu(call.user, call.dir, call.use_chroot, call.use_pam);
-    } catch (...) {
-      TellIdentity(told, observer.Look());
-      throw;
-    }
-    TellIdentity(told, observer.Look());
-    EXPECT_TRUE(call.user == "root" || !CanBecomeAnother());
-  });
+  Outcome outcome =
+      Child().WorkDir(machine.Start()).Run([&](const Reporter& report) {
+        machine.SetUp();
+        // Whatever groups the tests are run with.
+        if (::setgroups(0, nullptr) != 0) {
+          throw std::logic_error("cannot drop groups");
+        }
+        prepare();
+        Observer observer;
+        zan_cgi::Cgi::Data request;
+        MarkSwitch();
+        try {
+          request.DoSu(call.user, call.dir, call.use_chroot, call.use_pam);
+        } catch (...) {
+          TellIdentity(report, observer.Look());
+          throw;
+        }
+        TellIdentity(report, observer.Look());
+        EXPECT_TRUE(call.user == "root" || !CanBecomeAnother());
+      });
   return SwitchedOf(outcome);
 }
 

@@ -18,8 +18,8 @@ namespace support {
 
 using zan_cgi::testing::LogLine;
 using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Scratch;
-using zan_cgi::testing::Told;
 
 using Lines = std::vector<LogLine>;
 
@@ -96,7 +96,7 @@ void MarkSwitch();
 Lines LinesOfTheSwitch(const Lines& log);
 
 /// Has SwitchedOf() find this identity.
-void TellIdentity(const Told& told, const Identity& identity);
+void TellIdentity(const Reporter& report, const Identity& identity);
 
 /// Of a child that has marked its switch and told its identity. Expects that it
 /// has ended well, or with a std::runtime_error, and left no descriptor open.

@@ -30,7 +30,7 @@ using zan_cgi::testing::Outcome;
 using zan_cgi::testing::ParseLog;
 using zan_cgi::testing::Post;
 using zan_cgi::testing::Refuse;
-using zan_cgi::testing::Told;
+using zan_cgi::testing::Reporter;
 
 TEST(Child, ServesARequest) {
   Backend backend;
@@ -38,18 +38,18 @@ TEST(Child, ServesARequest) {
   Outcome outcome = Child()
                         .Serve(Post("/panel").Fields({{"a", "1"}}))
                         .With(backend)
-                        .Run([](const Told& told) {
+                        .Run([](const Reporter& report) {
                           Cgi cgi("a/front", "backend");
-                          told("a", cgi.Param("a"));
-                          told("answer", cgi.Query(std::string("func=b")));
+                          report("a", cgi.Param("a"));
+                          report("answer", cgi.Query(std::string("func=b")));
                         });
   EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
-  EXPECT_EQ(outcome.told["a"], "1");
-  EXPECT_EQ(outcome.told["answer"], "<doc/>");
+  EXPECT_EQ(outcome.reported["a"], "1");
+  EXPECT_EQ(outcome.reported["answer"], "<doc/>");
 }
 
 TEST(Child, IsServedWholeByATestThatHandlesSignals) {
-  const Outcome outcome = Child().Run([](const Told& told) {
+  const Outcome outcome = Child().Run([](const Reporter& report) {
     support::StartSignalStorm(200);
     const std::string large(8'000'000, 'x');
     Backend backend;
@@ -58,7 +58,7 @@ TEST(Child, IsServedWholeByATestThatHandlesSignals) {
         Child()
             .Serve(Post("/panel").Fields({{"a", large}}))
             .With(backend)
-            .Run([](const Told& tell) {
+            .Run([](const Reporter& tell) {
               Cgi cgi("a/front", "backend");
               // Let the writers meet full buffers.
               std::this_thread::sleep_for(milliseconds(50));
@@ -66,16 +66,17 @@ TEST(Child, IsServedWholeByATestThatHandlesSignals) {
               const std::string query(100'000, 'q');
               tell("answer", std::to_string(cgi.Query(query).size()));
             });
-    told("body", inner.told["body"]);
-    told("answer", inner.told["answer"]);
-    told("query", std::to_string(backend.Queries().at(0).raw.size() / 100'000));
-    told("error", inner.error);
+    report("body", inner.reported["body"]);
+    report("answer", inner.reported["answer"]);
+    report("query",
+           std::to_string(backend.Queries().at(0).raw.size() / 100'000));
+    report("error", inner.error);
   });
   EXPECT_EQ(outcome.error, "");
-  EXPECT_EQ(outcome.told.at("error"), "");
-  EXPECT_EQ(outcome.told.at("body"), "8000000");
-  EXPECT_EQ(outcome.told.at("answer"), "8000000");
-  EXPECT_EQ(outcome.told.at("query"), "1");
+  EXPECT_EQ(outcome.reported.at("error"), "");
+  EXPECT_EQ(outcome.reported.at("body"), "8000000");
+  EXPECT_EQ(outcome.reported.at("answer"), "8000000");
+  EXPECT_EQ(outcome.reported.at("query"), "1");
 }
 
 TEST(Child, TellsWhatHasEndedIt) {
@@ -83,17 +84,17 @@ TEST(Child, TellsWhatHasEndedIt) {
     using std::runtime_error::runtime_error;
   };
   Outcome outcome =
-      Child().Run([](const Told&) { throw std::logic_error("a"); });
+      Child().Run([](const Reporter&) { throw std::logic_error("a"); });
   EXPECT_EQ(outcome.error_type, "std::logic_error");
   EXPECT_EQ(outcome.error, "a");
-  outcome = Child().Run([](const Told&) { throw 1; });
+  outcome = Child().Run([](const Reporter&) { throw 1; });
   EXPECT_EQ(outcome.error_type, "int");
-  outcome = Child().Run([](const Told&) { throw Own("b"); });
+  outcome = Child().Run([](const Reporter&) { throw Own("b"); });
   EXPECT_NE(outcome.error_type.find("Own"), std::string::npos);
 }
 
 TEST(Child, ReportsAFailedExpectation) {
-  const Outcome outcome = Child().Run([](const Told&) {
+  const Outcome outcome = Child().Run([](const Reporter&) {
     ::dup2(STDERR_FILENO, STDOUT_FILENO);
     ADD_FAILURE() << "as it should";
   });
@@ -102,20 +103,23 @@ TEST(Child, ReportsAFailedExpectation) {
 
 TEST(Child, ThatHangsIsEnded) {
   const Outcome outcome =
-      Child().TimeLimit(milliseconds(200)).Run([](const Told&) { ::pause(); });
+      Child().TimeLimit(milliseconds(200)).Run([](const Reporter&) {
+        ::pause();
+      });
   EXPECT_TRUE(outcome.timed_out);
   EXPECT_EQ(outcome.status, 128 + SIGKILL);
 }
 
 TEST(Child, TellsHowItHasEndedAlsoWhereTheEndsOfChildrenAreIgnored) {
   const auto before = ::signal(SIGCHLD, SIG_IGN);
-  const Outcome outcome = Child().Run([](const Told&) { ::raise(SIGKILL); });
+  const Outcome outcome =
+      Child().Run([](const Reporter&) { ::raise(SIGKILL); });
   EXPECT_EQ(outcome.status, 128 + SIGKILL);
   EXPECT_EQ(::signal(SIGCHLD, before), SIG_IGN);
 }
 
 TEST(Child, ThatLeavesAProcessOrADescriptorIsToldOf) {
-  const Outcome outcome = Child().Run([](const Told&) {
+  const Outcome outcome = Child().Run([](const Reporter&) {
     ::dup(0);
     if (::fork() == 0) ::pause();
   });
@@ -128,16 +132,16 @@ TEST(Child, ThatLeavesAProcessOrADescriptorIsToldOf) {
 TEST(Child, IsRefusedToTheEndOfItsRun) {
   Backend backend;
   backend.Then(Refuse()).Then(Answer("x"));
-  const auto ask = [](const Told& told) {
+  const auto ask = [](const Reporter& report) {
     Cgi cgi("a/front", "backend");
-    told("answer", cgi.Query(std::string("func=b")));
+    report("answer", cgi.Query(std::string("func=b")));
   };
   EXPECT_EQ(Child().With(backend).Run(ask).error_type, "tov_err::Error");
-  EXPECT_EQ(Child().With(backend).Run(ask).told["answer"], "x");
+  EXPECT_EQ(Child().With(backend).Run(ask).reported["answer"], "x");
 }
 
 TEST(Log, HoldsTheLinesOfAllModulesAndMarks) {
-  Outcome outcome = Child().Run([](const Told&) { Mark("here"); });
+  Outcome outcome = Child().Run([](const Reporter&) { Mark("here"); });
   EXPECT_EQ(outcome.log, (std::vector<LogLine>{{-1, "here"}}));
   EXPECT_EQ(ParseLog("zancgi[12] core error: a: b\n"
                      "2026-11-21T12:00:00Z panel[1] front debug: \n"

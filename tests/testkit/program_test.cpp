@@ -40,13 +40,13 @@ using zan_cgi::testing::Post;
 using zan_cgi::testing::Program;
 using zan_cgi::testing::Query;
 using zan_cgi::testing::Refuse;
+using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Request;
 using zan_cgi::testing::Reset;
 using zan_cgi::testing::Response;
 using zan_cgi::testing::Scratch;
 using zan_cgi::testing::StaySilent;
 using zan_cgi::testing::Step;
-using zan_cgi::testing::Told;
 
 /// The descriptors of this process.
 std::ptrdiff_t CountDescriptors() {
@@ -214,12 +214,12 @@ TEST(Program, GoesWithATestThatIsEnded) {
   // Its directory goes with this process, which is not ended.
   const Program program(ODD_FRONT);
   const Outcome outcome =
-      Child().TimeLimit(milliseconds(500)).Run([&](const Told& told) {
-        told("runs", "1");
+      Child().TimeLimit(milliseconds(500)).Run([&](const Reporter& report) {
+        report("runs", "1");
         program.Run(Get("/", "hang"));
       });
   EXPECT_TRUE(outcome.timed_out);
-  EXPECT_EQ(outcome.told.at("runs"), "1");
+  EXPECT_EQ(outcome.reported.at("runs"), "1");
   EXPECT_EQ(outcome.left_processes, std::vector<std::string>{});
 }
 

@@ -12,26 +12,26 @@ namespace fs = std::filesystem;
 
 using zan_cgi::testing::Child;
 using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Scratch;
-using zan_cgi::testing::Told;
 
 TEST(Scratch, GoesWithFoldersThatATestHasLocked) {
-  const Outcome outcome = Child().Run([](const Told& told) {
+  const Outcome outcome = Child().Run([](const Reporter& report) {
     zan_cgi::testing::BecomeOrdinaryUser();
     const Scratch scratch;
-    told("path", scratch.Path());
+    report("path", scratch.Path());
     scratch.MakeDir("closed/inner");
     scratch.MakeFile("closed/inner/file");
     fs::permissions(scratch / "closed/inner", fs::perms{0555});
     fs::permissions(scratch / "closed", fs::perms::none);
   });
   EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
-  ASSERT_NE(outcome.told.at("path"), "");
-  EXPECT_FALSE(fs::exists(outcome.told.at("path")));
+  ASSERT_NE(outcome.reported.at("path"), "");
+  EXPECT_FALSE(fs::exists(outcome.reported.at("path")));
 }
 
 TEST(Scratch, LeavesAloneWhatItsLinksPointTo) {
-  const Outcome outcome = Child().Run([](const Told& told) {
+  const Outcome outcome = Child().Run([](const Reporter& report) {
     zan_cgi::testing::BecomeOrdinaryUser();
     const Scratch other;
     const std::string folder = other.MakeDir("folder");
@@ -45,9 +45,9 @@ TEST(Scratch, LeavesAloneWhatItsLinksPointTo) {
     }
     const bool has_its_mode =
         fs::status(folder).permissions() == fs::perms{0500};
-    told("left alone", has_its_mode ? "yes" : "no");
+    report("left alone", has_its_mode ? "yes" : "no");
   });
-  EXPECT_EQ(outcome.told.at("left alone"), "yes");
+  EXPECT_EQ(outcome.reported.at("left alone"), "yes");
 }
 
 }  // namespace

@@ -41,10 +41,10 @@ using zan_cgi::testing::CloseSilently;
 using zan_cgi::testing::Outcome;
 using zan_cgi::testing::Query;
 using zan_cgi::testing::Refuse;
+using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Reset;
 using zan_cgi::testing::Scratch;
 using zan_cgi::testing::Step;
-using zan_cgi::testing::Told;
 using Lines = std::vector<std::string>;
 
 constexpr char kTooShort[] =
@@ -68,11 +68,11 @@ std::string WholeAnswer(Protocol& protocol, std::size_t size) {
 /// One whole conversation; tells its "answer".
 Outcome Converse(Backend& backend, const Lines& lines,
                  std::size_t piece = 4096) {
-  return RunWithoutLeak(Child().With(backend), [&](const Told& told) {
+  return RunWithoutLeak(Child().With(backend), [&](const Reporter& report) {
     const auto protocol = Connect(backend.Name(), false);
     for (const std::string& line : lines) protocol->SendEnv(line);
     protocol->RequestComplete();
-    told("answer", WholeAnswer(*protocol, piece));
+    report("answer", WholeAnswer(*protocol, piece));
   });
 }
 
@@ -94,7 +94,7 @@ Query Sent(const Lines& lines) {
 std::string AnswerOf(const std::string& name) {
   Backend backend(name);
   backend.Then(Answer("x"));
-  return Converse(backend, {}).told["answer"];
+  return Converse(backend, {}).reported["answer"];
 }
 
 /// Whether an answer arrives as it is, in one piece and byte by byte; with
@@ -105,12 +105,12 @@ testing::AssertionResult Arrives(const std::string& answer,
     Outcome outcome = ConverseWith(step);
     const bool good =
         error.empty()
-            ? outcome.error.empty() && outcome.told["answer"] == answer
+            ? outcome.error.empty() && outcome.reported["answer"] == answer
             : outcome.error_type == "tov_err::Error" && outcome.error == error;
     if (!good) {
       return testing::AssertionFailure()
-             << "[" << answer << "] gave [" << outcome.told["answer"] << "], "
-             << outcome.error_type << ": " << outcome.error;
+             << "[" << answer << "] gave [" << outcome.reported["answer"]
+             << "], " << outcome.error_type << ": " << outcome.error;
     }
   }
   return testing::AssertionSuccess();
@@ -119,12 +119,12 @@ testing::AssertionResult Arrives(const std::string& answer,
 /// The error of connecting, and how many sockets that took.
 Outcome ConnectTo(const std::string& name, const std::string& run_dir) {
   return RunWithoutLeak(Child().Env("TOV_RUN_DIR", run_dir),
-                        [&](const Told& told) {
+                        [&](const Reporter& report) {
                           sockets = 0;
                           try {
                             Connect(name, false);
                           } catch (...) {
-                            told("sockets", std::to_string(sockets));
+                            report("sockets", std::to_string(sockets));
                             throw;
                           }
                         });
@@ -135,7 +135,7 @@ testing::AssertionResult IsRefusedBeforeAnythingIsOpened(
   Scratch run_dir;
   const Outcome outcome = ConnectTo(name, run_dir.Path());
   if (outcome.error_type == "tov_err::Value" &&
-      outcome.told.at("sockets") == "0") {
+      outcome.reported.at("sockets") == "0") {
     return testing::AssertionSuccess();
   }
   return testing::AssertionFailure()
@@ -149,7 +149,7 @@ testing::AssertionResult LineIsRefused(const std::string& line,
   backend.Then(CloseSilently());
   const Outcome outcome = RunWithoutLeak(
       Child().With(backend),
-      [&](const Told&) { Connect(backend.Name(), false)->SendEnv(line); });
+      [&](const Reporter&) { Connect(backend.Name(), false)->SendEnv(line); });
   const std::string error =
       "bad value '" + name + "' of 'environment variable'";
   // A text of what() ends at a zero byte.
@@ -222,12 +222,12 @@ class OwnService {
 
 /// An answer that arrives in exactly these pieces.
 Outcome AnswerInPieces(const Lines& pieces) {
-  return RunWithoutLeak(Child(), [&](const Told& told) {
+  return RunWithoutLeak(Child(), [&](const Reporter& report) {
     OwnService service;
     std::string answer;
     for (const std::string& piece : pieces) answer += service.Pass(piece);
     service.EndAnswer();
-    told("answer", answer + WholeAnswer(service.Client(), 100));
+    report("answer", answer + WholeAnswer(service.Client(), 100));
   });
 }
 
@@ -381,7 +381,7 @@ TEST(Connect, FailsWhenNobodyListens) {
 TEST(Connect, LooksInTheDefaultDirectoryUnlessToldOtherwise) {
   const std::string name = "no-such-service-for-tests";
   const Outcome unset =
-      RunWithoutLeak(Child(), [&](const Told&) { Connect(name, false); });
+      RunWithoutLeak(Child(), [&](const Reporter&) { Connect(name, false); });
   const Outcome empty = ConnectTo(name, "");
   for (const Outcome& outcome : {unset, empty}) {
     EXPECT_EQ(outcome.error_type, "tov_err::Error");
@@ -396,25 +396,25 @@ TEST(Connect, HandsOutNoStandardDescriptor) {
   backend.Then(Answer("x"));
   const Outcome outcome =
       RunWithoutLeak(Child().With(backend).Closed(0).Closed(1).Closed(2),
-                     [&](const Told& told) {
+                     [&](const Reporter& report) {
                        const auto protocol = Connect(backend.Name(), false);
                        for (int descriptor = 0; descriptor <= 2; ++descriptor) {
                          if (::fcntl(descriptor, F_GETFD) >= 0)
-                           told("open", "yes");
+                           report("open", "yes");
                        }
                        protocol->RequestComplete();
-                       told("answer", WholeAnswer(*protocol, 100));
+                       report("answer", WholeAnswer(*protocol, 100));
                      });
   EXPECT_EQ(outcome.error, "");
-  EXPECT_FALSE(outcome.told.contains("open"));
-  EXPECT_EQ(outcome.told.at("answer"), "x");
+  EXPECT_FALSE(outcome.reported.contains("open"));
+  EXPECT_EQ(outcome.reported.at("answer"), "x");
 }
 
 TEST(Connect, MakesADescriptorThatIsNotInherited) {
   Backend backend;
   backend.Then(CloseSilently());
   const Outcome outcome =
-      RunWithoutLeak(Child().With(backend), [&](const Told& told) {
+      RunWithoutLeak(Child().With(backend), [&](const Reporter& report) {
         const auto protocol = Connect(backend.Name(), false);
         for (int descriptor = 3; descriptor < 100; ++descriptor) {
           sockaddr_un peer{};
@@ -424,18 +424,18 @@ TEST(Connect, MakesADescriptorThatIsNotInherited) {
               backend.SocketPath() == peer.sun_path) {
             const bool kept_back =
                 (::fcntl(descriptor, F_GETFD) & FD_CLOEXEC) != 0;
-            told("close on exec", kept_back ? "yes" : "no");
+            report("close on exec", kept_back ? "yes" : "no");
           }
         }
       });
-  EXPECT_EQ(outcome.told.at("close on exec"), "yes");
+  EXPECT_EQ(outcome.reported.at("close on exec"), "yes");
 }
 
 TEST(Connect, ClosesTheConnectionWhenDestroyed) {
   Backend backend;
   backend.Times(2, Answer("x"));
   const Outcome outcome =
-      RunWithoutLeak(Child().With(backend), [&](const Told&) {
+      RunWithoutLeak(Child().With(backend), [&](const Reporter&) {
         Connect(backend.Name(), false);
         const auto protocol = Connect(backend.Name(), true);
         protocol->SendEnv("A=1");
@@ -462,41 +462,41 @@ TEST(AnswerText, MayBeLarge) {
   for (const std::size_t piece : {1000u, 65536u, 5'000'000u}) {
     const Outcome outcome = ConverseWith(Answer(answer), piece);
     EXPECT_EQ(outcome.error, "");
-    EXPECT_TRUE(outcome.told.at("answer") == answer);
+    EXPECT_TRUE(outcome.reported.at("answer") == answer);
   }
 }
 
 TEST(AnswerText, MayBeTakenInSmallPieces) {
   const Outcome outcome = ConverseWith(Answer("Status: 200\n\nabc"), 1);
-  EXPECT_EQ(outcome.told.at("answer"), "Status: 200\n\nabc");
+  EXPECT_EQ(outcome.reported.at("answer"), "Status: 200\n\nabc");
 }
 
 TEST(AnswerText, HasEndedForGood) {
   Backend backend;
   backend.Then(Answer("x"));
   const Outcome outcome =
-      RunWithoutLeak(Child().With(backend), [&](const Told& told) {
+      RunWithoutLeak(Child().With(backend), [&](const Reporter& report) {
         const auto protocol = Connect(backend.Name(), false);
         protocol->RequestComplete();
         WholeAnswer(*protocol, 10);
-        told("more", WholeAnswer(*protocol, 10));
+        report("more", WholeAnswer(*protocol, 10));
       });
   EXPECT_EQ(outcome.error, "");
-  EXPECT_EQ(outcome.told.at("more"), "");
+  EXPECT_EQ(outcome.reported.at("more"), "");
 }
 
 // The kernel reports a peer that has not read everything once it has closed.
 TEST(AnswerText, IsNotReadOnAfterItsEnd) {
-  const Outcome outcome = RunWithoutLeak(Child(), [](const Told& told) {
+  const Outcome outcome = RunWithoutLeak(Child(), [](const Reporter& report) {
     OwnService service;
     std::string answer = service.Pass("x");
     service.EndAnswer();
     answer += WholeAnswer(service.Client(), 100);
     service.Close();
-    told("answer", answer + WholeAnswer(service.Client(), 100));
+    report("answer", answer + WholeAnswer(service.Client(), 100));
   });
   EXPECT_EQ(outcome.error, "");
-  EXPECT_EQ(outcome.told.at("answer"), "x");
+  EXPECT_EQ(outcome.reported.at("answer"), "x");
 }
 
 TEST(AnswerText, WithoutAByteOrCutByAResetIsAnError) {
@@ -597,7 +597,7 @@ TEST(ContentLength, IsFoundWhereverTheAnswerIsCut) {
          std::string(100, 'n') + ": x\nContent-Length: 6\n\nhello"}}) {
     const Outcome outcome = AnswerInPieces(pieces);
     EXPECT_EQ(outcome.error, "") << pieces[0];
-    EXPECT_TRUE(outcome.told.contains("answer")) << pieces[0];
+    EXPECT_TRUE(outcome.reported.contains("answer")) << pieces[0];
   }
 }
 
@@ -619,26 +619,26 @@ TEST(ContentLength, CountsAfterALongHeaderButNotAfterALongName) {
 TEST(Signals, DoNotInterruptAConversation) {
   Scratch run_dir;
   const Outcome outcome = RunWithoutLeak(
-      Child().Env("TOV_RUN_DIR", run_dir.Path()), [&](const Told& told) {
+      Child().Env("TOV_RUN_DIR", run_dir.Path()), [&](const Reporter& report) {
         SlowService service(run_dir / "slow.sock");
         StartSignalStorm();
         const auto protocol = Connect("slow", false);
         // More than a socket takes, so that sending has to wait as well.
         protocol->SendEnv("X=" + std::string(2'000'000, 'x'));
         protocol->RequestComplete();
-        told("answer", WholeAnswer(*protocol, 100));
-        told("alarms", std::to_string(SignalsCounted()));
+        report("answer", WholeAnswer(*protocol, 100));
+        report("alarms", std::to_string(SignalsCounted()));
         EndSignalStorm();
       });
   EXPECT_EQ(outcome.error, "");
-  EXPECT_EQ(outcome.told.at("answer"), "first second");
-  EXPECT_GT(std::stoi(outcome.told.at("alarms")), 10);
+  EXPECT_EQ(outcome.reported.at("answer"), "first second");
+  EXPECT_GT(std::stoi(outcome.reported.at("alarms")), 10);
 }
 
 TEST(Signals, DoNotInterruptAConnectionThatHasToWait) {
   const Scratch run_dir;
   const Outcome outcome = RunWithoutLeak(
-      Child().Env("TOV_RUN_DIR", run_dir.Path()), [](const Told& told) {
+      Child().Env("TOV_RUN_DIR", run_dir.Path()), [](const Reporter& report) {
         const int listener =
             Listen(std::string(::getenv("TOV_RUN_DIR")) + "/busy.sock", 0);
         // As many as may wait.
@@ -652,13 +652,13 @@ TEST(Signals, DoNotInterruptAConnectionThatHasToWait) {
           ::_exit(0);
         }
         const auto second = Connect("busy", false);
-        told("alarms", std::to_string(SignalsCounted()));
+        report("alarms", std::to_string(SignalsCounted()));
         ::kill(service, SIGKILL);
         ::waitpid(service, nullptr, 0);
         ::close(listener);
       });
   EXPECT_EQ(outcome.error, "");
-  EXPECT_GT(std::stoi(outcome.told.at("alarms")), 3);
+  EXPECT_GT(std::stoi(outcome.reported.at("alarms")), 3);
 }
 
 /// Sends more than a socket takes to a back end that closes without reading.
@@ -672,14 +672,14 @@ TEST(Signals, AreNeitherRaisedNorLeftPendingByABrokenConnection) {
   Backend backend;
   backend.Times(2, Reset());
   const Outcome outcome =
-      RunWithoutLeak(Child().With(backend), [&](const Told& told) {
+      RunWithoutLeak(Child().With(backend), [&](const Reporter& report) {
         // The signal's default action would end the process.
         EXPECT_THROW(SendToDeafEars(backend), tov_err::Error);
         Block(SIGPIPE);
         EXPECT_THROW(SendToDeafEars(backend), tov_err::Error);
-        told("pending", IsPending(SIGPIPE) ? "yes" : "no");
+        report("pending", IsPending(SIGPIPE) ? "yes" : "no");
       });
-  EXPECT_EQ(outcome.told.at("pending"), "no");
+  EXPECT_EQ(outcome.reported.at("pending"), "no");
 }
 
 TEST(Protocol, TakesItsCallsInOneOrderOnly) {
@@ -704,7 +704,7 @@ TEST(Protocol, TakesItsCallsInOneOrderOnly) {
     Backend backend;
     backend.Then(Answer("x"));
     const Outcome outcome = RunWithoutLeak(
-        Child().With(backend), [misuse = misuse, &backend](const Told&) {
+        Child().With(backend), [misuse = misuse, &backend](const Reporter&) {
           misuse(*Connect(backend.Name(), false));
         });
     EXPECT_EQ(outcome.error_type, "tov_err::Error");

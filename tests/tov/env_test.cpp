@@ -11,7 +11,7 @@
 namespace {
 
 using zan_cgi::testing::Child;
-using zan_cgi::testing::Told;
+using zan_cgi::testing::Reporter;
 using Variables = std::map<std::string, std::string>;
 
 std::string AllEnvs() {
@@ -30,19 +30,21 @@ std::string AllEnvsOf(std::vector<std::string> entries) {
   for (std::string& entry : entries) pointers.push_back(entry.data());
   pointers.push_back(nullptr);
   return Child()
-      .Run([&](const Told& told) {
+      .Run([&](const Reporter& report) {
         environ = pointers.data();
-        told("all", AllEnvs());
+        report("all", AllEnvs());
       })
-      .told.at("all");
+      .reported.at("all");
 }
 
 std::string ValueOf(const std::string& name) {
   return Child()
       .Env("SERVER_NAME", "a=b c\nd")
       .Env("EMPTY", "")
-      .Run([&](const Told& told) { told("value", tov_env::GetEnv(name)); })
-      .told.at("value");
+      .Run([&](const Reporter& report) {
+        report("value", tov_env::GetEnv(name));
+      })
+      .reported.at("value");
 }
 
 TEST(GetEnv, ReturnsTheValueOfTheWholeName) {
@@ -57,13 +59,13 @@ TEST(GetEnv, ReturnsTheValueOfTheWholeName) {
 }
 
 TEST(GetEnv, SeesLaterChanges) {
-  const auto outcome = Child().Run([](const Told& told) {
-    told("before", tov_env::GetEnv("LATE"));
+  const auto outcome = Child().Run([](const Reporter& report) {
+    report("before", tov_env::GetEnv("LATE"));
     ::setenv("LATE", "1", 1);
-    told("after", tov_env::GetEnv("LATE"));
+    report("after", tov_env::GetEnv("LATE"));
   });
-  EXPECT_EQ(outcome.told.at("before"), "");
-  EXPECT_EQ(outcome.told.at("after"), "1");
+  EXPECT_EQ(outcome.reported.at("before"), "");
+  EXPECT_EQ(outcome.reported.at("after"), "1");
 }
 
 TEST(GetAllEnvs, GivesEveryVariable) {
@@ -80,22 +82,22 @@ TEST(GetAllEnvs, TakesTheFirstOfTwoEntriesWithOneName) {
 }
 
 TEST(GetAllEnvs, IsEmptyWithoutAnEnvironment) {
-  const auto outcome = Child().Run([](const Told& told) {
+  const auto outcome = Child().Run([](const Reporter& report) {
     environ = nullptr;
-    told("all", AllEnvs());
+    report("all", AllEnvs());
   });
-  EXPECT_EQ(outcome.told.at("all"), "");
+  EXPECT_EQ(outcome.reported.at("all"), "");
 }
 
 TEST(GetAllEnvs, ReplacesWhatWasInTheMap) {
-  const auto outcome = Child().Env("A", "new").Run([](const Told& told) {
+  const auto outcome = Child().Env("A", "new").Run([](const Reporter& report) {
     Variables variables{{"A", "old"}, {"Z", "old"}};
     tov_env::GetAllEnvs(variables);
-    told("A", variables["A"]);
-    told("Z", variables.contains("Z") ? "there" : "gone");
+    report("A", variables["A"]);
+    report("Z", variables.contains("Z") ? "there" : "gone");
   });
-  EXPECT_EQ(outcome.told.at("A"), "new");
-  EXPECT_EQ(outcome.told.at("Z"), "gone");
+  EXPECT_EQ(outcome.reported.at("A"), "new");
+  EXPECT_EQ(outcome.reported.at("Z"), "gone");
 }
 
 }  // namespace

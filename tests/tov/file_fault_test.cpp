@@ -41,8 +41,8 @@ using tov_file::Attrs;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::Outcome;
 using zan_cgi::testing::ReadFile;
+using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Scratch;
-using zan_cgi::testing::Told;
 using Names = std::vector<std::string>;
 
 /// What is copied in one piece.
@@ -131,23 +131,24 @@ class CopyingMove : public testing::TestWithParam<std::tuple<bool, bool>> {
 
   /// Runs the move in a child, tells "drafts": files with a name that it made.
   Outcome Run(const FileCallWatcher& watcher) const {
-    return Child().Run([&](const Told& told) { RunHere(watcher, told); });
+    return Child().Run(
+        [&](const Reporter& report) { RunHere(watcher, report); });
   }
 
-  void RunHere(const FileCallWatcher& watcher, const Told& told,
+  void RunHere(const FileCallWatcher& watcher, const Reporter& report,
                const std::string& target) const {
     int drafts = 0;
-    told("drafts", "0");
+    report("drafts", "0");
     const Watch watch([&](const FileCall& call) {
-      if (call.name == "mkostemp") told("drafts", std::to_string(++drafts));
+      if (call.name == "mkostemp") report("drafts", std::to_string(++drafts));
       if (ByName() && call.name == "O_TMPFILE") return EOPNOTSUPP;
       return watcher(call);
     });
     tov_file::Move(Source(), target);
   }
 
-  void RunHere(const FileCallWatcher& watcher, const Told& told) const {
-    RunHere(watcher, told, Target());
+  void RunHere(const FileCallWatcher& watcher, const Reporter& report) const {
+    RunHere(watcher, report, Target());
   }
 
   static void ExpectCleanEnd(const Outcome& outcome) {
@@ -183,7 +184,7 @@ class CopyingMove : public testing::TestWithParam<std::tuple<bool, bool>> {
 
   /// Whether the copy was made by way of the kind of file that is wanted.
   void ExpectWay(const Outcome& outcome) const {
-    EXPECT_EQ(outcome.told.at("drafts"), ByName() ? "1" : "0");
+    EXPECT_EQ(outcome.reported.at("drafts"), ByName() ? "1" : "0");
   }
 
   void ExpectNothingLost() const {
@@ -231,8 +232,8 @@ INSTANTIATE_TEST_SUITE_P(File, CopyingMove,
 
 TEST_P(CopyingMove, ShowsAFileMeanwhileOnlyWhereItMust) {
   Names seen;
-  const Outcome outcome = Child().Run([&](const Told& told) {
-    RunHere(Before("write", [&] { seen = Folder().List(); }), told);
+  const Outcome outcome = Child().Run([&](const Reporter& report) {
+    RunHere(Before("write", [&] { seen = Folder().List(); }), report);
     ASSERT_EQ(seen.size(), ByName() ? 1U : 0U);
     if (ByName()) {
       EXPECT_TRUE(IsDraft(seen[0])) << seen[0];
@@ -244,8 +245,8 @@ TEST_P(CopyingMove, ShowsAFileMeanwhileOnlyWhereItMust) {
 
 TEST_P(CopyingMove, TakesATargetWithoutAFolder) {
   const Outcome outcome =
-      Child().WorkDir(Folder().Path()).Run([&](const Told& told) {
-        RunHere(LetAll, told, "target");
+      Child().WorkDir(Folder().Path()).Run([&](const Reporter& report) {
+        RunHere(LetAll, report, "target");
       });
   ExpectMoved(outcome);
   ExpectWay(outcome);
@@ -274,15 +275,15 @@ TEST_P(CopyingMove, LeavesNothingWhateverCallFails) {
   for (bool failed = true; failed; ++calls) {
     SCOPED_TRACE("call " + std::to_string(calls));
     failed = false;
-    const Outcome outcome = Child().Run([&](const Told& told) {
+    const Outcome outcome = Child().Run([&](const Reporter& report) {
       RunHere(At(calls,
                  [&] {
-                   told("failed", "yes");
+                   report("failed", "yes");
                    return EIO;
                  }),
-              told);
+              report);
     });
-    failed = outcome.told.contains("failed");
+    failed = outcome.reported.contains("failed");
     if (outcome.error.empty()) {
       ExpectMoved(outcome);
     } else {
@@ -354,7 +355,7 @@ void ExpectPrivate(int descriptor) {
 TEST_P(CopyingMove, HasItsFilesForItself) {
   for (Child child : {Child(), Child().Closed(0).Closed(1).Closed(2)}) {
     fs::permissions(Source(), fs::perms{0600});
-    const Outcome outcome = child.Run([&](const Told& told) {
+    const Outcome outcome = child.Run([&](const Reporter& report) {
       ::umask(0);
       const std::set<int> before = OpenDescriptors();
       std::size_t most = 0;
@@ -370,7 +371,7 @@ TEST_P(CopyingMove, HasItsFilesForItself) {
             }
             return 0;
           },
-          told);
+          report);
       EXPECT_EQ(most, 2U);
     });
     ExpectMoved(outcome);
@@ -390,7 +391,7 @@ TEST_P(UnnamedCopy, GetsANameWhereThereAreNoUnnamedFiles) {
     SCOPED_TRACE(std::strerror(error));
     const Outcome outcome = Run(FirstFails("O_TMPFILE", error));
     ExpectMoved(outcome);
-    EXPECT_EQ(outcome.told.at("drafts"), "1");
+    EXPECT_EQ(outcome.reported.at("drafts"), "1");
     StartAgain();
   }
 }
@@ -410,7 +411,7 @@ TEST_P(UnnamedCopy, IsMadeAgainWithANameWhenItCannotBeLinked) {
   const Outcome outcome = Run(
       [](const FileCall& call) { return call.name == "linkat" ? ENOENT : 0; });
   ExpectMoved(outcome);
-  EXPECT_EQ(outcome.told.at("drafts"), "1");
+  EXPECT_EQ(outcome.reported.at("drafts"), "1");
 }
 
 TEST_P(UnnamedCopy, RefusesATargetThatAppearsAtTheLastMoment) {
@@ -423,9 +424,9 @@ TEST_P(UnnamedCopy, RefusesATargetThatAppearsAtTheLastMoment) {
 
 TEST_P(UnnamedCopy, NeedsNoProc) {
   if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
-  const Outcome outcome = Child().Run([&](const Told& told) {
+  const Outcome outcome = Child().Run([&](const Reporter& report) {
     support::MountPrivately("/proc", "size=4k");
-    RunHere(LetAll, told);
+    RunHere(LetAll, report);
   });
   ExpectMoved(outcome);
   ExpectWay(outcome);
@@ -437,10 +438,10 @@ TEST_P(UnnamedCopy, OrOneWithANameNeedsNoProcAsAnOrdinaryUser) {
     fs::permissions(scratch->Path(), fs::perms{0777});
   }
   ASSERT_EQ(::chown(Source().c_str(), 65534, 65534), 0);
-  const Outcome outcome = Child().Run([&](const Told& told) {
+  const Outcome outcome = Child().Run([&](const Reporter& report) {
     support::MountPrivately("/proc", "size=4k");
     zan_cgi::testing::BecomeOrdinaryUser();
-    RunHere(LetAll, told);
+    RunHere(LetAll, report);
   });
   ExpectMoved(outcome);
 }
@@ -452,7 +453,7 @@ TEST(FailingMoveByLink, TakesTheNewNameBackAndReportsTheReason) {
     const Scratch scratch;
     const std::string source = scratch.MakeFile("source", "x");
     const std::string target = scratch / "target";
-    const Outcome outcome = RunWithoutLeak(Child(), [&](const Told&) {
+    const Outcome outcome = RunWithoutLeak(Child(), [&](const Reporter&) {
       const Watch watch([&](const FileCall& call) {
         if (call.name == "renameat2") return EINVAL;
         if (call.name != "unlink") return 0;
@@ -494,7 +495,7 @@ TEST(MkDirUnderAttack, ChangesNothingElse) {
     const Scratch scratch;
     const std::string victim = scratch / "victim";
     const std::string path = scratch / "new";
-    const Outcome outcome = Child().Run([&, put = put](const Told&) {
+    const Outcome outcome = Child().Run([&, put = put](const Reporter&) {
       // To open a FIFO can take for ever.
       ::alarm(10);
       const Watch watch(Before("open", [&] {

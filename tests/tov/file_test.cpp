@@ -37,8 +37,8 @@ using zan_cgi::testing::BecomeOrdinaryUser;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::Outcome;
 using zan_cgi::testing::ReadFile;
+using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Scratch;
-using zan_cgi::testing::Told;
 using Names = std::vector<std::string>;
 
 constexpr uid_t kNobody = 65534;
@@ -85,7 +85,8 @@ std::string Fifo(const Scratch& scratch, const std::string& name) {
 /// The error of this in a process of its own, with its type in front.
 std::string ErrorOf(const std::function<void()>& work,
                     const Child& child = Child()) {
-  const Outcome outcome = RunWithoutLeak(child, [&](const Told&) { work(); });
+  const Outcome outcome =
+      RunWithoutLeak(child, [&](const Reporter&) { work(); });
   return outcome.error_type + ": " + outcome.error;
 }
 
@@ -805,11 +806,11 @@ struct NewName {
 };
 
 NewName TmpName(const std::string& prefix, const Child& child = Child()) {
-  Outcome outcome = RunWithoutLeak(child, [&](const Told& told) {
+  Outcome outcome = RunWithoutLeak(child, [&](const Reporter& report) {
     ::umask(0);
-    told("name", tov_file::Tmp(prefix).Name());
+    report("name", tov_file::Tmp(prefix).Name());
   });
-  const std::string path = outcome.told["name"];
+  const std::string path = outcome.reported["name"];
   EXPECT_TRUE(path.starts_with(prefix)) << path;
   return {path, path.substr(std::min(prefix.size(), path.size()))};
 }

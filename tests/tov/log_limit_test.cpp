@@ -22,8 +22,8 @@ using zan_cgi::testing::Child;
 using zan_cgi::testing::Log;
 using zan_cgi::testing::LogLine;
 using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Scratch;
-using zan_cgi::testing::Told;
 using Texts = std::vector<std::string>;
 
 /// What an interposed write(2) does first, once, as a signal handler could.
@@ -45,7 +45,7 @@ void Write(int times, tov_log::Level level, const char* format) {
 
 /// All that a process logs until it ends by exit(3).
 Log LogOf(const std::function<void()>& work, const Child& child = Child()) {
-  const Outcome outcome = child.Run([&](const Told&) {
+  const Outcome outcome = child.Run([&](const Reporter&) {
     work();
     std::exit(0);
   });
@@ -55,7 +55,7 @@ Log LogOf(const std::function<void()>& work, const Child& child = Child()) {
 
 /// The same of a process that ends by _exit(2).
 Log LogWithoutExit(const std::function<void()>& work) {
-  const Outcome outcome = Child().Run([&](const Told&) { work(); });
+  const Outcome outcome = Child().Run([&](const Reporter&) { work(); });
   EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
   return outcome.log;
 }
@@ -242,13 +242,13 @@ TEST(LogLimit, IsForAllFormatsTogetherWithoutMemory) {
 }
 
 TEST(LogLimit, TakesNoMemoryForEachDroppedMessage) {
-  const Outcome outcome = Child().Run([](const Told& told) {
+  const Outcome outcome = Child().Run([](const Reporter& report) {
     Write(101, Warning, "a");
     const std::size_t before = ::mallinfo2().uordblks;
     Write(10'000, Warning, "a");
-    told("taken", std::to_string(::mallinfo2().uordblks - before));
+    report("taken", std::to_string(::mallinfo2().uordblks - before));
   });
-  EXPECT_LT(std::stoul(outcome.told.at("taken")), 10'000U);
+  EXPECT_LT(std::stoul(outcome.reported.at("taken")), 10'000U);
 }
 
 void WriteMore() { Write(7, Warning, "see %s"); }

@@ -46,8 +46,8 @@ using support::StartSignalStorm;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::Outcome;
 using zan_cgi::testing::ReadFile;
+using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Scratch;
-using zan_cgi::testing::Told;
 using Clock = std::chrono::steady_clock;
 
 /// How often something was handed to the system for writing; -1 while nobody
@@ -74,7 +74,7 @@ void WriteText(const std::string& text) {
 Outcome InChild(const std::function<void()>& body,
                 const std::string& target = "") {
   return RunWithoutError(Child().Env("TOV_LOG", target),
-                         [&](const Told&) { body(); });
+                         [&](const Reporter&) { body(); });
 }
 
 /// What this text leaves on standard error.
@@ -103,12 +103,12 @@ int ThresholdNow() {
 }
 
 int ThresholdFor(const char* setting) {
-  Outcome outcome = RunWithoutError(Child(), [=](const Told& told) {
+  Outcome outcome = RunWithoutError(Child(), [=](const Reporter& report) {
     ::unsetenv("TOV_LOG_LEVEL");
     if (setting != nullptr) ::setenv("TOV_LOG_LEVEL", setting, 1);
-    told("threshold", std::to_string(ThresholdNow()));
+    report("threshold", std::to_string(ThresholdNow()));
   });
-  return std::stoi(outcome.told["threshold"]);
+  return std::stoi(outcome.reported["threshold"]);
 }
 
 long Milliseconds(const std::function<void()>& work) {
@@ -198,7 +198,7 @@ class LogFile {
 
   Outcome Run(const std::function<void()>& body, Child child = Child()) const {
     return RunWithoutError(child.Env("TOV_LOG", Path()),
-                           [&](const Told&) { body(); });
+                           [&](const Reporter&) { body(); });
   }
 
  private:
@@ -256,8 +256,8 @@ TEST(LogLine, NamesEveryLevel) {
 }
 
 TEST(LogLine, IsWrittenWhateverItsLevel) {
-  const auto outcome =
-      RunWithoutError(Child().LogLevel(0), [](const Told&) { WriteText("x"); });
+  const auto outcome = RunWithoutError(Child().LogLevel(0),
+                                       [](const Reporter&) { WriteText("x"); });
   EXPECT_EQ(outcome.Logged(3), std::vector<std::string>{"x"});
 }
 
@@ -276,18 +276,18 @@ TEST(LogLine, IsHandedToTheSystemInOnePiece) {
 }
 
 TEST(LogLine, IsNotCutAtExactlyTheMostBytes) {
-  const Outcome outcome = RunWithoutError(Child(), [](const Told& told) {
+  const Outcome outcome = RunWithoutError(Child(), [](const Reporter& report) {
     WriteText("");
     struct stat before;
     ::fstat(STDERR_FILENO, &before);
     const auto room = 4096 - static_cast<std::size_t>(before.st_size);
     WriteText(std::string(room, 'a'));
     WriteText(std::string(room + 1, 'b'));
-    told("room", std::to_string(room));
+    report("room", std::to_string(room));
   });
   const auto texts = outcome.Logged(3);
   ASSERT_EQ(texts.size(), 3u);
-  const std::size_t room = std::stoul(outcome.told.at("room"));
+  const std::size_t room = std::stoul(outcome.reported.at("room"));
   EXPECT_TRUE(texts[1] == std::string(room, 'a')) << texts[1].substr(room - 9);
   EXPECT_EQ(texts[2].size(), room);
   EXPECT_TRUE(texts[2].ends_with("bbb...")) << texts[2].substr(room - 9);
@@ -421,7 +421,7 @@ TEST(LogTarget, ThatIsStandardErrorAndAFileHasTheTime) {
 
 TEST(LogTarget, IsNotWhatIsOpenedLaterAsStandardError) {
   const LogFile precious;
-  RunWithoutError(Child().Closed(2), [&](const Told&) {
+  RunWithoutError(Child().Closed(2), [&](const Reporter&) {
     WriteText("x");
     TakeForStandardError(precious.Path());
     WriteText("y");
@@ -615,7 +615,7 @@ TEST(LogSetup, OpensTheTargetAtTheFirstCheck) {
   const LogFile file;
   RunWithoutError(
       Child().WorkDir(file.Folder()).Env("TOV_LOG", "log").LogLevel(3),
-      [&](const Told&) {
+      [&](const Reporter&) {
         EXPECT_FALSE(Log().Check(tov_log::Debug));
         EXPECT_EQ(::chdir("/"), 0);
         ::setenv("TOV_LOG", (file.Folder() + "/other").c_str(), 1);
@@ -753,11 +753,11 @@ TEST_P(LogReader, ThatHasGoneLeavesPendingWhatWasPendingAlone) {
 
 TEST(LogTarget, MayBeAClosedStandardError) {
   const Outcome outcome = RunWithoutError(
-      Child().Closed(0).Closed(1).Closed(2), [](const Told& told) {
+      Child().Closed(0).Closed(1).Closed(2), [](const Reporter& report) {
         WriteText("x");
-        told("open", OpenStandardDescriptors());
+        report("open", OpenStandardDescriptors());
       });
-  EXPECT_EQ(outcome.told.at("open"), "");
+  EXPECT_EQ(outcome.reported.at("open"), "");
 }
 
 }  // namespace

@@ -43,8 +43,8 @@ using support::FileCall;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::Outcome;
 using zan_cgi::testing::ReadFile;
+using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Scratch;
-using zan_cgi::testing::Told;
 using Strings = std::vector<std::string>;
 
 constexpr uid_t kAccount = 54321;
@@ -272,26 +272,28 @@ void HandOver(const Place& place) {
 /// Hands over as root while the account acts at one moment.
 Attacked Attack(const Place& place, Way way, const Moment& moment,
                 const std::function<bool()>& deed) {
-  Outcome outcome = support::RunWithoutLeak(Child(), [&](const Told& told) {
-    // A process that waits for the other end of a FIFO does so for ever.
-    ::alarm(10);
-    Interruption interruption(moment, way,
-                              [&] { told("done", deed() ? "yes" : "no"); });
-    support::WatchFileCalls(
-        [&](const FileCall& call) { return interruption.Before(call); });
-    std::exception_ptr failure;
-    try {
-      HandOver(place);
-    } catch (...) {
-      failure = std::current_exception();
-    }
-    support::WatchFileCalls(nullptr);
-    told("calls", std::to_string(interruption.Calls()));
-    if (failure) std::rethrow_exception(failure);
-  });
-  if (!outcome.told.contains("calls")) outcome.told["calls"] = "0";
-  return {outcome.error_type, outcome.error, std::stoi(outcome.told["calls"]),
-          outcome.told["done"] == "yes"};
+  Outcome outcome =
+      support::RunWithoutLeak(Child(), [&](const Reporter& report) {
+        // A process that waits for the other end of a FIFO does so for ever.
+        ::alarm(10);
+        Interruption interruption(
+            moment, way, [&] { report("done", deed() ? "yes" : "no"); });
+        support::WatchFileCalls(
+            [&](const FileCall& call) { return interruption.Before(call); });
+        std::exception_ptr failure;
+        try {
+          HandOver(place);
+        } catch (...) {
+          failure = std::current_exception();
+        }
+        support::WatchFileCalls(nullptr);
+        report("calls", std::to_string(interruption.Calls()));
+        if (failure) std::rethrow_exception(failure);
+      });
+  if (!outcome.reported.contains("calls")) outcome.reported["calls"] = "0";
+  return {outcome.error_type, outcome.error,
+          std::stoi(outcome.reported["calls"]),
+          outcome.reported["done"] == "yes"};
 }
 
 /// Whether the account may read a file that lies in a folder of its own.
@@ -475,15 +477,16 @@ TEST(CopyingMove, IsTakenBackWhenTheSourceCannotBeLookedAtAnyMore) {
   const Scratch from;
   const Scratch to(kOtherFileSystem);
   const std::string source = from.MakeFile("source", "x");
-  const Outcome outcome = support::RunWithoutLeak(Child(), [&](const Told&) {
-    bool is_copied = false;
-    support::WatchFileCalls([&](const FileCall& call) {
-      if (call.name == "fsync") is_copied = true;
-      const bool is_last_look = call.name == "lstat" && call.path == source;
-      return is_copied && is_last_look ? EIO : 0;
-    });
-    tov_file::Move(source, to / "target");
-  });
+  const Outcome outcome =
+      support::RunWithoutLeak(Child(), [&](const Reporter&) {
+        bool is_copied = false;
+        support::WatchFileCalls([&](const FileCall& call) {
+          if (call.name == "fsync") is_copied = true;
+          const bool is_last_look = call.name == "lstat" && call.path == source;
+          return is_copied && is_last_look ? EIO : 0;
+        });
+        tov_file::Move(source, to / "target");
+      });
   EXPECT_EQ(outcome.error_type, "tov_err::Error");
   EXPECT_EQ(outcome.error,
             "cannot remove '" + source + "': " + std::strerror(EIO));

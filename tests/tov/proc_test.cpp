@@ -10,7 +10,7 @@
 namespace {
 
 using zan_cgi::testing::Child;
-using zan_cgi::testing::Told;
+using zan_cgi::testing::Reporter;
 using Clock = std::chrono::steady_clock;
 
 long MillisecondsAsleep(unsigned milliseconds) {
@@ -33,15 +33,15 @@ TEST(Sleep, LastsAsLongAsAsked) {
 TEST(Sleep, OfNothingReturnsAtOnce) { EXPECT_LT(MillisecondsAsleep(0), 100); }
 
 TEST(Sleep, LastsAsLongAsAskedInASignalStorm) {
-  const auto outcome = Child().Run([](const Told& told) {
+  const auto outcome = Child().Run([](const Reporter& report) {
     support::StartSignalStorm();
-    told("asleep", std::to_string(MillisecondsAsleep(300)));
-    told("alarms", std::to_string(support::SignalsCounted()));
+    report("asleep", std::to_string(MillisecondsAsleep(300)));
+    report("alarms", std::to_string(support::SignalsCounted()));
   });
-  const int asleep = std::stoi(outcome.told.at("asleep"));
+  const int asleep = std::stoi(outcome.reported.at("asleep"));
   EXPECT_GE(asleep, 300);
   EXPECT_LT(asleep, 1300);
-  EXPECT_GT(std::stoi(outcome.told.at("alarms")), 3);
+  EXPECT_GT(std::stoi(outcome.reported.at("alarms")), 3);
 }
 
 }  // namespace

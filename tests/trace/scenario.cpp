@@ -25,8 +25,8 @@ using zan_cgi::testing::Child;
 using zan_cgi::testing::Input;
 using zan_cgi::testing::LogLine;
 using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Scratch;
-using zan_cgi::testing::Told;
 using Lines = std::vector<std::string>;
 
 const char kAnyOrder[] = "| ";
@@ -59,14 +59,17 @@ Lines TraceOf(Script script, const Act& act) {
   folder.MakeDir("spool");
   const Input input = Input::File(script.input);
   const Outcome outcome =
-      Child().WorkDir(folder.Path()).StandardInput(input).Run([&](const Told&) {
-        const support::Recording recording(
-            {.accounts = {{"alice", 1001, 1002, "."}, {"root", 0, 0, "."}},
-             .failures = script.failures,
-             .free_blocks = script.free_blocks});
-        Follow(script);
-        act();
-      });
+      Child()
+          .WorkDir(folder.Path())
+          .StandardInput(input)
+          .Run([&](const Reporter&) {
+            const support::Recording recording(
+                {.accounts = {{"alice", 1001, 1002, "."}, {"root", 0, 0, "."}},
+                 .failures = script.failures,
+                 .free_blocks = script.free_blocks});
+            Follow(script);
+            act();
+          });
   EXPECT_EQ(outcome.error, "");
   EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
   for (const std::string& descriptor : outcome.leaked_descriptors) {

@@ -41,13 +41,13 @@ using zan_cgi::testing::Child;
 using zan_cgi::testing::Input;
 using zan_cgi::testing::LogLine;
 using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Scratch;
-using zan_cgi::testing::Told;
 using Strings = std::vector<std::string>;
 
 /// Does the work as the server of a POST.
 Outcome Serve(const std::function<void()>& work, Child child = Post("")) {
-  return RunCleanly(child, [&](const Told&) { work(); });
+  return RunCleanly(child, [&](const Reporter&) { work(); });
 }
 
 /// The text of the refusal of a declared length; empty when the limit is kept.
@@ -75,7 +75,7 @@ std::string LengthTaken(const std::string& declared) {
 }
 
 TEST(ContentLength, AboveTheLimitIsRefusedAsARuntimeError) {
-  const Outcome outcome = RunWithoutLeak(Post("2049"), [](const Told&) {
+  const Outcome outcome = RunWithoutLeak(Post("2049"), [](const Reporter&) {
     Cgi("/bin/front", "panel").CheckContentLength(2048);
   });
   EXPECT_EQ(outcome.error_type, "std::runtime_error");
@@ -187,43 +187,44 @@ TEST(ContentLength, IsCheckedWithoutReadingOrLogging) {
 }
 
 /// Checks the directory; tells it as it is afterwards, and its kind.
-void CheckAndTell(const std::string& directory, const Told& told) {
+void CheckAndTell(const std::string& directory, const Reporter& report) {
   Cgi::Data record;
   record.tmp_dir = directory;
   try {
     record.CheckTmpDir();
   } catch (...) {
-    told("tmp_dir", record.tmp_dir);
+    report("tmp_dir", record.tmp_dir);
     throw;
   }
-  told("tmp_dir", record.tmp_dir);
-  told("made", std::filesystem::is_directory(record.tmp_dir) ? "yes" : "no");
+  report("tmp_dir", record.tmp_dir);
+  report("made", std::filesystem::is_directory(record.tmp_dir) ? "yes" : "no");
 }
 
 Outcome Check(const std::string& directory, Child child = {}) {
-  return RunWithoutLeak(
-      child, [&directory](const Told& told) { CheckAndTell(directory, told); });
+  return RunWithoutLeak(child, [&directory](const Reporter& report) {
+    CheckAndTell(directory, report);
+  });
 }
 
 /// It was taken, and is a directory now.
 void ExpectTaken(const Outcome& outcome, const std::string& directory) {
   EXPECT_EQ(outcome.error, "");
-  EXPECT_EQ(outcome.told.at("tmp_dir"), directory);
-  EXPECT_EQ(outcome.told.at("made"), "yes");
+  EXPECT_EQ(outcome.reported.at("tmp_dir"), directory);
+  EXPECT_EQ(outcome.reported.at("made"), "yes");
 }
 
 void ExpectNoDirectory(const std::string& path) {
   const Outcome outcome = Check(path);
   EXPECT_EQ(outcome.error_type, "std::runtime_error");
   EXPECT_EQ(outcome.error, "temp dir '" + path + "' is not a directory");
-  EXPECT_EQ(outcome.told.at("tmp_dir"), path);
+  EXPECT_EQ(outcome.reported.at("tmp_dir"), path);
 }
 
 /// It cannot be made or looked at, but is kept.
 void ExpectSystemError(const Outcome& outcome, const std::string& path) {
   EXPECT_EQ(outcome.error_type, "tov_err::Error");
   EXPECT_NE(outcome.error.find(path), std::string::npos) << outcome.error;
-  EXPECT_EQ(outcome.told.at("tmp_dir"), path);
+  EXPECT_EQ(outcome.reported.at("tmp_dir"), path);
 }
 
 TEST(TmpDir, ThatIsThereIsTakenAsItIs) {
@@ -281,9 +282,9 @@ TEST(TmpDir, ThatCannotBeMadeIsAnError) {
 
 /// Checks the directory as an ordinary user.
 Outcome CheckAsOrdinaryUser(const std::string& directory) {
-  return RunWithoutLeak(Child(), [&directory](const Told& told) {
+  return RunWithoutLeak(Child(), [&directory](const Reporter& report) {
     zan_cgi::testing::BecomeOrdinaryUser();
-    CheckAndTell(directory, told);
+    CheckAndTell(directory, report);
   });
 }
 
@@ -314,7 +315,7 @@ TEST(TmpDir, OfTheEnvironmentMustBeADirectoryToo) {
   const std::string file = scratch.MakeFile("file");
   const Outcome outcome = Check("", Child().Env("TMP", file));
   EXPECT_EQ(outcome.error, "temp dir '" + file + "' is not a directory");
-  EXPECT_EQ(outcome.told.at("tmp_dir"), file);
+  EXPECT_EQ(outcome.reported.at("tmp_dir"), file);
 }
 
 TEST(TmpDir, OfTheEnvironmentIsUnusedWhenThereIsOne) {
@@ -348,11 +349,11 @@ TEST(TmpDir, BelowACurrentDirectoryThatCannotBeEnteredIsAnError) {
   for (const bool is_gone : {false, true}) {
     const std::string work = scratch.MakeDir("work");
     const Outcome outcome =
-        RunWithoutLeak(Child().WorkDir(work), [&](const Told& told) {
+        RunWithoutLeak(Child().WorkDir(work), [&](const Reporter& report) {
           if (is_gone) std::filesystem::remove(work);
           ::chmod(work.c_str(), 0);
           zan_cgi::testing::BecomeOrdinaryUser();
-          CheckAndTell("", told);
+          CheckAndTell("", report);
         });
     ExpectSystemError(outcome, "tmp");
     ::chmod(work.c_str(), 0700);
@@ -374,15 +375,15 @@ const std::string kUpload = support::Upload("u", "f", "content") + kFormEnd;
 std::string UploadAfter(const Scratch& scratch,
                         const std::function<void(Cgi& cgi)>& choose) {
   const Input input = Input::Pipe(kUpload);
-  const Outcome outcome =
-      RunCleanly(PostOf(kUpload).StandardInput(input), [&](const Told& told) {
+  const Outcome outcome = RunCleanly(
+      PostOf(kUpload).StandardInput(input), [&](const Reporter& report) {
         Cgi cgi(scratch / "cgi/front", "panel");
         choose(cgi);
         cgi.ParseQuery();
-        told("path", cgi.File("f"));
+        report("path", cgi.File("f"));
         EXPECT_EQ(zan_cgi::testing::ReadFile(cgi.File("f")), "content");
       });
-  const std::string path = outcome.told.at("path");
+  const std::string path = outcome.reported.at("path");
   EXPECT_TRUE(path.find("/zantemp") != std::string::npos) << path;
   return path.substr(0, path.find("/zantemp"));
 }
@@ -427,8 +428,8 @@ TEST(SetTmpDir, KeepsTheNameOfWhatIsNoDirectory) {
   const Scratch scratch;
   const std::string file = scratch.MakeFile("file");
   const Input input = Input::Pipe(kUpload);
-  const Outcome outcome =
-      RunWithoutLeak(PostOf(kUpload).StandardInput(input), [&](const Told&) {
+  const Outcome outcome = RunWithoutLeak(
+      PostOf(kUpload).StandardInput(input), [&](const Reporter&) {
         Cgi cgi(scratch / "cgi/front", "panel");
         EXPECT_THROW(cgi.SetTmpDir(file), std::runtime_error);
         cgi.ParseQuery();
@@ -485,7 +486,7 @@ TEST(FreeSpace, IsAskedOnceOfThePathAsItIs) {
 TEST(FreeSpace, ThatCannotBeFoundOutIsAnError) {
   for (const std::string path : {"/nowhere/at/all", "", "relative"}) {
     const Outcome outcome = RunWithoutLeak(
-        Child(), [&](const Told&) { Cgi::Data().FreeSpaceSize(path); });
+        Child(), [&](const Reporter&) { Cgi::Data().FreeSpaceSize(path); });
     EXPECT_EQ(outcome.error_type, "std::runtime_error");
     EXPECT_EQ(outcome.error, "Cannot run statfs on " + path);
   }
@@ -539,13 +540,14 @@ Strings Lines(const Outcome& outcome) {
 Strings RoomLines(const std::string& declared, std::uint64_t free_space,
                   int level = 9) {
   const Input input = Input::Pipe("");
-  const Outcome outcome = RunWithoutLeak(
-      Post(declared).LogLevel(level).StandardInput(input), [&](const Told&) {
-        Replace({.statfs = Having(1, free_space)});
-        Cgi::Data record;
-        record.tmp_dir = "/any";
-        record.ParseInput();
-      });
+  const Outcome outcome =
+      RunWithoutLeak(Post(declared).LogLevel(level).StandardInput(input),
+                     [&](const Reporter&) {
+                       Replace({.statfs = Having(1, free_space)});
+                       Cgi::Data record;
+                       record.tmp_dir = "/any";
+                       record.ParseInput();
+                     });
   EXPECT_EQ(outcome.error, "Error reading STDIN");
   Strings found;
   for (const std::string& line : Lines(outcome)) {
@@ -595,7 +597,7 @@ TEST(Room, ThatIsTooLittleCountsWithoutTheLogToo) {
   const Scratch scratch;
   const Input input = Input::Pipe(kUpload);
   RunCleanly(PostOf(kUpload).LogLevel(0).StandardInput(input),
-             [&](const Told&) {
+             [&](const Reporter&) {
                Replace({.statfs = Having(1, kUpload.size() - 1)});
                Cgi::Data record;
                record.tmp_dir = scratch.Path();
@@ -609,7 +611,7 @@ TEST(Room, ThatIsTooLittleCountsWithoutTheLogToo) {
 TEST(Room, IsLookedForBeforeAnyByteIsRead) {
   const Input input = Input::Pipe("a=1");
   const Outcome outcome =
-      RunCleanly(Post("3").StandardInput(input), [](const Told&) {
+      RunCleanly(Post("3").StandardInput(input), [](const Reporter&) {
         Replace({.read =
                      [](void* buffer, std::size_t size) {
                        zan_cgi::testing::Mark("read");
@@ -643,28 +645,28 @@ Outcome ParseWithTmp(
     const std::function<void()>& before = [] {}) {
   const Input input = Input::Pipe("a=1");
   child.Env("CONTENT_LENGTH", "3").Env("TMP", tmp).StandardInput(input);
-  return RunWithoutLeak(child, [&](const Told& told) {
+  return RunWithoutLeak(child, [&](const Reporter& report) {
     before();
     Cgi::Data record;
     try {
       record.ParseInput();
     } catch (const std::runtime_error&) {
-      told("tmp_dir", record.tmp_dir);
+      report("tmp_dir", record.tmp_dir);
       throw;
     }
-    told("tmp_dir", record.tmp_dir);
-    told("a", record.params.at("a"));
+    report("tmp_dir", record.tmp_dir);
+    report("a", record.params.at("a"));
   });
 }
 
 TEST(ParsersTmpDir, IsNeitherMadeNorAskedWhatItIs) {
   const Scratch scratch;
   const std::string file = scratch.MakeFile("file");
-  EXPECT_EQ(ParseWithTmp(file).told.at("a"), "1");
+  EXPECT_EQ(ParseWithTmp(file).reported.at("a"), "1");
   const Outcome missing = ParseWithTmp(scratch / "missing");
   EXPECT_EQ(missing.error_type, "std::runtime_error");
   EXPECT_EQ(missing.error, "Cannot run statfs on " + scratch / "missing");
-  EXPECT_EQ(missing.told.at("tmp_dir"), scratch / "missing");
+  EXPECT_EQ(missing.reported.at("tmp_dir"), scratch / "missing");
   EXPECT_EQ(scratch.List(), Strings{"file"});
 }
 
@@ -673,7 +675,7 @@ TEST(ParsersTmpDir, MayBeRelative) {
   scratch.MakeDir("spool");
   Child child;
   child.WorkDir(scratch / "spool");
-  EXPECT_EQ(ParseWithTmp("../spool", child).told.at("tmp_dir"), "../spool");
+  EXPECT_EQ(ParseWithTmp("../spool", child).reported.at("tmp_dir"), "../spool");
 }
 
 TEST(ParsersTmpDir, BelowACurrentDirectoryThatMayNotBeEnteredIsAnError) {
@@ -691,14 +693,14 @@ TEST(ParsersTmpDir, IsLoggedFromLevelNineOnly) {
   const std::string line = "9 zancgi.cpp:# temp dir is empty, new temp dir ";
   EXPECT_EQ(Lines(ParseWithTmp("/")).at(3), line + "'/'");
   const Outcome quiet = ParseWithTmp("/", Child().LogLevel(8));
-  EXPECT_EQ(quiet.told.at("tmp_dir"), "/");
+  EXPECT_EQ(quiet.reported.at("tmp_dir"), "/");
   EXPECT_TRUE(quiet.Logged(9).empty());
 }
 
 TEST(ParsersTmpDir, ThatIsSetIsNotLogged) {
   const Input input = Input::Pipe("a=1");
   const Outcome outcome =
-      RunCleanly(Post("3").StandardInput(input), [](const Told&) {
+      RunCleanly(Post("3").StandardInput(input), [](const Reporter&) {
         Cgi::Data record;
         record.tmp_dir = "/";
         record.ParseInput();

@@ -21,20 +21,20 @@ using zan_cgi::testing::Child;
 using zan_cgi::testing::CloseSilently;
 using zan_cgi::testing::Outcome;
 using zan_cgi::testing::Refuse;
+using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Reset;
 using zan_cgi::testing::Step;
-using zan_cgi::testing::Told;
 using Pair = std::pair<std::string, std::string>;
 
 constexpr char kAlice[] = R"(<doc><user name="alice" level="7"/></doc>)";
 
 Child Request() { return Child().Env("REQUEST_METHOD", "GET"); }
 
-void TellSession(const Told& told, const Cgi& cgi) {
+void TellSession(const Reporter& report, const Cgi& cgi) {
   const Cgi::AuthInfo& session = cgi.auth();
-  told("name", session.name);
-  told("level", std::to_string(session.level));
-  told("language", session.lang_word + " " + session.lang_rest);
+  report("name", session.name);
+  report("level", std::to_string(session.level));
+  report("language", session.lang_word + " " + session.lang_rest);
 }
 
 /// Authorizes by the cookie of a session, which the back end answers like this
@@ -46,7 +46,7 @@ Outcome Authorize(const Step& step, const std::string& cookies = "") {
   return Request()
       .Env("HTTP_COOKIE", "backendses5=s" + cookies)
       .With(backend)
-      .Run([](const Told& told) {
+      .Run([](const Reporter& report) {
         Cgi cgi("/bin/front", "backend");
         try {
           cgi.Authorize(Cgi::AuthInfo::AuthAny);
@@ -54,7 +54,7 @@ Outcome Authorize(const Step& step, const std::string& cookies = "") {
           EXPECT_THROW(cgi.auth(), std::runtime_error);
           throw;
         }
-        TellSession(told, cgi);
+        TellSession(report, cgi);
       });
 }
 
@@ -63,12 +63,15 @@ TEST(Authorize, ThatCannotReadTheParametersLeavesTheMethodOpen) {
   Backend backend;
   backend.Then(Answer("<doc/>"));
   const Outcome outcome =
-      Child().Env("REQUEST_METHOD", "HEAD").With(backend).Run([](const Told&) {
-        Cgi cgi("/bin/front", "backend");
-        EXPECT_THROW(cgi.Authorize(Cgi::AuthInfo::AuthParams),
-                     std::runtime_error);
-        EXPECT_EQ(cgi.Query("func=list"), "<doc/>");
-      });
+      Child()
+          .Env("REQUEST_METHOD", "HEAD")
+          .With(backend)
+          .Run([](const Reporter&) {
+            Cgi cgi("/bin/front", "backend");
+            EXPECT_THROW(cgi.Authorize(Cgi::AuthInfo::AuthParams),
+                         std::runtime_error);
+            EXPECT_EQ(cgi.Query("func=list"), "<doc/>");
+          });
   EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
   EXPECT_EQ(outcome.error, "");
   EXPECT_EQ(backend.Queries().at(0)["QUERY_STRING"], "func=list&out=xml");
@@ -116,7 +119,7 @@ TEST(Authorize, TakesALevelForWhatItIs) {
                          {"99999999999", "2147483647"}}) {
     Outcome outcome = Authorize(
         Answer("<doc><user name=\"a\" level=\"" + written + "\"/></doc>"));
-    EXPECT_EQ(outcome.told["level"], level) << written;
+    EXPECT_EQ(outcome.reported["level"], level) << written;
   }
 }
 
@@ -124,7 +127,7 @@ TEST(Authorize, SplitsTheLanguageCookieAtItsLastColon) {
   for (const auto& [cookie, parts] : std::vector<Pair>{
            {"x:y", "y x"}, {"a:b:c", "c a:b"}, {":", " "}, {"en", " "}}) {
     Outcome outcome = Authorize(Answer(kAlice), "; backendlang5=" + cookie);
-    EXPECT_EQ(outcome.told["language"], parts) << cookie;
+    EXPECT_EQ(outcome.reported["language"], parts) << cookie;
   }
 }
 
@@ -133,16 +136,16 @@ TEST(Authorize, KeepsSessionAndMethodWhenTheBackEndFails) {
   const Outcome outcome = Request()
                               .Env("QUERY_STRING", "auth=xyz")
                               .With(backend)
-                              .Run([&](const Told& told) {
+                              .Run([&](const Reporter& report) {
                                 zan_cgi::Cgi cgi("/bin/front", "backend");
                                 try {
                                   cgi.Authorize(Cgi::AuthInfo::AuthAny);
                                 } catch (const tov_err::Error&) {
-                                  told("failed", "yes");
+                                  report("failed", "yes");
                                 }
                                 cgi.Query("func=x");
                               });
-  EXPECT_EQ(outcome.told.at("failed"), "yes");
+  EXPECT_EQ(outcome.reported.at("failed"), "yes");
   EXPECT_EQ(backend.Attempts(), 8U);
   // The next query carries the session.
   EXPECT_EQ(outcome.Logged(7).at(1),
@@ -155,23 +158,23 @@ TEST(Authorize, LeavesAnEarlierSuccessStanding) {
   const Outcome outcome = Request()
                               .Env("HTTP_COOKIE", "backendses5=s")
                               .With(backend)
-                              .Run([](const Told& told) {
+                              .Run([](const Reporter& report) {
                                 Cgi cgi("/bin/front", "backend");
                                 cgi.Authorize(Cgi::AuthInfo::AuthAny);
                                 try {
                                   cgi.Authorize(Cgi::AuthInfo::AuthAny);
                                 } catch (const std::runtime_error& error) {
-                                  told("second", error.what());
+                                  report("second", error.what());
                                 }
-                                TellSession(told, Cgi(cgi));
+                                TellSession(report, Cgi(cgi));
                               });
-  EXPECT_EQ(outcome.told.at("second"), "bad answer from 'backend'");
-  EXPECT_EQ(outcome.told.at("name"), "alice");
+  EXPECT_EQ(outcome.reported.at("second"), "bad answer from 'backend'");
+  EXPECT_EQ(outcome.reported.at("name"), "alice");
 }
 
 TEST(Auth, OfAFreshObjectIsRefused) {
-  const Outcome outcome = Request().Run([](const Told& told) {
-    TellSession(told, Cgi("/bin/front", "backend"));
+  const Outcome outcome = Request().Run([](const Reporter& report) {
+    TellSession(report, Cgi("/bin/front", "backend"));
   });
   EXPECT_EQ(outcome.error_type, "std::runtime_error");
   EXPECT_EQ(outcome.error, "not authorized");
@@ -189,17 +192,17 @@ TEST(Authorize, LeavesAnEarlierLanguageWithoutAColon) {
       Request()
           .Env("HTTP_COOKIE", "backendses5=s; backendlang5=x:y; onelang5=en")
           .With(backend)
-          .Run([](const Told& told) {
+          .Run([](const Reporter& report) {
             Cgi cgi("/bin/front", "backend");
             cgi.Authorize(Cgi::AuthInfo::AuthAny);
             for (const char* const name : {"one", "none"}) {
               cgi.SetTovName(name);
               cgi.Authorize(Cgi::AuthInfo::AuthAny);
-              told(name, cgi.auth().lang_word + " " + cgi.auth().lang_rest);
+              report(name, cgi.auth().lang_word + " " + cgi.auth().lang_rest);
             }
           });
-  EXPECT_EQ(outcome.told.at("one"), "y x");
-  EXPECT_EQ(outcome.told.at("none"), "y x");
+  EXPECT_EQ(outcome.reported.at("one"), "y x");
+  EXPECT_EQ(outcome.reported.at("none"), "y x");
 }
 
 }  // namespace

@@ -33,8 +33,8 @@ using zan_cgi::testing::Child;
 using zan_cgi::testing::Input;
 using zan_cgi::testing::LogLine;
 using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Scratch;
-using zan_cgi::testing::Told;
 using Strings = std::vector<std::string>;
 
 Cgi MakeCgi() { return {"/bin/front", "panel"}; }
@@ -59,7 +59,7 @@ TEST(Upload, IsAFileOfItsOwnInTheTemporaryDirectory) {
   const Scratch scratch;
   const std::string body = Upload("u", "f", "x") + kFormEnd;
   const Input input = Input::Pipe(body);
-  RunCleanly(PostOf(body).StandardInput(input), [&scratch](const Told&) {
+  RunCleanly(PostOf(body).StandardInput(input), [&scratch](const Reporter&) {
     Cgi cgi = MakeCgi();
     cgi.SetTmpDir(scratch.Path());
     EXPECT_EQ(cgi.File("f"), "");
@@ -80,7 +80,7 @@ TEST(Upload, GoesWithTheLastCopyOfTheRequest) {
   const std::string body =
       Upload("u", "b", "12345") + Upload("v", "a", "123") + kFormEnd;
   const Input input = Input::Pipe(body);
-  RunCleanly(PostOf(body).StandardInput(input), [&scratch](const Told&) {
+  RunCleanly(PostOf(body).StandardInput(input), [&scratch](const Reporter&) {
     auto first = std::make_unique<Cgi>(MakeCgi());
     first->SetTmpDir(scratch.Path());
     auto second = std::make_unique<Cgi>(*first);
@@ -100,7 +100,7 @@ Outcome LogOfUpload(const std::string& body, int level) {
   const Scratch scratch;
   const Input input = Input::Pipe(body);
   return RunCleanly(PostOf(body).LogLevel(level).StandardInput(input),
-                    [&](const Told&) {
+                    [&](const Reporter&) {
                       Cgi::Data record;
                       record.tmp_dir = scratch.Path();
                       record.ParseInput();
@@ -136,7 +136,7 @@ TEST(ContentLength, OfZeroOrNoneLeavesTheBodyForALaterTry) {
     if (!is_set) child = Child().Env("REQUEST_METHOD", "POST");
     const Input input = Input::Pipe("a=1");
     const Outcome outcome =
-        RunCleanly(child.StandardInput(input), [](const Told&) {
+        RunCleanly(child.StandardInput(input), [](const Reporter&) {
           Cgi cgi = MakeCgi();
           Strings names{"old"};
           EXPECT_EQ(cgi.Param("a"), "");
@@ -162,7 +162,7 @@ TEST(ContentLength, OfZeroOrNoneLeavesTheBodyForALaterTry) {
 Outcome ParseInState(std::ios::iostate state, const Input& input,
                      const std::string& declared, const std::string& folder) {
   return RunWithoutLeak(Post(declared, "").StandardInput(input),
-                        [&](const Told& told) {
+                        [&](const Reporter& report) {
                           std::cin.setstate(state);
                           Cgi::Data record;
                           record.tmp_dir = folder;
@@ -170,10 +170,10 @@ Outcome ParseInState(std::ios::iostate state, const Input& input,
                             record.ParseInput();
                           } catch (const std::runtime_error&) {
                             EXPECT_TRUE(record.parsed);
-                            told("a", record.params["a"]);
+                            report("a", record.params["a"]);
                             throw;
                           }
-                          told("a", record.params["a"]);
+                          report("a", record.params["a"]);
                         });
 }
 
@@ -184,7 +184,7 @@ TEST(StandardInputStream, EndsTheLoopWhenItIsInAnyErrorState) {
         ParseInState(state, Input::Pipe("a=1"), "7", "/tmp");
     EXPECT_EQ(outcome.error,
               "POST read failed: CONTENT_LENGTH=7, bytes read:3");
-    EXPECT_EQ(outcome.told.at("a"), "1");
+    EXPECT_EQ(outcome.reported.at("a"), "1");
   }
 }
 

@@ -42,7 +42,7 @@ using zan_cgi::Cgi;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::LogLine;
 using zan_cgi::testing::Outcome;
-using zan_cgi::testing::Told;
+using zan_cgi::testing::Reporter;
 
 const Call kConfined{.dir = "/", .use_chroot = true};
 const Call kConfinedWithPam{.dir = "/", .use_chroot = true, .use_pam = true};
@@ -62,13 +62,13 @@ class Confinement : public support::MachineTest<> {
   /// shows that what the test has planted does harm.
   /// @param prepare  called in the child, once the account is in place
   Identity ConfineCarelessly(const std::function<void()>& prepare = [] {}) {
-    Outcome outcome = Child().Run([&](const Told& told) {
+    Outcome outcome = Child().Run([&](const Reporter& report) {
       machine_.SetUp();
       prepare();
       const Observer observer;
       ASSERT_EQ(::chroot(machine_.Home().c_str()), 0);
       ::initgroups("visitor", support::kVisitor);
-      support::TellIdentity(told, observer.Look());
+      support::TellIdentity(report, observer.Look());
     });
     return support::SwitchedOf(outcome).identity;
   }
@@ -292,7 +292,7 @@ class PlantedBackEnd : public Confinement {
         .Env("REQUEST_METHOD", "GET")
         .Env("HTTP_COOKIE", backend_.Name() + "ses5=secret")
         .With(backend_)
-        .Run([&](const Told& told) {
+        .Run([&](const Reporter& report) {
           machine_.SetUp();
           PlantSocket();
           prepare();
@@ -301,12 +301,12 @@ class PlantedBackEnd : public Confinement {
           try {
             ask(cgi);
           } catch (const std::runtime_error& error) {
-            told("error", error.what());
+            report("error", error.what());
           }
           try {
-            told("name", cgi.auth().name);
+            report("name", cgi.auth().name);
           } catch (const std::runtime_error& error) {
-            told("name", error.what());
+            report("name", error.what());
           }
         });
   }
@@ -338,8 +338,8 @@ TEST_F(PlantedBackEnd, IsNotAsked) {
              }}) {
       Outcome outcome = AskAfterTheSwitch(ask);
       EXPECT_EQ(outcome.error, "");
-      EXPECT_EQ(outcome.told["error"], kNotFromInside);
-      EXPECT_EQ(outcome.told["name"], "not authorized");
+      EXPECT_EQ(outcome.reported["error"], kNotFromInside);
+      EXPECT_EQ(outcome.reported["name"], "not authorized");
     }
   }
   EXPECT_TRUE(backend_.Queries().empty());
@@ -352,8 +352,8 @@ TEST_F(PlantedBackEnd, DoesNotMatterOutsideOfAnAccountsFolder) {
   Outcome confined = AskAfterTheSwitch(Authorize);
   for (Outcome* outcome : {&unconfined, &confined}) {
     EXPECT_EQ(outcome->error, "");
-    EXPECT_EQ(outcome->told["error"], "");
-    EXPECT_EQ(outcome->told["name"], "root");
+    EXPECT_EQ(outcome->reported["error"], "");
+    EXPECT_EQ(outcome->reported["name"], "root");
   }
 }
 
@@ -368,7 +368,7 @@ TEST_F(PlantedBackEnd, IsNotAskedFromAJailInsideTheHome) {
         Authorize(cgi);
       },
       [] { ASSERT_EQ(::prctl(PR_SET_SECUREBITS, SECBIT_NO_SETUID_FIXUP), 0); });
-  EXPECT_EQ(outcome.told["error"], kNotFromInside);
+  EXPECT_EQ(outcome.reported["error"], kNotFromInside);
 }
 
 struct OpenDescriptors {
@@ -402,24 +402,24 @@ TEST_F(Confinement, KeepsNoFolderOpenAndNothingForOtherPrograms) {
               .Env("REQUEST_METHOD", "GET")
               .Env("TOV_LOG", log)
               .With(backend)
-              .Run([&](const Told& told) {
+              .Run([&](const Reporter& report) {
                 machine_.SetUp();
                 const OpenDescriptors before = Count();
                 Cgi cgi("/bin/front", backend.Name());
-                told("answer", cgi.Query("func=whoami"));
+                report("answer", cgi.Query("func=whoami"));
                 cgi.Su("visitor", "/", use_chroot, use_pam);
                 const OpenDescriptors after = Count();
-                told("opened", std::to_string(after.count - before.count));
-                told("folders", std::to_string(after.folders));
-                told("inherited",
-                     std::to_string(after.inherited - before.inherited));
+                report("opened", std::to_string(after.count - before.count));
+                report("folders", std::to_string(after.folders));
+                report("inherited",
+                       std::to_string(after.inherited - before.inherited));
               });
       EXPECT_EQ(outcome.error, "");
-      EXPECT_EQ(outcome.told["answer"], "<doc/>");
+      EXPECT_EQ(outcome.reported["answer"], "<doc/>");
       // The log.
-      EXPECT_EQ(outcome.told["opened"], "1");
-      EXPECT_EQ(outcome.told["folders"], "0");
-      EXPECT_EQ(outcome.told["inherited"], "0");
+      EXPECT_EQ(outcome.reported["opened"], "1");
+      EXPECT_EQ(outcome.reported["folders"], "0");
+      EXPECT_EQ(outcome.reported["inherited"], "0");
       EXPECT_NE(zan_cgi::testing::ReadFile(log), "");
     }
   }

@@ -15,7 +15,7 @@ namespace {
 using zan_cgi::myconv;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::Outcome;
-using zan_cgi::testing::Told;
+using zan_cgi::testing::Reporter;
 
 /// One message of every style, and of none.
 const std::vector<pam_message> kMessages = {
@@ -96,18 +96,18 @@ TEST(Conversation, AnswersEveryStyleWithACopyOfItsOwn) {
 #ifndef __SANITIZE_ADDRESS__
 
 TEST(Conversation, ThatIsTooLongForTheMemoryIsRefusedWithoutAnAnswer) {
-  Outcome outcome = Child().Run([](const Told& told) {
+  Outcome outcome = Child().Run([](const Reporter& report) {
     constexpr rlim_t kGigabyte = 1 << 30;
     const rlimit limits{kGigabyte, kGigabyte};
     ::setrlimit(RLIMIT_AS, &limits);
     char data[] = "secret";
     pam_response* answers = &untouched;
-    told("code", std::to_string(myconv(INT_MAX, nullptr, &answers, data)));
-    told("answered", answers == &untouched ? "no" : "yes");
+    report("code", std::to_string(myconv(INT_MAX, nullptr, &answers, data)));
+    report("answered", answers == &untouched ? "no" : "yes");
   });
   EXPECT_EQ(outcome.status, 0);
-  EXPECT_EQ(outcome.told["code"], std::to_string(PAM_BUF_ERR));
-  EXPECT_EQ(outcome.told["answered"], "no");
+  EXPECT_EQ(outcome.reported["code"], std::to_string(PAM_BUF_ERR));
+  EXPECT_EQ(outcome.reported["answered"], "no");
 }
 
 #endif

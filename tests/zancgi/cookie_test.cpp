@@ -13,7 +13,7 @@ namespace {
 using zan_cgi::Cgi;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::Log;
-using zan_cgi::testing::Told;
+using zan_cgi::testing::Reporter;
 using Cookies = std::map<std::string, std::string>;
 
 TEST(Cookies, AreTakenFromTheirHeaderAndOnlyTraced) {
@@ -43,7 +43,7 @@ TEST(Cookies, AreTakenFromTheirHeaderAndOnlyTraced) {
       {"; ;", {{"", ""}}}};
   for (const auto& [header, cookies] : headers) {
     const auto outcome = support::RunCleanly(
-        Child().Env("HTTP_COOKIE", header), [&](const Told&) {
+        Child().Env("HTTP_COOKIE", header), [&](const Reporter&) {
           EXPECT_EQ(Cgi::Data().cookies, cookies) << header;
         });
     EXPECT_EQ(outcome.log,
@@ -52,8 +52,9 @@ TEST(Cookies, AreTakenFromTheirHeaderAndOnlyTraced) {
 }
 
 TEST(Cookies, OfNoHeaderAreNone) {
-  support::RunCleanly(
-      Child(), [](const Told&) { EXPECT_EQ(Cgi::Data().cookies, Cookies{}); });
+  support::RunCleanly(Child(), [](const Reporter&) {
+    EXPECT_EQ(Cgi::Data().cookies, Cookies{});
+  });
 }
 
 TEST(Cookies, MayBeLargeAndMany) {
@@ -67,7 +68,7 @@ TEST(Cookies, MayBeLargeAndMany) {
   expected["c0"] = "last";
   support::RunCleanly(
       Child().Env("HTTP_COOKIE", header + "; c0=last"),
-      [&](const Told&) { EXPECT_TRUE(Cgi::Data().cookies == expected); });
+      [&](const Reporter&) { EXPECT_TRUE(Cgi::Data().cookies == expected); });
 }
 
 }  // namespace

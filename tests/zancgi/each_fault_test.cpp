@@ -43,8 +43,8 @@ using zan_cgi::testing::Child;
 using zan_cgi::testing::Input;
 using zan_cgi::testing::Outcome;
 using zan_cgi::testing::ReadFile;
+using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Scratch;
-using zan_cgi::testing::Told;
 using Strings = std::vector<std::string>;
 using Texts = std::map<std::string, std::string>;
 
@@ -53,7 +53,7 @@ using Work = std::function<void()>;
 
 /// Does the work while faults happen, tells how many calls were open to them,
 /// and gives its exception back.
-using Faults = std::function<std::exception_ptr(const Work&, const Told&)>;
+using Faults = std::function<std::exception_ptr(const Work&, const Reporter&)>;
 
 std::exception_ptr FailureOf(const Work& work) {
   try {
@@ -65,26 +65,26 @@ std::exception_ptr FailureOf(const Work& work) {
 }
 
 Faults Without(const Shortage& shortage) {
-  return [shortage](const Work& work, const Told& told) {
+  return [shortage](const Work& work, const Reporter& report) {
     support::BeginAllocations(shortage);
     const std::exception_ptr failure = FailureOf(work);
     const support::Allocations made = support::EndAllocations();
-    told("calls", std::to_string(made.count));
+    report("calls", std::to_string(made.count));
     return failure;
   };
 }
 
 /// Has the call of this number fail, counted from 1, with this error.
 Faults FailingCall(std::size_t number, int error) {
-  return [=](const Work& work, const Told& told) {
+  return [=](const Work& work, const Reporter& report) {
     std::size_t count = 0;
     support::WatchFileCalls([&](const FileCall& call) {
-      if (++count == number) told("failed call", call.name);
+      if (++count == number) report("failed call", call.name);
       return count == number ? error : 0;
     });
     const std::exception_ptr failure = FailureOf(work);
     support::WatchFileCalls(nullptr);
-    told("calls", std::to_string(count));
+    report("calls", std::to_string(count));
     return failure;
   };
 }
@@ -98,7 +98,7 @@ std::string Described(const Outcome& outcome) {
   }
   if (outcome.timed_out) text << ", its time was up";
   text << "\nerror '" << outcome.error << "' " << outcome.error_type;
-  for (const auto& [name, value] : outcome.told) {
+  for (const auto& [name, value] : outcome.reported) {
     text << "\n" << name << ": " << value;
   }
   for (const std::string& descriptor : outcome.leaked_descriptors) {
@@ -122,8 +122,8 @@ void MeetEach(const std::function<Faults(std::size_t)>& faults,
     SCOPED_TRACE(Described(outcome));
     ASSERT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.leaked_descriptors, Strings{});
-    ASSERT_NE(outcome.told["calls"], "");
-    if (std::stoul(outcome.told["calls"]) < number) {
+    ASSERT_NE(outcome.reported["calls"], "");
+    if (std::stoul(outcome.reported["calls"]) < number) {
       EXPECT_EQ(outcome.error, "");
       // Fewer would mean that they are not counted.
       EXPECT_GT(number, 5U);
@@ -187,12 +187,12 @@ class EachFaultOfAParse : public testing::Test {
     child.Env("CONTENT_TYPE", support::kForm)
         .Env("CONTENT_LENGTH", std::to_string(kForm.size()))
         .StandardInput(input);
-    const Outcome outcome = child.Run([&](const Told& told) {
+    const Outcome outcome = child.Run([&](const Reporter& report) {
       std::exception_ptr failure;
       {
         Cgi::Data record;
         record.tmp_dir = spool_.Path();
-        failure = faults([&record] { record.ParseInput(); }, told);
+        failure = faults([&record] { record.ParseInput(); }, report);
         ExpectOwnPaths(record, spool_.Path());
         if (!failure) ExpectWhole(record);
       }
@@ -209,9 +209,9 @@ class EachFaultOfAParse : public testing::Test {
       std::filesystem::remove(spool_ / name);
     }
     // What failed may have been the removal of the file that was replaced.
-    const auto failed = outcome.told.find("failed call");
+    const auto failed = outcome.reported.find("failed call");
     const bool is_removal =
-        failed != outcome.told.end() && failed->second == "unlink";
+        failed != outcome.reported.end() && failed->second == "unlink";
     EXPECT_EQ(left.size(), is_removal ? 1U : 0U) << Described(outcome);
   }
 
@@ -255,7 +255,7 @@ class EachFaultOfAHandOver : public testing::TestWithParam<bool> {
     const Owners owners(GetParam());
     const Strings paths = {owners.MakeUpload("zantempAbCdEf"),
                            owners.MakeUpload("zantempGhIjKl")};
-    const Outcome outcome = Child().Run([&](const Told& told) {
+    const Outcome outcome = Child().Run([&](const Reporter& report) {
       if (can_use_accounts_) {
         support::UseAccounts({owners.Visitor()}, {});
       } else {
@@ -268,7 +268,7 @@ class EachFaultOfAHandOver : public testing::TestWithParam<bool> {
         Cgi::Data record;
         AddUploads(paths, record);
         failure = faults(
-            [&record] { record.DoChownFiles("visitor", "", false); }, told);
+            [&record] { record.DoChownFiles("visitor", "", false); }, report);
         if (!failure) ExpectHandedOver(owners);
       }
       if (failure) std::rethrow_exception(failure);
@@ -321,17 +321,17 @@ Outcome Authorize(const Faults& faults, const std::string& answer) {
            "backendses5=a session id that is long; "
            "backendlang5=a language cookie that is long:its last word, too")
       .With(backend)
-      .Run([&](const Told& told) {
+      .Run([&](const Reporter& report) {
         Cgi cgi("/bin/front", "backend");
         const std::exception_ptr failure =
-            faults([&cgi] { cgi.Authorize(Cgi::AuthInfo::AuthAny); }, told);
+            faults([&cgi] { cgi.Authorize(Cgi::AuthInfo::AuthAny); }, report);
         try {
-          told("name", cgi.auth().name);
-          told("level", std::to_string(cgi.auth().level));
-          told("session", cgi.auth().auth);
-          told("language", cgi.auth().lang_rest + ":" + cgi.auth().lang_word);
+          report("name", cgi.auth().name);
+          report("level", std::to_string(cgi.auth().level));
+          report("session", cgi.auth().auth);
+          report("language", cgi.auth().lang_rest + ":" + cgi.auth().lang_word);
         } catch (const std::runtime_error& error) {
-          told("refused", error.what());
+          report("refused", error.what());
         }
         if (failure) std::rethrow_exception(failure);
       });
@@ -339,8 +339,8 @@ Outcome Authorize(const Faults& faults, const std::string& answer) {
 
 void ExpectNobodyAuthorized(Outcome& outcome) {
   EXPECT_NE(outcome.error, "");
-  EXPECT_EQ(outcome.told["refused"], "not authorized");
-  EXPECT_FALSE(outcome.told.contains("name"));
+  EXPECT_EQ(outcome.reported["refused"], "not authorized");
+  EXPECT_FALSE(outcome.reported.contains("name"));
 }
 
 TEST(EachFaultOfAnAuthorization, InItsMemoryAuthorizesNobody) {
@@ -349,10 +349,10 @@ TEST(EachFaultOfAnAuthorization, InItsMemoryAuthorizesNobody) {
     Outcome outcome = Authorize(
         faults, "<doc><user name=\"" + name + "\" level=\"7\"/></doc>");
     if (outcome.error.empty()) {
-      EXPECT_EQ(outcome.told["name"], name);
-      EXPECT_EQ(outcome.told["level"], "7");
-      EXPECT_EQ(outcome.told["session"], "a session id that is long");
-      EXPECT_EQ(outcome.told["language"],
+      EXPECT_EQ(outcome.reported["name"], name);
+      EXPECT_EQ(outcome.reported["level"], "7");
+      EXPECT_EQ(outcome.reported["session"], "a session id that is long");
+      EXPECT_EQ(outcome.reported["language"],
                 "a language cookie that is long:its last word, too");
     } else {
       ExpectNobodyAuthorized(outcome);

@@ -41,8 +41,8 @@ using support::UploadBehindAChunk;
 using zan_cgi::Cgi;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Scratch;
-using zan_cgi::testing::Told;
 
 struct Work {
   std::uint64_t blocks = 0;
@@ -86,19 +86,20 @@ std::string Numbered(
 
 /// The work of a body that runs in a child process.
 Work CountIn(Child child, const std::function<void()>& body) {
-  const Outcome outcome = RunCleanly(child.LogLevel(0), [&](const Told& told) {
-    work = {};
-    counting = true;
-    body();
-    counting = false;
-    told("blocks", std::to_string(work.blocks));
-    told("handled", std::to_string(work.handled_bytes));
-    told("allocated", std::to_string(work.allocated_bytes));
-  });
-  if (!outcome.told.contains("allocated")) return {};
-  return {std::stoull(outcome.told.at("blocks")),
-          std::stoull(outcome.told.at("handled")),
-          std::stoull(outcome.told.at("allocated"))};
+  const Outcome outcome =
+      RunCleanly(child.LogLevel(0), [&](const Reporter& report) {
+        work = {};
+        counting = true;
+        body();
+        counting = false;
+        report("blocks", std::to_string(work.blocks));
+        report("handled", std::to_string(work.handled_bytes));
+        report("allocated", std::to_string(work.allocated_bytes));
+      });
+  if (!outcome.reported.contains("allocated")) return {};
+  return {std::stoull(outcome.reported.at("blocks")),
+          std::stoull(outcome.reported.at("handled")),
+          std::stoull(outcome.reported.at("allocated"))};
 }
 
 /// Counts what a text of the client or the back end costs.

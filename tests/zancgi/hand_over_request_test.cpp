@@ -30,7 +30,7 @@ using zan_cgi::testing::Input;
 using zan_cgi::testing::LogLine;
 using zan_cgi::testing::Outcome;
 using zan_cgi::testing::ReadFile;
-using zan_cgi::testing::Told;
+using zan_cgi::testing::Reporter;
 using Strings = std::vector<std::string>;
 
 constexpr char kTearDownBegins[] = "the request ends";
@@ -67,21 +67,21 @@ class UploadsOfARequest : public testing::TestWithParam<bool> {
   /// Parses the body, becomes the account and has the request torn down after
   /// this use. Expects a clean end.
   Outcome ServeAsAccount(
-      const std::function<void(Cgi& cgi, const Told& told)>& use) const {
+      const std::function<void(Cgi& cgi, const Reporter& report)>& use) const {
     const Input input = Input::Pipe(Body());
     Outcome outcome =
         support::Post(std::to_string(Body().size()))
             .StandardInput(input)
-            .Run([&](const Told& told) {
+            .Run([&](const Reporter& report) {
               support::FakeAccount(owners_.Visitor());
               Cgi cgi(owners_.Spool() + "/front-end", "");
               cgi.SetTmpDir(owners_.Spool());
               cgi.ParseQuery();
               cgi.Su("visitor", Confined() ? "/" : "", Confined(), false);
               for (const char* name : {"a", "b", "c"}) {
-                told(name, cgi.File(name));
+                report(name, cgi.File(name));
               }
-              use(cgi, told);
+              use(cgi, report);
               zan_cgi::testing::Mark(kTearDownBegins);
             });
     EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
@@ -101,23 +101,23 @@ class UploadsOfARequest : public testing::TestWithParam<bool> {
 INSTANTIATE_TEST_SUITE_P(Confined, UploadsOfARequest, testing::Bool());
 
 TEST_P(UploadsOfARequest, AreTheAccountsToReadAndToRemove) {
-  const Outcome outcome = ServeAsAccount([&](Cgi& cgi, const Told& told) {
+  const Outcome outcome = ServeAsAccount([&](Cgi& cgi, const Reporter& report) {
     EXPECT_EQ(::geteuid(), owners_.Visitor().uid);
     for (const char* name : {"a", "b", "c"}) {
       const std::string path = cgi.File(name);
       EXPECT_EQ(AttributesOf(path), owners_.AttributesAfter()) << path;
       // Readable for it, and its own to write.
       EXPECT_EQ(::access(path.c_str(), R_OK | W_OK), 0) << path;
-      told(std::string("content of ") + name, ReadFile(path));
+      report(std::string("content of ") + name, ReadFile(path));
     }
-    told("size", std::to_string(cgi.GetFileSize()));
+    report("size", std::to_string(cgi.GetFileSize()));
   });
-  EXPECT_EQ(outcome.told.at("content of a"), "first\r\n");
-  EXPECT_EQ(outcome.told.at("content of b"), "");
-  EXPECT_EQ(outcome.told.at("content of c"), std::string(200'000, 'c'));
-  EXPECT_EQ(outcome.told.at("size"), "200007");
+  EXPECT_EQ(outcome.reported.at("content of a"), "first\r\n");
+  EXPECT_EQ(outcome.reported.at("content of b"), "");
+  EXPECT_EQ(outcome.reported.at("content of c"), std::string(200'000, 'c'));
+  EXPECT_EQ(outcome.reported.at("size"), "200007");
   for (const char* name : {"a", "b", "c"}) {
-    EXPECT_EQ(fs::path(Outside(outcome.told.at(name))).parent_path(),
+    EXPECT_EQ(fs::path(Outside(outcome.reported.at(name))).parent_path(),
               owners_.Home());
   }
   EXPECT_EQ(owners_.InHome(), Strings{});
@@ -126,7 +126,7 @@ TEST_P(UploadsOfARequest, AreTheAccountsToReadAndToRemove) {
   const Strings lines = TearDownLogged(outcome, 9);
   ASSERT_EQ(lines.size(), 3U);
   EXPECT_TRUE(lines[0].ends_with("dropping temporary file '" +
-                                 outcome.told.at("a") + "'"))
+                                 outcome.reported.at("a") + "'"))
       << lines[0];
 }
 
@@ -135,14 +135,14 @@ TEST_P(UploadsOfARequest, AreTheAccountsToReadAndToRemove) {
 TEST_P(UploadsOfARequest, InAHomeOfRootsAreReadAndStayWithAWarning) {
   if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
   ASSERT_EQ(::chown(owners_.Home().c_str(), 0, 0), 0);
-  const Outcome outcome = ServeAsAccount([](Cgi& cgi, const Told& told) {
-    told("content of a", ReadFile(cgi.File("a")));
+  const Outcome outcome = ServeAsAccount([](Cgi& cgi, const Reporter& report) {
+    report("content of a", ReadFile(cgi.File("a")));
   });
-  EXPECT_EQ(outcome.told.at("content of a"), "first\r\n");
-  EXPECT_EQ(
-      TearDownLogged(outcome, 4),
-      (Strings{Warning(outcome.told.at("a")), Warning(outcome.told.at("b")),
-               Warning(outcome.told.at("c"))}));
+  EXPECT_EQ(outcome.reported.at("content of a"), "first\r\n");
+  EXPECT_EQ(TearDownLogged(outcome, 4),
+            (Strings{Warning(outcome.reported.at("a")),
+                     Warning(outcome.reported.at("b")),
+                     Warning(outcome.reported.at("c"))}));
   EXPECT_EQ(owners_.InHome().size(), 3U);
 }
 

@@ -42,8 +42,8 @@ using zan_cgi::Cgi;
 using zan_cgi::testing::Input;
 using zan_cgi::testing::Outcome;
 using zan_cgi::testing::ReadFile;
+using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Scratch;
-using zan_cgi::testing::Told;
 using Strings = std::vector<std::string>;
 using Event = PieceInput::Event;
 
@@ -85,7 +85,7 @@ Outcome Parse(const std::string& body, const Check& check, int log_level = 0,
               const std::string& content_type = kForm) {
   const Scratch scratch(support::FastFolder());
   Outcome outcome = RunCleanly(PostOf(body, content_type).LogLevel(log_level),
-                               [&](const Told&) {
+                               [&](const Reporter&) {
                                  GiveFromMemory(body);
                                  Cgi::Data record;
                                  record.tmp_dir = scratch.Path();
@@ -105,7 +105,7 @@ Outcome ParsePieces(
     const Check& check) {
   std::string body;
   for (const std::string& piece : pieces) body += piece;
-  return RunCleanly(PostOf(body), [&](const Told&) {
+  return RunCleanly(PostOf(body), [&](const Reporter&) {
     Cgi::Data record;
     record.tmp_dir = scratch.Path();
     const PieceInput input(pieces, [&](std::size_t wait) {
@@ -262,7 +262,7 @@ void ParseWhileFileIsReplaced(
     const std::function<void(const std::string& path)>& put) {
   const std::string body = Upload("u", "f", "content") + kFormEnd;
   const Input input = Input::Pipe(body);
-  RunCleanly(PostOf(body).StandardInput(input), [&](const Told&) {
+  RunCleanly(PostOf(body).StandardInput(input), [&](const Reporter&) {
     Replace({.mkostemp = [&](char* name, int flags) {
       const int descriptor = support::RealMkostemp(name, flags);
       ::unlink(name);

@@ -22,8 +22,8 @@ using zan_cgi::testing::Child;
 using zan_cgi::testing::LogLine;
 using zan_cgi::testing::Mark;
 using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Scratch;
-using zan_cgi::testing::Told;
 
 /// The home of every account.
 std::string home;
@@ -50,20 +50,20 @@ LogLine Call(const std::string& call) { return {-1, call}; }
 TEST(PamCalls, GoToTheProgramsOwnFunctionsAndToNoOthers) {
   const Scratch scratch;
   std::filesystem::permissions(scratch.Path(), std::filesystem::perms{0755});
-  const Outcome outcome = Child().Run([&](const Told& told) {
+  const Outcome outcome = Child().Run([&](const Reporter& report) {
     home = scratch.Path();
     zan_cgi::testing::BecomeOrdinaryUser();
     Cgi::Data request;
     support::MarkSwitch();
     request.DoSu("VISITOR", "", false, true);
-    told("place", std::filesystem::current_path());
-    told("loaded", zan_cgi::testing::ReadFile("/proc/self/maps"));
+    report("place", std::filesystem::current_path());
+    report("loaded", zan_cgi::testing::ReadFile("/proc/self/maps"));
   });
   EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
   EXPECT_EQ(outcome.error, "");
-  EXPECT_EQ(outcome.told.at("place"), scratch.Path());
-  EXPECT_EQ(outcome.told.at("loaded").find("libpam"), std::string::npos);
-  EXPECT_NE(outcome.told.at("loaded").find("libzancgi"), std::string::npos);
+  EXPECT_EQ(outcome.reported.at("place"), scratch.Path());
+  EXPECT_EQ(outcome.reported.at("loaded").find("libpam"), std::string::npos);
+  EXPECT_NE(outcome.reported.at("loaded").find("libzancgi"), std::string::npos);
   EXPECT_EQ(
       LinesOfTheSwitch(outcome.log),
       (Lines{{9, "zancgi_unix.cpp:N starting PAM session for user 'VISITOR'"},

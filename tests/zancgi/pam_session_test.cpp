@@ -34,7 +34,7 @@ using zan_cgi::Cgi;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::LogLine;
 using zan_cgi::testing::Outcome;
-using zan_cgi::testing::Told;
+using zan_cgi::testing::Reporter;
 
 const Call kUnconfined{.dir = "www", .use_pam = true};
 
@@ -60,13 +60,13 @@ class PamSession : public support::MachineTest<> {
   Outcome LookAfter(
       const std::string& deeds, const Child::Body& look,
       const std::function<void()>& prepare = [] {}) const {
-    return Child().WorkDir(machine_.Start()).Run([&](const Told& told) {
+    return Child().WorkDir(machine_.Start()).Run([&](const Reporter& report) {
       machine_.SetUp();
       prepare();
       ConfigureLogin(module_.Line(deeds));
       Cgi::Data request;
       request.DoSu("visitor", "www", false, true);
-      look(told);
+      look(report);
     });
   }
 
@@ -153,16 +153,16 @@ TEST_F(PamSession, WithoutAnyConfigurationIsNotStarted) {
 
 /// Which file the process would load PAM from.
 std::string PamLibraryPath() {
-  Outcome outcome = Child().Run([](const Told& told) {
+  Outcome outcome = Child().Run([](const Reporter& report) {
     void* const library = ::dlopen("libpam.so.0", RTLD_NOW);
     Dl_info found{};
     if (library == nullptr ||
         ::dladdr(::dlsym(library, "pam_start"), &found) == 0) {
       throw std::logic_error("no PAM on this machine");
     }
-    told("path", fs::canonical(found.dli_fname));
+    report("path", fs::canonical(found.dli_fname));
   });
-  return outcome.told["path"];
+  return outcome.reported["path"];
 }
 
 TEST_F(PamSession, WithoutThePamLibraryIsNotStarted) {
@@ -186,15 +186,15 @@ TEST_F(PamSession, ThatLimitsProcessesDoesNotStopTheSwitch) {
 
 TEST_F(PamSession, LeavesLimitsAndTheMaskAsTheModuleSetsThem) {
   Outcome outcome =
-      LookAfter("limit_processes=17 umask=027", [](const Told& told) {
+      LookAfter("limit_processes=17 umask=027", [](const Reporter& report) {
         rlimit limits{};
         ::getrlimit(RLIMIT_NPROC, &limits);
-        told("processes", std::to_string(limits.rlim_max));
-        told("mask", std::to_string(::umask(0)));
+        report("processes", std::to_string(limits.rlim_max));
+        report("mask", std::to_string(::umask(0)));
       });
   EXPECT_EQ(outcome.error, "");
-  EXPECT_EQ(outcome.told["processes"], "17");
-  EXPECT_EQ(outcome.told["mask"], std::to_string(027));
+  EXPECT_EQ(outcome.reported["processes"], "17");
+  EXPECT_EQ(outcome.reported["mask"], std::to_string(027));
 }
 
 TEST_F(PamSession, ThatMovesAndClosesDescriptorsLeavesTheProcessInTheHome) {
@@ -203,11 +203,11 @@ TEST_F(PamSession, ThatMovesAndClosesDescriptorsLeavesTheProcessInTheHome) {
   const std::string moved = "enter=" + other + " close_descriptors";
   for (const std::string& deeds :
        {moved, moved + " open_directories=" + other}) {
-    Outcome outcome = LookAfter(deeds, [](const Told& told) {
-      told("place", fs::current_path().string());
+    Outcome outcome = LookAfter(deeds, [](const Reporter& report) {
+      report("place", fs::current_path().string());
     });
     EXPECT_EQ(outcome.error, "");
-    EXPECT_EQ(outcome.told["place"], machine_.Home() + "/www");
+    EXPECT_EQ(outcome.reported["place"], machine_.Home() + "/www");
   }
 }
 
@@ -227,18 +227,20 @@ TEST_F(PamSession, ThatOpensAFolderOfTheHomesNumberLeavesTheProcessInTheHome) {
   };
   Outcome outcome = LookAfter(
       "enter=" + other + " close_descriptors open_directories=" + other,
-      [](const Told& told) { told("place", fs::current_path().string()); },
+      [](const Reporter& report) {
+        report("place", fs::current_path().string());
+      },
       mount);
   EXPECT_EQ(outcome.status, 0);
   EXPECT_EQ(outcome.error, "");
-  EXPECT_EQ(outcome.told["place"], machine_.Home() + "/www");
+  EXPECT_EQ(outcome.reported["place"], machine_.Home() + "/www");
 }
 
 TEST_F(PamSession, ThatEndsTheProcessEndsItForGood) {
-  Outcome outcome =
-      LookAfter("exit=3", [](const Told& told) { told("went on", "yes"); });
+  Outcome outcome = LookAfter(
+      "exit=3", [](const Reporter& report) { report("went on", "yes"); });
   EXPECT_EQ(outcome.status, 3);
-  EXPECT_FALSE(outcome.told.contains("went on"));
+  EXPECT_FALSE(outcome.reported.contains("went on"));
   ASSERT_EQ(outcome.Logged(9).size(), 2U);
   EXPECT_TRUE(outcome.Logged(9)[1].ends_with(" PAM start done"));
 }

@@ -20,7 +20,7 @@ using support::RunCleanly;
 using zan_cgi::Cgi;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::Outcome;
-using zan_cgi::testing::Told;
+using zan_cgi::testing::Reporter;
 using Strings = std::vector<std::string>;
 
 using Params = std::map<std::string, std::string>;
@@ -30,7 +30,7 @@ Strings Parse(const std::string& query, const Params& params) {
   Child child;
   child.Env("REQUEST_METHOD", "GET").Env("QUERY_STRING", query);
   return RunCleanly(child,
-                    [&](const Told&) {
+                    [&](const Reporter&) {
                       Cgi::Data request;
                       request.ParseQuery();
                       EXPECT_EQ(request.params, params) << query;
@@ -102,7 +102,7 @@ TEST(QueryString, CannotForgeALogLine) {
 TEST(QueryString, IsTracedAndParsedOnce) {
   Child child;
   child.Env("REQUEST_METHOD", "GET").Env("QUERY_STRING", "a=1");
-  const Outcome outcome = RunCleanly(child, [](const Told&) {
+  const Outcome outcome = RunCleanly(child, [](const Reporter&) {
     Cgi::Data request;
     request.ParseQuery();
     request.ParseQueryString("a=2&b=3");
@@ -147,7 +147,7 @@ std::size_t AddedWithoutAllocation(std::size_t number) {
 }
 
 TEST(QueryString, KeepsWhatWasAddedBeforeMemoryEnded) {
-  RunCleanly(Child(), [](const Told&) {
+  RunCleanly(Child(), [](const Reporter&) {
     std::vector<std::size_t> counts;
     for (std::size_t number = 1; counts.empty() || counts.back() < 4;
          ++number) {

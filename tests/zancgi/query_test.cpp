@@ -22,17 +22,17 @@ using zan_cgi::testing::Child;
 using zan_cgi::testing::CloseSilently;
 using zan_cgi::testing::Outcome;
 using zan_cgi::testing::Refuse;
+using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Reset;
 using zan_cgi::testing::Step;
-using zan_cgi::testing::Told;
 
 Child Request() { return Child().Env("REQUEST_METHOD", "GET"); }
 
 /// Asks once; told is the "answer".
 Outcome Ask(const Child& request, const std::string& query) {
-  return request.Run([query](const Told& told) {
+  return request.Run([query](const Reporter& report) {
     Cgi cgi("/bin/front", "backend");
-    told("answer", cgi.Query(query));
+    report("answer", cgi.Query(query));
   });
 }
 
@@ -52,7 +52,7 @@ std::string Received(const std::string& query, const Step& step) {
   Outcome outcome = Ask(Request().With(backend), query);
   EXPECT_EQ(outcome.error, "");
   EXPECT_TRUE(outcome.leaked_descriptors.empty());
-  return outcome.told["answer"];
+  return outcome.reported["answer"];
 }
 
 TEST(Query, AsksForXmlUnlessAFormatIsNamed) {
@@ -68,7 +68,7 @@ TEST(Query, CarriesSfromOnlyOnceTheParametersAreParsed) {
   Request()
       .Env("QUERY_STRING", "sfrom=a%26b%3D1")
       .With(backend)
-      .Run([](const Told&) {
+      .Run([](const Reporter&) {
         Cgi cgi("/bin/front", "backend");
         cgi.Query("func=a");
         cgi.ParseQuery();
@@ -88,7 +88,7 @@ TEST(Query, CarriesTheSessionThatCameFromTheParameters) {
   Request()
       .Env("QUERY_STRING", "auth=id%20")
       .With(backend)
-      .Run([](const Told&) {
+      .Run([](const Reporter&) {
         Cgi cgi("/bin/front", "backend");
         cgi.Authorize(Cgi::AuthInfo::AuthParams);
         cgi.Query("func=a");
@@ -102,18 +102,19 @@ TEST(Query, CarriesTheSessionThatCameFromTheParameters) {
 TEST(Query, WithItsOwnAuthIsNotRefusedForAnEmptySession) {
   Backend backend;
   backend.Then(Answer("x"));
-  const Outcome outcome = Request().With(backend).Run([](const Told& told) {
-    Cgi cgi("/bin/front", "backend");
-    try {
-      cgi.Authorize(Cgi::AuthInfo::AuthParams);
-    } catch (const tov_err::Value& error) {
-      told("refused", error.what());
-    }
-    told("answer", cgi.Query("func=a&auth=other"));
-    cgi.Query("func=a");
-  });
-  EXPECT_EQ(outcome.told.at("refused"), tov_err::Value("auth", "").what());
-  EXPECT_EQ(outcome.told.at("answer"), "x");
+  const Outcome outcome =
+      Request().With(backend).Run([](const Reporter& report) {
+        Cgi cgi("/bin/front", "backend");
+        try {
+          cgi.Authorize(Cgi::AuthInfo::AuthParams);
+        } catch (const tov_err::Value& error) {
+          report("refused", error.what());
+        }
+        report("answer", cgi.Query("func=a&auth=other"));
+        cgi.Query("func=a");
+      });
+  EXPECT_EQ(outcome.reported.at("refused"), tov_err::Value("auth", "").what());
+  EXPECT_EQ(outcome.reported.at("answer"), "x");
   EXPECT_EQ(outcome.error_type, "tov_err::Value");
   EXPECT_EQ(outcome.error, tov_err::Value("auth", "").what());
   EXPECT_EQ(backend.Attempts(), 1U);
@@ -122,7 +123,7 @@ TEST(Query, WithItsOwnAuthIsNotRefusedForAnEmptySession) {
 TEST(Query, OfAMapEncodesValuesAndNotNames) {
   Backend backend;
   backend.Times(2, Answer("x"));
-  Request().With(backend).Run([](const Told&) {
+  Request().With(backend).Run([](const Reporter&) {
     Cgi cgi("/bin/front", "backend");
     cgi.Query(std::map<std::string, std::string>{{"b", "x y"}, {"a&", "1&2"}});
     cgi.Query(std::map<std::string, std::string>{});
@@ -151,8 +152,8 @@ void FillRecord(Cgi::Data& record) {
   record.auth_info = {"id", "alice", "x", "y", 7, Cgi::AuthInfo::AuthParams};
 }
 
-/// Sends a query to a back end that takes this step at each attempt. Told are
-/// the record before and after it.
+/// Sends a query to a back end that takes this step at each attempt. Reporter
+/// are the record before and after it.
 Outcome AskWithFullRecord(const Step& step,
                           const std::function<void(Cgi::Data&)>& change) {
   Backend backend;
@@ -163,33 +164,33 @@ Outcome AskWithFullRecord(const Step& step,
       .Env("REMOTE_ADDR", "r")
       .Env("SERVER_ADDR", "s")
       .With(backend)
-      .Run([&](const Told& told) {
+      .Run([&](const Reporter& report) {
         Cgi cgi("/bin/front", "backend");
         cgi.ParseQuery();
         FillRecord(support::RecordOf(cgi));
         change(support::RecordOf(cgi));
-        told("before", support::Describe(support::RecordOf(cgi)));
+        report("before", support::Describe(support::RecordOf(cgi)));
         try {
-          told("answer", cgi.Query({{"func", "a"}}));
+          report("answer", cgi.Query({{"func", "a"}}));
         } catch (const tov_err::Error& error) {
-          told("error", error.what());
+          report("error", error.what());
         }
-        told("after", support::Describe(support::RecordOf(cgi)));
+        report("after", support::Describe(support::RecordOf(cgi)));
       });
 }
 
 TEST(Query, ChangesNothingInTheRecord) {
   const auto nothing = [](Cgi::Data&) {};
   const Outcome answered = AskWithFullRecord(Answer("x"), nothing);
-  EXPECT_EQ(answered.told.count("answer"), 1U);
-  EXPECT_EQ(answered.told.at("after"), answered.told.at("before"));
+  EXPECT_EQ(answered.reported.count("answer"), 1U);
+  EXPECT_EQ(answered.reported.at("after"), answered.reported.at("before"));
   const std::function<void(Cgi::Data&)> changes[] = {
       nothing, [](Cgi::Data& record) { record.tov_name.clear(); },
       [](Cgi::Data& record) { record.auth_info.auth.clear(); }};
   for (const auto& change : changes) {
     const Outcome failed = AskWithFullRecord(CloseSilently(), change);
-    EXPECT_EQ(failed.told.count("error"), 1U);
-    EXPECT_EQ(failed.told.at("after"), failed.told.at("before"));
+    EXPECT_EQ(failed.reported.count("error"), 1U);
+    EXPECT_EQ(failed.reported.at("after"), failed.reported.at("before"));
   }
 }
 
@@ -215,7 +216,7 @@ TEST(Attempts, AreFourAtMost) {
       Outcome outcome = Ask(Request().Env("HTTP_A", "1").With(backend), "f=1");
       if (count < 4) {
         EXPECT_EQ(outcome.error, "");
-        EXPECT_EQ(outcome.told["answer"], "whole");
+        EXPECT_EQ(outcome.reported["answer"], "whole");
         EXPECT_EQ(backend.Attempts(), count + 1);
       } else {
         EXPECT_EQ(outcome.error_type, "tov_err::Error");

@@ -43,7 +43,7 @@ using zan_cgi::testing::Input;
 using zan_cgi::testing::Log;
 using zan_cgi::testing::LogLine;
 using zan_cgi::testing::Outcome;
-using zan_cgi::testing::Told;
+using zan_cgi::testing::Reporter;
 using Strings = std::vector<std::string>;
 using namespace std::chrono_literals;
 
@@ -90,8 +90,8 @@ Log LogOf(const Outcome& outcome) {
 
 /// Does the work in a child that reads this input. Returns what that logs.
 Log Reading(const Input& input, const std::function<void()>& work) {
-  return LogOf(
-      RunCleanly(Child().StandardInput(input), [&](const Told&) { work(); }));
+  return LogOf(RunCleanly(Child().StandardInput(input),
+                          [&](const Reporter&) { work(); }));
 }
 
 /// A wait that ends with these events.
@@ -183,7 +183,7 @@ TEST(Read, ComesToWhatTheSystemSaysWhateverTheLogLevel) {
     const int threshold = row.log.empty() ? 9 : row.log[0].level;
     for (const int level : {0, threshold - 1, threshold, 9}) {
       const Outcome outcome =
-          RunCleanly(Child().LogLevel(level), [&](const Told&) {
+          RunCleanly(Child().LogLevel(level), [&](const Reporter&) {
             Replace(row.calls);
             EXPECT_EQ(ReadTimes(1), Strings{row.result});
           });
@@ -194,14 +194,14 @@ TEST(Read, ComesToWhatTheSystemSaysWhateverTheLogLevel) {
 }
 
 TEST(Read, OfAClosedDescriptorIsAnInvalidRequest) {
-  const Outcome outcome = RunCleanly(Child().Closed(0), [](const Told&) {
+  const Outcome outcome = RunCleanly(Child().Closed(0), [](const Reporter&) {
     EXPECT_EQ(ReadTimes(1), Strings{"invalid polling request"});
   });
   EXPECT_EQ(LogOf(outcome), Log{});
 }
 
 TEST(Read, WaitsOnceForThirtySecondsAndReadsOnceForAtMostTheLength) {
-  RunCleanly(Child(), [](const Told&) {
+  RunCleanly(Child(), [](const Reporter&) {
     char buffer[kSize];
     int waits = 0;
     int reads = 0;
@@ -230,7 +230,7 @@ TEST(Read, WaitsOnceForThirtySecondsAndReadsOnceForAtMostTheLength) {
 }
 
 TEST(Read, IsNotRepeatedAfterASignal) {
-  RunCleanly(Child(), [](const Told&) {
+  RunCleanly(Child(), [](const Reporter&) {
     int waits = 0;
     int reads = 0;
     const auto interrupted = [](int& calls) {
@@ -286,7 +286,7 @@ TEST(TimeOut, LetsNothingBecomeStandardInputAfterwards) {
   const Input silent = Input::SilentPipe("");
   Child child;
   child.Env("REQUEST_METHOD", "GET").StandardInput(silent).With(backend);
-  RunCleanly(child, [&scratch](const Told&) {
+  RunCleanly(child, [&scratch](const Reporter&) {
     Replace({.poll = WaitBriefly});
     Cgi cgi("/bin/front", "backend");
     char byte;
@@ -316,7 +316,7 @@ constexpr short kEvents[] = {POLLNVAL, POLLERR, POLLIN,
                              POLLHUP,  POLLPRI, POLLRDHUP};
 
 TEST(Events, AreLookedAtInOrder) {
-  RunCleanly(Child().LogLevel(0), [](const Told&) {
+  RunCleanly(Child().LogLevel(0), [](const Reporter&) {
     Cgi::Data record;
     for (std::size_t set = 0; set < 1U << std::size(kEvents); ++set) {
       short events = 0;
@@ -343,7 +343,7 @@ TEST(Events, AreLookedAtInOrder) {
 }
 
 TEST(Facade, HandsLengthAndResultOnUnchanged) {
-  RunCleanly(Child(), [](const Told&) {
+  RunCleanly(Child(), [](const Reporter&) {
     Cgi cgi("/bin/front", "");
     for (const long length : {0L, 1L, 1L << 33, -1L}) {
       Replace(
@@ -363,7 +363,7 @@ TEST(Facade, ReadsTheBodyAsItIsOrWhatComesAfterIt) {
     Child child;
     child.Env("REQUEST_METHOD", "POST").Env("CONTENT_LENGTH", "3");
     const Outcome outcome =
-        RunCleanly(child.StandardInput(input), [&](const Told&) {
+        RunCleanly(child.StandardInput(input), [&](const Reporter&) {
           Cgi cgi("/bin/front", "");
           char buffer[kSize] = {};
           if (is_parsed) {

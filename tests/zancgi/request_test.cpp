@@ -21,7 +21,7 @@ using zan_cgi::Cgi;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::Input;
 using zan_cgi::testing::Outcome;
-using zan_cgi::testing::Told;
+using zan_cgi::testing::Reporter;
 using Strings = std::vector<std::string>;
 
 Cgi MakeCgi() { return {"/bin/front", "backend"}; }
@@ -30,7 +30,7 @@ Cgi MakeCgi() { return {"/bin/front", "backend"}; }
 Outcome Serve(const std::string& query,
               const std::function<void(Cgi& cgi)>& work, Child child = {}) {
   child.Env("REQUEST_METHOD", "GET").Env("QUERY_STRING", query);
-  return RunCleanly(child, [&](const Told&) {
+  return RunCleanly(child, [&](const Reporter&) {
     Cgi cgi = MakeCgi();
     work(cgi);
   });
@@ -128,7 +128,7 @@ TEST(ParseQuery, RefusesOtherMethodsEachTime) {
 
 TEST(ParseQuery, RefusesByARuntimeError) {
   const Outcome outcome = support::RunWithoutLeak(
-      Child(), [](const Told&) { MakeCgi().ParseQuery(); });
+      Child(), [](const Reporter&) { MakeCgi().ParseQuery(); });
   EXPECT_EQ(outcome.error_type, "std::runtime_error");
 }
 
@@ -143,7 +143,7 @@ TEST(Addresses, AreTakenAsTheyStand) {
     Child child;
     child.Env("REMOTE_ADDR", "10.0.0.1").Env("SERVER_ADDR", "10.0.0.2");
     if (forwarded != nullptr) child.Env("HTTP_X_FORWARDED_FOR", forwarded);
-    RunCleanly(child, [remote = remote](const Told&) {
+    RunCleanly(child, [remote = remote](const Reporter&) {
       const Cgi::Data request;
       EXPECT_EQ(request.remote_addr, remote);
       EXPECT_EQ(request.server_addr, "10.0.0.2");
@@ -163,7 +163,7 @@ TEST(Log, BelowTheLevelIsSilent) {
 }
 
 TEST(Record, StartsEmpty) {
-  RunCleanly(Child(), [](const Told&) {
+  RunCleanly(Child(), [](const Reporter&) {
     EXPECT_EQ(support::Describe(Cgi::Data()),
               "service ''\ndirectory ''\nnot parsed\nnot authorized\n"
               "session '' of '', '', '', level 0, method 0\n"
@@ -179,7 +179,7 @@ Strings ParseByBoth(const std::string& first, const std::string& second,
   Child child = support::Post("6", "");
   child.Env("REQUEST_METHOD", first).Env("QUERY_STRING", "a=query");
   return RunCleanly(child.StandardInput(body),
-                    [&](const Told&) {
+                    [&](const Reporter&) {
                       Cgi::Data request;
                       request.ParseQuery();
                       ::setenv("REQUEST_METHOD", second.c_str(), 1);
@@ -218,7 +218,7 @@ TEST(Record, IsReleasedByAConstructionThatFails) {
                std::string(50, 'a') + "=1; b=" + std::string(50, 'b'))
           .Env("REMOTE_ADDR", std::string(50, 'r'))
           .Env("SERVER_ADDR", std::string(50, 's'));
-  RunCleanly(child, [](const Told&) {
+  RunCleanly(child, [](const Reporter&) {
     const std::string program = "/bin/" + std::string(50, 'f');
     const std::string service(50, 'x');
     // What is made once in a process is not counted.

@@ -45,7 +45,7 @@ using support::Switched;
 using zan_cgi::Cgi;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::Outcome;
-using zan_cgi::testing::Told;
+using zan_cgi::testing::Reporter;
 
 const char kInitgroups[] = "initgroups visitor 54321";
 const char kHomeClosed[] = "failed to chroot to users home folder";
@@ -70,25 +70,27 @@ Answers Made() { return {.pretend = false}; }
 /// Makes the switch in a child and records it.
 Switched RecordSwitch(const Machine& machine, const Call& call,
                       const Answers& answers) {
-  Outcome outcome = Child().WorkDir(machine.Start()).Run([&](const Told& told) {
-    if (!answers.pretend) machine.SetUp();
-    // Whatever groups the tests are run with.
-    EXPECT_TRUE(!zan_cgi::testing::IsRoot() || ::setgroups(0, nullptr) == 0);
-    Observer observer;
-    Cgi::Data request;
-    support::MarkSwitch();
-    std::string error;
-    {
-      const Recording recording(answers);
-      try {
-        request.DoSu(call.user, call.dir, call.use_chroot, call.use_pam);
-      } catch (const std::runtime_error& thrown) {
-        error = thrown.what();
-      }
-    }
-    support::TellIdentity(told, observer.Look());
-    if (!error.empty()) throw std::runtime_error(error);
-  });
+  Outcome outcome =
+      Child().WorkDir(machine.Start()).Run([&](const Reporter& report) {
+        if (!answers.pretend) machine.SetUp();
+        // Whatever groups the tests are run with.
+        EXPECT_TRUE(!zan_cgi::testing::IsRoot() ||
+                    ::setgroups(0, nullptr) == 0);
+        Observer observer;
+        Cgi::Data request;
+        support::MarkSwitch();
+        std::string error;
+        {
+          const Recording recording(answers);
+          try {
+            request.DoSu(call.user, call.dir, call.use_chroot, call.use_pam);
+          } catch (const std::runtime_error& thrown) {
+            error = thrown.what();
+          }
+        }
+        support::TellIdentity(report, observer.Look());
+        if (!error.empty()) throw std::runtime_error(error);
+      });
   return support::SwitchedOf(outcome);
 }
 

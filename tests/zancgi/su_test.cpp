@@ -25,7 +25,7 @@ using support::Visitor;
 using zan_cgi::Cgi;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::Outcome;
-using zan_cgi::testing::Told;
+using zan_cgi::testing::Reporter;
 
 class SuCombination
     : public support::MachineTest<
@@ -188,13 +188,13 @@ TEST_F(Su, UnconfinedSaysWhenTheWayUpIsLongerThanAPathMayBe) {
 
 TEST_F(Su, TwiceGoesOnWithTheRightsThatTheFirstCallLeft) {
   Outcome outcome =
-      Child().WorkDir(machine_.Start()).Run([&](const Told& told) {
+      Child().WorkDir(machine_.Start()).Run([&](const Reporter& report) {
         machine_.SetUp();
         Observer observer;
         Cgi::Data request;
         request.DoSu("visitor", "www", false, false);
         request.DoSu("visitor", "", false, false);
-        support::TellIdentity(told, observer.Look());
+        support::TellIdentity(report, observer.Look());
         request.DoSu("visitor", "", true, false);
       });
   const Switched switched = support::SwitchedOf(outcome);
@@ -205,14 +205,14 @@ TEST_F(Su, TwiceGoesOnWithTheRightsThatTheFirstCallLeft) {
 TEST_F(Su, WithoutRootStaysWhoItWasButEntersTheHome) {
   fs::permissions(machine_.Home(), fs::perms{0755});
   Outcome outcome =
-      Child().WorkDir(machine_.Start()).Run([&](const Told& told) {
+      Child().WorkDir(machine_.Start()).Run([&](const Reporter& report) {
         machine_.SetUp();
         Observer observer;
         zan_cgi::testing::BecomeOrdinaryUser();
         Cgi::Data request;
         support::MarkSwitch();
         request.DoSu("visitor", "", false, false);
-        support::TellIdentity(told, observer.Look());
+        support::TellIdentity(report, observer.Look());
         request.DoSu("visitor", "/", true, false);
       });
   const Switched switched = support::SwitchedOf(outcome);
@@ -229,7 +229,7 @@ TEST_F(Su, ConfinedWritesTheTimeOfALogLineWithoutReadingTheHome) {
   machine_.MakeDir("home/etc");
   ASSERT_EQ(::mkfifo((machine_ / "home/etc/localtime").c_str(), 0644), 0);
   const Outcome outcome =
-      Child().LogLevel(4).WorkDir(machine_.Start()).Run([&](const Told&) {
+      Child().LogLevel(4).WorkDir(machine_.Start()).Run([&](const Reporter&) {
         machine_.SetUp();
         ::alarm(10);
         Cgi::Data request;

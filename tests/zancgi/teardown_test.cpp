@@ -17,8 +17,8 @@ namespace {
 using zan_cgi::Cgi;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Scratch;
-using zan_cgi::testing::Told;
 using Strings = std::vector<std::string>;
 
 /// A place that an upload cannot be removed from, and how it is made.
@@ -54,7 +54,7 @@ TEST(TearDown, WarnsOfWhatItCannotRemoveAndGoesOn) {
     ASSERT_EQ(::chmod(scratch.Path().c_str(), 0777), 0);
     place.make(scratch);
     const std::string last = scratch.MakeFile("last");
-    const Outcome outcome = Child().Run([&](const Told&) {
+    const Outcome outcome = Child().Run([&](const Reporter&) {
       zan_cgi::testing::BecomeOrdinaryUser();
       Cgi::Data request;
       request.files["a"].path = scratch / place.upload;

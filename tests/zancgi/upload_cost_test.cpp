@@ -27,8 +27,8 @@ using support::RunCleanly;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::Input;
 using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Scratch;
-using zan_cgi::testing::Told;
 
 constexpr std::size_t kChunk = 65536;
 
@@ -50,7 +50,7 @@ TEST(Upload, CostsOneWaitOneReadAndOneWriteForAChunk) {
   const std::string body = Form(10 * kChunk);
   const Input input = Input::File(body);
   Child child = support::PostOf(body).LogLevel(0);
-  RunCleanly(child.StandardInput(input), [&](const Told&) {
+  RunCleanly(child.StandardInput(input), [&](const Reporter&) {
     zan_cgi::Cgi::Data record;
     record.tmp_dir = scratch.Path();
     Calls calls;
@@ -77,7 +77,7 @@ TEST(QueryString, TakesRoomForTheDeclaredLengthUpTo16Megabytes) {
     const Input input = Input::Pipe(std::string(100'000, 'x'));
     Child child = support::Post(std::to_string(declared), "");
     const Outcome outcome = support::RunWithoutLeak(
-        child.StandardInput(input), [allocated = allocated](const Told&) {
+        child.StandardInput(input), [allocated = allocated](const Reporter&) {
           zan_cgi::Cgi::Data record;
           support::BeginAllocations();
           try {
@@ -113,17 +113,17 @@ long Growth(std::size_t size) {
   const Input input = Input::Pipe(body);
   Child child = support::PostOf(body).LogLevel(0);
   child.StandardInput(input);
-  const Outcome outcome = RunCleanly(child, [&](const Told& told) {
+  const Outcome outcome = RunCleanly(child, [&](const Reporter& report) {
     zan_cgi::Cgi::Data record;
     record.tmp_dir = scratch.Path();
     // Makes the present size the largest one.
     std::ofstream("/proc/self/clear_refs") << "5" << std::flush;
     const long before = Status("VmRSS");
     record.ParseInput();
-    told("growth", std::to_string(Status("VmHWM") - before));
+    report("growth", std::to_string(Status("VmHWM") - before));
     EXPECT_EQ(record.files.at("f").size, static_cast<long>(size));
   });
-  return std::stol(outcome.told.at("growth"));
+  return std::stol(outcome.reported.at("growth"));
 }
 
 TEST(Upload, TakesNoMoreMemoryWhenItIsLarge) {

@@ -51,8 +51,8 @@ using zan_cgi::Cgi;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::Input;
 using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Scratch;
-using zan_cgi::testing::Told;
 using Strings = std::vector<std::string>;
 using Event = PieceInput::Event;
 
@@ -176,7 +176,7 @@ Outcome ParsePieces(const Strings& pieces, const std::string& folder,
   child.Env("REQUEST_METHOD", "POST")
       .Env("CONTENT_TYPE", support::kForm)
       .Env("CONTENT_LENGTH", std::to_string(Joined(pieces).size()));
-  return RunCleanly(child, [&](const Told&) {
+  return RunCleanly(child, [&](const Reporter&) {
     const PieceInput input(pieces, events);
     check(Parse(folder), input);
   });
@@ -235,7 +235,7 @@ class FullDisk : public testing::Test {
   /// piece of this wait comes.
   Outcome ParseOnFullDisk(const Strings& pieces, std::size_t wait,
                           off_t free_bytes, const Check& check) {
-    return RunCleanly(PostOf(pieces), [&](const Told&) {
+    return RunCleanly(PostOf(pieces), [&](const Reporter&) {
       const SmallDisk disk(scratch_);
       const PieceInput input(pieces,
                              Before(wait, [&] { disk.FillUpTo(free_bytes); }));
@@ -278,7 +278,7 @@ TEST_F(FullDisk, IsNoticedAtEachWrite) {
 
 TEST_F(FullDisk, GetsItsSpaceBackAtOnce) {
   const Strings pieces = LargeUpload(8);
-  RunCleanly(PostOf(pieces), [&](const Told& told) {
+  RunCleanly(PostOf(pieces), [&](const Reporter& report) {
     const SmallDisk disk(scratch_);
     const PieceInput input(pieces, [&](std::size_t wait) {
       if (wait == 4) disk.FillUpTo(0);
@@ -286,7 +286,7 @@ TEST_F(FullDisk, GetsItsSpaceBackAtOnce) {
         // Three chunks had been written when the fourth failed.
         EXPECT_EQ(NamesIn(disk.Spool()), Strings{});
         EXPECT_EQ(disk.FreeBytes(), 3 * kChunk);
-        told("looked", "");
+        report("looked", "");
       }
       return Event::Piece;
     });
@@ -324,7 +324,7 @@ TEST_F(FullDisk, LeavesWhatComesBehindTheBodyUnread) {
   const Strings body = LargeUpload(3);
   Strings pieces = body;
   pieces.back() += "more";
-  RunCleanly(PostOf(body), [&](const Told&) {
+  RunCleanly(PostOf(body), [&](const Reporter&) {
     const SmallDisk disk(scratch_);
     const PieceInput input(pieces, Before(2, [&] { disk.FillUpTo(0); }));
     EXPECT_EQ(Parse(disk.Spool()).error, kWriteError);
@@ -334,7 +334,7 @@ TEST_F(FullDisk, LeavesWhatComesBehindTheBodyUnread) {
 
 TEST_F(FullDisk, IsSeenBeforehandInABodyThatIsTooLarge) {
   const Strings pieces = LargeUpload(20);
-  const Outcome outcome = RunCleanly(PostOf(pieces), [&](const Told&) {
+  const Outcome outcome = RunCleanly(PostOf(pieces), [&](const Reporter&) {
     const SmallDisk disk(scratch_);
     const PieceInput input(pieces, [&](std::size_t) {
       EXPECT_EQ(NamesIn(disk.Spool()), Strings{});
@@ -352,7 +352,7 @@ TEST_F(FullDisk, IsSeenBeforehandInABodyThatIsTooLarge) {
 TEST_F(FullDisk, WithoutRoomForAnotherFileIsNoticed) {
   // The top, the spool, and no more.
   const Strings pieces{Upload("u", "f", "x") + kFormEnd};
-  RunCleanly(PostOf(pieces), [&](const Told&) {
+  RunCleanly(PostOf(pieces), [&](const Reporter&) {
     const SmallDisk disk(scratch_, "size=1m,nr_inodes=2");
     const PieceInput input(pieces);
     const Result result = Parse(disk.Spool());
@@ -391,7 +391,7 @@ TEST(FileSizeLimit, WithItsSignalIgnoredOrHandledCountsAsAFullDisk) {
   const Scratch scratch;
   for (const sighandler_t handler : {SIG_IGN, sighandler_t{[](int) {}}}) {
     // Log lines are limited as well.
-    RunCleanly(Post("").LogLevel(0), [&](const Told&) {
+    RunCleanly(Post("").LogLevel(0), [&](const Reporter&) {
       ::signal(SIGXFSZ, handler);
       for (const std::size_t limit :
            {0UL, 1UL, 4095UL, 4096UL, 65'536UL, 100'000UL}) {
@@ -408,15 +408,15 @@ TEST(FileSizeLimit, WithItsSignalIgnoredOrHandledCountsAsAFullDisk) {
 
 TEST(FileSizeLimit, KillsTheProcessUnlessItsSignalIsIgnored) {
   const Scratch scratch;
-  const Outcome outcome = Post("").LogLevel(0).Run([&](const Told& told) {
+  const Outcome outcome = Post("").LogLevel(0).Run([&](const Reporter& report) {
     const rlimit no_core{0, 0};
     ::setrlimit(RLIMIT_CORE, &no_core);
     ::signal(SIGXFSZ, SIG_DFL);
     ParseUnderLimit(scratch.Path(), 100'000, 70'000);
-    told("survived", "");
+    report("survived", "");
   });
   EXPECT_EQ(outcome.status, 128 + SIGXFSZ);
-  EXPECT_FALSE(outcome.told.contains("survived"));
+  EXPECT_FALSE(outcome.reported.contains("survived"));
   // Nobody is left to remove it.
   ASSERT_EQ(scratch.List().size(), 1U);
   EXPECT_TRUE(scratch.List()[0].starts_with("zantemp"));
@@ -482,7 +482,7 @@ TEST_P(Unusable, IsAWriteError) {
   const std::string spool = scratch.MakeDir("spool");
   Strings pieces = LargeUpload(3);
   pieces.insert(pieces.begin(), Field("a", "1"));
-  RunCleanly(PostOf(pieces), [&](const Told&) {
+  RunCleanly(PostOf(pieces), [&](const Reporter&) {
     GetParam().at_start(spool);
     const PieceInput input(pieces,
                            Before(1, [&] { GetParam().at_upload(spool); }));
@@ -609,7 +609,7 @@ void ExpectUploadCutAt(const Result& result, std::size_t cut) {
 TEST(CutBody, FromAPipeIsAnErrorAtEveryByte) {
   const Scratch scratch;
   const Outcome outcome =
-      RunCleanly(Post(std::to_string(kBody.size())), [&](const Told&) {
+      RunCleanly(Post(std::to_string(kBody.size())), [&](const Reporter&) {
         for (std::size_t cut = 0; cut < kBody.size(); ++cut) {
           if (EndsBehindTheFirstBoundary(cut)) continue;
           SCOPED_TRACE(cut);
@@ -634,15 +634,16 @@ TEST(CutBody, FromAPipeIsAnErrorAtEveryByte) {
 }
 
 TEST(CutBody, FromAPipeIsAnErrorAtEveryByteOfADrain) {
-  RunCleanly(Post(std::to_string(kBody.size())).LogLevel(0), [&](const Told&) {
-    for (std::size_t cut = 0; cut < kBody.size(); ++cut) {
-      SCOPED_TRACE(cut);
-      const PieceInput input(CutInto(kBody.substr(0, cut), 40));
-      const Result result = Parse("/nowhere/at/all");
-      EXPECT_EQ(result.error, "Error reading STDIN");
-      EXPECT_FALSE(result.parsed);
-    }
-  });
+  RunCleanly(Post(std::to_string(kBody.size())).LogLevel(0),
+             [&](const Reporter&) {
+               for (std::size_t cut = 0; cut < kBody.size(); ++cut) {
+                 SCOPED_TRACE(cut);
+                 const PieceInput input(CutInto(kBody.substr(0, cut), 40));
+                 const Result result = Parse("/nowhere/at/all");
+                 EXPECT_EQ(result.error, "Error reading STDIN");
+                 EXPECT_FALSE(result.parsed);
+               }
+             });
 }
 
 TEST(CutBody, InTheDrainAfterAWriteErrorIsAReadError) {
@@ -651,7 +652,7 @@ TEST(CutBody, InTheDrainAfterAWriteErrorIsAReadError) {
   Strings pieces = LargeUpload(3);
   const Child child = PostOf(pieces);
   pieces.resize(3);
-  RunCleanly(child, [&](const Told&) {
+  RunCleanly(child, [&](const Reporter&) {
     const PieceInput input(pieces);
     const Result result = Parse(file);
     EXPECT_EQ(result.error, "Error reading STDIN");
@@ -670,7 +671,7 @@ bool GoesOnForEver(const Input& input, std::size_t declared) {
   const Outcome outcome = Post(std::to_string(declared))
                               .LogLevel(0)
                               .StandardInput(input)
-                              .Run([&](const Told&) {
+                              .Run([&](const Reporter&) {
                                 EndAfterProcessorTime(20'000);
                                 Parse(scratch.Path());
                               });
@@ -707,7 +708,7 @@ TEST(CutBody, FromAFileIsAskedForAgainAndAgainWhereNothingElseCounts) {
                 // A drain.
                 {Input::File("12345"), "/nowhere/at/all"}};
   for (const auto& [input, folder] : rows) {
-    RunCleanly(Post("10").StandardInput(input), [&](const Told&) {
+    RunCleanly(Post("10").StandardInput(input), [&](const Reporter&) {
       int sleeps = 0;
       support::Replace({.sleep = [&](unsigned milliseconds) {
         EXPECT_EQ(milliseconds, 100U);
@@ -740,7 +741,7 @@ TEST(SilentWriter, EndsTheParseAndADrainAtEachWait) {
   for (const std::string& folder :
        {scratch.Path(), std::string("/nowhere/at/all")}) {
     for (std::size_t wait = 0; wait < pieces.size(); ++wait) {
-      RunCleanly(PostOf(pieces), [&](const Told&) {
+      RunCleanly(PostOf(pieces), [&](const Reporter&) {
         ParseFromSilentWriter(folder, pieces, wait);
       });
       EXPECT_EQ(scratch.List(), Strings{});
@@ -751,7 +752,7 @@ TEST(SilentWriter, EndsTheParseAndADrainAtEachWait) {
 TEST(SilentWriter, LeavesPartOfAFileForTheTearDown) {
   const Scratch scratch;
   const Strings pieces = LargeUpload(4);
-  RunCleanly(PostOf(pieces), [&](const Told&) {
+  RunCleanly(PostOf(pieces), [&](const Reporter&) {
     const Result result = ParseFromSilentWriter(scratch.Path(), pieces, 3);
     EXPECT_EQ(result.contents.at("f"),
               std::string(kChunk, 'a') + std::string(kChunk, 'b'));
@@ -766,7 +767,7 @@ TEST(SilentWriter, OverrulesAWriteError) {
   const std::string file = scratch.MakeFile("file");
   const Strings pieces = LargeUpload(4);
   RunCleanly(PostOf(pieces),
-             [&](const Told&) { ParseFromSilentWriter(file, pieces, 3); });
+             [&](const Reporter&) { ParseFromSilentWriter(file, pieces, 3); });
 }
 
 /// Each wait up to this one brings a piece, this one a signal.
@@ -814,7 +815,7 @@ void ExpectWholeForm(const Result& result) {
 TEST(Signal, BeforeTheFirstPieceDoesNoHarm) {
   const Scratch scratch;
   for (const std::size_t signals : {0U, 1U}) {
-    const Outcome outcome = RunCleanly(PostOf(kPieces), [&](const Told&) {
+    const Outcome outcome = RunCleanly(PostOf(kPieces), [&](const Reporter&) {
       const PieceInput input(kPieces,
                              signals > 0 ? SignalAt(0) : PieceInput::Events{});
       ExpectWholeForm(Parse(scratch.Path()));
@@ -829,7 +830,7 @@ TEST(Signal, InALaterWaitMakesTheParseGoOnForEver) {
   // It counts as a read of nothing, after which no further read is tried.
   for (std::size_t when = 1; when < kPieces.size(); ++when) {
     const Scratch scratch;
-    const Outcome outcome = PostOf(kPieces).Run([&](const Told&) {
+    const Outcome outcome = PostOf(kPieces).Run([&](const Reporter&) {
       const PieceInput input(kPieces, [when](std::size_t wait) {
         if (wait == when) EndAfterProcessorTime(20'000);
         return SignalAt(when)(wait);
@@ -895,14 +896,15 @@ TEST(StandardDescriptors, WithoutTheFirstThereIsNoBody) {
   for (const std::vector<int>& closed :
        {std::vector{0}, {0, 1}, {0, 2}, {0, 1, 2}}) {
     const Scratch scratch;
-    RunCleanly(Without(closed).Env("CONTENT_LENGTH", "1000"), [&](const Told&) {
-      const std::string open = OpenStandardDescriptors();
-      const Result result = Parse(scratch.Path());
-      EXPECT_EQ(result.error, "invalid polling request");
-      EXPECT_FALSE(result.parsed);
-      EXPECT_TRUE(result.files.empty());
-      EXPECT_EQ(OpenStandardDescriptors(), open);
-    });
+    RunCleanly(Without(closed).Env("CONTENT_LENGTH", "1000"),
+               [&](const Reporter&) {
+                 const std::string open = OpenStandardDescriptors();
+                 const Result result = Parse(scratch.Path());
+                 EXPECT_EQ(result.error, "invalid polling request");
+                 EXPECT_FALSE(result.parsed);
+                 EXPECT_TRUE(result.files.empty());
+                 EXPECT_EQ(OpenStandardDescriptors(), open);
+               });
   }
 }
 
@@ -943,12 +945,12 @@ Outcome EndRequestAfter(const Scratch& spool, const Work& work) {
       Upload("u", "f", "first") + Upload("v", "g", "second") + kFormEnd;
   const Input input = Input::Pipe(body);
   return RunCleanly(Post(std::to_string(body.size())).StandardInput(input),
-                    [&](const Told& told) {
+                    [&](const Reporter& report) {
                       Cgi cgi("/bin/front", "panel");
                       cgi.SetTmpDir(spool.Path());
                       cgi.ParseQuery();
-                      told("f", cgi.File("f"));
-                      told("g", cgi.File("g"));
+                      report("f", cgi.File("f"));
+                      report("g", cgi.File("g"));
                       work(cgi.File("f"), cgi.File("g"));
                     });
 }
@@ -987,7 +989,7 @@ TEST(TearDown, RemovesWhatIsInAnUploadsPlaceAndTheOthers) {
     const Outcome outcome = EndRequestAfter(
         spool,
         [&](const std::string& f, const std::string&) { place.put(f, store); });
-    const std::string upload = outcome.told.at("f");
+    const std::string upload = outcome.reported.at("f");
     if (place.stays) {
       EXPECT_EQ(outcome.Logged(4), Strings{CannotRemove(upload)});
       EXPECT_EQ(spool.List(), Strings{fs::path(upload).filename()});
@@ -1008,8 +1010,9 @@ TEST(TearDown, WithoutTheRightToRemoveWarnsOfEach) {
           EXPECT_EQ(::chmod(spool.Path().c_str(), mode), 0);
           zan_cgi::testing::BecomeOrdinaryUser();
         });
-    EXPECT_EQ(outcome.Logged(4), (Strings{CannotRemove(outcome.told.at("f")),
-                                          CannotRemove(outcome.told.at("g"))}));
+    EXPECT_EQ(outcome.Logged(4),
+              (Strings{CannotRemove(outcome.reported.at("f")),
+                       CannotRemove(outcome.reported.at("g"))}));
     EXPECT_EQ(::chmod(spool.Path().c_str(), 0700), 0);
     EXPECT_EQ(spool.List().size(), 2U);
   }
@@ -1019,7 +1022,7 @@ TEST(TearDown, RemovesTheFilesOfAParseThatWasGivenUp) {
   const Scratch scratch;
   const Strings pieces{Upload("u", "f", "whole"),
                        support::UploadHead("v", "g") + "in part"};
-  RunCleanly(Post("1000"), [&](const Told&) {
+  RunCleanly(Post("1000"), [&](const Reporter&) {
     const PieceInput input(pieces);
     const Result result = Parse(scratch.Path());
     EXPECT_EQ(result.error, "Error reading STDIN");
@@ -1035,7 +1038,7 @@ TEST(TearDown, RemovesTheFilesOfAFieldThatIsRefused) {
   const Scratch scratch;
   const std::string body =
       Upload("u", "f", "x") + Field("a", std::string(262'145, 'y')) + kFormEnd;
-  RunCleanly(Post(std::to_string(body.size())), [&](const Told&) {
+  RunCleanly(Post(std::to_string(body.size())), [&](const Reporter&) {
     const PieceInput input(CutInto(body, kChunk));
     const Result result = Parse(scratch.Path());
     EXPECT_EQ(result.error, "Element value size must be less than 262144");

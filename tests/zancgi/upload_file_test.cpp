@@ -28,8 +28,8 @@ namespace fs = std::filesystem;
 using zan_cgi::UploadFile;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::ReadFile;
+using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Scratch;
-using zan_cgi::testing::Told;
 using Strings = std::vector<std::string>;
 
 /// What one call of write(2) is to do: to fail with an error, or to write so
@@ -53,7 +53,7 @@ void RunWithout(const std::vector<int>& closed,
                 const std::function<void()>& body) {
   Child child;
   for (const int descriptor : closed) child.Closed(descriptor);
-  support::RunCleanly(child, [&](const Told&) { body(); });
+  support::RunCleanly(child, [&](const Reporter&) { body(); });
 }
 
 const std::vector<int> kClosedSets[] = {{},     {0},    {1},    {2},

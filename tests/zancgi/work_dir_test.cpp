@@ -17,18 +17,18 @@ namespace fs = std::filesystem;
 using zan_cgi::Cgi;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Scratch;
-using zan_cgi::testing::Told;
 
 bool refuses_chdir = false;
 
 std::string Construct(const std::string& program, const std::string& from) {
-  Outcome outcome = Child().WorkDir(from).Run([&](const Told& told) {
+  Outcome outcome = Child().WorkDir(from).Run([&](const Reporter& report) {
     const Cgi cgi(program, "backend");
-    told("where", fs::current_path().string());
+    report("where", fs::current_path().string());
   });
   EXPECT_EQ(outcome.error, "");
-  return outcome.told["where"];
+  return outcome.reported["where"];
 }
 
 TEST(WorkDir, IsTheFolderAboveTheProgramsFolder) {
@@ -58,13 +58,13 @@ TEST(WorkDir, IsTheFolderAboveTheProgramsFolder) {
 TEST(WorkDir, ThatCannotBeEnteredIsNoError) {
   const Scratch scratch;
   const std::string program = scratch.MakeDir("x/cgi") + "/front";
-  Outcome outcome = Child().WorkDir("/").Run([&](const Told& told) {
+  Outcome outcome = Child().WorkDir("/").Run([&](const Reporter& report) {
     refuses_chdir = true;
     const Cgi cgi(program, "backend");
-    told("where", fs::current_path().string());
+    report("where", fs::current_path().string());
   });
   EXPECT_EQ(outcome.error, "");
-  EXPECT_EQ(outcome.told["where"], "/");
+  EXPECT_EQ(outcome.reported["where"], "/");
   EXPECT_EQ(outcome.Logged(9).size(), 1U);
 }
 
@@ -73,7 +73,7 @@ TEST(WorkDir, ThatCannotBeResolvedIsAnError) {
   const std::string loop = scratch / "loop";
   fs::create_symlink(loop, loop);
   const Outcome outcome = Child().WorkDir("/").Run(
-      [&](const Told&) { const Cgi cgi(loop + "/front", "backend"); });
+      [&](const Reporter&) { const Cgi cgi(loop + "/front", "backend"); });
   EXPECT_EQ(outcome.error_type, "tov_err::Error");
   EXPECT_NE(outcome.error.find(loop), std::string::npos);
   EXPECT_TRUE(outcome.Logged(9).empty());
@@ -81,7 +81,7 @@ TEST(WorkDir, ThatCannotBeResolvedIsAnError) {
 
 TEST(WorkDir, OfAnEmptyProgramNameFailsAfterTheRecordIsBuilt) {
   const Outcome outcome =
-      Child().Run([](const Told&) { const Cgi cgi("", "backend"); });
+      Child().Run([](const Reporter&) { const Cgi cgi("", "backend"); });
   EXPECT_EQ(outcome.error_type, "tov_err::AssertError");
   EXPECT_NE(outcome.error.find("passed binary name is empty"),
             std::string::npos);

@@ -107,7 +107,7 @@ std::string TypeOfException() {
 
 void RunGuarded(const Child::Body& body, int report) {
   try {
-    body(Told(report));
+    body(Reporter(report));
   } catch (const std::exception& error) {
     ReportException(report, TypeOfException(), error.what());
   } catch (...) {
@@ -139,7 +139,7 @@ void ParseReport(const std::string& report, Outcome& outcome) {
     stream.read(name.data(), static_cast<std::streamsize>(name_size));
     stream.read(value.data(), static_cast<std::streamsize>(value_size));
     if (kind == 't') {
-      outcome.told[name] = value;
+      outcome.reported[name] = value;
     } else if (kind == 'e') {
       outcome.error_type = name;
       outcome.error = value;
@@ -155,7 +155,8 @@ std::vector<std::string> Outcome::Logged(int level) const {
   return TextsOf(log, level);
 }
 
-void Told::operator()(const std::string& name, const std::string& value) const {
+void Reporter::operator()(const std::string& name,
+                          const std::string& value) const {
   WriteRecord(descriptor_, 't', name, value);
 }
 
@@ -240,7 +241,7 @@ Outcome Child::Run(const Body& body) const {
   const Descriptor standard_error = AnonymousFile("standard error");
   const Input own = request_ ? request_->StandardInput() : Input::Nothing();
   const Input& input = input_ != nullptr ? *input_ : own;
-  const Ending ending = Supervise({backend_, &input, time_limit_}, [&] {
+  const ExitResult ending = Supervise({backend_, &input, time_limit_}, [&] {
     BecomeChild(body, input, report.Get(), standard_error.Get());
   });
 

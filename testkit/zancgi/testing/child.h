@@ -22,8 +22,8 @@ class Backend;
 
 /// What a child process has left behind.
 struct Outcome {
-  /// What the body has told, by name.
-  std::map<std::string, std::string> told;
+  /// What the body has reported, by name.
+  std::map<std::string, std::string> reported;
   /// Type of the exception that ended the body, such as "tov_err::Missed" or
   /// "std::runtime_error"; empty when there was none.
   std::string error_type;
@@ -49,11 +49,11 @@ struct Outcome {
   std::vector<std::string> Logged(int level) const;
 };
 
-/// Tells the parent something: told("param", cgi.Param("a")).
-class Told {
+/// Reports something to the parent: report("param", cgi.Param("a")).
+class Reporter {
  public:
   /// @param descriptor  where to
-  explicit Told(int descriptor) : descriptor_(descriptor) {}
+  explicit Reporter(int descriptor) : descriptor_(descriptor) {}
   /// Of several values of one name the last counts.
   void operator()(const std::string& name, const std::string& value) const;
 
@@ -78,7 +78,7 @@ void LeaveOutLeakCheck();
 class Child {
  public:
   /// What runs there.
-  using Body = std::function<void(const Told&)>;
+  using Body = std::function<void(const Reporter&)>;
 
   /// Sets an environment variable.
   Child& Env(const std::string& name, const std::string& value);

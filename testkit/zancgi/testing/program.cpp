@@ -173,7 +173,7 @@ Response Program::Run(const Request& request) const {
   const Input input = request.StandardInput();
   const auto environment = EnvironmentFor(request);
   const std::vector<std::string> before = FilesIn(TmpDir());
-  const Ending ending = Supervise({backend_, &input, time_limit_}, [&] {
+  const ExitResult ending = Supervise({backend_, &input, time_limit_}, [&] {
     Become(environment, input, standard_output.Get(), standard_error.Get(),
            failure.Get());
   });

@@ -34,10 +34,10 @@ using Clock = std::chrono::steady_clock;
 
 /// How long a process that goes on behind the end of its parent may take to
 /// finish by itself.
-constexpr milliseconds kGrace{2000};
+constexpr milliseconds kTimeToFinish{2000};
 /// The same when the test has gone, which may be supervised itself.
-constexpr milliseconds kGraceAlone{500};
-constexpr milliseconds kPause{5};
+constexpr milliseconds kTimeToFinishAlone{500};
+constexpr milliseconds kPollInterval{5};
 
 int StatusOf(int wait_status) {
   return WIFEXITED(wait_status) ? WEXITSTATUS(wait_status)
@@ -91,7 +91,7 @@ bool AllEndWithin(milliseconds patience) {
   const Clock::time_point end = Clock::now() + patience;
   while (!ReapChildren()) {
     if (Clock::now() >= end) return false;
-    std::this_thread::sleep_for(kPause);
+    std::this_thread::sleep_for(kPollInterval);
   }
   return true;
 }
@@ -106,7 +106,7 @@ std::vector<std::string> EndChildren() {
       ::kill(process, SIGKILL);
       ended.push_back(name);
     }
-  } while (!AllEndWithin(kGrace));
+  } while (!AllEndWithin(kTimeToFinish));
   return ended;
 }
 
@@ -149,15 +149,16 @@ void KeepOnly(int lifeline, int report) {
   ::waitpid(process, &status, 0);
   std::ostringstream text;
   text << StatusOf(status) << ' ' << (event == Event::kTimeUp) << '\n';
-  if (!AllEndWithin(event == Event::kAlone ? kGraceAlone : kGrace)) {
+  if (!AllEndWithin(event == Event::kAlone ? kTimeToFinishAlone
+                                           : kTimeToFinish)) {
     for (const std::string& ended : EndChildren()) text << ended << '\n';
   }
   WriteAll(report, text.str());
   ::_exit(0);
 }
 
-Ending ParseReport(const std::string& report) {
-  Ending ending;
+ExitResult ParseReport(const std::string& report) {
+  ExitResult ending;
   std::istringstream stream(report);
   if (!(stream >> ending.status >> ending.timed_out)) {
     throw std::runtime_error("a process could not be supervised to its end");
@@ -171,16 +172,16 @@ Ending ParseReport(const std::string& report) {
 
 /// Meanwhile the ends of children can be waited for, whatever the program that
 /// runs the tests has been started with, and nothing else waits for them.
-class OwnChildren {
+class ScopedSigchld {
  public:
-  OwnChildren() {
+  ScopedSigchld() {
     struct sigaction usual {};
     usual.sa_handler = SIG_DFL;
     ::sigaction(SIGCHLD, &usual, &before_);
   }
-  ~OwnChildren() { ::sigaction(SIGCHLD, &before_, nullptr); }
-  OwnChildren(const OwnChildren&) = delete;
-  OwnChildren& operator=(const OwnChildren&) = delete;
+  ~ScopedSigchld() { ::sigaction(SIGCHLD, &before_, nullptr); }
+  ScopedSigchld(const ScopedSigchld&) = delete;
+  ScopedSigchld& operator=(const ScopedSigchld&) = delete;
 
  private:
   struct sigaction before_ {};
@@ -227,7 +228,7 @@ void WaitFor(int descriptor) {
 
 /// Nothing that is thrown may lead back into a second copy of the test.
 [[noreturn]] void BecomeSupervisor(
-    const Surroundings& with, int lifeline, int report,
+    const RunOptions& with, int lifeline, int report,
     const std::function<void()>& become) noexcept {
   ::prctl(PR_SET_CHILD_SUBREAPER, 1);
   const pid_t process = ::fork();
@@ -243,15 +244,15 @@ void WaitFor(int descriptor) {
 
 }  // namespace
 
-Ending Supervise(const Surroundings& with,
-                 const std::function<void()>& become) {
+ExitResult Supervise(const RunOptions& with,
+                     const std::function<void()>& become) {
   const Descriptor report = AnonymousFile("report of the supervisor");
   int ends[2];
   if (::pipe2(ends, O_CLOEXEC) != 0) Fail("pipe2");
   const Descriptor lifeline = Raised(Descriptor(ends[0]));
   Descriptor kept = Raised(Descriptor(ends[1]));
   const BackendRun run(with.backend);
-  const OwnChildren children;
+  const ScopedSigchld children;
   static_cast<void>(std::fflush(nullptr));
   const pid_t process = ::fork();
   if (process < 0) Fail("fork");

@@ -14,7 +14,7 @@ class Backend;
 class Input;
 
 /// How a process has ended.
-struct Ending {
+struct ExitResult {
   /// Its exit status; 128 and the signal's number after a death by signal.
   int status = 0;
   /// Whether it has been ended because its time was up.
@@ -25,7 +25,7 @@ struct Ending {
 };
 
 /// What a process is run with.
-struct Surroundings {
+struct RunOptions {
   Backend* backend = nullptr;
   const Input* input = nullptr;
   std::chrono::milliseconds time_limit{};
@@ -37,7 +37,8 @@ struct Surroundings {
 /// Between the two processes there is a third, which sees to it that nothing is
 /// left: it becomes the parent of whatever loses its own, and ends all when the
 /// time is up or the caller has gone.
-Ending Supervise(const Surroundings& with, const std::function<void()>& become);
+ExitResult Supervise(const RunOptions& with,
+                     const std::function<void()>& become);
 
 }  // namespace zan_cgi::testing
 
