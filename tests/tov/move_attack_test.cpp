@@ -477,9 +477,10 @@ TEST(CopyingMove, IsTakenBackWhenTheSourceCannotBeLookedAtAnyMore) {
   const Scratch from;
   const Scratch to(kOtherFileSystem);
   const std::string source = from.MakeFile("source", "x");
+  // It outlives the move: calls are watched until the child ends.
+  bool is_copied = false;
   const Outcome outcome =
       support::RunWithoutLeak(Child(), [&](const Reporter&) {
-        bool is_copied = false;
         support::WatchFileCalls([&](const FileCall& call) {
           if (call.name == "fsync") is_copied = true;
           const bool is_last_look = call.name == "lstat" && call.path == source;
