@@ -34,8 +34,8 @@ inline std::string BaseName(const char* file) {
   } while (false)
 
 /// The same with "<source file>:<line> " in front.
-#define ZANCGI_LOG_HERE(level, format, ...)                      \
-  ZANCGI_LOG(level, "%s:%d " format, BaseName(__FILE__).c_str(), \
-             __LINE__ __VA_OPT__(, ) __VA_ARGS__)
+#define ZANCGI_LOG_HERE(level, format, ...)                                \
+  ZANCGI_LOG(level, "%s:%d " format, BaseName(__FILE__).c_str(), __LINE__, \
+             ##__VA_ARGS__)
 
 #endif

@@ -41,10 +41,10 @@ TEST(Cookies, AreTakenFromTheirHeaderAndOnlyTraced) {
       {"=x; ;a", {{"", ""}, {"a", ""}}},
       {"=x", {{"", "x"}}},
       {"; ;", {{"", ""}}}};
-  for (const auto& [header, cookies] : headers) {
+  for (const auto& row : headers) {
     const auto outcome = support::RunCleanly(
-        Child().Env("HTTP_COOKIE", header), [&](const Reporter&) {
-          EXPECT_EQ(Cgi::Data().cookies, cookies) << header;
+        Child().Env("HTTP_COOKIE", row.first), [&](const Reporter&) {
+          EXPECT_EQ(Cgi::Data().cookies, row.second) << row.first;
         });
     EXPECT_EQ(outcome.log,
               (Log{{8, "void zan_cgi::Cgi::Data::ParseCookies()"}}));

@@ -501,12 +501,14 @@ TEST(Path, ThatCannotBeReadIsTheEndAndLogged) {
   };
   const Path paths[] = {{"/", O_RDONLY | O_DIRECTORY, EISDIR},
                         {scratch.MakeFile("file", "x"), O_WRONLY, EBADF}};
-  for (const auto& [path, flags, error] : paths) {
-    const Log log = Reading(Input::Nothing(), [&, flags = flags] {
-      EXPECT_EQ(ReadFrom(::open(path.c_str(), flags), 1), Strings{"-1"});
+  for (const Path& row : paths) {
+    const Log log = Reading(Input::Nothing(), [&] {
+      EXPECT_EQ(ReadFrom(::open(row.path.c_str(), row.flags), 1),
+                Strings{"-1"});
     });
-    EXPECT_EQ(log,
-              (Log{{3, "error reading stdin, code " + std::to_string(error)}}));
+    EXPECT_EQ(
+        log,
+        (Log{{3, "error reading stdin, code " + std::to_string(row.error)}}));
   }
 }
 

@@ -707,14 +707,14 @@ TEST(CutBody, FromAFileIsAskedForAgainAndAgainWhereNothingElseCounts) {
                 {Input::Socket(""), "/tmp"},
                 // A drain.
                 {Input::File("12345"), "/nowhere/at/all"}};
-  for (const auto& [input, folder] : rows) {
-    RunCleanly(Post("10").StandardInput(input), [&](const Reporter&) {
+  for (const Row& row : rows) {
+    RunCleanly(Post("10").StandardInput(row.input), [&](const Reporter&) {
       int sleeps = 0;
       support::Replace({.sleep = [&](unsigned milliseconds) {
         EXPECT_EQ(milliseconds, 100U);
         if (++sleeps == 50) throw std::runtime_error("slept enough");
       }});
-      EXPECT_EQ(Parse(folder, true).error, "slept enough");
+      EXPECT_EQ(Parse(row.folder, true).error, "slept enough");
     });
   }
 }
