@@ -1,4 +1,4 @@
-"""Measures what docs/scaling.md tells. Each comparison takes turns in one run.
+"""Measures the figures of docs/scaling.md. Each comparison takes turns in one run.
 
 usage: scaling_figures.py [--quick]
 

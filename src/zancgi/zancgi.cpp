@@ -309,7 +309,7 @@ ZeroedBuffer MakeZeroedBuffer(std::size_t size) {
 
 /// Reads the body of one POST and fills the request record with it.
 ///
-/// Three words are told apart: the boundary is "--" and the value that the
+/// Three words, three things: the boundary is "--" and the value that the
 /// content type gives; the separator, which ends a file, is CR LF and the
 /// boundary; a delimiter is what stands between words, such as ";".
 ///

@@ -1,5 +1,5 @@
 """The configurations of docs/deployment.md, each taken out of the document and
-run with the real servers: what arrives, what is refused, what stays behind."""
+run with the real servers: what arrives, what is refused, what is left afterwards."""
 
 import concurrent.futures
 import contextlib
