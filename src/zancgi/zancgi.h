@@ -20,7 +20,7 @@
 /// A part of the version.
 /// @{
 #define ZANCGI_VERSION_MAJOR 1
-#define ZANCGI_VERSION_MINOR 0
+#define ZANCGI_VERSION_MINOR 1
 #define ZANCGI_VERSION_PATCH 0
 /// @}
 
