@@ -118,7 +118,9 @@ def cases(bench: Bench, request: Request, answers: Answers, slow_every: int) -> 
             without_hash,
             answer=None,
             every=slow_every if program.is_slow or program.name == QUADRATIC else 1,
-            trial=Case(program, request, answers.by_name if program.is_ours else answers.as_sent),
+            trial=Case(
+                program, request, answers.by_name if program.sorts_fields else answers.as_sent
+            ),
         )
         for program in bench.programs_of("form")
     ]

@@ -14,7 +14,7 @@
 /// A part of the version.
 /// @{
 #define TOV_VERSION_MAJOR 1
-#define TOV_VERSION_MINOR 0
+#define TOV_VERSION_MINOR 1
 #define TOV_VERSION_PATCH 0
 /// @}
 

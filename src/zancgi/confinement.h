@@ -10,6 +10,10 @@ namespace zan_cgi {
 /// configuration, a socket in the back end's place.
 bool IsInsideAccountsFolder();
 
+/// Returns the home folder of the account that the process has been made, as
+/// the process sees it; null before, and of root.
+const char* AccountHome();
+
 }  // namespace zan_cgi
 
 #endif

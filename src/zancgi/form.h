@@ -1,10 +1,10 @@
 /// @file
 /// The exact way to read what a client has sent: forms and other bodies.
 ///
-/// Unlike the parser of zan_cgi::Cgi, whose oddities are kept for compatibility,
-/// this one takes what the standards allow, refuses everything else with the
-/// HTTP status that fits, and gives the same result however the body's bytes
-/// arrive.
+/// Unlike the parser of zan_cgi::Cgi, whose oddities are kept for
+/// compatibility, this one takes what the standards allow, refuses everything
+/// else with the HTTP status that fits, and gives the same result however the
+/// body's bytes arrive.
 #ifndef ZANCGI_FORM_H
 #define ZANCGI_FORM_H
 

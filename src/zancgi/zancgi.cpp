@@ -26,6 +26,7 @@
 #include "layout.h"  // IWYU pragma: keep
 #include "line_assembly.h"
 #include "log_line.h"
+#include "map_filler.h"
 #include "separator_scan.h"
 #include "standard_input.h"
 #include "upload_file.h"
@@ -152,52 +153,6 @@ void Cgi::GetFileNames(std::vector<std::string>& names) const {
 }
 
 // The query string and the cookies.
-
-namespace {
-
-/// Fills a map from a request. Large forms usually arrive sorted by name, so
-/// the previous entry is the hint for the next one.
-class MapFiller {
- public:
-  /// The value of a name, which stays where it is as long as the map lives.
-  struct Place {
-    std::string* value;
-    bool is_new;
-  };
-
-  /// @param map  nothing may be removed from it as long as this object is used
-  explicit MapFiller(StringMap& map) : map_(map), last_(map.end()) {}
-
-  /// Returns the value of a name. A new name gets the value given, or an empty
-  /// one; if memory ends, it is not inserted.
-  template <class... Value>
-  Place FindOrInsert(const std::string& name, const Value&... value) {
-    const std::size_t size = map_.size();
-    const auto hint = last_ == map_.end() ? last_ : std::next(last_);
-    last_ = map_.try_emplace(hint, name, value...);
-    return {&last_->second, map_.size() != size};
-  }
-
-  /// Adds a value, or joins it to the one that the name has. Appends in place:
-  /// a name that comes a hundred thousand times must not copy its value as
-  /// often.
-  void Join(const std::string& name, const char* glue,
-            const std::string& value) {
-    const Place place = FindOrInsert(name, value);
-    if (!place.is_new) place.value->append(glue).append(value);
-  }
-
-  /// Adds a value, or replaces the one that the name has.
-  void Set(const std::string& name, std::string value) {
-    *FindOrInsert(name).value = std::move(value);
-  }
-
- private:
-  StringMap& map_;
-  StringMap::iterator last_;  ///< Where the last value went.
-};
-
-}  // namespace
 
 void Cgi::Data::ParseQueryString(std::string query) {
   TraceEntry("void zan_cgi::Cgi::Data::ParseQueryString(std::string)");

@@ -48,6 +48,8 @@ struct pam_response;
 
 namespace zan_cgi {
 
+class Form;
+
 /// One request: its parameters, cookies and uploads, its conversation with the
 /// back-end service, and its authorization.
 ///
@@ -262,6 +264,7 @@ class ZANCGI_API Cgi {
           bool use_pam);
 
  private:
+  friend class Form;
   std::shared_ptr<Data> data_;
 };
 

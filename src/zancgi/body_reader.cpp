@@ -1,0 +1,164 @@
+#include "body_reader.h"
+
+#include <zancgi/form.h>
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <system_error>
+
+namespace zan_cgi {
+namespace {
+
+constexpr std::size_t kLargestRead = 65536;
+constexpr std::int64_t kMostDropped = std::int64_t{1} << 30;
+
+std::string_view Variable(const char* name) {
+  const char* const value = std::getenv(name);
+  return value == nullptr ? "" : value;
+}
+
+bool HasOnlyDigits(std::string_view text) {
+  return text.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+/// The number that only digits stand for; the largest one when it is larger.
+std::int64_t NumberOf(std::string_view digits) {
+  std::int64_t number = 0;
+  const auto result =
+      std::from_chars(digits.data(), digits.data() + digits.size(), number);
+  return result.ec == std::errc() ? number
+                                  : std::numeric_limits<std::int64_t>::max();
+}
+
+int MillisecondsOf(int seconds) {
+  return std::clamp(seconds, 0, std::numeric_limits<int>::max() / 1000) * 1000;
+}
+
+using Clock = std::chrono::steady_clock;
+
+int MillisecondsSince(Clock::time_point start) {
+  using Milliseconds = std::chrono::duration<int, std::milli>;
+  return std::chrono::duration_cast<Milliseconds>(Clock::now() - start).count();
+}
+
+}  // namespace
+
+BodyReader::BodyReader(int idle) : idle_ms_(MillisecondsOf(idle)) {}
+
+void BodyReader::TakeLength(std::int64_t limit) {
+  const std::string_view declared = Variable("CONTENT_LENGTH");
+  // As far as is known; whatever there is can be dropped.
+  length_ = std::numeric_limits<std::int64_t>::max();
+  if (declared.empty() && !Variable("HTTP_TRANSFER_ENCODING").empty()) {
+    // Its end could not be told from a lost connection.
+    throw FormError(400, "the length of the body is not declared");
+  }
+  if (!HasOnlyDigits(declared)) {
+    throw FormError(400, "the declared length of the body is not a number");
+  }
+  length_ = declared.empty() ? 0 : NumberOf(declared);
+  if (length_ > limit) {
+    throw FormError(
+        413, "the body is longer than " + std::to_string(limit) + " bytes");
+  }
+}
+
+bool BodyReader::ReadMore() {
+  if (total_ == length_) return false;
+  MakeRoom();
+  const std::int64_t left = length_ - total_;
+  const std::size_t room = std::min(capacity_ - end_, kLargestRead);
+  const std::size_t count =
+      Read(buffer_.get() + end_, static_cast<std::size_t>(std::min(
+                                     left, static_cast<std::int64_t>(room))));
+  if (count == 0) {
+    throw FormError(400, "the body ends after " + std::to_string(total_) +
+                             " of " + std::to_string(length_) + " bytes");
+  }
+  end_ += count;
+  return true;
+}
+
+/// The unread bytes go to the front. They are few, since whoever reads takes
+/// all that it can.
+void BodyReader::MakeRoom() {
+  const std::size_t unread = end_ - begin_;
+  if (capacity_ - unread < kLargestRead) {
+    const std::size_t capacity = 2 * unread + kLargestRead + 4096;
+    std::unique_ptr<char[]> larger(new char[capacity]);
+    if (unread > 0) std::memcpy(larger.get(), buffer_.get() + begin_, unread);
+    buffer_ = std::move(larger);
+    capacity_ = capacity;
+  } else if (begin_ > 0) {
+    std::memmove(buffer_.get(), buffer_.get() + begin_, unread);
+  }
+  begin_ = 0;
+  end_ = unread;
+}
+
+std::size_t BodyReader::Read(char* to, std::size_t count) {
+  const Clock::time_point start = Clock::now();
+  for (;;) {
+    WaitForInput(start);
+    const ssize_t got = ::read(STDIN_FILENO, to, count);
+    if (got >= 0) {
+      is_at_end_ = got == 0;
+      total_ += got;
+      return static_cast<std::size_t>(got);
+    }
+    if (errno != EINTR && errno != EAGAIN) ThrowUnreadable();
+    // Ready, but with nothing to read: that, too, may not go on for ever.
+    if (errno == EAGAIN && MillisecondsSince(start) >= idle_ms_) ThrowSilent();
+  }
+}
+
+/// Waits until there is something to read or to report. However many signals
+/// come, the wait ends when the silence since the start is too long.
+void BodyReader::WaitForInput(Clock::time_point start) {
+  for (int left = idle_ms_;; left = idle_ms_ - MillisecondsSince(start)) {
+    pollfd input{STDIN_FILENO, POLLIN, 0};
+    const int count = ::poll(&input, 1, std::max(left, 0));
+    if (count > 0) return;
+    if (count == 0) ThrowSilent();
+    if (errno != EINTR) ThrowUnreadable();
+  }
+}
+
+void BodyReader::ThrowSilent() {
+  is_at_end_ = true;
+  throw FormError(408, "nothing of the body has come for " +
+                           std::to_string(idle_ms_ / 1000) + " seconds");
+}
+
+void BodyReader::ThrowUnreadable() {
+  const int error = errno;
+  is_at_end_ = true;
+  throw FormError(
+      400, std::string("the body cannot be read: ") + std::strerror(error));
+}
+
+void BodyReader::Drain() noexcept {
+  try {
+    begin_ = end_ = 0;
+    if (capacity_ == 0) MakeRoom();
+    const std::int64_t most = total_ + std::min(length_ - total_, kMostDropped);
+    while (!is_at_end_ && total_ < most) {
+      const std::int64_t count =
+          std::min(most - total_, static_cast<std::int64_t>(kLargestRead));
+      Read(buffer_.get(), static_cast<std::size_t>(count));
+    }
+  } catch (...) {
+    // What does not come cannot be dropped.
+  }
+}
+
+}  // namespace zan_cgi

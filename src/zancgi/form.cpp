@@ -1,0 +1,282 @@
+#include <zancgi/form.h>
+
+#include <tov/env.h>
+
+#include <algorithm>
+#include <functional>
+#include <map>
+#include <optional>
+#include <utility>
+
+#include "body_reader.h"
+#include "confinement.h"
+#include "form_collector.h"
+#include "header_words.h"
+#include "map_filler.h"
+#include "multipart.h"
+#include "urlencoded_form.h"
+
+namespace zan_cgi {
+
+// What cannot be taken.
+
+FormError::FormError(int status, const std::string& message)
+    : std::runtime_error(message), status_(status) {}
+FormError::FormError(const FormError&) noexcept = default;
+FormError& FormError::operator=(const FormError&) noexcept = default;
+FormError::~FormError() = default;
+
+int FormError::status() const noexcept { return status_; }
+
+void FormCollector::ThrowTooManyParts() const {
+  throw FormError(413, "the form has more than " +
+                           std::to_string(limits_.parts) +
+                           " fields and uploads");
+}
+
+void FormCollector::ThrowValueTooLong() const {
+  throw FormError(413, "a value of the form is longer than " +
+                           std::to_string(limits_.value) + " bytes");
+}
+
+void FormCollector::ThrowTooMuchText() const {
+  throw FormError(413,
+                  "the names and values of the form together are longer than " +
+                      std::to_string(limits_.values) + " bytes");
+}
+
+// Reading it.
+
+namespace {
+
+using Files = std::map<std::string, Cgi::Data::FileInfo>;
+
+/// Where the uploads of a request go.
+std::string UploadDirectory(const Cgi::Data& request) {
+  if (!request.tmp_dir.empty()) return request.tmp_dir;
+  if (const char* const home = AccountHome()) return home;
+  const std::string directory = tov_env::GetEnv("TMP");
+  return directory.empty() ? "/tmp" : directory;
+}
+
+void ReadQueryString(FormCollector& form) {
+  UrlencodedParser(form).Take(tov_env::GetEnv("QUERY_STRING"), true);
+}
+
+void ReadUrlencoded(BodyReader& body, FormCollector& form) {
+  UrlencodedParser parser(form);
+  while (body.ReadMore()) {
+    body.Consume(parser.Take(body.Unread(), false));
+  }
+  parser.Take(body.Unread(), true);
+}
+
+/// Returns the boundary that a media type announces (RFC 2046 section 5.1.1).
+std::string AnnouncedBoundary(std::string_view type) {
+  const std::optional<HeaderWords> words = ReadHeaderWords(type, Escapes::kAll);
+  if (!words) throw FormError(400, "the media type of the form is malformed");
+  const std::string* const boundary = words->Find("boundary");
+  constexpr std::size_t kLongest = 70;
+  if (boundary == nullptr || words->HasTwice("boundary") || boundary->empty() ||
+      boundary->size() > kLongest || boundary->back() == ' ' ||
+      std::any_of(boundary->begin(), boundary->end(), IsControl)) {
+    throw FormError(400, "the form announces no valid boundary");
+  }
+  return *boundary;
+}
+
+void ReadBodyForm(BodyReader& body, FormCollector& form) {
+  const std::string type = tov_env::GetEnv("CONTENT_TYPE");
+  const std::string_view media_type = FirstWord(type);
+  body.TakeLength(form.limits().body);
+  if (IsSameWord(media_type, "multipart/form-data")) {
+    MultipartParser(body, form, AnnouncedBoundary(type)).Parse();
+  } else if (IsSameWord(media_type, "application/x-www-form-urlencoded")) {
+    ReadUrlencoded(body, form);
+  } else if (body.length() > 0 || !media_type.empty()) {
+    throw FormError(415, "the type of the body is none of a form");
+  }
+}
+
+void ReadForm(BodyReader& body, FormCollector& form) {
+  const std::string method = tov_env::GetEnv("REQUEST_METHOD");
+  if (method == "GET" || method == "HEAD") {
+    ReadQueryString(form);
+  } else {
+    ReadBodyForm(body, form);
+  }
+}
+
+/// The key under which the record is to know an upload: the name that the
+/// client has sent, made different when there is an upload of that name.
+/// @param numbers  the last number that was added to each name
+std::string FreeKey(const std::string& name, const Files& files,
+                    std::map<std::string, int>& numbers) {
+  if (files.count(name) == 0) return name;
+  int& number = numbers.try_emplace(name, 1).first->second;
+  for (;;) {
+    std::string key = name + " (" + std::to_string(++number) + ")";
+    if (files.count(key) == 0) return key;
+  }
+}
+
+}  // namespace
+
+struct __attribute__((visibility("hidden"))) Form::Contents {
+  std::vector<Field> fields;
+  std::vector<Upload> uploads;
+  std::vector<std::string> keys;  ///< Of each upload, in the record's files.
+  std::shared_ptr<Cgi::Data> request;
+
+  /// Takes over what was read, and has the record answer from it.
+  Contents(FormCollector& form, std::shared_ptr<Cgi::Data> record)
+      : fields(std::move(form.fields())),
+        uploads(std::move(form.uploads())),
+        request(std::move(record)) {
+    form.spool().Publish();
+    Files files = TakeFiles(form.spool().Paths());
+    std::map<std::string, std::string> params = Params();
+    request->files.swap(files);
+    request->params.swap(params);
+    form.spool().Release();
+  }
+
+  /// The number of an upload of this form.
+  std::size_t IndexOf(const Upload& upload) const {
+    const auto is_meant = [&](const Upload& other) {
+      return other.field == upload.field && other.name == upload.name &&
+             other.type == upload.type && other.size == upload.size;
+    };
+    const auto found =
+        IsOurs(upload) ? uploads.begin() + (&upload - uploads.data())
+                       : std::find_if(uploads.begin(), uploads.end(), is_meant);
+    if (found == uploads.end()) {
+      throw std::invalid_argument("the upload is not one of this form's");
+    }
+    return static_cast<std::size_t>(found - uploads.begin());
+  }
+
+ private:
+  bool IsOurs(const Upload& upload) const {
+    // Pointers into different memory are ordered by these alone.
+    const std::less<> is_before;
+    return !is_before(&upload, uploads.data()) &&
+           is_before(&upload, uploads.data() + uploads.size());
+  }
+
+  Files TakeFiles(std::vector<std::string> paths) {
+    Files files;
+    std::map<std::string, int> numbers;
+    for (std::size_t i = 0; i < uploads.size(); ++i) {
+      keys.push_back(FreeKey(uploads[i].name, files, numbers));
+      Cgi::Data::FileInfo& file = files[keys.back()];
+      file.path = std::move(paths[i]);
+      file.size = uploads[i].size;
+    }
+    return files;
+  }
+
+  std::map<std::string, std::string> Params() const {
+    std::map<std::string, std::string> params;
+    MapFiller filler(params);
+    for (const Field& field : fields) {
+      filler.Join(field.name, ", ", field.value);
+    }
+    for (std::size_t i = 0; i < uploads.size(); ++i) {
+      filler.Join(uploads[i].field, ", ", keys[i]);
+    }
+    return params;
+  }
+};
+
+namespace {
+
+/// Returns what a function makes of the body. When it fails, the rest of the
+/// body is dropped, after all that the function had is gone.
+template <class Function>
+auto ReadOrDrain(int idle, const Function& read) {
+  BodyReader body(idle);
+  try {
+    return read(body);
+  } catch (...) {
+    body.Drain();
+    throw;
+  }
+}
+
+}  // namespace
+
+Form::Form(Cgi& cgi) : Form(cgi, Limits()) {}
+
+Form::Form(Cgi& cgi, const Limits& limits) {
+  const std::shared_ptr<Cgi::Data>& request = cgi.data_;
+  if (request->parsed) {
+    throw std::logic_error(
+        "the input has been parsed already: make the Form, once, before "
+        "anything asks for parameters or uploads");
+  }
+  // Whatever becomes of it, nobody else is to parse what is left.
+  request->parsed = true;
+  contents_ = ReadOrDrain(limits.idle, [&](BodyReader& body) {
+    FormCollector form(limits, UploadDirectory(*request));
+    ReadForm(body, form);
+    return std::make_shared<const Contents>(form, request);
+  });
+}
+
+Form::Form(const Form&) noexcept = default;
+Form& Form::operator=(const Form&) noexcept = default;
+Form::~Form() = default;
+
+// What was read.
+
+bool Form::Has(const std::string& name) const {
+  const std::vector<Field>& all = fields();
+  return std::any_of(all.begin(), all.end(),
+                     [&](const Field& field) { return field.name == name; });
+}
+
+std::string Form::Value(const std::string& name) const {
+  for (const Field& field : fields()) {
+    if (field.name == name) return field.value;
+  }
+  return "";
+}
+
+std::vector<std::string> Form::Values(const std::string& name) const {
+  std::vector<std::string> values;
+  for (const Field& field : fields()) {
+    if (field.name == name) values.push_back(field.value);
+  }
+  return values;
+}
+
+const std::vector<Form::Field>& Form::fields() const noexcept {
+  return contents_->fields;
+}
+
+const std::vector<Form::Upload>& Form::uploads() const noexcept {
+  return contents_->uploads;
+}
+
+std::string Form::Path(const Upload& upload) const {
+  return contents_->request->files
+      .at(contents_->keys[contents_->IndexOf(upload)])
+      .path;
+}
+
+// A body that is no form.
+
+std::string ReadBody(std::int64_t limit) {
+  return ReadOrDrain(Form::Limits().idle, [&](BodyReader& body) {
+    body.TakeLength(limit);
+    std::string text;
+    while (body.ReadMore()) {
+      text.append(body.Unread());
+      body.Consume(body.Unread().size());
+    }
+    return text;
+  });
+}
+
+}  // namespace zan_cgi

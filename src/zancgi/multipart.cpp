@@ -1,0 +1,316 @@
+#include "multipart.h"
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+#include <utility>
+
+#include "header_words.h"
+
+namespace zan_cgi {
+namespace {
+
+constexpr std::size_t kNowhere = std::string_view::npos;
+
+[[noreturn]] void Refuse(const char* rule) { throw FormError(400, rule); }
+
+[[noreturn]] void RefuseLineEnd() {
+  Refuse("a line of the form does not end in CR LF");
+}
+
+[[noreturn]] void RefuseHeaderLength(std::size_t limit) {
+  throw FormError(413, "the headers of a part are longer than " +
+                           std::to_string(limit) + " bytes");
+}
+
+[[noreturn]] void RefuseEnd() {
+  Refuse("the form ends without its closing boundary");
+}
+
+/// Finds a text of more than two bytes, in time linear in the size of both.
+std::size_t Find(std::string_view text, std::string_view wanted,
+                 std::size_t from) {
+  const void* const found = ::memmem(text.data() + from, text.size() - from,
+                                     wanted.data(), wanted.size());
+  return found == nullptr ? kNowhere
+                          : static_cast<std::size_t>(
+                                static_cast<const char*>(found) - text.data());
+}
+
+/// What comes before a place in the data of a part.
+enum class LineStart { kNone, kAfterCrLf, kAfterOther };
+
+/// @param begins_line  whether CR LF, or nothing, comes before the text
+LineStart LineStartAt(std::string_view text, std::size_t place,
+                      bool begins_line) {
+  if (place == 0) {
+    return begins_line ? LineStart::kAfterCrLf : LineStart::kNone;
+  }
+  const char before = text[place - 1];
+  if (before == '\r') return LineStart::kAfterOther;
+  if (before != '\n') return LineStart::kNone;
+  return place > 1 && text[place - 2] == '\r' ? LineStart::kAfterCrLf
+                                              : LineStart::kAfterOther;
+}
+
+}  // namespace
+
+/// What the headers of a part say of it.
+struct MultipartParser::Part {
+  std::optional<std::string> name;
+  std::optional<std::string> file_name;
+  std::optional<std::string> type;
+  bool has_encoding = false;
+
+  /// @param header  one header, unfolded
+  void Take(std::string_view header) {
+    const std::size_t colon = header.find(':');
+    if (colon == kNowhere) Refuse("a header of a part has no colon");
+    const std::string_view header_name = Trimmed(header.substr(0, colon));
+    const std::string_view value = Trimmed(header.substr(colon + 1));
+    if (!IsToken(header_name)) Refuse("a header of a part has no valid name");
+    if (IsSameWord(header_name, "Content-Disposition")) {
+      TakeDisposition(value);
+    } else if (IsSameWord(header_name, "Content-Type")) {
+      if (type) Refuse("a part has two media types");
+      type = value;
+    } else if (IsSameWord(header_name, "Content-Transfer-Encoding")) {
+      TakeEncoding(value);
+    }
+  }
+
+ private:
+  void TakeDisposition(std::string_view value) {
+    if (name) Refuse("a part has two dispositions");
+    const std::optional<HeaderWords> words =
+        ReadHeaderWords(value, Escapes::kQuotesAndSelf);
+    if (!words) Refuse("the disposition of a part is malformed");
+    if (!IsSameWord(words->word, "form-data")) {
+      Refuse("the disposition of a part is not form-data");
+    }
+    for (const char* const once : {"name", "filename", "filename*"}) {
+      if (words->HasTwice(once)) {
+        Refuse("a parameter of a disposition comes twice");
+      }
+    }
+    const std::string* const sent = words->Find("name");
+    if (sent == nullptr) Refuse("a part has no name");
+    name = *sent;
+    TakeFileName(*words);
+  }
+
+  void TakeFileName(const HeaderWords& disposition) {
+    if (const std::string* const sent = disposition.Find("filename")) {
+      file_name = *sent;
+    } else if (const std::string* const extended =
+                   disposition.Find("filename*")) {
+      file_name = DecodeExtendedValue(*extended);
+      if (!file_name) Refuse("a file name is not encoded as it must be");
+    }
+  }
+
+  void TakeEncoding(std::string_view value) {
+    if (has_encoding) Refuse("a part has two transfer encodings");
+    has_encoding = true;
+    for (const char* const plain : {"7bit", "8bit", "binary"}) {
+      if (IsSameWord(value, plain)) return;
+    }
+    Refuse("a part is encoded for the transfer");
+  }
+};
+
+void MultipartParser::Parse() {
+  const auto ignore = [](std::string_view /*data*/) {};
+  // Before the first part and after the last one anything may stand.
+  ReadData(true, ignore);
+  while (!is_closed_) ReadPart();
+  do {
+    body_.Consume(body_.Unread().size());
+  } while (body_.ReadMore());
+}
+
+/// Hands on what comes before the next boundary, piece by piece, and consumes
+/// it with the boundary's line.
+/// @param begins_line  whether the data begins a line. The line end after the
+///   headers of an empty part may be the boundary's own.
+template <class Sink>
+void MultipartParser::ReadData(bool begins_line, const Sink& sink) {
+  Marker marker;
+  while (!FindMarker(body_.Unread(), begins_line, marker)) {
+    const std::size_t count = CertainData(body_.Unread(), begins_line);
+    if (count > 0) {
+      sink(body_.Unread().substr(0, count));
+      body_.Consume(count);
+      // What ends in a line end is not certain.
+      begins_line = false;
+    }
+    if (!body_.ReadMore()) RefuseEnd();
+  }
+  if (marker.data_end > 0) sink(body_.Unread().substr(0, marker.data_end));
+  body_.Consume(marker.end);
+  EndMarkerLine();
+}
+
+/// Finds "--" and the boundary at the beginning of a line. Within a line it is
+/// data.
+bool MultipartParser::FindMarker(std::string_view text, bool begins_line,
+                                 Marker& found) const {
+  for (std::size_t from = 0;;) {
+    const std::size_t place = Find(text, marker_, from);
+    if (place == kNowhere) return false;
+    const std::size_t end = place + marker_.size();
+    switch (LineStartAt(text, place, begins_line)) {
+      case LineStart::kAfterCrLf:
+        found = {place == 0 ? 0 : place - 2, end};
+        return true;
+      case LineStart::kAfterOther:
+        RefuseLineEnd();
+      case LineStart::kNone:
+        // It holds no line end, so no line begins within it.
+        from = end;
+    }
+  }
+}
+
+/// How much of a text without a marker is data, whatever follows. The rest may
+/// be the beginning of a marker's line end and marker.
+std::size_t MultipartParser::CertainData(std::string_view text,
+                                         bool begins_line) const {
+  const std::string_view marker(marker_);
+  if (begins_line && marker.starts_with(text)) return 0;
+  const std::string_view tail =
+      text.substr(text.size() - std::min(text.size(), marker.size()));
+  const std::size_t line_end = tail.find_last_of("\r\n");
+  if (line_end == kNowhere || !marker.starts_with(tail.substr(line_end + 1))) {
+    return text.size();
+  }
+  const std::size_t place = text.size() - tail.size() + line_end;
+  return place > 0 && text[place] == '\n' && text[place - 1] == '\r' ? place - 1
+                                                                     : place;
+}
+
+/// Consumes the rest of a boundary's line.
+void MultipartParser::EndMarkerLine() {
+  bool is_last = false;
+  while (!IsMarkerLineEnded(body_.Unread(), is_last)) {
+    if (body_.Unread().size() > form_.limits().header) {
+      RefuseHeaderLength(form_.limits().header);
+    }
+    is_last = !body_.ReadMore();
+  }
+}
+
+/// Consumes the rest of the line if it is complete.
+/// @param is_last  the body ends with this
+bool MultipartParser::IsMarkerLineEnded(std::string_view rest, bool is_last) {
+  const bool is_closing = rest.starts_with("--");
+  if (!is_closing && !is_last && std::string_view("--").starts_with(rest)) {
+    return false;
+  }
+  const std::string_view padded = is_closing ? rest.substr(2) : rest;
+  const std::size_t padding =
+      std::min(padded.find_first_not_of(" \t"), padded.size());
+  const std::string_view line_end = padded.substr(padding);
+  const bool ends_body = is_closing && is_last && line_end.empty();
+  if (!ends_body && !line_end.starts_with("\r\n")) {
+    if (!is_last && std::string_view("\r\n").starts_with(line_end))
+      return false;
+    if (is_last && line_end.empty()) RefuseEnd();
+    if (line_end.front() == '\r' || line_end.front() == '\n') RefuseLineEnd();
+    Refuse("a boundary is followed by something else");
+  }
+  is_closed_ = is_closing;
+  body_.Consume(rest.size() - line_end.size() + (ends_body ? 0 : 2));
+  return true;
+}
+
+void MultipartParser::ReadPart() {
+  form_.BeginPart();
+  Part part = ReadHeaders();
+  form_.CountText(part.name->size());
+  if (part.file_name) {
+    ReadUpload(part);
+  } else {
+    ReadField(part);
+  }
+}
+
+MultipartParser::Part MultipartParser::ReadHeaders() {
+  Part part;
+  std::size_t budget = form_.limits().header;
+  std::string header;
+  while (ReadHeader(header, budget)) part.Take(header);
+  if (!part.name) Refuse("a part has no disposition");
+  return part;
+}
+
+/// Reads the next header, with the lines that continue it. Returns false at the
+/// empty line after the last one.
+bool MultipartParser::ReadHeader(std::string& header, std::size_t& budget) {
+  header = NextLine(budget);
+  if (header.empty()) return false;
+  if (header.front() == ' ' || header.front() == '\t') {
+    Refuse("the first line of a header is indented");
+  }
+  for (;;) {
+    while (body_.Unread().empty()) {
+      if (!body_.ReadMore()) RefuseEnd();
+    }
+    const char next = body_.Unread().front();
+    if (next != ' ' && next != '\t') return true;
+    header.append(" ").append(Trimmed(NextLine(budget)));
+  }
+}
+
+/// Returns the next line of the headers, without its end; valid until more is
+/// read.
+/// @param budget  how long the headers may still be
+std::string_view MultipartParser::NextLine(std::size_t& budget) {
+  std::size_t end = 0;
+  for (std::size_t searched = 0;
+       (end = body_.Unread().find('\n', searched)) == kNowhere;) {
+    searched = body_.Unread().size();
+    if (searched >= budget) RefuseHeaderLength(form_.limits().header);
+    if (!body_.ReadMore()) RefuseEnd();
+  }
+  const std::string_view line = body_.Unread().substr(0, end + 1);
+  if (line.size() > budget) RefuseHeaderLength(form_.limits().header);
+  budget -= line.size();
+  body_.Consume(line.size());
+  if (line.find('\r') + 2 != line.size()) RefuseLineEnd();
+  if (line.find('\0') != kNowhere)
+    Refuse("a header of a part holds a zero byte");
+  return line.substr(0, line.size() - 2);
+}
+
+void MultipartParser::ReadField(Part& part) {
+  std::string value;
+  ReadData(true, [&](std::string_view data) { form_.Append(value, data); });
+  form_.AddField(*std::move(part.name), std::move(value));
+}
+
+/// A file input in which nothing was chosen has an empty name and no bytes, and
+/// is no upload.
+void MultipartParser::ReadUpload(Part& part) {
+  UploadSpool& spool = form_.spool();
+  bool is_open = false;
+  const auto open = [&] {
+    if (!is_open) spool.Begin();
+    is_open = true;
+  };
+  if (!part.file_name->empty()) open();
+  std::int64_t size = 0;
+  ReadData(true, [&](std::string_view data) {
+    open();
+    spool.Write(data);
+    size += static_cast<std::int64_t>(data.size());
+  });
+  if (!is_open) return;
+  spool.End();
+  std::string type = std::move(part.type).value_or("");
+  form_.CountText(part.file_name->size() + type.size());
+  form_.AddUpload({*std::move(part.name), *std::move(part.file_name),
+                   std::move(type), size});
+}
+
+}  // namespace zan_cgi

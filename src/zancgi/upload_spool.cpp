@@ -1,0 +1,163 @@
+#include "upload_spool.h"
+
+#include <zancgi/form.h>
+
+#include <fcntl.h>
+#include <sys/random.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "descriptor.h"
+
+namespace zan_cgi {
+namespace {
+
+/// The name that administrators and their clean-up rules know.
+constexpr char kNameBeginning[] = "zantemp";
+
+/// So many files are kept without a name: each takes a descriptor.
+constexpr std::size_t kMostUnnamed = 64;
+
+[[noreturn]] void ThrowNotStored(int error) {
+  throw FormError(
+      507, std::string("an upload cannot be stored: ") + std::strerror(error));
+}
+
+std::string PathInProc(int descriptor) {
+  return "/proc/self/fd/" + std::to_string(descriptor);
+}
+
+/// Fails with EEXIST where there is a file of that name.
+bool LinkAs(int descriptor, const std::string& path) {
+  return ::linkat(AT_FDCWD, PathInProc(descriptor).c_str(), AT_FDCWD,
+                  path.c_str(), AT_SYMLINK_FOLLOW) == 0;
+}
+
+std::string RandomPart() {
+  constexpr char kLetters[] =
+      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUV"
+      "WXYZ0123456789_-";
+  unsigned char bytes[6] = {};
+  if (::getrandom(bytes, sizeof(bytes), 0) < 0) ThrowNotStored(errno);
+  std::string part;
+  for (const unsigned char byte : bytes) part += kLetters[byte % 64];
+  return part;
+}
+
+}  // namespace
+
+UploadSpool::UploadSpool(std::string directory)
+    : directory_(std::move(directory)) {}
+
+UploadSpool::~UploadSpool() {
+  for (const File& file : files_) {
+    if (file.descriptor >= 0) ::close(file.descriptor);
+    if (!file.path.empty()) ::unlink(file.path.c_str());
+  }
+}
+
+void UploadSpool::Begin() {
+  if (files_.empty()) MakeAbsolute();
+  files_.emplace_back();
+  File& file = files_.back();
+  if (OpenUnnamed(file)) {
+    ++unnamed_;
+  } else {
+    OpenNamed(file);
+  }
+}
+
+void UploadSpool::Write(std::string_view data) {
+  while (!data.empty()) {
+    const ssize_t count =
+        ::write(files_.back().descriptor, data.data(), data.size());
+    if (count > 0) {
+      data.remove_prefix(static_cast<std::size_t>(count));
+    } else if (count == 0) {
+      ThrowNotStored(ENOSPC);
+    } else if (errno != EINTR) {
+      ThrowNotStored(errno);
+    }
+  }
+}
+
+void UploadSpool::End() {
+  if (!files_.back().path.empty() || unnamed_ > kMostUnnamed) {
+    PublishFile(files_.back());
+  }
+}
+
+void UploadSpool::Publish() {
+  for (File& file : files_) PublishFile(file);
+}
+
+std::vector<std::string> UploadSpool::Paths() const {
+  std::vector<std::string> paths;
+  paths.reserve(files_.size());
+  for (const File& file : files_) paths.push_back(file.path);
+  return paths;
+}
+
+/// The process may change its current directory later, and the path still has
+/// to lead to the file.
+void UploadSpool::MakeAbsolute() {
+  if (directory_.empty() || directory_.front() != '/') {
+    const std::unique_ptr<char, decltype(&std::free)> current(
+        ::getcwd(nullptr, 0), &std::free);
+    if (!current) ThrowNotStored(errno);
+    directory_ = std::string(current.get()) + "/" + directory_;
+  }
+  if (directory_.back() != '/') directory_ += '/';
+}
+
+/// Not every file system has files without a name, and to get one later takes
+/// /proc, which is not there in every root directory.
+bool UploadSpool::OpenUnnamed(File& file) const {
+  const int made =
+      ::open(directory_.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
+  file.descriptor = MoveAboveStdio(made);
+  if (file.descriptor < 0) return false;
+  if (::access(PathInProc(file.descriptor).c_str(), F_OK) == 0) return true;
+  ::close(std::exchange(file.descriptor, -1));
+  return false;
+}
+
+void UploadSpool::OpenNamed(File& file) const {
+  std::string path = directory_ + kNameBeginning + "XXXXXX";
+  const int made = ::mkostemp(path.data(), O_CLOEXEC);
+  if (made < 0) ThrowNotStored(errno);
+  file.path = std::move(path);
+  file.descriptor = MoveAboveStdio(made);
+  if (file.descriptor < 0) ThrowNotStored(errno);
+}
+
+void UploadSpool::Link(File& file) const {
+  for (int attempt = 1;; ++attempt) {
+    std::string path = directory_ + kNameBeginning + RandomPart();
+    if (LinkAs(file.descriptor, path)) {
+      file.path = std::move(path);
+      return;
+    }
+    constexpr int kMostAttempts = 100;
+    if (errno != EEXIST || attempt == kMostAttempts) ThrowNotStored(errno);
+  }
+}
+
+void UploadSpool::PublishFile(File& file) {
+  if (file.path.empty()) {
+    Link(file);
+    --unnamed_;
+  }
+  const int descriptor = std::exchange(file.descriptor, -1);
+  // Some file systems say only now that a write has failed.
+  if (descriptor >= 0 && ::close(descriptor) != 0 && errno != EINTR) {
+    ThrowNotStored(errno);
+  }
+}
+
+}  // namespace zan_cgi

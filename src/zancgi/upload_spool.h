@@ -1,0 +1,69 @@
+/// @file
+/// Private: the files that the uploads of one form are written to.
+#ifndef ZANCGI_UPLOAD_SPOOL_H
+#define ZANCGI_UPLOAD_SPOOL_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace zan_cgi {
+
+/// Stores uploads, and removes them again unless they are released.
+///
+/// Where the file system can, a file has no name until the whole form has been
+/// read: a process that is killed before, as web servers do when the client
+/// goes, leaves nothing.
+class UploadSpool {
+ public:
+  /// @param directory  where files go; looked at when there is the first one
+  explicit UploadSpool(std::string directory);
+  ~UploadSpool();
+  UploadSpool(const UploadSpool&) = delete;
+  UploadSpool& operator=(const UploadSpool&) = delete;
+
+  /// Makes the file of the next upload.
+  /// @throws FormError  507 when it cannot be made
+  void Begin();
+
+  /// Appends to the file made last.
+  /// @throws FormError  507 when it cannot be written
+  void Write(std::string_view data);
+
+  /// Ends the upload begun last.
+  /// @throws FormError  507
+  void End();
+
+  /// Gives all files their names.
+  /// @throws FormError  507
+  void Publish();
+
+  /// Returns the path of each upload, in the order of Begin(), after Publish().
+  std::vector<std::string> Paths() const;
+
+  /// Leaves the files to whoever has their paths.
+  void Release() noexcept { files_.clear(); }
+
+ private:
+  /// A file, or what it was before it failed.
+  struct File {
+    std::string path;     ///< Empty as long as it has no name.
+    int descriptor = -1;  ///< Open as long as it is written or has no name.
+  };
+
+  void MakeAbsolute();
+  bool OpenUnnamed(File& file) const;
+  void OpenNamed(File& file) const;
+  void Link(File& file) const;
+  void PublishFile(File& file);
+
+  std::string directory_;
+  std::vector<File> files_;
+  std::size_t unnamed_ = 0;  ///< How many files have no name.
+};
+
+}  // namespace zan_cgi
+
+#endif

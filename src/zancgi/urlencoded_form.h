@@ -1,0 +1,39 @@
+/// @file
+/// Private: forms of type application/x-www-form-urlencoded (URL Standard,
+/// section 5.1), query strings among them.
+#ifndef ZANCGI_URLENCODED_FORM_H
+#define ZANCGI_URLENCODED_FORM_H
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "form_collector.h"
+
+namespace zan_cgi {
+
+/// Reads such a form piece by piece.
+class UrlencodedParser {
+ public:
+  explicit UrlencodedParser(FormCollector& form) : form_(form) {}
+
+  /// Takes what it can of a piece and returns how much that is: all of it but
+  /// an escape that is not complete.
+  /// @param is_last  nothing comes after it
+  /// @throws FormError  413
+  std::size_t Take(std::string_view piece, bool is_last);
+
+ private:
+  void TakeDelimiter(char delimiter);
+  void EndField();
+
+  FormCollector& form_;
+  std::string name_;
+  std::string value_;
+  bool is_in_value_ = false;
+  bool has_begun_ = false;  ///< The field is not empty.
+};
+
+}  // namespace zan_cgi
+
+#endif
