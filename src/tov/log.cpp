@@ -23,6 +23,7 @@
 
 #include "descriptor.h"
 #include "log_limit.h"
+#include "scoped_signal_block.h"
 
 namespace tov_log {
 namespace {
@@ -55,35 +56,6 @@ class ScopedErrno {
 
  private:
   int error_;
-};
-
-/// Keeps the signals of a failing write from the process.
-class ScopedSignalBlock {
- public:
-  ScopedSignalBlock() {
-    ::sigemptyset(&signals_);
-    ::sigaddset(&signals_, SIGPIPE);
-    ::sigaddset(&signals_, SIGXFSZ);
-    sigset_t pending;
-    ::sigpending(&pending);
-    // One that waits already is the program's own and stays.
-    for (const int signal : {SIGPIPE, SIGXFSZ}) {
-      if (::sigismember(&pending, signal) == 1) ::sigdelset(&signals_, signal);
-    }
-    ::pthread_sigmask(SIG_BLOCK, &signals_, &old_mask_);
-  }
-  ~ScopedSignalBlock() {
-    const timespec at_once{};
-    while (::sigtimedwait(&signals_, nullptr, &at_once) > 0) {
-    }
-    ::pthread_sigmask(SIG_SETMASK, &old_mask_, nullptr);
-  }
-  ScopedSignalBlock(const ScopedSignalBlock&) = delete;
-  ScopedSignalBlock& operator=(const ScopedSignalBlock&) = delete;
-
- private:
-  sigset_t signals_;
-  sigset_t old_mask_;
 };
 
 /// A line under construction, in the caller's memory.
@@ -262,7 +234,7 @@ bool HasRoom(int descriptor) {
 
 void Deliver(const Target& target, std::string_view line) {
   if (target.kind == Kind::None) return;
-  const ScopedSignalBlock guard;
+  const common::ScopedSignalBlock guard;
   if (target.kind != Kind::File && !HasRoom(target.descriptor)) return;
   RetryInterrupted([&] {
     return target.kind == Kind::Socket || target.kind == Kind::Syslog

@@ -121,7 +121,7 @@ std::string Str(unsigned long long value) { return FormatInteger(value); }
 namespace url {
 
 std::string Decode(const std::string& text) {
-  return tov_internal::UrlDecoder(text).Run();
+  return common::UrlDecoder(text).Run();
 }
 
 std::string Encode(const std::string& text) {

@@ -71,18 +71,31 @@ void ReadUrlencoded(BodyReader& body, FormCollector& form) {
   parser.Take(body.Unread(), true);
 }
 
-/// Returns the boundary that a media type announces (RFC 2046 section 5.1.1).
-std::string AnnouncedBoundary(std::string_view type) {
-  const std::optional<HeaderWords> words = ReadHeaderWords(type, Escapes::kAll);
-  if (!words) throw FormError(400, "the media type of the form is malformed");
-  const std::string* const boundary = words->Find("boundary");
+[[noreturn]] void RefuseBoundary() {
+  throw FormError(400, "the form announces no valid boundary");
+}
+
+/// RFC 2046 section 5.1.1.
+bool IsBoundary(std::string_view text) {
   constexpr std::size_t kLongest = 70;
-  if (boundary == nullptr || words->HasTwice("boundary") || boundary->empty() ||
-      boundary->size() > kLongest || boundary->back() == ' ' ||
-      std::any_of(boundary->begin(), boundary->end(), IsControl)) {
-    throw FormError(400, "the form announces no valid boundary");
+  return !text.empty() && text.size() <= kLongest && text.back() != ' ' &&
+         std::none_of(text.begin(), text.end(), IsControl);
+}
+
+/// Returns the boundary that a media type announces.
+std::string AnnouncedBoundary(std::string_view type) {
+  std::optional<std::string> boundary;
+  ParameterReader parameters(type, Escapes::kAll);
+  while (parameters.Next()) {
+    if (!parameters.Is("boundary")) continue;
+    if (boundary) RefuseBoundary();
+    boundary = std::move(parameters.value());
   }
-  return *boundary;
+  if (!parameters.IsComplete()) {
+    throw FormError(400, "the media type of the form is malformed");
+  }
+  if (!boundary || !IsBoundary(*boundary)) RefuseBoundary();
+  return *std::move(boundary);
 }
 
 void ReadBodyForm(BodyReader& body, FormCollector& form) {

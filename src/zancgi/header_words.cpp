@@ -1,8 +1,7 @@
 #include "header_words.h"
 
 #include <algorithm>
-#include <cstddef>
-#include <utility>
+#include <array>
 
 #include "hex_digit.h"
 
@@ -15,91 +14,34 @@ char LowerCase(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
-bool IsLetterOrDigit(char c) {
-  return (c >= '0' && c <= '9') || (LowerCase(c) >= 'a' && LowerCase(c) <= 'z');
+/// A set of characters.
+using CharacterSet = std::array<bool, 256>;
+
+/// Letters and digits, and some more.
+constexpr CharacterSet LettersAndDigitsWith(std::string_view more) {
+  CharacterSet set{};
+  for (unsigned char c = '0'; c <= '9'; ++c) set[c] = true;
+  for (unsigned char c = 'a'; c <= 'z'; ++c) set[c] = true;
+  for (unsigned char c = 'A'; c <= 'Z'; ++c) set[c] = true;
+  for (const char c : more) set[static_cast<unsigned char>(c)] = true;
+  return set;
 }
 
-/// Goes through a value from its first ";" on.
-class ParameterReader {
- public:
-  ParameterReader(std::string_view rest, Escapes escapes)
-      : rest_(rest), escapes_(escapes) {}
-
-  /// Returns false when a rule is broken.
-  bool ReadAll(std::vector<HeaderWords::Parameter>& parameters) {
-    while (!rest_.empty()) {
-      if (rest_.front() != ';') return false;
-      rest_.remove_prefix(1);
-      SkipWhiteSpace();
-      if (rest_.empty() || rest_.front() == ';') continue;
-      HeaderWords::Parameter parameter;
-      if (!ReadName(parameter.name) || !ReadValue(parameter.value)) {
-        return false;
-      }
-      parameters.push_back(std::move(parameter));
-      SkipWhiteSpace();
-    }
-    return true;
-  }
-
- private:
-  void SkipWhiteSpace() {
-    rest_.remove_prefix(
-        std::min(rest_.find_first_not_of(kWhiteSpace), rest_.size()));
-  }
-
-  /// Reads a name, and the "=" after it.
-  bool ReadName(std::string_view& name) {
-    name = rest_.substr(0, rest_.find_first_of("=; \t"));
-    rest_.remove_prefix(name.size());
-    SkipWhiteSpace();
-    if (!IsToken(name) || rest_.empty() || rest_.front() != '=') return false;
-    rest_.remove_prefix(1);
-    SkipWhiteSpace();
-    return true;
-  }
-
-  bool ReadValue(std::string& value) {
-    if (!rest_.empty() && rest_.front() == '"') return ReadQuoted(value);
-    value = rest_.substr(0, rest_.find_first_of("; \t"));
-    rest_.remove_prefix(value.size());
-    return !value.empty() && value.find('"') == std::string::npos &&
-           std::none_of(value.begin(), value.end(), IsControl);
-  }
-
-  bool ReadQuoted(std::string& value) {
-    for (std::size_t at = 1; at < rest_.size(); ++at) {
-      if (rest_[at] == '"') {
-        rest_.remove_prefix(at + 1);
-        return true;
-      }
-      if (rest_[at] == '\\' && IsEscape(at)) ++at;
-      value += rest_[at];
-    }
-    return false;
-  }
-
-  bool IsEscape(std::size_t at) const {
-    if (at + 1 == rest_.size()) return false;
-    const char next = rest_[at + 1];
-    return escapes_ == Escapes::kAll || next == '"' || next == '\\';
-  }
-
-  std::string_view rest_;
-  Escapes escapes_;
-};
+bool Contains(const CharacterSet& set, char c) {
+  return set[static_cast<unsigned char>(c)];
+}
 
 /// RFC 8187 section 3.2.1.
-bool IsAttrChar(char c) {
-  return IsLetterOrDigit(c) ||
-         std::string_view("!#$&+-.^_`|~").find(c) != std::string_view::npos;
-}
+constexpr CharacterSet kAttrChars = LettersAndDigitsWith("!#$&+-.^_`|~");
+
+/// RFC 9110 section 5.6.2.
+constexpr CharacterSet kTokenChars = LettersAndDigitsWith("!#$%&'*+-.^_`|~");
 
 std::optional<std::string> DecodePercents(std::string_view text) {
   std::string bytes;
   for (std::size_t at = 0; at < text.size(); ++at) {
     if (text[at] != '%') {
-      if (!IsAttrChar(text[at])) return std::nullopt;
+      if (!Contains(kAttrChars, text[at])) return std::nullopt;
       bytes += text[at];
       continue;
     }
@@ -163,9 +105,8 @@ bool IsSameWord(std::string_view a, std::string_view b) {
 }
 
 bool IsToken(std::string_view text) {
-  constexpr std::string_view kMarks = "!#$%&'*+-.^_`|~";
-  return !text.empty() && std::all_of(text.begin(), text.end(), [&](char c) {
-    return IsLetterOrDigit(c) || kMarks.find(c) != std::string_view::npos;
+  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
+    return Contains(kTokenChars, c);
   });
 }
 
@@ -178,33 +119,72 @@ bool IsUtf8(std::string_view text) {
   return true;
 }
 
-const std::string* HeaderWords::Find(std::string_view name) const {
-  for (const Parameter& parameter : parameters) {
-    if (IsSameWord(parameter.name, name)) return &parameter.value;
-  }
-  return nullptr;
-}
-
-bool HeaderWords::HasTwice(std::string_view name) const {
-  return std::count_if(parameters.begin(), parameters.end(),
-                       [&](const Parameter& parameter) {
-                         return IsSameWord(parameter.name, name);
-                       }) > 1;
-}
-
 std::string_view FirstWord(std::string_view value) {
   return Trimmed(value.substr(0, value.find(';')));
 }
 
-std::optional<HeaderWords> ReadHeaderWords(std::string_view value,
-                                           Escapes escapes) {
-  HeaderWords words;
-  words.word = FirstWord(value);
-  value.remove_prefix(std::min(value.find(';'), value.size()));
-  if (!ParameterReader(value, escapes).ReadAll(words.parameters)) {
-    return std::nullopt;
+bool ParameterReader::Next() {
+  while (!rest_.empty() && rest_.front() == ';') {
+    const std::string_view whole = rest_;
+    rest_.remove_prefix(1);
+    SkipWhiteSpace();
+    if (rest_.empty() || rest_.front() == ';') continue;
+    if (ReadName() && ReadValue()) {
+      SkipWhiteSpace();
+      return true;
+    }
+    rest_ = whole;
+    return false;
   }
-  return words;
+  return false;
+}
+
+void ParameterReader::SkipWhiteSpace() {
+  rest_.remove_prefix(
+      std::min(rest_.find_first_not_of(kWhiteSpace), rest_.size()));
+}
+
+/// Reads a name, and the "=" after it.
+bool ParameterReader::ReadName() {
+  std::size_t size = 0;
+  while (size < rest_.size() && Contains(kTokenChars, rest_[size])) ++size;
+  name_ = rest_.substr(0, size);
+  rest_.remove_prefix(size);
+  SkipWhiteSpace();
+  if (name_.empty() || rest_.empty() || rest_.front() != '=') return false;
+  rest_.remove_prefix(1);
+  SkipWhiteSpace();
+  return true;
+}
+
+bool ParameterReader::ReadValue() {
+  value_.clear();
+  if (!rest_.empty() && rest_.front() == '"') return ReadQuoted();
+  value_ = rest_.substr(0, rest_.find_first_of("; \t"));
+  rest_.remove_prefix(value_.size());
+  return !value_.empty() && value_.find('"') == std::string::npos &&
+         std::none_of(value_.begin(), value_.end(), IsControl);
+}
+
+bool ParameterReader::ReadQuoted() {
+  for (std::size_t begin = 1;;) {
+    const std::size_t end = rest_.find_first_of("\"\\", begin);
+    if (end == std::string_view::npos) return false;
+    value_.append(rest_.substr(begin, end - begin));
+    if (rest_[end] == '"') {
+      rest_.remove_prefix(end + 1);
+      return true;
+    }
+    begin = end + (IsEscape(end) ? 1 : 0);
+    if (begin == rest_.size()) return false;
+    value_ += rest_[begin++];
+  }
+}
+
+bool ParameterReader::IsEscape(std::size_t at) const {
+  if (at + 1 == rest_.size()) return false;
+  const char next = rest_[at + 1];
+  return escapes_ == Escapes::kAll || next == '"' || next == '\\';
 }
 
 std::optional<std::string> DecodeExtendedValue(std::string_view value) {

@@ -4,10 +4,10 @@
 #ifndef ZANCGI_HEADER_WORDS_H
 #define ZANCGI_HEADER_WORDS_H
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace zan_cgi {
 
@@ -32,31 +32,47 @@ enum class Escapes {
   kQuotesAndSelf  ///< These two: old clients send paths as file names.
 };
 
-/// A header field's value: a word and its parameters.
-struct HeaderWords {
-  struct Parameter {
-    std::string_view name;
-    std::string value;
-  };
-
-  std::string_view word;
-  std::vector<Parameter> parameters;
-
-  /// Returns the value of a parameter, whose name is compared without case;
-  /// null when there is none.
-  const std::string* Find(std::string_view name) const;
-
-  /// Whether a name comes twice.
-  bool HasTwice(std::string_view name) const;
-};
-
 /// Reads what lies before the first ";", whatever it is.
 std::string_view FirstWord(std::string_view value);
 
-/// Reads a value; nothing when it breaks a rule. White space may stand round
-/// each word, and parameters may be empty. The result refers to @p value.
-std::optional<HeaderWords> ReadHeaderWords(std::string_view value,
-                                           Escapes escapes);
+/// Goes through the parameters after the first word of a header field's value.
+/// White space may stand round each word, and parameters may be empty.
+class ParameterReader {
+ public:
+  /// @param value  must outlive this object
+  ParameterReader(std::string_view value, Escapes escapes)
+      : rest_(value.substr(FirstDelimiter(value))), escapes_(escapes) {}
+
+  /// Goes to the next parameter. Returns false at the end, and where a rule is
+  /// broken.
+  bool Next();
+
+  /// Whether the end is reached, no rule broken.
+  bool IsComplete() const { return rest_.empty(); }
+
+  /// Whether the parameter has a name, which is compared without case.
+  bool Is(std::string_view name) const { return IsSameWord(name_, name); }
+
+  /// What it says; for the taking.
+  std::string& value() { return value_; }
+
+ private:
+  static std::size_t FirstDelimiter(std::string_view value) {
+    const std::size_t found = value.find(';');
+    return found == std::string_view::npos ? value.size() : found;
+  }
+
+  void SkipWhiteSpace();
+  bool ReadName();
+  bool ReadValue();
+  bool ReadQuoted();
+  bool IsEscape(std::size_t at) const;
+
+  std::string_view rest_;  ///< From the next ";" on.
+  Escapes escapes_;
+  std::string_view name_;
+  std::string value_;
+};
 
 /// Whether a text is UTF-8 (RFC 3629).
 bool IsUtf8(std::string_view text);

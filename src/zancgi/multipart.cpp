@@ -37,6 +37,9 @@ std::size_t Find(std::string_view text, std::string_view wanted,
                                 static_cast<const char*>(found) - text.data());
 }
 
+/// Whether a line that begins so continues the one before.
+bool IsFolding(char c) { return c == ' ' || c == '\t'; }
+
 /// What comes before a place in the data of a part.
 enum class LineStart { kNone, kAfterCrLf, kAfterOther };
 
@@ -60,7 +63,6 @@ struct MultipartParser::Part {
   std::optional<std::string> name;
   std::optional<std::string> file_name;
   std::optional<std::string> type;
-  bool has_encoding = false;
 
   /// @param header  one header, unfolded
   void Take(std::string_view header) {
@@ -79,44 +81,55 @@ struct MultipartParser::Part {
     }
   }
 
- private:
-  void TakeDisposition(std::string_view value) {
-    if (name) Refuse("a part has two dispositions");
-    const std::optional<HeaderWords> words =
-        ReadHeaderWords(value, Escapes::kQuotesAndSelf);
-    if (!words) Refuse("the disposition of a part is malformed");
-    if (!IsSameWord(words->word, "form-data")) {
-      Refuse("the disposition of a part is not form-data");
-    }
-    for (const char* const once : {"name", "filename", "filename*"}) {
-      if (words->HasTwice(once)) {
-        Refuse("a parameter of a disposition comes twice");
-      }
-    }
-    const std::string* const sent = words->Find("name");
-    if (sent == nullptr) Refuse("a part has no name");
-    name = *sent;
-    TakeFileName(*words);
+  /// Without a file name in plain words the extended one counts.
+  void Complete() {
+    if (!has_disposition_) Refuse("a part has no disposition");
+    if (!name) Refuse("a part has no name");
+    if (file_name || !extended_name_) return;
+    file_name = DecodeExtendedValue(*extended_name_);
+    if (!file_name) Refuse("a file name is not encoded as it must be");
   }
 
-  void TakeFileName(const HeaderWords& disposition) {
-    if (const std::string* const sent = disposition.Find("filename")) {
-      file_name = *sent;
-    } else if (const std::string* const extended =
-                   disposition.Find("filename*")) {
-      file_name = DecodeExtendedValue(*extended);
-      if (!file_name) Refuse("a file name is not encoded as it must be");
+ private:
+  void TakeDisposition(std::string_view value) {
+    if (has_disposition_) Refuse("a part has two dispositions");
+    has_disposition_ = true;
+    if (!IsSameWord(FirstWord(value), "form-data")) {
+      Refuse("the disposition of a part is not form-data");
     }
+    ParameterReader parameters(value, Escapes::kQuotesAndSelf);
+    while (parameters.Next()) {
+      if (parameters.Is("name")) {
+        SetOnce(name, parameters);
+      } else if (parameters.Is("filename")) {
+        SetOnce(file_name, parameters);
+      } else if (parameters.Is("filename*")) {
+        SetOnce(extended_name_, parameters);
+      }
+    }
+    if (!parameters.IsComplete()) {
+      Refuse("the disposition of a part is malformed");
+    }
+  }
+
+  static void SetOnce(std::optional<std::string>& target,
+                      ParameterReader& parameter) {
+    if (target) Refuse("a parameter of a disposition comes twice");
+    target = std::move(parameter.value());
   }
 
   void TakeEncoding(std::string_view value) {
-    if (has_encoding) Refuse("a part has two transfer encodings");
-    has_encoding = true;
+    if (has_encoding_) Refuse("a part has two transfer encodings");
+    has_encoding_ = true;
     for (const char* const plain : {"7bit", "8bit", "binary"}) {
       if (IsSameWord(value, plain)) return;
     }
     Refuse("a part is encoded for the transfer");
   }
+
+  bool has_disposition_ = false;
+  bool has_encoding_ = false;
+  std::optional<std::string> extended_name_;
 };
 
 void MultipartParser::Parse() {
@@ -238,28 +251,30 @@ void MultipartParser::ReadPart() {
 MultipartParser::Part MultipartParser::ReadHeaders() {
   Part part;
   std::size_t budget = form_.limits().header;
-  std::string header;
-  while (ReadHeader(header, budget)) part.Take(header);
-  if (!part.name) Refuse("a part has no disposition");
+  while (ReadHeader(budget)) part.Take(header_);
+  part.Complete();
   return part;
 }
 
 /// Reads the next header, with the lines that continue it. Returns false at the
 /// empty line after the last one.
-bool MultipartParser::ReadHeader(std::string& header, std::size_t& budget) {
-  header = NextLine(budget);
-  if (header.empty()) return false;
-  if (header.front() == ' ' || header.front() == '\t') {
+bool MultipartParser::ReadHeader(std::size_t& budget) {
+  header_ = NextLine(budget);
+  if (header_.empty()) return false;
+  if (IsFolding(header_.front())) {
     Refuse("the first line of a header is indented");
   }
-  for (;;) {
-    while (body_.Unread().empty()) {
-      if (!body_.ReadMore()) RefuseEnd();
-    }
-    const char next = body_.Unread().front();
-    if (next != ' ' && next != '\t') return true;
-    header.append(" ").append(Trimmed(NextLine(budget)));
+  while (IsFolding(NextByte())) {
+    header_.append(" ").append(Trimmed(NextLine(budget)));
   }
+  return true;
+}
+
+char MultipartParser::NextByte() {
+  while (body_.Unread().empty()) {
+    if (!body_.ReadMore()) RefuseEnd();
+  }
+  return body_.Unread().front();
 }
 
 /// Returns the next line of the headers, without its end; valid until more is

@@ -47,7 +47,8 @@ class MultipartParser {
 
   void ReadPart();
   Part ReadHeaders();
-  bool ReadHeader(std::string& header, std::size_t& budget);
+  bool ReadHeader(std::size_t& budget);
+  char NextByte();
   std::string_view NextLine(std::size_t& budget);
 
   void ReadField(Part& part);
@@ -56,6 +57,7 @@ class MultipartParser {
   BodyReader& body_;
   FormCollector& form_;
   const std::string marker_;  ///< "--" and the boundary.
+  std::string header_;        ///< The header being read.
   bool is_closed_ = false;    ///< The closing boundary has come.
 };
 

@@ -1,63 +1,60 @@
 #include "urlencoded_form.h"
 
-#include <array>
 #include <utility>
 
-#include "hex_digit.h"
+#include "url_decoder.h"
 
 namespace zan_cgi {
 namespace {
 
-/// The characters that do not stand for themselves.
-constexpr std::array<bool, 256> kIsSpecial = [] {
-  std::array<bool, 256> table{};
-  for (const unsigned char c : {'&', '=', '+', '%'}) table[c] = true;
-  return table;
-}();
+constexpr std::size_t kNowhere = std::string_view::npos;
 
-std::size_t PlainLength(std::string_view text) {
-  std::size_t length = 0;
-  while (length < text.size() &&
-         !kIsSpecial[static_cast<unsigned char>(text[length])]) {
-    ++length;
-  }
-  return length;
+/// Without an escape at the end that the next piece may complete.
+std::string_view WithoutCutEscape(std::string_view text) {
+  const std::size_t last = text.rfind('%');
+  const bool is_cut = last != kNowhere && text.size() - last < 3;
+  return is_cut ? text.substr(0, last) : text;
 }
 
 }  // namespace
 
 std::size_t UrlencodedParser::Take(std::string_view piece, bool is_last) {
-  const std::size_t size = piece.size();
-  while (!piece.empty()) {
-    if (piece.front() == '&') {
-      EndField();
-      piece.remove_prefix(1);
-      continue;
-    }
-    if (!has_begun_) form_.BeginPart();
-    has_begun_ = true;
-    std::string& text = is_in_value_ ? value_ : name_;
-    if (const std::size_t plain = PlainLength(piece); plain > 0) {
-      form_.Append(text, piece.substr(0, plain));
-      piece.remove_prefix(plain);
-    } else if (piece.front() == '%') {
-      if (piece.size() < 3 && !is_last) break;
-      const int byte = HexByteAt(piece.substr(1));
-      const char decoded = byte < 0 ? '%' : static_cast<char>(byte);
-      form_.Append(text, {&decoded, 1});
-      piece.remove_prefix(byte < 0 ? 1 : 3);
-    } else {
-      if (piece.front() == '+') {
-        form_.Append(text, " ");
-      } else if (is_in_value_) {
-        form_.Append(text, "=");
-      }
-      is_in_value_ = is_in_value_ || piece.front() == '=';
-      piece.remove_prefix(1);
-    }
+  std::size_t taken = 0;
+  while (taken < piece.size()) {
+    const std::string_view rest = piece.substr(taken);
+    const std::size_t end = rest.find('&');
+    std::string_view field = rest.substr(0, end);
+    if (end == kNowhere && !is_last) field = WithoutCutEscape(field);
+    if (!field.empty()) TakeFieldPart(field);
+    taken += field.size();
+    if (end == kNowhere) break;
+    EndField();
+    ++taken;
   }
   if (is_last) EndField();
-  return size - piece.size();
+  return taken;
+}
+
+void UrlencodedParser::TakeFieldPart(std::string_view part) {
+  if (!has_begun_) form_.BeginPart();
+  has_begun_ = true;
+  if (!is_in_value_) {
+    const std::size_t end = part.find('=');
+    AppendDecoded(name_, part.substr(0, end));
+    if (end == kNowhere) return;
+    is_in_value_ = true;
+    part.remove_prefix(end + 1);
+  }
+  AppendDecoded(value_, part);
+}
+
+void UrlencodedParser::AppendDecoded(std::string& text,
+                                     std::string_view encoded) {
+  if (encoded.find_first_of("%+") == kNowhere) {
+    form_.Append(text, encoded);
+  } else {
+    form_.Append(text, common::UrlDecoder(encoded).Run());
+  }
 }
 
 /// Of nothing between two "&" there is no field.

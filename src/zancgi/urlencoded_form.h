@@ -24,7 +24,8 @@ class UrlencodedParser {
   std::size_t Take(std::string_view piece, bool is_last);
 
  private:
-  void TakeDelimiter(char delimiter);
+  void TakeFieldPart(std::string_view part);
+  void AppendDecoded(std::string& text, std::string_view encoded);
   void EndField();
 
   FormCollector& form_;

@@ -1,4 +1,4 @@
-#include "tov/url_decoder.h"
+#include "common/url_decoder.h"
 
 #include <gtest/gtest.h>
 
@@ -28,7 +28,7 @@ std::string DecodePlainly(const std::string& text) {
 void Compare(std::string text) {
   // Without room behind it, so that a sanitizer sees a byte read beyond it.
   text.shrink_to_fit();
-  ASSERT_EQ(tov_internal::UrlDecoder(text).Run(), DecodePlainly(text)) << text;
+  ASSERT_EQ(common::UrlDecoder(text).Run(), DecodePlainly(text)) << text;
 }
 
 TEST(UrlDecoder, FollowsTheRuleAtEachPlaceOfALongText) {

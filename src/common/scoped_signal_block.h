@@ -1,13 +1,13 @@
 /// @file
 /// Private: writing without being ended by a signal.
-#ifndef ZANCGI_SCOPED_SIGNAL_BLOCK_H
-#define ZANCGI_SCOPED_SIGNAL_BLOCK_H
+#ifndef COMMON_SCOPED_SIGNAL_BLOCK_H
+#define COMMON_SCOPED_SIGNAL_BLOCK_H
 
 #include <signal.h>
 
 #include <ctime>
 
-namespace zan_cgi {
+namespace common {
 
 /// Holds back the signals that a write raises in its own thread when nobody
 /// reads any more or the file may not grow. The write's result says the same,
@@ -38,6 +38,6 @@ class ScopedSignalBlock {
   sigset_t before_;
 };
 
-}  // namespace zan_cgi
+}  // namespace common
 
 #endif

@@ -1,7 +1,7 @@
 /// @file
 /// Private: decoding of URL-encoded text.
-#ifndef TOV_URL_DECODER_H
-#define TOV_URL_DECODER_H
+#ifndef COMMON_URL_DECODER_H
+#define COMMON_URL_DECODER_H
 
 #include <array>
 #include <bit>
@@ -14,7 +14,7 @@
 #include <emmintrin.h>
 #endif
 
-namespace tov_internal {
+namespace common {
 
 /// The values of hexadecimal digits; -1 for all other bytes.
 constexpr std::array<signed char, 256> HexDigits() {
@@ -44,7 +44,7 @@ constexpr std::array<signed char, 256> HexDigits() {
 class UrlDecoder {
  public:
   /// @param text  must outlive this object
-  explicit UrlDecoder(const std::string& text)
+  explicit UrlDecoder(std::string_view text)
       : at_(text.data()), end_(text.data() + text.size()) {
     decoded_.reserve(text.size());
   }
@@ -149,6 +149,6 @@ class UrlDecoder {
   char* out_ = buffer_;
 };
 
-}  // namespace tov_internal
+}  // namespace common
 
 #endif
