@@ -14,6 +14,7 @@
 #include "header_words.h"
 #include "map_filler.h"
 #include "multipart.h"
+#include "request_record.h"
 #include "urlencoded_form.h"
 
 namespace zan_cgi {
@@ -135,72 +136,29 @@ std::string FreeKey(const std::string& name, const Files& files,
 
 }  // namespace
 
-struct __attribute__((visibility("hidden"))) Form::Contents {
-  std::vector<Field> fields;
-  std::vector<Upload> uploads;
-  std::vector<std::string> keys;  ///< Of each upload, in the record's files.
-  std::shared_ptr<Cgi::Data> request;
+namespace {
 
-  /// Takes over what was read, and has the record answer from it.
-  Contents(FormCollector& form, std::shared_ptr<Cgi::Data> record)
-      : fields(std::move(form.fields())),
-        uploads(std::move(form.uploads())),
-        request(std::move(record)) {
-    form.spool().Publish();
-    Files files = TakeFiles(form.spool().Paths());
-    std::map<std::string, std::string> params = Params();
-    request->files.swap(files);
-    request->params.swap(params);
-    form.spool().Release();
+/// Has the record answer from what was read.
+void Publish(FormCollector& collected, RequestRecord& request) {
+  collected.spool().Publish();
+  std::vector<std::string> paths = collected.spool().Paths();
+  FormContents form{
+      std::move(collected.fields()), std::move(collected.uploads()), {}};
+  Files files;
+  std::map<std::string, int> numbers;
+  for (std::size_t i = 0; i < paths.size(); ++i) {
+    const Form::Upload& upload = form.uploads[i];
+    form.keys.push_back(FreeKey(upload.name, files, numbers));
+    files[form.keys.back()] = {std::move(paths[i]), upload.size};
   }
+  // From here on nothing fails, and the files are the record's.
+  request.files.swap(files);
+  request.form = std::move(form);
+  request.owes_params = true;
+  collected.spool().Release();
+}
 
-  /// The number of an upload of this form.
-  std::size_t IndexOf(const Upload& upload) const {
-    const auto is_meant = [&](const Upload& other) {
-      return other.field == upload.field && other.name == upload.name &&
-             other.type == upload.type && other.size == upload.size;
-    };
-    const auto found =
-        IsOurs(upload) ? uploads.begin() + (&upload - uploads.data())
-                       : std::find_if(uploads.begin(), uploads.end(), is_meant);
-    if (found == uploads.end()) {
-      throw std::invalid_argument("the upload is not one of this form's");
-    }
-    return static_cast<std::size_t>(found - uploads.begin());
-  }
-
- private:
-  bool IsOurs(const Upload& upload) const {
-    // Pointers into different memory are ordered by these alone.
-    const std::less<> is_before;
-    return !is_before(&upload, uploads.data()) &&
-           is_before(&upload, uploads.data() + uploads.size());
-  }
-
-  Files TakeFiles(std::vector<std::string> paths) {
-    Files files;
-    std::map<std::string, int> numbers;
-    for (std::size_t i = 0; i < uploads.size(); ++i) {
-      keys.push_back(FreeKey(uploads[i].name, files, numbers));
-      Cgi::Data::FileInfo& file = files[keys.back()];
-      file.path = std::move(paths[i]);
-      file.size = uploads[i].size;
-    }
-    return files;
-  }
-
-  std::map<std::string, std::string> Params() const {
-    std::map<std::string, std::string> params;
-    MapFiller filler(params);
-    for (const Field& field : fields) {
-      filler.Join(field.name, ", ", field.value);
-    }
-    for (std::size_t i = 0; i < uploads.size(); ++i) {
-      filler.Join(uploads[i].field, ", ", keys[i]);
-    }
-    return params;
-  }
-};
+}  // namespace
 
 namespace {
 
@@ -222,19 +180,20 @@ auto ReadOrDrain(int idle, const Function& read) {
 Form::Form(Cgi& cgi) : Form(cgi, Limits()) {}
 
 Form::Form(Cgi& cgi, const Limits& limits) {
-  const std::shared_ptr<Cgi::Data>& request = cgi.data_;
-  if (request->parsed) {
+  auto& request = static_cast<RequestRecord&>(*cgi.data_);
+  if (request.parsed) {
     throw std::logic_error(
         "the input has been parsed already: make the Form, once, before "
         "anything asks for parameters or uploads");
   }
   // Whatever becomes of it, nobody else is to parse what is left.
-  request->parsed = true;
-  contents_ = ReadOrDrain(limits.idle, [&](BodyReader& body) {
-    FormCollector form(limits, UploadDirectory(*request));
+  request.parsed = true;
+  ReadOrDrain(limits.idle, [&](BodyReader& body) {
+    FormCollector form(limits, UploadDirectory(request));
     ReadForm(body, form);
-    return std::make_shared<const Contents>(form, request);
+    Publish(form, request);
   });
+  record_ = std::static_pointer_cast<const RequestRecord>(cgi.data_);
 }
 
 Form::Form(const Form&) noexcept = default;
@@ -265,17 +224,65 @@ std::vector<std::string> Form::Values(const std::string& name) const {
 }
 
 const std::vector<Form::Field>& Form::fields() const noexcept {
-  return contents_->fields;
+  return record_->form.fields;
 }
 
 const std::vector<Form::Upload>& Form::uploads() const noexcept {
-  return contents_->uploads;
+  return record_->form.uploads;
 }
 
+namespace {
+
+bool IsAlike(const Form::Upload& a, const Form::Upload& b) {
+  return a.field == b.field && a.name == b.name && a.type == b.type &&
+         a.size == b.size;
+}
+
+/// Whether it is one of the list itself, and not a copy.
+bool IsIn(const std::vector<Form::Upload>& uploads,
+          const Form::Upload& upload) {
+  // Only this compares pointers into different memory.
+  const std::less<> is_before;
+  const Form::Upload* const begin = uploads.data();
+  return !is_before(&upload, begin) &&
+         is_before(&upload, begin + uploads.size());
+}
+
+/// The number of an upload, or of the first one that says the same.
+std::size_t IndexOf(const Form::Upload& upload,
+                    const std::vector<Form::Upload>& uploads) {
+  if (IsIn(uploads, upload)) {
+    return static_cast<std::size_t>(&upload - uploads.data());
+  }
+  const auto found = std::find_if(
+      uploads.begin(), uploads.end(),
+      [&](const Form::Upload& other) { return IsAlike(other, upload); });
+  if (found == uploads.end()) {
+    throw std::invalid_argument("the upload is not one of this form's");
+  }
+  return static_cast<std::size_t>(found - uploads.begin());
+}
+
+}  // namespace
+
 std::string Form::Path(const Upload& upload) const {
-  return contents_->request->files
-      .at(contents_->keys[contents_->IndexOf(upload)])
-      .path;
+  const std::size_t index = IndexOf(upload, uploads());
+  return record_->files.at(record_->form.keys[index]).path;
+}
+
+// What the parameters are made from.
+
+void RequestRecord::MakeParams() {
+  std::map<std::string, std::string> made;
+  MapFiller filler(made);
+  for (const Form::Field& field : form.fields) {
+    filler.Join(field.name, ", ", field.value);
+  }
+  for (std::size_t i = 0; i < form.uploads.size(); ++i) {
+    filler.Join(form.uploads[i].field, ", ", form.keys[i]);
+  }
+  params.swap(made);
+  owes_params = false;
 }
 
 // A body that is no form.

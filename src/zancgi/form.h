@@ -19,6 +19,8 @@
 
 namespace zan_cgi {
 
+struct RequestRecord;
+
 /// What a client has sent cannot be taken. what() names the rule or the limit,
 /// in a sentence that holds nothing of what was sent.
 class ZANCGI_API FormError : public std::runtime_error {
@@ -145,8 +147,7 @@ class ZANCGI_API Form {
   std::string Path(const Upload& upload) const;
 
  private:
-  struct Contents;
-  std::shared_ptr<const Contents> contents_;
+  std::shared_ptr<const RequestRecord> record_;
 };
 
 /// Reads a body that is no form, such as JSON, whole, whatever its type and the

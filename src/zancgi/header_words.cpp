@@ -8,8 +8,6 @@
 namespace zan_cgi {
 namespace {
 
-constexpr std::string_view kWhiteSpace = " \t";
-
 char LowerCase(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
@@ -93,15 +91,18 @@ std::size_t Utf8LengthAt(std::string_view text) {
 }  // namespace
 
 std::string_view Trimmed(std::string_view text) {
-  const std::size_t begin = text.find_first_not_of(kWhiteSpace);
-  if (begin == std::string_view::npos) return {};
-  return text.substr(begin, text.find_last_not_of(kWhiteSpace) + 1 - begin);
+  while (!text.empty() && IsBlank(text.front())) text.remove_prefix(1);
+  while (!text.empty() && IsBlank(text.back())) text.remove_suffix(1);
+  return text;
 }
 
 bool IsSameWord(std::string_view a, std::string_view b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
-    return LowerCase(x) == LowerCase(y);
-  });
+  if (a.size() != b.size()) return false;
+  // Nearly everybody spells them alike.
+  return a == b ||
+         std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+           return LowerCase(x) == LowerCase(y);
+         });
 }
 
 bool IsToken(std::string_view text) {
@@ -140,8 +141,7 @@ bool ParameterReader::Next() {
 }
 
 void ParameterReader::SkipWhiteSpace() {
-  rest_.remove_prefix(
-      std::min(rest_.find_first_not_of(kWhiteSpace), rest_.size()));
+  while (!rest_.empty() && IsBlank(rest_.front())) rest_.remove_prefix(1);
 }
 
 /// Reads a name, and the "=" after it.

@@ -11,6 +11,9 @@
 
 namespace zan_cgi {
 
+/// Whether it is a space or tab.
+inline bool IsBlank(char c) { return c == ' ' || c == '\t'; }
+
 /// Without spaces and tabs at both ends.
 std::string_view Trimmed(std::string_view text);
 

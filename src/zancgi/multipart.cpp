@@ -37,9 +37,6 @@ std::size_t Find(std::string_view text, std::string_view wanted,
                                 static_cast<const char*>(found) - text.data());
 }
 
-/// Whether a line that begins so continues the one before.
-bool IsFolding(char c) { return c == ' ' || c == '\t'; }
-
 /// What comes before a place in the data of a part.
 enum class LineStart { kNone, kAfterCrLf, kAfterOther };
 
@@ -70,7 +67,6 @@ struct MultipartParser::Part {
     if (colon == kNowhere) Refuse("a header of a part has no colon");
     const std::string_view header_name = Trimmed(header.substr(0, colon));
     const std::string_view value = Trimmed(header.substr(colon + 1));
-    if (!IsToken(header_name)) Refuse("a header of a part has no valid name");
     if (IsSameWord(header_name, "Content-Disposition")) {
       TakeDisposition(value);
     } else if (IsSameWord(header_name, "Content-Type")) {
@@ -78,6 +74,8 @@ struct MultipartParser::Part {
       type = value;
     } else if (IsSameWord(header_name, "Content-Transfer-Encoding")) {
       TakeEncoding(value);
+    } else if (!IsToken(header_name)) {
+      Refuse("a header of a part has no valid name");
     }
   }
 
@@ -261,10 +259,11 @@ MultipartParser::Part MultipartParser::ReadHeaders() {
 bool MultipartParser::ReadHeader(std::size_t& budget) {
   header_ = NextLine(budget);
   if (header_.empty()) return false;
-  if (IsFolding(header_.front())) {
+  if (IsBlank(header_.front())) {
     Refuse("the first line of a header is indented");
   }
-  while (IsFolding(NextByte())) {
+  // A line that begins so continues the one before.
+  while (IsBlank(NextByte())) {
     header_.append(" ").append(Trimmed(NextLine(budget)));
   }
   return true;
@@ -299,9 +298,10 @@ std::string_view MultipartParser::NextLine(std::size_t& budget) {
 }
 
 void MultipartParser::ReadField(Part& part) {
-  std::string value;
-  ReadData(true, [&](std::string_view data) { form_.Append(value, data); });
-  form_.AddField(*std::move(part.name), std::move(value));
+  value_.clear();
+  ReadData(true, [&](std::string_view data) { form_.Append(value_, data); });
+  // A copy takes no more memory than it needs, and the next value finds room.
+  form_.AddField(*std::move(part.name), std::string(value_));
 }
 
 /// A file input in which nothing was chosen has an empty name and no bytes, and

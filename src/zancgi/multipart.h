@@ -57,6 +57,7 @@ class MultipartParser {
   BodyReader& body_;
   FormCollector& form_;
   const std::string marker_;  ///< "--" and the boundary.
+  std::string value_;         ///< The value being read.
   std::string header_;        ///< The header being read.
   bool is_closed_ = false;    ///< The closing boundary has come.
 };

@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <istream>
-#include <iterator>
 #include <memory>
 #include <new>
 #include <stdexcept>
@@ -27,6 +26,7 @@
 #include "line_assembly.h"
 #include "log_line.h"
 #include "map_filler.h"
+#include "request_record.h"
 #include "separator_scan.h"
 #include "standard_input.h"
 #include "upload_file.h"
@@ -43,6 +43,13 @@ void TraceEntry(const char* signature) { ZANCGI_LOG(kTrace, "%s", signature); }
 std::string ValueOrEmpty(const StringMap& values, const std::string& name) {
   const auto found = values.find(name);
   return found == values.end() ? std::string() : found->second;
+}
+
+/// The parameters of a request, as far as its input has been parsed.
+const StringMap& ParamsOf(Cgi::Data& request) {
+  // What every Cgi has.
+  static_cast<RequestRecord&>(request).PayParams();
+  return request.params;
 }
 
 bool Contains(const std::string& text, const char* part) {
@@ -111,7 +118,7 @@ void Cgi::Data::CheckTmpDir() {
 }
 
 Cgi::Cgi(const std::string& binary_name, const std::string& tov_name)
-    : data_(std::shared_ptr<Data>(new Data)) {
+    : data_(std::make_shared<RequestRecord>()) {
   data_->tov_name = tov_name;
   data_->SetWorkDir(binary_name);
 }
@@ -123,7 +130,7 @@ void Cgi::SetTmpDir(const std::string& dir) {
 
 std::string Cgi::Param(const std::string& name) {
   if (!data_->parsed) data_->ParseQuery();
-  return ValueOrEmpty(data_->params, name);
+  return ValueOrEmpty(ParamsOf(*data_), name);
 }
 
 std::string Cgi::Cookie(const std::string& name) {
@@ -144,7 +151,7 @@ std::int64_t Cgi::GetFileSize() const {
 
 void Cgi::GetParams(std::vector<std::string>& names) const {
   if (!data_->parsed) data_->ParseQuery();
-  ListKeys(data_->params, names);
+  ListKeys(ParamsOf(*data_), names);
 }
 
 void Cgi::GetFileNames(std::vector<std::string>& names) const {
@@ -857,7 +864,7 @@ StringMap BackendEnvironment(const std::string& query) {
 /// Adds output format, session and "sfrom" to a query. That an item is there
 /// already is decided by a plain search: "layout=1" counts as "out=", which
 /// front ends rely on. Values are added without encoding, likewise.
-void AddImplicitItems(const Cgi::Data& request, std::string& query) {
+void AddImplicitItems(Cgi::Data& request, std::string& query) {
   if (!Contains(query, "out=")) {
     query = str::Append(query, "out=xml", "&");
   }
@@ -868,8 +875,9 @@ void AddImplicitItems(const Cgi::Data& request, std::string& query) {
     if (session.auth.empty()) throw tov_err::Value("auth", "");
     query = str::Append(query, "auth=" + session.auth, "&");
   }
-  const auto sfrom = request.params.find("sfrom");
-  if (!Contains(query, "sfrom=") && sfrom != request.params.end()) {
+  const StringMap& params = ParamsOf(request);
+  const auto sfrom = params.find("sfrom");
+  if (!Contains(query, "sfrom=") && sfrom != params.end()) {
     query = str::Append(query, "sfrom=" + sfrom->second, "&");
   }
 }
