@@ -1,7 +1,6 @@
 #include "multipart.h"
 
 #include <algorithm>
-#include <cstring>
 #include <optional>
 #include <utility>
 
@@ -25,16 +24,6 @@ constexpr std::size_t kNowhere = std::string_view::npos;
 
 [[noreturn]] void RefuseEnd() {
   Refuse("the form ends without its closing boundary");
-}
-
-/// Finds a text of more than two bytes, in time linear in the size of both.
-std::size_t Find(std::string_view text, std::string_view wanted,
-                 std::size_t from) {
-  const void* const found = ::memmem(text.data() + from, text.size() - from,
-                                     wanted.data(), wanted.size());
-  return found == nullptr ? kNowhere
-                          : static_cast<std::size_t>(
-                                static_cast<const char*>(found) - text.data());
 }
 
 /// What comes before a place in the data of a part.
@@ -167,9 +156,9 @@ void MultipartParser::ReadData(bool begins_line, const Sink& sink) {
 bool MultipartParser::FindMarker(std::string_view text, bool begins_line,
                                  Marker& found) const {
   for (std::size_t from = 0;;) {
-    const std::size_t place = Find(text, marker_, from);
+    const std::size_t place = search_.Find(text, from);
     if (place == kNowhere) return false;
-    const std::size_t end = place + marker_.size();
+    const std::size_t end = place + search_.marker().size();
     switch (LineStartAt(text, place, begins_line)) {
       case LineStart::kAfterCrLf:
         found = {place == 0 ? 0 : place - 2, end};
@@ -187,7 +176,7 @@ bool MultipartParser::FindMarker(std::string_view text, bool begins_line,
 /// be the beginning of a marker's line end and marker.
 std::size_t MultipartParser::CertainData(std::string_view text,
                                          bool begins_line) const {
-  const std::string_view marker(marker_);
+  const std::string_view marker(search_.marker());
   if (begins_line && marker.starts_with(text)) return 0;
   const std::string_view tail =
       text.substr(text.size() - std::min(text.size(), marker.size()));

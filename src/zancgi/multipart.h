@@ -10,6 +10,7 @@
 
 #include "body_reader.h"
 #include "form_collector.h"
+#include "marker_search.h"
 
 namespace zan_cgi {
 
@@ -22,7 +23,7 @@ class MultipartParser {
   /// @param boundary  1 to 70 bytes, none of them a control character
   MultipartParser(BodyReader& body, FormCollector& form,
                   const std::string& boundary)
-      : body_(body), form_(form), marker_("--" + boundary) {}
+      : body_(body), form_(form), search_("--" + boundary) {}
 
   /// @throws FormError  400, 408, 413 or 507
   void Parse();
@@ -56,10 +57,10 @@ class MultipartParser {
 
   BodyReader& body_;
   FormCollector& form_;
-  const std::string marker_;  ///< "--" and the boundary.
-  std::string value_;         ///< The value being read.
-  std::string header_;        ///< The header being read.
-  bool is_closed_ = false;    ///< The closing boundary has come.
+  const MarkerSearch search_;  ///< For "--" and the boundary.
+  std::string value_;          ///< The value being read.
+  std::string header_;         ///< The header being read.
+  bool is_closed_ = false;     ///< The closing boundary has come.
 };
 
 }  // namespace zan_cgi
