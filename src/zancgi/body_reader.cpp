@@ -3,12 +3,12 @@
 #include <zancgi/form.h>
 
 #include <poll.h>
+#include <sys/times.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -43,11 +43,10 @@ int MillisecondsOf(int seconds) {
   return std::clamp(seconds, 0, std::numeric_limits<int>::max() / 1000) * 1000;
 }
 
-using Clock = std::chrono::steady_clock;
-
-int MillisecondsSince(Clock::time_point start) {
-  using Milliseconds = std::chrono::duration<int, std::milli>;
-  return std::chrono::duration_cast<Milliseconds>(Clock::now() - start).count();
+/// Of a clock that nobody sets. It is as coarse as silence is long; a finer one
+/// would cost each start a symbol version.
+std::int64_t Milliseconds() {
+  return std::int64_t{::times(nullptr)} * 1000 / ::sysconf(_SC_CLK_TCK);
 }
 
 }  // namespace
@@ -94,8 +93,8 @@ void BodyReader::MakeRoom() {
   const std::size_t unread = end_ - begin_;
   if (capacity_ - unread < kLargestRead) {
     const std::size_t capacity = 2 * unread + kLargestRead + 4096;
-    std::unique_ptr<char[]> larger(new char[capacity]);
-    if (unread > 0) std::memcpy(larger.get(), buffer_.get() + begin_, unread);
+    Memory larger(static_cast<char*>(::operator new(capacity)));
+    std::copy_n(buffer_.get() + begin_, unread, larger.get());
     buffer_ = std::move(larger);
     capacity_ = capacity;
   } else if (begin_ > 0) {
@@ -106,9 +105,9 @@ void BodyReader::MakeRoom() {
 }
 
 std::size_t BodyReader::Read(char* to, std::size_t count) {
-  const Clock::time_point start = Clock::now();
+  const std::int64_t deadline = Milliseconds() + idle_ms_;
   for (;;) {
-    WaitForInput(start);
+    WaitForInput(deadline);
     const ssize_t got = ::read(STDIN_FILENO, to, count);
     if (got >= 0) {
       is_at_end_ = got == 0;
@@ -117,19 +116,21 @@ std::size_t BodyReader::Read(char* to, std::size_t count) {
     }
     if (errno != EINTR && errno != EAGAIN) ThrowUnreadable();
     // Ready, but with nothing to read: that, too, may not go on for ever.
-    if (errno == EAGAIN && MillisecondsSince(start) >= idle_ms_) ThrowSilent();
+    if (errno == EAGAIN && Milliseconds() >= deadline) ThrowSilent();
   }
 }
 
 /// Waits until there is something to read or to report. However many signals
-/// come, the wait ends when the silence since the start is too long.
-void BodyReader::WaitForInput(Clock::time_point start) {
-  for (int left = idle_ms_;; left = idle_ms_ - MillisecondsSince(start)) {
+/// come, the wait ends at the deadline.
+void BodyReader::WaitForInput(std::int64_t deadline) {
+  for (int left = idle_ms_;;) {
     pollfd input{STDIN_FILENO, POLLIN, 0};
-    const int count = ::poll(&input, 1, std::max(left, 0));
+    const int count = ::poll(&input, 1, left);
     if (count > 0) return;
     if (count == 0) ThrowSilent();
     if (errno != EINTR) ThrowUnreadable();
+    const std::int64_t more = deadline - Milliseconds();
+    left = static_cast<int>(std::max<std::int64_t>(more, 0));
   }
 }
 

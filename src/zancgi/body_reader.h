@@ -4,10 +4,10 @@
 #ifndef ZANCGI_BODY_READER_H
 #define ZANCGI_BODY_READER_H
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <string_view>
 
 namespace zan_cgi {
@@ -45,9 +45,15 @@ class BodyReader {
   void Drain() noexcept;
 
  private:
+  /// Not zeroed: what is not read into is not touched.
+  struct Deleter {
+    void operator()(char* memory) const { ::operator delete(memory); }
+  };
+  using Memory = std::unique_ptr<char, Deleter>;
+
   void MakeRoom();
   std::size_t Read(char* to, std::size_t count);
-  void WaitForInput(std::chrono::steady_clock::time_point start);
+  void WaitForInput(std::int64_t deadline);
   [[noreturn]] void ThrowSilent();
   [[noreturn]] void ThrowUnreadable();
 
@@ -55,7 +61,7 @@ class BodyReader {
   std::int64_t length_ = 0;
   std::int64_t total_ = 0;  ///< Bytes read so far.
   bool is_at_end_ = false;  ///< Nothing more will come.
-  std::unique_ptr<char[]> buffer_;
+  Memory buffer_;
   std::size_t capacity_ = 0;
   std::size_t begin_ = 0;  ///< Where the unread bytes begin in the buffer.
   std::size_t end_ = 0;    ///< Where they end.

@@ -12,7 +12,6 @@
 #include "confinement.h"
 #include "form_collector.h"
 #include "header_words.h"
-#include "map_filler.h"
 #include "multipart.h"
 #include "request_record.h"
 #include "urlencoded_form.h"
@@ -267,22 +266,7 @@ std::size_t IndexOf(const Form::Upload& upload,
 
 std::string Form::Path(const Upload& upload) const {
   const std::size_t index = IndexOf(upload, uploads());
-  return record_->files.at(record_->form.keys[index]).path;
-}
-
-// What the parameters are made from.
-
-void RequestRecord::MakeParams() {
-  std::map<std::string, std::string> made;
-  MapFiller filler(made);
-  for (const Form::Field& field : form.fields) {
-    filler.Join(field.name, ", ", field.value);
-  }
-  for (std::size_t i = 0; i < form.uploads.size(); ++i) {
-    filler.Join(form.uploads[i].field, ", ", form.keys[i]);
-  }
-  params.swap(made);
-  owes_params = false;
+  return record_->files.find(record_->form.keys[index])->second.path;
 }
 
 // A body that is no form.

@@ -3,7 +3,6 @@
 #include <zancgi/form.h>
 
 #include <fcntl.h>
-#include <sys/random.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,8 +16,8 @@
 namespace zan_cgi {
 namespace {
 
-/// The name that administrators and their clean-up rules know.
-constexpr char kNameBeginning[] = "zantemp";
+/// The names that administrators and their clean-up rules know.
+constexpr char kNamePattern[] = "zantempXXXXXX";
 
 /// So many files are kept without a name: each takes a descriptor.
 constexpr std::size_t kMostUnnamed = 64;
@@ -38,15 +37,13 @@ bool LinkAs(int descriptor, const std::string& path) {
                   path.c_str(), AT_SYMLINK_FOLLOW) == 0;
 }
 
-std::string RandomPart() {
-  constexpr char kLetters[] =
-      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUV"
-      "WXYZ0123456789_-";
-  unsigned char bytes[6] = {};
-  if (::getrandom(bytes, sizeof(bytes), 0) < 0) ThrowNotStored(errno);
-  std::string part;
-  for (const unsigned char byte : bytes) part += kLetters[byte % 64];
-  return part;
+/// Makes a file whose name ends in "XXXXXX", which becomes unique. Returns a
+/// negative number when it cannot be made.
+int MakeUnique(std::string& path) {
+  const int made = ::mkstemp(path.data());
+  // Newer calls that do this at once would cost each start a symbol version.
+  if (made >= 0) ::fcntl(made, F_SETFD, FD_CLOEXEC);
+  return made;
 }
 
 }  // namespace
@@ -128,17 +125,23 @@ bool UploadSpool::OpenUnnamed(File& file) const {
 }
 
 void UploadSpool::OpenNamed(File& file) const {
-  std::string path = directory_ + kNameBeginning + "XXXXXX";
-  const int made = ::mkostemp(path.data(), O_CLOEXEC);
+  std::string path = directory_ + kNamePattern;
+  const int made = MakeUnique(path);
   if (made < 0) ThrowNotStored(errno);
   file.path = std::move(path);
   file.descriptor = MoveAboveStdio(made);
   if (file.descriptor < 0) ThrowNotStored(errno);
 }
 
+/// Gives the file a name that was free a moment ago. Fails rather than take one
+/// that somebody else has taken meanwhile.
 void UploadSpool::Link(File& file) const {
   for (int attempt = 1;; ++attempt) {
-    std::string path = directory_ + kNameBeginning + RandomPart();
+    std::string path = directory_ + kNamePattern;
+    const int made = MakeUnique(path);
+    if (made < 0) ThrowNotStored(errno);
+    ::close(made);
+    ::unlink(path.c_str());
     if (LinkAs(file.descriptor, path)) {
       file.path = std::move(path);
       return;

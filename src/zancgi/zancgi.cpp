@@ -118,7 +118,7 @@ void Cgi::Data::CheckTmpDir() {
 }
 
 Cgi::Cgi(const std::string& binary_name, const std::string& tov_name)
-    : data_(std::make_shared<RequestRecord>()) {
+    : data_(std::shared_ptr<Data>(new RequestRecord)) {
   data_->tov_name = tov_name;
   data_->SetWorkDir(binary_name);
 }
