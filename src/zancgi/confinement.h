@@ -1,5 +1,5 @@
 /// @file
-/// Private: whether the process is confined to an account's folder.
+/// Private: the account's folder that the process is confined to or lives in.
 #ifndef ZANCGI_CONFINEMENT_H
 #define ZANCGI_CONFINEMENT_H
 
@@ -10,8 +10,10 @@ namespace zan_cgi {
 /// configuration, a socket in the back end's place.
 bool IsInsideAccountsFolder();
 
-/// Returns the home folder of the account that the process has been made, as
-/// the process sees it; null before, and of root.
+/// Returns the home folder of the account that the process has become, as an
+/// absolute path that the process sees now: "/" when it is confined. Null
+/// before, for root, and when the password database names no absolute path.
+/// Valid until the process becomes another account.
 const char* AccountHome();
 
 }  // namespace zan_cgi

@@ -18,15 +18,7 @@
 
 namespace zan_cgi {
 
-// What cannot be taken.
-
-FormError::FormError(int status, const std::string& message)
-    : std::runtime_error(message), status_(status) {}
-FormError::FormError(const FormError&) noexcept = default;
-FormError& FormError::operator=(const FormError&) noexcept = default;
-FormError::~FormError() = default;
-
-int FormError::status() const noexcept { return status_; }
+// What is too much.
 
 void FormCollector::ThrowTooManyParts() const {
   throw FormError(413, "the form has more than " +

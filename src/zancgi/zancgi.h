@@ -265,6 +265,9 @@ class ZANCGI_API Cgi {
 
  private:
   friend class Form;
+  // BecomeAccount() removes the uploads when it fails.
+  friend class AccountSwitch;
+
   std::shared_ptr<Data> data_;
 };
 

@@ -36,29 +36,22 @@
 #include "descriptor.h"
 #include "log_line.h"
 #include "pam_library.h"
+#include "system_account.h"
 
 namespace zan_cgi {
 namespace {
 
 tov_log::Module log("zancgi", "core");
 
-/// What the password database says of an account.
-struct Account {
-  std::string name;
-  uid_t uid;
-  gid_t gid;
-  std::string home;
-};
+}  // namespace
 
-/// Copies what it finds at once: later look-ups, those of PAM modules among
-/// them, overwrite the C library's only record.
 Account FindAccount(const std::string& user) {
   const passwd* const entry = ::getpwnam(user.c_str());
   if (entry == nullptr) throw std::runtime_error("failed to get pw entry");
+  // Copied at once: later look-ups, those of PAM modules among them, overwrite
+  // the C library's only record.
   return {entry->pw_name, entry->pw_uid, entry->pw_gid, entry->pw_dir};
 }
-
-}  // namespace
 
 // Reading the body.
 
@@ -217,6 +210,8 @@ void BecomeRoot(const Account& root, const std::string& dir) {
 /// kept for compatibility. They are equal where each user has a group.
 gid_t UidAsGid(const Account& account) { return account.uid; }
 
+}  // namespace
+
 std::vector<gid_t> GroupsOf(const Account& account) {
   std::vector<gid_t> groups(16);
   int count = static_cast<int>(groups.size());
@@ -232,6 +227,8 @@ std::vector<gid_t> GroupsOf(const Account& account) {
   return groups;
 }
 
+namespace {
+
 /// Whether only root can say what lies in the root directory: which PAM
 /// configuration and modules, and which sockets, are found there.
 bool RootDirectoryIsRoots() {
@@ -246,6 +243,30 @@ bool RootDirectoryIsRoots() {
 
 /// Of the process, like the root directory itself: there is no way back.
 bool is_inside_accounts_folder = false;
+
+/// Of the process, like its identity; null until it has become an account.
+/// Lives until the process ends.
+char* account_home = nullptr;
+
+struct Free {
+  void operator()(char* text) const { std::free(text); }
+};
+using CText = std::unique_ptr<char, Free>;
+
+/// The home as the process will see it. To be made before anything is changed,
+/// since there may be no memory for it later.
+CText CopyOfHome(const Account& account, bool use_chroot) {
+  CText home(::strdup(use_chroot ? "/" : account.home.c_str()));
+  if (!home) throw std::bad_alloc();
+  return home;
+}
+
+/// Without the right to switch the process is still who it was.
+void RememberHome(const Account& account, CText home) {
+  if (::geteuid() != account.uid || *home != '/') return;
+  std::free(account_home);
+  account_home = home.release();
+}
 
 void Confine(const std::string& home) {
   // While its configuration and what that names are the system's own.
@@ -444,6 +465,8 @@ void EnterInsideHome(const std::string& dir) {
 
 bool IsInsideAccountsFolder() { return is_inside_accounts_folder; }
 
+const char* AccountHome() { return account_home; }
+
 int myconv(int num_msg, const pam_message** /*msg*/, pam_response** resp,
            void* appdata_ptr) {
   if (appdata_ptr == nullptr || num_msg <= 0) return PAM_CONV_ERR;
@@ -467,6 +490,7 @@ void Cgi::Data::DoSu(const std::string& user, const std::string& dir,
     BecomeRoot(account, dir);
     return;
   }
+  CText home = CopyOfHome(account, use_chroot);
   // Before the account's files are in reach: as root only the system's own
   // library may be loaded.
   std::optional<PamLibrary> pam;
@@ -475,10 +499,12 @@ void Cgi::Data::DoSu(const std::string& user, const std::string& dir,
     ConfineWithGroups(account);
     // A confined process has no way back to a directory outside.
     TakeIdentity(account, user, pam, "");
+    RememberHome(account, std::move(home));
     EnterDirectory(dir);
   } else {
     EnterHomeWithGroups(account);
     TakeIdentity(account, user, pam, account.home);
+    RememberHome(account, std::move(home));
     if (!dir.empty()) EnterInsideHome(dir);
   }
 }

@@ -3,9 +3,12 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <grp.h>
+#include <linux/capability.h>
 #include <netdb.h>
 #include <pwd.h>
 #include <security/pam_appl.h>
+#include <stdarg.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
@@ -14,6 +17,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 
@@ -25,6 +29,18 @@ using zan_cgi::testing::Mark;
 /// Null while nothing is recorded: some of these calls happen before any
 /// constructor of this program has run.
 constinit Answers* recorded = nullptr;
+
+int calls = 0;
+
+/// Takes the next number of those for a call; none when there is none.
+std::optional<int> Next(std::map<std::string, std::vector<int>>& numbers,
+                        const std::string& call) {
+  const auto found = numbers.find(call);
+  if (found == numbers.end() || found->second.empty()) return std::nullopt;
+  const int number = found->second.front();
+  found->second.erase(found->second.begin());
+  return number;
+}
 
 /// Calls the function that a program without this file would call.
 template <class Result, class... Arguments>
@@ -56,13 +72,8 @@ int Enter(const std::string& call) {
   Mark(call);
   const auto effect = recorded->effects.find(call);
   if (effect != recorded->effects.end()) effect->second();
-  const auto failures = recorded->failures.find(call);
-  if (failures == recorded->failures.end() || failures->second.empty()) {
-    return 0;
-  }
-  const int failure = failures->second.front();
-  failures->second.erase(failures->second.begin());
-  return failure;
+  if (++calls == recorded->failing_call) return EPERM;
+  return Next(recorded->failures, call).value_or(0);
 }
 
 int Fail(int error) {
@@ -75,7 +86,15 @@ template <class Call>
 int Recorded(const std::string& line, const Call& real) {
   if (recorded == nullptr) return real();
   const int failure = Enter(line);
-  return failure != 0 ? Fail(failure) : Make(real);
+  if (failure != 0) return Fail(failure);
+  const std::optional<int> result = Next(recorded->results, line);
+  return result ? *result : Make(real);
+}
+
+void Alter(const std::string& call, void* answer) {
+  if (recorded == nullptr) return;
+  const auto alteration = recorded->alterations.find(call);
+  if (alteration != recorded->alterations.end()) alteration->second(answer);
 }
 
 /// For a call that only root may make.
@@ -185,9 +204,12 @@ std::string Conversation(const pam_conv* conversation) {
 
 Recording::Recording(Answers answers) : answers_(std::move(answers)) {
   recorded = &answers_;
+  calls = 0;
 }
 
 Recording::~Recording() { recorded = nullptr; }
+
+int RecordedCalls() { return calls; }
 
 std::string FchdirTo(const std::string& path) {
   struct stat directory {};
@@ -209,7 +231,7 @@ using support::Recorded;
 extern "C" passwd* getpwnam(const char* name) {
   const auto real = [&] { return CallReal<passwd*>("getpwnam", name); };
   if (recorded == nullptr) return real();
-  support::Enter("getpwnam" + Blank(name));
+  if (support::Enter("getpwnam" + Blank(name)) != 0) return nullptr;
   return recorded->pretend ? support::PretendedEntry(name)
                            : support::Make(real);
 }
@@ -272,6 +294,71 @@ extern "C" int setgid(gid_t gid) noexcept {
 
 extern "C" int setuid(uid_t uid) noexcept {
   return Privileged("setuid", Blank(uid), uid);
+}
+
+extern "C" int seteuid(uid_t uid) noexcept {
+  return Privileged("seteuid", Blank(uid), uid);
+}
+
+extern "C" int setresuid(uid_t ruid, uid_t euid, uid_t suid) noexcept {
+  return Privileged("setresuid", Blank(ruid) + Blank(euid) + Blank(suid), ruid,
+                    euid, suid);
+}
+
+extern "C" int setresgid(gid_t rgid, gid_t egid, gid_t sgid) noexcept {
+  return Privileged("setresgid", Blank(rgid) + Blank(egid) + Blank(sgid), rgid,
+                    egid, sgid);
+}
+
+extern "C" int getresuid(uid_t* ruid, uid_t* euid, uid_t* suid) noexcept {
+  return Recorded("getresuid",
+                  [&] { return CallReal<int>("getresuid", ruid, euid, suid); });
+}
+
+extern "C" int getresgid(gid_t* rgid, gid_t* egid, gid_t* sgid) noexcept {
+  return Recorded("getresgid",
+                  [&] { return CallReal<int>("getresgid", rgid, egid, sgid); });
+}
+
+extern "C" int getgroups(int size, gid_t* list) noexcept {
+  const int count = Recorded(
+      "getgroups", [&] { return CallReal<int>("getgroups", size, list); });
+  support::Alter("getgroups", list);
+  return count;
+}
+
+extern "C" int capget(cap_user_header_t header, cap_user_data_t data) noexcept {
+  const int result =
+      Recorded("capget", [&] { return CallReal<int>("capget", header, data); });
+  support::Alter("capget", data);
+  return result;
+}
+
+extern "C" int capset(cap_user_header_t header,
+                      const cap_user_data_t data) noexcept {
+  return Recorded("capset",
+                  [&] { return CallReal<int>("capset", header, data); });
+}
+
+extern "C" int prctl(int option, ...) noexcept {
+  unsigned long arguments[4];
+  va_list given;
+  va_start(given, option);
+  for (unsigned long& argument : arguments) {
+    argument = va_arg(given, unsigned long);
+  }
+  va_end(given);
+  const auto real = [&] {
+    return CallReal<int>("prctl", option, arguments[0], arguments[1],
+                         arguments[2], arguments[3]);
+  };
+  if (option != PR_CAP_AMBIENT) return real();
+  return Recorded("prctl ambient" + Blank(arguments[1]), real);
+}
+
+extern "C" int unlinkat(int fd, const char* name, int flag) noexcept {
+  return Recorded("unlinkat",
+                  [&] { return CallReal<int>("unlinkat", fd, name, flag); });
 }
 
 extern "C" int stat(const char* file, struct stat* buf) noexcept {

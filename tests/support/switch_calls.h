@@ -39,6 +39,12 @@ struct Answers {
   long free_blocks = -1;
   /// What happens besides, each time, before the call is made or answered.
   std::map<std::string, std::function<void()>> effects = {};
+  /// What a call returns instead of being made, as often as failures say.
+  std::map<std::string, std::vector<int>> results = {};
+  /// What becomes of the answer of capget(2) or getgroups(2), each time.
+  std::map<std::string, std::function<void(void*)>> alterations = {};
+  /// The call of this number, counted from 1 over all, fails with EPERM.
+  int failing_call = 0;
 };
 
 /// Records calls with Mark(), in this process, as long as it lives; for child
@@ -53,6 +59,9 @@ class Recording {
  private:
   Answers answers_;
 };
+
+/// How many calls the last Recording of this process has seen.
+int RecordedCalls();
 
 /// The record's name for fchdir(2) to this directory.
 std::string FchdirTo(const std::string& path);

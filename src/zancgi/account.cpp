@@ -1,0 +1,564 @@
+#include <zancgi/account.h>
+#include <zancgi/form.h>
+
+#include <tov/err.h>
+
+#include <fcntl.h>
+#include <grp.h>
+#include <limits.h>
+#include <linux/capability.h>
+#include <sys/fsuid.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <optional>
+#include <string_view>
+#include <typeinfo>
+#include <utility>
+#include <vector>
+
+#include "system_account.h"
+
+// Functions of the C library that none of its headers declares.
+extern "C" {
+int capget(cap_user_header_t header, cap_user_data_t data) noexcept;
+int capset(cap_user_header_t header, const cap_user_data_t data) noexcept;
+}
+
+namespace zan_cgi {
+
+AccountError::AccountError(const std::string& message)
+    : std::runtime_error(message) {}
+AccountError::AccountError(const AccountError&) noexcept = default;
+AccountError& AccountError::operator=(const AccountError&) noexcept = default;
+AccountError::~AccountError() = default;
+
+namespace {
+
+/// The user and the group that own nothing, by the kernel's own convention.
+constexpr unsigned kNobody = 65534;
+
+// Ids and groups.
+
+/// Real, effective, saved and file-system id.
+struct Ids {
+  static constexpr int kCount = 4;
+
+  bool AreAll(unsigned id) const {
+    return std::all_of(std::begin(each), std::end(each),
+                       [id](unsigned one) { return one == id; });
+  }
+  bool HoldRoot() const {
+    return std::find(std::begin(each), std::end(each), 0U) != std::end(each);
+  }
+  friend bool operator==(const Ids&, const Ids&) = default;
+
+  unsigned each[kCount];
+};
+
+/// None when they cannot be had.
+std::optional<Ids> UserIds() {
+  Ids ids{};
+  auto& [real, effective, saved, file_system] = ids.each;
+  if (::getresuid(&real, &effective, &saved) != 0) return std::nullopt;
+  // An id that nobody has changes nothing, and the answer is the present one.
+  file_system = static_cast<unsigned>(::setfsuid(static_cast<uid_t>(-1)));
+  return ids;
+}
+
+/// The same of groups.
+std::optional<Ids> GroupIds() {
+  Ids ids{};
+  auto& [real, effective, saved, file_system] = ids.each;
+  if (::getresgid(&real, &effective, &saved) != 0) return std::nullopt;
+  file_system = static_cast<unsigned>(::setfsgid(static_cast<gid_t>(-1)));
+  return ids;
+}
+
+using Groups = std::vector<gid_t>;
+
+void SortWithoutRepetition(Groups& groups) {
+  std::sort(groups.begin(), groups.end());
+  groups.erase(std::unique(groups.begin(), groups.end()), groups.end());
+}
+
+/// The supplementary groups of this process, read without taking memory, as
+/// there may be none when they matter most.
+class SupplementaryGroups {
+ public:
+  SupplementaryGroups() : groups_(new gid_t[NGROUPS_MAX]) {}
+
+  /// Returns false when they cannot be had.
+  bool Read() {
+    count_ = ::getgroups(NGROUPS_MAX, groups_.get());
+    if (count_ < 0) return false;
+    std::sort(begin(), end());
+    return true;
+  }
+
+  bool Are(const Groups& sorted) const {
+    return std::equal(begin(), end(), sorted.begin(), sorted.end());
+  }
+  bool AreAmong(const Groups& sorted) const {
+    return std::includes(sorted.begin(), sorted.end(), begin(), end());
+  }
+  bool HoldRoot() const { return count_ > 0 && groups_[0] == 0; }
+  Groups Copy() const { return {begin(), end()}; }
+
+ private:
+  gid_t* begin() const { return groups_.get(); }
+  gid_t* end() const { return groups_.get() + std::max(count_, 0); }
+
+  // Without values, so that memory is touched only where there are groups.
+  std::unique_ptr<gid_t[]> groups_;
+  int count_ = 0;
+};
+
+/// What a process may be: ids and groups.
+struct Identity {
+  Ids users;
+  Ids groups;
+  Groups supplementary;
+};
+
+void RequireIds(const std::optional<Ids>& ids, unsigned wanted,
+                const char* unknown, const char* const (&wrong)[Ids::kCount]) {
+  if (!ids) throw AccountError(unknown);
+  for (int i = 0; i < Ids::kCount; ++i) {
+    if (ids->each[i] != wanted) throw AccountError(wrong[i]);
+  }
+}
+
+void RequireIdsOf(const Account& account) {
+  RequireIds(UserIds(), account.uid, "the user ids cannot be read",
+             {"the real user id is not the account's",
+              "the effective user id is not the account's",
+              "the saved user id is not the account's",
+              "the file-system user id is not the account's"});
+  RequireIds(GroupIds(), account.gid, "the group ids cannot be read",
+             {"the real group id is not the account's",
+              "the effective group id is not the account's",
+              "the saved group id is not the account's",
+              "the file-system group id is not the account's"});
+}
+
+// Capabilities.
+
+/// Which of a process's sets are not empty, ambient ones apart.
+struct CapabilitySets {
+  bool permitted = false;
+  bool effective = false;
+  bool inheritable = false;
+};
+
+/// None when they cannot be had.
+std::optional<CapabilitySets> ReadCapabilities() {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct halves[_LINUX_CAPABILITY_U32S_3] = {};
+  if (::capget(&header, halves) != 0) return std::nullopt;
+  CapabilitySets sets;
+  for (const __user_cap_data_struct& half : halves) {
+    sets.permitted |= half.permitted != 0;
+    sets.effective |= half.effective != 0;
+    sets.inheritable |= half.inheritable != 0;
+  }
+  return sets;
+}
+
+/// As many as there can be in a set.
+constexpr unsigned long kCapabilities = _LINUX_CAPABILITY_U32S_3 * 32UL;
+
+/// Whether a capability is ambient; none when that cannot be had.
+std::optional<bool> HasAmbientCapability() {
+  for (unsigned long capability = 0; capability < kCapabilities; ++capability) {
+    const int is_set =
+        ::prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_IS_SET, capability, 0UL, 0UL);
+    if (is_set > 0) return true;
+    if (is_set == 0) continue;
+    // The first that the kernel does not know.
+    if (errno == EINVAL) return false;
+    return std::nullopt;
+  }
+  return false;
+}
+
+void RequireNoCapability() {
+  const std::optional<CapabilitySets> sets = ReadCapabilities();
+  if (!sets) throw AccountError("the capabilities cannot be read");
+  if (sets->permitted) throw AccountError("a capability is permitted");
+  if (sets->effective) throw AccountError("a capability is effective");
+  if (sets->inheritable) throw AccountError("a capability is inheritable");
+  const std::optional<bool> ambient = HasAmbientCapability();
+  if (!ambient) throw AccountError("the ambient capabilities cannot be read");
+  if (*ambient) throw AccountError("a capability is ambient");
+}
+
+bool HasNoCapability() {
+  const std::optional<CapabilitySets> sets = ReadCapabilities();
+  return sets && !sets->permitted && !sets->effective && !sets->inheritable &&
+         HasAmbientCapability() == false;
+}
+
+// The way back.
+
+/// Tries to take root's ids, or other groups. Returns the call by which it has
+/// worked; null when none has.
+const char* WayBack() {
+  if (::setresuid(0, 0, 0) == 0) return "setresuid(2) to root succeeds";
+  if (::setuid(0) == 0) return "setuid(2) to root succeeds";
+  if (::setresgid(0, 0, 0) == 0) return "setresgid(2) to root succeeds";
+  if (::setgid(0) == 0) return "setgid(2) to root succeeds";
+  if (::setgroups(0, nullptr) == 0) return "setgroups(2) succeeds";
+  return nullptr;
+}
+
+void RequireNoWayBack() {
+  const char* const succeeded = WayBack();
+  if (succeeded != nullptr) throw AccountError(succeeded);
+}
+
+// Directories.
+
+/// What tells a directory from all others.
+struct Directory {
+  dev_t device;
+  ino_t inode;
+  friend bool operator==(const Directory&, const Directory&) = default;
+};
+
+/// None when it cannot be had.
+std::optional<Directory> DirectoryAt(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) return std::nullopt;
+  return Directory{status.st_dev, status.st_ino};
+}
+
+void RequireRootDirectory(const Directory& home) {
+  const std::optional<Directory> root = DirectoryAt("/");
+  if (!root) throw AccountError("the root directory cannot be examined");
+  if (*root != home) {
+    throw AccountError("the root directory is not the account's home folder");
+  }
+}
+
+/// Also proves that a confined process has kept no directory outside: from
+/// there, no way up leads to the home.
+void RequireInside(const Directory& home) {
+  std::string path = ".";
+  std::optional<Directory> here = DirectoryAt(path);
+  for (std::optional<Directory> below; here && *here != home;) {
+    below = std::exchange(here, DirectoryAt(path += "/.."));
+    // Only the root is its own parent.
+    if (here == below) {
+      throw AccountError("the current directory is not in the home folder");
+    }
+  }
+  if (!here) throw AccountError("the current directory cannot be examined");
+}
+
+// Before the switch.
+
+/// What the databases say of an account that a process may become.
+Account RequireAccount(const std::string& user) {
+  if (user.empty()) throw AccountError("the user name is empty");
+  const char* const unknown = "there is no account of this name";
+  // The databases would look for what stands before it.
+  if (user.find('\0') != std::string::npos) throw AccountError(unknown);
+  Account account{};
+  try {
+    account = FindAccount(user);
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const std::runtime_error&) {
+    throw AccountError(unknown);
+  }
+  if (account.uid == 0) throw AccountError("the account's user id is 0");
+  if (account.gid == 0) throw AccountError("the account's group id is 0");
+  if (!account.home.starts_with('/')) {
+    throw AccountError("the account's home folder is no absolute path");
+  }
+  return account;
+}
+
+Groups RequireGroups(const Account& account) {
+  Groups groups = GroupsOf(account);
+  SortWithoutRepetition(groups);
+  if (groups.front() == 0) {
+    throw AccountError("the account is in the group with id 0");
+  }
+  return groups;
+}
+
+Directory RequireHome(const Account& account) {
+  // What is asked for lies in it, so that a home that is mounted when it is
+  // used is mounted now.
+  const std::optional<Directory> home = DirectoryAt(account.home + "/.");
+  if (!home) throw AccountError("the account's home folder cannot be entered");
+  return *home;
+}
+
+Identity RequireIdentity(SupplementaryGroups& groups) {
+  const std::optional<Ids> users = UserIds();
+  if (!users) throw AccountError("the user ids cannot be read");
+  const std::optional<Ids> group_ids = GroupIds();
+  if (!group_ids) throw AccountError("the group ids cannot be read");
+  if (!groups.Read()) {
+    throw AccountError("the supplementary groups cannot be read");
+  }
+  return {*users, *group_ids, groups.Copy()};
+}
+
+/// The directory as Cgi::Su() takes it. One that is confined is named from the
+/// new root: the current directory is still outside then.
+std::string DirectoryOf(const AccountOptions& options) {
+  return options.confined ? "/" + options.directory : options.directory;
+}
+
+/// For a call whose result shows in what is examined after it.
+void Unchecked(int /*result*/) {}
+
+}  // namespace
+
+/// One switch, its proof, and what happens when either fails. Whatever needs
+/// memory for the last of these is made before the first.
+class AccountSwitch {
+ public:
+  /// Changes nothing.
+  AccountSwitch(Cgi& cgi, const std::string& user,
+                const AccountOptions& options)
+      : cgi_(cgi),
+        options_(options),
+        user_(user),
+        directory_(DirectoryOf(options)),
+        account_(RequireAccount(user)),
+        groups_(RequireGroups(account_)),
+        home_(RequireHome(account_)),
+        before_(RequireIdentity(supplementary_)) {
+    for (const auto& [client_name, file] : cgi.data_->files) {
+      spooled_.push_back({client_name, file.path});
+    }
+  }
+
+  void Make() {
+    try {
+      Switch();
+      Prove();
+    } catch (...) {
+      RemoveUploads();
+      GiveUpRights();
+      throw;
+    }
+  }
+
+ private:
+  /// An upload, and where it lay before the switch.
+  struct Spooled {
+    std::string client_name;
+    std::string path;
+  };
+
+  void Switch() {
+    try {
+      cgi_.Su(user_, directory_, options_.confined, options_.pam_session);
+    } catch (const std::bad_alloc&) {
+      throw;
+    } catch (const std::exception& error) {
+      throw AccountError(error.what());
+    }
+  }
+
+  void Prove() {
+    RequireIdsOf(account_);
+    if (!supplementary_.Read()) {
+      throw AccountError("the supplementary groups cannot be read");
+    }
+    if (!supplementary_.Are(groups_)) {
+      throw AccountError("the supplementary groups are not the account's");
+    }
+    RequireNoCapability();
+    RequireNoWayBack();
+    if (options_.confined) RequireRootDirectory(home_);
+    RequireInside(home_);
+  }
+
+  void RemoveUploads() noexcept {
+    for (const Spooled& spooled : spooled_) {
+      const auto found = cgi_.data_->files.find(spooled.client_name);
+      if (found == cgi_.data_->files.end()) continue;
+      std::string& path = found->second.path;
+      const bool was_moved = path != spooled.path;
+      const bool is_gone = was_moved && options_.confined && !IsConfined()
+                               ? RemoveFromHome(path)
+                               : Remove(AT_FDCWD, path.c_str());
+      // Its place is nobody's concern any more. What is left stays recorded
+      // for the end of the request, which warns of it.
+      if (is_gone) path.clear();
+    }
+  }
+
+  bool IsConfined() const noexcept {
+    struct stat root {};
+    return ::stat("/", &root) == 0 && root.st_dev == home_.device &&
+           root.st_ino == home_.inode;
+  }
+
+  /// Of an upload that is recorded as seen from the new root, while the root
+  /// directory is still the old one.
+  bool RemoveFromHome(const std::string& path) const noexcept {
+    const int home =
+        ::open(account_.home.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC, 0);
+    if (home < 0) return false;
+    const bool is_gone = Remove(home, path.c_str() + path.rfind('/') + 1);
+    ::close(home);
+    return is_gone;
+  }
+
+  static bool Remove(int directory, const char* path) noexcept {
+    return ::unlinkat(directory, path, 0) == 0 || errno == ENOENT;
+  }
+
+  /// Ends the process when it keeps more than it may.
+  void GiveUpRights() noexcept {
+    // To be rid of an id of root that is only real or saved takes root's
+    // rights.
+    Unchecked(::seteuid(0));
+    Unchecked(::setgroups(0, nullptr));
+    Unchecked(::setresgid(kNobody, kNobody, kNobody));
+    Unchecked(::setresuid(kNobody, kNobody, kNobody));
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
+    Unchecked(::capset(&header, none));
+    if (!HasNoRights()) std::abort();
+  }
+
+  /// Whether the process is nobody, or the account, or the ordinary user that
+  /// it was, and can become nobody else.
+  bool HasNoRights() noexcept {
+    const std::optional<Ids> users = UserIds();
+    const std::optional<Ids> groups = GroupIds();
+    if (!users || !groups || !supplementary_.Read()) return false;
+    if (users->HoldRoot() || groups->HoldRoot() || supplementary_.HoldRoot()) {
+      return false;
+    }
+    return (IsNobody(*users, *groups) || IsAccount(*users, *groups) ||
+            IsAsBefore(*users, *groups)) &&
+           HasNoCapability() && WayBack() == nullptr;
+  }
+
+  bool IsNobody(const Ids& users, const Ids& groups) const {
+    return users.AreAll(kNobody) && groups.AreAll(kNobody) &&
+           supplementary_.Are({});
+  }
+
+  bool IsAccount(const Ids& users, const Ids& groups) const {
+    return users.AreAll(account_.uid) && groups.AreAll(account_.gid) &&
+           supplementary_.AreAmong(groups_);
+  }
+
+  bool IsAsBefore(const Ids& users, const Ids& groups) const {
+    return users == before_.users && groups == before_.groups &&
+           supplementary_.AreAmong(before_.supplementary);
+  }
+
+  Cgi& cgi_;
+  const AccountOptions& options_;
+  const std::string& user_;
+  const std::string directory_;
+  SupplementaryGroups supplementary_;  ///< Of this process, when last read.
+  const Account account_;
+  const Groups groups_;
+  const Directory home_;
+  const Identity before_;
+  std::vector<Spooled> spooled_;
+};
+
+void BecomeAccount(Cgi& cgi, const std::string& user,
+                   const AccountOptions& options) {
+  AccountSwitch(cgi, user, options).Make();
+}
+
+namespace {
+
+/// Who throws exceptions with a text, which tells what type they have.
+enum class Thrower : short {
+  kProduct,     ///< std::runtime_error itself.
+  kBaseLibrary  ///< tov_err::Error, or what derives from it.
+};
+
+/// Texts and not pointers to them, which would have to be set at each start.
+struct StatusOfText {
+  char text[48];  ///< One that ends in "..." is the beginning of the text.
+  Thrower thrower;
+  short status;
+};
+
+constexpr StatusOfText kStatuses[] = {
+    {"Error reading STDIN", Thrower::kProduct, 400},
+    {"POST read failed: ...", Thrower::kProduct, 400},
+    {"On getting element value element name is empty", Thrower::kProduct, 400},
+    {"not authorized", Thrower::kProduct, 401},
+    {"You do not authorized for this operation", Thrower::kProduct, 403},
+    {"failed to get pw entry", Thrower::kProduct, 403},
+    {"it is not your folder", Thrower::kProduct, 403},
+    {"no such directory '...", Thrower::kProduct, 404},
+    {"bad request method '...", Thrower::kProduct, 405},
+    {"timeout", Thrower::kProduct, 408},
+    {"Post data too large. ...", Thrower::kProduct, 413},
+    {"Element value size must be less than ...", Thrower::kProduct, 413},
+    {"bad answer from '...", Thrower::kProduct, 502},
+    {"error writing temporary file", Thrower::kProduct, 507},
+    {"cannot open a socket...", Thrower::kBaseLibrary, 502},
+    {"cannot connect to the back end at '...", Thrower::kBaseLibrary, 502},
+    {"cannot send the request to back end '...", Thrower::kBaseLibrary, 502},
+    {"cannot read the answer of back end '...", Thrower::kBaseLibrary, 502},
+    {"the answer of back end '...", Thrower::kBaseLibrary, 502},
+    {"back end '...", Thrower::kBaseLibrary, 502},
+};
+
+bool Matches(std::string_view text, std::string_view pattern) {
+  constexpr std::string_view kAnything = "...";
+  if (!pattern.ends_with(kAnything)) return text == pattern;
+  pattern.remove_suffix(kAnything.size());
+  return text.starts_with(pattern);
+}
+
+bool IsThrownBy(Thrower thrower, const std::exception& error) {
+  return thrower == Thrower::kProduct
+             ? typeid(error) == typeid(std::runtime_error)
+             : dynamic_cast<const tov_err::Error*>(&error) != nullptr;
+}
+
+/// Whether it is what the request throws when it has no session id.
+bool IsMissingSession(const std::exception& error) {
+  if (dynamic_cast<const tov_err::Value*>(&error) == nullptr) return false;
+  try {
+    return error.what() == std::string_view(tov_err::Value("auth", "").what());
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+}  // namespace
+
+int StatusOf(const std::exception& error) {
+  if (const auto* const form = dynamic_cast<const FormError*>(&error)) {
+    return form->status();
+  }
+  if (dynamic_cast<const AccountError*>(&error) != nullptr) return 403;
+  if (IsMissingSession(error)) return 401;
+  for (const StatusOfText& row : kStatuses) {
+    if (IsThrownBy(row.thrower, error) && Matches(error.what(), row.text)) {
+      return row.status;
+    }
+  }
+  return 500;
+}
+
+}  // namespace zan_cgi

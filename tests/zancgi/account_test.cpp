@@ -1,0 +1,789 @@
+// Becoming an account: what is refused, what is proved, and that a failure at
+// any call leaves no process that goes on as root.
+
+#include <fcntl.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <linux/securebits.h>
+#include <sys/fsuid.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <zancgi/account.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/form.h>
+#include <zancgi/testing/request.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <exception>
+#include <filesystem>
+#include <functional>
+#include <new>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/account.h"
+#include "support/mount.h"
+#include "support/switch.h"
+#include "support/switch_calls.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using support::Answers;
+using support::Identity;
+using support::kHelpers;
+using support::kVisitor;
+using support::kVisitors;
+using support::Machine;
+using support::Observer;
+using support::Root;
+using support::Visitor;
+using zan_cgi::AccountError;
+using zan_cgi::AccountOptions;
+using zan_cgi::Cgi;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Form;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::Post;
+using zan_cgi::testing::Reporter;
+using zan_cgi::testing::Request;
+using Strings = std::vector<std::string>;
+
+constexpr uid_t kNobody = 65534;
+constexpr int kAborted = 128 + SIGABRT;
+constexpr gid_t kDisk = 6;
+
+/// What is tried.
+struct Attempt {
+  std::string user = "visitor";
+  AccountOptions options = {};
+  Answers answers = {};
+  /// Called in the child directly before.
+  std::function<void()> prepare = [] {};
+};
+
+AccountOptions At(const std::string& directory, bool confined = false,
+                  bool pam_session = false) {
+  AccountOptions options;
+  options.directory = directory;
+  options.confined = confined;
+  options.pam_session = pam_session;
+  return options;
+}
+
+/// What has come of it.
+struct Result {
+  Identity identity;
+  std::string error;
+  std::string error_type;
+  int status = 0;
+  /// Whether some capability is in one of the process's sets.
+  std::string capabilities;
+  /// What Cgi::File() then says of the uploads, and what lies where.
+  Strings paths;
+  Strings spool;
+  Strings home;
+  Strings warnings;
+  /// The calls, in order.
+  Strings calls;
+};
+
+/// The sets as the kernel knows them, "none" when all are empty.
+std::string Capabilities() {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct halves[2] = {};
+  if (::syscall(SYS_capget, &header, halves) != 0) return "unknown";
+  for (const __user_cap_data_struct& half : halves) {
+    if ((half.permitted | half.effective | half.inheritable) != 0) {
+      return "some";
+    }
+  }
+  return "none";
+}
+
+const char kFirst[] = "a.txt";
+const char kSecond[] = "b.txt";
+
+Request TwoUploads() {
+  return Post("/front").Multipart(
+      Form().File("a", kFirst, "first").File("b", kSecond, "second"));
+}
+
+/// The machine's account, and others that nobody should become.
+void SetUpAccounts(const Machine& machine) {
+  support::UseAccounts({{"visitor", kVisitor, kVisitors, machine.Home()},
+                        {"toor", 0, kVisitors, machine.Home()},
+                        {"wheel", kVisitor, 0, machine.Home()},
+                        {"member", kVisitor, kVisitors, machine.Home()},
+                        {"homeless", kVisitor, kVisitors, machine / "gone"},
+                        {"relative", kVisitor, kVisitors, "home"},
+                        {"nowhere", kVisitor, kVisitors, ""},
+                        {"filed", kVisitor, kVisitors, machine / "file"},
+                        {"ordinary", kNobody, kNobody, machine / "ordinary"}},
+                       {{"visitors", kVisitors, {}},
+                        {"helpers", kHelpers, {"visitor"}},
+                        {"administrators", 0, {"member"}}});
+  support::ConfigureLogin("session required pam_permit.so\n");
+}
+
+Result ResultOf(Outcome& outcome, const Machine& machine) {
+  Result result;
+  result.identity = {outcome.reported["users"], outcome.reported["groups"],
+                     outcome.reported["supplementary"],
+                     outcome.reported["root"], outcome.reported["work dir"]};
+  result.error = outcome.error;
+  result.error_type = outcome.error_type;
+  result.status = outcome.status;
+  result.capabilities = outcome.reported["capabilities"];
+  result.paths = {outcome.reported["first"], outcome.reported["second"]};
+  for (const auto& entry : fs::directory_iterator(machine / "spool")) {
+    result.spool.push_back(entry.path().filename());
+  }
+  for (const auto& entry : fs::directory_iterator(machine.Home())) {
+    result.home.push_back(entry.path().filename());
+  }
+  std::sort(result.home.begin(), result.home.end());
+  result.warnings = outcome.Logged(4);
+  result.calls = outcome.Logged(-1);
+  EXPECT_EQ(outcome.leaked_descriptors, Strings{});
+  return result;
+}
+
+/// Makes the attempt in a child that serves a form with two uploads.
+/// @param look  called in the child afterwards, while the request lasts
+Result Try(
+    const Machine& machine, const Attempt& attempt,
+    const std::function<void(Cgi&)>& look = [](Cgi&) {}) {
+  const Request request = TwoUploads();
+  Outcome outcome =
+      Child()
+          .Serve(request)
+          .LogLevel(4)
+          .WorkDir(machine.Start())
+          .Run([&](const Reporter& report) {
+            SetUpAccounts(machine);
+            ASSERT_EQ(::setgroups(0, nullptr), 0);
+            const Observer observer;
+            Cgi cgi(machine.Start() + "/bin/front", "");
+            cgi.SetTmpDir(machine / "spool");
+            cgi.ParseQuery();
+            attempt.prepare();
+            std::exception_ptr failure;
+            {
+              Answers answers = attempt.answers;
+              answers.pretend = false;
+              const support::Recording recording(answers);
+              try {
+                zan_cgi::BecomeAccount(cgi, attempt.user, attempt.options);
+              } catch (...) {
+                failure = std::current_exception();
+              }
+            }
+            report("calls", std::to_string(support::RecordedCalls()));
+            support::TellIdentity(report, observer.Look());
+            report("capabilities", Capabilities());
+            report("first", cgi.File(kFirst));
+            report("second", cgi.File(kSecond));
+            look(cgi);
+            if (failure) std::rethrow_exception(failure);
+          });
+  return ResultOf(outcome, machine);
+}
+
+bool IsNobody(const Result& result) {
+  const Identity& identity = result.identity;
+  return identity.users == "65534\t65534\t65534\t65534" &&
+         identity.groups == "65534\t65534\t65534\t65534" &&
+         identity.supplementary.empty() && result.capabilities == "none";
+}
+
+/// With all its groups or fewer.
+bool IsVisitor(const Result& result) {
+  const Identity whole = Visitor("", "");
+  return result.identity.users == whole.users &&
+         result.identity.groups == whole.groups &&
+         (result.identity.supplementary == whole.supplementary ||
+          result.identity.supplementary.empty()) &&
+         result.capabilities == "none";
+}
+
+class Become : public support::MachineTest<> {
+ protected:
+  void SetUp() override {
+    MachineTest::SetUp();
+    machine_.MakeDir("spool");
+    machine_.MakeFile("file");
+    machine_.MakeDir("ordinary");
+    fs::permissions(machine_ / "ordinary", fs::perms{0777});
+  }
+
+  void EmptySpool() const {
+    for (const auto& entry : fs::directory_iterator(machine_ / "spool")) {
+      fs::remove(entry.path());
+    }
+  }
+};
+
+TEST_F(Become, EndsAsTheAccountInItsHome) {
+  struct Row {
+    AccountOptions options;
+    std::string entered;
+  };
+  const std::string home = machine_.Home();
+  for (const Row& row :
+       std::vector<Row>{{At(""), home},
+                        {At("/"), home},
+                        {At("www"), home + "/www"},
+                        {At("/www", false, true), home + "/www"},
+                        {At("", true), home},
+                        {At("/", true), home},
+                        {At("www", true), home + "/www"},
+                        {At("/www", true, true), home + "/www"}}) {
+    SCOPED_TRACE(row.options.directory);
+    SCOPED_TRACE(row.options.confined);
+    const Result result =
+        Try(machine_, {.options = row.options}, [&](Cgi& cgi) {
+          EXPECT_FALSE(support::CanBecomeAnother());
+          EXPECT_EQ(zan_cgi::testing::ReadFile(cgi.File(kFirst)), "first");
+        });
+    EXPECT_EQ(result.error, "");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.identity,
+              Visitor(row.options.confined ? home : "/", row.entered));
+    EXPECT_EQ(result.capabilities, "none");
+    // The request has removed them at its end.
+    EXPECT_EQ(result.home, Strings{"www"});
+    EXPECT_EQ(result.spool, Strings{});
+  }
+}
+
+TEST_F(Become, RefusesAnAccountBeforeAnythingIsChanged) {
+  const std::string unknown = "there is no account of this name";
+  const std::string closed = "the account's home folder cannot be entered";
+  const std::string relative = "the account's home folder is no absolute path";
+  for (const auto& [user, error] :
+       std::vector<std::pair<std::string, std::string>>{
+           {"", "the user name is empty"},
+           {"nobody-here", unknown},
+           {{"visitor\0x", 9}, unknown},
+           {"root", "the account's user id is 0"},
+           {"toor", "the account's user id is 0"},
+           {"wheel", "the account's group id is 0"},
+           {"member", "the account is in the group with id 0"},
+           {"homeless", closed},
+           {"filed", closed},
+           {"relative", relative},
+           {"nowhere", relative}}) {
+    for (const bool confined : {false, true}) {
+      SCOPED_TRACE(user);
+      const std::string spool = machine_ / "spool";
+      const Result result = Try(
+          machine_, {.user = user, .options = At("", confined)}, [&](Cgi& cgi) {
+            EXPECT_TRUE(fs::exists(cgi.File(kFirst)));
+            EXPECT_EQ(fs::path(cgi.File(kSecond)).parent_path(), spool);
+          });
+      EXPECT_EQ(result.status, 0);
+      EXPECT_EQ(result.error, error);
+      EXPECT_EQ(result.error_type, "zan_cgi::AccountError");
+      EXPECT_EQ(result.identity, Root(machine_.Start()));
+      EXPECT_EQ(result.home, Strings{"www"});
+    }
+  }
+}
+
+/// How a failure ends: who the process is then.
+enum class End {
+  kAsNobody,
+  kAsVisitor,  ///< Nothing but the account, so that it cannot be nobody.
+  kAbort
+};
+
+struct Failure {
+  std::string name;
+  std::string error;
+  End end;
+  Answers answers;
+  AccountOptions options = {};
+  std::function<void()> prepare = [] {};
+};
+
+/// Expects it with nothing left of the uploads.
+void Expect(const Machine& machine, const Failure& failure) {
+  SCOPED_TRACE(failure.name);
+  const Result result = Try(
+      machine, {"visitor", failure.options, failure.answers, failure.prepare},
+      [](Cgi&) { EXPECT_FALSE(support::CanBecomeAnother()); });
+  EXPECT_EQ(result.home, Strings{"www"});
+  EXPECT_EQ(result.spool, Strings{});
+  EXPECT_EQ(result.status, failure.end == End::kAbort ? kAborted : 0);
+  if (failure.end == End::kAbort) return;
+  EXPECT_EQ(result.error, failure.error);
+  EXPECT_EQ(result.error_type, "zan_cgi::AccountError");
+  EXPECT_TRUE(failure.end == End::kAsNobody ? IsNobody(result)
+                                            : IsVisitor(result))
+      << testing::PrintToString(result.identity) << result.capabilities;
+  EXPECT_EQ(result.paths, (Strings{"", ""}));
+  EXPECT_EQ(result.warnings, Strings{});
+}
+
+void SetUsers(uid_t real, uid_t effective, uid_t saved) {
+  EXPECT_EQ(::syscall(SYS_setresuid, real, effective, saved), 0);
+}
+
+void SetGroups(gid_t real, gid_t effective, gid_t saved) {
+  EXPECT_EQ(::syscall(SYS_setresgid, real, effective, saved), 0);
+}
+
+void InheritCapabilities() {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct halves[2] = {};
+  EXPECT_EQ(::syscall(SYS_capget, &header, halves), 0);
+  halves[0].inheritable = halves[0].permitted;
+  EXPECT_EQ(::syscall(SYS_capset, &header, halves), 0);
+}
+
+/// Has this take the place of a call.
+Answers InPlaceOf(const std::string& call, std::function<void()> effect) {
+  Answers answers;
+  answers.results = {{call, {0}}};
+  answers.effects = {{call, std::move(effect)}};
+  return answers;
+}
+
+/// Has this happen before a call.
+Answers Before(const std::string& call, std::function<void()> effect) {
+  Answers answers;
+  answers.effects = {{call, std::move(effect)}};
+  return answers;
+}
+
+Answers Failing(std::map<std::string, std::vector<int>> failures) {
+  Answers answers;
+  answers.failures = std::move(failures);
+  return answers;
+}
+
+Answers Returning(std::map<std::string, std::vector<int>> results) {
+  Answers answers;
+  answers.results = std::move(results);
+  return answers;
+}
+
+Answers Altering(const std::string& call, std::function<void(void*)> alter) {
+  Answers answers;
+  answers.alterations = {{call, std::move(alter)}};
+  return answers;
+}
+
+const char kSetUser[] = "setuid 54321";
+const char kSetGroup[] = "setgid 54322";
+const char kInitgroups[] = "initgroups visitor 54321";
+const char kSetGroups[] = "setgroups 54321 54330";
+const char kNoGroups[] = "setgroups";
+const char kNobodysUser[] = "setresuid 65534 65534 65534";
+const char kNobodysGroup[] = "setresgid 65534 65534 65534";
+
+TEST_F(Become, EndsWithoutRightsWhenTheSwitchFails) {
+  const std::string home = machine_.Home();
+  const std::string closed = "failed to chroot to users home folder";
+  fs::create_symlink(machine_ / "other", machine_ / "home/link");
+  const auto cleared = [&] { fs::remove(machine_ / "home/link"); };
+  for (const Failure& failure : std::vector<Failure>{
+           {"chdir", closed, End::kAsNobody,
+            Failing({{"chdir " + home, {EACCES}}})},
+           {"chroot", closed, End::kAsNobody,
+            Failing({{"chroot " + home, {EPERM}}}), At("", true)},
+           {"missing",
+            "no such directory 'missing'",
+            End::kAsVisitor,
+            {},
+            At("/missing")},
+           {"missing, confined",
+            "no such directory '/missing'",
+            End::kAsVisitor,
+            {},
+            At("missing", true)},
+           {"above",
+            "it is not your folder",
+            End::kAsVisitor,
+            {},
+            At("../other")},
+           {"way up", "stat error", End::kAsVisitor,
+            Failing({{"stat ./..", {EIO}}}), At("www")}}) {
+    cleared();
+    Expect(machine_, failure);
+  }
+}
+
+TEST_F(Become, EndsWithoutRightsWhenMemoryIsShort) {
+  Attempt attempt = {.options = At("", true)};
+  attempt.answers.failures = {{"__nss_configure_lookup group files", {ENOMEM}}};
+  const Result result = Try(machine_, attempt);
+  EXPECT_EQ(result.error_type, "std::bad_alloc");
+  EXPECT_TRUE(IsNobody(result));
+  EXPECT_EQ(result.home, Strings{"www"});
+}
+
+TEST_F(Become, ProvesTheUserIds) {
+  const auto users = [](uid_t real, uid_t effective, uid_t saved) {
+    return InPlaceOf(kSetUser, [=] { SetUsers(real, effective, saved); });
+  };
+  for (const Failure& failure : std::vector<Failure>{
+           {"refused", "the real user id is not the account's", End::kAsNobody,
+            Failing({{kSetUser, {EPERM}}})},
+           {"real", "the real user id is not the account's", End::kAsNobody,
+            users(0, kVisitor, kVisitor)},
+           {"effective", "the effective user id is not the account's",
+            End::kAsNobody, users(kVisitor, 0, kVisitor)},
+           {"saved", "the saved user id is not the account's", End::kAsNobody,
+            users(kVisitor, kVisitor, 0)},
+           {"another", "the saved user id is not the account's", End::kAbort,
+            users(kVisitor, kVisitor, kVisitor + 1)},
+           {"unknown", "the user ids cannot be read", End::kAsVisitor,
+            Failing({{"getresuid", {0, EIO}}})},
+           {"unknown for good", "", End::kAbort,
+            Failing({{"getresuid", {0, EIO, EIO}}})}}) {
+    Expect(machine_, failure);
+  }
+}
+
+/// Has capabilities stay when the user id changes, so that wrong ids can be
+/// given up, and their sentence seen.
+void KeepCapabilities() {
+  EXPECT_EQ(::prctl(PR_SET_SECUREBITS, SECBIT_NO_SETUID_FIXUP, 0, 0, 0), 0);
+}
+
+TEST_F(Become, ProvesTheFileSystemIds) {
+  const auto set_user = [](void (*keep_root)()) {
+    return InPlaceOf(kSetUser, [=] {
+      KeepCapabilities();
+      SetUsers(kVisitor, kVisitor, kVisitor);
+      keep_root();
+    });
+  };
+  Expect(machine_, {"user", "the file-system user id is not the account's",
+                    End::kAsNobody, set_user([] { ::setfsuid(0); })});
+  Expect(machine_, {"group", "the file-system group id is not the account's",
+                    End::kAsNobody, set_user([] { ::setfsgid(0); })});
+}
+
+TEST_F(Become, ProvesTheGroupIds) {
+  const auto groups = [](gid_t real, gid_t effective, gid_t saved) {
+    return InPlaceOf(kSetGroup, [=] {
+      KeepCapabilities();
+      SetGroups(real, effective, saved);
+    });
+  };
+  for (const Failure& failure : std::vector<Failure>{
+           {"refused", "", End::kAbort, Failing({{kSetGroup, {EPERM}}})},
+           {"real", "the real group id is not the account's", End::kAsNobody,
+            groups(0, kVisitors, kVisitors)},
+           {"effective", "the effective group id is not the account's",
+            End::kAsNobody, groups(kVisitors, 0, kVisitors)},
+           {"saved", "the saved group id is not the account's", End::kAsNobody,
+            groups(kVisitors, kVisitors, 0)},
+           {"refused with the user", "the real user id is not the account's",
+            End::kAsNobody,
+            Failing({{kSetGroup, {EPERM}}, {kSetUser, {EPERM}}})},
+           {"unknown", "the group ids cannot be read", End::kAsVisitor,
+            Failing({{"getresgid", {0, EIO}}})},
+           {"unknown for good", "", End::kAbort,
+            Failing({{"getresgid", {0, EIO, EIO}}})}}) {
+    Expect(machine_, failure);
+  }
+}
+
+TEST_F(Become, ProvesTheSupplementaryGroups) {
+  const std::string wrong = "the supplementary groups are not the account's";
+  const auto join_disk = [] {
+    EXPECT_EQ(::syscall(SYS_setgroups, 1, &kDisk), 0);
+  };
+  const auto join_more = [] {
+    const gid_t groups[] = {kVisitor, kHelpers, kDisk};
+    EXPECT_EQ(::syscall(SYS_setgroups, 3, groups), 0);
+  };
+  Answers none_left = Before("getpwnam visitor", join_disk);
+  none_left.failures = {
+      {kInitgroups, {EPERM}}, {kSetGroups, {EPERM}}, {kNoGroups, {EPERM}}};
+  for (const Failure& failure : std::vector<Failure>{
+           {"too few", wrong, End::kAsVisitor,
+            Failing({{kInitgroups, {ENOMEM}}, {kSetGroups, {ENOMEM}}})},
+           {"too many", "", End::kAbort, InPlaceOf(kInitgroups, join_more)},
+           {"others", "", End::kAbort, none_left},
+           {"others, confined", "", End::kAbort, none_left, At("", true)},
+           {"unknown", "the supplementary groups cannot be read",
+            End::kAsVisitor, Failing({{"getgroups", {0, EIO}}})},
+           {"unknown for good", "", End::kAbort,
+            Failing({{"getgroups", {0, EIO, EIO}}})}}) {
+    Expect(machine_, failure);
+  }
+}
+
+TEST_F(Become, ProvesThatThereIsNoCapability) {
+  const auto keep = [] { EXPECT_EQ(::prctl(PR_SET_KEEPCAPS, 1, 0, 0, 0), 0); };
+  const auto effective = [](void* sets) {
+    static_cast<__user_cap_data_struct*>(sets)[1].effective = 1;
+  };
+  Answers kept = Before(kSetUser, keep);
+  kept.failures = {{"capset", {EPERM}}};
+  for (const Failure& failure : std::vector<Failure>{
+           {"permitted", "a capability is permitted", End::kAsVisitor,
+            Before(kSetUser, keep)},
+           {"permitted for good", "", End::kAbort, kept},
+           {"effective as well", "a capability is permitted", End::kAsNobody,
+            Before(kSetUser, KeepCapabilities)},
+           {"effective for good", "", End::kAbort,
+            Altering("capget", effective)},
+           {"inheritable", "a capability is inheritable", End::kAsVisitor,
+            Before(kSetUser, InheritCapabilities)},
+           {"unknown", "the capabilities cannot be read", End::kAsVisitor,
+            Failing({{"capget", {EPERM}}})},
+           {"ambient", "a capability is ambient", End::kAsVisitor,
+            Returning({{"prctl ambient 7", {1}}})},
+           {"ambient for good", "", End::kAbort,
+            Returning({{"prctl ambient 10", {1, 1}}})},
+           {"ambient unknown", "the ambient capabilities cannot be read",
+            End::kAsVisitor, Failing({{"prctl ambient 0", {EPERM}}})}}) {
+    Expect(machine_, failure);
+  }
+}
+
+// Kernels from before 4.3 have none.
+TEST_F(Become, TakesAKernelThatKnowsNoAmbientCapabilities) {
+  const Result result =
+      Try(machine_, {.answers = Failing({{"prctl ambient 0", {EINVAL}}})});
+  EXPECT_EQ(result.error, "");
+  EXPECT_TRUE(IsVisitor(result));
+}
+
+/// Says of an effective capability once that it is there.
+Answers OnceEffective() {
+  Answers answers;
+  int calls = 0;
+  answers.alterations = {
+      {"capget", [calls](void* sets) mutable {
+         if (++calls > 1) return;
+         static_cast<__user_cap_data_struct*>(sets)->effective = 1;
+       }}};
+  return answers;
+}
+
+TEST_F(Become, ProvesThatThereIsNoWayBack) {
+  Expect(machine_, {"effective alone", "a capability is effective",
+                    End::kAsVisitor, OnceEffective()});
+  for (const auto& [call, error] :
+       std::vector<std::pair<std::string, std::string>>{
+           {"setresuid 0 0 0", "setresuid(2) to root succeeds"},
+           {"setuid 0", "setuid(2) to root succeeds"},
+           {"setresgid 0 0 0", "setresgid(2) to root succeeds"},
+           {"setgid 0", "setgid(2) to root succeeds"},
+           {"setgroups", "setgroups(2) succeeds"}}) {
+    // The calls that give rights up are among those with this name.
+    const bool is_used_twice = call == "setgroups";
+    Expect(machine_, {call, error, End::kAsVisitor, Returning({{call, {0}}})});
+    Expect(machine_,
+           {call + " for good", "", End::kAbort,
+            Returning({{call, is_used_twice ? std::vector<int>{0, 0, 0}
+                                            : std::vector<int>{0, 0}}})});
+  }
+}
+
+// The proof itself makes the process root again, and it must not stay it.
+TEST_F(Become, EndsWithoutTheRightsThatItsProofHasRegained) {
+  Answers answers = Before(kSetUser, KeepCapabilities);
+  int calls = 0;
+  answers.alterations = {{"capget", [calls](void* sets) mutable {
+                            auto* halves =
+                                static_cast<__user_cap_data_struct*>(sets);
+                            if (++calls == 1) halves[0] = halves[1] = {};
+                          }}};
+  Expect(machine_, {"regained", "setresuid(2) to root succeeds", End::kAsNobody,
+                    answers});
+}
+
+TEST_F(Become, ProvesWhereTheProcessIs) {
+  const std::string other = machine_ / "other";
+  const std::string outside = "the current directory is not in the home folder";
+  const std::string unknown = "the current directory cannot be examined";
+  const auto leave = [&] { EXPECT_EQ(::syscall(SYS_chdir, other.c_str()), 0); };
+  for (const Failure& failure : std::vector<Failure>{
+           {"moved", outside, End::kAsVisitor, Before(kSetUser, leave)},
+           {"confined, not moved", outside, End::kAsVisitor,
+            Returning({{"chdir /", {0}}}), At("", true)},
+           {"not confined",
+            "the root directory is not the account's home folder",
+            End::kAsVisitor, Returning({{"chroot " + machine_.Home(), {0}}}),
+            At("", true)},
+           {"root unknown", "the root directory cannot be examined",
+            End::kAsVisitor, Failing({{"stat /", {0, EIO}}}), At("", true)},
+           {"unknown", unknown, End::kAsVisitor, Failing({{"stat .", {EIO}}})},
+           {"way up unknown", unknown, End::kAsVisitor,
+            Failing({{"stat ./..", {0, EIO}}}), At("www")}}) {
+    Expect(machine_, failure);
+  }
+}
+
+ino_t InodeOf(const std::string& path) {
+  struct stat status {};
+  EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
+  return status.st_ino;
+}
+
+// The switch itself compares inode numbers alone and takes it for the home.
+TEST_F(Become, RefusesAnotherFileSystemWithTheInodeOfTheHome) {
+  const std::string other = machine_.MakeDir("other/inside");
+  const Result result =
+      Try(machine_, {.options = At("link"), .prepare = [&] {
+                       support::MountPrivately(machine_.Home(), "mode=0755");
+                       support::MountPrivately(other, "mode=0755");
+                       ASSERT_EQ(InodeOf(machine_.Home()), InodeOf(other));
+                       fs::create_symlink(other, machine_.Home() + "/link");
+                     }});
+  EXPECT_EQ(result.error, "the current directory is not in the home folder");
+  EXPECT_TRUE(IsVisitor(result));
+}
+
+TEST_F(Become, AbortsWhenItCannotGiveUpWhatItHas) {
+  for (const char* const kept : {kNobodysUser, kNobodysGroup}) {
+    Expect(machine_, {kept, "", End::kAbort,
+                      Failing({{kSetUser, {EPERM}}, {kept, {EPERM}}})});
+  }
+  Expect(machine_, {"groups", "", End::kAbort,
+                    Failing({{kSetUser, {EPERM}}, {kNoGroups, {EPERM}}})});
+}
+
+/// Where an upload lies in the spool, as its record says.
+TEST_F(Become, RemovesWhatHasBeenHandedOverAndWhatHasNot) {
+  for (const bool confined : {false, true}) {
+    SCOPED_TRACE(confined);
+    std::string taken;
+    const Result result = Try(
+        machine_,
+        {.options = At("", confined), .prepare = [&] {
+           // The later one's name is taken in the home.
+           std::vector<fs::path> uploads;
+           for (const auto& each : fs::directory_iterator(machine_ / "spool")) {
+             uploads.push_back(each.path());
+           }
+           ASSERT_EQ(uploads.size(), 2U);
+           const bool is_second =
+               zan_cgi::testing::ReadFile(uploads[0]) == "second";
+           machine_.MakeFile("home/" +
+                             uploads[is_second ? 0 : 1].filename().string());
+         }});
+    EXPECT_EQ(result.error_type, "zan_cgi::AccountError");
+    EXPECT_NE(result.error.find("cannot move"), std::string::npos);
+    EXPECT_TRUE(IsNobody(result));
+    EXPECT_EQ(result.spool, Strings{});
+    // What was there before is not the request's.
+    ASSERT_EQ(result.home.size(), 2U);
+    EXPECT_EQ(result.home[0], "www");
+    fs::remove(machine_.Home() + "/" + result.home[1]);
+  }
+}
+
+TEST_F(Become, WarnsOfAnUploadThatStays) {
+  const Result result =
+      Try(machine_, {.options = At("missing"),
+                     .answers = Failing({{"unlinkat", {EROFS, EROFS}}})});
+  EXPECT_EQ(result.error, "no such directory 'missing'");
+  // At the end of the request they can be removed after all.
+  EXPECT_EQ(result.home, Strings{"www"});
+  EXPECT_EQ(fs::path(result.paths[0]).parent_path(), machine_.Home());
+}
+
+TEST_F(Become, HasAnOrdinaryUserBecomeHimselfOnly) {
+  const auto be_ordinary = [] {
+    const gid_t own[] = {kNobody};
+    EXPECT_EQ(::syscall(SYS_setgroups, 1, own), 0);
+    SetGroups(kNobody, kNobody, kNobody);
+    SetUsers(kNobody, kNobody, kNobody);
+  };
+  fs::permissions(machine_.Home(), fs::perms{0755});
+  fs::permissions(machine_ / "spool", fs::perms{0777});
+  struct Row {
+    std::string user;
+    AccountOptions options;
+    std::string error;
+    std::string work_dir;
+  };
+  const std::string own = machine_ / "ordinary";
+  for (const Row& row : std::vector<Row>{
+           {"ordinary", At(""), "", own},
+           {"ordinary", At("", true), "failed to chroot to users home folder",
+            machine_.Start()},
+           {"visitor", At(""), "the real user id is not the account's",
+            machine_.Home()}}) {
+    SCOPED_TRACE(row.user + row.error);
+    Outcome outcome =
+        Child().WorkDir(machine_.Start()).Run([&](const Reporter& report) {
+          SetUpAccounts(machine_);
+          const Observer observer;
+          be_ordinary();
+          Cgi cgi(machine_.Start() + "/bin/front", "");
+          try {
+            zan_cgi::BecomeAccount(cgi, row.user, row.options);
+          } catch (const AccountError& error) {
+            report("error", error.what());
+          }
+          support::TellIdentity(report, observer.Look());
+        });
+    EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
+    EXPECT_EQ(outcome.reported["error"], row.error);
+    EXPECT_EQ(outcome.reported["users"], "65534\t65534\t65534\t65534");
+    EXPECT_EQ(outcome.reported["work dir"], row.work_dir);
+  }
+}
+
+/// Whether a failure of this call comes before anything is changed: up to the
+/// first of Cgi::Su().
+bool IsBeforeTheSwitch(const Strings& calls, std::size_t number) {
+  const auto first = std::find(calls.begin(), calls.end(), "getpwnam visitor");
+  const auto second = std::find(std::next(first), calls.end(), *first);
+  return number <= static_cast<std::size_t>(second - calls.begin());
+}
+
+TEST_F(Become, NeverGoesOnAsRootWhicheverCallFails) {
+  for (const AccountOptions& options :
+       {At("www", false, true), At("/www", true, true)}) {
+    SCOPED_TRACE(options.confined);
+    const Strings calls = Try(machine_, {.options = options}).calls;
+    ASSERT_GT(calls.size(), 60U);
+    int refusals = 0;
+    for (std::size_t number = 1; number <= calls.size(); ++number) {
+      SCOPED_TRACE(calls[number - 1]);
+      Attempt attempt = {.options = options};
+      attempt.answers.failing_call = static_cast<int>(number);
+      const Result result = Try(machine_, attempt);
+      EXPECT_EQ(result.spool, Strings{});
+      EXPECT_EQ(result.home, Strings{"www"});
+      if (result.status == kAborted) {
+        EXPECT_EQ(calls[number - 1], kSetGroup);
+        continue;
+      }
+      EXPECT_EQ(result.status, 0);
+      if (IsBeforeTheSwitch(calls, number)) {
+        EXPECT_EQ(result.identity, Root(machine_.Start()));
+        EXPECT_NE(result.error, "");
+      } else if (result.error.empty()) {
+        EXPECT_EQ(result.identity.users, Visitor("", "").users);
+        EXPECT_EQ(result.identity.supplementary, Visitor("", "").supplementary);
+        EXPECT_TRUE(IsVisitor(result));
+      } else {
+        ++refusals;
+        EXPECT_TRUE(IsNobody(result) || IsVisitor(result))
+            << testing::PrintToString(result.identity);
+      }
+    }
+    EXPECT_GT(refusals, 50);
+  }
+}
+
+}  // namespace
