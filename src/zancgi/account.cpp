@@ -29,7 +29,8 @@
 // Functions of the C library that none of its headers declares.
 extern "C" {
 int capget(cap_user_header_t header, cap_user_data_t data) noexcept;
-int capset(cap_user_header_t header, const cap_user_data_t data) noexcept;
+int capset(cap_user_header_t header,
+           const __user_cap_data_struct* data) noexcept;
 }
 
 namespace zan_cgi {

@@ -11,10 +11,12 @@ from verdict import main
 SOURCE = pathlib.Path(os.environ["SOURCE"])
 PAGES = {path.stem: path for path in sorted((SOURCE / "docs" / "man").glob("*.3"))}
 OPERATION_PAGES = {name: path for name, path in PAGES.items() if name != "zancgi"}
-HEADER = SOURCE / "src" / "zancgi" / "zancgi.h"
+HEADERS = SOURCE / "src" / "zancgi"
+# Beside zancgi.h, in which classes are taken apart.
+MORE_HEADERS = ["account.h"]
 
 PAGES_OF_THE_SYSTEM = {
-    "alarm(2)", "chroot(2)", "getgrouplist(3)", "initgroups(3)", "malloc(3)",
+    "alarm(2)", "capabilities(7)", "chroot(2)", "getgrouplist(3)", "initgroups(3)", "malloc(3)",
     "nsswitch.conf(5)", "pam_conv(3)", "pam_open_session(3)", "pam_start(3)", "rename(2)",
     "session-keyring(7)", "setrlimit(2)", "setuid(2)", "tmpfiles.d(5)",
 }  # fmt: skip
@@ -54,15 +56,20 @@ def normalised(declaration):
     return re.sub(r"\s*([(){};,])\s*|\s+", lambda m: m[1] or " ", declaration).strip()
 
 
-def header_declarations():
-    text = re.sub(r"//[^\n]*", "", HEADER.read_text())
+def header_statements(name):
+    """Those of the namespace."""
+    text = re.sub(r"//[^\n]*", "", (HEADERS / name).read_text())
     text = re.sub(r"^#(?:[^\n]*\\\n)*[^\n]*", "", text, flags=re.MULTILINE)
-    namespace = body(text[text.index("namespace zan_cgi") :])
-    request, record, *functions = (
-        statement
-        for statement in statements(namespace)
-        if not statement.lstrip().startswith("using ")
-    )
+    for statement in statements(body(text[text.index("namespace zan_cgi") :])):
+        if not statement.lstrip().startswith("using "):
+            yield statement
+
+
+def header_declarations():
+    for name in MORE_HEADERS:
+        for statement in header_statements(name):
+            yield normalised(re.sub(r"private:.*}", "}", statement, flags=re.DOTALL))
+    request, record, *functions = header_statements("zancgi.h")
     public = body(request).split("private:")[0]
     caller, _, *operations = statements(public)
     method, *fields = statements(body(caller))

@@ -169,7 +169,7 @@ class FilesTest(InstallTest):
         self.assertEqual(
             headers,
             {
-                "zancgi/zancgi.h",
+                *(f"zancgi/{name}.h" for name in ("account", "form", "zancgi")),
                 *(f"tov/{name}.h" for name in ours),
                 *(f"zancgi/testing/{name}.h" for name in kit),
             },
