@@ -1,0 +1,509 @@
+#include "plain/plain_form.h"
+
+#include <algorithm>
+#include <optional>
+#include <set>
+#include <string_view>
+
+#include "plain/plain_words.h"
+
+namespace plain {
+namespace {
+
+/// Thrown when the form is refused.
+struct Refusal {
+  int status;
+};
+
+void Require(bool rule_holds) {
+  if (!rule_holds) throw Refusal{400};
+}
+
+void RequireWithin(std::size_t amount, std::size_t limit) {
+  if (amount > limit) throw Refusal{413};
+}
+
+bool IsBlank(char byte) { return byte == ' ' || byte == '\t'; }
+
+bool IsControl(char byte) {
+  const auto code = static_cast<unsigned char>(byte);
+  return code < 0x20 || code == 0x7f;
+}
+
+bool IsAlphanumeric(char byte) {
+  return (byte >= '0' && byte <= '9') || (byte >= 'A' && byte <= 'Z') ||
+         (byte >= 'a' && byte <= 'z');
+}
+
+/// RFC 2045 section 5.1.
+bool IsToken(std::string_view text) {
+  constexpr std::string_view kSpecials = "()<>@,;:\\\"/[]?=";
+  const auto fits = [&](char byte) {
+    return byte > ' ' && byte < 0x7f &&
+           kSpecials.find(byte) == std::string_view::npos;
+  };
+  return !text.empty() && std::all_of(text.begin(), text.end(), fits);
+}
+
+std::string_view WithoutLeadingBlanks(std::string_view text) {
+  while (!text.empty() && IsBlank(text.front())) text.remove_prefix(1);
+  return text;
+}
+
+std::string_view WithoutBlanksAround(std::string_view text) {
+  text = WithoutLeadingBlanks(text);
+  while (!text.empty() && IsBlank(text.back())) text.remove_suffix(1);
+  return text;
+}
+
+std::string LowerCase(std::string_view text) {
+  std::string lower(text);
+  for (char& byte : lower) {
+    if (byte >= 'A' && byte <= 'Z') byte = static_cast<char>(byte - 'A' + 'a');
+  }
+  return lower;
+}
+
+/// Adds up what the limits `parts` and `values` are about.
+class Amounts {
+ public:
+  explicit Amounts(const PlainLimits& limits) : limits_(limits) {}
+
+  void AddPart() { RequireWithin(++parts_, limits_.parts); }
+
+  void AddText(const std::string& text) {
+    length_ += text.size();
+    RequireWithin(length_, limits_.values);
+  }
+
+ private:
+  const PlainLimits& limits_;
+  std::size_t parts_ = 0;
+  std::size_t length_ = 0;
+};
+
+PlainForm ParseUrlEncoded(std::string_view text, const PlainLimits& limits) {
+  PlainForm form;
+  Amounts amounts(limits);
+  while (!text.empty()) {
+    std::string_view value = TakeWord(text, "&");
+    if (value.empty()) continue;
+    const std::string_view name = TakeWord(value, "=");
+    const PlainField field{UrlDecode(name), UrlDecode(value)};
+    RequireWithin(field.name.size(), limits.value);
+    RequireWithin(field.value.size(), limits.value);
+    amounts.AddPart();
+    amounts.AddText(field.name);
+    amounts.AddText(field.value);
+    form.fields.push_back(field);
+  }
+  return form;
+}
+
+// Headers.
+
+/// What a backslash in a quoted string escapes.
+enum class Escapes {
+  kAnyByte,
+  /// Another backslash stands for itself: old clients send paths.
+  kQuoteAndBackslash,
+};
+
+struct Parameter {
+  std::string name;  ///< In lower case.
+  std::string value;
+  bool quoted = false;
+};
+
+std::string TakeQuotedValue(std::string_view& rest, Escapes escapes) {
+  std::string value;
+  for (std::size_t i = 1; i < rest.size(); ++i) {
+    if (rest[i] == '"') {
+      rest.remove_prefix(i + 1);
+      return value;
+    }
+    if (rest[i] == '\\' && i + 1 < rest.size()) {
+      const bool special = rest[i + 1] == '"' || rest[i + 1] == '\\';
+      if (special || escapes == Escapes::kAnyByte) ++i;
+    }
+    value += rest[i];
+  }
+  throw Refusal{400};
+}
+
+std::string TakeUnquotedValue(std::string_view& rest) {
+  const std::string_view value = rest.substr(0, rest.find_first_of("; \t"));
+  for (const char byte : value) Require(!IsControl(byte) && byte != '"');
+  rest.remove_prefix(value.size());
+  return std::string(value);
+}
+
+Parameter TakeParameter(std::string_view& rest, Escapes escapes) {
+  Parameter parameter;
+  const std::size_t name_end = rest.find_first_of("=;");
+  Require(name_end != std::string_view::npos && rest[name_end] == '=');
+  parameter.name = LowerCase(WithoutBlanksAround(rest.substr(0, name_end)));
+  Require(IsToken(parameter.name));
+  rest = WithoutLeadingBlanks(rest.substr(name_end + 1));
+  parameter.quoted = rest.starts_with('"');
+  parameter.value = parameter.quoted ? TakeQuotedValue(rest, escapes)
+                                     : TakeUnquotedValue(rest);
+  rest = WithoutLeadingBlanks(rest);
+  Require(rest.empty() || rest.front() == ';');
+  return parameter;
+}
+
+/// What is before the first ";", in lower case.
+std::string LeadingValue(std::string_view text) {
+  return LowerCase(WithoutBlanksAround(TakeWord(text, ";")));
+}
+
+/// What is after the first ";".
+std::vector<Parameter> ParametersOf(std::string_view rest, Escapes escapes) {
+  std::vector<Parameter> parameters;
+  TakeWord(rest, ";");
+  for (;;) {
+    rest = WithoutLeadingBlanks(rest);
+    if (rest.empty()) return parameters;
+    if (rest.front() == ';') {
+      rest.remove_prefix(1);
+    } else {
+      parameters.push_back(TakeParameter(rest, escapes));
+    }
+  }
+}
+
+const Parameter* Find(const std::vector<Parameter>& parameters,
+                      std::string_view name) {
+  for (const Parameter& parameter : parameters) {
+    if (parameter.name == name) return &parameter;
+  }
+  return nullptr;
+}
+
+void RequireDifferentNames(const std::vector<Parameter>& parameters) {
+  std::set<std::string> names;
+  for (const Parameter& parameter : parameters) {
+    Require(names.insert(parameter.name).second);
+  }
+}
+
+// RFC 8187.
+
+std::string Utf8OfLatin1(const std::string& text) {
+  std::string utf8;
+  for (const char byte : text) {
+    const auto code = static_cast<unsigned char>(byte);
+    if (code < 0x80) {
+      utf8 += byte;
+    } else {
+      utf8 += static_cast<char>(0xc0 | (code >> 6));
+      utf8 += static_cast<char>(0x80 | (code & 0x3f));
+    }
+  }
+  return utf8;
+}
+
+/// How many bytes the first character has (RFC 3629, section 4); 0 when it is
+/// malformed.
+std::size_t LengthOfUtf8Character(std::string_view text) {
+  const auto at = [&](std::size_t i) {
+    return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
+  };
+  const auto follows = [&](std::size_t i) {
+    return at(i) >= 0x80 && at(i) <= 0xbf;
+  };
+  const unsigned lead = at(0);
+  if (lead < 0x80) return 1;
+  if (lead >= 0xc2 && lead <= 0xdf) return follows(1) ? 2 : 0;
+  if (lead >= 0xe0 && lead <= 0xef) {
+    // Longer than necessary, or a surrogate.
+    if (lead == 0xe0 && at(1) < 0xa0) return 0;
+    if (lead == 0xed && at(1) > 0x9f) return 0;
+    return follows(1) && follows(2) ? 3 : 0;
+  }
+  if (lead >= 0xf0 && lead <= 0xf4) {
+    // Longer than necessary, or beyond U+10FFFF.
+    if (lead == 0xf0 && at(1) < 0x90) return 0;
+    if (lead == 0xf4 && at(1) > 0x8f) return 0;
+    return follows(1) && follows(2) && follows(3) ? 4 : 0;
+  }
+  return 0;
+}
+
+bool IsUtf8(std::string_view text) {
+  while (!text.empty()) {
+    const std::size_t length = LengthOfUtf8Character(text);
+    if (length == 0) return false;
+    text.remove_prefix(length);
+  }
+  return true;
+}
+
+int HexValue(char digit) {
+  if (digit >= '0' && digit <= '9') return digit - '0';
+  if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
+  Require(digit >= 'a' && digit <= 'f');
+  return digit - 'a' + 10;
+}
+
+/// Section 3.2.1.
+bool IsAttrChar(char byte) {
+  constexpr std::string_view kMarks = "!#$&+-.^_`|~";
+  return IsAlphanumeric(byte) || kMarks.find(byte) != std::string_view::npos;
+}
+
+std::string DecodeValueChars(std::string_view text) {
+  std::string decoded;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '%') {
+      Require(i + 2 < text.size());
+      decoded +=
+          static_cast<char>(HexValue(text[i + 1]) * 16 + HexValue(text[i + 2]));
+      i += 2;
+    } else {
+      Require(IsAttrChar(text[i]));
+      decoded += text[i];
+    }
+  }
+  return decoded;
+}
+
+std::string DecodeExtendedValue(const Parameter& parameter) {
+  // An ext-value is never a quoted string.
+  Require(!parameter.quoted);
+  std::string_view rest = parameter.value;
+  Require(std::count(rest.begin(), rest.end(), '\'') >= 2);
+  const std::string charset = LowerCase(TakeWord(rest, "'"));
+  TakeWord(rest, "'");
+  const std::string text = DecodeValueChars(rest);
+  Require(text.find('\0') == std::string::npos);
+  if (charset == "iso-8859-1") return Utf8OfLatin1(text);
+  Require(charset == "utf-8" && IsUtf8(text));
+  return text;
+}
+
+// Multipart.
+
+std::string BoundaryOf(const std::string& content_type) {
+  const std::vector<Parameter> parameters =
+      ParametersOf(content_type, Escapes::kAnyByte);
+  const auto is_boundary = [](const Parameter& parameter) {
+    return parameter.name == "boundary";
+  };
+  Require(std::count_if(parameters.begin(), parameters.end(), is_boundary) ==
+          1);
+  const std::string boundary = Find(parameters, "boundary")->value;
+  Require(!boundary.empty() && boundary.size() <= 70);
+  Require(std::none_of(boundary.begin(), boundary.end(), IsControl));
+  Require(boundary.back() != ' ');
+  return boundary;
+}
+
+/// A delimiter line, from its "--" to the end of its line break.
+struct Delimiter {
+  std::size_t begin;
+  std::size_t end;
+  bool closes;
+};
+
+bool StartsLine(const std::string& body, std::size_t at) {
+  if (at == 0) return true;
+  const char before = body[at - 1];
+  // Nothing that looks like a delimiter may follow half a line break.
+  Require(before != '\r');
+  if (before != '\n') return false;
+  Require(at >= 2 && body[at - 2] == '\r');
+  return true;
+}
+
+Delimiter DelimiterAt(const std::string& body, std::size_t begin,
+                      std::size_t length) {
+  std::size_t at = begin + length;
+  const bool closes = body.compare(at, 2, "--") == 0;
+  if (closes) at += 2;
+  while (at < body.size() && IsBlank(body[at])) ++at;
+  if (closes && at == body.size()) return {begin, at, closes};
+  Require(body.compare(at, 2, "\r\n") == 0);
+  return {begin, at + 2, closes};
+}
+
+/// All delimiters up to the closing one.
+std::vector<Delimiter> DelimitersOf(const std::string& body,
+                                    const std::string& boundary) {
+  const std::string dash_boundary = "--" + boundary;
+  std::vector<Delimiter> delimiters;
+  std::size_t at = body.find(dash_boundary);
+  for (; at != std::string::npos; at = body.find(dash_boundary, at + 1)) {
+    if (!StartsLine(body, at)) continue;
+    delimiters.push_back(DelimiterAt(body, at, dash_boundary.size()));
+    if (delimiters.back().closes) return delimiters;
+  }
+  throw Refusal{400};
+}
+
+struct Header {
+  std::string name;  ///< In lower case.
+  std::string value;
+};
+
+void AddHeaderLine(const std::string& line, std::vector<Header>& headers) {
+  for (const char byte : line) {
+    Require(byte != '\r' && byte != '\n' && byte != '\0');
+  }
+  if (IsBlank(line.front())) {
+    Require(!headers.empty());
+    headers.back().value += " " + std::string(WithoutLeadingBlanks(line));
+    return;
+  }
+  const std::size_t colon = line.find(':');
+  Require(colon != std::string::npos);
+  std::string_view name = line;
+  name = name.substr(0, colon);
+  while (!name.empty() && IsBlank(name.back())) name.remove_suffix(1);
+  Require(IsToken(name));
+  headers.push_back({LowerCase(name), line.substr(colon + 1)});
+}
+
+struct Part {
+  std::vector<Header> headers;
+  std::string content;
+};
+
+/// @param text  from the end of one delimiter to the beginning of the next, the
+///   line break before which belongs to it
+Part ParsePart(const std::string& text, const PlainLimits& limits) {
+  Part part;
+  std::size_t at = 0;
+  for (;;) {
+    const std::size_t line_end = text.find("\r\n", at);
+    Require(line_end != std::string::npos);
+    const std::string line = text.substr(at, line_end - at);
+    at = line_end + 2;
+    if (line.empty()) break;
+    AddHeaderLine(line, part.headers);
+  }
+  RequireWithin(at, limits.header);
+  // The empty line's break may be that of the delimiter.
+  if (at < text.size()) part.content = text.substr(at, text.size() - at - 2);
+  return part;
+}
+
+std::optional<std::string> OnlyValue(const Part& part, std::string_view name) {
+  std::optional<std::string> value;
+  for (const Header& header : part.headers) {
+    if (header.name != name) continue;
+    Require(!value);
+    value = WithoutBlanksAround(header.value);
+  }
+  return value;
+}
+
+void CheckTransferEncoding(const Part& part) {
+  const std::optional<std::string> encoding =
+      OnlyValue(part, "content-transfer-encoding");
+  if (!encoding) return;
+  const std::string name = LowerCase(*encoding);
+  Require(name == "7bit" || name == "8bit" || name == "binary");
+}
+
+std::optional<std::string> FileNameOf(
+    const std::vector<Parameter>& parameters) {
+  if (const Parameter* plain = Find(parameters, "filename")) {
+    return plain->value;
+  }
+  if (const Parameter* extended = Find(parameters, "filename*")) {
+    return DecodeExtendedValue(*extended);
+  }
+  return std::nullopt;
+}
+
+void AddField(const PlainField& field, const PlainLimits& limits,
+              Amounts& amounts, PlainForm& form) {
+  RequireWithin(field.value.size(), limits.value);
+  amounts.AddText(field.name);
+  amounts.AddText(field.value);
+  form.fields.push_back(field);
+}
+
+void AddUpload(const PlainUpload& upload, Amounts& amounts, PlainForm& form) {
+  // A file input in which nothing was chosen.
+  if (upload.name.empty() && upload.content.empty()) return;
+  amounts.AddText(upload.field);
+  amounts.AddText(upload.name);
+  amounts.AddText(upload.type);
+  form.uploads.push_back(upload);
+}
+
+void AddPart(const Part& part, const PlainLimits& limits, Amounts& amounts,
+             PlainForm& form) {
+  amounts.AddPart();
+  CheckTransferEncoding(part);
+  const std::optional<std::string> type = OnlyValue(part, "content-type");
+  const std::optional<std::string> disposition =
+      OnlyValue(part, "content-disposition");
+  Require(disposition && LeadingValue(*disposition) == "form-data");
+  const std::vector<Parameter> parameters =
+      ParametersOf(*disposition, Escapes::kQuoteAndBackslash);
+  RequireDifferentNames(parameters);
+  const Parameter* name = Find(parameters, "name");
+  Require(name != nullptr);
+  const std::optional<std::string> file_name = FileNameOf(parameters);
+  if (file_name) {
+    AddUpload({name->value, *file_name, type.value_or(""), part.content},
+              amounts, form);
+  } else {
+    AddField({name->value, part.content}, limits, amounts, form);
+  }
+}
+
+PlainForm ParseMultipart(const std::string& content_type,
+                         const std::string& body, const PlainLimits& limits) {
+  PlainForm form;
+  Amounts amounts(limits);
+  const std::vector<Delimiter> delimiters =
+      DelimitersOf(body, BoundaryOf(content_type));
+  for (std::size_t i = 1; i < delimiters.size(); ++i) {
+    const std::size_t begin = delimiters[i - 1].end;
+    const Part part =
+        ParsePart(body.substr(begin, delimiters[i].begin - begin), limits);
+    AddPart(part, limits, amounts, form);
+  }
+  return form;
+}
+
+PlainForm ParseBody(const std::string& content_type, const std::string& body,
+                    std::int64_t declared_length, const PlainLimits& limits) {
+  if (declared_length > limits.body) throw Refusal{413};
+  const std::string type = LeadingValue(content_type);
+  const bool url_encoded = type == "application/x-www-form-urlencoded";
+  const bool multipart = type == "multipart/form-data";
+  const bool nothing =
+      declared_length == 0 && WithoutBlanksAround(content_type).empty();
+  if (!url_encoded && !multipart && !nothing) throw Refusal{415};
+  Require(declared_length >= 0);
+  const auto length = static_cast<std::size_t>(declared_length);
+  Require(body.size() >= length);
+  const std::string declared = body.substr(0, length);
+  return multipart ? ParseMultipart(content_type, declared, limits)
+                   : ParseUrlEncoded(declared, limits);
+}
+
+}  // namespace
+
+PlainForm ParsePlainForm(const std::string& method,
+                         const std::string& content_type,
+                         const std::string& query, const std::string& body,
+                         std::int64_t declared_length,
+                         const PlainLimits& limits) {
+  try {
+    if (method == "GET" || method == "HEAD") {
+      return ParseUrlEncoded(query, limits);
+    }
+    return ParseBody(content_type, body, declared_length, limits);
+  } catch (const Refusal& refusal) {
+    return {refusal.status, {}, {}};
+  }
+}
+
+}  // namespace plain

@@ -1,0 +1,78 @@
+/// @file
+/// The rules for forms, written a second time from the public standards and as
+/// plainly as possible: what zan_cgi::Form is compared with. Shares no code
+/// with the library and does no input or output.
+#ifndef ZANCGI_TESTS_PLAIN_PLAIN_FORM_H
+#define ZANCGI_TESTS_PLAIN_PLAIN_FORM_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace plain {
+
+struct PlainField {
+  std::string name;
+  std::string value;
+
+  friend bool operator==(const PlainField&, const PlainField&) = default;
+};
+
+struct PlainUpload {
+  std::string field;
+  std::string name;
+  std::string type;
+  std::string content;
+
+  friend bool operator==(const PlainUpload&, const PlainUpload&) = default;
+};
+
+struct PlainForm {
+  /// 0 when the form is taken, otherwise 400, 413 or 415; fields and uploads
+  /// are then empty.
+  int status = 0;
+  std::vector<PlainField> fields;
+  std::vector<PlainUpload> uploads;
+
+  friend bool operator==(const PlainForm&, const PlainForm&) = default;
+};
+
+/// Those of zan_cgi::Form::Limits that do not depend on time, with the same
+/// meanings.
+struct PlainLimits {
+  std::int64_t body = 100 * 1024 * 1024;
+  std::size_t value = 1024 * 1024;
+  std::size_t values = 8 * 1024 * 1024;
+  std::size_t parts = 1000;
+  std::size_t header = 16 * 1024;
+};
+
+/// What a client sends, and how much of it is taken.
+struct FormRequest {
+  std::string method = "POST";
+  std::string content_type;
+  std::string query;
+  /// What arrives.
+  std::string body;
+  std::int64_t declared_length = 0;
+  PlainLimits limits;
+};
+
+/// Of a GET or HEAD the form is the query string, of any other method the body:
+/// URL-encoded (URL Standard, section 5.1) or multipart (RFC 7578, RFC 2046,
+/// RFC 8187).
+PlainForm ParsePlainForm(const std::string& method,
+                         const std::string& content_type,
+                         const std::string& query, const std::string& body,
+                         std::int64_t declared_length,
+                         const PlainLimits& limits);
+
+inline PlainForm ParsePlainForm(const FormRequest& request) {
+  return ParsePlainForm(request.method, request.content_type, request.query,
+                        request.body, request.declared_length, request.limits);
+}
+
+}  // namespace plain
+
+#endif
