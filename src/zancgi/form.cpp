@@ -98,7 +98,7 @@ void ReadBodyForm(BodyReader& body, FormCollector& form) {
     MultipartParser(body, form, AnnouncedBoundary(type)).Parse();
   } else if (IsSameWord(media_type, "application/x-www-form-urlencoded")) {
     ReadUrlencoded(body, form);
-  } else if (body.length() > 0 || !media_type.empty()) {
+  } else if (body.length() > 0 || !Trimmed(type).empty()) {
     throw FormError(415, "the type of the body is none of a form");
   }
 }

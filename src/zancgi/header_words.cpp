@@ -32,8 +32,16 @@ bool Contains(const CharacterSet& set, char c) {
 /// RFC 8187 section 3.2.1.
 constexpr CharacterSet kAttrChars = LettersAndDigitsWith("!#$&+-.^_`|~");
 
-/// RFC 9110 section 5.6.2.
-constexpr CharacterSet kTokenChars = LettersAndDigitsWith("!#$%&'*+-.^_`|~");
+/// All that can be seen, without some.
+constexpr CharacterSet VisibleWithout(std::string_view some) {
+  CharacterSet set{};
+  for (unsigned char c = '!'; c <= '~'; ++c) set[c] = true;
+  for (const char c : some) set[static_cast<unsigned char>(c)] = false;
+  return set;
+}
+
+/// RFC 2045 section 5.1.
+constexpr CharacterSet kTokenChars = VisibleWithout("()<>@,;:\\\"/[]?=");
 
 std::optional<std::string> DecodePercents(std::string_view text) {
   std::string bytes;
@@ -159,10 +167,11 @@ bool ParameterReader::ReadName() {
 
 bool ParameterReader::ReadValue() {
   value_.clear();
-  if (!rest_.empty() && rest_.front() == '"') return ReadQuoted();
+  is_quoted_ = !rest_.empty() && rest_.front() == '"';
+  if (is_quoted_) return ReadQuoted();
   value_ = rest_.substr(0, rest_.find_first_of("; \t"));
   rest_.remove_prefix(value_.size());
-  return !value_.empty() && value_.find('"') == std::string::npos &&
+  return value_.find('"') == std::string::npos &&
          std::none_of(value_.begin(), value_.end(), IsControl);
 }
 

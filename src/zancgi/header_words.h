@@ -25,7 +25,7 @@ inline bool IsControl(char c) {
   return static_cast<unsigned char>(c) < ' ' || c == 127;
 }
 
-/// Whether it is a token (RFC 9110 section 5.6.2), as names of headers and
+/// Whether it is a token (RFC 2045 section 5.1), as names of headers and
 /// parameters are.
 bool IsToken(std::string_view text);
 
@@ -56,6 +56,8 @@ class ParameterReader {
   /// Whether the parameter has a name, which is compared without case.
   bool Is(std::string_view name) const { return IsSameWord(name_, name); }
 
+  bool is_quoted() const { return is_quoted_; }
+
   /// What it says; for the taking.
   std::string& value() { return value_; }
 
@@ -75,6 +77,7 @@ class ParameterReader {
   Escapes escapes_;
   std::string_view name_;
   std::string value_;
+  bool is_quoted_ = false;
 };
 
 /// Whether a text is UTF-8 (RFC 3629).

@@ -50,10 +50,9 @@ struct MultipartParser::Part {
   std::optional<std::string> file_name;
   std::optional<std::string> type;
 
-  /// @param header  one header, unfolded
+  /// @param header  one header, unfolded, with a colon
   void Take(std::string_view header) {
     const std::size_t colon = header.find(':');
-    if (colon == kNowhere) Refuse("a header of a part has no colon");
     const std::string_view header_name = Trimmed(header.substr(0, colon));
     const std::string_view value = Trimmed(header.substr(colon + 1));
     if (IsSameWord(header_name, "Content-Disposition")) {
@@ -74,10 +73,14 @@ struct MultipartParser::Part {
     if (!name) Refuse("a part has no name");
     if (file_name || !extended_name_) return;
     file_name = DecodeExtendedValue(*extended_name_);
-    if (!file_name) Refuse("a file name is not encoded as it must be");
+    if (!file_name) RefuseEncoding();
   }
 
  private:
+  [[noreturn]] static void RefuseEncoding() {
+    Refuse("a file name is not encoded as it must be");
+  }
+
   void TakeDisposition(std::string_view value) {
     if (has_disposition_) Refuse("a part has two dispositions");
     has_disposition_ = true;
@@ -91,6 +94,7 @@ struct MultipartParser::Part {
       } else if (parameters.Is("filename")) {
         SetOnce(file_name, parameters);
       } else if (parameters.Is("filename*")) {
+        if (parameters.is_quoted()) RefuseEncoding();
         SetOnce(extended_name_, parameters);
       }
     }
@@ -191,43 +195,34 @@ std::size_t MultipartParser::CertainData(std::string_view text,
 
 /// Consumes the rest of a boundary's line.
 void MultipartParser::EndMarkerLine() {
-  bool is_last = false;
-  while (!IsMarkerLineEnded(body_.Unread(), is_last)) {
-    if (body_.Unread().size() > form_.limits().header) {
-      RefuseHeaderLength(form_.limits().header);
-    }
-    is_last = !body_.ReadMore();
+  if (Has(2) && body_.Unread().starts_with("--")) {
+    body_.Consume(2);
+    is_closed_ = true;
   }
-}
-
-/// Consumes the rest of the line if it is complete.
-/// @param is_last  the body ends with this
-bool MultipartParser::IsMarkerLineEnded(std::string_view rest, bool is_last) {
-  const bool is_closing = rest.starts_with("--");
-  if (!is_closing && !is_last && std::string_view("--").starts_with(rest)) {
-    return false;
+  while (Has(1) && IsBlank(body_.Unread().front())) body_.Consume(1);
+  if (!Has(1)) {
+    if (!is_closed_) RefuseEnd();
+    return;
   }
-  const std::string_view padded = is_closing ? rest.substr(2) : rest;
-  const std::size_t padding =
-      std::min(padded.find_first_not_of(" \t"), padded.size());
-  const std::string_view line_end = padded.substr(padding);
-  const bool ends_body = is_closing && is_last && line_end.empty();
-  if (!ends_body && !line_end.starts_with("\r\n")) {
-    if (!is_last && std::string_view("\r\n").starts_with(line_end))
-      return false;
-    if (is_last && line_end.empty()) RefuseEnd();
-    if (line_end.front() == '\r' || line_end.front() == '\n') RefuseLineEnd();
+  const char next = body_.Unread().front();
+  if (!Has(2) || !body_.Unread().starts_with("\r\n")) {
+    if (next == '\r' || next == '\n') RefuseLineEnd();
     Refuse("a boundary is followed by something else");
   }
-  is_closed_ = is_closing;
-  body_.Consume(rest.size() - line_end.size() + (ends_body ? 0 : 2));
+  body_.Consume(2);
+}
+
+/// Whether so many bytes follow, which are then unread.
+bool MultipartParser::Has(std::size_t count) {
+  while (body_.Unread().size() < count) {
+    if (!body_.ReadMore()) return false;
+  }
   return true;
 }
 
 void MultipartParser::ReadPart() {
   form_.BeginPart();
   Part part = ReadHeaders();
-  form_.CountText(part.name->size());
   if (part.file_name) {
     ReadUpload(part);
   } else {
@@ -251,18 +246,15 @@ bool MultipartParser::ReadHeader(std::size_t& budget) {
   if (IsBlank(header_.front())) {
     Refuse("the first line of a header is indented");
   }
+  if (header_.starts_with(search_.marker())) {
+    Refuse("a boundary stands among the headers of a part");
+  }
+  if (header_.find(':') == kNowhere) Refuse("a header of a part has no colon");
   // A line that begins so continues the one before.
-  while (IsBlank(NextByte())) {
+  while (Has(1) && IsBlank(body_.Unread().front())) {
     header_.append(" ").append(Trimmed(NextLine(budget)));
   }
   return true;
-}
-
-char MultipartParser::NextByte() {
-  while (body_.Unread().empty()) {
-    if (!body_.ReadMore()) RefuseEnd();
-  }
-  return body_.Unread().front();
 }
 
 /// Returns the next line of the headers, without its end; valid until more is
@@ -287,6 +279,7 @@ std::string_view MultipartParser::NextLine(std::size_t& budget) {
 }
 
 void MultipartParser::ReadField(Part& part) {
+  form_.CountText(part.name->size());
   value_.clear();
   ReadData(true, [&](std::string_view data) { form_.Append(value_, data); });
   // A copy takes no more memory than it needs, and the next value finds room.
@@ -296,25 +289,25 @@ void MultipartParser::ReadField(Part& part) {
 /// A file input in which nothing was chosen has an empty name and no bytes, and
 /// is no upload.
 void MultipartParser::ReadUpload(Part& part) {
+  Form::Upload upload{*std::move(part.name), *std::move(part.file_name),
+                      std::move(part.type).value_or(""), 0};
   UploadSpool& spool = form_.spool();
   bool is_open = false;
   const auto open = [&] {
-    if (!is_open) spool.Begin();
-    is_open = true;
+    if (std::exchange(is_open, true)) return;
+    form_.CountText(upload.field.size() + upload.name.size() +
+                    upload.type.size());
+    spool.Begin();
   };
-  if (!part.file_name->empty()) open();
-  std::int64_t size = 0;
+  if (!upload.name.empty()) open();
   ReadData(true, [&](std::string_view data) {
     open();
     spool.Write(data);
-    size += static_cast<std::int64_t>(data.size());
+    upload.size += static_cast<std::int64_t>(data.size());
   });
   if (!is_open) return;
   spool.End();
-  std::string type = std::move(part.type).value_or("");
-  form_.CountText(part.file_name->size() + type.size());
-  form_.AddUpload({*std::move(part.name), *std::move(part.file_name),
-                   std::move(type), size});
+  form_.AddUpload(std::move(upload));
 }
 
 }  // namespace zan_cgi

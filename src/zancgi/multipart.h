@@ -44,12 +44,11 @@ class MultipartParser {
   std::size_t CertainData(std::string_view text, bool begins_line) const;
 
   void EndMarkerLine();
-  bool IsMarkerLineEnded(std::string_view rest, bool is_last);
+  bool Has(std::size_t count);
 
   void ReadPart();
   Part ReadHeaders();
   bool ReadHeader(std::size_t& budget);
-  char NextByte();
   std::string_view NextLine(std::size_t& budget);
 
   void ReadField(Part& part);

@@ -181,10 +181,13 @@ const Parameter* Find(const std::vector<Parameter>& parameters,
   return nullptr;
 }
 
-void RequireDifferentNames(const std::vector<Parameter>& parameters) {
-  std::set<std::string> names;
-  for (const Parameter& parameter : parameters) {
-    Require(names.insert(parameter.name).second);
+/// What the parameters that nobody looks at are called does not matter.
+void RequireNoSecond(const std::vector<Parameter>& parameters) {
+  for (const char* const once : {"name", "filename", "filename*"}) {
+    const auto is_once = [once](const Parameter& parameter) {
+      return parameter.name == once;
+    };
+    Require(std::count_if(parameters.begin(), parameters.end(), is_once) <= 1);
   }
 }
 
@@ -445,7 +448,7 @@ void AddPart(const Part& part, const PlainLimits& limits, Amounts& amounts,
   Require(disposition && LeadingValue(*disposition) == "form-data");
   const std::vector<Parameter> parameters =
       ParametersOf(*disposition, Escapes::kQuoteAndBackslash);
-  RequireDifferentNames(parameters);
+  RequireNoSecond(parameters);
   const Parameter* name = Find(parameters, "name");
   Require(name != nullptr);
   const std::optional<std::string> file_name = FileNameOf(parameters);

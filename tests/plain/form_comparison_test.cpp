@@ -1,0 +1,173 @@
+// The library's forms beside the plain ones: rule by rule, by chance, and cut
+// at every place.
+
+#include <gtest/gtest.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/scratch.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "plain/form_maker.h"
+#include "plain/form_product.h"
+#include "plain/form_rows.h"
+#include "plain/plain_form.h"
+#include "support/clean_run.h"
+#include "support/fast_folder.h"
+
+namespace plain {
+namespace {
+
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Scratch;
+
+#ifdef __SANITIZE_ADDRESS__
+constexpr std::size_t kRandomForms = 20'000;
+#else
+constexpr std::size_t kRandomForms = 100'000;
+#endif
+constexpr std::size_t kShards = 4;
+
+/// Runs a body in a child that has a folder for uploads.
+void InChild(const std::function<void(const std::string& folder)>& body) {
+  const Scratch scratch(support::FastFolder());
+  support::RunCleanly(
+      Child().LogLevel(0),
+      [&](const zan_cgi::testing::Reporter&) { body(scratch.Path()); });
+}
+
+std::string Describe(const FormRequest& request) {
+  return request.method + " " + testing::PrintToString(request.content_type) +
+         " " + testing::PrintToString(request.query) + " " +
+         std::to_string(request.declared_length) + " " +
+         testing::PrintToString(request.body);
+}
+
+/// Refusals may differ in the status: a form that breaks a rule and a limit may
+/// be refused for either.
+void ExpectAlike(const PlainForm& product, const PlainForm& plain,
+                 const FormRequest& request) {
+  if (product.status != 0 && plain.status != 0) return;
+  EXPECT_EQ(product, plain) << Describe(request);
+}
+
+std::size_t FromEnvironment(const char* name, std::size_t otherwise) {
+  const char* const value = std::getenv(name);
+  return value == nullptr ? otherwise : std::stoul(value);
+}
+
+class FormRulesOfProduct : public testing::TestWithParam<FormTable> {};
+
+TEST_P(FormRulesOfProduct, HoldHoweverTheBodyArrives) {
+  InChild([&](const std::string& folder) {
+    for (const std::size_t size : {1, 2, 7, 65536}) {
+      SCOPED_TRACE(size);
+      ExpectRows(GetParam(), [&](const FormRequest& request) {
+        return ReadByProduct(request, folder, Always(size));
+      });
+    }
+  });
+}
+
+INSTANTIATE_TEST_SUITE_P(, FormRulesOfProduct, testing::ValuesIn(FormTables()),
+                         NameOfTable);
+
+class RandomForms : public testing::TestWithParam<std::size_t> {};
+
+TEST_P(RandomForms, AreReadAlike) {
+  const std::size_t count =
+      FromEnvironment("ZANCGI_RANDOM_CASES", kRandomForms) / kShards;
+  const std::size_t seed =
+      FromEnvironment("ZANCGI_RANDOM_SEED", 20261122) * kShards + GetParam();
+  InChild([&](const std::string& folder) {
+    FormMaker maker(seed);
+    std::mt19937_64 random(seed);
+    for (std::size_t i = 0; i < count && !testing::Test::HasFailure(); ++i) {
+      const FormRequest request = maker.Make().request;
+      // Mostly small pieces, and every size up to the largest.
+      const auto sizes = [&] {
+        return 1 + random() % (std::size_t{1} << random() % 17);
+      };
+      ExpectAlike(ReadByProduct(request, folder, sizes),
+                  ParsePlainForm(request), request);
+    }
+  });
+}
+
+INSTANTIATE_TEST_SUITE_P(Shard, RandomForms,
+                         testing::Range(std::size_t{0}, kShards));
+
+/// The rows whose bodies are small and no shorter than declared.
+std::vector<FormRequest> SmallBodies() {
+  constexpr std::size_t kLongest = 400;
+  std::vector<FormRequest> bodies;
+  for (const FormTable& table : FormTables()) {
+    for (const FormRow& row : table.rows) {
+      const FormRequest& request = row.request;
+      const auto size = static_cast<std::int64_t>(request.body.size());
+      if (request.method != "POST" || request.body.size() > kLongest) continue;
+      if (request.declared_length == size) bodies.push_back(request);
+    }
+  }
+  return bodies;
+}
+
+TEST(SmallForms, AreReadAlikeHoweverTheyAreCutInTwoOrThree) {
+  InChild([](const std::string& folder) {
+    const std::vector<FormRequest> bodies = SmallBodies();
+    EXPECT_GT(bodies.size(), 100U);
+    for (const FormRequest& request : bodies) {
+      const PlainForm whole = ReadByProduct(request, folder, Always(65536));
+      for (std::size_t cut = 1; cut < request.body.size(); ++cut) {
+        for (const std::size_t second : {std::size_t{1}, std::size_t{65536}}) {
+          std::size_t reads = 0;
+          const auto sizes = [&] {
+            ++reads;
+            return reads == 1 ? cut : reads == 2 ? second : 65536;
+          };
+          ASSERT_EQ(ReadByProduct(request, folder, sizes), whole)
+              << "cut after " << cut << " and " << second << ": "
+              << Describe(request);
+        }
+      }
+    }
+  });
+}
+
+TEST(SmallForms, AreRefusedWhenTheyEndEarly) {
+  InChild([](const std::string& folder) {
+    for (FormRequest request : SmallBodies()) {
+      if (ParsePlainForm(request).status != 0) continue;
+      while (!request.body.empty()) {
+        request.body.pop_back();
+        ASSERT_EQ(ReadByProduct(request, folder, Always(65536)).status, 400)
+            << Describe(request);
+      }
+    }
+  });
+}
+
+// What is cut off with its declaration is missed, too, as long as the closing
+// boundary is.
+TEST(SmallForms, AreReadAlikeWhenTheyAreShorter) {
+  InChild([](const std::string& folder) {
+    for (FormRequest request : SmallBodies()) {
+      while (!request.body.empty()) {
+        request.body.pop_back();
+        --request.declared_length;
+        ExpectAlike(ReadByProduct(request, folder, Always(65536)),
+                    ParsePlainForm(request), request);
+        if (testing::Test::HasFailure()) return;
+      }
+    }
+  });
+}
+
+}  // namespace
+}  // namespace plain

@@ -1,0 +1,105 @@
+#include "plain/form_product.h"
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
+#include <zancgi/form.h>
+#include <zancgi/testing/scratch.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <string_view>
+
+#include "support/variable.h"
+
+namespace plain {
+namespace {
+
+/// What standard input still gives, and how; no sizes for the real one.
+std::string_view to_read;
+const ReadSizes* read_sizes = nullptr;
+
+ssize_t ReadScripted(void* buffer, std::size_t size) {
+  const std::size_t count = std::min({size, to_read.size(), (*read_sizes)()});
+  std::memcpy(buffer, to_read.data(), count);
+  to_read.remove_prefix(count);
+  return static_cast<ssize_t>(count);
+}
+
+zan_cgi::Form::Limits LimitsOf(const PlainLimits& plain) {
+  zan_cgi::Form::Limits limits;
+  limits.body = plain.body;
+  limits.value = plain.value;
+  limits.values = plain.values;
+  limits.parts = plain.parts;
+  limits.header = plain.header;
+  return limits;
+}
+
+PlainForm WhatIsIn(const zan_cgi::Form& form) {
+  PlainForm plain;
+  for (const auto& [name, value] : form.fields()) {
+    plain.fields.push_back({name, value});
+  }
+  for (const zan_cgi::Form::Upload& upload : form.uploads()) {
+    std::string content = zan_cgi::testing::ReadFile(form.Path(upload));
+    EXPECT_EQ(upload.size, static_cast<std::int64_t>(content.size()));
+    plain.uploads.push_back(
+        {upload.field, upload.name, upload.type, std::move(content)});
+  }
+  return plain;
+}
+
+PlainForm ReadForm(const FormRequest& request, const std::string& folder) {
+  zan_cgi::Cgi cgi("/usr/bin/front", "");
+  cgi.SetTmpDir(folder);
+  try {
+    return WhatIsIn(zan_cgi::Form(cgi, LimitsOf(request.limits)));
+  } catch (const zan_cgi::FormError& error) {
+    return {error.status(), {}, {}};
+  }
+}
+
+}  // namespace
+
+PlainForm ReadByProduct(const FormRequest& request, const std::string& folder,
+                        const ReadSizes& sizes) {
+  support::SetVariable("REQUEST_METHOD", request.method);
+  support::SetVariable("CONTENT_TYPE", request.content_type);
+  support::SetVariable("QUERY_STRING", request.query);
+  support::SetVariable("CONTENT_LENGTH",
+                       std::to_string(request.declared_length));
+  to_read = request.body;
+  read_sizes = &sizes;
+  PlainForm form = ReadForm(request, folder);
+  read_sizes = nullptr;
+  EXPECT_TRUE(std::filesystem::is_empty(folder));
+  return form;
+}
+
+}  // namespace plain
+
+extern "C" {
+
+int poll(pollfd* entries, nfds_t count, int milliseconds) {
+  if (plain::read_sizes != nullptr) {
+    entries[0].revents = POLLIN;
+    return 1;
+  }
+  static const auto real =
+      reinterpret_cast<decltype(&::poll)>(::dlsym(RTLD_NEXT, "poll"));
+  return real(entries, count, milliseconds);
+}
+
+ssize_t read(int descriptor, void* buffer, std::size_t size) {
+  if (plain::read_sizes != nullptr && descriptor == STDIN_FILENO) {
+    return plain::ReadScripted(buffer, size);
+  }
+  static const auto real =
+      reinterpret_cast<decltype(&::read)>(::dlsym(RTLD_NEXT, "read"));
+  return real(descriptor, buffer, size);
+}
+
+}  // extern "C"
