@@ -60,6 +60,7 @@ UploadSpool::~UploadSpool() {
 
 void UploadSpool::Begin() {
   if (files_.empty()) MakeAbsolute();
+  if (!block_) block_.emplace();
   files_.emplace_back();
   File& file = files_.back();
   if (OpenUnnamed(file)) {

@@ -4,10 +4,12 @@
 #define ZANCGI_UPLOAD_SPOOL_H
 
 #include <cstddef>
-#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "scoped_signal_block.h"
 
 namespace zan_cgi {
 
@@ -60,6 +62,9 @@ class UploadSpool {
   void PublishFile(File& file);
 
   std::string directory_;
+  /// As long as files are written: one that may not grow any more is refused,
+  /// and not the end of the process.
+  std::optional<common::ScopedSignalBlock> block_;
   std::vector<File> files_;
   std::size_t unnamed_ = 0;  ///< How many files have no name.
 };
