@@ -26,6 +26,11 @@ constexpr std::size_t kNowhere = std::string_view::npos;
   Refuse("the form ends without its closing boundary");
 }
 
+std::string_view WithoutIndent(std::string_view line) {
+  while (!line.empty() && IsBlank(line.front())) line.remove_prefix(1);
+  return line;
+}
+
 /// What comes before a place in the data of a part.
 enum class LineStart { kNone, kAfterCrLf, kAfterOther };
 
@@ -252,7 +257,7 @@ bool MultipartParser::ReadHeader(std::size_t& budget) {
   if (header_.find(':') == kNowhere) Refuse("a header of a part has no colon");
   // A line that begins so continues the one before.
   while (Has(1) && IsBlank(body_.Unread().front())) {
-    header_.append(" ").append(Trimmed(NextLine(budget)));
+    header_.append(" ").append(WithoutIndent(NextLine(budget)));
   }
   return true;
 }

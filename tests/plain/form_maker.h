@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <iterator>
 #include <optional>
 #include <random>
 #include <string>
@@ -21,7 +22,7 @@ namespace plain {
 
 struct MadeForm {
   FormRequest request;
-  /// What must come of it; unknown after damage.
+  /// What must come of it, unless the form is damaged or doubtful.
   std::optional<PlainForm> known;
 };
 
@@ -175,9 +176,10 @@ class FormMaker {
 
   MadeForm MakeMultipart() {
     needs_ = {};
+    certain_ = true;
     MadeForm made;
     made.request.method = OneOf({"POST", "POST", "PUT", "get"});
-    boundary_ = BoundaryValue();
+    boundary_ = Chance(97) ? BoundaryValue() : DoubtfulBoundary();
     made.request.content_type = Blanks() + InAnyCase("multipart/form-data") +
                                 Blanks() + ContentTypeParameters();
     made.known.emplace();
@@ -189,7 +191,14 @@ class FormMaker {
     }
     body += "--" + boundary_ + "--" + Blanks();
     if (Chance(85)) body += "\r\n" + Epilogue();
+    if (!certain_) made.known.reset();
     return made;
+  }
+
+  std::string DoubtfulBoundary() {
+    certain_ = false;
+    if (Chance(30)) return std::string(69 + Below(4), 'x');
+    return OneOf({"", " ", "XY ", " XY", "X\tY", "X\x01Y", "X\x7fY", "X\rY"});
   }
 
   std::string BoundaryValue() {
@@ -209,6 +218,7 @@ class FormMaker {
     }
     text += ";" + Maybe(80, " ") + InAnyCase("boundary") + Blanks() + "=" +
             Blanks() + BoundaryText() + Blanks();
+    if (!certain_ && Chance(30)) text += "; Boundary=" + BoundaryText();
     text += OneOf({"", "", "", ";", "; charset=utf-8", " ;x=\"\"", ";;"});
     return text;
   }
@@ -312,8 +322,10 @@ class FormMaker {
                                     "FileName*=UTF-8''", "filename*=%zz"}));
       }
     } else if (is_upload) {
+      const std::string value =
+          Chance(80) ? ExtendedName(upload.name) : DoubtfulExtendedName();
       parameters.push_back(InAnyCase("filename*") + Blanks() + "=" + Blanks() +
-                           ExtendedName(upload.name));
+                           value);
     }
     if (Chance(10)) parameters.push_back("x=\"; name=no\"");
     if (Chance(5)) parameters.push_back("name*=UTF-8''no");
@@ -391,6 +403,39 @@ class FormMaker {
     return text;
   }
 
+  std::string DoubtfulExtendedName() {
+    certain_ = false;
+    std::string text = OneOf({"UTF-8", "UTF-8", "utf-8", "ISO-8859-1", ""}) +
+                       OneOf({"''", "''", "'en'", "'", "'''"});
+    for (std::size_t count = 1 + Below(3); count > 0; --count) {
+      text += OneOf({"a",
+                     "%c2%80",
+                     "%c1%bf",
+                     "%c3",
+                     "%80",
+                     "%e0%a0%80",
+                     "%e0%9f%bf",
+                     "%e2%82",
+                     "%ed%9f%bf",
+                     "%ed%a0%80",
+                     "%ef%bf%bf",
+                     "%f0%90%80%80",
+                     "%f0%8f%bf%bf",
+                     "%f0%90%80",
+                     "%f4%8f%bf%bf",
+                     "%f4%90%80%80",
+                     "%f5%80%80%80",
+                     "%00",
+                     "%0a",
+                     "%",
+                     "%4",
+                     "/",
+                     "*",
+                     "\xe4"});
+    }
+    return Chance(90) ? text : '"' + text + '"';
+  }
+
   /// Bytes without anything that looks like a delimiter at the start of a line.
   std::string Content() {
     std::string content;
@@ -448,7 +493,7 @@ class FormMaker {
     const bool body_counts = !made.request.body.empty();
     const bool any = exceeded[0] || exceeded[1] || exceeded[2] || exceeded[3] ||
                      (exceeded[4] && body_counts);
-    if (any) made.known = PlainForm{413, {}, {}};
+    if (any && made.known) made.known = PlainForm{413, {}, {}};
   }
 
   /// By one, by chance.
@@ -571,6 +616,8 @@ class FormMaker {
   std::mt19937_64 random_;
   std::string boundary_ = "XY";
   Needs needs_;
+  /// Whether it is known what comes of the form.
+  bool certain_ = true;
 };
 
 }  // namespace plain

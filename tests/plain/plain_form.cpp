@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <optional>
-#include <set>
 #include <string_view>
 
 #include "plain/plain_words.h"
@@ -339,8 +338,9 @@ std::vector<Delimiter> DelimitersOf(const std::string& body,
   std::size_t at = body.find(dash_boundary);
   for (; at != std::string::npos; at = body.find(dash_boundary, at + 1)) {
     if (!StartsLine(body, at)) continue;
-    delimiters.push_back(DelimiterAt(body, at, dash_boundary.size()));
-    if (delimiters.back().closes) return delimiters;
+    const Delimiter delimiter = DelimiterAt(body, at, dash_boundary.size());
+    delimiters.push_back(delimiter);
+    if (delimiter.closes) return delimiters;
   }
   throw Refusal{400};
 }

@@ -45,8 +45,8 @@ TEST(MadeForms, AreOfAllKinds) {
   FormMaker maker(kSeed);
   std::size_t with_fields = 0;
   std::size_t with_uploads = 0;
-  std::size_t taken_after_damage = 0;
-  std::size_t refused_after_damage = 0;
+  std::size_t taken_in_doubt = 0;
+  std::size_t refused_in_doubt = 0;
   std::map<int, std::size_t> by_status;
   for (std::size_t i = 0; i < kMadeForms; ++i) {
     const MadeForm made = maker.Make();
@@ -55,7 +55,7 @@ TEST(MadeForms, AreOfAllKinds) {
     if (!form.fields.empty()) ++with_fields;
     if (!form.uploads.empty()) ++with_uploads;
     if (!made.known) {
-      ++(form.status == 0 ? taken_after_damage : refused_after_damage);
+      ++(form.status == 0 ? taken_in_doubt : refused_in_doubt);
     }
   }
   EXPECT_GT(by_status[0], kMadeForms / 2);
@@ -64,8 +64,8 @@ TEST(MadeForms, AreOfAllKinds) {
   EXPECT_GT(by_status[415], kMadeForms / 500);
   EXPECT_GT(with_fields, kMadeForms / 3);
   EXPECT_GT(with_uploads, kMadeForms / 5);
-  EXPECT_GT(taken_after_damage, kMadeForms / 20);
-  EXPECT_GT(refused_after_damage, kMadeForms / 10);
+  EXPECT_GT(taken_in_doubt, kMadeForms / 20);
+  EXPECT_GT(refused_in_doubt, kMadeForms / 10);
 }
 
 }  // namespace
