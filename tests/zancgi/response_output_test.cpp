@@ -1,0 +1,439 @@
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/sendfile.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
+#include <unistd.h>
+#include <zancgi/response.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/scratch.h>
+#include <zancgi/testing/system.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "support/clean_run.h"
+#include "support/signals.h"
+#include "support/standard_output.h"
+
+namespace {
+
+/// With which error sendfile(2) fails in this process; 0 for none.
+constinit int sendfile_error = 0;
+/// How much writev(2) takes at once; 0 for what it can.
+constinit std::size_t writev_limit = 0;
+
+}  // namespace
+
+extern "C" ssize_t sendfile(int out_fd, int in_fd, off_t* offset,
+                            std::size_t count) {
+  if (sendfile_error != 0) {
+    errno = sendfile_error;
+    return -1;
+  }
+  return ::syscall(SYS_sendfile, out_fd, in_fd, offset, count);
+}
+
+extern "C" ssize_t writev(int fd, const iovec* iovec, int count) {
+  if (writev_limit == 0) return ::syscall(SYS_writev, fd, iovec, count);
+  while (count > 1 && iovec->iov_len == 0) {
+    ++iovec;
+    --count;
+  }
+  return ::write(fd, iovec->iov_base, std::min(iovec->iov_len, writev_limit));
+}
+
+namespace {
+
+using support::OutputOf;
+using support::OutputTo;
+using zan_cgi::Response;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Descriptor;
+using zan_cgi::testing::Reporter;
+using zan_cgi::testing::Scratch;
+
+constexpr std::size_t kSize = 1'000'000;
+
+std::string Content() {
+  std::string content(kSize, '\0');
+  for (std::size_t i = 0; i < kSize; ++i) {
+    content[i] = static_cast<char>(i * 31 / 7);
+  }
+  return content;
+}
+
+/// A file with the content that is sent.
+class SentFile {
+ public:
+  SentFile()
+      : path_(scratch_.MakeFile("file", Content())),
+        file_(::open(path_.c_str(), O_RDONLY | O_CLOEXEC)) {}
+
+  const std::string& Path() const { return path_; }
+  int Get() const { return file_.Get(); }
+  void Close() { file_.Close(); }
+
+ private:
+  Scratch scratch_;
+  std::string path_;
+  Descriptor file_;
+};
+
+void SendBody(const SentFile&) { Response().Send(Content()); }
+
+void SendFile(const SentFile& file) {
+  Response().SendFile(file.Get(), "text/csv");
+}
+
+void CopyFile(const SentFile& file) {
+  sendfile_error = EINVAL;
+  SendFile(file);
+}
+
+struct Manner {
+  std::string name;
+  void (*send)(const SentFile& file);
+};
+
+class Output : public testing::TestWithParam<Manner> {
+ protected:
+  /// Runs a check in a child of its own.
+  static void InChild(const std::function<void(const SentFile&)>& check) {
+    support::RunCleanly(Child(), [&](const Reporter&) {
+      const SentFile file;
+      check(file);
+    });
+  }
+
+  static void Send(const SentFile& file) { GetParam().send(file); }
+};
+
+INSTANTIATE_TEST_SUITE_P(All, Output,
+                         testing::Values(Manner{"OfABody", SendBody},
+                                         Manner{"OfAFile", SendFile},
+                                         Manner{"OfACopiedFile", CopyFile}),
+                         [](const auto& parameter) {
+                           return parameter.param.name;
+                         });
+
+/// A pipe as descriptor 1 and a thread that reads it.
+class ReaderThread {
+ public:
+  /// @param read  reads, and closes the descriptor or leaves that
+  explicit ReaderThread(std::function<void(Descriptor& from)> read)
+      : read_(std::move(read)) {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+    reading_end_ = Descriptor(ends[0]);
+    writing_end_ = Descriptor(ends[1]);
+  }
+
+  void DoNotBlock() const { ::fcntl(writing_end_.Get(), F_SETFL, O_NONBLOCK); }
+
+  /// What happens when this is written to the pipe; empty without an exception.
+  std::string Error(const std::function<void()>& write) {
+    std::string error;
+    std::thread reader([this] { read_(reading_end_); });
+    {
+      const OutputTo redirection(writing_end_.Get());
+      writing_end_.Close();
+      try {
+        write();
+      } catch (const std::runtime_error& thrown) {
+        error = thrown.what();
+      }
+    }
+    reader.join();
+    return error;
+  }
+
+ private:
+  std::function<void(Descriptor& from)> read_;
+  Descriptor reading_end_;
+  Descriptor writing_end_;
+};
+
+std::string ReadSome(int descriptor, std::size_t size) {
+  std::string bytes(size, '\0');
+  const ssize_t got = zan_cgi::testing::RetryInterrupted(
+      [&] { return ::read(descriptor, bytes.data(), size); });
+  bytes.resize(static_cast<std::size_t>(got));
+  return bytes;
+}
+
+std::string ReadAll(int descriptor) {
+  std::string all;
+  for (;;) {
+    const std::string piece = ReadSome(descriptor, 5000);
+    if (piece.empty()) return all;
+    all += piece;
+  }
+}
+
+TEST_P(Output, GoesOnWhereAPipeIsFull) {
+  for (const bool blocks : {true, false}) {
+    SCOPED_TRACE(blocks);
+    InChild([&](const SentFile& file) {
+      std::string received;
+      ReaderThread reader(
+          [&](Descriptor& from) { received = ReadAll(from.Get()); });
+      if (!blocks) reader.DoNotBlock();
+      EXPECT_EQ(reader.Error([&] { Send(file); }), "");
+      EXPECT_TRUE(received.ends_with("\r\n\r\n" + Content()));
+    });
+  }
+}
+
+TEST_P(Output, GoesOnAfterSignals) {
+  for (const bool blocks : {true, false}) {
+    SCOPED_TRACE(blocks);
+    InChild([&](const SentFile& file) {
+      std::string received;
+      ReaderThread reader([&](Descriptor& from) {
+        // All signals are for the thread that writes.
+        support::Block(SIGALRM);
+        // While the pipe is full.
+        while (support::SignalsCounted() < 3) std::this_thread::yield();
+        received = ReadAll(from.Get());
+      });
+      if (!blocks) reader.DoNotBlock();
+      support::StartSignalStorm();
+      EXPECT_EQ(reader.Error([&] { Send(file); }), "");
+      support::EndSignalStorm();
+      EXPECT_TRUE(received.ends_with("\r\n\r\n" + Content()));
+    });
+  }
+}
+
+TEST_P(Output, ArrivesWholeByteByByte) {
+  InChild([](const SentFile& file) {
+    const std::string whole = OutputOf([&] { Send(file); });
+    writev_limit = 1;
+    EXPECT_TRUE(OutputOf([&] { Send(file); }) == whole);
+  });
+}
+
+TEST_P(Output, IsAppendedWhereThatIsAskedFor) {
+  InChild([](const SentFile& file) {
+    const Scratch scratch;
+    const std::string path = scratch.MakeFile("output", "before");
+    {
+      const Descriptor output(
+          ::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
+      const OutputTo redirection(output.Get());
+      Send(file);
+    }
+    const std::string written = zan_cgi::testing::ReadFile(path);
+    EXPECT_TRUE(written.starts_with("beforeStatus: 200 OK\r\n"));
+    EXPECT_TRUE(written.ends_with("\r\n\r\n" + Content()));
+  });
+}
+
+/// Expects that a signal neither waits nor is kept out.
+void ExpectUntouched(int signal) {
+  EXPECT_FALSE(support::IsPending(signal));
+  EXPECT_FALSE(support::IsBlocked(signal));
+}
+
+TEST_P(Output, ToNobodyIsNoError) {
+  InChild([](const SentFile& file) {
+    ReaderThread gone([](Descriptor& from) { from.Close(); });
+    ReaderThread leaving([](Descriptor& from) {
+      ReadSome(from.Get(), 10);
+      from.Close();
+    });
+    for (ReaderThread* const reader : {&gone, &leaving}) {
+      EXPECT_EQ(reader->Error([&] {
+        std::fputs("X-Early: 1\r\n", stdout);
+        Send(file);
+      }),
+                "");
+      ExpectUntouched(SIGPIPE);
+    }
+  });
+}
+
+TEST_P(Output, ToNobodyIsNoErrorWhateverSigpipeDoes) {
+  for (const auto handler : {SIG_IGN, SIG_DFL}) {
+    InChild([&](const SentFile& file) {
+      ::signal(SIGPIPE, handler);
+      ReaderThread gone([](Descriptor& from) { from.Close(); });
+      EXPECT_EQ(gone.Error([&] { Send(file); }), "");
+      ExpectUntouched(SIGPIPE);
+      EXPECT_EQ(::signal(SIGPIPE, SIG_DFL), handler);
+    });
+  }
+  InChild([](const SentFile& file) {
+    support::CountSignals(SIGPIPE);
+    ReaderThread gone([](Descriptor& from) { from.Close(); });
+    EXPECT_EQ(gone.Error([&] { Send(file); }), "");
+    ExpectUntouched(SIGPIPE);
+    EXPECT_EQ(support::SignalsCounted(), 0);
+  });
+}
+
+TEST_P(Output, LeavesASigpipeThatWaits) {
+  for (const bool waits : {false, true}) {
+    SCOPED_TRACE(waits);
+    InChild([&](const SentFile& file) {
+      support::Block(SIGPIPE);
+      if (waits) ::raise(SIGPIPE);
+      ReaderThread gone([](Descriptor& from) { from.Close(); });
+      EXPECT_EQ(gone.Error([&] { Send(file); }), "");
+      EXPECT_EQ(support::IsPending(SIGPIPE), waits);
+      EXPECT_TRUE(support::IsBlocked(SIGPIPE));
+    });
+  }
+}
+
+/// A TCP connection whose other end has been reset.
+Descriptor ResetConnection() {
+  const Descriptor listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = ::htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof(address);
+  auto* const general = reinterpret_cast<sockaddr*>(&address);
+  EXPECT_EQ(::bind(listener.Get(), general, size), 0);
+  EXPECT_EQ(::listen(listener.Get(), 1), 0);
+  EXPECT_EQ(::getsockname(listener.Get(), general, &size), 0);
+  Descriptor client(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  EXPECT_EQ(::connect(client.Get(), general, size), 0);
+  Descriptor server(::accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+  const linger at_once{1, 0};
+  ::setsockopt(client.Get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
+  client.Close();
+  return server;
+}
+
+TEST_P(Output, ToAConnectionThatIsResetIsNoError) {
+  InChild([](const SentFile& file) {
+    const Descriptor connection = ResetConnection();
+    std::string error;
+    {
+      const OutputTo redirection(connection.Get());
+      try {
+        Send(file);
+      } catch (const std::runtime_error& thrown) {
+        error = thrown.what();
+      }
+    }
+    EXPECT_EQ(error, "");
+    ExpectUntouched(SIGPIPE);
+  });
+}
+
+std::string ErrorTo(int descriptor, const std::function<void()>& write) {
+  const OutputTo redirection(descriptor);
+  try {
+    write();
+  } catch (const std::runtime_error& thrown) {
+    return thrown.what();
+  }
+  return "";
+}
+
+TEST_P(Output, ThatCannotBeWrittenIsAnError) {
+  InChild([](const SentFile& file) {
+    const Descriptor full(::open("/dev/full", O_WRONLY | O_CLOEXEC));
+    EXPECT_EQ(ErrorTo(full.Get(), [&] { Send(file); }),
+              "cannot write the answer: No space left on device");
+    const std::string error = ErrorTo(full.Get(), [&] {
+      ::close(STDOUT_FILENO);
+      Send(file);
+    });
+    EXPECT_EQ(error, "cannot write the answer: Bad file descriptor");
+    ExpectUntouched(SIGPIPE);
+  });
+}
+
+TEST(EarlyText, ThatCannotBeWrittenIsAnError) {
+  support::RunCleanly(Child(), [](const Reporter&) {
+    const Descriptor full(::open("/dev/full", O_WRONLY | O_CLOEXEC));
+    const std::string error = ErrorTo(full.Get(), [] {
+      std::fputs("X-Early: 1\r\n", stdout);
+      Response(204).Send("");
+    });
+    EXPECT_EQ(error, "cannot write the answer: No space left on device");
+  });
+}
+
+/// What happens when the file is changed while the pipe, which is smaller, is
+/// full, and what arrives.
+std::pair<std::string, std::string> SendAndChange(
+    const Manner& manner, const SentFile& file,
+    const std::function<void()>& change) {
+  std::string received;
+  ReaderThread reader([&](Descriptor& from) {
+    received = ReadSome(from.Get(), 10);
+    change();
+    received += ReadAll(from.Get());
+  });
+  return {reader.Error([&] { manner.send(file); }), received};
+}
+
+class FileOutput : public Output {};
+
+INSTANTIATE_TEST_SUITE_P(All, FileOutput,
+                         testing::Values(Manner{"OfAFile", SendFile},
+                                         Manner{"OfACopiedFile", CopyFile}),
+                         [](const auto& parameter) {
+                           return parameter.param.name;
+                         });
+
+TEST_P(FileOutput, OfAFileThatShrinksIsAnError) {
+  InChild([](const SentFile& file) {
+    const auto [error, received] = SendAndChange(GetParam(), file, [&] {
+      EXPECT_EQ(::truncate(file.Path().c_str(), kSize / 2), 0);
+    });
+    EXPECT_EQ(error, "the file has become shorter while it was sent");
+    EXPECT_LT(received.size(), kSize);
+  });
+}
+
+TEST_P(FileOutput, OfAFileThatGrowsEndsWhereItDid) {
+  InChild([](const SentFile& file) {
+    const auto [error, received] = SendAndChange(GetParam(), file, [&] {
+      EXPECT_EQ(::truncate(file.Path().c_str(), kSize * 2), 0);
+    });
+    EXPECT_EQ(error, "");
+    EXPECT_TRUE(received.ends_with("\r\n\r\n" + Content()));
+  });
+}
+
+TEST(CopiedFile, ThatCannotBeReadIsAnError) {
+  support::RunCleanly(Child(), [](const Reporter&) {
+    SentFile file;
+    const auto [error, received] =
+        SendAndChange({"", CopyFile}, file, [&] { file.Close(); });
+    EXPECT_EQ(error, "cannot read the file: Bad file descriptor");
+    EXPECT_LT(received.size(), kSize);
+  });
+}
+
+TEST(CopiedFile, IsOneThatTheSystemCannotSend) {
+  support::RunCleanly(Child(), [](const Reporter&) {
+    const SentFile file;
+    for (const int error : {EINVAL, ENOSYS, EOPNOTSUPP}) {
+      sendfile_error = error;
+      EXPECT_TRUE(
+          OutputOf([&] { SendFile(file); }).ends_with("\r\n\r\n" + Content()));
+    }
+    sendfile_error = EIO;
+    EXPECT_THROW(OutputOf([&] { SendFile(file); }), std::runtime_error);
+  });
+}
+
+}  // namespace
