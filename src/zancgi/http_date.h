@@ -33,13 +33,13 @@ inline std::string FormatHttpDate(std::chrono::sys_seconds time) {
   const unsigned weekday = std::chrono::weekday(midnight).c_encoding();
   const unsigned month = static_cast<unsigned>(date.month()) - 1;
   std::array<char, 64> text;
-  std::snprintf(
+  static_cast<void>(std::snprintf(
       text.data(), text.size(), "%.3s, %02u %.3s %04d %02d:%02d:%02d GMT",
       &kDayNames[std::size_t{3} * weekday], static_cast<unsigned>(date.day()),
       &kMonthNames[std::size_t{3} * month], static_cast<int>(date.year()),
       static_cast<int>(clock.hours().count()),
       static_cast<int>(clock.minutes().count()),
-      static_cast<int>(clock.seconds().count()));
+      static_cast<int>(clock.seconds().count())));
   return text.data();
 }
 
@@ -154,7 +154,8 @@ inline std::optional<std::chrono::sys_seconds> ParseHttpDate(
   const bool is_time =
       numbers->hour < 24 && numbers->minute < 60 && numbers->second <= 60;
   if (!date.ok() || !is_time) return std::nullopt;
-  return std::chrono::sys_days(date) + std::chrono::hours(numbers->hour) +
+  const std::chrono::sys_days midnight = date;
+  return midnight + std::chrono::hours(numbers->hour) +
          std::chrono::minutes(numbers->minute) +
          std::chrono::seconds(numbers->second);
 }

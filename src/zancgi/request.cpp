@@ -1,10 +1,11 @@
 #include "request.h"
 
+#include <zancgi/form.h>
+
 #include <algorithm>
-#include <cstddef>
 #include <cstdlib>
+#include <initializer_list>
 #include <string_view>
-#include <utility>
 
 #include "http_text.h"
 #include "urlencoded.h"

@@ -8,6 +8,7 @@
 #define ZANCGI_REQUEST_H
 
 #include <zancgi/form.h>
+#include <zancgi/zancgi.h>
 
 #include <string>
 #include <vector>

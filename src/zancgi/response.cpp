@@ -2,18 +2,17 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <zancgi/request.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cinttypes>
-#include <cstddef>
+#include <compare>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <optional>
 #include <stdexcept>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "byte_range.h"
@@ -104,7 +103,7 @@ bool HasControl(std::string_view text) {
 void CheckName(const std::string& name) {
   if (!IsToken(name)) {
     throw std::invalid_argument(
-        "the name of a header must be letters, digits and \"-\" only");
+        "the name of a header must be letters, digits and - only");
   }
   if (EqualWithoutCase(name, "Status")) {
     throw std::invalid_argument("give the status to the constructor");
@@ -135,7 +134,7 @@ void CheckCookie(const SetCookie& cookie) {
   const std::string& value = cookie.value;
   if (!IsToken(cookie.name)) {
     throw std::invalid_argument(
-        "the name of a cookie must be letters, digits, \"-\" and \"_\" only");
+        "the name of a cookie must be letters, digits, - and _ only");
   }
   if (!std::all_of(value.begin(), value.end(), IsCookieByte)) {
     throw std::invalid_argument(
@@ -259,11 +258,11 @@ struct stat RegularFile(int descriptor) {
 /// Changes whenever the file is written or replaced.
 std::string EntityTag(const struct stat& file) {
   char text[80];
-  std::snprintf(text, sizeof(text), "\"%jx-%jx-%jx.%jx\"",
-                std::uintmax_t{file.st_ino},
-                static_cast<std::uintmax_t>(file.st_size),
-                static_cast<std::uintmax_t>(file.st_mtim.tv_sec),
-                static_cast<std::uintmax_t>(file.st_mtim.tv_nsec));
+  static_cast<void>(
+      std::snprintf(text, sizeof(text), "\"%lx-%lx-%lx.%lx\"", file.st_ino,
+                    static_cast<unsigned long>(file.st_size),
+                    static_cast<unsigned long>(file.st_mtim.tv_sec),
+                    static_cast<unsigned long>(file.st_mtim.tv_nsec)));
   return text;
 }
 
@@ -328,6 +327,8 @@ struct Response::Content {
           "this answer has been sent already: make a new Response");
     }
   }
+
+  bool SendsBody() const { return HasBody(status) && Method() != "HEAD"; }
 
   std::string Head(std::int64_t length) const;
   std::optional<ByteRange> ChooseRange(std::int64_t size,
@@ -450,9 +451,10 @@ void Response::Send(const std::string& body) {
   content_->CheckUnsent();
   const std::string head =
       content_->Head(static_cast<std::int64_t>(body.size()));
-  const bool has_body = HasBody(content_->status) && Method() != "HEAD";
+  std::string_view sent = body;
+  if (!content_->SendsBody()) sent = {};
   content_->is_sent = true;
-  ResponseOutput().Write(head, has_body ? std::string_view(body) : "");
+  ResponseOutput().Write(head, sent);
 }
 
 void Response::SendFile(int descriptor, const std::string& type) {
@@ -466,11 +468,11 @@ void Response::SendFile(int descriptor, const std::string& type) {
   const ByteRange range =
       content_->ChooseRange(file.st_size, tag, modified).value_or(ByteRange{});
   const std::string head = content_->Head(range.size());
-  const bool has_body = HasBody(content_->status) && Method() != "HEAD";
+  const bool sends_body = content_->SendsBody();
   content_->is_sent = true;
   ResponseOutput output;
   output.Write(head, "");
-  if (has_body) output.WriteFile(descriptor, range);
+  if (sends_body) output.WriteFile(descriptor, range);
 }
 
 std::string Html(const std::string& text) {

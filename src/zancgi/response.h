@@ -8,6 +8,7 @@
 #define ZANCGI_RESPONSE_H
 
 #include <zancgi/request.h>
+#include <zancgi/zancgi.h>
 
 #include <memory>
 #include <string>

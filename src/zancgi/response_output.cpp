@@ -2,20 +2,19 @@
 
 #include <poll.h>
 #include <sys/sendfile.h>
-#include <sys/types.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <stdexcept>
 #include <string>
+
+#include "byte_range.h"
 
 namespace zan_cgi {
 namespace {

@@ -11,14 +11,15 @@ from verdict import main
 SOURCE = pathlib.Path(os.environ["SOURCE"])
 PAGES = {path.stem: path for path in sorted((SOURCE / "docs" / "man").glob("*.3"))}
 OPERATION_PAGES = {name: path for name, path in PAGES.items() if name != "zancgi"}
-HEADERS = SOURCE / "src" / "zancgi"
-# Beside zancgi.h, in which classes are taken apart.
-MORE_HEADERS = ["account.h"]
+HEADER = SOURCE / "src" / "zancgi" / "zancgi.h"
+# Each class is shown whole. A page may show all functions of one of them, and
+# has its name then.
+OTHER_HEADERS = [HEADER.with_name(f"{name}.h") for name in ("account", "form", "request", "response")]
 
 PAGES_OF_THE_SYSTEM = {
     "alarm(2)", "capabilities(7)", "chroot(2)", "getgrouplist(3)", "initgroups(3)", "malloc(3)",
     "nsswitch.conf(5)", "pam_conv(3)", "pam_open_session(3)", "pam_start(3)", "rename(2)",
-    "session-keyring(7)", "setrlimit(2)", "setuid(2)", "tmpfiles.d(5)",
+    "sendfile(2)", "session-keyring(7)", "setrlimit(2)", "setuid(2)", "stdio(3)", "tmpfiles.d(5)",
 }  # fmt: skip
 SECTIONS = ["NAME", "SYNOPSIS", "DESCRIPTION", "RETURN VALUES", "EXAMPLES", "ERRORS", "SEE ALSO"]
 # String literals, those side by side as one.
@@ -56,26 +57,35 @@ def normalised(declaration):
     return re.sub(r"\s*([(){};,])\s*|\s+", lambda m: m[1] or " ", declaration).strip()
 
 
-def header_statements(name):
-    """Those of the namespace."""
-    text = re.sub(r"//[^\n]*", "", (HEADERS / name).read_text())
+def header_statements(header):
+    """What a header declares in the namespace."""
+    text = re.sub(r"//[^\n]*", "", header.read_text())
     text = re.sub(r"^#(?:[^\n]*\\\n)*[^\n]*", "", text, flags=re.MULTILINE)
     for statement in statements(body(text[text.index("namespace zan_cgi") :])):
         if not statement.lstrip().startswith("using "):
             yield statement
 
 
-def header_declarations():
-    for name in MORE_HEADERS:
-        for statement in header_statements(name):
-            yield normalised(re.sub(r"private:.*}", "}", statement, flags=re.DOTALL))
-    request, record, *functions = header_statements("zancgi.h")
+def request_declarations():
+    """Those of the header whose class has a page for each operation."""
+    request, record, *functions = header_statements(HEADER)
     public = body(request).split("private:")[0]
     caller, _, *operations = statements(public)
     method, *fields = statements(body(caller))
     yield normalised(method)
     yield normalised("struct AuthInfo {" + "".join(fields) + "};")
     yield from map(normalised, [*operations, record, *functions])
+
+
+def declarations(header):
+    for statement in header_statements(header):
+        yield normalised(re.sub(r"private:.*};", "};", statement, flags=re.DOTALL))
+
+
+def header_declarations():
+    yield from request_declarations()
+    for header in OTHER_HEADERS:
+        yield from declarations(header)
 
 
 def page_declarations(page):
@@ -150,6 +160,10 @@ class ManualTest(unittest.TestCase):
     def test_declarations_stand_in_the_page_of_their_name(self):
         def assert_first(name, page):
             operation = name.removeprefix("zancgi_")
+            if operation in [header.stem for header in OTHER_HEADERS]:
+                header = HEADER.with_name(f"{operation}.h")
+                self.assertEqual(list(page_declarations(page)), list(declarations(header)))
+                return
             self.assertRegex(next(page_declarations(page)), rf"\b{operation}[({{]")
 
         self.check(OPERATION_PAGES, assert_first)
