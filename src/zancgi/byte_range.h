@@ -22,8 +22,8 @@ struct ByteRange {
   std::int64_t size() const { return end - begin; }
 };
 
-/// Returns a number that has digits only, or the largest one in place of a
-/// larger one.
+/// Converts decimal digits. A number that is too large becomes the largest
+/// value.
 inline std::int64_t ParseLargeNumber(std::string_view digits) {
   constexpr std::int64_t kLargest = std::numeric_limits<std::int64_t>::max();
   std::int64_t number = 0;

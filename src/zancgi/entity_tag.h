@@ -16,8 +16,8 @@ inline std::string_view OpaqueTag(std::string_view tag) {
   return IsWeakTag(tag) ? tag.substr(2) : tag;
 }
 
-/// Returns whether the value of an If-None-Match header names an entity tag, by
-/// the weak comparison. "*" names every one. Of a malformed value the tags
+/// Returns whether the value of an If-None-Match header lists an entity tag, by
+/// weak comparison. "*" matches every tag. In a malformed value, only the tags
 /// before the mistake count.
 inline bool NamesTag(std::string_view header, std::string_view tag) {
   if (header == "*") return true;

@@ -1,8 +1,8 @@
 /// @file
 /// Private: dates of HTTP (RFC 9110 section 5.6.7).
 ///
-/// gmtime(3) and timegm(3) would read the system's time zone, which costs
-/// several system calls and is not there after chroot(2).
+/// Not by gmtime(3) and timegm(3): they read the system's time zone, which
+/// costs several system calls and is missing after chroot(2).
 #ifndef ZANCGI_HTTP_DATE_H
 #define ZANCGI_HTTP_DATE_H
 
@@ -81,9 +81,9 @@ struct DateNumbers {
   }
 };
 
-/// Reads a date of fixed width. In the pattern each of "ydhms" stands for a
-/// digit, "_" for a digit of the day or a space, "bbb" for the name of the
-/// month, and anything else for itself.
+/// Reads a date of fixed width. In the pattern, each of "ydhms" is a digit of
+/// that number, "_" is a digit of the day or a space, "bbb" is the name of the
+/// month, and any other character is itself.
 inline std::optional<DateNumbers> ReadDate(std::string_view text,
                                            std::string_view pattern) {
   if (text.size() != pattern.size()) return std::nullopt;
@@ -104,7 +104,7 @@ inline std::optional<DateNumbers> ReadDate(std::string_view text,
   return numbers;
 }
 
-/// The year of two digits that is at most 50 years in the future.
+/// Completes a year of two digits, which is at most 50 years in the future.
 inline int FullYear(int two_digits, std::chrono::sys_seconds now) {
   const std::chrono::year_month_day today(
       std::chrono::floor<std::chrono::days>(now));

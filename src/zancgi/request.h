@@ -23,7 +23,7 @@ ZANCGI_API std::string Method();
 /// (RFC 3875 section 4.1.18), `CONTENT_TYPE` and `CONTENT_LENGTH` for those
 /// two. Empty when there is no such header, or when @p name is not a token.
 ///
-/// Web servers keep some headers to themselves, Authorization above all.
+/// Web servers do not pass on every header; Authorization is one of these.
 /// @param name  the header's name; case does not matter
 ZANCGI_API std::string Header(const std::string& name);
 
@@ -35,7 +35,7 @@ ZANCGI_API std::string PathInfo();
 /// set to anything but "", "off" (without case) and "0".
 ///
 /// X-Forwarded-Proto and the like do not count, since clients can send them:
-/// after a proxy, set `HTTPS` in the web server's configuration.
+/// when a proxy ends TLS, set `HTTPS` in the web server's configuration.
 ZANCGI_API bool IsHttps();
 
 /// Returns the fields of the query string, whatever the method, in the order
@@ -43,7 +43,8 @@ ZANCGI_API bool IsHttps();
 /// and an invalid escape stays as it is. Names may repeat.
 ZANCGI_API std::vector<Form::Field> QueryFields();
 
-/// Returns whether a page of this site, or the user, has caused the request.
+/// Returns whether the request comes from a page of this site or directly from
+/// the user.
 /// Refuse what changes something when it is false: another site may have sent
 /// it with the user's cookies.
 ///

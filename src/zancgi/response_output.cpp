@@ -53,13 +53,13 @@ SigpipeGuard::~SigpipeGuard() {
 }
 
 ResponseOutput::ResponseOutput() {
-  // Not tried again: after an error stdio has dropped the text.
+  // No retry: stdio drops the text when a write fails.
   if (std::fflush(stdout) != 0 && !HasReaderGone()) ThrowWriteError();
 }
 
 void ResponseOutput::Write(std::string_view head, std::string_view body) {
   while (has_reader_ && !(head.empty() && body.empty())) {
-    // writev(2) changes nothing there.
+    // writev(2) does not write there.
     const std::array<iovec, 2> pieces = {
         iovec{const_cast<char*>(head.data()), head.size()},
         iovec{const_cast<char*>(body.data()), body.size()}};
@@ -91,7 +91,8 @@ void ResponseOutput::WriteFile(int file, ByteRange range) {
   }
 }
 
-/// For outputs that sendfile(2) refuses, such as a file that is appended to.
+/// For outputs that sendfile(2) does not support, such as a file opened with
+/// O_APPEND.
 void ResponseOutput::Copy(int file, ByteRange& range) {
   std::array<char, 32768> buffer;
   while (has_reader_ && range.size() > 0) {
@@ -109,7 +110,7 @@ void ResponseOutput::Copy(int file, ByteRange& range) {
   }
 }
 
-/// Returns when the write is to be tried again, or the reader has gone.
+/// Returns when the write can be retried, or when the reader has gone.
 void ResponseOutput::WaitAfterFailedWrite() {
   if (HasReaderGone() || errno == EINTR) return;
   if (errno != EAGAIN) ThrowWriteError();

@@ -11,11 +11,13 @@
 
 namespace zan_cgi {
 
-/// Keeps a SIGPIPE from this thread's own writes away from the process.
+/// Blocks SIGPIPE in this thread while it lives, so that a write which nobody
+/// can read only fails.
 class SigpipeGuard {
  public:
   SigpipeGuard();
-  /// Takes a signal that has come for a write away, then lets others in again.
+  /// Discards the signal that a write has raised, then restores the mask. One
+  /// that was pending before stays.
   ~SigpipeGuard();
   SigpipeGuard(const SigpipeGuard&) = delete;
   SigpipeGuard& operator=(const SigpipeGuard&) = delete;
@@ -30,19 +32,20 @@ class SigpipeGuard {
   bool has_come_ = false;
 };
 
-/// The answer's way to the client. Goes on after signals and partial writes,
-/// and waits where the reader is slow. Once the reader has gone, nothing more
-/// is written.
+/// Writes the answer to descriptor 1. Retries after signals and partial writes,
+/// and waits for a slow reader. Once the reader has gone, writes nothing more.
+/// SIGPIPE is blocked while it lives.
 class ResponseOutput {
  public:
-  /// Writes what stdio holds for stdout first.
+  /// Flushes stdout, so that the answer comes after what was printed before.
   /// @throws std::runtime_error  it cannot be written
   ResponseOutput();
 
   /// @throws std::runtime_error  it cannot be written
   void Write(std::string_view head, std::string_view body);
 
-  /// Writes a part of a regular file, without using the descriptor's position.
+  /// Writes a part of a regular file. The descriptor's position is neither used
+  /// nor changed.
   /// @throws std::runtime_error  it cannot be read or written, or is too short
   void WriteFile(int file, ByteRange range);
 

@@ -19,7 +19,7 @@ OTHER_HEADERS = [HEADER.with_name(f"{name}.h") for name in ("account", "form", "
 PAGES_OF_THE_SYSTEM = {
     "alarm(2)", "capabilities(7)", "chroot(2)", "getgrouplist(3)", "initgroups(3)", "malloc(3)",
     "nsswitch.conf(5)", "pam_conv(3)", "pam_open_session(3)", "pam_start(3)", "rename(2)",
-    "sendfile(2)", "session-keyring(7)", "setrlimit(2)", "setuid(2)", "stdio(3)", "tmpfiles.d(5)",
+    "sendfile(2)", "session-keyring(7)", "setrlimit(2)", "setuid(2)", "tmpfiles.d(5)",
 }  # fmt: skip
 SECTIONS = ["NAME", "SYNOPSIS", "DESCRIPTION", "RETURN VALUES", "EXAMPLES", "ERRORS", "SEE ALSO"]
 # String literals, those side by side as one.

@@ -183,6 +183,10 @@ TEST(Headers, ThatAreSetStay) {
     EXPECT_EQ(
         file.Sent({{"HTTP_IF_NONE_MATCH", "\"mine\""}}, response()).status,
         304);
+    EXPECT_EQ(file.Sent({{"HTTP_IF_NONE_MATCH", "\"mine\""}},
+                        Response().Header("ETag", "W/\"mine\""))
+                  .status,
+              304);
     EXPECT_EQ(
         file.Sent({{"HTTP_IF_MODIFIED_SINCE", "Sat, 05 Nov 1994 08:49:37 GMT"}},
                   response())

@@ -166,16 +166,18 @@ TEST(Response, ComesAfterWhatWasPrinted) {
 
 TEST(Header, OfANameIsReplacedButCookiesAreAdded) {
   InChild([] {
-    EXPECT_EQ(Sent(Response()
-                       .Header("X-A", "1")
-                       .Header("content-TYPE", "text/css")
-                       .Header("x-a", "2")
-                       .Header("set-cookie", "a=1")
-                       .Header("Set-Cookie", "a=2")
-                       .Header("X-A-B", "")),
-              "Status: 200 OK\r\ncontent-TYPE: text/css\r\nx-a: 2\r\n"
-              "set-cookie: a=1\r\nSet-Cookie: a=2\r\nX-A-B: \r\n"
-              "Content-Length: 0\r\n\r\n");
+    EXPECT_EQ(
+        Sent(Response()
+                 .Header("X-A", "1")
+                 .Header("content-TYPE", "text/css")
+                 .Header("x-a", "2")
+                 .Header("set-cookie", "a=1")
+                 .Header("Set-Cookie", "a=2")
+                 .Header("SET-COOKIE", "a=3")
+                 .Header("X-A-B", "")),
+        "Status: 200 OK\r\ncontent-TYPE: text/css\r\nx-a: 2\r\n"
+        "set-cookie: a=1\r\nSet-Cookie: a=2\r\nSET-COOKIE: a=3\r\nX-A-B: \r\n"
+        "Content-Length: 0\r\n\r\n");
   });
 }
 
