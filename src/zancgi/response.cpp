@@ -91,7 +91,7 @@ std::string StatusLine(int status) {
 
 bool HasBody(int status) { return status != 204 && status != 304; }
 
-/// Whether the answer to such a request depends on what the client has.
+/// Whether conditions and ranges count for this method.
 bool IsReading(const std::string& method) {
   return method == "GET" || method == "HEAD";
 }
@@ -275,7 +275,7 @@ sys_seconds Now() {
 /// cannot express.
 std::string LastModified(const struct stat& file) {
   const sys_seconds modified{std::chrono::seconds(file.st_mtim.tv_sec)};
-  return FormatHttpDate(std::clamp(modified, sys_seconds{}, Now()));
+  return FormatHttpDate(std::max(std::min(modified, Now()), sys_seconds{}));
 }
 
 std::string ContentRange(std::optional<ByteRange> range, std::int64_t size) {
@@ -297,7 +297,7 @@ struct Response::Content {
 
   explicit Content(int new_status) : status(new_status) {}
 
-  const Line* Find(std::string_view name) const {
+  Line* Find(std::string_view name) {
     const auto found = std::find_if(
         lines.begin(), lines.end(),
         [&](const Line& line) { return EqualWithoutCase(line.name, name); });
@@ -305,11 +305,11 @@ struct Response::Content {
   }
 
   void Set(const std::string& name, const std::string& value) {
-    const Line* const old = Find(name);
+    Line* const old = Find(name);
     if (old == nullptr || EqualWithoutCase(name, "Set-Cookie")) {
       lines.push_back({name, value});
     } else {
-      lines[static_cast<std::size_t>(old - lines.data())] = {name, value};
+      *old = {name, value};
     }
   }
 
@@ -356,7 +356,7 @@ std::string Response::Content::Head(std::int64_t length) const {
 
 namespace {
 
-/// Whether the client has what would be sent (RFC 9110 section 13.2.2).
+/// Whether the client already has the file (RFC 9110 section 13.2.2).
 bool IsNotModified(const std::string& tag, const std::string& modified) {
   const std::string tags = Header("If-None-Match");
   if (!tags.empty()) return NamesTag(tags, tag);
@@ -365,7 +365,7 @@ bool IsNotModified(const std::string& tag, const std::string& modified) {
   return since && last && *last <= *since;
 }
 
-/// Whether a part fits what the client has of the file (RFC 9110 section
+/// Whether the client wants a part of the file as it is now (RFC 9110 section
 /// 13.1.5).
 bool HoldsIfRange(const std::string& tag, const std::string& modified) {
   const std::string condition = Header("If-Range");
@@ -375,8 +375,8 @@ bool HoldsIfRange(const std::string& tag, const std::string& modified) {
 
 }  // namespace
 
-/// Chooses what of a file is sent, sets the status and headers that go with it,
-/// and returns the part. Nothing for an answer without a file.
+/// Chooses which part of a file to send, and sets the status and headers for
+/// it. Returns nothing when the answer is sent without the file.
 std::optional<ByteRange> Response::Content::ChooseRange(
     std::int64_t size, const std::string& tag, const std::string& modified) {
   const ByteRange whole{0, size};
@@ -386,7 +386,7 @@ std::optional<ByteRange> Response::Content::ChooseRange(
     status = 304;
     return std::nullopt;
   }
-  // Of a HEAD a Range is ignored (RFC 9110 section 14.2).
+  // A Range counts for GET only (RFC 9110 section 14.2).
   if (method != "GET" || !HoldsIfRange(tag, modified)) return whole;
   const std::optional<ByteRange> range =
       ParseRange(zan_cgi::Header("Range"), size);
