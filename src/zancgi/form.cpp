@@ -12,6 +12,7 @@
 #include "confinement.h"
 #include "form_collector.h"
 #include "header_words.h"
+#include "http_text.h"
 #include "multipart.h"
 #include "request_record.h"
 #include "urlencoded_form.h"
@@ -94,9 +95,10 @@ void ReadBodyForm(BodyReader& body, FormCollector& form) {
   const std::string type = tov_env::GetEnv("CONTENT_TYPE");
   const std::string_view media_type = FirstWord(type);
   body.TakeLength(form.limits().body);
-  if (IsSameWord(media_type, "multipart/form-data")) {
+  if (EqualWithoutCase(media_type, "multipart/form-data")) {
     MultipartParser(body, form, AnnouncedBoundary(type)).Parse();
-  } else if (IsSameWord(media_type, "application/x-www-form-urlencoded")) {
+  } else if (EqualWithoutCase(media_type,
+                              "application/x-www-form-urlencoded")) {
     ReadUrlencoded(body, form);
   } else if (body.length() > 0 || !Trimmed(type).empty()) {
     throw FormError(415, "the type of the body is none of a form");

@@ -4,33 +4,17 @@
 #include <array>
 
 #include "hex_digit.h"
+#include "utf8.h"
 
 namespace zan_cgi {
 namespace {
 
-char LowerCase(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
 /// A set of characters.
 using CharacterSet = std::array<bool, 256>;
-
-/// Letters and digits, and some more.
-constexpr CharacterSet LettersAndDigitsWith(std::string_view more) {
-  CharacterSet set{};
-  for (unsigned char c = '0'; c <= '9'; ++c) set[c] = true;
-  for (unsigned char c = 'a'; c <= 'z'; ++c) set[c] = true;
-  for (unsigned char c = 'A'; c <= 'Z'; ++c) set[c] = true;
-  for (const char c : more) set[static_cast<unsigned char>(c)] = true;
-  return set;
-}
 
 bool Contains(const CharacterSet& set, char c) {
   return set[static_cast<unsigned char>(c)];
 }
-
-/// RFC 8187 section 3.2.1.
-constexpr CharacterSet kAttrChars = LettersAndDigitsWith("!#$&+-.^_`|~");
 
 /// All that can be seen, without some.
 constexpr CharacterSet VisibleWithout(std::string_view some) {
@@ -47,7 +31,7 @@ std::optional<std::string> DecodePercents(std::string_view text) {
   std::string bytes;
   for (std::size_t at = 0; at < text.size(); ++at) {
     if (text[at] != '%') {
-      if (!Contains(kAttrChars, text[at])) return std::nullopt;
+      if (!IsAttrChar(text[at])) return std::nullopt;
       bytes += text[at];
       continue;
     }
@@ -73,29 +57,6 @@ std::string Utf8OfLatin1(std::string_view latin1) {
   return utf8;
 }
 
-/// The length of the character that a text begins with; 0 when it is none. No
-/// surrogate, nothing above U+10FFFF, and no longer than it must be (RFC 3629).
-std::size_t Utf8LengthAt(std::string_view text) {
-  const auto byte = [&](std::size_t i) {
-    return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
-  };
-  const unsigned first = byte(0);
-  if (first < 0x80) return 1;
-  const std::size_t length = first < 0xC2   ? 0
-                             : first < 0xE0 ? 2
-                             : first < 0xF0 ? 3
-                             : first < 0xF5 ? 4
-                                            : 0;
-  for (std::size_t i = 1; i < length; ++i) {
-    if ((byte(i) & 0xC0) != 0x80) return 0;
-  }
-  const unsigned second = byte(1);
-  const bool is_refused =
-      (first == 0xE0 && second < 0xA0) || (first == 0xED && second > 0x9F) ||
-      (first == 0xF0 && second < 0x90) || (first == 0xF4 && second > 0x8F);
-  return is_refused ? 0 : length;
-}
-
 }  // namespace
 
 std::string_view Trimmed(std::string_view text) {
@@ -104,28 +65,10 @@ std::string_view Trimmed(std::string_view text) {
   return text;
 }
 
-bool IsSameWord(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  // Nearly everybody spells them alike.
-  return a == b ||
-         std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           return LowerCase(x) == LowerCase(y);
-         });
-}
-
-bool IsToken(std::string_view text) {
+bool IsMimeToken(std::string_view text) {
   return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
     return Contains(kTokenChars, c);
   });
-}
-
-bool IsUtf8(std::string_view text) {
-  while (!text.empty()) {
-    const std::size_t length = Utf8LengthAt(text);
-    if (length == 0) return false;
-    text.remove_prefix(length);
-  }
-  return true;
 }
 
 std::string_view FirstWord(std::string_view value) {
@@ -205,8 +148,9 @@ std::optional<std::string> DecodeExtendedValue(std::string_view value) {
   const std::string_view charset = value.substr(0, first);
   std::optional<std::string> text = DecodePercents(value.substr(second + 1));
   if (!text) return std::nullopt;
-  if (IsSameWord(charset, "ISO-8859-1")) return Utf8OfLatin1(*text);
-  if (!IsSameWord(charset, "UTF-8") || !IsUtf8(*text)) return std::nullopt;
+  if (EqualWithoutCase(charset, "ISO-8859-1")) return Utf8OfLatin1(*text);
+  if (!EqualWithoutCase(charset, "UTF-8") || !IsUtf8(*text))
+    return std::nullopt;
   return text;
 }
 

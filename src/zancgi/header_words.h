@@ -9,6 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "http_text.h"
+
 namespace zan_cgi {
 
 /// Whether it is a space or tab.
@@ -17,17 +19,9 @@ inline bool IsBlank(char c) { return c == ' ' || c == '\t'; }
 /// Without spaces and tabs at both ends.
 std::string_view Trimmed(std::string_view text);
 
-/// Compares two texts; letters of ASCII in either case are alike.
-bool IsSameWord(std::string_view a, std::string_view b);
-
-/// Whether it is a control character of ASCII.
-inline bool IsControl(char c) {
-  return static_cast<unsigned char>(c) < ' ' || c == 127;
-}
-
 /// Whether it is a token (RFC 2045 section 5.1), as names of headers and
 /// parameters are.
-bool IsToken(std::string_view text);
+bool IsMimeToken(std::string_view text);
 
 /// Which characters a backslash in a quoted string escapes.
 enum class Escapes {
@@ -54,7 +48,7 @@ class ParameterReader {
   bool IsComplete() const { return rest_.empty(); }
 
   /// Whether the parameter has a name, which is compared without case.
-  bool Is(std::string_view name) const { return IsSameWord(name_, name); }
+  bool Is(std::string_view name) const { return EqualWithoutCase(name_, name); }
 
   bool is_quoted() const { return is_quoted_; }
 
@@ -79,9 +73,6 @@ class ParameterReader {
   std::string value_;
   bool is_quoted_ = false;
 };
-
-/// Whether a text is UTF-8 (RFC 3629).
-bool IsUtf8(std::string_view text);
 
 /// Decodes an extended value such as "UTF-8''%e2%82%ac" (RFC 8187) to UTF-8;
 /// nothing when it breaks a rule, has another encoding than UTF-8 and

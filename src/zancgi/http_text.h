@@ -30,9 +30,18 @@ constexpr char UpperCase(char c) {
 }
 
 inline bool EqualWithoutCase(std::string_view a, std::string_view b) {
+  // Nearly everybody spells them alike.
+  if (a == b) return true;
   return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char c, char d) {
     return LowerCase(c) == LowerCase(d);
   });
+}
+
+/// Whether this stands for itself in an extended value (RFC 8187 section
+/// 3.2.1).
+constexpr bool IsAttrChar(char c) {
+  constexpr std::string_view kOthers = "!#$&+-.^_`|~";
+  return IsAlphanumeric(c) || kOthers.find(c) != std::string_view::npos;
 }
 
 /// Whether this is a token (section 5.6.2), as names of headers and cookies

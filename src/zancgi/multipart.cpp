@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "header_words.h"
+#include "http_text.h"
 
 namespace zan_cgi {
 namespace {
@@ -60,14 +61,14 @@ struct MultipartParser::Part {
     const std::size_t colon = header.find(':');
     const std::string_view header_name = Trimmed(header.substr(0, colon));
     const std::string_view value = Trimmed(header.substr(colon + 1));
-    if (IsSameWord(header_name, "Content-Disposition")) {
+    if (EqualWithoutCase(header_name, "Content-Disposition")) {
       TakeDisposition(value);
-    } else if (IsSameWord(header_name, "Content-Type")) {
+    } else if (EqualWithoutCase(header_name, "Content-Type")) {
       if (type) Refuse("a part has two media types");
       type = value;
-    } else if (IsSameWord(header_name, "Content-Transfer-Encoding")) {
+    } else if (EqualWithoutCase(header_name, "Content-Transfer-Encoding")) {
       TakeEncoding(value);
-    } else if (!IsToken(header_name)) {
+    } else if (!IsMimeToken(header_name)) {
       Refuse("a header of a part has no valid name");
     }
   }
@@ -89,7 +90,7 @@ struct MultipartParser::Part {
   void TakeDisposition(std::string_view value) {
     if (has_disposition_) Refuse("a part has two dispositions");
     has_disposition_ = true;
-    if (!IsSameWord(FirstWord(value), "form-data")) {
+    if (!EqualWithoutCase(FirstWord(value), "form-data")) {
       Refuse("the disposition of a part is not form-data");
     }
     ParameterReader parameters(value, Escapes::kQuotesAndSelf);
@@ -118,7 +119,7 @@ struct MultipartParser::Part {
     if (has_encoding_) Refuse("a part has two transfer encodings");
     has_encoding_ = true;
     for (const char* const plain : {"7bit", "8bit", "binary"}) {
-      if (IsSameWord(value, plain)) return;
+      if (EqualWithoutCase(value, plain)) return;
     }
     Refuse("a part is encoded for the transfer");
   }

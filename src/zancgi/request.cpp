@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "http_text.h"
-#include "urlencoded.h"
+#include "url_decoder.h"
 
 namespace zan_cgi {
 namespace {
@@ -48,9 +48,9 @@ bool IsOriginOf(std::string_view origin, std::string_view host) {
 Form::Field DecodedField(std::string_view piece) {
   const std::size_t equals = std::min(piece.find('='), piece.size());
   Form::Field field;
-  field.name = DecodeUrlencoded(piece.substr(0, equals));
+  field.name = common::UrlDecoder(piece.substr(0, equals)).Run();
   piece.remove_prefix(std::min(equals + 1, piece.size()));
-  field.value = DecodeUrlencoded(piece);
+  field.value = common::UrlDecoder(piece).Run();
   return field;
 }
 

@@ -20,6 +20,7 @@
 #include "http_date.h"
 #include "http_text.h"
 #include "response_output.h"
+#include "utf8.h"
 
 namespace zan_cgi {
 namespace {
@@ -175,38 +176,6 @@ std::string CookieLine(const SetCookie& cookie) {
   return line;
 }
 
-/// Returns how many bytes at the beginning are one character of UTF-8 (RFC 3629
-/// section 4); 0 when there is none.
-std::size_t CharacterSize(std::string_view text) {
-  const auto byte = [&](std::size_t i) -> unsigned {
-    return i < text.size() ? static_cast<unsigned char>(text[i]) : 0;
-  };
-  const auto is_tail = [&](std::size_t i) { return (byte(i) & 0xC0) == 0x80; };
-  const unsigned first = byte(0);
-  const unsigned second = byte(1);
-  if (first < 0x80) return 1;
-  if (first < 0xC2 || first > 0xF4 || !is_tail(1)) return 0;
-  if (first < 0xE0) return 2;
-  if (!is_tail(2)) return 0;
-  // Neither a longer form than needed nor half of a surrogate pair.
-  if (first == 0xE0 && second < 0xA0) return 0;
-  if (first == 0xED && second > 0x9F) return 0;
-  if (first < 0xF0) return 3;
-  // Neither a longer form than needed nor above U+10FFFF.
-  if (first == 0xF0 && second < 0x90) return 0;
-  if (first == 0xF4 && second > 0x8F) return 0;
-  return is_tail(3) ? 4 : 0;
-}
-
-bool IsUtf8(std::string_view text) {
-  while (!text.empty()) {
-    const std::size_t size = CharacterSize(text);
-    if (size == 0) return false;
-    text.remove_prefix(size);
-  }
-  return true;
-}
-
 bool IsAscii(char c) { return static_cast<unsigned char>(c) < 0x80; }
 
 /// A quoted string (RFC 9110 section 5.6.4) of printable ASCII.
@@ -221,13 +190,12 @@ std::string QuotedName(const std::string& name) {
 
 /// An extended value (RFC 8187 section 3.2).
 std::string ExtendedName(const std::string& name) {
-  constexpr std::string_view kOthers = "!#$&+-.^_`|~";
   constexpr char kHexDigits[] = "0123456789ABCDEF";
   std::string extended = "UTF-8''";
   for (const char c : name) {
     if (IsControl(c)) {
       extended += '_';
-    } else if (IsAlphanumeric(c) || kOthers.find(c) != std::string_view::npos) {
+    } else if (IsAttrChar(c)) {
       extended += c;
     } else {
       const auto byte = static_cast<unsigned char>(c);

@@ -34,24 +34,6 @@ bool CannotSendFile(int error) {
 
 }  // namespace
 
-SigpipeGuard::SigpipeGuard() {
-  sigset_t pending;
-  ::sigpending(&pending);
-  was_pending_ = ::sigismember(&pending, SIGPIPE) == 1;
-  ::sigemptyset(&sigpipe_);
-  ::sigaddset(&sigpipe_, SIGPIPE);
-  ::pthread_sigmask(SIG_BLOCK, &sigpipe_, &before_);
-}
-
-SigpipeGuard::~SigpipeGuard() {
-  if (has_come_ && !was_pending_) {
-    const timespec now{};
-    while (::sigtimedwait(&sigpipe_, nullptr, &now) < 0 && errno == EINTR) {
-    }
-  }
-  ::pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-}
-
 ResponseOutput::ResponseOutput() {
   // No retry: stdio drops the text when a write fails.
   if (std::fflush(stdout) != 0 && !HasReaderGone()) ThrowWriteError();
@@ -118,7 +100,6 @@ void ResponseOutput::WaitAfterFailedWrite() {
 }
 
 bool ResponseOutput::HasReaderGone() {
-  if (errno == EPIPE) guard_.NoteBrokenPipe();
   if (errno == EPIPE || errno == ECONNRESET) has_reader_ = false;
   return !has_reader_;
 }

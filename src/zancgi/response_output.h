@@ -3,38 +3,16 @@
 #ifndef ZANCGI_RESPONSE_OUTPUT_H
 #define ZANCGI_RESPONSE_OUTPUT_H
 
-#include <signal.h>
-
 #include <string_view>
 
 #include "byte_range.h"
+#include "scoped_signal_block.h"
 
 namespace zan_cgi {
 
-/// Blocks SIGPIPE in this thread while it lives, so that a write which nobody
-/// can read only fails.
-class SigpipeGuard {
- public:
-  SigpipeGuard();
-  /// Discards the signal that a write has raised, then restores the mask. One
-  /// that was pending before stays.
-  ~SigpipeGuard();
-  SigpipeGuard(const SigpipeGuard&) = delete;
-  SigpipeGuard& operator=(const SigpipeGuard&) = delete;
-
-  /// A write has failed with EPIPE.
-  void NoteBrokenPipe() { has_come_ = true; }
-
- private:
-  sigset_t sigpipe_;
-  sigset_t before_;
-  bool was_pending_ = false;
-  bool has_come_ = false;
-};
-
 /// Writes the answer to descriptor 1. Retries after signals and partial writes,
 /// and waits for a slow reader. Once the reader has gone, writes nothing more.
-/// SIGPIPE is blocked while it lives.
+/// SIGPIPE and SIGXFSZ are blocked while it lives.
 class ResponseOutput {
  public:
   /// Flushes stdout, so that the answer comes after what was printed before.
@@ -55,7 +33,7 @@ class ResponseOutput {
   bool HasReaderGone();
   void WaitUntilWritable();
 
-  SigpipeGuard guard_;
+  common::ScopedSignalBlock block_;
   bool has_reader_ = true;
 };
 
