@@ -14,7 +14,9 @@ import record
 # Functions, and what the compiler makes of a class beside them.
 OF_A_CLASS = r"((vtable|typeinfo|typeinfo name) for )?"
 OURS = {
-    "zancgi": rf"ZANCGI_1$|{OF_A_CLASS}zan_cgi::(Cgi::|myconv\()",
+    "zancgi": rf"ZANCGI_1(\.1)?$|{OF_A_CLASS}zan_cgi::"
+    r"((Cgi|Form|Response)::|(Form|Account)Error\b|(myconv|BecomeAccount|Header|Html|IsHttps"
+    r"|IsSameSite|Method|PathInfo|QueryFields|ReadBody|StatusOf)[[(])",
     "tov": rf"TOV_1$|{OF_A_CLASS}(str|tov_(client|env|err|file|log|proc|xml))::",
 }
 

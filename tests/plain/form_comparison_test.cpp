@@ -5,6 +5,7 @@
 #include <zancgi/testing/child.h>
 #include <zancgi/testing/scratch.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
