@@ -67,16 +67,16 @@ class ZANCGI_API Form {
   /// How much is taken. What exceeds one of the first five is refused with 413.
   struct Limits {
     /// Length of the body, in bytes.
-    std::int64_t body = 100 * 1024 * 1024;
+    std::int64_t body = std::int64_t{100} * 1024 * 1024;
     /// Length of one value, and in a URL-encoded form of one name, in bytes.
-    std::size_t value = 1024 * 1024;
+    std::size_t value = std::size_t{1024} * 1024;
     /// Length of all names and values together, in bytes. Names and types of
     /// uploads count, their contents do not.
-    std::size_t values = 8 * 1024 * 1024;
+    std::size_t values = std::size_t{8} * 1024 * 1024;
     /// Number of fields and uploads, empty file inputs included.
     std::size_t parts = 1000;
     /// Length of the headers of one part, in bytes.
-    std::size_t header = 16 * 1024;
+    std::size_t header = std::size_t{16} * 1024;
     /// How long the client may be silent, in seconds.
     int idle = 30;
   };

@@ -47,6 +47,8 @@ class MarkerSearch {
 
  private:
   const char* Search(const char* begin, const char* end) const {
+    // There may be no memory yet.
+    if (begin == end) return nullptr;
     return static_cast<const char*>(
         ::memmem(begin, static_cast<std::size_t>(end - begin), marker_.data(),
                  marker_.size()));

@@ -22,7 +22,9 @@ inline ReadSizes Always(std::size_t size) {
 }
 
 /// Reads the request's form with zan_cgi::Form.
-/// @param folder  where its uploads go; expected to be empty afterwards
+/// @param folder  where its uploads go
+/// @throws std::runtime_error  an upload has another size than it says, or is
+///   left behind
 PlainForm ReadByProduct(const FormRequest& request, const std::string& folder,
                         const ReadSizes& sizes);
 
