@@ -6,12 +6,15 @@
 #include <zancgi/testing/request.h>
 #include <zancgi/testing/response.h>
 
+#include <cstddef>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace {
 
+using zan_cgi::testing::Encoding;
 using zan_cgi::testing::Form;
 using zan_cgi::testing::FromUrlEncoded;
 using zan_cgi::testing::Items;
@@ -60,6 +63,75 @@ TEST(Form, IsWhatBrowsersSend) {
             "filename=\"c%0D%0A.txt\"\r\n"
             "Content-Type: d/e\r\n\r\n2\r\n"
             "------ZancgiTesting--\r\n");
+}
+
+TEST(Form, MakesLineEndsOfNamesAndValuesCrLf) {
+  const Form form = Form().Field("a\nb", "1\n2\r3\r\n4\n\r");
+  EXPECT_NE(form.Body().find("name=\"a%0D%0Ab\"\r\n\r\n"
+                             "1\r\n2\r\n3\r\n4\r\n\r\n\r\n--"),
+            std::string::npos)
+      << form.Body();
+  EXPECT_EQ(form.UrlEncodedItems(),
+            (Items{{"a\r\nb", "1\r\n2\r\n3\r\n4\r\n\r\n"}}));
+}
+
+TEST(Form, LeavesContentsAndFileNamesAsTheyAre) {
+  EXPECT_NE(
+      Form()
+          .File("a", "b\nc", "1\n2\r")
+          .Body()
+          .find("filename=\"b%0Ac\"\r\n"
+                "Content-Type: application/octet-stream\r\n\r\n1\n2\r\r\n--"),
+      std::string::npos);
+}
+
+TEST(Form, HasRepeatedNamesInTheOrderAdded) {
+  const Form form = Form()
+                        .Field("a", "1")
+                        .File("f", "x.txt", "x")
+                        .Field("a", "2")
+                        .File("f", "y.txt", "y")
+                        .EmptyFile("g");
+  EXPECT_EQ(UrlEncoded(form.UrlEncodedItems()), "a=1&f=x.txt&a=2&f=y.txt&g=");
+  std::size_t at = 0;
+  for (const char* part : {"name=\"a\"\r\n\r\n1\r\n", "filename=\"x.txt\"",
+                           "\r\n\r\n2\r\n", "filename=\"y.txt\"",
+                           "name=\"g\"; filename=\"\"\r\nContent-Type: "
+                           "application/octet-stream\r\n\r\n\r\n--"}) {
+    at = form.Body().find(part, at);
+    ASSERT_NE(at, std::string::npos) << part;
+  }
+}
+
+TEST(Form, CannotUrlEncodeAPartThatIsGivenAsItIs) {
+  EXPECT_THROW(Form().Part("X: y\r\n\r\nz").UrlEncodedItems(),
+               std::logic_error);
+}
+
+TEST(Submit, SaysWhereTheFormComesFrom) {
+  const Form form = Form().Field("a", "1 2").File("f", "x", "y");
+  auto environment = Post("/").Submit(form).Environment();
+  EXPECT_EQ(environment["CONTENT_TYPE"], form.ContentType());
+  EXPECT_EQ(environment["CONTENT_LENGTH"], std::to_string(form.Body().size()));
+  EXPECT_EQ(environment["HTTP_ORIGIN"], "http://localhost");
+  EXPECT_EQ(environment["HTTP_SEC_FETCH_SITE"], "same-origin");
+
+  environment = Post("/")
+                    .Submit(form, Encoding::UrlEncoded)
+                    .Header("Host", "panel.example:8443")
+                    .Variable("HTTPS", "on")
+                    .Environment();
+  EXPECT_EQ(environment["CONTENT_TYPE"], "application/x-www-form-urlencoded");
+  EXPECT_EQ(environment["CONTENT_LENGTH"], "9");
+  EXPECT_EQ(environment["HTTP_ORIGIN"], "https://panel.example:8443");
+
+  environment = Post("/")
+                    .Header("Origin", "http://elsewhere.example")
+                    .Header("Sec-Fetch-Site", "cross-site")
+                    .Submit(form)
+                    .Environment();
+  EXPECT_EQ(environment["HTTP_ORIGIN"], "http://elsewhere.example");
+  EXPECT_EQ(environment["HTTP_SEC_FETCH_SITE"], "cross-site");
 }
 
 TEST(Form, HasABoundaryThatIsInNoPart) {

@@ -40,6 +40,14 @@ void ShowBody() {
   Answer(std::string(std::istreambuf_iterator<char>(std::cin), {}));
 }
 
+/// Shows the cookies, and sets one as a header of the request says.
+void ExchangeCookies() {
+  const char* const cookies = ::getenv("HTTP_COOKIE");
+  const char* const set = ::getenv("HTTP_X_SET");
+  if (set != nullptr) std::cout << "Set-Cookie: " << set << "\r\n";
+  Answer(cookies == nullptr ? "" : cookies);
+}
+
 void ShowKindOfInput() {
   struct stat status {};
   ::fstat(STDIN_FILENO, &status);
@@ -115,6 +123,7 @@ void Ask() {
 const std::map<std::string, std::function<void()>> kDeeds = {
     {"environment", ShowEnvironment},
     {"body", ShowBody},
+    {"cookies", ExchangeCookies},
     {"kind", ShowKindOfInput},
     {"identity", ShowIdentity},
     {"descriptors", ShowDescriptors},

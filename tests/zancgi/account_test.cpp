@@ -742,6 +742,23 @@ TEST_F(Become, HasAnOrdinaryUserBecomeHimselfOnly) {
   }
 }
 
+TEST_F(Become, AbortsAnOrdinaryUserWhoKeepsAGroupOfRoot) {
+  fs::permissions(machine_.Home(), fs::perms{0755});
+  for (const bool is_main_group : {false, true}) {
+    const Outcome outcome = Child().Run([&](const Reporter&) {
+      SetUpAccounts(machine_);
+      const gid_t roots[] = {0};
+      ASSERT_EQ(::setgroups(is_main_group ? 0 : 1, roots), 0);
+      const gid_t main_group = is_main_group ? 0 : kNobody;
+      SetGroups(main_group, main_group, main_group);
+      SetUsers(kNobody, kNobody, kNobody);
+      Cgi cgi(machine_.Start() + "/bin/front", "");
+      zan_cgi::BecomeAccount(cgi, "visitor");
+    });
+    EXPECT_EQ(outcome.status, kAborted) << outcome.error;
+  }
+}
+
 /// Whether a failure of this call comes before anything is changed: up to the
 /// first of Cgi::Su().
 bool IsBeforeTheSwitch(const Strings& calls, std::size_t number) {

@@ -6,6 +6,8 @@
 #include <cctype>
 #include <cstdlib>
 #include <type_traits>
+#include <utility>
+#include <vector>
 
 namespace zan_cgi::testing {
 namespace {
@@ -136,6 +138,12 @@ Request& Request::Multipart(const Form& form) {
   return Body(form.Body(), form.ContentType());
 }
 
+Request& Request::Submit(const Form& form, Encoding encoding) {
+  is_submitted_ = true;
+  return encoding == Encoding::Multipart ? Multipart(form)
+                                         : Fields(form.UrlEncodedItems());
+}
+
 Request& Request::By(Delivery delivery) {
   delivery_ = delivery;
   piece_size_ = 0;
@@ -154,11 +162,26 @@ Request& Request::Variable(const std::string& name, const std::string& value) {
   return *this;
 }
 
+bool Request::IsHttps() const {
+  const auto variable = variables_.find("HTTPS");
+  return variable != variables_.end() && !variable->second.empty() &&
+         variable->second != "off";
+}
+
 std::map<std::string, std::string> Request::Environment() const {
   std::map<std::string, std::string> environment = variables_;
   // Does not replace what a header says.
   if (has_body_) {
     environment.emplace("CONTENT_LENGTH", std::to_string(body_.size()));
+  }
+  if (is_submitted_) {
+    // RFC 6454 section 6.2.
+    environment.emplace("HTTP_ORIGIN", (IsHttps() ? "https://" : "http://") +
+                                           environment.at("HTTP_HOST"));
+    environment.emplace("HTTP_SEC_FETCH_SITE", "same-origin");
+    environment.emplace("HTTP_SEC_FETCH_MODE", "navigate");
+    environment.emplace("HTTP_SEC_FETCH_DEST", "document");
+    environment.emplace("HTTP_SEC_FETCH_USER", "?1");
   }
   return environment;
 }

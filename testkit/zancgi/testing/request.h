@@ -11,13 +11,8 @@
 #include <cstddef>
 #include <map>
 #include <string>
-#include <utility>
-#include <vector>
 
 namespace zan_cgi::testing {
-
-/// Names and values, in order.
-using Items = std::vector<std::pair<std::string, std::string>>;
 
 /// The items as a query string, or as the body of a form without files.
 std::string UrlEncoded(const Items& items);
@@ -55,6 +50,12 @@ class Request {
   Request& Fields(const Items& items);
   /// Has a form with files for a body.
   Request& Multipart(const Form& form);
+  /// Submits a form as a browser does from a page of the same origin: with the
+  /// body and its type, Origin, and the Sec-Fetch headers of Fetch Metadata.
+  /// The origin is that of the headers and variables Host and HTTPS. Headers
+  /// that are set stay.
+  /// @throws std::logic_error for a part that cannot be URL-encoded
+  Request& Submit(const Form& form, Encoding encoding = Encoding::Multipart);
   /// A pipe unless set. A request without a body comes from /dev/null.
   Request& By(Delivery delivery);
   /// Has the body come through a pipe in pieces of this size, with a pause
@@ -63,6 +64,9 @@ class Request {
   /// Sets a variable of the web server, such as REMOTE_ADDR.
   Request& Variable(const std::string& name, const std::string& value);
 
+  /// Whether it comes by HTTPS: the variable of this name is neither missing
+  /// nor empty nor "off".
+  bool IsHttps() const;
   /// The environment that a web server gives to the front end.
   std::map<std::string, std::string> Environment() const;
   /// What is to be its standard input.
@@ -73,6 +77,7 @@ class Request {
   std::string cookies_;
   std::string body_;
   bool has_body_ = false;
+  bool is_submitted_ = false;
   Delivery delivery_ = Delivery::Pipe;
   std::size_t piece_size_ = 0;
   std::chrono::milliseconds pause_{};
