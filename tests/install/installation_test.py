@@ -166,7 +166,7 @@ class FilesTest(InstallTest):
         headers = {str(path.relative_to(include)) for path in include.rglob("*.h")}
         product = ("account", "form", "request", "response", "zancgi")
         ours = ("api", "client", "env", "err", "file", "log", "proc", "str", "xml")
-        kit = "backend child form identity input log program request response scratch visit".split()
+        kit = "account backend child form identity input log program request response scratch visit".split()
         self.assertEqual(
             headers,
             {

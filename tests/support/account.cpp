@@ -1,16 +1,10 @@
 #include "support/account.h"
-#include "support/mount.h"
 
 #include <fcntl.h>
 #include <grp.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <zancgi/testing/identity.h>
-#include <zancgi/testing/scratch.h>
 
 #include <filesystem>
 #include <fstream>
@@ -22,47 +16,6 @@ namespace fs = std::filesystem;
 
 namespace support {
 namespace {
-
-using zan_cgi::testing::IsRoot;
-using zan_cgi::testing::ReadFile;
-
-void WriteFile(const std::string& path, const std::string& content) {
-  if (!(std::ofstream(path) << content).flush()) {
-    throw std::runtime_error("cannot write " + path);
-  }
-}
-
-std::string PasswordFile(const std::vector<Account>& accounts) {
-  std::ostringstream file;
-  file << "root:x:0:0::/:/bin/sh\n";
-  for (const Account& account : accounts) {
-    file << account.name << ":x:" << account.uid << ':' << account.gid
-         << "::" << account.home << ":/bin/sh\n";
-  }
-  return file.str();
-}
-
-std::string GroupFile(const std::vector<Group>& groups) {
-  std::ostringstream file;
-  file << "root:x:0:\n";
-  for (const Group& group : groups) {
-    file << group.name << ":x:" << group.gid << ':';
-    for (std::size_t i = 0; i < group.members.size(); ++i) {
-      file << (i == 0 ? "" : ",") << group.members[i];
-    }
-    file << '\n';
-  }
-  return file.str();
-}
-
-/// What PAM says of a test is for nobody, and the C library would leave a
-/// socket open.
-void HideSystemLog() {
-  if (!fs::exists("/dev/log")) return;
-  if (::mount("/dev/null", "/dev/log", nullptr, MS_BIND, nullptr) != 0) {
-    throw std::runtime_error("cannot hide the system's log");
-  }
-}
 
 /// What follows a name and a tab in a process's status.
 std::string StatusOf(pid_t process, const std::string& name) {
@@ -101,37 +54,10 @@ std::string Describe(pid_t process) {
 
 }  // namespace
 
-bool CanUseAccounts() {
-  if (!IsRoot()) return false;
-  const pid_t process = ::fork();
-  if (process == 0) {
-    const bool can =
-        ::unshare(CLONE_NEWNS) == 0 &&
-        ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-        ::mount("none", "/etc", "tmpfs", 0, nullptr) == 0;
-    ::_exit(can ? 0 : 1);
-  }
-  int status = 1;
-  return ::waitpid(process, &status, 0) == process && status == 0;
-}
-
-void UseAccounts(const std::vector<Account>& accounts,
-                 const std::vector<Group>& groups) {
-  // Knows where libraries are.
-  const std::string library_cache = ReadFile("/etc/ld.so.cache");
-  MountPrivately("/etc", "mode=0755");
-  HideSystemLog();
-  WriteFile("/etc/ld.so.cache", library_cache);
-  WriteFile("/etc/passwd", PasswordFile(accounts));
-  WriteFile("/etc/group", GroupFile(groups));
-  WriteFile("/etc/nsswitch.conf",
-            "passwd: files\ngroup: files\nhosts: files\n");
-  WriteFile("/etc/hosts", "127.0.0.1 localhost\n");
-  fs::create_directory("/etc/pam.d");
-}
-
 void ConfigureLogin(const std::string& stack) {
-  WriteFile("/etc/pam.d/login", stack);
+  if (!(std::ofstream("/etc/pam.d/login") << stack).flush()) {
+    throw std::runtime_error("cannot configure PAM");
+  }
 }
 
 void PrintTo(const Identity& identity, std::ostream* out) {

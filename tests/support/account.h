@@ -1,40 +1,23 @@
 /// @file
-/// Accounts that exist for one child process only, and what a process looks
-/// like from outside once it has become one.
+/// What a process looks like from outside once it has become an account of the
+/// test kit.
 #ifndef ZANCGI_TESTS_SUPPORT_ACCOUNT_H
 #define ZANCGI_TESTS_SUPPORT_ACCOUNT_H
 
 #include <sys/types.h>
+#include <zancgi/testing/account.h>
 
 #include <string>
-#include <vector>
 
 namespace support {
 
-struct Account {
-  std::string name;
-  uid_t uid;
-  gid_t gid;
-  std::string home;
-};
+using zan_cgi::testing::Account;
+using zan_cgi::testing::Group;
+using zan_cgi::testing::UseAccounts;
+using zan_cgi::testing::WhyNoAccounts;
 
-struct Group {
-  std::string name;
-  gid_t gid;
-  std::vector<std::string> members;
-};
-
-/// Whether UseAccounts() can do its work here: the caller is root and may
-/// mount.
-bool CanUseAccounts();
-
-/// Gives this process an /etc of its own, which knows root, these accounts and
-/// these groups and nothing else, and mounts that only it sees. Both vanish
-/// with the process. Root's home is "/".
-void UseAccounts(const std::vector<Account>& accounts,
-                 const std::vector<Group>& groups);
-
-/// Makes this the PAM configuration of service "login" in that /etc.
+/// Makes this the PAM configuration of service "login" in the /etc of a process
+/// that has called UseAccounts().
 void ConfigureLogin(const std::string& stack);
 
 /// Who a process is and where.

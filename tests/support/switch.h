@@ -65,9 +65,7 @@ template <class Base = testing::Test>
 class MachineTest : public Base {
  protected:
   void SetUp() override {
-    static const bool can_use_accounts = CanUseAccounts();
-    if (!can_use_accounts)
-      GTEST_SKIP() << "needs root, with the right to mount";
+    if (!WhyNoAccounts().empty()) GTEST_SKIP() << WhyNoAccounts();
   }
 
   Machine machine_;

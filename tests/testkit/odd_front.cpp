@@ -7,12 +7,14 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <zancgi/account.h>
 #include <zancgi/zancgi.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <iostream>
 #include <iterator>
@@ -60,6 +62,14 @@ void ShowKindOfInput() {
 void ShowIdentity() {
   Answer(std::to_string(::getuid()) + " " + std::to_string(::getgid()) + " " +
          std::to_string(::getgroups(0, nullptr)));
+}
+
+/// Becomes the account of the test kit and makes a file in its home.
+void BecomeVisitor() {
+  zan_cgi::Cgi cgi("/bin/odd", "");
+  zan_cgi::BecomeAccount(cgi, "visitor");
+  std::ofstream("made") << "by the visitor";
+  ShowIdentity();
 }
 
 void ShowDescriptors() {
@@ -126,6 +136,7 @@ const std::map<std::string, std::function<void()>> kDeeds = {
     {"cookies", ExchangeCookies},
     {"kind", ShowKindOfInput},
     {"identity", ShowIdentity},
+    {"become", BecomeVisitor},
     {"descriptors", ShowDescriptors},
     {"signals", ShowIgnoredSignals},
     {"folder", [] { Answer(std::filesystem::current_path()); }},

@@ -293,7 +293,7 @@ class EachFaultOfAHandOver : public testing::TestWithParam<bool> {
     }
   }
 
-  const bool can_use_accounts_ = support::CanUseAccounts();
+  const bool can_use_accounts_ = support::WhyNoAccounts().empty();
 };
 
 INSTANTIATE_TEST_SUITE_P(ToAnotherFileSystem, EachFaultOfAHandOver,

@@ -6,6 +6,7 @@
 #include <linux/close_range.h>
 #include <signal.h>
 #include <unistd.h>
+#include <zancgi/testing/account.h>
 #include <zancgi/testing/backend.h>
 #include <zancgi/testing/input.h>
 #include <zancgi/testing/log.h>
@@ -13,6 +14,7 @@
 #include <zancgi/testing/response.h>
 
 #include <algorithm>
+#include <exception>
 #include <filesystem>
 #include <initializer_list>
 #include <iterator>
@@ -78,6 +80,15 @@ bool TakeIdentity(uid_t user, gid_t group) {
   ::_exit(127);
 }
 
+/// Lets this process know the account.
+void Use(const ThrowAwayAccount& account, int failure) {
+  try {
+    account.Use();
+  } catch (const std::exception& error) {
+    GiveUp(failure, error.what());
+  }
+}
+
 void ThrowFailure(const std::string& report) {
   if (report.empty()) return;
   throw std::system_error(std::stoi(report), std::generic_category(),
@@ -123,6 +134,11 @@ Program& Program::With(Backend& backend) {
   return Env("TOV_RUN_DIR", backend.RunDir());
 }
 
+Program& Program::With(const ThrowAwayAccount& account) {
+  account_ = &account;
+  return *this;
+}
+
 Program& Program::TimeLimit(std::chrono::milliseconds limit) {
   time_limit_ = limit;
   return *this;
@@ -154,6 +170,7 @@ void Program::Become(const std::map<std::string, std::string>& environment,
   // Nothing of the test's.
   ::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
   ResetSignals();
+  if (account_ != nullptr) Use(*account_, failure);
   if (has_identity_ && !TakeIdentity(user_, group_)) {
     GiveUp(failure, "cannot become user " + std::to_string(user_));
   }

@@ -16,6 +16,7 @@
 namespace zan_cgi::testing {
 
 class Backend;
+class ThrowAwayAccount;
 
 /// A front end's program, and what a web server's configuration says of it.
 /// Where nothing else is said, it starts in the folder that it lies in, with
@@ -37,6 +38,9 @@ class Program {
   Program& LogLevel(int level);
   /// Serves this back end while the front end runs.
   Program& With(Backend& backend);
+  /// Has the front end know this account, and root, and nobody else. Must live
+  /// until Run() has returned. Needs root.
+  Program& With(const ThrowAwayAccount& account);
   /// When the front end is ended, with all that it has started.
   Program& TimeLimit(std::chrono::milliseconds limit);
 
@@ -61,6 +65,7 @@ class Program {
   std::map<std::string, std::string> environment_;
   Scratch tmp_dir_;
   Backend* backend_ = nullptr;
+  const ThrowAwayAccount* account_ = nullptr;
   std::chrono::milliseconds time_limit_ = std::chrono::seconds(30);
   bool has_identity_ = false;
   uid_t user_ = 0;

@@ -1,11 +1,11 @@
-#include "support/mount.h"
-
 #include <sched.h>
 #include <sys/mount.h>
 
 #include <stdexcept>
 
-namespace support {
+#include "mount.h"
+
+namespace zan_cgi::testing {
 
 void MountPrivately(const std::string& path, const std::string& options,
                     unsigned long flags) {
@@ -16,4 +16,4 @@ void MountPrivately(const std::string& path, const std::string& options,
   }
 }
 
-}  // namespace support
+}  // namespace zan_cgi::testing
