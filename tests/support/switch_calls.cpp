@@ -209,8 +209,6 @@ Recording::Recording(Answers answers) : answers_(std::move(answers)) {
 
 Recording::~Recording() { recorded = nullptr; }
 
-int RecordedCalls() { return calls; }
-
 std::string FchdirTo(const std::string& path) {
   struct stat directory {};
   if (::stat(path.c_str(), &directory) != 0) {

@@ -60,9 +60,6 @@ class Recording {
   Answers answers_;
 };
 
-/// How many calls the last Recording of this process has seen.
-int RecordedCalls();
-
 /// The record's name for fchdir(2) to this directory.
 std::string FchdirTo(const std::string& path);
 

@@ -186,7 +186,6 @@ Result Try(
                 failure = std::current_exception();
               }
             }
-            report("calls", std::to_string(support::RecordedCalls()));
             support::TellIdentity(report, observer.Look());
             report("capabilities", Capabilities());
             report("first", cgi.File(kFirst));
@@ -262,6 +261,17 @@ TEST_F(Become, EndsAsTheAccountInItsHome) {
     EXPECT_EQ(result.home, Strings{"www"});
     EXPECT_EQ(result.spool, Strings{});
   }
+}
+
+TEST_F(Become, FollowsALongWayUp) {
+  std::string deep = "d";
+  while (deep.size() < 1999) deep += "/d";
+  // In two steps, since 1000 levels at a time are the most.
+  machine_.MakeDir("home/" + deep.substr(0, 999));
+  machine_.MakeDir("home/" + deep);
+  const Result result = Try(machine_, {.options = At(deep)});
+  EXPECT_EQ(result.error, "");
+  EXPECT_EQ(result.identity, Visitor("/", machine_.Home() + "/" + deep));
 }
 
 TEST_F(Become, RefusesAnAccountBeforeAnythingIsChanged) {

@@ -2,9 +2,12 @@
 // the parse of a form makes, and each allocation of a hand-over and of an
 // authorization. Nothing may be left behind, and nobody authorized.
 
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <tov/proc.h>
+#include <unistd.h>
+#include <zancgi/account.h>
 #include <zancgi/testing/child.h>
 #include <zancgi/testing/identity.h>
 #include <zancgi/testing/input.h>
@@ -12,7 +15,9 @@
 #include <zancgi/zancgi.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <exception>
 #include <filesystem>
@@ -30,6 +35,7 @@
 #include "support/file_calls.h"
 #include "support/form.h"
 #include "support/hand_over.h"
+#include "support/switch.h"
 
 namespace {
 
@@ -308,6 +314,65 @@ TEST_P(EachFaultOfAHandOver, InItsMemoryLeavesNothingBehind) {
         << outcome.error_type << ": " << outcome.error;
     return outcome;
   });
+}
+
+class EachFaultOfBecomingAnAccount : public support::MachineTest<> {
+ protected:
+  /// Becomes the account, and tells who the process then is.
+  Outcome Become(const Faults& faults, bool confined) const {
+    return Child().WorkDir(machine_.Start()).Run([&](const Reporter& report) {
+      machine_.SetUp();
+      ASSERT_EQ(::setgroups(0, nullptr), 0);
+      const support::Observer observer;
+      Cgi cgi(machine_.Start() + "/bin/front", "");
+      // The C library crashes when it has no memory to set these up.
+      EXPECT_NE(::getpwnam("visitor"), nullptr);
+      gid_t group = 0;
+      int count = 1;
+      ::getgrouplist("visitor", 1, &group, &count);
+      zan_cgi::AccountOptions options;
+      options.directory = "www";
+      options.confined = confined;
+      const std::exception_ptr failure = faults(
+          [&] { zan_cgi::BecomeAccount(cgi, "visitor", options); }, report);
+      support::TellIdentity(report, observer.Look());
+      EXPECT_TRUE(::geteuid() == 0 || !support::CanBecomeAnother());
+      if (failure) std::rethrow_exception(failure);
+    });
+  }
+};
+
+TEST_F(EachFaultOfBecomingAnAccount, InItsMemoryLeavesNoRootAfterTheSwitch) {
+  for (const bool confined : {false, true}) {
+    SCOPED_TRACE(confined);
+    MeetEachShortage([&](const Faults& faults) {
+      Outcome outcome = Become(faults, confined);
+      if (outcome.status == 128 + SIGABRT) {
+        // The C library gives some of the groups, and no error, when it has no
+        // memory for all. Those that the process then has are too many.
+        outcome.status = 0;
+        outcome.reported["calls"] = std::to_string(SIZE_MAX);
+        return outcome;
+      }
+      const std::string users = outcome.reported["users"];
+      const support::Identity visitor = support::Visitor("", "");
+      if (outcome.error.empty()) {
+        EXPECT_EQ(users, visitor.users);
+        EXPECT_EQ(outcome.reported["supplementary"], visitor.supplementary);
+      } else if (users == support::Root("").users) {
+        // Before the switch, in which the directory changes.
+        EXPECT_TRUE(outcome.error_type == "std::bad_alloc" ||
+                    outcome.error == "there is no account of this name")
+            << outcome.error;
+        EXPECT_EQ(outcome.reported["root"], "/");
+        EXPECT_EQ(outcome.reported["work dir"], machine_.Start());
+      } else {
+        EXPECT_TRUE(users == visitor.users ||
+                    users == "65534\t65534\t65534\t65534");
+      }
+      return outcome;
+    });
+  }
 }
 
 /// Asks a back end that gives this answer whose session it is, and tells what
