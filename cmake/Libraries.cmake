@@ -16,8 +16,7 @@ function(add_library_pair name)
     PROPERTIES COMPILE_OPTIONS "$<$<CONFIG:Release>:-O2>")
   set_source_files_properties(${ARG_SMALL_SOURCES}
     PROPERTIES COMPILE_OPTIONS "$<$<CONFIG:Release>:-Os>")
-  target_include_directories(${name}_objects PUBLIC "${ZANCGI_INCLUDE_DIR}"
-    PRIVATE "${PROJECT_SOURCE_DIR}/src/common")
+  target_include_directories(${name}_objects PUBLIC "${ZANCGI_INCLUDE_DIR}")
 
   add_library(${name} SHARED)
   set_target_properties(${name} PROPERTIES

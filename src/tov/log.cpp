@@ -21,9 +21,9 @@
 #include <initializer_list>
 #include <string_view>
 
+#include "../common/scoped_signal_block.h"
 #include "descriptor.h"
 #include "log_limit.h"
-#include "scoped_signal_block.h"
 
 namespace tov_log {
 namespace {

@@ -6,7 +6,7 @@
 #include <system_error>
 #include <utility>
 
-#include "url_decoder.h"
+#include "../common/url_decoder.h"
 
 namespace str {
 namespace {

@@ -7,8 +7,8 @@
 #include <initializer_list>
 #include <string_view>
 
+#include "../common/url_decoder.h"
 #include "http_text.h"
-#include "url_decoder.h"
 
 namespace zan_cgi {
 namespace {

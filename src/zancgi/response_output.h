@@ -5,8 +5,8 @@
 
 #include <string_view>
 
+#include "../common/scoped_signal_block.h"
 #include "byte_range.h"
-#include "scoped_signal_block.h"
 
 namespace zan_cgi {
 

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "scoped_signal_block.h"
+#include "../common/scoped_signal_block.h"
 
 namespace zan_cgi {
 

@@ -1,6 +1,6 @@
 #include "urlencoded_form.h"
 
-#include "url_decoder.h"
+#include "../common/url_decoder.h"
 
 namespace zan_cgi {
 namespace {
