@@ -11,10 +11,10 @@
 #include "body_reader.h"
 #include "confinement.h"
 #include "form_collector.h"
+#include "form_contents.h"
 #include "header_words.h"
 #include "http_text.h"
 #include "multipart.h"
-#include "request_record.h"
 #include "urlencoded_form.h"
 
 namespace zan_cgi {
@@ -132,11 +132,12 @@ std::string FreeKey(const std::string& name, const Files& files,
 namespace {
 
 /// Has the record answer from what was read.
-void Publish(FormCollector& collected, RequestRecord& request) {
+void Publish(FormCollector& collected, Cgi::Data& request) {
   collected.spool().Publish();
   std::vector<std::string> paths = collected.spool().Paths();
-  FormContents form{
-      std::move(collected.fields()), std::move(collected.uploads()), {}};
+  FormContents& form = AttachForm(request);
+  form.fields = std::move(collected.fields());
+  form.uploads = std::move(collected.uploads());
   Files files;
   std::map<std::string, int> numbers;
   for (std::size_t i = 0; i < paths.size(); ++i) {
@@ -146,8 +147,7 @@ void Publish(FormCollector& collected, RequestRecord& request) {
   }
   // From here on nothing fails, and the files are the record's.
   request.files.swap(files);
-  request.form = std::move(form);
-  request.owes_params = true;
+  form.owes_params = true;
   collected.spool().Release();
 }
 
@@ -173,7 +173,7 @@ auto ReadOrDrain(int idle, const Function& read) {
 Form::Form(Cgi& cgi) : Form(cgi, Limits()) {}
 
 Form::Form(Cgi& cgi, const Limits& limits) {
-  auto& request = static_cast<RequestRecord&>(*cgi.data_);
+  Cgi::Data& request = *cgi.data_;
   if (request.parsed) {
     throw std::logic_error(
         "the input has been parsed already: make the Form, once, before "
@@ -186,7 +186,7 @@ Form::Form(Cgi& cgi, const Limits& limits) {
     ReadForm(body, form);
     Publish(form, request);
   });
-  record_ = std::static_pointer_cast<const RequestRecord>(cgi.data_);
+  request_ = cgi.data_;
 }
 
 Form::Form(const Form&) noexcept = default;
@@ -217,11 +217,11 @@ std::vector<std::string> Form::Values(const std::string& name) const {
 }
 
 const std::vector<Form::Field>& Form::fields() const noexcept {
-  return record_->form.fields;
+  return FormOf(*request_).fields;
 }
 
 const std::vector<Form::Upload>& Form::uploads() const noexcept {
-  return record_->form.uploads;
+  return FormOf(*request_).uploads;
 }
 
 namespace {
@@ -260,7 +260,7 @@ std::size_t IndexOf(const Form::Upload& upload,
 
 std::string Form::Path(const Upload& upload) const {
   const std::size_t index = IndexOf(upload, uploads());
-  return record_->files.find(record_->form.keys[index])->second.path;
+  return request_->files.find(FormOf(*request_).keys[index])->second.path;
 }
 
 // A body that is no form.

@@ -19,8 +19,6 @@
 
 namespace zan_cgi {
 
-struct RequestRecord;
-
 /// What a client has sent cannot be taken. what() names the rule or the limit,
 /// in a sentence that holds nothing of what was sent.
 class ZANCGI_API FormError : public std::runtime_error {
@@ -147,7 +145,7 @@ class ZANCGI_API Form {
   std::string Path(const Upload& upload) const;
 
  private:
-  std::shared_ptr<const RequestRecord> record_;
+  std::shared_ptr<const Cgi::Data> request_;
 };
 
 /// Reads a body that is no form, such as JSON, whole, whatever its type and the

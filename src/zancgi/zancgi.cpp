@@ -22,11 +22,11 @@
 #include "confinement.h"
 #include "disposition.h"
 #include "field_cursor.h"
+#include "form_contents.h"
 #include "layout.h"  // IWYU pragma: keep
 #include "line_assembly.h"
 #include "log_line.h"
 #include "map_filler.h"
-#include "request_record.h"
 #include "separator_scan.h"
 #include "standard_input.h"
 #include "upload_file.h"
@@ -47,8 +47,7 @@ std::string ValueOrEmpty(const StringMap& values, const std::string& name) {
 
 /// The parameters of a request, as far as its input has been parsed.
 const StringMap& ParamsOf(Cgi::Data& request) {
-  // What every Cgi has.
-  static_cast<RequestRecord&>(request).PayParams();
+  PayParams(request);
   return request.params;
 }
 
@@ -96,6 +95,7 @@ Cgi::Data::Data() {
 }
 
 Cgi::Data::~Data() {
+  DetachForm(*this);
   for (const auto& entry : files) {
     const std::string& path = entry.second.path;
     try {
@@ -118,7 +118,7 @@ void Cgi::Data::CheckTmpDir() {
 }
 
 Cgi::Cgi(const std::string& binary_name, const std::string& tov_name)
-    : data_(std::shared_ptr<Data>(new RequestRecord)) {
+    : data_(std::shared_ptr<Data>(new Data)) {
   data_->tov_name = tov_name;
   data_->SetWorkDir(binary_name);
 }
