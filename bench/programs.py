@@ -9,7 +9,8 @@ get     A GET. QUERY_STRING has the parameters a, b and c, HTTP_COOKIE the
 form    A POST of the fields f0, f1 and so on, in this order. Prints their
         number, the size of their values together and the FNV-1a hash (64 bits,
         in 16 hexadecimal digits) of the values one behind the other: ours in
-        the order that it keeps them in, that of the names' bytes. With HASH=no
+        the order that it keeps them in, that of the names' bytes, unless it
+        reads them by zan_cgi::Form ("exact_..."). With HASH=no
         in its environment it leaves out the hash, which takes longer than the
         request. In a multipart body no CR LF may lie across a multiple of
         65536 bytes: ours reads pieces of that size, and takes a line end that

@@ -48,6 +48,10 @@ TARGETS = (
         Target("Upload", "upload/*", "upload_shared", limit, against=other)
         for other, limit in (("copy", 1.05), ("php_upload", 0.55), ("cgicc_upload", 0.14))
     ),
+    *(
+        Target("Upload, exact", "upload/pipe-memory", "exact_upload_shared", limit, against=other)
+        for other, limit in (("copy", 1.05), ("upload_shared", 1.02))
+    ),
     Target(
         "Separator scan",
         "scan/*",
@@ -59,6 +63,7 @@ TARGETS = (
     ),
     Target("Memory", "memory/large", "upload_shared", 3600, "peak_kb"),
     Target("Memory", "memory/large", "upload_shared", 100, "peak_kb", since="memory/small"),
+    Target("Memory, exact", "memory/large", "exact_upload_shared", 3600, "peak_kb"),
     *(
         Target("Forms", f"forms/{form}", "form_shared", limit, against="cgicc_form")
         for form, limit in (
@@ -74,6 +79,11 @@ TARGETS = (
     *(
         Target("Forms", f"forms/{kind}-100000", "form_shared", 11, over=f"forms/{kind}-10000")
         for kind in ("multipart", "urlencoded")
+    ),
+    *(
+        Target("Forms, exact", f"forms/{kind}-{form}", "exact_form_shared", limit, against="cgicc_form")
+        for kind in ("multipart", "urlencoded")
+        for form, limit in (("10000", 0.70), ("100000", 0.70), ("large", 0.30))
     ),
     Target("Back-end exchange", "exchange/*", "query_shared", 1.10, against="exchange"),
 )
