@@ -1,40 +1,28 @@
-// A CGI program that tells what it was given: arguments, folder, environment,
-// descriptors, how its body came and how the body ended. The answer is a line
-// for each fact, its text in hexadecimal; then an empty line and the body.
+// A CGI program that reports what it was given: arguments, directory,
+// environment, descriptors, how its body came and how the body ended. Each fact
+// is a word and a text, and ends with NUL; one more NUL comes before the body.
 //
-// What it reads: so many bytes as CONTENT_LENGTH says, or, when the query is
+// It reads as many bytes as CONTENT_LENGTH says, or, when the query is
 // "to-the-end", all there are.
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <poll.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
-#include <utility>
+#include <system_error>
 #include <vector>
 
 namespace {
 
-std::string Hex(const std::string& text) {
-  static const char digits[] = "0123456789abcdef";
-  std::string hex;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    hex += digits[byte >> 4U];
-    hex += digits[byte & 15U];
-  }
-  return hex;
-}
+namespace fs = std::filesystem;
 
-void Tell(const char* what, const std::string& text) {
-  std::printf("%s %s\n", what, Hex(text).c_str());
+void Report(const char* what, const std::string& text) {
+  std::printf("%s %s%c", what, text.c_str(), '\0');
 }
 
 std::string Variable(const char* name) {
@@ -42,48 +30,13 @@ std::string Variable(const char* name) {
   return value == nullptr ? "" : value;
 }
 
-std::string KindOf(int descriptor) {
-  struct stat status = {};
-  if (::fstat(descriptor, &status) != 0) {
-    return "closed";
+// The number of each and what it leads to, that of this listing among them.
+void ReportDescriptors() {
+  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+    std::error_code closed;
+    Report("open", entry.path().filename().string() + " " +
+                       fs::read_symlink(entry.path(), closed).string());
   }
-  if (S_ISFIFO(status.st_mode)) {
-    return "pipe";
-  }
-  if (S_ISSOCK(status.st_mode)) {
-    return "socket";
-  }
-  if (S_ISREG(status.st_mode)) {
-    return "file";
-  }
-  return "device";
-}
-
-// What poll tells of the standard input, without waiting long.
-std::string Polled() {
-  pollfd input = {0, POLLIN, 0};
-  ::poll(&input, 1, 100);
-  std::string told;
-  for (const auto& [flag, name] :
-       {std::pair{POLLIN, "readable "}, std::pair{POLLHUP, "hang-up "},
-        std::pair{POLLNVAL, "invalid "}, std::pair{POLLERR, "error "}}) {
-    told += (input.revents & flag) != 0 ? name : "";
-  }
-  return told;
-}
-
-std::vector<int> OpenDescriptors() {
-  std::vector<int> found;
-  DIR* folder = ::opendir("/proc/self/fd");
-  while (const dirent* entry = ::readdir(folder)) {
-    const auto descriptor =
-        static_cast<int>(std::strtol(entry->d_name, nullptr, 10));
-    if (entry->d_name[0] != '.' && descriptor != ::dirfd(folder)) {
-      found.push_back(descriptor);
-    }
-  }
-  ::closedir(folder);
-  return found;
 }
 
 std::string ReadBody(std::uint64_t length) {
@@ -93,7 +46,7 @@ std::string ReadBody(std::uint64_t length) {
     const auto wanted =
         std::min<std::uint64_t>(length - body.size(), buffer.size());
     const ssize_t got = ::read(0, buffer.data(), wanted);
-    Tell("read", std::to_string(got));
+    Report("read", std::to_string(got));
     if (got <= 0) {
       break;
     }
@@ -102,30 +55,28 @@ std::string ReadBody(std::uint64_t length) {
   return body;
 }
 
+// What poll finds at the standard input after the body.
+void ReportEnd() {
+  pollfd input = {0, POLLIN, 0};
+  ::poll(&input, 1, 100);
+  Report("polled", std::to_string(input.revents));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   std::printf("Content-Type: text/plain\r\n\r\n");
-  for (int i = 0; i < argc; ++i) {
-    Tell("argument", argv[i]);
-  }
-  std::array<char, 4096> folder = {};
-  Tell("folder", ::getcwd(folder.data(), folder.size()));
+  std::for_each_n(argv, argc, [](char* text) { Report("argument", text); });
+  Report("folder", fs::current_path().string());
   for (char** variable = environ; *variable != nullptr; ++variable) {
-    Tell("variable", *variable);
+    Report("variable", *variable);
   }
-  for (const int descriptor : OpenDescriptors()) {
-    Tell("open", std::to_string(descriptor));
-  }
-  for (const int descriptor : {0, 1}) {
-    Tell("kind", KindOf(descriptor));
-  }
+  ReportDescriptors();
+  const bool to_the_end = Variable("QUERY_STRING") == "to-the-end";
   const std::string length = Variable("CONTENT_LENGTH");
-  const std::string body =
-      ReadBody(Variable("QUERY_STRING") == "to-the-end" ? UINT64_MAX
-               : length.empty()                         ? 0
-                                : std::strtoull(length.c_str(), nullptr, 10));
-  Tell("polled", Polled());
-  std::printf("\n");
+  const std::string body = ReadBody(
+      to_the_end ? UINT64_MAX : std::strtoull(length.c_str(), nullptr, 10));
+  ReportEnd();
+  std::putchar('\0');
   std::fwrite(body.data(), 1, body.size(), stdout);
 }

@@ -1,5 +1,5 @@
 """What the tests of zancgi-request have in common: runs of it, and programs that
-tell what they were given."""
+report what they were given."""
 
 import dataclasses
 import os
@@ -16,11 +16,7 @@ SOURCE = pathlib.Path(os.environ["SOURCE"])
 # Where web_servers and panel_server are.
 sys.path.insert(0, str(SOURCE / "tests" / "e2e"))
 TOOL = SOURCE / "tools" / "zancgi-request"
-PACK = TOOL.with_name("pack.py")
-MANUAL = SOURCE / "docs" / "man" / "zancgi-request.1"
 PROBE = os.environ["CGI_PROBE"]
-README_FRONT = os.environ["README_FRONT"]
-LIBRARY_PATH = ":".join(sorted({os.path.dirname(p) for p in os.environ["LIBRARIES"].split(":")}))
 PATH = "/usr/bin:/bin"
 MEGABYTE = 1 << 20
 # Seconds that nothing here takes, however busy the machine is.
@@ -52,9 +48,13 @@ def run_program(*arguments, folder=None, stdin=b"", **options):
     return Ended(done.returncode, done.stdout, done.stderr.decode())
 
 
+def start_program(*arguments, **options):
+    return subprocess.Popen([TOOL, *map(str, arguments)], env=ENVIRONMENT, **options)
+
+
 @dataclasses.dataclass
 class Given:
-    """What the probe was given, as it tells."""
+    """What the probe was given, as it reports."""
 
     arguments: list
     folder: str
@@ -63,30 +63,33 @@ class Given:
     kinds: list
     open: list
     reads: list
-    # What poll told at the end of the body.
-    polled: list
+    # What poll found at the end of the body.
+    polled: int
     body: bytes
 
 
+def kind_of(target):
+    """Of a descriptor, by what it leads to."""
+    name, colon, _ = target.partition(":[")
+    return name if colon else "device" if target.startswith("/dev/") else "file"
+
+
 def given(output):
-    head, _, body = output.partition(b"\n\n")
-    told = {}
-    for line in head.decode().splitlines():
-        what, _, text = line.partition(" ")
-        told.setdefault(what, []).append(os.fsdecode(bytes.fromhex(text)))
-    variables = {}
-    for text in told["variable"]:
-        name, _, value = text.partition("=")
-        # As getenv finds them.
-        variables.setdefault(name, value)
+    head, _, body = output.partition(b"\0\0")
+    facts = {}
+    for fact in os.fsdecode(head).split("\0"):
+        what, _, text = fact.partition(" ")
+        facts.setdefault(what, []).append(text)
+    descriptors = dict(text.split(" ", 1) for text in facts["open"] if not text.endswith("/fd"))
     return Given(
-        told["argument"],
-        told["folder"][0],
-        variables,
-        told["kind"],
-        sorted(map(int, told["open"])),
-        list(map(int, told.get("read", []))),
-        told["polled"][0].split(),
+        facts["argument"],
+        facts["folder"][0],
+        # The first of a name, as getenv finds it.
+        dict(text.split("=", 1) for text in reversed(facts["variable"])),
+        [kind_of(descriptors[n]) if n in descriptors else "closed" for n in "01"],
+        sorted(map(int, descriptors)),
+        list(map(int, facts.get("read", []))),
+        int(facts["polled"][0]),
         body,
     )
 
@@ -98,7 +101,7 @@ class RequestTest(unittest.TestCase):
         self.folder = pathlib.Path(folder.name)
 
     def program(self, text, name="program"):
-        """A shell script, unless it says otherwise."""
+        """A shell script, unless its first line names another interpreter."""
         path = self.folder / name
         path.write_text(text if text.startswith("#!") else "#!/bin/sh\n" + text)
         path.chmod(0o755)
