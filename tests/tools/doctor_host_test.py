@@ -10,24 +10,10 @@ import subprocess
 import sys
 import time
 import unittest
-import unittest.mock
+from unittest.mock import Mock, patch
 
-from doctor_support import (
-    AS_OTHERS,
-    AS_ROOT,
-    DENIED,
-    DOCTOR,
-    IS_ROOT,
-    LONG,
-    NOT_THERE,
-    OWN_NAME,
-    SOURCE,
-    STRANGER,
-    STRANGERS_NAME,
-    WITHOUT_CONFIGURATION,
-    DoctorTest,
-    MachineTest,
-)
+from doctor_support import AS_OTHERS, AS_ROOT, DENIED, DOCTOR, IS_ROOT, LONG, NOT_THERE
+from doctor_support import SOURCE, STRANGER, STRANGERS_NAME, WITHOUT_CONFIGURATION, DoctorTest
 from zancgi_doctor.checks import accounts, nss, pam, program, tmp_dir
 from zancgi_doctor.children import run_in_child
 from zancgi_doctor.elf import NotElf
@@ -39,35 +25,114 @@ from zancgi_doctor.mounts import Mount, mount_of
 
 
 def site_of(uid=0, name="www", **fields):
-    return unittest.mock.Mock(identity=Identity(name, uid, uid, []), **fields)
+    return Mock(identity=Identity(name, uid, uid, []), **fields)
 
 
-class TmpDirTest(MachineTest):
+class FindingsTest(unittest.TestCase):
+    """What cannot be brought about on each machine."""
+
+    def test_of_the_temporary_directory(self):
+        for kind, options, outcome in (
+            ("nfs4", set(), "warning remote"),
+            ("fuse.sshfs", set(), "warning remote"),
+            ("ext4", {"usrquota"}, "ok quota"),
+        ):
+            with patch.object(tmp_dir, "mount_of", return_value=Mount("/x", kind, options)):
+                found = tmp_dir.tmp_dir_file_system(site_of(tmp_dir="/x"))
+            expected = finding("tmp-dir.file-system", "/x", outcome, kind=kind, user="www")
+            self.assertEqual(found, expected)
+        # The mode of a folder of everybody must stay.
+        for path in ("/tmp", "/tmp/"):
+            with patch.object(tmp_dir, "has_others", return_value=True):
+                found = tmp_dir.tmp_dir_listing(site_of(tmp_dir=path))
+            values = {"readers": "Every local user"}
+            self.assertEqual(found, finding("tmp-dir.listing", path, "warning public", **values))
+        found = tmp_dir.tmp_dir_inodes("/x", Mock(f_files=0))
+        self.assertEqual(found, finding("tmp-dir.inodes", "/x", "ok none"))
+
+    def test_space_for_root_counts_what_is_kept_for_root(self):
+        blocks = Mock(f_bfree=10, f_bavail=5, f_frsize=1024)
+        for uid, message in ((0, "10.0 KB are free"), (33, "5.0 KB are free")):
+            site = site_of(uid, tmp_dir="/x", min_free=0)
+            self.assertIn(message, tmp_dir.tmp_dir_space(site, blocks).message)
+
+    def test_of_programs(self):
+        site = site_of(program="/bin/true")
+        site.as_front_end.return_value = ""
+        with patch.object(program, "mount_of", return_value=Mount("/", "ext4", {"noexec"})):
+            found = program.program_file(site)
+        self.assertEqual(found, finding("program.file", "/bin/true", "failure noexec"))
+        with patch.object(program, "dynamic_of", side_effect=PermissionError(13, DENIED)):
+            (found,) = program.program_libraries(site_of(program="/x"), "/x")
+        expected = finding("program.libraries", "/x", "unchecked", path="/x", error=DENIED)
+        self.assertEqual(found, expected)
+
+    def test_of_pam(self):
+        with patch.object(pam.ctypes, "CDLL", side_effect=OSError("no file")):
+            found = pam.pam_library()
+        self.assertEqual(found, finding("pam.library", "libpam.so.0", "warning", error="no file"))
+        no_reading = Mock(side_effect=PermissionError(13, DENIED))
+        with patch.multiple(pam, read_file=no_reading, first_unsafe=Mock(return_value="")):
+            found = pam.pam_service("/etc/passwd")
+        self.assertEqual(found, finding("pam.service", "/etc/passwd", "unchecked", error=DENIED))
+
+    def test_of_name_services(self):
+        with patch.object(nss, "read_text", side_effect=FileNotFoundError(2, NOT_THERE)):
+            (found,) = nss.check_nss(None)
+        path = "/etc/nsswitch.conf"
+        self.assertEqual(found, finding("nss.sources", path, "warning missing", error=NOT_THERE))
+
+    def test_of_accounts(self):
+        entry = Mock(pw_dir="/none", pw_name="alice")
+        with patch.object(accounts.os, "geteuid", return_value=STRANGER):
+            found = accounts.account_folder(None, entry)
+        self.assertEqual(found, finding("account.folder", "alice", "unchecked"))
+        found = accounts.account_leftovers(entry)
+        values = {"path": "/none", "error": NOT_THERE}
+        self.assertEqual(found, finding("account.leftovers", "alice", "unchecked", **values))
+
+    def test_of_handing_over(self):
+        entry = Mock(pw_dir="/srv", pw_name="alice")
+        for kind, error, outcome in (
+            ("nfs4", "", "warning remote"),
+            ("fuse.sshfs", "", "warning fuse"),
+            ("ext4", "Operation not permitted", "failure"),
+            ("ext4", None, "unchecked"),
+        ):
+            site = site_of()
+            site.as_front_end.return_value = error
+            with patch.object(accounts, "mount_of", return_value=Mount("/", kind, set())):
+                found = accounts.account_hand_over(site, entry)
+            values = {"path": "/srv", "kind": kind, "error": error}
+            self.assertEqual(found, finding("account.hand-over", "alice", outcome, **values))
+
+    @AS_ROOT
+    def test_of_confinement(self):
+        for kind in ("fuse.bindfs", "fuseblk", "nfs4"):
+            with patch.object(accounts, "mount_of", return_value=Mount("/", kind, set())):
+                why = accounts.why_not_confine("/usr")
+            self.assertEqual(why, f"'/usr' is on a file system of type '{kind}'")
+
+
+class TmpDirTest(DoctorTest):
+    group, option = "tmp-dir", "--tmp-dir"
+
     def setUp(self):
         super().setUp()
-        self.tmp = self.make_folder("tmp", 0o700)
-
-    def judge(self, check, outcome, path=None, *arguments, before="", **values):
-        path = path or self.tmp
-        check = f"tmp-dir.{check}"
-        report = self.examine(check, "--tmp-dir", path, *arguments, before=before)
-        values = {"user": OWN_NAME, "path": str(path), **values}
-        self.expect(report, check, outcome, path, **values)
+        self.subject = self.tmp = self.make_folder("tmp", 0o700)
 
     def test_exists(self):
         self.judge("exists", "ok")
-
-    def test_comes_from_the_environment(self):
         for environment, path in (({"TMP": str(self.tmp)}, self.tmp), ({"TMP": ""}, "/tmp")):
             report = self.examine("tmp-dir.exists", environment=environment)
             self.expect(report, "tmp-dir.exists", "ok", path)
 
     def test_is_none(self):
-        self.judge("exists", "failure relative", "tmp")
-        self.judge("exists", "failure kind", self.make_fifo(), kind="a FIFO")
-        report = self.examine("tmp-dir", "--tmp-dir", self.folder / "none")
-        self.expect(report, "tmp-dir.exists", "failure missing", self.folder / "none",
-                    error=NOT_THERE)  # fmt: skip
+        self.judge("exists", "failure relative", subject="tmp")
+        self.judge("exists", "failure kind", subject=self.make_fifo(), kind="a FIFO")
+        none = self.folder / "none"
+        report = self.examine("tmp-dir", "--tmp-dir", none)
+        self.expect(report, "tmp-dir.exists", "failure missing", none, error=NOT_THERE)
         self.assertEqual(len(report.checks), 1)
 
     def test_writable(self):
@@ -75,19 +140,18 @@ class TmpDirTest(MachineTest):
 
     @AS_ROOT
     def test_not_writable(self):
-        name = STRANGERS_NAME
-        self.judge("writable", "failure", None, "--as", name, user=name, error=DENIED)
-        self.judge("writable", "failure", before=f"mount -t tmpfs -o ro none {self.tmp}",
-                   error="the file system is mounted read-only")  # fmt: skip
+        name, before = STRANGERS_NAME, f"mount -t tmpfs -o ro none {self.tmp}"
+        self.judge("writable", "failure", "--as", name, user=name, error=DENIED)
+        error = "the file system is mounted read-only"
+        self.judge("writable", "failure", before=before, error=error)
 
     @AS_OTHERS
     def test_not_writable_by_oneself(self):
+        self.judge("writable", "unchecked", "--as", "root", user="root")
         self.tmp.chmod(0o500)
         self.judge("writable", "failure", error=DENIED)
-
-    @AS_OTHERS
-    def test_writable_by_another_is_not_known(self):
-        self.judge("writable", "unchecked", None, "--as", "root", user="root")
+        self.tmp.chmod(0o333)
+        self.judge("leftovers", "unchecked", error=DENIED)
 
     def test_safe(self):
         for mode in (0o700, 0o1777):
@@ -101,15 +165,19 @@ class TmpDirTest(MachineTest):
         os.chown(self.tmp, STRANGER, STRANGER)
         unsafe = f"'{self.tmp}' belongs to user number {STRANGER}"
         self.judge("safe", "failure", unsafe=unsafe)
-        self.judge("safe", "ok", None, "--as", STRANGER)
+        self.judge("safe", "ok", "--as", STRANGER)
 
     def test_listing(self):
-        for mode in (0o1777, 0o755, 0o704):
+        for mode, outcome, readers in (
+            (0o1777, "warning", "Every local user"),
+            (0o755, "warning", "Every local user"),
+            (0o704, "warning", "Every local user"),
+            (0o700, "ok", None),
+            (0o1733, "ok", None),
+            (0o711, "ok", None),
+        ):
             self.tmp.chmod(mode)
-            self.judge("listing", "warning", readers="Every local user")
-        for mode in (0o700, 0o1733, 0o711):
-            self.tmp.chmod(mode)
-            self.judge("listing", "ok")
+            self.judge("listing", outcome, readers=readers)
         # By others, who cannot get there.
         self.tmp.chmod(0o1707)
         self.folder.chmod(0o700)
@@ -126,57 +194,25 @@ class TmpDirTest(MachineTest):
         ):
             with self.subTest(mode=mode, members=members, user=user):
                 self.tmp.chmod(mode)
-                self.group_line = f"alice:x:{STRANGER}:{members}"
-                self.judge("listing", outcome, None, "--as", user, before=self.accounts(),
-                           readers=readers)  # fmt: skip
-
-    def test_listing_of_the_folder_of_everybody(self):
-        """Its mode must stay."""
-        for path in ("/tmp", "/tmp/"):
-            with unittest.mock.patch.object(tmp_dir, "has_others", return_value=True):
-                found = tmp_dir.tmp_dir_listing(site_of(tmp_dir=path))
-            expected = finding(
-                "tmp-dir.listing", path, "warning public", readers="Every local user"
-            )
-            self.assertEqual(found, expected)
+                before = self.accounts(groups=f"alice:x:{STRANGER}:{members}")
+                self.judge("listing", outcome, "--as", user, before=before, readers=readers)
 
     def test_file_system(self):
-        kind = mount_of(self.tmp).kind
-        if kind in ("tmpfs", "ramfs"):
-            self.skipTest("the temporary directory is in memory")
-        report = self.examine("tmp-dir.file-system", "--tmp-dir", self.tmp)
-        (found,) = report.findings("tmp-dir.file-system")
-        self.assertEqual(found["state"], "ok")
-        # It may have quotas.
-        message = f"'{self.tmp}' is on a file system of type '{kind}'"
-        self.assertEqual(found["message"][: len(message)], message)
-
-    def test_in_memory(self):
-        if mount_of("/dev/shm").kind != "tmpfs":
-            self.skipTest("/dev/shm is not in memory here")
-        for min_free, state in (("0", "ok"), ("999T", "warning")):
+        """It may have quotas, and it may be in memory."""
+        for path, min_free in ((self.tmp, "0"), ("/dev/shm", "0"), ("/dev/shm", "999T")):
+            kind, state = mount_of(path).kind, "ok"
+            message = rf"^'{path}' is on a file system of type '{kind}'"
+            if kind in ("tmpfs", "ramfs"):
+                state = "ok" if min_free == "0" else "warning"
+                message = (
+                    rf"^'{path}' is in memory \({kind}\), of which [0-9.]+ [KMG]B are available\.$"
+                )
             report = self.examine(
-                "tmp-dir.file-system", "--tmp-dir", "/dev/shm", "--min-free", min_free
+                "tmp-dir.file-system", "--tmp-dir", path, "--min-free", min_free
             )
             (found,) = report.findings("tmp-dir.file-system")
             self.assertEqual(found["state"], state)
-            self.assertRegex(
-                found["message"],
-                r"^'/dev/shm' is in memory \(tmpfs\), of which [0-9.]+ [GM]B are available\.$",
-            )
-
-    def test_other_file_systems(self):
-        """These cannot be mounted in a test."""
-        for kind, options, outcome in (
-            ("nfs4", set(), "warning remote"),
-            ("fuse.sshfs", set(), "warning remote"),
-            ("ext4", {"usrquota"}, "ok quota"),
-        ):
-            mount = Mount("/x", kind, options)
-            with unittest.mock.patch.object(tmp_dir, "mount_of", return_value=mount):
-                found = tmp_dir.tmp_dir_file_system(site_of(tmp_dir="/x"))
-            expected = finding("tmp-dir.file-system", "/x", outcome, kind=kind, user="www")
-            self.assertEqual(found, expected)
+            self.assertRegex(found["message"], message)
 
     @AS_ROOT
     def test_space_and_inodes(self):
@@ -195,24 +231,12 @@ class TmpDirTest(MachineTest):
         ):
             with self.subTest(options=options, then=then, min_free=min_free):
                 before = f"mount -t tmpfs -o {options} none {self.tmp}{then}"
-                self.judge(
-                    check, outcome, None, "--min-free", min_free, before=before, **values
-                )
+                self.judge(check, outcome, "--min-free", min_free, before=before, **values)
 
     def test_space_as_anybody(self):
         for min_free, state in (("0", "ok"), ("9999T", "failure")):
             report = self.examine("tmp-dir.space", "--tmp-dir", self.tmp, "--min-free", min_free)
             self.assertEqual(report.state("tmp-dir.space"), state)
-
-    def test_space_for_root_counts_what_is_kept_for_root(self):
-        blocks = unittest.mock.Mock(f_bfree=10, f_bavail=5, f_frsize=1024)
-        for uid, message in ((0, "10.0 KB are free"), (33, "5.0 KB are free")):
-            site = site_of(uid, tmp_dir="/x", min_free=0)
-            self.assertIn(message, tmp_dir.tmp_dir_space(site, blocks).message)
-
-    def test_inodes_without_a_number(self):
-        found = tmp_dir.tmp_dir_inodes("/x", unittest.mock.Mock(f_files=0))
-        self.assertEqual(found, finding("tmp-dir.inodes", "/x", "ok none"))
 
     def make_upload(self, name, size, hours):
         path = self.tmp / name
@@ -234,11 +258,6 @@ class TmpDirTest(MachineTest):
         self.judge("leftovers", "warning", count="2 uploads are", size="3.0 KB", age="50 hours")
         self.make_upload(".tov-AbC123", 1024, 60)
         self.judge("leftovers", "warning", count="3 uploads are", size="4.0 KB", age="60 hours")
-
-    @AS_OTHERS
-    def test_leftovers_of_others(self):
-        self.tmp.chmod(0o333)
-        self.judge("leftovers", "unchecked", error=DENIED)
 
     @AS_ROOT
     def test_ageing(self):
@@ -277,20 +296,15 @@ def elf_file(needed=(), runpath="", rpath="", behind_the_end=()):
 
 
 class ProgramTest(DoctorTest):
+    group, option = "program", "--program"
+
     def setUp(self):
         super().setUp()
         self.bin = self.make_folder("bin")
-        self.program_path = self.bin / "panel"
-        shutil.copyfile("/bin/true", self.program_path)
-        self.program_path.chmod(0o755)
+        self.subject = self.program_path = self.bin / "panel"
+        shutil.copy("/bin/true", self.program_path)
         if "noexec" in mount_of(self.folder).options:
             self.skipTest("no program below /tmp may be run here")
-
-    def judge(self, check, outcome, *arguments, environment=(), **values):
-        check, path = f"program.{check}", self.program_path
-        report = self.examine(check, "--program", path, *arguments, environment=environment)
-        values = {"user": OWN_NAME, "path": str(path), **values}
-        self.expect(report, check, outcome, path, **values)
 
     def test_none_is_named(self):
         report = self.examine("program")
@@ -299,6 +313,8 @@ class ProgramTest(DoctorTest):
 
     def test_may_be_run(self):
         self.judge("file", "ok")
+        self.program_path.chmod(0o644)
+        self.judge("file", "failure", error=DENIED)
 
     def test_is_missing_or_no_program(self):
         self.make_fifo()
@@ -310,10 +326,6 @@ class ProgramTest(DoctorTest):
             report = self.examine("program", "--program", self.folder / name)
             self.expect(report, "program.file", outcome, self.folder / name, **values)
             self.assertEqual(len(report.checks), 1)
-
-    def test_may_not_be_run(self):
-        self.program_path.chmod(0o644)
-        self.judge("file", "failure", error=DENIED)
 
     @AS_OTHERS
     def test_rights_of_another_are_not_known(self):
@@ -329,14 +341,6 @@ class ProgramTest(DoctorTest):
         (found,) = report.findings("program.file")
         self.assertEqual(found["state"], "failure")
         self.assertRegex(found["message"], "mounted noexec|Permission denied")
-
-    def test_noexec_where_the_kernel_says_that_it_may_be_run(self):
-        site = site_of(program=str(self.program_path))
-        site.as_front_end.return_value = ""
-        mount = Mount("/", "ext4", {"noexec"})
-        with unittest.mock.patch.object(program, "mount_of", return_value=mount):
-            found = program.program_file(site)
-        self.assertEqual(found, finding("program.file", site.program, "failure noexec"))
 
     def test_safe(self):
         self.judge("safe", "ok" if IS_ROOT else "warning")
@@ -364,43 +368,32 @@ class ProgramTest(DoctorTest):
 
     @AS_ROOT
     def test_work_dir_cannot_be_entered(self):
-        home = self.make_folder("home", 0o755)
+        home = self.make_folder("home", 0o700)
         (home / "bin").mkdir()
         (self.folder / "front").symlink_to(home / "bin")
         shutil.copy("/bin/true", home / "bin" / "panel")
-        home.chmod(0o700)
         stranger = Identity("x", STRANGER, STRANGER, [])
-        site = unittest.mock.Mock(program=f"{self.folder}/front/panel", identity=stranger)
+        site = Mock(program=f"{self.folder}/front/panel", identity=stranger)
         site.as_front_end.side_effect = lambda function, *arguments: run_in_child(
             LONG, function, *arguments, identity=stranger
         )
-        self.assertEqual(
-            program.program_work_dir(site),
-            finding("program.work-dir", site.program, "warning", path=str(home), user="x",
-                    error=DENIED),
-        )  # fmt: skip
+        found = program.program_work_dir(site)
+        values = {"path": str(home), "user": "x", "error": DENIED}
+        self.assertEqual(found, finding("program.work-dir", site.program, "warning", **values))
 
     def test_libraries(self):
+        """They are those of the linker's own answer, for a program that may be run."""
         report = self.examine("program.libraries", "--program", self.program_path)
         (found,) = report.findings("program.libraries")
         self.assertEqual(found["state"], "ok")
-        self.assertRegex(
-            found["message"],
-            r"^The shared libraries of the program are found \(\d+\); libzancgi, if any, is linked "
-            r"in\.$",
-        )
-
-    def test_libraries_are_those_of_the_linker(self):
-        """The linker's own answer, for a program that may be run."""
+        message = r"^The shared libraries of the program are found \(\d+\); libzancgi, if any, is "
+        self.assertRegex(found["message"], message + r"linked in\.$")
         listing = subprocess.run(
             ["ldd", sys.executable], env={"PATH": os.environ["PATH"]}, capture_output=True,
             text=True, check=True,
         ).stdout  # fmt: skip
-        expected = {
-            line.split()[0]: os.path.realpath(line.split()[2])
-            for line in listing.splitlines()
-            if "=>" in line
-        }
+        named = re.findall(r"^\s*(\S+) => (\S+)", listing, re.MULTILINE)
+        expected = {name: os.path.realpath(path) for name, path in named}
         search = LibrarySearch({})
         search.search(os.path.realpath(sys.executable))
         self.assertEqual(search.missing, [])
@@ -409,10 +402,6 @@ class ProgramTest(DoctorTest):
 
     def write_elf(self, *arguments, **more):
         self.program_path.write_bytes(elf_file(*arguments, **more))
-
-    def test_library_is_missing(self):
-        self.write_elf(["libc.so.6", "libzancgi.so.\x1b1"])
-        self.judge("libraries", "failure", names="'libzancgi.so.\\x1b1'")
 
     def test_library_beside_the_program(self):
         """With the version of libzancgi, by the link's end."""
@@ -434,7 +423,10 @@ class ProgramTest(DoctorTest):
         self.write_elf(["libnone.so.9"], runpath="/none", rpath="$ORIGIN/../lib")
         self.judge("libraries", "failure", names="'libnone.so.9'")
 
-    def test_nothing_is_needed_behind_the_end_of_the_table(self):
+    def test_library_is_missing(self):
+        self.write_elf(["libc.so.6", "libzancgi.so.\x1b1"])
+        self.judge("libraries", "failure", names="'libzancgi.so.\\x1b1'")
+        # Nothing is needed after the end of the table.
         self.write_elf(["libc.so.6"], behind_the_end=["libnone.so.9"])
         report = self.examine("program", "--program", self.program_path)
         self.assertEqual(report.state("program.libraries"), "ok")
@@ -471,24 +463,23 @@ class ProgramTest(DoctorTest):
             except NotElf:
                 pass
 
-    def test_that_cannot_be_read(self):
-        error = PermissionError(13, DENIED)
-        with unittest.mock.patch.object(program, "dynamic_of", side_effect=error):
-            (found,) = program.program_libraries(site_of(program="/x"), "/x")
-        expected = finding("program.libraries", "/x", "unchecked", path="/x", error=DENIED)
-        self.assertEqual(found, expected)
-
     def script(self, text):
         path = self.bin / "launcher"
         path.write_text("#!/bin/sh\n" + text)
         path.chmod(0o755)
         return path
 
-    def examine_all(self, path):
-        return self.examine("program", "--program", path)
+    def examine_script(self, text):
+        self.subject = self.script(text)
+        return self.examine("program", "--program", self.subject)
+
+    def expect_launcher(self, report, outcome, **values):
+        path = self.subject
+        self.expect(report, "program.launcher", outcome, path, path=str(path), **values)
 
     def test_script_that_names_its_program(self):
         """As the launcher of the documents: variables, limits, then a timer."""
+        program_path = str(self.program_path)
         for line in (
             "exec /usr/bin/timeout --kill-after=2 $seconds {}",
             "exec {}",
@@ -497,22 +488,17 @@ class ProgramTest(DoctorTest):
             "exec {} /etc/passwd; exit",
             "exec 2>>/var/log/none\nexec {}",
         ):
-            path = self.script(line.format(self.program_path) + "\n")
-            report = self.examine_all(path)
-            self.expect(report, "program.launcher", "ok", path, path=str(path),
-                        program=str(self.program_path))  # fmt: skip
+            report = self.examine_script(line.format(program_path) + "\n")
+            self.expect_launcher(report, "ok", program=program_path)
             found = {check["name"]: check["subject"] for check in report.checks}
             for check in ("work-dir", "libraries", "search-path"):
-                self.assertEqual(found[f"program.{check}"], str(self.program_path))
+                self.assertEqual(found[f"program.{check}"], program_path)
             subjects = [check["subject"] for check in report.findings("program.safe")]
-            self.assertEqual(subjects, [str(path), str(self.program_path)])
-
-    def test_program_of_a_script_is_judged(self):
-        path = self.script(f"exec {self.program_path}\n")
+            self.assertEqual(subjects, [str(self.subject), program_path])
+        # The program is judged as well.
         self.program_path.chmod(0o777)
-        found = self.examine_all(path).findings("program.safe")
-        states = {check["subject"]: check["state"] for check in found}
-        self.assertEqual(states[str(self.program_path)], "failure")
+        report = self.examine_script(f"exec {program_path}\n")
+        self.assertEqual(report.findings("program.safe")[1]["state"], "failure")
 
     def test_script_that_does_not_name_its_program(self):
         other = self.script(f"exec {self.program_path}\n").rename(self.bin / "other")
@@ -527,18 +513,16 @@ class ProgramTest(DoctorTest):
             f"case $a in\n b)\nexec {self.program_path} ;;\nesac\nexec /bin/true\n",
             "exec 'unfinished\n",
         ):
-            path = self.script(text)
-            report = self.examine_all(path)
-            self.expect(report, "program.launcher", "unchecked", path, path=str(path))
+            report = self.examine_script(text)
+            self.expect_launcher(report, "unchecked")
             self.assertEqual(report.findings("program.work-dir"), [], text)
 
     def test_launcher_of_the_documents(self):
         """With its program's path only another one."""
         document = (SOURCE / "docs" / "deployment.md").read_text()
         text = re.search(r"(?ms)^```sh /opt/panel/cgi/panel\n(.*?)^```", document)
-        path = self.script("")
-        path.write_text(text[1].replace("/opt/panel/bin/panel", str(self.program_path)))
-        self.assertEqual(self.examine_all(path).state("program.launcher"), "ok")
+        text = text[1].replace("/opt/panel/bin/panel", str(self.program_path))
+        self.assertEqual(self.examine_script(text).state("program.launcher"), "ok")
 
     def test_program_is_not_run(self):
         evidence = self.folder / "evidence"
@@ -562,40 +546,21 @@ class ProgramTest(DoctorTest):
 
 
 class PamTest(DoctorTest):
-    def with_login(self, text, check="pam", then="true"):
-        """On a machine whose service 'login' reads like this."""
-        before = (
-            f"cp -a /etc/pam.d {self.folder}/pam.d; mount --bind {self.folder}/pam.d /etc/pam.d; "
-            f"printf %s {shlex.quote(text)} > /etc/pam.d/login; {then}"
-        )
-        report = self.examine(check, before=before)
-        shutil.rmtree(self.folder / "pam.d")
-        return report
+    group, subject = "pam", "/etc/pam.d/login"
 
     def test_library(self):
-        self.expect(self.examine("pam.library"), "pam.library", "ok", "libpam.so.0")
-
-    def test_no_library(self):
-        with unittest.mock.patch.object(pam.ctypes, "CDLL", side_effect=OSError("no file")):
-            found = pam.pam_library()
-        self.assertEqual(found, finding("pam.library", "libpam.so.0", "warning", error="no file"))
-
-    def test_service_that_cannot_be_read(self):
-        no_reading = unittest.mock.Mock(side_effect=PermissionError(13, DENIED))
-        is_safe = unittest.mock.Mock(return_value="")
-        with unittest.mock.patch.multiple(pam, read_file=no_reading, first_unsafe=is_safe):
-            found = pam.pam_service("/etc/passwd")
-        self.assertEqual(found, finding("pam.service", "/etc/passwd", "unchecked", error=DENIED))
+        self.judge("library", "ok", subject="libpam.so.0")
 
     def test_service_of_this_machine(self):
-        if not os.path.exists("/etc/pam.d/login"):
+        if not os.path.exists(self.subject):
             self.skipTest("the package login is not installed")
-        if first_unsafe(way_to("/etc/pam.d/login"), {0}, allows_sticky=False):
+        if first_unsafe(way_to(self.subject), {0}, allows_sticky=False):
             self.skipTest("others than root can change /etc/pam.d/login on this machine")
-        self.expect(self.examine("pam"), "pam.service", "ok", "/etc/pam.d/login")
+        self.judge("service", "ok")
 
     @AS_ROOT
     def test_services_and_modules(self):
+        """On a machine whose service 'login' reads like this."""
         module = self.make_file("module.so", "", 0o666)
         sound = "auth required nothing.so\nsession required pam_unix.so\n"
         several = (
@@ -608,43 +573,35 @@ class PamTest(DoctorTest):
             "session include more\n"
             "account required other.so\n"
         )
-        login = "/etc/pam.d/login"
+        login = self.subject
+        everybody = "is writable by everybody"
+        names = "'c.so', 'a.so', 'b.so'"
+        with_c = "echo 'session required c.so' > /etc/pam.d/more"
+        # The folder of all tests comes first on the path.
+        unsafe = f"'/tmp' {everybody}"
         for text, then, check, outcome, values in (
             (sound, "true", "service", "ok", {}),
             (sound, "true", "modules", "ok", {"count": "1 module"}),
             ("", f"rm {login}", "service", "warning", {"error": NOT_THERE}),
             ("", f"rm {login}; mkfifo {login}", "service", "failure kind", {"kind": "a FIFO"}),
-            (
-                "",
-                f"chmod o+w {login}",
-                "service",
-                "failure",
-                {"unsafe": f"'{login}' is writable by everybody"},
-            ),
-            (
-                several,
-                "echo 'session required c.so' > /etc/pam.d/more",
-                "modules",
-                "warning",
-                {"names": "'c.so', 'a.so', 'b.so'"},
-            ),
+            ("", f"chmod o+w {login}", "service", "failure", {"unsafe": f"'{login}' {everybody}"}),
+            (several, with_c, "modules", "warning", {"names": names}),
             # What is no regular file is not waited for.
             ("@include more\n", "mkfifo /etc/pam.d/more", "modules", "ok", {"count": "0 modules"}),
-            (
-                f"session required {module}\n",
-                "true",
-                "modules",
-                "failure",
-                # The folder of all tests comes first on the path.
-                {"unsafe": "'/tmp' is writable by everybody"},
-            ),
+            (f"session required {module}\n", "true", "modules", "failure", {"unsafe": unsafe}),
         ):
             with self.subTest(text=text, then=then):
-                report = self.with_login(text, then=then)
+                before = (
+                    f"cp -a /etc/pam.d {self.folder}; mount --bind {self.folder}/pam.d /etc/pam.d; "
+                    f"printf %s {shlex.quote(text)} > {login}; {then}"
+                )
+                report = self.examine("pam", before=before)
                 self.expect(report, f"pam.{check}", outcome, login, **values)
+                shutil.rmtree(self.folder / "pam.d")
 
 
-class AccountTest(MachineTest):
+class AccountTest(DoctorTest):
+    group, subject = "account", "alice"
     HOME = "/srv/alice"
 
     def setUp(self):
@@ -653,27 +610,25 @@ class AccountTest(MachineTest):
             self.skipTest("the tools lie below /srv, where the accounts of this test have homes")
         self.tmp = self.make_folder("tmp", 0o700)
 
-    def judge(self, check, outcome, *arguments, home=HOME, then="true", **values):
-        """An account alice, in a machine of its own, which has no accounts of this
-        machine's, and with homes below /srv. Without an outcome, there is no finding."""
-        check = f"account.{check}"
-        before = self.accounts(home) + (
+    def prepare(self, then="true", home=HOME, **accounts):
+        """A machine that has alice and none of this machine's, with homes below /srv."""
+        return self.accounts(home, **accounts) + (
             f"; mount -t tmpfs -o mode=755 none /srv; mkdir -p /srv/alice; {then}"
         )
-        report = self.examine(
-            check, "--account", "alice", "--tmp-dir", self.tmp, *arguments, before=before
-        )
-        if outcome is None:
-            self.assertEqual(report.findings(check), [])
-            return report
-        values = {"path": str(home), "tmp_dir": str(self.tmp), **values}
-        self.expect(report, check, outcome, "alice", **values)
-        return report
 
-    def test_none_is_named(self):
-        self.expect(self.examine("account"), "account.exists", "skipped", "")
+    def judge_alice(self, check, outcome, *arguments, then="true", home=HOME, machine=(), **values):
+        arguments = ("--account", "alice", "--tmp-dir", self.tmp, *arguments)
+        before = self.prepare(then, home, **dict(machine))
+        values = {"path": str(home), "tmp_dir": str(self.tmp), **values}
+        return self.judge(check, outcome, *arguments, before=before, **values)
+
+    def expect_none(self, check, *arguments, then="true"):
+        arguments = ("--account", "alice", *arguments)
+        report = self.examine(f"account.{check}", *arguments, before=self.prepare(then))
+        self.assertEqual(report.findings(f"account.{check}"), [])
 
     def test_no_account(self):
+        self.expect(self.examine("account"), "account.exists", "skipped", "")
         name = "no-such\x1b[1m"
         self.expect(self.examine("account", "--account", name), "account.exists", "failure", name)
 
@@ -685,107 +640,94 @@ class AccountTest(MachineTest):
 
     @AS_ROOT
     def test_numbers(self):
-        self.judge("numbers", "ok")
-        for uid, outcome, group in (
-            (6, "warning low", "'disk'"),
-            (999, "warning low", "number 999"),
-            (1000, "ok", None),
+        secret = f"secret:x:{STRANGER}:"
+        for machine, outcome, group in (
+            ({}, "ok", None),
+            ({"uid": 6}, "warning low", "'disk'"),
+            ({"uid": 999}, "warning low", "number 999"),
+            ({"uid": 1000}, "ok", None),
+            # A group of the user's number.
+            ({"gid": 100, "groups": secret}, "warning group", "'secret'"),
+            ({"gid": 100, "groups": secret + "bob,alice"}, "ok", None),
         ):
-            self.uid = uid
-            self.judge("numbers", outcome, uid=uid, group=group)
-
-    @AS_ROOT
-    def test_group_of_the_users_number(self):
-        self.gid = 100
-        for members, outcome in (("", "warning group"), ("bob,alice", "ok")):
-            self.group_line = f"secret:x:{STRANGER}:{members}"
-            self.judge("numbers", outcome, group="'secret'")
+            uid = machine.get("uid")
+            self.judge_alice("numbers", outcome, machine=machine, uid=uid, group=group)
 
     @AS_ROOT
     def test_home(self):
-        self.judge("home", "ok")
-        self.judge("home", "failure empty", home="")
-        self.judge("home", "failure missing", home="/srv/bob", error=NOT_THERE)
-        self.judge("home", "failure kind", home="/srv/x", then="mkfifo /srv/x", kind="a FIFO")
+        self.judge_alice("home", "ok")
+        self.judge_alice("home", "failure empty", home="")
+        self.judge_alice("home", "failure missing", home="/srv/bob", error=NOT_THERE)
+        self.judge_alice(
+            "home", "failure kind", home="/srv/x", then="mkfifo /srv/x", kind="a FIFO"
+        )
 
     @AS_OTHERS
     def test_home_cannot_be_looked_at(self):
         path = str(self.make_folder("closed", 0) / "home")
-        entry = unittest.mock.Mock(pw_dir=path, pw_name="alice")
-        found = accounts.account_home(entry)
-        expected = finding("account.home", "alice", "unchecked", path=path, error=DENIED)
-        self.assertEqual(found, expected)
+        found = accounts.account_home(Mock(pw_dir=path, pw_name="alice"))
+        values = {"path": path, "error": DENIED}
+        self.assertEqual(found, finding("account.home", "alice", "unchecked", **values))
 
     @AS_ROOT
     def test_way(self):
-        self.judge("way", "ok", then=f"chown {STRANGER} /srv/alice")
+        self.judge_alice("way", "ok", then=f"chown {STRANGER} /srv/alice")
         for then, unsafe in (
             ("chmod 1777 /srv", "'/srv' is writable by everybody"),
             (f"chown 0:{STRANGER} /srv; chmod 775 /srv", "'/srv' is writable by group 'alice'"),
             (f"chown {STRANGER} /srv", "'/srv' belongs to user 'alice'"),
         ):
-            self.judge("way", "failure", then=then, unsafe=unsafe)
+            self.judge_alice("way", "failure", then=then, unsafe=unsafe)
 
     @AS_ROOT
     def test_confinement(self):
-        self.judge("confinement", "ok", "--confined")
+        self.judge_alice("confinement", "ok", "--confined")
         for then, unsafe in (
             (f"chown {STRANGER} /srv/alice", "'/srv/alice' belongs to user 'alice'"),
             ("chmod 775 /srv/alice", "'/srv/alice' is writable by others than its owner"),
             ("chmod 1777 /srv", "'/srv' is writable by others than its owner"),
         ):
-            self.judge("confinement", "failure", "--confined", then=then, unsafe=unsafe)
-            self.judge("confinement", "skipped", then=then, unsafe=unsafe)
+            self.judge_alice("confinement", "failure", "--confined", then=then, unsafe=unsafe)
+            self.judge_alice("confinement", "skipped", then=then, unsafe=unsafe)
 
     @AS_ROOT
     def test_folder(self):
+        """None of another is one, nor one out of reach; whether the way to the home
+        is free counts only outside."""
         files = "install -d -o alice -m 700 /srv/alice/files"
+        closed = "mkdir -m 700 /srv/alice/closed; install -d -o alice /srv/alice/closed/files"
         for then, folder in (
             (files, "/srv/alice/files"),
             ("mkdir -p /srv/alice/a/b; install -d -o alice /srv/alice/a/c", "/srv/alice/a/c"),
             ("install -d -g alice -m 770 /srv/alice/shared", "/srv/alice/shared"),
             ("chown alice /srv/alice", "/srv/alice"),
-            # A confined process need not get there from outside.
             (f"{files}; chmod 700 /srv", "/srv/alice/files"),
+            ("true", None),
+            ("mkdir -p /srv/alice/a/b; install -d -o bob /srv/alice/c", None),
+            ("install -d -o alice -m 500 /srv/alice/files", None),
+            ("install -d -o alice /srv/files; ln -s ../files /srv/alice/files", None),
+            (closed, None),
         ):
-            self.judge("folder", "ok", "--confined", then=then, folder=folder)
-
-    @AS_ROOT
-    def test_no_folder(self):
-        for then in (
-            "true",
-            "mkdir -p /srv/alice/a/b; install -d -o bob /srv/alice/c",
-            "install -d -o alice -m 500 /srv/alice/files",
-            "install -d -o alice /srv/files; ln -s ../files /srv/alice/files",
-            "mkdir -m 700 /srv/alice/closed; install -d -o alice /srv/alice/closed/files",
-        ):
-            report = self.judge("folder", "failure", "--confined", then=then)
-            self.assertEqual(report.status, 2)
-
-    @AS_ROOT
-    def test_folder_of_an_account_that_is_not_confined(self):
-        self.judge("folder", None)
-
-    def test_folder_is_not_known(self):
-        entry = unittest.mock.Mock(pw_dir=self.HOME, pw_name="alice")
-        with unittest.mock.patch.object(accounts.os, "geteuid", return_value=STRANGER):
-            found = accounts.account_folder(None, entry)
-        self.assertEqual(found, finding("account.folder", "alice", "unchecked"))
+            outcome = "ok" if folder else "failure"
+            report = self.judge_alice("folder", outcome, "--confined", then=then, folder=folder)
+            self.assertEqual(report.status, 0 if folder else 2)
+        self.expect_none("folder")
 
     @AS_ROOT
     def test_session_of_a_confined_account(self):
         login = "mkdir -p /srv/alice/etc/pam.d; touch /srv/alice/etc/pam.d/login"
         path = "/srv/alice/etc/pam.d/login"
+        both = ("--confined", "--pam")
         for then, unsafe in (
             ("true", f"'{path}' does not exist, where PAM then looks"),
             (f"{login}; chown alice /srv/alice", "'/srv/alice' belongs to user 'alice'"),
             (f"{login}; chmod 775 /srv/alice", "'/srv/alice' is writable by others than its owner"),
         ):
             with self.subTest(then=then):
-                self.judge("session", "skipped", "--confined", then=then, unsafe=unsafe)
-                self.judge("session", "warning", "--confined", "--pam", then=then, unsafe=unsafe)
-                self.judge("session", None, "--pam", then=then)
-        self.judge("session", "ok", "--confined", "--pam", then=login, login=path)
+                self.judge_alice("session", "skipped", "--confined", then=then, unsafe=unsafe)
+                self.judge_alice("session", "warning", *both, then=then, unsafe=unsafe)
+                self.expect_none("session", "--pam", then=then)
+        self.judge_alice("session", "ok", *both, then=login, login=path)
 
     @AS_ROOT
     def test_leftovers(self):
@@ -796,63 +738,32 @@ class AccountTest(MachineTest):
             "mkdir .tov-folder; chown alice .tov-theirs; touch -d '-99 hours' .tov-* theirs; "
             "touch .tov-fresh1; cd /"
         )
-        self.judge("leftovers", "ok", then=files, count="1 copy of an upload is")
+        self.judge_alice("leftovers", "ok", then=files, count="1 copy of an upload is")
         files += (
             "; head -c 2048 /dev/zero > /srv/alice/.tov-AbC123; cp /srv/alice/.tov-A* "
             "/srv/alice/.tov-000000; touch -d '-30 hours' /srv/alice/.tov-A*; "
             "touch -d '-50 hours' /srv/alice/.tov-0*"
         )
-        self.judge("leftovers", "warning", then=files, count="2 copies of uploads are",
-                   size="4.0 KB", age="50 hours")  # fmt: skip
-
-    def test_leftovers_that_cannot_be_listed(self):
-        entry = unittest.mock.Mock(pw_dir="/none", pw_name="alice")
-        expected = finding("account.leftovers", "alice", "unchecked", path="/none", error=NOT_THERE)
-        self.assertEqual(accounts.account_leftovers(entry), expected)
-
-    @AS_ROOT
-    def test_confinement_to_fuse_and_nfs(self):
-        for kind in ("fuse.bindfs", "fuseblk", "nfs4"):
-            mount = Mount("/", kind, set())
-            with unittest.mock.patch.object(accounts, "mount_of", return_value=mount):
-                why = accounts.why_not_confine("/usr")
-            self.assertEqual(why, f"'/usr' is on a file system of type '{kind}'")
+        values = {"count": "2 copies of uploads are", "size": "4.0 KB", "age": "50 hours"}
+        self.judge_alice("leftovers", "warning", then=files, **values)
 
     @AS_ROOT
     def test_hand_over(self):
-        self.judge("hand-over", "ok")
-        self.judge("hand-over", "failure read-only", then="mount -o remount,ro /srv")
-        self.judge("hand-over", "failure user", "--as", "alice", user="alice")
-
-    def hand_over(self, mount, error):
-        site = site_of()
-        site.as_front_end.return_value = error
-        entry = unittest.mock.Mock(pw_dir=str(self.folder), pw_name="alice")
-        with unittest.mock.patch.object(accounts, "mount_of", return_value=mount):
-            return accounts.account_hand_over(site, entry)
-
-    def test_hand_over_that_cannot_be(self):
-        for kind, error, outcome in (
-            ("nfs4", "", "warning remote"),
-            ("fuse.sshfs", "", "warning fuse"),
-            ("ext4", "Operation not permitted", "failure"),
-            ("ext4", None, "unchecked"),
-        ):
-            expected = finding("account.hand-over", "alice", outcome, path=str(self.folder),
-                               kind=kind, error=error)  # fmt: skip
-            self.assertEqual(self.hand_over(Mount("/", kind, set()), error), expected)
+        self.judge_alice("hand-over", "ok")
+        self.judge_alice("hand-over", "failure read-only", then="mount -o remount,ro /srv")
+        self.judge_alice("hand-over", "failure user", "--as", "alice", user="alice")
 
     @AS_ROOT
     def test_space(self):
-        self.judge("space", "ok moved", home=self.make_folder("home"))
+        self.judge_alice("space", "ok moved", home=self.make_folder("home"))
         small = "mount -t tmpfs -o size=4M none /srv/alice"
         for min_free, outcome in (("1M", "ok"), ("3M", "warning"), ("5M", "failure")):
-            self.judge("space", outcome, "--min-free", min_free, then=small, size="4.0 MB")
-        self.judge("space", "unchecked", then=f"rmdir {self.tmp}", error=NOT_THERE)
+            self.judge_alice("space", outcome, "--min-free", min_free, then=small, size="4.0 MB")
+        self.judge_alice("space", "unchecked", then=f"rmdir {self.tmp}", error=NOT_THERE)
 
 
 class NssTest(DoctorTest):
-    PATH = "/etc/nsswitch.conf"
+    group, subject = "nss", "/etc/nsswitch.conf"
 
     @AS_ROOT
     def test_sources(self):
@@ -860,16 +771,8 @@ class NssTest(DoctorTest):
             ("# passwd: no\npasswd: files [NOTFOUND=return] # x\nhosts: none\n", "ok", "'files'"),
             ("passwd: files nosuch\ngroup: files\x1b\n", "warning", "'nosuch', 'files\\x1b'"),
         ):
-            file = self.make_file("nsswitch.conf", text)
-            report = self.examine("nss", before=f"mount --bind {file} {self.PATH}")
-            self.expect(report, "nss.sources", outcome, self.PATH, names=names)
-
-    def test_no_file(self):
-        error = FileNotFoundError(2, NOT_THERE)
-        with unittest.mock.patch.object(nss, "read_text", side_effect=error):
-            (found,) = nss.check_nss(None)
-        expected = finding("nss.sources", self.PATH, "warning missing", error=NOT_THERE)
-        self.assertEqual(found, expected)
+            before = f"mount --bind {self.make_file('nsswitch.conf', text)} {self.subject}"
+            self.judge("sources", outcome, before=before, names=names)
 
 
 if __name__ == "__main__":

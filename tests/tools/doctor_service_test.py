@@ -14,25 +14,9 @@ import sys
 import time
 import unittest
 
-from doctor_support import (
-    AS_OTHERS,
-    AS_ROOT,
-    DENIED,
-    IS_ROOT,
-    LONG,
-    ME,
-    NOT_THERE,
-    OWN_NAME,
-    REFUSAL,
-    STRANGER,
-    STRANGERS_NAME,
-    WITHOUT_CONFIGURATION,
-    DoctorTest,
-    MachineTest,
-    ServiceTest,
-    answering,
-    with_length,
-)
+from doctor_support import AS_OTHERS, AS_ROOT, DENIED, IS_ROOT, LONG, ME, NOT_THERE
+from doctor_support import REFUSAL, STRANGER, STRANGERS_NAME, WITHOUT_CONFIGURATION
+from doctor_support import DoctorTest, ServiceTest, answering, with_length
 from zancgi_doctor.checks import back_end
 from zancgi_doctor.mounts import mount_of
 from zancgi_doctor.texts import group_name, user_name
@@ -51,17 +35,14 @@ def application(environ, start_response):
 
 
 class RunDirTest(DoctorTest):
-    def judge(self, check, outcome, path=None, *arguments, before="", **values):
-        path = path or self.run_dir
-        check = f"run-dir.{check}"
-        report = self.examine(check, "--run-dir", path, *arguments, before=before)
-        self.expect(report, check, outcome, path, **values)
-        return report
+    group, option = "run-dir", "--run-dir"
+
+    def setUp(self):
+        super().setUp()
+        self.subject = self.run_dir
 
     def test_exists(self):
         self.judge("exists", "ok")
-
-    def test_comes_from_the_environment(self):
         report = self.examine("run-dir.exists", environment={"TOV_RUN_DIR": str(self.run_dir)})
         self.expect(report, "run-dir.exists", "ok", self.run_dir)
         for environment in ({}, {"TOV_RUN_DIR": ""}):
@@ -70,21 +51,24 @@ class RunDirTest(DoctorTest):
 
     def test_is_none(self):
         missing = self.folder / "none"
-        report = self.judge("exists", "failure missing", missing, error=NOT_THERE)
+        report = self.judge("exists", "failure missing", subject=missing, error=NOT_THERE)
         self.assertEqual(report.status, 2)
-        self.judge("exists", "failure relative", "run")
-        self.judge("exists", "failure kind", self.make_fifo(), kind="a FIFO")
+        self.judge("exists", "failure relative", subject="run")
+        self.judge("exists", "failure kind", subject=self.make_fifo(), kind="a FIFO")
 
     @AS_ROOT
     def test_cannot_be_searched(self):
         self.run_dir.chmod(0o750)
-        self.judge("exists", "failure search", None, "--as", STRANGER,
-                   user=STRANGERS_NAME, error=DENIED)  # fmt: skip
+        name = STRANGERS_NAME
+        self.judge("exists", "failure search", "--as", name, user=name, error=DENIED)
 
     @AS_OTHERS
-    def test_cannot_be_searched_by_oneself(self):
+    def test_cannot_be_searched_or_listed_by_oneself(self):
         self.run_dir.chmod(0o600)
-        self.judge("exists", "failure search", user=OWN_NAME, error=DENIED)
+        self.judge("exists", "failure search", error=DENIED)
+        self.run_dir.chmod(0o311)
+        report = self.judge("names", "unchecked", error=DENIED)
+        self.assertEqual(report.status, 3)
 
     def test_length(self):
         for room, outcome, shown in (
@@ -94,12 +78,10 @@ class RunDirTest(DoctorTest):
             (0, "failure", "0 bytes"),
         ):
             path = "/" + "x" * (107 - len("/.sock") - room - 1)
-            self.judge("length", outcome, path, room=shown)
-
-    def test_is_safe(self):
-        self.judge("safe", "ok", owner=user_name(os.geteuid()))
+            self.judge("length", outcome, subject=path, room=shown)
 
     def test_is_writable_by_everybody_or_a_group(self):
+        self.judge("safe", "ok", owner=user_name(os.geteuid()))
         group = group_name(os.getegid() or STRANGER)
         if IS_ROOT:
             os.chown(self.run_dir, 0, STRANGER)
@@ -118,19 +100,20 @@ class RunDirTest(DoctorTest):
         for path in ("open/run", "open/link", "link/..", "back"):
             with self.subTest(path=path):
                 unsafe = f"'{opened}' is writable by everybody"
-                self.judge("safe", "failure", f"{self.folder}/{path}", unsafe=unsafe)
+                self.judge("safe", "failure", subject=f"{self.folder}/{path}", unsafe=unsafe)
 
     @AS_ROOT
     def test_link_of_a_stranger_in_a_sticky_folder(self):
         link = self.make_folder("sticky", 0o1777) / "link"
         link.symlink_to(self.run_dir)
         os.lchown(link, STRANGER, STRANGER)
-        self.judge("safe", "failure", link, unsafe=f"'{link}' belongs to user number {STRANGER}")
+        unsafe = f"'{link}' belongs to user number {STRANGER}"
+        self.judge("safe", "failure", subject=link, unsafe=unsafe)
 
     @AS_ROOT
     def test_front_end_may_write_there(self):
         os.chown(self.run_dir, STRANGER, STRANGER)
-        self.judge("safe", "warning", None, "--as", STRANGER, user=STRANGERS_NAME)
+        self.judge("safe", "warning", "--as", STRANGER, user=STRANGERS_NAME)
 
     def test_outlasts_a_reboot_on_disk(self):
         if mount_of(self.run_dir).kind in ("tmpfs", "ramfs"):
@@ -140,21 +123,18 @@ class RunDirTest(DoctorTest):
     @AS_ROOT
     def test_in_memory(self):
         unit = "/etc/systemd/system/panel.service"
+        by_unit = f"printf '[Service]\\nRuntimeDirectory=a tov\\n' > {unit}"
+        by_rule = "echo 'd {} 0755 root root -' > /etc/tmpfiles.d/tov.conf"
         rule = "mkdir /run/tmpfiles.d; echo 'd /run/tov' > /run/tmpfiles.d/tov.conf"
         mask = "ln -s /dev/null /etc/tmpfiles.d/tov.conf"
         comment = "echo '# d /run/tov' > /etc/tmpfiles.d/x.conf"
         other = "echo 'd /run/tov2' > /etc/tmpfiles.d/y.conf"
         fifo = "mkfifo /etc/tmpfiles.d/z.conf"
         systemd = "mkdir -p /run/systemd/system"
-        by_rule = "echo 'd {} 0755 root root -' > /etc/tmpfiles.d/tov.conf"
         for more, outcome, maker in (
             ([by_rule.format("/run/tov")], "ok made", "a tmpfiles.d rule"),
             ([by_rule.format("/var/run/tov/")], "ok made", "a tmpfiles.d rule"),
-            (
-                [f"printf '[Service]\\nRuntimeDirectory=a tov\\n' > {unit}"],
-                "ok made",
-                f"the unit '{unit}'",
-            ),
+            ([by_unit], "ok made", f"the unit '{unit}'"),
             ([systemd], "warning", None),
             ([systemd, rule, mask], "warning", None),
             ([systemd, comment, other, fifo], "warning", None),
@@ -162,7 +142,9 @@ class RunDirTest(DoctorTest):
         ):
             with self.subTest(more=more):
                 before = "; ".join([*WITHOUT_CONFIGURATION, "mkdir -m 755 /run/tov", *more])
-                report = self.judge("reboot", outcome, "/run/tov", before=before, maker=maker)
+                report = self.judge(
+                    "reboot", outcome, subject="/run/tov", before=before, maker=maker
+                )
                 self.assertEqual(report.status, 1 if outcome == "warning" else 0)
 
     def test_names(self):
@@ -176,19 +158,13 @@ class RunDirTest(DoctorTest):
                 (self.run_dir / name).touch()
             self.judge("names", outcome, names=shown)
 
-    @AS_OTHERS
-    def test_cannot_be_listed(self):
-        self.run_dir.chmod(0o311)
-        report = self.judge("names", "unchecked", error=DENIED)
-        self.assertEqual(report.status, 3)
-
 
 class SocketTest(ServiceTest):
-    def judge(self, check, outcome, *arguments, **values):
-        values.setdefault("user", OWN_NAME)
-        report = self.ask(check, *arguments)
-        self.expect(report, check, outcome, "panel", path=str(self.path), **values)
-        return report
+    group = "socket"
+
+    def judge_panel(self, check, outcome, *arguments, **values):
+        arguments = ("--run-dir", self.run_dir, "--service", "panel", *arguments)
+        self.judge(check, outcome, *arguments, subject="panel", path=str(self.path), **values)
 
     def test_names(self):
         long = "x" * (107 - len(f"{self.run_dir}/.sock") + 1)
@@ -212,10 +188,6 @@ class SocketTest(ServiceTest):
         self.expect(report, "socket.name", "ok", service)
         self.expect(report, "back-end.answer", "ok refuses", service)
 
-    def test_is_a_socket(self):
-        self.bind(self.path, 0o660)
-        self.judge("socket.kind", "ok")
-
     def test_is_none(self):
         for make, outcome, values in (
             (lambda path: None, "failure missing", {"error": NOT_THERE}),
@@ -225,17 +197,12 @@ class SocketTest(ServiceTest):
             (os.mkdir, "failure kind", {"kind": "a folder"}),
         ):
             make(self.path)
-            self.judge("socket.kind", outcome, listener="the back end", **values)
+            self.judge_panel("kind", outcome, listener="the back end", **values)
             report = self.ask("back-end.time")
             self.assertEqual(report.status, 3)
             self.expect(report, "back-end.connect", "unchecked kind", "panel")
             if os.path.lexists(self.path):
                 self.path.rmdir() if self.path.is_dir() else self.path.unlink()
-
-    @AS_OTHERS
-    def test_cannot_be_looked_at(self):
-        self.run_dir.chmod(0o600)
-        self.judge("socket.kind", "unchecked", error=DENIED)
 
     def test_no_socket_at_all(self):
         report = self.examine("socket", "--run-dir", self.run_dir)
@@ -245,39 +212,38 @@ class SocketTest(ServiceTest):
         other = self.make_folder("panel")
         self.path.symlink_to(other / "panel.sock")
         self.bind(other / "panel.sock", 0o660)
-        self.judge("socket.safe", "ok")
+        self.judge_panel("safe", "ok")
         other.chmod(0o777)
-        self.judge("socket.safe", "failure", unsafe=f"'{other}' is writable by everybody")
+        self.judge_panel("safe", "failure", unsafe=f"'{other}' is writable by everybody")
 
-    def test_access(self):
+    def test_of_oneself(self):
         self.bind(self.path, 0o660)
-        self.judge("socket.access", "ok")
+        self.judge_panel("kind", "ok")
+        self.judge_panel("access", "ok")
 
     @AS_ROOT
     def test_access_of_another(self):
         self.bind(self.path, 0o660)
         name = STRANGERS_NAME
-        self.judge("socket.access", "failure", "--as", name, user=name, error=DENIED)
+        self.judge_panel("access", "failure", "--as", name, user=name, error=DENIED)
         os.chown(self.path, 0, STRANGER + 1)
-        self.judge("socket.access", "ok", "--as", f"{STRANGER}:{STRANGER + 1}", user=name)
+        self.judge_panel("access", "ok", "--as", f"{STRANGER}:{STRANGER + 1}", user=name)
 
     @AS_OTHERS
     def test_oneself_may_not_connect(self):
         self.bind(self.path, 0)
-        self.judge("socket.access", "failure", error=DENIED)
-
-    @AS_OTHERS
-    def test_access_of_another_is_not_known(self):
-        self.bind(self.path, 0o660)
-        self.judge("socket.access", "unchecked", "--as", "root", user="root")
+        self.judge_panel("access", "failure", error=DENIED)
+        self.judge_panel("access", "unchecked", "--as", "root", user="root")
+        self.run_dir.chmod(0o600)
+        self.judge_panel("kind", "unchecked", error=DENIED)
 
     def test_strangers(self):
         self.bind(self.path, 0o660)
-        self.judge("socket.strangers", "ok")
+        self.judge_panel("strangers", "ok")
         self.path.chmod(0o666)
-        self.judge("socket.strangers", "warning")
+        self.judge_panel("strangers", "warning")
         self.run_dir.chmod(0o750)
-        self.judge("socket.strangers", "ok")
+        self.judge_panel("strangers", "ok")
 
 
 class PanelTest(ServiceTest):
@@ -698,22 +664,18 @@ class RealBackEndTest(PanelTest):
         self.judge(self.ask(), "answer", "failure no server")
 
 
-class FcgiTest(MachineTest):
+class FcgiTest(DoctorTest):
+    group, option = "fcgi", "--fcgi-socket"
+
     def setUp(self):
         super().setUp()
-        self.path = self.folder / "fcgi.sock"
-
-    def judge(self, check, outcome, *arguments, before="", **values):
-        check = f"fcgi.{check}"
-        report = self.examine("fcgi", "--fcgi-socket", self.path, *arguments, before=before)
-        values.setdefault("user", OWN_NAME)
-        self.expect(report, check, outcome, self.path, path=str(self.path), **values)
+        self.subject = self.folder / "fcgi.sock"
 
     def state(self, check):
-        return self.examine("fcgi", "--fcgi-socket", self.path).state(f"fcgi.{check}")
+        return self.examine("fcgi", "--fcgi-socket", self.subject).state(f"fcgi.{check}")
 
     def test_all_is_well(self):
-        self.bind(self.path, 0o600)
+        self.bind(self.subject, 0o600)
         self.judge("kind", "ok")
         if IS_ROOT:
             self.judge("safe", "ok")
@@ -721,18 +683,18 @@ class FcgiTest(MachineTest):
 
     def test_is_missing_or_something_else(self):
         self.judge("kind", "failure missing", error=NOT_THERE, listener="fcgiwrap")
-        os.mkfifo(self.path)
+        os.mkfifo(self.subject)
         self.judge("kind", "failure kind", kind="a FIFO", listener="fcgiwrap")
 
     def test_everybody_may_connect(self):
         for mode in (0o666, 0o602):
-            self.bind(self.path, mode)
+            self.bind(self.subject, mode)
             self.judge("strangers", "failure")
-            self.path.unlink()
+            self.subject.unlink()
 
     def test_everybody_may_connect_but_cannot_get_there(self):
-        self.path = self.make_folder("closed", 0o700) / "fcgi.sock"
-        self.bind(self.path, 0o666)
+        self.subject = self.make_folder("closed", 0o700) / "fcgi.sock"
+        self.bind(self.subject, 0o666)
         self.assertNotEqual(self.state("strangers"), "failure")
 
     @AS_ROOT
@@ -746,22 +708,21 @@ class FcgiTest(MachineTest):
             (0o660, STRANGER + 1, STRANGER, alone, "warning", "'alice', 'bob'"),
         ):
             with self.subTest(mode=mode, owner=owner, group=group, group_line=group_line):
-                self.group_line = group_line
-                self.bind(self.path, mode)
-                os.chown(self.path, owner, group)
-                self.judge("strangers", outcome, "--as", "bob", before=self.accounts(),
-                           user="bob", accounts=accounts)  # fmt: skip
-                self.path.unlink()
+                self.bind(self.subject, mode)
+                os.chown(self.subject, owner, group)
+                before, values = self.accounts(groups=group_line), {"accounts": accounts}
+                self.judge("strangers", outcome, "--as", "bob", before=before, user="bob", **values)
+                self.subject.unlink()
 
     def test_can_be_replaced(self):
         """By a link as well, and in a sticky folder: anybody can come before fcgiwrap."""
-        link = self.path
+        link = self.subject
         for mode in (0o755, 0o777, 0o1777):
             folder = self.make_folder(f"open-{mode:o}", mode)
-            self.path = folder / "fcgi.sock"
-            self.bind(self.path, 0o600)
-            link.symlink_to(self.path)
-            for self.path in (self.path, link):
+            self.subject = folder / "fcgi.sock"
+            self.bind(self.subject, 0o600)
+            link.symlink_to(self.subject)
+            for self.subject in (self.subject, link):
                 if mode != 0o755:
                     self.judge("safe", "failure", unsafe=f"'{folder}' is writable by everybody")
                 elif IS_ROOT:
@@ -770,21 +731,21 @@ class FcgiTest(MachineTest):
 
     def test_link_that_others_can_exchange(self):
         """Though it leads to where nobody can write, and over one more link."""
-        self.bind(self.path, 0o600)
+        self.bind(self.subject, 0o600)
         folder = self.make_folder("open", 0o1777)
-        (folder / "link").symlink_to(self.path)
-        self.path = self.make_folder("closed") / "link"
-        self.path.symlink_to("../open/link")
+        (folder / "link").symlink_to(self.subject)
+        self.subject = self.make_folder("closed") / "link"
+        self.subject.symlink_to("../open/link")
         self.judge("safe", "failure", unsafe=f"'{folder}' is writable by everybody")
 
     @AS_ROOT
     def test_folder_of_another_account(self):
         folder = self.make_folder("others")
         os.chown(folder, STRANGER, STRANGER)
-        self.path = folder / "fcgi.sock"
-        self.bind(self.path, 0o600)
+        self.subject = folder / "fcgi.sock"
+        self.bind(self.subject, 0o600)
         self.judge("safe", "failure", unsafe=f"'{folder}' belongs to user number {STRANGER}")
-        os.chown(self.path, STRANGER, STRANGER)
+        os.chown(self.subject, STRANGER, STRANGER)
         self.assertEqual(self.state("safe"), "ok")
 
     def found(self, *more):
@@ -810,24 +771,20 @@ class FcgiTest(MachineTest):
         runs = "[Service]\nExecStart=/usr/sbin/fcgiwrap -f -c 8\n"
         listens = "[Socket]\nListenStream=/run/{}.sock\n"
         default = ("/run/fcgiwrap.socket", "ok")
+        listens_itself = {
+            "panel.service": "[Service]\nExecStart=-/x/fcgiwrap -s unix:/run/b.sock -c 1\n",
+            "other.service": "[Service]\nExecStart=/usr/sbin/fcgiwrapper\n",
+            "other.socket": listens.format("a"),
+        }
+        by_another_name = {
+            "panel.service": runs,
+            "web.socket": listens.format("c") + "Service=panel.service\n",
+            "panel.socket.d/more.conf": listens.format("a"),
+        }
         for units, expected in (
             ({"panel.service": runs, "panel.socket": listens.format("a")}, ["a"]),
-            (
-                {
-                    "panel.service": "[Service]\nExecStart=-/x/fcgiwrap -s unix:/run/b.sock -c 1\n",
-                    "other.service": "[Service]\nExecStart=/usr/sbin/fcgiwrapper\n",
-                    "other.socket": listens.format("a"),
-                },
-                ["b"],
-            ),
-            (
-                {
-                    "panel.service": runs,
-                    "web.socket": listens.format("c") + "Service=panel.service\n",
-                    "panel.socket.d/more.conf": listens.format("a"),
-                },
-                ["c", "a"],
-            ),
+            (listens_itself, ["b"]),
+            (by_another_name, ["c", "a"]),
             ({"panel.service": runs, "panel.socket": listens.format("none")}, []),
         ):
             found = self.found(*(self.unit(name, text) for name, text in units.items()))

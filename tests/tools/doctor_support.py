@@ -113,6 +113,8 @@ def prepare_machine(before):
 
 class DoctorTest(unittest.TestCase):
     maxDiff = None
+    # Of the checks that judge makes, and the option that names their subject.
+    group = option = ""
 
     def setUp(self):
         # Short: the path of a socket has 107 bytes.
@@ -189,31 +191,32 @@ class DoctorTest(unittest.TestCase):
         self.assertEqual(report.findings(check), [wanted])
         self.assertEqual(bool(wanted["remedy"]), wanted["state"] not in ("ok", "skipped"))
 
+    def judge(self, check, outcome, *arguments, subject=None, before="", environment=(), **values):
+        """Has one check of the class's group made, and expects its finding."""
+        subject = subject or self.subject
+        check = f"{self.group}.{check}"
+        arguments = (self.option, subject, *arguments) if self.option else arguments
+        report = self.examine(check, *arguments, before=before, environment=environment)
+        values = {"user": OWN_NAME, "path": str(subject), **values}
+        self.expect(report, check, outcome, subject, **values)
+        return report
 
-class MachineTest(DoctorTest):
-    """With accounts of its own, and none of this machine's: alice, bob and root."""
-
-    def setUp(self):
-        super().setUp()
-        self.uid = self.gid = STRANGER
-        self.group_line = f"alice:x:{STRANGER}:"
-        self.password_file = self.make_file("passwd")
-        self.group_file = self.make_file("group")
-        self.sources = self.make_file("nsswitch.conf", "passwd: files\ngroup: files\n")
-
-    def accounts(self, home="/srv/alice"):
-        """What makes them, before the doctor is run."""
-        self.password_file.write_text(
-            f"root:x:0:0::/root:/bin/sh\nalice:x:{self.uid}:{self.gid}::{home}:/bin/sh\n"
-            f"bob:x:{STRANGER + 1}:{STRANGER + 1}::/srv/bob:/bin/sh\n"
+    def accounts(self, home="/srv/alice", uid=STRANGER, gid=STRANGER, groups=""):
+        """What makes alice, bob and root, and no others, before the doctor is run."""
+        groups = groups or f"alice:x:{STRANGER}:"
+        files = (
+            self.make_file(
+                "passwd",
+                f"root:x:0:0::/root:/bin/sh\nalice:x:{uid}:{gid}::{home}:/bin/sh\n"
+                f"bob:x:{STRANGER + 1}:{STRANGER + 1}::/srv/bob:/bin/sh\n",
+            ),
+            self.make_file(
+                "group",
+                f"root:x:0:\ndisk:x:6:\nusers:x:100:\nbob:x:{STRANGER + 1}:\n{groups}\n",
+            ),
+            self.make_file("nsswitch.conf", "passwd: files\ngroup: files\n"),
         )
-        self.group_file.write_text(
-            f"root:x:0:\ndisk:x:6:\nusers:x:100:\nbob:x:{STRANGER + 1}:\n{self.group_line}\n"
-        )
-        return "; ".join(
-            f"mount --bind {file} /etc/{file.name}"
-            for file in (self.password_file, self.group_file, self.sources)
-        )
+        return "; ".join(f"mount --bind {file} /etc/{file.name}" for file in files)
 
 
 class Listener:

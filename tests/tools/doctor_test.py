@@ -3,6 +3,7 @@ that people look for; and nothing that it looks at may harm or stop it. Here: it
 command line and its manual, and what it says of the process that runs it."""
 
 import contextlib
+import functools
 import json
 import os
 import pathlib
@@ -16,24 +17,10 @@ import sys
 import tempfile
 import time
 import unittest
-import unittest.mock
+from unittest.mock import Mock, patch
 
-from doctor_support import (
-    AS_OTHERS,
-    AS_ROOT,
-    DENIED,
-    DOCTOR,
-    LONG,
-    ME,
-    NOT_THERE,
-    OWN_NAME,
-    SOURCE,
-    STRANGER,
-    STRANGERS_NAME,
-    DoctorTest,
-    ServiceTest,
-    answering,
-)
+from doctor_support import AS_OTHERS, AS_ROOT, DENIED, DOCTOR, LONG, ME, NOT_THERE, OWN_NAME
+from doctor_support import SOURCE, STRANGER, STRANGERS_NAME, DoctorTest, ServiceTest, answering
 from zancgi_doctor.catalogue import CHECKS, GROUPS, sentences
 from zancgi_doctor.checks import process
 from zancgi_doctor.children import NoResult, run_in_child
@@ -48,10 +35,14 @@ PACKAGES = (DOCTOR.with_name("zancgi_doctor"), DOCTOR.with_name("zancgi_tools"))
 
 
 class CommandLineTest(DoctorTest):
-    def test_what_stops_a_check_is_told_in_its_place(self):
-        report = self.examine("tmp-dir.space", "--tmp-dir", self.folder / "none")
-        self.assertEqual(report.status, 2)
-        self.assertEqual([check["name"] for check in report.checks], ["tmp-dir.exists"])
+    def test_only_the_wanted_check_is_reported_or_what_stops_it(self):
+        for check, option, path, status, reported in (
+            ("run-dir.length", "--run-dir", self.run_dir, 0, "run-dir.length"),
+            ("tmp-dir.space", "--tmp-dir", self.folder / "none", 2, "tmp-dir.exists"),
+        ):
+            report = self.examine(check, option, path)
+            self.assertEqual([check["name"] for check in report.checks], [reported])
+            self.assertEqual(report.status, status)
 
     def test_usage_errors_end_with_3(self):
         for arguments in (
@@ -82,10 +73,8 @@ class CommandLineTest(DoctorTest):
             self.assertEqual((report.status, report.errors), (3, f"zancgi-doctor: {error}\n"))
 
     def test_caller_who_ignores_the_end_of_children(self):
-        report = self.program(
-            "--check", "process", "-v",
-            preexec_fn=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN),
-        )  # fmt: skip
+        ignore = functools.partial(signal.signal, signal.SIGCHLD, signal.SIG_IGN)
+        report = self.program("--check", "process", "-v", preexec_fn=ignore)
         self.assertIn("process.streams", report.output)
 
     def test_list_names_every_check_with_its_sentence(self):
@@ -113,10 +102,6 @@ class CommandLineTest(DoctorTest):
                 is_said = {outcome, outcome.partition(" ")[2]} & words
                 self.assertTrue(is_said, f"nothing says {outcome!r} of {name}")
 
-    def test_only_the_wanted_check_is_reported(self):
-        report = self.examine("run-dir.length", "--run-dir", self.run_dir)
-        self.assertEqual([check["name"] for check in report.checks], ["run-dir.length"])
-
     def test_json_has_the_documented_form(self):
         found = json.loads(self.doctor("--json", "--run-dir", self.run_dir).output)
         self.assertEqual(set(found), {"version", "state", "checks"})
@@ -132,34 +117,19 @@ class CommandLineTest(DoctorTest):
     def test_first_line_and_exit_status(self):
         """The worst state counts: failure, warning, unchecked, ok, in this order."""
         none = self.folder / "none"
+        missing = f"run-dir.exists {none}: The run directory '{none}' cannot be found: {NOT_THERE}."
+        empty = f"socket.kind {self.run_dir}: There is no socket in '{self.run_dir}'."
         for checks, run_dir, status, line in (
             (["run-dir.exists"], self.run_dir, 0, "OK: 0 failures, 0 warnings, 0 unchecked, 1 ok"),
-            (
-                ["run-dir.exists", "run-dir.length"],
-                none,
-                2,
-                "FAILURE: 1 failure, 0 warnings, 0 unchecked, 1 ok; run-dir.exists "
-                f"{none}: The run directory '{none}' cannot be found: {NOT_THERE}.",
-            ),
-            (
-                ["socket.kind"],
-                self.run_dir,
-                1,
-                f"WARNING: 0 failures, 1 warning, 0 unchecked, 0 ok; socket.kind {self.run_dir}: "
-                f"There is no socket in '{self.run_dir}'.",
-            ),
-        ):
+            (["run-dir.exists", "run-dir.length"], none, 2,
+             f"FAILURE: 1 failure, 0 warnings, 0 unchecked, 1 ok; {missing}"),
+            (["socket.kind"], self.run_dir, 1,
+             f"WARNING: 0 failures, 1 warning, 0 unchecked, 0 ok; {empty}"),
+        ):  # fmt: skip
             wanted = [argument for check in checks for argument in ("--check", check)]
             report = self.program("-q", "--run-dir", run_dir, *wanted)
-            self.assertEqual(
-                (report.status, report.output), (status, f"zancgi-doctor {line}\n")
-            )
-
-    @AS_OTHERS
-    def test_unchecked_ends_with_3(self):
-        report = self.doctor("-q", "--check", "identity", "--as", "root")
-        self.assertEqual(report.status, 3)
-        self.assertRegex(report.output, "^zancgi-doctor UNCHECKED: 0 failures, 0 warnings, 1 un")
+            expected = (status, f"zancgi-doctor {line}\n")
+            self.assertEqual((report.status, report.output), expected)
 
     def test_text_shows_what_is_wrong_and_with_v_all(self):
         arguments = ("--check", "run-dir", "--run-dir", self.folder / "none")
@@ -177,11 +147,10 @@ class CommandLineTest(DoctorTest):
 
     def test_output_of_foreign_text_without_utf8(self):
         """As in a locale of another encoding, of which the machine may have none."""
-        run_dir = self.make_folder("é")
+        command = [sys.executable, "-IBXutf8=0", DOCTOR, "-v", "--check", "run-dir.exists"]
         run = subprocess.run(
-            [sys.executable, "-IBXutf8=0", DOCTOR, "-v", "--check", "run-dir.exists"]
-            + ["--run-dir", run_dir],
-            env={"LC_ALL": "POSIX"}, capture_output=True, timeout=LONG, check=False,
+            [*command, "--run-dir", self.make_folder("é")], env={"LC_ALL": "POSIX"},
+            capture_output=True, timeout=LONG, check=False,
         )  # fmt: skip
         self.assertEqual(run.returncode, 0, run.stderr)
         self.assertIn(rb"\xc3\xa9", run.stdout)
@@ -211,19 +180,16 @@ class LauncherTest(DoctorTest):
         file = folder / "version.py"
         file.write_text(file.read_text().replace("@PROJECT_VERSION@", version))
 
-    def expect_version(self, program, version="12.3.4", **options):
+    def expect_version(self, program, version="12.3.4", option="-V", **options):
         run = subprocess.run(
-            [program, "-V"], capture_output=True, text=True, timeout=LONG, **options
+            [program, option], capture_output=True, text=True, timeout=LONG, check=True, **options
         )
         self.assertEqual((run.stdout, run.stderr), (f"zancgi-doctor {version}\n", ""))
 
-    def test_version_is_the_projects(self):
+    def test_version(self):
+        """The project's, or one that is neither filled in nor in a source tree."""
         for option in ("-V", "--version"):
-            report = self.program(option)
-            self.assertEqual(report.output, f"zancgi-doctor {os.environ['VERSION']}\n")
-            self.assertEqual(report.status, 0)
-
-    def test_version_that_is_neither_filled_in_nor_in_a_source_tree(self):
+            self.expect_version(DOCTOR, os.environ["VERSION"], option)
         self.install_modules("@PROJECT_VERSION@")
         self.expect_version(self.installed, "unknown")
 
@@ -300,6 +266,9 @@ class IdentityTest(DoctorTest):
     def test_another_user_without_rights(self):
         report = self.examine("identity", "--as", "root")
         self.expect(report, "identity.rights", "unchecked", "root", caller=ME)
+        report = self.doctor("-q", "--check", "identity", "--as", "root")
+        self.assertEqual(report.status, 3)
+        self.assertRegex(report.output, "^zancgi-doctor UNCHECKED: 0 failures, 0 warnings, 1 un")
 
     @AS_OTHERS
     def test_hidden_from_oneself(self):
@@ -331,27 +300,22 @@ class IdentityTest(DoctorTest):
 
 
 class ProcessTest(DoctorTest):
+    group, subject = "process", "this process"
+
     def with_limit(self, which, soft):
         _, hard = resource.getrlimit(which)
         if hard != resource.RLIM_INFINITY and not 0 <= soft <= hard:
             self.skipTest("whoever runs the tests has limited them further")
-        return self.program(
-            "--json", "--check", "limits",
-            preexec_fn=lambda: resource.setrlimit(which, (soft, hard)),
-        )  # fmt: skip
-
-    def expect(self, report, check, outcome, subject="this process", **values):
-        super().expect(report, check, outcome, subject, **values)
+        limit = functools.partial(resource.setrlimit, which, (soft, hard))
+        return self.program("--json", "--check", "limits", preexec_fn=limit)
 
     def sleeper(self, which=None, limit=0, **options):
         """A process, and what the doctor calls it."""
         sleeper = subprocess.Popen(
-            ["sleep", "3600"],
+            ["sleep", "3600"], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
             preexec_fn=lambda: which is None or resource.setrlimit(which, (limit, limit)),
-            stdin=subprocess.DEVNULL,
-            stdout=subprocess.DEVNULL,
             **options,
-        )
+        )  # fmt: skip
         self.addCleanup(sleeper.wait, 30)
         self.addCleanup(sleeper.kill)
         return ("--pid", sleeper.pid), f"process {sleeper.pid}"
@@ -369,7 +333,8 @@ class ProcessTest(DoctorTest):
             (resource.RLIMIT_FSIZE, "limits.file-size", 1 << 20, "warning", "1.0 MB"),
         ):
             with self.subTest(check=check, limit=limit):
-                self.expect(self.with_limit(which, limit), check, outcome, limit=shown)
+                report = self.with_limit(which, limit)
+                self.expect(report, check, outcome, self.subject, limit=shown)
 
     def test_limits_under_which_the_doctor_could_not_run(self):
         for which, check, limit, outcome, shown in (
@@ -383,19 +348,17 @@ class ProcessTest(DoctorTest):
         ):
             with self.subTest(check=check, limit=limit):
                 arguments, name = self.sleeper(which, limit)
-                self.expect(
-                    self.examine("limits", *arguments), check, outcome, name, limit=shown
-                )
+                report = self.examine("limits", *arguments)
+                self.expect(report, check, outcome, name, limit=shown)
 
     def test_limits_under_which_no_process_lives(self):
         rows = ("Max open files", "Max address space", "Max cpu time", "Max file size")
         limits = {**dict.fromkeys(rows), "Max cpu time": 0}
-        with unittest.mock.patch.object(process, "soft_limits", return_value=limits):
-            found = list(process.check_limits(unittest.mock.Mock(pid=0)))
-        me = "this process"
+        with patch.object(process, "soft_limits", return_value=limits):
+            found = list(process.check_limits(Mock(pid=0)))
         for expected in (
-            finding("limits.processor", me, "failure", limit="0 seconds"),
-            finding("limits.descriptors", me, "ok none"),
+            finding("limits.processor", self.subject, "failure", limit="0 seconds"),
+            finding("limits.descriptors", self.subject, "ok none"),
         ):
             self.assertIn(expected, found)
 
@@ -403,23 +366,18 @@ class ProcessTest(DoctorTest):
         self.assertEqual(self.examine("limits", "--pid", str(1 << 30)).status, 3)
 
     def test_streams(self):
-        self.expect(self.examine("process.streams"), "process.streams", "ok")
-
-    def test_closed_streams(self):
+        self.judge("streams", "ok")
         report = self.program("--json", "--check", "process.streams", before="exec <&- 2>&-")
-        self.expect(report, "process.streams", "warning closed", numbers="0 and 2")
+        values = {"numbers": "0 and 2"}
+        self.expect(report, "process.streams", "warning closed", self.subject, **values)
+        with patch.object(process.os, "listdir", side_effect=PermissionError(13, DENIED)):
+            found = process.process_streams(Mock(pid=7))
+        self.assertEqual(found, finding("process.streams", "process 7", "unchecked", error=DENIED))
 
     def test_streams_of_a_process(self):
         for environment, outcome in (({}, "warning lost"), ({"TOV_LOG": "syslog"}, "ok")):
             arguments, name = self.sleeper(stderr=subprocess.DEVNULL, env=environment)
-            report = self.examine("process.streams", *arguments)
-            self.expect(report, "process.streams", outcome, name)
-
-    def test_streams_that_cannot_be_seen(self):
-        error = PermissionError(13, DENIED)
-        with unittest.mock.patch.object(process.os, "listdir", side_effect=error):
-            found = process.process_streams(unittest.mock.Mock(pid=7))
-        self.assertEqual(found, finding("process.streams", "process 7", "unchecked", error=DENIED))
+            self.judge("streams", outcome, *arguments, subject=name)
 
     @AS_OTHERS
     def test_process_of_another(self):
@@ -439,10 +397,7 @@ class ProcessTest(DoctorTest):
 
     def test_environment(self):
         for environment in ({}, {"LD_LIBRARY_PATH": "/opt/x:/opt/y"}):
-            report = self.examine("process.environment", environment=environment)
-            self.expect(report, "process.environment", "ok")
-
-    def test_dangerous_environment_of_a_process(self):
+            self.judge("environment", "ok", environment=environment)
         for variable, value, outcome in (
             ("LD_LIBRARY_PATH", "/opt/x:", "failure"),
             ("LD_LIBRARY_PATH", "lib", "failure"),
@@ -454,20 +409,19 @@ class ProcessTest(DoctorTest):
         ):
             with self.subTest(variable=variable, value=value):
                 arguments, name = self.sleeper(env={variable: value}, stderr=subprocess.DEVNULL)
-                report = self.examine("process.environment", *arguments)
-                self.expect(report, "process.environment", outcome, name, variable=variable)
+                self.judge("environment", outcome, *arguments, subject=name, variable=variable)
 
 
 class LogTest(DoctorTest):
-    def judge(self, target, check, outcome, *arguments, subject=None, before="", **values):
-        environment = {} if target is None else {"TOV_LOG": str(target)}
-        report = self.examine(check, *arguments, environment=environment, before=before)
-        values.setdefault("user", OWN_NAME)
-        self.expect(report, check, outcome, subject or target, **values)
+    group = "log"
+
+    def judge_log(self, target, outcome, *arguments, check="target", **more):
+        environment = {"TOV_LOG": str(target)}
+        self.judge(check, outcome, *arguments, subject=target, environment=environment, **more)
 
     def test_standard_error(self):
-        for target in (None, "", "stderr"):
-            self.judge(target, "log.target", "ok stderr", subject="stderr")
+        for environment in ({}, {"TOV_LOG": ""}, {"TOV_LOG": "stderr"}):
+            self.judge("target", "ok stderr", subject="stderr", environment=environment)
 
     @AS_ROOT
     def test_syslog(self):
@@ -476,59 +430,52 @@ class LogTest(DoctorTest):
             f"for d in null zero urandom full; do touch {dev}/$d; "
             f"mount --bind /dev/$d {dev}/$d; done; mount --rbind {dev} /dev"
         )
-        self.judge("syslog", "log.target", "failure syslog", before=before, error=NOT_THERE)
+        self.judge_log("syslog", "failure syslog", before=before, error=NOT_THERE)
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as logger:
             logger.bind(str(self.folder / "logger"))
             before += f"; ln -s {self.folder}/logger /dev/log"
-            self.judge("syslog", "log.target", "ok syslog", before=before)
+            self.judge_log("syslog", "ok syslog", before=before)
 
     def test_file(self):
         path = self.folder / "log"
-        self.judge(path, "log.target", "ok")
+        self.judge_log(path, "ok")
         self.assertFalse(path.exists())
         self.make_file("log")
-        self.judge(path, "log.target", "ok")
+        self.judge_log(path, "ok")
         self.assertEqual(path.read_text(), "")
 
-    def test_relative_file(self):
-        self.judge("log", "log.target", "warning relative")
-
     def test_what_cannot_be_written(self):
+        """To open a FIFO would disturb its reader, or wait for one."""
+        self.judge_log("log", "warning relative")
+        self.judge_log(self.make_fifo(), "warning fifo")
         (self.folder / "link").symlink_to("log")
         self.bind(self.folder / "socket", 0o600)
-        file = self.make_file("file")
+        self.make_file("file")
         for path, error in (
-            (self.folder / "link", "it is a symbolic link, which is not followed"),
-            (self.folder, "it is a folder"),
-            (self.folder / "socket", "it is a socket"),
-            (self.folder / "none" / "log", NOT_THERE),
-            (file / "log", "Not a directory"),
+            ("link", "it is a symbolic link, which is not followed"),
+            (".", "it is a folder"),
+            ("socket", "it is a socket"),
+            ("none/log", NOT_THERE),
+            ("file/log", "Not a directory"),
         ):
-            self.judge(path, "log.target", "failure", error=error)
-
-    def test_fifo(self):
-        """To open it would disturb its reader, or wait for one."""
-        self.judge(self.make_fifo(), "log.target", "warning fifo")
+            self.judge_log(self.folder / path, "failure", error=error)
 
     @AS_ROOT
     def test_of_another(self):
         for path in (self.make_file("log", "", 0o640), self.folder / "new"):
-            self.judge(
-                path, "log.target", "failure", "--as", STRANGER, user=STRANGERS_NAME, error=DENIED
-            )
+            arguments = ("--as", STRANGER)
+            self.judge_log(path, "failure", *arguments, user=STRANGERS_NAME, error=DENIED)
 
     @AS_OTHERS
     def test_of_another_is_not_known(self):
-        path = self.folder / "log"
-        self.judge(path, "log.target", "unchecked", "--as", "root", user="root")
+        self.judge_log(self.folder / "log", "unchecked", "--as", "root", user="root")
 
     def test_readers(self):
         path = self.folder / "log"
-        self.judge(path, "log.reader", "ok new")
-        self.make_file("log", "", 0o640)
-        self.judge(path, "log.reader", "ok")
-        path.chmod(0o644)
-        self.judge(path, "log.reader", "warning")
+        self.judge_log(path, "ok new", check="reader")
+        for mode, outcome in ((0o640, "ok"), (0o644, "warning")):
+            self.make_file("log", "", mode)
+            self.judge_log(path, outcome, check="reader")
 
     def test_levels(self):
         for text, outcome, level in (
@@ -544,16 +491,14 @@ class LogTest(DoctorTest):
             ("-1", "warning number", "-1"),
         ):
             environment = {} if text is None else {"TOV_LOG_LEVEL": text}
-            report = self.examine("log.level", environment=environment)
-            self.expect(report, "log.level", outcome, "TOV_LOG_LEVEL", level=level)
+            self.judge("level", outcome, subject="TOV_LOG_LEVEL", environment=environment,
+                       level=level)  # fmt: skip
 
 
 class ChildrenTest(unittest.TestCase):
     def test_values(self):
-        self.assertEqual(run_in_child(LONG, lambda a, b: [a, b], 1, "é"), [1, "é"])
-
-    def test_large_value(self):
-        self.assertEqual(len(run_in_child(LONG, lambda: "x" * 1_000_000)), 1_000_000)
+        for value in ([1, "é"], "x" * 1_000_000):
+            self.assertEqual(run_in_child(LONG, lambda given: given, value), value)
 
     def reason(self, seconds, function, *arguments):
         with self.assertRaises(NoResult) as caught:
@@ -597,7 +542,7 @@ class ChildrenTest(unittest.TestCase):
             self.assertEqual(self.reason(LONG, function, argument), reason)
 
     def test_fault_of_a_check_is_a_finding(self):
-        site = unittest.mock.Mock(timeout=LONG, has_rights=False)
+        site = Mock(timeout=LONG, has_rights=False)
 
         def check(_site):
             yield finding("pam.library", "x", "ok")
