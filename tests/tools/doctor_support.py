@@ -61,20 +61,71 @@ STRANGER = free_number()
 STRANGERS_NAME = str(STRANGER)
 NOT_THERE = "No such file or directory"
 DENIED = "Permission denied"
-AS_ROOT = unittest.skipUnless(
-    IS_ROOT and may_mount(), "only root with all rights may take on other ids, mount, or see all"
-)
-AS_OTHERS = unittest.skipIf(IS_ROOT, "root may do everything")
+HAS_ALL_RIGHTS = IS_ROOT and may_mount()
+ROOT_ONLY = "only root with all rights may take on other ids, mount, or see all"
+OTHERS_ONLY = "root may do everything"
+AS_ROOT = unittest.skipUnless(HAS_ALL_RIGHTS, ROOT_ONLY)
+AS_OTHERS = unittest.skipIf(IS_ROOT, OTHERS_ONLY)
+
+# What prepares a machine, for the shell. Only root has mounts of its own to change.
+WORDS = f"""
+set -e
+N={STRANGER} M={STRANGER + 1}
+
+# Accounts alice, bob and root, and none of this machine's.
+people() {{
+    printf '%s:/bin/sh\\n' root:x:0:0::/root bob:x:$M:$M::/srv/bob \\
+        "alice:x:${{uid-$N}}:${{gid-$N}}::${{home-/srv/alice}}" > passwd
+    printf '%s\\n' root:x:0: disk:x:6: users:x:100: bob:x:$M: "${{group-alice:x:$N:}}" > group
+    printf 'passwd: files\\ngroup: files\\n' > nsswitch.conf
+    for file in passwd group nsswitch.conf; do mount --bind $file /etc/$file; done
+}}
+
+# The same, and homes below /srv.
+homes() {{
+    people
+    mount -t tmpfs -o mode=755 none /srv
+    mkdir /srv/alice
+}}
 
 # Nothing of what is installed on this machine for systemd.
-WITHOUT_CONFIGURATION = [
-    "mount -t tmpfs none /run",
-    "mkdir -p /etc/tmpfiles.d /etc/systemd/system",
-    "for folder in /etc /usr/local/lib /usr/lib /lib; do "
-    "for kind in tmpfiles.d systemd/system; do "
-    "if [ -d $folder/$kind ]; then mount -t tmpfs none $folder/$kind; fi; done; done",
-]
+unconfigured() {{
+    mount -t tmpfs none /run
+    mkdir -p /etc/tmpfiles.d /etc/systemd/system
+    for folder in /etc /usr/local/lib /usr/lib /lib; do
+        for kind in tmpfiles.d systemd/system; do
+            ! [ -d $folder/$kind ] || mount -t tmpfs none $folder/$kind
+        done
+    done
+}}
 
+systemd() {{
+    unconfigured
+    mkdir -p /run/systemd/system
+}}
+
+# Sockets that nobody listens on, all of one mode.
+sockets() {{
+    mode=$1
+    shift
+    /usr/bin/python3 -ISc 'import socket, sys
+for path in sys.argv[1:]: socket.socket(socket.AF_UNIX).bind(path)' "$@"
+    chmod $mode "$@"
+}}
+
+# A file of so many bytes and hours.
+old() {{
+    head -c $2 /dev/zero > $1
+    touch -d "-$3 hours" $1
+}}
+
+# PAM's configuration of this machine, and in it a service login that reads so.
+login() {{
+    cp -a /etc/pam.d .
+    mount --bind pam.d /etc/pam.d
+    printf "$1" > /etc/pam.d/login
+}}
+"""
 
 @dataclasses.dataclass
 class Report:
@@ -107,7 +158,8 @@ def enter_own_mounts():
 
 def prepare_machine(before):
     if before:
-        enter_own_mounts()
+        if HAS_ALL_RIGHTS:
+            enter_own_mounts()
         subprocess.run(["/bin/sh", "-c", f"set -e; {before}"], check=True)
 
 
@@ -200,23 +252,6 @@ class DoctorTest(unittest.TestCase):
         values = {"user": OWN_NAME, "path": str(subject), **values}
         self.expect(report, check, outcome, subject, **values)
         return report
-
-    def accounts(self, home="/srv/alice", uid=STRANGER, gid=STRANGER, groups=""):
-        """What makes alice, bob and root, and no others, before the doctor is run."""
-        groups = groups or f"alice:x:{STRANGER}:"
-        files = (
-            self.make_file(
-                "passwd",
-                f"root:x:0:0::/root:/bin/sh\nalice:x:{uid}:{gid}::{home}:/bin/sh\n"
-                f"bob:x:{STRANGER + 1}:{STRANGER + 1}::/srv/bob:/bin/sh\n",
-            ),
-            self.make_file(
-                "group",
-                f"root:x:0:\ndisk:x:6:\nusers:x:100:\nbob:x:{STRANGER + 1}:\n{groups}\n",
-            ),
-            self.make_file("nsswitch.conf", "passwd: files\ngroup: files\n"),
-        )
-        return "; ".join(f"mount --bind {file} /etc/{file.name}" for file in files)
 
 
 class Listener:

@@ -19,7 +19,7 @@ import time
 import unittest
 from unittest.mock import Mock, patch
 
-from doctor_support import AS_OTHERS, AS_ROOT, DENIED, DOCTOR, LONG, ME, NOT_THERE, OWN_NAME
+from doctor_support import AS_OTHERS, AS_ROOT, DENIED, DOCTOR, LONG, NOT_THERE, OWN_NAME
 from doctor_support import SOURCE, STRANGER, STRANGERS_NAME, DoctorTest, ServiceTest, answering
 from zancgi_doctor.catalogue import CHECKS, GROUPS, sentences
 from zancgi_doctor.checks import process
@@ -29,7 +29,7 @@ from zancgi_doctor.examination import run_job
 from zancgi_doctor.files import text_or_nothing
 from zancgi_doctor.findings import STATES, finding
 from zancgi_doctor.identities import Identity
-from zancgi_doctor.texts import printable
+from zancgi_doctor.texts import printable, user_name
 
 PACKAGES = (DOCTOR.with_name("zancgi_doctor"), DOCTOR.with_name("zancgi_tools"))
 
@@ -43,6 +43,25 @@ class CommandLineTest(DoctorTest):
             report = self.examine(check, option, path)
             self.assertEqual([check["name"] for check in report.checks], [reported])
             self.assertEqual(report.status, status)
+
+    def test_nothing_is_checked_of_what_is_missing(self):
+        self.make_fifo()
+        for group, check, path, outcome, values in (
+            ("tmp-dir", "exists", "none", "failure missing", {"error": NOT_THERE}),
+            ("program", "file", "none", "failure missing", {"error": NOT_THERE}),
+            ("program", "file", "fifo", "failure kind", {"kind": "a FIFO"}),
+            ("program", "file", "run", "failure kind", {"kind": "a folder"}),
+        ):
+            path = self.folder / path
+            report = self.examine(group, f"--{group}", path)
+            self.expect(report, f"{group}.{check}", outcome, path, **values)
+            self.assertEqual(len(report.checks), 1)
+
+    def test_nothing_is_checked_of_what_is_not_named(self):
+        for group, check in (("program", "program.file"), ("account", "account.exists")):
+            report = self.examine(group)
+            self.expect(report, check, "skipped", "")
+            self.assertEqual(report.status, 0)
 
     def test_usage_errors_end_with_3(self):
         for arguments in (
@@ -265,7 +284,7 @@ class IdentityTest(DoctorTest):
     @AS_OTHERS
     def test_another_user_without_rights(self):
         report = self.examine("identity", "--as", "root")
-        self.expect(report, "identity.rights", "unchecked", "root", caller=ME)
+        self.expect(report, "identity.rights", "unchecked", "root", caller=user_name(os.geteuid()))
         report = self.doctor("-q", "--check", "identity", "--as", "root")
         self.assertEqual(report.status, 3)
         self.assertRegex(report.output, "^zancgi-doctor UNCHECKED: 0 failures, 0 warnings, 1 un")
@@ -389,11 +408,19 @@ class ProcessTest(DoctorTest):
         self.assertIn(DENIED, report.all())
 
     def test_environment_of_a_process(self):
+        """And of the doctor's own, where no process is named."""
         environment = {"TOV_RUN_DIR": str(self.run_dir), "TMP": str(self.folder)}
         arguments, _ = self.sleeper(env=environment)
-        report = self.doctor("--json", *arguments)
-        self.expect(report, "run-dir.exists", "ok", self.run_dir)
-        self.expect(report, "tmp-dir.exists", "ok", self.folder)
+        for report in (
+            self.doctor("--json", *arguments),
+            self.doctor("--json", environment=environment),
+        ):
+            self.expect(report, "run-dir.exists", "ok", self.run_dir)
+            self.expect(report, "tmp-dir.exists", "ok", self.folder)
+        for environment in ({}, {"TOV_RUN_DIR": "", "TMP": ""}):
+            checks = ("--check", "run-dir.length", "--check", "tmp-dir.exists")
+            report = self.doctor("--json", *checks, environment=environment)
+            self.assertEqual([x["subject"] for x in report.checks], ["/run/tov", "/tmp"])
 
     def test_environment(self):
         for environment in ({}, {"LD_LIBRARY_PATH": "/opt/x:/opt/y"}):
@@ -412,87 +439,21 @@ class ProcessTest(DoctorTest):
                 self.judge("environment", outcome, *arguments, subject=name, variable=variable)
 
 
-class LogTest(DoctorTest):
-    group = "log"
-
-    def judge_log(self, target, outcome, *arguments, check="target", **more):
-        environment = {"TOV_LOG": str(target)}
-        self.judge(check, outcome, *arguments, subject=target, environment=environment, **more)
-
-    def test_standard_error(self):
-        for environment in ({}, {"TOV_LOG": ""}, {"TOV_LOG": "stderr"}):
-            self.judge("target", "ok stderr", subject="stderr", environment=environment)
-
+class SyslogTest(DoctorTest):
     @AS_ROOT
-    def test_syslog(self):
+    def test_target(self):
         dev = self.make_folder("dev")
         before = f"mount -t tmpfs none {dev}; " + (
             f"for d in null zero urandom full; do touch {dev}/$d; "
             f"mount --bind /dev/$d {dev}/$d; done; mount --rbind {dev} /dev"
         )
-        self.judge_log("syslog", "failure syslog", before=before, error=NOT_THERE)
+        link = f"{before}; ln -s {self.folder}/logger /dev/log"
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as logger:
             logger.bind(str(self.folder / "logger"))
-            before += f"; ln -s {self.folder}/logger /dev/log"
-            self.judge_log("syslog", "ok syslog", before=before)
-
-    def test_file(self):
-        path = self.folder / "log"
-        self.judge_log(path, "ok")
-        self.assertFalse(path.exists())
-        self.make_file("log")
-        self.judge_log(path, "ok")
-        self.assertEqual(path.read_text(), "")
-
-    def test_what_cannot_be_written(self):
-        """To open a FIFO would disturb its reader, or wait for one."""
-        self.judge_log("log", "warning relative")
-        self.judge_log(self.make_fifo(), "warning fifo")
-        (self.folder / "link").symlink_to("log")
-        self.bind(self.folder / "socket", 0o600)
-        self.make_file("file")
-        for path, error in (
-            ("link", "it is a symbolic link, which is not followed"),
-            (".", "it is a folder"),
-            ("socket", "it is a socket"),
-            ("none/log", NOT_THERE),
-            ("file/log", "Not a directory"),
-        ):
-            self.judge_log(self.folder / path, "failure", error=error)
-
-    @AS_ROOT
-    def test_of_another(self):
-        for path in (self.make_file("log", "", 0o640), self.folder / "new"):
-            arguments = ("--as", STRANGER)
-            self.judge_log(path, "failure", *arguments, user=STRANGERS_NAME, error=DENIED)
-
-    @AS_OTHERS
-    def test_of_another_is_not_known(self):
-        self.judge_log(self.folder / "log", "unchecked", "--as", "root", user="root")
-
-    def test_readers(self):
-        path = self.folder / "log"
-        self.judge_log(path, "ok new", check="reader")
-        for mode, outcome in ((0o640, "ok"), (0o644, "warning")):
-            self.make_file("log", "", mode)
-            self.judge_log(path, outcome, check="reader")
-
-    def test_levels(self):
-        for text, outcome, level in (
-            (None, "ok none", None),
-            ("", "ok none", None),
-            ("6", "ok", "6"),
-            ("004", "ok", "4"),
-            ("0" * 30 + "4", "ok", "4"),
-            ("3", "warning low", "3"),
-            ("7", "warning high", "7"),
-            ("9" * 50, "warning high", "9"),
-            ("high", "warning number", "high"),
-            ("-1", "warning number", "-1"),
-        ):
-            environment = {} if text is None else {"TOV_LOG_LEVEL": text}
-            self.judge("level", outcome, subject="TOV_LOG_LEVEL", environment=environment,
-                       level=level)  # fmt: skip
+            for before, outcome in ((before, "failure syslog"), (link, "ok syslog")):
+                environment = {"TOV_LOG": "syslog"}
+                report = self.examine("log.target", environment=environment, before=before)
+                self.expect(report, "log.target", outcome, "syslog", error=NOT_THERE)
 
 
 class ChildrenTest(unittest.TestCase):
