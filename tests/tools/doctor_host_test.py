@@ -11,13 +11,12 @@ import unittest
 from unittest.mock import Mock, patch
 
 from doctor_support import AS_ROOT, DENIED, LONG, NOT_THERE, SOURCE, STRANGER, DoctorTest
-from zancgi_doctor.checks import accounts, nss, pam, program, tmp_dir
+from zancgi_doctor.checks import accounts, pam, program, tmp_dir
 from zancgi_doctor.children import run_in_child
-from zancgi_doctor.elf import NotElf
 from zancgi_doctor.files import first_unsafe, way_to
 from zancgi_doctor.findings import finding
 from zancgi_doctor.identities import Identity
-from zancgi_doctor.libraries import LibrarySearch
+from zancgi_doctor.libraries import LibrarySearch, NotElf
 from zancgi_doctor.mounts import Mount, mount_of
 
 
@@ -74,8 +73,8 @@ class FindingsTest(unittest.TestCase):
         self.assertEqual(found, finding("pam.service", "/etc/passwd", "unchecked", error=DENIED))
 
     def test_of_name_services(self):
-        with patch.object(nss, "read_text", side_effect=FileNotFoundError(2, NOT_THERE)):
-            (found,) = nss.check_nss(None)
+        with patch.object(accounts, "read_text", side_effect=FileNotFoundError(2, NOT_THERE)):
+            (found,) = accounts.check_nss(None)
         path = "/etc/nsswitch.conf"
         self.assertEqual(found, finding("nss.sources", path, "warning missing", error=NOT_THERE))
 

@@ -71,15 +71,17 @@ def make_parser():
     flag = {"action": "store_true"}
     several = {"action": "append", "default": []}
     text = {"default": ""}
-    add("--service", metavar="NAME", help="a back end (default: all that have a socket)", **several)
-    add("--fcgi-socket", metavar="PATH", **several,
+    add("--service", dest="services", metavar="NAME", **several,
+        help="a back end (default: all that have a socket)")
+    add("--fcgi-socket", dest="fcgi_sockets", metavar="PATH", **several,
         help="a socket of fcgiwrap (default: those found)")
     add("--program", metavar="FILE", help="the front end's program", **text)
     add("--as", dest="user", metavar="USER[:GROUP]", **text,
         help="the user that front ends run as (default: yourself)")
     add("--run-dir", metavar="DIR", help="the folder of the sockets", **text)
     add("--tmp-dir", metavar="DIR", help="the folder of uploads", **text)
-    add("--account", metavar="NAME", help="an account that front ends become", **several)
+    add("--account", dest="accounts", metavar="NAME", **several,
+        help="an account that front ends become")
     add("--confined", help="the accounts are confined to their homes", **flag)
     add("--pam", help="the accounts are given PAM sessions", **flag)
     add("--session", type=parse_session, metavar="ID",
@@ -109,13 +111,13 @@ def read_environment(pid):
     return dict(line.split("=", 1) for line in variables if "=" in line)
 
 
-def read_session(options):
-    if not options.session_file:
-        return options.session or ""
-    if options.session_file == "-":
+def read_session(site):
+    if not site.session_file:
+        return site.session or ""
+    if site.session_file == "-":
         line = sys.stdin.readline(SESSION_LINE_LIMIT)
     else:
-        line = read_text(options.session_file).partition("\n")[0]
+        line = read_text(site.session_file).partition("\n")[0]
     return parse_session(line.strip())
 
 
@@ -130,27 +132,14 @@ def find_closed_streams():
     return closed
 
 
-def make_site(options, closed_streams):
-    identity = Identity(*run_in_child(options.timeout, resolve_identity, options.user))
-    environment = read_environment(options.pid)
-    return Site(
-        run_dir=options.run_dir or environment.get("TOV_RUN_DIR", "") or "/run/tov",
-        services=options.service,
-        fcgi_sockets=options.fcgi_socket,
-        program=options.program,
-        identity=identity,
-        tmp_dir=options.tmp_dir or environment.get("TMP", "") or "/tmp",
-        accounts=options.account,
-        confined=options.confined,
-        pam=options.pam,
-        session=read_session(options),
-        timeout=options.timeout,
-        min_free=options.min_free,
-        pid=options.pid,
-        environment=environment,
-        has_rights=os.geteuid() == 0 or identity.is_own(),
-        closed_streams=closed_streams,
-    )
+def complete(site):
+    """What the options leave to the environment and to the machine."""
+    site.identity = Identity(*run_in_child(site.timeout, resolve_identity, site.user))
+    site.has_rights = os.geteuid() == 0 or site.identity.is_own()
+    site.environment = read_environment(site.pid)
+    site.run_dir = site.run_dir or site.environment.get("TOV_RUN_DIR", "") or "/run/tov"
+    site.tmp_dir = site.tmp_dir or site.environment.get("TMP", "") or "/tmp"
+    site.session = read_session(site)
 
 
 def refuse(message):
@@ -167,22 +156,21 @@ def main():
     closed_streams = find_closed_streams()
     # Where it is ignored, nobody can wait for a child.
     signal.signal(signal.SIGCHLD, signal.SIG_DFL)
-    parser = make_parser()
-    options = parser.parse_args()
+    site = make_parser().parse_args(namespace=Site(closed_streams=closed_streams))
     if sys.stdout is not None:
         sys.stdout.reconfigure(errors="backslashreplace")
-    if options.list:
+    if site.list:
         print_list()
         return 0
-    if (options.session or options.session_file) and len(options.service) != 1:
+    if (site.session or site.session_file) and len(site.services) != 1:
         return refuse("a session belongs to one service: name it with --service")
     try:
-        site = make_site(options, closed_streams)
+        complete(site)
     except (NoResult, OSError, argparse.ArgumentTypeError) as error:
         return refuse(describe_error(error) if isinstance(error, OSError) else error)
-    findings = examine(site, options.check)
-    if options.json:
+    findings = examine(site, site.check)
+    if site.json:
         print(json_report(findings))
     else:
-        print("\n".join(text_report(findings, options.quiet, options.verbose)))
+        print("\n".join(text_report(findings, site.quiet, site.verbose)))
     return EXIT_STATUS[overall(findings)]

@@ -1,39 +1,22 @@
-"""The deployment that is looked at, and where its sockets are."""
+"""The deployment that is looked at, where its sockets are, and who else could
+listen there."""
 
-import dataclasses
-import errno
+import argparse
 import os
 import stat
 
 from zancgi_doctor.children import run_in_child
-from zancgi_doctor.files import kind_of
-from zancgi_doctor.identities import Identity
+from zancgi_doctor.files import first_unsafe, way_to
+from zancgi_doctor.findings import by_kind
 from zancgi_doctor.systemd import sockets_of_program
-from zancgi_doctor.texts import reason
 
 SUN_PATH_LIMIT = 107
 # Where packages put it.
 FCGI_SOCKETS = ("/run/fcgiwrap.socket", "/run/fcgiwrap.sock")
 
 
-@dataclasses.dataclass
-class Site:
-    run_dir: str
-    services: list
-    fcgi_sockets: list
-    program: str
-    identity: Identity
-    tmp_dir: str
-    accounts: list
-    confined: bool
-    pam: bool
-    session: str
-    timeout: float
-    min_free: int
-    pid: int
-    environment: dict
-    has_rights: bool
-    closed_streams: list
+class Site(argparse.Namespace):
+    """What the command line says of a deployment, and what follows from that."""
 
     def as_front_end(self, function, *arguments):
         """What the front end's user would get; nothing if that cannot be said."""
@@ -41,23 +24,16 @@ class Site:
             return None
         return run_in_child(self.timeout, function, *arguments, identity=self.identity)
 
-
-def cannot_see(site, say, error, outcome="unchecked"):
-    """The finding that something is missing, unless it is only hidden from one
-    who is not the front end's user."""
-    is_hidden = error.errno == errno.EACCES and not site.has_rights
-    return say(outcome if is_hidden else "failure missing", error=reason(error))
+    def hidden(self, outcome="unchecked"):
+        """The outcome when the caller cannot see what the front end's user may see."""
+        return "failure missing" if self.has_rights else outcome
 
 
-def folder_error(site, say, path):
-    """What is wrong with a folder by its path alone; nothing if all is well."""
+def folder(site, say, path):
+    """The finding of a folder by its path alone."""
     if not path.startswith("/"):
         return say("failure relative")
-    try:
-        mode = os.stat(path).st_mode
-    except OSError as error:
-        return cannot_see(site, say, error)
-    return None if stat.S_ISDIR(mode) else say("failure kind", kind=kind_of(mode))
+    return by_kind(say, path, stat.S_ISDIR, site.hidden())
 
 
 def services_of(site):
@@ -68,11 +44,8 @@ def services_of(site):
         names = os.listdir(site.run_dir)
     except OSError:
         return []
-    return sorted(
-        name[: -len(".sock")]
-        for name in names
-        if name.endswith(".sock") and not name.startswith(".")
-    )
+    sockets = [name for name in names if name.endswith(".sock") and not name.startswith(".")]
+    return sorted(name.removesuffix(".sock") for name in sockets)
 
 
 def fcgi_sockets_of(site):
@@ -98,3 +71,35 @@ def name_error(site, service):
     if length > SUN_PATH_LIMIT:
         return f"the path of its socket has {length} bytes, more than {SUN_PATH_LIMIT}"
     return ""
+
+
+def why_not_trust_folder(path):
+    """Why others than root and its owner can replace a socket in a folder; empty
+    if they cannot. Where it is sticky, anybody can come first."""
+    steps = way_to(path)
+    trusted = {0, steps[-1].status.st_uid}
+    return first_unsafe(steps[:-1], trusted) or first_unsafe(
+        steps[-1:], trusted, allows_sticky=False
+    )
+
+
+def why_not_trust_socket(path):
+    """The same of one socket, wherever links lead, by others than root and its own
+    owner."""
+    steps = way_to(path)
+    trusted = {0, steps[-1].status.st_uid}
+    ends = [step for step in steps if step.is_link()] + steps[-1:]
+    holders = {os.path.dirname(step.path) for step in ends}
+    return first_unsafe(steps[:-1], trusted) or first_unsafe(
+        [step for step in steps if step.path in holders], trusted, allows_sticky=False
+    )
+
+
+def why_not_trust_link(site, service):
+    """The same of a link to a socket, which may lead anywhere."""
+    path = socket_path(site, service)
+    if not os.path.islink(path):
+        return ""
+    steps = way_to(path)
+    owner = steps[-1].status.st_uid
+    return first_unsafe(steps[:-1], {0, owner, os.stat(site.run_dir).st_uid})

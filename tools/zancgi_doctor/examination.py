@@ -2,17 +2,13 @@
 
 import dataclasses
 
-from zancgi_doctor.checks.accounts import check_account
+from zancgi_doctor.checks.accounts import check_account, check_nss
 from zancgi_doctor.checks.back_end import check_back_end
-from zancgi_doctor.checks.fcgi import check_fcgi
-from zancgi_doctor.checks.identity import check_identity
 from zancgi_doctor.checks.log import check_log
-from zancgi_doctor.checks.nss import check_nss
 from zancgi_doctor.checks.pam import check_pam
-from zancgi_doctor.checks.process import check_limits, check_process
+from zancgi_doctor.checks.process import check_identity, check_limits, check_process
 from zancgi_doctor.checks.program import check_program
-from zancgi_doctor.checks.run_dir import check_run_dir
-from zancgi_doctor.checks.sockets import check_socket
+from zancgi_doctor.checks.sockets import check_fcgi, check_run_dir, check_socket
 from zancgi_doctor.checks.tmp_dir import check_tmp_dir
 from zancgi_doctor.children import NoResult, run_in_child
 from zancgi_doctor.deployment import fcgi_sockets_of, services_of

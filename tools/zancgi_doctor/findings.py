@@ -1,9 +1,13 @@
 """What a check has found out, and the states that it may be in."""
 
 import dataclasses
+import errno
 import functools
+import os
 
 from zancgi_doctor.catalogue import sentences
+from zancgi_doctor.files import kind_of
+from zancgi_doctor.texts import reason
 
 STATES = ("failure", "warning", "unchecked", "ok", "skipped")
 
@@ -34,6 +38,21 @@ def by_access(say, error):
     if error is None:
         return say("unchecked")
     return say("failure", error=error) if error else say("ok")
+
+
+def by_danger(say, unsafe, outcome="failure"):
+    """The finding of why something is in the wrong hands, which is empty if it is not."""
+    return say(outcome if unsafe else "ok", unsafe=unsafe)
+
+
+def by_kind(say, path, is_kind, hidden="unchecked"):
+    """The finding of what lies at a path. It may be hidden from the caller alone."""
+    try:
+        mode = os.stat(path).st_mode
+    except OSError as error:
+        outcome = hidden if error.errno == errno.EACCES else "failure missing"
+        return say(outcome, error=reason(error))
+    return say("ok") if is_kind(mode) else say("failure kind", kind=kind_of(mode))
 
 
 def by_amount(say, amount, too_few, few):

@@ -1,11 +1,64 @@
 """Shared libraries, found where the dynamic linker finds them, without running it."""
 
 import contextlib
+import dataclasses
+import errno
+import itertools
 import os
 import re
+import stat
 import subprocess
 
-from zancgi_doctor.elf import NotElf, dynamic_of
+# Where the linker looks last.
+FOLDERS = ("/lib/x86_64-linux-gnu", "/usr/lib/x86_64-linux-gnu", "/lib64", "/usr/lib64", "/lib",
+           "/usr/lib")  # fmt: skip
+# Of an entry of the dynamic section.
+TAG_SIZE = 16
+
+
+class NotElf(Exception):
+    """The file is no dynamically linked program of this machine's kind."""
+
+
+@dataclasses.dataclass
+class Dynamic:
+    """What an ELF file wants of the dynamic linker."""
+
+    needed: list
+    rpath: str
+    runpath: str
+
+
+def dynamic_of(path):
+    """Reads the dynamic section of a 64-bit file. Nothing of it is run."""
+    descriptor = os.open(path, os.O_RDONLY | os.O_NONBLOCK | os.O_CLOEXEC)
+    with os.fdopen(descriptor, "rb") as stream:
+        if not stat.S_ISREG(os.fstat(descriptor).st_mode):
+            raise NotElf("is no regular file")
+        magic = stream.read(6)
+        if magic[:2] == b"#!":
+            raise NotElf("is a script")
+        if magic != b"\x7fELF\x02\x01":
+            raise NotElf("is no 64-bit program")
+        return read_dynamic(stream)
+
+
+def read_dynamic(stream):
+    # Few checks want it, and it takes long to load.
+    from elftools.elf.elffile import ELFFile
+
+    found = {"DT_NEEDED": [], "DT_RPATH": [], "DT_RUNPATH": []}
+    try:
+        for segment in ELFFile(stream).iter_segments("PT_DYNAMIC"):
+            for tag in itertools.islice(segment.iter_tags(), segment["p_filesz"] // TAG_SIZE):
+                if tag["d_tag"] in found:
+                    found[tag["d_tag"]].append(getattr(tag, tag["d_tag"][3:].lower()))
+    except Exception as error:  # a damaged file brings all kinds of them
+        if isinstance(error, OSError) and error.errno != errno.EINVAL:
+            raise
+        raise NotElf("is cut short") from None
+    needed, rpath, runpath = found.values()
+    return Dynamic(needed, ":".join(rpath), ":".join(runpath))
 
 
 def linker_cache():
@@ -13,39 +66,24 @@ def linker_cache():
     listing = subprocess.run(
         ["/sbin/ldconfig", "-p"], stdin=subprocess.DEVNULL, capture_output=True, check=False
     )
-    found = {}
-    for line in os.fsdecode(listing.stdout).splitlines():
-        match = re.fullmatch(r"\t(\S+) \(libc6,x86-64[^)]*\) => (.*)", line)
-        if match:
-            found.setdefault(match[1], match[2])
-    return found
+    lines = os.fsdecode(listing.stdout)
+    known = re.findall(r"^\t(\S+) \(libc6,x86-64[^)]*\) => (.*)$", lines, re.MULTILINE)
+    # The first of a name counts.
+    return dict(reversed(known))
 
 
 class LibrarySearch:
-    """Finds shared libraries where the dynamic linker would, without it."""
-
-    FOLDERS = (
-        "/lib/x86_64-linux-gnu",
-        "/usr/lib/x86_64-linux-gnu",
-        "/lib64",
-        "/usr/lib64",
-        "/lib",
-        "/usr/lib",
-    )
-
     def __init__(self, environment):
         self.cache = linker_cache()
         self.library_path = split_search_path(environment.get("LD_LIBRARY_PATH", ""))
         self.found = {}
         self.missing = []
 
-    def search(self, path):
-        self._search(path, [])
-
-    def _search(self, path, inherited):
+    def search(self, path, inherited=()):
+        """What a file needs, and what that needs; a RPATH is inherited."""
         dynamic = dynamic_of(path)
         origin = os.path.dirname(path)
-        rpath = [] if dynamic.runpath else expand(dynamic.rpath, origin) + inherited
+        rpath = [] if dynamic.runpath else [*expand(dynamic.rpath, origin), *inherited]
         folders = [*rpath, *self.library_path, *expand(dynamic.runpath, origin)]
         for name in dynamic.needed:
             if name in self.found or name in self.missing:
@@ -56,20 +94,15 @@ class LibrarySearch:
                 continue
             self.found[name] = os.path.realpath(where)
             with contextlib.suppress(NotElf, OSError):
-                self._search(self.found[name], rpath)
+                self.search(self.found[name], rpath)
 
     def _find(self, name, folders):
-        if "/" in name:
-            return name if os.path.exists(name) else None
-        for folder in folders:
-            if os.path.exists(os.path.join(folder, name)):
-                return os.path.join(folder, name)
-        if os.path.exists(self.cache.get(name, "")):
-            return self.cache[name]
-        for folder in self.FOLDERS:
-            if os.path.exists(os.path.join(folder, name)):
-                return os.path.join(folder, name)
-        return None
+        places = [name]
+        if "/" not in name:
+            places = [os.path.join(folder, name) for folder in folders]
+            places.append(self.cache.get(name, ""))
+            places += [os.path.join(folder, name) for folder in FOLDERS]
+        return next(filter(os.path.exists, places), None)
 
 
 def split_search_path(text):

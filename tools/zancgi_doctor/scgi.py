@@ -51,13 +51,10 @@ def exchange(path, request, seconds):
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as client:
         try:
             connect(client, path, seconds)
-        except BlockingIOError:
-            answer.end = "no connection"
-            answer.error = "its queue is full"
-            return answer
         except OSError as error:
             answer.end = "no connection"
-            answer.error = reason(error)
+            is_full = isinstance(error, BlockingIOError)
+            answer.error = "its queue is full" if is_full else reason(error)
             return answer
         answer.listener = listener_of(client)
         deadline = begin + seconds

@@ -8,6 +8,9 @@ import re
 from zancgi_doctor.files import text_or_nothing
 from zancgi_doctor.texts import quote
 
+# Where its configuration is, what counts most first. Rules are not looked for in the last.
+PLACES = ("/etc", "/run", "/usr/local/lib", "/usr/lib", "/lib")
+
 
 def systemd_runs():
     return os.path.isdir("/run/systemd/system")
@@ -25,12 +28,7 @@ def configuration_files(folders, pattern):
 
 
 def tmpfiles_rules():
-    folders = (
-        "/etc/tmpfiles.d",
-        "/run/tmpfiles.d",
-        "/usr/local/lib/tmpfiles.d",
-        "/usr/lib/tmpfiles.d",
-    )
+    folders = [f"{place}/tmpfiles.d" for place in PLACES[:-1]]
     for path in configuration_files(folders, "*.conf"):
         for line in text_or_nothing(path).splitlines():
             fields = line.split()
@@ -83,13 +81,7 @@ def sockets_of_program(program):
 
 
 def unit_files(kind):
-    folders = (
-        "/etc/systemd/system",
-        "/run/systemd/system",
-        "/usr/local/lib/systemd/system",
-        "/usr/lib/systemd/system",
-        "/lib/systemd/system",
-    )
+    folders = [f"{place}/systemd/system" for place in PLACES]
     yield from configuration_files(folders, f"*.{kind}")
     for folder in folders:
         for drop_ins in configuration_files([folder], f"*.{kind}.d"):

@@ -1,5 +1,6 @@
 """How names, numbers and errors are put into sentences."""
 
+import functools
 import grp
 import pwd
 
@@ -66,15 +67,12 @@ def listed(names, most=3):
     return shown + f" and {len(names) - most} more" if len(names) > most else shown
 
 
-def user_name(uid):
+def name_of(look_up, number):
     try:
-        return quote(pwd.getpwuid(uid).pw_name)
+        return quote(look_up(number)[0])
     except KeyError:
-        return f"number {uid}"
+        return f"number {number}"
 
 
-def group_name(gid):
-    try:
-        return quote(grp.getgrgid(gid).gr_name)
-    except KeyError:
-        return f"number {gid}"
+user_name = functools.partial(name_of, pwd.getpwuid)
+group_name = functools.partial(name_of, grp.getgrgid)

@@ -1,18 +1,20 @@
-"""The accounts that front ends become, and their homes."""
+"""The accounts that front ends become, their homes, and where they are looked up."""
 
 import grp
 import os
 import pwd
+import re
 import stat
 from functools import partial
 
 from zancgi_doctor.checks.tmp_dir import COPY, files_in, judge_leftovers
 from zancgi_doctor.children import run_in_child
-from zancgi_doctor.files import access_error, first_unsafe, kind_of, way_to
-from zancgi_doctor.findings import by_access, by_amount, finding, sayer
+from zancgi_doctor.files import access_error, first_unsafe, read_text, way_to
+from zancgi_doctor.findings import by_access, by_amount, by_danger, by_kind, finding, sayer
 from zancgi_doctor.identities import Identity
+from zancgi_doctor.libraries import linker_cache
 from zancgi_doctor.mounts import mount_of
-from zancgi_doctor.texts import group_name, quote, reason, size_text, user_name
+from zancgi_doctor.texts import group_name, listed, quote, reason, size_text, user_name
 
 
 def check_account(site, account):
@@ -53,21 +55,12 @@ def account_numbers(entry):
 def account_home(entry):
     path = entry.pw_dir
     say = sayer("account.home", entry.pw_name, path=path)
-    if not path:
-        return say("failure empty")
-    try:
-        mode = os.stat(path).st_mode
-    except PermissionError as error:
-        return say("unchecked", error=reason(error))
-    except OSError as error:
-        return say("failure missing", error=reason(error))
-    return say("ok") if stat.S_ISDIR(mode) else say("failure kind", kind=kind_of(mode))
+    return by_kind(say, path, stat.S_ISDIR) if path else say("failure empty")
 
 
 def account_way(entry):
     unsafe = first_unsafe(way_to(entry.pw_dir)[:-1], {0}, allows_sticky=False)
-    outcome = "failure" if unsafe else "ok"
-    return finding("account.way", entry.pw_name, outcome, path=entry.pw_dir, unsafe=unsafe)
+    return by_danger(sayer("account.way", entry.pw_name, path=entry.pw_dir), unsafe)
 
 
 def why_not_confine(path):
@@ -93,9 +86,8 @@ def why_not_local(path):
 
 def account_confinement(site, entry):
     path = entry.pw_dir
-    unsafe = why_not_confine(path)
-    outcome = "ok" if not unsafe else "failure" if site.confined else "skipped"
-    return finding("account.confinement", entry.pw_name, outcome, path=path, unsafe=unsafe)
+    say = sayer("account.confinement", entry.pw_name, path=path)
+    return by_danger(say, why_not_confine(path), "failure" if site.confined else "skipped")
 
 
 def account_folder(site, entry):
@@ -133,10 +125,8 @@ def account_session(site, entry):
     unsafe = why_not_roots(way_to(path)[-1]) or why_not_local(path)
     if not unsafe and not os.path.exists(login):
         unsafe = f"{quote(login)} does not exist, where PAM then looks"
-    outcome = "ok" if not unsafe else "warning" if site.pam else "skipped"
-    return finding(
-        "account.session", entry.pw_name, outcome, path=path, login=login, unsafe=unsafe
-    )
+    say = sayer("account.session", entry.pw_name, path=path, login=login)
+    return by_danger(say, unsafe, "warning" if site.pam else "skipped")
 
 
 def account_hand_over(site, entry):
@@ -174,3 +164,24 @@ def account_leftovers(entry):
     copies = (status for status in files_in(path, COPY) if status.st_uid == 0)
     nouns = ("copy of an upload", "copies of uploads")
     return judge_leftovers("account.leftovers", entry.pw_name, path, copies, nouns)
+
+
+def check_nss(_site):
+    path = "/etc/nsswitch.conf"
+    say = sayer("nss.sources", path)
+    try:
+        text = read_text(path)
+    except OSError as error:
+        yield say("warning missing", error=reason(error))
+        return
+    sources = []
+    for line in text.splitlines():
+        database, colon, words = line.partition("#")[0].partition(":")
+        if colon and database.strip() in ("passwd", "group", "initgroups"):
+            sources += re.sub(r"\[[^]]*\]", " ", words).split()
+    sources = list(dict.fromkeys(sources))
+    # Built into the C library.
+    modules = [source for source in sources if source not in ("files", "dns")]
+    cache = linker_cache()
+    missing = [source for source in modules if f"libnss_{source}.so.2" not in cache]
+    yield say("warning" if missing else "ok", names=listed(missing or sources))

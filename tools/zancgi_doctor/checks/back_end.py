@@ -7,8 +7,8 @@ import re
 import stat
 
 from zancgi_doctor.deployment import name_error, socket_path
-from zancgi_doctor.findings import finding, sayer
-from zancgi_doctor.impostors import why_not_trust_folder, why_not_trust_link
+from zancgi_doctor.deployment import why_not_trust_folder, why_not_trust_link
+from zancgi_doctor.findings import by_danger, finding, sayer
 from zancgi_doctor.scgi import ANSWER_LIMIT, exchange
 from zancgi_doctor.texts import printable, quote, size_text, time_text
 from zancgi_doctor.whoami import NotAnAnswer, length_error, read_whoami, whoami_request
@@ -65,8 +65,7 @@ def is_socket(path):
 
 def session_kept(site, service, path):
     unsafe = why_not_trust_folder(site.run_dir) or why_not_trust_link(site, service)
-    outcome = "failure" if unsafe else "ok"
-    return finding("back-end.session", service, outcome, path=path, unsafe=unsafe)
+    return by_danger(sayer("back-end.session", service, path=path), unsafe)
 
 
 def connection(service, path, answer):

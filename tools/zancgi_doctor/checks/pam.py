@@ -7,16 +7,8 @@ import stat
 
 from zancgi_doctor.files import first_unsafe, kind_of, read_file, text_or_nothing, way_to
 from zancgi_doctor.findings import finding, sayer
+from zancgi_doctor.libraries import FOLDERS
 from zancgi_doctor.texts import counted, listed, reason
-
-PAM_FOLDERS = (
-    "/lib/x86_64-linux-gnu/security",
-    "/usr/lib/x86_64-linux-gnu/security",
-    "/lib64/security",
-    "/usr/lib64/security",
-    "/lib/security",
-    "/usr/lib/security",
-)
 
 
 def check_pam(_site):
@@ -39,11 +31,11 @@ def pam_library():
 def pam_service(path):
     say = sayer("pam.service", path)
     try:
-        status = os.stat(path)
+        mode = os.stat(path).st_mode
     except OSError as error:
         return say("warning", error=reason(error))
-    if not stat.S_ISREG(status.st_mode):
-        return say("failure kind", kind=kind_of(status.st_mode))
+    if not stat.S_ISREG(mode):
+        return say("failure kind", kind=kind_of(mode))
     unsafe = first_unsafe(way_to(path), {0}, allows_sticky=False)
     if unsafe:
         return say("failure", unsafe=unsafe)
@@ -73,7 +65,7 @@ def session_modules(path, seen):
 
 
 def find_module(module):
-    paths = [os.path.join(folder, module) for folder in PAM_FOLDERS]
+    paths = [os.path.join(folder, "security", module) for folder in FOLDERS]
     return next((path for path in paths if os.path.exists(path)), None)
 
 

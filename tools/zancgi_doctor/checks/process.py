@@ -1,4 +1,5 @@
-"""The process that starts front ends: its limits, streams and environment."""
+"""The rights that checks are made with, and the process that starts front ends:
+its limits, streams and environment."""
 
 import os
 import re
@@ -6,7 +7,7 @@ import re
 from zancgi_doctor.files import read_text
 from zancgi_doctor.findings import by_amount, finding, sayer
 from zancgi_doctor.libraries import split_search_path
-from zancgi_doctor.texts import MEBIBYTE, counted, reason, size_text
+from zancgi_doctor.texts import MEBIBYTE, counted, reason, size_text, user_name
 
 # The row of the kernel's table, how a limit is shown, what is too little and what is little.
 LIMITS = {
@@ -14,6 +15,12 @@ LIMITS = {
     "limits.memory": ("Max address space", size_text, 32 * MEBIBYTE, 64 * MEBIBYTE),
     "limits.processor": ("Max cpu time", lambda limit: counted(limit, "second"), 1, 5),
 }
+
+
+def check_identity(site):
+    outcome = "ok" if site.has_rights else "unchecked"
+    caller = user_name(os.geteuid())
+    yield finding("identity.rights", site.identity.name, outcome, caller=caller)
 
 
 def process_name(site):

@@ -1,17 +1,15 @@
 """The front end's program, its folder and its shared libraries."""
 
 import contextlib
-import dataclasses
 import os
 import re
 import shlex
 import stat
 
-from zancgi_doctor.deployment import cannot_see
-from zancgi_doctor.elf import NotElf, dynamic_of
-from zancgi_doctor.files import access_error, first_unsafe, kind_of, read_file, read_text, way_to
-from zancgi_doctor.findings import by_access, finding, sayer
-from zancgi_doctor.libraries import LibrarySearch, expand
+from zancgi_doctor.deployment import Site
+from zancgi_doctor.files import access_error, first_unsafe, read_file, read_text, way_to
+from zancgi_doctor.findings import by_access, by_kind, finding, sayer
+from zancgi_doctor.libraries import LibrarySearch, NotElf, dynamic_of, expand
 from zancgi_doctor.mounts import mount_of
 from zancgi_doctor.texts import listed, quote, reason
 
@@ -39,7 +37,7 @@ def check_launcher(site, path):
         yield say("unchecked")
         return
     yield say("ok", program=programs[0])
-    yield from check_program(dataclasses.replace(site, program=programs[0]))
+    yield from check_program(Site(**{**vars(site), "program": programs[0]}))
 
 
 def is_script(path):
@@ -58,7 +56,8 @@ def programs_started_by(script):
     programs = []
     for line in re.findall(r"^(?:.*[);]\s*)?\s*exec\s+(.*)", text, re.MULTILINE):
         with contextlib.suppress(ValueError):  # quotes that do not end there
-            words = [paths.get(word.strip("${}"), word) for word in shlex.split(line, comments=True)]
+            words = shlex.split(line, comments=True)
+            words = [paths.get(word.strip("${}"), word) for word in words]
             programs += [word for word in words if is_program(word)][-1:]
     return list(dict.fromkeys(programs))
 
@@ -70,12 +69,9 @@ def is_program(path):
 def program_file(site):
     path = site.program
     say = sayer("program.file", path, user=site.identity.name)
-    try:
-        mode = os.stat(path).st_mode
-    except OSError as error:
-        return cannot_see(site, say, error, "unchecked hidden")
-    if not stat.S_ISREG(mode):
-        return say("failure kind", kind=kind_of(mode))
+    found = by_kind(say, path, stat.S_ISREG, site.hidden("unchecked hidden"))
+    if found.state != "ok":
+        return found
     error = site.as_front_end(access_error, path, os.X_OK)
     if error == "" and "noexec" in mount_of(path).options:
         return say("failure noexec")

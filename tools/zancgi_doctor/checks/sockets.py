@@ -1,13 +1,77 @@
-"""The socket of one service: what it is, and who may connect."""
+"""The run directory, the sockets of back ends in it, and that of fcgiwrap: what
+they are, and who may connect."""
 
 import os
 import stat
 
-from zancgi_doctor.deployment import name_error, socket_path
-from zancgi_doctor.files import access_error, has_others, kind_of, way_to
-from zancgi_doctor.findings import by_access, finding, sayer
-from zancgi_doctor.impostors import why_not_trust_link
-from zancgi_doctor.texts import reason
+from zancgi_doctor.deployment import SUN_PATH_LIMIT, folder, name_error, socket_path
+from zancgi_doctor.deployment import why_not_trust_folder, why_not_trust_link, why_not_trust_socket
+from zancgi_doctor.files import access_error, has_others, way_to
+from zancgi_doctor.findings import by_access, by_amount, by_danger, by_kind, finding, sayer
+from zancgi_doctor.identities import accounts_of_group, find_user
+from zancgi_doctor.mounts import mount_of
+from zancgi_doctor.systemd import makes_folder, systemd_runs
+from zancgi_doctor.texts import counted, listed, reason, user_name
+
+
+def check_run_dir(site):
+    path = site.run_dir
+    exists = run_dir_exists(site)
+    yield exists
+    room = SUN_PATH_LIMIT - len(os.fsencode(path)) - len("/.sock")
+    say = sayer("run-dir.length", path, room=counted(max(room, 0), "byte"))
+    yield by_amount(say, room, 1, 16)
+    if exists.state != "ok":
+        return
+    yield run_dir_safe(site)
+    yield run_dir_reboot(path)
+    yield run_dir_names(path)
+
+
+def run_dir_exists(site):
+    path = site.run_dir
+    say = sayer("run-dir.exists", path)
+    found = folder(site, say, path)
+    if found.state != "ok":
+        return found
+    error = site.as_front_end(access_error, path, os.X_OK)
+    return say("failure search", user=site.identity.name, error=error) if error else found
+
+
+def run_dir_safe(site):
+    path = site.run_dir
+    say = sayer("run-dir.safe", path)
+    unsafe = why_not_trust_folder(path)
+    if unsafe:
+        return say("failure", unsafe=unsafe)
+    # Who checks as themself has not said that front ends run so.
+    is_other = site.has_rights and not site.identity.is_own()
+    if is_other and site.as_front_end(access_error, path, os.W_OK) == "":
+        return say("warning", user=site.identity.name)
+    return say("ok", owner=user_name(os.stat(path).st_uid))
+
+
+def run_dir_reboot(path):
+    say = sayer("run-dir.reboot", path)
+    if mount_of(path).kind not in ("tmpfs", "ramfs"):
+        return say("ok disk")
+    maker = makes_folder(os.path.realpath(path))
+    if maker:
+        return say("ok made", maker=maker)
+    return say("warning" if systemd_runs() else "skipped")
+
+
+def run_dir_names(path):
+    say = sayer("run-dir.names", path)
+    try:
+        names = sorted(os.listdir(path))
+    except OSError as error:
+        return say("unchecked", error=reason(error))
+    hidden = [entry for entry in names if entry.startswith(".") and entry.endswith(".sock")]
+    if hidden:
+        return say("warning hidden", names=listed(hidden))
+    others = [entry for entry in names if not entry.endswith((".sock", ".pid", ".lock"))]
+    return say("warning others", names=listed(others)) if others else say("ok")
 
 
 def check_socket(site, service):
@@ -16,29 +80,43 @@ def check_socket(site, service):
     if error:
         return
     path = socket_path(site, service)
-    kind = socket_kind("socket.kind", service, path, "the back end")
+    say = sayer("socket.kind", service, path=path, listener="the back end")
+    kind = by_kind(say, path, stat.S_ISSOCK)
     yield kind
     if kind.state == "ok":
         # The run directory is looked at elsewhere.
         unsafe = why_not_trust_link(site, service)
-        outcome = "failure" if unsafe else "ok"
-        yield finding("socket.safe", service, outcome, path=path, unsafe=unsafe)
-        yield socket_access(site, service, path)
+        yield by_danger(sayer("socket.safe", service, path=path), unsafe)
+        say = sayer("socket.access", service, path=path, user=site.identity.name)
+        yield by_access(say, site.as_front_end(access_error, path, os.W_OK))
         outcome = "warning" if has_others(way_to(path), stat.S_IWOTH) else "ok"
         yield finding("socket.strangers", service, outcome, path=path)
 
 
-def socket_kind(name, subject, path, listener):
-    say = sayer(name, subject, path=path, listener=listener)
-    try:
-        mode = os.stat(path).st_mode
-    except PermissionError as error:
-        return say("unchecked", error=reason(error))
-    except OSError as error:
-        return say("failure missing", error=reason(error))
-    return say("ok") if stat.S_ISSOCK(mode) else say("failure kind", kind=kind_of(mode))
+def check_fcgi(site, path):
+    say = sayer("fcgi.kind", path, path=path, listener="fcgiwrap")
+    kind = by_kind(say, path, stat.S_ISSOCK)
+    yield kind
+    if kind.state == "ok":
+        yield by_danger(sayer("fcgi.safe", path), why_not_trust_socket(path))
+        yield fcgi_strangers(site, path)
 
 
-def socket_access(site, service, path):
-    say = sayer("socket.access", service, path=path, user=site.identity.name)
-    return by_access(say, site.as_front_end(access_error, path, os.W_OK))
+def fcgi_strangers(site, path):
+    """Whoever sends a FastCGI request chooses the program and its variables."""
+    say = sayer("fcgi.strangers", path, user=site.identity.name)
+    steps = way_to(path)
+    if has_others(steps, stat.S_IWOTH):
+        return say("failure")
+    accounts = sorted(accounts_with_access(steps[-1].status))
+    return say("warning" if len(accounts) > 1 else "ok", accounts=listed(accounts) or "root")
+
+
+def accounts_with_access(status):
+    """By the bits of the owner and of the group, without root."""
+    accounts = set()
+    if status.st_mode & stat.S_IWUSR:
+        accounts.add(find_user(str(status.st_uid))[0])
+    if status.st_mode & stat.S_IWGRP:
+        accounts |= accounts_of_group(status.st_gid)
+    return accounts - {"root"}

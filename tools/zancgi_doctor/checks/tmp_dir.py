@@ -6,9 +6,9 @@ import re
 import stat
 import time
 
-from zancgi_doctor.deployment import folder_error
+from zancgi_doctor.deployment import folder
 from zancgi_doctor.files import access_error, first_unsafe, has_others, read_text, way_to
-from zancgi_doctor.findings import by_access, by_amount, finding, sayer
+from zancgi_doctor.findings import by_access, by_amount, by_danger, finding, sayer
 from zancgi_doctor.identities import accounts_of_group
 from zancgi_doctor.mounts import mount_of
 from zancgi_doctor.systemd import is_aged, systemd_runs
@@ -26,15 +26,14 @@ QUOTAS = {"usrquota", "grpquota", "prjquota", "usrjquota", "uquota", "gquota"}
 
 def check_tmp_dir(site):
     path = site.tmp_dir
-    say = sayer("tmp-dir.exists", path)
-    error = folder_error(site, say, path)
-    yield error or say("ok")
-    if error:
+    exists = folder(site, sayer("tmp-dir.exists", path), path)
+    yield exists
+    if exists.state != "ok":
         return
     say = sayer("tmp-dir.writable", path, user=site.identity.name)
     yield by_access(say, site.as_front_end(access_error, path, os.W_OK | os.X_OK))
     unsafe = first_unsafe(way_to(path), {0, site.identity.uid})
-    yield finding("tmp-dir.safe", path, "failure" if unsafe else "ok", unsafe=unsafe)
+    yield by_danger(sayer("tmp-dir.safe", path), unsafe)
     yield tmp_dir_listing(site)
     yield tmp_dir_file_system(site)
     file_system = os.statvfs(path)
