@@ -1,5 +1,6 @@
 """The body of a request, in memory and in files."""
 
+import io
 import os
 import stat
 import sys
@@ -8,28 +9,21 @@ import urllib.parse
 from collections.abc import Iterator
 from typing import BinaryIO
 
-from zancgi_request.failures import Failure, Status
+from zancgi_request.failures import Failure, Status, failing_with
 
 PIECE = 65536
 
 
-class FilePiece:
-    """What is left to read of an open regular file."""
-
-    def __init__(self, file: BinaryIO):
-        self.file = file
-        self.start = file.tell()
-        self.size = os.fstat(file.fileno()).st_size - self.start
-
-
 class Body:
-    """Bytes in memory and in files; of the latter, little is in memory."""
+    """Bytes in memory and in regular files; of the latter, little is in memory."""
 
-    def __init__(self, pieces: list[bytes | FilePiece]):
-        self.pieces = pieces
-        self.length = sum(
-            piece.size if isinstance(piece, FilePiece) else len(piece) for piece in pieces
-        )
+    def __init__(self, pieces: list[bytes | BinaryIO]):
+        files = [io.BytesIO(piece) if isinstance(piece, bytes) else piece for piece in pieces]
+        # All of them first: standard input may be named twice.
+        starts = [file.tell() for file in files]
+        ends = [file.seek(0, os.SEEK_END) for file in files]
+        self.pieces = list(zip(files, starts, ends, strict=True))
+        self.length = sum(ends) - sum(starts)
         self.rewind()
 
     def rewind(self) -> None:
@@ -51,21 +45,15 @@ class Body:
         return taken[:count]
 
     def _read_blocks(self) -> Iterator[bytes]:
-        for piece in self.pieces:
-            if isinstance(piece, FilePiece):
-                yield from self._blocks_of(piece)
-            elif piece:
-                yield piece
-
-    @staticmethod
-    def _blocks_of(piece: FilePiece) -> Iterator[bytes]:
-        left = piece.size
-        while left:
-            block = os.pread(piece.file.fileno(), min(left, PIECE), piece.start + piece.size - left)
-            if not block:
-                raise Failure(Status.CANNOT_READ, f"{piece.file.name} has become shorter")
-            left -= len(block)
-            yield block
+        for file, start, end in self.pieces:
+            file.seek(start)
+            left = end - start
+            while left:
+                block = file.read(min(left, PIECE))
+                if not block:
+                    raise Failure(Status.CANNOT_READ, f"{file.name} has become shorter")
+                left -= len(block)
+                yield block
 
 
 class Stream:
@@ -83,19 +71,13 @@ class Stream:
 def open_to_read(path: str) -> BinaryIO:
     if path == "-" and sys.stdin is None:
         raise Failure(Status.CANNOT_READ, "cannot read standard input: it is closed")
-    if path == "-":
-        return sys.stdin.buffer
-    try:
-        return open(path, "rb")
-    except OSError as error:
-        raise Failure(Status.CANNOT_READ, f"cannot read {path}: {error.strerror}") from None
+    with failing_with(Status.CANNOT_READ, f"cannot read {path}"):
+        return sys.stdin.buffer if path == "-" else open(path, "rb")
 
 
 def read_file(path: str) -> bytes:
-    try:
+    with failing_with(Status.CANNOT_READ, f"cannot read {path}"):
         return open_to_read(path).read()
-    except OSError as error:
-        raise Failure(Status.CANNOT_READ, f"cannot read {path}: {error.strerror}") from None
 
 
 def spooled(file: BinaryIO) -> BinaryIO:
@@ -108,12 +90,12 @@ def spooled(file: BinaryIO) -> BinaryIO:
     return copy  # type: ignore[return-value]
 
 
-def file_piece(path: str) -> FilePiece:
+def open_regular(path: str) -> BinaryIO:
     file = open_to_read(path)
     kind = os.fstat(file.fileno()).st_mode
     if stat.S_ISDIR(kind):
         raise Failure(Status.CANNOT_READ, f"cannot read {path}: it is a folder")
-    return FilePiece(file if stat.S_ISREG(kind) else spooled(file))
+    return file if stat.S_ISREG(kind) else spooled(file)
 
 
 def without_line_ends(content: bytes) -> bytes:
@@ -131,18 +113,18 @@ def url_encoded(text: str) -> bytes:
     return os.fsencode(name) + b"=" + encoded if name else encoded
 
 
-def data_piece(option: str, value: str) -> bytes | FilePiece:
+def data_piece(option: str, value: str) -> bytes | BinaryIO:
     if option == "urlencode":
         return url_encoded(value)
     if option == "raw" or not value.startswith("@"):
         return os.fsencode(value)
     if option == "data":
         return without_line_ends(read_file(value[1:]))
-    return file_piece(value[1:])
+    return open_regular(value[1:])
 
 
 def data_body(given: list[tuple[str, str]]) -> Body:
-    pieces: list[bytes | FilePiece] = []
+    pieces: list[bytes | BinaryIO] = []
     for number, (option, value) in enumerate(given):
         if number and option != "json":
             pieces.append(b"&")

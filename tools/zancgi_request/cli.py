@@ -4,11 +4,10 @@ import signal
 import sys
 
 from zancgi_request.exchange import adopt_orphans
-from zancgi_request.failures import Failure, Status
+from zancgi_request.failures import Failure, Interrupted, Status, catch_signals
 from zancgi_request.options import parse_command_line
 from zancgi_request.player import Player
 from zancgi_request.settings import NAME, Settings
-from zancgi_request.signals import Interrupted, catch_signals
 
 
 def main(arguments: list[str]) -> int:

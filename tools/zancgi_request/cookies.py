@@ -11,7 +11,7 @@ import tempfile
 import time
 
 from zancgi_request.body import read_file
-from zancgi_request.failures import Failure, Status
+from zancgi_request.failures import Status, failing_with
 from zancgi_request.head import Head
 from zancgi_request.output import Output
 from zancgi_request.settings import NAME, Settings
@@ -208,7 +208,7 @@ def is_file_or_missing(path: str) -> bool:
 
 def replace_file(path: str, content: bytes) -> None:
     """By one that is whole, and that only its owner can read."""
-    try:
+    with failing_with(Status.CANNOT_WRITE, f"cannot write {path}"):
         descriptor, new = tempfile.mkstemp(prefix=".", dir=os.path.dirname(path) or ".")
         try:
             with open(descriptor, "wb") as file:
@@ -217,8 +217,6 @@ def replace_file(path: str, content: bytes) -> None:
         except BaseException:
             os.unlink(new)
             raise
-    except OSError as error:
-        raise Failure(Status.CANNOT_WRITE, f"cannot write {path}: {error.strerror}") from None
 
 
 class Jar:

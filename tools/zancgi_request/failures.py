@@ -1,6 +1,10 @@
-"""How a request may fail, and the exit status of each failure."""
+"""How a request may fail, the exit status of each failure, and the signals that
+end the tool before the program has ended."""
 
+import contextlib
 import enum
+import signal
+from collections.abc import Iterator
 from typing import NoReturn
 
 
@@ -36,3 +40,43 @@ class Failure(Exception):
 
 def misused(text: str) -> NoReturn:
     raise Failure(Status.USAGE, text)
+
+
+@contextlib.contextmanager
+def failing_with(status: Status, what: str) -> Iterator[None]:
+    """Turns an error of the system into a failure."""
+    try:
+        yield
+    except OSError as error:
+        raise Failure(status, f"{what}: {error.strerror}") from None
+
+
+# The signals that end the program too.
+CAUGHT = (signal.SIGALRM, signal.SIGTERM, signal.SIGHUP, signal.SIGINT)
+
+
+class Interrupted(Exception):
+    """A signal has come."""
+
+    def __init__(self, number: int):
+        super().__init__(number)
+        self.number = number
+
+
+def interrupt(number: int, _frame: object) -> NoReturn:
+    # The program is then ended, and nothing is to come in between.
+    for other in CAUGHT:
+        signal.signal(other, disregard)
+    raise Interrupted(number)
+
+
+def disregard(_number: int, _frame: object) -> None:
+    """Unlike SIG_IGN, this is not handed down."""
+
+
+def catch_signals(is_interactive: bool) -> None:
+    for number in CAUGHT:
+        signal.signal(number, interrupt)
+    if is_interactive:
+        # At a terminal this one is the debugger's.
+        signal.signal(signal.SIGINT, disregard)

@@ -4,8 +4,9 @@ import dataclasses
 import os
 import re
 import secrets
+from typing import BinaryIO
 
-from zancgi_request.body import Body, FilePiece, file_piece
+from zancgi_request.body import Body, open_regular
 from zancgi_request.failures import misused
 from zancgi_request.settings import Settings
 
@@ -31,7 +32,7 @@ def type_by_name(name: str) -> str:
 @dataclasses.dataclass
 class Part:
     name: str
-    content: bytes | FilePiece = b""
+    content: bytes | BinaryIO = b""
     # None: the part is no file.
     file_name: str | None = None
     type: str = ""
@@ -64,7 +65,7 @@ class PartText:
 
     def _set_content(self, part: Part, sign: str, word: str) -> None:
         if sign == "@":
-            part.content = file_piece(word)
+            part.content = open_regular(word)
             if part.file_name is None:
                 part.file_name = os.path.basename(word)
             is_named = word != "-"
@@ -74,7 +75,7 @@ class PartText:
             return
         if part.file_name is None and sign != "<":
             word = with_line_ends_of_browsers(word)
-        part.content = file_piece(word) if sign == "<" else os.fsencode(word)
+        part.content = open_regular(word) if sign == "<" else os.fsencode(word)
         if part.file_name is not None:
             part.type = part.type or type_by_name(part.file_name)
 
@@ -159,7 +160,7 @@ class Form:
         return f"{FORM_TYPE}; boundary={self.boundary}"
 
     def body(self) -> Body:
-        pieces: list[bytes | FilePiece] = []
+        pieces: list[bytes | BinaryIO] = []
         for part in self.parts:
             pieces += [self._head(part), part.content, b"\r\n"]
         return Body([*pieces, os.fsencode(f"--{self.boundary}--\r\n")])

@@ -6,7 +6,7 @@ import os
 import re
 import urllib.parse
 
-from zancgi_request.body import Body, Stream, data_body, file_piece
+from zancgi_request.body import Body, Stream, data_body, open_regular
 from zancgi_request.cookies import Jar
 from zancgi_request.failures import Failure, misused
 from zancgi_request.form import Form
@@ -43,7 +43,7 @@ def make_body(settings: Settings) -> tuple[Body | Stream | None, str]:
         return Stream(), ""
     if settings.upload:
         path = "-" if settings.upload == "." else settings.upload
-        return Body([file_piece(path)]), ""
+        return Body([open_regular(path)]), ""
     if settings.data and not settings.get:
         return data_body(settings.data), "application/x-www-form-urlencoded"
     return None, ""

@@ -53,10 +53,6 @@ def ignore(_settings: Settings, _value: str) -> None:
     """What curl's option asks for is done anyway, or has no meaning here."""
 
 
-def json(settings: Settings, value: str) -> None:
-    settings.data.append(("json", value))
-
-
 def number_from(least: float, convert: Callable[[str], Any]) -> Callable[[str], Any]:
     def checked(text: str) -> Any:
         number = convert(text)
@@ -117,12 +113,8 @@ def variable(text: str) -> str:
     return text if equals else f"{name}={os.environ.get(name, '')}"
 
 
-def data(option: str) -> Store:
-    return append("data", lambda value: (option, value))
-
-
-def form(option: str) -> Store:
-    return append("form", lambda value: (option, value))
+def append_to(field: str, option: str) -> Store:
+    return append(field, lambda value: (option, value))
 
 
 STDIN_KINDS = ("pipe", "socket", "file", "closed", "null")
@@ -133,14 +125,18 @@ OPTIONS = (
     Option("header", "H", "LINE", "add, change or (NAME:) remove a header", append("headers")),
     Option("cookie", "b", "NAME=VALUE|FILE", "send a cookie, or those of a jar", cookie),
     Option("cookie-jar", "c", "FILE", "write all cookies to this jar", keep("cookie_jar")),
-    Option("data", "d", "DATA", "POST this, or the lines of @FILE", data("data")),
-    Option("data-ascii", "", "DATA", "the same as --data", data("data")),
-    Option("data-binary", "", "DATA", "POST this, or @FILE as it is", data("binary")),
-    Option("data-raw", "", "DATA", "POST this, also when it begins with @", data("raw")),
-    Option("data-urlencode", "", "DATA", "POST this URL-encoded", data("urlencode")),
-    Option("json", "", "DATA", "POST this as JSON", json),
-    Option("form", "F", "NAME=VALUE", "POST a form; @FILE uploads, <FILE reads", form("form")),
-    Option("form-string", "", "NAME=VALUE", "POST a form, value as text", form("string")),
+    Option("data", "d", "DATA", "POST this, or the lines of @FILE", append_to("data", "data")),
+    Option("data-ascii", "", "DATA", "the same as --data", append_to("data", "data")),
+    Option("data-binary", "", "DATA", "POST this, or @FILE as it is", append_to("data", "binary")),
+    Option("data-raw", "", "DATA", "POST this, also when it begins with @",
+           append_to("data", "raw")),
+    Option("data-urlencode", "", "DATA", "POST this URL-encoded",
+           append_to("data", "urlencode")),
+    Option("json", "", "DATA", "POST this as JSON", append_to("data", "json")),
+    Option("form", "F", "NAME=VALUE", "POST a form; @FILE uploads, <FILE reads",
+           append_to("form", "form")),
+    Option("form-string", "", "NAME=VALUE", "POST a form, value as text",
+           append_to("form", "string")),
     Option("form-escape", "", "", "escape names with backslashes", switch("form_escape")),
     Option("boundary", "", "TEXT", "the boundary of the form", keep("boundary")),
     Option("upload-file", "T", "FILE", "PUT this file; - is standard input", keep("upload")),

@@ -4,7 +4,7 @@ import os
 import sys
 from typing import BinaryIO
 
-from zancgi_request.failures import Failure, Status
+from zancgi_request.failures import Failure, Status, failing_with
 
 
 class Output:
@@ -14,27 +14,22 @@ class Output:
         self.path = path
         self.mode = mode
         self.file: BinaryIO | None = None
-        self.size = 0
+        self.failure = f"cannot write {'the answer' if path == '-' else path}"
 
     def write(self, content: bytes) -> None:
-        self.size += len(content)
         self.open()
-        try:
+        with failing_with(Status.CANNOT_WRITE, self.failure):
             view = memoryview(content)
             while view:
                 view = view[os.write(self.file.fileno(), view) :]
-        except OSError as error:
-            raise Failure(Status.CANNOT_WRITE, f"cannot write {self}: {error.strerror}") from None
 
     def open(self) -> None:
         if self.file is not None:
             return
         if self.path == "-" and sys.stdout is None:
-            raise Failure(Status.CANNOT_WRITE, f"cannot write {self}: standard output is closed")
-        try:
+            raise Failure(Status.CANNOT_WRITE, f"{self.failure}: standard output is closed")
+        with failing_with(Status.CANNOT_WRITE, self.failure):
             self.file = sys.stdout.buffer if self.path == "-" else self._make()
-        except OSError as error:
-            raise Failure(Status.CANNOT_WRITE, f"cannot write {self}: {error.strerror}") from None
 
     def _make(self) -> BinaryIO:
         return open(self.path, "wb", opener=lambda path, flags: os.open(path, flags, self.mode))
@@ -42,6 +37,3 @@ class Output:
     def close(self) -> None:
         if self.file is not None and self.path != "-":
             self.file.close()
-
-    def __str__(self) -> str:
-        return "the answer" if self.path == "-" else self.path

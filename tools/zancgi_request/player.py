@@ -14,7 +14,7 @@ from zancgi_request.body import Body, Stream
 from zancgi_request.cookies import Jar
 from zancgi_request.debugger import Debugger
 from zancgi_request.exchange import Exchange, find_program, left_behind, start
-from zancgi_request.failures import Failure, Status, misused
+from zancgi_request.failures import Failure, Interrupted, Status, catch_signals, misused
 from zancgi_request.feeder import Channel, Feeder
 from zancgi_request.head import Head
 from zancgi_request.headers import Request
@@ -23,7 +23,6 @@ from zancgi_request.output import Output
 from zancgi_request.report import Outcome, Report, write_out, write_out_values
 from zancgi_request.servers import SERVER_BY_NAME, Variables
 from zancgi_request.settings import NAME, Settings, is_written
-from zancgi_request.signals import Interrupted, catch_signals
 
 # A timer of 0 would mean that there is no limit.
 SHORTEST_TIMER = 0.001
