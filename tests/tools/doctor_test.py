@@ -409,14 +409,15 @@ class ProcessTest(DoctorTest):
 
     def test_environment_of_a_process(self):
         """And of the doctor's own, where no process is named."""
-        environment = {"TOV_RUN_DIR": str(self.run_dir), "TMP": str(self.folder)}
+        tmp = self.make_folder("a=b")
+        environment = {"TOV_RUN_DIR": str(self.run_dir), "TMP": str(tmp)}
         arguments, _ = self.sleeper(env=environment)
         for report in (
             self.doctor("--json", *arguments),
             self.doctor("--json", environment=environment),
         ):
             self.expect(report, "run-dir.exists", "ok", self.run_dir)
-            self.expect(report, "tmp-dir.exists", "ok", self.folder)
+            self.expect(report, "tmp-dir.exists", "ok", tmp)
         for environment in ({}, {"TOV_RUN_DIR": "", "TMP": ""}):
             checks = ("--check", "run-dir.length", "--check", "tmp-dir.exists")
             report = self.doctor("--json", *checks, environment=environment)

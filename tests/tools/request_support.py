@@ -13,7 +13,7 @@ from forked import Ended, run_forked
 from zancgi_request.cli import main
 
 SOURCE = pathlib.Path(os.environ["SOURCE"])
-# Where web_servers and panel_server are.
+# Where web_servers and processes are.
 sys.path.insert(0, str(SOURCE / "tests" / "e2e"))
 TOOL = SOURCE / "tools" / "zancgi-request"
 PROBE = os.environ["CGI_PROBE"]

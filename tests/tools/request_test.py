@@ -16,12 +16,10 @@ import unittest
 from forked import Ended
 from request_support import AGES, ENVIRONMENT, LONG, MEGABYTE, PATH, PROBE, SOURCE, TOOL
 from request_support import RequestTest, given, run, run_program, start_program
-from panel_server import Panel, wait_for
+from processes import wait_for
 from zancgi_request.body import Body
 from zancgi_request.feeder import Channel, Feeder
 from zancgi_request.settings import Settings
-
-LIBRARY_PATH = ":".join(sorted({os.path.dirname(p) for p in os.environ["LIBRARIES"].split(":")}))
 
 
 class VariablesTest(RequestTest):
@@ -812,79 +810,6 @@ class DebuggerTest(RequestTest):
         self.assertIn("Invalid read", result.errors)
         self.assertIn("valgrind has found errors", result.errors)
         self.assertEqual(run(faulty).status, 0)
-
-
-class PanelTest(RequestTest):
-    """The same requests, to the panel and to its front end alone."""
-
-    @classmethod
-    def setUpClass(cls):
-        cls.panel = Panel()
-        cls.addClassCleanup(cls.panel.stop)
-
-    def setUp(self):
-        super().setUp()
-        self.spool = self.folder / "spool"
-        self.spool.mkdir()
-
-    def front(self, *arguments):
-        return run(
-            self.panel.front, "--env", f"LD_LIBRARY_PATH={LIBRARY_PATH}",
-            "--run-dir", self.panel.state / "run", "--env", f"PANEL_SPOOL={self.spool}",
-            "--server", "lighttpd", "-i", *arguments,
-        )  # fmt: skip
-
-    def sign_in(self):
-        result = self.front(
-            "--data-urlencode", f"user={self.panel.user}",
-            "--data-urlencode", f"password={self.panel.password}", "/panel?page=signin",
-        )  # fmt: skip
-        self.assertEqual((result.status, result.errors), (0, ""))
-        cookie = re.search(rb"Set-Cookie: (panelses5=[^;]+)", result.output)
-        self.assertIsNotNone(cookie, result.output)
-        return cookie[1].decode()
-
-    def expect_page(self, path, *arguments):
-        """The one that curl gets."""
-        result = self.front(*arguments, path)
-        self.assertEqual((result.status, result.errors), (0, ""))
-        url = self.panel.url.removesuffix("/panel") + path
-        done = subprocess.run(
-            ["curl", "-q", "-sS", *arguments, url], capture_output=True, env=ENVIRONMENT,
-            check=True, timeout=LONG,
-        )  # fmt: skip
-        self.assertTrue(result.output.endswith(b"\r\n\r\n" + done.stdout))
-        return done.stdout
-
-    def test_pages(self):
-        self.expect_page("/panel?page=signin")
-        page = self.expect_page("/panel", "-b", self.sign_in())
-        self.assertIn(self.panel.user.encode(), page)
-
-    def test_strangers_are_refused(self):
-        result = self.front("-d", "user=nobody&password=wrong", "/panel?page=signin")
-        self.assertEqual(result.status, 4)
-        self.assertEqual(self.front("-F", "a=1", "/panel?page=upload").status, 4)
-
-    def upload(self, *arguments):
-        cookie = self.sign_in()
-        self.file("f", b"x" * 3 * MEGABYTE)
-        return self.front(
-            "-b", cookie, "-F", f"token={self.panel.token(cookie.partition('=')[2])}",
-            "-F", f"files=@{self.folder}/f", "/panel?page=upload", *arguments,
-        )  # fmt: skip
-
-    def test_upload(self):
-        result = self.upload()
-        self.assertEqual((result.status, result.errors), (0, ""))
-        self.assertEqual(list(self.spool.iterdir()), [])
-
-    def test_upload_of_a_client_who_goes_away(self):
-        for more in ((), ("--abort-signal", "TERM"), ("--abort-signal", "KILL")):
-            result = self.upload("--abort-after", 2 * MEGABYTE, *more)
-            self.assertEqual((result.status, result.output), (0, b""), more)
-            self.assertNotIn("zancgi-request", result.errors)
-            self.assertEqual(list(self.spool.iterdir()), [])
 
 
 class ManualTest(RequestTest):
