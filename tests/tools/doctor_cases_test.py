@@ -11,19 +11,20 @@ from doctor_support import OWN_NAME, ROOT_ONLY, STRANGER, WORDS, DoctorTest
 from zancgi_doctor.cli import EXIT_STATUS
 from zancgi_doctor.texts import group_name, user_name
 
-# By group: what is made first, the options, and what they ask about. There and in
-# the tables ~ is the folder of the case, where the shell is, and @ its subject.
+# By group: what is made first, the options, what they ask about, and its path. There
+# and in the tables ~ is the folder of the case, where the shell is, and @ its subject.
+SERVICE = ("mkdir run", "--run-dir ~/run --service @", "panel", "~/run/@.sock")
 GROUPS = {
-    "run-dir": ("mkdir run", "--run-dir @", "~/run"),
-    "socket": ("mkdir run", "--run-dir ~/run --service @", "panel"),
-    "back-end": ("mkdir run", "--run-dir ~/run --service @", "panel"),
-    "fcgi": ("", "--fcgi-socket @", "~/fcgi.sock"),
-    "tmp-dir": ("mkdir -m 700 tmp", "--tmp-dir @", "~/tmp"),
-    "program": ("mkdir bin; cp /bin/true bin/panel", "--program @", "~/bin/panel"),
-    "pam": ("", "", "/etc/pam.d/login"),
-    "account": ("mkdir -m 700 tmp", "--tmp-dir ~/tmp --account @", "alice"),
-    "nss": ("", "", "/etc/nsswitch.conf"),
-    "log": ("", "TOV_LOG=@", "~/log"),
+    "run-dir": ("mkdir run", "--run-dir @", "~/run", "@"),
+    "socket": SERVICE,
+    "back-end": SERVICE,
+    "fcgi": ("", "--fcgi-socket @", "~/fcgi.sock", "@"),
+    "tmp-dir": ("mkdir -m 700 tmp", "--tmp-dir @", "~/tmp", "@"),
+    "program": ("mkdir bin; cp /bin/true bin/panel", "--program @", "~/bin/panel", "@"),
+    "pam": ("", "", "/etc/pam.d/login", "@"),
+    "account": ("mkdir -m 700 tmp", "--tmp-dir ~/tmp --account @", "alice", "/srv/alice"),
+    "nss": ("", "", "/etc/nsswitch.conf", "@"),
+    "log": ("", "TOV_LOG=@", "~/log", "@"),
 }
 
 
@@ -384,22 +385,22 @@ CASES = {
         root("gid=100 group=secret:x:$N:bob,alice; homes", "ok"),
     ],
     "account.home": [
-        root("homes", "ok", path="/srv/alice"),
+        root("homes", "ok"),
         root("home=; homes", "failure empty"),
         root("home=/srv/bob; homes", "failure missing", path="/srv/bob", error=NOT_THERE),
         root("home=/srv/x; homes; mkfifo /srv/x", "failure kind", path="/srv/x", kind="a FIFO"),
     ],
     "account.way": [
         anyone("", None, subject="root"),
-        root("homes; chown alice /srv/alice", "ok", path="/srv/alice"),
+        root("homes; chown alice /srv/alice", "ok"),
         root("homes; chmod 1777 /srv", "failure", unsafe="'/srv' is writable by everybody"),
         root("homes; chown 0:alice /srv; chmod 775 /srv", "failure",
              unsafe="'/srv' is writable by group 'alice'"),
         root("homes; chown alice /srv", "failure", unsafe="'/srv' belongs to user 'alice'"),
     ],
     "account.confinement": [
-        root("homes", "ok", "--confined", path="/srv/alice"),
-        *(root(prepare, outcome, arguments, path="/srv/alice", unsafe=unsafe)
+        root("homes", "ok", "--confined"),
+        *(root(prepare, outcome, arguments, unsafe=unsafe)
           for prepare, unsafe in unsafe_homes()
           for outcome, arguments in (("failure", "--confined"), ("skipped", ""))),
     ],
@@ -415,7 +416,7 @@ CASES = {
             # A confined process need not get there from outside.
             (f"{OWN_FILES}; chmod 700 /srv", "/srv/alice/files"),
         )),
-        *(root(f"homes; {then}", "failure", "--confined", path="/srv/alice")
+        *(root(f"homes; {then}", "failure", "--confined")
           for then in (
             "true",
             "mkdir -p /srv/alice/a/b; install -d -o bob /srv/alice/c",
@@ -425,9 +426,8 @@ CASES = {
         )),
     ],
     "account.session": [
-        root(PAM_AT_HOME, "ok", "--confined --pam", path="/srv/alice",
-             login="/srv/alice/etc/pam.d/login"),
-        *(root(prepare, outcome, arguments, path="/srv/alice", unsafe=unsafe)
+        root(PAM_AT_HOME, "ok", "--confined --pam", login="/srv/alice/etc/pam.d/login"),
+        *(root(prepare, outcome, arguments, unsafe=unsafe)
           for prepare, unsafe in (
             ("homes", "'/srv/alice/etc/pam.d/login' does not exist, where PAM then looks"),
             (f"{PAM_AT_HOME}; chown alice /srv/alice", OF_ALICE),
@@ -438,13 +438,13 @@ CASES = {
     ],
     "account.leftovers": [
         # Copies that are root's, and no others.
-        root(COPIES, "ok", path="/srv/alice", count="1 copy of an upload is"),
+        root(COPIES, "ok", count="1 copy of an upload is"),
         root(f"{COPIES}\nold .tov-AbC123 2048 30; old .tov-000000 2048 50", "warning",
-             path="/srv/alice", count="2 copies of uploads are", size="4.0 KB", age="50 hours"),
+             count="2 copies of uploads are", size="4.0 KB", age="50 hours"),
     ],
     "account.hand-over": [
-        root("homes", "ok", path="/srv/alice"),
-        root("homes; mount -o remount,ro /srv", "failure read-only", path="/srv/alice"),
+        root("homes", "ok"),
+        root("homes; mount -o remount,ro /srv", "failure read-only"),
         root("homes", "failure user", "--as alice", user="alice"),
     ],
     "account.space": [
@@ -511,7 +511,7 @@ class CasesTest(DoctorTest):
             self.skipTest("the tools lie below /srv, where the accounts of this test have homes")
 
     def play(self, check, folder, prepare, outcome, arguments, values):
-        made, options, subject = GROUPS[check.partition(".")[0]]
+        made, options, subject, path = GROUPS[check.partition(".")[0]]
         subject = values.pop("subject", subject)
 
         def filled(text):
@@ -520,24 +520,19 @@ class CasesTest(DoctorTest):
         subject = filled(subject)
         words = shlex.split(filled(options).replace("@", shlex.quote(subject)))
         words += shlex.split(filled(arguments))
-        environment = dict(x.split("=", 1) for x in words if x.startswith("TOV_"))
+        variables = [word for word in words if word.startswith("TOV_")]
         before = f"{WORDS}\ncd {folder}\n{made}\n{prepare}"
         report = self.examine(
-            check, *(x for x in words if not x.startswith("TOV_")), before=before,
-            environment=environment,
+            check, *(word for word in words if word not in variables), before=before,
+            environment=dict(word.split("=", 1) for word in variables),
         )  # fmt: skip
         if outcome is None:
             self.assertEqual(report.findings(check), [])
             return
+        values = {"user": OWN_NAME, "path": path.replace("@", subject), **values}
         values = {name: filled(value) for name, value in values.items()}
-        values = {"user": OWN_NAME, "path": self.path_of(check, folder, subject), **values}
         self.expect(report, check, outcome, subject, **values)
-        state = outcome.partition(" ")[0]
-        self.assertEqual(report.status, EXIT_STATUS.get(state, 0))
-
-    def path_of(self, check, folder, subject):
-        is_service = check.startswith(("socket.", "back-end."))
-        return f"{folder}/run/{subject}.sock" if is_service else subject
+        self.assertEqual(report.status, EXIT_STATUS.get(outcome.partition(" ")[0], 0))
 
 
 def test_of(check, cases):

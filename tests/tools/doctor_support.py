@@ -14,6 +14,7 @@ import pwd
 import shlex
 import shutil
 import socket
+import socketserver
 import subprocess
 import tempfile
 import threading
@@ -254,40 +255,32 @@ class DoctorTest(unittest.TestCase):
         return report
 
 
-class Listener:
+class Listener(socketserver.UnixStreamServer):
     """A back end that answers each request as a function says."""
 
     def __init__(self, path, answer):
+        super().__init__(str(path), None)
         self.requests = []
         self.answer = answer
-        self.socket = socket.socket(socket.AF_UNIX)
-        self.socket.bind(str(path))
-        self.socket.listen()
-        self.thread = threading.Thread(target=self.serve)
+        self.thread = threading.Thread(target=self.serve_forever, args=(0.01,))
         self.thread.start()
 
-    def serve(self):
+    def finish_request(self, connection, _):
         with contextlib.suppress(OSError):
-            while True:
-                connection, _ = self.socket.accept()
-                with connection, contextlib.suppress(OSError):
-                    self.answer(self, connection)
+            self.answer(self, connection)
 
     def read(self, connection):
         digits = b""
         while not digits.endswith(b":"):
             digits += connection.recv(1)
         left = int(digits[:-1]) + 1
-        request = b""
-        while len(request) < left:
-            request += connection.recv(left - len(request))
+        request = connection.recv(left, socket.MSG_WAITALL)
         self.requests.append(digits + request)
 
     def stop(self):
-        with contextlib.suppress(OSError):
-            self.socket.shutdown(socket.SHUT_RDWR)
-        self.thread.join(30)
-        self.socket.close()
+        self.shutdown()
+        self.thread.join()
+        self.server_close()
 
 
 def answering(data):

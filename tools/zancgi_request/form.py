@@ -90,11 +90,8 @@ class PartText:
         return self._until_end()
 
     def _until_end(self) -> str:
-        length = next(
-            (i for i, letter in enumerate(self.text) if letter in self.ends), len(self.text)
-        )
-        word = self.text[:length]
-        self._skip(length)
+        word = re.match(f"[^{self.ends}]*", self.text)[0]
+        self._skip(len(word))
         if self.text.startswith(","):
             misused("one --form takes one file: quote a name that has a comma")
         return word.rstrip(" \t")
