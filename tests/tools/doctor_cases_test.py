@@ -152,8 +152,11 @@ CASES = {
         root("chown $N:$N run", "warning", **BY_STRANGER),
     ],
     "run-dir.reboot": [
-        root(f"{prepare}; mkdir -m 755 /run/tov; {then}", outcome, subject="/run/tov", maker=maker)
-        for prepare, then, outcome, maker in (
+        # Of the mounts in one place the last counts.
+        root("mount -t tmpfs none run; mount --bind /usr/share run", "ok disk"),
+        *(root(f"{prepare}; mkdir -m 755 /run/tov; {then}", outcome, maker=maker,
+               subject="/run/tov")
+          for prepare, then, outcome, maker in (
             ("unconfigured", "echo 'd /run/tov 0755 root root -' > /etc/tmpfiles.d/tov.conf",
              "ok made", "a tmpfiles.d rule"),
             ("unconfigured", "echo 'd /var/run/tov/ 0755 root root -' > /etc/tmpfiles.d/tov.conf",
@@ -163,7 +166,7 @@ CASES = {
             ("systemd", f"{RULE}; {MASK}", "warning", None),
             ("systemd", OTHER_RULES, "warning", None),
             ("unconfigured", "true", "skipped", None),
-        )
+        )),
     ],
     "run-dir.names": [
         anyone("touch run/panel.pid run/panel.lock", "ok"),

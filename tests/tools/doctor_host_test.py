@@ -27,6 +27,9 @@ def site_of(uid=0, name="www", **fields):
 class FindingsTest(unittest.TestCase):
     """What cannot be brought about on each machine."""
 
+    def judge(self, found, check, outcome, subject, **values):
+        self.assertEqual(found, finding(check, subject, outcome, **values))
+
     def test_of_the_temporary_directory(self):
         for kind, options, outcome in (
             ("nfs4", set(), "warning remote"),
@@ -35,16 +38,15 @@ class FindingsTest(unittest.TestCase):
         ):
             with patch.object(tmp_dir, "mount_of", return_value=Mount("/x", kind, options)):
                 found = tmp_dir.tmp_dir_file_system(site_of(tmp_dir="/x"))
-            expected = finding("tmp-dir.file-system", "/x", outcome, kind=kind, user="www")
-            self.assertEqual(found, expected)
+            self.judge(found, "tmp-dir.file-system", outcome, "/x", kind=kind, user="www")
         # The mode of a folder of everybody must stay.
+        readers = "Every local user"
         for path in ("/tmp", "/tmp/"):
             with patch.object(tmp_dir, "has_others", return_value=True):
                 found = tmp_dir.tmp_dir_listing(site_of(tmp_dir=path))
-            values = {"readers": "Every local user"}
-            self.assertEqual(found, finding("tmp-dir.listing", path, "warning public", **values))
+            self.judge(found, "tmp-dir.listing", "warning public", path, readers=readers)
         found = tmp_dir.tmp_dir_inodes("/x", Mock(f_files=0))
-        self.assertEqual(found, finding("tmp-dir.inodes", "/x", "ok none"))
+        self.judge(found, "tmp-dir.inodes", "ok none", "/x")
 
     def test_space_for_root_counts_what_is_kept_for_root(self):
         blocks = Mock(f_bfree=10, f_bavail=5, f_frsize=1024)
@@ -57,39 +59,38 @@ class FindingsTest(unittest.TestCase):
         site.as_front_end.return_value = ""
         with patch.object(program, "mount_of", return_value=Mount("/", "ext4", {"noexec"})):
             found = program.program_file(site)
-        self.assertEqual(found, finding("program.file", "/bin/true", "failure noexec"))
+        self.judge(found, "program.file", "failure noexec", "/bin/true")
         with patch.object(program, "dynamic_of", side_effect=PermissionError(13, DENIED)):
             (found,) = program.program_libraries(site_of(program="/x"), "/x")
-        expected = finding("program.libraries", "/x", "unchecked", path="/x", error=DENIED)
-        self.assertEqual(found, expected)
+        self.judge(found, "program.libraries", "unchecked", "/x", path="/x", error=DENIED)
 
     def test_of_pam(self):
         with patch.object(pam.ctypes, "CDLL", side_effect=OSError("no file")):
             found = pam.pam_library()
-        self.assertEqual(found, finding("pam.library", "libpam.so.0", "warning", error="no file"))
+        self.judge(found, "pam.library", "warning", "libpam.so.0", error="no file")
         no_reading = Mock(side_effect=PermissionError(13, DENIED))
         with patch.multiple(pam, read_file=no_reading, first_unsafe=Mock(return_value="")):
             found = pam.pam_service("/etc/passwd")
-        self.assertEqual(found, finding("pam.service", "/etc/passwd", "unchecked", error=DENIED))
-
-    def test_of_name_services(self):
-        with patch.object(accounts, "read_text", side_effect=FileNotFoundError(2, NOT_THERE)):
-            (found,) = accounts.check_nss(None)
-        path = "/etc/nsswitch.conf"
-        self.assertEqual(found, finding("nss.sources", path, "warning missing", error=NOT_THERE))
+        self.judge(found, "pam.service", "unchecked", "/etc/passwd", error=DENIED)
 
     def test_of_accounts(self):
         entry = Mock(pw_dir="/none", pw_name="alice")
         with patch.object(accounts.os, "geteuid", return_value=STRANGER):
             found = accounts.account_folder(None, entry)
-        self.assertEqual(found, finding("account.folder", "alice", "unchecked"))
+        self.judge(found, "account.folder", "unchecked", "alice")
         found = accounts.account_leftovers(entry)
-        values = {"path": "/none", "error": NOT_THERE}
-        self.assertEqual(found, finding("account.leftovers", "alice", "unchecked", **values))
+        self.judge(found, "account.leftovers", "unchecked", "alice", path="/none", error=NOT_THERE)
         with patch.object(accounts.os, "stat", side_effect=PermissionError(13, DENIED)):
             found = accounts.account_home(entry)
-        values = {"path": "/none", "error": DENIED}
-        self.assertEqual(found, finding("account.home", "alice", "unchecked", **values))
+        self.judge(found, "account.home", "unchecked", "alice", path="/none", error=DENIED)
+        for kind in ("fuse.bindfs", "fuseblk", "nfs4"):
+            with patch.object(accounts, "mount_of", return_value=Mount("/", kind, set())):
+                why = accounts.why_not_confine("/usr")
+            self.assertEqual(why, f"'/usr' is on a file system of type '{kind}'")
+        with patch.object(accounts, "read_text", side_effect=FileNotFoundError(2, NOT_THERE)):
+            (found,) = accounts.check_nss(None)
+        path = "/etc/nsswitch.conf"
+        self.judge(found, "nss.sources", "warning missing", path, error=NOT_THERE)
 
     def test_of_handing_over(self):
         entry = Mock(pw_dir="/srv", pw_name="alice")
@@ -104,14 +105,7 @@ class FindingsTest(unittest.TestCase):
             with patch.object(accounts, "mount_of", return_value=Mount("/", kind, set())):
                 found = accounts.account_hand_over(site, entry)
             values = {"path": "/srv", "kind": kind, "error": error}
-            self.assertEqual(found, finding("account.hand-over", "alice", outcome, **values))
-
-    @AS_ROOT
-    def test_of_confinement(self):
-        for kind in ("fuse.bindfs", "fuseblk", "nfs4"):
-            with patch.object(accounts, "mount_of", return_value=Mount("/", kind, set())):
-                why = accounts.why_not_confine("/usr")
-            self.assertEqual(why, f"'/usr' is on a file system of type '{kind}'")
+            self.judge(found, "account.hand-over", outcome, "alice", **values)
 
 
 class ThisMachineTest(DoctorTest):
@@ -155,15 +149,16 @@ def elf_file(needed=(), runpath="", rpath="", behind_the_end=()):
     strings = b"\0"
     entries = []
     wanted = [(1, name) for name in needed] + [(29, runpath), (15, rpath)]
-    for tag, text in [*wanted, (0, "end"), *((1, name) for name in behind_the_end)]:
+    further = [(1, name) for name in behind_the_end] or [(0, "end")]
+    for tag, text in [*wanted, *further]:
         if text:
             entries.append((tag, len(strings)))
             strings += text.encode() + b"\0"
     table_at = 64 + 2 * 56
-    size = 16 * (len(entries) + 1)
-    entries.insert(0, (5, table_at + size))
+    entries.insert(0, (5, table_at + 16 * (len(entries) + 1)))
     table = b"".join(struct.pack("<qQ", *entry) for entry in entries)
-    whole = table_at + size + len(strings)
+    size = len(table) - 16 * len(behind_the_end)
+    whole = table_at + len(table) + len(strings)
     header = b"\x7fELF\x02\x01\x01" + bytes(9)
     header += struct.pack("<HHIQQQIHHHHHH", 3, 62, 1, 0, 64, 0, 0, 64, 56, 2, 0, 0, 0)
     segments = struct.pack("<IIQQQQQQ", 1, 5, 0, 0, 0, whole, whole, 4096)

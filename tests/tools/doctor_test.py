@@ -25,7 +25,7 @@ from zancgi_doctor.catalogue import CHECKS, GROUPS, sentences
 from zancgi_doctor.checks import process
 from zancgi_doctor.children import NoResult, run_in_child
 from zancgi_doctor.cli import make_parser
-from zancgi_doctor.examination import run_job
+from zancgi_doctor.examination import chosen, run_job
 from zancgi_doctor.files import text_or_nothing
 from zancgi_doctor.findings import STATES, finding
 from zancgi_doctor.identities import Identity
@@ -508,6 +508,7 @@ class ChildrenTest(unittest.TestCase):
         self.assertEqual([each.state for each in found], ["ok", "unchecked"])
         message = "The rest could not be checked: Input/output error: '/x'."
         self.assertEqual((found[1].name, found[1].message), ("pam", message))
+        self.assertEqual(chosen(found, ["pam.library"]), found)
 
 
 class HostileTextTest(ServiceTest):

@@ -19,7 +19,7 @@ from request_support import RequestTest, given, run, run_program, start_program
 from processes import wait_for
 from zancgi_request.body import Body
 from zancgi_request.feeder import Channel, Feeder
-from zancgi_request.settings import Settings
+from zancgi_request.options import default_settings
 
 
 class VariablesTest(RequestTest):
@@ -183,7 +183,7 @@ class StandardInputTest(RequestTest):
                 channel = Channel(kind, body)
                 self.addCleanup(channel.hang_up)
                 self.addCleanup(channel.give_away)
-                Feeder(channel, body, Settings()).fill()
+                Feeder(channel, body, default_settings()).fill()
                 os.set_blocking(channel.stdin, False)
                 self.assertEqual(os.read(channel.stdin, 9), b"abc" if body else b"")
                 self.assertEqual(select.select([channel.stdin], [], [], 0)[0], [channel.stdin])

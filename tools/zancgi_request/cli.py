@@ -5,13 +5,13 @@ import sys
 
 from zancgi_request.exchange import adopt_orphans
 from zancgi_request.failures import Failure, Interrupted, Status, catch_signals
-from zancgi_request.options import parse_command_line
+from zancgi_request.options import default_settings, parse_command_line
 from zancgi_request.player import Player
-from zancgi_request.settings import NAME, Settings
+from zancgi_request.settings import NAME
 
 
 def main(arguments: list[str]) -> int:
-    settings = Settings()
+    settings = default_settings()
     # Where it is ignored, nobody is told how a child has ended.
     signal.signal(signal.SIGCHLD, signal.SIG_DFL)
     try:

@@ -224,10 +224,12 @@ class Jar:
 
     def __init__(self, settings: Settings):
         self.path = settings.cookie_jar
+        # As curl tells them apart. A file without a name makes a jar all the same.
+        files = [text for text in settings.cookies if "=" not in text]
         # As with curl: who names no file for them has none kept.
-        self.is_used = bool(self.path or settings.cookie_files)
+        self.is_used = bool(self.path or files)
         self.cookies: dict[CookieKey, Cookie] = {}
-        for path in filter(None, settings.cookie_files):
+        for path in filter(None, files):
             self._read(path)
 
     def _read(self, path: str) -> None:

@@ -129,4 +129,4 @@ def with_boundary(value: str, content_type: str) -> str:
 
 
 def own_cookies(settings: Settings) -> str:
-    return ";".join(settings.cookies)
+    return ";".join(text for text in settings.cookies if "=" in text)

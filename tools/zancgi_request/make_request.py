@@ -1,7 +1,7 @@
 """The request that is played, and those that redirects ask for."""
 
 import contextlib
-import dataclasses
+import copy
 import os
 import re
 import urllib.parse
@@ -127,7 +127,8 @@ def follow(settings: Settings, request: Request, head: Head, jar: Jar) -> Reques
         head.notes.append(f"{shown(location)} is not followed: it leads away from the program")
         return None
     method, body, content_type = request.method, request.body, request.content_type
-    settings = dataclasses.replace(settings, path_info="")
+    settings = copy.copy(settings)
+    settings.path_info = ""
     if settings.script_name:
         settings.script_name = request.script_name
     if settings.referer.endswith(";auto"):

@@ -10,10 +10,19 @@ from collections.abc import Callable
 from typing import Any, NoReturn
 
 from zancgi_request.failures import Status, misused
-from zancgi_request.settings import NAME, NAME_AND_VERSION, Settings, Store, is_written
+from zancgi_request.settings import NAME, NAME_AND_VERSION, Settings, is_written
 
 # Within what the system's timers can hold, in seconds.
 LONGEST_WAIT = 1e9
+
+
+@dataclasses.dataclass(frozen=True)
+class Field:
+    """Of the settings, and what comes of it when the option is given."""
+
+    name: str
+    change: Callable[[Any, str], Any]
+    default: Any
 
 
 @dataclasses.dataclass(frozen=True)
@@ -23,34 +32,23 @@ class Option:
     # What its value is called in the help; empty for an option without one.
     value: str
     help: str
-    store: Store
+    field: Field
 
 
-def keep(field: str, convert: Callable[[str], Any] = str) -> Store:
-    def store(settings: Settings, value: str) -> None:
-        setattr(settings, field, convert(value))
-
-    return store
+def keep(name: str, convert: Callable[[str], Any] = str, default: Any = "") -> Field:
+    return Field(name, lambda _, text: convert(text), default)
 
 
-def switch(field: str) -> Store:
-    return keep(field, lambda _: True)
+def switch(name: str) -> Field:
+    return Field(name, lambda *_: True, False)
 
 
-def append(field: str, convert: Callable[[str], Any] = str) -> Store:
-    def store(settings: Settings, value: str) -> None:
-        getattr(settings, field).append(convert(value))
-
-    return store
+def append(name: str, convert: Callable[[str], Any] = str) -> Field:
+    return Field(name, lambda before, text: [*before, convert(text)], [])
 
 
-def cookie(settings: Settings, value: str) -> None:
-    """As curl tells them apart. A file without a name makes a jar all the same."""
-    (settings.cookies if "=" in value else settings.cookie_files).append(value)
-
-
-def ignore(_settings: Settings, _value: str) -> None:
-    """What curl's option asks for is done anyway, or has no meaning here."""
+# What the option asks for curl is done anyway, or has no meaning here.
+IGNORED = switch("ignored")
 
 
 def number_from(least: float, convert: Callable[[str], Any]) -> Callable[[str], Any]:
@@ -113,8 +111,8 @@ def variable(text: str) -> str:
     return text if equals else f"{name}={os.environ.get(name, '')}"
 
 
-def append_to(field: str, option: str) -> Store:
-    return append(field, lambda value: (option, value))
+def append_to(name: str, option: str) -> Field:
+    return append(name, lambda value: (option, value))
 
 
 STDIN_KINDS = ("pipe", "socket", "file", "closed", "null")
@@ -123,15 +121,14 @@ SERVERS = ("rfc3875", "lighttpd", "apache", "nginx-fcgiwrap", "busybox")
 OPTIONS = (
     Option("request", "X", "METHOD", "use this method", keep("method")),
     Option("header", "H", "LINE", "add, change or (NAME:) remove a header", append("headers")),
-    Option("cookie", "b", "NAME=VALUE|FILE", "send a cookie, or those of a jar", cookie),
+    Option("cookie", "b", "NAME=VALUE|FILE", "send a cookie, or those of a jar", append("cookies")),
     Option("cookie-jar", "c", "FILE", "write all cookies to this jar", keep("cookie_jar")),
     Option("data", "d", "DATA", "POST this, or the lines of @FILE", append_to("data", "data")),
     Option("data-ascii", "", "DATA", "the same as --data", append_to("data", "data")),
     Option("data-binary", "", "DATA", "POST this, or @FILE as it is", append_to("data", "binary")),
     Option("data-raw", "", "DATA", "POST this, also when it begins with @",
            append_to("data", "raw")),
-    Option("data-urlencode", "", "DATA", "POST this URL-encoded",
-           append_to("data", "urlencode")),
+    Option("data-urlencode", "", "DATA", "POST this URL-encoded", append_to("data", "urlencode")),
     Option("json", "", "DATA", "POST this as JSON", append_to("data", "json")),
     Option("form", "F", "NAME=VALUE", "POST a form; @FILE uploads, <FILE reads",
            append_to("form", "form")),
@@ -142,44 +139,44 @@ OPTIONS = (
     Option("upload-file", "T", "FILE", "PUT this file; - is standard input", keep("upload")),
     Option("get", "G", "", "put --data into the query", switch("get")),
     Option("head", "I", "", "use HEAD, and print the header", switch("head")),
-    Option("user", "u", "USER:PASSWORD", "send them by Basic authentication", keep("user")),
-    Option("user-agent", "A", "NAME", "what the client calls itself", keep("agent")),
+    Option("user", "u", "USER:PASSWORD", "send them by Basic authentication",
+           keep("user", default=None)),
+    Option("user-agent", "A", "NAME", "what the client calls itself",
+           keep("agent", default=NAME_AND_VERSION)),
     Option("referer", "e", "URL", "the page that the client comes from", keep("referer")),
     Option("location", "L", "", "follow redirects within the program", switch("follow")),
     Option("max-redirs", "", "N", "follow so many at most (50)",
-           keep("most_redirects", number_from(0, int))),
+           keep("most_redirects", number_from(0, int), 50)),
     Option("include", "i", "", "print the answer's header too", switch("include")),
-    Option("output", "o", "FILE", "write the answer to a file", keep("output")),
+    Option("output", "o", "FILE", "write the answer to a file", keep("output", default="-")),
     Option("dump-header", "D", "FILE", "write the answer's header to a file", keep("dump_header")),
     Option("write-out", "w", "FORMAT", "print this when all is over", keep("write_out")),
     Option("silent", "s", "", "say nothing about what is wrong", switch("silent")),
     Option("show-error", "S", "", "with --silent, do say it", switch("show_error")),
     Option("verbose", "v", "", "show what goes to and fro", switch("verbose")),
     Option("fail", "f", "", "no body and status 22 from HTTP status 400 on", switch("fail")),
-    Option("max-time", "m", "SECONDS", "end it after so long",
-           keep("max_time", seconds)),
-    Option("globoff", "g", "", "accepted as curl's; URLs have no patterns here", ignore),
-    Option("no-buffer", "N", "", "accepted as curl's; nothing is held back", ignore),
+    Option("max-time", "m", "SECONDS", "end it after so long", keep("max_time", seconds, 0.0)),
+    Option("globoff", "g", "", "accepted as curl's; URLs have no patterns here", IGNORED),
+    Option("no-buffer", "N", "", "accepted as curl's; nothing is held back", IGNORED),
     Option("stdin", "", "KIND", "what standard input is: " + ", ".join(STDIN_KINDS),
            keep("stdin", one_of(*STDIN_KINDS))),
     Option("chunk", "", "SIZES", "bytes of each write, such as 1 or 3,7,65536",
-           keep("chunk", sizes)),
-    Option("pause", "", "MS", "wait so long between writes", keep("pause", milliseconds)),
-    Option("hold-open", "", "", "do not close standard input after the body",
-           switch("hold_open")),
+           keep("chunk", sizes, [])),
+    Option("pause", "", "MS", "wait so long between writes", keep("pause", milliseconds, 0.0)),
+    Option("hold-open", "", "", "do not close standard input after the body", switch("hold_open")),
     Option("content-length", "", "N|none", "the length to tell, whatever is sent",
-           keep("content_length")),
+           keep("content_length", default=None)),
     Option("abort-after", "", "N", "go away after so many bytes of the body",
-           keep("abort_after", number_from(0, int))),
+           keep("abort_after", number_from(0, int), None)),
     Option("abort-signal", "", "SIGNAL", "send this signal then, such as TERM",
-           keep("abort_signal", signal_number)),
+           keep("abort_signal", signal_number, 0)),
     Option("server", "", "KIND", "do as this one does: " + ", ".join(SERVERS),
-           keep("server", one_of(*SERVERS))),
-    Option("remote-addr", "", "ADDRESS", "the client's address", keep("remote_addr")),
+           keep("server", one_of(*SERVERS), SERVERS[0])),
+    Option("remote-addr", "", "ADDRESS", "the client's address",
+           keep("remote_addr", default="127.0.0.1")),
     Option("script-name", "", "PATH", "the part of the URL's path that is the program's",
            keep("script_name")),
-    Option("path-info", "", "PATH", "the part of the URL's path behind that",
-           keep("path_info")),
+    Option("path-info", "", "PATH", "the part of the URL's path behind that", keep("path_info")),
     Option("env", "", "NAME[=VALUE]", "set a variable, or take the caller's",
            append("environment", variable)),
     Option("unset", "", "NAME", "take a variable away", append("unset")),
@@ -187,13 +184,12 @@ OPTIONS = (
            append("environment", run_dir)),
     Option("log-level", "", "LEVEL", "what the library logs, 0 to 9 (TOV_LOG_LEVEL)",
            append("environment", assignment("TOV_LOG_LEVEL"))),
-    Option("keep-proxy-header", "", "", "let a header Proxy through",
-           switch("keep_proxy_header")),
+    Option("keep-proxy-header", "", "", "let a header Proxy through", switch("keep_proxy_header")),
     Option("debugger", "", "COMMAND", "run the program under this, such as 'gdb --args'",
-           keep("debugger", shlex.split)),
+           keep("debugger", shlex.split, [])),
     Option("valgrind", "", "", "run the program under valgrind", switch("valgrind")),
     Option("repeat", "", "N", "play it so many times, and tell how long it took",
-           keep("repeat", number_from(1, int))),
+           keep("repeat", number_from(1, int), 1)),
 )  # fmt: skip
 
 
@@ -205,6 +201,10 @@ def help_text() -> str:
         lines.append(f"  {name:<34} {option.help}")
     lines += ["", f"The manual, {NAME}(1), tells the rest.", ""]
     return "\n".join(lines)
+
+
+def default_settings() -> Settings:
+    return Settings(program="", url="/", **{o.field.name: o.field.default for o in OPTIONS})
 
 
 def print_and_leave(text: str) -> NoReturn:
@@ -221,7 +221,7 @@ def parse_command_line(arguments: list[str]) -> Settings:
         given, rest = getopt.gnu_getopt(arguments, letters, names)
     except getopt.GetoptError as error:
         misused(str(error))
-    settings = Settings()
+    settings = default_settings()
     for text, value in given:
         if text in ("-h", "--help"):
             print_and_leave(help_text())
@@ -236,8 +236,9 @@ def parse_command_line(arguments: list[str]) -> Settings:
 
 
 def store_option(settings: Settings, option: Option, text: str, value: str) -> None:
+    field = option.field
     try:
-        option.store(settings, value)
+        setattr(settings, field.name, field.change(getattr(settings, field.name), value))
     except ValueError:
         misused(f"{text} cannot be {value!r}: {option.help}")
 
