@@ -66,7 +66,8 @@ void ReportEnd() {
 
 int main(int argc, char** argv) {
   std::printf("Content-Type: text/plain\r\n\r\n");
-  std::for_each_n(argv, argc, [](char* text) { Report("argument", text); });
+  std::for_each_n(argv, argc,
+                  [](const char* text) { Report("argument", text); });
   Report("folder", fs::current_path().string());
   for (char** variable = environ; *variable != nullptr; ++variable) {
     Report("variable", *variable);

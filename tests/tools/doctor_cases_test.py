@@ -139,7 +139,9 @@ CASES = {
         anyone("", "ok", owner=user_name(os.geteuid())),
         anyone("chmod 777 run", "failure", unsafe="'~/run' is writable by everybody"),
         # In a sticky one as well, anybody can come before the back end.
-        anyone("chmod 1777 run", "failure", unsafe="'~/run' is writable by everybody"),
+        *(anyone("chmod 1777 run; mkdir run/sub", "failure", subject=subject,
+                 unsafe="'~/run' is writable by everybody")
+          for subject in ("~/run", "~/run/sub/..")),
         root("chown 0:$N run; chmod 775 run", "failure",
              unsafe=f"'~/run' is writable by group {group_name(STRANGER)}"),
         others("chmod 775 run", "failure",
@@ -214,10 +216,9 @@ CASES = {
         anyone("sockets 666 run/panel.sock; chmod 750 run", "ok"),
     ],
     "back-end.connect": [
-        anyone("", "unchecked name", subject=".panel"),
-        anyone("", "unchecked kind"),
-        anyone("ln -s none run/panel.sock", "unchecked kind"),
-        anyone("mkfifo run/panel.sock", "unchecked kind"),
+        *(anyone("", "unchecked name", subject=subject) for subject in ("", ".panel", "a/b")),
+        *(anyone(f"{make} run/panel.sock", "unchecked kind")
+          for make in (":", "ln -s none", "mkfifo", "touch", "mkdir")),
         anyone("sockets 660 run/panel.sock", "failure left"),
     ],
     "fcgi.kind": [
@@ -531,6 +532,9 @@ class CasesTest(DoctorTest):
         )  # fmt: skip
         if outcome is None:
             self.assertEqual(report.findings(check), [])
+            # Nor has anything kept the check from being made.
+            states = {found["state"] for found in report.checks}
+            self.assertLessEqual(states, {"skipped", "warning"})
             return
         values = {"user": OWN_NAME, "path": path.replace("@", subject), **values}
         values = {name: filled(value) for name, value in values.items()}

@@ -268,6 +268,7 @@ class BackEndTest(PanelTest):
         for head, error in (
             (b"99\r\n\r\n<doc/>", "it has 6 bytes, but announces 99"),
             (b"99\r\nX: y", "it has 0 bytes, but announces 99"),
+            (b"99\r\nX-Cut", "it has 0 bytes, but announces 99"),
             (b"many\r\n\r\n<doc/>", senseless),
             (b"-1\r\n\r\n<doc/>", senseless),
             (b"\r\n\r\n<doc/>", senseless),

@@ -64,20 +64,20 @@ class CommandLineTest(DoctorTest):
             self.assertEqual(report.status, 0)
 
     def test_usage_errors_end_with_3(self):
-        for arguments in (
-            ["--no-such-option"],
-            ["--timeout", "0"],
-            ["--timeout", "soon"],
-            ["--min-free", "lots"],
-            ["--pid", "0"],
-            ["--check", "run-dir.nothing"],
-            ["--session", "a b", "--service", "x"],
-            ["--session", "abc"],
-            ["--session", "abc", "--service", "x", "--service", "y"],
+        for *arguments, message in (
+            ("--no-such-option", "unrecognized arguments"),
+            ("--timeout", "0", "no number of seconds from 0 to 3600: 0"),
+            ("--timeout", "soon", "no number of seconds from 0 to 3600: soon"),
+            ("--min-free", "lots", "no size: lots"),
+            ("--pid", "0", "no process number: 0"),
+            ("--check", "run-dir.nothing", "no such check: run-dir.nothing"),
+            ("--session", "a b", "--service", "x", "has no blank or semicolon"),
+            ("--session", "abc", "name it with --service"),
+            ("--session", "abc", "--service", "x", "--service", "y", "name it with --service"),
         ):
             report = self.doctor(*arguments)
             self.assertEqual((report.status, report.output), (3, ""), arguments)
-            self.assertIn("zancgi-doctor: ", report.errors)
+            self.assertRegex(report.errors, f"zancgi-doctor: .*{message}")
 
     def test_unknown_users_and_groups_and_numbers_that_nobody_can_have(self):
         for text, error in (
@@ -388,7 +388,11 @@ class ProcessTest(DoctorTest):
         self.assertEqual(found, finding("process.streams", "process 7", "unchecked", error=DENIED))
 
     def test_streams_of_a_process(self):
-        for environment, outcome in (({}, "warning lost"), ({"TOV_LOG": "syslog"}, "ok")):
+        for environment, outcome in (
+            ({}, "warning lost"),
+            ({"TOV_LOG": "stderr"}, "warning lost"),
+            ({"TOV_LOG": "syslog"}, "ok"),
+        ):
             arguments, name = self.sleeper(stderr=subprocess.DEVNULL, env=environment)
             self.judge("streams", outcome, *arguments, subject=name)
 
@@ -434,9 +438,20 @@ class ProcessTest(DoctorTest):
                 self.judge("environment", outcome, *arguments, subject=name, variable=variable)
 
 
-class SyslogTest(DoctorTest):
+class LogTest(DoctorTest):
+    def test_is_not_touched(self):
+        """Standard error is the usual target."""
+        self.expect(self.examine("log.target"), "log.target", "ok stderr", "stderr")
+        path = self.folder / "log"
+        for text in (None, "", "A line.\n"):
+            if text is not None:
+                path.write_text(text)
+            report = self.examine("log", environment={"TOV_LOG": str(path)})
+            self.assertEqual(report.state("log.target"), "ok")
+            self.assertEqual(path.read_text() if path.exists() else None, text)
+
     @AS_ROOT
-    def test_target(self):
+    def test_syslog(self):
         dev = self.make_folder("dev")
         before = f"mount -t tmpfs none {dev}; " + (
             f"for d in null zero urandom full; do touch {dev}/$d; "

@@ -12,6 +12,7 @@ import subprocess
 import sys
 import time
 import unittest
+import zipfile
 
 from forked import Ended
 from request_support import AGES, ENVIRONMENT, LONG, MEGABYTE, PATH, PROBE, SOURCE, TOOL
@@ -156,6 +157,9 @@ class VersionTest(RequestTest):
             subprocess.run(pack, check=True)
             os.utime(self.folder, (0, 0))
         self.assertEqual(files[0].read_bytes(), files[1].read_bytes())
+        with zipfile.ZipFile(files[0]) as archive:
+            times = {entry.date_time for entry in archive.infolist()}
+        self.assertEqual(times, {(1980, 1, 1, 0, 0, 0)})
         done = subprocess.run([files[0], "-V"], capture_output=True, text=True, check=True)
         self.assertEqual(done.stdout, "zancgi-request 12.3.4\n")
 

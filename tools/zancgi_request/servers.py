@@ -262,7 +262,8 @@ class Busybox(Server):
         variables = super().body_variables(request)
         length = variables.pop("CONTENT_LENGTH", "0")
         if length != "0":
-            variables["CONTENT_LENGTH" if is_post(request) else "HTTP_CONTENT_LENGTH"] = length
+            is_post = request.method == "POST"
+            variables["CONTENT_LENGTH" if is_post else "HTTP_CONTENT_LENGTH"] = length
         return variables
 
     def trimmed(self, value: str) -> str:
@@ -270,10 +271,6 @@ class Busybox(Server):
 
     def joined(self, key: str, before: str | None, value: str) -> str:
         return value
-
-
-def is_post(request: Request) -> bool:
-    return request.method == "POST"
 
 
 SERVER_BY_NAME: dict[str, Server] = dict(
