@@ -114,7 +114,7 @@ for path in sys.argv[1:]: socket.socket(socket.AF_UNIX).bind(path)' "$@"
     chmod $mode "$@"
 }}
 
-# A file of so many bytes and hours.
+# A file of so many bytes, so many hours old.
 old() {{
     head -c $2 /dev/zero > $1
     touch -d "-$3 hours" $1

@@ -29,8 +29,8 @@ class Site(argparse.Namespace):
         return "failure missing" if self.has_rights else outcome
 
 
-def folder(site, say, path):
-    """The finding of a folder by its path alone."""
+def by_folder(site, say, path):
+    """The finding from the path of a folder alone."""
     if not path.startswith("/"):
         return say("failure relative")
     return by_kind(say, path, stat.S_ISDIR, site.hidden())

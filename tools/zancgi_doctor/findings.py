@@ -41,12 +41,13 @@ def by_access(say, error):
 
 
 def by_danger(say, unsafe, outcome="failure"):
-    """The finding of why something is in the wrong hands, which is empty if it is not."""
+    """The finding from the reason why something is unsafe, which is empty if it is safe."""
     return say(outcome if unsafe else "ok", unsafe=unsafe)
 
 
 def by_kind(say, path, is_kind, hidden="unchecked"):
-    """The finding of what lies at a path. It may be hidden from the caller alone."""
+    """The finding from what lies at a path. Hidden is the outcome if the caller may
+    not look there."""
     try:
         mode = os.stat(path).st_mode
     except OSError as error:

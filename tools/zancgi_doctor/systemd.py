@@ -8,7 +8,7 @@ import re
 from zancgi_doctor.files import text_or_nothing
 from zancgi_doctor.texts import quote
 
-# Where its configuration is, what counts most first. Rules are not looked for in the last.
+# Where its configuration is, in the order of precedence. Rules are not in the last.
 PLACES = ("/etc", "/run", "/usr/local/lib", "/usr/lib", "/lib")
 
 

@@ -4,7 +4,7 @@ they are, and who may connect."""
 import os
 import stat
 
-from zancgi_doctor.deployment import SUN_PATH_LIMIT, folder, name_error, socket_path
+from zancgi_doctor.deployment import SUN_PATH_LIMIT, by_folder, name_error, socket_path
 from zancgi_doctor.deployment import why_not_trust_folder, why_not_trust_link, why_not_trust_socket
 from zancgi_doctor.files import access_error, has_others, way_to
 from zancgi_doctor.findings import by_access, by_amount, by_danger, by_kind, finding, sayer
@@ -31,7 +31,7 @@ def check_run_dir(site):
 def run_dir_exists(site):
     path = site.run_dir
     say = sayer("run-dir.exists", path)
-    found = folder(site, say, path)
+    found = by_folder(site, say, path)
     if found.state != "ok":
         return found
     error = site.as_front_end(access_error, path, os.X_OK)

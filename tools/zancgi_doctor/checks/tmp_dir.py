@@ -6,7 +6,7 @@ import re
 import stat
 import time
 
-from zancgi_doctor.deployment import folder
+from zancgi_doctor.deployment import by_folder
 from zancgi_doctor.files import access_error, first_unsafe, has_others, read_text, way_to
 from zancgi_doctor.findings import by_access, by_amount, by_danger, finding, sayer
 from zancgi_doctor.identities import accounts_of_group
@@ -26,7 +26,7 @@ QUOTAS = {"usrquota", "grpquota", "prjquota", "usrjquota", "uquota", "gquota"}
 
 def check_tmp_dir(site):
     path = site.tmp_dir
-    exists = folder(site, sayer("tmp-dir.exists", path), path)
+    exists = by_folder(site, sayer("tmp-dir.exists", path), path)
     yield exists
     if exists.state != "ok":
         return
