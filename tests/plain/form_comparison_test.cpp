@@ -35,11 +35,12 @@ constexpr std::size_t kRandomForms = 100'000;
 #endif
 constexpr std::size_t kShards = 4;
 
-/// Runs a body in a child that has a folder for uploads.
+/// Runs a body in a child that has a folder for uploads, and the time for as
+/// many forms as somebody asks for.
 void InChild(const std::function<void(const std::string& folder)>& body) {
   const Scratch scratch(support::FastFolder());
   support::RunCleanly(
-      Child().LogLevel(0),
+      Child().LogLevel(0).TimeLimit(std::chrono::hours(1)),
       [&](const zan_cgi::testing::Reporter&) { body(scratch.Path()); });
 }
 
