@@ -62,7 +62,8 @@ def header_statements(header):
     text = re.sub(r"//[^\n]*", "", header.read_text())
     text = re.sub(r"^#(?:[^\n]*\\\n)*[^\n]*", "", text, flags=re.MULTILINE)
     for statement in statements(body(text[text.index("namespace zan_cgi") :])):
-        if not statement.lstrip().startswith("using "):
+        # Neither an alias nor a class that is only announced is for users.
+        if not re.match(r"\s*(using |(class|struct) \w+;)", statement):
             yield statement
 
 
@@ -113,6 +114,26 @@ def fixed_parts(text):
 def messages(page):
     for title in ("ERRORS", "DIAGNOSTICS"):
         yield from re.findall(r'^\.It [^\n]*Li "([^\n]*)"$', section(page, title), re.MULTILINE)
+
+
+def thrown_texts():
+    """The beginnings of the texts of exceptions."""
+    folder = SOURCE / "src" / "zancgi"
+    thrown = re.compile(
+        r'(?:runtime_error|FormError|AccountError|Refuse)\(\s*(?:\d+,\s*)?(?:std::string\(\s*)?'
+        rf"({LITERALS.pattern})"
+    )
+    for path in folder.glob("*.cpp"):
+        yield from thrown.findall(path.read_text())
+    # Its checks hand their texts on. The table after them has those of others.
+    checks, _, _ = (folder / "account.cpp").read_text().partition("kStatuses")
+    yield from (literal for literal in re.findall(r'"[^"\n]*"', checks) if " " in literal)
+
+
+def tells(message, text):
+    """Whether a message of a page is the text, or begins with it."""
+    pattern = ".*".join(map(re.escape, message.split("...")))
+    return message.startswith(text) or re.fullmatch(pattern, text)
 
 
 class ManualTest(unittest.TestCase):
@@ -206,18 +227,12 @@ class ManualTest(unittest.TestCase):
         self.assertGreater(len(shown), 40)
 
     def test_no_exception_is_left_out(self):
-        thrown = {
-            re.sub(r'"\s*"', "", literal)
-            for path in (SOURCE / "src" / "zancgi").glob("*.cpp")
-            for literal in re.findall(
-                r'runtime_error\(\s*(?:std::string\(\s*)?"((?:[^"]|"\s*")*)"', path.read_text()
-            )
-        }
-        self.assertGreater(len(thrown), 15)
+        thrown = {re.sub(r'"\s*"', "", literal)[1:-1] for literal in thrown_texts()}
+        self.assertGreater(len(thrown), 75)
         told = [message for page in PAGES.values() for message in messages(page)]
         for text in sorted(thrown - NEVER_THROWN):
             with self.subTest(text=text):
-                self.assertTrue(any(text in message for message in told))
+                self.assertTrue(any(tells(message, text) for message in told))
 
 
 if __name__ == "__main__":
