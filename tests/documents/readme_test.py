@@ -14,15 +14,47 @@ SOURCE = pathlib.Path(os.environ["SOURCE"])
 README = (SOURCE / "README.md").read_text()
 
 
+REFUSAL = b"<?xml version='1.0'?><doc><error type='access'/></doc>"
+ALICE = b"<?xml version='1.0'?><doc><user name='alice' level='1'/></doc>"
+
+
 class ReadmeTest(unittest.TestCase):
     def setUp(self):
         self.folder = self.enterContext(tempfile.TemporaryDirectory())
 
+    def test_the_program_lists_what_was_sent(self):
+        body = (
+            '--XY\r\nContent-Disposition: form-data; name="file"; filename="a&b"\r\n\r\n12345'
+            "\r\n--XY--\r\n"
+        )
+        environment = {
+            "REQUEST_METHOD": "POST",
+            "CONTENT_TYPE": "multipart/form-data; boundary=XY",
+            "CONTENT_LENGTH": str(len(body)),
+            "TMP": self.folder,
+            "TOV_RUN_DIR": self.folder,
+        }
+        expected = {
+            "same-origin": "<ul><li>a&amp;b, 5 bytes</ul><p>You are alice.",
+            "cross-site": "<p>This form came from another site.",
+        }
+        for site, page in expected.items():
+            with scripted_back_end(f"{self.folder}/panel.sock", lambda _: [ALICE]):
+                answer = subprocess.run(
+                    [os.environ["README_FRONT"]],
+                    env={**environment, "HTTP_SEC_FETCH_SITE": site},
+                    input=body,
+                    capture_output=True,
+                    text=True,
+                    timeout=60,
+                ).stdout
+            self.assertTrue(answer.endswith(page), answer)
+            self.assertEqual(os.listdir(self.folder), [])
+
     def test_the_program_refuses_a_stranger_as_anybody_else(self):
-        refusal = b"<?xml version='1.0'?><doc><error type='access'/></doc>"
         socket = f"{self.folder}/panel.sock"
         for method in ("GET", "HEAD"):
-            with scripted_back_end(socket, lambda _: [refusal]) as asked:
+            with scripted_back_end(socket, lambda _: [REFUSAL]) as asked:
                 answer = subprocess.run(
                     [os.environ["README_FRONT"]],
                     env={"REQUEST_METHOD": method, "TOV_RUN_DIR": self.folder},
@@ -30,11 +62,8 @@ class ReadmeTest(unittest.TestCase):
                     text=True,
                     timeout=60,
                 ).stdout
-            self.assertRegex(
-                answer,
-                r"\AStatus: 403 Forbidden\n(?s:.*)"
-                r"<p>You do not authorized for this operation\Z",
-            )
+            page = "" if method == "HEAD" else ".*<p>You do not authorized for this operation"
+            self.assertRegex(answer, rf"\AStatus: 403 Forbidden\n(?s:.*)\n\n{page}\Z")
             self.assertEqual(len(asked), 1, method)
 
     def test_the_program_answers_as_shown(self):
