@@ -14,7 +14,9 @@ OPERATION_PAGES = {name: path for name, path in PAGES.items() if name != "zancgi
 HEADER = SOURCE / "src" / "zancgi" / "zancgi.h"
 # Each class is shown whole. A page may show all functions of one of them, and
 # has its name then.
-OTHER_HEADERS = [HEADER.with_name(f"{name}.h") for name in ("account", "form", "request", "response")]
+OTHER_HEADERS = [
+    HEADER.with_name(f"{name}.h") for name in ("account", "form", "request", "response")
+]
 
 PAGES_OF_THE_SYSTEM = {
     "alarm(2)", "capabilities(7)", "chroot(2)", "getgrouplist(3)", "initgroups(3)", "malloc(3)",
