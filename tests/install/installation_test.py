@@ -297,7 +297,7 @@ class FrontEndTest(InstallTest):
     def assert_works(self, program):
         self.assertIn("You are alice.", self.answer_of_back_end_to(program))
         refused = self.answer(program, self.folder)
-        self.assertIn("403 Forbidden", refused)
+        self.assertIn("502 Bad Gateway", refused)
         self.assertIn("panel.sock", refused)
 
     def answer_of_back_end_to(self, program):
