@@ -31,6 +31,8 @@ LOWEST_STANDARD = "11"
 FRAGMENT = """\
 #include <stdlib.h>
 #include <unistd.h>
+#include <zancgi/account.h>
+#include <zancgi/response.h>
 #include <zancgi/zancgi.h>
 
 #include <cstdio>
