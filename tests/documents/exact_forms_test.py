@@ -130,6 +130,7 @@ def matters_of_taste():
     yield "Two uploads", [(files(upload(b"u", b"f", b"1") + upload(b"v", b"f", b"1")), A_FILE * 2)]
     yield "`--`, the boundary and", [
         (fields(headed(FIELD, b"A\r\n--XYZ")), 400),
+        (fields(headed(FIELD, b"A\r\n--XYZ: 1\r\n" + FIELD + b"\r\n\r\nB")), 400),
         (fields(headed(FIELD, b"A --XYZ")), title(b"A --XYZ")),
     ]
     whole = headed(FIELD)
