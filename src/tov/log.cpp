@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
 #include <stdarg.h>
 #include <stdlib.h>
 #include <sys/socket.h>
@@ -18,7 +17,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <initializer_list>
 #include <string_view>
 
 #include "../common/scoped_signal_block.h"

@@ -1,5 +1,6 @@
 #include <zancgi/account.h>
 #include <zancgi/form.h>
+#include <zancgi/zancgi.h>
 
 #include <tov/err.h>
 
@@ -16,10 +17,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <iterator>
+#include <map>
 #include <memory>
 #include <new>
 #include <optional>
 #include <string_view>
+#include <type_traits>
 #include <typeinfo>
 #include <utility>
 #include <vector>

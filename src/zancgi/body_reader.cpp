@@ -14,6 +14,7 @@
 #include <limits>
 #include <string>
 #include <system_error>
+#include <utility>
 
 namespace zan_cgi {
 namespace {

@@ -1,4 +1,5 @@
 #include <zancgi/form.h>
+#include <zancgi/zancgi.h>
 
 #include <tov/env.h>
 
@@ -6,6 +7,8 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <string_view>
+#include <type_traits>
 #include <utility>
 
 #include "body_reader.h"
@@ -15,6 +18,7 @@
 #include "header_words.h"
 #include "http_text.h"
 #include "multipart.h"
+#include "upload_spool.h"
 #include "urlencoded_form.h"
 
 namespace zan_cgi {
@@ -172,6 +176,7 @@ auto ReadOrDrain(int idle, const Function& read) {
 
 Form::Form(Cgi& cgi) : Form(cgi, Limits()) {}
 
+// cppcheck-suppress constParameter  ; it answers from the form afterwards
 Form::Form(Cgi& cgi, const Limits& limits) {
   Cgi::Data& request = *cgi.data_;
   if (request.parsed) {

@@ -1,7 +1,11 @@
 #include "form_contents.h"
 
+#include <zancgi/form.h>
+#include <zancgi/zancgi.h>
+
 #include <cstddef>
 #include <map>
+#include <memory>
 #include <string>
 #include <utility>
 

@@ -1,5 +1,8 @@
 #include <zancgi/form.h>
 
+#include <stdexcept>
+#include <string>
+
 namespace zan_cgi {
 
 FormError::FormError(int status, const std::string& message)

@@ -4,6 +4,7 @@
 #include <array>
 
 #include "hex_digit.h"
+#include "http_text.h"
 #include "utf8.h"
 
 namespace zan_cgi {

@@ -1,11 +1,20 @@
 #include "multipart.h"
 
+#include <zancgi/form.h>
+
 #include <algorithm>
+#include <cstdint>
+#include <initializer_list>
 #include <optional>
+#include <type_traits>
 #include <utility>
 
+#include "body_reader.h"
+#include "form_collector.h"
 #include "header_words.h"
 #include "http_text.h"
+#include "marker_search.h"
+#include "upload_spool.h"
 
 namespace zan_cgi {
 namespace {

@@ -4,7 +4,6 @@
 #define ZANCGI_MULTIPART_H
 
 #include <cstddef>
-#include <cstdint>
 #include <string>
 #include <string_view>
 

@@ -5,12 +5,13 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <utility>
 
+#include "../common/scoped_signal_block.h"
 #include "descriptor.h"
 
 namespace zan_cgi {

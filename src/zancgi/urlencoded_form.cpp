@@ -1,6 +1,7 @@
 #include "urlencoded_form.h"
 
 #include "../common/url_decoder.h"
+#include "form_collector.h"
 
 namespace zan_cgi {
 namespace {

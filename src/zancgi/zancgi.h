@@ -48,8 +48,6 @@ struct pam_response;
 
 namespace zan_cgi {
 
-class Form;
-
 /// One request: its parameters, cookies and uploads, its conversation with the
 /// back-end service, and its authorization.
 ///

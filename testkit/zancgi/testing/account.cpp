@@ -1,16 +1,15 @@
 #include <zancgi/testing/account.h>
 
-#include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <zancgi/testing/identity.h>
+#include <zancgi/testing/scratch.h>
 
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
 
 #include "mount.h"

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <zancgi/testing/form.h>
 #include <zancgi/testing/request.h>
 #include <zancgi/testing/scratch.h>
 
@@ -15,6 +16,7 @@
 #include <cstring>
 #include <memory>
 #include <stdexcept>
+#include <type_traits>
 
 #include "system.h"
 

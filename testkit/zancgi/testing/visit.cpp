@@ -2,10 +2,16 @@
 
 #include <strings.h>
 #include <time.h>
+#include <zancgi/testing/form.h>
+#include <zancgi/testing/program.h>
+#include <zancgi/testing/request.h>
+#include <zancgi/testing/response.h>
 
 #include <algorithm>
-#include <cstddef>
+#include <compare>
 #include <cstdlib>
+#include <map>
+#include <memory>
 #include <tuple>
 #include <utility>
 
