@@ -1,0 +1,348 @@
+// What a form gives to the request that it is read from, how long both keep
+// its files, and wrong use.
+
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+#include <zancgi/form.h>
+#include <zancgi/testing/backend.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/input.h>
+#include <zancgi/testing/scratch.h>
+#include <zancgi/zancgi.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/clean_run.h"
+#include "support/form.h"
+#include "support/refusal.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using support::Field;
+using support::kFormEnd;
+using support::Refusal;
+using support::RefusalOf;
+using support::RunCleanly;
+using support::Upload;
+using zan_cgi::Cgi;
+using zan_cgi::Form;
+using zan_cgi::testing::Answer;
+using zan_cgi::testing::Backend;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Input;
+using zan_cgi::testing::Outcome;
+using zan_cgi::testing::ReadFile;
+using zan_cgi::testing::Reporter;
+using zan_cgi::testing::Scratch;
+using Strings = std::vector<std::string>;
+
+const char kTwice[] =
+    "the input has been parsed already: make the Form, once, before anything "
+    "asks for parameters or uploads";
+
+/// Serves a POST of this body in a child whose uploads go to a folder of its
+/// own, which must be empty afterwards. Returns what was logged.
+Outcome Serve(const std::string& body,
+              const std::function<void(Cgi& cgi)>& work,
+              Child child = Child()) {
+  const Scratch spool;
+  const Input input = Input::Pipe(body);
+  const std::size_t length = std::min(body.size(), body.find("unread"));
+  child.Env("REQUEST_METHOD", "POST")
+      .Env("CONTENT_TYPE", support::kForm)
+      .Env("CONTENT_LENGTH", std::to_string(length))
+      .StandardInput(input);
+  Outcome outcome = RunCleanly(child, [&](const Reporter&) {
+    Cgi cgi("/bin/front", "backend");
+    cgi.SetTmpDir(spool.Path());
+    work(cgi);
+  });
+  EXPECT_EQ(spool.List(), Strings{});
+  return outcome;
+}
+
+Strings ParamsOf(const Cgi& cgi) {
+  Strings names = {"old"};
+  cgi.GetParams(names);
+  return names;
+}
+
+Strings FilesOf(const Cgi& cgi) {
+  Strings names = {"old"};
+  cgi.GetFileNames(names);
+  return names;
+}
+
+TEST(CgiAfterAForm, AnswersFromIt) {
+  Serve(Field("b", "1") + Upload("u", "f.txt", "one") + Field("a", "2") +
+            Field("b", "3") + Upload("v", "g.txt", "three") + Field("b", "") +
+            kFormEnd,
+        [](Cgi& cgi) {
+          const Form form(cgi);
+          EXPECT_EQ(cgi.Param("b"), "1, 3, ");
+          EXPECT_EQ(cgi.Param("a"), "2");
+          EXPECT_EQ(cgi.Param("u"), "f.txt");
+          EXPECT_EQ(cgi.Param("v"), "g.txt");
+          EXPECT_EQ(cgi.Param("missing"), "");
+          EXPECT_EQ(ParamsOf(cgi), (Strings{"a", "b", "u", "v"}));
+          EXPECT_EQ(FilesOf(cgi), (Strings{"f.txt", "g.txt"}));
+          EXPECT_EQ(cgi.GetFileSize(), 8);
+          EXPECT_EQ(ReadFile(cgi.File("f.txt")), "one");
+          EXPECT_EQ(ReadFile(cgi.File("g.txt")), "three");
+          EXPECT_EQ(cgi.File("u"), "");
+        });
+}
+
+// Each of them may be the first to ask.
+TEST(CgiAfterAForm, AnswersEachFirstQuestion) {
+  const std::pair<const char*, std::function<void(Cgi & cgi)>> rows[] = {
+      {"Param", [](Cgi& cgi) { EXPECT_EQ(cgi.Param("a"), "1"); }},
+      {"GetParams",
+       [](Cgi& cgi) {
+         EXPECT_EQ(ParamsOf(cgi), (Strings{"a", "u"}));
+       }},
+      {"GetFileNames", [](Cgi& cgi) { EXPECT_EQ(FilesOf(cgi), Strings{"f"}); }},
+      {"GetFileSize", [](Cgi& cgi) { EXPECT_EQ(cgi.GetFileSize(), 3); }},
+      {"File", [](Cgi& cgi) { EXPECT_EQ(ReadFile(cgi.File("f")), "one"); }},
+  };
+  for (const auto& [name, ask] : rows) {
+    SCOPED_TRACE(name);
+    Serve(Field("a", "1") + Upload("u", "f", "one") + kFormEnd,
+          [ask = ask](Cgi& cgi) {
+            Cgi copy = cgi;
+            { const Form form(cgi); }
+            ask(copy);
+          });
+  }
+}
+
+TEST(CgiAfterAForm, OnlyWarnsWhenItIsToParse) {
+  const Outcome outcome = Serve(Field("a", "1") + kFormEnd, [](Cgi& cgi) {
+    const Form form(cgi);
+    cgi.ParseQuery();
+    EXPECT_EQ(cgi.Param("a"), "1");
+  });
+  EXPECT_EQ(outcome.Logged(4), Strings{"CGI already parsed input"});
+}
+
+TEST(CgiAfterAForm, FindsTheSessionInAField) {
+  for (const auto method :
+       {Cgi::AuthInfo::AuthParams, Cgi::AuthInfo::AuthAny}) {
+    SCOPED_TRACE(method);
+    Backend backend;
+    backend.Then(Answer(R"(<doc><user name="a" level="1"/></doc>)"))
+        .Then(Answer("x"));
+    Serve(
+        Field("auth", "session") + Field("sfrom", "1") + Field("sfrom", "2") +
+            kFormEnd,
+        [method](Cgi& cgi) {
+          const Form form(cgi);
+          cgi.Authorize(method);
+          EXPECT_EQ(cgi.auth().auth, "session");
+          EXPECT_EQ(cgi.auth().method, Cgi::AuthInfo::AuthParams);
+          cgi.Query("func=list");
+        },
+        Child().With(backend));
+    ASSERT_EQ(backend.Queries().size(), 2U);
+    EXPECT_EQ(backend.Queries()[0].Item("auth"), "session");
+    EXPECT_EQ(backend.Queries()[1]["QUERY_STRING"],
+              "func=list&out=xml&auth=session&sfrom=1, 2");
+  }
+}
+
+TEST(CgiAfterAForm, SendsWhereItCameFromWithTheFirstQuery) {
+  Backend backend;
+  backend.Then(Answer("x"));
+  Serve(
+      Field("sfrom", "here") + kFormEnd,
+      [](Cgi& cgi) {
+        const Form form(cgi);
+        cgi.Query("func=list");
+      },
+      Child().With(backend));
+  EXPECT_EQ(backend.Queries().at(0)["QUERY_STRING"],
+            "func=list&out=xml&sfrom=here");
+}
+
+TEST(UploadsOfOneName, StayBothUnderNamesOfTheirOwn) {
+  const std::pair<Strings, Strings> rows[] = {
+      {{"a", "b"}, {"a", "b"}},
+      {{"a", "a"}, {"a", "a (2)"}},
+      {{"a", "a", "a"}, {"a", "a (2)", "a (3)"}},
+      {{"a (2)", "a", "a"}, {"a (2)", "a", "a (3)"}},
+      {{"a", "a (2)", "a"}, {"a", "a (2)", "a (3)"}},
+      {{"a", "a", "a (2)"}, {"a", "a (2)", "a (2) (2)"}},
+      {{"", "", "a", ""}, {"", " (2)", "a", " (3)"}},
+  };
+  for (const auto& [names, keys] : rows) {
+    SCOPED_TRACE(testing::PrintToString(names));
+    std::string body;
+    for (std::size_t i = 0; i < names.size(); ++i) {
+      body += Upload("u", names[i], std::string(i + 1, 'x'));
+    }
+    Serve(body + kFormEnd, [&, keys = keys, names = names](Cgi& cgi) {
+      const Form form(cgi);
+      ASSERT_EQ(form.uploads().size(), names.size());
+      std::string joined;
+      for (std::size_t i = 0; i < keys.size(); ++i) {
+        const Form::Upload& upload = form.uploads()[i];
+        EXPECT_EQ(upload.name, names[i]);
+        EXPECT_EQ(upload.size, static_cast<std::int64_t>(i + 1));
+        EXPECT_EQ(ReadFile(form.Path(upload)), std::string(i + 1, 'x'));
+        EXPECT_EQ(cgi.File(keys[i]), form.Path(upload));
+        joined += (i > 0 ? ", " : "") + keys[i];
+      }
+      EXPECT_EQ(cgi.Param("u"), joined);
+      Strings sorted = keys;
+      std::sort(sorted.begin(), sorted.end());
+      EXPECT_EQ(FilesOf(cgi), sorted);
+      EXPECT_EQ(cgi.GetFileSize(),
+                static_cast<std::int64_t>(keys.size() * (keys.size() + 1) / 2));
+    });
+  }
+}
+
+TEST(Path, IsThatOfTheUploadItself) {
+  Serve(Upload("u", "f", "one") + Upload("u", "f", "two") + kFormEnd,
+        [](Cgi& cgi) {
+          const Form form(cgi);
+          const Form copy = form;
+          const Form::Upload& second = form.uploads().at(1);
+          EXPECT_EQ(ReadFile(form.Path(second)), "two");
+          EXPECT_EQ(copy.Path(copy.uploads().at(1)), form.Path(second));
+          // The two are alike, so a copy of the second means the first.
+          const Form::Upload alike = second;
+          EXPECT_EQ(form.Path(alike), form.Path(form.uploads().at(0)));
+        });
+}
+
+TEST(Path, OfWhatIsNotOfTheFormIsRefused) {
+  const std::pair<const char*, std::function<void(Form::Upload & upload)>>
+      changes[] = {
+          {"field", [](Form::Upload& upload) { upload.field = "v"; }},
+          {"name", [](Form::Upload& upload) { upload.name = "g"; }},
+          {"type", [](Form::Upload& upload) { upload.type = "text/html"; }},
+          {"size", [](Form::Upload& upload) { ++upload.size; }},
+          {"everything", [](Form::Upload& upload) { upload = {}; }},
+      };
+  Serve(Upload("u", "f", "one") + kFormEnd, [&](Cgi& cgi) {
+    const Form form(cgi);
+    for (const auto& [name, change] : changes) {
+      SCOPED_TRACE(name);
+      Form::Upload upload = form.uploads().at(0);
+      EXPECT_EQ(form.Path(upload), cgi.File("f"));
+      change(upload);
+      EXPECT_THROW(static_cast<void>(form.Path(upload)), std::invalid_argument);
+    }
+  });
+}
+
+TEST(Files, StayAsLongAsOneOfAllCopiesOfTheCgiAndTheForm) {
+  std::vector<int> order = {0, 1, 2, 3};
+  do {
+    SCOPED_TRACE(testing::PrintToString(order));
+    Serve(Upload("u", "f", "one") + Upload("u", "f", "two") + kFormEnd,
+          [&order](Cgi& given) {
+            std::optional<Cgi> cgi[2];
+            std::optional<Form> form[2];
+            cgi[0] = cgi[1] = given;
+            given = Cgi("/bin/front", "");
+            form[0].emplace(*cgi[0]);
+            form[1] = form[0];
+            const std::string first = form[0]->Path(form[0]->uploads().at(0));
+            const std::string second = form[0]->Path(form[0]->uploads().at(1));
+            for (const int one : order) {
+              EXPECT_TRUE(fs::exists(first) && fs::exists(second));
+              if (one < 2) {
+                cgi[one].reset();
+              } else {
+                form[one - 2].reset();
+              }
+            }
+            EXPECT_FALSE(fs::exists(first) || fs::exists(second));
+          });
+  } while (std::next_permutation(order.begin(), order.end()));
+}
+
+TEST(SecondReading, IsRefusedAndSaysWhatToDo) {
+  const std::pair<const char*, std::function<void(Cgi & cgi)>> rows[] = {
+      {"Form", [](Cgi& cgi) { const Form form(cgi); }},
+      {"Form of a copy",
+       [](Cgi& cgi) {
+         Cgi copy = cgi;
+         const Form form(copy);
+       }},
+      {"Param", [](Cgi& cgi) { cgi.Param("a"); }},
+      {"ParseQuery", [](Cgi& cgi) { cgi.ParseQuery(); }},
+      {"GetParams", [](Cgi& cgi) { ParamsOf(cgi); }},
+      {"GetFileNames", [](Cgi& cgi) { FilesOf(cgi); }},
+      {"GetFileSize", [](Cgi& cgi) { cgi.GetFileSize(); }},
+  };
+  for (const auto& [name, first] : rows) {
+    SCOPED_TRACE(name);
+    Serve(Field("a", "1") + Upload("u", "f", "one") + kFormEnd,
+          [first = first](Cgi& cgi) {
+            first(cgi);
+            try {
+              const Form form(cgi);
+              ADD_FAILURE() << "not refused";
+            } catch (const std::logic_error& error) {
+              EXPECT_STREQ(error.what(), kTwice);
+            }
+            // What the first one has read is still there.
+            EXPECT_EQ(cgi.Param("a"), "1");
+            EXPECT_EQ(ReadFile(cgi.File("f")), "one");
+          });
+  }
+}
+
+std::size_t BytesUnread() {
+  int count = 0;
+  ::ioctl(STDIN_FILENO, FIONREAD, &count);
+  return static_cast<std::size_t>(count);
+}
+
+TEST(RefusedForm, LeavesARequestWithoutParametersAndFiles) {
+  const std::pair<const char*, std::string> rows[] = {
+      {"in its middle",
+       Field("a", "1") + Upload("u", "f", "one") + "--XYmore\r\n" + kFormEnd},
+      {"at its end", Field("a", "1") + Upload("u", "f", "one")},
+  };
+  for (const auto& [name, body] : rows) {
+    SCOPED_TRACE(name);
+    Serve(body + "unread", [](Cgi& cgi) {
+      EXPECT_EQ(RefusalOf([&] { const Form form(cgi); }).status, 400);
+      EXPECT_EQ(BytesUnread(), 6U);
+      EXPECT_EQ(cgi.Param("a"), "");
+      EXPECT_EQ(ParamsOf(cgi), Strings{});
+      EXPECT_EQ(FilesOf(cgi), Strings{});
+      EXPECT_EQ(cgi.GetFileSize(), 0);
+      EXPECT_EQ(cgi.File("f"), "");
+      cgi.ParseQuery();
+      EXPECT_THROW(const Form form(cgi), std::logic_error);
+      EXPECT_EQ(BytesUnread(), 6U);
+    });
+  }
+}
+
+TEST(FormError, IsCopiedWithItsStatusAndText) {
+  const zan_cgi::FormError error(413, "too long");
+  const zan_cgi::FormError copy = error;
+  zan_cgi::FormError assigned(400, "other");
+  assigned = copy;
+  EXPECT_EQ(assigned.status(), 413);
+  EXPECT_STREQ(assigned.what(), "too long");
+}
+
+}  // namespace
