@@ -75,6 +75,12 @@ extern "C" int mkostemp(char* name, int flags) {
   return Pass<int>("mkostemp", name, name, flags);
 }
 
+extern "C" int mkstemp(char* name) { return Pass<int>("mkstemp", name, name); }
+
+extern "C" int access(const char* name, int type) noexcept {
+  return Pass<int>("access", name, name, type);
+}
+
 extern "C" int lstat(const char* file, struct stat* buf) noexcept {
   return Pass<int>("lstat", file, file, buf);
 }

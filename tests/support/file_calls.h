@@ -8,14 +8,16 @@
 #define ZANCGI_TESTS_SUPPORT_FILE_CALLS_H
 
 #include <functional>
-#include <string>
+#include <string_view>
 
 namespace support {
 
+/// Takes no memory, which may be what is short. Its texts last as long as the
+/// call.
 struct FileCall {
   /// Such as "renameat2"; "O_TMPFILE" for open(2) of a file without a name.
-  std::string name;
-  std::string path;  ///< The first one; empty for a call on a descriptor.
+  std::string_view name;
+  std::string_view path;  ///< The first one; empty for a call on a descriptor.
 };
 
 /// Told of a call before it is made. Returns 0 to let it be made, or else the

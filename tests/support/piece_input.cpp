@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/ioctl.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -11,6 +10,7 @@
 #include <utility>
 
 #include "support/system_calls.h"
+#include "support/unread.h"
 
 namespace support {
 namespace {
@@ -82,11 +82,7 @@ void PieceInput::WritePiece() {
 
 int PieceInput::SignalsHandled() { return signals_handled; }
 
-std::size_t PieceInput::BytesUnread() const {
-  int count = 0;
-  ::ioctl(STDIN_FILENO, FIONREAD, &count);
-  return static_cast<std::size_t>(count);
-}
+std::size_t PieceInput::BytesUnread() const { return support::BytesUnread(); }
 
 std::vector<std::string> CutInto(const std::string& text, std::size_t size) {
   std::vector<std::string> pieces;

@@ -19,6 +19,7 @@
 #include <functional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -363,7 +364,7 @@ TEST_P(CopyingMove, HasItsFilesForItself) {
           [&](const FileCall& call) {
             // The call that moves a fresh descriptor to where it may be.
             if (call.name == "fcntl") return 0;
-            SCOPED_TRACE("before " + call.name);
+            SCOPED_TRACE("before " + std::string(call.name));
             const std::set<int> now = OpenDescriptors();
             most = std::max(most, now.size() - before.size());
             for (const int descriptor : now) {

@@ -1,6 +1,6 @@
 // One fault after the other: each allocation and each call of the system that
-// the parse of a form makes, and each allocation of a hand-over and of an
-// authorization. Nothing may be left behind, and nobody authorized.
+// a parse of a form makes, by either parser, and each allocation of a hand-over
+// and of an authorization. Nothing may be left behind, and nobody authorized.
 
 #include <grp.h>
 #include <gtest/gtest.h>
@@ -8,6 +8,7 @@
 #include <tov/proc.h>
 #include <unistd.h>
 #include <zancgi/account.h>
+#include <zancgi/form.h>
 #include <zancgi/testing/child.h>
 #include <zancgi/testing/identity.h>
 #include <zancgi/testing/input.h>
@@ -23,9 +24,11 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -44,6 +47,7 @@ using support::FileCall;
 using support::Owners;
 using support::Shortage;
 using zan_cgi::Cgi;
+using zan_cgi::Form;
 using zan_cgi::testing::Answer;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::Input;
@@ -85,7 +89,7 @@ Faults FailingCall(std::size_t number, int error) {
   return [=](const Work& work, const Reporter& report) {
     std::size_t count = 0;
     support::WatchFileCalls([&](const FileCall& call) {
-      if (++count == number) report("failed call", call.name);
+      if (++count == number) report("failed call", std::string(call.name));
       return count == number ? error : 0;
     });
     const std::exception_ptr failure = FailureOf(work);
@@ -93,6 +97,12 @@ Faults FailingCall(std::size_t number, int error) {
     report("calls", std::to_string(count));
     return failure;
   };
+}
+
+/// Whether what has failed is the removal of a file, which then stays.
+bool IsRemoval(const Outcome& outcome) {
+  const auto failed = outcome.reported.find("failed call");
+  return failed != outcome.reported.end() && failed->second == "unlink";
 }
 
 /// All that is known of how a child has ended, for failed expectations.
@@ -214,11 +224,7 @@ class EachFaultOfAParse : public testing::Test {
     for (const std::string& name : left) {
       std::filesystem::remove(spool_ / name);
     }
-    // What failed may have been the removal of the file that was replaced.
-    const auto failed = outcome.reported.find("failed call");
-    const bool is_removal =
-        failed != outcome.reported.end() && failed->second == "unlink";
-    EXPECT_EQ(left.size(), is_removal ? 1U : 0U) << Described(outcome);
+    EXPECT_EQ(left.size(), IsRemoval(outcome) ? 1U : 0U) << Described(outcome);
   }
 
   Scratch spool_;
@@ -244,6 +250,167 @@ TEST_F(EachFaultOfAParse, InItsCallsLeavesNothingBehind) {
     // The upload's file is moved to a higher descriptor then.
     MeetEach(failing_call, [&](const Faults& faults) {
       return Parse(faults, Child().LogLevel(0).Closed(1).Closed(2));
+    });
+  }
+}
+
+/// A form, and what stands in the way of files without names.
+struct FormRequest {
+  std::string name;
+  std::string type;
+  std::string body;
+  /// With which error they cannot be made; 0 when they can.
+  int unnamed_error = 0;
+};
+
+void PrintTo(const FormRequest& request, std::ostream* out) {
+  *out << request.name;
+}
+
+const std::string kMultipart =
+    support::Field(kField, "a value that is long enough") +
+    support::Upload("picture", kFirst, kLong) +
+    support::Upload("picture", kFirst, "second") + support::kFormEnd;
+
+const std::vector<FormRequest> kFormRequests = {
+    {"Multipart", support::kForm, kMultipart},
+    {"MultipartIntoNamedFiles", support::kForm, kMultipart, EOPNOTSUPP},
+    // Long enough for several reads.
+    {"Encoded", "application/x-www-form-urlencoded",
+     "a+field+with+a+name+that+is+long=a+value+that+is+long+enough&b=" + kLong +
+         kLong + kLong},
+};
+
+std::string NameOf(const testing::TestParamInfo<FormRequest>& request) {
+  return request.param.name;
+}
+
+class EachFaultOfAForm : public testing::TestWithParam<FormRequest> {
+ protected:
+  /// Reads the form and asks for a parameter. Expects that nothing is left.
+  Outcome Read(const Faults& faults, Child child = Child()) const {
+    const FormRequest& request = GetParam();
+    const Input input = Input::File(request.body);
+    child.Env("REQUEST_METHOD", "POST")
+        .Env("CONTENT_TYPE", request.type)
+        .Env("CONTENT_LENGTH", std::to_string(request.body.size()))
+        .StandardInput(input);
+    Outcome outcome = child.Run([&](const Reporter& report) {
+      std::exception_ptr failure;
+      {
+        Cgi cgi("/bin/front", "");
+        cgi.SetTmpDir(spool_.Path());
+        std::optional<Form> form;
+        failure = faults(
+            [&] {
+              form.emplace(cgi);
+              cgi.Param(kField);
+            },
+            report);
+        ExpectAllOrNothing(form, cgi);
+      }
+      if (failure) std::rethrow_exception(failure);
+    });
+    EXPECT_TRUE(outcome.error_type.empty() ||
+                outcome.error_type == "std::bad_alloc" ||
+                outcome.error_type == "zan_cgi::FormError")
+        << Described(outcome);
+    ExpectNothingLeft(outcome);
+    return outcome;
+  }
+
+  /// Faults of the calls, beside the one that the request brings along.
+  Faults Failing(std::size_t number, int error) const {
+    return [=, unnamed_error = GetParam().unnamed_error](
+               const Work& work, const Reporter& report) {
+      std::size_t count = 0;
+      support::WatchFileCalls([&](const FileCall& call) {
+        if (call.name == "O_TMPFILE" && unnamed_error != 0) {
+          return unnamed_error;
+        }
+        if (++count == number) report("failed call", std::string(call.name));
+        return count == number ? error : 0;
+      });
+      const std::exception_ptr failure = FailureOf(work);
+      support::WatchFileCalls(nullptr);
+      report("calls", std::to_string(count));
+      return failure;
+    };
+  }
+
+ private:
+  static void ExpectAllOrNothing(const std::optional<Form>& form, Cgi& cgi) {
+    Strings params;
+    cgi.GetParams(params);
+    Strings files;
+    cgi.GetFileNames(files);
+    if (!form) {
+      EXPECT_EQ(params, Strings{});
+      EXPECT_EQ(files, Strings{});
+      return;
+    }
+    EXPECT_EQ(form->Value(kField), "a value that is long enough");
+    EXPECT_EQ(cgi.Param(kField), "a value that is long enough");
+    if (form->uploads().empty()) {
+      EXPECT_EQ(params, (Strings{kField, "b"}));
+      EXPECT_EQ(form->Value("b").size(), 3 * kLong.size());
+      return;
+    }
+    EXPECT_EQ(params, (Strings{kField, "picture"}));
+    EXPECT_EQ(files, (Strings{kFirst, kFirst + " (2)"}));
+    EXPECT_EQ(cgi.Param("picture"), kFirst + ", " + kFirst + " (2)");
+    EXPECT_TRUE(ReadFile(cgi.File(kFirst)) == kLong);
+    EXPECT_EQ(ReadFile(cgi.File(kFirst + " (2)")), "second");
+  }
+
+  void ExpectNothingLeft(const Outcome& outcome) const {
+    const Strings left = spool_.List();
+    for (const std::string& name : left) {
+      std::filesystem::remove(spool_ / name);
+    }
+    EXPECT_LE(left.size(), IsRemoval(outcome) ? 1U : 0U) << Described(outcome);
+  }
+
+  Scratch spool_;
+};
+
+INSTANTIATE_TEST_SUITE_P(, EachFaultOfAForm, testing::ValuesIn(kFormRequests),
+                         NameOf);
+
+TEST_P(EachFaultOfAForm, InItsMemoryLeavesNothingBehind) {
+  MeetEachShortage([&](const Faults& faults) {
+    return Read([&](const Work& work, const Reporter& report) {
+      support::WatchFileCalls([&](const FileCall& call) {
+        return call.name == "O_TMPFILE" ? GetParam().unnamed_error : 0;
+      });
+      const std::exception_ptr failure = faults(work, report);
+      support::WatchFileCalls(nullptr);
+      return failure;
+    });
+  });
+}
+
+/// Whether a signal in this call changes nothing.
+bool IsRetried(const std::string& call) {
+  return call == "poll" || call == "read" || call == "write";
+}
+
+TEST_P(EachFaultOfAForm, InItsCallsLeavesNothingBehind) {
+  for (const int error : {EIO, EACCES, EINTR, ENOSPC}) {
+    SCOPED_TRACE(error);
+    const auto failing = [&](std::size_t number) {
+      return Failing(number, error);
+    };
+    MeetEach(failing, [&](const Faults& faults) {
+      Outcome outcome = Read(faults);
+      if (error == EINTR && IsRetried(outcome.reported["failed call"])) {
+        EXPECT_EQ(outcome.error, "");
+      }
+      return outcome;
+    });
+    // The uploads' files are moved to higher descriptors then.
+    MeetEach(failing, [&](const Faults& faults) {
+      return Read(faults, Child().LogLevel(0).Closed(1).Closed(2));
     });
   }
 }

@@ -2,8 +2,6 @@
 // each limit, each rule.
 
 #include <gtest/gtest.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
 #include <zancgi/form.h>
 #include <zancgi/testing/child.h>
 #include <zancgi/testing/input.h>
@@ -11,8 +9,9 @@
 #include <zancgi/zancgi.h>
 
 #include <cstddef>
+#include <cstdint>
+#include <cstdlib>
 #include <functional>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,9 +19,11 @@
 #include "support/clean_run.h"
 #include "support/form.h"
 #include "support/refusal.h"
+#include "support/unread.h"
 
 namespace {
 
+using support::BytesUnread;
 using support::Field;
 using support::kFormEnd;
 using support::Refusal;
@@ -39,12 +40,6 @@ using Strings = std::vector<std::string>;
 
 const char kEncoded[] = "application/x-www-form-urlencoded";
 const Refusal kTaken = {};
-
-std::size_t BytesUnread() {
-  int count = 0;
-  ::ioctl(STDIN_FILENO, FIONREAD, &count);
-  return static_cast<std::size_t>(count);
-}
 
 /// How standard input is read.
 using Reading = std::function<void(const std::string& spool)>;
@@ -353,13 +348,27 @@ TEST(Limits, OfBytesDoNotCountTheContentsOfUploads) {
   Form::Limits limits;
   limits.value = 5;
   limits.values = 2;
+  const Refusal values = TooLarge(
+      "the names and values of the form together are longer than 2 bytes");
   ExpectRefused(
       {{"contents", Upload("u", "f", std::string(100'000, 'x')) + kFormEnd,
         kTaken},
-       {"names", Upload("u", "fg", "") + kFormEnd,
-        TooLarge("the names and values of the form together are longer than 2 "
-                 "bytes")}},
+       {"names", Upload("u", "fg", "") + kFormEnd, values},
+       {"type",
+        "--XY\r\nContent-Disposition: form-data; name=u; filename=f\r\n"
+        "Content-Type: t\r\n\r\n\r\n--XY--",
+        values},
+       {"empty file inputs",
+        Upload("u", "", "") + Upload("u", "", "") + Upload("u", "", "") +
+            kFormEnd,
+        kTaken}},
       limits);
+}
+
+TEST(Epilogue, IsReadToTheEndOfTheBody) {
+  ExpectRefused(
+      {{"long", Field("a", "1") + kFormEnd + std::string(200'000, 'x'),
+        kTaken}});
 }
 
 TEST(QueryStringOfAForm, IsHeldToTheSameLimits) {

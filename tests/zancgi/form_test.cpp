@@ -1,9 +1,7 @@
-// What a form gives to the request that it is read from, how long both keep
-// its files, and wrong use.
+// What the request answers after its form was read, how long the files live,
+// and wrong use.
 
 #include <gtest/gtest.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
 #include <zancgi/form.h>
 #include <zancgi/testing/backend.h>
 #include <zancgi/testing/child.h>
@@ -25,10 +23,12 @@
 #include "support/clean_run.h"
 #include "support/form.h"
 #include "support/refusal.h"
+#include "support/unread.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using support::BytesUnread;
 using support::Field;
 using support::kFormEnd;
 using support::Refusal;
@@ -52,7 +52,8 @@ const char kTwice[] =
     "asks for parameters or uploads";
 
 /// Serves a POST of this body in a child whose uploads go to a folder of its
-/// own, which must be empty afterwards. Returns what was logged.
+/// own, which must be empty afterwards. The declared length ends before the
+/// word "unread".
 Outcome Serve(const std::string& body,
               const std::function<void(Cgi& cgi)>& work,
               Child child = Child()) {
@@ -305,12 +306,6 @@ TEST(SecondReading, IsRefusedAndSaysWhatToDo) {
             EXPECT_EQ(ReadFile(cgi.File("f")), "one");
           });
   }
-}
-
-std::size_t BytesUnread() {
-  int count = 0;
-  ::ioctl(STDIN_FILENO, FIONREAD, &count);
-  return static_cast<std::size_t>(count);
 }
 
 TEST(RefusedForm, LeavesARequestWithoutParametersAndFiles) {

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <zancgi/form.h>
 #include <zancgi/testing/backend.h>
 #include <zancgi/testing/child.h>
 #include <zancgi/testing/scratch.h>
@@ -17,6 +18,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <map>
 #include <ostream>
 #include <string>
@@ -39,6 +41,7 @@ using support::SlowContents;
 using support::Upload;
 using support::UploadBehindAChunk;
 using zan_cgi::Cgi;
+using zan_cgi::Form;
 using zan_cgi::testing::Child;
 using zan_cgi::testing::Outcome;
 using zan_cgi::testing::Reporter;
@@ -137,6 +140,74 @@ Taker TakeFormWith(const std::string& boundary) {
 /// The boundary is what the body begins with.
 Work TakeFormWithItsBoundary(const std::string& body) {
   return TakeFormWith(body.substr(2, body.find('\r') - 2))(body);
+}
+
+/// Nothing is refused for its size.
+Form::Limits Unlimited() {
+  Form::Limits limits;
+  limits.body = std::numeric_limits<std::int64_t>::max();
+  limits.value = limits.values = limits.parts = limits.header =
+      std::numeric_limits<std::size_t>::max();
+  return limits;
+}
+
+/// Counts what zan_cgi::Form, and the first question to the Cgi, cost.
+Taker TakeExactly(Child child, const std::string& content_type) {
+  return [=](const std::string& body) mutable {
+    const Scratch scratch(support::FastFolder());
+    return CountIn(child.Env("CONTENT_TYPE", content_type)
+                       .Env("CONTENT_LENGTH", std::to_string(body.size())),
+                   [&] {
+                     unread = body;
+                     Cgi cgi("/bin/front", "");
+                     cgi.SetTmpDir(scratch.Path());
+                     try {
+                       const Form form(cgi, Unlimited());
+                       cgi.Param("a");
+                     } catch (const zan_cgi::FormError& error) {
+                       EXPECT_EQ(error.status(), 400);
+                     }
+                     EXPECT_EQ(unread.size(), 0U);
+                   });
+  };
+}
+
+Work TakeExactForm(const std::string& body) {
+  return TakeExactly(Child().Env("REQUEST_METHOD", "POST"), kForm)(body);
+}
+
+Work TakeExactFormByteByByte(const std::string& body) {
+  reads_single_bytes = true;
+  const Work counted = TakeExactForm(body);
+  reads_single_bytes = false;
+  return counted;
+}
+
+Taker TakeExactFormWith(const std::string& boundary) {
+  return TakeExactly(Child().Env("REQUEST_METHOD", "POST"),
+                     "multipart/form-data; boundary=" + boundary);
+}
+
+Work TakeExactEncoded(const std::string& body) {
+  return TakeExactly(Child().Env("REQUEST_METHOD", "POST"),
+                     "application/x-www-form-urlencoded")(body);
+}
+
+Work TakeExactQuery(const std::string& query) {
+  return CountIn(
+      Child().Env("REQUEST_METHOD", "GET").Env("QUERY_STRING", query), [] {
+        Cgi cgi("/bin/front", "");
+        const Form form(cgi, Unlimited());
+        cgi.Param("a");
+      });
+}
+
+Work TakeExactBody(const std::string& body) {
+  return CountIn(Child().Env("CONTENT_LENGTH", std::to_string(body.size())),
+                 [&] {
+                   unread = body;
+                   zan_cgi::ReadBody(std::numeric_limits<std::int64_t>::max());
+                 });
 }
 
 Work TakeRawBody(const std::string& body) {
@@ -492,12 +563,161 @@ std::vector<Shape> Answers() {
   };
 }
 
+/// What zan_cgi::Form may meet in a part's headers.
+std::vector<Shape> ExactHeaders() {
+  const std::string part = "\r\n" + kFieldWithHeader;
+  const std::string begin = "--XY\r\n";
+  const std::string disposition =
+      "--XY\r\nContent-Disposition: form-data; name=a";
+  const std::string end = "\r\n\r\n1\r\n--XY--\r\n";
+  std::vector<Shape> shapes = {
+      {"ExactHeaderLines", TakeExactForm, 50'000,
+       Many("X:\r\n", begin, kFieldWithHeader)},
+      {"ExactHeaderLinesThatNeverEnd", TakeExactForm, 50'000,
+       Many("X-y: z\r\n", begin)},
+      {"ExactHeaderLineThatNeverEnds", TakeExactForm, 400'000,
+       Many("x", begin)},
+      {"ExactHeaderLineOfCarriageReturns", TakeExactForm, 400'000,
+       Many("\r", begin + "X: ", part)},
+      {"ExactHeaderLineByteByByte", TakeExactFormByteByByte, 20'000,
+       Many("x", begin + "X: ", part)},
+      {"ExactHeaderLinesByteByByte", TakeExactFormByteByByte, 20'000,
+       Many("xxxxxxx: \r\n", begin, kFieldWithHeader)},
+      {"ExactFoldedHeader", TakeExactForm, 50'000,
+       Many("\r\n x", begin + "X: ", part)},
+      {"ExactFoldedHeaderOfBlanks", TakeExactForm, 50'000,
+       Many("\r\n ", begin + "X: ", part)},
+      {"ExactFoldedHeaderByteByByte", TakeExactFormByteByByte, 20'000,
+       Many("\r\n xxxxx", begin + "X: ", part)},
+      {"ExactBlanksInAHeader", TakeExactForm, 50'000,
+       Many(" \t", begin + "X: y", "z" + part)},
+      {"ExactLongName", TakeExactForm, 50'000, Many("n", disposition, end)},
+      {"ExactManyPartsOfALongName", TakeExactForm, 400,
+       [](std::size_t size) {
+         return Repeated(Field(std::string(1000, 'n'), ""), 1000 * size) +
+                kFormEnd;
+       }},
+      {"ExactLongFileName", TakeExactForm, 50'000,
+       Many("n", disposition + "; filename=", end)},
+  };
+  const Texts parameters = {
+      {"Unknown", "; x=y"},
+      {"Quoted", "; x=\"y\""},
+      {"Semicolons", ";"},
+      {"Blanks", "; "},
+      {"Extended", "; x*=UTF-8''%41"},
+      {"OfNames", "; nam=e"},
+  };
+  for (const auto& [name, text] : parameters) {
+    shapes.push_back({"ExactParameters" + name, TakeExactForm, 50'000,
+                      Many(text, disposition, end)});
+  }
+  const Texts quoted = {{"Letters", "x"},
+                        {"Escapes", "\\\""},
+                        {"Backslashes", "\\\\"},
+                        {"Blanks", " "}};
+  for (const auto& [name, text] : quoted) {
+    shapes.push_back({"ExactQuotedOf" + name, TakeExactForm, 50'000,
+                      Many(text, disposition + "; filename=\"", "\"" + end)});
+    shapes.push_back({"ExactOpenQuoteOf" + name, TakeExactForm, 50'000,
+                      Many(text, disposition + "; filename=\"", end)});
+  }
+  shapes.push_back(
+      {"ExactExtendedFileName", TakeExactForm, 50'000,
+       Many("%e2%82%ac", disposition + "; filename*=UTF-8''", end)});
+  shapes.push_back(
+      {"ExactExtendedFileNameOfLatin1", TakeExactForm, 50'000,
+       Many("%e4", disposition + "; filename*=ISO-8859-1''", end)});
+  return shapes;
+}
+
+/// Whether such texts in a row hold the boundary at the beginning of a line.
+bool HoldsMarker(const std::string& text, const std::string& boundary) {
+  const std::string begin = "\r\n" + Repeated(text, 3 * boundary.size() + 9);
+  return begin.find("\n--" + boundary) != std::string::npos ||
+         begin.find("\r--" + boundary) != std::string::npos;
+}
+
+/// What it may meet as fields and uploads, and around them.
+std::vector<Shape> ExactParts() {
+  std::vector<Shape> shapes = {
+      {"ExactFields", TakeExactForm, 12'500,
+       Distinct(Field("#", "1"), kFormEnd)},
+      {"ExactFieldsOfOneName", TakeExactForm, 50'000,
+       Many(Field("a", "1"), "", kFormEnd)},
+      {"ExactFieldsWithoutAName", TakeExactForm, 50'000,
+       Many(Field("", "1"), "", kFormEnd)},
+      {"ExactUploads", TakeExactForm, 500,
+       Distinct(Upload("u", "f#", "1"), kFormEnd)},
+      {"ExactUploadsOfOneFileName", TakeExactForm, 50'000,
+       Many(Upload("u", "f", "1"), "", kFormEnd)},
+      // Each of them takes the name that the next would be given.
+      {"ExactUploadsOfGivenNames", TakeExactForm, 250,
+       [](std::size_t size) {
+         return Numbered(size,
+                         [](const std::string& number) {
+                           return Upload("u", "f (" + number + ")", "") +
+                                  Upload("u", "f", "");
+                         }) +
+                kFormEnd;
+       }},
+      {"ExactEmptyFileInputs", TakeExactForm, 50'000,
+       Many(Upload("u", "", ""), "", kFormEnd)},
+      {"ExactFieldByteByByte", TakeExactFormByteByByte, 20'000, FieldOf("x")},
+      {"ExactUploadByteByByte", TakeExactFormByteByByte, 20'000,
+       Many("x", support::UploadHead("u", "f"), "\r\n--XY--\r\n")},
+      {"ExactPaddingByteByByte", TakeExactFormByteByByte, 20'000,
+       Many("xx ", "--XY", "\r\n" + kFieldWithHeader)},
+      {"ExactBody", TakeExactBody, 400'000, Many("x")},
+  };
+  const Texts contents = {
+      {"EmptyLines", "\r\n"},    {"BoundaryLines", "--X\r\n"},
+      {"LookAlikes", "\r\n--X"}, {"LineFeeds", "\n"},
+      {"CarriageReturns", "\r"}, {"Dashes", "-"},
+      {"Letters", "x"},
+  };
+  for (const auto& [name, text] : contents) {
+    shapes.push_back(
+        {"ExactFieldOf" + name, TakeExactForm, 50'000, FieldOf(text)});
+    shapes.push_back({"ExactUploadOf" + name, TakeExactForm, 50'000,
+                      Many(text, support::UploadHead("u", "f"),
+                           std::string("\r\n") + kFormEnd)});
+    shapes.push_back({"ExactPreambleOf" + name, TakeExactForm, 50'000,
+                      Many(text, "", "\r\n" + Field("a", "1") + kFormEnd)});
+  }
+  const Texts paddings = {{"Blanks", " "}, {"Tabs", "\t"}};
+  for (const auto& [name, text] : paddings) {
+    shapes.push_back({"ExactPaddingOf" + name, TakeExactForm, 50'000,
+                      Many(text, "--XY", "\r\n" + kFieldWithHeader)});
+    shapes.push_back({"ExactPaddingAtTheEndOf" + name, TakeExactForm, 50'000,
+                      Many(text, Field("a", "1") + "--XY--", "\r\n")});
+    shapes.push_back({"ExactPaddingThatNeverEndsOf" + name, TakeExactForm,
+                      50'000, Many(text, "--XY")});
+  }
+  for (const auto& [name, boundary] : support::SlowBoundaries()) {
+    int number = 0;
+    for (const std::string& text : SlowContents(boundary)) {
+      if (HoldsMarker(text, boundary)) continue;
+      shapes.push_back(
+          {"ExactLookAlikes" + std::to_string(number++) + "WithBoundary" + name,
+           TakeExactFormWith(boundary), 50'000,
+           [text, boundary = boundary](std::size_t size) {
+             return "--" + boundary + "\r\n" + kNextName + "\r\n" +
+                    Repeated(text, size) + "\r\n--" + boundary + "--\r\n";
+           }});
+    }
+  }
+  return shapes;
+}
+
 std::vector<Shape> AllShapes() {
   std::vector<Shape> all;
   for (const std::vector<Shape>& shapes :
        {LongNames(), Fields(), Headers(), AroundTheParts(), Uploads(),
         QueryStrings("RawBody", TakeRawBody),
-        QueryStrings("QueryString", TakeQueryString), Cookies(), Queries(),
+        QueryStrings("QueryString", TakeQueryString), ExactHeaders(),
+        ExactParts(), QueryStrings("ExactEncoded", TakeExactEncoded),
+        QueryStrings("ExactQueryString", TakeExactQuery), Cookies(), Queries(),
         Answers()}) {
     all.insert(all.end(), shapes.begin(), shapes.end());
   }

@@ -1,0 +1,443 @@
+// A form does not depend on how its body arrives. No wait is longer than the
+// limit, and the rest of a refused body is read and dropped.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+#include <zancgi/form.h>
+#include <zancgi/testing/child.h>
+#include <zancgi/testing/input.h>
+#include <zancgi/testing/scratch.h>
+#include <zancgi/zancgi.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <functional>
+#include <limits>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "support/clean_run.h"
+#include "support/form.h"
+#include "support/piece_input.h"
+#include "support/refusal.h"
+#include "support/signals.h"
+#include "support/system_calls.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using support::CutInto;
+using support::Field;
+using support::kFormEnd;
+using support::PieceInput;
+using support::Post;
+using support::PostOf;
+using support::Refusal;
+using support::RefusalOf;
+using support::RunCleanly;
+using support::RunWithoutError;
+using support::Upload;
+using zan_cgi::Cgi;
+using zan_cgi::Form;
+using zan_cgi::testing::Child;
+using zan_cgi::testing::Input;
+using zan_cgi::testing::ReadFile;
+using zan_cgi::testing::Reporter;
+using zan_cgi::testing::Scratch;
+using Clock = std::chrono::steady_clock;
+using Strings = std::vector<std::string>;
+
+/// Look-alikes of the boundary, wherever a piece may end.
+std::string Content(std::size_t size) {
+  std::string content;
+  while (content.size() < size) content += "x\r\n--X\r\n-\r\r\n--";
+  content.resize(size);
+  return content;
+}
+
+std::string FormOf(std::size_t size) {
+  return Field("a", Content(size)) + Upload("u", "f", Content(size)) +
+         Field("b", "2") + kFormEnd;
+}
+
+/// Reads the form of FormOf(size).
+void ExpectForm(const std::string& spool, std::size_t size) {
+  Cgi cgi("/bin/front", "");
+  cgi.SetTmpDir(spool);
+  const Form form(cgi);
+  EXPECT_TRUE(form.Value("a") == Content(size));
+  EXPECT_EQ(form.Value("b"), "2");
+  ASSERT_EQ(form.uploads().size(), 1U);
+  EXPECT_TRUE(ReadFile(form.Path(form.uploads()[0])) == Content(size));
+}
+
+/// How the form of this request is refused.
+Refusal RefusalWithin(const std::string& spool,
+                      const Form::Limits& limits = Form::Limits()) {
+  return RefusalOf([&] {
+    Cgi cgi("/bin/front", "");
+    cgi.SetTmpDir(spool);
+    const Form form(cgi, limits);
+  });
+}
+
+Form::Limits SilenceOf(int idle) {
+  Form::Limits limits;
+  limits.idle = idle;
+  return limits;
+}
+
+void MakeNonBlocking() {
+  const int flags = ::fcntl(STDIN_FILENO, F_GETFL);
+  ASSERT_EQ(::fcntl(STDIN_FILENO, F_SETFL, flags | O_NONBLOCK), 0);
+}
+
+/// A body that comes this way, and what the process does before it reads.
+struct Delivery {
+  const char* name;
+  std::size_t size;
+  std::function<Input(const std::string& body)> input;
+  std::function<void()> prepare = [] {};
+};
+
+std::vector<Delivery> Deliveries() {
+  std::vector<Delivery> rows = {
+      {"a pipe at once", 1'000'000, Input::Pipe},
+      {"a socket", 1'000'000, Input::Socket},
+      {"a file", 1'000'000, Input::File},
+      {"a pipe that does not block", 1'000'000, Input::Pipe, MakeNonBlocking},
+      {"a socket that does not block", 1'000'000, Input::Socket,
+       MakeNonBlocking},
+      {"a pipe while signals come", 1'000'000, Input::Pipe,
+       [] { support::StartSignalStorm(); }},
+  };
+  const std::pair<std::size_t, std::size_t> pieces[] = {
+      {1, 60}, {7, 300}, {1460, 50'000}, {4096, 100'000}, {65'536, 500'000}};
+  for (const auto& [piece, size] : pieces) {
+    const auto slowly = [piece = piece](const std::string& body) {
+      return Input::SlowPipe(CutInto(body, piece), milliseconds(2));
+    };
+    rows.push_back({"pieces", size, slowly});
+    rows.push_back({"pieces that do not block", size, slowly, MakeNonBlocking});
+    rows.push_back({"pieces while signals come", size, slowly,
+                    [] { support::StartSignalStorm(); }});
+  }
+  return rows;
+}
+
+TEST(Delivery, MakesNoDifferenceToAForm) {
+  const Scratch spool;
+  for (const Delivery& row : Deliveries()) {
+    SCOPED_TRACE(testing::Message() << row.name << ", " << row.size);
+    const std::string body = FormOf(row.size);
+    const Input input = row.input(body);
+    RunCleanly(PostOf(body).StandardInput(input), [&](const Reporter&) {
+      row.prepare();
+      ExpectForm(spool.Path(), row.size);
+      support::EndSignalStorm();
+    });
+    EXPECT_EQ(spool.List(), Strings{});
+  }
+}
+
+TEST(Delivery, MakesNoDifferenceToABody) {
+  for (const Delivery& row : Deliveries()) {
+    SCOPED_TRACE(testing::Message() << row.name << ", " << row.size);
+    const std::string body = FormOf(row.size);
+    const Input input = row.input(body);
+    RunCleanly(PostOf(body).StandardInput(input), [&](const Reporter&) {
+      row.prepare();
+      EXPECT_TRUE(zan_cgi::ReadBody(10'000'000) == body);
+      support::EndSignalStorm();
+    });
+  }
+}
+
+/// Makes standard input the end of a pipe that is written to. It is never ready
+/// to be read, and no error shows that.
+void BecomeWritingEnd() {
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  ::dup2(ends[1], STDIN_FILENO);
+  ::close(ends[1]);
+}
+
+/// A client that stops after a part of the body.
+struct Silence {
+  const char* name;
+  std::string sent;
+  std::function<void()> prepare = [] {};
+};
+
+const Silence kSilences[] = {
+    {"before the first byte", ""},
+    {"in a header", "--XY\r\nContent-Disp"},
+    {"in a value", support::FieldHead("a") + "val"},
+    {"in an upload", support::UploadHead("u", "f") + "data"},
+    {"after the closing boundary", Field("a", "1") + kFormEnd},
+    {"does not block", "--XY\r\n", MakeNonBlocking},
+    {"a pipe to write to", "", BecomeWritingEnd},
+    {"signals come", "--XY\r\n", [] { support::StartSignalStorm(); }},
+    {"signals come, does not block", "--XY\r\n",
+     [] {
+       MakeNonBlocking();
+       support::StartSignalStorm();
+     }},
+};
+
+TEST(Silence, EndsTheReadingAfterItsLimitAndNotSooner) {
+  const Scratch spool;
+  for (const Silence& row : kSilences) {
+    SCOPED_TRACE(row.name);
+    const Input input = Input::SilentPipe(row.sent);
+    RunWithoutError(Post("1000").StandardInput(input), [&](const Reporter&) {
+      row.prepare();
+      const auto begin = Clock::now();
+      EXPECT_EQ(RefusalWithin(spool.Path(), SilenceOf(1)),
+                (Refusal{408, "nothing of the body has come for 1 seconds"}));
+      const auto waited = Clock::now() - begin;
+      support::EndSignalStorm();
+      EXPECT_GE(waited, milliseconds(990));
+      // Long before a wait of the usual limit would end.
+      EXPECT_LT(waited, seconds(20));
+    });
+    EXPECT_EQ(spool.List(), Strings{});
+  }
+}
+
+TEST(Silence, IsNotWaitedForOnceMore) {
+  const Scratch spool;
+  const Strings pieces = {support::UploadHead("u", "f"), "data"};
+  RunCleanly(Post("1000"), [&](const Reporter&) {
+    const PieceInput input(pieces, [&](std::size_t wait) {
+      return wait < pieces.size() ? PieceInput::Event::Piece
+                                  : PieceInput::Event::Silence;
+    });
+    EXPECT_EQ(RefusalWithin(spool.Path(), SilenceOf(1)).status, 408);
+    EXPECT_EQ(input.Waits(), pieces.size() + 1);
+  });
+}
+
+TEST(Silence, EndsTheReadingAfterHalfAMinuteUnlessSaid) {
+  const Scratch spool;
+  const std::function<Refusal()> readings[] = {
+      [&] { return RefusalWithin(spool.Path()); },
+      [] { return RefusalOf([] { zan_cgi::ReadBody(1000); }); }};
+  for (const auto& read : readings) {
+    RunCleanly(Post("1000"), [&](const Reporter&) {
+      const PieceInput input({"--XY"}, [](std::size_t wait) {
+        return wait == 0 ? PieceInput::Event::Piece
+                         : PieceInput::Event::Silence;
+      });
+      EXPECT_EQ(read(),
+                (Refusal{408, "nothing of the body has come for 30 seconds"}));
+      EXPECT_EQ(input.Waits(), 2U);
+    });
+  }
+}
+
+/// Has so many reads find nothing although poll(2) has reported input, as when
+/// another process reads from the same pipe.
+void LoseReads(int count) {
+  support::Replace({.read = [count](void* buffer, std::size_t size) mutable {
+    if (count == 0) return support::RealRead(STDIN_FILENO, buffer, size);
+    --count;
+    errno = EAGAIN;
+    return ssize_t{-1};
+  }});
+}
+
+TEST(LostRead, IsTriedAgain) {
+  const std::string body = FormOf(1000);
+  const Scratch spool;
+  const Input input = Input::File(body);
+  RunCleanly(PostOf(body).StandardInput(input), [&](const Reporter&) {
+    LoseReads(5);
+    ExpectForm(spool.Path(), 1000);
+  });
+}
+
+TEST(LostRead, AgainAndAgainIsSilence) {
+  const Scratch spool;
+  RunCleanly(Post("1000"), [&](const Reporter&) {
+    LoseReads(std::numeric_limits<int>::max());
+    EXPECT_EQ(RefusalWithin(spool.Path(), SilenceOf(1)).status, 408);
+  });
+}
+
+TEST(Silence, WhileTheRestIsDroppedEndsThat) {
+  const Scratch spool;
+  Form::Limits limits = SilenceOf(1);
+  limits.parts = 0;
+  const Input input = Input::SilentPipe(Field("a", "1"));
+  RunCleanly(Post("1000").StandardInput(input), [&](const Reporter&) {
+    EXPECT_EQ(RefusalWithin(spool.Path(), limits).status, 413);
+  });
+}
+
+TEST(Silence, IsMeasuredFromPieceToPiece) {
+  const std::string body = FormOf(100);
+  const Scratch spool;
+  const Input input =
+      Input::SlowPipe(CutInto(body, body.size() / 5), milliseconds(800));
+  RunCleanly(PostOf(body).StandardInput(input), [&](const Reporter&) {
+    // Each piece comes in time, all together do not.
+    EXPECT_EQ(RefusalWithin(spool.Path(), SilenceOf(4)), Refusal{});
+  });
+}
+
+/// Replaces standard input by this file, opened this way.
+void ReadFrom(const std::string& path, int flags) {
+  const int file = ::open(path.c_str(), flags | O_CLOEXEC);
+  ASSERT_GE(file, 0);
+  ASSERT_EQ(::dup2(file, STDIN_FILENO), STDIN_FILENO);
+  ::close(file);
+}
+
+TEST(StandardInput, ThatCannotBeReadIsNeverWaitedFor) {
+  const Scratch scratch;
+  const Scratch spool;
+  const std::string file = scratch.MakeFile("file", "a form");
+  struct Row {
+    const char* name;
+    std::function<void()> prepare;
+    std::string text;
+  };
+  const std::string bad = "the body cannot be read: Bad file descriptor";
+  const Row rows[] = {
+      {"closed", [] { ::close(STDIN_FILENO); }, bad},
+      {"a directory", [&] { ReadFrom(scratch.Path(), O_RDONLY); },
+       "the body cannot be read: Is a directory"},
+      {"nothing", [] { ReadFrom("/dev/null", O_RDONLY); },
+       "the body ends after 0 of 1000 bytes"},
+      {"a file to write to", [&] { ReadFrom(file, O_WRONLY); }, bad},
+      {"a short file", [&] { ReadFrom(file, O_RDONLY); },
+       "the body ends after 6 of 1000 bytes"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    RunWithoutError(Post("1000"), [&](const Reporter&) {
+      row.prepare();
+      const auto begin = Clock::now();
+      EXPECT_EQ(RefusalWithin(spool.Path()), (Refusal{400, row.text}));
+      EXPECT_EQ(RefusalOf([] { zan_cgi::ReadBody(1000); }).status, 400);
+      EXPECT_LT(Clock::now() - begin, seconds(20));
+    });
+  }
+}
+
+/// Replaces standard input by a pipe, and writes this into it meanwhile.
+class Writer {
+ public:
+  explicit Writer(std::string bytes) : bytes_(std::move(bytes)) {
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+    ::dup2(ends[0], STDIN_FILENO);
+    ::close(ends[0]);
+    ::signal(SIGPIPE, SIG_IGN);
+    thread_ = std::thread([this, end = ends[1]] { Write(end); });
+  }
+  ~Writer() {
+    if (thread_.joinable()) thread_.join();
+  }
+  Writer(const Writer&) = delete;
+  Writer& operator=(const Writer&) = delete;
+
+  /// How many bytes the pipe has taken in the end. Nothing reads any more.
+  std::size_t Written() {
+    ::close(STDIN_FILENO);
+    thread_.join();
+    return written_;
+  }
+
+ private:
+  void Write(int end) {
+    while (written_ < bytes_.size()) {
+      const ssize_t count =
+          ::write(end, bytes_.data() + written_, bytes_.size() - written_);
+      if (count < 0) break;
+      written_ += static_cast<std::size_t>(count);
+    }
+    ::close(end);
+  }
+
+  const std::string bytes_;
+  std::size_t written_ = 0;
+  std::thread thread_;
+};
+
+TEST(RefusedForm, IsReadToItsEndAndNotFurther) {
+  struct Row {
+    const char* name;
+    int status;
+    const char* type;
+    std::string begin;
+    std::int64_t longest = 10'000'000;
+    const char* spool = "/tmp";
+  };
+  const Row rows[] = {
+      {"rule", 400, support::kForm, Field("a", "1") + "--XYbad\r\n"},
+      {"no boundary", 400, "multipart/form-data", ""},
+      {"declared length", 413, support::kForm, "", 1000},
+      {"value", 413, support::kForm, support::FieldHead("a")},
+      {"encoded value", 413, "application/x-www-form-urlencoded", "a="},
+      {"type", 415, "text/plain", ""},
+      {"folder", 507, support::kForm, support::UploadHead("u", "f"), 10'000'000,
+       "/nowhere/at/all"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    const std::string body = row.begin + std::string(3'000'000, 'x');
+    RunCleanly(PostOf(body, row.type), [&](const Reporter&) {
+      Writer writer(body + "unread");
+      Form::Limits limits;
+      limits.body = row.longest;
+      EXPECT_EQ(RefusalOf([&] {
+                  ::setenv("TMP", row.spool, 1);
+                  Cgi cgi("/bin/front", "");
+                  const Form form(cgi, limits);
+                }).status,
+                row.status);
+      char rest[10];
+      EXPECT_EQ(::read(STDIN_FILENO, rest, sizeof(rest)), 6);
+      EXPECT_EQ(writer.Written(), body.size() + 6);
+    });
+  }
+}
+
+TEST(RefusedForm, OfMoreThanAGigabyteIsReadUpToThat) {
+  constexpr std::int64_t kGigabyte = std::int64_t{1} << 30;
+  const Scratch spool;
+  for (const std::int64_t declared :
+       {kGigabyte - 1, kGigabyte, kGigabyte + 1, 3 * kGigabyte}) {
+    SCOPED_TRACE(declared);
+    RunCleanly(Post(std::to_string(declared)), [&](const Reporter&) {
+      std::int64_t count = 0;
+      support::Replace({.poll =
+                            [](pollfd* entries, nfds_t, int) {
+                              entries->revents = POLLIN;
+                              return 1;
+                            },
+                        .read =
+                            [&](void*, std::size_t size) {
+                              count += static_cast<std::int64_t>(size);
+                              return static_cast<ssize_t>(size);
+                            }});
+      EXPECT_EQ(RefusalWithin(spool.Path()).status, 413);
+      support::Replace({});
+      EXPECT_EQ(count, std::min(declared, kGigabyte));
+    });
+  }
+}
+
+}  // namespace
