@@ -34,7 +34,7 @@ TO_A_STRANGER = {
     "login": "200 OK",
     "parameters": "200 OK",
     "theme": "200 OK",
-    "upload": "200 OK",
+    "upload": "403 Forbidden",
     "whoami": "403 Forbidden",
 }
 END = "--- end of the answer ---"
