@@ -34,6 +34,7 @@ class Visit {
 
   /// Takes a cookie as if the answer to this request had set it.
   /// @param set_cookie  the value of a field Set-Cookie
+  /// @param request     the request, for its host and path
   void Take(const std::string& set_cookie, const Request& request);
 
   /// The value of the cookie of this name that a request would be sent first;
