@@ -1,80 +1,83 @@
 // The front end of a small administration panel: a CGI program that the web
 // server starts for each request. Copy it and change the pages.
 
+#include <fcntl.h>
+#include <pwd.h>
 #include <stdlib.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <tov/env.h>
-#include <tov/err.h>
 #include <tov/log.h>
 #include <tov/str.h>
 #include <tov/xml.h>
 #include <unistd.h>
+#include <zancgi/account.h>
+#include <zancgi/form.h>
+#include <zancgi/request.h>
+#include <zancgi/response.h>
 #include <zancgi/zancgi.h>
 
-#include <algorithm>
-#include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <exception>
 #include <filesystem>
 #include <map>
 #include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "account.h"
-#include "home.h"
+#include "files.h"
 #include "page.h"
-#include "upload_spool.h"
 
 namespace panel {
 namespace {
 
 using zan_cgi::Cgi;
-using Items = std::map<std::string, std::string>;
+using zan_cgi::Form;
 
-constexpr char kBackend[] = "panel";
 constexpr char kCookie[] = "panelses5";
+constexpr std::int64_t kLargestSignIn = 4096;
+constexpr std::int64_t kLargestForm = 1 << 20;
+constexpr std::int64_t kLargestUpload = 100 << 20;
 
 tov_log::Module log("panel", "front");
 
-constexpr long kLargestForm = 4096;
-constexpr long kLargestUpload = 100L << 20;
-
-/// A request that goes wrong must not take the machine with it.
-///
-/// The library keeps some behaviour of old: a body that breaks off in certain
-/// ways, or is cut in an unlucky place, has it parsed for ever, and a field's
-/// value can grow by 87 MB a second meanwhile. The largest accepted upload
-/// takes a tenth of a second of processor time and a few megabytes of memory; a
-/// body without a boundary takes up to three times its size.
-void LimitResources() {
-  constexpr rlim_t kSeconds = 10;
-  constexpr rlim_t kMemory = 256UL << 20;
-  const rlimit time{kSeconds, kSeconds};
-  const rlimit memory{kMemory, kMemory};
-  ::setrlimit(RLIMIT_CPU, &time);
-  ::setrlimit(RLIMIT_AS, &memory);
+/// Returns the first value of a field of the query string.
+std::string QueryValue(const std::string& name) {
+  for (const Form::Field& field : zan_cgi::QueryFields()) {
+    if (field.name == name) return field.value;
+  }
+  return "";
 }
 
-/// The back end does not let this caller do this. Says it in the same words as
-/// the library.
-class Refusal : public std::runtime_error {
- public:
-  Refusal() : std::runtime_error("You do not authorized for this operation") {}
-};
+/// Reads a form of one type: a plain one cannot bring files.
+Form ReadForm(Cgi& cgi, const std::string& type, std::int64_t largest) {
+  if (!zan_cgi::Header("Content-Type").starts_with(type)) throw Refusal(415);
+  return {cgi, {.body = largest, .parts = kMostEntries + 10}};
+}
 
-/// The back end's answer to a query of the front end's own.
+/// Some web servers lose an answer that comes before the body has been read. A
+/// stranger is read from for a minute at most.
+void DropBody(Cgi& cgi) {
+  ::alarm(60);
+  try {
+    Form(cgi, {.body = 0});
+  } catch (const std::exception&) {
+    // The body has been dropped now, or read before.
+  }
+  ::alarm(0);
+}
+
+/// The back end's answer to a query.
 class Answer {
  public:
   /// @throws Refusal when the back end refuses access
   /// @throws std::runtime_error when it has not done what it was asked for
-  Answer(Cgi& cgi, const Items& query) {
+  Answer(Cgi& cgi, const std::map<std::string, std::string>& query) {
     document_.LoadFromString(cgi.Query(query));
-    if (Has("/doc/error[@type='access']")) throw Refusal();
+    if (Has("/doc/error[@type='access']")) throw Refusal(403);
     if (!Has("/doc") || Has("/doc/error")) {
-      throw std::runtime_error("bad answer from '" + std::string(kBackend) +
-                               "'");
+      throw std::runtime_error("bad answer from 'panel'");
     }
   }
 
@@ -84,450 +87,287 @@ class Answer {
   std::string Text(const std::string& xpath, const char* attribute) const {
     return document_.GetNode(xpath).GetProp(attribute);
   }
-  std::string Html(const std::string& xpath, const char* attribute) const {
-    return Escape(Text(xpath, attribute));
-  }
 
  private:
   tov_xml::Xml document_;
 };
 
-/// The value of a field of the form, for which the body is read.
-std::string FieldOf(Cgi& cgi, const std::string& name) {
-  std::string value = cgi.Param(name);
-  is_body_read = true;
-  return value;
+/// What pages need to know of who is signed in.
+struct Visitor {
+  std::string token;    ///< What the panel's own forms are known by.
+  std::string account;  ///< The system account; empty for none.
+};
+
+Visitor Authorize(Cgi& cgi) {
+  cgi.Authorize(Cgi::AuthInfo::AuthCookie);
+  const Answer own(cgi, {{"func", "session.own"}});
+  return {own.Text("/doc/own", "token"), own.Text("/doc/own", "account")};
 }
 
-void SignIn(Cgi& cgi) {
-  const std::string user = FieldOf(cgi, "user");
-  if (user.empty()) return ShowSignIn("200 OK", "", "");
-  try {
-    const Answer answer(cgi, {{"func", "session.new"},
-                              {"user", user},
-                              {"password", cgi.Param("password")}});
-    SendRedirect("/panel", std::string(kCookie) + "=" +
-                               answer.Text("/doc/session", "id"));
-  } catch (const Refusal&) {
-    ShowSignIn("403 Forbidden", "Name or password is wrong.", user);
+void RequireToken(const Form& form, const Visitor& visitor) {
+  const std::string& token = visitor.token;
+  if (token.empty() || form.Value("token") != token) throw Refusal(403);
+}
+
+/// Whether nobody but root can change what lies under this path: it and all
+/// above it are folders of root that no one else may write.
+bool BelongsToRoot(fs::path folder) {
+  for (;; folder = folder.parent_path()) {
+    struct stat status {};
+    if (::lstat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) ||
+        status.st_uid != 0 || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+      return false;
+    }
+    if (!folder.has_relative_path()) return true;
   }
 }
 
-/// Without a boundary the library takes a body for a query string and makes no
-/// file: nobody else than users can have us write one. Nor does it matter to a
-/// query string how the web server cuts it.
-bool IsPlainForm() {
-  return tov_env::GetEnv("CONTENT_TYPE").find("boundary=") == std::string::npos;
-}
-
-/// Whether no page of another site has made the browser send this request.
-/// Browsers add Sec-Fetch-Site under encryption only. A client that sends
-/// neither header is no browser.
-bool IsFromOwnSite() {
-  const std::string site = tov_env::GetEnv("HTTP_SEC_FETCH_SITE");
-  if (!site.empty()) return site == "same-origin" || site == "none";
-  const std::string origin = tov_env::GetEnv("HTTP_ORIGIN");
-  const std::string host = tov_env::GetEnv("HTTP_HOST");
-  return origin.empty() || origin == "http://" + host ||
-         origin == "https://" + host;
-}
-
-bool IsPost() { return tov_env::GetEnv("REQUEST_METHOD") == "POST"; }
-
-/// The page that is asked for. Of a POST it stands in the address, all of it:
-/// to know it from the body, the body would have to be read before it is known
-/// who sends it.
-std::string PageOf(Cgi& cgi) {
-  if (!IsPost()) return cgi.Param("page");
-  const std::string query = tov_env::GetEnv("QUERY_STRING");
-  return query.starts_with("page=") ? query.substr(5) : "";
-}
-
-/// Who came with the session in the parameters goes on with it.
-std::string SessionItem(const Cgi& cgi) {
-  const Cgi::AuthInfo& user = cgi.auth();
-  return user.method == Cgi::AuthInfo::AuthParams
-             ? "&amp;auth=" + Escape(str::url::Encode(user.auth))
-             : "";
-}
-
-std::string Navigation(Cgi& cgi, const Answer& answer) {
-  const std::string session = SessionItem(cgi);
-  const std::string page = PageOf(cgi);
-  // An upload is authorized before its parameters are read.
-  const std::string upload =
-      session.empty() ? Link("page=upload", "Upload", page == "upload") : "";
-  return "<nav>\n" +
-         Link("page=whoami" + session, "Who am I",
-              page.empty() || page == "whoami") +
-         Link("page=home" + session, "Home", page == "home") +
-         Link("page=sessions" + session, "Sessions", page == "sessions") +
-         upload +
-         SignOutButton(answer.Html("/doc/own", "token"),
-                       session.empty() ? "" : Escape(cgi.auth().auth)) +
-         "</nav>\n";
-}
-
-void ShowWhoAmI(Cgi& cgi) {
-  const Answer answer(cgi, {{"func", "session.own"}});
-  const Cgi::AuthInfo& user = cgi.auth();
-  const bool from_cookie = user.method == Cgi::AuthInfo::AuthCookie;
-  SendPage("200 OK", "Who am I",
-           "<dl class=\"card\">\n" +
-               Row("Name", "<b id=\"name\">" + Escape(user.name) + "</b>") +
-               Row("Level", str::Str(user.level)) +
-               Row("Signed in", answer.Html("/doc/own", "started")) +
-               Row("Session found in",
-                   from_cookie ? "the cookie" : "the parameters") +
-               "</dl>\n",
-           Navigation(cgi, answer));
-}
-
-/// The back end knows which system account a user has.
-Account AccountOf(const Answer& answer) {
-  return FindAccount(answer.Text("/doc/own", "account"));
-}
-
-std::string HomeRows(const Listing& listing) {
-  std::string rows;
-  for (const auto& [name, size_or_kind] : listing.entries) {
-    rows += "<tr><td>" + Escape(name) + "</td><td class=\"numbers\">" +
-            size_or_kind + "</td></tr>\n";
+/// From here on the back end is not asked any more: an account may have no
+/// right to, and a confined process cannot find it.
+void BecomeAccountOf(const Visitor& visitor, Cgi& cgi) {
+  const char* const user = visitor.account.c_str();
+  if (*user == '\0') throw Refusal(403, "Your user has no system account.");
+  zan_cgi::AccountOptions options;
+  options.directory = tov_env::GetEnv("PANEL_CONFINE");
+  options.confined = !options.directory.empty();
+  options.pam_session = !tov_env::GetEnv("PANEL_PAM").empty();
+  // Confined, the process still is root when it first reads what is in the
+  // home: whoever can write there could have it read, or run, anything.
+  const passwd* const entry = options.confined ? ::getpwnam(user) : nullptr;
+  if (options.confined && (!entry || !BelongsToRoot(entry->pw_dir))) {
+    throw Refusal(500, "The panel cannot be confined to your home folder.");
   }
-  return rows;
+  zan_cgi::BecomeAccount(cgi, user, options);
 }
 
-/// All that needs the back end comes before the switch: an account may be kept
-/// from it, and a confined process cannot find it.
-void ShowHome(Cgi& cgi) {
-  const Answer answer(cgi, {{"func", "session.own"}});
-  const Account account = AccountOf(answer);
-  BecomeAccount(cgi, account);
-  const Listing listing = ListFolder();
-  SendPage("200 OK", "Home",
-           "<div class=\"card\"><table>\n<thead><tr><th>Name</th>"
-           "<th class=\"numbers\">Bytes</th></tr></thead>\n<tbody>\n" +
-               HomeRows(listing) + "</tbody>\n</table>\n" +
-               (listing.whole ? "" : "<p class=\"hint\">And more.</p>\n") +
-               R"(<p class="hint">Seen by <b id="account">)" +
-               Escape(account.name) + "</b>, user " + str::Str(::getuid()) +
-               ".</p></div>\n",
-           Navigation(cgi, answer));
+std::string Navigation(const Visitor& visitor) {
+  return R"(<nav>
+<a href="/panel?page=whoami">Who am I</a>
+<a href="/panel?page=home">Home</a>
+<a href="/panel?page=sessions">Sessions</a>
+)" + BeginForm("/panel?page=signout", "sign-out", visitor.token) +
+         "<button>Sign out</button></form>\n</nav>\n";
 }
 
-std::string LinkToOlder(const Cgi& cgi, const Answer& answer) {
-  if (!answer.Has("/doc/older")) return "";
-  return "<p>" +
-         Link("page=sessions&amp;from=" + answer.Html("/doc/older", "number") +
-                  SessionItem(cgi),
-              "Older sessions", false) +
-         "</p>\n";
+void ShowWhoAmI(const Cgi& cgi, const Visitor& visitor) {
+  SendPage(200, "Who am I",
+           "<dl class=\"card\">\n<dt>Name</dt><dd><b id=\"name\">" +
+               Html(cgi.auth().name) + "</b></dd>\n<dt>Level</dt><dd>" +
+               str::Str(cgi.auth().level) + "</dd>\n</dl>\n",
+           Navigation(visitor));
 }
 
-void ShowSessions(Cgi& cgi) {
-  // A number, whatever the visitor has sent.
-  const std::string from = str::Str(str::Int(cgi.Param("from")));
+void ShowSessions(Cgi& cgi, const Visitor& visitor) {
+  // It is a number, whatever the visitor has sent.
+  const std::string from = str::Str(str::Int(QueryValue("from")));
   const Answer answer(cgi, {{"func", "session.list"}, {"from", from}});
   std::string rows;
   for (int number = 1;; ++number) {
     const std::string session = "/doc/session[" + str::Str(number) + "]";
     if (!answer.Has(session)) break;
-    rows += "<tr><td>" + answer.Html(session, "user") + " <small>" +
-            answer.Html(session, "note") + "</small></td><td>" +
-            answer.Html(session, "started") + "</td><td>" +
-            answer.Html(session, "address") + "</td></tr>\n";
+    rows += Row({Html(answer.Text(session, "user")) + " <small>" +
+                     Html(answer.Text(session, "note")) + "</small>",
+                 Html(answer.Text(session, "started")),
+                 Html(answer.Text(session, "address"))});
   }
-  SendPage("200 OK", "Sessions",
-           "<div class=\"card\"><table>\n<thead><tr><th>Name</th>"
-           "<th>Signed in</th><th>From</th></tr></thead>\n<tbody>\n" +
-               rows + "</tbody>\n</table>\n" + LinkToOlder(cgi, answer) +
-               "</div>\n",
-           Navigation(cgi, answer));
-}
-
-/// The back end compares the token.
-void SignOut(Cgi& cgi) {
-  cgi.Authorize(Cgi::AuthInfo::AuthAny);
-  const Answer answer(
-      cgi, {{"func", "session.end"}, {"token", FieldOf(cgi, "token")}});
-  SendRedirect("/panel?page=signin", std::string(kCookie) + "=; Max-Age=0");
-}
-
-void ShowUpload(Cgi& cgi, const Answer& answer,
-                const std::string& status = "200 OK",
-                const std::string& problem = "") {
-  ShowUploadForm(status, problem, answer.Html("/doc/own", "token"),
-                 kLargestUpload, Navigation(cgi, answer));
-}
-
-void ShowUpload(Cgi& cgi) {
-  const Answer answer(cgi, {{"func", "session.own"}});
-  if (cgi.auth().method == Cgi::AuthInfo::AuthCookie) {
-    return ShowUpload(cgi, answer);
+  const std::string older = Html(answer.Text("/doc/older", "number"));
+  if (!older.empty()) {
+    rows += Row({Link("/panel?page=sessions&amp;from=" + older, "Older")});
   }
-  SendPage(
-      "200 OK", "Upload",
-      "<p class=\"card\">To upload, please sign in with this browser.</p>\n",
-      Navigation(cgi, answer));
+  SendPage(200, "Sessions",
+           Table("<th>Name</th><th>Signed in</th><th>From</th>", rows),
+           Navigation(visitor));
 }
 
-/// What has become of an uploaded file.
-struct Upload {
-  std::string sent_name;
-  std::uintmax_t size;
-  std::string name;
-  std::string problem;  ///< Why it is not kept; empty when it is.
-};
+/// Returns the address of a page about a file or folder, for an attribute.
+std::string Address(const std::string& page, const fs::path& path) {
+  return "/panel?page=" + page + "&amp;path=" + str::url::Encode(path);
+}
 
-std::string UploadRows(const std::vector<Upload>& uploads) {
+std::string EntryRow(const fs::path& path, const std::string& name,
+                     const Entry& entry) {
+  std::string shown = Html(name);
+  if (entry.kind == "folder") shown = Link(Address("home", path / name), name);
+  if (entry.kind == "file") shown = Link(Address("file", path / name), name);
+  return Row({"<input type=\"checkbox\" name=\"name\" value=\"" + Html(name) +
+                  "\" aria-label=\"" + Html(name) + "\">",
+              shown, entry.kind == "file" ? str::Str(entry.size) : entry.kind});
+}
+
+std::string FolderForm(const fs::path& path, const Listing& listing,
+                       const Visitor& visitor) {
   std::string rows;
-  for (const Upload& upload : uploads) {
-    rows += "<tr><td>" + Escape(upload.sent_name) + "</td><td>" +
-            Escape(upload.problem.empty() ? upload.name
-                                          : "not kept: " + upload.problem) +
-            "</td><td class=\"numbers\">" + str::Str(upload.size) +
-            "</td></tr>\n";
+  for (const auto& [name, entry] : listing) rows += EntryRow(path, name, entry);
+  return BeginForm(Address("change", path), "files", visitor.token) +
+         Link(Address("home", path.parent_path()), "Up") +
+         Table("<th></th><th>Name</th><th>Bytes</th>", rows) +
+         "<p class=\"hint\">At most " + str::Str(kMostEntries) +
+         " are shown. Seen by <b id=\"account\">" + Html(visitor.account) +
+         "</b>, user " + str::Str(::getuid()) + R"(.</p>
+<label for="to">New name</label>
+<input id="to" name="to">
+<button name="action" value="folder">Make a folder</button>
+<button name="action" value="rename">Rename what is chosen</button>
+<button name="action" value="delete">Delete what is chosen</button>
+</form>
+)";
+}
+
+std::string UploadForm(const fs::path& path, const Visitor& visitor) {
+  const std::string address = Address("upload", path);
+  return BeginForm(address, "upload", visitor.token, kUploadForm) +
+         R"(<label for="uploads">Files to upload</label>
+<p class="hint" id="hint">Choose as many as you like, or drop them here: up to
+<data id="limit" value=")" +
+         str::Str(kLargestUpload) + "\">" + str::Str(kLargestUpload >> 20) +
+         R"(&nbsp;MB</data> together.</p>
+<input id="uploads" name="files" type="file" multiple required
+ aria-describedby="hint">
+<button id="send">Upload</button>
+</form>
+)";
+}
+
+void SendListing(const Listing& listing) {
+  std::string entries;
+  for (const auto& [name, entry] : listing) {
+    entries += (entries.empty() ? "{\"name\":" : ",{\"name\":") + Json(name) +
+               ",\"kind\":" + Json(entry.kind) +
+               ",\"size\":" + str::Str(entry.size) + "}";
   }
-  return rows;
+  SendJson(200, "{\"entries\":[" + entries + "]}");
 }
 
-bool IsKept(const Upload& upload) { return upload.problem.empty(); }
-
-void ShowUploaded(Cgi& cgi, const Answer& answer,
-                  const std::vector<Upload>& uploads) {
-  const bool all_kept = std::all_of(uploads.begin(), uploads.end(), IsKept);
-  SendPage(all_kept ? "200 OK" : "409 Conflict",
-           all_kept ? "Uploaded" : "Not all is kept",
-           "<div class=\"card\"><table>\n<thead><tr><th>Name</th>"
-           "<th>Kept as</th><th class=\"numbers\">Bytes</th></tr></thead>\n"
-           "<tbody>\n" +
-               UploadRows(uploads) +
-               "</tbody>\n<tfoot><tr><th>Together</th><th></th>"
-               "<th class=\"numbers\">" +
-               str::Str(cgi.GetFileSize()) +
-               "</th></tr></tfoot>\n</table>\n<p>"
-               "<a href=\"/panel?page=upload\">Upload more</a></p></div>\n",
-           Navigation(cgi, answer));
+void ShowFolder(const fs::path& path, const Visitor& visitor,
+                const std::string& problem = "") {
+  const Listing listing = ListFolder();
+  if (WantsJson()) return SendListing(listing);
+  SendPage(problem.empty() ? 200 : 409, path.empty() ? "Home" : path.string(),
+           ProblemText(problem) + FolderForm(path, listing, visitor) +
+               UploadForm(path, visitor),
+           Navigation(visitor));
 }
 
-/// Where the library hands the spooled uploads over to.
-std::vector<std::string> PathsInHome(const Cgi& cgi, const Account& account,
-                                     const std::vector<std::string>& names) {
-  std::vector<std::string> paths;
-  for (const std::string& name : names) {
-    const std::filesystem::path spooled = cgi.File(name);
-    paths.push_back(account.home / spooled.filename());
+void SignIn(Cgi& cgi) {
+  const Form form = ReadForm(cgi, kPlainForm, kLargestSignIn);
+  const std::string user = form.Value("user");
+  std::string session;
+  try {
+    const Answer answer(cgi, {{"func", "session.new"},
+                              {"user", user},
+                              {"password", form.Value("password")}});
+    session = answer.Text("/doc/session", "id");
+  } catch (const Refusal&) {
+    return ShowSignIn(403, "Name or password is wrong.", user);
   }
-  return paths;
+  Protect(Response::Redirect("/panel")).SetCookie({kCookie, session}).Send("");
 }
 
-/// Becomes the account and moves the uploads from where the library has handed
-/// them over to the names that they are to have.
-std::vector<Upload> KeepUploads(Cgi& cgi, const Account& account,
-                                const UploadSpool& spool,
-                                const std::vector<std::string>& names) {
-  std::vector<Upload> uploads;
-  uploads.reserve(names.size());
-  for (const std::string& name : names) {
-    uploads.push_back({name, std::filesystem::file_size(cgi.File(name)),
-                       NameToKeep(name), ""});
+void SignOut(Cgi& cgi, const Visitor& visitor) {
+  RequireToken(ReadForm(cgi, kPlainForm, kLargestSignIn), visitor);
+  const Answer answer(cgi, {{"func", "session.end"}, {"token", visitor.token}});
+  Protect(Response::Redirect("/panel"))
+      .SetCookie({.name = kCookie, .value = "", .max_age = 0})
+      .Send("");
+}
+
+/// Returns ProblemWith() each upload.
+std::string KeepUploads(const Form& form) {
+  if (form.uploads().empty()) throw Refusal(400, "No file has been chosen.");
+  std::string problems;
+  for (const Form::Upload& upload : form.uploads()) {
+    const std::string path = form.Path(upload);
+    problems += Keep(path, upload.name);
+    ::unlink(path.c_str());
   }
-  spool.AlsoRemove(PathsInHome(cgi, account, names));
-  BecomeAccount(cgi, account);
-  for (Upload& upload : uploads) {
-    upload.problem = Keep(HandedOver(cgi.File(upload.sent_name)), upload.name);
+  return problems;
+}
+
+/// Returns ProblemWith() each file that is chosen.
+std::string Change(const Form& form) {
+  const std::string action = form.Value("action");
+  const std::string to = form.Value("to");
+  if (action == "folder") return ProblemWith(to, ::mkdir(Checked(to), 0777));
+  const std::vector<std::string> chosen = form.Values("name");
+  if (chosen.empty()) throw Refusal(400, "No file has been chosen.");
+  if (action == "rename" && chosen.size() == 1) {
+    const char* const from = Checked(chosen.front());
+    return ProblemWith(to, ::renameat2(AT_FDCWD, from, AT_FDCWD, Checked(to),
+                                       RENAME_NOREPLACE));
   }
-  return uploads;
-}
-
-std::string SpoolFolder() {
-  const std::string folder = tov_env::GetEnv("PANEL_SPOOL");
-  return folder.empty() ? "/tmp" : folder;
-}
-
-/// No other site knows the token.
-bool IsFromOwnPage(Cgi& cgi, const Answer& answer) {
-  const std::string token = FieldOf(cgi, "token");
-  return !token.empty() && token == answer.Text("/doc/own", "token");
-}
-
-/// How the web server cuts a body can cost parts of it. The page's script tells
-/// how much it sends, so that this does not go unnoticed.
-bool HasArrivedWhole(Cgi& cgi, std::size_t count) {
-  const std::string announced = cgi.Param("announced");
-  return announced.empty() ||
-         announced == str::Str(count) + " " + str::Str(cgi.GetFileSize());
-}
-
-/// First who, then how much, and only then the body: a stranger must not be
-/// able to fill the disk. The back end is asked for the token before that too,
-/// since parameters of the body can add to a query.
-void TakeUpload(Cgi& cgi) {
-  cgi.Authorize(Cgi::AuthInfo::AuthCookie);
-  const Answer answer(cgi, {{"func", "session.own"}});
-  const Account account = AccountOf(answer);
-  CheckConfinement(account);
-  cgi.CheckContentLength(kLargestUpload);
-  const UploadSpool spool(SpoolFolder());
-  cgi.SetTmpDir(spool.Path());
-  if (!IsFromOwnPage(cgi, answer)) throw Refusal();
-
-  std::vector<std::string> names;
-  cgi.GetFileNames(names);
-  if (!HasArrivedWhole(cgi, names.size())) {
-    return ShowUpload(cgi, answer, "400 Bad Request",
-                      "A part was lost on the way. Please try again.");
+  if (action != "delete") throw Refusal(400, "Please choose one file.");
+  std::string problems;
+  for (const std::string& name : chosen) {
+    problems += ProblemWith(name, std::remove(Checked(name)));
   }
-  if (names.empty()) {
-    return ShowUpload(cgi, answer, "400 Bad Request",
-                      "No file has been chosen.");
+  return problems;
+}
+
+/// The account reads the form, and uploads come to lie in the folder that they
+/// are for.
+void ChangeFolder(Cgi& cgi, bool is_upload, const Visitor& visitor) {
+  const std::string path = QueryValue("path");
+  BecomeAccountOf(visitor, cgi);
+  EnterFolder(path);
+  cgi.SetTmpDir(".");
+  const Form form = is_upload ? ReadForm(cgi, kUploadForm, kLargestUpload)
+                              : ReadForm(cgi, kPlainForm, kLargestForm);
+  RequireToken(form, visitor);
+  const std::string problems = is_upload ? KeepUploads(form) : Change(form);
+  if (WantsJson()) return SendProblem(problems.empty() ? 200 : 409, problems);
+  if (!problems.empty()) return ShowFolder(path, visitor, problems);
+  const std::string here = "/panel?page=home&path=" + str::url::Encode(path);
+  Protect(Response::Redirect(here)).Send("");
+}
+
+void ShowPage(Cgi& cgi, const std::string& page, const Visitor& visitor) {
+  if (page.empty() || page == "whoami") return ShowWhoAmI(cgi, visitor);
+  if (page == "sessions") return ShowSessions(cgi, visitor);
+  if (page != "home" && page != "file") throw Refusal(404);
+  const std::string path = QueryValue("path");
+  BecomeAccountOf(visitor, cgi);
+  if (page == "file") return SendFile(path);
+  EnterFolder(path);
+  ShowFolder(path, visitor);
+}
+
+void AnswerRequest(Cgi& cgi) {
+  const std::string method = zan_cgi::Method();
+  const std::string page = QueryValue("page");
+  const bool is_post = method == "POST";
+  if (!is_post && method != "GET" && method != "HEAD") throw Refusal(405);
+  if (is_post && !zan_cgi::IsSameSite()) {
+    throw Refusal(403, "Another site has sent this request.");
   }
-  ShowUploaded(cgi, answer, KeepUploads(cgi, account, spool, names));
-}
-
-bool HasSession(Cgi& cgi) {
-  return !cgi.Cookie(kCookie).empty() || !FieldOf(cgi, "auth").empty();
-}
-
-void AskToSignIn() { ShowSignIn("403 Forbidden", "Please sign in first.", ""); }
-
-void ShowNotFound() {
-  SendPage("404 Not Found", "Not found",
-           "<p class=\"card\">There is no page of this name.</p>\n");
-}
-
-void TakePost(Cgi& cgi) {
-  const std::string page = PageOf(cgi);
-  if (!IsFromOwnSite()) {
-    return ShowError("403 Forbidden", "Another site has sent this request.",
-                     "Nothing has been done.", Way::kPanel);
+  if (page == "signin") return is_post ? SignIn(cgi) : ShowSignIn(200);
+  if (cgi.Cookie(kCookie).empty()) {
+    if (!is_post && page.empty()) return ShowSignIn(200);
+    throw Refusal(403, "Please sign in first.");
   }
-  if (page == "upload") {
-    return cgi.Cookie(kCookie).empty() ? AskToSignIn() : TakeUpload(cgi);
-  }
-  if (page != "signin" && page != "signout") return ShowNotFound();
-  cgi.CheckContentLength(kLargestForm);
-  if (!IsPlainForm()) {
-    return ShowError("415 Unsupported Media Type", "This form cannot be read.",
-                     "Please use the panel's own.");
-  }
-  if (page == "signin") return SignIn(cgi);
-  HasSession(cgi) ? SignOut(cgi) : AskToSignIn();
-}
-
-void ShowPage(Cgi& cgi) {
-  const std::string page = PageOf(cgi);
-  if (page == "signin") return ShowSignIn("200 OK", "", "");
-  if (!HasSession(cgi)) {
-    return page.empty() ? ShowSignIn("200 OK", "", "") : AskToSignIn();
-  }
-  cgi.Authorize(Cgi::AuthInfo::AuthAny);
-  if (page.empty() || page == "whoami") return ShowWhoAmI(cgi);
-  if (page == "home") return ShowHome(cgi);
-  if (page == "sessions") return ShowSessions(cgi);
-  if (page == "upload") return ShowUpload(cgi);
-  ShowNotFound();
-}
-
-/// A text that names paths and the like is for the administrator, who finds it
-/// in the web server's error log.
-void ReportError(const std::string& status, const std::string& problem,
-                 const std::string& help, const std::exception& error,
-                 Way way = Way::kSignIn) {
-  if (log.Check(tov_log::Error)) {
-    log.Write(tov_log::Error, "%s", error.what());
-  }
-  ShowError(status, problem, help, way);
-}
-
-/// What a visitor is told about an exception that the library throws under a
-/// fixed message.
-struct Explanation {
-  const char* message;  ///< How the exception's text begins.
-  const char* status;
-  const char* help;
-  Way way = Way::kSignIn;
-};
-
-constexpr char kInPart[] =
-    "Your request has arrived in part only. Please try again.";
-constexpr char kNotUnderstood[] =
-    "The service behind this panel cannot make sense of this request, or the "
-    "panel of its answer.";
-
-constexpr Explanation kExplanations[] = {
-    {"bad request method", "405 Method Not Allowed",
-     "This panel answers GET, HEAD and POST only."},
-    {"You do not authorized", "403 Forbidden",
-     "Your session has ended, or it lacks the right."},
-    {"Post data too large", "413 Content Too Large",
-     "Please send less at a time.", Way::kUpload},
-    {"error writing temporary file", "507 Insufficient Storage",
-     "There is no room for your files at the moment. Please tell the panel's "
-     "administrator.",
-     Way::kUpload},
-    {"timeout", "408 Request Timeout",
-     "Nothing more has come from you for 30 seconds. Please try again.",
-     Way::kUpload},
-    {"Error reading STDIN", "400 Bad Request", kInPart, Way::kUpload},
-    {"POST read failed", "400 Bad Request", kInPart, Way::kUpload},
-    {"Element value size", "400 Bad Request",
-     "A line of this form is longer than this panel takes.", Way::kUpload},
-    {"On getting element value", "400 Bad Request",
-     "This form holds a value without a name.", Way::kUpload},
-    {"unknown authorization error", "502 Bad Gateway", kNotUnderstood},
-    {"bad answer from", "502 Bad Gateway", kNotUnderstood},
-};
-
-void ShowFailure(const std::exception& error) {
-  ReportError("500 Internal Server Error", "The panel has failed.",
-              "Please tell its administrator.", error);
-}
-
-void ShowRequestError(const std::exception& error) {
-  const std::string message = error.what();
-  for (const Explanation& known : kExplanations) {
-    if (message.starts_with(known.message)) {
-      return ShowError(known.status, message, known.help, known.way);
-    }
-  }
-  ShowFailure(error);
-}
-
-/// No proxy stands before this web server: an address that claims to have been
-/// forwarded, in whatever spelling of the header, is the browser's invention.
-void DistrustForwardedAddress() { ::unsetenv("HTTP_X_FORWARDED_FOR"); }
-
-/// The library knows GET and POST only.
-void TakeHeadForGet() {
-  if (IsHead()) ::setenv("REQUEST_METHOD", "GET", 1);
+  const Visitor visitor = Authorize(cgi);
+  if (!is_post) return ShowPage(cgi, page, visitor);
+  if (page == "signout") return SignOut(cgi, visitor);
+  if (page != "upload" && page != "change") throw Refusal(404);
+  ChangeFolder(cgi, page == "upload", visitor);
 }
 
 void ServeRequest(const char* program) {
   try {
-    Cgi cgi(program, kBackend);
-    if (IsPost()) {
-      TakePost(cgi);
-    } else {
-      ShowPage(cgi);
+    Cgi cgi(program, "panel");
+    try {
+      AnswerRequest(cgi);
+    } catch (...) {
+      DropBody(cgi);
+      throw;
     }
-  } catch (const AccountProblem& error) {
-    ReportError(error.Status(), error.Problem(),
-                "Please ask the panel's administrator.", error, Way::kPanel);
-  } catch (const tov_err::Value& error) {
-    ReportError("400 Bad Request", "This request cannot be passed on.",
-                "It holds a value that is not allowed.", error);
-  } catch (const tov_err::AssertError& error) {
-    ReportError("500 Internal Server Error", "The panel is set up wrongly.",
-                "Please tell its administrator.", error);
-  } catch (const tov_err::Error& error) {
-    ReportError("502 Bad Gateway",
-                "The service behind this panel does not answer.",
-                "Please try again in a minute.", error);
-  } catch (const std::runtime_error& error) {
-    ShowRequestError(error);
+  } catch (const Refusal& refusal) {
+    ShowError(refusal.status, refusal.what());
   } catch (const std::exception& error) {
-    ShowFailure(error);
+    const int status = zan_cgi::StatusOf(error);
+    const auto level = status < 500 ? tov_log::Warning : tov_log::Error;
+    // The text may name paths: it is for the administrator.
+    if (log.Check(level)) log.Write(level, "%s", error.what());
+    ShowError(status);
   }
 }
 
@@ -535,8 +375,10 @@ void ServeRequest(const char* program) {
 }  // namespace panel
 
 int main(int argc, char** argv) {
-  panel::LimitResources();
-  panel::DistrustForwardedAddress();
-  panel::TakeHeadForGet();
+  // The back end's answer is held in memory whole, however long it is.
+  const rlimit memory{256UL << 20, 256UL << 20};
+  ::setrlimit(RLIMIT_AS, &memory);
+  // There is no proxy: an address "forwarded" is the browser's invention.
+  ::unsetenv("HTTP_X_FORWARDED_FOR");
   panel::ServeRequest(argc > 0 ? argv[0] : "");
 }

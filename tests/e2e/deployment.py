@@ -508,7 +508,8 @@ class Site:
     def request(self, method, query, headers=(), body=None):
         connection = http.client.HTTPConnection(self.host, self.port, timeout=150)
         try:
-            connection.request(method, f"{self.path}?{query}", body, dict(headers))
+            origin = {"Origin": f"http://{self.host}:{self.port}"}
+            connection.request(method, f"{self.path}?{query}", body, {**origin, **dict(headers)})
             return Answer(connection.getresponse())
         finally:
             connection.close()
@@ -536,6 +537,7 @@ class Site:
         """A connection on which so much of the body has come."""
         client = socket.create_connection((self.host, self.port), timeout=60)
         head = f"POST {self.path}?{query} HTTP/1.1\r\nHost: panel\r\nContent-Length: {length}\r\n"
+        head += "Origin: http://panel\r\n"
         head += "".join(f"{name}: {value}\r\n" for name, value in headers.items())
         client.sendall(head.encode() + b"\r\n" + sent)
         return client

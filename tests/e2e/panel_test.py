@@ -61,7 +61,7 @@ class SignIn(VisitTest):
         with socket.create_connection(("127.0.0.1", self.panel.port)) as stranger:
             stranger.sendall(head.encode() + b"user=")
             time.sleep(0.5)
-            self.assertEqual(self.panel.front_processes(), {})
+            self.assertEqual(self.panel.front_processes(), [])
 
     def test_neither_password_nor_session_is_stored(self):
         session = self.panel.sign_in()
@@ -72,22 +72,16 @@ class SignIn(VisitTest):
 
 
 class Session(VisitTest):
-    def test_is_taken_from_the_cookie_or_else_from_the_parameters(self):
+    def test_is_taken_from_the_cookie_alone(self):
         session = self.panel.sign_in()
         level = f"<dd>{self.panel.level}</dd>"
-        cookie = {"Cookie": "panelses5=" + session}
-        for headers, items, *texts in (
-            (cookie, {}, level, "the cookie"),
-            ({}, {"auth": session}, "the parameters", "&amp;auth=" + session),
-            (cookie, {"auth": "wrong"}, "the cookie"),
-        ):
-            answer = self.panel.request(headers=headers, page="whoami", **items)
-            self.assert_sees_own_name(answer, *texts)
+        self.assert_sees_own_name(self.panel.with_session(session, auth="wrong"), level)
+        answer = self.panel.request(page="whoami", auth=session)
+        self.assert_page(answer, 403, "Please sign in first.")
 
     def test_that_nobody_has_is_refused(self):
         made_up = secrets.token_hex(16)
         self.assert_refused(self.panel.with_session(made_up, page="whoami"))
-        self.assert_refused(self.panel.request(page="whoami", auth=made_up))
 
     def test_ends_after_a_day_of_work(self):
         session = self.panel.sign_in()
@@ -139,7 +133,7 @@ class ListOfSessions(VisitTest):
             answer = self.panel.with_session(session, **query)
             self.assert_page(answer, 200)
             yield re.findall("<tr><td>(.*?) <small>", answer.body)
-            older = re.search(r'page=sessions&amp;from=(\d+)">Older sessions', answer.body)
+            older = re.search(r'page=sessions&amp;from=(\d+)">Older<', answer.body)
             query = {"page": "sessions", "from": older.group(1)} if older else None
 
     def test_is_shown_by_the_hundred_with_the_newest_first(self):
@@ -166,7 +160,7 @@ class SignOut(VisitTest):
         other = self.panel.sign_in()
         done = self.panel.sign_out(session, self.panel.token(session))
         self.assertEqual(done.status, 303)
-        self.assertIn("panelses5=; Max-Age=0", done.headers["Set-Cookie"])
+        self.assertRegex(done.headers["Set-Cookie"], "^panelses5=; .*Max-Age=0")
         self.assert_refused(self.panel.with_session(session, page="whoami"))
         self.assert_sees_own_name(self.panel.with_session(other, page="whoami"))
 
@@ -176,19 +170,12 @@ class SignOut(VisitTest):
             self.assert_refused(self.panel.sign_out(session, token))
         self.assert_sees_own_name(self.panel.with_session(session, page="whoami"))
 
-    def test_with_the_session_in_the_parameters(self):
-        session = self.panel.sign_in()
-        token = self.panel.request(page="whoami", auth=session).token()
-        done = self.panel.send_form("signout", token=token, auth=session)
-        self.assertEqual(done.status, 303)
-        self.assert_refused(self.panel.request(page="whoami", auth=session))
-
 
 class Request(VisitTest):
     def test_for_an_unknown_page(self):
         session = self.panel.sign_in()
         self.assert_page(self.panel.with_session(session, page="nonsense"), 404)
-        for page in ("nonsense", "whoami", "", "upload&page=signin"):
+        for page in ("nonsense", "whoami", ""):
             answer = self.panel.request(
                 "POST", {"Cookie": "panelses5=" + session}, "a=1", "/panel?page=" + page
             )
@@ -198,8 +185,7 @@ class Request(VisitTest):
         for method in ("PUT", "DELETE"):
             answer = self.panel.request(method, body="a=1")
             self.assertEqual(answer.status, 405)
-            self.assertEqual(answer.headers["Allow"], "GET, HEAD, POST")
-            self.assertIn(f"bad request method '{method}'", html.unescape(answer.body))
+            self.assertIn("This panel answers GET, HEAD and POST only.", answer.body)
 
     def test_with_odd_text_anywhere_is_answered(self):
         session = self.panel.sign_in()
@@ -207,22 +193,11 @@ class Request(VisitTest):
             self.assert_page(self.panel.sign_out(session, odd), 403)
             # Of these lighttpd refuses some by itself.
             encoded = urllib.parse.quote(odd)
-            for request in (
-                {"HTTP_COOKIE": b"panelses5=" + urllib.parse.unquote_to_bytes(encoded)},
-                {"QUERY_STRING": f"auth={encoded}"},
-            ):
-                if "%00" not in encoded:
-                    answer = run_front(self.panel.socket.parent, **request)
-                    self.assertIn("Status: 403 Forbidden\n", answer)
+            cookie = b"panelses5=" + urllib.parse.unquote_to_bytes(encoded)
+            if "%00" not in encoded:
+                answer = run_front(self.panel.socket.parent, HTTP_COOKIE=cookie)
+                self.assertIn("Status: 403 Forbidden", answer)
         self.assertNotIn("Traceback", self.panel.logs()["backend.log"])
-
-    def test_with_a_zero_byte_cannot_be_passed_on(self):
-        self.assertEqual(self.panel.request(auth="\0").status, 400)
-        # Not every web server refuses it.
-        for query in ("auth=%00", "auth=x&sfrom=%00"):
-            answer = run_front(self.panel.socket.parent, QUERY_STRING=query)
-            self.assertIn("Status: 400 Bad Request\n", answer)
-            self.assertIn("This request cannot be passed on.", answer)
 
     def test_with_markup_stays_text(self):
         name = "<script>alert(1)</script>\"'&"
@@ -232,24 +207,14 @@ class Request(VisitTest):
         answers.append(self.panel.send_sign_in(name, "wrong"))
         for answer in answers:
             self.assertIn(name, html.unescape(answer.body))
-            self.assertNotIn("<script", answer.body)
-        answer = self.panel.request(page="whoami", auth='"><script>')
-        self.assertNotIn("<script", answer.body)
+            self.assertNotIn("<script>", answer.body)
 
-    def test_that_injects_a_second_function_is_refused(self):
-        session = self.panel.sign_in()
-        for added in ("x&func=session.end", "x&func=user.delete"):
-            answer = self.panel.with_session(session, page="whoami", sfrom=added)
-            self.assert_page(answer, 502, "unknown authorization error")
-            answer = self.panel.request(page="whoami", auth=f"{session}&sfrom={added}")
-            self.assert_page(answer, 502, "unknown authorization error")
-        self.assert_sees_own_name(self.panel.with_session(session, page="whoami"))
-
-    def test_that_injects_another_session_is_refused(self):
+    def test_that_would_add_to_a_query_adds_nothing(self):
         own = self.panel.sign_in()
-        planted = self.panel.sign_in()
-        answer = self.panel.with_session(own, page="whoami", sfrom=f"x&auth={planted}")
-        self.assert_page(answer, 502, "unknown authorization error")
+        planted = self.panel.new_session("somebody else", "")
+        for added in ("x&func=session.end", f"x&auth={planted}"):
+            answer = self.panel.with_session(own, page="whoami", sfrom=added)
+            self.assert_sees_own_name(answer)
 
     def test_that_injects_into_the_sign_in_is_not_blamed_on_the_password(self):
         answer = self.panel.send_sign_in(sfrom="x&func=whoami")
@@ -258,17 +223,19 @@ class Request(VisitTest):
 
 
 class Page(VisitTest):
-    def test_forbids_scripts_and_storing(self):
+    def test_forbids_scripts_of_others_and_storing(self):
         for answer in (self.panel.request(), self.panel.request("POST")):
-            self.assertIn("default-src 'none'", answer.headers["Content-Security-Policy"])
+            policy = answer.headers["Content-Security-Policy"]
+            self.assertTrue(policy.startswith("default-src 'none'; "), policy)
+            self.assertNotIn("unsafe", policy)
             self.assertEqual(answer.headers["Cache-Control"], "no-store")
             self.assertEqual(answer.headers["Referrer-Policy"], "same-origin")
 
     def test_is_at_one_address_only(self):
         for path in ("/panelx", "/panel/", "/panel/x", "/panel../front"):
-            self.assertIn(self.panel.request(path=path).status, (403, 404), path)
-        self.assertEqual(self.panel.request(path="/").headers["Location"], "/panel")
-        self.assertEqual(self.panel.request(path="/panel.css").status, 200)
+            self.assertIn(self.panel.request(at=path).status, (403, 404), path)
+        self.assertEqual(self.panel.request(at="/").headers["Location"], "/panel")
+        self.assertEqual(self.panel.request(at="/panel.css").status, 200)
 
 
 class BackEnd(unittest.TestCase):

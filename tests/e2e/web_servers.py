@@ -124,7 +124,7 @@ class WebServer:
     def _identity(self):
         if os.geteuid() != 0:
             return {}
-        return {"user": NOBODY, "group": NOBODY, "extra_groups": []}
+        return {"user": NOBODY, "group": NOBODY, "extra_groups": [NOBODY]}
 
     def _give_away(self, path):
         if os.geteuid() == 0:

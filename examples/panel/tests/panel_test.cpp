@@ -56,9 +56,7 @@ bool Holds(const std::string& text, const std::string& part) {
 class Panel : public testing::TestWithParam<bool> {
  protected:
   Panel() : backend_("panel"), front_(Place()) {
-    front_.With(backend_)
-        .Env("LD_LIBRARY_PATH", folder_.Path())
-        .Env("PANEL_SPOOL", front_.TmpDir());
+    front_.With(backend_).Env("LD_LIBRARY_PATH", folder_.Path());
     backend_.On("whoami", Document(R"(<user name="alice" level="7"/>)"))
         .On("session.own", Document(R"(<own started="today" token="t0k3n")"
                                     R"( account="nobody"/>)"));
@@ -75,7 +73,8 @@ class Panel : public testing::TestWithParam<bool> {
   Response Serve(const Request& request) {
     Response response = front_.Run(request);
     EXPECT_EQ(response.Complaints(), "") << response.standard_error;
-    EXPECT_TRUE(response.body.empty() || Holds(response.body, "</html>\n"))
+    EXPECT_TRUE(response.body.empty() || response.body.front() == '{' ||
+                Holds(response.body, "</html>\n"))
         << response.body;
     return response;
   }
@@ -85,20 +84,23 @@ class Panel : public testing::TestWithParam<bool> {
   }
 
   static Request SignIn(const std::string& user, const std::string& password) {
-    return Post("/panel", "page=signin")
+    return FromOwnPage(Post("/panel", "page=signin"))
         .Fields({{"user", user}, {"password", password}});
   }
 
   static Request SignOut() {
-    return Post("/panel", "page=signout").Fields({{"token", "t0k3n"}});
+    return FromOwnPage(Post("/panel", "page=signout"))
+        .Fields({{"token", "t0k3n"}});
   }
 
-  static Request Upload(const std::string& token, const std::string& content) {
+  static Request Upload() {
     return SignedIn(
-        Post("/panel", "page=upload")
-            .Multipart(Form()
-                           .Field("token", token)
-                           .File("files", "a.txt", content, "text/plain")));
+        FromOwnPage(Post("/panel", "page=upload"))
+            .Multipart(Form().Field("token", "t0k3n").File("files", "a", "1")));
+  }
+
+  static Request FromOwnPage(Request request) {
+    return request.Header("Sec-Fetch-Site", "same-origin");
   }
 
   Backend backend_;
@@ -152,9 +154,11 @@ TEST_P(Panel, SignsIn) {
 
 TEST_P(Panel, SetsASecureCookieUnderEncryptionOnly) {
   backend_.On("session.new", Document(R"(<session id="5e55"/>)"));
-  const std::string plain = "panelses5=5e55; Path=/; HttpOnly; SameSite=Strict";
-  for (const auto& [https, cookie] :
-       {std::pair("on", plain + "; Secure"), {"off", plain}, {"", plain}}) {
+  const std::string begin = "panelses5=5e55; Path=/; ";
+  const std::string end = "HttpOnly; SameSite=Strict";
+  for (const auto& [https, cookie] : {std::pair("on", begin + "Secure; " + end),
+                                      {"off", begin + end},
+                                      {"", begin + end}}) {
     const Response response =
         Serve(SignIn("alice", "password").Variable("HTTPS", https));
     EXPECT_EQ(response.Header("Set-Cookie"), cookie) << https;
@@ -166,8 +170,8 @@ TEST_P(Panel, SignsOutByPost) {
   const Response response = Serve(SignedIn(SignOut()));
   EXPECT_EQ(response.status, 303);
   EXPECT_EQ(response.Header("Set-Cookie"),
-            "panelses5=; Max-Age=0; Path=/; HttpOnly; SameSite=Strict");
-  ASSERT_EQ(backend_.Queries().size(), 2U);
+            "panelses5=; Path=/; Max-Age=0; HttpOnly; SameSite=Strict");
+  ASSERT_EQ(backend_.Queries().size(), 3U);
   EXPECT_EQ(backend_.Queries().back().Item("token"), "t0k3n");
 }
 
@@ -177,55 +181,31 @@ TEST_P(Panel, DoesNotSignOutByGet) {
       Serve(SignedIn(Get("/panel", "page=signout&token=t0k3n")));
   EXPECT_EQ(response.status, 404);
   for (const auto& query : backend_.Queries()) {
-    EXPECT_EQ(query.Item("func"), "whoami");
+    EXPECT_NE(query.Item("func"), "session.end");
   }
 }
 
 TEST_P(Panel, RefusesRequestsThatOtherSitesHaveCaused) {
-  for (const auto& [header, value] :
-       {std::pair("Sec-Fetch-Site", "cross-site"),
-        {"Sec-Fetch-Site", "same-site"},
-        {"Sec-Fetch-Site", "same-origin, cross-site"},
-        {"Origin", "null"},
-        {"Origin", "http://elsewhere"},
-        {"Origin", "http://localhost:81"},
-        {"Origin", "localhost"}}) {
-    for (Request request : {SignIn("alice", "password"), SignedIn(SignOut()),
-                            Upload("t0k3n", "content")}) {
-      request.Header("Host", "localhost").Header(header, value);
-      const Response response = Serve(request);
-      EXPECT_EQ(response.status, 403) << header << ": " << value;
-      EXPECT_TRUE(Holds(response.body, "Another site has sent this request."));
-    }
+  for (const Request& request :
+       {SignIn("alice", "password"), SignedIn(SignOut()), Upload()}) {
+    const Response response =
+        Serve(Request(request).Header("Sec-Fetch-Site", "cross-site"));
+    EXPECT_EQ(response.status, 403);
+    EXPECT_TRUE(Holds(response.body, "Another site has sent this request."));
   }
   EXPECT_EQ(backend_.Queries().size(), 0U);
 }
 
-TEST_P(Panel, TakesRequestsOfItsOwnPagesAndOfClientsThatAreNoBrowsers) {
-  backend_.On("session.new", Document(R"(<session id="5e55"/>)"));
-  for (const auto& [header, value] :
-       {std::pair("Sec-Fetch-Site", "same-origin"),
-        {"Sec-Fetch-Site", "none"},
-        {"Origin", "http://localhost:81"},
-        {"Origin", "https://localhost:81"},
-        {"Accept", "*/*"}}) {
-    Request request = SignIn("alice", "password");
-    request.Header("Host", "localhost:81").Header(header, value);
-    EXPECT_EQ(Serve(request).status, 303) << header << ": " << value;
-  }
-}
-
 TEST_P(Panel, AsksVisitorsWithoutASessionToSignIn) {
   for (const Request& request :
-       {Get("/panel", "page=whoami"), Get("/panel", "page=home&auth="),
+       {Get("/panel", "page=whoami"), Get("/panel", "page=home&auth=5e55"),
         Get("/panel", "page=sessions").Cookie("panelses5", ""),
         Get("/panel", "page=nonsense"), SignOut(),
-        SignOut().Cookie("panelses5", ""),
-        Upload("t0k3n", "content").Cookie("panelses5", "")}) {
+        SignOut().Cookie("panelses5", ""), Upload().Cookie("panelses5", "")}) {
     const Response response = Serve(request);
     EXPECT_EQ(response.status, 403);
     EXPECT_TRUE(Holds(response.body, "Please sign in first."));
-    EXPECT_TRUE(Holds(response.body, "type=\"password\""));
+    EXPECT_TRUE(Holds(response.body, "page=signin"));
   }
   EXPECT_EQ(backend_.Queries().size(), 0U);
 }
@@ -238,6 +218,11 @@ TEST_P(Panel, AnswersAHeadWithTheHeaderOfItsPage) {
     EXPECT_EQ(head.fields, page.fields) << query;
     EXPECT_EQ(head.body, "");
   }
+}
+
+TEST_P(Panel, TakesNoOtherMethod) {
+  EXPECT_EQ(Serve(SignedIn(Request("PUT", "/panel"))).status, 405);
+  EXPECT_EQ(backend_.Queries().size(), 0U);
 }
 
 TEST_P(Panel, ShowsSessionsPageByPage) {
@@ -271,8 +256,15 @@ TEST_P(Panel, TellsOfAWrongPasswordAndKeepsTheNameHarmless) {
 TEST_P(Panel, TakesNoSignInThatIsLargerThanOneCanBe) {
   const Response response = Serve(SignIn("alice", std::string(4096, 'x')));
   EXPECT_EQ(response.status, 413);
-  EXPECT_TRUE(
-      Holds(response.body, "Post data too large. Max allowed length is 4KB"));
+  EXPECT_TRUE(Holds(response.body, "Please send less at a time."));
+  EXPECT_EQ(backend_.Queries().size(), 0U);
+}
+
+TEST_P(Panel, TakesASignInThatCanBringNoFile) {
+  const Form form = Form().Field("user", "alice").File("f", "name", "1");
+  const Response response =
+      Serve(FromOwnPage(Post("/panel", "page=signin")).Multipart(form));
+  EXPECT_EQ(response.status, 415);
   EXPECT_EQ(backend_.Queries().size(), 0U);
 }
 
@@ -287,8 +279,8 @@ TEST_P(Panel, ShowsWhoIsSignedInWithoutBelievingTheBackEnd) {
 TEST_P(Panel, TurnsARefusedSessionAway) {
   backend_.On("whoami", NoAccess());
   for (const Request& request :
-       {SignedIn(Get("/panel")), SignedIn(Get("/panel", "page=upload")),
-        Upload("t0k3n", "content")}) {
+       {SignedIn(Get("/panel")), SignedIn(Get("/panel", "page=home")),
+        Upload()}) {
     const Response response = Serve(request);
     EXPECT_EQ(response.status, 403);
     EXPECT_TRUE(Holds(response.body, "page=signin"));
@@ -309,37 +301,23 @@ TEST_P(Panel, DoesNotBelieveTheAddressThatAClientClaims) {
   EXPECT_FALSE(Holds(query.raw, "10.1.2.3"));
 }
 
-TEST_P(Panel, RefusesAnUploadAboveItsLimitBeforeAllOfItHasCome) {
-  const Response response = Serve(Upload("t0k3n", "begin")
-                                      .Header("Content-Length", "104857601")
-                                      .By(Delivery::StallingPipe));
-  EXPECT_EQ(response.status, 413);
-  EXPECT_TRUE(Holds(response.body, "Post data too large"));
+TEST_P(Panel, TellsOnlyTheAdministratorWhyItHasNotBecomeTheAccount) {
+  for (const char* account : {"", "root", "of-nobody"}) {
+    backend_.On("session.own", Document(std::string(R"(<own token="t0k3n")") +
+                                        R"( account=")" + account + "\"/>"));
+    const Response response = Serve(Upload());
+    EXPECT_EQ(response.status, 403);
+    EXPECT_FALSE(Holds(response.body, "of-nobody"));
+    EXPECT_EQ(response.log.empty(), account[0] == '\0') << account;
+  }
 }
 
-TEST_P(Panel, TakesNoUploadFromAnotherSite) {
-  const Response response = Serve(Upload("guessed", "content"));
-  EXPECT_EQ(response.status, 403);
-}
-
-TEST_P(Panel, LeavesNothingOfAnUploadThatStallsUntilItIsEnded) {
-  front_.TimeLimit(std::chrono::seconds(1));
+TEST_P(Panel, AnswersItsScriptInJson) {
   const Response response =
-      front_.Run(Upload("t0k3n", std::string(300'000, 'x'))
-                     .Header("Content-Length", "1000000")
-                     .By(Delivery::StallingPipe));
-  EXPECT_TRUE(response.timed_out);
-  EXPECT_EQ(response.left_files.size(), 0U) << response.left_files.front();
-  EXPECT_EQ(response.left_processes.size(), 0U);
-}
-
-TEST_P(Panel, TellsOnlyTheAdministratorAboutItsSetUp) {
-  front_.Env("PANEL_SPOOL", "/nowhere/<b>");
-  const Response response = Serve(Upload("t0k3n", "content"));
-  EXPECT_EQ(response.status, 500);
-  EXPECT_FALSE(Holds(response.body, "nowhere"));
-  ASSERT_EQ(response.Logged(kLogError).size(), 1U);
-  EXPECT_TRUE(Holds(response.Logged(kLogError).front(), "/nowhere/<b>"));
+      Serve(Get("/panel", "page=home").Header("Accept", "application/json"));
+  EXPECT_EQ(response.status, 403);
+  EXPECT_EQ(response.Header("Content-Type"), "application/json");
+  EXPECT_EQ(response.body, "{\"problem\":\"Please sign in first.\"}\n");
 }
 
 TEST_P(Panel, SaysSoWhenItsBackEndIsDown) {
@@ -364,16 +342,11 @@ TEST_P(Panel, SaysSoWhenItsBackEndBreaksOffFourTimes) {
 }
 
 TEST_P(Panel, SaysSoWhenItsBackEndTalksNonsense) {
-  constexpr const char* kBadAnswer = "bad answer from &#39;panel&#39;";
-  for (const auto& [answer, text] : {std::pair("", kNoAnswer),
-                                     {"nonsense", kBadAnswer},
-                                     {"<b>no XML", kBadAnswer},
-                                     {"<doc", kBadAnswer},
-                                     {"<html/>", kBadAnswer}}) {
+  for (const char* answer : {"", "nonsense", "<b>no XML", "<doc", "<html/>"}) {
     backend_.On("whoami", Answer(answer));
     const Response response = Serve(SignedIn(Get("/panel")));
     EXPECT_EQ(response.status, 502) << answer;
-    EXPECT_TRUE(Holds(response.body, text)) << answer << response.body;
+    EXPECT_TRUE(Holds(response.body, kNoAnswer)) << answer << response.body;
   }
 }
 

@@ -1,0 +1,151 @@
+/// @file
+/// What the panel does with files, as the user's account. The current directory
+/// is the folder that is shown.
+#ifndef PANEL_FILES_H
+#define PANEL_FILES_H
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+#include "page.h"
+
+namespace panel {
+
+namespace fs = std::filesystem;
+
+/// A descriptor, or a negative number; closed at the end.
+struct Descriptor {
+  explicit Descriptor(int opened) : number(opened) {}
+  ~Descriptor() { ::close(number); }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  const int number;
+};
+
+[[noreturn]] inline void RefuseFor(int error) {
+  const bool is_forbidden = error == EACCES || error == EPERM;
+  const bool is_missing = error == ENOENT || error == ENOTDIR || error == ELOOP;
+  throw Refusal(is_forbidden ? 403 : is_missing ? 404 : 500);
+}
+
+/// Returns a name as system calls take it. Refuses what is no name of something
+/// in the current directory.
+inline const char* Checked(const std::string& name) {
+  constexpr std::string_view kNotInNames("/\0", 2);
+  if (name.empty() || name == "." || name == ".." ||
+      name.find_first_of(kNotInNames) != std::string::npos) {
+    throw Refusal(400, "This cannot be the name of a file.");
+  }
+  return name.c_str();
+}
+
+/// Opens something in the current directory, but not what a link leads to.
+inline int OpenHere(const std::string& name, int flags) {
+  const int opened = ::openat(AT_FDCWD, Checked(name),
+                              flags | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC);
+  if (opened < 0) RefuseFor(errno);
+  return opened;
+}
+
+/// Goes from the current directory into a folder below it. A path that leads
+/// out, by ".." or by a link, is refused.
+inline void EnterFolder(const fs::path& path) {
+  for (const std::string name : path) {
+    const Descriptor folder(OpenHere(name, O_PATH | O_DIRECTORY));
+    if (::fchdir(folder.number) != 0) RefuseFor(errno);
+  }
+}
+
+struct Entry {
+  std::string kind;  ///< "file", "folder", "link" or "special".
+  std::int64_t size;
+};
+
+/// Entries of a folder by name.
+using Listing = std::map<std::string, Entry>;
+constexpr std::size_t kMostEntries = 1000;
+
+inline std::string KindOf(const struct stat& status) {
+  if (S_ISREG(status.st_mode)) return "file";
+  if (S_ISDIR(status.st_mode)) return "folder";
+  return S_ISLNK(status.st_mode) ? "link" : "special";
+}
+
+/// Opens nothing and follows no link: others may have filled the folder.
+inline Listing ListFolder() {
+  Listing listing;
+  std::error_code error;
+  for (const auto& file : fs::directory_iterator(".", error)) {
+    if (listing.size() == kMostEntries) break;
+    struct stat status {};
+    // A file may have been removed meanwhile.
+    if (::lstat(file.path().c_str(), &status) != 0) continue;
+    listing[file.path().filename()] = {KindOf(status), status.st_size};
+  }
+  if (error) RefuseFor(error.value());
+  return listing;
+}
+
+/// Returns the media type of a file in which browsers run nothing; empty for
+/// every other file.
+inline std::string TypeToShow(const std::string& ending) {
+  if (ending == ".txt" || ending == ".log") return "text/plain; charset=utf-8";
+  if (ending == ".jpg" || ending == ".jpeg") return "image/jpeg";
+  return ending == ".png" ? "image/png" : "";
+}
+
+inline void SendFile(const fs::path& path) {
+  EnterFolder(path.parent_path());
+  // Without O_NONBLOCK, opening a FIFO would wait for a writer.
+  const Descriptor file(OpenHere(path.filename(), O_RDONLY | O_NONBLOCK));
+  struct stat status {};
+  ::fstat(file.number, &status);
+  if (!S_ISREG(status.st_mode)) throw Refusal(404);
+  Response response = Protect(Response());
+  response.Header("Content-Security-Policy", "default-src 'none'; sandbox");
+  // The browser may keep the file, but asks whether it is the same.
+  response.Header("Cache-Control", "private, no-cache");
+  const std::string type = TypeToShow(path.extension());
+  if (!type.empty()) return response.SendFile(file.number, type);
+  response.Attachment(path.filename());
+  response.SendFile(file.number, "application/octet-stream");
+}
+
+/// Returns why a system call has done nothing to a file, as a sentence for the
+/// visitor; empty when it has.
+inline std::string ProblemWith(const std::string& name, int returned) {
+  if (returned == 0) return "";
+  const char* const reason =
+      errno == EEXIST ? "there is one of this name" : std::strerror(errno);
+  return "'" + name + "': " + reason + ". ";
+}
+
+/// Gives an upload a name in the current directory: the last part of the
+/// client's, not hidden and without control characters. Returns ProblemWith().
+inline std::string Keep(const std::string& path, const std::string& sent) {
+  std::string name = sent.substr(sent.find_last_of("/\\") + 1);
+  for (char& byte : name) {
+    const auto value = static_cast<unsigned char>(byte);
+    if (value < ' ' || value == 0x7f) byte = '_';
+  }
+  if (name.empty()) return "'" + sent + "': it has no name. ";
+  if (name.front() == '.') name.front() = '_';
+  // Unlike rename(2), link(2) replaces nothing.
+  return ProblemWith(name, ::link(path.c_str(), name.c_str()));
+}
+
+}  // namespace panel
+
+#endif
