@@ -110,8 +110,8 @@ class SiteTest(AnswerTest):
         self.assert_answer(answer, 200, f'<b id="name">{self.visitor.name}</b>')
 
     def test_an_upload_arrives(self):
-        content = secrets.token_bytes(2 << 20).replace(b"\r", b"\n")
-        self.assert_answer(self.visitor.upload(content), 200)
+        content = secrets.token_bytes(2 << 20)
+        self.assert_answer(self.visitor.upload(content), 303)
         self.assertEqual((self.visitor.home / "kept").read_bytes(), content)
         self.assert_nothing_left()
 
@@ -152,7 +152,8 @@ class SiteTest(AnswerTest):
 
     def bodies(self):
         """Where a body is being written to: by the front end or the server."""
-        return [found for folder in BODY_FOLDERS for found in deployment.open_files(self.machine.at(folder))]
+        folders = [self.visitor.home, *map(self.machine.at, BODY_FOLDERS)]
+        return [found for folder in folders for found in deployment.open_files(folder)]
 
 
 class LighttpdTest(SiteTest, unittest.TestCase):
@@ -213,8 +214,8 @@ class PrivilegedSiteTest(SiteOfKindTest):
         become = f"{self.visitor.account}</b>, user {UID}."
         self.assert_answer(self.visitor.page("home"), 200, become)
 
-    def test_an_upload_is_handed_over(self):
-        self.assert_answer(self.visitor.upload(b"content"), 200)
+    def test_an_upload_belongs_to_the_account(self):
+        self.assert_answer(self.visitor.upload(b"content"), 303)
         kept = self.visitor.home / "kept"
         self.assertEqual(kept.read_bytes(), b"content")
         self.assertEqual((kept.stat().st_uid, kept.stat().st_gid), (UID, GID))
@@ -243,7 +244,7 @@ class PrivilegedNginxTest(PrivilegedSiteTest, unittest.TestCase):
         home.chmod(0o755)
         (home / "files").mkdir()
         os.chown(home / "files", UID, GID)
-        self.assert_answer(self.visitor.upload(b"content"), 200)
+        self.assert_answer(self.visitor.upload(b"content"), 303)
         self.assertEqual((home / "files" / "kept").read_bytes(), b"content")
 
     @needs_root

@@ -106,10 +106,10 @@ class LogTest(unittest.TestCase):
     def test_of_ordinary_visits(self):
         session = self.panel.sign_in()
         self.panel.send_sign_in(password="a wrong one")
-        self.panel.request(page="whoami", auth=session)
-        self.panel.request("POST", page="whoami", auth=session)
+        self.panel.with_session(session, page="whoami")
+        self.panel.send_form("change", {"Cookie": f"panelses5={session}"}, token="wrong")
         with self.panel.back_end_away():
-            self.panel.request(page="whoami", auth=session)
+            self.panel.with_session(session, page="whoami")
         self.assertIn("cannot connect", self.panel.logs()["front.log"])
         self.assert_not_logged(self.panel.password, session, "wrong")
 
