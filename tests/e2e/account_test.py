@@ -379,6 +379,7 @@ class Kept(AccountTest):
         answer = self.upload(file("new", b"new"), *(file(name, b"new") for name in names))
         there = "".join(f"'{name}': there is one of this name. " for name in names)
         self.assert_page(answer, 409, there.strip())
+        self.assertNotIn("zantemp", answer.body)
         self.assertEqual(self.names(), {"new", *names})
         self.assertEqual((self.home / "file").read_bytes(), b"before")
         self.assertTrue((self.home / "dangling").is_symlink())

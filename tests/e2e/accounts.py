@@ -29,10 +29,11 @@ class Accounts:
         self.groups.touch()
 
     def add(self, name, home, uid=UID, gid=GID):
-        """An account without a group beside its own, but for one as root."""
+        """An account without a group beside its own, but for one as root: nobody
+        who is that account already would have it."""
         with self.users.open("a") as file:
             file.write(f"{name}:x:{uid}:{gid}::{home}:/bin/sh\n")
-        if IS_ROOT and uid != 0:
+        if IS_ROOT and uid == UID:
             with self.groups.open("a") as file:
                 file.write(f"further-{name}:x:{FURTHER_GROUP}:{name}\n")
 

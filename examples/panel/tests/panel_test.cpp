@@ -175,6 +175,14 @@ TEST_P(Panel, SignsOutByPost) {
   EXPECT_EQ(backend_.Queries().back().Item("token"), "t0k3n");
 }
 
+TEST_P(Panel, TakesNoFormWithoutATokenEvenIfTheBackEndGivesNone) {
+  backend_.On("session.own", Document(R"(<own account="nobody"/>)"))
+      .On("session.end", Document("<ok/>"));
+  const Request request =
+      FromOwnPage(Post("/panel", "page=signout")).Fields({{"other", "t0k3n"}});
+  EXPECT_EQ(Serve(SignedIn(request)).status, 403);
+}
+
 TEST_P(Panel, DoesNotSignOutByGet) {
   backend_.On("session.end", Document("<ok/>"));
   const Response response =
