@@ -479,7 +479,7 @@ def confinement(unit):
     bounds = [name.removeprefix("CAP_").lower() for name in unit.words("CapabilityBoundingSet")]
     calls = frozenset().union(*map(system_calls, unit.words("SystemCallFilter")))
     return [
-        *("setpriv", f"--reuid={user.pw_uid}", f"--regid={group.gr_gid}", "--clear-groups"),
+        *("setpriv", f"--reuid={user.pw_uid}", f"--regid={group.gr_gid}", "--init-groups"),
         *("--no-new-privs", ",+".join(["--bounding-set=-all", *bounds])),
         *("/usr/bin/python3", "-IBc", FILTER),
         *(" ".join(unit.words("RestrictAddressFamilies")), " ".join(calls)),
