@@ -2,10 +2,12 @@
 // server starts for each request. Copy it and change the pages.
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <pwd.h>
 #include <stdlib.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <tov/env.h>
 #include <tov/log.h>
 #include <tov/str.h>
@@ -56,8 +58,7 @@ Form ReadForm(Cgi& cgi, const std::string& type, std::int64_t largest) {
   return {cgi, {.body = largest, .parts = kMostEntries + 10}};
 }
 
-/// Some web servers lose an answer that comes before the body has been read. A
-/// stranger is read from for a minute at most.
+/// Some web servers lose an early answer. A stranger is read for a minute.
 void DropBody(Cgi& cgi) {
   ::alarm(60);
   try {
@@ -109,13 +110,16 @@ void RequireToken(const Form& form, const Visitor& visitor) {
   if (token.empty() || form.Value("token") != token) throw Refusal(403);
 }
 
-/// Whether nobody but root can change what lies under this path: it and all
-/// above it are folders of root that no one else may write.
+/// Whether nobody but root can change what lies under this path. A file system
+/// that a user's program serves (FUSE) could pretend that.
 bool BelongsToRoot(fs::path folder) {
   for (;; folder = folder.parent_path()) {
     struct stat status {};
+    struct statfs system {};
     if (::lstat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) ||
-        status.st_uid != 0 || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        status.st_uid != 0 || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 ||
+        ::statfs(folder.c_str(), &system) != 0 ||
+        system.f_type == FUSE_SUPER_MAGIC) {
       return false;
     }
     if (!folder.has_relative_path()) return true;
@@ -127,17 +131,15 @@ bool BelongsToRoot(fs::path folder) {
 void BecomeAccountOf(const Visitor& visitor, Cgi& cgi) {
   const char* const user = visitor.account.c_str();
   if (*user == '\0') throw Refusal(403, "Your user has no system account.");
-  zan_cgi::AccountOptions options;
-  options.directory = tov_env::GetEnv("PANEL_CONFINE");
-  options.confined = !options.directory.empty();
-  options.pam_session = !tov_env::GetEnv("PANEL_PAM").empty();
+  const std::string folder = tov_env::GetEnv("PANEL_CONFINE");
+  const bool has_session = !tov_env::GetEnv("PANEL_PAM").empty();
   // Confined, the process still is root when it first reads what is in the
   // home: whoever can write there could have it read, or run, anything.
-  const passwd* const entry = options.confined ? ::getpwnam(user) : nullptr;
-  if (options.confined && (!entry || !BelongsToRoot(entry->pw_dir))) {
+  const passwd* const entry = folder.empty() ? nullptr : ::getpwnam(user);
+  if (!folder.empty() && (!entry || !BelongsToRoot(entry->pw_dir))) {
     throw Refusal(500, "The panel cannot be confined to your home folder.");
   }
-  zan_cgi::BecomeAccount(cgi, user, options);
+  zan_cgi::BecomeAccount(cgi, user, {folder, !folder.empty(), has_session});
 }
 
 std::string Navigation(const Visitor& visitor) {
@@ -271,7 +273,6 @@ void SignOut(Cgi& cgi, const Visitor& visitor) {
       .Send("");
 }
 
-/// Returns ProblemWith() each upload.
 std::string KeepUploads(const Form& form) {
   if (form.uploads().empty()) throw Refusal(400, "No file has been chosen.");
   std::string problems;
@@ -283,7 +284,6 @@ std::string KeepUploads(const Form& form) {
   return problems;
 }
 
-/// Returns ProblemWith() each file that is chosen.
 std::string Change(const Form& form) {
   const std::string action = form.Value("action");
   const std::string to = form.Value("to");

@@ -39,6 +39,8 @@ class DemoTest(unittest.TestCase):
     def setUp(self):
         # Everything that the demo makes at run time lands here.
         self.scratch = tempfile.mkdtemp(prefix="demo-")
+        # The account has to find its home in it.
+        os.chmod(self.scratch, 0o711)
         self.environment = dict(
             os.environ,
             TMPDIR=self.scratch,
