@@ -22,7 +22,7 @@ import threading
 import time
 import unittest
 
-from accounts import GID, IS_ROOT, UID
+from accounts import GID, UID
 import deployment
 from deployment import LAUNCHER, PIPE, WEB, Visitor, machine, needs_root, site, web_ids
 from panel_server import FORM, URLENCODED, file, form
