@@ -178,7 +178,7 @@ class Machine:
         found = []
         for process in pathlib.Path("/proc").glob("[0-9]*"):
             with contextlib.suppress(OSError):
-                if b"PANEL_SPOOL=" + mine in (process / "environ").read_bytes().split(b"\0"):
+                if b"TMP=" + mine in (process / "environ").read_bytes().split(b"\0"):
                     found.append(int(process.name))
         return found
 

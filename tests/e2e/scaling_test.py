@@ -104,7 +104,7 @@ class KilledTest(SiteTest):
             wait_for(lambda: web_host.back_ends_up() == 0)
             began = time.monotonic()
             status, page = web_host.web_server.visit("visit-in-vain")
-            self.assertEqual(status, 403)
+            self.assertEqual(status, 502)
             self.assertIn("back end &#39;panel&#39;", page)
             self.assertLess(time.monotonic() - began, 2)
         for back_end in self.site.back_ends:
