@@ -84,9 +84,9 @@ class ZANCGI_API Response {
   /// answer. std::cout has a buffer of its own after `sync_with_stdio(false)`:
   /// flush it before the call.
   ///
-  /// Some web servers end the program by a signal as soon as they have the
-  /// whole answer. What has to be done, such as removing uploads, comes before
-  /// it.
+  /// Blocks SIGTERM for the rest of the process's life: some web servers send
+  /// it as soon as they have the whole answer, and uploads that are still there
+  /// would stay. SIGKILL may follow, so long work belongs before the answer.
   ///
   /// Waits for a slow reader without a time limit. It is no error when the
   /// reader has gone: nobody is left to notice. SIGPIPE never ends the process.

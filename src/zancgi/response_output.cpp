@@ -1,6 +1,7 @@
 #include "response_output.h"
 
 #include <poll.h>
+#include <signal.h>
 #include <sys/sendfile.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -33,6 +34,13 @@ bool CannotSendFile(int error) {
 }
 
 }  // namespace
+
+TerminationBlock::TerminationBlock() {
+  sigset_t termination;
+  ::sigemptyset(&termination);
+  ::sigaddset(&termination, SIGTERM);
+  ::pthread_sigmask(SIG_BLOCK, &termination, nullptr);
+}
 
 ResponseOutput::ResponseOutput() {
   // No retry: stdio drops the text when a write fails.

@@ -10,6 +10,11 @@
 
 namespace zan_cgi {
 
+/// Blocks SIGTERM in this thread from now on.
+struct TerminationBlock {
+  TerminationBlock();
+};
+
 /// Writes the answer to descriptor 1. Retries after signals and partial writes,
 /// and waits for a slow reader. Once the reader has gone, writes nothing more.
 /// SIGPIPE and SIGXFSZ are blocked while it lives.
@@ -33,6 +38,8 @@ class ResponseOutput {
   bool HasReaderGone();
   void WaitUntilWritable();
 
+  /// Before the other, which puts back the signals that it finds blocked.
+  TerminationBlock termination_block_;
   common::ScopedSignalBlock block_;
   bool has_reader_ = true;
 };

@@ -298,6 +298,17 @@ TEST_P(Output, LeavesASigpipeThatWaits) {
   }
 }
 
+// Else uploads would stay: a web server that has the whole answer ends the
+// program.
+TEST_P(Output, HoldsBackATerminationThatComesAfterIt) {
+  InChild([&](const SentFile& file) {
+    ReaderThread gone([](Descriptor& from) { from.Close(); });
+    EXPECT_EQ(gone.Error([&] { Send(file); }), "");
+    ::raise(SIGTERM);
+    EXPECT_TRUE(support::IsPending(SIGTERM));
+  });
+}
+
 /// A TCP connection whose other end has been reset.
 Descriptor ResetConnection() {
   const Descriptor listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
