@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <initializer_list>
 #include <random>
 #include <string>
 #include <vector>
@@ -68,7 +69,8 @@ class FormRulesOfProduct : public testing::TestWithParam<FormTable> {};
 
 TEST_P(FormRulesOfProduct, HoldHoweverTheBodyArrives) {
   InChild([&](const std::string& folder) {
-    for (const std::size_t size : {1, 2, 7, 65536}) {
+    for (const std::size_t size :
+         std::initializer_list<std::size_t>{1, 2, 7, 65536}) {
       SCOPED_TRACE(size);
       ExpectRows(GetParam(), [&](const FormRequest& request) {
         return ReadByProduct(request, folder, Always(size));
