@@ -1,6 +1,5 @@
 /// @file
-/// What the panel does with files, as the user's account. The current directory
-/// is the folder that is shown.
+/// Files of the user's account, in the current directory: the folder shown.
 #ifndef PANEL_FILES_H
 #define PANEL_FILES_H
 

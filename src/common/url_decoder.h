@@ -44,7 +44,6 @@ constexpr std::array<signed char, 256> HexDigits() {
 class UrlDecoder {
  public:
   /// @param text  must outlive this object
-  // cppcheck-suppress uninitMemberVar  ; only what is written counts
   explicit UrlDecoder(std::string_view text)
       : at_(text.data()), end_(text.data() + text.size()) {
     decoded_.reserve(text.size());

@@ -176,7 +176,6 @@ auto ReadOrDrain(int idle, const Function& read) {
 
 Form::Form(Cgi& cgi) : Form(cgi, Limits()) {}
 
-// cppcheck-suppress constParameter  ; it answers from the form afterwards
 Form::Form(Cgi& cgi, const Limits& limits) {
   Cgi::Data& request = *cgi.data_;
   if (request.parsed) {

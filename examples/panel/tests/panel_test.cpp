@@ -36,7 +36,6 @@ using zan_cgi::testing::Response;
 using zan_cgi::testing::Scratch;
 using zan_cgi::testing::Step;
 
-constexpr int kLogError = 3;
 constexpr const char* kNoAnswer =
     "The service behind this panel does not answer.";
 

@@ -16,7 +16,6 @@
 #include <cstring>
 #include <memory>
 #include <stdexcept>
-#include <type_traits>
 
 #include "system.h"
 
