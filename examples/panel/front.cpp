@@ -137,7 +137,7 @@ void BecomeAccountOf(const Visitor& visitor, Cgi& cgi) {
   // Confined, the process still is root when it first reads what is in the
   // home: whoever can write there could have it read, or run, anything.
   const passwd* const entry = folder.empty() ? nullptr : ::getpwnam(user);
-  if (!folder.empty() && (!entry || !BelongsToRoot(entry->pw_dir))) {
+  if (!folder.empty() && !(entry != nullptr && BelongsToRoot(entry->pw_dir))) {
     throw Refusal(500, "The panel cannot be confined to your home folder.");
   }
   zan_cgi::BecomeAccount(cgi, user, {folder, !folder.empty(), has_session});
@@ -192,7 +192,7 @@ std::string EntryRow(const fs::path& path, const std::string& name,
   std::string shown = Html(name);
   if (entry.kind == "folder") shown = Link(Address("home", path / name), name);
   if (entry.kind == "file") shown = Link(Address("file", path / name), name);
-  return Row({"<input type=\"checkbox\" name=\"name\" value=\"" + Html(name) +
+  return Row({R"(<input type="checkbox" name="name" value=")" + Html(name) +
                   "\" aria-label=\"" + Html(name) + "\">",
               shown, entry.kind == "file" ? str::Str(entry.size) : entry.kind});
 }

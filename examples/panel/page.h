@@ -48,7 +48,7 @@ inline std::string Json(const std::string& text) {
   for (const char byte : text) {
     char escape[8] = {'\\', byte};
     const bool is_control = static_cast<unsigned char>(byte) < ' ';
-    if (is_control) std::snprintf(escape, sizeof(escape), "\\u%04x", byte);
+    if (is_control) (void)std::snprintf(escape, 8, "\\u%04x", byte);
     json += is_control || byte == '"' || byte == '\\' ? escape
                                                       : std::string(1, byte);
   }
@@ -92,7 +92,7 @@ constexpr char kUploadForm[] = "multipart/form-data";
 inline std::string BeginForm(const std::string& address, const std::string& id,
                              const std::string& token,
                              const std::string& type = kPlainForm) {
-  return "<form method=\"post\" action=\"" + address + "\" id=\"" + id +
+  return R"(<form method="post" action=")" + address + "\" id=\"" + id +
          "\" enctype=\"" + type + "\">\n<input type=\"hidden\" name=\"token\"" +
          " value=\"" + Html(token) + "\">\n";
 }
@@ -110,7 +110,7 @@ inline std::string Table(const std::string& head, const std::string& rows) {
 
 inline std::string ProblemText(const std::string& text) {
   if (text.empty()) return "";
-  return "<p class=\"problem\" role=\"alert\">" + Html(text) + "</p>\n";
+  return R"(<p class="problem" role="alert">)" + Html(text) + "</p>\n";
 }
 
 inline void ShowSignIn(int status, const std::string& problem = "",

@@ -123,11 +123,11 @@ void ReadForm(BodyReader& body, FormCollector& form) {
 /// @param numbers  the last number that was added to each name
 std::string FreeKey(const std::string& name, const Files& files,
                     std::map<std::string, int>& numbers) {
-  if (files.count(name) == 0) return name;
+  if (!files.contains(name)) return name;
   int& number = numbers.try_emplace(name, 1).first->second;
   for (;;) {
     std::string key = name + " (" + std::to_string(++number) + ")";
-    if (files.count(key) == 0) return key;
+    if (!files.contains(key)) return key;
   }
 }
 
