@@ -24,7 +24,6 @@ using zan_cgi::testing::Answer;
 using zan_cgi::testing::AnswerThenReset;
 using zan_cgi::testing::Backend;
 using zan_cgi::testing::CloseSilently;
-using zan_cgi::testing::Delivery;
 using zan_cgi::testing::Form;
 using zan_cgi::testing::Get;
 using zan_cgi::testing::IsRoot;
@@ -153,11 +152,12 @@ TEST_P(Panel, SignsIn) {
 
 TEST_P(Panel, SetsASecureCookieUnderEncryptionOnly) {
   backend_.On("session.new", Document(R"(<session id="5e55"/>)"));
-  const std::string begin = "panelses5=5e55; Path=/; ";
-  const std::string end = "HttpOnly; SameSite=Strict";
-  for (const auto& [https, cookie] : {std::pair("on", begin + "Secure; " + end),
-                                      {"off", begin + end},
-                                      {"", begin + end}}) {
+  const char* const plain = "panelses5=5e55; Path=/; HttpOnly; SameSite=Strict";
+  for (const auto& [https, cookie] :
+       {std::pair("on",
+                  "panelses5=5e55; Path=/; Secure; HttpOnly; SameSite=Strict"),
+        {"off", plain},
+        {"", plain}}) {
     const Response response =
         Serve(SignIn("alice", "password").Variable("HTTPS", https));
     EXPECT_EQ(response.Header("Set-Cookie"), cookie) << https;
