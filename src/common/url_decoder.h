@@ -3,34 +3,19 @@
 #ifndef COMMON_URL_DECODER_H
 #define COMMON_URL_DECODER_H
 
-#include <array>
 #include <bit>
 #include <cstddef>
 #include <string>
 #include <string_view>
 #include <utility>
 
+#include "hex_digit.h"
+
 #ifdef __SSE2__
 #include <emmintrin.h>
 #endif
 
 namespace common {
-
-/// The values of hexadecimal digits; -1 for all other bytes.
-constexpr std::array<signed char, 256> HexDigits() {
-  std::array<signed char, 256> values{};
-  values.fill(-1);
-  signed char value = 0;
-  for (const char digit : std::string_view("0123456789")) {
-    values[static_cast<unsigned char>(digit)] = value++;
-  }
-  for (const char digit : std::string_view("abcdef")) {
-    const auto lower = static_cast<unsigned char>(digit);
-    values[lower] = value;
-    values[lower - 'a' + 'A'] = value++;
-  }
-  return values;
-}
 
 /// Decodes text as forms send it (the URL standard, section 5.1): "%XX" is a
 /// byte, "+" a blank, and a "%" without two hexadecimal digits stands as it is.
@@ -76,25 +61,18 @@ class UrlDecoder {
     }
   }
 
-  /// The byte that two digits tell; the "%" in front of #at_ itself when there
-  /// are none.
+  /// Returns the byte that the two digits after a "%" stand for; the "%" when
+  /// there are none.
   char TakeEscape() {
-    if (end_ - at_ < 2) return '%';
-    const int high = HexDigit(at_[0]);
-    const int low = HexDigit(at_[1]);
-    if ((high | low) < 0) return '%';
+    const int byte = HexByteAt({at_, end_});
+    if (byte < 0) return '%';
     at_ += 2;
-    return static_cast<char>(high * 16 + low);
-  }
-
-  static int HexDigit(char digit) {
-    static constexpr auto kValues = HexDigits();
-    return kValues[static_cast<unsigned char>(digit)];
+    return static_cast<char>(byte);
   }
 
 #ifdef __SSE2__
-  /// A block and, behind its last byte, the digits of an escape or one more
-  /// block can be read as long as so much is left.
+  /// As long as so much is left, a block can be read, and after it the digits
+  /// of an escape or one more block.
   static constexpr std::ptrdiff_t kReach = 2 * kBlock + 2;
 
   void DecodeBlock() {

@@ -1,5 +1,5 @@
 /// @file
-/// Private: tells whether an answer is as long as its own header promises.
+/// Private: checks whether an answer is as long as its own header promises.
 #ifndef TOV_ANSWER_LENGTH_H
 #define TOV_ANSWER_LENGTH_H
 

@@ -16,9 +16,9 @@
 
 namespace tov_file {
 
-/// Says whether something exists at @p path, links followed. A path that leads
+/// Returns whether something exists at @p path, links followed. A path that leads
 /// through a file does not exist.
-/// @throws tov_err::Error when that cannot be told
+/// @throws tov_err::Error when that cannot be found out
 TOV_API bool Exists(const std::string& path);
 
 /// Removes a file. A missing one is not an error.

@@ -62,7 +62,7 @@ class TOV_API Module {
   ///
   /// The line is "name[process id] group level: message", at most 4096 bytes
   /// with its line end; a longer one is cut and ends in "...". A file also
-  /// gets the time (UTC) in front. Control characters, line ends included, are
+  /// begins with the time (UTC). Control characters, line ends included, are
   /// written as "\xNN", so that no message can forge another one. The line is
   /// handed to the system in one piece. Neither throws, nor raises SIGPIPE,
   /// nor waits for slow readers longer than one second in the whole process: a

@@ -17,7 +17,7 @@ namespace str {
 
 /// Takes the first word off the front of @p text.
 ///
-/// Removes the word and the delimiter behind it from @p text and returns the
+/// Removes the word and the delimiter after it from @p text and returns the
 /// word, untrimmed. Without a delimiter the whole text is the word and
 /// @p text is left empty.
 ///
@@ -46,7 +46,7 @@ TOV_API std::string Append(const std::string& text, const std::string& part,
 
 /// Reads a decimal integer.
 ///
-/// Blanks, tabs, CR and LF around the number and one sign in front of it are
+/// Blanks, tabs, CR and LF around the number and one sign before it are
 /// allowed.
 /// Anything else, an empty text included, gives 0. A number out of range gives
 /// the nearest one in range, so that a huge length never passes as a small one.

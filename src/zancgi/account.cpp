@@ -19,7 +19,6 @@
 #include <cstdlib>
 #include <iterator>
 #include <map>
-#include <memory>
 #include <new>
 #include <optional>
 #include <string_view>
@@ -28,6 +27,7 @@
 #include <utility>
 #include <vector>
 
+#include "raw_array.h"
 #include "system_account.h"
 
 // Functions of the C library that none of its headers declares.
@@ -41,8 +41,6 @@ namespace zan_cgi {
 
 AccountError::AccountError(const std::string& message)
     : std::runtime_error(message) {}
-AccountError::AccountError(const AccountError&) noexcept = default;
-AccountError& AccountError::operator=(const AccountError&) noexcept = default;
 AccountError::~AccountError() = default;
 
 namespace {
@@ -98,11 +96,9 @@ void SortWithoutRepetition(Groups& groups) {
 /// there may be none when they matter most.
 class SupplementaryGroups {
  public:
-  SupplementaryGroups() : groups_(new gid_t[NGROUPS_MAX]) {}
-
   /// Returns false when they cannot be had.
   bool Read() {
-    count_ = ::getgroups(NGROUPS_MAX, groups_.get());
+    count_ = ::getgroups(NGROUPS_MAX, groups_.data());
     if (count_ < 0) return false;
     std::sort(begin(), end());
     return true;
@@ -114,15 +110,14 @@ class SupplementaryGroups {
   bool AreAmong(const Groups& sorted) const {
     return std::includes(sorted.begin(), sorted.end(), begin(), end());
   }
-  bool HoldRoot() const { return count_ > 0 && groups_[0] == 0; }
+  bool HoldRoot() const { return count_ > 0 && *begin() == 0; }
   Groups Copy() const { return {begin(), end()}; }
 
  private:
-  gid_t* begin() const { return groups_.get(); }
-  gid_t* end() const { return groups_.get() + std::max(count_, 0); }
+  gid_t* begin() const { return groups_.data(); }
+  gid_t* end() const { return begin() + std::max(count_, 0); }
 
-  // Without values, so that memory is touched only where there are groups.
-  std::unique_ptr<gid_t[]> groups_;
+  RawArray<gid_t> groups_{NGROUPS_MAX};
   int count_ = 0;
 };
 
@@ -211,7 +206,7 @@ bool HasNoCapability() {
          HasAmbientCapability() == false;
 }
 
-// The way back.
+// The way back to root.
 
 /// Tries to take root's ids, or other groups. Returns the call by which it has
 /// worked; null when none has.
@@ -231,7 +226,7 @@ void RequireNoWayBack() {
 
 // Directories.
 
-/// What tells a directory from all others.
+/// Identifies a directory.
 struct Directory {
   dev_t device;
   ino_t inode;
@@ -491,7 +486,7 @@ void BecomeAccount(Cgi& cgi, const std::string& user,
 
 namespace {
 
-/// Who throws exceptions with a text, which tells what type they have.
+/// Who throws an exception, which decides its type.
 enum class Thrower : short {
   kProduct,     ///< std::runtime_error itself.
   kBaseLibrary  ///< tov_err::Error, or what derives from it.

@@ -20,16 +20,16 @@ class ZANCGI_API AccountError : public std::runtime_error {
   explicit AccountError(const std::string& message);
   /// Copies the message.
   /// @{
-  AccountError(const AccountError&) noexcept;
-  AccountError& operator=(const AccountError&) noexcept;
+  AccountError(const AccountError&) noexcept = default;
+  AccountError& operator=(const AccountError&) noexcept = default;
   /// @}
   ~AccountError() override;
 };
 
 /// How BecomeAccount() makes the switch.
 struct AccountOptions {
-  /// The directory to enter, a path in the home folder with or without a slash
-  /// in front; empty for the home folder itself.
+  /// The directory to enter, a path in the home folder with or without a
+  /// leading slash; empty for the home folder itself.
   std::string directory;
   /// Make the home folder the process's root directory (chroot(2)). Only for
   /// homes of which every component is owned by root and writable by no one

@@ -2,14 +2,15 @@
 
 #include <zancgi/form.h>
 
+#include <tov/env.h>
+
 #include <poll.h>
-#include <sys/times.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <string>
@@ -21,11 +22,6 @@ namespace {
 
 constexpr std::size_t kLargestRead = 65536;
 constexpr std::int64_t kMostDropped = std::int64_t{1} << 30;
-
-std::string_view Variable(const char* name) {
-  const char* const value = std::getenv(name);
-  return value == nullptr ? "" : value;
-}
 
 bool HasOnlyDigits(std::string_view text) {
   return text.find_first_not_of("0123456789") == std::string_view::npos;
@@ -44,10 +40,11 @@ int MillisecondsOf(int seconds) {
   return std::clamp(seconds, 0, std::numeric_limits<int>::max() / 1000) * 1000;
 }
 
-/// Of a clock that nobody sets. It is as coarse as silence is long; a finer one
-/// would cost each start a symbol version.
+/// Of a clock that nobody sets.
 std::int64_t Milliseconds() {
-  return std::int64_t{::times(nullptr)} * 1000 / ::sysconf(_SC_CLK_TCK);
+  timespec now{};
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
 }
 
 }  // namespace
@@ -55,11 +52,11 @@ std::int64_t Milliseconds() {
 BodyReader::BodyReader(int idle) : idle_ms_(MillisecondsOf(idle)) {}
 
 void BodyReader::TakeLength(std::int64_t limit) {
-  const std::string_view declared = Variable("CONTENT_LENGTH");
+  const std::string declared = tov_env::GetEnv("CONTENT_LENGTH");
   // As far as is known; whatever there is can be dropped.
   length_ = std::numeric_limits<std::int64_t>::max();
-  if (declared.empty() && !Variable("HTTP_TRANSFER_ENCODING").empty()) {
-    // Its end could not be told from a lost connection.
+  if (declared.empty() && !tov_env::GetEnv("HTTP_TRANSFER_ENCODING").empty()) {
+    // Its end would look like a lost connection.
     throw FormError(400, "the length of the body is not declared");
   }
   if (!HasOnlyDigits(declared)) {
@@ -76,10 +73,10 @@ bool BodyReader::ReadMore() {
   if (total_ == length_) return false;
   MakeRoom();
   const std::int64_t left = length_ - total_;
-  const std::size_t room = std::min(capacity_ - end_, kLargestRead);
+  const std::size_t room = std::min(buffer_.size() - end_, kLargestRead);
   const std::size_t count =
-      Read(buffer_.get() + end_, static_cast<std::size_t>(std::min(
-                                     left, static_cast<std::int64_t>(room))));
+      Read(buffer_.data() + end_, static_cast<std::size_t>(std::min(
+                                      left, static_cast<std::int64_t>(room))));
   if (count == 0) {
     throw FormError(400, "the body ends after " + std::to_string(total_) +
                              " of " + std::to_string(length_) + " bytes");
@@ -92,14 +89,12 @@ bool BodyReader::ReadMore() {
 /// all that it can.
 void BodyReader::MakeRoom() {
   const std::size_t unread = end_ - begin_;
-  if (capacity_ - unread < kLargestRead) {
-    const std::size_t capacity = 2 * unread + kLargestRead + 4096;
-    Memory larger(static_cast<char*>(::operator new(capacity)));
-    std::copy_n(buffer_.get() + begin_, unread, larger.get());
+  if (buffer_.size() - unread < kLargestRead) {
+    RawArray<char> larger(2 * unread + kLargestRead + 4096);
+    std::copy_n(buffer_.data() + begin_, unread, larger.data());
     buffer_ = std::move(larger);
-    capacity_ = capacity;
   } else if (begin_ > 0) {
-    std::memmove(buffer_.get(), buffer_.get() + begin_, unread);
+    std::memmove(buffer_.data(), buffer_.data() + begin_, unread);
   }
   begin_ = 0;
   end_ = unread;
@@ -151,12 +146,12 @@ void BodyReader::ThrowUnreadable() {
 void BodyReader::Drain() noexcept {
   try {
     begin_ = end_ = 0;
-    if (capacity_ == 0) MakeRoom();
+    if (buffer_.size() == 0) MakeRoom();
     const std::int64_t most = total_ + std::min(length_ - total_, kMostDropped);
     while (!is_at_end_ && total_ < most) {
       const std::int64_t count =
           std::min(most - total_, static_cast<std::int64_t>(kLargestRead));
-      Read(buffer_.get(), static_cast<std::size_t>(count));
+      Read(buffer_.data(), static_cast<std::size_t>(count));
     }
   } catch (...) {
     // What does not come cannot be dropped.

@@ -6,8 +6,9 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <string_view>
+
+#include "raw_array.h"
 
 namespace zan_cgi {
 
@@ -28,7 +29,7 @@ class BodyReader {
 
   /// What has been read and not been consumed.
   std::string_view Unread() const {
-    return {buffer_.get() + begin_, end_ - begin_};
+    return {buffer_.data() + begin_, end_ - begin_};
   }
 
   void Consume(std::size_t count) { begin_ += count; }
@@ -44,12 +45,6 @@ class BodyReader {
   void Drain() noexcept;
 
  private:
-  /// Not zeroed: what is not read into is not touched.
-  struct Deleter {
-    void operator()(char* memory) const { ::operator delete(memory); }
-  };
-  using Memory = std::unique_ptr<char, Deleter>;
-
   void MakeRoom();
   std::size_t Read(char* to, std::size_t count);
   void WaitForInput(std::int64_t deadline);
@@ -60,8 +55,7 @@ class BodyReader {
   std::int64_t length_ = 0;
   std::int64_t total_ = 0;  ///< Bytes read so far.
   bool is_at_end_ = false;  ///< Nothing more will come.
-  Memory buffer_;
-  std::size_t capacity_ = 0;
+  RawArray<char> buffer_;
   std::size_t begin_ = 0;  ///< Where the unread bytes begin in the buffer.
   std::size_t end_ = 0;    ///< Where they end.
 };

@@ -8,8 +8,8 @@
 
 namespace zan_cgi {
 
-/// Returns the place behind the first boundary in a chunk from a position on,
-/// or npos.
+/// Returns the position after the first boundary in a chunk, searched from a
+/// position on, or npos.
 ///
 /// Kept for compatibility: a byte that breaks a match is not compared again
 /// with the boundary's first byte, so "---X" does not hold "--X". An exact

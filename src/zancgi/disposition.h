@@ -1,5 +1,5 @@
 /// @file
-/// Private: reading the header line that tells what a part of a form is
+/// Private: reading the header line that names a part of a form and its file
 /// (RFC 7578 section 4.2).
 #ifndef ZANCGI_DISPOSITION_H
 #define ZANCGI_DISPOSITION_H
@@ -17,7 +17,7 @@ namespace zan_cgi {
 /// attributes, in time linear in the size of the line.
 ///
 /// A ";" ends an attribute even inside quotes, which is kept: the part of
-/// 'filename="a;b"' behind the ";" is an attribute of its own.
+/// 'filename="a;b"' after the ";" is an attribute of its own.
 class Disposition {
  public:
   /// @param value  must outlive this object

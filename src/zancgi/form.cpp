@@ -131,10 +131,6 @@ std::string FreeKey(const std::string& name, const Files& files,
   }
 }
 
-}  // namespace
-
-namespace {
-
 /// Has the record answer from what was read.
 void Publish(FormCollector& collected, Cgi::Data& request) {
   collected.spool().Publish();
@@ -154,10 +150,6 @@ void Publish(FormCollector& collected, Cgi::Data& request) {
   form.owes_params = true;
   collected.spool().Release();
 }
-
-}  // namespace
-
-namespace {
 
 /// Returns what a function makes of the body. When it fails, the rest of the
 /// body is dropped, after all that the function had is gone.

@@ -28,8 +28,8 @@ class ZANCGI_API FormError : public std::runtime_error {
   FormError(int status, const std::string& message);
   /// Copies status and message.
   /// @{
-  FormError(const FormError&) noexcept;
-  FormError& operator=(const FormError&) noexcept;
+  FormError(const FormError&) noexcept = default;
+  FormError& operator=(const FormError&) noexcept = default;
   /// @}
   ~FormError() override;
 

@@ -7,8 +7,6 @@ namespace zan_cgi {
 
 FormError::FormError(int status, const std::string& message)
     : std::runtime_error(message), status_(status) {}
-FormError::FormError(const FormError&) noexcept = default;
-FormError& FormError::operator=(const FormError&) noexcept = default;
 FormError::~FormError() = default;
 
 int FormError::status() const noexcept { return status_; }

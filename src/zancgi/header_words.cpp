@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 
-#include "hex_digit.h"
+#include "../common/hex_digit.h"
 #include "http_text.h"
 #include "utf8.h"
 
@@ -36,7 +36,7 @@ std::optional<std::string> DecodePercents(std::string_view text) {
       bytes += text[at];
       continue;
     }
-    const int byte = HexByteAt(text.substr(at + 1));
+    const int byte = common::HexByteAt(text.substr(at + 1));
     if (byte <= 0) return std::nullopt;
     bytes += static_cast<char>(byte);
     at += 2;

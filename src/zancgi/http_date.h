@@ -6,10 +6,9 @@
 #ifndef ZANCGI_HTTP_DATE_H
 #define ZANCGI_HTTP_DATE_H
 
-#include <array>
 #include <chrono>
 #include <cstddef>
-#include <cstdio>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -23,6 +22,17 @@ inline constexpr char kLongDayNames[] =
     ",Sunday,Monday,Tuesday,Wednesday,Thursday,Friday,Saturday,";
 inline constexpr char kMonthNames[] = "JanFebMarAprMayJunJulAugSepOctNovDec";
 
+/// Returns a name from a list of names of three letters.
+inline std::string NameAt(unsigned index, std::string_view names) {
+  return std::string(names.substr(std::size_t{3} * index, 3));
+}
+
+/// @param number  in 0 to 99
+inline std::string TwoDigits(std::int64_t number) {
+  return {static_cast<char>('0' + number / 10),
+          static_cast<char>('0' + number % 10)};
+}
+
 /// Returns a date in the form that is preferred, such as
 /// "Sun, 06 Nov 1994 08:49:37 GMT".
 /// @param time  in the years 0 to 9999
@@ -32,15 +42,13 @@ inline std::string FormatHttpDate(std::chrono::sys_seconds time) {
   const std::chrono::hh_mm_ss clock(time - midnight);
   const unsigned weekday = std::chrono::weekday(midnight).c_encoding();
   const unsigned month = static_cast<unsigned>(date.month()) - 1;
-  std::array<char, 64> text;
-  static_cast<void>(std::snprintf(
-      text.data(), text.size(), "%.3s, %02u %.3s %04d %02d:%02d:%02d GMT",
-      &kDayNames[std::size_t{3} * weekday], static_cast<unsigned>(date.day()),
-      &kMonthNames[std::size_t{3} * month], static_cast<int>(date.year()),
-      static_cast<int>(clock.hours().count()),
-      static_cast<int>(clock.minutes().count()),
-      static_cast<int>(clock.seconds().count())));
-  return text.data();
+  const int year = static_cast<int>(date.year());
+  return NameAt(weekday, kDayNames) + ", " +
+         TwoDigits(static_cast<unsigned>(date.day())) + ' ' +
+         NameAt(month, kMonthNames) + ' ' + TwoDigits(year / 100) +
+         TwoDigits(year % 100) + ' ' + TwoDigits(clock.hours().count()) + ':' +
+         TwoDigits(clock.minutes().count()) + ':' +
+         TwoDigits(clock.seconds().count()) + " GMT";
 }
 
 /// Returns the index of a name in a list of names of three letters.

@@ -10,18 +10,18 @@
 namespace zan_cgi {
 
 /// Appends bytes of a chunk to a line up to the line's end, and moves the
-/// position behind them. Returns whether the line is complete.
+/// position past them. Returns whether the line is complete.
 ///
 /// A line ends before an LF, and the byte before the LF is dropped unseen: it
 /// is expected to be a CR. Kept for compatibility, with all that follows:
 /// - A line that ends in a bare LF loses its last byte.
-/// - Whether an LF follows the chunk's last byte is read from the byte behind
+/// - Whether an LF follows the chunk's last byte is read from the byte after
 ///   it, which is left from an earlier chunk or zero. So a CR LF that two
 ///   chunks share is not seen: both become part of the line, which goes on.
-/// - A position beyond the chunk (two bytes are skipped unseen behind a
+/// - A position beyond the chunk (two bytes are skipped unseen after a
 ///   boundary) completes the line at once and moves two further.
 ///
-/// @param chunk     the chunk; one byte behind its end can be read
+/// @param chunk     the chunk; one byte after its end can be read
 /// @param size      its length
 /// @param position  where to go on; moved
 inline bool ExtendLine(const char* chunk, std::size_t size,

@@ -33,7 +33,7 @@ inline std::string BaseName(const char* file) {
     if (log.Check(level)) log.Write((level), __VA_ARGS__); \
   } while (false)
 
-/// The same with "<source file>:<line> " in front.
+/// The same, preceded by "<source file>:<line> ".
 #define ZANCGI_LOG_HERE(level, format, ...)                                \
   ZANCGI_LOG(level, "%s:%d " format, BaseName(__FILE__).c_str(), __LINE__, \
              ##__VA_ARGS__)

@@ -2,21 +2,21 @@
 
 #include <zancgi/form.h>
 
-#include <algorithm>
+#include <tov/env.h>
+
+#include <cstddef>
 #include <cstdlib>
 #include <initializer_list>
+#include <limits>
 #include <string_view>
+#include <utility>
 
-#include "../common/url_decoder.h"
+#include "form_collector.h"
 #include "http_text.h"
+#include "urlencoded_form.h"
 
 namespace zan_cgi {
 namespace {
-
-std::string Variable(const char* name) {
-  const char* const value = std::getenv(name);
-  return value == nullptr ? "" : value;
-}
 
 bool StartsWithoutCase(std::string_view text, std::string_view start) {
   return EqualWithoutCase(text.substr(0, start.size()), start);
@@ -45,18 +45,9 @@ bool IsOriginOf(std::string_view origin, std::string_view host) {
   return false;
 }
 
-Form::Field DecodedField(std::string_view piece) {
-  const std::size_t equals = std::min(piece.find('='), piece.size());
-  Form::Field field;
-  field.name = common::UrlDecoder(piece.substr(0, equals)).Run();
-  piece.remove_prefix(std::min(equals + 1, piece.size()));
-  field.value = common::UrlDecoder(piece).Run();
-  return field;
-}
-
 }  // namespace
 
-std::string Method() { return Variable("REQUEST_METHOD"); }
+std::string Method() { return tov_env::GetEnv("REQUEST_METHOD"); }
 
 std::string Header(const std::string& name) {
   if (!IsToken(name)) return "";
@@ -65,27 +56,23 @@ std::string Header(const std::string& name) {
   if (variable != "CONTENT_TYPE" && variable != "CONTENT_LENGTH") {
     variable.insert(0, "HTTP_");
   }
-  return Variable(variable.c_str());
+  return tov_env::GetEnv(variable);
 }
 
-std::string PathInfo() { return Variable("PATH_INFO"); }
+std::string PathInfo() { return tov_env::GetEnv("PATH_INFO"); }
 
 bool IsHttps() {
-  const std::string https = Variable("HTTPS");
+  const std::string https = tov_env::GetEnv("HTTPS");
   return !https.empty() && https != "0" && !EqualWithoutCase(https, "off");
 }
 
 std::vector<Form::Field> QueryFields() {
-  const std::string query = Variable("QUERY_STRING");
-  std::vector<Form::Field> fields;
-  std::size_t begin = 0;
-  while (begin < query.size()) {
-    const std::size_t end = std::min(query.find('&', begin), query.size());
-    const std::string_view piece(query.data() + begin, end - begin);
-    if (!piece.empty()) fields.push_back(DecodedField(piece));
-    begin = end + 1;
-  }
-  return fields;
+  Form::Limits unlimited;
+  unlimited.value = unlimited.values = unlimited.parts =
+      std::numeric_limits<std::size_t>::max();
+  FormCollector form(unlimited, "");
+  UrlencodedParser(form).Take(tov_env::GetEnv("QUERY_STRING"), true);
+  return std::move(form.fields());
 }
 
 bool IsSameSite() {

@@ -5,16 +5,20 @@
 #include <zancgi/request.h>
 
 #include <algorithm>
+#include <array>
+#include <charconv>
 #include <chrono>
 #include <compare>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <optional>
 #include <stdexcept>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
+#include "../common/hex_digit.h"
 #include "byte_range.h"
 #include "entity_tag.h"
 #include "http_date.h"
@@ -190,7 +194,6 @@ std::string QuotedName(const std::string& name) {
 
 /// An extended value (RFC 8187 section 3.2).
 std::string ExtendedName(const std::string& name) {
-  constexpr char kHexDigits[] = "0123456789ABCDEF";
   std::string extended = "UTF-8''";
   for (const char c : name) {
     if (IsControl(c)) {
@@ -200,8 +203,8 @@ std::string ExtendedName(const std::string& name) {
     } else {
       const auto byte = static_cast<unsigned char>(c);
       extended += '%';
-      extended += kHexDigits[byte / 16];
-      extended += kHexDigits[byte % 16];
+      extended += common::kUpperHexDigits[byte / 16];
+      extended += common::kUpperHexDigits[byte % 16];
     }
   }
   return extended;
@@ -223,21 +226,23 @@ struct stat RegularFile(int descriptor) {
   return file;
 }
 
-/// Changes whenever the file is written or replaced.
-std::string EntityTag(const struct stat& file) {
-  char text[80];
-  static_cast<void>(
-      std::snprintf(text, sizeof(text), "\"%lx-%lx-%lx.%lx\"", file.st_ino,
-                    static_cast<unsigned long>(file.st_size),
-                    static_cast<unsigned long>(file.st_mtim.tv_sec),
-                    static_cast<unsigned long>(file.st_mtim.tv_nsec)));
-  return text;
+/// A negative number becomes the one that its bits make without a sign.
+template <class Number>
+std::string Hex(Number number) {
+  std::array<char, 2 * sizeof(number)> digits;
+  const auto last =
+      std::to_chars(digits.begin(), digits.end(),
+                    static_cast<std::make_unsigned_t<Number>>(number), 16);
+  return {digits.begin(), last.ptr};
 }
 
-sys_seconds Now() {
-  return std::chrono::floor<std::chrono::seconds>(
-      std::chrono::system_clock::now());
+/// Changes whenever the file is written or replaced.
+std::string EntityTag(const struct stat& file) {
+  return '"' + Hex(file.st_ino) + '-' + Hex(file.st_size) + '-' +
+         Hex(file.st_mtim.tv_sec) + '.' + Hex(file.st_mtim.tv_nsec) + '"';
 }
+
+sys_seconds Now() { return sys_seconds(std::chrono::seconds(::time(nullptr))); }
 
 /// Never in the future (RFC 9110 section 8.8.2.1), nor in a year that a date
 /// cannot express.

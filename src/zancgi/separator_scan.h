@@ -117,7 +117,7 @@ class SeparatorScan {
   /// frequent byte is what a client could make slow.
   const char* PassBlocks(const char* at, const char* end) const {
     constexpr std::ptrdiff_t kBlock = 64;
-    // So far behind each place in the block the bytes can be read.
+    // So many bytes after each place in the block can be read.
     const auto reach =
         static_cast<std::ptrdiff_t>(std::max(size(), kBeginning));
     for (; end - at >= kBlock + reach; at += kBlock) {

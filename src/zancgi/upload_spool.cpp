@@ -38,15 +38,6 @@ bool LinkAs(int descriptor, const std::string& path) {
                   path.c_str(), AT_SYMLINK_FOLLOW) == 0;
 }
 
-/// Makes a file whose name ends in "XXXXXX", which becomes unique. Returns a
-/// negative number when it cannot be made.
-int MakeUnique(std::string& path) {
-  const int made = ::mkstemp(path.data());
-  // Newer calls that do this at once would cost each start a symbol version.
-  if (made >= 0) ::fcntl(made, F_SETFD, FD_CLOEXEC);
-  return made;
-}
-
 }  // namespace
 
 UploadSpool::UploadSpool(std::string directory)
@@ -128,7 +119,7 @@ bool UploadSpool::OpenUnnamed(File& file) const {
 
 void UploadSpool::OpenNamed(File& file) const {
   std::string path = directory_ + kNamePattern;
-  const int made = MakeUnique(path);
+  const int made = ::mkostemp(path.data(), O_CLOEXEC);
   if (made < 0) ThrowNotStored(errno);
   file.path = std::move(path);
   file.descriptor = MoveAboveStdio(made);
@@ -140,7 +131,7 @@ void UploadSpool::OpenNamed(File& file) const {
 void UploadSpool::Link(File& file) const {
   for (int attempt = 1;; ++attempt) {
     std::string path = directory_ + kNamePattern;
-    const int made = MakeUnique(path);
+    const int made = ::mkostemp(path.data(), O_CLOEXEC);
     if (made < 0) ThrowNotStored(errno);
     ::close(made);
     ::unlink(path.c_str());

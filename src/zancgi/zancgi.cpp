@@ -72,7 +72,7 @@ void WarnOfUploadLeft(const std::string& path) noexcept {
     // "tamporary" stays as it is: administrators search for this text.
     ZANCGI_LOG(kWarning, "failed to remove tamporary file '%s'", path.c_str());
   } catch (...) {
-    // Nobody is left to be told.
+    // There is nowhere to report this.
   }
 }
 
@@ -339,7 +339,7 @@ class BodyParser {
                       directory.c_str());
     }
     CheckFreeSpace();
-    // Cannot happen as long as two dashes stand in front. Kept, as a guard.
+    // Cannot happen as long as it begins with two dashes. Kept, as a guard.
     if (boundary_.empty()) {
       throw std::runtime_error("Boundary definition not found");
     }
@@ -720,7 +720,7 @@ class BodyParser {
     }
   }
 
-  /// @param end  the place behind the separator
+  /// @param end  the position after the separator
   void EndFile(std::size_t end) {
     separator_.Restart();
     carried_ = 0;

@@ -244,7 +244,7 @@ class ZANCGI_API Cgi {
   /// @param dir         the directory to enter. Confined: a path in the home
   ///   folder as the new root, absolute; a relative one would be taken from the
   ///   current directory, which stays outside. Unconfined: a path in the home
-  ///   folder, with or without a slash in front; empty for the home folder. Of
+  ///   folder, with or without a leading slash; empty for the home folder. Of
   ///   root: any path; empty for root's home folder.
   /// @param use_chroot  make the home folder the process's root directory
   ///   (chroot(2)). Only for homes of which every component is owned by root
@@ -255,7 +255,7 @@ class ZANCGI_API Cgi {
   ///   account; "failed to chroot to users home folder" when the home cannot be
   ///   entered, confined or not; "no such directory '...'" when @p dir cannot
   ///   be; "it is not your folder" when it lies outside the home; "stat error"
-  ///   when that cannot be told
+  ///   when that cannot be found out
   /// @throws tov_err::Error when an upload cannot be handed over; the process
   ///   then is who it was
   void Su(const std::string& user, const std::string& dir, bool use_chroot,
@@ -269,7 +269,7 @@ class ZANCGI_API Cgi {
   std::shared_ptr<Data> data_;
 };
 
-/// The request record behind a Cgi, for tests and debuggers. A front end has
+/// The request record of a Cgi, for tests and debuggers. A front end has
 /// no need of it.
 class ZANCGI_API Cgi::Data {
  public:
@@ -332,8 +332,8 @@ class ZANCGI_API Cgi::Data {
   /// @param dir         not used: uploads always go to the home folder
   /// @param use_chroot  record the paths as seen from the new root
   /// @throws std::runtime_error "failed to get pw entry"
-  /// @throws tov_err::Error when an upload cannot be handed over. Those before
-  ///   it have been, it keeps its recorded path, and those behind it are
+  /// @throws tov_err::Error when an upload cannot be handed over. The uploads
+  ///   before it have been, it keeps its recorded path, and those after it are
   ///   untouched.
   void DoChownFiles(const std::string& user, const std::string& dir,
                     bool use_chroot);

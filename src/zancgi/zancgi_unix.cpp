@@ -450,8 +450,8 @@ void RequireInsideHome(std::optional<ino_t> home) {
 
 /// Enters a directory below the current one, which is the home.
 void EnterInsideHome(const std::string& dir) {
-  // A home that the account may not search tells no number, neither now nor, if
-  // the process stays in it, later.
+  // A home that the account may not search cannot be examined, neither now nor
+  // later, if the process stays in it.
   std::optional<ino_t> home = InodeOf(".");
   const std::size_t begin = std::min(dir.find_first_not_of('/'), dir.size());
   if (begin < dir.size()) {
