@@ -16,8 +16,8 @@
 
 namespace tov_file {
 
-/// Returns whether something exists at @p path, links followed. A path that leads
-/// through a file does not exist.
+/// Returns whether something exists at @p path, links followed. A path that
+/// leads through a file does not exist.
 /// @throws tov_err::Error when that cannot be found out
 TOV_API bool Exists(const std::string& path);
 

@@ -98,7 +98,7 @@ def page_declarations(page):
 
 def source_texts():
     """The string literals of the sources, cut where something is filled in."""
-    for path in [*(SOURCE / "src").glob("*/*.cpp"), *(SOURCE / "src").glob("*/*.h")]:
+    for path in [*(SOURCE / "src").rglob("*.cpp"), *(SOURCE / "src").rglob("*.h")]:
         for literals in LITERALS.findall(path.read_text()):
             text = re.sub(r'"\s*"', "", literals)[1:-1]
             yield from re.split(r"%\w+", text)
@@ -125,10 +125,10 @@ def thrown_texts():
         r'(?:runtime_error|FormError|AccountError|Refuse)\(\s*(?:\d+,\s*)?(?:std::string\(\s*)?'
         rf"({LITERALS.pattern})"
     )
-    for path in folder.glob("*.cpp"):
+    for path in folder.rglob("*.cpp"):
         yield from thrown.findall(path.read_text())
-    # Its checks hand their texts on. The table after them has those of others.
-    checks, _, _ = (folder / "account.cpp").read_text().partition("kStatuses")
+    # Its checks hand their texts on.
+    checks = (folder / "account.cpp").read_text()
     yield from (literal for literal in re.findall(r'"[^"\n]*"', checks) if " " in literal)
 
 
