@@ -12,8 +12,12 @@ set(pkgconfig_dir "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 # them.
 function(install_library_pair name)
   set(cmake_dir "${CMAKE_INSTALL_LIBDIR}/cmake/${name}")
+  set(libraries ${name} ${name}_static)
+  if(TARGET ${name}_standalone)
+    list(APPEND libraries ${name}_standalone)
+  endif()
 
-  install(TARGETS ${name} ${name}_static EXPORT ${name}
+  install(TARGETS ${libraries} EXPORT ${name}
     LIBRARY
       DESTINATION "${CMAKE_INSTALL_LIBDIR}"
       COMPONENT ${name}
@@ -64,9 +68,11 @@ string(REGEX REPLACE "/$" "" way_to_prefix "${way_to_prefix}")
 # install_pkgconfig(NAME COMPONENT): cmake/package/NAME.pc.in with its holes
 # filled.
 function(install_pkgconfig name component)
-  foreach(library zancgi zancgi_static)
-    get_target_property(options ${library} INTERFACE_LINK_OPTIONS)
-    list(JOIN options " " ${library}_options)
+  foreach(library zancgi zancgi_static zancgi_standalone)
+    if(TARGET ${library})
+      get_target_property(options ${library} INTERFACE_LINK_OPTIONS)
+      list(JOIN options " " ${library}_options)
+    endif()
   endforeach()
   set(file "${configured_dir}/${name}.pc")
   configure_file("${package_dir}/${name}.pc.in" "${file}.in" @ONLY)
@@ -125,6 +131,9 @@ install(FILES "${package_dir}/zancgi-components.cmake"
   COMPONENT zancgi-dev)
 install_pkgconfig(zancgi zancgi-dev)
 install_pkgconfig(zancgi-static zancgi-dev)
+if(TARGET zancgi_standalone)
+  install_pkgconfig(zancgi-standalone zancgi-dev)
+endif()
 
 # Every copy wants its licence, and ours has pugixml inside.
 set(components zancgi zancgi-dev zancgi-doc zancgi-tools)

@@ -92,6 +92,45 @@ int main(int argc, char** argv) {
 }
 """
 
+# All that a front end without accounts uses.
+FORM_USER = r"""
+#include <zancgi/account.h>
+#include <zancgi/form.h>
+#include <zancgi/request.h>
+#include <zancgi/response.h>
+#include <zancgi/zancgi.h>
+
+#include <exception>
+
+int main(int, char** argv) {
+  int status = 200;
+  try {
+    zan_cgi::Cgi cgi(argv[0], "panel");
+    if (zan_cgi::IsHttps()) cgi.Authorize(zan_cgi::Cgi::AuthInfo::AuthCookie);
+    const zan_cgi::Form form(cgi);
+    throw zan_cgi::AccountError(form.Value("a"));
+  } catch (const std::exception& error) {
+    status = zan_cgi::StatusOf(error);
+  }
+  zan_cgi::Response(status).Send("refused");
+}
+"""
+
+ACCOUNT_CALLS = (
+    'cgi.Su("alice", "", false, false)',
+    'zan_cgi::BecomeAccount(cgi, "alice", {})',
+    "zan_cgi::myconv(0, nullptr, nullptr, nullptr)",
+)
+ACCOUNT_USER = r"""
+#include <zancgi/account.h>
+#include <zancgi/zancgi.h>
+
+int main(int argc, char** argv) {
+  zan_cgi::Cgi cgi(argv[0], "panel");
+  if (argc > 1) CALL;
+}
+"""
+
 BASE_USER = """\
 #include <tov/str.h>
 
@@ -282,10 +321,12 @@ class PackagesUser(InstallTest):
         of the package."""
         program = self.folder / f"program-{package}"
         libdir = self.pkg_config("--variable=libdir", package)[0]
+        # A static PIE with a run path ends at its start.
+        run_path = [] if package == "zancgi-standalone" else [f"-Wl,-rpath,{libdir}"]
         at = words.index("PACKAGE")
         run(
             CXX, "-o", program, *words[:at], *self.pkg_config("--libs", package), *words[at + 1 :],
-            f"-Wl,-rpath,{libdir}",
+            *run_path,
         )  # fmt: skip
         return program
 
@@ -340,6 +381,14 @@ class FrontEndTest(InstallTest):
             self.assert_hardened(program)
             self.assert_works(program)
 
+    def test_standalone(self):
+        for standard in STANDARDS:
+            program = self.program("zancgi_standalone", standard)
+            self.assertEqual(needed(program), set())
+            self.assertNotIn("INTERP", run("readelf", "--program-headers", "--wide", program))
+            self.assert_hardened(program)
+            self.assert_works(program)
+
     def test_base_library(self):
         for standard in STANDARDS:
             program = self.program("tov", standard)
@@ -348,7 +397,7 @@ class FrontEndTest(InstallTest):
 
 
 class PkgConfigTest(PackagesUser, FrontEndTest):
-    PACKAGES = ("zancgi", "zancgi-static", "tov", "zancgi-testing")
+    PACKAGES = ("zancgi", "zancgi-static", "zancgi-standalone", "tov", "zancgi-testing")
 
     def test_version(self):
         for package in self.PACKAGES:
@@ -382,7 +431,7 @@ class PkgConfigTest(PackagesUser, FrontEndTest):
             (["-DWITH_STREAMS"], closed, "by std::cout"),
             (["-DWITH_STREAMS", "-DAT_END"], at_end, "by std::cout"),
         ):
-            for package in ("zancgi", "zancgi-static"):
+            for package in ("zancgi", "zancgi-static", "zancgi-standalone"):
                 with self.subTest(package=package, options=options):
                     program = self.built(package, source, 20, *options)
                     self.assertEqual(run(program, env=whole, input="a=1"), f"{streamed}1\n")
@@ -391,11 +440,29 @@ class PkgConfigTest(PackagesUser, FrontEndTest):
     def test_a_front_end_may_have_a_pugixml_of_its_own(self):
         user = self.compiled(self.written("pugixml.cpp", PUGIXML_USER), 20)
         of_its_own = "-l:libpugixml.a"
-        for package, base in (("zancgi", ["-ltov"]), ("zancgi-static", [])):
+        for package in ("zancgi", "zancgi-static", "zancgi-standalone"):
+            base = ["-ltov"] if package == "zancgi" else []
             for words in ([of_its_own, "PACKAGE"], ["PACKAGE", of_its_own]):
                 with self.subTest(package=package, words=words):
                     program = self.linked(package, user, *words, *base)
                     self.assertEqual(run(program), "3 1 alice 0\n")
+
+    def test_a_standalone_front_end_without_accounts_links_without_a_warning(self):
+        user = self.compiled(self.written("forms.cpp", FORM_USER), 20)
+        program = self.linked("zancgi-standalone", user, "PACKAGE", "-Wl,--fatal-warnings")
+        self.assertIn("Status: 403", run(program, env={"REQUEST_METHOD": "GET"}))
+        symbols = run("nm", program)
+        for of_accounts in ("getpwnam", "initgroups", "dlopen"):
+            self.assertNotRegex(symbols, rf" [TW] {of_accounts}$")
+
+    def test_a_standalone_front_end_with_accounts_is_refused_by_the_linker(self):
+        for number, call in enumerate(ACCOUNT_CALLS):
+            with self.subTest(call=call):
+                source = self.written(f"account-{number}.cpp", ACCOUNT_USER.replace("CALL", call))
+                user = self.compiled(source, 20)
+                with self.assertRaisesRegex(AssertionError, "account_needs_the_shared_C_library"):
+                    self.linked("zancgi-standalone", user, "PACKAGE")
+                self.linked("zancgi-static", user, "PACKAGE")
 
 
 class CMakeTest(FrontEndTest):
