@@ -7,9 +7,11 @@ import pathlib
 import shutil
 import tempfile
 import unittest
+from unittest import mock
 
 import plots
 import report
+import start
 from frame import Bench, Case, Experiment, Stored
 from programs import Program
 from request import Piece, get, post
@@ -212,6 +214,50 @@ class Reports(FrameTest):
         if output.getvalue():
             self.skipTest(output.getvalue())
         self.assertIn("<svg", (self.folder / "plots/a-b.svg").read_text())
+
+
+class RecordOfStart(unittest.TestCase):
+    RECORDED = {"size": {"made with": {"compiler": "1"}, "counts": {"a": 1000, "b": 100}}}
+
+    def outcome(self, counts: object, compiler: str = "1") -> start.Outcome:
+        def count(_: pathlib.Path) -> start.Counts:
+            if isinstance(counts, Exception):
+                raise counts
+            return counts
+
+        quantity = start.Quantity("size", lambda _: {"compiler": compiler}, count)
+        with (
+            mock.patch("start.QUANTITIES", (quantity,)),
+            mock.patch("start.prepare"),
+            mock.patch("shutil.copy"),
+        ):
+            return start.compare(BUILT, self.RECORDED)
+
+    def test_a_hundredth_more_is_none(self) -> None:
+        outcome = self.outcome({"a": 1010, "b": 100})
+        self.assertEqual((outcome.compared, outcome.has_grown), (1, False))
+        self.assertTrue(all(line.endswith("as recorded") for line in outcome.lines))
+
+    def test_growth_of_one_program_fails(self) -> None:
+        outcome = self.outcome({"a": 1000, "b": 102})
+        self.assertTrue(outcome.has_grown)
+        self.assertRegex(outcome.lines[1], "b: 102, 100 recorded: GROWN by 2.0 %")
+        self.assertIn("scripts/bench --record", outcome.lines[-1])
+
+    def test_less_is_worth_a_record(self) -> None:
+        outcome = self.outcome({"a": 900, "b": 100})
+        self.assertFalse(outcome.has_grown)
+        self.assertRegex(outcome.lines[0], "10.0 % less: scripts/bench --record")
+
+    def test_nothing_is_compared_with_what_another_compiler_made(self) -> None:
+        outcome = self.outcome({"a": 2000, "b": 200}, compiler="2")
+        self.assertEqual((outcome.compared, outcome.has_grown), (0, False))
+        self.assertIn("not compared: recorded with compiler '1', here '2'", outcome.lines[0])
+
+    def test_nothing_is_compared_where_nothing_can_be_counted(self) -> None:
+        outcome = self.outcome(start.Missing("valgrind is not installed"))
+        self.assertEqual((outcome.compared, outcome.has_grown), (0, False))
+        self.assertIn("not compared: valgrind is not installed", outcome.lines[0])
 
 
 # It has no tests of its own.

@@ -196,14 +196,17 @@ def php(workload):
 
 SHARED = "libzancgi, shared"
 ARCHIVES = "libzancgi, archives"
+STANDALONE = "libzancgi, standalone"
 
 PROGRAMS = (
     floor("empty_c", "empty", "empty C program"),
+    floor("empty_c_static", "empty", "empty C program, static"),
     floor("empty_cpp", "empty", "empty C++ program"),
     floor("empty_cpp_two", "empty", "the same with two empty shared libraries"),
     ours("get", "shared", SHARED),
     ours("get", "archive", ARCHIVES),
     ours("get", "archive_nopie", f"{ARCHIVES}, not PIE"),
+    ours("get", "standalone", STANDALONE),
     ours("form", "shared", SHARED),
     ours("form", "archive", ARCHIVES),
     ours("upload", "shared", SHARED),

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Measures how fast the library is, beside peers, as ratios within one run.
 
-    run.py --build FOLDER [--quick] [--check] [GROUP...]
+    run.py --build FOLDER [--quick] [--check | --record] [GROUP...]
 
 Writes tables, JSON and plots into the folder that the programs were built in.
 How a group of measurements is written: frame.py. What is to be reached:
@@ -18,11 +18,14 @@ import tempfile
 import machine
 import plots
 import report
+import start
 from frame import Bench, Experiment
 from spawner import Failed
 from targets import Verdict, judge
 
 GROUPS = ("startup", "requests", "upload", "scan", "memory", "forms", "exchange")
+# What CTest takes for a skipped test.
+SKIPPED = 77
 
 
 def parse_arguments() -> argparse.Namespace:
@@ -30,11 +33,15 @@ def parse_arguments() -> argparse.Namespace:
     parser.add_argument("--build", type=pathlib.Path, required=True)
     parser.add_argument("--quick", action="store_true", help="few runs, small inputs")
     parser.add_argument("--check", action="store_true", help="check answers, time nothing")
+    parser.add_argument("--record", action="store_true", help="record what a start takes")
     parser.add_argument("groups", nargs="*", metavar="GROUP", help=", ".join(GROUPS))
     arguments = parser.parse_args()
-    unknown = set(arguments.groups) - set(GROUPS)
+    # With --check there is one more: how a start compares with the record.
+    known = [*GROUPS, "start"] if arguments.check else GROUPS
+    unknown = set(arguments.groups) - set(known)
     if unknown:
         parser.error(f"unknown groups: {', '.join(sorted(unknown))}")
+    arguments.groups = arguments.groups or list(known)
     return arguments
 
 
@@ -65,18 +72,35 @@ def write_results(
     plots.draw(experiments, folder / "plots")
 
 
+def compare_start(bench: Bench, build: pathlib.Path) -> bool:
+    """Whether anything could be compared."""
+    try:
+        outcome = start.compare(build)
+    except Failed as failure:
+        bench.report_broken(f"start: {failure}")
+        return True
+    print(*outcome.lines, sep="\n")
+    if outcome.has_grown:
+        bench.report_broken("a start takes more than is recorded")
+    return outcome.compared > 0
+
+
 def main() -> int:
     arguments = parse_arguments()
     # As on Ctrl-C, what was started is ended, and what was written removed.
     signal.signal(signal.SIGTERM, signal.default_int_handler)
-    groups = arguments.groups or list(GROUPS)
+    build = arguments.build.resolve()
+    if arguments.record:
+        start.record(build)
+        return 0
+    groups = [name for name in GROUPS if name in arguments.groups]
     facts = machine.facts(arguments.build)
     with (
         tempfile.TemporaryDirectory(dir="/dev/shm", prefix="bench-") as memory,
         tempfile.TemporaryDirectory(dir=arguments.build, prefix="bench-") as disk,
     ):
         bench = Bench(
-            arguments.build.resolve() / "bench",
+            build / "bench",
             pathlib.Path(memory),
             pathlib.Path(disk).resolve(),
             # A check is as good with a small input.
@@ -84,6 +108,7 @@ def main() -> int:
             only_checks=arguments.check,
         )
         run_groups(bench, groups)
+        has_compared = "start" in arguments.groups and compare_start(bench, build)
     print(f"{bench.right} programs and inputs checked and right")
     if bench.absent:
         print("Left out, because they are not there:", ", ".join(sorted(bench.absent)))
@@ -93,7 +118,10 @@ def main() -> int:
         verdicts = list(judge(bench.experiments, groups))
         print(report.verdict_table(verdicts))
         write_results(arguments.build, bench.experiments, verdicts, facts)
-    return 1 if bench.broken else 0
+    if bench.broken:
+        return 1
+    # Nothing has failed, but nothing has been looked at either.
+    return SKIPPED if arguments.groups == ["start"] and not has_compared else 0
 
 
 if __name__ == "__main__":

@@ -37,12 +37,20 @@ class Outcome:
 
 
 class Spawner:
-    def __init__(self, program: pathlib.Path) -> None:
-        self.program = program
+    def __init__(
+        self,
+        program: pathlib.Path,
+        prefix: Sequence[str] = (),
+        folder: pathlib.Path | None = None,
+    ) -> None:
+        # How it is started, and where.
+        self.command = [*prefix, str(program)]
+        self.folder = folder
 
     def run(self, starts: Sequence[Start], rounds: int, seconds: float) -> Outcome:
         with subprocess.Popen(
-            [self.program],
+            self.command,
+            cwd=self.folder,
             stdin=subprocess.PIPE,
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,

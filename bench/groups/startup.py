@@ -18,6 +18,6 @@ def run(bench: Bench) -> None:
             "startup/get",
             "GET with three parameters and a cookie",
             bench.measure(cases, rounds=100 if bench.quick else 600),
-            references=("empty_c", "empty_cpp", "cgicc_get"),
+            references=("empty_c", "empty_c_static", "empty_cpp", "cgicc_get"),
         )
     )
