@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Prints a Markdown document of this tree as Doxygen understands it.
+"""Prints a Markdown document of this tree in the form that Doxygen understands.
 
 usage: markdown_for_doxygen.py DOCUMENT
 
@@ -52,13 +52,13 @@ def translated_link(document, link):
         return f"[{text}](@ref {label(path, fragment)})"
     if path.suffix == ".h" and path.is_relative_to(ROOT / "src"):
         return f'@ref {path.name} "{text}"'
-    # Not among the pages: named, but no way there.
+    # Not among the pages: the name stays without a link.
     return text
 
 
 def translated_code(code):
-    """Behind two backticks an apostrophe ends nothing, and as an entity a quote
-    begins nothing."""
+    """Two backticks, so that an apostrophe does not end the code, and an entity, so
+    that a quote does not begin a string."""
     return "``" + code[1].replace('"', "&quot;") + "``"
 
 
@@ -78,7 +78,7 @@ class Headings:
 
 def translated_text(document, headings, text):
     text = CODE.sub(translated_code, text.replace("\\", "\\\\"))
-    # Between two asterisks it sees no code.
+    # Doxygen does not recognise code between two asterisks.
     text = STRONG.sub(r"<b>\1</b>", text)
     text = HEADING.sub(headings, text)
     return LINK.sub(lambda link: translated_link(document, link), text)
