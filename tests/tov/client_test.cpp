@@ -24,6 +24,8 @@
 
 namespace {
 
+using namespace std::string_literals;
+
 using support::Backend;
 using support::Block;
 using support::EndSignalStorm;
@@ -97,23 +99,18 @@ std::string AnswerOf(const std::string& name) {
   return Converse(backend, {}).reported["answer"];
 }
 
-/// Whether an answer arrives as it is, in one piece and byte by byte; with
-/// @p error, whether it fails so.
-testing::AssertionResult Arrives(const std::string& answer,
-                                 const std::string& error = "") {
-  for (const Step& step : {Answer(answer), AnswerByteByByte(answer)}) {
-    Outcome outcome = ConverseWith(step);
-    const bool good =
-        error.empty()
-            ? outcome.error.empty() && outcome.reported["answer"] == answer
-            : outcome.error_type == "tov_err::Error" && outcome.error == error;
-    if (!good) {
-      return testing::AssertionFailure()
-             << "[" << answer << "] gave [" << outcome.reported["answer"]
-             << "], " << outcome.error_type << ": " << outcome.error;
+/// Expects that each answer arrives as it is, in one piece and byte by byte;
+/// with @p error, that it fails so.
+void ExpectEach(const Lines& answers, const std::string& error = "") {
+  for (const std::string& answer : answers) {
+    SCOPED_TRACE(answer);
+    for (const Step& step : {Answer(answer), AnswerByteByByte(answer)}) {
+      Outcome outcome = ConverseWith(step);
+      EXPECT_EQ(outcome.error, error);
+      EXPECT_EQ(outcome.error_type, error.empty() ? "" : "tov_err::Error");
+      EXPECT_EQ(outcome.reported["answer"], error.empty() ? answer : "");
     }
   }
-  return testing::AssertionSuccess();
 }
 
 /// The error of connecting, and how many sockets that took.
@@ -130,33 +127,25 @@ Outcome ConnectTo(const std::string& name, const std::string& run_dir) {
                         });
 }
 
-testing::AssertionResult IsRefusedBeforeAnythingIsOpened(
-    const std::string& name) {
-  Scratch run_dir;
+void ExpectRefusalBeforeAnythingIsOpened(const std::string& name) {
+  const Scratch run_dir;
   const Outcome outcome = ConnectTo(name, run_dir.Path());
-  if (outcome.error_type == "tov_err::Value" &&
-      outcome.reported.at("sockets") == "0") {
-    return testing::AssertionSuccess();
-  }
-  return testing::AssertionFailure()
-         << outcome.error_type << ": " << outcome.error;
+  EXPECT_EQ(outcome.error_type, "tov_err::Value") << name << outcome.error;
+  EXPECT_EQ(outcome.reported.at("sockets"), "0") << name;
 }
 
 /// @param name  what of the line the error is to show
-testing::AssertionResult LineIsRefused(const std::string& line,
-                                       const std::string& name) {
+void ExpectRefusal(const std::string& line, const std::string& name) {
   Backend backend;
   backend.Then(CloseSilently());
   const Outcome outcome = RunWithoutLeak(
       Child().With(backend),
       [&](const Reporter&) { Connect(backend.Name(), false)->SendEnv(line); });
+  EXPECT_EQ(outcome.error_type, "tov_err::Value") << line;
+  // A text of what() ends at a zero byte.
   const std::string error =
       "bad value '" + name + "' of 'environment variable'";
-  // A text of what() ends at a zero byte.
-  const bool good =
-      outcome.error_type == "tov_err::Value" && outcome.error == error.c_str();
-  return (good ? testing::AssertionSuccess() : testing::AssertionFailure())
-         << outcome.error_type << ": " << outcome.error;
+  EXPECT_EQ(outcome.error, error.c_str());
 }
 
 /// A name for which the socket's path has this many bytes.
@@ -264,27 +253,10 @@ class SlowService {
 };
 
 TEST(Request, IsANetstringOfVariables) {
+  const std::string own = "CONTENT_LENGTH\0000\0SCGI\0001\0"s;
+  EXPECT_EQ(Sent({}).raw, "24:" + own + ",");
   EXPECT_EQ(Sent({"REQUEST_METHOD=GET", "EMPTY="}).raw,
-            std::string("50:"
-                        "CONTENT_LENGTH\0"
-                        "0\0"
-                        "SCGI\0"
-                        "1\0"
-                        "REQUEST_METHOD\0"
-                        "GET\0"
-                        "EMPTY\0"
-                        "\0"
-                        ",",
-                        54));
-}
-
-TEST(Request, MayHaveNoVariables) {
-  EXPECT_EQ(Sent({}).raw, std::string("24:CONTENT_LENGTH\0"
-                                      "0\0"
-                                      "SCGI\0"
-                                      "1\0"
-                                      ",",
-                                      28));
+            "50:" + own + "REQUEST_METHOD\0GET\0EMPTY\0\0,"s);
 }
 
 TEST(Request, KeepsTheOrderOfItsVariables) {
@@ -323,36 +295,30 @@ TEST(Request, MayBeLargerThanASocketsBuffer) {
 }
 
 TEST(Request, RefusesALineThatIsNoVariable) {
-  EXPECT_TRUE(LineIsRefused("", ""));
-  EXPECT_TRUE(LineIsRefused("NAME", "NAME"));
-  EXPECT_TRUE(LineIsRefused("=value", ""));
-  EXPECT_TRUE(LineIsRefused(std::string("A=1\0B=2", 7), "A"));
-  EXPECT_TRUE(LineIsRefused(std::string("A\0B=2", 5), std::string("A\0B", 3)));
+  ExpectRefusal("", "");
+  ExpectRefusal("NAME", "NAME");
+  ExpectRefusal("=value", "");
+  ExpectRefusal("A=1\0B=2"s, "A");
+  ExpectRefusal("A\0B=2"s, "A\0B"s);
 }
 
 TEST(Request, RefusesTheNamesOfTheWireFormatAlone) {
-  EXPECT_TRUE(LineIsRefused("CONTENT_LENGTH=5", "CONTENT_LENGTH"));
-  EXPECT_TRUE(LineIsRefused("CONTENT_LENGTH=", "CONTENT_LENGTH"));
-  EXPECT_TRUE(LineIsRefused("SCGI=1", "SCGI"));
+  ExpectRefusal("CONTENT_LENGTH=5", "CONTENT_LENGTH");
+  ExpectRefusal("CONTENT_LENGTH=", "CONTENT_LENGTH");
+  ExpectRefusal("SCGI=1", "SCGI");
   const Lines alike = {"CONTENT_LENGTH2=1", "SCGI_X=2", "XSCGI=3"};
   EXPECT_EQ(Sent(alike).variables.size(), 5u);
 }
 
-TEST(Connect, RefusesANameThatIsNoFileName) {
+TEST(Connect, RefusesANameThatIsNoFileNameOrIsTooLong) {
+  // 108 bytes are as many as an address has, which leaves none for the final
+  // zero.
   for (const std::string& name :
-       {std::string(), std::string("."), std::string(".."),
-        std::string(".hidden"), std::string("../x"), std::string("a/b"),
-        std::string("/a"), std::string("a/"), std::string("/"),
-        std::string("a\0b", 3), std::string("\0", 1)}) {
-    EXPECT_TRUE(IsRefusedBeforeAnythingIsOpened(name)) << name;
+       {""s, "."s, ".."s, ".hidden"s, "../x"s, "a/b"s, "/a"s, "a/"s, "/"s,
+        "a\0b"s, "\0"s, std::string(200, 'n'), NameForPathOf(109),
+        NameForPathOf(108)}) {
+    ExpectRefusalBeforeAnythingIsOpened(name);
   }
-}
-
-TEST(Connect, RefusesANameThatIsTooLong) {
-  EXPECT_TRUE(IsRefusedBeforeAnythingIsOpened(std::string(200, 'n')));
-  EXPECT_TRUE(IsRefusedBeforeAnythingIsOpened(NameForPathOf(109)));
-  // As many bytes as an address has, which leaves none for the final zero.
-  EXPECT_TRUE(IsRefusedBeforeAnythingIsOpened(NameForPathOf(108)));
 }
 
 TEST(Connect, TakesTheLongestNameThatFits) {
@@ -449,14 +415,13 @@ TEST(Connect, ClosesTheConnectionWhenDestroyed) {
 TEST(AnswerText, IsHandedOnByteForByte) {
   std::string bytes;
   for (int byte = 0; byte < 256; ++byte) bytes += static_cast<char>(byte);
-  for (const std::string& answer :
-       {std::string("<doc/>"), bytes, std::string("\n"),
-        std::string("Status: 200 OK\r\nContent-Type: text/xml\r\n\r\nx")}) {
-    EXPECT_TRUE(Arrives(answer));
-  }
+  ExpectEach({"<doc/>", bytes, "\n",
+              "Status: 200 OK\r\nContent-Type: text/xml\r\n\r\nx"});
 }
 
-TEST(AnswerText, MayBeLarge) {
+TEST(AnswerText, MayBeLargeAndTakenInSmallPieces) {
+  const Outcome small = ConverseWith(Answer("Status: 200\n\nabc"), 1);
+  EXPECT_EQ(small.reported.at("answer"), "Status: 200\n\nabc");
   std::string answer;
   while (answer.size() < 3'000'000) answer += std::to_string(answer.size());
   for (const std::size_t piece : {1000u, 65536u, 5'000'000u}) {
@@ -464,11 +429,6 @@ TEST(AnswerText, MayBeLarge) {
     EXPECT_EQ(outcome.error, "");
     EXPECT_TRUE(outcome.reported.at("answer") == answer);
   }
-}
-
-TEST(AnswerText, MayBeTakenInSmallPieces) {
-  const Outcome outcome = ConverseWith(Answer("Status: 200\n\nabc"), 1);
-  EXPECT_EQ(outcome.reported.at("answer"), "Status: 200\n\nabc");
 }
 
 TEST(AnswerText, HasEndedForGood) {
@@ -508,75 +468,73 @@ TEST(AnswerText, WithoutAByteOrCutByAResetIsAnError) {
 }
 
 TEST(ContentLength, IsComparedWithWhatFollowsTheHeader) {
-  for (const std::string answer :
-       {"Content-Length: 5\r\n\r\nhello", "Content-Length: 0\r\n\r\n",
-        "Content-Length: 5\n\nhello",
-        // What is too much is handed on as well.
-        "Content-Length: 4\r\n\r\nhello", "Content-Length: 0\r\n\r\nhello"}) {
-    EXPECT_TRUE(Arrives(answer));
-  }
-  for (const std::string answer :
-       {"Content-Length: 6\r\n\r\nhello", "Content-Length: 6\n\nhello",
-        "Content-Length: 1\r\n\r\n", "Content-Length: 4294967301\r\n\r\nhello",
-        // In any case and place.
-        "content-length: 6\r\n\r\nhello", "CONTENT-LENGTH:6\r\n\r\nhello",
-        "Status: 200 OK\r\nContent-Length: \t6 \r\n"
-        "Content-Type: text/xml\r\n\r\nhello",
-        "A: 1\nContent-length:6\nB: 2\r\n\nhello",
-        // Ended among the headers.
-        "Content-Length: 5\r\n", "Content-Length: 5\r\nStatus: 200 OK\r\n"}) {
-    EXPECT_TRUE(Arrives(answer, kTooShort));
-  }
+  const std::string five = "Content-Length: 5\r\n";
+  ExpectEach({five + "\r\nhello", "Content-Length: 0\r\n\r\n",
+              "Content-Length: 5\n\nhello",
+              // What is too much is handed on as well.
+              "Content-Length: 4\r\n\r\nhello",
+              "Content-Length: 0\r\n\r\nhello",
+              // It is not needed.
+              "Status: 200 OK\r\n", "Status: 200 OK",
+              "Content-Type: text/html\r\n\r\n"});
+  ExpectEach(
+      {"Content-Length: 6\r\n\r\nhello", "Content-Length: 6\n\nhello",
+       "Content-Length: 1\r\n\r\n", "Content-Length: 4294967301\r\n\r\nhello",
+       // In any case and place.
+       "content-length: 6\r\n\r\nhello", "CONTENT-LENGTH:6\r\n\r\nhello",
+       "Status: 200 OK\r\nContent-Length: \t6 \r\n"
+       "Content-Type: text/xml\r\n\r\nhello",
+       "A: 1\nContent-length:6\nB: 2\r\n\nhello",
+       // Ended among the headers.
+       five, five + "Status: 200 OK\r\n"},
+      kTooShort);
 }
 
-TEST(ContentLength, MayHaveBlanksAndTabsAround) {
-  for (const std::string blanks : {" ", "\t", " \t", "\t "}) {
-    const std::string length = "Content-Length:" + blanks + "5" + blanks;
-    EXPECT_TRUE(Arrives(length + "\r\n\r\nhello"));
-    EXPECT_TRUE(Arrives(length + "\r\n\r\nhell", kTooShort));
+TEST(ContentLength, MayBeRepeatedAndHaveBlanksAndTabsAround) {
+  for (const std::string& header :
+       {"Content-Length: 5 "s, "Content-Length:\t5\t"s,
+        "Content-Length: \t5 \t"s, "Content-Length:\t 5\t "s,
+        "Content-Length: 5\r\nContent-length:5"s}) {
+    ExpectEach({header + "\r\n\r\nhello"});
+    ExpectEach({header + "\r\n\r\nhell"}, kTooShort);
   }
-}
-
-TEST(ContentLength, MayBeRepeated) {
-  const std::string twice = "Content-Length: 5\r\nContent-length:5\r\n\r\n";
-  EXPECT_TRUE(Arrives(twice + "hello"));
-  EXPECT_TRUE(Arrives(twice + "hell", kTooShort));
 }
 
 TEST(ContentLength, WithTwoMeaningsOrNoneIsAnError) {
-  for (const std::string lines :
-       {"Content-Length: 5\r\nContent-Length: 4\r\n",
-        "Content-Length: 4\r\nContent-Length: 5\r\n",
-        "Content-Length: 5\nContent-Length: 4\nContent-Length: 4\n",
-        "Content-Length: \n", "Content-Length: x\n", "Content-Length: -5\n",
-        "Content-Length: 5x\n", "Content-Length: 5 5\n",
-        "Content-Length: 5,5\n", "Content-Length: 0x5\n",
-        "Content-Length: 1e0\n", "Content-Length: 99999999999999999999999\n"}) {
-    EXPECT_TRUE(Arrives(lines + "\r\nhello", kSenseless));
+  for (const std::string value :
+       {"5\r\nContent-Length: 4\r", "4\r\nContent-Length: 5\r",
+        "5\nContent-Length: 4\nContent-Length: 4", "", "x", "-5", "5x", "5 5",
+        "5,5", "0x5", "1e0", "99999999999999999999999"}) {
+    ExpectEach({"Content-Length: " + value + "\n\r\nhello"}, kSenseless);
   }
 }
 
 TEST(ContentLength, IsTextWhereItIsNoHeader) {
-  for (const std::string answer :
-       {":x\nContent-Length: 100\n\nshort", "X-Content-Length: 60\r\n\r\nhello",
-        "Content-Length-X: 60\r\n\r\nhello",
-        // After a line that is none, or after all headers.
-        "<doc>\nContent-Length: 100\n\n</doc>",
-        "\r\nContent-Length: 100\r\n\r\nhello",
-        "Status: 200\r\n\r\nContent-Length: 100\r\n\r\nx",
-        // Before a line that is none.
-        "Content-Length: 100\nhello world",
-        "Content-Length: 100\n<doc>\n\n</doc>",
-        "Content-Length: x\nhello world",
-        "Content-Length: 5\nContent-Length: 4\n<doc/>\n"}) {
-    EXPECT_TRUE(Arrives(answer));
-  }
+  ExpectEach(
+      {":x\nContent-Length: 100\n\nshort", "X-Content-Length: 60\r\n\r\nhello",
+       "Content-Length-X: 60\r\n\r\nhello",
+       // After a line that is none, or after all headers.
+       "<doc>\nContent-Length: 100\n\n</doc>",
+       "\r\nContent-Length: 100\r\n\r\nhello",
+       "Status: 200\r\n\r\nContent-Length: 100\r\n\r\nx",
+       // Before a line that is none.
+       "Content-Length: 100\nhello world",
+       "Content-Length: 100\n<doc>\n\n</doc>", "Content-Length: x\nhello world",
+       "Content-Length: 5\nContent-Length: 4\n<doc/>\n"});
 }
 
-TEST(ContentLength, IsNotNeeded) {
-  EXPECT_TRUE(Arrives("Status: 200 OK\r\n"));
-  EXPECT_TRUE(Arrives("Status: 200 OK"));
-  EXPECT_TRUE(Arrives("Content-Type: text/html\r\n\r\n"));
+TEST(ContentLength, CountsWhileTheNextLineMayBecomeAHeader) {
+  const std::string length = "Content-Length: 2000\n";
+  ExpectEach({length + std::string(1023, 'n'), length + "\r"}, kTooShort);
+  ExpectEach({length + std::string(1024, 'n'), length + "n\r"});
+}
+
+TEST(ContentLength, CountsAfterALongHeaderButNotAfterALongName) {
+  const std::string rest = "\nContent-Length: 6\n\nhello";
+  ExpectEach({"X: " + std::string(3000, 'x') + rest,
+              std::string(1023, 'n') + ":" + rest},
+             kTooShort);
+  ExpectEach({std::string(1024, 'n') + ": x" + rest});
 }
 
 TEST(ContentLength, IsFoundWhereverTheAnswerIsCut) {
@@ -599,21 +557,6 @@ TEST(ContentLength, IsFoundWhereverTheAnswerIsCut) {
     EXPECT_EQ(outcome.error, "") << pieces[0];
     EXPECT_TRUE(outcome.reported.contains("answer")) << pieces[0];
   }
-}
-
-TEST(ContentLength, CountsWhileTheNextLineMayBecomeAHeader) {
-  const std::string length = "Content-Length: 2000\n";
-  EXPECT_TRUE(Arrives(length + std::string(1023, 'n'), kTooShort));
-  EXPECT_TRUE(Arrives(length + std::string(1024, 'n')));
-  EXPECT_TRUE(Arrives(length + "\r", kTooShort));
-  EXPECT_TRUE(Arrives(length + "n\r"));
-}
-
-TEST(ContentLength, CountsAfterALongHeaderButNotAfterALongName) {
-  const std::string rest = "\nContent-Length: 6\n\nhello";
-  EXPECT_TRUE(Arrives("X: " + std::string(3000, 'x') + rest, kTooShort));
-  EXPECT_TRUE(Arrives(std::string(1023, 'n') + ":" + rest, kTooShort));
-  EXPECT_TRUE(Arrives(std::string(1024, 'n') + ": x" + rest));
 }
 
 TEST(Signals, DoNotInterruptAConversation) {
@@ -683,32 +626,35 @@ TEST(Signals, AreNeitherRaisedNorLeftPendingByABrokenConnection) {
 }
 
 TEST(Protocol, TakesItsCallsInOneOrderOnly) {
-  using Misuse = void (*)(Protocol&);
-  const Misuse answers_too_early = [](Protocol& protocol) {
-    char piece[10];
-    protocol.GetAnswer(piece, sizeof(piece));
+  struct Misuse {
+    void (*commit)(Protocol&);
+    std::string error;
   };
-  const Misuse adds_a_variable_too_late = [](Protocol& protocol) {
-    protocol.RequestComplete();
-    protocol.SendEnv("A=1");
-  };
-  const Misuse completes_twice = [](Protocol& protocol) {
-    protocol.RequestComplete();
-    protocol.RequestComplete();
-  };
-  const std::string request = "the request to back end 'backend' is ";
-  for (const auto& [misuse, error] :
-       {std::pair(answers_too_early, request + "not complete yet"),
-        std::pair(adds_a_variable_too_late, request + "complete already"),
-        std::pair(completes_twice, request + "complete already")}) {
+  const Misuse kMisuses[] = {{[](Protocol& protocol) {
+                                char piece[10];
+                                protocol.GetAnswer(piece, sizeof(piece));
+                              },
+                              "not complete yet"},
+                             {[](Protocol& protocol) {
+                                protocol.RequestComplete();
+                                protocol.SendEnv("A=1");
+                              },
+                              "complete already"},
+                             {[](Protocol& protocol) {
+                                protocol.RequestComplete();
+                                protocol.RequestComplete();
+                              },
+                              "complete already"}};
+  for (const Misuse& misuse : kMisuses) {
     Backend backend;
     backend.Then(Answer("x"));
-    const Outcome outcome = RunWithoutLeak(
-        Child().With(backend), [misuse = misuse, &backend](const Reporter&) {
-          misuse(*Connect(backend.Name(), false));
+    const Outcome outcome =
+        RunWithoutLeak(Child().With(backend), [&](const Reporter&) {
+          misuse.commit(*Connect(backend.Name(), false));
         });
     EXPECT_EQ(outcome.error_type, "tov_err::Error");
-    EXPECT_EQ(outcome.error, error);
+    EXPECT_EQ(outcome.error,
+              "the request to back end 'backend' is " + misuse.error);
   }
 }
 

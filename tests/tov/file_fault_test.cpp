@@ -9,7 +9,6 @@
 #include <tov/file.h>
 #include <unistd.h>
 #include <zancgi/testing/child.h>
-#include <zancgi/testing/identity.h>
 #include <zancgi/testing/scratch.h>
 
 #include <algorithm>
@@ -24,27 +23,13 @@
 #include <utility>
 #include <vector>
 
-#include "attributes.h"
+#include "files.h"
 #include "support/clean_run.h"
 #include "support/file_calls.h"
 #include "support/mount.h"
 
+namespace files {
 namespace {
-
-namespace fs = std::filesystem;
-
-using attributes::kOtherFileSystem;
-using attributes::ModeOf;
-using support::FileCall;
-using support::FileCallWatcher;
-using support::RunWithoutLeak;
-using tov_file::Attrs;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::ReadFile;
-using zan_cgi::testing::Reporter;
-using zan_cgi::testing::Scratch;
-using Names = std::vector<std::string>;
 
 /// What is copied in one piece.
 constexpr std::size_t kPiece = 65536;
@@ -95,25 +80,13 @@ FileCallWatcher Before(const std::string& name, std::function<void()> deed) {
 
 int LetAll(const FileCall& /*call*/) { return 0; }
 
-/// Watches the calls on files while it lives.
-class Watch {
- public:
-  explicit Watch(FileCallWatcher watcher) {
-    support::WatchFileCalls(std::move(watcher));
-  }
-  ~Watch() { support::WatchFileCalls(nullptr); }
-  Watch(const Watch&) = delete;
-  Watch& operator=(const Watch&) = delete;
-};
-
 /// A move from one file system to another: onto a disk or into memory; by way
 /// of a file without a name or of one with a name.
 class CopyingMove : public testing::TestWithParam<std::tuple<bool, bool>> {
  protected:
   void SetUp() override {
-    if (!attributes::IsOtherFileSystemAnother()) {
-      GTEST_SKIP() << "needs another file system at " << kOtherFileSystem;
-    }
+    const std::string lack = WhyNoOtherFileSystem();
+    if (!lack.empty()) GTEST_SKIP() << lack;
     if (!ByName() && !HasUnnamedFiles(Folder().Path())) {
       GTEST_SKIP() << "needs O_TMPFILE in " << Folder().Path();
     }
@@ -174,6 +147,11 @@ class CopyingMove : public testing::TestWithParam<std::tuple<bool, bool>> {
     EXPECT_TRUE(ReadFile(Target()) == content_);
     EXPECT_EQ(Folder().List(), Names{"target"});
     EXPECT_EQ(SourceFolder().List(), Names{});
+  }
+
+  void ExpectMovedByItsWay(const Outcome& outcome) const {
+    ExpectMoved(outcome);
+    ExpectWay(outcome);
   }
 
   void ExpectNotMoved(const Outcome& outcome) const {
@@ -240,8 +218,7 @@ TEST_P(CopyingMove, ShowsAFileMeanwhileOnlyWhereItMust) {
       EXPECT_TRUE(IsDraft(seen[0])) << seen[0];
     }
   });
-  ExpectMoved(outcome);
-  ExpectWay(outcome);
+  ExpectMovedByItsWay(outcome);
 }
 
 TEST_P(CopyingMove, TakesATargetWithoutAFolder) {
@@ -249,8 +226,7 @@ TEST_P(CopyingMove, TakesATargetWithoutAFolder) {
       Child().WorkDir(Folder().Path()).Run([&](const Reporter& report) {
         RunHere(LetAll, report, "target");
       });
-  ExpectMoved(outcome);
-  ExpectWay(outcome);
+  ExpectMovedByItsWay(outcome);
 }
 
 TEST_P(CopyingMove, ThatIsKilledAtAnyCallLosesNothing) {
@@ -300,8 +276,7 @@ TEST_P(CopyingMove, GoesOnAfterASignal) {
   for (const char* name : {"open", "O_TMPFILE", "read", "write"}) {
     SCOPED_TRACE(name);
     const Outcome outcome = Run(FirstFails(name, EINTR));
-    ExpectMoved(outcome);
-    ExpectWay(outcome);
+    ExpectMovedByItsWay(outcome);
     StartAgain();
   }
 }
@@ -404,8 +379,7 @@ int FailToLinkByDescriptor(const FileCall& call) {
 
 TEST_P(UnnamedCopy, IsLinkedByItsPathInProcWithoutTheCapability) {
   const Outcome outcome = Run(FailToLinkByDescriptor);
-  ExpectMoved(outcome);
-  ExpectWay(outcome);
+  ExpectMovedByItsWay(outcome);
 }
 
 TEST_P(UnnamedCopy, IsMadeAgainWithANameWhenItCannotBeLinked) {
@@ -424,24 +398,23 @@ TEST_P(UnnamedCopy, RefusesATargetThatAppearsAtTheLastMoment) {
 }
 
 TEST_P(UnnamedCopy, NeedsNoProc) {
-  if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
+  if (!IsRoot()) GTEST_SKIP() << "needs root";
   const Outcome outcome = Child().Run([&](const Reporter& report) {
     support::MountPrivately("/proc", "size=4k");
     RunHere(LetAll, report);
   });
-  ExpectMoved(outcome);
-  ExpectWay(outcome);
+  ExpectMovedByItsWay(outcome);
 }
 
 TEST_P(UnnamedCopy, OrOneWithANameNeedsNoProcAsAnOrdinaryUser) {
-  if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
+  if (!IsRoot()) GTEST_SKIP() << "needs root";
   for (const Scratch* scratch : {&Folder(), &SourceFolder()}) {
     fs::permissions(scratch->Path(), fs::perms{0777});
   }
   ASSERT_EQ(::chown(Source().c_str(), 65534, 65534), 0);
   const Outcome outcome = Child().Run([&](const Reporter& report) {
     support::MountPrivately("/proc", "size=4k");
-    zan_cgi::testing::BecomeOrdinaryUser();
+    BecomeOrdinaryUser();
     RunHere(LetAll, report);
   });
   ExpectMoved(outcome);
@@ -454,14 +427,15 @@ TEST(FailingMoveByLink, TakesTheNewNameBackAndReportsTheReason) {
     const Scratch scratch;
     const std::string source = scratch.MakeFile("source", "x");
     const std::string target = scratch / "target";
-    const Outcome outcome = RunWithoutLeak(Child(), [&](const Reporter&) {
-      const Watch watch([&](const FileCall& call) {
-        if (call.name == "renameat2") return EINVAL;
-        if (call.name != "unlink") return 0;
-        return call.path == source ? EPERM : error_of_taking_back;
-      });
-      tov_file::Move(source, target);
-    });
+    const Outcome outcome =
+        support::RunWithoutLeak(Child(), [&](const Reporter&) {
+          const Watch watch([&](const FileCall& call) {
+            if (call.name == "renameat2") return EINVAL;
+            if (call.name != "unlink") return 0;
+            return call.path == source ? EPERM : error_of_taking_back;
+          });
+          tov_file::Move(source, target);
+        });
     EXPECT_EQ(outcome.error, "cannot move '" + source + "' to '" + target +
                                  "': " + std::strerror(EPERM));
     EXPECT_EQ(scratch.List(), error_of_taking_back == 0
@@ -515,3 +489,4 @@ TEST(MkDirUnderAttack, ChangesNothingElse) {
 }
 
 }  // namespace
+}  // namespace files

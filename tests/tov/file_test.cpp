@@ -1,12 +1,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <tov/err.h>
 #include <tov/file.h>
 #include <unistd.h>
 #include <zancgi/testing/child.h>
-#include <zancgi/testing/identity.h>
 #include <zancgi/testing/scratch.h>
 
 #include <algorithm>
@@ -14,44 +12,30 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <initializer_list>
 #include <map>
 #include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "attributes.h"
+#include "files.h"
 #include "support/clean_run.h"
+#include "support/file_calls.h"
 #include "support/mount.h"
 #include "support/new_operator.h"
 #include "support/terminal.h"
 
+namespace files {
 namespace {
 
-using attributes::kOtherFileSystem;
-using attributes::ModeOf;
-using attributes::StatOf;
 using support::RunWithoutLeak;
-using tov_file::Attrs;
-using zan_cgi::testing::BecomeOrdinaryUser;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::ReadFile;
-using zan_cgi::testing::Reporter;
-using zan_cgi::testing::Scratch;
-using Names = std::vector<std::string>;
+using Work = std::function<void()>;
 
 constexpr uid_t kNobody = 65534;
 
-/// What an interposed renameat2(2) does instead of renaming; inactive at first.
-struct {
-  int error = 0;
-  std::function<void()> before;
-  int calls = 0;
-} renaming;
-
-/// Whether an interposed open(2) makes no files without a name.
-bool has_no_unnamed_files = false;
+/// What watches the calls on files in the children, if anything.
+FileCallWatcher watcher;
 
 std::string OwnerOf(const std::string& path) {
   const struct stat found = StatOf(path);
@@ -59,8 +43,7 @@ std::string OwnerOf(const std::string& path) {
 }
 
 bool IsThere(const std::string& path) {
-  struct stat found;
-  return ::lstat(path.c_str(), &found) == 0;
+  return fs::exists(fs::symlink_status(path));
 }
 
 void Chmod(const std::string& path, mode_t mode) {
@@ -82,40 +65,41 @@ std::string Fifo(const Scratch& scratch, const std::string& name) {
   return scratch / name;
 }
 
-/// The error of this in a process of its own, with its type in front.
-std::string ErrorOf(const std::function<void()>& work,
-                    const Child& child = Child()) {
-  const Outcome outcome =
-      RunWithoutLeak(child, [&](const Reporter&) { work(); });
+/// The error of this in a process of its own, after its type.
+std::string ErrorOf(const Work& work, const Child& child = Child()) {
+  const Outcome outcome = RunWithoutLeak(child, [&](const Reporter&) {
+    const Watch watch(watcher);
+    work();
+  });
   return outcome.error_type + ": " + outcome.error;
 }
 
-std::string ErrorAsOrdinaryUser(const std::function<void()>& work) {
-  return ErrorOf([&] {
+Work AsOrdinaryUser(const Work& work) {
+  return [work] {
     BecomeOrdinaryUser();
     work();
-  });
+  };
 }
 
 /// Runs something that must work.
-void Do(const std::function<void()>& work, const Child& child = Child()) {
+void Do(const Work& work, const Child& child = Child()) {
   EXPECT_EQ(ErrorOf(work, child), ": ");
 }
 
-Child WithoutStandardDescriptors() {
-  return Child().Closed(0).Closed(1).Closed(2);
+const Child kWithoutStandardDescriptors = Child().Closed(0).Closed(1).Closed(2);
+
+/// Expects an error of ours that names the path and, unless it is 0, the
+/// system's reason.
+void ExpectBlame(const std::string& error, const std::string& path,
+                 int reason) {
+  EXPECT_TRUE(error.starts_with("tov_err::Error: ")) << error;
+  EXPECT_NE(error.find(path), std::string::npos) << error << "\nof " << path;
+  if (reason == 0) return;
+  EXPECT_NE(error.find(std::strerror(reason)), std::string::npos) << error;
 }
 
-/// An error of ours that names the path and, unless it is 0, the system's
-/// reason.
-testing::AssertionResult Blames(const std::string& error,
-                                const std::string& path, int reason = 0) {
-  const bool good =
-      error.starts_with("tov_err::Error: ") &&
-      error.find(path) != std::string::npos &&
-      (reason == 0 || error.find(std::strerror(reason)) != std::string::npos);
-  return (good ? testing::AssertionSuccess() : testing::AssertionFailure())
-         << "[" << error << "] about " << path;
+void ExpectFailure(const std::string& path, int reason, const Work& work) {
+  ExpectBlame(ErrorOf(work), path, reason);
 }
 
 /// A scratch directory in which everyone may look up names.
@@ -129,11 +113,10 @@ class OpenScratch : public Scratch {
     }
   }
 
-  /// A directory that an ordinary user may neither search nor change.
-  std::string MakeClosedDir(const std::string& name) const {
-    const std::string path = MakeDir(name);
-    Chmod(path, zan_cgi::testing::IsRoot() ? 0700 : 0000);
-    return path;
+  /// A file in a directory that an ordinary user may neither search nor change.
+  std::string HiddenFile() const {
+    Chmod(MakeDir("closed"), IsRoot() ? 0700 : 0000);
+    return *this / "closed/file";
   }
 };
 
@@ -152,54 +135,43 @@ TEST(Exists, IsTrueForWhateverIsThere) {
 }
 
 TEST(Exists, ThrowsWhenItCannotTell) {
-  OpenScratch scratch;
-  const std::string hidden = scratch.MakeClosedDir("closed") + "/file";
-  EXPECT_TRUE(Blames(ErrorAsOrdinaryUser([&] { tov_file::Exists(hidden); }),
-                     hidden, EACCES));
+  const OpenScratch scratch;
+  const std::string hidden = scratch.HiddenFile();
   const std::string loop = Link(scratch, "loop", "loop");
-  EXPECT_TRUE(Blames(ErrorOf([&] { tov_file::Exists(loop); }), loop, ELOOP));
   const std::string longer = scratch / std::string(300, 'x');
-  EXPECT_TRUE(
-      Blames(ErrorOf([&] { tov_file::Exists(longer); }), longer, ENAMETOOLONG));
+  ExpectFailure(hidden, EACCES,
+                AsOrdinaryUser([&] { tov_file::Exists(hidden); }));
+  ExpectFailure(loop, ELOOP, [&] { tov_file::Exists(loop); });
+  ExpectFailure(longer, ENAMETOOLONG, [&] { tov_file::Exists(longer); });
 }
 
 TEST(RemoveFile, RemovesAFileOrALinkAndNotItsTarget) {
   const Scratch scratch;
   scratch.MakeFile("target");
-  tov_file::RemoveFile(scratch.MakeFile("file"));
-  tov_file::RemoveFile(Link(scratch, "link", "target"));
-  tov_file::RemoveFile(Link(scratch, "dangling", "missing"));
+  for (const std::string& path :
+       {scratch.MakeFile("file"), Link(scratch, "link", "target"),
+        Link(scratch, "dangling", "missing"), scratch / "missing",
+        scratch / "missing/file", scratch / "target/file"}) {
+    EXPECT_NO_THROW(tov_file::RemoveFile(path)) << path;
+  }
   EXPECT_EQ(scratch.List(), Names{"target"});
 }
 
-TEST(RemoveFile, TakesAMissingFileForRemoved) {
-  const Scratch scratch;
-  EXPECT_NO_THROW(tov_file::RemoveFile(scratch / "missing"));
-  EXPECT_NO_THROW(tov_file::RemoveFile(scratch / "missing/file"));
-  EXPECT_NO_THROW(tov_file::RemoveFile(scratch.MakeFile("file") + "/file"));
-}
-
-TEST(RemoveFile, DoesNotRemoveADirectory) {
-  Scratch scratch;
-  const std::string directory = scratch.MakeDir("directory");
-  EXPECT_TRUE(
-      Blames(ErrorOf([&] { tov_file::RemoveFile(directory); }), directory));
-  EXPECT_EQ(scratch.List(), Names{"directory"});
-}
-
-TEST(RemoveFile, ReportsWhatIsNotAllowed) {
-  OpenScratch scratch;
-  scratch.MakeDir("closed");
+TEST(RemoveFile, ReportsADirectoryAndWhatIsNotAllowed) {
+  const OpenScratch scratch;
+  const std::string directory = scratch.MakeDir("closed");
   const std::string file = scratch.MakeFile("closed/file");
-  Chmod(scratch / "closed", 0555);
-  EXPECT_TRUE(Blames(ErrorAsOrdinaryUser([&] { tov_file::RemoveFile(file); }),
-                     file, EACCES));
+  Chmod(directory, 0555);
+  ExpectFailure(directory, 0, [&] { tov_file::RemoveFile(directory); });
+  ExpectFailure(file, EACCES,
+                AsOrdinaryUser([&] { tov_file::RemoveFile(file); }));
   EXPECT_TRUE(IsThere(file));
 }
 
+using Paths = std::pair<std::string, std::string>;
+
 TEST(SplitPath, CutsAtTheLastSlashAndKeepsTheRoot) {
-  using Parts = std::pair<std::string, std::string>;
-  for (const auto& [path, parts] : {std::pair("/a/b/c", Parts("/a/b", "c")),
+  for (const auto& [path, parts] : {std::pair("/a/b/c", Paths("/a/b", "c")),
                                     {"a/b", {"a", "b"}},
                                     {"a/b/", {"a/b", ""}},
                                     {"a", {"", "a"}},
@@ -210,22 +182,21 @@ TEST(SplitPath, CutsAtTheLastSlashAndKeepsTheRoot) {
   }
 }
 
-TEST(ConcatPath, JoinsWithOneSlash) {
-  EXPECT_EQ(tov_file::ConcatPath("/a", "b"), "/a/b");
-  EXPECT_EQ(tov_file::ConcatPath("/a/", "b"), "/a/b");
-  EXPECT_EQ(tov_file::ConcatPath("/a", "/b"), "/a/b");
-  EXPECT_EQ(tov_file::ConcatPath("/a//", "//b"), "/a/b");
-  EXPECT_EQ(tov_file::ConcatPath("a", "b/c"), "a/b/c");
-  EXPECT_EQ(tov_file::ConcatPath("/", "b"), "/b");
-  EXPECT_EQ(tov_file::ConcatPath("/", "/b"), "/b");
-}
-
-TEST(ConcatPath, OfAnEmptyOperandIsTheOtherOne) {
-  EXPECT_EQ(tov_file::ConcatPath("", "b"), "b");
-  EXPECT_EQ(tov_file::ConcatPath("", "/b"), "/b");
-  EXPECT_EQ(tov_file::ConcatPath("a", ""), "a");
-  EXPECT_EQ(tov_file::ConcatPath("a/", ""), "a/");
-  EXPECT_EQ(tov_file::ConcatPath("", ""), "");
+TEST(ConcatPath, JoinsWithOneSlashUnlessAnOperandIsEmpty) {
+  for (const auto& [operands, path] : {std::pair(Paths("/a", "b"), "/a/b"),
+                                       {{"/a/", "b"}, "/a/b"},
+                                       {{"/a", "/b"}, "/a/b"},
+                                       {{"/a//", "//b"}, "/a/b"},
+                                       {{"a", "b/c"}, "a/b/c"},
+                                       {{"/", "b"}, "/b"},
+                                       {{"/", "/b"}, "/b"},
+                                       {{"", "b"}, "b"},
+                                       {{"", "/b"}, "/b"},
+                                       {{"a", ""}, "a"},
+                                       {{"a/", ""}, "a/"},
+                                       {{"", ""}, ""}}) {
+    EXPECT_EQ(tov_file::ConcatPath(operands.first, operands.second), path);
+  }
 }
 
 /// A folder with the folders "a/b", the file "file", and the links "link" to
@@ -240,17 +211,20 @@ class RealPath : public testing::Test {
     Link(scratch_, "dangling", "nowhere");
   }
 
-  std::string Of(const std::string& path) const {
-    return tov_file::RealPath(scratch_ / path);
+  /// Expects paths below the folder for paths below it.
+  void Expect(std::initializer_list<Paths> rows) const {
+    for (const auto& [path, real] : rows) {
+      EXPECT_EQ(tov_file::RealPath(scratch_ / path),
+                real.empty() ? scratch_.Path() : scratch_ / real)
+          << path;
+    }
   }
 
   Scratch scratch_;
 };
 
 TEST_F(RealPath, ResolvesDotsAndLinks) {
-  EXPECT_EQ(Of("a/./b//../b"), scratch_ / "a/b");
-  EXPECT_EQ(Of("link"), scratch_ / "a/b");
-  EXPECT_EQ(Of("link/.."), scratch_ / "a");
+  Expect({{"a/./b//../b", "a/b"}, {"link", "a/b"}, {"link/..", "a"}});
   EXPECT_EQ(tov_file::RealPath("/.."), "/");
 }
 
@@ -266,46 +240,40 @@ TEST_F(RealPath, StartsFromTheCurrentDirectory) {
 }
 
 TEST_F(RealPath, TakesMissingComponentsAsTheyAreWritten) {
-  EXPECT_EQ(Of("a/x/y"), scratch_ / "a/x/y");
-  EXPECT_EQ(Of("to_a/x"), scratch_ / "a/x");
-  EXPECT_EQ(Of("dangling/x"), scratch_ / "dangling/x");
-  EXPECT_EQ(Of("file/"), scratch_ / "file");
-  EXPECT_EQ(Of("file/x"), scratch_ / "file/x");
+  Expect({{"a/x/y", "a/x/y"},
+          {"to_a/x", "a/x"},
+          {"dangling/x", "dangling/x"},
+          {"file/", "file"},
+          {"file/x", "file/x"}});
 }
 
-TEST_F(RealPath, RemovesDotsAndSlashesBehindMissingComponents) {
-  EXPECT_EQ(Of("x/./y"), scratch_ / "x/y");
-  EXPECT_EQ(Of("x/../y"), scratch_ / "y");
-  EXPECT_EQ(Of("x/y/.."), scratch_ / "x");
-  EXPECT_EQ(Of("x/."), scratch_ / "x");
-  EXPECT_EQ(Of("file/.."), scratch_.Path());
+TEST_F(RealPath, RemovesDotsAndSlashesAfterMissingComponents) {
+  Expect({{"x/./y", "x/y"},
+          {"x/../y", "y"},
+          {"x/y/..", "x"},
+          {"x/.", "x"},
+          {"file/..", ""},
+          {"x//y//", "x/y"},
+          {"x//..//y", "y"}});
   EXPECT_EQ(tov_file::RealPath("//missing"), "/missing");
-  EXPECT_EQ(Of("x//y//"), scratch_ / "x/y");
-  EXPECT_EQ(Of("x//..//y"), scratch_ / "y");
   EXPECT_EQ(tov_file::RealPath("/missing/../../.."), "/");
 }
 
-TEST_F(RealPath, RefusesALoopOfLinks) {
+TEST_F(RealPath, RefusesWhatCannotBeFollowed) {
   const std::string loop = Link(scratch_, "loop", "loop");
-  EXPECT_TRUE(Blames(ErrorOf([&] { Of("loop"); }), loop, ELOOP));
-  EXPECT_TRUE(Blames(ErrorOf([&] { Of("loop/x"); }), loop, ELOOP));
-}
-
-TEST_F(RealPath, RefusesAFolderThatMayNotBeSearched) {
+  ExpectFailure(loop, ELOOP, [&] { tov_file::RealPath(loop); });
+  ExpectFailure(loop, ELOOP, [&] { tov_file::RealPath(loop + "/x"); });
   const OpenScratch scratch;
-  const std::string hidden = scratch.MakeClosedDir("closed") + "/file";
-  EXPECT_TRUE(Blames(ErrorAsOrdinaryUser([&] { tov_file::RealPath(hidden); }),
-                     hidden, EACCES));
-}
-
-TEST_F(RealPath, FailsInADirectoryThatIsGone) {
-  const std::string error = ErrorOf([&] {
+  const std::string hidden = scratch.HiddenFile();
+  ExpectFailure(hidden, EACCES,
+                AsOrdinaryUser([&] { tov_file::RealPath(hidden); }));
+  // In a directory that is gone.
+  ExpectFailure(".", ENOENT, [&] {
     const std::string directory = scratch_.MakeDir("gone");
     EXPECT_EQ(::chdir(directory.c_str()), 0);
     EXPECT_EQ(::rmdir(directory.c_str()), 0);
     tov_file::RealPath(".");
   });
-  EXPECT_TRUE(Blames(error, ".", ENOENT));
 }
 
 TEST(Info, KnowsADirectoryAndFollowsLinksUnlessToldOtherwise) {
@@ -322,38 +290,31 @@ TEST(Info, OfAMissingFileIsAnError) {
   const Scratch scratch;
   const std::string missing = scratch / "missing";
   const std::string dangling = Link(scratch, "dangling", "missing");
-  for (const auto& [path, own_link] :
-       {std::pair(missing, false), {missing, true}, {dangling, false}}) {
-    EXPECT_TRUE(
-        Blames(ErrorOf([p = path, own = own_link] { tov_file::Info(p, own); }),
-               path, ENOENT));
-  }
+  ExpectFailure(missing, ENOENT, [&] { tov_file::Info(missing, false); });
+  ExpectFailure(missing, ENOENT, [&] { tov_file::Info(missing, true); });
+  ExpectFailure(dangling, ENOENT, [&] { tov_file::Info(dangling, false); });
   EXPECT_FALSE(tov_file::Info(dangling, true).IsDir());
 }
 
-TEST(MkDir, MakesADirectoryForItsOwnerOnly) {
-  Scratch scratch;
-  Do([&] {
-    ::umask(0);
-    tov_file::MkDir(scratch / "new", nullptr);
-  });
-  EXPECT_TRUE(std::filesystem::is_directory(scratch / "new"));
-  EXPECT_EQ(ModeOf(scratch / "new"), 0700u);
-}
-
-TEST(MkDir, GivesItTheAttributesWhateverTheUmask) {
-  Scratch scratch;
-  Do([&] {
-    ::umask(077);
-    const Attrs attrs(02755);
-    tov_file::MkDir(scratch / "new", &attrs);
-  });
-  EXPECT_EQ(ModeOf(scratch / "new"), 02755u);
+TEST(MkDir, GivesItTheAttributesOrItsOwnerAloneWhateverTheUmask) {
+  const Attrs attrs(02755);
+  const Scratch scratch;
+  const std::string path = scratch / "new";
+  for (const auto& [given, mode] :
+       {std::pair<const Attrs*, mode_t>(nullptr, 0700), {&attrs, 02755}}) {
+    Do([&, given = given] {
+      ::umask(given == nullptr ? 0 : 077);
+      tov_file::MkDir(path, given);
+    });
+    EXPECT_TRUE(fs::is_directory(path));
+    EXPECT_EQ(ModeOf(path), mode);
+    fs::remove(path);
+  }
 }
 
 TEST(MkDir, GivesItItsOwner) {
-  if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
-  Scratch scratch;
+  if (!IsRoot()) GTEST_SKIP() << "needs root";
+  const Scratch scratch;
   const Attrs attrs(0750, 1234, 1235);
   tov_file::MkDir(scratch / "new", &attrs);
   EXPECT_EQ(OwnerOf(scratch / "new"), "1234:1235");
@@ -361,52 +322,39 @@ TEST(MkDir, GivesItItsOwner) {
 }
 
 TEST(MkDir, LeavesAnExistingDirectoryAsItIs) {
-  Scratch scratch;
-  scratch.MakeDir("old");
-  Chmod(scratch / "old", 0751);
+  const Scratch scratch;
+  Chmod(scratch.MakeDir("old"), 0751);
   const Attrs attrs(0700);
   tov_file::MkDir(scratch / "old", &attrs);
   tov_file::MkDir(scratch / "old", nullptr);
   EXPECT_EQ(ModeOf(scratch / "old"), 0751u);
 }
 
-TEST(MkDir, MakesNoParents) {
-  Scratch scratch;
-  const std::string path = scratch / "missing/new";
-  EXPECT_TRUE(
-      Blames(ErrorOf([&] { tov_file::MkDir(path, nullptr); }), path, ENOENT));
+TEST(MkDir, MakesNoParentsAndRefusesAnythingElseAtItsPlace) {
+  const Scratch scratch;
+  const auto expect_failure = [](const std::string& path, int reason) {
+    ExpectFailure(path, reason, [&] { tov_file::MkDir(path, nullptr); });
+  };
+  expect_failure(scratch / "missing/new", ENOENT);
   EXPECT_EQ(scratch.List(), Names{});
-}
-
-TEST(MkDir, RefusesAnythingElseAtItsPlace) {
-  Scratch scratch;
-  const std::string dangling = Link(scratch, "dangling", "missing");
   for (const std::string& path :
-       {scratch.MakeFile("file"), Fifo(scratch, "fifo"), dangling}) {
-    EXPECT_TRUE(
-        Blames(ErrorOf([&] { tov_file::MkDir(path, nullptr); }), path, EEXIST));
+       {scratch.MakeFile("file"), Fifo(scratch, "fifo"),
+        Link(scratch, "dangling", "missing")}) {
+    expect_failure(path, EEXIST);
   }
   EXPECT_EQ(scratch.List(), (Names{"dangling", "fifo", "file"}));
 }
 
-TEST(MkDir, ReportsWhatIsNotAllowed) {
-  OpenScratch scratch;
-  Chmod(scratch.Path(), 0555);
-  const std::string path = scratch / "new";
-  EXPECT_TRUE(
-      Blames(ErrorAsOrdinaryUser([&] { tov_file::MkDir(path, nullptr); }), path,
-             EACCES));
-  Chmod(scratch.Path(), 0755);
-}
-
-TEST(MkDir, LeavesNoneThatCannotBeGivenItsOwner) {
-  OpenScratch scratch;
-  Chmod(scratch.Path(), 0777);
+TEST(MkDir, LeavesNoneWhereItOrItsOwnerIsNotAllowed) {
+  const OpenScratch scratch;
   const Attrs of_root(0750, 0, 0);
   const std::string path = scratch / "new";
-  EXPECT_TRUE(
-      Blames(ErrorAsOrdinaryUser([&] { tov_file::MkDir(path, &of_root); }),
-             path, EPERM));
+  Chmod(scratch.Path(), 0555);
+  ExpectFailure(path, EACCES,
+                AsOrdinaryUser([&] { tov_file::MkDir(path, nullptr); }));
+  Chmod(scratch.Path(), 0777);
+  ExpectFailure(path, EPERM,
+                AsOrdinaryUser([&] { tov_file::MkDir(path, &of_root); }));
   EXPECT_EQ(scratch.List(), Names{});
 }
 
@@ -420,21 +368,28 @@ enum class Way {
 class Move : public testing::TestWithParam<Way> {
  protected:
   void SetUp() override {
-    if (Across() && !attributes::IsOtherFileSystemAnother()) {
-      GTEST_SKIP() << "needs another file system at " << kOtherFileSystem;
-    }
-    has_no_unnamed_files = GetParam() == Way::kCopyByName;
+    const std::string lack = Across() ? WhyNoOtherFileSystem() : "";
+    if (!lack.empty()) GTEST_SKIP() << lack;
+    watcher = [](const FileCall& call) { return ErrorOfFolder(call); };
     Chmod(from_.Path(), 0777);
     Chmod(to_.Path(), 0777);
   }
-  void TearDown() override { has_no_unnamed_files = false; }
+  void TearDown() override { watcher = nullptr; }
+
+  static int ErrorOfFolder(const FileCall& call) {
+    const bool is_unnamed = call.name == "O_TMPFILE";
+    return GetParam() == Way::kCopyByName && is_unnamed ? EOPNOTSUPP : 0;
+  }
 
   static bool Across() { return GetParam() != Way::kRename; }
   std::string Target() const { return to_ / "target"; }
+  Work MoveOf(const std::string& source) const {
+    return [this, source] { tov_file::Move(source, Target()); };
+  }
 
   Scratch from_;
   Scratch to_{Across() ? std::string(kOtherFileSystem)
-                       : std::filesystem::temp_directory_path().string()};
+                       : fs::temp_directory_path().string()};
 };
 
 std::string NameOf(const testing::TestParamInfo<Way>& way) {
@@ -454,12 +409,11 @@ TEST_P(Move, TakesTheContentAlong) {
   std::string content;
   while (content.size() < 3'000'000) content += std::to_string(content.size());
   for (const std::string& whole : {content, std::string()}) {
-    const std::string source = from_.MakeFile("source", whole);
-    Do([&] { tov_file::Move(source, Target()); });
+    Do(MoveOf(from_.MakeFile("source", whole)));
     EXPECT_TRUE(ReadFile(Target()) == whole);
     EXPECT_EQ(from_.List(), Names{});
     EXPECT_EQ(to_.List(), Names{"target"});
-    std::filesystem::remove(Target());
+    fs::remove(Target());
   }
 }
 
@@ -467,44 +421,40 @@ TEST_P(Move, KeepsTheMode) {
   for (const mode_t mode : {0640u, 0400u, 0777u, 0000u}) {
     const std::string source = from_.MakeFile("source", "x");
     Chmod(source, mode);
-    if (mode == 0 && Across() && !zan_cgi::testing::IsRoot()) continue;
-    const std::string target = to_ / std::to_string(mode);
+    if (mode == 0 && Across() && !IsRoot()) continue;
     Do([&] {
       ::umask(077);
-      tov_file::Move(source, target);
+      tov_file::Move(source, Target());
     });
-    EXPECT_EQ(ModeOf(target), mode);
+    EXPECT_EQ(ModeOf(Target()), mode);
+    fs::remove(Target());
   }
 }
 
 TEST_P(Move, KeepsTheOwnerAndMakesNoSetIdCopy) {
-  if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
+  if (!IsRoot()) GTEST_SKIP() << "needs root";
   const std::string source = from_.MakeFile("source", "x");
   Chown(source, 1234, 1235);
   Chmod(source, 06751);
-  Do([&] { tov_file::Move(source, Target()); });
+  Do(MoveOf(source));
   EXPECT_EQ(OwnerOf(Target()), "1234:1235");
   EXPECT_EQ(ModeOf(Target()), Across() ? 0751u : 06751u);
 }
 
 TEST_P(Move, WorksWithoutStandardDescriptors) {
-  const std::string source = from_.MakeFile("source", "x");
-  Do([&] { tov_file::Move(source, Target()); }, WithoutStandardDescriptors());
+  Do(MoveOf(from_.MakeFile("source", "x")), kWithoutStandardDescriptors);
   EXPECT_EQ(ReadFile(Target()), "x");
 }
 
 TEST_P(Move, RefusesAnExistingTarget) {
   const std::string source = from_.MakeFile("source", "new");
-  const auto error = [&] {
-    return ErrorOf([&] { tov_file::Move(source, Target()); });
-  };
   to_.MakeFile("target", "old");
-  EXPECT_TRUE(Blames(error(), Target(), EEXIST));
+  ExpectFailure(Target(), EEXIST, MoveOf(source));
   EXPECT_EQ(ReadFile(Target()), "old");
-  std::filesystem::remove(Target());
+  fs::remove(Target());
   to_.MakeDir("target");
-  EXPECT_TRUE(Blames(error(), Target()));
-  EXPECT_TRUE(std::filesystem::is_empty(Target()));
+  ExpectFailure(Target(), 0, MoveOf(source));
+  EXPECT_TRUE(fs::is_empty(Target()));
   EXPECT_EQ(ReadFile(source), "new");
   EXPECT_EQ(to_.List(), Names{"target"});
 }
@@ -514,10 +464,9 @@ TEST_P(Move, RefusesALinkAtTheTarget) {
   const std::string secret = from_.MakeFile("secret", "secret");
   for (const std::string& victim : {secret, from_ / "missing"}) {
     Link(to_, "target", victim);
-    EXPECT_TRUE(Blames(ErrorOf([&] { tov_file::Move(source, Target()); }),
-                       Target(), EEXIST));
+    ExpectFailure(Target(), EEXIST, MoveOf(source));
     EXPECT_EQ(to_.List(), Names{"target"});
-    std::filesystem::remove(Target());
+    fs::remove(Target());
   }
   EXPECT_EQ(ReadFile(source), "new");
   EXPECT_EQ(ReadFile(secret), "secret");
@@ -529,9 +478,7 @@ TEST_P(Move, RefusesASourceThatIsNoRegularFile) {
   for (const std::string& source :
        {Link(from_, "link", from_ / "file"), Link(from_, "dangling", "missing"),
         Fifo(from_, "fifo"), from_.MakeDir("directory")}) {
-    const std::string error =
-        ErrorOf([&] { tov_file::Move(source, Target()); });
-    EXPECT_TRUE(Blames(error, source));
+    ExpectFailure(source, 0, MoveOf(source));
     EXPECT_TRUE(IsThere(source));
     EXPECT_EQ(to_.List(), Names{}) << source;
   }
@@ -539,27 +486,23 @@ TEST_P(Move, RefusesASourceThatIsNoRegularFile) {
 }
 
 TEST_P(Move, ReportsWhatIsMissing) {
-  const std::string missing = from_ / "missing";
-  EXPECT_TRUE(Blames(ErrorOf([&] { tov_file::Move(missing, Target()); }),
-                     missing, ENOENT));
+  ExpectFailure(from_ / "missing", ENOENT, MoveOf(from_ / "missing"));
   const std::string source = from_.MakeFile("source", "x");
   const std::string target = to_ / "missing/target";
-  EXPECT_TRUE(
-      Blames(ErrorOf([&] { tov_file::Move(source, target); }), target, ENOENT));
+  ExpectFailure(target, ENOENT, [&] { tov_file::Move(source, target); });
   EXPECT_EQ(ReadFile(source), "x");
   EXPECT_EQ(to_.List(), Names{});
 }
 
 TEST_P(Move, ReportsFoldersThatMayNotBeChanged) {
   const std::string source = from_.MakeFile("source", "x");
-  if (zan_cgi::testing::IsRoot()) Chown(source, kNobody, kNobody);
+  if (IsRoot()) Chown(source, kNobody, kNobody);
   for (const auto& [folder, blamed] :
        {std::pair(&from_, source), std::pair(&to_, Target())}) {
     Chmod(folder->Path(), 0555);
-    const std::string error =
-        ErrorAsOrdinaryUser([&] { tov_file::Move(source, Target()); });
+    const std::string error = ErrorOf(AsOrdinaryUser(MoveOf(source)));
     Chmod(folder->Path(), 0777);
-    EXPECT_TRUE(Blames(error, blamed, EACCES));
+    ExpectBlame(error, blamed, EACCES);
     EXPECT_EQ(ReadFile(source), "x");
     EXPECT_EQ(to_.List(), Names{});
   }
@@ -571,19 +514,17 @@ INSTANTIATE_TEST_SUITE_P(File, MoveAcross,
                          testing::Values(Way::kCopy, Way::kCopyByName), NameOf);
 
 TEST_P(MoveAcross, FailsWhenTheOwnerCannotBeKept) {
-  if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
+  if (!IsRoot()) GTEST_SKIP() << "needs root";
   const std::string source = from_.MakeFile("source", "x");
   Chown(source, 1234, 1235);
   Chmod(source, 0644);
-  const std::string error =
-      ErrorAsOrdinaryUser([&] { tov_file::Move(source, Target()); });
-  EXPECT_TRUE(error.starts_with("tov_err::Error: ")) << error;
+  ExpectFailure("", 0, AsOrdinaryUser(MoveOf(source)));
   EXPECT_EQ(ReadFile(source), "x");
   EXPECT_EQ(to_.List(), Names{});
 }
 
 TEST_P(MoveAcross, LosesNothingOnAFullDisk) {
-  if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
+  if (!IsRoot()) GTEST_SKIP() << "needs root";
   const std::string content(1'000'000, 'x');
   const std::string source = from_.MakeFile("source", content);
   Do([&] {
@@ -592,8 +533,8 @@ TEST_P(MoveAcross, LosesNothingOnAFullDisk) {
       tov_file::Move(source, Target());
       ADD_FAILURE() << "there was room";
     } catch (const tov_err::Error& error) {
-      EXPECT_TRUE(Blames(std::string("tov_err::Error: ") + error.what(),
-                         Target(), ENOSPC));
+      ExpectBlame(std::string("tov_err::Error: ") + error.what(), Target(),
+                  ENOSPC);
     }
     EXPECT_EQ(to_.List(), Names{});
   });
@@ -605,33 +546,24 @@ TEST_P(MoveAcross, LosesNothingOnAFullDisk) {
 TEST_P(MoveAcross, CopiesNothingThatReplacesTheSource) {
   const std::string source = from_.MakeFile("source", "x");
   const std::string secret = from_.MakeFile("secret", "secret");
-  const auto put_link = [&] {
-    std::filesystem::create_symlink(secret, source);
-  };
-  const auto put_other_file = [&] {
-    std::filesystem::create_hard_link(secret, source);
-  };
-  const auto put_fifo = [&] { ::mkfifo(source.c_str(), 0600); };
-  struct Row {
-    std::function<void()> put;
-    mode_t type;
-  };
-  for (const Row& row : {Row{put_link, S_IFLNK}, Row{put_other_file, S_IFREG},
-                         Row{put_fifo, S_IFIFO}}) {
-    SCOPED_TRACE("file of type " + std::to_string(row.type));
-    const std::string error = ErrorOf([&] {
-      renaming.before = [&] {
-        if (renaming.calls > 1) return;
-        std::filesystem::remove(source);
-        row.put();
-      };
-      renaming.error = EXDEV;
-      tov_file::Move(source, Target());
-    });
-    EXPECT_EQ(StatOf(source).st_mode & S_IFMT, row.type);
-    EXPECT_TRUE(Blames(error, source));
+  const std::pair<mode_t, Work> baits[] = {
+      {S_IFLNK, [&] { fs::create_symlink(secret, source); }},
+      {S_IFREG, [&] { fs::create_hard_link(secret, source); }},
+      {S_IFIFO, [&] { ::mkfifo(source.c_str(), 0600); }}};
+  for (const auto& [type, put] : baits) {
+    SCOPED_TRACE("file of type " + std::to_string(type));
+    bool is_replaced = false;
+    watcher = [&, put = put](const FileCall& call) {
+      if (call.name != "renameat2" || is_replaced) return ErrorOfFolder(call);
+      is_replaced = true;
+      fs::remove(source);
+      put();
+      return EXDEV;
+    };
+    ExpectFailure(source, 0, MoveOf(source));
+    EXPECT_EQ(StatOf(source).st_mode & S_IFMT, type);
     EXPECT_EQ(to_.List(), Names{});
-    std::filesystem::remove(source);
+    fs::remove(source);
     from_.MakeFile("source", "x");
   }
 }
@@ -663,9 +595,13 @@ class MoveByLink : public testing::TestWithParam<int> {
  protected:
   std::string ErrorOfMove() {
     return ErrorOf([&] {
-      renaming.error = GetParam();
+      bool is_tried = false;
+      const Watch watch([&](const FileCall& call) {
+        is_tried = is_tried || call.name == "renameat2";
+        return call.name == "renameat2" ? GetParam() : 0;
+      });
       tov_file::Move(scratch_ / "source", scratch_ / "target");
-      EXPECT_GT(renaming.calls, 0);
+      EXPECT_TRUE(is_tried);
     });
   }
 
@@ -675,8 +611,7 @@ class MoveByLink : public testing::TestWithParam<int> {
 INSTANTIATE_TEST_SUITE_P(File, MoveByLink, testing::Values(EINVAL, ENOSYS));
 
 TEST_P(MoveByLink, TakesTheFileAlong) {
-  scratch_.MakeFile("source", "x");
-  const ino_t inode = StatOf(scratch_ / "source").st_ino;
+  const ino_t inode = StatOf(scratch_.MakeFile("source", "x")).st_ino;
   EXPECT_EQ(ErrorOfMove(), ": ");
   EXPECT_EQ(scratch_.List(), Names{"target"});
   EXPECT_EQ(StatOf(scratch_ / "target").st_ino, inode);
@@ -684,21 +619,25 @@ TEST_P(MoveByLink, TakesTheFileAlong) {
 
 TEST_P(MoveByLink, RefusesAnExistingTarget) {
   scratch_.MakeFile("source", "new");
-  scratch_.MakeFile("target", "old");
-  EXPECT_TRUE(Blames(ErrorOfMove(), scratch_ / "target", EEXIST));
-  EXPECT_EQ(ReadFile(scratch_ / "target"), "old");
-  std::filesystem::remove(scratch_ / "target");
+  const std::string target = scratch_.MakeFile("target", "old");
+  ExpectBlame(ErrorOfMove(), target, EEXIST);
+  EXPECT_EQ(ReadFile(target), "old");
+  fs::remove(target);
   Link(scratch_, "target", "missing");
-  EXPECT_TRUE(Blames(ErrorOfMove(), scratch_ / "target", EEXIST));
+  ExpectBlame(ErrorOfMove(), target, EEXIST);
   EXPECT_EQ(ReadFile(scratch_ / "source"), "new");
   EXPECT_EQ(scratch_.List(), (Names{"source", "target"}));
 }
 
+Work SafeSet(const Attrs& attrs, const std::string& path, bool must_exist) {
+  return [=] { attrs.SafeSet(path, must_exist); };
+}
+
 TEST(SafeSet, SetsTheModeWhateverTheUmask) {
   const Scratch scratch;
+  // Nobody has the FIFO's other end open.
   for (const std::string& path :
        {scratch.MakeFile("file"), scratch.MakeDir("directory"),
-        // Whose other end nobody has open.
         Fifo(scratch, "fifo")}) {
     Do([&] {
       ::umask(077);
@@ -709,28 +648,26 @@ TEST(SafeSet, SetsTheModeWhateverTheUmask) {
 }
 
 TEST(SafeSet, SetsTheOwnerBeforeTheMode) {
-  if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
+  if (!IsRoot()) GTEST_SKIP() << "needs root";
   const Scratch scratch;
   const std::string file = scratch.MakeFile("file");
   // A change of the owner would take the special bits away again.
-  Do([&] { Attrs(06755, 1234, 1235).SafeSet(file, true); });
+  Do(SafeSet(Attrs(06755, 1234, 1235), file, true));
   EXPECT_EQ(OwnerOf(file), "1234:1235");
   EXPECT_EQ(ModeOf(file), 06755u);
-  Do([&] { Attrs(0640).SafeSet(file, true); });
+  Do(SafeSet(Attrs(0640), file, true));
   EXPECT_EQ(OwnerOf(file), "1234:1235") << "the owner is left alone";
   EXPECT_EQ(ModeOf(file), 0640u);
 }
 
 TEST(SafeSet, RefusesALink) {
-  Scratch scratch;
+  const Scratch scratch;
   const std::string file = scratch.MakeFile("file");
   Chmod(file, 0600);
   for (const std::string& link :
        {Link(scratch, "link", "file"), Link(scratch, "dangling", "missing")}) {
-    for (const bool must_exist : {false, true}) {
-      EXPECT_TRUE(Blames(
-          ErrorOf([&] { Attrs(0644).SafeSet(link, must_exist); }), link));
-    }
+    ExpectFailure(link, 0, SafeSet(Attrs(0644), link, false));
+    ExpectFailure(link, 0, SafeSet(Attrs(0644), link, true));
   }
   EXPECT_EQ(ModeOf(file), 0600u);
 }
@@ -738,27 +675,24 @@ TEST(SafeSet, RefusesALink) {
 TEST(SafeSet, GivesNoFileAwayThatHasMoreThanOneName) {
   const Scratch scratch;
   const std::string file = scratch.MakeFile("file");
+  const std::string link = scratch / "link";
   const std::string owner = OwnerOf(file);
   Chmod(file, 0600);
-  std::filesystem::create_hard_link(file, scratch / "link");
-  const std::string error = ErrorOf([&] {
-    Attrs(0644, ::geteuid(), ::getegid()).SafeSet(scratch / "link", false);
-  });
-  EXPECT_NE(error.find(scratch / "link"), std::string::npos) << error;
+  fs::create_hard_link(file, link);
+  ExpectFailure(link, 0,
+                SafeSet(Attrs(0644, ::geteuid(), ::getegid()), link, false));
   EXPECT_EQ(ModeOf(file), 0600u);
   EXPECT_EQ(OwnerOf(file), owner);
-
-  Do([&] { Attrs(0640).SafeSet(scratch / "link", false); });
+  Do(SafeSet(Attrs(0640), link, false));
   EXPECT_EQ(ModeOf(file), 0640u) << "the owner is left alone";
 }
 
 TEST(SafeSet, LeavesAMissingFileUnlessItMustExist) {
-  Scratch scratch;
+  const Scratch scratch;
   for (const std::string& path :
        {scratch / "missing", scratch / "missing/file"}) {
-    Do([&] { Attrs(0644).SafeSet(path, false); });
-    EXPECT_TRUE(Blames(ErrorOf([&] { Attrs(0644).SafeSet(path, true); }), path,
-                       ENOENT));
+    Do(SafeSet(Attrs(0644), path, false));
+    ExpectFailure(path, ENOENT, SafeSet(Attrs(0644), path, true));
   }
   EXPECT_EQ(scratch.List(), Names{});
 }
@@ -770,32 +704,29 @@ TEST(SafeSet, TakesNoTerminalForItsOwn) {
 }
 
 TEST(SafeSet, WorksOnAFileThatItsOwnerMayNotRead) {
-  OpenScratch scratch;
+  const OpenScratch scratch;
   Chmod(scratch.Path(), 0777);
   const std::string file = scratch / "file";
-  const std::string error = ErrorAsOrdinaryUser([&] {
+  Do(AsOrdinaryUser([&] {
     ::close(::open(file.c_str(), O_CREAT | O_WRONLY, 0000));
     Attrs(0600).SafeSet(file, true);
-  });
-  EXPECT_EQ(error, ": ");
+  }));
   EXPECT_EQ(ModeOf(file), 0600u);
 }
 
 TEST(SafeSet, ReportsWhatIsNotAllowed) {
-  if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
-  OpenScratch scratch;
+  if (!IsRoot()) GTEST_SKIP() << "needs root";
+  const OpenScratch scratch;
   const std::string file = scratch.MakeFile("file");
   Chmod(file, 0644);
-  EXPECT_TRUE(
-      Blames(ErrorAsOrdinaryUser([&] { Attrs(0666).SafeSet(file, false); }),
-             file, EPERM));
+  ExpectFailure(file, EPERM, AsOrdinaryUser(SafeSet(Attrs(0666), file, false)));
   EXPECT_EQ(ModeOf(file), 0644u);
 }
 
 TEST(SafeSet, WorksWithoutStandardDescriptors) {
-  Scratch scratch;
+  const Scratch scratch;
   const std::string file = scratch.MakeFile("file");
-  Do([&] { Attrs(0606).SafeSet(file, true); }, WithoutStandardDescriptors());
+  Do(SafeSet(Attrs(0606), file, true), kWithoutStandardDescriptors);
   EXPECT_EQ(ModeOf(file), 0606u);
 }
 
@@ -817,12 +748,14 @@ NewName TmpName(const std::string& prefix, const Child& child = Child()) {
 
 TEST(Tmp, MakesAnEmptyFileForItsOwnerOnlyAndLeavesItThere) {
   const Scratch scratch;
-  const NewName name = TmpName(scratch / "upload");
-  EXPECT_EQ(name.random.size(), 6U);
-  EXPECT_EQ(name.random.find('/'), std::string::npos);
-  EXPECT_EQ(ModeOf(name.path), 0600u);
-  EXPECT_TRUE(std::filesystem::is_regular_file(name.path));
-  EXPECT_TRUE(std::filesystem::is_empty(name.path));
+  for (const Child& child : {Child(), kWithoutStandardDescriptors}) {
+    const NewName name = TmpName(scratch / "upload", child);
+    EXPECT_EQ(name.random.size(), 6U);
+    EXPECT_EQ(name.random.find('/'), std::string::npos);
+    EXPECT_EQ(ModeOf(name.path), 0600u);
+    EXPECT_TRUE(fs::is_regular_file(name.path));
+    EXPECT_TRUE(fs::is_empty(name.path));
+  }
 }
 
 TEST(Tmp, NeverMakesTwoFilesOfOneName) {
@@ -849,47 +782,13 @@ TEST(Tmp, HasAFreshNameWhenTheFileCannotBeMade) {
 TEST(Tmp, HasAFreshNameInAFolderThatMayNotBeChanged) {
   const OpenScratch scratch;
   Chmod(scratch.Path(), 0555);
-  Do([&] {
-    BecomeOrdinaryUser();
+  Do(AsOrdinaryUser([&] {
     const std::string one = tov_file::Tmp(scratch / "upload").Name();
     EXPECT_TRUE(one.starts_with(scratch / "upload"));
     EXPECT_NE(one, tov_file::Tmp(scratch / "upload").Name());
-  });
+  }));
   EXPECT_EQ(scratch.List(), Names{});
 }
 
-TEST(Tmp, WorksWithoutStandardDescriptors) {
-  const Scratch scratch;
-  EXPECT_TRUE(
-      IsThere(TmpName(scratch / "upload", WithoutStandardDescriptors()).path));
-}
-
 }  // namespace
-
-#define EXPORTED __attribute__((visibility("default")))
-
-extern "C" EXPORTED int renameat2(int oldfd, const char* old, int newfd,
-                                  const char* newp, unsigned flags) noexcept {
-  ++renaming.calls;
-  if (renaming.before) renaming.before();
-  if (renaming.error == EXDEV && renaming.calls > 1) renaming.error = 0;
-  if (renaming.error != 0) {
-    errno = renaming.error;
-    return -1;
-  }
-  return static_cast<int>(
-      ::syscall(SYS_renameat2, oldfd, old, newfd, newp, flags));
-}
-
-// Under a name of its own, since it takes the mode like any other argument,
-// which comes the same way.
-extern "C" int OpenNamed(const char* file, int oflag,
-                         mode_t mode) __asm__("open");
-
-extern "C" EXPORTED int OpenNamed(const char* file, int oflag, mode_t mode) {
-  if (has_no_unnamed_files && (oflag & O_TMPFILE) == O_TMPFILE) {
-    errno = EOPNOTSUPP;
-    return -1;
-  }
-  return static_cast<int>(::syscall(SYS_openat, AT_FDCWD, file, oflag, mode));
-}
+}  // namespace files

@@ -2,7 +2,6 @@
 #include <malloc.h>
 #include <stdlib.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <tov/log.h>
 #include <unistd.h>
@@ -15,6 +14,8 @@
 #include <utility>
 #include <vector>
 
+#include "support/file_calls.h"
+
 namespace {
 
 using tov_log::Warning;
@@ -26,12 +27,13 @@ using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Scratch;
 using Texts = std::vector<std::string>;
 
-/// What an interposed write(2) does first, once, as a signal handler could.
-std::function<void()> interruption;
-
-/// Does this while the next line is being written.
-void InterruptNextLine(std::function<void()> deed) {
-  interruption = std::move(deed);
+/// Does this while the next line is being written, as a signal handler could.
+void InterruptNextLine(const std::function<void()>& deed) {
+  support::WatchFileCalls(
+      [deed, done = false](const support::FileCall& call) mutable {
+        if (call.name == "write" && !std::exchange(done, true)) deed();
+        return 0;
+      });
 }
 
 tov_log::Module& TheModule() {
@@ -43,21 +45,22 @@ void Write(int times, tov_log::Level level, const char* format) {
   for (int i = 0; i < times; ++i) TheModule().Write(level, format, "x");
 }
 
-/// All that a process logs until it ends by exit(3).
-Log LogOf(const std::function<void()>& work, const Child& child = Child()) {
-  const Outcome outcome = child.Run([&](const Reporter&) {
-    work();
-    std::exit(0);
-  });
+/// All that a process logs until it ends by _exit(2).
+Log LogWithoutExit(const std::function<void()>& work,
+                   const Child& child = Child()) {
+  const Outcome outcome = child.Run([&](const Reporter&) { work(); });
   EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
   return outcome.log;
 }
 
-/// The same of a process that ends by _exit(2).
-Log LogWithoutExit(const std::function<void()>& work) {
-  const Outcome outcome = Child().Run([&](const Reporter&) { work(); });
-  EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
-  return outcome.log;
+/// The same of a process that ends by exit(3).
+Log LogOf(const std::function<void()>& work, const Child& child = Child()) {
+  return LogWithoutExit(
+      [&] {
+        work();
+        std::exit(0);
+      },
+      child);
 }
 
 /// So many lines of a text, and what follows them.
@@ -82,19 +85,13 @@ std::string Dropped(const std::string& format, int count) {
          "\"";
 }
 
-TEST(LogLimit, LetsAHundredMessagesPass) {
+TEST(LogLimit, LetsAHundredMessagesPassAndAnnouncesThatOthersDoNot) {
   EXPECT_EQ(LogOf([] { Write(100, Warning, "see %s"); }),
             Lines(100, 4, "see x"));
-}
-
-TEST(LogLimit, AnnouncesThatFurtherOnesAreDroppedOnce) {
   for (const int times : {101, 1000}) {
     EXPECT_EQ(LogWithoutExit([=] { Write(times, Warning, "see %s"); }),
               Lines(100, 4, "see x", {Announced("see %s")}));
   }
-}
-
-TEST(LogLimit, ReportsAtTheExitHowManyWereDropped) {
   EXPECT_EQ(
       LogOf([] { Write(123, Warning, "see %s"); }),
       Lines(100, 4, "see x", {Announced("see %s"), Dropped("see %s", 23)}));
@@ -109,23 +106,14 @@ TEST(LogLimit, HoldsForLevelsUpToFourOnly) {
   }
 }
 
-TEST(LogLimit, CountsHigherLevelsNotAtAll) {
+TEST(LogLimit, IsForEachFormatByItsTextAndNotForHigherLevels) {
   EXPECT_EQ(LogOf([] {
-              Write(150, tov_log::Notice, "%s");
-              Write(100, Warning, "%s");
-            }),
-            Joined(Lines(150, 5, "x"), Lines(100, 4, "x")));
-}
-
-TEST(LogLimit, IsForEachFormat) {
-  EXPECT_EQ(LogOf([] {
+              Write(150, tov_log::Notice, "a %s");
               Write(100, Warning, "a %s");
               Write(100, Warning, "b %s");
             }),
-            Joined(Lines(100, 4, "a x"), Lines(100, 4, "b x")));
-}
-
-TEST(LogLimit, ComparesTheTextOfFormats) {
+            Joined(Lines(150, 5, "a x"),
+                   Joined(Lines(100, 4, "a x"), Lines(100, 4, "b x"))));
   EXPECT_EQ(LogWithoutExit([] {
               for (int i = 0; i < 101; ++i) {
                 const std::string format = "see " + std::string("%s");
@@ -274,17 +262,13 @@ void RunChild(const std::function<void()>& work) {
   ::waitpid(process, nullptr, 0);
 }
 
-TEST(LogLimit, IsReportedByTheProcessAloneThatDropped) {
-  EXPECT_EQ(
-      LogOf([] {
-        Write(101, Warning, "see %s");
-        RunChild([] {});
-      }),
-      Lines(100, 4, "see x", {Announced("see %s"), Dropped("see %s", 1)}));
-}
-
-TEST(LogLimit, BeginsAnewInAChildProcess) {
+TEST(LogLimit, IsReportedByTheProcessAloneThatDroppedAndBeginsAnewInAChild) {
   const std::string format = "see %s";
+  EXPECT_EQ(LogOf([] {
+              Write(101, Warning, "see %s");
+              RunChild([] {});
+            }),
+            Lines(100, 4, "see x", {Announced(format), Dropped(format, 1)}));
   EXPECT_EQ(LogOf([] {
               Write(101, Warning, "see %s");
               RunChild([] { Write(102, Warning, "see %s"); });
@@ -347,12 +331,3 @@ TEST(LogLimit, IsReportedWhenTheLibraryIsUnloaded) {
 }
 
 }  // namespace
-
-extern "C" __attribute__((visibility("default"))) ssize_t write(int fd,
-                                                                const void* buf,
-                                                                std::size_t n) {
-  if (fd == STDERR_FILENO && interruption) {
-    std::exchange(interruption, nullptr)();
-  }
-  return ::syscall(SYS_write, fd, buf, n);
-}

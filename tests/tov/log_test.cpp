@@ -49,6 +49,7 @@ using zan_cgi::testing::ReadFile;
 using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Scratch;
 using Clock = std::chrono::steady_clock;
+using Texts = std::vector<std::string>;
 
 /// How often something was handed to the system for writing; -1 while nobody
 /// counts.
@@ -57,8 +58,11 @@ std::atomic<int> writes{-1};
 /// Whether an interposed poll(2) says at once that its time is up.
 std::atomic<bool> polls_time_out{false};
 
-void CountWrite() {
+/// Makes the call, and counts it.
+template <class... Arguments>
+ssize_t Counted(Arguments... arguments) {
   if (writes >= 0) ++writes;
+  return ::syscall(arguments...);
 }
 
 tov_log::Module& Log() {
@@ -75,6 +79,12 @@ Outcome InChild(const std::function<void()>& body,
                 const std::string& target = "") {
   return RunWithoutError(Child().Env("TOV_LOG", target),
                          [&](const Reporter&) { body(); });
+}
+
+/// The texts of the errors that this logs.
+Texts LoggedBy(const std::function<void()>& body,
+               const std::string& target = "") {
+  return InChild(body, target).Logged(3);
 }
 
 /// What this text leaves on standard error.
@@ -174,8 +184,6 @@ class SlowReader {
   std::string drained_;
 };
 
-bool IsControl(int byte) { return byte < 0x20 || byte == 0x7f; }
-
 bool Has(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
 }
@@ -194,7 +202,7 @@ class LogFile {
   const std::string& Folder() const { return scratch_.Path(); }
   std::string Path() const { return scratch_ / "log"; }
   std::string Content() const { return ReadFile(Path()); }
-  std::vector<std::string> NamesInFolder() const { return scratch_.List(); }
+  Texts NamesInFolder() const { return scratch_.List(); }
 
   Outcome Run(const std::function<void()>& body, Child child = Child()) const {
     return RunWithoutError(child.Env("TOV_LOG", Path()),
@@ -243,22 +251,17 @@ TEST(LogLine, NamesProgramProcessPartAndLevel) {
   });
 }
 
-TEST(LogLine, NamesEveryLevel) {
-  const Outcome outcome = InChild([] {
-    for (int level = 0; level <= 9; ++level) {
-      Log().Write(static_cast<tov_log::Level>(level), "x");
-    }
-  });
+TEST(LogLine, NamesEveryLevelAndIsWrittenWhateverItIs) {
+  const Outcome outcome =
+      RunWithoutError(Child().LogLevel(0), [](const Reporter&) {
+        for (int level = 0; level <= 9; ++level) {
+          Log().Write(static_cast<tov_log::Level>(level), "x");
+        }
+      });
   ASSERT_EQ(outcome.log.size(), 10u) << outcome.standard_error;
   for (int level = 0; level <= 9; ++level) {
     EXPECT_EQ(outcome.log[static_cast<std::size_t>(level)].level, level);
   }
-}
-
-TEST(LogLine, IsWrittenWhateverItsLevel) {
-  const auto outcome = RunWithoutError(Child().LogLevel(0),
-                                       [](const Reporter&) { WriteText("x"); });
-  EXPECT_EQ(outcome.Logged(3), std::vector<std::string>{"x"});
 }
 
 TEST(LogLine, IsHandedToTheSystemInOnePiece) {
@@ -293,15 +296,12 @@ TEST(LogLine, IsNotCutAtExactlyTheMostBytes) {
   EXPECT_TRUE(texts[2].ends_with("bbb...")) << texts[2].substr(room - 9);
 }
 
-TEST(LogLine, IsCutWhenTooLong) {
+TEST(LogLine, IsCutWhenTooLongEscapesIncluded) {
   for (const std::size_t size : {5000u, 70000u, 1000000u}) {
     const std::string line = LineOfText(std::string(size, 'x'));
     EXPECT_EQ(line.size(), 4096u);
     EXPECT_TRUE(line.ends_with("xxx...\n"));
   }
-}
-
-TEST(LogLine, CountsEscapesAgainstItsLength) {
   const std::string line = LineOfText(std::string(3000, '\n'));
   EXPECT_LE(line.size(), 4096u);
   EXPECT_GT(line.size(), 4080u);
@@ -309,38 +309,35 @@ TEST(LogLine, CountsEscapesAgainstItsLength) {
 }
 
 TEST(LogLine, EscapesEveryControlCharacter) {
-  std::vector<std::string> expected;
-  const auto texts = InChild([&] {
-                       for (int byte = 1; byte < 256; ++byte) {
-                         if (!IsControl(byte) && byte % 16 != 0) continue;
-                         WriteText({'a', static_cast<char>(byte), 'b'});
-                       }
-                     }).Logged(3);
-  for (int byte = 1; byte < 256; ++byte) {
-    if (!IsControl(byte) && byte % 16 != 0) continue;  // a sample of the others
+  Texts expected;
+  std::string bytes;
+  for (int byte = 0; byte < 256; ++byte) {
+    const bool is_control = byte < 0x20 || byte == 0x7f;
+    // Of the others a sample.
+    if (!is_control && byte % 16 != 0) continue;
+    bytes += static_cast<char>(byte);
     char escape[5] = {static_cast<char>(byte)};
-    if (IsControl(byte)) {
+    if (is_control) {
       std::snprintf(escape, sizeof(escape), "\\x%02x",
                     static_cast<unsigned>(byte));
     }
     expected.push_back(std::string("a") + escape + "b");
   }
-  EXPECT_EQ(texts, expected);
+  EXPECT_EQ(LoggedBy([&] {
+              for (const char byte : bytes) {
+                Log().Write(tov_log::Error, "a%cb", byte);
+              }
+            }),
+            expected);
 }
 
 TEST(LogLine, ShowsTheFormatOfWhatCannotBeFormatted) {
   const std::wstring beyond_the_c_locale(1, wchar_t{0x20ac});
-  EXPECT_EQ(TextOf(InChild([&] {
-                     Log().Write(tov_log::Error, "costs %ls",
-                                 beyond_the_c_locale.c_str());
-                   }).standard_error),
-            "costs %ls\n");
-}
-
-TEST(LogLine, EscapesAZeroByte) {
-  EXPECT_EQ(
-      InChild([] { Log().Write(tov_log::Error, "a%cb", '\0'); }).Logged(3),
-      std::vector<std::string>{"a\\x00b"});
+  EXPECT_EQ(LoggedBy([&] {
+              Log().Write(tov_log::Error, "costs %ls",
+                          beyond_the_c_locale.c_str());
+            }),
+            Texts{"costs %ls"});
 }
 
 TEST(LogLine, CannotBeForgedOrFormattedByAnArgumentAndKeepsUtf8) {
@@ -353,24 +350,18 @@ TEST(LogLine, CannotBeForgedOrFormattedByAnArgumentAndKeepsUtf8) {
   }
 }
 
-/// errno after a deed that began with 4711.
-int ErrnoAfter(const std::function<void()>& deed) {
-  errno = 4711;
-  deed();
-  return errno;
-}
-
 TEST(LogLine, LeavesErrnoAlone) {
   const Scratch scratch;
-  const auto write_to_nobody = [] {
-    SlowReader reader(false);
-    reader.Close();
-    EXPECT_EQ(ErrnoAfter([] { WriteText("x"); }), 4711);
-  };
   InChild(
       [&] {
-        EXPECT_EQ(ErrnoAfter([] { Log().Check(tov_log::Error); }), 4711);
-        write_to_nobody();
+        errno = 4711;
+        Log().Check(tov_log::Error);
+        EXPECT_EQ(errno, 4711);
+        SlowReader reader(false);
+        reader.Close();
+        errno = 4711;
+        WriteText("x");
+        EXPECT_EQ(errno, 4711);
       },
       scratch.Path());
 }
@@ -380,9 +371,7 @@ TEST(LogTarget, IsStandardErrorUnlessAFileCanBeOpened) {
   for (const std::string& target :
        {std::string(), std::string("stderr"), scratch.Path(),
         scratch / "missing/log", scratch / ""}) {
-    EXPECT_EQ(InChild([] { WriteText("x"); }, target).Logged(3),
-              std::vector<std::string>{"x"})
-        << target;
+    EXPECT_EQ(LoggedBy([] { WriteText("x"); }, target), Texts{"x"}) << target;
   }
 }
 
@@ -392,12 +381,14 @@ void ExpectMatch(const std::string& log, const std::string& expression) {
   EXPECT_TRUE(expected.Matches(log)) << log;
 }
 
+constexpr char kTime[] =
+    "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}Z ";
+
 TEST(LogTarget, MayBeAFile) {
   const LogFile file;
   EXPECT_EQ(file.Run([] { WriteText("in a file"); }).standard_error, "");
-  ExpectMatch(file.Content(),
-              "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}Z "
-              "zancgi\\[[0-9]+\\] core error: in a file\n");
+  ExpectMatch(file.Content(), kTime + std::string("zancgi\\[[0-9]+\\] core "
+                                                  "error: in a file\n"));
 }
 
 /// Has this file as standard error from now on.
@@ -415,8 +406,7 @@ TEST(LogTarget, ThatIsStandardErrorAndAFileHasTheTime) {
     TakeForStandardError(file.Path());
     WriteText("x");
   });
-  ExpectMatch(file.Content(),
-              "[0-9]{4}-.*Z zancgi\\[[0-9]+\\] core error: x\n");
+  ExpectMatch(file.Content(), kTime + std::string("zancgi.*: x\n"));
 }
 
 TEST(LogTarget, IsNotWhatIsOpenedLaterAsStandardError) {
@@ -494,17 +484,16 @@ TEST(LogTarget, SyslogIsReplacedByStandardErrorWhenNobodyListens) {
   if (::access("/dev/log", F_OK) == 0) {
     GTEST_SKIP() << "needs a system without /dev/log";
   }
-  EXPECT_EQ(InChild([] { WriteText("x"); }, "syslog").Logged(3),
-            std::vector<std::string>{"x"});
+  EXPECT_EQ(LoggedBy([] { WriteText("x"); }, "syslog"), Texts{"x"});
 }
 
+/// A syslog daemon's socket at its place.
 class Syslog : public testing::Test {
  protected:
   void SetUp() override {
     if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
   }
 
-  /// Runs this with a syslog daemon's socket at its place.
   static Outcome RunWithSyslog(const std::function<void(int listener)>& body) {
     return InChild(
         [&] {
@@ -611,29 +600,24 @@ TEST(LogSetup, IsReadAtTheFirstCheck) {
   });
 }
 
-TEST(LogSetup, OpensTheTargetAtTheFirstCheck) {
-  const LogFile file;
-  RunWithoutError(
-      Child().WorkDir(file.Folder()).Env("TOV_LOG", "log").LogLevel(3),
-      [&](const Reporter&) {
-        EXPECT_FALSE(Log().Check(tov_log::Debug));
-        EXPECT_EQ(::chdir("/"), 0);
-        ::setenv("TOV_LOG", (file.Folder() + "/other").c_str(), 1);
-        WriteText("x");
-      });
-  EXPECT_EQ(file.NamesInFolder(), std::vector<std::string>{"log"});
-  EXPECT_TRUE(file.Content().ends_with(": x\n"));
-}
-
-TEST(LogSetup, OpensTheTargetAtTheFirstWrite) {
-  const LogFile file;
-  file.Run([&] {
-    WriteText("first");
-    ::setenv("TOV_LOG", (file.Folder() + "/other").c_str(), 1);
-    WriteText("second");
-  });
-  EXPECT_EQ(file.NamesInFolder(), std::vector<std::string>{"log"});
-  EXPECT_TRUE(file.Content().ends_with("second\n"));
+TEST(LogSetup, OpensTheTargetAtTheFirstCheckOrWrite) {
+  for (const bool checks : {false, true}) {
+    const LogFile file;
+    RunWithoutError(
+        Child().WorkDir(file.Folder()).Env("TOV_LOG", "log").LogLevel(3),
+        [&](const Reporter&) {
+          if (checks) {
+            EXPECT_FALSE(Log().Check(tov_log::Debug));
+          } else {
+            WriteText("first");
+          }
+          EXPECT_EQ(::chdir("/"), 0);
+          ::setenv("TOV_LOG", (file.Folder() + "/other").c_str(), 1);
+          WriteText("second");
+        });
+    EXPECT_EQ(file.NamesInFolder(), Texts{"log"});
+    EXPECT_TRUE(file.Content().ends_with(": second\n"));
+  }
 }
 
 TEST(LogSetup, DoesNotReopenAFileThatIsGone) {
@@ -643,7 +627,7 @@ TEST(LogSetup, DoesNotReopenAFileThatIsGone) {
     EXPECT_EQ(::unlink(file.Path().c_str()), 0);
     WriteText("second");
   });
-  EXPECT_EQ(file.NamesInFolder(), std::vector<std::string>{});
+  EXPECT_EQ(file.NamesInFolder(), Texts{});
 }
 
 /// A pipe, or a socket, at standard error.
@@ -727,7 +711,7 @@ TEST_P(LogReader, GetsTheLineWhenItWakesUpAndIsWaitedForTheRestLater) {
   });
 }
 
-TEST_P(LogReader, ThatHasGoneRaisesNoSignal) {
+TEST_P(LogReader, ThatHasGoneRaisesNoSignalAndLeavesPendingWhatWasPending) {
   RunHere([](SlowReader& reader) {
     reader.Close();
     WriteText("x");
@@ -735,12 +719,6 @@ TEST_P(LogReader, ThatHasGoneRaisesNoSignal) {
     WriteText("y");
     EXPECT_EQ(SignalsCounted(), 0);
     EXPECT_FALSE(IsBlocked(SIGPIPE));
-  });
-}
-
-TEST_P(LogReader, ThatHasGoneLeavesPendingWhatWasPendingAlone) {
-  RunHere([](SlowReader& reader) {
-    reader.Close();
     Block(SIGPIPE);
     WriteText("x");
     EXPECT_FALSE(IsPending(SIGPIPE));
@@ -765,18 +743,15 @@ TEST(LogTarget, MayBeAClosedStandardError) {
 #define EXPORTED extern "C" __attribute__((visibility("default")))
 
 EXPORTED ssize_t write(int fd, const void* buf, size_t n) {
-  CountWrite();
-  return ::syscall(SYS_write, fd, buf, n);
+  return Counted(SYS_write, fd, buf, n);
 }
 
 EXPORTED ssize_t writev(int fd, const iovec* iovec, int count) {
-  CountWrite();
-  return ::syscall(SYS_writev, fd, iovec, count);
+  return Counted(SYS_writev, fd, iovec, count);
 }
 
 EXPORTED ssize_t send(int fd, const void* buf, size_t n, int flags) {
-  CountWrite();
-  return ::syscall(SYS_sendto, fd, buf, n, flags, nullptr, 0);
+  return Counted(SYS_sendto, fd, buf, n, flags, nullptr, 0);
 }
 
 // Under a name of its own, since its header declares that it only writes to

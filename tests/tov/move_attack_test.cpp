@@ -13,7 +13,6 @@
 #include <tov/file.h>
 #include <unistd.h>
 #include <zancgi/testing/child.h>
-#include <zancgi/testing/identity.h>
 #include <zancgi/testing/scratch.h>
 
 #include <algorithm>
@@ -29,23 +28,12 @@
 #include <tuple>
 #include <vector>
 
-#include "attributes.h"
+#include "files.h"
 #include "support/clean_run.h"
 #include "support/file_calls.h"
 
+namespace files {
 namespace {
-
-namespace fs = std::filesystem;
-
-using attributes::IsOtherFileSystemAnother;
-using attributes::kOtherFileSystem;
-using support::FileCall;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::ReadFile;
-using zan_cgi::testing::Reporter;
-using zan_cgi::testing::Scratch;
-using Strings = std::vector<std::string>;
 
 constexpr uid_t kAccount = 54321;
 constexpr gid_t kGroup = 54322;
@@ -114,8 +102,8 @@ class Place {
   }
 
   /// All that is root's, as it is.
-  Strings RootsFiles() const {
-    Strings files;
+  Names RootsFiles() const {
+    Names files;
     for (const std::string& vault : {Vault(), HomeVault()}) {
       for (const auto& entry : fs::recursive_directory_iterator(vault)) {
         files.push_back(Describe(entry.path()));
@@ -159,68 +147,57 @@ bool AsAccount(const std::function<bool()>& deed) {
   return ::waitpid(process, &status, 0) == process && status == 0;
 }
 
-bool PutFile(const std::string& path) {
-  const int file = ::open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY, 0644);
-  return file >= 0 && ::write(file, "own", 3) == 3 && ::close(file) == 0;
-}
-
 /// What the account puts in the place of a file.
 struct Bait {
-  enum class Kind { kLink, kHardLink, kFifo, kFolder, kFile, kNothing };
   const char* name;
-  Kind kind;
+  /// Returns whether that worked.
+  bool (*put)(const char* path, const char* target);
   /// Of a link: below root's folder on the same file system.
   const char* target = "";
 };
 
+bool PutLink(const char* path, const char* target) {
+  return ::symlink(target, path) == 0;
+}
+
+bool PutHardLink(const char* path, const char* target) {
+  return ::link(target, path) == 0;
+}
+
+bool PutFile(const char* path, const char* /*target*/ = "") {
+  const int file = ::open(path, O_CREAT | O_EXCL | O_WRONLY, 0644);
+  return file >= 0 && ::write(file, "own", 3) == 3 && ::close(file) == 0;
+}
+
 void PrintTo(const Bait& bait, std::ostream* out) { *out << bait.name; }
 
-const Bait kHardLinkToProgram = {"HardLinkToASetIdProgram",
-                                 Bait::Kind::kHardLink, "/program"};
+const Bait kHardLinkToProgram = {"HardLinkToASetIdProgram", PutHardLink,
+                                 "/program"};
 
 const Bait kBaits[] = {
-    {"LinkToASecret", Bait::Kind::kLink, "/secret"},
-    {"LinkToAFileInAClosedFolder", Bait::Kind::kLink, "/closed/secret"},
-    {"LinkToASetIdProgram", Bait::Kind::kLink, "/program"},
-    {"LinkToAFolder", Bait::Kind::kLink, "/folder"},
-    {"LinkToNothing", Bait::Kind::kLink, "/new"},
-    {"HardLinkToASecret", Bait::Kind::kHardLink, "/secret"},
+    {"LinkToASecret", PutLink, "/secret"},
+    {"LinkToAFileInAClosedFolder", PutLink, "/closed/secret"},
+    {"LinkToASetIdProgram", PutLink, "/program"},
+    {"LinkToAFolder", PutLink, "/folder"},
+    {"LinkToNothing", PutLink, "/new"},
+    {"HardLinkToASecret", PutHardLink, "/secret"},
     // In the place of the file before the move has looked at it: a copy of the
     // program, on another file system, would outlive the program's own removal
     // or repair.
     kHardLinkToProgram,
-    {"Fifo", Bait::Kind::kFifo},
-    {"Folder", Bait::Kind::kFolder},
-    {"File", Bait::Kind::kFile},
-    {"Nothing", Bait::Kind::kNothing},
+    {"Fifo", [](auto path, auto) { return ::mkfifo(path, 0666) == 0; }},
+    {"Folder", [](auto path, auto) { return ::mkdir(path, 0777) == 0; }},
+    {"File", PutFile},
+    {"Nothing", [](auto, auto) { return true; }},
 };
-
-bool PutHere(const Bait& bait, const std::string& path,
-             const std::string& target) {
-  switch (bait.kind) {
-    case Bait::Kind::kLink:
-      return ::symlink(target.c_str(), path.c_str()) == 0;
-    case Bait::Kind::kHardLink:
-      return ::link(target.c_str(), path.c_str()) == 0;
-    case Bait::Kind::kFifo:
-      return ::mkfifo(path.c_str(), 0666) == 0;
-    case Bait::Kind::kFolder:
-      return ::mkdir(path.c_str(), 0777) == 0;
-    case Bait::Kind::kFile:
-      return PutFile(path);
-    case Bait::Kind::kNothing:
-      return true;
-  }
-  return false;
-}
 
 /// As the account; a hard link by root where the kernel does not let the
 /// account link to a file that it cannot write (fs.protected_hardlinks), which
 /// not all do.
 bool Put(const Bait& bait, const std::string& path, const std::string& vault) {
   const std::string target = vault + bait.target;
-  return AsAccount([&] { return PutHere(bait, path, target); }) ||
-         (bait.kind == Bait::Kind::kHardLink && PutHere(bait, path, target));
+  const auto put = [&] { return bait.put(path.c_str(), target.c_str()); };
+  return AsAccount(put) || (bait.put == PutHardLink && put());
 }
 
 /// When the account acts: before the call of this number, counted from the one
@@ -228,32 +205,6 @@ bool Put(const Bait& bait, const std::string& path, const std::string& vault) {
 struct Moment {
   int at = 0;
   std::string behind = {};
-};
-
-/// Does something at that moment and counts the calls up to the end.
-class Interruption {
- public:
-  Interruption(Moment moment, Way way, std::function<void()> deed)
-      : moment_(std::move(moment)),
-        way_(way),
-        deed_(std::move(deed)),
-        counts_(moment_.behind.empty()) {}
-
-  int Before(const FileCall& call) {
-    if (counts_ && calls_++ == moment_.at) deed_();
-    counts_ = counts_ || call.name == moment_.behind;
-    if (way_ == Way::kLink && call.name == "renameat2") return EINVAL;
-    const bool named = way_ == Way::kCopyByName && call.name == "O_TMPFILE";
-    return named ? EOPNOTSUPP : 0;
-  }
-  int Calls() const { return calls_; }
-
- private:
-  Moment moment_;
-  Way way_;
-  std::function<void()> deed_;
-  bool counts_;
-  int calls_ = 0;
 };
 
 struct Attacked {
@@ -264,11 +215,6 @@ struct Attacked {
   bool done = false;
 };
 
-void HandOver(const Place& place) {
-  tov_file::Attrs(0644, kAccount, kGroup).SafeSet(place.Source(), false);
-  tov_file::Move(place.Source(), place.Target());
-}
-
 /// Hands over as root while the account acts at one moment.
 Attacked Attack(const Place& place, Way way, const Moment& moment,
                 const std::function<bool()>& deed) {
@@ -276,21 +222,23 @@ Attacked Attack(const Place& place, Way way, const Moment& moment,
       support::RunWithoutLeak(Child(), [&](const Reporter& report) {
         // A process that waits for the other end of a FIFO does so for ever.
         ::alarm(10);
-        Interruption interruption(
-            moment, way, [&] { report("done", deed() ? "yes" : "no"); });
-        support::WatchFileCalls(
-            [&](const FileCall& call) { return interruption.Before(call); });
-        std::exception_ptr failure;
-        try {
-          HandOver(place);
-        } catch (...) {
-          failure = std::current_exception();
-        }
-        support::WatchFileCalls(nullptr);
-        report("calls", std::to_string(interruption.Calls()));
-        if (failure) std::rethrow_exception(failure);
+        report("calls", "0");
+        int calls = 0;
+        bool counts = moment.behind.empty();
+        const Watch watch([&](const FileCall& call) {
+          if (counts && calls++ == moment.at) {
+            report("done", deed() ? "yes" : "no");
+          }
+          counts = counts || call.name == moment.behind;
+          report("calls", std::to_string(calls));
+          if (way == Way::kLink && call.name == "renameat2") return EINVAL;
+          const bool named =
+              way == Way::kCopyByName && call.name == "O_TMPFILE";
+          return named ? EOPNOTSUPP : 0;
+        });
+        tov_file::Attrs(0644, kAccount, kGroup).SafeSet(place.Source(), false);
+        tov_file::Move(place.Source(), place.Target());
       });
-  if (!outcome.reported.contains("calls")) outcome.reported["calls"] = "0";
   return {outcome.error_type, outcome.error,
           std::stoi(outcome.reported["calls"]),
           outcome.reported["done"] == "yes"};
@@ -319,16 +267,10 @@ void ExpectNoGainIn(const std::string& folder) {
   }
 }
 
-void ExpectNoGain(const Place& place, const Strings& roots_files) {
+void ExpectNoGain(const Place& place, const Names& roots_files) {
   EXPECT_EQ(place.RootsFiles(), roots_files);
   ExpectNoGainIn(place.Spool());
   ExpectNoGainIn(place.Home());
-}
-
-void ExpectAFailureOfOurs(const Attacked& attacked) {
-  EXPECT_TRUE(attacked.error_type.empty() ||
-              attacked.error_type == "tov_err::Error")
-      << attacked.error_type << ": " << attacked.error;
 }
 
 /// What the account exchanges, and from when on.
@@ -353,10 +295,9 @@ std::string NameOf(const testing::TestParamInfo<Scenario>& info) {
 class MoveUnderAttack : public testing::TestWithParam<Scenario> {
  protected:
   void SetUp() override {
-    if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
-    if (IsCopy(TheWay()) && !IsOtherFileSystemAnother()) {
-      GTEST_SKIP() << "needs another file system at " << kOtherFileSystem;
-    }
+    if (!IsRoot()) GTEST_SKIP() << "needs root";
+    const std::string lack = IsCopy(TheWay()) ? WhyNoOtherFileSystem() : "";
+    if (!lack.empty()) GTEST_SKIP() << lack;
   }
 
   static Way TheWay() { return std::get<Way>(GetParam()); }
@@ -373,30 +314,28 @@ class MoveUnderAttack : public testing::TestWithParam<Scenario> {
   }
 };
 
+/// These baits at a place that moves in each of these ways lead to.
+template <class Ways, class Baits>
+auto Scenarios(const Ways& ways, const Baits& baits, const Aim& aim) {
+  return testing::Combine(testing::ValuesIn(ways), testing::ValuesIn(baits),
+                          testing::Values(aim));
+}
+
 INSTANTIATE_TEST_SUITE_P(AtSource, MoveUnderAttack,
-                         testing::Combine(testing::ValuesIn(kWays),
-                                          testing::ValuesIn(kBaits),
-                                          testing::Values(Aim{&Place::Source})),
-                         NameOf);
+                         Scenarios(kWays, kBaits, {&Place::Source}), NameOf);
 
 // From when on the move knows which file it is to move.
 INSTANTIATE_TEST_SUITE_P(AtKnownSource, MoveUnderAttack,
-                         testing::Combine(testing::ValuesIn(kWays),
-                                          testing::Values(kHardLinkToProgram),
-                                          testing::Values(Aim{&Place::Source,
-                                                              "lstat"})),
+                         Scenarios(kWays, std::vector{kHardLinkToProgram},
+                                   {&Place::Source, "lstat"}),
                          NameOf);
 
 INSTANTIATE_TEST_SUITE_P(AtTarget, MoveUnderAttack,
-                         testing::Combine(testing::ValuesIn(kWays),
-                                          testing::ValuesIn(kBaits),
-                                          testing::Values(Aim{&Place::Target})),
-                         NameOf);
+                         Scenarios(kWays, kBaits, {&Place::Target}), NameOf);
 
 INSTANTIATE_TEST_SUITE_P(AtDraft, MoveUnderAttack,
-                         testing::Combine(testing::Values(Way::kCopyByName),
-                                          testing::ValuesIn(kBaits),
-                                          testing::Values(Aim{&Place::Draft})),
+                         Scenarios(std::vector{Way::kCopyByName}, kBaits,
+                                   {&Place::Draft}),
                          NameOf);
 
 // The attack comes once before each call.
@@ -406,13 +345,15 @@ TEST_P(MoveUnderAttack, GivesNothingAway) {
   for (int at = 0; at < calls; ++at) {
     SCOPED_TRACE("before call " + std::to_string(at));
     const Place place(IsCopy(TheWay()));
-    const Strings roots_files = place.RootsFiles();
+    const Names roots_files = place.RootsFiles();
     const Attacked attacked =
         Attack(place, TheWay(), {at, TheAim().behind},
                [&] { return Exchange((place.*TheAim().path)(), place); });
     calls = std::max(calls, attacked.calls);
     done += attacked.done ? 1 : 0;
-    ExpectAFailureOfOurs(attacked);
+    EXPECT_TRUE(attacked.error_type.empty() ||
+                attacked.error_type == "tov_err::Error")
+        << attacked.error_type << ": " << attacked.error;
     ExpectNoGain(place, roots_files);
   }
   EXPECT_GT(done, 0) << "the account had no opportunity";
@@ -421,10 +362,9 @@ TEST_P(MoveUnderAttack, GivesNothingAway) {
 class MoveAndAttack : public testing::Test {
  protected:
   void SetUp() override {
-    if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
-    if (!IsOtherFileSystemAnother()) {
-      GTEST_SKIP() << "needs another file system at " << kOtherFileSystem;
-    }
+    if (!IsRoot()) GTEST_SKIP() << "needs root";
+    const std::string lack = WhyNoOtherFileSystem();
+    if (!lack.empty()) GTEST_SKIP() << lack;
   }
 };
 
@@ -432,7 +372,8 @@ TEST_F(MoveAndAttack, LeavesWhatHasTakenThePlaceOfACopiedSource) {
   const Place place(true);
   const Attacked attacked = Attack(place, Way::kCopy, {0, "fsync"}, [&] {
     return AsAccount([&] {
-      return ::unlink(place.Source().c_str()) == 0 && PutFile(place.Source());
+      return ::unlink(place.Source().c_str()) == 0 &&
+             PutFile(place.Source().c_str());
     });
   });
   EXPECT_TRUE(attacked.done);
@@ -471,17 +412,15 @@ TEST_F(MoveAndAttack, DoesNotOpenWhatALinkPointsTo) {
 }
 
 TEST(CopyingMove, IsTakenBackWhenTheSourceCannotBeLookedAtAnyMore) {
-  if (!IsOtherFileSystemAnother()) {
-    GTEST_SKIP() << "needs another file system at " << kOtherFileSystem;
-  }
+  const std::string lack = WhyNoOtherFileSystem();
+  if (!lack.empty()) GTEST_SKIP() << lack;
   const Scratch from;
   const Scratch to(kOtherFileSystem);
   const std::string source = from.MakeFile("source", "x");
-  // It outlives the move: calls are watched until the child ends.
   bool is_copied = false;
   const Outcome outcome =
       support::RunWithoutLeak(Child(), [&](const Reporter&) {
-        support::WatchFileCalls([&](const FileCall& call) {
+        const Watch watch([&](const FileCall& call) {
           if (call.name == "fsync") is_copied = true;
           const bool is_last_look = call.name == "lstat" && call.path == source;
           return is_copied && is_last_look ? EIO : 0;
@@ -492,7 +431,8 @@ TEST(CopyingMove, IsTakenBackWhenTheSourceCannotBeLookedAtAnyMore) {
   EXPECT_EQ(outcome.error,
             "cannot remove '" + source + "': " + std::strerror(EIO));
   EXPECT_EQ(ReadFile(source), "x");
-  EXPECT_EQ(to.List(), Strings{});
+  EXPECT_EQ(to.List(), Names{});
 }
 
 }  // namespace
+}  // namespace files

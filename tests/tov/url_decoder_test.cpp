@@ -32,8 +32,9 @@ void Compare(std::string text) {
 }
 
 TEST(UrlDecoder, FollowsTheRuleAtEachPlaceOfALongText) {
-  for (const std::string piece : {"%41", "%", "%4", "%%41", "%4%41", "%g1",
-                                  "%1g", "+", "%2B%25+", "\x80%ff\xff"}) {
+  for (const std::string piece :
+       {"%41", "%", "%4", "%%41", "%4%41", "%g1", "%1g", "+", "%2B%25+",
+        "\x80%ff\xff", "%2541", "%zz%u0041%-1% 41"}) {
     for (std::size_t before = 0; before < 80; ++before) {
       for (std::size_t behind = 0; behind < 50; ++behind) {
         Compare(std::string(before, 'x') + piece + std::string(behind, 'y'));
