@@ -76,37 +76,20 @@ void Settle(std::string_view letters, const zan_cgi::testing::Scratch& scratch,
   while (!letters.empty()) {
     const char letter = letters[0];
     letters.remove_prefix(1);
-    switch (letter) {
-      case 'b':  // Reads that find nothing would block.
-        request.input.nothing = plain::Nothing::kWouldBlock;
-        break;
-      case 'e':  // End of file instead of a hang-up.
-        request.input.hangs_up = false;
-        break;
-      case 'f':
-        request.free_space_fails = true;
-        break;
-      case 'i':  // Reads that find nothing are interrupted.
-        request.input.nothing = plain::Nothing::kSignal;
-        break;
-      case 'l':
-        request.file_limit = TakeNumber(letters, 100'000);
-        break;
-      case 'm':  // The directory is missing.
-        request.tmp_dir = scratch / "missing";
-        request.files_open = false;
-        break;
-      case 's':
-        request.free_space = TakeNumber(letters, 1'000'000'000);
-        break;
-      case 't':  // The directory comes from the environment.
-        is_from_environment = true;
-        break;
-      case 'x':
-        Fill(request.input.bytes, TakeNumber(letters, 300'000));
-        break;
-      default:
-        break;
+    // Reads that find nothing would block, or are interrupted.
+    if (letter == 'b') request.input.nothing = plain::Nothing::kWouldBlock;
+    if (letter == 'i') request.input.nothing = plain::Nothing::kSignal;
+    // End of file instead of a hang-up.
+    if (letter == 'e') request.input.hangs_up = false;
+    if (letter == 'f') request.free_space_fails = true;
+    if (letter == 'l') request.file_limit = TakeNumber(letters, 100'000);
+    if (letter == 's') request.free_space = TakeNumber(letters, 1'000'000'000);
+    // The directory is missing, or comes from the environment.
+    if (letter == 'm') request.tmp_dir = scratch / "missing";
+    if (letter == 'm') request.files_open = false;
+    if (letter == 't') is_from_environment = true;
+    if (letter == 'x') {
+      Fill(request.input.bytes, TakeNumber(letters, 300'000));
     }
   }
   if (is_from_environment) request.tmp.swap(request.tmp_dir);
@@ -202,35 +185,26 @@ class Mutation {
 
 std::string Mutated(std::string_view input, unsigned seed) {
   Mutation mutation(input, seed);
-  switch (seed % 4) {
-    case 0:
-      mutation.Repeat();
-      break;
-    case 1:
-      mutation.ChangeReads();
-      break;
-    default:
-      mutation.Cut();
+  if (seed % 4 == 0) {
+    mutation.Repeat();
+  } else if (seed % 4 == 1) {
+    mutation.ChangeReads();
+  } else {
+    mutation.Cut();
   }
   return mutation.Result();
 }
 
-struct Counts {
-  unsigned long compared = 0;
-  unsigned long spinning = 0;
-};
-
-Counts counts;
-
-void PrintCounts() {
-  std::fprintf(stderr, "%lu bodies compared, %lu left out: they spin\n",
-               counts.compared, counts.spinning);
-}
+unsigned long compared = 0;
+unsigned long spinning = 0;
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-  return std::atexit(PrintCounts);
+  return std::atexit([] {
+    std::fprintf(stderr, "%lu bodies compared, %lu left out: they spin\n",
+                 compared, spinning);
+  });
 }
 
 extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size,
@@ -258,10 +232,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data,
       ToRequest({reinterpret_cast<const char*>(data), size}, scratch);
   const plain::Outcome outcome = plain::Parse(request);
   if (outcome.spins) {
-    ++counts.spinning;
+    ++spinning;
     return 0;
   }
-  ++counts.compared;
+  ++compared;
   const fuzz::DescriptorWatch watch;
   std::string account = plain::Difference(outcome, plain::RunProduct(request));
   if (!scratch.List().empty()) account += "a temporary file is left\n";

@@ -27,7 +27,7 @@ using Strings = std::vector<std::string>;
 
 struct Expected {
   StringMap params;
-  Strings warnings;
+  std::size_t warnings = 0;
 };
 
 void AddPair(std::string_view item, Expected& expected) {
@@ -35,11 +35,7 @@ void AddPair(std::string_view item, Expected& expected) {
   const std::string name = plain::UrlDecode(item.substr(0, equals));
   const std::string_view value = item.substr(std::min(equals + 1, item.size()));
   if (name.empty()) {
-    if (value.empty()) return;
-    // What is printed ends at a zero byte.
-    expected.warnings.push_back("Key name is empty, value = '" +
-                                std::string(value.substr(0, value.find('\0'))) +
-                                "'");
+    if (!value.empty()) ++expected.warnings;
   } else if (expected.params.contains(name)) {
     expected.params[name] += ", " + plain::UrlDecode(value);
   } else {
@@ -94,62 +90,32 @@ class LogFile {
   int descriptor_;
 };
 
-std::string EscapedForLog(std::string_view text) {
-  std::string escaped;
-  for (const char byte : text) {
-    constexpr std::string_view kDigits = "0123456789abcdef";
-    const auto value = static_cast<unsigned char>(byte);
-    if (value >= 32 && value != 127) {
-      escaped += byte;
-    } else {
-      escaped.append("\\x").append(1, kDigits[value / 16]);
-      escaped.append(1, kDigits[value % 16]);
-    }
-  }
-  return escaped;
-}
-
-/// "2026-01-31T12:00:00Z zancgi[1] core warning: ", then the text.
-void ExpectWarning(const std::string& line, std::string_view text) {
-  constexpr std::size_t kLongest = 4096 - 1;
-  const std::string escaped = EscapedForLog(text);
+/// Expects so many lines, each "2026-01-31T12:00:00Z zancgi[1] core warning: "
+/// and a text without control bytes.
+void ExpectWarnings(const LogFile& log, std::size_t count) {
+  const Strings lines = log.Take();
+  ExpectEqual<std::int64_t>("number of log lines",
+                            static_cast<std::int64_t>(lines.size()),
+                            static_cast<std::int64_t>(count));
   const std::string prefix =
       "Z zancgi[" + std::to_string(::getpid()) + "] core warning: ";
-  const std::size_t begin = line.find(prefix);
-  ExpectEqual<std::int64_t>("place of the prefix",
-                            static_cast<std::int64_t>(begin),
-                            sizeof("2026-01-31T12:00:00") - 1);
-  Expect(line.size() <= kLongest, "a line fits into a pipe");
-  const std::string told = line.substr(begin + prefix.size());
-  if (begin + prefix.size() + escaped.size() <= kLongest) {
-    ExpectEqual("warning", told, escaped);
-  } else {
-    Expect(told.ends_with("..."), "a cut line says so");
-    const std::string kept = told.substr(0, told.size() - 3);
-    ExpectEqual("cut warning", kept, escaped.substr(0, kept.size()));
+  for (const std::string& line : lines) {
+    ExpectEqual<std::int64_t>("place of the prefix",
+                              static_cast<std::int64_t>(line.find(prefix)),
+                              sizeof("2026-01-31T12:00:00") - 1);
+    Expect(line.size() < 4096, "a line fits into a pipe");
+    Expect(std::none_of(line.begin(), line.end(),
+                        [](char byte) {
+                          const auto value = static_cast<unsigned char>(byte);
+                          return value < 32 || value == 127;
+                        }),
+           "a line holds no control bytes");
   }
 }
 
 /// Of messages of one format so many are logged, and then that more are not.
-constexpr std::size_t kMostOfAFormat = 100;
-
-Strings Limited(Strings texts, const std::string& format) {
-  if (texts.size() > kMostOfAFormat) {
-    texts.resize(kMostOfAFormat);
-    texts.push_back("further messages are dropped after 100 of \"" + format +
-                    "\"");
-  }
-  return texts;
-}
-
-void ExpectWarnings(const LogFile& log, const Strings& texts) {
-  const Strings lines = log.Take();
-  ExpectEqual<std::int64_t>("number of log lines",
-                            static_cast<std::int64_t>(lines.size()),
-                            static_cast<std::int64_t>(texts.size()));
-  for (std::size_t i = 0; i < texts.size(); ++i) {
-    ExpectWarning(lines[i], texts[i]);
-  }
+std::size_t Limited(std::size_t count) {
+  return std::min<std::size_t>(count, 100 + 1);
 }
 
 /// Through the environment where that can hold it.
@@ -182,12 +148,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data,
   const Expected expected = ExpectedOf(query);
   ExpectEqual("params", request.params, expected.params);
   Expect(request.parsed, "a parsed query is marked as parsed");
-  ExpectWarnings(log,
-                 Limited(expected.warnings, "Key name is empty, value = '%s'"));
+  ExpectWarnings(log, Limited(expected.warnings));
 
   request.ParseQueryString(query);
   ExpectEqual("params after a second parse", request.params, expected.params);
-  ExpectWarnings(log, {"attempt to reparse GET query"});
+  ExpectWarnings(log, 1);
 
   ExpectEqual("query encoded and decoded again",
               str::url::Decode(str::url::Encode(query)), query);

@@ -4,22 +4,21 @@
 #ifndef ZANCGI_TESTS_PLAIN_BODY_MAKER_H
 #define ZANCGI_TESTS_PLAIN_BODY_MAKER_H
 
+#include <cstddef>
 #include <cstdint>
-#include <initializer_list>
-#include <random>
 #include <string>
-#include <string_view>
 #include <utility>
 
+#include "plain/dice.h"
 #include "plain/plain_parser.h"
 
 namespace plain {
 
-class BodyMaker {
+class BodyMaker : Dice {
  public:
   /// @param directory  an existing folder for uploads
   BodyMaker(std::uint64_t seed, std::string directory)
-      : random_(seed), directory_(std::move(directory)) {}
+      : Dice(seed), directory_(std::move(directory)) {}
 
   /// Another request each time.
   Request Make() {
@@ -46,20 +45,11 @@ class BodyMaker {
   }
 
  private:
-  bool Chance(unsigned percent) { return Below(100) < percent; }
-
-  std::size_t Below(std::size_t limit) { return random_() % limit; }
-
-  std::string_view OneOf(std::initializer_list<std::string_view> choices) {
-    return choices.begin()[Below(choices.size())];
-  }
-
   std::string BoundaryValue() {
     if (Chance(2)) return std::string(Below(200), 'x');
-    return std::string(
-        OneOf({"B", "B", "B", "XY", "XY", "XY", "XY", "abcabc", "-", "--",
-               "---B", "B--", "", "\rB", "a\rb", "\r\n--", "a b", "\"B\"",
-               "----WebKitFormBoundary7MA4YWxkTrZu0gW"}));
+    return OneOf(
+        "B|B|B|XY|XY|XY|XY|abcabc|-|--|---B|B--||\rB|a\rb|\r\n--|a b|\"B\"|"
+        "----WebKitFormBoundary7MA4YWxkTrZu0gW");
   }
 
   std::string Body() {
@@ -68,7 +58,7 @@ class BodyMaker {
     if (Chance(5)) body += "\r\n";
     for (std::size_t parts = Below(5); parts > 0; --parts) body += Part();
     body += "--" + boundary_;
-    body += OneOf({"--\r\n", "--\r\n", "--\r\n", "--", "", "\r\n", "\r\n\r\n"});
+    body += OneOf("--\r\n|--\r\n|--\r\n|--||\r\n|\r\n\r\n");
     if (Chance(8)) body += Content();
     if (Chance(5)) body += Part();
     return body;
@@ -76,8 +66,7 @@ class BodyMaker {
 
   std::string Part() {
     std::string part = "--" + boundary_;
-    part +=
-        Chance(95) ? "\r\n" : std::string(OneOf({"", "\n", " \r\n", "--\r\n"}));
+    part += Chance(95) ? "\r\n" : OneOf("|\n| \r\n|--\r\n");
     return part + Headers() + "\r\n" + Content() + "\r\n";
   }
 
@@ -92,28 +81,25 @@ class BodyMaker {
   }
 
   std::string DispositionLine() {
-    std::string line(OneOf(
-        {"Content-Disposition: form-data; ", "Content-Disposition: form-data; ",
-         "Content-Disposition: form-data; ", "Content-Disposition: form-data; ",
-         "Content-Disposition: form-data; ", "Content-Disposition: form-data; ",
-         "Content-Disposition:  form-data ; ",
-         "Content-Disposition: form-data;; ",
-         "Content-Disposition: attachment; ",
-         "content-disposition: form-data; "}));
-    const std::string_view name =
-        OneOf({"name=\"a\"", "name=\"b\"", "name=\"a\"", "name=\"b\"",
-               "name=\"c\"", "name=\"c\"", "name=\"a\"", "name=\"a\"",
-               "name=\"filename\"", "name=\"\"", "name=a", "names=\"n\"",
-               "name = \"a\"", "name=x=\"y\"", "name=\"a", "name=\"\r\""});
-    const std::string_view file = OneOf(
-        {"filename=\"f\"", "filename=\"g\"", "filename=\"f\"", "filename=\"\"",
-         "filename=f", "filename=\"x;y\"", "filename=\"x;names.txt\"",
-         "filename*=UTF-8''x", "filename=\"a\\\"b\"", "filename=\"%22\""});
+    const std::string header = "Content-Disposition: form-data; ";
+    std::string line = Chance(60) ? header
+                                  : OneOf(
+                                        "Content-Disposition:  form-data ; |"
+                                        "Content-Disposition: form-data;; |"
+                                        "Content-Disposition: attachment; |"
+                                        "content-disposition: form-data; ");
+    const std::string name = OneOf(
+        "name=\"a\"|name=\"b\"|name=\"a\"|name=\"b\"|name=\"c\"|name=\"c\"|"
+        "name=\"a\"|name=\"a\"|name=\"filename\"|name=\"\"|name=a|"
+        "names=\"n\"|name = \"a\"|name=x=\"y\"|name=\"a|name=\"\r\"");
+    const std::string file = OneOf(
+        "filename=\"f\"|filename=\"g\"|filename=\"f\"|filename=\"\"|"
+        "filename=f|filename=\"x;y\"|filename=\"x;names.txt\"|"
+        "filename*=UTF-8''x|filename=\"a\\\"b\"|filename=\"%22\"");
     if (Chance(5)) {
-      line += std::string(file) + "; " + std::string(name);
+      line += file + "; " + name;
     } else {
-      line += name;
-      if (Chance(55)) line += "; " + std::string(file);
+      line += name + Maybe(55, "; " + file);
     }
     return line + (Chance(97) ? "\r\n" : "\n");
   }
@@ -130,17 +116,16 @@ class BodyMaker {
     const std::string separator = "\r\n--" + boundary_;
     if (Chance(20)) return separator.substr(0, Below(separator.size()));
     if (Chance(1)) return separator;
-    return std::string(
-        OneOf({"\r", "\n", "\r\n", "\r\r\n", "-", "--", "\r\n-", "\r\n--",
-               "\n\n", "x", "text", "a=1&b=2", std::string_view("\0", 1),
-               "\xff", "&", "=", "%41+", "Content-Disposition: "}));
+    if (Chance(5)) return {'\0'};
+    return OneOf(
+        "\r|\n|\r\n|\r\r\n|-|--|\r\n-|\r\n--|\n\n|x|text|a=1&b=2|\xff|&|=|"
+        "%41+|Content-Disposition: ");
   }
 
   std::string QueryString() {
     std::string query;
     for (std::size_t items = Below(6); items > 0; --items) {
-      query += OneOf({"a=1&", "b=2&", "a=%41&", "&", "=x&", "c&", "a+b=c+d&",
-                      "%61=1&", "d=e=f&", "a=%zz"});
+      query += OneOf("a=1&|b=2&|a=%41&|&|=x&|c&|a+b=c+d&|%61=1&|d=e=f&|a=%zz");
     }
     return query;
   }
@@ -149,22 +134,12 @@ class BodyMaker {
     for (std::size_t wounds = 1 + Below(3); wounds > 0 && !body.empty();
          --wounds) {
       const std::size_t at = Below(body.size());
-      switch (Below(5)) {
-        case 0:
-          body.erase(at, 1 + Below(3));
-          break;
-        case 1:
-          body.insert(at, Piece());
-          break;
-        case 2:
-          body.resize(at);
-          break;
-        case 3:
-          body.insert(at, body.substr(Below(body.size()), Below(40)));
-          break;
-        default:
-          body[at] = static_cast<char>(Below(256));
-      }
+      const std::size_t kind = Below(5);
+      if (kind == 0) body.erase(at, 1 + Below(3));
+      if (kind == 1) body.insert(at, Piece());
+      if (kind == 2) body.resize(at);
+      if (kind == 3) body.insert(at, body, Below(body.size()), Below(40));
+      if (kind == 4) body[at] = static_cast<char>(Below(256));
     }
   }
 
@@ -195,8 +170,7 @@ class BodyMaker {
     if (Chance(6)) declared = Below(size + 1);
     request.content_length = std::to_string(declared);
     if (Chance(1)) {
-      request.content_length = OneOf(
-          {"", "0", "-1", "-70000", "+5", " 5", "5 ", "0x10", "5,5", "x"});
+      request.content_length = OneOf("|0|-1|-70000|+5| 5|5 |0x10|5,5|x");
     }
   }
 
@@ -210,7 +184,6 @@ class BodyMaker {
     }
   }
 
-  std::mt19937_64 random_;
   std::string directory_;
   std::string boundary_;
 };

@@ -1,5 +1,5 @@
-// The library's forms beside the plain ones: rule by rule, by chance, and cut
-// at every place.
+// The library's forms and the plain ones: rule by rule, by chance, and cut at
+// every place.
 
 #include <gtest/gtest.h>
 #include <zancgi/testing/child.h>
@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <functional>
 #include <initializer_list>
+#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -45,13 +46,6 @@ void InChild(const std::function<void(const std::string& folder)>& body) {
       [&](const zan_cgi::testing::Reporter&) { body(scratch.Path()); });
 }
 
-std::string Describe(const FormRequest& request) {
-  return request.method + " " + testing::PrintToString(request.content_type) +
-         " " + testing::PrintToString(request.query) + " " +
-         std::to_string(request.declared_length) + " " +
-         testing::PrintToString(request.body);
-}
-
 /// Refusals may differ in the status: a form that breaks a rule and a limit may
 /// be refused for either.
 void ExpectAlike(const PlainForm& product, const PlainForm& plain,
@@ -65,9 +59,13 @@ std::size_t FromEnvironment(const char* name, std::size_t otherwise) {
   return value == nullptr ? otherwise : std::stoul(value);
 }
 
-class FormRulesOfProduct : public testing::TestWithParam<FormTable> {};
+class FormRules : public testing::TestWithParam<FormTable> {};
 
-TEST_P(FormRulesOfProduct, HoldHoweverTheBodyArrives) {
+TEST_P(FormRules, HoldForThePlainParser) {
+  ExpectRows(GetParam(), ParsePlainForm);
+}
+
+TEST_P(FormRules, HoldForTheLibraryHoweverTheBodyArrives) {
   InChild([&](const std::string& folder) {
     for (const std::size_t size :
          std::initializer_list<std::size_t>{1, 2, 7, 65536}) {
@@ -79,7 +77,7 @@ TEST_P(FormRulesOfProduct, HoldHoweverTheBodyArrives) {
   });
 }
 
-INSTANTIATE_TEST_SUITE_P(, FormRulesOfProduct, testing::ValuesIn(FormTables()),
+INSTANTIATE_TEST_SUITE_P(, FormRules, testing::ValuesIn(FormTables()),
                          NameOfTable);
 
 class RandomForms : public testing::TestWithParam<std::size_t> {};
@@ -93,7 +91,7 @@ TEST_P(RandomForms, AreReadAlike) {
     FormMaker maker(seed);
     std::mt19937_64 random(seed);
     for (std::size_t i = 0; i < count && !testing::Test::HasFailure(); ++i) {
-      const FormRequest request = maker.Make().request;
+      const FormRequest request = maker.Make();
       // Mostly small pieces, and every size up to the largest.
       const auto sizes = [&] {
         return 1 + random() % (std::size_t{1} << random() % 17);
@@ -106,6 +104,27 @@ TEST_P(RandomForms, AreReadAlike) {
 
 INSTANTIATE_TEST_SUITE_P(Shard, RandomForms,
                          testing::Range(std::size_t{0}, kShards));
+
+// Or the comparison would prove little.
+TEST(MadeForms, AreOfAllKinds) {
+  constexpr std::size_t kForms = 20'000;
+  FormMaker maker(20261122);
+  std::size_t with_fields = 0;
+  std::size_t with_uploads = 0;
+  std::map<int, std::size_t> by_status;
+  for (std::size_t i = 0; i < kForms; ++i) {
+    const PlainForm form = ParsePlainForm(maker.Make());
+    ++by_status[form.status];
+    if (!form.fields.empty()) ++with_fields;
+    if (!form.uploads.empty()) ++with_uploads;
+  }
+  EXPECT_GT(by_status[0], kForms / 2);
+  EXPECT_GT(by_status[400], kForms / 10);
+  EXPECT_GT(by_status[413], kForms / 20);
+  EXPECT_GT(by_status[415], kForms / 500);
+  EXPECT_GT(with_fields, kForms / 3);
+  EXPECT_GT(with_uploads, kForms / 5);
+}
 
 /// The rows whose bodies are small and no shorter than declared.
 std::vector<FormRequest> SmallBodies() {

@@ -1,32 +1,20 @@
 #include "plain/form_product.h"
 
-#include <dlfcn.h>
 #include <poll.h>
-#include <unistd.h>
+#include <sys/types.h>
 #include <zancgi/form.h>
 #include <zancgi/testing/scratch.h>
 
 #include <algorithm>
-#include <cstring>
 #include <filesystem>
 #include <stdexcept>
 #include <string_view>
 
+#include "support/system_calls.h"
 #include "support/variable.h"
 
 namespace plain {
 namespace {
-
-/// What standard input still gives, and how; no sizes for the real one.
-std::string_view to_read;
-const ReadSizes* read_sizes = nullptr;
-
-ssize_t ReadScripted(void* buffer, std::size_t size) {
-  const std::size_t count = std::min({size, to_read.size(), (*read_sizes)()});
-  std::memcpy(buffer, to_read.data(), count);
-  to_read.remove_prefix(count);
-  return static_cast<ssize_t>(count);
-}
 
 zan_cgi::Form::Limits LimitsOf(const PlainLimits& plain) {
   zan_cgi::Form::Limits limits;
@@ -73,13 +61,26 @@ PlainForm ReadByProduct(const FormRequest& request, const std::string& folder,
   support::SetVariable("QUERY_STRING", request.query);
   support::SetVariable("CONTENT_LENGTH",
                        std::to_string(request.declared_length));
-  to_read = request.body;
-  read_sizes = &sizes;
+  std::string_view to_read = request.body;
+  support::Replace({
+      .poll =
+          [](pollfd* entries, nfds_t /*count*/, int /*milliseconds*/) {
+            entries[0].revents = POLLIN;
+            return 1;
+          },
+      .read =
+          [&](void* buffer, std::size_t size) {
+            const std::size_t count = to_read.copy(static_cast<char*>(buffer),
+                                                   std::min(size, sizes()));
+            to_read.remove_prefix(count);
+            return static_cast<ssize_t>(count);
+          },
+  });
   // The library changes it.
   const std::filesystem::path work_dir = std::filesystem::current_path();
   PlainForm form = ReadForm(request, folder);
   std::filesystem::current_path(work_dir);
-  read_sizes = nullptr;
+  support::Replace({});
   if (!std::filesystem::is_empty(folder)) {
     throw std::runtime_error("an upload is left behind");
   }
@@ -87,26 +88,3 @@ PlainForm ReadByProduct(const FormRequest& request, const std::string& folder,
 }
 
 }  // namespace plain
-
-extern "C" {
-
-int poll(pollfd* entries, nfds_t count, int milliseconds) {
-  if (plain::read_sizes != nullptr) {
-    entries[0].revents = POLLIN;
-    return 1;
-  }
-  static const auto real =
-      reinterpret_cast<decltype(&::poll)>(::dlsym(RTLD_NEXT, "poll"));
-  return real(entries, count, milliseconds);
-}
-
-ssize_t read(int descriptor, void* buffer, std::size_t size) {
-  if (plain::read_sizes != nullptr && descriptor == STDIN_FILENO) {
-    return plain::ReadScripted(buffer, size);
-  }
-  static const auto real =
-      reinterpret_cast<decltype(&::read)>(::dlsym(RTLD_NEXT, "read"));
-  return real(descriptor, buffer, size);
-}
-
-}  // extern "C"

@@ -45,14 +45,12 @@ bool IsToken(std::string_view text) {
 }
 
 std::string_view WithoutLeadingBlanks(std::string_view text) {
-  while (!text.empty() && IsBlank(text.front())) text.remove_prefix(1);
-  return text;
+  return text.substr(std::min(text.find_first_not_of(" \t"), text.size()));
 }
 
 std::string_view WithoutBlanksAround(std::string_view text) {
   text = WithoutLeadingBlanks(text);
-  while (!text.empty() && IsBlank(text.back())) text.remove_suffix(1);
-  return text;
+  return text.substr(0, text.find_last_not_of(" \t") + 1);
 }
 
 std::string LowerCase(std::string_view text) {
@@ -172,22 +170,17 @@ std::vector<Parameter> ParametersOf(std::string_view rest, Escapes escapes) {
   }
 }
 
-const Parameter* Find(const std::vector<Parameter>& parameters,
+/// Null when there is none. What the parameters that nobody looks at are called
+/// does not matter.
+const Parameter* Only(const std::vector<Parameter>& parameters,
                       std::string_view name) {
+  const Parameter* only = nullptr;
   for (const Parameter& parameter : parameters) {
-    if (parameter.name == name) return &parameter;
+    if (parameter.name != name) continue;
+    Require(only == nullptr);
+    only = &parameter;
   }
-  return nullptr;
-}
-
-/// What the parameters that nobody looks at are called does not matter.
-void RequireNoSecond(const std::vector<Parameter>& parameters) {
-  for (const char* const once : {"name", "filename", "filename*"}) {
-    const auto is_once = [once](const Parameter& parameter) {
-      return parameter.name == once;
-    };
-    Require(std::count_if(parameters.begin(), parameters.end(), is_once) <= 1);
-  }
+  return only;
 }
 
 // RFC 8187.
@@ -242,13 +235,6 @@ bool IsUtf8(std::string_view text) {
   return true;
 }
 
-int HexValue(char digit) {
-  if (digit >= '0' && digit <= '9') return digit - '0';
-  if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
-  Require(digit >= 'a' && digit <= 'f');
-  return digit - 'a' + 10;
-}
-
 /// Section 3.2.1.
 bool IsAttrChar(char byte) {
   constexpr std::string_view kMarks = "!#$&+-.^_`|~";
@@ -260,8 +246,10 @@ std::string DecodeValueChars(std::string_view text) {
   for (std::size_t i = 0; i < text.size(); ++i) {
     if (text[i] == '%') {
       Require(i + 2 < text.size());
-      decoded +=
-          static_cast<char>(HexValue(text[i + 1]) * 16 + HexValue(text[i + 2]));
+      const int high = HexValue(text[i + 1]);
+      const int low = HexValue(text[i + 2]);
+      Require(high >= 0 && low >= 0);
+      decoded += static_cast<char>(high * 16 + low);
       i += 2;
     } else {
       Require(IsAttrChar(text[i]));
@@ -290,12 +278,9 @@ std::string DecodeExtendedValue(const Parameter& parameter) {
 std::string BoundaryOf(const std::string& content_type) {
   const std::vector<Parameter> parameters =
       ParametersOf(content_type, Escapes::kAnyByte);
-  const auto is_boundary = [](const Parameter& parameter) {
-    return parameter.name == "boundary";
-  };
-  Require(std::count_if(parameters.begin(), parameters.end(), is_boundary) ==
-          1);
-  const std::string boundary = Find(parameters, "boundary")->value;
+  const Parameter* const parameter = Only(parameters, "boundary");
+  Require(parameter != nullptr);
+  const std::string boundary = parameter->value;
   Require(!boundary.empty() && boundary.size() <= 70);
   Require(std::none_of(boundary.begin(), boundary.end(), IsControl));
   Require(boundary.back() != ' ');
@@ -412,12 +397,10 @@ void CheckTransferEncoding(const Part& part) {
 
 std::optional<std::string> FileNameOf(
     const std::vector<Parameter>& parameters) {
-  if (const Parameter* plain = Find(parameters, "filename")) {
-    return plain->value;
-  }
-  if (const Parameter* extended = Find(parameters, "filename*")) {
-    return DecodeExtendedValue(*extended);
-  }
+  const Parameter* const plain = Only(parameters, "filename");
+  const Parameter* const extended = Only(parameters, "filename*");
+  if (plain != nullptr) return plain->value;
+  if (extended != nullptr) return DecodeExtendedValue(*extended);
   return std::nullopt;
 }
 
@@ -448,8 +431,7 @@ void AddPart(const Part& part, const PlainLimits& limits, Amounts& amounts,
   Require(disposition && LeadingValue(*disposition) == "form-data");
   const std::vector<Parameter> parameters =
       ParametersOf(*disposition, Escapes::kQuoteAndBackslash);
-  RequireNoSecond(parameters);
-  const Parameter* name = Find(parameters, "name");
+  const Parameter* const name = Only(parameters, "name");
   Require(name != nullptr);
   const std::optional<std::string> file_name = FileNameOf(parameters);
   if (file_name) {
@@ -475,35 +457,30 @@ PlainForm ParseMultipart(const std::string& content_type,
   return form;
 }
 
-PlainForm ParseBody(const std::string& content_type, const std::string& body,
-                    std::int64_t declared_length, const PlainLimits& limits) {
-  if (declared_length > limits.body) throw Refusal{413};
-  const std::string type = LeadingValue(content_type);
+PlainForm ParseBody(const FormRequest& request) {
+  if (request.declared_length > request.limits.body) throw Refusal{413};
+  const std::string type = LeadingValue(request.content_type);
   const bool url_encoded = type == "application/x-www-form-urlencoded";
   const bool multipart = type == "multipart/form-data";
-  const bool nothing =
-      declared_length == 0 && WithoutBlanksAround(content_type).empty();
+  const bool nothing = request.declared_length == 0 &&
+                       WithoutBlanksAround(request.content_type).empty();
   if (!url_encoded && !multipart && !nothing) throw Refusal{415};
-  Require(declared_length >= 0);
-  const auto length = static_cast<std::size_t>(declared_length);
-  Require(body.size() >= length);
-  const std::string declared = body.substr(0, length);
-  return multipart ? ParseMultipart(content_type, declared, limits)
-                   : ParseUrlEncoded(declared, limits);
+  Require(request.declared_length >= 0);
+  const auto length = static_cast<std::size_t>(request.declared_length);
+  Require(request.body.size() >= length);
+  const std::string declared = request.body.substr(0, length);
+  return multipart
+             ? ParseMultipart(request.content_type, declared, request.limits)
+             : ParseUrlEncoded(declared, request.limits);
 }
 
 }  // namespace
 
-PlainForm ParsePlainForm(const std::string& method,
-                         const std::string& content_type,
-                         const std::string& query, const std::string& body,
-                         std::int64_t declared_length,
-                         const PlainLimits& limits) {
+PlainForm ParsePlainForm(const FormRequest& request) {
   try {
-    if (method == "GET" || method == "HEAD") {
-      return ParseUrlEncoded(query, limits);
-    }
-    return ParseBody(content_type, body, declared_length, limits);
+    return request.method == "GET" || request.method == "HEAD"
+               ? ParseUrlEncoded(request.query, request.limits)
+               : ParseBody(request);
   } catch (const Refusal& refusal) {
     return {refusal.status, {}, {}};
   }

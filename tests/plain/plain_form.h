@@ -62,16 +62,7 @@ struct FormRequest {
 /// Of a GET or HEAD the form is the query string, of any other method the body:
 /// URL-encoded (URL Standard, section 5.1) or multipart (RFC 7578, RFC 2046,
 /// RFC 8187).
-PlainForm ParsePlainForm(const std::string& method,
-                         const std::string& content_type,
-                         const std::string& query, const std::string& body,
-                         std::int64_t declared_length,
-                         const PlainLimits& limits);
-
-inline PlainForm ParsePlainForm(const FormRequest& request) {
-  return ParsePlainForm(request.method, request.content_type, request.query,
-                        request.body, request.declared_length, request.limits);
-}
+PlainForm ParsePlainForm(const FormRequest& request);
 
 }  // namespace plain
 

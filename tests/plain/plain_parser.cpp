@@ -34,7 +34,10 @@ class StandardInput {
       const std::size_t given = input_.reads[next_read_++];
       // The wait brought nothing, so neither hang-up nor length come into play.
       if (given == 0) {
-        LogNothing();
+        if (input_.nothing == Nothing::kSignal) {
+          outcome_.log.emplace_back(
+              9, "zancgi_unix.cpp:# poll interrupted, trying again");
+        }
         return 0;
       }
       most = std::min(given, left);
@@ -50,24 +53,12 @@ class StandardInput {
     }
     if (left == 0 && ++reads_at_end_ == kMaxReadsAtEnd) throw GoesOnForEver();
     const std::size_t count = std::min(most, static_cast<std::size_t>(length));
-    Copy(buffer, count);
+    input_.bytes.copy(buffer, count, outcome_.bytes_read);
+    outcome_.bytes_read += count;
     return static_cast<std::int64_t>(count);
   }
 
  private:
-  void LogNothing() {
-    if (input_.nothing == Nothing::kSignal) {
-      outcome_.log.emplace_back(
-          9, "zancgi_unix.cpp:# poll interrupted, trying again");
-    }
-  }
-
-  void Copy(char* buffer, std::size_t count) {
-    for (std::size_t i = 0; i < count; ++i) {
-      buffer[i] = input_.bytes[outcome_.bytes_read++];
-    }
-  }
-
   const Input& input_;
   Outcome& outcome_;
   std::size_t next_read_ = 0;
@@ -89,8 +80,6 @@ constexpr std::string_view kContentDisposition = "Content-Disposition: ";
 constexpr unsigned kMaxPassesBeyondChunk = 10;
 
 enum class State { kSeekBoundary, kPartHeaders, kFieldValue, kFileData };
-
-enum class AfterHeaders { kNone, kFieldValue, kFileData };
 
 /// What "%d" shows of a number.
 std::string Signed32(std::int64_t number) {
@@ -135,7 +124,8 @@ class Parser {
     chunk_.assign(static_cast<std::size_t>(chunk_size_) + separator_.size() + 1,
                   '\0');
     try {
-      Prepare();
+      ChooseTmpDir();
+      CheckRoom();
     } catch (const std::runtime_error&) {
       Drain();
       throw;
@@ -154,11 +144,6 @@ class Parser {
     LogWithPlace(std::string("POST boundary detected: ") +
                  (boundary_announced_ ? "true" : "false"));
     separator_ = "\r\n" + boundary_;
-  }
-
-  void Prepare() {
-    ChooseTmpDir();
-    CheckRoom();
   }
 
   void ChooseTmpDir() {
@@ -311,17 +296,7 @@ class Parser {
 
   void PartHeader() {
     if (line_.empty()) {
-      switch (after_headers_) {
-        case AfterHeaders::kNone:
-          state_ = State::kSeekBoundary;
-          break;
-        case AfterHeaders::kFieldValue:
-          state_ = State::kFieldValue;
-          break;
-        case AfterHeaders::kFileData:
-          state_ = State::kFileData;
-          break;
-      }
+      state_ = after_headers_;
       return;
     }
     if (line_.starts_with(kContentDisposition)) {
@@ -340,9 +315,9 @@ class Parser {
       state_ = State::kSeekBoundary;
       return;
     }
-    after_headers_ = AfterHeaders::kNone;
+    after_headers_ = State::kSeekBoundary;
     TakeAttributes(rest);
-    if (after_headers_ == AfterHeaders::kFileData) AnnounceFile();
+    if (after_headers_ == State::kFileData) AnnounceFile();
   }
 
   void TakeAttributes(std::string_view rest) {
@@ -353,7 +328,7 @@ class Parser {
         TakeElementName(attribute);
       } else if (attribute.starts_with("filename")) {
         client_file_name_ = QuotedValue(attribute);
-        after_headers_ = AfterHeaders::kFileData;
+        after_headers_ = State::kFileData;
       }
     }
   }
@@ -363,9 +338,9 @@ class Parser {
     if (element_name_.empty()) {
       LogWithPlace("Element with empty name found. Ignoring.");
     } else if (element_name_ == "filename") {
-      after_headers_ = AfterHeaders::kFileData;
+      after_headers_ = State::kFileData;
     } else {
-      after_headers_ = AfterHeaders::kFieldValue;
+      after_headers_ = State::kFieldValue;
     }
   }
 
@@ -374,7 +349,7 @@ class Parser {
     if (client_file_name_.empty() || element_name_.empty()) {
       LogWithPlace(
           "Filename not found in Content-Disposition. Ignoring this part");
-      after_headers_ = AfterHeaders::kNone;
+      after_headers_ = State::kSeekBoundary;
     } else {
       outcome_.params[element_name_] = client_file_name_;
     }
@@ -462,9 +437,8 @@ class Parser {
     File& file = outcome_.files[client_file_name_];
     const auto size = file.content.size() + static_cast<std::uint64_t>(count);
     if (file_open_ && size <= request_.file_limit) {
-      for (std::int64_t i = from; i < from + count; ++i) {
-        file.content += bytes[static_cast<std::size_t>(i)];
-      }
+      file.content.append(bytes, static_cast<std::size_t>(from),
+                          static_cast<std::size_t>(count));
       return;
     }
     file_open_ = false;
@@ -553,7 +527,8 @@ class Parser {
   unsigned passes_beyond_chunk_ = 0;
 
   State state_ = State::kSeekBoundary;
-  AfterHeaders after_headers_ = AfterHeaders::kNone;
+  /// The first when what follows the headers is to be skipped.
+  State after_headers_ = State::kSeekBoundary;
   std::string line_;
   std::string element_name_;
   std::string client_file_name_;

@@ -1,26 +1,22 @@
 #include "plain/plain_words.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <limits>
 
 namespace plain {
 namespace {
 
-bool IsWhiteSpace(char byte) {
-  return byte == ' ' || byte == '\t' || byte == '\r' || byte == '\n';
-}
-
 bool IsDigit(char byte) { return byte >= '0' && byte <= '9'; }
 
-/// The value of a hexadecimal digit, or -1.
+}  // namespace
+
 int HexValue(char byte) {
   if (IsDigit(byte)) return byte - '0';
   if (byte >= 'a' && byte <= 'f') return byte - 'a' + 10;
   if (byte >= 'A' && byte <= 'F') return byte - 'A' + 10;
   return -1;
 }
-
-}  // namespace
 
 std::string_view TakeWord(std::string_view& source,
                           std::string_view delimiter) {
@@ -32,9 +28,10 @@ std::string_view TakeWord(std::string_view& source,
 }
 
 std::string_view Trim(std::string_view text) {
-  while (!text.empty() && IsWhiteSpace(text.front())) text.remove_prefix(1);
-  while (!text.empty() && IsWhiteSpace(text.back())) text.remove_suffix(1);
-  return text;
+  constexpr std::string_view kWhiteSpace = " \t\r\n";
+  text.remove_prefix(
+      std::min(text.find_first_not_of(kWhiteSpace), text.size()));
+  return text.substr(0, text.find_last_not_of(kWhiteSpace) + 1);
 }
 
 std::int64_t Int64(std::string_view text) {

@@ -22,6 +22,9 @@ std::string_view Trim(std::string_view text);
 /// else, and the nearest value when it is out of range.
 std::int64_t Int64(std::string_view text);
 
+/// The value of a hexadecimal digit, or -1.
+int HexValue(char digit);
+
 /// "%XX" becomes the byte and "+" a blank. A '%' that two hexadecimal digits do
 /// not follow stands for itself.
 std::string UrlDecode(std::string_view text);

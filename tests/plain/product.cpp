@@ -3,28 +3,27 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/vfs.h>
 #include <sys/wait.h>
 #include <tov/log.h>
-#include <tov/proc.h>
 #include <unistd.h>
 #include <zancgi/testing/scratch.h>
 #include <zancgi/zancgi.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <concepts>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <typeinfo>
 
+#include "support/system_calls.h"
 #include "support/variable.h"
 
 namespace plain {
@@ -45,10 +44,6 @@ struct Script {
 
 Script script;
 
-bool IsScripted(int descriptor) {
-  return script.request != nullptr && descriptor == STDIN_FILENO;
-}
-
 std::size_t BytesLeft() {
   return script.request->input.bytes.size() - script.outcome->bytes_read;
 }
@@ -58,26 +53,22 @@ bool NextReadIsEmpty() {
   return script.next_read < reads.size() && reads[script.next_read] == 0;
 }
 
-bool TakeSignal() {
-  const bool is_interrupted =
-      NextReadIsEmpty() && script.request->input.nothing == Nothing::kSignal;
-  if (is_interrupted) ++script.next_read;
-  return is_interrupted;
-}
-
-short PendingEvents() {
+int PollScripted(pollfd* entries, nfds_t /*count*/, int /*milliseconds*/) {
+  if (NextReadIsEmpty() && script.request->input.nothing == Nothing::kSignal) {
+    ++script.next_read;
+    errno = EINTR;
+    return -1;
+  }
   const bool hung_up =
       BytesLeft() == 0 && !NextReadIsEmpty() && script.request->input.hangs_up;
-  return hung_up ? POLLHUP : POLLIN;
+  entries->revents = hung_up ? POLLHUP : POLLIN;
+  return 1;
 }
 
-std::size_t TakeReadSize() {
+ssize_t ReadScripted(void* buffer, std::size_t size) {
   const auto& reads = script.request->input.reads;
-  return script.next_read < reads.size() ? reads[script.next_read++] : SIZE_MAX;
-}
-
-ssize_t ReadScripted(char* buffer, std::size_t size) {
-  const std::size_t most = TakeReadSize();
+  const std::size_t most =
+      script.next_read < reads.size() ? reads[script.next_read++] : SIZE_MAX;
   if (most == 0) {
     if (script.request->input.nothing == Nothing::kRead) return 0;
     errno = EAGAIN;
@@ -91,9 +82,8 @@ ssize_t ReadScripted(char* buffer, std::size_t size) {
   const std::size_t count = std::min({most, size, BytesLeft()});
   // A sanitizer sees a buffer that is smaller than it was said to be.
   if (size > 0) static_cast<volatile char*>(buffer)[size - 1];
-  std::memcpy(buffer,
-              script.request->input.bytes.data() + script.outcome->bytes_read,
-              count);
+  script.request->input.bytes.copy(static_cast<char*>(buffer), count,
+                                   script.outcome->bytes_read);
   script.outcome->bytes_read += count;
   return static_cast<ssize_t>(count);
 }
@@ -107,6 +97,21 @@ std::string Normalized(const std::string& text) {
   return text.starts_with(kNewFile) ? std::string(kNewFile) + "FILE" : text;
 }
 
+int StatfsScripted(const char* /*path*/, struct statfs64* found) {
+  if (script.request->free_space_fails) {
+    errno = EIO;
+    return -1;
+  }
+  *found = {};
+  found->f_bsize = 1;
+  found->f_bfree = script.request->free_space;
+  return 0;
+}
+
+void NoteSleep(unsigned milliseconds) {
+  if (milliseconds == 100) ++script.outcome->sleeps;
+}
+
 void LimitFileSize(std::uint64_t limit) {
   const rlimit limits{limit, RLIM_INFINITY};
   ::setrlimit(RLIMIT_FSIZE, &limits);
@@ -116,6 +121,10 @@ void Parse(zan_cgi::Cgi::Data& record, const Request& request,
            Outcome& outcome) {
   if (request.file_limit != UINT64_MAX) LimitFileSize(request.file_limit);
   script = {&request, 0, &outcome};
+  support::Replace({.poll = PollScripted,
+                    .read = ReadScripted,
+                    .statfs = StatfsScripted,
+                    .sleep = NoteSleep});
   try {
     record.ParseInput();
   } catch (const std::runtime_error& error) {
@@ -126,6 +135,7 @@ void Parse(zan_cgi::Cgi::Data& record, const Request& request,
     outcome.spins = true;
   }
   script = {};
+  support::Replace({});
   if (request.file_limit != UINT64_MAX) LimitFileSize(RLIM_INFINITY);
 }
 
@@ -170,20 +180,14 @@ namespace {
 std::string Quoted(const std::string& text) {
   std::string quoted = "\"";
   for (const char c : text) {
-    char escaped[8];
-    if (c == '\r') {
-      quoted += "\\r";
-    } else if (c == '\n') {
-      quoted += "\\n";
-    } else if (c == '"' || c == '\\') {
-      quoted += std::string("\\") + c;
-    } else if (c >= ' ' && c <= '~') {
+    if (c >= ' ' && c <= '~' && c != '"' && c != '\\') {
       quoted += c;
-    } else {
-      std::snprintf(escaped, sizeof(escaped), "\\%03o",
-                    static_cast<unsigned>(static_cast<unsigned char>(c)));
-      quoted += escaped;
+      continue;
     }
+    char escaped[8];
+    std::snprintf(escaped, sizeof(escaped), "\\%03o",
+                  static_cast<unsigned>(static_cast<unsigned char>(c)));
+    quoted += escaped;
   }
   return quoted + "\"";
 }
@@ -212,21 +216,10 @@ std::string Text(const std::vector<std::pair<int, std::string>>& log) {
   return text;
 }
 
-std::string Text(Nothing nothing) {
-  switch (nothing) {
-    case Nothing::kRead:
-      return "an empty read";
-    case Nothing::kWouldBlock:
-      return "EAGAIN";
-    case Nothing::kSignal:
-      return "a signal";
-  }
-  return "";
+template <std::integral Number>
+std::string Text(Number number) {
+  return std::to_string(number);
 }
-
-std::string Text(bool value) { return value ? "true" : "false"; }
-std::string Text(std::size_t value) { return std::to_string(value); }
-std::string Text(unsigned value) { return std::to_string(value); }
 
 template <class Value>
 void Compare(std::string& account, const char* what, const Value& plain,
@@ -262,7 +255,7 @@ std::string Describe(const Request& request) {
        << (request.files_open ? "" : ", files do not open") << ", file_limit "
        << request.file_limit
        << (request.input.hangs_up ? ", hangs up" : ", end of file")
-       << ", nothing because of " << Text(request.input.nothing)
+       << ", nothing because of " << static_cast<int>(request.input.nothing)
        << "\n  reads {";
   for (const std::size_t size : request.input.reads) text << size << ", ";
   text << "}\n  bytes " << Quoted(request.input.bytes);
@@ -270,53 +263,6 @@ std::string Describe(const Request& request) {
 }
 
 }  // namespace plain
-
-// Under names of their own, since their headers declare that poll only writes
-// to fds, and that read does not look into buf.
-extern "C" int ScriptedPoll(pollfd* fds, nfds_t nfds,
-                            int timeout) __asm__("poll");
-
-extern "C" int ScriptedPoll(pollfd* fds, nfds_t nfds, int timeout) {
-  if (nfds == 1 && plain::IsScripted(fds->fd)) {
-    if (plain::TakeSignal()) {
-      errno = EINTR;
-      return -1;
-    }
-    fds->revents = plain::PendingEvents();
-    return 1;
-  }
-  return static_cast<int>(::syscall(SYS_poll, fds, nfds, timeout));
-}
-
-extern "C" ssize_t ScriptedRead(int fd, void* buf,
-                                std::size_t nbytes) __asm__("read");
-
-extern "C" ssize_t ScriptedRead(int fd, void* buf, std::size_t nbytes) {
-  if (plain::IsScripted(fd)) {
-    return plain::ReadScripted(static_cast<char*>(buf), nbytes);
-  }
-  return ::syscall(SYS_read, fd, buf, nbytes);
-}
-
-extern "C" int statfs64(const char* file, struct statfs64* buf) {
-  if (plain::script.request == nullptr) {
-    return static_cast<int>(::syscall(SYS_statfs, file, buf));
-  }
-  if (plain::script.request->free_space_fails) {
-    errno = EIO;
-    return -1;
-  }
-  *buf = {};
-  buf->f_bsize = 1;
-  buf->f_bfree = plain::script.request->free_space;
-  return 0;
-}
-
-void tov_proc::Sleep(unsigned milliseconds) {
-  if (plain::script.outcome != nullptr && milliseconds == 100) {
-    ++plain::script.outcome->sleeps;
-  }
-}
 
 bool tov_log::Module::Check(Level) { return plain::script.outcome != nullptr; }
 
