@@ -1,24 +1,21 @@
 """The panel as its user's system account: who it becomes, what it shows and
 keeps then, and when it refuses."""
 
-import contextlib
 import html
 import json
 import os
 import pathlib
 import re
-import shutil
 import signal
 import stat
 import tempfile
 import unittest
 import urllib.parse
 
-from accounts import GID, IS_ROOT, NAMES_AND_IDS, NAMES_ONLY, UID
+from accounts import GID, IS_ROOT, UID, WRAPPERS
 from panel_server import FORM, URLENCODED, PanelTest, field, file, form
 from verdict import main
 
-WRAPPERS = NAMES_ONLY if IS_ROOT else NAMES_AND_IDS
 NOT_BECOME = "You may not do this, or your session has ended."
 NOT_CONFINED = "The panel cannot be confined to your home folder"
 needs_root = unittest.skipUnless(IS_ROOT, "needs root")
@@ -28,7 +25,7 @@ class AccountTest(PanelTest):
     made = 0
 
     def setUp(self):
-        self.session = self.panel.new_session(self.panel.user)
+        self.session = self.panel.new_session()
         self.addCleanup(self.empty_home)
         self.account, self.home = self.panel.account, self.panel.home
         self.front = self.panel.front
@@ -45,31 +42,37 @@ class AccountTest(PanelTest):
         self.home = pathlib.Path(home)
         self.panel.accounts.add(self.account, home, **ids)
 
+    def make_home(self, mode):
+        """Of another account; the visitor has it from here on."""
+        self.use_account(f"homed{self.made}")
+        self.home = self.panel.accounts.make_home(self.account)
+        self.home.chmod(mode)
+
     def page(self, **items):
         return self.panel.with_session(self.session, **items)
 
     def upload(self, *files, **items):
-        parts = field("token", self.panel.token(self.session)), *files
-        headers = {**FORM, "Cookie": f"panelses5={self.session}"}
-        return self.panel.request("POST", headers, form(*parts), page="upload", **items)
+        body = form(field("token", self.panel.token(self.session)), *files)
+        return self.panel.request("POST", FORM, body, session=self.session, page="upload", **items)
 
-    def change(self, action, *names, to="", path="", **headers):
+    def change(self, action, *names, to="", path="", token=None, **headers):
         """The form of a folder's page, filled in."""
-        items = [("token", self.panel.token(self.session)), ("action", action), ("to", to)]
+        token = self.panel.token(self.session) if token is None else token
+        items = [("token", token), ("action", action), ("to", to)]
         body = urllib.parse.urlencode([*items, *(("name", name) for name in names)])
-        headers = {**URLENCODED, "Cookie": f"panelses5={self.session}", **headers}
-        return self.panel.request("POST", headers, body, page="change", path=path)
+        headers = {**URLENCODED, **headers}
+        query = {"page": "change", "path": path}
+        return self.panel.request("POST", headers, body, session=self.session, **query)
 
     def give(self, *paths):
         """To the account."""
         for path in paths:
             os.chown(path, UID, GID, follow_symlinks=False)
 
-    def run_front(self, *prefix, body=b"", identity=(), status=0, **variables):
+    def run_front(self, body=b"", status=0, **variables):
         """What a front end answers; what it logs is kept."""
-        with self.panel.start_front(
-            self.session, *prefix, body=body, front=self.front, options=identity, **variables
-        ) as front:
+        start = self.panel.start_front(self.session, body=body, front=self.front, **variables)
+        with start as front:
             answer, errors = front.communicate(timeout=60)
         self.assertEqual(front.returncode, status, errors)
         self.errors = errors.decode()
@@ -100,12 +103,11 @@ class Home(AccountTest):
         self.assertNotIn("<script>", self.page(page="home").body)
 
     def test_of_very_many_files_shows_a_part(self):
-        self.use_account("many")
-        home = self.panel.accounts.make_home("many")
+        self.make_home(0o700)
         for number in range(1001):
-            (home / str(number)).touch()
-        self.assertEqual(len(self.names()), 1000)
-        names = sorted(self.names())
+            (self.home / str(number)).touch()
+        names = self.names()
+        self.assertEqual(len(names), 1000)
         self.assertEqual(self.change("delete", *names).status, 303)
         self.assertEqual(len(self.names()), 1)
 
@@ -116,20 +118,17 @@ class Home(AccountTest):
     def test_is_json_for_the_script(self):
         (self.home / 'a"\\\n.txt').write_bytes(b"123")
         (self.home / "folder").mkdir()
-        headers = {"Cookie": f"panelses5={self.session}", "Accept": "application/json"}
-        answer = self.panel.request(headers=headers, page="home")
+        accept = {"Accept": "application/json"}
+        answer = self.panel.request(headers=accept, session=self.session, page="home")
         self.assertEqual(answer.headers["Content-Type"], "application/json")
         entries = {entry["name"]: entry for entry in json.loads(answer.body)["entries"]}
         self.assertEqual(set(entries), {'a"\\\n.txt', "folder"})
-        self.assertEqual(
-            entries['a"\\\n.txt'], {"name": 'a"\\\n.txt', "kind": "file", "size": 3}
-        )
+        self.assertEqual(entries['a"\\\n.txt'], {"name": 'a"\\\n.txt', "kind": "file", "size": 3})
         self.assertEqual(entries["folder"]["kind"], "folder")
 
     @needs_root
     def test_is_read_with_the_rights_of_the_account(self):
-        self.use_account("unreadable")
-        self.panel.accounts.make_home("unreadable").chmod(0o300)
+        self.make_home(0o300)
         self.assertEqual(self.page(page="home").status, 403)
 
     def test_that_is_not_there(self):
@@ -220,9 +219,8 @@ class Folder(AccountTest):
         self.assertEqual(self.names(), {"a b"})
 
     def test_changes_need_the_token(self):
-        headers = {**URLENCODED, "Cookie": f"panelses5={self.session}"}
-        body = "action=folder&to=new&token="
-        self.assert_refused(self.panel.request("POST", headers, body, page="change"))
+        for token in ("", "wrong"):
+            self.assert_refused(self.change("folder", to="new", token=token))
         self.assertEqual(self.names(), {"a b"})
 
 
@@ -234,8 +232,7 @@ class Download(AccountTest):
             self.give(self.home / name)
 
     def get(self, path, method="GET", **headers):
-        headers = {"Cookie": f"panelses5={self.session}", **headers}
-        return self.panel.request(method, headers, page="file", path=path)
+        return self.panel.request(method, headers, session=self.session, page="file", path=path)
 
     def test_is_shown_where_browsers_run_nothing_in_it(self):
         for path, kind, disposition in (
@@ -295,65 +292,19 @@ class Refused(AccountTest):
 
 
 class NotBecome(AccountTest):
-    """What has not become the account shows nothing."""
-
-    def assert_not_become(self, answer):
+    def test_shows_nothing(self):
+        wrappers = f"{os.environ['SWITCH_FAULTS']} {WRAPPERS}"
+        self.front = self.panel.accounts.front(os.environ["FRONT"], wrappers)
+        (self.home / "report.txt").touch()
+        self.assertIn("report.txt", self.run_front())
+        answer = self.run_front(FAILING_CALLS=" setuid ")
         self.assertIn("Status: 403 ", answer)
         self.assertIn(NOT_BECOME, answer)
         self.assertNotIn("report.txt", answer)
         self.assertNotEqual(self.errors, "")
-
-    def setUp(self):
-        super().setUp()
-        (self.home / "report.txt").touch()
-
-    def use_faults(self):
-        wrappers = f"{os.environ['SWITCH_FAULTS']} {WRAPPERS}"
-        self.front = self.panel.accounts.front(os.environ["FRONT"], wrappers)
-
-    def test_page_shows_when_it_has(self):
-        """What the other tests rest on."""
-        self.assertIn("report.txt", self.run_front())
-
-    def test_when_a_call_of_the_switch_fails(self):
-        self.use_faults()
-        self.assertIn("report.txt", self.run_front())
-        self.assert_not_become(self.run_front(FAILING_CALLS=" setuid "))
-
-    @needs_root
-    def test_when_rights_of_root_stay_for_good(self):
-        """The process is ended then."""
-        self.use_faults()
-        answer = self.run_front(status=-signal.SIGABRT, FAILING_CALLS=" setgid ")
-        self.assertEqual(answer, "")
-
-    @needs_root
-    def test_when_the_process_could_become_root_again(self):
-        self.assert_not_become(self.run_front("setpriv", "--securebits=+no_setuid_fixup"))
-
-    def test_without_rights(self):
-        """An ordinary user cannot become somebody else."""
-        self.add_account(self.home, uid=UID + 1)
-        self.front = self.panel.accounts.front(os.environ["FRONT"], NAMES_ONLY)
-        ordinary = {"user": UID, "group": GID, "extra_groups": []} if IS_ROOT else ()
-        os.chmod(self.panel.socket, 0o777)
-        os.chmod(self.panel.socket.parent, 0o711)
-        self.home.chmod(0o777)
-        self.addCleanup(self.home.chmod, 0o700)
-        with self.front_for_all():
-            self.assert_not_become(self.run_front(identity=ordinary))
-
-    @contextlib.contextmanager
-    def front_for_all(self):
-        """Where an ordinary user finds program and libraries."""
-        with tempfile.TemporaryDirectory(prefix="front-") as name:
-            folder = pathlib.Path(name)
-            folder.chmod(0o755)
-            for path in (os.environ["FRONT"], *os.environ["LIBRARIES"].split(":")):
-                pathlib.Path(shutil.copyfile(path, folder / os.path.basename(path))).chmod(0o755)
-            more = {"LD_LIBRARY_PATH": folder}
-            self.front = self.panel.accounts.front(folder / "front", NAMES_ONLY, **more)
-            yield
+        if IS_ROOT:  # Rights of root that would stay end the process.
+            answer = self.run_front(status=-signal.SIGABRT, FAILING_CALLS=" setgid ")
+            self.assertEqual(answer, "")
 
 
 class Kept(AccountTest):
@@ -388,19 +339,11 @@ class Kept(AccountTest):
         self.assertEqual((self.home / "new").read_bytes(), b"new")
 
     def test_names_of_clients_stay_in_the_home(self):
-        names = {
-            "../../etc/passwd": "passwd",
-            "/etc/shadow": "shadow",
-            "C:\\Users\\me\\letter.doc": "letter.doc",
-            ".profile": "_profile",
-            "..": "_.",
-            "/tmp/.": "_",
-            "\x1b[31mred\x7f": "_[31mred_",
-            "tab\there": "tab_here",
-            "-rf": "-rf",
-            "Жук 世.txt": "Жук 世.txt",
-            "<b>bold<|b>.txt": "<b>bold<|b>.txt",
-            "x" * 255: "x" * 255,
+        unchanged = ("-rf", "Жук 世.txt", "<b>bold<|b>.txt", "x" * 255)
+        names = dict(zip(unchanged, unchanged)) | {
+            "../../etc/passwd": "passwd", "C:\\Users\\me\\letter.doc": "letter.doc",
+            ".profile": "_profile", "..": "_.", "/tmp/.": "_",
+            "\x1b[31mred\x7f": "_[31mred_", "tab\there": "tab_here",
         }
         beside = set(self.home.parent.iterdir())
         answer = self.upload(*(file(name, name.encode()) for name in names))
@@ -425,9 +368,7 @@ class Kept(AccountTest):
 
     @needs_root
     def test_nothing_where_the_account_may_not_write(self):
-        self.use_account("read-only")
-        self.home = self.panel.accounts.make_home("read-only")
-        self.home.chmod(0o500)
+        self.make_home(0o500)
         answer = self.upload(file("a", b"1"))
         self.assertEqual(answer.status, 507)
         self.assertEqual(list(self.home.iterdir()), [])
@@ -438,15 +379,15 @@ class ConfinementTest(AccountTest):
         super().setUp()
         self.addCleanup(self.assert_nothing_left)
 
-    def confined(self, folder="/", body=b""):
+    def confined(self, folder="/", *files):
+        body = form(field("token", self.panel.token(self.session)), *files) if files else b""
         return self.run_front(PANEL_CONFINE=folder, body=body)
 
-    def upload_body(self, *files):
-        return form(field("token", self.panel.token(self.session)), *files)
-
-    def assert_not_confined(self):
-        for body in (b"", self.upload_body(file("a", b"1"))):
-            answer = self.confined(body=body)
+    def assert_not_confined(self, home=None):
+        if home is not None:
+            self.add_account(home)
+        for files in ((), (file("a", b"1"),)):
+            answer = self.confined("/", *files)
             self.assertIn("Status: 500 ", answer)
             self.assertIn(NOT_CONFINED, answer)
 
@@ -455,22 +396,15 @@ class Confinement(ConfinementTest):
     """What comes before it is the same for everyone; to confine itself, the
     front end needs root."""
 
-    def test_is_refused_for_a_home_of_the_account(self):
+    def test_is_refused_for_a_home_that_is_not_root_s_from_the_root_on(self):
         self.assert_not_confined()
-
-    def test_is_refused_for_a_home_that_is_no_folder_from_the_root_on(self):
-        # The first is there: the front end runs in the folder above its program's.
+        below_tmp = self.enterContext(tempfile.TemporaryDirectory(dir="/tmp", prefix="jail-"))
+        os.chmod(below_tmp, 0o755)
+        # This is there: the front end runs in the folder above its program's.
         relative = pathlib.Path(os.environ["FRONT"]).parent.name
-        for home in (relative, "/etc/passwd", "/nonexistent"):
+        for home in (below_tmp, relative, "/etc/passwd", "/nonexistent"):
             with self.subTest(home):
-                self.add_account(home)
-                self.assert_not_confined()
-
-    def test_is_refused_below_a_folder_that_all_may_write(self):
-        home = self.enterContext(tempfile.TemporaryDirectory(dir="/tmp", prefix="jail-"))
-        os.chmod(home, 0o755)
-        self.add_account(home)
-        self.assert_not_confined()
+                self.assert_not_confined(home)
 
     def test_is_tried_for_a_home_of_root(self):
         """So the folders on the way to it have been found in order."""
@@ -502,53 +436,32 @@ class Jail(ConfinementTest):
         self.assertIn(f"</b>, user {UID}.", answer)
         (self.home / "files" / "report.txt").write_bytes(b"123")
         for folder in ("/files", "files", "/../../../files"):
-            answer = self.confined(folder)
-            self.assertIn(">report.txt</a></td><td>3</td></tr>", answer)
+            self.assertIn(">report.txt</a></td><td>3</td></tr>", self.confined(folder))
 
-    def test_is_left_when_the_groups_are_not_the_accounts(self):
-        wrappers = f"{os.environ['SWITCH_FAULTS']} {WRAPPERS}"
-        self.front = self.panel.accounts.front(os.environ["FRONT"], wrappers)
-        (self.home / "etc").mkdir()
-        (self.home / "etc" / "group").write_text(f"disk:x:6:{self.account}\n")
-        self.assertIn("Seen by", self.confined())
-        answer = self.run_front(PANEL_CONFINE="/", FAILING_CALLS=" setgroups ")
-        self.assertIn("Status: 403 ", answer)
-        self.assertIn(NOT_BECOME, answer)
-
-    def test_keeps_uploads_in_the_folder_of_the_account(self):
-        answer = self.confined("/files", self.upload_body(file("a.txt", b"content")))
-        self.assertIn("Status: 303 ", answer)
+    def test_keeps_uploads_in_the_folder_of_the_account_alone(self):
+        self.assertIn("Status: 507 ", self.confined("/", file("a.txt", b"content")))
+        self.assertIn("Status: 303 ", self.confined("/files", file("a.txt", b"content")))
         kept = self.home / "files" / "a.txt"
         self.assertEqual(kept.read_bytes(), b"content")
         self.assertEqual((kept.stat().st_uid, kept.stat().st_gid), (UID, GID))
         self.assertEqual(list(self.home.iterdir()), [kept.parent])
 
-    def test_keeps_nothing_in_the_folder_of_root(self):
-        answer = self.confined("/", self.upload_body(file("a.txt", b"content")))
-        self.assertIn("Status: 507 ", answer)
-        self.assertEqual(list(self.home.iterdir()), [self.home / "files"])
-
-    def test_is_refused_when_others_may_write(self):
+    def test_is_refused_when_others_may_write_or_own_a_folder(self):
         for folder in (self.jail, self.home):
-            for mode in (0o775, 0o757, 0o1777):
-                folder.chmod(mode)
-                self.assert_not_confined()
-            folder.chmod(0o755)
-        self.assertIn("files", self.confined())
-
-    def test_is_refused_when_somebody_else_owns_a_folder(self):
-        for folder in (self.jail, self.home):
-            os.chown(folder, UID, 0)
-            self.assert_not_confined()
+            for owner, mode in ((0, 0o775), (0, 0o757), (0, 0o1777), (UID, 0o755)):
+                with self.subTest(folder.name, owner=owner, mode=mode):
+                    os.chown(folder, owner, 0)
+                    folder.chmod(mode)
+                    self.assert_not_confined()
             os.chown(folder, 0, 0)
+            folder.chmod(0o755)
         os.chown(self.home, 0, GID)
         self.assertIn("files", self.confined())
 
     def test_is_refused_by_way_of_a_link(self):
         (self.jail / "link").symlink_to(self.jail / "home")
         for home in ("link", "link/", "link/files", "link/../home"):
-            self.add_account(f"{self.jail}/{home}")
-            self.assert_not_confined()
+            self.assert_not_confined(f"{self.jail}/{home}")
 
 
 class Configuration(AccountTest):
@@ -567,24 +480,17 @@ class Session(AccountTest):
         self.opened = folder / "opened"
         services = folder / "services"
         services.mkdir()
-        (services / "login").write_text(
-            f"session required pam_exec.so seteuid /usr/bin/touch {self.opened}\n"
-        )
+        module = f"session required pam_exec.so seteuid /usr/bin/touch {self.opened}\n"
+        (services / "login").write_text(module)
         self.front = self.panel.accounts.front(
-            os.environ["FRONT"],
-            "libpam_wrapper.so " + WRAPPERS,
-            PAM_WRAPPER=1,
-            PAM_WRAPPER_SERVICE_DIR=services,
+            os.environ["FRONT"], "libpam_wrapper.so " + WRAPPERS,
+            PAM_WRAPPER=1, PAM_WRAPPER_SERVICE_DIR=services,
         )
 
     def test_is_opened_when_asked_for(self):
-        self.assertIn("Seen by", self.run_front(PANEL_PAM="1"))
-        self.assertTrue(self.opened.exists(), self.errors)
-
-    def test_is_not_opened_otherwise(self):
-        for setting in ({}, {"PANEL_PAM": ""}):
+        for setting, opened in (({}, False), ({"PANEL_PAM": ""}, False), ({"PANEL_PAM": "1"}, True)):
             self.assertIn("Seen by", self.run_front(**setting))
-        self.assertFalse(self.opened.exists())
+            self.assertEqual(self.opened.exists(), opened, self.errors)
 
 
 if __name__ == "__main__":

@@ -14,7 +14,7 @@ IS_ROOT = os.geteuid() == 0
 UID, GID = (54321, 54322) if IS_ROOT else (os.getuid(), os.getgid())
 FURTHER_GROUP = 54323
 NAMES_ONLY = "libnss_wrapper.so"
-NAMES_AND_IDS = "libnss_wrapper.so libuid_wrapper.so"
+WRAPPERS = NAMES_ONLY if IS_ROOT else "libnss_wrapper.so libuid_wrapper.so"
 
 
 class Accounts:
@@ -23,8 +23,7 @@ class Accounts:
         self.folder.mkdir()
         # Read by processes that are no longer the one that made them.
         self.folder.chmod(0o755)
-        self.users = self.folder / "passwd"
-        self.groups = self.folder / "group"
+        self.users, self.groups = self.folder / "passwd", self.folder / "group"
         self.users.touch()
         self.groups.touch()
 
@@ -37,24 +36,20 @@ class Accounts:
             with self.groups.open("a") as file:
                 file.write(f"further-{name}:x:{FURTHER_GROUP}:{name}\n")
 
-    def make_home(self, name):
+    def make_home(self, name, uid=UID, gid=GID):
         """A folder that belongs to the account of that name, and an account."""
         home = self.folder / name
         home.mkdir(mode=0o700)
-        os.chown(home, UID, GID)
-        self.add(name, home)
+        os.chown(home, uid, gid)
+        self.add(name, home, uid, gid)
         return home
 
-    def front(self, front, wrappers=NAMES_ONLY if IS_ROOT else NAMES_AND_IDS, **more):
+    def front(self, front, wrappers=WRAPPERS, **more):
         """A program that is the given one among these accounts. Nothing of it
         comes through the web server."""
         variables = {
-            "NSS_WRAPPER_PASSWD": self.users,
-            "NSS_WRAPPER_GROUP": self.groups,
-            "UID_WRAPPER": 1,
-            "UID_WRAPPER_ROOT": 1,
-            "LD_PRELOAD": wrappers,
-            **more,
+            "NSS_WRAPPER_PASSWD": self.users, "NSS_WRAPPER_GROUP": self.groups,
+            "UID_WRAPPER": 1, "UID_WRAPPER_ROOT": 1, "LD_PRELOAD": wrappers, **more,
         }
         settings = " ".join(f"{name}={shlex.quote(str(value))}" for name, value in variables.items())
         program = self.folder / f"front-{len(list(self.folder.glob('front-*')))}"

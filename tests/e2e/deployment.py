@@ -3,7 +3,6 @@ servers that run on them."""
 
 import contextlib
 import functools
-import glob
 import grp
 import http.client
 import os
@@ -20,9 +19,10 @@ import tempfile
 import unittest
 import urllib.parse
 
-from accounts import IS_ROOT, NAMES_AND_IDS, NAMES_ONLY, Accounts
-from panel_server import FORM, PANEL, Answer, field, file, form
-from processes import end_session, free_address, has_ended, listens, start, wait_for
+from accounts import IS_ROOT, Accounts
+from client import begin_post, exchange
+from panel_server import FORM, PANEL, URLENCODED, add_user, field, file, form
+from processes import end_session, free_address, has_ended, listens, processes_with, start, wait_for
 from web_servers import LIBRARIES
 
 HERE = pathlib.Path(__file__).parent
@@ -31,14 +31,14 @@ PART = re.MULTILINE | re.DOTALL
 # What the test puts elsewhere: folders that are the panel's or a server's own,
 # and the port. What Debian's packages bring stays where it is.
 PLACES = re.compile(r"(?<![\w./])/(?:opt|run|var|etc/(?:panel|apache2))(?=/|\b)")
+UNITS = "/etc/systemd/system/"
+LIGHTTPD, APACHE = "/etc/lighttpd/lighttpd.conf", "/etc/apache2/apache2.conf"
+NGINX, BUSYBOX = "/etc/nginx/nginx.conf", UNITS + "panel-httpd.service"
 PORTS = {
-    "/etc/lighttpd/lighttpd.conf": (
-        "server.port = 80\n",
-        'server.bind = "{host}"\nserver.port = {port}\n',
-    ),
-    "/etc/apache2/apache2.conf": ("Listen 80\n", "Listen {host}:{port}\n"),
-    "/etc/nginx/nginx.conf": ("listen 80;", "listen {host}:{port};"),
-    "/etc/systemd/system/panel-httpd.service": (" -p 80 ", " -p {host}:{port} "),
+    LIGHTTPD: ("server.port = 80\n", 'server.bind = "{host}"\nserver.port = {port}\n'),
+    APACHE: ("Listen 80\n", "Listen {host}:{port}\n"),
+    NGINX: ("listen 80;", "listen {host}:{port};"),
+    BUSYBOX: (" -p 80 ", " -p {host}:{port} "),
 }
 LAUNCHER = "/opt/panel/cgi/panel"
 MODES = {LAUNCHER: 0o755}
@@ -151,10 +151,6 @@ class Machine:
         """Where a path of the document is on this machine."""
         return self.root / path.lstrip("/")
 
-    def address(self, path):
-        """Host and port of the server with this configuration."""
-        return self.addresses[path]
-
     def part(self, heading):
         """What the document puts in place of running the program directly."""
         found = re.search(rf"^```{heading}\n(.*?)^```$", TEXT, PART)
@@ -174,13 +170,7 @@ class Machine:
 
     def programs(self):
         """The processes of requests: front ends, launchers and probes."""
-        mine = os.fsencode(self.at("/var/spool/panel"))
-        found = []
-        for process in pathlib.Path("/proc").glob("[0-9]*"):
-            with contextlib.suppress(OSError):
-                if b"TMP=" + mine in (process / "environ").read_bytes().split(b"\0"):
-                    found.append(int(process.name))
-        return found
+        return processes_with(f"TMP={self.at('/var/spool/panel')}\0")
 
     def logs(self):
         paths = [*self.root.glob("*.log"), *self.root.glob("var/log/*/*")]
@@ -192,12 +182,8 @@ class Machine:
         self.processes.append(process)
         return process
 
-    def end(self, process):
-        end_session(process)
-        self.processes.remove(process)
-
     def unit(self, name):
-        path = "/etc/systemd/system/" + name
+        path = UNITS + name
         drop_in = self.files.get(path + ".d/root.conf", "") if self.front_ends_of_root else ""
         return Unit(self.files[path], drop_in)
 
@@ -232,7 +218,8 @@ class Machine:
         else:
             os.killpg(process.pid, number)
         wait_for(lambda: has_ended(process))
-        self.end(process)
+        end_session(process)
+        self.processes.remove(process)
         self.services[name] = self.start_service(name + ".service")
 
     def listen(self, name):
@@ -300,25 +287,21 @@ class Machine:
         return text
 
     def _make_folders(self):
-        for path in (
-            "/opt/panel/bin", "/opt/panel/cgi", "/opt/panel/www", "/opt/panel/busybox/cgi-bin",
-            "/etc/apache2", "/etc/nginx", "/run/apache2", "/var/log/apache2", "/var/lib/nginx",
-        ):
-            self.at(path).mkdir(parents=True)
-        for path in (
-            "/var/log/lighttpd", "/var/log/nginx", "/var/cache/lighttpd/uploads",
-            "/var/lib/nginx/body",
-        ):
-            self.at(path).mkdir(parents=True)
-            self._give(self.at(path), WEB, WEB)
-        self.at("/notes").mkdir()
-        self.at("/notes").chmod(0o777)
         owner = "root" if self.front_ends_of_root else WEB
-        for path in ("/var/spool/panel", "/var/log/panel"):
-            self.at(path).mkdir(mode=0o700, parents=True)
-            self._give(self.at(path), owner, owner)
-        self.at("/var/lib/panel").mkdir(mode=0o700)
-        self._give(self.at("/var/lib/panel"), "panel", "panel")
+        for mode, account, paths in (
+            (0o755, None, "/opt/panel/bin /opt/panel/cgi /opt/panel/www /opt/panel/busybox/cgi-bin"),
+            (0o755, None, "/etc/apache2 /etc/nginx /run/apache2 /var/log/apache2 /var/lib/nginx"),
+            (0o755, WEB, "/var/log/lighttpd /var/log/nginx"),
+            (0o755, WEB, "/var/cache/lighttpd/uploads /var/lib/nginx/body"),
+            (0o700, owner, "/var/spool/panel /var/log/panel"),
+            (0o700, "panel", "/var/lib/panel"),
+            (0o777, None, "/notes"),
+        ):
+            for folder in map(self.at, paths.split()):
+                folder.mkdir(parents=True)
+                folder.chmod(mode)
+                if account:
+                    self._give(folder, account, account)
 
     def _install_panel(self):
         libraries = self.at("/opt/panel/lib")
@@ -331,41 +314,21 @@ class Machine:
         slow = SLOW_BACK_END.replace("{notes}", str(self.at("/notes")))
         back_end.write_text((PANEL / "backend.py").read_text() + slow)
         self.accounts = Accounts(self.at("/home"))
-        wrappers = NAMES_ONLY if IS_ROOT else NAMES_AND_IDS
-        front = self.accounts.front(front, wrappers, LD_LIBRARY_PATH=libraries)
+        front = self.accounts.front(front, LD_LIBRARY_PATH=libraries)
         shutil.copy(HERE / "deployment_probe.py", self.root / "probe.py")
         program = self.at("/opt/panel/bin/panel")
+        probe = f"/usr/bin/python3 -IB {self.root}/probe.py {self.at('/notes')}"
         program.write_text(
-            f"""#!/bin/sh
-case $QUERY_STRING in
-  *probe=*) exec /usr/bin/python3 -IB {self.root}/probe.py {self.at('/notes')} ;;
-  *) exec {front} ;;
-esac
-"""
+            f"#!/bin/sh\ncase $QUERY_STRING in *probe=*) exec {probe} ;; *) exec {front} ;; esac\n"
         )
         program.chmod(0o755)
         self.at("/opt/panel/busybox/cgi-bin/panel").symlink_to("../../cgi/panel")
 
-    def make_home(self, name, uid, gid):
-        home = self.at("/home") / name
-        home.mkdir(mode=0o700)
-        if IS_ROOT:
-            os.chown(home, uid, gid)
-        self.accounts.add(name, home, uid, gid)
-        return home
-
     def add_user(self, name, password, account):
         """As the administrator of the back end does."""
-        subprocess.run(
-            [
-                *confinement(self.unit("panel-backend.service")),
-                *("/usr/bin/python3", "-B", self.at("/opt/panel/backend.py"), name, "7", account),
-            ],
-            input=password + "\n",
-            env={"PANEL_DB": str(self.at("/var/lib/panel/panel.db"))},
-            text=True,
-            check=True,
-        )
+        prefix = confinement(self.unit("panel-backend.service"))
+        database, program = self.at("/var/lib/panel/panel.db"), self.at("/opt/panel/backend.py")
+        add_user(database, name, 7, password, account, program, prefix)
 
     def _give(self, path, user, group):
         if IS_ROOT:
@@ -497,22 +460,18 @@ class Site:
         for name in self.services:
             machine.activate(name)
         self.start(machine.at(self.configuration))
-        self.host, self.port = machine.address(self.configuration)
+        self.address = machine.addresses[self.configuration]
         wait_for(self.accepts)
 
     def accepts(self):
         if ended := [process.args for process in self.machine.processes if has_ended(process)]:
             raise RuntimeError(f"does not start: {ended}\n{self.machine.logs()}")
-        return listens((self.host, self.port))
+        return listens(self.address)
 
     def request(self, method, query, headers=(), body=None):
-        connection = http.client.HTTPConnection(self.host, self.port, timeout=150)
-        try:
-            origin = {"Origin": f"http://{self.host}:{self.port}"}
-            connection.request(method, f"{self.path}?{query}", body, {**origin, **dict(headers)})
-            return Answer(connection.getresponse())
-        finally:
-            connection.close()
+        own = {"Origin": "http://{}:{}".format(*self.address)}
+        path = f"{self.path}?{query}"
+        return exchange(self.address, method, path, {**own, **dict(headers)}, body, timeout=150)
 
     def get(self, query, **headers):
         return self.request("GET", query, headers)
@@ -524,7 +483,7 @@ class Site:
         if room:
             client.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, room)
         client.settimeout(150)
-        client.connect((self.host, self.port))
+        client.connect(self.address)
         # Else a server that has sent too little may wait for another request.
         head = f"GET {self.path}?{query} HTTP/1.1\r\nHost: panel\r\nConnection: close\r\n\r\n"
         client.sendall(head.encode())
@@ -535,30 +494,25 @@ class Site:
 
     def begin_upload(self, query, headers, sent, length):
         """A connection on which so much of the body has come."""
-        client = socket.create_connection((self.host, self.port), timeout=60)
-        head = f"POST {self.path}?{query} HTTP/1.1\r\nHost: panel\r\nContent-Length: {length}\r\n"
-        head += "Origin: http://panel\r\n"
-        head += "".join(f"{name}: {value}\r\n" for name, value in headers.items())
-        client.sendall(head.encode() + b"\r\n" + sent)
-        return client
+        return begin_post(self.address, f"{self.path}?{query}", headers, sent, length)
 
 
 class LighttpdSite(Site):
-    configuration = "/etc/lighttpd/lighttpd.conf"
+    configuration = LIGHTTPD
 
     def start(self, path):
         self.machine.run(["lighttpd", "-D", "-f", path])
 
 
 class ApacheSite(Site):
-    configuration = "/etc/apache2/apache2.conf"
+    configuration = APACHE
 
     def start(self, path):
         self.machine.run(["apache2", "-f", path, "-D", "FOREGROUND"])
 
 
 class NginxSite(Site):
-    configuration = "/etc/nginx/nginx.conf"
+    configuration = NGINX
     services = ("panel-fcgi",)
 
     def start(self, path):
@@ -573,7 +527,7 @@ class NginxSite(Site):
 
 
 class BusyboxSite(Site):
-    configuration = "/etc/systemd/system/panel-httpd.service"
+    configuration = BUSYBOX
     path = "/cgi-bin/panel"
 
     def start(self, path):
@@ -614,19 +568,15 @@ class StreamingLighttpdSite(LighttpdSite):
     """Passes a body on while it comes."""
 
     def start(self, path):
-        self.machine.edit(
-            self.configuration, "server.stream-request-body = 0", "server.stream-request-body = 1"
-        )
+        setting = "server.stream-request-body = "
+        self.machine.edit(LIGHTTPD, setting + "0", setting + "1")
         super().start(path)
 
 
 class StreamingNginxSite(NginxSite):
     def start(self, path):
-        self.machine.edit(
-            self.configuration,
-            "fastcgi_pass unix:",
-            "fastcgi_request_buffering off; fastcgi_pass unix:",
-        )
+        passing = "fastcgi_pass unix:"
+        self.machine.edit(NGINX, passing, "fastcgi_request_buffering off; " + passing)
         super().start(path)
 
 
@@ -664,15 +614,15 @@ class Visitor:
         self.site = the_site
         self.name = "user-" + secrets.token_hex(4)
         self.account = "account-" + secrets.token_hex(4)
-        self.home = the_site.machine.make_home(self.account, uid, gid)
-        the_site.machine.add_user(self.name, "password", self.account)
-        form_type = {"Content-Type": "application/x-www-form-urlencoded"}
+        machine = the_site.machine
+        self.home = machine.accounts.make_home(self.account, uid, gid)
+        machine.add_user(self.name, "password", self.account)
         items = urllib.parse.urlencode({"user": self.name, "password": "password"})
-        answer = the_site.request("POST", "page=signin", form_type, items)
+        answer = the_site.request("POST", "page=signin", URLENCODED, items)
         if answer.status != 303:
-            raise RuntimeError(f"{answer.status}: {answer.body}\n{the_site.machine.logs()}")
-        self.cookie = answer.headers["Set-Cookie"].split(";")[0]
-        self.token = self.page("whoami").body.split('name="token" value="')[1].split('"')[0]
+            raise RuntimeError(f"{answer.status}: {answer.body}\n{machine.logs()}")
+        self.cookie = answer.cookie()
+        self.token = self.page("whoami").token()
 
     def page(self, name, **headers):
         return self.site.get("page=" + name, Cookie=self.cookie, **headers)
@@ -683,14 +633,3 @@ class Visitor:
     def upload(self, content):
         headers = {**FORM, "Cookie": self.cookie}
         return self.site.request("POST", "page=upload", headers, self.form(content))
-
-
-def open_files(folder):
-    """What processes have open below a folder, even if it has no name there any
-    more."""
-    found = []
-    for descriptors in map(pathlib.Path, glob.iglob("/proc/[0-9]*/fd")):
-        with contextlib.suppress(OSError):  # gone, or another user's
-            files = [os.readlink(link) for link in descriptors.iterdir()]
-            found += [file for file in files if file.startswith(f"{folder}/")]
-    return found

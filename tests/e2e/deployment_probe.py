@@ -1,16 +1,11 @@
 """Stands where the front end would, and does what the query says. Its argument is
 the folder for its notes."""
 
-import hashlib, json, os, signal, sys, time
+import json, os, signal, sys, time
 
 
 def env():
     return json.dumps(dict(os.environ))
-
-
-def body():
-    content = sys.stdin.buffer.read(int(os.environ["CONTENT_LENGTH"]))
-    return hashlib.sha256(content).hexdigest()
 
 
 def memory():

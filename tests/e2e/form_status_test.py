@@ -1,12 +1,11 @@
 """The answers of a front end that refuses a form arrive as they are under each
 web server, whatever the client has sent."""
 
-import contextlib
-import http.client
 import os
 import unittest
 
 import web_servers
+from client import exchange
 from panel_server import FORM, URLENCODED, field, file, form
 from verdict import main
 
@@ -31,33 +30,20 @@ ROWS = (
 
 
 class FormStatusTest(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.server = cls.kind(os.environ["FORM_PROBE"])
-        cls.addClassCleanup(cls.server.stop)
-        cls.spool = cls.server.make_folder("spool")
-        cls.server.start({"TMP": str(cls.spool)})
-
-    def answer_to(self, headers, body):
-        connection = http.client.HTTPConnection(self.server.host, self.server.port, timeout=60)
-        with contextlib.closing(connection):
-            connection.request("POST", self.server.path, body, headers)
-            answer = connection.getresponse()
-            return answer.status, answer.read().decode()
-
     def test_answers_arrive(self):
+        server = self.kind(os.environ["FORM_PROBE"])
+        self.addCleanup(server.stop)
+        spool = server.make_folder("spool")
+        server.start({"TMP": str(spool)})
         for name, headers, body, status, text in ROWS:
             with self.subTest(name):
-                self.assertEqual(self.answer_to(headers, body), (status, text))
-                self.assertEqual(list(self.spool.iterdir()), [])
+                answer = exchange(server.address, "POST", server.path, headers, body)
+                self.assertEqual((answer.status, answer.body), (status, text))
+                self.assertEqual(list(spool.iterdir()), [])
 
 
 def load_tests(loader, _tests, _pattern):
-    suite = unittest.TestSuite()
-    for kind in web_servers.ALL:
-        test = type("FormStatusTest_" + kind.__name__, (FormStatusTest,), {"kind": kind})
-        suite.addTests(loader.loadTestsFromTestCase(test))
-    return suite
+    return web_servers.behind_each(loader, FormStatusTest)
 
 
 if __name__ == "__main__":

@@ -4,7 +4,6 @@ import contextlib
 import functools
 import hashlib
 import html
-import http.client
 import os
 import pathlib
 import re
@@ -19,7 +18,8 @@ import unittest
 import urllib.parse
 
 from accounts import Accounts
-from processes import listens, start, wait_for
+from client import exchange
+from processes import kill, listens, processes_with, start, wait_for
 
 PANEL = pathlib.Path(os.environ["PANEL"])
 URLENCODED = {"Content-Type": "application/x-www-form-urlencoded"}
@@ -44,20 +44,12 @@ def form(*parts):
     return b"".join(parts) + f"--{BOUNDARY}--\r\n".encode()
 
 
-class Answer:
-    def __init__(self, response):
-        self.status = response.status
-        self.headers = response.headers
-        self.content = response.read()
-        self.body = self.content.decode(errors="replace")
-
-    def session(self):
-        """The session id that the answer's cookie carries."""
-        return self.headers["Set-Cookie"].split(";")[0].partition("=")[2]
-
-    def token(self):
-        """What the panel's own pages prove themselves with."""
-        return self.body.split('name="token" value="')[1].split('"')[0]
+def add_user(database, name, level, password, account="", program=PANEL / "backend.py", prefix=()):
+    """As the administrator of the back end does."""
+    subprocess.run(
+        [*prefix, "/usr/bin/python3", "-B", program, name, str(level), account],
+        input=password + "\n", env={"PANEL_DB": str(database)}, text=True, check=True,
+    )
 
 
 class Panel:
@@ -70,6 +62,7 @@ class Panel:
         self.password = secrets.token_urlsafe(12)
         self.account = "account-" + secrets.token_hex(4)
         self.state = pathlib.Path(tempfile.mkdtemp(prefix="panel-"))
+        self.socket = self.state / "run" / "panel.sock"
         # An account finds the way to its home.
         self.state.chmod(0o711)
         self.accounts = Accounts(self.state / "accounts")
@@ -77,17 +70,14 @@ class Panel:
         self.add_user(self.user, self.level, self.password, self.account)
         self.front = self.accounts.front(front)
         self.server = subprocess.Popen(
-            [home / "serve", self.front, self.state],
-            env={**os.environ, **configuration},
-            stdin=subprocess.DEVNULL,
-            stdout=subprocess.PIPE,
-            text=True,
+            [home / "serve", self.front, self.state], env={**os.environ, **configuration},
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True,
         )
         self.url = self.server.stdout.readline().strip()
         if not self.url:
             self.stop()
             raise RuntimeError("the panel does not start")
-        self.port = urllib.parse.urlsplit(self.url).port
+        self.address = "127.0.0.1", urllib.parse.urlsplit(self.url).port
 
     def stop(self):
         self.server.terminate()
@@ -98,63 +88,52 @@ class Panel:
     def database(self):
         return sqlite3.connect(self.state / "panel.db", isolation_level=None)
 
-    def add_user(self, name, level, password, account=""):
-        subprocess.run(
-            ["/usr/bin/python3", "-B", PANEL / "backend.py", name, str(level), account],
-            input=password + "\n",
-            env={"PANEL_DB": str(self.state / "panel.db")},
-            text=True,
-            check=True,
-        )
+    def execute(self, statement, *values):
+        with contextlib.closing(self.database()) as database:
+            database.execute(statement, values)
 
-    def new_session(self, user, account=None):
+    def add_user(self, *user):
+        add_user(self.state / "panel.db", *user)
+
+    def new_session(self, user=None, account=None):
         """As a sign-in leaves one behind, without the password's hash, which takes
         its time. With an account the user is made, too."""
-        session = secrets.token_hex(16)
-        row = (hashlib.sha256(session.encode()).hexdigest(), user, secrets.token_hex(16))
-        with contextlib.closing(self.database()) as database:
-            if account is not None:
-                row_of_user = (user, 1, b"", b"", account)
-                database.execute("insert into user values (?, ?, ?, ?, ?)", row_of_user)
-            row += (int(time.time()), "192.0.2.7")
-            database.execute("insert into session values (?, ?, ?, ?, ?)", row)
+        session, user = secrets.token_hex(16), user or self.user
+        if account is not None:
+            self.execute("insert into user values (?, 1, x'', x'', ?)", user, account)
+        name = hashlib.sha256(session.encode()).hexdigest()
+        row = (name, user, secrets.token_hex(16), int(time.time()))
+        self.execute("insert into session values (?, ?, ?, ?, '192.0.2.7')", *row)
         return session
 
-    def request(self, method="GET", headers=(), body=None, at="/panel", **items):
+    def request(self, method="GET", headers=(), body=None, at="/panel", session=None, **items):
         """One request; items become the query string. A POST comes from the panel's
         own site unless its headers say otherwise."""
-        headers = {"Origin": f"http://127.0.0.1:{self.port}", **dict(headers)}
-        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=60)
+        own = {"Origin": self.url.removesuffix("/panel")}
+        if session is not None:
+            own["Cookie"] = "panelses5=" + session
         query = "?" + urllib.parse.urlencode(items) if items else ""
-        connection.request(method, at + query, body, headers)
-        try:
-            return Answer(connection.getresponse())
-        finally:
-            connection.close()
+        return exchange(self.address, method, at + query, {**own, **dict(headers)}, body)
 
     def with_session(self, session, **items):
-        cookie = {"Cookie": "panelses5=" + session}
-        return self.request(headers=cookie, **items)
+        return self.request(session=session, **items)
 
-    def post(self, page, body, headers=()):
-        return self.request("POST", headers, body, page=page)
+    def send_form(self, page, headers=(), session=None, **items):
+        body = urllib.parse.urlencode(items)
+        return self.request("POST", {**URLENCODED, **dict(headers)}, body, session=session, page=page)
 
-    def send_form(self, page, headers=(), **items):
-        return self.post(page, urllib.parse.urlencode(items), {**URLENCODED, **dict(headers)})
-
-    def send_sign_in(self, user=None, password=None, headers=(), **more):
+    def send_sign_in(self, user=None, password=None, **more):
         """The sign-in form, filled in."""
         items = {"user": user or self.user, "password": password or self.password}
-        return self.send_form("signin", headers, **items, **more)
+        return self.send_form("signin", **items, **more)
 
     def sign_in(self, user=None, password=None):
         answer = self.send_sign_in(user, password)
         assert answer.status == 303, answer.body
-        return answer.session()
+        return answer.cookie().partition("=")[2]
 
-    def sign_out(self, session, token, headers=()):
-        cookie = {"Cookie": "panelses5=" + session}
-        return self.send_form("signout", {**cookie, **dict(headers)}, token=token)
+    def sign_out(self, session, token):
+        return self.send_form("signout", session=session, token=token)
 
     def token(self, session):
         return self.with_session(session, page="whoami").token()
@@ -165,14 +144,7 @@ class Panel:
 
     def front_processes(self):
         """The front ends at work."""
-        found = []
-        for process in pathlib.Path("/proc").glob("[0-9]*"):
-            with contextlib.suppress(OSError):  # gone, or another user's
-                if os.readlink(process / "exe") != os.path.realpath(os.environ["FRONT"]):
-                    continue
-                if os.fsencode(self.socket.parent) in (process / "environ").read_bytes():
-                    found.append(int(process.name))
-        return found
+        return processes_with(self.socket.parent, os.environ["FRONT"])
 
     def logs(self):
         return {path.name: path.read_text(errors="replace") for path in self.state.glob("*.log")}
@@ -183,16 +155,8 @@ class Panel:
     def kill_back_end_workers(self):
         """The workers die as by a crash; the master starts new ones."""
         master = self.back_end_process()
-        children = pathlib.Path(f"/proc/{master}/task/{master}/children").read_text()
-        for child in children.split():
+        for child in pathlib.Path(f"/proc/{master}/task/{master}/children").read_text().split():
             os.kill(int(child), signal.SIGKILL)
-
-    def kill_back_end(self):
-        os.kill(self.back_end_process(), signal.SIGKILL)
-
-    @property
-    def socket(self):
-        return self.state / "run" / "panel.sock"
 
     @contextlib.contextmanager
     def back_end_away(self):
@@ -203,18 +167,21 @@ class Panel:
         finally:
             hidden.rename(self.socket)
 
-    def start_back_end(self, *options):
-        """Another back end of the same kind, on the socket of the first."""
-        environment = dict(
-            os.environ,
-            PANEL_HOME=str(PANEL),
-            PANEL_DB=str(self.state / "panel.db"),
-            TOV_RUN_DIR=str(self.socket.parent),
-        )
+    @contextlib.contextmanager
+    def another_back_end(self, *options):
+        """Of the same kind, on the socket of the first; crashes at the end."""
+        variables = {
+            "PANEL_HOME": str(PANEL), "PANEL_DB": str(self.state / "panel.db"),
+            "TOV_RUN_DIR": str(self.socket.parent),
+        }
         command = ["uwsgi", "--ini", PANEL / "uwsgi.ini", *options]
-        process = start(command, self.state / "second-backend.log", env=environment)
+        log = self.state / "second-backend.log"
+        process = start(command, log, env={**os.environ, **variables})
         wait_for(lambda: listens(self.socket))
-        return process
+        try:
+            yield
+        finally:
+            kill(process)
 
     @contextlib.contextmanager
     def start_front(self, session, *prefix, body=b"", front=None, options=(), **variables):
@@ -223,13 +190,9 @@ class Panel:
         environment = {
             "REQUEST_METHOD": "POST" if body else "GET",
             "QUERY_STRING": "page=upload" if body else "page=home",
-            "CONTENT_TYPE": FORM["Content-Type"],
-            "CONTENT_LENGTH": str(len(body)),
-            "HTTP_COOKIE": f"panelses5={session}",
-            "TOV_RUN_DIR": str(self.socket.parent),
-            "HTTP_SEC_FETCH_SITE": "same-origin",
-            "PATH": os.environ["PATH"],
-            **variables,
+            "CONTENT_TYPE": FORM["Content-Type"], "CONTENT_LENGTH": str(len(body)),
+            "HTTP_COOKIE": f"panelses5={session}", "TOV_RUN_DIR": str(self.socket.parent),
+            "HTTP_SEC_FETCH_SITE": "same-origin", "PATH": os.environ["PATH"], **variables,
         }
         with tempfile.TemporaryFile() as stdin:
             stdin.write(body)
@@ -288,10 +251,6 @@ class PanelTest(unittest.TestCase):
 def run_front(run_dir, front=os.environ["FRONT"], **environment):
     """A front end as a web server would start it; its whole answer."""
     return subprocess.run(
-        [front],
-        env={"TOV_RUN_DIR": str(run_dir), "REQUEST_METHOD": "GET", **environment},
-        capture_output=True,
-        text=True,
-        timeout=60,
-        check=True,
+        [front], env={"TOV_RUN_DIR": str(run_dir), "REQUEST_METHOD": "GET", **environment},
+        capture_output=True, text=True, timeout=60, check=True,
     ).stdout

@@ -1,9 +1,11 @@
-"""What every test here needs of server processes: to start, to wait for and to
-end them."""
+"""What every test here needs of server processes: to start, to find, to wait for and
+to end them."""
 
 import contextlib
+import glob
 import inspect
 import os
+import pathlib
 import signal
 import socket
 import subprocess
@@ -30,12 +32,8 @@ def start(command, log, **options):
     """A server in a session of its own, with its output at the end of a file."""
     with log.open("ab") as output:
         return subprocess.Popen(
-            list(map(str, command)),
-            stdin=subprocess.DEVNULL,
-            stdout=output,
-            stderr=output,
-            start_new_session=True,
-            **{"cwd": "/", "env": {"PATH": DIRECTORIES}, **options},
+            list(map(str, command)), stdin=subprocess.DEVNULL, stdout=output, stderr=output,
+            start_new_session=True, **{"cwd": "/", "env": {"PATH": DIRECTORIES}, **options},
         )
 
 
@@ -54,6 +52,27 @@ def free_address():
     with socket.socket() as probe:
         probe.bind((host, 0))
         return probe.getsockname()
+
+
+def processes_with(text, program=None):
+    """The ids of those with this text in their environment, and with this program."""
+    found = []
+    for process in map(pathlib.Path, glob.iglob("/proc/[0-9]*")):
+        with contextlib.suppress(OSError):  # gone, or another user's
+            if program is None or os.readlink(process / "exe") == os.path.realpath(program):
+                if os.fsencode(text) in (process / "environ").read_bytes():
+                    found.append(int(process.name))
+    return found
+
+
+def open_files(folder):
+    """The sizes of those that processes have open below a folder, even without a name."""
+    sizes = []
+    for link in glob.iglob("/proc/[0-9]*/fd/*"):
+        with contextlib.suppress(OSError):  # gone, or another user's
+            if os.readlink(link).startswith(f"{folder}/"):
+                sizes.append(os.stat(link).st_size)
+    return sorted(sizes)
 
 
 def has_ended(process):

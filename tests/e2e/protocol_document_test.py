@@ -1,8 +1,10 @@
 """What docs/backend-protocol.md shows must work, and be right to the byte."""
 
+import contextlib
 import os
 import pathlib
 import re
+import signal
 import stat
 import subprocess
 import sys
@@ -41,19 +43,12 @@ class ProtocolDocumentTest(unittest.TestCase):
     def test_example_request_is_what_the_library_sends(self):
         # The page wants more: the second answer is for nobody.
         with scripted_back_end(self.path, lambda _: [example_answer()]) as requests:
-            self.run_example()
+            run_front(
+                self.run_dir, HTTPS="on", HTTP_COOKIE="panelses5=3f9c27d1",
+                HTTP_HOST="panel.example", REMOTE_ADDR="192.0.2.7",
+                REQUEST_URI="/panel?page=start", SERVER_PORT="443",
+            )
         self.assertEqual(requests[0], example_request())
-
-    def run_example(self):
-        run_front(
-            self.run_dir,
-            HTTPS="on",
-            HTTP_COOKIE="panelses5=3f9c27d1",
-            HTTP_HOST="panel.example",
-            REMOTE_ADDR="192.0.2.7",
-            REQUEST_URI="/panel?page=start",
-            SERVER_PORT="443",
-        )
 
     def test_numbers_shown_are_right(self):
         head, body = example_answer().split(b"\r\n\r\n")
@@ -63,10 +58,17 @@ class ProtocolDocumentTest(unittest.TestCase):
 
     def start(self, *command, **options):
         """Waits until it listens; at the end it has to end when asked to."""
-        server = subprocess.Popen(command, **options)
+        server = subprocess.Popen(command, start_new_session=True, **options)
         self.addCleanup(server.kill)
-        # Again and again: uWSGI loses a signal that comes early in its start.
-        self.addCleanup(wait_for, lambda: server.terminate() or server.poll() is not None, 300)
+
+        def has_ended():
+            # Again and again, and to each process: uWSGI's lose a signal that comes early
+            # in their start, and the master waits for its workers for a minute.
+            with contextlib.suppress(ProcessLookupError):
+                os.killpg(server.pid, signal.SIGTERM)
+            return server.poll() is not None
+
+        self.addCleanup(wait_for, has_ended, 300)
         wait_for(lambda: os.path.exists(self.path) and listens(self.path))
 
     def test_the_back_end_shown_works(self):

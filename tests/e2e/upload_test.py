@@ -1,70 +1,34 @@
 """Uploads to the panel: what arrives, who is refused, and what stays behind."""
 
-import contextlib
-import glob
 import os
 import pathlib
 import resource
 import shutil
 import signal
-import socket
 import subprocess
 import tempfile
 import time
 
+from client import begin_post, status_on
 from panel_server import FORM, PANEL, URLENCODED, Panel, PanelTest, field, file, form
-from processes import wait_for
+from processes import open_files, wait_for
 from verdict import main
 
 LIMIT = 100 << 20
 TOO_LARGE = "Please send less at a time."
 
 
-def bytes_on_their_way(folder):
-    """Of each file below the folder that a process has open, with a name or
-    without."""
-    sizes = []
-    for link in glob.iglob("/proc/[0-9]*/fd/*"):
-        with contextlib.suppress(OSError):  # gone meanwhile
-            if os.readlink(link).startswith(f"{folder}/"):
-                sizes.append(os.stat(link).st_size)
-    return sorted(sizes)
-
-
-class Upload:
-    """An upload in progress: begun, and waiting for the rest."""
-
-    def __init__(self, panel, session, first, length):
-        self.client = socket.create_connection(("127.0.0.1", panel.port), timeout=60)
-        head = (
-            "POST /panel?page=upload HTTP/1.1\r\nHost: panel\r\nOrigin: http://panel\r\n"
-            f"Cookie: panelses5={session}\r\nContent-Type: {FORM['Content-Type']}\r\n"
-        )
-        if length is None:
-            head += "Transfer-Encoding: chunked\r\n\r\n"
-        else:
-            head += f"Content-Length: {length}\r\n\r\n"
-        self.client.sendall(head.encode() + first)
-
-    def status(self):
-        line = self.client.recv(12)
-        return int(line.split()[1])
-
-    def close(self):
-        self.client.close()
-
-
 class UploadTest(PanelTest):
     def setUp(self):
-        self.session = self.panel.new_session(self.panel.user)
+        self.session = self.panel.new_session()
         self.token = self.panel.token(self.session)
         self.addCleanup(self.empty_home)
         self.addCleanup(self.assert_nothing_left)
 
-    def post(self, body, session=None, headers=None, **items):
-        cookie = {"Cookie": f"panelses5={session or self.session}"}
-        headers = {**FORM, **cookie, **(headers or {})}
-        return self.panel.request("POST", headers, body, page="upload", **items)
+    def post(self, body, headers=(), session=None, page="upload", **items):
+        headers = {**FORM, **dict(headers)}
+        session = self.session if session is None else session
+        return self.panel.request("POST", headers, body, session=session, page=page, **items)
 
     def upload(self, *parts, **items):
         return self.post(form(field("token", self.token), *parts), **items)
@@ -73,15 +37,21 @@ class UploadTest(PanelTest):
         self.assert_page(answer, 303)
         self.assertEqual(self.panel.kept(), files)
 
-    def begin(self, content=b"x" * 100_000, before=()):
-        """A file that is on its way and never complete; the sizes of others are
-        there before."""
+    def begin(self, sent, length, panel=None, session=None):
+        """An upload in progress, waiting for the rest."""
+        headers = {**FORM, "Cookie": f"panelses5={session or self.session}"}
+        address = (panel or self.panel).address
+        connection = begin_post(address, "/panel?page=upload", headers, sent, length)
+        self.addCleanup(connection.close)
+        return connection
+
+    def begin_file(self, content=b"x" * 100_000, before=()):
+        """One that is never complete; the sizes of others are there before."""
         first = field("token", self.token) + file("f", content)[:-2]
-        upload = Upload(self.panel, self.session, first, len(first) + 1_000_000)
-        self.addCleanup(upload.close)
+        connection = self.begin(first, len(first) + 1_000_000)
         expected = sorted([*before, len(content)])
-        wait_for(lambda: bytes_on_their_way(self.panel.home) == expected)
-        return upload
+        wait_for(lambda: open_files(self.panel.home) == expected)
+        return connection
 
 
 class Received(UploadTest):
@@ -111,7 +81,8 @@ class Received(UploadTest):
             os.chown(each, self.panel.home.stat().st_uid, self.panel.home.stat().st_gid)
         answer = self.upload(file("a", b"1"), path="inner/most & +")
         self.assert_page(answer, 303)
-        self.assertEqual(answer.headers["Location"], "/panel?page=home&path=inner%2Fmost%20%26%20%2B")
+        location = "/panel?page=home&path=inner%2Fmost%20%26%20%2B"
+        self.assertEqual(answer.headers["Location"], location)
         self.assertEqual((folder / "a").read_bytes(), b"1")
 
 
@@ -120,25 +91,17 @@ class Refused(UploadTest):
         super().setUp()
         self.addCleanup(lambda: self.assertEqual(self.panel.kept(), {}))
 
-    def test_without_a_session(self):
-        body = form(field("token", self.token), file("a", b"1"))
-        for cookie, text in (
-            ("", "Please sign in first."),
-            ("panelses5=", "Please sign in first."),
-            ("panelses5=made-up", "your session has ended"),
+    def test_without_a_session_and_its_token(self):
+        for session, text in (
+            ("", "Please sign in first."), ("made-up", "your session has ended"),
         ):
-            answer = self.panel.request("POST", {**FORM, "Cookie": cookie}, body, page="upload")
-            self.assert_page(answer, 403, text)
-
-    def test_without_the_token_of_this_session(self):
-        other = self.panel.token(self.panel.sign_in())
-        for token in ("", "wrong", other):
-            self.assert_refused(self.post(form(field("token", token), file("a", b"1"))))
+            self.assert_page(self.upload(file("a", b"1"), session=session), 403, text)
         self.assert_refused(self.post(form(file("a", b"1"))))
+        for token in ("", "wrong", self.panel.token(self.panel.new_session())):
+            self.assert_refused(self.post(form(field("token", token), file("a", b"1"))))
 
     def test_from_another_site(self):
-        body = form(field("token", self.token), file("a", b"1"))
-        answer = self.post(body, headers={"Origin": "http://elsewhere"})
+        answer = self.upload(file("a", b"1"), headers={"Origin": "http://elsewhere"})
         self.assert_page(answer, 403, "Another site has sent this request.")
 
     def test_above_the_limit_while_the_client_is_still_sending(self):
@@ -171,16 +134,11 @@ class Refused(UploadTest):
             self.assert_page(self.post(body, headers=headers), status)
 
     def test_in_pieces_of_unknown_length(self):
-        upload = Upload(self.panel, self.session, b"", None)
-        self.addCleanup(upload.close)
-        self.assertEqual(upload.status(), 411)
+        self.assertEqual(status_on(self.begin(b"", None)), 411)
 
     def test_pages_that_take_no_files(self):
-        headers = {**FORM, "Cookie": f"panelses5={self.session}"}
         for page, status in (("signin", 415), ("signout", 415), ("change", 415), ("whoami", 404)):
-            body = form(field("token", self.token), file("a", b"1"))
-            answer = self.panel.request("POST", headers, body, page=page)
-            self.assertEqual(answer.status, status, page)
+            self.assertEqual(self.upload(file("a", b"1"), page=page).status, status, page)
 
     def test_large_body_to_another_page_is_not_even_collected(self):
         answer = self.panel.request("POST", FORM, bytes(100_000), page="signin")
@@ -188,10 +146,8 @@ class Refused(UploadTest):
 
     def test_above_what_a_file_may_hold(self):
         """As where a disk takes no more."""
-        options = {
-            # Python has SIGXFSZ ignored; the front end is not to inherit that.
-            "preexec_fn": lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (1000, 1000)),
-        }
+        limits = (1000, 1000)
+        options = {"preexec_fn": lambda: resource.setrlimit(resource.RLIMIT_FSIZE, limits)}
         body = form(field("token", self.token), file("g", bytes(10_000)))
         with self.panel.start_front(self.session, body=body, options=options) as front:
             answer, errors = front.communicate(timeout=60)
@@ -206,44 +162,59 @@ class BrokenOff(UploadTest):
         self.addCleanup(lambda: self.assertEqual(list(self.panel.home.iterdir()), []))
 
     def test_by_the_client(self):
-        self.begin().close()
+        self.begin_file().close()
         self.assert_nothing_left()
 
     def test_by_a_signal_to_the_front_end(self):
         for name in ("TERM", "KILL", "XCPU", "HUP", "INT"):
-            upload = self.begin()
+            upload = self.begin_file()
             (front,) = self.panel.front_processes()
             os.kill(front, signal.Signals["SIG" + name])
-            self.assertEqual(upload.status(), 500, name)
+            self.assertEqual(status_on(upload), 500, name)
             self.assert_nothing_left()
 
     def test_while_another_goes_on(self):
-        broken = self.begin(b"1" * 1000)
-        other = self.begin(b"2" * 500, before=[1000])
+        broken = self.begin_file(b"1" * 1000)
+        other = self.begin_file(b"2" * 500, before=[1000])
         broken.close()
-        wait_for(lambda: bytes_on_their_way(self.panel.home) == [500])
+        wait_for(lambda: open_files(self.panel.home) == [500])
         other.close()
         self.assert_nothing_left()
 
 
-class SlowUpload(PanelTest):
+class Slow(UploadTest):
     def test_may_take_longer_than_other_requests(self):
         home = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory(prefix="slow-"))) / "panel"
         shutil.copytree(PANEL, home)
         settings = home / "lighttpd.conf"
         text = settings.read_text()
-        quicker = text.replace('"read-timeout" => 60,', '"read-timeout" => 1,')
-        self.assertNotEqual(quicker, text)
-        settings.write_text(quicker)
+        self.assertIn('"read-timeout" => 60,', text)
+        settings.write_text(text.replace('"read-timeout" => 60,', '"read-timeout" => 1,'))
         panel = Panel(home=home)
         self.addCleanup(panel.stop)
-        session = panel.sign_in()
+        session = panel.new_session()
         body = form(field("token", panel.token(session)), file("f", b"x" * 10_000))
-        upload = Upload(panel, session, body[:5000], len(body))
-        self.addCleanup(upload.close)
+        upload = self.begin(body[:5000], len(body), panel, session)
         time.sleep(3)
-        upload.client.sendall(body[5000:])
-        self.assertEqual(upload.status(), 303)
+        upload.sendall(body[5000:])
+        self.assertEqual(status_on(upload), 303)
+
+
+class Silent(UploadTest):
+    """A client that falls silent is waited for, but not for ever."""
+
+    def test_is_ended_after_half_a_minute(self):
+        begun = field("token", self.token) + file("f", b"x" * 1000)
+        reader, writer = os.pipe()
+        self.addCleanup(os.close, writer)
+        os.write(writer, begun)
+        started = time.monotonic()
+        options = {"options": {"stdin": reader}, "CONTENT_LENGTH": "100000"}
+        with self.panel.start_front(self.session, body=begun, **options) as front:
+            answer, errors = front.communicate(timeout=90)
+        os.close(reader)
+        self.assertGreater(time.monotonic() - started, 29)
+        self.assertIn(b"Status: 408 ", answer, errors)
 
 
 if __name__ == "__main__":

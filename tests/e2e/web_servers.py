@@ -9,14 +9,16 @@
 Whoever runs the tests, the servers are run by an ordinary user.
 """
 
-import contextlib
-import glob
 import os
 import pathlib
 import shutil
 import tempfile
+import unittest
 
-from processes import DIRECTORIES, end_session, free_address, has_ended, listens, start, wait_for
+from processes import (
+    DIRECTORIES, end_session, free_address, has_ended, listens, open_files, processes_with, start,
+    wait_for,
+)
 
 # What the program is linked with, wherever it has been built.
 LIBRARIES = os.environ["LIBRARIES"].split(":")
@@ -49,7 +51,7 @@ class WebServer:
         self.libraries = self.make_folder("lib")
         for library in LIBRARIES:
             self._copy(library, self.libraries)
-        self.host, self.port = free_address()
+        self.address = self.host, self.port = free_address()
         self.path = "/cgi-bin/" + self.program.name
         self.url = f"http://{self.host}:{self.port}{self.path}"
         self.processes = []
@@ -84,23 +86,11 @@ class WebServer:
         self._give_away(path)
 
     def running_programs(self):
-        """The ids of the processes that run the program."""
-        found = []
-        for link in map(pathlib.Path, glob.iglob("/proc/[0-9]*/exe")):
-            with contextlib.suppress(OSError):
-                if os.readlink(link) == str(self.program):
-                    found.append(int(link.parent.name))
-        return found
+        return processes_with(self.libraries, self.program)
 
     def gathered_bodies(self):
-        """The sizes, so far, of the bodies that the web server collects before
-        it hands them on."""
-        sizes = []
-        for link in map(pathlib.Path, glob.iglob("/proc/[0-9]*/fd/*")):
-            with contextlib.suppress(OSError):
-                if os.readlink(link).startswith(f"{self.bodies}/"):
-                    sizes.append(link.stat().st_size)
-        return sizes
+        """The sizes, so far, of the bodies that the server collects before it hands them on."""
+        return open_files(self.bodies)
 
     def logs(self):
         logs = sorted(self.folder.glob("*.log"))
@@ -119,7 +109,7 @@ class WebServer:
     def _accepts(self):
         if any(has_ended(process) for process in self.processes):
             raise RuntimeError("the web server does not start")
-        return listens((self.host, self.port))
+        return listens(self.address)
 
     def _identity(self):
         if os.geteuid() != 0:
@@ -280,3 +270,13 @@ class Busybox(WebServer):
 
 
 ALL = (Lighttpd, LighttpdStreaming, Apache, Nginx, NginxStreaming, Busybox)
+
+
+def behind_each(loader, *tests):
+    """These tests, with each kind of web server as their "kind"."""
+    suite = unittest.TestSuite()
+    for kind in ALL:
+        for test in tests:
+            name = f"{test.__name__}_{kind.__name__}"
+            suite.addTests(loader.loadTestsFromTestCase(type(name, (test,), {"kind": kind})))
+    return suite
