@@ -32,15 +32,10 @@ def send(program, body, content_type=FORM, **variables):
         answer = subprocess.run(
             [cgi / program],
             env={
-                "REQUEST_METHOD": "POST",
-                "CONTENT_TYPE": content_type,
-                "CONTENT_LENGTH": str(len(body)),
-                "HTTP_SEC_FETCH_SITE": "same-origin",
-                **variables,
+                "REQUEST_METHOD": "POST", "CONTENT_TYPE": content_type,
+                "CONTENT_LENGTH": str(len(body)), "HTTP_SEC_FETCH_SITE": "same-origin", **variables,
             },
-            input=body,
-            stdout=subprocess.PIPE,
-            timeout=60,
+            input=body, stdout=subprocess.PIPE, timeout=60,
         ).stdout
     head, page = answer.split(b"\r\n\r\n", 1)
     status = int(re.match(rb"Status: (\d+)", head)[1])
@@ -148,8 +143,7 @@ def matters_of_taste():
         (fields(headed(FIELD + b"\r\nContent-Type: a/b\r\nContent-Type: a/b")), 400),
     ]
     yield "A header or parameter whose name", [
-        (fields(headed(FIELD + b"\r\nX(1): 2")), 400),
-        (fields(headed(FIELD + b"; x[]=2")), 400),
+        (fields(headed(FIELD + b"\r\nX(1): 2")), 400), (fields(headed(FIELD + b"; x[]=2")), 400),
     ]
     yield "Text after a quoted word", [(fields(headed(FIELD.replace(b"title", b'"title"b'))), 400)]
     yield "A `filename*` in quotes", [
@@ -168,9 +162,7 @@ def matters_of_taste():
         for encoding in (b"base64", b"quoted-printable")
     ]
     inner = b"--Z\r\nContent-Disposition: file; filename=f\r\n\r\n1\r\n--Z--"
-    yield "A `multipart/mixed`", [
-        (fields(headed(FIELD + MIXED, inner)), title(inner)),
-    ]
+    yield "A `multipart/mixed`", [(fields(headed(FIELD + MIXED, inner)), title(inner))]
     yield "An upload without a type", [(files(upload(b"u", b"f", b"1")), A_FILE)]
     yield "A body without a type", [(fields(b"title=A", ""), 415), (fields(b"", ""), title(b""))]
     chunked = {"CONTENT_LENGTH": "", "HTTP_TRANSFER_ENCODING": "chunked"}
@@ -206,9 +198,7 @@ def differences():
     ]
     yield "Methods", [*both((405, b"<li>a: 1"), b"a=1", URL_ENCODED, REQUEST_METHOD="PUT")]
     yield "A body that is no form", [*both((b"<li>{}: ", 415), b"{}", "application/json")]
-    yield "A body without its closing boundary", [
-        *both((b"<li>a: 1", 400), field(b"a", b"1")),
-    ]
+    yield "A body without its closing boundary", [*both((b"<li>a: 1", 400), field(b"a", b"1"))]
 
 
 class ExactFormsTest(unittest.TestCase):

@@ -72,9 +72,7 @@ def wrong_forms():
         *lost(headed(b'Content-Disposition: form-data;\r\n name="a"')),
         (with_next(folded), Arrived(one)),
     ]
-    yield "A name without quotes", lost(
-        part(b"name=a", b"1"), part(b'name="a"; filename=f', b"1")
-    )
+    yield "A name without quotes", lost(part(b"name=a", b"1"), part(b'name="a"; filename=f', b"1"))
     yield "A `filename` before the `name`", [
         (with_next(part(b'filename="f"; name="a"', b"1")), Arrived(one)),
     ]
@@ -111,9 +109,7 @@ def wrong_forms():
     ]
     yield "A field named `filename`", lost(field(b"filename", b"1"))
     after = upload(b"a", b"f", b"bytes") + field(b"filename", b"value")
-    yield "A field named `filename` after an upload", [
-        (with_next(after).files, {b"f": b"value"}),
-    ]
+    yield "A field named `filename` after an upload", [(with_next(after).files, {b"f": b"value"})]
     yield "A body without its closing boundary", [
         (post(upload(b"a", b"f", b"12345")[:-4]), Arrived({b"a": b"f"}, {b"f": b"123"})),
         (post(field(b"a", b"1\r\n2345")[:-4]), Arrived({b"a": b"1"})),

@@ -128,12 +128,9 @@ class Shell:
         """The header and the body of the answer to who has no session."""
         run_dir = next(self.folder.glob("*/panel.sock")).parent
         answer = subprocess.run(
-            [self.cgi / program],
-            cwd=self.cgi,
+            [self.cgi / program], cwd=self.cgi,
             env={"REQUEST_METHOD": method, "TOV_RUN_DIR": str(run_dir), **variables},
-            capture_output=True,
-            text=True,
-            timeout=60,
+            capture_output=True, text=True, timeout=60,
         ).stdout
         head, _, body = answer.partition("\n\n")
         return head, body

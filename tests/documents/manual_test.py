@@ -29,7 +29,7 @@ PAGES_OF_THE_SYSTEM = {
     "alarm(2)", "capabilities(7)", "chroot(2)", "getgrouplist(3)", "initgroups(3)", "malloc(3)",
     "nsswitch.conf(5)", "pam_conv(3)", "pam_open_session(3)", "pam_start(3)", "rename(2)",
     "sendfile(2)", "session-keyring(7)", "setrlimit(2)", "setuid(2)", "tmpfiles.d(5)",
-}  # fmt: skip
+}
 # Which pages of others this machine has does not matter here, and text is filled.
 IGNORED = (
     "referenced manual not found",

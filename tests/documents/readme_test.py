@@ -41,12 +41,8 @@ class ReadmeTest(unittest.TestCase):
         for site, page in expected.items():
             with scripted_back_end(f"{self.folder}/panel.sock", lambda _: [ALICE]):
                 answer = subprocess.run(
-                    [os.environ["README_FRONT"]],
-                    env={**environment, "HTTP_SEC_FETCH_SITE": site},
-                    input=body,
-                    capture_output=True,
-                    text=True,
-                    timeout=60,
+                    [os.environ["README_FRONT"]], env={**environment, "HTTP_SEC_FETCH_SITE": site},
+                    input=body, capture_output=True, text=True, timeout=60,
                 ).stdout
             self.assertTrue(answer.endswith(page), answer)
             self.assertEqual(os.listdir(self.folder), [])
@@ -57,10 +53,8 @@ class ReadmeTest(unittest.TestCase):
             with scripted_back_end(socket, lambda _: [REFUSAL]) as asked:
                 answer = subprocess.run(
                     [os.environ["README_FRONT"]],
-                    env={"REQUEST_METHOD": method, "TOV_RUN_DIR": self.folder},
-                    capture_output=True,
-                    text=True,
-                    timeout=60,
+                    env={"REQUEST_METHOD": method, "TOV_RUN_DIR": self.folder}, capture_output=True,
+                    text=True, timeout=60,
                 ).stdout
             page = "" if method == "HEAD" else ".*<p>You do not authorized for this operation"
             self.assertRegex(answer, rf"\AStatus: 403 Forbidden\n(?s:.*)\n\n{page}\Z")
@@ -74,12 +68,9 @@ class ReadmeTest(unittest.TestCase):
         # The folder of the system may be there, and serve somebody.
         command = command.replace("./whoami", f"--run-dir {self.folder} ./whoami")
         played = subprocess.run(
-            ["bash", "-c", command],
-            cwd=self.folder,
-            env={"PATH": f"{SOURCE / 'tools'}:{os.environ['PATH']}"},
-            stdout=subprocess.PIPE,
-            text=True,
-            timeout=60,
+            ["bash", "-c", command], cwd=self.folder,
+            env={"PATH": f"{SOURCE / 'tools'}:{os.environ['PATH']}"}, stdout=subprocess.PIPE,
+            text=True, timeout=60,
         ).stdout
         self.assertEqual(played.replace(self.folder, "/run/tov"), answer)
 

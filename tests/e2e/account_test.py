@@ -164,7 +164,7 @@ class Folder(AccountTest):
             ("..", 400), ("a b/..", 400), ("a b/../..", 400), ("/", 400), (str(outside), 400),
             (".", 400), ("a b//", 400), ("a b\0", 400), ("link", 404), ("link/secret", 404),
             ("a b/link", 404), ("none", 404),
-        ):  # fmt: skip
+        ):
             for page in ("home", "file"):
                 answer = self.page(page=page, path=path)
                 self.assertEqual(answer.status, status, (page, path))
@@ -213,7 +213,7 @@ class Folder(AccountTest):
             ("rename", (), "x"), ("rename", ("1", "2"), "x"), ("rename", ("a b",), "../x"),
             ("rename", ("../x",), "y"), ("delete", (), ""), ("delete", ("..",), ""),
             ("delete", ("a b/inner/file.txt",), ""), ("nonsense", ("a b",), ""),
-        ):  # fmt: skip
+        ):
             answer = self.change(action, *names, to=to)
             self.assertEqual(answer.status, 400, (action, names, to))
         self.assertEqual(self.names(), {"a b"})

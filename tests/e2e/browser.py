@@ -17,18 +17,11 @@ CHROMIUM = shutil.which("chromium")
 ELEMENT = "element-6066-11e4-a52e-4f735466cecf"
 
 OPTIONS = [
-    "--headless=new",
-    "--disable-gpu",
-    "--disable-quic",
-    "--no-first-run",
-    "--disable-background-networking",
-    "--disable-component-update",
-    "--disable-sync",
-    "--no-proxy-server",
+    "--headless=new", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-sync",
+    "--disable-background-networking", "--disable-component-update", "--no-proxy-server",
+    "--disable-dev-shm-usage", "--window-size=900,700",
     # Hosts without encryption that the browser does not take for this machine.
     "--host-resolver-rules=MAP *.test 127.0.0.1",
-    "--disable-dev-shm-usage",
-    "--window-size=900,700",
 ]
 
 
@@ -48,15 +41,10 @@ class Browser:
         self.base = f"http://127.0.0.1:{port}"
         # Chromium refuses its sandbox to root.
         sandbox = ["--no-sandbox"] if os.geteuid() == 0 else []
-        options = {
-            "binary": CHROMIUM,
-            "args": OPTIONS + sandbox + [f"--user-data-dir={self.profile}"],
-        }
-        session = self._call(
-            "POST",
-            "/session",
-            {"capabilities": {"alwaysMatch": {"goog:chromeOptions": options}}},
-        )
+        arguments = OPTIONS + sandbox + [f"--user-data-dir={self.profile}"]
+        options = {"binary": CHROMIUM, "args": arguments}
+        wanted = {"capabilities": {"alwaysMatch": {"goog:chromeOptions": options}}}
+        session = self._call("POST", "/session", wanted)
         self.base += "/session/" + session["sessionId"]
 
     def reset(self):
@@ -138,9 +126,8 @@ class Browser:
 
     def press(self, keys):
         """Into whatever has the keyboard's focus."""
-        actions = [
-            {"type": kind, "value": key} for key in keys for kind in ("keyDown", "keyUp")
-        ]
+        kinds = ("keyDown", "keyUp")
+        actions = [{"type": kind, "value": key} for key in keys for kind in kinds]
         source = {"type": "key", "id": "keyboard", "actions": actions}
         self._call("POST", "/actions", {"actions": [source]})
 
@@ -155,10 +142,8 @@ class Browser:
 
     def prefer(self, scheme):
         """As if the person had chosen "dark" or "light" for her desktop."""
-        self.devtools(
-            "Emulation.setEmulatedMedia",
-            features=[{"name": "prefers-color-scheme", "value": scheme}],
-        )
+        feature = {"name": "prefers-color-scheme", "value": scheme}
+        self.devtools("Emulation.setEmulatedMedia", features=[feature])
 
     def devtools(self, command, **parameters):
         call = {"cmd": command, "params": parameters}
@@ -168,10 +153,7 @@ class Browser:
         """As if by a slow line."""
         self.devtools("Network.enable")
         self.devtools(
-            "Network.emulateNetworkConditions",
-            offline=False,
-            latency=0,
-            downloadThroughput=-1,
+            "Network.emulateNetworkConditions", offline=False, latency=0, downloadThroughput=-1,
             uploadThroughput=bytes_per_second,
         )
 

@@ -61,14 +61,8 @@ class DemoTest(unittest.TestCase):
 
     def start(self, *arguments):
         return subprocess.Popen(
-            [DEMO, *arguments],
-            cwd="/",
-            env=self.environment,
-            stdin=subprocess.DEVNULL,
-            stdout=subprocess.PIPE,
-            stderr=subprocess.STDOUT,
-            text=True,
-            start_new_session=True,
+            [DEMO, *arguments], cwd="/", env=self.environment, stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, start_new_session=True,
             preexec_fn=as_from_a_terminal,
         )
 

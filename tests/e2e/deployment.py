@@ -37,8 +37,7 @@ NGINX, BUSYBOX = "/etc/nginx/nginx.conf", UNITS + "panel-httpd.service"
 PORTS = {
     LIGHTTPD: ("server.port = 80\n", 'server.bind = "{host}"\nserver.port = {port}\n'),
     APACHE: ("Listen 80\n", "Listen {host}:{port}\n"),
-    NGINX: ("listen 80;", "listen {host}:{port};"),
-    BUSYBOX: (" -p 80 ", " -p {host}:{port} "),
+    NGINX: ("listen 80;", "listen {host}:{port};"), BUSYBOX: (" -p 80 ", " -p {host}:{port} "),
 }
 LAUNCHER = "/opt/panel/cgi/panel"
 MODES = {LAUNCHER: 0o755}
@@ -60,8 +59,7 @@ SHORTER = {}
 if os.environ.get("LIMITS") == "shorter":
     TIME_LIMIT, PROCESSOR_LIMIT, HARAKIRI = 15, 1, 2
     SHORTER = {
-        "seconds=60\n": f"seconds={TIME_LIMIT}\n",
-        "Timeout 60\n": f"Timeout {TIME_LIMIT}\n",
+        "seconds=60\n": f"seconds={TIME_LIMIT}\n", "Timeout 60\n": f"Timeout {TIME_LIMIT}\n",
         "max-write-idle = 60\n": f"max-write-idle = {TIME_LIMIT}\n",
         "send_timeout 60s;": f"send_timeout {TIME_LIMIT}s;",
         '"read-timeout" => 70': f'"read-timeout" => {TIME_LIMIT + 10}',
@@ -241,11 +239,7 @@ class Machine:
         environment = dict(item.split("=", 1) for item in unit.words("Environment"))
         environment["PATH"] = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
         listener = self.listeners.get(name.replace(".service", ".socket"))
-        command = [
-            *self._namespaces(unit),
-            *confinement(unit),
-            *shlex.split(unit["ExecStart"]),
-        ]
+        command = [*self._namespaces(unit), *confinement(unit), *shlex.split(unit["ExecStart"])]
         options = {"env": environment}
         if listener:
             options["pass_fds"] = [listener.fileno()]

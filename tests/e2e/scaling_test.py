@@ -43,8 +43,7 @@ class SiteTest(unittest.TestCase):
 
     def answered_since(self, moment, back_end):
         return any(
-            visit.began > moment and visit.back_end == back_end.name
-            for visit in self.load.visits
+            visit.began > moment and visit.back_end == back_end.name for visit in self.load.visits
         )
 
     def visit_on(self):
@@ -147,9 +146,7 @@ class ScalingTest(SiteTest):
         self.visit_on()
         self.set_state("drain")
         for web_host in self.site.web_hosts:
-            self.load.wait_for(
-                lambda: web_host.proxy_state(self.back_end.name)["scur"] == "0"
-            )
+            self.load.wait_for(lambda: web_host.proxy_state(self.back_end.name)["scur"] == "0")
         self.back_end.service.stop()
         self.visit_on()
         self.back_end.start()
@@ -188,10 +185,8 @@ class DocumentTest(unittest.TestCase):
             shutil.copy("/lib/systemd/system/haproxy.service", folder)
             done = subprocess.run(
                 ["systemd-analyze", "verify", "panel-backend.socket", "haproxy.service"],
-                env={**os.environ, "SYSTEMD_UNIT_PATH": f"{folder}:"},
-                capture_output=True,
-                text=True,
-                check=False,
+                env={**os.environ, "SYSTEMD_UNIT_PATH": f"{folder}:"}, capture_output=True,
+                text=True, check=False,
             )
         complaints = [line for line in done.stderr.splitlines() if folder in line]
         self.assertEqual(complaints, [])
@@ -208,9 +203,7 @@ class FiguresTest(unittest.TestCase):
     def test_each_part_of_the_measuring_runs(self):
         done = subprocess.run(
             [sys.executable, "-B", SOURCE / "bench" / "scaling" / "scaling_figures.py", "--quick"],
-            capture_output=True,
-            text=True,
-            timeout=300,
+            capture_output=True, text=True, timeout=300,
         )
         self.assertEqual(done.returncode, 0, done.stderr)
         for figure in (
@@ -220,7 +213,7 @@ class FiguresTest(unittest.TestCase):
             "uWSGI's processor microseconds a check, TLS", "TLS sessions resumed",
             "bytes a query from the back end", "KB of HAProxy a connection",
             "connections in TIME_WAIT, back end" if can_make_namespaces() else "ports",
-        ):  # fmt: skip
+        ):
             self.assertRegex(done.stdout, rf"(?m)^{figure}: .*\d|^ports: not measured")
 
 
@@ -284,10 +277,7 @@ class SecureScalingTest(SiteTest):
                 *("openssl", "s_client", "-quiet", "-connect", self.back_end.public_address),
                 *("-CAfile", self.site.authority, *identity),
             ],
-            input=CHECK,
-            capture_output=True,
-            timeout=30,
-            check=False,
+            input=CHECK, capture_output=True, timeout=30, check=False,
         )
         return done.stdout
 

@@ -119,8 +119,7 @@ class Probe:
         self.numbers = itertools.count()
         self.server.start(
             {
-                "PROBE_RECORDS": str(self.records),
-                "PROBE_SPOOL": str(self.spool),
+                "PROBE_RECORDS": str(self.records), "PROBE_SPOOL": str(self.spool),
                 "PROBE_SECONDS": str(seconds),
             }
         )

@@ -92,9 +92,7 @@ class Refused(UploadTest):
         self.addCleanup(lambda: self.assertEqual(self.panel.kept(), {}))
 
     def test_without_a_session_and_its_token(self):
-        for session, text in (
-            ("", "Please sign in first."), ("made-up", "your session has ended"),
-        ):
+        for session, text in (("", "Please sign in first."), ("made-up", "your session has ended")):
             self.assert_page(self.upload(file("a", b"1"), session=session), 403, text)
         self.assert_refused(self.post(form(file("a", b"1"))))
         for token in ("", "wrong", self.panel.token(self.panel.new_session())):
@@ -114,7 +112,7 @@ class Refused(UploadTest):
                      "-b", f"panelses5={self.session}", "-w", "%{http_code}",
                      f"{self.panel.url}?page=upload"],
                     capture_output=True, check=False, text=True, timeout=60,
-                )  # fmt: skip
+                )
             self.assertIn(text, done.stdout)
             self.assertRegex(done.stdout, "413$")
 

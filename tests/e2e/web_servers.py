@@ -133,9 +133,7 @@ class Lighttpd(WebServer):
     standard_input = ("pipe", "file")
 
     def start_processes(self):
-        variables = ", ".join(
-            f'"{name}" => "{value}"' for name, value in self.variables.items()
-        )
+        variables = ", ".join(f'"{name}" => "{value}"' for name, value in self.variables.items())
         configuration = self.configuration(
             f"""
             server.modules = ( "mod_setenv", "mod_cgi" )

@@ -22,9 +22,7 @@ SUITE = "bookworm"
 NEEDED = ("debootstrap", "git", "unshare")
 IN_MOUNTS_OF_ITS_OWN = "ZANCGI_PACKAGES_TEST"
 
-OURS = {
-    "libtov-dev", "libtov1", "libzancgi-dev", "libzancgi1", "zancgi-doc", "zancgi-tools",
-}  # fmt: skip
+OURS = {"libtov-dev", "libtov1", "libzancgi-dev", "libzancgi1", "zancgi-doc", "zancgi-tools"}
 # Not for installing, but for whoever looks into a core.
 OF_DEBUGGERS = {"libtov1-dbgsym", "libzancgi1-dbgsym"}
 
@@ -66,7 +64,7 @@ def mirror():
     known = run(
         "apt-get", "indextargets", "--format", "$(REPO_URI)",
         "Created-By: Packages", "Label: Debian", f"Codename: {SUITE}", "Component: main",
-    ).split()  # fmt: skip
+    ).split()
     if not known:
         raise AssertionError(f"apt knows no mirror of {SUITE}: name one by ZANCGI_DEBIAN_MIRROR")
     return known[0]
@@ -79,11 +77,11 @@ class Machine:
         self.root = folder
         # What the machine's apt needs to reach its mirror, this one's does.
         ways = run("apt-config", "dump", "Acquire::http", "Acquire::https", "Acquire::Retries",
-                   "Acquire::Check-Valid-Until", "Acquire::Check-Date")  # fmt: skip
+                   "Acquire::Check-Valid-Until", "Acquire::Check-Date")
         proxy = re.search(r'^Acquire::http::Proxy "(.+)";', ways, re.MULTILINE)
         proxies = {"http_proxy": proxy[1]} if proxy else {}
         run("debootstrap", "--variant=minbase", SUITE, str(folder), mirror(),
-            env={**proxies, **os.environ})  # fmt: skip
+            env={**proxies, **os.environ})
         (folder / "etc" / "apt" / "apt.conf.d" / "90way").write_text(ways)
         for kind, name in (("proc", "proc"), ("tmpfs", "run")):
             run("mount", "-t", kind, "none", str(folder / name))
@@ -97,13 +95,11 @@ class Machine:
         return run(
             "chroot", str(self.root), *command,
             env={
-                **proxies,
-                "DEBIAN_FRONTEND": "noninteractive",
-                "HOME": "/root",
+                **proxies, "DEBIAN_FRONTEND": "noninteractive", "HOME": "/root",
                 "LC_ALL": "C.UTF-8",
                 "PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
             },
-        )  # fmt: skip
+        )
 
     def install(self, *packages):
         self.run("apt-get", "install", "--yes", "--no-install-recommends", *packages)
@@ -122,7 +118,7 @@ class Machine:
     def build(self, tree, profiles):
         """Has packages built with what they ask for, and no more."""
         self.run("apt-get", "build-dep", "--yes", "--no-install-recommends",
-                 "--build-profiles", profiles, tree)  # fmt: skip
+                 "--build-profiles", profiles, tree)
         self.shell(f"cd {tree} && dpkg-buildpackage --build=binary --build-profiles={profiles}")
 
     def add(self, source, target):
@@ -235,14 +231,11 @@ class FreshMachineTest(PackagesTest):
     def tearDown(self):
         self.machine.purge(*OURS, SITE)
 
-    def assert_folder(self, name, mode):
-        status = (self.machine.root / name).lstat()
-        self.assertEqual(stat.filemode(status.st_mode), mode)
-        self.assertEqual((status.st_uid, status.st_gid), (0, 0))
-
     def test_installing_makes_the_folders_of_sockets_and_uploads(self):
-        self.assert_folder("run/tov", "drwxr-xr-x")
-        self.assert_folder("var/spool/zancgi", "drwx-wx-wt")
+        for name, mode in (("run/tov", "drwxr-xr-x"), ("var/spool/zancgi", "drwx-wx-wt")):
+            status = (self.machine.root / name).lstat()
+            self.assertEqual(stat.filemode(status.st_mode), mode)
+            self.assertEqual((status.st_uid, status.st_gid), (0, 0))
 
     def test_purging_leaves_nothing_behind(self):
         (self.machine.root / "var/spool/zancgi/zantempAAAAAA").touch()
@@ -262,19 +255,21 @@ class FreshMachineTest(PackagesTest):
         socket.unlink()
 
     def test_a_base_library_of_the_site_takes_the_place_of_ours(self):
-        self.install_site("Provides: libtov-implementation-dev", "Conflicts: libtov-implementation-dev")
-        # Front ends run on.
-        kept = OURS - {"libtov-dev", "libzancgi-dev"} | {SITE}
-        self.assertEqual(self.machine.installed() & (OURS | {SITE}), kept)
-
-    def test_of_two_base_libraries_with_one_soname_one_is_installed(self):
-        self.install_site("Provides: libtov-implementation-1", "Conflicts: libtov-implementation-1")
-        kept = {SITE, "zancgi-doc", "zancgi-tools"}
-        self.assertEqual(self.machine.installed() & (OURS | {SITE}), kept)
+        for name, kept in (
+            # Front ends run on.
+            ("libtov-implementation-dev", OURS - {"libtov-dev", "libzancgi-dev"} | {SITE}),
+            # Of two with one soname one is installed.
+            ("libtov-implementation-1", {SITE, "zancgi-doc", "zancgi-tools"}),
+        ):
+            with self.subTest(name):
+                self.install_site(name)
+                self.assertEqual(self.machine.installed() & (OURS | {SITE}), kept)
+                self.machine.purge(SITE)
+                self.machine.install(*(f"/debs/{name}.deb" for name in OURS))
 
     def test_the_product_is_packaged_on_a_base_library_of_the_site(self):
         self.machine.install("build-essential")
-        self.install_site("Provides: libtov-implementation-dev", "Conflicts: libtov-implementation-dev")
+        self.install_site("libtov-implementation-dev")
         build = self.machine.root / "site-build"
         self.extract_source(build / "zancgi")
         changelog = build / "zancgi" / "debian" / "changelog"
@@ -298,23 +293,24 @@ class FreshMachineTest(PackagesTest):
         self.assertRegex(libraries, r"libtov\.so\.5 => /")
         self.assertNotIn("libtov.so.1", libraries)
 
-    def install_site(self, *fields):
-        """A package of another base library, with these fields of its own."""
+    def install_site(self, name):
+        """A package of another base library, in place of what has this name."""
         tree = self.machine.root / "site"
-        self.addCleanup(shutil.rmtree, tree)
+        shutil.rmtree(tree, ignore_errors=True)
         (tree / "DEBIAN").mkdir(parents=True)
-        (tree / "DEBIAN" / "control").write_text(SITE_CONTROL + "".join(f"{f}\n" for f in fields))
+        fields = f"Provides: {name}\nConflicts: {name}\n"
+        (tree / "DEBIAN" / "control").write_text(SITE_CONTROL + fields)
         (tree / "DEBIAN" / "shlibs").write_text(f"libtov 5 {SITE}\n")
         library = tree / "usr" / "lib" / "x86_64-linux-gnu"
         library.mkdir(parents=True)
         source = SOURCE / "tests" / "system_tov" / "site"
         shutil.copytree(source / "include", tree / "usr" / "include")
         run("g++", "-std=c++20", "-shared", "-fPIC", "-fvisibility-inlines-hidden",
-            f"-I{source / 'include'}", str(source / "site.cpp"),
-            "-Wl,-soname,libtov.so.5", "-o", str(library / "libtov.so.5"))  # fmt: skip
+            f"-I{source}/include", f"{source}/site.cpp", "-Wl,-soname,libtov.so.5",
+            "-o", f"{library}/libtov.so.5")
         (library / "libtov.so").symlink_to("libtov.so.5")
-        run("dpkg-deb", "--root-owner-group", "--build", str(tree),
-            str(self.machine.root / "debs" / "site.deb"))  # fmt: skip
+        package = str(self.machine.root / "debs" / "site.deb")
+        run("dpkg-deb", "--root-owner-group", "--build", str(tree), package)
         self.machine.install("/debs/site.deb")
 
     def extract_source(self, folder):
@@ -334,7 +330,7 @@ def reenter_in_mounts_of_its_own():
         ["unshare", "--mount", "--propagation", "private", "--pid", "--fork", "--kill-child",
          "--mount-proc", sys.executable, "-B", *sys.argv],
         {**os.environ, IN_MOUNTS_OF_ITS_OWN: "1"},
-    )  # fmt: skip
+    )
 
 
 def reason_to_skip():

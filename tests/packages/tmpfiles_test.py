@@ -21,12 +21,7 @@ NOBODY = 65534
 ANOTHER = 65533
 
 FORM = (
-    b"--x\r\n"
-    b'Content-Disposition: form-data; name="a"; filename="a.txt"\r\n'
-    b"Content-Type: text/plain\r\n"
-    b"\r\n"
-    b"text\r\n"
-    b"--x--\r\n"
+    b'--x\r\nContent-Disposition: form-data; name="a"; filename="a.txt"\r\n\r\ntext\r\n--x--\r\n'
 )
 
 
@@ -64,50 +59,41 @@ class TmpfilesTest(unittest.TestCase):
     def left(self, folder):
         return sorted(os.listdir(self.root / folder))
 
-    def assert_folder(self, name, mode):
-        status = (self.root / name).lstat()
-        self.assertEqual(stat.filemode(status.st_mode), mode)
-        self.assertEqual((status.st_uid, status.st_gid), (0, 0))
-
     def as_another(self, program):
         """What another account sees of a Python program's errors."""
         return subprocess.run(
-            [sys.executable, "-c", program],
-            user=ANOTHER, group=ANOTHER, extra_groups=[],
+            [sys.executable, "-c", program], user=ANOTHER, group=ANOTHER, extra_groups=[],
             capture_output=True, text=True, timeout=60,
-        ).stderr  # fmt: skip
+        ).stderr
 
-    def upload_until_killed(self, user):
+    def upload_until_killed(self):
+        """Returns the file that is left."""
+        self.apply("--create")
         program = self.root / "front"
         shutil.copy(INTERRUPTED_UPLOAD, program)
-        done = subprocess.run(
-            [program],
-            env={
-                "TMP": str(self.spool),
-                "REQUEST_METHOD": "POST",
-                "CONTENT_TYPE": "multipart/form-data; boundary=x",
-                "CONTENT_LENGTH": str(len(FORM)),
-            },
-            input=FORM, user=user, group=user, extra_groups=[], timeout=60,
-        )  # fmt: skip
+        variables = {
+            "TMP": str(self.spool), "REQUEST_METHOD": "POST", "CONTENT_LENGTH": str(len(FORM)),
+            "CONTENT_TYPE": "multipart/form-data; boundary=x",
+        }
+        nobody = {"user": NOBODY, "group": NOBODY, "extra_groups": []}
+        done = subprocess.run([program], env=variables, input=FORM, timeout=60, **nobody)
         self.assertEqual(done.returncode, -9)
+        (upload,) = self.spool.iterdir()
+        return upload
 
     def test_only_root_puts_sockets_into_their_folder_and_everybody_uploads(self):
-        self.apply("--create")
-        self.assert_folder("run/tov", "drwxr-xr-x")
-        self.assert_folder("var/spool/zancgi", "drwx-wx-wt")
-
-    def test_a_folder_that_was_there_before_is_put_right(self):
+        # One that was there before is put right.
         self.spool.mkdir(parents=True)
         os.chown(self.spool, NOBODY, NOBODY)
         self.spool.chmod(0o777)
         self.apply("--create")
-        self.assert_folder("var/spool/zancgi", "drwx-wx-wt")
+        for name, mode in (("run/tov", "drwxr-xr-x"), ("var/spool/zancgi", "drwx-wx-wt")):
+            status = (self.root / name).lstat()
+            self.assertEqual(stat.filemode(status.st_mode), mode)
+            self.assertEqual((status.st_uid, status.st_gid), (0, 0))
 
     def test_an_upload_whose_front_end_was_killed_goes_after_a_day(self):
-        self.apply("--create")
-        self.upload_until_killed(NOBODY)
-        (upload,) = self.spool.iterdir()
+        upload = self.upload_until_killed()
         self.assertRegex(upload.name, r"^zantemp\w{6}$")
         self.assertEqual(upload.read_bytes(), b"text")
         self.apply("--clean", later="23h")
@@ -116,30 +102,22 @@ class TmpfilesTest(unittest.TestCase):
         self.assertEqual(self.left("var/spool/zancgi"), [])
 
     def test_no_other_account_can_touch_an_upload(self):
-        self.apply("--create")
-        self.upload_until_killed(NOBODY)
-        (upload,) = self.spool.iterdir()
-        attempts = (
-            f"import os; os.listdir({str(self.spool)!r})",
-            f"import os; os.unlink({str(upload)!r})",
-            f"import os; os.rename({str(upload)!r}, {str(self.spool / 'zantempAAAAAA')!r})",
+        upload = self.upload_until_killed()
+        for attempt in (
+            f"os.listdir({str(self.spool)!r})", f"os.unlink({str(upload)!r})",
+            f"os.rename({str(upload)!r}, {str(self.spool / 'zantempAAAAAA')!r})",
             f"open({str(upload)!r})",
-        )
-        for attempt in attempts:
+        ):
             with self.subTest(attempt):
-                self.assertRegex(self.as_another(attempt), "PermissionError|not permitted")
+                errors = self.as_another("import os; " + attempt)
+                self.assertRegex(errors, "PermissionError|not permitted")
         self.assertTrue(upload.exists())
-
-    def test_an_upload_on_its_way_to_an_account_is_found_only_where_the_spool_can_be_listed(self):
-        self.apply("--create")
-        self.upload_until_killed(NOBODY)
-        (upload,) = self.spool.iterdir()
+        # On its way to an account it is found only where the spool can be listed.
         upload.chmod(0o644)
         watch = f"import os; [open(each).close() for each in os.scandir({str(self.spool)!r})]"
-        for mode, finds in ((None, False), (0o700, False), (0o1777, True)):
+        for mode, finds in ((0o1733, False), (0o700, False), (0o1777, True)):
             with self.subTest(mode=mode):
-                if mode is not None:
-                    self.spool.chmod(mode)
+                self.spool.chmod(mode)
                 errors = self.as_another(watch)
                 self.assertEqual("PermissionError" not in errors, finds, errors)
 
@@ -178,27 +156,25 @@ class TmpfilesTest(unittest.TestCase):
     others = (
         "home/alice/.tov-AAAAA", "home/alice/.tov-AAAAAAA", "home/alice/tov-AAAAAA",
         "home/alice/mail/.tov-AAAAAA", "home/alice/zantempAAAAAA",
-    )  # fmt: skip
+    )
 
     def left_in_homes(self):
-        return sorted(name for name in (*self.drafts, *self.others) if (self.root / name).exists())
-
-    def test_homes_are_not_the_package_s(self):
-        self.make(*self.drafts, *self.others)
-        self.apply("--create", "--remove", "--clean", "--boot", later="9000h")
-        self.assertEqual(self.left_in_homes(), sorted((*self.drafts, *self.others)))
+        return [name for name in (*self.drafts, *self.others) if (self.root / name).exists()]
 
     def test_a_rule_of_the_administrator_s_clears_homes_of_what_killed_copies_left_at_boot(self):
         self.make(*self.drafts, *self.others)
+        # Homes are not the package's.
+        self.apply("--create", "--remove", "--clean", "--boot", later="9000h")
+        self.assertEqual(self.left_in_homes(), [*self.drafts, *self.others])
         (rule,) = re.findall("^#(r.*)$", RULES["zancgi"].read_text(), re.MULTILINE)
         self.assertIn(f"```tmpfiles\n{rule}\n```", DEPLOYMENT)
         rules = self.root / "etc" / "tmpfiles.d"
         rules.mkdir(parents=True)
         (rules / "homes.conf").write_text(rule + "\n")
         self.apply("--create", "--remove", "--clean", later="9000h")
-        self.assertEqual(self.left_in_homes(), sorted((*self.drafts, *self.others)))
+        self.assertEqual(self.left_in_homes(), [*self.drafts, *self.others])
         self.apply("--remove", "--boot")
-        self.assertEqual(self.left_in_homes(), sorted(self.others))
+        self.assertEqual(self.left_in_homes(), [*self.others])
 
     def test_the_documented_command_finds_what_killed_copies_left_in_homes_a_day_ago(self):
         self.make(*self.drafts, *self.others)

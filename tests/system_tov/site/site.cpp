@@ -3,14 +3,7 @@
 #define SITE_DEFINES_SMALL
 #endif
 
-#include <tov/client.h>
-#include <tov/env.h>
-#include <tov/err.h>
-#include <tov/file.h>
-#include <tov/log.h>
-#include <tov/proc.h>
-#include <tov/str.h>
-#include <tov/xml.h>
+#include <tov/site.h>
 
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -108,18 +101,12 @@ void GetAllEnvs(std::map<std::string, std::string>& variables) {
 
 }  // namespace tov_env
 
-namespace tov_err {
-
-void AssertError::Raise(const char*, int, const char*,
-                        const std::string& message) {
+void tov_err::AssertError::Raise(const char*, int, const char*,
+                                 const std::string& message) {
   std::fprintf(stderr, "site: assertion: %s\n", message.c_str());
 }
 
-}  // namespace tov_err
-
-namespace tov_log {
-
-void Module::Write(Level level, const char* format, ...) {
+void tov_log::Module::Write(Level level, const char* format, ...) {
   std::fprintf(stderr, "site: %s %d: ", name_.c_str(), static_cast<int>(level));
   va_list arguments;
   va_start(arguments, format);
@@ -127,8 +114,6 @@ void Module::Write(Level level, const char* format, ...) {
   va_end(arguments);
   std::fputc('\n', stderr);
 }
-
-}  // namespace tov_log
 
 namespace tov_xml {
 
@@ -153,6 +138,10 @@ XmlNode Xml::GetNode(const std::string& path) const {
 }  // namespace tov_xml
 
 namespace tov_file {
+
+[[noreturn]] static void Fail(const std::string& what) {
+  throw tov_err::Error("site: cannot " + what);
+}
 
 bool Exists(const std::string& path) {
   return ::access(path.c_str(), F_OK) == 0;
@@ -184,23 +173,19 @@ Info::Info(const std::string& path, bool) {
 
 void Attrs::SafeSet(const std::string& path, bool) const {
   if (owner_ != ~0U && ::chown(path.c_str(), owner_, group_) != 0) {
-    throw tov_err::Error("site: cannot give " + path + " away");
+    Fail("give " + path + " away");
   }
   if (::chmod(path.c_str(), static_cast<mode_t>(mode_)) != 0) {
-    throw tov_err::Error("site: cannot set the mode of " + path);
+    Fail("set the mode of " + path);
   }
 }
 
 void MkDir(const std::string& path, const Attrs*) {
-  if (::mkdir(path.c_str(), 0700) != 0) {
-    throw tov_err::Error("site: cannot make " + path);
-  }
+  if (::mkdir(path.c_str(), 0700) != 0) Fail("make " + path);
 }
 
 void Move(const std::string& from, const std::string& to) {
-  if (std::rename(from.c_str(), to.c_str()) != 0) {
-    throw tov_err::Error("site: cannot move " + from);
-  }
+  if (std::rename(from.c_str(), to.c_str()) != 0) Fail("move " + from);
 }
 
 Tmp::Tmp(const std::string& prefix)
@@ -208,11 +193,7 @@ Tmp::Tmp(const std::string& prefix)
 
 }  // namespace tov_file
 
-namespace tov_proc {
-
-void Sleep(unsigned milliseconds) { ::usleep(milliseconds * 1000); }
-
-}  // namespace tov_proc
+void tov_proc::Sleep(unsigned milliseconds) { ::usleep(milliseconds * 1000); }
 
 namespace tov_client {
 

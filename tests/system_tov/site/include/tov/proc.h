@@ -1,7 +1,2 @@
 #pragma once
-
-namespace tov_proc {
-
-void Sleep(unsigned milliseconds);
-
-}  // namespace tov_proc
+#include <tov/site.h>
