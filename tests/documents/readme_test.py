@@ -22,43 +22,35 @@ class ReadmeTest(unittest.TestCase):
     def setUp(self):
         self.folder = self.enterContext(tempfile.TemporaryDirectory())
 
+    def answer(self, document, body="", **environment):
+        """The program's, when the back end gives this one; how often that is asked."""
+        with scripted_back_end(f"{self.folder}/panel.sock", lambda _: [document]) as asked:
+            done = subprocess.run(
+                [os.environ["README_FRONT"]], env={"TOV_RUN_DIR": self.folder, **environment},
+                input=body, capture_output=True, text=True, timeout=60,
+            )
+        return done.stdout, len(asked)
+
     def test_the_program_lists_what_was_sent(self):
-        body = (
-            '--XY\r\nContent-Disposition: form-data; name="file"; filename="a&b"\r\n\r\n12345'
-            "\r\n--XY--\r\n"
-        )
+        disposition = 'Content-Disposition: form-data; name="file"; filename="a&b"'
+        body = f"--XY\r\n{disposition}\r\n\r\n12345\r\n--XY--\r\n"
         environment = {
-            "REQUEST_METHOD": "POST",
-            "CONTENT_TYPE": "multipart/form-data; boundary=XY",
-            "CONTENT_LENGTH": str(len(body)),
-            "TMP": self.folder,
-            "TOV_RUN_DIR": self.folder,
+            "REQUEST_METHOD": "POST", "CONTENT_TYPE": "multipart/form-data; boundary=XY",
+            "CONTENT_LENGTH": str(len(body)), "TMP": self.folder,
         }
-        expected = {
-            "same-origin": "<ul><li>a&amp;b, 5 bytes</ul><p>You are alice.",
-            "cross-site": "<p>This form came from another site.",
-        }
-        for site, page in expected.items():
-            with scripted_back_end(f"{self.folder}/panel.sock", lambda _: [ALICE]):
-                answer = subprocess.run(
-                    [os.environ["README_FRONT"]], env={**environment, "HTTP_SEC_FETCH_SITE": site},
-                    input=body, capture_output=True, text=True, timeout=60,
-                ).stdout
+        for site, page in (
+            ("same-origin", "<ul><li>a&amp;b, 5 bytes</ul><p>You are alice."),
+            ("cross-site", "<p>This form came from another site."),
+        ):
+            answer, _ = self.answer(ALICE, body, HTTP_SEC_FETCH_SITE=site, **environment)
             self.assertTrue(answer.endswith(page), answer)
             self.assertEqual(os.listdir(self.folder), [])
 
     def test_the_program_refuses_a_stranger_as_anybody_else(self):
-        socket = f"{self.folder}/panel.sock"
-        for method in ("GET", "HEAD"):
-            with scripted_back_end(socket, lambda _: [REFUSAL]) as asked:
-                answer = subprocess.run(
-                    [os.environ["README_FRONT"]],
-                    env={"REQUEST_METHOD": method, "TOV_RUN_DIR": self.folder}, capture_output=True,
-                    text=True, timeout=60,
-                ).stdout
-            page = "" if method == "HEAD" else ".*<p>You do not authorized for this operation"
+        for method, page in (("GET", ".*<p>You do not authorized for this operation"), ("HEAD", "")):
+            answer, asked = self.answer(REFUSAL, REQUEST_METHOD=method)
             self.assertRegex(answer, rf"\AStatus: 403 Forbidden\n(?s:.*)\n\n{page}\Z")
-            self.assertEqual(len(asked), 1, method)
+            self.assertEqual(asked, 1, method)
 
     def test_the_program_answers_as_shown(self):
         shown = re.findall(r"^```console\n\$ (.*)\n(.*)\n```$", README, re.MULTILINE)

@@ -100,7 +100,9 @@ class Home(AccountTest):
         sizes = {"report.txt": "1234", ".hidden": "0", name: "0"}
         kinds = {"folder": "folder", "link": "link", "dangling": "link", "pipe": "special"}
         self.assertEqual(self.listing(self.session), {**sizes, **kinds})
-        self.assertNotIn("<script>", self.page(page="home").body)
+        answer = self.page(page="home")
+        self.assertNotIn("<script>", answer.body)
+        self.assert_page(answer, 200, f'<b id="account">{self.account}</b>, user {UID}.')
 
     def test_of_very_many_files_shows_a_part(self):
         self.make_home(0o700)
@@ -111,30 +113,18 @@ class Home(AccountTest):
         self.assertEqual(self.change("delete", *names).status, 303)
         self.assertEqual(len(self.names()), 1)
 
-    def test_shows_whose_it_is(self):
-        answer = self.page(page="home")
-        self.assert_page(answer, 200, f'<b id="account">{self.account}</b>, user {UID}.')
-
     def test_is_json_for_the_script(self):
         (self.home / 'a"\\\n.txt').write_bytes(b"123")
-        (self.home / "folder").mkdir()
         accept = {"Accept": "application/json"}
         answer = self.panel.request(headers=accept, session=self.session, page="home")
         self.assertEqual(answer.headers["Content-Type"], "application/json")
-        entries = {entry["name"]: entry for entry in json.loads(answer.body)["entries"]}
-        self.assertEqual(set(entries), {'a"\\\n.txt', "folder"})
-        self.assertEqual(entries['a"\\\n.txt'], {"name": 'a"\\\n.txt', "kind": "file", "size": 3})
-        self.assertEqual(entries["folder"]["kind"], "folder")
+        (entry,) = json.loads(answer.body)["entries"]
+        self.assertEqual(entry, {"name": 'a"\\\n.txt', "kind": "file", "size": 3})
 
     @needs_root
     def test_is_read_with_the_rights_of_the_account(self):
         self.make_home(0o300)
         self.assertEqual(self.page(page="home").status, 403)
-
-    def test_that_is_not_there(self):
-        self.add_account("/nonexistent")
-        self.assert_turned_away(403, NOT_BECOME)
-        self.assertNotIn("nonexistent", self.page(page="home").body)
 
 
 class Folder(AccountTest):
@@ -249,11 +239,8 @@ class Download(AccountTest):
     def test_of_a_part_and_of_nothing_new(self):
         answer = self.get("file.txt", Range="bytes=2-4")
         self.assertEqual((answer.status, answer.content), (206, b"234"))
-        self.assertEqual(self.get("file.txt", Range="bytes=10-").status, 416)
         tag = answer.headers["ETag"]
         self.assertEqual(self.get("file.txt", **{"If-None-Match": tag}).status, 304)
-        answer = self.get("file.txt", method="HEAD")
-        self.assertEqual((answer.content, answer.headers["Content-Length"]), (b"", "10"))
 
     def test_of_what_is_no_file(self):
         os.mkfifo(self.home / "pipe")
@@ -272,23 +259,20 @@ class Refused(AccountTest):
     def test_user_without_an_account(self):
         self.use_account("")
         self.assert_turned_away(403, "Your user has no system account.")
-
-    def test_account_that_does_not_exist(self):
-        self.use_account("unheard-of")
-        self.assert_turned_away(403, NOT_BECOME)
-
-    def test_root_by_any_name(self):
-        self.add_account("/", uid=0, gid=0)
-        self.assert_turned_away(403, NOT_BECOME)
-        self.panel.accounts.add("root", "/root", uid=0, gid=0)
-        self.use_account("root")
-        self.assert_turned_away(403, NOT_BECOME)
-
-    def test_page_stays_usable(self):
-        self.use_account("")
         answer = self.page(page="home")
         self.assertIn('<a href="/panel">Back to the panel</a>', answer.body)
         self.assertEqual(self.page(page="whoami").status, 200)
+
+    def test_accounts_that_cannot_be(self):
+        """Root by any name is one."""
+        self.panel.accounts.add("root", "/root", uid=0, gid=0)
+        for account in ("unheard-of", "root"):
+            self.use_account(account)
+            self.assert_turned_away(403, NOT_BECOME)
+        for home, ids in (("/", {"uid": 0, "gid": 0}), ("/nonexistent", {})):
+            self.add_account(home, **ids)
+            self.assert_turned_away(403, NOT_BECOME)
+        self.assertNotIn("nonexistent", self.page(page="home").body)
 
 
 class NotBecome(AccountTest):
@@ -315,9 +299,8 @@ class Kept(AccountTest):
     def test_files_are_the_accounts_own(self):
         self.assertEqual(self.upload(file("own.txt", b"content")).status, 303)
         status = (self.home / "own.txt").stat()
-        self.assertEqual((status.st_uid, status.st_gid), (UID, GID))
+        self.assertEqual((status.st_uid, status.st_gid, status.st_nlink), (UID, GID, 1))
         self.assertEqual(stat.S_IMODE(status.st_mode), 0o600)
-        self.assertEqual(status.st_nlink, 1)
         self.assertEqual((self.home / "own.txt").read_bytes(), b"content")
         self.assertEqual(self.listing(self.session), {"own.txt": "7"})
 
@@ -332,11 +315,11 @@ class Kept(AccountTest):
         self.assert_page(answer, 409, there.strip())
         self.assertNotIn("zantemp", answer.body)
         self.assertEqual(self.names(), {"new", *names})
-        self.assertEqual((self.home / "file").read_bytes(), b"before")
+        for path, content in (("file", b"before"), ("new", b"new")):
+            self.assertEqual((self.home / path).read_bytes(), content)
         self.assertTrue((self.home / "dangling").is_symlink())
         self.assertFalse(outside.exists())
         self.assertEqual(list((self.home / "directory").iterdir()), [])
-        self.assertEqual((self.home / "new").read_bytes(), b"new")
 
     def test_names_of_clients_stay_in_the_home(self):
         unchanged = ("-rf", "Жук 世.txt", "<b>bold<|b>.txt", "x" * 255)
@@ -353,18 +336,15 @@ class Kept(AccountTest):
             self.assertEqual((self.home / name).read_bytes(), sent.encode())
         self.assertEqual(set(self.home.parent.iterdir()), beside)
 
-    def test_names_that_cannot_be(self):
+    def test_names_that_cannot_be_or_come_twice(self):
+        same = (file("a/same", b"first"), file("b/same", b"second"))
+        self.assertEqual(self.upload(*same).status, 409)
+        self.assertEqual((self.home / "same").read_bytes(), b"first")
         names = {"a/": "it has no name", "y" * 256: "File name too long"}
-        before = set(self.home.iterdir())
         answer = self.upload(*(file(name, b"1") for name in names))
         problems = "".join(f"'{name}': {reason}. " for name, reason in names.items())
         self.assert_page(answer, 409, problems.strip())
-        self.assertEqual(set(self.home.iterdir()), before)
-
-    def test_of_two_that_would_have_one_name_the_first(self):
-        answer = self.upload(file("a/same", b"first"), file("b/same", b"second"))
-        self.assertEqual(answer.status, 409)
-        self.assertEqual((self.home / "same").read_bytes(), b"first")
+        self.assertEqual(self.names(), {"same"})
 
     @needs_root
     def test_nothing_where_the_account_may_not_write(self):

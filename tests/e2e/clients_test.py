@@ -76,17 +76,13 @@ class FormClient:
 
     def test_form_arrives_as_sent(self):
         contents = (b"", b"one\ntwo", bytes(range(14, 256)) * 5000, b"last")
-        files = [
-            self.make_file(f"file {number}", content) for number, content in enumerate(contents)
-        ]
         text = "1 < 2 & b=c; 100 % + \u00fc"
+        files, parts = [], [Field(b"note", text.encode())]
+        for number, content in enumerate(contents):
+            files.append(self.make_file(f"file {number}", content))
+            parts.append(Upload(b"upload%d" % number, b"file %d" % number, content))
         record = self.exchange_form(text, files)
-        uploads = [
-            Upload(b"upload%d" % number, b"file %d" % number, content)
-            for number, content in enumerate(contents)
-        ]
-        sent = Form(Field(b"note", text.encode()), *uploads).as_sent()
-        self.assertEqual(record.received(), sent)
+        self.assertEqual(record.received(), Form(*parts).as_sent())
 
     def test_odd_names_and_line_ends_arrive_as_known(self):
         """Of each file its name, how it is sent, and the name received: none, if the

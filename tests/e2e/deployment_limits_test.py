@@ -134,7 +134,7 @@ class LimitTest(unittest.TestCase):
     def setUpClass(cls):
         slow_runs()
 
-    def check_each(self, action, kinds, check):
+    def check_each(self, action, check, kinds=deployment.SITES + deployment.OTHER_SITES):
         for kind in kinds:
             with self.subTest(kind.__name__, action=action):
                 check(kind, slow_runs()[kind, action].result())
@@ -150,7 +150,7 @@ class LimitTest(unittest.TestCase):
             self.assertIn(run.status, STATUSES_AT_THE_END[kind])
 
         for action in ("wait", "wait_stubbornly"):
-            self.check_each(action, deployment.SITES, check)
+            self.check_each(action, check, deployment.SITES)
 
     def test_a_program_that_spins_is_ended_by_its_processor_time(self):
         def check(kind, run):
@@ -160,7 +160,7 @@ class LimitTest(unittest.TestCase):
             self.assertIn(run.status, STATUSES_AT_THE_END[kind])
             self.assertTrue(run.has_ended)
 
-        self.check_each("spin", deployment.SITES, check)
+        self.check_each("spin", check, deployment.SITES)
 
     @deployment.needs_root
     def test_one_that_has_become_an_account_and_never_ends_is_ended(self):
@@ -171,18 +171,17 @@ class LimitTest(unittest.TestCase):
             self.assertEqual((run.announced, run.received), (DOWNLOAD, DOWNLOAD))
             self.assertGreater(run.seconds, TIME_LIMIT)
 
-        self.check_each("download", deployment.SITES + deployment.OTHER_SITES, check)
+        self.check_each("download", check)
 
     def test_a_slow_client_gets_a_page_as_far_as_the_time_goes(self):
         def check(kind, run):
             self.assertEqual(run.announced, DOWNLOAD)
             self.assertEqual(run.received < DOWNLOAD, kind in ENDING_SLOW_DOWNLOADS)
 
-        self.check_each("page", deployment.SITES + deployment.OTHER_SITES, check)
+        self.check_each("page", check)
 
     def test_a_client_that_takes_nothing_keeps_no_front_end(self):
-        kinds = deployment.SITES + deployment.OTHER_SITES
-        self.check_each("stall", kinds, lambda _, run: self.assertTrue(run.has_ended))
+        self.check_each("stall", lambda _, run: self.assertTrue(run.has_ended))
 
     def test_a_post_that_never_ends_is_ended_by_apache_and_given_up_by_nginx(self):
         """The launcher gives it an hour, and the server less."""

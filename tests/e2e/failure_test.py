@@ -45,10 +45,8 @@ class FailureTest(PanelTest):
     def test_back_end_that_is_away(self):
         with self.panel.back_end_away():
             self.assert_no_answer(self.whoami())
-        self.assertIn(
-            f"cannot connect to the back end at '{self.panel.socket}'",
-            self.panel.logs()["front.log"],
-        )
+        reason = f"cannot connect to the back end at '{self.panel.socket}'"
+        self.assertIn(reason, self.panel.logs()["front.log"])
         self.assertEqual(self.whoami().status, 200)
 
     def test_back_end_that_is_killed_and_started_again(self):

@@ -131,9 +131,8 @@ class ScalingTest(SiteTest):
 
     def test_a_back_end_hangs_and_goes_on(self):
         send = self.back_end.service.signal
-        longest, repeated = self.lose_and_regain(
-            lambda: send(signal.SIGSTOP), lambda: send(signal.SIGCONT)
-        )
+        stops, goes_on = (lambda: send(signal.SIGSTOP)), (lambda: send(signal.SIGCONT))
+        longest, repeated = self.lose_and_regain(stops, goes_on)
         # Some have waited for it, and then have been sent elsewhere.
         self.assertGreater(longest, 1)
         self.assertGreater(repeated, 0)
@@ -177,34 +176,26 @@ class DocumentTest(unittest.TestCase):
         self.assertEqual(done.stdout, CHECK.hex())
 
     def test_systemd_understands_the_drop_ins(self):
-        with tempfile.TemporaryDirectory(prefix="units-") as folder:
-            for path, text in shown_units():
+        folder = self.enterContext(tempfile.TemporaryDirectory(prefix="units-"))
+        units = r"^```systemd /etc/systemd/system/(\S+)\n(.*?)^```"
+        for name in ("deployment", "scaling"):
+            for path, text in re.findall(units, document(name), re.S | re.M):
                 file = pathlib.Path(folder, path)
                 file.parent.mkdir(exist_ok=True)
                 file.write_text(text)
-            shutil.copy("/lib/systemd/system/haproxy.service", folder)
-            done = subprocess.run(
-                ["systemd-analyze", "verify", "panel-backend.socket", "haproxy.service"],
-                env={**os.environ, "SYSTEMD_UNIT_PATH": f"{folder}:"}, capture_output=True,
-                text=True, check=False,
-            )
+        shutil.copy("/lib/systemd/system/haproxy.service", folder)
+        environment = {**os.environ, "SYSTEMD_UNIT_PATH": f"{folder}:"}
+        command = ["systemd-analyze", "verify", "panel-backend.socket", "haproxy.service"]
+        done = subprocess.run(command, env=environment, capture_output=True, text=True)
         complaints = [line for line in done.stderr.splitlines() if folder in line]
         self.assertEqual(complaints, [])
 
 
-def shown_units():
-    """Paths below systemd's folder, and texts."""
-    pattern = r"^```systemd /etc/systemd/system/(\S+)\n(.*?)^```"
-    for name in ("deployment", "scaling"):
-        yield from re.findall(pattern, document(name), re.S | re.M)
-
-
 class FiguresTest(unittest.TestCase):
     def test_each_part_of_the_measuring_runs(self):
-        done = subprocess.run(
-            [sys.executable, "-B", SOURCE / "bench" / "scaling" / "scaling_figures.py", "--quick"],
-            capture_output=True, text=True, timeout=300,
-        )
+        script = SOURCE / "bench" / "scaling" / "scaling_figures.py"
+        command = [sys.executable, "-B", script, "--quick"]
+        done = subprocess.run(command, capture_output=True, text=True, timeout=300)
         self.assertEqual(done.returncode, 0, done.stderr)
         for figure in (
             "bytes a session in the store", "processor microseconds a whoami",
@@ -271,15 +262,9 @@ class SecureScalingTest(SiteTest):
 
     def answer_to(self, certificate):
         identity = ["-cert", certificate] if certificate else []
-        done = subprocess.run(
-            [
-                *self.back_end.host.enter,
-                *("openssl", "s_client", "-quiet", "-connect", self.back_end.public_address),
-                *("-CAfile", self.site.authority, *identity),
-            ],
-            input=CHECK, capture_output=True, timeout=30, check=False,
-        )
-        return done.stdout
+        connect = ("openssl", "s_client", "-quiet", "-connect", self.back_end.public_address)
+        command = [*self.back_end.host.enter, *connect, "-CAfile", self.site.authority, *identity]
+        return subprocess.run(command, input=CHECK, capture_output=True, timeout=30).stdout
 
 
 if __name__ == "__main__":

@@ -33,21 +33,21 @@ plain::Request RecordedRequest(const std::string& folder) {
 
 std::string Report(const plain::Outcome& outcome, const std::string& folder) {
   if (outcome.spins) return "spins\n";
-  if (!outcome.error.empty()) return upload_report::ErrorLine(outcome.error);
+  if (!outcome.error.empty()) return ReportLine("error", {outcome.error});
   std::string report;
   for (const auto& [name, value] : outcome.params) {
-    report += upload_report::ParamLine(name, value);
+    report += ReportLine("param", {name, value});
   }
   std::int64_t size = 0;
   std::size_t number = 0;
   for (const auto& [name, file] : outcome.files) {
-    report += upload_report::FileLine(name);
+    report += ReportLine("file", {name});
     size += file.size;
     std::ofstream(folder + "/predicted-" + std::to_string(number++),
                   std::ios::binary)
         << file.content;
   }
-  return report + upload_report::SizeLine(size);
+  return report + ReportLine("size", {std::to_string(size)});
 }
 
 }  // namespace

@@ -87,7 +87,7 @@ std::string ReportParams(Cgi& cgi) {
   std::vector<std::string> names;
   cgi.GetParams(names);
   for (const std::string& name : names) {
-    report += upload_report::ParamLine(name, cgi.Param(name));
+    report += ReportLine("param", {name, cgi.Param(name)});
   }
   return report;
 }
@@ -98,11 +98,11 @@ std::string ReportFiles(Cgi& cgi, const std::string& folder) {
   std::vector<std::string> names;
   cgi.GetFileNames(names);
   for (std::size_t i = 0; i < names.size(); ++i) {
-    report += upload_report::FileLine(names[i]);
+    report += ReportLine("file", {names[i]});
     std::filesystem::rename(cgi.File(names[i]),
                             folder + "/file-" + std::to_string(i));
   }
-  return report + upload_report::SizeLine(cgi.GetFileSize());
+  return report + ReportLine("size", {std::to_string(cgi.GetFileSize())});
 }
 
 std::string ReceiveRequest(const char* program, const std::string& folder) {
@@ -138,6 +138,6 @@ int main(int argc, char** argv) {
   try {
     Answer("200 OK", ReceiveRequest(argc > 0 ? argv[0] : "", folder));
   } catch (const std::exception& error) {
-    Answer("500 Internal Server Error", upload_report::ErrorLine(error.what()));
+    Answer("500 Internal Server Error", ReportLine("error", {error.what()}));
   }
 }

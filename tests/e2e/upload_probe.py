@@ -52,13 +52,13 @@ def parse_report(report, folder, stem, read=digest_of_file):
     received = Received()
     for line in report.splitlines():
         kind, *words = line.split()
-        texts = [bytes.fromhex(word[1:]) for word in words if word.startswith("x")]
+        texts = [bytes.fromhex(word[1:]) for word in words]
         if kind == "param":
             received.params[texts[0]] = texts[1]
         elif kind == "file":
             received.files[texts[0]] = read(folder / f"{stem}-{len(received.files)}")
         elif kind == "size":
-            received.size = int(words[0])
+            received.size = int(texts[0])
         else:
             received.error = texts[0]
     return received
@@ -180,7 +180,7 @@ class Probe:
 
     @contextlib.contextmanager
     def connection(self):
-        connection = http.client.HTTPConnection(self.server.host, self.server.port, timeout=120)
+        connection = http.client.HTTPConnection(*self.server.address, timeout=120)
         connection.connect()
         connection.sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         try:
@@ -192,37 +192,30 @@ class Probe:
 @dataclasses.dataclass
 class Field:
     name: bytes
-    value: bytes
+    content: bytes
 
     def header(self):
         return b'Content-Disposition: form-data; name="%s"' % self.name
 
-    def content(self):
-        return self.value
-
     def add_to(self, received):
-        received.params[self.name] = self.value.replace(b"\r\n", b"\n")
+        received.params[self.name] = self.content.replace(b"\r\n", b"\n")
 
 
 @dataclasses.dataclass
 class Upload:
     name: bytes
     file_name: bytes
-    data: bytes
+    content: bytes
 
     def header(self):
         disposition = b'Content-Disposition: form-data; name="%s"; filename="%s"'
-        return disposition % (self.name, self.file_name) + (
-            b"\r\nContent-Type: application/octet-stream"
-        )
-
-    def content(self):
-        return self.data
+        kind = b"\r\nContent-Type: application/octet-stream"
+        return disposition % (self.name, self.file_name) + kind
 
     def add_to(self, received):
         received.params[self.name] = self.file_name
-        received.files[self.file_name] = digest(self.data)
-        received.size += len(self.data)
+        received.files[self.file_name] = digest(self.content)
+        received.size += len(self.content)
 
 
 class Form:
@@ -231,7 +224,7 @@ class Form:
 
     def body(self, boundary):
         pieces = [
-            b"--%s\r\n%s\r\n\r\n%s\r\n" % (boundary, part.header(), part.content())
+            b"--%s\r\n%s\r\n\r\n%s\r\n" % (boundary, part.header(), part.content)
             for part in self.parts
         ]
         return b"".join(pieces) + b"--%s--\r\n" % boundary
