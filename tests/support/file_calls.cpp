@@ -53,12 +53,6 @@ void WatchFileCalls(FileCallWatcher watcher) {
   delete before;
 }
 
-}  // namespace support
-
-using support::CallReal;
-using support::IsLet;
-using support::Pass;
-
 // Under a name of its own, since it takes the mode like any other argument,
 // which comes the same way.
 extern "C" int WatchedOpen(const char* file, int oflag,
@@ -162,3 +156,5 @@ extern "C" int renameat2(int oldfd, const char* from, int newfd, const char* to,
                          unsigned flags) noexcept {
   return Pass<int>("renameat2", from, oldfd, from, newfd, to, flags);
 }
+
+}  // namespace support

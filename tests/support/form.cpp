@@ -29,15 +29,17 @@ std::string Upload(const std::string& name, const std::string& file_name,
 
 Child Post(const std::string& declared_length,
            const std::string& content_type) {
-  Child child;
-  child.Env("REQUEST_METHOD", "POST")
+  return Child()
+      .Env("REQUEST_METHOD", "POST")
       .Env("CONTENT_TYPE", content_type)
       .Env("CONTENT_LENGTH", declared_length);
-  return child;
 }
 
-Child PostOf(const std::string& body, const std::string& content_type) {
-  return Post(std::to_string(body.size()), content_type);
+Child PostOf(const std::string& body, const std::string& content_type,
+             Child child) {
+  return child.Env("REQUEST_METHOD", "POST")
+      .Env("CONTENT_TYPE", content_type)
+      .Env("CONTENT_LENGTH", std::to_string(body.size()));
 }
 
 }  // namespace support

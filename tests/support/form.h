@@ -14,6 +14,8 @@ using zan_cgi::testing::Child;
 
 /// The content type that announces the boundary.
 inline constexpr char kForm[] = "multipart/form-data; boundary=XY";
+/// The content type of a form without a boundary.
+inline constexpr char kEncoded[] = "application/x-www-form-urlencoded";
 /// The closing boundary line, after the last part.
 inline constexpr char kFormEnd[] = "--XY--\r\n";
 
@@ -30,8 +32,9 @@ std::string Upload(const std::string& name, const std::string& file_name,
 /// A process that serves a POST which declares this many bytes.
 Child Post(const std::string& declared_length,
            const std::string& content_type = kForm);
-/// A process that serves a POST of this body.
-Child PostOf(const std::string& body, const std::string& content_type = kForm);
+/// This process, made to serve a POST of this body.
+Child PostOf(const std::string& body, const std::string& content_type = kForm,
+             Child child = Child());
 
 }  // namespace support
 

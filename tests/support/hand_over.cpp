@@ -1,27 +1,15 @@
 #include "support/hand_over.h"
 
 #include <dlfcn.h>
-#include <gtest/gtest.h>
 #include <pwd.h>
-#include <unistd.h>
-#include <zancgi/testing/identity.h>
-#include <zancgi/zancgi.h>
 
-#include <algorithm>
 #include <exception>
-#include <filesystem>
 #include <sstream>
-#include <stdexcept>
-#include <utility>
 
 #include "support/switch.h"
 
-namespace fs = std::filesystem;
-
 namespace support {
 namespace {
-
-using zan_cgi::testing::IsRoot;
 
 constexpr char kOtherFileSystem[] = "/dev/shm";
 
@@ -43,16 +31,7 @@ void Give(const std::string& path, const Account& account) {
   }
 }
 
-std::vector<std::string> NamesIn(const std::string& folder) {
-  std::vector<std::string> names;
-  for (const auto& entry : fs::directory_iterator(folder)) {
-    names.push_back(entry.path().filename());
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-void TellRecord(const Reporter& report, const zan_cgi::Cgi::Data& record) {
+void TellRecord(const Reporter& report, const Cgi::Data& record) {
   for (const auto& [name, file] : record.files) {
     report("path of " + name, file.path);
     report("size of " + name, std::to_string(file.size));
@@ -61,7 +40,7 @@ void TellRecord(const Reporter& report, const zan_cgi::Cgi::Data& record) {
 
 void HandOverInChild(const std::vector<Stored>& files, const HandOverCall& call,
                      const Reporter& report) {
-  zan_cgi::Cgi::Data record;
+  Cgi::Data record;
   for (const Stored& file : files) {
     record.files[file.name] = {file.path, file.size};
   }
@@ -138,9 +117,9 @@ std::string Owners::MakeUpload(const std::string& name,
   return path;
 }
 
-std::vector<std::string> Owners::InHome() const { return NamesIn(home_); }
+Strings Owners::InHome() const { return NamesIn(home_); }
 
-std::vector<std::string> Owners::InSpool() const { return NamesIn(Spool()); }
+Strings Owners::InSpool() const { return NamesIn(Spool()); }
 
 std::string Owners::AttributesBefore() const {
   return Attributes(::geteuid(), ::getegid(), 0600);
@@ -159,7 +138,7 @@ HandedOver HandOver(const Owners& owners, const std::vector<Stored>& files,
     HandOverInChild(files, call, report);
   });
   EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
-  EXPECT_EQ(outcome.leaked_descriptors, std::vector<std::string>{});
+  EXPECT_EQ(outcome.leaked_descriptors, Strings{});
   HandedOver result;
   result.error_type = outcome.error_type;
   result.error = outcome.error;
@@ -171,14 +150,14 @@ HandedOver HandOver(const Owners& owners, const std::vector<Stored>& files,
   return result;
 }
 
-}  // namespace support
-
 extern "C" passwd* getpwnam(const char* name) {
   using Function = passwd* (*)(const char*);
   static passwd found;
-  if (support::only_account == nullptr) {
+  if (only_account == nullptr) {
     return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, "getpwnam"))(name);
   }
-  found = support::EntryOf(*support::only_account);
-  return support::only_account->name == name ? &found : nullptr;
+  found = EntryOf(*only_account);
+  return only_account->name == name ? &found : nullptr;
 }
+
+}  // namespace support

@@ -7,23 +7,10 @@
 #ifndef ZANCGI_TESTS_SUPPORT_HAND_OVER_H
 #define ZANCGI_TESTS_SUPPORT_HAND_OVER_H
 
-#include <sys/stat.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/scratch.h>
-
-#include <cstdint>
-#include <functional>
-#include <map>
-#include <string>
-#include <vector>
-
 #include "support/account.h"
+#include "support/test.h"
 
 namespace support {
-
-using zan_cgi::testing::Child;
-using zan_cgi::testing::LogLine;
-using zan_cgi::testing::Scratch;
 
 /// The only account that getpwnam(3) knows in this process from now on. Call
 /// it in a child only.
@@ -50,10 +37,10 @@ struct HandedOver {
   std::string error_type;
   std::string error;
   /// What is recorded for each upload, by the client's name.
-  std::map<std::string, std::string> paths;
-  std::map<std::string, std::string> sizes;
+  Texts paths;
+  Texts sizes;
   /// From the hand-over on; "zancgi_unix.cpp:N" for source name and line.
-  std::vector<LogLine> log;
+  Lines log;
 };
 
 /// The folder "spool", in which uploads lie, and the account "visitor" with its
@@ -78,8 +65,8 @@ class Owners {
   /// Makes a file of mode 0600 in the spool folder and returns its path.
   std::string MakeUpload(const std::string& name,
                          const std::string& content = "x") const;
-  std::vector<std::string> InHome() const;
-  std::vector<std::string> InSpool() const;
+  Strings InHome() const;
+  Strings InSpool() const;
 
   /// Of a file that has not been handed over, and of one that has.
   std::string AttributesBefore() const;

@@ -1,20 +1,12 @@
 #include "support/switch.h"
 
 #include <grp.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-#include <zancgi/testing/identity.h>
-#include <zancgi/zancgi.h>
 
-#include <filesystem>
 #include <regex>
-#include <stdexcept>
 
 namespace support {
 namespace {
 
-using zan_cgi::testing::Child;
-using zan_cgi::testing::IsRoot;
 using zan_cgi::testing::Mark;
 
 constexpr char kSwitchBegins[] = "the switch begins";
@@ -22,7 +14,7 @@ constexpr char kSwitchBegins[] = "the switch begins";
 }  // namespace
 
 Machine::Machine() {
-  std::filesystem::permissions(Path(), std::filesystem::perms{0755});
+  fs::permissions(Path(), fs::perms{0755});
   for (const char* name : {"home/www", "start/www", "other"}) MakeDir(name);
   Give("home");
   Give("home/www");
@@ -67,17 +59,25 @@ void TellIdentity(const Reporter& report, const Identity& identity) {
   report("work dir", identity.work_dir);
 }
 
+Identity IdentityIn(Outcome& outcome) {
+  return {outcome.reported["users"], outcome.reported["groups"],
+          outcome.reported["supplementary"], outcome.reported["root"],
+          outcome.reported["work dir"]};
+}
+
+ino_t InodeOf(const std::string& path) {
+  struct stat status {};
+  EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
+  return status.st_ino;
+}
+
 Switched SwitchedOf(Outcome& outcome) {
   EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
-  EXPECT_EQ(outcome.leaked_descriptors, std::vector<std::string>{});
+  EXPECT_EQ(outcome.leaked_descriptors, Strings{});
   EXPECT_TRUE(outcome.error_type.empty() ||
               outcome.error_type == "std::runtime_error")
       << outcome.error_type;
-  return {{outcome.reported["users"], outcome.reported["groups"],
-           outcome.reported["supplementary"], outcome.reported["root"],
-           outcome.reported["work dir"]},
-          outcome.error,
-          LinesOfTheSwitch(outcome.log)};
+  return {IdentityIn(outcome), outcome.error, LinesOfTheSwitch(outcome.log)};
 }
 
 Switched Switch(const Machine& machine, const Call& call,
@@ -91,7 +91,7 @@ Switched Switch(const Machine& machine, const Call& call,
         }
         prepare();
         Observer observer;
-        zan_cgi::Cgi::Data request;
+        Cgi::Data request;
         MarkSwitch();
         try {
           request.DoSu(call.user, call.dir, call.use_chroot, call.use_pam);

@@ -3,25 +3,15 @@
 #ifndef ZANCGI_TESTS_SUPPORT_SWITCH_H
 #define ZANCGI_TESTS_SUPPORT_SWITCH_H
 
-#include <gtest/gtest.h>
 #include <sys/types.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/scratch.h>
 
 #include <functional>
 #include <string>
-#include <vector>
 
 #include "support/account.h"
+#include "support/test.h"
 
 namespace support {
-
-using zan_cgi::testing::LogLine;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::Reporter;
-using zan_cgi::testing::Scratch;
-
-using Lines = std::vector<LogLine>;
 
 /// The account "visitor": three different numbers, and a group besides.
 constexpr uid_t kVisitor = 54321;
@@ -95,6 +85,12 @@ Lines LinesOfTheSwitch(const Lines& log);
 
 /// Has SwitchedOf() find this identity.
 void TellIdentity(const Reporter& report, const Identity& identity);
+
+/// That identity.
+Identity IdentityIn(Outcome& outcome);
+
+/// The number of a file; fails the test when there is none.
+ino_t InodeOf(const std::string& path);
 
 /// Of a child that has marked its switch and told its identity. Expects that it
 /// has ended well, or with a std::runtime_error, and left no descriptor open.

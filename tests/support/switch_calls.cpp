@@ -97,15 +97,33 @@ void Alter(const std::string& call, void* answer) {
   if (alteration != recorded->alterations.end()) alteration->second(answer);
 }
 
-/// For a call that only root may make.
-/// @param arguments  as they are recorded, each after a blank
+/// The same, made by this function.
 template <class... Arguments>
-int Privileged(const std::string& function, const std::string& recorded_as,
-               Arguments... arguments) {
+int Passed(const std::string& line, const char* function,
+           Arguments... arguments) {
+  return Recorded(line, [&] { return CallReal<int>(function, arguments...); });
+}
+
+std::string Blank(const std::string& argument) { return " " + argument; }
+std::string Blank(unsigned long argument) {
+  return " " + std::to_string(argument);
+}
+
+/// For a call that only root may make.
+template <class... Arguments>
+int PrivilegedAs(const std::string& line, const char* function,
+                 Arguments... arguments) {
   const bool pretend = recorded != nullptr && recorded->pretend;
-  return Recorded(function + recorded_as, [&] {
-    return pretend ? 0 : CallReal<int>(function.c_str(), arguments...);
+  return Recorded(line, [&] {
+    return pretend ? 0 : CallReal<int>(function, arguments...);
   });
+}
+
+/// The same, recorded with its arguments.
+template <class... Arguments>
+int Privileged(const std::string& function, Arguments... arguments) {
+  return PrivilegedAs((function + ... + Blank(arguments)), function.c_str(),
+                      arguments...);
 }
 
 /// For a function of PAM that gives a code.
@@ -119,11 +137,6 @@ int PamCall(const std::string& function, const std::string& recorded_as,
   const int failure = Enter(function + recorded_as);
   if (failure != 0) return failure;
   return recorded->pretend ? PAM_SUCCESS : Make(real);
-}
-
-std::string Blank(const std::string& argument) { return " " + argument; }
-std::string Blank(unsigned long argument) {
-  return " " + std::to_string(argument);
 }
 
 std::string Joined(const gid_t* groups, std::size_t count) {
@@ -217,54 +230,41 @@ std::string FchdirTo(const std::string& path) {
   return FchdirToInode(directory);
 }
 
-}  // namespace support
-
-using support::Blank;
-using support::CallReal;
-using support::PamCall;
-using support::Privileged;
-using support::recorded;
-using support::Recorded;
-
 extern "C" passwd* getpwnam(const char* name) {
   const auto real = [&] { return CallReal<passwd*>("getpwnam", name); };
   if (recorded == nullptr) return real();
-  if (support::Enter("getpwnam" + Blank(name)) != 0) return nullptr;
-  return recorded->pretend ? support::PretendedEntry(name)
-                           : support::Make(real);
+  if (Enter("getpwnam" + Blank(name)) != 0) return nullptr;
+  return recorded->pretend ? PretendedEntry(name) : Make(real);
 }
 
 extern "C" hostent* gethostbyname(const char* name) {
   const auto real = [&] { return CallReal<hostent*>("gethostbyname", name); };
   if (recorded == nullptr) return real();
-  support::Enter("gethostbyname" + Blank(name));
-  return recorded->pretend ? nullptr : support::Make(real);
+  Enter("gethostbyname" + Blank(name));
+  return recorded->pretend ? nullptr : Make(real);
 }
 
 extern "C" int getgrouplist(const char* user, gid_t group, gid_t* groups,
                             int* ngroups) {
   const bool pretend = recorded != nullptr && recorded->pretend;
-  const support::Answers* const answers = recorded;
+  const Answers* const answers = recorded;
   return Recorded("getgrouplist" + Blank(user) + Blank(group), [&] {
     return pretend
-               ? support::PretendedGroups(answers->groups, group, groups,
-                                          ngroups)
+               ? PretendedGroups(answers->groups, group, groups, ngroups)
                : CallReal<int>("getgrouplist", user, group, groups, ngroups);
   });
 }
 
 extern "C" int chroot(const char* path) noexcept {
-  return Privileged("chroot", Blank(path), path);
+  return Privileged("chroot", path);
 }
 
 extern "C" int chdir(const char* path) noexcept {
-  return Recorded("chdir" + Blank(path),
-                  [&] { return CallReal<int>("chdir", path); });
+  return Passed("chdir" + Blank(path), "chdir", path);
 }
 
 extern "C" int fchdir(int fd) noexcept {
-  return Recorded(support::FchdirOf(fd),
-                  [&] { return CallReal<int>("fchdir", fd); });
+  return Passed(FchdirOf(fd), "fchdir", fd);
 }
 
 // Under a name of its own, since its own is the C library's alone.
@@ -274,68 +274,56 @@ extern "C" int RecordedConfigureLookup(
 
 extern "C" int RecordedConfigureLookup(const char* database,
                                        const char* services) {
-  return Privileged("__nss_configure_lookup", Blank(database) + Blank(services),
-                    database, services);
+  return Privileged("__nss_configure_lookup", database, services);
 }
 
 extern "C" int initgroups(const char* user, gid_t group) {
-  return Privileged("initgroups", Blank(user) + Blank(group), user, group);
+  return Privileged("initgroups", user, group);
 }
 
 extern "C" int setgroups(std::size_t n, const gid_t* groups) noexcept {
-  return Privileged("setgroups", support::Joined(groups, n), n, groups);
+  return PrivilegedAs("setgroups" + Joined(groups, n), "setgroups", n, groups);
 }
 
-extern "C" int setgid(gid_t gid) noexcept {
-  return Privileged("setgid", Blank(gid), gid);
-}
+extern "C" int setgid(gid_t gid) noexcept { return Privileged("setgid", gid); }
 
-extern "C" int setuid(uid_t uid) noexcept {
-  return Privileged("setuid", Blank(uid), uid);
-}
+extern "C" int setuid(uid_t uid) noexcept { return Privileged("setuid", uid); }
 
 extern "C" int seteuid(uid_t uid) noexcept {
-  return Privileged("seteuid", Blank(uid), uid);
+  return Privileged("seteuid", uid);
 }
 
 extern "C" int setresuid(uid_t ruid, uid_t euid, uid_t suid) noexcept {
-  return Privileged("setresuid", Blank(ruid) + Blank(euid) + Blank(suid), ruid,
-                    euid, suid);
+  return Privileged("setresuid", ruid, euid, suid);
 }
 
 extern "C" int setresgid(gid_t rgid, gid_t egid, gid_t sgid) noexcept {
-  return Privileged("setresgid", Blank(rgid) + Blank(egid) + Blank(sgid), rgid,
-                    egid, sgid);
+  return Privileged("setresgid", rgid, egid, sgid);
 }
 
 extern "C" int getresuid(uid_t* ruid, uid_t* euid, uid_t* suid) noexcept {
-  return Recorded("getresuid",
-                  [&] { return CallReal<int>("getresuid", ruid, euid, suid); });
+  return Passed("getresuid", "getresuid", ruid, euid, suid);
 }
 
 extern "C" int getresgid(gid_t* rgid, gid_t* egid, gid_t* sgid) noexcept {
-  return Recorded("getresgid",
-                  [&] { return CallReal<int>("getresgid", rgid, egid, sgid); });
+  return Passed("getresgid", "getresgid", rgid, egid, sgid);
 }
 
 extern "C" int getgroups(int size, gid_t* list) noexcept {
-  const int count = Recorded(
-      "getgroups", [&] { return CallReal<int>("getgroups", size, list); });
-  support::Alter("getgroups", list);
+  const int count = Passed("getgroups", "getgroups", size, list);
+  Alter("getgroups", list);
   return count;
 }
 
 extern "C" int capget(cap_user_header_t header, cap_user_data_t data) noexcept {
-  const int result =
-      Recorded("capget", [&] { return CallReal<int>("capget", header, data); });
-  support::Alter("capget", data);
+  const int result = Passed("capget", "capget", header, data);
+  Alter("capget", data);
   return result;
 }
 
 extern "C" int capset(cap_user_header_t header,
                       const cap_user_data_t data) noexcept {
-  return Recorded("capset",
-                  [&] { return CallReal<int>("capset", header, data); });
+  return Passed("capset", "capset", header, data);
 }
 
 extern "C" int prctl(int option, ...) noexcept {
@@ -355,24 +343,22 @@ extern "C" int prctl(int option, ...) noexcept {
 }
 
 extern "C" int unlinkat(int fd, const char* name, int flag) noexcept {
-  return Recorded("unlinkat",
-                  [&] { return CallReal<int>("unlinkat", fd, name, flag); });
+  return Passed("unlinkat", "unlinkat", fd, name, flag);
 }
 
 extern "C" int stat(const char* file, struct stat* buf) noexcept {
-  return Recorded("stat" + Blank(file),
-                  [&] { return CallReal<int>("stat", file, buf); });
+  return Passed("stat" + Blank(file), "stat", file, buf);
 }
 
 extern "C" int statfs64(const char* file, struct statfs64* buf) noexcept {
   // Not to be found while the call is made.
-  const support::Answers* const told = recorded;
+  const Answers* const told = recorded;
   return Recorded("statfs" + Blank(file), [&] {
     const int result = CallReal<int>("statfs64", file, buf);
     if (told == nullptr) return result;
     if (told->file_system != 0) buf->f_type = told->file_system;
     if (told->free_blocks >= 0) {
-      support::SetFreeBlocks(told->free_blocks, buf);
+      SetFreeBlocks(told->free_blocks, buf);
     }
     return result;
   });
@@ -382,42 +368,40 @@ extern "C" int pam_start(const char* service_name, const char* user,
                          const pam_conv* pam_conversation,
                          pam_handle_t** pamh) {
   static char meaningless;
-  const int result = PamCall("pam_start",
-                             Blank(service_name) + Blank(user) +
-                                 Blank(support::Conversation(pam_conversation)),
-                             service_name, user, pam_conversation, pamh);
+  const int result = PamCall(
+      "pam_start",
+      Blank(service_name) + Blank(user) + Blank(Conversation(pam_conversation)),
+      service_name, user, pam_conversation, pamh);
   if (recorded == nullptr) return result;
   // A start that fails may leave anything here.
   if (recorded->pretend) *pamh = reinterpret_cast<pam_handle_t*>(&meaningless);
-  if (result == PAM_SUCCESS) support::session = *pamh;
+  if (result == PAM_SUCCESS) session = *pamh;
   return result;
 }
 
 extern "C" int pam_open_session(pam_handle_t* pamh, int flags) {
-  return PamCall("pam_open_session",
-                 Blank(support::Session(pamh)) + Blank(support::Flags(flags)),
+  return PamCall("pam_open_session", Blank(Session(pamh)) + Blank(Flags(flags)),
                  pamh, flags);
 }
 
 extern "C" int pam_close_session(pam_handle_t* pamh, int flags) {
   return PamCall("pam_close_session",
-                 Blank(support::Session(pamh)) + Blank(support::Flags(flags)),
-                 pamh, flags);
+                 Blank(Session(pamh)) + Blank(Flags(flags)), pamh, flags);
 }
 
 extern "C" int pam_end(pam_handle_t* pamh, int pam_status) {
-  return PamCall(
-      "pam_end",
-      Blank(support::Session(pamh)) + Blank(std::to_string(pam_status)), pamh,
-      pam_status);
+  return PamCall("pam_end",
+                 Blank(Session(pamh)) + Blank(std::to_string(pam_status)), pamh,
+                 pam_status);
 }
 
 extern "C" const char* pam_strerror(pam_handle_t* pamh, int errnum) {
   const auto real = [&] {
-    return support::CallRealPam<const char*>("pam_strerror", pamh, errnum);
+    return CallRealPam<const char*>("pam_strerror", pamh, errnum);
   };
   if (recorded == nullptr) return real();
-  support::Enter("pam_strerror" + Blank(support::Session(pamh)) +
-                 Blank(std::to_string(errnum)));
-  return recorded->pretend ? "what it means" : support::Make(real);
+  Enter("pam_strerror" + Blank(Session(pamh)) + Blank(std::to_string(errnum)));
+  return recorded->pretend ? "what it means" : Make(real);
 }
+
+}  // namespace support

@@ -39,10 +39,6 @@ int RealMkostemp(char* name, int flags) {
   return real(name, flags);
 }
 
-}  // namespace support
-
-using support::replaced;
-
 // Under names of their own, since their headers declare that poll only writes
 // to fds, and that read does not look into buf.
 extern "C" int ReplaceablePoll(pollfd* fds, nfds_t nfds,
@@ -52,7 +48,7 @@ extern "C" int ReplaceablePoll(pollfd* fds, nfds_t nfds, int timeout) {
   const bool is_ours = replaced != nullptr && replaced->poll && nfds > 0 &&
                        fds->fd == STDIN_FILENO;
   return is_ours ? replaced->poll(fds, nfds, timeout)
-                 : support::RealPoll(fds, nfds, timeout);
+                 : RealPoll(fds, nfds, timeout);
 }
 
 extern "C" ssize_t ReplaceableRead(int fd, void* buf,
@@ -61,8 +57,7 @@ extern "C" ssize_t ReplaceableRead(int fd, void* buf,
 extern "C" ssize_t ReplaceableRead(int fd, void* buf, std::size_t nbytes) {
   const bool is_ours =
       replaced != nullptr && replaced->read && fd == STDIN_FILENO;
-  return is_ours ? replaced->read(buf, nbytes)
-                 : support::RealRead(fd, buf, nbytes);
+  return is_ours ? replaced->read(buf, nbytes) : RealRead(fd, buf, nbytes);
 }
 
 extern "C" int statfs64(const char* file, struct statfs64* buf) {
@@ -74,14 +69,15 @@ extern "C" int statfs64(const char* file, struct statfs64* buf) {
 
 extern "C" int mkostemp(char* name, int flags) {
   const bool is_ours = replaced != nullptr && replaced->mkostemp;
-  return is_ours ? replaced->mkostemp(name, flags)
-                 : support::RealMkostemp(name, flags);
+  return is_ours ? replaced->mkostemp(name, flags) : RealMkostemp(name, flags);
 }
 
+}  // namespace support
+
 void tov_proc::Sleep(unsigned milliseconds) {
-  const bool is_ours = replaced != nullptr && replaced->sleep;
+  const bool is_ours = support::replaced != nullptr && support::replaced->sleep;
   if (is_ours) {
-    replaced->sleep(milliseconds);
+    support::replaced->sleep(milliseconds);
   } else {
     std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
   }

@@ -1,31 +1,18 @@
 // Where the process has its home after a switch: private to the library, so it
 // is linked from the archive.
 
-#include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <zancgi/confinement.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/identity.h>
-#include <zancgi/zancgi.h>
 
 #include <new>
-#include <string>
-#include <vector>
 
 #include "support/account.h"
 #include "support/switch.h"
+#include "support/test.h"
 
+namespace support {
 namespace {
-
-using support::kVisitor;
-using support::kVisitors;
-using zan_cgi::Cgi;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::Reporter;
 
 bool is_memory_short = false;
 
@@ -34,23 +21,21 @@ std::string Home() {
   return home == nullptr ? "none" : home;
 }
 
-class AccountHome : public support::MachineTest<> {
+class AccountHome : public MachineTest<> {
  protected:
-  /// The homes that the body reports in a child of this machine, as "home".
-  std::string Found(const Child::Body& body) const {
-    Outcome outcome =
-        Child().WorkDir(machine_.Path()).Run([&](const Reporter& report) {
-          support::UseAccounts(
-              {{"visitor", kVisitor, kVisitors, machine_.Home()},
-               {"relative", kVisitor, kVisitors, "home"}},
-              {});
-          ASSERT_EQ(Home(), "none");
-          body(report);
-          report("home", Home());
-        });
-    EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
-    EXPECT_EQ(outcome.error, "");
-    return outcome.reported["home"];
+  /// The home after this in a child of this machine.
+  std::string Found(const std::function<void()>& work) const {
+    return RunWithoutError(
+               Child().WorkDir(machine_.Path()),
+               [&](const Reporter& report) {
+                 UseAccounts({{"visitor", kVisitor, kVisitors, machine_.Home()},
+                              {"relative", kVisitor, kVisitors, "home"}},
+                             {});
+                 ASSERT_EQ(Home(), "none");
+                 work();
+                 report("home", Home());
+               })
+        .reported["home"];
   }
 };
 
@@ -66,7 +51,7 @@ TEST_F(AccountHome, IsWhatTheProcessSeesOnceItIsTheAccount) {
                         {"visitor", "/www", true, "/"},
                         {"root", "/", false, "none"},
                         {"relative", "", false, "none"}}) {
-    EXPECT_EQ(Found([&](const Reporter&) {
+    EXPECT_EQ(Found([&] {
                 Cgi::Data().DoSu(row.user, row.dir, row.use_chroot, false);
               }),
               row.home)
@@ -76,7 +61,7 @@ TEST_F(AccountHome, IsWhatTheProcessSeesOnceItIsTheAccount) {
 
 TEST_F(AccountHome, IsThereWhenTheDirectoryIsRefused) {
   EXPECT_EQ(
-      Found([](const Reporter&) {
+      Found([] {
         EXPECT_ANY_THROW(Cgi::Data().DoSu("visitor", "missing", false, false));
       }),
       machine_.Home());
@@ -84,15 +69,15 @@ TEST_F(AccountHome, IsThereWhenTheDirectoryIsRefused) {
 
 TEST_F(AccountHome, IsNoneWithoutTheRightToSwitch) {
   ::chmod(machine_.Home().c_str(), 0755);
-  EXPECT_EQ(Found([](const Reporter&) {
-              zan_cgi::testing::BecomeOrdinaryUser();
+  EXPECT_EQ(Found([] {
+              BecomeOrdinaryUser();
               Cgi::Data().DoSu("visitor", "", false, false);
             }),
             "none");
 }
 
 TEST_F(AccountHome, StaysAfterASecondSwitch) {
-  EXPECT_EQ(Found([](const Reporter&) {
+  EXPECT_EQ(Found([] {
               Cgi::Data().DoSu("visitor", "www", false, false);
               Cgi::Data().DoSu("visitor", "", false, false);
             }),
@@ -100,7 +85,7 @@ TEST_F(AccountHome, StaysAfterASecondSwitch) {
 }
 
 TEST_F(AccountHome, WithoutMemoryForItChangesNothing) {
-  EXPECT_EQ(Found([&](const Reporter&) {
+  EXPECT_EQ(Found([&] {
               is_memory_short = true;
               EXPECT_THROW(Cgi::Data().DoSu("visitor", "", false, false),
                            std::bad_alloc);
@@ -122,3 +107,5 @@ extern "C" char* strdup(const char* text) noexcept {
   return copy == nullptr ? nullptr
                          : static_cast<char*>(::memcpy(copy, text, size));
 }
+
+}  // namespace support

@@ -1,66 +1,39 @@
 // Becoming an account: what is refused, what is proved, and that a failure at
 // any call leaves no process that goes on as root.
 
-#include <fcntl.h>
 #include <grp.h>
-#include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <linux/securebits.h>
 #include <sys/fsuid.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 #include <zancgi/account.h>
-#include <zancgi/testing/child.h>
 #include <zancgi/testing/form.h>
 #include <zancgi/testing/request.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <csignal>
 #include <exception>
-#include <filesystem>
-#include <functional>
 #include <new>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "support/account.h"
 #include "support/mount.h"
 #include "support/switch.h"
 #include "support/switch_calls.h"
+#include "support/test.h"
 
+namespace support {
 namespace {
 
-namespace fs = std::filesystem;
-
-using support::Answers;
-using support::Identity;
-using support::kHelpers;
-using support::kVisitor;
-using support::kVisitors;
-using support::Machine;
-using support::Observer;
-using support::Root;
-using support::Visitor;
 using zan_cgi::AccountError;
 using zan_cgi::AccountOptions;
-using zan_cgi::Cgi;
-using zan_cgi::testing::Child;
 using zan_cgi::testing::Form;
-using zan_cgi::testing::Outcome;
 using zan_cgi::testing::Post;
-using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Request;
-using Strings = std::vector<std::string>;
 
 constexpr uid_t kNobody = 65534;
 constexpr int kAborted = 128 + SIGABRT;
 constexpr gid_t kDisk = 6;
 
-/// What is tried.
 struct Attempt {
   std::string user = "visitor";
   AccountOptions options = {};
@@ -78,21 +51,13 @@ AccountOptions At(const std::string& directory, bool confined = false,
   return options;
 }
 
-/// What has come of it.
-struct Result {
+/// What has come of it. The calls are marked in its log.
+struct Result : Outcome {
   Identity identity;
-  std::string error;
-  std::string error_type;
-  int status = 0;
-  /// Whether some capability is in one of the process's sets.
-  std::string capabilities;
   /// What Cgi::File() then says of the uploads, and what lies where.
   Strings paths;
   Strings spool;
   Strings home;
-  Strings warnings;
-  /// The calls, in order.
-  Strings calls;
 };
 
 /// The sets as the kernel knows them, "none" when all are empty.
@@ -111,49 +76,21 @@ std::string Capabilities() {
 const char kFirst[] = "a.txt";
 const char kSecond[] = "b.txt";
 
-Request TwoUploads() {
-  return Post("/front").Multipart(
-      Form().File("a", kFirst, "first").File("b", kSecond, "second"));
-}
-
 /// The machine's account, and others that nobody should become.
 void SetUpAccounts(const Machine& machine) {
-  support::UseAccounts({{"visitor", kVisitor, kVisitors, machine.Home()},
-                        {"toor", 0, kVisitors, machine.Home()},
-                        {"wheel", kVisitor, 0, machine.Home()},
-                        {"member", kVisitor, kVisitors, machine.Home()},
-                        {"homeless", kVisitor, kVisitors, machine / "gone"},
-                        {"relative", kVisitor, kVisitors, "home"},
-                        {"nowhere", kVisitor, kVisitors, ""},
-                        {"filed", kVisitor, kVisitors, machine / "file"},
-                        {"ordinary", kNobody, kNobody, machine / "ordinary"}},
-                       {{"visitors", kVisitors, {}},
-                        {"helpers", kHelpers, {"visitor"}},
-                        {"administrators", 0, {"member"}}});
-  support::ConfigureLogin("session required pam_permit.so\n");
-}
-
-Result ResultOf(Outcome& outcome, const Machine& machine) {
-  Result result;
-  result.identity = {outcome.reported["users"], outcome.reported["groups"],
-                     outcome.reported["supplementary"],
-                     outcome.reported["root"], outcome.reported["work dir"]};
-  result.error = outcome.error;
-  result.error_type = outcome.error_type;
-  result.status = outcome.status;
-  result.capabilities = outcome.reported["capabilities"];
-  result.paths = {outcome.reported["first"], outcome.reported["second"]};
-  for (const auto& entry : fs::directory_iterator(machine / "spool")) {
-    result.spool.push_back(entry.path().filename());
-  }
-  for (const auto& entry : fs::directory_iterator(machine.Home())) {
-    result.home.push_back(entry.path().filename());
-  }
-  std::sort(result.home.begin(), result.home.end());
-  result.warnings = outcome.Logged(4);
-  result.calls = outcome.Logged(-1);
-  EXPECT_EQ(outcome.leaked_descriptors, Strings{});
-  return result;
+  UseAccounts({{"visitor", kVisitor, kVisitors, machine.Home()},
+               {"toor", 0, kVisitors, machine.Home()},
+               {"wheel", kVisitor, 0, machine.Home()},
+               {"member", kVisitor, kVisitors, machine.Home()},
+               {"homeless", kVisitor, kVisitors, machine / "gone"},
+               {"relative", kVisitor, kVisitors, "home"},
+               {"nowhere", kVisitor, kVisitors, ""},
+               {"filed", kVisitor, kVisitors, machine / "file"},
+               {"ordinary", kNobody, kNobody, machine / "ordinary"}},
+              {{"visitors", kVisitors, {}},
+               {"helpers", kHelpers, {"visitor"}},
+               {"administrators", 0, {"member"}}});
+  ConfigureLogin("session required pam_permit.so\n");
 }
 
 /// Makes the attempt in a child that serves a form with two uploads.
@@ -161,46 +98,54 @@ Result ResultOf(Outcome& outcome, const Machine& machine) {
 Result Try(
     const Machine& machine, const Attempt& attempt,
     const std::function<void(Cgi&)>& look = [](Cgi&) {}) {
-  const Request request = TwoUploads();
-  Outcome outcome =
-      Child()
-          .Serve(request)
-          .LogLevel(4)
-          .WorkDir(machine.Start())
-          .Run([&](const Reporter& report) {
-            SetUpAccounts(machine);
-            ASSERT_EQ(::setgroups(0, nullptr), 0);
-            const Observer observer;
-            Cgi cgi(machine.Start() + "/bin/front", "");
-            cgi.SetTmpDir(machine / "spool");
-            cgi.ParseQuery();
-            attempt.prepare();
-            std::exception_ptr failure;
-            {
-              Answers answers = attempt.answers;
-              answers.pretend = false;
-              const support::Recording recording(answers);
-              try {
-                zan_cgi::BecomeAccount(cgi, attempt.user, attempt.options);
-              } catch (...) {
-                failure = std::current_exception();
-              }
-            }
-            support::TellIdentity(report, observer.Look());
-            report("capabilities", Capabilities());
-            report("first", cgi.File(kFirst));
-            report("second", cgi.File(kSecond));
-            look(cgi);
-            if (failure) std::rethrow_exception(failure);
-          });
-  return ResultOf(outcome, machine);
+  const Request request = Post("/front").Multipart(
+      Form().File("a", kFirst, "first").File("b", kSecond, "second"));
+  Child child = Child().Serve(request).LogLevel(4).WorkDir(machine.Start());
+  Result result;
+  static_cast<Outcome&>(result) = child.Run([&](const Reporter& report) {
+    SetUpAccounts(machine);
+    ASSERT_EQ(::setgroups(0, nullptr), 0);
+    const Observer observer;
+    Cgi cgi(machine.Start() + "/bin/front", "");
+    cgi.SetTmpDir(machine / "spool");
+    cgi.ParseQuery();
+    attempt.prepare();
+    std::exception_ptr failure;
+    {
+      Answers answers = attempt.answers;
+      answers.pretend = false;
+      const Recording recording(answers);
+      try {
+        zan_cgi::BecomeAccount(cgi, attempt.user, attempt.options);
+      } catch (...) {
+        failure = std::current_exception();
+      }
+    }
+    TellIdentity(report, observer.Look());
+    report("capabilities", Capabilities());
+    report("first", cgi.File(kFirst));
+    report("second", cgi.File(kSecond));
+    look(cgi);
+    if (failure) std::rethrow_exception(failure);
+  });
+  EXPECT_EQ(result.leaked_descriptors, Strings{});
+  result.identity = IdentityIn(result);
+  result.paths = {result.reported["first"], result.reported["second"]};
+  result.spool = NamesIn(machine / "spool");
+  result.home = NamesIn(machine.Home());
+  return result;
+}
+
+bool HasNoCapability(const Result& result) {
+  const auto found = result.reported.find("capabilities");
+  return found != result.reported.end() && found->second == "none";
 }
 
 bool IsNobody(const Result& result) {
   const Identity& identity = result.identity;
   return identity.users == "65534\t65534\t65534\t65534" &&
          identity.groups == "65534\t65534\t65534\t65534" &&
-         identity.supplementary.empty() && result.capabilities == "none";
+         identity.supplementary.empty() && HasNoCapability(result);
 }
 
 /// With all its groups or fewer.
@@ -210,10 +155,27 @@ bool IsVisitor(const Result& result) {
          result.identity.groups == whole.groups &&
          (result.identity.supplementary == whole.supplementary ||
           result.identity.supplementary.empty()) &&
-         result.capabilities == "none";
+         HasNoCapability(result);
 }
 
-class Become : public support::MachineTest<> {
+/// How a failure ends: who the process is then.
+enum class End {
+  kAsNobody,
+  kAsVisitor,  ///< Nothing but the account, so that it cannot be nobody.
+  kAbort
+};
+using enum End;
+
+struct Failure {
+  std::string name;
+  std::string error;
+  End end;
+  Answers answers;
+  AccountOptions options = {};
+  std::function<void()> prepare = [] {};
+};
+
+class Become : public MachineTest<> {
  protected:
   void SetUp() override {
     MachineTest::SetUp();
@@ -223,9 +185,24 @@ class Become : public support::MachineTest<> {
     fs::permissions(machine_ / "ordinary", fs::perms{0777});
   }
 
-  void EmptySpool() const {
-    for (const auto& entry : fs::directory_iterator(machine_ / "spool")) {
-      fs::remove(entry.path());
+  void Expect(const std::vector<Failure>& failures) const {
+    for (const Failure& failure : failures) {
+      SCOPED_TRACE(failure.name);
+      const Result result =
+          Try(machine_,
+              {"visitor", failure.options, failure.answers, failure.prepare},
+              [](Cgi&) { EXPECT_FALSE(CanBecomeAnother()); });
+      EXPECT_EQ(result.home, Strings{"www"});
+      EXPECT_EQ(result.spool, Strings{});
+      EXPECT_EQ(result.status, failure.end == kAbort ? kAborted : 0);
+      if (failure.end == kAbort) continue;
+      EXPECT_EQ(result.error, failure.error);
+      EXPECT_EQ(result.error_type, "zan_cgi::AccountError");
+      EXPECT_TRUE(failure.end == kAsNobody ? IsNobody(result)
+                                           : IsVisitor(result))
+          << testing::PrintToString(result.identity);
+      EXPECT_EQ(result.paths, (Strings{"", ""}));
+      EXPECT_EQ(result.Logged(4), Strings{});
     }
   }
 };
@@ -249,14 +226,14 @@ TEST_F(Become, EndsAsTheAccountInItsHome) {
     SCOPED_TRACE(row.options.confined);
     const Result result =
         Try(machine_, {.options = row.options}, [&](Cgi& cgi) {
-          EXPECT_FALSE(support::CanBecomeAnother());
-          EXPECT_EQ(zan_cgi::testing::ReadFile(cgi.File(kFirst)), "first");
+          EXPECT_FALSE(CanBecomeAnother());
+          EXPECT_EQ(ReadFile(cgi.File(kFirst)), "first");
         });
     EXPECT_EQ(result.error, "");
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.identity,
               Visitor(row.options.confined ? home : "/", row.entered));
-    EXPECT_EQ(result.capabilities, "none");
+    EXPECT_TRUE(HasNoCapability(result));
     // The request has removed them at its end.
     EXPECT_EQ(result.home, Strings{"www"});
     EXPECT_EQ(result.spool, Strings{});
@@ -308,41 +285,6 @@ TEST_F(Become, RefusesAnAccountBeforeAnythingIsChanged) {
   }
 }
 
-/// How a failure ends: who the process is then.
-enum class End {
-  kAsNobody,
-  kAsVisitor,  ///< Nothing but the account, so that it cannot be nobody.
-  kAbort
-};
-
-struct Failure {
-  std::string name;
-  std::string error;
-  End end;
-  Answers answers;
-  AccountOptions options = {};
-  std::function<void()> prepare = [] {};
-};
-
-/// Expects it with nothing left of the uploads.
-void Expect(const Machine& machine, const Failure& failure) {
-  SCOPED_TRACE(failure.name);
-  const Result result = Try(
-      machine, {"visitor", failure.options, failure.answers, failure.prepare},
-      [](Cgi&) { EXPECT_FALSE(support::CanBecomeAnother()); });
-  EXPECT_EQ(result.home, Strings{"www"});
-  EXPECT_EQ(result.spool, Strings{});
-  EXPECT_EQ(result.status, failure.end == End::kAbort ? kAborted : 0);
-  if (failure.end == End::kAbort) return;
-  EXPECT_EQ(result.error, failure.error);
-  EXPECT_EQ(result.error_type, "zan_cgi::AccountError");
-  EXPECT_TRUE(failure.end == End::kAsNobody ? IsNobody(result)
-                                            : IsVisitor(result))
-      << testing::PrintToString(result.identity) << result.capabilities;
-  EXPECT_EQ(result.paths, (Strings{"", ""}));
-  EXPECT_EQ(result.warnings, Strings{});
-}
-
 void SetUsers(uid_t real, uid_t effective, uid_t saved) {
   EXPECT_EQ(::syscall(SYS_setresuid, real, effective, saved), 0);
 }
@@ -361,35 +303,19 @@ void InheritCapabilities() {
 
 /// Has this take the place of a call.
 Answers InPlaceOf(const std::string& call, std::function<void()> effect) {
-  Answers answers;
-  answers.results = {{call, {0}}};
-  answers.effects = {{call, std::move(effect)}};
-  return answers;
+  return {.effects = {{call, std::move(effect)}}, .results = {{call, {0}}}};
 }
 
-/// Has this happen before a call.
 Answers Before(const std::string& call, std::function<void()> effect) {
-  Answers answers;
-  answers.effects = {{call, std::move(effect)}};
-  return answers;
+  return {.effects = {{call, std::move(effect)}}};
 }
 
 Answers Failing(std::map<std::string, std::vector<int>> failures) {
-  Answers answers;
-  answers.failures = std::move(failures);
-  return answers;
+  return {.failures = std::move(failures)};
 }
 
 Answers Returning(std::map<std::string, std::vector<int>> results) {
-  Answers answers;
-  answers.results = std::move(results);
-  return answers;
-}
-
-Answers Altering(const std::string& call, std::function<void(void*)> alter) {
-  Answers answers;
-  answers.alterations = {{call, std::move(alter)}};
-  return answers;
+  return {.results = std::move(results)};
 }
 
 const char kSetUser[] = "setuid 54321";
@@ -397,45 +323,33 @@ const char kSetGroup[] = "setgid 54322";
 const char kInitgroups[] = "initgroups visitor 54321";
 const char kSetGroups[] = "setgroups 54321 54330";
 const char kNoGroups[] = "setgroups";
-const char kNobodysUser[] = "setresuid 65534 65534 65534";
-const char kNobodysGroup[] = "setresgid 65534 65534 65534";
 
 TEST_F(Become, EndsWithoutRightsWhenTheSwitchFails) {
   const std::string home = machine_.Home();
   const std::string closed = "failed to chroot to users home folder";
-  fs::create_symlink(machine_ / "other", machine_ / "home/link");
-  const auto cleared = [&] { fs::remove(machine_ / "home/link"); };
-  for (const Failure& failure : std::vector<Failure>{
-           {"chdir", closed, End::kAsNobody,
-            Failing({{"chdir " + home, {EACCES}}})},
-           {"chroot", closed, End::kAsNobody,
-            Failing({{"chroot " + home, {EPERM}}}), At("", true)},
-           {"missing",
-            "no such directory 'missing'",
-            End::kAsVisitor,
-            {},
-            At("/missing")},
-           {"missing, confined",
-            "no such directory '/missing'",
-            End::kAsVisitor,
-            {},
-            At("missing", true)},
-           {"above",
-            "it is not your folder",
-            End::kAsVisitor,
-            {},
-            At("../other")},
-           {"way up", "stat error", End::kAsVisitor,
-            Failing({{"stat ./..", {EIO}}}), At("www")}}) {
-    cleared();
-    Expect(machine_, failure);
-  }
+  Expect({{"chdir", closed, kAsNobody, Failing({{"chdir " + home, {EACCES}}})},
+          {"chroot", closed, kAsNobody, Failing({{"chroot " + home, {EPERM}}}),
+           At("", true)},
+          {"missing",
+           "no such directory 'missing'",
+           kAsVisitor,
+           {},
+           At("/missing")},
+          {"missing, confined",
+           "no such directory '/missing'",
+           kAsVisitor,
+           {},
+           At("missing", true)},
+          {"above", "it is not your folder", kAsVisitor, {}, At("../other")},
+          {"way up", "stat error", kAsVisitor, Failing({{"stat ./..", {EIO}}}),
+           At("www")}});
 }
 
 TEST_F(Become, EndsWithoutRightsWhenMemoryIsShort) {
-  Attempt attempt = {.options = At("", true)};
-  attempt.answers.failures = {{"__nss_configure_lookup group files", {ENOMEM}}};
-  const Result result = Try(machine_, attempt);
+  const Result result = Try(
+      machine_,
+      {.options = At("", true),
+       .answers = Failing({{"__nss_configure_lookup group files", {ENOMEM}}})});
   EXPECT_EQ(result.error_type, "std::bad_alloc");
   EXPECT_TRUE(IsNobody(result));
   EXPECT_EQ(result.home, Strings{"www"});
@@ -445,23 +359,20 @@ TEST_F(Become, ProvesTheUserIds) {
   const auto users = [](uid_t real, uid_t effective, uid_t saved) {
     return InPlaceOf(kSetUser, [=] { SetUsers(real, effective, saved); });
   };
-  for (const Failure& failure : std::vector<Failure>{
-           {"refused", "the real user id is not the account's", End::kAsNobody,
-            Failing({{kSetUser, {EPERM}}})},
-           {"real", "the real user id is not the account's", End::kAsNobody,
-            users(0, kVisitor, kVisitor)},
-           {"effective", "the effective user id is not the account's",
-            End::kAsNobody, users(kVisitor, 0, kVisitor)},
-           {"saved", "the saved user id is not the account's", End::kAsNobody,
-            users(kVisitor, kVisitor, 0)},
-           {"another", "the saved user id is not the account's", End::kAbort,
-            users(kVisitor, kVisitor, kVisitor + 1)},
-           {"unknown", "the user ids cannot be read", End::kAsVisitor,
-            Failing({{"getresuid", {0, EIO}}})},
-           {"unknown for good", "", End::kAbort,
-            Failing({{"getresuid", {0, EIO, EIO}}})}}) {
-    Expect(machine_, failure);
-  }
+  Expect({{"refused", "the real user id is not the account's", kAsNobody,
+           Failing({{kSetUser, {EPERM}}})},
+          {"real", "the real user id is not the account's", kAsNobody,
+           users(0, kVisitor, kVisitor)},
+          {"effective", "the effective user id is not the account's", kAsNobody,
+           users(kVisitor, 0, kVisitor)},
+          {"saved", "the saved user id is not the account's", kAsNobody,
+           users(kVisitor, kVisitor, 0)},
+          {"another", "the saved user id is not the account's", kAbort,
+           users(kVisitor, kVisitor, kVisitor + 1)},
+          {"unknown", "the user ids cannot be read", kAsVisitor,
+           Failing({{"getresuid", {0, EIO}}})},
+          {"unknown for good", "", kAbort,
+           Failing({{"getresuid", {0, EIO, EIO}}})}});
 }
 
 /// Has capabilities stay when the user id changes, so that wrong ids can be
@@ -478,10 +389,10 @@ TEST_F(Become, ProvesTheFileSystemIds) {
       keep_root();
     });
   };
-  Expect(machine_, {"user", "the file-system user id is not the account's",
-                    End::kAsNobody, set_user([] { ::setfsuid(0); })});
-  Expect(machine_, {"group", "the file-system group id is not the account's",
-                    End::kAsNobody, set_user([] { ::setfsgid(0); })});
+  Expect({{"user", "the file-system user id is not the account's", kAsNobody,
+           set_user([] { ::setfsuid(0); })},
+          {"group", "the file-system group id is not the account's", kAsNobody,
+           set_user([] { ::setfsgid(0); })}});
 }
 
 TEST_F(Become, ProvesTheGroupIds) {
@@ -491,23 +402,19 @@ TEST_F(Become, ProvesTheGroupIds) {
       SetGroups(real, effective, saved);
     });
   };
-  for (const Failure& failure : std::vector<Failure>{
-           {"refused", "", End::kAbort, Failing({{kSetGroup, {EPERM}}})},
-           {"real", "the real group id is not the account's", End::kAsNobody,
-            groups(0, kVisitors, kVisitors)},
-           {"effective", "the effective group id is not the account's",
-            End::kAsNobody, groups(kVisitors, 0, kVisitors)},
-           {"saved", "the saved group id is not the account's", End::kAsNobody,
-            groups(kVisitors, kVisitors, 0)},
-           {"refused with the user", "the real user id is not the account's",
-            End::kAsNobody,
-            Failing({{kSetGroup, {EPERM}}, {kSetUser, {EPERM}}})},
-           {"unknown", "the group ids cannot be read", End::kAsVisitor,
-            Failing({{"getresgid", {0, EIO}}})},
-           {"unknown for good", "", End::kAbort,
-            Failing({{"getresgid", {0, EIO, EIO}}})}}) {
-    Expect(machine_, failure);
-  }
+  Expect({{"refused", "", kAbort, Failing({{kSetGroup, {EPERM}}})},
+          {"real", "the real group id is not the account's", kAsNobody,
+           groups(0, kVisitors, kVisitors)},
+          {"effective", "the effective group id is not the account's",
+           kAsNobody, groups(kVisitors, 0, kVisitors)},
+          {"saved", "the saved group id is not the account's", kAsNobody,
+           groups(kVisitors, kVisitors, 0)},
+          {"refused with the user", "the real user id is not the account's",
+           kAsNobody, Failing({{kSetGroup, {EPERM}}, {kSetUser, {EPERM}}})},
+          {"unknown", "the group ids cannot be read", kAsVisitor,
+           Failing({{"getresgid", {0, EIO}}})},
+          {"unknown for good", "", kAbort,
+           Failing({{"getresgid", {0, EIO, EIO}}})}});
 }
 
 TEST_F(Become, ProvesTheSupplementaryGroups) {
@@ -522,18 +429,15 @@ TEST_F(Become, ProvesTheSupplementaryGroups) {
   Answers none_left = Before("getpwnam visitor", join_disk);
   none_left.failures = {
       {kInitgroups, {EPERM}}, {kSetGroups, {EPERM}}, {kNoGroups, {EPERM}}};
-  for (const Failure& failure : std::vector<Failure>{
-           {"too few", wrong, End::kAsVisitor,
-            Failing({{kInitgroups, {ENOMEM}}, {kSetGroups, {ENOMEM}}})},
-           {"too many", "", End::kAbort, InPlaceOf(kInitgroups, join_more)},
-           {"others", "", End::kAbort, none_left},
-           {"others, confined", "", End::kAbort, none_left, At("", true)},
-           {"unknown", "the supplementary groups cannot be read",
-            End::kAsVisitor, Failing({{"getgroups", {0, EIO}}})},
-           {"unknown for good", "", End::kAbort,
-            Failing({{"getgroups", {0, EIO, EIO}}})}}) {
-    Expect(machine_, failure);
-  }
+  Expect({{"too few", wrong, kAsVisitor,
+           Failing({{kInitgroups, {ENOMEM}}, {kSetGroups, {ENOMEM}}})},
+          {"too many", "", kAbort, InPlaceOf(kInitgroups, join_more)},
+          {"others", "", kAbort, none_left},
+          {"others, confined", "", kAbort, none_left, At("", true)},
+          {"unknown", "the supplementary groups cannot be read", kAsVisitor,
+           Failing({{"getgroups", {0, EIO}}})},
+          {"unknown for good", "", kAbort,
+           Failing({{"getgroups", {0, EIO, EIO}}})}});
 }
 
 TEST_F(Become, ProvesThatThereIsNoCapability) {
@@ -543,26 +447,25 @@ TEST_F(Become, ProvesThatThereIsNoCapability) {
   };
   Answers kept = Before(kSetUser, keep);
   kept.failures = {{"capset", {EPERM}}};
-  for (const Failure& failure : std::vector<Failure>{
-           {"permitted", "a capability is permitted", End::kAsVisitor,
-            Before(kSetUser, keep)},
-           {"permitted for good", "", End::kAbort, kept},
-           {"effective as well", "a capability is permitted", End::kAsNobody,
-            Before(kSetUser, KeepCapabilities)},
-           {"effective for good", "", End::kAbort,
-            Altering("capget", effective)},
-           {"inheritable", "a capability is inheritable", End::kAsVisitor,
-            Before(kSetUser, InheritCapabilities)},
-           {"unknown", "the capabilities cannot be read", End::kAsVisitor,
-            Failing({{"capget", {EPERM}}})},
-           {"ambient", "a capability is ambient", End::kAsVisitor,
-            Returning({{"prctl ambient 7", {1}}})},
-           {"ambient for good", "", End::kAbort,
-            Returning({{"prctl ambient 10", {1, 1}}})},
-           {"ambient unknown", "the ambient capabilities cannot be read",
-            End::kAsVisitor, Failing({{"prctl ambient 0", {EPERM}}})}}) {
-    Expect(machine_, failure);
-  }
+  Expect({{"permitted", "a capability is permitted", kAsVisitor,
+           Before(kSetUser, keep)},
+          {"permitted for good", "", kAbort, kept},
+          {"effective as well", "a capability is permitted", kAsNobody,
+           Before(kSetUser, KeepCapabilities)},
+          {"effective for good",
+           "",
+           kAbort,
+           {.alterations = {{"capget", effective}}}},
+          {"inheritable", "a capability is inheritable", kAsVisitor,
+           Before(kSetUser, InheritCapabilities)},
+          {"unknown", "the capabilities cannot be read", kAsVisitor,
+           Failing({{"capget", {EPERM}}})},
+          {"ambient", "a capability is ambient", kAsVisitor,
+           Returning({{"prctl ambient 7", {1}}})},
+          {"ambient for good", "", kAbort,
+           Returning({{"prctl ambient 10", {1, 1}}})},
+          {"ambient unknown", "the ambient capabilities cannot be read",
+           kAsVisitor, Failing({{"prctl ambient 0", {EPERM}}})}});
 }
 
 // Kernels from before 4.3 have none.
@@ -586,8 +489,8 @@ Answers OnceEffective() {
 }
 
 TEST_F(Become, ProvesThatThereIsNoWayBack) {
-  Expect(machine_, {"effective alone", "a capability is effective",
-                    End::kAsVisitor, OnceEffective()});
+  Expect({{"effective alone", "a capability is effective", kAsVisitor,
+           OnceEffective()}});
   for (const auto& [call, error] :
        std::vector<std::pair<std::string, std::string>>{
            {"setresuid 0 0 0", "setresuid(2) to root succeeds"},
@@ -597,11 +500,11 @@ TEST_F(Become, ProvesThatThereIsNoWayBack) {
            {"setgroups", "setgroups(2) succeeds"}}) {
     // The calls that give rights up are among those with this name.
     const bool is_used_twice = call == "setgroups";
-    Expect(machine_, {call, error, End::kAsVisitor, Returning({{call, {0}}})});
-    Expect(machine_,
-           {call + " for good", "", End::kAbort,
-            Returning({{call, is_used_twice ? std::vector<int>{0, 0, 0}
-                                            : std::vector<int>{0, 0}}})});
+    const std::vector<int> twice = {0, 0};
+    const std::vector<int> thrice = {0, 0, 0};
+    Expect({{call, error, kAsVisitor, Returning({{call, {0}}})},
+            {call + " for good", "", kAbort,
+             Returning({{call, is_used_twice ? thrice : twice}})}});
   }
 }
 
@@ -614,8 +517,7 @@ TEST_F(Become, EndsWithoutTheRightsThatItsProofHasRegained) {
                                 static_cast<__user_cap_data_struct*>(sets);
                             if (++calls == 1) halves[0] = halves[1] = {};
                           }}};
-  Expect(machine_, {"regained", "setresuid(2) to root succeeds", End::kAsNobody,
-                    answers});
+  Expect({{"regained", "setresuid(2) to root succeeds", kAsNobody, answers}});
 }
 
 TEST_F(Become, ProvesWhereTheProcessIs) {
@@ -623,27 +525,17 @@ TEST_F(Become, ProvesWhereTheProcessIs) {
   const std::string outside = "the current directory is not in the home folder";
   const std::string unknown = "the current directory cannot be examined";
   const auto leave = [&] { EXPECT_EQ(::syscall(SYS_chdir, other.c_str()), 0); };
-  for (const Failure& failure : std::vector<Failure>{
-           {"moved", outside, End::kAsVisitor, Before(kSetUser, leave)},
-           {"confined, not moved", outside, End::kAsVisitor,
-            Returning({{"chdir /", {0}}}), At("", true)},
-           {"not confined",
-            "the root directory is not the account's home folder",
-            End::kAsVisitor, Returning({{"chroot " + machine_.Home(), {0}}}),
-            At("", true)},
-           {"root unknown", "the root directory cannot be examined",
-            End::kAsVisitor, Failing({{"stat /", {0, EIO}}}), At("", true)},
-           {"unknown", unknown, End::kAsVisitor, Failing({{"stat .", {EIO}}})},
-           {"way up unknown", unknown, End::kAsVisitor,
-            Failing({{"stat ./..", {0, EIO}}}), At("www")}}) {
-    Expect(machine_, failure);
-  }
-}
-
-ino_t InodeOf(const std::string& path) {
-  struct stat status {};
-  EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
-  return status.st_ino;
+  Expect({{"moved", outside, kAsVisitor, Before(kSetUser, leave)},
+          {"confined, not moved", outside, kAsVisitor,
+           Returning({{"chdir /", {0}}}), At("", true)},
+          {"not confined",
+           "the root directory is not the account's home folder", kAsVisitor,
+           Returning({{"chroot " + machine_.Home(), {0}}}), At("", true)},
+          {"root unknown", "the root directory cannot be examined", kAsVisitor,
+           Failing({{"stat /", {0, EIO}}}), At("", true)},
+          {"unknown", unknown, kAsVisitor, Failing({{"stat .", {EIO}}})},
+          {"way up unknown", unknown, kAsVisitor,
+           Failing({{"stat ./..", {0, EIO}}}), At("www")}});
 }
 
 // The switch itself compares inode numbers alone and takes it for the home.
@@ -651,8 +543,8 @@ TEST_F(Become, RefusesAnotherFileSystemWithTheInodeOfTheHome) {
   const std::string other = machine_.MakeDir("other/inside");
   const Result result =
       Try(machine_, {.options = At("link"), .prepare = [&] {
-                       support::MountPrivately(machine_.Home(), "mode=0755");
-                       support::MountPrivately(other, "mode=0755");
+                       MountPrivately(machine_.Home(), "mode=0755");
+                       MountPrivately(other, "mode=0755");
                        ASSERT_EQ(InodeOf(machine_.Home()), InodeOf(other));
                        fs::create_symlink(other, machine_.Home() + "/link");
                      }});
@@ -661,33 +553,27 @@ TEST_F(Become, RefusesAnotherFileSystemWithTheInodeOfTheHome) {
 }
 
 TEST_F(Become, AbortsWhenItCannotGiveUpWhatItHas) {
-  for (const char* const kept : {kNobodysUser, kNobodysGroup}) {
-    Expect(machine_, {kept, "", End::kAbort,
-                      Failing({{kSetUser, {EPERM}}, {kept, {EPERM}}})});
-  }
-  Expect(machine_, {"groups", "", End::kAbort,
-                    Failing({{kSetUser, {EPERM}}, {kNoGroups, {EPERM}}})});
+  const auto keeping = [](const std::string& kept) {
+    return Failing({{kSetUser, {EPERM}}, {kept, {EPERM}}});
+  };
+  Expect({{"user", "", kAbort, keeping("setresuid 65534 65534 65534")},
+          {"group", "", kAbort, keeping("setresgid 65534 65534 65534")},
+          {"groups", "", kAbort, keeping(kNoGroups)}});
 }
 
-/// Where an upload lies in the spool, as its record says.
 TEST_F(Become, RemovesWhatHasBeenHandedOverAndWhatHasNot) {
   for (const bool confined : {false, true}) {
     SCOPED_TRACE(confined);
-    std::string taken;
-    const Result result = Try(
-        machine_,
-        {.options = At("", confined), .prepare = [&] {
-           // The later one's name is taken in the home.
-           std::vector<fs::path> uploads;
-           for (const auto& each : fs::directory_iterator(machine_ / "spool")) {
-             uploads.push_back(each.path());
-           }
-           ASSERT_EQ(uploads.size(), 2U);
-           const bool is_second =
-               zan_cgi::testing::ReadFile(uploads[0]) == "second";
-           machine_.MakeFile("home/" +
-                             uploads[is_second ? 0 : 1].filename().string());
-         }});
+    const Result result =
+        Try(machine_,
+            {.options = At("", confined), .prepare = [&] {
+               // The later one's name is taken in the home.
+               const Strings uploads = NamesIn(machine_ / "spool");
+               ASSERT_EQ(uploads.size(), 2U);
+               const bool is_second =
+                   ReadFile(machine_ / ("spool/" + uploads[0])) == "second";
+               machine_.MakeFile("home/" + uploads[is_second ? 0 : 1]);
+             }});
     EXPECT_EQ(result.error_type, "zan_cgi::AccountError");
     EXPECT_NE(result.error.find("cannot move"), std::string::npos);
     EXPECT_TRUE(IsNobody(result));
@@ -743,7 +629,7 @@ TEST_F(Become, HasAnOrdinaryUserBecomeHimselfOnly) {
           } catch (const AccountError& error) {
             report("error", error.what());
           }
-          support::TellIdentity(report, observer.Look());
+          TellIdentity(report, observer.Look());
         });
     EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
     EXPECT_EQ(outcome.reported["error"], row.error);
@@ -781,7 +667,7 @@ TEST_F(Become, NeverGoesOnAsRootWhicheverCallFails) {
   for (const AccountOptions& options :
        {At("www", false, true), At("/www", true, true)}) {
     SCOPED_TRACE(options.confined);
-    const Strings calls = Try(machine_, {.options = options}).calls;
+    const Strings calls = Try(machine_, {.options = options}).Logged(-1);
     ASSERT_GT(calls.size(), 60U);
     int refusals = 0;
     for (std::size_t number = 1; number <= calls.size(); ++number) {
@@ -814,3 +700,4 @@ TEST_F(Become, NeverGoesOnAsRootWhicheverCallFails) {
 }
 
 }  // namespace
+}  // namespace support

@@ -1,55 +1,28 @@
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <gnu/libc-version.h>
 #include <grp.h>
-#include <gtest/gtest.h>
 #include <linux/securebits.h>
 #include <pwd.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/scratch.h>
-#include <zancgi/zancgi.h>
 
-#include <filesystem>
 #include <fstream>
-#include <functional>
 #include <ios>
-#include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "session.h"
 #include "support/account.h"
 #include "support/backend.h"
 #include "support/switch.h"
+#include "support/test.h"
 
+namespace support {
 namespace {
-
-namespace fs = std::filesystem;
-
-using support::Backend;
-using support::Call;
-using support::Identity;
-using support::Lines;
-using support::Observer;
-using support::Switch;
-using support::Switched;
-using support::Visitor;
-using zan_cgi::Cgi;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::LogLine;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::Reporter;
 
 const Call kConfined{.dir = "/", .use_chroot = true};
 const Call kConfinedWithPam{.dir = "/", .use_chroot = true, .use_pam = true};
 
 const LogLine kConfining{8, "ChRoot Init resolver"};
 
-class Confinement : public support::MachineTest<> {
+class Confinement : public MachineTest<> {
  protected:
   /// Leaves a file in the home, as its owner may.
   void Plant(const std::string& name, const std::string& content) const {
@@ -67,10 +40,10 @@ class Confinement : public support::MachineTest<> {
       prepare();
       const Observer observer;
       ASSERT_EQ(::chroot(machine_.Home().c_str()), 0);
-      ::initgroups("visitor", support::kVisitor);
-      support::TellIdentity(report, observer.Look());
+      ::initgroups("visitor", kVisitor);
+      TellIdentity(report, observer.Look());
     });
-    return support::SwitchedOf(outcome).identity;
+    return SwitchedOf(outcome).identity;
   }
 
   void ExpectConfinedAsTheAccount(const Switched& switched) const {
@@ -93,7 +66,7 @@ TEST_F(Confinement, TakesNoGroupsFromTheHome) {
 }
 
 /// Where libraries are looked for, as far as that does not depend on files.
-std::vector<std::string> LibraryFolders() {
+Strings LibraryFolders() {
   Dl_info library{};
   if (::dladdr(reinterpret_cast<void*>(&::gnu_get_libc_version), &library) ==
       0) {
@@ -121,9 +94,7 @@ class PlantedLookUp : public Confinement {
   }
 
   /// Says as whom a planted library has been loaded, if one has.
-  std::string Harm() const {
-    return zan_cgi::testing::ReadFile(machine_ / "home/loaded");
-  }
+  std::string Harm() const { return ReadFile(machine_ / "home/loaded"); }
 };
 
 class PlantedConfiguration : public PlantedLookUp,
@@ -215,14 +186,10 @@ TEST_F(ConfinedSession, RunsInAHomeThatOnlyRootCanWrite) {
 
 TEST_F(ConfinedSession, DoesNotRunInAHomeThatOthersCanWrite) {
   const std::vector<std::pair<uid_t, mode_t>> homes = {
-      {support::kVisitor, 0755},
-      {support::kVisitor, 0700},
-      {support::kVisitor, 0555},
-      {support::kVisitor + 1, 0755},
-      {0, 0775},
-      {0, 0757},
-      {0, 0777},
-      {0, 01777},
+      {kVisitor, 0755}, {kVisitor, 0700},
+      {kVisitor, 0555}, {kVisitor + 1, 0755},
+      {0, 0775},        {0, 0757},
+      {0, 0777},        {0, 01777},
   };
   for (const auto& [owner, mode] : homes) {
     SetHome(owner, mode);
@@ -237,9 +204,7 @@ TEST_F(ConfinedSession, DoesNotRunInAHomeThatOthersCanWrite) {
 TEST_F(ConfinedSession, DoesNotRunInTheAccountsOwnFolderBehindALinkOfRoot) {
   fs::create_symlink(machine_.Home(), machine_ / "link");
   const Switched switched = Switch(machine_, kConfinedWithPam, [&] {
-    support::UseAccounts(
-        {{"visitor", support::kVisitor, support::kVisitors, machine_ / "link"}},
-        {});
+    UseAccounts({{"visitor", kVisitor, kVisitors, machine_ / "link"}}, {});
   });
   EXPECT_EQ(switched.log, (Lines{kConfining, kStarting, kNotStarted}));
   EXPECT_EQ(module_.Told(), "");
@@ -261,8 +226,8 @@ TEST_F(Confinement, OfAnAccountGivesItTheGroupWithTheNumberOfItsUser) {
   for (const bool use_chroot : {false, true}) {
     const Switched switched =
         Switch(machine_, {.dir = "/", .use_chroot = use_chroot}, [&] {
-          support::UseAccounts({{"visitor", 6, 100, machine_.Home()}},
-                               {{"disk", 6, {}}, {"users", 100, {}}});
+          UseAccounts({{"visitor", 6, 100, machine_.Home()}},
+                      {{"disk", 6, {}}, {"users", 100, {}}});
         });
     EXPECT_EQ(switched.error, "");
     EXPECT_EQ(switched.identity.users, "6\t6\t6\t6");
@@ -328,7 +293,7 @@ void Authorize(Cgi& cgi) { cgi.Authorize(Cgi::AuthInfo::AuthCookie); }
 
 TEST_F(PlantedBackEnd, IsNotAsked) {
   const std::vector<std::pair<uid_t, mode_t>> homes = {
-      {support::kVisitor, 0700}, {0, 0775}, {0, 0757}};
+      {kVisitor, 0700}, {0, 0775}, {0, 0757}};
   for (const auto& [owner, mode] : homes) {
     SetHome(owner, mode);
     for (const auto& ask : std::vector<std::function<void(Cgi&)>>{
@@ -420,9 +385,10 @@ TEST_F(Confinement, KeepsNoFolderOpenAndNothingForOtherPrograms) {
       EXPECT_EQ(outcome.reported["opened"], "1");
       EXPECT_EQ(outcome.reported["folders"], "0");
       EXPECT_EQ(outcome.reported["inherited"], "0");
-      EXPECT_NE(zan_cgi::testing::ReadFile(log), "");
+      EXPECT_NE(ReadFile(log), "");
     }
   }
 }
 
 }  // namespace
+}  // namespace support

@@ -1,21 +1,17 @@
-#include <gtest/gtest.h>
 #include <security/pam_appl.h>
 #include <sys/resource.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/zancgi.h>
 
 #include <climits>
 #include <cstdlib>
 #include <set>
-#include <string>
-#include <vector>
 
+#include "support/allocations.h"
+#include "support/test.h"
+
+namespace support {
 namespace {
 
 using zan_cgi::myconv;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::Reporter;
 
 /// One message of every style, and of none.
 const std::vector<pam_message> kMessages = {
@@ -35,8 +31,6 @@ std::vector<const pam_message*> Pointers() {
 /// For what must stay as it is.
 pam_response untouched;
 
-/// How often memory has been asked for; counted in this file where possible.
-long allocations = 0;
 #ifdef __SANITIZE_ADDRESS__  // It keeps memory of its own.
 constexpr bool kCountsAllocations = false;
 #else
@@ -45,9 +39,10 @@ constexpr bool kCountsAllocations = true;
 
 void ExpectRefusal(int count, const pam_message** messages, char* data) {
   pam_response* answers = &untouched;
-  const long before = allocations;
-  EXPECT_EQ(myconv(count, messages, &answers, data), PAM_CONV_ERR) << count;
-  EXPECT_EQ(allocations, before);
+  BeginAllocations();
+  const int code = myconv(count, messages, &answers, data);
+  EXPECT_EQ(EndAllocations().count, 0U);
+  EXPECT_EQ(code, PAM_CONV_ERR) << count;
   EXPECT_EQ(answers, &untouched);
 }
 
@@ -63,12 +58,11 @@ TEST(Conversation, WithoutDataOrAMessageIsRefusedWithoutAnAnswer) {
 /// What a conversation answers to so many messages; frees it.
 void ExpectAnswers(int count, const pam_message** messages, std::string data) {
   pam_response* answers = nullptr;
-  const long before = allocations;
+  BeginAllocations();
   const int code = myconv(count, messages, &answers, data.data());
-  const long made = allocations - before;
+  const std::size_t made = EndAllocations().count;
   // The answers, and the text of each.
-  const long expected = kCountsAllocations ? 1 + count : 0;
-  EXPECT_EQ(made, expected);
+  EXPECT_EQ(made, kCountsAllocations ? 1 + static_cast<unsigned>(count) : 0U);
   ASSERT_EQ(code, PAM_SUCCESS);
   std::set<const char*> places = {data.data()};
   for (int i = 0; i < count; ++i) {
@@ -113,21 +107,4 @@ TEST(Conversation, ThatIsTooLongForTheMemoryIsRefusedWithoutAnAnswer) {
 #endif
 
 }  // namespace
-
-#ifndef __SANITIZE_ADDRESS__
-
-extern "C" void* RealMalloc(std::size_t size) __asm__("__libc_malloc");
-extern "C" void* RealCalloc(std::size_t count,
-                            std::size_t size) __asm__("__libc_calloc");
-
-extern "C" void* malloc(std::size_t size) {
-  ++allocations;
-  return RealMalloc(size);
-}
-
-extern "C" void* calloc(std::size_t count, std::size_t size) {
-  ++allocations;
-  return RealCalloc(count, size);
-}
-
-#endif
+}  // namespace support

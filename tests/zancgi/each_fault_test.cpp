@@ -3,34 +3,17 @@
 // and of an authorization. Nothing may be left behind, and nobody authorized.
 
 #include <grp.h>
-#include <gtest/gtest.h>
 #include <pwd.h>
 #include <tov/proc.h>
-#include <unistd.h>
 #include <zancgi/account.h>
 #include <zancgi/form.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/identity.h>
-#include <zancgi/testing/input.h>
-#include <zancgi/testing/scratch.h>
-#include <zancgi/zancgi.h>
 
-#include <cerrno>
 #include <csignal>
-#include <cstddef>
-#include <cstdint>
 #include <cstring>
 #include <exception>
-#include <filesystem>
-#include <functional>
-#include <map>
 #include <optional>
 #include <sstream>
-#include <stdexcept>
-#include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
 
 #include "support/account.h"
 #include "support/allocations.h"
@@ -39,26 +22,14 @@
 #include "support/form.h"
 #include "support/hand_over.h"
 #include "support/switch.h"
+#include "support/test.h"
 
+namespace support {
 namespace {
 
-using support::Backend;
-using support::FileCall;
-using support::Owners;
-using support::Shortage;
-using zan_cgi::Cgi;
 using zan_cgi::Form;
 using zan_cgi::testing::Answer;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Input;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::ReadFile;
-using zan_cgi::testing::Reporter;
-using zan_cgi::testing::Scratch;
-using Strings = std::vector<std::string>;
-using Texts = std::map<std::string, std::string>;
 
-/// A piece of work in which faults are made to happen.
 using Work = std::function<void()>;
 
 /// Does the work while faults happen, tells how many calls were open to them,
@@ -76,33 +47,38 @@ std::exception_ptr FailureOf(const Work& work) {
 
 Faults Without(const Shortage& shortage) {
   return [shortage](const Work& work, const Reporter& report) {
-    support::BeginAllocations(shortage);
+    BeginAllocations(shortage);
     const std::exception_ptr failure = FailureOf(work);
-    const support::Allocations made = support::EndAllocations();
+    const Allocations made = EndAllocations();
     report("calls", std::to_string(made.count));
     return failure;
   };
 }
 
-/// Has the call of this number fail, counted from 1, with this error.
-Faults FailingCall(std::size_t number, int error) {
-  return [=](const Work& work, const Reporter& report) {
-    std::size_t count = 0;
-    support::WatchFileCalls([&](const FileCall& call) {
-      if (++count == number) report("failed call", std::string(call.name));
-      return count == number ? error : 0;
-    });
-    const std::exception_ptr failure = FailureOf(work);
-    support::WatchFileCalls(nullptr);
-    report("calls", std::to_string(count));
-    return failure;
+/// Fails with this error when a file without a name is to be made.
+support::FileCallWatcher RefuseUnnamed(int error) {
+  return [error](const FileCall& call) {
+    return call.name == "O_TMPFILE" ? error : 0;
   };
 }
 
-/// Whether what has failed is the removal of a file, which then stays.
-bool IsRemoval(const Outcome& outcome) {
-  const auto failed = outcome.reported.find("failed call");
-  return failed != outcome.reported.end() && failed->second == "unlink";
+/// Has the call of this number fail, counted from 1, with this error.
+/// @param unnamed_error  that of files without a name; they do not count then
+Faults FailingCall(std::size_t number, int error, int unnamed_error = 0) {
+  return [=](const Work& work, const Reporter& report) {
+    std::size_t count = 0;
+    WatchFileCalls(
+        [&, refuse = RefuseUnnamed(unnamed_error)](const FileCall& call) {
+          const int refused = refuse(call);
+          if (refused != 0) return refused;
+          if (++count == number) report("failed call", std::string(call.name));
+          return count == number ? error : 0;
+        });
+    const std::exception_ptr failure = FailureOf(work);
+    WatchFileCalls(nullptr);
+    report("calls", std::to_string(count));
+    return failure;
+  };
 }
 
 /// All that is known of how a child has ended, for failed expectations.
@@ -125,6 +101,15 @@ std::string Described(const Outcome& outcome) {
   }
   text << "\nstandard error:\n" << outcome.standard_error;
   return text.str();
+}
+
+/// Expects an empty folder, unless what has failed is the removal of a file,
+/// which then stays; and empties it.
+void ExpectNothingLeft(const Scratch& spool, Outcome outcome) {
+  const Strings left = spool.List();
+  for (const std::string& name : left) fs::remove(spool / name);
+  const bool is_removal = outcome.reported["failed call"] == "unlink";
+  EXPECT_LE(left.size(), is_removal ? 1U : 0U) << Described(outcome);
 }
 
 /// Has a run meet its first fault, then its second, until it has none to meet.
@@ -166,11 +151,11 @@ const std::string kLong(100'000, 'x');
 
 /// Two uploads have the same name. The data of one spans chunks, one of which
 /// ends in the beginning of a separator.
-const std::string kForm =
-    support::Field(kField, "a value that is long enough") +
-    support::Upload("picture", kFirst, "replaced") +
-    support::Upload("another picture of the holidays", kSecond, kLong) +
-    support::Upload("picture", kFirst, "kept\r\n--X") + support::kFormEnd;
+const std::string kBody =
+    Field(kField, "a value that is long enough") +
+    Upload("picture", kFirst, "replaced") +
+    Upload("another picture of the holidays", kSecond, kLong) +
+    Upload("picture", kFirst, "kept\r\n--X") + kFormEnd;
 
 const Texts kParams = {{kField, "a value that is long enough"},
                        {"picture", kFirst},
@@ -198,35 +183,27 @@ void ExpectOwnPaths(const Cgi::Data& record, const std::string& spool) {
 class EachFaultOfAParse : public testing::Test {
  protected:
   /// Parses the form and expects that it leaves nothing behind.
-  Outcome Parse(const Faults& faults, Child child = Child()) const {
-    const Input input = Input::File(kForm);
-    child.Env("CONTENT_TYPE", support::kForm)
-        .Env("CONTENT_LENGTH", std::to_string(kForm.size()))
-        .StandardInput(input);
-    const Outcome outcome = child.Run([&](const Reporter& report) {
-      std::exception_ptr failure;
-      {
-        Cgi::Data record;
-        record.tmp_dir = spool_.Path();
-        failure = faults([&record] { record.ParseInput(); }, report);
-        ExpectOwnPaths(record, spool_.Path());
-        if (!failure) ExpectWhole(record);
-      }
-      if (failure) std::rethrow_exception(failure);
-    });
-    ExpectNothingLeft(outcome);
+  Outcome Parse(const Faults& faults, const Child& child = Child()) const {
+    const Input input = Input::File(kBody);
+    const Outcome outcome =
+        PostOf(kBody, kForm, child)
+            .StandardInput(input)
+            .Run([&](const Reporter& report) {
+              std::exception_ptr failure;
+              {
+                Cgi::Data record;
+                record.tmp_dir = spool_.Path();
+                failure = faults([&record] { record.ParseInput(); }, report);
+                ExpectOwnPaths(record, spool_.Path());
+                if (!failure) ExpectWhole(record);
+              }
+              if (failure) std::rethrow_exception(failure);
+            });
+    ExpectNothingLeft(spool_, outcome);
     return outcome;
   }
 
  private:
-  void ExpectNothingLeft(const Outcome& outcome) const {
-    const Strings left = spool_.List();
-    for (const std::string& name : left) {
-      std::filesystem::remove(spool_ / name);
-    }
-    EXPECT_EQ(left.size(), IsRemoval(outcome) ? 1U : 0U) << Described(outcome);
-  }
-
   Scratch spool_;
 };
 
@@ -267,16 +244,15 @@ void PrintTo(const FormRequest& request, std::ostream* out) {
   *out << request.name;
 }
 
-const std::string kMultipart =
-    support::Field(kField, "a value that is long enough") +
-    support::Upload("picture", kFirst, kLong) +
-    support::Upload("picture", kFirst, "second") + support::kFormEnd;
+const std::string kMultipart = Field(kField, "a value that is long enough") +
+                               Upload("picture", kFirst, kLong) +
+                               Upload("picture", kFirst, "second") + kFormEnd;
 
 const std::vector<FormRequest> kFormRequests = {
-    {"Multipart", support::kForm, kMultipart},
-    {"MultipartIntoNamedFiles", support::kForm, kMultipart, EOPNOTSUPP},
+    {"Multipart", kForm, kMultipart},
+    {"MultipartIntoNamedFiles", kForm, kMultipart, EOPNOTSUPP},
     // Long enough for several reads.
-    {"Encoded", "application/x-www-form-urlencoded",
+    {"Encoded", kEncoded,
      "a+field+with+a+name+that+is+long=a+value+that+is+long+enough&b=" + kLong +
          kLong + kLong},
 };
@@ -288,54 +264,36 @@ std::string NameOf(const testing::TestParamInfo<FormRequest>& request) {
 class EachFaultOfAForm : public testing::TestWithParam<FormRequest> {
  protected:
   /// Reads the form and asks for a parameter. Expects that nothing is left.
-  Outcome Read(const Faults& faults, Child child = Child()) const {
+  Outcome Read(const Faults& faults, const Child& child = Child()) const {
     const FormRequest& request = GetParam();
     const Input input = Input::File(request.body);
-    child.Env("REQUEST_METHOD", "POST")
-        .Env("CONTENT_TYPE", request.type)
-        .Env("CONTENT_LENGTH", std::to_string(request.body.size()))
-        .StandardInput(input);
-    Outcome outcome = child.Run([&](const Reporter& report) {
-      std::exception_ptr failure;
-      {
-        Cgi cgi("/bin/front", "");
-        cgi.SetTmpDir(spool_.Path());
-        std::optional<Form> form;
-        failure = faults(
-            [&] {
-              form.emplace(cgi);
-              cgi.Param(kField);
-            },
-            report);
-        ExpectAllOrNothing(form, cgi);
-      }
-      if (failure) std::rethrow_exception(failure);
-    });
+    Outcome outcome =
+        PostOf(request.body, request.type, child)
+            .StandardInput(input)
+            .Run([&](const Reporter& report) {
+              std::exception_ptr failure;
+              {
+                Cgi cgi("/bin/front", "");
+                cgi.SetTmpDir(spool_.Path());
+                std::optional<Form> form;
+                WatchFileCalls(RefuseUnnamed(request.unnamed_error));
+                failure = faults(
+                    [&] {
+                      form.emplace(cgi);
+                      cgi.Param(kField);
+                    },
+                    report);
+                WatchFileCalls(nullptr);
+                ExpectAllOrNothing(form, cgi);
+              }
+              if (failure) std::rethrow_exception(failure);
+            });
     EXPECT_TRUE(outcome.error_type.empty() ||
                 outcome.error_type == "std::bad_alloc" ||
                 outcome.error_type == "zan_cgi::FormError")
         << Described(outcome);
-    ExpectNothingLeft(outcome);
+    ExpectNothingLeft(spool_, outcome);
     return outcome;
-  }
-
-  /// Faults of the calls, beside the one that the request brings along.
-  Faults Failing(std::size_t number, int error) const {
-    return [=, unnamed_error = GetParam().unnamed_error](
-               const Work& work, const Reporter& report) {
-      std::size_t count = 0;
-      support::WatchFileCalls([&](const FileCall& call) {
-        if (call.name == "O_TMPFILE" && unnamed_error != 0) {
-          return unnamed_error;
-        }
-        if (++count == number) report("failed call", std::string(call.name));
-        return count == number ? error : 0;
-      });
-      const std::exception_ptr failure = FailureOf(work);
-      support::WatchFileCalls(nullptr);
-      report("calls", std::to_string(count));
-      return failure;
-    };
   }
 
  private:
@@ -363,14 +321,6 @@ class EachFaultOfAForm : public testing::TestWithParam<FormRequest> {
     EXPECT_EQ(ReadFile(cgi.File(kFirst + " (2)")), "second");
   }
 
-  void ExpectNothingLeft(const Outcome& outcome) const {
-    const Strings left = spool_.List();
-    for (const std::string& name : left) {
-      std::filesystem::remove(spool_ / name);
-    }
-    EXPECT_LE(left.size(), IsRemoval(outcome) ? 1U : 0U) << Described(outcome);
-  }
-
   Scratch spool_;
 };
 
@@ -378,16 +328,7 @@ INSTANTIATE_TEST_SUITE_P(, EachFaultOfAForm, testing::ValuesIn(kFormRequests),
                          NameOf);
 
 TEST_P(EachFaultOfAForm, InItsMemoryLeavesNothingBehind) {
-  MeetEachShortage([&](const Faults& faults) {
-    return Read([&](const Work& work, const Reporter& report) {
-      support::WatchFileCalls([&](const FileCall& call) {
-        return call.name == "O_TMPFILE" ? GetParam().unnamed_error : 0;
-      });
-      const std::exception_ptr failure = faults(work, report);
-      support::WatchFileCalls(nullptr);
-      return failure;
-    });
-  });
+  MeetEachShortage([&](const Faults& faults) { return Read(faults); });
 }
 
 /// Whether a signal in this call changes nothing.
@@ -399,7 +340,7 @@ TEST_P(EachFaultOfAForm, InItsCallsLeavesNothingBehind) {
   for (const int error : {EIO, EACCES, EINTR, ENOSPC}) {
     SCOPED_TRACE(error);
     const auto failing = [&](std::size_t number) {
-      return Failing(number, error);
+      return FailingCall(number, error, GetParam().unnamed_error);
     };
     MeetEach(failing, [&](const Faults& faults) {
       Outcome outcome = Read(faults);
@@ -430,9 +371,9 @@ class EachFaultOfAHandOver : public testing::TestWithParam<bool> {
                            owners.MakeUpload("zantempGhIjKl")};
     const Outcome outcome = Child().Run([&](const Reporter& report) {
       if (can_use_accounts_) {
-        support::UseAccounts({owners.Visitor()}, {});
+        UseAccounts({owners.Visitor()}, {});
       } else {
-        support::FakeAccount(owners.Visitor());
+        FakeAccount(owners.Visitor());
       }
       // The C library crashes when memory ends in the first look-up of all.
       ::getpwnam("visitor");
@@ -461,12 +402,12 @@ class EachFaultOfAHandOver : public testing::TestWithParam<bool> {
   static void ExpectHandedOver(const Owners& owners) {
     EXPECT_EQ(owners.InHome(), (Strings{"zantempAbCdEf", "zantempGhIjKl"}));
     for (const std::string& name : owners.InHome()) {
-      EXPECT_EQ(support::AttributesOf(owners.Home() + "/" + name),
+      EXPECT_EQ(AttributesOf(owners.Home() + "/" + name),
                 owners.AttributesAfter());
     }
   }
 
-  const bool can_use_accounts_ = support::WhyNoAccounts().empty();
+  const bool can_use_accounts_ = WhyNoAccounts().empty();
 };
 
 INSTANTIATE_TEST_SUITE_P(ToAnotherFileSystem, EachFaultOfAHandOver,
@@ -483,14 +424,14 @@ TEST_P(EachFaultOfAHandOver, InItsMemoryLeavesNothingBehind) {
   });
 }
 
-class EachFaultOfBecomingAnAccount : public support::MachineTest<> {
+class EachFaultOfBecomingAnAccount : public MachineTest<> {
  protected:
   /// Becomes the account, and tells who the process then is.
   Outcome Become(const Faults& faults, bool confined) const {
     return Child().WorkDir(machine_.Start()).Run([&](const Reporter& report) {
       machine_.SetUp();
       ASSERT_EQ(::setgroups(0, nullptr), 0);
-      const support::Observer observer;
+      const Observer observer;
       Cgi cgi(machine_.Start() + "/bin/front", "");
       // The C library crashes when it has no memory to set these up.
       EXPECT_NE(::getpwnam("visitor"), nullptr);
@@ -502,8 +443,8 @@ class EachFaultOfBecomingAnAccount : public support::MachineTest<> {
       options.confined = confined;
       const std::exception_ptr failure = faults(
           [&] { zan_cgi::BecomeAccount(cgi, "visitor", options); }, report);
-      support::TellIdentity(report, observer.Look());
-      EXPECT_TRUE(::geteuid() == 0 || !support::CanBecomeAnother());
+      TellIdentity(report, observer.Look());
+      EXPECT_TRUE(::geteuid() == 0 || !CanBecomeAnother());
       if (failure) std::rethrow_exception(failure);
     });
   }
@@ -522,11 +463,11 @@ TEST_F(EachFaultOfBecomingAnAccount, InItsMemoryLeavesNoRootAfterTheSwitch) {
         return outcome;
       }
       const std::string users = outcome.reported["users"];
-      const support::Identity visitor = support::Visitor("", "");
+      const Identity visitor = Visitor("", "");
       if (outcome.error.empty()) {
         EXPECT_EQ(users, visitor.users);
         EXPECT_EQ(outcome.reported["supplementary"], visitor.supplementary);
-      } else if (users == support::Root("").users) {
+      } else if (users == Root("").users) {
         // Before the switch, in which the directory changes.
         EXPECT_TRUE(outcome.error_type == "std::bad_alloc" ||
                     outcome.error == "there is no account of this name")
@@ -609,6 +550,7 @@ TEST(EachFaultOfAnAuthorization, ThatIsRefusedAuthorizesNobodyEither) {
 }
 
 }  // namespace
+}  // namespace support
 
 // What the parser waits for after a read of nothing does not come sooner.
 void tov_proc::Sleep(unsigned /*milliseconds*/) {}

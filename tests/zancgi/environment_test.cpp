@@ -1,27 +1,16 @@
-#include <gtest/gtest.h>
 #include <zancgi/request.h>
-#include <zancgi/testing/child.h>
 
-#include <functional>
-#include <map>
-#include <string>
-#include <utility>
-#include <vector>
+#include "support/test.h"
 
-#include "support/clean_run.h"
-
+namespace support {
 namespace {
 
-using support::RunCleanly;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Reporter;
 using Variables = std::map<std::string, std::string>;
 
-/// Runs a check in a process that has just these variables.
 void With(const Variables& variables, const std::function<void()>& check) {
   Child child;
   for (const auto& [name, value] : variables) child.Env(name, value);
-  RunCleanly(child, [&](const Reporter&) { check(); });
+  RunCleanly(child, [&] { check(); });
 }
 
 TEST(Environment, IsEmptyWithoutAWebServer) {
@@ -180,3 +169,4 @@ TEST(IsSameSite, IsDecidedByFetchMetadataThenByTheOrigin) {
 }
 
 }  // namespace
+}  // namespace support

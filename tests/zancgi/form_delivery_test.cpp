@@ -1,61 +1,28 @@
 // A form does not depend on how its body arrives. No wait is longer than the
 // limit, and the rest of a refused body is read and dropped.
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
-#include <unistd.h>
 #include <zancgi/form.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/input.h>
-#include <zancgi/testing/scratch.h>
-#include <zancgi/zancgi.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <cstdint>
 #include <cstdlib>
-#include <functional>
 #include <limits>
-#include <stdexcept>
-#include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
-#include "support/clean_run.h"
 #include "support/form.h"
 #include "support/piece_input.h"
 #include "support/refusal.h"
 #include "support/signals.h"
 #include "support/system_calls.h"
+#include "support/test.h"
 
+namespace support {
 namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-using support::CutInto;
-using support::Field;
-using support::kFormEnd;
-using support::PieceInput;
-using support::Post;
-using support::PostOf;
-using support::Refusal;
-using support::RefusalOf;
-using support::RunCleanly;
-using support::RunWithoutError;
-using support::Upload;
-using zan_cgi::Cgi;
-using zan_cgi::Form;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Input;
-using zan_cgi::testing::ReadFile;
-using zan_cgi::testing::Reporter;
-using zan_cgi::testing::Scratch;
 using Clock = std::chrono::steady_clock;
-using Strings = std::vector<std::string>;
 
 /// Look-alikes of the boundary, wherever a piece may end.
 std::string Content(std::size_t size) {
@@ -70,25 +37,13 @@ std::string FormOf(std::size_t size) {
          Field("b", "2") + kFormEnd;
 }
 
-/// Reads the form of FormOf(size).
 void ExpectForm(const std::string& spool, std::size_t size) {
-  Cgi cgi("/bin/front", "");
-  cgi.SetTmpDir(spool);
+  Cgi cgi = CgiWithSpool(spool);
   const Form form(cgi);
   EXPECT_TRUE(form.Value("a") == Content(size));
   EXPECT_EQ(form.Value("b"), "2");
   ASSERT_EQ(form.uploads().size(), 1U);
   EXPECT_TRUE(ReadFile(form.Path(form.uploads()[0])) == Content(size));
-}
-
-/// How the form of this request is refused.
-Refusal RefusalWithin(const std::string& spool,
-                      const Form::Limits& limits = Form::Limits()) {
-  return RefusalOf([&] {
-    Cgi cgi("/bin/front", "");
-    cgi.SetTmpDir(spool);
-    const Form form(cgi, limits);
-  });
 }
 
 Form::Limits SilenceOf(int idle) {
@@ -119,7 +74,7 @@ std::vector<Delivery> Deliveries() {
       {"a socket that does not block", 1'000'000, Input::Socket,
        MakeNonBlocking},
       {"a pipe while signals come", 1'000'000, Input::Pipe,
-       [] { support::StartSignalStorm(); }},
+       [] { StartSignalStorm(); }},
   };
   const std::pair<std::size_t, std::size_t> pieces[] = {
       {1, 60}, {7, 300}, {1460, 50'000}, {4096, 100'000}, {65'536, 500'000}};
@@ -130,37 +85,37 @@ std::vector<Delivery> Deliveries() {
     rows.push_back({"pieces", size, slowly});
     rows.push_back({"pieces that do not block", size, slowly, MakeNonBlocking});
     rows.push_back({"pieces while signals come", size, slowly,
-                    [] { support::StartSignalStorm(); }});
+                    [] { StartSignalStorm(); }});
   }
   return rows;
 }
 
-TEST(Delivery, MakesNoDifferenceToAForm) {
-  const Scratch spool;
+/// Does this with the body of a form of some size, however it comes.
+void ForEachDelivery(const std::function<void(const std::string& body,
+                                              std::size_t size)>& work) {
   for (const Delivery& row : Deliveries()) {
     SCOPED_TRACE(testing::Message() << row.name << ", " << row.size);
     const std::string body = FormOf(row.size);
-    const Input input = row.input(body);
-    RunCleanly(PostOf(body).StandardInput(input), [&](const Reporter&) {
+    RunCleanly(PostOf(body), row.input(body), [&] {
       row.prepare();
-      ExpectForm(spool.Path(), row.size);
-      support::EndSignalStorm();
+      work(body, row.size);
+      EndSignalStorm();
     });
-    EXPECT_EQ(spool.List(), Strings{});
   }
 }
 
+TEST(Delivery, MakesNoDifferenceToAForm) {
+  const Scratch spool;
+  ForEachDelivery([&](const std::string&, std::size_t size) {
+    ExpectForm(spool.Path(), size);
+    EXPECT_EQ(spool.List(), Strings{});
+  });
+}
+
 TEST(Delivery, MakesNoDifferenceToABody) {
-  for (const Delivery& row : Deliveries()) {
-    SCOPED_TRACE(testing::Message() << row.name << ", " << row.size);
-    const std::string body = FormOf(row.size);
-    const Input input = row.input(body);
-    RunCleanly(PostOf(body).StandardInput(input), [&](const Reporter&) {
-      row.prepare();
-      EXPECT_TRUE(zan_cgi::ReadBody(10'000'000) == body);
-      support::EndSignalStorm();
-    });
-  }
+  ForEachDelivery([](const std::string& body, std::size_t) {
+    EXPECT_TRUE(zan_cgi::ReadBody(10'000'000) == body);
+  });
 }
 
 /// Makes standard input the end of a pipe that is written to. It is never ready
@@ -182,16 +137,16 @@ struct Silence {
 const Silence kSilences[] = {
     {"before the first byte", ""},
     {"in a header", "--XY\r\nContent-Disp"},
-    {"in a value", support::FieldHead("a") + "val"},
-    {"in an upload", support::UploadHead("u", "f") + "data"},
+    {"in a value", FieldHead("a") + "val"},
+    {"in an upload", UploadHead("u", "f") + "data"},
     {"after the closing boundary", Field("a", "1") + kFormEnd},
     {"does not block", "--XY\r\n", MakeNonBlocking},
     {"a pipe to write to", "", BecomeWritingEnd},
-    {"signals come", "--XY\r\n", [] { support::StartSignalStorm(); }},
+    {"signals come", "--XY\r\n", [] { StartSignalStorm(); }},
     {"signals come, does not block", "--XY\r\n",
      [] {
        MakeNonBlocking();
-       support::StartSignalStorm();
+       StartSignalStorm();
      }},
 };
 
@@ -200,13 +155,13 @@ TEST(Silence, EndsTheReadingAfterItsLimitAndNotSooner) {
   for (const Silence& row : kSilences) {
     SCOPED_TRACE(row.name);
     const Input input = Input::SilentPipe(row.sent);
-    RunWithoutError(Post("1000").StandardInput(input), [&](const Reporter&) {
+    RunWithoutError(Post("1000").StandardInput(input), [&] {
       row.prepare();
       const auto begin = Clock::now();
       EXPECT_EQ(RefusalWithin(spool.Path(), SilenceOf(1)),
                 (Refusal{408, "nothing of the body has come for 1 seconds"}));
       const auto waited = Clock::now() - begin;
-      support::EndSignalStorm();
+      EndSignalStorm();
       EXPECT_GE(waited, milliseconds(990));
       // Long before a wait of the usual limit would end.
       EXPECT_LT(waited, seconds(20));
@@ -217,8 +172,8 @@ TEST(Silence, EndsTheReadingAfterItsLimitAndNotSooner) {
 
 TEST(Silence, IsNotWaitedForOnceMore) {
   const Scratch spool;
-  const Strings pieces = {support::UploadHead("u", "f"), "data"};
-  RunCleanly(Post("1000"), [&](const Reporter&) {
+  const Strings pieces = {UploadHead("u", "f"), "data"};
+  RunCleanly(Post("1000"), [&] {
     const PieceInput input(pieces, [&](std::size_t wait) {
       return wait < pieces.size() ? PieceInput::Event::Piece
                                   : PieceInput::Event::Silence;
@@ -234,7 +189,7 @@ TEST(Silence, EndsTheReadingAfterHalfAMinuteUnlessSaid) {
       [&] { return RefusalWithin(spool.Path()); },
       [] { return RefusalOf([] { zan_cgi::ReadBody(1000); }); }};
   for (const auto& read : readings) {
-    RunCleanly(Post("1000"), [&](const Reporter&) {
+    RunCleanly(Post("1000"), [&] {
       const PieceInput input({"--XY"}, [](std::size_t wait) {
         return wait == 0 ? PieceInput::Event::Piece
                          : PieceInput::Event::Silence;
@@ -249,8 +204,8 @@ TEST(Silence, EndsTheReadingAfterHalfAMinuteUnlessSaid) {
 /// Has so many reads find nothing although poll(2) has reported input, as when
 /// another process reads from the same pipe.
 void LoseReads(int count) {
-  support::Replace({.read = [count](void* buffer, std::size_t size) mutable {
-    if (count == 0) return support::RealRead(STDIN_FILENO, buffer, size);
+  Replace({.read = [count](void* buffer, std::size_t size) mutable {
+    if (count == 0) return RealRead(STDIN_FILENO, buffer, size);
     --count;
     errno = EAGAIN;
     return ssize_t{-1};
@@ -260,8 +215,7 @@ void LoseReads(int count) {
 TEST(LostRead, IsTriedAgain) {
   const std::string body = FormOf(1000);
   const Scratch spool;
-  const Input input = Input::File(body);
-  RunCleanly(PostOf(body).StandardInput(input), [&](const Reporter&) {
+  RunCleanly(PostOf(body), Input::File(body), [&] {
     LoseReads(5);
     ExpectForm(spool.Path(), 1000);
   });
@@ -269,7 +223,7 @@ TEST(LostRead, IsTriedAgain) {
 
 TEST(LostRead, AgainAndAgainIsSilence) {
   const Scratch spool;
-  RunCleanly(Post("1000"), [&](const Reporter&) {
+  RunCleanly(Post("1000"), [&] {
     LoseReads(std::numeric_limits<int>::max());
     EXPECT_EQ(RefusalWithin(spool.Path(), SilenceOf(1)).status, 408);
   });
@@ -279,8 +233,7 @@ TEST(Silence, WhileTheRestIsDroppedEndsThat) {
   const Scratch spool;
   Form::Limits limits = SilenceOf(1);
   limits.parts = 0;
-  const Input input = Input::SilentPipe(Field("a", "1"));
-  RunCleanly(Post("1000").StandardInput(input), [&](const Reporter&) {
+  RunCleanly(Post("1000"), Input::SilentPipe(Field("a", "1")), [&] {
     EXPECT_EQ(RefusalWithin(spool.Path(), limits).status, 413);
   });
 }
@@ -288,12 +241,12 @@ TEST(Silence, WhileTheRestIsDroppedEndsThat) {
 TEST(Silence, IsMeasuredFromPieceToPiece) {
   const std::string body = FormOf(100);
   const Scratch spool;
-  const Input input =
-      Input::SlowPipe(CutInto(body, body.size() / 5), milliseconds(800));
-  RunCleanly(PostOf(body).StandardInput(input), [&](const Reporter&) {
-    // Each piece comes in time, all together do not.
-    EXPECT_EQ(RefusalWithin(spool.Path(), SilenceOf(4)), Refusal{});
-  });
+  RunCleanly(PostOf(body),
+             Input::SlowPipe(CutInto(body, body.size() / 5), milliseconds(800)),
+             [&] {
+               // Each piece comes in time, all together do not.
+               EXPECT_EQ(RefusalWithin(spool.Path(), SilenceOf(4)), Refusal{});
+             });
 }
 
 /// Replaces standard input by this file, opened this way.
@@ -326,7 +279,7 @@ TEST(StandardInput, ThatCannotBeReadIsNeverWaitedFor) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
-    RunWithoutError(Post("1000"), [&](const Reporter&) {
+    RunWithoutError(Post("1000"), [&] {
       row.prepare();
       const auto begin = Clock::now();
       EXPECT_EQ(RefusalWithin(spool.Path()), (Refusal{400, row.text}));
@@ -386,19 +339,19 @@ TEST(RefusedForm, IsReadToItsEndAndNotFurther) {
     const char* spool = "/tmp";
   };
   const Row rows[] = {
-      {"rule", 400, support::kForm, Field("a", "1") + "--XYbad\r\n"},
+      {"rule", 400, kForm, Field("a", "1") + "--XYbad\r\n"},
       {"no boundary", 400, "multipart/form-data", ""},
-      {"declared length", 413, support::kForm, "", 1000},
-      {"value", 413, support::kForm, support::FieldHead("a")},
-      {"encoded value", 413, "application/x-www-form-urlencoded", "a="},
+      {"declared length", 413, kForm, "", 1000},
+      {"value", 413, kForm, FieldHead("a")},
+      {"encoded value", 413, kEncoded, "a="},
       {"type", 415, "text/plain", ""},
-      {"folder", 507, support::kForm, support::UploadHead("u", "f"), 10'000'000,
+      {"folder", 507, kForm, UploadHead("u", "f"), 10'000'000,
        "/nowhere/at/all"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     const std::string body = row.begin + std::string(3'000'000, 'x');
-    RunCleanly(PostOf(body, row.type), [&](const Reporter&) {
+    RunCleanly(PostOf(body, row.type), [&] {
       Writer writer(body + "unread");
       Form::Limits limits;
       limits.body = row.longest;
@@ -421,23 +374,24 @@ TEST(RefusedForm, OfMoreThanAGigabyteIsReadUpToThat) {
   for (const std::int64_t declared :
        {kGigabyte - 1, kGigabyte, kGigabyte + 1, 3 * kGigabyte}) {
     SCOPED_TRACE(declared);
-    RunCleanly(Post(std::to_string(declared)), [&](const Reporter&) {
+    RunCleanly(Post(std::to_string(declared)), [&] {
       std::int64_t count = 0;
-      support::Replace({.poll =
-                            [](pollfd* entries, nfds_t, int) {
-                              entries->revents = POLLIN;
-                              return 1;
-                            },
-                        .read =
-                            [&](void*, std::size_t size) {
-                              count += static_cast<std::int64_t>(size);
-                              return static_cast<ssize_t>(size);
-                            }});
+      Replace({.poll =
+                   [](pollfd* entries, nfds_t, int) {
+                     entries->revents = POLLIN;
+                     return 1;
+                   },
+               .read =
+                   [&](void*, std::size_t size) {
+                     count += static_cast<std::int64_t>(size);
+                     return static_cast<ssize_t>(size);
+                   }});
       EXPECT_EQ(RefusalWithin(spool.Path()).status, 413);
-      support::Replace({});
+      Replace({});
       EXPECT_EQ(count, std::min(declared, kGigabyte));
     });
   }
 }
 
 }  // namespace
+}  // namespace support

@@ -1,44 +1,16 @@
 // With which status and which text a form is refused: the declared length,
 // each limit, each rule.
 
-#include <gtest/gtest.h>
 #include <zancgi/form.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/input.h>
-#include <zancgi/testing/scratch.h>
-#include <zancgi/zancgi.h>
 
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
-#include <functional>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include "support/clean_run.h"
 #include "support/form.h"
 #include "support/refusal.h"
+#include "support/test.h"
 #include "support/unread.h"
 
+namespace support {
 namespace {
 
-using support::BytesUnread;
-using support::Field;
-using support::kFormEnd;
-using support::Refusal;
-using support::RefusalOf;
-using support::RunCleanly;
-using support::Upload;
-using zan_cgi::Cgi;
-using zan_cgi::Form;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Input;
-using zan_cgi::testing::Reporter;
-using zan_cgi::testing::Scratch;
-using Strings = std::vector<std::string>;
-
-const char kEncoded[] = "application/x-www-form-urlencoded";
 const Refusal kTaken = {};
 
 /// How standard input is read.
@@ -46,31 +18,22 @@ using Reading = std::function<void(const std::string& spool)>;
 
 Reading FormWithin(const Form::Limits& limits) {
   return [limits](const std::string& spool) {
-    Cgi cgi("/bin/front", "");
-    cgi.SetTmpDir(spool);
+    Cgi cgi = CgiWithSpool(spool);
     const Form form(cgi, limits);
   };
 }
 
-/// How a body of these bytes is refused by this reading. Expects that nothing
-/// is left of it in the folder for uploads.
+/// Expects that a body of these bytes is refused so by this reading, and that
+/// nothing is left of it in the folder for uploads.
 /// @param unread  how many of the bytes must stay unread
-Refusal Read(Child child, const std::string& sent, const Reading& reading,
-             std::size_t unread = 0) {
+void ExpectRefusal(const Refusal& refusal, Child child, const std::string& sent,
+                   const Reading& reading, std::size_t unread = 0) {
   const Scratch spool;
-  const Input input = Input::File(sent);
-  Refusal refusal;
-  auto outcome = RunCleanly(
-      child.Env("REQUEST_METHOD", "POST").StandardInput(input),
-      [&](const Reporter& report) {
-        const Refusal found = RefusalOf([&] { reading(spool.Path()); });
-        EXPECT_EQ(BytesUnread(), unread);
-        report("status", std::to_string(found.status));
-        report("text", found.text);
-      });
+  RunCleanly(child.Env("REQUEST_METHOD", "POST"), Input::File(sent), [&] {
+    EXPECT_EQ(RefusalOf([&] { reading(spool.Path()); }), refusal);
+    EXPECT_EQ(BytesUnread(), unread);
+  });
   EXPECT_EQ(spool.List(), Strings{});
-  return {std::atoi(outcome.reported["status"].c_str()),
-          outcome.reported["text"]};
 }
 
 const Refusal kNoNumber = {400,
@@ -119,34 +82,32 @@ const LengthRow kLengths[] = {
     {"exact, chunked", "3", "a=1", kTaken, 0, "chunked"},
 };
 
-Refusal ReadDeclaring(const LengthRow& row, const Reading& reading) {
+void ReadDeclaring(const LengthRow& row, const Reading& reading) {
+  SCOPED_TRACE(row.name);
   Child child;
   child.Env("CONTENT_TYPE", kEncoded);
   if (row.declared != nullptr) child.Env("CONTENT_LENGTH", row.declared);
   if (row.transfer_encoding != nullptr) {
     child.Env("HTTP_TRANSFER_ENCODING", row.transfer_encoding);
   }
-  return Read(child, row.sent, reading, row.unread);
+  ExpectRefusal(row.refusal, child, row.sent, reading, row.unread);
 }
 
 TEST(DeclaredLength, OfAFormIsHeldToTheByte) {
   Form::Limits limits;
   limits.body = 10;
   for (const LengthRow& row : kLengths) {
-    SCOPED_TRACE(row.name);
-    EXPECT_EQ(ReadDeclaring(row, FormWithin(limits)), row.refusal);
+    ReadDeclaring(row, FormWithin(limits));
   }
 }
 
 TEST(DeclaredLength, OfAnotherBodyIsHeldToTheByte) {
   for (const LengthRow& row : kLengths) {
-    SCOPED_TRACE(row.name);
-    const auto expect_whole = [&](const std::string&) {
-      const std::string read = zan_cgi::ReadBody(10);
-      EXPECT_EQ(read, std::string(row.sent).substr(
-                          0, std::string(row.sent).size() - row.unread));
-    };
-    EXPECT_EQ(ReadDeclaring(row, expect_whole), row.refusal);
+    ReadDeclaring(row, [&](const std::string&) {
+      const std::string sent = row.sent;
+      EXPECT_EQ(zan_cgi::ReadBody(10),
+                sent.substr(0, sent.size() - row.unread));
+    });
   }
 }
 
@@ -162,30 +123,26 @@ TEST(ReadBody, GivesAnyBytesWhateverTypeAndMethod) {
       {"nothing", "POST", "application/json", ""},
       {"JSON", "PUT", "application/json", R"({"a": 1})"},
       {"zero bytes", "PATCH", "", zeros},
-      {"a form", "GET", support::kForm, Field("a", "1") + kFormEnd},
+      {"a form", "GET", kForm, Field("a", "1") + kFormEnd},
       {"one buffer", "POST", "text/plain", std::string(65'536, 'x')},
       {"one byte more", "POST", "text/plain", std::string(65'536, 'x') + "y"},
       {"10 MB", "DELETE", "image/png", std::string(10'000'000, '\0') + "end"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
-    const Input input = Input::Pipe(row.body);
     RunCleanly(Child()
                    .Env("REQUEST_METHOD", row.method)
                    .Env("CONTENT_TYPE", row.type)
-                   .Env("CONTENT_LENGTH", std::to_string(row.body.size()))
-                   .StandardInput(input),
-               [&](const Reporter&) {
-                 EXPECT_TRUE(zan_cgi::ReadBody(20'000'000) == row.body);
-               });
+                   .Env("CONTENT_LENGTH", std::to_string(row.body.size())),
+               Input::Pipe(row.body),
+               [&] { EXPECT_TRUE(zan_cgi::ReadBody(20'000'000) == row.body); });
   }
 }
 
 TEST(ReadBody, DropsWhatItRefuses) {
   const std::string body(1'000'000, 'x');
-  EXPECT_EQ(Read(Child().Env("CONTENT_LENGTH", "1000000"), body,
-                 [](const std::string&) { zan_cgi::ReadBody(999'999); }),
-            (Refusal{413, "the body is longer than 999999 bytes"}));
+  ExpectRefusal({413, "the body is longer than 999999 bytes"}, PostOf(body, ""),
+                body, [](const std::string&) { zan_cgi::ReadBody(999'999); });
 }
 
 /// A form, and the text with which it is refused.
@@ -193,18 +150,15 @@ struct Row {
   const char* name;
   std::string body;
   Refusal refusal;
-  std::string type = support::kForm;
+  std::string type = kForm;
 };
 
 void ExpectRefused(const std::vector<Row>& rows,
                    const Form::Limits& limits = Form::Limits()) {
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
-    EXPECT_EQ(Read(Child()
-                       .Env("CONTENT_TYPE", row.type)
-                       .Env("CONTENT_LENGTH", std::to_string(row.body.size())),
-                   row.body, FormWithin(limits)),
-              row.refusal);
+    ExpectRefusal(row.refusal, PostOf(row.body, row.type), row.body,
+                  FormWithin(limits));
   }
 }
 
@@ -249,7 +203,7 @@ TEST(Refusal, NamesTheRuleThatAMarkerBreaks) {
       {"no part", "--XY\r\n", not_closed},
       {"ends in a value", "--XY\r\n" + kNamed + "\r\n\r\nva", not_closed},
       {"ends in a header", "--XY\r\nContent-Disp", not_closed},
-      {"ends in an upload", support::UploadHead("u", "f") + "da", not_closed},
+      {"ends in an upload", UploadHead("u", "f") + "da", not_closed},
       {"ends in the closing boundary", Field("a", "1") + "--XY-", followed},
       {"text after a boundary", "--XYz\r\n" + kNamed + "\r\n\r\n1\r\n--XY--",
        followed},
@@ -385,7 +339,7 @@ TEST(QueryStringOfAForm, IsHeldToTheSameLimits) {
       SCOPED_TRACE(query);
       RunCleanly(
           Child().Env("REQUEST_METHOD", method).Env("QUERY_STRING", query),
-          [&, refusal = refusal](const Reporter&) {
+          [&, refusal = refusal] {
             EXPECT_EQ(RefusalOf([&] { FormWithin(limits)("/tmp"); }), refusal);
           });
     }
@@ -393,3 +347,4 @@ TEST(QueryStringOfAForm, IsHeldToTheSameLimits) {
 }
 
 }  // namespace
+}  // namespace support

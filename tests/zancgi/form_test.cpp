@@ -1,51 +1,21 @@
 // What the request answers after its form was read, how long the files live,
 // and wrong use.
 
-#include <gtest/gtest.h>
 #include <zancgi/form.h>
 #include <zancgi/testing/backend.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/input.h>
-#include <zancgi/testing/scratch.h>
-#include <zancgi/zancgi.h>
 
-#include <algorithm>
-#include <cstddef>
-#include <cstdint>
-#include <filesystem>
-#include <functional>
 #include <optional>
-#include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
 
-#include "support/clean_run.h"
 #include "support/form.h"
 #include "support/refusal.h"
+#include "support/test.h"
 #include "support/unread.h"
 
+namespace support {
 namespace {
 
-namespace fs = std::filesystem;
-using support::BytesUnread;
-using support::Field;
-using support::kFormEnd;
-using support::Refusal;
-using support::RefusalOf;
-using support::RunCleanly;
-using support::Upload;
-using zan_cgi::Cgi;
-using zan_cgi::Form;
 using zan_cgi::testing::Answer;
 using zan_cgi::testing::Backend;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Input;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::ReadFile;
-using zan_cgi::testing::Reporter;
-using zan_cgi::testing::Scratch;
-using Strings = std::vector<std::string>;
 
 const char kTwice[] =
     "the input has been parsed already: make the Form, once, before anything "
@@ -58,17 +28,13 @@ Outcome Serve(const std::string& body,
               const std::function<void(Cgi& cgi)>& work,
               Child child = Child()) {
   const Scratch spool;
-  const Input input = Input::Pipe(body);
-  const std::size_t length = std::min(body.size(), body.find("unread"));
-  child.Env("REQUEST_METHOD", "POST")
-      .Env("CONTENT_TYPE", support::kForm)
-      .Env("CONTENT_LENGTH", std::to_string(length))
-      .StandardInput(input);
-  Outcome outcome = RunCleanly(child, [&](const Reporter&) {
-    Cgi cgi("/bin/front", "backend");
-    cgi.SetTmpDir(spool.Path());
-    work(cgi);
-  });
+  const std::string form = body.substr(0, body.find("unread"));
+  Outcome outcome =
+      RunCleanly(PostOf(form, kForm, child), Input::Pipe(body), [&] {
+        Cgi cgi("/bin/front", "backend");
+        cgi.SetTmpDir(spool.Path());
+        work(cgi);
+      });
   EXPECT_EQ(spool.List(), Strings{});
   return outcome;
 }
@@ -341,3 +307,4 @@ TEST(FormError, IsCopiedWithItsStatusAndText) {
 }
 
 }  // namespace
+}  // namespace support

@@ -1,65 +1,28 @@
 // The files of a form's uploads: where they lie, who may read them, and that
 // none is left when the request has ended.
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <zancgi/account.h>
 #include <zancgi/form.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/identity.h>
-#include <zancgi/testing/input.h>
-#include <zancgi/testing/scratch.h>
-#include <zancgi/zancgi.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <cstddef>
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <functional>
 #include <iterator>
-#include <string>
 #include <string_view>
 #include <system_error>
-#include <utility>
-#include <vector>
 
 #include "support/account.h"
-#include "support/clean_run.h"
 #include "support/file_calls.h"
 #include "support/form.h"
 #include "support/mount.h"
 #include "support/refusal.h"
 #include "support/switch.h"
+#include "support/test.h"
 
+namespace support {
 namespace {
-
-namespace fs = std::filesystem;
-using support::FileCall;
-using support::kFormEnd;
-using support::kVisitor;
-using support::kVisitors;
-using support::PostOf;
-using support::Refusal;
-using support::RefusalOf;
-using support::RunCleanly;
-using support::Upload;
-using zan_cgi::Cgi;
-using zan_cgi::Form;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Input;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::ReadFile;
-using zan_cgi::testing::Reporter;
-using zan_cgi::testing::Scratch;
-using Strings = std::vector<std::string>;
 
 const std::string kLong(300'000, 'x');
 
@@ -78,22 +41,10 @@ std::string FormOf(std::size_t uploads) {
   return body + kFormEnd;
 }
 
-/// Runs this in a child that serves a POST of the body.
 void Serve(const std::string& body, const std::function<void()>& work,
            Child child = Child()) {
-  const Input input = Input::File(body);
-  child.Env("REQUEST_METHOD", "POST")
-      .Env("CONTENT_TYPE", support::kForm)
-      .Env("CONTENT_LENGTH", std::to_string(body.size()))
-      .StandardInput(input)
-      .LogLevel(0);
-  RunCleanly(child, [&](const Reporter&) { work(); });
-}
-
-Cgi CgiWithSpool(const std::string& spool) {
-  Cgi cgi("/bin/front", "");
-  cgi.SetTmpDir(spool);
-  return cgi;
+  RunCleanly(PostOf(body, support::kForm, child).LogLevel(0), Input::File(body),
+             work);
 }
 
 Refusal RefusalWith(const std::string& spool) {
@@ -206,7 +157,7 @@ TEST(UploadFile, IsReadByNobodyElseAndNoStandardStream) {
             [&, answer = answer] {
               ::umask(mask);
               int most = 0;
-              support::WatchFileCalls([&](const FileCall& call) {
+              WatchFileCalls([&](const FileCall& call) {
                 if (call.name == "write") {
                   most = std::max(most, CountOpenUploads(spool.Path()));
                 }
@@ -214,7 +165,7 @@ TEST(UploadFile, IsReadByNobodyElseAndNoStandardStream) {
               });
               Cgi cgi = CgiWithSpool(spool.Path());
               const Form form(cgi);
-              support::WatchFileCalls(nullptr);
+              WatchFileCalls(nullptr);
               EXPECT_GT(most, 0);
               EXPECT_EQ(CountOpenUploads(spool.Path()), 0);
               for (const int descriptor : closed) {
@@ -251,7 +202,7 @@ TEST(KilledProcess, LeavesNoUploadWhereFilesCanBeUnnamed) {
       const Outcome outcome =
           child.StandardInput(input).Run([&](const Reporter&) {
             int writes = 0;
-            support::WatchFileCalls([&](const FileCall& call) {
+            WatchFileCalls([&](const FileCall& call) {
               const bool is_write = call.name == "write";
               if (is_write && ++writes == row.write) ::raise(signal);
               return 0;
@@ -265,42 +216,29 @@ TEST(KilledProcess, LeavesNoUploadWhereFilesCanBeUnnamed) {
   }
 }
 
-/// Reads a form and one that is cut, with this answer to its calls.
-void ExpectTakenAndRefused(const std::string& spool,
-                           int (*answer)(const FileCall&)) {
-  Serve(kForm, [&] {
-    support::WatchFileCalls(answer);
-    Cgi cgi = CgiWithSpool(spool);
-    const Form form(cgi);
-    support::WatchFileCalls(nullptr);
-    ExpectWhole(form);
-    EXPECT_EQ(std::distance(fs::directory_iterator(spool), {}), 2);
-  });
-  EXPECT_TRUE(fs::is_empty(spool));
-  Serve(kCutForm, [&] {
-    support::WatchFileCalls(answer);
-    EXPECT_EQ(RefusalWith(spool).status, 400);
-    EXPECT_TRUE(fs::is_empty(spool));
-  });
-  EXPECT_TRUE(fs::is_empty(spool));
-}
-
 TEST(UploadFile, IsNamedWhereItMustBe) {
-  const std::pair<const char*, int (*)(const FileCall&)> rows[] = {
-      {"not supported", WithoutUnnamed},
-      {"an old file system",
-       [](const FileCall& call) {
-         return call.name == "O_TMPFILE" ? EISDIR : 0;
-       }},
-      {"an old kernel",
-       [](const FileCall& call) {
-         return call.name == "O_TMPFILE" ? EINVAL : 0;
-       }},
-  };
   const Scratch spool;
-  for (const auto& [name, answer] : rows) {
-    SCOPED_TRACE(name);
-    ExpectTakenAndRefused(spool.Path(), answer);
+  // Not supported, an old file system, an old kernel.
+  for (const int error : {EOPNOTSUPP, EISDIR, EINVAL}) {
+    SCOPED_TRACE(error);
+    const auto answer = [error](const FileCall& call) {
+      return call.name == "O_TMPFILE" ? error : 0;
+    };
+    Serve(kForm, [&] {
+      WatchFileCalls(answer);
+      Cgi cgi = CgiWithSpool(spool.Path());
+      const Form form(cgi);
+      WatchFileCalls(nullptr);
+      ExpectWhole(form);
+      EXPECT_EQ(spool.List().size(), 2U);
+    });
+    EXPECT_EQ(spool.List(), Strings{});
+    Serve(kCutForm, [&] {
+      WatchFileCalls(answer);
+      EXPECT_EQ(RefusalWith(spool.Path()).status, 400);
+      EXPECT_EQ(spool.List(), Strings{});
+    });
+    EXPECT_EQ(spool.List(), Strings{});
   }
 }
 
@@ -308,15 +246,22 @@ TEST(UploadFile, GetsAnotherNameWhenItsOwnIsTaken) {
   const Scratch spool;
   Serve(kForm, [&] {
     int taken = 0;
-    support::WatchFileCalls([&](const FileCall& call) {
+    WatchFileCalls([&](const FileCall& call) {
       return call.name == "linkat" && ++taken <= 3 ? EEXIST : 0;
     });
     Cgi cgi = CgiWithSpool(spool.Path());
     const Form form(cgi);
-    support::WatchFileCalls(nullptr);
+    WatchFileCalls(nullptr);
     ExpectWhole(form);
   });
   EXPECT_EQ(spool.List(), Strings{});
+}
+
+void Limit(__rlimit_resource resource, rlim_t most) {
+  rlimit limit{};
+  ASSERT_EQ(::getrlimit(resource, &limit), 0);
+  limit.rlim_cur = most;
+  ASSERT_EQ(::setrlimit(resource, &limit), 0);
 }
 
 TEST(ManyUploads, AreAllStoredWithFewDescriptors) {
@@ -325,14 +270,11 @@ TEST(ManyUploads, AreAllStoredWithFewDescriptors) {
       SCOPED_TRACE(name);
       const Scratch spool;
       Serve(FormOf(200), [&, answer = answer] {
-        rlimit limit{};
-        ::getrlimit(RLIMIT_NOFILE, &limit);
-        limit.rlim_cur = descriptors;
-        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-        support::WatchFileCalls(answer);
+        Limit(RLIMIT_NOFILE, descriptors);
+        WatchFileCalls(answer);
         Cgi cgi = CgiWithSpool(spool.Path());
         const Form form(cgi);
-        support::WatchFileCalls(nullptr);
+        WatchFileCalls(nullptr);
         ASSERT_EQ(form.uploads().size(), 200U);
         for (std::size_t i = 0; i < 200; ++i) {
           EXPECT_EQ(ReadFile(form.Path(form.uploads()[i])), std::to_string(i));
@@ -344,19 +286,11 @@ TEST(ManyUploads, AreAllStoredWithFewDescriptors) {
   }
 }
 
-/// A condition under which uploads cannot be stored.
 struct Unusable {
   const char* name;
   std::function<void(const std::string& spool)> prepare;
   int error;
 };
-
-void Limit(__rlimit_resource resource, rlim_t most) {
-  rlimit limit{};
-  ASSERT_EQ(::getrlimit(resource, &limit), 0);
-  limit.rlim_cur = most;
-  ASSERT_EQ(::setrlimit(resource, &limit), 0);
-}
 
 void ExpectRefused(const std::vector<Unusable>& rows) {
   for (const Unusable& row : rows) {
@@ -371,9 +305,9 @@ void ExpectRefused(const std::vector<Unusable>& rows) {
         // It would end the process that meets the limit of the size.
         ::signal(SIGXFSZ, SIG_DFL);
         row.prepare(spool);
-        support::WatchFileCalls(answer);
+        WatchFileCalls(answer);
         const Refusal refusal = RefusalWith(spool);
-        support::WatchFileCalls(nullptr);
+        WatchFileCalls(nullptr);
         // Further tests need descriptors.
         ::setrlimit(RLIMIT_NOFILE, &before);
         EXPECT_EQ(refusal,
@@ -397,7 +331,7 @@ TEST(UploadThatCannotBeStored, IsRefusedWithTheReason) {
       {"not writable",
        [](const std::string& spool) {
          ASSERT_EQ(::chmod(spool.c_str(), 0555), 0);
-         zan_cgi::testing::BecomeOrdinaryUser();
+         BecomeOrdinaryUser();
        },
        EACCES},
       {"limit of the size",
@@ -414,16 +348,14 @@ TEST(UploadThatCannotBeStored, IsRefusedWithTheReason) {
   });
 }
 
-/// A disk of this process's own.
 std::function<void(const std::string& spool)> Disk(const char* options,
                                                    unsigned long flags = 0) {
-  return [=](const std::string& spool) {
-    support::MountPrivately(spool, options, flags);
-  };
+  return
+      [=](const std::string& spool) { MountPrivately(spool, options, flags); };
 }
 
 TEST(UploadOnADisk, ThatTakesNoMoreIsRefusedWithTheReason) {
-  const std::string reason = support::WhyNoAccounts();
+  const std::string reason = WhyNoAccounts();
   if (!reason.empty()) GTEST_SKIP() << reason;
   ExpectRefused({
       {"full", Disk("size=128k"), ENOSPC},
@@ -433,7 +365,7 @@ TEST(UploadOnADisk, ThatTakesNoMoreIsRefusedWithTheReason) {
 }
 
 TEST(UploadInARootWithoutProc, IsStoredAndRemoved) {
-  if (!zan_cgi::testing::IsRoot()) GTEST_SKIP() << "needs root";
+  if (!IsRoot()) GTEST_SKIP() << "needs root";
   const Scratch root;
   const std::string spool = root.MakeDir("spool");
   root.MakeDir("bin");
@@ -445,7 +377,7 @@ TEST(UploadInARootWithoutProc, IsStoredAndRemoved) {
       Serve(is_cut ? kCutForm : kForm, [&] {
         ASSERT_EQ(::chroot(root.Path().c_str()), 0);
         ASSERT_EQ(::chdir("/"), 0);
-        if (!is_root) zan_cgi::testing::BecomeOrdinaryUser();
+        if (!is_root) BecomeOrdinaryUser();
         if (is_cut) {
           EXPECT_EQ(RefusalWith("/spool").status, 400);
         } else {
@@ -459,32 +391,24 @@ TEST(UploadInARootWithoutProc, IsStoredAndRemoved) {
   }
 }
 
-/// Forms on a machine with an account.
-class AccountUploads : public support::MachineTest<> {
+class AccountUploads : public MachineTest<> {
  protected:
   void SetUp() override {
     MachineTest::SetUp();
     spool_ = machine_.MakeDir("spool");
   }
 
-  /// Serves kForm on that machine, and expects that no file is left.
-  void Serve(const std::function<void(Cgi& cgi)>& work) const {
-    ::Serve(kForm, [&] {
+  /// Serves this form on that machine, and expects that no file is left.
+  void ServeForm(const std::string& body, const std::string& spool,
+                 const std::function<void(Cgi& cgi)>& work) const {
+    Serve(body, [&] {
       machine_.SetUp();
       Cgi cgi(machine_.Start() + "/bin/front", "");
-      cgi.SetTmpDir(spool_);
+      if (!spool.empty()) cgi.SetTmpDir(spool);
       work(cgi);
     });
-    EXPECT_TRUE(fs::is_empty(spool_));
-    EXPECT_EQ(InHome(), Strings{"www"});
-  }
-
-  Strings InHome() const {
-    Strings names;
-    for (const auto& entry : fs::directory_iterator(machine_.Home())) {
-      names.push_back(entry.path().filename());
-    }
-    return names;
+    EXPECT_EQ(NamesIn(spool_), Strings{});
+    EXPECT_EQ(NamesIn(machine_.Home()), Strings{"www"});
   }
 
   std::string spool_;
@@ -507,61 +431,52 @@ void ExpectInHome(const Form& form, const Cgi& cgi, const std::string& home,
   }
 }
 
-TEST_F(AccountUploads, AreHandedOverByASwitchAfterTheForm) {
-  Serve([&](Cgi& cgi) {
-    const Form form(cgi);
-    cgi.Su("visitor", "", false, false);
-    ExpectInHome(form, cgi, machine_.Home(), 0644);
-  });
+void BecomeVisitor(Cgi& cgi, const std::string& directory, bool is_confined) {
+  zan_cgi::AccountOptions options;
+  options.directory = directory;
+  options.confined = is_confined;
+  zan_cgi::BecomeAccount(cgi, "visitor", options);
 }
 
-TEST_F(AccountUploads, AreHandedOverByASwitchThatConfines) {
-  Serve([&](Cgi& cgi) {
-    const Form form(cgi);
-    cgi.Su("visitor", "/", true, false);
-    ExpectInHome(form, cgi, "/", 0644);
-  });
+TEST_F(AccountUploads, AreHandedOverByASwitchAfterTheForm) {
+  for (const bool is_confined : {false, true}) {
+    ServeForm(kForm, spool_, [&](Cgi& cgi) {
+      const Form form(cgi);
+      cgi.Su("visitor", is_confined ? "/" : "", is_confined, false);
+      ExpectInHome(form, cgi, is_confined ? "/" : machine_.Home(), 0644);
+    });
+  }
 }
 
 TEST_F(AccountUploads, LieInTheHomeAfterASwitch) {
   for (const bool is_confined : {false, true}) {
     SCOPED_TRACE(is_confined);
-    ::Serve(kForm, [&] {
-      machine_.SetUp();
-      Cgi cgi(machine_.Start() + "/bin/front", "");
-      zan_cgi::AccountOptions options;
-      options.directory = "www";
-      options.confined = is_confined;
-      zan_cgi::BecomeAccount(cgi, "visitor", options);
+    ServeForm(kForm, "", [&](Cgi& cgi) {
+      BecomeVisitor(cgi, "www", is_confined);
       const Form form(cgi);
       ExpectInHome(form, cgi, is_confined ? "/" : machine_.Home(), 0600);
-      EXPECT_EQ(fs::is_empty(fs::current_path()), true);
+      EXPECT_TRUE(fs::is_empty(fs::current_path()));
     });
-    EXPECT_EQ(InHome(), Strings{"www"});
   }
 }
 
 TEST_F(AccountUploads, ThatAreRefusedLeaveNothingInTheHome) {
   for (const bool is_confined : {false, true}) {
-    ::Serve(kCutForm, [&] {
-      machine_.SetUp();
-      Cgi cgi(machine_.Start() + "/bin/front", "");
-      zan_cgi::AccountOptions options;
-      options.confined = is_confined;
-      zan_cgi::BecomeAccount(cgi, "visitor", options);
+    ServeForm(kCutForm, "", [&](Cgi& cgi) {
+      BecomeVisitor(cgi, "", is_confined);
       EXPECT_EQ(RefusalOf([&] { const Form form(cgi); }).status, 400);
     });
-    EXPECT_EQ(InHome(), Strings{"www"});
   }
 }
 
 TEST_F(AccountUploads, GoWhereTheFrontEndSaysAfterASwitchToo) {
   machine_.Give("spool");
-  Serve([&](Cgi& cgi) {
-    zan_cgi::BecomeAccount(cgi, "visitor");
+  ServeForm(kForm, spool_, [&](Cgi& cgi) {
+    BecomeVisitor(cgi, "", false);
     const Form form(cgi);
     ExpectInHome(form, cgi, spool_, 0600);
   });
 }
 
 }  // namespace
+}  // namespace support

@@ -6,46 +6,23 @@
 // copies, compares or searches for them, and each byte of memory that they ask
 // for. Neither the machine nor its load changes these numbers.
 
-#include <gtest/gtest.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 #include <zancgi/form.h>
 #include <zancgi/testing/backend.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/scratch.h>
-#include <zancgi/zancgi.h>
 
-#include <algorithm>
-#include <cstdint>
-#include <functional>
 #include <limits>
-#include <map>
 #include <ostream>
-#include <string>
 #include <string_view>
-#include <vector>
 
-#include "support/clean_run.h"
 #include "support/fast_folder.h"
 #include "support/form.h"
 #include "support/slow_content.h"
+#include "support/test.h"
 
+namespace support {
 namespace {
 
-using support::Field;
-using support::kForm;
-using support::kFormEnd;
-using support::Part;
-using support::RunCleanly;
-using support::SlowContents;
-using support::Upload;
-using support::UploadBehindAChunk;
-using zan_cgi::Cgi;
 using zan_cgi::Form;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::Reporter;
-using zan_cgi::testing::Scratch;
 
 struct Work {
   std::uint64_t blocks = 0;
@@ -78,15 +55,6 @@ std::string Repeated(const std::string& text, std::size_t size) {
   return result;
 }
 
-/// So many texts, each made of its number.
-std::string Numbered(
-    std::size_t count,
-    const std::function<std::string(const std::string& number)>& make) {
-  std::string result;
-  for (std::size_t i = 0; i < count; ++i) result += make(std::to_string(i));
-  return result;
-}
-
 /// The work of a body that runs in a child process.
 Work CountIn(Child child, const std::function<void()>& body) {
   const Outcome outcome =
@@ -109,26 +77,14 @@ Work CountIn(Child child, const std::function<void()>& body) {
 using Taker = std::function<Work(const std::string& text)>;
 
 Work TakeBody(const std::string& body, const std::string& content_type) {
-  const Scratch scratch(support::FastFolder());
-  return CountIn(Child()
-                     .Env("CONTENT_TYPE", content_type)
-                     .Env("CONTENT_LENGTH", std::to_string(body.size())),
-                 [&] {
-                   unread = body;
-                   Cgi::Data record;
-                   record.tmp_dir = scratch.Path();
-                   record.ParseInput();
-                   EXPECT_TRUE(record.parsed);
-                 });
-}
-
-Work TakeForm(const std::string& body) { return TakeBody(body, kForm); }
-
-Work TakeFormByteByByte(const std::string& body) {
-  reads_single_bytes = true;
-  const Work counted = TakeForm(body);
-  reads_single_bytes = false;
-  return counted;
+  const Scratch scratch(FastFolder());
+  return CountIn(PostOf(body, content_type), [&] {
+    unread = body;
+    Cgi::Data record;
+    record.tmp_dir = scratch.Path();
+    record.ParseInput();
+    EXPECT_TRUE(record.parsed);
+  });
 }
 
 Taker TakeFormWith(const std::string& boundary) {
@@ -142,6 +98,15 @@ Work TakeFormWithItsBoundary(const std::string& body) {
   return TakeFormWith(body.substr(2, body.find('\r') - 2))(body);
 }
 
+Taker ByteByByte(const Taker& take) {
+  return [take](const std::string& body) {
+    reads_single_bytes = true;
+    const Work counted = take(body);
+    reads_single_bytes = false;
+    return counted;
+  };
+}
+
 /// Nothing is refused for its size.
 Form::Limits Unlimited() {
   Form::Limits limits;
@@ -152,72 +117,50 @@ Form::Limits Unlimited() {
 }
 
 /// Counts what zan_cgi::Form, and the first question to the Cgi, cost.
-Taker TakeExactly(Child child, const std::string& content_type) {
-  return [=](const std::string& body) mutable {
-    const Scratch scratch(support::FastFolder());
-    return CountIn(child.Env("CONTENT_TYPE", content_type)
-                       .Env("CONTENT_LENGTH", std::to_string(body.size())),
-                   [&] {
-                     unread = body;
-                     Cgi cgi("/bin/front", "");
-                     cgi.SetTmpDir(scratch.Path());
-                     try {
-                       const Form form(cgi, Unlimited());
-                       cgi.Param("a");
-                     } catch (const zan_cgi::FormError& error) {
-                       EXPECT_EQ(error.status(), 400);
-                     }
-                     EXPECT_EQ(unread.size(), 0U);
-                   });
+Taker TakeExactly(const std::string& content_type) {
+  return [=](const std::string& body) {
+    const Scratch scratch(FastFolder());
+    return CountIn(PostOf(body, content_type), [&] {
+      unread = body;
+      Cgi cgi("/bin/front", "");
+      cgi.SetTmpDir(scratch.Path());
+      try {
+        const Form form(cgi, Unlimited());
+        cgi.Param("a");
+      } catch (const zan_cgi::FormError& error) {
+        EXPECT_EQ(error.status(), 400);
+      }
+      EXPECT_EQ(unread.size(), 0U);
+    });
   };
 }
 
-Work TakeExactForm(const std::string& body) {
-  return TakeExactly(Child().Env("REQUEST_METHOD", "POST"), kForm)(body);
-}
+const Taker kForms = TakeFormWith("XY");
+const Taker kExact = TakeExactly(kForm);
 
-Work TakeExactFormByteByByte(const std::string& body) {
-  reads_single_bytes = true;
-  const Work counted = TakeExactForm(body);
-  reads_single_bytes = false;
-  return counted;
-}
-
-Taker TakeExactFormWith(const std::string& boundary) {
-  return TakeExactly(Child().Env("REQUEST_METHOD", "POST"),
-                     "multipart/form-data; boundary=" + boundary);
-}
-
-Work TakeExactEncoded(const std::string& body) {
-  return TakeExactly(Child().Env("REQUEST_METHOD", "POST"),
-                     "application/x-www-form-urlencoded")(body);
+Child Get(const std::string& query) {
+  return Child().Env("REQUEST_METHOD", "GET").Env("QUERY_STRING", query);
 }
 
 Work TakeExactQuery(const std::string& query) {
-  return CountIn(
-      Child().Env("REQUEST_METHOD", "GET").Env("QUERY_STRING", query), [] {
-        Cgi cgi("/bin/front", "");
-        const Form form(cgi, Unlimited());
-        cgi.Param("a");
-      });
+  return CountIn(Get(query), [] {
+    Cgi cgi("/bin/front", "");
+    const Form form(cgi, Unlimited());
+    cgi.Param("a");
+  });
 }
 
 Work TakeExactBody(const std::string& body) {
-  return CountIn(Child().Env("CONTENT_LENGTH", std::to_string(body.size())),
-                 [&] {
-                   unread = body;
-                   zan_cgi::ReadBody(std::numeric_limits<std::int64_t>::max());
-                 });
+  return CountIn(PostOf(body), [&] {
+    unread = body;
+    zan_cgi::ReadBody(std::numeric_limits<std::int64_t>::max());
+  });
 }
 
-Work TakeRawBody(const std::string& body) {
-  return TakeBody(body, "application/x-www-form-urlencoded");
-}
+Work TakeRawBody(const std::string& body) { return TakeBody(body, kEncoded); }
 
 Work TakeQueryString(const std::string& query) {
-  return CountIn(
-      Child().Env("REQUEST_METHOD", "GET").Env("QUERY_STRING", query),
-      [] { Cgi::Data().ParseQuery(); });
+  return CountIn(Get(query), [] { Cgi::Data().ParseQuery(); });
 }
 
 Work TakeCookies(const std::string& cookies) {
@@ -259,101 +202,106 @@ Work TakeMap(const std::string& query) {
   return Ask([&](Cgi& cgi) { cgi.Query(items); }, "x");
 }
 
+using Maker = std::function<std::string(std::size_t size)>;
+
 struct Shape {
   std::string name;
   Taker take;
   /// Large enough to outweigh what every request costs. It is the length of the
   /// text, about, or the number of its items.
   std::size_t size;
-  std::function<std::string(std::size_t size)> make;
+  Maker make;
 };
+using Shapes = std::vector<Shape>;
 
 void PrintTo(const Shape& shape, std::ostream* out) { *out << shape.name; }
 
-/// A field whose value is this text again and again.
-std::function<std::string(std::size_t)> FieldOf(const std::string& text) {
-  return [text](std::size_t size) {
-    return Field("a", Repeated(text, size)) + kFormEnd;
-  };
-}
-
-/// What shapes are repeated of, by their names.
-using Texts = std::map<std::string, std::string>;
-
 /// Text again and again between two others.
-std::function<std::string(std::size_t)> Many(const std::string& text,
-                                             const std::string& begin = "",
-                                             const std::string& end = "") {
+Maker Many(const std::string& text, const std::string& begin = "",
+           const std::string& end = "") {
   return [=](std::size_t size) { return begin + Repeated(text, size) + end; };
 }
 
-/// So many texts with "#" replaced by their numbers, between two others.
-std::function<std::string(std::size_t)> Distinct(const std::string& text,
-                                                 const std::string& end = "") {
+/// A shape for each of these texts, by the ends of their names.
+void AddMany(Shapes& shapes, const std::string& name, const Taker& take,
+             std::size_t size, const Texts& texts,
+             const std::string& begin = "", const std::string& end = "") {
+  for (const auto& [of, text] : texts) {
+    shapes.push_back({name + of, take, size, Many(text, begin, end)});
+  }
+}
+
+const std::string kEnd = std::string("\r\n") + kFormEnd;
+
+/// A field whose value is this text again and again.
+Maker FieldOf(const std::string& text) {
+  return Many(text, FieldHead("a"), kEnd);
+}
+
+/// So many texts with "#" replaced by their numbers, and an end.
+Maker Distinct(const std::string& text, const std::string& end = "") {
   return [=](std::size_t size) {
     const std::size_t hole = text.find('#');
-    return Numbered(size,
-                    [&](const std::string& number) {
-                      return text.substr(0, hole) + number +
-                             text.substr(hole + 1);
-                    }) +
-           end;
+    std::string result;
+    for (std::size_t i = 0; i < size; ++i) {
+      result +=
+          text.substr(0, hole) + std::to_string(i) + text.substr(hole + 1);
+    }
+    return result + end;
   };
 }
 
 /// A form that begins with a field or an upload of a very long name, which
 /// stays the name of later parts that give none.
-std::function<std::string(std::size_t)> AfterLongName(const std::string& text) {
-  return [text](std::size_t size) {
-    return Field(std::string(size, 'n'), "") + Repeated(text, size) + kFormEnd;
+Maker AfterLongName(const std::string& text, const std::string& begin = "",
+                    const std::string& end = "") {
+  return [=](std::size_t size) {
+    return Field(std::string(size, 'n'), "") + begin + Repeated(text, size) +
+           end + kFormEnd;
   };
 }
 
-std::function<std::string(std::size_t)> AfterLongFileName(
-    const std::string& text) {
-  return [text](std::size_t size) {
-    return Upload("u", std::string(size, 'n'), "") + Repeated(text, size) +
-           kFormEnd;
+Maker AfterLongFileName(const std::string& text, const std::string& begin = "",
+                        const std::string& end = "") {
+  return [=](std::size_t size) {
+    return Upload("u", std::string(size, 'n'), "") + begin +
+           Repeated(text, size) + end + kFormEnd;
   };
 }
 
-const std::string kFieldWithHeader =
-    "Content-Disposition: form-data; name=\"a\"\r\n\r\n1\r\n--XY--\r\n";
-const std::string kNextName = "Content-Disposition: form-data; name=\"a\"\r\n";
+const std::string kBoundary = "--XY\r\n";
+const std::string kFormData = "Content-Disposition: form-data; ";
+const std::string kNextName = kFormData + "name=\"a\"\r\n";
+const std::string kValue = "\r\n\r\n1\r\n--XY--\r\n";
+const std::string kRestOfField = kFormData + "name=\"a\"" + kValue;
+/// A header line may stand between these.
+const std::string kBegin = kBoundary + "X: ";
+const std::string kRest = "\r\n" + kRestOfField;
+const std::string kOneField = Field("a", "1");
 
-/// Names of one part outlive it, however long they are.
-std::vector<Shape> LongNames() {
-  // The larger ones have 320 KB and more, which no limit of a line refuses.
+/// Names of one part outlive it, however long they are. The larger ones have
+/// 320 KB and more, which no limit of a line refuses.
+Shapes LongNames() {
   return {
-      {"LinesOfALongName", TakeForm, 50'000,
+      {"LinesOfALongName", kForms, 50'000,
        [](std::size_t size) {
          return Field(std::string(size, 'n'), Repeated("\r\n", size / 4)) +
                 kFormEnd;
        }},
-      {"PartsWithoutHeadersAfterALongName", TakeForm, 50'000,
-       AfterLongName("--XY\r\n\r\nv\r\n")},
-      {"HeadersOfUploadsAfterALongName", TakeForm, 50'000,
-       [](std::size_t size) {
-         return Field(std::string(size, 'n'), "") + "--XY\r\n" +
-                Repeated("Content-Disposition: form-data; filename=\"f\"\r\n",
-                         size) +
-                "\r\n" + kFormEnd;
-       }},
-      {"UploadsWithoutANameAfterALongName", TakeForm, 40'000,
+      {"PartsWithoutHeadersAfterALongName", kForms, 50'000,
+       AfterLongName(kBoundary + "\r\nv\r\n")},
+      {"HeadersOfUploadsAfterALongName", kForms, 50'000,
+       AfterLongName(kFormData + "filename=\"f\"\r\n", kBoundary, "\r\n")},
+      {"UploadsWithoutANameAfterALongName", kForms, 40'000,
        AfterLongName(Part("filename=\"f\"", ""))},
-      {"UploadsWithoutHeadersAfterALongFileName", TakeForm, 40'000,
-       AfterLongFileName("--XY\r\n\r\n" + std::string(50, 'v') + "\r\n")},
-      {"PartsNamedFilenameAfterALongFileName", TakeForm, 40'000,
+      {"UploadsWithoutHeadersAfterALongFileName", kForms, 40'000,
+       AfterLongFileName(kBoundary + "\r\n" + std::string(50, 'v') + "\r\n")},
+      {"PartsNamedFilenameAfterALongFileName", kForms, 40'000,
        AfterLongFileName(Part("name=\"filename\"", ""))},
-      {"HeadersNamedFilenameAfterALongFileName", TakeForm, 40'000,
-       [](std::size_t size) {
-         return Upload("u", std::string(size, 'n'), "") + "--XY\r\n" +
-                Repeated(
-                    "Content-Disposition: form-data; name=\"filename\"\r\n",
-                    size) +
-                "\r\n" + kFormEnd;
-       }},
-      {"AttributesAfterALongName", TakeForm, 100'000,
+      {"HeadersNamedFilenameAfterALongFileName", kForms, 40'000,
+       AfterLongFileName(kFormData + "name=\"filename\"\r\n", kBoundary,
+                         "\r\n")},
+      {"AttributesAfterALongName", kForms, 100'000,
        [](std::size_t size) {
          return Part("name=\"" + std::string(size, 'n') + "\"" +
                          Repeated("; filename=\"f\"", size),
@@ -368,131 +316,111 @@ std::vector<Shape> LongNames() {
 /// ignored part it is parsed for ever.
 std::string Ignored(const std::string& disposition) {
   const std::string part =
-      "--XY\r\nContent-Disposition: " + disposition + "\r\n\r\n";
+      kBoundary + "Content-Disposition: " + disposition + "\r\n\r\n";
   return part + std::string(128 - part.size() - 2, 'x') + "\r\n";
 }
 
-std::vector<Shape> Fields() {
+Shapes Fields() {
   return {
-      {"Fields", TakeForm, 12'500, Distinct(Field("#", "1"), kFormEnd)},
-      {"FieldsOfOneName", TakeForm, 500'000,
-       Many(Field("a", "1"), "", kFormEnd)},
-      {"FieldsWithoutAName", TakeForm, 200'000,
+      {"Fields", kForms, 12'500, Distinct(Field("#", "1"), kFormEnd)},
+      {"FieldsOfOneName", kForms, 500'000, Many(kOneField, "", kFormEnd)},
+      {"FieldsWithoutAName", kForms, 200'000,
        Many(Ignored("form-data; name=\"\""), "", kFormEnd)},
-      {"FieldsWithoutQuotes", TakeForm, 200'000,
+      {"FieldsWithoutQuotes", kForms, 200'000,
        Many(Ignored("form-data; name=a"), "", kFormEnd)},
-      {"PartsOfAnotherDisposition", TakeForm, 200'000,
+      {"PartsOfAnotherDisposition", kForms, 200'000,
        Many(Ignored("attachment"), "", kFormEnd)},
-      {"FieldOfEmptyLines", TakeForm, 200'000, FieldOf("\r\n")},
-      {"FieldOfShortLines", TakeForm, 200'000, FieldOf("1234567\r\n")},
-      {"FieldOfBoundaryLines", TakeForm, 200'000, FieldOf("--X\r\n")},
-      {"FieldOfBareLineFeeds", TakeForm, 200'000, FieldOf("\n")},
-      {"FieldOfLongLines", TakeForm, 400'000,
+      {"FieldOfEmptyLines", kForms, 200'000, FieldOf("\r\n")},
+      {"FieldOfShortLines", kForms, 200'000, FieldOf("1234567\r\n")},
+      {"FieldOfBoundaryLines", kForms, 200'000, FieldOf("--X\r\n")},
+      {"FieldOfBareLineFeeds", kForms, 200'000, FieldOf("\n")},
+      {"FieldOfLongLines", kForms, 400'000,
        FieldOf(std::string(100'000, 'x') + "\r\n")},
-      {"FieldOfCarriageReturns", TakeForm, 200'000,
+      {"FieldOfCarriageReturns", kForms, 200'000,
        FieldOf(std::string(1000, '\r') + "\r\n")},
-      {"FieldByteByByte", TakeFormByteByByte, 20'000, FieldOf("x")},
+      {"FieldByteByByte", ByteByByte(kForms), 20'000, FieldOf("x")},
   };
 }
 
-std::vector<Shape> Headers() {
-  std::vector<Shape> shapes = {
-      {"LongHeaderLine", TakeForm, 400'000,
-       Many("x", "--XY\r\nX: ", "\r\n" + kFieldWithHeader)},
-      {"HeaderLineOfCarriageReturns", TakeForm, 400'000,
-       Many("\r", "--XY\r\nX: ", "\r\n" + kFieldWithHeader)},
-      {"HeaderLines", TakeForm, 400'000,
-       Many("X:\r\n", "--XY\r\n", kFieldWithHeader)},
-      {"HeaderLinesThatNeverEnd", TakeForm, 400'000,
-       Many("X-y: z\r\n", "--XY\r\n")},
-      {"HeaderLineThatNeverEnds", TakeForm, 400'000, Many("x", "--XY\r\n")},
-      {"HeaderLineByteByByte", TakeFormByteByByte, 20'000,
-       Many("x", "--XY\r\nX: ", "\r\n" + kFieldWithHeader)},
-      {"Dispositions", TakeForm, 200'000,
-       Many(kNextName, "--XY\r\n", kFieldWithHeader)},
+Shapes Headers() {
+  Shapes shapes = {
+      {"LongHeaderLine", kForms, 400'000, Many("x", kBegin, kRest)},
+      {"HeaderLineOfCarriageReturns", kForms, 400'000,
+       Many("\r", kBegin, kRest)},
+      {"HeaderLines", kForms, 400'000, Many("X:\r\n", kBoundary, kRestOfField)},
+      {"HeaderLinesThatNeverEnd", kForms, 400'000,
+       Many("X-y: z\r\n", kBoundary)},
+      {"HeaderLineThatNeverEnds", kForms, 400'000, Many("x", kBoundary)},
+      {"HeaderLineByteByByte", ByteByByte(kForms), 20'000,
+       Many("x", kBegin, kRest)},
+      {"Dispositions", kForms, 200'000,
+       Many(kNextName, kBoundary, kRestOfField)},
   };
-  const Texts attributes = {
-      {"Unknown", "; x"},
-      {"Name", "; name=\"a\""},
-      {"FileName", "; filename=\"f\""},
-      {"UnquotedName", "; name="},
-  };
-  for (const auto& [name, text] : attributes) {
-    shapes.push_back({"Attributes" + name, TakeForm, 120'000,
-                      Many(text, "--XY\r\nContent-Disposition: form-data",
-                           "\r\n\r\n--XY--\r\n")});
-  }
-  const Texts texts = {
-      {"EqualsSigns", "="}, {"Quotes", "\""}, {"EqualsSignsAndQuotes", "=\""},
-      {"Blanks", " "},      {"Letters", "a"},
-  };
-  for (const auto& [name, text] : texts) {
-    shapes.push_back(
-        {"AttributeOf" + name, TakeForm, 200'000,
-         Many(text,
-              "--XY\r\nContent-Disposition: form-data; name=\"a\"; filename",
-              "\r\n\r\n1\r\n--XY--\r\n")});
-  }
+  AddMany(shapes, "Attributes", kForms, 120'000,
+          {{"Unknown", "; x"},
+           {"Name", "; name=\"a\""},
+           {"FileName", "; filename=\"f\""},
+           {"UnquotedName", "; name="}},
+          kBoundary + "Content-Disposition: form-data", "\r\n\r\n--XY--\r\n");
+  AddMany(shapes, "AttributeOf", kForms, 200'000,
+          {{"EqualsSigns", "="},
+           {"Quotes", "\""},
+           {"EqualsSignsAndQuotes", "=\""},
+           {"Blanks", " "},
+           {"Letters", "a"}},
+          kBoundary + kFormData + "name=\"a\"; filename", kValue);
   return shapes;
 }
 
-std::vector<Shape> AroundTheParts() {
-  std::vector<Shape> shapes;
-  const Texts texts = {
-      {"Dashes", "-"},      {"Boundaries", "--X"}, {"BoundaryLines", "--X\r\n"},
-      {"LineEnds", "\r\n"}, {"Letters", "x"},
-  };
-  for (const auto& [name, text] : texts) {
-    shapes.push_back({"PreambleOf" + name, TakeForm, 400'000,
-                      Many(text, "", "\r\n" + Field("a", "1") + kFormEnd)});
-    shapes.push_back({"EpilogueAfterAFieldOf" + name, TakeForm, 400'000,
-                      Many(text, Field("a", "1") + kFormEnd + "x")});
-    shapes.push_back({"EpilogueAfterAnUploadOf" + name, TakeForm, 400'000,
-                      Many(text, Upload("u", "f", "1") + kFormEnd)});
-  }
+Shapes AroundTheParts() {
+  Shapes shapes;
+  const Texts texts = {{"Dashes", "-"},
+                       {"Boundaries", "--X"},
+                       {"BoundaryLines", "--X\r\n"},
+                       {"LineEnds", "\r\n"},
+                       {"Letters", "x"}};
+  AddMany(shapes, "PreambleOf", kForms, 400'000, texts, "",
+          "\r\n" + kOneField + kFormEnd);
+  AddMany(shapes, "EpilogueAfterAFieldOf", kForms, 400'000, texts,
+          kOneField + kFormEnd + "x");
+  AddMany(shapes, "EpilogueAfterAnUploadOf", kForms, 400'000, texts,
+          Upload("u", "f", "1") + kFormEnd);
   return shapes;
 }
 
-void AddSlowContents(const std::string& name, const std::string& boundary,
-                     std::vector<Shape>& shapes) {
-  int number = 0;
-  for (const std::string& text : SlowContents(boundary)) {
-    shapes.push_back({"UploadOfLookAlikes" + std::to_string(number++) +
-                          "WithBoundary" + name,
-                      TakeFormWith(boundary), 400'000, [=](std::size_t size) {
-                        return UploadBehindAChunk(boundary,
-                                                  Repeated(text, size));
-                      }});
-  }
-}
-
-std::vector<Shape> Uploads() {
-  std::vector<Shape> shapes = {
-      {"Uploads", TakeForm, 500, Distinct(Upload("u", "f#", "1"), kFormEnd)},
-      {"UploadsOfOneFileName", TakeForm, 50'000,
+Shapes Uploads() {
+  Shapes shapes = {
+      {"Uploads", kForms, 500, Distinct(Upload("u", "f#", "1"), kFormEnd)},
+      {"UploadsOfOneFileName", kForms, 50'000,
        Many(Upload("u", "f", "1"), "", kFormEnd)},
-      {"EmptyFileInputs", TakeForm, 200'000,
+      {"EmptyFileInputs", kForms, 200'000,
        Many(Ignored("form-data; name=\"u\"; filename=\"\""), "", kFormEnd)},
-      {"UploadByteByByte", TakeFormByteByByte, 20'000,
-       Many("x", support::UploadHead("u", "f"), "\r\n--XY--\r\n")},
+      {"UploadByteByByte", ByteByByte(kForms), 20'000,
+       Many("x", UploadHead("u", "f"), kEnd)},
       {"LongBoundary", TakeFormWithItsBoundary, 7'000,
        [](std::size_t size) {
-         const std::string boundary(size, 'b');
-         const std::string line = "--" + boundary + "\r\n";
+         const std::string line = "--" + std::string(size, 'b') + "\r\n";
          return line + kNextName + "\r\n" + Repeated("--bbb\r\n", 2 * size) +
-                line +
-                "Content-Disposition: form-data; name=\"u\"; filename=\"f\""
-                "\r\n\r\n" +
+                line + kFormData + "name=\"u\"; filename=\"f\"\r\n\r\n" +
                 Repeated("\r\n--bbb", 2 * size) + "\r\n" + line;
        }},
   };
-  for (const auto& [name, boundary] : support::SlowBoundaries()) {
-    AddSlowContents(name, boundary, shapes);
+  for (const auto& [name, boundary] : SlowBoundaries()) {
+    int number = 0;
+    for (const std::string& text : SlowContents(boundary)) {
+      shapes.push_back({"UploadOfLookAlikes" + std::to_string(number++) +
+                            "WithBoundary" + name,
+                        TakeFormWith(boundary), 400'000,
+                        [text, boundary = boundary](std::size_t size) {
+                          return UploadBehindAChunk(boundary,
+                                                    Repeated(text, size));
+                        }});
+    }
   }
   const Texts begins = {
       {"CarriageReturn", "\r"}, {"LineFeed", "\n"}, {"LineEnd", "\r\n"}};
   for (const auto& [name, begin] : begins) {
-    shapes.push_back({"UploadBeginningWith" + name, TakeForm, 400'000,
+    shapes.push_back({"UploadBeginningWith" + name, kForms, 400'000,
                       [begin = begin](std::size_t size) {
                         return UploadBehindAChunk(
                             "XY", begin + std::string(size, 'x'));
@@ -502,132 +430,108 @@ std::vector<Shape> Uploads() {
 }
 
 /// What is a query string, or a body that is taken for one.
-std::vector<Shape> QueryStrings(const std::string& prefix, const Taker& take) {
-  std::vector<Shape> shapes = {
+Shapes QueryStrings(const std::string& prefix, const Taker& take) {
+  Shapes shapes = {
       {prefix + "OfParameters", take, 12'500, Distinct("k#=#&")},
       {prefix + "OfOneLongValue", take, 200'000, Many("x", "a=")},
       {prefix + "OfOneLongName", take, 200'000, Many("k", "", "=1")},
   };
-  const Texts texts = {
-      {"EmptyValues", "a=&"},      {"OneName", "name=value&"},
-      {"ItemsWithoutName", "=x&"}, {"Separators", "&"},
-      {"EqualsSigns", "="},        {"Escapes", "%41"},
-      {"PercentSigns", "%"},       {"Blanks", "+"},
-      {"Flags", "flag&"},
-  };
-  for (const auto& [name, text] : texts) {
-    shapes.push_back({prefix + "Of" + name, take, 200'000, Many(text)});
-    shapes.push_back(
-        {prefix + "OfAValueOf" + name, take, 200'000, Many(text, "a=")});
-  }
+  const Texts texts = {{"EmptyValues", "a=&"},      {"OneName", "name=value&"},
+                       {"ItemsWithoutName", "=x&"}, {"Separators", "&"},
+                       {"EqualsSigns", "="},        {"Escapes", "%41"},
+                       {"PercentSigns", "%"},       {"Blanks", "+"},
+                       {"Flags", "flag&"}};
+  AddMany(shapes, prefix + "Of", take, 200'000, texts);
+  AddMany(shapes, prefix + "OfAValueOf", take, 200'000, texts, "a=");
   return shapes;
 }
 
-std::vector<Shape> Cookies() {
-  std::vector<Shape> shapes = {
+Shapes Cookies() {
+  Shapes shapes = {
       {"CookiesOfManyNames", TakeCookies, 12'500, Distinct("c#=#; ")}};
-  const Texts texts = {
-      {"OneName", "a=1;"}, {"Separators", ";"},  {"SeparatorsAndBlanks", "; "},
-      {"Blanks", " "},     {"EqualsSigns", "="}, {"EmptyNames", "=x;"},
-      {"OneValue", "x"},
-  };
-  for (const auto& [name, text] : texts) {
-    shapes.push_back(
-        {"CookiesOf" + name, TakeCookies, 200'000, Many(text, "first=")});
-  }
+  AddMany(shapes, "CookiesOf", TakeCookies, 200'000,
+          {{"OneName", "a=1;"},
+           {"Separators", ";"},
+           {"SeparatorsAndBlanks", "; "},
+           {"Blanks", " "},
+           {"EqualsSigns", "="},
+           {"EmptyNames", "=x;"},
+           {"OneValue", "x"}},
+          "first=");
   return shapes;
 }
 
-std::vector<Shape> Queries() {
+Shapes QueriesAndAnswers() {
+  const std::string xml = "\r\n\r\n<?xml?>";
   return {
       {"QueryOfItems", TakeMap, 10'000, Distinct("k#=v&")},
       {"QueryOfOneLongItem", TakeMap, 200'000, Many("x", "a=", "&")},
       {"QueryOfAnItemToEncode", TakeMap, 200'000, Many("%", "a=", "&")},
       {"QueryOfOneLongName", TakeMap, 200'000, Many("k", "", "=1&")},
       {"QueryAlmostOfAFormat", TakeQuery, 200'000, Many("out")},
-  };
-}
-
-std::vector<Shape> Answers() {
-  return {
       {"LongAnswer", TakeAnswer, 400'000, Many("x")},
       {"AnswerOfLines", TakeAnswer, 400'000, Many("\n")},
       {"AnswerOfLookAlikes", TakeAnswer, 400'000, Many("<?xm")},
       {"AnswerWithHeaderLines", TakeAnswer, 400'000,
        Many("A: b\r\n", "", "\r\n<?xml?>")},
-      {"AnswerWithALongHeaderLine", TakeAnswer, 400'000,
-       Many("x", "A: ", "\r\n\r\n<?xml?>")},
+      {"AnswerWithALongHeaderLine", TakeAnswer, 400'000, Many("x", "A: ", xml)},
       {"AnswerWithALongHeaderName", TakeAnswer, 400'000,
-       Many("x", "", ": 1\r\n\r\n<?xml?>")},
+       Many("x", "", ": 1" + xml)},
       {"LongAnswerInXml", TakeAnswer, 400'000, Many("x", "A: b\r\n\r\n<?xml")},
   };
 }
 
 /// What zan_cgi::Form may meet in a part's headers.
-std::vector<Shape> ExactHeaders() {
-  const std::string part = "\r\n" + kFieldWithHeader;
-  const std::string begin = "--XY\r\n";
-  const std::string disposition =
-      "--XY\r\nContent-Disposition: form-data; name=a";
-  const std::string end = "\r\n\r\n1\r\n--XY--\r\n";
-  std::vector<Shape> shapes = {
-      {"ExactHeaderLines", TakeExactForm, 50'000,
-       Many("X:\r\n", begin, kFieldWithHeader)},
-      {"ExactHeaderLinesThatNeverEnd", TakeExactForm, 50'000,
-       Many("X-y: z\r\n", begin)},
-      {"ExactHeaderLineThatNeverEnds", TakeExactForm, 400'000,
-       Many("x", begin)},
-      {"ExactHeaderLineOfCarriageReturns", TakeExactForm, 400'000,
-       Many("\r", begin + "X: ", part)},
-      {"ExactHeaderLineByteByByte", TakeExactFormByteByByte, 20'000,
-       Many("x", begin + "X: ", part)},
-      {"ExactHeaderLinesByteByByte", TakeExactFormByteByByte, 20'000,
-       Many("xxxxxxx: \r\n", begin, kFieldWithHeader)},
-      {"ExactFoldedHeader", TakeExactForm, 50'000,
-       Many("\r\n x", begin + "X: ", part)},
-      {"ExactFoldedHeaderOfBlanks", TakeExactForm, 50'000,
-       Many("\r\n ", begin + "X: ", part)},
-      {"ExactFoldedHeaderByteByByte", TakeExactFormByteByByte, 20'000,
-       Many("\r\n xxxxx", begin + "X: ", part)},
-      {"ExactBlanksInAHeader", TakeExactForm, 50'000,
-       Many(" \t", begin + "X: y", "z" + part)},
-      {"ExactLongName", TakeExactForm, 50'000, Many("n", disposition, end)},
-      {"ExactManyPartsOfALongName", TakeExactForm, 400,
+Shapes ExactHeaders() {
+  const Taker slowly = ByteByByte(kExact);
+  const std::string named = kBoundary + kFormData + "name=a";
+  const std::string quoted = named + "; filename=\"";
+  Shapes shapes = {
+      {"ExactHeaderLines", kExact, 50'000,
+       Many("X:\r\n", kBoundary, kRestOfField)},
+      {"ExactHeaderLinesThatNeverEnd", kExact, 50'000,
+       Many("X-y: z\r\n", kBoundary)},
+      {"ExactHeaderLineThatNeverEnds", kExact, 400'000, Many("x", kBoundary)},
+      {"ExactHeaderLineOfCarriageReturns", kExact, 400'000,
+       Many("\r", kBegin, kRest)},
+      {"ExactHeaderLineByteByByte", slowly, 20'000, Many("x", kBegin, kRest)},
+      {"ExactHeaderLinesByteByByte", slowly, 20'000,
+       Many("xxxxxxx: \r\n", kBoundary, kRestOfField)},
+      {"ExactFoldedHeader", kExact, 50'000, Many("\r\n x", kBegin, kRest)},
+      {"ExactFoldedHeaderOfBlanks", kExact, 50'000,
+       Many("\r\n ", kBegin, kRest)},
+      {"ExactFoldedHeaderByteByByte", slowly, 20'000,
+       Many("\r\n xxxxx", kBegin, kRest)},
+      {"ExactBlanksInAHeader", kExact, 50'000,
+       Many(" \t", kBegin + "y", "z" + kRest)},
+      {"ExactLongName", kExact, 50'000, Many("n", named, kValue)},
+      {"ExactManyPartsOfALongName", kExact, 400,
        [](std::size_t size) {
          return Repeated(Field(std::string(1000, 'n'), ""), 1000 * size) +
                 kFormEnd;
        }},
-      {"ExactLongFileName", TakeExactForm, 50'000,
-       Many("n", disposition + "; filename=", end)},
+      {"ExactLongFileName", kExact, 50'000,
+       Many("n", named + "; filename=", kValue)},
+      {"ExactExtendedFileName", kExact, 50'000,
+       Many("%e2%82%ac", named + "; filename*=UTF-8''", kValue)},
+      {"ExactExtendedFileNameOfLatin1", kExact, 50'000,
+       Many("%e4", named + "; filename*=ISO-8859-1''", kValue)},
   };
-  const Texts parameters = {
-      {"Unknown", "; x=y"},
-      {"Quoted", "; x=\"y\""},
-      {"Semicolons", ";"},
-      {"Blanks", "; "},
-      {"Extended", "; x*=UTF-8''%41"},
-      {"OfNames", "; nam=e"},
-  };
-  for (const auto& [name, text] : parameters) {
-    shapes.push_back({"ExactParameters" + name, TakeExactForm, 50'000,
-                      Many(text, disposition, end)});
-  }
-  const Texts quoted = {{"Letters", "x"},
-                        {"Escapes", "\\\""},
-                        {"Backslashes", "\\\\"},
-                        {"Blanks", " "}};
-  for (const auto& [name, text] : quoted) {
-    shapes.push_back({"ExactQuotedOf" + name, TakeExactForm, 50'000,
-                      Many(text, disposition + "; filename=\"", "\"" + end)});
-    shapes.push_back({"ExactOpenQuoteOf" + name, TakeExactForm, 50'000,
-                      Many(text, disposition + "; filename=\"", end)});
-  }
-  shapes.push_back(
-      {"ExactExtendedFileName", TakeExactForm, 50'000,
-       Many("%e2%82%ac", disposition + "; filename*=UTF-8''", end)});
-  shapes.push_back(
-      {"ExactExtendedFileNameOfLatin1", TakeExactForm, 50'000,
-       Many("%e4", disposition + "; filename*=ISO-8859-1''", end)});
+  AddMany(shapes, "ExactParameters", kExact, 50'000,
+          {{"Unknown", "; x=y"},
+           {"Quoted", "; x=\"y\""},
+           {"Semicolons", ";"},
+           {"Blanks", "; "},
+           {"Extended", "; x*=UTF-8''%41"},
+           {"OfNames", "; nam=e"}},
+          named, kValue);
+  const Texts texts = {{"Letters", "x"},
+                       {"Escapes", "\\\""},
+                       {"Backslashes", "\\\\"},
+                       {"Blanks", " "}};
+  AddMany(shapes, "ExactQuotedOf", kExact, 50'000, texts, quoted,
+          "\"" + kValue);
+  AddMany(shapes, "ExactOpenQuoteOf", kExact, 50'000, texts, quoted, kValue);
   return shapes;
 }
 
@@ -639,35 +543,26 @@ bool HoldsMarker(const std::string& text, const std::string& boundary) {
 }
 
 /// What it may meet as fields and uploads, and around them.
-std::vector<Shape> ExactParts() {
-  std::vector<Shape> shapes = {
-      {"ExactFields", TakeExactForm, 12'500,
-       Distinct(Field("#", "1"), kFormEnd)},
-      {"ExactFieldsOfOneName", TakeExactForm, 50'000,
-       Many(Field("a", "1"), "", kFormEnd)},
-      {"ExactFieldsWithoutAName", TakeExactForm, 50'000,
+Shapes ExactParts() {
+  const Taker slowly = ByteByByte(kExact);
+  Shapes shapes = {
+      {"ExactFields", kExact, 12'500, Distinct(Field("#", "1"), kFormEnd)},
+      {"ExactFieldsOfOneName", kExact, 50'000, Many(kOneField, "", kFormEnd)},
+      {"ExactFieldsWithoutAName", kExact, 50'000,
        Many(Field("", "1"), "", kFormEnd)},
-      {"ExactUploads", TakeExactForm, 500,
-       Distinct(Upload("u", "f#", "1"), kFormEnd)},
-      {"ExactUploadsOfOneFileName", TakeExactForm, 50'000,
+      {"ExactUploads", kExact, 500, Distinct(Upload("u", "f#", "1"), kFormEnd)},
+      {"ExactUploadsOfOneFileName", kExact, 50'000,
        Many(Upload("u", "f", "1"), "", kFormEnd)},
       // Each of them takes the name that the next would be given.
-      {"ExactUploadsOfGivenNames", TakeExactForm, 250,
-       [](std::size_t size) {
-         return Numbered(size,
-                         [](const std::string& number) {
-                           return Upload("u", "f (" + number + ")", "") +
-                                  Upload("u", "f", "");
-                         }) +
-                kFormEnd;
-       }},
-      {"ExactEmptyFileInputs", TakeExactForm, 50'000,
+      {"ExactUploadsOfGivenNames", kExact, 250,
+       Distinct(Upload("u", "f (#)", "") + Upload("u", "f", ""), kFormEnd)},
+      {"ExactEmptyFileInputs", kExact, 50'000,
        Many(Upload("u", "", ""), "", kFormEnd)},
-      {"ExactFieldByteByByte", TakeExactFormByteByByte, 20'000, FieldOf("x")},
-      {"ExactUploadByteByByte", TakeExactFormByteByByte, 20'000,
-       Many("x", support::UploadHead("u", "f"), "\r\n--XY--\r\n")},
-      {"ExactPaddingByteByByte", TakeExactFormByteByByte, 20'000,
-       Many("xx ", "--XY", "\r\n" + kFieldWithHeader)},
+      {"ExactFieldByteByByte", slowly, 20'000, FieldOf("x")},
+      {"ExactUploadByteByByte", slowly, 20'000,
+       Many("x", UploadHead("u", "f"), kEnd)},
+      {"ExactPaddingByteByByte", slowly, 20'000,
+       Many("xx ", "--XY", "\r\n" + kRestOfField)},
       {"ExactBody", TakeExactBody, 400'000, Many("x")},
   };
   const Texts contents = {
@@ -676,49 +571,42 @@ std::vector<Shape> ExactParts() {
       {"CarriageReturns", "\r"}, {"Dashes", "-"},
       {"Letters", "x"},
   };
-  for (const auto& [name, text] : contents) {
-    shapes.push_back(
-        {"ExactFieldOf" + name, TakeExactForm, 50'000, FieldOf(text)});
-    shapes.push_back({"ExactUploadOf" + name, TakeExactForm, 50'000,
-                      Many(text, support::UploadHead("u", "f"),
-                           std::string("\r\n") + kFormEnd)});
-    shapes.push_back({"ExactPreambleOf" + name, TakeExactForm, 50'000,
-                      Many(text, "", "\r\n" + Field("a", "1") + kFormEnd)});
-  }
+  AddMany(shapes, "ExactFieldOf", kExact, 50'000, contents, FieldHead("a"),
+          kEnd);
+  AddMany(shapes, "ExactUploadOf", kExact, 50'000, contents,
+          UploadHead("u", "f"), kEnd);
+  AddMany(shapes, "ExactPreambleOf", kExact, 50'000, contents, "",
+          "\r\n" + kOneField + kFormEnd);
   const Texts paddings = {{"Blanks", " "}, {"Tabs", "\t"}};
-  for (const auto& [name, text] : paddings) {
-    shapes.push_back({"ExactPaddingOf" + name, TakeExactForm, 50'000,
-                      Many(text, "--XY", "\r\n" + kFieldWithHeader)});
-    shapes.push_back({"ExactPaddingAtTheEndOf" + name, TakeExactForm, 50'000,
-                      Many(text, Field("a", "1") + "--XY--", "\r\n")});
-    shapes.push_back({"ExactPaddingThatNeverEndsOf" + name, TakeExactForm,
-                      50'000, Many(text, "--XY")});
-  }
-  for (const auto& [name, boundary] : support::SlowBoundaries()) {
+  AddMany(shapes, "ExactPaddingOf", kExact, 50'000, paddings, "--XY",
+          "\r\n" + kRestOfField);
+  AddMany(shapes, "ExactPaddingAtTheEndOf", kExact, 50'000, paddings,
+          kOneField + "--XY--", "\r\n");
+  AddMany(shapes, "ExactPaddingThatNeverEndsOf", kExact, 50'000, paddings,
+          "--XY");
+  for (const auto& [name, boundary] : SlowBoundaries()) {
     int number = 0;
     for (const std::string& text : SlowContents(boundary)) {
       if (HoldsMarker(text, boundary)) continue;
       shapes.push_back(
           {"ExactLookAlikes" + std::to_string(number++) + "WithBoundary" + name,
-           TakeExactFormWith(boundary), 50'000,
-           [text, boundary = boundary](std::size_t size) {
-             return "--" + boundary + "\r\n" + kNextName + "\r\n" +
-                    Repeated(text, size) + "\r\n--" + boundary + "--\r\n";
-           }});
+           TakeExactly("multipart/form-data; boundary=" + boundary), 50'000,
+           Many(text, "--" + boundary + "\r\n" + kNextName + "\r\n",
+                "\r\n--" + boundary + "--\r\n")});
     }
   }
   return shapes;
 }
 
-std::vector<Shape> AllShapes() {
-  std::vector<Shape> all;
-  for (const std::vector<Shape>& shapes :
+Shapes AllShapes() {
+  Shapes all;
+  for (const Shapes& shapes :
        {LongNames(), Fields(), Headers(), AroundTheParts(), Uploads(),
         QueryStrings("RawBody", TakeRawBody),
         QueryStrings("QueryString", TakeQueryString), ExactHeaders(),
-        ExactParts(), QueryStrings("ExactEncoded", TakeExactEncoded),
-        QueryStrings("ExactQueryString", TakeExactQuery), Cookies(), Queries(),
-        Answers()}) {
+        ExactParts(), QueryStrings("ExactEncoded", TakeExactly(kEncoded)),
+        QueryStrings("ExactQueryString", TakeExactQuery), Cookies(),
+        QueriesAndAnswers()}) {
     all.insert(all.end(), shapes.begin(), shapes.end());
   }
   return all;
@@ -860,3 +748,5 @@ extern "C" ssize_t ReadUnread(int fd, void* buf, std::size_t nbytes) {
   unread.remove_prefix(count);
   return static_cast<ssize_t>(count);
 }
+
+}  // namespace support

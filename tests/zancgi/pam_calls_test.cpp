@@ -1,29 +1,15 @@
-#include <gtest/gtest.h>
 #include <pwd.h>
 #include <security/pam_appl.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/identity.h>
-#include <zancgi/testing/scratch.h>
-#include <zancgi/zancgi.h>
-
-#include <filesystem>
-#include <string>
 
 #include "session.h"
 #include "support/switch.h"
+#include "support/test.h"
 #include "zancgi/pam_library.h"
 
+namespace support {
 namespace {
 
-using support::Lines;
-using support::LinesOfTheSwitch;
-using zan_cgi::Cgi;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::LogLine;
 using zan_cgi::testing::Mark;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::Reporter;
-using zan_cgi::testing::Scratch;
 
 /// The home of every account.
 std::string home;
@@ -49,15 +35,15 @@ LogLine Call(const std::string& call) { return {-1, call}; }
 // The session is that of the name that was given, not of the account's.
 TEST(PamCalls, GoToTheProgramsOwnFunctionsAndToNoOthers) {
   const Scratch scratch;
-  std::filesystem::permissions(scratch.Path(), std::filesystem::perms{0755});
+  fs::permissions(scratch.Path(), fs::perms{0755});
   const Outcome outcome = Child().Run([&](const Reporter& report) {
     home = scratch.Path();
-    zan_cgi::testing::BecomeOrdinaryUser();
+    BecomeOrdinaryUser();
     Cgi::Data request;
-    support::MarkSwitch();
+    MarkSwitch();
     request.DoSu("VISITOR", "", false, true);
-    report("place", std::filesystem::current_path());
-    report("loaded", zan_cgi::testing::ReadFile("/proc/self/maps"));
+    report("place", fs::current_path());
+    report("loaded", ReadFile("/proc/self/maps"));
   });
   EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
   EXPECT_EQ(outcome.error, "");
@@ -159,3 +145,5 @@ extern "C" int pam_acct_mgmt(pam_handle_t* /*pamh*/, int /*flags*/) {
 extern "C" int pam_setcred(pam_handle_t* /*pamh*/, int /*flags*/) {
   return MarkCall("pam_setcred");
 }
+
+}  // namespace support

@@ -1,40 +1,19 @@
 #include <dlfcn.h>
-#include <gtest/gtest.h>
 #include <security/pam_appl.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/zancgi.h>
 
 #include <csignal>
 #include <cstdlib>
-#include <filesystem>
-#include <functional>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "session.h"
 #include "support/account.h"
 #include "support/mount.h"
 #include "support/switch.h"
+#include "support/test.h"
 
+namespace support {
 namespace {
-
-namespace fs = std::filesystem;
-
-using support::Call;
-using support::ConfigureLogin;
-using support::Lines;
-using support::Switch;
-using support::Switched;
-using support::Visitor;
-using zan_cgi::Cgi;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::LogLine;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::Reporter;
 
 const Call kUnconfined{.dir = "www", .use_pam = true};
 
@@ -44,7 +23,7 @@ const std::string kClosing =
     "close: service login, user visitor, flags 32768, as 0";
 static_assert(PAM_SILENT == 32768);
 
-class PamSession : public support::MachineTest<> {
+class PamSession : public MachineTest<> {
  protected:
   /// Unconfined, with this configuration of service "login".
   Switched SwitchWith(const std::string& configuration) const {
@@ -218,7 +197,7 @@ TEST_F(PamSession, ThatOpensAFolderOfTheHomesNumberLeavesTheProcessInTheHome) {
     struct stat found[2] = {};
     const std::string folders[] = {machine_.Home(), other};
     for (int i = 0; i < 2; ++i) {
-      support::MountPrivately(folders[i], "mode=0755");
+      MountPrivately(folders[i], "mode=0755");
       fs::create_directory(folders[i] + "/www");
       ASSERT_EQ(::stat(folders[i].c_str(), &found[i]), 0);
     }
@@ -257,3 +236,4 @@ TEST_F(PamSession, ThatBecomesSomebodyLeavesTheProcessThatUser) {
 }
 
 }  // namespace
+}  // namespace support

@@ -1,50 +1,27 @@
 // One read from standard input: the wait, what it may find, and how each end
 // shows.
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <tov/client.h>
 #include <tov/file.h>
-#include <unistd.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/input.h>
-#include <zancgi/testing/scratch.h>
-#include <zancgi/zancgi.h>
 
-#include <cerrno>
 #include <chrono>
-#include <cstddef>
 #include <cstring>
-#include <functional>
 #include <iterator>
 #include <regex>
-#include <stdexcept>
-#include <string>
 #include <typeinfo>
-#include <vector>
 
 #include "support/backend.h"
-#include "support/clean_run.h"
 #include "support/system_calls.h"
+#include "support/test.h"
 
+namespace support {
 namespace {
 
-using support::RealPoll;
-using support::Replace;
-using support::RunCleanly;
-using support::SystemCalls;
-using zan_cgi::Cgi;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Input;
 using zan_cgi::testing::Log;
-using zan_cgi::testing::LogLine;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::Reporter;
-using Strings = std::vector<std::string>;
 using namespace std::chrono_literals;
 
 constexpr std::size_t kSize = 8;
@@ -90,8 +67,7 @@ Log LogOf(const Outcome& outcome) {
 
 /// Does the work in a child that reads this input. Returns what that logs.
 Log Reading(const Input& input, const std::function<void()>& work) {
-  return LogOf(RunCleanly(Child().StandardInput(input),
-                          [&](const Reporter&) { work(); }));
+  return LogOf(RunCleanly(Child(), input, work));
 }
 
 /// A wait that ends with these events.
@@ -102,7 +78,6 @@ auto Finding(short events) {
   };
 }
 
-/// A call that fails.
 auto Failing(int error) {
   return [error](auto...) {
     errno = error;
@@ -157,12 +132,6 @@ std::vector<Row> Rows() {
   for (const int error : {EAGAIN, EINVAL, ENOMEM, EFAULT, EIO}) {
     rows.push_back({{.poll = Failing(error)}, PollingError(error)});
   }
-  // Any other kind of event gives nothing.
-  for (const int events : {POLLPRI, int{POLLRDHUP}, POLLOUT, 0}) {
-    rows.push_back(
-        {{.poll = Finding(static_cast<short>(events)), .read = MustNotRead},
-         "0"});
-  }
   // A signal here is an error, unlike one that ends the wait.
   for (const int error : {EINTR, EIO, EBADF, EISDIR, ECONNRESET, 133}) {
     rows.push_back(
@@ -182,11 +151,10 @@ TEST(Read, ComesToWhatTheSystemSaysWhateverTheLogLevel) {
   for (const Row& row : Rows()) {
     const int threshold = row.log.empty() ? 9 : row.log[0].level;
     for (const int level : {0, threshold - 1, threshold, 9}) {
-      const Outcome outcome =
-          RunCleanly(Child().LogLevel(level), [&](const Reporter&) {
-            Replace(row.calls);
-            EXPECT_EQ(ReadTimes(1), Strings{row.result});
-          });
+      const Outcome outcome = RunCleanly(Child().LogLevel(level), [&] {
+        Replace(row.calls);
+        EXPECT_EQ(ReadTimes(1), Strings{row.result});
+      });
       EXPECT_EQ(LogOf(outcome), level < threshold ? Log{} : row.log)
           << row.result;
     }
@@ -194,14 +162,14 @@ TEST(Read, ComesToWhatTheSystemSaysWhateverTheLogLevel) {
 }
 
 TEST(Read, OfAClosedDescriptorIsAnInvalidRequest) {
-  const Outcome outcome = RunCleanly(Child().Closed(0), [](const Reporter&) {
+  const Outcome outcome = RunCleanly(Child().Closed(0), [] {
     EXPECT_EQ(ReadTimes(1), Strings{"invalid polling request"});
   });
   EXPECT_EQ(LogOf(outcome), Log{});
 }
 
 TEST(Read, WaitsOnceForThirtySecondsAndReadsOnceForAtMostTheLength) {
-  RunCleanly(Child(), [](const Reporter&) {
+  RunCleanly(Child(), [] {
     char buffer[kSize];
     int waits = 0;
     int reads = 0;
@@ -230,7 +198,7 @@ TEST(Read, WaitsOnceForThirtySecondsAndReadsOnceForAtMostTheLength) {
 }
 
 TEST(Read, IsNotRepeatedAfterASignal) {
-  RunCleanly(Child(), [](const Reporter&) {
+  RunCleanly(Child(), [] {
     int waits = 0;
     int reads = 0;
     const auto interrupted = [](int& calls) {
@@ -280,13 +248,13 @@ TEST(TimeOut, IsCountedFromEachCallAnew) {
 }
 
 TEST(TimeOut, LetsNothingBecomeStandardInputAfterwards) {
-  support::Backend backend;
+  Backend backend;
   backend.Times(2, zan_cgi::testing::Answer("x"));
-  const zan_cgi::testing::Scratch scratch;
+  const Scratch scratch;
   const Input silent = Input::SilentPipe("");
   Child child;
   child.Env("REQUEST_METHOD", "GET").StandardInput(silent).With(backend);
-  RunCleanly(child, [&scratch](const Reporter&) {
+  RunCleanly(child, [&scratch] {
     Replace({.poll = WaitBriefly});
     Cgi cgi("/bin/front", "backend");
     char byte;
@@ -312,11 +280,11 @@ std::string ExpectedOf(short events, int last_error) {
   return (events & POLLHUP) != 0 ? "-1" : "0";
 }
 
-constexpr short kEvents[] = {POLLNVAL, POLLERR, POLLIN,
-                             POLLHUP,  POLLPRI, POLLRDHUP};
+constexpr short kEvents[] = {POLLNVAL, POLLERR, POLLIN,   POLLHUP,
+                             POLLPRI,  POLLOUT, POLLRDHUP};
 
 TEST(Events, AreLookedAtInOrder) {
-  RunCleanly(Child().LogLevel(0), [](const Reporter&) {
+  RunCleanly(Child().LogLevel(0), [] {
     Cgi::Data record;
     for (std::size_t set = 0; set < 1U << std::size(kEvents); ++set) {
       short events = 0;
@@ -343,7 +311,7 @@ TEST(Events, AreLookedAtInOrder) {
 }
 
 TEST(Facade, HandsLengthAndResultOnUnchanged) {
-  RunCleanly(Child(), [](const Reporter&) {
+  RunCleanly(Child(), [] {
     Cgi cgi("/bin/front", "");
     for (const long length : {0L, 1L, 1L << 33, -1L}) {
       Replace(
@@ -359,21 +327,19 @@ TEST(Facade, HandsLengthAndResultOnUnchanged) {
 
 TEST(Facade, ReadsTheBodyAsItIsOrWhatComesAfterIt) {
   for (const bool is_parsed : {false, true}) {
-    const Input input = Input::Pipe("a=1");
     Child child;
     child.Env("REQUEST_METHOD", "POST").Env("CONTENT_LENGTH", "3");
-    const Outcome outcome =
-        RunCleanly(child.StandardInput(input), [&](const Reporter&) {
-          Cgi cgi("/bin/front", "");
-          char buffer[kSize] = {};
-          if (is_parsed) {
-            EXPECT_EQ(cgi.Param("a"), "1");
-            EXPECT_EQ(cgi.Read(buffer, 1), -1);
-          } else {
-            EXPECT_EQ(cgi.Read(buffer, sizeof(buffer)), 3);
-            EXPECT_STREQ(buffer, "a=1");
-          }
-        });
+    const Outcome outcome = RunCleanly(child, Input::Pipe("a=1"), [&] {
+      Cgi cgi("/bin/front", "");
+      char buffer[kSize] = {};
+      if (is_parsed) {
+        EXPECT_EQ(cgi.Param("a"), "1");
+        EXPECT_EQ(cgi.Read(buffer, 1), -1);
+      } else {
+        EXPECT_EQ(cgi.Read(buffer, sizeof(buffer)), 3);
+        EXPECT_STREQ(buffer, "a=1");
+      }
+    });
     EXPECT_EQ(outcome.Logged(4), Strings(is_parsed ? 1 : 0, kHangUp.text));
   }
 }
@@ -438,80 +404,6 @@ TEST(Pipe, KeepsItsBytesForALengthOfZeroOrLess) {
   EXPECT_EQ(log, (Log{{3, "error reading stdin, code 14"}}));
 }
 
-TEST(Pipe, ThatWouldBlockAfterAllGivesNothing) {
-  const Log log = Reading(Input::SilentPipe(""), [] {
-    ::fcntl(STDIN_FILENO, F_SETFL, O_NONBLOCK);
-    Replace({.poll = Finding(POLLIN)});
-    EXPECT_EQ(ReadTimes(1), Strings{"0"});
-  });
-  EXPECT_EQ(log, Log{});
-}
-
-/// Reads from a descriptor that is closed then. `work` is done in between.
-Strings ReadFrom(
-    int descriptor, std::size_t times,
-    const std::function<void()>& work = [] {}) {
-  const int before = ::dup(STDIN_FILENO);
-  ::dup2(descriptor, STDIN_FILENO);
-  ::close(descriptor);
-  work();
-  const Strings results = ReadTimes(times);
-  ::dup2(before, STDIN_FILENO);
-  ::close(before);
-  return results;
-}
-
-TEST(Pipe, OfWhichItHoldsTheWritingEndIsAnErrorOnceNobodyReads) {
-  Reading(Input::Nothing(), [] {
-    int ends[2];
-    ASSERT_EQ(::pipe(ends), 0);
-    ::close(ends[0]);
-    EXPECT_TRUE(ReadFrom(ends[1], 1)[0].starts_with("polling error: "));
-  });
-}
-
-TEST(Socket, ThatIsShutDownInOneDirectionOnlyGivesNothingToo) {
-  Reading(Input::Nothing(), [] {
-    int ends[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    ::shutdown(ends[1], SHUT_WR);
-    EXPECT_EQ(ReadFrom(ends[0], 2), (Strings{"0", "0"}));
-    ::close(ends[1]);
-  });
-}
-
-TEST(Socket, WhosePeerHasResetItIsAnError) {
-  Reading(Input::Nothing(), [] {
-    int ends[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    const Strings results = ReadFrom(ends[0], 1, [&] {
-      ASSERT_EQ(::write(STDIN_FILENO, "unread", 6), 6);
-      ::close(ends[1]);
-    });
-    EXPECT_TRUE(results[0].starts_with("polling error: ")) << results[0];
-  });
-}
-
-TEST(Path, ThatCannotBeReadIsTheEndAndLogged) {
-  const zan_cgi::testing::Scratch scratch;
-  struct Path {
-    std::string path;
-    int flags;
-    int error;
-  };
-  const Path paths[] = {{"/", O_RDONLY | O_DIRECTORY, EISDIR},
-                        {scratch.MakeFile("file", "x"), O_WRONLY, EBADF}};
-  for (const Path& row : paths) {
-    const Log log = Reading(Input::Nothing(), [&] {
-      EXPECT_EQ(ReadFrom(::open(row.path.c_str(), row.flags), 1),
-                Strings{"-1"});
-    });
-    EXPECT_EQ(
-        log,
-        (Log{{3, "error reading stdin, code " + std::to_string(row.error)}}));
-  }
-}
-
 /// Has SIGALRM handled, and sent each time that so many microseconds pass.
 void SendSignalEvery(int microseconds, void (*handler)(int), int flags = 0) {
   struct sigaction action {};
@@ -534,16 +426,6 @@ TEST(Signal, EndsTheWaitWithNothing) {
   }
 }
 
-TEST(Signal, DuringTheReadIsAnError) {
-  // The wait is said to be over while nothing has come.
-  const Log log = Reading(Input::SilentPipe(""), [] {
-    Replace({.poll = Finding(POLLIN)});
-    SendSignalEvery(20'000, Ignore);
-    EXPECT_EQ(ReadTimes(1), Strings{"-1"});
-  });
-  EXPECT_EQ(log, (Log{{3, "error reading stdin, code 4"}}));
-}
-
 TEST(Signal, ThatIsIgnoredDoesNotEndTheWait) {
   Reading(Input::SlowPipe({"late"}, 60ms), [] {
     SendSignalEvery(5'000, SIG_IGN);
@@ -552,3 +434,4 @@ TEST(Signal, ThatIsIgnoredDoesNotEndTheWait) {
 }
 
 }  // namespace
+}  // namespace support

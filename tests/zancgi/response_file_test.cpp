@@ -1,44 +1,26 @@
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <zancgi/response.h>
-#include <zancgi/testing/child.h>
 #include <zancgi/testing/response.h>
-#include <zancgi/testing/scratch.h>
 #include <zancgi/testing/system.h>
 
-#include <cstdint>
 #include <cstdlib>
 #include <ctime>
-#include <functional>
-#include <map>
-#include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
 
-#include "support/clean_run.h"
 #include "support/standard_output.h"
+#include "support/test.h"
 
+namespace support {
 namespace {
 
-using support::OutputOf;
 using zan_cgi::Response;
-using zan_cgi::testing::Child;
 using zan_cgi::testing::Descriptor;
 using zan_cgi::testing::ParseResponse;
-using zan_cgi::testing::Reporter;
-using zan_cgi::testing::Scratch;
 using Answer = zan_cgi::testing::Response;
 using Variables = std::map<std::string, std::string>;
 
 constexpr std::time_t kModified = 784'111'777;
 constexpr char kModifiedText[] = "Sun, 06 Nov 1994 08:49:37 GMT";
 
-void InChild(const std::function<void()>& check) {
-  support::RunCleanly(Child(), [&](const Reporter&) { check(); });
-}
+void InChild(const std::function<void()>& check) { RunCleanly(Child(), check); }
 
 void SetModified(const std::string& path, std::time_t seconds,
                  long nanoseconds = 123) {
@@ -440,3 +422,4 @@ TEST(SendFile, RefusesATypeThatIsNoValue) {
 }
 
 }  // namespace
+}  // namespace support

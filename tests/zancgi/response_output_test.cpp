@@ -1,32 +1,21 @@
 #include <arpa/inet.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
-#include <unistd.h>
 #include <zancgi/response.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/scratch.h>
 #include <zancgi/testing/system.h>
 
-#include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstddef>
 #include <cstdio>
-#include <functional>
-#include <stdexcept>
-#include <string>
 #include <thread>
-#include <utility>
 
-#include "support/clean_run.h"
 #include "support/signals.h"
 #include "support/standard_output.h"
+#include "support/test.h"
 
+namespace support {
 namespace {
 
 /// With which error sendfile(2) fails in this process; 0 for none.
@@ -56,13 +45,8 @@ extern "C" ssize_t writev(int fd, const iovec* iovec, int count) {
 
 namespace {
 
-using support::OutputOf;
-using support::OutputTo;
 using zan_cgi::Response;
-using zan_cgi::testing::Child;
 using zan_cgi::testing::Descriptor;
-using zan_cgi::testing::Reporter;
-using zan_cgi::testing::Scratch;
 
 constexpr std::size_t kSize = 1'000'000;
 
@@ -109,9 +93,8 @@ struct Manner {
 
 class Output : public testing::TestWithParam<Manner> {
  protected:
-  /// Runs a check in a child of its own.
   static void InChild(const std::function<void(const SentFile&)>& check) {
-    support::RunCleanly(Child(), [&](const Reporter&) {
+    RunCleanly(Child(), [&] {
       const SentFile file;
       check(file);
     });
@@ -120,13 +103,25 @@ class Output : public testing::TestWithParam<Manner> {
   static void Send(const SentFile& file) { GetParam().send(file); }
 };
 
+const auto kName = [](const auto& parameter) { return parameter.param.name; };
+const Manner kFile = {"OfAFile", SendFile};
+const Manner kCopy = {"OfACopiedFile", CopyFile};
+
 INSTANTIATE_TEST_SUITE_P(All, Output,
-                         testing::Values(Manner{"OfABody", SendBody},
-                                         Manner{"OfAFile", SendFile},
-                                         Manner{"OfACopiedFile", CopyFile}),
-                         [](const auto& parameter) {
-                           return parameter.param.name;
-                         });
+                         testing::Values(Manner{"OfABody", SendBody}, kFile,
+                                         kCopy),
+                         kName);
+
+/// What happens when this is written there; empty without an exception.
+std::string ErrorTo(int descriptor, const std::function<void()>& write) {
+  const OutputTo redirection(descriptor);
+  try {
+    write();
+  } catch (const std::runtime_error& thrown) {
+    return thrown.what();
+  }
+  return "";
+}
 
 /// A pipe as descriptor 1 and a thread that reads it.
 class ReaderThread {
@@ -142,19 +137,12 @@ class ReaderThread {
 
   void DoNotBlock() const { ::fcntl(writing_end_.Get(), F_SETFL, O_NONBLOCK); }
 
-  /// What happens when this is written to the pipe; empty without an exception.
   std::string Error(const std::function<void()>& write) {
-    std::string error;
     std::thread reader([this] { read_(reading_end_); });
-    {
-      const OutputTo redirection(writing_end_.Get());
+    const std::string error = ErrorTo(writing_end_.Get(), [&] {
       writing_end_.Close();
-      try {
-        write();
-      } catch (const std::runtime_error& thrown) {
-        error = thrown.what();
-      }
-    }
+      write();
+    });
     reader.join();
     return error;
   }
@@ -182,6 +170,10 @@ std::string ReadAll(int descriptor) {
   }
 }
 
+std::string ErrorToNobody(const std::function<void()>& write) {
+  return ReaderThread([](Descriptor& from) { from.Close(); }).Error(write);
+}
+
 TEST_P(Output, GoesOnWhereAPipeIsFull) {
   for (const bool blocks : {true, false}) {
     SCOPED_TRACE(blocks);
@@ -203,15 +195,15 @@ TEST_P(Output, GoesOnAfterSignals) {
       std::string received;
       ReaderThread reader([&](Descriptor& from) {
         // All signals are for the thread that writes.
-        support::Block(SIGALRM);
+        Block(SIGALRM);
         // While the pipe is full.
-        while (support::SignalsCounted() < 3) std::this_thread::yield();
+        while (SignalsCounted() < 3) std::this_thread::yield();
         received = ReadAll(from.Get());
       });
       if (!blocks) reader.DoNotBlock();
-      support::StartSignalStorm();
+      StartSignalStorm();
       EXPECT_EQ(reader.Error([&] { Send(file); }), "");
-      support::EndSignalStorm();
+      EndSignalStorm();
       EXPECT_TRUE(received.ends_with("\r\n\r\n" + Content()));
     });
   }
@@ -235,7 +227,7 @@ TEST_P(Output, IsAppendedWhereThatIsAskedFor) {
       const OutputTo redirection(output.Get());
       Send(file);
     }
-    const std::string written = zan_cgi::testing::ReadFile(path);
+    const std::string written = ReadFile(path);
     EXPECT_TRUE(written.starts_with("beforeStatus: 200 OK\r\n"));
     EXPECT_TRUE(written.ends_with("\r\n\r\n" + Content()));
   });
@@ -243,25 +235,24 @@ TEST_P(Output, IsAppendedWhereThatIsAskedFor) {
 
 /// Expects that a signal neither waits nor is kept out.
 void ExpectUntouched(int signal) {
-  EXPECT_FALSE(support::IsPending(signal));
-  EXPECT_FALSE(support::IsBlocked(signal));
+  EXPECT_FALSE(IsPending(signal));
+  EXPECT_FALSE(IsBlocked(signal));
 }
 
 TEST_P(Output, ToNobodyIsNoError) {
   InChild([](const SentFile& file) {
-    ReaderThread gone([](Descriptor& from) { from.Close(); });
+    const auto write = [&] {
+      std::fputs("X-Early: 1\r\n", stdout);
+      Send(file);
+    };
+    EXPECT_EQ(ErrorToNobody(write), "");
+    ExpectUntouched(SIGPIPE);
     ReaderThread leaving([](Descriptor& from) {
       ReadSome(from.Get(), 10);
       from.Close();
     });
-    for (ReaderThread* const reader : {&gone, &leaving}) {
-      EXPECT_EQ(reader->Error([&] {
-        std::fputs("X-Early: 1\r\n", stdout);
-        Send(file);
-      }),
-                "");
-      ExpectUntouched(SIGPIPE);
-    }
+    EXPECT_EQ(leaving.Error(write), "");
+    ExpectUntouched(SIGPIPE);
   });
 }
 
@@ -269,18 +260,16 @@ TEST_P(Output, ToNobodyIsNoErrorWhateverSigpipeDoes) {
   for (const auto handler : {SIG_IGN, SIG_DFL}) {
     InChild([&](const SentFile& file) {
       ::signal(SIGPIPE, handler);
-      ReaderThread gone([](Descriptor& from) { from.Close(); });
-      EXPECT_EQ(gone.Error([&] { Send(file); }), "");
+      EXPECT_EQ(ErrorToNobody([&] { Send(file); }), "");
       ExpectUntouched(SIGPIPE);
       EXPECT_EQ(::signal(SIGPIPE, SIG_DFL), handler);
     });
   }
   InChild([](const SentFile& file) {
-    support::CountSignals(SIGPIPE);
-    ReaderThread gone([](Descriptor& from) { from.Close(); });
-    EXPECT_EQ(gone.Error([&] { Send(file); }), "");
+    CountSignals(SIGPIPE);
+    EXPECT_EQ(ErrorToNobody([&] { Send(file); }), "");
     ExpectUntouched(SIGPIPE);
-    EXPECT_EQ(support::SignalsCounted(), 0);
+    EXPECT_EQ(SignalsCounted(), 0);
   });
 }
 
@@ -288,12 +277,11 @@ TEST_P(Output, LeavesASigpipeThatWaits) {
   for (const bool waits : {false, true}) {
     SCOPED_TRACE(waits);
     InChild([&](const SentFile& file) {
-      support::Block(SIGPIPE);
+      Block(SIGPIPE);
       if (waits) ::raise(SIGPIPE);
-      ReaderThread gone([](Descriptor& from) { from.Close(); });
-      EXPECT_EQ(gone.Error([&] { Send(file); }), "");
-      EXPECT_EQ(support::IsPending(SIGPIPE), waits);
-      EXPECT_TRUE(support::IsBlocked(SIGPIPE));
+      EXPECT_EQ(ErrorToNobody([&] { Send(file); }), "");
+      EXPECT_EQ(IsPending(SIGPIPE), waits);
+      EXPECT_TRUE(IsBlocked(SIGPIPE));
     });
   }
 }
@@ -302,10 +290,9 @@ TEST_P(Output, LeavesASigpipeThatWaits) {
 // program.
 TEST_P(Output, HoldsBackATerminationThatComesAfterIt) {
   InChild([&](const SentFile& file) {
-    ReaderThread gone([](Descriptor& from) { from.Close(); });
-    EXPECT_EQ(gone.Error([&] { Send(file); }), "");
+    EXPECT_EQ(ErrorToNobody([&] { Send(file); }), "");
     ::raise(SIGTERM);
-    EXPECT_TRUE(support::IsPending(SIGTERM));
+    EXPECT_TRUE(IsPending(SIGTERM));
   });
 }
 
@@ -332,28 +319,9 @@ Descriptor ResetConnection() {
 TEST_P(Output, ToAConnectionThatIsResetIsNoError) {
   InChild([](const SentFile& file) {
     const Descriptor connection = ResetConnection();
-    std::string error;
-    {
-      const OutputTo redirection(connection.Get());
-      try {
-        Send(file);
-      } catch (const std::runtime_error& thrown) {
-        error = thrown.what();
-      }
-    }
-    EXPECT_EQ(error, "");
+    EXPECT_EQ(ErrorTo(connection.Get(), [&] { Send(file); }), "");
     ExpectUntouched(SIGPIPE);
   });
-}
-
-std::string ErrorTo(int descriptor, const std::function<void()>& write) {
-  const OutputTo redirection(descriptor);
-  try {
-    write();
-  } catch (const std::runtime_error& thrown) {
-    return thrown.what();
-  }
-  return "";
 }
 
 TEST_P(Output, ThatCannotBeWrittenIsAnError) {
@@ -371,7 +339,7 @@ TEST_P(Output, ThatCannotBeWrittenIsAnError) {
 }
 
 TEST(EarlyText, ThatCannotBeWrittenIsAnError) {
-  support::RunCleanly(Child(), [](const Reporter&) {
+  RunCleanly(Child(), [] {
     const Descriptor full(::open("/dev/full", O_WRONLY | O_CLOEXEC));
     const std::string error = ErrorTo(full.Get(), [] {
       std::fputs("X-Early: 1\r\n", stdout);
@@ -397,12 +365,7 @@ std::pair<std::string, std::string> SendAndChange(
 
 class FileOutput : public Output {};
 
-INSTANTIATE_TEST_SUITE_P(All, FileOutput,
-                         testing::Values(Manner{"OfAFile", SendFile},
-                                         Manner{"OfACopiedFile", CopyFile}),
-                         [](const auto& parameter) {
-                           return parameter.param.name;
-                         });
+INSTANTIATE_TEST_SUITE_P(All, FileOutput, testing::Values(kFile, kCopy), kName);
 
 TEST_P(FileOutput, OfAFileThatShrinksIsAnError) {
   for (const std::size_t size : {std::size_t{0}, kSize / 2, kSize - 10}) {
@@ -428,7 +391,7 @@ TEST_P(FileOutput, OfAFileThatGrowsEndsWhereItDid) {
 }
 
 TEST(CopiedFile, ThatCannotBeReadIsAnError) {
-  support::RunCleanly(Child(), [](const Reporter&) {
+  RunCleanly(Child(), [] {
     SentFile file;
     const auto [error, received] =
         SendAndChange({"", CopyFile}, file, [&] { file.Close(); });
@@ -438,7 +401,7 @@ TEST(CopiedFile, ThatCannotBeReadIsAnError) {
 }
 
 TEST(CopiedFile, IsOneThatTheSystemCannotSend) {
-  support::RunCleanly(Child(), [](const Reporter&) {
+  RunCleanly(Child(), [] {
     const SentFile file;
     for (const int error : {EINVAL, ENOSYS, EOPNOTSUPP}) {
       sendfile_error = error;
@@ -451,3 +414,4 @@ TEST(CopiedFile, IsOneThatTheSystemCannotSend) {
 }
 
 }  // namespace
+}  // namespace support

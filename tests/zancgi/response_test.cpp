@@ -1,35 +1,21 @@
-#include <gtest/gtest.h>
 #include <zancgi/response.h>
-#include <zancgi/testing/child.h>
 #include <zancgi/testing/response.h>
 
-#include <algorithm>
-#include <cstddef>
 #include <cstdio>
-#include <functional>
 #include <random>
-#include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
 
-#include "support/clean_run.h"
 #include "support/standard_output.h"
+#include "support/test.h"
 #include "support/variable.h"
 
+namespace support {
 namespace {
 
-using support::OutputOf;
 using zan_cgi::Response;
 using zan_cgi::SetCookie;
-using zan_cgi::testing::Child;
 using zan_cgi::testing::ParseResponse;
-using zan_cgi::testing::Reporter;
-using Strings = std::vector<std::string>;
 
-void InChild(const std::function<void()>& check) {
-  support::RunCleanly(Child(), [&](const Reporter&) { check(); });
-}
+void InChild(const std::function<void()>& check) { RunCleanly(Child(), check); }
 
 std::string Sent(Response response, const std::string& body = "") {
   return OutputOf([&] { response.Send(body); });
@@ -490,3 +476,4 @@ TEST(Anything, MakesNoMoreLinesThanItsOwn) {
 }
 
 }  // namespace
+}  // namespace support

@@ -1,32 +1,25 @@
 // The HTTP status that fits an exception: thrown for real where that is easy,
 // made with its promised text otherwise.
 
-#include <gtest/gtest.h>
 #include <tov/err.h>
 #include <zancgi/account.h>
 #include <zancgi/form.h>
 #include <zancgi/testing/backend.h>
-#include <zancgi/testing/child.h>
 #include <zancgi/testing/request.h>
 
-#include <functional>
 #include <new>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
+#include "support/test.h"
+
+namespace support {
 namespace {
 
 using zan_cgi::AccountError;
-using zan_cgi::Cgi;
 using zan_cgi::FormError;
 using zan_cgi::StatusOf;
 using zan_cgi::testing::Answer;
 using zan_cgi::testing::Backend;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Outcome;
 using zan_cgi::testing::Post;
-using zan_cgi::testing::Reporter;
 using zan_cgi::testing::Request;
 using zan_cgi::testing::Step;
 
@@ -180,3 +173,4 @@ TEST(StatusOf, OfABackEndThatFailsIsABadGateway) {
 }
 
 }  // namespace
+}  // namespace support

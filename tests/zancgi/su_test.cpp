@@ -1,34 +1,29 @@
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/identity.h>
-#include <zancgi/zancgi.h>
+// Becoming an account: what it comes to, the calls that it is made of, and what
+// is left when one of them fails.
 
-#include <filesystem>
-#include <string>
+#include <grp.h>
+#include <limits.h>
+#include <linux/magic.h>
+#include <pwd.h>
+#include <security/pam_appl.h>
+#include <sys/syscall.h>
+
+#include <iterator>
+#include <numeric>
 #include <tuple>
 
+#include "session.h"
 #include "support/account.h"
+#include "support/mount.h"
 #include "support/switch.h"
+#include "support/switch_calls.h"
+#include "support/test.h"
 
+namespace support {
 namespace {
 
-namespace fs = std::filesystem;
-
-using support::Lines;
-using support::Observer;
-using support::Root;
-using support::Switch;
-using support::Switched;
-using support::Visitor;
-using zan_cgi::Cgi;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::Reporter;
-
 class SuCombination
-    : public support::MachineTest<
+    : public MachineTest<
           testing::TestWithParam<std::tuple<std::string, bool, bool>>> {
  protected:
   Switched SwitchTo(const std::string& user) const {
@@ -41,9 +36,11 @@ class SuCombination
   static bool UsesPam() { return std::get<2>(GetParam()); }
 };
 
-INSTANTIATE_TEST_SUITE_P(All, SuCombination,
-                         testing::Combine(testing::Values("", "/", "www"),
-                                          testing::Bool(), testing::Bool()));
+/// Directories, with and without confinement, with and without PAM.
+const auto kCombinations = testing::Combine(testing::Values("", "/", "www"),
+                                            testing::Bool(), testing::Bool());
+
+INSTANTIATE_TEST_SUITE_P(All, SuCombination, kCombinations);
 
 TEST_P(SuCombination, OfRootIgnoresBothFlags) {
   const Switched switched = SwitchTo("root");
@@ -60,16 +57,10 @@ TEST_P(SuCombination, OfAnAccountEndsWithItsIdentity) {
 
   Lines log;
   if (UsesChroot()) log.push_back({8, "ChRoot Init resolver"});
-  if (UsesPam()) {
-    log.push_back(
-        {9, "zancgi_unix.cpp:N starting PAM session for user 'visitor'"});
-  }
-  if (UsesPam() && UsesChroot()) {
-    log.push_back({4, "failed to start PAM session"});
-  } else if (UsesPam()) {
-    log.push_back({9, "zancgi_unix.cpp:N PAM start done"});
-    log.push_back({9, "zancgi_unix.cpp:N PAM open_session - ok"});
-    log.push_back({9, "zancgi_unix.cpp:N PAM close_session - ok"});
+  if (UsesPam()) log.push_back(kStarting);
+  if (UsesPam() && UsesChroot()) log.push_back(kNotStarted);
+  if (UsesPam() && !UsesChroot()) {
+    log.insert(log.end(), {kStarted, kOpened, kClosed});
   }
   EXPECT_EQ(switched.log, log);
 
@@ -88,7 +79,7 @@ TEST_P(SuCombination, OfAnAccountEndsWithItsIdentity) {
   }
 }
 
-class Su : public support::MachineTest<> {};
+class Su : public MachineTest<> {};
 
 TEST_F(Su, OfAnAccountThatIsMissingChangesNothing) {
   const Switched switched = Switch(machine_, {.user = "nobody-here"});
@@ -194,10 +185,10 @@ TEST_F(Su, TwiceGoesOnWithTheRightsThatTheFirstCallLeft) {
         Cgi::Data request;
         request.DoSu("visitor", "www", false, false);
         request.DoSu("visitor", "", false, false);
-        support::TellIdentity(report, observer.Look());
+        TellIdentity(report, observer.Look());
         request.DoSu("visitor", "", true, false);
       });
-  const Switched switched = support::SwitchedOf(outcome);
+  const Switched switched = SwitchedOf(outcome);
   EXPECT_EQ(switched.identity, Visitor("/", machine_.Home()));
   EXPECT_EQ(switched.error, "failed to chroot to users home folder");
 }
@@ -208,14 +199,14 @@ TEST_F(Su, WithoutRootStaysWhoItWasButEntersTheHome) {
       Child().WorkDir(machine_.Start()).Run([&](const Reporter& report) {
         machine_.SetUp();
         Observer observer;
-        zan_cgi::testing::BecomeOrdinaryUser();
+        BecomeOrdinaryUser();
         Cgi::Data request;
-        support::MarkSwitch();
+        MarkSwitch();
         request.DoSu("visitor", "", false, false);
-        support::TellIdentity(report, observer.Look());
+        TellIdentity(report, observer.Look());
         request.DoSu("visitor", "/", true, false);
       });
-  const Switched switched = support::SwitchedOf(outcome);
+  const Switched switched = SwitchedOf(outcome);
   EXPECT_EQ(switched.identity.users, "65534\t65534\t65534\t65534");
   EXPECT_EQ(switched.identity.groups, "65534\t65534\t65534\t65534");
   EXPECT_EQ(switched.identity.supplementary, "");
@@ -236,8 +227,493 @@ TEST_F(Su, ConfinedWritesTheTimeOfALogLineWithoutReadingTheHome) {
         request.DoSu("visitor", "/", true, true);
       });
   EXPECT_EQ(outcome.status, 0);
-  const Lines warning = {{4, "failed to start PAM session"}};
-  EXPECT_EQ(outcome.log, warning);
+  EXPECT_EQ(outcome.log, Lines{kNotStarted});
+}
+
+// The calls.
+
+const char kInitgroups[] = "initgroups visitor 54321";
+const char kHomeClosed[] = "failed to chroot to users home folder";
+
+Lines operator+(Lines lines, const Lines& more) {
+  lines.insert(lines.end(), more.begin(), more.end());
+  return lines;
+}
+
+LogLine Called(const std::string& call) { return {-1, call}; }
+
+Lines Calls(const Strings& calls) {
+  Lines lines;
+  for (const std::string& call : calls) lines.push_back(Called(call));
+  return lines;
+}
+
+/// Where a call stands in these, to put others after it.
+Lines::iterator After(Lines& lines, const std::string& call) {
+  return std::next(std::find(lines.begin(), lines.end(), Called(call)));
+}
+
+/// Answers for a machine on which nobody becomes anybody.
+Answers Pretended(const Machine& machine) {
+  return {.accounts = {{"root", 0, 0, machine.Start()},
+                       {"visitor", kVisitor, kVisitors, machine.Home()}},
+          .groups = {kHelpers}};
+}
+
+/// Makes the switch in a child and records it.
+Switched RecordSwitch(const Machine& machine, const Call& call,
+                      const Answers& answers) {
+  Outcome outcome =
+      Child().WorkDir(machine.Start()).Run([&](const Reporter& report) {
+        if (!answers.pretend) machine.SetUp();
+        // Whatever groups the tests are run with.
+        EXPECT_TRUE(!IsRoot() || ::setgroups(0, nullptr) == 0);
+        Observer observer;
+        Cgi::Data request;
+        MarkSwitch();
+        std::string error;
+        {
+          const Recording recording(answers);
+          try {
+            request.DoSu(call.user, call.dir, call.use_chroot, call.use_pam);
+          } catch (const std::runtime_error& thrown) {
+            error = thrown.what();
+          }
+        }
+        TellIdentity(report, observer.Look());
+        if (!error.empty()) throw std::runtime_error(error);
+      });
+  return SwitchedOf(outcome);
+}
+
+/// Up to and with the account's group.
+Lines OfGroups(const Machine& machine, bool use_chroot) {
+  const Lines found = Calls({"getpwnam visitor"});
+  const Lines taken = Calls({"setgid 54322"});
+  if (!use_chroot) {
+    return found + Calls({"chdir " + machine.Home(), kInitgroups}) + taken;
+  }
+  return found +
+         Calls({"getgrouplist visitor 54321", "gethostbyname localhost"}) +
+         Lines{{8, "ChRoot Init resolver"}} +
+         Calls({"chroot " + machine.Home(), "stat /", "statfs /",
+                "__nss_configure_lookup group files",
+                "__nss_configure_lookup initgroups files", kInitgroups,
+                "setgroups 54321 54330"}) +
+         taken;
+}
+
+const Lines kWholePam = {kStarting, Called("pam_start login visitor myconv"),
+                         kStarted,  Called("pam_open_session session silent"),
+                         kOpened,   Called("pam_close_session session silent"),
+                         kClosed,   Called("pam_end session 0")};
+
+Lines OfDirectory(const std::string& dir, bool use_chroot) {
+  if (use_chroot) return Calls({"chdir " + dir});
+  if (dir.empty()) return {};
+  if (dir == "/") return Calls({"stat .", "stat ."});
+  return Calls({"stat .", "chdir " + dir, "stat .", "stat ./.."});
+}
+
+/// An account's whole switch to "", "/" or "www", with this for the PAM part
+/// when it is wanted. The directory is kept across it.
+Lines OfSwitch(const Machine& machine, const Call& call,
+               const Lines& pam = kWholePam) {
+  Lines lines = OfGroups(machine, call.use_chroot);
+  if (call.use_pam) {
+    lines =
+        lines + pam +
+        Calls({FchdirTo(call.use_chroot ? machine.Start() : machine.Home())});
+  }
+  return lines + Calls({"setuid 54321"}) +
+         OfDirectory(call.dir, call.use_chroot);
+}
+
+/// How many ".." it takes to see that the root has no parent.
+int LevelsToTheEnd(const fs::path& path) {
+  return static_cast<int>(std::distance(path.begin(), path.end()));
+}
+
+/// An unconfined switch without PAM up to the check.
+Lines OfSwitchUntilCheck(const Machine& machine) {
+  return OfGroups(machine, false) + Calls({"setuid 54321", "stat ."});
+}
+
+/// An unconfined switch without PAM to a directory from which the check goes up
+/// so many levels.
+Lines OfCheckedSwitch(const Machine& machine, const std::string& dir,
+                      int levels) {
+  Lines lines = OfSwitchUntilCheck(machine);
+  if (dir != "/") lines.push_back(Called("chdir " + dir));
+  std::string path = "stat .";
+  for (lines.push_back(Called(path)); levels > 0; --levels) {
+    lines.push_back(Called(path += "/.."));
+  }
+  return lines;
+}
+
+Lines OfRoot(const std::string& entered) {
+  return Calls({"getpwnam root", "setgid 0", "setuid 0", "chdir " + entered});
+}
+
+class SuCallsCombination
+    : public testing::TestWithParam<std::tuple<std::string, bool, bool>> {
+ protected:
+  static Call CallAs(const std::string& user) {
+    const auto& [dir, use_chroot, use_pam] = GetParam();
+    return {user, dir, use_chroot, use_pam};
+  }
+
+  /// As it ends where the confinement is only pretended: an empty path cannot
+  /// be entered.
+  static std::string Error(const Call& call) {
+    return call.use_chroot && call.dir.empty() ? "no such directory ''" : "";
+  }
+
+  Machine machine_;
+};
+
+INSTANTIATE_TEST_SUITE_P(All, SuCallsCombination, kCombinations);
+
+TEST_P(SuCallsCombination, OfRootAreFour) {
+  const Call call = CallAs("root");
+  const Switched switched = RecordSwitch(machine_, call, Pretended(machine_));
+  EXPECT_EQ(switched.error, "");
+  EXPECT_EQ(switched.log,
+            OfRoot(call.dir.empty() ? machine_.Start() : call.dir));
+}
+
+TEST_P(SuCallsCombination, OfAnAccountComeInTheirOrder) {
+  const Call call = CallAs("visitor");
+  const Switched switched = RecordSwitch(machine_, call, Pretended(machine_));
+  EXPECT_EQ(switched.error, Error(call));
+  EXPECT_EQ(switched.log, OfSwitch(machine_, call));
+}
+
+Call Whole(bool use_chroot) {
+  return {.dir = "/", .use_chroot = use_chroot, .use_pam = true};
+}
+
+class SuCalls : public testing::Test {
+ protected:
+  /// Of a switch for which nobody becomes anybody.
+  Switched Pretend(const Call& call) const {
+    return RecordSwitch(machine_, call, answers_);
+  }
+
+  /// Expects that it makes these calls. Returns where the process then is.
+  std::string Expect(const Call& call, const Lines& calls,
+                     const std::string& error = "") const {
+    const Switched switched = Pretend(call);
+    const std::string failures = testing::PrintToString(answers_.failures);
+    EXPECT_EQ(switched.error, error) << failures;
+    EXPECT_EQ(switched.log, calls) << failures;
+    return switched.identity.work_dir;
+  }
+
+  void FailAt(const std::string& call, const std::vector<int>& errors) {
+    answers_.failures = {{call, errors}};
+  }
+
+  Machine machine_;
+  Answers answers_ = Pretended(machine_);
+};
+
+/// A directory to enter, and how far up the home is looked for.
+struct Checked {
+  std::string dir;
+  /// How many levels above it the home is met; below 0 for never.
+  int levels;
+  /// How it fails to look at the home, then at the directory.
+  std::vector<int> errors = {};
+};
+
+TEST_F(SuCalls, GoUpFromTheDirectoryUntilTheHomeIsMet) {
+  machine_.MakeDir("home/www/a/b");
+  for (const Checked& checked :
+       std::vector<Checked>{{"/", 0},
+                            {".", 0},
+                            {"www/..", 0},
+                            {"www/a", 2},
+                            {"www/a/b", 3},
+                            {"../other", -1},
+                            // What is not known is not the home, unless neither
+                            // is known and the process stays in the home.
+                            {"../other", -1, {EACCES}},
+                            {"../other", -1, {0, EACCES}},
+                            {"../other", -1, {EACCES, EACCES}},
+                            {"www", -1, {EACCES}},
+                            {"www", -1, {EACCES, EACCES}},
+                            {"www", 1, {0, EACCES}},
+                            {"/", -1, {EACCES}},
+                            {"/", -1, {0, EACCES}},
+                            {"/", 0, {EACCES, EACCES}}}) {
+    SCOPED_TRACE(checked.dir + testing::PrintToString(checked.errors));
+    FailAt("stat .", checked.errors);
+    const Switched switched = Pretend({.dir = checked.dir});
+    const bool is_inside = checked.levels >= 0;
+    const fs::path entered = fs::canonical(machine_.Home() + "/" + checked.dir);
+    EXPECT_EQ(switched.error, is_inside ? "" : "it is not your folder");
+    EXPECT_EQ(
+        switched.log,
+        OfCheckedSwitch(machine_, checked.dir,
+                        is_inside ? checked.levels : LevelsToTheEnd(entered)));
+    EXPECT_EQ(switched.identity.work_dir, entered);
+  }
+}
+
+TEST_F(SuCalls, OfAnAccountThatIsMissingAreOne) {
+  Call call = Whole(true);
+  call.user = "nobody-here";
+  Expect(call, Calls({"getpwnam nobody-here"}), "failed to get pw entry");
+}
+
+TEST_F(SuCalls, StopBehindTheHomeThatCannotBeEntered) {
+  for (const int error : {EPERM, EACCES, ENOENT}) {
+    for (const bool use_chroot : {false, true}) {
+      const std::string entering =
+          (use_chroot ? "chroot " : "chdir ") + machine_.Home();
+      FailAt(entering, {error});
+      Lines calls = OfSwitch(machine_, {.use_chroot = use_chroot});
+      calls.erase(After(calls, entering), calls.end());
+      EXPECT_EQ(Expect(Whole(use_chroot), calls, kHomeClosed),
+                machine_.Start());
+    }
+  }
+}
+
+TEST_F(SuCalls, AreAllMadeBeforeADirectoryThatCannotBeEntered) {
+  for (const int error : {EACCES, ENOENT, ENOTDIR, ELOOP}) {
+    FailAt("chdir /", {error});
+    Expect(Whole(true), OfSwitch(machine_, Whole(true)),
+           "no such directory '/'");
+
+    FailAt("chdir www", {error});
+    const Lines calls = OfSwitchUntilCheck(machine_) + Calls({"chdir www"});
+    const std::string missing = "no such directory 'www'";
+    EXPECT_EQ(Expect({.dir = "//www"}, calls, missing), machine_.Home());
+    Expect({.user = "root", .dir = "www"}, OfRoot("www"), missing);
+  }
+}
+
+TEST_F(SuCalls, GoOnWhenAnIdentityIsRefused) {
+  for (const int error : {EPERM, EAGAIN}) {
+    for (const std::string refused :
+         {kInitgroups, "setgid 54322", "setuid 54321"}) {
+      FailAt(refused, {error});
+      for (const bool use_chroot : {false, true}) {
+        Lines calls = OfSwitch(machine_, Whole(use_chroot));
+        if (refused == kInitgroups && !use_chroot) {
+          const Lines by_hand =
+              Calls({"getgrouplist visitor 54321", "setgroups 54321 54330"});
+          calls.insert(After(calls, refused), by_hand.begin(), by_hand.end());
+        }
+        Expect(Whole(use_chroot), calls);
+      }
+    }
+    for (const char* refused : {"setgid 0", "setuid 0"}) {
+      FailAt(refused, {error});
+      Expect({.user = "root", .dir = "www"}, OfRoot("www"));
+    }
+  }
+}
+
+TEST_F(SuCalls, OfPamAreNotMadeInARootDirectoryThatMayNotBeRoots) {
+  Lines calls = OfSwitch(machine_, Whole(true), {kStarting, kNotStarted});
+  // A program that serves it could say of itself that it is root's.
+  answers_.file_system = FUSE_SUPER_MAGIC;
+  Expect(Whole(true), calls);
+  answers_.file_system = 0;
+  FailAt("statfs /", {EIO});
+  Expect(Whole(true), calls);
+  FailAt("stat /", {EIO});
+  std::erase(calls, Called("statfs /"));
+  Expect(Whole(true), calls);
+}
+
+TEST_F(SuCalls, TakeAwayAllGroupsWhenTheAccountsAreRefused) {
+  const Call call = {.dir = "/", .use_chroot = true};
+  const std::string setting = "setgroups 54321 54330";
+  Lines calls = OfSwitch(machine_, call);
+  calls.insert(After(calls, setting), Called("setgroups"));
+  for (const int error : {EPERM, EAGAIN, ENOMEM}) {
+    FailAt(setting, {error});
+    Expect(call, calls);
+  }
+}
+
+/// Has the account be in so many groups. Returns how they are set.
+std::string Join(std::vector<gid_t>& groups, std::size_t count) {
+  groups.resize(count);
+  std::iota(groups.begin(), groups.end(), kVisitor + 1);
+  std::string setting = "setgroups 54321";
+  for (const gid_t group : groups) setting += " " + std::to_string(group);
+  return setting;
+}
+
+TEST_F(SuCalls, AskOnceMoreForTheGroupsOfAnAccountThatHasMany) {
+  const Call call = {.dir = "/", .use_chroot = true};
+  // No more than the kernel takes.
+  const std::string most = Join(answers_.groups, NGROUPS_MAX - 1);
+  for (const auto& [count, setting] :
+       {std::pair<std::size_t, std::string>(40, Join(answers_.groups, 40)),
+        {NGROUPS_MAX - 1, most},
+        {NGROUPS_MAX, most},
+        {NGROUPS_MAX + 1, most}}) {
+    Join(answers_.groups, count);
+    Lines calls = OfSwitch(machine_, call);
+    calls.insert(calls.begin() + 1, calls[1]);
+    std::replace(calls.begin(), calls.end(), Called("setgroups 54321 54330"),
+                 Called(setting));
+    Expect(call, calls);
+  }
+}
+
+TEST_F(SuCalls, StopWhereTheWayUpIsNotKnown) {
+  const std::string entered = machine_.MakeDir("home/www/a");
+  for (const int error : {EACCES, ENOENT, EIO}) {
+    int levels = 0;
+    for (const char* above : {"stat ./..", "stat ./../.."}) {
+      FailAt(above, {error});
+      EXPECT_EQ(
+          Expect({.dir = "www/a"}, OfCheckedSwitch(machine_, "www/a", ++levels),
+                 "stat error"),
+          entered);
+    }
+  }
+}
+
+TEST_F(SuCalls, GoOnWhereTheyWereWhenAPamModuleHasMoved) {
+  for (const char* moving :
+       {"pam_start login visitor myconv", "pam_open_session session silent",
+        "pam_close_session session silent", "pam_end session 0"}) {
+    answers_.effects = {{moving, [] { EXPECT_EQ(::chdir("/"), 0); }}};
+    for (const bool use_chroot : {false, true}) {
+      const Call call = {
+          .dir = "www", .use_chroot = use_chroot, .use_pam = true};
+      Lines calls = OfSwitch(machine_, call);
+      calls.insert(After(calls, moving), Called("chdir /"));
+      EXPECT_EQ(Expect(call, calls),
+                (use_chroot ? machine_.Start() : machine_.Home()) + "/www");
+    }
+  }
+}
+
+// After a time-out of the reader standard input is closed.
+TEST_F(SuCalls, OpenNothingInPlaceOfAClosedStandardStream) {
+  answers_.effects = {{"getpwnam visitor",
+                       [] {
+                         ::close(STDIN_FILENO);
+                         ::close(STDOUT_FILENO);
+                       }},
+                      {"pam_open_session session silent", [] {
+                         EXPECT_LT(::fcntl(STDIN_FILENO, F_GETFD), 0);
+                         EXPECT_LT(::fcntl(STDOUT_FILENO, F_GETFD), 0);
+                       }}};
+  for (const bool use_chroot : {false, true}) {
+    EXPECT_EQ(Pretend(Whole(use_chroot)).error, "");
+  }
+}
+
+/// Asks for another account, which overwrites the answer of the first question.
+void AskForRoot() { EXPECT_NE(::getpwnam("root"), nullptr); }
+
+/// The same with the question behind the calls that ask it.
+Lines WithQuestions(const Lines& calls, const Answers& answers) {
+  Lines lines;
+  for (const LogLine& line : calls) {
+    lines.push_back(line);
+    if (answers.effects.contains(line.text)) {
+      lines.push_back(Called("getpwnam root"));
+    }
+  }
+  return lines;
+}
+
+TEST_F(SuCalls, AreForTheAccountWhoeverIsAskedForMeanwhile) {
+  for (const char* asking :
+       {"gethostbyname localhost", "initgroups visitor 54321", "setgid 54322",
+        "pam_start login visitor myconv", "pam_open_session session silent",
+        "pam_end session 0"}) {
+    answers_.effects[asking] = AskForRoot;
+  }
+  for (const bool use_chroot : {false, true}) {
+    Expect(Whole(use_chroot),
+           WithQuestions(OfSwitch(machine_, Whole(use_chroot)), answers_));
+  }
+}
+
+class SuFault : public MachineTest<> {
+ protected:
+  /// The identity that a switch ends with when these calls are refused.
+  Identity Refused(const std::string& call, bool use_chroot) const {
+    Answers answers = {.pretend = false};
+    answers.failures[call] = {EPERM};
+    const Switched switched =
+        RecordSwitch(machine_, {.dir = "/", .use_chroot = use_chroot}, answers);
+    EXPECT_EQ(switched.error, "");
+    return switched.identity;
+  }
+};
+
+TEST_F(SuFault, OfOneIdentityLeavesTheOthersTaken) {
+  for (const bool use_chroot : {false, true}) {
+    Identity expected =
+        Visitor(use_chroot ? machine_.Home() : "/", machine_.Home());
+    const Identity whole = expected;
+
+    expected.groups = "0\t0\t0\t0";
+    EXPECT_EQ(Refused("setgid 54322", use_chroot), expected);
+
+    expected = whole;
+    expected.users = "0\t0\t0\t0";
+    EXPECT_EQ(Refused("setuid 54321", use_chroot), expected);
+
+    EXPECT_EQ(Refused(kInitgroups, use_chroot), whole);
+  }
+}
+
+TEST_F(SuFault, OfTheGroupsLeavesNoneOfRoots) {
+  const auto take_part_in_disk = [] {
+    const gid_t disk = 6;
+    EXPECT_EQ(::syscall(SYS_setgroups, 1, &disk), 0);
+  };
+  // Without a list of the account's groups, nobody is confined.
+  for (const auto& [refused, use_chroot] :
+       {std::pair("setgroups 54321 54330", false),
+        std::pair("setgroups 54321 54330", true),
+        std::pair("getgrouplist visitor 54321", false)}) {
+    Answers answers = {.pretend = false};
+    answers.failures = {{kInitgroups, {ENOMEM}}, {refused, {ENOMEM}}};
+    answers.effects = {{"getpwnam visitor", take_part_in_disk}};
+    const Switched switched =
+        RecordSwitch(machine_, {.dir = "/", .use_chroot = use_chroot}, answers);
+    EXPECT_EQ(switched.error, "");
+    EXPECT_EQ(switched.identity.supplementary, "") << refused;
+  }
+}
+
+TEST_F(SuFault, OfTheGroupsLeavesNoneThatTheHomeNames) {
+  machine_.MakeDir("home/etc");
+  machine_.MakeFile("home/etc/group", "disk:x:6:visitor\n");
+  Identity expected = Visitor(machine_.Home(), machine_.Home());
+  expected.supplementary = "";
+  EXPECT_EQ(Refused("setgroups 54321 54330", true), expected);
+}
+
+// Kept for compatibility: only inode numbers are compared.
+TEST_F(SuFault, OfAnotherFileSystemWithTheInodeOfTheHomeIsAccepted) {
+  const std::string other = machine_.MakeDir("other/inside");
+  const Switched switched = Switch(machine_, {.dir = "link/deeper"}, [&] {
+    MountPrivately(machine_.Home(), "mode=0755");
+    MountPrivately(other, "mode=0755");
+    ASSERT_EQ(InodeOf(machine_.Home()), InodeOf(other));
+    fs::create_directory(other + "/deeper");
+    fs::create_symlink(other, machine_.Home() + "/link");
+  });
+  EXPECT_EQ(switched.error, "");
+  EXPECT_EQ(switched.identity, Visitor("/", other + "/deeper"));
 }
 
 }  // namespace
+}  // namespace support

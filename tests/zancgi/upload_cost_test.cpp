@@ -1,68 +1,42 @@
 // What an upload costs: system calls and memory.
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 #include <zancgi/form.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/input.h>
-#include <zancgi/testing/scratch.h>
-#include <zancgi/zancgi.h>
 
-#include <cstddef>
-#include <cstdint>
 #include <fstream>
-#include <stdexcept>
-#include <string>
-#include <utility>
 
 #include "support/allocations.h"
-#include "support/clean_run.h"
+#include "support/file_calls.h"
 #include "support/form.h"
+#include "support/test.h"
 
+namespace support {
 namespace {
-
-using support::RunCleanly;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Input;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::Reporter;
-using zan_cgi::testing::Scratch;
 
 constexpr std::size_t kChunk = 65536;
 
-struct Calls {
-  int polls = 0;
-  int reads = 0;
-  int writes = 0;
-};
-
-/// Counted while it is set.
-Calls* counted = nullptr;
-
 std::string Form(std::size_t size) {
-  return support::Upload("u", "f", std::string(size, 'x')) + support::kFormEnd;
+  return Upload("u", "f", std::string(size, 'x')) + kFormEnd;
 }
 
 TEST(Upload, CostsOneWaitOneReadAndOneWriteForAChunk) {
   const Scratch scratch;
   const std::string body = Form(10 * kChunk);
-  const Input input = Input::File(body);
-  Child child = support::PostOf(body).LogLevel(0);
-  RunCleanly(child.StandardInput(input), [&](const Reporter&) {
-    zan_cgi::Cgi::Data record;
+  Child child = PostOf(body).LogLevel(0);
+  RunCleanly(child, Input::File(body), [&] {
+    Cgi::Data record;
     record.tmp_dir = scratch.Path();
-    Calls calls;
-    counted = &calls;
+    std::map<std::string, int> calls;
+    WatchFileCalls([&](const FileCall& call) {
+      ++calls[std::string(call.name)];
+      return 0;
+    });
     record.ParseInput();
-    counted = nullptr;
+    WatchFileCalls(nullptr);
     EXPECT_EQ(record.files.at("f").size, static_cast<long>(10 * kChunk));
     const auto chunks = static_cast<int>((body.size() - 1) / kChunk + 1);
-    EXPECT_EQ(calls.polls, chunks);
-    EXPECT_EQ(calls.reads, chunks);
-    EXPECT_EQ(calls.writes, chunks);
+    for (const char* const name : {"poll", "read", "write"}) {
+      EXPECT_EQ(calls[name], chunks) << name;
+    }
   });
 }
 
@@ -75,19 +49,18 @@ TEST(QueryString, TakesRoomForTheDeclaredLengthUpTo16Megabytes) {
       {(16 << 20) + 1, (16 << 20) + 1},
       {std::uint64_t{1} << 40, (16 << 20) + 1}};
   for (const auto& [declared, allocated] : largest) {
-    const Input input = Input::Pipe(std::string(100'000, 'x'));
-    Child child = support::Post(std::to_string(declared), "");
-    const Outcome outcome = support::RunWithoutLeak(
-        child.StandardInput(input), [allocated = allocated](const Reporter&) {
-          zan_cgi::Cgi::Data record;
-          support::BeginAllocations();
+    Child child = Post(std::to_string(declared), "");
+    const Outcome outcome = RunWithoutLeak(
+        child, Input::Pipe(std::string(100'000, 'x')), [allocated = allocated] {
+          Cgi::Data record;
+          BeginAllocations();
           try {
             record.ParseInput();
           } catch (const std::runtime_error&) {
-            EXPECT_EQ(support::EndAllocations().largest, allocated);
+            EXPECT_EQ(EndAllocations().largest, allocated);
             throw;
           }
-          EXPECT_EQ(support::EndAllocations().largest, allocated);
+          EXPECT_EQ(EndAllocations().largest, allocated);
         });
     EXPECT_EQ(outcome.error, declared == 100'000 ? "" : "Error reading STDIN");
   }
@@ -113,7 +86,7 @@ long Growth(std::size_t size, const Parser& parse) {
   const Scratch scratch;
   const std::string body = Form(size);
   const Input input = Input::Pipe(body);
-  Child child = support::PostOf(body).LogLevel(0);
+  Child child = PostOf(body).LogLevel(0);
   child.StandardInput(input);
   const Outcome outcome = RunCleanly(child, [&](const Reporter& report) {
     zan_cgi::Cgi cgi("/bin/front", "");
@@ -150,22 +123,4 @@ TEST(UploadOfAForm, TakesNoMoreMemoryWhenItIsLarge) {
 #endif
 
 }  // namespace
-
-// Under a name of its own, since <poll.h> declares that it only writes to fds.
-extern "C" int CountedPoll(pollfd* fds, nfds_t nfds,
-                           int timeout) __asm__("poll");
-
-extern "C" int CountedPoll(pollfd* fds, nfds_t nfds, int timeout) {
-  if (counted != nullptr) ++counted->polls;
-  return static_cast<int>(::syscall(SYS_poll, fds, nfds, timeout));
-}
-
-extern "C" ssize_t read(int fd, void* buf, std::size_t nbytes) {
-  if (counted != nullptr) ++counted->reads;
-  return ::syscall(SYS_read, fd, buf, nbytes);
-}
-
-extern "C" ssize_t write(int fd, const void* buf, std::size_t n) {
-  if (counted != nullptr) ++counted->writes;
-  return ::syscall(SYS_write, fd, buf, n);
-}
+}  // namespace support

@@ -1,36 +1,17 @@
 #include "zancgi/upload_file.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <stdlib.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <unistd.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/scratch.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <filesystem>
-#include <functional>
 #include <ostream>
-#include <string>
-#include <vector>
 
-#include "support/clean_run.h"
+#include "support/terminal.h"
+#include "support/test.h"
 
+namespace support {
 namespace {
 
-namespace fs = std::filesystem;
-
 using zan_cgi::UploadFile;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::ReadFile;
-using zan_cgi::testing::Reporter;
-using zan_cgi::testing::Scratch;
-using Strings = std::vector<std::string>;
 
 /// What one call of write(2) is to do: to fail with an error, or to write so
 /// many bytes at most.
@@ -53,7 +34,7 @@ void RunWithout(const std::vector<int>& closed,
                 const std::function<void()>& body) {
   Child child;
   for (const int descriptor : closed) child.Closed(descriptor);
-  support::RunCleanly(child, [&](const Reporter&) { body(); });
+  RunCleanly(child, [&] { body(); });
 }
 
 const std::vector<int> kClosedSets[] = {{},     {0},    {1},    {2},
@@ -161,33 +142,14 @@ TEST(UploadFile, IsNotFoundByALink) {
   EXPECT_EQ(scratch.List(), Strings{"target"});
 }
 
-bool HasControllingTerminal() {
-  const int terminal = ::open("/dev/tty", O_RDWR | O_CLOEXEC);
-  ::close(terminal);
-  return terminal >= 0;
-}
-
 TEST(UploadFile, DoesNotBecomeTheTerminalOfTheProcess) {
-  RunWithout({}, [] {
-    ::setsid();
-    ASSERT_EQ(::getsid(0), ::getpid());
-    const int leader = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    char path[100];
-    ASSERT_EQ(::grantpt(leader), 0);
-    ASSERT_EQ(::unlockpt(leader), 0);
-    ASSERT_EQ(::ptsname_r(leader, path, sizeof(path)), 0);
+  // Any other program could have one here.
+  if (!CanTakeTerminals()) GTEST_SKIP() << "needs terminals";
+  EXPECT_FALSE(TakesTerminal([](const std::string& path) {
     UploadFile file;
     file.Open(path);
-    EXPECT_TRUE(file.IsOpen());
-    EXPECT_FALSE(HasControllingTerminal());
-    // Any other program would now have one.
-    const int follower = ::open(path, O_RDWR | O_CLOEXEC);
-    EXPECT_TRUE(HasControllingTerminal());
-    ::signal(SIGHUP, SIG_IGN);
-    ::close(follower);
-    file.Close();
-    ::close(leader);
-  });
+    if (!file.IsOpen()) ::_exit(1);
+  }));
 }
 
 /// What has come of two writes of five digits each.
@@ -246,3 +208,5 @@ extern "C" ssize_t write(int fd, const void* buf, std::size_t n) {
              ? -1
              : ::syscall(SYS_write, fd, buf, std::min(n, step.most));
 }
+
+}  // namespace support

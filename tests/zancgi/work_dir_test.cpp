@@ -1,24 +1,9 @@
-#include <gtest/gtest.h>
 #include <sys/syscall.h>
-#include <unistd.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/scratch.h>
-#include <zancgi/zancgi.h>
 
-#include <cerrno>
-#include <filesystem>
-#include <string>
-#include <vector>
+#include "support/test.h"
 
+namespace support {
 namespace {
-
-namespace fs = std::filesystem;
-
-using zan_cgi::Cgi;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::Reporter;
-using zan_cgi::testing::Scratch;
 
 bool refuses_chdir = false;
 
@@ -88,8 +73,8 @@ TEST(WorkDir, OfAnEmptyProgramNameFailsAfterTheRecordIsBuilt) {
   EXPECT_NE(
       outcome.error.find("void zan_cgi::Cgi::Data::SetWorkDir(const string&)"),
       std::string::npos);
-  EXPECT_EQ(outcome.Logged(8), std::vector<std::string>{
-                                   "void zan_cgi::Cgi::Data::ParseCookies()"});
+  EXPECT_EQ(outcome.Logged(8),
+            Strings{"void zan_cgi::Cgi::Data::ParseCookies()"});
   EXPECT_TRUE(outcome.Logged(9).empty());
 }
 
@@ -100,3 +85,5 @@ extern "C" int chdir(const char* path) {
   errno = EACCES;
   return -1;
 }
+
+}  // namespace support
