@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <zancgi/request.h>
 
 #include <algorithm>
@@ -11,7 +12,6 @@
 #include <compare>
 #include <cstdint>
 #include <cstring>
-#include <ctime>
 #include <optional>
 #include <stdexcept>
 #include <string_view>
@@ -242,7 +242,13 @@ std::string EntityTag(const struct stat& file) {
          Hex(file.st_mtim.tv_sec) + '.' + Hex(file.st_mtim.tv_nsec) + '"';
 }
 
-sys_seconds Now() { return sys_seconds(std::chrono::seconds(::time(nullptr))); }
+/// Not by time(3): a library that names it makes each start run code of the C
+/// library that chooses it.
+sys_seconds Now() {
+  timespec now{};
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  return sys_seconds(std::chrono::seconds(now.tv_sec));
+}
 
 /// Never in the future (RFC 9110 section 8.8.2.1), nor in a year that a date
 /// cannot express.
