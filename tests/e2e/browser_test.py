@@ -173,14 +173,6 @@ class BrowserTest(PanelTest):
         self.browser.click_link("notes.txt")
         self.assert_sees("^Remember the milk.$")
 
-    def test_a_user_without_an_account_is_told_so(self):
-        self.panel.execute("insert into user values ('bob', 1, x'', x'', '')")
-        self.user = "bob"
-        self.signed_in("home")
-        self.assert_sees("Your user has no system account.")
-        self.browser.click_link("Back to the panel")
-        self.assert_sees("Who am I")
-
     def test_an_upload_shows_its_progress_and_can_be_cancelled(self):
         self.open_upload()
         self.browser.slow_down(500_000)
@@ -280,12 +272,6 @@ class BrowserTest(PanelTest):
         self.browser.click("nav button")
         self.assert_sees("Password")
         self.assert_cannot_sign_in(url, "other.test")
-
-    def test_the_service_being_away_is_readable(self):
-        self.signed_in()
-        with self.panel.back_end_away():
-            self.browser.open(self.panel.url)
-            self.assert_sees("Bad Gateway", "The service behind this panel does not answer.")
 
     def test_it_fits_a_telephone_at_night(self):
         self.browser.resize(500, 900)

@@ -19,10 +19,8 @@ DOWNLOAD = 32 << 20
 ATTEMPTS = 4
 # What the client of a front end that is ended sees; None: no answer.
 STATUSES_AT_THE_END = {
-    deployment.LighttpdSite: (500,),
-    deployment.ApacheSite: (500, 504),
-    deployment.NginxSite: (502,),
-    deployment.BusyboxSite: (None,),
+    deployment.LighttpdSite: (500,), deployment.ApacheSite: (500, 504),
+    deployment.NginxSite: (502,), deployment.BusyboxSite: (None,),
 }
 # The front end gets rid of an answer at the client's pace only, and is ended with
 # it by the launcher's limit for a page.
@@ -186,8 +184,7 @@ class LimitTest(unittest.TestCase):
     def test_a_post_that_never_ends_is_ended_by_apache_and_given_up_by_nginx(self):
         """The launcher gives it an hour, and the server less."""
         for kind, statuses, has_ended in (
-            (deployment.ApacheSite, (500, 504), True),
-            (deployment.NginxSite, (504,), False),
+            (deployment.ApacheSite, (500, 504), True), (deployment.NginxSite, (504,), False),
         ):
             run = slow_runs()[kind, "post"].result()
             with self.subTest(kind.__name__):

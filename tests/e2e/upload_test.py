@@ -98,10 +98,6 @@ class Refused(UploadTest):
         for token in ("", "wrong", self.panel.token(self.panel.new_session())):
             self.assert_refused(self.post(form(field("token", token), file("a", b"1"))))
 
-    def test_from_another_site(self):
-        answer = self.upload(file("a", b"1"), headers={"Origin": "http://elsewhere"})
-        self.assert_page(answer, 403, "Another site has sent this request.")
-
     def test_above_the_limit_while_the_client_is_still_sending(self):
         for size, text in ((LIMIT, TOO_LARGE), (20 * LIMIT, "This is more than the panel takes")):
             with tempfile.NamedTemporaryFile() as large:

@@ -47,7 +47,7 @@ class TmpfilesTest(unittest.TestCase):
             # Else files would become younger by as much.
             env={**os.environ, "NO_FAKE_STAT": "1"},
             capture_output=True, text=True, timeout=60,
-        )  # fmt: skip
+        )
         self.assertEqual((done.returncode, done.stdout, done.stderr), (0, "", ""))
 
     def make(self, *names):
