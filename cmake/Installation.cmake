@@ -179,6 +179,22 @@ if(PYTHON_OF_THE_SYSTEM)
   install(PROGRAMS "${packed_dir}/zancgi-request"
     DESTINATION "${CMAKE_INSTALL_BINDIR}"
     COMPONENT zancgi-tools)
+
+  # What bash completes after the tools' names.
+  set(completions_dir "${packed_dir}/completions")
+  file(GLOB doctor_modules CONFIGURE_DEPENDS "${tools_dir}/zancgi_doctor/*.py")
+  add_custom_command(
+    OUTPUT "${completions_dir}/zancgi-request" "${completions_dir}/zancgi-doctor"
+    COMMAND "${PYTHON_OF_THE_SYSTEM}" -IB "${tools_dir}/completion.py"
+      "${completions_dir}"
+    DEPENDS "${tools_dir}/completion.py" "${tools_dir}/zancgi_doctor/checks.ini"
+      ${packed_modules} ${doctor_modules}
+    VERBATIM)
+  add_custom_target(zancgi_completions ALL
+    DEPENDS "${completions_dir}/zancgi-request")
+  install(DIRECTORY "${completions_dir}/"
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions"
+    COMPONENT zancgi-tools)
 else()
   message(STATUS "zancgi-request is left out: there is no /usr/bin/python3")
 endif()

@@ -272,6 +272,7 @@ class FilesTest(InstallTest):
         self.assertTrue(names)
         for name in names:
             self.assertIn(f"share/man/man1/{name}.1", files)
+            self.assertIn(f"share/bash-completion/completions/{name}", files)
             self.assertTrue(os.access(self.root / "bin" / name, os.X_OK))
             self.assertIn(name, run(self.root / "bin" / name, "--help"))
             self.assertEqual(run(self.root / "bin" / name, "--version"), f"{name} {VERSION}\n")

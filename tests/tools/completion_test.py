@@ -1,0 +1,70 @@
+"""What bash offers after the names of the tools."""
+
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+import unittest
+
+TOOLS = pathlib.Path(os.environ["TOOLS"])
+NAMES = ("zancgi-request", "zancgi-doctor")
+
+
+class CompletionTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        folder = tempfile.TemporaryDirectory(prefix="completion-")
+        cls.addClassCleanup(folder.cleanup)
+        cls.folder = pathlib.Path(folder.name)
+        (cls.folder / "answer.txt").touch()
+        made = cls.folder / "completions"
+        subprocess.run([sys.executable, "-IB", TOOLS / "completion.py", made], check=True)
+
+    def offered(self, *words):
+        """What is offered for the last word."""
+        tool = words[0]
+        script = (
+            f'source "completions/{tool}"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1))\n'
+            f'_{tool.replace("-", "_")}; printf "%s\\n" "${{COMPREPLY[@]}}"'
+        )
+        done = subprocess.run(
+            ["bash", "-euc", script, "bash", *words],
+            cwd=self.folder, capture_output=True, text=True, check=True,
+        )  # fmt: skip
+        self.assertEqual(done.stderr, "")
+        return done.stdout.split()
+
+    def test_every_option_of_the_help_is_offered(self):
+        for tool in NAMES:
+            told = subprocess.run(
+                [TOOLS / tool, "--help"], capture_output=True, text=True, check=True
+            ).stdout
+            options = set(re.findall(r"^ +(?:-\w, +)?(--[\w-]+)", told, re.M))
+            self.assertGreater(len(options), 15)
+            self.assertLessEqual(options, set(self.offered(tool, "--")))
+
+    def test_what_is_offered_begins_with_the_word(self):
+        self.assertEqual(self.offered("zancgi-request", "--coo"), ["--cookie", "--cookie-jar"])
+        self.assertEqual(self.offered("zancgi-doctor", "--nothing"), [])
+
+    def test_values_to_choose_from(self):
+        for words, expected in (
+            (("zancgi-request", "--stdin", "pi"), ["pipe"]),
+            (("zancgi-request", "--server", "=", "ap"), ["apache"]),
+            (("zancgi-doctor", "--check", "socket.k"), ["socket.kind"]),
+        ):
+            self.assertEqual(self.offered(*words), expected)
+        self.assertIn("rfc3875", self.offered("zancgi-request", "--server", "="))
+
+    def test_files(self):
+        for words in (("zancgi-request", "-o", "ans"), ("zancgi-request", "ans")):
+            self.assertEqual(self.offered(*words), ["answer.txt"])
+
+    def test_nothing_where_anything_can_be_said(self):
+        self.assertEqual(self.offered("zancgi-request", "--referer", "ans"), [])
+
+
+if __name__ == "__main__":
+    unittest.main()
