@@ -23,6 +23,8 @@ function(add_library_pair name)
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR}
     LINK_DEPENDS "${map}"
+    # The same bytes in any folder.
+    BUILD_RPATH_USE_ORIGIN ON
     PUBLIC_HEADER "${ARG_PUBLIC_HEADERS}")
   target_link_options(${name} PRIVATE
     "LINKER:--version-script=${map}" "LINKER:--as-needed"
