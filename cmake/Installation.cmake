@@ -151,6 +151,8 @@ foreach(component ${components})
     COMPONENT ${component})
 endforeach()
 
+include(cmake/Sbom.cmake)
+
 # install_matching(PATTERN DESTINATION COMPONENT): the tree's files that match.
 function(install_matching pattern destination component)
   file(GLOB files CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${pattern}")

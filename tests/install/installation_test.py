@@ -1,6 +1,7 @@
 """The libraries as somebody outside of the tree uses them."""
 
 import functools
+import json
 import os
 import pathlib
 import re
@@ -252,11 +253,27 @@ class FilesTest(InstallTest):
                 self.files_of(name),
                 {
                     *(f"share/doc/zancgi/{licence}" for licence in licences),
+                    "share/doc/zancgi/sbom.spdx.json",
                     f"lib/lib{name}.so.1",
                     f"lib/lib{name}.so.{VERSION}",
                     f"lib/tmpfiles.d/lib{name}1.conf",
                 },
             )
+
+    def test_the_bill_of_materials_names_pugixml_and_its_version(self):
+        sbom = json.loads(self.installed("sbom.spdx.json").read_text())
+        versions = {package["name"]: package["versionInfo"] for package in sbom["packages"]}
+        macro = run(CXX, "-E", "-dM", "-x", "c++", "-include", "pugixml.hpp", "/dev/null")
+        number = int(re.search(r"#define PUGIXML_VERSION (\d+)", macro)[1])
+        pugixml = f"{number // 1000}.{number % 1000 // 10}"
+        self.assertEqual(
+            versions, {"libzancgi": VERSION, "libtov": VERSION, "pugixml": pugixml}
+        )
+        relations = {
+            (one["spdxElementId"], one["relationshipType"], one["relatedSpdxElement"])
+            for one in sbom["relationships"]
+        }
+        self.assertIn(("SPDXRef-libtov", "CONTAINS", "SPDXRef-pugixml"), relations)
 
     def test_manual_pages_go_with_what_they_describe(self):
         for component, section in (("zancgi-dev", 3), ("zancgi-tools", 1)):

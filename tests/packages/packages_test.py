@@ -193,6 +193,10 @@ class FilesTest(PackagesTest):
             built_using = fields_of(self.debs[name])["Built-Using"]
             self.assertRegex(built_using, r"^pugixml \(= \S+\)$")
 
+    def test_every_library_comes_with_its_bill_of_materials(self):
+        for name in ("libtov1", "libtov-dev", "libzancgi1", "libzancgi-dev"):
+            self.assertIn(f"usr/share/doc/{name}/sbom.spdx.json", self.contents(name))
+
     def test_libraries_promise_the_symbols_that_are_recorded(self):
         for name in ("libtov1", "libzancgi1"):
             promised = run("dpkg-deb", "--info", str(self.debs[name]), "symbols")
