@@ -59,7 +59,8 @@ class CompletionTest(unittest.TestCase):
         self.assertIn("rfc3875", self.offered("zancgi-request", "--server", "="))
 
     def test_files(self):
-        for words in (("zancgi-request", "-o", "ans"), ("zancgi-request", "ans")):
+        for options in (["-o"], [], ["-i"]):
+            words = ("zancgi-request", *options, "ans")
             self.assertEqual(self.offered(*words), ["answer.txt"])
 
     def test_nothing_where_anything_can_be_said(self):
