@@ -122,6 +122,8 @@ class CompilationTest(unittest.TestCase):
                 self.assertIn("__SSP_STRONG__", defined)
                 self.assertEqual(defined.get("__PIC__"), "2")
                 self.assertIn(" -fstack-clash-protection ", command["command"])
+                if "__clang__" not in defined:
+                    self.assertIn(" -ftrivial-auto-var-init=zero ", command["command"])
                 if IS_OPTIMISED:
                     self.assertIn(defined.get("_FORTIFY_SOURCE"), ("2", "3"))
 
