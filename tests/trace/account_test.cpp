@@ -10,17 +10,8 @@
 #include "support/record.h"
 #include "trace/scenario.h"
 
+namespace trace {
 namespace {
-
-using support::kFormEnd;
-using support::RecordOf;
-using support::Upload;
-using trace::ExpectTrace;
-using trace::Fail;
-using trace::Result;
-using trace::Script;
-using trace::Serve;
-using zan_cgi::Cgi;
 
 /// Hands over the uploads "B", "a" and "c", whose files do not exist. Their
 /// paths afterwards are the result.
@@ -30,7 +21,7 @@ auto HandOver(const std::string& user, bool use_chroot = false) {
     record.files["a"].path = "spool/2";
     record.files["B"].path = "spool/1";
     record.files["c"].path = "spool/x\\3";
-    trace::Try([&] { record.DoChownFiles(user, "not used", use_chroot); });
+    Try([&] { record.DoChownFiles(user, "not used", use_chroot); });
     Result(cgi.File("B") + " " + cgi.File("a") + " " + cgi.File("c"));
     record.files.clear();
   });
@@ -61,28 +52,22 @@ TEST(HandOver, ThatFailsLeavesTheOthersWhereTheyAre) {
   ExpectTrace({.effects = {{"SafeSet", {nullptr, Fail("no owner")}}}},
               HandOver("alice", true),
               kBegin + Moving("B", "spool/1", "1") + Giving("spool/2", "2") +
-                  R"(
-    throws tov_err::Error: no owner
-    = /1 spool/2 spool/x\3
-  )");
+                  "throws tov_err::Error: no owner\n"
+                  "= /1 spool/2 spool/x\\3");
   ExpectTrace({.effects = {{"Move", {Fail("no room")}}}},
               HandOver("alice", true),
-              kBegin + Moving("B", "spool/1", "1") + R"(
-    throws tov_err::Error: no room
-    = spool/1 spool/2 spool/x\3
-  )");
+              kBegin + Moving("B", "spool/1", "1") +
+                  "throws tov_err::Error: no room\n"
+                  "= spool/1 spool/2 spool/x\\3");
 }
 
 TEST(HandOver, ToRootOrNobodyChangesNothing) {
-  ExpectTrace({}, HandOver("root", true), R"(
-    getpwnam root
-    = spool/1 spool/2 spool/x\3
-  )");
+  ExpectTrace({}, HandOver("root", true),
+              "getpwnam root\n= spool/1 spool/2 spool/x\\3");
   ExpectTrace({}, HandOver("nobody"), R"(
     getpwnam nobody
     throws std::runtime_error: failed to get pw entry
-    = spool/1 spool/2 spool/x\3
-  )");
+    = spool/1 spool/2 spool/x\3)");
 }
 
 TEST(HandOver, OfNothingLooksTheAccountUp) {
@@ -94,9 +79,7 @@ TEST(HandOver, OfNothingLooksTheAccountUp) {
 
 /// A body with the upload "f", and what a POST of it comes to.
 const std::string kBody = Upload("u", "f", "content") + kFormEnd;
-std::string Uploaded() {
-  return trace::Admission(kBody) + trace::Making(1) + trace::End(kBody);
-}
+std::string Uploaded() { return Admission(kBody) + Making(1) + End(kBody); }
 
 /// Parses such a request and becomes the account in its home.
 auto UploadAndBecome(const std::string& user, bool use_chroot = false) {
@@ -112,7 +95,7 @@ const std::string kHandOver =
     kBegin + Moving("f", "spool/zantemp-1", "zantemp-1");
 
 TEST(Su, HandsTheUploadsOverBeforeTheSwitch) {
-  ExpectTrace(trace::Post(kBody), UploadAndBecome("alice"),
+  ExpectTrace(Post(kBody), UploadAndBecome("alice"),
               Uploaded() + kHandOver + R"(
     getpwnam alice
     chdir .
@@ -120,12 +103,12 @@ TEST(Su, HandsTheUploadsOverBeforeTheSwitch) {
     setgid 1002
     setuid 1001
     = ./zantemp-1
-  )" + trace::Dropping("./zantemp-1"));
+  )" + Dropping("./zantemp-1"));
 }
 
 TEST(Su, HandsTheUploadsOverAndWarmsTheResolverUpBeforeItConfines) {
   // The root directory stays as it was here, and has no such file.
-  ExpectTrace(trace::Post(kBody), UploadAndBecome("alice", true),
+  ExpectTrace(Post(kBody), UploadAndBecome("alice", true),
               Uploaded() + kHandOver + R"(
     getpwnam alice
     unix 8: ChRoot Init resolver
@@ -135,22 +118,21 @@ TEST(Su, HandsTheUploadsOverAndWarmsTheResolverUpBeforeItConfines) {
     setuid 1001
     chdir /
     = /zantemp-1
-    Exists('/zantemp-1')
-  )");
+    Exists('/zantemp-1'))");
 }
 
 TEST(Su, IsNotTriedAfterAHandOverThatFails) {
-  Script script = trace::Post(kBody);
+  Script script = Post(kBody);
   script.effects["Move"] = {Fail("no room")};
   ExpectTrace(script, UploadAndBecome("alice"),
               Uploaded() + kHandOver + "throws tov_err::Error: no room\n" +
-                  trace::Dropping("spool/zantemp-1"));
+                  Dropping("spool/zantemp-1"));
 }
 
 // The path is recorded for the root directory that was to come. In the one that
 // there still is, it leads to another file or to none, and the upload stays.
 TEST(Su, ThatCannotConfineLooksForTheUploadsInTheRootThatThereIs) {
-  Script script = trace::Post(kBody);
+  Script script = Post(kBody);
   script.failures["chroot ."] = {EPERM};
   ExpectTrace(script, UploadAndBecome("alice", true),
               Uploaded() + kHandOver + R"(
@@ -158,19 +140,18 @@ TEST(Su, ThatCannotConfineLooksForTheUploadsInTheRootThatThereIs) {
     unix 8: ChRoot Init resolver
     chroot .
     throws std::runtime_error: failed to chroot to users home folder
-    Exists('/zantemp-1')
-  )");
+    Exists('/zantemp-1'))");
 }
 
 TEST(Su, ToRootLeavesTheUploadsAndEntersHisHome) {
-  ExpectTrace(trace::Post(kBody), UploadAndBecome("root"), Uploaded() + R"(
+  ExpectTrace(Post(kBody), UploadAndBecome("root"), Uploaded() + R"(
     getpwnam root
     getpwnam root
     setgid 0
     setuid 0
     chdir .
     = spool/zantemp-1
-  )" + trace::Dropping("spool/zantemp-1"));
+  )" + Dropping("spool/zantemp-1"));
 }
 
 /// Becomes "alice", with a session.
@@ -191,21 +172,18 @@ void ExpectSession(const Script& script, const std::string& session) {
   }
 }
 
-const char kStarted[] = R"(
-    unix 9: [zancgi_unix.cpp]:# PAM start done
-    pam_open_session session silent
-)";
+const char kStarted[] =
+    "unix 9: [zancgi_unix.cpp]:# PAM start done\n"
+    "pam_open_session session silent\n";
 
-const char kOpened[] = R"(
-    unix 9: [zancgi_unix.cpp]:# PAM open_session - ok
-    pam_close_session session silent
-)";
+const char kOpened[] =
+    "unix 9: [zancgi_unix.cpp]:# PAM open_session - ok\n"
+    "pam_close_session session silent\n";
 
 TEST(Session, IsOpenedAndClosedBeforeTheProcessIsTheUser) {
-  ExpectSession({}, std::string(kStarted) + kOpened + R"(
-    unix 9: [zancgi_unix.cpp]:# PAM close_session - ok
-    pam_end session 0
-)");
+  ExpectSession({}, std::string(kStarted) + kOpened +
+                        "unix 9: [zancgi_unix.cpp]:# PAM close_session - ok\n"
+                        "pam_end session 0\n");
 }
 
 TEST(Session, ThatFailsToStartIsNotEnded) {
@@ -231,3 +209,4 @@ TEST(Session, EndsWithTheCodeOfWhatFails) {
 }
 
 }  // namespace
+}  // namespace trace

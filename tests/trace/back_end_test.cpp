@@ -14,19 +14,9 @@
 #include "support/record.h"
 #include "trace/scenario.h"
 
+namespace trace {
 namespace {
 
-using support::RecordOf;
-using trace::Act;
-using trace::Effect;
-using trace::ExpectTrace;
-using trace::Fail;
-using trace::Get;
-using trace::Result;
-using trace::Script;
-using trace::Serve;
-using trace::Throw;
-using zan_cgi::Cgi;
 using AuthMethod = Cgi::AuthInfo::AuthMethod;
 using Map = std::map<std::string, std::string>;
 
@@ -36,31 +26,19 @@ Act Ask(const std::string& query) {
 }
 
 TEST(Query, SendsWhatConcernsTheBackEndInOrder) {
-  ExpectTrace({.environment = {{"AUTH_TYPE", "no"},
-                               {"CONTENT_LENGTH", "no"},
-                               {"CONTENT_TYPE", "no"},
-                               {"GATEWAY_INTERFACE", "no"},
-                               {"HTTP", "no"},
-                               {"HTTPS", "on"},
-                               {"HTTPS2", "no"},
-                               {"HTTP_", "x"},
-                               {"HTTP_COOKIE", "a=1"},
-                               {"PATH", "no"},
-                               {"PATH_INFO", "no"},
-                               {"QUERY_STRING", "no"},
-                               {"REMOTE", "no"},
-                               {"REMOTE_ADDR", "r"},
-                               {"REQUEST", "no"},
-                               {"REQUEST_", "x"},
-                               {"REQUEST_METHOD", "POST"},
-                               {"REQUEST_METHOD2", "x"},
-                               {"REQUEST_URI", "/u=v"},
-                               {"SERVER", "no"},
-                               {"SERVER_NAME", ""},
-                               {"http_lower", "no"},
-                               {"xHTTP_A", "no"}},
-               .answers = {"one\n<?xml?>" + std::string(1024, 'x') + "\nend"}},
-              Serve([](Cgi& cgi) {
+  Script script{.environment = {{"HTTPS", "on"}, {"REQUEST_METHOD", "POST"}},
+                .answers = {"one\n<?xml?>" + std::string(1024, 'x') + "\nend"}};
+  for (const std::string name :
+       {"AUTH_TYPE", "CONTENT_LENGTH", "CONTENT_TYPE", "GATEWAY_INTERFACE",
+        "HTTP", "HTTPS2", "PATH", "PATH_INFO", "QUERY_STRING", "REMOTE",
+        "REQUEST", "SERVER", "http_lower", "xHTTP_A"}) {
+    script.environment[name] = "not sent";
+  }
+  script.environment.insert({{"HTTP_", "x"}, {"HTTP_COOKIE", "a=1"}});
+  script.environment.insert({{"REMOTE_ADDR", "r"}, {"REQUEST_", "x"}});
+  script.environment.insert({{"REQUEST_METHOD2", "x"}, {"SERVER_NAME", ""}});
+  script.environment["REQUEST_URI"] = "/u=v";
+  ExpectTrace(script, Serve([](Cgi& cgi) {
                 Result(std::to_string(cgi.Query("func=a").size()));
               }),
               R"(
@@ -85,8 +63,7 @@ TEST(Query, SendsWhatConcernsTheBackEndInOrder) {
     GetAnswer(1024)
     GetAnswer(1024)
     ~Protocol()
-    = 1035
-  )");
+    = 1035)");
 }
 
 /// The trace of a query that is answered by one line.
@@ -224,7 +201,7 @@ const char kAlice[] = R"(<doc><user name="alice" level="7"/></doc>)";
 /// Authorizes; the session in the record is the result.
 Act Authorize(AuthMethod method) {
   return Serve([method](Cgi& cgi) {
-    trace::Try([&] { cgi.Authorize(method); });
+    Try([&] { cgi.Authorize(method); });
     const Cgi::AuthInfo& session = RecordOf(cgi).auth_info;
     Result("session '" + session.auth + "' by " +
            std::to_string(session.method));
@@ -264,8 +241,7 @@ TEST(Authorize, ByTheCookieAlsoReadsTheLanguage) {
         Authorize(method), WhoamiByCookie(kAlice) + kUser + R"(
     RGetWord('a:b:c', ':')
     = session 's' by 1
-    = alice 7 c a:b
-  )");
+    = alice 7 c a:b)");
   }
 }
 
@@ -293,10 +269,7 @@ TEST(Authorize, ByAParameterParsesTheRequestFirst) {
     Append('func=whoami&out=xml', 'auth=p', '&')
     Append('func=whoami&out=xml&auth=p', 'sfrom=x', '&')
   )" + Whoami("func=whoami&out=xml&auth=p&sfrom=x", lines, kAlice) +
-                    kUser + R"(
-    = session 'p' by 2
-    = alice 7  
-  )");
+                    kUser + "= session 'p' by 2\n= alice 7  ");
   }
 }
 
@@ -309,8 +282,7 @@ TEST(Authorize, WithoutASessionSendsNothing) {
     zancgi 8: void zan_cgi::Cgi::Data::ParseQueryString(std::string)
     throws tov_err::Value: Value("auth", "")
     = session '' by 2
-    throws std::runtime_error: not authorized
-  )");
+    throws std::runtime_error: not authorized)");
   }
 }
 
@@ -326,23 +298,19 @@ TEST(Authorize, ByAMissingCookieAsksForAnEmptySession) {
         std::string("SendEnv('HTTP_COOKIE=") + cookie + "')\n";
     ExpectTrace(script, Authorize(method),
                 "zancgi 9: [zancgi.cpp]:# session cookie found\n" +
-                    Whoami("func=whoami&out=xml", line, kAlice) + kUser + R"(
-    = session '' by 1
-    = alice 7  
-  )");
+                    Whoami("func=whoami&out=xml", line, kAlice) + kUser +
+                    "= session '' by 1\n= alice 7  ");
   }
 }
 
 TEST(Authorize, WithoutAServiceMakesNoCall) {
   ExpectTrace({.environment = {{"HTTP_COOKIE", "ses5=s"}}}, Serve([](Cgi& cgi) {
                 cgi.SetTovName("");
-                trace::Try([&] { cgi.Authorize(Cgi::AuthInfo::AuthAny); });
+                Try([&] { cgi.Authorize(Cgi::AuthInfo::AuthAny); });
                 cgi.auth();
               }),
-              R"(
-    throws tov_err::Missed: Missed("tovname", "")
-    throws std::runtime_error: not authorized
-  )");
+              "throws tov_err::Missed: Missed(\"tovname\", \"\")\n"
+              "throws std::runtime_error: not authorized");
 }
 
 TEST(Authorize, NamesTheRefusalBeforeItLooksForTheUser) {
@@ -364,10 +332,9 @@ TEST(Authorize, NamesTheRefusalBeforeItLooksForTheUser) {
                  .answers = {refused.answer}},
                 Authorize(Cgi::AuthInfo::AuthAny),
                 WhoamiByCookie(refused.answer) + refused.calls +
-                    "throws std::runtime_error: " + refused.error + R"(
-    = session 's' by 1
-    throws std::runtime_error: not authorized
-  )");
+                    "throws std::runtime_error: " + refused.error +
+                    "\n= session 's' by 1\n"
+                    "throws std::runtime_error: not authorized");
   }
 }
 
@@ -381,21 +348,19 @@ TEST(Authorize, IsNotDoneWhereAnAnswerCannotBeRead) {
                 WhoamiByCookie(kAlice) + calls + R"(
     throws tov_err::Error: unreadable
     = session 's' by 1
-    throws std::runtime_error: not authorized
-  )");
+    throws std::runtime_error: not authorized)");
   }
 }
 
 TEST(Authorize, ASecondTimeTakesTheSessionForACookie) {
   Script script = Get("auth=p");
   script.answers = {"<doc/>", "<doc/>"};
-  const std::string refusal = R"(
-    GetNode('/doc/user')
-    throws std::runtime_error: bad answer from 'panel'
-  )";
+  const std::string refusal =
+      "GetNode('/doc/user')\n"
+      "throws std::runtime_error: bad answer from 'panel'\n";
   ExpectTrace(script, Serve([](Cgi& cgi) {
-                trace::Try([&] { cgi.Authorize(Cgi::AuthInfo::AuthParams); });
-                trace::Try([&] { cgi.Authorize(Cgi::AuthInfo::AuthParams); });
+                Try([&] { cgi.Authorize(Cgi::AuthInfo::AuthParams); });
+                Try([&] { cgi.Authorize(Cgi::AuthInfo::AuthParams); });
               }),
               R"(
     zancgi 9: [zancgi.cpp]:# session cookie not found, trying params
@@ -403,10 +368,9 @@ TEST(Authorize, ASecondTimeTakesTheSessionForACookie) {
     zancgi 8: void zan_cgi::Cgi::Data::ParseQueryString(std::string)
     Append('func=whoami&out=xml', 'auth=p', '&')
   )" + Whoami("func=whoami&out=xml&auth=p", "", "<doc/>") +
-                  refusal + R"(
-    zancgi 9: [zancgi.cpp]:# session cookie found
-  )" + Whoami("func=whoami&out=xml", "", "<doc/>") +
-                  refusal);
+                  refusal + "zancgi 9: [zancgi.cpp]:# session cookie found\n" +
+                  Whoami("func=whoami&out=xml", "", "<doc/>") + refusal);
 }
 
 }  // namespace
+}  // namespace trace

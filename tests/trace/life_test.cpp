@@ -7,10 +7,8 @@
 
 #include "trace/scenario.h"
 
+namespace trace {
 namespace {
-
-using trace::ExpectTrace;
-using trace::Result;
 
 TEST(Library, MakesItsLogModulesWhenItIsLoadedAndTakesThemAway) {
   ExpectTrace(
@@ -18,7 +16,7 @@ TEST(Library, MakesItsLogModulesWhenItIsLoadedAndTakesThemAway) {
       [] {
         // This program has the library loaded under its own name.
         std::filesystem::copy_file(TRACED_ZANCGI, "copy.so");
-        trace::Start();
+        Start();
         void* const library = ::dlopen("./copy.so", RTLD_NOW);
         ASSERT_NE(library, nullptr) << ::dlerror();
         Result("loaded");
@@ -31,8 +29,8 @@ TEST(Library, MakesItsLogModulesWhenItIsLoadedAndTakesThemAway) {
     = loaded
     ~Module()
     ~Module()
-    = unloaded
-  )");
+    = unloaded)");
 }
 
 }  // namespace
+}  // namespace trace

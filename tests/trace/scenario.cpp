@@ -139,9 +139,9 @@ void ExpectTrace(const Script& script, const Act& act,
   ExpectLines(TraceOf(silent, act), lines);
 }
 
-Act Serve(const std::function<void(zan_cgi::Cgi&)>& work) {
+Act Serve(const std::function<void(Cgi&)>& work) {
   return [work] {
-    zan_cgi::Cgi cgi("cgi/front", "panel");
+    Cgi cgi("cgi/front", "panel");
     Start();
     Try([&] { work(cgi); });
   };
@@ -159,7 +159,7 @@ void Try(const Act& work) {
 
 void Result(const std::string& text) { Note("= " + text); }
 
-void ReportParams(zan_cgi::Cgi& cgi) {
+void ReportParams(Cgi& cgi) {
   Lines names;
   cgi.GetParams(names);
   for (const std::string& name : names) Result(name + ": " + cgi.Param(name));

@@ -9,9 +9,17 @@
 #include <string>
 
 #include "support/form.h"
+#include "support/record.h"
 #include "trace/script.h"
 
 namespace trace {
+
+using support::Field;
+using support::kFormEnd;
+using support::Part;
+using support::RecordOf;
+using support::Upload;
+using zan_cgi::Cgi;
 
 /// What a front end does.
 using Act = std::function<void()>;
@@ -34,7 +42,7 @@ void ExpectTrace(const Script& script, const Act& act,
 
 /// Serves a request: the trace begins after the construction, and the end of
 /// the request belongs to it.
-Act Serve(const std::function<void(zan_cgi::Cgi&)>& work);
+Act Serve(const std::function<void(Cgi&)>& work);
 
 /// Does the work. An exception becomes a line "throws type: text".
 void Try(const Act& work);
@@ -43,7 +51,7 @@ void Try(const Act& work);
 void Result(const std::string& text);
 
 /// Writes each parameter's name and value as results.
-void ReportParams(zan_cgi::Cgi& cgi);
+void ReportParams(Cgi& cgi);
 
 /// A GET of this query string.
 Script Get(const std::string& query);

@@ -14,26 +14,10 @@
 #include "support/record.h"
 #include "trace/scenario.h"
 
+namespace trace {
 namespace {
 
 namespace fs = std::filesystem;
-
-using support::Field;
-using support::kFormEnd;
-using support::RecordOf;
-using support::Upload;
-using trace::Admission;
-using trace::Dropping;
-using trace::End;
-using trace::ExpectTrace;
-using trace::Fail;
-using trace::Making;
-using trace::Post;
-using trace::ReportParams;
-using trace::Result;
-using trace::Script;
-using trace::Serve;
-using zan_cgi::Cgi;
 
 /// A body with one upload.
 const std::string kBody = Upload("u", "f", "content") + kFormEnd;
@@ -58,7 +42,7 @@ void ReportUpload(Cgi& cgi) {
 
 /// Parses, and reports the upload even after an exception.
 void ParseAndReport(Cgi& cgi) {
-  trace::Try([&] { cgi.ParseQuery(); });
+  Try([&] { cgi.ParseQuery(); });
   ReportUpload(cgi);
 }
 
@@ -72,26 +56,21 @@ TEST(Upload, IsMadeProtectedAndRemoved) {
                 ParseAndReport(cgi);
                 ReportParams(cgi);
               }),
-              Admission(body) + Making(1) + R"(
-    = made, open
-  )" + End(body) + R"(
+              Admission(body) + Making(1) + "= made, open\n" + End(body) + R"(
     = spool/zantemp-1, 7 bytes, parsed
     = a: b
     = u: f
   )" + Dropping("spool/zantemp-1") +
-                  R"(
-    = made
-  )");
+                  "= made");
 }
 
 TEST(Upload, IsMadeAnewForEach) {
   const std::string body =
       Upload("u", "f", "first") + Upload("v", "e", "2") + kFormEnd;
   ExpectTrace(Post(body), Serve(ParseAndReport),
-              Admission(body) + Making(1) + Making(2) + End(body) + R"(
-    = spool/zantemp-1, 5 bytes, parsed
-  )" + Dropping("spool/zantemp-2") +
-                  Dropping("spool/zantemp-1"));
+              Admission(body) + Making(1) + Making(2) + End(body) +
+                  "= spool/zantemp-1, 5 bytes, parsed\n" +
+                  Dropping("spool/zantemp-2") + Dropping("spool/zantemp-1"));
 }
 
 TEST(Upload, ThatCannotBeProtectedEndsTheParse) {
@@ -109,20 +88,18 @@ TEST(Upload, ThatCannotBeProtectedEndsTheParse) {
 }
 
 /// The rest of the body is dropped by a further read of nothing.
-const char kWriteError[] = R"(
-    Sleep(100)
-    throws std::runtime_error: error writing temporary file
-)";
+const char kWriteError[] =
+    "Sleep(100)\n"
+    "throws std::runtime_error: error writing temporary file\n";
 
 TEST(Upload, ThatCannotBeOpenedFailsAtItsFirstWrite) {
   Script script = Post(kBody);
   script.effects["Tmp"] = {[] { fs::remove("spool"); }};
-  ExpectTrace(script, Serve(ParseAndReport), Admission(kBody) + Making(1) + R"(
-    RemoveFile('spool/zantemp-1')
-  )" + kWriteError + R"(
-    = spool/zantemp-1, 0 bytes, parsed
-    Exists('spool/zantemp-1')
-  )");
+  ExpectTrace(script, Serve(ParseAndReport),
+              Admission(kBody) + Making(1) + "RemoveFile('spool/zantemp-1')\n" +
+                  kWriteError +
+                  "= spool/zantemp-1, 0 bytes, parsed\n"
+                  "Exists('spool/zantemp-1')");
 }
 
 /// Makes the file of the upload as large as a file may be.
@@ -137,26 +114,25 @@ TEST(Upload, ThatCannotBeWrittenIsClosedAndRemoved) {
   Script script = Post(kBody);
   script.effects["SafeSet"] = {FillTheDisk};
   script.effects["RemoveFile"] = {ReportFile};
-  ExpectTrace(script, Serve(ParseAndReport), Admission(kBody) + Making(1) + R"(
-    RemoveFile('spool/zantemp-1')
-    = made
-  )" + kWriteError + R"(
-    = spool/zantemp-1, 0 bytes, parsed
-    Exists('spool/zantemp-1')
-  )");
+  ExpectTrace(script, Serve(ParseAndReport),
+              Admission(kBody) + Making(1) +
+                  "RemoveFile('spool/zantemp-1')\n= made\n" + kWriteError +
+                  "= spool/zantemp-1, 0 bytes, parsed\n"
+                  "Exists('spool/zantemp-1')");
 }
 
 TEST(Upload, ThatCannotBeRemovedEitherEndsTheParse) {
   Script script = Post(kBody);
   script.effects["SafeSet"] = {FillTheDisk};
   script.effects["RemoveFile"] = {Fail("busy"), Fail("still busy")};
-  ExpectTrace(script, Serve(ParseAndReport), Admission(kBody) + Making(1) + R"(
+  ExpectTrace(
+      script, Serve(ParseAndReport),
+      Admission(kBody) + Making(1) + R"(
     RemoveFile('spool/zantemp-1')
     throws tov_err::Error: busy
     = spool/zantemp-1, 0 bytes, not parsed
-  )" + Dropping("spool/zantemp-1") + R"(
-    zancgi 4: failed to remove tamporary file 'spool/zantemp-1'
-  )");
+  )" + Dropping("spool/zantemp-1") +
+          "zancgi 4: failed to remove tamporary file 'spool/zantemp-1'");
 }
 
 const char kNoRoom[] =
@@ -167,7 +143,7 @@ TEST(UploadWithoutRoom, IsNotMade) {
   script.free_blocks = 0;
   ExpectTrace(
       script, Serve([](Cgi& cgi) {
-        trace::Try([&] { cgi.ParseQuery(); });
+        Try([&] { cgi.ParseQuery(); });
         ReportParams(cgi);
       }),
       Admission(kBody, {.free_space = "0"}) + kNoRoom + kWriteError + "= u: f");
@@ -196,15 +172,15 @@ void EndWithThreeUploads(Cgi& cgi) {
 }
 
 TEST(TearDown, RemovesTheUploadsThatAreThere) {
-  ExpectTrace({}, Serve(EndWithThreeUploads), Dropping("spool/1") + R"(
-    Exists('spool/2')
-  )" + Dropping("spool/3"));
+  ExpectTrace(
+      {}, Serve(EndWithThreeUploads),
+      Dropping("spool/1") + "Exists('spool/2')\n" + Dropping("spool/3"));
 }
 
 TEST(TearDown, GoesOnAfterAFailureOfAnyType) {
-  ExpectTrace({.effects = {{"Exists", {nullptr, trace::Throw(1)}},
-                           {"RemoveFile", {Fail()}}}},
-              Serve(EndWithThreeUploads), Dropping("spool/1") + R"(
+  ExpectTrace(
+      {.effects = {{"Exists", {nullptr, Throw(1)}}, {"RemoveFile", {Fail()}}}},
+      Serve(EndWithThreeUploads), Dropping("spool/1") + R"(
     zancgi 4: failed to remove tamporary file 'spool/1'
     Exists('spool/2')
     zancgi 4: failed to remove tamporary file 'spool/2'
@@ -225,9 +201,8 @@ TEST(TearDown, WaitsForTheLastCopy) {
     chdir [cgi/..]
     = end
   )" + Dropping("spool/1") +
-                  R"(
-    Exists('spool/2')
-  )" + Dropping("spool/3"));
+                  "Exists('spool/2')\n" + Dropping("spool/3"));
 }
 
 }  // namespace
+}  // namespace trace
