@@ -17,19 +17,10 @@
 #include <string>
 #include <system_error>
 
+namespace zan_cgi::testing {
 namespace {
 
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Get;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::Program;
-using zan_cgi::testing::ReadFile;
-using zan_cgi::testing::Reporter;
-using zan_cgi::testing::Response;
-using zan_cgi::testing::ThrowAwayAccount;
-using zan_cgi::testing::WhyNoAccounts;
-
-class AccountOfATest : public testing::Test {
+class AccountOfATest : public ::testing::Test {
  protected:
   void SetUp() override {
     if (!WhyNoAccounts().empty()) GTEST_SKIP() << WhyNoAccounts();
@@ -87,7 +78,7 @@ TEST_F(AccountOfATest, IsNotKnownToAFrontEndThatIsNotGivenIt) {
 
 TEST(WhyNoAccounts, SaysWhatIsMissing) {
   const Outcome outcome = Child().Run([](const Reporter&) {
-    zan_cgi::testing::BecomeOrdinaryUser();
+    BecomeOrdinaryUser();
     EXPECT_EQ(WhyNoAccounts(), "needs root");
     const ThrowAwayAccount account;
     EXPECT_TRUE(std::filesystem::exists(account.Home()));
@@ -99,3 +90,4 @@ TEST(WhyNoAccounts, SaysWhatIsMissing) {
 }
 
 }  // namespace
+}  // namespace zan_cgi::testing

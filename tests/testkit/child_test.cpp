@@ -17,20 +17,10 @@
 
 #include "support/signals.h"
 
+namespace zan_cgi::testing {
 namespace {
 
 using std::chrono::milliseconds;
-using zan_cgi::Cgi;
-using zan_cgi::testing::Answer;
-using zan_cgi::testing::Backend;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::LogLine;
-using zan_cgi::testing::Mark;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::ParseLog;
-using zan_cgi::testing::Post;
-using zan_cgi::testing::Refuse;
-using zan_cgi::testing::Reporter;
 
 TEST(Child, ServesARequest) {
   Backend backend;
@@ -151,3 +141,4 @@ TEST(Log, HoldsTheLinesOfAllModulesAndMarks) {
 }
 
 }  // namespace
+}  // namespace zan_cgi::testing

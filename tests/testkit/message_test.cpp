@@ -12,16 +12,8 @@
 #include <utility>
 #include <vector>
 
+namespace zan_cgi::testing {
 namespace {
-
-using zan_cgi::testing::Encoding;
-using zan_cgi::testing::Form;
-using zan_cgi::testing::FromUrlEncoded;
-using zan_cgi::testing::Items;
-using zan_cgi::testing::ParseResponse;
-using zan_cgi::testing::Post;
-using zan_cgi::testing::Response;
-using zan_cgi::testing::UrlEncoded;
 
 TEST(UrlEncoded, IsWhatBrowsersSend) {
   EXPECT_EQ(UrlEncoded({{"a b", "1&2=3"}, {"c", "\xc3\xbc~-._*"}}),
@@ -142,7 +134,7 @@ TEST(Form, HasABoundaryThatIsInNoPart) {
 }
 
 TEST(ParseResponse, FindsHeaderAndBody) {
-  const Response response = ParseResponse(
+  Response response = ParseResponse(
       "Content-Type: text/html\r\nX-A:  b \r\nx-a: c\r\n\r\n<p>\r\n\r\n");
   EXPECT_EQ(response.malformed, "");
   EXPECT_EQ(response.status, 200);
@@ -150,26 +142,20 @@ TEST(ParseResponse, FindsHeaderAndBody) {
   EXPECT_EQ(response.Headers("X-a"), (std::vector<std::string>{"b", "c"}));
   EXPECT_EQ(response.Header("X-B"), "");
   EXPECT_EQ(response.body, "<p>\r\n\r\n");
-}
-
-TEST(ParseResponse, TakesLinesThatEndWithoutReturn) {
-  const Response response = ParseResponse("Content-Type: a\nX-B: c\n\nbody");
+  // Lines may end without a return.
+  response = ParseResponse("Content-Type: a\nX-B: c\n\nbody");
   EXPECT_EQ(response.Header("x-b"), "c");
   EXPECT_EQ(response.body, "body");
 }
 
-TEST(ParseResponse, FindsTheStatus) {
-  const Response response =
-      ParseResponse("status: 404 Not Found\nContent-Type: a\n\n");
+TEST(ParseResponse, FindsStatusAndCookies) {
+  const Response response = ParseResponse(
+      "status: 404 Not Found\nContent-Type: a\nSet-Cookie: a=1; Path=/\n"
+      "Set-Cookie: b=2\n\n");
   EXPECT_EQ(response.status, 404);
   EXPECT_EQ(response.reason, "Not Found");
   EXPECT_EQ(ParseResponse("Status: 204\n\n").status, 204);
   EXPECT_EQ(ParseResponse("Location: /elsewhere\n\n").status, 302);
-}
-
-TEST(ParseResponse, FindsCookies) {
-  const Response response = ParseResponse(
-      "Content-Type: a\nSet-Cookie: a=1; Path=/\nSet-Cookie: b=2\n\n");
   EXPECT_EQ(response.Cookie("a"), "1");
   EXPECT_EQ(response.Cookie("b"), "2");
   EXPECT_EQ(response.Cookie("c"), "");
@@ -194,3 +180,4 @@ TEST(ParseResponse, SaysWhatIsNoAnswer) {
 }
 
 }  // namespace
+}  // namespace zan_cgi::testing

@@ -5,12 +5,10 @@
 #include <grp.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <zancgi/account.h>
 #include <zancgi/zancgi.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -29,17 +27,11 @@ void Answer(const std::string& text) {
 }
 
 void ShowEnvironment() {
-  std::vector<std::string> lines;
-  for (char** line = environ; *line != nullptr; ++line)
-    lines.emplace_back(*line);
-  std::sort(lines.begin(), lines.end());
   std::string text;
-  for (const std::string& line : lines) text += line + "\n";
+  for (char** line = environ; *line != nullptr; ++line) {
+    text.append(*line).append("\n");
+  }
   Answer(text);
-}
-
-void ShowBody() {
-  Answer(std::string(std::istreambuf_iterator<char>(std::cin), {}));
 }
 
 /// Shows the cookies, and sets one as a header of the request says.
@@ -51,12 +43,12 @@ void ExchangeCookies() {
 }
 
 void ShowKindOfInput() {
-  struct stat status {};
-  ::fstat(STDIN_FILENO, &status);
-  Answer(S_ISFIFO(status.st_mode)   ? "pipe"
-         : S_ISSOCK(status.st_mode) ? "socket"
-         : S_ISREG(status.st_mode)  ? "file"
-                                    : "other");
+  namespace fs = std::filesystem;
+  const fs::file_type type = fs::status("/proc/self/fd/0").type();
+  Answer(type == fs::file_type::fifo      ? "pipe"
+         : type == fs::file_type::socket  ? "socket"
+         : type == fs::file_type::regular ? "file"
+                                          : "other");
 }
 
 void ShowIdentity() {
@@ -89,12 +81,6 @@ void ShowIgnoredSignals() {
          std::to_string(::sigismember(&blocked, SIGUSR1)));
 }
 
-void Hang() {
-  // A process of its own session, as a daemon is.
-  if (::fork() == 0) ::setsid();
-  for (;;) ::pause();
-}
-
 void LeaveProcess() {
   Answer("");
   if (::fork() != 0) return;
@@ -105,10 +91,9 @@ void LeaveProcess() {
 
 void LeaveFiles() {
   Answer("");
-  namespace fs = std::filesystem;
-  const fs::path folder = std::string(::getenv("TMP")) + "/folder";
-  fs::create_directory(folder);
-  ::close(::open((folder / "file").c_str(), O_CREAT | O_WRONLY, 0600));
+  const std::string folder = std::string(::getenv("TMP")) + "/folder";
+  std::filesystem::create_directory(folder);
+  std::ofstream(folder + "/file");
 }
 
 void ParseParameters() {
@@ -132,7 +117,10 @@ void Ask() {
 
 const std::map<std::string, std::function<void()>> kDeeds = {
     {"environment", ShowEnvironment},
-    {"body", ShowBody},
+    {"body",
+     [] {
+       Answer({std::istreambuf_iterator<char>(std::cin), {}});
+     }},
     {"cookies", ExchangeCookies},
     {"kind", ShowKindOfInput},
     {"identity", ShowIdentity},
@@ -140,7 +128,12 @@ const std::map<std::string, std::function<void()>> kDeeds = {
     {"descriptors", ShowDescriptors},
     {"signals", ShowIgnoredSignals},
     {"folder", [] { Answer(std::filesystem::current_path()); }},
-    {"hang", Hang},
+    {"hang",
+     [] {
+       // A process of its own session, as a daemon is.
+       if (::fork() == 0) ::setsid();
+       for (;;) ::pause();
+     }},
     {"process", LeaveProcess},
     {"files", LeaveFiles},
     {"parameters", ParseParameters},

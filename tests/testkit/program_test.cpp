@@ -23,30 +23,10 @@
 #include <utility>
 #include <vector>
 
+namespace zan_cgi::testing {
 namespace {
 
 using std::chrono::milliseconds;
-using zan_cgi::testing::Answer;
-using zan_cgi::testing::AnswerThenReset;
-using zan_cgi::testing::Backend;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::CloseSilently;
-using zan_cgi::testing::Delivery;
-using zan_cgi::testing::Form;
-using zan_cgi::testing::Get;
-using zan_cgi::testing::IsRoot;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::Post;
-using zan_cgi::testing::Program;
-using zan_cgi::testing::Query;
-using zan_cgi::testing::Refuse;
-using zan_cgi::testing::Reporter;
-using zan_cgi::testing::Request;
-using zan_cgi::testing::Reset;
-using zan_cgi::testing::Response;
-using zan_cgi::testing::Scratch;
-using zan_cgi::testing::StaySilent;
-using zan_cgi::testing::Step;
 
 /// The descriptors of this process.
 std::ptrdiff_t CountDescriptors() {
@@ -54,9 +34,8 @@ std::ptrdiff_t CountDescriptors() {
                        {});
 }
 
-Response Do(const std::string& deed) {
-  return Program(ODD_FRONT).Run(Get("/odd", deed));
-}
+Response Do(const Request& request) { return Program(ODD_FRONT).Run(request); }
+Response Do(const std::string& deed) { return Do(Get("/odd", deed)); }
 
 TEST(Program, GetsTheEnvironmentOfARequest) {
   const Response response = Program(ODD_FRONT)
@@ -146,20 +125,16 @@ TEST(Body, ComesInTheWayThatIsAskedFor) {
 
 TEST(Body, ComesInPieces) {
   const auto begin = std::chrono::steady_clock::now();
-  const Response response =
-      Program(ODD_FRONT).Run(Post("/odd", "body")
-                                 .Body("abcde", "text/plain")
-                                 .Slowly(2, milliseconds(50)));
+  const Response response = Do(Post("/odd", "body")
+                                   .Body("abcde", "text/plain")
+                                   .Slowly(2, milliseconds(50)));
   EXPECT_EQ(response.body, "abcde");
   EXPECT_GE(std::chrono::steady_clock::now() - begin, milliseconds(150));
 }
 
 TEST(Body, OfAFrontEndThatDoesNotReadItHoldsNothingUp) {
   const std::string large(1'000'000, 'x');
-  EXPECT_EQ(Program(ODD_FRONT)
-                .Run(Post("/odd", "fail").Body(large, "text/plain"))
-                .exit_status,
-            3);
+  EXPECT_EQ(Do(Post("/odd", "fail").Body(large, "text/plain")).exit_status, 3);
 }
 
 TEST(Body, OfAFormReachesTheLibrary) {
@@ -176,10 +151,9 @@ TEST(Body, OfAFormReachesTheLibrary) {
 }
 
 TEST(Body, ThatIsCutShortIsNoticed) {
-  const Response response =
-      Program(ODD_FRONT).Run(Post("/odd", "parameters")
-                                 .Fields({{"a", "1"}})
-                                 .Header("Content-Length", "5"));
+  const Response response = Do(Post("/odd", "parameters")
+                                   .Fields({{"a", "1"}})
+                                   .Header("Content-Length", "5"));
   EXPECT_EQ(response.status, 502);
   EXPECT_EQ(response.body, "Error reading STDIN");
 }
@@ -223,20 +197,16 @@ TEST(Program, GoesWithATestThatIsEnded) {
   EXPECT_EQ(outcome.left_processes, std::vector<std::string>{});
 }
 
-TEST(Program, ThatLeavesAProcessIsToldOf) {
+TEST(Program, ThatLeavesAProcessOrFilesIsToldOfOnce) {
   const Response response = Do("process");
   EXPECT_FALSE(response.timed_out);
   EXPECT_EQ(response.exit_status, 0);
   ASSERT_EQ(response.left_processes.size(), 1U);
   EXPECT_NE(::kill(std::stoi(response.left_processes.front()), 0), 0);
-}
-
-TEST(Program, ThatLeavesFilesIsToldOfOnce) {
   Program program(ODD_FRONT);
   const std::vector<std::string> left{"folder", "folder/file"};
   EXPECT_EQ(program.Run(Get("/", "files")).left_files, left);
-  EXPECT_EQ(program.Run(Get("/", "body")).left_files,
-            std::vector<std::string>{});
+  EXPECT_TRUE(program.Run(Get("/", "body")).left_files.empty());
 }
 
 TEST(Program, ThatEndsBadlyIsToldOf) {
@@ -307,21 +277,19 @@ TEST(BackendOfAProgram, CollectsWhatItDoesNotExpect) {
   EXPECT_EQ(Ask(backend).status, 502);
   ASSERT_FALSE(backend.Unexpected().empty());
   EXPECT_EQ(backend.Unexpected().front().Item("func"), "a");
-}
-
-TEST(BackendOfAProgram, CannotRefuseWhatItHasRead) {
-  EXPECT_THROW(Backend().On("a", Refuse()), std::invalid_argument);
+  // What it has read it cannot refuse.
+  EXPECT_THROW(backend.On("a", Refuse()), std::invalid_argument);
 }
 
 TEST(BackendOfAProgram, RefusesWithoutAScriptAndBehindIt) {
-  Backend without;
-  Backend behind;
-  behind.Then(Answer("1"));
-  for (Backend* backend : {&without, &behind}) {
-    const Response response = Ask(*backend);
+  Backend backend;
+  for (const std::size_t asked : {0U, 1U}) {
+    const Response response = Ask(backend);
     EXPECT_EQ(response.status, 502);
     EXPECT_NE(response.body.find("Connection refused"), std::string::npos)
         << response.body;
+    EXPECT_EQ(backend.Queries().size(), asked);
+    backend.Then(Answer("1"));
   }
 }
 
@@ -354,3 +322,4 @@ TEST(BackendOfAProgram, ThatStaysSilentDoesNotHangTheTest) {
 }
 
 }  // namespace
+}  // namespace zan_cgi::testing

@@ -6,18 +6,14 @@
 #include <filesystem>
 #include <string>
 
+namespace zan_cgi::testing {
 namespace {
 
 namespace fs = std::filesystem;
 
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::Reporter;
-using zan_cgi::testing::Scratch;
-
 TEST(Scratch, GoesWithFoldersThatATestHasLocked) {
   const Outcome outcome = Child().Run([](const Reporter& report) {
-    zan_cgi::testing::BecomeOrdinaryUser();
+    BecomeOrdinaryUser();
     const Scratch scratch;
     report("path", scratch.Path());
     scratch.MakeDir("closed/inner");
@@ -32,7 +28,7 @@ TEST(Scratch, GoesWithFoldersThatATestHasLocked) {
 
 TEST(Scratch, LeavesAloneWhatItsLinksPointTo) {
   const Outcome outcome = Child().Run([](const Reporter& report) {
-    zan_cgi::testing::BecomeOrdinaryUser();
+    BecomeOrdinaryUser();
     const Scratch other;
     const std::string folder = other.MakeDir("folder");
     fs::permissions(folder, fs::perms{0500});
@@ -51,3 +47,4 @@ TEST(Scratch, LeavesAloneWhatItsLinksPointTo) {
 }
 
 }  // namespace
+}  // namespace zan_cgi::testing

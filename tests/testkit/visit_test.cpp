@@ -10,41 +10,36 @@
 #include <string>
 #include <vector>
 
+namespace zan_cgi::testing {
 namespace {
 
 using std::chrono::seconds;
-using zan_cgi::testing::Get;
-using zan_cgi::testing::Program;
-using zan_cgi::testing::Request;
-using zan_cgi::testing::Visit;
 
 Request Secure(Request request) { return request.Variable("HTTPS", "on"); }
 
-class Cookies : public testing::Test {
+class Cookies : public ::testing::Test {
  protected:
+  /// The cookies that come with this request.
+  std::string Sent(const Request& request = Get("/panel", "cookies")) {
+    return visit_.Send(request).body;
+  }
+
   Program front_{ODD_FRONT};
   Visit visit_{front_};
 };
 
 TEST_F(Cookies, AreSentBackWithTheNextRequest) {
-  Request first = Get("/panel", "cookies");
-  first.Header("X-Set", "a=1; Path=/; HttpOnly; SameSite=Strict");
-  EXPECT_EQ(visit_.Send(first).body, "");
-  EXPECT_EQ(visit_.Send(Get("/", "cookies").Header("X-Set", "b=2")).body,
-            "a=1");
-  EXPECT_EQ(visit_.Send(Get("/panel", "cookies").Cookie("own", "0")).body,
+  const auto setting = [](const std::string& cookie) {
+    return Get("/panel", "cookies").Header("X-Set", cookie);
+  };
+  EXPECT_EQ(Sent(setting("a=1; Path=/; HttpOnly; SameSite=Strict")), "");
+  EXPECT_EQ(Sent(Get("/", "cookies").Header("X-Set", "b=2")), "a=1");
+  EXPECT_EQ(Sent(Get("/panel", "cookies").Cookie("own", "0")),
             "own=0; a=1; b=2");
-  EXPECT_EQ(
-      visit_.Send(Get("/panel", "cookies").Header("X-Set", "a=3; Path=/")).body,
-      "a=1; b=2");
-  EXPECT_EQ(visit_.Send(Get("/panel", "cookies")).body, "a=3; b=2");
-  EXPECT_EQ(
-      visit_
-          .Send(
-              Get("/panel", "cookies").Header("X-Set", "a=; Path=/; Max-Age=0"))
-          .Cookie("a"),
-      "");
-  EXPECT_EQ(visit_.Send(Get("/panel", "cookies")).body, "b=2");
+  EXPECT_EQ(Sent(setting("a=3; Path=/")), "a=1; b=2");
+  EXPECT_EQ(Sent(), "a=3; b=2");
+  EXPECT_EQ(visit_.Send(setting("a=; Path=/; Max-Age=0")).Cookie("a"), "");
+  EXPECT_EQ(Sent(), "b=2");
 }
 
 struct Row {
@@ -81,7 +76,7 @@ TEST_F(Cookies, OfLongerPathsComeFirst) {
   visit_.Take("a=1; Path=/", Get("/"));
   visit_.Take("a=2; Path=/x", Get("/"));
   visit_.Take("b=3; Path=/", Get("/"));
-  EXPECT_EQ(visit_.Send(Get("/x", "cookies")).body, "a=2; a=1; b=3");
+  EXPECT_EQ(Sent(Get("/x", "cookies")), "a=2; a=1; b=3");
 }
 
 TEST_F(Cookies, ThatAreNotForTheRequestAreNotTaken) {
@@ -126,14 +121,15 @@ TEST_F(Cookies, GoWhenTheirTimeIsUp) {
   visit_.Take("e=1; Expires=tomorrow", Get("/"));
   visit_.Take("f=1; Max-Age=99999999999999999999", Get("/"));
   visit_.Take("g=1; Max-Age=-1", Get("/"));
-  EXPECT_EQ(visit_.Send(Get("/", "cookies")).body, "a=1; b=1; d=1; e=1; f=1");
+  EXPECT_EQ(Sent(Get("/", "cookies")), "a=1; b=1; d=1; e=1; f=1");
   visit_.Wait(seconds(50));
   EXPECT_EQ(visit_.Cookie("a", Get("/")), "1");
   visit_.Wait(seconds(10));
-  EXPECT_EQ(visit_.Send(Get("/", "cookies")).body, "b=1; d=1; e=1; f=1");
+  EXPECT_EQ(Sent(Get("/", "cookies")), "b=1; d=1; e=1; f=1");
   visit_.Take("e=; Expires=Thu, 01 Jan 1970 00:00:00 GMT", Get("/"));
   visit_.Take("e=2", Get("/"));
-  EXPECT_EQ(visit_.Send(Get("/", "cookies")).body, "b=1; d=1; f=1; e=2");
+  EXPECT_EQ(Sent(Get("/", "cookies")), "b=1; d=1; f=1; e=2");
 }
 
 }  // namespace
+}  // namespace zan_cgi::testing
