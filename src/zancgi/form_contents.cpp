@@ -16,21 +16,15 @@
 namespace zan_cgi {
 namespace {
 
-/// The form of a request.
-struct Entry {
-  const Cgi::Data* request;
-  FormContents form;
-};
-
 /// Few: a process mostly has one request.
-using Forms = std::vector<std::unique_ptr<Entry>>;
+using Forms = std::vector<std::unique_ptr<FormContents>>;
 
 /// Those of all requests that have one; null as long as none has.
 Forms* forms = nullptr;
 
 Forms::iterator Find(const Cgi::Data& request) {
-  return std::find_if(forms->begin(), forms->end(), [&](const auto& entry) {
-    return entry->request == &request;
+  return std::find_if(forms->begin(), forms->end(), [&](const auto& form) {
+    return form->request == &request;
   });
 }
 
@@ -38,19 +32,20 @@ Forms::iterator Find(const Cgi::Data& request) {
 
 FormContents& AttachForm(const Cgi::Data& request) {
   if (forms == nullptr) forms = new Forms;
-  forms->push_back(std::make_unique<Entry>(Entry{&request, {}}));
-  return forms->back()->form;
+  forms->push_back(std::make_unique<FormContents>());
+  forms->back()->request = &request;
+  return *forms->back();
 }
 
 const FormContents& FormOf(const Cgi::Data& request) noexcept {
-  return (*Find(request))->form;
+  return **Find(request);
 }
 
 void PayParams(Cgi::Data& request) {
   if (forms == nullptr) return;
   const auto found = Find(request);
-  if (found == forms->end() || !(*found)->form.owes_params) return;
-  FormContents& form = (*found)->form;
+  if (found == forms->end() || !(*found)->owes_params) return;
+  FormContents& form = **found;
   std::map<std::string, std::string> params;
   MapFiller filler(params);
   for (const Form::Field& field : form.fields) {

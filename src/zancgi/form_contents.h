@@ -14,6 +14,7 @@ namespace zan_cgi {
 
 /// What a Form has read.
 struct FormContents {
+  const Cgi::Data* request = nullptr;  ///< Whose form it is.
   std::vector<Form::Field> fields;
   std::vector<Form::Upload> uploads;
   std::vector<std::string> keys;  ///< Of each upload, in the record's files.

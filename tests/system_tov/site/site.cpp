@@ -3,6 +3,7 @@
 #define SITE_DEFINES_SMALL
 #endif
 
+#include <tov/log.h>
 #include <tov/site.h>
 
 #include <stdlib.h>
