@@ -453,7 +453,8 @@ CASES = {
     ],
     "account.space": [
         root("mkdir home; home=$PWD/home; homes", "ok moved", path="~/home"),
-        *(root(SMALL_HOME, outcome, f"--min-free {min_free}", tmp_dir="~/tmp", size="4.0 MB")
+        *(root(SMALL_HOME, outcome, f"--min-free {min_free}", path="/srv/alice", tmp_dir="~/tmp",
+               size="4.0 MB")
           for min_free, outcome in (("1M", "ok"), ("3M", "warning"), ("5M", "failure"))),
         root("homes; rmdir tmp", "unchecked", error=NOT_THERE),
     ],
