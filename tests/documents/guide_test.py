@@ -213,7 +213,10 @@ class AccountProgramTest(unittest.TestCase):
         }
         for left, message in rest.items():
             with self.subTest(left=left):
-                self.assertIn(message, self.answer(f"setpriv {left}"))
+                answer = self.answer(f"setpriv {left}")
+                # In the log; the visitor gets the general page.
+                self.assertIn(f"front error: {message}\n", answer)
+                self.assertIn("<p>The panel has a fault.", answer)
                 self.assertEqual(list(self.home.iterdir()), [])
 
 
