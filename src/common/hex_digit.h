@@ -11,7 +11,7 @@ namespace common {
 inline constexpr std::string_view kUpperHexDigits = "0123456789ABCDEF";
 inline constexpr std::string_view kLowerHexDigits = "0123456789abcdef";
 
-/// Makes the values of hexadecimal digits; -1 for all other bytes.
+/// Maps each hexadecimal digit to its value and all other bytes to -1.
 constexpr std::array<short, 256> MakeHexValues() {
   std::array<short, 256> values{};
   values.fill(-1);
@@ -23,8 +23,8 @@ constexpr std::array<short, 256> MakeHexValues() {
   return values;
 }
 
-/// Returns the byte that the first two digits of a text stand for; -1 when it
-/// does not begin with two digits.
+/// Returns the byte that the first two digits of a text encode; -1 unless the
+/// text begins with two digits.
 inline int HexByteAt(std::string_view text) {
   static constexpr auto kValues = MakeHexValues();
   if (text.size() < 2) return -1;

@@ -1,5 +1,5 @@
 /// @file
-/// Private: writing without being ended by a signal.
+/// Private: keeps signals that a write can raise from ending the process.
 #ifndef COMMON_SCOPED_SIGNAL_BLOCK_H
 #define COMMON_SCOPED_SIGNAL_BLOCK_H
 
@@ -9,9 +9,9 @@
 
 namespace common {
 
-/// Holds back the signals that a write raises in its own thread when nobody
-/// reads any more or the file may not grow. The write's result says the same,
-/// and what was begun can be cleared away.
+/// Blocks the signals that a write raises in its own thread when the reader has
+/// gone (SIGPIPE) or the file may not grow (SIGXFSZ). The write still fails, so
+/// the caller can clean up.
 class ScopedSignalBlock {
  public:
   ScopedSignalBlock() {
@@ -19,7 +19,7 @@ class ScopedSignalBlock {
     sigset_t pending;
     ::sigpending(&pending);
     for (const int signal : {SIGPIPE, SIGXFSZ}) {
-      // One that waits already is the program's own and stays.
+      // A signal that is already pending belongs to the program and stays.
       if (::sigismember(&pending, signal) == 0) ::sigaddset(&signals_, signal);
     }
     ::pthread_sigmask(SIG_BLOCK, &signals_, &before_);

@@ -18,14 +18,13 @@
 namespace common {
 
 /// Decodes text as forms send it (the URL standard, section 5.1): "%XX" is a
-/// byte, "+" a blank, and a "%" without two hexadecimal digits stands as it is.
+/// byte, "+" a blank, and a "%" without two hexadecimal digits stays as it is.
 ///
-/// What costs time in large texts is that nobody can foresee where the next "%"
-/// comes: a loop over the bytes is wrong about it again and again. So 16 bytes
-/// are looked at together, and copied from one "%" to the next. Copies are 16
-/// bytes wide, whatever their length, and what is too much is overwritten. The
-/// bytes that come out are those of the loop, which takes what is left at the
-/// end, and all of a short text.
+/// A loop over the bytes is slow on large texts, because the processor cannot
+/// predict where the next "%" comes. So 16 bytes are compared at once, and the
+/// bytes between two "%" are copied together. Each copy is 16 bytes wide; the
+/// next one overwrites the surplus. Short texts, and the end of a long one, go
+/// through the loop. Both give the same bytes.
 class UrlDecoder {
  public:
   /// @param text  must outlive this object
@@ -61,8 +60,8 @@ class UrlDecoder {
     }
   }
 
-  /// Returns the byte that the two digits after a "%" stand for; the "%" when
-  /// there are none.
+  /// Returns the byte that the two digits after a "%" encode; "%" itself
+  /// without them.
   char TakeEscape() {
     const int byte = HexByteAt({at_, end_});
     if (byte < 0) return '%';
@@ -71,8 +70,8 @@ class UrlDecoder {
   }
 
 #ifdef __SSE2__
-  /// As long as so much is left, a block can be read, and after it the digits
-  /// of an escape or one more block.
+  /// While this many bytes are left, a block and then an escape's digits or
+  /// another block can be read.
   static constexpr std::ptrdiff_t kReach = 2 * kBlock + 2;
 
   void DecodeBlock() {
@@ -82,7 +81,7 @@ class UrlDecoder {
     const char* const block = at_;
     for (; places != 0; places &= places - 1) {
       const char* const place = block + std::countr_zero(places);
-      // A digit of an escape is no "%", so none is passed over.
+      // The digits of an escape are never "%", so no "%" is skipped.
       CopyUpTo(place);
       ++at_;
       *out_++ = TakeEscape();
@@ -110,8 +109,8 @@ class UrlDecoder {
     if (out_ >= buffer_ + kFull) Flush();
   }
 
-  /// Through a buffer, so that the room kept for what may come takes no memory
-  /// as long as it does not.
+  /// Appending through a buffer keeps the reserved memory untouched until it is
+  /// needed.
   void Flush() {
     decoded_.append(buffer_, static_cast<std::size_t>(out_ - buffer_));
     out_ = buffer_;
@@ -122,7 +121,7 @@ class UrlDecoder {
   const char* at_;
   const char* const end_;
   std::string decoded_;
-  /// A block begins below kFull, and writes no more than two blocks.
+  /// A block begins below kFull and writes at most two blocks.
   char buffer_[kFull + 2 * kBlock];
   char* out_ = buffer_;
 };

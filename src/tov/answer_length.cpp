@@ -8,7 +8,7 @@
 namespace tov_internal {
 namespace {
 
-/// More of a header line is not kept: long enough for any name that matters.
+/// Longer header lines are cut here. Every name that matters is shorter.
 constexpr std::size_t kLineLimit = 1024;
 
 /// RFC 9110 section 5.6.2.
@@ -23,7 +23,7 @@ bool IsToken(std::string_view text) {
   return std::all_of(text.begin(), text.end(), IsTokenByte);
 }
 
-/// Whether a line that has begun like this may become a header line.
+/// Whether this can be the beginning of a header line.
 bool MayBeHeader(std::string_view line) {
   const std::size_t colon = line.find(':');
   if (colon == std::string_view::npos) {

@@ -10,18 +10,18 @@
 
 namespace tov_internal {
 
-/// Watches the bytes of an answer go by (RFC 3875 section 6.3: header lines, an
+/// Measures an answer as its bytes pass (RFC 3875 section 6.3: header lines, an
 /// empty line, the body; lines end in CR LF or LF).
 ///
-/// Header lines are optional: the first line that is none ends them, and what
-/// was taken for one before it was text.
+/// Header lines are optional. If a line before the empty one is not a header,
+/// the whole answer is body.
 class AnswerLength {
  public:
   void Feed(std::string_view bytes);
 
-  /// Whether not a single byte has gone by.
+  /// Whether no byte has passed.
   bool IsEmpty() const { return seen_ == 0; }
-  /// Whether the Content-Length headers, if any, are one number.
+  /// Whether all Content-Length headers give the same valid number.
   bool IsConsistent() const { return consistent_; }
   /// Whether the body is shorter than promised.
   bool IsTruncated() const { return promised_ && body_ < *promised_; }

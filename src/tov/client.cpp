@@ -76,7 +76,7 @@ class Protocol::Wire {
  public:
   Wire(std::string name, Descriptor socket)
       : name_(std::move(name)), socket_(std::move(socket)) {
-    // Demanded by the wire format, and in this order.
+    // The wire format requires both, in this order.
     AppendVariable(header_, "CONTENT_LENGTH", "0");
     AppendVariable(header_, "SCGI", "1");
   }
@@ -88,7 +88,8 @@ class Protocol::Wire {
     const bool allowed = equals != std::string::npos && !name.empty() &&
                          name != "CONTENT_LENGTH" && name != "SCGI" &&
                          line.find('\0') == std::string::npos;
-    // The name only: a value may hold a session id, and this text gets shown.
+    // The message has the name only: it may be displayed, and the value may
+    // hold a session id.
     if (!allowed) throw tov_err::Value("environment variable", name);
     const std::string_view text = line;
     AppendVariable(header_, name, text.substr(equals + 1));
@@ -134,7 +135,7 @@ class Protocol::Wire {
     }
   }
 
-  /// Says whether there is more of the answer.
+  /// Returns whether there is more of the answer.
   bool ReadAhead() {
     if (ended_) return false;
     if (!ahead_) ahead_.reset(new char[kReadAhead]);

@@ -15,9 +15,9 @@ namespace tov_client {
 
 /// One conversation with a back end: environment lines, end mark, answer.
 ///
-/// Every failure is a tov_err::Error; after one, only destruction makes sense.
-/// Calls wait for as long as the back end lets them. SIGPIPE is never raised
-/// and interrupted system calls are repeated.
+/// Every failure is a tov_err::Error, after which the object can only be
+/// destroyed. Calls block without a time limit until the back end answers.
+/// SIGPIPE is never raised, and interrupted system calls are retried.
 class TOV_API Protocol {
  public:
   virtual ~Protocol();
@@ -25,9 +25,9 @@ class TOV_API Protocol {
   Protocol& operator=(const Protocol&) = delete;
 
   /// Adds one variable, "NAME=value", to the request.
-  /// @throws tov_err::Value for a line without "=" or name, with a zero byte,
-  ///   or with one of the names that the wire format claims (`CONTENT_LENGTH`,
-  ///   `SCGI`)
+  /// @throws tov_err::Value for a line without "=" or without a name, with a
+  ///   zero byte, or with a name that the wire format reserves
+  ///   (`CONTENT_LENGTH`, `SCGI`)
   void SendEnv(const std::string& line);
 
   /// Sends the request.
@@ -35,10 +35,10 @@ class TOV_API Protocol {
 
   /// Copies the next bytes of the answer to @p buffer, header lines included.
   ///
-  /// An answer without a single byte, and one that is shorter than its own
-  /// Content-Length header says, is a failure.
+  /// An empty answer is a failure, and so is one that is shorter than its own
+  /// Content-Length header.
   /// @param buffer  room for @p size bytes
-  /// @param size    at most so many bytes are copied
+  /// @param size    the largest number of bytes to copy
   /// @return the number of bytes copied; 0 once the answer has ended
   unsigned long GetAnswer(char* buffer, unsigned long size);
 
@@ -54,9 +54,9 @@ class TOV_API Protocol {
 /// Opens a connection to a back-end service.
 ///
 /// @param name      the service; without "/", zero byte or leading dot
-/// @param reserved  without effect
+/// @param reserved  has no effect
 /// @throws tov_err::Value for a name that is not allowed or too long for a
-///   socket address; nothing is opened then
+///   socket address; no socket is opened
 /// @throws tov_err::Error when the service cannot be reached
 TOV_API std::unique_ptr<Protocol> Connect(const std::string& name,
                                           bool reserved);

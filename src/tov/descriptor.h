@@ -12,7 +12,7 @@ namespace tov_internal {
 class Descriptor {
  public:
   Descriptor() = default;
-  /// Takes ownership of @p descriptor; a negative one is none.
+  /// Takes ownership of @p descriptor; a negative number means none.
   explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
   Descriptor(Descriptor&& other) noexcept : descriptor_(other.Release()) {}
   Descriptor& operator=(Descriptor&& other) noexcept;
@@ -27,17 +27,17 @@ class Descriptor {
   int descriptor_ = -1;
 };
 
-/// Takes a descriptor that was just opened and sees to it that it is not 0, 1
-/// or 2. In a process that was started without them it could be, and would then
-/// be read as the request's body or written to as its answer.
+/// Returns a descriptor above 2 for one that was just opened. In a process
+/// started without standard descriptors it could be 0, 1 or 2, and would be
+/// read as the request's body or written to as its answer.
 ///
-/// A negative @p fresh gives no descriptor; errno is kept.
+/// A negative @p fresh gives no descriptor and keeps errno.
 Descriptor MoveAboveStdio(int fresh);
 
 /// Throws a tov_err::Error: "<context>: <the system's reason>".
 [[noreturn]] void ThrowSystemError(const std::string& context, int error);
 
-/// Repeats a system call for as long as a signal interrupts it.
+/// Retries a system call while a signal interrupts it.
 template <class Call>
 auto RetryInterrupted(Call call) {
   for (;;) {

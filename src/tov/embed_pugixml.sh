@@ -1,22 +1,22 @@
 #!/bin/sh
-# Makes one object of our XML code and of the pugixml that it rests on.
+# Joins our XML code and the pugixml that it uses into one object file.
 #
 #   embed_pugixml.sh OUTPUT XML_OBJECT PUGIXML_ARCHIVE
 #
 # The tools are AR, LD, NM and OBJCOPY from the environment.
 #
-# pugixml becomes private: a front end may have another one of its own. And what
-# it has beside its parser and XPath goes, as each start of a front end would
-# pay for it:
-# - Reading and writing of streams and files is never called here. It would
-#   bring all of the standard library's streams and locales into a front end
-#   that is linked from archives, and more symbols to look up into the others.
+# pugixml's symbols become local, because a front end may link a pugixml of its
+# own. The parts that are not needed for parsing and XPath are removed, because
+# they would slow down each start of a front end:
+# - Reading and writing of streams and files is never called here. It would pull
+#   the standard library's streams and locales into a front end that is linked
+#   from archives, and would add symbols to look up to the others.
 # - Its one static object, an empty set of nodes, serves XPath variables of the
-#   wrong type. We have no variables.
+#   wrong type. We use no variables.
 #
-# Its groups of sections that are linked only once are dissolved, too. A linker
-# goes by the name of such a group alone: it would keep either ours or those of
-# the front end's pugixml, and the other one would lack them.
+# Section groups that the linker would link only once (COMDAT) are dissolved,
+# too. A linker compares such groups by name alone: it would keep either ours or
+# the front end's, and the other pugixml would lack its code.
 set -eu
 
 output=$1
@@ -37,7 +37,7 @@ fi
 "$OBJCOPY" --remove-section=.init_array --remove-section=.rela.init_array \
   "$pugixml"
 
-# std::istream, std::ostream and their wide kin, std::wstring, and stdio.
+# std::istream, std::ostream and their wide variants, std::wstring, and stdio.
 unused=$(echo "$symbols" | sed -n -E 's/^ +U //p' | grep -E \
   '^_ZN(S[io]|St13basic_[io]streamIw|St9basic_iosI|St7__cxx1112basic_stringIw)|^f(close|error|flush|open|read|seek|tell|write)$') || {
   echo "embed_pugixml.sh: this pugixml has no streams to take out" >&2

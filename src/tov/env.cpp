@@ -9,7 +9,8 @@
 namespace tov_env {
 
 std::string GetEnv(const std::string& name) {
-  // getenv(3) would take the name up to a zero byte, or find "A=B" in "A=B=C".
+  // getenv(3) would cut the name at a zero byte, and would find "A=B" in
+  // "A=B=C".
   if (name.find_first_of(std::string_view("=\0", 2)) != std::string::npos) {
     return {};
   }

@@ -1,8 +1,8 @@
 /// @file
 /// The environment of the process (POSIX, environ).
 ///
-/// Reading is as safe among threads as getenv(3): nothing may change the
-/// environment meanwhile.
+/// Reading is as thread-safe as getenv(3): no other thread may change the
+/// environment at the same time.
 #ifndef TOV_ENV_H
 #define TOV_ENV_H
 
@@ -19,8 +19,8 @@ TOV_API std::string GetEnv(const std::string& name);
 /// Replaces the contents of @p variables by the whole environment, name to
 /// value.
 ///
-/// Of a name that occurs twice the first entry counts, as for getenv(3). An
-/// entry without a name or without "=" is skipped.
+/// If a name occurs twice, the first entry counts, as with getenv(3). Entries
+/// without a name or "=" are skipped.
 TOV_API void GetAllEnvs(std::map<std::string, std::string>& variables);
 
 }  // namespace tov_env

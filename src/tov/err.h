@@ -12,8 +12,8 @@ namespace tov_err {
 
 /// Base of all errors that the base library reports.
 ///
-/// what() is one sentence that names the value or path concerned and, where
-/// the system refused something, the system's reason.
+/// what() is one sentence that names the value or path concerned and, if a
+/// system call failed, the system's reason.
 class TOV_API Error : public std::runtime_error {
  public:
   /// @param message  what what() returns
@@ -40,11 +40,11 @@ class TOV_API Value : public Error {
   ~Value() override;
 };
 
-/// A required value that is not there.
+/// A required value that is missing.
 class TOV_API Missed : public Error {
  public:
   /// @param name   what the value is for
-  /// @param value  more about what was looked for; may be empty
+  /// @param value  what was looked for; may be empty
   Missed(const std::string& name, const std::string& value);
   /// Copies the message.
   /// @{
@@ -54,7 +54,7 @@ class TOV_API Missed : public Error {
   ~Missed() override;
 };
 
-/// A violated precondition: a mistake in the calling program.
+/// A violated precondition: an error in the calling program.
 class TOV_API AssertError : public Error {
  public:
   /// @param message  what what() returns
@@ -66,7 +66,7 @@ class TOV_API AssertError : public Error {
   /// @}
   ~AssertError() override;
 
-  /// Throws an AssertError that names the message and the place.
+  /// Throws an AssertError that gives the message and the source location.
   static void Raise(const char* file, int line, const char* function,
                     const std::string& message);
 };

@@ -36,13 +36,13 @@ bool MeansMissing(int error) { return error == ENOENT || error == ENOTDIR; }
 }
 
 Descriptor Open(const std::string& path, int flags) {
-  // No file is made. Without a mode, hardening would call something else in
-  // place of open(2), and tests could not stand in for it.
+  // O_CREAT is never set. The mode is passed because without it a hardened C
+  // library calls another function than open(2), which tests could not replace.
   return MoveAboveStdio(RetryInterrupted(
       [&] { return ::open(path.c_str(), flags | O_CLOEXEC, 0); }));
 }
 
-/// Opens the file itself: never what a link points to, never waiting for the
+/// Opens the file itself. Never follows a symbolic link and never waits for the
 /// other end of a FIFO.
 Descriptor OpenNoFollow(const std::string& path) {
   return Open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
@@ -54,7 +54,7 @@ struct stat StatusOf(int descriptor, const std::string& path) {
   return status;
 }
 
-/// fchmod(2), also for a descriptor that was opened with O_PATH.
+/// fchmod(2) that also works for a descriptor opened with O_PATH.
 int ChangeMode(int descriptor, mode_t mode) {
   const int result = ::fchmod(descriptor, mode);
   if (result == 0 || errno != EBADF) return result;
@@ -66,8 +66,8 @@ bool SameFile(const struct stat& left, const struct stat& right) {
   return left.st_dev == right.st_dev && left.st_ino == right.st_ino;
 }
 
-/// Makes a new file beside or at @p pattern, whose end is replaced. Where it
-/// returns no descriptor, it leaves no file.
+/// Creates a new file. @p pattern ends in kRandomPart, which is replaced. If no
+/// descriptor is returned, no file is left.
 Descriptor MakeUnique(std::string& pattern) {
   const int made = ::mkostemp(pattern.data(), O_CLOEXEC);
   Descriptor file = MoveAboveStdio(made);
@@ -79,7 +79,8 @@ Descriptor MakeUnique(std::string& pattern) {
   return file;
 }
 
-/// A name that no file has yet, when one cannot be made to prove it.
+/// Fills in a random name for when no file can be created. The name is most
+/// probably free.
 void FillRandomPart(std::string& pattern) {
   constexpr char kLetters[] = "abcdefghijklmnopqrstuvwxyz0123456789";
   unsigned char random[kRandomSize] = {};
@@ -90,14 +91,15 @@ void FillRandomPart(std::string& pattern) {
   }
 }
 
-/// Renames without replacing anything. Returns 0 or the error.
+/// Renames a file without replacing another one. Returns 0 or the error.
 int RenameNoReplace(const std::string& from, const std::string& to) {
   if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(),
                   RENAME_NOREPLACE) == 0) {
     return 0;
   }
   if (errno != EINVAL && errno != ENOSYS) return errno;
-  // A file system that cannot promise it: a link is never made onto a file.
+  // The file system has no RENAME_NOREPLACE. link(2) never replaces a file
+  // either.
   if (::link(from.c_str(), to.c_str()) != 0) return errno;
   if (::unlink(from.c_str()) == 0) return 0;
   const int error = errno;
@@ -115,8 +117,8 @@ void WriteWhole(int target, const char* bytes, std::size_t size,
   }
 }
 
-/// Copies exactly this many bytes. Not to the end of the file: its owner could
-/// have it grow as fast as it is read, or shorten it.
+/// Copies exactly this many bytes, not up to the end of the file: its owner
+/// could append to it as fast as it is read, or truncate it.
 void CopyBytes(int source, const std::string& from, int target,
                const std::string& to, std::uintmax_t size) {
   constexpr std::uintmax_t kPiece = 65536;
@@ -139,7 +141,7 @@ void CopyBytes(int source, const std::string& from, int target,
   ThrowSystemError("cannot move '" + from + "' to '" + to + "'", error);
 }
 
-/// A file that is to be moved, opened.
+/// An open file that is to be moved.
 struct Source {
   std::string path;
   Descriptor file;
@@ -150,7 +152,7 @@ Source OpenSource(const std::string& path, const struct stat& expected) {
   Descriptor file = OpenNoFollow(path);
   if (!file) ThrowFor("cannot open", path, errno);
   const struct stat opened = StatusOf(file.Get(), path);
-  // The owner of the file may have put another one in its place.
+  // The file's owner may have replaced it.
   if (!SameFile(opened, expected) || !S_ISREG(opened.st_mode)) {
     throw tov_err::Error("'" + path + "' was replaced while it was moved");
   }
@@ -164,19 +166,19 @@ void CopyWithAttributes(const Source& source, int target,
   if (::fchown(target, source.status.st_uid, source.status.st_gid) != 0) {
     ThrowFor("cannot set the owner of", to, errno);
   }
-  // Somebody may have put a hard link to a set-id program of another owner in
-  // the source's place. A copy would outlive the removal of that program.
+  // The source may have been replaced by a hard link to another user's set-id
+  // program. A copy would outlive the removal of that program.
   constexpr mode_t kSetId = S_ISUID | S_ISGID;
   if (::fchmod(target, source.status.st_mode & kPermissionBits & ~kSetId) !=
       0) {
     ThrowFor("cannot set the permissions of", to, errno);
   }
-  // A full disk may show only here; the source must still be there then.
+  // A full disk may be reported only here, while the source must still exist.
   if (::fsync(target) != 0) ThrowFor("cannot write", to, errno);
 }
 
-/// Makes a file without a name, which is gone when the process is killed. Not
-/// every file system has such files.
+/// Creates a file without a name, which disappears if the process is killed.
+/// Not every file system supports this.
 Descriptor MakeUnnamed(const std::string& folder) {
   const std::string path = folder.empty() ? "." : folder;
   return MoveAboveStdio(RetryInterrupted([&] {
@@ -184,10 +186,10 @@ Descriptor MakeUnnamed(const std::string& folder) {
   }));
 }
 
-/// Gives such a file a name, unless there is a file of that name. Returns 0 or
+/// Links an unnamed file under a name, unless that name exists. Returns 0 or
 /// the error.
 int LinkUnnamed(int file, const std::string& to) {
-  // By the descriptor alone: that needs no /proc, but a capability.
+  // This needs no /proc, but it needs a capability.
   if (::linkat(file, "", AT_FDCWD, to.c_str(), AT_EMPTY_PATH) == 0) return 0;
   const std::string path = "/proc/self/fd/" + std::to_string(file);
   return ::linkat(AT_FDCWD, path.c_str(), AT_FDCWD, to.c_str(),
@@ -196,7 +198,7 @@ int LinkUnnamed(int file, const std::string& to) {
              : errno;
 }
 
-/// Copies by way of a file without a name. Returns whether that can be done.
+/// Copies through an unnamed file. Returns false if that is not possible.
 bool CopyUnnamed(const Source& source, const std::string& to) {
   const Descriptor copy = MakeUnnamed(SplitPath(to).first);
   if (!copy) return false;
@@ -206,8 +208,8 @@ bool CopyUnnamed(const Source& source, const std::string& to) {
   return error == 0;
 }
 
-/// A file beside its final place that vanishes unless it is moved there, but
-/// stays when the process is killed.
+/// A temporary file in the destination folder. It is removed unless it is
+/// published, but remains if the process is killed.
 class TempSibling {
  public:
   explicit TempSibling(const std::string& beside)
@@ -224,8 +226,8 @@ class TempSibling {
 
   int Get() const { return file_.Get(); }
 
-  /// Gives it its final name, unless there is a file of that name. Returns 0 or
-  /// the error.
+  /// Renames it to its final name, unless that name exists. Returns 0 or the
+  /// error.
   int PublishAs(const std::string& to) {
     const int error = RenameNoReplace(path_, to);
     published_ = error == 0;
@@ -245,7 +247,7 @@ void CopyNamed(const Source& source, const std::string& to) {
   if (error != 0) ThrowForMove(source.path, to, error);
 }
 
-/// Removes the source of a copy, unless another file has taken its place.
+/// Removes the source of a copy, unless it has been replaced by another file.
 void RemoveSource(const std::string& from, const struct stat& copied) {
   struct stat now {};
   if (::lstat(from.c_str(), &now) != 0) {
@@ -257,8 +259,8 @@ void RemoveSource(const std::string& from, const struct stat& copied) {
 
 void CopyAcross(const std::string& from, const std::string& to,
                 const struct stat& expected) {
-  // If the first cannot be done, for whatever reason, the second is tried and
-  // reports what is wrong.
+  // If an unnamed file does not work for any reason, the named one is tried,
+  // and its error is the one reported.
   if (!CopyUnnamed(OpenSource(from, expected), to)) {
     CopyNamed(OpenSource(from, expected), to);
   }
@@ -270,7 +272,7 @@ void CopyAcross(const std::string& from, const std::string& to,
   }
 }
 
-/// What realpath(3) makes of a path; empty, with errno set, when it fails.
+/// Returns the result of realpath(3); empty, with errno set, on failure.
 std::string RealPathOfExisting(const std::string& path) {
   char* real = ::realpath(path.c_str(), nullptr);
   if (real == nullptr) return {};
@@ -278,7 +280,7 @@ std::string RealPathOfExisting(const std::string& path) {
   return real;
 }
 
-/// Goes on from a real path by components as they are written.
+/// Appends components to a real path without resolving links.
 std::string FollowAsWritten(std::string real, const std::string& components) {
   for (std::size_t at = 0; at < components.size();) {
     const std::size_t end =
@@ -294,9 +296,8 @@ std::string FollowAsWritten(std::string real, const std::string& components) {
   return real;
 }
 
-/// For a path of which a part does not exist. Not by the standard library,
-/// whose paths bring all its locales into a front end that is linked from
-/// archives.
+/// Resolves a path whose last components do not exist. std::filesystem would
+/// pull all locales into a front end that is linked from archives.
 std::string RealPathOfMissing(const std::string& path) {
   for (std::size_t end = path.size(); end > 0;) {
     const std::size_t slash = path.rfind('/', end - 1);
@@ -334,7 +335,7 @@ std::pair<std::string, std::string> SplitPath(const std::string& path) {
 std::string ConcatPath(const std::string& folder, const std::string& name) {
   if (folder.empty()) return name;
   if (name.empty()) return folder;
-  // Nothing is left of a folder or name that consists of slashes.
+  // A folder or name that consists of slashes only contributes nothing.
   const std::size_t folder_size = folder.find_last_not_of('/') + 1;
   const std::size_t name_begin = name.find_first_not_of('/');
   std::string path = folder.substr(0, folder_size) + "/";
@@ -374,7 +375,8 @@ Attrs::Attrs(int mode, unsigned owner, unsigned group)
 
 void Attrs::SafeSet(const std::string& path, bool must_exist) const {
   Descriptor file = OpenNoFollow(path);
-  // An owner may be allowed to change a file that it may not read.
+  // The owner may change the attributes of a file without permission to read
+  // it.
   if (!file && errno == EACCES) file = Open(path, O_PATH | O_NOFOLLOW);
   if (!file) {
     if (MeansMissing(errno) && !must_exist) return;
@@ -382,8 +384,8 @@ void Attrs::SafeSet(const std::string& path, bool must_exist) const {
   }
   const struct stat status = StatusOf(file.Get(), path);
   if (S_ISLNK(status.st_mode)) ThrowFor("cannot open", path, ELOOP);
-  // One of the names may be somebody's hard link to a file of another owner,
-  // made in a folder in which anybody may write.
+  // In a folder where anybody may write, the path may be a hard link that
+  // somebody made to another user's file.
   if (sets_owner_ && S_ISREG(status.st_mode) && status.st_nlink > 1) {
     throw tov_err::Error("cannot give '" + path +
                          "' away: it has more than one name");
@@ -392,7 +394,7 @@ void Attrs::SafeSet(const std::string& path, bool must_exist) const {
 }
 
 void Attrs::Apply(int descriptor, const std::string& path) const {
-  // The owner first: a change of owner takes set-id bits away.
+  // The owner comes first, because changing it clears the set-id bits.
   if (sets_owner_ &&
       ::fchownat(descriptor, "", owner_, group_, AT_EMPTY_PATH) != 0) {
     ThrowFor("cannot set the owner of", path, errno);

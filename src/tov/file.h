@@ -1,9 +1,9 @@
 /// @file
 /// Files and paths.
 ///
-/// A failure is reported as a tov_err::Error that names the path and the
-/// system's reason. No descriptor opened here is 0, 1 or 2, is inherited by
-/// another program, or stays open after the call.
+/// Failures throw a tov_err::Error with the path and the system's reason.
+/// Descriptors opened here are never 0, 1 or 2, are not inherited by other
+/// programs, and are closed when the call returns.
 #ifndef TOV_FILE_H
 #define TOV_FILE_H
 
@@ -16,41 +16,41 @@
 
 namespace tov_file {
 
-/// Returns whether something exists at @p path, links followed. A path that
-/// leads through a file does not exist.
-/// @throws tov_err::Error when that cannot be found out
+/// Returns whether something exists at @p path, following links. A path that
+/// goes through a regular file does not exist.
+/// @throws tov_err::Error when the system cannot answer
 TOV_API bool Exists(const std::string& path);
 
 /// Removes a file. A missing one is not an error.
-/// @throws tov_err::Error on every other failure; a directory is one
+/// @throws tov_err::Error on every other failure, a directory included
 TOV_API void RemoveFile(const std::string& path);
 
 /// Splits a path at its last "/" into folder and last component. Without a
 /// "/" the folder is empty; the folder of "/x" is "/".
 TOV_API std::pair<std::string, std::string> SplitPath(const std::string& path);
 
-/// Joins a folder and a name with one "/", whatever number of them stands at
-/// the joint. An empty operand yields the other one as it is.
+/// Joins a folder and a name with exactly one "/", whatever slashes are at the
+/// joint. If one operand is empty, returns the other unchanged.
 TOV_API std::string ConcatPath(const std::string& folder,
                                const std::string& name);
 
 /// Returns the absolute path without ".", ".." and symbolic links.
 ///
-/// Components that do not exist are taken as they are written.
-/// @throws tov_err::Error for a loop of links or a folder that may not be
-///   searched
+/// Components that do not exist are kept as written.
+/// @throws tov_err::Error for a loop of links, or for a folder without search
+///   permission
 TOV_API std::string RealPath(const std::string& path);
 
-/// What is known of a file at one moment.
+/// The type of a file when the object was made.
 class TOV_API Info {
  public:
   /// @param path      the file
-  /// @param own_link  whether a symbolic link is described itself rather than
-  ///                  what it points to
+  /// @param own_link  whether to describe a symbolic link itself and not its
+  ///   target
   /// @throws tov_err::Error when there is no such file
   Info(const std::string& path, bool own_link);
 
-  /// Says whether it is a directory.
+  /// Returns whether it is a directory.
   bool IsDir() const;
 
  private:
@@ -60,18 +60,18 @@ class TOV_API Info {
 /// Permissions and, optionally, owner and group of a file.
 class TOV_API Attrs {
  public:
-  /// Permissions only; setting them leaves owner and group alone.
+  /// Sets permissions only; owner and group stay unchanged.
   explicit Attrs(int mode);
-  /// Permissions, owner and group.
+  /// Sets permissions, owner and group.
   Attrs(int mode, unsigned owner, unsigned group);
 
-  /// Gives the file these attributes, the owner before the mode.
+  /// Sets the file's attributes, the owner before the mode.
   ///
-  /// Works on the file itself, never on what a symbolic link at @p path points
-  /// to: a link is an error. So is a file of several names (hard links) when
-  /// the owner is to be set. A missing file is not.
-  /// @param path       the file
-  /// @param must_exist  whether a missing file is an error after all
+  /// Acts on the file itself: a symbolic link at @p path is an error and is not
+  /// followed. If the owner is to be set, a file with several names (hard
+  /// links) is an error, too.
+  /// @param path        the file
+  /// @param must_exist  whether a missing file is an error
   /// @throws tov_err::Error on failure
   void SafeSet(const std::string& path, bool must_exist) const;
 
@@ -86,38 +86,39 @@ class TOV_API Attrs {
   gid_t group_;
 };
 
-/// Makes a directory, with mode 0700 and owned by the caller when @p attrs is
-/// null.
+/// Makes a directory. If @p attrs is null, its mode is 0700 and it belongs to
+/// the caller.
 ///
-/// An existing directory is not an error and is left as it is. Missing parents
+/// An existing directory is not an error and stays unchanged. Missing parents
 /// are not made.
-/// @throws tov_err::Error on failure; something other than a directory at
-///   @p path, a dangling link included, is one
+/// @throws tov_err::Error on failure, also when @p path exists and is no
+///   directory, such as a dangling link
 TOV_API void MkDir(const std::string& path, const Attrs* attrs);
 
-/// Moves a regular file, across file systems too.
+/// Moves a regular file, also to another file system.
 ///
-/// Mode and owner are kept, but what is copied to another file system loses its
-/// set-user-id and set-group-id bits. Nothing existing is ever replaced and no
-/// symbolic link is followed at either end. A file never stands half under its
-/// final name, and after a failure the source is still there.
+/// Mode and owner are kept, but a copy to another file system loses its
+/// set-user-id and set-group-id bits. Never replaces an existing file and never
+/// follows a symbolic link at either end. A partial file never appears under
+/// the final name, and after a failure the source still exists.
 ///
-/// A process that is killed while it copies leaves nothing of the copy if the
-/// target's file system has unnamed files (open(2), O_TMPFILE). On others it
-/// leaves a file ".tov-XXXXXX" beside @p to, with six other characters in place
-/// of the X.
+/// If the process is killed while it copies, nothing of the copy remains if the
+/// target's file system supports unnamed files (open(2), O_TMPFILE). Otherwise
+/// a file ".tov-XXXXXX" remains beside @p to, with six other characters for the
+/// X.
 /// @throws tov_err::Error on failure; an existing @p to is one
 TOV_API void Move(const std::string& from, const std::string& to);
 
-/// A new, empty file with a name of its own, mode 0600. The file outlives the
+/// A new, empty file with a unique name and mode 0600. The file outlives the
 /// object.
 class TOV_API Tmp {
  public:
   /// Makes the file.
   ///
-  /// When it cannot be made there is still a fresh name, and the user's own
-  /// attempt to open it reports the failure.
-  /// @param prefix  folder and beginning of the name; six characters follow
+  /// If the file cannot be made, Name() still returns an unused name, and the
+  /// caller's own attempt to open it reports the failure.
+  /// @param prefix  folder and beginning of the name; six characters are
+  ///   appended
   explicit Tmp(const std::string& prefix);
 
   /// Returns the path of the file.

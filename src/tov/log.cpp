@@ -31,20 +31,21 @@ using tov_internal::kMostPerFormat;
 using tov_internal::RetryInterrupted;
 using tov_internal::UsedFormat;
 
-/// Above every level, so that the first Check of the process passes the
-/// comparison and finds that nothing is set up yet.
+/// Higher than every level, so that the first Check of the process passes the
+/// comparison and initializes the log.
 constexpr int kNotSetUp = INT32_MAX;
 constexpr int kDefaultThreshold = Warning;
-/// Messages above it are written only where somebody has asked for them.
+/// Higher levels are not limited: they are only written if an administrator
+/// enables them.
 constexpr int kLastLimitedLevel = Warning;
 
-/// Not more than PIPE_BUF, so that a pipe takes a line whole or not at all.
+/// At most PIPE_BUF, so that a write to a pipe is atomic.
 constexpr std::size_t kLineSize = 4096;
 constexpr int kMostWaitingMs = 1000;
 
 std::atomic<int> threshold{kNotSetUp};
 
-/// errno as it was, for the program that only wanted to log.
+/// Restores errno, which a call to the log must not change.
 class ScopedErrno {
  public:
   ScopedErrno() : error_(errno) {}
@@ -56,14 +57,14 @@ class ScopedErrno {
   int error_;
 };
 
-/// A line under construction, in the caller's memory.
+/// A line under construction, in memory of the caller.
 class Line {
  public:
   void Append(std::string_view text) {
     for (const char byte : text) AppendByte(byte);
   }
 
-  /// Adds text as it is, which must fit.
+  /// Appends text without escaping it. The text must fit.
   void AppendOwn(std::string_view text) { Put(text); }
 
   std::string_view Finish() {
@@ -88,7 +89,7 @@ class Line {
     if (!cut_) Put(written);
   }
 
-  /// Ends the line where there was still room to say so.
+  /// Truncates the line where the cut mark still fits.
   void Cut() {
     size_ = last_place_to_cut_;
     cut_ = true;
@@ -108,10 +109,11 @@ class Line {
   bool cut_ = false;
 };
 
-/// What is unseen is open, but nobody has looked yet what it is.
+/// Unseen: the descriptor is open, but its type is not known yet.
 enum class Kind { None, Unseen, Syslog, File, Stream, Socket };
 
-/// Where lines go; opened once, then left open until the process ends.
+/// The destination of the lines. It is opened once and stays open until the
+/// process ends.
 struct Target {
   Kind kind = Kind::None;
   int descriptor = -1;
@@ -139,8 +141,8 @@ Target OpenSyslog() {
 }
 
 Target OpenFile(const char* path) {
-  // Without O_NONBLOCK a FIFO that nobody reads would block for ever. A
-  // terminal that is opened for writing only does not become the process's own.
+  // Without O_NONBLOCK a FIFO without a reader would block. O_WRONLY keeps a
+  // terminal from becoming the controlling one.
   Descriptor file = tov_internal::MoveAboveStdio(::open(
       path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
       0640));
@@ -159,9 +161,9 @@ Target OpenTarget() {
     target = OpenFile(wanted);
   }
   if (target.kind != Kind::None) return target;
-  // A process may be started without standard error: what is opened as
-  // descriptor 2 later is not ours to write to. What it is can wait until there
-  // is a line, since most requests have none.
+  // If the process was started without standard error, a file opened later as
+  // descriptor 2 must not be written to. Its type is determined with the first
+  // line, because most requests write none.
   const bool is_open = ::fcntl(STDERR_FILENO, F_GETFD) >= 0;
   return {is_open ? Kind::Unseen : Kind::None, STDERR_FILENO};
 }
@@ -211,15 +213,15 @@ bool WaitForRoom(int descriptor, std::int64_t milliseconds) {
         std::max<std::int64_t>(end - MillisecondsNow(), 0);
     pollfd room{descriptor, POLLOUT, 0};
     const timespec limit{left / 1000, left % 1000 * 1'000'000};
-    // Not by poll(2), which tests of the product replace.
+    // Not poll(2): tests of zancgi replace it.
     const int ready = ::ppoll(&room, 1, &limit, nullptr);
     if (ready > 0) return (room.revents & POLLNVAL) == 0;
     if (ready == 0 || errno != EINTR || left == 0) return false;
   }
 }
 
-/// Waits until the reader has made room. The limit is for the whole process, so
-/// that a dead or slow reader cannot slow down every line.
+/// Waits until the target can take a line. The time limit applies to the whole
+/// process, so that a dead or slow reader cannot delay every line.
 bool HasRoom(int descriptor) {
   static std::atomic<std::int64_t> left_ms{kMostWaitingMs};
   if (WaitForRoom(descriptor, 0)) return true;
@@ -242,8 +244,8 @@ void Deliver(const Target& target, std::string_view line) {
   });
 }
 
-/// The time as in RFC 3339, by arithmetic alone. The C library would first read
-/// the time zone, from a root directory that may be somebody else's by now.
+/// Appends the time as in RFC 3339. The C library's functions would read the
+/// time zone first, from a root directory that may belong to an account by now.
 void AppendTime(Line& line) {
   namespace chrono = std::chrono;
   const auto now = chrono::floor<chrono::seconds>(chrono::system_clock::now());
@@ -260,7 +262,7 @@ void AppendTime(Line& line) {
   line.AppendOwn({text, static_cast<std::size_t>(size)});
 }
 
-/// RFC 3164 section 4.1.1, as local system loggers take it.
+/// The priority of RFC 3164 section 4.1.1, which local system loggers expect.
 void AppendPriority(Line& line, Level level) {
   constexpr int kDaemon = 3;
   char text[sizeof("<255>")];
@@ -277,7 +279,7 @@ void AppendProcess(Line& line) {
 
 void AppendMessage(Line& line, const char* format, va_list arguments) {
   char message[kLineSize];
-  // All callers have begun it, which Clang does not see through so many calls.
+  // All callers have called va_start, which Clang cannot see through the calls.
   // NOLINTBEGIN(clang-analyzer-valist.Uninitialized)
   const int length =
       std::vsnprintf(message, sizeof(message), format, arguments);
@@ -286,7 +288,8 @@ void AppendMessage(Line& line, const char* format, va_list arguments) {
     line.Append(format);
     return;
   }
-  // What does not fit here does not fit into the line either, which says so.
+  // Text that does not fit here does not fit in the line either, which is then
+  // marked as cut.
   const auto size = static_cast<std::size_t>(length);
   line.Append({message, std::min(size, sizeof(message) - 1)});
 }
@@ -330,9 +333,9 @@ void AnnounceDropping(const UsedFormat& used) {
 
 std::atomic<bool> will_report{false};
 
-/// At the end of the process, or when the library is unloaded.
+/// Runs when the process ends or the library is unloaded.
 void ReportDropped() {
-  // What is dropped even later has itself reported once more.
+  // Messages dropped after this are reported by another call.
   will_report = false;
   tov_internal::ReportDropped([](const UsedFormat& used) {
     WriteAbout(used, "messages dropped: %lu of \"%s\"", used.dropped,

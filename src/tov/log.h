@@ -3,27 +3,29 @@
 ///
 /// Two environment variables of the process set it up:
 ///
-/// - `TOV_LOG_LEVEL`: 0 to 9; a message is written when its level is at most
-///   this one. 4 when unset or not a number; beyond 9 counts as 9.
-/// - `TOV_LOG`: "stderr" (also when unset or empty), "syslog", or the path of a
-///   file, which is made with mode 0640 and appended to. A target that cannot
-///   be opened is replaced by standard error.
+/// - `TOV_LOG_LEVEL`: 0 to 9; a message is written if its level is at most this
+///   value. The default is 4, also for a value that is not a number. Values
+///   above 9 count as 9.
+/// - `TOV_LOG`: "stderr" (the default, also when empty), "syslog", or the path
+///   of a file. The file is created with mode 0640, and lines are appended to
+///   it. If the target cannot be opened, standard error is used.
 ///
-/// Of the levels up to Warning at most 100 messages of one format are written
-/// in one process, so that a client cannot fill the log. The next one is
+/// At most 100 messages with the same format are written by one process at the
+/// levels up to Warning, so that a client cannot fill the log. The next one is
 /// replaced by the line `further messages are dropped after 100 of "<format>"`.
-/// When the process ends by exit(3), or the library is unloaded, the line
+/// When the process ends with exit(3), or the library is unloaded, the line
 /// `messages dropped: <number> of "<format>"` follows, and again if a later
-/// handler of the exit logs more of them. Both lines have the name, part and
-/// level of the first message that was dropped. Formats are compared by their
-/// text, of which the first 175 bytes count; from the 32nd format on, all
-/// further ones are counted and reported together as "(other formats)". A child
-/// process counts for itself. A message that a signal handler or another thread
-/// writes while one is being counted is not counted.
+/// exit handler logs more of them. Both lines have the name, part and level of
+/// the first message that was dropped. Formats are compared by their first 175
+/// bytes. From the 32nd format on, all further ones are counted and reported
+/// together as "(other formats)". A child process has counters of its own. A
+/// message from a signal handler or another thread that arrives while another
+/// message is being counted is not counted.
 ///
 /// Both variables are read, and the target is opened, at the first
-/// Module::Check or Module::Write of the process and never again: a later
-/// moment could be inside the home of an account, still as root.
+/// Module::Check or Module::Write of the process and never again. Later, the
+/// process could be root inside an account's home, which must not choose the
+/// target.
 #ifndef TOV_LOG_H
 #define TOV_LOG_H
 
@@ -31,8 +33,8 @@
 
 namespace tov_log {
 
-/// How much a message matters; 0 matters most. The first seven are syslog's
-/// (RFC 5424, table 2).
+/// How important a message is; 0 is the most important. The first seven are
+/// syslog's (RFC 5424, table 2).
 enum Level : int {
   Emergency = 0,
   Alert = 1,
@@ -53,20 +55,20 @@ class TOV_API Module {
   /// @param group  name of a part of it; not copied
   Module(const char* name, const char* group);
 
-  /// Says whether a message of this level would be written. Costs a load and
-  /// a comparison.
+  /// Returns whether a message of this level would be written. Costs one load
+  /// and one comparison.
   bool Check(Level level);
 
-  /// Writes a message made as by printf(3), whatever its level, unless too many
-  /// of its format were written before.
+  /// Writes a message formatted as by printf(3), whatever its level, unless the
+  /// limit for its format is reached.
   ///
   /// The line is "name[process id] group level: message", at most 4096 bytes
-  /// with its line end; a longer one is cut and ends in "...". A file also
-  /// begins with the time (UTC). Control characters, line ends included, are
-  /// written as "\xNN", so that no message can forge another one. The line is
-  /// handed to the system in one piece. Neither throws, nor raises SIGPIPE,
-  /// nor waits for slow readers longer than one second in the whole process: a
-  /// line that cannot be written is dropped.
+  /// with its line end; a longer one is cut and ends in "...". In a file, the
+  /// time (UTC) comes first. Control characters, line ends included, are
+  /// written as "\xNN", so that one message cannot imitate another. Each line
+  /// is written with one system call. Never throws, never raises SIGPIPE, and
+  /// waits for slow readers at most one second in total per process: a line
+  /// that cannot be written is dropped.
   void Write(Level level, const char* format, ...)
       __attribute__((format(printf, 3, 4)));
 

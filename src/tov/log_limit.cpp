@@ -10,23 +10,22 @@
 namespace tov_internal {
 namespace {
 
-/// A program has few formats for what goes wrong.
+/// More than the number of different warnings in a program.
 constexpr std::size_t kFormats = 31;
 
-/// None until there is a message. As part of the library's own memory they
-/// would cost a page fault at each start: they would move other variables
-/// apart.
+/// Empty until the first message. A static array would move other variables
+/// apart and cost a page fault at each start.
 std::span<UsedFormat> formats;
 
-/// Counts all formats for which there is no room, such as generated texts.
+/// Counts all formats that have no entry, for example generated texts.
 UsedFormat others;
 constexpr char kOthers[] = "(other formats)";
 
 pid_t counting_process = 0;
 std::atomic_flag in_use;
 
-/// The table, for one user at a time. A second one does not wait: it may be a
-/// signal handler that has interrupted the first.
+/// Locks the table. Never waits: the second user may be a signal handler that
+/// has interrupted the first.
 class Table {
  public:
   Table() : is_ours_(!in_use.test_and_set(std::memory_order_acquire)) {}
@@ -42,7 +41,7 @@ class Table {
   bool is_ours_;
 };
 
-/// Forgets what the parent process has counted.
+/// Clears the counts of the parent process.
 void StartAgainInChild() {
   const pid_t process = ::getpid();
   if (process == counting_process) return;

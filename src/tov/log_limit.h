@@ -1,8 +1,8 @@
 /// @file
-/// Private: how often messages of one format are logged.
+/// Private: limits how often messages of one format are logged.
 ///
-/// A request can make a front end write a warning for every few bytes that it
-/// sends. The log must not grow as fast.
+/// A request can make a front end write a warning for every few bytes that the
+/// client sends. The log must not grow that fast.
 #ifndef TOV_LOG_LIMIT_H
 #define TOV_LOG_LIMIT_H
 
@@ -11,8 +11,8 @@ namespace tov_internal {
 /// At most this many messages of one format are logged in one process.
 constexpr unsigned kMostPerFormat = 100;
 
-/// What is kept of a format. The texts are copies: the library that they belong
-/// to may be unloaded before the process ends.
+/// The counters of one format. The texts are copies because the library that
+/// they belong to may be unloaded before the process ends.
 struct UsedFormat {
   /// The beginning of the format. Formats with the same beginning count as one.
   char text[176];
@@ -38,13 +38,13 @@ using Report = void (*)(const UsedFormat& used);
 /// Counts a message and returns whether it may be written. Calls @p announce
 /// for the first message of a format that may not.
 ///
-/// Never waits or throws, and takes no memory from the heap. A message that
-/// comes during another call, from a signal handler or another thread, may be
-/// written and is not counted. A child process starts again at 0.
+/// Never waits, throws or uses the heap. A message that arrives during another
+/// call, from a signal handler or another thread, may be written and is not
+/// counted. The counts of a child process begin at 0.
 bool MayWrite(const LimitedMessage& message, Report announce);
 
 /// Calls @p report for each format of which this process has dropped messages
-/// since the last time.
+/// since the last call.
 void ReportDropped(Report report);
 
 }  // namespace tov_internal

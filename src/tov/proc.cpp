@@ -16,7 +16,8 @@ void Sleep(unsigned milliseconds) {
     end.tv_nsec -= kNanosecondsPerSecond;
     ++end.tv_sec;
   }
-  // An absolute end, so that interruptions neither shorten nor lengthen it.
+  // The absolute end time keeps interruptions from shortening or lengthening
+  // the wait.
   while (::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) ==
          EINTR) {
   }

@@ -7,7 +7,7 @@
 
 namespace tov_proc {
 
-/// Waits for at least this long, whatever signals are handled meanwhile.
+/// Waits for at least this long, even if signals are handled meanwhile.
 TOV_API void Sleep(unsigned milliseconds);
 
 }  // namespace tov_proc

@@ -11,9 +11,9 @@
 namespace str {
 namespace {
 
-/// Not vertical tabs and form feeds: browsers take them for part of a cookie's
-/// name, so a page of another host could set one whose name is ours when
-/// trimmed.
+/// Vertical tabs and form feeds do not count: browsers take them for part of a
+/// cookie's name, so a page of another host could set a cookie whose trimmed
+/// name is ours.
 bool IsWhiteSpace(char byte) {
   return byte == ' ' || byte == '\t' || byte == '\r' || byte == '\n';
 }
@@ -24,21 +24,21 @@ std::string_view TrimView(std::string_view text) {
   return text;
 }
 
-/// Takes the first @p word bytes off the text, and what follows them up to
-/// @p taken.
+/// Removes the first @p taken bytes of the text and returns its first @p word
+/// bytes.
 std::string TakeFront(std::string& text, std::size_t word, std::size_t taken) {
   std::string front = text.substr(0, word);
   text.erase(0, taken);
   return front;
 }
 
-/// Takes all of the text, without a copy.
+/// Returns the whole text without copying it, and leaves it empty.
 std::string TakeAll(std::string& text) { return std::exchange(text, {}); }
 
 template <class Integer>
 Integer ParseInteger(const std::string& text) {
   std::string_view digits = TrimView(text);
-  // from_chars knows "-" but not "+".
+  // from_chars accepts "-" but not "+".
   if (digits.starts_with('+')) {
     digits.remove_prefix(1);
     if (digits.starts_with('-')) return 0;
