@@ -4,8 +4,8 @@
 
 #include <cstdlib>
 
-/// Stands for what pugixml would need of streams and files, see
-/// embed_pugixml.sh. Nothing here calls it.
+/// Replaces pugixml's calls of streams and files, see embed_pugixml.sh. It is
+/// never called.
 extern "C" [[noreturn]] __attribute__((visibility("hidden"), used)) void
 tov_internal_absent() {
   std::abort();
@@ -14,8 +14,8 @@ tov_internal_absent() {
 namespace tov_xml {
 namespace {
 
-/// pugixml takes several document elements, and ignores text around them; with
-/// parse_fragment it shows both, so that they can be refused.
+/// pugixml accepts several document elements and ignores text around them. With
+/// parse_fragment both are in the tree, so that they can be refused.
 bool HasOneElementAndNoText(const pugi::xml_document& document) {
   int elements = 0;
   for (const pugi::xml_node child : document.children()) {
@@ -57,11 +57,11 @@ Xml::~Xml() = default;
 void Xml::LoadFromString(const std::string& text) {
   pugi::xml_document& tree = document_->tree;
   tree.reset();
-  // pugixml would take a zero byte for the end of the text.
+  // pugixml would end the text at a zero byte.
   if (text.find('\0') != std::string::npos) return;
   const pugi::xml_parse_result result = tree.load_buffer(
       text.data(), text.size(), pugi::parse_default | pugi::parse_fragment);
-  // After an error pugixml keeps what it had parsed until then.
+  // After an error pugixml keeps what it has parsed so far.
   if (!result || !HasOneElementAndNoText(tree)) tree.reset();
 }
 

@@ -10,18 +10,18 @@
 
 namespace tov_xml {
 
-/// A node of an Xml document, or none. Valid while its document lives and is
-/// not loaded again.
+/// A node of an Xml document, or none. Valid until its document is destroyed or
+/// loaded again.
 class TOV_API XmlNode {
  public:
-  /// No node.
+  /// Makes an object without a node.
   XmlNode();
 
   /// Whether there is a node.
   operator bool() const;
 
-  /// Returns the value of an attribute; empty when the node has no such
-  /// attribute or there is no node.
+  /// Returns the value of an attribute; empty without such an attribute or
+  /// without a node.
   std::string GetProp(const char* name) const;
 
  private:
@@ -34,7 +34,7 @@ class TOV_API XmlNode {
 /// An XML document.
 class TOV_API Xml {
  public:
-  /// An empty document.
+  /// Makes an empty document.
   Xml();
   ~Xml();
   Xml(const Xml&) = delete;
@@ -42,16 +42,16 @@ class TOV_API Xml {
 
   /// Replaces the document by the one in @p text.
   ///
-  /// Text that is not one whole XML document leaves the document empty: an
-  /// answer that was cut in the middle must not count for its first half.
-  /// That is so for every parse error, for more than one document element, for
-  /// text outside of it, and for a zero byte anywhere (hence for UTF-16).
-  /// Entities that a document type declaration defines are not expanded.
+  /// Text that is not one complete XML document leaves the document empty, so
+  /// that a truncated answer is not mistaken for a whole one. This holds for
+  /// every parse error, for more than one document element, for text outside of
+  /// it, and for a zero byte anywhere (hence for UTF-16). Entities defined by a
+  /// document type declaration are not expanded.
   void LoadFromString(const std::string& text);
 
   /// Returns the first node, in document order, that an XPath expression
-  /// selects; no node when nothing matches, the expression does not compile,
-  /// or it does not select nodes.
+  /// selects. Returns no node if nothing matches, the expression does not
+  /// compile, or it does not select nodes.
   XmlNode GetNode(const std::string& xpath) const;
 
  private:

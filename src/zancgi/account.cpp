@@ -25,7 +25,7 @@
 #include "raw_array.h"
 #include "system_account.h"
 
-// Functions of the C library that none of its headers declares.
+// C library functions that no header declares.
 extern "C" {
 int capget(cap_user_header_t header, cap_user_data_t data) noexcept;
 int capset(cap_user_header_t header,
@@ -36,7 +36,7 @@ namespace zan_cgi {
 
 namespace {
 
-/// The user and the group that own nothing, by the kernel's own convention.
+/// The user and group id that own nothing, by the kernel's convention.
 constexpr unsigned kNobody = 65534;
 
 // Ids and groups.
@@ -57,17 +57,17 @@ struct Ids {
   unsigned each[kCount];
 };
 
-/// None when they cannot be had.
+/// Returns nothing if they cannot be read.
 std::optional<Ids> UserIds() {
   Ids ids{};
   auto& [real, effective, saved, file_system] = ids.each;
   if (::getresuid(&real, &effective, &saved) != 0) return std::nullopt;
-  // An id that nobody has changes nothing, and the answer is the present one.
+  // setfsuid(2) with an invalid id changes nothing and returns the current one.
   file_system = static_cast<unsigned>(::setfsuid(static_cast<uid_t>(-1)));
   return ids;
 }
 
-/// The same of groups.
+/// Like UserIds(), for groups.
 std::optional<Ids> GroupIds() {
   Ids ids{};
   auto& [real, effective, saved, file_system] = ids.each;
@@ -83,11 +83,11 @@ void SortWithoutRepetition(Groups& groups) {
   groups.erase(std::unique(groups.begin(), groups.end()), groups.end());
 }
 
-/// The supplementary groups of this process, read without taking memory, as
-/// there may be none when they matter most.
+/// The supplementary groups of this process. Reading them allocates no memory,
+/// because there may be none when the process must give up its rights.
 class SupplementaryGroups {
  public:
-  /// Returns false when they cannot be had.
+  /// Returns false if they cannot be read.
   bool Read() {
     count_ = ::getgroups(NGROUPS_MAX, groups_.data());
     if (count_ < 0) return false;
@@ -112,7 +112,7 @@ class SupplementaryGroups {
   int count_ = 0;
 };
 
-/// What a process may be: ids and groups.
+/// The ids and groups of a process.
 struct Identity {
   Ids users;
   Ids groups;
@@ -142,14 +142,14 @@ void RequireIdsOf(const Account& account) {
 
 // Capabilities.
 
-/// Which of a process's sets are not empty, ambient ones apart.
+/// Which capability sets of a process are not empty, except the ambient one.
 struct CapabilitySets {
   bool permitted = false;
   bool effective = false;
   bool inheritable = false;
 };
 
-/// None when they cannot be had.
+/// Returns nothing if they cannot be read.
 std::optional<CapabilitySets> ReadCapabilities() {
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
   __user_cap_data_struct halves[_LINUX_CAPABILITY_U32S_3] = {};
@@ -163,17 +163,17 @@ std::optional<CapabilitySets> ReadCapabilities() {
   return sets;
 }
 
-/// As many as there can be in a set.
+/// The largest number of capabilities in a set.
 constexpr unsigned long kCapabilities = _LINUX_CAPABILITY_U32S_3 * 32UL;
 
-/// Whether a capability is ambient; none when that cannot be had.
+/// Whether a capability is ambient; nothing if that cannot be read.
 std::optional<bool> HasAmbientCapability() {
   for (unsigned long capability = 0; capability < kCapabilities; ++capability) {
     const int is_set =
         ::prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_IS_SET, capability, 0UL, 0UL);
     if (is_set > 0) return true;
     if (is_set == 0) continue;
-    // The first that the kernel does not know.
+    // The kernel knows no capability with this number or a higher one.
     if (errno == EINVAL) return false;
     return std::nullopt;
   }
@@ -197,10 +197,10 @@ bool HasNoCapability() {
          HasAmbientCapability() == false;
 }
 
-// The way back to root.
+// Regaining root.
 
-/// Tries to take root's ids, or other groups. Returns the call by which it has
-/// worked; null when none has.
+/// Tries to become root again or to change groups. Returns the call that
+/// succeeded, or null if none did.
 const char* WayBack() {
   if (::setresuid(0, 0, 0) == 0) return "setresuid(2) to root succeeds";
   if (::setuid(0) == 0) return "setuid(2) to root succeeds";
@@ -224,7 +224,7 @@ struct Directory {
   friend bool operator==(const Directory&, const Directory&) = default;
 };
 
-/// None when it cannot be had.
+/// Returns nothing if it cannot be examined.
 std::optional<Directory> DirectoryAt(const std::string& path) {
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0) return std::nullopt;
@@ -239,8 +239,9 @@ void RequireRootDirectory(const Directory& home) {
   }
 }
 
-/// Also proves that a confined process has kept no directory outside: from
-/// there, no way up leads to the home.
+/// Walks up from the current directory to the home. This also proves that a
+/// confined process keeps no directory outside: from there no path up leads to
+/// the home.
 void RequireInside(const Directory& home) {
   std::string path = ".";
   std::optional<Directory> here = DirectoryAt(path);
@@ -256,11 +257,11 @@ void RequireInside(const Directory& home) {
 
 // Before the switch.
 
-/// What the databases say of an account that a process may become.
+/// Returns the account, unless a process must not become it.
 Account RequireAccount(const std::string& user) {
   if (user.empty()) throw AccountError("the user name is empty");
   const char* const unknown = "there is no account of this name";
-  // The databases would look for what stands before it.
+  // The C library would cut the name at a zero byte.
   if (user.find('\0') != std::string::npos) throw AccountError(unknown);
   Account account{};
   try {
@@ -288,8 +289,7 @@ Groups RequireGroups(const Account& account) {
 }
 
 Directory RequireHome(const Account& account) {
-  // What is asked for lies in it, so that a home that is mounted when it is
-  // used is mounted now.
+  // The path ends in "/." so that an automounted home is mounted now.
   const std::optional<Directory> home = DirectoryAt(account.home + "/.");
   if (!home) throw AccountError("the account's home folder cannot be entered");
   return *home;
@@ -306,19 +306,19 @@ Identity RequireIdentity(SupplementaryGroups& groups) {
   return {*users, *group_ids, groups.Copy()};
 }
 
-/// The directory as Cgi::Su() takes it. One that is confined is named from the
-/// new root: the current directory is still outside then.
+/// Returns the directory to pass to Cgi::Su(). A confined one is absolute, from
+/// the new root, because the current directory is then still outside.
 std::string DirectoryOf(const AccountOptions& options) {
   return options.confined ? "/" + options.directory : options.directory;
 }
 
-/// For a call whose result shows in what is examined after it.
+/// Ignores the result of a call whose effect is checked later.
 void Unchecked(int /*result*/) {}
 
 }  // namespace
 
-/// One switch, its proof, and what happens when either fails. Whatever needs
-/// memory for the last of these is made before the first.
+/// One switch, its proof, and the clean-up if either fails. The memory that the
+/// clean-up needs is allocated before the switch.
 class AccountSwitch {
  public:
   /// Changes nothing.
@@ -349,7 +349,7 @@ class AccountSwitch {
   }
 
  private:
-  /// An upload, and where it lay before the switch.
+  /// An upload and its path before the switch.
   struct Spooled {
     std::string client_name;
     std::string path;
@@ -388,8 +388,8 @@ class AccountSwitch {
       const bool is_gone = was_moved && options_.confined && !IsConfined()
                                ? RemoveFromHome(path)
                                : Remove(AT_FDCWD, path.c_str());
-      // Its place is nobody's concern any more. What is left stays recorded
-      // for the end of the request, which warns of it.
+      // An upload that is gone needs no path. One that remains stays recorded,
+      // so that the end of the request warns of it.
       if (is_gone) path.clear();
     }
   }
@@ -400,8 +400,8 @@ class AccountSwitch {
            root.st_ino == home_.inode;
   }
 
-  /// Of an upload that is recorded as seen from the new root, while the root
-  /// directory is still the old one.
+  /// Removes an upload whose recorded path already assumes the new root,
+  /// although the root directory has not changed.
   bool RemoveFromHome(const std::string& path) const noexcept {
     const int home =
         ::open(account_.home.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC, 0);
@@ -415,10 +415,9 @@ class AccountSwitch {
     return ::unlinkat(directory, path, 0) == 0 || errno == ENOENT;
   }
 
-  /// Ends the process when it keeps more than it may.
+  /// Ends the process unless it can give up all its rights.
   void GiveUpRights() noexcept {
-    // To be rid of an id of root that is only real or saved takes root's
-    // rights.
+    // Dropping a real or saved id of root requires root as the effective id.
     Unchecked(::seteuid(0));
     Unchecked(::setgroups(0, nullptr));
     Unchecked(::setresgid(kNobody, kNobody, kNobody));
@@ -429,8 +428,8 @@ class AccountSwitch {
     if (!HasNoRights()) std::abort();
   }
 
-  /// Whether the process is nobody, or the account, or the ordinary user that
-  /// it was, and can become nobody else.
+  /// Whether the process is nobody, the account, or the ordinary user that
+  /// started it, and can change to nothing else.
   bool HasNoRights() noexcept {
     const std::optional<Ids> users = UserIds();
     const std::optional<Ids> groups = GroupIds();
@@ -462,7 +461,7 @@ class AccountSwitch {
   const AccountOptions& options_;
   const std::string& user_;
   const std::string directory_;
-  SupplementaryGroups supplementary_;  ///< Of this process, when last read.
+  SupplementaryGroups supplementary_;  ///< As last read.
   const Account account_;
   const Groups groups_;
   const Directory home_;

@@ -27,7 +27,8 @@ bool HasOnlyDigits(std::string_view text) {
   return text.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
-/// The number that only digits stand for; the largest one when it is larger.
+/// Converts decimal digits. A number that is too large becomes the largest
+/// value.
 std::int64_t NumberOf(std::string_view digits) {
   std::int64_t number = 0;
   const auto result =
@@ -40,7 +41,7 @@ int MillisecondsOf(int seconds) {
   return std::clamp(seconds, 0, std::numeric_limits<int>::max() / 1000) * 1000;
 }
 
-/// Of a clock that nobody sets.
+/// Returns the time of a monotonic clock.
 std::int64_t Milliseconds() {
   timespec now{};
   ::clock_gettime(CLOCK_MONOTONIC, &now);
@@ -53,10 +54,10 @@ BodyReader::BodyReader(int idle) : idle_ms_(MillisecondsOf(idle)) {}
 
 void BodyReader::TakeLength(std::int64_t limit) {
   const std::string declared = tov_env::GetEnv("CONTENT_LENGTH");
-  // As far as is known; whatever there is can be dropped.
+  // Until a length is known, Drain() may drop everything.
   length_ = std::numeric_limits<std::int64_t>::max();
   if (declared.empty() && !tov_env::GetEnv("HTTP_TRANSFER_ENCODING").empty()) {
-    // Its end would look like a lost connection.
+    // Without a length, the end would look like a lost connection.
     throw FormError(400, "the length of the body is not declared");
   }
   if (!HasOnlyDigits(declared)) {
@@ -85,8 +86,8 @@ bool BodyReader::ReadMore() {
   return true;
 }
 
-/// The unread bytes go to the front. They are few, since whoever reads takes
-/// all that it can.
+/// Makes room and moves the unread bytes to the front. They are few, because
+/// the parsers consume all that they can.
 void BodyReader::MakeRoom() {
   const std::size_t unread = end_ - begin_;
   if (buffer_.size() - unread < kLargestRead) {
@@ -111,13 +112,13 @@ std::size_t BodyReader::Read(char* to, std::size_t count) {
       return static_cast<std::size_t>(got);
     }
     if (errno != EINTR && errno != EAGAIN) ThrowUnreadable();
-    // Ready, but with nothing to read: that, too, may not go on for ever.
+    // poll(2) reported input but there was none: this must not repeat without
+    // end.
     if (errno == EAGAIN && Milliseconds() >= deadline) ThrowSilent();
   }
 }
 
-/// Waits until there is something to read or to report. However many signals
-/// come, the wait ends at the deadline.
+/// Waits until there is input or an error. Signals do not extend the deadline.
 void BodyReader::WaitForInput(std::int64_t deadline) {
   for (int left = idle_ms_;;) {
     pollfd input{STDIN_FILENO, POLLIN, 0};
@@ -154,7 +155,7 @@ void BodyReader::Drain() noexcept {
       Read(buffer_.data(), static_cast<std::size_t>(count));
     }
   } catch (...) {
-    // What does not come cannot be dropped.
+    // The rest cannot be read.
   }
 }
 

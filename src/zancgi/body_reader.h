@@ -1,6 +1,5 @@
-/// @file
-/// Private: reading the body of a request exactly as long as it was declared
-/// (RFC 3875 sections 4.1.2 and 4.2).
+/// Private: reads the body of a request up to its declared length (RFC 3875
+/// sections 4.1.2 and 4.2).
 #ifndef ZANCGI_BODY_READER_H
 #define ZANCGI_BODY_READER_H
 
@@ -12,36 +11,36 @@
 
 namespace zan_cgi {
 
-/// Reads a body piece by piece. What has been read and not been consumed lies
-/// together, so that whoever needs more of it only asks for more.
+/// Reads a body piece by piece. The bytes that were read but not consumed are
+/// contiguous: a parser that needs more calls ReadMore().
 class BodyReader {
  public:
-  /// @param idle  how long the client may be silent, in seconds
+  /// @param idle  the longest wait for each read, in seconds
   explicit BodyReader(int idle);
   BodyReader(const BodyReader&) = delete;
   BodyReader& operator=(const BodyReader&) = delete;
 
-  /// Takes the length that the request declares.
-  /// @throws FormError  400 when it is none; 413 when it exceeds the limit
+  /// Reads the declared length from the environment.
+  /// @throws FormError  400 when it is invalid; 413 when it exceeds the limit
   void TakeLength(std::int64_t limit);
 
   std::int64_t length() const { return length_; }
 
-  /// What has been read and not been consumed.
+  /// The bytes that were read but not consumed.
   std::string_view Unread() const {
     return {buffer_.data() + begin_, end_ - begin_};
   }
 
   void Consume(std::size_t count) { begin_ += count; }
 
-  /// Adds to Unread(), which moves. Returns false when the whole body has been
-  /// read.
+  /// Reads more bytes into Unread(), whose address may change. Returns false
+  /// when the whole body has been read.
   /// @throws FormError  400 when the body ends early or cannot be read, 408
-  ///   after too long a silence
+  ///   after the time limit
   bool ReadMore();
 
-  /// Reads the rest and drops it, within bounds: some web servers pass an
-  /// answer on only when the whole body was taken.
+  /// Reads and drops the rest, up to a limit. Some web servers forward an
+  /// answer only after the whole body was read.
   void Drain() noexcept;
 
  private:
@@ -56,8 +55,8 @@ class BodyReader {
   std::int64_t total_ = 0;  ///< Bytes read so far.
   bool is_at_end_ = false;  ///< Nothing more will come.
   RawArray<char> buffer_;
-  std::size_t begin_ = 0;  ///< Where the unread bytes begin in the buffer.
-  std::size_t end_ = 0;    ///< Where they end.
+  std::size_t begin_ = 0;  ///< Start of the unread bytes in the buffer.
+  std::size_t end_ = 0;    ///< Their end.
 };
 
 }  // namespace zan_cgi

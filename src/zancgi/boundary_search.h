@@ -1,5 +1,5 @@
 /// @file
-/// Private: finding the first boundary in the body of a form.
+/// Private: finds the first boundary in the body of a form.
 #ifndef ZANCGI_BOUNDARY_SEARCH_H
 #define ZANCGI_BOUNDARY_SEARCH_H
 
@@ -8,12 +8,13 @@
 
 namespace zan_cgi {
 
-/// Returns the position after the first boundary in a chunk, searched from a
-/// position on, or npos.
+/// Returns the position after the first boundary in a chunk, searched from @p
+/// position, or npos.
 ///
 /// Kept for compatibility: a byte that breaks a match is not compared again
-/// with the boundary's first byte, so "---X" does not hold "--X". An exact
-/// search would find more. And a boundary that two chunks share is not found.
+/// with the boundary's first byte, so "--X" is not found in "---X". An exact
+/// search would find more. A boundary split across two chunks is not found
+/// either.
 inline std::size_t FindBoundaryEnd(const std::string& boundary,
                                    const char* chunk, std::size_t size,
                                    std::size_t position) {

@@ -1,5 +1,5 @@
 /// @file
-/// Private: which part of a file a client has asked for (RFC 9110 section 14).
+/// Private: the part of a file that a client requests (RFC 9110 section 14).
 #ifndef ZANCGI_BYTE_RANGE_H
 #define ZANCGI_BYTE_RANGE_H
 
@@ -14,7 +14,7 @@
 
 namespace zan_cgi {
 
-/// Bytes of a file, from @p begin to just before @p end.
+/// Bytes of a file: @p begin is the first, @p end is one past the last.
 struct ByteRange {
   std::int64_t begin = 0;
   std::int64_t end = 0;
@@ -34,9 +34,9 @@ inline std::int64_t ParseLargeNumber(std::string_view digits) {
   return number;
 }
 
-/// Returns the part of a file that the value of a Range header asks for: an
-/// empty one when there is no such part, and nothing when the header is to be
-/// ignored, because it is malformed, has another unit or several ranges.
+/// Returns the part of a file that a Range header requests. It is empty if the
+/// file has no such part. Returns nothing if the header must be ignored because
+/// it is malformed, has another unit or several ranges.
 /// @param size  the file's, in bytes
 inline std::optional<ByteRange> ParseRange(std::string_view header,
                                            std::int64_t size) {
@@ -55,8 +55,8 @@ inline std::optional<ByteRange> ParseRange(std::string_view header,
 
   const std::int64_t last_number = ParseLargeNumber(last);
   if (first.empty()) {
-    // The end of an empty file is the whole of it, which no Content-Range can
-    // express.
+    // The last bytes of an empty file are the whole of it, which no
+    // Content-Range can express.
     if (size == 0 && last_number > 0) return std::nullopt;
     return ByteRange{size - std::min(last_number, size), size};
   }

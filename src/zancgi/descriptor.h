@@ -1,5 +1,5 @@
 /// @file
-/// Private: numbers of descriptors.
+/// Private: keeps descriptors above the standard ones.
 #ifndef ZANCGI_DESCRIPTOR_H
 #define ZANCGI_DESCRIPTOR_H
 
@@ -8,12 +8,13 @@
 
 namespace zan_cgi {
 
-/// Takes a descriptor that was just opened and returns one that is not 0, 1 or
-/// 2, whatever the process was started with or has closed since: it would be
-/// read as the request's body or written to as its answer. Close-on-exec.
+/// Returns a descriptor above 2 for one that was just opened. In a process
+/// started without standard descriptors, or one that has closed them, it could
+/// be 0, 1 or 2, and would be read as the request's body or written to as its
+/// answer. A replacement is close-on-exec.
 ///
-/// Returns a negative @p fresh as it is. When no other number is to be had, the
-/// descriptor is closed and the result negative.
+/// A negative @p fresh is returned unchanged. If there is no other number,
+/// closes the descriptor and returns a negative number.
 inline int MoveAboveStdio(int fresh) {
   if (fresh < 0 || fresh > STDERR_FILENO) return fresh;
   const int higher = ::fcntl(fresh, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);

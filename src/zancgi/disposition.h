@@ -1,5 +1,5 @@
 /// @file
-/// Private: reading the header line that names a part of a form and its file
+/// Private: parses the header line that names a part of a form and its file
 /// (RFC 7578 section 4.2).
 #ifndef ZANCGI_DISPOSITION_H
 #define ZANCGI_DISPOSITION_H
@@ -13,17 +13,17 @@
 
 namespace zan_cgi {
 
-/// Walks the value of a Content-Disposition line: its type, then its
+/// Splits the value of a Content-Disposition line into its type and its
 /// attributes, in time linear in the size of the line.
 ///
-/// A ";" ends an attribute even inside quotes, which is kept: the part of
-/// 'filename="a;b"' after the ";" is an attribute of its own.
+/// A ";" ends an attribute even inside quotes: 'filename="a;b"' gives two
+/// attributes. Kept for compatibility.
 class Disposition {
  public:
   /// @param value  must outlive this object
   explicit Disposition(const std::string& value) : words_(value, ';') {}
 
-  /// The next word, trimmed; empty at the end.
+  /// Returns the next word, trimmed; empty at the end.
   std::string Next() {
     if (words_.AtEnd()) return "";
     std::string word = words_.Next();
@@ -34,8 +34,8 @@ class Disposition {
   FieldCursor words_;
 };
 
-/// Returns the value of an attribute such as 'name="a"': what stands between
-/// the first =" and the next quote, whatever precedes it. Empty without quotes.
+/// Returns the value of an attribute such as 'name="a"': the text between the
+/// first =" and the next quote, whatever precedes it. Empty without quotes.
 inline std::string QuotedValue(std::string attribute) {
   str::GetWord(attribute, "=\"");
   return str::GetWord(attribute, '"');

@@ -11,14 +11,14 @@ namespace zan_cgi {
 
 inline bool IsWeakTag(std::string_view tag) { return tag.starts_with("W/"); }
 
-/// What the weak comparison compares.
+/// Returns the part of a tag that the weak comparison uses.
 inline std::string_view OpaqueTag(std::string_view tag) {
   return IsWeakTag(tag) ? tag.substr(2) : tag;
 }
 
 /// Returns whether the value of an If-None-Match header lists an entity tag, by
 /// weak comparison. "*" matches every tag. In a malformed value, only the tags
-/// before the mistake count.
+/// before the error count.
 inline bool NamesTag(std::string_view header, std::string_view tag) {
   if (header == "*") return true;
   while (true) {

@@ -1,5 +1,5 @@
 /// @file
-/// Private: going through a text field by field.
+/// Private: splits a text into fields.
 #ifndef ZANCGI_FIELD_CURSOR_H
 #define ZANCGI_FIELD_CURSOR_H
 
@@ -7,12 +7,12 @@
 
 namespace zan_cgi {
 
-/// Hands out the fields of a text one at a time, each with the delimiter that
-/// ends it, in time linear in the size of the text.
+/// Returns the fields of a text one at a time, each with its delimiter, in time
+/// linear in the size of the text.
 ///
-/// A word taken off the front of the text itself would move all the rest each
-/// time. A field that still has its delimiter lets the base library's own rules
-/// for taking words decide what the word is.
+/// Removing each field from the front of the text would move the rest every
+/// time. The delimiter is kept so that the base library's functions decide what
+/// the word in the field is.
 class FieldCursor {
  public:
   /// @param text  must outlive the cursor

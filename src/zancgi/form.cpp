@@ -23,7 +23,7 @@
 
 namespace zan_cgi {
 
-// What is too much.
+// Limits.
 
 void FormCollector::ThrowTooManyParts() const {
   throw FormError(413, "the form has more than " +
@@ -42,13 +42,13 @@ void FormCollector::ThrowTooMuchText() const {
                       std::to_string(limits_.values) + " bytes");
 }
 
-// Reading it.
+// Reading the form.
 
 namespace {
 
 using Files = std::map<std::string, Cgi::Data::FileInfo>;
 
-/// Where the uploads of a request go.
+/// Returns the directory for the uploads of a request.
 std::string UploadDirectory(const Cgi::Data& request) {
   if (!request.tmp_dir.empty()) return request.tmp_dir;
   if (const char* const home = AccountHome()) return home;
@@ -118,9 +118,9 @@ void ReadForm(BodyReader& body, FormCollector& form) {
   }
 }
 
-/// The key under which the record is to know an upload: the name that the
-/// client has sent, made different when there is an upload of that name.
-/// @param numbers  the last number that was added to each name
+/// Returns the key of an upload in the record: the name that the client sent,
+/// with a number appended if another upload has that name.
+/// @param numbers  the last number appended to each name
 std::string FreeKey(const std::string& name, const Files& files,
                     std::map<std::string, int>& numbers) {
   if (!files.contains(name)) return name;
@@ -131,7 +131,7 @@ std::string FreeKey(const std::string& name, const Files& files,
   }
 }
 
-/// Has the record answer from what was read.
+/// Stores the form in the request record.
 void Publish(FormCollector& collected, Cgi::Data& request) {
   collected.spool().Publish();
   std::vector<std::string> paths = collected.spool().Paths();
@@ -145,14 +145,14 @@ void Publish(FormCollector& collected, Cgi::Data& request) {
     form.keys.push_back(FreeKey(upload.name, files, numbers));
     files[form.keys.back()] = {std::move(paths[i]), upload.size};
   }
-  // From here on nothing fails, and the files are the record's.
+  // Nothing below can fail. The record owns the files from here on.
   request.files.swap(files);
   form.owes_params = true;
   collected.spool().Release();
 }
 
-/// Returns what a function makes of the body. When it fails, the rest of the
-/// body is dropped, after all that the function had is gone.
+/// Calls a function with the body and returns its result. If it throws,
+/// destroys its objects first and then drops the rest of the body.
 template <class Function>
 auto ReadOrDrain(int idle, const Function& read) {
   BodyReader body(idle);
@@ -175,7 +175,7 @@ Form::Form(Cgi& cgi, const Limits& limits) {
         "the input has been parsed already: make the Form, once, before "
         "anything asks for parameters or uploads");
   }
-  // Whatever becomes of it, nobody else is to parse what is left.
+  // Marked first, so that after a failure nothing else parses the rest.
   request.parsed = true;
   ReadOrDrain(limits.idle, [&](BodyReader& body) {
     FormCollector form(limits, UploadDirectory(request));
@@ -189,7 +189,7 @@ Form::Form(const Form&) noexcept = default;
 Form& Form::operator=(const Form&) noexcept = default;
 Form::~Form() = default;
 
-// What was read.
+// Results.
 
 bool Form::Has(const std::string& name) const {
   const std::vector<Field>& all = fields();
@@ -227,17 +227,18 @@ bool IsAlike(const Form::Upload& a, const Form::Upload& b) {
          a.size == b.size;
 }
 
-/// Whether it is one of the list itself, and not a copy.
+/// Whether the object is an element of the list and not a copy.
 bool IsIn(const std::vector<Form::Upload>& uploads,
           const Form::Upload& upload) {
-  // Only this compares pointers into different memory.
+  // The operator < is undefined for pointers into different objects; std::less
+  // is not.
   const std::less<> is_before;
   const Form::Upload* const begin = uploads.data();
   return !is_before(&upload, begin) &&
          is_before(&upload, begin + uploads.size());
 }
 
-/// The number of an upload, or of the first one that says the same.
+/// Returns the index of an upload, or of the first one with equal members.
 std::size_t IndexOf(const Form::Upload& upload,
                     const std::vector<Form::Upload>& uploads) {
   if (IsIn(uploads, upload)) {
@@ -259,7 +260,7 @@ std::string Form::Path(const Upload& upload) const {
   return request_->files.find(FormOf(*request_).keys[index])->second.path;
 }
 
-// A body that is no form.
+// Bodies that are no forms.
 
 std::string ReadBody(std::int64_t limit) {
   return ReadOrDrain(Form::Limits().idle, [&](BodyReader& body) {

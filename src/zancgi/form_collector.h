@@ -1,5 +1,5 @@
 /// @file
-/// Private: what is collected while a form is read, within its limits.
+/// Private: collects the contents of a form within its limits.
 #ifndef ZANCGI_FORM_COLLECTOR_H
 #define ZANCGI_FORM_COLLECTOR_H
 
@@ -15,8 +15,8 @@
 
 namespace zan_cgi {
 
-/// Collects fields and uploads in the order in which they come. What would
-/// exceed a limit is refused before it takes any memory.
+/// Collects fields and uploads in the order sent. Checks each limit before it
+/// allocates memory.
 class FormCollector {
  public:
   FormCollector(const Form::Limits& limits, std::string upload_directory)
@@ -39,7 +39,7 @@ class FormCollector {
     value.append(more);
   }
 
-  /// Counts what belongs to names and values together.
+  /// Counts bytes toward the limit of all names and values together.
   /// @throws FormError  413
   void CountText(std::size_t size) {
     if (size > limits_.values - text_size_) ThrowTooMuchText();

@@ -16,10 +16,10 @@
 namespace zan_cgi {
 namespace {
 
-/// Few: a process mostly has one request.
+/// A list is enough: a process usually has one request.
 using Forms = std::vector<std::unique_ptr<FormContents>>;
 
-/// Those of all requests that have one; null as long as none has.
+/// The forms of all requests that have one; null if there are none.
 Forms* forms = nullptr;
 
 Forms::iterator Find(const Cgi::Data& request) {

@@ -1,6 +1,6 @@
 /// @file
-/// Private: what a Form has read, kept beside the record of its request, whose
-/// layout has no room for it.
+/// Private: the contents of a Form. They are kept outside the request record,
+/// whose layout must not change.
 #ifndef ZANCGI_FORM_CONTENTS_H
 #define ZANCGI_FORM_CONTENTS_H
 
@@ -12,28 +12,28 @@
 
 namespace zan_cgi {
 
-/// What a Form has read.
+/// The contents of a Form.
 struct FormContents {
   const Cgi::Data* request = nullptr;  ///< Whose form it is.
   std::vector<Form::Field> fields;
   std::vector<Form::Upload> uploads;
   std::vector<std::string> keys;  ///< Of each upload, in the record's files.
-  /// The record's parameters are still to be made from this. Most front ends
-  /// that read a form never ask for them, and they take as long as the rest.
+  /// Whether the record's parameters have not been made from the fields yet.
+  /// Most front ends that use a Form never read them, and making them takes as
+  /// long as all the rest.
   bool owes_params = false;
 };
 
-/// Makes the contents of a request's form, still empty.
+/// Adds an empty form to a request.
 FormContents& AttachForm(const Cgi::Data& request);
 
-/// Returns the contents of a request's form, which there must be.
+/// Returns the form of a request. It must have one.
 const FormContents& FormOf(const Cgi::Data& request) noexcept;
 
-/// Makes the parameters of a request from its form, if they are still to be
-/// made.
+/// Makes the parameters of a request from its form unless that is done.
 void PayParams(Cgi::Data& request);
 
-/// Forgets the form of a request that goes, if it has one.
+/// Removes the form of a request, if it has one.
 void DetachForm(const Cgi::Data& request) noexcept;
 
 }  // namespace zan_cgi

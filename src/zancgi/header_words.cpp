@@ -17,7 +17,7 @@ bool Contains(const CharacterSet& set, char c) {
   return set[static_cast<unsigned char>(c)];
 }
 
-/// All that can be seen, without some.
+/// All visible ASCII characters except some.
 constexpr CharacterSet VisibleWithout(std::string_view some) {
   CharacterSet set{};
   for (unsigned char c = '!'; c <= '~'; ++c) set[c] = true;
@@ -96,7 +96,7 @@ void ParameterReader::SkipWhiteSpace() {
   while (!rest_.empty() && IsBlank(rest_.front())) rest_.remove_prefix(1);
 }
 
-/// Reads a name, and the "=" after it.
+/// Reads a name and the "=" after it.
 bool ParameterReader::ReadName() {
   std::size_t size = 0;
   while (size < rest_.size() && Contains(kTokenChars, rest_[size])) ++size;

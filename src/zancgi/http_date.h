@@ -1,8 +1,9 @@
 /// @file
-/// Private: dates of HTTP (RFC 9110 section 5.6.7).
+/// Private: HTTP dates (RFC 9110 section 5.6.7).
 ///
-/// Not by gmtime(3) and timegm(3): they read the system's time zone, which
-/// costs several system calls and is missing after chroot(2).
+/// gmtime(3) and timegm(3) read the system's time zone, which costs several
+/// system calls and is missing after chroot(2). So the calendar of <chrono> is
+/// used.
 #ifndef ZANCGI_HTTP_DATE_H
 #define ZANCGI_HTTP_DATE_H
 
@@ -33,8 +34,8 @@ inline std::string TwoDigits(std::int64_t number) {
           static_cast<char>('0' + number % 10)};
 }
 
-/// Returns a date in the form that is preferred, such as
-/// "Sun, 06 Nov 1994 08:49:37 GMT".
+/// Returns a date in the preferred format, such as "Sun, 06 Nov 1994 08:49:37
+/// GMT".
 /// @param time  in the years 0 to 9999
 inline std::string FormatHttpDate(std::chrono::sys_seconds time) {
   const auto midnight = std::chrono::floor<std::chrono::days>(time);
@@ -60,7 +61,7 @@ inline std::optional<unsigned> IndexOfName(std::string_view name,
   return std::nullopt;
 }
 
-/// The numbers of a date, as written.
+/// The components of a date, as written.
 struct DateNumbers {
   int year = 0;
   int month = 0;  ///< From 1.
@@ -69,8 +70,8 @@ struct DateNumbers {
   int minute = 0;
   int second = 0;
 
-  /// The number that a letter of a pattern stands for; null for a letter that
-  /// stands for itself.
+  /// Returns the number that a pattern letter stands for; null for a literal
+  /// character.
   int* Of(char letter) {
     switch (letter) {
       case 'y':
@@ -89,9 +90,9 @@ struct DateNumbers {
   }
 };
 
-/// Reads a date of fixed width. In the pattern, each of "ydhms" is a digit of
+/// Parses a date of fixed width. In the pattern, each of "ydhms" is a digit of
 /// that number, "_" is a digit of the day or a space, "bbb" is the name of the
-/// month, and any other character is itself.
+/// month, and any other character is literal.
 inline std::optional<DateNumbers> ReadDate(std::string_view text,
                                            std::string_view pattern) {
   if (text.size() != pattern.size()) return std::nullopt;
@@ -112,7 +113,7 @@ inline std::optional<DateNumbers> ReadDate(std::string_view text,
   return numbers;
 }
 
-/// Completes a year of two digits, which is at most 50 years in the future.
+/// Expands a two-digit year. The result is at most 50 years in the future.
 inline int FullYear(int two_digits, std::chrono::sys_seconds now) {
   const std::chrono::year_month_day today(
       std::chrono::floor<std::chrono::days>(now));
@@ -127,7 +128,7 @@ inline bool IsLongDayName(std::string_view name) {
          std::string_view(kLongDayNames).find(wanted) != std::string_view::npos;
 }
 
-/// Reads one of the three forms of a date.
+/// Parses any of the three date formats.
 inline std::optional<DateNumbers> ReadHttpDate(std::string_view text,
                                                std::chrono::sys_seconds now) {
   const std::size_t comma = text.find(", ");
@@ -147,9 +148,9 @@ inline std::optional<DateNumbers> ReadHttpDate(std::string_view text,
   return numbers;
 }
 
-/// Returns the time that a date in one of the three forms means; nothing when
-/// it is malformed. The day of the week need not be the right one.
-/// @param now  decides on the century of a year of two digits
+/// Converts a date in any of the three formats to a time. Returns nothing if it
+/// is malformed. The day of the week is not checked against the date.
+/// @param now  decides the century of a two-digit year
 inline std::optional<std::chrono::sys_seconds> ParseHttpDate(
     std::string_view text, std::chrono::sys_seconds now) {
   const auto numbers = ReadHttpDate(text, now);
@@ -158,7 +159,7 @@ inline std::optional<std::chrono::sys_seconds> ParseHttpDate(
       std::chrono::year(numbers->year),
       std::chrono::month(static_cast<unsigned>(numbers->month)),
       std::chrono::day(static_cast<unsigned>(numbers->day)));
-  // A leap second is 60.
+  // 60 is a leap second.
   const bool is_time =
       numbers->hour < 24 && numbers->minute < 60 && numbers->second <= 60;
   if (!date.ok() || !is_time) return std::nullopt;

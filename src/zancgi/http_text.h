@@ -1,5 +1,5 @@
 /// @file
-/// Private: bytes and words of HTTP (RFC 9110 section 5.6).
+/// Private: characters and tokens of HTTP (RFC 9110 section 5.6).
 #ifndef ZANCGI_HTTP_TEXT_H
 #define ZANCGI_HTTP_TEXT_H
 
@@ -8,7 +8,7 @@
 
 namespace zan_cgi {
 
-// Not those of <cctype>: what they return depends on the front end's locale.
+// The functions of <cctype> depend on the front end's locale.
 
 constexpr bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 
@@ -30,22 +30,21 @@ constexpr char UpperCase(char c) {
 }
 
 inline bool EqualWithoutCase(std::string_view a, std::string_view b) {
-  // Nearly everybody spells them alike.
+  // The usual case: both have the same spelling.
   if (a == b) return true;
   return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char c, char d) {
     return LowerCase(c) == LowerCase(d);
   });
 }
 
-/// Whether this stands for itself in an extended value (RFC 8187 section
-/// 3.2.1).
+/// Whether this needs no escape in an extended value (RFC 8187 section 3.2.1).
 constexpr bool IsAttrChar(char c) {
   constexpr std::string_view kOthers = "!#$&+-.^_`|~";
   return IsAlphanumeric(c) || kOthers.find(c) != std::string_view::npos;
 }
 
-/// Whether this is a token (section 5.6.2), as names of headers and cookies
-/// are.
+/// Whether this is a token (section 5.6.2), the syntax of header and cookie
+/// names.
 inline bool IsToken(std::string_view text) {
   constexpr std::string_view kOthers = "!#$%&'*+-.^_`|~";
   return !text.empty() && std::all_of(text.begin(), text.end(), [&](char c) {

@@ -1,6 +1,6 @@
 /// @file
-/// Private: the layout of the public classes. Front ends are compiled against
-/// it, so whoever changes it breaks those that are compiled already.
+/// Private: checks the layout of the public classes. Existing front ends are
+/// compiled against it, so every change breaks them.
 #ifndef ZANCGI_LAYOUT_H
 #define ZANCGI_LAYOUT_H
 
@@ -27,11 +27,11 @@ static_assert(Cgi::AuthInfo::AuthCookie == 1);
 static_assert(Cgi::AuthInfo::AuthParams == 2);
 
 #pragma GCC diagnostic push
-// Both compilers know the offsets in a class with virtual functions, too.
+// Both compilers support offsetof for classes with virtual functions.
 #pragma GCC diagnostic ignored "-Winvalid-offsetof"
 
-/// That a field has a type and lies where the one before it ends, or, for the
-/// first one, where something else does.
+/// Checks that a field has this type and begins at this offset, rounded up to
+/// its alignment.
 #define ZANCGI_FIELD_AT(record, field, type, end)               \
   static_assert(std::is_same_v<decltype(record::field), type>); \
   static_assert(offsetof(record, field) ==                      \
