@@ -1,5 +1,5 @@
 /// @file
-/// Private: putting together the text lines in the body of a form.
+/// Private: assembles the text lines in the body of a form.
 #ifndef ZANCGI_LINE_ASSEMBLY_H
 #define ZANCGI_LINE_ASSEMBLY_H
 
@@ -12,18 +12,18 @@ namespace zan_cgi {
 /// Appends bytes of a chunk to a line up to the line's end, and moves the
 /// position past them. Returns whether the line is complete.
 ///
-/// A line ends before an LF, and the byte before the LF is dropped unseen: it
-/// is expected to be a CR. Kept for compatibility, with all that follows:
+/// A line ends before an LF, and the byte before the LF is dropped unchecked:
+/// it is expected to be a CR. Kept for compatibility, with these consequences:
 /// - A line that ends in a bare LF loses its last byte.
-/// - Whether an LF follows the chunk's last byte is read from the byte after
-///   it, which is left from an earlier chunk or zero. So a CR LF that two
-///   chunks share is not seen: both become part of the line, which goes on.
-/// - A position beyond the chunk (two bytes are skipped unseen after a
-///   boundary) completes the line at once and moves two further.
+/// - For the chunk's last byte, the check for an LF reads the byte after the
+///   chunk, which is zero or left from an earlier chunk. So a CR LF split
+///   across two chunks does not end the line: both bytes become part of it.
+/// - A position beyond the chunk (two bytes are skipped unchecked after a
+///   boundary) completes the line at once and moves two bytes further.
 ///
 /// @param chunk     the chunk; one byte after its end can be read
 /// @param size      its length
-/// @param position  where to go on; moved
+/// @param position  where to continue; updated
 inline bool ExtendLine(const char* chunk, std::size_t size,
                        std::size_t& position, std::string& line) {
   if (position == size) return false;
@@ -32,8 +32,8 @@ inline bool ExtendLine(const char* chunk, std::size_t size,
     return true;
   }
   const char* const begin = chunk + position;
-  // The first byte cannot be the LF that is looked for: it would be the one
-  // dropped.
+  // The search begins at the second byte: an LF in the first one has no byte
+  // before it to drop.
   const void* const found = std::memchr(begin + 1, '\n', size - position);
   if (found == nullptr) {
     line.append(begin, size - position);

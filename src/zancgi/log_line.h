@@ -1,5 +1,5 @@
 /// @file
-/// Private: one line of code for one line of the log.
+/// Private: macros that write one line to the log.
 #ifndef ZANCGI_LOG_LINE_H
 #define ZANCGI_LOG_LINE_H
 
@@ -10,7 +10,7 @@
 
 namespace zan_cgi {
 
-/// By number: their names belong to the base library.
+/// Given as numbers, because the enumerators' names belong to the base library.
 /// @{
 constexpr auto kError = static_cast<tov_log::Level>(3);
 constexpr auto kWarning = static_cast<tov_log::Level>(4);
@@ -25,15 +25,14 @@ inline std::string BaseName(const char* file) {
 
 }  // namespace zan_cgi
 
-/// Writes a message of a level to the module "log", made as by printf(3).
-/// Macros, since what the message is made of is computed only if it is to be
-/// written.
+/// Writes a message of a level to the module "log", formatted as by printf(3).
+/// A macro, so that the arguments are evaluated only if the message is written.
 #define ZANCGI_LOG(level, ...)                             \
   do {                                                     \
     if (log.Check(level)) log.Write((level), __VA_ARGS__); \
   } while (false)
 
-/// The same, preceded by "<source file>:<line> ".
+/// The same with the prefix "<source file>:<line> ".
 #define ZANCGI_LOG_HERE(level, format, ...)                                \
   ZANCGI_LOG(level, "%s:%d " format, BaseName(__FILE__).c_str(), __LINE__, \
              ##__VA_ARGS__)

@@ -1,5 +1,5 @@
 /// @file
-/// Private: filling the parameters of a request.
+/// Private: fills the parameters of a request.
 #ifndef ZANCGI_MAP_FILLER_H
 #define ZANCGI_MAP_FILLER_H
 
@@ -17,17 +17,17 @@ class MapFiller {
  public:
   using Map = std::map<std::string, std::string>;
 
-  /// The value of a name, which stays where it is as long as the map lives.
+  /// The value of a name. Its address is valid as long as the map.
   struct Place {
     std::string* value;
     bool is_new;
   };
 
-  /// @param map  nothing may be removed from it as long as this object is used
+  /// @param map  no entry may be removed while this object is in use
   explicit MapFiller(Map& map) : map_(map), last_(map.end()) {}
 
-  /// Returns the value of a name. A new name gets the value given, or an empty
-  /// one; if memory ends, it is not inserted.
+  /// Returns the value of a name. A new name gets the given value, or an empty
+  /// one; if memory runs out, it is not inserted.
   template <class... Value>
   Place FindOrInsert(const std::string& name, const Value&... value) {
     const std::size_t size = map_.size();
@@ -36,23 +36,22 @@ class MapFiller {
     return {&last_->second, map_.size() != size};
   }
 
-  /// Adds a value, or joins it to the one that the name has. Appends in place:
-  /// a name that comes a hundred thousand times must not copy its value as
-  /// often.
+  /// Adds a value, or joins it to the existing one. Appends in place: if a name
+  /// comes a hundred thousand times, its value must not be copied as often.
   void Join(const std::string& name, const char* glue,
             const std::string& value) {
     const Place place = FindOrInsert(name, value);
     if (!place.is_new) place.value->append(glue).append(value);
   }
 
-  /// Adds a value, or replaces the one that the name has.
+  /// Adds a value, or replaces the existing one.
   void Set(const std::string& name, std::string value) {
     *FindOrInsert(name).value = std::move(value);
   }
 
  private:
   Map& map_;
-  Map::iterator last_;  ///< Where the last value went.
+  Map::iterator last_;  ///< The entry of the last value.
 };
 
 }  // namespace zan_cgi

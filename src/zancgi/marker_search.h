@@ -1,5 +1,5 @@
 /// @file
-/// Private: finding a rare text in data.
+/// Private: finds a rare text in data.
 #ifndef ZANCGI_MARKER_SEARCH_H
 #define ZANCGI_MARKER_SEARCH_H
 
@@ -17,9 +17,9 @@ namespace zan_cgi {
 
 /// Finds each occurrence of a text, in time linear in the size of the data.
 ///
-/// The C library's search is linear for any data. But uploads are large, and
-/// most of their data is passed over faster by looking, at 64 places at once,
-/// for the text's first and last byte.
+/// The C library's search is linear for any data. Uploads are large, so most of
+/// their data is skipped faster: the text's first and last byte are compared at
+/// 64 places at once.
 class MarkerSearch {
  public:
   /// @param marker  not empty
@@ -27,7 +27,7 @@ class MarkerSearch {
 
   const std::string& marker() const { return marker_; }
 
-  /// Returns the first place from a position on, or npos.
+  /// Returns the first place at or after a position, or npos.
   std::size_t Find(std::string_view data, std::size_t from) const {
     const char* const end = data.data() + data.size();
     const char* at = data.data() + from;
@@ -47,7 +47,7 @@ class MarkerSearch {
 
  private:
   const char* Search(const char* begin, const char* end) const {
-    // There may be no memory yet.
+    // The buffer may not be allocated yet.
     if (begin == end) return nullptr;
     return static_cast<const char*>(
         ::memmem(begin, static_cast<std::size_t>(end - begin), marker_.data(),
@@ -57,8 +57,8 @@ class MarkerSearch {
 #ifdef __SSE2__
   static constexpr std::size_t kBlock = 64;
 
-  /// Whether first and last byte stand as far apart as in the marker, at one of
-  /// the places of a block.
+  /// Whether the marker's first and last byte occur at the right distance at
+  /// one of the places of a block.
   bool MayHoldMarker(const char* block) const {
     const __m128i first = _mm_set1_epi8(marker_.front());
     const __m128i last = _mm_set1_epi8(marker_.back());

@@ -41,10 +41,11 @@ std::string_view WithoutIndent(std::string_view line) {
   return line;
 }
 
-/// What comes before a place in the data of a part.
+/// The bytes before a place in the data of a part.
 enum class LineStart { kNone, kAfterCrLf, kAfterOther };
 
-/// @param begins_line  whether CR LF, or nothing, comes before the text
+/// @param begins_line  whether the text follows a CR LF or is the first of the
+///   body
 LineStart LineStartAt(std::string_view text, std::size_t place,
                       bool begins_line) {
   if (place == 0) {
@@ -59,7 +60,7 @@ LineStart LineStartAt(std::string_view text, std::size_t place,
 
 }  // namespace
 
-/// What the headers of a part say of it.
+/// The headers of a part.
 struct MultipartParser::Part {
   std::optional<std::string> name;
   std::optional<std::string> file_name;
@@ -82,7 +83,7 @@ struct MultipartParser::Part {
     }
   }
 
-  /// Without a file name in plain words the extended one counts.
+  /// Checks the headers. Without a plain file name the extended one is used.
   void Complete() {
     if (!has_disposition_) Refuse("a part has no disposition");
     if (!name) Refuse("a part has no name");
@@ -140,7 +141,7 @@ struct MultipartParser::Part {
 
 void MultipartParser::Parse() {
   const auto ignore = [](std::string_view /*data*/) {};
-  // Before the first part and after the last one anything may stand.
+  // The text before the first part and after the last one is ignored.
   ReadData(true, ignore);
   while (!is_closed_) ReadPart();
   do {
@@ -148,10 +149,10 @@ void MultipartParser::Parse() {
   } while (body_.ReadMore());
 }
 
-/// Hands on what comes before the next boundary, piece by piece, and consumes
-/// it with the boundary's line.
-/// @param begins_line  whether the data begins a line. The line end after the
-///   headers of an empty part may be the boundary's own.
+/// Passes the data before the next boundary to a function, piece by piece, and
+/// consumes it with the boundary's line.
+/// @param begins_line  whether the data begins a line. In an empty part, the
+///   line end after the headers may belong to the boundary.
 template <class Sink>
 void MultipartParser::ReadData(bool begins_line, const Sink& sink) {
   Marker marker;
@@ -160,7 +161,7 @@ void MultipartParser::ReadData(bool begins_line, const Sink& sink) {
     if (count > 0) {
       sink(body_.Unread().substr(0, count));
       body_.Consume(count);
-      // What ends in a line end is not certain.
+      // CertainData() leaves a line end at the end of the text unread.
       begins_line = false;
     }
     if (!body_.ReadMore()) RefuseEnd();
@@ -170,7 +171,7 @@ void MultipartParser::ReadData(bool begins_line, const Sink& sink) {
   EndMarkerLine();
 }
 
-/// Finds "--" and the boundary at the beginning of a line. Within a line it is
+/// Finds "--" and the boundary at the beginning of a line. Elsewhere it is
 /// data.
 bool MultipartParser::FindMarker(std::string_view text, bool begins_line,
                                  Marker& found) const {
@@ -185,14 +186,14 @@ bool MultipartParser::FindMarker(std::string_view text, bool begins_line,
       case LineStart::kAfterOther:
         RefuseLineEnd();
       case LineStart::kNone:
-        // It holds no line end, so no line begins within it.
+        // The marker holds no line end, so no other one begins in it.
         from = end;
     }
   }
 }
 
-/// How much of a text without a marker is data, whatever follows. The rest may
-/// be the beginning of a marker's line end and marker.
+/// Returns how much of a text without a marker is data, whatever follows. The
+/// rest may be a line end and the beginning of a marker.
 std::size_t MultipartParser::CertainData(std::string_view text,
                                          bool begins_line) const {
   const std::string_view marker(search_.marker());
@@ -208,7 +209,7 @@ std::size_t MultipartParser::CertainData(std::string_view text,
                                                                      : place;
 }
 
-/// Consumes the rest of a boundary's line.
+/// Consumes the rest of the boundary's line.
 void MultipartParser::EndMarkerLine() {
   if (Has(2) && body_.Unread().starts_with("--")) {
     body_.Consume(2);
@@ -227,7 +228,8 @@ void MultipartParser::EndMarkerLine() {
   body_.Consume(2);
 }
 
-/// Whether so many bytes follow, which are then unread.
+/// Reads until this many bytes are unread. Returns false if the body ends
+/// before.
 bool MultipartParser::Has(std::size_t count) {
   while (body_.Unread().size() < count) {
     if (!body_.ReadMore()) return false;
@@ -253,8 +255,8 @@ MultipartParser::Part MultipartParser::ReadHeaders() {
   return part;
 }
 
-/// Reads the next header, with the lines that continue it. Returns false at the
-/// empty line after the last one.
+/// Reads the next header and its continuation lines. Returns false at the empty
+/// line after the last header.
 bool MultipartParser::ReadHeader(std::size_t& budget) {
   header_ = NextLine(budget);
   if (header_.empty()) return false;
@@ -265,16 +267,16 @@ bool MultipartParser::ReadHeader(std::size_t& budget) {
     Refuse("a boundary stands among the headers of a part");
   }
   if (header_.find(':') == kNowhere) Refuse("a header of a part has no colon");
-  // A line that begins so continues the one before.
+  // A line that begins with a blank continues the previous one.
   while (Has(1) && IsBlank(body_.Unread().front())) {
     header_.append(" ").append(WithoutIndent(NextLine(budget)));
   }
   return true;
 }
 
-/// Returns the next line of the headers, without its end; valid until more is
-/// read.
-/// @param budget  how long the headers may still be
+/// Returns the next header line without its line end. It is valid until the
+/// next read.
+/// @param budget  the bytes left for headers of this part; reduced
 std::string_view MultipartParser::NextLine(std::size_t& budget) {
   std::size_t end = 0;
   for (std::size_t searched = 0;
@@ -297,12 +299,13 @@ void MultipartParser::ReadField(Part& part) {
   form_.CountText(part.name->size());
   value_.clear();
   ReadData(true, [&](std::string_view data) { form_.Append(value_, data); });
-  // A copy takes no more memory than it needs, and the next value finds room.
+  // The copy has no spare capacity, and value_ keeps its own for the next
+  // value.
   form_.AddField(*std::move(part.name), std::string(value_));
 }
 
-/// A file input in which nothing was chosen has an empty name and no bytes, and
-/// is no upload.
+/// Stores an upload. A file input without a chosen file has an empty name and
+/// no bytes, and is not an upload.
 void MultipartParser::ReadUpload(Part& part) {
   Form::Upload upload{*std::move(part.name), *std::move(part.file_name),
                       std::move(part.type).value_or(""), 0};

@@ -13,10 +13,10 @@
 
 namespace zan_cgi {
 
-/// Reads such a form to the body's end.
+/// Parses such a form up to the end of the body.
 ///
-/// What it returns depends on the bytes alone: whatever cannot be decided by
-/// what has been read waits, unread, for more.
+/// The result depends on the bytes alone: what cannot be decided yet stays
+/// unread until more bytes come.
 class MultipartParser {
  public:
   /// @param boundary  1 to 70 bytes, none of them a control character
@@ -28,13 +28,13 @@ class MultipartParser {
   void Parse();
 
  private:
-  /// What the headers of a part say of it.
+  /// The headers of a part.
   struct Part;
 
-  /// What stands between parts, where it was found in what is unread.
+  /// A boundary's position in the unread bytes.
   struct Marker {
-    std::size_t data_end;  ///< Where the data before it ends.
-    std::size_t end;       ///< Where it ends itself.
+    std::size_t data_end;  ///< End of the data before it.
+    std::size_t end;       ///< Its own end.
   };
 
   template <class Sink>

@@ -1,13 +1,13 @@
 /// @file
-/// Private: the PAM library, which only few requests need.
+/// Private: loads the PAM library, which few requests need.
 #ifndef ZANCGI_PAM_LIBRARY_H
 #define ZANCGI_PAM_LIBRARY_H
 
 #include <dlfcn.h>
 #include <security/pam_appl.h>
 
-// Weak, so that PAM is no needed library: to load it would cost every request
-// more than most of them do.
+// Weak references, so that libpam is not loaded at each start. Loading it takes
+// longer than most requests.
 #pragma weak pam_start
 #pragma weak pam_open_session
 #pragma weak pam_close_session
@@ -16,7 +16,7 @@
 
 namespace zan_cgi {
 
-/// What a session needs of PAM; null what is not to be had.
+/// The PAM functions that a session needs; null if missing.
 struct PamLibrary {
   decltype(&pam_start) start = nullptr;
   decltype(&pam_open_session) open_session = nullptr;
@@ -35,13 +35,14 @@ void FindFunction(Function& function, const char* name) {
   function = reinterpret_cast<Function>(::dlsym(RTLD_DEFAULT, name));
 }
 
-/// Takes the functions that the program has already; when it has none, loads
-/// the library, which then stays until the process ends.
+/// Returns the PAM functions of the program. If it has none, loads the library,
+/// which stays loaded until the process ends.
 inline PamLibrary LoadPam() {
   PamLibrary pam{::pam_start, ::pam_open_session, ::pam_close_session,
                  ::pam_end, ::pam_strerror};
   if (pam.IsComplete()) return pam;
-  // For all to see, as if it were linked: modules may count on that.
+  // RTLD_GLOBAL, because PAM modules may need the symbols, as if libpam were
+  // linked.
   if (::dlopen("libpam.so.0", RTLD_NOW | RTLD_GLOBAL) == nullptr) return {};
   FindFunction(pam.start, "pam_start");
   FindFunction(pam.open_session, "pam_open_session");

@@ -8,7 +8,7 @@
 
 namespace zan_cgi {
 
-/// Elements without values: pages that are never written take no memory.
+/// An uninitialized array: pages that are never written take no memory.
 template <class T>
 class RawArray {
  public:

@@ -32,8 +32,8 @@ namespace {
 using std::chrono::sys_seconds;
 
 /// Status codes and reason phrases of RFC 9110 section 15, RFC 6585, RFC 7725
-/// and RFC 4918. One string: a list of pointers would have to be relocated at
-/// each start.
+/// and RFC 4918. They form one string because an array of pointers would be
+/// relocated at each start.
 constexpr char kStatusLines[] =
     "200 OK\0"
     "201 Created\0"
@@ -83,7 +83,7 @@ constexpr char kStatusLines[] =
     "505 HTTP Version Not Supported\0"
     "507 Insufficient Storage\0";
 
-/// Returns status code and reason phrase.
+/// Returns the status code with its reason phrase.
 std::string StatusLine(int status) {
   const std::string code = std::to_string(status);
   const char* line = kStatusLines;
@@ -96,7 +96,7 @@ std::string StatusLine(int status) {
 
 bool HasBody(int status) { return status != 204 && status != 304; }
 
-/// Whether conditions and ranges count for this method.
+/// Whether conditions and ranges apply to this method.
 bool IsReading(const std::string& method) {
   return method == "GET" || method == "HEAD";
 }
@@ -210,7 +210,7 @@ std::string ExtendedName(const std::string& name) {
   return extended;
 }
 
-/// The file's properties.
+/// Returns the file's status, or throws if the file cannot be sent.
 struct stat RegularFile(int descriptor) {
   struct stat file;
   const int flags = ::fcntl(descriptor, F_GETFL);
@@ -226,7 +226,7 @@ struct stat RegularFile(int descriptor) {
   return file;
 }
 
-/// A negative number becomes the one that its bits make without a sign.
+/// Formats a number in hexadecimal; a negative one as its two's complement.
 template <class Number>
 std::string Hex(Number number) {
   std::array<char, 2 * sizeof(number)> digits;
@@ -236,22 +236,22 @@ std::string Hex(Number number) {
   return {digits.begin(), last.ptr};
 }
 
-/// Changes whenever the file is written or replaced.
+/// Returns a tag that changes whenever the file is written or replaced.
 std::string EntityTag(const struct stat& file) {
   return '"' + Hex(file.st_ino) + '-' + Hex(file.st_size) + '-' +
          Hex(file.st_mtim.tv_sec) + '.' + Hex(file.st_mtim.tv_nsec) + '"';
 }
 
-/// Not by time(3): a library that names it makes each start run code of the C
-/// library that chooses it.
+/// clock_gettime(2), because a reference to time(3) would make the C library
+/// resolve an indirect function at each start.
 sys_seconds Now() {
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);
   return sys_seconds(std::chrono::seconds(now.tv_sec));
 }
 
-/// Never in the future (RFC 9110 section 8.8.2.1), nor in a year that a date
-/// cannot express.
+/// Returns the modification time, but never one in the future (RFC 9110 section
+/// 8.8.2.1) or in a year that a date cannot express.
 std::string LastModified(const struct stat& file) {
   const sys_seconds modified{std::chrono::seconds(file.st_mtim.tv_sec)};
   return FormatHttpDate(std::max(std::min(modified, Now()), sys_seconds{}));
@@ -267,7 +267,7 @@ std::string ContentRange(std::optional<ByteRange> range, std::int64_t size) {
 
 }  // namespace
 
-/// What an answer has, and whether it has been sent.
+/// The content of an answer, and whether it has been sent.
 struct Response::Content {
   struct Line {
     std::string name;
@@ -292,7 +292,7 @@ struct Response::Content {
     }
   }
 
-  /// Returns the value that is set now.
+  /// Returns the value that is set after the call.
   std::string SetUnlessSet(const std::string& name, const std::string& value) {
     const Line* const old = Find(name);
     if (old != nullptr) return old->value;
@@ -319,7 +319,7 @@ struct Response::Content {
   std::vector<Line> lines = {{"Content-Type", "text/html; charset=utf-8"}};
 };
 
-/// The answer up to its body.
+/// Returns everything before the body.
 std::string Response::Content::Head(std::int64_t length) const {
   std::string head = "Status: " + StatusLine(status) + "\r\n";
   for (const Line& line : lines) {
@@ -335,7 +335,7 @@ std::string Response::Content::Head(std::int64_t length) const {
 
 namespace {
 
-/// Whether the client already has the file (RFC 9110 section 13.2.2).
+/// Whether the client already has the current file (RFC 9110 section 13.2.2).
 bool IsNotModified(const std::string& tag, const std::string& modified) {
   const std::string tags = Header("If-None-Match");
   if (!tags.empty()) return NamesTag(tags, tag);
@@ -344,7 +344,7 @@ bool IsNotModified(const std::string& tag, const std::string& modified) {
   return since && last && *last <= *since;
 }
 
-/// Whether the client wants a part of the file as it is now (RFC 9110 section
+/// Whether If-Range matches the current file, or is missing (RFC 9110 section
 /// 13.1.5).
 bool HoldsIfRange(const std::string& tag, const std::string& modified) {
   const std::string condition = Header("If-Range");
@@ -354,8 +354,8 @@ bool HoldsIfRange(const std::string& tag, const std::string& modified) {
 
 }  // namespace
 
-/// Chooses which part of a file to send, and sets the status and headers for
-/// it. Returns nothing when the answer is sent without the file.
+/// Chooses the part of the file to send, and sets the status and headers for
+/// it. Returns nothing if the answer is sent without the file.
 std::optional<ByteRange> Response::Content::ChooseRange(
     std::int64_t size, const std::string& tag, const std::string& modified) {
   const ByteRange whole{0, size};
@@ -365,7 +365,7 @@ std::optional<ByteRange> Response::Content::ChooseRange(
     status = 304;
     return std::nullopt;
   }
-  // A Range counts for GET only (RFC 9110 section 14.2).
+  // Range applies to GET only (RFC 9110 section 14.2).
   if (method != "GET" || !HoldsIfRange(tag, modified)) return whole;
   const std::optional<ByteRange> range =
       ParseRange(zan_cgi::Header("Range"), size);

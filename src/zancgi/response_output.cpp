@@ -43,13 +43,13 @@ TerminationBlock::TerminationBlock() {
 }
 
 ResponseOutput::ResponseOutput() {
-  // No retry: stdio drops the text when a write fails.
+  // No retry, because stdio drops its text when a write fails.
   if (std::fflush(stdout) != 0 && !HasReaderGone()) ThrowWriteError();
 }
 
 void ResponseOutput::Write(std::string_view head, std::string_view body) {
   while (has_reader_ && !(head.empty() && body.empty())) {
-    // writev(2) does not write there.
+    // iovec has no const pointer; writev(2) only reads.
     const std::array<iovec, 2> pieces = {
         iovec{const_cast<char*>(head.data()), head.size()},
         iovec{const_cast<char*>(body.data()), body.size()}};
@@ -66,7 +66,7 @@ void ResponseOutput::Write(std::string_view head, std::string_view body) {
 }
 
 void ResponseOutput::WriteFile(int file, ByteRange range) {
-  // The most that one call can take.
+  // The most bytes that one call transfers.
   constexpr std::int64_t kMost = 0x7ffff000;
   while (has_reader_ && range.size() > 0) {
     const auto size = static_cast<std::size_t>(std::min(range.size(), kMost));
@@ -81,8 +81,8 @@ void ResponseOutput::WriteFile(int file, ByteRange range) {
   }
 }
 
-/// For outputs that sendfile(2) does not support, such as a file opened with
-/// O_APPEND.
+/// Replaces sendfile(2) for outputs that it does not support, such as a file
+/// opened with O_APPEND.
 void ResponseOutput::Copy(int file, ByteRange& range) {
   std::array<char, 32768> buffer;
   while (has_reader_ && range.size() > 0) {
@@ -100,7 +100,7 @@ void ResponseOutput::Copy(int file, ByteRange& range) {
   }
 }
 
-/// Returns when the write can be retried, or when the reader has gone.
+/// Returns when the write can be retried or the reader has gone.
 void ResponseOutput::WaitAfterFailedWrite() {
   if (HasReaderGone() || errno == EINTR) return;
   if (errno != EAGAIN) ThrowWriteError();

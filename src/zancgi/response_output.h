@@ -16,11 +16,11 @@ struct TerminationBlock {
 };
 
 /// Writes the answer to descriptor 1. Retries after signals and partial writes,
-/// and waits for a slow reader. Once the reader has gone, writes nothing more.
-/// SIGPIPE and SIGXFSZ are blocked while it lives.
+/// and waits for a slow reader. After the reader has gone, writes nothing more.
+/// Blocks SIGPIPE and SIGXFSZ during its lifetime.
 class ResponseOutput {
  public:
-  /// Flushes stdout, so that the answer comes after what was printed before.
+  /// Flushes stdout, so that text printed before precedes the answer.
   /// @throws std::runtime_error  it cannot be written
   ResponseOutput();
 
@@ -38,7 +38,8 @@ class ResponseOutput {
   bool HasReaderGone();
   void WaitUntilWritable();
 
-  /// Before the other, which puts back the signals that it finds blocked.
+  /// Declared before block_, whose destructor restores the signal mask that it
+  /// found and must keep SIGTERM blocked.
   TerminationBlock termination_block_;
   common::ScopedSignalBlock block_;
   bool has_reader_ = true;

@@ -1,5 +1,5 @@
 /// @file
-/// Private: finding the end of a file in the body of a form.
+/// Private: finds the end of a file in the body of a form.
 #ifndef ZANCGI_SEPARATOR_SCAN_H
 #define ZANCGI_SEPARATOR_SCAN_H
 
@@ -22,12 +22,13 @@ namespace zan_cgi {
 ///
 /// The rule, byte by byte: a byte equal to the separator's next byte extends
 /// the match; a byte that breaks a match is compared again with the separator's
-/// first byte only. Where the separator's first byte, the CR, does not come
-/// again in it, this finds exactly the occurrences of the separator: a byte
-/// inside a match is then never the beginning of another one. So any exact
-/// search may take its place, and the fast one does. Otherwise (a boundary
-/// value that holds a CR) the rule overlooks some occurrences, which is kept,
-/// so the rule itself is followed.
+/// first byte only.
+///
+/// If the separator's first byte, the CR, occurs only once in it, no separator
+/// can begin inside a match. The rule then finds exactly the occurrences of the
+/// separator, so a faster exact search is used. If the boundary value contains
+/// a CR, the rule misses some occurrences. This is kept for compatibility, so
+/// the rule itself is followed.
 class SeparatorScan {
  public:
   /// @param separator  CR LF "--" and any bytes
@@ -38,15 +39,15 @@ class SeparatorScan {
     needed_ = (1U << count) - 1;
   }
 
-  /// What one chunk has brought.
+  /// The result of scanning one chunk.
   struct Result {
-    const char* end;       ///< Behind the last byte looked at.
+    const char* end;       ///< After the last scanned byte.
     bool is_complete;      ///< The separator ends at #end.
-    bool match_is_broken;  ///< The match that went on from before broke.
+    bool match_is_broken;  ///< The match from earlier chunks ended here.
   };
 
-  /// Scans [begin, end) up to the separator's end, going on with a match that
-  /// the previous chunk ended in.
+  /// Scans [begin, end) up to the separator's end. Continues a match at the end
+  /// of the previous chunk.
   Result Scan(const char* begin, const char* end) {
 #ifdef __SSE2__
     if (begins_only_once_) return ScanFast(begin, end);
@@ -54,11 +55,11 @@ class SeparatorScan {
     return ScanByRule(begin, end);
   }
 
-  /// How many bytes of the separator the scanned bytes end in, all of them
+  /// Returns how many bytes of the separator the scanned bytes end in; its size
   /// after a complete match.
   std::size_t matched() const { return matched_; }
 
-  /// Begins a new search.
+  /// Starts a new search.
   void Restart() { matched_ = 0; }
 
   std::size_t size() const { return separator_.size(); }
@@ -67,7 +68,7 @@ class SeparatorScan {
   Result ScanByRule(const char* begin, const char* end) {
     const std::size_t known = matched_;
     const char* const stop = FollowRule(begin, end);
-    // Unbroken, it has grown by each byte.
+    // An unbroken match has grown by every scanned byte.
     const auto scanned = static_cast<std::size_t>(stop - begin);
     return {stop, matched_ == size(), known > 0 && matched_ != known + scanned};
   }
@@ -108,16 +109,16 @@ class SeparatorScan {
     return {stop, matched_ == size(), is_broken};
   }
 
-  /// Passes over blocks in which no separator begins. Returns where the first
-  /// one begins, or where what is left is too short for a block; no match is
-  /// open there, so the rule can go on from either.
+  /// Skips blocks in which no separator begins. Returns where the first one
+  /// begins, or where the rest is too short for a block. No match is open at
+  /// either place, so the rule can continue there.
   ///
-  /// First and third byte are compared at 64 places at once: both together are
-  /// rare even in data that is chosen to be slow, since the search for one
-  /// frequent byte is what a client could make slow.
+  /// The first and third byte are compared at 64 places at once. A client could
+  /// slow down the search for one frequent byte, but both together are rare
+  /// even in hostile data.
   const char* PassBlocks(const char* at, const char* end) const {
     constexpr std::ptrdiff_t kBlock = 64;
-    // So many bytes after each place in the block can be read.
+    // This many bytes after each place in the block can be read.
     const auto reach =
         static_cast<std::ptrdiff_t>(std::max(size(), kBeginning));
     for (; end - at >= kBlock + reach; at += kBlock) {
@@ -132,7 +133,7 @@ class SeparatorScan {
     return at;
   }
 
-  /// A bit for each of 64 places where the separator may begin.
+  /// Returns a bit for each of 64 places where the separator may begin.
   std::uint64_t CandidatesAt(const char* at) const {
     const __m128i first = _mm_set1_epi8(separator_[0]);
     const __m128i third = _mm_set1_epi8(separator_[2]);
@@ -140,16 +141,16 @@ class SeparatorScan {
       return _mm_and_si128(_mm_cmpeq_epi8(Load(at + lane), first),
                            _mm_cmpeq_epi8(Load(at + lane + 2), third));
     };
-    // Mostly there is none, which is found out without the bits.
+    // Usually no place matches, which this test shows without the bits.
     const __m128i any = _mm_or_si128(_mm_or_si128(compare(0), compare(16)),
                                      _mm_or_si128(compare(32), compare(48)));
     return _mm_movemask_epi8(any) == 0 ? 0 : PlacesWhere(compare);
   }
 
-  /// Compares further bytes at all places, as long as there are many. A CR
-  /// comes only once in the separator, so where two places are N bytes apart,
-  /// the first fails at its byte N: what is left lies apart. From the eighth
-  /// byte downwards, since the wider apart, the fewer there are anyway.
+  /// Compares further bytes at all places while there are many. A CR occurs
+  /// only once in the separator, so of two places N bytes apart the first fails
+  /// at its byte N. The remaining places lie far apart. The comparison starts
+  /// at the eighth byte and goes down, because fewer places can lie far apart.
   std::uint64_t ThinOut(const char* at, std::uint64_t places) const {
     for (std::size_t i = std::min<std::size_t>(size(), 8) - 1;
          i > 0 && HasMany(places); --i) {
@@ -166,7 +167,7 @@ class SeparatorScan {
     return places != 0;
   }
 
-  /// A bit for each of 64 places, from what is found in 16 of them at once.
+  /// Returns a bit for each of 64 places; @p compare tests 16 of them at once.
   template <class Compare>
   static std::uint64_t PlacesWhere(const Compare& compare) {
     std::uint64_t places = 0;
@@ -182,9 +183,9 @@ class SeparatorScan {
     return _mm_loadu_si128(reinterpret_cast<const __m128i_u*>(at));
   }
 
-  /// Compares the first 16 bytes. In data full of look-alikes this decides
-  /// nearly always, without a call; and a client cannot make many places pass
-  /// it, because the next CR is 16 bytes away then.
+  /// Compares the first 16 bytes. This is nearly always enough, even in hostile
+  /// data, and needs no call. Few places can pass, because the next CR is then
+  /// 16 bytes away.
   bool MayBeSeparator(const char* at) const {
     const __m128i alike = _mm_cmpeq_epi8(Load(at), Load(beginning_.data()));
     return (~static_cast<unsigned>(_mm_movemask_epi8(alike)) & needed_) == 0;
@@ -195,15 +196,15 @@ class SeparatorScan {
   }
 #endif
 
-  /// So many look-alikes in 64 bytes are compared one by one before all others
-  /// are thinned out together.
+  /// Up to this number of candidates in 64 bytes are compared one by one.
+  /// Beyond it the rest are thinned out together.
   static constexpr int kMostComparedSingly = 6;
   static constexpr std::size_t kBeginning = 16;
 
   std::string separator_;
   bool begins_only_once_;
   std::array<char, kBeginning> beginning_{};  ///< The separator's first bytes.
-  unsigned needed_ = 0;  ///< A bit for each of them that there is.
+  unsigned needed_ = 0;  ///< A bit for each byte of beginning_ that is set.
   std::size_t matched_ = 0;
 };
 

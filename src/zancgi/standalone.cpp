@@ -1,14 +1,14 @@
 // Makes the linker refuse a wholly static front end that becomes an account.
-// The C library would load modules for the look-up, and PAM its own: each of
-// them brings the shared C library into a process that has another one, and
-// Debian's module for systemd crashes there.
+// For that, the C library and PAM would load modules. Each module brings the
+// shared C library into a process that already has a static one, and Debian's
+// systemd module crashes there.
 
 #include <zancgi/account.h>
 #include <zancgi/zancgi.h>
 
 #include <string>
 
-/// Defined nowhere: its name is what the linker says.
+/// Not defined anywhere, so that the linker reports its name.
 extern "C" [[noreturn]] void
 becoming_an_account_needs_the_shared_C_library__link_zancgi_static_instead();
 

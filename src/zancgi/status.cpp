@@ -13,15 +13,16 @@ namespace zan_cgi {
 
 namespace {
 
-/// Who throws an exception, which decides its type.
+/// The library that throws an exception, which decides the exception's type.
 enum class Thrower : short {
   kProduct,     ///< std::runtime_error itself.
   kBaseLibrary  ///< tov_err::Error, or what derives from it.
 };
 
-/// Texts and not pointers to them, which would have to be set at each start.
+/// The texts are stored in place, because pointers would be relocated at each
+/// start.
 struct StatusOfText {
-  char text[48];  ///< One that ends in "..." is the beginning of the text.
+  char text[48];  ///< A final "..." matches any text after it.
   Thrower thrower;
   short status;
 };
@@ -62,7 +63,7 @@ bool IsThrownBy(Thrower thrower, const std::exception& error) {
              : dynamic_cast<const tov_err::Error*>(&error) != nullptr;
 }
 
-/// Whether it is what the request throws when it has no session id.
+/// Whether it is the error that a request without a session id throws.
 bool IsMissingSession(const std::exception& error) {
   if (dynamic_cast<const tov_err::Value*>(&error) == nullptr) return false;
   try {

@@ -1,6 +1,5 @@
 /// @file
-/// Private: what the system's databases say of an account, as Cgi::Su() uses
-/// it.
+/// Private: looks up an account in the system's databases, for Cgi::Su().
 #ifndef ZANCGI_SYSTEM_ACCOUNT_H
 #define ZANCGI_SYSTEM_ACCOUNT_H
 
@@ -11,7 +10,7 @@
 
 namespace zan_cgi {
 
-/// What the password database says of an account.
+/// An account in the password database.
 struct Account {
   std::string name;
   uid_t uid;
@@ -22,8 +21,8 @@ struct Account {
 /// @throws std::runtime_error "failed to get pw entry"
 Account FindAccount(const std::string& user);
 
-/// Returns the groups that a process gets with the account, the base group
-/// among them, at most as many as the kernel takes.
+/// Returns the groups that a process of the account gets, the base group
+/// included, at most as many as the kernel accepts.
 std::vector<gid_t> GroupsOf(const Account& account);
 
 }  // namespace zan_cgi

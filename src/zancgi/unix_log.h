@@ -1,5 +1,5 @@
 /// @file
-/// Private: the log module of zancgi_unix.cpp, which has two parts.
+/// Private: the log module of both files named zancgi_unix.cpp.
 #ifndef ZANCGI_UNIX_LOG_H
 #define ZANCGI_UNIX_LOG_H
 

@@ -14,12 +14,11 @@
 
 namespace zan_cgi {
 
-/// An output stream that appends to a file and holds nothing back: a full disk
-/// shows at the write that it fails, not at the close.
+/// Appends to a file without a buffer, so that a full disk is reported by the
+/// write that fails and not by the close.
 ///
-/// Once something has failed it stays bad, and writes have no effect. Its
-/// descriptor is never 0, 1 or 2, whatever the process was started with, and no
-/// other program inherits it.
+/// After an error it stays bad, and writes have no effect. Its descriptor is
+/// never 0, 1 or 2, and no other program inherits it.
 class UploadFile {
  public:
   UploadFile() = default;
@@ -27,9 +26,9 @@ class UploadFile {
   UploadFile(const UploadFile&) = delete;
   UploadFile& operator=(const UploadFile&) = delete;
 
-  /// Opens a file. Does not follow a link that somebody has put in its place,
-  /// nor wait for the reader of a FIFO. A terminal in its place does not become
-  /// that of the process, because it is opened for writing only.
+  /// Opens a file. Does not follow a symbolic link in its place or wait for the
+  /// reader of a FIFO. O_WRONLY keeps a terminal in its place from becoming the
+  /// controlling one.
   void Open(const std::string& path) {
     constexpr int kFlags =
         O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;

@@ -17,10 +17,10 @@
 namespace zan_cgi {
 namespace {
 
-/// The names that administrators and their clean-up rules know.
+/// The file names that administrators and their clean-up rules expect.
 constexpr char kNamePattern[] = "zantempXXXXXX";
 
-/// So many files are kept without a name: each takes a descriptor.
+/// The largest number of files without a name: each needs an open descriptor.
 constexpr std::size_t kMostUnnamed = 64;
 
 [[noreturn]] void ThrowNotStored(int error) {
@@ -32,7 +32,7 @@ std::string PathInProc(int descriptor) {
   return "/proc/self/fd/" + std::to_string(descriptor);
 }
 
-/// Fails with EEXIST where there is a file of that name.
+/// Fails with EEXIST if the name exists.
 bool LinkAs(int descriptor, const std::string& path) {
   return ::linkat(AT_FDCWD, PathInProc(descriptor).c_str(), AT_FDCWD,
                   path.c_str(), AT_SYMLINK_FOLLOW) == 0;
@@ -93,8 +93,8 @@ std::vector<std::string> UploadSpool::Paths() const {
   return paths;
 }
 
-/// The process may change its current directory later, and the path still has
-/// to lead to the file.
+/// Makes the directory's path absolute, because the process may change its
+/// current directory later.
 void UploadSpool::MakeAbsolute() {
   if (directory_.empty() || directory_.front() != '/') {
     const std::unique_ptr<char, decltype(&std::free)> current(
@@ -105,8 +105,8 @@ void UploadSpool::MakeAbsolute() {
   if (directory_.back() != '/') directory_ += '/';
 }
 
-/// Not every file system has files without a name, and to get one later takes
-/// /proc, which is not there in every root directory.
+/// Opens a file without a name. Not every file system supports this, and naming
+/// the file later needs /proc, which some root directories lack.
 bool UploadSpool::OpenUnnamed(File& file) const {
   const int made =
       ::open(directory_.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
@@ -126,8 +126,8 @@ void UploadSpool::OpenNamed(File& file) const {
   if (file.descriptor < 0) ThrowNotStored(errno);
 }
 
-/// Gives the file a name that was free a moment ago. Fails rather than take one
-/// that somebody else has taken meanwhile.
+/// Links the file under a name that mkostemp(3) found unused. If somebody takes
+/// that name meanwhile, tries another one.
 void UploadSpool::Link(File& file) const {
   for (int attempt = 1;; ++attempt) {
     std::string path = directory_ + kNamePattern;
@@ -150,7 +150,7 @@ void UploadSpool::PublishFile(File& file) {
     --unnamed_;
   }
   const int descriptor = std::exchange(file.descriptor, -1);
-  // Some file systems say only now that a write has failed.
+  // Some file systems report a failed write only here.
   if (descriptor >= 0 && ::close(descriptor) != 0 && errno != EINTR) {
     ThrowNotStored(errno);
   }

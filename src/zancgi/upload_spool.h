@@ -15,12 +15,12 @@ namespace zan_cgi {
 
 /// Stores uploads, and removes them again unless they are released.
 ///
-/// Where the file system can, a file has no name until the whole form has been
-/// read: a process that is killed before, as web servers do when the client
-/// goes, leaves nothing.
+/// If the file system supports it, a file has no name until the whole form has
+/// been read. So nothing remains of an upload if the process is killed before,
+/// as web servers do when the client disconnects.
 class UploadSpool {
  public:
-  /// @param directory  where files go; looked at when there is the first one
+  /// @param directory  where files go; first used by Begin()
   explicit UploadSpool(std::string directory);
   ~UploadSpool();
   UploadSpool(const UploadSpool&) = delete;
@@ -45,14 +45,14 @@ class UploadSpool {
   /// Returns the path of each upload, in the order of Begin(), after Publish().
   std::vector<std::string> Paths() const;
 
-  /// Leaves the files to whoever has their paths.
+  /// Hands the files over to the caller, who has their paths.
   void Release() noexcept { files_.clear(); }
 
  private:
-  /// A file, or what it was before it failed.
+  /// One file. After a failure its members may be partly set.
   struct File {
-    std::string path;     ///< Empty as long as it has no name.
-    int descriptor = -1;  ///< Open as long as it is written or has no name.
+    std::string path;     ///< Empty while the file has no name.
+    int descriptor = -1;  ///< Open while it is written or has no name.
   };
 
   void MakeAbsolute();
@@ -62,8 +62,8 @@ class UploadSpool {
   void PublishFile(File& file);
 
   std::string directory_;
-  /// As long as files are written: one that may not grow any more is refused,
-  /// and not the end of the process.
+  /// Active while files are written: when a file reaches the size limit, the
+  /// form is refused and the process is not killed.
   std::optional<common::ScopedSignalBlock> block_;
   std::vector<File> files_;
   std::size_t unnamed_ = 0;  ///< How many files have no name.

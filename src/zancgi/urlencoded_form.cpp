@@ -8,7 +8,7 @@ namespace {
 
 constexpr std::size_t kNowhere = std::string_view::npos;
 
-/// Without an escape at the end that the next piece may complete.
+/// Removes an incomplete escape at the end, which the next piece may complete.
 std::string_view WithoutCutEscape(std::string_view text) {
   const std::size_t last = text.rfind('%');
   const bool is_cut = last != kNowhere && text.size() - last < 3;
@@ -56,10 +56,10 @@ void UrlencodedParser::AppendDecoded(std::string& text,
   }
 }
 
-/// Of nothing between two "&" there is no field.
+/// Ends a field. Nothing between two "&" is not a field.
 void UrlencodedParser::EndField() {
   if (!has_begun_) return;
-  // Copies take no more memory than they need, and the next ones find room.
+  // The copies have no spare capacity, and the originals keep theirs.
   form_.AddField(std::string(name_), std::string(value_));
   name_.clear();
   value_.clear();

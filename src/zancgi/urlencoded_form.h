@@ -12,14 +12,14 @@
 
 namespace zan_cgi {
 
-/// Reads such a form piece by piece.
+/// Parses such a form piece by piece.
 class UrlencodedParser {
  public:
   explicit UrlencodedParser(FormCollector& form) : form_(form) {}
 
-  /// Takes what it can of a piece and returns how much that is: all of it but
-  /// an escape that is not complete.
-  /// @param is_last  nothing comes after it
+  /// Parses as much of a piece as possible and returns its length: all of it
+  /// except an incomplete escape at the end.
+  /// @param is_last  no other piece follows
   /// @throws FormError  413
   std::size_t Take(std::string_view piece, bool is_last);
 

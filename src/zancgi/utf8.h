@@ -8,8 +8,8 @@
 
 namespace zan_cgi {
 
-/// Returns how many bytes at the beginning are one character of UTF-8 (RFC 3629
-/// section 4); 0 when there is none.
+/// Returns how many bytes at the beginning form one UTF-8 character (RFC 3629
+/// section 4); 0 if they are invalid.
 inline std::size_t CharacterSize(std::string_view text) {
   const auto byte = [&](std::size_t i) -> unsigned {
     return i < text.size() ? static_cast<unsigned char>(text[i]) : 0;
@@ -21,11 +21,11 @@ inline std::size_t CharacterSize(std::string_view text) {
   if (first < 0xC2 || first > 0xF4 || !is_tail(1)) return 0;
   if (first < 0xE0) return 2;
   if (!is_tail(2)) return 0;
-  // Neither a longer form than needed nor half of a surrogate pair.
+  // Neither an overlong form nor half of a surrogate pair.
   if (first == 0xE0 && second < 0xA0) return 0;
   if (first == 0xED && second > 0x9F) return 0;
   if (first < 0xF0) return 3;
-  // Neither a longer form than needed nor above U+10FFFF.
+  // Neither an overlong form nor above U+10FFFF.
   if (first == 0xF0 && second < 0x90) return 0;
   if (first == 0xF4 && second > 0x8F) return 0;
   return is_tail(3) ? 4 : 0;

@@ -45,7 +45,7 @@ std::string ValueOrEmpty(const StringMap& values, const std::string& name) {
   return found == values.end() ? std::string() : found->second;
 }
 
-/// The parameters of a request, as far as its input has been parsed.
+/// Returns the parameters of a request that have been parsed so far.
 const StringMap& ParamsOf(Cgi::Data& request) {
   PayParams(request);
   return request.params;
@@ -57,7 +57,7 @@ bool Contains(const std::string& text, const char* part) {
 
 }  // namespace
 
-// The record of a request: its life, and what front ends ask of it.
+// The request record: its lifetime and accessors.
 
 namespace {
 
@@ -69,10 +69,11 @@ void RemoveUpload(const std::string& path) {
 
 void WarnOfUploadLeft(const std::string& path) noexcept {
   try {
-    // "tamporary" stays as it is: administrators search for this text.
+    // "tamporary" is misspelled on purpose: administrators search for this
+    // text.
     ZANCGI_LOG(kWarning, "failed to remove tamporary file '%s'", path.c_str());
   } catch (...) {
-    // There is nowhere to report this.
+    // The log is the last resort; nothing else can report the failure.
   }
 }
 
@@ -88,7 +89,7 @@ void ListKeys(const std::map<std::string, Value>& map,
 
 Cgi::Data::Data() {
   ParseCookies();
-  // As it was forwarded: neither split at commas nor trimmed.
+  // Stored as forwarded: not split at commas and not trimmed.
   remote_addr = tov_env::GetEnv("HTTP_X_FORWARDED_FOR");
   if (remote_addr.empty()) remote_addr = tov_env::GetEnv("REMOTE_ADDR");
   server_addr = tov_env::GetEnv("SERVER_ADDR");
@@ -108,7 +109,7 @@ Cgi::Data::~Data() {
 
 void Cgi::Data::CheckTmpDir() {
   if (tmp_dir.empty()) tmp_dir = tov_env::GetEnv("TMP");
-  // The parser's own default is another one, for compatibility.
+  // For compatibility, this default differs from the one in the parser.
   if (tmp_dir.empty()) tmp_dir = "tmp";
   if (!tov_file::Exists(tmp_dir)) {
     tov_file::MkDir(tmp_dir, nullptr);
@@ -189,12 +190,12 @@ void Cgi::Data::ParseCookies() {
   str::Split(tov_env::GetEnv("HTTP_COOKIE"), ";", pieces);
   for (std::string& piece : pieces) {
     const std::string name = str::GetWord(piece, '=');
-    // Unlike a parameter, the last cookie of a name counts.
+    // Unlike with parameters, the last cookie of a name counts.
     cookies[name] = piece;
   }
 }
 
-// What is parsed, and how long a body may be.
+// Parsing, and the limit of a body's length.
 
 void Cgi::Data::ParseQuery() {
   TraceEntry("void zan_cgi::Cgi::Data::ParseQuery()");
@@ -245,8 +246,8 @@ bool IsInputAtEnd() {
 
 const char* TrueOrFalse(bool value) { return value ? "true" : "false"; }
 
-/// The boundary as it stands in the body: "--" and the value that the content
-/// type gives, quotes included. The media type itself does not matter.
+/// Returns the boundary as it stands in the body: "--" and the value in the
+/// content type, quotes included. The media type itself is not checked.
 std::string AnnouncedBoundary() {
   std::string type = tov_env::GetEnv("CONTENT_TYPE");
   str::GetWord(type, "boundary=");
@@ -261,39 +262,42 @@ struct FreeMemory {
 };
 using ZeroedBuffer = std::unique_ptr<char[], FreeMemory>;
 
-/// Makes zeroed memory for reading into. What a small body does not touch costs
-/// nothing.
+/// Allocates zeroed memory. Pages that a small body does not use cost nothing.
 ZeroedBuffer MakeZeroedBuffer(std::size_t size) {
   ZeroedBuffer buffer(static_cast<char*>(std::calloc(size, 1)));
   if (!buffer) throw std::bad_alloc();
   return buffer;
 }
 
-/// Reads the body of one POST and fills the request record with it.
+/// Parses the body of one POST and fills the request record.
 ///
-/// Three words, three things: the boundary is "--" and the value that the
-/// content type gives; the separator, which ends a file, is CR LF and the
-/// boundary; a delimiter is what stands between words, such as ";".
+/// The code uses three terms: the boundary is "--" and the value in the content
+/// type; the separator, which ends a file, is CR LF and the boundary; a
+/// delimiter separates words, such as ";".
 ///
-/// A pass over the chunks of the body with four states. Each state is a method
-/// that takes what it can from the current chunk. What comes out is our promise
-/// to the byte, also where it is odd: front ends and stored forms rely on it.
-/// The next chunk is read only from a position at the end of the last one, so
-/// some bodies are never parsed to their end. These stay:
+/// The parser goes over the chunks of the body with four states. Each state is
+/// a method that consumes what it can of the current chunk. Every byte of the
+/// result is part of our promise, even where it is odd: front ends and stored
+/// forms depend on it. The next chunk is read only from a position at the end
+/// of the last one, so some bodies are never parsed to their end. These cases
+/// stay:
 /// - With an announced boundary, a read of no bytes after the first chunk
-///   leaves an empty chunk and the position where it was.
-/// - A boundary that is searched for, the first or one after an ignored part,
-///   sets the position beyond the chunk when it ends in its last two bytes.
-/// - So does the skip after a file when the next chunk is shorter than it.
-/// - As long as nothing has been read, in a body without a boundary, and while
-///   a body is drained, reads of no bytes are repeated for ever, with a pause
-///   after each.
-/// A front end bounds the first three by a limit of its processor time and
-/// memory; only a limit of real time, such as alarm(2), ends the last.
+///   leaves the chunk empty and the position unchanged.
+/// - When the parser searches for a boundary, the first or one after an ignored
+///   part, and it ends in the chunk's last two bytes, the position moves beyond
+///   the chunk.
+/// - The skip after a file does the same when the next chunk is shorter than
+///   the skip.
+/// - Before the first byte, in a body without a boundary, and while a body is
+///   drained, reads of no bytes are repeated without end, with a pause after
+///   each.
+///
+/// A front end can end the first three with a limit of processor time and
+/// memory. Only a limit of real time, such as alarm(2), ends the last.
 class BodyParser {
  public:
   /// @param length    the declared length of the body, not 0
-  /// @param boundary  "--" and its value
+  /// @param boundary  "--" and the announced value
   BodyParser(Cgi::Data& request, std::int64_t length,
              const std::string& boundary)
       : request_(request),
@@ -303,8 +307,8 @@ class BodyParser {
         boundary_(boundary),
         closing_boundary_(boundary + "--"),
         // The look-ahead reads the byte after a full chunk. A carry may copy
-        // from beyond a short one, but never beyond a full one, since some
-        // chunk has held the whole boundary.
+        // from beyond a short chunk, but never from beyond a full one, because
+        // some chunk has held the whole boundary.
         chunk_(MakeZeroedBuffer(capacity_ + 1)),
         separator_("\r\n" + boundary),
         carry_(separator_.size() + 1, '\0') {}
@@ -316,10 +320,10 @@ class BodyParser {
       AfterFailedPreparation();
       throw;
     }
-    // An error in here leaves the rest of the body unread and the record
-    // unparsed; the upload's file is closed, and the record removes it.
-    // The descriptor is read past std::cin, whose state only a front end can
-    // have changed. It is asked all the same, for compatibility.
+    // An error in this loop leaves the rest of the body unread and the record
+    // unparsed. The upload's file is closed, and the record removes it. The
+    // descriptor is read without std::cin, whose state only the front end can
+    // change. The state is checked for compatibility.
     do {
       Pass();
     } while (IsInputGood() && HasMore());
@@ -339,13 +343,14 @@ class BodyParser {
                       directory.c_str());
     }
     CheckFreeSpace();
-    // Cannot happen as long as it begins with two dashes. Kept, as a guard.
+    // Cannot happen, because the boundary begins with "--". Kept as a guard.
     if (boundary_.empty()) {
       throw std::runtime_error("Boundary definition not found");
     }
   }
 
-  /// Too little space is no error yet: a form without files needs none.
+  /// A lack of space is not an error yet, because a form without files needs
+  /// none.
   void CheckFreeSpace() {
     const auto needed = static_cast<std::uint64_t>(length_);
     const std::uint64_t free = request_.FreeSpaceSize(request_.tmp_dir);
@@ -354,13 +359,14 @@ class BodyParser {
                     static_cast<unsigned long long>(free));
     if (needed <= free) return;
     is_short_of_space_ = true;
-    // "enoght" stays as it is: administrators search for this text.
+    // "enoght" is misspelled on purpose: administrators search for this text.
     ZANCGI_LOG(kWarning,
                "There is not enoght free space on '%s' to process a query",
                request_.tmp_dir.c_str());
   }
 
-  /// The web server must see its body taken before the request fails.
+  /// Reads the body before the request fails, because the web server expects
+  /// that.
   void AfterFailedPreparation() {
     ZANCGI_LOG_HERE(kDebug, "Reading query before processing thrown exception");
     const std::int64_t count = Drain();
@@ -375,11 +381,11 @@ class BodyParser {
     return count;
   }
 
-  /// Reads the next chunk of a body of which so many bytes have been read.
+  /// Reads the next chunk of a body after @p total bytes.
   std::int64_t ReadAfter(std::int64_t total) {
     const long wanted =
         std::min(length_ - total, static_cast<std::int64_t>(capacity_));
-    // Nothing left to read is nothing read; a wait for it would not end well.
+    // Without a byte left to read, a wait would last until the time limit.
     const long count = wanted == 0 ? 0 : request_.Read(chunk_.get(), wanted);
     if (count < 0) throw std::runtime_error("Error reading STDIN");
     if (count == 0) tov_proc::Sleep(kEmptyReadPauseMs);
@@ -392,7 +398,7 @@ class BodyParser {
   }
 
   void Pass() {
-    // Once an upload has failed, the rest of each chunk is dropped.
+    // After an upload has failed, the rest of each chunk is dropped.
     if ((position_ == size_ || has_upload_failed_) && !ReadChunk()) return;
     switch (state_) {
       case State::kSeekBoundary:
@@ -410,9 +416,8 @@ class BodyParser {
 
   bool ReadChunk() {
     size_ = static_cast<std::size_t>(ReadAfter(total_));
-    // The position stays where it is, beyond the empty chunk: kept for
-    // compatibility, although with an announced boundary nothing is ever read
-    // again then.
+    // Kept for compatibility: the position stays beyond the empty chunk. With
+    // an announced boundary, nothing is read after that.
     if (size_ == 0) return false;
     total_ += static_cast<std::int64_t>(size_);
     position_ = std::exchange(skip_, 0);
@@ -421,7 +426,7 @@ class BodyParser {
 
   bool CompleteLine() {
     if (ExtendLine(chunk_.get(), size_, position_, line_)) return true;
-    // Memory is bounded even when a line never ends.
+    // Limits the memory for a line that never ends.
     if (state_ == State::kFieldValue && IsLineTooLong()) CheckValueLine();
     return false;
   }
@@ -430,7 +435,8 @@ class BodyParser {
 
   void SeekBoundary() {
     if (!IsBoundaryAnnounced()) {
-      // Also back from beyond an empty chunk, so that the next one is read.
+      // Also moves back from beyond an empty chunk, so that the next one is
+      // read.
       position_ = size_;
     } else if (FindBoundary()) {
       return;
@@ -445,8 +451,8 @@ class BodyParser {
     const std::size_t end =
         FindBoundaryEnd(boundary_, chunk_.get(), size_, position_);
     if (end == std::string::npos) return false;
-    // Over the CR LF, unseen. In the last two bytes of a chunk this goes beyond
-    // its end; no skip is carried over here.
+    // Skips the CR LF unchecked. In the last two bytes of a chunk this moves
+    // beyond its end, and the skip does not continue in the next chunk.
     position_ = end + 2;
     has_seen_boundary_ = true;
     state_ = State::kPartHeaders;
@@ -455,7 +461,7 @@ class BodyParser {
 
   bool IsBoundaryAnnounced() const { return boundary_.size() > 2; }
 
-  /// As long as no boundary comes, the body may be a query string.
+  /// Until a boundary is found, the body may be a query string.
   void KeepRawChunk() {
     ZANCGI_LOG_HERE(kDebug, "appending %d chars to buff",
                     static_cast<int>(size_));
@@ -463,8 +469,9 @@ class BodyParser {
     raw_body_.append(chunk_.get(), size_);
   }
 
-  /// Room for the body as it was declared. Copies to ever more room would cost
-  /// more than the parsing; but no client gets gigabytes for a mere promise.
+  /// Returns how much memory to reserve for the body. Without a reserve,
+  /// growing would cost more than the parsing. The limit keeps a client from
+  /// claiming gigabytes by a mere Content-Length.
   std::size_t RawBodyReserve() const {
     constexpr std::uint64_t kMostOnTrust = std::uint64_t{16} << 20;
     return std::min(static_cast<std::uint64_t>(length_), kMostOnTrust);
@@ -477,7 +484,7 @@ class BodyParser {
     } else if (line_.starts_with(kDisposition)) {
       TakeDisposition(line_.substr(kDisposition.size()));
     }
-    // Other headers, the part's content type too, have no effect.
+    // Other headers, including the part's content type, have no effect.
     line_.clear();
   }
 
@@ -506,9 +513,9 @@ class BodyParser {
       return;
     }
     after_headers_ = AfterHeaders::kNone;
-    // In the order sent: a file name before the name is overruled by it, and
-    // the part is then a field that holds the file's content. An empty
-    // attribute, as between ";;", ends the list. Kept for compatibility, both.
+    // Kept for compatibility: attributes count in the order sent, so a name
+    // after a file name turns the part into a field with the file's content. An
+    // empty attribute, as between ";;", ends the list.
     for (;;) {
       const std::string attribute = disposition.Next();
       if (attribute.empty()) break;
@@ -517,17 +524,16 @@ class BodyParser {
     if (after_headers_ == AfterHeaders::kFileData) AnnounceFile();
   }
 
-  /// Kept for compatibility: any attribute that begins with these letters is
-  /// one, "names" and "filename*" too; and a name that a part does not give is
-  /// left from the part before.
+  /// Kept for compatibility: only the beginning of an attribute is compared, so
+  /// "names" and "filename*" count, too. A part without a name or file name
+  /// keeps the previous one.
   void TakeAttribute(const std::string& attribute) {
     if (attribute.starts_with("name")) {
       SetElementName(QuotedValue(attribute));
       if (element_name_.empty()) {
         ZANCGI_LOG_HERE(kDebug, "Element with empty name found. Ignoring.");
       } else {
-        // A field of the name "filename" cannot be sent: kept for
-        // compatibility.
+        // Kept for compatibility: a field named "filename" cannot be sent.
         after_headers_ = element_name_ == "filename"
                              ? AfterHeaders::kFileData
                              : AfterHeaders::kFieldValue;
@@ -549,9 +555,9 @@ class BodyParser {
     file_name_ = std::move(name);
   }
 
-  /// The parameter of the element name; a new one gets the value given. Looked
-  /// up once for each name sent: a name may be long, and its value may have as
-  /// many lines.
+  /// Returns the parameter of the element name; a new one gets the given value.
+  /// The parameter is looked up once per name sent, because a long name may
+  /// have a value of as many lines.
   MapFiller::Place Element(const std::string& value) {
     if (element_ != nullptr) return {element_, false};
     const MapFiller::Place place = params_.FindOrInsert(element_name_, value);
@@ -559,15 +565,15 @@ class BodyParser {
     return place;
   }
 
-  /// The entry of the client's file name, looked up once for each name sent.
+  /// Returns the entry of the client's file name, looked up once per name sent.
   Cgi::Data::FileInfo& Upload() {
     if (upload_ == nullptr) upload_ = &request_.files[file_name_];
     return *upload_;
   }
 
-  /// Makes the client's file name the value of the element. A name that stays
-  /// for many parts is not copied for each of them: such a part's element is
-  /// "filename", to which no field is ever joined.
+  /// Stores the client's file name as the element's value. If many parts repeat
+  /// the name, it is copied only once: the element of such parts is "filename",
+  /// to which no field is ever joined.
   void NameFileInElement() {
     const auto [value, is_new] = Element(file_name_);
     if (!is_new && value != named_in_) *value = file_name_;
@@ -575,8 +581,8 @@ class BodyParser {
   }
 
   void AnnounceFile() {
-    // Before the names are looked at: a file input left empty fails the request
-    // too. Kept for compatibility.
+    // Kept for compatibility: this comes before the check of the names, so an
+    // empty file input also fails the request.
     if (is_short_of_space_) has_upload_failed_ = true;
     if (file_name_.empty() || element_name_.empty()) {
       ZANCGI_LOG_HERE(
@@ -588,7 +594,7 @@ class BodyParser {
     }
   }
 
-  /// By the line, not by the value: kept for compatibility.
+  /// Kept for compatibility: the limit applies to a line, not to the value.
   bool IsLineTooLong() const {
     return line_.size() > std::size_t{kLongestLine};
   }
@@ -614,7 +620,7 @@ class BodyParser {
     line_.clear();
   }
 
-  /// The lines of a value, and the values of a repeated field.
+  /// Joins the lines of a value, and the values of a repeated field.
   void JoinToElement() {
     const auto [value, is_new] = Element(line_);
     if (!is_new) value->append("\n").append(line_);
@@ -625,7 +631,7 @@ class BodyParser {
     const char* const begin = chunk_.get() + std::min(position_, size_);
     const SeparatorScan::Result found =
         separator_.Scan(begin, chunk_.get() + size_);
-    // What earlier chunks ended in was data after all.
+    // The match of earlier chunks broke, so those bytes are data.
     if (found.match_is_broken && carried_ > 0) WriteCarry();
     const auto scanned = static_cast<std::size_t>(found.end - begin);
     const std::size_t count = scanned - (separator_.matched() - carried_);
@@ -648,12 +654,12 @@ class BodyParser {
     file_size_ = 0;
   }
 
-  /// Makes a file and the entry that names it, and returns the entry's path. A
-  /// file without an entry would never be removed, so it does not outlive a
-  /// failure to make one.
+  /// Makes a file and its entry, and returns the path in the entry. If the
+  /// entry cannot be made, the file is removed, because nothing else would
+  /// remove it.
   ///
-  /// Of two uploads with one client file name the later counts. The entry's
-  /// size stays the earlier one's until the new upload is complete.
+  /// If two uploads have the same client file name, the later one counts. The
+  /// entry keeps the earlier size until the new upload is complete.
   const std::string& MakeFile() {
     const tov_file::Tmp made(tov_file::ConcatPath(request_.tmp_dir, "zantemp"));
     try {
@@ -668,19 +674,19 @@ class BodyParser {
     }
   }
 
-  /// For a file whose removal nothing depends on: no reason to fail the
-  /// request, nor to hide why it fails.
+  /// Best effort: a file that remains must not fail the request, nor hide an
+  /// earlier error.
   static void RemoveIfPossible(const std::string& path) noexcept {
     try {
       tov_file::RemoveFile(path);
     } catch (...) {
-      // It stays.
+      // The file remains.
     }
   }
 
-  /// Does something to the upload's file. When the file could not even be
-  /// opened, a failure does not count: the first write reports it, once the
-  /// whole body is read.
+  /// Runs an action on the upload's file. If the file could not be opened, a
+  /// failure is ignored: the first write reports it, after the whole body has
+  /// been read.
   template <class Action>
   static void IgnoreErrorsUnlessOpened(bool was_opened, const Action& action) {
     try {
@@ -707,13 +713,14 @@ class BodyParser {
     has_upload_failed_ = true;
   }
 
-  /// Keeps the beginning of a separator that the chunk ends in: if it does not
-  /// go on in the next chunk, it is data.
+  /// Keeps the beginning of a separator at the end of the chunk: it is data
+  /// unless the separator continues in the next chunk.
   ///
-  /// It is taken from where it would be if the scan had begun with the chunk,
-  /// and with the separator. Behind the headers in one chunk, and for a
-  /// separator that spans three, that is the wrong place, and if the match
-  /// breaks, those wrong bytes are written: kept for compatibility.
+  /// Kept for compatibility: the bytes are copied from where they would be if
+  /// the scan and the separator had both begun with the chunk. That is the
+  /// wrong place for file data that follows the headers in the same chunk, and
+  /// for a separator that spans three chunks. If the match then breaks, the
+  /// wrong bytes are written.
   void CarryMatch(std::size_t count) {
     for (; carried_ < separator_.matched(); ++carried_) {
       carry_[carried_] = chunk_.get()[count + carried_];
@@ -724,7 +731,7 @@ class BodyParser {
   void EndFile(std::size_t end) {
     separator_.Restart();
     carried_ = 0;
-    // Over CR LF or the "--" of the last boundary, unseen.
+    // Skips the CR LF, or the "--" of the last boundary, unchecked.
     position_ = end + 2;
     if (position_ > size_) {
       skip_ = position_ - size_;
@@ -759,8 +766,8 @@ class BodyParser {
                     static_cast<unsigned>(length_));
   }
 
-  /// Unlike those of a query string, keys are not decoded, and the last value
-  /// of a key counts.
+  /// Parses the body as a query string. Unlike there, keys are not decoded, and
+  /// the last value of a key counts.
   void TakeRawBody() {
     ZANCGI_LOG_HERE(kDebug, "no boundaries in POST data, assuming GET format");
     for (FieldCursor items(raw_body_, '&'); !items.AtEnd();) {
@@ -773,15 +780,15 @@ class BodyParser {
 
   Cgi::Data& request_;
   MapFiller params_;              ///< Fills the request's parameters.
-  const std::int64_t length_;     ///< The body's, as declared.
+  const std::int64_t length_;     ///< Declared length of the body.
   const std::uint64_t capacity_;  ///< The largest chunk.
   const std::string boundary_;
   const std::string closing_boundary_;
 
-  ZeroedBuffer chunk_;        ///< What earlier chunks have left stays in it.
+  ZeroedBuffer chunk_;        ///< Bytes of earlier chunks stay in it.
   std::size_t size_ = 0;      ///< Length of the chunk.
-  std::size_t position_ = 0;  ///< Where to go on in it; may be beyond its end.
-  std::size_t skip_ = 0;      ///< Where to begin in the next one.
+  std::size_t position_ = 0;  ///< Where to continue; may be beyond its end.
+  std::size_t skip_ = 0;      ///< How much of the next one to skip.
   std::int64_t total_ = 0;    ///< Bytes read so far.
 
   State state_ = State::kSeekBoundary;
@@ -829,9 +836,9 @@ long Cgi::Read(char* buffer, long length) {
 
 namespace {
 
-/// Throws unless there is a back end that may be asked. Inside an account's
-/// folder the account could have put its own socket in the back end's place,
-/// which would get the visitor's session and could answer that he is root.
+/// Throws unless the back end may be queried. In a folder of an account, the
+/// account could replace the back end's socket by its own, receive the
+/// visitor's session and answer that the visitor is root.
 void RequireBackEnd(const std::string& tov_name) {
   if (tov_name.empty()) throw tov_err::Missed("tovname", "");
   if (IsInsideAccountsFolder()) {
@@ -847,8 +854,8 @@ bool IsForwarded(const std::string& name) {
          name == "HTTPS";
 }
 
-/// The environment that the back end gets to see. It always sees a GET of the
-/// composed query, whatever the browser has sent.
+/// Returns the environment for the back end. It always describes a GET of the
+/// composed query, whatever the browser sent.
 StringMap BackendEnvironment(const std::string& query) {
   StringMap all;
   tov_env::GetAllEnvs(all);
@@ -861,9 +868,9 @@ StringMap BackendEnvironment(const std::string& query) {
   return forwarded;
 }
 
-/// Adds output format, session and "sfrom" to a query. That an item is there
-/// already is decided by a plain search: "layout=1" counts as "out=", which
-/// front ends rely on. Values are added without encoding, likewise.
+/// Adds output format, session and "sfrom" to a query. A plain search decides
+/// whether an item exists: "layout=1" counts as "out=". Values are added
+/// without encoding. Front ends depend on both.
 void AddImplicitItems(Cgi::Data& request, std::string& query) {
   if (!Contains(query, "out=")) {
     query = str::Append(query, "out=xml", "&");
@@ -897,7 +904,7 @@ void DropTextBeforeXml(std::string& answer) {
   if (declaration != std::string::npos) answer.erase(0, declaration);
 }
 
-/// One attempt: a connection of its own, closed again however it ends.
+/// Makes one attempt with a connection of its own, which is always closed.
 std::string Exchange(const std::string& tov_name, const StringMap& environment,
                      const std::string& query) {
   const std::unique_ptr<tov_client::Protocol> connection =
@@ -939,8 +946,9 @@ std::string Cgi::Query(const std::map<std::string, std::string>& params) {
   for (const auto& [name, value] : params) {
     std::string item = name;
     item.append("=").append(str::url::Encode(value));
-    // What an empty query does to the separator is the base library's to say;
-    // after that the items are added in place, or each would copy them all.
+    // The base library decides how an empty query is joined. After that the
+    // items are appended in place, because str::Append() would copy the query
+    // each time.
     if (query.empty()) {
       query = str::Append(query, item, "&");
     } else {
@@ -954,8 +962,8 @@ std::string Cgi::Query(const std::map<std::string, std::string>& params) {
 
 namespace {
 
-/// Puts the session's id into the record, and where it came from. An id that is
-/// known from an earlier call stays.
+/// Stores the session id and its source in the record. An id from an earlier
+/// call is kept.
 void FindSession(Cgi& cgi, Cgi::AuthInfo::AuthMethod method,
                  Cgi::Data& record) {
   using Auth = Cgi::AuthInfo;
@@ -971,9 +979,9 @@ void FindSession(Cgi& cgi, Cgi::AuthInfo::AuthMethod method,
     session.auth = cgi.Param("auth");
     session.method = Auth::AuthParams;
   } else {
-    // Also for a session that is known from an earlier call, and for a missing
-    // cookie where only the cookie counts: kept for compatibility. The back end
-    // then answers for an empty session.
+    // Kept for compatibility: this also applies to a session from an earlier
+    // call, and to a missing cookie if only the cookie counts. The back end
+    // then decides about an empty session.
     ZANCGI_LOG_HERE(kDebug, "session cookie found");
     session.method = Auth::AuthCookie;
   }
@@ -981,7 +989,7 @@ void FindSession(Cgi& cgi, Cgi::AuthInfo::AuthMethod method,
 
 void ThrowUnlessConfirmed(const tov_xml::Xml& answer,
                           const std::string& tov_name) {
-  // The error first: an answer that holds both is a refusal.
+  // The error comes first: an answer with both is a refusal.
   const tov_xml::XmlNode error = answer.GetNode("/doc/error");
   if (error) {
     if (error.GetProp("type") == "access") {

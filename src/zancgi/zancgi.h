@@ -2,8 +2,8 @@
 /// libzancgi: one HTTP request as seen by the CGI front end of a web
 /// administration interface (RFC 3875).
 ///
-/// A front end makes one zan_cgi::Cgi and asks everything through it. One
-/// request is served in one thread; nothing here is locked.
+/// Each request needs one zan_cgi::Cgi, which gives access to everything else.
+/// Use it in one thread: nothing here is locked.
 #ifndef ZANCGI_ZANCGI_H
 #define ZANCGI_ZANCGI_H
 
@@ -17,30 +17,30 @@
 #error "libzancgi needs C++11's std::string: use -D_GLIBCXX_USE_CXX11_ABI=1"
 #endif
 
-/// A part of the version.
+/// Components of the version.
 /// @{
 #define ZANCGI_VERSION_MAJOR 1
 #define ZANCGI_VERSION_MINOR 1
 #define ZANCGI_VERSION_PATCH 0
 /// @}
 
-/// The version as one number, to be compared: 1002003 is version 1.2.3.
+/// The version as one number for comparisons: 1002003 is version 1.2.3.
 #define ZANCGI_VERSION                                            \
   (ZANCGI_VERSION_MAJOR * 1000000 + ZANCGI_VERSION_MINOR * 1000 + \
    ZANCGI_VERSION_PATCH)
 
-/// The version as people write it.
+/// The version as text.
 #define ZANCGI_VERSION_STRING                               \
   ZANCGI_DOTTED(ZANCGI_VERSION_MAJOR, ZANCGI_VERSION_MINOR, \
                 ZANCGI_VERSION_PATCH)
-/// What the former is made with.
+/// Helpers of ZANCGI_VERSION_STRING.
 /// @{
 #define ZANCGI_DOTTED(major, minor, patch) \
   ZANCGI_QUOTED(major) "." ZANCGI_QUOTED(minor) "." ZANCGI_QUOTED(patch)
 #define ZANCGI_QUOTED(number) #number
 /// @}
 
-/// Has what it marks exported.
+/// Exports a symbol from libzancgi.so.
 #define ZANCGI_API __attribute__((visibility("default")))
 
 struct pam_message;
@@ -48,17 +48,17 @@ struct pam_response;
 
 namespace zan_cgi {
 
-/// One request: its parameters, cookies and uploads, its conversation with the
+/// One request: its parameters, cookies and uploads, its queries to the
 /// back-end service, and its authorization.
 ///
-/// Copies share one request record, which lives as long as the last of them.
-/// Strings are byte strings; no encoding is assumed. Besides what is said
-/// below, every operation may throw std::bad_alloc.
+/// Copies share one request record, which exists as long as any of them.
+/// Strings are byte strings; no encoding is assumed. Every operation may throw
+/// std::bad_alloc.
 class ZANCGI_API Cgi {
  public:
-  /// Who is calling, as the back end said.
+  /// The caller, as reported by the back end.
   struct AuthInfo {
-    /// Where the session id is looked for, and where it was found.
+    /// Where to look for the session id, and where it was found.
     enum AuthMethod : std::int32_t {
       AuthAny = 0,     ///< The session cookie first, then the parameter "auth".
       AuthCookie = 1,  ///< The session cookie.
@@ -75,27 +75,27 @@ class ZANCGI_API Cgi {
 
   class Data;
 
-  /// Reads the cookies and addresses of the request and makes the folder above
-  /// the program's folder the current directory.
+  /// Reads the cookies and addresses of the request and makes the parent of the
+  /// program's folder the current directory.
   ///
-  /// A current directory that cannot be entered is no error.
+  /// It is not an error if that directory cannot be entered.
   /// @param binary_name  path of the front end's program, usually argv[0]
   /// @param tov_name     name of the back-end service; may be empty
   /// @throws tov_err::AssertError when @p binary_name is empty
   /// @throws tov_err::Error when the program's folder cannot be resolved
   Cgi(const std::string& binary_name, const std::string& tov_name);
 
-  /// Returns the value of a request parameter; empty when there is none.
+  /// Returns the value of a request parameter; empty if there is none.
   ///
-  /// The values of a parameter that is repeated in a query string are joined by
-  /// ", ", those of a repeated field in a multipart form by LF. Of any other
-  /// body the last value counts, and its names are not decoded. Parses the
-  /// input first if that has not happened yet.
+  /// The values of a repeated parameter are joined by ", " in a query string
+  /// and by LF in a multipart form. In any other body the last value counts,
+  /// and names are not decoded. Parses the input first if that has not happened
+  /// yet.
   /// @throws std::runtime_error as ParseQuery()
   std::string Param(const std::string& name);
 
-  /// Returns the value of a cookie, just as it was sent (RFC 6265 section
-  /// 5.4); empty when there is none. Of cookies with one name the last counts.
+  /// Returns the value of a cookie as it was sent (RFC 6265 section 5.4); empty
+  /// if there is none. If several cookies have the same name, the last counts.
   std::string Cookie(const std::string& name);
 
   /// Returns the path of an uploaded file; empty when there is none.
@@ -121,54 +121,53 @@ class ZANCGI_API Cgi {
   /// @throws std::runtime_error as ParseQuery()
   void GetFileNames(std::vector<std::string>& names) const;
 
-  /// Parses the request's input, once; a further call only writes a warning.
+  /// Parses the request's input, once; a further call only logs a warning.
   ///
-  /// A GET is its query string. A POST is its body, a multipart form
-  /// (RFC 7578) or, without a boundary, a query string; the uploads in it are
-  /// written to the temporary directory as they come. A POST whose declared
-  /// length is 0 stays unparsed, and the next access tries again.
+  /// The input of a GET is its query string. The input of a POST is its body: a
+  /// multipart form (RFC 7578) or, without a boundary, a query string. Uploads
+  /// are written to the temporary directory during parsing. A POST with a
+  /// declared length of 0 stays unparsed, and the next access tries again.
   ///
-  /// Some bodies are parsed for ever, using all the processor time or sleeping,
-  /// and some forms come out wrong; docs/security.md lists both.
+  /// Some bodies are parsed without end, using the processor or sleeping, and
+  /// some forms give wrong results; docs/security.md lists both.
   /// @throws std::runtime_error "bad request method '...'" unless
   ///   `REQUEST_METHOD` is GET or POST; the input then stays unparsed. Of a
   ///   POST: what Data::ParseInput() throws
   void ParseQuery();
 
   /// Reads a piece of the request's body from standard input, for front ends
-  /// that take the body as it is instead of having it parsed.
+  /// that use the body without parsing it.
   ///
   /// Waits up to 30 seconds for input.
-  /// @param buffer  where the bytes go; the caller's
-  /// @param length  how many bytes to read at most
-  /// @returns the number of bytes read; 0 when there was nothing, but a further
-  ///   call may bring something (a signal came, or the descriptor is at its
-  ///   end without a hang-up); -1 when the writer has gone or reading failed
+  /// @param buffer  receives the bytes; owned by the caller
+  /// @param length  the largest number of bytes to read
+  /// @returns the number of bytes read; 0 if nothing was read but a further
+  ///   call may succeed (after a signal, or at the end of the input without a
+  ///   hang-up); -1 if the writer has gone or reading failed
   /// @throws std::runtime_error "timeout" when nothing came in time, after
   ///   which standard input is closed; "polling error: ..." or "invalid polling
-  ///   request" when it cannot be waited for
+  ///   request" when waiting fails
   long Read(char* buffer, long length);
 
-  /// Sets the directory in which uploads are spooled and makes it if it is
-  /// missing. To be called before the input is parsed.
+  /// Sets the directory for uploads and makes it if it is missing. Call it
+  /// before the input is parsed.
   ///
-  /// It should belong to this program alone, with mode 0700, or be sticky and
-  /// listable by nobody (mode 1733). Whoever may rename files in it can
-  /// exchange an upload; whoever can list it, as everybody can /tmp, can read
-  /// an upload while Su() hands it over.
-  /// @param dir  the directory; when empty, the value of `TMP`, and failing
-  ///   that "tmp" below the current directory. The parents must exist.
+  /// The directory should belong to this program alone, with mode 0700, or be
+  /// sticky and not listable (mode 1733). Anybody who may rename files in it
+  /// can exchange an upload. Anybody who can list it, as everybody can list
+  /// /tmp, can read an upload while Su() hands it over.
+  /// @param dir  the directory; if empty, the value of `TMP`, or without that
+  ///   "tmp" below the current directory. The parents must exist.
   /// @throws std::runtime_error "temp dir '...' is not a directory"
   /// @throws tov_err::Error when it cannot be made. The name is kept in either
   ///   case.
   void SetTmpDir(const std::string& dir);
 
-  /// Refuses a POST body that is longer than the front end accepts, by the
-  /// length that it declares. To be called before the input is parsed; without
-  /// it there is no limit.
-  /// @param maxLength  the largest accepted length, in bytes. The declared
-  ///   length is taken as at most 2147483647, so a limit from there on refuses
-  ///   nothing.
+  /// Refuses a POST body with too large a declared length. Call it before the
+  /// input is parsed; without it there is no limit.
+  /// @param maxLength  the largest accepted length, in bytes. A declared length
+  ///   above 2147483647 counts as 2147483647, so a limit of 2147483647 or more
+  ///   has no effect.
   /// @throws std::runtime_error "Post data too large. Max allowed length is
   ///   ...KB", in whole units of 1024 bytes
   void CheckContentLength(long maxLength);
@@ -176,88 +175,88 @@ class ZANCGI_API Cgi {
   /// Sends a query to the back-end service and returns its whole answer.
   ///
   /// Adds "out=xml" unless the query names an output format, the session id as
-  /// "auth=" if it came from the parameters, and the request's parameter
-  /// "sfrom" as far as it has been parsed. Values are added as they are, not
-  /// encoded. Of an answer in XML, everything before "<?xml" is dropped. A
-  /// failing back end is tried four times without a pause, so a query may be
-  /// carried out more than once. Waits for as long as the back end takes. To be
-  /// called before Su().
+  /// "auth=" if it came from the parameters, and the parameter "sfrom" if the
+  /// input has been parsed and contains it. These values are added without
+  /// encoding. Everything before "<?xml" is removed from an XML answer. If the
+  /// back end fails, the query is sent up to four times without a pause, so it
+  /// may be executed more than once. Waits for the back end without a time
+  /// limit. Call it before Su().
   /// @param query  items "name=value", encoded and joined by "&"
   /// @throws tov_err::Missed when the service has no name
-  /// @throws tov_err::Value when the session should have come from the
-  ///   parameters but did not
+  /// @throws tov_err::Value when the session id should be in the parameters but
+  ///   is missing
   /// @throws tov_err::Error of the fourth attempt when all have failed
   /// @throws std::runtime_error "the back end cannot be asked from inside an
-  ///   account's folder" when the process is confined to a folder that is not
-  ///   root's own; nothing is sent then
+  ///   account's folder" when the process is confined to a folder that others
+  ///   than root control; nothing is sent then
   std::string Query(std::string query);
 
   /// The same for a map of parameters, sent in ascending byte order of their
-  /// names. Values are URL-encoded, names are not.
+  /// names. Values are URL-encoded; names are not.
   std::string Query(const std::map<std::string, std::string>& params);
 
-  /// Changes the name of the back-end service. It is checked by the next
-  /// Query() or Authorize() only.
+  /// Changes the name of the back-end service. The next Query() or Authorize()
+  /// checks it.
   void SetTovName(const std::string& name);
 
-  /// Finds the session id and asks the back end whose session it is.
+  /// Finds the session id and verifies it with the back end.
   ///
-  /// The session cookie is named after the service, with "ses5" appended; the
-  /// language cookie likewise with "lang5". Session id and method keep their
-  /// new values even when the call fails.
-  /// @param method  where to look for the session id. AuthCookie asks the back
-  ///   end even without a cookie. Once a session id is known, a further call
-  ///   uses it again and takes it for one from the cookie.
+  /// The session cookie has the name of the service with "ses5" appended, the
+  /// language cookie with "lang5". Session id and method keep their new values
+  /// even if the call fails.
+  /// @param method  where to look for the session id. With AuthCookie the back
+  ///   end is queried even without a cookie. A further call reuses a known
+  ///   session id and treats it as one from the cookie.
   /// @throws tov_err::Missed when the service has no name
   /// @throws tov_err::Value when no session id was found, except for AuthCookie
   /// @throws tov_err::Error when the back end cannot be reached
   /// @throws std::runtime_error "You do not authorized for this operation" when
   ///   the back end refuses access, "unknown authorization error" when it
-  ///   reports another error, "bad answer from '...'" when its answer is none;
-  ///   as Query()
+  ///   reports another error, "bad answer from '...'" when its answer is
+  ///   invalid; as Query()
   void Authorize(AuthInfo::AuthMethod method);
 
-  /// Returns what the last successful Authorize() has found. The reference is
-  /// valid as long as a copy of this object lives.
+  /// Returns the result of the last successful Authorize(). The reference is
+  /// valid while any copy of this object exists.
   /// @throws std::runtime_error "not authorized" before the first success
   const AuthInfo& auth() const;
 
-  /// Makes this process a system account for the rest of its life, and hands
-  /// the uploads over to it. Needs root's rights. To be called once, after the
-  /// input is parsed and before there is a second thread. Every folder above
-  /// the account's home must be root's.
+  /// Makes this process a system account for the rest of its life and hands the
+  /// uploads over to it. Needs root's rights. Call it once, after the input is
+  /// parsed and before a second thread starts. Every folder above the account's
+  /// home must belong to root.
   ///
-  /// The uploads get the account's owner and group and mode 0644 and are moved
+  /// The uploads get the account's owner and group and mode 0644, and are moved
   /// into its home folder under their temporary names; File() returns their new
-  /// paths. Those that are still there when the last copy of this object goes
-  /// are removed. Then the process takes on the account's groups, group and
-  /// user, and enters @p dir. Its session keyring stays what it was.
+  /// paths. The uploads that are still there when the last copy of this object
+  /// is destroyed are removed. Then the process takes the account's groups,
+  /// group and user, and enters @p dir. It keeps its session keyring.
   ///
-  /// Whether the process may take on an identity is not checked: without the
-  /// rights it goes on as who it was. Compare ids, groups and capabilities
-  /// afterwards, as docs/guide.md does. Of root, uploads stay where they are,
+  /// The result is not checked: without the rights to switch, the process
+  /// continues as the user that it was. Compare ids, groups and capabilities
+  /// afterwards, as docs/guide.md does. For root, uploads stay where they are,
   /// and both flags are ignored.
   ///
-  /// Once an exception says anything but "failed to get pw entry", the request
-  /// must end: part of the switch may have been made, and nothing is undone.
+  /// After any exception except "failed to get pw entry", the request must end:
+  /// part of the switch may have been made, and nothing is undone.
   /// @param user        login name of the account
-  /// @param dir         the directory to enter. Confined: a path in the home
-  ///   folder as the new root, absolute; a relative one would be taken from the
-  ///   current directory, which stays outside. Unconfined: a path in the home
-  ///   folder, with or without a leading slash; empty for the home folder. Of
-  ///   root: any path; empty for root's home folder.
+  /// @param dir         the directory to enter. Confined: an absolute path in
+  ///   the home folder as the new root. A relative path would start from the
+  ///   current directory, which is still outside. Unconfined: a path in the
+  ///   home folder, with or without a leading slash; empty for the home folder.
+  ///   For root: any path; empty for root's home folder.
   /// @param use_chroot  make the home folder the process's root directory
-  ///   (chroot(2)). Only for homes of which every component is owned by root
-  ///   and writable by no one else.
-  /// @param use_pam     open and close a PAM session of service "login". What
-  ///   fails there is a warning in the log.
+  ///   (chroot(2)). Safe only if every component of the home's path is owned by
+  ///   root and writable by no one else.
+  /// @param use_pam     open and close a PAM session of service "login". A
+  ///   failure there is only a warning in the log.
   /// @throws std::runtime_error "failed to get pw entry" when there is no such
   ///   account; "failed to chroot to users home folder" when the home cannot be
   ///   entered, confined or not; "no such directory '...'" when @p dir cannot
-  ///   be; "it is not your folder" when it lies outside the home; "stat error"
-  ///   when that cannot be found out
+  ///   be entered; "it is not your folder" when @p dir lies outside the home;
+  ///   "stat error" when that cannot be checked
   /// @throws tov_err::Error when an upload cannot be handed over; the process
-  ///   then is who it was
+  ///   has then not switched
   void Su(const std::string& user, const std::string& dir, bool use_chroot,
           bool use_pam);
 
@@ -269,27 +268,28 @@ class ZANCGI_API Cgi {
   std::shared_ptr<Data> data_;
 };
 
-/// The request record of a Cgi, for tests and debuggers. A front end has
-/// no need of it.
+/// The request record of a Cgi, for tests and debuggers. Front ends do not need
+/// it.
 class ZANCGI_API Cgi::Data {
  public:
   /// An uploaded file.
   struct FileInfo {
-    std::string path;       ///< Where the upload's bytes lie now.
-    std::int64_t size = 0;  ///< How many there are.
+    std::string path;       ///< Current path of the upload.
+    std::int64_t size = 0;  ///< Its size in bytes.
   };
 
   /// Reads cookies and addresses from the environment.
   Data();
 
   /// Removes the uploaded files that still exist at their recorded paths. A
-  /// failure is a warning in the log.
+  /// failure is only a warning in the log.
   virtual ~Data();
 
   Data(const Data&) = delete;
   Data& operator=(const Data&) = delete;
 
-  /// Parses the input by request method, also when that was done before.
+  /// Parses the input by request method. If it has been parsed already, only
+  /// logs a warning.
   /// @throws std::runtime_error "bad request method '...'"
   void ParseQuery();
 
@@ -299,30 +299,30 @@ class ZANCGI_API Cgi::Data {
   /// Fills #params and #files from the body of a POST (RFC 7578), once per
   /// record.
   ///
-  /// Field values end at 262144 bytes a line; their line ends become LF, and
-  /// the values of a repeated field are joined by LF. Uploads with one client
-  /// file name share one entry, of which the last counts. Without a boundary
-  /// the body is a query string. Memory stays bounded, whatever the size of the
-  /// uploads.
+  /// A line of a field's value is limited to 262144 bytes. Line ends become LF,
+  /// and the values of a repeated field are joined by LF. Uploads with the same
+  /// client file name share one entry, of which the last counts. Without a
+  /// boundary the body is a query string. The memory for uploads does not
+  /// depend on their size.
   /// @throws std::runtime_error "error writing temporary file", after the body
   ///   has been read, when an upload could not be stored; "Error reading STDIN"
   ///   and "POST read failed: CONTENT_LENGTH=..., bytes read:..." when the body
   ///   ends early; "Element value size must be less than 262144" and "On
-  ///   getting element value element name is empty" for what the form may not
-  ///   hold; what Read() and FreeSpaceSize() throw
+  ///   getting element value element name is empty" for a form with such a
+  ///   value; what Read() and FreeSpaceSize() throw
   void ParseInput();
 
   /// Cgi::Read().
   long Read(char* buffer, long length);
 
-  /// Chooses the default when #tmp_dir is empty, and makes the directory if it
+  /// Sets #tmp_dir to the default if it is empty, and makes the directory if it
   /// is missing.
   /// @throws std::runtime_error "temp dir '...' is not a directory"
   /// @throws tov_err::Error when it cannot be made
   void CheckTmpDir();
 
-  /// Returns how many bytes are free in the file system that holds @p path,
-  /// those reserved for the superuser included.
+  /// Returns how many bytes are free in the file system of @p path, including
+  /// those reserved for the superuser.
   /// @throws std::runtime_error "Cannot run statfs on ..."
   std::uint64_t FreeSpaceSize(const std::string& path);
 
@@ -332,9 +332,9 @@ class ZANCGI_API Cgi::Data {
   /// @param dir         not used: uploads always go to the home folder
   /// @param use_chroot  record the paths as seen from the new root
   /// @throws std::runtime_error "failed to get pw entry"
-  /// @throws tov_err::Error when an upload cannot be handed over. The uploads
-  ///   before it have been, it keeps its recorded path, and those after it are
-  ///   untouched.
+  /// @throws tov_err::Error when an upload cannot be handed over. Earlier
+  ///   uploads have been handed over by then; this one keeps its recorded path,
+  ///   and later ones are unchanged.
   void DoChownFiles(const std::string& user, const std::string& dir,
                     bool use_chroot);
 
@@ -346,7 +346,7 @@ class ZANCGI_API Cgi::Data {
   /// Fills #cookies from `HTTP_COOKIE`.
   void ParseCookies();
 
-  /// Makes the folder above the folder of @p binary_name the current directory.
+  /// Makes the parent of the folder of @p binary_name the current directory.
   /// @throws tov_err::AssertError when @p binary_name is empty
   void SetWorkDir(const std::string& binary_name);
 
@@ -362,15 +362,15 @@ class ZANCGI_API Cgi::Data {
   std::string server_addr;  ///< The server's address.
 };
 
-/// Conversation function for PAM, see pam_conv(3): answers every message, of
-/// whatever style, with the same text.
+/// Conversation function for PAM, see pam_conv(3). Answers every message, of
+/// any style, with the same text.
 /// @param num_msg      the number of messages
 /// @param msg          the messages; not read
-/// @param resp         receives the answers, allocated with malloc(3); they are
-///   the caller's
+/// @param resp         receives the answers, allocated with malloc(3); owned by
+///   the caller
 /// @param appdata_ptr  the text, ended by a zero byte
-/// @returns PAM_SUCCESS; PAM_CONV_ERR without a text or a message, PAM_BUF_ERR
-///   without memory, and then nothing is allocated
+/// @returns PAM_SUCCESS; PAM_CONV_ERR without a text or a message; PAM_BUF_ERR
+///   without memory. On an error nothing is allocated.
 ZANCGI_API int myconv(int num_msg, const pam_message** msg, pam_response** resp,
                       void* appdata_ptr);
 

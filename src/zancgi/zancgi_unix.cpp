@@ -30,8 +30,8 @@ tov_log::Module& log = unix_log;
 
 constexpr int kInputTimeoutMs = 30'000;
 
-/// Waits for something to happen to standard input and returns what; 0 when a
-/// signal came first.
+/// Waits for an event on standard input and returns the events; 0 after a
+/// signal.
 short WaitForInput() {
   pollfd input{STDIN_FILENO, POLLIN, 0};
   const int count = ::poll(&input, 1, kInputTimeoutMs);
@@ -54,7 +54,7 @@ long ReadInput(char* buffer, long length) {
   const ssize_t count =
       ::read(STDIN_FILENO, buffer, static_cast<std::size_t>(length));
   if (count >= 0) return count;
-  // Kept, since the log may change it.
+  // Saved, because the log may change errno.
   const int error = errno;
   if (error == EAGAIN) return 0;
   ZANCGI_LOG(kError, "error reading stdin, code %d", error);
@@ -69,15 +69,15 @@ long Cgi::Data::Read(char* buffer, long length) {
     throw std::runtime_error("invalid polling request");
   }
   if ((events & POLLERR) != 0) {
-    // The number of whatever call has failed last, since poll() has not: kept
-    // for compatibility.
+    // Kept for compatibility: poll() has not failed, so this is the error of an
+    // earlier call.
     throw std::runtime_error(std::string("polling error: ") +
                              std::strerror(errno));
   }
-  // Before the hang-up: what the writer has left is read first.
+  // Checked before the hang-up, so that remaining input is read first.
   if ((events & POLLIN) != 0) return ReadInput(buffer, length);
   if ((events & POLLHUP) != 0) {
-    // No signal, although it says so: administrators know this text.
+    // No signal was received, but administrators know this text.
     ZANCGI_LOG(kWarning, "Signal HUP received");
     return -1;
   }
@@ -89,7 +89,8 @@ std::uint64_t Cgi::Data::FreeSpaceSize(const std::string& path) {
   if (::statfs64(path.c_str(), &file_system) != 0) {
     throw std::runtime_error("Cannot run statfs on " + path);
   }
-  // All free blocks, those kept for the superuser too: that is who writes.
+  // Includes the blocks reserved for the superuser, because root writes the
+  // uploads.
   return static_cast<std::uint64_t>(file_system.f_bsize) *
          static_cast<std::uint64_t>(file_system.f_bfree);
 }
@@ -98,7 +99,7 @@ std::uint64_t Cgi::Data::FreeSpaceSize(const std::string& path) {
 
 namespace {
 
-/// Everything before the last "/"; only the forward slash counts.
+/// Returns everything before the last "/", or "." without one.
 std::string FolderOf(const std::string& program) {
   const std::size_t slash = program.rfind('/');
   return slash == std::string::npos ? "." : program.substr(0, slash);
@@ -116,20 +117,20 @@ void Cgi::Data::SetWorkDir(const std::string& binary_name) {
   const std::string work_dir =
       tov_file::RealPath(FolderOf(binary_name) + "/..");
   ZANCGI_LOG_HERE(kDebug, "set working directory to '%s'", work_dir.c_str());
-  // Kept for compatibility: a directory that cannot be entered is no error, and
-  // the process stays where it is.
+  // Kept for compatibility: if the directory cannot be entered, the process
+  // stays where it is.
   if (::chdir(work_dir.c_str()) != 0) return;
 }
 
-// What a switch has made of the process.
+// State of the process after a switch.
 
 namespace {
 
-/// Of the process, like the root directory itself: there is no way back.
+/// Describes the process, like its root directory: it cannot be undone.
 bool is_inside_accounts_folder = false;
 
-/// Of the process, like its identity; null until it has become an account.
-/// Lives until the process ends.
+/// Describes the process, like its identity. Null until the process becomes an
+/// account; not freed at exit.
 char* account_home = nullptr;
 
 }  // namespace

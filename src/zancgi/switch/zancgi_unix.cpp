@@ -1,6 +1,6 @@
-// Part of zancgi_unix.cpp, and of this name because log lines carry it. A file
-// of its own, so that a front end linked from archives has what looks accounts
-// up only if it becomes one.
+// Part of zancgi_unix.cpp, with the same name because log lines contain it. The
+// account functions are in a file of their own, so that a front end linked from
+// archives contains them only if it becomes an account.
 
 #include <zancgi/zancgi.h>
 
@@ -48,16 +48,16 @@ tov_log::Module& log = unix_log;
 Account FindAccount(const std::string& user) {
   const passwd* const entry = ::getpwnam(user.c_str());
   if (entry == nullptr) throw std::runtime_error("failed to get pw entry");
-  // Copied at once: later look-ups, those of PAM modules among them, overwrite
-  // the C library's only record.
+  // Copied at once, because later look-ups, also by PAM modules, overwrite the
+  // C library's only record.
   return {entry->pw_name, entry->pw_uid, entry->pw_gid, entry->pw_dir};
 }
 
-// Handing uploads over to an account.
+// Handing over uploads.
 
 namespace {
 
-/// Both "/" and "\" separate: a stored path may have come from anywhere.
+/// Both "/" and "\" separate, because a stored path may come from any system.
 std::string FileName(const std::string& path) {
   return path.substr(path.find_last_of("/\\") + 1);
 }
@@ -73,8 +73,8 @@ void Cgi::Data::DoChownFiles(const std::string& user,
     const std::string name = FileName(file.path);
     const std::string destination = tov_file::ConcatPath(account.home, name);
     std::string recorded = use_chroot ? "/" + name : destination;
-    // The owner before the place: the file is the account's from here on, and
-    // Move() takes care that the account gains nothing by exchanging it.
+    // The owner changes first. From then on the account controls the file, and
+    // Move() protects against an exchange of it.
     attributes.SafeSet(file.path, false);
     ZANCGI_LOG_HERE(kDebug, "moving file '%s' stored as '%s' to '%s'",
                     client_name.c_str(), file.path.c_str(),
@@ -88,8 +88,8 @@ void Cgi::Data::DoChownFiles(const std::string& user,
 
 namespace {
 
-/// For a call whose failure changes nothing, which is kept for compatibility: a
-/// process that may not switch goes on as who it is.
+/// Ignores the result. Kept for compatibility: a process without the rights to
+/// switch continues as the user that it was.
 void Unchecked(int /*result*/) {}
 
 void EnterDirectory(const std::string& path) {
@@ -105,12 +105,13 @@ void BecomeRoot(const Account& root, const std::string& dir) {
 }
 
 [[noreturn]] void ThrowHomeClosed() {
-  // Says chroot in both cases: administrators know this text.
+  // The text says chroot in both cases, because administrators know it.
   throw std::runtime_error("failed to chroot to users home folder");
 }
 
-/// The base group of an account is the number of its user, not of its group:
-/// kept for compatibility. They are equal where each user has a group.
+/// The base group of an account is its user id, not its group id. Kept for
+/// compatibility. Both are equal where each user has a group of the same
+/// number.
 gid_t UidAsGid(const Account& account) { return account.uid; }
 
 }  // namespace
@@ -121,25 +122,25 @@ std::vector<gid_t> GroupsOf(const Account& account) {
   while (::getgrouplist(account.name.c_str(), UidAsGid(account), groups.data(),
                         &count) < 0) {
     const auto wanted = static_cast<std::size_t>(count);
-    // It also fails for want of memory, and then wants no more room.
+    // Without memory, getgrouplist(3) also fails but does not raise the count.
     if (wanted <= groups.size()) throw std::bad_alloc();
     groups.resize(wanted);
   }
-  // The kernel takes no more.
+  // The kernel accepts no more.
   groups.resize(static_cast<std::size_t>(std::min<int>(count, NGROUPS_MAX)));
   return groups;
 }
 
 namespace {
 
-/// Whether only root can say what lies in the root directory: which PAM
-/// configuration and modules, and which sockets, are found there.
+/// Whether only root controls the contents of the root directory, such as the
+/// PAM configuration, PAM modules and sockets.
 bool RootDirectoryIsRoots() {
   struct stat status {};
   struct statfs64 file_system {};
   return ::stat("/", &status) == 0 && status.st_uid == 0 &&
          (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 &&
-         // What a program of the account serves can say anything of itself.
+         // A FUSE program of the account could report any owner and mode.
          ::statfs64("/", &file_system) == 0 &&
          file_system.f_type != FUSE_SUPER_MAGIC;
 }
@@ -149,51 +150,52 @@ struct Free {
 };
 using CText = std::unique_ptr<char, Free>;
 
-/// The home as the process will see it. To be made before anything is changed,
-/// since there may be no memory for it later.
+/// Returns the home's path as it will be after the switch. Allocated before
+/// anything changes, because an allocation may fail later.
 CText CopyOfHome(const Account& account, bool use_chroot) {
   CText home(::strdup(use_chroot ? "/" : account.home.c_str()));
   if (!home) throw std::bad_alloc();
   return home;
 }
 
-/// Without the right to switch the process is still who it was.
+/// Records the home, unless the process lacked the rights to switch.
 void RememberHome(const Account& account, CText home) {
   if (::geteuid() != account.uid || *home != '/') return;
   SetAccountHome(home.release());
 }
 
 void Confine(const std::string& home) {
-  // While its configuration and what that names are the system's own.
+  // The resolver is loaded before chroot, while /etc and its libraries are
+  // still the system's.
   ::gethostbyname("localhost");
   ZANCGI_LOG(kTrace, "%s Init resolver", "ChRoot");
   if (::chroot(home.c_str()) != 0) ThrowHomeClosed();
   if (!RootDirectoryIsRoots()) SetInsideAccountsFolder();
-  // From here on root reads what the account may have written. A configuration
-  // of look-ups in the home could name a module in the home, whose code would
-  // then run as root: groups come from files, and no configuration is read.
+  // From here on root may read files of the account. A name service
+  // configuration in the home could name a module in the home, which would then
+  // run as root. So groups come from files, and no configuration is read.
   for (const char* const database : {"group", "initgroups"}) {
-    // Fails for want of memory only.
+    // Fails only without memory.
     if (::__nss_configure_lookup(database, "files") != 0) {
       throw std::bad_alloc();
     }
   }
 }
 
-/// Returns whether the account's groups are now those of the process.
+/// Returns whether the process now has the account's groups.
 bool InitGroups(const Account& account) {
   return ::initgroups(account.name.c_str(), UidAsGid(account)) == 0;
 }
 
-/// Sets these groups, failing that none: better none than those of root, or
-/// those that the home may have given.
+/// Sets these groups, or none if that fails: no groups are better than those of
+/// root, or those that a file in the home grants.
 void SetGroupsOrNone(const std::vector<gid_t>& groups) {
   if (::setgroups(groups.size(), groups.data()) != 0) {
     ::setgroups(0, nullptr);
   }
 }
 
-/// The account's groups, none when they cannot be had.
+/// Returns the account's groups; none if memory runs out.
 std::vector<gid_t> GroupsOrNone(const Account& account) {
   try {
     return GroupsOf(account);
@@ -204,9 +206,9 @@ std::vector<gid_t> GroupsOrNone(const Account& account) {
 
 /// Confines the process to the account's home and takes the account's groups.
 ///
-/// The group file that initgroups(3) then reads is the home's: without one the
-/// account would lose its groups, with one that it has written itself it would
-/// choose them, root's among them. So the list is made before and set after.
+/// After chroot, initgroups(3) reads the group file in the home. Without one,
+/// the account would lose its groups; with one of its own, it could give itself
+/// any group, root's included. So the list is read before and set after.
 void ConfineWithGroups(const Account& account) {
   const std::vector<gid_t> groups = GroupsOf(account);
   Confine(account.home);
@@ -216,17 +218,16 @@ void ConfineWithGroups(const Account& account) {
 
 void EnterHomeWithGroups(const Account& account) {
   if (::chdir(account.home.c_str()) != 0) ThrowHomeClosed();
-  // A failure is no error, but the process must not keep root's groups.
+  // A failure is not an error, but the process must not keep root's groups.
   if (!InitGroups(account)) SetGroupsOrNone(GroupsOrNone(account));
 }
 
-/// Brings the process back to its current directory when it goes: PAM modules
-/// may have moved, and what follows counts on where it is.
+/// Restores the current directory when it is destroyed: PAM modules may change
+/// it, and the code after them depends on it.
 class ScopedCwd {
  public:
-  /// @param path  that of the directory, should a module have closed all
-  /// descriptors;
-  ///   empty when there is none
+  /// @param path  path of the directory, for use if a module closes all
+  ///   descriptors; empty if there is none
   explicit ScopedCwd(std::string path)
       : path_(std::move(path)),
         descriptor_(
@@ -244,7 +245,7 @@ class ScopedCwd {
   ScopedCwd& operator=(const ScopedCwd&) = delete;
 
  private:
-  /// A module may even have opened something else under the same number.
+  /// A module may even have opened another file with the same descriptor.
   bool IsStillOpen() const {
     struct stat now {};
     return is_open_ && ::fstat(descriptor_, &now) == 0 &&
@@ -271,8 +272,9 @@ int RunSessionStep(const PamLibrary& pam, pam_handle_t* handle,
   return code;
 }
 
-/// Opens the session and closes it again, while the process is still root: none
-/// stays open for the request. Returns what pam_end(3) wants to know.
+/// Opens the session and closes it again while the process is still root: no
+/// session stays open for the request. Returns the status to pass to
+/// pam_end(3).
 int OpenAndCloseSession(const PamLibrary& pam, pam_handle_t* handle) {
   const int code =
       RunSessionStep(pam, handle, "open_session", pam.open_session);
@@ -281,7 +283,7 @@ int OpenAndCloseSession(const PamLibrary& pam, pam_handle_t* handle) {
              : code;
 }
 
-/// Runs the session stack of service "login" once. Nothing of it fails the
+/// Runs the session stack of service "login" once. No failure in it fails the
 /// switch.
 /// @param trusted  whether PAM may be called at all
 void RunPamSession(const PamLibrary& pam, const std::string& user,
@@ -298,18 +300,18 @@ void RunPamSession(const PamLibrary& pam, const std::string& user,
   pam.end(handle, OpenAndCloseSession(pam, handle));
 }
 
-/// Takes the account's group, runs its session, and takes its user: no way back
-/// is left after that.
-/// @param pam   none when no session is wanted
-/// @param path  that of the current directory; empty when it cannot be reached
+/// Switches to the account's group, runs its PAM session, and switches to its
+/// user. After that the process cannot become root again.
+/// @param pam   none if no session is wanted
+/// @param path  path of the current directory; empty if it cannot be reached
 void TakeIdentity(const Account& account, const std::string& user,
                   const std::optional<PamLibrary>& pam,
                   const std::string& path) {
   Unchecked(::setgid(account.gid));
   if (pam) {
     const ScopedCwd cwd(path);
-    // Who can write the home could have any PAM configuration, and any module
-    // that it names, run as root in there.
+    // An owner who can write to the home could run any PAM module as root
+    // there.
     RunPamSession(*pam, user, !IsInsideAccountsFolder());
   }
   Unchecked(::setuid(account.uid));
@@ -318,18 +320,18 @@ void TakeIdentity(const Account& account, const std::string& user,
 /// A number that no inode has.
 constexpr auto kNoInode = static_cast<ino_t>(-1);
 
-/// The number of a directory's inode; none when it cannot be had.
+/// Returns the inode number of a directory; nothing if it cannot be read.
 std::optional<ino_t> InodeOf(const std::string& path) {
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0) return std::nullopt;
   return status.st_ino;
 }
 
-/// Throws unless the current directory is the home or lies below it, by the way
-/// up from where the process really is: links and ".." lead nobody out.
+/// Throws unless the current directory is the home or below it. Walks up from
+/// the real directory, so symbolic links and ".." cannot hide a place outside.
 ///
 /// Kept for compatibility: only inode numbers are compared. A directory of
-/// another file system that has the number of the home is accepted.
+/// another file system with the home's inode number is accepted.
 void RequireInsideHome(std::optional<ino_t> home) {
   std::string path = ".";
   std::optional<ino_t> here = InodeOf(path);
@@ -343,10 +345,10 @@ void RequireInsideHome(std::optional<ino_t> home) {
   }
 }
 
-/// Enters a directory below the current one, which is the home.
+/// Enters a directory below the current one, which must be the home.
 void EnterInsideHome(const std::string& dir) {
-  // A home that the account may not search cannot be examined, neither now nor
-  // later, if the process stays in it.
+  // A home without search permission cannot be examined, neither now nor later
+  // if the process stays in it.
   std::optional<ino_t> home = InodeOf(".");
   const std::size_t begin = std::min(dir.find_first_not_of('/'), dir.size());
   if (begin < dir.size()) {
@@ -366,8 +368,8 @@ int myconv(int num_msg, const pam_message** /*msg*/, pam_response** resp,
   if (answers == nullptr) return PAM_BUF_ERR;
   for (int i = num_msg - 1; i >= 0; --i) {
     answers[i].resp_retcode = 0;
-    // Kept for compatibility: every question has the same answer, and a copy
-    // that cannot be made is none.
+    // Kept for compatibility: every question gets the same answer, and an
+    // answer for which there is no memory is null.
     answers[i].resp = ::strdup(static_cast<const char*>(appdata_ptr));
   }
   *resp = answers;
@@ -382,13 +384,13 @@ void Cgi::Data::DoSu(const std::string& user, const std::string& dir,
     return;
   }
   CText home = CopyOfHome(account, use_chroot);
-  // Before the account's files are in reach: as root only the system's own
-  // library may be loaded.
+  // Loaded before the account's files are visible: root may only load the
+  // system's own library.
   std::optional<PamLibrary> pam;
   if (use_pam) pam = LoadPam();
   if (use_chroot) {
     ConfineWithGroups(account);
-    // A confined process has no way back to a directory outside.
+    // A confined process cannot return to a directory outside.
     TakeIdentity(account, user, pam, "");
     RememberHome(account, std::move(home));
     EnterDirectory(dir);
