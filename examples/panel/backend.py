@@ -120,7 +120,7 @@ def session_new(database, environ, items):
     row = database.execute(
         "select * from user where name = ?", (items.get("user", ""),)
     ).fetchone()
-    # An unknown name takes as long as a wrong password.
+    # The time must not reveal whether the name exists.
     salt, expected = (row["salt"], row["hash"]) if row else (b"none", b"")
     actual = hash_password(items.get("password", ""), salt)
     if not hmac.compare_digest(actual, expected):
@@ -129,7 +129,7 @@ def session_new(database, environ, items):
     database.execute(
         "delete from session where started <= ?", (time.time() - SESSION_SECONDS,)
     )
-    # Unless the password has been changed meanwhile.
+    # Fails if the password has changed since the query above.
     made = database.execute(
         "insert into session select ?, name, ?, ?, ? from user"
         " where name = ? and hash = ?",

@@ -1,5 +1,5 @@
 /// @file
-/// Files of the user's account, in the current directory: the folder shown.
+/// Files of the user's account. The current directory is the folder shown.
 #ifndef PANEL_FILES_H
 #define PANEL_FILES_H
 
@@ -23,7 +23,7 @@ namespace panel {
 
 namespace fs = std::filesystem;
 
-/// A descriptor, or a negative number; closed at the end.
+/// Owns a descriptor; a negative number means none.
 struct Descriptor {
   explicit Descriptor(int opened) : number(opened) {}
   ~Descriptor() { ::close(number); }
@@ -39,8 +39,8 @@ struct Descriptor {
   throw Refusal(is_forbidden ? 403 : is_missing ? 404 : 500);
 }
 
-/// Returns a name as system calls take it. Refuses what is no name of something
-/// in the current directory.
+/// Returns a name for system calls. Refuses it unless it names an entry of the
+/// current directory.
 inline const char* Checked(const std::string& name) {
   constexpr std::string_view kNotInNames("/\0", 2);
   if (name.empty() || name == "." || name == ".." ||
@@ -50,7 +50,7 @@ inline const char* Checked(const std::string& name) {
   return name.c_str();
 }
 
-/// Opens something in the current directory, but not what a link leads to.
+/// Opens an entry of the current directory without following a link.
 inline int OpenHere(const std::string& name, int flags) {
   const int opened = ::openat(AT_FDCWD, Checked(name),
                               flags | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC);
@@ -58,8 +58,8 @@ inline int OpenHere(const std::string& name, int flags) {
   return opened;
 }
 
-/// Goes from the current directory into a folder below it. A path that leads
-/// out, by ".." or by a link, is refused.
+/// Enters a folder below the current directory. Refuses a path that leads out,
+/// by ".." or by a link.
 inline void EnterFolder(const fs::path& path) {
   for (const std::string name : path) {
     const Descriptor folder(OpenHere(name, O_PATH | O_DIRECTORY));
@@ -72,7 +72,7 @@ struct Entry {
   std::int64_t size;
 };
 
-/// Entries of a folder by name.
+/// The entries of a folder by name.
 using Listing = std::map<std::string, Entry>;
 constexpr std::size_t kMostEntries = 1000;
 
@@ -82,14 +82,15 @@ inline std::string KindOf(const struct stat& status) {
   return S_ISLNK(status.st_mode) ? "link" : "special";
 }
 
-/// Opens nothing and follows no link: others may have filled the folder.
+/// Opens no file and follows no link, because others may have filled the
+/// folder.
 inline Listing ListFolder() {
   Listing listing;
   std::error_code error;
   for (const auto& file : fs::directory_iterator(".", error)) {
     if (listing.size() == kMostEntries) break;
     struct stat status {};
-    // A file may have been removed meanwhile.
+    // The file may have been removed since it was listed.
     if (::lstat(file.path().c_str(), &status) != 0) continue;
     listing[file.path().filename()] = {KindOf(status), status.st_size};
   }
@@ -97,8 +98,8 @@ inline Listing ListFolder() {
   return listing;
 }
 
-/// Returns the media type of a file in which browsers run nothing; empty for
-/// every other file.
+/// Returns the media type if browsers can show the file without running
+/// anything in it; empty for other files.
 inline std::string TypeToShow(const std::string& ending) {
   if (ending == ".txt" || ending == ".log") return "text/plain; charset=utf-8";
   if (ending == ".jpg" || ending == ".jpeg") return "image/jpeg";
@@ -114,7 +115,7 @@ inline void SendFile(const fs::path& path) {
   if (!S_ISREG(status.st_mode)) throw Refusal(404);
   Response response = Protect(Response());
   response.Header("Content-Security-Policy", "default-src 'none'; sandbox");
-  // The browser may keep the file, but asks whether it is the same.
+  // The browser may keep the file but must check whether it has changed.
   response.Header("Cache-Control", "private, no-cache");
   const std::string type = TypeToShow(path.extension());
   if (!type.empty()) return response.SendFile(file.number, type);
@@ -122,8 +123,8 @@ inline void SendFile(const fs::path& path) {
   response.SendFile(file.number, "application/octet-stream");
 }
 
-/// Returns why a system call has done nothing to a file, as a sentence for the
-/// visitor; empty when it has.
+/// Returns the error of a system call as a sentence for the visitor; empty if
+/// the call succeeded.
 inline std::string ProblemWith(const std::string& name, int returned) {
   if (returned == 0) return "";
   const char* const reason =
@@ -131,8 +132,9 @@ inline std::string ProblemWith(const std::string& name, int returned) {
   return "'" + name + "': " + reason + ". ";
 }
 
-/// Gives an upload a name in the current directory: the last part of the
-/// client's, not hidden and without control characters. Returns ProblemWith().
+/// Links an upload into the current directory, under the last part of the
+/// client's name, not hidden and without control characters. Returns
+/// ProblemWith().
 inline std::string Keep(const std::string& path, const std::string& sent) {
   std::string name = sent.substr(sent.find_last_of("/\\") + 1);
   for (char& byte : name) {

@@ -53,19 +53,20 @@ std::string QueryValue(const std::string& name) {
   return "";
 }
 
-/// Reads a form of one type: a plain one cannot bring files.
+/// Reads a form of one type, so that a URL-encoded one cannot contain files.
 Form ReadForm(Cgi& cgi, const std::string& type, std::int64_t largest) {
   if (!zan_cgi::Header("Content-Type").starts_with(type)) throw Refusal(415);
   return {cgi, {.body = largest, .parts = kMostEntries + 10}};
 }
 
-/// Some web servers lose an early answer. A stranger is read for a minute.
+/// Reads the rest of the body, because some web servers lose an answer sent
+/// before its end. Limits this to a minute.
 void DropBody(Cgi& cgi) {
   ::alarm(60);
   try {
     Form(cgi, {.body = 0});
   } catch (const std::exception&) {
-    // The body has been dropped now, or read before.
+    // The body has been dropped now or was read before.
   }
   ::alarm(0);
 }
@@ -74,7 +75,7 @@ void DropBody(Cgi& cgi) {
 class Answer {
  public:
   /// @throws Refusal when the back end refuses access
-  /// @throws std::runtime_error when it has not done what it was asked for
+  /// @throws std::runtime_error when the query failed for another reason
   Answer(Cgi& cgi, const std::map<std::string, std::string>& query) {
     document_.LoadFromString(cgi.Query(query));
     if (Has("/doc/error[@type='access']")) throw Refusal(403);
@@ -94,10 +95,10 @@ class Answer {
   tov_xml::Xml document_;
 };
 
-/// What pages need to know of who is signed in.
+/// What the pages need of the session.
 struct Visitor {
-  std::string token;    ///< What the panel's own forms are known by.
-  std::string account;  ///< The system account; empty for none.
+  std::string token;    ///< Identifies the panel's own forms.
+  std::string account;  ///< The system account; empty if there is none.
 };
 
 Visitor Authorize(Cgi& cgi) {
@@ -111,8 +112,8 @@ void RequireToken(const Form& form, const Visitor& visitor) {
   if (token.empty() || form.Value("token") != token) throw Refusal(403);
 }
 
-/// Whether nobody but root can change what lies under this path. A file system
-/// that a user's program serves (FUSE) could pretend that.
+/// Whether only root can change the contents of this path. On a user's FUSE
+/// file system, owner and mode could be false.
 bool BelongsToRoot(fs::path folder) {
   for (;; folder = folder.parent_path()) {
     struct stat status {};
@@ -127,15 +128,15 @@ bool BelongsToRoot(fs::path folder) {
   }
 }
 
-/// From here on the back end is not asked any more: an account may have no
-/// right to, and a confined process cannot find it.
+/// Do not query the back end after this: the account may lack permission, and a
+/// confined process cannot reach the socket.
 void BecomeAccountOf(const Visitor& visitor, Cgi& cgi) {
   const char* const user = visitor.account.c_str();
   if (*user == '\0') throw Refusal(403, "Your user has no system account.");
   const std::string folder = tov_env::GetEnv("PANEL_CONFINE");
   const bool has_session = !tov_env::GetEnv("PANEL_PAM").empty();
-  // Confined, the process still is root when it first reads what is in the
-  // home: whoever can write there could have it read, or run, anything.
+  // A confined process reads files in the home while it is still root. Anybody
+  // who can write there could have root read or run anything.
   const passwd* const entry = folder.empty() ? nullptr : ::getpwnam(user);
   if (!folder.empty() && !(entry != nullptr && BelongsToRoot(entry->pw_dir))) {
     throw Refusal(500, "The panel cannot be confined to your home folder.");
@@ -161,7 +162,7 @@ void ShowWhoAmI(const Cgi& cgi, const Visitor& visitor) {
 }
 
 void ShowSessions(Cgi& cgi, const Visitor& visitor) {
-  // It is a number, whatever the visitor has sent.
+  // Converted to a number, because the visitor may have sent anything.
   const std::string from = str::Str(str::Int(QueryValue("from")));
   const Answer answer(cgi, {{"func", "session.list"}, {"from", from}});
   std::string rows;
@@ -182,7 +183,7 @@ void ShowSessions(Cgi& cgi, const Visitor& visitor) {
            Navigation(visitor));
 }
 
-/// Returns the address of a page about a file or folder, for an attribute.
+/// Returns the URL of a page about a file or folder, escaped for an attribute.
 std::string Address(const std::string& page, const fs::path& path) {
   return "/panel?page=" + page + "&amp;path=" + str::url::Encode(path);
 }
@@ -304,8 +305,8 @@ std::string Change(const Form& form) {
   return problems;
 }
 
-/// The account reads the form, and uploads come to lie in the folder that they
-/// are for.
+/// Becomes the account before it reads the form, so that uploads are stored as
+/// the account, in the folder that they are for.
 void ChangeFolder(Cgi& cgi, bool is_upload, const Visitor& visitor) {
   const std::string path = QueryValue("path");
   BecomeAccountOf(visitor, cgi);
@@ -366,7 +367,7 @@ void ServeRequest(const char* program) {
   } catch (const std::exception& error) {
     const int status = zan_cgi::StatusOf(error);
     const auto level = status < 500 ? tov_log::Warning : tov_log::Error;
-    // The text may name paths: it is for the administrator.
+    // The message may contain paths, so only the administrator sees it.
     if (log.Check(level)) log.Write(level, "%s", error.what());
     ShowError(status);
   }
@@ -376,10 +377,10 @@ void ServeRequest(const char* program) {
 }  // namespace panel
 
 int main(int argc, char** argv) {
-  // The back end's answer is held in memory whole, however long it is.
+  // Limits memory, because the back end's whole answer is kept in it.
   const rlimit memory{256UL << 20, 256UL << 20};
   ::setrlimit(RLIMIT_AS, &memory);
-  // There is no proxy: an address "forwarded" is the browser's invention.
+  // No proxy is in use, so the browser itself would have sent this address.
   ::unsetenv("HTTP_X_FORWARDED_FOR");
   panel::ServeRequest(argc > 0 ? argv[0] : "");
 }

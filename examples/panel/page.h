@@ -16,8 +16,8 @@ namespace panel {
 using zan_cgi::Html;
 using zan_cgi::Response;
 
-/// The panel does not do what it was asked for, and answers with this status. A
-/// reason is for the visitor; without one, ShowError() knows the usual.
+/// The panel refuses a request with this status. The reason is for the visitor;
+/// without one, ShowError() uses the standard text.
 struct Refusal : std::runtime_error {
   explicit Refusal(int http_status, const std::string& reason = "")
       : std::runtime_error(reason), status(http_status) {}
@@ -25,7 +25,7 @@ struct Refusal : std::runtime_error {
 };
 
 /// Adds the headers of every answer. With the referrer policy "no-referrer",
-/// the panel's own forms would have no origin.
+/// browsers would send "Origin: null" with the panel's own forms.
 inline Response Protect(Response response) {
   return response.Header("Cache-Control", "no-store")
       .Header("Referrer-Policy", "same-origin")
@@ -36,13 +36,13 @@ inline Response Protect(Response response) {
               "frame-ancestors 'none'");
 }
 
-/// Whether the page's script has sent the request, and not the browser itself.
+/// Whether the page's script sent the request, and not the browser itself.
 inline bool WantsJson() {
   return zan_cgi::Header("Accept").find("application/json") !=
          std::string::npos;
 }
 
-/// Returns a string of JSON (RFC 8259 section 7). The text is taken for UTF-8.
+/// Returns a JSON string (RFC 8259 section 7). The text must be UTF-8.
 inline std::string Json(const std::string& text) {
   std::string json = "\"";
   for (const char byte : text) {
@@ -88,7 +88,8 @@ inline std::string Link(const std::string& address, const std::string& text) {
 constexpr char kPlainForm[] = "application/x-www-form-urlencoded";
 constexpr char kUploadForm[] = "multipart/form-data";
 
-/// The beginning of a form, with the proof that it is the panel's own.
+/// Returns the beginning of a form, with the token that identifies it as the
+/// panel's own.
 inline std::string BeginForm(const std::string& address, const std::string& id,
                              const std::string& token,
                              const std::string& type = kPlainForm) {
@@ -135,7 +136,7 @@ struct Explanation {
   const char* text;
 };
 
-/// The last one is for every other status.
+/// The last entry is for every other status.
 constexpr Explanation kExplanations[] = {
     {400, "Bad Request", "Your request has come in part, or is not valid."},
     {403, "Forbidden", "You may not do this, or your session has ended."},

@@ -1,4 +1,4 @@
-// The panel's front end, request by request, with a scripted back end.
+// Tests the panel's front end with a scripted back end.
 
 #include <gtest/gtest.h>
 #include <zancgi/testing/backend.h>
@@ -49,8 +49,8 @@ bool Holds(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
 }
 
-/// The front end as whoever runs the tests or, for root, also as an ordinary
-/// user, with a back end at which alice is signed in.
+/// The front end run as the caller and, if that is root, also as an ordinary
+/// user. Its back end knows a session of alice.
 class Panel : public testing::TestWithParam<bool> {
  protected:
   Panel() : backend_("panel"), front_(Place()) {
@@ -67,7 +67,7 @@ class Panel : public testing::TestWithParam<bool> {
     front_.As(kNobody, kNobody);
   }
 
-  /// Every answer must be a whole page, and nothing may be left.
+  /// Checks that every answer is a whole page and that no file is left.
   Response Serve(const Request& request) {
     Response response = front_.Run(request);
     EXPECT_EQ(response.Complaints(), "") << response.standard_error;
@@ -104,7 +104,7 @@ class Panel : public testing::TestWithParam<bool> {
   Backend backend_;
 
  private:
-  /// Where everybody can run it.
+  /// Copies the front end to a folder where every user can run it.
   std::string Place() {
     fs::permissions(folder_.Path(), fs::perms{0755});
     for (const char* library : LIBRARIES) {

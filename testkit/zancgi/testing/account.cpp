@@ -48,8 +48,8 @@ std::string GroupFile(const std::vector<Group>& groups) {
   return file.str();
 }
 
-/// What PAM says of a test is for nobody, and the C library would leave a
-/// socket open.
+/// Hides the log socket: PAM's messages about tests concern nobody, and the C
+/// library would leave a socket open.
 void HideSystemLog() {
   if (!fs::exists("/dev/log")) return;
   if (::mount("/dev/null", "/dev/log", nullptr, MS_BIND, nullptr) != 0) {
@@ -57,7 +57,7 @@ void HideSystemLog() {
   }
 }
 
-/// Tries it in a process of its own.
+/// Checks this in a process of its own.
 bool CanMountPrivately() {
   const pid_t process = ::fork();
   if (process == 0) {
@@ -81,7 +81,7 @@ std::string WhyNoAccounts() {
 
 void UseAccounts(const std::vector<Account>& accounts,
                  const std::vector<Group>& groups) {
-  // Knows where libraries are.
+  // The cache lists the folders of the libraries.
   const std::string library_cache = ReadFile("/etc/ld.so.cache");
   MountPrivately("/etc", "mode=0755");
   HideSystemLog();
@@ -96,7 +96,7 @@ void UseAccounts(const std::vector<Account>& accounts,
 
 ThrowAwayAccount::ThrowAwayAccount(const std::string& name, uid_t number)
     : entry_{name, number, number, scratch_.MakeDir(name)} {
-  // All folders above the home must be root's, and the account passes them.
+  // The account can search every folder above its home, and all belong to root.
   fs::permissions(scratch_.Path(), fs::perms{0755});
   fs::permissions(Home(), fs::perms{0700});
   if (IsRoot() && ::chown(Home().c_str(), number, number) != 0) {

@@ -1,6 +1,5 @@
-/// @file
-/// Accounts that exist for one process only: for tests of front ends that
-/// become a system account. Needs root, with the right to mount.
+/// Accounts that exist in one process only, for tests of front ends that become
+/// a system account. Needs root and permission to mount.
 #ifndef ZANCGI_TESTING_ACCOUNT_H
 #define ZANCGI_TESTING_ACCOUNT_H
 
@@ -15,39 +14,40 @@ namespace zan_cgi::testing {
 /// An entry of the password file.
 struct Account {
   std::string name;  ///< Its login name.
-  uid_t uid;         ///< Number of the user.
-  gid_t gid;         ///< Number of its group.
+  uid_t uid;         ///< Its user id.
+  gid_t gid;         ///< Its group id.
   std::string home;  ///< Its home folder.
 };
 
 /// An entry of the group file.
 struct Group {
   std::string name;                  ///< Its name.
-  gid_t gid;                         ///< Its number.
+  gid_t gid;                         ///< Its group id.
   std::vector<std::string> members;  ///< Login names.
 };
 
-/// Why there can be no such accounts here; empty when there can. With
+/// Returns why such accounts cannot be used here; empty if they can. With
 /// GoogleTest:
 ///
 ///     if (!WhyNoAccounts().empty()) GTEST_SKIP() << WhyNoAccounts();
 std::string WhyNoAccounts();
 
-/// Gives this process an /etc of its own, which knows root, these accounts and
-/// these groups and nothing else, and mounts that only it sees. Both vanish
-/// with the process. Root's home is "/". For child processes.
-/// @throws std::runtime_error when that cannot be done
+/// Gives this process a private /etc, which contains root, these accounts and
+/// these groups only. The mounts are private to this process and disappear with
+/// it. Root's home is "/". Call it in child processes only.
+/// @throws std::runtime_error on failure
 void UseAccounts(const std::vector<Account>& accounts,
                  const std::vector<Group>& groups);
 
-/// An account with a home folder, which goes with this object. It is known
-/// where Use() was called, and to a Program that is given it.
+/// An account with a home folder, which is removed with this object. The
+/// account exists in processes that call Use(), and in a Program that gets it.
 class ThrowAwayAccount {
  public:
   /// @param name    login name
-  /// @param number  of the user and of its group, which has the same name
-  /// @throws std::runtime_error when the home cannot be given to it; it is made
-  ///   for who is not root, too, and is then his
+  /// @param number  user id and group id; the group has the same name
+  /// @throws std::runtime_error when the home cannot be given to the account.
+  ///   If the caller is not root, the home is made, too, but belongs to the
+  ///   caller.
   explicit ThrowAwayAccount(const std::string& name = "visitor",
                             uid_t number = 54321);
 
@@ -55,13 +55,13 @@ class ThrowAwayAccount {
   const Account& Entry() const { return entry_; }
   /// Its home folder. Only the account may enter it.
   const std::string& Home() const { return entry_.home; }
-  /// A path in the home.
+  /// Returns a path in the home.
   std::string operator/(const std::string& name) const {
     return Home() + "/" + name;
   }
 
-  /// Has this process know root and this account, and nobody else. For child
-  /// processes, as UseAccounts().
+  /// Makes root and this account the only ones in this process. Call it in
+  /// child processes only, like UseAccounts().
   void Use() const;
 
  private:

@@ -32,7 +32,7 @@ sockaddr_un AddressOf(const std::string& path) {
   return address;
 }
 
-/// A socket that a front end of any identity may connect to.
+/// Returns a bound socket to which any user may connect.
 int BoundSocket(const std::string& path) {
   Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!socket) Fail("socket");
@@ -45,7 +45,7 @@ int BoundSocket(const std::string& path) {
   return socket.Release();
 }
 
-/// Reads the length of a netstring and the colon behind it.
+/// Reads the length of a netstring and the colon after it.
 std::string ReadLength(int connection) {
   std::string length;
   char byte;
@@ -56,9 +56,9 @@ std::string ReadLength(int connection) {
   return length;
 }
 
-/// Reads a netstring up to its comma, which is awaited and stays: who closes a
-/// Unix socket with a byte unread resets its peer. What breaks off is returned
-/// as far as it came.
+/// Reads a netstring. Waits for its final comma but leaves it unread: closing a
+/// Unix socket with an unread byte resets the peer. If the netstring is
+/// incomplete, returns what was received.
 std::string ReadUpToComma(int connection) {
   std::string text = ReadLength(connection);
   std::size_t left = std::strtoul(text.c_str(), nullptr, 10);
@@ -149,7 +149,7 @@ std::string Query::Item(const std::string& name) const {
 Backend::Backend(std::string name)
     : name_(std::move(name)), socket_path_(run_dir_ / (name_ + ".sock")) {
   ::chmod(run_dir_.Path().c_str(), 0755);
-  // As of a service that has crashed: there, but nobody listens.
+  // Without a listener, as after a crash of the service.
   ::close(BoundSocket(socket_path_));
 }
 
@@ -220,7 +220,7 @@ void Backend::EndRun() {
 
 void Backend::ServeUntil(int descriptor) {
   for (;;) {
-    // A descriptor below 0 is none to poll(2).
+    // poll(2) ignores negative descriptors.
     pollfd events[] = {{listener_, POLLIN, 0}, {descriptor, POLLIN, 0}};
     if (::poll(events, 2, -1) < 0 && errno != EINTR) Fail("poll");
     if ((events[0].revents & POLLIN) != 0) {
@@ -241,7 +241,7 @@ void Backend::ServeOne() {
     return Treat(RuleFor(queries_.back()), connection.Get());
   }
   const Step& step = script_[next_++];
-  // Before the client can come again.
+  // Closed now, before the client can connect again.
   if (ClosesToRefuse() && RefusesAt(next_)) StopListening();
   if (step.kind == Step::Kind::Reset) {
     pollfd readable{connection.Get(), POLLIN, 0};
@@ -252,7 +252,7 @@ void Backend::ServeOne() {
   Treat(step, connection.Get());
 }
 
-/// With the comma of the query still unread.
+/// Carries out a step. The comma of the query is still unread.
 void Backend::Treat(const Step& step, int connection) {
   const bool resets = step.kind == Step::Kind::Reset ||
                       step.kind == Step::Kind::AnswerThenReset;

@@ -1,5 +1,4 @@
-/// @file
-/// A scripted back-end service: what it does wrong is part of the script.
+/// A scripted back-end service, which can also fail as scripted.
 #ifndef ZANCGI_TESTING_BACKEND_H
 #define ZANCGI_TESTING_BACKEND_H
 
@@ -14,19 +13,20 @@
 
 namespace zan_cgi::testing {
 
-/// How the back end treats one attempt of a front end to ask it.
+/// How the back end treats one attempt of a front end to query it.
 struct Step {
-  /// What is done.
+  /// The action.
   enum class Kind {
     /// Nothing listens from here to the end of the run: every attempt is
-    /// refused. The step behind it is for the next run.
+    /// refused. The step after it is for the next run.
     Refuse,
-    /// Accepted and closed with the query unread: the client sees a reset.
+    /// The connection is accepted and closed with the query unread, so the
+    /// client sees a reset.
     Reset,
-    /// The query is read, then the connection is closed without a byte.
+    /// The query is read, then the connection is closed without an answer.
     CloseSilently,
-    /// The query is read, and nothing more happens until the client goes or
-    /// its run ends.
+    /// The query is read, and nothing more happens until the client disconnects
+    /// or its run ends.
     StaySilent,
     /// The query is read and answered, then the connection is closed.
     Answer,
@@ -36,8 +36,8 @@ struct Step {
     AnswerThenReset
   };
 
-  Kind kind;           ///< What is done.
-  std::string answer;  ///< What is sent, for the kinds that send.
+  Kind kind;           ///< The action.
+  std::string answer;  ///< The text to send, for the kinds that send one.
 };
 
 Step Refuse();                            ///< @see Step::Kind::Refuse
@@ -48,27 +48,26 @@ Step Answer(std::string text);            ///< @see Step::Kind::Answer
 Step AnswerByteByByte(std::string text);  ///< @see Step::Kind::AnswerByteByByte
 Step AnswerThenReset(std::string text);   ///< @see Step::Kind::AnswerThenReset
 
-/// A query as it came over the wire.
+/// A query as received.
 struct Query {
   /// All its bytes.
   std::string raw;
   /// The header's variables in the order sent, CONTENT_LENGTH and SCGI first.
   std::vector<std::pair<std::string, std::string>> variables;
 
-  /// Value of a variable; empty when it is not there.
+  /// Returns the value of a variable; empty if it is missing.
   std::string operator[](const std::string& name) const;
-  /// Whether the variable is there, be it empty.
+  /// Whether the variable exists, even if it is empty.
   bool Has(const std::string& name) const;
-  /// Value of the first item of this name in QUERY_STRING, decoded; empty when
-  /// there is none.
+  /// Returns the decoded value of the first item of this name in QUERY_STRING;
+  /// empty if there is none.
   std::string Item(const std::string& name) const;
 };
 
-/// A back-end service on a socket in a run directory of its own. It is there
-/// while a Program or Child runs that is given it, and treats each attempt to
-/// ask it as the script says, step by step. Behind the script it answers by
-/// what is asked for, where On() or Otherwise() say how, and refuses where
-/// neither was called.
+/// A back-end service on a socket in a run directory of its own. It listens
+/// while a Program or Child that uses it runs, and treats each query as
+/// scripted, step by step. After the script it answers by the rules of On() and
+/// Otherwise(), and refuses if there are none.
 class Backend {
  public:
   /// @param name  the name that the front end gives to its zan_cgi::Cgi
@@ -82,44 +81,44 @@ class Backend {
   /// Adds the same step several times.
   Backend& Times(std::size_t count, const Step& step);
 
-  /// Behind the script: treats the queries with this item "func" so.
-  /// @throws std::invalid_argument for a step that refuses: by the time that
-  ///         the back end knows what is asked for, it has accepted
+  /// After the script: treats queries with this item "func" in this manner.
+  /// @throws std::invalid_argument for a step that refuses: to read the query,
+  ///   the back end must have accepted the connection
   Backend& On(const std::string& function, Step step);
-  /// Behind the script: treats other queries as this says. Unless set, they are
-  /// Unexpected() and closed silently.
+  /// After the script: returns the step for all other queries. Without it they
+  /// are Unexpected() and closed silently.
   Backend& Otherwise(std::function<Step(const Query&)> rule);
 
   /// The service's name.
   const std::string& Name() const { return name_; }
   /// Value for TOV_RUN_DIR.
   const std::string& RunDir() const { return run_dir_.Path(); }
-  /// Where the service listens.
+  /// The socket's path.
   const std::string& SocketPath() const { return socket_path_; }
   /// The queries that were read, in order.
   const std::vector<Query>& Queries() const { return queries_; }
-  /// Those of them that nothing was said about.
+  /// The queries for which there was no rule.
   const std::vector<Query>& Unexpected() const { return unexpected_; }
-  /// How many steps of the script have not come about.
+  /// The number of steps of the script that were not reached.
   std::size_t StepsLeft() const { return script_.size() - next_; }
 
-  /// For what runs a front end, before it starts one: begins to listen, unless
-  /// the next step is to refuse.
+  /// Called by the runner before it starts a front end: begins to listen,
+  /// unless the next step is to refuse.
   void BeginRun();
-  /// For what runs a front end, in the front end's process: leaves the socket
-  /// to the process that serves.
+  /// Called by the runner in the front end's process: closes the listening
+  /// socket, which belongs to the serving process.
   virtual void BecomeClient();
-  /// For what runs a front end: serves until this descriptor becomes readable.
+  /// Called by the runner: serves until this descriptor becomes readable.
   void ServeUntil(int descriptor);
-  /// For what runs a front end, once it has ended.
+  /// Called by the runner after the front end has ended.
   void EndRun();
 
  protected:
-  /// Whether this step of the script, counted from 0, is to refuse; behind the
-  /// script, whether there is nothing to answer by.
+  /// Whether this step of the script, counted from 0, is to refuse. After the
+  /// script, whether there are no rules.
   bool RefusesAt(std::size_t step) const;
-  /// Whether a step that refuses closes the socket. Not where refused attempts
-  /// are kept away in another way; such a step is then one attempt.
+  /// Whether a step that refuses closes the socket. If attempts are refused by
+  /// other means, such a step is one attempt.
   virtual bool ClosesToRefuse() const { return true; }
 
  private:
