@@ -1,3 +1,4 @@
+/// @file
 /// Becoming a system account with proof of success, and the HTTP status that
 /// fits an exception.
 #ifndef ZANCGI_ACCOUNT_H

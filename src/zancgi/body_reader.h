@@ -1,3 +1,4 @@
+/// @file
 /// Private: reads the body of a request up to its declared length (RFC 3875
 /// sections 4.1.2 and 4.2).
 #ifndef ZANCGI_BODY_READER_H

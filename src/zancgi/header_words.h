@@ -1,3 +1,4 @@
+/// @file
 /// Private: parses header fields such as 'form-data; name="a"' (RFC 2045
 /// section 5.1, RFC 9110 section 5.6).
 #ifndef ZANCGI_HEADER_WORDS_H

@@ -1,3 +1,4 @@
+/// @file
 /// Accounts that exist in one process only, for tests of front ends that become
 /// a system account. Needs root and permission to mount.
 #ifndef ZANCGI_TESTING_ACCOUNT_H

@@ -1,3 +1,4 @@
+/// @file
 /// A scripted back-end service, which can also fail as scripted.
 #ifndef ZANCGI_TESTING_BACKEND_H
 #define ZANCGI_TESTING_BACKEND_H

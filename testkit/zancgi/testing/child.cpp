@@ -25,7 +25,7 @@
 #include "supervision.h"
 #include "system.h"
 
-// Only a program that is built with the sanitizer has it.
+// Defined only in programs that are built with the sanitizer.
 #pragma weak __lsan_do_recoverable_leak_check
 
 namespace zan_cgi::testing {
@@ -35,7 +35,8 @@ constexpr int kLeakStatus = 99;
 constexpr int kFailedStatus = 95;
 constexpr int kUnreportedStatus = 98;
 
-/// What a report consists of: "kind:name-size:value-size:name value".
+/// Writes one record of a report: kind, size of the name, size of the value,
+/// name and value.
 void WriteRecord(int descriptor, char kind, const std::string& name,
                  const std::string& value) {
   std::ostringstream record;
@@ -44,12 +45,12 @@ void WriteRecord(int descriptor, char kind, const std::string& name,
   if (!WriteAll(descriptor, record.str())) ::_exit(kUnreportedStatus);
 }
 
-/// Which file each descriptor is open on, and how /proc/self/fd lists it. The
-/// listing alone would not do: mounting something can change it.
+/// The open files by descriptor, device and inode, with their entries in
+/// /proc/self/fd. The entries alone are not enough: a mount can change them.
 using Descriptors = std::map<std::tuple<int, dev_t, ino_t>, std::string>;
 
-/// The process's own listing of its descriptors, opened before the body may
-/// have shut itself off from /proc.
+/// Opens the process's own list of descriptors before the body may lose access
+/// to /proc.
 int OpenListing() {
   const int low = ::open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   const int high = ::fcntl(low, F_DUPFD_CLOEXEC, 100);
@@ -95,7 +96,7 @@ void ReportException(int report, const std::string& type,
   WriteRecord(report, 'e', type, text);
 }
 
-/// The type of the exception that is being handled.
+/// Returns the type of the exception that is being handled.
 std::string TypeOfException() {
   int failure = 0;
   const std::unique_ptr<char, void (*)(void*)> name(
@@ -123,7 +124,7 @@ bool LeaksMemory() {
   if (leak_check_left_out || __lsan_do_recoverable_leak_check == nullptr) {
     return false;
   }
-  // The check cannot be made by a process that has shut itself off from /proc.
+  // The check needs /proc, which this process may no longer reach.
   if (::access("/proc/self/task", F_OK) != 0) return false;
   return __lsan_do_recoverable_leak_check() != 0;
 }

@@ -1,6 +1,6 @@
 /// @file
-/// Runs a piece of a test in a process of its own, made the way a web server
-/// would make it, and brings back what happened there.
+/// Runs a piece of a test in a process of its own, started as a web server
+/// would start it, and returns the results.
 #ifndef ZANCGI_TESTING_CHILD_H
 #define ZANCGI_TESTING_CHILD_H
 
@@ -20,16 +20,16 @@ namespace zan_cgi::testing {
 
 class Backend;
 
-/// What a child process has left behind.
+/// The results of a child process.
 struct Outcome {
-  /// What the body has reported, by name.
+  /// The values that the body reported, by name.
   std::map<std::string, std::string> reported;
   /// Type of the exception that ended the body, such as "tov_err::Missed" or
-  /// "std::runtime_error"; empty when there was none.
+  /// "std::runtime_error"; empty if there was none.
   std::string error_type;
   /// Its what().
   std::string error;
-  /// Log lines in order; marks of Mark() are among them with level -1.
+  /// Log lines in order. Marks of Mark() are included with level -1.
   Log log;
   /// Everything on standard error, log lines included.
   std::string standard_error;
@@ -37,65 +37,66 @@ struct Outcome {
   /// NoticeFailuresBy()), or 99 after a memory leak; 128 and the signal's
   /// number after a death by signal.
   int status = 0;
-  /// Whether the child has been ended because its time was up.
+  /// Whether the child was killed at its time limit.
   bool timed_out = false;
-  /// Descriptors that the body has left open, as listed by /proc/self/fd.
+  /// Descriptors that the body left open, as listed by /proc/self/fd.
   std::vector<std::string> leaked_descriptors;
-  /// Processes that the body has started and left behind, such as
-  /// "1234 sleep". They have been ended.
+  /// Processes that the body started and did not end, such as "1234 sleep".
+  /// They have been killed.
   std::vector<std::string> left_processes;
 
-  /// The texts that were logged at one level.
+  /// Returns the messages that were logged at one level.
   std::vector<std::string> Logged(int level) const;
 };
 
-/// Reports something to the parent: report("param", cgi.Param("a")).
+/// Reports a value to the parent: report("param", cgi.Param("a")).
 class Reporter {
  public:
-  /// @param descriptor  where to
+  /// @param descriptor  receives the report
   explicit Reporter(int descriptor) : descriptor_(descriptor) {}
-  /// Of several values of one name the last counts.
+  /// If a name is reported several times, the last value counts.
   void operator()(const std::string& name, const std::string& value) const;
 
  private:
   int descriptor_;
 };
 
-/// For test frameworks whose expectations do not throw: tells how to find out
-/// whether one has failed in this process so far. With GoogleTest:
+/// For test frameworks whose expectations do not throw: sets the function that
+/// returns whether an expectation has failed in this process. With GoogleTest:
 ///
 ///     NoticeFailuresBy([] { return ::testing::Test::HasFailure(); });
 ///
-/// Without it, a child's body that only notes a failure ends well.
+/// Without it, a failed expectation in a child's body goes unnoticed.
 void NoticeFailuresBy(bool (*has_failed)());
 
-/// For a child in which another library leaks, or which may not have the thread
-/// that the check needs: leaves the check for leaks out of this process.
+/// Skips the leak check in this process: for a child in which another library
+/// leaks, or which may not start the thread that the check needs.
 void LeaveOutLeakCheck();
 
-/// A child process to come. Its environment holds only what is set here, its
-/// standard input is /dev/null, its working directory the parent's.
+/// A child process. Its environment contains only what is set here, its
+/// standard input is /dev/null, and its working directory is the parent's.
 class Child {
  public:
-  /// What runs there.
+  /// The code that runs in the child.
   using Body = std::function<void(const Reporter&)>;
 
   /// Sets an environment variable.
   Child& Env(const std::string& name, const std::string& value);
-  /// Sets the environment and the standard input that a web server makes of
-  /// this request.
+  /// Sets the environment and the standard input as a web server would for this
+  /// request.
   Child& Serve(const Request& request);
-  /// The directory that it starts in.
+  /// Sets the directory that the child starts in.
   Child& WorkDir(const std::string& path);
-  /// What the body reads; must live until Run() has returned.
+  /// Sets the standard input. It must exist until Run() returns.
   Child& StandardInput(const Input& input);
   /// Starts the body with this descriptor closed.
   Child& Closed(int descriptor);
-  /// 9 unless set.
+  /// Sets the log level; the default is 9.
   Child& LogLevel(int level);
   /// Serves this back end while the child runs.
   Child& With(Backend& backend);
-  /// A minute unless set. Then the child is ended, and the status says so.
+  /// Sets the time limit, after which the child is killed and
+  /// Outcome::timed_out is set. The default is a minute.
   Child& TimeLimit(std::chrono::milliseconds limit);
 
   /// Runs the body in the child and waits for its end.

@@ -16,36 +16,36 @@ using Items = std::vector<std::pair<std::string, std::string>>;
 /// How a form is encoded.
 enum class Encoding {
   Multipart,  ///< multipart/form-data
-  UrlEncoded  ///< application/x-www-form-urlencoded; of files only the names
+  UrlEncoded  ///< application/x-www-form-urlencoded; names only for files
 };
 
 /// A form, for Request::Submit() and Request::Multipart().
 class Form {
  public:
-  /// Adds a field; several may have one name. Each line end in name and value
-  /// becomes CR LF.
+  /// Adds a field. Names may repeat. Each line end in name and value becomes CR
+  /// LF.
   Form& Field(const std::string& name, const std::string& value);
-  /// Adds a file; several may have one name. In multipart, double quote, CR and
-  /// LF in names become %22, %0D and %0A; a line end in the field's name is
-  /// made CR LF before. The content stays as it is.
+  /// Adds a file. Names may repeat. In multipart, double quote, CR and LF in
+  /// names become %22, %0D and %0A, after each line end in the field's name has
+  /// become CR LF. The content is not changed.
   Form& File(const std::string& name, const std::string& file_name,
              const std::string& content,
              const std::string& content_type = "application/octet-stream");
-  /// Adds a file input in which nothing was chosen.
+  /// Adds a file input without a chosen file.
   Form& EmptyFile(const std::string& name);
-  /// Adds a part as it is: its header lines, an empty line and its content. For
-  /// what no browser sends.
+  /// Adds a part as given: its header lines, an empty line and its content. For
+  /// parts that no browser sends.
   Form& Part(const std::string& text);
 
-  /// The bytes between the parts; in none of them.
+  /// Returns a boundary that occurs in no part.
   std::string Boundary() const;
-  /// The request's body.
+  /// Returns the request's body.
   std::string Body() const;
-  /// The request's content type, which tells the boundary.
+  /// Returns the request's content type, which includes the boundary.
   std::string ContentType() const;
 
-  /// What is URL-encoded: the fields, and of files the names.
-  /// @throws std::logic_error when a part was added as it is
+  /// Returns the items to URL-encode: the fields, and the names of files.
+  /// @throws std::logic_error when a part was added by Part()
   Items UrlEncodedItems() const;
 
  private:

@@ -1,15 +1,16 @@
 /// @file
-/// Who a child process is.
+/// The user of a child process.
 #ifndef ZANCGI_TESTING_IDENTITY_H
 #define ZANCGI_TESTING_IDENTITY_H
 
 namespace zan_cgi::testing {
 
-/// Whether this process is root: what needs root says so when it is skipped.
+/// Whether this process is root. A test that needs root should give that as the
+/// reason when it is skipped.
 bool IsRoot();
 
-/// Takes on user 65534 and its group for good, when the caller is root. For
-/// child processes.
+/// Changes to user and group 65534 for good if the caller is root. Call it in
+/// child processes only.
 /// @throws std::runtime_error when that fails
 void BecomeOrdinaryUser();
 

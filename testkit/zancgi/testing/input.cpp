@@ -13,7 +13,7 @@
 namespace zan_cgi::testing {
 namespace {
 
-/// A reader that has gone shows as EPIPE.
+/// Blocks SIGPIPE, so that a write without a reader fails with EPIPE.
 void IgnoreBrokenPipes() {
   sigset_t signals;
   ::sigemptyset(&signals);
@@ -85,14 +85,15 @@ Input::Input(Input&& other) noexcept
       writer_(std::move(other.writer_)) {}
 
 Input::~Input() {
-  // First the end that is read from, so that a writer does not wait for ever.
+  // The reading end closes first, because a blocked writer would wait without
+  // end.
   if (descriptor_ >= 0) ::close(descriptor_);
   if (writer_.joinable()) writer_.join();
   if (writing_end_ >= 0) ::close(writing_end_);
 }
 
-/// Hangs up by shutting down or, for a pipe, by putting another file in the
-/// descriptor's place, so that the number is not reused meanwhile.
+/// Starts the writer. It hangs up with shutdown(2). For a pipe it replaces the
+/// descriptor by another file, so that the number is not reused meanwhile.
 void Input::Feed() const {
   if (writing_end_ < 0 || writer_.joinable()) return;
   writer_ = std::thread([pieces = pieces_, pause = pause_, hangs_up = hangs_up_,

@@ -1,5 +1,5 @@
 /// @file
-/// Standard inputs for a child process, of each kind that a web server gives.
+/// Standard inputs for a child process, of each kind that web servers use.
 #ifndef ZANCGI_TESTING_INPUT_H
 #define ZANCGI_TESTING_INPUT_H
 
@@ -10,33 +10,33 @@
 
 namespace zan_cgi::testing {
 
-/// What a child process is to read. Serves one process.
+/// The standard input of one child process.
 class Input {
  public:
   /// /dev/null.
   static Input Nothing();
-  /// A pipe whose writer hangs up behind the last byte.
+  /// A pipe whose writer hangs up after the last byte.
   static Input Pipe(const std::string& bytes);
   /// The same, written piece by piece with a pause before each.
   static Input SlowPipe(std::vector<std::string> pieces,
                         std::chrono::milliseconds pause);
-  /// A pipe whose writer neither writes more nor hangs up.
+  /// A pipe whose writer stops after the last byte but does not hang up.
   static Input SilentPipe(const std::string& bytes);
-  /// A Unix socket that is shut down behind the last byte.
+  /// A Unix socket that is shut down after the last byte.
   static Input Socket(const std::string& bytes);
   /// A regular file.
   static Input File(const std::string& bytes);
 
-  /// Takes over what the other is.
+  /// Takes over the other's descriptors.
   Input(Input&& other) noexcept;
   ~Input();
 
-  /// Makes this the standard input of the calling process, a child of the one
-  /// that made it.
+  /// Makes this the standard input of the calling process, which must be a
+  /// child of the process that made it.
   void BecomeStandardInput() const;
-  /// Begins to write. To be called by the process that made it, once the child
-  /// is there: a child that is forked beside a running thread may inherit a
-  /// lock that nobody opens.
+  /// Starts writing. Call it in the process that made it, after the child has
+  /// been forked: a child forked while another thread runs may inherit a lock
+  /// that is never released.
   void Feed() const;
 
  private:

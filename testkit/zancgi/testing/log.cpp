@@ -42,8 +42,8 @@ std::vector<std::string> TextsOf(const Log& log, int level) {
 }
 
 Log ParseLog(const std::string& standard_error) {
-  // A log that goes to a regular file has the time in front. The message is
-  // left to what is behind: it can be long, and the expression recurses.
+  // A log in a regular file begins with the time. The message is not part of
+  // the expression, which recurses and could exhaust the stack on a long one.
   static const std::regex prefix(
       "(?:[-0-9T:]+Z )?([^ \\[]+)\\[[0-9]+\\] ([^ ]+) "
       "(emergency|alert|critical|error|warning|notice|info|query|trace|debug)"

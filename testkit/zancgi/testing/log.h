@@ -3,7 +3,7 @@
 #ifndef ZANCGI_TESTING_LOG_H
 #define ZANCGI_TESTING_LOG_H
 
-// Of the comparison that the compiler makes.
+// <algorithm> would be for the comparison that the compiler generates.
 // IWYU pragma: no_include <algorithm>
 #include <iosfwd>
 #include <string>
@@ -11,8 +11,8 @@
 
 namespace zan_cgi::testing {
 
-/// One line of the log: its numeric level and its text behind the prefix, and
-/// what has logged it.
+/// One line of the log: its numeric level, its message without the prefix, and
+/// the module that wrote it.
 struct LogLine {
   int level = 0;                  ///< 3 for errors to 9 for debugging.
   std::string text;               ///< The message.
@@ -28,17 +28,17 @@ struct LogLine {
   }
 };
 
-/// For messages of failed expectations.
+/// Prints a line in the messages of failed expectations.
 void PrintTo(const LogLine& line, std::ostream* out);
 
 /// Log lines, in order.
 using Log = std::vector<LogLine>;
 
-/// The texts of one level.
+/// Returns the messages of one level.
 std::vector<std::string> TextsOf(const Log& log, int level);
 
-/// The log lines of what a process has written to its standard error. Lines of
-/// other origin are left out. A mark of Mark() has level -1.
+/// Extracts the log lines from a process's standard error. Other lines are
+/// skipped. A mark of Mark() has level -1.
 Log ParseLog(const std::string& standard_error);
 
 /// Writes a mark among the log lines of a child, to show the order of effects.

@@ -1,5 +1,5 @@
 /// @file
-/// File systems that only one process sees; not installed.
+/// Mounts that only one process sees; not installed.
 #ifndef ZANCGI_TESTING_MOUNT_H
 #define ZANCGI_TESTING_MOUNT_H
 

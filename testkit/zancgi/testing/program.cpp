@@ -29,7 +29,7 @@ namespace fs = std::filesystem;
 namespace zan_cgi::testing {
 namespace {
 
-/// Paths of all that is below a folder, relative to it, sorted.
+/// Returns the paths of everything below a folder, relative to it and sorted.
 std::vector<std::string> FilesIn(const std::string& folder) {
   std::vector<std::string> files;
   for (const auto& entry : fs::recursive_directory_iterator(
@@ -48,7 +48,7 @@ std::vector<std::string> NewOnes(const std::vector<std::string>& before,
   return added;
 }
 
-/// The texts and a null pointer, as execve(2) takes them.
+/// Returns pointers to the texts and a final null pointer, for execve(2).
 std::vector<char*> Pointers(std::vector<std::string>& texts) {
   std::vector<char*> pointers;
   pointers.reserve(texts.size() + 1);
@@ -57,7 +57,8 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
   return pointers;
 }
 
-/// What was ignored or blocked here is not to be so in a front end.
+/// Resets all signals, so that the front end does not inherit ignored or
+/// blocked ones.
 void ResetSignals() {
   struct sigaction usual {};
   usual.sa_handler = SIG_DFL;
@@ -74,13 +75,13 @@ bool TakeIdentity(uid_t user, gid_t group) {
          ::setuid(user) == 0;
 }
 
-/// Tells what is wrong, by errno, and ends the process.
+/// Reports the error in errno and ends the process.
 [[noreturn]] void GiveUp(int failure, const std::string& what) {
   WriteAll(failure, std::to_string(errno) + " " + what);
   ::_exit(127);
 }
 
-/// Lets this process know the account.
+/// Makes the account the only one in this process besides root.
 void Use(const ThrowAwayAccount& account, int failure) {
   try {
     account.Use();
@@ -167,7 +168,7 @@ void Program::Become(const std::map<std::string, std::string>& environment,
   input.BecomeStandardInput();
   ::dup2(standard_output, STDOUT_FILENO);
   ::dup2(standard_error, STDERR_FILENO);
-  // Nothing of the test's.
+  // The front end must not inherit the test's descriptors.
   ::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
   ResetSignals();
   if (account_ != nullptr) Use(*account_, failure);

@@ -18,37 +18,40 @@ namespace zan_cgi::testing {
 class Backend;
 class ThrowAwayAccount;
 
-/// A front end's program, and what a web server's configuration says of it.
-/// Where nothing else is said, it starts in the folder that it lies in, with
-/// its path for argv[0], and may take half a minute.
+/// A front end's program and the settings of the web server for it. By default,
+/// it starts in its own folder, with its path as argv[0], and its time limit is
+/// half a minute.
 class Program {
  public:
   /// @param path  of the executable file
   explicit Program(const std::string& path);
 
-  /// What it is given as argv[0].
+  /// Sets argv[0].
   Program& CalledAs(const std::string& name);
-  /// The directory that it starts in.
+  /// Sets the directory that it starts in.
   Program& WorkDir(const std::string& path);
-  /// Sets an environment variable, whatever the request says of it.
+  /// Sets an environment variable. It overrides the request's.
   Program& Env(const std::string& name, const std::string& value);
-  /// The user and group that it starts as, without further groups. Needs root.
+  /// Sets the user and group that it starts as, without supplementary groups.
+  /// Needs root.
   Program& As(uid_t user, gid_t group);
-  /// Sets TOV_LOG_LEVEL; warnings and errors are logged unless set.
+  /// Sets TOV_LOG_LEVEL. By default, warnings and errors are logged.
   Program& LogLevel(int level);
   /// Serves this back end while the front end runs.
   Program& With(Backend& backend);
-  /// Has the front end know this account, and root, and nobody else. Must live
-  /// until Run() has returned. Needs root.
+  /// Makes this account and root the only ones for the front end. The object
+  /// must exist until Run() returns. Needs root.
   Program& With(const ThrowAwayAccount& account);
-  /// When the front end is ended, with all that it has started.
+  /// Sets the time limit, after which the front end and all processes that it
+  /// started are killed.
   Program& TimeLimit(std::chrono::milliseconds limit);
 
-  /// The directory for temporary files that it is told in TMP and TMPDIR: its
-  /// own, removed with this object. For front ends that are told another way.
+  /// The directory for temporary files, passed in TMP and TMPDIR. It is removed
+  /// with this object. Use this function for front ends that need the path in
+  /// another variable.
   const std::string& TmpDir() const { return tmp_dir_.Path(); }
 
-  /// Has the front end serve this request, and waits for its end.
+  /// Runs the front end for this request and waits for its end.
   /// @throws std::system_error when it cannot be started
   Response Run(const Request& request) const;
 

@@ -52,7 +52,7 @@ std::string Decoded(const std::string& text) {
   return decoded;
 }
 
-/// The name of the variable that a header becomes.
+/// Returns the name of the CGI variable for a header.
 std::string VariableOf(const std::string& header) {
   std::string name;
   for (const char byte : header) {
@@ -170,7 +170,7 @@ bool Request::IsHttps() const {
 
 std::map<std::string, std::string> Request::Environment() const {
   std::map<std::string, std::string> environment = variables_;
-  // Does not replace what a header says.
+  // An existing Content-Length header is kept.
   if (has_body_) {
     environment.emplace("CONTENT_LENGTH", std::to_string(body_.size()));
   }

@@ -1,6 +1,6 @@
 /// @file
-/// HTTP requests, and what a web server makes of them for a CGI program
-/// (RFC 3875).
+/// HTTP requests, and the environment and input that a CGI program gets for
+/// them (RFC 3875).
 #ifndef ZANCGI_TESTING_REQUEST_H
 #define ZANCGI_TESTING_REQUEST_H
 
@@ -14,62 +14,63 @@
 
 namespace zan_cgi::testing {
 
-/// The items as a query string, or as the body of a form without files.
+/// Encodes items as a query string, or as the body of a form without files.
 std::string UrlEncoded(const Items& items);
-/// The items of a query string, decoded.
+/// Decodes the items of a query string.
 Items FromUrlEncoded(const std::string& text);
 
-/// What the body comes from, as standard input of the front end. Web servers
-/// differ in that.
+/// The kind of standard input that delivers the body. Web servers differ in
+/// this.
 enum class Delivery {
-  Pipe,    ///< A pipe whose writer hangs up behind the last byte.
-  Socket,  ///< A Unix socket that is shut down behind the last byte.
+  Pipe,    ///< A pipe whose writer hangs up after the last byte.
+  Socket,  ///< A Unix socket that is shut down after the last byte.
   File,    ///< A regular file.
-  /// A pipe whose writer neither writes more than the body nor hangs up: a
+  /// A pipe whose writer stops after the body but does not hang up, like a
   /// visitor who stalls.
   StallingPipe
 };
 
-/// A request to come.
+/// A request for a front end.
 class Request {
  public:
-  /// @param method  such as "PUT"; for most, Get() and Post() do
+  /// @param method  such as "PUT"; usually Get() or Post() is shorter
   /// @param path    of the front end, such as "/panel"
-  /// @param query   behind the question mark, encoded
+  /// @param query   the encoded part after the question mark
   Request(std::string method, std::string path, std::string query = "");
 
-  /// Sets a header. What it becomes for the front end is HTTP_NAME, except for
-  /// Content-Type and Content-Length.
+  /// Sets a header. The front end gets it as HTTP_NAME, except for Content-Type
+  /// and Content-Length.
   Request& Header(const std::string& name, const std::string& value);
   /// Adds a cookie.
   Request& Cookie(const std::string& name, const std::string& value);
-  /// Sets the body. Its length is declared, unless a header Content-Length says
-  /// otherwise.
+  /// Sets the body. Content-Length is set to its length, unless that header is
+  /// set explicitly.
   Request& Body(std::string bytes, const std::string& content_type);
-  /// Has a form without files for a body.
+  /// Sets a form without files as the body.
   Request& Fields(const Items& items);
-  /// Has a form with files for a body.
+  /// Sets a form with files as the body.
   Request& Multipart(const Form& form);
   /// Submits a form as a browser does from a page of the same origin: with the
   /// body and its type, Origin, and the Sec-Fetch headers of Fetch Metadata.
-  /// The origin is that of the headers and variables Host and HTTPS. Headers
-  /// that are set stay.
+  /// The origin follows from the header Host and the variable HTTPS. Headers
+  /// that are already set are kept.
   /// @throws std::logic_error for a part that cannot be URL-encoded
   Request& Submit(const Form& form, Encoding encoding = Encoding::Multipart);
-  /// A pipe unless set. A request without a body comes from /dev/null.
+  /// Sets the kind of standard input; the default is a pipe. A request without
+  /// a body uses /dev/null.
   Request& By(Delivery delivery);
-  /// Has the body come through a pipe in pieces of this size, with a pause
-  /// before each.
+  /// Sends the body through a pipe in pieces of this size, with a pause before
+  /// each.
   Request& Slowly(std::size_t size, std::chrono::milliseconds pause);
   /// Sets a variable of the web server, such as REMOTE_ADDR.
   Request& Variable(const std::string& name, const std::string& value);
 
-  /// Whether it comes by HTTPS: the variable of this name is neither missing
-  /// nor empty nor "off".
+  /// Whether it uses HTTPS: the variable HTTPS is set and neither empty nor
+  /// "off".
   bool IsHttps() const;
-  /// The environment that a web server gives to the front end.
+  /// Returns the environment that a web server passes to the front end.
   std::map<std::string, std::string> Environment() const;
-  /// What is to be its standard input.
+  /// Returns the standard input that a web server passes to the front end.
   Input StandardInput() const;
 
  private:
@@ -83,9 +84,9 @@ class Request {
   std::chrono::milliseconds pause_{};
 };
 
-/// A GET.
+/// Returns a GET request.
 Request Get(const std::string& path, const std::string& query = "");
-/// A POST, whose body is to be set.
+/// Returns a POST request, still without a body.
 Request Post(const std::string& path, const std::string& query = "");
 
 }  // namespace zan_cgi::testing

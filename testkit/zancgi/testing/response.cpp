@@ -32,7 +32,7 @@ bool IsFieldName(const std::string& name) {
   });
 }
 
-/// Takes the fields and leaves the body.
+/// Splits the output into fields and body.
 void TakeFields(Response& response) {
   const std::string& text = response.standard_output;
   for (std::size_t at = 0;;) {
@@ -58,7 +58,7 @@ void TakeFields(Response& response) {
   }
 }
 
-/// What RFC 3875 section 6.3 demands.
+/// Checks the requirements of RFC 3875 section 6.3.
 void CheckFields(Response& response) {
   for (const char* name : {"Content-Type", "Location", "Status"}) {
     if (response.Headers(name).size() > 1) {

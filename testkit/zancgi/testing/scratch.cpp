@@ -14,7 +14,8 @@ namespace fs = std::filesystem;
 namespace zan_cgi::testing {
 namespace {
 
-/// Lets the folders be emptied that a test has locked.
+/// Restores the owner's permissions on folders that a test has locked, so that
+/// they can be removed.
 void Unlock(const fs::path& folder) {
   std::error_code error;
   fs::permissions(folder, fs::perms::owner_all, error);

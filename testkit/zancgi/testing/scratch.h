@@ -1,5 +1,5 @@
 /// @file
-/// A directory that lives as long as a test.
+/// A directory that exists as long as a test.
 #ifndef ZANCGI_TESTING_SCRATCH_H
 #define ZANCGI_TESTING_SCRATCH_H
 
@@ -8,33 +8,33 @@
 
 namespace zan_cgi::testing {
 
-/// A new directory, removed with all that is in it by the destructor.
+/// A new directory, which the destructor removes with its contents.
 class Scratch {
  public:
   Scratch();
-  /// Below another folder than the one for temporary files.
+  /// Makes the directory in another folder than the one for temporary files.
   explicit Scratch(const std::string& parent);
   ~Scratch();
   Scratch(const Scratch&) = delete;
   Scratch& operator=(const Scratch&) = delete;
 
-  /// Absolute, without links.
+  /// Returns the absolute path without symbolic links.
   const std::string& Path() const { return path_; }
-  /// A path below it.
+  /// Returns a path below it.
   std::string operator/(const std::string& name) const;
   /// Makes a directory, parents included, and returns its path.
   std::string MakeDir(const std::string& name) const;
   /// Makes a file and returns its path.
   std::string MakeFile(const std::string& name,
                        const std::string& content = "") const;
-  /// Names of what is directly in it, sorted.
+  /// Returns the sorted names of its direct entries.
   std::vector<std::string> List() const;
 
  private:
   std::string path_;
 };
 
-/// The whole content of a file.
+/// Returns the whole content of a file.
 std::string ReadFile(const std::string& path);
 
 }  // namespace zan_cgi::testing

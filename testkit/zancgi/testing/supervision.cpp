@@ -32,10 +32,9 @@ namespace {
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
-/// How long a process that goes on behind the end of its parent may take to
-/// finish by itself.
+/// How long a process may run after its parent has ended.
 constexpr milliseconds kTimeToFinish{2000};
-/// The same when the test has gone, which may be supervised itself.
+/// The same after the test has ended, which may be supervised itself.
 constexpr milliseconds kTimeToFinishAlone{500};
 constexpr milliseconds kPollInterval{5};
 
@@ -51,7 +50,7 @@ Descriptor Observe(pid_t process) {
   return descriptor;
 }
 
-/// The children of this process, as "1234 name".
+/// Returns the children of this process and their names, as "1234 name".
 std::vector<std::pair<pid_t, std::string>> Children() {
   std::vector<std::pair<pid_t, std::string>> children;
   const std::unique_ptr<DIR, int (*)(DIR*)> processes(::opendir("/proc"),
@@ -78,7 +77,7 @@ std::vector<std::pair<pid_t, std::string>> Children() {
   return children;
 }
 
-/// Whether all children have ended.
+/// Returns whether all children have ended.
 bool ReapChildren() {
   for (;;) {
     const pid_t reaped = ::waitpid(-1, nullptr, WNOHANG);
@@ -96,7 +95,8 @@ bool AllEndWithin(milliseconds patience) {
   return true;
 }
 
-/// Ends the children, and those that become children thereby.
+/// Kills all children, including processes that become children when their
+/// parent is killed.
 std::vector<std::string> EndChildren() {
   std::vector<std::string> ended;
   do {
@@ -112,7 +112,7 @@ std::vector<std::string> EndChildren() {
 
 enum class Event { kEnd, kTimeUp, kAlone };
 
-/// Waits for the end of the process, of its time or of the test.
+/// Waits for the end of the process, its time limit or the end of the test.
 Event WaitForEvent(pid_t process, int lifeline, milliseconds limit) {
   const Descriptor observed = Observe(process);
   pollfd events[] = {{observed.Get(), POLLIN, 0}, {lifeline, 0, 0}};
@@ -137,13 +137,13 @@ void KeepOnly(int lifeline, int report) {
   ::close_range(static_cast<unsigned>(high) + 1, ~0U, 0);
 }
 
-/// The supervisor's whole life.
+/// Runs in the supervisor and does not return.
 [[noreturn]] void Oversee(pid_t process, int lifeline, int report,
                           milliseconds limit) {
-  // Others wait for the end of what it would hold open.
+  // Others wait until these descriptors are closed.
   KeepOnly(lifeline, report);
   const Event event = WaitForEvent(process, lifeline, limit);
-  // What has another identity may be out of reach.
+  // A process of another user may not be killable.
   if (event != Event::kEnd && ::kill(process, SIGKILL) != 0) ::_exit(1);
   int status = 0;
   ::waitpid(process, &status, 0);
@@ -170,8 +170,9 @@ ExitResult ParseReport(const std::string& report) {
   return ending;
 }
 
-/// Meanwhile the ends of children can be waited for, whatever the program that
-/// runs the tests has been started with, and nothing else waits for them.
+/// Restores the default action of SIGCHLD, so that children can be waited for
+/// whatever the tests were started with, and so that no handler of the test
+/// reaps them.
 class ScopedSigchld {
  public:
   ScopedSigchld() {
@@ -187,7 +188,7 @@ class ScopedSigchld {
   struct sigaction before_ {};
 };
 
-/// A process that is waited for, whatever happens.
+/// Waits for the supervisor in every case.
 class Supervisor {
  public:
   Supervisor(pid_t process, Descriptor lifeline)
@@ -205,7 +206,7 @@ class Supervisor {
   Descriptor lifeline_;
 };
 
-/// The back end listens in between.
+/// Keeps the back end listening during its lifetime.
 class BackendRun {
  public:
   explicit BackendRun(Backend* backend) : backend_(backend) {
@@ -226,7 +227,8 @@ void WaitFor(int descriptor) {
   RetryInterrupted([&] { return ::poll(&event, 1, -1); });
 }
 
-/// Nothing that is thrown may lead back into a second copy of the test.
+/// noexcept, because an exception would continue into a second copy of the
+/// test.
 [[noreturn]] void BecomeSupervisor(
     const RunOptions& with, int lifeline, int report,
     const std::function<void()>& become) noexcept {

@@ -1,5 +1,5 @@
 /// @file
-/// Processes that cannot outlive their run; not installed.
+/// Runs processes that cannot outlive their run; not installed.
 #ifndef ZANCGI_TESTING_SUPERVISION_H
 #define ZANCGI_TESTING_SUPERVISION_H
 
@@ -13,30 +13,30 @@ namespace zan_cgi::testing {
 class Backend;
 class Input;
 
-/// How a process has ended.
+/// The end of a process.
 struct ExitResult {
   /// Its exit status; 128 and the signal's number after a death by signal.
   int status = 0;
-  /// Whether it has been ended because its time was up.
+  /// Whether it was killed at its time limit.
   bool timed_out = false;
-  /// Processes that it has started and that went on without it, such as
-  /// "1234 sleep"; they have been ended.
+  /// Processes that it started and that continued after its end, such as "1234
+  /// sleep"; they have been killed.
   std::vector<std::string> left_processes;
 };
 
-/// What a process is run with.
+/// The settings for running a process.
 struct RunOptions {
   Backend* backend = nullptr;
   const Input* input = nullptr;
   std::chrono::milliseconds time_limit{};
 };
 
-/// Runs this in a process of its own, serves the back end and feeds the input
-/// meanwhile, and waits for the end. It must not return.
+/// Runs a function in a process of its own, which must not return, and waits
+/// for its end. Meanwhile serves the back end and feeds the input.
 ///
-/// Between the two processes there is a third, which sees to it that nothing is
-/// left: it becomes the parent of whatever loses its own, and ends all when the
-/// time is up or the caller has gone.
+/// A third process between the two ensures that no process remains: it becomes
+/// the parent of orphans, and kills all at the time limit or when the caller
+/// has gone.
 ExitResult Supervise(const RunOptions& with,
                      const std::function<void()>& become);
 

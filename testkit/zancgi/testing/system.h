@@ -1,5 +1,5 @@
 /// @file
-/// Small things on descriptors; not installed.
+/// Helpers for descriptors; not installed.
 #ifndef ZANCGI_TESTING_SYSTEM_H
 #define ZANCGI_TESTING_SYSTEM_H
 
@@ -12,7 +12,7 @@ namespace zan_cgi::testing {
 /// @throws std::system_error with errno
 [[noreturn]] void Fail(const std::string& what);
 
-/// A test may handle signals, and what it calls is then broken off.
+/// Retries a call that a signal handler of the test interrupts.
 template <class Call>
 auto RetryInterrupted(Call call) {
   for (;;) {
@@ -21,10 +21,10 @@ auto RetryInterrupted(Call call) {
   }
 }
 
-/// Returns false when that cannot be, as when nobody reads any more.
+/// Returns false on an error, for example if the reader has gone.
 bool WriteAll(int descriptor, const std::string& bytes);
 
-/// What a file holds, from its beginning.
+/// Returns the content of a file from its beginning.
 std::string ContentOf(int descriptor);
 
 /// Owns a descriptor.
@@ -49,11 +49,11 @@ class Descriptor {
   int number_ = -1;
 };
 
-/// The same file under a number that a process which closes, or reopens, its
-/// low descriptors does not reach.
+/// Returns a duplicate with a high number, which a process that closes or
+/// reopens its low descriptors does not touch.
 Descriptor Raised(Descriptor descriptor);
 
-/// An empty file in memory, raised.
+/// Returns an empty file in memory with a high descriptor.
 Descriptor AnonymousFile(const char* name);
 
 }  // namespace zan_cgi::testing

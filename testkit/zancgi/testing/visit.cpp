@@ -34,14 +34,14 @@ bool BeginsWith(const std::string& text, const std::string& begin) {
   return text.compare(0, begin.size(), begin) == 0;
 }
 
-/// The name before the first "=", and what follows.
+/// Returns the name before the first "=" and the value after it.
 Items::value_type Split(const std::string& item) {
   const std::size_t equals = item.find('=');
   if (equals == std::string::npos) return {Trimmed(item), ""};
   return {Trimmed(item.substr(0, equals)), Trimmed(item.substr(equals + 1))};
 }
 
-/// What a field Set-Cookie says: the cookie first, then its attributes.
+/// Parses a Set-Cookie field: the cookie first, then its attributes.
 Items ItemsOf(const std::string& set_cookie) {
   Items items;
   for (std::size_t at = 0; at <= set_cookie.size();) {
@@ -53,7 +53,7 @@ Items ItemsOf(const std::string& set_cookie) {
   return items;
 }
 
-/// Of several attributes of one name the last counts. Null when there is none.
+/// Returns the last attribute of this name; null if there is none.
 const std::string* Attribute(const Items& items, const std::string& name) {
   for (std::size_t i = items.size() - 1; i > 0; --i) {
     if (IsSame(items[i].first, name)) return &items[i].second;
@@ -89,7 +89,7 @@ bool DomainMatches(const Request& request, std::string domain) {
          IsSame(host.substr(host.size() - domain.size() - 1), "." + domain);
 }
 
-/// When a cookie goes. A date that cannot be read is none.
+/// Returns when a cookie expires. An invalid date is ignored.
 Clock::time_point EndOf(const Items& items, Clock::time_point now) {
   if (const std::string* const age = Attribute(items, "Max-Age")) {
     char* end = nullptr;
@@ -112,7 +112,7 @@ Clock::time_point EndOf(const Items& items, Clock::time_point now) {
   return Clock::time_point::max();
 }
 
-/// Whether the cookie has what its name promises.
+/// Whether the cookie meets the requirements of its name's prefix.
 bool KeepsPromise(const std::string& name, const Items& items, bool is_secure) {
   const std::string* const path = Attribute(items, "Path");
   if (BeginsWith(name, "__Secure-")) return is_secure;

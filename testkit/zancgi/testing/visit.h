@@ -13,35 +13,34 @@
 
 namespace zan_cgi::testing {
 
-/// A browser's visit to a front end, as far as cookies go (RFC 6265). Redirects
-/// are not followed.
+/// A browser's visit to a front end, as far as cookies are concerned (RFC
+/// 6265). Redirects are not followed.
 ///
-/// A cookie is kept by name and path, until its Max-Age or Expires says
-/// otherwise. It is not taken when it is for another domain than the request's
-/// host, when it is Secure and the request is not HTTPS, or when the prefix
-/// __Secure- or __Host- of its name asks for more than it has. SameSite and
-/// HttpOnly have no effect: the visitor comes from nowhere else and runs no
-/// scripts.
+/// Cookies are identified by name and path and kept until their Max-Age or
+/// Expires. A cookie is rejected if it is for a domain other than the request's
+/// host, if it is Secure and the request is not HTTPS, or if it lacks what the
+/// prefix __Secure- or __Host- of its name requires. SameSite and HttpOnly have
+/// no effect: the visitor comes from no other site and runs no scripts.
 class Visit {
  public:
-  /// @param front  must live as long as the visit
+  /// @param front  must exist as long as the visit
   explicit Visit(const Program& front) : front_(front) {}
 
-  /// Has the front end serve a request, with the cookies that belong to it
-  /// after those that it has already, and keeps those of the answer.
+  /// Runs the front end with a request, to which it adds the matching cookies,
+  /// and keeps the cookies of the answer.
   /// @throws std::system_error as Program::Run()
   Response Send(Request request);
 
-  /// Takes a cookie as if the answer to this request had set it.
+  /// Stores a cookie as if the answer to this request had set it.
   /// @param set_cookie  the value of a field Set-Cookie
   /// @param request     the request, for its host and path
   void Take(const std::string& set_cookie, const Request& request);
 
-  /// The value of the cookie of this name that a request would be sent first;
-  /// empty when there is none.
+  /// Returns the value of the first cookie of this name that would be sent with
+  /// a request; empty if there is none.
   std::string Cookie(const std::string& name, const Request& request) const;
 
-  /// Has this time pass for the cookies, at once.
+  /// Advances the time for cookies without waiting.
   void Wait(std::chrono::seconds time) { waited_ += time; }
 
  private:
@@ -50,7 +49,7 @@ class Visit {
     std::string value;
     std::string path;
     bool is_secure = false;
-    /// When it goes; the end of time for one that goes with the visit.
+    /// When it expires; the maximum for a cookie of this visit only.
     std::chrono::system_clock::time_point end =
         std::chrono::system_clock::time_point::max();
   };
