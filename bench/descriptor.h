@@ -1,4 +1,4 @@
-// Descriptors and errors of the system, for the programs that drive others.
+// Descriptors and system errors, for the programs that run others.
 #ifndef BENCH_DESCRIPTOR_H
 #define BENCH_DESCRIPTOR_H
 
@@ -18,8 +18,8 @@ namespace bench {
 /// Owns a descriptor and closes it.
 class Descriptor {
  public:
-  /// @param number  what the system has returned; an error is thrown with
-  ///   @p what in front
+  /// @param number  the result of a system call; if it is negative, throws an
+  ///   error that begins with @p what
   explicit Descriptor(int number, const std::string& what = "no descriptor")
       : number_(number) {
     if (number < 0) ThrowErrno(what);

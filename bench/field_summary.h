@@ -1,4 +1,4 @@
-// What the form programs in C++ say about the fields of a form.
+// The output of the form programs in C++.
 #ifndef BENCH_FIELD_SUMMARY_H
 #define BENCH_FIELD_SUMMARY_H
 
@@ -9,8 +9,8 @@
 
 namespace bench {
 
-/// Number and size of the values, and their FNV-1a hash unless HASH is "no":
-/// byte by byte it takes longer than the request that is to be measured.
+/// Number and size of the values, and their FNV-1a hash unless HASH is "no".
+/// Hashing byte by byte takes longer than the request itself.
 class FieldSummary {
  public:
   void Add(std::string_view value) {

@@ -32,7 +32,7 @@ from request import Piece, Request
 from spawner import Failed, Spawner, Start
 from summary import Summaries, summarize
 
-# So long no checked run takes, and no measurement.
+# Time limits of checked runs and of measurements, beyond any correct run.
 CHECK_SECONDS = 60
 SECONDS = 600
 
@@ -65,12 +65,13 @@ class Case:
 
     program: Program
     request: Request
-    # What it prints behind the header; None for a floor that prints anything.
+    # What it prints after the header; None for a floor, whose output is not
+    # checked.
     answer: bytes | None
     stored: Stored | None = None
-    # A slow program runs in each so many-th round only.
+    # A slow program runs only once in this number of rounds.
     every: int = 1
-    # A smaller case of the same kind, checked in place of one that is large.
+    # A smaller case of the same kind that is checked instead of a large one.
     trial: "Case | None" = None
 
     @property
@@ -85,9 +86,9 @@ class Experiment:
     name: str
     title: str
     summaries: Mapping[str, Summaries]
-    # The programs that the others are compared with.
+    # The programs to compare the others with.
     references: tuple[str, ...] = ()
-    # What is compared, and shown in the plot.
+    # The quantity to compare and to plot.
     quantity: str = "wall_ms"
 
 
@@ -104,13 +105,13 @@ class Bench:
         self.only_checks = only_checks
         # The folder of the built programs.
         self.built = built
-        # Empty folders, on tmpfs and on a disk.
+        # Empty folders on tmpfs and on a disk.
         self.memory = memory
         self.disk = disk
         self.experiments: list[Experiment] = []
         # Names of peers that are not installed.
         self.absent: set[str] = set()
-        # What has failed; and how many checks have not.
+        # The failures, and the number of checks that passed.
         self.broken: list[str] = []
         self.right = 0
         self._spawner = Spawner(built / "bench_measure")

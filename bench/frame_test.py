@@ -140,7 +140,7 @@ class Runs(FrameTest):
             for name, every in (("a", 1), ("b", 1), ("c", 2))
         ]
         measured = self.measure(*cases, rounds=3)
-        # The first three are the checks.
+        # The first three runs are the checks.
         self.assertEqual(log.read_text().split(), "a b c  a b c  b a  c a b".split())
         self.assertEqual([measured[name]["wall_ms"].runs for name in "abc"], [3, 3, 2])
 
@@ -260,7 +260,7 @@ class RecordOfStart(unittest.TestCase):
         self.assertIn("not compared: valgrind is not installed", outcome.lines[0])
 
 
-# It has no tests of its own.
+# The base class has no tests of its own.
 del FrameTest
 
 if __name__ == "__main__":

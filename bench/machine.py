@@ -6,7 +6,7 @@ import platform
 import re
 import subprocess
 
-# What the peers are.
+# The peers' programs and libraries.
 PACKAGES = (
     "libcgicc3 librudecgi5 libfcgi0ldbl libcgi-pm-perl php8.2-cgi python3.11 golang-1.19-go "
     "lighttpd wrk libc6 libstdc++6"

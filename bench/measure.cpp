@@ -1,25 +1,25 @@
-// Runs programs in turn, as a web server would start them, and says what each
-// run took.
+// Runs programs in turn, as a web server would start them, and prints the costs
+// of each run.
 //
 //   bench_measure <PLAN
 //
-// The plan is lines of a word, a blank and a value:
+// Each line of the plan is a word, a blank and a value:
 //
-//   rounds N            how often each program is run
-//   program NAME        what follows is about this program
+//   rounds N            number of rounds
+//   program NAME        begins the description of a program
 //   every N             run it in each Nth round only
 //   argument TEXT       the first is the path of the program
-//   variable NAME=TEXT  its environment holds these, and nothing else
-//   input PATH          its standard input, opened anew for each run
-//   piece N PATH        instead: a pipe, through which these bytes come N times
+//   variable NAME=TEXT  its environment contains only these
+//   input PATH          its standard input, opened again for each run
+//   piece N PATH        instead: a pipe that delivers these bytes N times
 //   output PATH         its standard output
-//   stored N PATH       the run leaves a file of N bytes here, which is removed
+//   stored N PATH       the run makes this file of N bytes; removed afterwards
 //
-// Standard input and output are /dev/null unless told otherwise. Each round
-// begins with the next program. A line of JSON for each run goes to standard
-// output, then one about this program: the kernel counts the memory of whoever
-// starts a program as the program's peak, so no smaller peak than ours can be
-// seen. That is why this is linked statically and holds little.
+// Standard input and output are /dev/null by default. Each round begins with
+// the next program. Prints a line of JSON for each run, then one about this
+// program: the kernel includes the memory of the starting process in a
+// program's peak, so peaks smaller than ours cannot be measured. For that
+// reason this program is linked statically and uses little memory.
 
 #include <fcntl.h>
 #include <signal.h>
@@ -85,7 +85,7 @@ std::size_t Number(const std::string& text) {
   return number;
 }
 
-/// "N PATH"
+/// Parses "N PATH".
 std::pair<std::size_t, std::string> NumberAndPath(const std::string& text) {
   const std::size_t blank = text.find(' ');
   if (blank == std::string::npos) {
@@ -178,8 +178,8 @@ void FeedPiece(const Piece& piece, int descriptor) {
   ::_exit(1);
 }
 
-/// The writing end of a program's standard input, in a process of its own so
-/// that the pieces count as nobody's memory.
+/// Writes a program's standard input from a process of its own, so that the
+/// memory of the pieces is not counted.
 class Feeder {
  public:
   Feeder(const std::vector<Piece>& pieces, const Descriptor& reading,
@@ -187,13 +187,14 @@ class Feeder {
       : process_(::fork()) {
     if (process_ < 0) ThrowErrno("cannot start a feeder");
     if (process_ == 0) {
-      // Or it would never learn that the program has gone.
+      // Closed, so that a write fails when the program has ended.
       ::close(reading.Number());
       Feed(pieces, writing.Number());
     }
   }
 
-  /// A program need not read all. It may have ended before.
+  /// Waits for the feeder. It is no error if the program ended before it read
+  /// all.
   void Finish() const {
     int status = 0;
     if (::waitpid(process_, &status, 0) != process_) ThrowErrno("no feeder");
@@ -216,7 +217,7 @@ Pipe MakePipe() {
   return {Descriptor(ends[0]), Descriptor(ends[1])};
 }
 
-/// As execve(2) takes it; valid as long as @p texts.
+/// Returns an array for execve(2); valid as long as @p texts.
 std::vector<char*> Pointers(std::vector<std::string>& texts) {
   std::vector<char*> pointers;
   pointers.reserve(texts.size() + 1);
@@ -291,7 +292,7 @@ Run StartFed(Program& program) {
   const Feeder feeder(program.pieces, pipe.reading, pipe.writing);
   const Run run = [&] {
     const Descriptor input = std::move(pipe.reading);
-    // Or the program would see no end.
+    // Closed, so that the program sees the end of its input.
     static_cast<void>(Descriptor(std::move(pipe.writing)));
     return Start(program, input);
   }();
@@ -333,8 +334,8 @@ void Print(const Program& program, const Run& run) {
       run.usage.ru_minflt, run.usage.ru_majflt, run.usage.ru_maxrss);
 }
 
-/// As the kernel counts it for this program alone: getrusage(2) would tell the
-/// peak of whoever has started it as well.
+/// Returns this program's own peak; getrusage(2) would include the peak of the
+/// process that started it.
 long OwnPeak() {
   std::FILE* const file = std::fopen("/proc/self/status", "re");
   if (file == nullptr) ThrowErrno("no /proc/self/status");
@@ -367,7 +368,7 @@ void RunAll(Plan plan) {
 }  // namespace
 
 int main() try {
-  // A feeder is to end when its program has.
+  // SIGPIPE ends a feeder when its program has ended.
   static_cast<void>(::signal(SIGPIPE, SIG_DFL));
   RunAll(ReadPlan());
   return 0;

@@ -18,9 +18,9 @@ def draw(experiments: Sequence[Experiment], folder: pathlib.Path) -> None:
         print("No plots: python3-matplotlib is not installed")
         return
     matplotlib.use("svg")
-    # The same numbers make the same file.
+    # A fixed salt makes the files reproducible.
     matplotlib.rcParams["svg.hashsalt"] = "bench"
-    # Text stays text, which is smaller and can be found.
+    # Text stays text, which makes the file smaller and searchable.
     matplotlib.rcParams["svg.fonttype"] = "none"
     folder.mkdir(exist_ok=True)
     for experiment in experiments:

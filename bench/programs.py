@@ -31,7 +31,7 @@ import dataclasses
 import shutil
 import subprocess
 
-# What every server gives, and what some of the programs cannot do without.
+# Variables that every server sets and that some of the programs need.
 SERVER_VARIABLES = {
     "GATEWAY_INTERFACE": "CGI/1.1",
     "HTTP_HOST": "localhost",
@@ -58,11 +58,11 @@ class Program:
     environment: dict = dataclasses.field(default_factory=dict)
     is_ours: bool = False
     is_floor: bool = False
-    # The fields come in the order of their names' bytes.
+    # Whether the fields come in byte order of their names.
     sorts_fields: bool = False
-    # So slow that fewer runs must do.
+    # Too slow for the full number of runs.
     is_slow: bool = False
-    # A command that succeeds if what else the program needs is there.
+    # A command that succeeds if everything else the program needs is installed.
     probe: tuple = ()
 
     def argv(self, **folders):
@@ -126,7 +126,7 @@ def go(workload):
         workload,
         "Go",
         ("{built}/go/" + workload,),
-        # Its default limit is 1000 fields.
+        # The default limit is 1000 fields.
         {"GODEBUG": "multipartmaxparts=1000000"},
     )
 
@@ -156,7 +156,7 @@ def cgi_pm(workload):
 
 
 def python(workload):
-    # The module "cgi" is deprecated and says so at each start.
+    # Suppresses the warning at each start that the module "cgi" is deprecated.
     return script(
         "python",
         workload,
@@ -186,7 +186,8 @@ def php(workload):
         "php-cgi -n",
         ("/usr/bin/php-cgi", "-n", *options),
         {
-            # It takes its script from here, and refuses to without the status.
+            # php-cgi runs the script named here, and refuses to without the
+            # status.
             "SCRIPT_FILENAME": "{bench}/peers/" + f"php_{workload}.php",
             "REDIRECT_STATUS": "200",
         },

@@ -9,7 +9,7 @@ from programs import PROGRAMS
 from summary import Summaries
 from targets import Verdict
 
-# Heading and digits behind the point, in the order of the columns.
+# Heading and digits after the decimal point, in the order of the columns.
 QUANTITIES = {
     "wall_ms": ("time, ms", 3),
     "requests_per_second": ("requests/s", 0),

@@ -24,7 +24,7 @@ from spawner import Failed
 from targets import Verdict, judge
 
 GROUPS = ("startup", "requests", "upload", "scan", "memory", "forms", "exchange")
-# What CTest takes for a skipped test.
+# The exit status that CTest reports as skipped.
 SKIPPED = 77
 
 
@@ -36,7 +36,7 @@ def parse_arguments() -> argparse.Namespace:
     parser.add_argument("--record", action="store_true", help="record what a start takes")
     parser.add_argument("groups", nargs="*", metavar="GROUP", help=", ".join(GROUPS))
     arguments = parser.parse_args()
-    # With --check there is one more: how a start compares with the record.
+    # --check has one more group, which compares a start with the record.
     known = [*GROUPS, "start"] if arguments.check else GROUPS
     unknown = set(arguments.groups) - set(known)
     if unknown:
@@ -87,7 +87,8 @@ def compare_start(bench: Bench, build: pathlib.Path) -> bool:
 
 def main() -> int:
     arguments = parse_arguments()
-    # As on Ctrl-C, what was started is ended, and what was written removed.
+    # SIGTERM is treated like Ctrl-C: child processes are ended and files
+    # removed.
     signal.signal(signal.SIGTERM, signal.default_int_handler)
     build = arguments.build.resolve()
     if arguments.record:
@@ -103,7 +104,7 @@ def main() -> int:
             build / "bench",
             pathlib.Path(memory),
             pathlib.Path(disk).resolve(),
-            # A check is as good with a small input.
+            # A small input is enough for a check.
             quick=arguments.quick or arguments.check,
             only_checks=arguments.check,
         )
@@ -120,7 +121,7 @@ def main() -> int:
         write_results(arguments.build, bench.experiments, verdicts, facts)
     if bench.broken:
         return 1
-    # Nothing has failed, but nothing has been looked at either.
+    # Nothing has failed, but nothing has been compared either.
     return SKIPPED if arguments.groups == ["start"] and not has_compared else 0
 
 

@@ -1,29 +1,29 @@
-// How fast the end of a file is found in the body of a form, in the worst case
-// above all: a client chooses both the boundary and the data.
+// Measures how fast the end of a file is found in the body of a form, above all
+// in the worst case: a client chooses both the boundary and the data.
 //
 //   scan [--quick | --check]
 //
-// Runs the library's scan, the plain rule that it stands for, and other ways of
-// searching on the same data in 64 KB chunks, as an upload is read. Prints a
-// JSON line for each boundary, data and size of chunks told about:
+// Runs the library's scan, the plain rule that it implements, and other search
+// functions on the same data in 64 KB chunks, as an upload is read. Prints a
+// JSON line for each boundary, data and chunk size in the results:
 //
 //   {"kind": KIND, "boundary": B, "data": D, "chunk": N,
 //    "gbps": {WAY: [GB/s in each round], ...}, "ratio": R}
 //
-// All data is scanned for comparison of the results first; with --check nothing
-// else is done.
+// First compares the results of scan and rule on all data. With --check, stops
+// after that.
 //
-// The ratio is the scan's time by the plain rule's: the median over the rounds.
-// The kinds:
+// The ratio is the scan's time divided by the plain rule's: the median over the
+// rounds. The kinds:
 //
-//   usual         ordinary data, and data known to be hostile to some way
-//   slowest WAY   where a way is slowest in a whole system of cases
-//   worst         where the scan is slowest in comparison with the rule in
-//                 that system, worst first
-//   worst-cr      the same for boundaries that hold a CR, for which the scan
+//   usual         ordinary data, and data known to slow down some function
+//   slowest WAY   the slowest case of a function in a whole system of cases
+//   worst         the slowest cases of the scan compared with the rule in that
+//                 system, worst first
+//   worst-cr      the same for boundaries that contain a CR, for which the scan
 //                 follows the rule itself
-//   worst-chunks  the same for bodies that come in small chunks, each of which
-//                 also costs system calls that are not in these times
+//   worst-chunks  the same for bodies in small chunks, each of which also costs
+//                 system calls that are not part of these times
 
 #include <string.h>
 #include <time.h>
@@ -50,7 +50,7 @@ namespace {
 
 constexpr std::size_t kChunk = 65536;
 
-/// A way of searching for a separator in successive chunks.
+/// A function that searches successive chunks for a separator.
 class Way {
  public:
   Way() = default;
@@ -61,7 +61,7 @@ class Way {
   /// Whether the separator ends in this chunk.
   virtual bool IsIn(const char* begin, const char* end) = 0;
 
-  /// Begins a new search.
+  /// Starts a new search.
   virtual void Restart() {}
 };
 
@@ -107,8 +107,8 @@ class Rule : public Way {
   std::size_t matched_ = 0;
 };
 
-/// The other ways look at each chunk by itself, which is less than an upload
-/// needs and so in their favour.
+/// The other functions search each chunk by itself. That is less than an upload
+/// needs and gives them an advantage.
 class Memmem : public Way {
  public:
   explicit Memmem(std::string separator) : separator_(std::move(separator)) {}
@@ -177,13 +177,13 @@ std::string SeparatorOf(const std::string& boundary) {
   return "\r\n--" + boundary;
 }
 
-/// Bytes that a client could send, of any size, with a name to know them by.
+/// Data that a client could send, in any size, with a name for the results.
 struct Data {
   std::string name;
   std::function<std::string(std::size_t size)> make;
 };
 
-/// Numbers that are hard to foresee, the same on each run.
+/// Pseudo-random numbers, the same in each run.
 class Random {
  public:
   std::uint64_t Next() {
@@ -204,7 +204,7 @@ Data Repeated(const std::string& unit) {
           }};
 }
 
-/// The pieces in an order that is hard to foresee.
+/// The pieces in pseudo-random order.
 Data Mixed(const std::string& name, const std::vector<std::string>& pieces) {
   return {name, [pieces](std::size_t size) {
             Random random;
@@ -235,7 +235,7 @@ std::vector<Data> OrdinaryData() {
   return {RandomBytes(), Text(), Repeated(std::string(1, '\0'))};
 }
 
-/// What makes one or the other way slow.
+/// Data that slows down one or several of the functions.
 std::vector<Data> KnownHostileData(const std::string& separator) {
   const std::string longest = separator.substr(0, separator.size() - 1);
   return {Repeated("\r"),
@@ -256,8 +256,8 @@ std::vector<Data> WellKnownData(const std::string& separator) {
   return all;
 }
 
-/// All words of up to so many letters that are no repetition and no rotation
-/// of another one.
+/// Returns all words of up to @p largest letters, except repetitions and
+/// rotations of others.
 std::vector<std::string> WordsToRepeat(std::size_t largest) {
   const std::string letters = "\r\n-x";
   std::vector<std::string> words = {""};
@@ -290,7 +290,7 @@ std::string WithOneByteWrong(std::string text, std::size_t at) {
   return text;
 }
 
-/// Data made of what looks like the separator but is not.
+/// Data that resembles the separator but does not contain it.
 std::vector<Data> LookAlikes(const std::string& separator, bool is_quick) {
   const std::vector<std::string> beginnings = BeginningsOf(separator);
   std::vector<Data> all;
@@ -303,7 +303,8 @@ std::vector<Data> LookAlikes(const std::string& separator, bool is_quick) {
     all.push_back(Repeated(beginning + "_"));
     all.push_back(Mixed(beginning + " and CR mixed", {beginning, "\r"}));
   }
-  // If it holds its CR twice, the rule may overlook one that begins in a match.
+  // If the separator contains two CRs, the rule may miss one that begins in a
+  // match.
   all.push_back(
       Repeated(separator.substr(0, separator.rfind('\r')) + separator));
   all.push_back(Repeated(WithOneByteWrong(separator, separator.size() - 1)));
@@ -371,7 +372,7 @@ bool HoldsCr(const std::string& boundary) {
   return boundary.find('\r') != std::string::npos;
 }
 
-/// Whether the separator is found in data that comes in chunks of this size.
+/// Whether the separator is found in data split into chunks of this size.
 bool IsFound(Way& way, const std::string& data, std::size_t chunk) {
   way.Restart();
   const char* const end = data.data() + data.size();
@@ -384,7 +385,7 @@ bool IsFound(Way& way, const std::string& data, std::size_t chunk) {
   return false;
 }
 
-/// Of the processor, so that what else the machine does hardly counts.
+/// Returns processor time, which other processes hardly affect.
 std::chrono::nanoseconds OwnTime() {
   timespec time{};
   ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
@@ -392,7 +393,7 @@ std::chrono::nanoseconds OwnTime() {
          std::chrono::nanoseconds(time.tv_nsec);
 }
 
-/// Nanoseconds for a byte. The data must not hold the separator.
+/// Returns nanoseconds per byte. The data must not contain the separator.
 double TimeOf(Way& way, const std::string& data, std::size_t chunk,
               std::chrono::nanoseconds at_least) {
   const std::chrono::nanoseconds start = OwnTime();
@@ -414,12 +415,12 @@ double MedianOf(std::vector<double> numbers) {
   return numbers[numbers.size() / 2];
 }
 
-/// One boundary with one kind of data, and what has been measured.
+/// One boundary with one kind of data, and its measurements.
 struct Case {
   std::string boundary;
   Data data;
   std::size_t chunk = kChunk;
-  /// Nanoseconds for a byte in each round, by way.
+  /// Nanoseconds per byte in each round, by function.
   std::map<std::size_t, std::vector<double>> times;
   double ratio = 0;
 };
@@ -430,7 +431,7 @@ struct Effort {
   std::chrono::nanoseconds slice;
 };
 
-/// Lets the ways take turns, so that what disturbs one disturbs all.
+/// Measures the functions in turn, so that a disturbance affects all of them.
 void Measure(Case& one, const std::vector<std::size_t>& chosen,
              const Effort& effort) {
   const std::vector<std::unique_ptr<Way>> ways =
@@ -448,7 +449,8 @@ void Measure(Case& one, const std::vector<std::size_t>& chosen,
   one.ratio = MedianOf(ratios);
 }
 
-/// Whether the data lets a scan go on to its end. Scan and rule must agree.
+/// Whether a scan goes on to the end of the data. Throws unless scan and rule
+/// agree.
 bool HoldsNoSeparator(const Case& one, std::size_t bytes) {
   const std::string separator = SeparatorOf(one.boundary);
   const std::string data = one.data.make(bytes);
@@ -483,7 +485,7 @@ std::string Number(double number) {
   return text.data();
 }
 
-/// A byte for each nanosecond is a gigabyte for each second.
+/// One byte per nanosecond is one gigabyte per second.
 std::string SpeedsText(const std::vector<double>& times) {
   std::string text;
   for (const double time : times) {
@@ -514,7 +516,7 @@ void Print(const std::string& kind, const Case& one) {
 const std::vector<std::size_t> kAllWays = {0, 1, 2, 3, 4};
 const std::vector<std::size_t> kScanAndRule = {kScan, kRule};
 
-/// What there is to spend.
+/// The limits of a run.
 struct Budget {
   bool is_quick;
   Effort screening;
@@ -536,7 +538,8 @@ Budget BudgetFor(bool is_quick) {
           20};
 }
 
-/// Only what has been made sure of: that scan and rule agree.
+/// Returns the cases without the separator, and checks that scan and rule
+/// agree.
 std::vector<Case> CasesOf(const std::string& boundary,
                           const std::vector<Data>& all, std::size_t chunk,
                           const Budget& budget) {
@@ -558,7 +561,8 @@ void ShowUsualBoundary(const Budget& budget) {
   }
 }
 
-/// An exact search finds other separators than the rule where they hold a CR.
+/// For separators that contain a CR, an exact search finds others than the
+/// rule.
 const std::vector<std::size_t>& WaysThatAgree(const std::string& boundary) {
   return HoldsCr(boundary) ? kScanAndRule : kAllWays;
 }
@@ -616,7 +620,7 @@ void SortByRatio(std::vector<Case>& cases) {
             });
 }
 
-/// The worst, measured again for longer.
+/// Measures the worst cases again for longer and prints them.
 void ShowWorst(const std::string& kind, std::vector<Case> cases,
                const Budget& budget) {
   SortByRatio(cases);

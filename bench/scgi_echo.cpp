@@ -2,10 +2,9 @@
 //
 //   scgi_echo SOCKET
 //
-// Serves one connection after the other at the Unix socket, with as few system
-// calls as an answer can be sent with. Prints a line when it listens, and ends
-// when its standard input does, so that it does not outlive whoever has started
-// it.
+// Serves one connection after another on the Unix socket, with as few system
+// calls as possible. Prints a line when it listens, and ends at the end of its
+// standard input, so that it does not outlive the process that started it.
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -46,8 +45,8 @@ Descriptor Listen(std::string_view path) {
   return listener;
 }
 
-/// The variables of a request: the inside of the netstring. Empty unless the
-/// request is whole.
+/// Returns the variables of a request: the content of the netstring. Empty
+/// unless the request is complete.
 std::string_view Variables(std::string_view received) {
   const std::size_t colon = received.find(':');
   if (colon == std::string_view::npos) return {};
@@ -68,7 +67,7 @@ std::string ReadVariables(const Descriptor& connection) {
   return std::string(Variables(received));
 }
 
-/// N of "func=N", with which the query begins.
+/// Returns N from "func=N" at the beginning of the query.
 std::size_t WantedSize(const std::string& variables) {
   constexpr char kBefore[] = "\0QUERY_STRING\0func=";
   constexpr std::size_t kSize = sizeof(kBefore) - 1;
@@ -90,7 +89,7 @@ std::string MakeDocument(std::size_t size) {
   return document.append(kEnd);
 }
 
-/// Made once for each size.
+/// Returns the document of this size, which is made only once.
 const std::string& Document(std::size_t size) {
   static std::map<std::size_t, std::string> documents;
   std::string& document = documents[size];
@@ -113,7 +112,8 @@ void Serve(const Descriptor& connection) try {
   static_cast<void>(std::fprintf(stderr, "scgi_echo: %s\n", error.what()));
 }
 
-/// Whether a connection has come before the end of standard input.
+/// Waits for a connection or the end of standard input. Returns whether a
+/// connection came first.
 bool HasConnection(const Descriptor& listener) {
   std::array<pollfd, 2> events = {
       {{STDIN_FILENO, POLLIN, 0}, {listener.Number(), POLLIN, 0}}};

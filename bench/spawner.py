@@ -24,7 +24,7 @@ class Start:
     request: Request
     every: int = 1
     output: pathlib.Path | None = None
-    # Files that a run leaves behind, and their sizes. They are removed.
+    # Files that a run leaves, and their sizes. They are removed.
     stored: Mapping[pathlib.Path, int] = dataclasses.field(default_factory=dict)
 
 
@@ -43,7 +43,7 @@ class Spawner:
         prefix: Sequence[str] = (),
         folder: pathlib.Path | None = None,
     ) -> None:
-        # How it is started, and where.
+        # The command and the folder in which it starts.
         self.command = [*prefix, str(program)]
         self.folder = folder
 
@@ -55,7 +55,8 @@ class Spawner:
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
             text=True,
-            # Its programs and it are to end together.
+            # A session of its own, so that it and its programs can be ended
+            # together.
             start_new_session=True,
         ) as process:
             try:

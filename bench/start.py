@@ -24,10 +24,10 @@ from spawner import Failed, Spawner, Start
 RECORD = SOURCE / "start_record.json"
 PROGRAMS = ("start_shared", "get_archive", "get_standalone")
 LIBRARIES = {"libzancgi.so": "src/zancgi", "libtov.so": "src/tov"}
-# What may be more than recorded, in percent.
+# The allowed growth over the record, in percent.
 TOLERANCE = 1
 ROUNDS = 50
-# Without it, where memory lies is a matter of chance, and so are page faults.
+# Without fixed addresses, the layout of memory and so the page faults vary.
 FIXED_ADDRESSES = ("setarch", "--addr-no-randomize")
 VALGRIND = ("valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null")
 
@@ -41,7 +41,7 @@ class Missing(Exception):
 @dataclasses.dataclass(frozen=True)
 class Quantity:
     name: str
-    # On what the counts depend, besides our own code.
+    # What the counts depend on besides our own code.
     made_with: Callable[[pathlib.Path], Mapping[str, str]]
     count: Callable[[pathlib.Path], Counts]
 
@@ -71,7 +71,7 @@ def page_faults(folder: pathlib.Path) -> Counts:
         raise Missing("addresses cannot be fixed here (setarch --addr-no-randomize)")
     spawner = Spawner(folder / "bench_measure", FIXED_ADDRESSES, folder)
     runs = spawner.run([start_of(name) for name in PROGRAMS], ROUNDS, 60).runs
-    # Where memory is short, some runs have more.
+    # Some runs have more page faults if memory is short.
     return {name: int(min(run["minor_faults"] for run in runs[name])) for name in PROGRAMS}
 
 
@@ -114,7 +114,7 @@ def tools_and_kernel(build: pathlib.Path) -> dict[str, str]:
 
 def tools_and_valgrind(build: pathlib.Path) -> dict[str, str]:
     flags = pathlib.Path("/proc/cpuinfo").read_text().split()
-    # Which variant of its functions the C library takes.
+    # The C library chooses its functions by this processor feature.
     vectors = "AVX2" if "avx2" in flags else "no AVX2"
     return {
         **tools(build),
@@ -130,7 +130,7 @@ QUANTITIES = (
 
 
 def counts_of(build: pathlib.Path) -> Iterator[tuple[Quantity, Counts | Missing]]:
-    # Its path has the same length everywhere.
+    # The path must have the same length on every machine.
     with tempfile.TemporaryDirectory(prefix="zancgi-start-", dir="/tmp") as name:
         folder = pathlib.Path(name)
         prepare(build, folder)
@@ -182,7 +182,7 @@ def reason_not_to_compare(
 def add_differences(name: str, counts: Counts, before: Counts, outcome: Outcome) -> None:
     for program, count in counts.items():
         recorded = before[program]
-        # In whole numbers, so that the limit itself is exact.
+        # In integers, so that the limit itself is exact.
         more = 100 * (count - recorded)
         verdict = "as recorded"
         if more > TOLERANCE * recorded:

@@ -23,7 +23,7 @@ class Summary:
         return Summary(statistics.median(values), min(values), (lower, upper), len(values))
 
 
-# Of one program, by quantity: "wall_ms", "minor_faults", ...
+# Summaries of one program, by quantity: "wall_ms", "minor_faults", ...
 Summaries = dict[str, Summary]
 
 

@@ -36,7 +36,7 @@ TARGETS = (
         Target("Start-up, standalone", "startup/get", "get_standalone", limit, against=other)
         for other, limit in (("cgicc_get", 0.33), ("empty_c_static", 1.20))
     ),
-    # 36 would do without PIE, which it is.
+    # Without PIE the target would be 36.
     Target("Start-up, standalone", "startup/get", "get_standalone", 40, "minor_faults"),
     *(
         Target(

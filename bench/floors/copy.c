@@ -1,4 +1,4 @@
-// Stores standard input as the file $STORE by a plain loop of read and write,
+// Stores standard input in the file $STORE with a plain loop of read and write,
 // and prints its size.
 //
 //   copy          all of it

@@ -1,3 +1,3 @@
-// The least that a program can do.
+// The floor of a program.
 
 int main(void) { return 0; }

@@ -1,3 +1,3 @@
-// The least that a C++ program can do. It loads the C++ library all the same.
+// The floor of a C++ program, which still loads the C++ library.
 
 int main() { return 0; }

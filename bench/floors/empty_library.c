@@ -1,4 +1,4 @@
-// The least that a shared library can hold: what loading one costs.
+// The floor of a shared library: the cost of loading one.
 
 int bench_nothing(void);
 int bench_nothing(void) { return 0; }

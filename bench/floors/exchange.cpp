@@ -1,4 +1,5 @@
-// fronts/query.cpp without a library: a bare loop over a socket.
+// The exchange of fronts/query.cpp without a library: a bare loop over a
+// socket.
 
 #include <sys/socket.h>
 #include <sys/un.h>

@@ -1,4 +1,4 @@
-// The answer of a front end under measurement: collected, then written by one
+// The answer of a measured front end. It is collected and written with one
 // call, without the standard streams.
 #ifndef BENCH_FRONTS_ANSWER_H
 #define BENCH_FRONTS_ANSWER_H
@@ -18,7 +18,8 @@ class Answer {
     return *this;
   }
 
-  /// Writes the answer to standard output and gives the program's exit status.
+  /// Writes the answer to standard output and returns the program's exit
+  /// status.
   int Send() const {
     std::string_view rest = text_;
     while (!rest.empty()) {

@@ -1,4 +1,4 @@
-// The workload "form", read exactly.
+// The workload "form" with zan_cgi::Form.
 
 #include <zancgi/form.h>
 #include <zancgi/zancgi.h>

@@ -11,7 +11,7 @@ from frame import Bench, Case, Experiment
 from request import get
 from spawner import Failed
 
-# Bytes, and how often each program is to ask for them.
+# Size of the answer in bytes, and number of runs of each program.
 ANSWERS = {"1KB": (1000, 600), "10MB": (10_000_000, 120)}
 
 
@@ -29,7 +29,8 @@ def back_end(bench: Bench, folder: pathlib.Path) -> Iterator[None]:
         [bench.built / "scgi_echo", folder / "bench.sock"],
         stdin=subprocess.PIPE,
         stdout=subprocess.PIPE,
-        # Not to be interrupted before those who ask it.
+        # A session of its own, so that Ctrl-C does not end it before its
+        # clients.
         start_new_session=True,
     ) as process:
         if not process.stdout.readline():

@@ -14,10 +14,10 @@ REFERENCES = ("cgicc_form", "rude_form")
 # Its time grows with the square of the number of fields.
 QUADRATIC = "rude_form"
 
-# Line ends are left out: what becomes of them differs from library to library.
+# No line ends: libraries treat them differently.
 CHARACTERS = string.ascii_letters + string.digits + string.punctuation + " " * 16
 
-# So much of a file is read at once.
+# The size of one read of a file.
 CHUNK = 65536
 
 
@@ -27,7 +27,7 @@ class Form:
     title: str
     values: Sequence[str]
     rounds: int
-    # A slow program runs in each so many-th round only.
+    # A slow program runs only once in this number of rounds.
     slow_every: int
 
 
@@ -94,7 +94,7 @@ def urlencoded(values: Sequence[str]) -> bytes:
 @dataclasses.dataclass(frozen=True)
 class Answers:
     as_sent: bytes
-    # Ours keeps the fields in the order of their names' bytes: f10 before f2.
+    # Our parser keeps the fields in byte order of their names: f10 before f2.
     by_name: bytes
 
 

@@ -7,7 +7,8 @@ import tempfile
 from frame import Bench, Experiment
 from groups.upload import Uploads
 
-# Too little to differ from an upload of any other size but by what grows.
+# So small that it differs from a larger upload only in what grows with the
+# size.
 SMALL = 1
 
 

@@ -61,14 +61,14 @@ def web_server(folder: pathlib.Path, documents: pathlib.Path) -> Iterator[int]:
         cgi.assign = ( "" => "" )
         """
     )
-    # It ends with this process, however that may end.
+    # The signal ends it when this process ends for any reason.
     command = ["setpriv", "--pdeathsig", "TERM", "lighttpd", "-D", "-f", configuration]
     with subprocess.Popen(command, start_new_session=True) as process:
         try:
             wait_until_it_listens(process, port)
             yield port
         finally:
-            # It and what it has started.
+            # The server and the processes that it started.
             os.killpg(process.pid, signal.SIGTERM)
 
 
@@ -145,7 +145,7 @@ def slice_of(program: Program, port: int) -> dict[str, float]:
         check=False,
     )
     found = re.search(r"^Requests/sec: +([0-9.]+)$", done.stdout, re.M)
-    # It tells of errors only if there are some.
+    # The output mentions errors only if there are some.
     if found is None or "errors" in done.stdout or "Non-2xx" in done.stdout:
         raise Failed(f"{program.name} behind lighttpd: {done.stdout}{done.stderr}")
     return {"requests_per_second": float(found.group(1))}

@@ -10,7 +10,7 @@ from frame import Bench, Experiment
 from spawner import Failed
 from summary import Summary
 
-# What the kinds of cases that scan.cpp tells about are called in tables. Those
+# Experiment names in tables for the kinds of cases in scan.cpp's output. Those
 # of the group "scan" are compared with the target.
 WORST = {
     "worst": "scan/worst",
@@ -29,7 +29,7 @@ def run(bench: Bench) -> None:
     seen = set()
     for case in map(json.loads, output.splitlines()):
         name = experiment_name(case)
-        # Of each kind the worst comes first.
+        # The worst case of each kind comes first.
         if name not in seen:
             seen.add(name)
             bench.record(experiment(name, case))

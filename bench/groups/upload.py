@@ -17,7 +17,7 @@ SMALL = 64
 
 REFERENCES = ("copy", "copy_shifted", "php_upload", "cgicc_upload")
 
-# libcgicc and librudecgi hold an upload in memory, in several copies.
+# libcgicc and librudecgi keep an upload in memory, in several copies.
 MEMORY_FACTOR = 10
 
 

@@ -13,7 +13,7 @@ for my $name ($q->param) {
     ++$count;
     $size += length $value;
     next unless $is_hashing;
-    # Wraps round at 64 bits.
+    # Wraps at 64 bits.
     use integer;
     $hash = ($hash ^ $_) * 1099511628211 for unpack 'C*', $value;
 }

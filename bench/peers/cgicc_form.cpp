@@ -1,5 +1,5 @@
-// fronts/form.cpp on libcgicc. It keeps the fields as a list in the order of
-// their coming, which is walked: each look-up by name would search it.
+// fronts/form.cpp on libcgicc. It goes through the list of fields in the order
+// sent, because a look-up by name searches the whole list.
 
 #include <cgicc/Cgicc.h>
 

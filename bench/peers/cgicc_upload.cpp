@@ -1,4 +1,4 @@
-// fronts/upload.cpp on libcgicc, which holds the file in memory.
+// fronts/upload.cpp on libcgicc, which keeps the file in memory.
 
 #include <cgicc/Cgicc.h>
 

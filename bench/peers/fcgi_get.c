@@ -1,5 +1,5 @@
 // fronts/get.cpp on libfcgi, started as a plain CGI program. The library parses
-// nothing, so its users bring a parser of their own.
+// nothing, so its users need a parser of their own.
 
 #include <fcgi_stdio.h>
 #include <stdlib.h>
@@ -27,8 +27,8 @@ static void DecodeInPlace(char* text) {
   *out = '\0';
 }
 
-// A copy of what stands behind "name=" in a list of items; NULL if there is
-// none.
+// Returns a copy of the text after "name=" in a list of items; NULL if the name
+// is missing.
 static char* ItemOf(const char* list, const char* separators,
                     const char* name) {
   const size_t name_size = strlen(name);

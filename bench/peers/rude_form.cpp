@@ -1,5 +1,5 @@
-// fronts/form.cpp on librudecgi. It keeps the fields as a list in the order of
-// their coming, which is walked: each look-up by name would search it.
+// fronts/form.cpp on librudecgi. It goes through the list of fields in the
+// order sent, because a look-up by name searches the whole list.
 
 #include <rude/cgi.h>
 

@@ -10,7 +10,7 @@ import subprocess
 
 from processes import wait_for
 
-# It dies when the thread that has started it ends.
+# The kernel kills it when the thread that started it ends.
 BOUND_TO_US = ("setpriv", "--pdeathsig", "KILL")
 
 

@@ -28,14 +28,14 @@ FRONT = os.environ["README_FRONT"]
 BACK_ENDS = ("back1", "back2", "back3")
 WEB_HOSTS = 2
 WORKERS = "8"
-# Of the servers that need no rights of their own.
+# The account of servers that need no privileges.
 ACCOUNT = "www-data"
-# As in the document.
+# The ports in docs/scaling.md.
 CLEAR_PORT = 9000
 SECURE_PORT = 9443
 NEW_KEY = ("-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days", "2")
 SESSIONS = itertools.count()
-# What only root may ask for.
+# The settings that only root may use.
 FOR_ROOT = re.compile(r"^ *(?:chroot|user|group) .*\n", re.M)
 
 
@@ -272,7 +272,7 @@ class WebHost:
 class Site:
     """Of all that runs, nothing is left after stop."""
 
-    # How long a back end takes for a query.
+    # How many seconds a back end takes for a query.
     seconds: float
     is_secure: bool = False
 

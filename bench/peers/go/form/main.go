@@ -17,8 +17,8 @@ const (
 	inMemory    = 32 << 20
 )
 
-// parse fills the request's form. More than the 10 MB are taken that are the
-// limit for a body of which nothing else is said.
+// parse fills the request's form and raises the default limit of 10 MB for
+// bodies.
 func parse(request *http.Request) error {
 	request.Body = http.MaxBytesReader(nil, request.Body, largestBody)
 	err := request.ParseMultipartForm(inMemory)

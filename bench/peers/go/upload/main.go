@@ -1,4 +1,5 @@
-// fronts/upload.cpp on Go's net/http/cgi, straight from the body into the file.
+// fronts/upload.cpp on Go's net/http/cgi, which copies the body directly to the
+// file.
 package main
 
 import (
@@ -11,7 +12,7 @@ import (
 	"os"
 )
 
-// partNamed skips what stands before the part of this name.
+// partNamed returns the part of this name and skips those before it.
 func partNamed(name string, form *multipart.Reader) (*multipart.Part, error) {
 	for {
 		part, err := form.NextPart()
