@@ -21,7 +21,7 @@ class AnswerLength {
 
   /// Whether no byte has passed.
   bool IsEmpty() const { return seen_ == 0; }
-  /// Whether all Content-Length headers give the same valid number.
+  /// Whether the Content-Length headers, if any, give one valid number.
   bool IsConsistent() const { return consistent_; }
   /// Whether the body is shorter than promised.
   bool IsTruncated() const { return promised_ && body_ < *promised_; }

@@ -149,8 +149,9 @@ class SeparatorScan {
 
   /// Compares further bytes at all places while there are many. A CR occurs
   /// only once in the separator, so of two places N bytes apart the first fails
-  /// at its byte N. The remaining places lie far apart. The comparison starts
-  /// at the eighth byte and goes down, because fewer places can lie far apart.
+  /// at its byte N. The remaining places lie far apart. The comparison goes
+  /// from the eighth byte down, because places that lie further apart are few
+  /// anyway.
   std::uint64_t ThinOut(const char* at, std::uint64_t places) const {
     for (std::size_t i = std::min<std::size_t>(size(), 8) - 1;
          i > 0 && HasMany(places); --i) {
