@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <iterator>
 #include <map>
+#include <memory>
 #include <new>
 #include <optional>
 #include <type_traits>

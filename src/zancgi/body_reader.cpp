@@ -17,6 +17,8 @@
 #include <system_error>
 #include <utility>
 
+#include "raw_array.h"
+
 namespace zan_cgi {
 namespace {
 

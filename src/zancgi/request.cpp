@@ -4,7 +4,6 @@
 
 #include <tov/env.h>
 
-#include <cstddef>
 #include <cstdlib>
 #include <initializer_list>
 #include <limits>

@@ -4,6 +4,7 @@
 #include <tov/err.h>
 
 #include <exception>
+#include <memory>
 #include <new>
 #include <stdexcept>
 #include <string_view>

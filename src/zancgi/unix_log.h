@@ -5,7 +5,7 @@
 
 #include <tov/log.h>
 
-#include "log_line.h"
+#include "log_line.h"  // IWYU pragma: export
 
 namespace zan_cgi {
 
