@@ -12,12 +12,14 @@ import subprocess
 import sys
 import time
 import unittest
+import unittest.mock
 import zipfile
 
 from forked import Ended
 from request_support import AGES, ENVIRONMENT, LONG, MEGABYTE, PATH, PROBE, SOURCE, TOOL
 from request_support import RequestTest, given, run, run_program, start_program
 from processes import wait_for
+from zancgi_request import exchange, player
 from zancgi_request.body import Body
 from zancgi_request.feeder import Channel, Feeder
 from zancgi_request.options import default_settings
@@ -619,6 +621,21 @@ class EndTest(RequestTest):
                 time.sleep(0.3)
                 tool.send_signal(number)
             self.assertEqual(tool.wait(LONG), 128 + number)
+            self.assertFalse(is_running(name))
+
+    def test_signal_ends_a_program_that_has_only_just_begun(self):
+        name = self.sleeper()
+
+        def start_then_signal(*arguments):
+            process = exchange.start(*arguments)
+            wait_for(lambda: is_running(name), LONG)
+            os.kill(os.getpid(), signal.SIGTERM)
+            return process
+
+        for debugger in ((), ("--debugger", "env")):
+            with unittest.mock.patch.object(player, "start", start_then_signal):
+                result = run(self.program(f"exec ./{name} {AGES}"), *debugger)
+            self.assertEqual(result.status, 128 + signal.SIGTERM)
             self.assertFalse(is_running(name))
 
     def test_processes_left_behind(self):

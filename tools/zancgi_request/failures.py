@@ -70,6 +70,15 @@ def interrupt(number: int, _frame: object) -> NoReturn:
     raise Interrupted(number)
 
 
+def hold_signals() -> list[int]:
+    """Until they are caught again, those that come are only put into this list."""
+    held: list[int] = []
+    for number in CAUGHT:
+        if signal.getsignal(number) is interrupt:
+            signal.signal(number, lambda number, _frame: held.append(number))
+    return held
+
+
 def disregard(_number: int, _frame: object) -> None:
     """Unlike SIG_IGN, this is not handed down."""
 

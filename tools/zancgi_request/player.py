@@ -14,7 +14,15 @@ from zancgi_request.body import Body, Stream
 from zancgi_request.cookies import Jar
 from zancgi_request.debugger import Debugger
 from zancgi_request.exchange import Exchange, find_program, left_behind, start
-from zancgi_request.failures import Failure, Interrupted, Status, catch_signals, misused
+from zancgi_request.failures import (
+    Failure,
+    Interrupted,
+    Status,
+    catch_signals,
+    hold_signals,
+    interrupt,
+    misused,
+)
 from zancgi_request.feeder import Channel, Feeder
 from zancgi_request.head import Head
 from zancgi_request.headers import Request
@@ -128,9 +136,11 @@ class Player:
         feeder.fill()
         begun = time.monotonic()
         argument = self.server.argument(self.program)
+        # One that came while nobody yet knew of the process would leave it running.
+        held = hold_signals()
         process = start(self.program, argument, variables, channel, self.debugger)
         exchange = Exchange(process, channel, feeder, answer, report)
-        status = self._see_through(exchange)
+        status = self._see_through(exchange, held)
         if status is None:
             self.times.append(time.monotonic() - begun)
             answer.finish()
@@ -142,10 +152,13 @@ class Player:
         channel.hang_up()
         return Outcome(request, answer, feeder, begun, status)
 
-    def _see_through(self, exchange: Exchange) -> int | None:
+    def _see_through(self, exchange: Exchange, held_signals: list[int]) -> int | None:
         """None when it has come to an end by itself."""
         settings = self.settings
         try:
+            catch_signals(self.debugger.is_interactive)
+            if held_signals:
+                interrupt(held_signals[0], None)
             if settings.max_time:
                 left = max(self.deadline - time.monotonic(), SHORTEST_TIMER)
                 signal.setitimer(signal.ITIMER_REAL, left)
