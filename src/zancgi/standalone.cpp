@@ -10,13 +10,13 @@
 
 /// Not defined anywhere, so that the linker reports its name.
 extern "C" [[noreturn]] void
-becoming_an_account_needs_the_shared_C_library__link_zancgi_static_instead();
+becoming_an_account_needs_the_shared_C_library_link_zancgi_static_instead();
 
 namespace zan_cgi {
 namespace {
 
 [[noreturn]] void Refuse() {
-  becoming_an_account_needs_the_shared_C_library__link_zancgi_static_instead();
+  becoming_an_account_needs_the_shared_C_library_link_zancgi_static_instead();
 }
 
 }  // namespace
