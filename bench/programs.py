@@ -21,6 +21,7 @@ upload  A POST (multipart/form-data) with a file in the field "u". Keeps the
         $SKIP bytes: what is written then no longer lies as it was read.
 query   Asks the SCGI server at $TOV_RUN_DIR/bench.sock for QUERY_STRING and
         prints the size of what it sends, header lines included.
+service As get, in a FastCGI process that the web server starts once.
 empty   Nothing: what a process takes. Prints nothing.
 
 Before an answer stands "Content-Type: text/plain" and an empty line, both with
@@ -228,6 +229,7 @@ PROGRAMS = (
     ours("query", "archive", ARCHIVES),
     floor("exchange", "query", "bare socket loop"),
     built_peer("fcgi", "get", "libfcgi"),
+    Program("fcgi_service", "service", "libfcgi, FastCGI", ("{built}/fcgi_get",)),
     *(
         peer(workload)
         for workload in ("get", "form", "upload")

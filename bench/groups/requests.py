@@ -1,5 +1,6 @@
 """How many small requests are answered by a web server that starts a program for
-each. Interpreters are left out: their start-up is all there would be to see."""
+each, or passes them to FastCGI processes that stay. Interpreters are left out: their
+start-up is all there would be to see."""
 
 import contextlib
 import http.client
@@ -31,12 +32,15 @@ def run(bench: Bench) -> None:
         bench.absent.update(missing)
         return
     programs = [program for program in bench.programs_of("get") if not program.is_slow]
+    services = bench.programs_of("service")
     with tempfile.TemporaryDirectory(dir=bench.memory) as folder:
         documents = pathlib.Path(folder) / "documents"
         documents.mkdir()
         for program in programs:
             (documents / program.name).symlink_to(program_file(bench, program))
-        with web_server(pathlib.Path(folder), documents) as port:
+        commands = {url_path(program): program_file(bench, program) for program in services}
+        with web_server(pathlib.Path(folder), documents, commands) as port:
+            programs += services
             right = [program for program in programs if is_right(bench, program, port)]
             if not bench.only_checks:
                 compare(bench, right, port)
@@ -47,18 +51,26 @@ def program_file(bench: Bench, program: Program) -> str:
 
 
 @contextlib.contextmanager
-def web_server(folder: pathlib.Path, documents: pathlib.Path) -> Iterator[int]:
+def web_server(
+    folder: pathlib.Path, documents: pathlib.Path, services: dict[str, str]
+) -> Iterator[int]:
     port = free_port()
     configuration = folder / "lighttpd.conf"
+    fastcgi = ", ".join(
+        f'"{path}" => (( "bin-path" => "{command}", "socket" => "{folder}{path}.socket", '
+        f'"max-procs" => {CONNECTIONS}, "check-local" => "disable" ))'
+        for path, command in services.items()
+    )
     configuration.write_text(
         f"""
-        server.modules = ( "mod_cgi" )
+        server.modules = ( "mod_fastcgi", "mod_cgi" )
         server.bind = "{HOST}"
         server.port = {port}
         server.document-root = "{documents}"
         server.errorlog = "{folder}/lighttpd.log"
         server.upload-dirs = ( "{folder}" )
         cgi.assign = ( "" => "" )
+        fastcgi.server = ( {fastcgi} )
         """
     )
     # The signal ends it when this process ends for any reason.
@@ -90,7 +102,11 @@ def wait_until_it_listens(process: subprocess.Popen, port: int) -> None:
 
 
 def url_path(program: Program) -> str:
-    return f"/{program.name}?{REQUEST.variables['QUERY_STRING']}"
+    return f"/{program.name}"
+
+
+def url(program: Program) -> str:
+    return f"{url_path(program)}?{REQUEST.variables['QUERY_STRING']}"
 
 
 def cookie() -> str:
@@ -100,7 +116,7 @@ def cookie() -> str:
 def is_right(bench: Bench, program: Program, port: int) -> bool:
     connection = http.client.HTTPConnection(HOST, port, timeout=60)
     with contextlib.closing(connection):
-        connection.request("GET", url_path(program), headers={"Cookie": cookie()})
+        connection.request("GET", url(program), headers={"Cookie": cookie()})
         response = connection.getresponse()
         body = response.read()
     if (response.status, body) == (200, ANSWER):
@@ -138,7 +154,7 @@ def slice_of(program: Program, port: int) -> dict[str, float]:
             "--duration=1s",
             "--timeout=10s",
             f"--header=Cookie: {cookie()}",
-            f"http://{HOST}:{port}{url_path(program)}",
+            f"http://{HOST}:{port}{url(program)}",
         ],
         capture_output=True,
         text=True,
