@@ -3,13 +3,17 @@
 
 #include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
 #include <zancgi/form.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <limits>
+#include <random>
 #include <thread>
 
+#include "support/fast_folder.h"
 #include "support/form.h"
 #include "support/piece_input.h"
 #include "support/refusal.h"
@@ -289,12 +293,24 @@ TEST(StandardInput, ThatCannotBeReadIsNeverWaitedFor) {
   }
 }
 
-/// Replaces standard input by a pipe, and writes this into it meanwhile.
+/// The end to read from comes first.
+int OpenPipe(int ends[2]) { return ::pipe2(ends, O_CLOEXEC); }
+int OpenSocket(int ends[2]) {
+  return ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends);
+}
+
+using Sizes = std::function<std::size_t()>;
+
+/// Replaces standard input by a pipe or socket, and meanwhile writes this into
+/// it, at most so much at once.
 class Writer {
  public:
-  explicit Writer(std::string bytes) : bytes_(std::move(bytes)) {
+  explicit Writer(
+      std::string bytes, int (*open)(int ends[2]) = OpenPipe,
+      Sizes sizes = [] { return std::string::npos; })
+      : bytes_(std::move(bytes)), sizes_(std::move(sizes)) {
     int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+    if (open(ends) != 0) throw std::runtime_error("no pipe");
     ::dup2(ends[0], STDIN_FILENO);
     ::close(ends[0]);
     ::signal(SIGPIPE, SIG_IGN);
@@ -316,8 +332,8 @@ class Writer {
  private:
   void Write(int end) {
     while (written_ < bytes_.size()) {
-      const ssize_t count =
-          ::write(end, bytes_.data() + written_, bytes_.size() - written_);
+      const std::size_t size = std::min(sizes_(), bytes_.size() - written_);
+      const ssize_t count = ::write(end, bytes_.data() + written_, size);
       if (count < 0) break;
       written_ += static_cast<std::size_t>(count);
     }
@@ -325,9 +341,82 @@ class Writer {
   }
 
   const std::string bytes_;
+  const Sizes sizes_;
   std::size_t written_ = 0;
   std::thread thread_;
 };
+
+#ifdef __SANITIZE_ADDRESS__
+constexpr std::size_t kHonestForms = 100;
+#else
+constexpr std::size_t kHonestForms = 500;
+#endif
+
+/// A text as people upload it.
+std::string Text(std::mt19937_64& random, std::size_t longest) {
+  const char* const words[] = {"a",  "word", " ",  "-",     "--", "----",
+                               "\n", "\r\n", "\r", "\r\n-", "=",  "&"};
+  const std::size_t size = random() % longest;
+  std::string text;
+  while (text.size() < size) text += words[random() % std::size(words)];
+  return text;
+}
+
+/// Replaces standard input by a file of this content.
+void ReadFromFileOf(const std::string& content) {
+  const int file = ::memfd_create("body", MFD_CLOEXEC);
+  ASSERT_EQ(::write(file, content.data(), content.size()),
+            static_cast<ssize_t>(content.size()));
+  ASSERT_EQ(::lseek(file, 0, SEEK_SET), 0);
+  ASSERT_EQ(::dup2(file, STDIN_FILENO), STDIN_FILENO);
+  ::close(file);
+}
+
+/// Sends a form with a text to upload, as a browser does, by chance as a file,
+/// through a pipe or through a socket.
+void ExpectUploadAsSent(std::mt19937_64& random, const std::string& spool) {
+  const std::size_t longest = std::size_t{1} << random() % 17;
+  const std::string text =
+      Text(random, std::min<std::size_t>(240'000, 1000 * longest));
+  const zan_cgi::testing::Form sent = zan_cgi::testing::Form()
+                                          .Field("before", "1")
+                                          .File("u", "f.txt", text)
+                                          .Field("after", "2");
+  ::setenv("CONTENT_TYPE", sent.ContentType().c_str(), 1);
+  ::setenv("CONTENT_LENGTH", std::to_string(sent.Body().size()).c_str(), 1);
+  std::minstd_rand pieces(static_cast<std::uint32_t>(random()));
+  const Sizes sizes = [=]() mutable { return 1 + pieces() % longest; };
+  std::optional<Writer> writer;
+  switch (random() % 3) {
+    case 0:
+      ReadFromFileOf(sent.Body());
+      break;
+    case 1:
+      writer.emplace(sent.Body(), OpenPipe, sizes);
+      break;
+    default:
+      writer.emplace(sent.Body(), OpenSocket, sizes);
+  }
+  Cgi cgi = CgiWithSpool(spool);
+  const Form form(cgi);
+  EXPECT_EQ(form.Value("before") + form.Value("after"), "12");
+  ASSERT_EQ(form.uploads().size(), 1U);
+  EXPECT_TRUE(ReadFile(form.Path(form.uploads()[0])) == text) << sent.Body();
+}
+
+TEST(HonestForms, AreReadAsTheyWereSent) {
+  const char* const asked_for = std::getenv("ZANCGI_RANDOM_CASES");
+  const std::size_t count =
+      asked_for == nullptr ? kHonestForms : std::stoul(asked_for);
+  const Scratch spool(FastFolder());
+  RunCleanly(Post("0").LogLevel(0).TimeLimit(std::chrono::hours(1)), [&] {
+    std::mt19937_64 random(20261122);
+    for (std::size_t i = 0; i < count && !testing::Test::HasFailure(); ++i) {
+      ExpectUploadAsSent(random, spool.Path());
+    }
+    ::close(STDIN_FILENO);
+  });
+}
 
 TEST(RefusedForm, IsReadToItsEndAndNotFurther) {
   struct Row {
