@@ -1,10 +1,10 @@
 """The back end of the panel: a WSGI application over SCGI.
 
-It owns the users and their sessions (in SQLite) and answers in XML. To make or
+It stores the users and their sessions in SQLite and answers in XML. To add or
 change a user: echo PASSWORD | PANEL_DB=FILE python3 backend.py NAME LEVEL [ACCOUNT]
 
-ACCOUNT is the system account that the panel becomes to work for the user. The
-user's sessions end.
+ACCOUNT is the system account that the panel becomes for the user. The command
+ends all sessions of the user.
 """
 
 import hashlib
@@ -27,11 +27,12 @@ ADMINISTRATOR = 5
 
 
 class Refused(Exception):
-    """Carries the type of the error element."""
+    """The argument is the type of the error element in the answer."""
 
 
 def make_file(path):
-    """For this user alone. SQLite gives its journals the mode of the database."""
+    """Makes a file that only this user can access. SQLite makes its journals with
+    the same mode."""
     os.makedirs(os.path.dirname(os.path.abspath(path)), mode=0o700, exist_ok=True)
     os.close(os.open(path, os.O_CREAT | os.O_WRONLY, 0o600))
 
@@ -58,12 +59,13 @@ def hash_password(password, salt):
 
 
 def hash_session(session):
-    """Only hashes are stored: who reads the database gets no session."""
+    """Only hashes are stored, so that the database does not reveal session ids."""
     return hashlib.sha256(session.encode(errors="replace")).hexdigest()
 
 
 def add_user(database, password, name, level, account=""):
-    """Ends all sessions of the user: whoever knew the old password may hold one."""
+    """Adds or replaces a user. Ends all sessions of the user, because somebody
+    who knew the old password may have one."""
     salt = secrets.token_bytes(16)
     row = (name, int(level), salt, hash_password(password, salt), account)
     with database:
@@ -82,9 +84,10 @@ def clock(seconds):
 
 
 def query_items(environ):
-    """The library adds "auth" and "sfrom" at the end, unencoded: a value from the
-    browser could bring items along. So nothing may come twice, and nothing may
-    stand behind the two. What is no text is replaced, and matches nothing."""
+    """Returns the items of the query. Refuses items that a value from the browser
+    may have added: the library appends "auth" and "sfrom" without encoding them.
+    So no item may appear twice, and none after those two."""
+    # Bytes that are not text are replaced and match nothing.
     query = environ.get("QUERY_STRING", "").encode("ascii", "replace").decode()
     pairs = parse_qsl(query, keep_blank_values=True)
     names = [name for name, _ in pairs]
@@ -96,7 +99,8 @@ def query_items(environ):
 
 
 def session_id(environ, items):
-    """Reads cookies just as the front end does: the last of a name counts."""
+    """Reads cookies as the front end does: of several cookies with the same name,
+    the last one counts."""
     session = ""
     for piece in environ.get("HTTP_COOKIE", "").split(";"):
         name, _, value = piece.strip(" \t\r\n").partition("=")
@@ -120,7 +124,7 @@ def session_new(database, environ, items):
     row = database.execute(
         "select * from user where name = ?", (items.get("user", ""),)
     ).fetchone()
-    # The time must not reveal whether the name exists.
+    # An unknown name must take as long as a wrong password.
     salt, expected = (row["salt"], row["hash"]) if row else (b"none", b"")
     actual = hash_password(items.get("password", ""), salt)
     if not hmac.compare_digest(actual, expected):
@@ -129,7 +133,7 @@ def session_new(database, environ, items):
     database.execute(
         "delete from session where started <= ?", (time.time() - SESSION_SECONDS,)
     )
-    # Fails if the password has changed since the query above.
+    # Inserts nothing if the password has changed since the query above.
     made = database.execute(
         "insert into session select ?, name, ?, ?, ? from user"
         " where name = ? and hash = ?",
@@ -158,16 +162,17 @@ def session_own(database, environ, items):
 
 
 def session_list(database, environ, items):
-    """The newest first, one page from the number "from" on: the front end looks
-    for each of them in the whole answer."""
+    """Lists the newest sessions first, starting with the number "from". An answer
+    has only one page of them, because the front end searches the whole answer
+    for each session."""
     own = own_session(database, environ, items)
-    everyone = own["level"] >= ADMINISTRATOR
-    asked = items.get("from", "")
-    first = int(asked) if re.fullmatch("[0-9]{1,10}", asked) else 0
+    is_administrator = own["level"] >= ADMINISTRATOR
+    start = items.get("from", "")
+    first = int(start) if re.fullmatch("[0-9]{1,10}", start) else 0
     rows = database.execute(
         "select * from session where (user = ? or ?) and started > ?"
         " order by rowid desc limit ? offset ?",
-        (own["name"], everyone, time.time() - SESSION_SECONDS,
+        (own["name"], is_administrator, time.time() - SESSION_SECONDS,
          SESSIONS_PER_PAGE + 1, first),
     ).fetchall()
     elements = [

@@ -211,8 +211,8 @@ std::string FolderForm(const fs::path& path, const Listing& listing,
 <label for="to">New name</label>
 <input id="to" name="to">
 <button name="action" value="folder">Make a folder</button>
-<button name="action" value="rename">Rename what is chosen</button>
-<button name="action" value="delete">Delete what is chosen</button>
+<button name="action" value="rename">Rename the selected file</button>
+<button name="action" value="delete">Delete the selected files</button>
 </form>
 )";
 }

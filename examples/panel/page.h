@@ -138,11 +138,11 @@ struct Explanation {
 
 /// The last entry is for every other status.
 constexpr Explanation kExplanations[] = {
-    {400, "Bad Request", "Your request has come in part, or is not valid."},
+    {400, "Bad Request", "Your request is incomplete or not valid."},
     {403, "Forbidden", "You may not do this, or your session has ended."},
     {404, "Not Found", "There is no such page or file."},
     {405, "Method Not Allowed", "This panel answers GET, HEAD and POST only."},
-    {408, "Request Timeout", "Nothing more has come from you for a while."},
+    {408, "Request Timeout", "Your request took too long to arrive."},
     {413, "Content Too Large", "Please send less at a time."},
     {415, "Unsupported Media Type", "Please use the panel's own forms."},
     {502, "Bad Gateway", "The service behind this panel does not answer."},

@@ -43,7 +43,7 @@ function setUpUpload(form) {
     return [...input.files].reduce((sum, file) => sum + file.size, 0);
   }
 
-  // The parts' headers count too; they are small.
+  // The limit includes the headers of the parts, which are small.
   function isTooLarge() {
     return totalSize() + 1024 * (input.files.length + 1) > limit;
   }
@@ -68,7 +68,7 @@ function setUpUpload(form) {
     return Boolean(entry && entry.isDirectory);
   }
 
-  // To what has been chosen before.
+  // Adds the dropped files to those chosen before.
   function add(dropped) {
     const all = new DataTransfer();
     for (const file of input.files) all.items.add(file);
@@ -133,7 +133,7 @@ function setUpUpload(form) {
     cancel.focus();
   }
 
-  // Anywhere on the page: beside a drop zone, a browser would open the file.
+  // Handled on the whole page: outside of a drop zone, a browser would open the file.
   function drag(event) {
     event.preventDefault();
     form.classList.toggle("over", event.type === "dragover" && !request);
@@ -176,7 +176,7 @@ function setUpFiles(form) {
     const data = new URLSearchParams(new FormData(form));
     data.append("action", event.submitter.value);
     try {
-      // Not form.action, which is the buttons of this name.
+      // form.action is not the URL here, but the buttons of that name.
       const answer = await fetch(form.getAttribute("action"),
                                  { method: "POST", body: data, headers: JSON_PLEASE });
       const problem = (await answer.json()).problem;
