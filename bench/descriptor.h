@@ -1,4 +1,4 @@
-// Descriptors and system errors, for the programs that run others.
+// Descriptors and errors of system calls.
 #ifndef BENCH_DESCRIPTOR_H
 #define BENCH_DESCRIPTOR_H
 
@@ -18,9 +18,10 @@ namespace bench {
 /// Owns a descriptor and closes it.
 class Descriptor {
  public:
-  /// @param number  the result of a system call; if it is negative, throws an
-  ///   error that begins with @p what
-  explicit Descriptor(int number, const std::string& what = "no descriptor")
+  /// @param number  the result of a system call; if it is negative, throws
+  ///   std::system_error with errno and @p what
+  explicit Descriptor(int number,
+                      const std::string& what = "cannot open a descriptor")
       : number_(number) {
     if (number < 0) ThrowErrno(what);
   }

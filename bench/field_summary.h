@@ -1,4 +1,4 @@
-// The output of the form programs in C++.
+// The answer of the programs of the workload "form" in C++.
 #ifndef BENCH_FIELD_SUMMARY_H
 #define BENCH_FIELD_SUMMARY_H
 
@@ -9,8 +9,8 @@
 
 namespace bench {
 
-/// Number and size of the values, and their FNV-1a hash unless HASH is "no".
-/// Hashing byte by byte takes longer than the request itself.
+/// The number of values, their total size and, unless HASH is "no", their
+/// FNV-1a hash. Hashing byte by byte takes longer than the request itself.
 class FieldSummary {
  public:
   void Add(std::string_view value) {
@@ -31,8 +31,8 @@ class FieldSummary {
 
  private:
   static bool IsHashWanted() {
-    const char* wish = std::getenv("HASH");
-    return wish == nullptr || std::string_view(wish) != "no";
+    const char* value = std::getenv("HASH");
+    return value == nullptr || std::string_view(value) != "no";
   }
 
   std::string HexDigits() const {

@@ -1,10 +1,9 @@
-"""What a group of measurements is made with.
+"""The base of all groups of measurements.
 
 A group is a module in groups/ with one function, `run(bench: Bench) -> None`.
-It makes its inputs below `bench.memory` or `bench.disk`, asks
-`bench.programs_of(workload)` for what is built, makes a `Case` of each, has
-them measured in turn, and records what came out under a name by which
-targets.py finds it:
+It writes its inputs below `bench.memory` or `bench.disk`, gets the programs of
+a workload from `bench.programs_of`, makes a `Case` of each, measures the cases
+in turn, and records the results under a name that targets.py uses:
 
     cases = [Case(program, request, answer=b"3\\n")
              for program in bench.programs_of("get")]
@@ -12,13 +11,14 @@ targets.py finds it:
                             bench.measure(cases, rounds=400),
                             references=("empty_c", "cgicc_get")))
 
-`measure` checks each case before it times any: answer, exit status and stored
-bytes. One that fails is reported, left out, and fails the whole benchmark. The
-check is the warm-up, too.
-With `--check` nothing is timed and nothing recorded: `measure` returns
-nothing, and `record` does nothing with that. A group that measures by other
-means than `measure` asks `bench.check(case)` itself, and returns early if
-`bench.only_checks`.
+Before `measure` times anything, it checks the answer, exit status and stored
+bytes of each case, which also warms the caches. A case that fails is reported
+and left out, and the benchmark exits with status 1.
+
+With `--check` nothing is timed or recorded: `measure` returns no results, and
+`record` ignores experiments without results. A group that does not use
+`measure` calls `bench.check(case)` itself and returns early if
+`bench.only_checks` is set.
 """
 
 import dataclasses
@@ -32,7 +32,7 @@ from request import Piece, Request
 from spawner import Failed, Spawner, Start
 from summary import Summaries, summarize
 
-# Time limits of checked runs and of measurements, beyond any correct run.
+# Time limits of a check and of a measurement. No correct run takes as long.
 CHECK_SECONDS = 60
 SECONDS = 600
 
@@ -41,7 +41,7 @@ SOURCE = pathlib.Path(__file__).parent
 
 @dataclasses.dataclass(frozen=True)
 class Stored:
-    """What a program is to leave in a file: these bytes one after another."""
+    """The file that a program must store, and its content."""
 
     path: pathlib.Path
     pieces: tuple[Piece, ...]
@@ -49,7 +49,7 @@ class Stored:
     def size(self) -> int:
         return sum(piece.size() for piece in self.pieces)
 
-    def is_right(self) -> bool:
+    def is_correct(self) -> bool:
         with self.path.open("rb") as file:
             for piece in self.pieces:
                 expected = piece.path.read_bytes()
@@ -61,17 +61,16 @@ class Stored:
 
 @dataclasses.dataclass(frozen=True)
 class Case:
-    """A program, what it is given, and what it must make of it."""
+    """A program, its request and the expected results."""
 
     program: Program
     request: Request
-    # What it prints after the header; None for a floor, whose output is not
-    # checked.
+    # The expected output after the header. None: the output is not checked.
     answer: bytes | None
     stored: Stored | None = None
-    # A slow program runs only once in this number of rounds.
+    # Runs once in this number of rounds: more than 1 for slow programs.
     every: int = 1
-    # A smaller case of the same kind that is checked instead of a large one.
+    # A smaller case of the same kind that is checked instead of this one.
     trial: "Case | None" = None
 
     @property
@@ -81,7 +80,7 @@ class Case:
 
 @dataclasses.dataclass(frozen=True)
 class Experiment:
-    """What was measured, by program."""
+    """The measurements of several programs that do the same work."""
 
     name: str
     title: str
@@ -111,48 +110,50 @@ class Bench:
         self.experiments: list[Experiment] = []
         # Names of peers that are not installed.
         self.absent: set[str] = set()
-        # The failures, and the number of checks that passed.
-        self.broken: list[str] = []
-        self.right = 0
+        self.failures: list[str] = []
+        self.passed_checks = 0
         self._spawner = Spawner(built / "bench_measure")
 
     def programs_of(self, workload: str) -> list[Program]:
-        """Those that are there. Peers may be absent, which will be told."""
-        there = []
+        """Returns the programs that can be run. Peers that are not installed
+        are listed at the end of the benchmark."""
+        available = []
         for program in PROGRAMS:
             if program.workload != workload:
                 continue
-            if program.is_there(**self._folders()):
-                there.append(program)
+            if program.is_available(**self._folders()):
+                available.append(program)
             elif program.is_ours or program.is_floor:
-                self.report_broken(f"{program.name}: not built")
+                self.report_failure(f"{program.name}: not built")
             else:
                 self.absent.add(program.name)
-        return there
+        return available
 
     def check(self, case: Case) -> bool:
-        """Runs a program once. If what it does is wrong, that is reported."""
+        """Runs a program once. Reports it and returns False if its results are
+        wrong."""
         try:
             self._run_checked(case)
         except Failed as failure:
-            self.report_broken(str(failure))
+            self.report_failure(str(failure))
             return False
-        self.right += 1
+        self.passed_checks += 1
         return True
 
-    def report_broken(self, text: str) -> None:
-        """The benchmark goes on, and fails at its end."""
-        if text not in self.broken:
-            print(f"BROKEN: {text}")
-            self.broken.append(text)
+    def report_failure(self, text: str) -> None:
+        """The benchmark continues, and exits with status 1."""
+        if text not in self.failures:
+            print(f"FAILED: {text}")
+            self.failures.append(text)
 
     def measure(self, cases: Sequence[Case], rounds: int) -> dict[str, Summaries]:
-        """Checks all, then runs all in turn, so many times."""
-        right = [case for case in cases if self.check(case.trial or case)]
-        if self.only_checks or not right:
+        """Checks all cases, then runs those that passed in turn, once in each
+        round."""
+        passed = [case for case in cases if self.check(case.trial or case)]
+        if self.only_checks or not passed:
             return {}
-        outcome = self._spawner.run([self._timed(case) for case in right], rounds, SECONDS)
-        measured = {case.name: summarize(outcome.runs[case.name]) for case in right}
+        outcome = self._spawner.run([self._timed(case) for case in passed], rounds, SECONDS)
+        measured = {case.name: summarize(outcome.runs[case.name]) for case in passed}
         for summaries in measured.values():
             if summaries["peak_kb"].minimum <= outcome.least_peak_kb:
                 del summaries["peak_kb"]
@@ -166,7 +167,7 @@ class Bench:
         return case.program.argv(**self._folders(case))
 
     def variables(self, case: Case) -> dict[str, str]:
-        """All that a web server would tell the program."""
+        """The environment that a web server would set."""
         return {
             **case.request.variables,
             "SCRIPT_FILENAME": self.command(case)[-1],
@@ -174,8 +175,8 @@ class Bench:
         }
 
     def _folders(self, case: Case | None = None) -> dict[str, pathlib.Path]:
-        keeps = case.stored.path.parent if case and case.stored else self.memory
-        return {"built": self.built, "bench": SOURCE, "folder": keeps}
+        uploads = case.stored.path.parent if case and case.stored else self.memory
+        return {"built": self.built, "bench": SOURCE, "folder": uploads}
 
     def _start(self, case: Case, **options: Any) -> Start:
         request = dataclasses.replace(case.request, variables=self.variables(case))
@@ -198,15 +199,15 @@ class Bench:
 def check_answer(case: Case, output: bytes) -> None:
     header, separator, body = output.replace(b"\r\n", b"\n").partition(b"\n\n")
     if not separator or b"content-type: text/plain" not in header.lower():
-        raise Failed(f"{case.name}: no header of a text: {output[:200]!r}")
+        raise Failed(f"{case.name}: no text/plain header: {output[:200]!r}")
     if body != case.answer:
-        raise Failed(f"{case.name}: answers {body[:200]!r}, not {case.answer!r}")
+        raise Failed(f"{case.name}: answers {body[:200]!r} instead of {case.answer!r}")
 
 
 def check_stored(name: str, stored: Stored) -> None:
     if not stored.path.exists():
-        raise Failed(f"{name}: has stored nothing")
-    right = stored.is_right()
+        raise Failed(f"{name}: stored no file")
+    is_correct = stored.is_correct()
     stored.path.unlink()
-    if not right:
-        raise Failed(f"{name}: has stored other bytes than were sent")
+    if not is_correct:
+        raise Failed(f"{name}: the stored bytes differ from those sent")

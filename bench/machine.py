@@ -1,4 +1,4 @@
-"""Facts about the machine and what is installed on it."""
+"""Facts about the machine and its installed packages."""
 
 import os
 import pathlib
@@ -26,7 +26,7 @@ def facts(build: pathlib.Path) -> dict[str, object]:
 
 
 def load() -> float:
-    """How many processes wanted to run, over the last minute."""
+    """The load average of the last minute."""
     return round(os.getloadavg()[0], 2)
 
 
@@ -42,7 +42,7 @@ def compiler(build: pathlib.Path) -> str:
 
 
 def package_versions() -> dict[str, str]:
-    """Of those that are installed."""
+    """The versions of those PACKAGES that are installed."""
     versions = {}
     for package in PACKAGES:
         version = first_line("dpkg-query", "--show", "--showformat=${Version}", package)

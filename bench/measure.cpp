@@ -7,19 +7,19 @@
 //
 //   rounds N            number of rounds
 //   program NAME        begins the description of a program
-//   every N             run it in each Nth round only
+//   every N             runs in every Nth round only
 //   argument TEXT       the first is the path of the program
 //   variable NAME=TEXT  its environment contains only these
-//   input PATH          its standard input, opened again for each run
-//   piece N PATH        instead: a pipe that delivers these bytes N times
+//   input PATH          its standard input, opened for each run
+//   piece N PATH        instead: a pipe with the content of this file N times
 //   output PATH         its standard output
-//   stored N PATH       the run makes this file of N bytes; removed afterwards
+//   stored N PATH       each run makes this file of N bytes; removed afterwards
 //
 // Standard input and output are /dev/null by default. Each round begins with
-// the next program. Prints a line of JSON for each run, then one about this
-// program: the kernel includes the memory of the starting process in a
-// program's peak, so peaks smaller than ours cannot be measured. For that
-// reason this program is linked statically and uses little memory.
+// another program, in turn. Prints a line of JSON for each run, and last the
+// smallest peak memory that can be measured: that of this program, because the
+// kernel includes the memory of the starting process in a program's peak. So
+// this program is linked statically and uses little memory.
 
 #include <fcntl.h>
 #include <signal.h>
@@ -81,7 +81,7 @@ Descriptor Open(const std::string& path) {
 std::size_t Number(const std::string& text) {
   std::size_t end = 0;
   const unsigned long number = std::stoul(text, &end);
-  if (end != text.size()) throw std::runtime_error("no number: " + text);
+  if (end != text.size()) throw std::runtime_error("not a number: " + text);
   return number;
 }
 
@@ -89,7 +89,7 @@ std::size_t Number(const std::string& text) {
 std::pair<std::size_t, std::string> NumberAndPath(const std::string& text) {
   const std::size_t blank = text.find(' ');
   if (blank == std::string::npos) {
-    throw std::runtime_error("no number and path: " + text);
+    throw std::runtime_error("not a number and a path: " + text);
   }
   return {Number(text.substr(0, blank)), text.substr(blank + 1)};
 }
@@ -127,7 +127,7 @@ void ReadLine(const std::string& line, Plan& plan) {
   } else if (word == "program") {
     plan.programs.emplace_back().name = value;
   } else if (plan.programs.empty()) {
-    throw std::runtime_error("no program yet: " + line);
+    throw std::runtime_error("no \"program\" before the line: " + line);
   } else {
     ReadProgramLine(word, value, plan.programs.back());
   }
@@ -149,7 +149,7 @@ Plan ReadPlan() {
 void WriteAll(int descriptor, const char* data, std::size_t size) {
   while (size > 0) {
     const ssize_t count = ::write(descriptor, data, size);
-    if (count < 0) ThrowErrno("cannot feed a program");
+    if (count < 0) ThrowErrno("cannot write the input of a program");
     data += count;
     size -= static_cast<std::size_t>(count);
   }
@@ -187,19 +187,24 @@ class Feeder {
       : process_(::fork()) {
     if (process_ < 0) ThrowErrno("cannot start a feeder");
     if (process_ == 0) {
-      // Closed, so that a write fails when the program has ended.
+      // Otherwise a write would wait for ever after the program has ended.
       ::close(reading.Number());
       Feed(pieces, writing.Number());
     }
   }
 
   /// Waits for the feeder. It is no error if the program ended before it read
-  /// all.
+  /// all its input.
   void Finish() const {
     int status = 0;
-    if (::waitpid(process_, &status, 0) != process_) ThrowErrno("no feeder");
-    const bool cut = WIFSIGNALED(status) && WTERMSIG(status) == SIGPIPE;
-    if (status != 0 && !cut) throw std::runtime_error("a feeder has failed");
+    if (::waitpid(process_, &status, 0) != process_) {
+      ThrowErrno("cannot wait for a feeder");
+    }
+    const bool is_partly_read =
+        WIFSIGNALED(status) && WTERMSIG(status) == SIGPIPE;
+    if (status != 0 && !is_partly_read) {
+      throw std::runtime_error("a feeder failed");
+    }
   }
 
  private:
@@ -213,7 +218,7 @@ struct Pipe {
 
 Pipe MakePipe() {
   int ends[2];
-  if (::pipe2(ends, O_CLOEXEC) != 0) ThrowErrno("no pipe");
+  if (::pipe2(ends, O_CLOEXEC) != 0) ThrowErrno("cannot make a pipe");
   return {Descriptor(ends[0]), Descriptor(ends[1])};
 }
 
@@ -255,7 +260,7 @@ struct Run {
 
 void ThrowUnlessSuccess(const Program& program, int status) {
   if (WIFSIGNALED(status)) {
-    throw std::runtime_error(program.name + ": ended by signal " +
+    throw std::runtime_error(program.name + ": killed by signal " +
                              std::to_string(WTERMSIG(status)));
   }
   if (status != 0) {
@@ -292,7 +297,7 @@ Run StartFed(Program& program) {
   const Feeder feeder(program.pieces, pipe.reading, pipe.writing);
   const Run run = [&] {
     const Descriptor input = std::move(pipe.reading);
-    // Closed, so that the program sees the end of its input.
+    // Otherwise the program would wait for more input.
     static_cast<void>(Descriptor(std::move(pipe.writing)));
     return Start(program, input);
   }();
@@ -305,9 +310,9 @@ void RemoveStored(const Program& program) {
     struct stat status {};
     if (::stat(file.path.c_str(), &status) != 0) ThrowErrno(program.name);
     if (status.st_size != file.size) {
-      throw std::runtime_error(program.name + ": has stored " +
-                               std::to_string(status.st_size) + " bytes of " +
-                               std::to_string(file.size));
+      throw std::runtime_error(program.name + ": stored " +
+                               std::to_string(status.st_size) + " of " +
+                               std::to_string(file.size) + " bytes");
     }
     if (::unlink(file.path.c_str()) != 0) ThrowErrno(program.name);
   }
@@ -334,11 +339,11 @@ void Print(const Program& program, const Run& run) {
       run.usage.ru_minflt, run.usage.ru_majflt, run.usage.ru_maxrss);
 }
 
-/// Returns this program's own peak; getrusage(2) would include the peak of the
-/// process that started it.
+/// Returns the peak memory of this program alone: getrusage(2) would include
+/// that of the process that started it.
 long OwnPeak() {
   std::FILE* const file = std::fopen("/proc/self/status", "re");
-  if (file == nullptr) ThrowErrno("no /proc/self/status");
+  if (file == nullptr) ThrowErrno("cannot open /proc/self/status");
   char line[256];
   long peak = 0;
   while (std::fgets(line, sizeof(line), file) != nullptr) {
@@ -368,7 +373,7 @@ void RunAll(Plan plan) {
 }  // namespace
 
 int main() try {
-  // SIGPIPE ends a feeder when its program has ended.
+  // SIGPIPE ends a feeder after its program has ended.
   static_cast<void>(::signal(SIGPIPE, SIG_DFL));
   RunAll(ReadPlan());
   return 0;

@@ -1,4 +1,4 @@
-"""A chart of each experiment, as SVG."""
+"""An SVG chart of each experiment."""
 
 import pathlib
 from collections.abc import Sequence
@@ -15,7 +15,7 @@ def draw(experiments: Sequence[Experiment], folder: pathlib.Path) -> None:
     try:
         import matplotlib
     except ImportError:
-        print("No plots: python3-matplotlib is not installed")
+        print("No plots, because python3-matplotlib is not installed")
         return
     matplotlib.use("svg")
     # A fixed salt makes the files reproducible.
@@ -28,7 +28,7 @@ def draw(experiments: Sequence[Experiment], folder: pathlib.Path) -> None:
 
 
 def draw_one(experiment: Experiment, path: pathlib.Path) -> None:
-    """Medians, with a line from one quartile to the other."""
+    """Draws each median as a point and the range of the quartiles as a line."""
     from matplotlib import pyplot
 
     shown = {

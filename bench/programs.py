@@ -1,31 +1,29 @@
 """The programs that the benchmark measures, and how each is started.
 
-A program does one workload and prints the answer of that workload, whatever it
-is built on:
+All programs of a workload do the same work and print the same answer:
 
-get     A GET. QUERY_STRING has the parameters a, b and c, HTTP_COOKIE the
-        cookie "session". Prints "a=...", "b=...", "c=..." and "session=...",
-        a line each.
-form    A POST of the fields f0, f1 and so on, in this order. Prints their
-        number, the size of their values together and the FNV-1a hash (64 bits,
-        in 16 hexadecimal digits) of the values one behind the other: ours in
-        the order that it keeps them in, that of the names' bytes, unless it
-        reads them by zan_cgi::Form ("exact_..."). With HASH=no
-        in its environment it leaves out the hash, which takes longer than the
-        request. In a multipart body no CR LF may lie across a multiple of
-        65536 bytes: ours reads pieces of that size, and takes a line end that
-        is cut in two for a part of the line.
-upload  A POST (multipart/form-data) with a file in the field "u". Keeps the
+get     A GET. QUERY_STRING contains the parameters a, b and c, HTTP_COOKIE the
+        cookie "session". Prints the lines "a=...", "b=...", "c=..." and
+        "session=...".
+form    A POST of the fields f0, f1 and so on, in this order. Prints the number
+        of fields, the total size of their values and the FNV-1a hash (64 bits,
+        in 16 hexadecimal digits) of the concatenated values. Our programs hash
+        the values in byte order of the names, except "exact_...", which use
+        zan_cgi::Form. HASH=no in the environment omits the hash, which takes
+        longer than the request. In a multipart body, no multiple of 65536
+        bytes may separate a CR from its LF: our parser reads pieces of that
+        size and treats a line end that is split as part of the line.
+upload  A POST (multipart/form-data) with a file in the field "u". Stores the
         file as $STORE, a path in the folder {folder}, and prints its size. The
-        floors keep the rest of the body as well, one of them all but its first
-        $SKIP bytes: what is written then no longer lies as it was read.
-query   Asks the SCGI server at $TOV_RUN_DIR/bench.sock for QUERY_STRING and
-        prints the size of what it sends, header lines included.
-service As get, in a FastCGI process that the web server starts once.
-empty   Nothing: what a process takes. Prints nothing.
+        floor "copy" stores the whole body. "copy_shifted" omits the first
+        $SKIP bytes, so that its writes are aligned differently from its reads.
+query   Queries the SCGI server at $TOV_RUN_DIR/bench.sock with QUERY_STRING and
+        prints the size of the answer, including header lines.
+service The work of "get" in a FastCGI process that the web server starts once.
+empty   Does nothing, to show the cost of a process. Prints nothing.
 
-Before an answer stands "Content-Type: text/plain" and an empty line, both with
-CR LF.
+Each answer begins with the header "Content-Type: text/plain" and an empty line,
+both ending with CR LF.
 """
 
 import dataclasses
@@ -48,9 +46,9 @@ SERVER_VARIABLES = {
 
 @dataclasses.dataclass(frozen=True)
 class Program:
-    """How to start a program. In command and environment {built} stands for the
-    folder of the built programs, {bench} for the one that this file is in, and
-    {folder} for the one in which uploads are kept."""
+    """How to start a program. In `command` and `environment`, {built} is the
+    folder of the built programs, {bench} the folder of this file, and {folder}
+    the folder for uploads."""
 
     name: str
     workload: str
@@ -59,25 +57,25 @@ class Program:
     environment: dict = dataclasses.field(default_factory=dict)
     is_ours: bool = False
     is_floor: bool = False
-    # Whether the fields come in byte order of their names.
+    # Whether it hashes the fields in byte order of their names.
     sorts_fields: bool = False
     # Too slow for the full number of runs.
     is_slow: bool = False
-    # A command that succeeds if everything else the program needs is installed.
+    # A command that succeeds if the modules that a script needs are installed.
     probe: tuple = ()
 
     def argv(self, **folders):
         return [word.format(**folders) for word in self.command]
 
     def variables(self, **folders):
-        """What the program needs besides SERVER_VARIABLES and its request."""
+        """The variables it needs besides those of the request."""
         return {
             name: value.format(**folders)
             for name, value in self.environment.items()
         }
 
-    def is_there(self, **folders):
-        """Whether it was built, or what interprets it is installed."""
+    def is_available(self, **folders):
+        """Whether the program is built, or its interpreter is installed."""
         if shutil.which(self.argv(**folders)[0]) is None:
             return False
         if not self.probe:
@@ -111,14 +109,21 @@ def floor(name, workload, title):
     )
 
 
-def built_peer(name, workload, title, **environment):
+def built_peer(name, workload, title):
     return Program(
         f"{name}_{workload}",
         workload,
         title,
         ("{built}/" + f"{name}_{workload}",),
-        environment,
     )
+
+
+def cgicc(workload):
+    return built_peer("cgicc", workload, "libcgicc")
+
+
+def rude(workload):
+    return built_peer("rude", workload, "librudecgi")
 
 
 def go(workload):
@@ -157,7 +162,7 @@ def cgi_pm(workload):
 
 
 def python(workload):
-    # Suppresses the warning at each start that the module "cgi" is deprecated.
+    # The option suppresses the warning that the module "cgi" is deprecated.
     return script(
         "python",
         workload,
@@ -187,8 +192,8 @@ def php(workload):
         "php-cgi -n",
         ("/usr/bin/php-cgi", "-n", *options),
         {
-            # php-cgi runs the script named here, and refuses to without the
-            # status.
+            # php-cgi runs the script of this name, but only if REDIRECT_STATUS
+            # is set.
             "SCRIPT_FILENAME": "{bench}/peers/" + f"php_{workload}.php",
             "REDIRECT_STATUS": "200",
         },
@@ -233,13 +238,6 @@ PROGRAMS = (
     *(
         peer(workload)
         for workload in ("get", "form", "upload")
-        for peer in (
-            lambda workload: built_peer("cgicc", workload, "libcgicc"),
-            lambda workload: built_peer("rude", workload, "librudecgi"),
-            cgi_pm,
-            php,
-            python,
-            go,
-        )
+        for peer in (cgicc, rude, cgi_pm, php, python, go)
     ),
 )

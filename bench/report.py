@@ -1,4 +1,4 @@
-"""The tables of a run, and the same as JSON."""
+"""The results of a run as Markdown tables and as JSON."""
 
 import dataclasses
 import json
@@ -14,7 +14,7 @@ QUANTITIES = {
     "wall_ms": ("time, ms", 3),
     "requests_per_second": ("requests/s", 0),
     "gigabytes_per_second": ("GB/s", 2),
-    "cpu_ms": ("processor, ms", 3),
+    "cpu_ms": ("processor time, ms", 3),
     "minor_faults": ("page faults", 0),
     "peak_kb": ("peak memory, KB", 0),
 }
@@ -25,7 +25,8 @@ VERDICTS = {True: "met", False: "MISSED", None: "not measured"}
 
 
 def table(heading: Sequence[str], rows: Iterable[Sequence[str]], texts: int = 1) -> str:
-    """In Markdown. So many columns are texts, and those behind them numbers."""
+    """A Markdown table. The first `texts` columns contain text, the others
+    numbers, which are aligned right."""
     lines = [list(heading), *map(list, rows)]
     widths = [max(len(line[i]) for line in lines) for i in range(len(heading))]
     rule = [
@@ -83,7 +84,7 @@ def verdict_table(verdicts: Iterable[Verdict]) -> str:
         ]
         for verdict in verdicts
     ]
-    return table(["Target", "Of what", "limit", "value", ""], rows, texts=2)
+    return table(["Target", "Quantity", "Limit", "Value", "Result"], rows, texts=2)
 
 
 def facts_text(facts: Mapping[str, object]) -> str:
@@ -92,12 +93,13 @@ def facts_text(facts: Mapping[str, object]) -> str:
         f"{facts['processors']} x {facts['processor']}, Linux {facts['kernel']}, "
         f"{facts['compiler']}.",
         f"{packages}.",
-        f"Load {facts['load_at_begin']} at the beginning, {facts['load_at_end']} at the end.",
+        f"Load average {facts['load_at_begin']} at the beginning, "
+        f"{facts['load_at_end']} at the end.",
     ]
     if facts["quick"]:
         lines.append("A quick run: few rounds, small inputs.")
     if facts["absent"]:
-        lines.append(f"Not there: {', '.join(facts['absent'])}.")
+        lines.append(f"Not installed: {', '.join(facts['absent'])}.")
     return "\n".join(lines) + "\n"
 
 
@@ -106,12 +108,12 @@ def as_json(
     verdicts: Sequence[Verdict],
     facts: Mapping[str, object],
 ) -> str:
-    told = {
+    results = {
         **facts,
         "experiments": [dataclasses.asdict(experiment) for experiment in experiments],
         "targets": [dict(verdict_facts(verdict)) for verdict in verdicts],
     }
-    return json.dumps(told, indent=1) + "\n"
+    return json.dumps(results, indent=1) + "\n"
 
 
 def verdict_facts(verdict: Verdict) -> Iterator[tuple[str, object]]:

@@ -1,4 +1,4 @@
-"""Requests as a web server hands them to a CGI program."""
+"""Requests as a web server passes them to a CGI program."""
 
 import dataclasses
 import pathlib
@@ -10,9 +10,10 @@ BOUNDARY = "----------------------------1234567890abcdef"
 MULTIPART = f"multipart/form-data; boundary={BOUNDARY}"
 URLENCODED = "application/x-www-form-urlencoded"
 
+
 @dataclasses.dataclass(frozen=True)
 class Piece:
-    """The bytes of a file, so many times in a row."""
+    """The bytes of a file, repeated `count` times."""
 
     path: pathlib.Path
     count: int = 1
@@ -23,7 +24,7 @@ class Piece:
 
 @dataclasses.dataclass(frozen=True)
 class Request:
-    """Variables, and the body: a file, pieces fed through a pipe, or none."""
+    """The environment and the body: a file, pieces written to a pipe, or none."""
 
     variables: Mapping[str, str]
     file: pathlib.Path | None = None
@@ -37,7 +38,7 @@ def get(query: str, cookie: str) -> Request:
 
 
 def post(content_type: str, body: pathlib.Path | tuple[Piece, ...]) -> Request:
-    """A body that is a file, or comes in pieces through a pipe."""
+    """The body is a file, or pieces written to a pipe."""
     pieces = (Piece(body),) if isinstance(body, pathlib.Path) else body
     variables = {
         **SERVER_VARIABLES,
@@ -51,18 +52,14 @@ def post(content_type: str, body: pathlib.Path | tuple[Piece, ...]) -> Request:
     return Request(variables, pieces=pieces)
 
 
-def part_head(name: str, file_name: str | None = None, boundary: str = BOUNDARY) -> bytes:
-    """What stands before the bytes of a part of a multipart form."""
-    disposition = f'form-data; name="{name}"'
-    if file_name is None:
-        return f"--{boundary}\r\nContent-Disposition: {disposition}\r\n\r\n".encode()
-    return (
-        f"--{boundary}\r\n"
-        f'Content-Disposition: {disposition}; filename="{file_name}"\r\n'
-        "Content-Type: application/octet-stream\r\n\r\n"
-    ).encode()
+def part_head(name: str, file_name: str | None = None) -> bytes:
+    """The delimiter and headers before the content of a part."""
+    head = f'--{BOUNDARY}\r\nContent-Disposition: form-data; name="{name}"'
+    if file_name is not None:
+        head += f'; filename="{file_name}"\r\nContent-Type: application/octet-stream'
+    return f"{head}\r\n\r\n".encode()
 
 
-def form_end(boundary: str = BOUNDARY) -> bytes:
-    """What stands behind the bytes of the last part."""
-    return f"\r\n--{boundary}--\r\n".encode()
+def form_end() -> bytes:
+    """The delimiter after the content of the last part."""
+    return f"\r\n--{BOUNDARY}--\r\n".encode()

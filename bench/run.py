@@ -1,11 +1,10 @@
 #!/usr/bin/python3
-"""Measures how fast the library is, beside peers, as ratios within one run.
+"""Measures the speed of the library beside peers, as ratios within one run.
 
     run.py --build FOLDER [--quick] [--check | --record] [GROUP...]
 
-Writes tables, JSON and plots into the folder that the programs were built in.
-How a group of measurements is written: frame.py. What is to be reached:
-targets.py.
+Writes tables, JSON and plots to the build folder. frame.py describes how to
+write a group of measurements; targets.py lists the targets.
 """
 
 import argparse
@@ -32,8 +31,8 @@ def parse_arguments() -> argparse.Namespace:
     parser = argparse.ArgumentParser()
     parser.add_argument("--build", type=pathlib.Path, required=True)
     parser.add_argument("--quick", action="store_true", help="few runs, small inputs")
-    parser.add_argument("--check", action="store_true", help="check answers, time nothing")
-    parser.add_argument("--record", action="store_true", help="record what a start takes")
+    parser.add_argument("--check", action="store_true", help="check answers and counts only")
+    parser.add_argument("--record", action="store_true", help="record the counts of a start")
     parser.add_argument("groups", nargs="*", metavar="GROUP", help=", ".join(GROUPS))
     arguments = parser.parse_args()
     # --check has one more group, which compares a start with the record.
@@ -51,7 +50,7 @@ def run_groups(bench: Bench, names: list[str]) -> None:
         try:
             importlib.import_module(f"groups.{name}").run(bench)
         except Failed as failure:
-            bench.report_broken(f"{name}: {failure}")
+            bench.report_failure(f"{name}: {failure}")
         for experiment in bench.experiments[before:]:
             print(report.experiment_table(experiment), flush=True)
 
@@ -73,15 +72,16 @@ def write_results(
 
 
 def compare_start(bench: Bench, build: pathlib.Path) -> bool:
-    """Whether anything could be compared."""
+    """Compares a start with the record. Returns False if nothing could be
+    compared."""
     try:
         outcome = start.compare(build)
     except Failed as failure:
-        bench.report_broken(f"start: {failure}")
+        bench.report_failure(f"start: {failure}")
         return True
     print(*outcome.lines, sep="\n")
     if outcome.has_grown:
-        bench.report_broken("a start takes more than is recorded")
+        bench.report_failure("a start takes more page faults or instructions than recorded")
     return outcome.compared > 0
 
 
@@ -110,18 +110,18 @@ def main() -> int:
         )
         run_groups(bench, groups)
         has_compared = "start" in arguments.groups and compare_start(bench, build)
-    print(f"{bench.right} programs and inputs checked and right")
+    print(f"{bench.passed_checks} checks passed")
     if bench.absent:
-        print("Left out, because they are not there:", ", ".join(sorted(bench.absent)))
+        print("Left out because not installed:", ", ".join(sorted(bench.absent)))
     if not arguments.check:
-        facts.update(quick=arguments.quick, absent=sorted(bench.absent), broken=len(bench.broken))
+        facts.update(quick=arguments.quick, absent=sorted(bench.absent), broken=len(bench.failures))
         facts["load_at_end"] = machine.load()
         verdicts = list(judge(bench.experiments, groups))
         print(report.verdict_table(verdicts))
         write_results(arguments.build, bench.experiments, verdicts, facts)
-    if bench.broken:
+    if bench.failures:
         return 1
-    # Nothing has failed, but nothing has been compared either.
+    # Nothing failed, but nothing was compared either.
     return SKIPPED if arguments.groups == ["start"] and not has_compared else 0
 
 

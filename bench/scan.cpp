@@ -1,29 +1,29 @@
-// Measures how fast the end of a file is found in the body of a form, above all
-// in the worst case: a client chooses both the boundary and the data.
+// Measures the search for the end of a file in the body of a form, above all in
+// the worst case: a client chooses both the boundary and the data.
 //
 //   scan [--quick | --check]
 //
 // Runs the library's scan, the plain rule that it implements, and other search
 // functions on the same data in 64 KB chunks, as an upload is read. Prints a
-// JSON line for each boundary, data and chunk size in the results:
+// JSON line for each reported combination of boundary, data and chunk size:
 //
 //   {"kind": KIND, "boundary": B, "data": D, "chunk": N,
-//    "gbps": {WAY: [GB/s in each round], ...}, "ratio": R}
+//    "gbps": {FUNCTION: [GB/s in each round], ...}, "ratio": R}
 //
-// First compares the results of scan and rule on all data. With --check, stops
-// after that.
+// Before each measurement, checks that scan and rule agree. With --check, does
+// only this.
 //
-// The ratio is the scan's time divided by the plain rule's: the median over the
+// The ratio is the scan's time divided by the plain rule's, the median of the
 // rounds. The kinds:
 //
-//   usual         ordinary data, and data known to slow down some function
-//   slowest WAY   the slowest case of a function in a whole system of cases
-//   worst         the slowest cases of the scan compared with the rule in that
-//                 system, worst first
-//   worst-cr      the same for boundaries that contain a CR, for which the scan
-//                 follows the rule itself
-//   worst-chunks  the same for bodies in small chunks, each of which also costs
-//                 system calls that are not part of these times
+//   usual              ordinary data, and data known to slow a function down
+//   slowest FUNCTION   the slowest of all systematic cases for this function
+//   worst              the systematic cases with the largest ratios, in
+//                      descending order
+//   worst-cr           the same for boundaries that contain a CR, for which the
+//                      scan applies the plain rule itself
+//   worst-chunks       the same for small chunks. An upload in such chunks also
+//                      needs system calls, which are not part of these times.
 
 #include <string.h>
 #include <time.h>
@@ -51,21 +51,21 @@ namespace {
 constexpr std::size_t kChunk = 65536;
 
 /// A function that searches successive chunks for a separator.
-class Way {
+class Searcher {
  public:
-  Way() = default;
-  Way(const Way&) = delete;
-  Way& operator=(const Way&) = delete;
-  virtual ~Way() = default;
+  Searcher() = default;
+  Searcher(const Searcher&) = delete;
+  Searcher& operator=(const Searcher&) = delete;
+  virtual ~Searcher() = default;
 
-  /// Whether the separator ends in this chunk.
+  /// Returns whether the separator ends in this chunk.
   virtual bool IsIn(const char* begin, const char* end) = 0;
 
   /// Starts a new search.
   virtual void Restart() {}
 };
 
-class Scan : public Way {
+class Scan : public Searcher {
  public:
   explicit Scan(const std::string& separator) : scan_(separator) {}
 
@@ -79,9 +79,9 @@ class Scan : public Way {
   zan_cgi::SeparatorScan scan_;
 };
 
-/// The rule, byte by byte: a byte equal to the separator's next byte extends
-/// the match; a byte that breaks a match may only begin another one.
-class Rule : public Way {
+/// The plain rule, byte by byte: a byte equal to the separator's next byte
+/// extends the match. Any other byte ends the match, and may begin a new one.
+class Rule : public Searcher {
  public:
   explicit Rule(std::string separator) : separator_(std::move(separator)) {}
 
@@ -107,9 +107,9 @@ class Rule : public Way {
   std::size_t matched_ = 0;
 };
 
-/// The other functions search each chunk by itself. That is less than an upload
-/// needs and gives them an advantage.
-class Memmem : public Way {
+/// This and the following functions have an advantage: they search each chunk
+/// separately, while an upload must find separators across chunks.
+class Memmem : public Searcher {
  public:
   explicit Memmem(std::string separator) : separator_(std::move(separator)) {}
 
@@ -122,7 +122,7 @@ class Memmem : public Way {
   const std::string separator_;
 };
 
-class MemchrForCr : public Way {
+class MemchrForCr : public Searcher {
  public:
   explicit MemchrForCr(std::string separator)
       : separator_(std::move(separator)) {}
@@ -143,7 +143,7 @@ class MemchrForCr : public Way {
   const std::string separator_;
 };
 
-class Horspool : public Way {
+class Horspool : public Searcher {
  public:
   explicit Horspool(std::string separator)
       : separator_(std::move(separator)),
@@ -158,26 +158,27 @@ class Horspool : public Way {
   const std::boyer_moore_horspool_searcher<std::string::const_iterator> search_;
 };
 
-constexpr std::array<const char*, 5> kWays = {"scan", "plain", "memmem",
-                                              "memchr", "horspool"};
+constexpr std::array<const char*, 5> kSearcherNames = {
+    "scan", "plain", "memmem", "memchr", "horspool"};
 constexpr std::size_t kScan = 0;
 constexpr std::size_t kRule = 1;
 
-std::vector<std::unique_ptr<Way>> WaysFor(const std::string& separator) {
-  std::vector<std::unique_ptr<Way>> ways;
-  ways.push_back(std::make_unique<Scan>(separator));
-  ways.push_back(std::make_unique<Rule>(separator));
-  ways.push_back(std::make_unique<Memmem>(separator));
-  ways.push_back(std::make_unique<MemchrForCr>(separator));
-  ways.push_back(std::make_unique<Horspool>(separator));
-  return ways;
+std::vector<std::unique_ptr<Searcher>> MakeSearchers(
+    const std::string& separator) {
+  std::vector<std::unique_ptr<Searcher>> searchers;
+  searchers.push_back(std::make_unique<Scan>(separator));
+  searchers.push_back(std::make_unique<Rule>(separator));
+  searchers.push_back(std::make_unique<Memmem>(separator));
+  searchers.push_back(std::make_unique<MemchrForCr>(separator));
+  searchers.push_back(std::make_unique<Horspool>(separator));
+  return searchers;
 }
 
-std::string SeparatorOf(const std::string& boundary) {
+std::string SeparatorFor(const std::string& boundary) {
   return "\r\n--" + boundary;
 }
 
-/// Data that a client could send, in any size, with a name for the results.
+/// Data of any size that a client could send. The name is for the results.
 struct Data {
   std::string name;
   std::function<std::string(std::size_t size)> make;
@@ -204,7 +205,7 @@ Data Repeated(const std::string& unit) {
           }};
 }
 
-/// The pieces in pseudo-random order.
+/// Returns the pieces in pseudo-random order.
 Data Mixed(const std::string& name, const std::vector<std::string>& pieces) {
   return {name, [pieces](std::size_t size) {
             Random random;
@@ -235,7 +236,7 @@ std::vector<Data> OrdinaryData() {
   return {RandomBytes(), Text(), Repeated(std::string(1, '\0'))};
 }
 
-/// Data that slows down one or several of the functions.
+/// Returns data that slows down at least one of the functions.
 std::vector<Data> KnownHostileData(const std::string& separator) {
   const std::string longest = separator.substr(0, separator.size() - 1);
   return {Repeated("\r"),
@@ -290,21 +291,21 @@ std::string WithOneByteWrong(std::string text, std::size_t at) {
   return text;
 }
 
-/// Data that resembles the separator but does not contain it.
-std::vector<Data> LookAlikes(const std::string& separator, bool is_quick) {
+/// Returns data that resembles the separator.
+std::vector<Data> SimilarData(const std::string& separator, bool is_quick) {
   const std::vector<std::string> beginnings = BeginningsOf(separator);
   std::vector<Data> all;
   for (const std::string& beginning : beginnings) {
-    const bool is_telling = beginning.size() <= 8 ||
-                            beginning.size() % 16 == 0 ||
-                            beginning.size() + 1 == separator.size();
-    if (is_quick && !is_telling) continue;
+    const bool is_representative = beginning.size() <= 8 ||
+                                   beginning.size() % 16 == 0 ||
+                                   beginning.size() + 1 == separator.size();
+    if (is_quick && !is_representative) continue;
     all.push_back(Repeated(beginning));
     all.push_back(Repeated(beginning + "_"));
     all.push_back(Mixed(beginning + " and CR mixed", {beginning, "\r"}));
   }
-  // If the separator contains two CRs, the rule may miss one that begins in a
-  // match.
+  // If a separator contains two CRs, the rule may miss one that begins inside a
+  // partial match.
   all.push_back(
       Repeated(separator.substr(0, separator.rfind('\r')) + separator));
   all.push_back(Repeated(WithOneByteWrong(separator, separator.size() - 1)));
@@ -327,7 +328,7 @@ std::vector<Data> SystematicData(const std::string& separator, bool is_quick) {
   for (const std::string& word : WordsToRepeat(is_quick ? 3 : 4)) {
     all.push_back(Repeated(word));
   }
-  for (Data& data : LookAlikes(separator, is_quick)) {
+  for (Data& data : SimilarData(separator, is_quick)) {
     all.push_back(std::move(data));
   }
   std::set<std::string> names;
@@ -368,18 +369,18 @@ std::vector<std::string> SystematicBoundaries(bool is_quick) {
   return boundaries;
 }
 
-bool HoldsCr(const std::string& boundary) {
+bool ContainsCr(const std::string& boundary) {
   return boundary.find('\r') != std::string::npos;
 }
 
-/// Whether the separator is found in data split into chunks of this size.
-bool IsFound(Way& way, const std::string& data, std::size_t chunk) {
-  way.Restart();
+/// Returns whether the function finds the separator in chunks of this size.
+bool IsFound(Searcher& searcher, const std::string& data, std::size_t chunk) {
+  searcher.Restart();
   const char* const end = data.data() + data.size();
   for (const char* at = data.data(); at != end;) {
     const char* const next =
         at + std::min(chunk, static_cast<std::size_t>(end - at));
-    if (way.IsIn(at, next)) return true;
+    if (searcher.IsIn(at, next)) return true;
     at = next;
   }
   return false;
@@ -394,14 +395,16 @@ std::chrono::nanoseconds OwnTime() {
 }
 
 /// Returns nanoseconds per byte. The data must not contain the separator.
-double TimeOf(Way& way, const std::string& data, std::size_t chunk,
+double TimeOf(Searcher& searcher, const std::string& data, std::size_t chunk,
               std::chrono::nanoseconds at_least) {
   const std::chrono::nanoseconds start = OwnTime();
   std::chrono::nanoseconds time{};
   std::size_t passes = 0;
   for (std::size_t more = 1; time < at_least; more *= 2) {
     for (std::size_t i = 0; i < more; ++i) {
-      if (IsFound(way, data, chunk)) throw std::runtime_error("found");
+      if (IsFound(searcher, data, chunk)) {
+        throw std::runtime_error("the data contains the separator");
+      }
     }
     passes += more;
     time = OwnTime() - start;
@@ -420,7 +423,7 @@ struct Case {
   std::string boundary;
   Data data;
   std::size_t chunk = kChunk;
-  /// Nanoseconds per byte in each round, by function.
+  /// Nanoseconds per byte in each round, by index of the function.
   std::map<std::size_t, std::vector<double>> times;
   double ratio = 0;
 };
@@ -434,31 +437,31 @@ struct Effort {
 /// Measures the functions in turn, so that a disturbance affects all of them.
 void Measure(Case& one, const std::vector<std::size_t>& chosen,
              const Effort& effort) {
-  const std::vector<std::unique_ptr<Way>> ways =
-      WaysFor(SeparatorOf(one.boundary));
+  const std::vector<std::unique_ptr<Searcher>> searchers =
+      MakeSearchers(SeparatorFor(one.boundary));
   const std::string data = one.data.make(effort.bytes);
   std::vector<double> ratios;
   one.times.clear();
   for (std::size_t round = 0; round < effort.rounds; ++round) {
-    for (const std::size_t way : chosen) {
-      one.times[way].push_back(
-          TimeOf(*ways[way], data, one.chunk, effort.slice));
+    for (const std::size_t index : chosen) {
+      one.times[index].push_back(
+          TimeOf(*searchers[index], data, one.chunk, effort.slice));
     }
     ratios.push_back(one.times[kScan].back() / one.times[kRule].back());
   }
   one.ratio = MedianOf(ratios);
 }
 
-/// Whether a scan goes on to the end of the data. Throws unless scan and rule
+/// Returns whether the data contains no separator. Throws unless scan and rule
 /// agree.
-bool HoldsNoSeparator(const Case& one, std::size_t bytes) {
-  const std::string separator = SeparatorOf(one.boundary);
+bool ContainsNoSeparator(const Case& one, std::size_t bytes) {
+  const std::string separator = SeparatorFor(one.boundary);
   const std::string data = one.data.make(bytes);
   Scan scan(separator);
   Rule rule(separator);
   const bool is_found = IsFound(rule, data, one.chunk);
   if (IsFound(scan, data, one.chunk) != is_found) {
-    throw std::runtime_error("the scan does not find what the rule finds");
+    throw std::runtime_error("scan and rule disagree");
   }
   return !is_found;
 }
@@ -496,9 +499,9 @@ std::string SpeedsText(const std::vector<double>& times) {
 
 std::string AllSpeedsText(const Case& one) {
   std::string text;
-  for (const auto& [way, times] : one.times) {
+  for (const auto& [index, times] : one.times) {
     text += text.empty() ? "" : ", ";
-    text += Quoted(kWays.at(way)) + ": " + SpeedsText(times);
+    text += Quoted(kSearcherNames.at(index)) + ": " + SpeedsText(times);
   }
   return "{" + text + "}";
 }
@@ -513,10 +516,10 @@ void Print(const std::string& kind, const Case& one) {
   static_cast<void>(std::fflush(stdout));
 }
 
-const std::vector<std::size_t> kAllWays = {0, 1, 2, 3, 4};
+const std::vector<std::size_t> kAllSearchers = {0, 1, 2, 3, 4};
 const std::vector<std::size_t> kScanAndRule = {kScan, kRule};
 
-/// The limits of a run.
+/// How much is measured in a run.
 struct Budget {
   bool is_quick;
   Effort screening;
@@ -538,15 +541,15 @@ Budget BudgetFor(bool is_quick) {
           20};
 }
 
-/// Returns the cases without the separator, and checks that scan and rule
-/// agree.
+/// Returns the cases whose data does not contain the separator. Throws unless
+/// scan and rule agree on all cases.
 std::vector<Case> CasesOf(const std::string& boundary,
                           const std::vector<Data>& all, std::size_t chunk,
                           const Budget& budget) {
   std::vector<Case> cases;
   for (const Data& data : all) {
     Case one{boundary, data, chunk, {}, 0};
-    if (HoldsNoSeparator(one, budget.confirming.bytes)) {
+    if (ContainsNoSeparator(one, budget.confirming.bytes)) {
       cases.push_back(std::move(one));
     }
   }
@@ -554,26 +557,27 @@ std::vector<Case> CasesOf(const std::string& boundary,
 }
 
 void ShowUsualBoundary(const Budget& budget) {
-  const std::vector<Data> all = WellKnownData(SeparatorOf(kUsualBoundary));
+  const std::vector<Data> all = WellKnownData(SeparatorFor(kUsualBoundary));
   for (Case& one : CasesOf(kUsualBoundary, all, kChunk, budget)) {
-    Measure(one, kAllWays, budget.confirming);
+    Measure(one, kAllSearchers, budget.confirming);
     Print("usual", one);
   }
 }
 
-/// For separators that contain a CR, an exact search finds others than the
-/// rule.
-const std::vector<std::size_t>& WaysThatAgree(const std::string& boundary) {
-  return HoldsCr(boundary) ? kScanAndRule : kAllWays;
+/// Returns the functions to compare. For a boundary that contains a CR, an
+/// exact search has other results than the rule.
+const std::vector<std::size_t>& ComparableSearchers(
+    const std::string& boundary) {
+  return ContainsCr(boundary) ? kScanAndRule : kAllSearchers;
 }
 
 std::vector<Case> Screen(const Budget& budget) {
   std::vector<Case> screened;
   for (const std::string& boundary : SystematicBoundaries(budget.is_quick)) {
     const std::vector<Data> all =
-        SystematicData(SeparatorOf(boundary), budget.is_quick);
+        SystematicData(SeparatorFor(boundary), budget.is_quick);
     for (Case& one : CasesOf(boundary, all, kChunk, budget)) {
-      Measure(one, WaysThatAgree(boundary), budget.screening);
+      Measure(one, ComparableSearchers(boundary), budget.screening);
       screened.push_back(std::move(one));
     }
   }
@@ -587,7 +591,7 @@ std::vector<Case> ScreenSmallChunks(const Budget& budget) {
   for (const std::size_t chunk : kChunks) {
     for (const std::string& boundary :
          {std::string(kUsualBoundary), std::string("X"), LettersOf(70)}) {
-      const std::vector<Data> all = WellKnownData(SeparatorOf(boundary));
+      const std::vector<Data> all = WellKnownData(SeparatorFor(boundary));
       for (Case& one : CasesOf(boundary, all, chunk, budget)) {
         Measure(one, kScanAndRule, budget.screening);
         screened.push_back(std::move(one));
@@ -597,19 +601,19 @@ std::vector<Case> ScreenSmallChunks(const Budget& budget) {
   return screened;
 }
 
-void ShowSlowestOfEachWay(const std::vector<Case>& cases,
-                          const Budget& budget) {
-  for (const std::size_t way : kAllWays) {
-    const auto time = [way](const Case& one) {
-      const auto found = one.times.find(way);
+void ShowSlowestOfEachSearcher(const std::vector<Case>& cases,
+                               const Budget& budget) {
+  for (const std::size_t index : kAllSearchers) {
+    const auto time = [index](const Case& one) {
+      const auto found = one.times.find(index);
       return found == one.times.end() ? 0 : MedianOf(found->second);
     };
     Case slowest = *std::max_element(cases.begin(), cases.end(),
                                      [&](const Case& left, const Case& right) {
                                        return time(left) < time(right);
                                      });
-    Measure(slowest, WaysThatAgree(slowest.boundary), budget.confirming);
-    Print(std::string("slowest ") + kWays.at(way), slowest);
+    Measure(slowest, ComparableSearchers(slowest.boundary), budget.confirming);
+    Print(std::string("slowest ") + kSearcherNames.at(index), slowest);
   }
 }
 
@@ -620,7 +624,7 @@ void SortByRatio(std::vector<Case>& cases) {
             });
 }
 
-/// Measures the worst cases again for longer and prints them.
+/// Measures the worst cases again, for longer, and prints them.
 void ShowWorst(const std::string& kind, std::vector<Case> cases,
                const Budget& budget) {
   SortByRatio(cases);
@@ -630,11 +634,11 @@ void ShowWorst(const std::string& kind, std::vector<Case> cases,
   for (const Case& one : cases) Print(kind, one);
 }
 
-/// Throws unless scan and rule agree on everything.
+/// Throws unless scan and rule agree on all cases.
 void CheckAll(const Budget& budget) {
   for (const std::string& boundary : SystematicBoundaries(budget.is_quick)) {
     const std::vector<Data> all =
-        SystematicData(SeparatorOf(boundary), budget.is_quick);
+        SystematicData(SeparatorFor(boundary), budget.is_quick);
     for (const std::size_t chunk : {std::size_t{1}, std::size_t{100}, kChunk}) {
       static_cast<void>(CasesOf(boundary, all, chunk, budget));
     }
@@ -644,10 +648,10 @@ void CheckAll(const Budget& budget) {
 void RunAll(const Budget& budget) {
   ShowUsualBoundary(budget);
   std::vector<Case> cases = Screen(budget);
-  ShowSlowestOfEachWay(cases, budget);
+  ShowSlowestOfEachSearcher(cases, budget);
   const auto with_cr =
       std::partition(cases.begin(), cases.end(),
-                     [](const Case& one) { return !HoldsCr(one.boundary); });
+                     [](const Case& one) { return !ContainsCr(one.boundary); });
   ShowWorst("worst", {cases.begin(), with_cr}, budget);
   ShowWorst("worst-cr", {with_cr, cases.end()}, budget);
   ShowWorst("worst-chunks", ScreenSmallChunks(budget), budget);

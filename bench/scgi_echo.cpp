@@ -2,9 +2,9 @@
 //
 //   scgi_echo SOCKET
 //
-// Serves one connection after another on the Unix socket, with as few system
-// calls as possible. Prints a line when it listens, and ends at the end of its
-// standard input, so that it does not outlive the process that started it.
+// Serves one connection after another on the Unix socket, with few system
+// calls. Prints a line as soon as it listens. Exits at the end of its standard
+// input, so that it does not outlive the process that started it.
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -45,8 +45,8 @@ Descriptor Listen(std::string_view path) {
   return listener;
 }
 
-/// Returns the variables of a request: the content of the netstring. Empty
-/// unless the request is complete.
+/// Returns the variables of a request, the content of its netstring; empty
+/// until the request is complete.
 std::string_view Variables(std::string_view received) {
   const std::size_t colon = received.find(':');
   if (colon == std::string_view::npos) return {};
@@ -61,19 +61,21 @@ std::string ReadVariables(const Descriptor& connection) {
   while (Variables(received).empty()) {
     const ssize_t count =
         ::recv(connection.Number(), piece.data(), piece.size(), 0);
-    if (count <= 0) throw std::runtime_error("a request is cut");
+    if (count <= 0) throw std::runtime_error("a request is incomplete");
     received.append(piece.data(), static_cast<std::size_t>(count));
   }
   return std::string(Variables(received));
 }
 
 /// Returns N from "func=N" at the beginning of the query.
-std::size_t WantedSize(const std::string& variables) {
-  constexpr char kBefore[] = "\0QUERY_STRING\0func=";
-  constexpr std::size_t kSize = sizeof(kBefore) - 1;
-  const std::size_t found = variables.find(kBefore, 0, kSize);
-  if (found == std::string::npos) throw std::runtime_error("no \"func\"");
-  return std::stoul(variables.substr(found + kSize));
+std::size_t RequestedSize(const std::string& variables) {
+  constexpr char kPrefix[] = "\0QUERY_STRING\0func=";
+  constexpr std::size_t kPrefixSize = sizeof(kPrefix) - 1;
+  const std::size_t found = variables.find(kPrefix, 0, kPrefixSize);
+  if (found == std::string::npos) {
+    throw std::runtime_error("the query does not begin with \"func\"");
+  }
+  return std::stoul(variables.substr(found + kPrefixSize));
 }
 
 std::string MakeDocument(std::size_t size) {
@@ -81,7 +83,7 @@ std::string MakeDocument(std::size_t size) {
   constexpr std::string_view kEnd = "</doc>\n";
   constexpr std::string_view kRow = "<row name=\"value\"/>\n";
   if (size < kBegin.size() + kEnd.size()) {
-    throw std::runtime_error("no document is as short");
+    throw std::runtime_error("a document cannot be that short");
   }
   std::string document(kBegin);
   while (document.size() < size) document += kRow;
@@ -89,7 +91,7 @@ std::string MakeDocument(std::size_t size) {
   return document.append(kEnd);
 }
 
-/// Returns the document of this size, which is made only once.
+/// Returns the document of this size, made at the first request for it.
 const std::string& Document(std::size_t size) {
   static std::map<std::size_t, std::string> documents;
   std::string& document = documents[size];
@@ -107,14 +109,13 @@ void Send(const Descriptor& connection, std::string_view text) {
 }
 
 void Serve(const Descriptor& connection) try {
-  Send(connection, Document(WantedSize(ReadVariables(connection))));
+  Send(connection, Document(RequestedSize(ReadVariables(connection))));
 } catch (const std::exception& error) {
   static_cast<void>(std::fprintf(stderr, "scgi_echo: %s\n", error.what()));
 }
 
-/// Waits for a connection or the end of standard input. Returns whether a
-/// connection came first.
-bool HasConnection(const Descriptor& listener) {
+/// Waits for a connection. Returns false at the end of standard input.
+bool WaitForConnection(const Descriptor& listener) {
   std::array<pollfd, 2> events = {
       {{STDIN_FILENO, POLLIN, 0}, {listener.Number(), POLLIN, 0}}};
   if (::poll(events.data(), events.size(), -1) < 0) ThrowErrno("cannot wait");
@@ -124,7 +125,7 @@ bool HasConnection(const Descriptor& listener) {
 void ServeAll(const Descriptor& listener) {
   std::puts("listening");
   static_cast<void>(std::fflush(stdout));
-  while (HasConnection(listener)) {
+  while (WaitForConnection(listener)) {
     Serve(Descriptor(
         ::accept4(listener.Number(), nullptr, nullptr, SOCK_CLOEXEC)));
   }

@@ -1,4 +1,4 @@
-"""Has programs run by bench_measure, and brings back what each run took."""
+"""Runs programs with bench_measure and returns the measurements of each run."""
 
 import dataclasses
 import json
@@ -12,25 +12,26 @@ from request import Request
 
 
 class Failed(Exception):
-    """A program has failed, stored something wrong, or not ended in time."""
+    """A program failed, gave a wrong result or exceeded its time limit."""
 
 
 @dataclasses.dataclass(frozen=True)
 class Start:
-    """One way to run a program, under a name of its own within a plan."""
+    """How to run a program. Its name must be unique in a plan."""
 
     name: str
     command: Sequence[str]
     request: Request
     every: int = 1
     output: pathlib.Path | None = None
-    # Files that a run leaves, and their sizes. They are removed.
+    # The files that a run stores, and their sizes. Removed after each run.
     stored: Mapping[pathlib.Path, int] = dataclasses.field(default_factory=dict)
 
 
 @dataclasses.dataclass(frozen=True)
 class Outcome:
-    """The runs of each program, and the least peak that can be told."""
+    """The measurements of each program's runs, and the smallest peak memory
+    that can be measured."""
 
     runs: dict[str, list[dict[str, float]]]
     least_peak_kb: int
@@ -43,8 +44,8 @@ class Spawner:
         prefix: Sequence[str] = (),
         folder: pathlib.Path | None = None,
     ) -> None:
-        # The command and the folder in which it starts.
         self.command = [*prefix, str(program)]
+        # The current directory of all programs.
         self.folder = folder
 
     def run(self, starts: Sequence[Start], rounds: int, seconds: float) -> Outcome:
@@ -65,7 +66,7 @@ class Spawner:
                 os.killpg(process.pid, signal.SIGKILL)
                 if isinstance(error, subprocess.TimeoutExpired):
                     names = ", ".join(start.name for start in starts)
-                    raise Failed(f"{names}: not ended within {seconds} s") from error
+                    raise Failed(f"{names}: still running after {seconds} s") from error
                 raise
         if process.returncode != 0:
             raise Failed(errors.strip())
@@ -76,11 +77,11 @@ def outcome(lines: Iterable[str]) -> Outcome:
     runs: dict[str, list[dict[str, float]]] = {}
     least_peak_kb = 0
     for line in lines:
-        told = json.loads(line)
-        if "program" in told:
-            runs.setdefault(told.pop("program"), []).append(told)
+        measured = json.loads(line)
+        if "program" in measured:
+            runs.setdefault(measured.pop("program"), []).append(measured)
         else:
-            least_peak_kb = told["least_peak_kb"]
+            least_peak_kb = measured["least_peak_kb"]
     return Outcome(runs, least_peak_kb)
 
 
@@ -89,7 +90,7 @@ def plan(starts: Sequence[Start], rounds: int) -> str:
     for start in starts:
         lines.extend(plan_lines(start))
     if any("\n" in line for line in lines):
-        raise ValueError("a line of the plan would be two")
+        raise ValueError("a value of the plan contains a line end")
     return "\n".join(lines) + "\n"
 
 

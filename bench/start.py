@@ -1,9 +1,8 @@
-"""What a start takes, however busy the machine is: page faults and instructions,
-compared with a record in the repository.
+"""Compares the page faults and instructions of a start with recorded counts.
 
-Both also depend on the tools that made the programs and on the system that runs
-them. When these differ from the record's, nothing is compared, and a line says
-so.
+The counts do not depend on the load of the machine, but on the tools that built
+the programs and on the system that runs them. If these differ from those of the
+record, nothing is compared and the reason is printed.
 """
 
 import dataclasses
@@ -27,7 +26,7 @@ LIBRARIES = {"libzancgi.so": "src/zancgi", "libtov.so": "src/tov"}
 # The allowed growth over the record, in percent.
 TOLERANCE = 1
 ROUNDS = 50
-# Without fixed addresses, the layout of memory and so the page faults vary.
+# Random addresses would change the number of page faults.
 FIXED_ADDRESSES = ("setarch", "--addr-no-randomize")
 VALGRIND = ("valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null")
 
@@ -35,7 +34,7 @@ Counts = dict[str, int]
 
 
 class Missing(Exception):
-    """What is needed for counting is not there."""
+    """Something that is necessary for counting is missing."""
 
 
 @dataclasses.dataclass(frozen=True)
@@ -54,11 +53,11 @@ class Outcome:
 
 
 def prepare(build: pathlib.Path, folder: pathlib.Path) -> None:
-    """Copies the programs, and beside them the libraries that they need."""
-    for name in PROGRAMS:
+    """Copies the programs and the libraries that they load to one folder."""
+    for name in (*PROGRAMS, "bench_measure"):
         shutil.copy(build / "bench" / name, folder)
-    for name, place in LIBRARIES.items():
-        library = (build / place / name).resolve()
+    for name, source in LIBRARIES.items():
+        library = (build / source / name).resolve()
         shutil.copy(library, folder / library.name)
 
 
@@ -68,7 +67,7 @@ def start_of(name: str) -> Start:
 
 def page_faults(folder: pathlib.Path) -> Counts:
     if subprocess.run([*FIXED_ADDRESSES, "true"], capture_output=True, check=False).returncode:
-        raise Missing("addresses cannot be fixed here (setarch --addr-no-randomize)")
+        raise Missing("addresses cannot be fixed (setarch --addr-no-randomize fails)")
     spawner = Spawner(folder / "bench_measure", FIXED_ADDRESSES, folder)
     runs = spawner.run([start_of(name) for name in PROGRAMS], ROUNDS, 60).runs
     # Some runs have more page faults if memory is short.
@@ -130,11 +129,10 @@ QUANTITIES = (
 
 
 def counts_of(build: pathlib.Path) -> Iterator[tuple[Quantity, Counts | Missing]]:
-    # The path must have the same length on every machine.
+    # The length of the path changes the counts: it is the same on all machines.
     with tempfile.TemporaryDirectory(prefix="zancgi-start-", dir="/tmp") as name:
         folder = pathlib.Path(name)
         prepare(build, folder)
-        shutil.copy(build / "bench" / "bench_measure", folder)
         for quantity in QUANTITIES:
             try:
                 yield quantity, quantity.count(folder)
@@ -143,12 +141,12 @@ def counts_of(build: pathlib.Path) -> Iterator[tuple[Quantity, Counts | Missing]
 
 
 def record(build: pathlib.Path) -> None:
-    told = {}
+    recorded = {}
     for quantity, counts in counts_of(build):
         if isinstance(counts, Missing):
             raise Failed(f"{quantity.name} cannot be recorded: {counts}")
-        told[quantity.name] = {"made with": quantity.made_with(build), "counts": counts}
-    RECORD.write_text(json.dumps(told, indent=1) + "\n")
+        recorded[quantity.name] = {"made with": quantity.made_with(build), "counts": counts}
+    RECORD.write_text(json.dumps(recorded, indent=1) + "\n")
 
 
 def compare(build: pathlib.Path, recorded: Mapping | None = None) -> Outcome:
@@ -162,7 +160,7 @@ def compare(build: pathlib.Path, recorded: Mapping | None = None) -> Outcome:
         outcome.compared += 1
         add_differences(quantity.name, counts, recorded[quantity.name]["counts"], outcome)
     if outcome.has_grown:
-        outcome.lines.append("If that is wanted, record it: scripts/bench --record")
+        outcome.lines.append("If the growth is intended, record it: scripts/bench --record")
     return outcome
 
 
@@ -171,25 +169,25 @@ def reason_not_to_compare(
 ) -> str:
     if isinstance(counts, Missing):
         return str(counts)
-    before, now = recorded[quantity.name]["made with"], quantity.made_with(build)
+    before = recorded[quantity.name]["made with"]
     return "; ".join(
-        f"recorded with {name} {before.get(name)!r}, here {now[name]!r}"
-        for name in now
-        if before.get(name) != now[name]
+        f"recorded with {name} {before.get(name)!r}, here {value!r}"
+        for name, value in quantity.made_with(build).items()
+        if before.get(name) != value
     )
 
 
 def add_differences(name: str, counts: Counts, before: Counts, outcome: Outcome) -> None:
     for program, count in counts.items():
         recorded = before[program]
-        # In integers, so that the limit itself is exact.
+        # Integers make the comparison with the limit exact.
         more = 100 * (count - recorded)
         verdict = "as recorded"
         if more > TOLERANCE * recorded:
             verdict = f"GROWN by {more / recorded:.1f} %, {TOLERANCE} % is allowed"
             outcome.has_grown = True
         elif more < -TOLERANCE * recorded:
-            verdict = f"{-more / recorded:.1f} % less: scripts/bench --record keeps that"
+            verdict = f"{-more / recorded:.1f} % less: record it with scripts/bench --record"
         outcome.lines.append(
             f"{name} of a start, {program}: {count}, {recorded} recorded: {verdict}"
         )

@@ -1,4 +1,4 @@
-"""What many runs come to."""
+"""Medians and quartiles of many runs."""
 
 import dataclasses
 import statistics
@@ -28,9 +28,9 @@ Summaries = dict[str, Summary]
 
 
 def summarize(runs: Iterable[dict[str, float]]) -> Summaries:
-    """Of runs that all tell the same quantities."""
+    """Summarizes runs that all measured the same quantities."""
     values: dict[str, list[float]] = {}
     for run in runs:
         for quantity, value in run.items():
             values.setdefault(quantity, []).append(value)
-    return {quantity: Summary.of(of_all) for quantity, of_all in values.items()}
+    return {quantity: Summary.of(measured) for quantity, measured in values.items()}

@@ -1,4 +1,5 @@
-"""What we want to reach, each as a relation of two things measured in one run."""
+"""The targets: limits for medians, most of them relative to another median of
+the same run."""
 
 import dataclasses
 import fnmatch
@@ -9,10 +10,9 @@ from frame import Experiment
 
 @dataclasses.dataclass(frozen=True)
 class Target:
-    """The median of a quantity of one program: as it is; with `against`,
-    divided by that of another program in the same experiment; with `since`,
-    less that of the same program in another experiment; with `over`, divided
-    by that."""
+    """A limit for the median of a quantity of a program. `against` divides it by
+    the median of that program in the same experiment. `over` divides it by the
+    median of the same program in that experiment; `since` subtracts that."""
 
     title: str
     experiments: str  # a pattern: "upload/*"
@@ -91,7 +91,13 @@ TARGETS = (
         for kind in ("multipart", "urlencoded")
     ),
     *(
-        Target("Forms, exact", f"forms/{kind}-{form}", "exact_form_shared", limit, against="cgicc_form")
+        Target(
+            "Forms, exact",
+            f"forms/{kind}-{form}",
+            "exact_form_shared",
+            limit,
+            against="cgicc_form",
+        )
         for kind in ("multipart", "urlencoded")
         for form, limit in (("10000", 0.70), ("100000", 0.70), ("large", 0.30))
     ),
@@ -101,7 +107,7 @@ TARGETS = (
 
 @dataclasses.dataclass(frozen=True)
 class Verdict:
-    """What became of a target in one experiment; None: not measured."""
+    """The value of a target in one experiment; None if it was not measured."""
 
     target: Target
     experiment: str
@@ -126,7 +132,7 @@ class Verdict:
 
 
 class Medians:
-    """Of a whole run."""
+    """The medians of a whole run."""
 
     def __init__(self, experiments: Sequence[Experiment]) -> None:
         self.experiments = {experiment.name: experiment for experiment in experiments}
@@ -152,7 +158,8 @@ class Medians:
 
 
 def judge(experiments: Sequence[Experiment], groups: Collection[str]) -> Iterator[Verdict]:
-    """Each target of these groups in each experiment that it is about."""
+    """Yields a verdict on each target of these groups for each experiment that
+    matches it."""
     medians = Medians(experiments)
     for target in TARGETS:
         if target.experiments.partition("/")[0] not in groups:

@@ -1,8 +1,8 @@
-// Stores standard input in the file $STORE with a plain loop of read and write,
-// and prints its size.
+// Stores standard input in the file $STORE with a plain read and write loop,
+// and prints the size of the file.
 //
-//   copy          all of it
-//   copy shifted  all but the first $SKIP bytes
+//   copy          stores all of it
+//   copy shifted  stores all but the first $SKIP bytes
 
 #include <fcntl.h>
 #include <stdio.h>

@@ -1,3 +1,3 @@
-// The floor of a program.
+// The least that a C program costs.
 
 int main(void) { return 0; }

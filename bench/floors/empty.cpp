@@ -1,3 +1,3 @@
-// The floor of a C++ program, which still loads the C++ library.
+// The least that a C++ program costs, which loads the C++ library.
 
 int main() { return 0; }

@@ -1,4 +1,4 @@
-// The floor of a shared library: the cost of loading one.
+// The least that loading a shared library costs.
 
 int bench_nothing(void);
 int bench_nothing(void) { return 0; }

@@ -1,5 +1,4 @@
-// The exchange of fronts/query.cpp without a library: a bare loop over a
-// socket.
+// fronts/query.cpp without a library: the same exchange with bare system calls.
 
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -32,7 +31,7 @@ int Connect(const std::string& path) {
   return connection;
 }
 
-/// One SCGI request: its variables as a netstring.
+/// Returns an SCGI request: its variables as a netstring.
 std::string Request(const std::string& query) {
   using std::string_view_literals::operator""sv;
   std::string variables("CONTENT_LENGTH\0000\0SCGI\0001\0"sv);

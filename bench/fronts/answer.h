@@ -1,5 +1,5 @@
-// The answer of a measured front end. It is collected and written with one
-// call, without the standard streams.
+// The answer of a measured front end, written with one system call and without
+// the standard streams.
 #ifndef BENCH_FRONTS_ANSWER_H
 #define BENCH_FRONTS_ANSWER_H
 

@@ -16,7 +16,7 @@ int main(int /*argc*/, char** argv) try {
   if (store == nullptr) return 1;
   const std::string target = store;
   zan_cgi::Cgi cgi(argv[0], "bench");
-  // On the same file system, so that the file can be renamed.
+  // On the file system of the target, so that the upload can be renamed.
   cgi.SetTmpDir(target.substr(0, target.rfind('/')));
   zan_cgi::Form::Limits limits;
   limits.body = std::int64_t{1} << 40;

@@ -1,4 +1,5 @@
-// Forwards its query string to the back end and prints the answer's size.
+// Sends its query string to the back end and answers with the size of the
+// reply.
 
 #include <zancgi/zancgi.h>
 

@@ -1,4 +1,4 @@
-// Keeps the file of a POST as $STORE and answers with its size.
+// Stores the file of a POST as $STORE and answers with its size.
 
 #include <zancgi/zancgi.h>
 
@@ -14,7 +14,7 @@ int main(int /*argc*/, char** argv) try {
   if (store == nullptr) return 1;
   const std::string target = store;
   zan_cgi::Cgi cgi(argv[0], "bench");
-  // On the same file system, so that the file can be renamed.
+  // On the file system of the target, so that the upload can be renamed.
   cgi.SetTmpDir(target.substr(0, target.rfind('/')));
   const std::string upload = cgi.File(cgi.Param("u"));
   if (std::rename(upload.c_str(), store) != 0) return 1;

@@ -1,4 +1,4 @@
-"""What it costs to ask a back end over a Unix socket, start-up included."""
+"""The time of a program that queries a back end over a Unix socket."""
 
 import contextlib
 import dataclasses
@@ -24,17 +24,18 @@ def run(bench: Bench) -> None:
 
 @contextlib.contextmanager
 def back_end(bench: Bench, folder: pathlib.Path) -> Iterator[None]:
-    """It ends when its standard input does, however this process may end."""
+    """Runs a back end, which ends at the end of its standard input: even if this
+    process is killed."""
     with subprocess.Popen(
         [bench.built / "scgi_echo", folder / "bench.sock"],
         stdin=subprocess.PIPE,
         stdout=subprocess.PIPE,
-        # A session of its own, so that Ctrl-C does not end it before its
+        # In a session of its own, because Ctrl-C would end it before its
         # clients.
         start_new_session=True,
     ) as process:
         if not process.stdout.readline():
-            raise Failed("the back end does not start")
+            raise Failed("the back end did not start")
         yield
 
 

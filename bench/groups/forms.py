@@ -11,7 +11,7 @@ from request import MULTIPART, URLENCODED, Request, form_end, part_head, post
 
 REFERENCES = ("cgicc_form", "rude_form")
 
-# Its time grows with the square of the number of fields.
+# The time of this program grows with the square of the number of fields.
 QUADRATIC = "rude_form"
 
 # No line ends: libraries treat them differently.
@@ -27,7 +27,7 @@ class Form:
     title: str
     values: Sequence[str]
     rounds: int
-    # A slow program runs only once in this number of rounds.
+    # Slow programs run once in this number of rounds.
     slow_every: int
 
 
@@ -48,36 +48,36 @@ def run(bench: Bench) -> None:
 
 
 def forms(quick: bool) -> Iterator[Form]:
-    small = uncut(f"value {i} & more" for i in range(100_000))
-    large = uncut(large_values())
+    small = with_whole_line_ends(f"value {i} & more" for i in range(100_000))
+    large = with_whole_line_ends(large_values())
     yield Form("10000", "10,000 small fields", small[:10_000], 11 if quick else 41, 10)
     yield Form("100000", "100,000 small fields", small, 3 if quick else 21, 10)
     yield Form("large", "40 fields of 250 kB", large, 3 if quick else 21, 10)
 
 
 def large_values() -> Iterator[str]:
-    chance = random.Random(1)
+    generator = random.Random(1)
     for _ in range(40):
-        yield "".join(chance.choices(CHARACTERS, k=250_000))
+        yield "".join(generator.choices(CHARACTERS, k=250_000))
 
 
-def uncut(values: Iterator[str]) -> list[str]:
-    """The same, some a little longer, so that in a multipart form no read ends
-    between CR and LF. Our library then takes the line for unfinished, which is
+def with_whole_line_ends(values: Iterator[str]) -> list[str]:
+    """Lengthens some values, so that no read of the multipart form ends between
+    CR and LF. The parser of `Cgi` then treats the line as unfinished, which is
     kept for compatibility."""
     position = len(part_head("f0"))
     longer = []
     for value in values:
         next_head = part_head(f"f{len(longer) + 1}").decode()
-        while cuts_line_end(position, f"{value}\r\n{next_head}"):
+        while splits_line_end(position, f"{value}\r\n{next_head}"):
             value += "."
         position += len(f"{value}\r\n{next_head}")
         longer.append(value)
     return longer
 
 
-def cuts_line_end(position: int, text: str) -> bool:
-    """Whether a read ends there, if the text is at this position of a file."""
+def splits_line_end(position: int, text: str) -> bool:
+    """Whether a read ends after a CR of a text at this offset of a file."""
     last = CHUNK - 1 - position % CHUNK
     return any(text[i] == "\r" for i in range(last, len(text), CHUNK))
 
@@ -94,7 +94,7 @@ def urlencoded(values: Sequence[str]) -> bytes:
 @dataclasses.dataclass(frozen=True)
 class Answers:
     as_sent: bytes
-    # Our parser keeps the fields in byte order of their names: f10 before f2.
+    # `Cgi` sorts the fields by the bytes of their names: f10 before f2.
     by_name: bytes
 
 
@@ -104,13 +104,13 @@ def answers_to(values: Sequence[str]) -> Answers:
 
 
 def form_answer(values: Sequence[str]) -> bytes:
-    together = "".join(values).encode()
-    return f"{len(values)} {len(together)} {fnv1a(together):016x}\n".encode()
+    concatenated = "".join(values).encode()
+    return f"{len(values)} {len(concatenated)} {fnv1a(concatenated):016x}\n".encode()
 
 
 def cases(bench: Bench, request: Request, answers: Answers, slow_every: int) -> list[Case]:
-    """Timed without the hash of the values, which may take longer than all
-    else, and checked with it."""
+    """The check includes the hash of the values. The timed runs omit it, because
+    it may take longer than the rest of the request."""
     without_hash = dataclasses.replace(request, variables={**request.variables, "HASH": "no"})
     return [
         Case(

@@ -1,4 +1,4 @@
-"""What an upload takes of memory, and whether that grows with the upload."""
+"""The peak memory of an upload, and whether it grows with the size."""
 
 import dataclasses
 import pathlib
@@ -7,8 +7,7 @@ import tempfile
 from frame import Bench, Experiment
 from groups.upload import Uploads
 
-# So small that it differs from a larger upload only in what grows with the
-# size.
+# The size in megabytes with which the large upload is compared.
 SMALL = 1
 
 
@@ -20,7 +19,7 @@ def run(bench: Bench) -> None:
 
 
 def compare(bench: Bench, uploads: Uploads, size: str, megabytes: int, rounds: int) -> None:
-    """On a disk: not every machine has the memory for so much."""
+    """Stores the uploads on a disk, because the large one may not fit in memory."""
     store = bench.disk / "upload"
     cases = []
     for program in bench.programs_of("upload"):

@@ -1,6 +1,6 @@
-"""How many small requests are answered by a web server that starts a program for
-each, or passes them to FastCGI processes that stay. Interpreters are left out: their
-start-up is all there would be to see."""
+"""Small requests per second through a web server that starts a program for each, or
+passes them to FastCGI processes that stay. Interpreters are left out, because most of
+the time would be their start-up."""
 
 import contextlib
 import http.client
@@ -41,9 +41,9 @@ def run(bench: Bench) -> None:
         commands = {url_path(program): program_file(bench, program) for program in services}
         with web_server(pathlib.Path(folder), documents, commands) as port:
             programs += services
-            right = [program for program in programs if is_right(bench, program, port)]
+            passed = [program for program in programs if check(bench, program, port)]
             if not bench.only_checks:
-                compare(bench, right, port)
+                compare(bench, passed, port)
 
 
 def program_file(bench: Bench, program: Program) -> str:
@@ -73,14 +73,14 @@ def web_server(
         fastcgi.server = ( {fastcgi} )
         """
     )
-    # The signal ends it when this process ends for any reason.
+    # The kernel ends the server when this process ends, even if it is killed.
     command = ["setpriv", "--pdeathsig", "TERM", "lighttpd", "-D", "-f", configuration]
     with subprocess.Popen(command, start_new_session=True) as process:
         try:
             wait_until_it_listens(process, port)
             yield port
         finally:
-            # The server and the processes that it started.
+            # Ends the server and the processes that it started.
             os.killpg(process.pid, signal.SIGTERM)
 
 
@@ -98,7 +98,7 @@ def wait_until_it_listens(process: subprocess.Popen, port: int) -> None:
         if process.poll() is not None:
             break
         time.sleep(0.01)
-    raise Failed("lighttpd does not start")
+    raise Failed("lighttpd did not start")
 
 
 def url_path(program: Program) -> str:
@@ -113,21 +113,22 @@ def cookie() -> str:
     return REQUEST.variables["HTTP_COOKIE"]
 
 
-def is_right(bench: Bench, program: Program, port: int) -> bool:
+def check(bench: Bench, program: Program, port: int) -> bool:
+    """Like Bench.check(), through the web server."""
     connection = http.client.HTTPConnection(HOST, port, timeout=60)
     with contextlib.closing(connection):
         connection.request("GET", url(program), headers={"Cookie": cookie()})
         response = connection.getresponse()
         body = response.read()
     if (response.status, body) == (200, ANSWER):
-        bench.right += 1
+        bench.passed_checks += 1
         return True
-    bench.report_broken(f"{program.name} behind lighttpd: {response.status}, {body[:200]!r}")
+    bench.report_failure(f"{program.name} through lighttpd: {response.status}, {body[:200]!r}")
     return False
 
 
 def compare(bench: Bench, programs: list[Program], port: int) -> None:
-    """In turn, in short slices, so that what disturbs one disturbs all."""
+    """Measures in turn for a second each, so that a disturbance affects all."""
     rounds = 3 if bench.quick else 15
     runs: dict[str, list[dict[str, float]]] = {program.name: [] for program in programs}
     for number in range(rounds):
@@ -138,7 +139,7 @@ def compare(bench: Bench, programs: list[Program], port: int) -> None:
         Experiment(
             "requests/get",
             f"GET through lighttpd, {CONNECTIONS} at a time",
-            {name: summarize(told) for name, told in runs.items()},
+            {name: summarize(measured) for name, measured in runs.items()},
             references=("cgicc_get",),
             quantity="requests_per_second",
         )
@@ -163,5 +164,5 @@ def slice_of(program: Program, port: int) -> dict[str, float]:
     found = re.search(r"^Requests/sec: +([0-9.]+)$", done.stdout, re.M)
     # The output mentions errors only if there are some.
     if found is None or "errors" in done.stdout or "Non-2xx" in done.stdout:
-        raise Failed(f"{program.name} behind lighttpd: {done.stdout}{done.stderr}")
+        raise Failed(f"{program.name} through lighttpd: {done.stdout}{done.stderr}")
     return {"requests_per_second": float(found.group(1))}

@@ -1,6 +1,6 @@
-"""How fast the end of a file is found in a body, beside other ways of searching,
-and where a client can make it slow. All that was measured is kept in scan.jsonl
-in the build folder; what is told of each kind is the worst."""
+"""The speed of the search for the end of a file in a body, beside other search
+functions, also on data with which a client could slow it down. The tables show
+the worst case of each kind; scan.jsonl in the build folder contains all cases."""
 
 import json
 import re
@@ -10,8 +10,8 @@ from frame import Bench, Experiment
 from spawner import Failed
 from summary import Summary
 
-# Experiment names in tables for the kinds of cases in scan.cpp's output. Those
-# of the group "scan" are compared with the target.
+# Names of experiments by the kind that scan.cpp prints. The target applies to
+# "scan/..." only.
 WORST = {
     "worst": "scan/worst",
     "worst-cr": "scan-with-cr/worst",
@@ -44,7 +44,7 @@ def run_scan(bench: Bench) -> str:
     done = subprocess.run(command, capture_output=True, text=True, check=False)
     if done.returncode != 0:
         raise Failed(done.stderr.strip())
-    bench.right += 1
+    bench.passed_checks += 1
     return done.stdout
 
 
@@ -57,7 +57,8 @@ def experiment_name(case: dict) -> str:
 
 def experiment(name: str, case: dict) -> Experiment:
     summaries = {
-        way: {"gigabytes_per_second": Summary.of(speeds)} for way, speeds in case["gbps"].items()
+        function: {"gigabytes_per_second": Summary.of(speeds)}
+        for function, speeds in case["gbps"].items()
     }
     title = f"{visible(case['data'])}; boundary {visible(case['boundary'])}"
     if case["chunk"] != 65536:
@@ -66,14 +67,13 @@ def experiment(name: str, case: dict) -> Experiment:
 
 
 def words(text: str) -> list[str]:
-    """A row of equal bytes counts once, if it is long."""
+    """Words for the name of an experiment. A long run of a byte counts once."""
     short = re.sub(r"(.)\1{4,}", r"\1", text)
     named = "".join(WORDS.get(byte, byte) for byte in short)
     return re.findall("[A-Za-z0-9]+", named)
 
 
 def visible(text: str) -> str:
-    """With long rows of equal bytes as in a regular expression."""
-    return re.sub(
-        r"(.)\1{4,}", lambda row: f"{row[1]}{{{len(row[0])}}}", text
-    ).encode("unicode_escape").decode()
+    """Printable text, with a long run of a byte as in a regular expression."""
+    shortened = re.sub(r"(.)\1{4,}", lambda run: f"{run[1]}{{{len(run[0])}}}", text)
+    return shortened.encode("unicode_escape").decode()

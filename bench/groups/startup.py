@@ -1,4 +1,4 @@
-"""What a request costs from the start of the process to its end."""
+"""The cost of a request from the start of the process to its end."""
 
 from frame import Bench, Case, Experiment
 from request import get

@@ -1,4 +1,4 @@
-"""What it costs to take an upload and keep it as a file."""
+"""The time to receive an upload and store it as a file."""
 
 import dataclasses
 import itertools
@@ -17,12 +17,12 @@ SMALL = 64
 
 REFERENCES = ("copy", "copy_shifted", "php_upload", "cgicc_upload")
 
-# libcgicc and librudecgi keep an upload in memory, in several copies.
+# libcgicc and librudecgi hold several copies of an upload in memory.
 MEMORY_FACTOR = 10
 
 
 class Uploads:
-    """Bodies of any number of megabytes."""
+    """Makes uploads of any number of megabytes."""
 
     def __init__(self, folder: pathlib.Path) -> None:
         self.folder = folder
@@ -30,22 +30,21 @@ class Uploads:
         self.content = self._write("megabyte", content())
         self.tail = self._write("tail", form_end())
 
-    def case(self, program: Program, megabytes: int, way: str, store: pathlib.Path) -> Case:
-        content = Piece(self.content, megabytes)
-        body = (Piece(self.head), content, Piece(self.tail))
-        kept = Stored(store, kept_of(program, body))
-        request = post(MULTIPART, self._as_file(body, megabytes) if way == "file" else body)
+    def case(self, program: Program, megabytes: int, source: str, store: pathlib.Path) -> Case:
+        body = (Piece(self.head), Piece(self.content, megabytes), Piece(self.tail))
+        stored = Stored(store, stored_pieces(program, body))
+        request = post(MULTIPART, self._as_file(body, megabytes) if source == "file" else body)
         variables = {
             "STORE": str(store),
             "TMP": str(store.parent),
             "SKIP": str(self.head.stat().st_size),
         }
         request = dataclasses.replace(request, variables={**request.variables, **variables})
-        return Case(program, request, b"%d\n" % kept.size(), kept)
+        return Case(program, request, b"%d\n" % stored.size(), stored)
 
     def _as_file(self, body: tuple[Piece, ...], megabytes: int) -> pathlib.Path:
-        """On tmpfs, which is read as fast as what a web server has just written
-        to a disk."""
+        """The body on tmpfs, where reading is as fast as from a file that a web
+        server has just written to a disk."""
         path = self.folder / f"body-{megabytes}"
         if not path.exists():
             with path.open("wb") as file:
@@ -62,16 +61,17 @@ class Uploads:
 
 
 def content() -> bytes:
-    """As in compressed files, CR and LF come as often as other bytes; but no CR
-    where a first read may end. Our library then stores other bytes, which is
-    kept for compatibility."""
-    bytes_by_chance = os.urandom(MEGABYTE)
+    """Random bytes, like those of a compressed file, but without a CR where the
+    first read may end: `Cgi` then stores other bytes, which is kept for
+    compatibility."""
+    random_bytes = os.urandom(MEGABYTE)
     first = 65536
-    return bytes_by_chance[:first].replace(b"\r", b"\n") + bytes_by_chance[first:]
+    return random_bytes[:first].replace(b"\r", b"\n") + random_bytes[first:]
 
 
-def kept_of(program: Program, body: tuple[Piece, Piece, Piece]) -> tuple[Piece, ...]:
-    """The floors keep more than the file: the body, or all but its head."""
+def stored_pieces(program: Program, body: tuple[Piece, Piece, Piece]) -> tuple[Piece, ...]:
+    """Most programs store the file only. One floor stores the whole body, the
+    other all but the headers of the part."""
     if program.name == "copy":
         return body
     return body[1:] if program.name == "copy_shifted" else body[1:2]
@@ -82,12 +82,13 @@ def run(bench: Bench) -> None:
     with tempfile.TemporaryDirectory(dir=bench.memory) as inputs:
         uploads = Uploads(pathlib.Path(inputs))
         compare_all(bench, uploads)
-        for way, (place, folder) in itertools.product(("pipe", "file"), folders.items()):
-            compare_large(bench, f"upload/{way}-{place}", uploads, way, folder)
+        for source, (place, folder) in itertools.product(("pipe", "file"), folders.items()):
+            compare_large(bench, f"upload/{source}-{place}", uploads, source, folder)
 
 
 def compare_all(bench: Bench, uploads: Uploads) -> None:
-    """The large ones would take the slower peers many minutes."""
+    """Uses a smaller upload, because a large one would take minutes with some
+    peers."""
     megabytes = SMALL // 4 if bench.quick else SMALL
     cases = [
         uploads.case(program, megabytes, "pipe", bench.memory / "upload")
@@ -99,29 +100,29 @@ def compare_all(bench: Bench, uploads: Uploads) -> None:
 
 
 def compare_large(
-    bench: Bench, name: str, uploads: Uploads, way: str, folder: pathlib.Path
+    bench: Bench, name: str, uploads: Uploads, source: str, folder: pathlib.Path
 ) -> None:
     megabytes = megabytes_that_fit(bench, SMALL if bench.quick else 1024)
     store = folder / "upload"
     cases = []
     for program in bench.programs_of("upload"):
-        case = uploads.case(program, megabytes, way, store)
+        case = uploads.case(program, megabytes, source, store)
         if program.is_ours or program.is_floor:
             cases.append(case)
         elif program.name in REFERENCES:
-            trial = uploads.case(program, min(megabytes, SMALL), way, store)
+            trial = uploads.case(program, min(megabytes, SMALL), source, store)
             cases.append(dataclasses.replace(case, every=3, trial=trial))
     measured = bench.measure(cases, rounds=9)
-    title = upload_title(megabytes, way, folder)
+    title = upload_title(megabytes, source, folder)
     bench.record(Experiment(name, title, measured, REFERENCES))
 
 
-def upload_title(megabytes: int, way: str, folder: pathlib.Path) -> str:
-    return f"Upload of {megabytes} MB from a {way} onto {file_system(str(folder))}"
+def upload_title(megabytes: int, source: str, folder: pathlib.Path) -> str:
+    return f"Upload of {megabytes} MB from a {source} onto {file_system(str(folder))}"
 
 
 def megabytes_that_fit(bench: Bench, megabytes: int) -> int:
-    """As many as wished for, or half as many, and so on."""
+    """Halves the number until memory and disk have room for the upload."""
     memory = memory_available()
     disk = shutil.disk_usage(bench.disk).free
     while megabytes * MEGABYTE * MEMORY_FACTOR > memory or megabytes * MEGABYTE * 2 > disk:

@@ -1,4 +1,4 @@
-# fronts/form.cpp on CGI.pm.
+# fronts/form.cpp with CGI.pm.
 use strict;
 use warnings;
 use CGI;
@@ -6,14 +6,14 @@ use CGI;
 my $q = CGI->new;
 my $is_hashing = ($ENV{HASH} // '') ne 'no';
 my ($count, $size) = (0, 0);
-# 14695981039346656037, as a signed number.
+# 14695981039346656037 as a signed number.
 my $hash = -3750763034362895579;
 for my $name ($q->param) {
     my $value = $q->param($name);
     ++$count;
     $size += length $value;
     next unless $is_hashing;
-    # Wraps at 64 bits.
+    # Multiplication must wrap at 64 bits.
     use integer;
     $hash = ($hash ^ $_) * 1099511628211 for unpack 'C*', $value;
 }

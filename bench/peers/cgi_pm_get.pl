@@ -1,4 +1,4 @@
-# fronts/get.cpp on CGI.pm.
+# fronts/get.cpp with CGI.pm.
 use strict;
 use warnings;
 use CGI;

@@ -1,5 +1,5 @@
-// fronts/form.cpp on libcgicc. It goes through the list of fields in the order
-// sent, because a look-up by name searches the whole list.
+// fronts/form.cpp with libcgicc. It iterates over the fields in the order sent,
+// because a look-up by name searches the whole list.
 
 #include <cgicc/Cgicc.h>
 

@@ -1,4 +1,4 @@
-// fronts/get.cpp on libcgicc.
+// fronts/get.cpp with libcgicc.
 
 #include <cgicc/Cgicc.h>
 

@@ -1,4 +1,4 @@
-// fronts/upload.cpp on libcgicc, which keeps the file in memory.
+// fronts/upload.cpp with libcgicc, which keeps the file in memory.
 
 #include <cgicc/Cgicc.h>
 

@@ -1,5 +1,5 @@
-// fronts/get.cpp on libfcgi, started as a plain CGI program. The library parses
-// nothing, so its users need a parser of their own.
+// fronts/get.cpp with libfcgi, started as a plain CGI program. The library does
+// not parse requests, so this program has a parser of its own.
 
 #include <fcgi_stdio.h>
 #include <stdlib.h>

@@ -1,5 +1,5 @@
 <?php
-// fronts/form.cpp on PHP.
+// fronts/form.cpp with PHP.
 header('Content-Type: text/plain');
 $size = 0;
 $is_hashing = getenv('HASH') !== 'no';

@@ -1,5 +1,5 @@
 <?php
-// fronts/get.cpp on PHP.
+// fronts/get.cpp with PHP.
 header('Content-Type: text/plain');
 foreach (['a', 'b', 'c'] as $name) {
     echo $name, '=', $_GET[$name], "\n";

@@ -1,5 +1,5 @@
-"""fronts/form.cpp on Python's cgi module. Its fields are walked: each look-up by
-name would search them all."""
+"""fronts/form.cpp with Python's cgi module. It iterates over the fields, because
+a look-up by name searches all of them."""
 
 import cgi
 import os
@@ -12,7 +12,7 @@ def fnv1a(value, state):
     return state
 
 
-# One character for each byte.
+# Latin-1 decodes each byte to one character.
 fields = cgi.FieldStorage(keep_blank_values=True, encoding="latin-1").list
 line = f"{len(fields)} {sum(len(field.value) for field in fields)}"
 if os.environ.get("HASH") != "no":

@@ -1,4 +1,4 @@
-"""fronts/get.cpp on Python's urllib.parse and http.cookies."""
+"""fronts/get.cpp with Python's urllib.parse and http.cookies."""
 
 import http.cookies
 import os

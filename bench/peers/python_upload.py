@@ -1,5 +1,5 @@
-"""fronts/upload.cpp on Python's cgi module, which spools the file in $TMPDIR
-without a name, so that it has to be copied."""
+"""fronts/upload.cpp with Python's cgi module. The module stores the upload in a
+file without a name in $TMPDIR, so the content must be copied."""
 
 import cgi
 import os

@@ -1,5 +1,5 @@
-// fronts/form.cpp on librudecgi. It goes through the list of fields in the
-// order sent, because a look-up by name searches the whole list.
+// fronts/form.cpp with librudecgi. It iterates over the fields in the order
+// sent, because a look-up by name searches the whole list.
 
 #include <rude/cgi.h>
 

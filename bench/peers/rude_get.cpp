@@ -1,4 +1,4 @@
-// fronts/get.cpp on librudecgi, which treats cookies like parameters.
+// fronts/get.cpp with librudecgi, which treats cookies like parameters.
 
 #include <rude/cgi.h>
 

@@ -1,4 +1,4 @@
-// fronts/upload.cpp on librudecgi, which keeps the file in memory.
+// fronts/upload.cpp with librudecgi, which keeps the file in memory.
 
 #include <rude/cgi.h>
 

@@ -1,5 +1,5 @@
-"""A back end that tells the name of its host, and keeps a list of what it has
-been asked. A session is "visit-" and a number."""
+"""A back end that answers with the name of its host and records the sessions of
+its queries. A session is "visit-" and a number."""
 
 import os
 import time

@@ -1,8 +1,9 @@
-"""Measures the figures of docs/scaling.md. Each comparison takes turns in one run.
+"""Measures the figures of docs/scaling.md. Those that are compared are measured
+in turn, in one run.
 
 usage: scaling_figures.py [--quick]
 
---quick shows only that each part runs.
+--quick only tests that each part works.
 """
 
 import contextlib
@@ -41,11 +42,11 @@ QUERY = (
 REQUEST = b"%d:%s," % (len(QUERY), QUERY)
 
 
-class NearBackEnd:
-    """Without HAProxy: uWSGI on the front end's socket, on the same host."""
+class LocalBackEnd:
+    """uWSGI on the host of the front end, which connects to it without HAProxy."""
 
     def __init__(self, site):
-        self.run_dir = site.make_folder("near")
+        self.run_dir = site.make_folder("local")
         self.socket = self.run_dir / "panel.sock"
         host = site.web_hosts[0].host
         self.service = site.start_service(
@@ -53,7 +54,7 @@ class NearBackEnd:
             self.run_dir,
             "uwsgi",
             back_end_command(self.socket, self.run_dir),
-            HOST="near",
+            HOST="local",
             ASKED=str(self.run_dir / "asked"),
             SECONDS="0",
         )
@@ -61,8 +62,8 @@ class NearBackEnd:
         self.web_server = WebServer(site, host, self.run_dir, self.run_dir)
 
 
-def tell(what, value):
-    print(f"{what}: {value}", flush=True)
+def report(figure, value):
+    print(f"{figure}: {value}", flush=True)
 
 
 def spread(values, form):
@@ -70,8 +71,8 @@ def spread(values, form):
     return f"{middle:{form}} ({low:{form}} to {high:{form}})"
 
 
-def ask(path):
-    """One query as the library makes it; how long it has taken."""
+def seconds_of_query(path):
+    """Sends a query as the library does and returns its duration."""
     began = time.perf_counter()
     with socket.socket(socket.AF_UNIX) as client:
         client.connect(str(path))
@@ -94,7 +95,7 @@ def visits_per_second(web_server):
 
 
 def processes_of(service):
-    """Their ids: all that belong to its session."""
+    """Returns the ids of all processes in the session of the service."""
     done = subprocess.run(
         ["ps", "-o", "pid=", "-s", str(service.process.pid)],
         capture_output=True, text=True, check=True,
@@ -103,8 +104,7 @@ def processes_of(service):
 
 
 def processor_seconds(service):
-    """Of the processes that run, to the nanosecond, without those that have
-    ended."""
+    """Returns the processor time of the running processes, to the nanosecond."""
     total = 0
     for process in processes_of(service):
         for task in pathlib.Path(f"/proc/{process}/task").glob("*/schedstat"):
@@ -113,7 +113,7 @@ def processor_seconds(service):
 
 
 def processor_seconds_of_children(service):
-    """Of those that have ended."""
+    """Returns the processor time of child processes that have ended."""
     line = pathlib.Path(f"/proc/{service.process.pid}/stat").read_text()
     fields = line.rpartition(")")[2].split()
     return (int(fields[13]) + int(fields[14])) / os.sysconf("SC_CLK_TCK")
@@ -127,29 +127,25 @@ def memory_kilobytes(service):
     return total
 
 
-def compare_ways(near, clear, secure):
-    ways = {
-        "without HAProxy": near.web_server,
-        "HAProxy": clear.web_hosts[0].web_server,
-        "HAProxy, TLS": secure.web_hosts[0].web_server,
+def compare_proxies(local, clear, secure):
+    connections = {
+        "without HAProxy": local,
+        "HAProxy": clear.web_hosts[0],
+        "HAProxy, TLS": secure.web_hosts[0],
     }
-    sockets = {
-        "without HAProxy": near.socket,
-        "HAProxy": clear.web_hosts[0].run_dir / "panel.sock",
-        "HAProxy, TLS": secure.web_hosts[0].run_dir / "panel.sock",
-    }
-    rates = {way: [] for way in ways}
-    seconds = {way: [] for way in ways}
+    rates = {name: [] for name in connections}
+    seconds = {name: [] for name in connections}
     for _ in range(ROUNDS):
-        for way, web_server in ways.items():
-            rates[way].append(visits_per_second(web_server))
-            seconds[way] += [ask(sockets[way]) for _ in range(QUERIES_PER_ROUND)]
-    for way in ways:
-        tell(f"visits a second, {way}", spread(rates[way], ".0f"))
-        tell(f"microseconds a query, {way}", spread([1e6 * s for s in seconds[way]], ".0f"))
+        for name, connection in connections.items():
+            rates[name].append(visits_per_second(connection.web_server))
+            path = connection.run_dir / "panel.sock"
+            seconds[name] += [seconds_of_query(path) for _ in range(QUERIES_PER_ROUND)]
+    for name in connections:
+        report(f"visits a second, {name}", spread(rates[name], ".0f"))
+        report(f"microseconds a query, {name}", spread([1e6 * s for s in seconds[name]], ".0f"))
 
 
-def tell_processor_time(site, kind):
+def report_processor_time(site, kind):
     web_host = site.web_hosts[0]
     services = {
         "lighttpd": web_host.web_server.service,
@@ -168,32 +164,32 @@ def tell_processor_time(site, kind):
     for name, service in services.items():
         spent = processor_seconds(service) - before[name]
         count = visits if service in (web_host.web_server.service, web_host.proxy) else asked
-        tell(f"processor microseconds a visit, {name}, {kind}", f"{1e6 * spent / count:.0f}")
+        report(f"processor microseconds a visit, {name}, {kind}", f"{1e6 * spent / count:.0f}")
     spent = processor_seconds_of_children(services["lighttpd"]) - children
-    tell(f"processor microseconds a visit, front end, {kind}", f"{1e6 * spent / visits:.0f}")
+    report(f"processor microseconds a visit, front end, {kind}", f"{1e6 * spent / visits:.0f}")
 
 
-def tell_checks(site, kind):
-    """What HAProxy and a back end do when nobody comes."""
+def report_checks(site, kind):
+    """Reports the cost of HAProxy's checks, without visitors."""
     proxy, back_end = site.web_hosts[0].proxy, site.back_ends[0].service
     before = processor_seconds(proxy), processor_seconds(back_end)
     time.sleep(IDLE_SECONDS)
     checks = 3 * IDLE_SECONDS
     spent = processor_seconds(proxy) - before[0]
-    tell(f"HAProxy's processor microseconds a check, {kind}", f"{1e6 * spent / checks:.0f}")
+    report(f"HAProxy's processor microseconds a check, {kind}", f"{1e6 * spent / checks:.0f}")
     spent = processor_seconds(back_end) - before[1]
     checks = len(site.web_hosts) * IDLE_SECONDS
-    tell(f"uWSGI's processor microseconds a check, {kind}", f"{1e6 * spent / checks:.0f}")
+    report(f"uWSGI's processor microseconds a check, {kind}", f"{1e6 * spent / checks:.0f}")
 
 
-def tell_resumption(site):
+def report_resumption(site):
     web_host = site.web_hosts[0]
     reused = sum(int(web_host.proxy_state(end.name)["ssl_reused_sess"]) for end in site.back_ends)
     new = sum(int(web_host.proxy_state(end.name)["ssl_sess"]) for end in site.back_ends)
-    tell("TLS sessions resumed", f"{reused} of {reused + new}")
+    report("TLS sessions resumed", f"{reused} of {reused + new}")
 
 
-def tell_traffic(site):
+def report_traffic(site):
     web_host = site.web_hosts[0]
     before = {end.name: web_host.proxy_state(end.name) for end in site.back_ends}
     load = Load([web_host.web_server], 8)
@@ -204,7 +200,7 @@ def tell_traffic(site):
             int(web_host.proxy_state(name)[column]) - int(state[column])
             for name, state in before.items()
         )
-        tell(f"bytes a query {direction} the back end", f"{total / visits:.0f}")
+        report(f"bytes a query {direction} the back end", f"{total / visits:.0f}")
 
 
 def waiting_connections(host):
@@ -215,27 +211,28 @@ def waiting_connections(host):
     return len(done.stdout.splitlines())
 
 
-def tell_ports(site):
-    """Many queries from few ports."""
+def report_ports(site):
+    """Sends many queries from few ports."""
     web_host = site.web_hosts[0]
     if not isinstance(web_host.host, NamespaceHost):
-        tell("ports", "not measured without network namespaces")
+        report("ports", "not measured without network namespaces")
         return
     path = "/proc/sys/net/ipv4/ip_local_port_range"
     command = f"echo 40000 40099 > {path}"
     subprocess.run([*web_host.host.enter, "sh", "-c", command], check=True)
     socket_path = web_host.run_dir / "panel.sock"
-    seconds = [ask(socket_path) for _ in range(10 * QUERIES_PER_ROUND)]
-    tell(f"{len(seconds):,} queries from 100 ports, longest, milliseconds", f"{1e3 * max(seconds):.0f}")
-    tell("connections in TIME_WAIT, web host", waiting_connections(web_host.host))
-    tell("connections in TIME_WAIT, back end", waiting_connections(site.back_ends[0].host))
+    seconds = [seconds_of_query(socket_path) for _ in range(10 * QUERIES_PER_ROUND)]
+    figure = f"{len(seconds):,} queries from 100 ports, longest, milliseconds"
+    report(figure, f"{1e3 * max(seconds):.0f}")
+    report("connections in TIME_WAIT, web host", waiting_connections(web_host.host))
+    report("connections in TIME_WAIT, back end", waiting_connections(site.back_ends[0].host))
 
 
-def tell_memory(site):
+def report_memory(site):
     web_host = site.web_hosts[0]
-    tell("KB of uWSGI with 8 workers", memory_kilobytes(site.back_ends[0].service))
+    report("KB of uWSGI with 8 workers", memory_kilobytes(site.back_ends[0].service))
     before = memory_kilobytes(web_host.proxy)
-    tell("KB of HAProxy", before)
+    report("KB of HAProxy", before)
     with contextlib.ExitStack() as open_clients:
         for _ in range(CONNECTIONS):
             client = open_clients.enter_context(socket.socket(socket.AF_UNIX))
@@ -243,11 +240,11 @@ def tell_memory(site):
             client.sendall(REQUEST[:10])
         time.sleep(1)
         grown = memory_kilobytes(web_host.proxy) - before
-    tell("KB of HAProxy a connection", f"{grown / CONNECTIONS:.1f}")
+    report("KB of HAProxy a connection", f"{grown / CONNECTIONS:.1f}")
 
 
-def tell_sessions():
-    """The example panel's store with a million sessions."""
+def report_sessions():
+    """Measures the example panel's back end with a million sessions."""
     sys.path.insert(0, str(PANEL))
     backend = importlib.import_module("backend")
     with tempfile.TemporaryDirectory(prefix="sessions-") as folder:
@@ -255,11 +252,12 @@ def tell_sessions():
         with contextlib.closing(backend.connect()) as database:
             fill(backend, database)
             size = os.path.getsize(os.environ["PANEL_DB"])
-            tell("bytes a session in the store", f"{size / SESSIONS:.0f}")
-        tell("processor microseconds a whoami", f"{1e6 * seconds_each(backend, whoami, 10 * QUERIES_PER_ROUND):.0f}")
+            report("bytes a session in the store", f"{size / SESSIONS:.0f}")
+        microseconds = 1e6 * seconds_each(backend, whoami, 10 * QUERIES_PER_ROUND)
+        report("processor microseconds a whoami", f"{microseconds:.0f}")
         for query in (password, sign_in):
             milliseconds = 1e3 * seconds_each(backend, query, PASSWORDS)
-            tell(f"processor milliseconds a {query.__name__}", f"{milliseconds:.1f}")
+            report(f"processor milliseconds a {query.__name__}", f"{milliseconds:.1f}")
 
 
 def session_name(number):
@@ -306,23 +304,23 @@ def sign_in(backend, _):
 
 
 def main():
-    tell("load at the beginning", os.getloadavg()[0])
-    tell_sessions()
+    report("load at the beginning", os.getloadavg()[0])
+    report_sessions()
     with contextlib.ExitStack() as sites:
         clear = Site(seconds=0)
         sites.callback(clear.stop)
         secure = Site(seconds=0, is_secure=True)
         sites.callback(secure.stop)
-        compare_ways(NearBackEnd(clear), clear, secure)
+        compare_proxies(LocalBackEnd(clear), clear, secure)
         for site, kind in ((clear, "clear"), (secure, "TLS")):
-            tell_processor_time(site, kind)
-            tell_checks(site, kind)
-        tell_resumption(secure)
-        tell_traffic(clear)
-        tell_ports(clear)
-        # The last: its half requests keep the workers busy for seconds.
-        tell_memory(clear)
-    tell("load at the end", os.getloadavg()[0])
+            report_processor_time(site, kind)
+            report_checks(site, kind)
+        report_resumption(secure)
+        report_traffic(clear)
+        report_ports(clear)
+        # Last, because its incomplete requests occupy the workers for seconds.
+        report_memory(clear)
+    report("load at the end", os.getloadavg()[0])
 
 
 if __name__ == "__main__":

@@ -1,7 +1,8 @@
-"""Hosts for a test: network namespaces, or addresses of this machine.
+"""Hosts for a test: network namespaces, or loopback addresses of this machine.
 
-A namespace lives as long as a process in it, and with it go its interfaces: the
-machine's own network is never touched, and nothing is left, however a test ends.
+The kernel removes a namespace and its interfaces when the last process in it
+ends. So a test that is killed leaves nothing, and the machine's own network is
+never changed.
 """
 
 import os
@@ -10,19 +11,19 @@ import subprocess
 
 from processes import wait_for
 
-# The kernel kills it when the thread that started it ends.
+# The kernel kills the command when the thread that started it ends.
 BOUND_TO_US = ("setpriv", "--pdeathsig", "KILL")
 
 
 class Namespace:
-    """A network stack of its own."""
+    """A network namespace."""
 
     def __init__(self):
         command = (*BOUND_TO_US, "unshare", "--net", "sleep", "infinity")
         self.holder = subprocess.Popen(command, stdin=subprocess.DEVNULL)
         self.path = f"/proc/{self.holder.pid}/ns/net"
         self.enter = ("nsenter", f"--net={self.path}")
-        wait_for(self._is_there)
+        wait_for(self._is_separate)
         self.ip("link", "set", "lo", "up")
 
     def ip(self, *words):
@@ -32,7 +33,7 @@ class Namespace:
         self.holder.kill()
         self.holder.wait(30)
 
-    def _is_there(self):
+    def _is_separate(self):
         return os.readlink(self.path) != os.readlink("/proc/self/ns/net")
 
 
@@ -51,7 +52,7 @@ class NamespaceHost(Namespace):
         return usual
 
     def cut_off(self):
-        """As if it had lost its power: nobody is told."""
+        """As in a power failure: the host closes no connection."""
         self.ip("link", "set", "eth0", "down")
 
     def plug_in(self):
@@ -59,7 +60,7 @@ class NamespaceHost(Namespace):
 
 
 class NamespaceNetwork:
-    """Hosts on one switch, with the addresses that the document has."""
+    """Hosts on one switch, with the addresses in docs/scaling.md."""
 
     def __init__(self):
         self.switch = Namespace()
@@ -89,8 +90,8 @@ class LoopbackHost:
 
 
 class LoopbackNetwork:
-    """What can be had without any right: loopback addresses that no other
-    process of these tests comes by."""
+    """Hosts for ordinary users: loopback addresses that contain the process id,
+    so that tests running at the same time use different ones."""
 
     def add_host(self, number):
         high, middle, low = os.getpid() >> 16, os.getpid() >> 8 & 255, os.getpid() & 255

@@ -1,5 +1,5 @@
-"""A site on several hosts: web servers with the front end, and back ends, with
-the configuration of docs/scaling.md between them."""
+"""A site on several hosts: web servers with the front end, and back ends. They
+are connected as configured in docs/scaling.md."""
 
 import collections
 import contextlib
@@ -44,15 +44,15 @@ def document(name):
 
 
 def block(label, number=0, name="scaling"):
-    """A configuration that a document shows: of those that are labelled so, the
-    one with the number."""
+    """Returns the configuration with this number among those in the document
+    that have this label."""
     pattern = rf"^```{re.escape(label)}\b[^\n]*\n(.*?)^```"
     return re.findall(pattern, document(name), re.S | re.M)[number]
 
 
 def back_end_command(socket_path, folder):
-    """uWSGI with the configuration that the document on deployment shows, and
-    the socket that systemd would hand it."""
+    """Returns the command for uWSGI with the configuration in docs/deployment.md
+    and a socket, which systemd would otherwise pass to it."""
     configuration = folder / "uwsgi.ini"
     shown = {"/opt/panel/backend.py": HERE / "scaling_backend.py"}
     configuration.write_text(replaced(block("uwsgi", 0, "deployment"), shown))
@@ -63,24 +63,25 @@ def back_end_command(socket_path, folder):
 
 
 def proxy_configuration(is_secure):
-    """The one of a web host."""
+    """Returns the configuration of a web host."""
     clear = block("haproxy")
     if not is_secure:
         return clear
     return re.sub(r"(?:^ +server .*\n)+", lambda _: block("haproxy", 1), clear, flags=re.M)
 
 
-def as_whoever_runs_this(text):
+def permitted(text):
+    """Removes the settings that only root may use, unless root runs this."""
     if os.geteuid() == 0:
         return text
     return FOR_ROOT.sub("", text)
 
 
 def replaced(text, replacements):
-    """Each must be there: what the document shows is what runs."""
+    """Throws unless the document contains each text that is replaced."""
     for shown, actual in replacements.items():
         if shown not in text:
-            raise ValueError(f"the document does not show {shown}")
+            raise ValueError(f"the document does not contain {shown}")
         text = text.replace(shown, str(actual))
     return text
 
@@ -90,7 +91,7 @@ def openssl(*words):
 
 
 class Service:
-    """A server process on a host, with what it has started."""
+    """A server on a host, with all processes that it starts."""
 
     def __init__(self, host, folder, name, command, as_root=False, **environment):
         run_as = list(BOUND_TO_US)
@@ -107,17 +108,17 @@ class Service:
         os.killpg(self.process.pid, number)
 
     def kill(self):
-        """Once is enough: then the number may be another process's."""
+        """Kills it only once, because another process may get its id then."""
         if self.process.returncode is None:
             kill(self.process)
 
     def stop(self):
-        """As for an upgrade."""
+        """Ends it as an upgrade does."""
         end_session(self.process)
 
 
 class BackEnd:
-    """uWSGI, and when it is to be secure HAProxy in front of it."""
+    """uWSGI, and if TLS is used HAProxy in front of it."""
 
     def __init__(self, site, number):
         self.name = BACK_ENDS[number]
@@ -154,26 +155,27 @@ class BackEnd:
             "/etc/haproxy/tls/ca.pem": self.site.authority,
         }
         configuration = self.folder / "haproxy.cfg"
-        configuration.write_text(as_whoever_runs_this(replaced(block("haproxy", 2), shown)))
+        configuration.write_text(permitted(replaced(block("haproxy", 2), shown)))
         command = ["haproxy", "-W", "-f", configuration]
         self.proxy = self.site.start_service(
             self.host, self.folder, "haproxy", command, as_root=True
         )
 
     def asked(self):
-        """The sessions that it has been asked about, one for each time."""
+        """Returns the sessions of all queries so far, in order."""
         path = self.folder / "asked"
         return path.read_text().split() if path.exists() else []
 
     def _inner_address(self):
-        """A namespace has a loopback address of its own."""
+        """Returns the address on which uWSGI listens."""
+        # Only a namespace has a loopback address of its own.
         if self.site.is_secure and self.host.enter:
             return "127.0.0.1"
         return self.host.address
 
 
 class WebServer:
-    """It starts the front end for each visit."""
+    """A web server that starts the front end for each visit."""
 
     def __init__(self, site, host, folder, run_dir):
         self.socket = folder / "http.sock"
@@ -195,7 +197,7 @@ class WebServer:
         wait_for(lambda: listens(self.socket))
 
     def visit(self, session):
-        """The status and the page, or 0 and an exception's text."""
+        """Returns the status and the page, or 0 and the text of an exception."""
         try:
             with contextlib.closing(UnixConnection(self.socket)) as connection:
                 connection.request("GET", "/whoami", headers={"Cookie": f"panelses5={session}"})
@@ -206,7 +208,8 @@ class WebServer:
 
 
 class WebHost:
-    """A web server with the front end, and HAProxy on the back end's socket."""
+    """A web server with the front end, and HAProxy on the socket to which the
+    front end connects."""
 
     def __init__(self, site, number):
         self.host = site.network.add_host(21 + number)
@@ -235,7 +238,7 @@ class WebHost:
             shown[f"{line}192.0.2.{number}:{port}"] = line + back_end.public_address
         if os.geteuid() != 0:
             shown["group www-data"] = f"group {grp.getgrgid(os.getegid()).gr_name}"
-        return as_whoever_runs_this(replaced(proxy_configuration(is_secure), shown))
+        return permitted(replaced(proxy_configuration(is_secure), shown))
 
     def _start_proxy(self):
         command = ["haproxy", "-W", "-f", self.proxy_configuration]
@@ -244,7 +247,7 @@ class WebHost:
         )
 
     def proxy_command(self, text):
-        """What HAProxy answers on its socket."""
+        """Returns HAProxy's answer to a command."""
         with socket.socket(socket.AF_UNIX) as client:
             client.connect(str(self.admin_socket))
             client.sendall(text.encode() + b"\n")
@@ -252,7 +255,7 @@ class WebHost:
                 return answer.read()
 
     def proxy_state(self, back_end):
-        """The line of statistics on a back end, by column."""
+        """Returns HAProxy's statistics of a back end by column."""
         lines = self.proxy_command("show stat").lstrip("# ").splitlines()
         columns = lines[0].split(",")
         for line in lines[1:]:
@@ -262,7 +265,8 @@ class WebHost:
         raise KeyError(back_end)
 
     def back_ends_up(self):
-        """How many HAProxy uses: one that has failed its first check is "UP 1/2"."""
+        """Returns the number of back ends that HAProxy uses. One that has failed
+        its first check is still used, with the status "UP 1/2"."""
         with contextlib.suppress(OSError):
             return sum(self.proxy_state(name)["status"].startswith("UP") for name in BACK_ENDS)
         return 0
@@ -270,9 +274,9 @@ class WebHost:
 
 @dataclasses.dataclass
 class Site:
-    """Of all that runs, nothing is left after stop."""
+    """All hosts and services. After stop() no process and no file is left."""
 
-    # How many seconds a back end takes for a query.
+    # The time that a back end takes for a query.
     seconds: float
     is_secure: bool = False
 
@@ -318,14 +322,14 @@ class Site:
         return [web_host.web_server for web_host in self.web_hosts]
 
     def new_authority(self, name):
-        """The certificate of a new authority, self-made."""
+        """Returns the self-signed certificate of a new authority."""
         file = self.folder / f"{name}.pem"
         openssl("req", "-x509", *NEW_KEY, "-subj", f"/CN={name}", "-keyout", f"{file}.key",
                 "-out", file)
         return file
 
     def certificate(self, name, authority=None):
-        """A file with a new certificate for NAME.example, and its key."""
+        """Returns a file with a new certificate for NAME.example and its key."""
         authority = authority or self.authority
         file = self.folder / f"{name}-by-{authority.stem}.pem"
         openssl("req", "-x509", *NEW_KEY, "-CA", authority, "-CAkey", f"{authority}.key",
@@ -336,8 +340,8 @@ class Site:
             both.write(pathlib.Path(f"{file}.key").read_text())
         return file
 
-    def start_service(self, *what, **how):
-        self.services.append(Service(*what, **how))
+    def start_service(self, *arguments, **options):
+        self.services.append(Service(*arguments, **options))
         return self.services[-1]
 
     def logs(self):
@@ -351,7 +355,7 @@ class Site:
         shutil.rmtree(self.folder)
 
     def asked(self):
-        """How often the back ends have been asked about each session."""
+        """Returns the number of queries of each session."""
         return collections.Counter(
             itertools.chain.from_iterable(end.asked() for end in self.back_ends)
         )
@@ -382,13 +386,13 @@ class Visit:
 
     @property
     def back_end(self):
-        """The one that has answered; nothing when the visit has failed."""
+        """The name of the back end that answered; None if the visit failed."""
         found = re.search(r"You are (\w+)\.$", self.page)
         return found.group(1) if found and self.status == 200 else None
 
 
 class Load:
-    """Visitors who ask, each for one page after another, until told to stop."""
+    """Visitors who request one page after another until stop() is called."""
 
     def __init__(self, web_servers, visitors):
         self.web_servers = web_servers
@@ -402,24 +406,24 @@ class Load:
             thread.start()
 
     def wait_for(self, condition):
-        wait_for(lambda: condition() or self._nobody_is_left(), 60)
+        wait_for(lambda: condition() or self._is_over(), 60)
 
     def wait_for_visits(self, count):
-        """So many more from now on."""
+        """Waits for this number of further visits."""
         goal = len(self.visits) + count
         self.wait_for(lambda: len(self.visits) >= goal)
 
     def stop(self):
-        """All visits, in the order in which they have ended."""
+        """Returns all visits in the order in which they ended."""
         self.stopped.set()
         for thread in self.threads:
             thread.join()
         return self.visits
 
-    def _nobody_is_left(self):
+    def _is_over(self):
         if any(thread.is_alive() for thread in self.threads):
             return False
-        raise RuntimeError("no visitor is left")
+        raise RuntimeError("all visitors have stopped")
 
     def _visit_until_stopped(self, number):
         web_server = self.web_servers[number % len(self.web_servers)]

@@ -1,4 +1,4 @@
-// fronts/form.cpp on Go's net/http/cgi.
+// fronts/form.cpp with Go's net/http/cgi.
 package main
 
 import (
@@ -17,8 +17,7 @@ const (
 	inMemory    = 32 << 20
 )
 
-// parse fills the request's form and raises the default limit of 10 MB for
-// bodies.
+// parse fills the request's form. The default limit for bodies would be 10 MB.
 func parse(request *http.Request) error {
 	request.Body = http.MaxBytesReader(nil, request.Body, largestBody)
 	err := request.ParseMultipartForm(inMemory)

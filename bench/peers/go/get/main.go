@@ -1,4 +1,4 @@
-// fronts/get.cpp on Go's net/http/cgi.
+// fronts/get.cpp with Go's net/http/cgi.
 package main
 
 import (

@@ -1,4 +1,4 @@
-// fronts/upload.cpp on Go's net/http/cgi, which copies the body directly to the
+// fronts/upload.cpp with Go's net/http/cgi. It copies the body directly to the
 // file.
 package main
 
@@ -17,7 +17,7 @@ func partNamed(name string, form *multipart.Reader) (*multipart.Part, error) {
 	for {
 		part, err := form.NextPart()
 		if err == io.EOF {
-			return nil, errors.New("no file has come")
+			return nil, errors.New("the form contains no file")
 		}
 		if err != nil || part.FormName() == name {
 			return part, err
@@ -25,7 +25,7 @@ func partNamed(name string, form *multipart.Reader) (*multipart.Part, error) {
 	}
 }
 
-func keep(upload io.Reader, path string) (int64, error) {
+func store(upload io.Reader, path string) (int64, error) {
 	file, err := os.Create(path)
 	if err != nil {
 		return 0, err
@@ -50,7 +50,7 @@ func main() {
 	if err != nil {
 		log.Fatal(err)
 	}
-	size, err := keep(upload, os.Getenv("STORE"))
+	size, err := store(upload, os.Getenv("STORE"))
 	if err != nil {
 		log.Fatal(err)
 	}
