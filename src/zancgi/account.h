@@ -81,8 +81,9 @@ ZANCGI_API void BecomeAccount(Cgi& cgi, const std::string& user,
 /// exceptions are recognized by type and message: 400 for an invalid body, 401
 /// without a session, 403 for denied access, 404 for a missing directory, 405
 /// for a method, 408 if the client sent nothing in time, 413 for too large a
-/// body, 502 for a back end that cannot be reached or gave no proper answer,
-/// 507 for an upload that could not be stored.
+/// body, 502 for a back end that cannot be reached, gave no proper answer, or
+/// reported an error of its own to Cgi::Authorize(), 507 for an upload that
+/// could not be stored.
 ZANCGI_API int StatusOf(const std::exception& error);
 
 }  // namespace zan_cgi

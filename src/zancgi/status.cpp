@@ -11,7 +11,6 @@
 #include <typeinfo>
 
 namespace zan_cgi {
-
 namespace {
 
 /// The library that throws an exception, which decides the exception's type.
@@ -42,6 +41,7 @@ constexpr StatusOfText kStatuses[] = {
     {"Post data too large. ...", Thrower::kProduct, 413},
     {"Element value size must be less than ...", Thrower::kProduct, 413},
     {"bad answer from '...", Thrower::kProduct, 502},
+    {"unknown authorization error", Thrower::kProduct, 502},
     {"error writing temporary file", Thrower::kProduct, 507},
     {"cannot open a socket...", Thrower::kBaseLibrary, 502},
     {"cannot connect to the back end at '...", Thrower::kBaseLibrary, 502},

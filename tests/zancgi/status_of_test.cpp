@@ -49,9 +49,9 @@ TEST(StatusOf, OfATextOfTheRequestIsItsOwn) {
            {"Post data too large. Max allowed length is 1KB", 413},
            {"Element value size must be less than 262144", 413},
            {"bad answer from 'panel'", 502},
+           {"unknown authorization error", 502},
            {"error writing temporary file", 507},
            // Of nobody outside.
-           {"unknown authorization error", 500},
            {"failed to chroot to users home folder", 500},
            {"stat error", 500},
            {"polling error: Bad file descriptor", 500},
@@ -65,6 +65,7 @@ TEST(StatusOf, OfATextOfTheRequestIsItsOwn) {
            {"timeout of the printer", 500},
            {"a timeout", 500},
            {"not authorize", 500},
+           {"unknown authorization error of the printer", 500},
            {"cannot connect to the back end at '/run/tov/panel.sock'", 500}}) {
     EXPECT_EQ(StatusOf(std::runtime_error(text)), status) << text;
   }
@@ -160,7 +161,7 @@ TEST(StatusOf, OfABackEndThatFailsIsABadGateway) {
            {"senseless", Answer("Content-Length: 1x\r\n\r\n<doc/>"), 502},
            {"no answer", Answer("<?xml version='1.0'?><doc/>"), 502},
            {"no access", Answer(error + "access'/></doc>"), 403},
-           {"another error", Answer(error + "other'/></doc>"), 500}}) {
+           {"another error", Answer(error + "other'/></doc>"), 502}}) {
     Backend backend("panel");
     backend.Times(4, row.step);
     Child child;
