@@ -23,7 +23,8 @@ TEST_PROGRAM = "kit"
 # Its library may be missing.
 OPTIONAL = {"json"}
 # What each answers to a GET without a session or any other cookie.
-FORBIDDEN = ("account", "domains", "download", "json", "upload", "whoami")
+FORBIDDEN = {"account", "domains", "download", "json", "upload", "whoami"}
+WITHOUT_BACK_END = {"upload"}
 TO_A_STRANGER = dict.fromkeys(FORBIDDEN, "403 Forbidden") | dict.fromkeys(
     ("exact", "form", "hello", "login", "parameters", "theme"), "200 OK"
 )
@@ -148,6 +149,18 @@ class GuideTest(unittest.TestCase):
                     continue
                 head, _ = shell.ask(program, "GET", QUERY_STRING="a=1")
                 self.assertEqual(shell.ask(program, "HEAD", QUERY_STRING="a=1"), (head, ""))
+
+    def test_a_fault_shows_the_visitor_no_path(self):
+        shell = Shell(self)
+        shell.start_back_end()
+        for program in sorted(FORBIDDEN - WITHOUT_BACK_END - missing()):
+            with self.subTest(program=program):
+                head, body = shell.ask(
+                    program, "GET", TOV_RUN_DIR="/nonexistent", HTTP_SEC_FETCH_SITE="same-origin"
+                )
+                self.assertRegex(head, r"\AStatus: 502 ")
+                self.assertIn("The panel has a fault.", body)
+                self.assertNotIn("/nonexistent", body)
 
     def test_json_library_is_there(self):
         if missing():
