@@ -68,9 +68,9 @@ TOV_API std::string Str(unsigned long long value);
 /// Appends the words of @p text, each trimmed, to @p out.
 ///
 /// @p out is any container of strings with push_back; it is not cleared first.
-///   Empty words are skipped. That test comes before the trim, so a word of
-///   blanks is appended as an empty string. The time is linear in the size of
-///   @p text.
+/// Empty words are skipped. That test comes before the trim, so a word of
+/// blanks is appended as an empty string. The time is linear in the size of
+/// @p text.
 template <class Out>
 void Split(std::string text, const std::string& separator, Out& out) {
   std::size_t begin = 0;

@@ -242,8 +242,8 @@ std::string EntityTag(const struct stat& file) {
          Hex(file.st_mtim.tv_sec) + '.' + Hex(file.st_mtim.tv_nsec) + '"';
 }
 
-/// clock_gettime(2), because a reference to time(3) would make the C library
-/// resolve an indirect function at each start.
+/// Returns the current time. Uses clock_gettime(2), because the C library would
+/// have to resolve time(2), an indirect function, at each start.
 sys_seconds Now() {
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);
