@@ -1,6 +1,5 @@
 /// @file
-/// Bodies of forms by chance: mostly sound, with everything in them that makes
-/// parsers stumble.
+/// Random form bodies: mostly valid, with everything that confuses parsers.
 #ifndef ZANCGI_TESTS_PLAIN_BODY_MAKER_H
 #define ZANCGI_TESTS_PLAIN_BODY_MAKER_H
 
@@ -20,7 +19,7 @@ class BodyMaker : Dice {
   BodyMaker(std::uint64_t seed, std::string directory)
       : Dice(seed), directory_(std::move(directory)) {}
 
-  /// Another request each time.
+  /// Returns a different request at each call.
   Request Make() {
     boundary_ = BoundaryValue();
     Request request;
@@ -156,8 +155,8 @@ class BodyMaker : Dice {
     }
   }
 
-  /// How many of a hundred reads are to find nothing. With a boundary the first
-  /// such read seldom leaves anything to compare.
+  /// Returns the percentage of reads without input. With a boundary, the parser
+  /// rarely survives the first such read, so there are few.
   unsigned PauseChance(bool has_boundary) {
     if (has_boundary) return Chance(8) ? 4 : 0;
     return Chance(50) ? 1 + static_cast<unsigned>(Below(60)) : 0;

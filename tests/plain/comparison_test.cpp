@@ -1,5 +1,5 @@
-// The library's parser of POST bodies beside the plain one: by chance, and
-// bodies cut at every place.
+// Compares the library's parser of POST bodies with the plain one: for random
+// bodies, and for bodies cut at every place.
 
 #include <gtest/gtest.h>
 #include <zancgi/testing/child.h>
@@ -37,18 +37,18 @@ constexpr std::size_t kRandomCases = 20'000;
 constexpr std::size_t kRandomCases = 200'000;
 #endif
 constexpr std::size_t kShards = 4;
-/// Of the cases that go on for ever, every so many is shown to.
+/// Of this number of cases that never end, one is verified.
 constexpr std::size_t kSpinSample = 100;
 
 using Counts = std::map<std::string, std::size_t>;
 
-/// Compares case after case, and counts.
+/// Compares one case after the other, and counts.
 class Comparison {
  public:
   Comparison(const Scratch& scratch, Counts& counts)
       : scratch_(scratch), counts_(counts) {}
 
-  /// Does nothing after a failure: one account of a difference is enough.
+  /// Does nothing after a failure: one report of a difference is enough.
   void Check(const Request& request) {
     if (testing::Test::HasFailure()) return;
     ++counts_["cases"];
@@ -59,7 +59,7 @@ class Comparison {
     }
     if (plain.error.empty() && !plain.files.empty()) ++counts_["uploads"];
     if (!plain.error.empty()) ++counts_["errors"];
-    // With reads that find nothing, and an end nevertheless.
+    // Cases that end although some reads return nothing.
     if (plain.sleeps > 0) ++counts_["pauses"];
     const std::string difference = Difference(plain, RunProduct(request));
     EXPECT_EQ(difference, "") << Describe(request);
@@ -81,8 +81,8 @@ class Comparison {
   Counts& counts_;
 };
 
-/// Runs a comparison in a child, which has the time for as many cases as
-/// somebody asks for, and gives what it has counted.
+/// Runs a comparison in a child with a time limit for any number of cases, and
+/// returns its counts.
 template <class Body>
 Counts Compare(const Body& body) {
   const Scratch scratch(support::FastFolder());
@@ -125,7 +125,7 @@ TEST_P(RandomBodies, AreParsedAlike) {
             << " with errors, " << counts["pauses"]
             << " with reads of nothing, " << counts["spins"]
             << " without an end\n";
-  // Or the bodies would prove little.
+  // Otherwise the bodies would prove little.
   EXPECT_GT(counts["uploads"], cases / 10);
   EXPECT_GT(counts["errors"], cases / 50);
   EXPECT_GT(counts["pauses"], cases / 100);
@@ -167,7 +167,7 @@ const NamedBody kBodies[] = {
      "--XY\r\nContent-Disposition: attachment; filename=\"x\"\r\n\r\nskipped"
      "\r\n" +
          Field("a", "1") + kFormEnd},
-    {"BehindTheEnd", kForm,
+    {"AfterTheEnd", kForm,
      Upload("u", "f", "data") + kFormEnd + Upload("u", "f", "more") + kFormEnd},
     {"ManySeparatorBeginnings", kForm,
      Upload("u", "f", "\r\r\n\r\n-\r\n--\r\n--X\r\n--X\r\n--XX\r") + kFormEnd},
@@ -262,8 +262,8 @@ TEST_P(ShortBody, IsParsedAlikeWithTwoCuts) {
 
 INSTANTIATE_TEST_SUITE_P(, ShortBody, testing::ValuesIn(kShortBodies), NameOf);
 
-/// Reads of nothing before these many bytes, twice after them, and once after
-/// as many more.
+/// Returns one empty read before the first bytes, two after them, and one after
+/// the second bytes.
 std::vector<std::size_t> Paused(std::size_t first, std::size_t second) {
   return {0, first, 0, 0, second, 0};
 }
@@ -293,7 +293,7 @@ INSTANTIATE_TEST_SUITE_P(, ReadOfNothing,
                          testing::Values(Nothing::kRead, Nothing::kWouldBlock,
                                          Nothing::kSignal));
 
-TEST(EmptyRead, GoesOnForEverAtEachPlaceWhereItIsSaidTo) {
+TEST(EmptyRead, MakesTheParserSpinAtEachPlace) {
   Counts counts =
       Compare([](Comparison& comparison, const std::string& folder) {
         comparison.spin_sample = 1;

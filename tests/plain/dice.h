@@ -1,5 +1,5 @@
 /// @file
-/// Choices by chance.
+/// Random choices.
 #ifndef ZANCGI_TESTS_PLAIN_DICE_H
 #define ZANCGI_TESTS_PLAIN_DICE_H
 
@@ -22,7 +22,7 @@ class Dice {
 
   std::size_t Below(std::size_t limit) { return random_() % limit; }
 
-  /// One of the texts between the bars.
+  /// Returns one of the texts between the bars.
   std::string OneOf(std::string_view choices) {
     const auto bars = std::count(choices.begin(), choices.end(), '|');
     std::size_t chosen = Below(static_cast<std::size_t>(bars) + 1);

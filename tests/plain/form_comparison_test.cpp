@@ -1,5 +1,5 @@
-// The library's forms and the plain ones: rule by rule, by chance, and cut at
-// every place.
+// Compares the library's Form with the plain one: by rules, for random forms,
+// and for forms cut at every place.
 
 #include <gtest/gtest.h>
 #include <zancgi/testing/child.h>
@@ -37,8 +37,8 @@ constexpr std::size_t kRandomForms = 100'000;
 #endif
 constexpr std::size_t kShards = 4;
 
-/// Runs a body in a child that has a folder for uploads, and the time for as
-/// many forms as somebody asks for.
+/// Runs a body in a child with a folder for uploads and a time limit for any
+/// number of forms.
 void InChild(const std::function<void(const std::string& folder)>& body) {
   const Scratch scratch(support::FastFolder());
   support::RunCleanly(
@@ -46,8 +46,8 @@ void InChild(const std::function<void(const std::string& folder)>& body) {
       [&](const zan_cgi::testing::Reporter&) { body(scratch.Path()); });
 }
 
-/// Refusals may differ in the status: a form that breaks a rule and a limit may
-/// be refused for either.
+/// The status of two refusals may differ: a form that breaks a rule and exceeds
+/// a limit may be refused for either.
 void ExpectAlike(const PlainForm& product, const PlainForm& plain,
                  const FormRequest& request) {
   if (product.status != 0 && plain.status != 0) return;
@@ -92,7 +92,7 @@ TEST_P(RandomForms, AreReadAlike) {
     std::mt19937_64 random(seed);
     for (std::size_t i = 0; i < count && !testing::Test::HasFailure(); ++i) {
       const FormRequest request = maker.Make();
-      // Mostly small pieces, and every size up to the largest.
+      // Usually small pieces, but every size up to the largest.
       const auto sizes = [&] {
         return 1 + random() % (std::size_t{1} << random() % 17);
       };
@@ -105,7 +105,7 @@ TEST_P(RandomForms, AreReadAlike) {
 INSTANTIATE_TEST_SUITE_P(Shard, RandomForms,
                          testing::Range(std::size_t{0}, kShards));
 
-// Or the comparison would prove little.
+// Otherwise the comparison would prove little.
 TEST(MadeForms, AreOfAllKinds) {
   constexpr std::size_t kForms = 20'000;
   FormMaker maker(20261122);
@@ -176,8 +176,8 @@ TEST(SmallForms, AreRefusedWhenTheyEndEarly) {
   });
 }
 
-// What is cut off with its declaration is missed, too, as long as the closing
-// boundary is.
+// The declared length is cut as well, so only a missing closing boundary shows
+// that something is missing.
 TEST(SmallForms, AreReadAlikeWhenTheyAreShorter) {
   InChild([](const std::string& folder) {
     for (FormRequest request : SmallBodies()) {

@@ -1,6 +1,5 @@
 /// @file
-/// Forms by chance: mostly honest ones in odd but allowed spellings, and
-/// damaged ones.
+/// Random forms: mostly valid ones in unusual spellings, and damaged ones.
 #ifndef ZANCGI_TESTS_PLAIN_FORM_MAKER_H
 #define ZANCGI_TESTS_PLAIN_FORM_MAKER_H
 
@@ -20,7 +19,7 @@ class FormMaker : Dice {
  public:
   explicit FormMaker(std::uint64_t seed) : Dice(seed) {}
 
-  /// Another form each time.
+  /// Returns a different form at each call.
   FormRequest Make() {
     FormRequest request = Chance(75)   ? MakeMultipart()
                           : Chance(50) ? MakeEncoded()
@@ -151,7 +150,7 @@ class FormMaker : Dice {
     std::string part =
         "--" + boundary_ + Blanks() + "\r\n" + Headers() + "\r\n";
     const std::string content = Content();
-    // The empty line's break may be that of the delimiter.
+    // The line break of the empty line may belong to the delimiter.
     if (!content.empty() || Chance(80)) part += content + "\r\n";
     return part;
   }
@@ -183,7 +182,7 @@ class FormMaker : Dice {
     return InAnyCase(std::move(name)) + Blanks() + ":" + FoldedBlank();
   }
 
-  /// White space between two words of a header.
+  /// Returns white space between two words of a header.
   std::string FoldedBlank() {
     if (Chance(5)) return OneOf("\r\n |\r\n\t|\r\n \r\n\t ");
     return Chance(85) ? " " : Blanks();
@@ -225,7 +224,7 @@ class FormMaker : Dice {
     std::string text = "\"";
     for (const char byte : value) {
       if (byte == '"' || (byte == '\\' && Chance(75))) text += '\\';
-      // A fold stands for one space.
+      // A folded line break counts as one space.
       text += byte == ' ' && Chance(10) ? "\r\n" + OneOf(" |\t|  ")
                                         : std::string(1, byte);
     }
@@ -252,7 +251,7 @@ class FormMaker : Dice {
     std::string text = InAnyCase(latin ? "ISO-8859-1" : "UTF-8") + "'" +
                        OneOf("|en|de-x") + "'";
     for (std::size_t count = Below(4); count > 0; --count) {
-      // One of the marks is a bar.
+      // OneOf() cannot return these, because they contain a bar.
       text += Chance(25) ? "!#$&+-^_`|~" : OneOf("a|Z9|.txt");
     }
     text += Maybe(50, "%20%2f%22");
@@ -271,7 +270,7 @@ class FormMaker : Dice {
     return Chance(90) ? text : '"' + text + '"';
   }
 
-  /// Bytes, mostly without anything that looks like a delimiter.
+  /// Returns bytes that rarely contain something like a delimiter.
   std::string Content() {
     std::string content;
     for (std::size_t pieces = Below(8); pieces > 0; --pieces) {
@@ -293,14 +292,14 @@ class FormMaker : Dice {
         "Content-Disposition: ");
   }
 
-  /// Small ones, so that they are often about what the form needs.
+  /// Sets small limits, so that many forms are near them.
   void SetLimits(PlainLimits& limits) {
     limits.value = Below(40);
     limits.values = Below(60);
     limits.parts = Below(5);
     limits.header = 40 + Below(80);
     limits.body = static_cast<std::int64_t>(Below(800));
-    // Mostly only one of them.
+    // Usually only one of them.
     const PlainLimits large;
     const std::size_t kept = Below(6);
     if (kept == 5) return;
@@ -349,7 +348,7 @@ class FormMaker : Dice {
         "\r\nContent-Transfer-Encoding: base64|\r\nX|\r\n:");
   }
 
-  /// Changes the line break that follows, or the bytes round it.
+  /// Changes the next line break, or the bytes next to it.
   void WoundLineBreak(std::string& text, std::size_t at) {
     const std::size_t found = text.find("\r\n", at);
     if (found == std::string::npos) return;

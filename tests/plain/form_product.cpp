@@ -34,7 +34,7 @@ PlainForm WhatIsIn(const zan_cgi::Form& form) {
   for (const zan_cgi::Form::Upload& upload : form.uploads()) {
     std::string content = zan_cgi::testing::ReadFile(form.Path(upload));
     if (upload.size != static_cast<std::int64_t>(content.size())) {
-      throw std::runtime_error("an upload has another size than it says");
+      throw std::runtime_error("the size of an upload is wrong");
     }
     plain.uploads.push_back(
         {upload.field, upload.name, upload.type, std::move(content)});
@@ -76,13 +76,13 @@ PlainForm ReadByProduct(const FormRequest& request, const std::string& folder,
             return static_cast<ssize_t>(count);
           },
   });
-  // The library changes it.
+  // Cgi changes the current directory.
   const std::filesystem::path work_dir = std::filesystem::current_path();
   PlainForm form = ReadForm(request, folder);
   std::filesystem::current_path(work_dir);
   support::Replace({});
   if (!std::filesystem::is_empty(folder)) {
-    throw std::runtime_error("an upload is left behind");
+    throw std::runtime_error("the file of an upload was not removed");
   }
   return form;
 }

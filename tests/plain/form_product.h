@@ -1,7 +1,7 @@
 /// @file
-/// The library's own forms, run on what the plain ones are run on.
+/// Runs the library's Form on the requests of the plain parser.
 ///
-/// Belongs into a child process: reads of standard input are answered by it.
+/// Use it in a child process only, because it replaces reads of standard input.
 #ifndef ZANCGI_TESTS_PLAIN_FORM_PRODUCT_H
 #define ZANCGI_TESTS_PLAIN_FORM_PRODUCT_H
 
@@ -13,18 +13,18 @@
 
 namespace plain {
 
-/// How many bytes the next read of standard input may give, at least 1.
+/// Returns the largest size of the next read of standard input, at least 1.
 using ReadSizes = std::function<std::size_t()>;
 
-/// Reads whose sizes are all the same.
+/// Makes all reads the same size.
 inline ReadSizes Always(std::size_t size) {
   return [size] { return size; };
 }
 
 /// Reads the request's form with zan_cgi::Form.
-/// @param folder  where its uploads go
-/// @throws std::runtime_error  an upload has another size than it says, or is
-///   left behind
+/// @param folder  the folder for its uploads
+/// @throws std::runtime_error  the size of an upload is wrong, or its file was
+///   not removed
 PlainForm ReadByProduct(const FormRequest& request, const std::string& folder,
                         const ReadSizes& sizes);
 

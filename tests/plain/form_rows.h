@@ -1,5 +1,5 @@
 /// @file
-/// What comes of a form, rule by rule. Every parser of forms must agree.
+/// The expected result of each rule for forms. Every parser must agree.
 #ifndef ZANCGI_TESTS_PLAIN_FORM_ROWS_H
 #define ZANCGI_TESTS_PLAIN_FORM_ROWS_H
 
@@ -50,7 +50,7 @@ struct FormTable {
   std::string name;
   std::vector<FormRow> rows;
 
-  /// Adds requests that are made of these texts and come to the same form.
+  /// Adds requests made of these texts, which all give the same form.
   void Add(const PlainForm& form, const Maker& make,
            std::initializer_list<std::string> texts) {
     for (const std::string& text : texts) rows.push_back({make(text), form});
@@ -84,7 +84,7 @@ inline PlainForm Taken(std::vector<PlainField> fields,
 
 inline PlainForm Refused(int status) { return {status, {}, {}}; }
 
-/// What most rows come to.
+/// The usual results.
 inline const PlainForm kOne = Taken({{"a", "1"}});
 inline const PlainForm kMalformed = Refused(400);
 inline const PlainForm kTooLarge = Refused(413);
@@ -130,7 +130,7 @@ FormRequest Within(Limit PlainLimits::*limit, Limit value,
 inline const std::string kDisposition =
     "Content-Disposition: form-data; name=a\r\n";
 
-/// A part with these header lines, up to the next delimiter.
+/// Returns a part with these header lines, up to the next delimiter.
 inline std::string PartWith(const std::string& header_lines,
                             const std::string& content) {
   return "--XY\r\n" + header_lines + "\r\n" + content + "\r\n";
@@ -149,12 +149,12 @@ inline std::string UploadPart(const std::string& field, const std::string& name,
                   content);
 }
 
-/// A form of one part with these header lines and the content "1".
+/// Returns a form of one part with these header lines and the content "1".
 inline FormRequest OnePart(const std::string& header_lines) {
   return Multipart(PartWith(header_lines, "1") + "--XY--\r\n");
 }
 
-/// The field a=1 with this line among its headers.
+/// Returns the field a=1 with this line among its headers.
 inline FormRequest LineBefore(const std::string& line) {
   return OnePart(line + "\r\n" + kDisposition);
 }
@@ -162,29 +162,29 @@ inline FormRequest LineAfter(const std::string& line) {
   return OnePart(kDisposition + line + "\r\n");
 }
 
-/// A form of one part with this disposition and the content "1".
+/// Returns a form of one part with this disposition and the content "1".
 inline FormRequest Disposed(const std::string& disposition) {
   return OnePart("Content-Disposition: " + disposition + "\r\n");
 }
 
-/// The same of the field "a" with these further parameters.
+/// The same for the field "a" with these additional parameters.
 inline FormRequest DisposedA(const std::string& parameters) {
   return Disposed("form-data; name=a" + parameters);
 }
 
-/// The same with this extended name of a file.
+/// The same with this extended file name.
 inline FormRequest ExtendedName(const std::string& name) {
   return DisposedA("; filename*=" + name);
 }
 
-/// A field a=1 whose value is followed by these bytes instead of a line break
-/// and the closing delimiter.
+/// Returns a field a=1 with these bytes after its value, in place of a line
+/// break and the closing delimiter.
 inline FormRequest FieldAnd(const std::string& rest) {
   return Multipart("--XY\r\n" + kDisposition + "\r\n1" + rest);
 }
 
-/// The field a=1 with this boundary, which the content type gives with these
-/// bytes after "multipart/form-data".
+/// Returns the field a=1 with this boundary. In the content type, these bytes
+/// follow "multipart/form-data".
 inline FormRequest Announced(const std::string& parameters,
                              const std::string& boundary) {
   return PostOfType("multipart/form-data" + parameters,
@@ -215,7 +215,7 @@ inline FormTable WhereTheFormIs() {
   cut_epilogue.body.pop_back();
   FormRequest put = Encoded("a=1");
   put.method = "PUT";
-  // Methods depend on case.
+  // Methods are case-sensitive.
   FormRequest lower_case_get = post_with_query;
   lower_case_get.method = "get";
   FormTable table = {"WhereTheFormIs",
@@ -240,7 +240,7 @@ inline FormTable WhereTheFormIs() {
   };
   table.Add(Taken({}), without_body, {"", " \t"});
   table.Add(kWrongType, without_body, {"text/plain", "; boundary=XY"});
-  // Parameters of this type are not looked at.
+  // Parameters of this type are ignored.
   table.Add(kOne,
             [](const std::string& type) { return PostOfType(type, "a=1"); },
             {"APPLICATION/X-WWW-Form-URLencoded", " \t" + encoded + "\t ",
@@ -276,7 +276,7 @@ inline FormTable EncodedForms() {
        // Escapes are decoded once.
        {Encoded("a=%2541%252b"), Taken({{"a", "%41%2b"}})},
        {Encoded("a=1%002&%00=3"), Taken({{"a", "1\0002"s}, {"\0"s, "3"}})},
-       // Bytes are not converted, and blanks stay.
+       // Bytes are not converted, and blanks are kept.
        {Encoded("\xe4=\xff%fe\r\n%0d%0A"),
         Taken({{"\xe4", "\xff\xfe\r\n\r\n"}})},
        {Encoded(" a = 1 \t"), Taken({{" a ", " 1 \t"}})},
@@ -289,7 +289,7 @@ inline FormTable Boundaries() {
   FormTable table = {
       "Boundaries",
       {{Announced(R"(; boundary="X\"\\\Y")", "X\"\\Y"), kOne},
-       // Single quotes are its own.
+       // Single quotes are part of it.
        {Announced("; boundary='XY'", "'XY'"), kOne},
        {Announced("; boundary=\"a b;c=d\"", "a b;c=d"), kOne},
        {Announced("; boundary=a/b:c=d?(e)@<\\>,\xe4", "a/b:c=d?(e)@<\\>,\xe4"),
@@ -301,7 +301,7 @@ inline FormTable Boundaries() {
        {Announced("; boundary=x" + longest, "x" + longest), kMalformed},
        {Announced("; boundary=", ""), kMalformed},
        {Announced("; boundary=\"\"", ""), kMalformed},
-       // It ends in a space, or holds a control byte.
+       // It ends in a space or contains a control byte.
        {Announced("; boundary=\"XY \"", "XY "), kMalformed},
        {Announced("; boundary=\"X\tY\"", "X\tY"), kMalformed},
        {Announced("; boundary=\"X\\\x01Y\"", "X\x01Y"), kMalformed},
@@ -318,7 +318,7 @@ inline FormTable Boundaries() {
              "; charset=\"\"; boundary=XY", "; x=; boundary=XY"});
   table.Add(
       kMalformed, AnnouncedXy,
-      {// The value depends on case.
+      {// The value is case-sensitive.
        "; boundary=xy",
        // None, or two.
        "", "; xboundary=XY", "; x=\"; boundary=XY\"",
@@ -352,7 +352,7 @@ inline FormTable Delimiters() {
         Taken({{"a", "1"}, {"a", "2"}})},
        {FieldAnd("\r\r\n--XY--\r\n"), value("1\r")},
        {FieldAnd("\r\n\r\n--XY--\r\n"), value("1\r\n")},
-       // In the middle of a line it is none, nor is half of it, nor another.
+       // Not in the middle of a line, not half of it, not another one.
        {FieldAnd("--XY--\n \r--\r\n--XY--\r\n"), value("1--XY--\n \r--")},
        {FieldAnd("\r\n--X\r\n--\r\n-\r\n\r\r\n--XY--\r\n"),
         value("1\r\n--X\r\n--\r\n-\r\n\r")},
@@ -368,7 +368,7 @@ inline FormTable Delimiters() {
         value("1\r\n--X")},
        // A preamble without a line break hides the part.
        {Multipart("x" + fits), Taken({})},
-       // The empty line is the delimiter's own.
+       // The empty line belongs to the delimiter.
        {Multipart(headers + "\r\n--XY--\r\n"), value("")},
        {Multipart(headers + "\r\n" + fits), Taken({{"a", ""}, {"a", "1"}})},
        {Multipart(headers + "\r\n\r\n--XY--\r\n"), value("")},
@@ -377,7 +377,7 @@ inline FormTable Delimiters() {
             "multipart/form-data; boundary=\"X:Y\"",
             "--X:Y\r\n--X:Y\r\n" + kDisposition + "\r\n1\r\n--X:Y--\r\n"),
         kMalformed},
-       // Any other byte stays.
+       // Any other byte is kept.
        {FieldAnd("\n2\r3\r\n4\n\r\n--XY--"), value("1\n2\r3\r\n4\n")},
        {FieldAnd(halves + "\r\n--XY--\r\n"), value("1" + halves)},
        {FieldAnd("\0\xff\x1a\r\n--XY--"s), value("1\0\xff\x1a"s)}}};
@@ -387,12 +387,12 @@ inline FormTable Delimiters() {
              "\r\n--XY--\r\nignored\r\n", "\r\n--XY-- \r\n\r\n",
              "\r\n--XY--\r\n--XYZ\n--XY\r--XY\r\n--XY--x" + field});
   table.Add(kMalformed, FieldAnd,
-            {// No closing one.
+            {// No closing delimiter.
              "\r\n", "\r\n--XY\r\n", "\r\n--XY --\r\n", "\r\n--xy--\r\n",
              "\r\n-XY--\r\n", "\r\n --XY--\r\n",
-             // It is cut.
+             // The closing delimiter is cut.
              "\r\n--XY", "\r\n--XY-", "\r\n--XY--\r", "\r\n--XY--\n",
-             // More in its line.
+             // More text in its line.
              "\r\n--XYZ\r\n\r\n--XY--\r\n", "\r\n--XY \tx\r\n--XY--\r\n",
              "\r\n--XYX: y\r\n" + second, "\r\n--XY " + second,
              "\r\n--XY--X: y\r\n" + second, "\r\n--XY-\r\n--XY--\r\n",
@@ -401,7 +401,7 @@ inline FormTable Delimiters() {
              "\n--XY--\r\n", "\r--XY--\r\n", "\n--XYZ\r\n--XY--\r\n",
              "\r--XYZ\r\n--XY--\r\n", "\r\n\n--XYZ\r\n--XY--\r\n",
              "\n\r--XYZ\r\n--XY--\r\n", " --XY--\r\n--XYZ",
-             // Of a form inside whose boundary begins alike.
+             // A nested form whose boundary begins with this one.
              "\r\n--XYXY\r\n--XYXY--\r\n--XY--\r\n"});
   table.Add(kOne, Multipart,
             {"--XY \t \r\n" + kDisposition + "\r\n1\r\n--XY--\t \r\n",
@@ -451,7 +451,7 @@ inline FormTable PartHeaders() {
              "Content-Disposition: form-data; name=a \t\r\n",
              "X-Y: z\r\n" + kDisposition +
                  "Content-Length: 5\r\nX-Y: z\r\nEmpty:\r\n",
-             // Folded ones.
+             // Folded headers.
              "Content-Disposition: form-data;\r\n name=a\r\n",
              "Content-Disposition:\r\n\tform-data;\r\n\tname=a\r\n",
              "Content-Disposition: form-data;\r\n \r\n name=a\r\n"});
@@ -482,7 +482,7 @@ inline FormTable PartHeaders() {
   table.Add(kMalformed, of_upload,
             {"Content-Type: a/b\r\ncontent-type: a/b", encoding + "base64"});
   table.Add(kMalformed, Multipart,
-            {// A line of blanks does not end them, nor do bare line feeds.
+            {// Neither a line of blanks nor bare line feeds end them.
              "--XY\r\n" + kDisposition + " \r\n1\r\n--XY--",
              "--XY\r\nContent-Disposition: form-data; name=a\n\n1\r\n"
              "--XY--\r\n",
@@ -507,7 +507,7 @@ inline FormTable Dispositions() {
        {Disposed("form-data; name=\"a; filename=b\""), named("a; filename=b")},
        {Disposed("form-data; name=\" \ta \""), named(" \ta ")},
        {Disposed("form-data; name=\"\x01\x7f\""), named("\x01\x7f")},
-       // Percent signs are no escapes, and of backslashes only two kinds.
+       // Percent signs are no escapes; a backslash escapes two characters.
        {Disposed("form-data; name=\"%22%0D%0A\""), named("%22%0D%0A")},
        {Disposed(R"(form-data; name="\"\\\\\"")"), named(R"("\\")")},
        {DisposedA(R"(; filename="C:\dir\new.txt")"), file(R"(C:\dir\new.txt)")},
@@ -515,7 +515,7 @@ inline FormTable Dispositions() {
        {Disposed("form-data; filename=\"../\xe4\xc3\xa4/f\"; name=a"),
         file("../\xe4\xc3\xa4/f")},
        {DisposedA("; FileName=f"), file("f")},
-       // An empty file name with bytes is one.
+       // An empty file name with content is an upload.
        {DisposedA("; filename=\"\""), file("")},
        {Multipart(UploadPart("a", "", "") + "--XY--"), Taken({})},
        {Multipart(UploadPart("a", "f", "") + "--XY--"),
@@ -535,7 +535,7 @@ inline FormTable Dispositions() {
                            "") +
                   "--XY--"),
         Taken({})},
-       // A plain name beats the extended one.
+       // A plain name takes precedence over an extended one.
        {DisposedA("; filename*=UTF-8''e; filename=f"), file("f")},
        {DisposedA("; filename=f; filename*=KOI8-R''%00%"), file("f")},
        {ExtendedName("UTF-8''%f0%90%80%80"), file("\xf0\x90\x80\x80")},
@@ -566,21 +566,21 @@ inline FormTable Dispositions() {
        "; filename*=UTF-8''e; filename*=UTF-8''e"});
   table.Add(kMalformed, ExtendedName,
             {"UTF-16''f", "''f", "UTF-8'f", "f", "UTF-8''a'b", "\"UTF-8''f\"",
-             // What must be escaped, and bad escapes.
+             // Characters that need an escape, and invalid escapes.
              "UTF-8''a/b", "UTF-8''\xc3\xa4", "UTF-8''%zz", "UTF-8''a%4",
              "UTF-8''a%00", "ISO-8859-1''%00",
-             // Bytes that are not UTF-8, or not all of it.
+             // Invalid or incomplete UTF-8.
              "UTF-8''%e4", "UTF-8''%e2%82", "UTF-8''%c3x", "UTF-8''%e2%82x",
              "UTF-8''%f0%90%80x",
-             // Longer than necessary.
+             // Overlong forms.
              "UTF-8''%c0%af", "UTF-8''%e0%9f%bf", "UTF-8''%f0%8f%bf%bf",
              // A surrogate, and beyond the last character.
              "UTF-8''%ed%a0%80", "UTF-8''%f4%90%80%80"});
   return table;
 }
 
-/// A request, a limit that it keeps, what comes of it, and that it is refused
-/// if the limit is less by one.
+/// A request at its limit and the expected form. With a limit less by one it is
+/// refused.
 template <class Limit>
 void AddLimit(FormTable& table, Limit PlainLimits::*limit, Limit value,
               const FormRequest& request, const PlainForm& form) {
@@ -629,7 +629,7 @@ inline FormTable Limits() {
        {Within(body, std::int64_t{2}, Declaring(3, Encoded("a="))), kTooLarge},
        {Within(body, std::int64_t{0}, Query("GET", "a=1")), kOne},
        {Within(value, size(3), Query("GET", "a=1234")), kTooLarge},
-       // That of values is neither for names of parts nor for uploads.
+       // The limit of a value applies neither to names of parts nor to uploads.
        {Within(value, size(1), Multipart(FieldPart("name", "1") + "--XY--")),
         Taken({{"name", "1"}})},
        {Within(value, size(0), upload), upload_taken},
@@ -651,7 +651,7 @@ inline FormTable Limits() {
            Taken({{"a", "1"}, {"b", ""}, {"cd", " "}}));
   AddLimit(table, values, size(9), field, field_taken);
   AddLimit(table, values, size(12), upload, upload_taken);
-  // Those of empty file inputs do not count, but their parts do.
+  // Names of empty file inputs do not count, but their parts do.
   AddLimit(table, values, size(4), three, three_taken);
   AddLimit(table, parts, size(3), three, three_taken);
   AddLimit(table, parts, size(2), Encoded("&a=1&&b&"),

@@ -61,7 +61,7 @@ std::string LowerCase(std::string_view text) {
   return lower;
 }
 
-/// Adds up what the limits `parts` and `values` are about.
+/// Sums of what the limits `parts` and `values` restrict.
 class Amounts {
  public:
   explicit Amounts(const PlainLimits& limits) : limits_(limits) {}
@@ -99,10 +99,10 @@ PlainForm ParseUrlEncoded(std::string_view text, const PlainLimits& limits) {
 
 // Headers.
 
-/// What a backslash in a quoted string escapes.
+/// Which characters a backslash in a quoted string escapes.
 enum class Escapes {
   kAnyByte,
-  /// Another backslash stands for itself: old clients send paths.
+  /// Other backslashes are literal: old clients send paths.
   kQuoteAndBackslash,
 };
 
@@ -150,12 +150,12 @@ Parameter TakeParameter(std::string_view& rest, Escapes escapes) {
   return parameter;
 }
 
-/// What is before the first ";", in lower case.
+/// Returns the text before the first ";", in lower case.
 std::string LeadingValue(std::string_view text) {
   return LowerCase(WithoutBlanksAround(TakeWord(text, ";")));
 }
 
-/// What is after the first ";".
+/// Returns the parameters after the first ";".
 std::vector<Parameter> ParametersOf(std::string_view rest, Escapes escapes) {
   std::vector<Parameter> parameters;
   TakeWord(rest, ";");
@@ -170,8 +170,8 @@ std::vector<Parameter> ParametersOf(std::string_view rest, Escapes escapes) {
   }
 }
 
-/// Null when there is none. What the parameters that nobody looks at are called
-/// does not matter.
+/// Returns the parameter of this name, which must not repeat; null if there is
+/// none.
 const Parameter* Only(const std::vector<Parameter>& parameters,
                       std::string_view name) {
   const Parameter* only = nullptr;
@@ -199,7 +199,7 @@ std::string Utf8OfLatin1(const std::string& text) {
   return utf8;
 }
 
-/// How many bytes the first character has (RFC 3629, section 4); 0 when it is
+/// Returns the length of the first character (RFC 3629, section 4); 0 if it is
 /// malformed.
 std::size_t LengthOfUtf8Character(std::string_view text) {
   const auto at = [&](std::size_t i) {
@@ -212,13 +212,13 @@ std::size_t LengthOfUtf8Character(std::string_view text) {
   if (lead < 0x80) return 1;
   if (lead >= 0xc2 && lead <= 0xdf) return follows(1) ? 2 : 0;
   if (lead >= 0xe0 && lead <= 0xef) {
-    // Longer than necessary, or a surrogate.
+    // Overlong, or a surrogate.
     if (lead == 0xe0 && at(1) < 0xa0) return 0;
     if (lead == 0xed && at(1) > 0x9f) return 0;
     return follows(1) && follows(2) ? 3 : 0;
   }
   if (lead >= 0xf0 && lead <= 0xf4) {
-    // Longer than necessary, or beyond U+10FFFF.
+    // Overlong, or beyond U+10FFFF.
     if (lead == 0xf0 && at(1) < 0x90) return 0;
     if (lead == 0xf4 && at(1) > 0x8f) return 0;
     return follows(1) && follows(2) && follows(3) ? 4 : 0;
@@ -297,7 +297,7 @@ struct Delimiter {
 bool StartsLine(const std::string& body, std::size_t at) {
   if (at == 0) return true;
   const char before = body[at - 1];
-  // Nothing that looks like a delimiter may follow half a line break.
+  // Half a line break before something like a delimiter is malformed.
   Require(before != '\r');
   if (before != '\n') return false;
   Require(at >= 2 && body[at - 2] == '\r');
@@ -315,7 +315,7 @@ Delimiter DelimiterAt(const std::string& body, std::size_t begin,
   return {begin, at + 2, closes};
 }
 
-/// All delimiters up to the closing one.
+/// Returns all delimiters up to the closing one.
 std::vector<Delimiter> DelimitersOf(const std::string& body,
                                     const std::string& boundary) {
   const std::string dash_boundary = "--" + boundary;
@@ -358,8 +358,8 @@ struct Part {
   std::string content;
 };
 
-/// @param text  from the end of one delimiter to the beginning of the next, the
-///   line break before which belongs to it
+/// @param text  from the end of one delimiter to the beginning of the next. The
+///   line break before a delimiter belongs to it.
 Part ParsePart(const std::string& text, const PlainLimits& limits) {
   Part part;
   std::size_t at = 0;
@@ -372,7 +372,7 @@ Part ParsePart(const std::string& text, const PlainLimits& limits) {
     AddHeaderLine(line, part.headers);
   }
   RequireWithin(at, limits.header);
-  // The empty line's break may be that of the delimiter.
+  // The line break of the empty line may belong to the delimiter.
   if (at < text.size()) part.content = text.substr(at, text.size() - at - 2);
   return part;
 }
@@ -413,7 +413,7 @@ void AddField(const PlainField& field, const PlainLimits& limits,
 }
 
 void AddUpload(const PlainUpload& upload, Amounts& amounts, PlainForm& form) {
-  // A file input in which nothing was chosen.
+  // A file input without a chosen file.
   if (upload.name.empty() && upload.content.empty()) return;
   amounts.AddText(upload.field);
   amounts.AddText(upload.name);

@@ -1,7 +1,7 @@
 /// @file
-/// The rules for forms, written a second time from the public standards and as
-/// plainly as possible: what zan_cgi::Form is compared with. Shares no code
-/// with the library and does no input or output.
+/// A second, simple implementation of the rules for forms, written from the
+/// public standards, for comparison with zan_cgi::Form. It shares no code with
+/// the library and does no input or output.
 #ifndef ZANCGI_TESTS_PLAIN_PLAIN_FORM_H
 #define ZANCGI_TESTS_PLAIN_PLAIN_FORM_H
 
@@ -29,8 +29,8 @@ struct PlainUpload {
 };
 
 struct PlainForm {
-  /// 0 when the form is taken, otherwise 400, 413 or 415; fields and uploads
-  /// are then empty.
+  /// 0 if the form is accepted. Otherwise 400, 413 or 415, without fields and
+  /// uploads.
   int status = 0;
   std::vector<PlainField> fields;
   std::vector<PlainUpload> uploads;
@@ -38,8 +38,7 @@ struct PlainForm {
   friend bool operator==(const PlainForm&, const PlainForm&) = default;
 };
 
-/// Those of zan_cgi::Form::Limits that do not depend on time, with the same
-/// meanings.
+/// The limits of zan_cgi::Form::Limits except time.
 struct PlainLimits {
   std::int64_t body = 100 * 1024 * 1024;
   std::size_t value = 1024 * 1024;
@@ -48,18 +47,18 @@ struct PlainLimits {
   std::size_t header = 16 * 1024;
 };
 
-/// What a client sends, and how much of it is taken.
+/// What a client sends, and the limits for it.
 struct FormRequest {
   std::string method = "POST";
   std::string content_type;
   std::string query;
-  /// What arrives.
+  /// The bytes that arrive.
   std::string body;
   std::int64_t declared_length = 0;
   PlainLimits limits;
 };
 
-/// Of a GET or HEAD the form is the query string, of any other method the body:
+/// Parses the query string of a GET or HEAD, or the body of any other method:
 /// URL-encoded (URL Standard, section 5.1) or multipart (RFC 7578, RFC 2046,
 /// RFC 8187).
 PlainForm ParsePlainForm(const FormRequest& request);

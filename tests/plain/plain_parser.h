@@ -1,7 +1,7 @@
 /// @file
-/// The rules for the body of a POST, written a second time and as plainly as
-/// possible: what the library's parser is compared with. Shares no code with
-/// the library and does no input or output.
+/// A second, simple implementation of the rules for the body of a POST, for
+/// comparison with the library's parser. It shares no code with the library and
+/// does no input or output.
 #ifndef ZANCGI_TESTS_PLAIN_PLAIN_PARSER_H
 #define ZANCGI_TESTS_PLAIN_PLAIN_PARSER_H
 
@@ -14,9 +14,9 @@
 
 namespace plain {
 
-/// Why a read finds nothing.
+/// Why a read returns nothing.
 enum class Nothing {
-  /// The read itself gives 0 bytes.
+  /// The read returns 0 bytes.
   kRead,
   /// The read would block (EAGAIN).
   kWouldBlock,
@@ -24,17 +24,17 @@ enum class Nothing {
   kSignal,
 };
 
-/// What standard input gives.
+/// The script of standard input.
 struct Input {
   std::string bytes;
-  /// What successive reads give: each as many bytes as it says, but no more
-  /// than are asked for and left; 0 is a read that finds nothing. After these,
-  /// reads give as much as is asked for and left.
+  /// The sizes of successive reads; 0 is a read that returns nothing. A read
+  /// never returns more than was requested or is left. Further reads return as
+  /// much as possible.
   std::vector<std::size_t> reads;
   /// The reason for each 0 among the reads.
   Nothing nothing = Nothing::kRead;
-  /// What a read gives when no bytes are left: -1 after a hang-up, otherwise 0,
-  /// for ever.
+  /// Whether a read without bytes left fails because of a hang-up. Otherwise
+  /// each such read returns 0.
   bool hangs_up = true;
 };
 
@@ -43,15 +43,15 @@ struct Request {
   std::string content_type;
   /// The record's temporary directory before the parse; may be empty.
   std::string tmp_dir;
-  /// The environment variable TMP; empty is unset.
+  /// The environment variable TMP; unset if empty.
   std::string tmp;
-  /// What the file system of the temporary directory has free, in bytes.
+  /// Free bytes in the file system of the temporary directory.
   std::uint64_t free_space = UINT64_MAX;
-  /// The query for the free space fails.
+  /// Whether the query for the free space fails.
   bool free_space_fails = false;
   /// Whether temporary files can be opened.
   bool files_open = true;
-  /// No file grows beyond this: the write that would make it larger fails.
+  /// The size limit of files: a write beyond it fails.
   std::uint64_t file_limit = UINT64_MAX;
   Input input;
 };
@@ -59,18 +59,17 @@ struct Request {
 struct File {
   std::string content;
   std::int64_t size = 0;
-  /// It has not been removed again, nor failed to be opened.
+  /// Whether it was opened and not removed again.
   bool exists = false;
 
   friend bool operator==(const File&, const File&) = default;
 };
 
-/// What the parse leaves behind.
+/// The results of a parse.
 struct Outcome {
-  /// It would go on for ever; the rest is then how far it got.
+  /// Whether it would run without end. The rest is then its state so far.
   bool spins = false;
-  /// The text of the std::runtime_error that ended it; empty when there was
-  /// none.
+  /// The text of the std::runtime_error that ended it; empty if there was none.
   std::string error;
   std::map<std::string, std::string> params;
   /// By client file name.
@@ -80,8 +79,8 @@ struct Outcome {
   std::size_t bytes_read = 0;
   /// Calls of Sleep(100).
   unsigned sleeps = 0;
-  /// Level and text of each log line, in order, all levels being enabled. The
-  /// line in "zancgi.cpp:1" is "#", a temporary file's name is "FILE".
+  /// Level and text of each log line, in order, with all levels enabled. The
+  /// line number in "zancgi.cpp:1" becomes "#", a temporary file's name "FILE".
   std::vector<std::pair<int, std::string>> log;
 };
 

@@ -45,7 +45,7 @@ std::int64_t Int64(std::string_view text) {
   }
   std::int64_t value = 0;
   for (const char byte : text) {
-    // Counted below zero, where there is room for one number more.
+    // Computed as a negative number, because there is one more of these.
     const int digit = byte - '0';
     if (value < (kMin + digit) / 10) return negative ? kMin : kMax;
     value = value * 10 - digit;

@@ -1,7 +1,6 @@
 /// @file
-/// What the plain parser does with text: its own versions of what the base
-/// library does for the library's parser. White space, numbers and escapes are
-/// ASCII; nothing depends on the locale.
+/// Text functions of the plain parser, in place of those of the base library.
+/// White space, numbers and escapes are ASCII; nothing depends on the locale.
 #ifndef ZANCGI_TESTS_PLAIN_PLAIN_WORDS_H
 #define ZANCGI_TESTS_PLAIN_PLAIN_WORDS_H
 
@@ -11,22 +10,24 @@
 
 namespace plain {
 
-/// Takes the text before the first @p delimiter off @p source, and the
-/// delimiter with it; all of it when there is no delimiter.
+/// Removes the text before the first @p delimiter from @p source, and the
+/// delimiter, and returns the text. Without a delimiter it is all of the
+/// source.
 std::string_view TakeWord(std::string_view& source, std::string_view delimiter);
 
-/// Without blanks, tabs, CR and LF at both ends.
+/// Removes blanks, tabs, CR and LF at both ends.
 std::string_view Trim(std::string_view text);
 
-/// A decimal number with an optional sign and blanks around it; 0 for anything
-/// else, and the nearest value when it is out of range.
+/// Returns a decimal number, which may have a sign and blanks around it.
+/// Returns 0 for anything else, and the nearest value for a number out of
+/// range.
 std::int64_t Int64(std::string_view text);
 
-/// The value of a hexadecimal digit, or -1.
+/// Returns the value of a hexadecimal digit, or -1.
 int HexValue(char digit);
 
-/// "%XX" becomes the byte and "+" a blank. A '%' that two hexadecimal digits do
-/// not follow stands for itself.
+/// Decodes "%XX" to the byte and "+" to a blank. A "%" without two hexadecimal
+/// digits stays as it is.
 std::string UrlDecode(std::string_view text);
 
 }  // namespace plain

@@ -29,13 +29,13 @@
 namespace plain {
 namespace {
 
-/// More log lines than any request has whose parse ends.
+/// More log lines than any request that ends can cause.
 constexpr std::size_t kTooManyLines = 20'000;
 
-/// Thrown at so many lines, before they fill the memory.
+/// Thrown at this number of lines, before they fill the memory.
 struct TooManyLines {};
 
-/// What the running parse has left to read, and what it has caused.
+/// The input of the running parse and its results so far.
 struct Script {
   const Request* request = nullptr;
   std::size_t next_read = 0;
@@ -74,13 +74,13 @@ ssize_t ReadScripted(void* buffer, std::size_t size) {
     errno = EAGAIN;
     return -1;
   }
-  // As the kernel does for a length that is no length.
+  // The kernel does the same for a length that is too large.
   if (static_cast<ssize_t>(size) < 0) {
     errno = EFAULT;
     return -1;
   }
   const std::size_t count = std::min({most, size, BytesLeft()});
-  // A sanitizer sees a buffer that is smaller than it was said to be.
+  // Lets a sanitizer detect a buffer smaller than the given size.
   if (size > 0) static_cast<volatile char*>(buffer)[size - 1];
   script.request->input.bytes.copy(static_cast<char*>(buffer), count,
                                    script.outcome->bytes_read);
@@ -88,7 +88,7 @@ ssize_t ReadScripted(void* buffer, std::size_t size) {
   return static_cast<ssize_t>(count);
 }
 
-/// Log lines without what differs from run to run.
+/// Replaces the parts of a log line that differ from run to run.
 std::string Normalized(const std::string& text) {
   constexpr char kNewFile[] = "ParseInput Creating new file ";
   for (const std::string unit : {"zancgi.cpp:", "zancgi_unix.cpp:"}) {

@@ -1,8 +1,8 @@
 /// @file
-/// The library's own parser, run on what the plain one is run on.
+/// Runs the library's parser on the requests of the plain parser.
 ///
-/// Belongs into a child process: what the parser calls of the system and of the
-/// base library is answered by a script.
+/// Use it in a child process only, because it replaces calls of the system and
+/// of the base library.
 #ifndef ZANCGI_TESTS_PLAIN_PRODUCT_H
 #define ZANCGI_TESTS_PLAIN_PRODUCT_H
 
@@ -12,18 +12,18 @@
 
 namespace plain {
 
-/// Runs Data::ParseInput() to its end. It may spin only where each pass writes
-/// a log line, since only that is noticed.
+/// Runs Data::ParseInput() to its end. A parser that spins is only detected if
+/// each pass writes a log line.
 Outcome RunProduct(const Request& request);
 
 /// Returns whether the parser writes log lines without end or is still busy
 /// after 20 ms of processor time, in a process of its own.
 bool ProductSpins(const Request& request);
 
-/// A readable account of what differs; empty when nothing does.
+/// Describes the differences; empty if there are none.
 std::string Difference(const Outcome& plain, const Outcome& product);
 
-/// The request in the form of a C++ initializer, for a test that repeats it.
+/// Describes the request, so that a test can repeat it.
 std::string Describe(const Request& request);
 
 }  // namespace plain
