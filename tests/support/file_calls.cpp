@@ -98,6 +98,15 @@ extern "C" ssize_t WatchedWrite(int fd, const void* buf, size_t size) {
   return Pass<ssize_t>("write", "", fd, buf, size);
 }
 
+/// The descriptor is closed also when the call fails, as the kernel does it.
+extern "C" int close(int fd) {
+  if (IsLet("close", "")) return CallReal<int>("close", fd);
+  const int error = errno;
+  CallReal<int>("close", fd);
+  errno = error;
+  return -1;
+}
+
 extern "C" int WatchedPoll(pollfd* fds, nfds_t nfds,
                            int timeout) __asm__("poll");
 

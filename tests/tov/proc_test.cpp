@@ -30,6 +30,15 @@ TEST(Sleep, LastsAsLongAsAsked) {
   }
 }
 
+TEST(Sleep, LastsAsLongAsAskedPastAFullSecondOfTheClock) {
+  const auto ends_soon = [] {
+    return Clock::now().time_since_epoch() % std::chrono::seconds(1) >
+           std::chrono::milliseconds(900);
+  };
+  while (!ends_soon()) tov_proc::Sleep(10);
+  EXPECT_GE(MillisecondsAsleep(150), 150);
+}
+
 TEST(Sleep, OfNothingReturnsAtOnce) { EXPECT_LT(MillisecondsAsleep(0), 100); }
 
 TEST(Sleep, LastsAsLongAsAskedInASignalStorm) {

@@ -51,6 +51,28 @@ Strings FilesOf(const Cgi& cgi) {
   return names;
 }
 
+TEST(Form, FindsFieldsByTheirNames) {
+  Serve(Field("a", "1") + Field("b", "") + Upload("u", "f.txt", "x") +
+            Field("a", "2") + kFormEnd,
+        [](Cgi& cgi) {
+          const Form original(cgi);
+          Form form = original;
+          form = original;
+          for (const auto& [name, values] :
+               std::vector<std::pair<std::string, Strings>>{{"a", {"1", "2"}},
+                                                            {"b", {""}},
+                                                            {"A", {}},
+                                                            {"u", {}},
+                                                            {"f.txt", {}},
+                                                            {"", {}}}) {
+            SCOPED_TRACE(name);
+            EXPECT_EQ(form.Has(name), !values.empty());
+            EXPECT_EQ(form.Values(name), values);
+            EXPECT_EQ(form.Value(name), values.empty() ? "" : values[0]);
+          }
+        });
+}
+
 TEST(CgiAfterAForm, AnswersFromIt) {
   Serve(Field("b", "1") + Upload("u", "f.txt", "one") + Field("a", "2") +
             Field("b", "3") + Upload("v", "g.txt", "three") + Field("b", "") +
