@@ -1,8 +1,8 @@
-"""Writes the completions of bash for the tools, from their own option tables.
+"""Writes the bash completions of the tools from their option tables.
 
     completion.py FOLDER
 
-Each file is named after its tool, as bash-completion wants it.
+Each file has the name of its tool, as bash-completion requires.
 """
 
 import pathlib
@@ -15,7 +15,7 @@ from zancgi_doctor.catalogue import CHECKS, GROUPS  # noqa: E402
 from zancgi_doctor.cli import make_parser  # noqa: E402
 from zancgi_request.options import OPTIONS, SERVERS, STDIN_KINDS  # noqa: E402
 
-# What can be said after an option, where that is a choice.
+# The values of options that are a choice.
 CHOICES = {
     "--check": (*sorted(GROUPS), *CHECKS),
     "--server": SERVERS,
@@ -26,7 +26,7 @@ TEMPLATE = """\
 # bash completion for {tool}, made from its options
 _{function}() {{
   local word=${{COMP_WORDS[COMP_CWORD]}} before=${{COMP_WORDS[COMP_CWORD - 1]}}
-  # bash takes "--option=value" for three words.
+  # bash splits "--option=value" into three words.
   if [[ $word == "=" ]]; then
     word=
   elif [[ $before == "=" ]]; then
@@ -53,7 +53,7 @@ CASE = """\
 
 
 def request_options() -> Iterator[tuple[list[str], str]]:
-    """The names of each option, and what its value is called."""
+    """The names of each option, and the name of its value."""
     for option in OPTIONS:
         yield [f"--{option.name}", *([f"-{option.letter}"] if option.letter else [])], option.value
     yield from ((["--help", "-h"], ""), (["--version", "-V"], ""))
@@ -70,7 +70,7 @@ def action_for(name: str, value: str) -> str:
         return f'mapfile -t COMPREPLY < <(compgen -W "{" ".join(CHOICES[name])}" -- "$word")'
     if re.search("FILE|FOLDER|PATH|DIR", value):
         return 'mapfile -t COMPREPLY < <(compgen -f -- "$word")'
-    # Anything can be said there.
+    # Any value is possible.
     return ":"
 
 

@@ -2,8 +2,8 @@
 
     pack.py VERSION FILE
 
-The same modules make the same file, byte for byte: no time and no mode of the
-machine is in it, and its names are sorted.
+The same modules give the same file, byte for byte: it contains no times and
+modes of this machine, and its names are sorted.
 """
 
 import io
@@ -16,7 +16,7 @@ TOOLS = pathlib.Path(__file__).parent
 
 
 def members(version):
-    """What the archive holds, by name."""
+    """The texts in the archive, by name."""
     found = {"__main__.py": (TOOLS / "zancgi-request").read_text("utf-8")}
     for package in ("zancgi_request", "zancgi_tools"):
         for path in (TOOLS / package).glob("*.py"):
@@ -30,7 +30,7 @@ def archive(version):
     stream = io.BytesIO()
     with zipfile.ZipFile(stream, "w") as file:
         for name, text in sorted(members(version).items()):
-            entry = zipfile.ZipInfo(name)  # of 1980, the first year that there is
+            entry = zipfile.ZipInfo(name)  # dated 1980, the earliest possible year
             entry.external_attr = 0o644 << 16
             file.writestr(entry, text)
     stream.seek(0)

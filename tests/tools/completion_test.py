@@ -1,4 +1,4 @@
-"""What bash offers after the names of the tools."""
+"""The bash completions of both tools."""
 
 import os
 import pathlib
@@ -23,7 +23,7 @@ class CompletionTest(unittest.TestCase):
         subprocess.run([sys.executable, "-IB", TOOLS / "completion.py", made], check=True)
 
     def offered(self, *words):
-        """What is offered for the last word."""
+        """The completions of the last word."""
         tool = words[0]
         script = (
             f'source "completions/{tool}"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1))\n'
@@ -38,18 +38,18 @@ class CompletionTest(unittest.TestCase):
 
     def test_every_option_of_the_help_is_offered(self):
         for tool in NAMES:
-            told = subprocess.run(
+            text = subprocess.run(
                 [TOOLS / tool, "--help"], capture_output=True, text=True, check=True
             ).stdout
-            options = set(re.findall(r"^ +(?:-\w, +)?(--[\w-]+)", told, re.M))
+            options = set(re.findall(r"^ +(?:-\w, +)?(--[\w-]+)", text, re.M))
             self.assertGreater(len(options), 15)
             self.assertLessEqual(options, set(self.offered(tool, "--")))
 
-    def test_what_is_offered_begins_with_the_word(self):
+    def test_completions_begin_with_the_word(self):
         self.assertEqual(self.offered("zancgi-request", "--coo"), ["--cookie", "--cookie-jar"])
         self.assertEqual(self.offered("zancgi-doctor", "--nothing"), [])
 
-    def test_values_to_choose_from(self):
+    def test_values_of_a_choice_are_offered(self):
         for words, expected in (
             (("zancgi-request", "--stdin", "pi"), ["pipe"]),
             (("zancgi-request", "--server", "=", "ap"), ["apache"]),
@@ -58,12 +58,12 @@ class CompletionTest(unittest.TestCase):
             self.assertEqual(self.offered(*words), expected)
         self.assertIn("rfc3875", self.offered("zancgi-request", "--server", "="))
 
-    def test_files(self):
+    def test_files_are_offered(self):
         for options in (["-o"], [], ["-i"]):
             words = ("zancgi-request", *options, "ans")
             self.assertEqual(self.offered(*words), ["answer.txt"])
 
-    def test_nothing_where_anything_can_be_said(self):
+    def test_nothing_is_offered_for_free_text(self):
         self.assertEqual(self.offered("zancgi-request", "--referer", "ans"), [])
 
 

@@ -1,4 +1,4 @@
-"""What zancgi-doctor says of each situation: a table for each check."""
+"""The findings of zancgi-doctor, with a table of situations for each check."""
 
 import functools
 import os
@@ -11,8 +11,8 @@ from doctor_support import OWN_NAME, ROOT_ONLY, STRANGER, WORDS, DoctorTest
 from zancgi_doctor.cli import EXIT_STATUS
 from zancgi_doctor.texts import group_name, user_name
 
-# By group: what is made first, the options, what they ask about, and its path. There
-# and in the tables ~ is the folder of the case, where the shell is, and @ its subject.
+# For each group: commands to prepare it, options, subject and path. Here and in the tables, ~ is
+# the folder of the case, in which the shell runs, and @ the subject.
 SERVICE = ("mkdir run", "--run-dir ~/run --service @", "panel", "~/run/@.sock")
 GROUPS = {
     "run-dir": ("mkdir run", "--run-dir @", "~/run", "@"),
@@ -29,8 +29,8 @@ GROUPS = {
 
 
 def case(reason_to_skip, prepare, outcome, arguments="", **values):
-    """Arguments may begin with variables of the environment. Without an outcome,
-    there is no finding."""
+    """Arguments may begin with variables of the environment. An outcome of None
+    expects no finding."""
     return reason_to_skip, prepare, outcome, arguments, values
 
 
@@ -43,7 +43,7 @@ BY_STRANGER = {"arguments": f"--as {STRANGER}", "user": str(STRANGER)}
 OPEN_FOLDER = "'~/open' is writable by everybody"
 NO_LISTENER = {"error": NOT_THERE, "listener": "the back end"}
 LINKED = "mkdir panel; sockets 660 panel/panel.sock; ln -s $PWD/panel/panel.sock run"
-# The kernel decides after a link where two dots lead.
+# After a link, ".." is the parent of its target.
 PATHS = """
 mkdir -m 777 open
 mkdir open/run
@@ -109,7 +109,7 @@ def tmpfs(options, then="true"):
 
 
 def unsafe_homes():
-    """What makes them, and why they are."""
+    """Commands that create unsafe homes, and the reasons in findings."""
     return (
         ("homes; chown alice /srv/alice", OF_ALICE),
         ("homes; chmod 775 /srv/alice", NOT_OWN),
@@ -138,7 +138,7 @@ CASES = {
     "run-dir.safe": [
         anyone("", "ok", owner=user_name(os.geteuid())),
         anyone("chmod 777 run", "failure", unsafe="'~/run' is writable by everybody"),
-        # In a sticky one as well, anybody can come before the back end.
+        # A sticky folder does not help: anybody can create the socket before the back end.
         *(anyone("chmod 1777 run; mkdir run/sub", "failure", subject=subject,
                  unsafe="'~/run' is writable by everybody")
           for subject in ("~/run", "~/run/sub/..")),
@@ -154,7 +154,7 @@ CASES = {
         root("chown $N:$N run", "warning", **BY_STRANGER),
     ],
     "run-dir.reboot": [
-        # Of the mounts in one place the last counts.
+        # Of several mounts at one place, the last counts.
         root("mount -t tmpfs none run; mount --bind /usr/share run", "ok disk"),
         *(root(f"{prepare}; mkdir -m 755 /run/tov; {then}", outcome, maker=maker,
                subject="/run/tov")
@@ -228,15 +228,15 @@ CASES = {
     ],
     "fcgi.safe": [
         root("sockets 600 fcgi.sock", "ok"),
-        # By a link as well.
+        # Also by a link.
         *(root("mkdir safe; sockets 600 safe/fcgi.sock; ln -s safe/fcgi.sock link", "ok",
                subject=subject)
           for subject in ("~/safe/fcgi.sock", "~/link")),
-        # In a sticky folder as well, anybody can come before fcgiwrap.
+        # A sticky folder does not help: anybody can create the socket before fcgiwrap.
         *(anyone(f"mkdir -m {mode} open; sockets 600 open/fcgi.sock; ln -s open/fcgi.sock link",
                  "failure", subject=subject, unsafe=OPEN_FOLDER)
           for subject in ("~/open/fcgi.sock", "~/link") for mode in (777, 1777)),
-        # Though it leads to where nobody can write, and over one more link.
+        # A link in an unsafe folder, though its target is safe.
         anyone("sockets 600 fcgi.sock; mkdir -m 1777 open; ln -s $PWD/fcgi.sock open/link; "
                "mkdir closed; ln -s ../open/link closed/link", "failure",
                subject="~/closed/link", unsafe=OPEN_FOLDER),
@@ -250,7 +250,7 @@ CASES = {
         anyone("sockets 600 fcgi.sock", "ok", accounts="root" if IS_ROOT else ME),
         anyone("sockets 666 fcgi.sock", "failure"),
         anyone("sockets 602 fcgi.sock", "failure"),
-        # Who cannot get there may not connect.
+        # Users who cannot reach the socket cannot connect.
         root("people; mkdir -m 700 closed; sockets 666 closed/fcgi.sock", "ok",
              subject="~/closed/fcgi.sock", accounts="root"),
         *(root(f"group=alice:x:$N:{members}; people; sockets {mode} fcgi.sock; "
@@ -286,7 +286,7 @@ CASES = {
         *(anyone(f"chmod {mode} tmp", "warning", readers="Every local user")
           for mode in (1777, 755, 704)),
         *(anyone(f"chmod {mode} tmp", "ok") for mode in (700, 1733, 711)),
-        # By others, who cannot get there.
+        # Others cannot reach it.
         anyone("chmod 1707 tmp; chmod 700 .", "ok"),
         *(root(f"group=alice:x:$N:{members}; people; chown $N:$N tmp; chmod {mode} tmp",
                outcome, f"--as {user}", readers=readers)
@@ -344,7 +344,7 @@ CASES = {
         anyone("chmod 777 bin", "failure", unsafe="'~/bin' is writable by everybody"),
         root("chown $N bin/panel", "failure",
              unsafe=f"'~/bin/panel' belongs to user number {STRANGER}"),
-        # Run as somebody else, its owner is trusted.
+        # Its owner is trusted if it runs as another user.
         root("chown $N bin/panel", "ok", f"--as {STRANGER + 1}"),
     ],
     "program.set-id": [
@@ -368,9 +368,9 @@ CASES = {
     "pam.modules": [
         root(SOUND, "ok", count="1 module"),
         root(f"login ''; {SEVERAL}", "warning", names="'c.so', 'a.so', 'b.so'"),
-        # What is no regular file is not waited for.
+        # A FIFO is not opened.
         root(r"login '@include more\n'; mkfifo /etc/pam.d/more", "ok", count="0 modules"),
-        # The folder of all tests comes first on the path.
+        # /tmp is the first unsafe folder on its path.
         root('touch module.so; login "session required $PWD/module.so"', "failure",
              unsafe="'/tmp' is writable by everybody"),
     ],
@@ -384,7 +384,7 @@ CASES = {
         root("uid=6; homes", "warning low", uid=6, group="'disk'"),
         root("uid=999; homes", "warning low", uid=999, group="number 999"),
         root("uid=1000; homes", "ok"),
-        # A group of the user's number.
+        # A group with the number of the user.
         root("gid=100 group=secret:x:$N:; homes", "warning group", group="'secret'"),
         root("gid=100 group=secret:x:$N:bob,alice; homes", "ok"),
     ],
@@ -417,7 +417,7 @@ CASES = {
              "/srv/alice/a/c"),
             ("homes; install -d -g alice -m 770 /srv/alice/shared", "/srv/alice/shared"),
             ("homes; chown alice /srv/alice", "/srv/alice"),
-            # A confined process need not get there from outside.
+            # A confined process does not need access to the folders above.
             (f"{OWN_FILES}; chmod 700 /srv", "/srv/alice/files"),
         )),
         *(root(f"homes; {then}", "failure", "--confined")
@@ -433,7 +433,7 @@ CASES = {
         root(PAM_AT_HOME, "ok", "--confined --pam", login="/srv/alice/etc/pam.d/login"),
         *(root(prepare, outcome, arguments, unsafe=unsafe)
           for prepare, unsafe in (
-            ("homes", "'/srv/alice/etc/pam.d/login' does not exist, where PAM then looks"),
+            ("homes", "PAM looks for '/srv/alice/etc/pam.d/login', which does not exist"),
             (f"{PAM_AT_HOME}; chown alice /srv/alice", OF_ALICE),
             (f"{PAM_AT_HOME}; chmod 775 /srv/alice", NOT_OWN),
         ) for outcome, arguments in (
@@ -441,7 +441,7 @@ CASES = {
         )),
     ],
     "account.leftovers": [
-        # Copies that are root's, and no others.
+        # Only copies that belong to root.
         root(COPIES, "ok", count="1 copy of an upload is"),
         root(f"{COPIES}\nold .tov-AbC123 2048 30; old .tov-000000 2048 50", "warning",
              count="2 copies of uploads are", size="4.0 KB", age="50 hours"),
@@ -470,7 +470,7 @@ CASES = {
         anyone("", "ok"),
         anyone("touch log", "ok"),
         anyone("", "warning relative", subject="log"),
-        # To open one would disturb its reader, or wait for one.
+        # Opening it would disturb its reader, or block without one.
         anyone("mkfifo log", "warning fifo"),
         *(anyone(prepare, "failure", subject=subject, error=error)
           for prepare, subject, error in (
@@ -508,12 +508,12 @@ CASES = {
 
 
 class CasesTest(DoctorTest):
-    """Each check alone must come to the one finding, word for word."""
+    """Each check alone has exactly the expected finding."""
 
     def setUp(self):
         super().setUp()
         if DOCTOR.is_relative_to("/srv"):
-            self.skipTest("the tools lie below /srv, where the accounts of this test have homes")
+            self.skipTest("the tools are below /srv, which this test hides")
 
     def play(self, check, folder, prepare, outcome, arguments, values):
         made, options, subject, path = GROUPS[check.partition(".")[0]]
@@ -533,7 +533,7 @@ class CasesTest(DoctorTest):
         )  # fmt: skip
         if outcome is None:
             self.assertEqual(report.findings(check), [])
-            # Nor has anything kept the check from being made.
+            # The check was not prevented either.
             states = {found["state"] for found in report.checks}
             self.assertLessEqual(states, {"skipped", "warning"})
             return

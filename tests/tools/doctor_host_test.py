@@ -1,5 +1,4 @@
-"""What zancgi-doctor says of the temporary directory, of front ends' programs, of
-PAM and of the accounts that front ends become."""
+"""The checks of zancgi-doctor of the temporary directory, programs, PAM and accounts."""
 
 import os
 import re
@@ -13,7 +12,7 @@ from unittest.mock import Mock, patch
 from doctor_support import AS_ROOT, DENIED, LONG, NOT_THERE, SOURCE, STRANGER, DoctorTest
 from zancgi_doctor.checks import accounts, pam, program, tmp_dir
 from zancgi_doctor.children import run_in_child
-from zancgi_doctor.files import first_unsafe, way_to
+from zancgi_doctor.files import first_unsafe, path_to
 from zancgi_doctor.findings import finding
 from zancgi_doctor.identities import Identity
 from zancgi_doctor.libraries import LibrarySearch, NotElf
@@ -25,12 +24,12 @@ def site_of(uid=0, name="www", **fields):
 
 
 class FindingsTest(unittest.TestCase):
-    """What cannot be brought about on each machine."""
+    """Situations that cannot be created on every machine."""
 
     def judge(self, found, check, outcome, subject, **values):
         self.assertEqual(found, finding(check, subject, outcome, **values))
 
-    def test_of_the_temporary_directory(self):
+    def test_findings_of_the_temporary_directory(self):
         for kind, options, outcome in (
             ("nfs4", set(), "warning remote"),
             ("fuse.sshfs", set(), "warning remote"),
@@ -39,7 +38,7 @@ class FindingsTest(unittest.TestCase):
             with patch.object(tmp_dir, "mount_of", return_value=Mount("/x", kind, options)):
                 found = tmp_dir.tmp_dir_file_system(site_of(tmp_dir="/x"))
             self.judge(found, "tmp-dir.file-system", outcome, "/x", kind=kind, user="www")
-        # The mode of a folder of everybody must stay.
+        # The mode of a public folder must not be changed.
         readers = "Every local user"
         for path in ("/tmp", "/tmp/"):
             with patch.object(tmp_dir, "has_others", return_value=True):
@@ -48,13 +47,13 @@ class FindingsTest(unittest.TestCase):
         found = tmp_dir.tmp_dir_inodes("/x", Mock(f_files=0))
         self.judge(found, "tmp-dir.inodes", "ok none", "/x")
 
-    def test_space_for_root_counts_what_is_kept_for_root(self):
+    def test_root_can_use_reserved_space(self):
         blocks = Mock(f_bfree=10, f_bavail=5, f_frsize=1024)
         for uid, message in ((0, "10.0 KB are free"), (33, "5.0 KB are free")):
             site = site_of(uid, tmp_dir="/x", min_free=0)
             self.assertIn(message, tmp_dir.tmp_dir_space(site, blocks).message)
 
-    def test_of_programs(self):
+    def test_findings_of_programs(self):
         site = site_of(program="/bin/true")
         site.as_front_end.return_value = ""
         with patch.object(program, "mount_of", return_value=Mount("/", "ext4", {"noexec"})):
@@ -64,7 +63,7 @@ class FindingsTest(unittest.TestCase):
             (found,) = program.program_libraries(site_of(program="/x"), "/x")
         self.judge(found, "program.libraries", "unchecked", "/x", path="/x", error=DENIED)
 
-    def test_of_pam(self):
+    def test_findings_of_pam(self):
         with patch.object(pam.ctypes, "CDLL", side_effect=OSError("no file")):
             found = pam.pam_library()
         self.judge(found, "pam.library", "warning", "libpam.so.0", error="no file")
@@ -73,7 +72,7 @@ class FindingsTest(unittest.TestCase):
             found = pam.pam_service("/etc/passwd")
         self.judge(found, "pam.service", "unchecked", "/etc/passwd", error=DENIED)
 
-    def test_of_accounts(self):
+    def test_findings_of_accounts(self):
         entry = Mock(pw_dir="/none", pw_name="alice")
         with patch.object(accounts.os, "geteuid", return_value=STRANGER):
             found = accounts.account_folder(None, entry)
@@ -92,7 +91,7 @@ class FindingsTest(unittest.TestCase):
         path = "/etc/nsswitch.conf"
         self.judge(found, "nss.sources", "warning missing", path, error=NOT_THERE)
 
-    def test_of_handing_over(self):
+    def test_findings_of_the_hand_over(self):
         entry = Mock(pw_dir="/srv", pw_name="alice")
         for kind, error, outcome in (
             ("nfs4", "", "warning remote"),
@@ -109,24 +108,24 @@ class FindingsTest(unittest.TestCase):
 
 
 class ThisMachineTest(DoctorTest):
-    """What depends on the machine that the tests run on."""
+    """Findings that depend on the machine that runs the tests."""
 
-    def test_pam(self):
+    def test_pam_service_of_this_machine(self):
         path = "/etc/pam.d/login"
         if not os.path.exists(path):
             self.skipTest("the package login is not installed")
-        if first_unsafe(way_to(path), {0}, allows_sticky=False):
+        if first_unsafe(path_to(path), {0}, allows_sticky=False):
             self.skipTest("others than root can change /etc/pam.d/login on this machine")
         self.expect(self.examine("pam"), "pam.service", "ok", path)
 
-    def test_run_dir_outlasts_a_reboot_on_disk(self):
+    def test_run_dir_on_disk_survives_a_reboot(self):
         if mount_of(self.run_dir).kind in ("tmpfs", "ramfs"):
             self.skipTest("the temporary directory is in memory")
         report = self.examine("run-dir.reboot", "--run-dir", self.run_dir)
         self.expect(report, "run-dir.reboot", "ok disk", self.run_dir)
 
     def test_file_system_of_uploads(self):
-        """It may have quotas, and it may be in memory."""
+        """The file system may be in memory or have quotas."""
         for path, min_free in ((self.folder, "0"), ("/dev/shm", "0"), ("/dev/shm", "999T")):
             kind, state = mount_of(path).kind, "ok"
             message = f"^'{path}' is on a file system of type '{kind}'"
@@ -144,12 +143,12 @@ class ThisMachineTest(DoctorTest):
             self.assertEqual(report.state("tmp-dir.space"), state)
 
 
-def elf_file(needed=(), runpath="", rpath="", behind_the_end=()):
-    """A 64-bit ELF file that has a dynamic section and nothing else."""
+def elf_file(needed=(), runpath="", rpath="", after_the_end=()):
+    """A 64-bit ELF file that only has a dynamic section."""
     strings = b"\0"
     entries = []
     wanted = [(1, name) for name in needed] + [(29, runpath), (15, rpath)]
-    further = [(1, name) for name in behind_the_end] or [(0, "end")]
+    further = [(1, name) for name in after_the_end] or [(0, "end")]
     for tag, text in [*wanted, *further]:
         if text:
             entries.append((tag, len(strings)))
@@ -157,7 +156,7 @@ def elf_file(needed=(), runpath="", rpath="", behind_the_end=()):
     table_at = 64 + 2 * 56
     entries.insert(0, (5, table_at + 16 * (len(entries) + 1)))
     table = b"".join(struct.pack("<qQ", *entry) for entry in entries)
-    size = len(table) - 16 * len(behind_the_end)
+    size = len(table) - 16 * len(after_the_end)
     whole = table_at + len(table) + len(strings)
     header = b"\x7fELF\x02\x01\x01" + bytes(9)
     header += struct.pack("<HHIQQQIHHHHHH", 3, 62, 1, 0, 64, 0, 0, 64, 56, 2, 0, 0, 0)
@@ -178,17 +177,17 @@ class ProgramTest(DoctorTest):
             self.skipTest("no program below /tmp may be run here")
 
     @AS_ROOT
-    def test_noexec(self):
+    def test_program_on_a_noexec_mount(self):
         before = f"mount -t tmpfs -o noexec,mode=755 none {self.bin}; "
         before += f"cp /bin/true {self.program_path}"
         report = self.examine("program.file", "--program", self.program_path, before=before)
-        # The kernel's answer depends on how it is asked; both mean the same.
+        # Kernels differ in the error; both mean the same.
         (found,) = report.findings("program.file")
         self.assertEqual(found["state"], "failure")
         self.assertRegex(found["message"], "mounted noexec|Permission denied")
 
     @AS_ROOT
-    def test_work_dir_cannot_be_entered(self):
+    def test_working_directory_cannot_be_entered(self):
         home = self.make_folder("home", 0o700)
         (home / "bin").mkdir()
         (self.folder / "front").symlink_to(home / "bin")
@@ -202,13 +201,12 @@ class ProgramTest(DoctorTest):
         values = {"path": str(home), "user": "x", "error": DENIED}
         self.assertEqual(found, finding("program.work-dir", site.program, "warning", **values))
 
-    def test_libraries(self):
-        """They are those of the linker's own answer, for a program that may be run."""
+    def test_libraries_are_those_that_the_linker_finds(self):
         report = self.examine("program.libraries", "--program", self.program_path)
         (found,) = report.findings("program.libraries")
         self.assertEqual(found["state"], "ok")
-        message = r"^The shared libraries of the program are found \(\d+\); libzancgi, if any, is "
-        self.assertRegex(found["message"], message + r"linked in\.$")
+        message = r"^The shared libraries of the program are found \(\d+\); libzancgi, if used, is "
+        self.assertRegex(found["message"], message + r"linked statically\.$")
         listing = subprocess.run(
             ["ldd", sys.executable], env={"PATH": os.environ["PATH"]}, capture_output=True,
             text=True, check=True,
@@ -224,14 +222,14 @@ class ProgramTest(DoctorTest):
     def write_elf(self, *arguments, **more):
         self.program_path.write_bytes(elf_file(*arguments, **more))
 
-    def test_library_beside_the_program(self):
-        """With the version of libzancgi, by the link's end."""
+    def test_libraries_are_found_by_search_paths(self):
+        """libzancgi is reported with its version, from the link's target."""
         lib = self.make_folder("lib")
         (lib / "libzancgi.so.1.2.3").write_bytes(elf_file(["libnone.so.9"]))
         (lib / "libzancgi.so.1").symlink_to("libzancgi.so.1.2.3")
         (lib / "libnone.so.9").write_bytes(elf_file())
         own = f"libzancgi is '{lib}/libzancgi.so.1.2.3'"
-        # A RPATH counts for the libraries' libraries as well.
+        # An RPATH also applies to the libraries of libraries.
         self.write_elf(["libzancgi.so.1"], rpath="$ORIGIN/../lib")
         self.judge("libraries", "ok", count=2, own=own)
         # A RUNPATH does not.
@@ -239,41 +237,38 @@ class ProgramTest(DoctorTest):
         self.judge("libraries", "failure", names="'libnone.so.9'")
         environment = {"LD_LIBRARY_PATH": str(lib)}
         self.judge("libraries", "ok", environment=environment, count=2, own=own)
-        # With a RUNPATH the RPATH does not count at all. By a name that is not
-        # installed on any machine.
+        # A RUNPATH disables the RPATH. No machine has a library of this name.
         self.write_elf(["libnone.so.9"], runpath="/none", rpath="$ORIGIN/../lib")
         self.judge("libraries", "failure", names="'libnone.so.9'")
 
-    def test_library_is_missing(self):
+    def test_missing_libraries_are_reported(self):
         self.write_elf(["libc.so.6", "libzancgi.so.\x1b1"])
         self.judge("libraries", "failure", names="'libzancgi.so.\\x1b1'")
-        # Nothing is needed after the end of the table.
-        self.write_elf(["libc.so.6"], behind_the_end=["libnone.so.9"])
+        # Entries after the end of the table are ignored.
+        self.write_elf(["libc.so.6"], after_the_end=["libnone.so.9"])
         report = self.examine("program", "--program", self.program_path)
         self.assertEqual(report.state("program.libraries"), "ok")
 
-    def test_library_by_its_path(self):
-        """Such a name is looked for nowhere else."""
+    def test_library_named_by_a_path_is_not_searched_for(self):
         path = self.bin / "libown.so"
         self.write_elf([str(path)], runpath="$ORIGIN")
         self.judge("libraries", "failure", names=f"'{path}'")
         path.write_bytes(elf_file())
-        self.judge("libraries", "ok", count=1, own="libzancgi, if any, is linked in")
+        self.judge("libraries", "ok", count=1, own="libzancgi, if used, is linked statically")
         self.write_elf(["./libown.so"], runpath="$ORIGIN")
         self.judge("libraries", "failure", names="'./libown.so'")
 
-    def test_no_elf_file(self):
+    def test_other_files_than_elf_are_skipped(self):
         for data, error in (
-            (b"\x7fELF\x01\x01" + bytes(99), "is no 64-bit program"),
-            (b"\x7fELF\x02\x02" + bytes(99), "is no 64-bit program"),
-            (b"", "is no 64-bit program"),
-            (elf_file(["libc.so.6"])[:100], "is cut short"),
+            (b"\x7fELF\x01\x01" + bytes(99), "is not a 64-bit program"),
+            (b"\x7fELF\x02\x02" + bytes(99), "is not a 64-bit program"),
+            (b"", "is not a 64-bit program"),
+            (elf_file(["libc.so.6"])[:100], "is truncated"),
         ):
             self.program_path.write_bytes(data)
             self.judge("libraries", "skipped", error=error)
 
-    def test_damaged_elf_files(self):
-        """Whatever the bytes, there is a finding and no end by a fault."""
+    def test_damaged_elf_files_cause_no_other_exception(self):
         whole = elf_file(["libc.so.6", "libm.so.6"], "/a:/b")
         for position in range(0, len(whole), 7):
             data = bytearray(whole)
@@ -298,8 +293,7 @@ class ProgramTest(DoctorTest):
         path = self.subject
         self.expect(report, "program.launcher", outcome, path, path=str(path), **values)
 
-    def test_script_that_names_its_program(self):
-        """As the launcher of the documents: variables, limits, then a timer."""
+    def test_program_started_by_a_script_is_found(self):
         program_path = str(self.program_path)
         for line in (
             "exec /usr/bin/timeout --kill-after=2 $seconds {}",
@@ -316,12 +310,12 @@ class ProgramTest(DoctorTest):
                 self.assertEqual(found[f"program.{check}"], program_path)
             subjects = [check["subject"] for check in report.findings("program.safe")]
             self.assertEqual(subjects, [str(self.subject), program_path])
-        # The program is judged as well.
+        # The program is checked as well.
         self.program_path.chmod(0o777)
         report = self.examine_script(f"exec {program_path}\n")
         self.assertEqual(report.findings("program.safe")[1]["state"], "failure")
 
-    def test_script_that_does_not_name_its_program(self):
+    def test_program_started_by_a_script_is_unclear(self):
         other = self.script(f"exec {self.program_path}\n").rename(self.bin / "other")
         for text in (
             "",
@@ -338,20 +332,20 @@ class ProgramTest(DoctorTest):
             self.expect_launcher(report, "unchecked")
             self.assertEqual(report.findings("program.work-dir"), [], text)
 
-    def test_launcher_of_the_documents(self):
-        """With its program's path only another one."""
+    def test_launcher_in_the_documents_is_understood(self):
+        """With another path of its program."""
         document = (SOURCE / "docs" / "deployment.md").read_text()
         text = re.search(r"(?ms)^```sh /opt/panel/cgi/panel\n(.*?)^```", document)
         text = text[1].replace("/opt/panel/bin/panel", str(self.program_path))
         self.assertEqual(self.examine_script(text).state("program.launcher"), "ok")
 
-    def test_program_is_not_run(self):
+    def test_program_is_never_run(self):
         evidence = self.folder / "evidence"
         self.program_path.write_text(f"#!/bin/sh\ntouch {evidence}\n")
         self.doctor("--program", self.program_path)
         self.assertFalse(evidence.exists())
 
-    def test_search_path(self):
+    def test_search_path_has_trusted_folders_only(self):
         lib = self.make_folder("lib", 0o777)
         for runpath, outcome, unsafe in (
             ("", "ok", None),

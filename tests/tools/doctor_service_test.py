@@ -1,4 +1,4 @@
-"""What zancgi-doctor says of back ends, and where it finds sockets."""
+"""The checks of zancgi-doctor of back ends and sockets."""
 
 import contextlib
 import os
@@ -18,10 +18,10 @@ from doctor_support import DoctorTest, ServiceTest, answering, with_length
 from zancgi_doctor.checks import back_end
 from zancgi_doctor.whoami import length_error
 
-# The README's, which tells its caller who they are.
+# The program of the README, which greets its user.
 FRONT = os.environ["README_FRONT"]
 LARGE = "8.0 KB"
-# A back end as people write them.
+# A typical back end.
 APPLICATION = """
 def application(environ, start_response):
     body = b'<?xml version="1.0"?><doc><error type="access"/></doc>'
@@ -31,7 +31,7 @@ def application(environ, start_response):
 
 
 class SocketTest(ServiceTest):
-    def test_name_that_is_too_long(self):
+    def test_name_too_long_for_a_socket_is_refused(self):
         service = "x" * (107 - len(f"{self.run_dir}/.sock") + 1)
         arguments = ("--run-dir", self.run_dir, "--service", service)
         error = "the path of its socket has 108 bytes, more than 107"
@@ -39,7 +39,7 @@ class SocketTest(ServiceTest):
         self.expect(report, "socket.name", "failure", service, error=error)
         self.expect(report, "back-end.connect", "unchecked name", service)
 
-    def test_longest_name(self):
+    def test_longest_name_is_accepted(self):
         service = "x" * (107 - len(f"{self.run_dir}/.sock"))
         self.path = self.run_dir / f"{service}.sock"
         self.listen(answering(with_length(REFUSAL)))
@@ -47,7 +47,7 @@ class SocketTest(ServiceTest):
         self.expect(report, "socket.name", "ok", service)
         self.expect(report, "back-end.answer", "ok refuses", service)
 
-    def test_no_socket_at_all(self):
+    def test_run_dir_without_sockets_is_reported(self):
         report = self.examine("socket", "--run-dir", self.run_dir)
         self.expect(report, "socket.kind", "warning none", self.run_dir)
 
@@ -61,14 +61,14 @@ class PanelTest(ServiceTest):
         self.expect(report, f"back-end.{check}", outcome, "panel", path=str(self.path), **values)
 
     def assert_well(self, report):
-        """But for the time, which a busy machine takes."""
+        """Everything is ok except, on a busy machine, the time."""
         states = {check["name"]: check["state"] for check in report.checks}
         self.assertIn(states.pop("back-end.time"), ("ok", "warning"))
         self.assertEqual(set(states.values()), {"ok"}, report.all())
 
 
 class BackEndTest(PanelTest):
-    def test_all_is_well(self):
+    def test_sound_back_end_passes_all_checks(self):
         report = self.answer(with_length(REFUSAL))
         name = pathlib.Path("/proc/self/comm").read_text().strip()
         self.judge(report, "connect", "ok", listener=f" ({name})")
@@ -77,7 +77,7 @@ class BackEndTest(PanelTest):
         self.judge(report, "large-request", "ok", size=LARGE)
         self.assert_well(report)
 
-    def test_time_of_an_answer(self):
+    def test_answer_of_a_second_or_more_is_slow(self):
         for seconds, state, shown in (
             (0.5, "ok", "500.0 ms"),
             (0.9999, "ok", "999.9 ms"),
@@ -85,10 +85,10 @@ class BackEndTest(PanelTest):
             (1.5, "warning", "1.5 s"),
         ):
             found = back_end.answer_time("panel", seconds)
-            message = f"The answer to whoami has taken {shown}."
+            message = f"The answer to whoami took {shown}."
             self.assertEqual((found.state, found.message), (state, message))
 
-    def test_slow_answer(self):
+    def test_time_of_the_answer_is_measured(self):
         def answer(listener, connection):
             listener.read(connection)
             time.sleep(1.1)
@@ -97,9 +97,9 @@ class BackEndTest(PanelTest):
         self.listen(answer)
         (found,) = self.ask().findings("back-end.time")
         self.assertEqual(found["state"], "warning")
-        self.assertRegex(found["message"], r"^The answer to whoami has taken \d+\.\d s\.$")
+        self.assertRegex(found["message"], r"^The answer to whoami took \d+\.\d s\.$")
 
-    def test_request_byte_for_byte(self):
+    def test_requests_are_exactly_as_documented(self):
         listener = self.listen(answering(with_length(REFUSAL)))
         self.ask("back-end", "--session", "a1")
         header = (
@@ -120,8 +120,7 @@ class BackEndTest(PanelTest):
         found = [(check["subject"], check["state"]) for check in report.checks]
         self.assertEqual(found, [("mail", "failure"), ("panel", "ok")])
 
-    def test_full_queue(self):
-        """The library would wait; the doctor waits for its time."""
+    def test_full_queue_is_reported_at_the_time_limit(self):
         listener = socket.socket(socket.AF_UNIX)
         self.addCleanup(listener.close)
         listener.bind(str(self.path))
@@ -137,13 +136,13 @@ class BackEndTest(PanelTest):
         self.judge(report, "connect", "failure", error="its queue is full")
 
     @AS_ROOT
-    def test_connects_as_the_front_end(self):
+    def test_doctor_connects_as_the_front_end(self):
         self.listen(answering(with_length(REFUSAL)))
         self.path.chmod(0o660)
         report = self.ask("back-end", "--as", STRANGER)
         self.judge(report, "connect", "failure", error=DENIED)
 
-    def test_what_authorize_would_make_of_the_answer(self):
+    def test_valid_answers_are_interpreted_as_by_authorize(self):
         session = ("--session", "a1")
         alice = b'<doc><user name="alice" level="%s"/></doc>'
         both = b'<doc><user name="x" level="1"/><error type="access"/></doc>'
@@ -163,7 +162,7 @@ class BackEndTest(PanelTest):
             with self.subTest(body=body):
                 self.judge(self.answer(body, *arguments), "answer", outcome, **values)
 
-    def test_session_from_a_file_or_standard_input(self):
+    def test_session_is_read_from_a_file_or_standard_input(self):
         listener = self.listen(answering(REFUSAL))
         file = self.make_file("session", "3f9c27d1\nmore\n")
         self.ask("back-end", "--session-file", file)
@@ -177,7 +176,7 @@ class BackEndTest(PanelTest):
         for path in (self.folder / "none", self.make_fifo()):
             self.assertEqual(self.ask("back-end", "--session-file", path).status, 3)
 
-    def test_session_is_never_shown_nor_a_part_of_it(self):
+    def test_no_part_of_the_session_is_shown(self):
         short, long = "s3f9c27d1secret", "s3f9c27d1" * 40
         for session, body in (
             (short, f'<doc><user name="{short}" level="{short}"/></doc>'),
@@ -194,14 +193,13 @@ class BackEndTest(PanelTest):
                 self.assertNotIn("s3f9c27d1", report.all())
                 self.assertIn("(session)", report.output)
 
-    def test_session_of_digits_is_not_shown_in_part(self):
+    def test_session_of_digits_is_not_shown_as_a_level(self):
         session = "1234567890123456"
         body = f'<doc><user name="alice" level="{session}"/></doc>'.encode()
         report = self.answer(body, "--session", session)
         self.judge(report, "answer", "ok", name="alice", level="(session)")
 
     def test_session_is_not_sent_into_an_unsafe_folder(self):
-        """Nobody has even connected."""
         connections = []
         self.run_dir.chmod(0o777)
         self.listen(lambda _, connection: connections.append(connection))
@@ -225,18 +223,18 @@ class BackEndTest(PanelTest):
         self.judge(report, "session", "failure", unsafe=f"'{other}' is writable by everybody")
         self.assertEqual(len(listener.requests), 2)
 
-    def test_without_a_session_an_unsafe_socket_is_asked(self):
+    def test_unsafe_socket_gets_a_request_without_a_session(self):
         self.run_dir.chmod(0o777)
         report = self.answer(REFUSAL)
         self.judge(report, "answer", "ok refuses")
         self.assertEqual(report.findings("back-end.session"), [])
 
-    def test_answers_that_are_not_understood(self):
-        ill = "it is no well-formed XML ({})".format
-        unread = "its encoding is not read here ({})".format
-        headed = "it has header lines, but no '<?xml' behind them"
+    def test_answers_that_authorize_cannot_parse_are_reported(self):
+        ill = "it is not well-formed XML ({})".format
+        unread = "its encoding is not supported ({})".format
+        headed = "it has header lines, but no '<?xml' after them"
         neither = "it has neither /doc/user nor /doc/error"
-        # Entities that grow a billionfold are not even declared.
+        # Entities that expand a billionfold.
         entities = b'<!ENTITY a0 "ha">' + b"".join(
             b'<!ENTITY a%d "%s">' % (i, b"&a%d;" % (i - 1) * 10) for i in range(1, 10)
         )
@@ -253,22 +251,22 @@ class BackEndTest(PanelTest):
             (b"<doc>" + b"<a>" * 100_000 + b"</a>" * 100_000 + b"</doc>", neither),
             (REFUSAL + b"\0", "it contains a zero byte"),
             (with_length(b"<doc><error/></doc>"), headed),
-            (bomb, "it has a document type declaration, which is not read here"),
+            (bomb, "it has a document type declaration, which is not supported"),
         ):
             with self.subTest(why=why, data=data[:60]):
                 self.judge(self.answer(data), "answer", "failure document", error=why)
 
-    def test_text_before_the_declaration(self):
+    def test_text_before_the_declaration_is_ignored(self):
         report = self.answer(b"Noise\n" + REFUSAL)
         self.judge(report, "answer", "ok refuses")
         self.judge(report, "length", "warning")
 
-    def test_length_of_the_answer(self):
-        senseless = "its Content-Length makes no sense"
+    def test_wrong_length_of_the_answer_is_reported(self):
+        senseless = "its Content-Length is invalid"
         for head, error in (
-            (b"99\r\n\r\n<doc/>", "it has 6 bytes, but announces 99"),
-            (b"99\r\nX: y", "it has 0 bytes, but announces 99"),
-            (b"99\r\nX-Cut", "it has 0 bytes, but announces 99"),
+            (b"99\r\n\r\n<doc/>", "its body has 6 bytes, but its Content-Length is 99"),
+            (b"99\r\nX: y", "its body has 0 bytes, but its Content-Length is 99"),
+            (b"99\r\nX-Cut", "its body has 0 bytes, but its Content-Length is 99"),
             (b"many\r\n\r\n<doc/>", senseless),
             (b"-1\r\n\r\n<doc/>", senseless),
             (b"\r\n\r\n<doc/>", senseless),
@@ -284,9 +282,9 @@ class BackEndTest(PanelTest):
             error = length_error(b"Content-Length: " + length + b"\r\n\r\n<doc/>")
             self.assertEqual(error, ("", True))
 
-    def test_back_ends_that_fail(self):
+    def test_incomplete_answers_are_reported(self):
         def trickle(_, connection):
-            """The time is for the whole answer, not for each byte."""
+            """The time limit applies to the whole answer, not to each byte."""
             while True:
                 connection.sendall(b"x")
                 time.sleep(0.05)
@@ -314,7 +312,7 @@ class BackEndTest(PanelTest):
                 self.judge(report, "answer", outcome)
                 self.assertEqual(report.findings("back-end.large-request"), [])
 
-    def test_endless_answer_in_bounded_memory(self):
+    def test_endless_answer_needs_little_memory(self):
         def answer(listener, connection):
             while True:
                 connection.sendall(b"x" * 65536)
@@ -327,7 +325,7 @@ class BackEndTest(PanelTest):
         )  # fmt: skip
         self.judge(report, "answer", "failure too long", limit="1.0 MB")
 
-    def test_large_request_is_not_answered(self):
+    def test_back_end_that_refuses_large_requests_is_reported(self):
         def answer(listener, connection):
             listener.read(connection)
             if len(listener.requests[-1]) < 8192:
@@ -336,7 +334,7 @@ class BackEndTest(PanelTest):
         self.listen(answer)
         self.judge(self.ask(), "large-request", "failure", size=LARGE)
 
-    def test_ends_between_two_requests(self):
+    def test_back_end_may_end_between_two_requests(self):
         def answer(listener, connection):
             answering(REFUSAL)(listener, connection)
             listener.socket.shutdown(socket.SHUT_RDWR)
@@ -346,7 +344,7 @@ class BackEndTest(PanelTest):
 
 
 class AgainstTheLibraryTest(ServiceTest):
-    """A real front end must see the back end as the doctor does."""
+    """Front ends and the doctor agree about a back end."""
 
     def run_front(self, **environment):
         return subprocess.run(
@@ -358,7 +356,7 @@ class AgainstTheLibraryTest(ServiceTest):
             check=True,
         ).stdout
 
-    def test_same_request(self):
+    def test_front_end_sends_the_same_request(self):
         listener = self.listen(answering(REFUSAL))
         self.ask("back-end", "--session", "a1")
         (of_doctor, _) = listener.requests
@@ -373,7 +371,7 @@ class AgainstTheLibraryTest(ServiceTest):
         )
         self.assertEqual(listener.requests[-1], of_doctor)
 
-    def test_same_verdict(self):
+    def test_front_end_accepts_the_same_answers(self):
         user = b'<doc><user name="alice" level="7"/></doc>'
         declared = b'<?xml version="1.0"?>' + user
         answers = [
@@ -448,19 +446,19 @@ class RealBackEndTest(PanelTest):
             f"--wsgi-file={application}", "--master", "--workers=1", "--need-app", *options,
         )  # fmt: skip
 
-    def test_uwsgi(self):
+    def test_uwsgi_passes_all_checks(self):
         self.start_uwsgi("--buffer-size=65535")
         report = self.ask()
         self.assert_well(report)
         self.judge(report, "connect", "ok", listener=" (uwsgi)")
 
-    def test_uwsgi_with_its_own_buffer(self):
+    def test_uwsgi_with_its_default_buffer_refuses_large_requests(self):
         self.start_uwsgi()
         report = self.ask()
         self.judge(report, "answer", "ok refuses")
         self.judge(report, "large-request", "failure", size=LARGE)
 
-    def test_haproxy_with_all_servers_down(self):
+    def test_haproxy_without_servers_is_recognized(self):
         configuration = self.make_file(
             "haproxy.cfg",
             "defaults\n mode tcp\n timeout connect 1s\n timeout client 9s\n timeout server 9s\n"
@@ -472,7 +470,7 @@ class RealBackEndTest(PanelTest):
 
 class FcgiTest(DoctorTest):
     def found(self, *more):
-        """Where it is looked for, on a machine as more makes it."""
+        """The sockets that the doctor finds after these commands."""
         paths = [f"/run/{name}" for name in ("fcgiwrap.socket", "a.sock", "b.sock", "c.sock")]
         make = f"{WORDS}\nunconfigured; sockets 600 {' '.join(paths)}"
         report = self.examine("fcgi.kind", before="; ".join([make, *more]))
@@ -483,12 +481,12 @@ class FcgiTest(DoctorTest):
         return f"mkdir -p {os.path.dirname(path)}; printf %s {shlex.quote(text)} > {path}"
 
     @AS_ROOT
-    def test_is_found_where_the_package_puts_it(self):
+    def test_socket_of_the_package_is_found(self):
         self.assertEqual(self.found(), [("/run/fcgiwrap.socket", "ok")])
         self.assertEqual(self.found("rm /run/fcgiwrap.socket"), [("", "skipped")])
 
     @AS_ROOT
-    def test_is_found_by_units(self):
+    def test_sockets_of_units_are_found(self):
         runs = "[Service]\nExecStart=/usr/sbin/fcgiwrap -f -c 8\n"
         listens = "[Socket]\nListenStream=/run/{}.sock\n"
         default = ("/run/fcgiwrap.socket", "ok")

@@ -1,5 +1,5 @@
-"""What the tests of zancgi-doctor have in common: a folder, the doctor, and what
-it is to have found."""
+"""Fixtures of the tests of zancgi-doctor: a folder, runs of the doctor, and expected
+findings."""
 
 import contextlib
 import ctypes
@@ -30,18 +30,18 @@ SOURCE = pathlib.Path(os.environ["SOURCE"])
 DOCTOR = SOURCE / "tools" / "zancgi-doctor"
 IS_ROOT = os.geteuid() == 0
 OWN_NAME = find_user(str(os.geteuid()))[0]
-# As the doctor names it.
+# As the doctor prints it.
 ME = f"'{OWN_NAME}'"
-# Seconds that nothing here takes, however busy the machine is.
+# A time limit in seconds that is long enough on a busy machine.
 LONG = 300
 CLONE_NEWNS, MS_REC, MS_PRIVATE = 0x20000, 0x4000, 0x40000
 os.umask(0o022)
-# So that not every run of the doctor loads it.
+# Loaded once for all runs of the doctor.
 importlib.import_module("elftools.elf.elffile")
 
 
 def free_number():
-    """This and the next two are of no user and no group of the machine."""
+    """A number that, like the next two, no user and no group has."""
 
     def is_free(number):
         for look_up in (pwd.getpwuid, grp.getgrgid):
@@ -68,12 +68,12 @@ OTHERS_ONLY = "root may do everything"
 AS_ROOT = unittest.skipUnless(HAS_ALL_RIGHTS, ROOT_ONLY)
 AS_OTHERS = unittest.skipIf(IS_ROOT, OTHERS_ONLY)
 
-# What prepares a machine, for the shell. Only root has mounts of its own to change.
+# Shell functions that prepare the machine. They need root and mounts of their own.
 WORDS = f"""
 set -e
 N={STRANGER} M={STRANGER + 1}
 
-# Accounts alice, bob and root, and none of this machine's.
+# Only the accounts alice, bob and root.
 people() {{
     printf '%s:/bin/sh\\n' root:x:0:0::/root bob:x:$M:$M::/srv/bob \\
         "alice:x:${{uid-$N}}:${{gid-$N}}::${{home-/srv/alice}}" > passwd
@@ -89,7 +89,7 @@ homes() {{
     mkdir /srv/alice
 }}
 
-# Nothing of what is installed on this machine for systemd.
+# Hides the configuration of systemd.
 unconfigured() {{
     mount -t tmpfs none /run
     mkdir -p /etc/tmpfiles.d /etc/systemd/system
@@ -105,7 +105,7 @@ systemd() {{
     mkdir -p /run/systemd/system
 }}
 
-# Sockets that nobody listens on, all of one mode.
+# Sockets without a listener: sockets MODE PATH...
 sockets() {{
     mode=$1
     shift
@@ -114,13 +114,13 @@ for path in sys.argv[1:]: socket.socket(socket.AF_UNIX).bind(path)' "$@"
     chmod $mode "$@"
 }}
 
-# A file of so many bytes, so many hours old.
+# A file: old PATH BYTES HOURS
 old() {{
     head -c $2 /dev/zero > $1
     touch -d "-$3 hours" $1
 }}
 
-# PAM's configuration of this machine, and in it a service login that reads so.
+# A copy of PAM's configuration, with this text as the service login.
 login() {{
     cp -a /etc/pam.d .
     mount --bind pam.d /etc/pam.d
@@ -130,7 +130,7 @@ login() {{
 
 @dataclasses.dataclass
 class Report:
-    """What one run has said."""
+    """The output of one run."""
 
     status: int
     output: str
@@ -166,11 +166,11 @@ def prepare_machine(before):
 
 class DoctorTest(unittest.TestCase):
     maxDiff = None
-    # Of the checks that judge makes, and the option that names their subject.
+    # The group of the checks that judge makes, and the option for their subject.
     group = option = ""
 
     def setUp(self):
-        # Short: the path of a socket has 107 bytes.
+        # Short, because the path of a socket has at most 107 bytes.
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="doctor-", dir="/tmp"))
         self.folder.chmod(0o755)
         self.addCleanup(self.remove_folder)
@@ -200,7 +200,7 @@ class DoctorTest(unittest.TestCase):
         return path
 
     def bind(self, path, mode):
-        """A socket that nobody listens on."""
+        """A socket without a listener."""
         with socket.socket(socket.AF_UNIX) as left_behind:
             left_behind.bind(str(path))
         path.chmod(mode)
@@ -211,7 +211,7 @@ class DoctorTest(unittest.TestCase):
         return ["--timeout", str(LONG), *map(str, arguments)], variables
 
     def doctor(self, *arguments, before="", environment=(), stdin=b""):
-        """One run; before is what a shell does first, as root in mounts of its own."""
+        """One run. First runs shell commands, as root in its own mounts."""
         arguments, variables = self.command_line(arguments, environment)
         ended = run_forked(
             main,
@@ -223,7 +223,7 @@ class DoctorTest(unittest.TestCase):
         return Report(ended.status, ended.output.decode(), ended.errors)
 
     def program(self, *arguments, before="", environment=(), **options):
-        """One run of the program itself; before is what a shell does first."""
+        """One run as a separate process. First runs shell commands."""
         arguments, variables = self.command_line(arguments, environment)
         command = [str(DOCTOR), *arguments]
         if before:
@@ -238,14 +238,14 @@ class DoctorTest(unittest.TestCase):
         return self.doctor("--json", "--check", check, *arguments, **options)
 
     def expect(self, report, check, outcome, subject, **values):
-        """The one finding of a check, word for word."""
+        """Expects exactly this finding of a check."""
         wanted = dataclasses.asdict(finding(check, str(subject), outcome, **values))
         wanted["subject"] = printable(wanted["subject"])
         self.assertEqual(report.findings(check), [wanted])
         self.assertEqual(bool(wanted["remedy"]), wanted["state"] not in ("ok", "skipped"))
 
     def judge(self, check, outcome, *arguments, subject=None, before="", environment=(), **values):
-        """Has one check of the class's group made, and expects its finding."""
+        """Runs one check of the group, and expects its finding."""
         subject = subject or self.subject
         check = f"{self.group}.{check}"
         arguments = (self.option, subject, *arguments) if self.option else arguments
@@ -256,7 +256,7 @@ class DoctorTest(unittest.TestCase):
 
 
 class Listener(socketserver.UnixStreamServer):
-    """A back end that answers each request as a function says."""
+    """A back end that answers each request by a function."""
 
     def __init__(self, path, answer):
         super().__init__(str(path), None)
@@ -299,14 +299,14 @@ def with_length(body):
 
 
 class ServiceTest(DoctorTest):
-    """A back end, the service panel."""
+    """Tests with a back end of the service panel."""
 
     def setUp(self):
         super().setUp()
         self.path = self.run_dir / "panel.sock"
 
     def listen(self, answer):
-        """In place of whoever listened before."""
+        """Replaces the previous listener."""
         self.path.unlink(missing_ok=True)
         listener = Listener(self.path, answer)
         self.addCleanup(listener.stop)

@@ -1,6 +1,5 @@
-"""zancgi-doctor must say what is wrong, and how to mend it, in the very words
-that people look for; and nothing that it looks at may harm or stop it. Here: its
-command line and its manual, and what it says of the process that runs it."""
+"""The command line, reports and manual page of zancgi-doctor, and its checks of
+processes and logs."""
 
 import contextlib
 import functools
@@ -35,7 +34,7 @@ PACKAGES = (DOCTOR.with_name("zancgi_doctor"), DOCTOR.with_name("zancgi_tools"))
 
 
 class CommandLineTest(DoctorTest):
-    def test_only_the_wanted_check_is_reported_or_what_stops_it(self):
+    def test_only_the_wanted_check_or_its_obstacle_is_reported(self):
         for check, option, path, status, reported in (
             ("run-dir.length", "--run-dir", self.run_dir, 0, "run-dir.length"),
             ("tmp-dir.space", "--tmp-dir", self.folder / "none", 2, "tmp-dir.exists"),
@@ -44,7 +43,7 @@ class CommandLineTest(DoctorTest):
             self.assertEqual([check["name"] for check in report.checks], [reported])
             self.assertEqual(report.status, status)
 
-    def test_nothing_is_checked_of_what_is_missing(self):
+    def test_missing_files_end_their_group(self):
         self.make_fifo()
         for group, check, path, outcome, values in (
             ("tmp-dir", "exists", "none", "failure missing", {"error": NOT_THERE}),
@@ -57,7 +56,7 @@ class CommandLineTest(DoctorTest):
             self.expect(report, f"{group}.{check}", outcome, path, **values)
             self.assertEqual(len(report.checks), 1)
 
-    def test_nothing_is_checked_of_what_is_not_named(self):
+    def test_groups_without_a_subject_are_skipped(self):
         for group, check in (("program", "program.file"), ("account", "account.exists")):
             report = self.examine(group)
             self.expect(report, check, "skipped", "")
@@ -66,20 +65,20 @@ class CommandLineTest(DoctorTest):
     def test_usage_errors_end_with_3(self):
         for *arguments, message in (
             ("--no-such-option", "unrecognized arguments"),
-            ("--timeout", "0", "no number of seconds from 0 to 3600: 0"),
-            ("--timeout", "soon", "no number of seconds from 0 to 3600: soon"),
-            ("--min-free", "lots", "no size: lots"),
-            ("--pid", "0", "no process number: 0"),
+            ("--timeout", "0", "not a number of seconds up to 3600: 0"),
+            ("--timeout", "soon", "not a number of seconds up to 3600: soon"),
+            ("--min-free", "lots", "not a size: lots"),
+            ("--pid", "0", "not a process number: 0"),
             ("--check", "run-dir.nothing", "no such check: run-dir.nothing"),
-            ("--session", "a b", "--service", "x", "has no blank or semicolon"),
-            ("--session", "abc", "name it with --service"),
-            ("--session", "abc", "--service", "x", "--service", "y", "name it with --service"),
+            ("--session", "a b", "--service", "x", "printable characters except"),
+            ("--session", "abc", "needs exactly one --service"),
+            ("--session", "abc", "--service", "x", "--service", "y", "needs exactly one --service"),
         ):
             report = self.doctor(*arguments)
             self.assertEqual((report.status, report.output), (3, ""), arguments)
             self.assertRegex(report.errors, f"zancgi-doctor: .*{message}")
 
-    def test_unknown_users_and_groups_and_numbers_that_nobody_can_have(self):
+    def test_unknown_users_and_groups_are_refused(self):
         for text, error in (
             ("nobody\x1b-such", "there is no user 'nobody\\x1b-such'"),
             ("root:no-such-group", "there is no group 'no-such-group'"),
@@ -91,18 +90,18 @@ class CommandLineTest(DoctorTest):
             report = self.doctor("--as", text)
             self.assertEqual((report.status, report.errors), (3, f"zancgi-doctor: {error}\n"))
 
-    def test_caller_who_ignores_the_end_of_children(self):
+    def test_caller_may_ignore_sigchld(self):
         ignore = functools.partial(signal.signal, signal.SIGCHLD, signal.SIG_IGN)
         report = self.program("--check", "process", "-v", preexec_fn=ignore)
         self.assertIn("process.streams", report.output)
 
-    def test_list_names_every_check_with_its_sentence(self):
+    def test_list_describes_every_check(self):
         report = self.program("--list")
         self.assertEqual(report.status, 0)
         listed = dict(line.split(maxsplit=1) for line in report.output.splitlines())
         self.assertEqual(listed, {name: check.about for name, check in CHECKS.items()})
 
-    def test_checks_have_the_known_states_and_remedies_for_what_is_wrong(self):
+    def test_outcomes_have_valid_states_and_problems_have_remedies(self):
         for name, check in CHECKS.items():
             for outcome, (message, remedy) in check.outcomes.items():
                 with self.subTest(check=name, outcome=outcome):
@@ -111,15 +110,15 @@ class CommandLineTest(DoctorTest):
                     self.assertRegex(message, r"\.$")
                     self.assertEqual(bool(remedy), state in ("failure", "warning", "unchecked"))
 
-    def test_source_uses_listed_names_only_and_all_of_them(self):
+    def test_source_uses_exactly_the_listed_checks_and_outcomes(self):
         source = "".join(path.read_text() for path in PACKAGES[0].rglob("*.py"))
         quoted = set(re.findall(r'"([a-z-]+\.[a-z-]+)"', source))
         self.assertEqual({name for name in quoted if name.split(".")[0] in GROUPS}, set(CHECKS))
         words = set(re.findall(r'"([a-z -]+)"', source))
         for name, check in CHECKS.items():
             for outcome in check.outcomes:
-                is_said = {outcome, outcome.partition(" ")[2]} & words
-                self.assertTrue(is_said, f"nothing says {outcome!r} of {name}")
+                is_used = {outcome, outcome.partition(" ")[2]} & words
+                self.assertTrue(is_used, f"no finding is {outcome!r} of {name}")
 
     def test_json_has_the_documented_form(self):
         found = json.loads(self.doctor("--json", "--run-dir", self.run_dir).output)
@@ -134,7 +133,7 @@ class CommandLineTest(DoctorTest):
             self.assertIn(check["state"], STATES)
 
     def test_first_line_and_exit_status(self):
-        """The worst state counts: failure, warning, unchecked, ok, in this order."""
+        """The worst state decides, in the order failure, warning, unchecked, ok."""
         none = self.folder / "none"
         missing = f"run-dir.exists {none}: The run directory '{none}' cannot be found: {NOT_THERE}."
         empty = f"socket.kind {self.run_dir}: There is no socket in '{self.run_dir}'."
@@ -150,22 +149,22 @@ class CommandLineTest(DoctorTest):
             expected = (status, f"zancgi-doctor {line}\n")
             self.assertEqual((report.status, report.output), expected)
 
-    def test_text_shows_what_is_wrong_and_with_v_all(self):
+    def test_text_shows_problems_and_with_v_everything(self):
         arguments = ("--check", "run-dir", "--run-dir", self.folder / "none")
         lines = self.doctor(*arguments).output.splitlines()
         self.assertEqual(len(lines), 3)
         self.assertRegex(lines[1], "^FAILURE  run-dir.exists ")
-        self.assertRegex(lines[2], "^    Have it made by a tmpfiles.d rule ")
+        self.assertRegex(lines[2], "^    Create it at each boot, by a tmpfiles.d rule ")
         self.assertRegex(self.doctor("-v", *arguments).output, "\nOK  run-dir.length ")
 
     def test_first_line_has_no_bar(self):
-        """Monitoring takes what stands behind one for figures."""
+        """Monitoring systems read figures after it."""
         report = self.doctor("-q", "--check", "run-dir.exists", "--run-dir", "/no|ne")
         self.assertNotIn("|", report.output)
         self.assertIn(r"/no\x7cne", report.output)
 
-    def test_output_of_foreign_text_without_utf8(self):
-        """As in a locale of another encoding, of which the machine may have none."""
+    def test_non_ascii_output_in_a_posix_locale(self):
+        """The machine may have no locale with another encoding."""
         command = [sys.executable, "-IBXutf8=0", DOCTOR, "-v", "--check", "run-dir.exists"]
         run = subprocess.run(
             [*command, "--run-dir", self.make_folder("é")], env={"LC_ALL": "POSIX"},
@@ -174,7 +173,7 @@ class CommandLineTest(DoctorTest):
         self.assertEqual(run.returncode, 0, run.stderr)
         self.assertIn(rb"\xc3\xa9", run.stdout)
 
-    def test_output_that_cannot_be_written_is_no_success(self):
+    def test_output_error_is_a_failure(self):
         with open("/dev/full", "w") as full:
             command = [DOCTOR, "--check", "run-dir.exists", "--run-dir", self.run_dir]
             run = subprocess.run(
@@ -184,7 +183,7 @@ class CommandLineTest(DoctorTest):
 
 
 class LauncherTest(DoctorTest):
-    """The program finds its modules, and takes no others."""
+    """The program finds its own modules and no others."""
 
     def setUp(self):
         super().setUp()
@@ -205,14 +204,13 @@ class LauncherTest(DoctorTest):
         )
         self.assertEqual((run.stdout, run.stderr), (f"zancgi-doctor {version}\n", ""))
 
-    def test_version(self):
-        """The project's, or one that is neither filled in nor in a source tree."""
+    def test_version_is_the_projects_or_unknown(self):
         for option in ("-V", "--version"):
             self.expect_version(DOCTOR, os.environ["VERSION"], option)
         self.install_modules("@PROJECT_VERSION@")
         self.expect_version(self.installed, "unknown")
 
-    def test_is_found_where_it_is_installed_and_leaves_no_compiled_files(self):
+    def test_installed_modules_are_found_and_not_compiled(self):
         self.install_modules()
         link = self.folder / "link"
         link.symlink_to("bin/zancgi-doctor")
@@ -222,7 +220,7 @@ class LauncherTest(DoctorTest):
         self.expect_version("bin/zancgi-doctor", cwd=self.folder)
         self.assertEqual(sorted(self.folder.rglob("*")), before)
 
-    def test_nobody_else_chooses_the_modules(self):
+    def test_environment_cannot_replace_modules(self):
         self.install_modules()
         evil = self.make_folder("evil")
         for name in ("zancgi_doctor", "json", "argparse", "sitecustomize"):
@@ -231,11 +229,11 @@ class LauncherTest(DoctorTest):
         for program, version in ((DOCTOR, os.environ["VERSION"]), (self.installed, "12.3.4")):
             self.expect_version(program, version, cwd=evil, env=environment)
 
-    def test_modules_that_are_missing(self):
+    def test_missing_modules_are_reported(self):
         run = subprocess.run(
             [self.installed, "--list"], capture_output=True, text=True, timeout=LONG, check=False
         )
-        message = f"zancgi-doctor: its modules are not in {self.share}/zancgi-tools\n"
+        message = f"zancgi-doctor: its modules are missing from {self.share}/zancgi-tools\n"
         self.assertEqual((run.returncode, run.stdout, run.stderr), (3, "", message))
 
 
@@ -243,11 +241,11 @@ class ManualTest(unittest.TestCase):
     PATH = SOURCE / "docs" / "man" / "zancgi-doctor.1"
     TEXT = PATH.read_text()
 
-    def test_has_every_check_with_its_sentence(self):
+    def test_manual_describes_every_check(self):
         shown = re.findall(r"^\.It Cm ([a-z-]+\.[a-z-]+) Ta (.*)$", self.TEXT, re.MULTILINE)
         self.assertEqual(shown, [(name, check.about) for name, check in CHECKS.items()])
 
-    def test_has_every_option(self):
+    def test_manual_describes_every_option(self):
         """In the synopsis and in the list."""
         synopsis, _, listed = self.TEXT.partition(".Sh DESCRIPTION")
         for action in make_parser()._actions:
@@ -259,31 +257,31 @@ class ManualTest(unittest.TestCase):
             short = rf"Fl [qv]*{action.option_strings[0][1:]}"
             self.assertRegex(synopsis, rf"{flag}|{short}")
 
-    def test_has_every_state(self):
+    def test_manual_describes_every_state(self):
         for state in STATES:
             self.assertIn(f".It Cm {state} Ta ", self.TEXT)
 
-    def test_pages_of_both_tools_are_clean(self):
+    def test_pages_of_both_tools_pass_mandoc(self):
         for page in (self.PATH, self.PATH.with_stem("zancgi-request")):
             command = ["mandoc", "-T", "lint", "-W", "style", page]
             lint = subprocess.run(command, capture_output=True, text=True, check=False)
-            # It is up to the machine which other manuals are installed, and text is filled.
+            # Not every manual is installed everywhere, and the text is filled.
             ignored = re.compile("referenced manual not found|longer than 80 bytes|new sentence,")
             wrong = [line for line in lint.stdout.splitlines() if not ignored.search(line)]
             self.assertEqual(wrong, [])
 
 
 class IdentityTest(DoctorTest):
-    def test_own_rights(self):
+    def test_own_rights_suffice_for_oneself(self):
         self.expect(self.examine("identity"), "identity.rights", "ok", OWN_NAME)
 
     @AS_ROOT
-    def test_another_user_without_an_entry(self):
+    def test_root_can_check_as_a_user_without_an_entry(self):
         report = self.examine("identity", "--as", f"{STRANGER}:{STRANGER}")
         self.expect(report, "identity.rights", "ok", STRANGERS_NAME)
 
     @AS_OTHERS
-    def test_another_user_without_rights(self):
+    def test_ordinary_user_cannot_check_as_another(self):
         report = self.examine("identity", "--as", "root")
         self.expect(report, "identity.rights", "unchecked", "root", caller=user_name(os.geteuid()))
         report = self.doctor("-q", "--check", "identity", "--as", "root")
@@ -291,8 +289,7 @@ class IdentityTest(DoctorTest):
         self.assertRegex(report.output, "^zancgi-doctor UNCHECKED: 0 failures, 0 warnings, 1 un")
 
     @AS_OTHERS
-    def test_hidden_from_oneself(self):
-        """The front end's user may see what the caller does not."""
+    def test_hidden_paths_are_unchecked_for_another_user(self):
         path = self.make_folder("closed", 0) / "file"
         for check, outcome, option in (
             ("run-dir.exists", "unchecked", "--run-dir"),
@@ -306,8 +303,7 @@ class IdentityTest(DoctorTest):
             self.expect(report, check, "failure missing", path, error=DENIED)
 
     @AS_ROOT
-    def test_rights_are_really_given_up(self):
-        """Group and further groups too."""
+    def test_identity_replaces_user_and_all_groups(self):
         identity = Identity("someone", STRANGER, STRANGER + 1, [STRANGER + 2])
 
         def ids():
@@ -323,7 +319,7 @@ class ProcessTest(DoctorTest):
     group, subject = "process", "this process"
 
     def sleeper(self, which=None, limit=0, **options):
-        """A process, and what the doctor calls it."""
+        """The option for a process, and its subject in findings."""
         sleeper = subprocess.Popen(
             ["sleep", "3600"], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
             preexec_fn=lambda: which is None or resource.setrlimit(which, (limit, limit)),
@@ -333,8 +329,7 @@ class ProcessTest(DoctorTest):
         self.addCleanup(sleeper.kill)
         return ("--pid", sleeper.pid), f"process {sleeper.pid}"
 
-    def test_limits(self):
-        """Of the doctor itself too."""
+    def test_limits_of_a_process_and_of_the_doctor(self):
         unlimited = resource.RLIM_INFINITY
         for which, check, limit, outcome, shown in (
             (resource.RLIMIT_NOFILE, "descriptors", 64, "ok", "64"),
@@ -357,7 +352,7 @@ class ProcessTest(DoctorTest):
             with self.subTest(check=check, limit=limit):
                 _, hard = resource.getrlimit(which)
                 if hard != unlimited and not 0 <= limit <= hard:
-                    self.skipTest("whoever runs the tests has limited them further")
+                    self.skipTest("the tests run under a lower limit")
                 arguments, name = self.sleeper(which, limit)
                 report = self.examine("limits", *arguments)
                 self.expect(report, f"limits.{check}", outcome, name, limit=shown)
@@ -365,7 +360,7 @@ class ProcessTest(DoctorTest):
         report = self.program("--json", "--check", "limits", preexec_fn=limit)
         self.expect(report, "limits.descriptors", "warning", self.subject, limit="63")
 
-    def test_limits_under_which_no_process_lives(self):
+    def test_limits_too_low_for_any_process(self):
         rows = ("Max open files", "Max address space", "Max cpu time", "Max file size")
         limits = {**dict.fromkeys(rows), "Max cpu time": 0}
         with patch.object(process, "soft_limits", return_value=limits):
@@ -376,10 +371,10 @@ class ProcessTest(DoctorTest):
         ):
             self.assertIn(expected, found)
 
-    def test_no_such_process(self):
+    def test_missing_process_ends_with_3(self):
         self.assertEqual(self.examine("limits", "--pid", str(1 << 30)).status, 3)
 
-    def test_streams(self):
+    def test_streams_of_the_doctor(self):
         self.judge("streams", "ok")
         report = self.program("--json", "--check", "process.streams", before="exec <&- 2>&-")
         values = {"numbers": "0 and 2"}
@@ -398,7 +393,7 @@ class ProcessTest(DoctorTest):
             self.judge("streams", outcome, *arguments, subject=name)
 
     @AS_OTHERS
-    def test_process_of_another(self):
+    def test_process_of_another_user_is_not_readable(self):
         with contextlib.suppress(OSError), open("/proc/1/environ") as readable:
             readable.close()
             self.skipTest("the first process of this machine is the caller's own")
@@ -406,8 +401,8 @@ class ProcessTest(DoctorTest):
         self.assertEqual(report.status, 3)
         self.assertIn(DENIED, report.all())
 
-    def test_environment_of_a_process(self):
-        """And of the doctor's own, where no process is named."""
+    def test_folders_come_from_the_environment_of_the_process(self):
+        """Without --pid, of the doctor itself."""
         tmp = self.make_folder("a=b")
         environment = {"TOV_RUN_DIR": str(self.run_dir), "TMP": str(tmp)}
         arguments, _ = self.sleeper(env=environment)
@@ -422,7 +417,7 @@ class ProcessTest(DoctorTest):
             report = self.doctor("--json", *checks, environment=environment)
             self.assertEqual([x["subject"] for x in report.checks], ["/run/tov", "/tmp"])
 
-    def test_environment(self):
+    def test_dangerous_variables_are_reported(self):
         for environment in ({}, {"LD_LIBRARY_PATH": "/opt/x:/opt/y"}):
             self.judge("environment", "ok", environment=environment)
         for variable, value, outcome in (
@@ -440,8 +435,7 @@ class ProcessTest(DoctorTest):
 
 
 class LogTest(DoctorTest):
-    def test_is_not_touched(self):
-        """Standard error is the usual target."""
+    def test_log_file_is_not_changed(self):
         self.expect(self.examine("log.target"), "log.target", "ok stderr", "stderr")
         path = self.folder / "log"
         for text in (None, "", "A line.\n"):
@@ -452,7 +446,7 @@ class LogTest(DoctorTest):
             self.assertEqual(path.read_text() if path.exists() else None, text)
 
     @AS_ROOT
-    def test_syslog(self):
+    def test_syslog_needs_a_logger(self):
         dev = self.make_folder("dev")
         before = f"mount -t tmpfs none {dev}; " + (
             f"for d in null zero urandom full; do touch {dev}/$d; "
@@ -468,7 +462,7 @@ class LogTest(DoctorTest):
 
 
 class ChildrenTest(unittest.TestCase):
-    def test_values(self):
+    def test_result_of_a_child_is_returned(self):
         for value in ([1, "é"], "x" * 1_000_000):
             self.assertEqual(run_in_child(LONG, lambda given: given, value), value)
 
@@ -477,18 +471,17 @@ class ChildrenTest(unittest.TestCase):
             run_in_child(seconds, function, *arguments)
         return str(caught.exception)
 
-    def test_time_is_up(self):
+    def test_time_limit_of_a_child(self):
         self.assertEqual(self.reason(0.2, time.sleep, LONG), "it took longer than 0.2 seconds")
 
-    def test_time_is_up_for_children_of_children(self):
-        """None of them stays behind."""
+    def test_time_limit_ends_grandchildren_too(self):
         with tempfile.TemporaryDirectory() as folder:
 
             def sleep():
                 pathlib.Path(folder, str(os.getpid())).touch()
                 time.sleep(LONG)
 
-            # On a busy machine it may not have begun.
+            # On a busy machine, it may not have started yet.
             seconds = 0.1
             while not os.listdir(folder):
                 self.reason(seconds, lambda: run_in_child(LONG, sleep))
@@ -504,16 +497,16 @@ class ChildrenTest(unittest.TestCase):
             time.sleep(0.01)
         return False
 
-    def test_faults(self):
+    def test_fault_in_a_child_is_an_exception(self):
         for function, argument, reason in (
             (lambda zero: 1 / zero, 0, "ZeroDivisionError: division by zero"),
             (os.stat, "/no\x1bne", f"{NOT_THERE}: '/no\\x1bne'"),
-            (os._exit, 0, "the checking process has ended early"),
+            (os._exit, 0, "the checking process ended early"),
             (sys.exit, 0, "SystemExit: 0"),
         ):
             self.assertEqual(self.reason(LONG, function, argument), reason)
 
-    def test_fault_of_a_check_is_a_finding(self):
+    def test_fault_in_a_check_is_a_finding(self):
         site = Mock(timeout=LONG, has_rights=False)
 
         def check(_site):
@@ -530,7 +523,7 @@ class ChildrenTest(unittest.TestCase):
 class HostileTextTest(ServiceTest):
     EVIL = "\x1b[31m\r\n\u202e\x7f\udcff\\|"
 
-    def test_nothing_reaches_the_terminal(self):
+    def test_control_characters_never_reach_the_terminal(self):
         (self.run_dir / self.EVIL.replace("\\", "")).touch()
         self.path = self.run_dir / "red\x1b[31m.sock"
         body = '<doc><user name="&#10;\u202e\x9b31m" level="1"/></doc>'
@@ -547,7 +540,7 @@ class HostileTextTest(ServiceTest):
         self.assertEqual(found["subject"], "red\\x1b[31m")
         self.assertIn(r"'\x0a\u202e\x9b31m'", found["message"])
 
-    def test_escapes(self):
+    def test_printable_escapes_and_shortens(self):
         self.assertEqual(
             printable("aé \\\n\x1b\udcff\u202e\U000e0001"),
             (r"aé \\\x0a\x1b\xff\u202e\U000e0001"),
@@ -558,7 +551,7 @@ class HostileTextTest(ServiceTest):
         message, remedy = sentences(
             "account.folder", "failure", {"subject": "al\x1b", "path": "/a\\"}
         )
-        self.assertIn("Confined to '/a\\\\', the account 'al\\x1b' may", message)
+        self.assertIn("Confined to '/a\\\\', the account 'al\\x1b' cannot", message)
         self.assertIn("-o al\\x1b -m 0700 /a\\\\/files", remedy)
 
 

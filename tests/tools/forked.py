@@ -1,4 +1,4 @@
-"""Runs a tool in a child process, without loading Python again for each run."""
+"""Runs a tool in a child process, without starting Python for each run."""
 
 import dataclasses
 import os
@@ -6,7 +6,7 @@ import sys
 import tempfile
 import warnings
 
-# What a pipe takes without a reader.
+# The bytes that a pipe holds without a reader.
 PIPE_CAPACITY = 65536
 
 
@@ -18,7 +18,7 @@ class Ended:
 
 
 def pipe_with(content):
-    """The end to read from, with nothing to come after that."""
+    """The reading end of a pipe with this content."""
     assert len(content) <= PIPE_CAPACITY
     reader, writer = os.pipe()
     os.write(writer, content)
@@ -30,7 +30,7 @@ def be_tool(main, arguments, environment, prepare, descriptors):
     """Does not return."""
     status = 70
     try:
-        # Those that unittest wants to see of a test are not of the tool.
+        # unittest enables warnings for tests, but the tool runs without.
         warnings.simplefilter("ignore")
         prepare()
         for number, descriptor in enumerate(descriptors):
@@ -50,7 +50,7 @@ def be_tool(main, arguments, environment, prepare, descriptors):
 
 
 def run_forked(main, arguments, environment, stdin=b"", prepare=lambda: None):
-    """The end of one run, by its main function; prepare is called in the child first."""
+    """Runs a main function in a child, which calls prepare first."""
     reader, writer = os.pipe()
     given = pipe_with(stdin) if isinstance(stdin, bytes) else os.dup(stdin.fileno())
     with tempfile.TemporaryFile() as errors:

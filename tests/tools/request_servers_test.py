@@ -1,5 +1,5 @@
-"""Where zancgi-request has curl's options, they must mean what they mean to curl,
-and what a program is given must be what a web server gives it."""
+"""The options of zancgi-request mean the same as curl's, and its variables and
+bodies are those of each web server."""
 
 import os
 import pathlib
@@ -13,22 +13,21 @@ import urllib.parse
 from request_support import ENVIRONMENT, LONG, MEGABYTE, PROBE, TOOL, RequestTest, given, run
 import web_servers
 
-# Of ours, they are known to differ.
 DIFFERENT_PORT = {"REMOTE_PORT"}
-# The web server's own folders, and what the tests start it with.
+# The web server's own folders, and what the tests set.
 OF_THE_SERVER = {"DOCUMENT_ROOT", "PATH_TRANSLATED", "PATH", "LD_LIBRARY_PATH",
                  "CONTEXT_DOCUMENT_ROOT"}  # fmt: skip
-# curl asks before it sends a long body; some servers hand that on.
-ASKED_BEFORE = {"HTTP_EXPECT"}
-NOT_COMPARED = DIFFERENT_PORT | OF_THE_SERVER | ASKED_BEFORE
+# curl sends Expect before a long body; some servers pass it on.
+EXPECT = {"HTTP_EXPECT"}
+NOT_COMPARED = DIFFERENT_PORT | OF_THE_SERVER | EXPECT
 
 
 def fastcgi_parameters():
-    """The package's; nginx, without which there are none, is looked for later."""
+    """The parameters of Debian's package; empty without nginx."""
     path = pathlib.Path("/etc/nginx/fastcgi_params")
     text = path.read_text() if path.exists() else ""
     found = dict(re.findall(r"^fastcgi_param\s+(\w+)\s+(\S+);", text, re.MULTILINE))
-    # These are in the tests' configuration already.
+    # The tests' configuration already sets these.
     for name in ("QUERY_STRING", "REQUEST_METHOD", "CONTENT_TYPE", "CONTENT_LENGTH", "REMOTE_ADDR",
                  "SERVER_ADDR", "HTTPS"):  # fmt: skip
         found.pop(name, None)
@@ -36,7 +35,7 @@ def fastcgi_parameters():
 
 
 def start_server(test, kind, program, *needed, **variables):
-    """For all tests of a class, which are skipped where a program is missing."""
+    """Starts the server of a test class, or skips the class if a program is missing."""
     for name in needed:
         if not shutil.which(name, path="/usr/sbin:/usr/bin:/sbin:/bin"):
             raise unittest.SkipTest(f"there is no {name} on this machine")
@@ -49,15 +48,15 @@ BOUNDARY = re.compile(rb"-{24}[0-9a-f]{16}")
 
 
 def differences(actual, expected):
-    """The facts that differ, as (actual, expected), variables one by one."""
-    facts = [{**vars(told), **told.variables, "variables": None} for told in (actual, expected)]
+    """The differences, as (actual, expected), each variable by itself."""
+    facts = [{**vars(each), **each.variables, "variables": None} for each in (actual, expected)]
     names = facts[0].keys() | facts[1].keys()
     pairs = {name: tuple(fact.get(name) for fact in facts) for name in names}
     return {name: pair for name, pair in pairs.items() if pair[0] != pair[1]}
 
 
 class ThroughServer(RequestTest):
-    """Plays each request both ways."""
+    """Sends each request by curl through the web server, and by the tool."""
 
     variables = {}
 
@@ -94,18 +93,18 @@ class ThroughServer(RequestTest):
             return expected
 
     def comparable(self, output):
-        told = given(output)
-        told.body = BOUNDARY.sub(b"BOUNDARY", told.body)
-        # They are up to the pipes in between; fcgiwrap leaves one of its own open.
-        told.reads = sum(told.reads)
-        told.open = told.open[:3]
-        told.variables = {
+        received = given(output)
+        received.body = BOUNDARY.sub(b"BOUNDARY", received.body)
+        # Reads depend on the pipes; fcgiwrap leaves a descriptor open.
+        received.reads = sum(received.reads)
+        received.open = received.open[:3]
+        received.variables = {
             name: BOUNDARY.sub(b"BOUNDARY", os.fsencode(value))
-            for name, value in told.variables.items()
+            for name, value in received.variables.items()
             if name not in NOT_COMPARED
         }
-        self.normalize(told.variables)
-        return told
+        self.normalize(received.variables)
+        return received
 
     def normalize(self, variables):
         pass
@@ -145,8 +144,8 @@ class AsThroughServer(ThroughServer):
 
     def test_long_form(self):
         self.file("large", os.urandom(3 * MEGABYTE))
-        told = self.assert_same("-F", "a=1", "-F", "f=@large", "-F", "g=@large;type=x/y")
-        self.assertGreater(len(told.body), 6 * MEGABYTE)
+        received = self.assert_same("-F", "a=1", "-F", "f=@large", "-F", "g=@large;type=x/y")
+        self.assertGreater(len(received.body), 6 * MEGABYTE)
 
     def test_body_about_64_kilobytes(self):
         for size in (65535, 65536, 65537):
@@ -155,7 +154,7 @@ class AsThroughServer(ThroughServer):
 
     def test_upload_file(self):
         self.file("data", b"content\r\n")
-        # Nothing is asked before, which takes curl a second.
+        # With Expect, curl would wait for a second.
         at_once = ("-T", "data", "-H", "Expect:")
         self.assert_same(*at_once)
         self.assert_same(*at_once, "-X", "POST", "-H", "Content-Type: a/b")
@@ -195,7 +194,7 @@ class AsThroughLighttpd(AsThroughServer):
     programs = ["lighttpd"]
     name = "lighttpd"
 
-    def test_address_is_normalized(self):
+    def test_url_is_normalized(self):
         self.assert_same(path="/a%2fb%41%7e%c3?%41+%2f%7e%zz")
 
 
@@ -204,7 +203,7 @@ class BodiesAsThroughLighttpd(ThroughServer):
     programs = ["lighttpd"]
     name = "lighttpd"
 
-    # What curl makes of it does not depend on the web server.
+    # Bodies that curl makes do not depend on the web server.
 
     def test_data_urlencoded(self):
         self.file("lines", b"l1\r\nl2\0\xff")
@@ -255,7 +254,7 @@ class AsThroughApache(AsThroughServer):
     name = "apache"
 
     def normalize(self, variables):
-        # With a number that changes with each security update.
+        # The version changes with each security update.
         variables["SERVER_SOFTWARE"] = variables["SERVER_SOFTWARE"][:10]
 
 
@@ -272,26 +271,26 @@ class AsThroughBusybox(AsThroughServer):
     name = "busybox"
 
     def comparable(self, output):
-        told = super().comparable(output)
-        if told.variables["REQUEST_METHOD"] == b"PUT":
-            # What comes along with the header is handed on: as chance will have it.
-            told.polled = None
-        return told
+        received = super().comparable(output)
+        if received.variables["REQUEST_METHOD"] == b"PUT":
+            # The part of the body that arrives with the header varies.
+            received.polled = None
+        return received
 
 
-# They are run by those that are derived of them.
+# Only the derived classes are tests.
 del ThroughServer, AsThroughServer
 
 
-# Sends the lines that the query names as its header, and tells what it was asked.
+# Sends the header lines in the query, and prints the request.
 GUEST = """#!/usr/bin/python3
 import os, sys, urllib.parse
 lines = urllib.parse.parse_qs(os.environ["QUERY_STRING"], encoding="latin-1").get("line", [])
 head = "".join(line + "\\r\\n" for line in lines) + "Content-Type: text/plain\\r\\n\\r\\n"
 names = ("REQUEST_METHOD", "REQUEST_URI", "HTTP_COOKIE", "HTTP_REFERER", "CONTENT_TYPE")
-told = [name + "=" + os.environ.get(name, "") for name in names]
+given = [name + "=" + os.environ.get(name, "") for name in names]
 body = sys.stdin.read(int(os.environ.get("CONTENT_LENGTH") or 0))
-sys.stdout.write(head + "\\n".join([*told, "body=" + body, ""]))
+sys.stdout.write(head + "\\n".join([*given, "body=" + body, ""]))
 """
 
 
@@ -300,7 +299,7 @@ def asking_for(*lines, path=""):
 
 
 class GuestTest(RequestTest):
-    """Plays each visit both ways, by curl through a web server."""
+    """Sends each request by curl through a web server, and by the tool."""
 
     @classmethod
     def setUpClass(cls):
@@ -328,13 +327,13 @@ class GuestTest(RequestTest):
 
     def assert_same(self, *arguments, **where):
         with self.subTest(arguments=arguments, **where):
-            told = self.by_tool(*arguments, **where)
-            self.assertEqual(told, self.by_curl(*arguments, **where))
-            return told
+            answer = self.by_tool(*arguments, **where)
+            self.assertEqual(answer, self.by_curl(*arguments, **where))
+            return answer
 
 
 def jar_of(*cookies):
-    """A jar of (name, value, path, expires); what is missing at the end is usual."""
+    """A jar of (name, value, path, expires), of which the last may be omitted."""
     usual = ("a", "1", "/", "0")
     cookies = [(*given, *usual[len(given) :]) for given in cookies]
     lines = [f"localhost\tFALSE\t{path}\tFALSE\t{seconds}\t{name}\t{value}\r\n"
@@ -344,8 +343,8 @@ def jar_of(*cookies):
 
 class CookieTest(GuestTest):
     def jar(self, name):
-        """Its cookies as the fields of their lines; a path with or without a slash
-        at its end is for the same pages, a domain has no case."""
+        """The fields of its cookies. A slash at the end of a path and the case of a
+        domain do not matter."""
         lines = (self.folder / name).read_text().split("\n")
         cookies = [line.split("\t") for line in lines if line.count("\t") == 6]
         for fields in cookies:
@@ -353,8 +352,8 @@ class CookieTest(GuestTest):
             fields[2] = fields[2].rstrip("/") or "/"
         return sorted(cookies)
 
-    def cookies(self, told):
-        found = re.search(rb"HTTP_COOKIE=(.*)", told)[1].decode()
+    def cookies(self, answer):
+        found = re.search(rb"HTTP_COOKIE=(.*)", answer)[1].decode()
         return sorted(found.split("; ")) if found else []
 
     def assert_same_jar(self, *cookies, host="localhost", path="/x/y"):
@@ -365,13 +364,13 @@ class CookieTest(GuestTest):
             of_curl, of_tool = self.jar("of-curl"), self.jar("of-tool")
             for ours, theirs in zip(of_tool, of_curl):
                 if re.search('max-age="?1000', cookies[0].lower()):
-                    # Counted from when each of them was run.
+                    # It counts from the time of each run.
                     self.assertLess(abs(int(ours[4]) - int(theirs[4])), 900)
                     ours[4] = theirs[4]
             self.assertEqual(of_tool, of_curl)
             return of_tool
 
-    def test_what_is_set_is_kept_as_by_curl(self):
+    def test_cookies_are_kept_as_by_curl(self):
         for text in (
             "a=1", "a=1=2", "a=", 'a="b c"', "  a = b c  ; ", "a=1; HttpOnly",
             "a=1;httponly;secure", "a=1; Path=/", "a=1; Path=/x/y/z", "a=1; path=/x",
@@ -387,26 +386,26 @@ class CookieTest(GuestTest):
         ):  # fmt: skip
             self.assert_same_jar(text)
 
-    def test_path_that_is_none_does_not_count(self):
-        """In a browser; curl keeps it, and sends the cookie nowhere or everywhere."""
+    def test_relative_path_is_ignored(self):
+        """As in browsers; curl keeps it, and sends the cookie nowhere or everywhere."""
         for attribute in ("Path=x", "Path=", "Path"):
             self.by_tool("-c", "jar", path=asking_for(f"Set-Cookie: a=1; {attribute}", path="/x/y"))
             self.assertEqual([fields[2] for fields in self.jar("jar")], ["/cgi-bin/guest/x"])
 
-    def test_age_of_thousands_of_digits(self):
-        """In a browser; curl ignores so long a cookie."""
+    def test_max_age_of_thousands_of_digits_is_the_maximum(self):
+        """As in browsers; curl ignores such a long cookie."""
         last = str((1 << 63) - 1)
         for age, times in (("9" * 5000, [last]), ("0" * 5000, []), ("-" + "9" * 5000, [])):
             self.by_tool("-c", "jar", path=asking_for(f"Set-Cookie: a=1; Max-Age={age}"))
             self.assertEqual([fields[4] for fields in self.jar("jar")], times)
 
-    def test_what_is_ignored_is_ignored_by_curl(self):
+    def test_invalid_and_expired_cookies_are_ignored_as_by_curl(self):
         for text in ("a", "=1", "", "a=\t1\t2", "a=1; Domain=other.example", "a=1; Max-Age=0",
                      "a=1; Max-Age=-5", "a=1; Expires=Thu, 01 Jan 1981 00:00:00 GMT",
                      "a=1; Max-Age=0; Expires=Wed, 01 Jan 2098 01:02:03 GMT"):  # fmt: skip
             self.assertEqual(self.assert_same_jar(text), [])
 
-    def test_domains_as_by_curl(self):
+    def test_domains_are_accepted_as_by_curl(self):
         for host, domain, is_kept in (
             ("www.panel.example", "panel.example", True),
             ("www.panel.example", ".Panel.Example", True),
@@ -420,7 +419,7 @@ class CookieTest(GuestTest):
         ):
             kept = self.assert_same_jar(f"a=1; Domain={domain}", host=host)
             self.assertEqual(bool(kept), is_kept, (host, domain))
-        # Whoever is not to be trusted cannot set what is to be secret.
+        # Secure cookies cannot be set over http.
         self.assertEqual(self.assert_same_jar("a=1; Secure", host="panel.example"), [])
 
     def test_same_cookie_is_replaced_and_removed(self):
@@ -464,14 +463,14 @@ too\tfew\tfields
                 self.assertEqual(sent, self.cookies(expected))
                 self.assertEqual({text.partition("=")[0] for text in sent}, names)
 
-    def test_times_of_a_jar_as_by_curl(self):
+    def test_expiry_times_in_a_jar_are_read_as_by_curl(self):
         last = str((1 << 63) - 1)
         times = {"last": last, "zeros": "0" * 4400 + last, "more": str(1 << 63), "most": "9" * 4500}
         self.file("jar", jar_of(*((name, "1", "/", time) for name, time in times.items())))
         for sent in (self.by_tool("-b", "jar"), self.by_curl("-b", "jar")):
             self.assertEqual(self.cookies(sent), ["last=1", "zeros=1"])
 
-    def test_lines_of_a_jar_end_as_by_curl(self):
+    def test_lines_of_a_jar_are_split_as_by_curl(self):
         values = ["1\x852", "3\u20284\u20295", "6"]
         self.file("jar", jar_of(*zip("abc", values)))
         for sent in (self.by_tool("-b", "jar", "-c", "new"), self.by_curl("-b", "jar")):
@@ -483,19 +482,19 @@ too\tfew\tfields
         result = self.run_in_folder(self.server.program, "-b", "jar", "https://panel.example/")
         self.assertEqual(self.cookies(result.output), ["all=8", "one=9", "safe=10"])
 
-    def test_the_longest_path_comes_first(self):
+    def test_cookie_with_the_longest_path_is_sent_first(self):
         self.file("jar", jar_of(("a", 0), ("a", 1, "/cgi-bin/guest"), ("a", 2, "/cgi-bin")))
         self.assertIn(b"HTTP_COOKIE=a=1; a=2; a=0\n", self.assert_same("-b", "jar"))
 
-    def test_jars_are_read_by_each_other(self):
+    def test_curl_and_tool_read_each_others_jars(self):
         path = asking_for("Set-Cookie: a=1; HttpOnly", "Set-Cookie: b=2; Path=/; Max-Age=1000",
                           "Set-Cookie: c=3; Domain=localhost; Secure")  # fmt: skip
         for make, read in ((self.by_curl, self.by_tool), (self.by_tool, self.by_curl)):
             make("-c", "jar", path=path)
             self.assertEqual(self.cookies(read("-b", "jar")), ["a=1", "b=2", "c=3"])
 
-    def test_a_visit_with_one_jar(self):
-        """The jar need not be there at first; what is in it goes on."""
+    def test_jar_is_read_and_written(self):
+        """The jar need not exist at first, and keeps its cookies."""
         both = ("-b", "jar", "-c", "jar")
         self.by_tool(*both, path=asking_for("Set-Cookie: a=1"))
         self.by_tool(*both, path=asking_for("Set-Cookie: b=2"))
@@ -508,22 +507,22 @@ too\tfew\tfields
         self.assertEqual(self.cookies(self.by_tool("-c", "jar")), [])
         self.assertEqual(self.jar("jar"), [])
 
-    def test_data_is_sent_beside_the_jar_and_not_kept(self):
+    def test_cookies_of_options_are_sent_but_not_kept(self):
         self.file("jar", jar_of(("a", "1")))
-        told = self.assert_same("-b", "jar", "-b", "b=2; c=3", "-c", "new")
-        self.assertIn(b"HTTP_COOKIE=a=1; b=2; c=3\n", told)
+        answer = self.assert_same("-b", "jar", "-b", "b=2; c=3", "-c", "new")
+        self.assertIn(b"HTTP_COOKIE=a=1; b=2; c=3\n", answer)
         self.assertEqual([fields[5:] for fields in self.jar("new")], [["a", "1"]])
         self.assert_same("-b", "jar", "-b", "b=2", "-H", "Cookie: d=4")
         self.assertEqual(self.cookies(self.assert_same("-b", "none")), [])
 
-    def test_jar_is_nobody_elses(self):
+    def test_only_the_owner_can_read_a_jar(self):
         self.file("old", b"").chmod(0o644)
         self.by_tool("-c", "jar", "-o", "output")
         self.by_tool("-c", "old", "-o", "output")
         modes = [(self.folder / name).stat().st_mode & 0o777 for name in ("jar", "old", "output")]
         self.assertEqual(modes, [0o600, 0o600, 0o644])
 
-    def test_jar_that_cannot_be_written_stays_as_it_was(self):
+    def test_jar_that_cannot_be_written_is_unchanged(self):
         jar = self.file("jar", self.JAR.encode())
         done = subprocess.run(
             ["sh", "-c", 'ulimit -f 0; exec "$@"', "sh",
@@ -553,14 +552,14 @@ too\tfew\tfields
             self.assertTrue(output.endswith(line.encode()), output)
         self.assertTrue(link.is_symlink())
 
-    def test_repeated_requests_have_the_cookies_of_those_before(self):
+    def test_repeated_requests_send_the_cookies_of_earlier_ones(self):
         address = self.address(asking_for("Set-Cookie: a=1"))
         result = self.run_in_folder(self.server.program, "--repeat", "2", "-c", "jar", address)
         self.assertEqual(re.findall(rb"HTTP_COOKIE=(.*)", result.output), [b"", b"a=1"])
 
 
 class RedirectTest(GuestTest):
-    """The address of the server stands in some of the answers."""
+    """Some answers contain the address of the server."""
 
     def redirect(self, status, location, *more):
         return asking_for(f"Status: {status}", f"Location: {location}", *more, path="/from")
@@ -568,52 +567,52 @@ class RedirectTest(GuestTest):
     def to(self, path):
         return self.server.path + path
 
-    def test_methods_and_bodies_as_by_curl(self):
+    def test_methods_and_bodies_are_those_of_curl(self):
         self.file("f", b"content")
         for status in (301, 302, 303, 307, 308):
             path = self.redirect(status, self.to("/to?a=1"))
             for arguments in ((), ("-d", "x=1"), ("-T", "f"), ("-X", "DELETE"),
                               ("-d", "x", "-H", "X-A: 1", "-e", "http://r/;auto")):  # fmt: skip
                 if arguments == ("-X", "DELETE") and status == 303:
-                    continue  # curl asks by DELETE once more
-                told = self.assert_same("-L", *arguments, path=path)
-                self.assertIn(b"REQUEST_URI=/cgi-bin/guest/to?a=1\n", told)
+                    continue  # curl would send DELETE again
+                answer = self.assert_same("-L", *arguments, path=path)
+                self.assertIn(b"REQUEST_URI=/cgi-bin/guest/to?a=1\n", answer)
 
-    def test_what_a_form_becomes(self):
+    def test_status_decides_about_method_and_body(self):
         for status, method, content_type, body in (
             (302, b"GET", b"", b""),
             (307, b"POST", b"application/x-www-form-urlencoded", b"x=1"),
         ):
-            told = self.by_tool("-L", "-d", "x=1", path=self.redirect(status, self.to("/to")))
+            answer = self.by_tool("-L", "-d", "x=1", path=self.redirect(status, self.to("/to")))
             for line in (b"REQUEST_METHOD=" + method, b"CONTENT_TYPE=" + content_type,
                          b"body=" + body):  # fmt: skip
-                self.assertIn(line, told.splitlines())
+                self.assertIn(line, answer.splitlines())
 
-    def test_after_303_everything_is_asked_by_get(self):
+    def test_status_303_changes_every_method_to_get(self):
         path = self.redirect(303, self.to("/to"))
         for method in ("POST", "PUT", "DELETE"):
-            told = self.by_tool("-L", "-X", method, path=path)
-            self.assertIn(b"REQUEST_METHOD=GET\n", told)
+            answer = self.by_tool("-L", "-X", method, path=path)
+            self.assertIn(b"REQUEST_METHOD=GET\n", answer)
 
-    def test_head_stays_head(self):
+    def test_status_303_does_not_change_head(self):
         path = self.address(self.redirect(303, self.to("/to")))
         output = self.run_in_folder(self.server.program, "-L", "-I", path).output
         self.assertEqual(re.findall(rb"^HTTP/1.1 (\d+)", output, re.MULTILINE), [b"303", b"200"])
-        # The answer to GET would have come with its body.
+        # The answer to GET would have a body.
         self.assertNotIn(b"REQUEST_METHOD=", output)
 
     def test_body_is_sent_again_from_its_beginning(self):
         self.file("f", b"content")
         for arguments in (("--data-binary", "@f"), ("--data-binary", "@-"), ("-F", "a=@f")):
             path = self.redirect(307, self.to("/to"))
-            told = self.by_tool("-L", *arguments, "--boundary", "B", path=path, stdin=b"content")
-            self.assertIn(b"content", told.partition(b"body=")[2])
+            answer = self.by_tool("-L", *arguments, "--boundary", "B", path=path, stdin=b"content")
+            self.assertIn(b"content", answer.partition(b"body=")[2])
 
-    def test_is_not_followed_without_being_asked(self):
-        told = self.assert_same(path=self.redirect(302, self.to("/to")))
-        self.assertIn(b"REQUEST_URI=/cgi-bin/guest/from?", told)
+    def test_redirect_is_not_followed_by_default(self):
+        answer = self.assert_same(path=self.redirect(302, self.to("/to")))
+        self.assertIn(b"REQUEST_URI=/cgi-bin/guest/from?", answer)
 
-    def test_only_the_last_body_is_shown_and_all_headers(self):
+    def test_all_headers_but_only_the_last_body_are_printed(self):
         path = self.redirect(302, self.to("/to"))
         output = self.by_tool("-L", "-i", "-D", "head", path=path)
         self.assertEqual(output.count(b"HTTP/1.1 "), 2)
@@ -621,16 +620,16 @@ class RedirectTest(GuestTest):
         head = (self.folder / "head").read_bytes()
         self.assertEqual(re.findall(rb"^HTTP/1.1 (\d+)", head, re.MULTILINE), [b"302", b"200"])
 
-    def test_cookies_go_along_when_there_is_a_jar(self):
+    def test_redirect_carries_cookies_if_there_is_a_jar(self):
         path = self.redirect(302, self.to("/to"), "Set-Cookie: a=1")
         self.assertIn(b"HTTP_COOKIE=a=1; b=2\n", self.assert_same("-L", "-b", "", "-b", "b=2",
                                                                   path=path))  # fmt: skip
         self.assertIn(b"HTTP_COOKIE=\n", self.assert_same("-L", path=path))
 
-    def test_whole_addresses_of_the_program(self):
+    def test_complete_urls_of_the_program_are_followed(self):
         for location in (self.address("/to", "localhost"), self.address("/to", "LOCALHOST")):
-            told = self.by_tool("-L", path=self.redirect(302, location))
-            self.assertIn(b"REQUEST_URI=/cgi-bin/guest/to\n", told)
+            answer = self.by_tool("-L", path=self.redirect(302, location))
+            self.assertIn(b"REQUEST_URI=/cgi-bin/guest/to\n", answer)
         result = self.run_in_folder(
             self.server.program, "-L", "http://panel.example"
             + self.server.path + self.redirect(301, "https://panel.example" + self.server.path),
@@ -638,19 +637,19 @@ class RedirectTest(GuestTest):
         self.assertEqual((result.status, result.errors), (0, ""))
         self.assertIn(b"REQUEST_URI=/cgi-bin/guest\n", result.output)
 
-    def test_what_leads_away_is_not_followed(self):
+    def test_redirect_to_another_program_or_host_is_not_followed(self):
         for location in ("/", "/cgi-bin/guests", "http://other.example" + self.server.path,
                          f"http://localhost:{self.server.port + 1}{self.server.path}",
                          "mailto:joe@panel.example", "ftp://localhost/"):  # fmt: skip
             with self.subTest(location=location):
                 address = self.address(self.redirect(302, location), "localhost")
                 result = self.run_in_folder(self.server.program, "-L", address)
-                message = f"'{location}' is not followed: it leads away from the program"
-                expected = (0, f"zancgi-request: {message}\n")
+                reason = "is not followed: it leads to another program or host"
+                expected = (0, f"zancgi-request: the redirect to '{location}' {reason}\n")
                 self.assertEqual((result.status, result.errors), expected)
                 self.assertIn(b"REQUEST_URI=/cgi-bin/guest/from?", result.output)
 
-    def test_paths_below_a_program_that_the_url_names(self):
+    def test_script_name_and_path_info_after_a_redirect(self):
         program = self.program(
             "case $REQUEST_URI in\n"
             '*/end) printf "Content-Type: a/b\\n\\n$SCRIPT_NAME $PATH_INFO";;\n'
@@ -664,7 +663,7 @@ class RedirectTest(GuestTest):
         ):
             self.assertEqual(run(program, "-L", *arguments).output, output)
 
-    def test_limit(self):
+    def test_number_of_redirects_is_limited(self):
         program = self.program('printf "Status: 302 Found\\nLocation: /loop\\n\\n"; echo >> visits')
         for arguments, most in ((("--max-redirs", "2"), 2), (("--max-redirs", "0"), 0), ((), 50)):
             result = run(program, "-L", *arguments, "/loop", "-w", "%{num_redirects}")
@@ -675,11 +674,11 @@ class RedirectTest(GuestTest):
             self.assertEqual(visits.read_text().count("\n"), most + 1)
             visits.unlink()
 
-    def test_time_limit_is_for_all_of_them(self):
+    def test_time_limit_applies_to_all_redirects(self):
         program = self.program('printf "Status: 302 Found\\nLocation: /loop\\n\\n"; exec sleep 0.3')
         self.assertEqual(run(program, "-L", "-m", "1", "/loop").status, 28)
 
-    def test_what_is_wrong_is_not_followed(self):
+    def test_redirect_in_a_broken_header_is_not_followed(self):
         program = self.program('printf "Status: 302 Found\\nLocation: /x\\nnonsense\\n\\n"')
         self.assertEqual(run(program, "-L", "/x").status, 8)
 

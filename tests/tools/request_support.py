@@ -1,5 +1,4 @@
-"""What the tests of zancgi-request have in common: runs of it, and programs that
-report what they were given."""
+"""Runs of zancgi-request, and programs that report what they receive."""
 
 import dataclasses
 import os
@@ -13,18 +12,18 @@ from forked import Ended, run_forked
 from zancgi_request.cli import main
 
 SOURCE = pathlib.Path(os.environ["SOURCE"])
-# Where web_servers and processes are.
+# The folder of web_servers and processes.
 sys.path.insert(0, str(SOURCE / "tests" / "e2e"))
 TOOL = SOURCE / "tools" / "zancgi-request"
 PROBE = os.environ["CGI_PROBE"]
 PATH = "/usr/bin:/bin"
 MEGABYTE = 1 << 20
-# Seconds that nothing here takes, however busy the machine is.
+# A time limit in seconds that is long enough on a busy machine.
 LONG = 300
 os.umask(0o022)
-# Seconds that no test takes: what sleeps so long has to be ended.
+# Seconds that no test takes: processes that sleep this long must be ended.
 AGES = 3600
-# No proxy, and no configuration of whoever runs the tests.
+# Without proxies and configuration of the user who runs the tests.
 ENVIRONMENT = {"PATH": PATH, "LC_ALL": "C.UTF-8", "FOREIGN": "not for the program"}
 
 
@@ -40,7 +39,7 @@ def run(*arguments, folder=None, stdin=b"", **variables):
 
 
 def run_program(*arguments, folder=None, stdin=b"", **options):
-    """The same by the program itself."""
+    """The same as a separate process."""
     done = subprocess.run(
         [TOOL, *map(str, arguments)], input=stdin, capture_output=True, cwd=folder,
         env=ENVIRONMENT, timeout=LONG, check=False, **options,
@@ -54,22 +53,22 @@ def start_program(*arguments, **options):
 
 @dataclasses.dataclass
 class Given:
-    """What the probe was given, as it reports."""
+    """What the probe reports."""
 
     arguments: list
     folder: str
     variables: dict
-    # Of standard input and output.
+    # The kinds of standard input and output.
     kinds: list
     open: list
     reads: list
-    # What poll found at the end of the body.
+    # The events of poll at the end of the body.
     polled: int
     body: bytes
 
 
 def kind_of(target):
-    """Of a descriptor, by what it leads to."""
+    """The kind of a descriptor, from its link in /proc."""
     name, colon, _ = target.partition(":[")
     return name if colon else "device" if target.startswith("/dev/") else "file"
 
@@ -84,7 +83,7 @@ def given(output):
     return Given(
         facts["argument"],
         facts["folder"][0],
-        # The first of a name, as getenv finds it.
+        # Like getenv, takes the first of several values.
         dict(text.split("=", 1) for text in reversed(facts["variable"])),
         [kind_of(descriptors[n]) if n in descriptors else "closed" for n in "01"],
         sorted(map(int, descriptors)),
@@ -101,7 +100,7 @@ class RequestTest(unittest.TestCase):
         self.folder = pathlib.Path(folder.name)
 
     def program(self, text, name="program"):
-        """A shell script, unless its first line names another interpreter."""
+        """A script, by default of the shell."""
         path = self.folder / name
         path.write_text(text if text.startswith("#!") else "#!/bin/sh\n" + text)
         path.chmod(0o755)

@@ -1,5 +1,4 @@
-"""zancgi-request must do what a web server does, and report what a program does
-wrong."""
+"""zancgi-request behaves as a web server, and reports the mistakes of programs."""
 
 import contextlib
 import os
@@ -27,7 +26,7 @@ from zancgi_request.options import default_settings
 
 class VariablesTest(RequestTest):
     def test_environment_is_clean_and_complete(self):
-        told = self.given("http://example.org:8080/a%20b?c=%64", "-d", "x=1", "-A", "me")
+        received = self.given("http://example.org:8080/a%20b?c=%64", "-d", "x=1", "-A", "me")
         expected = {
             "CONTENT_LENGTH": "3",
             "CONTENT_TYPE": "application/x-www-form-urlencoded",
@@ -51,22 +50,22 @@ class VariablesTest(RequestTest):
             "SERVER_PROTOCOL": "HTTP/1.1",
             "SERVER_SOFTWARE": "zancgi-request/" + os.environ["VERSION"],
         }
-        self.assertEqual(told.variables, expected)
+        self.assertEqual(received.variables, expected)
 
     def test_program_runs_in_its_folder_under_its_own_path(self):
         os.symlink(PROBE, self.folder / "probe")
-        told = self.given(program="./probe")
-        self.assertEqual(told.arguments, [str(self.folder / "probe")])
-        self.assertEqual(told.folder, str(self.folder))
+        received = self.given(program="./probe")
+        self.assertEqual(received.arguments, [str(self.folder / "probe")])
+        self.assertEqual(received.folder, str(self.folder))
 
     def test_program_gets_no_further_descriptors(self):
         for kind in ("pipe", "socket", "file", "null"):
             self.file("f", b"content")
-            told = self.given("--stdin", kind, "-F", "f=@f")
-            self.assertEqual(told.open, [0, 1, 2], kind)
+            received = self.given("--stdin", kind, "-F", "f=@f")
+            self.assertEqual(received.open, [0, 1, 2], kind)
 
     def test_variables(self):
-        """None: there is no such variable."""
+        """None: the variable is not set."""
         proxy = ("-H", "Proxy: http://attacker/")
         for arguments, expected in (
             (("--env", "REMOTE_USER=joe"), {"REMOTE_USER": "joe"}),
@@ -88,7 +87,7 @@ class VariablesTest(RequestTest):
             (("https://example.org/",),
              {"HTTPS": "on", "SERVER_PORT": "443", "HTTP_HOST": "example.org"}),
             (("http://[::1]:81/",), {"SERVER_ADDR": "::1", "HTTP_HOST": "[::1]:81"}),
-            # Ports that no server has, in the header and not in the URL.
+            # Invalid ports in the header.
             (("--server", "apache", "-H", "Host: a:" + "9" * 5000), {"SERVER_PORT": "80"}),
             (("--server", "apache", "-H", "Host: a:\u0661"), {"SERVER_PORT": "80"}),
         ):  # fmt: skip
@@ -119,8 +118,7 @@ class VariablesTest(RequestTest):
                 translated = info and str(self.folder) + info
                 self.assertEqual(variables.get("PATH_TRANSLATED"), translated)
 
-    def test_line_ends_of_texts_are_those_of_browsers(self):
-        """Files stay as they are."""
+    def test_line_ends_in_texts_but_not_files_become_crlf(self):
         content = b"l1\nl2\r\nl3\rl4"
         self.file("file", content)
         text = "l1\nl2\r\nl3\rl4\n\n"
@@ -137,22 +135,22 @@ class VariablesTest(RequestTest):
         ):
             with self.subTest(option=option, value=value):
                 expected = b"--B\r\nContent-Disposition: form-data; %s\r\n\r\n%s\r\n--B--\r\n"
-                told = self.given("--boundary", "B", option, value)
-                self.assertEqual(told.body, expected % (head, body))
-                content_type = told.variables["CONTENT_TYPE"]
+                received = self.given("--boundary", "B", option, value)
+                self.assertEqual(received.body, expected % (head, body))
+                content_type = received.variables["CONTENT_TYPE"]
                 self.assertEqual(content_type, "multipart/form-data; boundary=B")
 
-    def test_boundary_is_another_each_time(self):
+    def test_boundary_is_random(self):
         types = {self.given("-F", "a=1").variables["CONTENT_TYPE"] for _ in range(3)}
         self.assertEqual(len(types), 3)
 
 
 class VersionTest(RequestTest):
-    def test_is_the_projects(self):
+    def test_version_is_the_projects(self):
         result = run_program("--version")
         self.assertEqual(result.output.decode(), f"zancgi-request {os.environ['VERSION']}\n")
 
-    def test_is_packed_with_it_into_one_file_that_is_always_the_same(self):
+    def test_packed_file_is_reproducible_and_has_a_version(self):
         files = [self.folder / "one", self.folder / "two"]
         for file in files:
             pack = [sys.executable, "-B", TOOL.with_name("pack.py"), "12.3.4", file]
@@ -167,8 +165,7 @@ class VersionTest(RequestTest):
 
 
 class StandardInputTest(RequestTest):
-    def test_kinds(self):
-        """The body also ends for a program that reads on."""
+    def test_standard_input_has_the_requested_kind_and_ends_after_the_body(self):
         for kind, expected, reads, polled in (
             ("pipe", "pipe", [3, 0], select.POLLHUP),
             ("socket", "socket", [3, 0], select.POLLIN),
@@ -177,13 +174,13 @@ class StandardInputTest(RequestTest):
             ("closed", "closed", [-1], select.POLLNVAL),
         ):
             with self.subTest(kind=kind):
-                told = self.given("--stdin", kind, "-d", "a=1", "?to-the-end")
-                self.assertEqual((told.kinds[0], told.reads), (expected, reads))
-                self.assertEqual(told.polled, polled)
-                self.assertEqual(told.variables["CONTENT_LENGTH"], "3")
-                self.assertEqual(told.body, b"a=1" if reads == [3, 0] else b"")
+                received = self.given("--stdin", kind, "-d", "a=1", "?to-the-end")
+                self.assertEqual((received.kinds[0], received.reads), (expected, reads))
+                self.assertEqual(received.polled, polled)
+                self.assertEqual(received.variables["CONTENT_LENGTH"], "3")
+                self.assertEqual(received.body, b"a=1" if reads == [3, 0] else b"")
 
-    def test_body_has_ended_before_the_program_starts(self):
+    def test_body_is_complete_before_the_program_starts(self):
         for kind in ("pipe", "socket"):
             for body in (None, Body([b"abc"])):
                 channel = Channel(kind, body)
@@ -194,55 +191,56 @@ class StandardInputTest(RequestTest):
                 self.assertEqual(os.read(channel.stdin, 9), b"abc" if body else b"")
                 self.assertEqual(select.select([channel.stdin], [], [], 0)[0], [channel.stdin])
 
-    def test_long_body_by_each_kind(self):
+    def test_every_kind_of_standard_input_carries_a_long_body(self):
         content = os.urandom(3 * MEGABYTE)
         self.file("f", content)
         for kind in ("pipe", "socket", "file"):
-            told = self.given("--stdin", kind, "--data-binary", "@f")
-            self.assertTrue(told.body == content, kind)
+            received = self.given("--stdin", kind, "--data-binary", "@f")
+            self.assertTrue(received.body == content, kind)
 
-    def test_chunks_are_read_one_by_one(self):
-        """The last size counts for the rest. Lighttpd would collect a long body."""
+    def test_each_chunk_is_read_by_itself(self):
+        """The last size applies to the rest. Lighttpd would buffer a long body."""
         content = b"0123456789abcde"
         for arguments, reads in (
             (("--stdin", "pipe", "--chunk", "1"), [1] * 15),
             (("--stdin", "socket", "--chunk", "1"), [1] * 15),
             (("--chunk", "3,7,2"), [3, 7, 2, 2, 1]),
         ):
-            told = self.given(*arguments, "--data-binary", "@-", stdin=content)
-            self.assertEqual((told.reads, told.body), (reads, content), arguments)
+            received = self.given(*arguments, "--data-binary", "@-", stdin=content)
+            self.assertEqual((received.reads, received.body), (reads, content), arguments)
         large = self.file("f", b"x" * 65537)
-        told = self.given("--server", "lighttpd", "--data-binary", f"@{large}", "--chunk", "60000")
-        self.assertEqual((told.kinds[0], told.reads), ("pipe", [60000, 5537]))
+        chunks = ("--data-binary", f"@{large}", "--chunk", "60000")
+        received = self.given("--server", "lighttpd", *chunks)
+        self.assertEqual((received.kinds[0], received.reads), ("pipe", [60000, 5537]))
 
-    def test_chunks_across_pieces_of_a_form(self):
+    def test_chunks_do_not_depend_on_the_parts_of_a_form(self):
         self.file("f", b"x" * 1000)
-        told = self.given("--chunk", "500", "-F", "a=1", "-F", "f=@f", "-F", "g=@f")
-        self.assertEqual(set(told.reads[:-1]), {500})
-        self.assertEqual(sum(told.reads), int(told.variables["CONTENT_LENGTH"]))
+        received = self.given("--chunk", "500", "-F", "a=1", "-F", "f=@f", "-F", "g=@f")
+        self.assertEqual(set(received.reads[:-1]), {500})
+        self.assertEqual(sum(received.reads), int(received.variables["CONTENT_LENGTH"]))
 
-    def test_pause(self):
+    def test_pause_between_chunks(self):
         begun = time.monotonic()
-        told = self.given("--pause", "150", "--chunk", "1", "-d", "abc")
-        self.assertEqual(told.reads, [1, 1, 1])
+        received = self.given("--pause", "150", "--chunk", "1", "-d", "abc")
+        self.assertEqual(received.reads, [1, 1, 1])
         self.assertGreater(time.monotonic() - begun, 0.3)
 
-    def test_held_open(self):
+    def test_standard_input_is_held_open(self):
         for kind in ("pipe", "socket"):
-            told = self.given("--stdin", kind, "--hold-open", "-d", "abc")
-            self.assertEqual((told.body, told.polled), (b"abc", 0), kind)
+            received = self.given("--stdin", kind, "--hold-open", "-d", "abc")
+            self.assertEqual((received.body, received.polled), (b"abc", 0), kind)
         result = run(PROBE, "--hold-open", "-d", "abc", "?to-the-end", "-m", "0.5")
         self.assertEqual(result.status, 28)
-        self.assertIn("has not come to an end in 0.5 seconds", result.errors)
+        self.assertIn("did not end within 0.5 seconds", result.errors)
 
-    def test_held_open_costs_nothing(self):
-        """Beside what it costs to hold nothing open, which depends on the machine."""
+    def test_holding_open_takes_no_processor_time(self):
+        """Compared with a run that holds nothing open."""
         program = self.program("head -c 3 >&2; exec >&- <&-; sleep $SECONDS")
 
         def processor_time(*arguments):
             before = os.times()
             run(program, "-d", "abc", *arguments)
-            # The two of children that have ended.
+            # Of children that have ended.
             return sum(os.times()[2:4]) - sum(before[2:4])
 
         for kind in ("pipe", "socket"):
@@ -250,8 +248,8 @@ class StandardInputTest(RequestTest):
             held = processor_time("--stdin", kind, "--env", "SECONDS=1.5", "--hold-open")
             self.assertLess(held, 4 * least + 0.5, kind)
 
-    def test_length(self):
-        """It may be a lie; without one, the program reads nothing."""
+    def test_declared_length_may_differ_from_the_body(self):
+        """Without a length, the program reads nothing."""
         fifo = self.folder / "fifo"
         os.mkfifo(fifo)
         writer = subprocess.Popen(["sh", "-c", f"echo hello > '{fifo}'"])
@@ -267,11 +265,11 @@ class StandardInputTest(RequestTest):
             (("-T", "."), "8", b"uploaded"),
             (("--data-binary", "@fifo"), "6", b"hello\n"),
         ):
-            told = self.given(*arguments, stdin=b"uploaded")
-            self.assertEqual(told.variables.get("CONTENT_LENGTH"), length, arguments)
-            self.assertEqual(told.body, body, arguments)
+            received = self.given(*arguments, stdin=b"uploaded")
+            self.assertEqual(received.variables.get("CONTENT_LENGTH"), length, arguments)
+            self.assertEqual(received.body, body, arguments)
 
-    def test_stream_goes_through_while_it_comes(self):
+    def test_stream_is_passed_on_as_it_arrives(self):
         program = self.program("echo Content-Type: text/plain; echo; exec cat")
         tool = start_program(
             "-T", "-", "--content-length", "none", program,
@@ -285,7 +283,7 @@ class StandardInputTest(RequestTest):
         tool.stdout.close()
         self.assertEqual(tool.wait(LONG), 0)
 
-    def test_servers_own_ways(self):
+    def test_kind_of_standard_input_depends_on_the_server(self):
         large = self.file("f", b"x" * 65537)
         for server, kinds in (
             ("rfc3875", ["pipe", "pipe", "pipe"]),
@@ -294,13 +292,13 @@ class StandardInputTest(RequestTest):
             ("nginx-fcgiwrap", ["pipe", "pipe", "pipe"]),
             ("busybox", ["pipe", "pipe", "pipe"]),
         ):
-            told = [
+            received = [
                 self.given("--server", server, *body).kinds[0]
                 for body in ((), ("-d", "a"), ("--data-binary", f"@{large}"))
             ]
-            self.assertEqual(told, kinds, server)
+            self.assertEqual(received, kinds, server)
 
-    def test_much_fits_into_little_memory(self):
+    def test_large_bodies_and_answers_need_little_memory(self):
         with (self.folder / "f").open("wb") as file:
             file.truncate(100 * MEGABYTE)
         reader = self.program(
@@ -319,8 +317,8 @@ class StandardInputTest(RequestTest):
             self.assertLess(int(re.search(r"VmHWM:\s+(\d+) kB", status)[1]), 40_000, kind)
 
 
-class ClientGoesAwayTest(RequestTest):
-    # Reports in a file what became of it, since nobody takes its answer.
+class ClientDisconnectsTest(RequestTest):
+    # Reports in files, because nobody reads its answer.
     witness = """#!/usr/bin/python3
 import os, signal, sys
 def term(*_):
@@ -337,8 +335,8 @@ open("read", "w").write(str(read))
         path = self.folder / name
         return path.read_text() if path.exists() else None
 
-    def test_end_of_the_program(self):
-        """In spite of the client, a crash and the time limit count."""
+    def test_status_after_the_client_disconnects(self):
+        """A crash and the time limit still count."""
         heeding, deaf = f"cat; sleep {AGES}", f"exec sleep {AGES}"
         for text, body, arguments, status, said, read in (
             (self.witness, 1000, ("--abort-after", "300", "--stdin", "pipe"), 0, "", "300"),
@@ -348,7 +346,7 @@ open("read", "w").write(str(read))
             (heeding, 3, ("--abort-after", "2", "--abort-signal", "SIGTERM"), 0, "", None),
             (heeding, 3, ("--abort-after", "2", "--abort-signal", "15"), 0, "", None),
             (heeding, 3, ("--abort-after", "2", "--abort-signal", "KILL"), 0, "", None),
-            # It is left also when it does not read.
+            # The client also disconnects if the program does not read.
             (deaf, 3, ("--abort-after", "2", "--abort-signal", "TERM"), 0, "", None),
             (f"wc -c > read; {deaf}", 3, ("--abort-after", "2", "-m", "3"), 28, "3 seconds", "2\n"),
             ("cat; kill -SEGV $$", 3, ("--abort-after", "2"), 139, "signal 11 (SIGSEGV)", None),
@@ -360,8 +358,8 @@ open("read", "w").write(str(read))
                 self.assertIn(said, result.errors)
                 self.assertEqual(self.outcome("read"), read)
 
-    def test_with_a_signal(self):
-        """A program that has not begun in a second, on a busy machine, is ended."""
+    def test_abort_signal_is_sent(self):
+        """On a busy machine, it can arrive before the program catches it."""
         program = self.program(self.witness)
         for _ in range(20):
             result = run(
@@ -378,12 +376,12 @@ TEXT = "Content-Type: text/plain\n"
 
 class AnswerTest(RequestTest):
     def answer(self, text, *arguments, name="program"):
-        """The program writes this, byte for byte."""
+        """The result of a program that writes this text."""
         self.file("answer", text.encode())
         return run(self.program(f"cat '{self.folder}/answer'", name), *arguments)
 
     def judge(self, text, *arguments, status=0, output=None, said=(), **more):
-        """What is said holds the given words, line by line."""
+        """Each message contains the given words."""
         with self.subTest(text=text[:100], arguments=arguments):
             result = self.answer(text, *arguments, **more)
             self.assertEqual(result.status, status, result.errors)
@@ -394,18 +392,18 @@ class AnswerTest(RequestTest):
             if output is not None:
                 self.assertEqual(result.output, output)
 
-    def test_status_decides(self):
+    def test_http_status_decides_about_exit_status(self):
         for status, expected in ((200, 0), (201, 0), (302, 0), (399, 0), (400, 4), (404, 4),
                                  (499, 4), (500, 5), (503, 5), (999, 5)):  # fmt: skip
             text = f"Status: {status} X\n{TEXT}\nbody"
             self.judge(text, output=b"body", status=expected)
 
-    def test_fail_as_curl_does(self):
+    def test_fail_suppresses_the_body_of_an_error(self):
         self.judge(TEXT + "\nbody", "--fail", output=b"body")
         text = f"Status: 404 No\n{TEXT}\nbody"
-        self.judge(text, "-f", status=22, output=b"", said=["has answered 404"])
+        self.judge(text, "-f", status=22, output=b"", said=["answered with status 404"])
 
-    def test_header_as_http_has_it(self):
+    def test_header_is_printed_in_http_format(self):
         plain = b"Content-Type: text/plain\r\n"
         for text, status, output in (
             ("status: 404 Nothing here\r\nX-A:1\r\nContent-Type:  text/plain \r\n\r\nbody", 4,
@@ -419,60 +417,59 @@ class AnswerTest(RequestTest):
             for option in (("-i",), ("--include",), ("-D", "-")):
                 self.judge(text, *option, status=status, output=b"HTTP/1.1 " + output)
 
-    def test_head(self):
+    def test_answer_to_head_has_no_body(self):
         head = b"HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 9\r\n\r\n"
         self.judge(TEXT + "Content-Length: 9\n\n", "-I", output=head)
         said = ["the body of 4 bytes is dropped"]
         self.judge(TEXT + "\nbody", "-X", "HEAD", output=b"", said=said)
 
-    def test_raw_http_of_a_program_named_so(self):
+    def test_nph_program_writes_http(self):
         text = "HTTP/1.0 404 No\r\nContent-Type: a/b\r\n\r\nbody"
         self.judge(text, output=b"body", status=4, name="nph-program")
-        self.judge(text, status=8, said=["as those of programs named nph-"])
-        said = ["begins its answer with HTTP/1.1"]
+        self.judge(text, status=8, said=["which only programs named nph-... may do"])
+        said = ["named nph-... must begin with HTTP/1.1"]
         self.judge(TEXT + "\n", status=8, said=said, name="nph-program")
 
-    def test_what_is_wrong(self):
+    def test_problems_of_the_answer_are_reported(self):
         neither = "neither Content-Type nor Location nor Status"
         for text, *said in (
-            ("Location: here\n\n", "neither a whole URL nor a path"),
-            ("\nbody", "no Content-Type"),
+            ("Location: here\n\n", "neither a complete URL nor an absolute path"),
+            ("\nbody", "no Content-Type, but there is a body"),
             ("\n", neither),
             ("X-A: 1\n\n", neither),
-            ("X-A: 1\n\nbody", "no Content-Type"),
-            ("Status: 200\n\nbody", "no Content-Type"),
-            (TEXT + "nonsense\n\n", "no NAME: VALUE: 'nonsense'"),
-            (TEXT + "X A: 1\n\n", "no NAME: VALUE"),
-            (TEXT + "X-A : 1\n\n", "no NAME: VALUE"),
-            (TEXT + " folded\n\n", "no NAME: VALUE"),
-            (TEXT + ": 1\n\n", "no NAME: VALUE"),
+            ("X-A: 1\n\nbody", "no Content-Type, but there is a body"),
+            ("Status: 200\n\nbody", "no Content-Type, but there is a body"),
+            (TEXT + "nonsense\n\n", "not have the form NAME: VALUE: 'nonsense'"),
+            (TEXT + "X A: 1\n\n", "not have the form NAME: VALUE"),
+            (TEXT + "X-A : 1\n\n", "not have the form NAME: VALUE"),
+            (TEXT + " folded\n\n", "not have the form NAME: VALUE"),
+            (TEXT + ": 1\n\n", "not have the form NAME: VALUE"),
             (TEXT + "X-A: \033[2J\n\n", "control characters: 'X-A: \\x1b[2J'"),
-            (TEXT + TEXT + "\n", "2 fields Content-Type"),
-            ("Status: ok\n" + TEXT + "\n", "Status is no number of three digits: 'ok'"),
-            (TEXT + "Content-Length: -1\n\n", "Content-Length is no number of 64 bits: '-1'"),
-            (TEXT + f"Content-Length: {1 << 64}\n\n", "no number of 64 bits: '184467440737095516"),
-            (TEXT + "Content-Length: " + "9" * 5000 + "\n\n", "no number of 64 bits: '9999"),
-            (TEXT, "does not end: an empty line is missing"),
+            (TEXT + TEXT + "\n", "2 lines Content-Type"),
+            ("Status: ok\n" + TEXT + "\n", "Status is not a three-digit number: 'ok'"),
+            (TEXT + "Content-Length: -1\n\n", "Content-Length is not a 64-bit number: '-1'"),
+            (TEXT + f"Content-Length: {1 << 64}\n\n", "not a 64-bit number: '184467440737095516"),
+            (TEXT + "Content-Length: " + "9" * 5000 + "\n\n", "not a 64-bit number: '9999"),
+            (TEXT, "the empty line at the end of the header is missing"),
             (TEXT + "X-A: " + "x" * 70000 + "\n\n", "longer than 65536 bytes"),
-            ("Status: 204 No\n" + TEXT + "\nbody", "204 has no body, but one of 4 bytes"),
+            ("Status: 204 No\n" + TEXT + "\nbody", "204 must not have a body, but this one has 4"),
         ):
             self.judge(text, status=8, said=said)
         text = "Traceback\noops\n\nmore"
-        said = ["no NAME: VALUE: 'Traceback'", "no NAME: VALUE: 'oops'"]
+        said = ["form NAME: VALUE: 'Traceback'", "form NAME: VALUE: 'oops'"]
         self.judge(text, status=8, said=said, output=text.encode())
         self.judge("Location: /here?a\n\n", said=["'/here?a' is a local redirect"])
 
-    def test_length(self):
+    def test_length_of_the_answer_is_checked(self):
         length = TEXT + "Content-Length: "
         self.judge(length + "4\n\nbody", output=b"body")
         self.judge(length + "0" * 5000 + "4\n\nbody", output=b"body")
-        self.judge(
-            length + "3\n\nbody", status=8, output=b"bod", said=["1 bytes came after the 3"]
-        )
-        said = ["of the 6 bytes of Content-Length 2 are missing"]
+        said = ["1 bytes longer than its Content-Length of 3"]
+        self.judge(length + "3\n\nbody", status=8, output=b"bod", said=said)
+        said = ["2 bytes shorter than its Content-Length of 6"]
         self.judge(length + "6\n\nbody", status=18, output=b"body", said=said)
 
-    def test_header_that_ends_in_several_pieces(self):
+    def test_header_may_arrive_in_pieces(self):
         program = self.program(
             "#!/usr/bin/python3 -u\nimport os, time\n"
             "pieces = b'Status: 404 No\\r', b'\\nContent-Type: a/b\\r\\n', b'\\r', b'\\n', b'x'\n"
@@ -482,12 +479,12 @@ class AnswerTest(RequestTest):
         result = run(program)
         self.assertEqual((result.status, result.output, result.errors), (4, b"x", ""))
 
-    def test_silence(self):
-        nothing = ["has answered nothing at all"]
+    def test_silent_suppresses_messages(self):
+        nothing = ["the program sent no answer"]
         for option, said in (((), nothing), (["-s"], ()), (["--silent"], ()), (["-sS"], nothing)):
             self.judge("", *option, status=52, said=said)
 
-    def test_how_the_program_ends(self):
+    def test_crash_and_exit_status_are_reported(self):
         for end, status, message in (
             ("kill -SEGV $$", 139, "the program was ended by signal 11 (SIGSEGV)"),
             ("exit 3", 0, "the program ended with exit status 3, which web servers ignore"),
@@ -496,24 +493,24 @@ class AnswerTest(RequestTest):
             self.assertEqual((result.status, result.output), (status, b"body"))
             self.assertEqual(result.errors, f"zancgi-request: {message}\n")
 
-    def test_end_by_a_signal_where_ends_of_children_are_ignored(self):
+    def test_crash_is_noticed_even_if_the_caller_ignores_sigchld(self):
         program = self.program("kill -SEGV $$")
         result = run_program(
             program, preexec_fn=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN)
         )
         self.assertEqual(result.status, 128 + signal.SIGSEGV)
 
-    def test_output_that_is_closed(self):
+    def test_closed_standard_output_is_an_error(self):
         program = self.program(f"printf '{TEXT}\\nbody'")
         result = run_program(program, preexec_fn=lambda: os.close(1))
         self.assertEqual(result.status, 23)
         self.assertIn("standard output is closed", result.errors)
 
-    def test_what_the_program_says_on_standard_error_comes_through(self):
+    def test_standard_error_of_the_program_is_passed_on(self):
         result = run(self.program(f"echo oops >&2; printf '{TEXT}\\n'"))
         self.assertEqual((result.status, result.errors), (0, "oops\n"))
 
-    def test_files(self):
+    def test_answer_and_header_are_written_to_files(self):
         out, head = self.folder / "out", self.folder / "head"
         for text, status in ((TEXT + "\nbody", 0), (f"Status: 500\n{TEXT}\nbody", 5)):
             self.judge(text, "-o", out, "-D", head, status=status, output=b"")
@@ -522,7 +519,7 @@ class AnswerTest(RequestTest):
         result = self.answer(TEXT + "\nbody", "-o", self.folder / "none" / "out")
         self.assertEqual(result.status, 23)
 
-    def test_reader_who_goes_away(self):
+    def test_reader_closes_the_output(self):
         program = self.program(f"printf '{TEXT}\\n'; exec cat /dev/zero")
         tool = start_program(program, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         tool.stdout.read(10)
@@ -531,7 +528,7 @@ class AnswerTest(RequestTest):
         tool.stderr.close()
         self.assertEqual(tool.wait(LONG), 23)
 
-    def test_write_out(self):
+    def test_write_out_prints_the_fields(self):
         form = "%{http_code} %{content_type} %{size_download} %{size_upload} %{method}%%\\t|\\n"
         text, output = f"Status: 404\n{TEXT}\nbody", b"body404 text/plain 4 3 POST%\t|\n"
         self.judge(text, "-d", "abc", "-w", form, status=4, output=output)
@@ -540,15 +537,14 @@ class AnswerTest(RequestTest):
         self.assertTrue(0 < first <= last)
         self.assertEqual(self.answer("", "-w", "%{http_code} %{exitcode}").output, b"000 52")
 
-    def test_verbose(self):
+    def test_verbose_shows_variables_and_header(self):
         result = self.answer(TEXT + "\nbody", "-v", "-d", "a=1", "?x")
         for line in ("> QUERY_STRING=x", "> CONTENT_LENGTH=3", "< HTTP/1.1 200 OK",
                      "< Content-Type: text/plain", "* a body of 3 bytes"):  # fmt: skip
             self.assertIn(line, result.errors.splitlines())
         self.assertEqual(result.output, b"body")
 
-    def test_repeated(self):
-        """The body is sent again."""
+    def test_repeated_request_sends_the_body_again(self):
         program = self.program(f"printf '{TEXT}\\n'; exec cat")
         self.file("f", b"file")
         result = self.run_in_folder(program, "--repeat", "3", "--data-binary", "@f")
@@ -557,7 +553,7 @@ class AnswerTest(RequestTest):
 
 
 def is_running(name):
-    """A process whose name is of this test alone."""
+    """Whether a process with this name, which only this test uses, is running."""
     for path in pathlib.Path("/proc").glob("[0-9]*/comm"):
         with contextlib.suppress(OSError):
             state = (path.parent / "stat").read_text().rpartition(")")[2].split()[0]
@@ -568,12 +564,12 @@ def is_running(name):
 
 class EndTest(RequestTest):
     def sleeper(self):
-        """A program of an own name that sleeps for long."""
+        """A copy of sleep with a name of its own."""
         name = f"sleep{os.getpid()}"
         shutil.copy("/usr/bin/sleep", self.folder / name)
         return name
 
-    def test_early_answer(self):
+    def test_program_may_answer_before_it_has_read_the_body(self):
         program = self.program(f"printf '{TEXT}\\nbody'")
         self.file("f", b"x" * MEGABYTE)
         for kind in ("pipe", "socket"):
@@ -581,7 +577,7 @@ class EndTest(RequestTest):
             self.assertEqual((result.status, result.output), (0, b"body"), kind)
             self.assertIn("bytes of the body unread", result.errors)
 
-    def test_both_sides_write_at_once(self):
+    def test_program_and_tool_may_write_at_the_same_time(self):
         program = self.program(
             f"printf '{TEXT}\\n'; head -c 3000000 /dev/zero; cat >/dev/null; echo end"
         )
@@ -590,21 +586,21 @@ class EndTest(RequestTest):
             result = self.run_in_folder(program, "--stdin", kind, "--data-binary", "@f")
             self.assertEqual((result.status, result.output[-4:]), (0, b"end\n"), kind)
 
-    def test_time_limit_ends_all_processes(self):
+    def test_time_limit_ends_all_processes_of_the_program(self):
         name = self.sleeper()
         for text in (f"./{name} {AGES} & ./{name} {AGES}", f"trap '' TERM; ./{name} {AGES}"):
             result = run(self.program(text), "-m", "0.5")
             self.assertEqual(result.status, 28)
             self.assertFalse(is_running(name), text)
 
-    def test_time_limit_holds_while_nobody_takes_the_answer(self):
+    def test_time_limit_applies_while_nobody_reads_the_answer(self):
         program = self.program(f"printf '{TEXT}\\n'; exec cat /dev/zero")
         tool = start_program(program, "-sm", "0.5", stdout=subprocess.PIPE)
         self.assertEqual(tool.wait(LONG), 28)
         tool.stdout.close()
 
-    def test_signal_ends_the_program_too(self):
-        """One that comes again does not keep the program from its end."""
+    def test_signal_also_ends_the_program(self):
+        """Even if it arrives twice."""
         name = self.sleeper()
         sleeping = f"./{name} {AGES}"
         deaf = f"trap '' TERM INT; {sleeping}; {sleeping}"
@@ -623,7 +619,7 @@ class EndTest(RequestTest):
             self.assertEqual(tool.wait(LONG), 128 + number)
             self.assertFalse(is_running(name))
 
-    def test_signal_ends_a_program_that_has_only_just_begun(self):
+    def test_signal_ends_a_program_that_has_just_started(self):
         name = self.sleeper()
 
         def start_then_signal(*arguments):
@@ -638,24 +634,24 @@ class EndTest(RequestTest):
             self.assertEqual(result.status, 128 + signal.SIGTERM)
             self.assertFalse(is_running(name))
 
-    def test_processes_left_behind(self):
+    def test_processes_that_outlive_the_program_are_reported(self):
         name = self.sleeper()
         for start in (f"./{name} {AGES}", f"setsid ./{name} {AGES}"):
             result = run(self.program(f"{start} >&- 2>&- <&- & printf '{TEXT}\\nbody'"))
             self.assertEqual((result.status, result.output), (0, b"body"))
-            left = re.search(rf"has left behind: {name} \((\d+)\)", result.errors)
+            left = re.search(rf"these processes still run: {name} \((\d+)\)", result.errors)
             self.assertIsNotNone(left, result.errors)
             os.kill(int(left[1]), signal.SIGKILL)
             wait_for(lambda: not is_running(name), LONG)
 
-    def test_process_that_cleans_up_is_not_left_behind(self):
-        """It has a second, which on a busy machine it may not get."""
+    def test_process_that_soon_ends_is_not_reported(self):
+        """It has a second, which may be too short on a busy machine."""
         program = self.program(f"sleep 0.2 >&- 2>&- <&- & printf '{TEXT}\\nbody'")
         results = (run(program) for _ in range(20))
         self.assertIn(Ended(0, b"body", ""), results)
 
-    def test_output_held_open_is_waited_for(self):
-        # Until the tool has written that it waits.
+    def test_tool_waits_while_output_is_held_open(self):
+        # The process writes after the tool has reported that it waits.
         program = self.program(
             f"printf '{TEXT}\\nbody'\n"
             f"(while ! [ -e said ]; do ./{self.sleeper()} 0.1; done; echo late) 2>&- <&- &"
@@ -667,7 +663,7 @@ class EndTest(RequestTest):
         self.assertEqual((tool.returncode, output), (0, b"bodylate\n"))
         self.assertIn(b"holds its standard output open", said + errors)
 
-    def test_no_temporary_file_is_left(self):
+    def test_temporary_files_are_removed(self):
         temporary = self.folder / "tmp"
         temporary.mkdir()
         self.file("f", b"x" * MEGABYTE)
@@ -691,18 +687,18 @@ class RefusalTest(RequestTest):
             self.assertEqual((result.status, result.output), (status, b""))
             self.assertIn(message, result.errors)
 
-    def test_programs_that_cannot_be_run(self):
+    def test_programs_that_cannot_run_are_refused(self):
         self.file("plain", b"no program\n").chmod(0o755)
         self.file("not-executable", b"").chmod(0o644)
         for program, status, message in (
             ("./none", 127, "there is no program ./none"),
-            ("not-executable", 126, "may not be executed"),
+            ("not-executable", 126, "is not executable"),
             (self.folder, 126, "is a folder"),
-            ("plain", 126, "begins with no #! line"),
+            ("plain", 126, "neither a program nor a script that begins with #!"),
         ):
             self.refuse(program, status=status, message=message)
 
-    def test_misuse(self):
+    def test_wrong_options_are_refused(self):
         for *arguments, message in (
             ("--nonsense", "--nonsense"),
             ("-d", "a", "-F", "b=c", "more than one kind"),
@@ -710,48 +706,48 @@ class RefusalTest(RequestTest):
             ("-I", "-d", "a", "more than one kind"),
             ("-G", "-F", "a=b", "more than one kind"),
             ("-F", "a", "NAME=VALUE"),
-            ("-F", "a=@b,c", "one --form takes one file"),
-            ("-F", "a=b;type=none", "type that is none"),
+            ("-F", "a=@b,c", "each --form takes one file"),
+            ("-F", "a=b;type=none", "--form needs a type such as text/plain, not 'none'"),
             ("-F", "a=b;nonsense=1", "'nonsense=1'"),
             ("-F", "a=b;encoder=base64", "encoded parts"),
             ("-H", "nonsense", "NAME: VALUE"),
-            ("-H", "X A: 1", "no name of a header"),
-            ("-H", "X: a\nY: b", "no control characters"),
-            ("-A", "a\r\nY: b", "no control characters"),
-            ("-b", "a=1\nY: b", "no control characters"),
-            ("-e", "a\x7f", "no control characters"),
-            ("-X", "GET /\r\n", "no method"),
-            ("-L", "--abort-after", "1", "either --location or --abort-after"),
+            ("-H", "X A: 1", "not a header name"),
+            ("-H", "X: a\nY: b", "must not contain control characters"),
+            ("-A", "a\r\nY: b", "must not contain control characters"),
+            ("-b", "a=1\nY: b", "must not contain control characters"),
+            ("-e", "a\x7f", "must not contain control characters"),
+            ("-X", "GET /\r\n", "not a method"),
+            ("-L", "--abort-after", "1", "--location and --abort-after exclude"),
             ("-L", "-T", "-", "--content-length", "none", "sent again"),
-            ("--max-redirs", "-1", "--max-redirs cannot be '-1'"),
-            ("-m", "-1", "-m cannot be '-1'"),
-            ("-m", "nan", "cannot be 'nan'"),
-            ("-m", "inf", "cannot be 'inf'"),
-            ("--pause", "1e300", "cannot be '1e300'"),
-            ("--chunk", "0", "--chunk cannot be"),
-            ("--chunk", "1,x", "--chunk cannot be"),
-            ("--stdin", "tape", "pipe, socket, file, closed, null"),
+            ("--max-redirs", "-1", "--max-redirs needs a number of at least 0, not '-1'"),
+            ("-m", "-1", "-m needs a number of seconds, not '-1'"),
+            ("-m", "nan", "a number of seconds, not 'nan'"),
+            ("-m", "inf", "a number of seconds, not 'inf'"),
+            ("--pause", "1e300", "--pause needs a number of milliseconds, not '1e300'"),
+            ("--chunk", "0", "--chunk needs sizes such as 1 or 3,7,65536, not"),
+            ("--chunk", "1,x", "--chunk needs sizes such as 1 or 3,7,65536, not"),
+            ("--stdin", "tape", "needs one of pipe, socket, file, closed, null, not 'tape'"),
             ("--server", "none", "lighttpd"),
-            ("--abort-signal", "NONE", "--abort-after", "1", "cannot be 'NONE'"),
-            ("--abort-signal", "TERM", "wants --abort-after"),
-            ("--abort-after", "1", "--hold-open", "either"),
-            ("--stdin", "file", "--chunk", "1", "nothing is written"),
-            ("--debugger", "gdb", "--valgrind", "either"),
-            ("--debugger", "gdb", "--repeat", "2", "--repeat"),
+            ("--abort-signal", "NONE", "--abort-after", "1", "a signal such as TERM or 15, not"),
+            ("--abort-signal", "TERM", "--abort-signal needs --abort-after"),
+            ("--abort-after", "1", "--hold-open", "--hold-open and --abort-after exclude"),
+            ("--stdin", "file", "--chunk", "1", "need --stdin pipe or socket, not file"),
+            ("--debugger", "gdb", "--valgrind", "--debugger and --valgrind exclude"),
+            ("--debugger", "gdb", "--repeat", "2", "--repeat cannot be used with gdb"),
             ("-T", "-", "--content-length", "none", "--repeat", "2", "sent again"),
-            ("--script-name", "/a", "/b", "does not begin with '/a'"),
-            ("--env", "=x", "--env"),
-            ("/b", "/c", "a program is wanted"),
+            ("--script-name", "/a", "/b", "does not begin with --script-name '/a'"),
+            ("--env", "=x", "--env needs NAME or NAME=VALUE"),
+            ("/b", "/c", "expected a program and at most one URL"),
         ):
             self.refuse(PROBE, *arguments, status=2, message=message)
-        self.refuse(status=2, message="a program is wanted")
+        self.refuse(status=2, message="expected a program and at most one URL")
 
-    def test_addresses_that_are_none(self):
+    def test_invalid_urls_are_refused(self):
         for url in ("/a b", "/a%00b", "http:///x", "ftp://x/", "http://x:y/", "http://x:1:2/"):
             self.refuse(PROBE, url, status=3, message="zancgi-request: ")
         self.refuse(PROBE, "-G", "-d", "a b", status=3, message="no blanks")
 
-    def test_files_that_cannot_be_read(self):
+    def test_unreadable_files_are_refused(self):
         for arguments in (("-d", "@none"), ("--data-binary", "@none"), ("-F", "a=@none"),
                           ("-T", "none"), ("-F", "a=<."), ("-T", "/"),
                           ("--data-urlencode", "@none"), ("-H", "@none"),
@@ -760,7 +756,7 @@ class RefusalTest(RequestTest):
 
 
 class DebuggerTest(RequestTest):
-    def test_gdb_leaves_body_and_answer_to_the_program(self):
+    def test_program_in_gdb_gets_the_body_and_writes_the_answer(self):
         self.file("f", os.urandom(MEGABYTE))
         for kind in ("pipe", "socket", "file"):
             arguments = ("--stdin", kind, "-F", "f=@f", "--boundary", "B", "-b", 'a=it\'s "b" $c')
@@ -775,7 +771,7 @@ class DebuggerTest(RequestTest):
             self.assertTrue(debugged.body == alone.body)
             self.assertEqual((debugged.kinds, debugged.folder), (alone.kinds, alone.folder))
 
-    def test_gdb_takes_its_commands_from_the_terminal(self):
+    def test_gdb_reads_commands_from_the_terminal(self):
         result = run_program(
             PROBE, "-d", "a=1", "--debugger", "gdb -q --args",
             stdin=b"break main\nrun\nprint 40 + 2\ncontinue\nquit\n",
@@ -784,7 +780,7 @@ class DebuggerTest(RequestTest):
         self.assertIn("$1 = 42", result.errors)
         self.assertEqual(given(result.output).body, b"a=1")
 
-    def test_gdb_with_standard_input_closed(self):
+    def test_standard_input_can_be_closed_in_gdb(self):
         result = run_program(PROBE, "--stdin", "closed", "--debugger", "gdb -batch -ex run")
         self.assertEqual(given(result.output).kinds[0], "closed")
 
@@ -794,11 +790,11 @@ class DebuggerTest(RequestTest):
         self.assertEqual(run_program(copy, "?to-the-end", *options).status, 28)
         self.assertFalse(is_running("cgi_probe_copy"))
 
-    def test_other_programs_in_front_hand_standard_input_on(self):
-        told = self.given("-d", "a=1", "--debugger", "env FRONT=1")
-        self.assertEqual((told.body, told.variables["FRONT"]), (b"a=1", "1"))
+    def test_other_debuggers_pass_standard_input_on(self):
+        received = self.given("-d", "a=1", "--debugger", "env FRONT=1")
+        self.assertEqual((received.body, received.variables["FRONT"]), (b"a=1", "1"))
 
-    def test_interrupt_ends_other_programs_in_front(self):
+    def test_interrupt_ends_other_debuggers(self):
         tool = start_program("--debugger", "env", self.program(f"exec sleep {AGES}"))
         self.addCleanup(tool.wait)
         self.addCleanup(tool.terminate)
@@ -807,13 +803,12 @@ class DebuggerTest(RequestTest):
         tool.send_signal(signal.SIGINT)
         self.assertEqual(tool.wait(LONG), 128 + signal.SIGINT)
 
-    def test_other_programs_in_front_ignore_no_signals(self):
+    def test_other_debuggers_ignore_no_signals(self):
         program = self.program(f"printf '{TEXT}\\n'; exec grep SigIgn: /proc/self/status")
         result = run("--debugger", "env", program)
         self.assertEqual(result.output.split(), [b"SigIgn:", b"0" * 16])
 
-    def test_valgrind(self):
-        """It finds errors, and lets a program without any be."""
+    def test_valgrind_finds_errors(self):
         self.assertEqual(self.given("-d", "a=1", "--valgrind").body, b"a=1")
         source = self.file(
             "faulty.cpp",
@@ -829,7 +824,7 @@ class DebuggerTest(RequestTest):
         result = run(faulty, "--valgrind")
         self.assertEqual((result.status, result.output), (99, b"1"))
         self.assertIn("Invalid read", result.errors)
-        self.assertIn("valgrind has found errors", result.errors)
+        self.assertIn("valgrind found errors", result.errors)
         self.assertEqual(run(faulty).status, 0)
 
 
@@ -837,21 +832,21 @@ class ManualTest(RequestTest):
     TEXT = (SOURCE / "docs" / "man" / "zancgi-request.1").read_text()
 
     def examples(self):
-        """Its commands, each after the mark that begins it."""
+        """The commands of the examples."""
         section = self.TEXT.partition(".Sh EXAMPLES")[2].partition("\n.Sh ")[0]
         text = section.replace("\\e", "\\").replace("\\(aq", "'").replace("\\(dq", '"')
         for block in re.findall(r"^\.Bd [^\n]*\n(.*?)^\.Ed", text, re.DOTALL | re.MULTILINE):
             yield from re.findall(r"^\$ ((?:[^\n]*\\\n)*[^\n]*)$", block, re.MULTILINE)
 
-    def test_names_all_options(self):
+    def test_manual_describes_all_options(self):
         helped = run("--help").output.decode()
         options = re.findall(r"^  (?:-(\w), |    )--([\w-]+)", helped, re.MULTILINE)
         self.assertGreater(len(options), 40)
-        told = self.TEXT.replace("\\-", "-")
+        manual = self.TEXT.replace("\\-", "-")
         for letter, name in options:
             item = f".It Fl {letter} , Fl -{name}" if letter else f".It Fl -{name}"
-            self.assertRegex(told, f"(?m)^{re.escape(item)}( |$)")
-        self.assertEqual(told.count("\n.It Fl "), len(options) + 2)
+            self.assertRegex(manual, f"(?m)^{re.escape(item)}( |$)")
+        self.assertEqual(manual.count("\n.It Fl "), len(options) + 2)
 
     def test_examples_work(self):
         (self.folder / "bin").mkdir()
@@ -869,7 +864,7 @@ class ManualTest(RequestTest):
                     input=b"run\nquit\n", timeout=LONG,
                     env={**ENVIRONMENT, "PATH": f"{self.folder}/bin:{PATH}"},
                 )  # fmt: skip
-                # The one of a client that never hangs up is about its time limit.
+                # This example runs into its time limit.
                 expected = 28 if "--hold-open" in command else 0
                 self.assertEqual(done.returncode, expected, done.stderr)
 

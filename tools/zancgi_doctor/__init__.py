@@ -1,11 +1,11 @@
 """Checks a deployment of front ends made with libzancgi.
 
-Says in plain sentences what is wrong and how to mend it. Looks only: nothing is
-created, changed or removed, and the programs that it looks at are not run. What
-could block is done in child processes that are ended when their time is up.
+Reports each problem and its remedy in plain sentences. It is read-only: it creates,
+changes and removes nothing, and does not run the programs that it checks. Calls
+that could block are made in child processes with a time limit.
 
-cli reads the command line and describes the deployment; examination has it
-checked, one module of checks after the other; report shows what was found.
-checks.ini lists every check and all that it may say. To add one, write it there,
-and yield a finding of its name in the module of its group.
+cli reads the command line and describes the deployment; examination runs the
+checks, one group after the other; report prints the findings. checks.ini lists
+every check with all its findings. To add a check, add it there, and yield its
+finding in the module of its group.
 """

@@ -1,7 +1,4 @@
-"""Every check with the sentence that --list shows, and all that it may say.
-
-Both stand in checks.ini alone.
-"""
+"""The checks and their findings, read from checks.ini."""
 
 import configparser
 import dataclasses
@@ -16,12 +13,12 @@ BECOME_ROOT = "Run zancgi-doctor as root."
 @dataclasses.dataclass
 class Check:
     about: str
-    # Message and remedy by outcome, which begins with its state.
+    # Message and remedy of each outcome. An outcome begins with its state.
     outcomes: dict
 
 
 class Sentence(string.Formatter):
-    """As str.format, with two conversions more."""
+    """str.format with the conversions q and p."""
 
     conversions = {"q": quote, "p": printable}
 

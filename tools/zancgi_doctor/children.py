@@ -1,4 +1,4 @@
-"""Work in child processes, which may have other rights and are ended in time."""
+"""Calls in child processes, which may have other rights and have a time limit."""
 
 import contextlib
 import ctypes
@@ -15,11 +15,11 @@ PR_SET_PDEATHSIG = 1
 
 
 class NoResult(Exception):
-    """A child has not told what it was asked for."""
+    """A child process returned no result."""
 
 
 def run_in_child(seconds, function, *arguments, identity=None):
-    """What a function returns in a forked process, read as JSON."""
+    """Calls a function in a forked process, and returns its result, which must fit into JSON."""
     reader, writer = os.pipe()
     parent = os.getpid()
     child = os.fork()
@@ -36,27 +36,27 @@ def run_in_child(seconds, function, *arguments, identity=None):
     try:
         result = json.loads(text)
     except ValueError:
-        raise NoResult("the checking process has ended early") from None
+        raise NoResult("the checking process ended early") from None
     if "error" in result:
         raise NoResult(result["error"])
     return result["value"]
 
 
 def be_child(parent, writer, function, arguments, identity):
-    """Does not return, nor raise, nor run what the parent has planned."""
+    """Neither returns nor raises, and runs no exit handlers of the parent."""
     try:
         if identity is not None:
             identity.take_on()
-        # A child that hangs must not outlive a doctor who has been ended.
+        # A child that hangs must not outlive the doctor.
         ctypes.CDLL(None).prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
-        if os.getppid() != parent:  # it had ended before
+        if os.getppid() != parent:  # the parent ended before prctl
             os._exit(0)
         result = {"value": function(*arguments)}
     except OSError as error:
         result = {"error": describe_error(error)}
     except (NoResult, Unknown) as error:
         result = {"error": str(error)}
-    except BaseException as error:  # whatever it is, the parent says it
+    except BaseException as error:  # the parent reports it
         result = {"error": printable(f"{type(error).__name__}: {error}")}
     with contextlib.suppress(BaseException), os.fdopen(writer, "w") as stream:
         json.dump(result, stream)
@@ -64,7 +64,7 @@ def be_child(parent, writer, function, arguments, identity):
 
 
 def read_until(reader, deadline):
-    """All there is; nothing if its end does not come in time."""
+    """Everything up to the end of the pipe; None if that does not come in time."""
     pieces = []
     while True:
         left = max(deadline - time.monotonic(), 0)
@@ -78,7 +78,7 @@ def read_until(reader, deadline):
 
 def end_child(child):
     os.kill(child, signal.SIGKILL)
-    # One that hangs in the kernel is left to end when it can.
+    # A process that hangs in the kernel cannot be waited for.
     for _ in range(100):
         if os.waitpid(child, os.WNOHANG)[0]:
             return

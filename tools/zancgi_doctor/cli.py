@@ -1,4 +1,4 @@
-"""The command line: its options, and the deployment that they describe."""
+"""The command line of zancgi-doctor."""
 
 import argparse
 import contextlib
@@ -31,7 +31,7 @@ class Parser(argparse.ArgumentParser):
 def parse_size(text):
     match = re.fullmatch(r"(\d{1,15})([KMGT]?)", text, re.I)
     if not match:
-        raise argparse.ArgumentTypeError(f"no size: {text}")
+        raise argparse.ArgumentTypeError(f"not a size: {text}")
     return int(match[1]) << {"": 0, "K": 10, "M": 20, "G": 30, "T": 40}[match[2].upper()]
 
 
@@ -39,12 +39,12 @@ def parse_seconds(text):
     with contextlib.suppress(ValueError):
         if 0 < float(text) <= 3600:
             return float(text)
-    raise argparse.ArgumentTypeError(f"no number of seconds from 0 to 3600: {text}")
+    raise argparse.ArgumentTypeError(f"not a number of seconds up to 3600: {text}")
 
 
 def parse_pid(text):
     if not re.fullmatch("[1-9][0-9]{0,9}", text):
-        raise argparse.ArgumentTypeError(f"no process number: {text}")
+        raise argparse.ArgumentTypeError(f"not a process number: {text}")
     return int(text)
 
 
@@ -56,7 +56,7 @@ def parse_check(text):
 
 def parse_session(text):
     if not re.fullmatch(r"[!-:<-~]+", text):
-        raise argparse.ArgumentTypeError("a session is printable and has no blank or semicolon")
+        raise argparse.ArgumentTypeError("a session has only printable characters except ';'")
     return text
 
 
@@ -65,41 +65,41 @@ def make_parser():
         prog="zancgi-doctor",
         allow_abbrev=False,
         description="Checks a deployment of front ends made with libzancgi.",
-        epilog="Exit status: 0 all is well, 1 warnings, 2 failures, 3 something was not checked.",
+        epilog="Exit status: 0 no problems, 1 warnings, 2 failures, 3 something was not checked.",
     )
     add = parser.add_argument
     flag = {"action": "store_true"}
     several = {"action": "append", "default": []}
     text = {"default": ""}
     add("--service", dest="services", metavar="NAME", **several,
-        help="a back end (default: all that have a socket)")
+        help="check this back end (default: all with a socket)")
     add("--fcgi-socket", dest="fcgi_sockets", metavar="PATH", **several,
-        help="a socket of fcgiwrap (default: those found)")
-    add("--program", metavar="FILE", help="the front end's program", **text)
+        help="check this socket of fcgiwrap (default: those found)")
+    add("--program", metavar="FILE", help="check this front end", **text)
     add("--as", dest="user", metavar="USER[:GROUP]", **text,
-        help="the user that front ends run as (default: yourself)")
+        help="the user of front ends (default: yourself)")
     add("--run-dir", metavar="DIR", help="the folder of the sockets", **text)
     add("--tmp-dir", metavar="DIR", help="the folder of uploads", **text)
     add("--account", dest="accounts", metavar="NAME", **several,
-        help="an account that front ends become")
-    add("--confined", help="the accounts are confined to their homes", **flag)
-    add("--pam", help="the accounts are given PAM sessions", **flag)
+        help="check this account, which front ends become")
+    add("--confined", help="front ends confine the accounts to their homes", **flag)
+    add("--pam", help="front ends open PAM sessions for the accounts", **flag)
     add("--session", type=parse_session, metavar="ID",
-        help="a session that the service knows (visible to other users)")
+        help="a session that the service accepts (visible to other users)")
     add("--session-file", metavar="FILE", **text,
-        help="a file whose first line is such a session; - for standard input")
+        help="read the session from the first line of a file; - is standard input")
     add("--pid", type=parse_pid, default=0, metavar="PID",
-        help="the web server's process, whose environment and limits count")
+        help="use the environment and limits of this process, such as the web server")
     add("--timeout", type=parse_seconds, default=5.0, metavar="S",
-        help="seconds to wait for an answer (5)")
+        help="seconds to wait for an answer (default: 5)")
     add("--min-free", type=parse_size, default=100 * MEBIBYTE, metavar="SIZE",
-        help="space that must be free for uploads (100M)")
+        help="free space that uploads need (default: 100M)")
     add("--check", type=parse_check, metavar="NAME", **several,
-        help="only this check or group of checks")
+        help="make only this check or group of checks")
     add("--list", help="list the checks", **flag)
     add("--json", help="report as JSON", **flag)
     add("-q", "--quiet", help="print the first line only", **flag)
-    add("-v", "--verbose", help="show what is well, too", **flag)
+    add("-v", "--verbose", help="also show checks that passed or were skipped", **flag)
     add("-V", "--version", action="version", version=f"%(prog)s {version()}")
     return parser
 
@@ -122,7 +122,7 @@ def read_session(site):
 
 
 def find_closed_streams():
-    """Asked first of all: pipes and sockets land there later."""
+    """To be called first: later, other descriptors take these numbers."""
     closed = []
     for number in range(3):
         try:
@@ -133,7 +133,7 @@ def find_closed_streams():
 
 
 def complete(site):
-    """What the options leave to the environment and to the machine."""
+    """Sets what the options leave to the environment and the machine."""
     site.identity = Identity(*run_in_child(site.timeout, resolve_identity, site.user))
     site.has_rights = os.geteuid() == 0 or site.identity.is_own()
     site.environment = read_environment(site.pid)
@@ -154,7 +154,7 @@ def print_list():
 
 def main():
     closed_streams = find_closed_streams()
-    # Where it is ignored, nobody can wait for a child.
+    # If the caller ignores SIGCHLD, children cannot be waited for.
     signal.signal(signal.SIGCHLD, signal.SIG_DFL)
     site = make_parser().parse_args(namespace=Site(closed_streams=closed_streams))
     if sys.stdout is not None:
@@ -163,7 +163,7 @@ def main():
         print_list()
         return 0
     if (site.session or site.session_file) and len(site.services) != 1:
-        return refuse("a session belongs to one service: name it with --service")
+        return refuse("a session needs exactly one --service")
     try:
         complete(site)
     except (NoResult, OSError, argparse.ArgumentTypeError) as error:

@@ -1,43 +1,42 @@
-"""The deployment that is looked at, where its sockets are, and who else could
-listen there."""
+"""The deployment, the paths of its sockets, and who can replace them."""
 
 import argparse
 import os
 import stat
 
 from zancgi_doctor.children import run_in_child
-from zancgi_doctor.files import first_unsafe, way_to
+from zancgi_doctor.files import first_unsafe, path_to
 from zancgi_doctor.findings import by_kind
 from zancgi_doctor.systemd import sockets_of_program
 
 SUN_PATH_LIMIT = 107
-# Where packages put it.
+# The paths of Debian's and other packages.
 FCGI_SOCKETS = ("/run/fcgiwrap.socket", "/run/fcgiwrap.sock")
 
 
 class Site(argparse.Namespace):
-    """What the command line says of a deployment, and what follows from that."""
+    """The options, and the settings that follow from them."""
 
     def as_front_end(self, function, *arguments):
-        """What the front end's user would get; nothing if that cannot be said."""
+        """The result for the front end's user; None if the caller lacks the rights."""
         if not self.has_rights:
             return None
         return run_in_child(self.timeout, function, *arguments, identity=self.identity)
 
     def hidden(self, outcome="unchecked"):
-        """The outcome when the caller cannot see what the front end's user may see."""
+        """The outcome if the caller cannot see a path, but the front end's user perhaps can."""
         return "failure missing" if self.has_rights else outcome
 
 
 def by_folder(site, say, path):
-    """The finding from the path of a folder alone."""
+    """The finding from the path and the kind of a folder."""
     if not path.startswith("/"):
         return say("failure relative")
     return by_kind(say, path, stat.S_ISDIR, site.hidden())
 
 
 def services_of(site):
-    """Those that were named, or all that have a socket."""
+    """The services that the options name, or all with a socket."""
     if site.services:
         return site.services
     try:
@@ -49,7 +48,7 @@ def services_of(site):
 
 
 def fcgi_sockets_of(site):
-    """Those that were named, or all that lie where fcgiwrap is configured."""
+    """The sockets that the options name, or all that fcgiwrap is configured with."""
     if site.fcgi_sockets:
         return site.fcgi_sockets
     places = [*FCGI_SOCKETS, *sockets_of_program("fcgiwrap")]
@@ -74,9 +73,9 @@ def name_error(site, service):
 
 
 def why_not_trust_folder(path):
-    """Why others than root and its owner can replace a socket in a folder; empty
-    if they cannot. Where it is sticky, anybody can come first."""
-    steps = way_to(path)
+    """Why users other than root and its owner can replace a socket in a folder; empty
+    if they cannot. A sticky folder does not help: anybody can be first to create it."""
+    steps = path_to(path)
     trusted = {0, steps[-1].status.st_uid}
     return first_unsafe(steps[:-1], trusted) or first_unsafe(
         steps[-1:], trusted, allows_sticky=False
@@ -84,9 +83,8 @@ def why_not_trust_folder(path):
 
 
 def why_not_trust_socket(path):
-    """The same of one socket, wherever links lead, by others than root and its own
-    owner."""
-    steps = way_to(path)
+    """The same for one socket and all links to it, and the owner of the socket."""
+    steps = path_to(path)
     trusted = {0, steps[-1].status.st_uid}
     ends = [step for step in steps if step.is_link()] + steps[-1:]
     holders = {os.path.dirname(step.path) for step in ends}
@@ -96,10 +94,10 @@ def why_not_trust_socket(path):
 
 
 def why_not_trust_link(site, service):
-    """The same of a link to a socket, which may lead anywhere."""
+    """The same for a link to a socket."""
     path = socket_path(site, service)
     if not os.path.islink(path):
         return ""
-    steps = way_to(path)
+    steps = path_to(path)
     owner = steps[-1].status.st_uid
     return first_unsafe(steps[:-1], {0, owner, os.stat(site.run_dir).st_uid})

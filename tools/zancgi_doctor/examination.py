@@ -1,4 +1,4 @@
-"""Which checks are made of a deployment, each group in a process of its own."""
+"""Runs the checks of a deployment, each group in its own process."""
 
 import dataclasses
 
@@ -21,7 +21,7 @@ def is_wanted(name, wanted):
 
 
 def jobs(site):
-    """Groups of checks, each with what it looks at."""
+    """Groups of checks, each with its function and arguments."""
     services = services_of(site)
     yield "identity", check_identity, ()
     yield "run-dir", check_run_dir, ()
@@ -50,16 +50,16 @@ def jobs(site):
 
 
 def nothing(check, outcome, subject=""):
-    """In place of checks of which nothing was named or found."""
+    """Replaces a group that has nothing to check."""
 
-    def only_say_so(_site):
+    def report_nothing(_site):
         yield finding(check, subject, outcome)
 
-    return only_say_so
+    return report_nothing
 
 
 def run_job(site, group, function, arguments):
-    """The findings of one group; what goes wrong is a finding as well."""
+    """The findings of one group. A fault in it is a finding too."""
     subject = arguments[0] if arguments else ""
 
     def give_up(error):
@@ -68,7 +68,7 @@ def run_job(site, group, function, arguments):
             subject,
             "unchecked",
             f"The rest could not be checked: {error}.",
-            "See what keeps it, or run zancgi-doctor as root.",
+            "Remove this cause, or run zancgi-doctor as root.",
         )
 
     def work():
@@ -82,7 +82,7 @@ def run_job(site, group, function, arguments):
             findings.append(give_up(describe_error(error)))
         return [dataclasses.asdict(found) for found in findings]
 
-    # Several steps of one group may each take their time.
+    # Several steps of a group may each take the whole time limit.
     seconds = 4 * site.timeout + 5
     identity = site.identity if group == "back-end" and site.has_rights else None
     try:
@@ -93,8 +93,7 @@ def run_job(site, group, function, arguments):
 
 
 def chosen(found, wanted):
-    """What was asked for of a group; if it came to nothing of that, what has
-    stopped it."""
+    """The wanted findings of a group; if there are none, those that prevented them."""
     asked = [each for each in found if is_wanted(each.name, wanted) or "." not in each.name]
     return asked or [each for each in found if each.state != "ok"]
 

@@ -1,4 +1,4 @@
-"""Files, the way to them, and who can change what lies there."""
+"""Files, their paths, and the users who can change them."""
 
 import dataclasses
 import errno
@@ -11,7 +11,7 @@ FILE_LIMIT = 1 << 20
 
 
 def read_file(path):
-    """The beginning of a regular file; whatever else it is counts as empty."""
+    """The beginning of a regular file; empty for other kinds of files."""
     descriptor = os.open(path, os.O_RDONLY | os.O_NONBLOCK | os.O_NOCTTY | os.O_CLOEXEC)
     with os.fdopen(descriptor, "rb") as stream:
         if not stat.S_ISREG(os.fstat(descriptor).st_mode):
@@ -58,7 +58,7 @@ def access_error(path, mode):
 
 @dataclasses.dataclass
 class Step:
-    """What is met on the way to a file."""
+    """A folder, link or file on a path."""
 
     path: str
     status: os.stat_result
@@ -67,8 +67,8 @@ class Step:
         return stat.S_ISLNK(self.status.st_mode)
 
 
-def way_to(path):
-    """Every folder and link that is passed on the way to a file, and the file."""
+def path_to(path):
+    """All folders and links that the kernel passes when it resolves a path, and the file."""
     here = Step("/", os.lstat("/"))
     steps = [here]
     if not path.startswith("/"):
@@ -95,19 +95,19 @@ def way_to(path):
         if target.startswith("/"):
             here = steps[0]
         to_go = target.split("/") + to_go
-    if steps[-1] is not here:  # it led back
+    if steps[-1] is not here:  # the path ends with ".."
         steps.append(here)
     return steps
 
 
 def has_others(steps, right):
-    """Whether everybody has a right at the end of a path, and can get there."""
+    """Whether every user can reach the end of a path, and has a permission there."""
     reachable = all(step.is_link() or step.status.st_mode & stat.S_IXOTH for step in steps[:-1])
     return bool(reachable and steps[-1].status.st_mode & right)
 
 
 def who_can_change(step, trusted, allows_sticky=True):
-    """Why what lies in a folder, or a link, is in the wrong hands; or nothing."""
+    """Why untrusted users can change a folder or link; empty if they cannot."""
     status = step.status
     if status.st_uid not in trusted:
         return f"belongs to user {user_name(status.st_uid)}"

@@ -1,4 +1,4 @@
-"""What a check has found out, and the states that it may be in."""
+"""The findings of checks, and their states."""
 
 import dataclasses
 import errno
@@ -22,32 +22,32 @@ class Finding:
 
 
 def finding(check, subject, outcome, **values):
-    """One of the outcomes that the catalogue has for the check."""
+    """The finding of a check, with its text from the catalogue."""
     state = outcome.partition(" ")[0]
     message, remedy = sentences(check, outcome, {"subject": subject, **values})
     return Finding(check, subject, state, message, remedy)
 
 
 def sayer(check, subject, **values):
-    """Makes the findings of one check and subject."""
+    """A function that makes findings of one check and subject."""
     return functools.partial(finding, check, subject, **values)
 
 
 def by_access(say, error):
-    """The finding of an attempt with the front end's rights, which may be unknown."""
+    """The finding from access_error for the front end's user; None is unknown."""
     if error is None:
         return say("unchecked")
     return say("failure", error=error) if error else say("ok")
 
 
 def by_danger(say, unsafe, outcome="failure"):
-    """The finding from the reason why something is unsafe, which is empty if it is safe."""
+    """The finding from the reason why something is unsafe; empty if it is safe."""
     return say(outcome if unsafe else "ok", unsafe=unsafe)
 
 
 def by_kind(say, path, is_kind, hidden="unchecked"):
-    """The finding from what lies at a path. Hidden is the outcome if the caller may
-    not look there."""
+    """The finding from the kind of file at a path; hidden is the outcome if the caller
+    has no permission to see it."""
     try:
         mode = os.stat(path).st_mode
     except OSError as error:

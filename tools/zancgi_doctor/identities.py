@@ -1,4 +1,4 @@
-"""The users and groups whose rights are taken on."""
+"""Users and groups, and the change to their rights."""
 
 import contextlib
 import dataclasses
@@ -10,12 +10,12 @@ import re
 from zancgi_doctor.texts import quote
 
 
-# The highest number means nobody: who takes it on stays who they are.
+# setresuid ignores the highest number, so nobody can have it.
 NOBODY = 0xFFFFFFFF
 
 
 class Unknown(Exception):
-    """A user or group that the machine does not have."""
+    """There is no such user or group."""
 
 
 @dataclasses.dataclass
@@ -37,7 +37,7 @@ class Identity:
 
 
 def accounts_of_group(gid):
-    """By name: those whose group it is, and its further members."""
+    """The names of the accounts with this primary group, and of its other members."""
     accounts = {entry.pw_name for entry in pwd.getpwall() if entry.pw_gid == gid}
     with contextlib.suppress(KeyError):
         accounts.update(grp.getgrgid(gid).gr_mem)
@@ -45,14 +45,14 @@ def accounts_of_group(gid):
 
 
 def as_number(text):
-    """The number of a user or group; nothing for a name."""
+    """The number of a user or group; None for a name."""
     if re.fullmatch("[0-9]{1,10}", text) and int(text) < NOBODY:
         return int(text)
     return None
 
 
 def find_user(text):
-    """Name, number and group of a user, who may be a number only."""
+    """Name, number and group of a user, who may have a number without an entry."""
     number = as_number(text)
     with contextlib.suppress(KeyError):
         entry = pwd.getpwnam(text) if number is None else pwd.getpwuid(number)
@@ -72,7 +72,7 @@ def find_group(text):
 
 
 def resolve_identity(text):
-    """The user and groups that --as names, as plain data."""
+    """The user and groups that --as names, as a list for JSON."""
     user, _, group = text.partition(":")
     name, uid, gid = find_user(user or str(os.geteuid()))
     if not text:

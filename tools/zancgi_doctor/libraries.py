@@ -1,4 +1,4 @@
-"""Shared libraries, found where the dynamic linker finds them, without running it."""
+"""Finds shared libraries as the dynamic linker does, without running it."""
 
 import contextlib
 import dataclasses
@@ -9,20 +9,20 @@ import re
 import stat
 import subprocess
 
-# Where the linker looks last.
+# The linker searches these last.
 FOLDERS = ("/lib/x86_64-linux-gnu", "/usr/lib/x86_64-linux-gnu", "/lib64", "/usr/lib64", "/lib",
            "/usr/lib")  # fmt: skip
-# Of an entry of the dynamic section.
+# The size of an entry in the dynamic section.
 TAG_SIZE = 16
 
 
 class NotElf(Exception):
-    """The file is no dynamically linked program of this machine's kind."""
+    """The file is not a dynamically linked program for this kind of machine."""
 
 
 @dataclasses.dataclass
 class Dynamic:
-    """What an ELF file wants of the dynamic linker."""
+    """What an ELF file requests from the dynamic linker."""
 
     needed: list
     rpath: str
@@ -30,21 +30,21 @@ class Dynamic:
 
 
 def dynamic_of(path):
-    """Reads the dynamic section of a 64-bit file. Nothing of it is run."""
+    """Reads the dynamic section of a 64-bit file, without running the file."""
     descriptor = os.open(path, os.O_RDONLY | os.O_NONBLOCK | os.O_CLOEXEC)
     with os.fdopen(descriptor, "rb") as stream:
         if not stat.S_ISREG(os.fstat(descriptor).st_mode):
-            raise NotElf("is no regular file")
+            raise NotElf("is not a regular file")
         magic = stream.read(6)
         if magic[:2] == b"#!":
             raise NotElf("is a script")
         if magic != b"\x7fELF\x02\x01":
-            raise NotElf("is no 64-bit program")
+            raise NotElf("is not a 64-bit program")
         return read_dynamic(stream)
 
 
 def read_dynamic(stream):
-    # Few checks want it, and it takes long to load.
+    # It loads slowly, and few checks need it.
     from elftools.elf.elffile import ELFFile
 
     found = {"DT_NEEDED": [], "DT_RPATH": [], "DT_RUNPATH": []}
@@ -53,22 +53,22 @@ def read_dynamic(stream):
             for tag in itertools.islice(segment.iter_tags(), segment["p_filesz"] // TAG_SIZE):
                 if tag["d_tag"] in found:
                     found[tag["d_tag"]].append(getattr(tag, tag["d_tag"][3:].lower()))
-    except Exception as error:  # a damaged file brings all kinds of them
+    except Exception as error:  # damaged files cause exceptions of many types
         if isinstance(error, OSError) and error.errno != errno.EINVAL:
             raise
-        raise NotElf("is cut short") from None
+        raise NotElf("is truncated") from None
     needed, rpath, runpath = found.values()
     return Dynamic(needed, ":".join(rpath), ":".join(runpath))
 
 
 def linker_cache():
-    """The libraries that the system's linker knows, by name."""
+    """The paths in the linker's cache, by library name."""
     listing = subprocess.run(
         ["/sbin/ldconfig", "-p"], stdin=subprocess.DEVNULL, capture_output=True, check=False
     )
     lines = os.fsdecode(listing.stdout)
     known = re.findall(r"^\t(\S+) \(libc6,x86-64[^)]*\) => (.*)$", lines, re.MULTILINE)
-    # The first of a name counts.
+    # If a name occurs more than once, the first counts.
     return dict(reversed(known))
 
 
@@ -80,7 +80,7 @@ class LibrarySearch:
         self.missing = []
 
     def search(self, path, inherited=()):
-        """What a file needs, and what that needs; a RPATH is inherited."""
+        """Finds the libraries that a file needs, and theirs. They inherit an RPATH."""
         dynamic = dynamic_of(path)
         origin = os.path.dirname(path)
         rpath = [] if dynamic.runpath else [*expand(dynamic.rpath, origin), *inherited]
@@ -106,7 +106,7 @@ class LibrarySearch:
 
 
 def split_search_path(text):
-    """As the linker splits it: an empty item is the current directory."""
+    """Splits as the linker does: an empty item is the current directory."""
     return re.split("[:;]", text) if text else []
 
 

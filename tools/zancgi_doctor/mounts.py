@@ -1,4 +1,4 @@
-"""The mount that a file lies on."""
+"""The mounted file systems."""
 
 import dataclasses
 import os
@@ -34,7 +34,7 @@ def all_mounts():
 
 
 def mount_of(path):
-    """The mount that a path lies on: the last one of the longest way to it."""
+    """The mount of a path: the last one with the longest mount point."""
     path = os.path.realpath(path)
     found = Mount("/", "unknown", set())
     for mount in all_mounts():

@@ -1,4 +1,4 @@
-"""The findings as text and as JSON."""
+"""Reports in text and JSON."""
 
 import dataclasses
 import json
@@ -15,7 +15,7 @@ def overall(findings):
 
 
 def summary_line(findings):
-    """For monitoring, which shows one line and ends it at a "|"."""
+    """Monitoring systems show this line, but only up to a "|"."""
     state = overall(findings)
     number = {name: sum(finding.state == name for finding in findings) for name in STATES}
     line = (

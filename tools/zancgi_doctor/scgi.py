@@ -1,4 +1,4 @@
-"""One request to a back end over its socket, and what comes of it."""
+"""SCGI requests to a back end."""
 
 import dataclasses
 import os
@@ -14,7 +14,7 @@ ANSWER_LIMIT = 1 << 20
 
 @dataclasses.dataclass
 class Answer:
-    """What has come of one request."""
+    """The answer to one request, and how the connection ended."""
 
     end: str = "closed"
     error: str = ""
@@ -30,14 +30,14 @@ def scgi_request(variables):
 
 
 def listener_of(client):
-    """The program at the other end, if that can be seen."""
+    """The name of the program at the other end; empty if it is hidden."""
     credentials = client.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, 12)
     pid, _, _ = struct.unpack("iII", credentials)
     return text_or_nothing(f"/proc/{pid}/comm").strip() if pid > 0 else ""
 
 
 def connect(client, path, seconds):
-    """Waits for room in the listener's queue, as the library does."""
+    """Waits until the listener's queue has room, as the library does."""
     whole = int(seconds)
     limit = struct.pack("ll", whole, int((seconds - whole) * 1e6) or 1)
     client.setsockopt(socket.SOL_SOCKET, socket.SO_SNDTIMEO, limit)
@@ -45,7 +45,7 @@ def connect(client, path, seconds):
 
 
 def exchange(path, request, seconds):
-    """One request, its answer, and how it ended."""
+    """Sends a request and receives the answer."""
     answer = Answer()
     begin = time.monotonic()
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as client:

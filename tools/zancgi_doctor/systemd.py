@@ -1,4 +1,4 @@
-"""What systemd is configured to make, to remove and to run: tmpfiles.d and units."""
+"""The configuration of systemd: tmpfiles.d rules and units."""
 
 import contextlib
 import fnmatch
@@ -8,7 +8,7 @@ import re
 from zancgi_doctor.files import text_or_nothing
 from zancgi_doctor.texts import quote
 
-# Where its configuration is, in the order of precedence. Rules are not in the last.
+# Its configuration folders in order of precedence. The last one has no rules.
 PLACES = ("/etc", "/run", "/usr/local/lib", "/usr/lib", "/lib")
 
 
@@ -17,7 +17,7 @@ def systemd_runs():
 
 
 def configuration_files(folders, pattern):
-    """As systemd finds them: a file hides those of its name in later folders."""
+    """Finds files as systemd does: a file hides those of the same name in later folders."""
     found = {}
     for folder in folders:
         with contextlib.suppress(OSError):
@@ -38,7 +38,7 @@ def tmpfiles_rules():
 
 
 def makes_folder(path):
-    """Whether a rule or a unit makes a folder when the machine starts."""
+    """The rule or unit that creates a folder at boot; empty if there is none."""
     path = re.sub("^/var/run/", "/run/", path)
     for kind, rule_path, *_ in tmpfiles_rules():
         if kind[0] in "dDvqQ" and re.sub("^/var/run/", "/run/", rule_path).rstrip("/") == path:
@@ -51,18 +51,18 @@ def makes_folder(path):
 
 
 def settings(name, unit):
-    """The values that a setting is given in the file of a unit."""
+    """All values of a setting in the file of a unit."""
     return re.findall(rf"^[ \t]*{name}[ \t]*=(.*)$", text_or_nothing(unit), re.M)
 
 
 def unit_name(path):
-    """The unit that a file is about: it, or the one whose drop-in it is."""
+    """The name of the unit that a file or drop-in configures."""
     folder, name = os.path.split(path)
     return os.path.basename(folder).removesuffix(".d") if name.endswith(".conf") else name
 
 
 def sockets_of_program(program):
-    """The paths where systemd, or the program itself, listens for a program."""
+    """The paths on which a program, or systemd for it, listens."""
     services = {}
     for unit in unit_files("service"):
         for line in settings("ExecStart", unit):

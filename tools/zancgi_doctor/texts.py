@@ -1,4 +1,4 @@
-"""How names, numbers and errors are put into sentences."""
+"""Names, numbers and errors as parts of sentences."""
 
 import functools
 import grp
@@ -13,7 +13,7 @@ def escape(character):
         return r"\\"
     if character.isprintable():
         return character
-    if 0xDC80 <= code <= 0xDCFF:  # a byte that is no text
+    if 0xDC80 <= code <= 0xDCFF:  # a byte that is not UTF-8
         code -= 0xDC00
     if code < 0x100:
         return f"\\x{code:02x}"
@@ -21,7 +21,7 @@ def escape(character):
 
 
 def printable(text, limit=200):
-    """Text of anybody's, made harmless for terminals and logs."""
+    """Untrusted text, made harmless for terminals and logs."""
     shown = "".join(map(escape, text[:limit]))
     return shown + "..." if len(text) > limit else shown
 
@@ -62,7 +62,7 @@ def counted(number, noun, nouns=None):
 
 
 def listed(names, most=3):
-    """Some names for a sentence, not all of a million."""
+    """The first few names, and the number of the others."""
     shown = ", ".join(quote(name) for name in names[:most])
     return shown + f" and {len(names) - most} more" if len(names) > most else shown
 

@@ -1,4 +1,4 @@
-"""The request for whoami, and its answer as Authorize reads it."""
+"""The request whoami, and its answer as Authorize reads it."""
 
 import re
 import xml.parsers.expat
@@ -44,22 +44,22 @@ def split_answer(data):
 
 
 def length_error(data):
-    """What is wrong with the announced length; and whether there is one."""
+    """Why Content-Length is wrong, empty if it is not, and whether there is one."""
     headers, body = split_answer(data)
     lengths = [value.decode("latin-1") for name, value in headers if name == b"content-length"]
-    announced = set(map(parse_length, lengths))
-    if not announced:
+    declared = set(map(parse_length, lengths))
+    if not declared:
         return "", False
-    if len(announced) > 1 or None in announced:
-        return "its Content-Length makes no sense", True
-    (length,) = announced
+    if len(declared) > 1 or None in declared:
+        return "its Content-Length is invalid", True
+    (length,) = declared
     if len(body) < length:
-        return f"it has {len(body)} bytes, but announces {length}", True
+        return f"its body has {len(body)} bytes, but its Content-Length is {length}", True
     return "", True
 
 
 class NotAnAnswer(Exception):
-    """Why Authorize would not understand it, in words of the answer too."""
+    """Why Authorize would fail; the text may quote the answer."""
 
 
 class WhoamiReader:
@@ -77,9 +77,9 @@ class WhoamiReader:
         try:
             self.parser.Parse(text, True)
         except xml.parsers.expat.ExpatError as error:
-            raise NotAnAnswer(f"it is no well-formed XML ({error})") from None
+            raise NotAnAnswer(f"it is not well-formed XML ({error})") from None
         except (LookupError, ValueError) as error:
-            raise NotAnAnswer(f"its encoding is not read here ({error})") from None
+            raise NotAnAnswer(f"its encoding is not supported ({error})") from None
         return self.found
 
     def _start(self, name, attributes):
@@ -93,15 +93,15 @@ class WhoamiReader:
         self.depth -= 1
 
     def _doctype(self, *_):
-        raise NotAnAnswer("it has a document type declaration, which is not read here")
+        raise NotAnAnswer("it has a document type declaration, which is not supported")
 
 
 def read_whoami(data):
-    """What the answer says: the attributes of error and user."""
+    """The attributes of the elements error and user."""
     begin = data.find(b"<?xml")
     text = data[max(begin, 0) :]
     if begin < 0 and split_answer(data)[0]:
-        raise NotAnAnswer("it has header lines, but no '<?xml' behind them")
+        raise NotAnAnswer("it has header lines, but no '<?xml' after them")
     if b"\0" in text:
         raise NotAnAnswer("it contains a zero byte")
     found = WhoamiReader().read(text)

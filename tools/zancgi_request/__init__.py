@@ -1,7 +1,7 @@
 """Plays one request against a CGI program, without a web server.
 
-zancgi-request(1) describes it. settings and options read the command line;
-make_request makes the request with its url, headers, body, form and cookies;
-servers has what each web server hands to the program. exchange runs it: feeder
-writes its body, answer takes what it writes. report finds the exit status.
+See zancgi-request(1). settings and options read the command line; make_request
+makes the request from url, headers, body, form and cookies; servers makes the
+variables that each web server would set. exchange runs the program: feeder writes
+the body, answer reads the answer. report determines the exit status.
 """

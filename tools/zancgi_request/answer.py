@@ -14,20 +14,20 @@ from zancgi_request.settings import Settings
 
 @dataclasses.dataclass
 class Answer:
-    """Takes what the program writes, and hands it on as a client would see it."""
+    """Parses the program's output, and prints it as a client would see it."""
 
     settings: Settings
     is_raw_http: bool
-    # To a request by HEAD.
+    # The answer to a HEAD request.
     has_no_body: bool
     output: Output
     header_output: Output
     find_next: Callable[[Head], Request | None]
-    # What a redirect asks for.
+    # The request that a redirect leads to.
     next_request: Request | None = None
     head: Head | None = None
     unparsed: bytes = b""
-    # Of the body, as the program wrote it.
+    # Bytes of the body that the program wrote.
     size: int = 0
     begun: float | None = None
 
@@ -49,7 +49,7 @@ class Answer:
     def finish(self) -> None:
         if self.head is None and self.unparsed:
             self._begin(self.unparsed, b"")
-            self.head.problems.append("the header does not end: an empty line is missing")
+            self.head.problems.append("the empty line at the end of the header is missing")
         if self.head is not None and not self.head.is_none:
             self._check_end()
 
@@ -63,7 +63,7 @@ class Answer:
         if len(raw) > LONGEST_HEAD:
             self.head.problems.append(f"the header is longer than {LONGEST_HEAD} bytes")
         if self.head.is_none:
-            # It is shown as it came: most likely an error message.
+            # Printed unchanged: probably an error message.
             self.output.write(raw)
         else:
             self.next_request = self.find_next(self.head)
@@ -102,18 +102,20 @@ class Answer:
         head, problems = self.head, self.head.problems
         if head.status in BODYLESS and self.size:
             problems.append(
-                f"an answer {head.status} has no body, but one of {self.size} bytes came"
+                f"an answer with status {head.status} must not have a body, but this one has "
+                f"{self.size} bytes"
             )
         elif self.size and head.get("content-type") is None:
-            problems.append("the header has no Content-Type, which a body wants")
+            problems.append("the header has no Content-Type, but there is a body")
         elif not any(head.get(name) for name in ("content-type", "location", "status")):
             if not self.is_raw_http:
                 problems.append("the header has neither Content-Type nor Location nor Status")
         length = head.content_length()
         if length is not None and self.size > length:
-            problems.append(f"{self.size - length} bytes came after the {length} of Content-Length")
+            more = self.size - length
+            problems.append(f"the body is {more} bytes longer than its Content-Length of {length}")
         if self.has_no_body and self.size:
-            head.notes.append(f"HEAD was asked for: the body of {self.size} bytes is dropped")
+            head.notes.append(f"the request is HEAD: the body of {self.size} bytes is dropped")
 
     def missing(self) -> int:
         length = self.head.content_length() if self.head is not None else None

@@ -15,11 +15,11 @@ PIECE = 65536
 
 
 class Body:
-    """Bytes in memory and in regular files; of the latter, little is in memory."""
+    """Bytes in memory and in regular files. Files are read piece by piece."""
 
     def __init__(self, pieces: list[bytes | BinaryIO]):
         files = [io.BytesIO(piece) if isinstance(piece, bytes) else piece for piece in pieces]
-        # All of them first: standard input may be named twice.
+        # Before any seek, because standard input may be given twice.
         starts = [file.tell() for file in files]
         ends = [file.seek(0, os.SEEK_END) for file in files]
         self.pieces = list(zip(files, starts, ends, strict=True))
@@ -31,7 +31,7 @@ class Body:
         self._rest = b""
 
     def read(self, count: int) -> bytes:
-        """As many bytes as that; fewer at the end only."""
+        """Reads this many bytes, or fewer at the end."""
         gathered = [self._rest]
         missing = count - len(self._rest)
         while missing > 0:
@@ -51,7 +51,7 @@ class Body:
             while left:
                 block = file.read(min(left, PIECE))
                 if not block:
-                    raise Failure(Status.CANNOT_READ, f"{file.name} has become shorter")
+                    raise Failure(Status.CANNOT_READ, f"{file.name} became shorter meanwhile")
                 left -= len(block)
                 yield block
 
@@ -81,7 +81,7 @@ def read_file(path: str) -> bytes:
 
 
 def spooled(file: BinaryIO) -> BinaryIO:
-    """A nameless copy of what can be read only once, so that its length is known."""
+    """An unnamed copy of a file that is not regular, to find its length."""
     copy = tempfile.TemporaryFile()
     while block := file.read(PIECE):
         copy.write(block)
@@ -103,7 +103,7 @@ def without_line_ends(content: bytes) -> bytes:
 
 
 def url_encoded(text: str) -> bytes:
-    """As curl does it: a value, =VALUE, NAME=VALUE, @FILE or NAME@FILE."""
+    """Encodes as curl does: a value, =VALUE, NAME=VALUE, @FILE or NAME@FILE."""
     sign = "=" if "=" in text else "@"
     name, found, rest = text.partition(sign)
     if not found:

@@ -12,7 +12,7 @@ from zancgi_request.settings import NAME
 
 def main(arguments: list[str]) -> int:
     settings = default_settings()
-    # Where it is ignored, nobody is told how a child has ended.
+    # If the caller ignores SIGCHLD, the status of children is lost.
     signal.signal(signal.SIGCHLD, signal.SIG_DFL)
     try:
         settings = parse_command_line(arguments)

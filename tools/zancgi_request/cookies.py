@@ -1,4 +1,4 @@
-"""Cookies and their jar (RFC 6265), as curl keeps them."""
+"""Cookies and their jar (RFC 6265), compatible with curl."""
 
 import contextlib
 import dataclasses
@@ -22,18 +22,18 @@ CookieKey = tuple[str, str, bool, str]
 
 @dataclasses.dataclass
 class Cookie:
-    """One of a jar (RFC 6265, section 5.3)."""
+    """A cookie in a jar (RFC 6265, section 5.3)."""
 
     name: str
     value: str
-    # Without a dot in front.
+    # Without a leading dot.
     domain: str
-    # Whether for hosts below the domain, too.
+    # Whether hosts below the domain get it too.
     tail: bool
     path: str
     secure: bool = False
     http_only: bool = False
-    # In seconds since 1970; 0: as long as the client runs.
+    # In seconds since 1970; 0 is the end of the session.
     expires: int = 0
 
     def key(self) -> CookieKey:
@@ -49,7 +49,7 @@ class Cookie:
         return same_domain and path_matches(path_of(url), self.path) and is_allowed
 
     def line(self) -> str:
-        """Of a jar in the format of Netscape, as curl has it."""
+        """Its line in the Netscape format, as curl writes it."""
         fields = (
             "#HttpOnly_" * self.http_only + "." * self.tail + self.domain,
             str(self.tail).upper(),
@@ -77,7 +77,7 @@ def is_address(host: str) -> bool:
 
 
 def is_trustworthy(url: Url) -> bool:
-    """Where cookies with Secure go; as for curl and browsers, also to oneself."""
+    """Whether Secure cookies are sent. Like browsers, curl sends them to localhost too."""
     return url.scheme == "https" or host_of(url) in ("localhost", "127.0.0.1", "::1")
 
 
@@ -97,7 +97,7 @@ MONTHS = ("jan", "feb", "mar", "apr", "may", "jun", "jul", "aug", "sep", "oct", 
 
 
 def parse_cookie_date(text: str) -> int | None:
-    """Its seconds since 1970 (RFC 6265, section 5.1.1); None if it is none."""
+    """Seconds since 1970 (RFC 6265, section 5.1.1); None if it is not a date."""
     clock = day = month = year = None
     for word in re.split(r"[\t \x21-\x2f\x3b-\x40\x5b-\x60\x7b-\x7e]+", text):
         found = re.match(r"(\d{1,2}):(\d{1,2}):(\d{1,2})(?!\d)", word)
@@ -119,19 +119,19 @@ def parse_cookie_date(text: str) -> int | None:
     return None
 
 
-# Of a cookie that is to be removed. Not 0, which stands for no time at all.
+# The expiry of a cookie to remove. 0 would be a session cookie.
 LONG_AGO = 1
 LAST_SECOND = (1 << 63) - 1
 
 
 def seconds_of(digits: str) -> int:
-    """Right up to LAST_SECOND, and above it for all that is more: Python converts
-    no thousands of digits."""
+    """Exact up to LAST_SECOND; other results are greater than that. Python refuses to
+    convert thousands of digits."""
     return int(digits.lstrip("0")[:20] or "0")
 
 
 def expiry(attributes: dict[str, str]) -> int:
-    """Max-Age counts before Expires."""
+    """The expiry of a cookie: Max-Age takes precedence over Expires."""
     age = attributes.get("max-age", "").strip('"')
     if re.fullmatch("-?[0-9]+", age):
         seconds = 0 if age.startswith("-") else seconds_of(age)
@@ -141,7 +141,7 @@ def expiry(attributes: dict[str, str]) -> int:
 
 
 def parse_set_cookie(text: str, url: Url) -> Cookie | None:
-    """None for one that a client ignores."""
+    """The cookie of a Set-Cookie header; None if clients ignore it."""
     pair, *rest = text.split(";")
     name, equals, value = (word.strip(" \t") for word in pair.partition("="))
     if not equals or not name:
@@ -161,12 +161,12 @@ def parse_set_cookie(text: str, url: Url) -> Cookie | None:
     cookie.expires = expiry(attributes)
     if re.search(r"[\x00-\x1f\x7f]", cookie.line().replace("\t", "", 6)):
         return None
-    is_taken = may_set(cookie, url) and keeps_promise(cookie)
-    return cookie if is_taken else None
+    is_accepted = may_set(cookie, url) and fulfils_prefix(cookie)
+    return cookie if is_accepted else None
 
 
 def may_set(cookie: Cookie, url: Url) -> bool:
-    """Nobody may set one for all hosts of a domain as large as "com"."""
+    """A cookie for a whole top-level domain such as "com" is refused."""
     host = host_of(url)
     is_own = host == cookie.domain or (
         "." in cookie.domain and domain_matches(host, cookie.domain)
@@ -174,16 +174,15 @@ def may_set(cookie: Cookie, url: Url) -> bool:
     return is_own and (is_trustworthy(url) or not cookie.secure)
 
 
-def keeps_promise(cookie: Cookie) -> bool:
-    """What the beginnings of some names say of the cookie, as browsers and curl
-    demand it."""
+def fulfils_prefix(cookie: Cookie) -> bool:
+    """Whether the cookie has the attributes that its name's prefix requires."""
     if cookie.name.startswith("__Host-"):
         return cookie.secure and cookie.path == "/" and not cookie.tail
     return cookie.secure or not cookie.name.startswith("__Secure-")
 
 
 def parse_jar_line(line: str) -> Cookie | None:
-    """None for a comment, and for what is no cookie."""
+    """The cookie of a line; None for comments and malformed lines."""
     http_only = line.startswith("#HttpOnly_")
     fields = line.removeprefix("#HttpOnly_").split("\t")
     if len(fields) == 6:
@@ -194,12 +193,12 @@ def parse_jar_line(line: str) -> Cookie | None:
     cookie = Cookie(name, value, domain.removeprefix(".").lower(), tail == "TRUE", path)
     cookie.secure, cookie.http_only = secure == "TRUE", http_only
     cookie.expires = seconds_of(expires)
-    is_taken = name and cookie.expires <= LAST_SECOND and keeps_promise(cookie)
-    return cookie if is_taken else None
+    is_accepted = name and cookie.expires <= LAST_SECOND and fulfils_prefix(cookie)
+    return cookie if is_accepted else None
 
 
 def is_file_or_missing(path: str) -> bool:
-    """Not a link: /dev/stdout is one, and may lead to a file."""
+    """False for links such as /dev/stdout, which must not be replaced."""
     try:
         return stat.S_ISREG(os.lstat(path).st_mode)
     except OSError:
@@ -207,7 +206,7 @@ def is_file_or_missing(path: str) -> bool:
 
 
 def replace_file(path: str, content: bytes) -> None:
-    """By one that is whole, and that only its owner can read."""
+    """Replaces a file atomically. Only its owner can read the new one."""
     with failing_with(Status.CANNOT_WRITE, f"cannot write {path}"):
         descriptor, new = tempfile.mkstemp(prefix=".", dir=os.path.dirname(path) or ".")
         try:
@@ -220,23 +219,23 @@ def replace_file(path: str, content: bytes) -> None:
 
 
 class Jar:
-    """The cookies of the client, in the order in which they were made."""
+    """The client's cookies in the order of their creation."""
 
     def __init__(self, settings: Settings):
         self.path = settings.cookie_jar
-        # As curl tells them apart. A file without a name makes a jar all the same.
+        # Like curl: a text without "=" is a file. An empty name is an empty jar.
         files = [text for text in settings.cookies if "=" not in text]
-        # As with curl: who names no file for them has none kept.
+        # Like curl: without any file, no cookies are kept.
         self.is_used = bool(self.path or files)
         self.cookies: dict[CookieKey, Cookie] = {}
         for path in filter(None, files):
             self._read(path)
 
     def _read(self, path: str) -> None:
-        # The first time there is none yet.
+        # The jar need not exist before the first request.
         if path != "-" and not os.path.exists(path):
             return
-        # A cookie may hold what splitlines() takes for other ends of lines.
+        # splitlines() would also split at characters that cookies can contain.
         for line in re.split("\r?\n", os.fsdecode(read_file(path))):
             cookie = parse_jar_line(line)
             if cookie:
@@ -249,7 +248,7 @@ class Jar:
             self.cookies[cookie.key()] = cookie
 
     def take(self, head: Head, url: Url) -> None:
-        """What an answer from there sets and removes."""
+        """Sets and removes the cookies of an answer from this URL."""
         for name, value in head.fields:
             if self.is_used and name.lower() == "set-cookie":
                 cookie = parse_set_cookie(value, url)
@@ -267,7 +266,7 @@ class Jar:
         lines = ["# Netscape HTTP Cookie File", f"# Written by {NAME}.", ""]
         lines += [c.line() for c in self.cookies.values() if not c.has_expired()]
         content = "".join(line + "\n" for line in lines).encode(errors="surrogateescape")
-        # Sessions are nobody else's.
+        # The jar contains session ids, so only its owner may read it.
         if self.path != "-" and is_file_or_missing(self.path):
             replace_file(self.path, content)
             return

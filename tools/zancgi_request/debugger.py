@@ -1,4 +1,4 @@
-"""What stands in front of the program, such as gdb."""
+"""Commands that run the program, such as gdb."""
 
 import os
 import shlex
@@ -10,15 +10,15 @@ from zancgi_request.settings import Settings
 
 
 class Debugger:
-    """What stands in front of the program."""
+    """The command that runs the program, or none."""
 
     def __init__(self, settings: Settings):
         self.words = settings.debugger
         if settings.valgrind:
             self.words = ["valgrind", "-q", f"--error-exitcode={Status.MEMORY_ERRORS}"]
-        # It is talked to, so that the terminal is its own and not the program's.
+        # gdb reads commands, so it gets the terminal.
         self.is_interactive = bool(self.words) and "gdb" in os.path.basename(self.words[0])
-        # The shell that gdb starts the program with knows low descriptors only.
+        # gdb starts the program by a shell, which can redirect descriptors 0 to 9 only.
         self.reserved = [
             os.open(os.devnull, os.O_RDWR | os.O_CLOEXEC) for _ in range(2 * self.is_interactive)
         ]
@@ -40,7 +40,7 @@ class Debugger:
         ]
 
     def lend(self, channel: Channel) -> None:
-        """gdb hands these down, and the program's shell puts them in place."""
+        """gdb passes these descriptors on, and the program's shell redirects them."""
         stdin, stdout = self.reserved
         self._redirections = f"<&- >&{stdout}"
         if channel.stdin is not None:

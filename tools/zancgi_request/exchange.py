@@ -19,9 +19,9 @@ from zancgi_request.feeder import Channel, Feeder
 from zancgi_request.report import Report
 from zancgi_request.servers import Variables
 
-# Processes that clean up after the program may outlive it by so many seconds.
+# The seconds that other processes of the program have to end after it.
 CLEAN_UP_SECONDS = 1.0
-# How long a program may take to heed SIGTERM, in seconds.
+# The seconds from SIGTERM to SIGKILL.
 HEED_SIGTERM_SECONDS = 2.0
 
 
@@ -32,7 +32,7 @@ def find_program(path: str) -> str:
     if os.path.isdir(program):
         raise Failure(Status.CANNOT_RUN, f"{path} is a folder")
     if not os.access(program, os.X_OK):
-        raise Failure(Status.CANNOT_RUN, f"{path} may not be executed: see chmod(1)")
+        raise Failure(Status.CANNOT_RUN, f"{path} is not executable: see chmod(1)")
     return program
 
 
@@ -60,7 +60,7 @@ def start(
             preexec_fn=close_standard_input if channel.stdin is None else None,
         )
     except OSError as error:
-        words = {errno.ENOEXEC: "it is no program, and begins with no #! line"}
+        words = {errno.ENOEXEC: "it is neither a program nor a script that begins with #!"}
         reason = words.get(error.errno, error.strerror)
         what = debugger.words[0] if debugger.words else program
         raise Failure(Status.CANNOT_RUN, f"cannot run {what}: {reason}") from None
@@ -75,7 +75,7 @@ def close_standard_input() -> None:
 
 @dataclasses.dataclass
 class Exchange:
-    """One run of the program: feeds it, takes its answer, sees to its end."""
+    """One run of the program: writes its body, reads its answer, and ends it."""
 
     process: subprocess.Popen[bytes]
     channel: Channel
@@ -93,9 +93,9 @@ class Exchange:
         try:
             while self.ended is None or self.channel.reader is not None:
                 self._wait(watch)
-                if self.feeder.goes_away:
-                    self.feeder.goes_away = False
-                    self._go_away(abort_signal)
+                if self.feeder.disconnects:
+                    self.feeder.disconnects = False
+                    self._disconnect(abort_signal)
         finally:
             os.close(watch)
 
@@ -103,7 +103,7 @@ class Exchange:
         poll = select.poll()
         timeout = None
         wish = self.feeder.next_event(time.monotonic())
-        if self.feeder.goes_away:
+        if self.feeder.disconnects:
             return
         events: dict[int, int] = {}
         if wish is not None:
@@ -112,11 +112,11 @@ class Exchange:
             events[self.channel.reader] = events.get(self.channel.reader, 0) | select.POLLIN
         if self.ended is None:
             events[watch] = select.POLLIN
-        elif not self.report.has_told_of_open_output:
+        elif not self.report.has_reported_open_output:
             left = max(0.0, self.ended_at + CLEAN_UP_SECONDS - time.monotonic())
             timeout = left if timeout is None else min(timeout, left)
             if left == 0.0:
-                self.report.tell_of_open_output(children())
+                self.report.report_open_output(children())
                 timeout = None
         for descriptor, mask in events.items():
             poll.register(descriptor, mask)
@@ -132,9 +132,9 @@ class Exchange:
         if descriptor == self.channel.reader and got & ~select.POLLOUT:
             self._read()
         if wish is not None and descriptor == wish[0]:
-            mine = got & (wish[1] | select.POLLERR | select.POLLHUP)
-            if mine and self.channel.writer is not None:
-                self.feeder.handle(descriptor, mine)
+            relevant = got & (wish[1] | select.POLLERR | select.POLLHUP)
+            if relevant and self.channel.writer is not None:
+                self.feeder.handle(descriptor, relevant)
 
     def _read(self) -> None:
         try:
@@ -142,15 +142,15 @@ class Exchange:
         except BlockingIOError:
             return
         except ConnectionResetError:
-            # The program has left something unread.
+            # The program did not read the whole body.
             content = b""
         if content:
             self.answer.feed(content)
         else:
             self.channel.end_output()
 
-    def _go_away(self, number: int) -> None:
-        self.report.has_gone_away = True
+    def _disconnect(self, number: int) -> None:
+        self.report.has_disconnected = True
         self.report.sent_signal = number
         if number:
             self.send(number)
@@ -164,7 +164,7 @@ class Exchange:
                 os.killpg(self.process.pid, number)
 
     def end(self) -> None:
-        """Ends what still runs of it."""
+        """Ends all processes of the program that still run."""
         self.send(signal.SIGTERM)
         with contextlib.suppress(subprocess.TimeoutExpired):
             self.process.wait(HEED_SIGTERM_SECONDS)
@@ -173,13 +173,13 @@ class Exchange:
 
 
 def adopt_orphans() -> None:
-    """What the program leaves running becomes a child of this process."""
+    """Processes that the program leaves running become children of this one."""
     pr_set_child_subreaper = 36
     ctypes.CDLL(None).prctl(pr_set_child_subreaper, 1, 0, 0, 0)
 
 
 def children() -> list[str]:
-    """Those that have not ended, as "NAME (ID)"."""
+    """The running children, as "NAME (ID)"."""
     with contextlib.suppress(ChildProcessError):
         while os.waitpid(-1, os.WNOHANG)[0]:
             pass
@@ -192,7 +192,7 @@ def children() -> list[str]:
 
 
 def left_behind() -> list[str]:
-    """The processes that are still there when it is time that they were gone."""
+    """The processes that still run when the time for them is over."""
     deadline = time.monotonic() + CLEAN_UP_SECONDS
     while (found := children()) and time.monotonic() < deadline:
         time.sleep(0.01)

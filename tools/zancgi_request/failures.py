@@ -1,5 +1,5 @@
-"""How a request may fail, the exit status of each failure, and the signals that
-end the tool before the program has ended."""
+"""Failures of a request, their exit statuses, and signals that end the tool before
+the program has ended."""
 
 import contextlib
 import enum
@@ -9,7 +9,7 @@ from typing import NoReturn
 
 
 class Status(enum.IntEnum):
-    """Exit statuses. Where curl has one of the same meaning, it is curl's."""
+    """Exit statuses. Those with the same meaning as one of curl's have its number."""
 
     SUCCESS = 0
     USAGE = 2
@@ -31,7 +31,7 @@ class Status(enum.IntEnum):
 
 
 class Failure(Exception):
-    """Ends the request; the text says why."""
+    """Ends the request, for the reason in its text."""
 
     def __init__(self, status: int, text: str):
         super().__init__(text)
@@ -51,12 +51,12 @@ def failing_with(status: Status, what: str) -> Iterator[None]:
         raise Failure(status, f"{what}: {error.strerror}") from None
 
 
-# The signals that end the program too.
+# Signals that also end the program.
 CAUGHT = (signal.SIGALRM, signal.SIGTERM, signal.SIGHUP, signal.SIGINT)
 
 
 class Interrupted(Exception):
-    """A signal has come."""
+    """A signal has arrived."""
 
     def __init__(self, number: int):
         super().__init__(number)
@@ -64,14 +64,14 @@ class Interrupted(Exception):
 
 
 def interrupt(number: int, _frame: object) -> NoReturn:
-    # The program is then ended, and nothing is to come in between.
+    # Further signals must not interrupt the end of the program.
     for other in CAUGHT:
         signal.signal(other, disregard)
     raise Interrupted(number)
 
 
 def hold_signals() -> list[int]:
-    """Until they are caught again, those that come are only put into this list."""
+    """Until catch_signals, signals are only appended to this list."""
     held: list[int] = []
     for number in CAUGHT:
         if signal.getsignal(number) is interrupt:
@@ -80,12 +80,12 @@ def hold_signals() -> list[int]:
 
 
 def disregard(_number: int, _frame: object) -> None:
-    """Unlike SIG_IGN, this is not handed down."""
+    """Unlike SIG_IGN, the program does not inherit this."""
 
 
 def catch_signals(is_interactive: bool) -> None:
     for number in CAUGHT:
         signal.signal(number, interrupt)
     if is_interactive:
-        # At a terminal this one is the debugger's.
+        # At a terminal, SIGINT is for the debugger.
         signal.signal(signal.SIGINT, disregard)

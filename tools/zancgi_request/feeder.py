@@ -14,14 +14,14 @@ import time
 from zancgi_request.body import Body, PIECE, Stream
 from zancgi_request.settings import Settings
 
-# How often it is looked whether a chunk has been read, in seconds.
+# The interval of checks whether a chunk has been read, in seconds.
 UNREAD_POLL_SECONDS = 0.001
-# How long a client waits for the program to read before it goes away.
+# How long the client waits for the program to read before it disconnects.
 READ_BEFORE_LEAVING_SECONDS = 1.0
 
 
 class Channel:
-    """The program's standard input and output, and our ends of them."""
+    """The program's standard input and output, and the tool's ends of them."""
 
     def __init__(self, kind: str, body: Body | Stream | None):
         # None: closed.
@@ -55,13 +55,13 @@ class Channel:
                 self.stdin = os.dup(file.fileno())
 
     def give_away(self) -> None:
-        """The program has its ends; nobody else needs them."""
+        """Closes the program's ends after it has started."""
         for end in (self.stdin, self.stdout):
             if end is not None:
                 os.close(end)
 
     def unread(self) -> int:
-        """Not to be had of a closed end. Of a socket, any number but 0."""
+        """Bytes that the program has not read, for a socket roughly; the writer must be open."""
         request = termios.TIOCOUTQ if self.socket else termios.FIONREAD
         answer = fcntl.ioctl(self.writer, request, b"\0\0\0\0")
         return int.from_bytes(answer, sys.byteorder)
@@ -105,12 +105,11 @@ class Feeder:
         self.ready_at = 0.0
         self.has_all = False
         self.was_refused = False
-        self.goes_away = False
+        self.disconnects = False
 
     def fill(self) -> None:
-        """Writes what can be written before the program starts: whether it has
-        left something unread, or finds the end, must not depend on who is
-        faster."""
+        """Writes as much as possible before the program starts, so that it finds the
+        same input however fast it is."""
         if self.channel.writer is None or isinstance(self.body, Stream) or self.is_paced:
             return
         while not (self.pending or self.has_all):
@@ -119,8 +118,8 @@ class Feeder:
             self.channel.end_input()
 
     def next_event(self, now: float) -> tuple[int, int, float | None] | None:
-        """What to wait for, and how long: a descriptor and what poll is to tell
-        of it. None when nothing will come."""
+        """The next event to wait for: a descriptor, its poll events and a time limit.
+        None if there is none."""
         writer = self.channel.writer
         if writer is None:
             return None
@@ -142,7 +141,7 @@ class Feeder:
         if self.limit is not None:
             if self.channel.unread() and now < self.ready_at + READ_BEFORE_LEAVING_SECONDS:
                 return writer, 0, UNREAD_POLL_SECONDS
-            self.goes_away = True
+            self.disconnects = True
             return None
         if self.keeps_open:
             return writer, 0, None

@@ -1,4 +1,4 @@
-"""Bodies of multipart/form-data, as curl makes them."""
+"""Bodies of multipart/form-data in the same form as curl's."""
 
 import dataclasses
 import os
@@ -10,7 +10,7 @@ from zancgi_request.body import Body, open_regular
 from zancgi_request.failures import misused
 from zancgi_request.settings import Settings
 
-# What curl knows by the end of a file's name.
+# The types that curl derives from file names.
 TYPES = {
     ".gif": "image/gif",
     ".jpg": "image/jpeg",
@@ -33,7 +33,7 @@ def type_by_name(name: str) -> str:
 class Part:
     name: str
     content: bytes | BinaryIO = b""
-    # None: the part is no file.
+    # None: the part is not a file.
     file_name: str | None = None
     type: str = ""
     headers: list[str] = dataclasses.field(default_factory=list)
@@ -51,7 +51,7 @@ class PartText:
     def parse(self, name: str) -> Part:
         part = Part(name)
         if self.text.startswith("(") or (self.text == ")" and not name):
-            misused("parts in parts of a form cannot be made")
+            misused("nested parts of a form are not supported")
         sign = self.text[:1]
         if sign in ("@", "<"):
             self.text = self.text[1:]
@@ -80,7 +80,7 @@ class PartText:
             part.type = part.type or type_by_name(part.file_name)
 
     def _word(self) -> str:
-        """Takes a word away, quoted or not, and what is left before a ";"."""
+        """Removes a word, quoted or not, and the rest before a ";"."""
         self.text = self.text.lstrip(" \t")
         quoted = re.match(r'"((?:[^"\\]|\\.)*)"', self.text, re.DOTALL)
         if quoted:
@@ -93,7 +93,7 @@ class PartText:
         word = re.match(f"[^{self.ends}]*", self.text)[0]
         self._skip(len(word))
         if self.text.startswith(","):
-            misused("one --form takes one file: quote a name that has a comma")
+            misused("each --form takes one file: quote a file name that contains a comma")
         return word.rstrip(" \t")
 
     def _skip(self, length: int) -> None:
@@ -110,15 +110,15 @@ class PartText:
         elif known == "headers=":
             part.headers.append(self._word())
         elif known == "encoder=":
-            misused("encoded parts of a form cannot be made")
+            misused("encoded parts of a form are not supported")
         else:
-            misused(f"--form does not know the attribute {self._until_end()!r}")
+            misused(f"--form has no attribute {self._until_end()!r}")
 
     def _type(self) -> str:
-        """May itself have attributes, behind a ";"."""
+        """A type, which may have attributes after a ";"."""
         words = [self._until_end()]
         if not re.match("[^/ ]+/[^;, \n]+", words[0]):
-            misused(f"--form with a type that is none: {words[0]!r}")
+            misused(f"--form needs a type such as text/plain, not {words[0]!r}")
         while self.text and not self.text[1:].lstrip(" \t").startswith(self.attributes):
             self._skip(1)
             words.append(";" + self._until_end())
@@ -128,7 +128,7 @@ class PartText:
 def parse_part(option: str, text: str) -> Part:
     name, equals, value = text.partition("=")
     if not equals:
-        misused(f"--form wants NAME=VALUE: {text!r}")
+        misused(f"--form needs NAME=VALUE, not {text!r}")
     name = with_line_ends_of_browsers(name)
     if option == "string":
         return Part(name, os.fsencode(with_line_ends_of_browsers(value)))
@@ -145,7 +145,7 @@ FORM_TYPE = "multipart/form-data"
 class Form:
     def __init__(self, settings: Settings):
         self.parts = [parse_part(option, text) for option, text in settings.form]
-        # Of the same shape as curl's.
+        # In the same form as curl's.
         self.boundary = settings.boundary or "-" * 24 + secrets.token_hex(8)
         self.escapes = (
             {"\\": "\\\\", '"': '\\"'}

@@ -1,15 +1,15 @@
-"""The header of an answer, and what is wrong with it."""
+"""The header of an answer, and its problems."""
 
 import re
 
 from zancgi_tools.answers import TOKEN, parse_length
 
-# A server that has not seen the end of the header by then gives up.
+# Web servers refuse a longer header.
 LONGEST_HEAD = 65536
 ONLY_ONCE = ("status", "content-type", "content-length", "location")
 BODYLESS = (204, 304)
 HTTP_LINE = re.compile(r"HTTP/\d(?:\.\d)? (\d{3})(?: (.*))?")
-# Of those that programs often send.
+# The reasons of statuses that programs often send.
 REASONS = {
     200: "OK", 201: "Created", 202: "Accepted", 204: "No Content", 206: "Partial Content",
     301: "Moved Permanently", 302: "Found", 303: "See Other", 304: "Not Modified",
@@ -22,7 +22,7 @@ REASONS = {
 
 
 class Head:
-    """The header of an answer, and what is wrong with it."""
+    """The header of an answer, and its problems."""
 
     def __init__(self, raw: bytes, is_raw_http: bool):
         self.fields: list[tuple[str, str]] = []
@@ -36,7 +36,7 @@ class Head:
         for line in lines:
             if line:
                 self._parse_line(line)
-        # Nothing can be made of it: it is not even a header.
+        # Not a header at all.
         self.is_none = bool(lines) and not self.fields and bool(self.problems)
         self._check_repeated()
         if not is_raw_http:
@@ -58,7 +58,7 @@ class Head:
         parsed = HTTP_LINE.fullmatch(line)
         if not parsed:
             self.problems.append(
-                f"a program named nph-... begins its answer with HTTP/1.1 and a status, "
+                f"the answer of a program named nph-... must begin with HTTP/1.1 and a status, "
                 f"not with {shown(line)}"
             )
             return
@@ -67,27 +67,27 @@ class Head:
     def _parse_line(self, line: str) -> None:
         if HTTP_LINE.fullmatch(line) and not self.fields:
             self.problems.append(
-                f"the answer begins with {shown(line)}, as those of programs named nph-... do; "
-                f"other programs send a field Status"
+                f"the answer begins with {shown(line)}, which only programs named nph-... may do: "
+                f"send a header line Status instead"
             )
             return
         parsed = re.fullmatch(f"({TOKEN}):(.*)", line)
         if not parsed:
-            self.problems.append(f"a line of the header is no NAME: VALUE: {shown(line)}")
+            self.problems.append(f"a header line does not have the form NAME: VALUE: {shown(line)}")
             return
         value = parsed[2].strip(" \t")
         if re.search(r"[\x00-\x08\x0a-\x1f\x7f]", value):
-            self.problems.append(f"a line of the header has control characters: {shown(line)}")
+            self.problems.append(f"a header line contains control characters: {shown(line)}")
         self.fields.append((parsed[1], value))
 
     def _check_repeated(self) -> None:
         names = [name.lower() for name, _ in self.fields]
         for name in ONLY_ONCE:
             if names.count(name) > 1:
-                self.problems.append(f"the header has {names.count(name)} fields {name.title()}")
+                self.problems.append(f"the header has {names.count(name)} lines {name.title()}")
         length = self.get("content-length")
         if length is not None and self.content_length() is None:
-            self.problems.append(f"Content-Length is no number of 64 bits: {shown(length)}")
+            self.problems.append(f"Content-Length is not a 64-bit number: {shown(length)}")
 
     def _interpret(self) -> None:
         status = self.get("status")
@@ -98,7 +98,7 @@ class Head:
             self.status, self.reason = int(parsed[1]), parsed[2] or ""
         else:
             self.status = 500
-            self.problems.append(f"Status is no number of three digits: {shown(status)}")
+            self.problems.append(f"Status is not a three-digit number: {shown(status)}")
         self.reason = self.reason or REASONS.get(self.status, "")
         if location is not None:
             self._check_location(location, status is None)
@@ -106,16 +106,16 @@ class Head:
     def _check_location(self, location: str, is_local_possible: bool) -> None:
         if location.startswith("/") and not location.startswith("//") and is_local_possible:
             self.notes.append(
-                f"{shown(location)} is a local redirect: some web servers answer what they have "
-                f"there, others send the client there, as here"
+                f"{shown(location)} is a local redirect: some web servers serve that path at once, "
+                f"others redirect the client to it, as here"
             )
         elif not re.match("/|[A-Za-z][A-Za-z0-9+.-]*:", location):
             self.problems.append(
-                f"Location is neither a whole URL nor a path from the root: {shown(location)}"
+                f"Location is neither a complete URL nor an absolute path: {shown(location)}"
             )
 
 
 def shown(text: str) -> str:
-    """Quoted, harmless to a terminal, and not too long."""
+    """A text in quotes, harmless for terminals and shortened."""
     quoted = ascii(text)
     return quoted if len(quoted) <= 80 else quoted[:76] + "...'"

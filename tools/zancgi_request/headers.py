@@ -16,7 +16,7 @@ from zancgi_tools.answers import TOKEN
 
 
 class Headers:
-    """In their order; a name may come more than once."""
+    """Header lines in order; a name may occur more than once."""
 
     def __init__(self) -> None:
         self.lines: list[tuple[str, str]] = []
@@ -44,11 +44,11 @@ class Request:
     script_name: str
     path_info: str
     headers: Headers
-    # None: the request has none, not even an empty one.
+    # None: there is no body, not even an empty one.
     body: Body | Stream | None
-    # As it is without the options; empty without a body.
+    # Without the user's headers; empty without a body.
     content_type: str
-    # None: the program is not told.
+    # None: CONTENT_LENGTH is not set.
     content_length: str | None
 
 
@@ -61,14 +61,14 @@ def header_lines(given: list[str]) -> Iterator[str]:
 
 
 def parse_header(line: str) -> tuple[str, str | None]:
-    """The value is None when the header is to be removed."""
+    """Name and value; the value is None if the header is to be removed."""
     name, colon, value = line.partition(":")
     if not colon and line.endswith(";"):
         name, value = line[:-1], ""
     elif not colon:
-        misused(f"--header wants NAME: VALUE: {line!r}")
+        misused(f"--header needs NAME: VALUE, not {line!r}")
     if not re.fullmatch(TOKEN, name):
-        misused(f"no name of a header: {name!r}")
+        misused(f"not a header name: {name!r}")
     refuse_control_characters(name, value)
     value = value.lstrip(" \t")
     return name, value if value.rstrip() or not colon else None
@@ -76,11 +76,11 @@ def parse_header(line: str) -> tuple[str, str | None]:
 
 def refuse_control_characters(name: str, value: str) -> None:
     if re.search(r"[\x00-\x08\x0a-\x1f\x7f]", value):
-        misused(f"a header has no control characters: {name}: {value!r}")
+        misused(f"a header must not contain control characters: {name}: {value!r}")
 
 
 def own_headers(settings: Settings, url: Url, content_type: str, jar: Jar) -> Headers:
-    """What a client sends by itself."""
+    """The headers that a client sends by default."""
     headers = Headers()
     is_json = any(option == "json" for option, _ in settings.data)
     for name, value in (
@@ -118,13 +118,13 @@ def make_headers(settings: Settings, url: Url, content_type: str, jar: Jar) -> H
             headers.add(name, with_boundary(value, content_type) if is_type_of_form else value)
     if not settings.keep_proxy_header:
         headers.remove("Proxy")
-    # The program gets the body as it was before its transfer.
+    # Web servers decode the body before they pass it on.
     headers.remove("Transfer-Encoding")
     return headers
 
 
 def with_boundary(value: str, content_type: str) -> str:
-    """The type that the user wants for a form, with the boundary that it has."""
+    """The user's content type of a form, with the actual boundary."""
     return value + content_type.removeprefix(FORM_TYPE)
 
 

@@ -1,4 +1,4 @@
-"""The request that is played, and those that redirects ask for."""
+"""Makes the first request and those of redirects."""
 
 import contextlib
 import copy
@@ -19,12 +19,11 @@ from zancgi_tools.answers import TOKEN
 
 
 def split_path(settings: Settings, path: str, program: str) -> tuple[str, str]:
-    """The path's part that is the program's, and the rest, for SCRIPT_NAME and
-    PATH_INFO."""
+    """SCRIPT_NAME and PATH_INFO: the program's part of the path, and the rest."""
     script, info = settings.script_name, settings.path_info
     if script:
         if not (path + "/").startswith(script.rstrip("/") + "/"):
-            misused(f"the URL's path, {path!r}, does not begin with {script!r}")
+            misused(f"the URL's path {path!r} does not begin with --script-name {script!r}")
         return script, path[len(script) :]
     if info:
         return path.removesuffix(info), info
@@ -35,7 +34,7 @@ def split_path(settings: Settings, path: str, program: str) -> tuple[str, str]:
 
 
 def make_body(settings: Settings) -> tuple[Body | Stream | None, str]:
-    """And its type."""
+    """The body and its content type."""
     if settings.form:
         form = Form(settings)
         return form.body(), form.content_type()
@@ -58,7 +57,7 @@ def add_data_to_query(url: Url, settings: Settings) -> None:
 
 
 def name_upload(url: Url, settings: Settings) -> None:
-    """A file that is put into a folder keeps its name there."""
+    """Like curl, adds the name of an uploaded file to a URL that ends with "/"."""
     path, question, query = url.uri.partition("?")
     if settings.upload and path.endswith("/") and settings.upload not in ("-", "."):
         path += encoded(os.path.basename(settings.upload))
@@ -68,7 +67,7 @@ def name_upload(url: Url, settings: Settings) -> None:
 def method_of(settings: Settings) -> str:
     if settings.method:
         if not re.fullmatch(TOKEN, settings.method):
-            misused(f"no method: {settings.method!r}")
+            misused(f"not a method: {settings.method!r}")
         return settings.method
     if settings.head:
         return "HEAD"
@@ -77,7 +76,7 @@ def method_of(settings: Settings) -> str:
     return "POST" if settings.form or (settings.data and not settings.get) else "GET"
 
 
-def told_length(settings: Settings, headers: Headers, body: Body | Stream | None) -> str | None:
+def declared_length(settings: Settings, headers: Headers, body: Body | Stream | None) -> str | None:
     if settings.content_length is not None:
         return None if settings.content_length == "none" else settings.content_length
     in_header = headers.get("Content-Length")
@@ -91,7 +90,7 @@ def make_first_request(settings: Settings, jar: Jar) -> Request:
     complete_url(url, settings)
     name_upload(url, settings)
     add_data_to_query(url, settings)
-    # Read once: a file may be standard input.
+    # Only once, because a file may be standard input.
     settings.headers = list(header_lines(settings.headers))
     body, content_type = make_body(settings)
     return make_request(settings, method_of(settings), url, body, content_type, jar)
@@ -107,7 +106,7 @@ def make_request(
 ) -> Request:
     script_name, path_info = split_path(settings, url.path(), settings.program)
     headers = make_headers(settings, url, content_type, jar)
-    length = told_length(settings, headers, body)
+    length = declared_length(settings, headers, body)
     return Request(method, url, script_name, path_info, headers, body, content_type, length)
 
 
@@ -118,13 +117,16 @@ def again(settings: Settings, request: Request, jar: Jar) -> Request:
 
 
 def follow(settings: Settings, request: Request, head: Head, jar: Jar) -> Request | None:
-    """The request that a redirect asks for; None when there is none to follow."""
+    """The request that a redirect leads to; None if there is none to follow."""
     location = head.get("location")
     if head.status not in REDIRECTS or not location:
         return None
     url = redirect_target(request, location)
     if url is None:
-        head.notes.append(f"{shown(location)} is not followed: it leads away from the program")
+        head.notes.append(
+            f"the redirect to {shown(location)} is not followed: it leads to another program "
+            f"or host"
+        )
         return None
     method, body, content_type = request.method, request.body, request.content_type
     settings = copy.copy(settings)
@@ -133,7 +135,7 @@ def follow(settings: Settings, request: Request, head: Head, jar: Jar) -> Reques
         settings.script_name = request.script_name
     if settings.referer.endswith(";auto"):
         settings.referer = request.url.whole() + ";auto"
-    if is_asked_by_get(head.status, method):
+    if becomes_get(head.status, method):
         method, body, content_type = "GET", None, ""
         settings.content_length = None
         settings.headers = [x for x in settings.headers if not x.lower().startswith("content-")]
@@ -150,15 +152,15 @@ def redirect_target(request: Request, location: str) -> Url | None:
 REDIRECTS = (301, 302, 303, 307, 308)
 
 
-def is_asked_by_get(status: int, method: str) -> bool:
-    """As browsers do, which is what RFC 9110, section 15.4, allows."""
+def becomes_get(status: int, method: str) -> bool:
+    """As in browsers; RFC 9110, section 15.4, allows it."""
     if status == 303:
         return method not in ("GET", "HEAD")
     return status in (301, 302) and method == "POST"
 
 
 def is_of_program(url: Url, request: Request) -> bool:
-    """Whether the web server would start the same program."""
+    """Whether the web server would start the same program for a URL."""
     before = request.url
     same_port = url.port == before.port
     both_usual = url.port == usual_port(url.scheme) and before.port == usual_port(before.scheme)

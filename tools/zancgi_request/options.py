@@ -1,4 +1,4 @@
-"""The command line: its options, and how each of them is stored."""
+"""The command line."""
 
 import dataclasses
 import getopt
@@ -12,13 +12,13 @@ from typing import Any, NoReturn
 from zancgi_request.failures import Status, misused
 from zancgi_request.settings import NAME, NAME_AND_VERSION, Settings, is_written
 
-# Within what the system's timers can hold, in seconds.
+# In seconds; the system's timers can hold it.
 LONGEST_WAIT = 1e9
 
 
 @dataclasses.dataclass(frozen=True)
 class Field:
-    """Of the settings, and what comes of it when the option is given."""
+    """A field of the settings, and how an option changes it."""
 
     name: str
     change: Callable[[Any, str], Any]
@@ -29,7 +29,7 @@ class Field:
 class Option:
     name: str
     letter: str
-    # What its value is called in the help; empty for an option without one.
+    # The name of its value in the help; empty if it has none.
     value: str
     help: str
     field: Field
@@ -47,51 +47,58 @@ def append(name: str, convert: Callable[[str], Any] = str) -> Field:
     return Field(name, lambda before, text: [*before, convert(text)], [])
 
 
-# What the option asks for curl is done anyway, or has no meaning here.
+# Options of curl that change nothing here.
 IGNORED = switch("ignored")
 
 
-def number_from(least: float, convert: Callable[[str], Any]) -> Callable[[str], Any]:
-    def checked(text: str) -> Any:
-        number = convert(text)
-        if not number >= least:
-            raise ValueError
-        return number
+class Unfit(Exception):
+    """The value of an option is not what the text describes."""
 
-    return checked
+
+def needing(what: str, convert: Callable[[str], Any]) -> Callable[[str], Any]:
+    def converted(text: str) -> Any:
+        try:
+            return convert(text)
+        except (KeyError, ValueError):
+            raise Unfit(what) from None
+
+    return converted
+
+
+def number_from(least: int) -> Callable[[str], int]:
+    def converted(text: str) -> int:
+        if int(text) < least:
+            raise ValueError
+        return int(text)
+
+    return needing(f"a number of at least {least}", converted)
 
 
 def sizes(text: str) -> list[int]:
-    return [number_from(1, int)(size) for size in text.split(",")]
-
-
-def seconds(text: str) -> float:
-    number = number_from(0, float)(text)
-    if number > LONGEST_WAIT:
+    found = [int(size) for size in text.split(",")]
+    if min(found) < 1:
         raise ValueError
-    return number
+    return found
+
+
+def wait(text: str) -> float:
+    if not 0 <= float(text) <= LONGEST_WAIT:
+        raise ValueError
+    return float(text)
 
 
 def milliseconds(text: str) -> float:
-    return seconds(text) / 1000
+    return wait(text) / 1000
 
 
 def signal_number(text: str) -> int:
     if text.isdecimal():
         return int(signal.Signals(int(text)))
-    try:
-        return int(signal.Signals["SIG" + text.upper().removeprefix("SIG")])
-    except KeyError:
-        raise ValueError from None
+    return int(signal.Signals["SIG" + text.upper().removeprefix("SIG")])
 
 
 def one_of(*words: str) -> Callable[[str], str]:
-    def checked(text: str) -> str:
-        if text not in words:
-            raise ValueError
-        return text
-
-    return checked
+    return needing(f"one of {', '.join(words)}", {word: word for word in words}.__getitem__)
 
 
 def assignment(name: str) -> Callable[[str], str]:
@@ -99,12 +106,12 @@ def assignment(name: str) -> Callable[[str], str]:
 
 
 def run_dir(text: str) -> str:
-    # The program is started elsewhere, and may go on to another folder yet.
+    # The program is started in another folder.
     return assignment("TOV_RUN_DIR")(os.path.abspath(text) if text else "")
 
 
 def variable(text: str) -> str:
-    """NAME=VALUE, or NAME, which takes the caller's value."""
+    """NAME=VALUE, or NAME, which stands for the caller's value."""
     name, equals, _ = text.partition("=")
     if not name:
         raise ValueError
@@ -125,71 +132,73 @@ OPTIONS = (
     Option("cookie-jar", "c", "FILE", "write all cookies to this jar", keep("cookie_jar")),
     Option("data", "d", "DATA", "POST this, or the lines of @FILE", append_to("data", "data")),
     Option("data-ascii", "", "DATA", "the same as --data", append_to("data", "data")),
-    Option("data-binary", "", "DATA", "POST this, or @FILE as it is", append_to("data", "binary")),
-    Option("data-raw", "", "DATA", "POST this, also when it begins with @",
+    Option("data-binary", "", "DATA", "POST this, or @FILE unchanged", append_to("data", "binary")),
+    Option("data-raw", "", "DATA", "POST this, even if it begins with @",
            append_to("data", "raw")),
     Option("data-urlencode", "", "DATA", "POST this URL-encoded", append_to("data", "urlencode")),
     Option("json", "", "DATA", "POST this as JSON", append_to("data", "json")),
-    Option("form", "F", "NAME=VALUE", "POST a form; @FILE uploads, <FILE reads",
+    Option("form", "F", "NAME=VALUE", "POST a form; @FILE is an upload, <FILE a text",
            append_to("form", "form")),
-    Option("form-string", "", "NAME=VALUE", "POST a form, value as text",
+    Option("form-string", "", "NAME=VALUE", "POST a form; the value is a text",
            append_to("form", "string")),
-    Option("form-escape", "", "", "escape names with backslashes", switch("form_escape")),
+    Option("form-escape", "", "", "escape names in forms with backslashes", switch("form_escape")),
     Option("boundary", "", "TEXT", "the boundary of the form", keep("boundary")),
     Option("upload-file", "T", "FILE", "PUT this file; - is standard input", keep("upload")),
     Option("get", "G", "", "put --data into the query", switch("get")),
-    Option("head", "I", "", "use HEAD, and print the header", switch("head")),
+    Option("head", "I", "", "request and print the header only", switch("head")),
     Option("user", "u", "USER:PASSWORD", "send them by Basic authentication",
            keep("user", default=None)),
-    Option("user-agent", "A", "NAME", "what the client calls itself",
+    Option("user-agent", "A", "NAME", "the header User-Agent",
            keep("agent", default=NAME_AND_VERSION)),
-    Option("referer", "e", "URL", "the page that the client comes from", keep("referer")),
-    Option("location", "L", "", "follow redirects within the program", switch("follow")),
-    Option("max-redirs", "", "N", "follow so many at most (50)",
-           keep("most_redirects", number_from(0, int), 50)),
+    Option("referer", "e", "URL", "the header Referer", keep("referer")),
+    Option("location", "L", "", "follow redirects to the same program", switch("follow")),
+    Option("max-redirs", "", "N", "follow at most this many redirects (50)",
+           keep("most_redirects", number_from(0), 50)),
     Option("include", "i", "", "print the answer's header too", switch("include")),
     Option("output", "o", "FILE", "write the answer to a file", keep("output", default="-")),
     Option("dump-header", "D", "FILE", "write the answer's header to a file", keep("dump_header")),
-    Option("write-out", "w", "FORMAT", "print this when all is over", keep("write_out")),
-    Option("silent", "s", "", "say nothing about what is wrong", switch("silent")),
-    Option("show-error", "S", "", "with --silent, do say it", switch("show_error")),
-    Option("verbose", "v", "", "show what goes to and fro", switch("verbose")),
-    Option("fail", "f", "", "no body and status 22 from HTTP status 400 on", switch("fail")),
-    Option("max-time", "m", "SECONDS", "end it after so long", keep("max_time", seconds, 0.0)),
-    Option("globoff", "g", "", "accepted as curl's; URLs have no patterns here", IGNORED),
-    Option("no-buffer", "N", "", "accepted as curl's; nothing is held back", IGNORED),
-    Option("stdin", "", "KIND", "what standard input is: " + ", ".join(STDIN_KINDS),
+    Option("write-out", "w", "FORMAT", "print this at the end", keep("write_out")),
+    Option("silent", "s", "", "do not report problems", switch("silent")),
+    Option("show-error", "S", "", "report them even with --silent", switch("show_error")),
+    Option("verbose", "v", "", "show the variables and the header", switch("verbose")),
+    Option("fail", "f", "", "if HTTP status >= 400: no body, exit status 22", switch("fail")),
+    Option("max-time", "m", "SECONDS", "end the program after this time",
+           keep("max_time", needing("a number of seconds", wait), 0.0)),
+    Option("globoff", "g", "", "ignored, for curl; URLs have no patterns here", IGNORED),
+    Option("no-buffer", "N", "", "ignored, for curl; output is never buffered", IGNORED),
+    Option("stdin", "", "KIND", "kind of standard input: " + ", ".join(STDIN_KINDS),
            keep("stdin", one_of(*STDIN_KINDS))),
     Option("chunk", "", "SIZES", "bytes of each write, such as 1 or 3,7,65536",
-           keep("chunk", sizes, [])),
-    Option("pause", "", "MS", "wait so long between writes", keep("pause", milliseconds, 0.0)),
+           keep("chunk", needing("sizes such as 1 or 3,7,65536", sizes), [])),
+    Option("pause", "", "MS", "wait this time between writes",
+           keep("pause", needing("a number of milliseconds", milliseconds), 0.0)),
     Option("hold-open", "", "", "do not close standard input after the body", switch("hold_open")),
-    Option("content-length", "", "N|none", "the length to tell, whatever is sent",
+    Option("content-length", "", "N|none", "the CONTENT_LENGTH, whatever is sent",
            keep("content_length", default=None)),
-    Option("abort-after", "", "N", "go away after so many bytes of the body",
-           keep("abort_after", number_from(0, int), None)),
-    Option("abort-signal", "", "SIGNAL", "send this signal then, such as TERM",
-           keep("abort_signal", signal_number, 0)),
-    Option("server", "", "KIND", "do as this one does: " + ", ".join(SERVERS),
+    Option("abort-after", "", "N", "disconnect after this many bytes of the body",
+           keep("abort_after", number_from(0), None)),
+    Option("abort-signal", "", "SIGNAL", "send this signal then, for example TERM",
+           keep("abort_signal", needing("a signal such as TERM or 15", signal_number), 0)),
+    Option("server", "", "KIND", "imitate this web server: " + ", ".join(SERVERS),
            keep("server", one_of(*SERVERS), SERVERS[0])),
     Option("remote-addr", "", "ADDRESS", "the client's address",
            keep("remote_addr", default="127.0.0.1")),
-    Option("script-name", "", "PATH", "the part of the URL's path that is the program's",
+    Option("script-name", "", "PATH", "the part of the URL's path for the program",
            keep("script_name")),
-    Option("path-info", "", "PATH", "the part of the URL's path behind that", keep("path_info")),
-    Option("env", "", "NAME[=VALUE]", "set a variable, or take the caller's",
-           append("environment", variable)),
-    Option("unset", "", "NAME", "take a variable away", append("unset")),
-    Option("run-dir", "", "FOLDER", "where the sockets of back ends are (TOV_RUN_DIR)",
+    Option("path-info", "", "PATH", "the rest of the URL's path", keep("path_info")),
+    Option("env", "", "NAME[=VALUE]", "set a variable, or copy the caller's",
+           append("environment", needing("NAME or NAME=VALUE", variable))),
+    Option("unset", "", "NAME", "remove a variable", append("unset")),
+    Option("run-dir", "", "FOLDER", "the folder of back ends' sockets (TOV_RUN_DIR)",
            append("environment", run_dir)),
-    Option("log-level", "", "LEVEL", "what the library logs, 0 to 9 (TOV_LOG_LEVEL)",
+    Option("log-level", "", "LEVEL", "the log level of libzancgi, 0 to 9 (TOV_LOG_LEVEL)",
            append("environment", assignment("TOV_LOG_LEVEL"))),
-    Option("keep-proxy-header", "", "", "let a header Proxy through", switch("keep_proxy_header")),
-    Option("debugger", "", "COMMAND", "run the program under this, such as 'gdb --args'",
-           keep("debugger", shlex.split, [])),
+    Option("keep-proxy-header", "", "", "pass on a header Proxy", switch("keep_proxy_header")),
+    Option("debugger", "", "COMMAND", "run the program under this, for example 'gdb --args'",
+           keep("debugger", needing("a command with its quotes closed", shlex.split), [])),
     Option("valgrind", "", "", "run the program under valgrind", switch("valgrind")),
-    Option("repeat", "", "N", "play it so many times, and tell how long it took",
-           keep("repeat", number_from(1, int), 1)),
+    Option("repeat", "", "N", "play it this many times, and print the time",
+           keep("repeat", number_from(1), 1)),
 )  # fmt: skip
 
 
@@ -199,7 +208,7 @@ def help_text() -> str:
         letter = f"-{option.letter}, " if option.letter else "    "
         name = f"{letter}--{option.name} {option.value}".rstrip()
         lines.append(f"  {name:<34} {option.help}")
-    lines += ["", f"The manual, {NAME}(1), tells the rest.", ""]
+    lines += ["", f"See {NAME}(1) for details.", ""]
     return "\n".join(lines)
 
 
@@ -229,7 +238,7 @@ def parse_command_line(arguments: list[str]) -> Settings:
             print_and_leave(NAME_AND_VERSION.replace("/", " ") + "\n")
         store_option(settings, by_text[text], text, value)
     if not 1 <= len(rest) <= 2:
-        misused("a program is wanted, and at most one URL")
+        misused("expected a program and at most one URL")
     settings.program, settings.url = (rest + ["/"])[:2]
     check(settings)
     return settings
@@ -239,21 +248,24 @@ def store_option(settings: Settings, option: Option, text: str, value: str) -> N
     field = option.field
     try:
         setattr(settings, field.name, field.change(getattr(settings, field.name), value))
-    except ValueError:
-        misused(f"{text} cannot be {value!r}: {option.help}")
+    except Unfit as error:
+        misused(f"{text} needs {error}, not {value!r}")
 
 
 def check(settings: Settings) -> None:
     kinds = (settings.data and not settings.get, settings.form, settings.upload)
     if sum(map(bool, kinds)) + settings.head > 1 or (settings.get and settings.form):
-        misused("the options ask for more than one kind of request")
+        misused("the options select more than one kind of request")
     if settings.abort_signal and settings.abort_after is None:
-        misused("--abort-signal wants --abort-after")
+        misused("--abort-signal needs --abort-after")
     if settings.abort_after is not None and settings.hold_open:
-        misused("either --hold-open or --abort-after")
+        misused("--hold-open and --abort-after exclude each other")
     if settings.debugger and settings.valgrind:
-        misused("either --debugger or --valgrind")
+        misused("--debugger and --valgrind exclude each other")
     if settings.follow and settings.abort_after is not None:
-        misused("either --location or --abort-after")
+        misused("--location and --abort-after exclude each other")
     if is_written(settings) and settings.stdin not in ("", "pipe", "socket"):
-        misused(f"nothing is written to a standard input that is {settings.stdin}")
+        misused(
+            f"--abort-after, --hold-open, --chunk and --pause need --stdin pipe or socket, not "
+            f"{settings.stdin}"
+        )

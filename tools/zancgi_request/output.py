@@ -1,4 +1,4 @@
-"""Where the answer goes."""
+"""The output of answers."""
 
 import os
 import sys
@@ -8,7 +8,7 @@ from zancgi_request.failures import Failure, Status, failing_with
 
 
 class Output:
-    """Where the answer goes: standard output, or a file made when needed."""
+    """Standard output, or a file that is created when needed."""
 
     def __init__(self, path: str, mode: int = 0o666):
         self.path = path

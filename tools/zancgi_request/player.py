@@ -1,4 +1,4 @@
-"""Plays requests: once or several times, with redirects and cookies."""
+"""Plays requests once or several times, with redirects and cookies."""
 
 import contextlib
 import functools
@@ -32,7 +32,7 @@ from zancgi_request.report import Outcome, Report, write_out, write_out_values
 from zancgi_request.servers import SERVER_BY_NAME, Variables
 from zancgi_request.settings import NAME, Settings, is_written
 
-# A timer of 0 would mean that there is no limit.
+# In seconds; 0 would switch the timer off.
 SHORTEST_TIMER = 0.001
 
 
@@ -42,14 +42,14 @@ class Player:
         self.program = find_program(settings.program)
         self.is_raw_http = os.path.basename(self.program).startswith("nph-")
         self.server = SERVER_BY_NAME[settings.server]
-        # Before files are opened, since a debugger wants low descriptors.
+        # Before files are opened, because gdb needs low descriptors.
         self.debugger = Debugger(settings)
         if self.debugger.is_interactive and settings.repeat > 1:
-            misused("--repeat does not go with gdb")
+            misused("--repeat cannot be used with gdb")
         self.jar = Jar(settings)
         self.request = make_first_request(settings, self.jar)
         if isinstance(self.request.body, Stream) and (settings.repeat > 1 or settings.follow):
-            misused("--repeat and --location want a body that can be sent again")
+            misused("--repeat and --location need a body that can be sent again")
         self.output = Output(settings.output)
         self.header_output = Output(settings.dump_header)
         self.times: list[float] = []
@@ -59,7 +59,7 @@ class Player:
         try:
             status = self._play_all()
         except BaseException:
-            # As with curl, the cookies are kept; what has failed first is what is said.
+            # Like curl, keep the cookies, and report the first failure.
             with contextlib.suppress(Failure):
                 self.jar.write()
             raise
@@ -70,11 +70,11 @@ class Player:
         status = Status.SUCCESS
         for number in range(self.settings.repeat):
             if number and self.jar.is_used:
-                # There may be other cookies now.
+                # The cookies may have changed.
                 self.request = again(self.settings, self.request, self.jar)
             status = self._play_with_redirects() or status
         if self.settings.repeat > 1:
-            self._tell_times()
+            self._print_times()
         return status
 
     def _play_with_redirects(self) -> int:
@@ -87,7 +87,7 @@ class Player:
             if outcome.status or request is None:
                 break
             if redirects == self.settings.most_redirects:
-                Report(self.settings).tell(f"there are more than {redirects} redirects")
+                Report(self.settings).warn(f"there are more than {redirects} redirects")
                 outcome.status = Status.TOO_MANY_REDIRECTS
                 break
         if self.settings.write_out:
@@ -136,24 +136,24 @@ class Player:
         feeder.fill()
         begun = time.monotonic()
         argument = self.server.argument(self.program)
-        # One that came while nobody yet knew of the process would leave it running.
+        # A signal before Exchange knows the process would leave it running.
         held = hold_signals()
         process = start(self.program, argument, variables, channel, self.debugger)
         exchange = Exchange(process, channel, feeder, answer, report)
-        status = self._see_through(exchange, held)
+        status = self._run_to_end(exchange, held)
         if status is None:
             self.times.append(time.monotonic() - begun)
             answer.finish()
             status = report.status(exchange.ended, answer, settings.valgrind)
-            report.tell_of_unread(feeder, request.body)
+            report.report_unread(feeder, request.body)
         found = left_behind()
         if found:
-            report.tell(f"the program has ended and has left behind: {', '.join(found)}")
+            report.warn(f"the program has ended, but these processes still run: {', '.join(found)}")
         channel.hang_up()
         return Outcome(request, answer, feeder, begun, status)
 
-    def _see_through(self, exchange: Exchange, held_signals: list[int]) -> int | None:
-        """None when it has come to an end by itself."""
+    def _run_to_end(self, exchange: Exchange, held_signals: list[int]) -> int | None:
+        """The exit status if the tool had to end the program, otherwise None."""
         settings = self.settings
         try:
             catch_signals(self.debugger.is_interactive)
@@ -169,9 +169,7 @@ class Player:
             exchange.end()
             if interruption.number != signal.SIGALRM:
                 raise
-            exchange.report.tell(
-                f"the program has not come to an end in {settings.max_time:g} seconds"
-            )
+            exchange.report.warn(f"the program did not end within {settings.max_time:g} seconds")
             return Status.TIMED_OUT
         except BaseException:
             signal.setitimer(signal.ITIMER_REAL, 0)
@@ -189,7 +187,7 @@ class Player:
         ]
         print("\n".join(lines), file=sys.stderr, flush=True)
 
-    def _tell_times(self) -> None:
+    def _print_times(self) -> None:
         fastest, slowest = min(self.times), max(self.times)
         median = statistics.median(self.times)
         print(

@@ -1,4 +1,4 @@
-"""What is told of a request, and the exit status that comes of it."""
+"""Messages about a request, and its exit status."""
 
 import dataclasses
 import re
@@ -15,44 +15,44 @@ from zancgi_request.settings import NAME, Settings
 
 
 class Report:
-    """Gathers what is to be told, and finds the exit status."""
+    """Prints messages, and determines the exit status."""
 
     def __init__(self, settings: Settings):
         self.settings = settings
-        self.has_told_of_open_output = False
-        self.has_gone_away = False
+        self.has_reported_open_output = False
+        self.has_disconnected = False
         self.sent_signal = 0
 
-    def tell(self, text: str) -> None:
+    def warn(self, text: str) -> None:
         if not self.settings.silent or self.settings.show_error:
             print(f"{NAME}: {text}", file=sys.stderr, flush=True)
 
-    def tell_of_open_output(self, processes: list[str]) -> None:
-        self.has_told_of_open_output = True
+    def report_open_output(self, processes: list[str]) -> None:
+        self.has_reported_open_output = True
         who = ", ".join(processes) or "another process"
-        self.tell(
+        self.warn(
             f"the program has ended, but {who} holds its standard output open: a web server "
-            f"waits on"
+            f"would wait for it"
         )
 
-    def tell_of_unread(self, feeder: Feeder, body: Body | Stream | None) -> None:
-        if not feeder.was_refused or self.has_gone_away or not isinstance(body, Body):
+    def report_unread(self, feeder: Feeder, body: Body | Stream | None) -> None:
+        if not feeder.was_refused or self.has_disconnected or not isinstance(body, Body):
             return
         if body.length > feeder.sent:
-            self.tell(
-                f"the program has left {body.length - feeder.sent} bytes of the body unread or "
-                f"more: nginx with fcgiwrap answers 502 then"
+            self.warn(
+                f"the program left at least {body.length - feeder.sent} bytes of the body unread: "
+                f"nginx with fcgiwrap would answer 502"
             )
 
     def status(self, ended: int, answer: Answer, valgrind: bool) -> int:
-        if self.has_gone_away:
+        if self.has_disconnected:
             return self._status_without_client(ended)
         if ended < 0:
-            self.tell(f"the program was ended by {signal_name(-ended)}")
+            self.warn(f"the program was ended by {signal_name(-ended)}")
         elif valgrind and ended == Status.MEMORY_ERRORS:
-            self.tell("valgrind has found errors")
+            self.warn("valgrind found errors")
         elif ended > 0 and not answer.settings.debugger:
-            self.tell(f"the program ended with exit status {ended}, which web servers ignore")
+            self.warn(f"the program ended with exit status {ended}, which web servers ignore")
         status = self._status_of_answer(answer)
         if ended < 0:
             return Status.SIGNALLED - ended
@@ -61,21 +61,23 @@ class Report:
     def _status_without_client(self, ended: int) -> int:
         expected = (self.sent_signal, signal.SIGPIPE)
         if ended < 0 and -ended not in expected:
-            self.tell(f"the client went away, and the program was ended by {signal_name(-ended)}")
+            self.warn(f"after the client disconnected, {signal_name(-ended)} ended the program")
             return Status.SIGNALLED - ended
         return Status.SUCCESS
 
     def _status_of_answer(self, answer: Answer) -> int:
         if answer.head is None:
-            self.tell("the program has answered nothing at all")
+            self.warn("the program sent no answer")
             return Status.NO_ANSWER
         for text in answer.head.problems + answer.head.notes:
-            self.tell(text)
+            self.warn(text)
         if answer.head.problems:
             return Status.BROKEN_ANSWER
         if answer.missing():
             length = answer.head.content_length()
-            self.tell(f"of the {length} bytes of Content-Length {answer.missing()} are missing")
+            self.warn(
+                f"the body is {answer.missing()} bytes shorter than its Content-Length of {length}"
+            )
             return Status.SHORT_ANSWER
         return self._status_of_http(answer.head.status)
 
@@ -83,7 +85,7 @@ class Report:
         if status < 400:
             return Status.SUCCESS
         if self.settings.fail:
-            self.tell(f"the program has answered {status}")
+            self.warn(f"the program answered with status {status}")
             return Status.HTTP_ERROR
         return Status.CLIENT_ERROR if status < 500 else Status.SERVER_ERROR
 
@@ -110,7 +112,7 @@ def write_out(settings: Settings, values: dict[str, object]) -> None:
 
 @dataclasses.dataclass
 class Outcome:
-    """Of one request."""
+    """The results of one request."""
 
     request: Request
     answer: Answer

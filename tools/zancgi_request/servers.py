@@ -1,4 +1,4 @@
-"""What web servers make of a request: variables, and a kind of standard input."""
+"""The variables and the kind of standard input that web servers derive from a request."""
 
 import base64
 import ipaddress
@@ -18,18 +18,17 @@ Variables = dict[str, str]
 
 
 class Server:
-    """As RFC 3875 has it."""
+    """A server that follows RFC 3875."""
 
     software = NAME_AND_VERSION
     # Headers of other names are dropped.
     wanted_names = ".*"
     hides_authorization = False
     forwards_empty = True
-    # Finds the program's name in a path by itself.
+    # The server finds the program's name in the path.
     splits_path = True
     has_path = True
-    # Of the headers that have variables of their own, those that are forwarded
-    # as HTTP_* nevertheless.
+    # Headers that are forwarded as HTTP_* in addition to their own variables.
     forwarded_twice: tuple[str, ...] = ()
 
     def argument(self, program: str) -> str:
@@ -110,14 +109,14 @@ class Server:
         return value.rstrip(" \t")
 
     def joined(self, key: str, before: str | None, value: str) -> str:
-        """Of a header that comes again."""
+        """The value of a header that occurs again."""
         if before is None:
             return value
         return before + ("; " if key == "HTTP_COOKIE" else ", ") + value
 
 
 def host_header(request: Request) -> tuple[str, int]:
-    """The host and port that the client has named."""
+    """The host and port in the header Host."""
     host = request.headers.get("Host")
     if host is None:
         return request.url.host, request.url.port
@@ -135,7 +134,7 @@ def address_of(host: str) -> str:
 
 
 class Lighttpd(Server):
-    """Collects the body, and writes what is long into a file."""
+    """Buffers the body, in a file if it is long."""
 
     software = "lighttpd/1.4.69"
     forwarded_twice = ("Content-Length",)
@@ -160,7 +159,7 @@ class Lighttpd(Server):
 
 
 def normalized(uri: str) -> str:
-    """Escapes what no URI may have, and nothing that may stand as it is."""
+    """Escapes characters that a URI must not contain, and unescapes all others."""
     path, question, query = uri.partition("?")
     path = re.sub("%2f", "/", path, flags=re.IGNORECASE)
     sound = re.sub("%(?![0-9A-Fa-f]{2})", "%25", path + question + query)
@@ -210,7 +209,7 @@ class NginxFcgiwrap(Server):
         variables.pop("PATH_TRANSLATED", None)
         return variables | {
             "SERVER_NAME": "",
-            # Also when nobody has looked at the password.
+            # Even if no password was checked.
             "REMOTE_USER": claimed_user(request),
             "DOCUMENT_URI": request.script_name + request.path_info,
             "REDIRECT_STATUS": "200",
@@ -221,11 +220,11 @@ class NginxFcgiwrap(Server):
         return {"CONTENT_TYPE": "", "CONTENT_LENGTH": ""} | super().body_variables(request)
 
     def header_variables(self, request: Request) -> Variables:
-        # Instead of the header, which could name any host.
+        # In lower case and without the port, as nginx's $host.
         return super().header_variables(request) | {"HTTP_HOST": host_header(request)[0].lower()}
 
     def joined(self, key: str, before: str | None, value: str) -> str:
-        # Both are in the environment, where a program finds the first.
+        # The environment contains both, and programs find the first.
         return value if before is None else before
 
 
@@ -258,7 +257,7 @@ class Busybox(Server):
         return variables
 
     def body_variables(self, request: Request) -> Variables:
-        """The body of a PUT is handed on, but not as a body."""
+        """Only a POST has CONTENT_LENGTH."""
         variables = super().body_variables(request)
         length = variables.pop("CONTENT_LENGTH", "0")
         if length != "0":

@@ -1,4 +1,4 @@
-"""What the command line asks for."""
+"""The settings from the command line."""
 
 import types
 
@@ -9,10 +9,10 @@ NAME_AND_VERSION = f"{NAME}/{version()}"
 
 
 class Settings(types.SimpleNamespace):
-    """The program, the URL, and the fields that the options name."""
+    """The program, the URL and the fields of the options."""
 
 
 def is_written(settings: Settings) -> bool:
-    """Whether it matters how the body is written."""
-    goes_away = settings.abort_after is not None
-    return bool(goes_away or settings.hold_open or settings.chunk or settings.pause)
+    """Whether options control how the body is written."""
+    disconnects = settings.abort_after is not None
+    return bool(disconnects or settings.hold_open or settings.chunk or settings.pause)

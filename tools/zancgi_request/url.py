@@ -1,4 +1,4 @@
-"""The request's URL."""
+"""URLs."""
 
 import dataclasses
 import os
@@ -14,9 +14,9 @@ class Url:
     scheme: str
     host: str
     port: int
-    # Not decoded, and with its query.
+    # With the query, not decoded.
     uri: str
-    # As the client names it, with a port that is not the usual one.
+    # Host as in the URL, and the port unless it is the default.
     authority: str
 
     def whole(self) -> str:
@@ -38,7 +38,7 @@ def encoded(path: str) -> str:
 
 
 def without_dots(path: str) -> str:
-    """RFC 3986, 5.2.4, as clients do before they send a path."""
+    """Removes dot segments (RFC 3986, 5.2.4), as clients do before they send a path."""
     kept: list[str] = []
     segments = path.split("/")[1:]
     for segment in segments:
@@ -53,9 +53,9 @@ def without_dots(path: str) -> str:
 
 def check_characters(text: str) -> None:
     if re.search(r"[\x00-\x20\x7f]", text):
-        raise Failure(Status.BAD_URL, f"a URL has no blanks and control characters: {text!r}")
+        raise Failure(Status.BAD_URL, f"a URL has no blanks or control characters: {text!r}")
     if "%00" in text.partition("?")[0]:
-        raise Failure(Status.BAD_URL, f"web servers refuse a path with NUL: {text!r}")
+        raise Failure(Status.BAD_URL, f"web servers refuse a path that contains %00: {text!r}")
 
 
 def parse_url(text: str) -> Url:
@@ -65,7 +65,7 @@ def parse_url(text: str) -> Url:
     scheme, _, rest = text.rpartition("://") if "://" not in text else text.partition("://")
     scheme = scheme.lower() or "http"
     if scheme not in ("http", "https"):
-        raise Failure(Status.BAD_URL, f"a URL of http or https is wanted: {text!r}")
+        raise Failure(Status.BAD_URL, f"the URL must begin with http:// or https://: {text!r}")
     rest = rest.partition("#")[0]
     authority, path, query = re.fullmatch("([^/?]*)([^?]*)(.*)", rest).groups()
     host, port = parse_authority(authority.rpartition("@")[2], scheme)
@@ -81,12 +81,12 @@ def usual_port(scheme: str) -> int:
 def parse_authority(text: str, scheme: str) -> tuple[str, int]:
     parsed = re.fullmatch(r"(\[[0-9A-Fa-f:.]+\]|[^:\[\]]+)(?::(\d{1,5}))?", text)
     if not parsed:
-        raise Failure(Status.BAD_URL, f"no host and port: {text!r}")
+        raise Failure(Status.BAD_URL, f"not a host and port: {text!r}")
     return parsed[1], int(parsed[2] or usual_port(scheme))
 
 
 def complete_url(url: Url, settings: Settings) -> None:
-    """Has --script-name and --path-info, as far as they are not in the URL."""
+    """Adds --script-name and --path-info unless the URL already contains them."""
     path, question, query = url.uri.partition("?")
     if settings.script_name and path == "/":
         path = encoded(settings.script_name)

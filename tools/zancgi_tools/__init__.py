@@ -1,1 +1,1 @@
-"""What zancgi-request and zancgi-doctor have in common."""
+"""Modules that zancgi-request and zancgi-doctor share."""

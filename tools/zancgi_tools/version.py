@@ -1,12 +1,12 @@
-"""Which version this is."""
+"""The version of the tools."""
 
 import contextlib
 import pathlib
 import re
 
-# Filled in by the installation.
+# The installation replaces this.
 VERSION = "@PROJECT_VERSION@"
-# The source of the version, as seen from the source tree.
+# The header that defines the version, in the source tree.
 HEADER = pathlib.Path(__file__).parents[2] / "src" / "zancgi" / "zancgi.h"
 
 

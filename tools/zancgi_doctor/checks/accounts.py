@@ -1,4 +1,4 @@
-"""The accounts that front ends become, their homes, and where they are looked up."""
+"""The accounts that front ends become, their homes, and the sources of accounts."""
 
 import grp
 import os
@@ -9,7 +9,7 @@ from functools import partial
 
 from zancgi_doctor.checks.tmp_dir import COPY, files_in, judge_leftovers
 from zancgi_doctor.children import run_in_child
-from zancgi_doctor.files import access_error, first_unsafe, read_text, way_to
+from zancgi_doctor.files import access_error, first_unsafe, path_to, read_text
 from zancgi_doctor.findings import by_access, by_amount, by_danger, by_kind, finding, sayer
 from zancgi_doctor.identities import Identity
 from zancgi_doctor.libraries import linker_cache
@@ -59,13 +59,13 @@ def account_home(entry):
 
 
 def account_way(entry):
-    unsafe = first_unsafe(way_to(entry.pw_dir)[:-1], {0}, allows_sticky=False)
+    unsafe = first_unsafe(path_to(entry.pw_dir)[:-1], {0}, allows_sticky=False)
     return by_danger(sayer("account.way", entry.pw_name, path=entry.pw_dir), unsafe)
 
 
 def why_not_confine(path):
-    """Why a process must not be confined to a folder; empty if it may."""
-    return next(filter(None, map(why_not_roots, way_to(path))), "") or why_not_local(path)
+    """Why it is unsafe to confine a process to a folder; empty if it is safe."""
+    return next(filter(None, map(why_not_roots, path_to(path))), "") or why_not_local(path)
 
 
 def why_not_roots(step):
@@ -100,14 +100,14 @@ def account_folder(site, entry):
 
 
 def identity_after_su(entry):
-    """The library takes the user's number for the first of the groups."""
+    """The library uses the user number as the first group."""
     groups = os.getgrouplist(entry.pw_name, entry.pw_uid)
     return Identity(entry.pw_name, entry.pw_uid, entry.pw_gid, groups)
 
 
 def find_writable_folder(home, identity):
-    """A folder below the home, or the home itself, in which an identity may
-    write that need not reach the home from outside; empty if there is none."""
+    """The home or a folder below it that an identity can write in; empty if there is
+    none. The identity need not be able to reach the home itself."""
     os.chdir(home)
     identity.take_on()
     for folder, folders, _ in os.walk("."):
@@ -118,13 +118,12 @@ def find_writable_folder(home, identity):
 
 
 def account_session(site, entry):
-    """PAM is called after the confinement, and only in a root directory that is
-    root's own."""
+    """The library calls PAM after confinement, and only if root owns the root directory."""
     path = entry.pw_dir
     login = os.path.join(path, "etc/pam.d/login")
-    unsafe = why_not_roots(way_to(path)[-1]) or why_not_local(path)
+    unsafe = why_not_roots(path_to(path)[-1]) or why_not_local(path)
     if not unsafe and not os.path.exists(login):
-        unsafe = f"{quote(login)} does not exist, where PAM then looks"
+        unsafe = f"PAM looks for {quote(login)}, which does not exist"
     say = sayer("account.session", entry.pw_name, path=path, login=login)
     return by_danger(say, unsafe, "warning" if site.pam else "skipped")
 
@@ -159,7 +158,7 @@ def account_space(site, entry):
 
 
 def account_leftovers(entry):
-    """Copies that root had begun, beside which the home has the account's own files."""
+    """Copies by root. Files of the account may have such names too."""
     path = entry.pw_dir
     copies = (status for status in files_in(path, COPY) if status.st_uid == 0)
     nouns = ("copy of an upload", "copies of uploads")

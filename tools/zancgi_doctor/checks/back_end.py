@@ -1,4 +1,4 @@
-"""What the back end of one service answers, and how soon."""
+"""The answer of a service's back end, and the time that it takes."""
 
 import errno
 import functools
@@ -18,7 +18,7 @@ LARGE_COOKIE = 8192
 
 
 def end_of(answer):
-    """How a request has failed; nothing if it has not."""
+    """How a request failed; None if it did not."""
     if answer.end == "closed" and answer.data:
         return None
     if answer.end in ("closed", "reset") and answer.listener == "haproxy":
@@ -56,7 +56,7 @@ def check_back_end(site, service):
 
 
 def is_socket(path):
-    """Also where that cannot be seen."""
+    """Whether a path is a socket, or is hidden from the caller."""
     try:
         return stat.S_ISSOCK(os.stat(path).st_mode)
     except OSError as error:
@@ -94,8 +94,8 @@ def judge_answer(site, service, answer):
 
 
 def hide(site, text):
-    """An answer may quote the session, which belongs into no log. To be called
-    before a text is shortened, lest a part of it remain."""
+    """Replaces the session, which must not appear in logs. Call this before a text is
+    shortened; otherwise a part of the session could remain."""
     return text.replace(site.session, "(session)") if site.session else text
 
 

@@ -1,4 +1,4 @@
-"""Where the messages of front ends go, and who reads them."""
+"""The log of front ends: its target, readers and level."""
 
 import os
 import re
@@ -32,7 +32,7 @@ def log_to_syslog(target):
 
 
 def log_file_error(path):
-    """Why the library could not append to a file; empty if it could."""
+    """Why the library cannot append to a file; empty if it can."""
     try:
         status = os.lstat(path)
     except FileNotFoundError:

@@ -1,11 +1,11 @@
-"""PAM, for front ends that open a session for an account."""
+"""PAM, which front ends can use to open a session for an account."""
 
 import ctypes
 import os
 import re
 import stat
 
-from zancgi_doctor.files import first_unsafe, kind_of, read_file, text_or_nothing, way_to
+from zancgi_doctor.files import first_unsafe, kind_of, path_to, read_file, text_or_nothing
 from zancgi_doctor.findings import finding, sayer
 from zancgi_doctor.libraries import FOLDERS
 from zancgi_doctor.texts import counted, listed, reason
@@ -36,7 +36,7 @@ def pam_service(path):
         return say("warning", error=reason(error))
     if not stat.S_ISREG(mode):
         return say("failure kind", kind=kind_of(mode))
-    unsafe = first_unsafe(way_to(path), {0}, allows_sticky=False)
+    unsafe = first_unsafe(path_to(path), {0}, allows_sticky=False)
     if unsafe:
         return say("failure", unsafe=unsafe)
     try:
@@ -47,8 +47,8 @@ def pam_service(path):
 
 
 def session_modules(path, seen):
-    """The modules that the session stack of a file names, without those that
-    may be missing (a dash in front)."""
+    """The modules in the session stack of a file, except those that may be missing
+    (their lines begin with a dash)."""
     if path in seen:
         return
     seen.add(path)
@@ -76,7 +76,7 @@ def pam_modules(path):
     if missing:
         return say("warning", names=listed(missing))
     for module in modules:
-        unsafe = first_unsafe(way_to(find_module(module)), {0}, allows_sticky=False)
+        unsafe = first_unsafe(path_to(find_module(module)), {0}, allows_sticky=False)
         if unsafe:
             return say("failure", unsafe=unsafe)
     return say("ok", count=counted(len(modules), "module"))

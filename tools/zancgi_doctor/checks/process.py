@@ -1,5 +1,5 @@
-"""The rights that checks are made with, and the process that starts front ends:
-its limits, streams and environment."""
+"""The rights of the checks, and the process that starts front ends: its limits,
+streams and environment."""
 
 import os
 import re
@@ -9,7 +9,7 @@ from zancgi_doctor.findings import by_amount, finding, sayer
 from zancgi_doctor.libraries import split_search_path
 from zancgi_doctor.texts import MEBIBYTE, counted, reason, size_text, user_name
 
-# The row of the kernel's table, how a limit is shown, what is too little and what is little.
+# The row in /proc/PID/limits, its format, and the values below which it is a failure or a warning.
 LIMITS = {
     "limits.descriptors": ("Max open files", str, 16, 64),
     "limits.memory": ("Max address space", size_text, 32 * MEBIBYTE, 64 * MEBIBYTE),
@@ -28,7 +28,7 @@ def process_name(site):
 
 
 def soft_limits(site):
-    """By name; None where there is no limit."""
+    """The limits by name; None for no limit."""
     limits = {}
     for line in read_text(f"/proc/{site.pid or 'self'}/limits").splitlines()[1:]:
         name, soft = re.match(r"(.*?)\s{2,}(\S+)", line).groups()

@@ -7,7 +7,7 @@ import shlex
 import stat
 
 from zancgi_doctor.deployment import Site
-from zancgi_doctor.files import access_error, first_unsafe, read_file, read_text, way_to
+from zancgi_doctor.files import access_error, first_unsafe, path_to, read_file, read_text
 from zancgi_doctor.findings import by_access, by_kind, finding, sayer
 from zancgi_doctor.libraries import LibrarySearch, NotElf, dynamic_of, expand
 from zancgi_doctor.mounts import mount_of
@@ -30,7 +30,7 @@ def check_program(site):
 
 
 def check_launcher(site, path):
-    """A script that the web server starts in place of the front end."""
+    """A script that the web server starts instead of the front end."""
     say = sayer("program.launcher", site.program, path=path)
     programs = programs_started_by(path)
     if len(programs) != 1 or is_script(programs[0]):
@@ -48,14 +48,14 @@ def is_script(path):
 
 
 def programs_started_by(script):
-    """What its commands "exec" start: the last word of each that is the whole path
-    of a program, since one that starts another program comes before it. A
-    variable stands for the path that a line of the script gives it."""
+    """The programs that its exec commands start: the last absolute path of a program
+    in each, because commands such as timeout come before it. Variables that the
+    script sets to a path are expanded."""
     text = read_text(script).replace("\\\n", " ")
     paths = dict(re.findall(r"^\s*(\w+)=(/\S+)$", text, re.MULTILINE))
     programs = []
     for line in re.findall(r"^(?:.*[);]\s*)?\s*exec\s+(.*)", text, re.MULTILINE):
-        with contextlib.suppress(ValueError):  # quotes that do not end there
+        with contextlib.suppress(ValueError):  # unbalanced quotes
             words = shlex.split(line, comments=True)
             words = [paths.get(word.strip("${}"), word) for word in words]
             programs += [word for word in words if is_program(word)][-1:]
@@ -80,7 +80,7 @@ def program_file(site):
 
 def program_safe(site, path):
     say = sayer("program.safe", site.program, path=path, user=site.identity.name)
-    steps = way_to(site.program)
+    steps = path_to(site.program)
     owner = steps[-1].status.st_uid
     trusted = {0} if site.identity.uid == 0 else {0, owner}
     unsafe = first_unsafe(steps[:-1], trusted) or first_unsafe(
@@ -98,7 +98,7 @@ def program_set_id(site, path):
 
 
 def program_work_dir(site):
-    """The folder above the program's folder, to which the constructor goes."""
+    """The constructor of Cgi changes to the parent of the program's folder."""
     folder = os.path.dirname(site.program) or "."
     path = os.path.realpath(os.path.join(folder, ".."))
     say = sayer("program.work-dir", site.program, path=path, user=site.identity.name)
@@ -123,7 +123,7 @@ def program_libraries(site, path):
         "failure" if search.missing else "ok",
         names=listed(search.missing),
         count=len(search.found),
-        own=f"libzancgi is {quote(own[0])}" if own else "libzancgi, if any, is linked in",
+        own=f"libzancgi is {quote(own[0])}" if own else "libzancgi, if used, is linked statically",
     )
     yield search_path_safe(site, path, dynamic)
 
@@ -144,6 +144,6 @@ def unsafe_folder(path, trusted):
     if not path.startswith("/"):
         return f"{quote(path)} is relative to the current directory"
     try:
-        return first_unsafe(way_to(path), trusted)
+        return first_unsafe(path_to(path), trusted)
     except OSError:
-        return ""  # not there: whoever could make it can write in a folder above
+        return ""  # only users who can write in a folder above could create it

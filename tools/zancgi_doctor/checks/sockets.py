@@ -1,12 +1,11 @@
-"""The run directory, the sockets of back ends in it, and that of fcgiwrap: what
-they are, and who may connect."""
+"""The run directory, the sockets of back ends in it, and the socket of fcgiwrap."""
 
 import os
 import stat
 
 from zancgi_doctor.deployment import SUN_PATH_LIMIT, by_folder, name_error, socket_path
 from zancgi_doctor.deployment import why_not_trust_folder, why_not_trust_link, why_not_trust_socket
-from zancgi_doctor.files import access_error, has_others, way_to
+from zancgi_doctor.files import access_error, has_others, path_to
 from zancgi_doctor.findings import by_access, by_amount, by_danger, by_kind, finding, sayer
 from zancgi_doctor.identities import accounts_of_group, find_user
 from zancgi_doctor.mounts import mount_of
@@ -44,7 +43,7 @@ def run_dir_safe(site):
     unsafe = why_not_trust_folder(path)
     if unsafe:
         return say("failure", unsafe=unsafe)
-    # Who checks as themself has not said that front ends run so.
+    # Without --as, the front end's user is unknown.
     is_other = site.has_rights and not site.identity.is_own()
     if is_other and site.as_front_end(access_error, path, os.W_OK) == "":
         return say("warning", user=site.identity.name)
@@ -84,12 +83,12 @@ def check_socket(site, service):
     kind = by_kind(say, path, stat.S_ISSOCK)
     yield kind
     if kind.state == "ok":
-        # The run directory is looked at elsewhere.
+        # run-dir.safe covers the folder itself.
         unsafe = why_not_trust_link(site, service)
         yield by_danger(sayer("socket.safe", service, path=path), unsafe)
         say = sayer("socket.access", service, path=path, user=site.identity.name)
         yield by_access(say, site.as_front_end(access_error, path, os.W_OK))
-        outcome = "warning" if has_others(way_to(path), stat.S_IWOTH) else "ok"
+        outcome = "warning" if has_others(path_to(path), stat.S_IWOTH) else "ok"
         yield finding("socket.strangers", service, outcome, path=path)
 
 
@@ -103,9 +102,9 @@ def check_fcgi(site, path):
 
 
 def fcgi_strangers(site, path):
-    """Whoever sends a FastCGI request chooses the program and its variables."""
+    """A FastCGI request names the program to start, and its environment."""
     say = sayer("fcgi.strangers", path, user=site.identity.name)
-    steps = way_to(path)
+    steps = path_to(path)
     if has_others(steps, stat.S_IWOTH):
         return say("failure")
     accounts = sorted(accounts_with_access(steps[-1].status))
@@ -113,7 +112,7 @@ def fcgi_strangers(site, path):
 
 
 def accounts_with_access(status):
-    """By the bits of the owner and of the group, without root."""
+    """Those with write permission as owner or group, except root."""
     accounts = set()
     if status.st_mode & stat.S_IWUSR:
         accounts.add(find_user(str(status.st_uid))[0])

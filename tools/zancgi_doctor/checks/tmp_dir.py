@@ -1,4 +1,4 @@
-"""The temporary directory, where uploads lie while front ends work."""
+"""The temporary directory, which stores uploads."""
 
 import contextlib
 import os
@@ -7,7 +7,7 @@ import stat
 import time
 
 from zancgi_doctor.deployment import by_folder
-from zancgi_doctor.files import access_error, first_unsafe, has_others, read_text, way_to
+from zancgi_doctor.files import access_error, first_unsafe, has_others, path_to, read_text
 from zancgi_doctor.findings import by_access, by_amount, by_danger, finding, sayer
 from zancgi_doctor.identities import accounts_of_group
 from zancgi_doctor.mounts import mount_of
@@ -16,10 +16,10 @@ from zancgi_doctor.texts import counted, group_name, listed, reason, size_text, 
 
 ENTRY_LIMIT = 100_000
 OLD_SECONDS = 24 * 3600
-# The names of uploads, and of their copies on the way to another file system.
+# The names of uploads, and of unfinished copies to another file system.
 UPLOAD = "zantemp.*"
 COPY = r"\.tov-[0-9A-Za-z]{6}"
-# Those of everybody, whose mode must stay.
+# Folders for every user: their mode must not be changed.
 PUBLIC_FOLDERS = ("/tmp", "/var/tmp", "/dev/shm")
 QUOTAS = {"usrquota", "grpquota", "prjquota", "usrjquota", "uquota", "gquota"}
 
@@ -32,7 +32,7 @@ def check_tmp_dir(site):
         return
     say = sayer("tmp-dir.writable", path, user=site.identity.name)
     yield by_access(say, site.as_front_end(access_error, path, os.W_OK | os.X_OK))
-    unsafe = first_unsafe(way_to(path), {0, site.identity.uid})
+    unsafe = first_unsafe(path_to(path), {0, site.identity.uid})
     yield by_danger(sayer("tmp-dir.safe", path), unsafe)
     yield tmp_dir_listing(site)
     yield tmp_dir_file_system(site)
@@ -46,14 +46,14 @@ def check_tmp_dir(site):
 
 def tmp_dir_listing(site):
     path = site.tmp_dir
-    readers = who_can_list(site, way_to(path))
+    readers = who_can_list(site, path_to(path))
     is_public = os.path.realpath(path) in PUBLIC_FOLDERS
     outcome = "ok" if not readers else "warning public" if is_public else "warning"
     return finding("tmp-dir.listing", path, outcome, readers=readers)
 
 
 def who_can_list(site, steps):
-    """At the beginning of a sentence; empty if only root and the front end can."""
+    """The subject of a sentence; empty if only root and the front end can list it."""
     if has_others(steps, stat.S_IROTH):
         return "Every local user"
     status = steps[-1].status
@@ -97,18 +97,18 @@ def tmp_dir_inodes(path, file_system):
 
 
 def files_in(path, pattern):
-    """The status of each regular file of such a name, not followed or opened."""
+    """The status of each regular file with a matching name. Follows no links."""
     with os.scandir(path) as entries:
         for _, entry in zip(range(ENTRY_LIMIT), entries):
             if re.fullmatch(pattern, entry.name, re.DOTALL):
-                with contextlib.suppress(OSError):  # gone meanwhile
+                with contextlib.suppress(OSError):  # removed meanwhile
                     status = entry.stat(follow_symlinks=False)
                     if stat.S_ISREG(status.st_mode):
                         yield status
 
 
 def judge_leftovers(name, subject, path, files, nouns):
-    """Of the files, given by their status, those that killed front ends have left."""
+    """The finding from the files, given by their status, that killed front ends left."""
     say = sayer(name, subject, path=path)
 
     def number_of(files):
