@@ -93,7 +93,8 @@ def completion(tool: str, options: Iterable[tuple[list[str], str]]) -> str:
 def main() -> None:
     (folder,) = map(pathlib.Path, sys.argv[1:])
     folder.mkdir(parents=True, exist_ok=True)
-    for tool, options in (("zancgi-request", request_options()), ("zancgi-doctor", doctor_options())):
+    by_tool = {"zancgi-request": request_options(), "zancgi-doctor": doctor_options()}
+    for tool, options in by_tool.items():
         (folder / tool).write_text(completion(tool, options))
 
 

@@ -30,14 +30,20 @@ class FindingsTest(unittest.TestCase):
         self.assertEqual(found, finding(check, subject, outcome, **values))
 
     def test_findings_of_the_temporary_directory(self):
-        for kind, options, outcome in (
-            ("nfs4", set(), "warning remote"),
-            ("fuse.sshfs", set(), "warning remote"),
-            ("ext4", {"usrquota"}, "ok quota"),
+        megabyte = 1 << 20
+        for kind, options, min_free, outcome in (
+            ("nfs4", set(), 0, "warning remote"),
+            ("fuse.sshfs", set(), 0, "warning remote"),
+            ("ext4", {"usrquota"}, 0, "ok quota"),
+            ("tmpfs", set(), megabyte, "ok memory"),
+            ("ramfs", set(), megabyte + 1, "warning memory"),
         ):
-            with patch.object(tmp_dir, "mount_of", return_value=Mount("/x", kind, options)):
-                found = tmp_dir.tmp_dir_file_system(site_of(tmp_dir="/x"))
-            self.judge(found, "tmp-dir.file-system", outcome, "/x", kind=kind, user="www")
+            mount = Mock(return_value=Mount("/x", kind, options))
+            available = Mock(return_value=megabyte)
+            with patch.multiple(tmp_dir, mount_of=mount, memory_available=available):
+                found = tmp_dir.tmp_dir_file_system(site_of(tmp_dir="/x", min_free=min_free))
+            values = {"kind": kind, "user": "www", "size": "1.0 MB"}
+            self.judge(found, "tmp-dir.file-system", outcome, "/x", **values)
         # The mode of a public folder must not be changed.
         readers = "Every local user"
         for path in ("/tmp", "/tmp/"):
@@ -49,9 +55,14 @@ class FindingsTest(unittest.TestCase):
 
     def test_root_can_use_reserved_space(self):
         blocks = Mock(f_bfree=10, f_bavail=5, f_frsize=1024)
-        for uid, message in ((0, "10.0 KB are free"), (33, "5.0 KB are free")):
-            site = site_of(uid, tmp_dir="/x", min_free=0)
-            self.assertIn(message, tmp_dir.tmp_dir_space(site, blocks).message)
+        for uid, kilobytes, outcome, size in (
+            (0, 5, "ok", "10.0 KB"),
+            (0, 6, "warning", "10.0 KB"),
+            (33, 6, "failure", "5.0 KB"),
+        ):
+            site = site_of(uid, tmp_dir="/x", min_free=kilobytes << 10)
+            found = tmp_dir.tmp_dir_space(site, blocks)
+            self.judge(found, "tmp-dir.space", outcome, "/x", size=size)
 
     def test_findings_of_programs(self):
         site = site_of(program="/bin/true")
@@ -125,22 +136,12 @@ class ThisMachineTest(DoctorTest):
         self.expect(report, "run-dir.reboot", "ok disk", self.run_dir)
 
     def test_file_system_of_uploads(self):
-        """The file system may be in memory or have quotas."""
-        for path, min_free in ((self.folder, "0"), ("/dev/shm", "0"), ("/dev/shm", "999T")):
-            kind, state = mount_of(path).kind, "ok"
-            message = f"^'{path}' is on a file system of type '{kind}'"
-            if kind in ("tmpfs", "ramfs"):
-                state = "ok" if min_free == "0" else "warning"
-                message = rf"^'{path}' is in memory \({kind}\), of which [\d.]+ .B are available\.$"
-            report = self.examine("tmp-dir", "--tmp-dir", path, "--min-free", min_free)
-            (found,) = report.findings("tmp-dir.file-system")
-            self.assertEqual(found["state"], state)
-            self.assertRegex(found["message"], message)
-
-    def test_space_for_uploads(self):
         for min_free, state in (("0", "ok"), ("9999T", "failure")):
             report = self.examine("tmp-dir", "--tmp-dir", self.folder, "--min-free", min_free)
             self.assertEqual(report.state("tmp-dir.space"), state)
+        self.assertIn(f"'{self.folder}' is ", report.findings("tmp-dir.file-system")[0]["message"])
+        memory = os.sysconf("SC_PHYS_PAGES") * os.sysconf("SC_PAGE_SIZE")
+        self.assertTrue(memory / 200 < tmp_dir.memory_available() <= memory)
 
 
 def elf_file(needed=(), runpath="", rpath="", after_the_end=()):

@@ -7,7 +7,6 @@ import re
 import resource
 import shlex
 import shutil
-import signal
 import socket
 import subprocess
 import time
@@ -15,6 +14,7 @@ import unittest
 
 from doctor_support import AS_ROOT, DENIED, LONG, REFUSAL, STRANGER, WORDS
 from doctor_support import DoctorTest, ServiceTest, answering, with_length
+from processes import kill, listens, start, wait_for
 from zancgi_doctor.checks import back_end
 from zancgi_doctor.whoami import length_error
 
@@ -55,7 +55,7 @@ class SocketTest(ServiceTest):
 class PanelTest(ServiceTest):
     def answer(self, data, *arguments):
         self.listen(answering(data))
-        return self.ask("back-end", *arguments)
+        return self.run_checks("back-end", *arguments)
 
     def judge(self, report, check, outcome, **values):
         self.expect(report, f"back-end.{check}", outcome, "panel", path=str(self.path), **values)
@@ -95,13 +95,13 @@ class BackEndTest(PanelTest):
             connection.sendall(REFUSAL)
 
         self.listen(answer)
-        (found,) = self.ask().findings("back-end.time")
+        (found,) = self.run_checks().findings("back-end.time")
         self.assertEqual(found["state"], "warning")
         self.assertRegex(found["message"], r"^The answer to whoami took \d+\.\d s\.$")
 
     def test_requests_are_exactly_as_documented(self):
         listener = self.listen(answering(with_length(REFUSAL)))
-        self.ask("back-end", "--session", "a1")
+        self.run_checks("back-end", "--session", "a1")
         header = (
             b"CONTENT_LENGTH\0000\0SCGI\0001\0HTTP_COOKIE\0panelses5=a1\0HTTP_HOST\0localhost\0"
             b"HTTP_USER_AGENT\0zancgi-doctor\0QUERY_STRING\0func=whoami&out=xml\0"
@@ -131,7 +131,7 @@ class BackEndTest(PanelTest):
                 self.addCleanup(client.close)
                 client.connect(str(self.path))
         begin = time.monotonic()
-        report = self.ask("back-end", "--timeout", "0.5")
+        report = self.run_checks("back-end", "--timeout", "0.5")
         self.assertGreaterEqual(time.monotonic() - begin, 0.5)
         self.judge(report, "connect", "failure", error="its queue is full")
 
@@ -139,7 +139,7 @@ class BackEndTest(PanelTest):
     def test_doctor_connects_as_the_front_end(self):
         self.listen(answering(with_length(REFUSAL)))
         self.path.chmod(0o660)
-        report = self.ask("back-end", "--as", STRANGER)
+        report = self.run_checks("back-end", "--as", STRANGER)
         self.judge(report, "connect", "failure", error=DENIED)
 
     def test_valid_answers_are_interpreted_as_by_authorize(self):
@@ -165,16 +165,16 @@ class BackEndTest(PanelTest):
     def test_session_is_read_from_a_file_or_standard_input(self):
         listener = self.listen(answering(REFUSAL))
         file = self.make_file("session", "3f9c27d1\nmore\n")
-        self.ask("back-end", "--session-file", file)
+        self.run_checks("back-end", "--session-file", file)
         with open(file) as stream:
-            self.ask("back-end", "--session-file", "-", stdin=stream)
+            self.run_checks("back-end", "--session-file", "-", stdin=stream)
         for request in (listener.requests[0], listener.requests[2]):
             self.assertIn(b"panelses5=3f9c27d1\0", request)
         for text in ("", "a b\n"):
             file.write_text(text)
-            self.assertEqual(self.ask("back-end", "--session-file", file).status, 3)
+            self.assertEqual(self.run_checks("back-end", "--session-file", file).status, 3)
         for path in (self.folder / "none", self.make_fifo()):
-            self.assertEqual(self.ask("back-end", "--session-file", path).status, 3)
+            self.assertEqual(self.run_checks("back-end", "--session-file", path).status, 3)
 
     def test_no_part_of_the_session_is_shown(self):
         short, long = "s3f9c27d1secret", "s3f9c27d1" * 40
@@ -204,7 +204,7 @@ class BackEndTest(PanelTest):
         self.run_dir.chmod(0o777)
         self.listen(lambda _, connection: connections.append(connection))
         for check in ("back-end", "back-end.answer"):
-            report = self.ask(check, "--session", "3f9c27d1")
+            report = self.run_checks(check, "--session", "3f9c27d1")
             unsafe = f"'{self.run_dir}' is writable by everybody"
             self.judge(report, "session", "failure", unsafe=unsafe)
             self.assertEqual((report.status, len(report.checks)), (2, 1))
@@ -216,10 +216,10 @@ class BackEndTest(PanelTest):
         link.symlink_to(self.path)
         listener = self.listen(answering(REFUSAL))
         self.path = link
-        self.judge(self.ask("back-end", "--session", "3f9c27d1"), "session", "ok")
+        self.judge(self.run_checks("back-end", "--session", "3f9c27d1"), "session", "ok")
         self.assertEqual(len(listener.requests), 2)
         other.chmod(0o777)
-        report = self.ask("back-end", "--session", "3f9c27d1")
+        report = self.run_checks("back-end", "--session", "3f9c27d1")
         self.judge(report, "session", "failure", unsafe=f"'{other}' is writable by everybody")
         self.assertEqual(len(listener.requests), 2)
 
@@ -308,7 +308,7 @@ class BackEndTest(PanelTest):
         ):  # fmt: skip
             with self.subTest(outcome=outcome):
                 self.listen(answer)
-                report = self.ask("back-end", *arguments)
+                report = self.run_checks("back-end", *arguments)
                 self.judge(report, "answer", outcome)
                 self.assertEqual(report.findings("back-end.large-request"), [])
 
@@ -332,7 +332,7 @@ class BackEndTest(PanelTest):
                 connection.sendall(REFUSAL)
 
         self.listen(answer)
-        self.judge(self.ask(), "large-request", "failure", size=LARGE)
+        self.judge(self.run_checks(), "large-request", "failure", size=LARGE)
 
     def test_back_end_may_end_between_two_requests(self):
         def answer(listener, connection):
@@ -340,7 +340,7 @@ class BackEndTest(PanelTest):
             listener.socket.shutdown(socket.SHUT_RDWR)
 
         self.listen(answer)
-        self.judge(self.ask(), "large-request", "unchecked", error="Connection refused")
+        self.judge(self.run_checks(), "large-request", "unchecked", error="Connection refused")
 
 
 class AgainstTheLibraryTest(ServiceTest):
@@ -358,7 +358,7 @@ class AgainstTheLibraryTest(ServiceTest):
 
     def test_front_end_sends_the_same_request(self):
         listener = self.listen(answering(REFUSAL))
-        self.ask("back-end", "--session", "a1")
+        self.run_checks("back-end", "--session", "a1")
         (of_doctor, _) = listener.requests
         self.run_front(
             HTTP_COOKIE="panelses5=a1",
@@ -414,7 +414,7 @@ class AgainstTheLibraryTest(ServiceTest):
             self.listen(answering(data))
             answer = self.run_front(REQUEST_METHOD="GET", HTTP_COOKIE="panelses5=a1")
             accepted = answer.endswith(b"<p>You are alice.")
-            state = self.ask("back-end.answer", "--session", "a1").state("back-end.answer")
+            state = self.run_checks("back-end.answer", "--session", "a1").state("back-end.answer")
             self.assertEqual(state != "failure", accepted, (data, answer, state))
             verdicts.add(accepted)
         self.assertEqual(verdicts, {True, False})
@@ -424,20 +424,8 @@ class RealBackEndTest(PanelTest):
     def start(self, *command):
         if not shutil.which(command[0]):
             self.skipTest(f"there is no {command[0]} on this machine")
-        process = subprocess.Popen(
-            command,
-            stdin=subprocess.DEVNULL,
-            stdout=subprocess.DEVNULL,
-            stderr=subprocess.DEVNULL,
-            start_new_session=True,
-        )
-        self.addCleanup(process.wait, 30)
-        self.addCleanup(os.killpg, process.pid, signal.SIGKILL)
-        end = time.monotonic() + LONG
-        with socket.socket(socket.AF_UNIX) as client:
-            while client.connect_ex(str(self.path)) != 0:
-                self.assertLess(time.monotonic(), end, "the server does not start")
-                time.sleep(0.02)
+        self.addCleanup(kill, start(command, self.folder / "log"))
+        wait_for(lambda: listens(self.path), LONG)
 
     def start_uwsgi(self, *options):
         application = self.make_file("application.py", APPLICATION)
@@ -448,13 +436,13 @@ class RealBackEndTest(PanelTest):
 
     def test_uwsgi_passes_all_checks(self):
         self.start_uwsgi("--buffer-size=65535")
-        report = self.ask()
+        report = self.run_checks()
         self.assert_well(report)
         self.judge(report, "connect", "ok", listener=" (uwsgi)")
 
     def test_uwsgi_with_its_default_buffer_refuses_large_requests(self):
         self.start_uwsgi()
-        report = self.ask()
+        report = self.run_checks()
         self.judge(report, "answer", "ok refuses")
         self.judge(report, "large-request", "failure", size=LARGE)
 
@@ -465,7 +453,7 @@ class RealBackEndTest(PanelTest):
             f"listen panel\n bind unix@{self.path}\n server a unix@{self.folder}/none\n",
         )
         self.start("haproxy", "-db", "-f", str(configuration))
-        self.judge(self.ask(), "answer", "failure no server")
+        self.judge(self.run_checks(), "answer", "failure no server")
 
 
 class FcgiTest(DoctorTest):

@@ -16,6 +16,7 @@ import shutil
 import socket
 import socketserver
 import subprocess
+import sys
 import tempfile
 import threading
 import unittest
@@ -28,6 +29,8 @@ from zancgi_doctor.texts import printable
 
 SOURCE = pathlib.Path(os.environ["SOURCE"])
 DOCTOR = SOURCE / "tools" / "zancgi-doctor"
+# The folder of processes.
+sys.path.insert(0, str(SOURCE / "tests" / "e2e"))
 IS_ROOT = os.geteuid() == 0
 OWN_NAME = find_user(str(os.geteuid()))[0]
 # As the doctor prints it.
@@ -201,8 +204,8 @@ class DoctorTest(unittest.TestCase):
 
     def bind(self, path, mode):
         """A socket without a listener."""
-        with socket.socket(socket.AF_UNIX) as left_behind:
-            left_behind.bind(str(path))
+        with socket.socket(socket.AF_UNIX) as listener:
+            listener.bind(str(path))
         path.chmod(mode)
 
     @staticmethod
@@ -313,7 +316,7 @@ class ServiceTest(DoctorTest):
         self.path.chmod(0o666)
         return listener
 
-    def ask(self, check="back-end", *arguments, **options):
+    def run_checks(self, check="back-end", *arguments, **options):
         return self.examine(
             check, "--run-dir", self.run_dir, "--service", "panel", *arguments, **options
         )

@@ -20,6 +20,7 @@ from unittest.mock import Mock, patch
 
 from doctor_support import AS_OTHERS, AS_ROOT, DENIED, DOCTOR, LONG, NOT_THERE, OWN_NAME
 from doctor_support import SOURCE, STRANGER, STRANGERS_NAME, DoctorTest, ServiceTest, answering
+from processes import wait_for
 from zancgi_doctor.catalogue import CHECKS, GROUPS, sentences
 from zancgi_doctor.checks import process
 from zancgi_doctor.children import NoResult, run_in_child
@@ -486,16 +487,9 @@ class ChildrenTest(unittest.TestCase):
             while not os.listdir(folder):
                 self.reason(seconds, lambda: run_in_child(LONG, sleep))
                 seconds *= 2
-            self.assertTrue(all(self.ends(int(pid)) for pid in os.listdir(folder)))
-
-    def ends(self, pid):
-        end = time.monotonic() + LONG / 2
-        while time.monotonic() < end:
-            status = text_or_nothing(f"/proc/{pid}/status")
-            if not status or re.search(r"State:\s+Z", status):
-                return True
-            time.sleep(0.01)
-        return False
+            for pid in os.listdir(folder):
+                status = f"/proc/{pid}/status"
+                wait_for(lambda: re.search(r"State:\s+Z|^$", text_or_nothing(status)), LONG / 2)
 
     def test_fault_in_a_child_is_an_exception(self):
         for function, argument, reason in (

@@ -578,16 +578,6 @@ class RedirectTest(GuestTest):
                 answer = self.assert_same("-L", *arguments, path=path)
                 self.assertIn(b"REQUEST_URI=/cgi-bin/guest/to?a=1\n", answer)
 
-    def test_status_decides_about_method_and_body(self):
-        for status, method, content_type, body in (
-            (302, b"GET", b"", b""),
-            (307, b"POST", b"application/x-www-form-urlencoded", b"x=1"),
-        ):
-            answer = self.by_tool("-L", "-d", "x=1", path=self.redirect(status, self.to("/to")))
-            for line in (b"REQUEST_METHOD=" + method, b"CONTENT_TYPE=" + content_type,
-                         b"body=" + body):  # fmt: skip
-                self.assertIn(line, answer.splitlines())
-
     def test_status_303_changes_every_method_to_get(self):
         path = self.redirect(303, self.to("/to"))
         for method in ("POST", "PUT", "DELETE"):

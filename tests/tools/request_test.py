@@ -1,6 +1,6 @@
 """zancgi-request behaves as a web server, and reports the mistakes of programs."""
 
-import contextlib
+import functools
 import os
 import pathlib
 import re
@@ -17,7 +17,7 @@ import zipfile
 from forked import Ended
 from request_support import AGES, ENVIRONMENT, LONG, MEGABYTE, PATH, PROBE, SOURCE, TOOL
 from request_support import RequestTest, given, run, run_program, start_program
-from processes import wait_for
+from processes import processes_with, wait_for
 from zancgi_request import exchange, player
 from zancgi_request.body import Body
 from zancgi_request.feeder import Channel, Feeder
@@ -338,7 +338,7 @@ open("read", "w").write(str(read))
     def test_status_after_the_client_disconnects(self):
         """A crash and the time limit still count."""
         heeding, deaf = f"cat; sleep {AGES}", f"exec sleep {AGES}"
-        for text, body, arguments, status, said, read in (
+        for text, body, arguments, status, message, read in (
             (self.witness, 1000, ("--abort-after", "300", "--stdin", "pipe"), 0, "", "300"),
             (self.witness, 1000, ("--abort-after", "300", "--stdin", "socket"), 0, "", "300"),
             (self.witness, 3, ("--abort-after", "300"), 0, "", "3"),
@@ -354,8 +354,8 @@ open("read", "w").write(str(read))
             with self.subTest(text=text, arguments=arguments):
                 (self.folder / "read").unlink(missing_ok=True)
                 result = run(self.program(text), "-d", "x" * body, *arguments)
-                self.assertEqual((result.status, bool(result.errors)), (status, bool(said)))
-                self.assertIn(said, result.errors)
+                self.assertEqual((result.status, bool(result.errors)), (status, bool(message)))
+                self.assertIn(message, result.errors)
                 self.assertEqual(self.outcome("read"), read)
 
     def test_abort_signal_is_sent(self):
@@ -380,14 +380,14 @@ class AnswerTest(RequestTest):
         self.file("answer", text.encode())
         return run(self.program(f"cat '{self.folder}/answer'", name), *arguments)
 
-    def judge(self, text, *arguments, status=0, output=None, said=(), **more):
+    def judge(self, text, *arguments, status=0, output=None, messages=(), **more):
         """Each message contains the given words."""
         with self.subTest(text=text[:100], arguments=arguments):
             result = self.answer(text, *arguments, **more)
             self.assertEqual(result.status, status, result.errors)
             lines = [x.removeprefix("zancgi-request: ") for x in result.errors.splitlines()]
-            self.assertEqual(len(lines), len(said), lines)
-            for line, words in zip(lines, said, strict=True):
+            self.assertEqual(len(lines), len(messages), lines)
+            for line, words in zip(lines, messages, strict=True):
                 self.assertIn(words, line)
             if output is not None:
                 self.assertEqual(result.output, output)
@@ -401,7 +401,7 @@ class AnswerTest(RequestTest):
     def test_fail_suppresses_the_body_of_an_error(self):
         self.judge(TEXT + "\nbody", "--fail", output=b"body")
         text = f"Status: 404 No\n{TEXT}\nbody"
-        self.judge(text, "-f", status=22, output=b"", said=["answered with status 404"])
+        self.judge(text, "-f", status=22, output=b"", messages=["answered with status 404"])
 
     def test_header_is_printed_in_http_format(self):
         plain = b"Content-Type: text/plain\r\n"
@@ -420,19 +420,19 @@ class AnswerTest(RequestTest):
     def test_answer_to_head_has_no_body(self):
         head = b"HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 9\r\n\r\n"
         self.judge(TEXT + "Content-Length: 9\n\n", "-I", output=head)
-        said = ["the body of 4 bytes is dropped"]
-        self.judge(TEXT + "\nbody", "-X", "HEAD", output=b"", said=said)
+        messages = ["the body of 4 bytes is dropped"]
+        self.judge(TEXT + "\nbody", "-X", "HEAD", output=b"", messages=messages)
 
     def test_nph_program_writes_http(self):
         text = "HTTP/1.0 404 No\r\nContent-Type: a/b\r\n\r\nbody"
         self.judge(text, output=b"body", status=4, name="nph-program")
-        self.judge(text, status=8, said=["which only programs named nph-... may do"])
-        said = ["named nph-... must begin with HTTP/1.1"]
-        self.judge(TEXT + "\n", status=8, said=said, name="nph-program")
+        self.judge(text, status=8, messages=["which only programs named nph-... may do"])
+        messages = ["named nph-... must begin with HTTP/1.1"]
+        self.judge(TEXT + "\n", status=8, messages=messages, name="nph-program")
 
     def test_problems_of_the_answer_are_reported(self):
         neither = "neither Content-Type nor Location nor Status"
-        for text, *said in (
+        for text, *messages in (
             ("Location: here\n\n", "neither a complete URL nor an absolute path"),
             ("\nbody", "no Content-Type, but there is a body"),
             ("\n", neither),
@@ -454,20 +454,20 @@ class AnswerTest(RequestTest):
             (TEXT + "X-A: " + "x" * 70000 + "\n\n", "longer than 65536 bytes"),
             ("Status: 204 No\n" + TEXT + "\nbody", "204 must not have a body, but this one has 4"),
         ):
-            self.judge(text, status=8, said=said)
+            self.judge(text, status=8, messages=messages)
         text = "Traceback\noops\n\nmore"
-        said = ["form NAME: VALUE: 'Traceback'", "form NAME: VALUE: 'oops'"]
-        self.judge(text, status=8, said=said, output=text.encode())
-        self.judge("Location: /here?a\n\n", said=["'/here?a' is a local redirect"])
+        messages = ["form NAME: VALUE: 'Traceback'", "form NAME: VALUE: 'oops'"]
+        self.judge(text, status=8, messages=messages, output=text.encode())
+        self.judge("Location: /here?a\n\n", messages=["'/here?a' is a local redirect"])
 
     def test_length_of_the_answer_is_checked(self):
         length = TEXT + "Content-Length: "
         self.judge(length + "4\n\nbody", output=b"body")
         self.judge(length + "0" * 5000 + "4\n\nbody", output=b"body")
-        said = ["1 bytes longer than its Content-Length of 3"]
-        self.judge(length + "3\n\nbody", status=8, output=b"bod", said=said)
-        said = ["2 bytes shorter than its Content-Length of 6"]
-        self.judge(length + "6\n\nbody", status=18, output=b"body", said=said)
+        messages = ["1 bytes longer than its Content-Length of 3"]
+        self.judge(length + "3\n\nbody", status=8, output=b"bod", messages=messages)
+        messages = ["2 bytes shorter than its Content-Length of 6"]
+        self.judge(length + "6\n\nbody", status=18, output=b"body", messages=messages)
 
     def test_header_may_arrive_in_pieces(self):
         program = self.program(
@@ -481,8 +481,9 @@ class AnswerTest(RequestTest):
 
     def test_silent_suppresses_messages(self):
         nothing = ["the program sent no answer"]
-        for option, said in (((), nothing), (["-s"], ()), (["--silent"], ()), (["-sS"], nothing)):
-            self.judge("", *option, status=52, said=said)
+        quiet, loud = (["-s"], ["--silent"]), ([], ["-sS"])
+        for options, expected in (*((o, ()) for o in quiet), *((o, nothing) for o in loud)):
+            self.judge("", *options, status=52, messages=expected)
 
     def test_crash_and_exit_status_are_reported(self):
         for end, status, message in (
@@ -552,22 +553,11 @@ class AnswerTest(RequestTest):
         self.assertRegex(result.errors, r"3 requests: fastest [\d.]+ ms, median .*, slowest .* ms")
 
 
-def is_running(name):
-    """Whether a process with this name, which only this test uses, is running."""
-    for path in pathlib.Path("/proc").glob("[0-9]*/comm"):
-        with contextlib.suppress(OSError):
-            state = (path.parent / "stat").read_text().rpartition(")")[2].split()[0]
-            if path.read_text().strip() == name and state != "Z":
-                return True
-    return False
-
-
 class EndTest(RequestTest):
     def sleeper(self):
-        """A copy of sleep with a name of its own."""
-        name = f"sleep{os.getpid()}"
-        shutil.copy("/usr/bin/sleep", self.folder / name)
-        return name
+        """A copy of sleep, and whether a process of it runs."""
+        path = shutil.copy("/usr/bin/sleep", self.folder / f"sleep{os.getpid()}")
+        return path.name, functools.partial(processes_with, "GATEWAY_INTERFACE", path)
 
     def test_program_may_answer_before_it_has_read_the_body(self):
         program = self.program(f"printf '{TEXT}\\nbody'")
@@ -587,11 +577,11 @@ class EndTest(RequestTest):
             self.assertEqual((result.status, result.output[-4:]), (0, b"end\n"), kind)
 
     def test_time_limit_ends_all_processes_of_the_program(self):
-        name = self.sleeper()
+        name, is_running = self.sleeper()
         for text in (f"./{name} {AGES} & ./{name} {AGES}", f"trap '' TERM; ./{name} {AGES}"):
             result = run(self.program(text), "-m", "0.5")
             self.assertEqual(result.status, 28)
-            self.assertFalse(is_running(name), text)
+            self.assertFalse(is_running(), text)
 
     def test_time_limit_applies_while_nobody_reads_the_answer(self):
         program = self.program(f"printf '{TEXT}\\n'; exec cat /dev/zero")
@@ -601,7 +591,7 @@ class EndTest(RequestTest):
 
     def test_signal_also_ends_the_program(self):
         """Even if it arrives twice."""
-        name = self.sleeper()
+        name, is_running = self.sleeper()
         sleeping = f"./{name} {AGES}"
         deaf = f"trap '' TERM INT; {sleeping}; {sleeping}"
         for text, number, times in (
@@ -611,20 +601,20 @@ class EndTest(RequestTest):
             (deaf, signal.SIGINT, 2),
         ):
             tool = start_program(self.program(text))
-            wait_for(lambda: is_running(name), LONG)
+            wait_for(is_running, LONG)
             tool.send_signal(number)
             for _ in range(times - 1):
                 time.sleep(0.3)
                 tool.send_signal(number)
             self.assertEqual(tool.wait(LONG), 128 + number)
-            self.assertFalse(is_running(name))
+            self.assertFalse(is_running())
 
     def test_signal_ends_a_program_that_has_just_started(self):
-        name = self.sleeper()
+        name, is_running = self.sleeper()
 
         def start_then_signal(*arguments):
             process = exchange.start(*arguments)
-            wait_for(lambda: is_running(name), LONG)
+            wait_for(is_running, LONG)
             os.kill(os.getpid(), signal.SIGTERM)
             return process
 
@@ -632,17 +622,17 @@ class EndTest(RequestTest):
             with unittest.mock.patch.object(player, "start", start_then_signal):
                 result = run(self.program(f"exec ./{name} {AGES}"), *debugger)
             self.assertEqual(result.status, 128 + signal.SIGTERM)
-            self.assertFalse(is_running(name))
+            self.assertFalse(is_running())
 
     def test_processes_that_outlive_the_program_are_reported(self):
-        name = self.sleeper()
+        name, is_running = self.sleeper()
         for start in (f"./{name} {AGES}", f"setsid ./{name} {AGES}"):
             result = run(self.program(f"{start} >&- 2>&- <&- & printf '{TEXT}\\nbody'"))
             self.assertEqual((result.status, result.output), (0, b"body"))
             left = re.search(rf"these processes still run: {name} \((\d+)\)", result.errors)
             self.assertIsNotNone(left, result.errors)
             os.kill(int(left[1]), signal.SIGKILL)
-            wait_for(lambda: not is_running(name), LONG)
+            wait_for(lambda: not is_running(), LONG)
 
     def test_process_that_soon_ends_is_not_reported(self):
         """It has a second, which may be too short on a busy machine."""
@@ -654,14 +644,14 @@ class EndTest(RequestTest):
         # The process writes after the tool has reported that it waits.
         program = self.program(
             f"printf '{TEXT}\\nbody'\n"
-            f"(while ! [ -e said ]; do ./{self.sleeper()} 0.1; done; echo late) 2>&- <&- &"
+            f"(while ! [ -e go-on ]; do ./{self.sleeper()[0]} 0.1; done; echo late) 2>&- <&- &"
         )
         tool = start_program(program, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        said = tool.stderr.readline()
-        self.file("said", b"")
+        report = tool.stderr.readline()
+        self.file("go-on", b"")
         output, errors = tool.communicate(timeout=LONG)
         self.assertEqual((tool.returncode, output), (0, b"bodylate\n"))
-        self.assertIn(b"holds its standard output open", said + errors)
+        self.assertIn(b"holds its standard output open", report + errors)
 
     def test_temporary_files_are_removed(self):
         temporary = self.folder / "tmp"
@@ -788,7 +778,7 @@ class DebuggerTest(RequestTest):
         copy = shutil.copy(PROBE, self.folder / "cgi_probe_copy")
         options = ("--hold-open", "-m", "5", "--debugger", "gdb -batch -ex run")
         self.assertEqual(run_program(copy, "?to-the-end", *options).status, 28)
-        self.assertFalse(is_running("cgi_probe_copy"))
+        self.assertFalse(processes_with("GATEWAY_INTERFACE", copy))
 
     def test_other_debuggers_pass_standard_input_on(self):
         received = self.given("-d", "a=1", "--debugger", "env FRONT=1")

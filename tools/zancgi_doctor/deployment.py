@@ -28,11 +28,11 @@ class Site(argparse.Namespace):
         return "failure missing" if self.has_rights else outcome
 
 
-def by_folder(site, say, path):
+def by_folder(site, report, path):
     """The finding from the path and the kind of a folder."""
     if not path.startswith("/"):
-        return say("failure relative")
-    return by_kind(say, path, stat.S_ISDIR, site.hidden())
+        return report("failure relative")
+    return by_kind(report, path, stat.S_ISDIR, site.hidden())
 
 
 def services_of(site):

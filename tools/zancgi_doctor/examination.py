@@ -94,8 +94,8 @@ def run_job(site, group, function, arguments):
 
 def chosen(found, wanted):
     """The wanted findings of a group; if there are none, those that prevented them."""
-    asked = [each for each in found if is_wanted(each.name, wanted) or "." not in each.name]
-    return asked or [each for each in found if each.state != "ok"]
+    matching = [each for each in found if is_wanted(each.name, wanted) or "." not in each.name]
+    return matching or [each for each in found if each.state != "ok"]
 
 
 def examine(site, wanted):

@@ -28,35 +28,35 @@ def finding(check, subject, outcome, **values):
     return Finding(check, subject, state, message, remedy)
 
 
-def sayer(check, subject, **values):
+def reporter(check, subject, **values):
     """A function that makes findings of one check and subject."""
     return functools.partial(finding, check, subject, **values)
 
 
-def by_access(say, error):
+def by_access(report, error):
     """The finding from access_error for the front end's user; None is unknown."""
     if error is None:
-        return say("unchecked")
-    return say("failure", error=error) if error else say("ok")
+        return report("unchecked")
+    return report("failure", error=error) if error else report("ok")
 
 
-def by_danger(say, unsafe, outcome="failure"):
+def by_danger(report, unsafe, outcome="failure"):
     """The finding from the reason why something is unsafe; empty if it is safe."""
-    return say(outcome if unsafe else "ok", unsafe=unsafe)
+    return report(outcome if unsafe else "ok", unsafe=unsafe)
 
 
-def by_kind(say, path, is_kind, hidden="unchecked"):
+def by_kind(report, path, is_kind, hidden="unchecked"):
     """The finding from the kind of file at a path; hidden is the outcome if the caller
     has no permission to see it."""
     try:
         mode = os.stat(path).st_mode
     except OSError as error:
         outcome = hidden if error.errno == errno.EACCES else "failure missing"
-        return say(outcome, error=reason(error))
-    return say("ok") if is_kind(mode) else say("failure kind", kind=kind_of(mode))
+        return report(outcome, error=reason(error))
+    return report("ok") if is_kind(mode) else report("failure kind", kind=kind_of(mode))
 
 
-def by_amount(say, amount, too_few, few):
+def by_amount(report, amount, too_few, few):
     if amount < too_few:
-        return say("failure")
-    return say("warning") if amount < few else say("ok")
+        return report("failure")
+    return report("warning") if amount < few else report("ok")

@@ -3,7 +3,7 @@
 import os
 import shlex
 
-from zancgi_request.failures import Failure, Status
+from zancgi_request.failures import Failure, Status, misused
 from zancgi_request.feeder import Channel
 from zancgi_request.servers import Variables
 from zancgi_request.settings import Settings
@@ -18,6 +18,8 @@ class Debugger:
             self.words = ["valgrind", "-q", f"--error-exitcode={Status.MEMORY_ERRORS}"]
         # gdb reads commands, so it gets the terminal.
         self.is_interactive = bool(self.words) and "gdb" in os.path.basename(self.words[0])
+        if self.is_interactive and settings.repeat > 1:
+            misused("--repeat cannot be used with gdb")
         # gdb starts the program by a shell, which can redirect descriptors 0 to 9 only.
         self.reserved = [
             os.open(os.devnull, os.O_RDWR | os.O_CLOEXEC) for _ in range(2 * self.is_interactive)

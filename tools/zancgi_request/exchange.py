@@ -191,7 +191,7 @@ def children() -> list[str]:
     return found
 
 
-def left_behind() -> list[str]:
+def remaining_processes() -> list[str]:
     """The processes that still run when the time for them is over."""
     deadline = time.monotonic() + CLEAN_UP_SECONDS
     while (found := children()) and time.monotonic() < deadline:

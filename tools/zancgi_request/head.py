@@ -1,5 +1,6 @@
 """The header of an answer, and its problems."""
 
+import http.client
 import re
 
 from zancgi_tools.answers import TOKEN, parse_length
@@ -9,16 +10,6 @@ LONGEST_HEAD = 65536
 ONLY_ONCE = ("status", "content-type", "content-length", "location")
 BODYLESS = (204, 304)
 HTTP_LINE = re.compile(r"HTTP/\d(?:\.\d)? (\d{3})(?: (.*))?")
-# The reasons of statuses that programs often send.
-REASONS = {
-    200: "OK", 201: "Created", 202: "Accepted", 204: "No Content", 206: "Partial Content",
-    301: "Moved Permanently", 302: "Found", 303: "See Other", 304: "Not Modified",
-    307: "Temporary Redirect", 308: "Permanent Redirect", 400: "Bad Request",
-    401: "Unauthorized", 403: "Forbidden", 404: "Not Found", 405: "Method Not Allowed",
-    409: "Conflict", 410: "Gone", 413: "Payload Too Large", 415: "Unsupported Media Type",
-    429: "Too Many Requests", 500: "Internal Server Error", 501: "Not Implemented",
-    502: "Bad Gateway", 503: "Service Unavailable", 504: "Gateway Timeout",
-}  # fmt: skip
 
 
 class Head:
@@ -99,7 +90,7 @@ class Head:
         else:
             self.status = 500
             self.problems.append(f"Status is not a three-digit number: {shown(status)}")
-        self.reason = self.reason or REASONS.get(self.status, "")
+        self.reason = self.reason or http.client.responses.get(self.status, "")
         if location is not None:
             self._check_location(location, status is None)
 

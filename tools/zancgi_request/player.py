@@ -13,7 +13,7 @@ from zancgi_request.answer import Answer
 from zancgi_request.body import Body, Stream
 from zancgi_request.cookies import Jar
 from zancgi_request.debugger import Debugger
-from zancgi_request.exchange import Exchange, find_program, left_behind, start
+from zancgi_request.exchange import Exchange, find_program, remaining_processes, start
 from zancgi_request.failures import (
     Failure,
     Interrupted,
@@ -44,8 +44,6 @@ class Player:
         self.server = SERVER_BY_NAME[settings.server]
         # Before files are opened, because gdb needs low descriptors.
         self.debugger = Debugger(settings)
-        if self.debugger.is_interactive and settings.repeat > 1:
-            misused("--repeat cannot be used with gdb")
         self.jar = Jar(settings)
         self.request = make_first_request(settings, self.jar)
         if isinstance(self.request.body, Stream) and (settings.repeat > 1 or settings.follow):
@@ -146,7 +144,7 @@ class Player:
             answer.finish()
             status = report.status(exchange.ended, answer, settings.valgrind)
             report.report_unread(feeder, request.body)
-        found = left_behind()
+        found = remaining_processes()
         if found:
             report.warn(f"the program has ended, but these processes still run: {', '.join(found)}")
         channel.hang_up()

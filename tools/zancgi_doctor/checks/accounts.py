@@ -10,7 +10,7 @@ from functools import partial
 from zancgi_doctor.checks.tmp_dir import COPY, files_in, judge_leftovers
 from zancgi_doctor.children import run_in_child
 from zancgi_doctor.files import access_error, first_unsafe, path_to, read_text
-from zancgi_doctor.findings import by_access, by_amount, by_danger, by_kind, finding, sayer
+from zancgi_doctor.findings import by_access, by_amount, by_danger, by_kind, finding, reporter
 from zancgi_doctor.identities import Identity
 from zancgi_doctor.libraries import linker_cache
 from zancgi_doctor.mounts import mount_of
@@ -39,28 +39,29 @@ def check_account(site, account):
 
 
 def account_numbers(entry):
-    say = sayer("account.numbers", entry.pw_name, uid=entry.pw_uid, group=group_name(entry.pw_uid))
+    group = group_name(entry.pw_uid)
+    report = reporter("account.numbers", entry.pw_name, uid=entry.pw_uid, group=group)
     if entry.pw_uid == 0:
-        return say("warning root")
+        return report("warning root")
     if entry.pw_uid < 1000:
-        return say("warning low")
+        return report("warning low")
     try:
-        group = grp.getgrgid(entry.pw_uid)
+        namesake = grp.getgrgid(entry.pw_uid)
     except KeyError:
-        return say("ok")
-    is_member = entry.pw_gid == group.gr_gid or entry.pw_name in group.gr_mem
-    return say("ok" if is_member else "warning group")
+        return report("ok")
+    is_member = entry.pw_gid == namesake.gr_gid or entry.pw_name in namesake.gr_mem
+    return report("ok" if is_member else "warning group")
 
 
 def account_home(entry):
     path = entry.pw_dir
-    say = sayer("account.home", entry.pw_name, path=path)
-    return by_kind(say, path, stat.S_ISDIR) if path else say("failure empty")
+    report = reporter("account.home", entry.pw_name, path=path)
+    return by_kind(report, path, stat.S_ISDIR) if path else report("failure empty")
 
 
 def account_way(entry):
     unsafe = first_unsafe(path_to(entry.pw_dir)[:-1], {0}, allows_sticky=False)
-    return by_danger(sayer("account.way", entry.pw_name, path=entry.pw_dir), unsafe)
+    return by_danger(reporter("account.way", entry.pw_name, path=entry.pw_dir), unsafe)
 
 
 def why_not_confine(path):
@@ -86,17 +87,17 @@ def why_not_local(path):
 
 def account_confinement(site, entry):
     path = entry.pw_dir
-    say = sayer("account.confinement", entry.pw_name, path=path)
-    return by_danger(say, why_not_confine(path), "failure" if site.confined else "skipped")
+    report = reporter("account.confinement", entry.pw_name, path=path)
+    return by_danger(report, why_not_confine(path), "failure" if site.confined else "skipped")
 
 
 def account_folder(site, entry):
     path = entry.pw_dir
-    say = sayer("account.folder", entry.pw_name, path=path)
+    report = reporter("account.folder", entry.pw_name, path=path)
     if os.geteuid() != 0:
-        return say("unchecked")
+        return report("unchecked")
     folder = run_in_child(site.timeout, find_writable_folder, path, identity_after_su(entry))
-    return say("ok" if folder else "failure", folder=folder)
+    return report("ok" if folder else "failure", folder=folder)
 
 
 def identity_after_su(entry):
@@ -124,37 +125,37 @@ def account_session(site, entry):
     unsafe = why_not_roots(path_to(path)[-1]) or why_not_local(path)
     if not unsafe and not os.path.exists(login):
         unsafe = f"PAM looks for {quote(login)}, which does not exist"
-    say = sayer("account.session", entry.pw_name, path=path, login=login)
-    return by_danger(say, unsafe, "warning" if site.pam else "skipped")
+    report = reporter("account.session", entry.pw_name, path=path, login=login)
+    return by_danger(report, unsafe, "warning" if site.pam else "skipped")
 
 
 def account_hand_over(site, entry):
     path = entry.pw_dir
     mount = mount_of(path)
-    say = sayer("account.hand-over", entry.pw_name, path=path, kind=mount.kind)
+    report = reporter("account.hand-over", entry.pw_name, path=path, kind=mount.kind)
     if mount.is_remote():
-        return say("warning remote")
+        return report("warning remote")
     if mount.is_fuse():
-        return say("warning fuse")
+        return report("warning fuse")
     if os.statvfs(path).f_flag & os.ST_RDONLY:
-        return say("failure read-only")
+        return report("failure read-only")
     if site.identity.uid != 0:
-        return say("failure user", user=site.identity.name)
-    return by_access(say, site.as_front_end(access_error, path, os.W_OK | os.X_OK))
+        return report("failure user", user=site.identity.name)
+    return by_access(report, site.as_front_end(access_error, path, os.W_OK | os.X_OK))
 
 
 def account_space(site, entry):
     path = entry.pw_dir
-    say = sayer("account.space", entry.pw_name, path=path, tmp_dir=site.tmp_dir)
+    report = reporter("account.space", entry.pw_name, path=path, tmp_dir=site.tmp_dir)
     try:
         together = os.stat(site.tmp_dir).st_dev == os.stat(path).st_dev
     except OSError as error:
-        return say("unchecked", error=reason(error))
+        return report("unchecked", error=reason(error))
     if together:
-        return say("ok moved")
+        return report("ok moved")
     file_system = os.statvfs(path)
     free = file_system.f_bfree * file_system.f_frsize
-    return by_amount(partial(say, size=size_text(free)), free, site.min_free, 2 * site.min_free)
+    return by_amount(partial(report, size=size_text(free)), free, site.min_free, 2 * site.min_free)
 
 
 def account_leftovers(entry):
@@ -167,11 +168,11 @@ def account_leftovers(entry):
 
 def check_nss(_site):
     path = "/etc/nsswitch.conf"
-    say = sayer("nss.sources", path)
+    report = reporter("nss.sources", path)
     try:
         text = read_text(path)
     except OSError as error:
-        yield say("warning missing", error=reason(error))
+        yield report("warning missing", error=reason(error))
         return
     sources = []
     for line in text.splitlines():
@@ -183,4 +184,4 @@ def check_nss(_site):
     modules = [source for source in sources if source not in ("files", "dns")]
     cache = linker_cache()
     missing = [source for source in modules if f"libnss_{source}.so.2" not in cache]
-    yield say("warning" if missing else "ok", names=listed(missing or sources))
+    yield report("warning" if missing else "ok", names=listed(missing or sources))

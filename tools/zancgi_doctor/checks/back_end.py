@@ -8,7 +8,7 @@ import stat
 
 from zancgi_doctor.deployment import name_error, socket_path
 from zancgi_doctor.deployment import why_not_trust_folder, why_not_trust_link
-from zancgi_doctor.findings import by_danger, finding, sayer
+from zancgi_doctor.findings import by_danger, finding, reporter
 from zancgi_doctor.scgi import ANSWER_LIMIT, exchange
 from zancgi_doctor.texts import printable, quote, size_text, time_text
 from zancgi_doctor.whoami import NotAnAnswer, length_error, read_whoami, whoami_request
@@ -65,32 +65,32 @@ def is_socket(path):
 
 def session_kept(site, service, path):
     unsafe = why_not_trust_folder(site.run_dir) or why_not_trust_link(site, service)
-    return by_danger(sayer("back-end.session", service, path=path), unsafe)
+    return by_danger(reporter("back-end.session", service, path=path), unsafe)
 
 
 def connection(service, path, answer):
-    say = sayer("back-end.connect", service, path=path)
+    report = reporter("back-end.connect", service, path=path)
     if answer.end == "no connection":
         is_left = answer.error == os.strerror(errno.ECONNREFUSED)
-        return say("failure left" if is_left else "failure", error=answer.error)
-    return say("ok", listener=f" ({printable(answer.listener)})" if answer.listener else "")
+        return report("failure left" if is_left else "failure", error=answer.error)
+    return report("ok", listener=f" ({printable(answer.listener)})" if answer.listener else "")
 
 
 def judge_answer(site, service, answer):
-    say = sayer("back-end.answer", service)
+    report = reporter("back-end.answer", service)
     ended = end_of(answer)
     if ended:
-        return say(f"failure {ended}", limit=size_text(ANSWER_LIMIT))
+        return report(f"failure {ended}", limit=size_text(ANSWER_LIMIT))
     error, _ = length_error(answer.data)
     if error:
-        return say("failure length", error=error)
+        return report("failure length", error=error)
     try:
         found = read_whoami(answer.data)
     except NotAnAnswer as error:
-        return say("failure document", error=hide(site, str(error)))
+        return report("failure document", error=hide(site, str(error)))
     if "error" in found:
-        return judge_refusal(site, say, found["error"].get("type"))
-    return judge_user(site, say, found["user"])
+        return judge_refusal(site, report, found["error"].get("type"))
+    return judge_user(site, report, found["user"])
 
 
 def hide(site, text):
@@ -99,21 +99,21 @@ def hide(site, text):
     return text.replace(site.session, "(session)") if site.session else text
 
 
-def judge_refusal(site, say, kind):
+def judge_refusal(site, report, kind):
     shown = quote(hide(site, kind)) if kind is not None else "none"
     if site.session:
-        return say("failure refuses", kind=shown)
-    return say("ok refuses" if kind == "access" else "warning refuses", kind=shown)
+        return report("failure refuses", kind=shown)
+    return report("ok refuses" if kind == "access" else "warning refuses", kind=shown)
 
 
-def judge_user(site, say, user):
+def judge_user(site, report, user):
     name, level = user.get("name", ""), user.get("level", "")
-    say = functools.partial(say, name=hide(site, name))
+    report = functools.partial(report, name=hide(site, name))
     if not site.session:
-        return say("warning accepts")
+        return report("warning accepts")
     if not re.fullmatch("[+-]?[0-9]+", level):
-        return say("warning level", level=hide(site, level))
-    return say("ok", level=hide(site, level)[:12])
+        return report("warning level", level=hide(site, level))
+    return report("ok", level=hide(site, level)[:12])
 
 
 def answer_time(service, seconds):
@@ -122,9 +122,9 @@ def answer_time(service, seconds):
 
 
 def large_request(site, service, path):
-    say = sayer("back-end.large-request", service, size=size_text(LARGE_COOKIE))
+    report = reporter("back-end.large-request", service, size=size_text(LARGE_COOKIE))
     cookie = "zancgi-doctor=" + "x" * LARGE_COOKIE
     answer = exchange(path, whoami_request(service, site.session, cookie), site.timeout)
     if answer.end == "no connection":
-        return say("unchecked", error=answer.error)
-    return say("failure" if end_of(answer) else "ok")
+        return report("unchecked", error=answer.error)
+    return report("failure" if end_of(answer) else "ok")

@@ -6,7 +6,7 @@ import socket
 import stat
 
 from zancgi_doctor.files import access_error, kind_of
-from zancgi_doctor.findings import by_access, finding, sayer
+from zancgi_doctor.findings import by_access, finding, reporter
 from zancgi_doctor.texts import reason
 
 
@@ -47,11 +47,11 @@ def log_file_error(path):
 
 
 def log_to_file(site, path):
-    say = sayer("log.target", path, user=site.identity.name)
+    report = reporter("log.target", path, user=site.identity.name)
     if not path.startswith("/"):
-        return say("warning relative")
+        return report("warning relative")
     error = site.as_front_end(log_file_error, path)
-    return say("warning fifo") if error == "" and is_fifo(path) else by_access(say, error)
+    return report("warning fifo") if error == "" and is_fifo(path) else by_access(report, error)
 
 
 def is_fifo(path):
@@ -62,21 +62,22 @@ def is_fifo(path):
 
 
 def log_reader(path):
-    say = sayer("log.reader", path)
+    report = reporter("log.reader", path)
     try:
         status = os.lstat(path)
     except OSError:
-        return say("ok new")
+        return report("ok new")
     is_readable = status.st_mode & stat.S_IROTH and stat.S_ISREG(status.st_mode)
-    return say("warning" if is_readable else "ok")
+    return report("warning" if is_readable else "ok")
 
 
 def log_level(text):
-    say = sayer("log.level", "TOV_LOG_LEVEL")
+    report = reporter("log.level", "TOV_LOG_LEVEL")
     if not text:
-        return say("ok none")
+        return report("ok none")
     if not re.fullmatch("[0-9]+", text):
-        return say("warning number", level=text)
+        return report("warning number", level=text)
     digits = text.lstrip("0")
     level = int(digits or "0") if len(digits) <= 1 else 9
-    return say("warning high" if level >= 7 else "warning low" if level < 4 else "ok", level=level)
+    outcome = "warning high" if level >= 7 else "warning low" if level < 4 else "ok"
+    return report(outcome, level=level)

@@ -6,7 +6,7 @@ import re
 import stat
 
 from zancgi_doctor.files import first_unsafe, kind_of, path_to, read_file, text_or_nothing
-from zancgi_doctor.findings import finding, sayer
+from zancgi_doctor.findings import finding, reporter
 from zancgi_doctor.libraries import FOLDERS
 from zancgi_doctor.texts import counted, listed, reason
 
@@ -29,21 +29,21 @@ def pam_library():
 
 
 def pam_service(path):
-    say = sayer("pam.service", path)
+    report = reporter("pam.service", path)
     try:
         mode = os.stat(path).st_mode
     except OSError as error:
-        return say("warning", error=reason(error))
+        return report("warning", error=reason(error))
     if not stat.S_ISREG(mode):
-        return say("failure kind", kind=kind_of(mode))
+        return report("failure kind", kind=kind_of(mode))
     unsafe = first_unsafe(path_to(path), {0}, allows_sticky=False)
     if unsafe:
-        return say("failure", unsafe=unsafe)
+        return report("failure", unsafe=unsafe)
     try:
         read_file(path)
     except OSError as error:
-        return say("unchecked", error=reason(error))
-    return say("ok")
+        return report("unchecked", error=reason(error))
+    return report("ok")
 
 
 def session_modules(path, seen):
@@ -70,13 +70,13 @@ def find_module(module):
 
 
 def pam_modules(path):
-    say = sayer("pam.modules", path)
+    report = reporter("pam.modules", path)
     modules = list(dict.fromkeys(session_modules(path, set())))
     missing = [module for module in modules if find_module(module) is None]
     if missing:
-        return say("warning", names=listed(missing))
+        return report("warning", names=listed(missing))
     for module in modules:
         unsafe = first_unsafe(path_to(find_module(module)), {0}, allows_sticky=False)
         if unsafe:
-            return say("failure", unsafe=unsafe)
-    return say("ok", count=counted(len(modules), "module"))
+            return report("failure", unsafe=unsafe)
+    return report("ok", count=counted(len(modules), "module"))

@@ -5,7 +5,7 @@ import os
 import re
 
 from zancgi_doctor.files import read_text
-from zancgi_doctor.findings import by_amount, finding, sayer
+from zancgi_doctor.findings import by_amount, finding, reporter
 from zancgi_doctor.libraries import split_search_path
 from zancgi_doctor.texts import MEBIBYTE, counted, reason, size_text, user_name
 
@@ -43,8 +43,8 @@ def check_limits(site):
         if limits[row] is None:
             yield finding(name, subject, "ok none")
         else:
-            say = sayer(name, subject, limit=shown(limits[row]))
-            yield by_amount(say, limits[row], too_few, few)
+            report = reporter(name, subject, limit=shown(limits[row]))
+            yield by_amount(report, limits[row], too_few, few)
     yield limit_of_file_size(subject, limits["Max file size"])
 
 
@@ -61,7 +61,7 @@ def check_process(site):
 
 
 def process_streams(site):
-    say = sayer("process.streams", process_name(site))
+    report = reporter("process.streams", process_name(site))
     folder = f"/proc/{site.pid or 'self'}/fd"
     try:
         closed = site.closed_streams
@@ -69,19 +69,19 @@ def process_streams(site):
             closed = sorted({0, 1, 2} - set(map(int, os.listdir(folder))))
         target = "" if 2 in closed else os.readlink(f"{folder}/2")
     except OSError as error:
-        return say("unchecked", error=reason(error))
+        return report("unchecked", error=reason(error))
     if closed:
-        return say("warning closed", numbers=" and ".join(map(str, closed)))
+        return report("warning closed", numbers=" and ".join(map(str, closed)))
     is_lost = target == "/dev/null" and site.environment.get("TOV_LOG", "") in ("", "stderr")
-    return say("warning lost" if is_lost else "ok")
+    return report("warning lost" if is_lost else "ok")
 
 
 def process_environment(site):
-    say = sayer("process.environment", process_name(site))
+    report = reporter("process.environment", process_name(site))
     for item in split_search_path(site.environment.get("LD_LIBRARY_PATH", "")):
         if not item.startswith("/"):
-            return say("failure")
+            return report("failure")
     for variable in ("LD_PRELOAD", "LD_AUDIT"):
         if site.environment.get(variable):
-            return say("warning code", variable=variable)
-    return say("warning proxy" if site.environment.get("HTTP_PROXY") else "ok")
+            return report("warning code", variable=variable)
+    return report("warning proxy" if site.environment.get("HTTP_PROXY") else "ok")

@@ -8,7 +8,7 @@ import stat
 
 from zancgi_doctor.deployment import Site
 from zancgi_doctor.files import access_error, first_unsafe, path_to, read_file, read_text
-from zancgi_doctor.findings import by_access, by_kind, finding, sayer
+from zancgi_doctor.findings import by_access, by_kind, finding, reporter
 from zancgi_doctor.libraries import LibrarySearch, NotElf, dynamic_of, expand
 from zancgi_doctor.mounts import mount_of
 from zancgi_doctor.texts import listed, quote, reason
@@ -31,12 +31,12 @@ def check_program(site):
 
 def check_launcher(site, path):
     """A script that the web server starts instead of the front end."""
-    say = sayer("program.launcher", site.program, path=path)
+    report = reporter("program.launcher", site.program, path=path)
     programs = programs_started_by(path)
     if len(programs) != 1 or is_script(programs[0]):
-        yield say("unchecked")
+        yield report("unchecked")
         return
-    yield say("ok", program=programs[0])
+    yield report("ok", program=programs[0])
     yield from check_program(Site(**{**vars(site), "program": programs[0]}))
 
 
@@ -68,18 +68,18 @@ def is_program(path):
 
 def program_file(site):
     path = site.program
-    say = sayer("program.file", path, user=site.identity.name)
-    found = by_kind(say, path, stat.S_ISREG, site.hidden("unchecked hidden"))
+    report = reporter("program.file", path, user=site.identity.name)
+    found = by_kind(report, path, stat.S_ISREG, site.hidden("unchecked hidden"))
     if found.state != "ok":
         return found
     error = site.as_front_end(access_error, path, os.X_OK)
     if error == "" and "noexec" in mount_of(path).options:
-        return say("failure noexec")
-    return by_access(say, error)
+        return report("failure noexec")
+    return by_access(report, error)
 
 
 def program_safe(site, path):
-    say = sayer("program.safe", site.program, path=path, user=site.identity.name)
+    report = reporter("program.safe", site.program, path=path, user=site.identity.name)
     steps = path_to(site.program)
     owner = steps[-1].status.st_uid
     trusted = {0} if site.identity.uid == 0 else {0, owner}
@@ -87,8 +87,8 @@ def program_safe(site, path):
         steps[-1:], trusted, allows_sticky=False
     )
     if unsafe:
-        return say("failure", unsafe=unsafe)
-    return say("warning" if owner == site.identity.uid != 0 else "ok")
+        return report("failure", unsafe=unsafe)
+    return report("warning" if owner == site.identity.uid != 0 else "ok")
 
 
 def program_set_id(site, path):
@@ -101,25 +101,25 @@ def program_work_dir(site):
     """The constructor of Cgi changes to the parent of the program's folder."""
     folder = os.path.dirname(site.program) or "."
     path = os.path.realpath(os.path.join(folder, ".."))
-    say = sayer("program.work-dir", site.program, path=path, user=site.identity.name)
+    report = reporter("program.work-dir", site.program, path=path, user=site.identity.name)
     error = site.as_front_end(access_error, path, os.X_OK)
-    return say("warning", error=error) if error else by_access(say, error)
+    return report("warning", error=error) if error else by_access(report, error)
 
 
 def program_libraries(site, path):
-    say = sayer("program.libraries", site.program, path=path)
+    report = reporter("program.libraries", site.program, path=path)
     try:
         dynamic = dynamic_of(path)
         search = LibrarySearch(site.environment)
         search.search(path)
     except NotElf as error:
-        yield say("skipped", error=error)
+        yield report("skipped", error=error)
         return
     except OSError as error:
-        yield say("unchecked", error=reason(error))
+        yield report("unchecked", error=reason(error))
         return
     own = [path for library, path in search.found.items() if library.startswith("libzancgi.so")]
-    yield say(
+    yield report(
         "failure" if search.missing else "ok",
         names=listed(search.missing),
         count=len(search.found),
@@ -129,13 +129,13 @@ def program_libraries(site, path):
 
 
 def search_path_safe(site, path, dynamic):
-    say = sayer("program.search-path", site.program)
+    report = reporter("program.search-path", site.program)
     origin = os.path.dirname(path)
     for item in expand(dynamic.rpath, origin) + expand(dynamic.runpath, origin):
         unsafe = unsafe_folder(item, {0, os.stat(path).st_uid})
         if unsafe:
-            return say("failure", unsafe=unsafe)
-    return say("ok")
+            return report("failure", unsafe=unsafe)
+    return report("ok")
 
 
 def unsafe_folder(path, trusted):

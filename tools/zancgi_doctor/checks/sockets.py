@@ -6,7 +6,7 @@ import stat
 from zancgi_doctor.deployment import SUN_PATH_LIMIT, by_folder, name_error, socket_path
 from zancgi_doctor.deployment import why_not_trust_folder, why_not_trust_link, why_not_trust_socket
 from zancgi_doctor.files import access_error, has_others, path_to
-from zancgi_doctor.findings import by_access, by_amount, by_danger, by_kind, finding, sayer
+from zancgi_doctor.findings import by_access, by_amount, by_danger, by_kind, finding, reporter
 from zancgi_doctor.identities import accounts_of_group, find_user
 from zancgi_doctor.mounts import mount_of
 from zancgi_doctor.systemd import makes_folder, systemd_runs
@@ -18,8 +18,8 @@ def check_run_dir(site):
     exists = run_dir_exists(site)
     yield exists
     room = SUN_PATH_LIMIT - len(os.fsencode(path)) - len("/.sock")
-    say = sayer("run-dir.length", path, room=counted(max(room, 0), "byte"))
-    yield by_amount(say, room, 1, 16)
+    report = reporter("run-dir.length", path, room=counted(max(room, 0), "byte"))
+    yield by_amount(report, room, 1, 16)
     if exists.state != "ok":
         return
     yield run_dir_safe(site)
@@ -29,48 +29,48 @@ def check_run_dir(site):
 
 def run_dir_exists(site):
     path = site.run_dir
-    say = sayer("run-dir.exists", path)
-    found = by_folder(site, say, path)
+    report = reporter("run-dir.exists", path)
+    found = by_folder(site, report, path)
     if found.state != "ok":
         return found
     error = site.as_front_end(access_error, path, os.X_OK)
-    return say("failure search", user=site.identity.name, error=error) if error else found
+    return report("failure search", user=site.identity.name, error=error) if error else found
 
 
 def run_dir_safe(site):
     path = site.run_dir
-    say = sayer("run-dir.safe", path)
+    report = reporter("run-dir.safe", path)
     unsafe = why_not_trust_folder(path)
     if unsafe:
-        return say("failure", unsafe=unsafe)
+        return report("failure", unsafe=unsafe)
     # Without --as, the front end's user is unknown.
     is_other = site.has_rights and not site.identity.is_own()
     if is_other and site.as_front_end(access_error, path, os.W_OK) == "":
-        return say("warning", user=site.identity.name)
-    return say("ok", owner=user_name(os.stat(path).st_uid))
+        return report("warning", user=site.identity.name)
+    return report("ok", owner=user_name(os.stat(path).st_uid))
 
 
 def run_dir_reboot(path):
-    say = sayer("run-dir.reboot", path)
+    report = reporter("run-dir.reboot", path)
     if mount_of(path).kind not in ("tmpfs", "ramfs"):
-        return say("ok disk")
+        return report("ok disk")
     maker = makes_folder(os.path.realpath(path))
     if maker:
-        return say("ok made", maker=maker)
-    return say("warning" if systemd_runs() else "skipped")
+        return report("ok made", maker=maker)
+    return report("warning" if systemd_runs() else "skipped")
 
 
 def run_dir_names(path):
-    say = sayer("run-dir.names", path)
+    report = reporter("run-dir.names", path)
     try:
         names = sorted(os.listdir(path))
     except OSError as error:
-        return say("unchecked", error=reason(error))
+        return report("unchecked", error=reason(error))
     hidden = [entry for entry in names if entry.startswith(".") and entry.endswith(".sock")]
     if hidden:
-        return say("warning hidden", names=listed(hidden))
+        return report("warning hidden", names=listed(hidden))
     others = [entry for entry in names if not entry.endswith((".sock", ".pid", ".lock"))]
-    return say("warning others", names=listed(others)) if others else say("ok")
+    return report("warning others", names=listed(others)) if others else report("ok")
 
 
 def check_socket(site, service):
@@ -79,36 +79,36 @@ def check_socket(site, service):
     if error:
         return
     path = socket_path(site, service)
-    say = sayer("socket.kind", service, path=path, listener="the back end")
-    kind = by_kind(say, path, stat.S_ISSOCK)
+    report = reporter("socket.kind", service, path=path, listener="the back end")
+    kind = by_kind(report, path, stat.S_ISSOCK)
     yield kind
     if kind.state == "ok":
         # run-dir.safe covers the folder itself.
         unsafe = why_not_trust_link(site, service)
-        yield by_danger(sayer("socket.safe", service, path=path), unsafe)
-        say = sayer("socket.access", service, path=path, user=site.identity.name)
-        yield by_access(say, site.as_front_end(access_error, path, os.W_OK))
+        yield by_danger(reporter("socket.safe", service, path=path), unsafe)
+        report = reporter("socket.access", service, path=path, user=site.identity.name)
+        yield by_access(report, site.as_front_end(access_error, path, os.W_OK))
         outcome = "warning" if has_others(path_to(path), stat.S_IWOTH) else "ok"
         yield finding("socket.strangers", service, outcome, path=path)
 
 
 def check_fcgi(site, path):
-    say = sayer("fcgi.kind", path, path=path, listener="fcgiwrap")
-    kind = by_kind(say, path, stat.S_ISSOCK)
+    report = reporter("fcgi.kind", path, path=path, listener="fcgiwrap")
+    kind = by_kind(report, path, stat.S_ISSOCK)
     yield kind
     if kind.state == "ok":
-        yield by_danger(sayer("fcgi.safe", path), why_not_trust_socket(path))
+        yield by_danger(reporter("fcgi.safe", path), why_not_trust_socket(path))
         yield fcgi_strangers(site, path)
 
 
 def fcgi_strangers(site, path):
     """A FastCGI request names the program to start, and its environment."""
-    say = sayer("fcgi.strangers", path, user=site.identity.name)
+    report = reporter("fcgi.strangers", path, user=site.identity.name)
     steps = path_to(path)
     if has_others(steps, stat.S_IWOTH):
-        return say("failure")
+        return report("failure")
     accounts = sorted(accounts_with_access(steps[-1].status))
-    return say("warning" if len(accounts) > 1 else "ok", accounts=listed(accounts) or "root")
+    return report("warning" if len(accounts) > 1 else "ok", accounts=listed(accounts) or "root")
 
 
 def accounts_with_access(status):

@@ -8,7 +8,7 @@ import time
 
 from zancgi_doctor.deployment import by_folder
 from zancgi_doctor.files import access_error, first_unsafe, has_others, path_to, read_text
-from zancgi_doctor.findings import by_access, by_amount, by_danger, finding, sayer
+from zancgi_doctor.findings import by_access, by_amount, by_danger, finding, reporter
 from zancgi_doctor.identities import accounts_of_group
 from zancgi_doctor.mounts import mount_of
 from zancgi_doctor.systemd import is_aged, systemd_runs
@@ -26,14 +26,14 @@ QUOTAS = {"usrquota", "grpquota", "prjquota", "usrjquota", "uquota", "gquota"}
 
 def check_tmp_dir(site):
     path = site.tmp_dir
-    exists = by_folder(site, sayer("tmp-dir.exists", path), path)
+    exists = by_folder(site, reporter("tmp-dir.exists", path), path)
     yield exists
     if exists.state != "ok":
         return
-    say = sayer("tmp-dir.writable", path, user=site.identity.name)
-    yield by_access(say, site.as_front_end(access_error, path, os.W_OK | os.X_OK))
+    report = reporter("tmp-dir.writable", path, user=site.identity.name)
+    yield by_access(report, site.as_front_end(access_error, path, os.W_OK | os.X_OK))
     unsafe = first_unsafe(path_to(path), {0, site.identity.uid})
-    yield by_danger(sayer("tmp-dir.safe", path), unsafe)
+    yield by_danger(reporter("tmp-dir.safe", path), unsafe)
     yield tmp_dir_listing(site)
     yield tmp_dir_file_system(site)
     file_system = os.statvfs(path)
@@ -66,14 +66,14 @@ def who_can_list(site, steps):
 def tmp_dir_file_system(site):
     path = site.tmp_dir
     mount = mount_of(path)
-    say = sayer("tmp-dir.file-system", path, kind=mount.kind, user=site.identity.name)
+    report = reporter("tmp-dir.file-system", path, kind=mount.kind, user=site.identity.name)
     if mount.is_remote() or mount.is_fuse():
-        return say("warning remote")
+        return report("warning remote")
     if mount.kind in ("tmpfs", "ramfs"):
         available = memory_available()
         outcome = "warning memory" if available < site.min_free else "ok memory"
-        return say(outcome, size=size_text(available))
-    return say("ok quota" if mount.options & QUOTAS else "ok")
+        return report(outcome, size=size_text(available))
+    return report("ok quota" if mount.options & QUOTAS else "ok")
 
 
 def memory_available():
@@ -84,16 +84,16 @@ def memory_available():
 def tmp_dir_space(site, file_system):
     blocks = file_system.f_bfree if site.identity.uid == 0 else file_system.f_bavail
     free = blocks * file_system.f_frsize
-    say = sayer("tmp-dir.space", site.tmp_dir, size=size_text(free))
-    return by_amount(say, free, site.min_free, 2 * site.min_free)
+    report = reporter("tmp-dir.space", site.tmp_dir, size=size_text(free))
+    return by_amount(report, free, site.min_free, 2 * site.min_free)
 
 
 def tmp_dir_inodes(path, file_system):
     if file_system.f_files == 0:
         return finding("tmp-dir.inodes", path, "ok none")
     free = file_system.f_favail
-    say = sayer("tmp-dir.inodes", path, count=counted(free, "inode is", "inodes are"))
-    return by_amount(say, free, 1000, 10_000)
+    report = reporter("tmp-dir.inodes", path, count=counted(free, "inode is", "inodes are"))
+    return by_amount(report, free, 1000, 10_000)
 
 
 def files_in(path, pattern):
@@ -109,7 +109,7 @@ def files_in(path, pattern):
 
 def judge_leftovers(name, subject, path, files, nouns):
     """The finding from the files, given by their status, that killed front ends left."""
-    say = sayer(name, subject, path=path)
+    report = reporter(name, subject, path=path)
 
     def number_of(files):
         return counted(len(files), f"{nouns[0]} is", f"{nouns[1]} are")
@@ -117,18 +117,18 @@ def judge_leftovers(name, subject, path, files, nouns):
     try:
         files = list(files)
     except OSError as error:
-        return say("unchecked", error=reason(error))
+        return report("unchecked", error=reason(error))
     now = time.time()
     old = [status for status in files if now - status.st_mtime > OLD_SECONDS]
     if not old:
-        return say("ok", count=number_of(files))
+        return report("ok", count=number_of(files))
     size = size_text(sum(status.st_size for status in old))
     age = time_text(now - min(status.st_mtime for status in old))
-    return say("warning", count=number_of(old), size=size, age=age)
+    return report("warning", count=number_of(old), size=size, age=age)
 
 
 def tmp_dir_ageing(path):
-    say = sayer("tmp-dir.ageing", path)
+    report = reporter("tmp-dir.ageing", path)
     if is_aged(os.path.realpath(path)):
-        return say("ok")
-    return say("warning" if systemd_runs() else "skipped")
+        return report("ok")
+    return report("warning" if systemd_runs() else "skipped")
