@@ -16,29 +16,22 @@ import shutil
 import socket
 import socketserver
 import subprocess
-import sys
 import tempfile
 import threading
 import unittest
 
-from forked import run_forked
+from forked import LONG, SOURCE, run_forked
 from zancgi_doctor.cli import main
 from zancgi_doctor.findings import finding
 from zancgi_doctor.identities import find_user
 from zancgi_doctor.texts import printable
 
-SOURCE = pathlib.Path(os.environ["SOURCE"])
 DOCTOR = SOURCE / "tools" / "zancgi-doctor"
-# The folder of processes.
-sys.path.insert(0, str(SOURCE / "tests" / "e2e"))
 IS_ROOT = os.geteuid() == 0
 OWN_NAME = find_user(str(os.geteuid()))[0]
 # As the doctor prints it.
 ME = f"'{OWN_NAME}'"
-# A time limit in seconds that is long enough on a busy machine.
-LONG = 300
 CLONE_NEWNS, MS_REC, MS_PRIVATE = 0x20000, 0x4000, 0x40000
-os.umask(0o022)
 # Loaded once for all runs of the doctor.
 importlib.import_module("elftools.elf.elffile")
 

@@ -2,10 +2,17 @@
 
 import dataclasses
 import os
+import pathlib
 import sys
 import tempfile
 import warnings
 
+SOURCE = pathlib.Path(os.environ["SOURCE"])
+# The folder of processes and web_servers.
+sys.path.insert(0, str(SOURCE / "tests" / "e2e"))
+# A time limit in seconds that is long enough on a busy machine.
+LONG = 300
+os.umask(0o022)
 # The bytes that a pipe holds without a reader.
 PIPE_CAPACITY = 65536
 

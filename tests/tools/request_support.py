@@ -4,23 +4,16 @@ import dataclasses
 import os
 import pathlib
 import subprocess
-import sys
 import tempfile
 import unittest
 
-from forked import Ended, run_forked
+from forked import LONG, SOURCE, Ended, run_forked
 from zancgi_request.cli import main
 
-SOURCE = pathlib.Path(os.environ["SOURCE"])
-# The folder of web_servers and processes.
-sys.path.insert(0, str(SOURCE / "tests" / "e2e"))
 TOOL = SOURCE / "tools" / "zancgi-request"
 PROBE = os.environ["CGI_PROBE"]
 PATH = "/usr/bin:/bin"
 MEGABYTE = 1 << 20
-# A time limit in seconds that is long enough on a busy machine.
-LONG = 300
-os.umask(0o022)
 # Seconds that no test takes: processes that sleep this long must be ended.
 AGES = 3600
 # Without proxies and configuration of the user who runs the tests.

@@ -14,8 +14,8 @@ import unittest
 import unittest.mock
 import zipfile
 
-from forked import Ended
-from request_support import AGES, ENVIRONMENT, LONG, MEGABYTE, PATH, PROBE, SOURCE, TOOL
+from forked import LONG, SOURCE, Ended
+from request_support import AGES, ENVIRONMENT, MEGABYTE, PATH, PROBE, TOOL
 from request_support import RequestTest, given, run, run_program, start_program
 from processes import processes_with, wait_for
 from zancgi_request import exchange, player

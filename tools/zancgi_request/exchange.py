@@ -15,7 +15,7 @@ from zancgi_request.answer import Answer
 from zancgi_request.body import PIECE
 from zancgi_request.debugger import Debugger
 from zancgi_request.failures import Failure, Status
-from zancgi_request.feeder import Channel, Feeder
+from zancgi_request.feeder import Channel, Event, Feeder
 from zancgi_request.report import Report
 from zancgi_request.servers import Variables
 
@@ -123,9 +123,7 @@ class Exchange:
         for descriptor, got in poll.poll(None if timeout is None else timeout * 1000 + 0.5):
             self._handle(descriptor, got, watch, wish)
 
-    def _handle(
-        self, descriptor: int, got: int, watch: int, wish: tuple[int, int, float | None] | None
-    ) -> None:
+    def _handle(self, descriptor: int, got: int, watch: int, wish: Event | None) -> None:
         if descriptor == watch:
             self.ended = self.process.wait()
             self.ended_at = time.monotonic()

@@ -18,6 +18,8 @@ from zancgi_request.settings import Settings
 UNREAD_POLL_SECONDS = 0.001
 # How long the client waits for the program to read before it disconnects.
 READ_BEFORE_LEAVING_SECONDS = 1.0
+# A descriptor, its poll events, and how long to wait for them.
+Event = tuple[int, int, float | None]
 
 
 class Channel:
@@ -117,9 +119,8 @@ class Feeder:
         if self.has_all and self.limit is None and not self.keeps_open:
             self.channel.end_input()
 
-    def next_event(self, now: float) -> tuple[int, int, float | None] | None:
-        """The next event to wait for: a descriptor, its poll events and a time limit.
-        None if there is none."""
+    def next_event(self, now: float) -> Event | None:
+        """The next event to wait for; None if there is none."""
         writer = self.channel.writer
         if writer is None:
             return None
@@ -135,9 +136,7 @@ class Feeder:
             return writer, select.POLLOUT, None
         return self._next_event_at_the_end(writer, now)
 
-    def _next_event_at_the_end(
-        self, writer: int, now: float
-    ) -> tuple[int, int, float | None] | None:
+    def _next_event_at_the_end(self, writer: int, now: float) -> Event | None:
         if self.limit is not None:
             if self.channel.unread() and now < self.ready_at + READ_BEFORE_LEAVING_SECONDS:
                 return writer, 0, UNREAD_POLL_SECONDS
