@@ -1,9 +1,8 @@
-// A CGI program that reports what it was given: arguments, directory,
-// environment, descriptors, how its body came and how the body ended. Each fact
-// is a word and a text, and ends with NUL; one more NUL comes before the body.
+// A CGI program that reports its arguments, directory, environment and
+// descriptors, each read of its body, and the end of the body. Each fact is a
+// word and a text, and ends with NUL; one more NUL precedes the body.
 //
-// It reads as many bytes as CONTENT_LENGTH says, or, when the query is
-// "to-the-end", all there are.
+// It reads CONTENT_LENGTH bytes or, if the query is "to-the-end", everything.
 
 #include <poll.h>
 #include <unistd.h>
@@ -30,7 +29,7 @@ std::string Variable(const char* name) {
   return value == nullptr ? "" : value;
 }
 
-// The number of each and what it leads to, that of this listing among them.
+// Each open descriptor and its target, including the one of this listing.
 void ReportDescriptors() {
   for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
     std::error_code closed;
@@ -55,7 +54,7 @@ std::string ReadBody(std::uint64_t length) {
   return body;
 }
 
-// What poll finds at the standard input after the body.
+// The events of standard input after the body.
 void ReportEnd() {
   pollfd input = {0, POLLIN, 0};
   ::poll(&input, 1, 100);
