@@ -350,8 +350,8 @@ void ExpectCutAnswerConfirmsNobody(const Script& script) {
   ExpectStranger(request);
 }
 
-/// Where an element can be added as the last one of the document; npos where
-/// that is hard to tell.
+/// Where an element can be added as the last one of the document; npos if
+/// something follows the document.
 std::size_t EndOfDocument(const std::string& answer) {
   const std::size_t end = answer.rfind("</doc>");
   const bool is_last =

@@ -1,5 +1,5 @@
 /// @file
-/// What the fuzz targets share: findings told so that a person can read them.
+/// What the fuzz targets share: findings in a form that a person can read.
 #ifndef ZANCGI_TESTS_FUZZ_HARNESS_H
 #define ZANCGI_TESTS_FUZZ_HARNESS_H
 

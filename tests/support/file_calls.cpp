@@ -31,7 +31,7 @@ bool IsLet(const char* name, const char* path) {
   return error == 0;
 }
 
-/// Calls the function in the library behind this program.
+/// Calls the function of the library that this one hides.
 template <class Result, class... Arguments>
 Result CallReal(const char* function, Arguments... arguments) {
   using Function = Result (*)(Arguments...);

@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <string_view>
+#include <utility>
 
 namespace support {
 
@@ -20,14 +21,25 @@ struct FileCall {
   std::string_view path;  ///< The first one; empty for a call on a descriptor.
 };
 
-/// Told of a call before it is made. Returns 0 to let it be made, or else the
+/// Sees a call before it is made. Returns 0 to let it be made, or else the
 /// error with which it is to fail.
 using FileCallWatcher = std::function<int(const FileCall& call)>;
 
 /// Watches this process from now on, in a child only. What the watcher itself
-/// calls is not told. Of several watchers the last counts; an empty one ends
+/// calls is not watched. Of several watchers the last counts; an empty one ends
 /// it.
 void WatchFileCalls(FileCallWatcher watcher);
+
+/// Watches while it lives.
+class Watch {
+ public:
+  explicit Watch(FileCallWatcher watcher) {
+    WatchFileCalls(std::move(watcher));
+  }
+  ~Watch() { WatchFileCalls(nullptr); }
+  Watch(const Watch&) = delete;
+  Watch& operator=(const Watch&) = delete;
+};
 
 }  // namespace support
 

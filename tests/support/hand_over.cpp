@@ -11,8 +11,6 @@
 namespace support {
 namespace {
 
-constexpr char kOtherFileSystem[] = "/dev/shm";
-
 constinit const Account* only_account = nullptr;
 
 passwd EntryOf(const Account& account) {
@@ -63,12 +61,6 @@ void FakeAccount(const Account& account) {
   delete std::exchange(only_account, new Account(account));
 }
 
-struct stat StatOf(const std::string& path) {
-  struct stat found {};
-  EXPECT_EQ(::lstat(path.c_str(), &found), 0) << path;
-  return found;
-}
-
 std::string Attributes(uid_t owner, gid_t group, mode_t mode) {
   std::ostringstream text;
   text << owner << ':' << group << " 0" << std::oct << mode;
@@ -78,20 +70,6 @@ std::string Attributes(uid_t owner, gid_t group, mode_t mode) {
 std::string AttributesOf(const std::string& path) {
   const struct stat found = StatOf(path);
   return Attributes(found.st_uid, found.st_gid, found.st_mode & 07777);
-}
-
-bool IsThere(const std::string& path) {
-  struct stat found;
-  return ::lstat(path.c_str(), &found) == 0;
-}
-
-bool Owners::CanBeAcross() {
-  struct stat other {};
-  if (::stat(kOtherFileSystem, &other) != 0 ||
-      ::access(kOtherFileSystem, W_OK) != 0) {
-    return false;
-  }
-  return StatOf(Scratch().Path()).st_dev != other.st_dev;
 }
 
 Owners::Owners(bool across)

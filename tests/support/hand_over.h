@@ -8,6 +8,7 @@
 #define ZANCGI_TESTS_SUPPORT_HAND_OVER_H
 
 #include "support/account.h"
+#include "support/files.h"
 #include "support/test.h"
 
 namespace support {
@@ -16,14 +17,10 @@ namespace support {
 /// it in a child only.
 void FakeAccount(const Account& account);
 
-/// The attributes of a file itself; fails the test when there is none.
-struct stat StatOf(const std::string& path);
 /// "owner:group mode", the mode in octal with a 0 in front.
 std::string AttributesOf(const std::string& path);
 /// What attributes look like there.
 std::string Attributes(uid_t owner, gid_t group, mode_t mode);
-/// Whether anything is there, be it a link to nothing.
-bool IsThere(const std::string& path);
 
 /// An upload in a record: the client's name, and where its bytes lie.
 struct Stored {
@@ -49,9 +46,6 @@ class Owners {
  public:
   /// @param across  whether the home lies in another file system
   explicit Owners(bool across = false);
-
-  /// Whether there is another file system to be had.
-  static bool CanBeAcross();
 
   std::string Spool() const { return scratch_ / "spool"; }
   std::string Home() const { return home_; }

@@ -11,8 +11,8 @@
 namespace support {
 
 /// Puts a real pipe in the place of this process's standard input, and writes
-/// the next piece into it at each wait; behind the last piece it hangs up. So
-/// each read gives one piece. For use in a child.
+/// the next piece into it at each wait; after the last piece it hangs up. So
+/// each read returns one piece. For use in a child.
 class PieceInput {
  public:
   /// What happens at a wait.

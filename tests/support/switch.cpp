@@ -51,7 +51,7 @@ Lines LinesOfTheSwitch(const Lines& log) {
   return lines;
 }
 
-void TellIdentity(const Reporter& report, const Identity& identity) {
+void ReportIdentity(const Reporter& report, const Identity& identity) {
   report("users", identity.users);
   report("groups", identity.groups);
   report("supplementary", identity.supplementary);
@@ -96,10 +96,10 @@ Switched Switch(const Machine& machine, const Call& call,
         try {
           request.DoSu(call.user, call.dir, call.use_chroot, call.use_pam);
         } catch (...) {
-          TellIdentity(report, observer.Look());
+          ReportIdentity(report, observer.Look());
           throw;
         }
-        TellIdentity(report, observer.Look());
+        ReportIdentity(report, observer.Look());
         EXPECT_TRUE(call.user == "root" || !CanBecomeAnother());
       });
   return SwitchedOf(outcome);

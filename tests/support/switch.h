@@ -80,11 +80,11 @@ struct Switched {
 /// Marks in the log where a switch begins.
 void MarkSwitch();
 
-/// The log lines behind that mark, with a letter in place of line numbers.
+/// The log lines after that mark, with a letter in place of line numbers.
 Lines LinesOfTheSwitch(const Lines& log);
 
-/// Has SwitchedOf() find this identity.
-void TellIdentity(const Reporter& report, const Identity& identity);
+/// Reports this identity, so that SwitchedOf() finds it.
+void ReportIdentity(const Reporter& report, const Identity& identity);
 
 /// That identity.
 Identity IdentityIn(Outcome& outcome);
@@ -92,8 +92,9 @@ Identity IdentityIn(Outcome& outcome);
 /// The number of a file; fails the test when there is none.
 ino_t InodeOf(const std::string& path);
 
-/// Of a child that has marked its switch and told its identity. Expects that it
-/// has ended well, or with a std::runtime_error, and left no descriptor open.
+/// Of a child that has marked its switch and reported its identity. Expects
+/// that it has ended well, or with a std::runtime_error, and left no descriptor
+/// open.
 Switched SwitchedOf(Outcome& outcome);
 
 /// Makes the switch in a child that starts in the machine's folder "start".

@@ -352,13 +352,13 @@ extern "C" int stat(const char* file, struct stat* buf) noexcept {
 
 extern "C" int statfs64(const char* file, struct statfs64* buf) noexcept {
   // Not to be found while the call is made.
-  const Answers* const told = recorded;
+  const Answers* const answers = recorded;
   return Recorded("statfs" + Blank(file), [&] {
     const int result = CallReal<int>("statfs64", file, buf);
-    if (told == nullptr) return result;
-    if (told->file_system != 0) buf->f_type = told->file_system;
-    if (told->free_blocks >= 0) {
-      SetFreeBlocks(told->free_blocks, buf);
+    if (answers == nullptr) return result;
+    if (answers->file_system != 0) buf->f_type = answers->file_system;
+    if (answers->free_blocks >= 0) {
+      SetFreeBlocks(answers->free_blocks, buf);
     }
     return result;
   });

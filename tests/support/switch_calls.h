@@ -32,7 +32,8 @@ struct Answers {
   /// function. One number for each time that it is called, 0 for as usual;
   /// later calls are as usual.
   std::map<std::string, std::vector<int>> failures = {};
-  /// The type that statfs(2) tells of every file system; 0 for the true one.
+  /// The type that statfs(2) returns for every file system; 0 for the true
+  /// one.
   long file_system = 0;
   /// How many blocks of 512 bytes are then free in each; below 0 for the true
   /// number.

@@ -36,15 +36,8 @@ namespace support {
 namespace fs = std::filesystem;
 
 using zan_cgi::Cgi;
-using zan_cgi::testing::BecomeOrdinaryUser;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Input;
-using zan_cgi::testing::IsRoot;
-using zan_cgi::testing::LogLine;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::ReadFile;
-using zan_cgi::testing::Reporter;
-using zan_cgi::testing::Scratch;
+// Tests use most of the kit.
+using namespace zan_cgi::testing;  // NOLINT(google-build-using-namespace)
 using Lines = std::vector<LogLine>;
 using Strings = std::vector<std::string>;
 using Texts = std::map<std::string, std::string>;

@@ -1,4 +1,4 @@
-// A front end that tells what it was given, one thing a line.
+// A front end that prints what it was given, one thing a line.
 #include <sys/stat.h>
 #include <tov/err.h>
 #include <zancgi/zancgi.h>
@@ -10,7 +10,7 @@
 
 namespace {
 
-void Tell(const char* what, const std::string& value) {
+void Print(const char* what, const std::string& value) {
   std::printf("%s=%s\n", what, value.c_str());
 }
 
@@ -22,21 +22,21 @@ long SizeOf(const std::string& path) {
 void TellRequest(zan_cgi::Cgi& cgi) {
   std::vector<std::string> names;
   cgi.GetParams(names);
-  for (const std::string& name : names) Tell(name.c_str(), cgi.Param(name));
-  Tell("cookie", cgi.Cookie("second"));
+  for (const std::string& name : names) Print(name.c_str(), cgi.Param(name));
+  Print("cookie", cgi.Cookie("second"));
   cgi.GetFileNames(names);
   for (const std::string& name : names) {
-    Tell("path", cgi.File(name));
-    Tell("size", std::to_string(SizeOf(cgi.File(name))));
+    Print("path", cgi.File(name));
+    Print("size", std::to_string(SizeOf(cgi.File(name))));
   }
 }
 
 void TellCaller(zan_cgi::Cgi& cgi) {
   cgi.Authorize(zan_cgi::Cgi::AuthInfo::AuthAny);
-  Tell("user", cgi.auth().name);
-  Tell("level", std::to_string(cgi.auth().level));
-  Tell("language", cgi.auth().lang_word);
-  Tell("answer", cgi.Query({{"func", "a list"}}));
+  Print("user", cgi.auth().name);
+  Print("level", std::to_string(cgi.auth().level));
+  Print("language", cgi.auth().lang_word);
+  Print("answer", cgi.Query({{"func", "a list"}}));
 }
 
 }  // namespace
@@ -49,12 +49,12 @@ int main(int argc, char** argv) {
     TellRequest(cgi);
     TellCaller(cgi);
   } catch (const tov_err::Missed& error) {
-    Tell("missed", error.what());
+    Print("missed", error.what());
   } catch (const tov_err::Value& error) {
-    Tell("value", error.what());
+    Print("value", error.what());
   } catch (const tov_err::Error& error) {
-    Tell("error", error.what());
+    Print("error", error.what());
   } catch (const std::exception& error) {
-    Tell("exception", error.what());
+    Print("exception", error.what());
   }
 }

@@ -76,7 +76,7 @@ TEST_F(AccountOfATest, IsNotKnownToAFrontEndThatIsNotGivenIt) {
             "there is no account of this name");
 }
 
-TEST(WhyNoAccounts, SaysWhatIsMissing) {
+TEST(WhyNoAccounts, NamesWhatIsMissing) {
   const Outcome outcome = Child().Run([](const Reporter&) {
     BecomeOrdinaryUser();
     EXPECT_EQ(WhyNoAccounts(), "needs root");

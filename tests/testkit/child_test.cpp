@@ -48,13 +48,13 @@ TEST(Child, IsServedWholeByATestThatHandlesSignals) {
         Child()
             .Serve(Post("/panel").Fields({{"a", large}}))
             .With(backend)
-            .Run([](const Reporter& tell) {
+            .Run([](const Reporter& inner_report) {
               Cgi cgi("a/front", "backend");
               // Let the writers meet full buffers.
               std::this_thread::sleep_for(milliseconds(50));
-              tell("body", std::to_string(cgi.Param("a").size()));
+              inner_report("body", std::to_string(cgi.Param("a").size()));
               const std::string query(100'000, 'q');
-              tell("answer", std::to_string(cgi.Query(query).size()));
+              inner_report("answer", std::to_string(cgi.Query(query).size()));
             });
     report("body", inner.reported["body"]);
     report("answer", inner.reported["answer"]);
@@ -69,7 +69,7 @@ TEST(Child, IsServedWholeByATestThatHandlesSignals) {
   EXPECT_EQ(outcome.reported.at("query"), "1");
 }
 
-TEST(Child, TellsWhatHasEndedIt) {
+TEST(Child, ReportsHowItEnded) {
   struct Own : std::runtime_error {
     using std::runtime_error::runtime_error;
   };
@@ -100,7 +100,7 @@ TEST(Child, ThatHangsIsEnded) {
   EXPECT_EQ(outcome.status, 128 + SIGKILL);
 }
 
-TEST(Child, TellsHowItHasEndedAlsoWhereTheEndsOfChildrenAreIgnored) {
+TEST(Child, ReportsHowItEndedWhereSigchldIsIgnored) {
   const auto before = ::signal(SIGCHLD, SIG_IGN);
   const Outcome outcome =
       Child().Run([](const Reporter&) { ::raise(SIGKILL); });
@@ -108,7 +108,7 @@ TEST(Child, TellsHowItHasEndedAlsoWhereTheEndsOfChildrenAreIgnored) {
   EXPECT_EQ(::signal(SIGCHLD, before), SIG_IGN);
 }
 
-TEST(Child, ThatLeavesAProcessOrADescriptorIsToldOf) {
+TEST(Child, ThatLeavesAProcessOrADescriptorIsReported) {
   const Outcome outcome = Child().Run([](const Reporter&) {
     ::dup(0);
     if (::fork() == 0) ::pause();

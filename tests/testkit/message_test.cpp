@@ -21,7 +21,7 @@ TEST(UrlEncoded, IsWhatBrowsersSend) {
   EXPECT_EQ(UrlEncoded({}), "");
 }
 
-TEST(FromUrlEncoded, IsTheWayBack) {
+TEST(FromUrlEncoded, ReversesUrlEncoded) {
   std::string all;
   for (int byte = 0; byte < 256; ++byte) all += static_cast<char>(byte);
   const Items items{{all, all}, {"", "x"}, {"x", ""}};
@@ -33,7 +33,7 @@ TEST(FromUrlEncoded, TakesOddItems) {
             (Items{{"a", ""}, {"b", "1=2"}, {"%4", ""}, {"%zz", "%"}}));
 }
 
-TEST(Request, DeclaresTheLengthOfItsBodyUnlessToldAnother) {
+TEST(Request, DeclaresTheLengthOfItsBodyByDefault) {
   EXPECT_EQ(Post("/").Environment().count("CONTENT_LENGTH"), 0U);
   auto environment = Post("/").Body("abc", "a/b").Environment();
   EXPECT_EQ(environment["CONTENT_LENGTH"], "3");
@@ -100,7 +100,7 @@ TEST(Form, CannotUrlEncodeAPartThatIsGivenAsItIs) {
                std::logic_error);
 }
 
-TEST(Submit, SaysWhereTheFormComesFrom) {
+TEST(Submit, SendsTheOriginOfTheForm) {
   const Form form = Form().Field("a", "1 2").File("f", "x", "y");
   auto environment = Post("/").Submit(form).Environment();
   EXPECT_EQ(environment["CONTENT_TYPE"], form.ContentType());
@@ -161,7 +161,7 @@ TEST(ParseResponse, FindsStatusAndCookies) {
   EXPECT_EQ(response.Cookie("c"), "");
 }
 
-TEST(ParseResponse, SaysWhatIsNoAnswer) {
+TEST(ParseResponse, ReportsWhatIsNoAnswer) {
   for (const auto& [answer, complaint] :
        {std::pair("", "no empty line behind the header"),
         {"Content-Type: a\r\n", "no empty line behind the header"},

@@ -57,7 +57,7 @@ TEST(Program, GetsTheEnvironmentOfARequest) {
   }
 }
 
-TEST(Program, GetsNothingOfTheTestsOwn) {
+TEST(Program, InheritsNoVariableOrDescriptorOfTheTest) {
   ASSERT_EQ(::setenv("ZANCGI_TEST_OWN", "1", 1), 0);
   EXPECT_EQ(Do("environment").body.find("ZANCGI_TEST_OWN"), std::string::npos);
   EXPECT_EQ(Do("environment").body.find("TOV_"), std::string::npos);
@@ -76,7 +76,7 @@ TEST(Program, GetsSignalsAsUsual) {
   ::signal(SIGPIPE, before);
 }
 
-TEST(Program, StartsInItsFolderUnderItsPathUnlessToldOtherwise) {
+TEST(Program, StartsInItsFolderUnderItsPathByDefault) {
   EXPECT_EQ(Do("folder").body, std::filesystem::path(ODD_FRONT).parent_path());
   EXPECT_EQ(Do("name").body, ODD_FRONT);
   const Scratch scratch;
@@ -92,7 +92,7 @@ TEST(Program, ThatCannotBeStartedIsAnError) {
                std::system_error);
 }
 
-TEST(Program, TakesOnAnIdentityWhenRoot) {
+TEST(Program, RunsAsAnotherUserWhenStartedByRoot) {
   if (!IsRoot()) GTEST_SKIP() << "needs root";
   const Scratch scratch;
   std::filesystem::permissions(scratch.Path(), std::filesystem::perms{0755});
@@ -107,7 +107,7 @@ TEST(Program, TakesOnAnIdentityWhenRoot) {
             "files left: 'folder' 'folder/file'");
 }
 
-TEST(Body, ComesInTheWayThatIsAskedFor) {
+TEST(Body, ArrivesByTheChosenDelivery) {
   const Program program(ODD_FRONT);
   const std::string large(200'000, 'x');
   for (const auto& [delivery, kind] : {std::pair(Delivery::Pipe, "pipe"),
@@ -123,7 +123,7 @@ TEST(Body, ComesInTheWayThatIsAskedFor) {
   }
 }
 
-TEST(Body, ComesInPieces) {
+TEST(Body, ArrivesInPieces) {
   const auto begin = std::chrono::steady_clock::now();
   const Response response = Do(Post("/odd", "body")
                                    .Body("abcde", "text/plain")
@@ -184,7 +184,7 @@ TEST(Program, ThatWaitsForAStallingVisitorIsEndedToo) {
   EXPECT_TRUE(response.timed_out);
 }
 
-TEST(Program, GoesWithATestThatIsEnded) {
+TEST(Program, EndsWithItsTest) {
   // Its directory goes with this process, which is not ended.
   const Program program(ODD_FRONT);
   const Outcome outcome =
@@ -197,7 +197,7 @@ TEST(Program, GoesWithATestThatIsEnded) {
   EXPECT_EQ(outcome.left_processes, std::vector<std::string>{});
 }
 
-TEST(Program, ThatLeavesAProcessOrFilesIsToldOfOnce) {
+TEST(Program, ThatLeavesAProcessOrFilesIsReportedOnce) {
   const Response response = Do("process");
   EXPECT_FALSE(response.timed_out);
   EXPECT_EQ(response.exit_status, 0);
@@ -209,14 +209,14 @@ TEST(Program, ThatLeavesAProcessOrFilesIsToldOfOnce) {
   EXPECT_TRUE(program.Run(Get("/", "body")).left_files.empty());
 }
 
-TEST(Program, ThatEndsBadlyIsToldOf) {
+TEST(Program, ThatEndsBadlyIsReported) {
   EXPECT_EQ(Do("fail").Complaints(),
             "exit status 3; no empty line behind the header");
   EXPECT_EQ(Do("die").exit_status, 128 + SIGTERM);
   EXPECT_EQ(Do("nothing").Complaints(), "no empty line behind the header");
 }
 
-TEST(Program, LeavesNothingHere) {
+TEST(Program, LeavesNoDescriptorFolderOrProcessInTheTest) {
   const std::string tmp_dir = [] {
     Backend backend;
     const std::ptrdiff_t before = CountDescriptors();
@@ -259,7 +259,7 @@ TEST(BackendOfAProgram, AnswersStepByStep) {
   EXPECT_EQ(backend.StepsLeft(), 0U);
 }
 
-TEST(BackendOfAProgram, AnswersByWhatIsAskedForBehindItsScript) {
+TEST(BackendOfAProgram, AnswersByFunctionAfterItsScript) {
   Backend backend;
   backend.Then(Answer("first"))
       .On("b", Answer("2"))
@@ -281,7 +281,7 @@ TEST(BackendOfAProgram, CollectsWhatItDoesNotExpect) {
   EXPECT_THROW(backend.On("a", Refuse()), std::invalid_argument);
 }
 
-TEST(BackendOfAProgram, RefusesWithoutAScriptAndBehindIt) {
+TEST(BackendOfAProgram, RefusesWithoutAScriptAndAfterIt) {
   Backend backend;
   for (const std::size_t asked : {0U, 1U}) {
     const Response response = Ask(backend);
@@ -301,7 +301,7 @@ TEST(BackendOfAProgram, RefusesFromAStepToTheEndOfTheRun) {
   EXPECT_EQ(Ask(backend).body, "3,4");
 }
 
-TEST(BackendOfAProgram, BreaksOffInEveryWay) {
+TEST(BackendOfAProgram, BreaksConnectionsOffInEachManner) {
   for (const Step& step :
        {Reset(), CloseSilently(), AnswerThenReset("half an answer")}) {
     Backend backend;

@@ -11,7 +11,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-TEST(Scratch, GoesWithFoldersThatATestHasLocked) {
+TEST(Scratch, RemovesFoldersThatATestHasLocked) {
   const Outcome outcome = Child().Run([](const Reporter& report) {
     BecomeOrdinaryUser();
     const Scratch scratch;

@@ -50,7 +50,7 @@ struct Row {
   std::vector<std::string> not_to;
 };
 
-TEST_F(Cookies, GoToTheirPath) {
+TEST_F(Cookies, AreSentToTheirPath) {
   for (const Row& row : std::vector<Row>{
            {"a=1; Path=/", "/x/y", {"/", "/x", "/z/z"}, {}},
            {"a=1; Path=/x", "/", {"/x", "/x/", "/x/y"}, {"/", "/xy", "/y/x"}},
@@ -102,7 +102,7 @@ TEST_F(Cookies, ThatAreNotForTheRequestAreNotTaken) {
   }
 }
 
-TEST_F(Cookies, ThatAreSecureGoByHttpsOnly) {
+TEST_F(Cookies, ThatAreSecureAreSentByHttpsOnly) {
   visit_.Take("a=1; Secure; Path=/", Secure(Get("/")));
   visit_.Take("__Host-b=2; Secure; Path=/", Secure(Get("/")));
   EXPECT_EQ(visit_.Cookie("a", Get("/")), "");
@@ -111,7 +111,7 @@ TEST_F(Cookies, ThatAreSecureGoByHttpsOnly) {
   EXPECT_EQ(visit_.Cookie("__Host-b", Secure(Get("/"))), "2");
 }
 
-TEST_F(Cookies, GoWhenTheirTimeIsUp) {
+TEST_F(Cookies, ExpireWhenTheirTimeIsUp) {
   visit_.Take("a=1; Max-Age=60", Get("/"));
   visit_.Take("b=1; Max-Age=3600; Expires=Thu, 01 Jan 1970 00:00:00 GMT",
               Get("/"));

@@ -1,5 +1,3 @@
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/socket.h>
@@ -8,45 +6,21 @@
 #include <sys/wait.h>
 #include <tov/client.h>
 #include <tov/err.h>
-#include <unistd.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/scratch.h>
 
 #include <cstring>
 #include <memory>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "support/backend.h"
-#include "support/clean_run.h"
 #include "support/signals.h"
+#include "support/test.h"
 
+namespace support {
 namespace {
 
 using namespace std::string_literals;
 
-using support::Backend;
-using support::Block;
-using support::EndSignalStorm;
-using support::IsPending;
-using support::RunWithoutLeak;
-using support::SignalsCounted;
-using support::StartSignalStorm;
 using tov_client::Connect;
 using tov_client::Protocol;
-using zan_cgi::testing::Answer;
-using zan_cgi::testing::AnswerByteByByte;
-using zan_cgi::testing::AnswerThenReset;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::CloseSilently;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::Query;
-using zan_cgi::testing::Refuse;
-using zan_cgi::testing::Reporter;
-using zan_cgi::testing::Reset;
-using zan_cgi::testing::Scratch;
-using zan_cgi::testing::Step;
 using Lines = std::vector<std::string>;
 
 constexpr char kTooShort[] =
@@ -67,7 +41,7 @@ std::string WholeAnswer(Protocol& protocol, std::size_t size) {
   return answer;
 }
 
-/// One whole conversation; tells its "answer".
+/// One whole conversation; reports its "answer".
 Outcome Converse(Backend& backend, const Lines& lines,
                  std::size_t piece = 4096) {
   return RunWithoutLeak(Child().With(backend), [&](const Reporter& report) {
@@ -171,7 +145,7 @@ int Listen(const std::string& socket_path, int backlog) {
   return listener;
 }
 
-/// A service in the client's own process: it does nothing unless it is told to.
+/// A service in the client's own process: it does only what the test calls.
 class OwnService {
  public:
   OwnService() : listener_(Listen(run_dir_ / "own.sock", 1)) {
@@ -344,7 +318,7 @@ TEST(Connect, FailsWhenNobodyListens) {
       << outcome.error;
 }
 
-TEST(Connect, LooksInTheDefaultDirectoryUnlessToldOtherwise) {
+TEST(Connect, LooksInTheDefaultDirectoryUnlessAnotherIsSet) {
   const std::string name = "no-such-service-for-tests";
   const Outcome unset =
       RunWithoutLeak(Child(), [&](const Reporter&) { Connect(name, false); });
@@ -357,7 +331,7 @@ TEST(Connect, LooksInTheDefaultDirectoryUnlessToldOtherwise) {
   }
 }
 
-TEST(Connect, HandsOutNoStandardDescriptor) {
+TEST(Connect, NeverUsesAStandardDescriptor) {
   Backend backend;
   backend.Then(Answer("x"));
   const Outcome outcome =
@@ -412,7 +386,7 @@ TEST(Connect, ClosesTheConnectionWhenDestroyed) {
   EXPECT_EQ(backend.Queries()[0].raw, "");
 }
 
-TEST(AnswerText, IsHandedOnByteForByte) {
+TEST(AnswerText, IsReturnedByteForByte) {
   std::string bytes;
   for (int byte = 0; byte < 256; ++byte) bytes += static_cast<char>(byte);
   ExpectEach({"<doc/>", bytes, "\n",
@@ -431,7 +405,7 @@ TEST(AnswerText, MayBeLargeAndTakenInSmallPieces) {
   }
 }
 
-TEST(AnswerText, HasEndedForGood) {
+TEST(AnswerText, StaysEnded) {
   Backend backend;
   backend.Then(Answer("x"));
   const Outcome outcome =
@@ -665,3 +639,5 @@ extern "C" __attribute__((visibility("default"))) int socket(
   ++sockets;
   return static_cast<int>(::syscall(SYS_socket, domain, type, protocol));
 }
+
+}  // namespace support

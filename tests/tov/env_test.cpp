@@ -1,17 +1,11 @@
-#include <gtest/gtest.h>
 #include <stdlib.h>
 #include <tov/env.h>
-#include <unistd.h>
-#include <zancgi/testing/child.h>
 
-#include <map>
-#include <string>
-#include <vector>
+#include "support/test.h"
 
+namespace support {
 namespace {
 
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Reporter;
 using Variables = std::map<std::string, std::string>;
 
 std::string AllEnvs() {
@@ -68,7 +62,7 @@ TEST(GetEnv, SeesLaterChanges) {
   EXPECT_EQ(outcome.reported.at("after"), "1");
 }
 
-TEST(GetAllEnvs, GivesEveryVariable) {
+TEST(GetAllEnvs, ReturnsEveryVariable) {
   EXPECT_EQ(AllEnvsOf({"B=2=3", "A=1", "C="}), "[A=1][B=2=3][C=]");
   EXPECT_EQ(AllEnvsOf({}), "");
   // Not what has no name or no equals sign, nor the second of a name.
@@ -96,3 +90,4 @@ TEST(GetAllEnvs, ReplacesWhatWasInTheMap) {
 }
 
 }  // namespace
+}  // namespace support

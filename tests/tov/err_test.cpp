@@ -45,7 +45,7 @@ TEST(Error, KeepsItsTextWhenCopied) {
   ExpectToKeepItsText(tov_err::AssertError("a"), tov_err::AssertError("b"));
 }
 
-TEST(Error, TellsWhatItWasGiven) {
+TEST(Error, ReturnsTheTextThatItWasGiven) {
   EXPECT_STREQ(tov_err::Error("cannot open 'x'").what(), "cannot open 'x'");
   EXPECT_STREQ(tov_err::Value("service", "../x").what(),
                "bad value '../x' of 'service'");

@@ -1,34 +1,21 @@
 // What happens when something fails, or somebody acts, between two calls on
 // files.
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <tov/err.h>
 #include <tov/file.h>
-#include <unistd.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/scratch.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <cstring>
-#include <filesystem>
-#include <functional>
 #include <set>
-#include <string>
 #include <string_view>
 #include <tuple>
-#include <utility>
-#include <vector>
 
-#include "files.h"
-#include "support/clean_run.h"
 #include "support/file_calls.h"
+#include "support/files.h"
 #include "support/mount.h"
+#include "support/test.h"
 
-namespace files {
+namespace support {
 namespace {
 
 /// What is copied in one piece.
@@ -103,7 +90,8 @@ class CopyingMove : public testing::TestWithParam<std::tuple<bool, bool>> {
 
   void MakeSource() const { SourceFolder().MakeFile("source", content_); }
 
-  /// Runs the move in a child, tells "drafts": files with a name that it made.
+  /// Runs the move in a child, reports "drafts": files with a name that it
+  /// made.
   Outcome Run(const FileCallWatcher& watcher) const {
     return Child().Run(
         [&](const Reporter& report) { RunHere(watcher, report); });
@@ -127,7 +115,7 @@ class CopyingMove : public testing::TestWithParam<std::tuple<bool, bool>> {
 
   static void ExpectCleanEnd(const Outcome& outcome) {
     EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
-    EXPECT_EQ(outcome.leaked_descriptors, Names{});
+    EXPECT_EQ(outcome.leaked_descriptors, Strings{});
   }
 
   /// The move has been refused, since the target was there by then.
@@ -137,7 +125,7 @@ class CopyingMove : public testing::TestWithParam<std::tuple<bool, bool>> {
                                  "': " + std::strerror(EEXIST));
     ExpectWay(outcome);
     EXPECT_EQ(ReadFile(Target()), "other");
-    EXPECT_EQ(Leftovers(), Names{});
+    EXPECT_EQ(Leftovers(), Strings{});
     EXPECT_TRUE(fs::exists(Source()));
   }
 
@@ -145,8 +133,8 @@ class CopyingMove : public testing::TestWithParam<std::tuple<bool, bool>> {
     ExpectCleanEnd(outcome);
     EXPECT_EQ(outcome.error, "");
     EXPECT_TRUE(ReadFile(Target()) == content_);
-    EXPECT_EQ(Folder().List(), Names{"target"});
-    EXPECT_EQ(SourceFolder().List(), Names{});
+    EXPECT_EQ(Folder().List(), Strings{"target"});
+    EXPECT_EQ(SourceFolder().List(), Strings{});
   }
 
   void ExpectMovedByItsWay(const Outcome& outcome) const {
@@ -157,7 +145,7 @@ class CopyingMove : public testing::TestWithParam<std::tuple<bool, bool>> {
   void ExpectNotMoved(const Outcome& outcome) const {
     ExpectCleanEnd(outcome);
     EXPECT_EQ(outcome.error_type, "tov_err::Error");
-    EXPECT_EQ(Folder().List(), Names{});
+    EXPECT_EQ(Folder().List(), Strings{});
     EXPECT_TRUE(ReadFile(Source()) == content_);
   }
 
@@ -177,8 +165,8 @@ class CopyingMove : public testing::TestWithParam<std::tuple<bool, bool>> {
   }
 
   /// What is there besides the target.
-  Names Leftovers() const {
-    Names names = Folder().List();
+  Strings Leftovers() const {
+    Strings names = Folder().List();
     std::erase(names, "target");
     return names;
   }
@@ -210,7 +198,7 @@ INSTANTIATE_TEST_SUITE_P(File, CopyingMove,
                          NameOf);
 
 TEST_P(CopyingMove, ShowsAFileMeanwhileOnlyWhereItMust) {
-  Names seen;
+  Strings seen;
   const Outcome outcome = Child().Run([&](const Reporter& report) {
     RunHere(Before("write", [&] { seen = Folder().List(); }), report);
     ASSERT_EQ(seen.size(), ByName() ? 1U : 0U);
@@ -237,7 +225,7 @@ TEST_P(CopyingMove, ThatIsKilledAtAnyCallLosesNothing) {
     if (outcome.status == 0) break;
     ASSERT_EQ(outcome.status, 128 + SIGKILL);
     ExpectNothingLost();
-    const Names left = Leftovers();
+    const Strings left = Leftovers();
     ASSERT_LE(left.size(), ByName() ? 1U : 0U) << left[0];
     if (!left.empty()) {
       EXPECT_TRUE(IsDraft(left[0])) << left[0];
@@ -289,9 +277,9 @@ TEST_P(CopyingMove, RefusesASourceThatHasBecomeShorter) {
     EXPECT_EQ(outcome.error_type, "tov_err::Error");
     EXPECT_EQ(outcome.error,
               "'" + Source() + "' became shorter while it was moved");
-    EXPECT_EQ(outcome.leaked_descriptors, Names{});
+    EXPECT_EQ(outcome.leaked_descriptors, Strings{});
     EXPECT_EQ(ReadFile(Source()).size(), kPiece);
-    EXPECT_EQ(Folder().List(), Names{});
+    EXPECT_EQ(Folder().List(), Strings{});
     StartAgain();
   }
 }
@@ -439,8 +427,8 @@ TEST(FailingMoveByLink, TakesTheNewNameBackAndReportsTheReason) {
     EXPECT_EQ(outcome.error, "cannot move '" + source + "' to '" + target +
                                  "': " + std::strerror(EPERM));
     EXPECT_EQ(scratch.List(), error_of_taking_back == 0
-                                  ? Names{"source"}
-                                  : (Names{"source", "target"}));
+                                  ? Strings{"source"}
+                                  : (Strings{"source", "target"}));
   }
 }
 
@@ -478,7 +466,7 @@ TEST(MkDirUnderAttack, ChangesNothingElse) {
         ASSERT_EQ(put(victim, path), 0);
         ASSERT_EQ(::chmod(victim.c_str(), 0700), 0);
       }));
-      const Attrs attrs(0755);
+      const tov_file::Attrs attrs(0755);
       tov_file::MkDir(path, &attrs);
     });
     EXPECT_EQ(outcome.status, 0);
@@ -489,4 +477,4 @@ TEST(MkDirUnderAttack, ChangesNothingElse) {
 }
 
 }  // namespace
-}  // namespace files
+}  // namespace support

@@ -1,35 +1,20 @@
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <tov/err.h>
 #include <tov/file.h>
-#include <unistd.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/scratch.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <cstring>
-#include <filesystem>
-#include <functional>
 #include <initializer_list>
-#include <map>
 #include <set>
-#include <string>
-#include <utility>
-#include <vector>
 
-#include "files.h"
-#include "support/clean_run.h"
 #include "support/file_calls.h"
+#include "support/files.h"
 #include "support/mount.h"
 #include "support/new_operator.h"
 #include "support/terminal.h"
+#include "support/test.h"
 
-namespace files {
+namespace support {
 namespace {
 
-using support::RunWithoutLeak;
 using Work = std::function<void()>;
 
 constexpr uid_t kNobody = 65534;
@@ -40,10 +25,6 @@ FileCallWatcher watcher;
 std::string OwnerOf(const std::string& path) {
   const struct stat found = StatOf(path);
   return std::to_string(found.st_uid) + ":" + std::to_string(found.st_gid);
-}
-
-bool IsThere(const std::string& path) {
-  return fs::exists(fs::symlink_status(path));
 }
 
 void Chmod(const std::string& path, mode_t mode) {
@@ -154,7 +135,7 @@ TEST(RemoveFile, RemovesAFileOrALinkAndNotItsTarget) {
         scratch / "missing/file", scratch / "target/file"}) {
     EXPECT_NO_THROW(tov_file::RemoveFile(path)) << path;
   }
-  EXPECT_EQ(scratch.List(), Names{"target"});
+  EXPECT_EQ(scratch.List(), Strings{"target"});
 }
 
 TEST(RemoveFile, ReportsADirectoryAndWhatIsNotAllowed) {
@@ -276,7 +257,7 @@ TEST_F(RealPath, RefusesWhatCannotBeFollowed) {
   });
 }
 
-TEST(Info, KnowsADirectoryAndFollowsLinksUnlessToldOtherwise) {
+TEST(Info, KnowsADirectoryAndFollowsLinksByDefault) {
   const Scratch scratch;
   const std::string link = Link(scratch, "link", scratch.Path());
   EXPECT_TRUE(tov_file::Info(scratch.Path(), false).IsDir());
@@ -297,11 +278,12 @@ TEST(Info, OfAMissingFileIsAnError) {
 }
 
 TEST(MkDir, GivesItTheAttributesOrItsOwnerAloneWhateverTheUmask) {
-  const Attrs attrs(02755);
+  const tov_file::Attrs attrs(02755);
   const Scratch scratch;
   const std::string path = scratch / "new";
   for (const auto& [given, mode] :
-       {std::pair<const Attrs*, mode_t>(nullptr, 0700), {&attrs, 02755}}) {
+       {std::pair<const tov_file::Attrs*, mode_t>(nullptr, 0700),
+        {&attrs, 02755}}) {
     Do([&, given = given] {
       ::umask(given == nullptr ? 0 : 077);
       tov_file::MkDir(path, given);
@@ -315,7 +297,7 @@ TEST(MkDir, GivesItTheAttributesOrItsOwnerAloneWhateverTheUmask) {
 TEST(MkDir, GivesItItsOwner) {
   if (!IsRoot()) GTEST_SKIP() << "needs root";
   const Scratch scratch;
-  const Attrs attrs(0750, 1234, 1235);
+  const tov_file::Attrs attrs(0750, 1234, 1235);
   tov_file::MkDir(scratch / "new", &attrs);
   EXPECT_EQ(OwnerOf(scratch / "new"), "1234:1235");
   EXPECT_EQ(ModeOf(scratch / "new"), 0750u);
@@ -324,7 +306,7 @@ TEST(MkDir, GivesItItsOwner) {
 TEST(MkDir, LeavesAnExistingDirectoryAsItIs) {
   const Scratch scratch;
   Chmod(scratch.MakeDir("old"), 0751);
-  const Attrs attrs(0700);
+  const tov_file::Attrs attrs(0700);
   tov_file::MkDir(scratch / "old", &attrs);
   tov_file::MkDir(scratch / "old", nullptr);
   EXPECT_EQ(ModeOf(scratch / "old"), 0751u);
@@ -336,18 +318,18 @@ TEST(MkDir, MakesNoParentsAndRefusesAnythingElseAtItsPlace) {
     ExpectFailure(path, reason, [&] { tov_file::MkDir(path, nullptr); });
   };
   expect_failure(scratch / "missing/new", ENOENT);
-  EXPECT_EQ(scratch.List(), Names{});
+  EXPECT_EQ(scratch.List(), Strings{});
   for (const std::string& path :
        {scratch.MakeFile("file"), Fifo(scratch, "fifo"),
         Link(scratch, "dangling", "missing")}) {
     expect_failure(path, EEXIST);
   }
-  EXPECT_EQ(scratch.List(), (Names{"dangling", "fifo", "file"}));
+  EXPECT_EQ(scratch.List(), (Strings{"dangling", "fifo", "file"}));
 }
 
 TEST(MkDir, LeavesNoneWhereItOrItsOwnerIsNotAllowed) {
   const OpenScratch scratch;
-  const Attrs of_root(0750, 0, 0);
+  const tov_file::Attrs of_root(0750, 0, 0);
   const std::string path = scratch / "new";
   Chmod(scratch.Path(), 0555);
   ExpectFailure(path, EACCES,
@@ -355,7 +337,7 @@ TEST(MkDir, LeavesNoneWhereItOrItsOwnerIsNotAllowed) {
   Chmod(scratch.Path(), 0777);
   ExpectFailure(path, EPERM,
                 AsOrdinaryUser([&] { tov_file::MkDir(path, &of_root); }));
-  EXPECT_EQ(scratch.List(), Names{});
+  EXPECT_EQ(scratch.List(), Strings{});
 }
 
 enum class Way {
@@ -411,8 +393,8 @@ TEST_P(Move, TakesTheContentAlong) {
   for (const std::string& whole : {content, std::string()}) {
     Do(MoveOf(from_.MakeFile("source", whole)));
     EXPECT_TRUE(ReadFile(Target()) == whole);
-    EXPECT_EQ(from_.List(), Names{});
-    EXPECT_EQ(to_.List(), Names{"target"});
+    EXPECT_EQ(from_.List(), Strings{});
+    EXPECT_EQ(to_.List(), Strings{"target"});
     fs::remove(Target());
   }
 }
@@ -456,7 +438,7 @@ TEST_P(Move, RefusesAnExistingTarget) {
   ExpectFailure(Target(), 0, MoveOf(source));
   EXPECT_TRUE(fs::is_empty(Target()));
   EXPECT_EQ(ReadFile(source), "new");
-  EXPECT_EQ(to_.List(), Names{"target"});
+  EXPECT_EQ(to_.List(), Strings{"target"});
 }
 
 TEST_P(Move, RefusesALinkAtTheTarget) {
@@ -465,12 +447,12 @@ TEST_P(Move, RefusesALinkAtTheTarget) {
   for (const std::string& victim : {secret, from_ / "missing"}) {
     Link(to_, "target", victim);
     ExpectFailure(Target(), EEXIST, MoveOf(source));
-    EXPECT_EQ(to_.List(), Names{"target"});
+    EXPECT_EQ(to_.List(), Strings{"target"});
     fs::remove(Target());
   }
   EXPECT_EQ(ReadFile(source), "new");
   EXPECT_EQ(ReadFile(secret), "secret");
-  EXPECT_EQ(from_.List(), (Names{"secret", "source"}));
+  EXPECT_EQ(from_.List(), (Strings{"secret", "source"}));
 }
 
 TEST_P(Move, RefusesASourceThatIsNoRegularFile) {
@@ -480,7 +462,7 @@ TEST_P(Move, RefusesASourceThatIsNoRegularFile) {
         Fifo(from_, "fifo"), from_.MakeDir("directory")}) {
     ExpectFailure(source, 0, MoveOf(source));
     EXPECT_TRUE(IsThere(source));
-    EXPECT_EQ(to_.List(), Names{}) << source;
+    EXPECT_EQ(to_.List(), Strings{}) << source;
   }
   EXPECT_EQ(ReadFile(from_ / "file"), "x");
 }
@@ -491,7 +473,7 @@ TEST_P(Move, ReportsWhatIsMissing) {
   const std::string target = to_ / "missing/target";
   ExpectFailure(target, ENOENT, [&] { tov_file::Move(source, target); });
   EXPECT_EQ(ReadFile(source), "x");
-  EXPECT_EQ(to_.List(), Names{});
+  EXPECT_EQ(to_.List(), Strings{});
 }
 
 TEST_P(Move, ReportsFoldersThatMayNotBeChanged) {
@@ -504,7 +486,7 @@ TEST_P(Move, ReportsFoldersThatMayNotBeChanged) {
     Chmod(folder->Path(), 0777);
     ExpectBlame(error, blamed, EACCES);
     EXPECT_EQ(ReadFile(source), "x");
-    EXPECT_EQ(to_.List(), Names{});
+    EXPECT_EQ(to_.List(), Strings{});
   }
 }
 
@@ -520,7 +502,7 @@ TEST_P(MoveAcross, FailsWhenTheOwnerCannotBeKept) {
   Chmod(source, 0644);
   ExpectFailure("", 0, AsOrdinaryUser(MoveOf(source)));
   EXPECT_EQ(ReadFile(source), "x");
-  EXPECT_EQ(to_.List(), Names{});
+  EXPECT_EQ(to_.List(), Strings{});
 }
 
 TEST_P(MoveAcross, LosesNothingOnAFullDisk) {
@@ -536,7 +518,7 @@ TEST_P(MoveAcross, LosesNothingOnAFullDisk) {
       ExpectBlame(std::string("tov_err::Error: ") + error.what(), Target(),
                   ENOSPC);
     }
-    EXPECT_EQ(to_.List(), Names{});
+    EXPECT_EQ(to_.List(), Strings{});
   });
   EXPECT_TRUE(ReadFile(source) == content);
 }
@@ -562,7 +544,7 @@ TEST_P(MoveAcross, CopiesNothingThatReplacesTheSource) {
     };
     ExpectFailure(source, 0, MoveOf(source));
     EXPECT_EQ(StatOf(source).st_mode & S_IFMT, type);
-    EXPECT_EQ(to_.List(), Names{});
+    EXPECT_EQ(to_.List(), Strings{});
     fs::remove(source);
     from_.MakeFile("source", "x");
   }
@@ -583,7 +565,7 @@ TEST_P(Move, WithoutMemoryLeavesNothing) {
     if (error == ": ") break;
     EXPECT_TRUE(error.starts_with("std::bad_alloc: ")) << error;
     EXPECT_EQ(ReadFile(source), "x");
-    EXPECT_EQ(to_.List(), Names{});
+    EXPECT_EQ(to_.List(), Strings{});
     ++allocations;
   } while (!HasFailure());
   EXPECT_EQ(ReadFile(Target()), "x");
@@ -613,7 +595,7 @@ INSTANTIATE_TEST_SUITE_P(File, MoveByLink, testing::Values(EINVAL, ENOSYS));
 TEST_P(MoveByLink, TakesTheFileAlong) {
   const ino_t inode = StatOf(scratch_.MakeFile("source", "x")).st_ino;
   EXPECT_EQ(ErrorOfMove(), ": ");
-  EXPECT_EQ(scratch_.List(), Names{"target"});
+  EXPECT_EQ(scratch_.List(), Strings{"target"});
   EXPECT_EQ(StatOf(scratch_ / "target").st_ino, inode);
 }
 
@@ -626,10 +608,11 @@ TEST_P(MoveByLink, RefusesAnExistingTarget) {
   Link(scratch_, "target", "missing");
   ExpectBlame(ErrorOfMove(), target, EEXIST);
   EXPECT_EQ(ReadFile(scratch_ / "source"), "new");
-  EXPECT_EQ(scratch_.List(), (Names{"source", "target"}));
+  EXPECT_EQ(scratch_.List(), (Strings{"source", "target"}));
 }
 
-Work SafeSet(const Attrs& attrs, const std::string& path, bool must_exist) {
+Work SafeSet(const tov_file::Attrs& attrs, const std::string& path,
+             bool must_exist) {
   return [=] { attrs.SafeSet(path, must_exist); };
 }
 
@@ -641,7 +624,7 @@ TEST(SafeSet, SetsTheModeWhateverTheUmask) {
         Fifo(scratch, "fifo")}) {
     Do([&] {
       ::umask(077);
-      Attrs(0664).SafeSet(path, false);
+      tov_file::Attrs(0664).SafeSet(path, false);
     });
     EXPECT_EQ(ModeOf(path), 0664u) << path;
   }
@@ -652,10 +635,10 @@ TEST(SafeSet, SetsTheOwnerBeforeTheMode) {
   const Scratch scratch;
   const std::string file = scratch.MakeFile("file");
   // A change of the owner would take the special bits away again.
-  Do(SafeSet(Attrs(06755, 1234, 1235), file, true));
+  Do(SafeSet(tov_file::Attrs(06755, 1234, 1235), file, true));
   EXPECT_EQ(OwnerOf(file), "1234:1235");
   EXPECT_EQ(ModeOf(file), 06755u);
-  Do(SafeSet(Attrs(0640), file, true));
+  Do(SafeSet(tov_file::Attrs(0640), file, true));
   EXPECT_EQ(OwnerOf(file), "1234:1235") << "the owner is left alone";
   EXPECT_EQ(ModeOf(file), 0640u);
 }
@@ -666,8 +649,8 @@ TEST(SafeSet, RefusesALink) {
   Chmod(file, 0600);
   for (const std::string& link :
        {Link(scratch, "link", "file"), Link(scratch, "dangling", "missing")}) {
-    ExpectFailure(link, 0, SafeSet(Attrs(0644), link, false));
-    ExpectFailure(link, 0, SafeSet(Attrs(0644), link, true));
+    ExpectFailure(link, 0, SafeSet(tov_file::Attrs(0644), link, false));
+    ExpectFailure(link, 0, SafeSet(tov_file::Attrs(0644), link, true));
   }
   EXPECT_EQ(ModeOf(file), 0600u);
 }
@@ -679,11 +662,12 @@ TEST(SafeSet, GivesNoFileAwayThatHasMoreThanOneName) {
   const std::string owner = OwnerOf(file);
   Chmod(file, 0600);
   fs::create_hard_link(file, link);
-  ExpectFailure(link, 0,
-                SafeSet(Attrs(0644, ::geteuid(), ::getegid()), link, false));
+  ExpectFailure(
+      link, 0,
+      SafeSet(tov_file::Attrs(0644, ::geteuid(), ::getegid()), link, false));
   EXPECT_EQ(ModeOf(file), 0600u);
   EXPECT_EQ(OwnerOf(file), owner);
-  Do(SafeSet(Attrs(0640), link, false));
+  Do(SafeSet(tov_file::Attrs(0640), link, false));
   EXPECT_EQ(ModeOf(file), 0640u) << "the owner is left alone";
 }
 
@@ -691,16 +675,17 @@ TEST(SafeSet, LeavesAMissingFileUnlessItMustExist) {
   const Scratch scratch;
   for (const std::string& path :
        {scratch / "missing", scratch / "missing/file"}) {
-    Do(SafeSet(Attrs(0644), path, false));
-    ExpectFailure(path, ENOENT, SafeSet(Attrs(0644), path, true));
+    Do(SafeSet(tov_file::Attrs(0644), path, false));
+    ExpectFailure(path, ENOENT, SafeSet(tov_file::Attrs(0644), path, true));
   }
-  EXPECT_EQ(scratch.List(), Names{});
+  EXPECT_EQ(scratch.List(), Strings{});
 }
 
 TEST(SafeSet, TakesNoTerminalForItsOwn) {
   if (!support::CanTakeTerminals()) GTEST_SKIP() << "needs terminals";
-  EXPECT_FALSE(support::TakesTerminal(
-      [](const std::string& path) { Attrs(0600).SafeSet(path, true); }));
+  EXPECT_FALSE(support::TakesTerminal([](const std::string& path) {
+    tov_file::Attrs(0600).SafeSet(path, true);
+  }));
 }
 
 TEST(SafeSet, WorksOnAFileThatItsOwnerMayNotRead) {
@@ -709,7 +694,7 @@ TEST(SafeSet, WorksOnAFileThatItsOwnerMayNotRead) {
   const std::string file = scratch / "file";
   Do(AsOrdinaryUser([&] {
     ::close(::open(file.c_str(), O_CREAT | O_WRONLY, 0000));
-    Attrs(0600).SafeSet(file, true);
+    tov_file::Attrs(0600).SafeSet(file, true);
   }));
   EXPECT_EQ(ModeOf(file), 0600u);
 }
@@ -719,14 +704,15 @@ TEST(SafeSet, ReportsWhatIsNotAllowed) {
   const OpenScratch scratch;
   const std::string file = scratch.MakeFile("file");
   Chmod(file, 0644);
-  ExpectFailure(file, EPERM, AsOrdinaryUser(SafeSet(Attrs(0666), file, false)));
+  ExpectFailure(file, EPERM,
+                AsOrdinaryUser(SafeSet(tov_file::Attrs(0666), file, false)));
   EXPECT_EQ(ModeOf(file), 0644u);
 }
 
 TEST(SafeSet, WorksWithoutStandardDescriptors) {
   const Scratch scratch;
   const std::string file = scratch.MakeFile("file");
-  Do(SafeSet(Attrs(0606), file, true), kWithoutStandardDescriptors);
+  Do(SafeSet(tov_file::Attrs(0606), file, true), kWithoutStandardDescriptors);
   EXPECT_EQ(ModeOf(file), 0606u);
 }
 
@@ -776,7 +762,7 @@ TEST(Tmp, HasAFreshNameWhenTheFileCannotBeMade) {
     names.insert(random);
   }
   EXPECT_EQ(names.size(), 100U);
-  EXPECT_EQ(scratch.List(), Names{});
+  EXPECT_EQ(scratch.List(), Strings{});
 }
 
 TEST(Tmp, HasAFreshNameInAFolderThatMayNotBeChanged) {
@@ -787,8 +773,8 @@ TEST(Tmp, HasAFreshNameInAFolderThatMayNotBeChanged) {
     EXPECT_TRUE(one.starts_with(scratch / "upload"));
     EXPECT_NE(one, tov_file::Tmp(scratch / "upload").Name());
   }));
-  EXPECT_EQ(scratch.List(), Names{});
+  EXPECT_EQ(scratch.List(), Strings{});
 }
 
 }  // namespace
-}  // namespace files
+}  // namespace support

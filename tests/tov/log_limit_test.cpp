@@ -1,30 +1,17 @@
-#include <gtest/gtest.h>
 #include <malloc.h>
 #include <stdlib.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <tov/log.h>
-#include <unistd.h>
-#include <zancgi/testing/child.h>
 #include <zancgi/testing/log.h>
-#include <zancgi/testing/scratch.h>
-
-#include <functional>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "support/file_calls.h"
+#include "support/test.h"
 
+namespace support {
 namespace {
 
 using tov_log::Warning;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Log;
-using zan_cgi::testing::LogLine;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::Reporter;
-using zan_cgi::testing::Scratch;
 using Texts = std::vector<std::string>;
 
 /// Does this while the next line is being written, as a signal handler could.
@@ -331,3 +318,4 @@ TEST(LogLimit, IsReportedWhenTheLibraryIsUnloaded) {
 }
 
 }  // namespace
+}  // namespace support

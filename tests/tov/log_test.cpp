@@ -1,20 +1,13 @@
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <tov/log.h>
-#include <unistd.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/identity.h>
-#include <zancgi/testing/scratch.h>
 
 #include <array>
 #include <atomic>
@@ -22,32 +15,17 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
-#include <functional>
-#include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
-#include "support/clean_run.h"
+#include "support/files.h"
 #include "support/mount.h"
 #include "support/signals.h"
 #include "support/terminal.h"
+#include "support/test.h"
 
+namespace support {
 namespace {
 
-using support::Block;
-using support::CountSignals;
-using support::EndSignalStorm;
-using support::IsBlocked;
-using support::IsPending;
-using support::RunWithoutError;
-using support::SignalsCounted;
-using support::StartSignalStorm;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::ReadFile;
-using zan_cgi::testing::Reporter;
-using zan_cgi::testing::Scratch;
 using Clock = std::chrono::steady_clock;
 using Texts = std::vector<std::string>;
 
@@ -92,7 +70,7 @@ std::string LineOfText(const std::string& text) {
   return InChild([&] { WriteText(text); }).standard_error;
 }
 
-/// The text of a line behind "zancgi[PID] core error: ".
+/// The text of a line after "zancgi[PID] core error: ".
 std::string TextOf(const std::string& line) {
   static const std::string kLevel = "] core error: ";
   const std::size_t found = line.find(kLevel);
@@ -264,7 +242,7 @@ TEST(LogLine, NamesEveryLevelAndIsWrittenWhateverItIs) {
   }
 }
 
-TEST(LogLine, IsHandedToTheSystemInOnePiece) {
+TEST(LogLine, IsWrittenByOneCall) {
   InChild([] {
     Log().Check(tov_log::Error);
     writes = 0;
@@ -440,9 +418,7 @@ TEST(LogTarget, MakesTheFileForOwnerAndGroup) {
     ::umask(0);
     WriteText("x");
   });
-  struct stat made;
-  ASSERT_EQ(::stat(file.Path().c_str(), &made), 0);
-  EXPECT_EQ(made.st_mode & 07777, 0640u);
+  EXPECT_EQ(ModeOf(file.Path()), 0640U);
 }
 
 TEST(LogTarget, IsAlwaysWrittenAtItsEnd) {
@@ -763,3 +739,5 @@ EXPORTED int TimedOutPoll(pollfd* fds, nfds_t nfds, int timeout) {
   if (polls_time_out) return 0;
   return static_cast<int>(::syscall(SYS_poll, fds, nfds, timeout));
 }
+
+}  // namespace support

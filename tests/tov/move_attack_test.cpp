@@ -5,34 +5,21 @@
 // the home: it can exchange whatever lies under either name at any moment. Here
 // it does so before each single call that the move consists of.
 
-#include <fcntl.h>
 #include <grp.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <tov/file.h>
-#include <unistd.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/scratch.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <functional>
-#include <map>
 #include <ostream>
 #include <sstream>
-#include <string>
 #include <tuple>
-#include <vector>
 
-#include "files.h"
-#include "support/clean_run.h"
 #include "support/file_calls.h"
+#include "support/files.h"
+#include "support/test.h"
 
-namespace files {
+namespace support {
 namespace {
 
 constexpr uid_t kAccount = 54321;
@@ -102,8 +89,8 @@ class Place {
   }
 
   /// All that is root's, as it is.
-  Names RootsFiles() const {
-    Names files;
+  Strings RootsFiles() const {
+    Strings files;
     for (const std::string& vault : {Vault(), HomeVault()}) {
       for (const auto& entry : fs::recursive_directory_iterator(vault)) {
         files.push_back(Describe(entry.path()));
@@ -201,10 +188,10 @@ bool Put(const Bait& bait, const std::string& path, const std::string& vault) {
 }
 
 /// When the account acts: before the call of this number, counted from the one
-/// behind the first of this name.
+/// after the first of this name.
 struct Moment {
   int at = 0;
-  std::string behind = {};
+  std::string after = {};
 };
 
 struct Attacked {
@@ -224,12 +211,12 @@ Attacked Attack(const Place& place, Way way, const Moment& moment,
         ::alarm(10);
         report("calls", "0");
         int calls = 0;
-        bool counts = moment.behind.empty();
+        bool counts = moment.after.empty();
         const Watch watch([&](const FileCall& call) {
           if (counts && calls++ == moment.at) {
             report("done", deed() ? "yes" : "no");
           }
-          counts = counts || call.name == moment.behind;
+          counts = counts || call.name == moment.after;
           report("calls", std::to_string(calls));
           if (way == Way::kLink && call.name == "renameat2") return EINVAL;
           const bool named =
@@ -251,12 +238,11 @@ bool AccountMayRead(const struct stat& file) {
   return (file.st_mode & S_IROTH) != 0;
 }
 
-/// That nothing within the account's reach tells a secret or gives it root's
-/// rights.
+/// Expects that no file within the account's reach holds a secret or gives it
+/// root's rights.
 void ExpectNoGainIn(const std::string& folder) {
   for (const auto& entry : fs::directory_iterator(folder)) {
-    struct stat found {};
-    ASSERT_EQ(::lstat(entry.path().c_str(), &found), 0);
+    const struct stat found = StatOf(entry.path());
     if (!S_ISREG(found.st_mode)) continue;
     const bool secret = ReadFile(entry.path()) == kSecret;
     EXPECT_FALSE(secret && AccountMayRead(found)) << entry.path();
@@ -267,7 +253,7 @@ void ExpectNoGainIn(const std::string& folder) {
   }
 }
 
-void ExpectNoGain(const Place& place, const Names& roots_files) {
+void ExpectNoGain(const Place& place, const Strings& roots_files) {
   EXPECT_EQ(place.RootsFiles(), roots_files);
   ExpectNoGainIn(place.Spool());
   ExpectNoGainIn(place.Home());
@@ -277,8 +263,8 @@ void ExpectNoGain(const Place& place, const Names& roots_files) {
 struct Aim {
   /// Where it is; empty while it is not there yet.
   std::string (Place::*path)() const;
-  /// The call behind which the account begins; from the first on if empty.
-  const char* behind = "";
+  /// The account begins after this call; with the first one if empty.
+  const char* after = "";
 };
 
 using Scenario = std::tuple<Way, Bait, Aim>;
@@ -345,9 +331,9 @@ TEST_P(MoveUnderAttack, GivesNothingAway) {
   for (int at = 0; at < calls; ++at) {
     SCOPED_TRACE("before call " + std::to_string(at));
     const Place place(IsCopy(TheWay()));
-    const Names roots_files = place.RootsFiles();
+    const Strings roots_files = place.RootsFiles();
     const Attacked attacked =
-        Attack(place, TheWay(), {at, TheAim().behind},
+        Attack(place, TheWay(), {at, TheAim().after},
                [&] { return Exchange((place.*TheAim().path)(), place); });
     calls = std::max(calls, attacked.calls);
     done += attacked.done ? 1 : 0;
@@ -431,8 +417,8 @@ TEST(CopyingMove, IsTakenBackWhenTheSourceCannotBeLookedAtAnyMore) {
   EXPECT_EQ(outcome.error,
             "cannot remove '" + source + "': " + std::strerror(EIO));
   EXPECT_EQ(ReadFile(source), "x");
-  EXPECT_EQ(to.List(), Names{});
+  EXPECT_EQ(to.List(), Strings{});
 }
 
 }  // namespace
-}  // namespace files
+}  // namespace support

@@ -1,16 +1,13 @@
-#include <gtest/gtest.h>
 #include <tov/proc.h>
-#include <zancgi/testing/child.h>
 
 #include <chrono>
-#include <string>
 
 #include "support/signals.h"
+#include "support/test.h"
 
+namespace support {
 namespace {
 
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Reporter;
 using Clock = std::chrono::steady_clock;
 
 long MillisecondsAsleep(unsigned milliseconds) {
@@ -39,7 +36,7 @@ TEST(Sleep, LastsAsLongAsAskedPastAFullSecondOfTheClock) {
   EXPECT_GE(MillisecondsAsleep(150), 150);
 }
 
-TEST(Sleep, OfNothingReturnsAtOnce) { EXPECT_LT(MillisecondsAsleep(0), 100); }
+TEST(Sleep, OfZeroReturnsAtOnce) { EXPECT_LT(MillisecondsAsleep(0), 100); }
 
 TEST(Sleep, LastsAsLongAsAskedInASignalStorm) {
   const auto outcome = Child().Run([](const Reporter& report) {
@@ -54,3 +51,4 @@ TEST(Sleep, LastsAsLongAsAskedInASignalStorm) {
 }
 
 }  // namespace
+}  // namespace support

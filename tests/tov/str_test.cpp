@@ -219,7 +219,7 @@ class GroupsOfThree : public std::numpunct<char> {
   std::string do_grouping() const override { return "\3"; }
 };
 
-TEST(Str, DoesNotHeedTheLocale) {
+TEST(Str, IgnoresTheLocale) {
   const std::locale before = std::locale::global(
       std::locale(std::locale::classic(), new GroupsOfThree));
   EXPECT_EQ(str::Str(1234567), "1234567");

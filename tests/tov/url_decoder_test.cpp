@@ -26,7 +26,7 @@ std::string DecodePlainly(const std::string& text) {
 }
 
 void Compare(std::string text) {
-  // Without room behind it, so that a sanitizer sees a byte read beyond it.
+  // Without spare capacity, so that a sanitizer sees a read beyond the end.
   text.shrink_to_fit();
   ASSERT_EQ(common::UrlDecoder(text).Run(), DecodePlainly(text)) << text;
 }
@@ -36,8 +36,8 @@ TEST(UrlDecoder, FollowsTheRuleAtEachPlaceOfALongText) {
        {"%41", "%", "%4", "%%41", "%4%41", "%g1", "%1g", "+", "%2B%25+",
         "\x80%ff\xff", "%2541", "%zz%u0041%-1% 41"}) {
     for (std::size_t before = 0; before < 80; ++before) {
-      for (std::size_t behind = 0; behind < 50; ++behind) {
-        Compare(std::string(before, 'x') + piece + std::string(behind, 'y'));
+      for (std::size_t after = 0; after < 50; ++after) {
+        Compare(std::string(before, 'x') + piece + std::string(after, 'y'));
         if (HasFatalFailure()) return;
       }
     }
@@ -56,7 +56,7 @@ TEST(UrlDecoder, FollowsTheRuleAroundTheSizeOfItsBuffer) {
   }
 }
 
-TEST(UrlDecoder, FollowsTheRuleInWhateverComes) {
+TEST(UrlDecoder, FollowsTheRuleInRandomText) {
   std::mt19937 random(3);
   const std::string letters("%%%%0123456789abcdefABCDEFg+xyz\0\x80\xff", 34);
   for (int round = 0; round < 3000; ++round) {

@@ -28,7 +28,7 @@ class Document {
   Xml xml_;
 };
 
-TEST(XmlNode, GivesItsAttributes) {
+TEST(XmlNode, ReturnsItsAttributes) {
   const Document document(kAnswer);
   EXPECT_EQ(document.Prop("/doc/user", "name"), "anna");
   EXPECT_EQ(document.Prop("/doc/user", "level"), "7");
@@ -53,7 +53,7 @@ TEST(Xml, FindsTheNodesThatAreThere) {
   EXPECT_FALSE(empty.GetNode("/doc"));
 }
 
-TEST(Xml, GivesTheFirstNodeInDocumentOrder) {
+TEST(Xml, ReturnsTheFirstNodeInDocumentOrder) {
   const Document document("<doc><a n='1'/><b n='2'/><a n='3'/></doc>");
   EXPECT_EQ(document.Prop("//a", "n"), "1");
   EXPECT_EQ(document.Prop("//b | //a", "n"), "1");

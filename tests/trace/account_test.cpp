@@ -1,16 +1,11 @@
 // The hand-over of uploads to an account, and the switch after it.
 
-#include <gtest/gtest.h>
-#include <zancgi/zancgi.h>
-
-#include <cerrno>
-#include <string>
-
 #include "support/form.h"
 #include "support/record.h"
+#include "support/test.h"
 #include "trace/scenario.h"
 
-namespace trace {
+namespace support::trace {
 namespace {
 
 /// Hands over the uploads "B", "a" and "c", whose files do not exist. Their
@@ -70,7 +65,7 @@ TEST(HandOver, ToRootOrNobodyChangesNothing) {
     = spool/1 spool/2 spool/x\3)");
 }
 
-TEST(HandOver, OfNothingLooksTheAccountUp) {
+TEST(HandOver, WithoutUploadsLooksTheAccountUp) {
   ExpectTrace({}, Serve([](Cgi& cgi) {
                 RecordOf(cgi).DoChownFiles("alice", "", false);
               }),
@@ -106,7 +101,7 @@ TEST(Su, HandsTheUploadsOverBeforeTheSwitch) {
   )" + Dropping("./zantemp-1"));
 }
 
-TEST(Su, HandsTheUploadsOverAndWarmsTheResolverUpBeforeItConfines) {
+TEST(Su, HandsTheUploadsOverAndLoadsTheResolverBeforeItConfines) {
   // The root directory stays as it was here, and has no such file.
   ExpectTrace(Post(kBody), UploadAndBecome("alice", true),
               Uploaded() + kHandOver + R"(
@@ -131,7 +126,7 @@ TEST(Su, IsNotTriedAfterAHandOverThatFails) {
 
 // The path is recorded for the root directory that was to come. In the one that
 // there still is, it leads to another file or to none, and the upload stays.
-TEST(Su, ThatCannotConfineLooksForTheUploadsInTheRootThatThereIs) {
+TEST(Su, ThatCannotConfineLooksForTheUploadsInTheOldRoot) {
   Script script = Post(kBody);
   script.failures["chroot ."] = {EPERM};
   ExpectTrace(script, UploadAndBecome("alice", true),
@@ -193,7 +188,7 @@ TEST(Session, ThatFailsToStartIsNotEnded) {
   }
 }
 
-TEST(Session, EndsWithTheCodeOfWhatFails) {
+TEST(Session, EndsWithTheCodeOfTheFailedCall) {
   for (const int code : {6, 14, -1, 1000}) {
     const std::string number = std::to_string(code);
     const auto failing = [&](const std::string& what) {
@@ -209,4 +204,4 @@ TEST(Session, EndsWithTheCodeOfWhatFails) {
 }
 
 }  // namespace
-}  // namespace trace
+}  // namespace support::trace

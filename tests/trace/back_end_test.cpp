@@ -1,20 +1,14 @@
 // Queries and authorization.
 
-#include <gtest/gtest.h>
 #include <tov/err.h>
-#include <zancgi/zancgi.h>
 
-#include <map>
 #include <new>
-#include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "support/record.h"
+#include "support/test.h"
 #include "trace/scenario.h"
 
-namespace trace {
+namespace support::trace {
 namespace {
 
 using AuthMethod = Cgi::AuthInfo::AuthMethod;
@@ -338,7 +332,7 @@ TEST(Authorize, NamesTheRefusalBeforeItLooksForTheUser) {
   }
 }
 
-TEST(Authorize, IsNotDoneWhereAnAnswerCannotBeRead) {
+TEST(Authorize, FailsWhereAnAnswerCannotBeRead) {
   for (const auto& [function, calls] : {std::pair("Int", std::string(kUser)),
                                         std::pair("GetNode", std::string())}) {
     Script script{.environment = {{"HTTP_COOKIE", kCookies}},
@@ -373,4 +367,4 @@ TEST(Authorize, ASecondTimeTakesTheSessionForACookie) {
 }
 
 }  // namespace
-}  // namespace trace
+}  // namespace support::trace

@@ -1,13 +1,11 @@
 // What happens when the library is loaded and unloaded.
 
 #include <dlfcn.h>
-#include <gtest/gtest.h>
 
-#include <filesystem>
-
+#include "support/test.h"
 #include "trace/scenario.h"
 
-namespace trace {
+namespace support::trace {
 namespace {
 
 TEST(Library, MakesItsLogModulesWhenItIsLoadedAndTakesThemAway) {
@@ -33,4 +31,4 @@ TEST(Library, MakesItsLogModulesWhenItIsLoadedAndTakesThemAway) {
 }
 
 }  // namespace
-}  // namespace trace
+}  // namespace support::trace

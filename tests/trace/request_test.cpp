@@ -1,21 +1,12 @@
 // Construction, and requests without uploads.
 
-#include <gtest/gtest.h>
-#include <zancgi/zancgi.h>
-
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <stdexcept>
-#include <string>
-#include <utility>
-
 #include "support/form.h"
 #include "support/new_operator.h"
 #include "support/record.h"
+#include "support/test.h"
 #include "trace/scenario.h"
 
-namespace trace {
+namespace support::trace {
 namespace {
 
 /// The trace of a construction that enters this folder.
@@ -68,7 +59,7 @@ TEST(Construction, ResolvesTheFolderAboveTheProgramsFolder) {
   }
 }
 
-TEST(Construction, WithoutANameGoesOnWhereAnAssertionReturns) {
+TEST(Construction, WithoutANameContinuesIfTheAssertionReturns) {
   ExpectTrace({}, Construct(""), R"(
     zancgi 8: void zan_cgi::Cgi::Data::ParseCookies()
     Raise('zancgi_unix.cpp', 'void zan_cgi::Cgi::Data::SetWorkDir(const string&)', 'passed binary name is empty')
@@ -182,7 +173,7 @@ TEST(PostWithoutABoundary, IsAQueryStringWhoseNamesStayAsSent) {
     = d: )");
 }
 
-TEST(PostOfNothing, StaysUnparsed) {
+TEST(EmptyPost, StaysUnparsed) {
   ExpectTrace(Post(""), Serve([](Cgi& cgi) {
                 cgi.ParseQuery();
                 cgi.ParseQuery();
@@ -233,7 +224,7 @@ struct LateInput {
   }
 };
 
-TEST(PostThatIsLate, IsWaitedForInSleepsOfOneHundred) {
+TEST(LatePost, IsAwaitedInSleepsOf100Milliseconds) {
   const LateInput input{Field("a", "b") + kFormEnd};
   Script script = Post(input.body);
   script.effects["Sleep"] = {nullptr, input};
@@ -330,4 +321,4 @@ TEST(ContentLength, IsReadAsAnInt) {
 }
 
 }  // namespace
-}  // namespace trace
+}  // namespace support::trace

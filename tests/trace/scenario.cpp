@@ -1,12 +1,8 @@
 #include "trace/scenario.h"
 
 #include <cxxabi.h>
-#include <gtest/gtest.h>
 #include <tov/err.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/scratch.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <exception>
 #include <iterator>
@@ -14,19 +10,12 @@
 #include <regex>
 #include <sstream>
 #include <typeinfo>
-#include <vector>
 
 #include "support/switch_calls.h"
 
-namespace trace {
+namespace support::trace {
 namespace {
 
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Input;
-using zan_cgi::testing::LogLine;
-using zan_cgi::testing::Outcome;
-using zan_cgi::testing::Reporter;
-using zan_cgi::testing::Scratch;
 using Lines = std::vector<std::string>;
 
 const char kAnyOrder[] = "| ";
@@ -219,4 +208,4 @@ std::string End(const std::string& body) {
 
 Effect Fail(const std::string& text) { return Throw(tov_err::Error(text)); }
 
-}  // namespace trace
+}  // namespace support::trace

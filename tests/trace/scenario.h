@@ -3,23 +3,12 @@
 #ifndef ZANCGI_TESTS_TRACE_SCENARIO_H
 #define ZANCGI_TESTS_TRACE_SCENARIO_H
 
-#include <zancgi/zancgi.h>
-
-#include <functional>
-#include <string>
-
 #include "support/form.h"
 #include "support/record.h"
+#include "support/test.h"
 #include "trace/script.h"
 
-namespace trace {
-
-using support::Field;
-using support::kFormEnd;
-using support::Part;
-using support::RecordOf;
-using support::Upload;
-using zan_cgi::Cgi;
+namespace support::trace {
 
 /// What a front end does.
 using Act = std::function<void()>;
@@ -89,6 +78,6 @@ Effect Throw(const Error& error) {
 /// The same of the base library's error.
 Effect Fail(const std::string& text = "no");
 
-}  // namespace trace
+}  // namespace support::trace
 
 #endif

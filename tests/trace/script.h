@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-namespace trace {
+namespace support::trace {
 
 /// Happens at a call, before its usual work; when it throws, instead of it.
 using Effect = std::function<void()>;
@@ -57,6 +57,6 @@ void Start();
 /// Adds a line to the record.
 void Note(const std::string& line);
 
-}  // namespace trace
+}  // namespace support::trace
 
 #endif

@@ -21,7 +21,7 @@
 
 #include "trace/script.h"
 
-namespace trace {
+namespace support::trace {
 namespace {
 
 /// Null until Follow(): the log's modules are made before main().
@@ -135,7 +135,9 @@ void Note(const std::string& line) {
   if (++count == 1000) ::_exit(97);
 }
 
-}  // namespace trace
+}  // namespace support::trace
+
+namespace trace = support::trace;
 
 using trace::Enter;
 using trace::EnterFree;

@@ -1,23 +1,17 @@
 // Requests with uploads, up to the removal of what is left of them.
 
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <unistd.h>
-#include <zancgi/zancgi.h>
 
-#include <filesystem>
 #include <fstream>
-#include <string>
 
 #include "support/form.h"
 #include "support/record.h"
+#include "support/test.h"
 #include "trace/scenario.h"
 
-namespace trace {
+namespace support::trace {
 namespace {
-
-namespace fs = std::filesystem;
 
 /// A body with one upload.
 const std::string kBody = Upload("u", "f", "content") + kFormEnd;
@@ -64,7 +58,7 @@ TEST(Upload, IsMadeProtectedAndRemoved) {
                   "= made");
 }
 
-TEST(Upload, IsMadeAnewForEach) {
+TEST(Upload, HasAFileOfItsOwn) {
   const std::string body =
       Upload("u", "f", "first") + Upload("v", "e", "2") + kFormEnd;
   ExpectTrace(Post(body), Serve(ParseAndReport),
@@ -138,7 +132,7 @@ TEST(Upload, ThatCannotBeRemovedEitherEndsTheParse) {
 const char kNoRoom[] =
     "zancgi 4: There is not enoght free space on 'spool' to process a query\n";
 
-TEST(UploadWithoutRoom, IsNotMade) {
+TEST(UploadWithoutRoom, IsNotStored) {
   Script script = Post(kBody);
   script.free_blocks = 0;
   ExpectTrace(
@@ -149,7 +143,7 @@ TEST(UploadWithoutRoom, IsNotMade) {
       Admission(kBody, {.free_space = "0"}) + kNoRoom + kWriteError + "= u: f");
 }
 
-TEST(UploadWithoutRoom, IsNoneForFields) {
+TEST(FieldsWithoutRoom, AreReadWithAWarning) {
   const std::string body(513, 'x');
   Script script = Post(body, "");
   script.free_blocks = 1;
@@ -205,4 +199,4 @@ TEST(TearDown, WaitsForTheLastCopy) {
 }
 
 }  // namespace
-}  // namespace trace
+}  // namespace support::trace

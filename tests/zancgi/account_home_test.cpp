@@ -39,7 +39,7 @@ class AccountHome : public MachineTest<> {
   }
 };
 
-TEST_F(AccountHome, IsWhatTheProcessSeesOnceItIsTheAccount) {
+TEST_F(AccountHome, IsThePathThatTheAccountSees) {
   struct Row {
     std::string user, dir;
     bool use_chroot;
@@ -59,7 +59,7 @@ TEST_F(AccountHome, IsWhatTheProcessSeesOnceItIsTheAccount) {
   }
 }
 
-TEST_F(AccountHome, IsThereWhenTheDirectoryIsRefused) {
+TEST_F(AccountHome, IsSetWhenTheDirectoryIsRefused) {
   EXPECT_EQ(
       Found([] {
         EXPECT_ANY_THROW(Cgi::Data().DoSu("visitor", "missing", false, false));
@@ -67,7 +67,7 @@ TEST_F(AccountHome, IsThereWhenTheDirectoryIsRefused) {
       machine_.Home());
 }
 
-TEST_F(AccountHome, IsNoneWithoutTheRightToSwitch) {
+TEST_F(AccountHome, IsEmptyWithoutTheRightToSwitch) {
   ::chmod(machine_.Home().c_str(), 0755);
   EXPECT_EQ(Found([] {
               BecomeOrdinaryUser();

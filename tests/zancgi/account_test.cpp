@@ -26,9 +26,6 @@ namespace {
 
 using zan_cgi::AccountError;
 using zan_cgi::AccountOptions;
-using zan_cgi::testing::Form;
-using zan_cgi::testing::Post;
-using zan_cgi::testing::Request;
 
 constexpr uid_t kNobody = 65534;
 constexpr int kAborted = 128 + SIGABRT;
@@ -121,7 +118,7 @@ Result Try(
         failure = std::current_exception();
       }
     }
-    TellIdentity(report, observer.Look());
+    ReportIdentity(report, observer.Look());
     report("capabilities", Capabilities());
     report("first", cgi.File(kFirst));
     report("second", cgi.File(kSecond));
@@ -240,7 +237,7 @@ TEST_F(Become, EndsAsTheAccountInItsHome) {
   }
 }
 
-TEST_F(Become, FollowsALongWayUp) {
+TEST_F(Become, FollowsALongPathUp) {
   std::string deep = "d";
   while (deep.size() < 1999) deep += "/d";
   // In two steps, since 1000 levels at a time are the most.
@@ -469,7 +466,7 @@ TEST_F(Become, ProvesThatThereIsNoCapability) {
 }
 
 // Kernels from before 4.3 have none.
-TEST_F(Become, TakesAKernelThatKnowsNoAmbientCapabilities) {
+TEST_F(Become, AcceptsAKernelWithoutAmbientCapabilities) {
   const Result result =
       Try(machine_, {.answers = Failing({{"prctl ambient 0", {EINVAL}}})});
   EXPECT_EQ(result.error, "");
@@ -509,7 +506,7 @@ TEST_F(Become, ProvesThatThereIsNoWayBack) {
 }
 
 // The proof itself makes the process root again, and it must not stay it.
-TEST_F(Become, EndsWithoutTheRightsThatItsProofHasRegained) {
+TEST_F(Become, GivesUpTheRightsThatItsProofRegains) {
   Answers answers = Before(kSetUser, KeepCapabilities);
   int calls = 0;
   answers.alterations = {{"capget", [calls](void* sets) mutable {
@@ -561,7 +558,7 @@ TEST_F(Become, AbortsWhenItCannotGiveUpWhatItHas) {
           {"groups", "", kAbort, keeping(kNoGroups)}});
 }
 
-TEST_F(Become, RemovesWhatHasBeenHandedOverAndWhatHasNot) {
+TEST_F(Become, RemovesAllUploadsWhenAHandOverFails) {
   for (const bool confined : {false, true}) {
     SCOPED_TRACE(confined);
     const Result result =
@@ -595,7 +592,7 @@ TEST_F(Become, WarnsOfAnUploadThatStays) {
   EXPECT_EQ(fs::path(result.paths[0]).parent_path(), machine_.Home());
 }
 
-TEST_F(Become, HasAnOrdinaryUserBecomeHimselfOnly) {
+TEST_F(Become, LetsAnOrdinaryUserBecomeOnlyHimself) {
   const auto be_ordinary = [] {
     const gid_t own[] = {kNobody};
     EXPECT_EQ(::syscall(SYS_setgroups, 1, own), 0);
@@ -629,7 +626,7 @@ TEST_F(Become, HasAnOrdinaryUserBecomeHimselfOnly) {
           } catch (const AccountError& error) {
             report("error", error.what());
           }
-          TellIdentity(report, observer.Look());
+          ReportIdentity(report, observer.Look());
         });
     EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
     EXPECT_EQ(outcome.reported["error"], row.error);

@@ -10,18 +10,11 @@
 namespace support {
 namespace {
 
-using zan_cgi::testing::Answer;
-using zan_cgi::testing::AnswerByteByByte;
-using zan_cgi::testing::AnswerThenReset;
-using zan_cgi::testing::CloseSilently;
-using zan_cgi::testing::Refuse;
-using zan_cgi::testing::Reset;
-using zan_cgi::testing::Step;
 using Pair = std::pair<std::string, std::string>;
 
 Child Request() { return Child().Env("REQUEST_METHOD", "GET"); }
 
-/// Asks once; told is the "answer".
+/// Asks once; reports the "answer".
 Outcome Ask(const Child& request, const std::string& query) {
   return request.Run([query](const Reporter& report) {
     Cgi cgi("/bin/front", "backend");
@@ -55,7 +48,7 @@ TEST(Query, AsksForXmlUnlessAFormatIsNamed) {
   EXPECT_EQ(Sent(""), "out=xml");
 }
 
-TEST(Query, CarriesSfromOnlyOnceTheParametersAreParsed) {
+TEST(Query, CarriesSfromAfterTheParametersAreParsed) {
   Backend backend;
   backend.Times(3, Answer("x"));
   Request()
@@ -74,7 +67,7 @@ TEST(Query, CarriesSfromOnlyOnceTheParametersAreParsed) {
   EXPECT_EQ(backend.Queries()[2]["QUERY_STRING"], "func=a&xsfrom=2&out=xml");
 }
 
-TEST(Query, CarriesTheSessionThatCameFromTheParameters) {
+TEST(Query, CarriesTheSessionOfTheParameters) {
   Backend backend;
   backend.Then(Answer(R"(<doc><user name="a" level="1"/></doc>)"))
       .Times(2, Answer("x"));
@@ -187,7 +180,7 @@ TEST(Query, ChangesNothingInTheRecord) {
   }
 }
 
-TEST(Answer, InAnotherFormatIsHandedOnByteForByte) {
+TEST(Answer, InAnotherFormatIsReturnedByteForByte) {
   const std::string page("A: b\r\n\r\n\0 <?xml?>", 17);
   EXPECT_EQ(Received("f=1&out=html", Answer(page)), page);
 }
@@ -266,7 +259,7 @@ Outcome Authorize(const Step& step, const std::string& cookies = "") {
 }
 
 // The parameters are read before the method is noted.
-TEST(Authorize, ThatCannotReadTheParametersLeavesTheMethodOpen) {
+TEST(Authorize, WithUnreadableParametersLeavesTheMethodUnset) {
   Backend backend;
   backend.Then(Answer("<doc/>"));
   const Outcome outcome =
@@ -317,7 +310,7 @@ TEST(Authorize, WithoutAWholeAnswerAuthorizesNobody) {
   }
 }
 
-TEST(Authorize, TakesALevelForWhatItIs) {
+TEST(Authorize, ReadsTheLevelAsAnInt) {
   for (const auto& [written, level] :
        std::vector<Pair>{{"7", "7"},
                          {"", "0"},
@@ -359,7 +352,7 @@ TEST(Authorize, KeepsSessionAndMethodWhenTheBackEndFails) {
             "cgi.Query('func=x&out=xml&auth=xyz') tov 'backend'");
 }
 
-TEST(Authorize, LeavesAnEarlierSuccessStanding) {
+TEST(Authorize, KeepsAnEarlierSuccess) {
   Backend backend;
   backend.Then(Answer(kAlice)).Then(Answer("<doc/>"));
   const Outcome outcome = Request()
@@ -387,7 +380,7 @@ TEST(Auth, OfAFreshObjectIsRefused) {
   EXPECT_EQ(outcome.error, "not authorized");
 }
 
-TEST(Authorize, LeavesAnEarlierLanguageWithoutAColon) {
+TEST(Authorize, KeepsAnEarlierLanguageIfTheCookieHasNoColon) {
   Backend backend;
   backend.Times(3, Answer(kAlice));
   // The back end under other names, which other cookies are named after.

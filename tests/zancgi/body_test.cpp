@@ -11,6 +11,7 @@
 #include <regex>
 #include <typeinfo>
 
+#include "support/files.h"
 #include "support/form.h"
 #include "support/mount.h"
 #include "support/system_calls.h"
@@ -46,14 +47,12 @@ TEST(Upload, IsAFileOfItsOwnInTheTemporaryDirectory) {
         cgi.File("f"), std::regex(scratch / "zantemp[A-Za-z0-9]{6}")));
     EXPECT_EQ(ReadFile(cgi.File("f")), "x");
     EXPECT_EQ(cgi.File("u"), "");
-    struct stat found {};
-    EXPECT_EQ(::stat(cgi.File("f").c_str(), &found), 0);
-    EXPECT_EQ(found.st_mode & 07777U, 0700U);
+    EXPECT_EQ(ModeOf(cgi.File("f")), 0700U);
   });
   EXPECT_EQ(scratch.List(), Strings{});
 }
 
-TEST(Upload, GoesWithTheLastCopyOfTheRequest) {
+TEST(Upload, IsRemovedWithTheLastCopyOfTheRequest) {
   const Scratch scratch;
   const std::string body =
       Upload("u", "b", "12345") + Upload("v", "a", "123") + kFormEnd;
@@ -109,7 +108,7 @@ TEST(Upload, LogsNothingAtTheUsualLevel) {
   EXPECT_EQ(LogOfUpload(body, 7).standard_error, "");
 }
 
-TEST(ContentLength, OfZeroOrNoneLeavesTheBodyForALaterTry) {
+TEST(ContentLength, OfZeroOrNoneLeavesTheBodyForLater) {
   for (const bool is_set : {true, false}) {
     Child child = Post("0");
     if (!is_set) child = Child().Env("REQUEST_METHOD", "POST");
@@ -236,7 +235,7 @@ TEST(ContentLength, IsRefusedWithTheLimitInWholeKilobytes) {
   });
 }
 
-TEST(ContentLength, OfOtherMethodsIsNotLookedAt) {
+TEST(ContentLength, IsIgnoredForOtherMethods) {
   Serve([] {
     for (const std::string method : {"GET", "HEAD", "PUT", "post", "Post",
                                      "POST ", " POST", "POSTS", ""}) {
@@ -248,7 +247,7 @@ TEST(ContentLength, OfOtherMethodsIsNotLookedAt) {
   });
 }
 
-TEST(ContentLength, IsTakenForANumberOfThirtyTwoBits) {
+TEST(ContentLength, IsReadAsANumberOf32Bits) {
   const std::string most = "2147483647";
   const std::string least = "-2147483648";
   const std::pair<std::string, std::string> lengths[] = {
@@ -313,8 +312,8 @@ TEST(ContentLength, IsCheckedWithoutReadingOrLogging) {
   EXPECT_TRUE(outcome.Logged(4).empty());
 }
 
-/// Checks the directory; tells it as it is afterwards, and its kind.
-void CheckAndTell(const std::string& directory, const Reporter& report) {
+/// Checks the directory; reports its path afterwards, and its kind.
+void CheckAndReport(const std::string& directory, const Reporter& report) {
   Cgi::Data record;
   record.tmp_dir = directory;
   try {
@@ -332,14 +331,8 @@ Outcome Check(
     const std::function<void()>& prepare = [] {}) {
   return RunWithoutLeak(child, [&](const Reporter& report) {
     prepare();
-    CheckAndTell(directory, report);
+    CheckAndReport(directory, report);
   });
-}
-
-unsigned ModeOf(const std::string& path) {
-  struct stat found {};
-  EXPECT_EQ(::stat(path.c_str(), &found), 0);
-  return found.st_mode & 07777U;
 }
 
 /// It was taken, and is a directory now.
@@ -363,7 +356,7 @@ void ExpectSystemError(const Outcome& outcome, const std::string& path) {
   EXPECT_EQ(outcome.reported.at("tmp_dir"), path);
 }
 
-TEST(TmpDir, IsTakenAsItIsOrMade) {
+TEST(TmpDir, IsUsedOrMade) {
   const Scratch scratch;
   ASSERT_EQ(::chmod(scratch.MakeDir("there").c_str(), 0751), 0);
   ExpectTaken(Check(scratch / "there"), scratch / "there");
@@ -418,7 +411,7 @@ TEST(TmpDir, ThatMayNotBeMadeOrLookedAtIsAnError) {
   ASSERT_EQ(::chmod(closed.c_str(), 0700), 0);
 }
 
-TEST(TmpDir, ThatIsEmptyIsTheEnvironments) {
+TEST(TmpDir, WithoutANameIsThatOfTheEnvironment) {
   const Scratch scratch;
   const std::string file = scratch.MakeFile("file");
   ExpectTaken(Check("", Child().Env("TMP", scratch / "new")), scratch / "new");
@@ -431,14 +424,14 @@ TEST(TmpDir, ThatIsEmptyIsTheEnvironments) {
   EXPECT_EQ(scratch.List(), (Strings{"file", "new", "spool", "work"}));
 }
 
-TEST(TmpDir, OfTheEnvironmentIsUnusedWhenThereIsOne) {
+TEST(TmpDir, ReplacesThatOfTheEnvironment) {
   const Scratch scratch;
   ExpectTaken(Check(scratch.Path(), Child().Env("TMP", scratch / "other")),
               scratch.Path());
   EXPECT_EQ(scratch.List(), Strings{});
 }
 
-TEST(TmpDir, IsTmpBelowTheCurrentDirectoryFailingAll) {
+TEST(TmpDir, IsTmpBelowTheCurrentDirectoryByDefault) {
   for (Child child : {Child(), Child().Env("TMP", "")}) {
     const Scratch scratch;
     ExpectTaken(Check("", child.WorkDir(scratch.Path())), "tmp");
@@ -461,7 +454,7 @@ TEST(TmpDir, BelowACurrentDirectoryThatCannotBeEnteredIsAnError) {
   }
 }
 
-TEST(TmpDir, IsCheckedInSilence) {
+TEST(TmpDir, IsCheckedWithoutLogging) {
   const Scratch scratch;
   const Outcome outcome = Check("", Child().WorkDir(scratch.Path()));
   EXPECT_EQ(
@@ -506,7 +499,7 @@ TEST(SetTmpDir, WithAnEmptyNameMakesTmpBelowTheProgramsFolder) {
   EXPECT_EQ(scratch.List(), (Strings{"cgi", "tmp"}));
 }
 
-TEST(SetTmpDir, IsNotWhatAParseWithoutItUses) {
+TEST(SetTmpDir, IsNeededForAnyFolderButTmp) {
   const Scratch scratch;
   scratch.MakeDir("cgi");
   EXPECT_EQ(UploadAfter(scratch, [](Cgi&) {}), "/tmp");
@@ -524,7 +517,7 @@ TEST(SetTmpDir, KeepsTheNameWhenTheDirectoryCannotBeMade) {
             path);
 }
 
-TEST(SetTmpDir, KeepsTheNameOfWhatIsNoDirectory) {
+TEST(SetTmpDir, KeepsTheNameEvenIfItIsNoDirectory) {
   const Scratch scratch;
   const std::string file = scratch.MakeFile("file");
   const Outcome outcome =
@@ -550,7 +543,7 @@ auto Having(std::int64_t block_size, std::uint64_t blocks) {
   };
 }
 
-TEST(FreeSpace, IsThatOfAllFreeBlocksInSixtyFourBitsWithoutASign) {
+TEST(FreeSpace, IsThatOfAllFreeBlocksInUnsigned64Bits) {
   struct Row {
     std::int64_t block_size;
     std::uint64_t blocks;
@@ -570,7 +563,7 @@ TEST(FreeSpace, IsThatOfAllFreeBlocksInSixtyFourBitsWithoutASign) {
   });
 }
 
-TEST(FreeSpace, IsAskedOnceOfThePathAsItIsAlsoWhenThatFails) {
+TEST(FreeSpace, IsReadOnceFromTheUnchangedPathEvenIfThatFails) {
   Serve([] {
     for (const int error : {0, EIO, EINTR, EOVERFLOW}) {
       std::string asked;
@@ -591,7 +584,7 @@ TEST(FreeSpace, IsAskedOnceOfThePathAsItIsAlsoWhenThatFails) {
   });
 }
 
-TEST(FreeSpace, ThatCannotBeFoundOutIsAnError) {
+TEST(FreeSpace, ThatCannotBeReadIsAnError) {
   for (const std::string path : {"/nowhere/at/all", "", "relative"}) {
     const Outcome outcome =
         RunWithoutLeak(Child(), [&] { Cgi::Data().FreeSpaceSize(path); });
@@ -644,7 +637,7 @@ std::string SizeLine(const std::string& declared, const std::string& free) {
 const std::string kNoRoom =
     "4 There is not enoght free space on '/any' to process a query";
 
-TEST(Room, IsComparedWithTheDeclaredLengthInSixtyFourBitsWithoutASign) {
+TEST(Room, IsComparedWithTheDeclaredLengthInUnsigned64Bits) {
   struct Row {
     std::string declared;
     std::uint64_t free_space;
@@ -673,7 +666,7 @@ TEST(Room, IsLoggedAtItsLevelsOnly) {
   EXPECT_EQ(RoomLines("2", 1, 3), Strings{});
 }
 
-TEST(Room, ThatIsTooLittleCountsWithoutTheLogToo) {
+TEST(Room, IsCheckedWithoutTheLogToo) {
   const Scratch scratch;
   RunCleanly(PostOf(kUpload).LogLevel(0), Input::Pipe(kUpload), [&] {
     Replace({.statfs = Having(1, kUpload.size() - 1)});
@@ -686,7 +679,7 @@ TEST(Room, ThatIsTooLittleCountsWithoutTheLogToo) {
   });
 }
 
-TEST(Room, IsLookedForBeforeAnyByteIsRead) {
+TEST(Room, IsCheckedBeforeAnyByteIsRead) {
   const Outcome outcome = RunCleanly(Post("3"), Input::Pipe("a=1"), [] {
     Replace({.read =
                  [](void* buffer, std::size_t size) {
@@ -715,7 +708,7 @@ TEST(Room, IsLookedForBeforeAnyByteIsRead) {
                "GOOD true, read 3 of 3 chars"}));
 }
 
-/// Parses an ordinary field with this for TMP, and tells the directory.
+/// Parses an ordinary field with this for TMP, and reports the directory.
 Outcome ParseWithTmp(
     const std::string& tmp, Child child = {},
     const std::function<void()>& before = [] {}) {
@@ -735,7 +728,7 @@ Outcome ParseWithTmp(
   });
 }
 
-TEST(ParsersTmpDir, IsNeitherMadeNorAskedWhatItIs) {
+TEST(ParsersTmpDir, IsNeitherMadeNorExamined) {
   const Scratch scratch;
   const std::string file = scratch.MakeFile("file");
   EXPECT_EQ(ParseWithTmp(file).reported.at("a"), "1");

@@ -41,7 +41,7 @@ class Confinement : public MachineTest<> {
       const Observer observer;
       ASSERT_EQ(::chroot(machine_.Home().c_str()), 0);
       ::initgroups("visitor", kVisitor);
-      TellIdentity(report, observer.Look());
+      ReportIdentity(report, observer.Look());
     });
     return SwitchedOf(outcome).identity;
   }
@@ -151,7 +151,7 @@ TEST_F(PlantedLookUp, OfAGroupByAPamModuleRunsNoCode) {
     std::ofstream("/etc/nsswitch.conf")
         << "passwd: files\ngroup: files evil\ninitgroups: files\n";
   }));
-  EXPECT_NE(module.Told().find("\nno such group\n"), std::string::npos);
+  EXPECT_NE(module.Record().find("\nno such group\n"), std::string::npos);
   EXPECT_EQ(Harm(), "");
 }
 
@@ -172,13 +172,13 @@ class ConfinedSession : public Confinement {
 
 TEST_F(ConfinedSession, RunsInAHomeThatOnlyRootCanWrite) {
   for (const mode_t mode : {0755U, 0711U, 0555U, 01755U}) {
-    fs::remove(machine_ / "home/told");
+    fs::remove(machine_ / "home/record");
     SetHome(0, mode);
     const Switched switched = Switch(machine_, kConfinedWithPam);
     ExpectConfinedAsTheAccount(switched);
     EXPECT_EQ(switched.log,
               (Lines{kConfining, kStarting, kStarted, kOpened, kClosed}));
-    EXPECT_EQ(module_.Told(),
+    EXPECT_EQ(module_.Record(),
               "open: service login, user visitor, flags 32768, as 0\n"
               "close: service login, user visitor, flags 32768, as 0");
   }
@@ -195,7 +195,7 @@ TEST_F(ConfinedSession, DoesNotRunInAHomeThatOthersCanWrite) {
     SetHome(owner, mode);
     const Switched switched = Switch(machine_, kConfinedWithPam);
     EXPECT_EQ(switched.log, (Lines{kConfining, kStarting, kNotStarted}));
-    EXPECT_EQ(module_.Told(), "") << owner << ' ' << std::oct << mode;
+    EXPECT_EQ(module_.Record(), "") << owner << ' ' << std::oct << mode;
     EXPECT_EQ(switched.identity.root, machine_.Home());
     EXPECT_EQ(switched.identity.users, Visitor("", "").users);
   }
@@ -207,7 +207,7 @@ TEST_F(ConfinedSession, DoesNotRunInTheAccountsOwnFolderBehindALinkOfRoot) {
     UseAccounts({{"visitor", kVisitor, kVisitors, machine_ / "link"}}, {});
   });
   EXPECT_EQ(switched.log, (Lines{kConfining, kStarting, kNotStarted}));
-  EXPECT_EQ(module_.Told(), "");
+  EXPECT_EQ(module_.Record(), "");
 }
 
 TEST_F(ConfinedSession, ThatMovesLeavesTheProcessWhereItWas) {
@@ -219,7 +219,7 @@ TEST_F(ConfinedSession, ThatMovesLeavesTheProcessWhereItWas) {
   // Outside, since the root directory changes but not the current one.
   EXPECT_EQ(switched.identity,
             Visitor(machine_.Home(), machine_.Start() + "/www"));
-  EXPECT_NE(module_.Told(), "");
+  EXPECT_NE(module_.Record(), "");
 }
 
 TEST_F(Confinement, OfAnAccountGivesItTheGroupWithTheNumberOfItsUser) {

@@ -19,6 +19,7 @@
 #include "support/allocations.h"
 #include "support/backend.h"
 #include "support/file_calls.h"
+#include "support/files.h"
 #include "support/form.h"
 #include "support/hand_over.h"
 #include "support/switch.h"
@@ -28,12 +29,11 @@ namespace support {
 namespace {
 
 using zan_cgi::Form;
-using zan_cgi::testing::Answer;
 
 using Work = std::function<void()>;
 
-/// Does the work while faults happen, tells how many calls were open to them,
-/// and gives its exception back.
+/// Does the work while faults happen, reports how many calls were open to them,
+/// and returns its exception.
 using Faults = std::function<std::exception_ptr(const Work&, const Reporter&)>;
 
 std::exception_ptr FailureOf(const Work& work) {
@@ -362,9 +362,8 @@ TEST_P(EachFaultOfAForm, InItsCallsLeavesNothingBehind) {
 class EachFaultOfAHandOver : public testing::TestWithParam<bool> {
  protected:
   void SetUp() override {
-    if (GetParam() && !Owners::CanBeAcross()) {
-      GTEST_SKIP() << "needs another file system";
-    }
+    const std::string lack = GetParam() ? WhyNoOtherFileSystem() : "";
+    if (!lack.empty()) GTEST_SKIP() << lack;
   }
 
   /// Hands two uploads over, to a real account where that can be made.
@@ -429,7 +428,7 @@ TEST_P(EachFaultOfAHandOver, InItsMemoryLeavesNothingBehind) {
 
 class EachFaultOfBecomingAnAccount : public MachineTest<> {
  protected:
-  /// Becomes the account, and tells who the process then is.
+  /// Becomes the account, and reports the identity of the process afterwards.
   Outcome Become(const Faults& faults, bool confined) const {
     return Child().WorkDir(machine_.Start()).Run([&](const Reporter& report) {
       machine_.SetUp();
@@ -446,7 +445,7 @@ class EachFaultOfBecomingAnAccount : public MachineTest<> {
       options.confined = confined;
       const std::exception_ptr failure = faults(
           [&] { zan_cgi::BecomeAccount(cgi, "visitor", options); }, report);
-      TellIdentity(report, observer.Look());
+      ReportIdentity(report, observer.Look());
       EXPECT_TRUE(::geteuid() == 0 || !CanBecomeAnother());
       if (failure) std::rethrow_exception(failure);
     });
@@ -486,8 +485,8 @@ TEST_F(EachFaultOfBecomingAnAccount, InItsMemoryLeavesNoRootAfterTheSwitch) {
   }
 }
 
-/// Asks a back end that gives this answer whose session it is, and tells what
-/// auth() then says.
+/// Asks a back end that gives this answer whose session it is, and reports what
+/// auth() then returns.
 Outcome Authorize(const Faults& faults, const std::string& answer) {
   Backend backend;
   backend.Then(Answer(answer));

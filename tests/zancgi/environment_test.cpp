@@ -24,14 +24,14 @@ TEST(Environment, IsEmptyWithoutAWebServer) {
   });
 }
 
-TEST(Environment, IsHandedOnAsItIs) {
+TEST(Environment, IsReturnedUnchanged) {
   With({{"REQUEST_METHOD", "pUt"}, {"PATH_INFO", "/a/../b c\xff"}}, [] {
     EXPECT_EQ(zan_cgi::Method(), "pUt");
     EXPECT_EQ(zan_cgi::PathInfo(), "/a/../b c\xff");
   });
 }
 
-TEST(Header, IsFoundWithoutCase) {
+TEST(Header, IsFoundInAnyCase) {
   const Variables variables = {{"HTTP_X_TOKEN", "token"},
                                {"CONTENT_TYPE", "type"},
                                {"CONTENT_LENGTH", "length"},
@@ -61,7 +61,7 @@ TEST(Header, IsFoundWithoutCase) {
   });
 }
 
-TEST(IsHttps, IsWhatTheWebServerSays) {
+TEST(IsHttps, FollowsTheVariableOfTheWebServer) {
   const std::pair<std::string, bool> rows[] = {
       {"on", true},   {"1", true},    {"", false},  {"off", false},
       {"OFF", false}, {"oFf", false}, {"0", false}, {"offline", true},
@@ -73,7 +73,7 @@ TEST(IsHttps, IsWhatTheWebServerSays) {
   }
 }
 
-TEST(IsHttps, IsNotWhatTheClientSays) {
+TEST(IsHttps, IgnoresTheHeadersOfTheClient) {
   With({{"HTTP_HTTPS", "on"},
         {"HTTP_X_FORWARDED_PROTO", "https"},
         {"HTTP_FORWARDED", "proto=https"},
@@ -81,7 +81,7 @@ TEST(IsHttps, IsNotWhatTheClientSays) {
        [] { EXPECT_FALSE(zan_cgi::IsHttps()); });
 }
 
-TEST(QueryFields, AreThoseOfTheUrlStandard) {
+TEST(QueryFields, FollowTheUrlStandard) {
   using Fields = std::vector<std::pair<std::string, std::string>>;
   const std::pair<std::string, Fields> rows[] = {
       {"", {}},

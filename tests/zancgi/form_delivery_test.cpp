@@ -174,7 +174,7 @@ TEST(Silence, EndsTheReadingAfterItsLimitAndNotSooner) {
   }
 }
 
-TEST(Silence, IsNotWaitedForOnceMore) {
+TEST(Silence, IsWaitedForOnlyOnce) {
   const Scratch spool;
   const Strings pieces = {UploadHead("u", "f"), "data"};
   RunCleanly(Post("1000"), [&] {
@@ -187,7 +187,7 @@ TEST(Silence, IsNotWaitedForOnceMore) {
   });
 }
 
-TEST(Silence, EndsTheReadingAfterHalfAMinuteUnlessSaid) {
+TEST(Silence, EndsTheReadingAfterHalfAMinuteByDefault) {
   const Scratch spool;
   const std::function<Refusal()> readings[] = {
       [&] { return RefusalWithin(spool.Path()); },
@@ -225,7 +225,7 @@ TEST(LostRead, IsTriedAgain) {
   });
 }
 
-TEST(LostRead, AgainAndAgainIsSilence) {
+TEST(LostRead, ThatIsRepeatedIsSilence) {
   const Scratch spool;
   RunCleanly(Post("1000"), [&] {
     LoseReads(std::numeric_limits<int>::max());
@@ -233,7 +233,7 @@ TEST(LostRead, AgainAndAgainIsSilence) {
   });
 }
 
-TEST(Silence, WhileTheRestIsDroppedEndsThat) {
+TEST(Silence, EndsTheDrainOfARefusedBody) {
   const Scratch spool;
   Form::Limits limits = SilenceOf(1);
   limits.parts = 0;

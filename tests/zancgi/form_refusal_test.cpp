@@ -93,7 +93,7 @@ void ReadDeclaring(const LengthRow& row, const Reading& reading) {
   ExpectRefusal(row.refusal, child, row.sent, reading, row.unread);
 }
 
-TEST(DeclaredLength, OfAFormIsHeldToTheByte) {
+TEST(DeclaredLength, OfAFormMustBeExact) {
   Form::Limits limits;
   limits.body = 10;
   for (const LengthRow& row : kLengths) {
@@ -101,7 +101,7 @@ TEST(DeclaredLength, OfAFormIsHeldToTheByte) {
   }
 }
 
-TEST(DeclaredLength, OfAnotherBodyIsHeldToTheByte) {
+TEST(DeclaredLength, OfAnotherBodyMustBeExact) {
   for (const LengthRow& row : kLengths) {
     ReadDeclaring(row, [&](const std::string&) {
       const std::string sent = row.sent;
@@ -111,7 +111,7 @@ TEST(DeclaredLength, OfAnotherBodyIsHeldToTheByte) {
   }
 }
 
-TEST(ReadBody, GivesAnyBytesWhateverTypeAndMethod) {
+TEST(ReadBody, ReturnsAnyBytesOfAnyTypeAndMethod) {
   const std::string zeros("\0a\0\r\n\xff", 6);
   struct Row {
     const char* name;
@@ -139,7 +139,7 @@ TEST(ReadBody, GivesAnyBytesWhateverTypeAndMethod) {
   }
 }
 
-TEST(ReadBody, DropsWhatItRefuses) {
+TEST(ReadBody, ReadsARefusedBodyToItsEnd) {
   const std::string body(1'000'000, 'x');
   ExpectRefusal({413, "the body is longer than 999999 bytes"}, PostOf(body, ""),
                 body, [](const std::string&) { zan_cgi::ReadBody(999'999); });
@@ -283,7 +283,7 @@ TEST(Refusal, NamesTheLimit) {
       limits);
 }
 
-TEST(Limits, AreThemselvesAllowed) {
+TEST(Limits, MayBeReached) {
   Form::Limits limits;
   limits.parts = 2;
   limits.value = 5;
@@ -298,7 +298,7 @@ TEST(Limits, AreThemselvesAllowed) {
       limits);
 }
 
-TEST(Limits, OfBytesDoNotCountTheContentsOfUploads) {
+TEST(Limits, OfBytesExcludeTheContentsOfUploads) {
   Form::Limits limits;
   limits.value = 5;
   limits.values = 2;
@@ -325,7 +325,7 @@ TEST(Epilogue, IsReadToTheEndOfTheBody) {
         kTaken}});
 }
 
-TEST(QueryStringOfAForm, IsHeldToTheSameLimits) {
+TEST(QueryStringOfAForm, HasTheSameLimits) {
   Form::Limits limits;
   limits.parts = 2;
   limits.value = 5;

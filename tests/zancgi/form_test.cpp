@@ -14,9 +14,6 @@
 namespace support {
 namespace {
 
-using zan_cgi::testing::Answer;
-using zan_cgi::testing::Backend;
-
 const char kTwice[] =
     "the input has been parsed already: make the Form, once, before anything "
     "asks for parameters or uploads";
@@ -73,7 +70,7 @@ TEST(Form, FindsFieldsByTheirNames) {
         });
 }
 
-TEST(CgiAfterAForm, AnswersFromIt) {
+TEST(CgiAfterAForm, ReturnsTheFieldsAndFilesOfTheForm) {
   Serve(Field("b", "1") + Upload("u", "f.txt", "one") + Field("a", "2") +
             Field("b", "3") + Upload("v", "g.txt", "three") + Field("b", "") +
             kFormEnd,
@@ -94,7 +91,7 @@ TEST(CgiAfterAForm, AnswersFromIt) {
 }
 
 // Each of them may be the first to ask.
-TEST(CgiAfterAForm, AnswersEachFirstQuestion) {
+TEST(CgiAfterAForm, ReturnsThemWhicheverFunctionIsCalledFirst) {
   const std::pair<const char*, std::function<void(Cgi & cgi)>> rows[] = {
       {"Param", [](Cgi& cgi) { EXPECT_EQ(cgi.Param("a"), "1"); }},
       {"GetParams",
@@ -116,7 +113,7 @@ TEST(CgiAfterAForm, AnswersEachFirstQuestion) {
   }
 }
 
-TEST(CgiAfterAForm, OnlyWarnsWhenItIsToParse) {
+TEST(CgiAfterAForm, WarnsInsteadOfParsing) {
   const Outcome outcome = Serve(Field("a", "1") + kFormEnd, [](Cgi& cgi) {
     const Form form(cgi);
     cgi.ParseQuery();
@@ -150,7 +147,7 @@ TEST(CgiAfterAForm, FindsTheSessionInAField) {
   }
 }
 
-TEST(CgiAfterAForm, SendsWhereItCameFromWithTheFirstQuery) {
+TEST(CgiAfterAForm, SendsSfromWithTheFirstQuery) {
   Backend backend;
   backend.Then(Answer("x"));
   Serve(
@@ -164,7 +161,7 @@ TEST(CgiAfterAForm, SendsWhereItCameFromWithTheFirstQuery) {
             "func=list&out=xml&sfrom=here");
 }
 
-TEST(UploadsOfOneName, StayBothUnderNamesOfTheirOwn) {
+TEST(UploadsOfOneName, HaveFilesOfTheirOwn) {
   const std::pair<Strings, Strings> rows[] = {
       {{"a", "b"}, {"a", "b"}},
       {{"a", "a"}, {"a", "a (2)"}},
@@ -216,7 +213,7 @@ TEST(Path, IsThatOfTheUploadItself) {
         });
 }
 
-TEST(Path, OfWhatIsNotOfTheFormIsRefused) {
+TEST(Path, OfAnUploadThatIsNotOfTheFormIsRefused) {
   const std::pair<const char*, std::function<void(Form::Upload & upload)>>
       changes[] = {
           {"field", [](Form::Upload& upload) { upload.field = "v"; }},
@@ -237,7 +234,7 @@ TEST(Path, OfWhatIsNotOfTheFormIsRefused) {
   });
 }
 
-TEST(Files, StayAsLongAsOneOfAllCopiesOfTheCgiAndTheForm) {
+TEST(Files, StayUntilTheLastCopyOfCgiAndFormIsDestroyed) {
   std::vector<int> order = {0, 1, 2, 3};
   do {
     SCOPED_TRACE(testing::PrintToString(order));
@@ -264,7 +261,7 @@ TEST(Files, StayAsLongAsOneOfAllCopiesOfTheCgiAndTheForm) {
   } while (std::next_permutation(order.begin(), order.end()));
 }
 
-TEST(SecondReading, IsRefusedAndSaysWhatToDo) {
+TEST(SecondReading, IsRefusedWithAdvice) {
   const std::pair<const char*, std::function<void(Cgi & cgi)>> rows[] = {
       {"Form", [](Cgi& cgi) { const Form form(cgi); }},
       {"Form of a copy",

@@ -15,6 +15,7 @@
 
 #include "support/account.h"
 #include "support/file_calls.h"
+#include "support/files.h"
 #include "support/form.h"
 #include "support/mount.h"
 #include "support/refusal.h"
@@ -79,7 +80,7 @@ bool CanBeUnnamed(const std::string& folder) {
   return file >= 0;
 }
 
-TEST(UploadFolder, IsTheOneThatWasSetElseThatOfTmpElseTmp) {
+TEST(UploadFolder, IsTheOneThatIsSetOrThatOfTmpOrTmp) {
   struct Row {
     const char* name;
     std::string set;
@@ -142,7 +143,7 @@ int CountOpenUploads(const std::string& spool) {
   return count;
 }
 
-TEST(UploadFile, IsReadByNobodyElseAndNoStandardStream) {
+TEST(UploadFile, IsPrivateAndNoStandardStream) {
   const std::vector<int> closed_sets[] = {{}, {1}, {2}, {1, 2}};
   for (const auto& [name, answer] : kKinds) {
     for (const std::vector<int>& closed : closed_sets) {
@@ -216,7 +217,7 @@ TEST(KilledProcess, LeavesNoUploadWhereFilesCanBeUnnamed) {
   }
 }
 
-TEST(UploadFile, IsNamedWhereItMustBe) {
+TEST(UploadFile, HasANameWhereUnnamedFilesAreNotSupported) {
   const Scratch spool;
   // Not supported, an old file system, an old kernel.
   for (const int error : {EOPNOTSUPP, EISDIR, EINVAL}) {
@@ -354,7 +355,7 @@ std::function<void(const std::string& spool)> Disk(const char* options,
       [=](const std::string& spool) { MountPrivately(spool, options, flags); };
 }
 
-TEST(UploadOnADisk, ThatTakesNoMoreIsRefusedWithTheReason) {
+TEST(UploadOnAFullOrReadOnlyDisk, IsRefusedWithTheReason) {
   const std::string reason = WhyNoAccounts();
   if (!reason.empty()) GTEST_SKIP() << reason;
   ExpectRefused({
@@ -423,8 +424,7 @@ void ExpectInHome(const Form& form, const Cgi& cgi, const std::string& home,
     const std::string path = form.Path(upload);
     EXPECT_EQ(cgi.File(upload.name), path);
     EXPECT_EQ(fs::path(path).parent_path(), home);
-    struct stat file {};
-    EXPECT_EQ(::stat(path.c_str(), &file), 0);
+    const struct stat file = StatOf(path);
     EXPECT_EQ(file.st_mode, S_IFREG | mode);
     EXPECT_EQ(file.st_uid, kVisitor);
     EXPECT_EQ(file.st_gid, kVisitors);
@@ -448,7 +448,7 @@ TEST_F(AccountUploads, AreHandedOverByASwitchAfterTheForm) {
   }
 }
 
-TEST_F(AccountUploads, LieInTheHomeAfterASwitch) {
+TEST_F(AccountUploads, AreStoredInTheHomeAfterASwitch) {
   for (const bool is_confined : {false, true}) {
     SCOPED_TRACE(is_confined);
     ServeForm(kForm, "", [&](Cgi& cgi) {
@@ -469,7 +469,7 @@ TEST_F(AccountUploads, ThatAreRefusedLeaveNothingInTheHome) {
   }
 }
 
-TEST_F(AccountUploads, GoWhereTheFrontEndSaysAfterASwitchToo) {
+TEST_F(AccountUploads, AreStoredInTheFolderThatIsSetAfterASwitchToo) {
   machine_.Give("spool");
   ServeForm(kForm, spool_, [&](Cgi& cgi) {
     BecomeVisitor(cgi, "", false);

@@ -5,6 +5,7 @@
 #include <fstream>
 
 #include "support/account.h"
+#include "support/files.h"
 #include "support/form.h"
 #include "support/hand_over.h"
 #include "support/test.h"
@@ -99,7 +100,7 @@ TEST_P(HandOverOf, AnUploadCutsItsPathAtABackslashToo) {
   EXPECT_EQ(owners_.InHome(), (Strings{"one", "two"}));
 }
 
-TEST_P(HandOverOf, AnUploadWithoutASeparatorTakesThePathForTheName) {
+TEST_P(HandOverOf, AnUploadWithoutASeparatorUsesThePathAsTheName) {
   owners_.MakeUpload("name");
   HandOverCall call{.use_chroot = Confined()};
   call.child.WorkDir(owners_.Spool());
@@ -202,7 +203,7 @@ TEST_P(HandOverOf, AnUploadToAnotherWithoutRootIsRefused) {
   EXPECT_EQ(done.log, Lines{});
 }
 
-TEST_P(HandOverOf, AnUploadThatIsGoneSaysSo) {
+TEST_P(HandOverOf, AMissingUploadIsAnError) {
   const std::string missing = owners_.Spool() + "/missing";
   const std::string two = owners_.MakeUpload("2");
   const HandedOver done = Do({{"a", missing}, {"b", two}});
@@ -256,9 +257,8 @@ std::string Look(const std::string& path) {
 class HomeOfVisitor : public testing::TestWithParam<bool> {
  protected:
   void SetUp() override {
-    if (GetParam() && !Owners::CanBeAcross()) {
-      GTEST_SKIP() << "needs a second file system at /dev/shm";
-    }
+    const std::string lack = GetParam() ? WhyNoOtherFileSystem() : "";
+    if (!lack.empty()) GTEST_SKIP() << lack;
   }
 };
 
@@ -360,7 +360,7 @@ class UploadsOfARequest : public testing::TestWithParam<bool> {
 
 INSTANTIATE_TEST_SUITE_P(Confined, UploadsOfARequest, testing::Bool());
 
-TEST_P(UploadsOfARequest, AreTheAccountsToReadAndToRemove) {
+TEST_P(UploadsOfARequest, CanBeReadAndRemovedByTheAccount) {
   const Outcome outcome = ServeAsAccount([&](Cgi& cgi, const Reporter& report) {
     EXPECT_EQ(::geteuid(), owners_.Visitor().uid);
     for (const char* name : {"a", "b", "c"}) {

@@ -52,7 +52,7 @@ TEST(HttpDate, OfTwoDigitsIsAtMostFiftyYearsAhead) {
   }
 }
 
-TEST(HttpDate, ThatIsMalformedIsNone) {
+TEST(HttpDate, ThatIsMalformedIsRefused) {
   const std::string rows[] = {"",
                               "0",
                               "Sun",

@@ -9,8 +9,6 @@
 namespace support {
 namespace {
 
-using zan_cgi::testing::Mark;
-
 /// The home of every account.
 std::string home;
 
@@ -62,7 +60,7 @@ TEST(PamCalls, GoToTheProgramsOwnFunctionsAndToNoOthers) {
              Call("pam_end(handle, 0)")}));
 }
 
-TEST(PamLibrary, IsCompleteWithEachFunctionOnly) {
+TEST(PamLibrary, IsIncompleteWithoutAnyOfItsFunctions) {
   const zan_cgi::PamLibrary complete{::pam_start, ::pam_open_session,
                                      ::pam_close_session, ::pam_end,
                                      ::pam_strerror};

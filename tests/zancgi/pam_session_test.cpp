@@ -64,8 +64,8 @@ TEST_F(PamSession, IsOpenedAndClosedAsRootAndNeverStopsTheSwitch) {
     std::string configuration;
     /// After its start.
     Lines log;
-    /// What the module tells.
-    std::string told;
+    /// What the module records.
+    std::string record;
   };
   std::vector<Stack> stacks = {
       {module_.Line() + "session required pam_deny.so\n",
@@ -101,18 +101,18 @@ TEST_F(PamSession, IsOpenedAndClosedAsRootAndNeverStopsTheSwitch) {
   machine_.MakeDir("other/www");
   for (const Stack& stack : stacks) {
     SCOPED_TRACE(stack.configuration);
-    fs::remove(machine_ / "told");
+    fs::remove(machine_ / "record");
     const Switched switched = SwitchWith(stack.configuration);
     ExpectSwitchedAllTheSame(switched);
     Lines log = {kStarting, kStarted};
     log.insert(log.end(), stack.log.begin(), stack.log.end());
     EXPECT_EQ(switched.log, log);
-    EXPECT_EQ(module_.Told(),
-              stack.told.substr(0, stack.told.find_last_not_of('\n') + 1));
+    EXPECT_EQ(module_.Record(),
+              stack.record.substr(0, stack.record.find_last_not_of('\n') + 1));
   }
 }
 
-TEST_F(PamSession, WithoutAConfigurationOfLoginTakesThatOfOther) {
+TEST_F(PamSession, WithoutAConfigurationOfLoginUsesThatOfOther) {
   const Switched switched = Switch(machine_, kUnconfined, [&] {
     fs::rename("/etc/pam.d/login", "/etc/pam.d/other");
   });
@@ -160,7 +160,7 @@ TEST_F(PamSession, ThatLimitsProcessesDoesNotStopTheSwitch) {
     zan_cgi::testing::LeaveOutLeakCheck();
   });
   ExpectSwitchedAllTheSame(switched);
-  EXPECT_EQ(module_.Told(), kOpening + kClosing);
+  EXPECT_EQ(module_.Record(), kOpening + kClosing);
 }
 
 TEST_F(PamSession, LeavesLimitsAndTheMaskAsTheModuleSetsThem) {
@@ -190,7 +190,8 @@ TEST_F(PamSession, ThatMovesAndClosesDescriptorsLeavesTheProcessInTheHome) {
   }
 }
 
-TEST_F(PamSession, ThatOpensAFolderOfTheHomesNumberLeavesTheProcessInTheHome) {
+TEST_F(PamSession,
+       ThatOpensAFolderWithTheInodeOfTheHomeLeavesTheProcessInTheHome) {
   const std::string other = machine_ / "other";
   // The top of each file system in memory has the same number.
   const auto mount = [&] {
@@ -215,7 +216,7 @@ TEST_F(PamSession, ThatOpensAFolderOfTheHomesNumberLeavesTheProcessInTheHome) {
   EXPECT_EQ(outcome.reported["place"], machine_.Home() + "/www");
 }
 
-TEST_F(PamSession, ThatEndsTheProcessEndsItForGood) {
+TEST_F(PamSession, ThatCallsExitEndsTheProcess) {
   Outcome outcome = LookAfter(
       "exit=3", [](const Reporter& report) { report("went on", "yes"); });
   EXPECT_EQ(outcome.status, 3);
@@ -224,7 +225,7 @@ TEST_F(PamSession, ThatEndsTheProcessEndsItForGood) {
   EXPECT_TRUE(outcome.Logged(9)[1].ends_with(" PAM start done"));
 }
 
-TEST_F(PamSession, ThatBecomesSomebodyLeavesTheProcessThatUser) {
+TEST_F(PamSession, ThatChangesTheUserIsNotUndone) {
   // Nobody without root's rights can become the account, and that changes
   // nothing: the process goes on as who it is.
   const Switched switched = SwitchWithModule("become=65534");

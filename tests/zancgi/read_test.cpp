@@ -21,7 +21,6 @@
 namespace support {
 namespace {
 
-using zan_cgi::testing::Log;
 using namespace std::chrono_literals;
 
 constexpr std::size_t kSize = 8;
@@ -147,7 +146,7 @@ std::vector<Row> Rows() {
   return rows;
 }
 
-TEST(Read, ComesToWhatTheSystemSaysWhateverTheLogLevel) {
+TEST(Read, ReturnsTheResultOfTheSystemAtAnyLogLevel) {
   for (const Row& row : Rows()) {
     const int threshold = row.log.empty() ? 9 : row.log[0].level;
     for (const int level : {0, threshold - 1, threshold, 9}) {
@@ -235,7 +234,7 @@ TEST(TimeOut, ClosesStandardInputForGood) {
   EXPECT_EQ(log, Log{});
 }
 
-TEST(TimeOut, IsCountedFromEachCallAnew) {
+TEST(TimeOut, StartsAnewWithEachCall) {
   Reading(Input::SlowPipe({"a", "b"}, 15ms), [] {
     std::vector<int> asked;
     Replace({.poll = [&](pollfd* entries, nfds_t count, int milliseconds) {
@@ -247,7 +246,7 @@ TEST(TimeOut, IsCountedFromEachCallAnew) {
   });
 }
 
-TEST(TimeOut, LetsNothingBecomeStandardInputAfterwards) {
+TEST(TimeOut, KeepsLaterDescriptorsAwayFromStandardInput) {
   Backend backend;
   backend.Times(2, zan_cgi::testing::Answer("x"));
   const Scratch scratch;
@@ -283,7 +282,7 @@ std::string ExpectedOf(short events, int last_error) {
 constexpr short kEvents[] = {POLLNVAL, POLLERR, POLLIN,   POLLHUP,
                              POLLPRI,  POLLOUT, POLLRDHUP};
 
-TEST(Events, AreLookedAtInOrder) {
+TEST(Events, AreCheckedInOrder) {
   RunCleanly(Child().LogLevel(0), [] {
     Cgi::Data record;
     for (std::size_t set = 0; set < 1U << std::size(kEvents); ++set) {
@@ -310,7 +309,7 @@ TEST(Events, AreLookedAtInOrder) {
   });
 }
 
-TEST(Facade, HandsLengthAndResultOnUnchanged) {
+TEST(Facade, PassesLengthAndResultUnchanged) {
   RunCleanly(Child(), [] {
     Cgi cgi("/bin/front", "");
     for (const long length : {0L, 1L, 1L << 33, -1L}) {
@@ -325,7 +324,7 @@ TEST(Facade, HandsLengthAndResultOnUnchanged) {
   });
 }
 
-TEST(Facade, ReadsTheBodyAsItIsOrWhatComesAfterIt) {
+TEST(Facade, ReadsTheBodyOrAfterAParseWhatFollowsIt) {
   for (const bool is_parsed : {false, true}) {
     Child child;
     child.Env("REQUEST_METHOD", "POST").Env("CONTENT_LENGTH", "3");
@@ -360,7 +359,7 @@ TEST(Record, IsNotTouchedByReading) {
   });
 }
 
-TEST(Pipe, IsReadToItsEndBeforeTheHangUpShows) {
+TEST(Pipe, IsReadToItsEndBeforeTheHangUpIsReported) {
   // Everything is written, and the writer gone, before the first read.
   const Log log = Reading(Input::Pipe("0123456789abcdefXYZ"), [] {
     pollfd entry{STDIN_FILENO, 0, 0};
@@ -378,11 +377,11 @@ struct Source {
   Log log = {};
 };
 
-TEST(Input, GivesWhatComesAndItsEnd) {
+TEST(Input, IsReadAsItArrivesUpToItsEnd) {
   const Source sources[] = {
       {Input::Pipe(""), {"-1"}, {kHangUp}},
       {Input::SlowPipe({"late"}, 30ms), {"4 late", "-1"}, {kHangUp}},
-      // No hang-up is ever seen behind the readable end of these.
+      // A hang-up never follows the readable end of these.
       {Input::Socket("abc"), {"3 abc", "0", "0", "0"}},
       {Input::File("0123456789"), {"8 01234567", "2 89", "0", "0", "0"}},
       {Input::Nothing(), {"0", "0", "0"}}};
@@ -416,7 +415,7 @@ void SendSignalEvery(int microseconds, void (*handler)(int), int flags = 0) {
 
 void Ignore(int /*signal*/) {}
 
-TEST(Signal, EndsTheWaitWithNothing) {
+TEST(Signal, EndsTheWaitWithoutData) {
   for (const int flags : {0, SA_RESTART}) {
     const Log log = Reading(Input::SilentPipe(""), [flags] {
       SendSignalEvery(20'000, Ignore, flags);

@@ -110,7 +110,7 @@ TEST(ParseQuery, RefusesOtherMethodsEachTime) {
   }
 }
 
-TEST(Addresses, AreTakenAsTheyStand) {
+TEST(Addresses, AreReturnedUnchanged) {
   struct Row {
     const char* forwarded;
     std::string remote;
@@ -275,7 +275,7 @@ Strings Parse(const std::string& query, const Texts& params) {
       .Logged(4);
 }
 
-TEST(QueryString, GivesParameters) {
+TEST(QueryString, IsParsedIntoParameters) {
   const std::pair<std::string, Texts> queries[] = {
       // Empty items and empty pairs are skipped.
       {"", {}},
@@ -301,7 +301,7 @@ TEST(QueryString, GivesParameters) {
   }
 }
 
-TEST(QueryString, TakesNamesInWhateverOrderTheyCome) {
+TEST(QueryString, MayNameParametersInAnyOrder) {
   std::vector<int> numbers(200);
   for (std::size_t i = 0; i < numbers.size(); ++i) {
     // Each name twice.

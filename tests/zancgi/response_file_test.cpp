@@ -12,8 +12,6 @@ namespace support {
 namespace {
 
 using zan_cgi::Response;
-using zan_cgi::testing::Descriptor;
-using zan_cgi::testing::ParseResponse;
 using Answer = zan_cgi::testing::Response;
 using Variables = std::map<std::string, std::string>;
 
@@ -59,7 +57,7 @@ class OpenFile {
   Descriptor file_;
 };
 
-TEST(File, IsSentWithWhatDescribesIt) {
+TEST(File, IsSentWithItsMetadata) {
   InChild([] {
     OpenFile file("0123456789");
     const std::string tag = file.Tag();
@@ -71,7 +69,7 @@ TEST(File, IsSentWithWhatDescribesIt) {
   });
 }
 
-TEST(File, IsSentWhereverThePositionIs) {
+TEST(File, IsSentFromItsBeginningWhateverTheOffset) {
   InChild([] {
     const OpenFile file("0123456789");
     ASSERT_EQ(::lseek(file.Get(), 4, SEEK_SET), 4);
@@ -94,7 +92,7 @@ TEST(File, MayBeEmpty) {
   });
 }
 
-TEST(File, ToAHeadIsDescribedOnly) {
+TEST(File, IsNotSentInAnswerToAHead) {
   InChild([] {
     OpenFile file("0123456789");
     const Answer answer = file.Sent({{"REQUEST_METHOD", "HEAD"}});
@@ -143,7 +141,7 @@ TEST(LastModified, IsNeverInTheFuture) {
   });
 }
 
-TEST(Headers, ThatAreSetStay) {
+TEST(Headers, ThatAreSetAreKept) {
   InChild([] {
     OpenFile file("0123456789");
     const auto response = [] {
@@ -248,7 +246,7 @@ std::string PartSent(OpenFile& file, const Variables& variables) {
   return "whole";
 }
 
-TEST(Range, IsOnePartOrElseTheWhole) {
+TEST(Range, IsOnePartOrTheWholeFile) {
   const std::string huge(30, '9');
   const std::pair<std::string, std::string> rows[] = {
       {"bytes=0-0", "0"},
@@ -302,7 +300,7 @@ TEST(Range, IsOnePartOrElseTheWhole) {
   });
 }
 
-TEST(Range, OfAnEmptyFileIsNone) {
+TEST(Range, OfAnEmptyFileCannotBeSatisfied) {
   InChild([] {
     const Answer answer = OpenFile("").Sent({{"HTTP_RANGE", "bytes=0-"}});
     EXPECT_EQ(answer.status, 416);
@@ -328,7 +326,7 @@ TEST(Range, IsForAGetOfStatus200) {
   });
 }
 
-TEST(IfRange, HasToBeWhatTheFileIsNow) {
+TEST(IfRange, MustMatchTheCurrentFile) {
   InChild([] {
     OpenFile file("0123456789");
     const std::string tag = file.Tag();
@@ -388,7 +386,7 @@ void ExpectRefused(int descriptor) {
             OutputOf([] { Response().Send(""); }));
 }
 
-TEST(SendFile, RefusesWhatIsNoFileToRead) {
+TEST(SendFile, RefusesWhatIsNotAReadableFile) {
   InChild([] {
     const Scratch scratch;
     const std::string fifo = scratch / "fifo";
@@ -410,7 +408,7 @@ TEST(SendFile, RefusesWhatIsNoFileToRead) {
   });
 }
 
-TEST(SendFile, RefusesATypeThatIsNoValue) {
+TEST(SendFile, RefusesATypeThatIsNoHeaderValue) {
   InChild([] {
     const OpenFile file("a");
     Response response;

@@ -46,7 +46,6 @@ extern "C" ssize_t writev(int fd, const iovec* iovec, int count) {
 namespace {
 
 using zan_cgi::Response;
-using zan_cgi::testing::Descriptor;
 
 constexpr std::size_t kSize = 1'000'000;
 
@@ -174,7 +173,7 @@ std::string ErrorToNobody(const std::function<void()>& write) {
   return ReaderThread([](Descriptor& from) { from.Close(); }).Error(write);
 }
 
-TEST_P(Output, GoesOnWhereAPipeIsFull) {
+TEST_P(Output, ContinuesAfterAPipeWasFull) {
   for (const bool blocks : {true, false}) {
     SCOPED_TRACE(blocks);
     InChild([&](const SentFile& file) {
@@ -188,7 +187,7 @@ TEST_P(Output, GoesOnWhereAPipeIsFull) {
   }
 }
 
-TEST_P(Output, GoesOnAfterSignals) {
+TEST_P(Output, ContinuesAfterSignals) {
   for (const bool blocks : {true, false}) {
     SCOPED_TRACE(blocks);
     InChild([&](const SentFile& file) {
@@ -217,7 +216,7 @@ TEST_P(Output, ArrivesWholeByteByByte) {
   });
 }
 
-TEST_P(Output, IsAppendedWhereThatIsAskedFor) {
+TEST_P(Output, IsAppendedToADescriptorOpenedForAppending) {
   InChild([](const SentFile& file) {
     const Scratch scratch;
     const std::string path = scratch.MakeFile("output", "before");
@@ -239,7 +238,7 @@ void ExpectUntouched(int signal) {
   EXPECT_FALSE(IsBlocked(signal));
 }
 
-TEST_P(Output, ToNobodyIsNoError) {
+TEST_P(Output, WithoutAReaderIsNoError) {
   InChild([](const SentFile& file) {
     const auto write = [&] {
       std::fputs("X-Early: 1\r\n", stdout);
@@ -256,7 +255,7 @@ TEST_P(Output, ToNobodyIsNoError) {
   });
 }
 
-TEST_P(Output, ToNobodyIsNoErrorWhateverSigpipeDoes) {
+TEST_P(Output, WithoutAReaderIsNoErrorWhateverSigpipeDoes) {
   for (const auto handler : {SIG_IGN, SIG_DFL}) {
     InChild([&](const SentFile& file) {
       ::signal(SIGPIPE, handler);
@@ -273,7 +272,7 @@ TEST_P(Output, ToNobodyIsNoErrorWhateverSigpipeDoes) {
   });
 }
 
-TEST_P(Output, LeavesASigpipeThatWaits) {
+TEST_P(Output, LeavesAnEarlierSigpipePending) {
   for (const bool waits : {false, true}) {
     SCOPED_TRACE(waits);
     InChild([&](const SentFile& file) {
@@ -288,7 +287,7 @@ TEST_P(Output, LeavesASigpipeThatWaits) {
 
 // Else uploads would stay: a web server that has the whole answer ends the
 // program.
-TEST_P(Output, HoldsBackATerminationThatComesAfterIt) {
+TEST_P(Output, WithoutAReaderBlocksSigtermAfterwards) {
   InChild([&](const SentFile& file) {
     EXPECT_EQ(ErrorToNobody([&] { Send(file); }), "");
     ::raise(SIGTERM);
@@ -400,7 +399,7 @@ TEST(CopiedFile, ThatCannotBeReadIsAnError) {
   });
 }
 
-TEST(CopiedFile, IsOneThatTheSystemCannotSend) {
+TEST(CopiedFile, ReplacesASendfileThatIsNotSupported) {
   RunCleanly(Child(), [] {
     const SentFile file;
     for (const int error : {EINVAL, ENOSYS, EOPNOTSUPP}) {

@@ -13,7 +13,6 @@ namespace {
 
 using zan_cgi::Response;
 using zan_cgi::SetCookie;
-using zan_cgi::testing::ParseResponse;
 
 void InChild(const std::function<void()>& check) { RunCleanly(Child(), check); }
 
@@ -93,7 +92,7 @@ TEST(Response, HasTheReasonOfItsStatus) {
   });
 }
 
-TEST(Response, IsOfAFinalStatusOnly) {
+TEST(Response, RefusesAStatusThatIsNotFinal) {
   for (const int status : {-200, 0, 100, 101, 199, 600, 2000}) {
     EXPECT_THROW(Response{status}, std::invalid_argument) << status;
   }
@@ -117,7 +116,7 @@ TEST(Response, WithoutContentHasNeitherBodyNorTypeNorLength) {
   });
 }
 
-TEST(Response, IsSentOnceWhicheverCopy) {
+TEST(Response, IsSentOnceByAllItsCopies) {
   InChild([] {
     Response response;
     Response copy(200);
@@ -139,7 +138,7 @@ TEST(Response, OutlivesItsCopies) {
   });
 }
 
-TEST(Response, ComesAfterWhatWasPrinted) {
+TEST(Response, ComesAfterEarlierOutput) {
   InChild([] {
     const std::string output = OutputOf([] {
       std::fputs("X-Early: 1\r\n", stdout);
@@ -150,7 +149,7 @@ TEST(Response, ComesAfterWhatWasPrinted) {
   });
 }
 
-TEST(Header, OfANameIsReplacedButCookiesAreAdded) {
+TEST(Header, IsReplacedByALaterOneUnlessItSetsACookie) {
   InChild([] {
     EXPECT_EQ(
         Sent(Response()
@@ -251,7 +250,7 @@ TEST(ControlBytes, AreRefusedInEveryPlace) {
   });
 }
 
-TEST(Redirect, GoesWhereItIsGiven) {
+TEST(Redirect, HasTheGivenLocation) {
   InChild([] {
     EXPECT_EQ(Sent(Response::Redirect("/a b?c=d#\xC3\xA4")),
               "Status: 303 See Other\r\n"
@@ -269,7 +268,7 @@ SetCookie MakeCookie(const std::function<void(SetCookie&)>& change) {
   return cookie;
 }
 
-TEST(Cookie, IsSetAsTheRfcHasIt) {
+TEST(Cookie, FollowsRfc6265) {
   const std::pair<std::function<void(SetCookie&)>, std::string> rows[] = {
       {[](SetCookie&) {}, "ses=1; Path=/; HttpOnly; SameSite=Strict"},
       {[](SetCookie& cookie) { cookie.value = ""; },
@@ -321,7 +320,7 @@ TEST(Cookies, AreAllSent) {
   });
 }
 
-TEST(Cookie, IsRefusedWhenBrowsersWouldTakeItOtherwise) {
+TEST(Cookie, IsRefusedIfBrowsersWouldReadItDifferently) {
   const std::pair<std::string, std::function<void(SetCookie&)>> rows[] = {
       {"no name", [](SetCookie& cookie) { cookie.name = ""; }},
       {"name", [](SetCookie& cookie) { cookie.name = "a=b"; }},
@@ -346,7 +345,7 @@ TEST(Cookie, IsRefusedWhenBrowsersWouldTakeItOtherwise) {
   });
 }
 
-TEST(Attachment, HasANameForEachClient) {
+TEST(Attachment, HasAFileNameForEachClient) {
   const std::pair<std::string, std::string> rows[] = {
       {"a.txt", "\"a.txt\""},
       {"", "\"\""},
@@ -389,7 +388,7 @@ TEST(Attachment, HasANameForEachClient) {
   });
 }
 
-TEST(Html, EscapesWhatHasAMeaning) {
+TEST(Html, EscapesMarkupCharacters) {
   EXPECT_EQ(zan_cgi::Html("<a href=\"?b&c\" d='&amp;'>"),
             "&lt;a href=&quot;?b&amp;c&quot; d=&#39;&amp;amp;&#39;&gt;");
   const std::string others("a\0\n\t\xC3\xA4`=/", 9);
@@ -449,7 +448,7 @@ std::size_t SetSomething(Response& response, Chance& chance) {
   }
 }
 
-TEST(Anything, MakesNoMoreLinesThanItsOwn) {
+TEST(Headers, CannotBeAddedByAnyValue) {
   InChild([] {
     Chance chance;
     std::size_t most = 0;

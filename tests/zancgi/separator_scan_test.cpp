@@ -51,7 +51,7 @@ class Rule {
   std::size_t matched_ = 0;
 };
 
-/// Memory with nothing behind it: whoever reads on is killed.
+/// Memory that ends at an inaccessible page: a read beyond it is killed.
 class Guarded {
  public:
   Guarded() {
@@ -117,14 +117,14 @@ std::string Repeat(const std::string& text, std::size_t times) {
 TEST(SeparatorScan, FindsTheSeparatorAtEachPlace) {
   const std::string separator = "\r\n--XY";
   for (std::size_t before = 0; before < 200; ++before) {
-    for (std::size_t behind = 0; behind < 80; behind += 7) {
-      Compare(separator, {std::string(before, 'x') + separator +
-                          std::string(behind, 'x')});
+    for (std::size_t after = 0; after < 80; after += 7) {
+      Compare(separator,
+              {std::string(before, 'x') + separator + std::string(after, 'x')});
     }
   }
 }
 
-TEST(SeparatorScan, GoesOnWithAMatchAtEachCut) {
+TEST(SeparatorScan, ContinuesAMatchAcrossEachCut) {
   const std::string separator = "\r\n--boundary";
   const std::string data =
       std::string(100, 'x') + separator + std::string(100, 'x');
@@ -133,12 +133,12 @@ TEST(SeparatorScan, GoesOnWithAMatchAtEachCut) {
   }
 }
 
-TEST(SeparatorScan, IsNotDeceivedByItsBeginnings) {
+TEST(SeparatorScan, IsNotDeceivedByBeginningsOfTheSeparator) {
   const std::string separator = "\r\n--XY";
   for (std::size_t size = 1; size < separator.size(); ++size) {
     const std::string beginning = separator.substr(0, size);
-    for (const std::string& behind : {separator, std::string("x")}) {
-      Compare(separator, {Repeat(beginning, 50) + behind, behind});
+    for (const std::string& end : {separator, std::string("x")}) {
+      Compare(separator, {Repeat(beginning, 50) + end, end});
     }
   }
 }
@@ -158,15 +158,15 @@ TEST(SeparatorScan, IsNotDeceivedByManyLookAlikes) {
   }
 }
 
-TEST(SeparatorScan, FollowsTheRuleWhereASeparatorHoldsItsFirstByteAgain) {
-  // An exact search would find "\r\n--\r\n--X" behind one "\r\n--" more.
+TEST(SeparatorScan, FollowsTheRuleWhereASeparatorRepeatsItsFirstByte) {
+  // An exact search would find "\r\n--\r\n--X" after another "\r\n--".
   Compare("\r\n--\r\n--X", {"\r\n--\r\n--\r\n--X"});
   SeparatorScan scan("\r\n--\r\n--X");
   bool is_broken = false;
   EXPECT_EQ(ScanExactly(scan, "\r\n--\r\n--\r\n--X", is_broken), "13.0 ");
 }
 
-TEST(SeparatorScan, FollowsTheRuleInWhateverComes) {
+TEST(SeparatorScan, FollowsTheRuleInRandomText) {
   std::mt19937 random(7);
   const std::string letters = "\r\r\r\n\n--X";
   for (const std::string value : {"", "-", "X", "XX", "X-X", "\r", "\r\n--",

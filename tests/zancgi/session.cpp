@@ -12,11 +12,11 @@ SessionModule::SessionModule(const support::Machine& machine,
 
 std::string SessionModule::Line(const std::string& deeds) const {
   return "session required " + inner_ + "/session.so record=" + inner_ +
-         "/told " + deeds + "\n";
+         "/record " + deeds + "\n";
 }
 
-std::string SessionModule::Told() const {
-  std::string told = zan_cgi::testing::ReadFile(outer_ + "/told");
-  if (!told.empty()) told.pop_back();
-  return told;
+std::string SessionModule::Record() const {
+  std::string record = zan_cgi::testing::ReadFile(outer_ + "/record");
+  if (!record.empty()) record.pop_back();
+  return record;
 }

@@ -20,7 +20,8 @@ inline const zan_cgi::testing::LogLine kOpened{
 inline const zan_cgi::testing::LogLine kClosed{
     9, "zancgi_unix.cpp:N PAM close_session - ok"};
 
-/// A PAM module in a machine's folder, which tells what it did in a file there.
+/// A PAM module in a machine's folder, which records what it did in a file
+/// there.
 class SessionModule {
  public:
   /// @param root  name of the folder that is the root directory when the module
@@ -32,8 +33,9 @@ class SessionModule {
   /// @param deeds  see session_module.cpp
   std::string Line(const std::string& deeds = "") const;
 
-  /// What it has told, without its last line end; empty when it did not run.
-  std::string Told() const;
+  /// What it has recorded, without the last line end; empty when it did not
+  /// run.
+  std::string Record() const;
 
  private:
   std::string outer_;

@@ -21,7 +21,7 @@ namespace {
 struct Session {
   pam_handle_t* handle;
   int flags;
-  /// Which file tells what happened.
+  /// The path of the file that records what happened.
   std::string record;
   int open_result = PAM_SUCCESS;
   int close_result = PAM_SUCCESS;

@@ -17,11 +17,6 @@ namespace {
 using zan_cgi::AccountError;
 using zan_cgi::FormError;
 using zan_cgi::StatusOf;
-using zan_cgi::testing::Answer;
-using zan_cgi::testing::Backend;
-using zan_cgi::testing::Post;
-using zan_cgi::testing::Request;
-using zan_cgi::testing::Step;
 
 TEST(StatusOf, OfAFormErrorIsItsStatus) {
   for (const int status : {400, 408, 413, 415, 507}) {
@@ -29,12 +24,12 @@ TEST(StatusOf, OfAFormErrorIsItsStatus) {
   }
 }
 
-TEST(StatusOf, OfAnAccountErrorIsForbiddenWhateverItSays) {
+TEST(StatusOf, OfAnAccountErrorIsForbiddenWhateverItsText) {
   EXPECT_EQ(StatusOf(AccountError("the user name is empty")), 403);
   EXPECT_EQ(StatusOf(AccountError("timeout")), 403);
 }
 
-TEST(StatusOf, OfATextOfTheRequestIsItsOwn) {
+TEST(StatusOf, OfAnErrorOfTheRequestFollowsItsText) {
   for (const auto& [text, status] : std::vector<std::pair<std::string, int>>{
            {"Error reading STDIN", 400},
            {"POST read failed: CONTENT_LENGTH=2, bytes read:1", 400},
@@ -77,7 +72,7 @@ class OwnError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-TEST(StatusOf, OfAnotherTypeIsAnInternalErrorWhateverItSays) {
+TEST(StatusOf, OfAnotherTypeIsAnInternalErrorWhateverItsText) {
   EXPECT_EQ(StatusOf(OwnError("timeout")), 500);
   EXPECT_EQ(StatusOf(std::logic_error("timeout")), 500);
   EXPECT_EQ(StatusOf(tov_err::Error("timeout")), 500);
@@ -112,7 +107,7 @@ std::string Thrown(Child& child, const Act& act) {
   return outcome.reported["status"];
 }
 
-TEST(StatusOf, OfWhatARequestThrowsIsTheFittingOne) {
+TEST(StatusOf, OfEachErrorOfARequestFits) {
   const Request get = zan_cgi::testing::Get("/front");
   Request put("PUT", "/front");
   put.Body("a=1", "application/x-www-form-urlencoded");

@@ -160,7 +160,7 @@ TEST_F(Su, UnconfinedStaysInAHomeThatItsAccountMayNotSearch) {
   EXPECT_EQ(switched.identity, Visitor("/", machine_.Home()));
 }
 
-TEST_F(Su, UnconfinedSaysWhenTheWayUpIsLongerThanAPathMayBe) {
+TEST_F(Su, UnconfinedReportsThatThePathUpIsTooLong) {
   // A path has 4095 bytes at most, and the way up needs three for each level.
   constexpr int kLevels = 4094 / 3;
   std::string deep = "d";
@@ -185,7 +185,7 @@ TEST_F(Su, TwiceGoesOnWithTheRightsThatTheFirstCallLeft) {
         Cgi::Data request;
         request.DoSu("visitor", "www", false, false);
         request.DoSu("visitor", "", false, false);
-        TellIdentity(report, observer.Look());
+        ReportIdentity(report, observer.Look());
         request.DoSu("visitor", "", true, false);
       });
   const Switched switched = SwitchedOf(outcome);
@@ -203,7 +203,7 @@ TEST_F(Su, WithoutRootStaysWhoItWasButEntersTheHome) {
         Cgi::Data request;
         MarkSwitch();
         request.DoSu("visitor", "", false, false);
-        TellIdentity(report, observer.Look());
+        ReportIdentity(report, observer.Look());
         request.DoSu("visitor", "/", true, false);
       });
   const Switched switched = SwitchedOf(outcome);
@@ -280,7 +280,7 @@ Switched RecordSwitch(const Machine& machine, const Call& call,
             error = thrown.what();
           }
         }
-        TellIdentity(report, observer.Look());
+        ReportIdentity(report, observer.Look());
         if (!error.empty()) throw std::runtime_error(error);
       });
   return SwitchedOf(outcome);
@@ -462,13 +462,13 @@ TEST_F(SuCalls, GoUpFromTheDirectoryUntilTheHomeIsMet) {
   }
 }
 
-TEST_F(SuCalls, OfAnAccountThatIsMissingAreOne) {
+TEST_F(SuCalls, LookAMissingAccountUpAndStop) {
   Call call = Whole(true);
   call.user = "nobody-here";
   Expect(call, Calls({"getpwnam nobody-here"}), "failed to get pw entry");
 }
 
-TEST_F(SuCalls, StopBehindTheHomeThatCannotBeEntered) {
+TEST_F(SuCalls, StopAfterAHomeThatCannotBeEntered) {
   for (const int error : {EPERM, EACCES, ENOENT}) {
     for (const bool use_chroot : {false, true}) {
       const std::string entering =
@@ -551,7 +551,7 @@ std::string Join(std::vector<gid_t>& groups, std::size_t count) {
   return setting;
 }
 
-TEST_F(SuCalls, AskOnceMoreForTheGroupsOfAnAccountThatHasMany) {
+TEST_F(SuCalls, ReadTheGroupsTwiceOfAnAccountThatHasMany) {
   const Call call = {.dir = "/", .use_chroot = true};
   // No more than the kernel takes.
   const std::string most = Join(answers_.groups, NGROUPS_MAX - 1);
@@ -569,7 +569,7 @@ TEST_F(SuCalls, AskOnceMoreForTheGroupsOfAnAccountThatHasMany) {
   }
 }
 
-TEST_F(SuCalls, StopWhereTheWayUpIsNotKnown) {
+TEST_F(SuCalls, StopWhereThePathUpIsUnknown) {
   const std::string entered = machine_.MakeDir("home/www/a");
   for (const int error : {EACCES, ENOENT, EIO}) {
     int levels = 0;
@@ -618,7 +618,7 @@ TEST_F(SuCalls, OpenNothingInPlaceOfAClosedStandardStream) {
 /// Asks for another account, which overwrites the answer of the first question.
 void AskForRoot() { EXPECT_NE(::getpwnam("root"), nullptr); }
 
-/// The same with the question behind the calls that ask it.
+/// The same calls with the question after those that ask it.
 Lines WithQuestions(const Lines& calls, const Answers& answers) {
   Lines lines;
   for (const LogLine& line : calls) {
@@ -630,7 +630,7 @@ Lines WithQuestions(const Lines& calls, const Answers& answers) {
   return lines;
 }
 
-TEST_F(SuCalls, AreForTheAccountWhoeverIsAskedForMeanwhile) {
+TEST_F(SuCalls, AreForTheAccountWhoeverIsLookedUpMeanwhile) {
   for (const char* asking :
        {"gethostbyname localhost", "initgroups visitor 54321", "setgid 54322",
         "pam_start login visitor myconv", "pam_open_session session silent",

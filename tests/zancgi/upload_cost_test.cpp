@@ -40,7 +40,7 @@ TEST(Upload, CostsOneWaitOneReadAndOneWriteForAChunk) {
   });
 }
 
-TEST(QueryString, TakesRoomForTheDeclaredLengthUpTo16Megabytes) {
+TEST(QueryString, ReservesTheDeclaredLengthUpTo16Megabytes) {
   // With the zero byte at the end of a std::string.
   const std::pair<std::uint64_t, std::size_t> largest[] = {
       {100'000, 100'001},
@@ -106,14 +106,14 @@ std::int64_t ParseExactly(zan_cgi::Cgi& cgi) {
   return zan_cgi::Form(cgi).uploads().at(0).size;
 }
 
-TEST(Upload, TakesNoMoreMemoryWhenItIsLarge) {
+TEST(Upload, NeedsNoMoreMemoryWhenItIsLarge) {
   const long small = Growth(1 << 20, Parse);
   const long large = Growth(200 << 20, Parse);
   EXPECT_GT(small, 0);
   EXPECT_LT(large, small + 1024);
 }
 
-TEST(UploadOfAForm, TakesNoMoreMemoryWhenItIsLarge) {
+TEST(UploadOfAForm, NeedsNoMoreMemoryWhenItIsLarge) {
   const long small = Growth(1 << 20, ParseExactly);
   const long large = Growth(64 << 20, ParseExactly);
   EXPECT_GT(small, 0);

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <regex>
 
+#include "support/files.h"
 #include "support/form.h"
 #include "support/mount.h"
 #include "support/piece_input.h"
@@ -260,7 +261,7 @@ TEST_F(FullDisk, GetsItsSpaceBackAtOnce) {
       });
 }
 
-TEST_F(FullDisk, SparesTheFilesBefore) {
+TEST_F(FullDisk, KeepsTheFilesBefore) {
   ParseOnDisk(
       {Upload("u", "first", "one"), Upload("v", "second", "two"),
        Upload("w", "third", "three"), Upload("x", "fourth", "four") + kFormEnd},
@@ -282,7 +283,7 @@ TEST_F(FullDisk, IsNoErrorForAnUploadThatFits) {
               });
 }
 
-TEST_F(FullDisk, IsSeenBeforehandInABodyThatIsTooLarge) {
+TEST_F(FullDisk, IsDetectedFromTheContentLength) {
   const Outcome outcome = ParseOnDisk(
       LargeUpload(20),
       [](std::size_t, const SmallDisk& disk) {
@@ -418,7 +419,7 @@ TEST_F(FullDisk, ThatIsReadOnlyIsAWriteError) {
   });
 }
 
-TEST(Directory, ThatGoesAwayInMidUploadIsNoError) {
+TEST(Directory, ThatIsRemovedDuringAnUploadIsNoError) {
   const Scratch scratch;
   const std::string spool = scratch.MakeDir("spool");
   const Outcome outcome = ParsePieces(
@@ -432,7 +433,7 @@ TEST(Directory, ThatGoesAwayInMidUploadIsNoError) {
   EXPECT_EQ(outcome.Logged(4), Strings{});
 }
 
-TEST(Directory, ThatIsRenamedInMidUploadTakesTheFileAlong) {
+TEST(Directory, ThatIsRenamedDuringAnUploadTakesTheFileAlong) {
   const Scratch scratch;
   const std::string spool = scratch.MakeDir("spool");
   const std::string other = scratch / "other";
@@ -448,7 +449,7 @@ TEST(Directory, ThatIsRenamedInMidUploadTakesTheFileAlong) {
   EXPECT_EQ(outcome.Logged(4), Strings{});
 }
 
-TEST(Directory, ThatGoesAwayBetweenTwoFilesFailsTheSecond) {
+TEST(Directory, ThatIsRemovedBetweenTwoUploadsFailsTheSecond) {
   const Scratch scratch;
   const std::string spool = scratch.MakeDir("spool");
   ParsePieces(
@@ -463,7 +464,7 @@ TEST(Directory, ThatGoesAwayBetweenTwoFilesFailsTheSecond) {
       Before(1, [&] { fs::remove_all(spool); }));
 }
 
-TEST(Directory, ThatIsMissingHasTheBodyReadFirst) {
+TEST(Directory, ThatIsMissingIsReportedAfterTheBodyIsRead) {
   const Strings pieces = LargeUpload(3);
   ParsePieces(pieces, kNowhere,
               [&](const Result& result, const PieceInput& input) {
@@ -477,15 +478,10 @@ TEST(Directory, ThatIsMissingHasTheBodyReadFirst) {
               });
 }
 
-TEST(Directory, OnAnotherFileSystemIsAsGood) {
-  struct stat here {};
-  struct stat there {};
-  const std::string other = "/dev/shm";
-  if (::stat(".", &here) != 0 || ::stat(other.c_str(), &there) != 0 ||
-      here.st_dev == there.st_dev || ::access(other.c_str(), W_OK) != 0) {
-    GTEST_SKIP() << "needs another file system at " << other;
-  }
-  const Scratch scratch(other);
+TEST(Directory, OnAnotherFileSystemHoldsUploadsToo) {
+  const std::string lack = WhyNoOtherFileSystem();
+  if (!lack.empty()) GTEST_SKIP() << lack;
+  const Scratch scratch(kOtherFileSystem);
   const Strings pieces = LargeUpload(3);
   ParsePieces(pieces, scratch.Path(),
               [&](const Result& result, const PieceInput&) {
@@ -499,21 +495,19 @@ const std::string kContent = "the content";
 const std::string kFieldPart = Field("a", "1");
 const std::string kBody =
     kFieldPart + Upload("u", "f", kContent) + Field("b", "2") + kFormEnd;
-/// Behind these bytes the field's value is complete.
+/// After these bytes the field's value is complete.
 const std::size_t kValueEnd = kFieldPart.size();
 const std::size_t kDataBegin = kValueEnd + UploadHead("u", "f").size();
 const std::size_t kDataEnd = kDataBegin + kContent.size();
-/// Behind these the upload is complete.
+/// After these the upload is complete.
 const std::size_t kSeparatorEnd = kDataEnd + 6;
 
 /// A body that ends here is parsed for ever: the first boundary has come, but
-/// not both bytes that are skipped behind it.
-bool EndsBehindTheFirstBoundary(std::size_t cut) {
-  return cut == 4 || cut == 5;
-}
+/// not both bytes that are skipped after it.
+bool EndsAfterTheFirstBoundary(std::size_t cut) { return cut == 4 || cut == 5; }
 
-/// What must be there of the upload when the body has ended behind this many
-/// bytes, none of which can be taken for more than it is.
+/// Expects what must be stored of the upload when the body ends after this many
+/// bytes.
 void ExpectUploadCutAt(const Result& result, std::size_t cut) {
   EXPECT_EQ(result.files.contains("f"), cut > kDataBegin);
   if (cut <= kDataBegin) return;
@@ -527,7 +521,7 @@ TEST(CutBody, FromAPipeIsAnErrorAtEveryByte) {
   const Scratch scratch;
   const Outcome outcome = RunCleanly(PostOf({kBody}), [&] {
     for (std::size_t cut = 0; cut < kBody.size(); ++cut) {
-      if (EndsBehindTheFirstBoundary(cut)) continue;
+      if (EndsAfterTheFirstBoundary(cut)) continue;
       SCOPED_TRACE(cut);
       const PieceInput input(CutInto(kBody.substr(0, cut), kChunk));
       const Result result = Parse(scratch.Path());
@@ -584,9 +578,9 @@ bool GoesOnForEver(const Input& input) {
   return outcome.status == 128 + SIGPROF;
 }
 
-TEST(CutBody, BehindTheFirstBoundaryIsParsedForEver) {
+TEST(CutBody, AfterTheFirstBoundaryIsParsedForEver) {
   for (const std::size_t cut : {4U, 5U}) {
-    EXPECT_TRUE(EndsBehindTheFirstBoundary(cut));
+    EXPECT_TRUE(EndsAfterTheFirstBoundary(cut));
     EXPECT_TRUE(GoesOnForEver(Input::Pipe(kBody.substr(0, cut)))) << cut;
   }
 }
@@ -603,7 +597,7 @@ TEST(CutBody, FromASocketOrAFileIsParsedForEverFromTheFirstByteOn) {
   }
 }
 
-TEST(CutBody, FromAFileIsAskedForAgainAndAgainWhereNothingElseCounts) {
+TEST(CutBody, FromAFileIsPolledForEver) {
   struct Row {
     Input input;
     const char* folder;
@@ -665,7 +659,7 @@ TEST(SilentWriter, LeavesPartOfAFileForTheTearDown) {
   EXPECT_EQ(scratch.List(), Strings{});
 }
 
-TEST(SilentWriter, OverrulesAWriteError) {
+TEST(SilentWriter, IsReportedRatherThanAWriteError) {
   const Scratch scratch;
   const std::string file = scratch.MakeFile("file");
   const Strings pieces = LargeUpload(4);
@@ -780,7 +774,7 @@ std::string OpenStandardDescriptors() {
   return open;
 }
 
-TEST(StandardDescriptors, WithoutTheFirstThereIsNoBody) {
+TEST(StandardDescriptors, WithoutStandardInputLeaveNoBodyToRead) {
   for (const std::vector<int>& others :
        {std::vector<int>{}, {1}, {2}, {1, 2}}) {
     const Scratch scratch;
@@ -797,7 +791,7 @@ TEST(StandardDescriptors, WithoutTheFirstThereIsNoBody) {
   }
 }
 
-TEST(StandardDescriptors, AreNeverAnUploadsFile) {
+TEST(StandardDescriptors, AreNeverUsedForAnUpload) {
   const Strings pieces = LargeUpload(3);
   const std::pair<std::vector<int>, std::string> sets[] = {
       {{1}, "02"}, {{2}, "01"}, {{1, 2}, "0"}};
@@ -829,7 +823,7 @@ TEST(StandardDescriptors, AreNotNeededForAWriteError) {
               {}, {1, 2});
 }
 
-TEST(TearDown, RemovesWhatIsInAnUploadsPlace) {
+TEST(TearDown, RemovesWhateverHasReplacedAnUpload) {
   const std::string body =
       Upload("u", "f", "first") + Upload("v", "g", "second") + kFormEnd;
   for (const bool is_link : {false, true}) {

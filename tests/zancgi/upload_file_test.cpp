@@ -5,6 +5,7 @@
 
 #include <ostream>
 
+#include "support/files.h"
 #include "support/terminal.h"
 #include "support/test.h"
 
@@ -81,7 +82,7 @@ TEST(UploadFile,
   }
 }
 
-TEST(UploadFile, IsNotOpenWhereNoDescriptorAboveStandardErrorIsLeft) {
+TEST(UploadFile, IsNotOpenedWithoutADescriptorAboveStandardError) {
   for (const std::vector<int>& closed : kClosedSets) {
     const Scratch scratch;
     RunWithout(closed, [&] {
@@ -100,15 +101,13 @@ TEST(UploadFile, IsNotOpenWhereNoDescriptorAboveStandardErrorIsLeft) {
   }
 }
 
-TEST(UploadFile, ThatItMakesIsItsOwnersOnly) {
+TEST(UploadFile, IsMadeForItsOwnerOnly) {
   const Scratch scratch;
   RunWithout({}, [&] {
     ::umask(0);
     UploadFile file;
     file.Open(scratch / "file");
-    struct stat found {};
-    ASSERT_EQ(::stat((scratch / "file").c_str(), &found), 0);
-    EXPECT_EQ(found.st_mode & 07777U, 0600U);
+    EXPECT_EQ(ModeOf(scratch / "file"), 0600U);
   });
 }
 
@@ -125,7 +124,7 @@ TEST(UploadFile, GrowsAtItsEnd) {
   EXPECT_EQ(ReadFile(path), "there, new");
 }
 
-TEST(UploadFile, IsNotFoundByALink) {
+TEST(UploadFile, IsNotOpenedThroughALink) {
   const Scratch scratch;
   const std::string target = scratch.MakeFile("target", "kept");
   for (const std::string& aim : {target, scratch / "missing"}) {
@@ -178,7 +177,7 @@ Written WriteDigits(const std::vector<Step>& steps) {
   return {ReadFile(scratch / "file"), file.IsBad(), followed.calls};
 }
 
-TEST(UploadFile, IsWrittenOnAfterASignalAndAfterAPart) {
+TEST(UploadFile, IsWrittenWholeAfterASignalOrAShortWrite) {
   EXPECT_EQ(WriteDigits({}), (Written{"0123456789", false, 2}));
   EXPECT_EQ(WriteDigits({{.error = EINTR}, {.error = EINTR}}),
             (Written{"0123456789", false, 4}));
@@ -186,7 +185,7 @@ TEST(UploadFile, IsWrittenOnAfterASignalAndAfterAPart) {
             (Written{"0123456789", false, 5}));
 }
 
-TEST(UploadFile, IsBadAndLeftAloneOnceAWriteHasFailed) {
+TEST(UploadFile, IsNotWrittenAgainAfterAWriteHasFailed) {
   for (const int error : {ENOSPC, EIO, EAGAIN, EFBIG}) {
     EXPECT_EQ(WriteDigits({{.most = 3}, {.error = error}}),
               (Written{"012", true, 2}));
