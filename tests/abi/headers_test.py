@@ -32,9 +32,8 @@ int main() {{ std::puts(ZANCGI_VERSION_STRING); }}
 
 class HeadersTest(unittest.TestCase):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory(prefix="abi-")
-        self.addCleanup(folder.cleanup)
-        self.program = pathlib.Path(folder.name) / "program"
+        folder = self.enterContext(tempfile.TemporaryDirectory(prefix="abi-"))
+        self.program = pathlib.Path(folder) / "program"
         self.unit = self.program.with_suffix(".cpp")
 
     def compile(self, compiler, text, *options):
@@ -72,7 +71,7 @@ class HeadersTest(unittest.TestCase):
         number = (major * 1000 + minor) * 1000 + patch
         return text.format(number=number, major=major, minor=minor, patch=patch, **names)
 
-    def test_version_is_told_in_numbers(self):
+    def test_version_is_given_in_numbers(self):
         for compiler in COMPILERS:
             for library, header in (("ZANCGI", "zancgi/zancgi.h"), ("TOV", "tov/str.h")):
                 # Not of another base library's.
@@ -81,12 +80,12 @@ class HeadersTest(unittest.TestCase):
                         unit = self.with_version(VERSION_USER, library=library, header=header)
                         self.assert_compiles(compiler, unit, "-fsyntax-only")
 
-    def test_version_is_told_in_words_and_to_the_preprocessor(self):
+    def test_version_is_given_as_a_text_and_to_the_preprocessor(self):
         for compiler in COMPILERS:
             with self.subTest(compiler=compiler):
                 self.assert_compiles(compiler, self.with_version(PRINTER), "-o", self.program)
-                told = subprocess.run(self.program, capture_output=True, text=True, check=True)
-                self.assertEqual(told.stdout, VERSION + "\n")
+                output = subprocess.run(self.program, capture_output=True, text=True, check=True)
+                self.assertEqual(output.stdout, VERSION + "\n")
 
 
 if __name__ == "__main__":

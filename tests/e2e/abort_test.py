@@ -25,8 +25,8 @@ SESSION = {"Cookie": "panelses5=session"}
 def answer(_):
     """Knows one session, and gives one answer to all questions about it."""
     yield (
-        b'Content-Type: text/xml\r\n\r\n<?xml version="1.0"?>\n<doc><user name="visitor" level="1"/>'
-        b'<own token="token" account="visitor"/></doc>'
+        b'Content-Type: text/xml\r\n\r\n<?xml version="1.0"?>\n<doc>'
+        b'<user name="visitor" level="1"/><own token="token" account="visitor"/></doc>'
     )
 
 
@@ -65,7 +65,9 @@ class AbortTest(unittest.TestCase):
 
     def begin_upload(self):
         body = Form(Upload(b"files", b"f", b"x" * SENT)).body(b"BOUNDARY")
-        headers = {**SESSION, "Sec-Fetch-Site": "same-origin", "Content-Type": content_type(b"BOUNDARY")}
+        headers = {
+            **SESSION, "Sec-Fetch-Site": "same-origin", "Content-Type": content_type(b"BOUNDARY"),
+        }  # fmt: skip
         path = self.server.path + "?page=upload"
         return begin_post(self.server.address, path, headers, body[:SENT], SIZE)
 
@@ -77,7 +79,7 @@ class AbortTest(unittest.TestCase):
     def is_busy(self):
         return self.server.running_programs() or self.server.gathered_bodies()
 
-    def test_visitors_who_go_away_leave_nothing(self):
+    def test_visitors_who_go_away_leave_no_file_and_no_process(self):
         for go_away, uploads in ((close, 1), (reset, 1), (stop_sending, 1), (close, 2)):
             with self.subTest(go_away.__name__, uploads=uploads):
                 connections = [self.begin_upload() for _ in range(uploads)]
@@ -95,11 +97,12 @@ class AbortTest(unittest.TestCase):
 
     def test_refusals_arrive_whatever_has_been_sent(self):
         plain = {"Content-Type": "application/x-www-form-urlencoded"}
+        cross_site = {**SESSION, "Sec-Fetch-Site": "cross-site"}
         for query, headers, status, text in (
             ("page=upload", {}, 403, "Please sign in first."),
             ("page=nonsense", SESSION, 404, "There is no such page or file."),
             ("page=signin", plain, 413, "Please send less at a time."),
-            ("page=upload", {**SESSION, "Sec-Fetch-Site": "cross-site"}, 403, "Another site has sent"),
+            ("page=upload", cross_site, 403, "Another site has sent"),
         ):
             for size in (100_000, 1_000_000):
                 headers = {"Sec-Fetch-Site": "same-origin", **headers}

@@ -104,7 +104,7 @@ class Home(AccountTest):
         self.assertNotIn("<script>", answer.body)
         self.assert_page(answer, 200, f'<b id="account">{self.account}</b>, user {UID}.')
 
-    def test_of_very_many_files_shows_a_part(self):
+    def test_with_very_many_files_shows_a_part(self):
         self.make_home(0o700)
         for number in range(1001):
             (self.home / str(number)).touch()
@@ -113,7 +113,7 @@ class Home(AccountTest):
         self.assertEqual(self.change("delete", *names).status, 303)
         self.assertEqual(len(self.names()), 1)
 
-    def test_is_json_for_the_script(self):
+    def test_is_sent_to_the_script_in_json(self):
         (self.home / 'a"\\\n.txt').write_bytes(b"123")
         accept = {"Accept": "application/json"}
         answer = self.panel.request(headers=accept, session=self.session, page="home")
@@ -181,7 +181,7 @@ class Folder(AccountTest):
         self.assertEqual(self.change("delete", "1", "3", "link").status, 303)
         self.assertEqual(self.names(), {"2", "a b"})
 
-    def test_nothing_is_replaced_and_what_was_not_done_is_named(self):
+    def test_existing_files_stay_and_failures_are_named(self):
         (self.home / "there").write_bytes(b"before")
         there = "'there': there is one of this name. "
         none = "'none': No such file or directory. "
@@ -197,7 +197,7 @@ class Folder(AccountTest):
         self.assertEqual((self.home / "there").read_bytes(), b"before")
         self.assertEqual(self.names(), {"a b", "there"})
 
-    def test_forms_that_ask_for_nothing_are_refused(self):
+    def test_forms_without_a_change_are_refused(self):
         for action, names, to in (
             ("folder", (), ""), ("folder", (), "a/b"), ("folder", (), ".."), ("folder", (), "a\0"),
             ("rename", (), "x"), ("rename", ("1", "2"), "x"), ("rename", ("a b",), "../x"),
@@ -208,7 +208,7 @@ class Folder(AccountTest):
             self.assertEqual(answer.status, 400, (action, names, to))
         self.assertEqual(self.names(), {"a b"})
 
-    def test_changes_need_the_token(self):
+    def test_is_changed_only_with_the_token(self):
         for token in ("", "wrong"):
             self.assert_refused(self.change("folder", to="new", token=token))
         self.assertEqual(self.names(), {"a b"})
@@ -224,7 +224,7 @@ class Download(AccountTest):
     def get(self, path, method="GET", **headers):
         return self.panel.request(method, headers, session=self.session, page="file", path=path)
 
-    def test_is_shown_where_browsers_run_nothing_in_it(self):
+    def test_is_shown_without_running_scripts(self):
         for path, kind, disposition in (
             ("file.txt", "text/plain; charset=utf-8", None),
             ("page.html", "application/octet-stream", 'attachment; filename="page.html"'),
@@ -236,13 +236,13 @@ class Download(AccountTest):
             self.assertEqual(answer.headers["X-Content-Type-Options"], "nosniff")
             self.assertIn("sandbox", answer.headers["Content-Security-Policy"])
 
-    def test_of_a_part_and_of_nothing_new(self):
+    def test_of_a_range_or_an_unchanged_file_is_short(self):
         answer = self.get("file.txt", Range="bytes=2-4")
         self.assertEqual((answer.status, answer.content), (206, b"234"))
         tag = answer.headers["ETag"]
         self.assertEqual(self.get("file.txt", **{"If-None-Match": tag}).status, 304)
 
-    def test_of_what_is_no_file(self):
+    def test_of_anything_but_a_file_is_not_found(self):
         os.mkfifo(self.home / "pipe")
         (self.home / "folder").mkdir()
         self.give(self.home / "pipe", self.home / "folder")
@@ -250,20 +250,20 @@ class Download(AccountTest):
             self.assertEqual(self.get(path).status, status, path)
 
     @needs_root
-    def test_of_what_the_account_may_not_read(self):
+    def test_of_an_unreadable_file_is_forbidden(self):
         (self.home / "file.txt").chmod(0)
         self.assertEqual(self.get("file.txt").status, 403)
 
 
-class Refused(AccountTest):
-    def test_user_without_an_account(self):
+class Account(AccountTest):
+    def test_is_needed_for_files(self):
         self.use_account("")
         self.assert_turned_away(403, "Your user has no system account.")
         answer = self.page(page="home")
         self.assertIn('<a href="/panel">Back to the panel</a>', answer.body)
         self.assertEqual(self.page(page="whoami").status, 200)
 
-    def test_accounts_that_cannot_be(self):
+    def test_of_root_or_without_a_home_is_refused(self):
         """Root by any name is one."""
         self.panel.accounts.add("root", "/root", uid=0, gid=0)
         for account in ("unheard-of", "root"):
@@ -275,8 +275,8 @@ class Refused(AccountTest):
         self.assertNotIn("nonexistent", self.page(page="home").body)
 
 
-class NotBecome(AccountTest):
-    def test_shows_nothing(self):
+class FailedSwitch(AccountTest):
+    def test_shows_no_file(self):
         wrappers = f"{os.environ['SWITCH_FAULTS']} {WRAPPERS}"
         self.front = self.panel.accounts.front(os.environ["FRONT"], wrappers)
         (self.home / "report.txt").touch()
@@ -291,12 +291,12 @@ class NotBecome(AccountTest):
             self.assertEqual(answer, "")
 
 
-class Kept(AccountTest):
+class Upload(AccountTest):
     def setUp(self):
         super().setUp()
         self.addCleanup(self.assert_nothing_left)
 
-    def test_files_are_the_accounts_own(self):
+    def test_belongs_to_the_account(self):
         self.assertEqual(self.upload(file("own.txt", b"content")).status, 303)
         status = (self.home / "own.txt").stat()
         self.assertEqual((status.st_uid, status.st_gid, status.st_nlink), (UID, GID, 1))
@@ -304,7 +304,7 @@ class Kept(AccountTest):
         self.assertEqual((self.home / "own.txt").read_bytes(), b"content")
         self.assertEqual(self.listing(self.session), {"own.txt": "7"})
 
-    def test_nothing_is_replaced(self):
+    def test_replaces_no_file(self):
         outside = self.panel.state / "outside"
         (self.home / "file").write_bytes(b"before")
         (self.home / "dangling").symlink_to(outside)
@@ -321,7 +321,7 @@ class Kept(AccountTest):
         self.assertFalse(outside.exists())
         self.assertEqual(list((self.home / "directory").iterdir()), [])
 
-    def test_names_of_clients_stay_in_the_home(self):
+    def test_stays_in_the_home_whatever_its_name(self):
         unchanged = ("-rf", "Жук 世.txt", "<b>bold<|b>.txt", "x" * 255)
         names = dict(zip(unchanged, unchanged)) | {
             "../../etc/passwd": "passwd", "C:\\Users\\me\\letter.doc": "letter.doc",
@@ -336,7 +336,7 @@ class Kept(AccountTest):
             self.assertEqual((self.home / name).read_bytes(), sent.encode())
         self.assertEqual(set(self.home.parent.iterdir()), beside)
 
-    def test_names_that_cannot_be_or_come_twice(self):
+    def test_of_a_bad_or_repeated_name_is_refused(self):
         same = (file("a/same", b"first"), file("b/same", b"second"))
         self.assertEqual(self.upload(*same).status, 409)
         self.assertEqual((self.home / "same").read_bytes(), b"first")
@@ -347,7 +347,7 @@ class Kept(AccountTest):
         self.assertEqual(self.names(), {"same"})
 
     @needs_root
-    def test_nothing_where_the_account_may_not_write(self):
+    def test_where_the_account_may_not_write_is_refused(self):
         self.make_home(0o500)
         answer = self.upload(file("a", b"1"))
         self.assertEqual(answer.status, 507)
@@ -376,7 +376,7 @@ class Confinement(ConfinementTest):
     """What comes before it is the same for everyone; to confine itself, the
     front end needs root."""
 
-    def test_is_refused_for_a_home_that_is_not_root_s_from_the_root_on(self):
+    def test_is_refused_unless_root_owns_the_whole_path_of_the_home(self):
         self.assert_not_confined()
         below_tmp = self.enterContext(tempfile.TemporaryDirectory(dir="/tmp", prefix="jail-"))
         os.chmod(below_tmp, 0o755)
@@ -418,7 +418,7 @@ class Jail(ConfinementTest):
         for folder in ("/files", "files", "/../../../files"):
             self.assertIn(">report.txt</a></td><td>3</td></tr>", self.confined(folder))
 
-    def test_keeps_uploads_in_the_folder_of_the_account_alone(self):
+    def test_keeps_uploads_in_the_account_s_folder(self):
         self.assertIn("Status: 507 ", self.confined("/", file("a.txt", b"content")))
         self.assertIn("Status: 303 ", self.confined("/files", file("a.txt", b"content")))
         kept = self.home / "files" / "a.txt"
@@ -438,7 +438,7 @@ class Jail(ConfinementTest):
         os.chown(self.home, 0, GID)
         self.assertIn("files", self.confined())
 
-    def test_is_refused_by_way_of_a_link(self):
+    def test_is_refused_through_a_link(self):
         (self.jail / "link").symlink_to(self.jail / "home")
         for home in ("link", "link/", "link/files", "link/../home"):
             self.assert_not_confined(f"{self.jail}/{home}")
@@ -467,9 +467,10 @@ class Session(AccountTest):
             PAM_WRAPPER=1, PAM_WRAPPER_SERVICE_DIR=services,
         )
 
-    def test_is_opened_when_asked_for(self):
-        for setting, opened in (({}, False), ({"PANEL_PAM": ""}, False), ({"PANEL_PAM": "1"}, True)):
-            self.assertIn("Seen by", self.run_front(**setting))
+    def test_is_opened_when_configured(self):
+        for pam, opened in ((None, False), ("", False), ("1", True)):
+            settings = {} if pam is None else {"PANEL_PAM": pam}
+            self.assertIn("Seen by", self.run_front(**settings))
             self.assertEqual(self.opened.exists(), opened, self.errors)
 
 

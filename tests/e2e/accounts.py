@@ -51,7 +51,7 @@ class Accounts:
             "NSS_WRAPPER_PASSWD": self.users, "NSS_WRAPPER_GROUP": self.groups,
             "UID_WRAPPER": 1, "UID_WRAPPER_ROOT": 1, "LD_PRELOAD": wrappers, **more,
         }
-        settings = " ".join(f"{name}={shlex.quote(str(value))}" for name, value in variables.items())
+        settings = shlex.join(f"{name}={value}" for name, value in variables.items())
         program = self.folder / f"front-{len(list(self.folder.glob('front-*')))}"
         program.write_text(f'#!/bin/sh\nexec env {settings} {shlex.quote(str(front))} "$@"\n')
         program.chmod(0o755)

@@ -55,7 +55,7 @@ class BrowserTest(PanelTest):
         self.browser.set_cookie({**cookie, "httpOnly": True, "sameSite": "Strict"})
         self.browser.open(f"{self.panel.url}?page={page}")
 
-    def test_a_whole_visit(self):
+    def test_a_visitor_signs_in_looks_around_and_signs_out(self):
         self.sign_in(self.panel.password)
         self.assert_sees("Who am I", rf"Name\s+{self.user}", rf"Level\s+{self.panel.level}")
         self.assertEqual(self.browser.url(), self.panel.url)
@@ -101,7 +101,7 @@ class BrowserTest(PanelTest):
                 file.truncate(size)
         self.browser.choose_files("#uploads", *paths)
 
-    def test_an_upload_of_several_files(self):
+    def test_several_files_are_uploaded(self):
         self.open_upload()
         self.assertEqual(self.browser.label("#uploads"), "Files to upload")
         self.assertFalse(self.browser.is_enabled("#send"))
@@ -220,7 +220,7 @@ class BrowserTest(PanelTest):
     def focused(self):
         return self.browser.run("return document.activeElement.textContent")
 
-    def test_an_upload_without_scripts(self):
+    def test_files_are_uploaded_without_scripts(self):
         self.browser.disable_scripts()
         self.open_upload()
         self.choose(("notes.txt", 7))
@@ -273,7 +273,7 @@ class BrowserTest(PanelTest):
         self.assert_sees("Password")
         self.assert_cannot_sign_in(url, "other.test")
 
-    def test_it_fits_a_telephone_at_night(self):
+    def test_pages_fit_a_small_dark_screen(self):
         self.browser.resize(500, 900)
         self.browser.prefer("dark")
         self.browser.open(self.panel.url)

@@ -84,7 +84,7 @@ class FormClient:
         record = self.exchange_form(text, files)
         self.assertEqual(record.received(), Form(*parts).as_sent())
 
-    def test_odd_names_and_line_ends_arrive_as_known(self):
+    def test_odd_names_and_line_ends_arrive_as_documented(self):
         """Of each file its name, how it is sent, and the name received: none, if the
         file is lost."""
         quoted = b"q" + self.quote + b"b.txt"
@@ -220,12 +220,12 @@ class Wget(ExchangeTest):
             *("--header", "Content-Type: " + kind, "--post-file", file, url),
         )
 
-    def test_query_string(self):
+    def test_a_query_string_arrives(self):
         file = self.make_file("query", b"a=1&b=%C3%BC+2")
         record = self.exchange(lambda url: self.send(url, file, URLENCODED))
         self.assertEqual(record.received(), Received({b"a": b"1", b"b": "\u00fc 2".encode()}))
 
-    def test_form(self):
+    def test_a_form_arrives(self):
         form = Form(Field(b"a", b"1"), Upload(b"u", b"f", b"\n\0-" * 50_000))
         file = self.make_file("form", form.body(b"BOUNDARY"))
         record = self.exchange(lambda url: self.send(url, file, content_type(b"BOUNDARY")))
@@ -233,7 +233,7 @@ class Wget(ExchangeTest):
 
 
 class CurlThroughEachServer(ExchangeTest):
-    def test_waiting_for_100_continue(self):
+    def test_an_upload_arrives_after_100_continue(self):
         content = b"x" * 100_000
         file = self.make_file("f", content)
         record = self.exchange(
@@ -250,7 +250,7 @@ class CurlThroughEachServer(ExchangeTest):
         command = ["sh", "-c", script + options]
         return subprocess.run(command, env=ENVIRONMENT, capture_output=True).stdout.decode()
 
-    def test_without_a_length(self):
+    def test_an_upload_without_a_length_is_treated_as_documented(self):
         record = self.probe.new_record()
         answer = self.post_without_a_length(record)
         if self.kind.chunked_body == DECODED:
@@ -261,7 +261,7 @@ class CurlThroughEachServer(ExchangeTest):
             self.assertFalse(record.was_read())
         else:
             # Of a body that nobody reads, the answer may get lost.
-            self.assertEqual(record.told_length(), "")
+            self.assertEqual(record.content_length(), "")
             self.assertEqual(record.reads(), [])
 
 

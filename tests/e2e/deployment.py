@@ -283,7 +283,8 @@ class Machine:
     def _make_folders(self):
         owner = "root" if self.front_ends_of_root else WEB
         for mode, account, paths in (
-            (0o755, None, "/opt/panel/bin /opt/panel/cgi /opt/panel/www /opt/panel/busybox/cgi-bin"),
+            (0o755, None, "/opt/panel/bin /opt/panel/cgi /opt/panel/www"),
+            (0o755, None, "/opt/panel/busybox/cgi-bin"),
             (0o755, None, "/etc/apache2 /etc/nginx /run/apache2 /var/log/apache2 /var/lib/nginx"),
             (0o755, WEB, "/var/log/lighttpd /var/log/nginx"),
             (0o755, WEB, "/var/cache/lighttpd/uploads /var/lib/nginx/body"),

@@ -71,7 +71,7 @@ class AnswerTest(SiteOfKindTest):
 
     status_of_a_body_unread = 413
 
-    def test_a_refusal_without_a_launcher_that_reads_the_body(self):
+    def test_a_refusal_without_a_launcher_arrives_only_as_documented(self):
         with self.machine.edited(LAUNCHER, "GET:0 | HEAD:0)", "GET:0 | HEAD:0 | *)"):
             answer = self.site.request("POST", "probe=refuse", {}, bytes(1 << 20))
         self.assertEqual(answer.status, self.status_of_a_body_unread)
@@ -156,7 +156,7 @@ class BusyboxTest(SiteTest, unittest.TestCase):
     # A longer line is cut.
     room_for_cookies = 8000
     # By chance: whoever goes on sending sees the connection closed.
-    test_a_refusal_without_a_launcher_that_reads_the_body = None
+    test_a_refusal_without_a_launcher_arrives_only_as_documented = None
 
 
 class OtherSiteTest(AnswerTest):
@@ -170,7 +170,7 @@ class StreamingLighttpdTest(OtherSiteTest, unittest.TestCase):
 class ApacheWithThreadsTest(OtherSiteTest, unittest.TestCase):
     kind = deployment.ApacheWithThreads
     # By chance: the answer is often lost.
-    test_a_refusal_without_a_launcher_that_reads_the_body = None
+    test_a_refusal_without_a_launcher_arrives_only_as_documented = None
 
 
 class StreamingNginxTest(OtherSiteTest, unittest.TestCase):
@@ -334,14 +334,14 @@ class LauncherTest(unittest.TestCase):
             os.close(self.standard_input)
         self.standard_input = None
 
-    def test_what_only_the_visitor_knows_is_no_argument_of_a_command(self):
+    def test_secrets_of_the_visitor_are_in_no_command_line(self):
         steps = ["set startup-with-shell off", "catch exec", "run"]
         steps += ["info proc cmdline", "continue"] * 4
         debugger = ["gdb", "-nx", "-batch", *(f"--eval-command={step}" for step in steps), "--args"]
         for method in ("GET", "POST"):
-            told = self.run_with(*debugger, REQUEST_METHOD=method, HTTP_COOKIE="panelses5=secret")
-            commands = re.findall("^cmdline = '(.*)'$", told, re.MULTILINE | re.DOTALL)
-            self.assertTrue([each for each in commands if "timeout" in each], told)
+            output = self.run_with(*debugger, REQUEST_METHOD=method, HTTP_COOKIE="panelses5=secret")
+            commands = re.findall("^cmdline = '(.*)'$", output, re.MULTILINE | re.DOTALL)
+            self.assertTrue([each for each in commands if "timeout" in each], output)
             self.assertEqual([each for each in commands if "secret" in each], [])
 
     def test_variables_pass_by_their_names_whatever_their_values_are(self):
@@ -369,7 +369,7 @@ class LauncherTest(unittest.TestCase):
             answer = self.run_with(query="probe=parent", **variables)
             self.assertEqual(answer.partition("\n\n")[2], parent)
 
-    def test_the_end_is_that_of_the_front_end(self):
+    def test_the_exit_status_is_that_of_the_front_end(self):
         signals = (signal.SIGTERM, signal.SIGKILL, signal.SIGXCPU, signal.SIGSEGV)
         ends = [(f"signal&{number}", -number) for number in signals]
         ends += [(f"status&{status}", status) for status in (0, 7, 255)]
@@ -379,7 +379,7 @@ class LauncherTest(unittest.TestCase):
                     self.run_with(query="probe=end&" + query, REQUEST_METHOD=method)
                     self.assertEqual(self.returned, returned, self.errors)
 
-    def test_what_a_front_end_has_not_read_is_read(self):
+    def test_the_rest_of_a_body_is_read(self):
         length = {"CONTENT_LENGTH": str(1 << 20)}
         sent = self.feed(1 << 20)
         self.assertIn("Too much.", self.post("probe=refuse", **length))
@@ -425,13 +425,13 @@ class LauncherTest(unittest.TestCase):
         self.close_standard_input()
         self.assertEqual([event for _, event in body.poll(10_000)], [select.POLLERR])
 
-    def test_one_that_ignores_the_time_limit_s_signal_is_ended(self):
+    def test_a_front_end_that_ignores_the_time_limit_s_signal_is_ended(self):
         self.change("seconds=3600 ", "seconds=3 ")
         self.post("probe=wait_stubbornly&stubborn")
         process, _ = (machine().at("/notes") / "stubborn").read_text().split()
         wait_for(lambda: int(process) not in machine().programs())
 
-    def test_a_front_end_that_a_signal_ends_has_nothing_read_for_it(self):
+    def test_the_rest_of_a_body_is_not_read_after_a_signal(self):
         os.write(self.open_pipe(), b"body")
         process = self.start(query="probe=wait&launcher", REQUEST_METHOD="POST")
         wait_for((machine().at("/notes") / "launcher").exists)
@@ -439,7 +439,7 @@ class LauncherTest(unittest.TestCase):
         self.assertEqual(process.wait(60), -signal.SIGTERM)
         self.assertEqual(os.read(self.standard_input, 10), b"body")
 
-    def test_is_sound(self):
+    def test_shellcheck_accepts_the_launcher(self):
         if not shutil.which("shellcheck"):
             self.skipTest("not installed: shellcheck")
         text = machine().files[LAUNCHER]

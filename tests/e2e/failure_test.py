@@ -38,18 +38,18 @@ class FailureTest(PanelTest):
         return self.panel.with_session(self.session, page="whoami")
 
     def assert_no_answer(self, answer):
-        """The page tells the visitor what to do, and the log the reason."""
+        """The page advises the visitor, and the log names the reason."""
         self.assert_page(answer, 502, "The service behind this panel does not answer.")
         self.assertNotIn(str(self.panel.state), answer.body)
 
-    def test_back_end_that_is_away(self):
+    def test_without_a_back_end_the_page_and_the_log_name_the_failure(self):
         with self.panel.back_end_away():
             self.assert_no_answer(self.whoami())
         reason = f"cannot connect to the back end at '{self.panel.socket}'"
         self.assertIn(reason, self.panel.logs()["front.log"])
         self.assertEqual(self.whoami().status, 200)
 
-    def test_back_end_that_is_killed_and_started_again(self):
+    def test_a_killed_back_end_serves_again_after_a_new_start(self):
         with self.panel.back_end_away():
             with self.panel.another_back_end():
                 self.assertEqual(self.whoami().status, 200)
@@ -59,11 +59,11 @@ class FailureTest(PanelTest):
             with self.panel.another_back_end():
                 self.assertEqual(self.whoami().status, 200)
 
-    def test_workers_that_crash_are_replaced(self):
+    def test_crashed_workers_are_replaced(self):
         self.panel.kill_back_end_workers()
         wait_for(lambda: self.whoami().status == 200)
 
-    def test_answer_without_an_end_stops_at_the_memory_limit(self):
+    def test_an_endless_answer_stops_at_the_memory_limit(self):
         def endless(_):
             while True:
                 yield b"x" * 65536
@@ -91,7 +91,7 @@ class LogTest(PanelTest):
             for secret in secrets:
                 self.assertNotIn(secret, text, name)
 
-    def test_of_ordinary_visits(self):
+    def test_of_ordinary_visits_holds_no_secret(self):
         session = self.panel.sign_in()
         self.panel.send_sign_in(password="a wrong one")
         self.panel.with_session(session, page="whoami")
@@ -101,13 +101,13 @@ class LogTest(PanelTest):
         self.assertIn("cannot connect", self.panel.logs()["front.log"])
         self.assert_not_logged(self.panel.password, session, "wrong")
 
-    def test_of_a_request_that_takes_too_long(self):
+    def test_of_a_slow_request_holds_no_password(self):
         with self.slow_back_end("HARAKIRI ON WORKER", "--harakiri", "1"):
             answer = self.panel.send_sign_in()
         self.assertEqual(answer.status, 502)
         self.assert_not_logged(self.panel.password)
 
-    def test_of_a_caller_that_does_not_wait(self):
+    def test_of_a_caller_that_does_not_wait_holds_no_password(self):
         variables = {
             "CONTENT_LENGTH": "0", "SCGI": "1", "REQUEST_METHOD": "GET", "REMOTE_ADDR": "127.0.0.1",
             "REQUEST_URI": f"/panel?page=signin&password={self.panel.password}",
@@ -123,7 +123,7 @@ class LogTest(PanelTest):
 
 
 class ServeTest(unittest.TestCase):
-    def test_half_a_panel_is_none(self):
+    def test_a_panel_without_its_back_end_ends(self):
         panel = Panel()
         self.addCleanup(panel.stop)
         os.kill(panel.back_end_process(), signal.SIGKILL)
@@ -131,7 +131,7 @@ class ServeTest(unittest.TestCase):
         with self.assertRaises(ConnectionRefusedError):
             panel.request()
 
-    def test_a_back_end_that_loses_a_signal_is_told_again(self):
+    def test_a_back_end_that_loses_a_signal_is_signalled_again(self):
         with tempfile.TemporaryDirectory(prefix="serve-") as folder:
             state = pathlib.Path(folder)
             fake = state / "uwsgi"

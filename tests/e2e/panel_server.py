@@ -96,7 +96,7 @@ class Panel:
         add_user(self.state / "panel.db", *user)
 
     def new_session(self, user=None, account=None):
-        """As a sign-in leaves one behind, without the password's hash, which takes
+        """As after a sign-in, without the password's hash, which takes
         its time. With an account the user is made, too."""
         session, user = secrets.token_hex(16), user or self.user
         if account is not None:
@@ -120,7 +120,8 @@ class Panel:
 
     def send_form(self, page, headers=(), session=None, **items):
         body = urllib.parse.urlencode(items)
-        return self.request("POST", {**URLENCODED, **dict(headers)}, body, session=session, page=page)
+        headers = {**URLENCODED, **dict(headers)}
+        return self.request("POST", headers, body, session=session, page=page)
 
     def send_sign_in(self, user=None, password=None, **more):
         """The sign-in form, filled in."""
@@ -199,7 +200,8 @@ class Panel:
             stdin.seek(0)
             pipes = {"stdin": stdin, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE}
             command = [*prefix, front or self.front]
-            with subprocess.Popen(command, env=environment, **{**pipes, **dict(options)}) as process:
+            options = {**pipes, **dict(options)}
+            with subprocess.Popen(command, env=environment, **options) as process:
                 yield process
 
 

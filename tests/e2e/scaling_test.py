@@ -95,7 +95,7 @@ class KilledTest(SiteTest):
     def test_a_back_end_is_killed_and_started_again(self):
         self.kill_and_start_again(FEWER_VISITS)
 
-    def test_without_any_back_end_visitors_are_told_at_once(self):
+    def test_without_any_back_end_visitors_get_an_error_at_once(self):
         self.load.stop()
         for back_end in self.site.back_ends:
             back_end.service.kill()
@@ -231,7 +231,7 @@ class SecureScalingTest(SiteTest):
     def test_a_back_end_is_killed_and_started_again(self):
         self.kill_and_start_again(FEWER_VISITS)
 
-    def test_a_stranger_in_place_of_a_back_end_is_asked_nothing(self):
+    def test_a_stranger_in_place_of_a_back_end_gets_no_query(self):
         for certificate in (
             self.site.certificate(self.back_end.name, self.site.new_authority("stranger")),
             self.site.certificate("back2"),
@@ -253,7 +253,7 @@ class SecureScalingTest(SiteTest):
         state = web_host.proxy_state(self.back_end.name)
         return state["status"] == "DOWN" and state["check_status"]
 
-    def test_who_has_no_certificate_is_not_answered(self):
+    def test_a_client_without_a_certificate_gets_no_answer(self):
         self.load.stop()
         self.assertIn(b"access", self.answer_to(self.site.certificate("web")))
         self.assertEqual(self.answer_to(None), b"")

@@ -92,8 +92,8 @@ class UploadTest(unittest.TestCase):
         return self.fail(f"cut at a line end again and again: {record.reads()[:100]}")
 
 
-class BodyOf(UploadTest):
-    def test_any_size_of_a_query_string(self):
+class Body(UploadTest):
+    def test_of_a_query_string_may_have_any_size(self):
         bodies = {b"": {}, b"a": {b"a": b""}}
         for size in SIZES[2:]:
             value = b"x" * (size - 7 - len("%2B"))
@@ -102,7 +102,7 @@ class BodyOf(UploadTest):
             record = self.probe.post(body, URLENCODED)
             self.assert_received(record.received(), record, Received(params))
 
-    def test_any_size_of_a_form(self):
+    def test_of_a_form_may_have_any_size(self):
         for size in SIZES[2:]:
             boundary = new_boundary()
             frame = len(Form(Upload(b"u", b"f", b""), Field(b"z", b"1")).body(boundary))
@@ -110,12 +110,12 @@ class BodyOf(UploadTest):
             form = Form(Upload(b"u", b"f", content), Field(b"z", b"1"))
             self.assertEqual(len(self.post(form, boundary).body()), size)
 
-    def test_any_size_comes_by_the_documented_kind_of_standard_input(self):
+    def test_arrives_by_the_documented_kind_of_standard_input(self):
         bodies = (b"a=" + b"x" * size for size in (10, 200_000))
         kinds = tuple(self.probe.post(body, URLENCODED).standard_input for body in bodies)
         self.assertEqual(kinds, self.kind.standard_input)
 
-    def test_more_than_the_limit_is_refused(self):
+    def test_beyond_the_limit_is_refused(self):
         if self.kind.largest_body == UNLIMITED:
             self.skipTest("this web server has no limit")
         record = self.probe.new_record()
@@ -127,7 +127,7 @@ class BodyOf(UploadTest):
 
 
 class File(UploadTest):
-    def test_of_any_size(self):
+    def test_may_have_any_size(self):
         for size in SIZES:
             with self.subTest(size=size):
                 upload = Upload(b"upload", b"random.bin", without_cr(size))
@@ -135,21 +135,21 @@ class File(UploadTest):
                     Form(Field(b"before", b"1\r\n2"), upload, Field(b"after", b"3\xff"))
                 )
 
-    def test_of_4_megabytes(self):
+    def test_may_have_4_megabytes(self):
         upload = Upload(b"upload", b"large.bin", without_cr(4 * MEGABYTE))
         self.assert_arrives_as_sent(Form(Field(b"a", b"1"), upload, Field(b"b", b"2")))
 
-    def test_that_is_made_of_separators(self):
+    def test_may_consist_of_separators(self):
         boundary = new_boundary()
         for size in (100, 65_537, MEGABYTE):
             upload = Upload(b"upload", b"deceptive", deceptive(size, boundary))
             self.post(Form(Field(b"a", b"1"), upload, Field(b"b", b"2")), boundary)
 
-    def test_with_line_ends(self):
+    def test_may_have_line_ends(self):
         self.post(Form(Upload(b"u", b"f", chance.randbytes(2 * MEGABYTE))), new_boundary())
 
 
-class Piece(UploadTest):
+class PieceOfABody(UploadTest):
     """A slow client may have its body cut where its pieces end."""
 
     upload = Upload(b"u", b"f", b"x\r\n--y\r\n--BOUNDARX")
@@ -161,7 +161,7 @@ class Piece(UploadTest):
     def post_cut(self, cut):
         return self.post(self.form, self.boundary, [self.body[:cut], self.body[cut:]])
 
-    def test_that_ends_anywhere(self):
+    def test_may_end_anywhere(self):
         data = self.body.index(b"x\r\n--y")
         around_the_data = range(data - 3, self.body.index(b"Content", data) + 1)
         anywhere = chance.sample(range(self.first_line + 1, len(self.body)), 15)
@@ -171,10 +171,10 @@ class Piece(UploadTest):
                 if self.kind.passes_pieces_on:
                     self.assertEqual(record.reads()[0], cut)
 
-    def test_of_any_length(self):
+    def test_may_have_any_length(self):
         for length in (1, 2, 3, 7, 64):
             with self.subTest(length=length):
-                # Short ones behind one that holds the first boundary's line.
+                # Short ones after one that holds the first boundary's line.
                 cuts = [0, *range(40, len(self.body), length), len(self.body)]
                 pieces = [self.body[start:end] for start, end in itertools.pairwise(cuts)]
                 record = self.post(self.form, self.boundary, pieces)
@@ -193,7 +193,7 @@ class Piece(UploadTest):
 class LargeFile(UploadTest):
     seconds = 120
 
-    def test_of_3_gigabytes(self):
+    def test_may_have_3_gigabytes(self):
         boundary = new_boundary()
         head, tail = Form(Upload(b"u", b"f", b"CONTENT")).body(boundary).split(b"CONTENT")
         size = min(3 * GIGABYTE, self.kind.largest_body - len(head) - len(tail))
@@ -222,7 +222,7 @@ def different_blocks(size):
 
 
 def load_tests(loader, _tests, _pattern):
-    return web_servers.behind_each(loader, BodyOf, File, Piece, LargeFile)
+    return web_servers.behind_each(loader, Body, File, PieceOfABody, LargeFile)
 
 
 if __name__ == "__main__":

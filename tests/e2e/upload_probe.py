@@ -65,7 +65,7 @@ def parse_report(report, folder, stem, read=digest_of_file):
 
 
 class Record:
-    """What the probe leaves behind of one request."""
+    """The files that the probe leaves of one request."""
 
     def __init__(self, folder):
         self.folder = folder
@@ -76,7 +76,7 @@ class Record:
     def was_read(self):
         return (self.folder / "reads").exists()
 
-    def told_length(self):
+    def content_length(self):
         return (self.folder / "content-length").read_text()
 
     def reads(self):
@@ -98,7 +98,7 @@ class Record:
     def is_cut_where_it_hurts(self):
         """Whether a read ended inside the first boundary's line or between CR
         and LF: lines then run together, and a form is not received as sent.
-        Behind the last boundary nothing is left to be hurt."""
+        A cut after the last boundary does no harm."""
         body = self.body()
         first_line = body.find(b"\r\n") + 2
         return any(

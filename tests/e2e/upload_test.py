@@ -1,4 +1,4 @@
-"""Uploads to the panel: what arrives, who is refused, and what stays behind."""
+"""Uploads to the panel: what arrives, what is refused, and which files stay."""
 
 import contextlib
 import os
@@ -55,14 +55,14 @@ class UploadTest(PanelTest):
         return connection
 
 
-class Received(UploadTest):
-    def test_files_of_any_size(self):
+class ReceivedFile(UploadTest):
+    def test_may_have_any_size(self):
         for size in (0, 1, 65_535, 65_536, 65_537, 3_000_000):
             content = os.urandom(size)
             self.assert_kept(self.upload(file("f", content)), f=content)
             self.empty_home()
 
-    def test_what_is_odd_about_the_parts_and_harmless(self):
+    def test_arrives_among_odd_but_harmless_parts(self):
         one = file("a", b"1")
         for what, parts, kept in (
             ("a semicolon", [file("a;b.txt", b"abc")], {"a;b.txt": b"abc"}),
@@ -75,7 +75,7 @@ class Received(UploadTest):
                 self.assert_kept(self.upload(*parts), **kept)
                 self.empty_home()
 
-    def test_into_the_folder_that_is_shown(self):
+    def test_is_stored_in_the_folder_that_is_shown(self):
         folder = self.panel.home / "inner" / "most & +"
         folder.mkdir(parents=True)
         for each in (folder, folder.parent):
@@ -87,37 +87,37 @@ class Received(UploadTest):
         self.assertEqual((folder / "a").read_bytes(), b"1")
 
 
-class Refused(UploadTest):
+class RefusedUpload(UploadTest):
     def setUp(self):
         super().setUp()
         self.addCleanup(lambda: self.assertEqual(self.panel.kept(), {}))
 
-    def test_without_a_session_and_its_token(self):
+    def test_has_no_session_or_not_its_token(self):
         for session, text in (("", "Please sign in first."), ("made-up", "your session has ended")):
             self.assert_page(self.upload(file("a", b"1"), session=session), 403, text)
         self.assert_refused(self.post(form(file("a", b"1"))))
         for token in ("", "wrong", self.panel.token(self.panel.new_session())):
             self.assert_refused(self.post(form(field("token", token), file("a", b"1"))))
 
-    def test_above_the_limit_while_the_client_is_still_sending(self):
+    def test_is_above_the_limit_and_still_arriving(self):
         for size, text in ((LIMIT, TOO_LARGE), (20 * LIMIT, "This is more than the panel takes")):
             with tempfile.NamedTemporaryFile() as large:
                 large.truncate(size)
                 done = subprocess.run(
-                    ["curl", "-q", "--noproxy", "*", "-s", "-H", "Expect:", "-F", f"f=@{large.name}",
-                     "-H", f"Origin: {self.panel.url.removesuffix('/panel')}",
-                     "-b", f"panelses5={self.session}", "-w", "%{http_code}",
+                    ["curl", "-q", "--noproxy", "*", "-s", "-H", "Expect:",
+                     "-F", f"f=@{large.name}", "-b", f"panelses5={self.session}",
+                     "-H", f"Origin: {self.panel.url.removesuffix('/panel')}", "-w", "%{http_code}",
                      f"{self.panel.url}?page=upload"],
                     capture_output=True, check=False, text=True, timeout=60,
                 )
             self.assertIn(text, done.stdout)
             self.assertRegex(done.stdout, "413$")
 
-    def test_without_a_file(self):
+    def test_has_no_file(self):
         for parts in ([], [file("", b"")]):
             self.assert_page(self.upload(*parts), 400, "No file has been chosen.")
 
-    def test_forms_that_are_none(self):
+    def test_is_no_form(self):
         body = form(field("token", self.token), file("a", b"1"))
         for headers, body, status in (
             (URLENCODED, f"token={self.token}&files=a.txt", 415),
@@ -128,18 +128,18 @@ class Refused(UploadTest):
         ):
             self.assert_page(self.post(body, headers=headers), status)
 
-    def test_in_pieces_of_unknown_length(self):
+    def test_has_no_declared_length(self):
         self.assertEqual(status_on(self.begin(b"", None)), 411)
 
-    def test_pages_that_take_no_files(self):
+    def test_goes_to_a_page_that_takes_no_files(self):
         for page, status in (("signin", 415), ("signout", 415), ("change", 415), ("whoami", 404)):
             self.assertEqual(self.upload(file("a", b"1"), page=page).status, status, page)
 
-    def test_large_body_to_another_page_is_not_even_collected(self):
+    def test_is_large_and_goes_to_another_page(self):
         answer = self.panel.request("POST", FORM, bytes(100_000), page="signin")
         self.assertEqual(answer.status, 413)
 
-    def test_above_what_a_file_may_hold(self):
+    def test_is_larger_than_a_file_may_be(self):
         """As where a disk takes no more."""
         limits = (1000, 1000)
         options = {"preexec_fn": lambda: resource.setrlimit(resource.RLIMIT_FSIZE, limits)}
@@ -149,18 +149,18 @@ class Refused(UploadTest):
         self.assertIn("Status: 507 ", answer.decode(), errors)
 
 
-class BrokenOff(UploadTest):
+class BrokenOffUpload(UploadTest):
     """Nothing is left, as each test asserts at its end."""
 
     def setUp(self):
         super().setUp()
         self.addCleanup(lambda: self.assertEqual(list(self.panel.home.iterdir()), []))
 
-    def test_by_the_client(self):
+    def test_leaves_no_file_if_the_client_goes_away(self):
         self.begin_file().close()
         self.assert_nothing_left()
 
-    def test_by_a_signal_to_the_front_end(self):
+    def test_leaves_no_file_if_a_signal_ends_the_front_end(self):
         for name in ("TERM", "KILL", "XCPU", "HUP", "INT"):
             upload = self.begin_file()
             (front,) = self.panel.front_processes()
@@ -168,7 +168,7 @@ class BrokenOff(UploadTest):
             self.assertEqual(status_on(upload), 500, name)
             self.assert_nothing_left()
 
-    def test_while_another_goes_on(self):
+    def test_does_not_disturb_another(self):
         broken = self.begin_file(b"1" * 1000)
         other = self.begin_file(b"2" * 500, before=[1000])
         broken.close()
@@ -177,9 +177,10 @@ class BrokenOff(UploadTest):
         self.assert_nothing_left()
 
 
-class Slow(UploadTest):
+class SlowUpload(UploadTest):
     def test_may_take_longer_than_other_requests(self):
-        home = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory(prefix="slow-"))) / "panel"
+        folder = self.enterContext(tempfile.TemporaryDirectory(prefix="slow-"))
+        home = pathlib.Path(folder) / "panel"
         shutil.copytree(PANEL, home)
         settings = home / "lighttpd.conf"
         text = settings.read_text()
@@ -198,7 +199,7 @@ class Slow(UploadTest):
         self.assertEqual(status_on(upload), 303)
 
 
-class Silent(UploadTest):
+class SilentUpload(UploadTest):
     """A client that falls silent is waited for, but not for ever."""
 
     def test_is_ended_after_half_a_minute(self):

@@ -25,11 +25,11 @@ LIBRARIES = os.environ["LIBRARIES"].split(":")
 NOBODY = 65534
 UNLIMITED = 1 << 62
 
-# What becomes of a chunked body, which comes without a length. A program that
-# is not told the length sees no body.
-DECODED = "the program is told the length"
-REFUSED = "the client is told to tell the length"
-WITHOUT_LENGTH = "the program is not told the length"
+# What becomes of a chunked body, which has no declared length. A program that
+# gets no CONTENT_LENGTH sees no body.
+DECODED = "the program gets the length"
+REFUSED = "the client must declare the length"
+WITHOUT_LENGTH = "the program does not get the length"
 
 
 class WebServer:

@@ -54,26 +54,26 @@ def macros(command):
     """What the compiler defines as it compiles a source."""
     words = shlex.split(command["command"])
     words = words[: words.index("-o")]
-    told = elf.run(*words, "-dM", "-E", command["file"], cwd=command["directory"])
-    return dict(re.findall(r"^#define (\w+) (.+)$", told, re.M))
+    output = elf.run(*words, "-dM", "-E", command["file"], cwd=command["directory"])
+    return dict(re.findall(r"^#define (\w+) (.+)$", output, re.M))
 
 
 class SharedLibraryTest(unittest.TestCase):
-    def test_calls_cannot_be_redirected_and_nothing_be_both_written_and_run(self):
+    def test_calls_cannot_be_redirected_and_no_segment_is_both_writable_and_executable(self):
         self.assertTrue(SHARED)
         self.assertEqual(len(SHARED), len(ARCHIVES))
         for library in SHARED:
-            told = elf.read_elf(library, "--dynamic", "--program-headers", "--section-headers")
-            self.assertRegex(told, r"\(FLAGS\).*\bBIND_NOW\b", library)
-            self.assertRegex(told, r"\(FLAGS_1\).*\bNOW\b", library)
-            self.assertIn("GNU_RELRO", told, library)
+            output = elf.read_elf(library, "--dynamic", "--program-headers", "--section-headers")
+            self.assertRegex(output, r"\(FLAGS\).*\bBIND_NOW\b", library)
+            self.assertRegex(output, r"\(FLAGS_1\).*\bNOW\b", library)
+            self.assertIn("GNU_RELRO", output, library)
             # What is looked up later would lie after what is protected.
-            self.assertNotIn(".got.plt", told, library)
-            self.assertRegex(told, r"GNU_STACK .* RW +0x", library)
-            segments = re.findall(r"^ +LOAD .*0x\w+ ([RWE ]{3}) 0x\w+$", told, re.M)
+            self.assertNotIn(".got.plt", output, library)
+            self.assertRegex(output, r"GNU_STACK .* RW +0x", library)
+            segments = re.findall(r"^ +LOAD .*0x\w+ ([RWE ]{3}) 0x\w+$", output, re.M)
             self.assertTrue(segments, library)
             self.assertEqual([flags for flags in segments if "W" in flags and "E" in flags], [])
-            self.assertNotIn("TEXTREL", told, library)
+            self.assertNotIn("TEXTREL", output, library)
             calls = elf.run("nm", "--dynamic", "--undefined-only", library)
             self.assertIn("__stack_chk_fail", calls)
 
@@ -88,7 +88,7 @@ class SharedLibraryTest(unittest.TestCase):
 
 
 class ArchiveTest(unittest.TestCase):
-    def test_code_can_lie_anywhere_and_the_stack_not_be_run(self):
+    def test_code_is_position_independent_and_the_stack_not_executable(self):
         for archive in ARCHIVES:
             sections = elf.read_elf(archive, "--relocs").split("Relocation section '.rela.")
             # What debuggers read is loaded nowhere.
@@ -112,7 +112,7 @@ class FunctionsTest(unittest.TestCase):
 
 
 class CompilationTest(unittest.TestCase):
-    def test_every_source_is_compiled_so(self):
+    def test_every_source_is_compiled_with_the_protections(self):
         commands = list(compile_commands())
         self.assertIn("zancgi_unix.cpp", {source.name for source, _ in commands})
         for source, command in commands:

@@ -48,11 +48,11 @@ class SeamTest(unittest.TestCase):
     def test_libraries_load_fast(self):
         for library in LIBRARIES:
             with self.subTest(library=library):
-                told = elf.read_elf(library, "--program-headers", "--dynamic")
+                output = elf.read_elf(library, "--program-headers", "--dynamic")
                 # Code with constants, and what is written at the start.
-                self.assertEqual(len(re.findall(r"^ +LOAD ", told, re.MULTILINE)), 2)
-                self.assertNotIn("libpam", told)
-                self.assertNotIn("libpugixml", told)
+                self.assertEqual(len(re.findall(r"^ +LOAD ", output, re.MULTILINE)), 2)
+                self.assertNotIn("libpam", output)
+                self.assertNotIn("libpugixml", output)
 
     @unittest.skipUnless(BUNDLED, "the base library is the system's")
     def test_base_library_has_nothing_to_set_up_at_each_start(self):
