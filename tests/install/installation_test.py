@@ -32,7 +32,7 @@ QUICKLY_BUILT = ("-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0")
 SIGN_IN = {"REQUEST_METHOD": "GET", "QUERY_STRING": "page=signin"}
 OF_THE_C_LIBRARY = {"libc.so.6", "ld-linux-x86-64.so.2"}
 
-# Tells the field "a" of a form.
+# Prints the field "a" of a form.
 POST_READER = r"""
 #include <zancgi/zancgi.h>
 
@@ -175,9 +175,8 @@ class InstallTest(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        folder = tempfile.TemporaryDirectory(prefix="install-")
-        cls.addClassCleanup(folder.cleanup)
-        cls.folder = pathlib.Path(folder.name)
+        folder = cls.enterClassContext(tempfile.TemporaryDirectory(prefix="install-"))
+        cls.folder = pathlib.Path(folder)
         cls.root = pathlib.Path(INSTALLED) if INSTALLED else cls.install("root")
         cls.base_user = cls.folder / "base_user.cpp"
         cls.base_user.write_text(BASE_USER)
@@ -206,7 +205,9 @@ class FilesTest(InstallTest):
         headers = {str(path.relative_to(include)) for path in include.rglob("*.h")}
         product = ("account", "form", "request", "response", "zancgi")
         ours = ("api", "client", "env", "err", "file", "log", "proc", "str", "xml")
-        kit = "account backend child form identity input log program request response scratch visit".split()
+        kit = (
+            "account backend child form identity input log program request response scratch visit"
+        ).split()
         self.assertEqual(
             headers,
             {
@@ -222,9 +223,12 @@ class FilesTest(InstallTest):
         include = f"-I{self.root}/include"
         for standard, headers in ((11, set((self.root / "include").rglob("*.h")) - kit), (17, kit)):
             everything.write_text("".join(f'#include "{path}"\n' for path in headers))
-            run(CXX, f"-std=c++{standard}", "-fsyntax-only", "-Wall", "-Werror", include, everything)
+            run(
+                CXX, f"-std=c++{standard}", "-fsyntax-only", "-Wall", "-Werror",
+                include, everything,
+            )  # fmt: skip
 
-    def test_nothing_tells_where_it_was_built(self):
+    def test_no_file_names_the_build_folder(self):
         for path in self.files(self.root):
             content = path.read_bytes()
             for place in (SOURCE, BUILD, self.folder):
@@ -314,7 +318,7 @@ class FilesTest(InstallTest):
         documents = [path for path in root.rglob("*.md")]
         self.assertIn(root / "docs" / "guide.md", documents)
         for document in documents:
-            prose = re.sub(r"^```.*?^```$", "", document.read_text(), flags=re.DOTALL | re.MULTILINE)
+            prose = re.sub(r"(?ms)^```.*?^```$", "", document.read_text())
             for link in re.findall(r"\]\(([^)#:]+)[^):]*\)", prose):
                 target = (document.parent / link).resolve().relative_to(root)
                 if target.parts[0] in ("docs", "examples"):
@@ -384,14 +388,14 @@ class FrontEndTest(InstallTest):
         self.assertRegex(segments, r"GNU_STACK.* RW ")
         self.assertNotIn("TEXTREL", section)
 
-    def test_shared(self):
+    def test_links_with_the_shared_libraries(self):
         for standard in STANDARDS:
             program = self.program("zancgi", standard)
             self.assertIn("libzancgi.so.1", needed(program))
             self.assert_hardened(program)
             self.assert_works(program)
 
-    def test_static(self):
+    def test_links_with_the_archives(self):
         for standard in STANDARDS:
             program = self.program("zancgi_static", standard)
             self.assertLessEqual(needed(program), OF_THE_C_LIBRARY)
@@ -399,7 +403,7 @@ class FrontEndTest(InstallTest):
             self.assert_hardened(program)
             self.assert_works(program)
 
-    def test_standalone(self):
+    def test_links_standalone(self):
         for standard in STANDARDS:
             program = self.program("zancgi_standalone", standard)
             self.assertEqual(needed(program), set())
@@ -407,7 +411,7 @@ class FrontEndTest(InstallTest):
             self.assert_hardened(program)
             self.assert_works(program)
 
-    def test_base_library(self):
+    def test_links_with_the_base_library_alone(self):
         for standard in STANDARDS:
             program = self.program("tov", standard)
             self.assertIn("libtov.so.1", needed(program))
@@ -417,7 +421,7 @@ class FrontEndTest(InstallTest):
 class PkgConfigTest(PackagesUser, FrontEndTest):
     PACKAGES = ("zancgi", "zancgi-static", "zancgi-standalone", "tov", "zancgi-testing")
 
-    def test_version(self):
+    def test_version_is_that_of_the_project(self):
         for package in self.PACKAGES:
             self.assertEqual(self.pkg_config("--modversion", package), [VERSION])
 
@@ -573,7 +577,9 @@ class BareMachineTest(unittest.TestCase):
     """Builds the tree where there is a compiler, and of all else only what the
     libraries are built with."""
 
-    PROGRAMS = "ar as awk basename c++ cat cmake g++ grep ld make mktemp nm objcopy ranlib rm sed sh"
+    PROGRAMS = (
+        "ar as awk basename c++ cat cmake g++ grep ld make mktemp nm objcopy ranlib rm sed sh"
+    ).split()
     LEFT_OUT = {
         "No Doxygen": 'the target "documentation" is',
         "No GoogleTest": "the tests are",
@@ -581,22 +587,20 @@ class BareMachineTest(unittest.TestCase):
     }
 
     def test_what_is_missing_is_left_out_and_named_in_a_line(self):
-        folder = tempfile.TemporaryDirectory(prefix="bare-")
-        self.addCleanup(folder.cleanup)
-        programs = pathlib.Path(folder.name)
-        for name in self.PROGRAMS.split():
+        programs = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory(prefix="bare-")))
+        for name in self.PROGRAMS:
             (programs / name).symlink_to(shutil.which(name))
         environment = {"PATH": str(programs), "HOME": "/nonexistent"}
         # The kit takes as long as all the rest and has no conditions of its own.
         build = programs / "build"
-        told = run(
+        output = run(
             CMAKE, "-S", SOURCE, "-B", build, "-G", "Unix Makefiles",
             *QUICKLY_BUILT, "-DZANCGI_BUILD_TESTKIT=OFF",
             "-DCMAKE_IGNORE_PATH=/usr/bin;/bin", "-DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON",
             env=environment,
         )  # fmt: skip
         for missing, what in self.LEFT_OUT.items():
-            self.assertIn(f"\n-- {missing}: {what} left out\n", told)
+            self.assertIn(f"\n-- {missing}: {what} left out\n", output)
         run(CMAKE, "--build", build, "--parallel", "2", env=environment)
         page = run(build / "examples" / "panel" / "front", env=SIGN_IN)
         self.assertIn("<form", page)

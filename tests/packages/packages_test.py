@@ -140,18 +140,14 @@ def packages():
     """The folder of the packages, which are made once."""
     if "PACKAGES" in os.environ:
         return pathlib.Path(os.environ["PACKAGES"])
-    folder = tempfile.TemporaryDirectory(prefix="packages-")
-    unittest.addModuleCleanup(folder.cleanup)
-    run(str(SOURCE / "scripts" / "package"), folder.name)
-    return pathlib.Path(folder.name)
+    folder = unittest.enterModuleContext(tempfile.TemporaryDirectory(prefix="packages-"))
+    run(str(SOURCE / "scripts" / "package"), folder)
+    return pathlib.Path(folder)
 
 
 class PackagesTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        folder = tempfile.TemporaryDirectory(prefix="packages-")
-        cls.addClassCleanup(folder.cleanup)
-        cls.folder = pathlib.Path(folder.name)
         cls.debs = {path.name.partition("_")[0]: path for path in packages().glob("*.deb")}
 
     def contents(self, name):
@@ -164,9 +160,10 @@ class FilesTest(PackagesTest):
         self.assertEqual(set(self.debs), OURS | OF_DEBUGGERS)
 
     def test_every_package_has_the_licences_of_what_is_in_it(self):
+        folder = self.enterContext(tempfile.TemporaryDirectory(prefix="packages-"))
         for name in OURS:
             with self.subTest(name):
-                tree = self.folder / name
+                tree = pathlib.Path(folder) / name
                 run("dpkg-deb", "--extract", str(self.debs[name]), str(tree))
                 text = (tree / "usr" / "share" / "doc" / name / "copyright").read_text()
                 self.assertIn("the libzancgi authors", text)
@@ -188,7 +185,7 @@ class FilesTest(PackagesTest):
         installed = {f"usr/share/doc/zancgi/{name}" for name in names}
         self.assertEqual(installed - self.contents("zancgi-doc"), set())
 
-    def test_what_has_pugixml_inside_says_of_which_version(self):
+    def test_a_library_with_pugixml_inside_names_its_version(self):
         for name in ("libtov1", "libtov-dev"):
             built_using = fields_of(self.debs[name])["Built-Using"]
             self.assertRegex(built_using, r"^pugixml \(= \S+\)$")
@@ -219,7 +216,8 @@ class FreshMachineTest(PackagesTest):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.machine = Machine(cls.folder / "machine")
+        folder = cls.enterClassContext(tempfile.TemporaryDirectory(prefix="packages-"))
+        cls.machine = Machine(pathlib.Path(folder) / "machine")
         cls.addClassCleanup(cls.machine.close)
         cls.machine.run("apt-get", "update")
         # Stands in for systemd; and what tests call.
@@ -259,19 +257,19 @@ class FreshMachineTest(PackagesTest):
         socket.unlink()
 
     def test_a_base_library_of_the_site_takes_the_place_of_ours(self):
-        self.install_site("Provides: libtov-implementation-dev", "Conflicts: libtov-implementation-dev")
+        self.install_site("libtov-implementation-dev")
         # Front ends run on.
         kept = OURS - {"libtov-dev", "libzancgi-dev"} | {SITE}
         self.assertEqual(self.machine.installed() & (OURS | {SITE}), kept)
 
     def test_of_two_base_libraries_with_one_soname_one_is_installed(self):
-        self.install_site("Provides: libtov-implementation-1", "Conflicts: libtov-implementation-1")
+        self.install_site("libtov-implementation-1")
         kept = {SITE, "zancgi-doc", "zancgi-tools"}
         self.assertEqual(self.machine.installed() & (OURS | {SITE}), kept)
 
     def test_the_product_is_packaged_on_a_base_library_of_the_site(self):
         self.machine.install("build-essential")
-        self.install_site("Provides: libtov-implementation-dev", "Conflicts: libtov-implementation-dev")
+        self.install_site("libtov-implementation-dev")
         build = self.machine.root / "site-build"
         self.extract_source(build / "zancgi")
         changelog = build / "zancgi" / "debian" / "changelog"
@@ -295,12 +293,13 @@ class FreshMachineTest(PackagesTest):
         self.assertRegex(libraries, r"libtov\.so\.5 => /")
         self.assertNotIn("libtov.so.1", libraries)
 
-    def install_site(self, *fields):
-        """A package of another base library, with these fields of its own."""
+    def install_site(self, provided):
+        """A package of another base library, the only one that provides this."""
         tree = self.machine.root / "site"
         self.addCleanup(shutil.rmtree, tree)
         (tree / "DEBIAN").mkdir(parents=True)
-        (tree / "DEBIAN" / "control").write_text(SITE_CONTROL + "".join(f"{f}\n" for f in fields))
+        fields = f"Provides: {provided}\nConflicts: {provided}\n"
+        (tree / "DEBIAN" / "control").write_text(SITE_CONTROL + fields)
         (tree / "DEBIAN" / "shlibs").write_text(f"libtov 5 {SITE}\n")
         library = tree / "usr" / "lib" / "x86_64-linux-gnu"
         library.mkdir(parents=True)

@@ -35,9 +35,8 @@ def build_depends():
 
 class ScriptsTest(unittest.TestCase):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory(prefix="package-")
-        self.addCleanup(folder.cleanup)
-        self.folder = pathlib.Path(folder.name)
+        folder = self.enterContext(tempfile.TemporaryDirectory(prefix="package-"))
+        self.folder = pathlib.Path(folder)
 
     def run_on(self, machine, script, argument):
         for program, text in machine.items():
@@ -49,7 +48,7 @@ class ScriptsTest(unittest.TestCase):
             capture_output=True, text=True, timeout=60,
         )
 
-    def test_what_the_build_asks_for_is_installed(self):
+    def test_the_build_dependencies_are_installed(self):
         done = self.run_on(WITHOUT_PACKAGES, "install-deps", "package")
         self.assertEqual((done.returncode, done.stderr), (0, ""))
         asked_for = set((self.folder / "asked-for").read_text().split())

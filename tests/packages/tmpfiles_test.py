@@ -27,9 +27,8 @@ FORM = (
 
 class TmpfilesTest(unittest.TestCase):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory(prefix="tmpfiles-")
-        self.addCleanup(folder.cleanup)
-        self.root = pathlib.Path(folder.name)
+        folder = self.enterContext(tempfile.TemporaryDirectory(prefix="tmpfiles-"))
+        self.root = pathlib.Path(folder)
         self.root.chmod(0o755)
         rules = self.root / "usr" / "lib" / "tmpfiles.d"
         rules.mkdir(parents=True)

@@ -62,9 +62,8 @@ class SystemTovTest(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        folder = tempfile.TemporaryDirectory(prefix="system-tov-")
-        cls.addClassCleanup(folder.cleanup)
-        cls.folder = pathlib.Path(folder.name)
+        folder = cls.enterClassContext(tempfile.TemporaryDirectory(prefix="system-tov-"))
+        cls.folder = pathlib.Path(folder)
         parts = ("site", "product", "build", "tree")
         cls.site, cls.product, cls.build, cls.tree = (cls.folder / part for part in parts)
         without = shutil.ignore_patterns("build", ".*", "node_modules")
@@ -135,13 +134,13 @@ class SystemTovTest(unittest.TestCase):
         return library
 
     def answer(self, front_end, environment, *arguments, body=b""):
-        """What the front end tells, and its log."""
+        """What the front end prints, and its log."""
         done = subprocess.run(
             [front_end, *arguments], env={"TMP": str(self.folder), **environment}, input=body,
             capture_output=True, timeout=60, check=True,
         )
-        told = dict(line.split("=", 1) for line in done.stdout.decode().splitlines())
-        return told, done.stderr.decode()
+        printed = dict(line.split("=", 1) for line in done.stdout.decode().splitlines())
+        return printed, done.stderr.decode()
 
     def test_request_is_served(self):
         expected = {
@@ -150,10 +149,10 @@ class SystemTovTest(unittest.TestCase):
         }
         for front_end in self.front_ends:
             with self.subTest(front_end=front_end.name):
-                told, log = self.answer(front_end, PAGE)
+                printed, log = self.answer(front_end, PAGE)
                 self.assertEqual(log, "")
-                answer = told.pop("answer")
-                self.assertEqual(told, expected)
+                answer = printed.pop("answer")
+                self.assertEqual(printed, expected)
                 self.assertRegex(answer, r"^<\?xml.*</doc>$")
                 self.assertIn("QUERY_STRING=func=a%20list&out=xml;", answer)
                 self.assertIn("REMOTE_ADDR=192.0.2.7;", answer)
@@ -174,9 +173,9 @@ class SystemTovTest(unittest.TestCase):
             with self.subTest(front_end=front_end.name):
                 refused, _ = self.answer(front_end, environment, body=body)
                 self.assertIn("Post data too large", refused["exception"])
-                told, _ = self.answer(front_end, environment, "panel", "200000", body=body)
-                self.assertEqual({name: told[name] for name in expected}, expected)
-                self.assertRegex(told["path"], f"^{self.folder}/zantemp-site-[0-9]+$")
+                printed, _ = self.answer(front_end, environment, "panel", "200000", body=body)
+                self.assertEqual({name: printed[name] for name in expected}, expected)
+                self.assertRegex(printed["path"], f"^{self.folder}/zantemp-site-[0-9]+$")
                 self.assertEqual(list(self.folder.glob("zantemp*")), [])
 
     def test_errors_and_log_are_the_other_library_s(self):
@@ -188,15 +187,15 @@ class SystemTovTest(unittest.TestCase):
                     ("user", "alice", [], {"SITE_FAILURES": "3"}),
                     ("error", "site: no connection to panel", [], {"SITE_FAILURES": "4"}),
                 ):
-                    told, _ = self.answer(front_end, {**PAGE, **changes}, *arguments)
-                    self.assertEqual(told.get(key), value, told)
+                    printed, _ = self.answer(front_end, {**PAGE, **changes}, *arguments)
+                    self.assertEqual(printed.get(key), value, printed)
                 _, log = self.answer(front_end, {**PAGE, "SITE_LOG": "9", "TOV_LOG_LEVEL": "9"})
                 self.assertIn("site: zancgi/core 7: cgi.Query('func=whoami&out=xml')", log)
                 self.assertIn("site: zancgi/core 9: zancgi_unix.cpp:", log)
                 foreign = [line for line in log.splitlines() if not line.startswith("site: ")]
                 self.assertEqual(foreign, [])
 
-    def test_nothing_of_ours_bears_the_name(self):
+    def test_no_file_of_ours_has_the_name_tov(self):
         installed = [path for path in self.product.rglob("*") if not path.is_dir()]
         self.assertIn("zancgi.h", {path.name for path in installed})
         self.assertEqual([path for path in installed if "tov" in path.name], [])
@@ -222,7 +221,7 @@ class PlainTest(SystemTovTest):
             f"-I{cls.site}/include", f"-L{libraries}", "-ltov", f"-Wl,-rpath,{libraries}"
         )
 
-    def test_the_other_library_has_no_name_but_those_asked_for(self):
+    def test_the_other_library_defines_only_the_listed_names(self):
         listed = set(SEAM.read_text().splitlines())
         had = base_symbols(self.site / "lib" / "libtov.so", "--defined-only")
         # One that virtual functions bring along, and nobody calls.
@@ -241,12 +240,13 @@ class PlainTest(SystemTovTest):
 
     def test_its_own_tests_pass(self):
         run(CMAKE, "-DZANCGI_BUILD_TESTS=ON", self.build)
-        told = run(CMAKE.replace("cmake", "ctest"), "--test-dir", self.build, "--output-on-failure")
-        self.assertRegex(told, "100% tests passed.* out of [1-9]")
+        ctest = CMAKE.replace("cmake", "ctest")
+        printed = run(ctest, "--test-dir", self.build, "--output-on-failure")
+        self.assertRegex(printed, "100% tests passed.* out of [1-9]")
 
 
 class PkgConfigTest(SystemTovTest):
-    """Known to pkg-config, by which it is told that its functions are inline."""
+    """Known to pkg-config, which also declares its functions inline."""
 
     @classmethod
     def install_site(cls):
@@ -307,8 +307,8 @@ class PackageTest(SystemTovTest):
 
     def test_a_project_can_have_the_product_as_a_part(self):
         for front_end in self.front_ends_of_whole:
-            told, _ = self.answer(front_end, PAGE)
-            self.assertEqual(told["user"], "alice")
+            printed, _ = self.answer(front_end, PAGE)
+            self.assertEqual(printed["user"], "alice")
 
     def test_the_archive_is_inside_and_stays_there(self):
         self.assertEqual(base_symbols(self.library(), "--undefined-only"), set())
