@@ -102,10 +102,12 @@ class KilledTest(SiteTest):
         for web_host in self.site.web_hosts:
             wait_for(lambda: web_host.back_ends_up() == 0)
             began = time.monotonic()
+            logged = self.site.logs().count("back end 'panel'")
             status, page = web_host.web_server.visit("visit-in-vain")
             self.assertEqual(status, 502)
-            self.assertIn("back end &#39;panel&#39;", page)
+            self.assertIn("That did not work.", page)
             self.assertLess(time.monotonic() - began, 2)
+            self.assertGreater(self.site.logs().count("back end 'panel'"), logged)
         for back_end in self.site.back_ends:
             back_end.start()
 

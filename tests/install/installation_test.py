@@ -143,7 +143,8 @@ int main() { std::puts(str::url::Encode("one & two").c_str()); }
 
 def run(*command, **options):
     """What a command prints; its complaints, when it fails."""
-    done = subprocess.run(command, capture_output=True, text=True, timeout=500, **options)
+    options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options}
+    done = subprocess.run(command, text=True, timeout=500, **options)
     if done.returncode != 0:
         raise AssertionError(f"{command} failed:\n{done.stdout}{done.stderr}")
     return done.stdout
@@ -359,9 +360,11 @@ class FrontEndTest(InstallTest):
 
     def assert_works(self, program):
         self.assertIn("You are alice.", self.answer_of_back_end_to(program))
-        refused = self.answer(program, self.folder)
+        log = self.folder / "log"
+        with log.open("w") as stderr:
+            refused = self.answer(program, self.folder, stderr=stderr)
         self.assertIn("502 Bad Gateway", refused)
-        self.assertIn("panel.sock", refused)
+        self.assertIn("panel.sock", log.read_text())
 
     def answer_of_back_end_to(self, program):
         with tempfile.TemporaryDirectory(dir=self.folder) as run_dir:
@@ -374,10 +377,10 @@ class FrontEndTest(InstallTest):
                     server.shutdown()
                     thread.join()
 
-    def answer(self, program, run_dir):
+    def answer(self, program, run_dir, **options):
         # Nothing else: what it needs it must find by itself.
         request = {"REQUEST_METHOD": "GET", "HTTP_COOKIE": "panelses5=3f9c27d1"}
-        return run(program, env={**request, "TOV_RUN_DIR": str(run_dir)})
+        return run(program, env={**request, "TOV_RUN_DIR": str(run_dir)}, **options)
 
     def assert_hardened(self, program):
         section = dynamic_section(program)
