@@ -226,9 +226,9 @@ def application(environ, start_response):
 def main(name, level, account=""):
     password = sys.stdin.buffer.readline().rstrip(b"\n").decode()
     if not name or not (name + account).isprintable():
-        raise ValueError("a name holds printable characters only")
+        raise ValueError("a name must contain only printable characters")
     if not re.fullmatch("[0-9]{1,9}", level):
-        raise ValueError("a level is a number from 0 to 999999999")
+        raise ValueError("a level must be a number from 0 to 999999999")
     with closing(connect()) as database:
         add_user(database, password, name, level, account)
 

@@ -128,7 +128,7 @@ inline void SendFile(const fs::path& path) {
 inline std::string ProblemWith(const std::string& name, int returned) {
   if (returned == 0) return "";
   const char* const reason =
-      errno == EEXIST ? "there is one of this name" : std::strerror(errno);
+      errno == EEXIST ? "this name is already in use" : std::strerror(errno);
   return "'" + name + "': " + reason + ". ";
 }
 

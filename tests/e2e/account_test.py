@@ -183,7 +183,7 @@ class Folder(AccountTest):
 
     def test_existing_files_stay_and_failures_are_named(self):
         (self.home / "there").write_bytes(b"before")
-        there = "'there': there is one of this name. "
+        there = "'there': this name is already in use. "
         none = "'none': No such file or directory. "
         for action, names, to, problem in (
             ("folder", (), "there", there),
@@ -311,7 +311,7 @@ class Upload(AccountTest):
         (self.home / "directory").mkdir()
         names = ("file", "dangling", "directory")
         answer = self.upload(file("new", b"new"), *(file(name, b"new") for name in names))
-        there = "".join(f"'{name}': there is one of this name. " for name in names)
+        there = "".join(f"'{name}': this name is already in use. " for name in names)
         self.assert_page(answer, 409, there.strip())
         self.assertNotIn("zantemp", answer.body)
         self.assertEqual(self.names(), {"new", *names})

@@ -113,7 +113,7 @@ class BrowserTest(PanelTest):
         self.choose(("report.pdf", 7))
         self.browser.run("document.querySelector('#uploads').focus()")
         self.browser.press(TAB + ENTER)
-        self.assert_sees("'report.pdf': there is one of this name.", r"report\.pdf 3000000")
+        self.assert_sees("'report.pdf': this name is already in use.", r"report\.pdf 3000000")
         self.choose(("disk.img", 101 * 1024 * 1024))
         self.assert_sees("Together these are 101.0 MB, more than the limit of 100.0 MB")
         self.assertFalse(self.browser.is_enabled("#send"))
@@ -203,7 +203,7 @@ class BrowserTest(PanelTest):
             self.assertTrue(self.drop_file("same.txt", text))
         self.assert_sees("same.txt, 1 byte\n", "same.txt, 3 bytes", "same.txt, 5 bytes")
         self.browser.click("#send")
-        self.assert_sees("'same.txt': there is one of this name.")
+        self.assert_sees("'same.txt': this name is already in use.")
         self.assertEqual(self.panel.kept(), {"same.txt": b"\0"})
         self.open_upload()
         self.drop_file("x;names.txt", "abc")
@@ -235,7 +235,7 @@ class BrowserTest(PanelTest):
         # The web server refuses this one by itself.
         self.choose(("disks.img", 1024**3))
         self.browser.click("#send")
-        self.assert_sees("This is more than the panel takes at a time.")
+        self.assert_sees("This is more than the panel accepts at once.")
         self.browser.click_link("Back to the files")
         self.assert_sees("Files to upload")
 

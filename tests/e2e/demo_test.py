@@ -58,7 +58,7 @@ class DemoTest(unittest.TestCase):
     def assert_passes(self, demo):
         output, _ = demo.communicate(timeout=200)
         self.assertEqual(demo.returncode, 0, output)
-        self.assertIn("Every step gave what it should.", output)
+        self.assertIn("Every step gave the expected result.", output)
 
     def test_several_visits_at_a_time(self):
         demos = [self.start("--once") for _ in range(2)]

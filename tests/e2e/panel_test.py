@@ -314,8 +314,8 @@ class BackEnd(unittest.TestCase):
 
     def test_reports_what_is_wrong_with_a_new_user(self):
         usage = b"usage: echo PASSWORD | PANEL_DB=FILE python3 backend.py NAME LEVEL [ACCOUNT]\n"
-        name = b"backend.py: a name holds printable characters only\n"
-        level = b"backend.py: a level is a number from 0 to 999999999\n"
+        name = b"backend.py: a name must contain only printable characters\n"
+        level = b"backend.py: a level must be a number from 0 to 999999999\n"
         for arguments, message in (
             (["user"], usage), (["user", "1", "account", "more"], usage),
             (["", "1"], name), ([b"\xff", "1"], name), (["user", "1", "a\x01"], name),

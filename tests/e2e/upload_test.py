@@ -100,7 +100,7 @@ class RefusedUpload(UploadTest):
             self.assert_refused(self.post(form(field("token", token), file("a", b"1"))))
 
     def test_is_above_the_limit_and_still_arriving(self):
-        for size, text in ((LIMIT, TOO_LARGE), (20 * LIMIT, "This is more than the panel takes")):
+        for size, text in ((LIMIT, TOO_LARGE), (20 * LIMIT, "This is more than the panel accepts")):
             with tempfile.NamedTemporaryFile() as large:
                 large.truncate(size)
                 done = subprocess.run(

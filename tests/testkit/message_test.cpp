@@ -163,8 +163,8 @@ TEST(ParseResponse, FindsStatusAndCookies) {
 
 TEST(ParseResponse, ReportsWhatIsNoAnswer) {
   for (const auto& [answer, complaint] :
-       {std::pair("", "no empty line behind the header"),
-        {"Content-Type: a\r\n", "no empty line behind the header"},
+       {std::pair("", "no empty line after the header"),
+        {"Content-Type: a\r\n", "no empty line after the header"},
         {"hello\n\n", "no header field: 'hello'"},
         {"a b: c\n\n", "no header field: 'a b: c'"},
         {"X: y\n\n", "neither Content-Type nor Location"},

@@ -170,7 +170,7 @@ TEST(Program, ThatHangsIsEndedWithAllThatItHasStarted) {
   EXPECT_NE(left.find(" odd_front"), std::string::npos) << left;
   EXPECT_NE(::kill(std::stoi(left), 0), 0);
   EXPECT_EQ(response.Complaints(),
-            "its time was up; no empty line behind the header; processes left: "
+            "its time was up; no empty line after the header; processes left: "
             "'" +
                 left + "'");
 }
@@ -211,9 +211,9 @@ TEST(Program, ThatLeavesAProcessOrFilesIsReportedOnce) {
 
 TEST(Program, ThatEndsBadlyIsReported) {
   EXPECT_EQ(Do("fail").Complaints(),
-            "exit status 3; no empty line behind the header");
+            "exit status 3; no empty line after the header");
   EXPECT_EQ(Do("die").exit_status, 128 + SIGTERM);
-  EXPECT_EQ(Do("nothing").Complaints(), "no empty line behind the header");
+  EXPECT_EQ(Do("nothing").Complaints(), "no empty line after the header");
 }
 
 TEST(Program, LeavesNoDescriptorFolderOrProcessInTheTest) {

@@ -250,7 +250,7 @@ TEST_P(Panel, ShowsSessionsPageByPage) {
   }
 }
 
-TEST_P(Panel, TellsOfAWrongPasswordAndKeepsTheNameHarmless) {
+TEST_P(Panel, ShowsThatThePasswordIsWrongAndEscapesTheName) {
   backend_.On("session.new", NoAccess());
   const Response response = Serve(SignIn("<b>\"al'&", "wrong"));
   EXPECT_EQ(response.status, 403);
@@ -308,7 +308,7 @@ TEST_P(Panel, DoesNotBelieveTheAddressThatAClientClaims) {
   EXPECT_FALSE(Holds(query.raw, "10.1.2.3"));
 }
 
-TEST_P(Panel, TellsOnlyTheAdministratorWhyItHasNotBecomeTheAccount) {
+TEST_P(Panel, ShowsOnlyTheAdministratorWhyItHasNotBecomeTheAccount) {
   for (const char* account : {"", "root", "of-nobody"}) {
     backend_.On("session.own", Document(std::string(R"(<own token="t0k3n")") +
                                         R"( account=")" + account + "\"/>"));
@@ -327,7 +327,7 @@ TEST_P(Panel, AnswersItsScriptInJson) {
   EXPECT_EQ(response.body, "{\"problem\":\"Please sign in first.\"}\n");
 }
 
-TEST_P(Panel, SaysSoWhenItsBackEndIsDown) {
+TEST_P(Panel, ShowsAnErrorWhenItsBackEndIsDown) {
   backend_.Then(Refuse());
   const Response response = Serve(SignedIn(Get("/panel")));
   EXPECT_EQ(response.status, 502);
@@ -336,7 +336,7 @@ TEST_P(Panel, SaysSoWhenItsBackEndIsDown) {
   EXPECT_TRUE(Holds(response.standard_error, "Connection refused"));
 }
 
-TEST_P(Panel, SaysSoWhenItsBackEndBreaksOffFourTimes) {
+TEST_P(Panel, ShowsAnErrorWhenItsBackEndBreaksOffFourTimes) {
   for (const Step& step : {CloseSilently(), AnswerThenReset("<?xml versi"),
                            Answer("Content-Length: 12\r\n\r\n<doc></doc>")}) {
     backend_.Times(4, step);
@@ -348,7 +348,7 @@ TEST_P(Panel, SaysSoWhenItsBackEndBreaksOffFourTimes) {
   }
 }
 
-TEST_P(Panel, SaysSoWhenItsBackEndTalksNonsense) {
+TEST_P(Panel, ShowsAnErrorWhenItsBackEndSendsNonsense) {
   for (const char* answer : {"", "nonsense", "<b>no XML", "<doc", "<html/>"}) {
     backend_.On("whoami", Answer(answer));
     const Response response = Serve(SignedIn(Get("/panel")));

@@ -38,7 +38,7 @@ void TakeFields(Response& response) {
   for (std::size_t at = 0;;) {
     const std::size_t end = text.find('\n', at);
     if (end == std::string::npos) {
-      response.malformed = "no empty line behind the header";
+      response.malformed = "no empty line after the header";
       return;
     }
     std::string line = text.substr(at, end - at);
