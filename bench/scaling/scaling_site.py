@@ -118,7 +118,7 @@ class Service:
 
 
 class BackEnd:
-    """uWSGI, and if TLS is used HAProxy in front of it."""
+    """uWSGI, with HAProxy in front of it if TLS is used."""
 
     def __init__(self, site, number):
         self.name = BACK_ENDS[number]

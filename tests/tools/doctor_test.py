@@ -71,7 +71,7 @@ class CommandLineTest(DoctorTest):
             ("--min-free", "lots", "not a size: lots"),
             ("--pid", "0", "not a process number: 0"),
             ("--check", "run-dir.nothing", "no such check: run-dir.nothing"),
-            ("--session", "a b", "--service", "x", "printable characters except"),
+            ("--session", "a b", "--service", "x", "must not contain blanks"),
             ("--session", "abc", "needs exactly one --service"),
             ("--session", "abc", "--service", "x", "--service", "y", "needs exactly one --service"),
         ):

@@ -349,6 +349,28 @@ TEST(UploadThatCannotBeStored, IsRefusedWithTheReason) {
   });
 }
 
+TEST(UploadThatCannotBeStored, IsRefusedWhenItsCloseFails) {
+  const std::pair<int, Refusal> rows[] = {
+      {EIO, {507, "an upload cannot be stored: Input/output error"}},
+      {EDQUOT, {507, "an upload cannot be stored: Disk quota exceeded"}},
+      {EINTR, {}},
+  };
+  for (const auto& [error, refusal] : rows) {
+    for (const auto& [name, answer] : kKinds) {
+      SCOPED_TRACE(testing::Message() << ::strerror(error) << ", " << name);
+      const Scratch spool;
+      Serve(kForm, [&, answer = answer, error = error, refusal = refusal] {
+        WatchFileCalls([&](const FileCall& call) {
+          return call.name == "close" ? error : answer(call);
+        });
+        EXPECT_EQ(RefusalWith(spool.Path()), refusal);
+        WatchFileCalls(nullptr);
+      });
+      EXPECT_EQ(spool.List(), Strings{});
+    }
+  }
+}
+
 std::function<void(const std::string& spool)> Disk(const char* options,
                                                    unsigned long flags = 0) {
   return

@@ -56,7 +56,7 @@ def parse_check(text):
 
 def parse_session(text):
     if not re.fullmatch(r"[!-:<-~]+", text):
-        raise argparse.ArgumentTypeError("a session has only printable characters except ';'")
+        raise argparse.ArgumentTypeError("a session must not contain blanks, ';' or unprintable characters")
     return text
 
 
