@@ -19,6 +19,7 @@
 #include "support/clean_run.h"
 #include "support/fast_folder.h"
 #include "support/form.h"
+#include "support/variable.h"
 
 namespace plain {
 namespace {
@@ -103,18 +104,14 @@ Counts Compare(const Body& body) {
   return counts;
 }
 
-std::size_t FromEnvironment(const char* name, std::size_t otherwise) {
-  const char* const value = std::getenv(name);
-  return value == nullptr ? otherwise : std::stoul(value);
-}
-
 class RandomBodies : public testing::TestWithParam<std::size_t> {};
 
 TEST_P(RandomBodies, AreParsedAlike) {
   const std::size_t cases =
-      FromEnvironment("ZANCGI_RANDOM_CASES", kRandomCases) / kShards;
+      support::NumberInVariable("ZANCGI_RANDOM_CASES", kRandomCases) / kShards;
   const std::size_t seed =
-      FromEnvironment("ZANCGI_RANDOM_SEED", 20261121) * kShards + GetParam();
+      support::NumberInVariable("ZANCGI_RANDOM_SEED", 20261121) * kShards +
+      GetParam();
   Counts counts =
       Compare([&](Comparison& comparison, const std::string& folder) {
         BodyMaker maker(seed, folder);

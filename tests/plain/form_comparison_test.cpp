@@ -23,6 +23,7 @@
 #include "plain/plain_form.h"
 #include "support/clean_run.h"
 #include "support/fast_folder.h"
+#include "support/variable.h"
 
 namespace plain {
 namespace {
@@ -54,11 +55,6 @@ void ExpectAlike(const PlainForm& product, const PlainForm& plain,
   EXPECT_EQ(product, plain) << Describe(request);
 }
 
-std::size_t FromEnvironment(const char* name, std::size_t otherwise) {
-  const char* const value = std::getenv(name);
-  return value == nullptr ? otherwise : std::stoul(value);
-}
-
 class FormRules : public testing::TestWithParam<FormTable> {};
 
 TEST_P(FormRules, HoldForThePlainParser) {
@@ -84,9 +80,10 @@ class RandomForms : public testing::TestWithParam<std::size_t> {};
 
 TEST_P(RandomForms, AreReadAlike) {
   const std::size_t count =
-      FromEnvironment("ZANCGI_RANDOM_CASES", kRandomForms) / kShards;
+      support::NumberInVariable("ZANCGI_RANDOM_CASES", kRandomForms) / kShards;
   const std::size_t seed =
-      FromEnvironment("ZANCGI_RANDOM_SEED", 20261122) * kShards + GetParam();
+      support::NumberInVariable("ZANCGI_RANDOM_SEED", 20261122) * kShards +
+      GetParam();
   InChild([&](const std::string& folder) {
     FormMaker maker(seed);
     std::mt19937_64 random(seed);

@@ -2,6 +2,7 @@
 
 #include <stdlib.h>
 
+#include <cstdlib>
 #include <map>
 
 namespace support {
@@ -14,6 +15,11 @@ void SetVariable(const std::string& name, const std::string& value) {
   std::string& entry = entries[name];
   entry.assign(name).append("=").append(value);
   ::putenv(entry.data());
+}
+
+std::size_t NumberInVariable(const char* name, std::size_t otherwise) {
+  const char* const value = std::getenv(name);
+  return value == nullptr ? otherwise : std::stoul(value);
 }
 
 }  // namespace support

@@ -20,6 +20,7 @@
 #include "support/signals.h"
 #include "support/system_calls.h"
 #include "support/test.h"
+#include "support/variable.h"
 
 namespace support {
 namespace {
@@ -405,12 +406,11 @@ void ExpectUploadAsSent(std::mt19937_64& random, const std::string& spool) {
 }
 
 TEST(HonestForms, AreReadAsTheyWereSent) {
-  const char* const asked_for = std::getenv("ZANCGI_RANDOM_CASES");
   const std::size_t count =
-      asked_for == nullptr ? kHonestForms : std::stoul(asked_for);
+      NumberInVariable("ZANCGI_RANDOM_CASES", kHonestForms);
   const Scratch spool(FastFolder());
   RunCleanly(Post("0").LogLevel(0).TimeLimit(std::chrono::hours(1)), [&] {
-    std::mt19937_64 random(20261122);
+    std::mt19937_64 random(NumberInVariable("ZANCGI_RANDOM_SEED", 20261122));
     for (std::size_t i = 0; i < count && !testing::Test::HasFailure(); ++i) {
       ExpectUploadAsSent(random, spool.Path());
     }
