@@ -29,6 +29,16 @@ if(ZANCGI_SANITIZE)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     # GCC 12 warns of std::regex and std::string in instrumented code.
     add_compile_options(-Wno-maybe-uninitialized -Wno-restrict)
+  elseif(NOT ZANCGI_BUILD_FUZZERS)
+    # Tests replace functions that the sanitizers' runtime also replaces, so the
+    # runtime must be a shared library, as GCC's is.
+    execute_process(OUTPUT_VARIABLE runtime OUTPUT_STRIP_TRAILING_WHITESPACE
+      COMMAND "${CMAKE_CXX_COMPILER}"
+        "-print-file-name=libclang_rt.asan-${CMAKE_SYSTEM_PROCESSOR}.so")
+    cmake_path(GET runtime PARENT_PATH runtime_dir)
+    # The C programs of the benchmarks have another compiler.
+    add_link_options("$<$<LINK_LANGUAGE:CXX>:-shared-libasan>"
+      "$<$<LINK_LANGUAGE:CXX>:LINKER:-rpath,${runtime_dir}>")
   endif()
 endif()
 if(ZANCGI_BUILD_FUZZERS)
