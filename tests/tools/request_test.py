@@ -417,6 +417,13 @@ class AnswerTest(RequestTest):
             for option in (("-i",), ("--include",), ("-D", "-")):
                 self.judge(text, *option, status=status, output=b"HTTP/1.1 " + output)
 
+    def test_default_reasons_are_those_of_rfc_9110(self):
+        """Versions of Python have different ones."""
+        for line in ("413 Content Too Large", "414 URI Too Long", "416 Range Not Satisfiable",
+                     "422 Unprocessable Content"):  # fmt: skip
+            result = self.answer(f"Status: {line[:3]}\n{TEXT}\n", "-i")
+            self.assertEqual(result.output.splitlines()[0].decode(), f"HTTP/1.1 {line}")
+
     def test_answer_to_head_has_no_body(self):
         head = b"HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 9\r\n\r\n"
         self.judge(TEXT + "Content-Length: 9\n\n", "-I", output=head)

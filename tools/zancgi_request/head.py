@@ -9,6 +9,14 @@ from zancgi_tools.answers import TOKEN, parse_length
 LONGEST_HEAD = 65536
 ONLY_ONCE = ("status", "content-type", "content-length", "location")
 BODYLESS = (204, 304)
+# As RFC 9110 names them. Older versions of Python have other names for some.
+REASONS = {
+    **http.client.responses,
+    413: "Content Too Large",
+    414: "URI Too Long",
+    416: "Range Not Satisfiable",
+    422: "Unprocessable Content",
+}
 HTTP_LINE = re.compile(r"HTTP/\d(?:\.\d)? (\d{3})(?: (.*))?")
 
 
@@ -90,7 +98,7 @@ class Head:
         else:
             self.status = 500
             self.problems.append(f"Status is not a three-digit number: {shown(status)}")
-        self.reason = self.reason or http.client.responses.get(self.status, "")
+        self.reason = self.reason or REASONS.get(self.status, "")
         if location is not None:
             self._check_location(location, status is None)
 
