@@ -9,12 +9,14 @@ import unittest
 from doctor_support import DENIED, DOCTOR, HAS_ALL_RIGHTS, IS_ROOT, ME, NOT_THERE, OTHERS_ONLY
 from doctor_support import OWN_NAME, ROOT_ONLY, STRANGER, WORDS, DoctorTest
 from zancgi_doctor.cli import EXIT_STATUS
+from zancgi_doctor.mounts import mount_of
 from zancgi_doctor.texts import group_name, user_name
 
 # For each group: commands to prepare it, options, subject and path. Here and in the tables, ~ is
 # the folder of the case, in which the shell runs, and @ the subject.
 SERVICE = ("mkdir run", "--run-dir ~/run --service @", "panel", "~/run/@.sock")
 GROUPS = {
+    "identity": ("", "", OWN_NAME, ""),
     "run-dir": ("mkdir run", "--run-dir @", "~/run", "@"),
     "socket": SERVICE,
     "back-end": SERVICE,
@@ -24,6 +26,7 @@ GROUPS = {
     "pam": ("", "", "/etc/pam.d/login", "@"),
     "account": ("mkdir -m 700 tmp", "--tmp-dir ~/tmp --account @", "alice", "/srv/alice"),
     "nss": ("", "", "/etc/nsswitch.conf", "@"),
+    "process": ("", "", "this process", ""),
     "log": ("", "TOV_LOG=@", "~/log", "@"),
 }
 
@@ -37,6 +40,7 @@ def case(reason_to_skip, prepare, outcome, arguments="", **values):
 anyone = functools.partial(case, "")
 root = functools.partial(case, "" if HAS_ALL_RIGHTS else ROOT_ONLY)
 others = functools.partial(case, OTHERS_ONLY if IS_ROOT else "")
+IN_MEMORY = "/tmp is in memory" if mount_of("/tmp").kind in ("tmpfs", "ramfs") else ""
 
 LEVEL = {"subject": "TOV_LOG_LEVEL"}
 BY_STRANGER = {"arguments": f"--as {STRANGER}", "user": str(STRANGER)}
@@ -118,6 +122,11 @@ def unsafe_homes():
 
 
 CASES = {
+    "identity.rights": [
+        anyone("", "ok"),
+        root("", "ok", f"--as {STRANGER}:{STRANGER}", subject=str(STRANGER)),
+        others("", "unchecked", "--as root", subject="root", caller=user_name(os.geteuid())),
+    ],
     "run-dir.exists": [
         anyone("", "ok"),
         anyone("", "failure missing", subject="~/none", error=NOT_THERE),
@@ -154,6 +163,7 @@ CASES = {
         root("chown $N:$N run", "warning", **BY_STRANGER),
     ],
     "run-dir.reboot": [
+        case(IN_MEMORY, "", "ok disk"),
         # Of several mounts at one place, the last counts.
         root("mount -t tmpfs none run; mount --bind /usr/share run", "ok disk"),
         *(root(f"{prepare}; mkdir -m 755 /run/tov; {then}", outcome, maker=maker,
@@ -265,6 +275,7 @@ CASES = {
     ],
     "tmp-dir.exists": [
         anyone("", "ok"),
+        anyone("", "failure missing", subject="~/none", error=NOT_THERE),
         anyone("", "failure relative", subject="tmp"),
         anyone("mkfifo fifo", "failure kind", subject="~/fifo", kind="a FIFO"),
     ],
@@ -335,6 +346,9 @@ CASES = {
     ],
     "program.file": [
         anyone("", "ok"),
+        anyone("", "failure missing", subject="~/none", error=NOT_THERE),
+        anyone("mkfifo fifo", "failure kind", subject="~/fifo", kind="a FIFO"),
+        anyone("", "failure kind", subject="~/bin", kind="a folder"),
         anyone("chmod 644 bin/panel", "failure", error=DENIED),
         others("", "unchecked", "--as root", user="root"),
     ],
@@ -464,6 +478,14 @@ CASES = {
         root("printf 'passwd: files nosuch\\ngroup: files\\033\\n' > own; "
              "mount --bind own /etc/nsswitch.conf", "warning", names="'nosuch', 'files\\x1b'"),
     ],
+    "process.environment": [
+        *(anyone("", "ok", arguments) for arguments in ("", "LD_LIBRARY_PATH=/opt/x:/opt/y")),
+        *(anyone("", "failure", f"LD_LIBRARY_PATH={path}")
+          for path in ("/opt/x:", "lib", ":/opt/x", "/opt/x::/opt/y")),
+        anyone("", "warning code", "LD_PRELOAD=libc.so.6", variable="LD_PRELOAD"),
+        anyone("", "warning code", "LD_AUDIT=/none", variable="LD_AUDIT"),
+        anyone("", "warning proxy", "HTTP_PROXY=http://x"),
+    ],
     "log.target": [
         *(anyone("", "ok stderr", arguments, subject="stderr")
           for arguments in ("", "TOV_LOG=")),
@@ -525,7 +547,7 @@ class CasesTest(DoctorTest):
         subject = filled(subject)
         words = shlex.split(filled(options).replace("@", shlex.quote(subject)))
         words += shlex.split(filled(arguments))
-        variables = [word for word in words if word.startswith("TOV_")]
+        variables = [word for word in words if re.match("[A-Z_]+=", word)]
         before = f"{WORDS}\ncd {folder}\n{made}\n{prepare}"
         report = self.examine(
             check, *(word for word in words if word not in variables), before=before,

@@ -129,12 +129,6 @@ class ThisMachineTest(DoctorTest):
             self.skipTest("others than root can change /etc/pam.d/login on this machine")
         self.expect(self.examine("pam"), "pam.service", "ok", path)
 
-    def test_run_dir_on_disk_survives_a_reboot(self):
-        if mount_of(self.run_dir).kind in ("tmpfs", "ramfs"):
-            self.skipTest("the temporary directory is in memory")
-        report = self.examine("run-dir.reboot", "--run-dir", self.run_dir)
-        self.expect(report, "run-dir.reboot", "ok disk", self.run_dir)
-
     def test_file_system_of_uploads(self):
         for min_free, state in (("0", "ok"), ("9999T", "failure")):
             report = self.examine("tmp-dir", "--tmp-dir", self.folder, "--min-free", min_free)

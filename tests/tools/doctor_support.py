@@ -38,15 +38,8 @@ importlib.import_module("elftools.elf.elffile")
 
 def free_number():
     """A number that, like the next two, no user and no group has."""
-
-    def is_free(number):
-        for look_up in (pwd.getpwuid, grp.getgrgid):
-            with contextlib.suppress(KeyError):
-                look_up(number)
-                return False
-        return True
-
-    return next(n for n in itertools.count(54321) if all(map(is_free, range(n, n + 3))))
+    taken = {user.pw_uid for user in pwd.getpwall()} | {group.gr_gid for group in grp.getgrall()}
+    return next(n for n in itertools.count(54321) if taken.isdisjoint(range(n, n + 3)))
 
 
 def may_mount():
@@ -55,7 +48,6 @@ def may_mount():
 
 
 STRANGER = free_number()
-STRANGERS_NAME = str(STRANGER)
 NOT_THERE = "No such file or directory"
 DENIED = "Permission denied"
 HAS_ALL_RIGHTS = IS_ROOT and may_mount()
