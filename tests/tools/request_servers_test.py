@@ -7,6 +7,7 @@ import re
 import shutil
 import subprocess
 import tempfile
+import time
 import unittest
 import urllib.parse
 
@@ -44,13 +45,20 @@ def start_server(test, kind, program, *needed, **variables):
     test.server.start(variables)
 
 
+def options(name, values):
+    return [word for value in values for word in (name, value)]
+
+
 BOUNDARY = re.compile(rb"-{24}[0-9a-f]{16}")
 
 
 def differences(actual, expected):
-    """The differences, as (actual, expected), each variable by itself."""
-    facts = [{**vars(each), **each.variables, "variables": None} for each in (actual, expected)]
-    names = facts[0].keys() | facts[1].keys()
+    """The differences, as (actual, expected), each variable and part of a form by itself."""
+    facts = [
+        {**vars(each), **each.variables, **dict(enumerate(BOUNDARY.split(each.body)))}
+        for each in (actual, expected)
+    ]
+    names = (facts[0].keys() | facts[1].keys()) - {"variables", "body"}
     pairs = {name: tuple(fact.get(name) for fact in facts) for name in names}
     return {name: pair for name, pair in pairs.items() if pair[0] != pair[1]}
 
@@ -94,7 +102,6 @@ class ThroughServer(RequestTest):
 
     def comparable(self, output):
         received = given(output)
-        received.body = BOUNDARY.sub(b"BOUNDARY", received.body)
         # Reads depend on the pipes; fcgiwrap leaves a descriptor open.
         received.reads = sum(received.reads)
         received.open = received.open[:3]
@@ -119,9 +126,6 @@ class AsThroughServer(ThroughServer):
     def test_query(self):
         self.assert_same(path='?a=1&b=%20+2&c=\u00fc"<>&d')
         self.assert_same(path="?")
-        self.assert_same("-G", "-d", "a=1", "--data-urlencode", "b=x y&z", path="?z=9")
-        self.assert_same("-G", "-d", "a=1", path="#fragment")
-        self.assert_same("-G", "-d", "a=1", "-X", "DELETE")
         self.assert_same("-g", path="?a[]={1}")
 
     def test_path(self):
@@ -129,17 +133,7 @@ class AsThroughServer(ThroughServer):
         self.assert_same(path="/a/../b/./c")
 
     def test_data(self):
-        self.file("lines", b"l1\r\nl2\nl3")
         self.assert_same("-d", "a=1", "-d", "b=2")
-        self.assert_same("-d", "-leads")
-        self.assert_same("-d", "x", "-d", "")
-        self.assert_same("-d", "", "-d", "x")
-        self.assert_same("-d", "@lines")
-        self.assert_same("-d", "a=1", "--data-binary", "@lines")
-        self.assert_same("--data-raw", "@lines")
-        self.assert_same("--data-ascii", "@lines")
-        self.assert_same("-d", "@-", stdin=b"a=1\r\n")
-        self.assert_same("--data-binary", "@-", stdin=b"a=1\r\n\0")
         self.assert_same("-X", "PUT", "-d", "x=1")
 
     def test_long_form(self):
@@ -158,15 +152,12 @@ class AsThroughServer(ThroughServer):
         at_once = ("-T", "data", "-H", "Expect:")
         self.assert_same(*at_once)
         self.assert_same(*at_once, "-X", "POST", "-H", "Content-Type: a/b")
-        self.assert_same(*at_once, path="/sub/")
 
     def test_headers(self):
-        self.file("lines", b"X-A: 1\nX-B: 2\n")
         self.assert_same("-H", "X-A: 1", "-H", "x-b:2", "-H", "X-T: 1  ")
         self.assert_same("-H", "X-A: 1", "-H", "X-A: 2")
         self.assert_same("-H", "Accept:", "-H", "User-Agent:", "-H", "X-F: ")
         self.assert_same("-H", "X-Empty;")
-        self.assert_same("-H", "@lines")
         self.assert_same("-H", "X_Under: 1")
         self.assert_same("-H", "X.Dot: 1")
         self.assert_same("-H", "Host: example.org")
@@ -174,19 +165,8 @@ class AsThroughServer(ThroughServer):
         self.assert_same("-d", "x", "-H", "Content-Type:")
         self.assert_same("-d", "x", "-H", "Content-Type: a/b")
         self.assert_same("-H", "Content-Type: a/b")
-        self.assert_same("-A", "", "-e", "")
-        self.assert_same("-A", "me", "-e", "http://r/")
-        self.assert_same("-e", "http://r/;auto")
-
-    def test_cookies(self):
-        self.assert_same("-b", "a=b", "-b", "c=d; e")
-        self.assert_same("-b", "a=b", "-H", "Cookie: x=y")
         self.assert_same("-H", "Cookie: a=1", "-H", "Cookie: b=2")
-        self.assert_same("-b", "")
-
-    def test_user(self):
         self.assert_same("-u", "joe:pass:word")
-        self.assert_same("-u", "joe:")
 
 
 class AsThroughLighttpd(AsThroughServer):
@@ -197,19 +177,45 @@ class AsThroughLighttpd(AsThroughServer):
     def test_url_is_normalized(self):
         self.assert_same(path="/a%2fb%41%7e%c3?%41+%2f%7e%zz")
 
+    # The rest does not depend on the web server.
 
-class BodiesAsThroughLighttpd(ThroughServer):
-    kind = web_servers.Lighttpd
-    programs = ["lighttpd"]
-    name = "lighttpd"
+    def test_lines_and_files_of_data(self):
+        self.file("lines", b"l1\r\nl2\nl3")
+        self.assert_same("-d", "-leads")
+        self.assert_same("-d", "x", "-d", "")
+        self.assert_same("-d", "", "-d", "x")
+        self.assert_same("-d", "@lines")
+        self.assert_same("-d", "a=1", "--data-binary", "@lines")
+        self.assert_same("--data-raw", "@lines")
+        self.assert_same("--data-ascii", "@lines")
+        self.assert_same("-d", "@-", stdin=b"a=1\r\n")
+        self.assert_same("--data-binary", "@-", stdin=b"a=1\r\n\0")
 
-    # Bodies that curl makes do not depend on the web server.
+    def test_data_in_the_query(self):
+        self.assert_same("-G", "-d", "a=1", "--data-urlencode", "b=x y&z", path="?z=9")
+        self.assert_same("-G", "-d", "a=1", path="#fragment")
+        self.assert_same("-G", "-d", "a=1", "-X", "DELETE")
+
+    def test_name_of_an_upload(self):
+        self.file("data", b"content\r\n")
+        self.assert_same("-T", "data", "-H", "Expect:", path="/sub/")
+
+    def test_headers_of_options(self):
+        self.file("lines", b"X-A: 1\nX-B: 2\n")
+        self.assert_same("-H", "@lines")
+        self.assert_same("-A", "", "-e", "")
+        self.assert_same("-A", "me", "-e", "http://r/")
+        self.assert_same("-e", "http://r/;auto")
+        self.assert_same("-b", "a=b", "-b", "c=d; e")
+        self.assert_same("-b", "a=b", "-H", "Cookie: x=y")
+        self.assert_same("-b", "")
+        self.assert_same("-u", "joe:")
 
     def test_data_urlencoded(self):
         self.file("lines", b"l1\r\nl2\0\xff")
-        for text in ("a b&c", "=a b=c", "n m=a b/~-_.\u00fc", "@lines", "n@lines", "a=@lines", "=",
-                     "a@b=c", "a=b@c"):  # fmt: skip
-            self.assert_same("--data-urlencode", text)
+        texts = ("a b&c", "=a b=c", "n m=a b/~-_.\u00fc", "@lines", "n@lines", "a=@lines", "=",
+                 "a@b=c", "a=b@c")  # fmt: skip
+        self.assert_same(*options("--data-urlencode", texts))
 
     def test_json(self):
         self.assert_same("--json", '{"a":1}')
@@ -224,7 +230,7 @@ class BodiesAsThroughLighttpd(ThroughServer):
             ("we ird;na,me.png", b""),
         ):
             self.file(name, content)
-        for field in (
+        fields = (
             "a=1", "a=", "=v", "a=b=c", 'a"b\\c=1', "a= val", "a=val ", "a= val ;type=a/b",
             'a=x\\y"z', 'a="b', 'a=b"c;type=x/y', 'a="val;type=text/q"', "a=x,y",
             'a="q\\"u\\\\o"', "a=val;type=text/q", "a=;type=x/y",
@@ -238,8 +244,8 @@ class BodiesAsThroughLighttpd(ThroughServer):
             "f=@file;type=text/plain; charset=utf-8;filename=x",
             'f=@file;headers="X-Y: 1"', 'f=@file;headers=X-Y: 1;headers="X-Z: \\"2\\""',
             "f=<p.txt", "f=<p.txt;type=text/q", "f=<file",
-        ):  # fmt: skip
-            self.assert_same("-F", field)
+        )  # fmt: skip
+        self.assert_same(*options("-F", fields))
         self.assert_same("--form-string", "a=@p.txt;type=x", "-F", "b=1", "-F", "c=@file")
         self.assert_same("--form-escape", "-F", 'a"\\=@a"b\\c.HTML')
         self.assert_same("-F", "a=1", "-H", "Content-Type: multipart/form-data; charset=utf-8")
@@ -283,7 +289,7 @@ del ThroughServer, AsThroughServer
 
 
 # Sends the header lines in the query, and prints the request.
-GUEST = """#!/usr/bin/python3
+GUEST = """#!/usr/bin/python3 -IS
 import os, sys, urllib.parse
 lines = urllib.parse.parse_qs(os.environ["QUERY_STRING"], encoding="latin-1").get("line", [])
 head = "".join(line + "\\r\\n" for line in lines) + "Content-Type: text/plain\\r\\n\\r\\n"
@@ -363,28 +369,30 @@ class CookieTest(GuestTest):
             self.by_tool("-c", "of-tool", path=path, host=host)
             of_curl, of_tool = self.jar("of-curl"), self.jar("of-tool")
             for ours, theirs in zip(of_tool, of_curl):
-                if re.search('max-age="?1000', cookies[0].lower()):
-                    # It counts from the time of each run.
-                    self.assertLess(abs(int(ours[4]) - int(theirs[4])), 900)
+                # Max-Age counts from the time of each run.
+                if abs(int(ours[4]) - int(theirs[4])) < 900 < int(theirs[4]) - time.time() < 1900:
                     ours[4] = theirs[4]
-            self.assertEqual(of_tool, of_curl)
+            different = [[c for c in of_tool if c not in of_curl],
+                         [c for c in of_curl if c not in of_tool]]  # fmt: skip
+            self.assertEqual(different, [[], []])
             return of_tool
 
     def test_cookies_are_kept_as_by_curl(self):
-        for text in (
-            "a=1", "a=1=2", "a=", 'a="b c"', "  a = b c  ; ", "a=1; HttpOnly",
-            "a=1;httponly;secure", "a=1; Path=/", "a=1; Path=/x/y/z", "a=1; path=/x",
-            "a=1; Max-Age=1000", 'a=1; max-age="1000"',
-            "a=1; Max-Age=1000; Expires=Thu, 01 Jan 1981 00:00:00 GMT",
-            "a=1; Expires=Wed, 01 Jan 2098 01:02:03 GMT",
-            "a=1; Max-Age=" + "9" * 4000, "a=1; Max-Age=1" + "0" * 19,
-            "a=1; expires=Friday, 01-Jan-49 01:02:03 GMT",
-            "a=1; Expires=Wed Jan  1 01:02:03 2098",
-            "__Secure-a=1; Secure", "__Secure-a=1", "__Host-a=1; Secure; Path=/",
-            "__Host-a=1; Secure; Path=/x", "__Host-a=1; Path=/",
-            "__Host-a=1; Secure; Path=/; Domain=localhost", "a=1; SameSite=Strict; Odd=1",
-        ):  # fmt: skip
-            self.assert_same_jar(text)
+        kept = self.assert_same_jar(
+            "a=1", "b=1=2", "c=", 'd="b c"', "  e = b c  ; ", "f=1; HttpOnly",
+            "g=1;httponly;secure", "h=1; Path=/", "i=1; Path=/x/y/z", "j=1; path=/x",
+            "k=1; Max-Age=1000", 'l=1; max-age="1000"',
+            "m=1; Max-Age=1000; Expires=Thu, 01 Jan 1981 00:00:00 GMT",
+            "n=1; Expires=Wed, 01 Jan 2098 01:02:03 GMT",
+            "o=1; Max-Age=1" + "0" * 19,
+            "p=1; expires=Friday, 01-Jan-49 01:02:03 GMT",
+            "q=1; Expires=Wed Jan  1 01:02:03 2098",
+            "u=1; Expires=01 Jan 2098 01:02:03 +0100", "v=1; Expires=1 Jan 2098 25:02:03 GMT",
+            "w=1; Expires=Wed, 01 Jan 2098 01:02:03", "x=1; Expires=soon",
+            "__Secure-r=1; Secure", "__Host-s=1; Secure; Path=/", "t=1; SameSite=Strict; Odd=1",
+        )  # fmt: skip
+        self.assertEqual(len(kept), 24)
+        self.assertEqual(len(self.assert_same_jar("a=1; Max-Age=" + "9" * 4000)), 1)
 
     def test_relative_path_is_ignored(self):
         """As in browsers; curl keeps it, and sends the cookie nowhere or everywhere."""
@@ -400,10 +408,14 @@ class CookieTest(GuestTest):
             self.assertEqual([fields[4] for fields in self.jar("jar")], times)
 
     def test_invalid_and_expired_cookies_are_ignored_as_by_curl(self):
-        for text in ("a", "=1", "", "a=\t1\t2", "a=1; Domain=other.example", "a=1; Max-Age=0",
-                     "a=1; Max-Age=-5", "a=1; Expires=Thu, 01 Jan 1981 00:00:00 GMT",
-                     "a=1; Max-Age=0; Expires=Wed, 01 Jan 2098 01:02:03 GMT"):  # fmt: skip
-            self.assertEqual(self.assert_same_jar(text), [])
+        kept = self.assert_same_jar(
+            "a", "=1", "", "b=\t1\t2", "c=1; Domain=other.example", "d=1; Max-Age=0",
+            "e=1; Max-Age=-5", "f=1; Expires=Thu, 01 Jan 1981 00:00:00 GMT",
+            "g=1; Max-Age=0; Expires=Wed, 01 Jan 2098 01:02:03 GMT",
+            "__Secure-h=1", "__Host-i=1; Secure; Path=/x", "__Host-j=1; Path=/",
+            "__Host-k=1; Secure; Path=/; Domain=localhost",
+        )  # fmt: skip
+        self.assertEqual(kept, [])
 
     def test_domains_are_accepted_as_by_curl(self):
         for host, domain, is_kept in (

@@ -1,6 +1,6 @@
 """The header of an answer, and its problems."""
 
-import http.client
+import http
 import re
 
 from zancgi_tools.answers import TOKEN, parse_length
@@ -11,7 +11,7 @@ ONLY_ONCE = ("status", "content-type", "content-length", "location")
 BODYLESS = (204, 304)
 # As RFC 9110 names them. Older versions of Python have other names for some.
 REASONS = {
-    **http.client.responses,
+    **{status.value: status.phrase for status in http.HTTPStatus},
     413: "Content Too Large",
     414: "URI Too Long",
     416: "Range Not Satisfiable",
