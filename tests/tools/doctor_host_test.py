@@ -1,5 +1,6 @@
 """The checks of zancgi-doctor of the temporary directory, programs, PAM and accounts."""
 
+import contextlib
 import os
 import re
 import shutil
@@ -265,14 +266,13 @@ class ProgramTest(DoctorTest):
 
     def test_damaged_elf_files_cause_no_other_exception(self):
         whole = elf_file(["libc.so.6", "libm.so.6"], "/a:/b")
+        search = LibrarySearch({})
         for position in range(0, len(whole), 7):
             data = bytearray(whole)
             data[position : position + 8] = b"\xff" * 8
             self.program_path.write_bytes(data)
-            try:
-                LibrarySearch({}).search(str(self.program_path))
-            except NotElf:
-                pass
+            with contextlib.suppress(NotElf):
+                search.search(str(self.program_path))
 
     def script(self, text):
         path = self.bin / "launcher"

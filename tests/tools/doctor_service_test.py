@@ -21,6 +21,7 @@ from zancgi_doctor.whoami import length_error
 # The program of the README, which greets its user.
 FRONT = os.environ["README_FRONT"]
 LARGE = "8.0 KB"
+NAME_AND_ANSWER = ("--check", "socket.name", "--check", "back-end")
 # A typical back end.
 APPLICATION = """
 def application(environ, start_response):
@@ -35,7 +36,7 @@ class SocketTest(ServiceTest):
         service = "x" * (107 - len(f"{self.run_dir}/.sock") + 1)
         arguments = ("--run-dir", self.run_dir, "--service", service)
         error = "the path of its socket has 108 bytes, more than 107"
-        report = self.doctor("--json", *arguments)
+        report = self.doctor("--json", *NAME_AND_ANSWER, *arguments)
         self.expect(report, "socket.name", "failure", service, error=error)
         self.expect(report, "back-end.connect", "unchecked name", service)
 
@@ -43,7 +44,8 @@ class SocketTest(ServiceTest):
         service = "x" * (107 - len(f"{self.run_dir}/.sock"))
         self.path = self.run_dir / f"{service}.sock"
         self.listen(answering(with_length(REFUSAL)))
-        report = self.doctor("--json", "--run-dir", self.run_dir, "--service", service)
+        arguments = ("--run-dir", self.run_dir, "--service", service)
+        report = self.doctor("--json", *NAME_AND_ANSWER, *arguments)
         self.expect(report, "socket.name", "ok", service)
         self.expect(report, "back-end.answer", "ok refuses", service)
 
@@ -188,8 +190,9 @@ class BackEndTest(PanelTest):
             self.listen(answering(body.encode()))
             for option in ("-v", "--json"):
                 report = self.doctor(
-                    option, "--run-dir", self.run_dir, "--service", "panel", "--session", session
-                )
+                    option, "--check", "back-end", "--run-dir", self.run_dir,
+                    "--service", "panel", "--session", session,
+                )  # fmt: skip
                 self.assertNotIn("s3f9c27d1", report.all())
                 self.assertIn("(session)", report.output)
 
