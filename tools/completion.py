@@ -11,7 +11,7 @@ import sys
 from collections.abc import Iterable, Iterator
 
 sys.path.insert(0, str(pathlib.Path(__file__).parent))
-from zancgi_doctor.catalogue import CHECKS, GROUPS  # noqa: E402
+from zancgi_doctor.findings import CHECKS, GROUPS  # noqa: E402
 from zancgi_doctor.cli import make_parser  # noqa: E402
 from zancgi_request.options import OPTIONS, SERVERS, STDIN_KINDS  # noqa: E402
 

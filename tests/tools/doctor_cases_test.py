@@ -9,7 +9,7 @@ import unittest
 from doctor_support import DENIED, DOCTOR, HAS_ALL_RIGHTS, IS_ROOT, ME, NOT_THERE, OTHERS_ONLY
 from doctor_support import OWN_NAME, ROOT_ONLY, STRANGER, WORDS, DoctorTest
 from zancgi_doctor.cli import EXIT_STATUS
-from zancgi_doctor.mounts import mount_of
+from zancgi_doctor.files import mount_of
 from zancgi_doctor.texts import group_name, user_name
 
 # For each group: commands to prepare it, options, subject and path. Here and in the tables, ~ is

@@ -21,7 +21,7 @@ from unittest.mock import Mock, patch
 from doctor_support import AS_OTHERS, AS_ROOT, DENIED, DOCTOR, LONG, NOT_THERE, SOURCE
 from doctor_support import STRANGER, DoctorTest, ServiceTest, answering
 from processes import wait_for
-from zancgi_doctor.catalogue import CHECKS, GROUPS, sentences
+from zancgi_doctor.findings import CHECKS, GROUPS, sentences
 from zancgi_doctor.checks import process
 from zancgi_doctor.children import NoResult, run_in_child
 from zancgi_doctor.cli import make_parser

@@ -7,7 +7,7 @@ import re
 import signal
 import sys
 
-from zancgi_doctor.catalogue import CHECKS, GROUPS
+from zancgi_doctor.findings import CHECKS, GROUPS
 from zancgi_doctor.children import NoResult, run_in_child
 from zancgi_doctor.deployment import Site
 from zancgi_doctor.examination import examine

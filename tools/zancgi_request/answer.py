@@ -8,8 +8,8 @@ from collections.abc import Callable
 
 from zancgi_request.head import BODYLESS, Head, LONGEST_HEAD
 from zancgi_request.headers import Request
+from zancgi_request.options import Settings
 from zancgi_request.output import Output
-from zancgi_request.settings import Settings
 
 
 @dataclasses.dataclass

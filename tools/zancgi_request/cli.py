@@ -5,9 +5,8 @@ import sys
 
 from zancgi_request.exchange import adopt_orphans
 from zancgi_request.failures import Failure, Interrupted, Status, catch_signals
-from zancgi_request.options import default_settings, parse_command_line
+from zancgi_request.options import NAME, default_settings, parse_command_line
 from zancgi_request.player import Player
-from zancgi_request.settings import NAME
 
 
 def main(arguments: list[str]) -> int:

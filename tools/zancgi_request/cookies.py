@@ -14,8 +14,8 @@ import time
 from zancgi_request.body import read_file
 from zancgi_request.failures import Status, failing_with
 from zancgi_request.head import Head
+from zancgi_request.options import NAME, Settings
 from zancgi_request.output import Output
-from zancgi_request.settings import NAME, Settings
 from zancgi_request.url import Url
 
 CookieKey = tuple[str, str, bool, str]

@@ -5,8 +5,8 @@ import shlex
 
 from zancgi_request.failures import Failure, Status, misused
 from zancgi_request.feeder import Channel
+from zancgi_request.options import Settings
 from zancgi_request.servers import Variables
-from zancgi_request.settings import Settings
 
 
 class Debugger:

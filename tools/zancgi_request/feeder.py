@@ -12,7 +12,7 @@ import termios
 import time
 
 from zancgi_request.body import Body, PIECE, Stream
-from zancgi_request.settings import Settings
+from zancgi_request.options import Settings
 
 # The interval of checks whether a chunk has been read, in seconds.
 UNREAD_POLL_SECONDS = 0.001

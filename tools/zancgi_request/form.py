@@ -8,7 +8,7 @@ from typing import BinaryIO
 
 from zancgi_request.body import Body, open_regular
 from zancgi_request.failures import misused
-from zancgi_request.settings import Settings
+from zancgi_request.options import Settings
 
 # The types that curl derives from file names.
 TYPES = {

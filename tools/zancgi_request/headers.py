@@ -10,7 +10,7 @@ from zancgi_request.body import Body, Stream, read_file
 from zancgi_request.cookies import Jar
 from zancgi_request.failures import misused
 from zancgi_request.form import FORM_TYPE
-from zancgi_request.settings import Settings
+from zancgi_request.options import Settings
 from zancgi_request.url import Url
 from zancgi_tools.answers import TOKEN
 

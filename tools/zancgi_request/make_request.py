@@ -12,8 +12,8 @@ from zancgi_request.failures import Failure, misused
 from zancgi_request.form import Form
 from zancgi_request.head import Head, shown
 from zancgi_request.headers import Headers, Request, header_lines, make_headers
+from zancgi_request.options import Settings
 from zancgi_request.servers import SERVER_BY_NAME
-from zancgi_request.settings import Settings
 from zancgi_request.url import Url, check_characters, complete_url, encoded, parse_url, usual_port
 from zancgi_tools.answers import TOKEN
 

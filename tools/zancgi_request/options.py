@@ -6,14 +6,21 @@ import os
 import shlex
 import signal
 import sys
+import types
 from collections.abc import Callable
 from typing import Any, NoReturn
 
 from zancgi_request.failures import Status, misused
-from zancgi_request.settings import NAME, NAME_AND_VERSION, Settings, is_written
+from zancgi_tools.version import version
 
+NAME = "zancgi-request"
+NAME_AND_VERSION = f"{NAME}/{version()}"
 # In seconds; the system's timers can hold it.
 LONGEST_WAIT = 1e9
+
+
+class Settings(types.SimpleNamespace):
+    """The program, the URL and the fields of the options."""
 
 
 @dataclasses.dataclass(frozen=True)
@@ -250,6 +257,12 @@ def store_option(settings: Settings, option: Option, text: str, value: str) -> N
         setattr(settings, field.name, field.change(getattr(settings, field.name), value))
     except Unfit as error:
         misused(f"{text} needs {error}, not {value!r}")
+
+
+def is_written(settings: Settings) -> bool:
+    """Whether options control how the body is written."""
+    disconnects = settings.abort_after is not None
+    return bool(disconnects or settings.hold_open or settings.chunk or settings.pause)
 
 
 def check(settings: Settings) -> None:

@@ -27,10 +27,10 @@ from zancgi_request.feeder import Channel, Feeder
 from zancgi_request.head import Head
 from zancgi_request.headers import Request
 from zancgi_request.make_request import again, follow, make_first_request
+from zancgi_request.options import NAME, Settings, is_written
 from zancgi_request.output import Output
 from zancgi_request.report import Outcome, Report, write_out, write_out_values
 from zancgi_request.servers import SERVER_BY_NAME, Variables
-from zancgi_request.settings import NAME, Settings, is_written
 
 # In seconds; 0 would switch the timer off.
 SHORTEST_TIMER = 0.001

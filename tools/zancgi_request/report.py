@@ -11,7 +11,7 @@ from zancgi_request.body import Body, Stream
 from zancgi_request.failures import Status
 from zancgi_request.feeder import Feeder
 from zancgi_request.headers import Request
-from zancgi_request.settings import NAME, Settings
+from zancgi_request.options import NAME, Settings
 
 
 class Report:

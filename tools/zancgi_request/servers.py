@@ -9,8 +9,7 @@ from collections.abc import Iterator
 
 from zancgi_request.body import Body, PIECE, Stream
 from zancgi_request.headers import Request
-from zancgi_request.options import SERVERS
-from zancgi_request.settings import NAME_AND_VERSION
+from zancgi_request.options import NAME_AND_VERSION, SERVERS
 from zancgi_request.url import usual_port
 
 SPECIAL = "[^0-9A-Za-z]"

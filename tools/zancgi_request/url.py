@@ -6,7 +6,7 @@ import re
 import urllib.parse
 
 from zancgi_request.failures import Failure, Status
-from zancgi_request.settings import Settings
+from zancgi_request.options import Settings
 
 
 @dataclasses.dataclass

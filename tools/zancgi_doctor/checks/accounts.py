@@ -9,11 +9,10 @@ from functools import partial
 
 from zancgi_doctor.checks.tmp_dir import COPY, files_in, judge_leftovers
 from zancgi_doctor.children import run_in_child
-from zancgi_doctor.files import access_error, first_unsafe, path_to, read_text
+from zancgi_doctor.files import access_error, first_unsafe, mount_of, path_to, read_text
 from zancgi_doctor.findings import by_access, by_amount, by_danger, by_kind, finding, reporter
 from zancgi_doctor.identities import Identity
 from zancgi_doctor.libraries import linker_cache
-from zancgi_doctor.mounts import mount_of
 from zancgi_doctor.texts import group_name, listed, quote, reason, size_text, user_name
 
 

@@ -7,10 +7,9 @@ import shlex
 import stat
 
 from zancgi_doctor.deployment import Site
-from zancgi_doctor.files import access_error, first_unsafe, path_to, read_file, read_text
+from zancgi_doctor.files import access_error, first_unsafe, mount_of, path_to, read_file, read_text
 from zancgi_doctor.findings import by_access, by_kind, finding, reporter
 from zancgi_doctor.libraries import LibrarySearch, NotElf, dynamic_of, expand
-from zancgi_doctor.mounts import mount_of
 from zancgi_doctor.texts import listed, quote, reason
 
 

@@ -5,10 +5,9 @@ import stat
 
 from zancgi_doctor.deployment import SUN_PATH_LIMIT, by_folder, name_error, socket_path
 from zancgi_doctor.deployment import why_not_trust_folder, why_not_trust_link, why_not_trust_socket
-from zancgi_doctor.files import access_error, has_others, path_to
+from zancgi_doctor.files import access_error, has_others, mount_of, path_to
 from zancgi_doctor.findings import by_access, by_amount, by_danger, by_kind, finding, reporter
 from zancgi_doctor.identities import accounts_of_group, find_user
-from zancgi_doctor.mounts import mount_of
 from zancgi_doctor.systemd import makes_folder, systemd_runs
 from zancgi_doctor.texts import counted, listed, reason, user_name
 

@@ -7,10 +7,9 @@ import stat
 import time
 
 from zancgi_doctor.deployment import by_folder
-from zancgi_doctor.files import access_error, first_unsafe, has_others, path_to, read_text
+from zancgi_doctor.files import access_error, first_unsafe, has_others, mount_of, path_to, read_text
 from zancgi_doctor.findings import by_access, by_amount, by_danger, finding, reporter
 from zancgi_doctor.identities import accounts_of_group
-from zancgi_doctor.mounts import mount_of
 from zancgi_doctor.systemd import is_aged, systemd_runs
 from zancgi_doctor.texts import counted, group_name, listed, reason, size_text, time_text
 
