@@ -20,7 +20,7 @@ import tempfile
 import threading
 import unittest
 
-from forked import LONG, SOURCE, run_forked
+from forked import LONG, SOURCE, Ended, run_forked
 from zancgi_doctor.cli import main
 from zancgi_doctor.findings import finding
 from zancgi_doctor.identities import find_user
@@ -116,13 +116,9 @@ login() {{
 }}
 """
 
-@dataclasses.dataclass
-class Report:
-    """The output of one run."""
 
-    status: int
-    output: str
-    errors: str
+class Report(Ended):
+    """The output of one run."""
 
     @property
     def checks(self):
@@ -230,7 +226,6 @@ class DoctorTest(unittest.TestCase):
         wanted = dataclasses.asdict(finding(check, str(subject), outcome, **values))
         wanted["subject"] = printable(wanted["subject"])
         self.assertEqual(report.findings(check), [wanted])
-        self.assertEqual(bool(wanted["remedy"]), wanted["state"] not in ("ok", "skipped"))
 
     def judge(self, check, outcome, *arguments, subject=None, before="", environment=(), **values):
         """Runs one check of the group, and expects its finding."""

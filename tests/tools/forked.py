@@ -20,7 +20,7 @@ PIPE_CAPACITY = 65536
 @dataclasses.dataclass
 class Ended:
     status: int
-    output: bytes
+    output: bytes | str
     errors: str
 
 

@@ -1,10 +1,10 @@
 """Runs of zancgi-request, and programs that report what they receive."""
 
-import dataclasses
 import os
 import pathlib
 import subprocess
 import tempfile
+import types
 import unittest
 
 from forked import LONG, SOURCE, Ended, run_forked
@@ -44,22 +44,6 @@ def start_program(*arguments, **options):
     return subprocess.Popen([TOOL, *map(str, arguments)], env=ENVIRONMENT, **options)
 
 
-@dataclasses.dataclass
-class Given:
-    """What the probe reports."""
-
-    arguments: list
-    folder: str
-    variables: dict
-    # The kinds of standard input and output.
-    kinds: list
-    open: list
-    reads: list
-    # The events of poll at the end of the body.
-    polled: int
-    body: bytes
-
-
 def kind_of(target):
     """The kind of a descriptor, from its link in /proc."""
     name, colon, _ = target.partition(":[")
@@ -67,22 +51,23 @@ def kind_of(target):
 
 
 def given(output):
+    """What the probe reports. The kinds are those of standard input and output."""
     head, _, body = output.partition(b"\0\0")
     facts = {}
     for fact in os.fsdecode(head).split("\0"):
         what, _, text = fact.partition(" ")
         facts.setdefault(what, []).append(text)
     descriptors = dict(text.split(" ", 1) for text in facts["open"] if not text.endswith("/fd"))
-    return Given(
-        facts["argument"],
-        facts["folder"][0],
+    return types.SimpleNamespace(
+        arguments=facts["argument"],
+        folder=facts["folder"][0],
         # Like getenv, takes the first of several values.
-        dict(text.split("=", 1) for text in reversed(facts["variable"])),
-        [kind_of(descriptors[n]) if n in descriptors else "closed" for n in "01"],
-        sorted(map(int, descriptors)),
-        list(map(int, facts.get("read", []))),
-        int(facts["polled"][0]),
-        body,
+        variables=dict(text.split("=", 1) for text in reversed(facts["variable"])),
+        kinds=[kind_of(descriptors[n]) if n in descriptors else "closed" for n in "01"],
+        open=sorted(map(int, descriptors)),
+        reads=list(map(int, facts.get("read", []))),
+        polled=int(facts["polled"][0]),
+        body=body,
     )
 
 
