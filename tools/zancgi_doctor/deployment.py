@@ -5,7 +5,7 @@ import os
 import stat
 
 from zancgi_doctor.children import run_in_child
-from zancgi_doctor.files import first_unsafe, path_to
+from zancgi_doctor.files import first_unsafe, path_to, unsafe_end
 from zancgi_doctor.findings import by_kind
 from zancgi_doctor.systemd import sockets_of_program
 
@@ -76,10 +76,7 @@ def why_not_trust_folder(path):
     """Why users other than root and its owner can replace a socket in a folder; empty
     if they cannot. A sticky folder does not help: anybody can be first to create it."""
     steps = path_to(path)
-    trusted = {0, steps[-1].status.st_uid}
-    return first_unsafe(steps[:-1], trusted) or first_unsafe(
-        steps[-1:], trusted, allows_sticky=False
-    )
+    return unsafe_end(steps, {0, steps[-1].status.st_uid})
 
 
 def why_not_trust_socket(path):

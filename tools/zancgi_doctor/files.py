@@ -129,6 +129,12 @@ def first_unsafe(steps, trusted, **options):
     return ""
 
 
+def unsafe_end(steps, trusted):
+    """The same, if a sticky folder is safe on the path but not at its end."""
+    before = first_unsafe(steps[:-1], trusted)
+    return before or first_unsafe(steps[-1:], trusted, allows_sticky=False)
+
+
 @dataclasses.dataclass
 class Mount:
     point: str

@@ -30,6 +30,8 @@ class Field:
     name: str
     change: Callable[[Any, str], Any]
     default: Any
+    # What the value of the option must be.
+    needs: str = ""
 
 
 @dataclasses.dataclass(frozen=True)
@@ -42,43 +44,31 @@ class Option:
     field: Field
 
 
-def keep(name: str, convert: Callable[[str], Any] = str, default: Any = "") -> Field:
-    return Field(name, lambda _, text: convert(text), default)
+def keep(
+    name: str, convert: Callable[[str], Any] = str, default: Any = "", needs: str = ""
+) -> Field:
+    return Field(name, lambda _, text: convert(text), default, needs)
 
 
 def switch(name: str) -> Field:
     return Field(name, lambda *_: True, False)
 
 
-def append(name: str, convert: Callable[[str], Any] = str) -> Field:
-    return Field(name, lambda before, text: [*before, convert(text)], [])
+def append(name: str, convert: Callable[[str], Any] = str, needs: str = "") -> Field:
+    return Field(name, lambda before, text: [*before, convert(text)], [], needs)
 
 
 # Options of curl that change nothing here.
 IGNORED = switch("ignored")
 
 
-class Unfit(Exception):
-    """The value of an option is not what the text describes."""
-
-
-def needing(what: str, convert: Callable[[str], Any]) -> Callable[[str], Any]:
-    def converted(text: str) -> Any:
-        try:
-            return convert(text)
-        except (KeyError, ValueError):
-            raise Unfit(what) from None
-
-    return converted
-
-
-def number_from(least: int) -> Callable[[str], int]:
+def keep_number(name: str, least: int, default: int | None) -> Field:
     def converted(text: str) -> int:
         if int(text) < least:
             raise ValueError
         return int(text)
 
-    return needing(f"a number of at least {least}", converted)
+    return keep(name, converted, default, f"a number of at least {least}")
 
 
 def sizes(text: str) -> list[int]:
@@ -104,8 +94,9 @@ def signal_number(text: str) -> int:
     return int(signal.Signals["SIG" + text.upper().removeprefix("SIG")])
 
 
-def one_of(*words: str) -> Callable[[str], str]:
-    return needing(f"one of {', '.join(words)}", {word: word for word in words}.__getitem__)
+def keep_word(name: str, words: tuple[str, ...], default: str) -> Field:
+    needs = "one of " + ", ".join(words)
+    return keep(name, {word: word for word in words}.__getitem__, default, needs)
 
 
 def assignment(name: str) -> Callable[[str], str]:
@@ -160,7 +151,7 @@ OPTIONS = (
     Option("referer", "e", "URL", "the header Referer", keep("referer")),
     Option("location", "L", "", "follow redirects to the same program", switch("follow")),
     Option("max-redirs", "", "N", "follow at most this many redirects (50)",
-           keep("most_redirects", number_from(0), 50)),
+           keep_number("most_redirects", 0, 50)),
     Option("include", "i", "", "print the answer's header too", switch("include")),
     Option("output", "o", "FILE", "write the answer to a file", keep("output", default="-")),
     Option("dump-header", "D", "FILE", "write the answer's header to a file", keep("dump_header")),
@@ -170,31 +161,31 @@ OPTIONS = (
     Option("verbose", "v", "", "show the variables and the header", switch("verbose")),
     Option("fail", "f", "", "if HTTP status >= 400: no body, exit status 22", switch("fail")),
     Option("max-time", "m", "SECONDS", "end the program after this time",
-           keep("max_time", needing("a number of seconds", wait), 0.0)),
+           keep("max_time", wait, 0.0, "a number of seconds")),
     Option("globoff", "g", "", "ignored, for curl; URLs have no patterns here", IGNORED),
     Option("no-buffer", "N", "", "ignored, for curl; output is never buffered", IGNORED),
     Option("stdin", "", "KIND", "kind of standard input: " + ", ".join(STDIN_KINDS),
-           keep("stdin", one_of(*STDIN_KINDS))),
+           keep_word("stdin", STDIN_KINDS, "")),
     Option("chunk", "", "SIZES", "bytes of each write, such as 1 or 3,7,65536",
-           keep("chunk", needing("sizes such as 1 or 3,7,65536", sizes), [])),
+           keep("chunk", sizes, [], "sizes such as 1 or 3,7,65536")),
     Option("pause", "", "MS", "wait this time between writes",
-           keep("pause", needing("a number of milliseconds", milliseconds), 0.0)),
+           keep("pause", milliseconds, 0.0, "a number of milliseconds")),
     Option("hold-open", "", "", "do not close standard input after the body", switch("hold_open")),
     Option("content-length", "", "N|none", "the CONTENT_LENGTH, whatever is sent",
            keep("content_length", default=None)),
     Option("abort-after", "", "N", "disconnect after this many bytes of the body",
-           keep("abort_after", number_from(0), None)),
+           keep_number("abort_after", 0, None)),
     Option("abort-signal", "", "SIGNAL", "send this signal then, for example TERM",
-           keep("abort_signal", needing("a signal such as TERM or 15", signal_number), 0)),
+           keep("abort_signal", signal_number, 0, "a signal such as TERM or 15")),
     Option("server", "", "KIND", "imitate this web server: " + ", ".join(SERVERS),
-           keep("server", one_of(*SERVERS), SERVERS[0])),
+           keep_word("server", SERVERS, SERVERS[0])),
     Option("remote-addr", "", "ADDRESS", "the client's address",
            keep("remote_addr", default="127.0.0.1")),
     Option("script-name", "", "PATH", "the part of the URL's path for the program",
            keep("script_name")),
     Option("path-info", "", "PATH", "the rest of the URL's path", keep("path_info")),
     Option("env", "", "NAME[=VALUE]", "set a variable, or copy the caller's",
-           append("environment", needing("NAME or NAME=VALUE", variable))),
+           append("environment", variable, "NAME or NAME=VALUE")),
     Option("unset", "", "NAME", "remove a variable", append("unset")),
     Option("run-dir", "", "FOLDER", "the folder of back ends' sockets (TOV_RUN_DIR)",
            append("environment", run_dir)),
@@ -202,10 +193,10 @@ OPTIONS = (
            append("environment", assignment("TOV_LOG_LEVEL"))),
     Option("keep-proxy-header", "", "", "pass on a header Proxy", switch("keep_proxy_header")),
     Option("debugger", "", "COMMAND", "run the program under this, for example 'gdb --args'",
-           keep("debugger", needing("a command with its quotes closed", shlex.split), [])),
+           keep("debugger", shlex.split, [], "a command with its quotes closed")),
     Option("valgrind", "", "", "run the program under valgrind", switch("valgrind")),
     Option("repeat", "", "N", "play it this many times, and print the time",
-           keep("repeat", number_from(1), 1)),
+           keep_number("repeat", 1, 1)),
 )  # fmt: skip
 
 
@@ -255,8 +246,8 @@ def store_option(settings: Settings, option: Option, text: str, value: str) -> N
     field = option.field
     try:
         setattr(settings, field.name, field.change(getattr(settings, field.name), value))
-    except Unfit as error:
-        misused(f"{text} needs {error}, not {value!r}")
+    except (KeyError, ValueError):
+        misused(f"{text} needs {field.needs}, not {value!r}")
 
 
 def is_written(settings: Settings) -> bool:

@@ -162,17 +162,13 @@ class Player:
                 signal.setitimer(signal.ITIMER_REAL, left)
             exchange.run(settings.abort_signal)
             return None
-        except Interrupted as interruption:
+        except BaseException as error:
             signal.setitimer(signal.ITIMER_REAL, 0)
             exchange.end()
-            if interruption.number != signal.SIGALRM:
+            if not isinstance(error, Interrupted) or error.number != signal.SIGALRM:
                 raise
             exchange.report.warn(f"the program did not end within {settings.max_time:g} seconds")
             return Status.TIMED_OUT
-        except BaseException:
-            signal.setitimer(signal.ITIMER_REAL, 0)
-            exchange.end()
-            raise
         finally:
             signal.setitimer(signal.ITIMER_REAL, 0)
 

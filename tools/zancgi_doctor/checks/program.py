@@ -7,7 +7,8 @@ import shlex
 import stat
 
 from zancgi_doctor.deployment import Site
-from zancgi_doctor.files import access_error, first_unsafe, mount_of, path_to, read_file, read_text
+from zancgi_doctor.files import access_error, first_unsafe, mount_of, path_to, read_file
+from zancgi_doctor.files import read_text, unsafe_end
 from zancgi_doctor.findings import by_access, by_kind, finding, reporter
 from zancgi_doctor.libraries import LibrarySearch, NotElf, dynamic_of, expand
 from zancgi_doctor.texts import listed, quote, reason
@@ -82,9 +83,7 @@ def program_safe(site, path):
     steps = path_to(site.program)
     owner = steps[-1].status.st_uid
     trusted = {0} if site.identity.uid == 0 else {0, owner}
-    unsafe = first_unsafe(steps[:-1], trusted) or first_unsafe(
-        steps[-1:], trusted, allows_sticky=False
-    )
+    unsafe = unsafe_end(steps, trusted)
     if unsafe:
         return report("failure", unsafe=unsafe)
     return report("warning" if owner == site.identity.uid != 0 else "ok")
