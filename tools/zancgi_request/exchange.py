@@ -1,4 +1,4 @@
-"""One run of the program."""
+"""One run of the program, directly or by a command such as gdb."""
 
 import contextlib
 import ctypes
@@ -6,6 +6,7 @@ import dataclasses
 import errno
 import os
 import select
+import shlex
 import signal
 import subprocess
 import sys
@@ -13,9 +14,9 @@ import time
 
 from zancgi_request.answer import Answer
 from zancgi_request.body import PIECE
-from zancgi_request.debugger import Debugger
-from zancgi_request.failures import Failure, Status
+from zancgi_request.failures import Failure, Status, misused
 from zancgi_request.feeder import Channel, Event, Feeder
+from zancgi_request.options import Settings
 from zancgi_request.report import Report
 from zancgi_request.servers import Variables
 
@@ -34,6 +35,52 @@ def find_program(path: str) -> str:
     if not os.access(program, os.X_OK):
         raise Failure(Status.CANNOT_RUN, f"{path} is not executable: see chmod(1)")
     return program
+
+
+class Debugger:
+    """The command that runs the program, or none."""
+
+    def __init__(self, settings: Settings):
+        self.words = settings.debugger
+        if settings.valgrind:
+            self.words = ["valgrind", "-q", f"--error-exitcode={Status.MEMORY_ERRORS}"]
+        # gdb reads commands, so it gets the terminal.
+        self.is_interactive = bool(self.words) and "gdb" in os.path.basename(self.words[0])
+        if self.is_interactive and settings.repeat > 1:
+            misused("--repeat cannot be used with gdb")
+        # gdb starts the program by a shell, which can redirect descriptors 0 to 9 only.
+        self.reserved = [
+            os.open(os.devnull, os.O_RDWR | os.O_CLOEXEC) for _ in range(2 * self.is_interactive)
+        ]
+        if any(descriptor > 9 for descriptor in self.reserved):
+            raise Failure(Status.CANNOT_RUN, "too many descriptors are open for a debugger")
+
+    def command(self, argument: str, variables: Variables) -> list[str]:
+        if not self.is_interactive:
+            return [*self.words, argument]
+        environment = " ".join(shlex.quote(f"{n}={v}") for n, v in sorted(variables.items()))
+        return [
+            self.words[0],
+            "-ex",
+            f"set exec-wrapper env -i {environment}",
+            "-ex",
+            f"set args {self._redirections}",
+            *self.words[1:],
+            argument,
+        ]
+
+    def lend(self, channel: Channel) -> None:
+        """gdb passes these descriptors on, and the program's shell redirects them."""
+        stdin, stdout = self.reserved
+        self._redirections = f"<&- >&{stdout}"
+        if channel.stdin is not None:
+            os.dup2(channel.stdin, stdin)
+            self._redirections = f"<&{stdin} >&{stdout}"
+        os.dup2(channel.stdout, stdout)
+
+    def take_back(self) -> None:
+        for descriptor in self.reserved:
+            os.close(descriptor)
 
 
 def start(

@@ -12,8 +12,7 @@ import time
 from zancgi_request.answer import Answer
 from zancgi_request.body import Body, Stream
 from zancgi_request.cookies import Jar
-from zancgi_request.debugger import Debugger
-from zancgi_request.exchange import Exchange, find_program, remaining_processes, start
+from zancgi_request.exchange import Debugger, Exchange, find_program, remaining_processes, start
 from zancgi_request.failures import (
     Failure,
     Interrupted,

@@ -9,9 +9,9 @@ import stat
 from zancgi_doctor.deployment import name_error, socket_path
 from zancgi_doctor.deployment import why_not_trust_folder, why_not_trust_link
 from zancgi_doctor.findings import by_danger, finding, reporter
-from zancgi_doctor.scgi import ANSWER_LIMIT, exchange
 from zancgi_doctor.texts import printable, quote, size_text, time_text
-from zancgi_doctor.whoami import NotAnAnswer, length_error, read_whoami, whoami_request
+from zancgi_doctor.whoami import ANSWER_LIMIT, NotAnAnswer, exchange, length_error, read_whoami
+from zancgi_doctor.whoami import whoami_request
 
 SLOW_SECONDS = 1.0
 LARGE_COOKIE = 8192
