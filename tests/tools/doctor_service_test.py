@@ -219,55 +219,12 @@ class BackEndTest(PanelTest):
         self.judge(report, "answer", "ok refuses")
         self.assertEqual(report.findings("back-end.session"), [])
 
-    def test_answers_that_authorize_cannot_parse_are_reported(self):
-        ill = "it is not well-formed XML ({})".format
-        unread = "its encoding is not supported ({})".format
-        headed = "it has header lines, but no '<?xml' after them"
-        neither = "it has neither /doc/user nor /doc/error"
-        # Entities that expand a billionfold.
-        entities = b'<!ENTITY a0 "ha">' + b"".join(
-            b'<!ENTITY a%d "%s">' % (i, b"&a%d;" % (i - 1) * 10) for i in range(1, 10)
-        )
-        bomb = b'<?xml version="1.0"?><!DOCTYPE doc [' + entities + b"]><doc>&a9;</doc>"
-        encoded = '<?xml version="1.0" encoding="{}"?><doc/>'.format
-        for data, why in (
-            (b"hello", ill("syntax error: line 1, column 0")),
-            (b'<doc><user name="a" level="7', ill("unclosed token: line 1, column 5")),
-            (b"<doc/><doc/>", ill("junk after document element: line 1, column 6")),
-            (encoded("x-none").encode(), unread("unknown encoding: x-none")),
-            (encoded("shift_jis").encode(), unread("multi-byte encodings are not supported")),
-            (b"<html/>", "its document element is 'html', not 'doc'"),
-            (b'<doc><a><user name="x"/></a></doc>', neither),
-            (b"<doc>" + b"<a>" * 100_000 + b"</a>" * 100_000 + b"</doc>", neither),
-            (REFUSAL + b"\0", "it contains a zero byte"),
-            (with_length(b"<doc><error/></doc>"), headed),
-            (bomb, "it has a document type declaration, which is not supported"),
-        ):
-            with self.subTest(why=why, data=data[:60]):
-                self.judge(self.answer(data), "answer", "failure document", error=why)
-
     def test_text_before_the_declaration_is_ignored(self):
         report = self.answer(b"Noise\n" + REFUSAL)
         self.judge(report, "answer", "ok refuses")
         self.judge(report, "length", "warning")
 
-    def test_wrong_length_of_the_answer_is_reported(self):
-        senseless = "its Content-Length is invalid"
-        for head, error in (
-            (b"99\r\n\r\n<doc/>", "its body has 6 bytes, but its Content-Length is 99"),
-            (b"99\r\nX: y", "its body has 0 bytes, but its Content-Length is 99"),
-            (b"99\r\nX-Cut", "its body has 0 bytes, but its Content-Length is 99"),
-            (b"many\r\n\r\n<doc/>", senseless),
-            (b"-1\r\n\r\n<doc/>", senseless),
-            (b"\r\n\r\n<doc/>", senseless),
-            (b"5\r\nContent-Length: 6\r\n\r\n<doc/>", senseless),
-            (b"9" * 5000 + b"\r\n\r\n<doc/>", senseless),
-            (b"18446744073709551616\r\n\r\n<doc/>", senseless),
-        ):
-            with self.subTest(head=head[:60]):
-                report = self.answer(b"Content-Length: " + head)
-                self.judge(report, "answer", "failure length", error=error)
-                self.assertEqual(report.findings("back-end.length"), [])
+    def test_sound_lengths_are_recognized(self):
         for length in (b"5", b"6", b"0" * 5000 + b"6", b"0"):
             error = length_error(b"Content-Length: " + length + b"\r\n\r\n<doc/>")
             self.assertEqual(error, ("", True))
@@ -333,7 +290,7 @@ class BackEndTest(PanelTest):
         self.judge(self.run_checks(), "large-request", "unchecked", error="Connection refused")
 
 
-class AgainstTheLibraryTest(ServiceTest):
+class AgainstTheLibraryTest(PanelTest):
     """Front ends and the doctor agree about a back end."""
 
     def run_front(self, **environment):
@@ -363,53 +320,77 @@ class AgainstTheLibraryTest(ServiceTest):
         cookie = re.search(rb"HTTP_COOKIE\0([^\0]*)\0", large)[1]
         self.assertEqual(cookie, b"panelses5=a1; zancgi-doctor=" + b"x" * 8192)
 
-    def test_front_end_accepts_the_same_answers(self):
+    def test_front_end_and_doctor_refuse_the_same_answers(self):
+        """None: both accept it."""
         user = b'<doc><user name="alice" level="7"/></doc>'
         declared = b'<?xml version="1.0"?>' + user
-        answers = [
-            user,
-            declared,
-            with_length(declared),
-            with_length(user),
-            b"Noise: x\nmore\n" + declared,
-            b"noise " + user,
-            b"A: b\n\n" + user,
-            declared + b" \n",
-            declared + b"x",
-            declared + b"\0",
-            declared + user,
-            declared[:-1],
-            b"\xef\xbb\xbf" + user,
-            b"<doc><a/><!-- --><user name='alice'/></doc>",
-            b"<doc><a><user name='alice'/></a></doc>",
-            b"<DOC><user name='alice'/></DOC>",
-            b"<doc><user name='alice'/><error/></doc>",
-            b"<doc/>",
-            b"Content-Length: 5\r\n\r\n" + declared,
-            b"Content-Length: 500\r\n\r\n" + declared,
-            b"Content-Length: x\r\n\r\n" + declared,
-            b"Content-Length: 5\ncontent-length: 6\n\n" + declared,
-            b"content-length:\t0000000000000000000000005 \nContent-Length: 5\n\n" + declared,
-            b"Content-Length: 99999999999999999999\n\n" + declared,
-            b"Content-Length: 18446744073709551615\n\n" + declared,
-            b"Content-Length: 500\nno header\n\n" + declared,
-            b"Content-Length: 500\n" + declared,
-            b"Content-Length: 500",
-            b"Content-Length",
-            b" \r\n\r\n" + declared,
-            b"\r\n" + declared,
-            b"\r",
-            b":\n\n" + declared,
-        ]
-        verdicts = set()
-        for data in answers:
-            self.listen(answering(data))
-            answer = self.run_front(REQUEST_METHOD="GET", HTTP_COOKIE="panelses5=a1")
-            accepted = answer.endswith(b"<p>You are alice.")
-            state = self.run_checks("back-end.answer", "--session", "a1").state("back-end.answer")
-            self.assertEqual(state != "failure", accepted, (data, answer, state))
-            verdicts.add(accepted)
-        self.assertEqual(verdicts, {True, False})
+        encoded = '<?xml version="1.0" encoding="{}"?><doc/>'.format
+        # Entities that expand a billionfold.
+        entities = b'<!ENTITY a0 "ha">' + b"".join(
+            b'<!ENTITY a%d "%s">' % (i, b"&a%d;" % (i - 1) * 10) for i in range(1, 10)
+        )
+        bomb = b'<?xml version="1.0"?><!DOCTYPE doc [' + entities + b"]><doc>&a9;</doc>"
+        ill = "it is not well-formed XML ({})".format
+        unread = "its encoding is not supported ({})".format
+        headed = "it has header lines, but no '<?xml' after them"
+        neither = "it has neither /doc/user nor /doc/error"
+        element = "its document element is '{}', not 'doc'".format
+        short = "its body has {} bytes, but its Content-Length is {}".format
+        senseless = "its Content-Length is invalid"
+        for data, error in (
+            (user, None),
+            (declared, None),
+            (with_length(declared), None),
+            (with_length(user), headed),
+            (b"Noise: x\nmore\n" + declared, None),
+            (b"noise " + user, ill("syntax error: line 1, column 0")),
+            (b"A: b\n\n" + user, headed),
+            (declared + b" \n", None),
+            (declared + b"x", ill("junk after document element: line 1, column 62")),
+            (declared + b"\0", "it contains a zero byte"),
+            (declared + user, ill("junk after document element: line 1, column 62")),
+            (declared[:-1], ill("unclosed token: line 1, column 56")),
+            (b"\xef\xbb\xbf" + user, None),
+            (b"<doc><a/><!-- --><user name='alice'/></doc>", None),
+            (b"<doc><a><user name='alice'/></a></doc>", neither),
+            (b"<doc>" + b"<a>" * 100_000 + b"</a>" * 100_000 + b"</doc>", neither),
+            (b"<DOC><user name='alice'/></DOC>", element("DOC")),
+            (b"<doc/>", neither),
+            (encoded("x-none").encode(), unread("unknown encoding: x-none")),
+            (encoded("shift_jis").encode(), unread("multi-byte encodings are not supported")),
+            (bomb, "it has a document type declaration, which is not supported"),
+            (b"Content-Length: 5\r\n\r\n" + declared, None),
+            (b"Content-Length: 500\r\n\r\n" + declared, short(62, 500)),
+            (b"Content-Length: x\r\n\r\n" + declared, senseless),
+            (b"Content-Length: -1\r\n\r\n" + declared, senseless),
+            (b"Content-Length: \r\n\r\n" + declared, senseless),
+            (b"Content-Length: 5\ncontent-length: 6\n\n" + declared, senseless),
+            (b"content-length:\t" + b"0" * 24 + b"5 \nContent-Length: 5\n\n" + declared, None),
+            (b"Content-Length: 18446744073709551615\n\n" + declared, short(62, (1 << 64) - 1)),
+            (b"Content-Length: 18446744073709551616\n\n" + declared, senseless),
+            (b"Content-Length: " + b"9" * 5000 + b"\n\n" + declared, senseless),
+            (b"Content-Length: 500\nno header\n\n" + declared, None),
+            (b"Content-Length: 500\n" + declared, None),
+            (b"Content-Length: 500", short(0, 500)),
+            (b"Content-Length: 99\r\nX: y", short(0, 99)),
+            (b"Content-Length: 99\r\nX-Cut", short(0, 99)),
+            (b"Content-Length", ill("syntax error: line 1, column 0")),
+            (b" \r\n\r\n" + declared, None),
+            (b"\r\n" + declared, None),
+            (b"\r", ill("no element found: line 2, column 0")),
+            (b":\n\n" + declared, None),
+        ):
+            with self.subTest(data=data[:99]):
+                self.listen(answering(data))
+                answer = self.run_front(REQUEST_METHOD="GET", HTTP_COOKIE="panelses5=a1")
+                self.assertEqual(answer.endswith(b"<p>You are alice."), error is None)
+                report = self.run_checks("back-end", "--session", "a1")
+                if error is None:
+                    self.assertIn(report.state("back-end.answer"), ("ok", "warning"))
+                    continue
+                outcome = "failure length" if "Content-Length" in error else "failure document"
+                self.judge(report, "answer", outcome, error=error)
+                self.assertEqual(report.findings("back-end.length"), [])
 
 
 class RealBackEndTest(PanelTest):

@@ -53,32 +53,31 @@ class CommandLineTest(DoctorTest):
             self.assertEqual(report.status, 0)
 
     def test_usage_errors_end_with_3(self):
+        timeout = "argument --timeout: not a number of seconds up to 3600"
+        characters = "a session must not contain blanks, ';' or unprintable characters"
+        one = "a session needs exactly one --service"
         for *arguments, message in (
-            ("--no-such-option", "unrecognized arguments"),
-            ("--timeout", "0", "not a number of seconds up to 3600: 0"),
-            ("--timeout", "soon", "not a number of seconds up to 3600: soon"),
-            ("--min-free", "lots", "not a size: lots"),
-            ("--pid", "0", "not a process number: 0"),
-            ("--check", "run-dir.nothing", "no such check: run-dir.nothing"),
-            ("--session", "a b", "--service", "x", "must not contain blanks"),
-            ("--session", "abc", "needs exactly one --service"),
-            ("--session", "abc", "--service", "x", "--service", "y", "needs exactly one --service"),
-        ):
+            ("--no-such-option", "unrecognized arguments: --no-such-option"),
+            ("--timeout", "0", f"{timeout}: 0"),
+            ("--timeout", "soon", f"{timeout}: soon"),
+            ("--min-free", "lots", "argument --min-free: not a size: lots"),
+            ("--pid", "0", "argument --pid: not a process number: 0"),
+            ("--check", "log.x", "argument --check: no such check: log.x (see --list)"),
+            ("--session", "a b", "--service", "x", f"argument --session: {characters}"),
+            ("--session", "abc", one),
+            ("--session", "abc", "--service", "x", "--service", "y", one),
+            ("--as", "nobody\x1b-such", "there is no user 'nobody\\x1b-such'"),
+            ("--as", "root:no-such-group", "there is no group 'no-such-group'"),
+            ("--as", "4294967295", "there is no user '4294967295'"),
+            ("--as", "4294967295:33", "there is no user '4294967295'"),
+            ("--as", "99999999999", "there is no user '99999999999'"),
+            ("--as", "33:4294967295", "there is no group '4294967295'"),
+            ("--check", "limits", "--pid", "1073741824",
+             f"{NOT_THERE}: '/proc/1073741824/environ'"),
+        ):  # fmt: skip
             report = self.doctor(*arguments)
             self.assertEqual((report.status, report.output), (3, ""), arguments)
-            self.assertRegex(report.errors, f"zancgi-doctor: .*{message}")
-
-    def test_unknown_users_and_groups_are_refused(self):
-        for text, error in (
-            ("nobody\x1b-such", "there is no user 'nobody\\x1b-such'"),
-            ("root:no-such-group", "there is no group 'no-such-group'"),
-            ("4294967295", "there is no user '4294967295'"),
-            ("4294967295:33", "there is no user '4294967295'"),
-            ("99999999999", "there is no user '99999999999'"),
-            ("33:4294967295", "there is no group '4294967295'"),
-        ):
-            report = self.doctor("--as", text)
-            self.assertEqual((report.status, report.errors), (3, f"zancgi-doctor: {error}\n"))
+            self.assertEqual(report.errors.splitlines()[-1], f"zancgi-doctor: {message}")
 
     def test_caller_may_ignore_sigchld(self):
         ignore = functools.partial(signal.signal, signal.SIGCHLD, signal.SIG_IGN)
@@ -350,9 +349,6 @@ class ProcessTest(DoctorTest):
             finding("limits.descriptors", self.subject, "ok none"),
         ):
             self.assertIn(expected, found)
-
-    def test_missing_process_ends_with_3(self):
-        self.assertEqual(self.examine("limits", "--pid", str(1 << 30)).status, 3)
 
     def test_streams_of_the_doctor(self):
         self.judge("streams", "ok")
