@@ -4,6 +4,7 @@ import contextlib
 import ctypes
 import dataclasses
 import errno
+import functools
 import os
 import select
 import shlex
@@ -104,7 +105,7 @@ def start(
             stdin=subprocess.DEVNULL if channel.stdin is None else channel.stdin,
             stdout=channel.stdout,
             start_new_session=True,
-            preexec_fn=close_standard_input if channel.stdin is None else None,
+            preexec_fn=functools.partial(os.close, 0) if channel.stdin is None else None,
         )
     except OSError as error:
         words = {errno.ENOEXEC: "it is neither a program nor a script that begins with #!"}
@@ -114,10 +115,6 @@ def start(
     finally:
         debugger.take_back()
         channel.give_away()
-
-
-def close_standard_input() -> None:
-    os.close(0)
 
 
 @dataclasses.dataclass

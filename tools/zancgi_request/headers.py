@@ -114,18 +114,15 @@ def make_headers(settings: Settings, url: Url, content_type: str, jar: Jar) -> H
         headers.add("Cookie", jar.header(url))
     for name, value in given:
         if value is not None:
-            is_type_of_form = settings.form and name.lower() == "content-type"
-            headers.add(name, with_boundary(value, content_type) if is_type_of_form else value)
+            if settings.form and name.lower() == "content-type":
+                # The user does not know the boundary.
+                value += content_type.removeprefix(FORM_TYPE)
+            headers.add(name, value)
     if not settings.keep_proxy_header:
         headers.remove("Proxy")
     # Web servers decode the body before they pass it on.
     headers.remove("Transfer-Encoding")
     return headers
-
-
-def with_boundary(value: str, content_type: str) -> str:
-    """The user's content type of a form, with the actual boundary."""
-    return value + content_type.removeprefix(FORM_TYPE)
 
 
 def own_cookies(settings: Settings) -> str:

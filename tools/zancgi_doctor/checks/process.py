@@ -1,6 +1,7 @@
 """The rights of the checks, and the process that starts front ends: its limits,
 streams and environment."""
 
+import math
 import os
 import re
 
@@ -14,6 +15,8 @@ LIMITS = {
     "limits.descriptors": ("Max open files", str, 16, 64),
     "limits.memory": ("Max address space", size_text, 32 * MEBIBYTE, 64 * MEBIBYTE),
     "limits.processor": ("Max cpu time", lambda limit: counted(limit, "second"), 1, 5),
+    # No limit is high enough.
+    "limits.file-size": ("Max file size", size_text, 0, math.inf),
 }
 
 
@@ -45,14 +48,6 @@ def check_limits(site):
         else:
             report = reporter(name, subject, limit=shown(limits[row]))
             yield by_amount(report, limits[row], too_few, few)
-    yield limit_of_file_size(subject, limits["Max file size"])
-
-
-def limit_of_file_size(subject, limit):
-    name = "limits.file-size"
-    if limit is None:
-        return finding(name, subject, "ok none")
-    return finding(name, subject, "warning", limit=size_text(limit))
 
 
 def check_process(site):
