@@ -375,11 +375,11 @@ class CookieTest(GuestTest):
             "o=1; Max-Age=1" + "0" * 19,
             "p=1; expires=Friday, 01-Jan-49 01:02:03 GMT",
             "q=1; Expires=Wed Jan  1 01:02:03 2098",
-            "u=1; Expires=01 Jan 2098 01:02:03 +0100", "v=1; Expires=1 Jan 2098 25:02:03 GMT",
+            "v=1; Expires=1 Jan 2098 25:02:03 GMT",
             "w=1; Expires=Wed, 01 Jan 2098 01:02:03", "x=1; Expires=soon",
             "__Secure-r=1; Secure", "__Host-s=1; Secure; Path=/", "t=1; SameSite=Strict; Odd=1",
         )  # fmt: skip
-        self.assertEqual(len(kept), 24)
+        self.assertEqual(len(kept), 23)
         self.assertEqual(len(self.assert_same_jar("a=1; Max-Age=" + "9" * 4000)), 1)
 
     def test_cookies_are_kept_as_by_browsers(self):

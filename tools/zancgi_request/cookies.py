@@ -3,7 +3,6 @@
 import contextlib
 import dataclasses
 import datetime
-import email.utils
 import ipaddress
 import os
 import re
@@ -94,13 +93,29 @@ def default_path(url: Url) -> str:
     return path_of(url).rpartition("/")[0] or "/"
 
 
+MONTHS = ("jan", "feb", "mar", "apr", "may", "jun", "jul", "aug", "sep", "oct", "nov", "dec")
+
+
 def parse_cookie_date(text: str) -> int | None:
-    """Seconds since 1970; None if it is not a date."""
+    """Seconds since 1970 (RFC 6265, section 5.1.1); None if it is not a date."""
+    clock = day = month = year = None
+    for word in re.split(r"[\t \x21-\x2f\x3b-\x40\x5b-\x60\x7b-\x7e]+", text):
+        found = re.match(r"(\d{1,2}):(\d{1,2}):(\d{1,2})(?!\d)", word)
+        if clock is None and found:
+            clock = tuple(map(int, found.groups()))
+        elif day is None and (found := re.match(r"(\d{1,2})(?!\d)", word)):
+            day = int(found[1])
+        elif month is None and word[:3].lower() in MONTHS:
+            month = MONTHS.index(word[:3].lower()) + 1
+        elif year is None and (found := re.match(r"(\d{2,4})(?!\d)", word)):
+            year = int(found[1])
+    if clock is None or day is None or month is None or year is None:
+        return None
+    if year < 100:
+        year += 1900 if year >= 70 else 2000
     with contextlib.suppress(ValueError, OverflowError):
-        moment = email.utils.parsedate_to_datetime(text)
-        if moment.tzinfo is None:
-            moment = moment.replace(tzinfo=datetime.timezone.utc)
-        return int(moment.timestamp()) if moment.year >= 1601 else None
+        moment = datetime.datetime(year, month, day, *clock, tzinfo=datetime.timezone.utc)
+        return int(moment.timestamp()) if year >= 1601 else None
     return None
 
 
