@@ -1,5 +1,5 @@
-"""Visitors who go away in the middle of an upload, and those who are refused
-before it, under each web server."""
+"""Visitors who go away in the middle of an upload, and the answers to those who
+stay, under each web server."""
 
 import os
 import socket
@@ -10,8 +10,9 @@ import web_servers
 from accounts import IS_ROOT, NAMES_ONLY
 from back_end import scripted_back_end
 from client import begin_post, exchange
+from panel_server import URLENCODED
 from processes import open_files, wait_for
-from upload_probe import Form, Upload, content_type
+from upload_probe import Field, Form, Upload, content_type
 from verdict import main
 from web_servers import NOBODY
 
@@ -20,6 +21,7 @@ SENT = 5_000_000
 # What lingers is thrown away at once: the peer sees a reset.
 NO_LINGER = struct.pack("ii", 1, 0)
 SESSION = {"Cookie": "panelses5=session"}
+MULTIPART = {"Content-Type": content_type(b"BOUNDARY")}
 
 
 def answer(_):
@@ -65,9 +67,7 @@ class AbortTest(unittest.TestCase):
 
     def begin_upload(self):
         body = Form(Upload(b"files", b"f", b"x" * SENT)).body(b"BOUNDARY")
-        headers = {
-            **SESSION, "Sec-Fetch-Site": "same-origin", "Content-Type": content_type(b"BOUNDARY"),
-        }  # fmt: skip
+        headers = {**SESSION, **MULTIPART, "Sec-Fetch-Site": "same-origin"}
         path = self.server.path + "?page=upload"
         return begin_post(self.server.address, path, headers, body[:SENT], SIZE)
 
@@ -95,21 +95,36 @@ class AbortTest(unittest.TestCase):
                 page = exchange(self.server.address, "GET", self.server.path + "?page=signin")
                 self.assertIn("Password", page.body)
 
+    def post(self, query, body, headers):
+        headers = {"Sec-Fetch-Site": "same-origin", **headers}
+        return exchange(self.server.address, "POST", f"{self.server.path}?{query}", headers, body)
+
+    def test_forms_are_taken(self):
+        page = self.post("page=signin", b"user=a&password=b", URLENCODED)
+        self.assertEqual(page.status, 303, page.body)
+        form = Form(Field(b"token", b"token"), Upload(b"files", b"f", b"x" * 300_000))
+        page = self.post("page=upload", form.body(b"BOUNDARY"), {**SESSION, **MULTIPART})
+        self.assertEqual(page.status, 303, page.body)
+        self.assertEqual((self.home / "f").read_bytes(), b"x" * 300_000)
+        (self.home / "f").unlink()
+
     def test_refusals_arrive_whatever_has_been_sent(self):
-        plain = {"Content-Type": "application/x-www-form-urlencoded"}
+        """By the front end before it reads, by its form, and without an end of the form."""
         cross_site = {**SESSION, "Sec-Fetch-Site": "cross-site"}
         for query, headers, status, text in (
             ("page=upload", {}, 403, "Please sign in first."),
             ("page=nonsense", SESSION, 404, "There is no such page or file."),
-            ("page=signin", plain, 413, "Please send less at a time."),
             ("page=upload", cross_site, 403, "Another site has sent"),
+            ("page=signin", URLENCODED, 413, "Please send less at a time."),
+            ("page=signin", {"Content-Type": "text/plain"}, 415, "own forms."),
+            ("page=upload", {**SESSION, "Content-Type": "multipart/form-data"}, 400, "not valid."),
+            ("page=upload", {**SESSION, **MULTIPART}, 400, "Your request is incomplete"),
         ):
-            for size in (100_000, 1_000_000):
-                headers = {"Sec-Fetch-Site": "same-origin", **headers}
-                path = f"{self.server.path}?{query}"
-                page = exchange(self.server.address, "POST", path, headers, b"x" * size)
+            for size in (8000, 1_000_000, 12_000_000):
+                page = self.post(query, b"x" * size, headers)
                 self.assertEqual(page.status, status, (query, size, page.body))
                 self.assertIn(text, page.body)
+                self.assertEqual(list(self.home.iterdir()), [])
 
 
 def load_tests(loader, _tests, _pattern):

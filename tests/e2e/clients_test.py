@@ -1,19 +1,17 @@
 """Uploads by real clients: each has its own way to write a form."""
 
 import pathlib
-import shlex
-import shutil
 import subprocess
 import tempfile
 import time
 import unittest
 
 import requests
-import web_servers
 from browser import CHROMIUM, DRIVER, Browser
-from upload_probe import Field, Form, Probe, Received, Upload, content_type, digest
+from client import CURL
+from upload_probe import Field, Form, ProbeTest, Received, Upload, content_type, digest
 from verdict import main
-from web_servers import DECODED, REFUSED
+from web_servers import LighttpdStreaming
 
 CLIENTS = pathlib.Path(__file__).parent / "clients"
 URLENCODED = "application/x-www-form-urlencoded"
@@ -27,33 +25,17 @@ def run(*command, **environment):
     ).stdout.decode()
 
 
-CURL = ("curl", "-q", "-sS")
-
-
-def curl(*arguments):
-    return run(*CURL, *arguments)
-
-
-class ExchangeTest(unittest.TestCase):
-    kind = web_servers.LighttpdStreaming
+class ClientTest(ProbeTest):
+    kind = LighttpdStreaming
 
     @classmethod
     def setUpClass(cls):
-        cls.probe = Probe(cls.kind)
-        cls.addClassCleanup(cls.probe.stop)
-        cls.folder = pathlib.Path(tempfile.mkdtemp(prefix="client-"))
-        cls.addClassCleanup(shutil.rmtree, cls.folder)
+        super().setUpClass()
+        cls.folder = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory(prefix="client-")))
 
-    def exchange(self, send):
-        """Has an address sent something. Not cut where that changes a form,
-        which a web server may do, though not every time."""
-        for _ in range(5):
-            record = self.probe.new_record()
-            record.report = send(self.probe.address(record))
-            self.assertEqual(record.received(), record.predicted())
-            if not record.is_cut_where_it_hurts():
-                return record
-        return self.fail(f"cut at a line end again and again: {record.reads()[:100]}")
+    def exchange(self, send, *arguments):
+        """Has the address of the probe sent something."""
+        return self.uncut_record(lambda record: send(record.url, *arguments))
 
     def make_file(self, name, content):
         path = self.folder / name
@@ -72,7 +54,7 @@ class FormClient:
     two_lines = b"x\ny"
 
     def exchange_form(self, text, files):
-        return self.exchange(lambda url: self.send(url, text, list(map(str, files))))
+        return self.exchange(self.send, text, list(map(str, files)))
 
     def test_form_arrives_as_sent(self):
         contents = (b"", b"one\ntwo", bytes(range(14, 256)) * 5000, b"last")
@@ -110,7 +92,7 @@ class FormClient:
         self.assertEqual(record.received(), expected)
 
 
-class Curl(FormClient, ExchangeTest):
+class Curl(FormClient, ClientTest):
     two_lines = b"\ny"
 
     def send(self, url, text, files):
@@ -118,10 +100,10 @@ class Curl(FormClient, ExchangeTest):
         for number, file in enumerate(files):
             quoted = file.replace("\\", "\\\\").replace('"', '\\"')
             form += ["--form", f'upload{number}=@"{quoted}"']
-        return curl(*form, url)
+        return run(*CURL, *form, url)
 
 
-class PythonRequests(FormClient, ExchangeTest):
+class PythonRequests(FormClient, ClientTest):
     backslash = b"\\\\"
     two_lines = b"\ny"
 
@@ -137,7 +119,7 @@ class PythonRequests(FormClient, ExchangeTest):
             return session.post(url, files=fields + uploads, timeout=60).text
 
 
-class Perl(FormClient, ExchangeTest):
+class Perl(FormClient, ClientTest):
     quote = b'\\"'
     backslash = b"\\\\"
     two_lines = b"\ny"
@@ -146,12 +128,12 @@ class Perl(FormClient, ExchangeTest):
         return run("perl", CLIENTS / "upload.pl", url, text, *files)
 
 
-class Node(FormClient, ExchangeTest):
+class Node(FormClient, ClientTest):
     def send(self, url, text, files):
         return run("node", CLIENTS / "upload.mjs", url, text, *files)
 
 
-class Go(FormClient, ExchangeTest):
+class Go(FormClient, ClientTest):
     quote = b'\\"'
     backslash = b"\\\\"
     two_lines = b"\ny"
@@ -173,7 +155,7 @@ enctype="multipart/form-data" action="{url}"><textarea name="note"></textarea>
 
 
 @unittest.skipUnless(CHROMIUM and DRIVER, "needs Chromium and its driver")
-class Chromium(FormClient, ExchangeTest):
+class Chromium(FormClient, ClientTest):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
@@ -200,7 +182,7 @@ class Chromium(FormClient, ExchangeTest):
 
     def test_file_input_that_is_left_empty_is_ignored(self):
         inputs = '<input type="file" name="upload0"><input name="after" value="1">'
-        record = self.exchange(lambda url: self.submit(url, inputs, "text", []))
+        record = self.exchange(self.submit, inputs, "text", [])
         self.assertIn(b'; filename=""\r\n', record.body())
         self.assertEqual(record.received(), Received({b"note": b"text", b"after": b"1"}))
 
@@ -208,12 +190,12 @@ class Chromium(FormClient, ExchangeTest):
         inputs = '<input type="file" name="upload0" multiple>'
         files = [self.make_file(name, name.encode()) for name in ("one", "two")]
         paths = "\n".join(map(str, files))
-        received = self.exchange(lambda url: self.submit(url, inputs, "text", [paths])).received()
+        received = self.exchange(self.submit, inputs, "text", [paths]).received()
         self.assertEqual(received.params, {b"note": b"text", b"upload0": b"two"})
         self.assertEqual(received.files, {b"one": digest(b"one"), b"two": digest(b"two")})
 
 
-class Wget(ExchangeTest):
+class Wget(ClientTest):
     def send(self, url, file, kind):
         return run(
             *("wget", "--no-config", "-q", "-O", "-"),
@@ -222,55 +204,14 @@ class Wget(ExchangeTest):
 
     def test_a_query_string_arrives(self):
         file = self.make_file("query", b"a=1&b=%C3%BC+2")
-        record = self.exchange(lambda url: self.send(url, file, URLENCODED))
+        record = self.exchange(self.send, file, URLENCODED)
         self.assertEqual(record.received(), Received({b"a": b"1", b"b": "\u00fc 2".encode()}))
 
     def test_a_form_arrives(self):
         form = Form(Field(b"a", b"1"), Upload(b"u", b"f", b"\n\0-" * 50_000))
         file = self.make_file("form", form.body(b"BOUNDARY"))
-        record = self.exchange(lambda url: self.send(url, file, content_type(b"BOUNDARY")))
+        record = self.exchange(self.send, file, content_type(b"BOUNDARY"))
         self.assertEqual(record.received(), form.as_sent())
-
-
-class CurlThroughEachServer(ExchangeTest):
-    def test_an_upload_arrives_after_100_continue(self):
-        content = b"x" * 100_000
-        file = self.make_file("f", content)
-        record = self.exchange(
-            lambda url: curl("-H", "Expect: 100-continue", "-F", f"u=@{file}", url)
-        )
-        self.assertEqual(record.received(), Form(Upload(b"u", b"f", content)).as_sent())
-
-    def post_without_a_length(self, record):
-        """In pieces: some web servers decode what has come before they look. One
-        that refuses does so before the second piece comes, on a slow machine, too."""
-        pause = 3 if self.kind.chunked_body == REFUSED else 0.2
-        script = f"(printf a=1; sleep {pause}; printf '&b=2') | " + shlex.join(CURL)
-        options = f" -T - -X POST -H Expect: '{self.probe.address(record)}'"
-        command = ["sh", "-c", script + options]
-        return subprocess.run(command, env=ENVIRONMENT, capture_output=True).stdout.decode()
-
-    def test_an_upload_without_a_length_is_treated_as_documented(self):
-        record = self.probe.new_record()
-        answer = self.post_without_a_length(record)
-        if self.kind.chunked_body == DECODED:
-            record.report = answer
-            self.assertEqual(record.received(), Received({b"a": b"1", b"b": b"2"}))
-        elif self.kind.chunked_body == REFUSED:
-            self.assertIn("411 Length Required", answer)
-            self.assertFalse(record.was_read())
-        else:
-            # Of a body that nobody reads, the answer may get lost.
-            self.assertEqual(record.content_length(), "")
-            self.assertEqual(record.reads(), [])
-
-
-def load_tests(loader, _tests, _pattern):
-    suite = unittest.TestSuite()
-    for client in (Curl, PythonRequests, Perl, Node, Go, Wget, Chromium):
-        suite.addTests(loader.loadTestsFromTestCase(client))
-    suite.addTests(web_servers.behind_each(loader, CurlThroughEachServer))
-    return suite
 
 
 if __name__ == "__main__":

@@ -1,4 +1,6 @@
 // A front end that answers with what it has been sent, and records how it came.
+// Without PROBE_RECORDS, writes what the plain parser would have answered: its
+// argument is the folder of one record.
 //
 // PROBE_RECORDS is a folder, the query string the name of a folder in it, where
 // it leaves behind
@@ -6,6 +8,7 @@
 //   reads     what each read of standard input gave, one number a line
 //   body      the bytes of all reads, only if the file is there already
 //   file-0... the uploaded files, in ascending order of their names
+//   predicted-0... the same as the plain parser has them
 // PROBE_SPOOL is the directory for uploads, in the same file system,
 // PROBE_SECONDS the most processor time that a request may take.
 
@@ -18,14 +21,17 @@
 #include <zancgi/zancgi.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <exception>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 #include <iostream>
+#include <iterator>
 #include <string>
 #include <vector>
 
-#include "e2e/upload_report.h"
+#include "plain/plain_parser.h"
 
 namespace {
 
@@ -82,6 +88,22 @@ std::string StandardInput() {
   return S_ISREG(status.st_mode) ? "file" : "other";
 }
 
+/// A line of a report: a param with its value, a file, the size of all files,
+/// or an error. Texts are hexadecimal digits after an "x", so that an empty one
+/// is there, too.
+std::string ReportLine(std::string line,
+                       std::initializer_list<std::string> texts) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  for (const std::string& text : texts) {
+    line += " x";
+    for (const char c : text) {
+      const auto byte = static_cast<unsigned char>(c);
+      line += {kDigits[byte >> 4], kDigits[byte & 15]};
+    }
+  }
+  return line + "\n";
+}
+
 std::string ReportParams(Cgi& cgi) {
   std::string report;
   std::vector<std::string> names;
@@ -119,6 +141,38 @@ void Answer(const std::string& status, const std::string& report) {
             << report << std::flush;
 }
 
+std::string ReadFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// Leaves the files in the folder. "spins": the body is parsed for ever.
+std::string Predict(const std::string& folder) {
+  plain::Request request;
+  request.content_length = ReadFile(folder + "/content-length");
+  request.content_type = ReadFile(folder + "/content-type");
+  request.tmp_dir = "spool";
+  request.input.bytes = ReadFile(folder + "/body");
+  std::ifstream reads(folder + "/reads");
+  request.input.reads.assign(std::istream_iterator<std::size_t>(reads), {});
+  const plain::Outcome outcome = plain::Parse(request);
+  if (outcome.spins) return "spins\n";
+  if (!outcome.error.empty()) return ReportLine("error", {outcome.error});
+  std::string report;
+  for (const auto& [name, value] : outcome.params) {
+    report += ReportLine("param", {name, value});
+  }
+  std::int64_t size = 0;
+  std::size_t number = 0;
+  for (const auto& [name, file] : outcome.files) {
+    report += ReportLine("file", {name});
+    size += file.size;
+    std::ofstream(folder + "/predicted-" + std::to_string(number++))
+        << file.content;
+  }
+  return report + ReportLine("size", {std::to_string(size)});
+}
+
 }  // namespace
 
 /// In place of the C library's, for the library that is tried.
@@ -131,12 +185,16 @@ extern "C" ssize_t read(int fd, void* buf, std::size_t nbytes) {
 }
 
 int main(int argc, char** argv) {
+  if (argc == 2 && ::getenv("PROBE_RECORDS") == nullptr) {
+    std::cout << Predict(argv[1]) << std::flush;
+    return std::cout ? 0 : 1;
+  }
   LimitResources();
   const std::string folder =
       Variable("PROBE_RECORDS") + "/" + Variable("QUERY_STRING");
   StartRecord(folder);
   try {
-    Answer("200 OK", ReceiveRequest(argc > 0 ? argv[0] : "", folder));
+    Answer("200 OK", ReceiveRequest(argv[0], folder));
   } catch (const std::exception& error) {
     Answer("500 Internal Server Error", ReportLine("error", {error.what()}));
   }

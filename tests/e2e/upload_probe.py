@@ -11,6 +11,7 @@ import os
 import socket
 import subprocess
 import time
+import unittest
 
 PROBE = os.environ["UPLOAD_PROBE"]
 
@@ -65,10 +66,12 @@ def parse_report(report, folder, stem, read=digest_of_file):
 
 
 class Record:
-    """The files that the probe leaves of one request."""
+    """The files that the probe leaves of one request to a path, or by URL."""
 
-    def __init__(self, folder):
+    def __init__(self, folder, server):
         self.folder = folder
+        self.path = f"{server.path}?{folder.name}"
+        self.url = f"{server.url}?{folder.name}"
         # What the client was answered; None when the probe had no answer.
         self.report = None
         self.standard_input = None
@@ -91,8 +94,8 @@ class Record:
         return parse_report(self.report, self.folder, "file")
 
     def predicted(self):
-        command = [os.environ["UPLOAD_PREDICTION"], self.folder]
-        report = subprocess.run(command, capture_output=True, text=True, check=True).stdout
+        command = [PROBE, self.folder]
+        report = subprocess.run(command, env={}, capture_output=True, text=True, check=True).stdout
         return parse_report(report, self.folder, "predicted")
 
     def is_cut_where_it_hurts(self):
@@ -111,7 +114,7 @@ class Record:
 class Probe:
     """The probe behind a web server of the given kind."""
 
-    def __init__(self, kind, seconds=2):
+    def __init__(self, kind, seconds):
         """The probe is ended when it has used that many of processor time."""
         self.server = kind(PROBE)
         self.records = self.server.make_folder("records")
@@ -128,39 +131,28 @@ class Probe:
         self.server.stop()
 
     def new_record(self, keeps_body=True):
-        """For the request that is sent to address(record)."""
         folder = self.server.make_folder(f"records/{next(self.numbers)}")
         if keeps_body:
             self.server.make_file(folder / "body")
-        return Record(folder)
+        return Record(folder, self.server)
 
-    def path(self, record):
-        return f"{self.server.path}?{record.folder.name}"
-
-    def address(self, record):
-        return f"{self.server.url}?{record.folder.name}"
-
-    def post(self, body, content_type, keeps_body=True, **headers):
-        """A body, or the pieces of one with its length among the headers."""
-        return self._post(self.new_record(keeps_body), body, content_type, headers)
-
-    def post_in_pieces(self, pieces, content_type):
-        """A piece at a time, so that reads end where pieces end, under a web
-        server that passes them on."""
-        record = self.new_record()
-        length = {"Content-Length": str(sum(map(len, pieces)))}
-        return self._post(record, self._one_by_one(record, pieces), content_type, length)
-
-    def _post(self, record, body, content_type, headers):
+    def post(self, record, body, content_type, **headers):
+        """A body, or the pieces of one with its length among the headers. Returns
+        the report, if there is one: not every web server says so when the probe
+        has been ended."""
         headers["Content-Type"] = content_type
-        # Of a probe that has been ended, not every web server says so.
         with self.connection() as connection, contextlib.suppress(ConnectionError):
-            connection.request("POST", self.path(record), body, headers)
+            connection.request("POST", record.path, body, headers)
             answer = connection.getresponse()
             record.standard_input = answer.headers["X-Standard-Input"]
             if record.standard_input:
-                record.report = answer.read().decode()
-        return record
+                return answer.read().decode()
+
+    def post_in_pieces(self, record, pieces, content_type):
+        """A piece at a time, so that reads end where pieces end, under a web
+        server that passes them on."""
+        length = {"Content-Length": str(sum(map(len, pieces)))}
+        return self.post(record, self._one_by_one(record, pieces), content_type, **length)
 
     def _one_by_one(self, record, pieces):
         sent = 0
@@ -187,6 +179,38 @@ class Probe:
             yield connection
         finally:
             connection.close()
+
+
+class ProbeTest(unittest.TestCase):
+    """With the probe behind a web server of a kind."""
+
+    # Of processor time, for each request.
+    seconds = 2
+
+    @classmethod
+    def setUpClass(cls):
+        cls.probe = Probe(cls.kind, cls.seconds)
+        cls.addClassCleanup(cls.probe.stop)
+
+    def record(self, send):
+        """Of a request that is sent for it. What is made of the body is as predicted."""
+        record = self.probe.new_record()
+        record.report = send(record)
+        hint = f"reads {record.reads()[:100]}\n{self.probe.server.logs()}"
+        self.assertEqual(record.received(), record.predicted(), hint)
+        # The destructors of a probe that has been ended by its limit do not run.
+        if record.report is not None:
+            self.assertEqual(os.listdir(self.probe.spool), [])
+        return record
+
+    def uncut_record(self, send):
+        """One that is not cut where that changes a form, which a web server may do,
+        though not every time."""
+        for _ in range(5):
+            record = self.record(send)
+            if not record.is_cut_where_it_hurts():
+                return record
+        return self.fail(f"cut at a line end again and again: {record.reads()[:100]}")
 
 
 @dataclasses.dataclass

@@ -10,7 +10,7 @@ import subprocess
 import tempfile
 import time
 
-from client import begin_post, status_on
+from client import CURL, begin_post, status_on
 from panel_server import FORM, PANEL, URLENCODED, Panel, PanelTest, field, file, form
 from processes import open_files, wait_for
 from verdict import main
@@ -104,8 +104,7 @@ class RefusedUpload(UploadTest):
             with tempfile.NamedTemporaryFile() as large:
                 large.truncate(size)
                 done = subprocess.run(
-                    ["curl", "-q", "--noproxy", "*", "-s", "-H", "Expect:",
-                     "-F", f"f=@{large.name}", "-b", f"panelses5={self.session}",
+                    [*CURL, "-H", "Expect:", "-F", f"f=@{large.name}", "-b", f"panelses5={self.session}",
                      "-H", f"Origin: {self.panel.url.removesuffix('/panel')}", "-w", "%{http_code}",
                      f"{self.panel.url}?page=upload"],
                     capture_output=True, check=False, text=True, timeout=60,
