@@ -93,7 +93,7 @@ class Browser:
             except RuntimeError:
                 if time.monotonic() > end:
                     raise
-            time.sleep(0.1)
+            time.sleep(0.02)
 
     def open(self, url):
         self._call("POST", "/url", {"url": url})

@@ -33,7 +33,7 @@ class BrowserTest(PanelTest):
         end = time.monotonic() + 30
         while missing := self.missing(patterns):
             self.assertLess(time.monotonic(), end, f"{missing} not in: {self.seen}")
-            time.sleep(0.05)
+            time.sleep(0.02)
 
     def missing(self, patterns):
         self.seen = self.browser.visible_text()
@@ -55,6 +55,30 @@ class BrowserTest(PanelTest):
         self.browser.set_cookie({**cookie, "httpOnly": True, "sameSite": "Strict"})
         self.browser.open(f"{self.panel.url}?page={page}")
 
+    def open_upload(self):
+        self.signed_in("home")
+        self.assert_sees("Files to upload")
+
+    def choose(self, *files):
+        """Files of these names and sizes."""
+        paths = [self.panel.state / name for name, _ in files]
+        for path, (_, size) in zip(paths, files):
+            with path.open("wb") as file:
+                file.truncate(size)
+        self.browser.choose_files("#uploads", *paths)
+
+    def focused(self):
+        return self.browser.run("return document.activeElement.textContent")
+
+    def check(self, *names):
+        for name in names:
+            self.browser.click(f"input[value='{name}']")
+
+    def do(self, action):
+        self.browser.click(f"button[value={action}]")
+
+
+class Visit(BrowserTest):
     def test_a_visitor_signs_in_looks_around_and_signs_out(self):
         self.sign_in(self.panel.password)
         self.assert_sees("Who am I", rf"Name\s+{self.user}", rf"Level\s+{self.panel.level}")
@@ -77,30 +101,6 @@ class BrowserTest(PanelTest):
         self.browser.click_link("Sign in")
         self.assert_sees("Password")
 
-    def test_a_wrong_password_is_explained_beside_the_form(self):
-        """And keyboard and labels are enough."""
-        self.browser.open(self.panel.url)
-        self.assertEqual(self.browser.label("#user"), "Name")
-        self.assertEqual(self.browser.label("#password"), "Password")
-        self.browser.press(self.user + TAB + "wrong" + ENTER)
-        self.assert_sees("Name or password is wrong.", "Password")
-        # The name is still there.
-        self.browser.type_into("#password", self.panel.password)
-        self.browser.press(ENTER)
-        self.assert_sees(rf"Name\s+{self.user}")
-
-    def open_upload(self):
-        self.signed_in("home")
-        self.assert_sees("Files to upload")
-
-    def choose(self, *files):
-        """Files of these names and sizes."""
-        paths = [self.panel.state / name for name, _ in files]
-        for path, (_, size) in zip(paths, files):
-            with path.open("wb") as file:
-                file.truncate(size)
-        self.browser.choose_files("#uploads", *paths)
-
     def test_several_files_are_uploaded(self):
         self.open_upload()
         self.assertEqual(self.browser.label("#uploads"), "Files to upload")
@@ -117,13 +117,6 @@ class BrowserTest(PanelTest):
         self.choose(("disk.img", 101 * 1024 * 1024))
         self.assert_sees("Together these are 101.0 MB, more than the limit of 100.0 MB")
         self.assertFalse(self.browser.is_enabled("#send"))
-
-    def check(self, *names):
-        for name in names:
-            self.browser.click(f"input[value='{name}']")
-
-    def do(self, action):
-        self.browser.click(f"button[value={action}]")
 
     def test_files_are_changed_with_and_without_scripts(self):
         """A new folder, a file in it, another name for it, and its end."""
@@ -159,20 +152,6 @@ class BrowserTest(PanelTest):
         self.do("delete")
         wait_for(lambda: not list(self.panel.home.iterdir()))
 
-    def test_several_files_are_deleted_at_once_as_far_as_they_can_be(self):
-        for name in ("one", "two", "three"):
-            (self.panel.home / name).touch()
-        (self.panel.home / "full" / "inner").mkdir(parents=True)
-        (self.panel.home / "notes.txt").write_text("Remember the milk.")
-        (self.panel.home / "notes.txt").chmod(0o644)
-        self.open_upload()
-        self.check("one", "three", "full")
-        self.do("delete")
-        self.assert_sees("'full': Directory not empty.", "two 0", "full folder")
-        self.assertNotIn("three", self.browser.visible_text())
-        self.browser.click_link("notes.txt")
-        self.assert_sees("^Remember the milk.$")
-
     def test_an_upload_shows_its_progress_and_can_be_cancelled(self):
         self.open_upload()
         self.browser.slow_down(500_000)
@@ -186,6 +165,44 @@ class BrowserTest(PanelTest):
         self.assert_sees("Cancelled. Nothing was kept.")
         self.assertEqual(self.focused(), "Upload")
         self.assert_nothing_left()
+
+    def test_another_site_cannot_use_the_session(self):
+        self.signed_in()
+        link = f'<a href="{self.panel.url}?page=whoami">Look at this</a>'
+        with another_site(link) as port:
+            self.browser.open(f"http://localhost:{port}/")
+            self.browser.click_link("Look at this")
+            self.assert_sees("Please sign in first.")
+        self.browser.open(self.panel.url + "?page=whoami")
+        self.assert_sees(rf"Name\s+{self.user}")
+
+
+class Detail(BrowserTest):
+    def test_a_wrong_password_is_explained_beside_the_form(self):
+        """And keyboard and labels are enough."""
+        self.browser.open(self.panel.url)
+        self.assertEqual(self.browser.label("#user"), "Name")
+        self.assertEqual(self.browser.label("#password"), "Password")
+        self.browser.press(self.user + TAB + "wrong" + ENTER)
+        self.assert_sees("Name or password is wrong.", "Password")
+        # The name is still there.
+        self.browser.type_into("#password", self.panel.password)
+        self.browser.press(ENTER)
+        self.assert_sees(rf"Name\s+{self.user}")
+
+    def test_several_files_are_deleted_at_once_as_far_as_they_can_be(self):
+        for name in ("one", "two", "three"):
+            (self.panel.home / name).touch()
+        (self.panel.home / "full" / "inner").mkdir(parents=True)
+        (self.panel.home / "notes.txt").write_text("Remember the milk.")
+        (self.panel.home / "notes.txt").chmod(0o644)
+        self.open_upload()
+        self.check("one", "three", "full")
+        self.do("delete")
+        self.assert_sees("'full': Directory not empty.", "two 0", "full folder")
+        self.assertNotIn("three", self.browser.visible_text())
+        self.browser.click_link("notes.txt")
+        self.assert_sees("^Remember the milk.$")
 
     def drop_file(self, name, text):
         """Anywhere on the page. Whether the page has taken it."""
@@ -217,9 +234,6 @@ class BrowserTest(PanelTest):
         self.browser.click("#send")
         self.assert_sees("You may not do this, or your session has ended.", "notes.txt, 7 bytes")
 
-    def focused(self):
-        return self.browser.run("return document.activeElement.textContent")
-
     def test_files_are_uploaded_without_scripts(self):
         self.browser.disable_scripts()
         self.open_upload()
@@ -238,16 +252,6 @@ class BrowserTest(PanelTest):
         self.assert_sees("This is more than the panel accepts at once.")
         self.browser.click_link("Back to the files")
         self.assert_sees("Files to upload")
-
-    def test_another_site_cannot_use_the_session(self):
-        self.signed_in()
-        link = f'<a href="{self.panel.url}?page=whoami">Look at this</a>'
-        with another_site(link) as port:
-            self.browser.open(f"http://localhost:{port}/")
-            self.browser.click_link("Look at this")
-            self.assert_sees("Please sign in first.")
-        self.browser.open(self.panel.url + "?page=whoami")
-        self.assert_sees(rf"Name\s+{self.user}")
 
     def assert_cannot_sign_in(self, url, host):
         """By a form of another site, under a name that is not the visitor's."""

@@ -57,7 +57,7 @@ TIME_LIMIT, PROCESSOR_LIMIT, HARAKIRI = 60, 10, 10
 # What stands for the limits of the document where nobody wants to wait for them.
 SHORTER = {}
 if os.environ.get("LIMITS") == "shorter":
-    TIME_LIMIT, PROCESSOR_LIMIT, HARAKIRI = 15, 1, 2
+    TIME_LIMIT, PROCESSOR_LIMIT, HARAKIRI = 12, 1, 1
     SHORTER = {
         "seconds=60\n": f"seconds={TIME_LIMIT}\n", "Timeout 60\n": f"Timeout {TIME_LIMIT}\n",
         "max-write-idle = 60\n": f"max-write-idle = {TIME_LIMIT}\n",
@@ -78,7 +78,7 @@ def application(environ, start_response):
     if manner in ("never", "slowly"):
         with open("{notes}/" + manner, "a") as executions:
             executions.write(".")
-        time.sleep(1000 if manner == "never" else 2)
+        time.sleep(1000 if manner == "never" else 1)
     return answers(environ, start_response)
 """
 

@@ -1,5 +1,6 @@
 """The panel when something behind it fails, and what the logs then hold."""
 
+import concurrent.futures
 import contextlib
 import os
 import pathlib
@@ -75,16 +76,16 @@ class FailureTest(PanelTest):
 class LogTest(PanelTest):
     """Passwords and session ids stay out of every log."""
 
+    def wait_for_log(self, text):
+        wait_for(lambda: text in self.panel.logs()["second-backend.log"])
+
     @contextlib.contextmanager
-    def slow_back_end(self, logged, *options):
-        """One that waits for its database, as for a long transaction, and that logs
-        this text at the latest when it goes on."""
+    def slow_back_end(self, *options):
+        """One that waits for its database, as for a long transaction."""
         with self.panel.back_end_away(), self.panel.another_back_end(*options):
             with contextlib.closing(self.panel.database()) as database:
                 database.execute("begin exclusive")
-                yield
-                database.execute("rollback")
-            wait_for(lambda: logged in self.panel.logs()["second-backend.log"])
+                yield database
 
     def assert_not_logged(self, *secrets):
         for name, text in self.panel.logs().items():
@@ -102,9 +103,12 @@ class LogTest(PanelTest):
         self.assert_not_logged(self.panel.password, session, "wrong")
 
     def test_of_a_slow_request_holds_no_password(self):
-        with self.slow_back_end("HARAKIRI ON WORKER", "--harakiri", "1"):
-            answer = self.panel.send_sign_in()
-        self.assertEqual(answer.status, 502)
+        with self.slow_back_end("--harakiri", "1") as database:
+            with concurrent.futures.ThreadPoolExecutor() as workers:
+                answer = workers.submit(self.panel.send_sign_in)
+                self.wait_for_log("HARAKIRI ON WORKER")
+                database.execute("rollback")
+            self.assertEqual(answer.result().status, 303)
         self.assert_not_logged(self.panel.password)
 
     def test_of_a_caller_that_does_not_wait_holds_no_password(self):
@@ -114,11 +118,13 @@ class LogTest(PanelTest):
             "QUERY_STRING": f"func=session.new&user=a&password={self.panel.password}&out=xml",
         }
         header = "".join(f"{name}\0{value}\0" for name, value in variables.items())
-        with self.slow_back_end("write error"):
+        with self.slow_back_end() as database:
             with socket.socket(socket.AF_UNIX) as caller:
                 caller.connect(str(self.panel.socket))
                 caller.sendall(f"{len(header)}:{header},".encode())
                 time.sleep(0.5)
+            database.execute("rollback")
+            self.wait_for_log("write error")
         self.assert_not_logged(self.panel.password)
 
 
