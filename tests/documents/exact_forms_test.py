@@ -6,9 +6,8 @@ import pathlib
 import re
 import subprocess
 import tempfile
-import unittest
 
-from probe import END, FORM, field, part, upload
+from probe import END, FORM, RowsTest, field, part, upload
 from verdict import main
 
 DOCS = pathlib.Path(os.environ["SOURCE"]) / "docs"
@@ -201,19 +200,7 @@ def differences():
     yield "A body without its closing boundary", [*both((b"<li>a: 1", 400), field(b"a", b"1"))]
 
 
-class ExactFormsTest(unittest.TestCase):
-    """No row without a case, and no case without a row."""
-
-    def check(self, document, heading, cases):
-        section = re.search(rf"^## {heading}\n(.*?)(?=^##+ |\Z)", document, re.S | re.M)[1]
-        rows = iter(re.findall(r"^\| (.*?) \|", section, re.M)[1:])
-        for beginning, pairs in cases:
-            with self.subTest(row=beginning):
-                self.assertEqual(next(rows, "no row")[: len(beginning)], beginning)
-                for number, (came, expected) in enumerate(pairs):
-                    self.assertEqual(came, expected, number)
-        self.assertEqual(list(rows), [])
-
+class ExactFormsTest(RowsTest):
     def test_what_is_taken(self):
         self.check(FORMS, "What is taken", taken())
 

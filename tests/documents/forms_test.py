@@ -4,10 +4,9 @@ documents say of wrong forms and of bodies that never end is played."""
 import os
 import pathlib
 import random
-import re
 import unittest
 
-from probe import END, FORM, Arrived, field, part, post, run, upload
+from probe import END, FORM, Arrived, RowsTest, field, part, post, run, upload
 from verdict import main
 
 SECURITY = (pathlib.Path(os.environ["SOURCE"]) / "docs" / "security.md").read_text()
@@ -17,13 +16,6 @@ NEXT = field(b"z", b"2")
 NEXT_ONLY = Arrived({b"z": b"2"})
 # As long as those of browsers.
 BOUNDARY = b"----------------------------------------"
-
-
-def rows(title):
-    """The first cells of the table in that section."""
-    section = re.search(rf"^## {title}\n(.*?)^## ", SECURITY, re.DOTALL | re.MULTILINE)[1]
-    lines = re.findall(r"^\| (.*?) \|", section, re.MULTILINE)
-    return lines[1:]
 
 
 def with_next(text):
@@ -162,11 +154,9 @@ def endless_bodies():
     yield "A first read of 0 bytes", sleeping(b"")
     yield "The same at any place of a body without", sleeping(b"a=1", URL_ENCODED)
     environment = {
-        "REQUEST_METHOD": "POST",
-        "CONTENT_TYPE": FORM,
-        "CONTENT_LENGTH": "1000",
+        "REQUEST_METHOD": "POST", "CONTENT_TYPE": FORM, "CONTENT_LENGTH": "1000",
         "TMP": "/nonexistent",
-    }
+    }  # fmt: skip
     parameters = f"{os.environ['GUIDE_PROGRAMS']}/parameters"
     yield "The same while the body is drained", [
         (run(parameters, b"--XY", environment, 2), Arrived(sleeps=True)),
@@ -184,23 +174,12 @@ def sleeping(body, content_type=FORM):
     return [(post(body, content_type, length=1000, patience=2).sleeps, True)]
 
 
-class TableTest(unittest.TestCase):
-    """No row without a case, no case without a row, and each as the table has it."""
-
-    def check(self, title, cases):
-        texts = iter(rows(title))
-        for beginning, pairs in cases:
-            with self.subTest(row=beginning):
-                self.assertEqual(next(texts, "no row")[: len(beginning)], beginning)
-                for number, (came, expected) in enumerate(pairs):
-                    self.assertEqual(came, expected, number)
-        self.assertEqual(list(texts), [])
-
+class TableTest(RowsTest):
     def test_whose_forms_come_out_wrong(self):
-        self.check("Whose forms come out wrong", wrong_forms())
+        self.check(SECURITY, "Whose forms come out wrong", wrong_forms())
 
     def test_bodies_that_never_end(self):
-        self.check("Bodies that never end", endless_bodies())
+        self.check(SECURITY, "Bodies that never end", endless_bodies())
 
 
 class OddsTest(unittest.TestCase):

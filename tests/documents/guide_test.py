@@ -9,6 +9,7 @@ import subprocess
 import tempfile
 import unittest
 
+from accounts import GID, IS_ROOT, NAMES_ONLY, UID, Accounts
 from processes import wait_for
 from verdict import main
 
@@ -179,58 +180,28 @@ class GuideTest(unittest.TestCase):
             self.assertRegex(text, r"\A// \w+\.(cpp|h)\b")
 
 
-@unittest.skipUnless(os.geteuid() == 0, "needs root")
 class AccountProgramTest(unittest.TestCase):
-    """The account of the guide's user, for one process: its folder for uploads
-    is in mounts of its own."""
-
-    USER, GROUP = 54321, 54322
-
-    def setUp(self):
-        self.shell = Shell(self)
-        self.shell.folder.chmod(0o755)
-        self.home = self.shell.folder / "alice"
-        self.home.mkdir()
-        os.chown(self.home, self.USER, self.GROUP)
-        passwd = self.shell.folder / "passwd"
-        passwd.write_text(f"alice:x:{self.USER}:{self.GROUP}::{self.home}:/bin/sh\n")
-        group = self.shell.folder / "group"
-        group.write_text(f"further:x:54323:alice\nothers:x:{self.USER}:\n")
-        self.variables = (
-            f"--env NSS_WRAPPER_PASSWD={passwd} --env NSS_WRAPPER_GROUP={group} "
-            "--env LD_PRELOAD=libnss_wrapper.so"
-        )
+    @unittest.skipUnless(IS_ROOT, "needs root")
+    def test_keeps_the_upload_as_the_account(self):
+        shell = Shell(self)
+        shell.folder.chmod(0o755)
+        accounts = Accounts(shell.folder / "accounts")
+        home = accounts.make_home("alice")
         for command, _ in commands():
             if re.match("export|python3|play\\(|play -i -d|SESSION=|echo 'Dear", command):
-                self.shell.answer_to(command)
+                shell.answer_to(command)
             if command.rstrip().endswith("&"):
-                self.shell.wait_for_back_end()
-
-    def answer(self, under=""):
-        return self.shell.answer_to(
-            f"{under} zancgi-request --env TOV_RUN_DIR {self.variables} "
+                shell.wait_for_back_end()
+        answer = shell.answer_to(
+            f"zancgi-request --env TOV_RUN_DIR --env NSS_WRAPPER_PASSWD={accounts.users} "
+            f"--env NSS_WRAPPER_GROUP={accounts.groups} --env LD_PRELOAD={NAMES_ONLY} "
             "-H 'Sec-Fetch-Site: same-origin' "
             '-b "$SESSION" -F backup=@notes.txt ./account'
         )
-
-    def test_keeps_the_upload_as_the_account(self):
-        self.assertEqual(self.answer(), "<!doctype html><title>Panel</title><p>Kept.\n")
-        kept = self.home / "backup"
+        self.assertEqual(answer, "<!doctype html><title>Panel</title><p>Kept.\n")
+        kept = home / "backup"
         self.assertEqual(kept.read_text(), "Dear diary\n")
-        self.assertEqual((kept.stat().st_uid, kept.stat().st_gid), (self.USER, self.GROUP))
-
-    def test_notices_what_is_left_of_root(self):
-        rest = {
-            "--securebits=+no_setuid_fixup": "a capability is permitted",
-            "--inh-caps=+chown": "a capability is inheritable",
-        }
-        for left, message in rest.items():
-            with self.subTest(left=left):
-                answer = self.answer(f"setpriv {left}")
-                # In the log; the visitor gets the general page.
-                self.assertIn(f"front error: {message}\n", answer)
-                self.assertIn("<p>The panel has a fault.", answer)
-                self.assertEqual(list(self.home.iterdir()), [])
+        self.assertEqual((kept.stat().st_uid, kept.stat().st_gid), (UID, GID))
 
 
 if __name__ == "__main__":

@@ -6,10 +6,12 @@ import dataclasses
 import fcntl
 import os
 import pathlib
+import re
 import subprocess
 import tempfile
 import termios
 import time
+import unittest
 
 from upload_probe import PROBE, parse_report
 
@@ -17,6 +19,23 @@ FORM = "multipart/form-data; boundary=XY"
 # Of processor time, in seconds: the program's own limit, and what is enough to see
 # that it spins. A form that ends takes a hundredth of it.
 LIMIT, ENOUGH = 1, 0.3
+
+
+class RowsTest(unittest.TestCase):
+    """No row of a table without a case, no case without a row, and each as the table
+    has it."""
+
+    def check(self, document, heading, cases):
+        """Of each case the beginning of its row, and pairs of what came and what is
+        expected."""
+        section = re.search(rf"^## {heading}\n(.*?)(?=^##+ |\Z)", document, re.S | re.M)[1]
+        rows = iter(re.findall(r"^\| (.*?) \|", section, re.M)[1:])
+        for beginning, pairs in cases:
+            with self.subTest(row=beginning):
+                self.assertEqual(next(rows, "no row")[: len(beginning)], beginning)
+                for number, (came, expected) in enumerate(pairs):
+                    self.assertEqual(came, expected, number)
+        self.assertEqual(list(rows), [])
 
 
 @dataclasses.dataclass

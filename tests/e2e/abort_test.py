@@ -7,7 +7,7 @@ import struct
 import unittest
 
 import web_servers
-from accounts import IS_ROOT, NAMES_ONLY
+from accounts import GID, IS_ROOT, NAMES_ONLY, UID, Accounts
 from back_end import scripted_back_end
 from client import begin_post, exchange
 from panel_server import URLENCODED
@@ -53,17 +53,14 @@ class AbortTest(unittest.TestCase):
         cls.home = cls.server.make_folder("home")
         path = cls.server.make_folder("run") / "panel.sock"
         cls.enterClassContext(scripted_back_end(path, answer))
-        cls.server.start({"TOV_RUN_DIR": str(path.parent), **cls.account()})
-
-    @classmethod
-    def account(cls):
-        """The server's own, so that its programs may become it, by another name."""
-        users, groups = cls.server.folder / "passwd", cls.server.folder / "group"
-        ids = f"{NOBODY}:{NOBODY}" if IS_ROOT else f"{os.getuid()}:{os.getgid()}"
-        users.write_text(f"visitor:x:{ids}::{cls.home}:/bin/sh\n")
-        groups.touch()
-        files = {"NSS_WRAPPER_PASSWD": str(users), "NSS_WRAPPER_GROUP": str(groups)}
-        return {"LD_PRELOAD": NAMES_ONLY, **files}
+        # The server's own account, so that its programs may become it.
+        ids = (NOBODY, NOBODY) if IS_ROOT else (UID, GID)
+        accounts = Accounts(cls.server.folder / "accounts")
+        accounts.add("visitor", cls.home, *ids)
+        cls.server.start({
+            "TOV_RUN_DIR": str(path.parent), "LD_PRELOAD": NAMES_ONLY,
+            "NSS_WRAPPER_PASSWD": str(accounts.users), "NSS_WRAPPER_GROUP": str(accounts.groups),
+        })  # fmt: skip
 
     def begin_upload(self):
         body = Form(Upload(b"files", b"f", b"x" * SENT)).body(b"BOUNDARY")

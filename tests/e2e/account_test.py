@@ -163,24 +163,6 @@ class Folder(AccountTest):
                 self.assertEqual(answer.status, status, (action, path))
         self.assertEqual([path.name for path in outside.iterdir()], ["secret"])
 
-    def test_is_made_renamed_and_deleted(self):
-        for action, chosen, to, names in (
-            ("folder", (), "new", {"inner", "new"}),
-            ("rename", ("new",), "other", {"inner", "other"}),
-            ("delete", ("other",), "", {"inner"}),
-        ):
-            answer = self.change(action, *chosen, to=to, path="a b")
-            self.assert_page(answer, 303)
-            self.assertEqual(answer.headers["Location"], "/panel?page=home&path=a%20b")
-            self.assertEqual(self.names("a b"), names)
-
-    def test_several_files_are_deleted_together(self):
-        for name in ("1", "2", "3"):
-            (self.home / name).touch()
-        (self.home / "link").symlink_to("a b")
-        self.assertEqual(self.change("delete", "1", "3", "link").status, 303)
-        self.assertEqual(self.names(), {"2", "a b"})
-
     def test_existing_files_stay_and_failures_are_named(self):
         (self.home / "there").write_bytes(b"before")
         there = "'there': this name is already in use. "
@@ -395,6 +377,8 @@ class Confinement(ConfinementTest):
 
 
 @needs_root
+
+
 class Jail(ConfinementTest):
     """A home that belongs to root all the way, with a folder of the account."""
 

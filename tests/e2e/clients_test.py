@@ -31,7 +31,8 @@ class ClientTest(ProbeTest):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.folder = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory(prefix="client-")))
+        folder = cls.enterClassContext(tempfile.TemporaryDirectory(prefix="client-"))
+        cls.folder = pathlib.Path(folder)
 
     def exchange(self, send, *arguments):
         """Has the address of the probe sent something."""

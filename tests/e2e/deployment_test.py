@@ -2,7 +2,6 @@
 run with the real servers: what arrives, what is refused, what is left afterwards."""
 
 import concurrent.futures
-import contextlib
 import http.client
 import json
 import os

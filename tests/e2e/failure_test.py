@@ -39,19 +39,15 @@ class FailureTest(PanelTest):
         return self.panel.with_session(self.session, page="whoami")
 
     def assert_no_answer(self, answer):
-        """The page advises the visitor, and the log names the reason."""
         self.assert_page(answer, 502, "The service behind this panel does not answer.")
         self.assertNotIn(str(self.panel.state), answer.body)
 
-    def test_without_a_back_end_the_page_and_the_log_name_the_failure(self):
+    def test_a_back_end_that_is_missing_or_killed_serves_after_a_new_start(self):
+        """The page and the log name the failure until then."""
         with self.panel.back_end_away():
             self.assert_no_answer(self.whoami())
-        reason = f"cannot connect to the back end at '{self.panel.socket}'"
-        self.assertIn(reason, self.panel.logs()["front.log"])
-        self.assertEqual(self.whoami().status, 200)
-
-    def test_a_killed_back_end_serves_again_after_a_new_start(self):
-        with self.panel.back_end_away():
+            reason = f"cannot connect to the back end at '{self.panel.socket}'"
+            self.assertIn(reason, self.panel.logs()["front.log"])
             with self.panel.another_back_end():
                 self.assertEqual(self.whoami().status, 200)
             # The socket's file is still there, and nobody listens.
