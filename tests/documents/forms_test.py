@@ -159,7 +159,7 @@ def endless_bodies():
     }  # fmt: skip
     parameters = f"{os.environ['GUIDE_PROGRAMS']}/parameters"
     yield "The same while the body is drained", [
-        (run(parameters, b"--XY", environment, 2), Arrived(sleeps=True)),
+        (run(parameters, b"--XY", environment, 1), Arrived(sleeps=True)),
     ]
 
 
@@ -171,7 +171,7 @@ def spinning(body, **more):
 
 
 def sleeping(body, content_type=FORM):
-    return [(post(body, content_type, length=1000, patience=2).sleeps, True)]
+    return [(post(body, content_type, length=1000, patience=1).sleeps, True)]
 
 
 class TableTest(RowsTest):

@@ -428,13 +428,6 @@ class Jail(ConfinementTest):
             self.assert_not_confined(f"{self.jail}/{home}")
 
 
-class Configuration(AccountTest):
-    configuration = {"PANEL_CONFINE": "/"}
-
-    def test_reaches_the_front_end_from_the_administrator(self):
-        self.assert_turned_away(500, NOT_CONFINED)
-
-
 class Session(AccountTest):
     """The session of PAM, which is run before the account is the process."""
 

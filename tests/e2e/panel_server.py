@@ -206,19 +206,17 @@ class Panel:
 
 
 @functools.cache
-def shared_panel(**configuration):
-    """One for all tests of a module that want this configuration."""
-    panel = Panel(**configuration)
+def shared_panel():
+    """One for all tests of a module."""
+    panel = Panel()
     unittest.addModuleCleanup(panel.stop)
     return panel
 
 
 class PanelTest(unittest.TestCase):
-    configuration = {}
-
     @classmethod
     def setUpClass(cls):
-        cls.panel = shared_panel(**cls.configuration)
+        cls.panel = shared_panel()
 
     def assert_page(self, answer, status, *texts):
         """With each text in it, with or without its entities resolved."""

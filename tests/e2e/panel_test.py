@@ -334,10 +334,10 @@ class EnvironmentTest(unittest.TestCase):
         front = pathlib.Path(folder) / "front"
         front.write_text("#!/bin/sh\nprintf 'Content-Type: text/plain\\r\\n\\r\\n'\nenv\n")
         front.chmod(0o700)
-        self.panel = Panel(front)
+        self.panel = Panel(front, PANEL_CONFINE="/files")
         self.addCleanup(self.panel.stop)
 
-    def test_headers_cannot_set_up_the_front_end(self):
+    def test_the_administrator_sets_up_the_front_end_and_headers_do_not(self):
         claims = ("Tov-Run-Dir", "Ld-Preload", "Nss-Wrapper-Passwd")
         headers = {
             **dict.fromkeys(claims, "/elsewhere"), "Panel-Confine": "/", "Panel-Pam": "1",
@@ -347,7 +347,7 @@ class EnvironmentTest(unittest.TestCase):
         for line in (
             "HTTP_USER_AGENT=an ordinary header", f"TOV_RUN_DIR={self.panel.socket.parent}",
             "REMOTE_ADDR=127.0.0.1", f"NSS_WRAPPER_PASSWD={self.panel.accounts.users}",
-            "PANEL_CONFINE=", "PANEL_PAM=",
+            "PANEL_CONFINE=/files", "PANEL_PAM=",
         ):
             self.assertIn(line, lines)
         names = [line.partition("=")[0] for line in lines]
