@@ -50,46 +50,35 @@ class FormClient:
     # How it writes what could end a file name early.
     quote = b"%22"
     backslash = b"\\"
-    # What is received of a text in two lines, "x" and "y". From a bare LF the
-    # library takes away the byte before it.
+    # What is received of two lines, "x" and "y". From a bare LF the library takes away
+    # the byte before it.
     two_lines = b"x\ny"
 
-    def exchange_form(self, text, files):
-        return self.exchange(self.send, text, list(map(str, files)))
-
-    def test_form_arrives_as_sent(self):
-        contents = (b"", b"one\ntwo", bytes(range(14, 256)) * 5000, b"last")
-        text = "1 < 2 & b=c; 100 % + \u00fc"
-        files, parts = [], [Field(b"note", text.encode())]
-        for number, content in enumerate(contents):
-            files.append(self.make_file(f"file {number}", content))
-            parts.append(Upload(b"upload%d" % number, b"file %d" % number, content))
-        record = self.exchange_form(text, files)
-        self.assertEqual(record.received(), Form(*parts).as_sent())
-
-    def test_odd_names_and_line_ends_arrive_as_documented(self):
-        """Of each file its name, how it is sent, and the name received: none, if the
-        file is lost."""
+    def test_form_arrives_as_documented(self):
+        """Of each file its name, how it is sent, the name received (none, if the file
+        is lost), and its content."""
         quoted = b"q" + self.quote + b"b.txt"
         escaped = b"e" + self.backslash + b"b.txt"
         utf_8 = "\u00fc \u65e5\u672c \U0001f642.txt"
-        names = (
+        rows = (
+            ("file 1", b"file 1", b"file 1", bytes(range(14, 256)) * 5000),
             # It ends at the first double quote.
-            ('q"b.txt', quoted, quoted.partition(b'"')[0]),
-            ("a%22b.txt", b"a%22b.txt", b"a%22b.txt"),
-            ("e\\b.txt", escaped, escaped),
-            ("s;b.txt", b"s;b.txt", b"s"),
-            ("b;name.txt", b"b;name.txt", b""),
-            (utf_8, utf_8.encode(), utf_8.encode()),
+            ('q"b.txt', quoted, quoted.partition(b'"')[0], b"one\ntwo"),
+            ("a%22b.txt", b"a%22b.txt", b"a%22b.txt", b""),
+            ("e\\b.txt", escaped, escaped, b"1"),
+            ("s;b.txt", b"s;b.txt", b"s", b"2"),
+            ("b;name.txt", b"b;name.txt", b"", b"3"),
+            (utf_8, utf_8.encode(), utf_8.encode(), b"last"),
         )
-        files = [self.make_file(name, b"content of " + sent) for name, sent, _ in names]
-        record = self.exchange_form("x\ny", files)
-        expected = Received({b"note": self.two_lines})
-        for number, (_, sent, received) in enumerate(names):
+        files = [str(self.make_file(name, content)) for name, _, _, content in rows]
+        text = "1 < 2 & b=c; 100 % + \u00fcx\ny"
+        record = self.exchange(self.send, text, files)
+        note = text.encode().replace(b"x\ny", self.two_lines)
+        expected = Received({b"note": note})
+        for number, (_, sent, received, content) in enumerate(rows):
             self.assertIn(b'; filename="%s"\r\n' % sent, record.body())
             if received:
-                upload = Upload(b"upload%d" % number, received, b"content of " + sent)
-                upload.add_to(expected)
+                Upload(b"upload%d" % number, received, content).add_to(expected)
         self.assertEqual(record.received(), expected)
 
 
