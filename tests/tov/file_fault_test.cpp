@@ -6,6 +6,7 @@
 #include <tov/file.h>
 
 #include <cstring>
+#include <fstream>
 #include <set>
 #include <string_view>
 #include <tuple>
@@ -236,10 +237,10 @@ TEST_P(CopyingMove, ThatIsKilledAtAnyCallLosesNothing) {
 }
 
 TEST_P(CopyingMove, LeavesNothingWhateverCallFails) {
+  std::set<std::string> errors;
   int calls = 0;
   for (bool failed = true; failed; ++calls) {
     SCOPED_TRACE("call " + std::to_string(calls));
-    failed = false;
     const Outcome outcome = Child().Run([&](const Reporter& report) {
       RunHere(At(calls,
                  [&] {
@@ -253,11 +254,27 @@ TEST_P(CopyingMove, LeavesNothingWhateverCallFails) {
       ExpectMoved(outcome);
     } else {
       ExpectNotMoved(outcome);
-      EXPECT_TRUE(outcome.error.ends_with(std::strerror(EIO))) << outcome.error;
+      errors.insert(outcome.error);
     }
     StartAgain();
   }
   EXPECT_GT(calls, 12);
+  const std::string source = "'" + Source() + "'";
+  const std::string move = "cannot move " + source;
+  // An unnamed file that cannot be made or linked is replaced by a named one.
+  std::set<std::string> expected = {
+      move, move + " to '" + Target() + "'", "cannot open " + source,
+      "cannot read " + source, "cannot remove " + source};
+  for (const char* what :
+       {"write", "set the owner of", "set the permissions of"}) {
+    expected.insert(std::string("cannot ") + what + " '" + Target() + "'");
+  }
+  if (ByName()) expected.insert("cannot make a file beside '" + Target() + "'");
+  std::set<std::string> with_reason;
+  for (const std::string& error : expected) {
+    with_reason.insert(error + ": " + std::strerror(EIO));
+  }
+  EXPECT_EQ(errors, with_reason);
 }
 
 TEST_P(CopyingMove, GoesOnAfterASignal) {
@@ -289,13 +306,26 @@ TEST_P(CopyingMove, RefusesATargetThatHasAppearedMeanwhile) {
       Run(Before("fsync", [&] { Folder().MakeFile("target", "other"); })));
 }
 
+TEST_P(CopyingMove, CopiesNoMoreThanThereWasAtTheBeginning) {
+  ExpectMovedByItsWay(Run(Before("write", [&] {
+    std::ofstream(Source(), std::ios::app) << "what comes later";
+  })));
+}
+
 // Else the file would be lost: the copy would be taken back.
-TEST_P(CopyingMove, IsDoneWhenSomebodyElseRemovesTheSource) {
+TEST_P(CopyingMove, IsDoneWhenSomebodyElseRemovesOrReplacesTheSource) {
   for (const char* moment : {"fsync", "unlink"}) {
     SCOPED_TRACE(moment);
     ExpectMoved(Run(Before(moment, [&] { fs::remove(Source()); })));
     StartAgain();
   }
+  const Outcome outcome = Run(Before("fsync", [&] {
+    fs::remove(Source());
+    SourceFolder().MakeFile("source", "another");
+  }));
+  EXPECT_EQ(ReadFile(Source()), "another");
+  fs::remove(Source());
+  ExpectMoved(outcome);
 }
 
 std::set<int> OpenDescriptors() {
@@ -385,27 +415,25 @@ TEST_P(UnnamedCopy, RefusesATargetThatAppearsAtTheLastMoment) {
   }));
 }
 
-TEST_P(UnnamedCopy, NeedsNoProc) {
+// Others than root may need a file with a name.
+TEST_P(UnnamedCopy, OrItsReplacementNeedsNoProc) {
   if (!IsRoot()) GTEST_SKIP() << "needs root";
-  const Outcome outcome = Child().Run([&](const Reporter& report) {
-    support::MountPrivately("/proc", "size=4k");
-    RunHere(LetAll, report);
-  });
-  ExpectMovedByItsWay(outcome);
-}
-
-TEST_P(UnnamedCopy, OrOneWithANameNeedsNoProcAsAnOrdinaryUser) {
-  if (!IsRoot()) GTEST_SKIP() << "needs root";
-  for (const Scratch* scratch : {&Folder(), &SourceFolder()}) {
-    fs::permissions(scratch->Path(), fs::perms{0777});
+  for (const bool is_root : {true, false}) {
+    for (const Scratch* scratch : {&Folder(), &SourceFolder()}) {
+      fs::permissions(scratch->Path(), fs::perms{0777});
+    }
+    const Outcome outcome = Child().Run([&](const Reporter& report) {
+      support::MountPrivately("/proc", "size=4k");
+      if (!is_root) {
+        ASSERT_EQ(::chown(Source().c_str(), 65534, 65534), 0);
+        BecomeOrdinaryUser();
+      }
+      RunHere(LetAll, report);
+    });
+    ExpectMoved(outcome);
+    if (is_root) ExpectWay(outcome);
+    StartAgain();
   }
-  ASSERT_EQ(::chown(Source().c_str(), 65534, 65534), 0);
-  const Outcome outcome = Child().Run([&](const Reporter& report) {
-    support::MountPrivately("/proc", "size=4k");
-    BecomeOrdinaryUser();
-    RunHere(LetAll, report);
-  });
-  ExpectMoved(outcome);
 }
 
 // On a file system whose rename cannot refuse to replace, and which does not
@@ -435,36 +463,31 @@ TEST(FailingMoveByLink, TakesTheNewNameBackAndReportsTheReason) {
 // An account puts something else in the place of a directory that root has just
 // made in its home, for root to change the attributes of.
 TEST(MkDirUnderAttack, ChangesNothingElse) {
-  using Put = int (*)(const std::string& victim, const std::string& path);
-  const Put put_link_to_folder = [](const std::string& victim,
-                                    const std::string& path) {
-    fs::create_directory(victim);
-    return ::symlink(victim.c_str(), path.c_str());
-  };
-  const Put put_hard_link = [](const std::string& victim,
-                               const std::string& path) {
-    const int file = ::creat(victim.c_str(), 0600);
-    return ::close(file) | ::link(victim.c_str(), path.c_str());
-  };
-  const Put put_fifo = [](const std::string& victim, const std::string& path) {
-    return ::mkfifo(victim.c_str(), 0600) |
-           ::link(victim.c_str(), path.c_str());
-  };
-  for (const auto& [bait, put] :
-       {std::pair("link to a folder", put_link_to_folder),
-        {"hard link to a file", put_hard_link},
-        {"FIFO", put_fifo}}) {
-    SCOPED_TRACE(bait);
+  using Put =
+      std::function<void(const std::string& victim, const std::string& path)>;
+  for (const Put& put :
+       {Put([](const std::string&victim, const std::string&path) {
+          fs::create_directory(victim);
+          fs::create_symlink(victim, path);
+        }),
+        Put([](const std::string&victim, const std::string&path) {
+          std::ofstream{victim};
+          fs::create_hard_link(victim, path);
+        }),
+        Put([](const std::string&victim, const std::string&path) {
+          ASSERT_EQ(::mkfifo(victim.c_str(), 0600), 0);
+          fs::create_hard_link(victim, path);
+        })}) {
     const Scratch scratch;
     const std::string victim = scratch / "victim";
     const std::string path = scratch / "new";
-    const Outcome outcome = Child().Run([&, put = put](const Reporter&) {
+    const Outcome outcome = Child().Run([&](const Reporter&) {
       // To open a FIFO can take for ever.
       ::alarm(10);
       const Watch watch(Before("open", [&] {
-        ASSERT_EQ(::rmdir(path.c_str()), 0);
-        ASSERT_EQ(put(victim, path), 0);
-        ASSERT_EQ(::chmod(victim.c_str(), 0700), 0);
+        fs::remove(path);
+        put(victim, path);
+        fs::permissions(victim, fs::perms{0700});
       }));
       const tov_file::Attrs attrs(0755);
       tov_file::MkDir(path, &attrs);

@@ -9,8 +9,6 @@
 #include <sys/wait.h>
 #include <tov/file.h>
 
-#include <cstring>
-#include <fstream>
 #include <ostream>
 #include <sstream>
 #include <tuple>
@@ -102,16 +100,22 @@ class Place {
 
  private:
   static void MakeVault(const Scratch& scratch) {
-    fs::permissions(scratch.MakeDir("vault/folder"), fs::perms{0755});
-    fs::permissions(scratch.MakeFile("vault/secret", kSecret), fs::perms{0600});
-    fs::permissions(scratch.MakeFile("vault/folder/upload", kSecret),
-                    fs::perms{0600});
-    fs::permissions(scratch.MakeFile("vault/program", "program"),
-                    fs::perms{06755});
-    // Kept from others by the folder only.
-    fs::permissions(scratch.MakeDir("vault/closed"), fs::perms{0700});
-    fs::permissions(scratch.MakeFile("vault/closed/secret", kSecret),
-                    fs::perms{0644});
+    scratch.MakeDir("vault/folder");
+    scratch.MakeDir("vault/closed");
+    scratch.MakeFile("vault/program", "program");
+    for (const char* secret : {"secret", "folder/upload", "closed/secret"}) {
+      scratch.MakeFile(std::string("vault/") + secret, kSecret);
+    }
+    for (const auto& [name, mode] : {std::pair("folder", 0755),
+                                     {"secret", 0600},
+                                     {"folder/upload", 0600},
+                                     {"program", 06755},
+                                     // Kept from others by the folder only.
+                                     {"closed", 0700},
+                                     {"closed/secret", 0644}}) {
+      fs::permissions(scratch / (std::string("vault/") + name),
+                      static_cast<fs::perms>(mode));
+    }
   }
 
   static void Give(const std::string& path) {
@@ -187,48 +191,27 @@ bool Put(const Bait& bait, const std::string& path, const std::string& vault) {
   return AsAccount(put) || (bait.put == PutHardLink && put());
 }
 
-/// When the account acts: before the call of this number, counted from the one
-/// after the first of this name.
-struct Moment {
-  int at = 0;
-  std::string after = {};
-};
-
-struct Attacked {
-  std::string error_type;
-  std::string error;
-  int calls = 0;
-  /// Whether the account could do what it wanted.
-  bool done = false;
-};
-
-/// Hands over as root while the account acts at one moment.
-Attacked Attack(const Place& place, Way way, const Moment& moment,
-                const std::function<bool()>& deed) {
-  Outcome outcome =
-      support::RunWithoutLeak(Child(), [&](const Reporter& report) {
-        // A process that waits for the other end of a FIFO does so for ever.
-        ::alarm(10);
-        report("calls", "0");
-        int calls = 0;
-        bool counts = moment.after.empty();
-        const Watch watch([&](const FileCall& call) {
-          if (counts && calls++ == moment.at) {
-            report("done", deed() ? "yes" : "no");
-          }
-          counts = counts || call.name == moment.after;
-          report("calls", std::to_string(calls));
-          if (way == Way::kLink && call.name == "renameat2") return EINVAL;
-          const bool named =
-              way == Way::kCopyByName && call.name == "O_TMPFILE";
-          return named ? EOPNOTSUPP : 0;
-        });
-        tov_file::Attrs(0644, kAccount, kGroup).SafeSet(place.Source(), false);
-        tov_file::Move(place.Source(), place.Target());
-      });
-  return {outcome.error_type, outcome.error,
-          std::stoi(outcome.reported["calls"]),
-          outcome.reported["done"] == "yes"};
+/// Hands over as root while the account acts before the call of this number,
+/// counted from the one after the first call named @p after. Reports the number
+/// of "calls", and "done" if the account could do what it wanted.
+Outcome Attack(const Place& place, Way way, int at, const std::string& after,
+               const std::function<bool()>& deed) {
+  return support::RunWithoutLeak(Child(), [&](const Reporter& report) {
+    // A process that waits for the other end of a FIFO does so for ever.
+    ::alarm(10);
+    int calls = 0;
+    bool counts = after.empty();
+    const Watch watch([&](const FileCall& call) {
+      if (counts && calls++ == at && deed()) report("done", "yes");
+      counts = counts || call.name == after;
+      report("calls", std::to_string(calls));
+      if (way == Way::kLink && call.name == "renameat2") return EINVAL;
+      const bool named = way == Way::kCopyByName && call.name == "O_TMPFILE";
+      return named ? EOPNOTSUPP : 0;
+    });
+    tov_file::Attrs(0644, kAccount, kGroup).SafeSet(place.Source(), false);
+    tov_file::Move(place.Source(), place.Target());
+  });
 }
 
 /// Whether the account may read a file that lies in a folder of its own.
@@ -332,92 +315,17 @@ TEST_P(MoveUnderAttack, GivesNothingAway) {
     SCOPED_TRACE("before call " + std::to_string(at));
     const Place place(IsCopy(TheWay()));
     const Strings roots_files = place.RootsFiles();
-    const Attacked attacked =
-        Attack(place, TheWay(), {at, TheAim().after},
-               [&] { return Exchange((place.*TheAim().path)(), place); });
-    calls = std::max(calls, attacked.calls);
-    done += attacked.done ? 1 : 0;
-    EXPECT_TRUE(attacked.error_type.empty() ||
-                attacked.error_type == "tov_err::Error")
-        << attacked.error_type << ": " << attacked.error;
+    const Outcome outcome = Attack(place, TheWay(), at, TheAim().after, [&] {
+      return Exchange((place.*TheAim().path)(), place);
+    });
+    calls = std::max(calls, std::stoi(outcome.reported.at("calls")));
+    done += outcome.reported.contains("done") ? 1 : 0;
+    EXPECT_TRUE(outcome.error_type.empty() ||
+                outcome.error_type == "tov_err::Error")
+        << outcome.error_type << ": " << outcome.error;
     ExpectNoGain(place, roots_files);
   }
   EXPECT_GT(done, 0) << "the account had no opportunity";
-}
-
-class MoveAndAttack : public testing::Test {
- protected:
-  void SetUp() override {
-    if (!IsRoot()) GTEST_SKIP() << "needs root";
-    const std::string lack = WhyNoOtherFileSystem();
-    if (!lack.empty()) GTEST_SKIP() << lack;
-  }
-};
-
-TEST_F(MoveAndAttack, LeavesWhatHasTakenThePlaceOfACopiedSource) {
-  const Place place(true);
-  const Attacked attacked = Attack(place, Way::kCopy, {0, "fsync"}, [&] {
-    return AsAccount([&] {
-      return ::unlink(place.Source().c_str()) == 0 &&
-             PutFile(place.Source().c_str());
-    });
-  });
-  EXPECT_TRUE(attacked.done);
-  EXPECT_EQ(attacked.error, "");
-  EXPECT_EQ(ReadFile(place.Source()), "own");
-  EXPECT_EQ(ReadFile(place.Target()), std::string(kSize, 'u'));
-}
-
-TEST_F(MoveAndAttack, CopiesNoMoreThanThereWasAtTheBeginning) {
-  const Place place(true);
-  const Attacked attacked = Attack(place, Way::kCopy, {0, "write"}, [&] {
-    return AsAccount([&] {
-      std::ofstream source(place.Source(), std::ios::app);
-      return bool{source << std::string(kSize, 'x') << std::flush};
-    });
-  });
-  EXPECT_TRUE(attacked.done);
-  EXPECT_EQ(attacked.error, "");
-  EXPECT_EQ(ReadFile(place.Target()), std::string(kSize, 'u'));
-}
-
-// To open a file can have effects, that of a tape or a FIFO for instance.
-TEST_F(MoveAndAttack, DoesNotOpenWhatALinkPointsTo) {
-  const Place place(true);
-  const std::string fifo = place.Vault() + "/fifo";
-  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-  const Attacked attacked = Attack(place, Way::kCopy, {0, "renameat2"}, [&] {
-    return AsAccount([&] {
-      return ::unlink(place.Source().c_str()) == 0 &&
-             ::symlink(fifo.c_str(), place.Source().c_str()) == 0;
-    });
-  });
-  EXPECT_TRUE(attacked.done);
-  EXPECT_NE(attacked.error.find(std::strerror(ELOOP)), std::string::npos)
-      << attacked.error;
-}
-
-TEST(CopyingMove, IsTakenBackWhenTheSourceCannotBeLookedAtAnyMore) {
-  const std::string lack = WhyNoOtherFileSystem();
-  if (!lack.empty()) GTEST_SKIP() << lack;
-  const Scratch from;
-  const Scratch to(kOtherFileSystem);
-  const std::string source = from.MakeFile("source", "x");
-  bool is_copied = false;
-  const Outcome outcome =
-      support::RunWithoutLeak(Child(), [&](const Reporter&) {
-        const Watch watch([&](const FileCall& call) {
-          if (call.name == "fsync") is_copied = true;
-          const bool is_last_look = call.name == "lstat" && call.path == source;
-          return is_copied && is_last_look ? EIO : 0;
-        });
-        tov_file::Move(source, to / "target");
-      });
-  EXPECT_EQ(outcome.error_type, "tov_err::Error");
-  EXPECT_EQ(outcome.error,
-            "cannot remove '" + source + "': " + std::strerror(EIO));
-  EXPECT_EQ(ReadFile(source), "x");
-  EXPECT_EQ(to.List(), Strings{});
 }
 
 }  // namespace
