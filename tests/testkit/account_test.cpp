@@ -1,21 +1,13 @@
 // Accounts that exist for one process only.
 
 #include <grp.h>
-#include <gtest/gtest.h>
 #include <pwd.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <zancgi/testing/account.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/identity.h>
 #include <zancgi/testing/program.h>
 #include <zancgi/testing/request.h>
 #include <zancgi/testing/response.h>
-#include <zancgi/testing/scratch.h>
 
-#include <filesystem>
-#include <string>
-#include <system_error>
+#include "support/test.h"
 
 namespace zan_cgi::testing {
 namespace {

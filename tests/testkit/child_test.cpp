@@ -1,21 +1,15 @@
 // A piece of a test in a process of its own.
 
-#include <gtest/gtest.h>
 #include <signal.h>
-#include <unistd.h>
 #include <zancgi/testing/backend.h>
-#include <zancgi/testing/child.h>
 #include <zancgi/testing/log.h>
 #include <zancgi/testing/request.h>
-#include <zancgi/zancgi.h>
 
 #include <chrono>
-#include <stdexcept>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "support/signals.h"
+#include "support/test.h"
 
 namespace zan_cgi::testing {
 namespace {

@@ -44,55 +44,38 @@ TEST(Request, DeclaresTheLengthOfItsBodyByDefault) {
 }
 
 TEST(Form, IsWhatBrowsersSend) {
-  const Form form = Form().Field("a", "1").File("b\"", "c\r\n.txt", "2", "d/e");
+  const Form form = Form()
+                        .Field("a\nb", "1\n2\r3\r\n4\n\r")
+                        .File("f\"", "c\r\n.txt", "1\n2\r", "d/e")
+                        .Field("a\nb", "2")
+                        .File("f\"", "b\nc", "x")
+                        .EmptyFile("g");
   EXPECT_EQ(form.ContentType(),
             "multipart/form-data; boundary=----ZancgiTesting");
   EXPECT_EQ(form.Body(),
             "------ZancgiTesting\r\n"
-            "Content-Disposition: form-data; name=\"a\"\r\n\r\n1\r\n"
+            "Content-Disposition: form-data; name=\"a%0D%0Ab\"\r\n\r\n"
+            "1\r\n2\r\n3\r\n4\r\n\r\n\r\n"
             "------ZancgiTesting\r\n"
-            "Content-Disposition: form-data; name=\"b%22\"; "
+            "Content-Disposition: form-data; name=\"f%22\"; "
             "filename=\"c%0D%0A.txt\"\r\n"
-            "Content-Type: d/e\r\n\r\n2\r\n"
+            "Content-Type: d/e\r\n\r\n1\n2\r\r\n"
+            "------ZancgiTesting\r\n"
+            "Content-Disposition: form-data; name=\"a%0D%0Ab\"\r\n\r\n2\r\n"
+            "------ZancgiTesting\r\n"
+            "Content-Disposition: form-data; name=\"f%22\"; "
+            "filename=\"b%0Ac\"\r\n"
+            "Content-Type: application/octet-stream\r\n\r\nx\r\n"
+            "------ZancgiTesting\r\n"
+            "Content-Disposition: form-data; name=\"g\"; filename=\"\"\r\n"
+            "Content-Type: application/octet-stream\r\n\r\n\r\n"
             "------ZancgiTesting--\r\n");
-}
-
-TEST(Form, MakesLineEndsOfNamesAndValuesCrLf) {
-  const Form form = Form().Field("a\nb", "1\n2\r3\r\n4\n\r");
-  EXPECT_NE(form.Body().find("name=\"a%0D%0Ab\"\r\n\r\n"
-                             "1\r\n2\r\n3\r\n4\r\n\r\n\r\n--"),
-            std::string::npos)
-      << form.Body();
   EXPECT_EQ(form.UrlEncodedItems(),
-            (Items{{"a\r\nb", "1\r\n2\r\n3\r\n4\r\n\r\n"}}));
-}
-
-TEST(Form, LeavesContentsAndFileNamesAsTheyAre) {
-  EXPECT_NE(
-      Form()
-          .File("a", "b\nc", "1\n2\r")
-          .Body()
-          .find("filename=\"b%0Ac\"\r\n"
-                "Content-Type: application/octet-stream\r\n\r\n1\n2\r\r\n--"),
-      std::string::npos);
-}
-
-TEST(Form, HasRepeatedNamesInTheOrderAdded) {
-  const Form form = Form()
-                        .Field("a", "1")
-                        .File("f", "x.txt", "x")
-                        .Field("a", "2")
-                        .File("f", "y.txt", "y")
-                        .EmptyFile("g");
-  EXPECT_EQ(UrlEncoded(form.UrlEncodedItems()), "a=1&f=x.txt&a=2&f=y.txt&g=");
-  std::size_t at = 0;
-  for (const char* part : {"name=\"a\"\r\n\r\n1\r\n", "filename=\"x.txt\"",
-                           "\r\n\r\n2\r\n", "filename=\"y.txt\"",
-                           "name=\"g\"; filename=\"\"\r\nContent-Type: "
-                           "application/octet-stream\r\n\r\n\r\n--"}) {
-    at = form.Body().find(part, at);
-    ASSERT_NE(at, std::string::npos) << part;
-  }
+            (Items{{"a\r\nb", "1\r\n2\r\n3\r\n4\r\n\r\n"},
+                   {"f\"", "c\r\n.txt"},
+                   {"a\r\nb", "2"},
+                   {"f\"", "b\r\nc"},
+                   {"g", ""}}));
 }
 
 TEST(Form, CannotUrlEncodeAPartThatIsGivenAsItIs) {

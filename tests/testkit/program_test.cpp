@@ -1,27 +1,17 @@
 // A front end run as a program, and what is said of how it ends.
 
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
-#include <unistd.h>
 #include <zancgi/testing/backend.h>
-#include <zancgi/testing/child.h>
 #include <zancgi/testing/form.h>
-#include <zancgi/testing/identity.h>
 #include <zancgi/testing/program.h>
 #include <zancgi/testing/request.h>
-#include <zancgi/testing/scratch.h>
 
 #include <chrono>
-#include <cstddef>
-#include <filesystem>
 #include <iterator>
-#include <stdexcept>
-#include <string>
-#include <system_error>
-#include <utility>
-#include <vector>
+
+#include "support/test.h"
 
 namespace zan_cgi::testing {
 namespace {
@@ -245,7 +235,7 @@ TEST(Program, LogsAtTheLevelThatIsSet) {
 Response Ask(Backend& backend) {
   return Program(ODD_FRONT)
       .With(backend)
-      .TimeLimit(milliseconds(3000))
+      .TimeLimit(milliseconds(1500))
       .Run(Get("/", "ask"));
 }
 

@@ -1,10 +1,4 @@
-#include <gtest/gtest.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/identity.h>
-#include <zancgi/testing/scratch.h>
-
-#include <filesystem>
-#include <string>
+#include "support/test.h"
 
 namespace zan_cgi::testing {
 namespace {
