@@ -2,7 +2,6 @@
 /// A Cookie header, compared with a reader of its own.
 #include <zancgi/zancgi.h>
 
-#include <algorithm>
 #include <string>
 #include <string_view>
 
@@ -19,14 +18,11 @@ using fuzz::StringMap;
 StringMap ExpectedOf(std::string_view header) {
   StringMap cookies;
   while (!header.empty()) {
-    const std::size_t end = std::min(header.find(';'), header.size());
-    const std::string_view piece = header.substr(0, end);
-    header.remove_prefix(std::min(end + 1, header.size()));
+    const std::string_view piece = plain::TakeWord(header, ";");
     if (piece.empty()) continue;
-    const std::string_view cookie = plain::Trim(piece);
-    const std::size_t name = std::min(cookie.find('='), cookie.size());
-    const std::size_t value = std::min(name + 1, cookie.size());
-    cookies[std::string(cookie.substr(0, name))] = cookie.substr(value);
+    std::string_view value = plain::Trim(piece);
+    const std::string name(plain::TakeWord(value, "="));
+    cookies[name] = value;
   }
   return cookies;
 }

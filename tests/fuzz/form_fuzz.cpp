@@ -3,6 +3,7 @@
 ///
 /// An input can be read and written by hand: a line "Content-Type: ...", which
 /// ends in CR LF, and the body.
+#include <gtest/gtest-printers.h>
 #include <zancgi/testing/scratch.h>
 
 #include <cstddef>
@@ -39,18 +40,6 @@ plain::FormRequest ToRequest(std::string_view input) {
   return request;
 }
 
-std::string Shown(const plain::PlainForm& form) {
-  std::string shown = std::to_string(form.status);
-  for (const auto& [name, value] : form.fields) {
-    shown += "\n  " + fuzz::Shown(name) + " = " + fuzz::Shown(value);
-  }
-  for (const auto& [field, name, type, content] : form.uploads) {
-    shown += "\n  " + fuzz::Shown(field) + ": " + fuzz::Shown(name) + " " +
-             fuzz::Shown(type) + " = " + fuzz::Shown(content);
-  }
-  return shown;
-}
-
 /// A form that breaks a rule and a limit may be refused for either.
 bool AreAlike(const plain::PlainForm& a, const plain::PlainForm& b) {
   return a == b || (a.status != 0 && b.status != 0);
@@ -62,9 +51,9 @@ void Compare(const plain::FormRequest& request, const std::string& folder,
   try {
     const plain::PlainForm form = plain::ReadByProduct(request, folder, sizes);
     if (AreAlike(form, wanted)) return;
-    fuzz::ReportFinding("is " + Shown(form) + "\nshould be " + Shown(wanted) +
-                        "\nof " + fuzz::Shown(request.content_type) + " " +
-                        fuzz::Shown(request.body));
+    fuzz::ReportFinding("is " + testing::PrintToString(form) + "\nshould be " +
+                        testing::PrintToString(wanted) + "\nof " +
+                        plain::Describe(request));
   } catch (const std::exception& error) {
     fuzz::ReportFinding(error.what());
   }

@@ -8,8 +8,6 @@
 namespace fuzz {
 namespace {
 
-constexpr std::size_t kShownLimit = 2000;
-
 /// The lowest free descriptor, which goes up when one is left open.
 int LowestFreeDescriptor() {
   const int descriptor = ::dup(STDERR_FILENO);
@@ -18,32 +16,6 @@ int LowestFreeDescriptor() {
 }
 
 }  // namespace
-
-std::string Shown(std::string_view text) {
-  std::string shown = "\"";
-  for (const char byte : text.substr(0, kShownLimit)) {
-    const auto value = static_cast<unsigned char>(byte);
-    if (value >= 0x20 && value < 0x7f && byte != '"' && byte != '\\') {
-      shown += byte;
-      continue;
-    }
-    char escape[sizeof("\\xff")];
-    std::snprintf(escape, sizeof(escape), "\\x%02x", unsigned{value});
-    shown += escape;
-  }
-  if (text.size() > kShownLimit) shown += "...";
-  return shown + "\" (" + std::to_string(text.size()) + " bytes)";
-}
-
-std::string Shown(const StringMap& map) {
-  std::string shown = "{";
-  for (const auto& [name, value] : map) {
-    shown += "\n    " + Shown(name) + ": " + Shown(value);
-  }
-  return shown + "}";
-}
-
-std::string Shown(std::int64_t number) { return std::to_string(number); }
 
 void ReportFinding(const std::string& account) {
   std::fprintf(stderr, "FOUND: %s\n", account.c_str());

@@ -3,6 +3,8 @@
 #ifndef ZANCGI_TESTS_FUZZ_HARNESS_H
 #define ZANCGI_TESTS_FUZZ_HARNESS_H
 
+#include <gtest/gtest-printers.h>
+
 #include <cstdint>
 #include <map>
 #include <string>
@@ -11,11 +13,6 @@
 namespace fuzz {
 
 using StringMap = std::map<std::string, std::string>;
-
-/// Quotes a text and writes unprintable bytes as escapes; a long text is cut.
-std::string Shown(std::string_view text);
-std::string Shown(const StringMap& map);
-std::string Shown(std::int64_t number);
 
 /// Ends the process with an account of what was found, which makes libFuzzer
 /// keep the input.
@@ -30,8 +27,9 @@ inline void Expect(bool holds, const char* promise) {
 template <class Value>
 void ExpectEqual(const char* what, const Value& actual, const Value& expected) {
   if (actual == expected) return;
-  ReportFinding(std::string(what) + "\n  is        " + Shown(actual) +
-                "\n  should be " + Shown(expected));
+  ReportFinding(std::string(what) + "\n  is        " +
+                testing::PrintToString(actual) + "\n  should be " +
+                testing::PrintToString(expected));
 }
 
 /// Takes the first line, without its LF, off the front of an input. Without an

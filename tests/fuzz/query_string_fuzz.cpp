@@ -30,10 +30,8 @@ struct Expected {
   std::size_t warnings = 0;
 };
 
-void AddPair(std::string_view item, Expected& expected) {
-  const std::size_t equals = std::min(item.find('='), item.size());
-  const std::string name = plain::UrlDecode(item.substr(0, equals));
-  const std::string_view value = item.substr(std::min(equals + 1, item.size()));
+void AddPair(std::string_view value, Expected& expected) {
+  const std::string name = plain::UrlDecode(plain::TakeWord(value, "="));
   if (name.empty()) {
     if (!value.empty()) ++expected.warnings;
   } else if (expected.params.contains(name)) {
@@ -45,11 +43,7 @@ void AddPair(std::string_view item, Expected& expected) {
 
 Expected ExpectedOf(std::string_view query) {
   Expected expected;
-  for (std::size_t begin = 0; begin <= query.size();) {
-    const std::size_t end = std::min(query.find('&', begin), query.size());
-    AddPair(query.substr(begin, end - begin), expected);
-    begin = end + 1;
-  }
+  while (!query.empty()) AddPair(plain::TakeWord(query, "&"), expected);
   return expected;
 }
 

@@ -8,35 +8,32 @@
 #include <string>
 #include <utility>
 
-#include "plain/dice.h"
+#include "plain/maker.h"
 #include "plain/plain_parser.h"
 
 namespace plain {
 
-class BodyMaker : Dice {
+class BodyMaker : Maker {
  public:
   /// @param directory  an existing folder for uploads
   BodyMaker(std::uint64_t seed, std::string directory)
-      : Dice(seed), directory_(std::move(directory)) {}
+      : Maker(seed, TheGrammar()), directory_(std::move(directory)) {}
 
   /// Returns a different request at each call.
   Request Make() {
-    boundary_ = BoundaryValue();
+    const std::string boundary =
+        Chance(2) ? std::string(Below(200), 'x') : Text("usual boundary");
+    SetBoundary(boundary);
+    Set("long", {std::string(Below(Chance(3) ? 200'000 : 10), 'z')});
     Request request;
-    request.content_type = "multipart/form-data; boundary=" + boundary_;
-    if (Chance(3)) request.content_type += "; charset=utf-8";
-    if (Chance(4)) request.content_type = "application/x-www-form-urlencoded";
+    request.content_type = Text("type");
     request.tmp_dir = directory_;
-    if (Chance(3)) {
-      request.tmp_dir.clear();
-      request.tmp = directory_;
-    }
-    request.input.bytes = Chance(4) ? QueryString() : Body();
+    if (Chance(3)) request.tmp.swap(request.tmp_dir);
+    request.input.bytes = Chance(4) ? Text("query") : Text("body");
     if (Chance(20)) Damage(request.input.bytes);
     request.input.hangs_up = Chance(95);
     const bool has_boundary =
-        !boundary_.empty() &&
-        request.content_type.find("boundary=") != std::string::npos;
+        !boundary.empty() && request.content_type.starts_with("multipart");
     CutIntoReads(has_boundary, request.input);
     DeclareLength(request);
     DisturbStorage(request);
@@ -44,102 +41,57 @@ class BodyMaker : Dice {
   }
 
  private:
-  std::string BoundaryValue() {
-    if (Chance(2)) return std::string(Below(200), 'x');
-    return OneOf(
-        "B|B|B|XY|XY|XY|XY|abcabc|-|--|---B|B--||\rB|a\rb|\r\n--|a b|\"B\"|"
-        "----WebKitFormBoundary7MA4YWxkTrZu0gW");
-  }
-
-  std::string Body() {
-    std::string body;
-    if (Chance(10)) body += Content();
-    if (Chance(5)) body += "\r\n";
-    for (std::size_t parts = Below(5); parts > 0; --parts) body += Part();
-    body += "--" + boundary_;
-    body += OneOf("--\r\n|--\r\n|--\r\n|--||\r\n|\r\n\r\n");
-    if (Chance(8)) body += Content();
-    if (Chance(5)) body += Part();
-    return body;
-  }
-
-  std::string Part() {
-    std::string part = "--" + boundary_;
-    part += Chance(95) ? "\r\n" : OneOf("|\n| \r\n|--\r\n");
-    return part + Headers() + "\r\n" + Content() + "\r\n";
-  }
-
-  std::string Headers() {
-    std::string lines;
-    if (Chance(10)) lines += "Content-Type: text/plain\r\n";
-    if (Chance(95)) lines += DispositionLine();
-    if (Chance(10)) lines += DispositionLine();
-    if (Chance(30)) lines += "Content-Type: application/octet-stream\r\n";
-    if (Chance(5)) lines += Piece() + "\r\n";
-    return lines;
-  }
-
-  std::string DispositionLine() {
-    const std::string header = "Content-Disposition: form-data; ";
-    std::string line = Chance(60) ? header
-                                  : OneOf(
-                                        "Content-Disposition:  form-data ; |"
-                                        "Content-Disposition: form-data;; |"
-                                        "Content-Disposition: attachment; |"
-                                        "content-disposition: form-data; ");
-    const std::string name = OneOf(
-        "name=\"a\"|name=\"b\"|name=\"a\"|name=\"b\"|name=\"c\"|name=\"c\"|"
-        "name=\"a\"|name=\"a\"|name=\"filename\"|name=\"\"|name=a|"
-        "names=\"n\"|name = \"a\"|name=x=\"y\"|name=\"a|name=\"\r\"");
-    const std::string file = OneOf(
-        "filename=\"f\"|filename=\"g\"|filename=\"f\"|filename=\"\"|"
-        "filename=f|filename=\"x;y\"|filename=\"x;names.txt\"|"
-        "filename*=UTF-8''x|filename=\"a\\\"b\"|filename=\"%22\"");
-    if (Chance(5)) {
-      line += file + "; " + name;
-    } else {
-      line += name + Maybe(55, "; " + file);
-    }
-    return line + (Chance(97) ? "\r\n" : "\n");
-  }
-
-  std::string Content() {
-    std::string content;
-    for (std::size_t pieces = Below(8); pieces > 0; --pieces)
-      content += Piece();
-    if (Chance(1) && Chance(10)) content += std::string(Below(200'000), 'z');
-    return content;
-  }
-
-  std::string Piece() {
-    const std::string separator = "\r\n--" + boundary_;
-    if (Chance(20)) return separator.substr(0, Below(separator.size()));
-    if (Chance(1)) return separator;
-    if (Chance(5)) return {'\0'};
-    return OneOf(
-        "\r|\n|\r\n|\r\r\n|-|--|\r\n-|\r\n--|\n\n|x|text|a=1&b=2|\xff|&|=|"
-        "%41+|Content-Disposition: ");
-  }
-
-  std::string QueryString() {
-    std::string query;
-    for (std::size_t items = Below(6); items > 0; --items) {
-      query += OneOf("a=1&|b=2&|a=%41&|&|=x&|c&|a+b=c+d&|%61=1&|d=e=f&|a=%zz");
-    }
-    return query;
-  }
-
-  void Damage(std::string& body) {
-    for (std::size_t wounds = 1 + Below(3); wounds > 0 && !body.empty();
-         --wounds) {
-      const std::size_t at = Below(body.size());
-      const std::size_t kind = Below(5);
-      if (kind == 0) body.erase(at, 1 + Below(3));
-      if (kind == 1) body.insert(at, Piece());
-      if (kind == 2) body.resize(at);
-      if (kind == 3) body.insert(at, body, Below(body.size()), Below(40));
-      if (kind == 4) body[at] = static_cast<char>(Below(256));
-    }
+  static Grammar TheGrammar() {
+    using namespace std::string_literals;
+    return {
+        {"usual boundary",
+         "4*XY|3*B|abcabc|-|--|---B|B--||\rB|a\rb|\r\n--|a b|\"B\"|"
+         "----WebKitFormBoundary7MA4YWxkTrZu0gW"},
+        {"type",
+         "30*multipart/form-data; boundary={boundary}|"
+         "multipart/form-data; boundary={boundary}; charset=utf-8|"
+         "application/x-www-form-urlencoded"},
+        {"odd length", "|0|-1|-70000|+5| 5|5 |0x10|5,5|x"},
+        {"query", "|3*{item}{query}"},
+        {"item", "a=1&|b=2&|a=%41&|&|=x&|c&|a+b=c+d&|%61=1&|d=e=f&|a=%zz"},
+        {"body", "{preamble}{parts}--{boundary}{end}{epilogue}"},
+        {"preamble", "16*|2*{content}|\r\n|{content}\r\n"},
+        {"parts", "|2*{part}|2*{part}{part}{parts}"},
+        {"end", "3*--\r\n|--||\r\n|\r\n\r\n"},
+        {"epilogue", "16*|2*{content}|{part}"},
+        {"part", "--{boundary}{line end}{headers}\r\n{content}\r\n"},
+        {"line end", "75*\r\n||\n| \r\n|--\r\n"},
+        {"headers",
+         "9*{disposition}|{header}{disposition}|3*{disposition}{header}|"
+         "{header}{disposition}{header}|{disposition}{disposition}|{header}"},
+        {"header",
+         "4*Content-Type: text/plain\r\n|"
+         "4*Content-Type: application/octet-stream\r\n|{piece}\r\n"},
+        {"disposition",
+         "8*{kind}{name}\r\n|12*{kind}{name}; {file}\r\n|"
+         "{kind}{file}; {name}\r\n|{kind}{name}\n"},
+        {"kind",
+         "7*Content-Disposition: form-data; |"
+         "Content-Disposition:  form-data ; |"
+         "Content-Disposition: form-data;; |"
+         "Content-Disposition: attachment; |"
+         "content-disposition: form-data; "},
+        {"name",
+         "4*name=\"a\"|2*name=\"b\"|2*name=\"c\"|name=\"filename\"|"
+         "name=\"\"|name=a|names=\"n\"|name = \"a\"|name=x=\"y\"|name=\"a|"
+         "name=\"\r\""},
+        {"file",
+         "2*filename=\"f\"|filename=\"g\"|filename=\"\"|filename=f|"
+         "filename=\"x;y\"|filename=\"x;names.txt\"|filename*=UTF-8''x|"
+         "filename=\"a\\\"b\"|filename=\"%22\""},
+        {"content", "|3*{piece}{content}"},
+        {"piece",
+         "20*{begun}|5*{odd piece}|2*\0|5*\r|5*\n|9*\r\n|5*\r\r\n|5*-|5*--|"
+         "5*\r\n-|5*\r\n--|5*\n\n|5*x|5*text|5*a=1&b=2|5*\xff|5*&|5*=|5*%41+|"
+         "5*Content-Disposition: |{long}"s},
+        {"odd piece", "{ended}|{line break}--{boundary}"},
+        {"line break", "3*\r\n|\n|\r|\n\r|\r\r\n|"},
+    };
   }
 
   void CutIntoReads(bool has_boundary, Input& input) {
@@ -169,7 +121,7 @@ class BodyMaker : Dice {
     if (Chance(6)) declared = Below(size + 1);
     request.content_length = std::to_string(declared);
     if (Chance(1)) {
-      request.content_length = OneOf("|0|-1|-70000|+5| 5|5 |0x10|5,5|x");
+      request.content_length = Text("odd length");
     }
   }
 
@@ -184,7 +136,6 @@ class BodyMaker : Dice {
   }
 
   std::string directory_;
-  std::string boundary_;
 };
 
 }  // namespace plain

@@ -1,36 +1,22 @@
 // Compares the library's parser of POST bodies with the plain one: for random
 // bodies, and for bodies cut at every place.
 
-#include <gtest/gtest.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/scratch.h>
-
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
 #include <iostream>
-#include <map>
-#include <string>
-#include <vector>
 
 #include "plain/body_maker.h"
 #include "plain/plain_parser.h"
 #include "plain/product.h"
-#include "support/clean_run.h"
 #include "support/fast_folder.h"
 #include "support/form.h"
+#include "support/test.h"
 #include "support/variable.h"
 
 namespace plain {
 namespace {
 
-using support::Field;
-using support::kForm;
-using support::kFormEnd;
-using support::Part;
-using support::Upload;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Scratch;
+using namespace support;  // NOLINT(google-build-using-namespace)
 
 #ifdef __SANITIZE_ADDRESS__
 constexpr std::size_t kRandomCases = 20'000;
@@ -64,7 +50,7 @@ class Comparison {
     if (plain.sleeps > 0) ++counts_["pauses"];
     const std::string difference = Difference(plain, RunProduct(request));
     EXPECT_EQ(difference, "") << Describe(request);
-    EXPECT_EQ(scratch_.List(), std::vector<std::string>())
+    EXPECT_EQ(scratch_.List(), Strings{})
         << "left behind by " << Describe(request);
   }
 
@@ -74,7 +60,7 @@ class Comparison {
   void CheckSpin(const Request& request) {
     EXPECT_TRUE(ProductSpins(request)) << Describe(request);
     for (const std::string& left : scratch_.List()) {
-      std::filesystem::remove(scratch_ / left);
+      fs::remove(scratch_ / left);
     }
   }
 
@@ -86,17 +72,16 @@ class Comparison {
 /// returns its counts.
 template <class Body>
 Counts Compare(const Body& body) {
-  const Scratch scratch(support::FastFolder());
-  const auto outcome =
-      support::RunCleanly(Child().TimeLimit(std::chrono::hours(1)),
-                          [&](const zan_cgi::testing::Reporter& report) {
-                            Counts counts;
-                            Comparison comparison(scratch, counts);
-                            body(comparison, scratch.Path());
-                            for (const auto& [what, count] : counts) {
-                              report(what, std::to_string(count));
-                            }
-                          });
+  const Scratch scratch(FastFolder());
+  const auto outcome = RunCleanly(Child().TimeLimit(std::chrono::hours(1)),
+                                  [&](const Reporter& report) {
+                                    Counts counts;
+                                    Comparison comparison(scratch, counts);
+                                    body(comparison, scratch.Path());
+                                    for (const auto& [what, count] : counts) {
+                                      report(what, std::to_string(count));
+                                    }
+                                  });
   Counts counts;
   for (const auto& [what, count] : outcome.reported) {
     counts[what] = std::stoul(count);
@@ -108,10 +93,9 @@ class RandomBodies : public testing::TestWithParam<std::size_t> {};
 
 TEST_P(RandomBodies, AreParsedAlike) {
   const std::size_t cases =
-      support::NumberInVariable("ZANCGI_RANDOM_CASES", kRandomCases) / kShards;
+      NumberInVariable("ZANCGI_RANDOM_CASES", kRandomCases) / kShards;
   const std::size_t seed =
-      support::NumberInVariable("ZANCGI_RANDOM_SEED", 20261121) * kShards +
-      GetParam();
+      NumberInVariable("ZANCGI_RANDOM_SEED", 20261121) * kShards + GetParam();
   Counts counts =
       Compare([&](Comparison& comparison, const std::string& folder) {
         BodyMaker maker(seed, folder);
@@ -144,7 +128,7 @@ const NamedBody kShortBodies[] = {
     {"Upload", kForm,
      Part("name=\"u\"; filename=\"f\"\r\nContent-Type: text/plain", "x\r\n-y") +
          kFormEnd},
-    {"QueryString", "application/x-www-form-urlencoded", "a=1&b=%41+c&=x&d"},
+    {"QueryString", kEncoded, "a=1&b=%41+c&=x&d"},
     {"EmptyUpload", kForm, Upload("u", "f", "") + kFormEnd},
     {"BoundaryWithCr", "multipart/form-data; boundary=\rX",
      "--\rX\r\nContent-Disposition: form-data; name=\"u\"; filename=\"f\"\r\n"
@@ -185,54 +169,53 @@ Request ToRequest(const NamedBody& body, const std::string& folder) {
   return request;
 }
 
-class CutBody : public testing::TestWithParam<NamedBody> {};
+using Reads = std::vector<std::size_t>;
 
-TEST_P(CutBody, IsParsedAlikeWithOneCut) {
-  Counts counts =
-      Compare([](Comparison& comparison, const std::string& folder) {
-        Request request = ToRequest(GetParam(), folder);
-        comparison.Check(request);
-        for (std::size_t at = 1; at < request.input.bytes.size(); ++at) {
-          request.input.reads = {at};
-          comparison.Check(request);
-        }
-      });
-  EXPECT_EQ(counts["cases"], GetParam().bytes.size());
-}
-
-TEST_P(CutBody, IsParsedAlikeInPiecesOfOneSize) {
-  Compare([](Comparison& comparison, const std::string& folder) {
-    Request request = ToRequest(GetParam(), folder);
-    const std::size_t size = request.input.bytes.size();
-    for (std::size_t piece = 1; piece < size; ++piece) {
-      request.input.reads.assign(size / piece, piece);
+/// Compares a body that comes by each of these reads, and checks every so
+/// many-th case that never ends.
+Counts CompareReads(const NamedBody& body, const std::vector<Reads>& each,
+                    std::size_t spin_sample = kSpinSample,
+                    Nothing nothing = Nothing::kRead) {
+  return Compare([&](Comparison& comparison, const std::string& folder) {
+    comparison.spin_sample = spin_sample;
+    Request request = ToRequest(body, folder);
+    request.input.nothing = nothing;
+    for (const Reads& reads : each) {
+      request.input.reads = reads;
       comparison.Check(request);
     }
   });
 }
 
-TEST_P(CutBody, IsParsedAlikeWhenItEndsEarly) {
-  Counts counts =
-      Compare([](Comparison& comparison, const std::string& folder) {
-        const Request whole = ToRequest(GetParam(), folder);
-        for (std::size_t at = 0; at < whole.input.bytes.size(); ++at) {
-          Request request = whole;
-          request.input.bytes.resize(at);
-          comparison.Check(request);
-          request.content_length = std::to_string(at);
-          comparison.Check(request);
-        }
-      });
-  EXPECT_EQ(counts["cases"], 2 * GetParam().bytes.size());
+class CutBody : public testing::TestWithParam<NamedBody> {};
+
+TEST_P(CutBody, IsParsedAlikeInTwoOrMorePieces) {
+  const std::size_t size = GetParam().bytes.size();
+  std::vector<Reads> each;
+  for (std::size_t piece = 1; piece <= size; ++piece) {
+    each.push_back({piece});
+    each.emplace_back(size / piece, piece);
+  }
+  CompareReads(GetParam(), each);
 }
 
 TEST_P(CutBody, IsParsedAlikeWithAnEmptyRead) {
+  std::vector<Reads> each = {{0}};
+  for (std::size_t at = 1; at <= GetParam().bytes.size(); ++at) {
+    each.push_back({at, 0});
+  }
+  CompareReads(GetParam(), each, 10);
+}
+
+TEST_P(CutBody, IsParsedAlikeWhenItEndsEarly) {
   Compare([](Comparison& comparison, const std::string& folder) {
-    comparison.spin_sample = 10;
     Request request = ToRequest(GetParam(), folder);
-    for (std::size_t at = 0; at <= request.input.bytes.size(); ++at) {
-      request.input.reads = {at, 0};
-      if (at == 0) request.input.reads.pop_back();
+    const std::string whole_length = request.content_length;
+    while (!request.input.bytes.empty()) {
+      request.input.bytes.pop_back();
+      request.content_length = whole_length;
+      comparison.Check(request);
+      request.content_length = std::to_string(request.input.bytes.size());
       comparison.Check(request);
     }
   });
@@ -245,45 +228,33 @@ INSTANTIATE_TEST_SUITE_P(Long, CutBody, testing::ValuesIn(kBodies), NameOf);
 class ShortBody : public testing::TestWithParam<NamedBody> {};
 
 TEST_P(ShortBody, IsParsedAlikeWithTwoCuts) {
-  Compare([](Comparison& comparison, const std::string& folder) {
-    Request request = ToRequest(GetParam(), folder);
-    const std::size_t size = request.input.bytes.size();
-    for (std::size_t first = 1; first < size; ++first) {
-      for (std::size_t second = 1; second < size - first; ++second) {
-        request.input.reads = {first, second};
-        comparison.Check(request);
-      }
+  const std::size_t size = GetParam().bytes.size();
+  std::vector<Reads> each;
+  for (std::size_t first = 1; first < size; ++first) {
+    for (std::size_t second = 1; second < size - first; ++second) {
+      each.push_back({first, second});
     }
-  });
+  }
+  CompareReads(GetParam(), each);
 }
 
 INSTANTIATE_TEST_SUITE_P(, ShortBody, testing::ValuesIn(kShortBodies), NameOf);
 
-/// Returns one empty read before the first bytes, two after them, and one after
-/// the second bytes.
-std::vector<std::size_t> Paused(std::size_t first, std::size_t second) {
-  return {0, first, 0, 0, second, 0};
-}
-
 class ReadOfNothing : public testing::TestWithParam<Nothing> {};
 
 TEST_P(ReadOfNothing, WithoutABoundaryDelaysTheBodyOnly) {
-  Counts counts =
-      Compare([](Comparison& comparison, const std::string& folder) {
-        for (NamedBody body : {kShortBodies[2], kShortBodies[1]}) {
-          body.content_type = "application/x-www-form-urlencoded";
-          Request request = ToRequest(body, folder);
-          request.input.nothing = GetParam();
-          const std::size_t size = request.input.bytes.size();
-          for (std::size_t first = 1; first < size; ++first) {
-            for (std::size_t second = 1; second <= size - first; ++second) {
-              request.input.reads = Paused(first, second);
-              comparison.Check(request);
-            }
-          }
-        }
-      });
-  EXPECT_EQ(counts["pauses"], counts["cases"]);
+  for (NamedBody body : {kShortBodies[2], kShortBodies[1]}) {
+    body.content_type = kEncoded;
+    const std::size_t size = body.bytes.size();
+    std::vector<Reads> each;
+    for (std::size_t first = 1; first < size; ++first) {
+      for (std::size_t second = 1; second <= size - first; ++second) {
+        each.push_back({0, first, 0, 0, second, 0});
+      }
+    }
+    Counts counts = CompareReads(body, each, kSpinSample, GetParam());
+    EXPECT_EQ(counts["pauses"], each.size());
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(, ReadOfNothing,
@@ -291,16 +262,12 @@ INSTANTIATE_TEST_SUITE_P(, ReadOfNothing,
                                          Nothing::kSignal));
 
 TEST(EmptyRead, MakesTheParserSpinAtEachPlace) {
-  Counts counts =
-      Compare([](Comparison& comparison, const std::string& folder) {
-        comparison.spin_sample = 1;
-        Request request = ToRequest(kShortBodies[0], folder);
-        for (std::size_t at = 1; at < request.input.bytes.size(); ++at) {
-          request.input.reads = {at, 0};
-          comparison.Check(request);
-        }
-      });
-  EXPECT_EQ(counts["spins"], kShortBodies[0].bytes.size() - 1);
+  std::vector<Reads> each;
+  for (std::size_t at = 1; at < kShortBodies[0].bytes.size(); ++at) {
+    each.push_back({at, 0});
+  }
+  Counts counts = CompareReads(kShortBodies[0], each, 1);
+  EXPECT_EQ(counts["spins"], each.size());
 }
 
 }  // namespace

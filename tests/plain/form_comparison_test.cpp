@@ -1,35 +1,23 @@
 // Compares the library's Form with the plain one: by rules, for random forms,
 // and for forms cut at every place.
 
-#include <gtest/gtest.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/scratch.h>
-
 #include <chrono>
-#include <cstddef>
-#include <cstdint>
 #include <cstdlib>
-#include <filesystem>
-#include <functional>
 #include <initializer_list>
-#include <map>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "plain/form_maker.h"
 #include "plain/form_product.h"
 #include "plain/form_rows.h"
 #include "plain/plain_form.h"
-#include "support/clean_run.h"
 #include "support/fast_folder.h"
+#include "support/test.h"
 #include "support/variable.h"
 
 namespace plain {
 namespace {
 
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Scratch;
+using namespace support;  // NOLINT(google-build-using-namespace)
 
 #ifdef __SANITIZE_ADDRESS__
 constexpr std::size_t kRandomForms = 20'000;
@@ -41,10 +29,9 @@ constexpr std::size_t kShards = 4;
 /// Runs a body in a child with a folder for uploads and a time limit for any
 /// number of forms.
 void InChild(const std::function<void(const std::string& folder)>& body) {
-  const Scratch scratch(support::FastFolder());
-  support::RunCleanly(
-      Child().LogLevel(0).TimeLimit(std::chrono::hours(1)),
-      [&](const zan_cgi::testing::Reporter&) { body(scratch.Path()); });
+  const Scratch scratch(FastFolder());
+  RunCleanly(Child().LogLevel(0).TimeLimit(std::chrono::hours(1)),
+             [&](const Reporter&) { body(scratch.Path()); });
 }
 
 /// The status of two refusals may differ: a form that breaks a rule and exceeds
@@ -80,10 +67,9 @@ class RandomForms : public testing::TestWithParam<std::size_t> {};
 
 TEST_P(RandomForms, AreReadAlike) {
   const std::size_t count =
-      support::NumberInVariable("ZANCGI_RANDOM_CASES", kRandomForms) / kShards;
+      NumberInVariable("ZANCGI_RANDOM_CASES", kRandomForms) / kShards;
   const std::size_t seed =
-      support::NumberInVariable("ZANCGI_RANDOM_SEED", 20261122) * kShards +
-      GetParam();
+      NumberInVariable("ZANCGI_RANDOM_SEED", 20261122) * kShards + GetParam();
   InChild([&](const std::string& folder) {
     FormMaker maker(seed);
     std::mt19937_64 random(seed);

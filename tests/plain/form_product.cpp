@@ -1,5 +1,6 @@
 #include "plain/form_product.h"
 
+#include <gtest/gtest-printers.h>
 #include <poll.h>
 #include <sys/types.h>
 #include <zancgi/form.h>
@@ -7,6 +8,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <ostream>
 #include <stdexcept>
 #include <string_view>
 
@@ -15,6 +17,8 @@
 
 namespace plain {
 namespace {
+
+using testing::PrintToString;
 
 zan_cgi::Form::Limits LimitsOf(const PlainLimits& plain) {
   zan_cgi::Form::Limits limits;
@@ -53,6 +57,26 @@ PlainForm ReadForm(const FormRequest& request, const std::string& folder) {
 }
 
 }  // namespace
+
+void PrintTo(const PlainForm& form, std::ostream* out) {
+  *out << form.status;
+  for (const PlainField& field : form.fields) {
+    *out << " " << PrintToString(field.name) << "="
+         << PrintToString(field.value);
+  }
+  for (const PlainUpload& upload : form.uploads) {
+    *out << " " << PrintToString(upload.field) << ":"
+         << PrintToString(upload.name) << " (" << PrintToString(upload.type)
+         << ")=" << PrintToString(upload.content);
+  }
+}
+
+std::string Describe(const FormRequest& request) {
+  return request.method + " " + PrintToString(request.content_type) + " " +
+         PrintToString(request.query) + " " +
+         std::to_string(request.declared_length) + " " +
+         PrintToString(request.body);
+}
 
 PlainForm ReadByProduct(const FormRequest& request, const std::string& folder,
                         const ReadSizes& sizes) {

@@ -7,11 +7,16 @@
 
 #include <cstddef>
 #include <functional>
+#include <iosfwd>
 #include <string>
 
 #include "plain/plain_form.h"
 
 namespace plain {
+
+/// For the messages of failed comparisons.
+void PrintTo(const PlainForm& form, std::ostream* out);
+std::string Describe(const FormRequest& request);
 
 /// Returns the largest size of the next read of standard input, at least 1.
 using ReadSizes = std::function<std::size_t()>;

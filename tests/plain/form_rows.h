@@ -13,7 +13,9 @@
 #include <utility>
 #include <vector>
 
+#include "plain/form_product.h"
 #include "plain/plain_form.h"
+#include "plain/plain_words.h"
 
 namespace plain {
 
@@ -21,27 +23,6 @@ struct FormRow {
   FormRequest request;
   PlainForm form;
 };
-
-inline void PrintTo(const PlainForm& form, std::ostream* out) {
-  *out << form.status;
-  for (const PlainField& field : form.fields) {
-    *out << " " << testing::PrintToString(field.name) << "="
-         << testing::PrintToString(field.value);
-  }
-  for (const PlainUpload& upload : form.uploads) {
-    *out << " " << testing::PrintToString(upload.field) << ":"
-         << testing::PrintToString(upload.name) << " ("
-         << testing::PrintToString(upload.type)
-         << ")=" << testing::PrintToString(upload.content);
-  }
-}
-
-inline std::string Describe(const FormRequest& request) {
-  return request.method + " " + testing::PrintToString(request.content_type) +
-         " " + testing::PrintToString(request.query) + " " +
-         std::to_string(request.declared_length) + " " +
-         testing::PrintToString(request.body);
-}
 
 /// The rows of one subject.
 struct FormTable {
@@ -193,12 +174,6 @@ inline FormRequest Announced(const std::string& parameters,
 }
 inline FormRequest AnnouncedXy(const std::string& parameters) {
   return Announced(parameters, "XY");
-}
-
-inline std::string Repeated(const std::string& text, std::size_t times) {
-  std::string repeated;
-  for (; times > 0; --times) repeated += text;
-  return repeated;
 }
 
 // The tables.

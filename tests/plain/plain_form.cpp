@@ -1,6 +1,7 @@
 #include "plain/plain_form.h"
 
 #include <algorithm>
+#include <bit>
 #include <optional>
 #include <string_view>
 
@@ -199,38 +200,27 @@ std::string Utf8OfLatin1(const std::string& text) {
   return utf8;
 }
 
-/// Returns the length of the first character (RFC 3629, section 4); 0 if it is
-/// malformed.
-std::size_t LengthOfUtf8Character(std::string_view text) {
+/// RFC 3629, section 4.
+bool IsUtf8(std::string_view text) {
   const auto at = [&](std::size_t i) {
     return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
   };
-  const auto follows = [&](std::size_t i) {
-    return at(i) >= 0x80 && at(i) <= 0xbf;
-  };
-  const unsigned lead = at(0);
-  if (lead < 0x80) return 1;
-  if (lead >= 0xc2 && lead <= 0xdf) return follows(1) ? 2 : 0;
-  if (lead >= 0xe0 && lead <= 0xef) {
-    // Overlong, or a surrogate.
-    if (lead == 0xe0 && at(1) < 0xa0) return 0;
-    if (lead == 0xed && at(1) > 0x9f) return 0;
-    return follows(1) && follows(2) ? 3 : 0;
-  }
-  if (lead >= 0xf0 && lead <= 0xf4) {
-    // Overlong, or beyond U+10FFFF.
-    if (lead == 0xf0 && at(1) < 0x90) return 0;
-    if (lead == 0xf4 && at(1) > 0x8f) return 0;
-    return follows(1) && follows(2) && follows(3) ? 4 : 0;
-  }
-  return 0;
-}
-
-bool IsUtf8(std::string_view text) {
-  while (!text.empty()) {
-    const std::size_t length = LengthOfUtf8Character(text);
-    if (length == 0) return false;
-    text.remove_prefix(length);
+  // The least character of each length; a lesser one is overlong.
+  constexpr unsigned kLeast[] = {0, 0, 0x80, 0x800, 0x10000};
+  for (std::size_t begin = 0; begin < text.size();) {
+    const auto lead = static_cast<unsigned char>(text[begin]);
+    const auto length = static_cast<unsigned>(std::countl_one(lead));
+    if (length == 1 || length > 4) return false;
+    unsigned character = lead & (0x7fU >> length);
+    for (std::size_t i = 1; i < length; ++i) {
+      if ((at(begin + i) & 0xc0) != 0x80) return false;
+      character = character << 6 | (at(begin + i) & 0x3f);
+    }
+    const bool surrogate = character >= 0xd800 && character <= 0xdfff;
+    if (character < kLeast[length] || character > 0x10ffff || surrogate) {
+      return false;
+    }
+    begin += std::max(length, 1U);
   }
   return true;
 }

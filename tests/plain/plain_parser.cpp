@@ -71,7 +71,7 @@ constexpr std::string_view kContentDisposition = "Content-Disposition: ";
 
 /// Passes that read nothing, in succession, with the position beyond the chunk.
 /// Such passes see no byte, so after four of them nothing new can come. The
-/// longest way: a line of the headers (a field's boundary line, when it was a
+/// longest path: a line of the headers (a field's boundary line, when it was a
 /// field's), the empty line that ends the headers, and the first pass of the
 /// new state. That one either throws (no element name), or gives the upload up
 /// (its file cannot be written) so that reading goes on, or is repeated without
@@ -277,7 +277,7 @@ class Parser {
     }
   }
 
-  /// Moves the position behind the boundary and its line end, which may lie
+  /// Moves the position after the boundary and its line end, which may lie
   /// beyond the chunk. A byte that breaks a match is not compared again.
   bool FindBoundary() {
     std::size_t matched = 0;
@@ -408,7 +408,7 @@ class Parser {
     file_bytes_ = 0;
   }
 
-  /// The place where the scan stopped: behind a full match, at the chunk's end,
+  /// The place where the scan stopped: after a full match, at the chunk's end,
   /// or where it began when that lies beyond the chunk.
   std::int64_t ScanForSeparator(bool& match_broke) {
     std::int64_t at = position_;
@@ -510,7 +510,7 @@ class Parser {
 
   std::int64_t declared_length_ = 0;
   std::int64_t chunk_size_ = 0;
-  /// Keeps the bytes of earlier chunks behind those of the last read. It is
+  /// Keeps the bytes of earlier chunks after those of the last read. It is
   /// longer than a chunk by what the look-ahead and the carrying may touch.
   std::string chunk_;
   std::string boundary_;

@@ -1,7 +1,6 @@
 #include "plain/plain_words.h"
 
 #include <algorithm>
-#include <cstddef>
 #include <limits>
 
 namespace plain {
@@ -67,6 +66,12 @@ std::string UrlDecode(std::string_view text) {
     }
   }
   return decoded;
+}
+
+std::string Repeated(std::string_view text, std::size_t times) {
+  std::string repeated;
+  for (; times > 0; --times) repeated += text;
+  return repeated;
 }
 
 }  // namespace plain

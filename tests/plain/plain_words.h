@@ -4,6 +4,7 @@
 #ifndef ZANCGI_TESTS_PLAIN_PLAIN_WORDS_H
 #define ZANCGI_TESTS_PLAIN_PLAIN_WORDS_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -29,6 +30,9 @@ int HexValue(char digit);
 /// Decodes "%XX" to the byte and "+" to a blank. A "%" without two hexadecimal
 /// digits stays as it is.
 std::string UrlDecode(std::string_view text);
+
+/// For the bodies of tests.
+std::string Repeated(std::string_view text, std::size_t times);
 
 }  // namespace plain
 

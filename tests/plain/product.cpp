@@ -1,5 +1,6 @@
 #include "plain/product.h"
 
+#include <gtest/gtest-printers.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -13,7 +14,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <concepts>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -177,59 +177,30 @@ bool ProductSpins(const Request& request) {
 
 namespace {
 
-std::string Quoted(const std::string& text) {
-  std::string quoted = "\"";
-  for (const char c : text) {
-    if (c >= ' ' && c <= '~' && c != '"' && c != '\\') {
-      quoted += c;
-      continue;
-    }
-    char escaped[8];
-    std::snprintf(escaped, sizeof(escaped), "\\%03o",
-                  static_cast<unsigned>(static_cast<unsigned char>(c)));
-    quoted += escaped;
-  }
-  return quoted + "\"";
-}
+using testing::PrintToString;
 
-std::string Text(const File& file) {
-  return (file.exists ? "exists, " : "missing, ") + std::to_string(file.size) +
-         " bytes: " + Quoted(file.content);
-}
+using LogLines = std::vector<std::pair<int, std::string>>;
 
-std::string Text(const std::string& text) { return Quoted(text); }
-
-template <class Value>
-std::string Text(const std::map<std::string, Value>& map) {
-  std::string text = "{";
-  for (const auto& [name, value] : map) {
-    text += Quoted(name) + ": " + Text(value) + "; ";
-  }
-  return text + "}";
-}
-
-std::string Text(const std::vector<std::pair<int, std::string>>& log) {
-  std::string text;
-  for (const auto& [level, line] : log) {
-    text += "\n    " + std::to_string(level) + " " + Quoted(line);
-  }
-  return text;
-}
-
-template <std::integral Number>
-std::string Text(Number number) {
-  return std::to_string(number);
+/// Unlike a printed vector, all of it.
+void AddLog(std::string& account, const char* whose, const LogLines& log) {
+  account += std::string("log, ") + whose + "\n";
+  for (const auto& line : log) account += "    " + PrintToString(line) + "\n";
 }
 
 template <class Value>
 void Compare(std::string& account, const char* what, const Value& plain,
              const Value& product) {
   if (plain == product) return;
-  account += std::string(what) + "\n  plain:   " + Text(plain) +
-             "\n  product: " + Text(product) + "\n";
+  account += std::string(what) + "\n  plain:   " + PrintToString(plain) +
+             "\n  product: " + PrintToString(product) + "\n";
 }
 
 }  // namespace
+
+void PrintTo(const File& file, std::ostream* out) {
+  *out << (file.exists ? "exists, " : "missing, ") << file.size
+       << " bytes: " << testing::PrintToString(file.content);
+}
 
 std::string Difference(const Outcome& plain, const Outcome& product) {
   std::string account;
@@ -241,16 +212,19 @@ std::string Difference(const Outcome& plain, const Outcome& product) {
   Compare(account, "tmp_dir", plain.tmp_dir, product.tmp_dir);
   Compare(account, "bytes_read", plain.bytes_read, product.bytes_read);
   Compare(account, "sleeps", plain.sleeps, product.sleeps);
-  Compare(account, "log", plain.log, product.log);
+  if (plain.log != product.log) {
+    AddLog(account, "plain", plain.log);
+    AddLog(account, "product", product.log);
+  }
   return account;
 }
 
 std::string Describe(const Request& request) {
   std::ostringstream text;
-  text << "content_length " << Quoted(request.content_length)
-       << ", content_type " << Quoted(request.content_type) << ", tmp_dir "
-       << Quoted(request.tmp_dir) << ", tmp " << Quoted(request.tmp)
-       << ", free_space " << request.free_space
+  text << "content_length " << PrintToString(request.content_length)
+       << ", content_type " << PrintToString(request.content_type)
+       << ", tmp_dir " << PrintToString(request.tmp_dir) << ", tmp "
+       << PrintToString(request.tmp) << ", free_space " << request.free_space
        << (request.free_space_fails ? " (fails)" : "")
        << (request.files_open ? "" : ", files do not open") << ", file_limit "
        << request.file_limit
@@ -258,7 +232,7 @@ std::string Describe(const Request& request) {
        << ", nothing because of " << static_cast<int>(request.input.nothing)
        << "\n  reads {";
   for (const std::size_t size : request.input.reads) text << size << ", ";
-  text << "}\n  bytes " << Quoted(request.input.bytes);
+  text << "}\n  bytes " << PrintToString(request.input.bytes);
   return text.str();
 }
 

@@ -6,6 +6,7 @@
 #ifndef ZANCGI_TESTS_PLAIN_PRODUCT_H
 #define ZANCGI_TESTS_PLAIN_PRODUCT_H
 
+#include <iosfwd>
 #include <string>
 
 #include "plain/plain_parser.h"
@@ -19,6 +20,9 @@ Outcome RunProduct(const Request& request);
 /// Returns whether the parser writes log lines without end or is still busy
 /// after 20 ms of processor time, in a process of its own.
 bool ProductSpins(const Request& request);
+
+/// For the descriptions.
+void PrintTo(const File& file, std::ostream* out);
 
 /// Describes the differences; empty if there are none.
 std::string Difference(const Outcome& plain, const Outcome& product);

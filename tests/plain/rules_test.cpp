@@ -1,40 +1,20 @@
 // What comes of a body, rule by rule: by the plain parser and by the library's,
 // which must agree on all that they leave behind and log.
 
-#include <gtest/gtest.h>
-#include <zancgi/testing/child.h>
-#include <zancgi/testing/scratch.h>
-
-#include <algorithm>
-#include <cstdint>
 #include <cstring>
-#include <filesystem>
-#include <map>
 #include <regex>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "plain/plain_parser.h"
+#include "plain/plain_words.h"
 #include "plain/product.h"
-#include "support/clean_run.h"
 #include "support/fast_folder.h"
 #include "support/form.h"
+#include "support/test.h"
 
 namespace plain {
 namespace {
 
-using support::Field;
-using support::FieldHead;
-using support::Head;
-using support::kFormEnd;
-using support::Part;
-using support::Upload;
-using support::UploadHead;
-using zan_cgi::testing::Child;
-using zan_cgi::testing::Reporter;
-using zan_cgi::testing::Scratch;
-using Strings = std::vector<std::string>;
+using namespace support;  // NOLINT(google-build-using-namespace)
 
 constexpr std::size_t kChunk = 65536;
 constexpr std::size_t kLongestLine = 262144;
@@ -52,7 +32,7 @@ struct Rule {
 /// be.
 Request Body(const Strings& pieces) {
   Request request;
-  request.content_type = support::kForm;
+  request.content_type = kForm;
   for (const std::string& piece : pieces) {
     request.input.bytes += piece;
     if (pieces.size() > 1) request.input.reads.push_back(piece.size());
@@ -108,12 +88,6 @@ Request WithFilesUpTo(std::uint64_t bytes, Request request) {
 Request WithoutFiles(Request request) {
   request.files_open = false;
   return request;
-}
-
-std::string Repeated(const std::string& text, std::size_t times) {
-  std::string repeated;
-  for (; times > 0; --times) repeated += text;
-  return repeated;
 }
 
 // What comes of it.
@@ -216,7 +190,7 @@ std::string AccountOfBoth(Request request, const Scratch& scratch) {
   if (outcome.spins) {
     EXPECT_TRUE(ProductSpins(request));
     for (const std::string& left : scratch.List()) {
-      std::filesystem::remove(scratch / left);
+      fs::remove(scratch / left);
     }
   } else {
     EXPECT_EQ(Difference(outcome, RunProduct(request)), "");
@@ -230,8 +204,8 @@ std::string AccountOfBoth(Request request, const Scratch& scratch) {
 }
 
 void Follow(const std::vector<Rule>& rules) {
-  const Scratch scratch(support::FastFolder());
-  support::RunCleanly(Child(), [&](const Reporter&) {
+  const Scratch scratch(FastFolder());
+  RunCleanly(Child(), [&](const Reporter&) {
     for (const Rule& rule : rules) {
       EXPECT_EQ(AccountOfBoth(rule.request, scratch), rule.account)
           << Describe(rule.request).substr(0, 1000);
@@ -239,7 +213,7 @@ void Follow(const std::vector<Rule>& rules) {
   });
 }
 
-TEST(Rules, OfFields) {
+TEST(Fields, HaveTheirLinesUpToTheNextBoundary) {
   const std::string inner =
       "--IN\r\nContent-Disposition: file; filename=\"f\"\r\n\r\nx\r\n--IN--";
   std::string bare_line_feeds = Field("a", "1") + Field("b", "2") + kFormEnd;
@@ -285,7 +259,7 @@ TEST(Rules, OfFields) {
   });
 }
 
-TEST(Rules, OfLongLines) {
+TEST(Fields, MayHaveManyLinesOfALimitedLength) {
   const std::string line(kLongestLine, 'v');
   const std::string endless(400'000, 'v');
   const std::string chunk(kChunk, 'v');
@@ -321,7 +295,7 @@ TEST(Rules, OfLongLines) {
   });
 }
 
-TEST(Rules, OfAttributes) {
+TEST(Parts, AreNamedByTheirDisposition) {
   using namespace std::string_literals;
   std::vector<std::pair<std::string, std::string>> parts = {
       // Names given twice.
@@ -374,14 +348,6 @@ TEST(Rules, OfAttributes) {
     parts.emplace_back("name=\"u\"; filename=\"" + name + "\"",
                        "u=" + name + "; z=2; [" + name + "]=1");
   }
-  std::vector<Rule> rules;
-  for (const auto& [attributes, account] : parts) {
-    rules.push_back({Form(Part(attributes, "1") + Field("z", "2")), account});
-  }
-  Follow(rules);
-}
-
-TEST(Rules, OfDispositionHeaders) {
   const std::string header = "Content-Disposition: ";
   const std::pair<std::string, std::string> headers[] = {
       {header + "form-data;name=\"a\"", "a=1; z=2"},
@@ -403,6 +369,9 @@ TEST(Rules, OfDispositionHeaders) {
        "a=1; z=2"},
   };
   std::vector<Rule> rules;
+  for (const auto& [attributes, account] : parts) {
+    rules.push_back({Form(Part(attributes, "1") + Field("z", "2")), account});
+  }
   for (const auto& [lines, account] : headers) {
     const std::string part = "--XY\r\n" + lines + "\r\n\r\n1\r\n";
     rules.push_back({Form(part + Field("z", "2")), account});
@@ -410,7 +379,7 @@ TEST(Rules, OfDispositionHeaders) {
   Follow(rules);
 }
 
-TEST(Rules, OfUploads) {
+TEST(Uploads, EndAtTheBoundaryAndReplaceEarlierOnes) {
   std::string bytes("\r\n--X\r--XY\n\0\xff", 13);
   for (int i = 0; i < 256; ++i) bytes += static_cast<char>(i);
   const std::string two_of_one_name =
@@ -449,7 +418,7 @@ TEST(Rules, OfUploads) {
   });
 }
 
-TEST(Rules, OfSeparatorsBetweenChunks) {
+TEST(Uploads, MayEndBetweenTwoChunks) {
   const std::string head = UploadHead("u", "f");
   const std::string end = std::string("\r\n") + kFormEnd;
   const std::string separator = Upload("u", "f", "ab") + "--XY";
@@ -485,7 +454,7 @@ TEST(Rules, OfSeparatorsBetweenChunks) {
   });
 }
 
-TEST(Rules, OfFailedUploads) {
+TEST(Uploads, ThatCannotBeStoredAreRemoved) {
   const std::string head = UploadHead("u", "f");
   const std::string end = std::string("\r\n") + kFormEnd;
   const Request upload = Form(Upload("u", "f", "content"));
@@ -522,7 +491,7 @@ TEST(Rules, OfFailedUploads) {
   });
 }
 
-TEST(Rules, OfRoom) {
+TEST(Uploads, NeedRoomForTheWholeBody) {
   const std::string field = Field("a", "v") + kFormEnd;
   const std::string field_size = std::to_string(field.size());
   const std::string upload = Upload("u", "f", "data") + kFormEnd;
@@ -573,7 +542,7 @@ std::string AsQueryString(const std::string& body) {
   return body + chunks + "; no boundary";
 }
 
-TEST(Rules, OfTheFirstBoundary) {
+TEST(Parts, BeginAfterTheFirstBoundary) {
   const std::string field = Field("a", "v") + kFormEnd;
   const std::string raw = "a=" + std::string(5 * kChunk, 'x');
   const std::string ignored = Field("a", "1") + Upload("u", "", "");
@@ -615,7 +584,7 @@ TEST(Rules, OfTheFirstBoundary) {
   });
 }
 
-TEST(Rules, OfTheBoundarysSize) {
+TEST(Boundary, FitsIntoAChunk) {
   std::vector<Rule> rules;
   const auto add = [&](std::size_t size, const char* account) {
     const std::string boundary(size, 'b');
@@ -636,7 +605,7 @@ TEST(Rules, OfTheBoundarysSize) {
   Follow(rules);
 }
 
-TEST(Rules, OfTheByteAfterAChunk) {
+TEST(Fields, EndALineByTheByteAfterAChunk) {
   const std::string head = FieldHead("a");
   const std::string first(kChunk - head.size() - 1, 'x');
   const std::string end = std::string("\r\n") + kFormEnd;
@@ -652,7 +621,7 @@ TEST(Rules, OfTheByteAfterAChunk) {
   });
 }
 
-TEST(Rules, OfReadsOfNothing) {
+TEST(ReadsOfNothing, AreWaitedForInVainAfterABoundary) {
   const std::string head = FieldHead("a");
   const std::string file_head = UploadHead("u", "f");
   const std::string end = std::string("\r\n") + kFormEnd;
@@ -695,7 +664,7 @@ TEST(Rules, OfReadsOfNothing) {
   });
 }
 
-TEST(Rules, OfQueryStrings) {
+TEST(QueryStrings, AreBodiesWithoutABoundary) {
   std::map<std::string, std::string> sorted;
   std::string many;
   for (int i = 0; i < 10'000; ++i) {
@@ -727,7 +696,7 @@ TEST(Rules, OfQueryStrings) {
   Follow(rules);
 }
 
-TEST(Rules, OfTheDeclaredLength) {
+TEST(DeclaredLength, IsTheNumberOfBytesRead) {
   std::vector<Rule> rules;
   for (const std::string length : {"0", "", "x", "12x", "-", "+", "1 2"}) {
     rules.push_back(

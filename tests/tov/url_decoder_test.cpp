@@ -5,30 +5,14 @@
 #include <random>
 #include <string>
 
-namespace {
+#include "plain/plain_words.h"
 
-/// The rule, byte by byte.
-std::string DecodePlainly(const std::string& text) {
-  std::string decoded;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const std::string digits = text.substr(i + 1, 2);
-    const bool is_escape =
-        text[i] == '%' && digits.size() == 2 &&
-        digits.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
-    if (is_escape) {
-      decoded += static_cast<char>(std::stoi(digits, nullptr, 16));
-      i += 2;
-    } else {
-      decoded += text[i] == '+' ? ' ' : text[i];
-    }
-  }
-  return decoded;
-}
+namespace {
 
 void Compare(std::string text) {
   // Without spare capacity, so that a sanitizer sees a read beyond the end.
   text.shrink_to_fit();
-  ASSERT_EQ(common::UrlDecoder(text).Run(), DecodePlainly(text)) << text;
+  ASSERT_EQ(common::UrlDecoder(text).Run(), plain::UrlDecode(text)) << text;
 }
 
 TEST(UrlDecoder, FollowsTheRuleAtEachPlaceOfALongText) {
