@@ -6,7 +6,6 @@
 #include <zancgi/testing/request.h>
 #include <zancgi/testing/response.h>
 
-#include <cstddef>
 #include <stdexcept>
 #include <string>
 #include <utility>

@@ -2,8 +2,8 @@
 #include <tov/file.h>
 
 #include <cstring>
-#include <initializer_list>
 #include <set>
+#include <tuple>
 
 #include "support/file_calls.h"
 #include "support/files.h"

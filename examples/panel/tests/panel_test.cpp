@@ -65,6 +65,15 @@ class Panel : public testing::TestWithParam<bool> {
     return response;
   }
 
+  /// Checks that the page shows that the back end does not answer, and no more.
+  Response ServeWithoutAnswer() {
+    Response response = Serve(SignedIn(Get("/panel")));
+    EXPECT_EQ(response.status, 502);
+    EXPECT_TRUE(Holds(response.body, kNoAnswer)) << response.body;
+    EXPECT_FALSE(Holds(response.body, backend_.RunDir()));
+    return response;
+  }
+
   static Request SignedIn(Request request) {
     return request.Cookie("panelses5", "5e55");
   }
@@ -301,10 +310,7 @@ TEST_P(Panel, AnswersItsScriptInJson) {
 
 TEST_P(Panel, ShowsAnErrorWhenItsBackEndIsDown) {
   backend_.Then(Refuse());
-  const Response response = Serve(SignedIn(Get("/panel")));
-  EXPECT_EQ(response.status, 502);
-  EXPECT_TRUE(Holds(response.body, kNoAnswer));
-  EXPECT_FALSE(Holds(response.body, backend_.RunDir()));
+  const Response response = ServeWithoutAnswer();
   EXPECT_TRUE(Holds(response.standard_error, "Connection refused"));
 }
 
@@ -312,20 +318,16 @@ TEST_P(Panel, ShowsAnErrorWhenItsBackEndBreaksOffFourTimes) {
   for (const Step& step : {CloseSilently(), AnswerThenReset("<?xml versi"),
                            Answer("Content-Length: 12\r\n\r\n<doc></doc>")}) {
     backend_.Times(4, step);
-    const Response response = Serve(SignedIn(Get("/panel")));
-    EXPECT_EQ(response.status, 502);
-    EXPECT_TRUE(Holds(response.body, kNoAnswer));
-    EXPECT_FALSE(Holds(response.body, backend_.RunDir()));
+    ServeWithoutAnswer();
     EXPECT_EQ(backend_.StepsLeft(), 0U);
   }
 }
 
 TEST_P(Panel, ShowsAnErrorWhenItsBackEndSendsNonsense) {
   for (const char* answer : {"", "nonsense", "<b>no XML", "<doc", "<html/>"}) {
+    SCOPED_TRACE(answer);
     backend_.On("whoami", Answer(answer));
-    const Response response = Serve(SignedIn(Get("/panel")));
-    EXPECT_EQ(response.status, 502) << answer;
-    EXPECT_TRUE(Holds(response.body, kNoAnswer)) << answer << response.body;
+    ServeWithoutAnswer();
   }
 }
 
