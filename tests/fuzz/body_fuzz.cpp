@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <random>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -107,6 +108,93 @@ plain::Request ToRequest(std::string_view input,
   return request;
 }
 
+/// Changes an input where chance alone seldom succeeds.
+class Mutation {
+ public:
+  Mutation(std::string_view input, unsigned seed) : random_(seed) {
+    for (std::string& line : settings_) line = fuzz::TakeLine(input);
+    reads_ = TakeNumbers(fuzz::TakeLine(input));
+    body_ = input;
+  }
+
+  /// Has a read end at or near a byte of a line end or a boundary.
+  void Cut() {
+    std::vector<std::size_t> places;
+    for (std::size_t i = 0; i < body_.size(); ++i) {
+      if (body_[i] == '\r' || body_[i] == '\n' || body_[i] == '-') {
+        places.push_back(i);
+      }
+    }
+    if (places.empty()) return;
+    CutAt(places[Below(places.size())] + Below(3));
+  }
+
+  /// Repeats what stands between two line ends, several lines perhaps.
+  void Repeat() {
+    const std::size_t begin = LineBegin();
+    const std::size_t end = LineBegin();
+    if (begin < end) body_.insert(end, body_.substr(begin, end - begin));
+  }
+
+  /// Has a read find nothing, or takes one away.
+  void ChangeReads() {
+    const auto place =
+        reads_.begin() + static_cast<std::ptrdiff_t>(Below(reads_.size() + 1));
+    if (place == reads_.end() || Below(4) == 0) {
+      reads_.insert(place, 0);
+    } else {
+      reads_.erase(place);
+    }
+  }
+
+  std::string Result() const {
+    std::string result;
+    for (const std::string& line : settings_) result += line + "\n";
+    for (const std::size_t read : reads_) result += std::to_string(read) + " ";
+    return result + "\n" + body_;
+  }
+
+ private:
+  std::size_t Below(std::size_t limit) { return random_() % limit; }
+
+  std::size_t LineBegin() {
+    const std::size_t found = body_.find('\n', Below(body_.size() + 1));
+    return found == std::string::npos ? body_.size() : found + 1;
+  }
+
+  void CutAt(std::size_t place) {
+    std::size_t begin = 0;
+    for (auto read = reads_.begin(); read != reads_.end(); ++read) {
+      const std::size_t end = begin + *read;
+      if (place == end) return;
+      if (place < end) {
+        *read = end - place;
+        reads_.insert(read, place - begin);
+        return;
+      }
+      begin = end;
+    }
+    reads_.push_back(place - begin);
+  }
+
+  std::minstd_rand random_;
+  std::string settings_[3];
+  std::vector<std::size_t> reads_;
+  std::string body_;
+};
+
+std::string Mutated(std::string_view input, unsigned seed) {
+  Mutation mutation(input, seed);
+  if (seed % 4 == 0) {
+    mutation.Repeat();
+  } else if (seed % 4 == 1) {
+    mutation.ChangeReads();
+  } else {
+    mutation.Cut();
+  }
+  return mutation.Result();
+}
+
 unsigned long compared = 0;
 unsigned long spinning = 0;
 
@@ -117,6 +205,24 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     std::fprintf(stderr, "%lu bodies compared, %lu left out: they spin\n",
                  compared, spinning);
   });
+}
+
+extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size,
+                                        std::size_t max_size);
+
+extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data,
+                                               std::size_t size,
+                                               std::size_t max_size,
+                                               unsigned seed) {
+  if (seed % 3 == 0) {
+    const std::string mutated =
+        Mutated({reinterpret_cast<const char*>(data), size}, seed / 3);
+    if (mutated.size() <= max_size) {
+      std::copy(mutated.begin(), mutated.end(), data);
+      return mutated.size();
+    }
+  }
+  return LLVMFuzzerMutate(data, size, max_size);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data,
