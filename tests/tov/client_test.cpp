@@ -327,20 +327,21 @@ std::vector<int> FlagsOfDescriptors() {
 }
 
 TEST(Connect, TakesADescriptorThatIsNeitherStandardNorInherited) {
-  Backend backend;
-  backend.Then(Answer("x"));
-  const Outcome outcome = RunWithoutLeak(
-      Child().With(backend).Closed(0).Closed(1).Closed(2),
-      [&](const Reporter& report) {
-        std::vector<int> expected = FlagsOfDescriptors();
-        *std::find(expected.begin() + 3, expected.end(), -1) = FD_CLOEXEC;
-        const auto protocol = Connect(backend.Name(), false);
-        EXPECT_EQ(FlagsOfDescriptors(), expected);
-        protocol->RequestComplete();
-        report("answer", WholeAnswer(*protocol, 100));
-      });
-  EXPECT_EQ(outcome.error, "");
-  EXPECT_EQ(outcome.reported.at("answer"), "x");
+  for (Child child : {Child(), Child().Closed(0).Closed(1).Closed(2)}) {
+    Backend backend;
+    backend.Then(Answer("x"));
+    const Outcome outcome =
+        RunWithoutLeak(child.With(backend), [&](const Reporter& report) {
+          std::vector<int> expected = FlagsOfDescriptors();
+          *std::find(expected.begin() + 3, expected.end(), -1) = FD_CLOEXEC;
+          const auto protocol = Connect(backend.Name(), false);
+          EXPECT_EQ(FlagsOfDescriptors(), expected);
+          protocol->RequestComplete();
+          report("answer", WholeAnswer(*protocol, 100));
+        });
+    EXPECT_EQ(outcome.error, "");
+    EXPECT_EQ(outcome.reported.at("answer"), "x");
+  }
 }
 
 TEST(Connect, ClosesTheConnectionWhenDestroyed) {
