@@ -104,13 +104,14 @@ std::string Described(const Outcome& outcome) {
 }
 
 /// Expects an empty folder, unless what has failed is the removal of a file,
-/// which then stays; and empties it.
+/// which then stays, without an error; and empties it.
 /// @param least  how many files stay at least when a removal fails
 void ExpectNothingLeft(const Scratch& spool, Outcome outcome,
                        std::size_t least = 0) {
   const Strings left = spool.List();
   for (const std::string& name : left) fs::remove(spool / name);
   const bool is_removal = outcome.reported["failed call"] == "unlink";
+  EXPECT_TRUE(!is_removal || outcome.error.empty()) << Described(outcome);
   EXPECT_LE(left.size(), is_removal ? 1U : 0U) << Described(outcome);
   EXPECT_GE(left.size(), is_removal ? least : 0U) << Described(outcome);
 }
