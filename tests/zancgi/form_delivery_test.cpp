@@ -3,17 +3,13 @@
 
 #include <poll.h>
 #include <signal.h>
-#include <sys/mman.h>
-#include <sys/socket.h>
 #include <zancgi/form.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <limits>
 #include <random>
 #include <thread>
 
-#include "support/fast_folder.h"
 #include "support/form.h"
 #include "support/piece_input.h"
 #include "support/refusal.h"
@@ -62,6 +58,17 @@ void MakeNonBlocking() {
   ASSERT_EQ(::fcntl(STDIN_FILENO, F_SETFL, flags | O_NONBLOCK), 0);
 }
 
+/// Cuts a text by chance, usually into small pieces.
+Strings CutAnyhow(const std::string& text) {
+  std::mt19937_64 random(NumberInVariable("ZANCGI_RANDOM_SEED", 20261122));
+  Strings pieces;
+  for (std::size_t at = 0; at < text.size(); at += pieces.back().size()) {
+    const std::size_t longest = std::size_t{1} << random() % 17;
+    pieces.push_back(text.substr(at, 1 + random() % longest));
+  }
+  return pieces;
+}
+
 /// A body that comes this way, and what the process does before it reads.
 struct Delivery {
   const char* name;
@@ -81,11 +88,13 @@ std::vector<Delivery> Deliveries() {
       {"a pipe while signals come", 1'000'000, Input::Pipe,
        [] { StartSignalStorm(); }},
   };
+  // Pieces of one size, or of any for 0.
   const std::pair<std::size_t, std::size_t> pieces[] = {
-      {1, 60}, {7, 300}, {1460, 50'000}, {4096, 100'000}, {65'536, 500'000}};
+      {1, 60}, {7, 300}, {1460, 50'000}, {65'536, 500'000}, {0, 300'000}};
   for (const auto& [piece, size] : pieces) {
     const auto slowly = [piece = piece](const std::string& body) {
-      return Input::SlowPipe(CutInto(body, piece), milliseconds(2));
+      return Input::SlowPipe(piece > 0 ? CutInto(body, piece) : CutAnyhow(body),
+                             milliseconds(1));
     };
     rows.push_back({"pieces", size, slowly});
     rows.push_back({"pieces that do not block", size, slowly, MakeNonBlocking});
@@ -95,32 +104,24 @@ std::vector<Delivery> Deliveries() {
   return rows;
 }
 
-/// Does this with the body of a form of some size, however it comes.
-void ForEachDelivery(const std::function<void(const std::string& body,
-                                              std::size_t size)>& work) {
+TEST(Delivery, MakesNoDifferenceToAFormOrABody) {
+  const Scratch spool;
   for (const Delivery& row : Deliveries()) {
     SCOPED_TRACE(testing::Message() << row.name << ", " << row.size);
     const std::string body = FormOf(row.size);
-    RunCleanly(PostOf(body), row.input(body), [&] {
-      row.prepare();
-      work(body, row.size);
-      EndSignalStorm();
-    });
+    for (const bool is_form : {true, false}) {
+      RunCleanly(PostOf(body), row.input(body), [&] {
+        row.prepare();
+        if (is_form) {
+          ExpectForm(spool.Path(), row.size);
+        } else {
+          EXPECT_TRUE(zan_cgi::ReadBody(10'000'000) == body);
+        }
+        EndSignalStorm();
+      });
+      EXPECT_EQ(spool.List(), Strings{});
+    }
   }
-}
-
-TEST(Delivery, MakesNoDifferenceToAForm) {
-  const Scratch spool;
-  ForEachDelivery([&](const std::string&, std::size_t size) {
-    ExpectForm(spool.Path(), size);
-    EXPECT_EQ(spool.List(), Strings{});
-  });
-}
-
-TEST(Delivery, MakesNoDifferenceToABody) {
-  ForEachDelivery([](const std::string& body, std::size_t) {
-    EXPECT_TRUE(zan_cgi::ReadBody(10'000'000) == body);
-  });
 }
 
 /// Makes standard input the end of a pipe that is written to. It is never ready
@@ -132,23 +133,13 @@ void BecomeWritingEnd() {
   ::close(ends[1]);
 }
 
-/// A client that stops after a part of the body.
-struct Silence {
-  const char* name;
-  std::string sent;
-  std::function<void()> prepare = [] {};
-};
-
-const Silence kSilences[] = {
-    {"before the first byte", ""},
-    {"in a header", "--XY\r\nContent-Disp"},
-    {"in a value", FieldHead("a") + "val"},
-    {"in an upload", UploadHead("u", "f") + "data"},
-    {"after the closing boundary", Field("a", "1") + kFormEnd},
-    {"does not block", "--XY\r\n", MakeNonBlocking},
-    {"a pipe to write to", "", BecomeWritingEnd},
-    {"signals come", "--XY\r\n", [] { StartSignalStorm(); }},
-    {"signals come, does not block", "--XY\r\n",
+/// What a process does before it reads from a client that has stopped.
+const std::pair<const char*, std::function<void()>> kSilences[] = {
+    {"a pipe", [] {}},
+    {"does not block", MakeNonBlocking},
+    {"a pipe to write to", BecomeWritingEnd},
+    {"signals come", [] { StartSignalStorm(); }},
+    {"signals come, does not block",
      [] {
        MakeNonBlocking();
        StartSignalStorm();
@@ -157,11 +148,11 @@ const Silence kSilences[] = {
 
 TEST(Silence, EndsTheReadingAfterItsLimitAndNotSooner) {
   const Scratch spool;
-  for (const Silence& row : kSilences) {
-    SCOPED_TRACE(row.name);
-    const Input input = Input::SilentPipe(row.sent);
-    RunWithoutError(Post("1000").StandardInput(input), [&] {
-      row.prepare();
+  for (const auto& [name, prepare] : kSilences) {
+    SCOPED_TRACE(name);
+    const Input input = Input::SilentPipe("--XY\r\n");
+    RunWithoutError(Post("1000").StandardInput(input), [&, prepare = prepare] {
+      prepare();
       const auto begin = Clock::now();
       EXPECT_EQ(RefusalWithin(spool.Path(), SilenceOf(1)),
                 (Refusal{408, "nothing of the body has come for 1 seconds"}));
@@ -175,34 +166,37 @@ TEST(Silence, EndsTheReadingAfterItsLimitAndNotSooner) {
   }
 }
 
-TEST(Silence, IsWaitedForOnlyOnce) {
-  const Scratch spool;
-  const Strings pieces = {UploadHead("u", "f"), "data"};
-  RunCleanly(Post("1000"), [&] {
-    const PieceInput input(pieces, [&](std::size_t wait) {
-      return wait < pieces.size() ? PieceInput::Event::Piece
-                                  : PieceInput::Event::Silence;
-    });
-    EXPECT_EQ(RefusalWithin(spool.Path(), SilenceOf(1)).status, 408);
-    EXPECT_EQ(input.Waits(), pieces.size() + 1);
-  });
-}
+/// Where a client stops, how that is read, and what comes of it.
+struct Silence {
+  std::string sent;
+  std::function<Refusal()> read;
+  Refusal refusal = {408, "nothing of the body has come for 30 seconds"};
+};
 
-TEST(Silence, EndsTheReadingAfterHalfAMinuteByDefault) {
+TEST(Silence, IsWaitedForOnlyOnceForHalfAMinuteByDefault) {
   const Scratch spool;
-  const std::function<Refusal()> readings[] = {
-      [&] { return RefusalWithin(spool.Path()); },
-      [] { return RefusalOf([] { zan_cgi::ReadBody(1000); }); }};
-  for (const auto& read : readings) {
+  const auto read_form = [&] { return RefusalWithin(spool.Path()); };
+  const auto read_body = [](std::int64_t limit) {
+    return [=] { return RefusalOf([=] { zan_cgi::ReadBody(limit); }); };
+  };
+  const Silence rows[] = {
+      {"--XY\r\nContent-Disp", read_form},
+      {FieldHead("a") + "val", read_form},
+      {UploadHead("u", "f") + "data", read_form},
+      {Field("a", "1") + kFormEnd, read_form},
+      {"text", read_body(1000)},
+      // A drain.
+      {"text", read_body(9), {413, "the body is longer than 9 bytes"}}};
+  for (const Silence& row : rows) {
     RunCleanly(Post("1000"), [&] {
-      const PieceInput input({"--XY"}, [](std::size_t wait) {
+      const PieceInput input({row.sent}, [](std::size_t wait) {
         return wait == 0 ? PieceInput::Event::Piece
                          : PieceInput::Event::Silence;
       });
-      EXPECT_EQ(read(),
-                (Refusal{408, "nothing of the body has come for 30 seconds"}));
+      EXPECT_EQ(row.read(), row.refusal) << row.sent;
       EXPECT_EQ(input.Waits(), 2U);
     });
+    EXPECT_EQ(spool.List(), Strings{});
   }
 }
 
@@ -217,41 +211,35 @@ void LoseReads(int count) {
   }});
 }
 
-TEST(LostRead, IsTriedAgain) {
+TEST(LostRead, IsTriedAgainUntilItIsSilence) {
   const std::string body = FormOf(1000);
   const Scratch spool;
   RunCleanly(PostOf(body), Input::File(body), [&] {
     LoseReads(5);
     ExpectForm(spool.Path(), 1000);
-  });
-}
-
-TEST(LostRead, ThatIsRepeatedIsSilence) {
-  const Scratch spool;
-  RunCleanly(Post("1000"), [&] {
     LoseReads(std::numeric_limits<int>::max());
     EXPECT_EQ(RefusalWithin(spool.Path(), SilenceOf(1)).status, 408);
-  });
-}
-
-TEST(Silence, EndsTheDrainOfARefusedBody) {
-  const Scratch spool;
-  Form::Limits limits = SilenceOf(1);
-  limits.parts = 0;
-  RunCleanly(Post("1000"), Input::SilentPipe(Field("a", "1")), [&] {
-    EXPECT_EQ(RefusalWithin(spool.Path(), limits).status, 413);
   });
 }
 
 TEST(Silence, IsMeasuredFromPieceToPiece) {
   const std::string body = FormOf(100);
   const Scratch spool;
-  RunCleanly(PostOf(body),
-             Input::SlowPipe(CutInto(body, body.size() / 5), milliseconds(800)),
-             [&] {
-               // Each piece comes in time, all together do not.
-               EXPECT_EQ(RefusalWithin(spool.Path(), SilenceOf(4)), Refusal{});
-             });
+  RunCleanly(PostOf(body), Input::File(body), [&] {
+    Replace({.poll =
+                 [](pollfd* entries, nfds_t count, int limit) {
+                   EXPECT_EQ(limit, 4000);
+                   // Some of the limit passes.
+                   std::this_thread::sleep_for(milliseconds(2));
+                   return RealPoll(entries, count, limit);
+                 },
+             .read =
+                 [](void* buffer, std::size_t size) {
+                   return RealRead(STDIN_FILENO, buffer,
+                                   std::min<std::size_t>(size, 100));
+                 }});
+    EXPECT_EQ(RefusalWithin(spool.Path(), SilenceOf(4)), Refusal{});
+  });
 }
 
 /// Replaces standard input by this file, opened this way.
@@ -294,130 +282,6 @@ TEST(StandardInput, ThatCannotBeReadIsNeverWaitedFor) {
   }
 }
 
-/// The end to read from comes first.
-int OpenPipe(int ends[2]) { return ::pipe2(ends, O_CLOEXEC); }
-int OpenSocket(int ends[2]) {
-  return ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends);
-}
-
-using Sizes = std::function<std::size_t()>;
-
-/// Replaces standard input by a pipe or socket, and meanwhile writes this into
-/// it, at most so much at once.
-class Writer {
- public:
-  explicit Writer(
-      std::string bytes, int (*open)(int ends[2]) = OpenPipe,
-      Sizes sizes = [] { return std::string::npos; })
-      : bytes_(std::move(bytes)), sizes_(std::move(sizes)) {
-    int ends[2];
-    if (open(ends) != 0) throw std::runtime_error("no pipe");
-    ::dup2(ends[0], STDIN_FILENO);
-    ::close(ends[0]);
-    ::signal(SIGPIPE, SIG_IGN);
-    thread_ = std::thread([this, end = ends[1]] { Write(end); });
-  }
-  ~Writer() {
-    if (thread_.joinable()) thread_.join();
-  }
-  Writer(const Writer&) = delete;
-  Writer& operator=(const Writer&) = delete;
-
-  /// How many bytes the pipe has taken in the end. Nothing reads any more.
-  std::size_t Written() {
-    ::close(STDIN_FILENO);
-    thread_.join();
-    return written_;
-  }
-
- private:
-  void Write(int end) {
-    while (written_ < bytes_.size()) {
-      const std::size_t size = std::min(sizes_(), bytes_.size() - written_);
-      const ssize_t count = ::write(end, bytes_.data() + written_, size);
-      if (count < 0) break;
-      written_ += static_cast<std::size_t>(count);
-    }
-    ::close(end);
-  }
-
-  const std::string bytes_;
-  const Sizes sizes_;
-  std::size_t written_ = 0;
-  std::thread thread_;
-};
-
-#ifdef __SANITIZE_ADDRESS__
-constexpr std::size_t kHonestForms = 100;
-#else
-constexpr std::size_t kHonestForms = 500;
-#endif
-
-/// A text as people upload it.
-std::string Text(std::mt19937_64& random, std::size_t longest) {
-  const char* const words[] = {"a",  "word", " ",  "-",     "--", "----",
-                               "\n", "\r\n", "\r", "\r\n-", "=",  "&"};
-  const std::size_t size = random() % longest;
-  std::string text;
-  while (text.size() < size) text += words[random() % std::size(words)];
-  return text;
-}
-
-/// Replaces standard input by a file of this content.
-void ReadFromFileOf(const std::string& content) {
-  const int file = ::memfd_create("body", MFD_CLOEXEC);
-  ASSERT_EQ(::write(file, content.data(), content.size()),
-            static_cast<ssize_t>(content.size()));
-  ASSERT_EQ(::lseek(file, 0, SEEK_SET), 0);
-  ASSERT_EQ(::dup2(file, STDIN_FILENO), STDIN_FILENO);
-  ::close(file);
-}
-
-/// Sends a form with a text to upload, as a browser does, by chance as a file,
-/// through a pipe or through a socket.
-void ExpectUploadAsSent(std::mt19937_64& random, const std::string& spool) {
-  const std::size_t longest = std::size_t{1} << random() % 17;
-  const std::string text =
-      Text(random, std::min<std::size_t>(240'000, 1000 * longest));
-  const zan_cgi::testing::Form sent = zan_cgi::testing::Form()
-                                          .Field("before", "1")
-                                          .File("u", "f.txt", text)
-                                          .Field("after", "2");
-  ::setenv("CONTENT_TYPE", sent.ContentType().c_str(), 1);
-  ::setenv("CONTENT_LENGTH", std::to_string(sent.Body().size()).c_str(), 1);
-  std::minstd_rand pieces(static_cast<std::uint32_t>(random()));
-  const Sizes sizes = [=]() mutable { return 1 + pieces() % longest; };
-  std::optional<Writer> writer;
-  switch (random() % 3) {
-    case 0:
-      ReadFromFileOf(sent.Body());
-      break;
-    case 1:
-      writer.emplace(sent.Body(), OpenPipe, sizes);
-      break;
-    default:
-      writer.emplace(sent.Body(), OpenSocket, sizes);
-  }
-  Cgi cgi = CgiWithSpool(spool);
-  const Form form(cgi);
-  EXPECT_EQ(form.Value("before") + form.Value("after"), "12");
-  ASSERT_EQ(form.uploads().size(), 1U);
-  EXPECT_TRUE(ReadFile(form.Path(form.uploads()[0])) == text) << sent.Body();
-}
-
-TEST(HonestForms, AreReadAsTheyWereSent) {
-  const std::size_t count =
-      NumberInVariable("ZANCGI_RANDOM_CASES", kHonestForms);
-  const Scratch spool(FastFolder());
-  RunCleanly(Post("0").LogLevel(0).TimeLimit(std::chrono::hours(1)), [&] {
-    std::mt19937_64 random(NumberInVariable("ZANCGI_RANDOM_SEED", 20261122));
-    for (std::size_t i = 0; i < count && !testing::Test::HasFailure(); ++i) {
-      ExpectUploadAsSent(random, spool.Path());
-    }
-    ::close(STDIN_FILENO);
-  });
-}
-
 TEST(RefusedForm, IsReadToItsEndAndNotFurther) {
   struct Row {
     const char* name;
@@ -441,7 +305,8 @@ TEST(RefusedForm, IsReadToItsEndAndNotFurther) {
     SCOPED_TRACE(row.name);
     const std::string body = row.begin + std::string(3'000'000, 'x');
     RunCleanly(PostOf(body, row.type), [&] {
-      Writer writer(body + "unread");
+      const Strings pieces = CutInto(body + "unread", 65'536);
+      const PieceInput input(pieces);
       Form::Limits limits;
       limits.body = row.longest;
       EXPECT_EQ(RefusalOf([&] {
@@ -450,9 +315,8 @@ TEST(RefusedForm, IsReadToItsEndAndNotFurther) {
                   const Form form(cgi, limits);
                 }).status,
                 row.status);
-      char rest[10];
-      EXPECT_EQ(::read(STDIN_FILENO, rest, sizeof(rest)), 6);
-      EXPECT_EQ(writer.Written(), body.size() + 6);
+      EXPECT_EQ(input.Waits(), pieces.size());
+      EXPECT_EQ(input.BytesUnread(), 6U);
     });
   }
 }
