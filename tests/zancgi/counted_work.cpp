@@ -7,6 +7,11 @@ namespace {
 
 void CountBytes(std::size_t count) { work.handled_bytes += count; }
 
+std::size_t BytesUpTo(const void* end, const void* begin) {
+  return static_cast<std::size_t>(static_cast<const char*>(end) -
+                                  static_cast<const char*>(begin));
+}
+
 }  // namespace
 
 // Called at the beginning of each basic block of the libraries.
@@ -15,83 +20,63 @@ extern "C" void CountBlock() { ++work.blocks; }
 
 // The linker leads the calls to these functions, and gives the C library's own
 // ones another name. What a search or comparison does not reach is not counted.
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker makes these names.
 extern "C" {
-void* CountedMemcpy(void* to, const void* from,
-                    std::size_t size) __asm__("__wrap_memcpy");
-void* CountedMemmove(void* to, const void* from,
-                     std::size_t size) __asm__("__wrap_memmove");
-void* RealMemmove(void* to, const void* from,
-                  std::size_t size) __asm__("__real_memmove");
-void* CountedMemset(void* to, int byte,
-                    std::size_t size) __asm__("__wrap_memset");
-void* RealMemset(void* to, int byte, std::size_t size) __asm__("__real_memset");
-int CountedMemcmp(const void* one, const void* other,
-                  std::size_t size) __asm__("__wrap_memcmp");
-int CountedBcmp(const void* one, const void* other,
-                std::size_t size) __asm__("__wrap_bcmp");
-int RealMemcmp(const void* one, const void* other,
-               std::size_t size) __asm__("__real_memcmp");
-void* CountedMemchr(const void* text, int byte,
-                    std::size_t size) __asm__("__wrap_memchr");
-void* RealMemchr(const void* text, int byte,
-                 std::size_t size) __asm__("__real_memchr");
-std::size_t CountedStrlen(const char* text) __asm__("__wrap_strlen");
-std::size_t RealStrlen(const char* text) __asm__("__real_strlen");
-// operator new, also of arrays, which calls the other one.
-void* CountedNew(std::size_t size) __asm__("__wrap__Znwm");
-void* RealNew(std::size_t size) __asm__("__real__Znwm");
+void* __real_memmove(void* to, const void* from, std::size_t size);
+void* __real_memset(void* to, int byte, std::size_t size);
+int __real_memcmp(const void* one, const void* other, std::size_t size);
+void* __real_memchr(const void* text, int byte, std::size_t size);
+std::size_t __real_strlen(const char* text);
+void* __real__Znwm(std::size_t size);
+
+void* __wrap_memcpy(void* to, const void* from, std::size_t size) {
+  CountBytes(size);
+  return __real_memcpy(to, from, size);
 }
 
-void* CountedMemcpy(void* to, const void* from, std::size_t size) {
+void* __wrap_memmove(void* to, const void* from, std::size_t size) {
   CountBytes(size);
-  return RealMemcpy(to, from, size);
+  return __real_memmove(to, from, size);
 }
 
-void* CountedMemmove(void* to, const void* from, std::size_t size) {
+void* __wrap_memset(void* to, int byte, std::size_t size) {
   CountBytes(size);
-  return RealMemmove(to, from, size);
+  return __real_memset(to, byte, size);
 }
 
-void* CountedMemset(void* to, int byte, std::size_t size) {
-  CountBytes(size);
-  return RealMemset(to, byte, size);
-}
-
-int CountedMemcmp(const void* one, const void* other, std::size_t size) {
-  const int result = RealMemcmp(one, other, size);
-  if (result != 0) {
-    const char* const begin = static_cast<const char*>(one);
-    size = static_cast<std::size_t>(
-        std::mismatch(begin, begin + size, static_cast<const char*>(other))
-            .first -
-        begin);
-  }
-  CountBytes(size);
+int __wrap_memcmp(const void* one, const void* other, std::size_t size) {
+  const int result = __real_memcmp(one, other, size);
+  const char* const begin = static_cast<const char*>(one);
+  CountBytes(result != 0
+                 ? BytesUpTo(std::mismatch(begin, begin + size,
+                                           static_cast<const char*>(other))
+                                 .first,
+                             begin)
+                 : size);
   return result;
 }
 
-int CountedBcmp(const void* one, const void* other, std::size_t size) {
-  return CountedMemcmp(one, other, size);
+int __wrap_bcmp(const void* one, const void* other, std::size_t size) {
+  return __wrap_memcmp(one, other, size);
 }
 
-void* CountedMemchr(const void* text, int byte, std::size_t size) {
-  void* const found = RealMemchr(text, byte, size);
-  CountBytes(found == nullptr
-                 ? size
-                 : static_cast<std::size_t>(static_cast<const char*>(found) -
-                                            static_cast<const char*>(text)));
+void* __wrap_memchr(const void* text, int byte, std::size_t size) {
+  void* const found = __real_memchr(text, byte, size);
+  CountBytes(found == nullptr ? size : BytesUpTo(found, text));
   return found;
 }
 
-std::size_t CountedStrlen(const char* text) {
-  const std::size_t size = RealStrlen(text);
+std::size_t __wrap_strlen(const char* text) {
+  const std::size_t size = __real_strlen(text);
   CountBytes(size);
   return size;
 }
 
-void* CountedNew(std::size_t size) {
+// operator new, also of arrays, which calls the other one.
+void* __wrap__Znwm(std::size_t size) {
   work.allocated_bytes += size;
-  return RealNew(size);
+  return __real__Znwm(size);
+}
 }
 
 }  // namespace support

@@ -20,8 +20,8 @@ struct Work {
 inline constinit Work work;
 
 /// Copies without being counted.
-extern "C" void* RealMemcpy(void* to, const void* from,
-                            std::size_t size) __asm__("__real_memcpy");
+extern "C" void* __real_memcpy(  // NOLINT(bugprone-reserved-identifier)
+    void* to, const void* from, std::size_t size);
 
 }  // namespace support
 

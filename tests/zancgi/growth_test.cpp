@@ -241,18 +241,10 @@ Maker Distinct(const std::string& text, const std::string& end = "") {
 
 /// A form that begins with a field or an upload of a very long name, which
 /// stays the name of later parts that give none.
-Maker AfterLongName(const std::string& text, const std::string& begin = "",
-                    const std::string& end = "") {
+Maker AfterLong(const std::string& attribute, const std::string& text,
+                const std::string& begin = "", const std::string& end = "") {
   return [=](std::size_t size) {
-    return Field(std::string(size, 'n'), "") + begin + Repeated(text, size) +
-           end + kFormEnd;
-  };
-}
-
-Maker AfterLongFileName(const std::string& text, const std::string& begin = "",
-                        const std::string& end = "") {
-  return [=](std::size_t size) {
-    return Upload("u", std::string(size, 'n'), "") + begin +
+    return Part(attribute + "=\"" + std::string(size, 'n') + "\"", "") + begin +
            Repeated(text, size) + end + kFormEnd;
   };
 }
@@ -270,6 +262,7 @@ const std::string kOneField = Field("a", "1");
 /// Names of one part outlive it, however long they are. The larger ones have
 /// 320 KB and more, which no limit of a line refuses.
 Shapes LongNames() {
+  const std::string long_file = "name=\"u\"; filename";
   return {
       {"LinesOfALongName", kForms, 100'000,
        [](std::size_t size) {
@@ -277,18 +270,19 @@ Shapes LongNames() {
                 kFormEnd;
        }},
       {"PartsWithoutHeadersAfterALongName", kForms, 100'000,
-       AfterLongName(kBoundary + "\r\nv\r\n")},
+       AfterLong("name", kBoundary + "\r\nv\r\n")},
       {"HeadersOfUploadsAfterALongName", kForms, 100'000,
-       AfterLongName(kFormData + "filename=\"f\"\r\n", kBoundary, "\r\n")},
+       AfterLong("name", kFormData + "filename=\"f\"\r\n", kBoundary, "\r\n")},
       {"UploadsWithoutANameAfterALongName", kForms, 80'000,
-       AfterLongName(Part("filename=\"f\"", ""))},
+       AfterLong("name", Part("filename=\"f\"", ""))},
       {"UploadsWithoutHeadersAfterALongFileName", kForms, 80'000,
-       AfterLongFileName(kBoundary + "\r\n" + std::string(50, 'v') + "\r\n")},
+       AfterLong(long_file,
+                 kBoundary + "\r\n" + std::string(50, 'v') + "\r\n")},
       {"PartsNamedFilenameAfterALongFileName", kForms, 80'000,
-       AfterLongFileName(Part("name=\"filename\"", ""))},
+       AfterLong(long_file, Part("name=\"filename\"", ""))},
       {"HeadersNamedFilenameAfterALongFileName", kForms, 80'000,
-       AfterLongFileName(kFormData + "name=\"filename\"\r\n", kBoundary,
-                         "\r\n")},
+       AfterLong(long_file, kFormData + "name=\"filename\"\r\n", kBoundary,
+                 "\r\n")},
       {"AttributesAfterALongName", kForms, 100'000,
        [](std::size_t size) {
          return Part("name=\"" + std::string(size, 'n') + "\"" +
@@ -643,9 +637,11 @@ extern "C" ssize_t ReadUnread(int fd, void* buf,
 extern "C" ssize_t ReadUnread(int fd, void* buf, std::size_t nbytes) {
   if (fd != STDIN_FILENO) return ::syscall(SYS_read, fd, buf, nbytes);
   const std::size_t count = SizeOfRead(nbytes);
-  RealMemcpy(buf, unread.data(), count);
+  __real_memcpy(buf, unread.data(), count);
   unread.remove_prefix(count);
   return static_cast<ssize_t>(count);
 }
+
+// NOLINTEND(bugprone-reserved-identifier)
 
 }  // namespace support
