@@ -2,8 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <stdexcept>
@@ -19,22 +17,11 @@ constexpr int kFirstHighDescriptor = 200;
 constexpr int kLibrarysTimeLimit = 30'000;
 constexpr int kShortTimeLimit = 10;
 
-volatile sig_atomic_t signals_handled = 0;
-
 /// Out of the way of the low descriptors, which tests look at.
 int Raise(int descriptor) {
   const int high = ::fcntl(descriptor, F_DUPFD_CLOEXEC, kFirstHighDescriptor);
   ::close(descriptor);
   return high;
-}
-
-/// A handler without SA_RESTART, called in 5 ms.
-void SendSignalSoon() {
-  struct sigaction action {};
-  action.sa_handler = [](int) { signals_handled = signals_handled + 1; };
-  ::sigaction(SIGALRM, &action, nullptr);
-  const itimerval soon{{0, 0}, {0, 5'000}};
-  ::setitimer(ITIMER_REAL, &soon, nullptr);
 }
 
 }  // namespace
@@ -53,7 +40,6 @@ PieceInput::PieceInput(std::vector<std::string> pieces, Events events)
     const Event event = events_ ? events_(waits_) : Event::Piece;
     ++waits_;
     if (event == Event::Piece) WritePiece();
-    if (event == Event::Signal) SendSignalSoon();
     const bool is_shortened =
         event == Event::Silence && milliseconds == kLibrarysTimeLimit;
     return RealPoll(entries, count,
@@ -79,8 +65,6 @@ void PieceInput::WritePiece() {
     ::close(std::exchange(writing_end_, -1));
   }
 }
-
-int PieceInput::SignalsHandled() { return signals_handled; }
 
 std::size_t PieceInput::BytesUnread() const { return support::BytesUnread(); }
 

@@ -19,8 +19,6 @@ class PieceInput {
   enum class Event {
     /// The next piece comes, or the hang-up.
     Piece,
-    /// A signal is handled meanwhile. The piece comes at the next wait.
-    Signal,
     /// Nothing comes; the 30 seconds pass at once.
     Silence
   };
@@ -36,8 +34,6 @@ class PieceInput {
 
   /// How often the library has waited.
   std::size_t Waits() const { return waits_; }
-  /// How many signals were handled in its waits.
-  static int SignalsHandled();
   /// How many bytes of the pieces written so far nobody has read.
   std::size_t BytesUnread() const;
 

@@ -9,10 +9,8 @@
 #include <zancgi/form.h>
 
 #include <csignal>
-#include <cstring>
 #include <exception>
 #include <optional>
-#include <sstream>
 #include <string_view>
 
 #include "support/account.h"
@@ -83,24 +81,10 @@ Faults FailingCall(std::size_t number, int error, int unnamed_error = 0) {
 
 /// All that is known of how a child has ended, for failed expectations.
 std::string Described(const Outcome& outcome) {
-  std::ostringstream text;
-  text << "status " << outcome.status;
-  if (outcome.status > 128) {
-    text << " (" << ::strsignal(outcome.status - 128) << ")";
-  }
-  if (outcome.timed_out) text << ", its time was up";
-  text << "\nerror '" << outcome.error << "' " << outcome.error_type;
-  for (const auto& [name, value] : outcome.reported) {
-    text << "\n" << name << ": " << value;
-  }
-  for (const std::string& descriptor : outcome.leaked_descriptors) {
-    text << "\nleft open: " << descriptor;
-  }
-  for (const std::string& process : outcome.left_processes) {
-    text << "\nleft running: " << process;
-  }
-  text << "\nstandard error:\n" << outcome.standard_error;
-  return text.str();
+  return "status " + std::to_string(outcome.status) + ", error '" +
+         outcome.error + "' " + outcome.error_type + "\n" +
+         testing::PrintToString(outcome.reported) + "\nstandard error:\n" +
+         outcome.standard_error;
 }
 
 /// Expects an empty folder, unless what has failed is the removal of a file,

@@ -7,6 +7,7 @@
 #include <zancgi/account.h>
 #include <zancgi/form.h>
 
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -217,45 +218,40 @@ TEST(KilledProcess, LeavesNoUploadWhereFilesCanBeUnnamed) {
   }
 }
 
-TEST(UploadFile, HasANameWhereUnnamedFilesAreNotSupported) {
-  const Scratch spool;
-  // Not supported, an old file system, an old kernel.
-  for (const int error : {EOPNOTSUPP, EISDIR, EINVAL}) {
-    SCOPED_TRACE(error);
-    const auto answer = [error](const FileCall& call) {
-      return call.name == "O_TMPFILE" ? error : 0;
-    };
-    Serve(kForm, [&] {
-      WatchFileCalls(answer);
-      Cgi cgi = CgiWithSpool(spool.Path());
-      const Form form(cgi);
-      WatchFileCalls(nullptr);
-      ExpectWhole(form);
-      EXPECT_EQ(spool.List().size(), 2U);
-    });
-    EXPECT_EQ(spool.List(), Strings{});
-    Serve(kCutForm, [&] {
-      WatchFileCalls(answer);
-      EXPECT_EQ(RefusalWith(spool.Path()).status, 400);
+TEST(UploadFile, HasANameWhereUnnamedFilesCannotBeMadeOrLinkedAtOnce) {
+  struct Row {
+    const char* call;
+    int error;
+    int times;
+  };
+  const Row rows[] = {{"O_TMPFILE", EOPNOTSUPP, INT_MAX},
+                      // An old file system, an old kernel.
+                      {"O_TMPFILE", EISDIR, INT_MAX},
+                      {"O_TMPFILE", EINVAL, INT_MAX},
+                      // Somebody takes its name.
+                      {"linkat", EEXIST, 3}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.error);
+    const Scratch spool;
+    for (const std::string& body : {kForm, kCutForm}) {
+      Serve(body, [&] {
+        const Watch watch([&, count = 0](const FileCall& call) mutable {
+          const bool fails = call.name == row.call && ++count <= row.times;
+          return fails ? row.error : 0;
+        });
+        if (body == kCutForm) {
+          EXPECT_EQ(RefusalWith(spool.Path()).status, 400);
+          EXPECT_EQ(spool.List(), Strings{});
+          return;
+        }
+        Cgi cgi = CgiWithSpool(spool.Path());
+        const Form form(cgi);
+        ExpectWhole(form);
+        EXPECT_EQ(spool.List().size(), 2U);
+      });
       EXPECT_EQ(spool.List(), Strings{});
-    });
-    EXPECT_EQ(spool.List(), Strings{});
+    }
   }
-}
-
-TEST(UploadFile, GetsAnotherNameWhenItsOwnIsTaken) {
-  const Scratch spool;
-  Serve(kForm, [&] {
-    int taken = 0;
-    WatchFileCalls([&](const FileCall& call) {
-      return call.name == "linkat" && ++taken <= 3 ? EEXIST : 0;
-    });
-    Cgi cgi = CgiWithSpool(spool.Path());
-    const Form form(cgi);
-    WatchFileCalls(nullptr);
-    ExpectWhole(form);
-  });
-  EXPECT_EQ(spool.List(), Strings{});
 }
 
 void Limit(__rlimit_resource resource, rlim_t most) {
@@ -272,10 +268,9 @@ TEST(ManyUploads, AreAllStoredWithFewDescriptors) {
       const Scratch spool;
       Serve(FormOf(200), [&, answer = answer] {
         Limit(RLIMIT_NOFILE, descriptors);
-        WatchFileCalls(answer);
+        const Watch watch(answer);
         Cgi cgi = CgiWithSpool(spool.Path());
         const Form form(cgi);
-        WatchFileCalls(nullptr);
         ASSERT_EQ(form.uploads().size(), 200U);
         for (std::size_t i = 0; i < 200; ++i) {
           EXPECT_EQ(ReadFile(form.Path(form.uploads()[i])), std::to_string(i));
@@ -350,21 +345,21 @@ TEST(UploadThatCannotBeStored, IsRefusedWithTheReason) {
 }
 
 TEST(UploadThatCannotBeStored, IsRefusedWhenItsCloseFails) {
+  const std::string text = "an upload cannot be stored: ";
   const std::pair<int, Refusal> rows[] = {
-      {EIO, {507, "an upload cannot be stored: Input/output error"}},
-      {EDQUOT, {507, "an upload cannot be stored: Disk quota exceeded"}},
+      {EIO, {507, text + "Input/output error"}},
+      {EDQUOT, {507, text + "Disk quota exceeded"}},
       {EINTR, {}},
   };
+  const Scratch spool;
   for (const auto& [error, refusal] : rows) {
     for (const auto& [name, answer] : kKinds) {
-      SCOPED_TRACE(testing::Message() << ::strerror(error) << ", " << name);
-      const Scratch spool;
+      SCOPED_TRACE(refusal.text + ", " + name);
       Serve(kForm, [&, answer = answer, error = error, refusal = refusal] {
-        WatchFileCalls([&](const FileCall& call) {
+        const Watch watch([&](const FileCall& call) {
           return call.name == "close" ? error : answer(call);
         });
         EXPECT_EQ(RefusalWith(spool.Path()), refusal);
-        WatchFileCalls(nullptr);
       });
       EXPECT_EQ(spool.List(), Strings{});
     }
@@ -479,11 +474,6 @@ TEST_F(AccountUploads, AreStoredInTheHomeAfterASwitch) {
       ExpectInHome(form, cgi, is_confined ? "/" : machine_.Home(), 0600);
       EXPECT_TRUE(fs::is_empty(fs::current_path()));
     });
-  }
-}
-
-TEST_F(AccountUploads, ThatAreRefusedLeaveNothingInTheHome) {
-  for (const bool is_confined : {false, true}) {
     ServeForm(kCutForm, "", [&](Cgi& cgi) {
       BecomeVisitor(cgi, "", is_confined);
       EXPECT_EQ(RefusalOf([&] { const Form form(cgi); }).status, 400);

@@ -2,8 +2,7 @@
 
 #include <sys/resource.h>
 #include <sys/syscall.h>
-
-#include <ostream>
+#include <zancgi/testing/system.h>
 
 #include "support/files.h"
 #include "support/terminal.h"
@@ -51,33 +50,19 @@ int DescriptorOf(const std::string& path) {
   return -1;
 }
 
-/// Has descriptor 3 closed for as long as it lives.
-class ThirdClosed {
- public:
-  ThirdClosed() : kept_(::fcntl(3, F_DUPFD_CLOEXEC, 200)) { ::close(3); }
-  ~ThirdClosed() {
-    if (kept_ < 0) return;
-    ::dup3(kept_, 3, O_CLOEXEC);
-    ::close(kept_);
-  }
-  ThirdClosed(const ThirdClosed&) = delete;
-  ThirdClosed& operator=(const ThirdClosed&) = delete;
-
- private:
-  int kept_;
-};
-
 TEST(UploadFile,
      HasTheLowestDescriptorAboveStandardErrorAndHandsItToNoProgram) {
   for (const std::vector<int>& closed : kClosedSets) {
     const Scratch scratch;
     RunWithout(closed, [&] {
-      const ThirdClosed third;
+      const Descriptor high = zan_cgi::testing::AnonymousFile("high");
+      const int lowest = ::fcntl(high.Get(), F_DUPFD, 3);
+      ::close(lowest);
       UploadFile file;
       file.Open(scratch / "file");
       EXPECT_TRUE(file.IsOpen());
-      EXPECT_EQ(DescriptorOf(scratch / "file"), 3);
-      EXPECT_EQ(::fcntl(3, F_GETFD), FD_CLOEXEC);
+      EXPECT_EQ(DescriptorOf(scratch / "file"), lowest);
+      EXPECT_EQ(::fcntl(lowest, F_GETFD), FD_CLOEXEC);
     });
   }
 }
@@ -151,21 +136,9 @@ TEST(UploadFile, DoesNotBecomeTheTerminalOfTheProcess) {
   }));
 }
 
-/// What has come of two writes of five digits each.
-struct Written {
-  std::string content;
-  bool is_bad;
-  std::size_t calls;
-
-  friend bool operator==(const Written&, const Written&) = default;
-};
-
-void PrintTo(const Written& written, std::ostream* out) {
-  *out << written.content << (written.is_bad ? ", bad" : "") << ", "
-       << written.calls << " calls";
-}
-
-Written WriteDigits(const std::vector<Step>& steps) {
+/// What has come of two writes of five digits each: the content, whether the
+/// file is bad, and the number of calls.
+std::string WriteDigits(const std::vector<Step>& steps) {
   const Scratch scratch;
   Script followed{steps};
   UploadFile file;
@@ -174,25 +147,23 @@ Written WriteDigits(const std::vector<Step>& steps) {
   file.Write("01234", 5);
   file.Write("56789", 5);
   script = nullptr;
-  return {ReadFile(scratch / "file"), file.IsBad(), followed.calls};
+  return ReadFile(scratch / "file") + (file.IsBad() ? ", bad, " : ", ") +
+         std::to_string(followed.calls);
 }
 
 TEST(UploadFile, IsWrittenWholeAfterASignalOrAShortWrite) {
-  EXPECT_EQ(WriteDigits({}), (Written{"0123456789", false, 2}));
-  EXPECT_EQ(WriteDigits({{.error = EINTR}, {.error = EINTR}}),
-            (Written{"0123456789", false, 4}));
+  EXPECT_EQ(WriteDigits({}), "0123456789, 2");
+  EXPECT_EQ(WriteDigits({{.error = EINTR}, {.error = EINTR}}), "0123456789, 4");
   EXPECT_EQ(WriteDigits({{.most = 3}, {.error = EINTR}, {.most = 1}}),
-            (Written{"0123456789", false, 5}));
+            "0123456789, 5");
 }
 
 TEST(UploadFile, IsNotWrittenAgainAfterAWriteHasFailed) {
   for (const int error : {ENOSPC, EIO, EAGAIN, EFBIG}) {
-    EXPECT_EQ(WriteDigits({{.most = 3}, {.error = error}}),
-              (Written{"012", true, 2}));
+    EXPECT_EQ(WriteDigits({{.most = 3}, {.error = error}}), "012, bad, 2");
   }
   // A write of nothing is never the last one before the end.
-  EXPECT_EQ(WriteDigits({{.most = 5}, {.most = 0}}),
-            (Written{"01234", true, 2}));
+  EXPECT_EQ(WriteDigits({{.most = 5}, {.most = 0}}), "01234, bad, 2");
 }
 
 }  // namespace
