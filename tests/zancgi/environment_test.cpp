@@ -81,26 +81,16 @@ TEST(IsHttps, IgnoresTheHeadersOfTheClient) {
        [] { EXPECT_FALSE(zan_cgi::IsHttps()); });
 }
 
+// The rules are in EncodedForms() of tests/plain/form_rows.h.
 TEST(QueryFields, FollowTheUrlStandard) {
   using Fields = std::vector<std::pair<std::string, std::string>>;
   const std::pair<std::string, Fields> rows[] = {
       {"", {}},
-      {"&&", {}},
-      {"a=1&b=2&a=3", {{"a", "1"}, {"b", "2"}, {"a", "3"}}},
-      {"&a=1&&b=2&", {{"a", "1"}, {"b", "2"}}},
+      {"&a=1&&b==2&a=3", {{"a", "1"}, {"b", "=2"}, {"a", "3"}}},
       {"a", {{"a", ""}}},
       {"=", {{"", ""}}},
-      {"=a", {{"", "a"}}},
-      {"a==b=", {{"a", "=b="}}},
-      {"a;b=1;c", {{"a;b", "1;c"}}},
-      {"a+b=c+d", {{"a b", "c d"}}},
-      {"%61%3D=%26%2B%2b", {{"a=", "&++"}}},
-      {"a=%", {{"a", "%"}}},
-      {"a=%4", {{"a", "%4"}}},
-      {"a=%4g%g4%%41", {{"a", "%4g%g4%A"}}},
-      {"a=%25%34%31", {{"a", "%41"}}},
-      {"a=%00%ff\xfe", {{"a", std::string("\0\xff\xfe", 3)}}},
-      {"%3=%41", {{"%3", "A"}}}};
+      {"a;b+c=%61%3D;%zz%4", {{"a;b c", "a=;%zz%4"}}},
+      {"a=%00%ff\xfe", {{"a", std::string("\0\xff\xfe", 3)}}}};
   for (const auto& [query, expected] : rows) {
     SCOPED_TRACE(query);
     With({{"QUERY_STRING", query}, {"REQUEST_METHOD", "POST"}},

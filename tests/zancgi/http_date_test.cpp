@@ -34,19 +34,13 @@ TEST(HttpDate, IsReadInTheOlderForms) {
   const std::pair<std::string, long> rows[] = {
       {"Sunday, 06-Nov-94 08:49:37 GMT", 784'111'777},
       {"Wednesday, 01-Jan-86 00:00:00 GMT", 504'921'600},
+      // Two digits are at most fifty years ahead.
+      {"Wednesday, 01-Jan-76 00:00:00 GMT", 3'345'062'400},
+      {"Saturday, 01-Jan-77 00:00:00 GMT", 220'924'800},
       {"Sun Nov  6 08:49:37 1994", 784'111'777},
       {"Tue Feb 29 23:59:59 2000", 951'782'400 + 86'399},
       {"Sun, 06 Nov 1994 08:49:60 GMT", 784'111'800},
       {"Mon, 06 Nov 1994 08:49:37 GMT", 784'111'777}};
-  for (const auto& [text, time] : rows) {
-    EXPECT_EQ(zan_cgi::ParseHttpDate(text, kNow), At(time)) << text;
-  }
-}
-
-TEST(HttpDate, OfTwoDigitsIsAtMostFiftyYearsAhead) {
-  const std::pair<std::string, long> rows[] = {
-      {"Wednesday, 01-Jan-76 00:00:00 GMT", 3'345'062'400},
-      {"Saturday, 01-Jan-77 00:00:00 GMT", 220'924'800}};
   for (const auto& [text, time] : rows) {
     EXPECT_EQ(zan_cgi::ParseHttpDate(text, kNow), At(time)) << text;
   }
