@@ -18,11 +18,11 @@ using Look = std::function<void(const Cgi::Data& record)>;
 /// record.
 Outcome ParsePieces(
     const Strings& pieces, const Look& check,
-    const Look& before = [](const Cgi::Data&) {}) {
+    const Look& before = [](const Cgi::Data&) {}, int log_level = 9) {
   const Scratch scratch(FastFolder());
   std::string body;
   for (const std::string& piece : pieces) body += piece;
-  Outcome outcome = RunCleanly(PostOf(body), [&] {
+  Outcome outcome = RunCleanly(PostOf(body).LogLevel(log_level), [&] {
     Cgi::Data record;
     record.tmp_dir = scratch.Path();
     const PieceInput input(pieces, [&](std::size_t) {
@@ -76,7 +76,7 @@ TEST(ManyUploads, AreAsManyFilesAndOpenOneAtATime) {
         EXPECT_EQ(paths.size(), kCount);
         EXPECT_EQ(most, 1);
       },
-      [&](const Cgi::Data&) { most = std::max(most, OpenUploads()); });
+      [&](const Cgi::Data&) { most = std::max(most, OpenUploads()); }, 0);
 }
 
 /// Parses one upload while somebody puts something in the place of its file as
