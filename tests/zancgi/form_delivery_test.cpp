@@ -2,7 +2,6 @@
 // limit, and the rest of a refused body is read and dropped.
 
 #include <poll.h>
-#include <signal.h>
 #include <zancgi/form.h>
 
 #include <chrono>

@@ -3,7 +3,6 @@
 
 #include <poll.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/time.h>
 #include <tov/client.h>
 #include <tov/file.h>
