@@ -169,6 +169,8 @@ TEST(Refusal, NamesTheRuleThatTheTypeOrAMarkerBreaks) {
       {"--XY\r\nContent-Disp", not_closed},
       {Field("a", "1") + "--XY-", followed},
       {"--XYz\r\n" + kNamed + "\r\n\r\n1\r\n--XY--", followed},
+      {"--XY\n" + kNamed,
+       Malformed("a line of the form does not end in CR LF")},
   });
 }
 

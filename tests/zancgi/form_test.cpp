@@ -134,6 +134,7 @@ TEST(UploadsOfOneName, HaveFilesOfTheirOwn) {
       {{"a (2)", "a", "a"}, {"a (2)", "a", "a (3)"}},
       {{"a", "a (2)", "a"}, {"a", "a (2)", "a (3)"}},
       {{"a", "a", "a (2)"}, {"a", "a (2)", "a (2) (2)"}},
+      {{"a (3)", "a", "a", "a"}, {"a (3)", "a", "a (2)", "a (4)"}},
       {{"", "", "a", ""}, {"", " (2)", "a", " (3)"}},
   };
   for (const auto& [names, keys] : rows) {

@@ -65,15 +65,23 @@ TEST(Response, IsSentByteForByte) {
 }
 
 TEST(Response, HasTheReasonOfItsStatus) {
-  const std::pair<int, std::string> rows[] = {{200, "OK"},
-                                              {206, "Partial Content"},
-                                              {303, "See Other"},
-                                              {404, "Not Found"},
-                                              {422, "Unprocessable Content"},
-                                              {507, "Insufficient Storage"},
-                                              {299, "Other"},
-                                              {306, "Other"},
-                                              {599, "Other"}};
+  const std::pair<int, std::string> rows[] = {
+      {200, "OK"},
+      {203, "Non-Authoritative Information"},
+      {206, "Partial Content"},
+      {303, "See Other"},
+      {308, "Permanent Redirect"},
+      {404, "Not Found"},
+      {413, "Content Too Large"},
+      {422, "Unprocessable Content"},
+      {429, "Too Many Requests"},
+      {431, "Request Header Fields Too Large"},
+      {451, "Unavailable For Legal Reasons"},
+      {505, "HTTP Version Not Supported"},
+      {507, "Insufficient Storage"},
+      {299, "Other"},
+      {306, "Other"},
+      {599, "Other"}};
   InChild([&] {
     for (const auto& [status, reason] : rows) {
       EXPECT_EQ(SentHeader(Response(status), "Status"),
