@@ -531,6 +531,31 @@ TEST_F(SuCalls, OfPamAreNotMadeInARootDirectoryThatMayNotBeRoots) {
   Expect(Whole(true), calls);
 }
 
+TEST_F(SuCalls, OfPamEndAfterTheOneThatFailsWithItsCode) {
+  const auto expect = [&](const Lines& pam) {
+    for (const bool use_chroot : {false, true}) {
+      const Call call = Whole(use_chroot);
+      Expect(call, OfSwitch(machine_, call, pam));
+    }
+  };
+  for (const int code : {PAM_PERM_DENIED, -1, 1000}) {
+    const std::string number = std::to_string(code);
+    for (const std::string step : {"open_session", "close_session"}) {
+      const std::string failing = "pam_" + step + " session silent";
+      FailAt(failing, {code});
+      Lines pam = kWholePam;
+      pam.erase(After(pam, failing), pam.end());
+      expect(pam +
+             Lines{Called("pam_strerror session " + number),
+                   {4, "PAM error " + number + " (what it means) on " + step},
+                   Called("pam_end session " + number)});
+    }
+    const std::string start = "pam_start login visitor myconv";
+    FailAt(start, {code});
+    expect({kStarting, Called(start), kNotStarted});
+  }
+}
+
 TEST_F(SuCalls, TakeAwayAllGroupsWhenTheAccountsAreRefused) {
   const Call call = {.dir = "/", .use_chroot = true};
   const std::string setting = "setgroups 54321 54330";
