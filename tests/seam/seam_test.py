@@ -38,6 +38,16 @@ class SeamTest(unittest.TestCase):
                 "statfs64",
             }, names)
 
+    def test_pam_is_asked_for_nothing_but_sessions(self):
+        of_pam = {name for name in calls() if name.startswith("pam_")}
+        self.assertEqual(of_pam, {
+                "pam_close_session",
+                "pam_end",
+                "pam_open_session",
+                "pam_start",
+                "pam_strerror",
+            })
+
     def test_no_checked_variant_stands_in_for_a_plain_call(self):
         of_memory = re.compile(r"__(mem\w+|str\w+|v?snprintf)_chk$")
         for library in LIBRARIES:

@@ -4,6 +4,9 @@
 
 #include <regex>
 
+#include "support/files.h"
+#include "support/mount.h"
+
 namespace support {
 namespace {
 
@@ -65,10 +68,14 @@ Identity IdentityIn(Outcome& outcome) {
           outcome.reported["work dir"]};
 }
 
-ino_t InodeOf(const std::string& path) {
-  struct stat status {};
-  EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
-  return status.st_ino;
+void MountTwins(const std::string& folder, const std::string& other) {
+  ino_t numbers[2] = {};
+  int count = 0;
+  for (const std::string& path : {folder, other}) {
+    MountPrivately(path, "mode=0755");
+    numbers[count++] = StatOf(path).st_ino;
+  }
+  ASSERT_EQ(numbers[0], numbers[1]);
 }
 
 Switched SwitchedOf(Outcome& outcome) {

@@ -89,8 +89,9 @@ void ReportIdentity(const Reporter& report, const Identity& identity);
 /// That identity.
 Identity IdentityIn(Outcome& outcome);
 
-/// The number of a file; fails the test when there is none.
-ino_t InodeOf(const std::string& path);
+/// Mounts a file system on each of these folders, for this process alone. The
+/// folders then have the same number, like the tops of all in memory.
+void MountTwins(const std::string& folder, const std::string& other);
 
 /// Of a child that has marked its switch and reported its identity. Expects
 /// that it has ended well, or with a std::runtime_error, and left no descriptor

@@ -310,9 +310,7 @@ extern "C" int getresgid(gid_t* rgid, gid_t* egid, gid_t* sgid) noexcept {
 }
 
 extern "C" int getgroups(int size, gid_t* list) noexcept {
-  const int count = Passed("getgroups", "getgroups", size, list);
-  Alter("getgroups", list);
-  return count;
+  return Passed("getgroups", "getgroups", size, list);
 }
 
 extern "C" int capget(cap_user_header_t header, cap_user_data_t data) noexcept {

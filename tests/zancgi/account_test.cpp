@@ -16,7 +16,6 @@
 #include <new>
 
 #include "support/account.h"
-#include "support/mount.h"
 #include "support/switch.h"
 #include "support/switch_calls.h"
 #include "support/test.h"
@@ -540,9 +539,7 @@ TEST_F(Become, RefusesAnotherFileSystemWithTheInodeOfTheHome) {
   const std::string other = machine_.MakeDir("other/inside");
   const Result result =
       Try(machine_, {.options = At("link"), .prepare = [&] {
-                       MountPrivately(machine_.Home(), "mode=0755");
-                       MountPrivately(other, "mode=0755");
-                       ASSERT_EQ(InodeOf(machine_.Home()), InodeOf(other));
+                       MountTwins(machine_.Home(), other);
                        fs::create_symlink(other, machine_.Home() + "/link");
                      }});
   EXPECT_EQ(result.error, "the current directory is not in the home folder");

@@ -116,32 +116,10 @@ extern "C" int pam_end(pam_handle_t* pamh, int pam_status) {
                   ")");
 }
 
-// What is never called would be seen as well.
-
+// Called only for an error.
 extern "C" const char* pam_strerror(pam_handle_t* /*pamh*/, int /*errnum*/) {
   Mark("pam_strerror");
   return "";
-}
-
-extern "C" int pam_set_item(pam_handle_t* /*pamh*/, int /*item_type*/,
-                            const void* /*item*/) {
-  return MarkCall("pam_set_item");
-}
-
-extern "C" int pam_putenv(pam_handle_t* /*pamh*/, const char* /*name_value*/) {
-  return MarkCall("pam_putenv");
-}
-
-extern "C" int pam_authenticate(pam_handle_t* /*pamh*/, int /*flags*/) {
-  return MarkCall("pam_authenticate");
-}
-
-extern "C" int pam_acct_mgmt(pam_handle_t* /*pamh*/, int /*flags*/) {
-  return MarkCall("pam_acct_mgmt");
-}
-
-extern "C" int pam_setcred(pam_handle_t* /*pamh*/, int /*flags*/) {
-  return MarkCall("pam_setcred");
 }
 
 }  // namespace support

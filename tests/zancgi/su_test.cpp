@@ -14,7 +14,6 @@
 
 #include "session.h"
 #include "support/account.h"
-#include "support/mount.h"
 #include "support/switch.h"
 #include "support/switch_calls.h"
 #include "support/test.h"
@@ -22,83 +21,62 @@
 namespace support {
 namespace {
 
-class SuCombination
-    : public MachineTest<
-          testing::TestWithParam<std::tuple<std::string, bool, bool>>> {
- protected:
-  Switched SwitchTo(const std::string& user) const {
-    const auto& [dir, use_chroot, use_pam] = GetParam();
-    return Switch(machine_, {user, dir, use_chroot, use_pam});
-  }
-
-  static std::string Dir() { return std::get<0>(GetParam()); }
-  static bool UsesChroot() { return std::get<1>(GetParam()); }
-  static bool UsesPam() { return std::get<2>(GetParam()); }
-};
+using Combination = std::tuple<std::string, bool, bool>;
 
 /// Directories, with and without confinement, with and without PAM.
 const auto kCombinations = testing::Combine(testing::Values("", "/", "www"),
                                             testing::Bool(), testing::Bool());
 
+Call CallOf(const std::string& user, const Combination& combination) {
+  const auto& [dir, use_chroot, use_pam] = combination;
+  return {user, dir, use_chroot, use_pam};
+}
+
+class SuCombination : public MachineTest<testing::TestWithParam<Combination>> {
+};
+
 INSTANTIATE_TEST_SUITE_P(All, SuCombination, kCombinations);
 
 TEST_P(SuCombination, OfRootIgnoresBothFlags) {
-  const Switched switched = SwitchTo("root");
-  const std::string entered =
-      Dir() == "www" ? machine_.Start() + "/www" : std::string("/");
-  EXPECT_EQ(switched.identity, Root(entered));
+  const Call call = CallOf("root", GetParam());
+  const Switched switched = Switch(machine_, call);
+  EXPECT_EQ(switched.identity,
+            Root(call.dir == "www" ? machine_.Start() + "/www" : "/"));
   EXPECT_EQ(switched.error, "");
   EXPECT_EQ(switched.log, Lines{});
 }
 
 TEST_P(SuCombination, OfAnAccountEndsWithItsIdentity) {
-  const Switched switched = SwitchTo("visitor");
+  const Call call = CallOf("visitor", GetParam());
+  const Switched switched = Switch(machine_, call);
   const std::string home = machine_.Home();
 
   Lines log;
-  if (UsesChroot()) log.push_back({8, "ChRoot Init resolver"});
-  if (UsesPam()) log.push_back(kStarting);
-  if (UsesPam() && UsesChroot()) log.push_back(kNotStarted);
-  if (UsesPam() && !UsesChroot()) {
+  if (call.use_chroot) log.push_back({8, "ChRoot Init resolver"});
+  if (call.use_pam) log.push_back(kStarting);
+  if (call.use_pam && call.use_chroot) log.push_back(kNotStarted);
+  if (call.use_pam && !call.use_chroot) {
     log.insert(log.end(), {kStarted, kOpened, kClosed});
   }
   EXPECT_EQ(switched.log, log);
 
-  if (!UsesChroot()) {
+  if (!call.use_chroot) {
     EXPECT_EQ(switched.error, "");
     EXPECT_EQ(switched.identity,
-              Visitor("/", Dir() == "www" ? home + "/www" : home));
-  } else if (Dir().empty()) {
+              Visitor("/", call.dir == "www" ? home + "/www" : home));
+  } else if (call.dir.empty()) {
     EXPECT_EQ(switched.error, "no such directory ''");
     EXPECT_EQ(switched.identity, Visitor(home, machine_.Start()));
   } else {
     // A relative path is taken from where the process was, outside.
     EXPECT_EQ(switched.error, "");
-    EXPECT_EQ(switched.identity,
-              Visitor(home, Dir() == "/" ? home : machine_.Start() + "/www"));
+    EXPECT_EQ(
+        switched.identity,
+        Visitor(home, call.dir == "/" ? home : machine_.Start() + "/www"));
   }
 }
 
 class Su : public MachineTest<> {};
-
-TEST_F(Su, OfAnAccountThatIsMissingChangesNothing) {
-  const Switched switched = Switch(machine_, {.user = "nobody-here"});
-  EXPECT_EQ(switched.error, "failed to get pw entry");
-  EXPECT_EQ(switched.identity, Root(machine_.Start()));
-  EXPECT_EQ(switched.log, Lines{});
-}
-
-TEST_F(Su, ToAHomeThatIsGoneKeepsTheIdentityAndThePlace) {
-  fs::remove_all(machine_.Home());
-  for (const bool use_chroot : {false, true}) {
-    const Switched switched =
-        Switch(machine_, {.dir = "/", .use_chroot = use_chroot});
-    EXPECT_EQ(switched.error, "failed to chroot to users home folder");
-    EXPECT_EQ(switched.identity, Root(machine_.Start()));
-    const Lines log = {{8, "ChRoot Init resolver"}};
-    EXPECT_EQ(switched.log, use_chroot ? log : Lines{});
-  }
-}
 
 // The directory is entered last: the process is the account then, and stays in
 // a directory that is refused.
@@ -146,18 +124,6 @@ TEST_F(Su, EntersADirectoryAsTheAccount) {
       machine_, {.user = "root", .dir = "//missing", .use_chroot = true});
   EXPECT_EQ(root.error, "no such directory '//missing'");
   EXPECT_EQ(root.identity, Root(machine_.Start()));
-}
-
-TEST_F(Su, UnconfinedStaysInAHomeThatItsAccountMayNotSearch) {
-  fs::permissions(machine_.Home(), fs::perms{0600});
-  for (const char* dir : {"", "/"}) {
-    const Switched switched = Switch(machine_, {.dir = dir});
-    EXPECT_EQ(switched.error, "");
-    EXPECT_EQ(switched.identity, Visitor("/", machine_.Home()));
-  }
-  const Switched switched = Switch(machine_, {.dir = "/www"});
-  EXPECT_EQ(switched.error, "no such directory 'www'");
-  EXPECT_EQ(switched.identity, Visitor("/", machine_.Home()));
 }
 
 TEST_F(Su, UnconfinedReportsThatThePathUpIsTooLong) {
@@ -356,18 +322,11 @@ Lines OfRoot(const std::string& entered) {
   return Calls({"getpwnam root", "setgid 0", "setuid 0", "chdir " + entered});
 }
 
-class SuCallsCombination
-    : public testing::TestWithParam<std::tuple<std::string, bool, bool>> {
+class SuCallsCombination : public testing::TestWithParam<Combination> {
  protected:
-  static Call CallAs(const std::string& user) {
-    const auto& [dir, use_chroot, use_pam] = GetParam();
-    return {user, dir, use_chroot, use_pam};
-  }
-
-  /// As it ends where the confinement is only pretended: an empty path cannot
-  /// be entered.
-  static std::string Error(const Call& call) {
-    return call.use_chroot && call.dir.empty() ? "no such directory ''" : "";
+  /// Of a switch for which nobody becomes anybody.
+  Switched Pretend(const Call& call) const {
+    return RecordSwitch(machine_, call, Pretended(machine_));
   }
 
   Machine machine_;
@@ -376,17 +335,19 @@ class SuCallsCombination
 INSTANTIATE_TEST_SUITE_P(All, SuCallsCombination, kCombinations);
 
 TEST_P(SuCallsCombination, OfRootAreFour) {
-  const Call call = CallAs("root");
-  const Switched switched = RecordSwitch(machine_, call, Pretended(machine_));
+  const Call call = CallOf("root", GetParam());
+  const Switched switched = Pretend(call);
   EXPECT_EQ(switched.error, "");
   EXPECT_EQ(switched.log,
             OfRoot(call.dir.empty() ? machine_.Start() : call.dir));
 }
 
 TEST_P(SuCallsCombination, OfAnAccountComeInTheirOrder) {
-  const Call call = CallAs("visitor");
-  const Switched switched = RecordSwitch(machine_, call, Pretended(machine_));
-  EXPECT_EQ(switched.error, Error(call));
+  const Call call = CallOf("visitor", GetParam());
+  const Switched switched = Pretend(call);
+  // An empty path cannot be entered.
+  EXPECT_EQ(switched.error,
+            call.use_chroot && call.dir.empty() ? "no such directory ''" : "");
   EXPECT_EQ(switched.log, OfSwitch(machine_, call));
 }
 
@@ -557,13 +518,26 @@ TEST_F(SuCalls, OfPamEndAfterTheOneThatFailsWithItsCode) {
 }
 
 TEST_F(SuCalls, TakeAwayAllGroupsWhenTheAccountsAreRefused) {
-  const Call call = {.dir = "/", .use_chroot = true};
+  const std::string listing = "getgrouplist visitor 54321";
   const std::string setting = "setgroups 54321 54330";
-  Lines calls = OfSwitch(machine_, call);
+  const Call confined = {.dir = "/", .use_chroot = true};
+  Lines calls = OfSwitch(machine_, confined);
   calls.insert(After(calls, setting), Called("setgroups"));
+  const Lines unconfined = OfSwitch(machine_, {});
   for (const int error : {EPERM, EAGAIN, ENOMEM}) {
-    FailAt(setting, {error});
-    Expect(call, calls);
+    answers_.failures = {{setting, {error}}};
+    Expect(confined, calls);
+    answers_.failures[kInitgroups] = {error};
+    Expect(confined, calls);
+    // By hand then; without the list, none are set.
+    for (const Strings& by_hand :
+         {Strings{listing, setting, "setgroups"}, {listing, "setgroups"}}) {
+      Lines expected = unconfined;
+      const Lines more = Calls(by_hand);
+      expected.insert(After(expected, kInitgroups), more.begin(), more.end());
+      Expect({}, expected);
+      answers_.failures[listing] = {error};
+    }
   }
 }
 
@@ -668,71 +642,11 @@ TEST_F(SuCalls, AreForTheAccountWhoeverIsLookedUpMeanwhile) {
   }
 }
 
-class SuFault : public MachineTest<> {
- protected:
-  /// The identity that a switch ends with when these calls are refused.
-  Identity Refused(const std::string& call, bool use_chroot) const {
-    Answers answers = {.pretend = false};
-    answers.failures[call] = {EPERM};
-    const Switched switched =
-        RecordSwitch(machine_, {.dir = "/", .use_chroot = use_chroot}, answers);
-    EXPECT_EQ(switched.error, "");
-    return switched.identity;
-  }
-};
-
-TEST_F(SuFault, OfOneIdentityLeavesTheOthersTaken) {
-  for (const bool use_chroot : {false, true}) {
-    Identity expected =
-        Visitor(use_chroot ? machine_.Home() : "/", machine_.Home());
-    const Identity whole = expected;
-
-    expected.groups = "0\t0\t0\t0";
-    EXPECT_EQ(Refused("setgid 54322", use_chroot), expected);
-
-    expected = whole;
-    expected.users = "0\t0\t0\t0";
-    EXPECT_EQ(Refused("setuid 54321", use_chroot), expected);
-
-    EXPECT_EQ(Refused(kInitgroups, use_chroot), whole);
-  }
-}
-
-TEST_F(SuFault, OfTheGroupsLeavesNoneOfRoots) {
-  const auto take_part_in_disk = [] {
-    const gid_t disk = 6;
-    EXPECT_EQ(::syscall(SYS_setgroups, 1, &disk), 0);
-  };
-  // Without a list of the account's groups, nobody is confined.
-  for (const auto& [refused, use_chroot] :
-       {std::pair("setgroups 54321 54330", false),
-        std::pair("setgroups 54321 54330", true),
-        std::pair("getgrouplist visitor 54321", false)}) {
-    Answers answers = {.pretend = false};
-    answers.failures = {{kInitgroups, {ENOMEM}}, {refused, {ENOMEM}}};
-    answers.effects = {{"getpwnam visitor", take_part_in_disk}};
-    const Switched switched =
-        RecordSwitch(machine_, {.dir = "/", .use_chroot = use_chroot}, answers);
-    EXPECT_EQ(switched.error, "");
-    EXPECT_EQ(switched.identity.supplementary, "") << refused;
-  }
-}
-
-TEST_F(SuFault, OfTheGroupsLeavesNoneThatTheHomeNames) {
-  machine_.MakeDir("home/etc");
-  machine_.MakeFile("home/etc/group", "disk:x:6:visitor\n");
-  Identity expected = Visitor(machine_.Home(), machine_.Home());
-  expected.supplementary = "";
-  EXPECT_EQ(Refused("setgroups 54321 54330", true), expected);
-}
-
 // Kept for compatibility: only inode numbers are compared.
-TEST_F(SuFault, OfAnotherFileSystemWithTheInodeOfTheHomeIsAccepted) {
+TEST_F(Su, AcceptsAnotherFileSystemWithTheInodeOfTheHome) {
   const std::string other = machine_.MakeDir("other/inside");
   const Switched switched = Switch(machine_, {.dir = "link/deeper"}, [&] {
-    MountPrivately(machine_.Home(), "mode=0755");
-    MountPrivately(other, "mode=0755");
-    ASSERT_EQ(InodeOf(machine_.Home()), InodeOf(other));
+    MountTwins(machine_.Home(), other);
     fs::create_directory(other + "/deeper");
     fs::create_symlink(other, machine_.Home() + "/link");
   });
