@@ -29,14 +29,13 @@ void Give(const std::string& path, const Account& account) {
   }
 }
 
-void TellRecord(const Reporter& report, const Cgi::Data& record) {
-  for (const auto& [name, file] : record.files) {
-    report("path of " + name, file.path);
-    report("size of " + name, std::to_string(file.size));
-  }
+std::string Attributes(uid_t owner, gid_t group, mode_t mode) {
+  std::ostringstream text;
+  text << owner << ':' << group << " 0" << std::oct << mode;
+  return text.str();
 }
 
-void HandOverInChild(const std::vector<Stored>& files, const HandOverCall& call,
+void HandOverInChild(const std::vector<Stored>& files, bool use_chroot,
                      const Reporter& report) {
   Cgi::Data record;
   for (const Stored& file : files) {
@@ -45,11 +44,14 @@ void HandOverInChild(const std::vector<Stored>& files, const HandOverCall& call,
   MarkSwitch();
   std::exception_ptr failure;
   try {
-    record.DoChownFiles(call.user, call.dir, call.use_chroot);
+    record.DoChownFiles("visitor", "not used", use_chroot);
   } catch (...) {
     failure = std::current_exception();
   }
-  TellRecord(report, record);
+  for (const auto& [name, file] : record.files) {
+    report("path of " + name, file.path);
+    report("size of " + name, std::to_string(file.size));
+  }
   // They stay for the test to look at.
   record.files.clear();
   if (failure) std::rethrow_exception(failure);
@@ -59,12 +61,6 @@ void HandOverInChild(const std::vector<Stored>& files, const HandOverCall& call,
 
 void FakeAccount(const Account& account) {
   delete std::exchange(only_account, new Account(account));
-}
-
-std::string Attributes(uid_t owner, gid_t group, mode_t mode) {
-  std::ostringstream text;
-  text << owner << ':' << group << " 0" << std::oct << mode;
-  return text.str();
 }
 
 std::string AttributesOf(const std::string& path) {
@@ -108,23 +104,17 @@ std::string Owners::AttributesAfter() const {
 }
 
 HandedOver HandOver(const Owners& owners, const std::vector<Stored>& files,
-                    const HandOverCall& call,
-                    const std::function<void()>& prepare) {
-  Outcome outcome = call.child.Run([&](const Reporter& report) {
+                    bool use_chroot, const std::function<void()>& prepare,
+                    const Child& child) {
+  HandedOver result{RunWithoutLeak(child, [&](const Reporter& report) {
     FakeAccount(owners.Visitor());
     prepare();
-    HandOverInChild(files, call, report);
-  });
-  EXPECT_EQ(outcome.status, 0) << outcome.standard_error;
-  EXPECT_EQ(outcome.leaked_descriptors, Strings{});
-  HandedOver result;
-  result.error_type = outcome.error_type;
-  result.error = outcome.error;
+    HandOverInChild(files, use_chroot, report);
+  })};
   for (const Stored& file : files) {
-    result.paths[file.name] = outcome.reported["path of " + file.name];
-    result.sizes[file.name] = outcome.reported["size of " + file.name];
+    result.paths[file.name] = result.reported["path of " + file.name];
   }
-  result.log = LinesOfTheSwitch(outcome.log);
+  result.log = LinesOfTheSwitch(result.log);
   return result;
 }
 

@@ -19,8 +19,6 @@ void FakeAccount(const Account& account);
 
 /// "owner:group mode", the mode in octal with a 0 in front.
 std::string AttributesOf(const std::string& path);
-/// What attributes look like there.
-std::string Attributes(uid_t owner, gid_t group, mode_t mode);
 
 /// An upload in a record: the client's name, and where its bytes lie.
 struct Stored {
@@ -29,15 +27,11 @@ struct Stored {
   std::int64_t size = 0;
 };
 
-/// What a hand-over has come to.
-struct HandedOver {
-  std::string error_type;
-  std::string error;
+/// What a hand-over has come to. The log begins with it, and has
+/// "zancgi_unix.cpp:N" for source name and line.
+struct HandedOver : Outcome {
   /// What is recorded for each upload, by the client's name.
-  Texts paths;
-  Texts sizes;
-  /// From the hand-over on; "zancgi_unix.cpp:N" for source name and line.
-  Lines log;
+  Texts paths = {};
 };
 
 /// The folder "spool", in which uploads lie, and the account "visitor" with its
@@ -73,20 +67,12 @@ class Owners {
   Account visitor_;
 };
 
-/// The arguments of a hand-over, and where it takes place.
-struct HandOverCall {
-  std::string user = "visitor";
-  std::string dir = {};
-  bool use_chroot = false;
-  Child child = Child();
-};
-
-/// Hands over in a child, which leaves the files where they then are.
+/// Hands over in this child, which leaves the files where they then are.
+/// Reports "size of" each upload.
 /// @param prepare  called in the child, directly before
 HandedOver HandOver(
-    const Owners& owners, const std::vector<Stored>& files,
-    const HandOverCall& call = {},
-    const std::function<void()>& prepare = [] {});
+    const Owners& owners, const std::vector<Stored>& files, bool use_chroot,
+    const std::function<void()>& prepare = [] {}, const Child& child = Child());
 
 }  // namespace support
 
