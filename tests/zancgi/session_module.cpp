@@ -3,9 +3,7 @@
 /// session is opened. Each is "name" or "name=value"; see kDeeds.
 #include <fcntl.h>
 #include <grp.h>
-#include <pwd.h>
 #include <security/pam_modules.h>
-#include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -40,36 +38,10 @@ std::string TextItem(const Session& session, int item) {
 }
 
 void RecordCall(const Session& session, const std::string& name) {
-  std::string line = name + ": service " + TextItem(session, PAM_SERVICE) +
-                     ", user " + TextItem(session, PAM_USER) + ", flags " +
-                     std::to_string(session.flags) + ", as " +
-                     std::to_string(geteuid());
-  for (const int item : {PAM_TTY, PAM_RHOST, PAM_RUSER, PAM_USER_PROMPT,
-                         PAM_XDISPLAY, PAM_AUTHTOK_TYPE}) {
-    const std::string value = TextItem(session, item);
-    if (value != "none") line += ", item " + std::to_string(item) + " " + value;
-  }
-  Record(session, line);
-}
-
-void Ask(Session& session, const std::string& style) {
-  const void* item = nullptr;
-  pam_get_item(session.handle, PAM_CONV, &item);
-  const auto* const conversation = static_cast<const pam_conv*>(item);
-  const pam_message question{std::stoi(style), "Well?"};
-  const pam_message* questions = &question;
-  pam_response* answers = nullptr;
-  const int result =
-      conversation->conv(1, &questions, &answers, conversation->appdata_ptr);
-  Record(session, "asked: " + std::to_string(result) +
-                      (answers == nullptr ? " without" : " with") + " answers");
-}
-
-void LookUp(Session& session, const std::string& name) {
-  const passwd* const found = getpwnam(name.c_str());
-  Record(session, found == nullptr
-                      ? "not found"
-                      : "found user " + std::to_string(found->pw_uid));
+  Record(session, name + ": service " + TextItem(session, PAM_SERVICE) +
+                      ", user " + TextItem(session, PAM_USER) + ", flags " +
+                      std::to_string(session.flags) + ", as " +
+                      std::to_string(geteuid()));
 }
 
 void LimitProcesses(Session& session, const std::string& count) {
@@ -84,8 +56,6 @@ const std::map<std::string, void (*)(Session&, const std::string&)> kDeeds = {
        session.record = path;
        RecordCall(session, "open");
      }},
-    {"ask", Ask},
-    {"look_up", LookUp},
     {"look_up_group",
      [](Session& session, const std::string& name) {
        if (getgrnam(name.c_str()) == nullptr) Record(session, "no such group");
@@ -97,13 +67,6 @@ const std::map<std::string, void (*)(Session&, const std::string&)> kDeeds = {
     {"umask",
      [](Session&, const std::string& bits) {
        umask(static_cast<mode_t>(std::stoi(bits, nullptr, 8)));
-     }},
-    {"set_variable",
-     [](Session&, const std::string& name) { setenv(name.c_str(), "set", 1); }},
-    {"clear_variables", [](Session&, const std::string&) { clearenv(); }},
-    {"ignore_signal",
-     [](Session&, const std::string& number) {
-       signal(std::stoi(number), SIG_IGN);
      }},
     // The test keeps what it needs itself above these.
     {"close_descriptors",

@@ -1,11 +1,7 @@
-#include <sys/syscall.h>
-
 #include "support/test.h"
 
 namespace support {
 namespace {
-
-bool refuses_chdir = false;
 
 std::string Construct(const std::string& program, const std::string& from) {
   Outcome outcome = Child().WorkDir(from).Run([&](const Reporter& report) {
@@ -40,19 +36,6 @@ TEST(WorkDir, IsTheFolderAboveTheProgramsFolder) {
   }
 }
 
-TEST(WorkDir, ThatCannotBeEnteredIsNoError) {
-  const Scratch scratch;
-  const std::string program = scratch.MakeDir("x/cgi") + "/front";
-  Outcome outcome = Child().WorkDir("/").Run([&](const Reporter& report) {
-    refuses_chdir = true;
-    const Cgi cgi(program, "backend");
-    report("where", fs::current_path().string());
-  });
-  EXPECT_EQ(outcome.error, "");
-  EXPECT_EQ(outcome.reported["where"], "/");
-  EXPECT_EQ(outcome.Logged(9).size(), 1U);
-}
-
 TEST(WorkDir, ThatCannotBeResolvedIsAnError) {
   const Scratch scratch;
   const std::string loop = scratch / "loop";
@@ -79,11 +62,5 @@ TEST(WorkDir, OfAnEmptyProgramNameFailsAfterTheRecordIsBuilt) {
 }
 
 }  // namespace
-
-extern "C" int chdir(const char* path) {
-  if (!refuses_chdir) return static_cast<int>(::syscall(SYS_chdir, path));
-  errno = EACCES;
-  return -1;
-}
 
 }  // namespace support
