@@ -3,7 +3,6 @@
 #define SITE_DEFINES_SMALL
 #endif
 
-#include <tov/log.h>
 #include <tov/site.h>
 
 #include <stdlib.h>

@@ -110,6 +110,24 @@ class AssertError : public Error {
 
 }  // namespace tov_err
 
+namespace tov_log {
+
+/// Numbers alone: the names are each library's own.
+enum Level : int {};
+
+class Module {
+ public:
+  Module(const char* name, const char* group);
+  bool Check(Level level);
+  void Write(Level level, const char* format, ...);
+
+ private:
+  site::Room room_;
+  std::string name_;
+};
+
+}  // namespace tov_log
+
 namespace tov_xml {
 
 /// A copy of an element's tag.
@@ -224,6 +242,13 @@ SITE_FUNCTION Missed::Missed(const std::string& name, const std::string& value)
 SITE_FUNCTION Missed::~Missed() = default;
 
 }  // namespace tov_err
+
+SITE_FUNCTION tov_log::Module::Module(const char* name, const char* group)
+    : name_(std::string(name) + "/" + group) {}
+SITE_FUNCTION bool tov_log::Module::Check(Level level) {
+  const char* const threshold = std::getenv("SITE_LOG");
+  return threshold != nullptr && level <= std::strtol(threshold, nullptr, 10);
+}
 
 SITE_FUNCTION tov_xml::XmlNode::operator bool() const { return !tag_.empty(); }
 SITE_FUNCTION tov_xml::Xml::Xml() : text_("nothing yet") {}
