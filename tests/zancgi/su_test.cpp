@@ -1,12 +1,10 @@
 // Becoming an account: what it comes to, the calls that it is made of, and what
 // is left when one of them fails.
 
-#include <grp.h>
 #include <limits.h>
 #include <linux/magic.h>
 #include <pwd.h>
 #include <security/pam_appl.h>
-#include <sys/syscall.h>
 
 #include <iterator>
 #include <numeric>
@@ -219,39 +217,6 @@ Lines::iterator After(Lines& lines, const std::string& call) {
   return std::next(std::find(lines.begin(), lines.end(), Called(call)));
 }
 
-/// Answers for a machine on which nobody becomes anybody.
-Answers Pretended(const Machine& machine) {
-  return {.accounts = {{"root", 0, 0, machine.Start()},
-                       {"visitor", kVisitor, kVisitors, machine.Home()}},
-          .groups = {kHelpers}};
-}
-
-/// Makes the switch in a child and records it.
-Switched RecordSwitch(const Machine& machine, const Call& call,
-                      const Answers& answers) {
-  Outcome outcome =
-      Child().WorkDir(machine.Start()).Run([&](const Reporter& report) {
-        if (!answers.pretend) machine.SetUp();
-        // Whatever groups the tests are run with.
-        EXPECT_TRUE(!IsRoot() || ::setgroups(0, nullptr) == 0);
-        Observer observer;
-        Cgi::Data request;
-        MarkSwitch();
-        std::string error;
-        {
-          const Recording recording(answers);
-          try {
-            request.DoSu(call.user, call.dir, call.use_chroot, call.use_pam);
-          } catch (const std::runtime_error& thrown) {
-            error = thrown.what();
-          }
-        }
-        ReportIdentity(report, observer.Look());
-        if (!error.empty()) throw std::runtime_error(error);
-      });
-  return SwitchedOf(outcome);
-}
-
 /// Up to and with the account's group.
 Lines OfGroups(const Machine& machine, bool use_chroot) {
   const Lines found = Calls({"getpwnam visitor"});
@@ -322,44 +287,30 @@ Lines OfRoot(const std::string& entered) {
   return Calls({"getpwnam root", "setgid 0", "setuid 0", "chdir " + entered});
 }
 
-class SuCallsCombination : public testing::TestWithParam<Combination> {
- protected:
-  /// Of a switch for which nobody becomes anybody.
-  Switched Pretend(const Call& call) const {
-    return RecordSwitch(machine_, call, Pretended(machine_));
-  }
-
-  Machine machine_;
-};
-
-INSTANTIATE_TEST_SUITE_P(All, SuCallsCombination, kCombinations);
-
-TEST_P(SuCallsCombination, OfRootAreFour) {
-  const Call call = CallOf("root", GetParam());
-  const Switched switched = Pretend(call);
-  EXPECT_EQ(switched.error, "");
-  EXPECT_EQ(switched.log,
-            OfRoot(call.dir.empty() ? machine_.Start() : call.dir));
-}
-
-TEST_P(SuCallsCombination, OfAnAccountComeInTheirOrder) {
-  const Call call = CallOf("visitor", GetParam());
-  const Switched switched = Pretend(call);
-  // An empty path cannot be entered.
-  EXPECT_EQ(switched.error,
-            call.use_chroot && call.dir.empty() ? "no such directory ''" : "");
-  EXPECT_EQ(switched.log, OfSwitch(machine_, call));
-}
-
 Call Whole(bool use_chroot) {
   return {.dir = "/", .use_chroot = use_chroot, .use_pam = true};
 }
 
+/// On a machine on which nobody becomes anybody.
 class SuCalls : public testing::Test {
  protected:
-  /// Of a switch for which nobody becomes anybody.
+  /// Makes the switch in a child and records it. Of its identity only the
+  /// directory is known.
   Switched Pretend(const Call& call) const {
-    return RecordSwitch(machine_, call, answers_);
+    Outcome outcome =
+        Child().WorkDir(machine_.Start()).Run([&](const Reporter& report) {
+          Cgi::Data request;
+          MarkSwitch();
+          const Recording recording(answers_);
+          try {
+            request.DoSu(call.user, call.dir, call.use_chroot, call.use_pam);
+          } catch (...) {
+            report("work dir", fs::current_path());
+            throw;
+          }
+          report("work dir", fs::current_path());
+        });
+    return SwitchedOf(outcome);
   }
 
   /// Expects that it makes these calls. Returns where the process then is.
@@ -377,8 +328,28 @@ class SuCalls : public testing::Test {
   }
 
   Machine machine_;
-  Answers answers_ = Pretended(machine_);
+  Answers answers_ = {
+      .accounts = {{"root", 0, 0, machine_.Start()},
+                   {"visitor", kVisitor, kVisitors, machine_.Home()}},
+      .groups = {kHelpers}};
 };
+
+class SuCallsCombination : public SuCalls,
+                           public testing::WithParamInterface<Combination> {};
+
+INSTANTIATE_TEST_SUITE_P(All, SuCallsCombination, kCombinations);
+
+TEST_P(SuCallsCombination, OfRootAreFour) {
+  const Call call = CallOf("root", GetParam());
+  Expect(call, OfRoot(call.dir.empty() ? machine_.Start() : call.dir));
+}
+
+TEST_P(SuCallsCombination, OfAnAccountComeInTheirOrder) {
+  const Call call = CallOf("visitor", GetParam());
+  const bool enters_nothing = call.use_chroot && call.dir.empty();
+  Expect(call, OfSwitch(machine_, call),
+         enters_nothing ? "no such directory ''" : "");
+}
 
 /// A directory to enter, and how far up the home is looked for.
 struct Checked {
