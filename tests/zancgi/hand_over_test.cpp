@@ -146,21 +146,6 @@ TEST_P(HandOverOf, UploadsOfWhichOneIsALinkStopsBeforeItTouchesAnything) {
   EXPECT_EQ(done.log, (Lines{Moving("a", one, owners_.Home() + "/1")}));
 }
 
-TEST_P(HandOverOf, AnUploadToAnotherWithoutRootIsRefused) {
-  const std::string one = owners_.MakeUpload("1");
-  const Account stranger = {"visitor", ::geteuid() + 1, ::getegid(),
-                            owners_.Home()};
-  const HandedOver done = HandOver(owners_, {{"a", one}}, Confined(), [&] {
-    FakeAccount(stranger);
-    BecomeOrdinaryUser();
-  });
-  EXPECT_EQ(done.error_type, "tov_err::Error");
-  EXPECT_NE(done.error.find(one), std::string::npos) << done.error;
-  EXPECT_EQ(done.paths, (Texts{{"a", one}}));
-  EXPECT_EQ(AttributesOf(one), owners_.AttributesBefore());
-  EXPECT_EQ(done.log, Lines{});
-}
-
 /// By whether the home lies in another file system.
 class HomeOfVisitor : public testing::TestWithParam<bool> {
  protected:

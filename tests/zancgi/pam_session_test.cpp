@@ -27,10 +27,6 @@ class PamSession : public MachineTest<> {
                   [&] { ConfigureLogin(configuration); });
   }
 
-  Switched SwitchWithModule(const std::string& deeds) const {
-    return SwitchWith(module_.Line(deeds));
-  }
-
   /// Has the process look at itself after a switch with such a session.
   Outcome LookAfter(
       const std::string& deeds, const Child::Body& look,
@@ -196,7 +192,7 @@ TEST_F(PamSession, ThatCallsExitEndsTheProcess) {
 TEST_F(PamSession, ThatChangesTheUserIsNotUndone) {
   // Nobody without root's rights can become the account, and that changes
   // nothing: the process goes on as who it is.
-  const Switched switched = SwitchWithModule("become=65534");
+  const Switched switched = SwitchWith(module_.Line("become=65534"));
   EXPECT_EQ(switched.error, "");
   EXPECT_EQ(switched.identity.users, "65534\t65534\t65534\t65534");
   EXPECT_EQ(switched.identity.groups, "54322\t54322\t54322\t54322");
