@@ -2,6 +2,7 @@
 // which order, and what a failure leaves behind.
 
 #include <fstream>
+#include <tuple>
 
 #include "support/account.h"
 #include "support/files.h"
@@ -176,96 +177,67 @@ TEST_P(HomeOfVisitor, ThatIsALinkTakesTheUploadWhereItLeads) {
 // Uploads of real requests: from the body over the switch to the tear-down,
 // which then runs as the account.
 
-constexpr char kTearDownBegins[] = "the request ends";
-
-/// Two uploads; one ends in what could begin a separator.
-std::string Body() {
-  return Upload("file", "a", "first\r\n") +
-         Upload("file", "b", std::string(200'000, 'b')) + kFormEnd;
-}
-
-std::string Warning(const std::string& path) {
-  return "failed to remove tamporary file '" + path + "'";
-}
-
-/// The texts of a level from the tear-down on.
-Strings TearDownLogged(const Outcome& outcome, int level) {
-  const auto begin = std::find(outcome.log.begin(), outcome.log.end(),
-                               LogLine{-1, kTearDownBegins});
-  Strings texts;
-  std::for_each(begin, outcome.log.end(), [&](const LogLine& line) {
-    if (line.level == level) texts.push_back(line.text);
-  });
-  return texts;
-}
-
-class UploadsOfARequest : public testing::TestWithParam<bool> {
+/// By whether the process is confined, and whether its home is root's, as homes
+/// are that are safe to confine to.
+class UploadsOfARequest
+    : public testing::TestWithParam<std::tuple<bool, bool>> {
  protected:
   void SetUp() override {
-    if (Confined() && !IsRoot()) GTEST_SKIP() << "needs root";
+    if ((Confined() || OfRoot()) && !IsRoot()) GTEST_SKIP() << "needs root";
+    const uid_t owner = OfRoot() ? 0 : owners_.Visitor().uid;
+    ASSERT_EQ(::chown(owners_.Home().c_str(), owner, -1U), 0);
   }
 
-  static bool Confined() { return GetParam(); }
-
-  /// Parses the body, becomes the account and has the request torn down after
-  /// this use. Expects a clean end.
-  Outcome ServeAsAccount(
-      const std::function<void(Cgi& cgi, const Reporter& report)>& use) const {
-    return RunCleanly(
-        PostOf(Body()), Input::Pipe(Body()), [&](const Reporter& report) {
-          FakeAccount(owners_.Visitor());
-          Cgi cgi(owners_.Spool() + "/front-end", "");
-          cgi.SetTmpDir(owners_.Spool());
-          cgi.ParseQuery();
-          cgi.Su("visitor", Confined() ? "/" : "", Confined(), false);
-          for (const char* name : {"a", "b"}) report(name, cgi.File(name));
-          use(cgi, report);
-          zan_cgi::testing::Mark(kTearDownBegins);
-        });
-  }
+  static bool Confined() { return std::get<0>(GetParam()); }
+  static bool OfRoot() { return std::get<1>(GetParam()); }
 
   Owners owners_;
 };
 
-INSTANTIATE_TEST_SUITE_P(Confined, UploadsOfARequest, testing::Bool());
+INSTANTIATE_TEST_SUITE_P(ConfinedOfRoot, UploadsOfARequest,
+                         testing::Combine(testing::Bool(), testing::Bool()));
 
-TEST_P(UploadsOfARequest, CanBeReadAndRemovedByTheAccount) {
-  Outcome outcome = ServeAsAccount([&](Cgi& cgi, const Reporter&) {
-    EXPECT_EQ(::geteuid(), owners_.Visitor().uid);
-    for (const auto& [name, content] :
-         Texts{{"a", "first\r\n"}, {"b", std::string(200'000, 'b')}}) {
-      const std::string path = cgi.File(name);
-      EXPECT_EQ(fs::path(path).parent_path(),
-                Confined() ? "/" : owners_.Home());
-      EXPECT_EQ(AttributesOf(path), owners_.AttributesAfter());
-      EXPECT_EQ(::access(path.c_str(), R_OK | W_OK), 0);
-      EXPECT_EQ(ReadFile(path), content);
-    }
-    EXPECT_EQ(cgi.GetFileSize(), 200'007);
-  });
-  EXPECT_EQ(owners_.InHome(), Strings{});
+TEST_P(UploadsOfARequest, AreTheAccountsToReadAndRemoveWhereItMay) {
+  const char* const tear_down_begins = "the request ends";
+  // One ends in what could begin a separator.
+  const Texts contents = {{"a", "first\r\n"}, {"b", std::string(200'000, 'b')}};
+  const std::string body = Upload("file", "a", contents.at("a")) +
+                           Upload("file", "b", contents.at("b")) + kFormEnd;
+  Outcome outcome =
+      RunCleanly(PostOf(body), Input::Pipe(body), [&](const Reporter& report) {
+        FakeAccount(owners_.Visitor());
+        Cgi cgi(owners_.Spool() + "/front-end", "");
+        cgi.SetTmpDir(owners_.Spool());
+        cgi.ParseQuery();
+        cgi.Su("visitor", Confined() ? "/" : "", Confined(), false);
+        EXPECT_EQ(::geteuid(), owners_.Visitor().uid);
+        for (const auto& [name, content] : contents) {
+          const std::string path = cgi.File(name);
+          EXPECT_EQ(fs::path(path).parent_path(),
+                    Confined() ? "/" : owners_.Home());
+          EXPECT_EQ(AttributesOf(path), owners_.AttributesAfter());
+          EXPECT_EQ(::access(path.c_str(), R_OK | W_OK), 0);
+          EXPECT_EQ(ReadFile(path), content);
+          report(name, path);
+        }
+        EXPECT_EQ(cgi.GetFileSize(), 200'007);
+        zan_cgi::testing::Mark(tear_down_begins);
+      });
   EXPECT_EQ(owners_.InSpool(), Strings{});
-  EXPECT_EQ(TearDownLogged(outcome, 4), Strings{});
-  const Strings lines = TearDownLogged(outcome, 9);
+  EXPECT_EQ(owners_.InHome().size(), OfRoot() ? 2U : 0U);
+
+  const Log tear_down(std::find(outcome.log.begin(), outcome.log.end(),
+                                LogLine{-1, tear_down_begins}),
+                      outcome.log.end());
+  const std::string warning = "failed to remove tamporary file '";
+  const Strings warnings = {warning + outcome.reported["a"] + "'",
+                            warning + outcome.reported["b"] + "'"};
+  EXPECT_EQ(TextsOf(tear_down, 4), OfRoot() ? warnings : Strings{});
+  const Strings lines = TextsOf(tear_down, 9);
   ASSERT_EQ(lines.size(), 2U);
   EXPECT_TRUE(lines[0].ends_with("dropping temporary file '" +
                                  outcome.reported["a"] + "'"))
       << lines[0];
-}
-
-/// As homes are that are safe to confine to: root hands over where the account
-/// may not write.
-TEST_P(UploadsOfARequest, InAHomeOfRootsAreReadAndStayWithAWarning) {
-  if (!IsRoot()) GTEST_SKIP() << "needs root";
-  ASSERT_EQ(::chown(owners_.Home().c_str(), 0, 0), 0);
-  const Outcome outcome = ServeAsAccount([](Cgi& cgi, const Reporter& report) {
-    report("content of a", ReadFile(cgi.File("a")));
-  });
-  EXPECT_EQ(outcome.reported.at("content of a"), "first\r\n");
-  EXPECT_EQ(TearDownLogged(outcome, 4),
-            (Strings{Warning(outcome.reported.at("a")),
-                     Warning(outcome.reported.at("b"))}));
-  EXPECT_EQ(owners_.InHome().size(), 2U);
 }
 
 }  // namespace
