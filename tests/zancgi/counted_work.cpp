@@ -79,4 +79,6 @@ void* __wrap__Znwm(std::size_t size) {
 }
 }
 
+// NOLINTEND(bugprone-reserved-identifier)
+
 }  // namespace support

@@ -642,6 +642,4 @@ extern "C" ssize_t ReadUnread(int fd, void* buf, std::size_t nbytes) {
   return static_cast<ssize_t>(count);
 }
 
-// NOLINTEND(bugprone-reserved-identifier)
-
 }  // namespace support
