@@ -58,7 +58,10 @@ class Body(ProbeTest):
         files = [Upload(b"%d" % len(each), b"%d" % len(each), each) for each in contents]
         form = Form(*files, Field(b"b", chance.randbytes(MEGABYTE)))
         record = self.record(self.post(form, boundary))
-        self.assertTrue(record.body() == form.body(boundary), record.reads()[:100])
+        body = form.body(boundary)
+        if record.report is None:
+            body = body[: sum(record.reads())]
+        self.assertTrue(record.body() == body, record.reads()[:100])
 
     def test_of_a_query_string_comes_by_the_documented_kind_of_standard_input(self):
         kinds = []
@@ -87,8 +90,6 @@ class Body(ProbeTest):
             record = self.cut(body, len(b"--BOUNDARY"))
             self.assertEqual(record.reads(), [len(b"--BOUNDARY")])
             self.assertEqual(record.received(), WITHOUT_END)
-            for path in self.probe.spool.iterdir():
-                path.unlink()
 
     def test_beyond_the_limit_is_refused(self):
         if self.kind.largest_body == UNLIMITED:
