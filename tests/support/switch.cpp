@@ -1,11 +1,11 @@
 #include "support/switch.h"
 
 #include <grp.h>
+#include <zancgi/testing/mount.h>
 
 #include <regex>
 
 #include "support/files.h"
-#include "support/mount.h"
 
 namespace support {
 namespace {
@@ -72,7 +72,7 @@ void MountTwins(const std::string& folder, const std::string& other) {
   ino_t numbers[2] = {};
   int count = 0;
   for (const std::string& path : {folder, other}) {
-    MountPrivately(path, "mode=0755");
+    zan_cgi::testing::MountPrivately(path, "mode=0755");
     numbers[count++] = StatOf(path).st_ino;
   }
   ASSERT_EQ(numbers[0], numbers[1]);

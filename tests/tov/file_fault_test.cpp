@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <tov/err.h>
 #include <tov/file.h>
+#include <zancgi/testing/mount.h>
 
 #include <cstring>
 #include <fstream>
@@ -13,7 +14,6 @@
 
 #include "support/file_calls.h"
 #include "support/files.h"
-#include "support/mount.h"
 #include "support/test.h"
 
 namespace support {
@@ -423,7 +423,7 @@ TEST_P(UnnamedCopy, OrItsReplacementNeedsNoProc) {
       fs::permissions(scratch->Path(), fs::perms{0777});
     }
     const Outcome outcome = Child().Run([&](const Reporter& report) {
-      support::MountPrivately("/proc", "size=4k");
+      MountPrivately("/proc", "size=4k");
       if (!is_root) {
         ASSERT_EQ(::chown(Source().c_str(), 65534, 65534), 0);
         BecomeOrdinaryUser();

@@ -1,5 +1,6 @@
 #include <tov/err.h>
 #include <tov/file.h>
+#include <zancgi/testing/mount.h>
 
 #include <cstring>
 #include <set>
@@ -7,7 +8,6 @@
 
 #include "support/file_calls.h"
 #include "support/files.h"
-#include "support/mount.h"
 #include "support/new_operator.h"
 #include "support/terminal.h"
 #include "support/test.h"
@@ -494,7 +494,7 @@ TEST_P(MoveAcross, LosesNothingOnAFullDisk) {
   const std::string content(1'000'000, 'x');
   const std::string source = from_.MakeFile("source", content);
   Do([&] {
-    support::MountPrivately(to_.Path(), "size=64k");
+    MountPrivately(to_.Path(), "size=64k");
     try {
       tov_file::Move(source, Target());
       ADD_FAILURE() << "there was room";

@@ -7,6 +7,7 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <tov/log.h>
+#include <zancgi/testing/mount.h>
 
 #include <array>
 #include <chrono>
@@ -16,7 +17,6 @@
 #include <thread>
 
 #include "support/files.h"
-#include "support/mount.h"
 #include "support/signals.h"
 #include "support/terminal.h"
 #include "support/test.h"
@@ -459,7 +459,7 @@ class Syslog : public testing::Test {
   static Outcome RunWithSyslog(const std::function<void(int listener)>& body) {
     return InChild(
         [&] {
-          support::MountPrivately("/dev", "");
+          MountPrivately("/dev", "");
           const int listener = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
           const sockaddr_un address{AF_UNIX, "/dev/log"};
           ASSERT_EQ(

@@ -5,6 +5,7 @@
 
 #include <sys/vfs.h>
 #include <tov/err.h>
+#include <zancgi/testing/mount.h>
 
 #include <climits>
 #include <iostream>
@@ -14,7 +15,6 @@
 
 #include "support/files.h"
 #include "support/form.h"
-#include "support/mount.h"
 #include "support/system_calls.h"
 #include "support/test.h"
 

@@ -6,6 +6,7 @@
 #include <sys/resource.h>
 #include <zancgi/account.h>
 #include <zancgi/form.h>
+#include <zancgi/testing/mount.h>
 
 #include <climits>
 #include <cstdlib>
@@ -18,7 +19,6 @@
 #include "support/file_calls.h"
 #include "support/files.h"
 #include "support/form.h"
-#include "support/mount.h"
 #include "support/refusal.h"
 #include "support/switch.h"
 #include "support/test.h"

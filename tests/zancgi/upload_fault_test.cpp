@@ -7,12 +7,12 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/vfs.h>
+#include <zancgi/testing/mount.h>
 
 #include <fstream>
 
 #include "support/files.h"
 #include "support/form.h"
-#include "support/mount.h"
 #include "support/piece_input.h"
 #include "support/test.h"
 
