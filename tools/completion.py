@@ -11,8 +11,8 @@ import sys
 from collections.abc import Iterable, Iterator
 
 sys.path.insert(0, str(pathlib.Path(__file__).parent))
-from zancgi_doctor.findings import CHECKS, GROUPS  # noqa: E402
 from zancgi_doctor.cli import make_parser  # noqa: E402
+from zancgi_doctor.findings import CHECKS, GROUPS  # noqa: E402
 from zancgi_request.options import OPTIONS, SERVERS, STDIN_KINDS  # noqa: E402
 
 # The values of options that are a choice.

@@ -22,12 +22,10 @@ LIMIT, ENOUGH = 1, 0.3
 
 
 class RowsTest(unittest.TestCase):
-    """No row of a table without a case, no case without a row, and each as the table
-    has it."""
+    """Checks that the rows of a table and the cases of a test are the same."""
 
     def check(self, document, heading, cases):
-        """Of each case the beginning of its row, and pairs of what came and what is
-        expected."""
+        """A case has the beginning of its row, and pairs of an actual and an expected value."""
         section = re.search(rf"^## {heading}\n(.*?)(?=^##+ |\Z)", document, re.S | re.M)[1]
         rows = iter(re.findall(r"^\| (.*?) \|", section, re.M)[1:])
         for beginning, pairs in cases:

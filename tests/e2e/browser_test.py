@@ -179,7 +179,7 @@ class Visit(BrowserTest):
 
 class Detail(BrowserTest):
     def test_a_wrong_password_is_explained_beside_the_form(self):
-        """And keyboard and labels are enough."""
+        """Only the keyboard is used, and labels name the fields."""
         self.browser.open(self.panel.url)
         self.assertEqual(self.browser.label("#user"), "Name")
         self.assertEqual(self.browser.label("#password"), "Password")

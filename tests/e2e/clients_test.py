@@ -35,7 +35,7 @@ class ClientTest(ProbeTest):
         cls.folder = pathlib.Path(folder)
 
     def exchange(self, send, *arguments):
-        """Has the address of the probe sent something."""
+        """Sends something to the address of the probe. Returns the record."""
         return self.uncut_record(lambda record: send(record.url, *arguments))
 
     def make_file(self, name, content):
@@ -50,13 +50,13 @@ class FormClient:
     # How it writes what could end a file name early.
     quote = b"%22"
     backslash = b"\\"
-    # What is received of two lines, "x" and "y". From a bare LF the library takes away
-    # the byte before it.
+    # How the lines "x" and "y" are received. The library removes the byte before a bare
+    # LF.
     two_lines = b"x\ny"
 
     def test_form_arrives_as_documented(self):
-        """Of each file its name, how it is sent, the name received (none, if the file
-        is lost), and its content."""
+        """A row has a file's name, the name sent, the name received (none if the file is
+        lost), and its content."""
         quoted = b"q" + self.quote + b"b.txt"
         escaped = b"e" + self.backslash + b"b.txt"
         utf_8 = "\u00fc \u65e5\u672c \U0001f642.txt"

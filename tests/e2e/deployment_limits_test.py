@@ -67,7 +67,7 @@ class SlowPost(SlowRun):
     """The launcher gives it an hour."""
 
     method = "POST"
-    # Whoever ends it does so when giving up the request.
+    # It is ended as soon as the web server gives up the request.
     patience = 5
 
 
@@ -100,8 +100,7 @@ class SlowDownload(Run):
 
 
 class StalledDownload(SlowDownload):
-    """One of which the client takes the beginning only, and stays until the probe has
-    ended."""
+    """The client reads the beginning only, and stays until the probe has ended."""
 
     patience = TIME_LIMIT + 10
 

@@ -301,13 +301,13 @@ class LauncherTest(unittest.TestCase):
         self.enterContext(machine().edited(LAUNCHER, text, replacement))
 
     def open_pipe(self):
-        """Has standard input be a pipe that does not end. Returns its other end."""
+        """Sets standard input to a pipe that does not end. Returns its other end."""
         reader, writer = os.pipe()
         self.standard_input = self.enterContext(open(reader, "rb", 0))
         return self.enterContext(open(writer, "wb", 0))
 
     def open_file(self, size):
-        """Has standard input be a file of zero bytes."""
+        """Sets standard input to a file of zero bytes."""
         self.standard_input = self.enterContext(tempfile.TemporaryFile(buffering=0))
         self.standard_input.truncate(size)
 
@@ -369,7 +369,7 @@ class LauncherTest(unittest.TestCase):
         self.assertEqual(sender.returncode, 0)
 
     def test_a_body_beyond_the_limit_is_read_before_its_refusal_ends(self):
-        """But no more of it than the limit."""
+        """No more than the limit is read."""
         self.change(f"body_limit={deployment.BODY_LIMIT}\n", f"body_limit={1 << 20}\n")
         self.open_file(16 << 20)
         answer = self.post("probe=env", CONTENT_LENGTH=str((1 << 20) + 1))

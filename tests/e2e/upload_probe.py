@@ -182,7 +182,7 @@ class Probe:
 
 
 class ProbeTest(unittest.TestCase):
-    """With the probe behind a web server of a kind."""
+    """Starts the probe under one kind of web server."""
 
     # Of processor time, for each request.
     seconds = 2
@@ -193,7 +193,7 @@ class ProbeTest(unittest.TestCase):
         cls.addClassCleanup(cls.probe.stop)
 
     def record(self, send):
-        """Of a request that is sent for it. What is made of the body is as predicted."""
+        """Sends a request, checks its result against the prediction, returns its record."""
         record = self.probe.new_record()
         record.report = send(record)
         hint = f"reads {record.reads()[:100]}\n{self.probe.server.logs()}"

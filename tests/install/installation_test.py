@@ -392,7 +392,7 @@ class FrontEndTest(InstallTest):
         self.assertNotIn("TEXTREL", section)
 
     def libraries_of(self, library, standard):
-        """Of a front end that works, what is to be loaded with it."""
+        """Checks that a front end works. Returns the libraries that it loads."""
         program = self.program(library, standard)
         self.assert_hardened(program)
         self.assert_works(program)

@@ -27,7 +27,7 @@ struct Stored {
   std::int64_t size = 0;
 };
 
-/// What a hand-over has come to. The log begins with it, and has
+/// The outcome of a hand-over. The log begins with the hand-over, and has
 /// "zancgi_unix.cpp:N" for source name and line.
 struct HandedOver : Outcome {
   /// What is recorded for each upload, by the client's name.

@@ -42,7 +42,7 @@ struct Answers {
   std::map<std::string, std::function<void()>> effects = {};
   /// What a call returns instead of being made, as often as failures say.
   std::map<std::string, std::vector<int>> results = {};
-  /// What becomes of the answer of capget(2), each time.
+  /// Changes each answer of capget(2).
   std::map<std::string, std::function<void(void*)>> alterations = {};
   /// The call of this number, counted from 1 over all, fails with EPERM.
   int failing_call = 0;

@@ -1,6 +1,5 @@
 /// @file
-/// Environment variables: how a process changes them a million times, and the
-/// number that somebody asks for.
+/// Environment variables: set without growth, and read as a number.
 #ifndef ZANCGI_TESTS_SUPPORT_VARIABLE_H
 #define ZANCGI_TESTS_SUPPORT_VARIABLE_H
 

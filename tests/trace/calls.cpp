@@ -36,11 +36,11 @@ void Note(const std::string& line) {
   static int count = 0;
   if (scene == nullptr) return;
   zan_cgi::testing::Mark(std::regex_replace(line, std::regex("\n"), "\\n"));
-  // The product loops for ever.
+  // Otherwise a product that loops would never end.
   if (++count == 1000) ::_exit(97);
 }
 
-/// Records a call and lets happen what happens at it.
+/// Records a call and runs the effect that the scene has for it.
 void EnterAs(const std::string& line) {
   Note(line);
   if (scene == nullptr) return;
@@ -151,7 +151,7 @@ namespace tov_log {
 
 bool Module::Check(Level level) {
   support::trace::checked = {this, level};
-  // It is free to call what it likes.
+  // Any base library may change it.
   errno = 0;
   return support::trace::is_logging;
 }

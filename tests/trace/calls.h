@@ -1,15 +1,15 @@
 /// @file
-/// The calls that the product makes of the base library, recorded, with effects
-/// where a test says so. Functions of calls.cpp stand in for ours, which ignore
-/// some arguments and do not fail where another base library may.
+/// Records the calls that the product makes of the base library, and runs the
+/// effects that a test adds to them. Functions of calls.cpp stand in for ours,
+/// which ignore some arguments and do not fail where another base library may.
 ///
 /// A call is written as in C++, with texts in single quotes. SafeSet() also has
 /// the attributes, and GetAnswer() a number that counts those of a connection.
 /// A log line becomes "log 9: text", with "#" for its line number. It ends in
 /// UNCHECKED when no Check() of its module and level came just before.
 ///
-/// Not recorded are calls that another order or number of them would not make
-/// wrong, such as GetEnv(), and those whose result shows how they were called.
+/// Calls whose order and number do not matter, such as GetEnv(), are not
+/// recorded, nor are those whose result shows how they were called.
 #ifndef ZANCGI_TESTS_TRACE_CALLS_H
 #define ZANCGI_TESTS_TRACE_CALLS_H
 
@@ -17,7 +17,8 @@
 
 namespace support::trace {
 
-/// Happens at a call, before its usual work; when it throws, instead of it.
+/// Runs at a call, before its usual work. If it throws, the usual work is left
+/// out.
 using Effect = std::function<void()>;
 
 struct Scene {

@@ -1,5 +1,4 @@
-// What another base library sees of the product: each call with its arguments,
-// in order.
+// Calls of the base library whose arguments and order nothing else shows.
 
 #include <signal.h>
 #include <sys/resource.h>

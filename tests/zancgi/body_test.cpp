@@ -123,7 +123,7 @@ TEST(Upload, LogsEachStepInOrder) {
                "9 zancgi.cpp:# dropping temporary file 'FILE'"}));
 }
 
-/// What comes of a body after the front end has set a state of std::cin.
+/// Parses a body after the front end has set a state of std::cin.
 struct StreamRow {
   std::ios::iostate state;
   Input input;

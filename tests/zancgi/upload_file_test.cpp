@@ -136,7 +136,7 @@ TEST(UploadFile, DoesNotBecomeTheTerminalOfTheProcess) {
   }));
 }
 
-/// What has come of two writes of five digits each: the content, whether the
+/// The outcome of two writes of five digits each: the content, whether the
 /// file is bad, and the number of calls.
 std::string WriteDigits(const std::vector<Step>& steps) {
   const Scratch scratch;

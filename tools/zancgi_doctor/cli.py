@@ -7,11 +7,11 @@ import re
 import signal
 import sys
 
-from zancgi_doctor.findings import CHECKS, GROUPS
 from zancgi_doctor.children import NoResult, run_in_child
 from zancgi_doctor.deployment import Site
 from zancgi_doctor.examination import examine
 from zancgi_doctor.files import read_text
+from zancgi_doctor.findings import CHECKS, GROUPS
 from zancgi_doctor.identities import Identity, resolve_identity
 from zancgi_doctor.report import json_report, overall, text_report
 from zancgi_doctor.texts import MEBIBYTE, describe_error, printable
@@ -56,7 +56,9 @@ def parse_check(text):
 
 def parse_session(text):
     if not re.fullmatch(r"[!-:<-~]+", text):
-        raise argparse.ArgumentTypeError("a session must not contain blanks, ';' or unprintable characters")
+        raise argparse.ArgumentTypeError(
+            "a session must not contain blanks, ';' or unprintable characters"
+        )
     return text
 
 
