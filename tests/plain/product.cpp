@@ -23,6 +23,7 @@
 #include <stdexcept>
 #include <typeinfo>
 
+#include "support/line_number.h"
 #include "support/system_calls.h"
 #include "support/variable.h"
 
@@ -91,10 +92,8 @@ ssize_t ReadScripted(void* buffer, std::size_t size) {
 /// Replaces the parts of a log line that differ from run to run.
 std::string Normalized(const std::string& text) {
   constexpr char kNewFile[] = "ParseInput Creating new file ";
-  for (const std::string unit : {"zancgi.cpp:", "zancgi_unix.cpp:"}) {
-    if (text.starts_with(unit)) return unit + "#" + text.substr(text.find(' '));
-  }
-  return text.starts_with(kNewFile) ? std::string(kNewFile) + "FILE" : text;
+  return text.starts_with(kNewFile) ? std::string(kNewFile) + "FILE"
+                                    : support::WithoutLineNumber(text);
 }
 
 int StatfsScripted(const char* /*path*/, struct statfs64* found) {

@@ -28,7 +28,7 @@ struct Stored {
 };
 
 /// The outcome of a hand-over. The log begins with the hand-over, and has
-/// "zancgi_unix.cpp:N" for source name and line.
+/// "zancgi_unix.cpp:#" for source name and line.
 struct HandedOver : Outcome {
   /// What is recorded for each upload, by the client's name.
   Texts paths = {};

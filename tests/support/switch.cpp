@@ -3,9 +3,8 @@
 #include <grp.h>
 #include <zancgi/testing/mount.h>
 
-#include <regex>
-
 #include "support/files.h"
+#include "support/line_number.h"
 
 namespace support {
 namespace {
@@ -41,13 +40,11 @@ void Machine::SetUp() const {
 void MarkSwitch() { Mark(kSwitchBegins); }
 
 Lines LinesOfTheSwitch(const Lines& log) {
-  static const std::regex line_number("^zancgi_unix\\.cpp:[0-9]+ ");
   Lines lines;
   bool begun = false;
   for (const LogLine& line : log) {
     if (begun) {
-      lines.push_back({line.level, std::regex_replace(line.text, line_number,
-                                                      "zancgi_unix.cpp:N ")});
+      lines.push_back({line.level, WithoutLineNumber(line.text)});
     }
     begun = begun || line == LogLine{-1, kSwitchBegins};
   }

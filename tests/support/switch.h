@@ -73,7 +73,7 @@ struct Call {
 struct Switched {
   Identity identity;
   std::string error;
-  /// From the switch on; "zancgi_unix.cpp:N" for source name and line.
+  /// From the switch on; "zancgi_unix.cpp:#" for source name and line.
   Lines log;
 };
 

@@ -15,11 +15,11 @@
 #include <iomanip>
 #include <ios>
 #include <memory>
-#include <regex>
 #include <sstream>
 #include <string_view>
 #include <typeinfo>
 
+#include "support/line_number.h"
 #include "support/switch_calls.h"
 
 namespace support::trace {
@@ -32,10 +32,13 @@ constinit bool is_logging = false;
 /// The last Check(), until a line is written.
 constinit std::pair<const tov_log::Module*, int> checked = {};
 
-void Note(const std::string& line) {
+void Note(std::string line) {
   static int count = 0;
   if (scene == nullptr) return;
-  zan_cgi::testing::Mark(std::regex_replace(line, std::regex("\n"), "\\n"));
+  for (std::size_t end; (end = line.find('\n')) != line.npos;) {
+    line.replace(end, 1, "\\n");
+  }
+  zan_cgi::testing::Mark(line);
   // Otherwise a product that loops would never end.
   if (++count == 1000) ::_exit(97);
 }
@@ -67,12 +70,6 @@ void Enter(const char* function, const Arguments&... arguments) {
   [[maybe_unused]] const char* separator = "";
   ((line << std::exchange(separator, ", "), Write(arguments, line)), ...);
   EnterAs(line.str() + ")");
-}
-
-/// The line number in "source:line" at the beginning becomes "#".
-std::string WithoutLineNumber(const std::string& text) {
-  static const std::regex number("^([^: ]+):[0-9]+ ");
-  return std::regex_replace(text, number, "$1:# ");
 }
 
 std::string NameOf(const std::exception& error) {
@@ -166,7 +163,7 @@ void Module::Write(Level level, const char* format, ...) {
       std::exchange(support::trace::checked, {});
   const bool is_checked = last.first == this && last.second == level;
   support::trace::Note("log " + std::to_string(level) + ": " +
-                       support::trace::WithoutLineNumber(text) +
+                       support::WithoutLineNumber(text) +
                        (is_checked ? "" : " UNCHECKED"));
 }
 

@@ -15,7 +15,7 @@ namespace {
 
 LogLine Moving(const std::string& name, const std::string& from,
                const std::string& to) {
-  return {9, "zancgi_unix.cpp:N moving file '" + name + "' stored as '" + from +
+  return {9, "zancgi_unix.cpp:# moving file '" + name + "' stored as '" + from +
                  "' to '" + to + "'"};
 }
 

@@ -50,7 +50,7 @@ TEST(PamCalls, GoToTheProgramsOwnFunctionsAndToNoOthers) {
   EXPECT_NE(outcome.reported.at("loaded").find("libzancgi"), std::string::npos);
   EXPECT_EQ(
       LinesOfTheSwitch(outcome.log),
-      (Lines{{9, "zancgi_unix.cpp:N starting PAM session for user 'VISITOR'"},
+      (Lines{{9, "zancgi_unix.cpp:# starting PAM session for user 'VISITOR'"},
              Call("pam_start(login, VISITOR, conversation without data)"),
              kStarted,
              Call("pam_open_session(handle, silent)"),

@@ -10,15 +10,15 @@
 #include "support/switch.h"
 
 inline const zan_cgi::testing::LogLine kStarting{
-    9, "zancgi_unix.cpp:N starting PAM session for user 'visitor'"};
+    9, "zancgi_unix.cpp:# starting PAM session for user 'visitor'"};
 inline const zan_cgi::testing::LogLine kNotStarted{
     4, "failed to start PAM session"};
 inline const zan_cgi::testing::LogLine kStarted{
-    9, "zancgi_unix.cpp:N PAM start done"};
+    9, "zancgi_unix.cpp:# PAM start done"};
 inline const zan_cgi::testing::LogLine kOpened{
-    9, "zancgi_unix.cpp:N PAM open_session - ok"};
+    9, "zancgi_unix.cpp:# PAM open_session - ok"};
 inline const zan_cgi::testing::LogLine kClosed{
-    9, "zancgi_unix.cpp:N PAM close_session - ok"};
+    9, "zancgi_unix.cpp:# PAM close_session - ok"};
 
 /// A PAM module in a machine's folder, which records what it did in a file
 /// there.

@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <iterator>
+#include <optional>
 #include <ostream>
-#include <regex>
 #include <sstream>
 #include <string_view>
 
@@ -21,9 +21,42 @@ constexpr std::string_view kLevels[] = {
     "emergency", "alert", "critical", "error", "warning",
     "notice",    "info",  "query",    "trace", "debug"};
 
-int LevelByName(std::string_view name) {
+std::optional<int> LevelByName(std::string_view name) {
   const auto* found = std::find(std::begin(kLevels), std::end(kLevels), name);
+  if (found == std::end(kLevels)) return std::nullopt;
   return static_cast<int>(found - std::begin(kLevels));
+}
+
+/// Removes what is before the separator from the text, with the separator, and
+/// returns it. Without a separator, that is all of the text.
+std::string_view TakeUntil(std::string_view separator, std::string_view& text) {
+  const std::string_view taken = text.substr(0, text.find(separator));
+  text.remove_prefix(std::min(taken.size() + separator.size(), text.size()));
+  return taken;
+}
+
+/// A log in a regular file begins with the time.
+void SkipTime(std::string_view& text) {
+  const std::size_t end = text.find_first_not_of("-0123456789T:");
+  if (end > 0 && text.substr(std::min(end, text.size())).starts_with("Z ")) {
+    text.remove_prefix(end + 2);
+  }
+}
+
+/// The line in "MODULE[PROCESS] GROUP LEVEL: MESSAGE".
+std::optional<LogLine> LineIn(std::string_view text) {
+  SkipTime(text);
+  const std::string_view module = TakeUntil("[", text);
+  const std::string_view process = TakeUntil("] ", text);
+  const std::string_view group = TakeUntil(" ", text);
+  const std::optional<int> level = LevelByName(TakeUntil(": ", text));
+  if (module.empty() || module.find(' ') != module.npos || process.empty() ||
+      process.find_first_not_of("0123456789") != process.npos ||
+      group.empty() || !level) {
+    return std::nullopt;
+  }
+  return LogLine{*level, std::string(text), std::string(module),
+                 std::string(group)};
 }
 
 }  // namespace
@@ -42,24 +75,13 @@ std::vector<std::string> TextsOf(const Log& log, int level) {
 }
 
 Log ParseLog(const std::string& standard_error) {
-  // A log in a regular file begins with the time. The message is not part of
-  // the expression, which recurses and could exhaust the stack on a long one.
-  static const std::regex prefix(
-      "(?:[-0-9T:]+Z )?([^ \\[]+)\\[[0-9]+\\] ([^ ]+) "
-      "(emergency|alert|critical|error|warning|notice|info|query|trace|debug)"
-      ": ");
   Log log;
   std::istringstream stream(standard_error);
   for (std::string line; std::getline(stream, line);) {
     if (line.starts_with(kMark)) {
       log.push_back({kMarkLevel, line.substr(kMark.size())});
-      continue;
-    }
-    std::smatch found;
-    if (std::regex_search(line, found, prefix,
-                          std::regex_constants::match_continuous)) {
-      log.push_back(
-          {LevelByName(found[3].str()), found.suffix(), found[1], found[2]});
+    } else if (const std::optional<LogLine> found = LineIn(line)) {
+      log.push_back(*found);
     }
   }
   return log;
