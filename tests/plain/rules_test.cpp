@@ -98,8 +98,7 @@ constexpr const char* kUsualLines[] = {
     "8 void zan_cgi::Cgi::Data::ParseInput()",
     "9 zancgi.cpp:# POST boundary detected: true",
     "9 zancgi.cpp:# query size '", "8 ParseInput Creating new file FILE",
-    "9 zancgi.cpp:# End of stdin parsing, stdin state EOF false, GOOD true, "
-    "read "};
+    "9 zancgi.cpp:# End of stdin parsing, stdin state EOF false, GOOD true, "};
 
 bool IsUsual(const std::string& line) {
   return std::any_of(

@@ -19,9 +19,9 @@ struct Work {
 
 inline constinit Work work;
 
-/// Copies without being counted.
-extern "C" void* __real_memcpy(  // NOLINT(bugprone-reserved-identifier)
-    void* to, const void* from, std::size_t size);
+/// memcpy(), not counted.
+extern "C" void* CopyUncounted(void* to, const void* from,
+                               std::size_t size) __asm__("__real_memcpy");
 
 }  // namespace support
 

@@ -637,7 +637,7 @@ extern "C" ssize_t ReadUnread(int fd, void* buf,
 extern "C" ssize_t ReadUnread(int fd, void* buf, std::size_t nbytes) {
   if (fd != STDIN_FILENO) return ::syscall(SYS_read, fd, buf, nbytes);
   const std::size_t count = SizeOfRead(nbytes);
-  __real_memcpy(buf, unread.data(), count);
+  CopyUncounted(buf, unread.data(), count);
   unread.remove_prefix(count);
   return static_cast<ssize_t>(count);
 }
