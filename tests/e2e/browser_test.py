@@ -10,10 +10,8 @@ import time
 from browser import CHROMIUM, DRIVER, Browser
 from panel_server import PanelTest
 from processes import wait_for
+from selenium.webdriver.common.keys import Keys
 from verdict import main
-
-TAB = "\ue004"
-ENTER = "\ue007"
 
 
 class BrowserTest(PanelTest):
@@ -21,7 +19,7 @@ class BrowserTest(PanelTest):
     def setUpClass(cls):
         super().setUpClass()
         cls.browser = Browser()
-        cls.addClassCleanup(cls.browser.close)
+        cls.addClassCleanup(cls.browser.quit)
 
     def setUp(self):
         self.user = self.panel.user
@@ -43,17 +41,17 @@ class BrowserTest(PanelTest):
         self.open_sign_in(self.panel.url, password)
 
     def open_sign_in(self, url, password):
-        self.browser.open(url)
+        self.browser.get(url)
         self.browser.type_into("#user", self.user)
         self.browser.type_into("#password", password)
         self.browser.click("button")
 
     def signed_in(self, page="whoami"):
         """As after a sign-in, on a page."""
-        self.browser.open(self.panel.url.removesuffix("/panel") + "/panel.css")
+        self.browser.get(self.panel.url.removesuffix("/panel") + "/panel.css")
         cookie = {"name": "panelses5", "value": self.panel.new_session(self.user)}
-        self.browser.set_cookie({**cookie, "httpOnly": True, "sameSite": "Strict"})
-        self.browser.open(f"{self.panel.url}?page={page}")
+        self.browser.add_cookie({**cookie, "httpOnly": True, "sameSite": "Strict"})
+        self.browser.get(f"{self.panel.url}?page={page}")
 
     def open_upload(self):
         self.signed_in("home")
@@ -68,7 +66,7 @@ class BrowserTest(PanelTest):
         self.browser.choose_files("#uploads", *paths)
 
     def focused(self):
-        return self.browser.run("return document.activeElement.textContent")
+        return self.browser.execute_script("return document.activeElement.textContent")
 
     def check(self, *names):
         for name in names:
@@ -82,9 +80,9 @@ class Visit(BrowserTest):
     def test_a_visitor_signs_in_looks_around_and_signs_out(self):
         self.sign_in(self.panel.password)
         self.assert_sees("Who am I", rf"Name\s+{self.user}", rf"Level\s+{self.panel.level}")
-        self.assertEqual(self.browser.url(), self.panel.url)
-        self.assertNotIn("panelses5", self.browser.run("return document.cookie"))
-        cookie = self.browser.cookie("panelses5")
+        self.assertEqual(self.browser.current_url, self.panel.url)
+        self.assertNotIn("panelses5", self.browser.execute_script("return document.cookie"))
+        cookie = self.browser.get_cookie("panelses5")
         self.assertEqual((cookie["httpOnly"], cookie["sameSite"]), (True, "Strict"))
 
         self.browser.click_link("Sessions")
@@ -92,11 +90,11 @@ class Visit(BrowserTest):
 
         self.browser.click("nav button")
         self.assert_sees("Password")
-        self.browser.open(self.panel.url + "?page=whoami")
+        self.browser.get(self.panel.url + "?page=whoami")
         self.assert_sees("Please sign in first.")
 
-        self.browser.set_cookie(cookie)
-        self.browser.open(self.panel.url + "?page=whoami")
+        self.browser.add_cookie(cookie)
+        self.browser.get(self.panel.url + "?page=whoami")
         self.assert_sees("You may not do this, or your session has ended.")
         self.browser.click_link("Sign in")
         self.assert_sees("Password")
@@ -111,8 +109,8 @@ class Visit(BrowserTest):
         self.assert_sees(r"report\.pdf 3000000", r"a<b>\.txt 12")
         # By keyboard.
         self.choose(("report.pdf", 7))
-        self.browser.run("document.querySelector('#uploads').focus()")
-        self.browser.press(TAB + ENTER)
+        self.browser.execute_script("document.querySelector('#uploads').focus()")
+        self.browser.press(Keys.TAB + Keys.ENTER)
         self.assert_sees("'report.pdf': this name is already in use.", r"report\.pdf 3000000")
         self.choose(("disk.img", 101 * 1024 * 1024))
         self.assert_sees("Together these are 101.0 MB, more than the limit of 100.0 MB")
@@ -123,7 +121,7 @@ class Visit(BrowserTest):
         for scripts in (True, False):
             with self.subTest(scripts=scripts):
                 if not scripts:
-                    self.browser.disable_scripts()
+                    self.browser.enable_scripts(False)
                 self.open_upload()
                 self.change_files()
 
@@ -159,9 +157,10 @@ class Visit(BrowserTest):
         self.browser.click("#send")
         self.assert_sees(r"[1-9][.]\d MB of 19[.]1 MB", "Cancel")
         self.assertFalse(self.browser.is_enabled("#uploads"))
-        self.assertGreater(self.browser.run("return document.querySelector('progress').value"), 0)
+        shown = self.browser.execute_script("return document.querySelector('progress').value")
+        self.assertGreater(shown, 0)
         # The button has the focus.
-        self.browser.press(ENTER)
+        self.browser.press(Keys.ENTER)
         self.assert_sees("Cancelled. Nothing was kept.")
         self.assertEqual(self.focused(), "Upload")
         self.assert_nothing_left()
@@ -170,24 +169,24 @@ class Visit(BrowserTest):
         self.signed_in()
         link = f'<a href="{self.panel.url}?page=whoami">Look at this</a>'
         with another_site(link) as port:
-            self.browser.open(f"http://localhost:{port}/")
+            self.browser.get(f"http://localhost:{port}/")
             self.browser.click_link("Look at this")
             self.assert_sees("Please sign in first.")
-        self.browser.open(self.panel.url + "?page=whoami")
+        self.browser.get(self.panel.url + "?page=whoami")
         self.assert_sees(rf"Name\s+{self.user}")
 
 
 class Detail(BrowserTest):
     def test_a_wrong_password_is_explained_beside_the_form(self):
         """Only the keyboard is used, and labels name the fields."""
-        self.browser.open(self.panel.url)
+        self.browser.get(self.panel.url)
         self.assertEqual(self.browser.label("#user"), "Name")
         self.assertEqual(self.browser.label("#password"), "Password")
-        self.browser.press(self.user + TAB + "wrong" + ENTER)
+        self.browser.press(self.user + Keys.TAB + "wrong" + Keys.ENTER)
         self.assert_sees("Name or password is wrong.", "Password")
         # The name is still there.
         self.browser.type_into("#password", self.panel.password)
-        self.browser.press(ENTER)
+        self.browser.press(Keys.ENTER)
         self.assert_sees(rf"Name\s+{self.user}")
 
     def test_several_files_are_deleted_at_once_as_far_as_they_can_be(self):
@@ -207,7 +206,7 @@ class Detail(BrowserTest):
 
     def drop_file(self, name, text):
         """Anywhere on the page. Whether the page has taken it."""
-        return self.browser.run(
+        return self.browser.execute_script(
             "const data = new DataTransfer();"
             f"data.items.add(new File([{text!r}], {name!r}));"
             "return !document.querySelector('header').dispatchEvent("
@@ -236,7 +235,7 @@ class Detail(BrowserTest):
         self.assert_sees("You may not do this, or your session has ended.", "notes.txt, 7 bytes")
 
     def test_files_are_uploaded_without_scripts(self):
-        self.browser.disable_scripts()
+        self.browser.enable_scripts(False)
         self.open_upload()
         self.choose(("notes.txt", 7))
         self.browser.click("#send")
@@ -260,10 +259,10 @@ class Detail(BrowserTest):
         inputs = "".join(f'<input name="{name}" value="{items[name]}">' for name in items)
         form = f'<form method="post" action="{url}?page=signin">{inputs}<button>Win</button></form>'
         with another_site(form) as port:
-            self.browser.open(f"http://{host}:{port}/")
+            self.browser.get(f"http://{host}:{port}/")
             self.browser.click("button")
             self.assert_sees("Another site has sent this request.")
-        self.browser.open(url + "?page=whoami")
+        self.browser.get(url + "?page=whoami")
         self.assert_sees("Please sign in first.")
 
     def test_another_site_cannot_sign_a_visitor_in(self):
@@ -279,9 +278,9 @@ class Detail(BrowserTest):
         self.assert_cannot_sign_in(url, "other.test")
 
     def test_pages_fit_a_small_dark_screen(self):
-        self.browser.resize(500, 900)
+        self.browser.set_window_size(500, 900)
         self.browser.prefer("dark")
-        self.browser.open(self.panel.url)
+        self.browser.get(self.panel.url)
         self.assertLess(self.brightness_of_the_page(), 100)
         self.signed_in()
         for page in ("Who am I", "Sessions", "Home"):
@@ -291,10 +290,11 @@ class Detail(BrowserTest):
                 long_name = "a-long-name-without-a-single-blank-" * 3 + ".tar.gz"
                 self.choose((long_name, 123_456))
             overhang = "return document.scrollingElement.scrollWidth - innerWidth"
-            self.assertLessEqual(self.browser.run(overhang), 0)
+            self.assertLessEqual(self.browser.execute_script(overhang), 0)
 
     def brightness_of_the_page(self):
-        color = self.browser.run("return getComputedStyle(document.body).backgroundColor")
+        background = "return getComputedStyle(document.body).backgroundColor"
+        color = self.browser.execute_script(background)
         return max(int(part) for part in re.findall(r"\d+", color)[:3])
 
 

@@ -150,7 +150,7 @@ class Chromium(FormClient, ClientTest):
     def setUpClass(cls):
         super().setUpClass()
         cls.browser = Browser()
-        cls.addClassCleanup(cls.browser.close)
+        cls.addClassCleanup(cls.browser.quit)
 
     def send(self, url, text, files):
         inputs = "".join(
@@ -159,7 +159,7 @@ class Chromium(FormClient, ClientTest):
         return self.submit(url, inputs, text, files)
 
     def submit(self, url, inputs, text, files):
-        self.browser.open(PAGE.format(url=url, inputs=inputs))
+        self.browser.get(PAGE.format(url=url, inputs=inputs))
         self.browser.type_into("textarea", text)
         for number, file in enumerate(files):
             self.browser.type_into(f"[name=upload{number}]", file)
