@@ -7,7 +7,7 @@ import random
 import unittest
 
 from probe import END, FORM, Arrived, RowsTest, field, part, post, run, upload
-from verdict import main
+from verdict import full, main
 
 SECURITY = (pathlib.Path(os.environ["SOURCE"]) / "docs" / "security.md").read_text()
 URL_ENCODED = "application/x-www-form-urlencoded"
@@ -182,6 +182,7 @@ class TableTest(RowsTest):
         self.check(SECURITY, "Bodies that never end", endless_bodies())
 
 
+@full
 class OddsTest(unittest.TestCase):
     """The odds of ordinary forms that a web server hands over in a file."""
 

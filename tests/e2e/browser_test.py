@@ -11,7 +11,7 @@ from browser import CHROMIUM, DRIVER, Browser
 from panel_server import PanelTest
 from processes import wait_for
 from selenium.webdriver.common.keys import Keys
-from verdict import main
+from verdict import full, main
 
 
 class BrowserTest(PanelTest):
@@ -176,6 +176,7 @@ class Visit(BrowserTest):
         self.assert_sees(rf"Name\s+{self.user}")
 
 
+@full
 class Detail(BrowserTest):
     def test_a_wrong_password_is_explained_beside_the_form(self):
         """Only the keyboard is used, and labels name the fields."""

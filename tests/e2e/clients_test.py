@@ -10,7 +10,7 @@ import requests
 from browser import CHROMIUM, DRIVER, Browser
 from client import CURL
 from upload_probe import Field, Form, ProbeTest, Received, Upload, content_type, digest
-from verdict import main
+from verdict import full, main
 from web_servers import LighttpdStreaming
 
 CLIENTS = pathlib.Path(__file__).parent / "clients"
@@ -123,6 +123,7 @@ class Node(FormClient, ClientTest):
         return run("node", CLIENTS / "upload.mjs", url, text, *files)
 
 
+@full
 class Go(FormClient, ClientTest):
     quote = b'\\"'
     backslash = b"\\\\"

@@ -28,7 +28,7 @@ from deployment import (
 )
 from panel_server import FORM
 from processes import open_files, wait_for
-from verdict import main
+from verdict import full, main
 
 
 class SiteOfKindTest:
@@ -162,16 +162,19 @@ class OtherSiteTest(AnswerTest):
     purpose = "other"
 
 
+@full
 class StreamingLighttpdTest(OtherSiteTest, unittest.TestCase):
     kind = deployment.StreamingLighttpdSite
 
 
+@full
 class ApacheWithThreadsTest(OtherSiteTest, unittest.TestCase):
     kind = deployment.ApacheWithThreads
     # By chance: the answer is often lost.
     test_a_refusal_without_a_launcher_arrives_only_as_documented = None
 
 
+@full
 class StreamingNginxTest(OtherSiteTest, unittest.TestCase):
     kind = deployment.StreamingNginxSite
     status_of_a_body_unread = 502
@@ -196,10 +199,12 @@ class PrivilegedSiteTest(SiteOfKindTest):
         self.assertEqual((kept.stat().st_uid, kept.stat().st_gid), (UID, GID))
 
 
+@full
 class PrivilegedLighttpdTest(PrivilegedSiteTest, unittest.TestCase):
     kind = deployment.LighttpdWithFcgiwrap
 
 
+@full
 class PrivilegedApacheTest(PrivilegedSiteTest, unittest.TestCase):
     kind = deployment.ApacheWithFcgiwrap
 
@@ -424,6 +429,7 @@ class LauncherTest(unittest.TestCase):
             self.assertEqual(done.stdout, "")
 
 
+@full
 class BackEndTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):

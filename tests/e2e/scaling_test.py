@@ -15,7 +15,7 @@ import unittest
 from processes import wait_for
 from scaling_hosts import can_make_namespaces
 from scaling_site import Load, Site, block, document
-from verdict import main
+from verdict import full, main
 
 VISITS = 5_000
 FEWER_VISITS = 900
@@ -112,6 +112,7 @@ class KilledTest(SiteTest):
             back_end.start()
 
 
+@full
 class ScalingTest(SiteTest):
     def test_many_visits_see_a_back_end_killed_and_started_again(self):
         self.kill_and_start_again(VISITS)
@@ -193,6 +194,7 @@ class DocumentTest(unittest.TestCase):
         self.assertEqual(complaints, [])
 
 
+@full
 class FiguresTest(unittest.TestCase):
     def test_each_part_of_the_measuring_runs(self):
         script = SOURCE / "bench" / "scaling" / "scaling_figures.py"
@@ -210,6 +212,7 @@ class FiguresTest(unittest.TestCase):
             self.assertRegex(done.stdout, rf"(?m)^{figure}: .*\d|^ports: not measured")
 
 
+@full
 class OverloadTest(SiteTest):
     # Three times as many as there are workers in the back ends.
     seconds = 0.3
@@ -225,6 +228,7 @@ class OverloadTest(SiteTest):
                 self.assertEqual(web_host.proxy_state(back_end.name)["chkdown"], "0")
 
 
+@full
 class SecureScalingTest(SiteTest):
     """The same with TLS between the hosts."""
 

@@ -13,7 +13,7 @@ import time
 from client import CURL, begin_post, status_on
 from panel_server import FORM, PANEL, URLENCODED, Panel, PanelTest, field, file, form
 from processes import open_files, wait_for
-from verdict import main
+from verdict import full, main
 
 LIMIT = 100 << 20
 TOO_LARGE = "Please send less at a time."
@@ -190,6 +190,7 @@ class SlowUpload(UploadTest):
         self.assertEqual(status_on(upload), 303)
 
 
+@full
 class SilentUpload(UploadTest):
     """A client that falls silent is waited for, but not for ever."""
 
