@@ -18,7 +18,7 @@ add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   # A macro of ours for log lines may have nothing for its "...".
   add_compile_options(-Wno-gnu-zero-variadic-macro-arguments
-    -Wreserved-identifier)
+    "$<$<COMPILE_LANGUAGE:CXX>:-Wreserved-identifier>")
 endif()
 if(ZANCGI_WERROR)
   add_compile_options(-Werror)

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <iterator>
 #include <optional>
 #include <ostream>
@@ -50,8 +51,9 @@ std::optional<LogLine> LineIn(std::string_view text) {
   const std::string_view process = TakeUntil("] ", text);
   const std::string_view group = TakeUntil(" ", text);
   const std::optional<int> level = LevelByName(TakeUntil(": ", text));
-  if (module.empty() || module.find(' ') != module.npos || process.empty() ||
-      process.find_first_not_of("0123456789") != process.npos ||
+  if (module.empty() || module.find(' ') != std::string_view::npos ||
+      process.empty() ||
+      process.find_first_not_of("0123456789") != std::string_view::npos ||
       group.empty() || !level) {
     return std::nullopt;
   }
