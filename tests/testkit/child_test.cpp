@@ -130,7 +130,15 @@ TEST(Log, HoldsTheLinesOfAllModulesAndMarks) {
   EXPECT_EQ(ParseLog("zancgi[12] core error: a: b\n"
                      "2026-11-21T12:00:00Z panel[1] front debug: \n"
                      "==12==ERROR: not ours\n"
-                     "zancgi[12] core loud: not ours\n"),
+                     "zancgi[12] core loud: not ours\n"
+                     "zancgi[twelve] core error: not ours\n"
+                     "a zancgi[12] core error: not ours\n"
+                     "Z zancgi[12] core error: not ours\n"
+                     "[12] core error: not ours\n"
+                     "zancgi[] core error: not ours\n"
+                     "zancgi[12]  error: not ours\n"
+                     "zancgi[12] core error\n"
+                     "zancgi\n\n"),
             (std::vector<LogLine>{{3, "a: b"}, {9, "", "panel", "front"}}));
 }
 

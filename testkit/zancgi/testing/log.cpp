@@ -29,10 +29,12 @@ std::optional<int> LevelByName(std::string_view name) {
 }
 
 /// Removes what is before the separator from the text, with the separator, and
-/// returns it. Without a separator, that is all of the text.
+/// returns it: nothing if there is no separator.
 std::string_view TakeUntil(std::string_view separator, std::string_view& text) {
-  const std::string_view taken = text.substr(0, text.find(separator));
-  text.remove_prefix(std::min(taken.size() + separator.size(), text.size()));
+  const std::size_t end = text.find(separator);
+  if (end == std::string_view::npos) return {};
+  const std::string_view taken = text.substr(0, end);
+  text.remove_prefix(end + separator.size());
   return taken;
 }
 
