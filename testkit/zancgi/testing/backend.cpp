@@ -170,7 +170,7 @@ Backend& Backend::On(const std::string& function, Step step) {
   if (step.kind == Step::Kind::Refuse) {
     throw std::invalid_argument("a query that is read cannot be refused");
   }
-  rules_.insert_or_assign(function, std::move(step));
+  rules_[function] = std::move(step);
   return *this;
 }
 
