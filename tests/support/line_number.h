@@ -1,5 +1,5 @@
 /// @file
-/// Log lines whose source has changed since.
+/// Log lines without the line numbers of our sources.
 #ifndef ZANCGI_TESTS_SUPPORT_LINE_NUMBER_H
 #define ZANCGI_TESTS_SUPPORT_LINE_NUMBER_H
 
