@@ -32,7 +32,7 @@ class Form:
 
 
 def run(bench: Bench) -> None:
-    for form in checked_forms() if bench.only_checks else forms(bench.quick):
+    for form in forms(bench.quick):
         answers = answers_to(form.values)
         for kind, content_type, encode in (
             ("multipart", MULTIPART, multipart),
@@ -49,24 +49,16 @@ def run(bench: Bench) -> None:
 
 def forms(quick: bool) -> Iterator[Form]:
     small = with_whole_line_ends(f"value {i} & more" for i in range(100_000))
-    large = with_whole_line_ends(large_values(250_000))
+    large = with_whole_line_ends(large_values())
     yield Form("10000", "10,000 small fields", small[:10_000], 11 if quick else 41, 10)
     yield Form("100000", "100,000 small fields", small, 3 if quick else 21, 10)
     yield Form("large", "40 fields of 250 kB", large, 3 if quick else 21, 10)
 
 
-def checked_forms() -> Iterator[Form]:
-    """Larger ones would take long to check, and show no more."""
-    small = with_whole_line_ends(f"value {i} & more" for i in range(10_000))
-    large = with_whole_line_ends(large_values(25_000))
-    yield Form("10000", "10,000 small fields", small, 1, 1)
-    yield Form("large", "40 fields of 25 kB", large, 1, 1)
-
-
-def large_values(size: int) -> Iterator[str]:
+def large_values() -> Iterator[str]:
     generator = random.Random(1)
     for _ in range(40):
-        yield "".join(generator.choices(CHARACTERS, k=size))
+        yield "".join(generator.choices(CHARACTERS, k=250_000))
 
 
 def with_whole_line_ends(values: Iterator[str]) -> list[str]:

@@ -1,7 +1,6 @@
 // What comes of a body, rule by rule: by the plain parser and by the library's,
 // which must agree on all that they leave behind and log.
 
-#include <cstdio>
 #include <cstring>
 #include <iterator>
 
@@ -93,17 +92,34 @@ Request WithoutFiles(Request request) {
 
 // What comes of it.
 
-/// How the lines begin that are logged of every body.
+/// What is logged of every body, with "N" for sizes.
 constexpr const char* kUsualLines[] = {
     "8 void zan_cgi::Cgi::Data::ParseInput()",
     "9 zancgi.cpp:# POST boundary detected: true",
-    "9 zancgi.cpp:# query size '", "8 ParseInput Creating new file FILE",
-    "9 zancgi.cpp:# End of stdin parsing, stdin state EOF false, GOOD true, "};
+    "9 zancgi.cpp:# query size 'N', free space in tmpdir 'N'",
+    "8 ParseInput Creating new file FILE",
+    "9 zancgi.cpp:# End of stdin parsing, stdin state EOF false, GOOD true, "
+    "read "
+    "N of N chars"};
+
+bool IsDigit(char character) { return character >= '0' && character <= '9'; }
+
+/// With "N" for each number but the level.
+std::string WithoutSizes(const std::string& line) {
+  std::string without = line.substr(0, 1);
+  for (std::size_t i = 1; i < line.size(); ++i) {
+    if (!IsDigit(line[i])) {
+      without += line[i];
+    } else if (!IsDigit(line[i - 1])) {
+      without += 'N';
+    }
+  }
+  return without;
+}
 
 bool IsUsual(const std::string& line) {
-  return std::any_of(
-      std::begin(kUsualLines), std::end(kUsualLines),
-      [&line](const char* beginning) { return line.starts_with(beginning); });
+  return std::find(std::begin(kUsualLines), std::end(kUsualLines),
+                   WithoutSizes(line)) != std::end(kUsualLines);
 }
 
 /// How an account names the other lines.
@@ -130,11 +146,11 @@ std::string NameOfLine(const std::string& line) {
   for (const auto& [text, name] : kNamesOfLines) {
     if (line.starts_with(text)) return name + line.substr(std::strlen(text));
   }
-  unsigned appended = 0;
-  const bool appends =
-      std::sscanf(line.c_str(), "9 zancgi.cpp:# appending %u chars to buff",
-                  &appended) == 1;
-  return appends ? "+" + std::to_string(appended) : line;
+  if (WithoutSizes(line) != "9 zancgi.cpp:# appending N chars to buff") {
+    return line;
+  }
+  const std::size_t size = line.find_first_of("0123456789", 1);
+  return "+" + line.substr(size, line.find(' ', size) - size);
 }
 
 /// "content" when the file is kept and has its size; otherwise with what the

@@ -7,6 +7,7 @@
 #include <tov/err.h>
 #include <zancgi/testing/mount.h>
 
+#include <cctype>
 #include <climits>
 #include <iostream>
 #include <memory>
@@ -26,6 +27,10 @@ std::string WithoutFile(std::string text) {
   constexpr char kName[] = "/zantempXXXXXX";
   const std::size_t name = text.find("/zantemp");
   if (name == text.npos) return text;
+  for (std::size_t i = name + sizeof("/zantemp") - 1;
+       i < name + sizeof(kName) - 1; ++i) {
+    if (i == text.size() || std::isalnum(text[i]) == 0) return text;
+  }
   const std::size_t path = text.find_last_of(" '", name) + 1;
   return text.replace(path, name + sizeof(kName) - 1 - path, "FILE");
 }
